@@ -1,0 +1,70 @@
+/**
+ * @file
+ * Platform volumes: the file systems that may hold service data.
+ *
+ * A volume is a mounted file system whose mount path matches one of the configured patterns, or a directory that the
+ * configuration lists by name (for machines with one disk). The configuration is "/usr/tarn/etc/volumes.conf": one
+ * directive a line, "#" begins a comment:
+ *   pattern /volume*        mount paths that are volumes, as a shell pattern (this one is the default)
+ *   directory /srv/data     a directory that counts as a volume of its own
+ *   exclude /volumeUSB*     volumes that must not hold service data
+ * Mounts come from libmount. No function throws.
+ */
+#ifndef TARNSDK_VOLUME_H
+#define TARNSDK_VOLUME_H
+
+#include <limits.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/** Bits of TARNMountVolInfo.flags. */
+enum TARNVolumeFlag {
+	TARN_VOLUME_FLAG_DATA = 0x01, /**< Holds data: a real file system, or a directory listed by name. */
+};
+
+/** One volume. */
+typedef struct TARNMountVolInfo {
+	char mount_path[PATH_MAX];     /**< Mount path or listed directory, without a trailing slash. */
+	struct TARNMountVolInfo* next; /**< Next record of an enumeration, null in the last. */
+	uint32_t flags;                /**< TARNVolumeFlag bits. */
+	uint64_t free_bytes;           /**< Bytes available to unprivileged users. */
+	uint64_t total_bytes;          /**< Capacity in bytes. */
+	uint32_t healthy;              /**< Non-zero when the file system answers and reports no error. */
+	uint32_t writable;             /**< Non-zero when it is not mounted read-only. */
+} TARNMountVolInfo;
+
+/**
+ * All volumes, in ascending byte-wise order of their mount paths.
+ *
+ * The arguments select, on an appliance, among kinds of volumes; here they are accepted as callers pass them (0, 1, 0).
+ *
+ * @return a list to be freed with TARNMountVolInfoFree(); null when the mounts cannot be read or there is no volume
+ *         (TLIBCErrGet() then tells the errno value, ENODEV for no volume)
+ */
+TARNMountVolInfo* TARNMountVolAllEnum(int kind, int mounted_only, int flags);
+
+/**
+ * The record of one volume.
+ *
+ * @param path    its mount path (or listed directory), exactly
+ * @param record  receives the record; next is null
+ * @return 0 on success, -1 when the path is no volume or cannot be read (TLIBCErrGet() tells the errno value)
+ */
+int TARNMountVolInfoGet(const char* path, TARNMountVolInfo* record);
+
+/** Frees an enumeration; null is ignored. */
+void TARNMountVolInfoFree(TARNMountVolInfo* list);
+
+/** Whether the volume may host service data: non-zero unless an "exclude" line names it. */
+int TARNVolumeServicePolicy(const TARNMountVolInfo* record);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif
