@@ -18,42 +18,50 @@ extern "C" {
 
 /** Bits of the option mask of TLIBCExecl(). */
 enum TLIBCExecOption {
-	TLIBC_EXEC_WAIT = 0x01,        /**< Wait for the program's end; without it the program runs on by itself. */
-	TLIBC_EXEC_CLOSE_FDS = 0x02,   /**< Close every descriptor above 2 in the child. */
-	TLIBC_EXEC_NEW_GROUP = 0x04,   /**< Make the child the leader of a process group of its own. */
-	TLIBC_EXEC_STDIN_NULL = 0x08,  /**< Standard input is /dev/null. */
-	TLIBC_EXEC_STDOUT_NULL = 0x10, /**< Standard output is /dev/null. */
-	TLIBC_EXEC_STDERR_NULL = 0x20, /**< Standard error is /dev/null. */
+	TLIBC_EXEC_WAIT = 0x01,         /**< Wait for the program's end; without it the program runs on by itself. */
+	TLIBC_EXEC_CLOSE_FDS = 0x02,    /**< Close every descriptor above 2 in the child. */
+	TLIBC_EXEC_NEW_GROUP = 0x04,    /**< Make the child the leader of a process group of its own. */
+	TLIBC_EXEC_STDIN_NULL = 0x08,   /**< Standard input is /dev/null. */
+	TLIBC_EXEC_STDOUT_NULL = 0x10,  /**< Standard output is /dev/null. */
+	TLIBC_EXEC_STDERR_NULL = 0x20,  /**< Standard error is /dev/null. */
 	TLIBC_EXEC_KEEP_SIGNALS = 0x40, /**< Keep the caller's signal mask and ignored signals instead of resetting them. */
-	TLIBC_EXEC_CLEAN_ENV = 0x80,   /**< Give the child the built environment described at TLIBCExecl(). */
+	TLIBC_EXEC_CLEAN_ENV = 0x80,    /**< Give the child the built environment described at TLIBCExecl(). */
 };
 
 /** The mask for a quiet, isolated helper program: wait, no descriptors, no streams, built environment (0xBB). */
-#define TLIBC_EXEC_ISOLATED                                                                                   \
-	(TLIBC_EXEC_WAIT | TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL | TLIBC_EXEC_STDOUT_NULL |                 \
-	 TLIBC_EXEC_STDERR_NULL | TLIBC_EXEC_CLEAN_ENV)
+#define TLIBC_EXEC_ISOLATED                                                                                            \
+	(TLIBC_EXEC_WAIT | TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL | TLIBC_EXEC_STDOUT_NULL |                         \
+	    TLIBC_EXEC_STDERR_NULL | TLIBC_EXEC_CLEAN_ENV)
 
 /**
  * Runs a program, never through a shell.
  *
- * @param path  absolute path of the program; it is also argument 0
+ * @param path     absolute path of the program; it is also argument 0
  * @param options  mask of TLIBCExecOption bits
- * @param ...  the arguments (const char*), ended by a null pointer
+ * @param ...      the arguments (const char*), ended by a null pointer
  * @return 0 when it ran and exited with status 0; the exit status when it exited with another one; -1 when it could
  *         not be started or a signal ended it (TLIBCErrGet() tells which). Without TLIBC_EXEC_WAIT: 0 when started.
  *
+ * A program that is waited for is killed when the waiting thread or process ends, so that nothing of an interrupted run
+ * goes on writing beside the next one. Without TLIBC_EXEC_WAIT it becomes a child of the system's reaper, not a zombie.
+ * In a process that ignores SIGCHLD, or reaps children that aren't its own, the program's end cannot be learnt: -1 with
+ * ECHILD.
+ *
  * With TLIBC_EXEC_CLEAN_ENV the child inherits nothing of the caller's environment but its proxy variables
- * (http_proxy, https_proxy, no_proxy and their upper-case forms). It gets PATH=/usr/sbin:/usr/bin:/sbin:/bin, LC_ALL=C, HOME=/nonexistent
- * (the home that Debian's policy keeps absent: nothing to obey in it, nothing can be left there), WGETRC naming
- * "/usr/tarn/etc/data_update/wgetrc" when that is a regular file owned by root that nobody else may write, and
- * WGETRC=/dev/null otherwise, and an ftp_proxy that leads nowhere, because a link that redirects to FTP would leave
- * the protections of the HTTP client behind.
+ * (http_proxy, https_proxy, no_proxy and their upper-case forms). It gets PATH=/usr/sbin:/usr/bin:/sbin:/bin, LC_ALL=C,
+ * HOME=/nonexistent (the home that Debian's policy keeps absent: nothing to obey in it, nothing can be left there),
+ * WGETRC naming "/usr/tarn/etc/data_update/wgetrc" when that is a regular file owned by root that nobody else may
+ * write, and WGETRC=/dev/null otherwise, and an ftp_proxy that leads nowhere, because a link that redirects to FTP
+ * would leave the protections of the HTTP client behind. (Hosts that no_proxy names are reached without a proxy, by FTP
+ * too.)
  */
 int TLIBCExecl(const char* path, unsigned int options, ...) __attribute__((sentinel));
 
 /**
  * Runs a program with up to four arguments and waits for it; descriptors above 2 are closed in the child and its
- * signals reset, its environment is the built one. The first null pointer among the arguments ends the list.
+ * signals reset, its environment is the built one, and its standard input is /dev/null since nobody is there to answer
+ * it. The first null pointer among the arguments ends the list. It runs on when the caller dies: what is being moved is
+ * moved to the end.
  *
  * @return 0 when the program exited with status 0, and -1 in every other case, since callers take any result that
  *         isn't negative for a success
@@ -79,7 +87,7 @@ int TLIBCFileExist(const char* path);
  * Creates a directory with all missing parents.
  *
  * @param path   directory to create; an existing directory (or link to one) is success
- * @param mode   permission bits of created directories; 0 means 0755
+ * @param mode   permission bits of created directories, less the umask; 0 means 0755
  * @param flags  reserved, 0
  * @param uid    owner of created directories, (uid_t)-1 leaves it
  * @param gid    group of created directories, (gid_t)-1 leaves it

@@ -1,0 +1,109 @@
+#include "child_process.h"
+#include "environment.h"
+
+#include <tarncore/tarncore.h>
+
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <exception>
+
+namespace {
+
+using tarn::process::Program;
+
+constexpr unsigned int kKnownOptions = TLIBC_EXEC_ISOLATED | TLIBC_EXEC_NEW_GROUP | TLIBC_EXEC_KEEP_SIGNALS;
+
+int Fail(int code) {
+	TLIBCErrSet(code);
+	return -1;
+}
+
+/** No exception may reach a caller that is written in C; the only one possible here is a lack of memory. */
+template<typename Work>
+int WithoutExceptions(Work work) {
+	try {
+		return work();
+	} catch (const std::exception&) {
+		return Fail(ENOMEM);
+	}
+}
+
+Program MakeProgram(const char* path, unsigned int options) {
+	Program program;
+	program.path = path;
+	program.close_descriptors = (options & TLIBC_EXEC_CLOSE_FDS) != 0;
+	program.new_group = (options & TLIBC_EXEC_NEW_GROUP) != 0;
+	program.reset_signals = (options & TLIBC_EXEC_KEEP_SIGNALS) == 0;
+	program.dies_with_caller = (options & TLIBC_EXEC_WAIT) != 0;
+	constexpr unsigned int kNullOptions[] = {TLIBC_EXEC_STDIN_NULL, TLIBC_EXEC_STDOUT_NULL, TLIBC_EXEC_STDERR_NULL};
+	for (size_t i = 0; i < program.streams.size(); ++i) {
+		program.streams[i] =
+		    (options & kNullOptions[i]) != 0 ? tarn::process::kNullStream : tarn::process::kInheritStream;
+	}
+	if ((options & TLIBC_EXEC_CLEAN_ENV) != 0) {
+		program.environment = tarn::core::BuildEnvironment();
+	}
+	return program;
+}
+
+/** The exit status, or -1; either failure is kept for TLIBCErrGet(). */
+int RunToEnd(const Program& program) {
+	pid_t child = -1;
+	int status = 0;
+	if (const int error = tarn::process::Start(program, child); error != 0) {
+		return Fail(error);
+	}
+	if (const int error = tarn::process::Wait(child, status); error != 0) {
+		return Fail(error);
+	}
+	if (!WIFEXITED(status)) {
+		return Fail(TLIBC_ERR_SIGNAL + WTERMSIG(status));
+	}
+	if (WEXITSTATUS(status) != 0) {
+		TLIBCErrSet(TLIBC_ERR_EXIT + WEXITSTATUS(status));
+	}
+	return WEXITSTATUS(status);
+}
+
+int RunList(const char* path, unsigned int options, std::va_list arguments) {
+	if (path == nullptr || path[0] != '/' || (options & ~kKnownOptions) != 0) {
+		return Fail(EINVAL);
+	}
+	Program program = MakeProgram(path, options);
+	while (const char* argument = va_arg(arguments, const char*)) {
+		program.arguments.emplace_back(argument);
+	}
+	if ((options & TLIBC_EXEC_WAIT) != 0) {
+		return RunToEnd(program);
+	}
+	const int error = tarn::process::StartDetached(program);
+	return error == 0 ? 0 : Fail(error);
+}
+
+} // namespace
+
+int TLIBCExecl(const char* path, unsigned int options, ...) {
+	std::va_list arguments;
+	va_start(arguments, options);
+	const int result = WithoutExceptions([&] { return RunList(path, options, arguments); });
+	va_end(arguments);
+	return result;
+}
+
+int TLIBCExec(const char* path, const char* arg1, const char* arg2, const char* arg3, const char* arg4) {
+	return WithoutExceptions([&] {
+		if (path == nullptr || path[0] != '/') {
+			return Fail(EINVAL);
+		}
+		Program program = MakeProgram(path, TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL | TLIBC_EXEC_CLEAN_ENV);
+		for (const char* argument : {arg1, arg2, arg3, arg4}) {
+			if (argument == nullptr) {
+				break;
+			}
+			program.arguments.emplace_back(argument);
+		}
+		return RunToEnd(program) == 0 ? 0 : -1;
+	});
+}

@@ -1,0 +1,103 @@
+#include "hostinfo.h"
+
+#include <tarncore/tarncore.h>
+
+#include <sys/utsname.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <fstream>
+
+namespace tarn::core {
+namespace {
+
+/** A longer value is no name but an accident, and the whole string must fit into callers' buffers. */
+constexpr size_t kLongestPart = 128;
+
+/** A value of an os-release file: shell quoting taken off. */
+std::string Unquote(const std::string& value) {
+	std::string plain;
+	char quote = '\0';
+	for (size_t i = 0; i < value.size() && plain.size() < kLongestPart; ++i) {
+		const char c = value[i];
+		if (c == '\\' && quote != '\'' && i + 1 < value.size()) {
+			plain += value[++i];
+		} else if (quote == '\0' && (c == '"' || c == '\'')) {
+			quote = c;
+		} else if (c == quote) {
+			quote = '\0';
+		} else {
+			plain += c;
+		}
+	}
+	return plain;
+}
+
+/** Keeps a part from ending the header line, or the bracketed comment that it stands in. */
+std::string Sanitise(std::string part) {
+	for (char& c : part) {
+		if (c < ' ' || c > '~' || std::strchr("()\\;", c) != nullptr) {
+			c = '_';
+		}
+	}
+	return part;
+}
+
+utsname Kernel() {
+	utsname kernel = {};
+	uname(&kernel);
+	return kernel;
+}
+
+} // namespace
+
+const std::vector<std::string>& OsReleasePaths() {
+	static const std::vector<std::string> paths = {"/etc/os-release", "/usr/lib/os-release"};
+	return paths;
+}
+
+std::string OsName(const std::vector<std::string>& os_release_paths) {
+	for (const std::string& path : os_release_paths) {
+		std::ifstream file(path);
+		std::string name;
+		std::string version;
+		for (std::string line; std::getline(file, line);) {
+			if (line.compare(0, 5, "NAME=") == 0) {
+				name = Unquote(line.substr(5));
+			} else if (line.compare(0, 11, "VERSION_ID=") == 0) {
+				version = Unquote(line.substr(11));
+			}
+		}
+		if (!name.empty()) {
+			return version.empty() ? name : name + " " + version;
+		}
+	}
+	return Kernel().sysname;
+}
+
+std::string UserAgent(const std::string& category, const std::vector<std::string>& os_release_paths) {
+	return std::string("tarn/") + TARN_VERSION + " (" + Sanitise(OsName(os_release_paths)) + "; " +
+	       Sanitise(Kernel().machine) + ") " + Sanitise(category);
+}
+
+} // namespace tarn::core
+
+int TLIBHostinfoUserAgentGet(const char* category, char* buffer, size_t size) {
+	if (category == nullptr || buffer == nullptr) {
+		TLIBCErrSet(EINVAL);
+		return -1;
+	}
+	try {
+		const std::string text = tarn::core::UserAgent(category, tarn::core::OsReleasePaths());
+		if (text.size() >= size) {
+			TLIBCErrSet(ERANGE);
+			return -1;
+		}
+		std::memcpy(buffer, text.c_str(), text.size() + 1);
+		return static_cast<int>(text.size());
+	} catch (const std::exception&) {
+		TLIBCErrSet(ENOMEM);
+		return -1;
+	}
+}

@@ -1,0 +1,79 @@
+#include "device_id.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstring>
+#include <fstream>
+
+namespace tarn::crypto {
+namespace {
+
+// A part of the interface: another key gives every device another identifier.
+constexpr const char* kApplicationKey = "tarn.data_update.device_id.v1";
+
+constexpr size_t kMachineIdLength = 32;
+
+bool IsMachineId(const std::string& text) {
+	const auto is_digit = [](unsigned char c) { return std::isxdigit(c) != 0; };
+	return text.size() == kMachineIdLength && std::all_of(text.begin(), text.end(), is_digit) &&
+	       text.find_first_not_of('0') != std::string::npos;
+}
+
+std::string ToHex(const unsigned char* data, size_t size) {
+	constexpr const char* kDigits = "0123456789abcdef";
+	std::string text;
+	for (size_t i = 0; i < size; ++i) {
+		text += kDigits[data[i] >> 4U];
+		text += kDigits[data[i] & 0x0fU];
+	}
+	return text;
+}
+
+} // namespace
+
+const std::vector<std::string>& MachineIdPaths() {
+	static const std::vector<std::string> paths = {"/etc/machine-id", "/var/lib/dbus/machine-id"};
+	return paths;
+}
+
+std::optional<std::string> ReadMachineId(const std::vector<std::string>& paths) {
+	for (const std::string& path : paths) {
+		std::ifstream file(path);
+		std::string text;
+		std::getline(file, text);
+		if (IsMachineId(text)) {
+			std::transform(text.begin(), text.end(), text.begin(),
+			    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+			return text;
+		}
+		syslog(LOG_INFO, "tarncrypto: no machine id in '%s'", path.c_str());
+	}
+	return std::nullopt;
+}
+
+std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_paths, int bytes) {
+	if (bytes < 1 || bytes > kLongestId) {
+		return std::nullopt;
+	}
+	const std::optional<std::string> machine_id = ReadMachineId(machine_id_paths);
+	if (!machine_id) {
+		return std::nullopt;
+	}
+	std::array<unsigned char, EVP_MAX_MD_SIZE> digest = {};
+	unsigned int size = 0;
+	const std::vector<unsigned char> message(machine_id->begin(), machine_id->end());
+	if (HMAC(EVP_sha256(), kApplicationKey, static_cast<int>(std::strlen(kApplicationKey)), message.data(),
+	        message.size(), digest.data(), &size) == nullptr) {
+		syslog(LOG_ERR, "tarncrypto: cannot compute the device id: HMAC-SHA256 failed");
+		return std::nullopt;
+	}
+	return ToHex(digest.data(), static_cast<size_t>(bytes));
+}
+
+} // namespace tarn::crypto

@@ -1,0 +1,25 @@
+/** @file The device identifier, derived from the machine id. */
+#ifndef TARNCRYPTO_DEVICE_ID_H
+#define TARNCRYPTO_DEVICE_ID_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn::crypto {
+
+/** Most bytes that an identifier can have. */
+constexpr int kLongestId = 32;
+
+/** The files that may hold the machine id, in the order in which they are asked. */
+const std::vector<std::string>& MachineIdPaths();
+
+/** The first usable machine id: 32 hexadecimal digits, not all of them zero. */
+std::optional<std::string> ReadMachineId(const std::vector<std::string>& paths);
+
+/** The first bytes of the identifier in lower-case hexadecimal; nothing when there is no machine id. */
+std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_paths, int bytes);
+
+} // namespace tarn::crypto
+
+#endif
