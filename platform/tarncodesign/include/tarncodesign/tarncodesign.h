@@ -7,9 +7,14 @@
  * chunk again as it is read into private memory, so that a file rewritten between or during the two steps never
  * yields a byte that was not signed. docs/formats.md describes the bytes.
  *
- * Trusted public keys are the files "/usr/tarn/etc/codesign/<key type>/*.pub" (PEM, Ed25519), any number of them, so
- * that keys can be rotated. A context is used by one thread. No function throws; failures are told to syslog at
- * LOG_ERR, with the archive's path and the reason.
+ * Trusted public keys are the files ending in ".pub" (PEM, Ed25519) in "/usr/tarn/etc/codesign/<key type>", any number
+ * of them, so that keys can be rotated. Directory and files must belong to root or to the calling user, be no links,
+ * and not be writable by anybody else; a file that breaks this, or holds something else, is skipped with a warning.
+ *
+ * A context is used by one thread. Order of calls: init, open, extract, free. No function throws; every failure is one
+ * line in syslog at LOG_ERR, with the archive's path and the reason. Extracting runs one more thread for as long as it
+ * lasts, with all signals blocked. Memory stays under 20 MB whatever the archive's size. Nothing is synced: the caller
+ * syncs the file system once, before it relies on what was extracted.
  */
 #ifndef TARNCODESIGN_TARNCODESIGN_H
 #define TARNCODESIGN_TARNCODESIGN_H
@@ -38,7 +43,8 @@ struct tarnarchive;
 struct tarnarchive* tarnarchive_init(const char* destination);
 
 /**
- * Opens an archive and checks all of it: head, signature by a trusted key, length, every chunk. Writes nothing.
+ * Opens an archive and checks all of it: head, length, signature by a trusted key, every chunk. Writes nothing. The
+ * archive must be a regular file and no link. An archive that was open before in this context is closed.
  *
  * @param context  from tarnarchive_init()
  * @param package  path of the archive
@@ -51,13 +57,17 @@ bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* pack
  * Extracts the opened archive below the destination; never outside of it, whatever the archive holds.
  *
  * Refused with false: absolute names, "..", links that lead out, names that pass through a link in the destination
- * (one planted by an earlier archive included), devices, FIFOs, sockets, set-id bits, more entries or bytes than the
- * signed head declares. An existing file is replaced, not written into. After a failure members already extracted
- * remain; the caller clears the destination.
+ * (one planted by an earlier archive included), devices, FIFOs, sockets, set-id and sticky bits, more or fewer members
+ * or bytes than the signed head declares, more than 4,000,000 members or 256 GiB. An existing file or link is
+ * replaced, not written into; a directory is replaced only when it is empty. Files get mode 0644 or 0755, directories
+ * 0755, the caller's owner and the present time. After a failure members already extracted remain; the caller clears
+ * the destination.
  *
  * @param context  opened with tarnarchive_open_with_keytype()
- * @param members  null-terminated list of member names to extract, or null for all
+ * @param members  null-terminated list of member names to extract, or null for all; a name that the archive lacks is
+ *                 a failure
  * @param mode     TARNARCHIVE_EXTRACT_ALL
+ * @return true when every member was extracted; may be called again
  */
 bool tarnarchive_extract_multiple(struct tarnarchive* context, const char* const* members, int mode);
 

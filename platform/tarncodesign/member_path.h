@@ -1,0 +1,38 @@
+#ifndef TARNCODESIGN_MEMBER_PATH_H
+#define TARNCODESIGN_MEMBER_PATH_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarn::codesign {
+
+/**
+ * A member's name in its components, none of which is empty, "." or "..". No components at all mean the destination
+ * itself.
+ */
+using MemberPath = std::vector<std::string>;
+
+/**
+ * Splits a name; empty and "." components are dropped.
+ *
+ * @throws ArchiveError for an empty, absolute or overlong name, and for one with ".."
+ */
+MemberPath ParseMemberName(std::string_view name);
+
+/** Components joined by "/". */
+std::string Joined(const MemberPath& path);
+
+/**
+ * Checks that a symbolic link cannot lead out of the tree: a relative target, ".." only at its beginning and no more
+ * often than the link lies deep. Since no link in the tree leads out, none can be used to make a longer way out.
+ *
+ * @param link    where the link lies
+ * @param target  what it holds
+ * @throws ArchiveError
+ */
+void CheckLinkTarget(const MemberPath& link, std::string_view target);
+
+} // namespace tarn::codesign
+
+#endif
