@@ -28,6 +28,9 @@ public:
 	int Get() const { return fd_; }
 	explicit operator bool() const { return fd_ >= 0; }
 
+	/** Gives the descriptor up to a new owner. */
+	int Release() { return std::exchange(fd_, -1); }
+
 	void Reset() {
 		if (fd_ >= 0) {
 			close(std::exchange(fd_, -1));

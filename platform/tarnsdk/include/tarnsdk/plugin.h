@@ -4,16 +4,23 @@
  *
  * The hooks of a module and path are the executable regular files in "/usr/tarn/lib/hooks/<module>/<path>/" (shipped)
  * and "/usr/tarn/etc/hooks/<module>/<path>/" (the administrator's), run one after the other in the lexical order of
- * their file names; a name that stands in both directories runs from the administrator's only. Each is called with the
- * action's word ("pre" or "post") as its argument. The plug-in arguments reach it
- *   - on standard input and in the file named by TARN_HOOK_ARGS_FILE: for each argument its key, "=", its value and a
- *     NUL byte (a value can be far longer than one environment string may be), and
- *   - as environment variables of the same names, where key, "=" and value fit into 128 KiB; the variable
- *     TARN_HOOK_OMITTED lists, separated by blanks, the keys that did not fit.
- * A hook runs in a process group of its own with a built environment (PATH, LC_ALL=C, HOME=/nonexistent,
- * TARN_HOOK_ACTION, TARN_HOOK_MODULE, TARN_HOOK_PATH) and no descriptor of the caller. One that is still running
- * after the time limit (TARN_HOOK_TIMEOUT_SECONDS) is killed with its whole group. A daemon that a hook leaves
- * behind in a session of its own keeps running. Failures are told to syslog at LOG_ERR with the hook's path.
+ * their file names. A name that stands in both directories runs from the administrator's only; one that isn't
+ * executable there turns the shipped hook off. Names that begin with "." or end in "~" or hold ".dpkg-" are left out,
+ * links are skipped. A hook, or a directory on the way to it from "hooks" down, that doesn't belong to root or that
+ * others may write is refused, which counts as a failed hook. Each is called with the action's word ("pre" or "post")
+ * as its argument. The plug-in arguments reach it
+ *   - on standard input, for each argument its key, "=", its value and a NUL byte (a value can be far longer than one
+ *     environment string may be). TARN_HOOK_ARGS_FILE names the same file, "/proc/self/fd/0": every opening begins at
+ *     its start, and means the standard input of the process that opens it. The file is in memory, can only be read,
+ *     and is gone after the hook.
+ *   - as environment variables of the same names, where key, "=" and value fit into 128 KiB, and all of them into half
+ *     of the system's limit; the variable TARN_HOOK_OMITTED lists, separated by blanks, the keys that did not fit.
+ * A hook runs in a process group of its own, in the directory "/", with a built environment (PATH, LC_ALL=C,
+ * HOME=/nonexistent, TARN_HOOK_ACTION, TARN_HOOK_MODULE, TARN_HOOK_PATH), /dev/null as output and error, and no
+ * descriptor of the caller. One that is still running after the time limit (TARN_HOOK_TIMEOUT_SECONDS) is killed with
+ * its whole group. A daemon that a hook leaves behind in a session of its own keeps running. Failures are told to
+ * syslog at LOG_ERR with the hook's path. No function throws; each may be called from any thread, a context by one
+ * thread at a time.
  */
 #ifndef TARNSDK_PLUGIN_H
 #define TARNSDK_PLUGIN_H
@@ -44,7 +51,14 @@ typedef enum TLIBPluginActionType {
  */
 int TLIBPluginSDKInit(const char* module, const char* path, TLIBPluginContext** handle);
 
-/** Sets one argument for the hooks; a later value replaces an earlier one. Returns 0 on success, -1 on failure. */
+/**
+ * Sets one argument for the hooks; a later value replaces an earlier one.
+ *
+ * @param handle  an open context
+ * @param key     name of an environment variable: letters, digits and "_"; not PATH, LC_ALL, HOME, LD_*, TARN_HOOK_*
+ * @param value   any text
+ * @return 0 on success, -1 on failure
+ */
 int TLIBPluginSetArg(TLIBPluginContext* handle, const char* key, const char* value);
 
 /**
@@ -54,7 +68,7 @@ int TLIBPluginSetArg(TLIBPluginContext* handle, const char* key, const char* val
  */
 int TLIBPluginAction(TLIBPluginActionType action, TLIBPluginContext* handle);
 
-/** Closes a context. Returns 0. */
+/** Closes a context; one that isn't open (any more) is ignored, as owners may share a handle. Returns 0. */
 int TLIBPluginExit(TLIBPluginContext* handle);
 
 #pragma GCC visibility pop

@@ -3,12 +3,14 @@
  * Platform volumes: the file systems that may hold service data.
  *
  * A volume is a mounted file system whose mount path matches one of the configured patterns, or a directory that the
- * configuration lists by name (for machines with one disk). The configuration is "/usr/tarn/etc/volumes.conf": one
- * directive a line, "#" begins a comment:
- *   pattern /volume*        mount paths that are volumes, as a shell pattern (this one is the default)
- *   directory /srv/data     a directory that counts as a volume of its own
- *   exclude /volumeUSB*     volumes that must not hold service data
- * Mounts come from libmount. No function throws.
+ * configuration lists by name (for machines with one disk). Pseudo file systems (tmpfs among them), network file
+ * systems and swap areas are no volumes by pattern; a listed directory counts on any file system. The configuration is
+ * "/usr/tarn/etc/volumes.conf": one directive a line, "#" at a word's beginning starts a comment:
+ *   pattern /volume*        mount paths that are volumes, as a shell pattern; such lines replace this default
+ *   directory /srv/data     an existing directory that counts as a volume of its own
+ *   exclude /volumeUSB*     volumes that must not hold service data, as a shell pattern
+ * A "*" doesn't reach across "/". Lines that cannot be understood are told to syslog and skipped; without the file the
+ * default pattern stands alone. Mounts come from libmount. No function throws.
  */
 #ifndef TARNSDK_VOLUME_H
 #define TARNSDK_VOLUME_H
@@ -33,8 +35,8 @@ typedef struct TARNMountVolInfo {
 	uint32_t flags;                /**< TARNVolumeFlag bits. */
 	uint64_t free_bytes;           /**< Bytes available to unprivileged users. */
 	uint64_t total_bytes;          /**< Capacity in bytes. */
-	uint32_t healthy;              /**< Non-zero when the file system answers and reports no error. */
-	uint32_t writable;             /**< Non-zero when it is not mounted read-only. */
+	uint32_t healthy;              /**< Non-zero when its root can be measured and read without an error. */
+	uint32_t writable;             /**< Non-zero when it is healthy and not mounted read-only. */
 } TARNMountVolInfo;
 
 /**
@@ -42,8 +44,8 @@ typedef struct TARNMountVolInfo {
  *
  * The arguments select, on an appliance, among kinds of volumes; here they are accepted as callers pass them (0, 1, 0).
  *
- * @return a list to be freed with TARNMountVolInfoFree(); null when the mounts cannot be read or there is no volume
- *         (TLIBCErrGet() then tells the errno value, ENODEV for no volume)
+ * @return a list to be freed with TARNMountVolInfoFree(); null when the configuration or the mounts cannot be read or
+ *         there is no volume (TLIBCErrGet() then tells the errno value, ENODEV for no volume)
  */
 TARNMountVolInfo* TARNMountVolAllEnum(int kind, int mounted_only, int flags);
 
@@ -52,14 +54,15 @@ TARNMountVolInfo* TARNMountVolAllEnum(int kind, int mounted_only, int flags);
  *
  * @param path    its mount path (or listed directory), exactly
  * @param record  receives the record; next is null
- * @return 0 on success, -1 when the path is no volume or cannot be read (TLIBCErrGet() tells the errno value)
+ * @return 0 on success, -1 when the path is no volume (ENODEV) or its file system doesn't answer (TLIBCErrGet() tells
+ * the errno value)
  */
 int TARNMountVolInfoGet(const char* path, TARNMountVolInfo* record);
 
 /** Frees an enumeration; null is ignored. */
 void TARNMountVolInfoFree(TARNMountVolInfo* list);
 
-/** Whether the volume may host service data: non-zero unless an "exclude" line names it. */
+/** Whether the volume may host service data: non-zero unless an "exclude" line names it or the file is unreadable. */
 int TARNVolumeServicePolicy(const TARNMountVolInfo* record);
 
 #pragma GCC visibility pop

@@ -1,0 +1,151 @@
+#include "hook_directory.h"
+
+#include "unique_fd.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+
+namespace tarn::sdk {
+namespace {
+
+using process::UniqueFd;
+
+/** What stands under a name: a hook to be run, or something that only hides hooks of that name in earlier roots. */
+struct Entry {
+	std::string path;
+	bool runs = false;
+};
+
+constexpr const char* kUntrusted = "others than its administrator may write it";
+
+using Entries = std::map<std::string, Entry>;
+
+bool IsTrusted(const struct stat& info, uid_t owner) {
+	return info.st_uid == owner && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+void LogRefused(const std::string& path, const char* reason) {
+	syslog(LOG_ERR, "tarnsdk: hooks: '%s' is refused: %s", path.c_str(), reason);
+}
+
+/** Editors and package managers leave such files beside the real ones. */
+bool IsLeftover(const std::string& name) {
+	return name[0] == '.' || name.back() == '~' || name.find(".dpkg-") != std::string::npos;
+}
+
+int Refuse(const std::string& path, int error) {
+	LogRefused(path, std::strerror(error));
+	return error;
+}
+
+/** Opens one directory: 0, ENOENT when it is absent, or another errno value when it is refused, which has been logged.
+ */
+int OpenTrusted(int at, const std::string& name, int flags, const std::string& path, uid_t owner, UniqueFd& directory) {
+	UniqueFd opened(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags));
+	if (!opened) {
+		return errno == ENOENT ? ENOENT : Refuse(path, errno);
+	}
+	struct stat info = {};
+	if (fstat(opened.Get(), &info) != 0) {
+		return Refuse(path, errno);
+	}
+	if (!IsTrusted(info, owner)) {
+		LogRefused(path, kUntrusted);
+		return EPERM;
+	}
+	directory = std::move(opened);
+	return 0;
+}
+
+/** Walks down from a root, so that no directory on the way may be anyone else's. */
+int OpenBelow(const std::string& root, const std::string& subpath, uid_t owner, UniqueFd& directory) {
+	int error = OpenTrusted(AT_FDCWD, root, 0, root, owner, directory);
+	for (size_t begin = 0; error == 0 && begin <= subpath.size();) {
+		const size_t end = std::min(subpath.find('/', begin), subpath.size());
+		const std::string path = root + "/" + subpath.substr(0, end);
+		const std::string name = subpath.substr(begin, end - begin);
+		error = OpenTrusted(directory.Get(), name, O_NOFOLLOW, path, owner, directory);
+		begin = end + 1;
+	}
+	return error;
+}
+
+/** Takes one name into the entries; false when it is a hook that isn't trusted. */
+bool TakeEntry(int directory, const std::string& name, const std::string& path, uid_t owner, Entries& entries) {
+	Entry& entry = entries[name];
+	entry = {path, false};
+	struct stat info = {};
+	if (fstatat(directory, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+		Refuse(path, errno);
+		return false;
+	}
+	if (!S_ISREG(info.st_mode)) {
+		syslog(LOG_WARNING, "tarnsdk: hooks: '%s' is skipped: it is no regular file", path.c_str());
+		return true;
+	}
+	if ((info.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0) {
+		return true;
+	}
+	if (!IsTrusted(info, owner)) {
+		LogRefused(path, kUntrusted);
+		return false;
+	}
+	entry.runs = true;
+	return true;
+}
+
+bool TakeDirectory(UniqueFd directory, const std::string& path, uid_t owner, Entries& entries) {
+	struct CloseStream {
+		void operator()(DIR* stream) const { closedir(stream); }
+	};
+	const UniqueFd names(fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0));
+	const std::unique_ptr<DIR, CloseStream> stream(fdopendir(directory.Get()));
+	if (!names || !stream) {
+		Refuse(path, errno);
+		return false;
+	}
+	directory.Release();
+	bool complete = true;
+	errno = 0;
+	while (const dirent* found = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe): a stream of our own
+		const std::string name = found->d_name;
+		if (!IsLeftover(name)) {
+			complete = TakeEntry(names.Get(), name, path + "/" + name, owner, entries) && complete;
+		}
+		errno = 0;
+	}
+	if (errno != 0) {
+		Refuse(path, errno);
+		return false;
+	}
+	return complete;
+}
+
+} // namespace
+
+HookList FindHooks(const std::vector<std::string>& roots, const std::string& subpath, uid_t owner) {
+	HookList hooks;
+	Entries entries;
+	for (const std::string& root : roots) {
+		UniqueFd directory;
+		const int error = OpenBelow(root, subpath, owner, directory);
+		const bool taken = error == 0 && TakeDirectory(std::move(directory), root + "/" + subpath, owner, entries);
+		hooks.complete = (taken || error == ENOENT) && hooks.complete;
+	}
+	for (const auto& [name, entry] : entries) {
+		if (entry.runs) {
+			hooks.paths.push_back(entry.path);
+		}
+	}
+	return hooks;
+}
+
+} // namespace tarn::sdk

@@ -1,0 +1,135 @@
+#include "hook_runner.h"
+
+#include "child_process.h"
+#include "hook_directory.h"
+
+#include <climits>
+
+// This header of the C library lacks the declaration that makes it usable from C++.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace tarn::sdk {
+namespace {
+
+using process::UniqueFd;
+using Clock = std::chrono::steady_clock;
+
+/** A killed process that hangs in the kernel is left to itself after this time. */
+constexpr std::chrono::seconds kKillGrace(10);
+
+std::vector<std::string> HookEnvironment(const HookEvent& event) {
+	std::vector<std::string> environment = ArgumentVariables(event.arguments);
+	environment.insert(environment.end(),
+	    {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C", "HOME=/nonexistent", "TARN_HOOK_ACTION=" + event.action,
+	        "TARN_HOOK_MODULE=" + event.module, "TARN_HOOK_PATH=" + event.path, "TARN_HOOK_ARGS_FILE=/proc/self/fd/0"});
+	return environment;
+}
+
+bool Failed(const std::string& path, const std::string& reason) {
+	syslog(LOG_ERR, "tarnsdk: hook '%s' %s", path.c_str(), reason.c_str());
+	return false;
+}
+
+/** Waits until the process has ended; false when it is still running after the limit. */
+bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit) {
+	const Clock::time_point deadline = Clock::now() + limit;
+	pollfd watched = {process.Get(), POLLIN, 0};
+	const auto poll_once = [&] {
+		const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+		return poll(&watched, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
+	};
+	return process::RetryOnInterrupt(poll_once) > 0;
+}
+
+/** Kills a hook and its process group, even when it has moved itself to another one. */
+void KillGroup(pid_t leader) {
+	kill(-leader, SIGKILL);
+	kill(leader, SIGKILL);
+}
+
+bool JudgeEnd(const std::string& path, int status) {
+	if (WIFSIGNALED(status)) {
+		return Failed(path, "was killed by signal " + std::to_string(WTERMSIG(status)));
+	}
+	if (WEXITSTATUS(status) != 0) {
+		return Failed(path, "exited with status " + std::to_string(WEXITSTATUS(status)));
+	}
+	return true;
+}
+
+/** Waits for a started hook and reaps it. */
+bool Await(const std::string& path, pid_t child, std::chrono::milliseconds limit) {
+	const UniqueFd process(pidfd_open(child, 0));
+	const int watch_error = process ? 0 : errno;
+	const bool ended = process && EndsWithin(process, limit);
+	if (!ended) {
+		// The leader hasn't been reaped, so its number can't have passed to another group yet.
+		KillGroup(child);
+		if (process && !EndsWithin(process, kKillGrace)) {
+			return Failed(path, "cannot be killed and is left to itself");
+		}
+	}
+	int status = 0;
+	if (const int error = process::Wait(child, status); error != 0) {
+		return Failed(path, std::string("could not be waited for: ") + std::strerror(error));
+	}
+	if (watch_error != 0) {
+		return Failed(path, std::string("was killed since it cannot be watched: ") + std::strerror(watch_error));
+	}
+	if (!ended) {
+		return Failed(path, "was killed with its process group after " + std::to_string(limit.count()) + " ms");
+	}
+	return JudgeEnd(path, status);
+}
+
+bool RunHook(const std::string& path, process::Program& program, const UniqueFd& arguments,
+    std::chrono::milliseconds time_limit) {
+	const UniqueFd input = ReopenForReading(arguments);
+	if (!input) {
+		return Failed(path, std::string("cannot be given its arguments: ") + std::strerror(errno));
+	}
+	program.path = path;
+	program.streams[0] = input.Get();
+	pid_t child = -1;
+	if (const int error = process::Start(program, child); error != 0) {
+		return Failed(path, std::string("cannot be started: ") + std::strerror(error));
+	}
+	return Await(path, child, time_limit);
+}
+
+} // namespace
+
+bool RunHooks(const HookEvent& event, const HookSettings& settings) {
+	const HookList hooks = FindHooks(settings.roots, event.module + "/" + event.path, settings.owner);
+	if (hooks.paths.empty()) {
+		return hooks.complete;
+	}
+	const UniqueFd arguments = MakeArgumentFile(event.arguments);
+	if (!arguments) {
+		return Failed(hooks.paths.front(), std::string("cannot be given its arguments: ") + std::strerror(errno));
+	}
+	process::Program program;
+	program.arguments = {event.action};
+	program.environment = HookEnvironment(event);
+	program.streams = {process::kNullStream, process::kNullStream, process::kNullStream};
+	program.working_directory = "/";
+	program.new_group = true;
+	bool all_succeeded = hooks.complete;
+	for (const std::string& path : hooks.paths) {
+		all_succeeded = RunHook(path, program, arguments, settings.time_limit) && all_succeeded;
+	}
+	return all_succeeded;
+}
+
+} // namespace tarn::sdk

@@ -1,0 +1,42 @@
+/** @file Running hooks under a time limit. */
+#ifndef TARNSDK_HOOK_RUNNER_H
+#define TARNSDK_HOOK_RUNNER_H
+
+#include "hook_arguments.h"
+
+#include <tarnsdk/plugin.h>
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace tarn::sdk {
+
+/** Where hooks lie, whom they must belong to, and how long one may take. */
+struct HookSettings {
+	std::vector<std::string> roots = {"/usr/tarn/lib/hooks", "/usr/tarn/etc/hooks"};
+	uid_t owner = 0;
+	std::chrono::milliseconds time_limit = std::chrono::seconds(TARN_HOOK_TIMEOUT_SECONDS);
+};
+
+/** What is told to hooks. */
+struct HookEvent {
+	std::string module;
+	std::string path;
+	/** "pre" or "post". */
+	std::string action;
+	HookArguments arguments;
+};
+
+/**
+ * Runs all hooks of the event's module and path, one after the other.
+ *
+ * @return whether every one was trusted, ran and exited with status 0
+ */
+bool RunHooks(const HookEvent& event, const HookSettings& settings);
+
+} // namespace tarn::sdk
+
+#endif

@@ -1,0 +1,139 @@
+#include "hook_runner.h"
+
+#include <tarncore/tarncore.h>
+#include <tarnsdk/plugin.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace {
+
+using tarn::sdk::HookEvent;
+
+int Fail(int code) {
+	TLIBCErrSet(code);
+	return -1;
+}
+
+/** No exception may reach a caller that is written in C; the only ones possible here are a lack of resources. */
+template<typename Work>
+int WithoutExceptions(Work work) {
+	try {
+		return work();
+	} catch (const std::exception&) {
+		return Fail(ENOMEM);
+	}
+}
+
+/**
+ * The open contexts. Handles are numbers that never return, not addresses: owners that share a handle close it more
+ * than once, and the second time must neither touch freed memory nor close somebody else's context.
+ */
+class Contexts {
+public:
+	TLIBPluginContext* Open(HookEvent event) {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		// NOLINTNEXTLINE(performance-no-int-to-ptr): nobody follows this pointer
+		auto* const handle = reinterpret_cast<TLIBPluginContext*>(++last_);
+		open_.emplace(handle, std::make_shared<HookEvent>(std::move(event)));
+		return handle;
+	}
+
+	/** Null when the handle isn't open (any more). */
+	std::shared_ptr<HookEvent> Find(const TLIBPluginContext* handle) {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		const auto found = open_.find(handle);
+		return found == open_.end() ? nullptr : found->second;
+	}
+
+	void Close(const TLIBPluginContext* handle) {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		open_.erase(handle);
+	}
+
+private:
+	std::mutex mutex_;
+	uintptr_t last_ = 0;
+	std::map<const TLIBPluginContext*, std::shared_ptr<HookEvent>> open_;
+};
+
+Contexts& OpenContexts() {
+	static Contexts contexts;
+	return contexts;
+}
+
+bool IsComponent(const std::string& name) {
+	return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+bool IsRelativePath(const std::string& path) {
+	size_t begin = 0;
+	for (size_t end = 0; end != std::string::npos; begin = end + 1) {
+		end = path.find('/', begin);
+		if (!IsComponent(path.substr(begin, end - begin))) {
+			return false;
+		}
+	}
+	return true;
+}
+
+const char* ActionWord(TLIBPluginActionType action) {
+	switch (action) {
+	case TLIB_PLUGIN_ACTION_PRE:
+		return "pre";
+	case TLIB_PLUGIN_ACTION_POST:
+		return "post";
+	}
+	return nullptr;
+}
+
+} // namespace
+
+int TLIBPluginSDKInit(const char* module, const char* path, TLIBPluginContext** handle) {
+	if (handle == nullptr) {
+		return Fail(EINVAL);
+	}
+	*handle = nullptr;
+	return WithoutExceptions([&] {
+		if (module == nullptr || path == nullptr || !IsComponent(module) || !IsRelativePath(path)) {
+			return Fail(EINVAL);
+		}
+		*handle = OpenContexts().Open({module, path, {}, {}});
+		return 0;
+	});
+}
+
+int TLIBPluginSetArg(TLIBPluginContext* handle, const char* key, const char* value) {
+	return WithoutExceptions([&] {
+		const std::shared_ptr<HookEvent> event = OpenContexts().Find(handle);
+		if (!event || key == nullptr || value == nullptr || !tarn::sdk::IsArgumentKey(key)) {
+			return Fail(EINVAL);
+		}
+		event->arguments[key] = value;
+		return 0;
+	});
+}
+
+int TLIBPluginAction(TLIBPluginActionType action, TLIBPluginContext* handle) {
+	return WithoutExceptions([&] {
+		const std::shared_ptr<HookEvent> event = OpenContexts().Find(handle);
+		const char* const word = ActionWord(action);
+		if (!event || word == nullptr) {
+			return Fail(EINVAL);
+		}
+		event->action = word;
+		return tarn::sdk::RunHooks(*event, tarn::sdk::HookSettings()) ? 0 : Fail(ECHILD);
+	});
+}
+
+int TLIBPluginExit(TLIBPluginContext* handle) {
+	return WithoutExceptions([&] {
+		OpenContexts().Close(handle);
+		return 0;
+	});
+}

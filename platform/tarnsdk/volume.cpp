@@ -1,0 +1,95 @@
+#include "volume_list.h"
+
+#include <tarncore/tarncore.h>
+#include <tarnsdk/volume.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <memory>
+
+namespace {
+
+using tarn::sdk::ListVolumes;
+using tarn::sdk::Volume;
+using tarn::sdk::VolumeSources;
+
+/** Frees a list node by node, so that a long one doesn't recurse. */
+struct FreeList {
+	void operator()(TARNMountVolInfo* list) const {
+		while (list != nullptr) {
+			const std::unique_ptr<TARNMountVolInfo> head(list);
+			list = head->next;
+		}
+	}
+};
+
+/** Links the records up from the last to the first. */
+TARNMountVolInfo* MakeList(const std::vector<Volume>& volumes) {
+	std::unique_ptr<TARNMountVolInfo, FreeList> list;
+	for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume) {
+		auto node = std::make_unique<TARNMountVolInfo>(volume->record);
+		node->next = list.release();
+		list.reset(node.release());
+	}
+	return list.release();
+}
+
+/** The volume with the path into the record; 0 or an errno value. */
+int FindVolume(const std::string& path, TARNMountVolInfo& record) {
+	std::vector<Volume> volumes;
+	if (const int error = ListVolumes(VolumeSources(), volumes); error != 0) {
+		return error;
+	}
+	const auto found = std::find_if(
+	    volumes.begin(), volumes.end(), [&](const Volume& volume) { return path == volume.record.mount_path; });
+	if (found == volumes.end()) {
+		return ENODEV;
+	}
+	record = found->record;
+	return found->error;
+}
+
+} // namespace
+
+TARNMountVolInfo* TARNMountVolAllEnum(int /*kind*/, int /*mounted_only*/, int /*flags*/) {
+	try {
+		std::vector<Volume> volumes;
+		const int error = ListVolumes(VolumeSources(), volumes);
+		if (error == 0 && !volumes.empty()) {
+			return MakeList(volumes);
+		}
+		TLIBCErrSet(error != 0 ? error : ENODEV);
+	} catch (const std::exception&) {
+		TLIBCErrSet(ENOMEM);
+	}
+	return nullptr;
+}
+
+int TARNMountVolInfoGet(const char* path, TARNMountVolInfo* record) {
+	int error = EINVAL;
+	try {
+		if (path != nullptr && record != nullptr) {
+			error = FindVolume(path, *record);
+		}
+	} catch (const std::exception&) {
+		error = ENOMEM;
+	}
+	if (error != 0) {
+		TLIBCErrSet(error);
+	}
+	return error == 0 ? 0 : -1;
+}
+
+void TARNMountVolInfoFree(TARNMountVolInfo* list) {
+	FreeList()(list);
+}
+
+int TARNVolumeServicePolicy(const TARNMountVolInfo* record) {
+	try {
+		return record != nullptr && tarn::sdk::MayHostServiceData(tarn::sdk::kVolumeConfigPath, record->mount_path) ? 1
+		                                                                                                            : 0;
+	} catch (const std::exception&) {
+		return 0;
+	}
+}

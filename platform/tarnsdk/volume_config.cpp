@@ -1,0 +1,100 @@
+#include "volume_config.h"
+
+#include <climits>
+
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <map>
+
+namespace tarn::sdk {
+namespace {
+
+constexpr const char* kBlanks = " \t\r";
+constexpr const char* kDefaultPattern = "/volume*";
+
+std::string Trim(const std::string& text) {
+	const size_t begin = text.find_first_not_of(kBlanks);
+	if (begin == std::string::npos) {
+		return {};
+	}
+	return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+}
+
+/** A "#" begins a comment where a word could begin; within a path it is a character like others. */
+std::string WithoutComment(const std::string& line) {
+	for (size_t at = line.find('#'); at != std::string::npos; at = line.find('#', at + 1)) {
+		if (at == 0 || std::string(kBlanks).find(line[at - 1]) != std::string::npos) {
+			return line.substr(0, at);
+		}
+	}
+	return line;
+}
+
+std::string WithoutTrailingSlashes(std::string path) {
+	while (path.size() > 1 && path.back() == '/') {
+		path.pop_back();
+	}
+	return path;
+}
+
+/** Takes one line over; otherwise tells what is wrong with it, null when nothing is. */
+const char* TakeLine(const std::string& line, VolumeConfig& config) {
+	const std::map<std::string, std::vector<std::string>*> lists = {
+	    {"pattern", &config.patterns}, {"directory", &config.directories}, {"exclude", &config.exclusions}};
+	const std::string text = Trim(WithoutComment(line));
+	if (text.empty()) {
+		return nullptr;
+	}
+	const size_t blank = std::min(text.find_first_of(kBlanks), text.size());
+	const auto list = lists.find(text.substr(0, blank));
+	if (list == lists.end()) {
+		return "unknown directive";
+	}
+	const std::string path = WithoutTrailingSlashes(Trim(text.substr(blank)));
+	if (path.empty()) {
+		return "the path is missing";
+	}
+	if (path[0] != '/') {
+		return "the path is not absolute";
+	}
+	if (path.size() >= PATH_MAX) {
+		return "the path is too long";
+	}
+	list->second->push_back(path);
+	return nullptr;
+}
+
+} // namespace
+
+int ReadVolumeConfig(const std::string& path, VolumeConfig& config) {
+	config = VolumeConfig();
+	std::ifstream file(path);
+	if (!file.is_open() && errno != ENOENT && errno != ENOTDIR) {
+		return errno;
+	}
+	std::string line;
+	for (unsigned int number = 1; std::getline(file, line); ++number) {
+		if (const char* problem = TakeLine(line, config); problem != nullptr) {
+			syslog(LOG_WARNING, "tarnsdk: %s:%u: %s: '%s'", path.c_str(), number, problem, line.c_str());
+		}
+	}
+	if (file.bad()) {
+		return EIO;
+	}
+	if (config.patterns.empty()) {
+		config.patterns.emplace_back(kDefaultPattern);
+	}
+	return 0;
+}
+
+bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path) {
+	return std::any_of(patterns.begin(), patterns.end(),
+	    [&](const std::string& pattern) { return fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME) == 0; });
+}
+
+} // namespace tarn::sdk
