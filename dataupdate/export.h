@@ -1,0 +1,10 @@
+/**
+ * @file
+ * Marks what the shared library exports; everything else stays hidden. Includable from C.
+ */
+#ifndef DATAUPDATE_EXPORT_H
+#define DATAUPDATE_EXPORT_H
+
+#define TARNDBUD_EXPORT __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,25 @@
+/**
+ * @file
+ * Copying a regular file without waiting for the disk.
+ */
+#ifndef DATAUPDATE_FILE_COPY_H
+#define DATAUPDATE_FILE_COPY_H
+
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Copies a regular file's content and permission bits to a path that must not exist, sharing extents where the file
+ * system can. Nothing is synced: a sync for every file costs twenty times the copy, so callers sync the file system
+ * once (SyncFileSystem). Throws boost::filesystem::filesystem_error and removes a half-made copy.
+ */
+void CopyRegularFile(const std::string& src, const std::string& dst);
+
+/** Brings everything written to the file system that holds a path to its disk. Throws UpdateError "Fail to sync ...".
+ */
+void SyncFileSystem(const std::string& path);
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,51 @@
+#include "file_lock.h"
+
+#include "lock_poll.h"
+#include "log.h"
+#include "update_error.h"
+
+#include <boost/filesystem.hpp>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+constexpr char kLogSource[] = "file_lock.cpp";
+
+} // namespace
+
+FileLock::FileLock(const std::string& path, unsigned long timeout_seconds) : path_(path), fd_(-1) {
+	LockWait wait(timeout_seconds);
+	MakeDir(path_);
+	fd_ = open(path_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+	if (fd_ < 0) {
+		throw UpdateError("Fail open lock file " + path_);
+	}
+	if (!wait.Lock(fd_, LOCK_EX)) {
+		close(fd_);
+		throw UpdateError("Fail to lock " + path_);
+	}
+	TARN_LOG(LOG_INFO, "Acquire lock on file: %s", path_.c_str());
+}
+
+FileLock::~FileLock() {
+	if (flock(fd_, LOCK_UN) == -1) {
+		TARN_LOG(LOG_ERR, "Fail to unlock %s", path_.c_str());
+	}
+	close(fd_);
+	TARN_LOG(LOG_INFO, "Release lock on file: %s", path_.c_str());
+}
+
+void FileLock::MakeDir(const std::string& path) {
+	try {
+		boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
+	} catch (const boost::filesystem::filesystem_error& error) {
+		throw UpdateError(std::string("Fail to create dir ") + error.what());
+	}
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,43 @@
+/**
+ * @file
+ * Exclusive locks between processes.
+ */
+#ifndef DATAUPDATE_FILE_LOCK_H
+#define DATAUPDATE_FILE_LOCK_H
+
+#include "export.h"
+
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * An exclusive advisory lock (flock) on a file, held from construction to destruction.
+ *
+ * Two objects exclude each other in one process as well. The lock file and its directories are created when missing
+ * and never removed: a holder of the removed file and a holder of its successor would both think themselves alone. A
+ * process that dies releases its lock, and no child inherits one.
+ */
+class TARNDBUD_EXPORT FileLock {
+public:
+	/**
+	 * Waits for the lock, trying every 100 ms; with a timeout of 0 exactly once.
+	 *
+	 * Throws UpdateError "Fail to create dir <why>", "Fail open lock file <path>", or "Fail to lock <path>" when the
+	 * lock is still busy after so many seconds.
+	 */
+	FileLock(const std::string& path, unsigned long timeout_seconds);
+	~FileLock();
+	FileLock(const FileLock&) = delete;
+	FileLock& operator=(const FileLock&) = delete;
+
+private:
+	static void MakeDir(const std::string& path);
+
+	std::string path_;
+	int fd_;
+};
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,53 @@
+/**
+ * @file
+ * Telling other services that a database is about to change and has changed.
+ */
+#ifndef DATAUPDATE_HOOK_H
+#define DATAUPDATE_HOOK_H
+
+#include "export.h"
+
+#include <tarnsdk/plugin.h>
+
+#include <set>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Runs the plug-in hooks of module "database_autoupdate" and path "database_autoupdate/version_change". They are told
+ * the database ("DATABASE"), the changed files ("CHANGED_FILES", joined by ":" without escaping, absolute paths after a
+ * full update or a fix) and the delimiter ("DELIMITER").
+ *
+ * Hooks advise: every failure is logged at LOG_ERR and returned as false, none is thrown.
+ */
+class TARNDBUD_EXPORT UpdateHook {
+public:
+	/** Opens the plug-in context and sets the arguments. */
+	UpdateHook(const std::string& id, const std::set<std::string>& files);
+	/** Copies share the source's context, and each of them closes it; copy only what will not be destroyed twice. */
+	UpdateHook(const UpdateHook& other);
+	UpdateHook& operator=(const UpdateHook& other);
+	/** Closes the context. */
+	virtual ~UpdateHook();
+
+	/** Runs the hooks before the change, and after it. */
+	virtual bool ExecPre();
+	virtual bool ExecPost();
+	/** Closes the context; to be called once, since the handle keeps its value. */
+	virtual void Clear();
+
+	bool SetEnv(const std::string& key, const std::string& value);
+	bool ExecAction(TLIBPluginActionType action);
+	/** The paths in order, with ":" between them. */
+	static std::string JoinFiles(const std::set<std::string>& files);
+
+private:
+	TLIBPluginContext* handle_ = nullptr;
+	std::string module_;
+	std::string path_;
+};
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,47 @@
+#include "progress.h"
+
+#include <mutex>
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+struct State {
+	std::mutex mutex;
+	Activity activity;
+};
+
+State& GetState() {
+	static State state;
+	return state;
+}
+
+} // namespace
+
+Activity CurrentActivity() {
+	const std::lock_guard<std::mutex> guard(GetState().mutex);
+	return GetState().activity;
+}
+
+ActivityScope::ActivityScope(Phase phase, const std::string& path) {
+	Activity inner;
+	inner.phase = phase;
+	inner.path = path;
+	const std::lock_guard<std::mutex> guard(GetState().mutex);
+	inner.serial = GetState().activity.serial + 1;
+	outer_ = std::exchange(GetState().activity, std::move(inner));
+}
+
+ActivityScope::~ActivityScope() {
+	const std::lock_guard<std::mutex> guard(GetState().mutex);
+	outer_.serial = GetState().activity.serial + 1;
+	GetState().activity = std::move(outer_);
+}
+
+void AddActivityBytes(uint64_t bytes) {
+	const std::lock_guard<std::mutex> guard(GetState().mutex);
+	GetState().activity.bytes += bytes;
+}
+
+} // namespace tarn::dataupdate

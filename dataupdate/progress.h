@@ -1,0 +1,46 @@
+/**
+ * @file
+ * What the library is doing right now, for a host that shows progress.
+ *
+ * A host's own thread may ask at any time while another one runs an update; the library starts no thread and calls
+ * nobody back. One activity is known per process, the innermost that began last.
+ */
+#ifndef DATAUPDATE_PROGRESS_H
+#define DATAUPDATE_PROGRESS_H
+
+#include "export.h"
+
+#include <cstdint>
+#include <string>
+
+namespace tarn::dataupdate {
+
+enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash };
+
+struct Activity {
+	Phase phase = Phase::kIdle;
+	std::string path;    ///< The file that is downloaded, or the directory that is filled, replaced or hashed.
+	uint64_t bytes = 0;  ///< Bytes done; stays 0 while another program or library does the work (download, unpack).
+	uint64_t serial = 0; ///< Grows with every activity that begins or ends.
+};
+
+TARNDBUD_EXPORT Activity CurrentActivity();
+
+/** Marks an activity from construction to destruction; the one before is current again afterwards. */
+class ActivityScope {
+public:
+	ActivityScope(Phase phase, const std::string& path);
+	~ActivityScope();
+	ActivityScope(const ActivityScope&) = delete;
+	ActivityScope& operator=(const ActivityScope&) = delete;
+
+private:
+	Activity outer_;
+};
+
+/** Counts bytes of the current activity. */
+void AddActivityBytes(uint64_t bytes);
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,63 @@
+/**
+ * @file
+ * Coordination with updates: the lock that readers of a database hold, and whether an update is running.
+ *
+ * The two functions are the library's whole C interface; this header can be included from C.
+ */
+#ifndef DATAUPDATE_PROJECT_LOCK_H
+#define DATAUPDATE_PROJECT_LOCK_H
+
+#include "export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * Takes a shared lock on a database, so that its files are not replaced while it is held. Readers share it; an update
+ * waits for all of them, at most 600 seconds, and only while it replaces the files.
+ *
+ * @param project          database id
+ * @param timeout_seconds  how long to wait for a running replacement; 0 tries once
+ * @return a descriptor to pass to TARNDBUDReleaseFileLock(); -1 when the time was up; -2 when the database is not
+ *         configured, the configuration cannot be read, or no update has ever run (the lock file,
+ *         "/run/data_update/using_<project>.lock", is created by the first replacement)
+ *
+ * The descriptor is closed on exec. JsonCpp's exceptions pass through for a configuration file that holds no object.
+ */
+TARNDBUD_EXPORT int TARNDBUDGetFileLock(const char* project, unsigned long timeout_seconds);
+
+/** Releases what TARNDBUDGetFileLock() returned; negative values are ignored. */
+TARNDBUD_EXPORT void TARNDBUDReleaseFileLock(int fd);
+
+#ifdef __cplusplus
+}
+
+#include "service_config.h"
+
+#include <memory>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Tells whether an update is running, by trying the update's lock file for a moment. What cannot be tried, for want of
+ * permissions for example, counts as updating. The probe creates the lock file when it is missing.
+ */
+class TARNDBUD_EXPORT Checker {
+public:
+	explicit Checker(std::shared_ptr<ServiceConfig> service_config);
+	virtual ~Checker();
+
+	/** Throws UpdateError "Project <id> not supported". */
+	virtual bool IsUpdating(const std::string& id) const;
+	virtual bool IsAnyUpdating() const;
+
+private:
+	std::shared_ptr<ServiceConfig> service_config_;
+};
+
+} // namespace tarn::dataupdate
+#endif
+
+#endif

@@ -1,0 +1,83 @@
+/**
+ * @file
+ * What is known about a database: what the server offers, and what is installed.
+ *
+ * The records convert from and to JSON. "data_version" travels as a string of digits, other numbers as JSON integers.
+ * Every FromJson throws UpdateError "Invalid json object for <record>" when a member is missing or has the wrong type,
+ * the standard library's "stoi" exception when a version holds no number, and whatever JsonCpp throws when it is given
+ * something that is no object at all (null counts as an empty object).
+ */
+#ifndef DATAUPDATE_RECORDS_H
+#define DATAUPDATE_RECORDS_H
+
+#include "export.h"
+
+#include <json/value.h>
+
+#include <map>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/** One diff package of the server. */
+struct TARNDBUD_EXPORT DiffInfo {
+	DiffInfo(const std::string& link, int bytes);
+
+	static DiffInfo FromJson(const Json::Value& json);
+	/**
+	 * All diff packages of one database, keyed by the data version that each produces. Takes whatever value it is
+	 * given: null and a missing member are an empty map. Of two names for one number ("7", "07") the first wins.
+	 */
+	static std::map<int, DiffInfo> BatchFromJson(const Json::Value& json);
+	bool operator==(const DiffInfo& other) const;
+
+	std::string download_link;
+	int file_size; ///< Bytes.
+};
+
+/** One installed file. */
+struct TARNDBUD_EXPORT FileStatus {
+	FileStatus() = default;
+	explicit FileStatus(const std::string& digest);
+
+	static FileStatus FromJson(const Json::Value& json);
+	static Json::Value ToJson(const FileStatus& status);
+	/** Throws UpdateError "Invalid json object for FileStatuses" when the value is no object. */
+	static std::map<std::string, FileStatus> BatchFromJson(const Json::Value& json);
+	/** An empty map is written as {}. */
+	static Json::Value BatchToJson(const std::map<std::string, FileStatus>& statuses);
+	bool operator==(const FileStatus& other) const;
+	bool operator!=(const FileStatus& other) const;
+
+	std::string sha384_digest; ///< 96 lower-case hexadecimal digits, as GetSha384() gives them.
+};
+
+/** What the server offers for one database. */
+struct TARNDBUD_EXPORT RemoteInfo {
+	RemoteInfo(int version, int fetch_time, bool is_deprecated, const std::string& link);
+
+	static RemoteInfo FromJson(const Json::Value& json);
+	static Json::Value ToJson(const RemoteInfo& info);
+	bool operator==(const RemoteInfo& other) const;
+
+	int data_version;
+	int last_fetch_time; ///< Seconds since 1970.
+	bool deprecated;
+	std::string download_link; ///< The full package.
+};
+
+/** What is installed of one database; the content of its "version.json". */
+struct TARNDBUD_EXPORT DatabaseStatus {
+	static DatabaseStatus FromJson(const Json::Value& json);
+	static Json::Value ToJson(const DatabaseStatus& status);
+	bool operator==(const DatabaseStatus& other) const;
+	bool operator!=(const DatabaseStatus& other) const;
+
+	int data_version = -1;                           ///< -1: nothing is installed.
+	int last_fetch_time = 0;                         ///< Seconds since 1970.
+	std::map<std::string, FileStatus> file_statuses; ///< Keyed by file name.
+};
+
+} // namespace tarn::dataupdate
+
+#endif

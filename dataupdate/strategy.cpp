@@ -1,0 +1,71 @@
+#include "strategy.h"
+
+#include "digest_stream.h"
+#include "log.h"
+#include "progress.h"
+#include "update_error.h"
+#include "utils.h"
+
+#include <tarncodesign/tarncodesign.h>
+
+#include <memory>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+constexpr char kLogSource[] = "strategy";
+constexpr double kLeastFreeShare = 0.05;
+
+struct ArchiveCloser {
+	void operator()(tarnarchive* archive) const { tarnarchive_free(archive); }
+};
+
+std::string ArchiveFailure(const std::string& format, const std::string& tarball, bool result) {
+	return (NoexceptFormat(format) % tarball % static_cast<int>(result)).str();
+}
+
+} // namespace
+
+BaseStrategy::~BaseStrategy() = default;
+
+void BaseStrategy::PrepareUpdate() {}
+
+void BaseStrategy::ApplyUpdate() {}
+
+std::set<std::string> BaseStrategy::GetModifiedFiles() const {
+	return {};
+}
+
+int64_t BaseStrategy::GetDeltaSize() const {
+	return 0;
+}
+
+bool BaseStrategy::_CheckDigest(const std::string& path, const std::string& digest) const {
+	return FileSha384(path) == digest;
+}
+
+bool BaseStrategy::_IsSpaceEnough(const std::string& path, int64_t delta) const {
+	const auto [free_bytes, capacity] = IOUtils().GetFsSize(path);
+	const auto available = static_cast<int64_t>(free_bytes);
+	TARN_LOG(LOG_DEBUG, "capacity: %ju", capacity);
+	TARN_LOG(LOG_DEBUG, "available: %jd", static_cast<intmax_t>(available));
+	TARN_LOG(LOG_DEBUG, "delta: %jd", static_cast<intmax_t>(delta));
+	return static_cast<double>(available + delta) / static_cast<double>(capacity) > kLeastFreeShare;
+}
+
+void BaseStrategy::_ExtractTarballTo(const std::string& tarball, const std::string& destination) const {
+	const ActivityScope activity(Phase::kUnpack, destination);
+	const std::unique_ptr<tarnarchive, ArchiveCloser> archive(tarnarchive_init(destination.c_str()));
+	if (!archive) {
+		throw UpdateError("Failed to extract package at tarnarchive_init");
+	}
+	if (!tarnarchive_open_with_keytype(archive.get(), tarball.c_str(), TARNARCHIVE_KEYTYPE_DATA_UPDATE)) {
+		throw UpdateError(ArchiveFailure("tarnarchive_open %s failed, ret: %d", tarball, false));
+	}
+	if (!tarnarchive_extract_multiple(archive.get(), nullptr, TARNARCHIVE_EXTRACT_ALL)) {
+		throw UpdateError(ArchiveFailure("tarnarchive_extract %s failed, ret: %d", tarball, false));
+	}
+}
+
+} // namespace tarn::dataupdate

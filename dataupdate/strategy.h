@@ -1,0 +1,126 @@
+/**
+ * @file
+ * The ways of turning the installed copy of a database into another version.
+ *
+ * A strategy lives for one update: it is constructed with its inputs, PrepareUpdate() does everything that can fail
+ * without touching the installed files (download, signature, unpacking, free space), ApplyUpdate() replaces them while
+ * it holds "/run/data_update/using_<id>.lock" exclusively, waiting up to 600 seconds for readers, and the destructor
+ * removes the temporary data. The caller holds the database's update lock, and syncs the file system before it records
+ * the new version: readers need not wait for the disk. One thread uses a strategy.
+ *
+ * Three strings always travel together: the temporary base below which "@tmp/data_update" lies (the volume), the
+ * install directory, and the path whose file system is measured. Failures are UpdateError.
+ */
+#ifndef DATAUPDATE_STRATEGY_H
+#define DATAUPDATE_STRATEGY_H
+
+#include "export.h"
+#include "records.h"
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/** What an update does with one file. */
+struct TARNDBUD_EXPORT ModifyInfo {
+	static constexpr int32_t kOverride = 1; ///< Copy the source over the target.
+	static constexpr int32_t kDelete = 2;   ///< Remove the target.
+
+	int32_t operation = 0;
+	std::string source; ///< The new content, in the temporary area.
+};
+
+/** The interface, with operations that do nothing, and what all strategies share. */
+class TARNDBUD_EXPORT BaseStrategy {
+public:
+	BaseStrategy() = default;
+	BaseStrategy(const BaseStrategy&) = delete;
+	BaseStrategy& operator=(const BaseStrategy&) = delete;
+	virtual ~BaseStrategy();
+
+	virtual void PrepareUpdate();
+	virtual void ApplyUpdate();
+	/** The changed files, for the hooks and the digests. */
+	virtual std::set<std::string> GetModifiedFiles() const;
+	/** Bytes that the update frees in the install directory; negative when the new version is larger. */
+	virtual int64_t GetDeltaSize() const;
+
+protected:
+	/** Whether the file's SHA-384 digest is exactly this text. The file is opened for reading and writing. */
+	bool _CheckDigest(const std::string& path, const std::string& digest) const;
+	/** Whether more than 5 % of the file system's capacity is available once so many more bytes are free. */
+	bool _IsSpaceEnough(const std::string& path, int64_t delta) const;
+	/**
+	 * Checks a package's signature and unpacks it. Throws "Failed to extract package at tarnarchive_init",
+	 * "tarnarchive_open <package> failed, ret: <n>" with nothing unpacked, "tarnarchive_extract <package> failed,
+	 * ret: <n>".
+	 */
+	void _ExtractTarballTo(const std::string& tarball, const std::string& destination) const;
+};
+
+/** Replaces everything by the content of one package. Changed files are absolute target paths. */
+class TARNDBUD_EXPORT FullStrategy : public BaseStrategy {
+public:
+	FullStrategy(const std::string& id, const RemoteInfo& remote, const std::string& volume,
+	    const std::string& installPrefix, const std::string& rootDirectory);
+	~FullStrategy() override;
+
+	/**
+	 * Removes what a killed run of this database left in the temporary area, then downloads and unpacks the package.
+	 * Throws IOUtils::Download's and _ExtractTarballTo's errors, "path not in base", "Fail to calculate modify info:
+	 * <why>" and "Disk space is too low".
+	 */
+	void PrepareUpdate() override;
+	/**
+	 * Empties the install directory and copies the unpacked files into it. Throws "Fail to full update: <why>", after
+	 * which the installed copy may be partial until the next update or fix.
+	 */
+	void ApplyUpdate() override;
+	std::set<std::string> GetModifiedFiles() const override;
+	int64_t GetDeltaSize() const override;
+
+private:
+	void _CalModifyInfo();
+	void _ClearInstallDirectory() const;
+	void _CopyFiles() const;
+
+	std::string id_;
+	RemoteInfo remote_;
+	std::string temp_base_;
+	std::string install_directory_;
+	std::string space_check_path_;
+	std::string package_path_;
+	std::string unpack_directory_;
+	std::map<std::string, ModifyInfo> modify_infos_;
+};
+
+/**
+ * Unpacks the package of a given link over the install directory: no version comparison, no change set, no space
+ * check. Files that the package lacks stay.
+ */
+class TARNDBUD_EXPORT ForceInstallByLink : public BaseStrategy {
+public:
+	ForceInstallByLink(const std::string& id, const std::string& link, const std::string& volume,
+	    const std::string& installPrefix, const std::string& rootDirectory);
+	/** Removes the whole shared temporary area, other databases' prepared data included. */
+	~ForceInstallByLink() override;
+
+	void PrepareUpdate() override;
+	/** Throws "Fail to force install: <why>", after which the installed copy may be a mixture until the next fix. */
+	void ApplyUpdate() override;
+
+private:
+	std::string id_;
+	std::string link_;
+	std::string temp_base_;
+	std::string install_directory_;
+	std::string root_directory_;
+	std::string package_path_;
+};
+
+} // namespace tarn::dataupdate
+
+#endif

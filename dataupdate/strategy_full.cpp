@@ -1,0 +1,147 @@
+#include "file_copy.h"
+#include "file_lock.h"
+#include "paths.h"
+#include "progress.h"
+#include "strategy.h"
+#include "temp_data.h"
+#include "update_error.h"
+#include "utils.h"
+
+#include <boost/filesystem.hpp>
+
+#include <algorithm>
+#include <vector>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+/** The canonical form of a path; an entry that is no link shares its directory's, which is cheaper to find out once. */
+class Canonicalizer {
+public:
+	std::string operator()(const fs::path& entry) {
+		if (fs::is_symlink(fs::symlink_status(entry))) {
+			return fs::canonical(entry).string();
+		}
+		if (entry.parent_path() != directory_) {
+			directory_ = entry.parent_path();
+			canonical_directory_ = fs::canonical(directory_);
+		}
+		return (canonical_directory_ / entry.filename()).string();
+	}
+
+private:
+	fs::path directory_;
+	fs::path canonical_directory_;
+};
+
+} // namespace
+
+FullStrategy::FullStrategy(const std::string& id, const RemoteInfo& remote, const std::string& volume,
+    const std::string& installPrefix, const std::string& rootDirectory)
+    : id_(id),
+      remote_(remote),
+      temp_base_(volume),
+      install_directory_(installPrefix),
+      space_check_path_(rootDirectory) {}
+
+FullStrategy::~FullStrategy() {
+	if (!package_path_.empty()) {
+		CleanTarball(package_path_);
+	}
+	if (!unpack_directory_.empty()) {
+		CleanTmpData(unpack_directory_);
+	}
+}
+
+void FullStrategy::PrepareUpdate() {
+	const IOUtils io;
+	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));
+	io.TarnMkdir(TempDirPath(temp_base_));
+	RemoveLeftovers(temp_base_, id_);
+	io.Download(package_path_, remote_.download_link);
+	unpack_directory_ = TempPath(temp_base_, id_, "full");
+	io.TarnMkdir(unpack_directory_);
+	_ExtractTarballTo(package_path_, unpack_directory_);
+	_CalModifyInfo();
+	io.TarnMkdir(install_directory_);
+	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
+		throw UpdateError("Disk space is too low");
+	}
+}
+
+void FullStrategy::ApplyUpdate() {
+	try {
+		const FileLock lock(UsingLockPath(id_), kLockTimeout);
+		const ActivityScope activity(Phase::kApply, install_directory_);
+		_ClearInstallDirectory();
+		_CopyFiles();
+	} catch (const std::exception& error) {
+		throw UpdateError(std::string("Fail to full update: ") + error.what());
+	}
+}
+
+std::set<std::string> FullStrategy::GetModifiedFiles() const {
+	std::set<std::string> files;
+	for (const auto& [target, info] : modify_infos_) {
+		files.insert(files.end(), target);
+	}
+	return files;
+}
+
+int64_t FullStrategy::GetDeltaSize() const {
+	const IOUtils io;
+	return static_cast<int64_t>(io.GetSize(install_directory_)) - static_cast<int64_t>(io.GetSize(unpack_directory_));
+}
+
+void FullStrategy::_CalModifyInfo() {
+	try {
+		const std::string base = fs::canonical(unpack_directory_).string();
+		Canonicalizer canonical;
+		const auto add = [&](const std::string& entry) {
+			if (!fs::is_regular_file(fs::status(entry))) {
+				return;
+			}
+			const std::string resolved = canonical(entry);
+			if (resolved.compare(0, base.size(), base) != 0) {
+				throw UpdateError("path not in base");
+			}
+			const std::string relative = resolved.substr(std::min(base.size() + 1, resolved.size()));
+			ModifyInfo& info = modify_infos_[(fs::path(install_directory_) / relative).string()];
+			info.operation = ModifyInfo::kOverride;
+			info.source = entry;
+		};
+		IOUtils().IterateDirectory(unpack_directory_, add, true);
+	} catch (const fs::filesystem_error& error) {
+		throw UpdateError(std::string("Fail to calculate modify info: ") + error.what());
+	}
+}
+
+void FullStrategy::_ClearInstallDirectory() const {
+	std::vector<std::string> entries;
+	const IOUtils io;
+	io.IterateDirectory(
+	    install_directory_, [&entries](const std::string& entry) { entries.push_back(entry); }, false);
+	for (const std::string& entry : entries) {
+		io.RmRf(entry);
+	}
+}
+
+void FullStrategy::_CopyFiles() const {
+	fs::path made;
+	for (const auto& [target, info] : modify_infos_) {
+		if (info.operation != ModifyInfo::kOverride) {
+			throw UpdateError("operation not set to override");
+		}
+		const fs::path parent = fs::path(target).parent_path();
+		if (parent != made) {
+			fs::create_directories(parent);
+			made = parent;
+		}
+		CopyRegularFile(info.source, target);
+	}
+}
+
+} // namespace tarn::dataupdate

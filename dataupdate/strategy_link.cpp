@@ -1,0 +1,39 @@
+#include "file_lock.h"
+#include "paths.h"
+#include "strategy.h"
+#include "temp_data.h"
+#include "update_error.h"
+#include "utils.h"
+
+namespace tarn::dataupdate {
+
+ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string& link, const std::string& volume,
+    const std::string& installPrefix, const std::string& rootDirectory)
+    : id_(id), link_(link), temp_base_(volume), install_directory_(installPrefix), root_directory_(rootDirectory) {}
+
+ForceInstallByLink::~ForceInstallByLink() {
+	if (!package_path_.empty()) {
+		CleanTarball(package_path_);
+	}
+	CleanTmpData(TempDirPath(temp_base_));
+}
+
+void ForceInstallByLink::PrepareUpdate() {
+	const IOUtils io;
+	package_path_ = TempPath(temp_base_, id_, "debug");
+	io.TarnMkdir(TempDirPath(temp_base_));
+	io.RmRf(package_path_);
+	io.Download(package_path_, link_);
+	io.TarnMkdir(install_directory_);
+}
+
+void ForceInstallByLink::ApplyUpdate() {
+	try {
+		const FileLock lock(UsingLockPath(id_), kLockTimeout);
+		_ExtractTarballTo(package_path_, install_directory_);
+	} catch (const std::exception& error) {
+		throw UpdateError(std::string("Fail to force install: ") + error.what());
+	}
+}
+
+} // namespace tarn::dataupdate

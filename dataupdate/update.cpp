@@ -1,0 +1,170 @@
+#include "update.h"
+
+#include "file_copy.h"
+#include "file_lock.h"
+#include "log.h"
+#include "paths.h"
+#include "strategy.h"
+#include "update_error.h"
+#include "volume_handler.h"
+
+#include <optional>
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+constexpr char kLogSource[] = "update";
+
+/** The lock on any update and the lock on one database's, taken in this order and released in the reverse. */
+class ProjectLocks {
+public:
+	void Take(const std::string& id) {
+		any_.emplace(kUpdateAnyLock, kLockTimeout);
+		project_.emplace(UpdateLockPath(id), kLockTimeout);
+	}
+	void Release() {
+		project_.reset();
+		any_.reset();
+	}
+
+private:
+	std::optional<FileLock> any_;
+	std::optional<FileLock> project_;
+};
+
+std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
+	for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+		text.replace(at, from.size(), to);
+	}
+	return text;
+}
+
+/** The server's description changed to that of the version which a forced install asks for. */
+RemoteInfo Retarget(RemoteInfo remote, int version) {
+	const int current = remote.data_version;
+	if (version != 0) {
+		remote.data_version = version > 0 ? version : current + version;
+	}
+	remote.download_link =
+	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
+	return remote;
+}
+
+} // namespace
+
+Update::Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
+    std::shared_ptr<ServiceConfig> service_config)
+    : updater_(std::move(updater)), info_getter_(std::move(info_getter)), service_config_(std::move(service_config)) {}
+
+Update::~Update() = default;
+
+void Update::UpdateAllProjects() const {
+	OperateAllProjects([this](const std::string& id) { UpdateProject(id); });
+}
+
+void Update::UpdateProject(const std::string& id) const {
+	ProjectLocks locks;
+	try {
+		service_config_->CheckSupported(id);
+		locks.Take(id);
+		const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
+		const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
+		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
+		if (status.data_version >= remote.data_version) {
+			TARN_LOG(LOG_INFO, "'%s' has been up to date", id.c_str());
+			return;
+		}
+		TARN_LOG(LOG_WARNING, "Update %s", id.c_str());
+		if (service_config_->GetCurVolume().empty()) {
+			TARN_LOG(LOG_WARNING, "There is no volume, stopping updating.");
+			return;
+		}
+		const std::string root_directory = config->GetRootDirectory();
+		const std::string install_prefix = config->GetInstallPrefix();
+		const std::string volume = service_config_->GetCurVolume();
+		info_getter_->SetDatabaseStatus(
+		    id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
+		TARN_LOG(LOG_WARNING, "Update %s completed and succeed", id.c_str());
+	} catch (const UpdateError& error) {
+		TARN_LOG(LOG_INFO, "Update %s fail: %s", id.c_str(), error.what());
+		locks.Release();
+		throw UpdateError(error);
+	}
+}
+
+void Update::FixAllProjects() const {
+	OperateAllProjects([this](const std::string& id) { FixProject(id); });
+}
+
+void Update::FixProject(const std::string& id) const {
+	ProjectLocks locks;
+	try {
+		service_config_->CheckSupported(id);
+		locks.Take(id);
+		const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
+		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
+		const std::string root_directory = config->GetRootDirectory();
+		const std::string install_prefix = config->GetInstallPrefix();
+		const std::string volume = service_config_->GetCurVolume();
+		const Fixer fixer(id, remote, volume, install_prefix, root_directory);
+		if (!fixer.IsFixNeeded(status)) {
+			return;
+		}
+		info_getter_->SetDatabaseStatus(id, fixer.Fix());
+		TARN_LOG(LOG_WARNING, "Fix %s completed and succeed", id.c_str());
+	} catch (const UpdateError& error) {
+		TARN_LOG(LOG_INFO, "Fix %s fail: %s", id.c_str(), error.what());
+		locks.Release();
+		throw UpdateError(error);
+	}
+}
+
+void Update::ForceInstall(const std::string& id, int version) const {
+	ProjectLocks locks;
+	locks.Take(id);
+	const RemoteInfo remote = Retarget(info_getter_->GetRemoteInfo(id), version);
+	const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
+	const std::string install_prefix = config->GetInstallPrefix();
+	const std::string volume = service_config_->GetCurVolume();
+	ForceInstallByLink strategy(id, remote.download_link, volume, install_prefix, "/");
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	const std::set<std::string> files = strategy.GetModifiedFiles();
+	DatabaseStatus status;
+	status.data_version = remote.data_version;
+	status.last_fetch_time = remote.last_fetch_time;
+	status.file_statuses = CalculateStatus(files, config->GetInstallPrefix());
+	SyncFileSystem(install_prefix);
+	info_getter_->SetDatabaseStatus(id, status);
+}
+
+void Update::OperateAllProjects(std::function<void(const std::string&)> operation) const {
+	for (const std::string& id : service_config_->GetDatabaseIDs()) {
+		try {
+			const bool scheduled = service_config_->GetDatabaseConfig(id)->GetScheduled();
+			const std::string volume = service_config_->GetCurVolume();
+			if (!scheduled) {
+				continue;
+			}
+			if (volume.empty()) {
+				TARN_LOG(LOG_WARNING, "There is no volume, stopping operation.");
+				return;
+			}
+			operation(id);
+		} catch (const UpdateError& error) {
+			throw UpdateError("Fail on project '" + id + "': " + error.what());
+		}
+	}
+}
+
+void InitService() {
+	const auto config = std::make_shared<Config>(std::make_shared<IOUtils>());
+	const VolumeHandler handler(std::make_shared<ServiceConfig>(config));
+	handler.InitVolume();
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,97 @@
+/**
+ * @file
+ * The operations that a host calls.
+ *
+ * A host makes one IOUtils, a Config over it, a ServiceConfig over that, then an InfoGetter, an Updater and an Update,
+ * each held by std::shared_ptr; none does work in its constructor. It calls InitService() once when it starts. All
+ * failures are UpdateError; what JsonCpp and the standard library throw about a malformed document passes through.
+ */
+#ifndef DATAUPDATE_UPDATE_H
+#define DATAUPDATE_UPDATE_H
+
+#include "export.h"
+#include "records.h"
+#include "service_config.h"
+#include "updater.h"
+#include "utils.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/** What the update server offers and what is installed. */
+class TARNDBUD_EXPORT InfoGetter {
+public:
+	InfoGetter(std::shared_ptr<IOUtils> io, std::shared_ptr<ServiceConfig> service_config);
+	virtual ~InfoGetter();
+
+	/** The server's description of a database; the document's own "deprecated" is folded in. */
+	virtual RemoteInfo GetRemoteInfo(const std::string& id) const;
+	/** The server's diff packages for a database, keyed by the version that each produces. */
+	virtual std::map<int, DiffInfo> GetDiffInfos(const std::string& id) const;
+	/** The installed state; version -1 and no files when "version.json" is missing or unusable (logged). */
+	virtual DatabaseStatus GetDatabaseStatus(const std::string& id) const;
+	/** Records the installed state. */
+	virtual void SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const;
+	/**
+	 * The server's document: the cached one, "/var/cache/data_update/database_info.json", when it is at most 3,600
+	 * seconds old, else a new one. Holds "/run/data_update/fresh_info.lock", waiting up to 600 seconds. A failed
+	 * download is not retried, and the old document is then not used.
+	 */
+	virtual Json::Value GetDatabaseInfo() const;
+	/** Where the document is downloaded from. */
+	virtual std::string GetDatabaseUrl() const;
+	/** "?os=orv&dlid=<device id>" and "&db_list[<id>]=<format version>" for each database in byte-wise order. */
+	virtual std::string GetQueryString() const;
+
+private:
+	std::shared_ptr<IOUtils> io_;
+	std::shared_ptr<ServiceConfig> service_config_;
+};
+
+/**
+ * Updates, repairs and force-installs databases. Each operation on one database holds
+ * "/run/data_update/update_any.lock" and then "/run/data_update/update_<id>.lock", waiting up to 600 seconds for each,
+ * so that one runs at a time on a device; "version.json" is written last, and not at all after a failure.
+ */
+class TARNDBUD_EXPORT Update {
+public:
+	Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
+	    std::shared_ptr<ServiceConfig> service_config);
+	virtual ~Update();
+
+	/**
+	 * UpdateProject() or FixProject() for every scheduled database, in the configuration's order, while a volume is
+	 * current. Stop at the first failure and throw "Fail on project '<id>': <why>".
+	 */
+	virtual void UpdateAllProjects() const;
+	/** Installs the server's version if it is newer. Returns normally as well when no volume is current. */
+	virtual void UpdateProject(const std::string& id) const;
+	virtual void FixAllProjects() const;
+	/** Reinstalls the server's version if a recorded file is missing or changed, or nothing is installed. */
+	virtual void FixProject(const std::string& id) const;
+	/**
+	 * Installs a data version over what is installed: a positive number is that version, 0 the server's, a negative
+	 * one so many before the server's. The link is the server's with every occurrence of its version number
+	 * rewritten, wherever it stands. The recorded file list is then empty. Errors are not logged; no hooks run.
+	 */
+	virtual void ForceInstall(const std::string& id, int version) const;
+
+	/** The loop over the scheduled databases; an empty function raises std::bad_function_call. */
+	void OperateAllProjects(std::function<void(const std::string&)> operation) const;
+
+private:
+	std::shared_ptr<Updater> updater_;
+	std::shared_ptr<InfoGetter> info_getter_;
+	std::shared_ptr<ServiceConfig> service_config_;
+};
+
+/** Settles the storage volume; to be called once when a host starts, before any update. */
+TARNDBUD_EXPORT void InitService();
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,121 @@
+#include "updater.h"
+
+#include "digest_stream.h"
+#include "file_copy.h"
+#include "hook.h"
+#include "log.h"
+#include "paths.h"
+#include "strategy.h"
+
+#include <boost/filesystem.hpp>
+
+#include <functional>
+#include <memory>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+constexpr char kLogSource[] = "updater.cpp";
+
+bool Exists(const std::string& path) {
+	return fs::exists(fs::status(path));
+}
+
+DatabaseStatus NewStatus(
+    const RemoteInfo& remote, const std::set<std::string>& files, const std::string& install_prefix) {
+	DatabaseStatus status;
+	status.data_version = remote.data_version;
+	status.last_fetch_time = remote.last_fetch_time;
+	status.file_statuses = CalculateStatus(files, install_prefix);
+	return status;
+}
+
+/** Installs a prepared strategy between the hooks and describes the result; announce is called before the change. */
+DatabaseStatus Install(const std::string& id, BaseStrategy& strategy, const RemoteInfo& remote,
+    const std::string& install_prefix, const std::function<void()>& announce) {
+	const std::set<std::string> files = strategy.GetModifiedFiles();
+	UpdateHook hook(id, files);
+	hook.ExecPre();
+	announce();
+	strategy.ApplyUpdate();
+	hook.ExecPost();
+	return NewStatus(remote, files, install_prefix);
+}
+
+} // namespace
+
+bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+	for (const auto& [name, status] : statuses) {
+		const std::string path = JoinPath(root, name);
+		if (!Exists(path)) {
+			TARN_LOG(LOG_ERR, "File %s is gone", path.c_str());
+			return false;
+		}
+		if (FileSha384(path) != status.sha384_digest) {
+			TARN_LOG(LOG_ERR, "File %s digest check fail", path.c_str());
+			return false;
+		}
+	}
+	return true;
+}
+
+std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root) {
+	std::map<std::string, FileStatus> statuses;
+	for (const std::string& name : files) {
+		const std::string path = JoinPath(root, name);
+		if (Exists(path)) {
+			statuses.emplace(name, FileStatus(FileSha384(path)));
+		}
+	}
+	return statuses;
+}
+
+Updater::~Updater() = default;
+
+DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& /*status*/, const RemoteInfo& remote,
+    const std::map<int, DiffInfo>& /*diffs*/, const std::string& volume, const std::string& installPrefix,
+    const std::string& rootDirectory) const {
+	std::shared_ptr<BaseStrategy> strategy =
+	    std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory);
+	TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
+	strategy->PrepareUpdate();
+	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
+	DatabaseStatus result = Install(id, *strategy, remote, installPrefix, announce);
+	// Temporary data goes first, so that what was never written to the disk never has to be.
+	strategy.reset();
+	SyncFileSystem(installPrefix);
+	return result;
+}
+
+Fixer::Fixer(const std::string& id, const RemoteInfo& remote, const std::string& volume,
+    const std::string& installPrefix, const std::string& rootDirectory)
+    : id_(id), remote_(remote), volume_(volume), install_prefix_(installPrefix), root_directory_(rootDirectory) {}
+
+bool Fixer::IsFixNeeded(const DatabaseStatus& status) const {
+	if (status.data_version == -1) {
+		TARN_LOG(LOG_ERR, "%s not been updated yet. Need Fix", id_.c_str());
+		return true;
+	}
+	if (CheckStatus(status.file_statuses, install_prefix_)) {
+		return false;
+	}
+	TARN_LOG(LOG_INFO, "%s file check fail, Need Fix", id_.c_str());
+	return true;
+}
+
+DatabaseStatus Fixer::Fix() const {
+	TARN_LOG(LOG_WARNING, "Try to fix database %s", id_.c_str());
+	DatabaseStatus result;
+	{
+		FullStrategy strategy(id_, remote_, volume_, install_prefix_, root_directory_);
+		strategy.PrepareUpdate();
+		result = Install(id_, strategy, remote_, install_prefix_, [] {});
+	}
+	SyncFileSystem(install_prefix_);
+	return result;
+}
+
+} // namespace tarn::dataupdate

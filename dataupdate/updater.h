@@ -1,0 +1,80 @@
+/**
+ * @file
+ * Bringing one database to the server's version, checking its files and repairing it.
+ */
+#ifndef DATAUPDATE_UPDATER_H
+#define DATAUPDATE_UPDATER_H
+
+#include "export.h"
+#include "records.h"
+
+#include <map>
+#include <set>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Whether every listed file exists below root and has its recorded digest. Stops at the first that doesn't, which it
+ * logs at LOG_ERR. An absolute file name stands for itself; an empty list passes. Throws Boost's filesystem error when
+ * a file's status cannot be had for another reason than that it doesn't exist.
+ */
+TARNDBUD_EXPORT bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root);
+
+/** The digests of those of the files that exist below root, keyed by the name given; see CheckStatus(). */
+TARNDBUD_EXPORT std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root);
+
+/** Runs an update of one database; whether one is needed is the caller's decision. */
+class TARNDBUD_EXPORT Updater {
+public:
+	virtual ~Updater();
+
+	/**
+	 * Prepares the new version, runs the hooks around its installation, and brings it to the disk.
+	 *
+	 * @param id             database id
+	 * @param status         what is installed
+	 * @param remote         what the server offers
+	 * @param diffs          the server's diff packages, keyed by the version that each produces
+	 * @param volume         current volume; temporary data goes below it
+	 * @param installPrefix  install directory
+	 * @param rootDirectory  path whose file system must keep 5 % free
+	 * @return the new installed state, to be recorded by the caller, who also holds the database's update lock
+	 *
+	 * Throws UpdateError; the installed files are untouched unless the message begins "Fail to full update: ". The
+	 * hook after the change runs only when it succeeded.
+	 */
+	virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
+	    const std::string& rootDirectory) const;
+};
+
+// The slots of this class are fixed without a destructor among them; never delete a derived object through it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+/** Repairs one database by reinstalling the server's full package. */
+class TARNDBUD_EXPORT Fixer {
+public:
+	/** Arguments as for Updater::Update(). */
+	Fixer(const std::string& id, const RemoteInfo& remote, const std::string& volume, const std::string& installPrefix,
+	    const std::string& rootDirectory);
+
+	/** Whether nothing was ever installed or a recorded file is missing or changed. */
+	virtual bool IsFixNeeded(const DatabaseStatus& status) const;
+	/** Reinstalls, with hooks and errors as in Updater::Update(); returns the new installed state. */
+	virtual DatabaseStatus Fix() const;
+
+private:
+	std::string id_;
+	RemoteInfo remote_;
+	std::string volume_;
+	std::string install_prefix_;
+	std::string root_directory_;
+};
+
+#pragma GCC diagnostic pop
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,254 @@
+#include "utils.h"
+
+#include "file_copy.h"
+#include "log.h"
+#include "progress.h"
+#include "update_error.h"
+
+#include <tarncore/tarncore.h>
+
+#include <boost/filesystem.hpp>
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <memory>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+constexpr char kLogSource[] = "utils.cpp";
+constexpr char kWget[] = "/usr/bin/wget";
+
+// The reader and writer that define the files' form are deprecated for their defaults, which are wanted here.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+bool ParseJson(std::istream& in, Json::Value& root) {
+	try {
+		return Json::Reader().parse(in, root, true);
+	} catch (const std::exception&) {
+		return false; // The reader's way to refuse a document that is nested too deeply.
+	}
+}
+
+void PrintJson(std::ostream& out, const Json::Value& value) {
+	Json::StyledStreamWriter("\t").write(out, value);
+}
+
+#pragma GCC diagnostic pop
+
+void CreateParents(const std::string& path) {
+	const fs::path parent = fs::path(path).parent_path();
+	if (!parent.empty() && fs::status(parent).type() == fs::file_not_found) {
+		fs::create_directories(parent);
+	}
+}
+
+struct DirectoryCloser {
+	void operator()(DIR* dir) const { closedir(dir); }
+};
+
+void CheckIsDirectory(const std::string& path) {
+	struct stat status {};
+	if (stat(path.c_str(), &status) != 0) {
+		throw UpdateError("failed to read file stat: " + path);
+	}
+	if (!S_ISDIR(status.st_mode)) {
+		throw UpdateError("not a directory: " + path);
+	}
+}
+
+bool IsDotEntry(const char* name) {
+	return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+void CopyByType(const std::string& src, const std::string& dst) {
+	const fs::file_status status = fs::symlink_status(src);
+	if (fs::is_symlink(status)) {
+		fs::copy_symlink(src, dst);
+	} else if (fs::is_directory(status)) {
+		fs::create_directory(dst, fs::path(src));
+	} else {
+		CopyRegularFile(src, dst);
+	}
+}
+
+} // namespace
+
+IOUtils::~IOUtils() = default;
+
+uintmax_t IOUtils::GetSize(const std::string& path) const {
+	try {
+		const fs::file_status status = fs::status(path);
+		if (fs::is_regular_file(status)) {
+			return fs::file_size(path);
+		}
+		uintmax_t total = 0;
+		if (fs::is_directory(status)) {
+			const auto add = [&total](const std::string& entry) {
+				total += fs::is_regular_file(fs::status(entry)) ? fs::file_size(entry) : 0;
+			};
+			IterateDirectory(path, add, true);
+		}
+		return total;
+	} catch (const fs::filesystem_error&) {
+		throw UpdateError("Fail to get size on " + path);
+	}
+}
+
+std::pair<uintmax_t, uintmax_t> IOUtils::GetFsSize(const std::string& path) const {
+	boost::system::error_code ignored;
+	if (!fs::is_directory(fs::status(path, ignored))) {
+		throw UpdateError("Invalid filesystem to testing space");
+	}
+	try {
+		const fs::space_info space = fs::space(path);
+		return {space.available, space.capacity};
+	} catch (const fs::filesystem_error&) {
+		throw UpdateError("Fail to get available space");
+	}
+}
+
+Json::Value IOUtils::ReadJson(const std::string& path) const {
+	Json::Value root;
+	std::fstream file(path, std::ios::in);
+	boost::system::error_code ignored;
+	const fs::file_type type = fs::status(path, ignored).type();
+	if (type == fs::file_not_found || type == fs::status_error) {
+		throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+	}
+	if (!file.is_open()) {
+		throw UpdateError("Fail to read: " + path);
+	}
+	if (!ParseJson(file, root)) {
+		throw UpdateError("Fail to decode: " + path);
+	}
+	return root;
+}
+
+void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const {
+	try {
+		CreateParents(path);
+	} catch (const fs::filesystem_error&) {
+		throw UpdateError("Fail to create parent folder: " + path);
+	}
+	std::fstream file(path, std::ios::out);
+	if (!file.is_open()) {
+		throw UpdateError("Fail to write: " + path);
+	}
+	PrintJson(file, value);
+}
+
+bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
+	struct stat status {};
+	if (stat(path.c_str(), &status) != 0) {
+		const int error = errno;
+		throw UpdateError((NoexceptFormat("Failed to get attribute of %s, errno=%d") % path % error).str());
+	}
+	const int64_t age = static_cast<int64_t>(time(nullptr)) - static_cast<int64_t>(status.st_mtime);
+	return static_cast<int64_t>(seconds) < age;
+}
+
+void IOUtils::RmRf(const std::string& path) const {
+	try {
+		fs::remove_all(path);
+	} catch (const fs::filesystem_error&) {
+		throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
+	}
+}
+
+void IOUtils::CopyFile(const std::string& src, const std::string& dst) const {
+	try {
+		fs::create_directories(fs::path(dst).parent_path());
+		fs::remove(dst);
+		CopyByType(src, dst);
+	} catch (const fs::filesystem_error& error) {
+		throw UpdateError((NoexceptFormat("Fail to copy from %s to %s: %s") % src % dst % error.what()).str());
+	}
+}
+
+void IOUtils::Download(const std::string& output_path, const std::string& url) const {
+	const std::string agent = TarnGetUserAgent("database");
+	TARN_LOG(LOG_DEBUG, "Use %s as user agent string", agent.c_str());
+	const ActivityScope activity(Phase::kDownload, output_path);
+	const bool is_option = !url.empty() && url.front() == '-';
+	if (is_option || TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
+	                     agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) != 0) {
+		fs::remove(output_path);
+		throw UpdateError("Fail to wget url: " + url);
+	}
+}
+
+void IOUtils::TarnMkdir(const std::string& path) const {
+	constexpr auto kUnchanged = static_cast<uid_t>(-1);
+	if (TARNFSMkdirP(path.c_str(), 0, 0, kUnchanged, kUnchanged, -1) == 0) {
+		throw UpdateError((NoexceptFormat("Fail to create dir %s") % path).str());
+	}
+}
+
+void IOUtils::IterateDirectory(
+    const std::string& dir, const std::function<void(const std::string&)>& callback, bool recursive) const {
+	CheckIsDirectory(dir);
+	const std::string prefix = dir.back() == '/' ? dir : dir + '/';
+	const std::unique_ptr<DIR, DirectoryCloser> handle(opendir(dir.c_str()));
+	if (!handle) {
+		throw UpdateError(std::strerror(errno));
+	}
+	while (true) {
+		errno = 0;
+		const dirent* entry = readdir(handle.get());
+		if (entry == nullptr) {
+			break;
+		}
+		const std::string path = prefix + entry->d_name;
+		if (entry->d_type == DT_DIR) {
+			if (IsDotEntry(entry->d_name)) {
+				continue;
+			}
+			if (recursive) {
+				IterateDirectory(path, callback, true);
+			}
+		}
+		callback(path);
+	}
+	if (errno != 0) {
+		throw UpdateError(std::strerror(errno));
+	}
+}
+
+std::string FlatFileName(const std::string& name) {
+	std::string flat = name;
+	for (char& character : flat) {
+		if (character == '/' || character == '.') {
+			character = '_';
+		}
+	}
+	return flat;
+}
+
+boost::format NoexceptFormat(const std::string& format) {
+	boost::format formatter;
+	formatter.exceptions(boost::io::no_error_bits);
+	formatter.parse(format);
+	return formatter;
+}
+
+std::string TarnGetUserAgent(const std::string& category) {
+	char buffer[1024] = {};
+	if (TLIBHostinfoUserAgentGet(category.c_str(), buffer, sizeof(buffer)) < 0) {
+		throw UpdateError("Fail to generate user agent string");
+	}
+	return {buffer, strnlen(buffer, sizeof(buffer))};
+}
+
+} // namespace tarn::dataupdate
