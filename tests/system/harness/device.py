@@ -1,0 +1,143 @@
+"""The device under test: its fixed paths, its configuration and its state."""
+
+from __future__ import annotations
+
+import fcntl
+import json
+import os
+import shutil
+import time
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+from . import programs
+
+RUN = Path("/run/data_update")
+STATUS = Path("/var/lib/data_update")
+CACHE = Path("/var/cache/data_update")
+DOCUMENT = CACHE / "database_info.json"
+CONFIGURATION = Path("/usr/tarn/etc/data_update")
+KEYS = Path("/usr/tarn/etc/codesign/6")
+HOOKS = Path("/usr/tarn/etc/hooks")
+VOLUMES = Path("/usr/tarn/etc/volumes.conf")
+ROOT_DATABASES = Path("/var/db")
+
+
+def empty(directory: Path) -> None:
+    if directory.is_dir():
+        for entry in directory.iterdir():
+            if entry.is_dir() and not entry.is_symlink():
+                shutil.rmtree(entry)
+            else:
+                entry.unlink()
+
+
+class Device:
+    def __init__(self, volume: Path | None, netloc: str) -> None:
+        self.volume = volume
+        self.netloc = netloc
+        self.databases: dict[str, dict[str, object]] = {}
+
+    @staticmethod
+    def reset() -> None:
+        """As a device is after its installation: no state, no settings of its own, no keys, no hooks."""
+        for directory in (RUN, STATUS, CACHE, KEYS, HOOKS):
+            empty(directory)
+        for name in ("data_update.conf", "databases.conf"):
+            (CONFIGURATION / name).unlink(missing_ok=True)
+
+    def trust(self, public_key: Path) -> None:
+        KEYS.mkdir(parents=True, exist_ok=True)
+        shutil.copyfile(public_key, KEYS / public_key.name)
+        (KEYS / public_key.name).chmod(0o644)
+
+    def add_database(self, name: str, reserve: int = 0, on_root: bool = False, scheduled: bool = True) -> None:
+        self.databases[name] = {
+            "format_version": "1",
+            "min_rsv_space_inbytes": reserve,
+            "install_dest": "%ROOTFS%" if on_root else "%VOLUME%",
+            "auto_update": scheduled,
+        }
+        self.configure()
+
+    def configure(self) -> None:
+        service = {
+            "cur_volume": str(self.volume) if self.volume else "",
+            "db_ver": "1",
+            "db_netloc": self.netloc,
+            "download_scheme": "http",
+        }
+        CONFIGURATION.mkdir(parents=True, exist_ok=True)
+        (CONFIGURATION / "data_update.conf").write_text(json.dumps({"config": service}))
+        (CONFIGURATION / "databases.conf").write_text(json.dumps(self.databases))
+
+    def list_volumes(self, *directories: Path, patterns: tuple[str, ...] = ("/volume*",)) -> None:
+        lines = [f"pattern {pattern}\n" for pattern in patterns] + [f"directory {path}\n" for path in directories]
+        VOLUMES.write_text("".join(lines))
+
+    def installed(self, name: str) -> Path:
+        if self.databases[name]["install_dest"] == "%ROOTFS%":
+            return ROOT_DATABASES / name
+        assert self.volume is not None
+        return self.volume / "@database/autoupdate" / name
+
+    def temporary(self) -> Path:
+        assert self.volume is not None
+        return self.volume / "@tmp/data_update"
+
+    def run(self, *arguments: str, env: dict[str, str] | None = None) -> programs.Result:
+        return programs.run(programs.CTL, *arguments, env=env)
+
+    def run_ok(self, *arguments: str) -> programs.Result:
+        return programs.run_ok(programs.CTL, *arguments)
+
+    def start(self, *arguments: str) -> programs.Running:
+        return programs.Running([programs.CTL, *arguments])
+
+    def forget_document(self) -> None:
+        """Makes the next run ask the server again."""
+        DOCUMENT.unlink(missing_ok=True)
+
+    def age_document(self, seconds: float) -> None:
+        moment = time.time() - seconds
+        os.utime(DOCUMENT, (moment, moment))
+
+    def version(self, name: str) -> int | None:
+        """The installed version as recorded, None before the first installation."""
+        path = STATUS / name / "version.json"
+        return int(json.loads(path.read_text())["data_version"]) if path.exists() else None
+
+    def recorded(self, name: str) -> dict[str, str]:
+        statuses = json.loads((STATUS / name / "version.json").read_text())["file_statuses"]
+        return {path: status["sha384_digest"] for path, status in statuses.items()}
+
+    def status(self, name: str) -> dict[str, object]:
+        entries = json.loads(self.run_ok("status", name, "--json").stdout)
+        assert [entry["id"] for entry in entries] == [name]
+        return entries[0]
+
+    def lock_path(self, name: str) -> Path:
+        return RUN / name
+
+    @contextmanager
+    def locked(self, name: str, shared: bool = False) -> Iterator[None]:
+        """Holds one of the lock files, as another program would."""
+        RUN.mkdir(parents=True, exist_ok=True)
+        with self.lock_path(name).open("a") as stream:
+            fcntl.flock(stream, (fcntl.LOCK_SH if shared else fcntl.LOCK_EX) | fcntl.LOCK_NB)
+            yield
+
+    def is_locked(self, name: str) -> bool:
+        try:
+            with self.locked(name):
+                return False
+        except BlockingIOError:
+            return True
+
+    def add_hook(self, name: str, script: str, path: str = "database_autoupdate/database_autoupdate/version_change") -> Path:
+        hook = HOOKS / path / name
+        hook.parent.mkdir(parents=True, exist_ok=True)
+        hook.write_text(script)
+        hook.chmod(0o755)
+        return hook

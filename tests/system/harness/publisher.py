@@ -1,0 +1,47 @@
+"""The publisher's side: a key, a repository, and its server's address."""
+
+from __future__ import annotations
+
+import json
+from pathlib import Path
+
+from . import programs
+
+
+class Publisher:
+    def __init__(self, home: Path, base: str = "http://127.0.0.1") -> None:
+        self.repository = home / "repository"
+        self.repository.mkdir(parents=True)
+        self.base = base
+        self._key = home / "release"
+        programs.run_ok(programs.PUB, "keygen", self._key)
+
+    @property
+    def private_key(self) -> Path:
+        return self._key.with_suffix(".key")
+
+    @property
+    def public_key(self) -> Path:
+        return self._key.with_suffix(".pub")
+
+    @property
+    def document(self) -> Path:
+        return self.repository / "database_info/1"
+
+    def publish(self, tree: Path, name: str, *options: str, base: str | None = None) -> None:
+        programs.run_ok(
+            programs.PUB, "publish", tree, "--repo", self.repository, "--id", name, "--key", self.private_key,
+            "--url", base or self.base, *options,
+        )  # fmt: skip
+
+    def package(self, name: str, version: int) -> Path:
+        return self.repository / f"packages/{name}/{name}_v{version}.tarn"
+
+    def entry(self, name: str) -> dict[str, object]:
+        return json.loads(self.document.read_text())["db_list"][name]
+
+    def link_to(self, name: str, link: str) -> None:
+        """Changes a database's link in the document, as somebody between server and device could."""
+        document = json.loads(self.document.read_text())
+        document["db_list"][name]["download_link"] = link
+        self.document.write_text(json.dumps(document))

@@ -1,0 +1,82 @@
+"""Storage volumes: real file systems in loop devices and in memory, and plain directories."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+MAKE = {"ext4": ["mkfs.ext4", "-q", "-F"], "btrfs": ["mkfs.btrfs", "-q", "-f"], "xfs": ["mkfs.xfs", "-q", "-f"]}
+MIB = 1 << 20
+
+
+def may_mount() -> bool:
+    return os.environ.get("TARN_SANDBOX") == "overlay"
+
+
+def may_loop_mount() -> bool:
+    """Loop devices belong to the machine's own root; a namespace's root, whose id map is one line of one id, has none."""
+    outside, count = Path("/proc/self/uid_map").read_text().split()[1:3]
+    return may_mount() and outside == "0" and int(count) > 1 and Path("/dev/loop-control").exists()
+
+
+def knows(kind: str) -> bool:
+    if kind in Path("/proc/filesystems").read_text().split():
+        return True
+    modprobe = shutil.which("modprobe")
+    return modprobe is not None and subprocess.run([modprobe, "-q", kind], check=False).returncode == 0
+
+
+class Volumes:
+    """Makes volumes below /, named as devices name them, and takes them away again."""
+
+    def __init__(self, scratch: Path) -> None:
+        self._scratch = scratch
+        self._mounted: list[Path] = []
+        self._made: list[Path] = []
+
+    def make(self, kind: str, size: int = 0) -> Path:
+        """A volume of a kind: "directory", "bind" (the scratch disk), "tmpfs", or a file system in a loop device."""
+        path = Path(f"/volume{len(self._made) + 1}")
+        if kind == "directory":
+            path.mkdir()
+            self._made.append(path)
+            return path
+        if not may_mount():
+            pytest.skip(f"needs to mount a {kind} volume, and nothing can be mounted here")
+        source, options = self._source(kind, size)
+        path.mkdir()
+        self._made.append(path)
+        subprocess.run(["mount", *options, source, str(path)], check=True)
+        self._mounted.append(path)
+        return path
+
+    def _source(self, kind: str, size: int) -> tuple[str, list[str]]:
+        if kind == "tmpfs":
+            return "tmpfs", ["-t", "tmpfs", "-o", f"mode=755,size={size}"]
+        place = self._scratch / f"volume{len(self._made) + 1}"
+        if kind == "bind":
+            place.mkdir()
+            return str(place), ["--bind"]
+        if not may_loop_mount():
+            pytest.skip(f"needs to mount {kind} from a loop device, which takes the machine's own root")
+        if not knows(kind):
+            pytest.skip(f"this kernel has no {kind}")
+        with place.open("wb") as image:
+            image.truncate(size)
+        subprocess.run([*MAKE[kind], str(place)], check=True, stdout=subprocess.DEVNULL)
+        return str(place), ["-t", kind, "-o", "loop"]
+
+    def close(self) -> None:
+        for path in reversed(self._mounted):
+            subprocess.run(["umount", str(path)], check=True)
+        for path in self._made:
+            shutil.rmtree(path)
+        for place in self._scratch.iterdir():
+            if place.is_dir():
+                shutil.rmtree(place)
+            else:
+                place.unlink()

@@ -1,0 +1,84 @@
+"""A real web server over a publisher's directory."""
+
+from __future__ import annotations
+
+import http.client
+import os
+import re
+import socket
+import subprocess
+from pathlib import Path
+
+SENTINEL = "/-/everything-before-this-is-in-the-log"
+
+# One process and no change of user, because inside a user namespace there is only one user to be.
+FRAME = """daemon off;
+master_process off;
+user root;
+pid {home}/nginx.pid;
+error_log {home}/error.log;
+events {{ }}
+http {{
+	log_format requests '$status $body_bytes_sent $request_uri';
+	access_log {home}/access.log requests;
+	client_body_temp_path {home}/body;
+	proxy_temp_path {home}/proxy;
+	fastcgi_temp_path {home}/fastcgi;
+	uwsgi_temp_path {home}/uwsgi;
+	scgi_temp_path {home}/scgi;
+	{limits}
+	{server}
+}}
+"""
+
+
+class Nginx:
+    """Serves a directory on a free loopback port, with the server block that administrators are given."""
+
+    def __init__(self, template: Path, directory: Path, home: Path, bytes_per_second: int = 0) -> None:
+        self._home = home
+        home.mkdir(parents=True, exist_ok=True)
+        # Handing the listening socket over, as nginx does on its own upgrades: no race for a port, ready at once.
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self.netloc = "127.0.0.1:%d" % self._listener.getsockname()[1]
+        configuration = home / "nginx.conf"
+        configuration.write_text(
+            FRAME.format(
+                home=home,
+                limits=f"limit_rate {bytes_per_second};" if bytes_per_second else "",
+                server=self._server_block(template.read_text(), directory),
+            )
+        )
+        descriptor = self._listener.fileno()
+        self._process = subprocess.Popen(
+            ["/usr/sbin/nginx", "-p", str(home), "-c", str(configuration), "-e", str(home / "error.log")],
+            env={**os.environ, "NGINX": f"{descriptor};"},
+            pass_fds=(descriptor,),
+            stdin=subprocess.DEVNULL,
+        )
+
+    def _server_block(self, template: str, directory: Path) -> str:
+        block, changes = re.subn(r"listen \S+;", f"listen {self.netloc};", template)
+        assert changes == 1
+        block, changes = re.subn(r"root \S+;", f"root {directory};", block)
+        assert changes == 1
+        return block
+
+    @property
+    def url(self) -> str:
+        return f"http://{self.netloc}"
+
+    def requests(self) -> list[str]:
+        """The lines "status bytes path" of all requests answered so far."""
+        assert self._process.poll() is None, (self._home / "error.log").read_text()
+        connection = http.client.HTTPConnection(self.netloc, timeout=30)
+        connection.request("GET", SENTINEL)
+        connection.getresponse().read()
+        connection.close()
+        lines = (self._home / "access.log").read_text().splitlines()
+        return [line for line in lines if SENTINEL not in line]
+
+    def close(self) -> None:
+        self._process.terminate()
+        self._process.wait(30)
+        self._listener.close()
