@@ -1,0 +1,85 @@
+#include "archive_sealer.h"
+
+#include "publish_error.h"
+#include "tarncodesign/archive_error.h"
+#include "tarncodesign/file_io.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+namespace tarn::publisher {
+
+namespace {
+
+codesign::UniqueFd NamelessFile(const std::string& directory) {
+	std::string name = directory + "/.tarndbudpub-payload-XXXXXX.part";
+	constexpr int kSuffixLength = 5;
+	codesign::UniqueFd fd(mkostemps(name.data(), kSuffixLength, O_CLOEXEC));
+	if (!fd || unlink(name.c_str()) != 0) {
+		throw PublishError(codesign::ErrnoText("No file can be created in " + directory, errno) + ".");
+	}
+	return fd;
+}
+
+} // namespace
+
+ArchiveSealer::ArchiveSealer(const std::string& directory) : directory_(directory), payload_(NamelessFile(directory)) {
+	chunk_.reserve(codesign::kChunkSize);
+}
+
+void ArchiveSealer::Append(std::string_view bytes) {
+	while (!bytes.empty()) {
+		const std::string_view part = bytes.substr(0, codesign::kChunkSize - chunk_.size());
+		chunk_ += part;
+		bytes.remove_prefix(part.size());
+		if (chunk_.size() == codesign::kChunkSize) {
+			FinishChunk();
+		}
+	}
+}
+
+void ArchiveSealer::FinishChunk() {
+	const codesign::Digest digest = codesign::Sha256(chunk_.data(), chunk_.size());
+	table_.append(reinterpret_cast<const char*>(digest.data()), digest.size());
+	codesign::WriteFully(payload_.Get(), chunk_.data(), chunk_.size(), "the package's payload in " + directory_);
+	payload_size_ += chunk_.size();
+	if (payload_size_ > codesign::kMaxPayloadSize) {
+		throw PublishError("The package would be larger than devices accept, " +
+		                   std::to_string(codesign::kMaxPayloadSize) + " bytes.");
+	}
+	chunk_.clear();
+}
+
+std::uint64_t ArchiveSealer::Seal(codesign::ArchiveHead head, std::string_view metadata, const SigningKey& key,
+    int archive_fd, const std::string& path) {
+	if (!chunk_.empty()) {
+		FinishChunk();
+	}
+	if (metadata.size() > codesign::kMaxMetadataSize) {
+		throw PublishError("The package's metadata would be too long.");
+	}
+	head.payload_size = payload_size_;
+	head.metadata_size = static_cast<std::uint32_t>(metadata.size());
+	std::string message(codesign::kSignatureDomain);
+	message += codesign::EncodeHead(head);
+	message += metadata;
+	message += table_;
+	const codesign::Signature signature = key.Sign(message);
+	const std::string_view visible = std::string_view(message).substr(codesign::kSignatureDomain.size());
+	codesign::WriteFully(archive_fd, visible.data(), visible.size(), path);
+	codesign::WriteFully(archive_fd, signature.data(), signature.size(), path);
+	std::string buffer(codesign::kChunkSize, '\0');
+	for (std::uint64_t offset = 0; offset < payload_size_; offset += buffer.size()) {
+		buffer.resize(std::min<std::uint64_t>(buffer.size(), payload_size_ - offset));
+		if (!codesign::ReadFullyAt(payload_.Get(), buffer.data(), buffer.size(), offset)) {
+			throw PublishError("The package's payload became shorter while it was written to " + path + ".");
+		}
+		codesign::WriteFully(archive_fd, buffer.data(), buffer.size(), path);
+	}
+	return head.FileSize();
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,168 @@
+#include "repository.h"
+
+#include "publish_error.h"
+#include "replacing_file.h"
+#include "tarncodesign/archive_error.h"
+#include "tarncodesign/file_io.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <memory>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMaxDocumentSize = 64U << 20U;
+constexpr const char* kLockName = ".tarndbudpub.lock";
+constexpr mode_t kLockMode = 0644;
+
+codesign::UniqueFd Lock(const std::string& path, const std::function<void()>& waiting) {
+	codesign::UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
+	if (!fd) {
+		throw PublishError(codesign::ErrnoText("The lock " + path + " cannot be opened", errno) + ".");
+	}
+	if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) {
+		return fd;
+	}
+	waiting();
+	while (flock(fd.Get(), LOCK_EX) != 0) {
+		if (errno != EINTR) {
+			throw PublishError(codesign::ErrnoText("The lock " + path + " cannot be taken", errno) + ".");
+		}
+	}
+	return fd;
+}
+
+Json::Value ParseObject(const std::string& text, const std::string& path) {
+	Json::CharReaderBuilder builder;
+	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+	Json::Value value;
+	std::string errors;
+	try {
+		if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
+			value = Json::Value();
+		}
+	} catch (const Json::Exception& error) {
+		errors = error.what();
+		value = Json::Value();
+	}
+	std::replace(errors.begin(), errors.end(), '\n', ' ');
+	if (!value.isObject()) {
+		throw PublishError(
+		    "The document " + path + " is no JSON object and is left as it is; repair or remove it. " + errors);
+	}
+	return value;
+}
+
+int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
+	int version = -1;
+	if (entry.isObject() && entry["data_version"].isString()) {
+		const std::string digits = entry["data_version"].asString();
+		const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
+		if (result.ec != std::errc() || result.ptr != digits.data() + digits.size()) {
+			version = -1;
+		}
+	}
+	if (version < 0) {
+		throw PublishError("The document " + path + " holds no readable version of " + id + "; repair or remove it.");
+	}
+	return version;
+}
+
+} // namespace
+
+Repository::Repository(std::string directory, const std::function<void()>& waiting) : directory_(std::move(directory)) {
+	std::error_code error;
+	fs::create_directories(directory_, error);
+	if (error) {
+		throw PublishError("The repository " + directory_ + " cannot be created: " + error.message() + ".");
+	}
+	lock_ = Lock(directory_ + "/" + kLockName, waiting);
+}
+
+std::string Repository::PackageName(const std::string& id, int data_version) {
+	return "packages/" + id + "/" + id + "_v" + std::to_string(data_version) + ".tarn";
+}
+
+std::string Repository::PackagePath(const std::string& id, int data_version) const {
+	return directory_ + "/" + PackageName(id, data_version);
+}
+
+std::string Repository::DocumentPath(const std::string& db_version) const {
+	return directory_ + "/database_info/" + db_version;
+}
+
+Json::Value Repository::ReadDocument(const std::string& path) const {
+	std::string text;
+	try {
+		const codesign::UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
+		text = codesign::ReadSmallFile(fd.Get(), kMaxDocumentSize, "it");
+	} catch (const codesign::ArchiveError& error) {
+		throw PublishError("The document " + path + " cannot be read: it " + error.what() + ".");
+	}
+	Json::Value document = ParseObject(text, path);
+	const Json::Value* list = document.find("db_list", "db_list" + 7);
+	if (list == nullptr || !list->isObject()) {
+		throw PublishError(
+		    "The document " + path + " has no \"db_list\" object and is left as it is; repair or remove it.");
+	}
+	return document;
+}
+
+std::optional<int> Repository::LastVersion(const std::string& id) const {
+	std::optional<int> last;
+	std::error_code error;
+	for (const fs::directory_entry& file : fs::directory_iterator(directory_ + "/database_info", error)) {
+		if (file.path().filename().string().front() == '.') {
+			continue;
+		}
+		const Json::Value list = ReadDocument(file.path().string())["db_list"];
+		if (list.isMember(id)) {
+			last = std::max(last.value_or(-1), VersionOf(list[id], id, file.path().string()));
+		}
+	}
+	if (error && error != std::errc::no_such_file_or_directory) {
+		throw PublishError("The documents of " + directory_ + " cannot be read: " + error.message() + ".");
+	}
+	return last;
+}
+
+void Repository::Clean(const std::string& id) const {
+	RemoveLeftovers(directory_ + "/packages/" + id);
+	RemoveLeftovers(directory_ + "/database_info");
+}
+
+void Repository::WriteEntry(const std::string& db_version, const std::string& id, const Entry& entry) const {
+	const std::string path = DocumentPath(db_version);
+	Json::Value document(Json::objectValue);
+	if (fs::exists(fs::symlink_status(path))) {
+		document = ReadDocument(path);
+	}
+	if (!document["deprecated"].isBool()) {
+		document["deprecated"] = false;
+	}
+	Json::Value& record = document["db_list"][id];
+	if (!record["deprecated"].isBool()) {
+		record["deprecated"] = false;
+	}
+	record["data_version"] = std::to_string(entry.data_version);
+	record["last_fetch_time"] = entry.last_fetch_time;
+	record["download_link"] = entry.download_link;
+	record["diff_files"] = Json::Value(Json::objectValue);
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "\t";
+	const std::string text = Json::writeString(builder, document) + "\n";
+	ReplacingFile file(path);
+	codesign::WriteFully(file.Fd(), text.data(), text.size(), path);
+	file.Commit();
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,58 @@
+#ifndef TARNDBUDPUB_REPOSITORY_H
+#define TARNDBUDPUB_REPOSITORY_H
+
+#include "tarncodesign/unique_fd.h"
+
+#include <json/json.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace tarn::publisher {
+
+/** What the document says about one version of a database. */
+struct Entry {
+	int data_version = 0;
+	int last_fetch_time = 0;
+	std::string download_link;
+};
+
+/**
+ * The directory that the web server serves: packages/<id>/ and the documents database_info/<version>. While an object
+ * lives it holds the directory's lock, so that publishers follow each other.
+ */
+class Repository {
+public:
+	/**
+	 * @param waiting  called once when another publisher holds the lock, before waiting for it
+	 * @throws PublishError
+	 */
+	Repository(std::string directory, const std::function<void()>& waiting);
+
+	/** The highest version that any document names for a database; none when it was never published. */
+	std::optional<int> LastVersion(const std::string& id) const;
+
+	static std::string PackageName(const std::string& id, int data_version);
+	std::string PackagePath(const std::string& id, int data_version) const;
+	std::string DocumentPath(const std::string& db_version) const;
+
+	/** Removes what killed publishers left where this one will write. */
+	void Clean(const std::string& id) const;
+
+	/**
+	 * Puts a database's entry into a document, keeping all else that it holds: other databases, flags of deprecation,
+	 * members unknown here.
+	 */
+	void WriteEntry(const std::string& db_version, const std::string& id, const Entry& entry) const;
+
+private:
+	Json::Value ReadDocument(const std::string& path) const;
+
+	std::string directory_;
+	codesign::UniqueFd lock_;
+};
+
+} // namespace tarn::publisher
+
+#endif
