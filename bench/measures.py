@@ -1,0 +1,220 @@
+"""The measurements themselves: ours and the stock tools', in turns."""
+
+from __future__ import annotations
+
+import json
+import os
+import random
+import shutil
+import subprocess
+import threading
+import time
+from collections.abc import Callable, Iterator
+from dataclasses import dataclass
+from pathlib import Path
+from statistics import median
+
+import pytest
+from harness.device import Device
+from harness.publisher import Publisher
+from harness.volumes import Volumes
+from harness.webserver import Nginx
+
+SOURCE = Path(__file__).resolve().parent.parent
+DATABASE = "bench"
+HASH_SPEED_SHARE = 0.95
+HOLD_LIMIT = 1.5
+PIPELINE_LIMIT = 0.75
+MIB = 1 << 20
+
+
+@dataclass(frozen=True)
+class Scale:
+    rounds: int
+    files: int
+    file_bytes: int
+    hash_bytes: int
+    volume_bytes: int
+    file_systems: tuple[str, ...]
+
+    @staticmethod
+    def full(rounds: int) -> Scale:
+        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, ("ext4", "btrfs", "xfs"))
+
+    @staticmethod
+    def brief() -> Scale:
+        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, ("ext4",))
+
+
+def make_tree(root: Path, files: int, file_bytes: int) -> None:
+    """Data of which a quarter can be compressed away, in forty directories; the same at every call."""
+    chance = random.Random(1)
+    noise = file_bytes * 77 // 100
+    for number in range(files):
+        directory = root / f"d{number % 40:02}"
+        directory.mkdir(parents=True, exist_ok=True)
+        words = bytes(chance.choices(b"abcdefgh 0123\n", k=400)) * (1 + (file_bytes - noise) // 400)
+        (directory / f"f{number:04}.dat").write_bytes(chance.randbytes(noise) + words[: file_bytes - noise])
+
+
+def shell(script: str, **variables: object) -> None:
+    environment = {**os.environ, **{name: str(value) for name, value in variables.items()}}
+    subprocess.run(["/bin/bash", "-euc", script], check=True, env=environment, stdout=subprocess.DEVNULL)
+
+
+def timed(action: Callable[[], object]) -> float:
+    begin = time.monotonic()
+    action()
+    return time.monotonic() - begin
+
+
+class PeakUse:
+    """The most bytes that a file system held while the block ran, on top of what it held before or after."""
+
+    def __init__(self, path: Path) -> None:
+        self._path = path
+        self._stop = threading.Event()
+        self._samples: list[int] = []
+        self._thread = threading.Thread(target=self._sample)
+
+    def _used(self) -> int:
+        space = os.statvfs(self._path)
+        return (space.f_blocks - space.f_bfree) * space.f_frsize
+
+    def _sample(self) -> None:
+        while not self._stop.wait(0.002):
+            self._samples.append(self._used())
+
+    def __enter__(self) -> PeakUse:
+        os.sync()
+        self._before = self._used()
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._stop.set()
+        self._thread.join()
+        os.sync()
+        self.extra = max(self._samples, default=0) - max(self._before, self._used())
+
+
+STOCK = {
+    "download": 'wget -q "$LINK" -O "$V/package"; wget -q "$LINK.sig" -O "$V/package.sig"',
+    "check": 'openssl pkeyutl -verify -pubin -inkey "$KEY" -rawin -in "$V/package" -sigfile "$V/package.sig"',
+    "unpack": 'mkdir "$V/unpacked"; tar --zstd -xf "$V/package" -C "$V/unpacked"',
+    "empty": 'rm -rf "$INSTALL"; mkdir -p "$INSTALL"',
+    "copy": 'cp -r --reflink=auto "$V/unpacked/." "$INSTALL"',
+    "sync": 'sync -f "$INSTALL"',
+    "hash": 'find "$INSTALL" -type f -print0 | xargs -0 openssl dgst -sha384 >"$V/digests"',
+    "clean": 'rm -rf "$V/unpacked" "$V/package" "$V/package.sig" "$V/digests"',
+}
+
+
+class Bench:
+    def __init__(self, build: Path, scratch: Path, scale: Scale) -> None:
+        subprocess.run(["cmake", "--install", str(build)], check=True, stdout=subprocess.DEVNULL)
+        self._build, self._scratch, self._scale = build, scratch, scale
+
+    def hash(self) -> Iterator[dict[str, object]]:
+        path = self._scratch / "large"
+        path.write_bytes(random.Random(2).randbytes(MIB) * (self._scale.hash_bytes // MIB))
+        ours, peer = [], []
+        for _ in range(self._scale.rounds + 1):
+            seconds, digest = self._run("hash_bench", path).split()
+            ours.append(float(seconds))
+            command = ["openssl", "dgst", "-sha384", "-r", str(path)]
+            begin = time.monotonic()
+            expected = subprocess.run(command, check=True, capture_output=True, text=True).stdout.split()[0]
+            peer.append(time.monotonic() - begin)
+            assert digest == expected
+        path.unlink()
+        # The first round filled the page cache.
+        yield row(f"hash {self._scale.hash_bytes // MIB} MiB (openssl dgst)", ours[1:], peer[1:], 1 / HASH_SPEED_SHARE)
+
+    def update(self) -> Iterator[dict[str, object]]:
+        publisher = Publisher(self._scratch / "publisher")
+        nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, self._scratch / "nginx")
+        try:
+            publisher.base = nginx.url
+            tree = self._scratch / "tree"
+            make_tree(tree, self._scale.files, self._scale.file_bytes)
+            publisher.publish(tree, DATABASE)
+            self._make_stock_package(tree, publisher)
+            for kind in self._scale.file_systems:
+                yield from self._update_on(kind, publisher, nginx)
+        finally:
+            nginx.close()
+
+    def _make_stock_package(self, tree: Path, publisher: Publisher) -> None:
+        shell(
+            'tar -C "$TREE" -cf - . | zstd -12 -q -f -o "$OUT"; '
+            'openssl pkeyutl -sign -inkey "$KEY" -rawin -in "$OUT" -out "$OUT.sig"',
+            TREE=tree, OUT=publisher.repository / "stock.tar.zst", KEY=publisher.private_key,
+        )  # fmt: skip
+
+    def _update_on(self, kind: str, publisher: Publisher, nginx: Nginx) -> Iterator[dict[str, object]]:
+        place = self._scratch / "volumes"
+        place.mkdir()
+        volumes = Volumes(place)
+        Device.reset()
+        try:
+            volume = volumes.make(kind, self._scale.volume_bytes)
+            Device(volume, nginx.netloc).trust(publisher.public_key)
+            yield from self._compare(kind, volume, publisher, nginx.url)
+        except pytest.skip.Exception as reason:
+            print(f"left out: update on {kind}: {reason}")
+        finally:
+            volumes.close()
+            place.rmdir()
+
+    def _compare(self, kind: str, volume: Path, publisher: Publisher, url: str) -> Iterator[dict[str, object]]:
+        ours: list[dict[str, float]] = []
+        peer: list[dict[str, float]] = []
+        extra: list[int] = []
+        for _ in range(self._scale.rounds + 1):
+            peer.append(self._stock_update(volume, publisher, url))
+            with PeakUse(volume) as use:
+                ours.append(self._our_update(volume, publisher))
+            extra.append(use.extra)
+        ours, peer = ours[1:], peer[1:]
+        print_phases(kind, ours, peer)
+        total = [sum(phases.values()) for phases in peer]
+        yield row(f"{kind}: update (stock tools, with sync)", [run["total"] for run in ours], total, PIPELINE_LIMIT)
+        unsynced = [sum(phases.values()) - phases["sync"] for phases in peer]
+        yield row(f"{kind}: update (stock tools, without sync)", [run["total"] for run in ours], unsynced, PIPELINE_LIMIT)
+        hold = [phases["copy"] + phases["sync"] for phases in peer]
+        yield row(f"{kind}: readers held off (cp --reflink=auto, sync -f)", [run["apply"] for run in ours], hold, HOLD_LIMIT)
+        package = publisher.package(DATABASE, 1).stat().st_size
+        allowed = [(package + self._scale.files * self._scale.file_bytes) / MIB]
+        needed = [extra_bytes / MIB for extra_bytes in extra[1:]]
+        # A file system's own records and its last, half-filled blocks come on top.
+        yield row(f"{kind}: extra disk (package and one tree)", needed, allowed, 1.1, unit="M")
+
+    def _our_update(self, volume: Path, publisher: Publisher) -> dict[str, float]:
+        install = volume / "@database/autoupdate" / DATABASE
+        link = publisher.entry(DATABASE)["download_link"]
+        result = json.loads(self._run("phase_bench", DATABASE, 1, link, volume, install))
+        assert result.pop("files") == self._scale.files
+        return result
+
+    def _stock_update(self, volume: Path, publisher: Publisher, url: str) -> dict[str, float]:
+        variables = {
+            "V": volume, "INSTALL": volume / "stock", "KEY": publisher.public_key, "LINK": f"{url}/stock.tar.zst",
+        }  # fmt: skip
+        phases = {name: timed(lambda script=script: shell(script, **variables)) for name, script in STOCK.items()}
+        shutil.rmtree(volume / "stock")
+        return phases
+
+    def _run(self, program: str, *arguments: object) -> str:
+        command = [str(self._build / "bench" / program), *map(str, arguments)]
+        return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def row(what: str, ours: list[float], peer: list[float], limit: float, unit: str = "s") -> dict[str, object]:
+    return {"what": what, "ours": median(ours), "peer": median(peer), "limit": limit, "unit": unit}
+
+
+def print_phases(kind: str, ours: list[dict[str, float]], peer: list[dict[str, float]]) -> None:
+    for who, runs in (("ours", ours), ("stock tools", peer)):
+        parts = [f"{name} {median(run[name] for run in runs):.3f}" for name in runs[0] if name != "total"]
+        print(f"{kind}: {who:11} {', '.join(parts)}")
