@@ -1,0 +1,64 @@
+/** @file A directory of a test's own. */
+#ifndef TARN_TESTS_TEMPORARY_DIRECTORY_H
+#define TARN_TESTS_TEMPORARY_DIRECTORY_H
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace tarn::test {
+
+/** Made empty, removed with all it holds. */
+class TemporaryDirectory {
+public:
+	TemporaryDirectory() {
+		std::string name = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
+		if (mkdtemp(name.data()) == nullptr) {
+			throw std::system_error(errno, std::generic_category(), name);
+		}
+		path_ = std::filesystem::canonical(name);
+	}
+	~TemporaryDirectory() {
+		std::error_code ignored;
+		std::filesystem::remove_all(path_, ignored);
+	}
+	TemporaryDirectory(const TemporaryDirectory&) = delete;
+	TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+	TemporaryDirectory(TemporaryDirectory&&) = delete;
+	TemporaryDirectory& operator=(TemporaryDirectory&&) = delete;
+
+	const std::filesystem::path& Path() const { return path_; }
+
+	/** The path of a name in the directory, as text. */
+	std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+private:
+	std::filesystem::path path_;
+};
+
+/** Writes a file, with missing parents. */
+inline void WriteFile(const std::string& path, const std::string& content) {
+	std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+	std::ofstream file(path, std::ios::binary);
+	file << content;
+	if (!file.flush()) {
+		throw std::runtime_error("cannot write " + path);
+	}
+}
+
+/** Reads a whole file. */
+inline std::string ReadFile(const std::string& path) {
+	std::ifstream file(path, std::ios::binary);
+	if (!file) {
+		throw std::runtime_error("cannot read " + path);
+	}
+	return {std::istreambuf_iterator<char>(file), {}};
+}
+
+} // namespace tarn::test
+
+#endif
