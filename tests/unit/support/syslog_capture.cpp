@@ -22,7 +22,7 @@ Store& TheStore() {
 	return store;
 }
 
-void Record(int priority, const char* format, std::va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void Record(int priority, const char* format, std::va_list arguments) {
 	std::va_list copy;
 	va_copy(copy, arguments);
 	const int length = std::vsnprintf(nullptr, 0, format, copy);
@@ -66,7 +66,7 @@ size_t SyslogCapture::Count(int priority, const std::vector<std::string>& texts)
 	}));
 }
 
-#define TARN_EXPORTED __attribute__((visibility("default")))
+#define TARN_EXPORTED [[gnu::visibility("default")]]
 
 // In front of the C library's functions: the executable's symbols win, for shared libraries too.
 extern "C" {
@@ -83,14 +83,15 @@ TARN_EXPORTED void vsyslog(int priority, const char* format, std::va_list argume
 }
 
 // What fortified builds call in their place.
-TARN_EXPORTED void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+TARN_EXPORTED [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
 	std::va_list arguments;
 	va_start(arguments, format);
 	Record(priority, format, arguments);
 	va_end(arguments);
 }
 
-TARN_EXPORTED void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list arguments) {
+TARN_EXPORTED [[gnu::format(printf, 3, 0)]] void __vsyslog_chk(
+    int priority, int /*flag*/, const char* format, std::va_list arguments) {
 	Record(priority, format, arguments);
 }
 
