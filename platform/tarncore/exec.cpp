@@ -5,6 +5,7 @@
 
 #include <sys/wait.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <exception>
@@ -37,7 +38,8 @@ Program MakeProgram(const char* path, unsigned int options) {
 	program.new_group = (options & TLIBC_EXEC_NEW_GROUP) != 0;
 	program.reset_signals = (options & TLIBC_EXEC_KEEP_SIGNALS) == 0;
 	program.dies_with_caller = (options & TLIBC_EXEC_WAIT) != 0;
-	constexpr unsigned int kNullOptions[] = {TLIBC_EXEC_STDIN_NULL, TLIBC_EXEC_STDOUT_NULL, TLIBC_EXEC_STDERR_NULL};
+	constexpr std::array<unsigned int, 3> kNullOptions = {
+	    TLIBC_EXEC_STDIN_NULL, TLIBC_EXEC_STDOUT_NULL, TLIBC_EXEC_STDERR_NULL};
 	for (size_t i = 0; i < program.streams.size(); ++i) {
 		program.streams[i] =
 		    (options & kNullOptions[i]) != 0 ? tarn::process::kNullStream : tarn::process::kInheritStream;

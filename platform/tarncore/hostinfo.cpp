@@ -70,15 +70,18 @@ std::string OsName(const std::vector<std::string>& os_release_paths) {
 			}
 		}
 		if (!name.empty()) {
-			return version.empty() ? name : name + " " + version;
+			return version.empty() ? name : name.append(" ").append(version);
 		}
 	}
 	return Kernel().sysname;
 }
 
 std::string UserAgent(const std::string& category, const std::vector<std::string>& os_release_paths) {
-	return std::string("tarn/") + TARN_VERSION + " (" + Sanitise(OsName(os_release_paths)) + "; " +
-	       Sanitise(Kernel().machine) + ") " + Sanitise(category);
+	std::string text = std::string("tarn/") + TARN_VERSION;
+	text += " (" + Sanitise(OsName(os_release_paths));
+	text += "; " + Sanitise(Kernel().machine);
+	text += ") " + Sanitise(category);
+	return text;
 }
 
 } // namespace tarn::core

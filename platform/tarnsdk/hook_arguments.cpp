@@ -15,7 +15,7 @@ namespace tarn::sdk {
 namespace {
 
 /** What the kernel takes for one string of the environment, the NUL included. */
-constexpr size_t kLongestVariable = 128 * 1024;
+constexpr size_t kLongestVariable = size_t{128} * 1024;
 
 /** MFD_NOEXEC_SEAL, which hardened kernels demand and the C library's headers don't name yet. */
 constexpr unsigned int kMemoryNotExecutable = 0x0008U;
@@ -88,11 +88,13 @@ std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
 	for (const auto& [key, value] : arguments) {
 		const size_t size = key.size() + 1 + value.size() + 1;
 		if (size > std::min(room, kLongestVariable)) {
-			omitted += (omitted.empty() ? "" : " ") + key;
+			omitted += omitted.empty() ? "" : " ";
+			omitted += key;
 			continue;
 		}
 		room -= size;
-		variables.push_back(key + "=" + value);
+		variables.push_back(key);
+		variables.back().append("=").append(value);
 	}
 	variables.push_back("TARN_HOOK_OMITTED=" + omitted);
 	return variables;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 
@@ -27,6 +28,10 @@ struct Entry {
 constexpr const char* kUntrusted = "others than its administrator may write it";
 
 using Entries = std::map<std::string, Entry>;
+
+std::string BelowPath(const std::string& directory, const std::string& name) {
+	return std::filesystem::path(directory) / name;
+}
 
 bool IsTrusted(const struct stat& info, uid_t owner) {
 	return info.st_uid == owner && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
@@ -70,7 +75,7 @@ int OpenBelow(const std::string& root, const std::string& subpath, uid_t owner, 
 	int error = OpenTrusted(AT_FDCWD, root, 0, root, owner, directory);
 	for (size_t begin = 0; error == 0 && begin <= subpath.size();) {
 		const size_t end = std::min(subpath.find('/', begin), subpath.size());
-		const std::string path = root + "/" + subpath.substr(0, end);
+		const std::string path = BelowPath(root, subpath.substr(0, end));
 		const std::string name = subpath.substr(begin, end - begin);
 		error = OpenTrusted(directory.Get(), name, O_NOFOLLOW, path, owner, directory);
 		begin = end + 1;
@@ -118,7 +123,7 @@ bool TakeDirectory(UniqueFd directory, const std::string& path, uid_t owner, Ent
 	while (const dirent* found = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe): a stream of our own
 		const std::string name = found->d_name;
 		if (!IsLeftover(name)) {
-			complete = TakeEntry(names.Get(), name, path + "/" + name, owner, entries) && complete;
+			complete = TakeEntry(names.Get(), name, BelowPath(path, name), owner, entries) && complete;
 		}
 		errno = 0;
 	}
@@ -137,7 +142,7 @@ HookList FindHooks(const std::vector<std::string>& roots, const std::string& sub
 	for (const std::string& root : roots) {
 		UniqueFd directory;
 		const int error = OpenBelow(root, subpath, owner, directory);
-		const bool taken = error == 0 && TakeDirectory(std::move(directory), root + "/" + subpath, owner, entries);
+		const bool taken = error == 0 && TakeDirectory(std::move(directory), BelowPath(root, subpath), owner, entries);
 		hooks.complete = (taken || error == ENOENT) && hooks.complete;
 	}
 	for (const auto& [name, entry] : entries) {

@@ -33,7 +33,6 @@ using tarn::test::TemporaryDirectory;
 using tarn::test::WriteFile;
 using testing::Contains;
 using testing::HasSubstr;
-using testing::Not;
 using testing::UnorderedElementsAreArray;
 
 constexpr const char* kShell = "/bin/sh";
@@ -194,7 +193,7 @@ TEST(Exec, NoDescriptorReachesAnIsolatedChild) {
 	const UniqueFd leaking(open("/dev/zero", O_RDONLY)); // without close-on-exec, on purpose
 	ASSERT_GT(leaking.Get(), 2);
 	const std::string script =
-	    "(ls /proc/$$/fd) > \"$1\"; (readlink /proc/$$/fd/0 /proc/$$/fd/1 /proc/$$/fd/2) > \"$2\"; true";
+	    R"((ls /proc/$$/fd) > "$1"; (readlink /proc/$$/fd/0 /proc/$$/fd/1 /proc/$$/fd/2) > "$2"; true)";
 	ASSERT_EQ(RunScript(kIsolated, script, directory / "numbers", directory / "streams"), 0);
 	EXPECT_EQ(ReadFile(directory / "numbers"), "0\n1\n2\n");
 	EXPECT_EQ(ReadFile(directory / "streams"), "/dev/null\n/dev/null\n/dev/null\n");
@@ -240,8 +239,7 @@ TEST(Exec, SignalsAreResetUnlessTheyAreToBeKept) {
 
 TEST(Exec, ChildLeadsAGroupOfItsOwnWhenAskedTo) {
 	const TemporaryDirectory directory;
-	const std::string script =
-	    "read -r pid name state parent group rest < /proc/$$/stat; echo \"$pid $group\" > \"$1\"";
+	const std::string script = R"(read -r pid name state parent group rest < /proc/$$/stat; echo "$pid $group" > "$1")";
 	ASSERT_EQ(RunScript(kIsolated | TLIBC_EXEC_NEW_GROUP, script, directory / "group"), 0);
 	const std::vector<std::string> own = Split(ReadFile(directory / "group"), ' ');
 	EXPECT_EQ(own.at(0) + "\n", own.at(1));

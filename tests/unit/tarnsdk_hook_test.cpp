@@ -25,14 +25,11 @@ namespace {
 
 using std::chrono::milliseconds;
 using tarn::process::UniqueFd;
-using tarn::sdk::HookEvent;
-using tarn::sdk::HookSettings;
 using tarn::sdk::RunHooks;
 using tarn::test::ReadFile;
 using tarn::test::SyslogCapture;
 using tarn::test::TemporaryDirectory;
 using tarn::test::WriteFile;
-using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -65,7 +62,7 @@ protected:
 
 	/** Writes a hook that may use the test's directory as "$out". */
 	std::string Hook(const std::string& root, const std::string& name, const std::string& script) const {
-		const std::string path = root + "/module/some/event/" + name;
+		std::string path = root + "/module/some/event/" + name;
 		WriteFile(path, "#!/bin/sh\nout='" + directory_.Path().string() + "'\n" + script + "\n");
 		chmod(path.c_str(), 0755);
 		return path;
@@ -232,7 +229,7 @@ TEST_F(Hooks, ListOfFiftyThousandFilesArrivesWhole) {
 }
 
 TEST_F(Hooks, LongestValueThatFitsIsAVariableAndOneByteMoreIsNot) {
-	const size_t room = 128 * 1024 - std::string("KEY=").size() - 1;
+	const size_t room = size_t{128} * 1024 - std::string("KEY=").size() - 1;
 	Hook(own_, "10", "echo \"${#KEY} $TARN_HOOK_OMITTED\" > $out/length");
 	arguments_["KEY"] = std::string(room, 'x');
 	EXPECT_TRUE(Run());
@@ -294,7 +291,7 @@ TEST_F(Hooks, DaemonInASessionOfItsOwnLivesOnWithoutOurDescriptors) {
 	const UniqueFd inheritable(dup(lock.Get()));
 	ASSERT_EQ(mkfifo((directory_ / "question").c_str(), 0600), 0);
 	ASSERT_EQ(mkfifo((directory_ / "answer").c_str(), 0600), 0);
-	Hook(own_, "10", "setsid sh -c \"read w < $out/question; (readlink /proc/\\$\\$/fd/*) > $out/answer\" &");
+	Hook(own_, "10", R"(setsid sh -c "read w < $out/question; (readlink /proc/\$\$/fd/*) > $out/answer" &)");
 	EXPECT_TRUE(Run());
 	WriteFile(directory_ / "question", "go\n");
 	const std::string held = Output("answer");

@@ -130,7 +130,7 @@ protected:
 
 	/** A directory of the test's that a mount table can name. */
 	std::string Directory(const std::string& name) const {
-		const std::string path = directory_ / name;
+		std::string path = directory_ / name;
 		mkdir(path.c_str(), 0755);
 		return path;
 	}

@@ -33,10 +33,11 @@ extern "C" {
 /** Seconds that one hook may take. */
 #define TARN_HOOK_TIMEOUT_SECONDS 60
 
-typedef struct TLIBPluginContext TLIBPluginContext;
+/** An open plug-in context. */
+typedef struct TLIBPluginContext TLIBPluginContext; // NOLINT(modernize-use-using): C reads this too
 
 /** When, in relation to the event, hooks run. */
-typedef enum TLIBPluginActionType {
+typedef enum TLIBPluginActionType { // NOLINT(modernize-use-using): C reads this too
 	TLIB_PLUGIN_ACTION_PRE = 4,
 	TLIB_PLUGIN_ACTION_POST = 5,
 } TLIBPluginActionType;

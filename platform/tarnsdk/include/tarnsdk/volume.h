@@ -29,7 +29,7 @@ enum TARNVolumeFlag {
 };
 
 /** One volume. */
-typedef struct TARNMountVolInfo {
+typedef struct TARNMountVolInfo {  // NOLINT(modernize-use-using): C reads this too
 	char mount_path[PATH_MAX];     /**< Mount path or listed directory, without a trailing slash. */
 	struct TARNMountVolInfo* next; /**< Next record of an enumeration, null in the last. */
 	uint32_t flags;                /**< TARNVolumeFlag bits. */
