@@ -1,0 +1,47 @@
+/** @file An InfoGetter that says which document is bad and in what. */
+#ifndef TARNDBUDCTL_CHECKED_INFO_GETTER_H
+#define TARNDBUDCTL_CHECKED_INFO_GETTER_H
+
+#include <dataupdate/update.h>
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace tarn::ctl {
+
+/**
+ * Turns whatever a malformed document raises into an UpdateError that names the server's link or the file. The
+ * server's document, or the failure to get it, is kept for the object's life, so that one run makes one request. Not
+ * for use by several threads at once.
+ */
+class CheckedInfoGetter : public dataupdate::InfoGetter {
+public:
+	CheckedInfoGetter(
+	    std::shared_ptr<dataupdate::IOUtils> io, std::shared_ptr<dataupdate::ServiceConfig> service_config);
+
+	dataupdate::RemoteInfo GetRemoteInfo(const std::string& id) const override;
+	std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& id) const override;
+	dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& id) const override;
+	Json::Value GetDatabaseInfo() const override;
+
+protected:
+	/** The document from the server or the cache, kept by GetDatabaseInfo(). */
+	virtual Json::Value FetchDatabaseInfo() const;
+
+private:
+	template<typename Read>
+	auto ReadEntry(const std::string& id, Read read) const;
+	std::string DescribeCachedPage() const;
+	std::string Link() const;
+
+	std::shared_ptr<dataupdate::IOUtils> io_;
+	mutable std::optional<Json::Value> document_;
+	mutable std::exception_ptr failure_;
+};
+
+} // namespace tarn::ctl
+
+#endif

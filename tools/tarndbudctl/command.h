@@ -1,0 +1,43 @@
+/** @file What a command is made of. Commands are data; the program knows none of them by name. */
+#ifndef TARNDBUDCTL_COMMAND_H
+#define TARNDBUDCTL_COMMAND_H
+
+#include "exit_codes.h"
+#include "services.h"
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace tarn::ctl {
+
+/** Every option and argument of every command. */
+struct Options {
+	bool verbose = false;
+	bool json = false;
+	bool all = false;
+	bool no_wait = false;
+	std::vector<std::string> ids;
+	std::string id;
+	bool on = false;
+	unsigned long timeout_seconds = 600;
+};
+
+/** One command. */
+struct Command {
+	const char* name; ///< A word, or a group and a word: "volume show".
+	const char* help; ///< One line, and for more the lines after it.
+	bool needs_root;
+	bool shows_progress;
+	void (*declare)(CLI::App& app, Options& options); ///< Null when it has no options.
+	ExitCode (*run)(const Services& services, const Options& options);
+};
+
+const std::vector<Command>& AllCommands();
+
+} // namespace tarn::ctl
+
+#endif

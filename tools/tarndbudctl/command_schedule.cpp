@@ -1,0 +1,50 @@
+#include "commands.h"
+
+#include <dataupdate/file_lock.h>
+#include <dataupdate/paths.h>
+#include <dataupdate/update_error.h>
+
+#include <CLI/CLI.hpp>
+
+#include <map>
+
+namespace tarn::ctl {
+
+namespace {
+
+/**
+ * An override file stands for the whole list of databases, so the first setting written there would take all other
+ * databases away. It begins with a section for each of them, in one write.
+ */
+void KeepDatabaseList(const Services& services) {
+	const dataupdate::FileLock lock(dataupdate::kConfigLock, dataupdate::kLockTimeout);
+	const std::vector<std::string> ids = services.config->GetDatabaseIDs();
+	try {
+		services.io->ReadJson(dataupdate::kDatabaseOverride);
+	} catch (const dataupdate::UpdateError&) {
+		Json::Value sections(Json::objectValue);
+		for (const std::string& id : ids) {
+			sections[id] = Json::Value(Json::objectValue);
+		}
+		services.io->WriteJson(dataupdate::kDatabaseOverride, sections);
+	}
+}
+
+} // namespace
+
+void DeclareSchedule(CLI::App& app, Options& options) {
+	app.add_option("ID", options.id, "Database")->required();
+	app.add_option("STATE", options.on, "on or off")
+	    ->required()
+	    ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"on", true}, {"off", false}}));
+}
+
+ExitCode RunSchedule(const Services& services, const Options& options) {
+	services.config->CheckSupported(options.id);
+	KeepDatabaseList(services);
+	services.config->GetDatabaseConfig(options.id)->SetScheduled(options.on);
+	services.terminal.Say(options.id + (options.on ? ": scheduled\n" : ": not scheduled\n"));
+	return kDone;
+}
+
+} // namespace tarn::ctl

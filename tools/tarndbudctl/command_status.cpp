@@ -1,0 +1,92 @@
+#include "commands.h"
+#include "failure.h"
+#include "status_report.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <set>
+
+namespace tarn::ctl {
+
+namespace {
+
+constexpr size_t kLongestReason = 1000;
+
+/** The directory, which without a volume is none for databases that live on one. */
+std::optional<std::string> InstallDirectory(const dataupdate::DatabaseConfig& config) {
+	if (config.GetRootDirectory().empty()) {
+		return std::nullopt;
+	}
+	return config.GetInstallPrefix();
+}
+
+void AskServer(const Services& services, StatusRow& row) {
+	try {
+		row.remote_version = services.info->GetRemoteInfo(row.id).data_version;
+	} catch (...) {
+		row.remote_error = Printable(ExplainException(*services.io).sentence, kLongestReason);
+	}
+}
+
+StatusRow Collect(const Services& services, const std::string& id) {
+	StatusRow row;
+	row.id = id;
+	// The server comes last, when nothing local can fail any more.
+	const int installed = services.info->GetDatabaseStatus(id).data_version;
+	if (installed != -1) {
+		row.installed_version = installed;
+	}
+	const auto config = services.config->GetDatabaseConfig(id);
+	row.scheduled = config->GetScheduled();
+	row.install_dir = InstallDirectory(*config);
+	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
+		row.volume = volume;
+	}
+	row.updating = services.checker->IsUpdating(id);
+	AskServer(services, row);
+	return row;
+}
+
+void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
+	std::set<std::string> told;
+	for (const StatusRow& row : rows) {
+		if (!row.remote_error.empty() && told.insert(row.remote_error).second) {
+			services.terminal.Complain("The offered version is unknown. " + row.remote_error);
+		}
+	}
+}
+
+} // namespace
+
+void DeclareStatus(CLI::App& app, Options& options) {
+	app.add_option("ID", options.ids, "Databases; without one, all of them");
+	app.add_flag("--json", options.json, "Print an array of objects");
+}
+
+ExitCode RunStatus(const Services& services, const Options& options) {
+	for (const std::string& id : options.ids) {
+		services.config->CheckSupported(id);
+	}
+	ExitCode code = kDone;
+	std::vector<StatusRow> rows;
+	for (const std::string& id : options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids) {
+		try {
+			rows.push_back(Collect(services, id));
+		} catch (...) {
+			// One database's bad record or setting must not hide the others.
+			const Failure failure = ExplainException(*services.io);
+			services.terminal.Complain(id + ": " + failure.sentence);
+			code = code == kDone ? failure.code : code;
+		}
+	}
+	if (options.json) {
+		services.terminal.Say(FormatJson(StatusToJson(rows)));
+	} else {
+		services.terminal.Say(FormatStatusTable(rows));
+		TellReasons(services, rows);
+	}
+	return code;
+}
+
+} // namespace tarn::ctl

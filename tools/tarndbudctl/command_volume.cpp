@@ -1,0 +1,52 @@
+#include "commands.h"
+#include "status_report.h"
+#include "text.h"
+
+#include <dataupdate/volume_handler.h>
+#include <tarnsdk/volume.h>
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+
+namespace tarn::ctl {
+
+namespace {
+
+Json::Value VolumeToJson(const std::string& volume, const TARNMountVolInfo* record) {
+	Json::Value object(Json::objectValue);
+	object["volume"] = volume.empty() ? Json::Value() : Json::Value(volume);
+	object["available"] = record != nullptr;
+	object["writable"] = record != nullptr && record->writable != 0;
+	object["free_bytes"] = record == nullptr ? Json::Value() : Json::Value(Json::UInt64{record->free_bytes});
+	object["total_bytes"] = record == nullptr ? Json::Value() : Json::Value(Json::UInt64{record->total_bytes});
+	return object;
+}
+
+std::string VolumeToText(const std::string& volume, const TARNMountVolInfo* record) {
+	if (volume.empty()) {
+		return "No volume is in use; \"tarndbudctl init\" chooses one.\n";
+	}
+	if (record == nullptr) {
+		return volume + " is in use, but is not available now.\n";
+	}
+	return volume + ": " + FormatBytes(record->free_bytes) + " of " + FormatBytes(record->total_bytes) + " free" +
+	       (record->writable != 0 ? "" : ", not writable") + "\n";
+}
+
+} // namespace
+
+void DeclareVolumeShow(CLI::App& app, Options& options) {
+	app.add_flag("--json", options.json, "Print an object");
+}
+
+ExitCode RunVolumeShow(const Services& services, const Options& options) {
+	const std::string volume = services.config->GetCurVolume();
+	const auto record = std::make_unique<TARNMountVolInfo>();
+	const bool available = !volume.empty() && TARNMountVolInfoGet(volume.c_str(), record.get()) == 0;
+	const TARNMountVolInfo* shown = available ? record.get() : nullptr;
+	services.terminal.Say(options.json ? FormatJson(VolumeToJson(volume, shown)) : VolumeToText(volume, shown));
+	return kDone;
+}
+
+} // namespace tarn::ctl

@@ -1,0 +1,31 @@
+/** @file Says what is wrong with a server's answer. Everything here is free of files and clocks. */
+#ifndef TARNDBUDCTL_DOCUMENT_PROBLEM_H
+#define TARNDBUDCTL_DOCUMENT_PROBLEM_H
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+namespace tarn::ctl {
+
+/** An answer that cannot be decoded, as it lies in the cache. */
+struct CachedPage {
+	std::string link;
+	std::string beginning; ///< Its first bytes, or all of them when there are fewer.
+	uintmax_t size = 0;
+};
+
+/** One sentence without its end: what came from the link instead of a document. */
+std::string DescribePage(const CachedPage& page);
+
+/** What makes the document useless for a database, such as "its \"db_list\" is an array, not an object". */
+std::string DescribeDocument(const Json::Value& document, const std::string& id);
+
+/** How long a bad answer stays, and how to be rid of it, to be appended; empty when it is asked for anew anyway. */
+std::string DescribeCaching(std::time_t modified, std::time_t now);
+
+} // namespace tarn::ctl
+
+#endif

@@ -1,0 +1,188 @@
+#include "failure.h"
+
+#include "text.h"
+
+#include <dataupdate/paths.h>
+#include <dataupdate/update_error.h>
+#include <tarncore/tarncore.h>
+
+#include <boost/filesystem/exception.hpp>
+#include <json/value.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+#include <new>
+#include <vector>
+
+namespace tarn::ctl {
+
+using dataupdate::UpdateError;
+
+namespace {
+
+constexpr size_t kLongestMessage = 600;
+
+/** What is known about a failure when its hint is made up. */
+struct Circumstances {
+	std::string message;
+	int platform_error;
+};
+
+std::string ConfigurationFiles(const Circumstances& failure) {
+	const bool of_service = failure.message.find("section-key: 'config'-") != std::string::npos;
+	return std::string("set it in ") + (of_service ? dataupdate::kServiceOverride : dataupdate::kDatabaseOverride) +
+	       " or restore " + (of_service ? dataupdate::kServiceDefaults : dataupdate::kDatabaseDefaults);
+}
+
+std::string LinkHint(const Circumstances& failure) {
+	struct Hint {
+		int error;
+		const char* text;
+	};
+	static constexpr Hint kHints[] = {
+	    {TLIBC_ERR_EXIT + 2, "wget refuses its settings: correct /usr/tarn/etc/data_update/wgetrc"},
+	    {TLIBC_ERR_EXIT + 3, "wget could not write the file: check the free space and the file system"},
+	    {TLIBC_ERR_EXIT + 4, "the server cannot be reached: check the network, the proxy and the server's name"},
+	    {TLIBC_ERR_EXIT + 5, "the server's certificate is not trusted: check the clock and the certificates"},
+	    {TLIBC_ERR_EXIT + 6, "the server or the proxy wants a password: check the proxy's settings"},
+	    {TLIBC_ERR_EXIT + 7, "what answered speaks no HTTP: check the scheme, the host and the port"},
+	    {TLIBC_ERR_EXIT + 8, "the server answered with an error: check that it offers this file"},
+	    {ENOENT, "/usr/bin/wget could not be started: install wget"},
+	    {EACCES, "/usr/bin/wget could not be started: check its permissions"},
+	};
+	if (failure.message.find("Fail to wget url: -") != std::string::npos) {
+		return "no link may begin with \"-\": correct the server's document";
+	}
+	const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
+	    [&](const Hint& candidate) { return candidate.error == failure.platform_error; });
+	return hint == std::end(kHints) ? "check the network, the server and that wget is installed" : hint->text;
+}
+
+/** One kind of message: how it is known, its exit code and what to do. Of several that fit, the first counts. */
+struct Rule {
+	const char* text; ///< Stands somewhere in the message.
+	ExitCode code;
+	const char* hint;
+	std::string (*make_hint)(const Circumstances&) = nullptr; ///< In the hint's place.
+};
+
+constexpr Rule kRules[] = {
+    {" not supported", kUnsupported, "the configured databases are listed by \"tarndbudctl status\""},
+    {"Fail to lock ", kLocked, "somebody else holds it (a running update, or a reader of the database): try later"},
+    {"Fail open lock file ", kFailed, "tarndbudctl must be run as root"},
+    {"Fail to wget url: ", kFailed, nullptr, LinkHint},
+    {"Disk space is too low", kFailed,
+        "free some space on the volume and on the file system of the databases (5 % must stay free)"},
+    {"Cannot find suitable volume.", kFailed,
+        "mount a writable volume with enough free space, or name one in /usr/tarn/etc/volumes.conf"},
+    {"Failed to enum all volumes", kFailed, "mount a volume, or name one in /usr/tarn/etc/volumes.conf"},
+    {"Overflow detection", kFailed, "correct \"min_rsv_space_inbytes\" in the configuration of the databases"},
+    {"tarnarchive_open ", kFailed,
+        "the package is damaged, unsigned or signed with a key that is not trusted: install the publisher's public key "
+        "in /usr/tarn/etc/codesign/6"},
+    {"tarnarchive_extract ", kFailed,
+        "the package holds what must not be installed, or there is no space for its content: see the system log"},
+    {"section-key: ", kFailed, nullptr, ConfigurationFiles},
+    {"Bad type conversion", kFailed,
+        "a setting in /usr/share/data_update has the wrong type: restore data_update.conf and databases.conf there"},
+    {"/@database/autoupdate' field", kFailed,
+        "\"install_dest\" of a database must be \"%VOLUME%\" or \"%ROOTFS%\" in databases.conf"},
+    {"Fail to set config ", kFailed, "check that /usr/tarn/etc/data_update can be written"},
+    {"Fail to full update: ", kFailed, "the files may be half replaced: remove the cause and update again"},
+    {"File not exist: /usr/share/data_update/", kFailed, "install the default configuration again"},
+    {"Fail to decode: ", kFailed, "correct that file"},
+    {"Fail to write: ", kFailed, "check the free space and the permissions"},
+    {"Fail to create dir ", kFailed, "tarndbudctl must be run as root, on a file system that can be written"},
+};
+
+std::string WithEnd(const std::string& sentence) {
+	return sentence.empty() || sentence.back() == '.' ? sentence : sentence + '.';
+}
+
+std::string WithoutEnd(std::string text) {
+	while (!text.empty() && (text.back() == '.' || text.back() == ' ')) {
+		text.pop_back();
+	}
+	return text;
+}
+
+/** "Fail on project 'geo': why" as "geo: why". */
+std::string Unwrap(const std::string& message) {
+	const std::string prefix = "Fail on project '";
+	const size_t end = message.find("': ", prefix.size());
+	if (!StartsWith(message, prefix) || end == std::string::npos) {
+		return message;
+	}
+	return message.substr(prefix.size(), end - prefix.size()) + message.substr(end + 1);
+}
+
+bool HasSections(const dataupdate::IOUtils& io, const std::string& path) {
+	try {
+		const Json::Value root = io.ReadJson(path);
+		return root.isObject() &&
+		       std::all_of(root.begin(), root.end(), [](const Json::Value& section) { return section.isObject(); });
+	} catch (const UpdateError&) {
+		return true; // Reported by itself where it matters.
+	}
+}
+
+/** JsonCpp's own exceptions come from configuration files alone; all other documents are checked where they are read.
+ */
+Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
+	for (const char* path : {dataupdate::kServiceOverride, dataupdate::kServiceDefaults, dataupdate::kDatabaseOverride,
+	         dataupdate::kDatabaseDefaults}) {
+		if (!HasSections(io, path)) {
+			return {kFailed, std::string("The configuration file ") + path +
+			                     " is malformed: it must be an object of sections, each an object of settings; correct "
+			                     "or restore it."};
+		}
+	}
+	return {kFailed, WithEnd(std::string("A JSON document is malformed: ") + what)};
+}
+
+Failure ExplainFileError(const boost::filesystem::filesystem_error& error) {
+	const std::string path = error.path1().empty() ? "" : ": " + error.path1().string();
+	return {kFailed, "A file cannot be used" + path + " (" + error.code().message() +
+	                     "); check its permissions and the file system."};
+}
+
+} // namespace
+
+Failure ExplainMessage(const std::string& message, int platform_error) {
+	const std::string unwrapped = Unwrap(message);
+	const auto* rule = std::find_if(std::begin(kRules), std::end(kRules),
+	    [&](const Rule& candidate) { return unwrapped.find(candidate.text) != std::string::npos; });
+	// A link may hold anything, so what is known about it must not depend on the text that it holds.
+	if (unwrapped.find("The answer of ") != std::string::npos ||
+	    unwrapped.find("The document of ") != std::string::npos ||
+	    unwrapped.find("The record of ") != std::string::npos || rule == std::end(kRules)) {
+		return {kFailed, WithEnd(unwrapped)};
+	}
+	const std::string hint =
+	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{unwrapped, platform_error});
+	return {rule->code, WithEnd(Printable(WithoutEnd(unwrapped), kLongestMessage) + "; " + hint)};
+}
+
+Failure ExplainException(const dataupdate::IOUtils& io) {
+	const int platform_error = TLIBCErrGet();
+	try {
+		throw;
+	} catch (const CommandError& error) {
+		return {error.Code(), WithEnd(error.what())};
+	} catch (const UpdateError& error) {
+		return ExplainMessage(error.what(), platform_error);
+	} catch (const Json::Exception& error) {
+		return ExplainConfiguration(io, error.what());
+	} catch (const boost::filesystem::filesystem_error& error) {
+		return ExplainFileError(error);
+	} catch (const std::bad_alloc&) {
+		return {kFailed, "There is not enough memory; end other programs and try again."};
+	} catch (const std::exception& error) {
+		return ExplainMessage(error.what(), platform_error);
+	} catch (...) {
+		return {kFailed, "Something unknown went wrong; see the system log."};
+	}
+}
+
+} // namespace tarn::ctl

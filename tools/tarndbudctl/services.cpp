@@ -1,0 +1,16 @@
+#include "services.h"
+
+#include "checked_info_getter.h"
+#include "checked_io.h"
+
+namespace tarn::ctl {
+
+Services MakeServices(Terminal& terminal) {
+	const auto io = std::make_shared<CheckedIO>();
+	const auto config = std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
+	const auto info = std::make_shared<CheckedInfoGetter>(io, config);
+	return {io, config, info, std::make_shared<dataupdate::Updater>(), std::make_shared<dataupdate::Checker>(config),
+	    terminal};
+}
+
+} // namespace tarn::ctl

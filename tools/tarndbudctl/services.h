@@ -1,0 +1,31 @@
+/** @file The library's objects that commands work with; each can be replaced by a double. */
+#ifndef TARNDBUDCTL_SERVICES_H
+#define TARNDBUDCTL_SERVICES_H
+
+#include "terminal.h"
+
+#include <dataupdate/project_lock.h>
+#include <dataupdate/service_config.h>
+#include <dataupdate/update.h>
+#include <dataupdate/updater.h>
+#include <dataupdate/utils.h>
+
+#include <memory>
+
+namespace tarn::ctl {
+
+struct Services {
+	std::shared_ptr<dataupdate::IOUtils> io;
+	std::shared_ptr<dataupdate::ServiceConfig> config;
+	std::shared_ptr<dataupdate::InfoGetter> info;
+	std::shared_ptr<dataupdate::Updater> updater;
+	std::shared_ptr<dataupdate::Checker> checker;
+	Terminal& terminal;
+};
+
+/** The real ones. */
+Services MakeServices(Terminal& terminal);
+
+} // namespace tarn::ctl
+
+#endif

@@ -1,0 +1,84 @@
+#include "status_report.h"
+
+#include "text.h"
+
+#include <json/writer.h>
+
+namespace tarn::ctl {
+
+namespace {
+
+template<typename T>
+Json::Value ToJson(const std::optional<T>& value) {
+	return value ? Json::Value(*value) : Json::Value();
+}
+
+std::string YesNo(bool value) {
+	return value ? "yes" : "no";
+}
+
+std::string FormatState(const StatusRow& row) {
+	if (row.updating) {
+		return "updating";
+	}
+	if (!row.installed_version) {
+		return "not installed";
+	}
+	const std::optional<bool> current = IsUpToDate(row);
+	if (!current) {
+		return "installed";
+	}
+	return *current ? "up to date" : "outdated";
+}
+
+std::vector<std::string> FormatRow(const StatusRow& row) {
+	return {row.id, row.installed_version ? std::to_string(*row.installed_version) : "-",
+	    row.remote_version ? std::to_string(*row.remote_version) : "unknown", FormatState(row), YesNo(row.scheduled),
+	    row.install_dir.value_or("- (no volume)")};
+}
+
+} // namespace
+
+std::optional<bool> IsUpToDate(const StatusRow& row) {
+	if (!row.remote_version) {
+		return std::nullopt;
+	}
+	return row.installed_version && *row.installed_version >= *row.remote_version;
+}
+
+std::string FormatStatusTable(const std::vector<StatusRow>& rows) {
+	std::vector<std::vector<std::string>> table = {
+	    {"DATABASE", "INSTALLED", "OFFERED", "STATE", "SCHEDULED", "DIRECTORY"}};
+	for (const StatusRow& row : rows) {
+		table.push_back(FormatRow(row));
+	}
+	return FormatTable(table);
+}
+
+Json::Value StatusToJson(const std::vector<StatusRow>& rows) {
+	Json::Value array(Json::arrayValue);
+	for (const StatusRow& row : rows) {
+		Json::Value object(Json::objectValue);
+		object["id"] = row.id;
+		object["installed_version"] = ToJson(row.installed_version);
+		object["remote_version"] = ToJson(row.remote_version);
+		if (!row.remote_error.empty()) {
+			object["remote_error"] = row.remote_error;
+		}
+		object["up_to_date"] = ToJson(IsUpToDate(row));
+		object["scheduled"] = row.scheduled;
+		object["updating"] = row.updating;
+		object["install_dir"] = ToJson(row.install_dir);
+		object["volume"] = ToJson(row.volume);
+		array.append(object);
+	}
+	return array;
+}
+
+std::string FormatJson(const Json::Value& value) {
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "\t";
+	return Json::writeString(builder, value) + "\n";
+}
+
+} // namespace tarn::ctl

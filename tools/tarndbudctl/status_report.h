@@ -1,0 +1,38 @@
+/** @file The state of databases, as a table and as JSON. */
+#ifndef TARNDBUDCTL_STATUS_REPORT_H
+#define TARNDBUDCTL_STATUS_REPORT_H
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+
+/** One database; what is unknown or absent has no value. */
+struct StatusRow {
+	std::string id;
+	std::optional<int> installed_version;
+	std::optional<int> remote_version;
+	std::string remote_error; ///< Why there is no remote version.
+	bool scheduled = false;
+	bool updating = false;
+	std::optional<std::string> install_dir;
+	std::optional<std::string> volume;
+};
+
+/** Whether the installed version is the server's or a later one; no value when the server's is unknown. */
+std::optional<bool> IsUpToDate(const StatusRow& row);
+
+std::string FormatStatusTable(const std::vector<StatusRow>& rows);
+
+/** An array with an object for each database; no value is null, and an error is there only when there is one. */
+Json::Value StatusToJson(const std::vector<StatusRow>& rows);
+
+/** A JSON document as text, indented by tabs, with a newline at the end. */
+std::string FormatJson(const Json::Value& value);
+
+} // namespace tarn::ctl
+
+#endif
