@@ -3,10 +3,10 @@
 from __future__ import annotations
 
 import http.client
-import os
 import re
 import socket
 import subprocess
+import time
 from pathlib import Path
 
 SENTINEL = "/-/everything-before-this-is-in-the-log"
@@ -32,15 +32,18 @@ http {{
 """
 
 
+def free_port() -> int:
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        return int(probe.getsockname()[1])
+
+
 class Nginx:
     """Serves a directory on a free loopback port, with the server block that administrators are given."""
 
     def __init__(self, template: Path, directory: Path, home: Path, bytes_per_second: int = 0) -> None:
         self._home = home
         home.mkdir(parents=True, exist_ok=True)
-        # Handing the listening socket over, as nginx does on its own upgrades: no race for a port, ready at once.
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self.netloc = "127.0.0.1:%d" % self._listener.getsockname()[1]
+        self.netloc = f"127.0.0.1:{free_port()}"
         configuration = home / "nginx.conf"
         configuration.write_text(
             FRAME.format(
@@ -49,13 +52,26 @@ class Nginx:
                 server=self._server_block(template.read_text(), directory),
             )
         )
-        descriptor = self._listener.fileno()
         self._process = subprocess.Popen(
             ["/usr/sbin/nginx", "-p", str(home), "-c", str(configuration), "-e", str(home / "error.log")],
-            env={**os.environ, "NGINX": f"{descriptor};"},
-            pass_fds=(descriptor,),
             stdin=subprocess.DEVNULL,
         )
+        self._wait_until_it_answers()
+
+    def _wait_until_it_answers(self) -> None:
+        deadline = time.monotonic() + 30
+        host, port = self.netloc.split(":")
+        while True:
+            self._assert_running()
+            try:
+                socket.create_connection((host, int(port)), 30).close()
+                return
+            except ConnectionRefusedError:
+                assert time.monotonic() < deadline, "nginx does not listen"
+                time.sleep(0.01)
+
+    def _assert_running(self) -> None:
+        assert self._process.poll() is None, (self._home / "error.log").read_text()
 
     def _server_block(self, template: str, directory: Path) -> str:
         block, changes = re.subn(r"listen \S+;", f"listen {self.netloc};", template)
@@ -70,7 +86,7 @@ class Nginx:
 
     def requests(self) -> list[str]:
         """The lines "status bytes path" of all requests answered so far."""
-        assert self._process.poll() is None, (self._home / "error.log").read_text()
+        self._assert_running()
         connection = http.client.HTTPConnection(self.netloc, timeout=30)
         connection.request("GET", SENTINEL)
         connection.getresponse().read()
@@ -81,4 +97,3 @@ class Nginx:
     def close(self) -> None:
         self._process.terminate()
         self._process.wait(30)
-        self._listener.close()
