@@ -48,7 +48,11 @@ bool IsTrustedSettingsFile(const std::string& path, uid_t owner) {
 
 std::vector<std::string> BuildEnvironment(const std::string& wgetrc, uid_t owner) {
 	std::vector<std::string> environment(std::begin(kFixed), std::end(kFixed));
-	environment.push_back("WGETRC=" + (IsTrustedSettingsFile(wgetrc, owner) ? wgetrc : std::string("/dev/null")));
+	// Unset otherwise: the client refuses to run when this names no regular file, and an absent home holds no other
+	// one.
+	if (IsTrustedSettingsFile(wgetrc, owner)) {
+		environment.push_back("WGETRC=" + wgetrc);
+	}
 	for (const char* name : kPassedOn) {
 		if (const char* value = std::getenv(name); value != nullptr) {
 			environment.push_back(std::string(name) + "=" + value);

@@ -21,7 +21,7 @@ bool IsTrustedSettingsFile(const std::string& path, uid_t owner);
 /**
  * The built environment as "NAME=value" strings: proxy variables from the caller, all else fixed.
  *
- * @param wgetrc  settings file that WGETRC names when it is trusted
+ * @param wgetrc  settings file that WGETRC names when it is trusted; otherwise there is no WGETRC
  * @param owner   the owner that makes it trusted
  */
 std::vector<std::string> BuildEnvironment(const std::string& wgetrc = kWgetrcPath, uid_t owner = 0);

@@ -51,9 +51,8 @@ enum TLIBCExecOption {
  * (http_proxy, https_proxy, no_proxy and their upper-case forms). It gets PATH=/usr/sbin:/usr/bin:/sbin:/bin, LC_ALL=C,
  * HOME=/nonexistent (the home that Debian's policy keeps absent: nothing to obey in it, nothing can be left there),
  * WGETRC naming "/usr/tarn/etc/data_update/wgetrc" when that is a regular file owned by root that nobody else may
- * write, and WGETRC=/dev/null otherwise, and an ftp_proxy that leads nowhere, because a link that redirects to FTP
- * would leave the protections of the HTTP client behind. (Hosts that no_proxy names are reached without a proxy, by FTP
- * too.)
+ * write, and no WGETRC otherwise, and an ftp_proxy that leads nowhere, because a link that redirects to FTP would leave
+ * the protections of the HTTP client behind. (Hosts that no_proxy names are reached without a proxy, by FTP too.)
  */
 int TLIBCExecl(const char* path, unsigned int options, ...) __attribute__((sentinel));
 
