@@ -149,7 +149,7 @@ class Bench:
         shell(
             'tar -C "$TREE" -cf - . | zstd -12 -q -f -o "$OUT"; '
             'openssl pkeyutl -sign -inkey "$KEY" -rawin -in "$OUT" -out "$OUT.sig"',
-            TREE=tree, OUT=publisher.repository / "stock.tar.zst", KEY=publisher.private_key,
+            TREE=tree, OUT=publisher.repository / "packages/stock.tar.zst", KEY=publisher.private_key,
         )  # fmt: skip
 
     def _update_on(self, kind: str, publisher: Publisher, nginx: Nginx) -> Iterator[dict[str, object]]:
@@ -199,7 +199,7 @@ class Bench:
 
     def _stock_update(self, volume: Path, publisher: Publisher, url: str) -> dict[str, float]:
         variables = {
-            "V": volume, "INSTALL": volume / "stock", "KEY": publisher.public_key, "LINK": f"{url}/stock.tar.zst",
+            "V": volume, "INSTALL": volume / "stock", "KEY": publisher.public_key, "LINK": f"{url}/packages/stock.tar.zst",
         }  # fmt: skip
         phases = {name: timed(lambda script=script: shell(script, **variables)) for name, script in STOCK.items()}
         shutil.rmtree(volume / "stock")
