@@ -69,8 +69,7 @@ bool TarReader::Next(Member& member) {
 	if (result != ARCHIVE_OK) {
 		Fail();
 	}
-	// The extended form counts the length of its names, so that they can hide a NUL from the reader, and carries
-	// attributes that nobody here wants.
+	// How the extended form's names are read depends on the locale, and nobody here wants the attributes it carries.
 	if (archive_format(reader_.get()) == ARCHIVE_FORMAT_TAR_PAX_INTERCHANGE) {
 		throw ArchiveError("holds a tar in the extended (pax) form");
 	}

@@ -1,0 +1,91 @@
+/** @file Signed archives of every shape, well-formed or not, for the tests of their readers. */
+#ifndef TARN_TESTS_CODESIGN_ARCHIVES_H
+#define TARN_TESTS_CODESIGN_ARCHIVES_H
+
+#include "signing_key.h"
+#include "tarncodesign/archive_file.h"
+#include "tarncodesign/extractor.h"
+#include "temporary_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn::test {
+
+/** The mark of a header in the GNU form, and in the POSIX form. */
+const std::string kGnuMagic("ustar  \0", 8);
+const std::string kPosixMagic("ustar\0"
+                              "00",
+    8);
+
+/** One member as it stands in the tar; the header is built by hand, so that nothing corrects it. */
+struct TarMember {
+	std::string name;
+	char type = '0';
+	std::string content; // for links: the target is in link
+	std::string link;
+	unsigned mode = 0644;
+	std::string magic = kGnuMagic;
+};
+
+TarMember File(const std::string& name, const std::string& content = "content");
+TarMember Directory(const std::string& name);
+TarMember Symlink(const std::string& name, const std::string& target);
+TarMember HardLink(const std::string& name, const std::string& target);
+TarMember Special(const std::string& name, char type);
+TarMember WithMode(TarMember member, unsigned mode);
+/** The two members that hold a name too long for a header. */
+std::vector<TarMember> LongNamed(const std::string& name, const std::string& content);
+
+std::string MakeTar(const std::vector<TarMember>& members);
+/** @param window_log  0 for the level's own */
+std::string CompressZstd(const std::string& bytes, int window_log = 0);
+/** Bytes that do not compress, always the same for a seed. */
+std::string RandomBytes(std::size_t size, unsigned seed);
+
+/** What a head declares, where it is not the truth. */
+struct Declared {
+	std::optional<std::uint64_t> entries;
+	std::optional<std::uint64_t> bytes;
+	std::uint32_t key_type = 6;
+};
+
+/** A key, a directory for archives, a destination "out", and a neighbour "outside" that nothing may touch. */
+class ArchiveTest : public ::testing::Test {
+protected:
+	ArchiveTest();
+
+	/** Writes a signed archive with a payload; the head declares what it is told. */
+	std::string SealPayload(const std::string& payload, std::uint64_t entries, std::uint64_t bytes,
+	    const publisher::SigningKey& key, std::uint32_t key_type = 6);
+	/** Writes a signed archive with members. */
+	std::string Seal(const std::vector<TarMember>& members, const Declared& declared = {});
+
+	/** What a device does: open, check, extract to "out". */
+	void Install(const std::string& archive, const codesign::Limits& limits = {});
+	/** The text of what Install() throws; empty when it succeeds. */
+	std::string InstallError(const std::string& archive, const codesign::Limits& limits = {});
+
+	void EmptyDestination();
+	/** Relative names below "out" with their content; "-> target" for links, "/" for directories. */
+	std::map<std::string, std::string> Installed() const;
+	void ExpectOutsideUntouched() const;
+
+	TemporaryDirectory directory_;
+	publisher::SigningKey key_ = publisher::SigningKey::Generate();
+	std::vector<codesign::TrustedKey> trusted_;
+
+private:
+	int archives_ = 0;
+};
+
+/** The public half of a key, as a device trusts it. */
+codesign::TrustedKey Trusted(const publisher::SigningKey& key, const std::string& name = "key.pub");
+
+} // namespace tarn::test
+
+#endif
