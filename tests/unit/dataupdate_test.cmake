@@ -1,0 +1,11 @@
+# The library's units, over a platform and system calls that the tests program. Fixed paths are the process's own.
+tarn_unit_test(dataupdate_test
+	update_error_test.cpp records_test.cpp utils_test.cpp file_copy_test.cpp digest_test.cpp progress_test.cpp
+	fake_platform.cpp fake_system.cpp private_root.cpp
+	LIBRARIES tarndbud_objects)
+target_precompile_headers(dataupdate_test PRIVATE <gmock/gmock.h> <gtest/gtest.h> <json/value.h>)
+foreach(call flock syncfs opendir readdir read write copy_file_range fchmod ioctl usleep time
+		_ZNSt6chrono3_V212steady_clock3nowEv)
+	target_link_options(dataupdate_test PRIVATE -Wl,--wrap=${call})
+endforeach()
+target_link_libraries(dataupdate_test PRIVATE ${CMAKE_DL_LIBS})

@@ -1,0 +1,176 @@
+#include "fake_system.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <stdexcept>
+
+namespace tarn::test {
+
+namespace {
+
+FakeSystem* current = nullptr;
+
+bool Fails(const char* call) {
+	return current != nullptr && current->IsFailureDue(call);
+}
+
+} // namespace
+
+FakeSystem::FakeSystem() {
+	if (current != nullptr) {
+		throw std::logic_error("there is a system already");
+	}
+	current = this;
+}
+
+FakeSystem::~FakeSystem() {
+	current = nullptr;
+}
+
+FakeSystem* FakeSystem::Current() {
+	return current;
+}
+
+void FakeSystem::Fail(const std::string& call, int error, int times, int after) {
+	faults_[call] = {error, times, after};
+}
+
+bool FakeSystem::IsFailureDue(const std::string& call) {
+	const auto found = faults_.find(call);
+	if (found == faults_.end()) {
+		return false;
+	}
+	Fault& fault = found->second;
+	if (fault.after > 0) {
+		--fault.after;
+		return false;
+	}
+	if (fault.times == 0) {
+		return false;
+	}
+	--fault.times;
+	errno = fault.error;
+	return true;
+}
+
+} // namespace tarn::test
+
+using tarn::test::current;
+using tarn::test::Fails;
+
+// The linker sends the library's calls to the __wrap_ functions.
+extern "C" {
+
+int __real_flock(int fd, int operation);
+int __real_syncfs(int fd);
+DIR* __real_opendir(const char* path);
+dirent* __real_readdir(DIR* directory);
+ssize_t __real_read(int fd, void* buffer, size_t size);
+ssize_t __real_write(int fd, const void* data, size_t size);
+ssize_t __real_copy_file_range(int from, off64_t* from_at, int to, off64_t* to_at, size_t size, unsigned int flags);
+int __real_fchmod(int fd, mode_t mode);
+int __real_usleep(useconds_t microseconds);
+time_t __real_time(time_t* result);
+std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
+
+int __wrap_flock(int fd, int operation) {
+	return Fails("flock") ? -1 : __real_flock(fd, operation);
+}
+
+int __wrap_syncfs(int fd) {
+	return Fails("syncfs") ? -1 : __real_syncfs(fd);
+}
+
+DIR* __wrap_opendir(const char* path) {
+	return Fails("opendir") ? nullptr : __real_opendir(path);
+}
+
+dirent* __wrap_readdir(DIR* directory) {
+	return Fails("readdir") ? nullptr : __real_readdir(directory);
+}
+
+ssize_t __wrap_read(int fd, void* buffer, size_t size) {
+	return Fails("read") ? -1 : __real_read(fd, buffer, size);
+}
+
+ssize_t __wrap_write(int fd, const void* data, size_t size) {
+	return Fails("write") ? -1 : __real_write(fd, data, size);
+}
+
+ssize_t __wrap_copy_file_range(int from, off64_t* from_at, int to, off64_t* to_at, size_t size, unsigned int flags) {
+	return Fails("copy_file_range") ? -1 : __real_copy_file_range(from, from_at, to, to_at, size, flags);
+}
+
+int __wrap_fchmod(int fd, mode_t mode) {
+	return Fails("fchmod") ? -1 : __real_fchmod(fd, mode);
+}
+
+int __wrap_usleep(useconds_t microseconds) {
+	if (current == nullptr) {
+		return __real_usleep(microseconds);
+	}
+	current->ahead += std::chrono::microseconds(microseconds);
+	++current->polls;
+	if (current->on_poll) {
+		current->on_poll(current->polls);
+	}
+	return 0;
+}
+
+time_t __wrap_time(time_t* result) {
+	if (current == nullptr || !current->seconds) {
+		return __real_time(result);
+	}
+	if (result != nullptr) {
+		*result = *current->seconds;
+	}
+	return *current->seconds;
+}
+
+std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+	const auto now = __real__ZNSt6chrono3_V212steady_clock3nowEv();
+	return current == nullptr ? now : now + current->ahead;
+}
+
+// The library makes one request only: to share extents.
+int __wrap_ioctl(int to, unsigned long request, ...) {
+	std::va_list arguments;
+	va_start(arguments, request);
+	const int from = va_arg(arguments, int);
+	va_end(arguments);
+	if (current != nullptr && current->clone && request == FICLONE && current->clone(to, from)) {
+		return 0;
+	}
+	errno = EOPNOTSUPP;
+	return -1;
+}
+
+// Called from a shared library, so it stands in front of the C library's.
+__attribute__((visibility("default"))) int statvfs64(const char* path, struct statvfs64* result) {
+	if (current != nullptr && !current->space_works) {
+		errno = EIO;
+		return -1;
+	}
+	if (current != nullptr && current->space) {
+		*result = {};
+		result->f_frsize = 1;
+		result->f_bsize = 1;
+		result->f_bavail = current->space->first;
+		result->f_bfree = current->space->first;
+		result->f_blocks = current->space->second;
+		return 0;
+	}
+	using Function = int (*)(const char*, struct statvfs64*);
+	static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "statvfs64"));
+	return real(path, result);
+}
+}

@@ -1,0 +1,60 @@
+/** @file System calls of the tested code that a test lets fail, and a clock that it sets. */
+#ifndef TARN_TESTS_FAKE_SYSTEM_H
+#define TARN_TESTS_FAKE_SYSTEM_H
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace tarn::test {
+
+/**
+ * While the object lives, the calls that the library makes can be told to fail, and its waiting costs no time: a sleep
+ * moves its clock on and returns at once. Only one at a time. Calls that can fail, by name: flock, syncfs, opendir,
+ * readdir, read, write, copy_file_range, fchmod.
+ */
+class FakeSystem {
+public:
+	FakeSystem();
+	~FakeSystem();
+	FakeSystem(const FakeSystem&) = delete;
+	FakeSystem& operator=(const FakeSystem&) = delete;
+	FakeSystem(FakeSystem&&) = delete;
+	FakeSystem& operator=(FakeSystem&&) = delete;
+
+	static FakeSystem* Current();
+
+	/** Lets a call fail so many times, after so many that succeed. */
+	void Fail(const std::string& call, int error, int times = 1, int after = 0);
+
+	/** For the doubles: whether this call has to fail, with errno then set. */
+	bool IsFailureDue(const std::string& call);
+
+	/** How often the library slept while it waited. */
+	int polls = 0;
+	/** Called at each such sleep with its number, from 1. */
+	std::function<void(int)> on_poll;
+	/** How far the library's monotonic clock is ahead of the real one. */
+	std::chrono::microseconds ahead{0};
+	/** What time() tells, in seconds. */
+	std::optional<long> seconds;
+	/** Bytes available and capacity of every file system. */
+	std::optional<std::pair<unsigned long, unsigned long>> space;
+	bool space_works = true;
+	/** Shares a file's content with another one; without it no file system here can. */
+	std::function<bool(int to, int from)> clone;
+
+private:
+	struct Fault {
+		int error = 0;
+		int times = 0;
+		int after = 0;
+	};
+	std::map<std::string, Fault> faults_;
+};
+
+} // namespace tarn::test
+
+#endif

@@ -1,0 +1,28 @@
+/** @file The library's fixed absolute paths, for tests, without touching the machine's own. */
+#ifndef TARN_TESTS_PRIVATE_ROOT_H
+#define TARN_TESTS_PRIVATE_ROOT_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace tarn::test {
+
+/**
+ * Gives the process a root of its own that shows the machine's files except those at the library's fixed paths, which
+ * are missing there and can be made and removed at will. Where nothing can be mounted, the machine's own paths serve
+ * if the environment's TARN_SANDBOX is "none", one process at a time.
+ *
+ * @return empty, or why tests of fixed paths cannot run
+ */
+std::string EnterPrivateRoot();
+
+/** The base of tests that use fixed paths: they begin with none of them there, or are left out with the reason. */
+class FixedPathsTest : public testing::Test {
+protected:
+	void SetUp() override;
+};
+
+} // namespace tarn::test
+
+#endif

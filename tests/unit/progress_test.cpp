@@ -1,0 +1,40 @@
+#include <dataupdate/progress.h>
+
+#include <gtest/gtest.h>
+
+namespace tarn::dataupdate {
+namespace {
+
+TEST(ProgressTest, IsIdleOutsideOfActivities) {
+	EXPECT_EQ(CurrentActivity().phase, Phase::kIdle);
+	EXPECT_EQ(CurrentActivity().path, "");
+}
+
+TEST(ProgressTest, ShowsTheInnermostActivityAndReturnsToTheOuterOne) {
+	const ActivityScope outer(Phase::kApply, "/outer");
+	AddActivityBytes(5);
+	{
+		const ActivityScope inner(Phase::kHash, "/inner");
+		AddActivityBytes(7);
+		const Activity activity = CurrentActivity();
+		EXPECT_EQ(activity.phase, Phase::kHash);
+		EXPECT_EQ(activity.path, "/inner");
+		EXPECT_EQ(activity.bytes, 7U);
+	}
+	const Activity activity = CurrentActivity();
+	EXPECT_EQ(activity.phase, Phase::kApply);
+	EXPECT_EQ(activity.path, "/outer");
+	EXPECT_EQ(activity.bytes, 5U);
+}
+
+TEST(ProgressTest, CountsEveryBeginningAndEnd) {
+	const uint64_t serial = CurrentActivity().serial;
+	{
+		const ActivityScope activity(Phase::kDownload, "");
+		EXPECT_EQ(CurrentActivity().serial, serial + 1);
+	}
+	EXPECT_EQ(CurrentActivity().serial, serial + 2);
+}
+
+} // namespace
+} // namespace tarn::dataupdate
