@@ -100,10 +100,15 @@ bool FillCopy(int from, const struct stat& status, Descriptor& to) {
 } // namespace
 
 void CopyRegularFile(const std::string& src, const std::string& dst) {
-	const Descriptor from(open(src.c_str(), O_RDONLY | O_CLOEXEC));
+	// Non-blocking, so that a FIFO is refused instead of waited for.
+	const Descriptor from(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 	struct stat status {};
 	if (from.Get() < 0 || fstat(from.Get(), &status) != 0) {
 		ThrowErrno("open source", src, dst);
+	}
+	if (!S_ISREG(status.st_mode)) {
+		errno = EOPNOTSUPP;
+		ThrowErrno("copy what is no file", src, dst);
 	}
 	Descriptor to(open(dst.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, status.st_mode & 0777));
 	if (to.Get() < 0) {

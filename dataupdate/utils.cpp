@@ -36,8 +36,10 @@ constexpr char kWget[] = "/usr/bin/wget";
 bool ParseJson(std::istream& in, Json::Value& root) {
 	try {
 		return Json::Reader().parse(in, root, true);
-	} catch (const std::exception&) {
+	} catch (const Json::Exception&) {
 		return false; // The reader's way to refuse a document that is nested too deeply.
+	} catch (const std::ios_base::failure&) {
+		return false; // A disk error, or a directory in the file's place.
 	}
 }
 
