@@ -37,7 +37,7 @@ run_unit() {
 
 # The system tests share fixed paths, so they run one after the other.
 run_system() {
-	run_ring system /usr/bin/python3 -B -m pytest tests/system --build-dir "$PWD/build/release" \
+	run_ring system /usr/bin/python3 -B -m pytest tests/system "--build-dir=$PWD/build/release" \
 		--junitxml "$results/system.xml"
 }
 

@@ -9,14 +9,13 @@ from pathlib import Path
 
 import pytest
 from harness import faultserver
-from harness.device import Device
+from harness.device import DATABASE, Device
 from harness.publisher import Publisher
 from harness.syslog import Syslog
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
 SOURCE = Path(__file__).resolve().parents[2]
-DATABASE = "timezones"
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
@@ -50,10 +49,11 @@ def volumes(scratch: Path) -> Iterator[Volumes]:
 
 
 @pytest.fixture
-def clean_device() -> Iterator[None]:
-    Device.reset()
+def clean_device(product: None) -> Iterator[None]:
+    shipped = SOURCE / "packaging/conf"
+    Device.reset(shipped)
     yield
-    Device.reset()
+    Device.reset(shipped)
 
 
 @pytest.fixture

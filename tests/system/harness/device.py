@@ -21,7 +21,10 @@ CONFIGURATION = Path("/usr/tarn/etc/data_update")
 KEYS = Path("/usr/tarn/etc/codesign/6")
 HOOKS = Path("/usr/tarn/etc/hooks")
 VOLUMES = Path("/usr/tarn/etc/volumes.conf")
+WGETRC = CONFIGURATION / "wgetrc"
 ROOT_DATABASES = Path("/var/db")
+DATABASE = "timezones"
+"""The database that the device fixtures configure."""
 
 
 def empty(directory: Path) -> None:
@@ -40,10 +43,12 @@ class Device:
         self.databases: dict[str, dict[str, object]] = {}
 
     @staticmethod
-    def reset() -> None:
+    def reset(shipped: Path) -> None:
         """As a device is after its installation: no state, no settings of its own, no keys, no hooks."""
         for directory in (RUN, STATUS, CACHE, KEYS, HOOKS):
             empty(directory)
+        shutil.copyfile(shipped / "volumes.conf", VOLUMES)
+        shutil.copyfile(shipped / "wgetrc", WGETRC)
         for name in ("data_update.conf", "databases.conf"):
             (CONFIGURATION / name).unlink(missing_ok=True)
 

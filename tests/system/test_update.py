@@ -1,0 +1,229 @@
+"""What an update installs, and how little it asks for when there is nothing to do."""
+
+from __future__ import annotations
+
+import os
+import time
+from pathlib import Path
+
+from harness import trees
+from harness.device import DATABASE, DOCUMENT, Device
+from harness.publisher import Publisher
+from harness.webserver import Nginx
+
+FIRST = {"zones/europe.bin": b"first" * 5000, "zones/asia.bin": b"asia" * 4000, "gone/later.txt": b"removed by 2"}
+SECOND = {"zones/europe.bin": b"second" * 6000, "zones/asia.bin": b"asia" * 4000, "new/added.txt": b"added by 2"}
+
+
+def documents(requests: list[str]) -> list[str]:
+    return [line for line in requests if "/database_info/" in line]
+
+
+def packages(requests: list[str]) -> list[str]:
+    return [line for line in requests if "/packages/" in line]
+
+
+def test_first_install_brings_exactly_the_published_tree(
+    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    publisher.publish(tree, DATABASE)
+    connected.run_ok("update", DATABASE)
+    trees.assert_same(tree, connected.installed(DATABASE))
+    assert connected.version(DATABASE) == 1
+    assert len(documents(nginx.requests())) == 1
+    assert len(packages(nginx.requests())) == 1
+
+
+def test_an_update_replaces_adds_and_removes_files(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    second = trees.write_tree(tmp_path / "tree", SECOND)
+    publisher.publish(second, DATABASE)
+    connected.forget_document()
+    connected.run_ok("update", DATABASE)
+    trees.assert_same(second, connected.installed(DATABASE))
+    assert connected.version(DATABASE) == 2
+    assert not (connected.installed(DATABASE) / "gone").exists()
+
+
+def test_the_digest_of_every_installed_file_is_recorded(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", {**FIRST, "empty": b""}), DATABASE)
+    connected.run_ok("update", DATABASE)
+    root = connected.installed(DATABASE)
+    expected = {str(root / name): trees.digest(root / name, "sha384") for name in [*FIRST, "empty"]}
+    assert connected.recorded(DATABASE) == expected
+
+
+def test_an_update_leaves_no_temporary_data(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    assert list(connected.temporary().iterdir()) == []
+
+
+def test_a_database_on_the_root_file_system_is_installed_below_var_db(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    connected.add_database("geo", on_root=True)
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    publisher.publish(tree, "geo")
+    connected.run_ok("update", "geo")
+    trees.assert_same(tree, Path("/var/db/geo"))
+
+
+def test_update_without_names_takes_the_scheduled_databases(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    connected.add_database("geo")
+    connected.add_database("unscheduled", scheduled=False)
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    for name in (DATABASE, "geo", "unscheduled"):
+        publisher.publish(tree, name)
+    connected.run_ok("update", "--all")
+    assert [connected.version(name) for name in (DATABASE, "geo", "unscheduled")] == [1, 1, None]
+
+
+def test_links_inside_the_tree_arrive_as_files_and_empty_directories_do_not(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    (tree / "zones/link.bin").symlink_to("europe.bin")
+    (tree / "empty/below").mkdir(parents=True)
+    publisher.publish(tree, DATABASE)
+    connected.run_ok("update", DATABASE)
+    installed = connected.installed(DATABASE)
+    trees.assert_same(tree, installed)
+    assert not (installed / "zones/link.bin").is_symlink()
+    assert not (installed / "empty").exists()
+
+
+def test_the_tables_of_a_database_file_arrive_as_published(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    trees.write_database(tree / "names.sqlite", rows=20000)
+    publisher.publish(tree, DATABASE)
+    connected.run_ok("update", DATABASE)
+    trees.assert_same(tree, connected.installed(DATABASE))
+
+
+def test_up_to_date_costs_one_request_for_the_document_at_most(
+    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    before = nginx.requests()
+    connected.forget_document()
+    connected.run_ok("update", DATABASE)
+    added = nginx.requests()[len(before) :]
+    assert len(added) == 1
+    assert documents(added) == added
+
+
+def test_up_to_date_with_a_cached_document_asks_nothing(
+    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    before = nginx.requests()
+    connected.run_ok("update", DATABASE)
+    connected.run_ok("status", DATABASE)
+    assert nginx.requests() == before
+
+
+def test_a_document_of_3600_seconds_is_used_as_it_is(
+    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    before = nginx.requests()
+    while True:
+        second = int(time.time())
+        os.utime(DOCUMENT, (second - 3600, second - 3600))
+        connected.run_ok("update", DATABASE)
+        # The age means what it says only if the clock did not move on during the run.
+        if int(time.time()) == second:
+            break
+        before = nginx.requests()
+    assert nginx.requests() == before
+
+
+def test_a_document_of_one_second_more_is_asked_for_again(
+    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    before = nginx.requests()
+    second = int(time.time())
+    os.utime(DOCUMENT, (second - 3601, second - 3601))
+    connected.run_ok("update", DATABASE)
+    assert len(documents(nginx.requests()[len(before) :])) == 1
+
+
+def test_the_request_names_the_databases_and_their_formats(
+    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    connected.add_database("B")
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    [request] = documents(nginx.requests())
+    assert "/database_info/1?os=orv&dlid=" in request
+    assert request.endswith(f"&db_list[B]=1&db_list[{DATABASE}]=1")
+
+
+def test_a_file_in_a_package_directory_left_behind_is_not_installed(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    publisher.publish(tree, DATABASE)
+    trees.write_tree(connected.temporary() / f"{DATABASE}_full", {"stale.bin": b"of a killed run", "zones/x": b"too"})
+    connected.run_ok("update", DATABASE)
+    trees.assert_same(tree, connected.installed(DATABASE))
+
+
+def test_a_package_left_half_downloaded_is_downloaded_whole(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    publisher.publish(tree, DATABASE)
+    left = connected.temporary() / f"{DATABASE}_v1"
+    left.parent.mkdir(parents=True)
+    left.write_bytes(publisher.package(DATABASE, 1).read_bytes()[:100])
+    connected.run_ok("update", DATABASE)
+    trees.assert_same(tree, connected.installed(DATABASE))
+
+
+def test_check_finds_a_damaged_and_a_missing_file(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    connected.run_ok("check", DATABASE)
+    installed = connected.installed(DATABASE)
+    (installed / "zones/europe.bin").write_bytes(b"damaged")
+    (installed / "gone/later.txt").unlink()
+    result = connected.run("check", DATABASE)
+    assert result.status == 4, str(result)
+    assert "zones/europe.bin" in result.stdout
+    assert "gone/later.txt" in result.stdout
+    assert "zones/asia.bin" not in result.stdout
+
+
+def test_status_tells_installed_and_offered_versions(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    before = connected.status(DATABASE)
+    assert (before["installed_version"], before["remote_version"], before["up_to_date"]) == (None, 1, False)
+    connected.run_ok("update", DATABASE)
+    after = connected.status(DATABASE)
+    assert (after["installed_version"], after["remote_version"], after["up_to_date"]) == (1, 1, True)
+    assert after["scheduled"] is True
+    assert after["updating"] is False
+    assert after["install_dir"] == str(connected.installed(DATABASE))
+    assert after["volume"] == str(connected.volume)
+
+
+def test_an_unknown_database_is_told_from_a_failure(connected: Device) -> None:
+    result = connected.run("update", "unknown")
+    assert result.status == 3, str(result)
+    assert "unknown" in result.stderr
+    assert len(result.stderr.splitlines()) == 1
