@@ -61,7 +61,7 @@ auto CheckedInfoGetter::ReadEntry(const std::string& id, Read read) const {
 	} catch (const std::logic_error&) {
 		// A version that is no number.
 	}
-	throw UpdateError("The document of " + Link() + " is malformed: " + DescribeDocument(document, id) + CachingNow());
+	throw UpdateError("The document of " + Link() + " " + DescribeDocument(document, id) + CachingNow());
 }
 
 dataupdate::RemoteInfo CheckedInfoGetter::GetRemoteInfo(const std::string& id) const {
@@ -76,8 +76,8 @@ dataupdate::DatabaseStatus CheckedInfoGetter::GetDatabaseStatus(const std::strin
 	std::string reason;
 	try {
 		return InfoGetter::GetDatabaseStatus(id);
-	} catch (const Json::Exception& error) {
-		reason = error.what();
+	} catch (const Json::Exception&) {
+		reason = "something else stands where an object should be";
 	} catch (const std::logic_error&) {
 		reason = "its \"data_version\" is no number";
 	}

@@ -22,14 +22,15 @@ struct Options {
 	bool no_wait = false;
 	std::vector<std::string> ids;
 	std::string id;
-	bool on = false;
+	std::string state;
 	unsigned long timeout_seconds = 600;
 };
 
 /** One command. */
 struct Command {
-	const char* name; ///< A word, or a group and a word: "volume show".
-	const char* help; ///< One line, and for more the lines after it.
+	const char* name;    ///< A word, or a group and a word: "volume show".
+	const char* help;    ///< One line.
+	const char* details; ///< More, for the command's own help; null when there is no more to say.
 	bool needs_root;
 	bool shows_progress;
 	void (*declare)(CLI::App& app, Options& options); ///< Null when it has no options.

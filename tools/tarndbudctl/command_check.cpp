@@ -21,7 +21,7 @@ public:
 	ReaderLock(const std::string& id, unsigned long timeout_seconds)
 	    : fd_(TARNDBUDGetFileLock(id.c_str(), timeout_seconds)) {
 		if (fd_ == -1) {
-			throw CommandError(kLocked, id + " is being replaced; check it later");
+			throw CommandError(kLocked, "The database is being replaced; check it later");
 		}
 	}
 	~ReaderLock() { TARNDBUDReleaseFileLock(fd_); }
@@ -53,7 +53,7 @@ std::optional<std::vector<BadFile>> TryCheck(
 	}
 	// An update records its digests after the lock on the files is released.
 	if (services.checker->IsUpdating(id)) {
-		throw CommandError(kLocked, id + " is being updated; check it later");
+		throw CommandError(kLocked, "The database is being updated; check it later");
 	}
 	if (services.info->GetDatabaseStatus(id) != status) {
 		return std::nullopt;
@@ -94,7 +94,7 @@ ExitCode RunCheck(const Services& services, const Options& options) {
 			own = CheckDatabase(services, id, options.timeout_seconds);
 		} catch (...) {
 			const Failure failure = ExplainException(*services.io);
-			services.terminal.Complain(failure.sentence);
+			services.terminal.Complain(id + ": " + failure.sentence);
 			own = failure.code;
 		}
 		code = code == kDone ? own : code;

@@ -6,11 +6,14 @@
 
 #include <CLI/CLI.hpp>
 
-#include <map>
+#include <string>
+#include <vector>
 
 namespace tarn::ctl {
 
 namespace {
+
+constexpr char kOn[] = "on";
 
 /**
  * An override file stands for the whole list of databases, so the first setting written there would take all other
@@ -34,16 +37,17 @@ void KeepDatabaseList(const Services& services) {
 
 void DeclareSchedule(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
-	app.add_option("STATE", options.on, "on or off")
+	app.add_option("STATE", options.state, "Whether scheduled updates include it")
 	    ->required()
-	    ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"on", true}, {"off", false}}));
+	    ->check(CLI::IsMember({kOn, "off"}));
 }
 
 ExitCode RunSchedule(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
+	const bool scheduled = options.state == kOn;
 	KeepDatabaseList(services);
-	services.config->GetDatabaseConfig(options.id)->SetScheduled(options.on);
-	services.terminal.Say(options.id + (options.on ? ": scheduled\n" : ": not scheduled\n"));
+	services.config->GetDatabaseConfig(options.id)->SetScheduled(scheduled);
+	services.terminal.Say(options.id + (scheduled ? ": scheduled\n" : ": not scheduled\n"));
 	return kDone;
 }
 

@@ -82,7 +82,7 @@ ExitCode RunStatus(const Services& services, const Options& options) {
 	}
 	if (options.json) {
 		services.terminal.Say(FormatJson(StatusToJson(rows)));
-	} else {
+	} else if (!rows.empty()) {
 		services.terminal.Say(FormatStatusTable(rows));
 		TellReasons(services, rows);
 	}

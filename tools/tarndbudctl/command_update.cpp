@@ -10,6 +10,11 @@ namespace {
 constexpr char kNoVolume[] =
     "There is no storage volume, so nothing was updated; mount one and run \"tarndbudctl init\"";
 
+std::string DescribeChange(int before, int after) {
+	const std::string version = "version " + std::to_string(after);
+	return before == -1 ? "installed " + version : "updated from version " + std::to_string(before) + " to " + version;
+}
+
 /** Says for each database what became of it, and takes a missing volume for the failure that it is to a caller. */
 class ReportingUpdate : public dataupdate::Update {
 public:
@@ -22,13 +27,11 @@ public:
 		Update::UpdateProject(id);
 		const int after = services_.info->GetDatabaseStatus(id).data_version;
 		if (after != before) {
-			const std::string from = before == -1 ? "" : " from version " + std::to_string(before);
-			const char* what = before == -1 ? ": installed version " : " to version ";
-			services_.terminal.Say(id + (before == -1 ? "" : ": updated") + from + what + std::to_string(after) + "\n");
+			services_.terminal.Say(id + ": " + DescribeChange(before, after) + "\n");
 			return;
 		}
 		if (services_.config->GetCurVolume().empty() && services_.info->GetRemoteInfo(id).data_version > after) {
-			throw CommandError(kFailed, id + ": " + kNoVolume);
+			throw CommandError(kFailed, kNoVolume);
 		}
 		services_.terminal.Say(id + ": up to date, version " + std::to_string(after) + "\n");
 	}
@@ -66,7 +69,7 @@ ExitCode UpdateNamed(const Services& services, const std::vector<std::string>& i
 			update.UpdateProject(id);
 		} catch (...) {
 			const Failure failure = ExplainException(*services.io);
-			services.terminal.Complain(failure.sentence);
+			services.terminal.Complain(id + ": " + failure.sentence);
 			code = code == kDone ? failure.code : code;
 		}
 	}

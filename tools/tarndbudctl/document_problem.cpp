@@ -117,6 +117,22 @@ std::string DescribeEntry(Json::Value entry, const Json::Value& deprecated, cons
 	return problem.empty() ? DescribeDiff(entry["diff_files"], id) : problem;
 }
 
+/** What is wrong outside of the entries; empty when nothing is. */
+std::string DescribeFrame(const Json::Value& document) {
+	if (!document.isObject()) {
+		return "it is " + TypeOf(document) + ", not an object";
+	}
+	const Json::Value& list = document["db_list"];
+	if (!list.isObject()) {
+		return "its \"db_list\" is " + TypeOf(list) + ", not an object";
+	}
+	const Json::Value& deprecated = document["deprecated"];
+	if (!deprecated.isNull() && !deprecated.isBool()) {
+		return "its \"deprecated\" is " + TypeOf(deprecated) + ", not true or false";
+	}
+	return "";
+}
+
 } // namespace
 
 std::string DescribePage(const CachedPage& page) {
@@ -136,22 +152,14 @@ std::string DescribePage(const CachedPage& page) {
 }
 
 std::string DescribeDocument(const Json::Value& document, const std::string& id) {
-	if (!document.isObject()) {
-		return "it is " + TypeOf(document) + ", not an object";
+	std::string problem = DescribeFrame(document);
+	if (problem.empty() && !document["db_list"].isMember(id)) {
+		return "does not offer " + id;
 	}
-	const Json::Value& list = document["db_list"];
-	if (!list.isObject()) {
-		return "its \"db_list\" is " + TypeOf(list) + ", not an object";
+	if (problem.empty()) {
+		problem = DescribeEntry(document["db_list"][id], document["deprecated"], id);
 	}
-	const Json::Value& deprecated = document["deprecated"];
-	if (!deprecated.isNull() && !deprecated.isBool()) {
-		return "its \"deprecated\" is " + TypeOf(deprecated) + ", not true or false";
-	}
-	if (!list.isMember(id)) {
-		return "its \"db_list\" does not offer " + id;
-	}
-	const std::string problem = DescribeEntry(list[id], deprecated, id);
-	return problem.empty() ? "the entry of " + id + " cannot be understood" : problem;
+	return "is malformed" + (problem.empty() ? "" : ": " + problem);
 }
 
 std::string DescribeCaching(std::time_t modified, std::time_t now) {

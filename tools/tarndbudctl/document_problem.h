@@ -20,7 +20,8 @@ struct CachedPage {
 /** One sentence without its end: what came from the link instead of a document. */
 std::string DescribePage(const CachedPage& page);
 
-/** What makes the document useless for a database, such as "its \"db_list\" is an array, not an object". */
+/** What makes a document useless for a database, as the end of a sentence: "does not offer geo", "is malformed: ...".
+ */
 std::string DescribeDocument(const Json::Value& document, const std::string& id);
 
 /** How long a bad answer stays, and how to be rid of it, to be appended; empty when it is asked for anew anyway. */

@@ -30,7 +30,7 @@ struct Circumstances {
 };
 
 std::string ConfigurationFiles(const Circumstances& failure) {
-	const bool of_service = failure.message.find("section-key: 'config'-") != std::string::npos;
+	const bool of_service = StartsWith(failure.message, "section-key: 'config'-");
 	return std::string("set it in ") + (of_service ? dataupdate::kServiceOverride : dataupdate::kDatabaseOverride) +
 	       " or restore " + (of_service ? dataupdate::kServiceDefaults : dataupdate::kDatabaseDefaults);
 }
@@ -41,9 +41,11 @@ std::string LinkHint(const Circumstances& failure) {
 		const char* text;
 	};
 	static constexpr Hint kHints[] = {
+	    {TLIBC_ERR_EXIT + 1, "wget refuses it: check that the link begins with http:// or https://"},
 	    {TLIBC_ERR_EXIT + 2, "wget refuses its settings: correct /usr/tarn/etc/data_update/wgetrc"},
 	    {TLIBC_ERR_EXIT + 3, "wget could not write the file: check the free space and the file system"},
-	    {TLIBC_ERR_EXIT + 4, "the server cannot be reached: check the network, the proxy and the server's name"},
+	    {TLIBC_ERR_EXIT + 4, "the server cannot be reached or breaks off: check the network, the proxy, the server's "
+	                         "name and the scheme"},
 	    {TLIBC_ERR_EXIT + 5, "the server's certificate is not trusted: check the clock and the certificates"},
 	    {TLIBC_ERR_EXIT + 6, "the server or the proxy wants a password: check the proxy's settings"},
 	    {TLIBC_ERR_EXIT + 7, "what answered speaks no HTTP: check the scheme, the host and the port"},
@@ -51,7 +53,7 @@ std::string LinkHint(const Circumstances& failure) {
 	    {ENOENT, "/usr/bin/wget could not be started: install wget"},
 	    {EACCES, "/usr/bin/wget could not be started: check its permissions"},
 	};
-	if (failure.message.find("Fail to wget url: -") != std::string::npos) {
+	if (StartsWith(failure.message, "Fail to wget url: -")) {
 		return "no link may begin with \"-\": correct the server's document";
 	}
 	const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
@@ -59,16 +61,19 @@ std::string LinkHint(const Circumstances& failure) {
 	return hint == std::end(kHints) ? "check the network, the server and that wget is installed" : hint->text;
 }
 
-/** One kind of message: how it is known, its exit code and what to do. Of several that fit, the first counts. */
+/**
+ * One kind of message: how it is known, its exit code and what to do. Of several that fit, the first counts. Links come
+ * from the server and may hold any text, so a message is known by its beginning alone.
+ */
 struct Rule {
-	const char* text; ///< Stands somewhere in the message.
+	const char* beginning;
 	ExitCode code;
 	const char* hint;
 	std::string (*make_hint)(const Circumstances&) = nullptr; ///< In the hint's place.
 };
 
 constexpr Rule kRules[] = {
-    {" not supported", kUnsupported, "the configured databases are listed by \"tarndbudctl status\""},
+    {"Project ", kUnsupported, "the configured databases are listed by \"tarndbudctl status\""},
     {"Fail to lock ", kLocked, "somebody else holds it (a running update, or a reader of the database): try later"},
     {"Fail open lock file ", kFailed, "tarndbudctl must be run as root"},
     {"Fail to wget url: ", kFailed, nullptr, LinkHint},
@@ -86,9 +91,10 @@ constexpr Rule kRules[] = {
     {"section-key: ", kFailed, nullptr, ConfigurationFiles},
     {"Bad type conversion", kFailed,
         "a setting in /usr/share/data_update has the wrong type: restore data_update.conf and databases.conf there"},
-    {"/@database/autoupdate' field", kFailed,
+    {"Invalid value '", kFailed,
         "\"install_dest\" of a database must be \"%VOLUME%\" or \"%ROOTFS%\" in databases.conf"},
     {"Fail to set config ", kFailed, "check that /usr/tarn/etc/data_update can be written"},
+    {"Fail to full update: Fail to lock ", kLocked, "a reader of the database did not let go of it in time: try later"},
     {"Fail to full update: ", kFailed, "the files may be half replaced: remove the cause and update again"},
     {"File not exist: /usr/share/data_update/", kFailed, "install the default configuration again"},
     {"Fail to decode: ", kFailed, "correct that file"},
@@ -152,11 +158,8 @@ Failure ExplainFileError(const boost::filesystem::filesystem_error& error) {
 Failure ExplainMessage(const std::string& message, int platform_error) {
 	const std::string unwrapped = Unwrap(message);
 	const auto* rule = std::find_if(std::begin(kRules), std::end(kRules),
-	    [&](const Rule& candidate) { return unwrapped.find(candidate.text) != std::string::npos; });
-	// A link may hold anything, so what is known about it must not depend on the text that it holds.
-	if (unwrapped.find("The answer of ") != std::string::npos ||
-	    unwrapped.find("The document of ") != std::string::npos ||
-	    unwrapped.find("The record of ") != std::string::npos || rule == std::end(kRules)) {
+	    [&](const Rule& candidate) { return StartsWith(unwrapped, candidate.beginning); });
+	if (rule == std::end(kRules)) {
 		return {kFailed, WithEnd(unwrapped)};
 	}
 	const std::string hint =

@@ -49,6 +49,9 @@ void Declare(CLI::App& app, const Command& command, Options& options, const Comm
 	CLI::App& parent = blank == std::string::npos ? app : Group(app, name.substr(0, blank));
 	CLI::App* own = parent.add_subcommand(name.substr(blank == std::string::npos ? 0 : blank + 1), command.help);
 	own->callback([&command, &chosen] { chosen = &command; });
+	if (command.details != nullptr) {
+		own->footer(std::string(command.details) + "\n\n" + kFooter);
+	}
 	if (command.declare != nullptr) {
 		command.declare(*own, options);
 	}
@@ -58,7 +61,7 @@ void Declare(CLI::App& app, const Command& command, Options& options, const Comm
 void RequireRoot() {
 	const bool exists = mkdir(kLockDirectory, 0755) == 0 || errno == EEXIST;
 	if (!exists || access(kLockDirectory, W_OK | X_OK) != 0) {
-		throw CommandError(kFailed, std::string("tarndbudctl must be run as root: ") + kLockDirectory +
+		throw CommandError(kFailed, std::string("This command must be run as root: ") + kLockDirectory +
 		                                " cannot be written (" + std::strerror(errno) + ")");
 	}
 }
@@ -95,8 +98,7 @@ ExitCode RunGuarded(const Command& command, const Options& options, const Surrou
 
 /** A wrong command line gets a sentence and the usage of the command that it names. */
 int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, std::ostream& err) {
-	const std::vector<CLI::App*> parsed = app.get_subcommands();
-	err << kProgram << ": " << error.what() << "\n\n" << (parsed.empty() ? &app : parsed.front())->help();
+	err << kProgram << ": " << error.what() << ".\n\n" << app.help();
 	return kUsage;
 }
 

@@ -15,6 +15,7 @@ using dataupdate::Phase;
 namespace {
 
 constexpr std::chrono::milliseconds kPeriod(200);
+constexpr std::chrono::milliseconds kLongestPause(500);
 // A rate over less than this would be noise.
 constexpr double kLeastSeconds = 0.3;
 
@@ -52,6 +53,10 @@ void ReadCounters(Sample& sample) {
 	}
 }
 
+uint64_t Growth(uint64_t before, uint64_t now) {
+	return now > before ? now - before : 0;
+}
+
 Sample TakeSample() {
 	Sample sample;
 	sample.activity = dataupdate::CurrentActivity();
@@ -65,8 +70,12 @@ Sample TakeSample() {
 
 std::string ProgressMeter::Line(const Sample& sample) {
 	if (sample.activity.phase == Phase::kIdle) {
-		return line_; // Between two files, mostly.
+		if (sample.time - last_busy_ > kLongestPause) {
+			*this = ProgressMeter();
+		}
+		return line_;
 	}
+	last_busy_ = sample.time;
 	// Every file has an activity of its own when digests are computed; together they are one phase.
 	const bool same = sample.activity.phase == begin_.activity.phase &&
 	                  (sample.activity.phase == Phase::kHash || sample.activity.serial == begin_.activity.serial);
@@ -87,10 +96,10 @@ uint64_t ProgressMeter::Bytes(const Sample& sample) const {
 	case Phase::kDownload:
 		return sample.file_bytes;
 	case Phase::kUnpack:
-		return sample.written_bytes - begin_.written_bytes;
+		return Growth(begin_.written_bytes, sample.written_bytes);
 	case Phase::kHash:
 		// Files come and go between two samples, so their own counts cannot be added up.
-		return sample.read_bytes - begin_.read_bytes;
+		return Growth(begin_.read_bytes, sample.read_bytes);
 	default:
 		return sample.activity.bytes;
 	}

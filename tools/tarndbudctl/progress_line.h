@@ -27,13 +27,14 @@ struct Sample {
 /** Makes lines of samples: the phase, its bytes and their rate since it began. */
 class ProgressMeter {
 public:
-	/** The line for the newest sample; empty while nothing is done that could be shown. */
+	/** The line for the newest sample; empty while nothing is done, apart from the moments between two files. */
 	std::string Line(const Sample& sample);
 
 private:
 	uint64_t Bytes(const Sample& sample) const;
 
 	Sample begin_;
+	std::chrono::steady_clock::time_point last_busy_;
 	std::string line_;
 };
 
