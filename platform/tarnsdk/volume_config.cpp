@@ -1,6 +1,6 @@
 #include "volume_config.h"
 
-#include <climits>
+#include <tarnsdk/volume.h>
 
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -62,7 +62,7 @@ const char* TakeLine(const std::string& line, VolumeConfig& config) {
 	if (path[0] != '/') {
 		return "the path is not absolute";
 	}
-	if (path.size() >= PATH_MAX) {
+	if (path.size() >= TARN_VOLUME_PATH_SIZE) {
 		return "the path is too long";
 	}
 	list->second->push_back(path);

@@ -71,7 +71,7 @@ int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes) {
 	}
 	std::map<std::string, bool> read_only_by_path;
 	for (const auto& [path, mount] : table.ByPath()) {
-		if (mount.is_storage && path.size() < PATH_MAX && MatchesAny(config.patterns, path)) {
+		if (mount.is_storage && path.size() < TARN_VOLUME_PATH_SIZE && MatchesAny(config.patterns, path)) {
 			read_only_by_path[path] = mount.is_read_only;
 		}
 	}

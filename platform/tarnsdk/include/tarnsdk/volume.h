@@ -15,7 +15,6 @@
 #ifndef TARNSDK_VOLUME_H
 #define TARNSDK_VOLUME_H
 
-#include <limits.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -28,15 +27,18 @@ enum TARNVolumeFlag {
 	TARN_VOLUME_FLAG_DATA = 0x01, /**< Holds data: a real file system, or a directory listed by name. */
 };
 
+/** Bytes in a volume's path, the NUL included: what Linux takes for a path. */
+#define TARN_VOLUME_PATH_SIZE 4096
+
 /** One volume. */
-typedef struct TARNMountVolInfo {  // NOLINT(modernize-use-using): C reads this too
-	char mount_path[PATH_MAX];     /**< Mount path or listed directory, without a trailing slash. */
-	struct TARNMountVolInfo* next; /**< Next record of an enumeration, null in the last. */
-	uint32_t flags;                /**< TARNVolumeFlag bits. */
-	uint64_t free_bytes;           /**< Bytes available to unprivileged users. */
-	uint64_t total_bytes;          /**< Capacity in bytes. */
-	uint32_t healthy;              /**< Non-zero when its root can be measured and read without an error. */
-	uint32_t writable;             /**< Non-zero when it is healthy and not mounted read-only. */
+typedef struct TARNMountVolInfo {           // NOLINT(modernize-use-using): C reads this too
+	char mount_path[TARN_VOLUME_PATH_SIZE]; /**< Mount path or listed directory, without a trailing slash. */
+	struct TARNMountVolInfo* next;          /**< Next record of an enumeration, null in the last. */
+	uint32_t flags;                         /**< TARNVolumeFlag bits. */
+	uint64_t free_bytes;                    /**< Bytes available to unprivileged users. */
+	uint64_t total_bytes;                   /**< Capacity in bytes. */
+	uint32_t healthy;                       /**< Non-zero when its root can be measured and read without an error. */
+	uint32_t writable;                      /**< Non-zero when it is healthy and not mounted read-only. */
 } TARNMountVolInfo;
 
 /**
