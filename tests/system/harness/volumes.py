@@ -70,6 +70,10 @@ class Volumes:
         subprocess.run([*MAKE[kind], str(place)], check=True, stdout=subprocess.DEVNULL)
         return str(place), ["-t", kind, "-o", "loop"]
 
+    @staticmethod
+    def remount_read_only(path: Path) -> None:
+        subprocess.run(["mount", "-o", "remount,ro", str(path)], check=True)
+
     def close(self) -> None:
         for path in reversed(self._mounted):
             subprocess.run(["umount", str(path)], check=True)
