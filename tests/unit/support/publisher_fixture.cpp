@@ -1,0 +1,82 @@
+#include "publisher_fixture.h"
+
+#include "signing_key.h"
+#include "tarncodesign/extractor.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+
+namespace tarn::test {
+
+namespace fs = std::filesystem;
+
+PublisherTest::PublisherTest() {
+	publisher::GenerateKeyFiles(directory_ / "key");
+	options_.tree = directory_ / "tree";
+	options_.repository = directory_ / "repo";
+	options_.id = "db";
+	options_.key_file = directory_ / "key.key";
+	options_.url = "http://updates.example/base";
+	observer_.warn = [this](const std::string& sentence) { warnings_.push_back(sentence); };
+	fs::create_directory(options_.tree);
+}
+
+void PublisherTest::Put(const std::string& name, const std::string& content) {
+	WriteFile(options_.tree + "/" + name, content);
+}
+
+publisher::PublishResult PublisherTest::Publish() {
+	return publisher::Publish(options_, observer_);
+}
+
+std::string PublisherTest::PublishError() {
+	try {
+		Publish();
+		return "";
+	} catch (const std::exception& error) {
+		return error.what();
+	}
+}
+
+std::string PublisherTest::Package(int version, const std::string& id) const {
+	return options_.repository + "/packages/" + id + "/" + id + "_v" + std::to_string(version) + ".tarn";
+}
+
+Json::Value PublisherTest::Document(const std::string& version) const {
+	Json::Value document;
+	std::ifstream file(options_.repository + "/database_info/" + version);
+	file >> document;
+	return document;
+}
+
+std::map<std::string, std::string> PublisherTest::InstalledFrom(const std::string& package) const {
+	const TemporaryDirectory destination;
+	const codesign::ArchiveFile archive(package);
+	std::vector<codesign::TrustedKey> keys;
+	keys.push_back(codesign::LoadPublicKeyFile(directory_ / "key.pub"));
+	archive.Check(keys, 6);
+	const codesign::UniqueFd out(open(destination.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	codesign::Extract(archive, out.Get());
+	std::map<std::string, std::string> files;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(destination.Path())) {
+		if (entry.is_regular_file() && !entry.is_symlink()) {
+			files[entry.path().lexically_relative(destination.Path()).string()] = ReadFile(entry.path().string());
+		}
+	}
+	return files;
+}
+
+std::vector<std::string> PublisherTest::RepositoryFiles() const {
+	std::vector<std::string> names;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(options_.repository)) {
+		const std::string name = entry.path().lexically_relative(options_.repository).string();
+		if (!entry.is_directory() && name != ".tarndbudpub.lock") {
+			names.push_back(name);
+		}
+	}
+	std::sort(names.begin(), names.end());
+	return names;
+}
+
+} // namespace tarn::test

@@ -1,0 +1,43 @@
+/** @file A tree, a key and a repository, for the publisher's tests. */
+#ifndef TARN_TESTS_PUBLISHER_FIXTURE_H
+#define TARN_TESTS_PUBLISHER_FIXTURE_H
+
+#include "publish.h"
+#include "temporary_directory.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarn::test {
+
+class PublisherTest : public ::testing::Test {
+protected:
+	PublisherTest();
+
+	/** Writes a file of the tree. */
+	void Put(const std::string& name, const std::string& content = "content");
+	/** Publishes the tree as the options say; warnings are kept in warnings_. */
+	publisher::PublishResult Publish();
+	/** The text of what Publish() throws; empty when it succeeds. */
+	std::string PublishError();
+
+	std::string Package(int version, const std::string& id = "db") const;
+	Json::Value Document(const std::string& version = "1") const;
+	/** What a device has after installing a package: names and content. */
+	std::map<std::string, std::string> InstalledFrom(const std::string& package) const;
+	/** Every file of the repository by relative name, the lock left out. */
+	std::vector<std::string> RepositoryFiles() const;
+
+	TemporaryDirectory directory_;
+	publisher::PublishOptions options_;
+	publisher::PublishObserver observer_;
+	std::vector<std::string> warnings_;
+};
+
+} // namespace tarn::test
+
+#endif
