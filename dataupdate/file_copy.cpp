@@ -122,6 +122,16 @@ void CopyRegularFile(const std::string& src, const std::string& dst) {
 	}
 }
 
+void InstallRegularFile(const std::string& src, const std::string& dst) {
+	if (linkat(AT_FDCWD, src.c_str(), AT_FDCWD, dst.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+		AddActivityBytes(boost::filesystem::file_size(dst));
+	} else if (errno == EXDEV || errno == EMLINK || errno == EPERM || errno == EOPNOTSUPP) {
+		CopyRegularFile(src, dst);
+	} else {
+		ThrowErrno("link", src, dst);
+	}
+}
+
 void SyncFileSystem(const std::string& path) {
 	const Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 	if (fd.Get() < 0 || syncfs(fd.Get()) != 0) {

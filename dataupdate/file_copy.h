@@ -1,6 +1,6 @@
 /**
  * @file
- * Copying a regular file without waiting for the disk.
+ * Putting regular files into place without waiting for the disk.
  */
 #ifndef DATAUPDATE_FILE_COPY_H
 #define DATAUPDATE_FILE_COPY_H
@@ -15,6 +15,13 @@ namespace tarn::dataupdate {
  * once (SyncFileSystem). Throws boost::filesystem::filesystem_error and removes a half-made copy.
  */
 void CopyRegularFile(const std::string& src, const std::string& dst);
+
+/**
+ * Gives a regular file (or the one that a link leads to) a second name at a path that must not exist, on another file
+ * system a copy. For files that nobody will write to under their first name: takes no space, no copying, and leaves
+ * what is in memory there. Throws as CopyRegularFile().
+ */
+void InstallRegularFile(const std::string& src, const std::string& dst);
 
 /** Brings everything written to the file system that holds a path to its disk. Throws UpdateError "Fail to sync ...".
  */

@@ -7,6 +7,9 @@
 #include <tarncore/tarncore.h>
 #include <tarncrypto/tarncrypto.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -21,6 +24,14 @@ constexpr int kHardwareIdBytes = 16;
 struct HardwareIdCloser {
 	void operator()(tarncrypto_hwid* context) const { tarncrypto_hwid_free(context); }
 };
+
+/**
+ * The client dates a file as the server does: an old document would never count as cached, and one that is dated in the
+ * future would never be asked for again. A failure leaves it at that.
+ */
+void StartAge(const char* path) {
+	utimensat(AT_FDCWD, path, nullptr, 0);
+}
 
 std::string HardwareId() {
 	const std::unique_ptr<tarncrypto_hwid, HardwareIdCloser> context(tarncrypto_hwid_init());
@@ -76,6 +87,7 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
 		const FileLock lock(kFreshInfoLock, kLockTimeout);
 		if (TLIBCFileExist(kCachedInfo) == 0 || io_->FileCreateOver(kCachedInfo, kCacheSeconds)) {
 			io_->Download(kCachedInfo, GetDatabaseUrl());
+			StartAge(kCachedInfo);
 		}
 		return io_->ReadJson(kCachedInfo);
 	} catch (const UpdateError& error) {

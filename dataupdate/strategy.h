@@ -75,7 +75,8 @@ public:
 	 */
 	void PrepareUpdate() override;
 	/**
-	 * Empties the install directory and copies the unpacked files into it. Throws "Fail to full update: <why>", after
+	 * Empties the install directory and puts the unpacked files into it, which stay in the temporary area as well: on
+	 * one file system under two names, so that readers wait for no copying. Throws "Fail to full update: <why>", after
 	 * which the installed copy may be partial until the next update or fix.
 	 */
 	void ApplyUpdate() override;

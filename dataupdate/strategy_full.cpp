@@ -140,7 +140,7 @@ void FullStrategy::_CopyFiles() const {
 			fs::create_directories(parent);
 			made = parent;
 		}
-		CopyRegularFile(info.source, target);
+		InstallRegularFile(info.source, target);
 	}
 }
 
