@@ -163,12 +163,16 @@ std::string DescribeDocument(const Json::Value& document, const std::string& id)
 }
 
 std::string DescribeCaching(std::time_t modified, std::time_t now) {
+	const std::string advice =
+	    "; correct the server or the way to it, and remove " + std::string(dataupdate::kCachedInfo);
+	if (modified > now) {
+		return advice + ", which is dated in the future and would be used until then";
+	}
 	const std::time_t end = modified + kCacheSeconds;
 	if (end < now) {
 		return "";
 	}
-	return "; correct the server or the way to it, and remove " + std::string(dataupdate::kCachedInfo) +
-	       " unless you can wait until " + FormatClock(end + 1) + ", when it is asked for anew";
+	return advice + " unless you can wait until " + FormatClock(end + 1) + ", when it is asked for anew";
 }
 
 } // namespace tarn::ctl

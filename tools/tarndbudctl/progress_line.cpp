@@ -18,6 +18,8 @@ constexpr std::chrono::milliseconds kPeriod(200);
 constexpr std::chrono::milliseconds kLongestPause(500);
 // A rate over less than this would be noise.
 constexpr double kLeastSeconds = 0.3;
+// The line's own bytes are among what the process writes.
+constexpr uint64_t kLeastBytes = 1000;
 
 const char* PhaseName(Phase phase) {
 	switch (phase) {
@@ -81,12 +83,18 @@ std::string ProgressMeter::Line(const Sample& sample) {
 	                  (sample.activity.phase == Phase::kHash || sample.activity.serial == begin_.activity.serial);
 	if (!same) {
 		begin_ = sample;
+		begin_bytes_ = Bytes(sample);
 	}
 	const uint64_t bytes = Bytes(sample);
-	line_ = std::string(PhaseName(sample.activity.phase)) + "  " + FormatBytes(bytes);
+	line_ = PhaseName(sample.activity.phase);
+	if (bytes < kLeastBytes) {
+		return line_;
+	}
+	line_ += "  " + FormatBytes(bytes);
 	const std::chrono::duration<double> elapsed = sample.time - begin_.time;
 	if (elapsed.count() >= kLeastSeconds) {
-		line_ += "  " + FormatBytes(static_cast<uint64_t>(static_cast<double>(bytes) / elapsed.count())) + "/s";
+		const auto done = static_cast<double>(Growth(begin_bytes_, bytes));
+		line_ += "  " + FormatBytes(static_cast<uint64_t>(done / elapsed.count())) + "/s";
 	}
 	return line_;
 }

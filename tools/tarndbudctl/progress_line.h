@@ -34,6 +34,7 @@ private:
 	uint64_t Bytes(const Sample& sample) const;
 
 	Sample begin_;
+	uint64_t begin_bytes_ = 0;
 	std::chrono::steady_clock::time_point last_busy_;
 	std::string line_;
 };
