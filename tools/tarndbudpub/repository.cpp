@@ -13,6 +13,7 @@
 #include <charconv>
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 namespace tarn::publisher {
 
@@ -109,8 +110,7 @@ Json::Value Repository::ReadDocument(const std::string& path) const {
 		throw PublishError("The document " + path + " cannot be read: it " + error.what() + ".");
 	}
 	Json::Value document = ParseObject(text, path);
-	const Json::Value* list = document.find("db_list", "db_list" + 7);
-	if (list == nullptr || !list->isObject()) {
+	if (!std::as_const(document)["db_list"].isObject()) {
 		throw PublishError(
 		    "The document " + path + " has no \"db_list\" object and is left as it is; repair or remove it.");
 	}
