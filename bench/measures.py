@@ -156,7 +156,7 @@ class Bench:
         place = self._scratch / "volumes"
         place.mkdir()
         volumes = Volumes(place)
-        Device.reset()
+        Device.reset(SOURCE / "packaging/conf")
         try:
             volume = volumes.make(kind, self._scale.volume_bytes)
             Device(volume, nginx.netloc).trust(publisher.public_key)
