@@ -36,21 +36,26 @@ class FaultServer(ThreadingHTTPServer):
         self.redirect_target = ""
         self.gate = threading.Event()
         self.reached = threading.Event()
-        self._log: list[str] = []
+        self._log: list[tuple[str, dict[str, str]]] = []
         self._lock = threading.Lock()
 
     @property
     def url(self) -> str:
         return f"http://{self.netloc}"
 
-    def note(self, line: str) -> None:
+    def note(self, line: str, headers: dict[str, str]) -> None:
         with self._lock:
-            self._log.append(line)
+            self._log.append((line, headers))
 
     def requests(self) -> list[str]:
         """The lines "method path" of all requests that have arrived."""
         with self._lock:
-            return list(self._log)
+            return [line for line, _ in self._log]
+
+    def headers(self) -> list[dict[str, str]]:
+        """The headers of all requests that have arrived."""
+        with self._lock:
+            return [headers for _, headers in self._log]
 
     def handle_error(self, request: object, client_address: object) -> None:
         """Broken connections are what this server is for."""
@@ -60,7 +65,7 @@ class Handler(BaseHTTPRequestHandler):
     server: FaultServer
 
     def do_GET(self) -> None:
-        self.server.note(f"{self.command} {self.path}")
+        self.server.note(f"{self.command} {self.path}", dict(self.headers))
         self.close_connection = True
         parts = urlsplit(self.path).path.lstrip("/").split("/")
         fault = getattr(self, f"fault_{parts[0]}", None)

@@ -1,0 +1,27 @@
+"""Waiting for what can be observed, with a limit."""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+INTERVAL_SECONDS = 0.01
+
+
+def until(condition: Callable[[], bool], what: str, patience: float = 60) -> None:
+    deadline = time.monotonic() + patience
+    while not condition():
+        assert time.monotonic() < deadline, f"waited {patience} s in vain until {what}"
+        time.sleep(INTERVAL_SECONDS)
+
+
+def has_open(pid: int, path: Path) -> bool:
+    """Whether a process has a file open."""
+    for descriptor in Path(f"/proc/{pid}/fd").iterdir():
+        try:
+            if descriptor.readlink() == path:
+                return True
+        except FileNotFoundError:
+            continue
+    return False

@@ -1,0 +1,114 @@
+"""Nothing in a caller's surroundings changes what the downloader does; the administrator's file does."""
+
+from __future__ import annotations
+
+import os
+import socket
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+from harness import trees
+from harness.device import DATABASE, WGETRC, Device
+from harness.faultserver import FaultServer
+from harness.publisher import Publisher
+
+HOSTILE_SETTINGS = "header = X-Hostile: yes\nuser_agent = hostile\npost_file = /etc/passwd\nauth_no_challenge = on\n"
+
+
+@pytest.fixture
+def offered(faulty: Device, publisher: Publisher, tmp_path: Path) -> Device:
+    publisher.publish(trees.write_tree(tmp_path / "tree", {"a": b"content"}), DATABASE)
+    return faulty
+
+
+def assert_plain_requests(device: Device, faults: FaultServer, tmp_path: Path, env: dict[str, str]) -> None:
+    result = device.run("update", DATABASE, env=env)
+    assert result.status == 0, str(result)
+    trees.assert_same(tmp_path / "tree", device.installed(DATABASE))
+    assert [line.split()[0] for line in faults.requests()] == ["GET", "GET"]
+    for headers in faults.headers():
+        assert "X-Hostile" not in headers
+        assert "Authorization" not in headers
+        assert headers["User-Agent"] != "hostile"
+
+
+@pytest.fixture
+def hostile_home(tmp_path: Path) -> Path:
+    home = tmp_path / "home"
+    home.mkdir()
+    (home / ".wgetrc").write_text(HOSTILE_SETTINGS)
+    (home / ".netrc").write_text("machine 127.0.0.1 login user password secret\ndefault login user password secret\n")
+    return home
+
+
+@pytest.mark.parametrize("variable", ["WGETRC", "SYSTEM_WGETRC", "HOME"])
+def test_settings_from_the_environment_are_not_obeyed(
+    offered: Device, faults: FaultServer, hostile_home: Path, tmp_path: Path, variable: str
+) -> None:
+    value = hostile_home if variable == "HOME" else hostile_home / ".wgetrc"
+    assert_plain_requests(offered, faults, tmp_path, {**os.environ, variable: str(value)})
+
+
+@pytest.fixture
+def hostile_account() -> Iterator[None]:
+    files = {Path("/root/.wgetrc"): HOSTILE_SETTINGS, Path("/root/.netrc"): "default login user password secret\n"}
+    if any(path.exists() for path in files):
+        pytest.skip("needs to write root's .wgetrc and .netrc, and this machine has some")
+    for path, text in files.items():
+        path.write_text(text)
+    yield
+    for path in files:
+        path.unlink()
+
+
+def test_settings_and_passwords_of_the_account_are_not_obeyed(
+    offered: Device, faults: FaultServer, hostile_account: None, tmp_path: Path
+) -> None:
+    assert_plain_requests(offered, faults, tmp_path, {**os.environ, "HOME": "/root"})
+
+
+def test_the_administrators_settings_are_obeyed(offered: Device, faults: FaultServer) -> None:
+    WGETRC.write_text("header = X-Site: ours\n")
+    offered.run_ok("update", DATABASE)
+    assert [headers.get("X-Site") for headers in faults.headers()] == ["ours", "ours"]
+
+
+def test_settings_that_others_may_write_are_not_obeyed(
+    offered: Device, faults: FaultServer, tmp_path: Path
+) -> None:
+    WGETRC.write_text(HOSTILE_SETTINGS)
+    WGETRC.chmod(0o666)
+    try:
+        assert_plain_requests(offered, faults, tmp_path, dict(os.environ))
+    finally:
+        WGETRC.chmod(0o644)
+
+
+def test_a_proxy_of_the_environment_is_used(offered: Device, faults: FaultServer) -> None:
+    """The server plays the proxy: a proxy is asked for whole addresses."""
+    offered.netloc = "update.invalid"
+    offered.configure()
+    offered.run("update", DATABASE, env={**os.environ, "http_proxy": faults.url})
+    assert any("http://update.invalid/database_info/1" in line for line in faults.requests()), faults.requests()
+
+
+def test_a_redirect_to_ftp_leads_nowhere(offered: Device, publisher: Publisher, faults: FaultServer) -> None:
+    with socket.create_server(("127.0.0.1", 0)) as ftp:
+        faults.redirect_target = f"ftp://127.0.0.1:{ftp.getsockname()[1]}/package"
+        publisher.link_to(DATABASE, f"{faults.url}/redirect/package")
+        result = offered.run("update", DATABASE)
+        assert result.status == 1, str(result)
+        assert "GET /redirect/package" in faults.requests()
+        ftp.setblocking(False)
+        with pytest.raises(BlockingIOError):
+            ftp.accept()
+
+
+def test_a_redirect_to_http_is_followed(
+    offered: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
+) -> None:
+    faults.redirect_target = str(publisher.entry(DATABASE)["download_link"])
+    publisher.link_to(DATABASE, f"{faults.url}/redirect/package")
+    offered.run_ok("update", DATABASE)
+    trees.assert_same(tmp_path / "tree", offered.installed(DATABASE))
