@@ -78,6 +78,7 @@ ssize_t __real_read(int fd, void* buffer, size_t size);
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __real_copy_file_range(int from, off64_t* from_at, int to, off64_t* to_at, size_t size, unsigned int flags);
 int __real_fchmod(int fd, mode_t mode);
+int __real_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags);
 int __real_usleep(useconds_t microseconds);
 time_t __real_time(time_t* result);
 std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
@@ -112,6 +113,10 @@ ssize_t __wrap_copy_file_range(int from, off64_t* from_at, int to, off64_t* to_a
 
 int __wrap_fchmod(int fd, mode_t mode) {
 	return Fails("fchmod") ? -1 : __real_fchmod(fd, mode);
+}
+
+int __wrap_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) {
+	return Fails("linkat") ? -1 : __real_linkat(from_directory, from, to_directory, to, flags);
 }
 
 int __wrap_usleep(useconds_t microseconds) {

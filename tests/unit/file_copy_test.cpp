@@ -6,6 +6,7 @@
 #include <dataupdate/progress.h>
 #include <dataupdate/utils.h>
 
+#include <boost/filesystem/exception.hpp>
 #include <gmock/gmock.h>
 
 #include <sys/stat.h>
@@ -170,6 +171,51 @@ INSTANTIATE_TEST_SUITE_P(Calls, CopyFaultTest,
         CopyFault{"read", EIO, "Input/output error"}, CopyFault{"write", ENOSPC, "No space left on device"},
         CopyFault{"fchmod", EPERM, "Operation not permitted"}),
     [](const auto& fault) { return std::string(fault.param.call); });
+
+class InstallRegularFileTest : public CopyFileTest {
+protected:
+	ino_t Inode(const std::string& path) const {
+		struct stat status {};
+		EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+		return status.st_ino;
+	}
+};
+
+TEST_F(InstallRegularFileTest, GivesAFileASecondName) {
+	WriteFile(Source(), content_);
+	const ActivityScope activity(Phase::kApply, "");
+	InstallRegularFile(Source(), Target());
+	EXPECT_EQ(Inode(Source()), Inode(Target()));
+	EXPECT_EQ(CurrentActivity().bytes, content_.size());
+}
+
+TEST_F(InstallRegularFileTest, CopiesWhereASecondNameCannotBe) {
+	WriteFile(Source(), content_);
+	for (const int error : {EXDEV, EMLINK, EPERM, EOPNOTSUPP}) {
+		system_.Fail("linkat", error);
+		InstallRegularFile(Source(), Target());
+		EXPECT_EQ(ReadFile(Target()), content_) << error;
+		EXPECT_NE(Inode(Source()), Inode(Target()));
+		fs::remove(Target());
+	}
+}
+
+TEST_F(InstallRegularFileTest, InstallsTheFileThatALinkLeadsTo) {
+	WriteFile(directory_ / "real", content_);
+	fs::create_symlink("real", Source());
+	InstallRegularFile(Source(), Target());
+	EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Target())));
+	EXPECT_EQ(ReadFile(Target()), content_);
+}
+
+TEST_F(InstallRegularFileTest, NeverReplacesAFile) {
+	WriteFile(Source(), "new");
+	WriteFile(Target(), "old");
+	EXPECT_THROW(InstallRegularFile(Source(), Target()), boost::filesystem::filesystem_error);
+	system_.Fail("linkat", EXDEV);
+	EXPECT_THROW(InstallRegularFile(Source(), Target()), boost::filesystem::filesystem_error);
+	EXPECT_EQ(ReadFile(Target()), "old");
+}
 
 class SyncFileSystemTest : public CopyFileTest {};
 

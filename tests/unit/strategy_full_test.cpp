@@ -1,0 +1,293 @@
+#include "expect_error.h"
+#include "fake_platform.h"
+#include "fake_system.h"
+#include "log_lines.h"
+#include "private_root.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/file_lock.h>
+#include <dataupdate/project_lock.h>
+#include <dataupdate/strategy.h>
+
+#include <gmock/gmock.h>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Line;
+using test::LinesOf;
+using test::MessageOf;
+using test::ReadFile;
+using test::WriteFile;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
+
+constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+
+std::vector<std::string> FilesBelow(const std::string& directory) {
+	std::vector<std::string> files;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+		files.push_back(fs::relative(entry.path(), directory));
+	}
+	return files;
+}
+
+class FullStrategyTest : public test::FixedPathsTest {
+protected:
+	std::string Temp(const std::string& name) const { return directory_ / ("volume/@tmp/data_update/" + name); }
+	std::string Installed(const std::string& name) const { return directory_ / ("volume/db/geo/" + name); }
+	FullStrategy Strategy() const {
+		return {"geo", RemoteInfo(12, 5, false, "http://h/p"), directory_ / "volume", directory_ / "volume/db/geo",
+		    directory_ / ""};
+	}
+	std::string PrepareFailure() const {
+		return MessageOf([this] { Strategy().PrepareUpdate(); });
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakePlatform platform_;
+	test::FakeSystem system_;
+};
+
+TEST_F(FullStrategyTest, PreparesInThisOrder) {
+	Strategy().PrepareUpdate();
+	EXPECT_THAT(
+	    platform_.events, ElementsAre("mkdir " + directory_ / "volume/@tmp/data_update", "user agent database 1024",
+	                          StartsWith("/usr/bin/wget -N http://h/p -O " + Temp("geo_v12") + " "),
+	                          "mkdir " + Temp("geo_full"), "open " + Temp("geo_v12") + " 6",
+	                          "extract " + Temp("geo_full") + " 4", "mkdir " + directory_ / "volume/db/geo"));
+}
+
+TEST_F(FullStrategyTest, ListsTheAbsoluteTargetsOfAllFiles) {
+	platform_.package_files = {{"b", ""}, {"sub/deep/a", ""}};
+	FullStrategy strategy = Strategy();
+	EXPECT_THAT(strategy.GetModifiedFiles(), IsEmpty());
+	strategy.PrepareUpdate();
+	EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre(Installed("b"), Installed("sub/deep/a")));
+}
+
+TEST_F(FullStrategyTest, TouchesNoInstalledFileWhilePreparing) {
+	WriteFile(Installed("old"), "old");
+	platform_.package_files = {{"new", ""}};
+	Strategy().PrepareUpdate();
+	EXPECT_THAT(FilesBelow(Installed("")), ElementsAre("old"));
+}
+
+TEST_F(FullStrategyTest, ReplacesEverythingThatIsInstalled) {
+	WriteFile(Installed("gone/file"), "old");
+	WriteFile(Installed("kept"), "old");
+	platform_.package_files = {{"kept", "new"}, {"sub/file", "content"}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("kept", "sub", "sub/file"));
+	EXPECT_EQ(ReadFile(Installed("kept")), "new");
+	EXPECT_EQ(ReadFile(Temp("geo_full/kept")), "new"); // Stays until the end.
+}
+
+TEST_F(FullStrategyTest, EmptiesTheInstallationForAnEmptyPackage) {
+	WriteFile(Installed("old"), "old");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	EXPECT_THAT(strategy.GetModifiedFiles(), IsEmpty());
+	strategy.ApplyUpdate();
+	EXPECT_TRUE(fs::is_directory(Installed("")));
+	EXPECT_THAT(FilesBelow(Installed("")), IsEmpty());
+}
+
+TEST_F(FullStrategyTest, DoesNotReproduceEmptyDirectories) {
+	platform_.package_files = {{"sub/file", ""}};
+	platform_.extract_more = [](const std::string& to) { fs::create_directories(to + "/empty/deep"); };
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("sub", "sub/file"));
+}
+
+TEST_F(FullStrategyTest, InstallsRegularFilesOnly) {
+	platform_.package_files = {{"file", "content"}, {"sub/real", "linked"}};
+	platform_.extract_more = [](const std::string& to) {
+		fs::create_symlink("nowhere", to + "/dangling");
+		fs::create_symlink("sub/real", to + "/link");
+		ASSERT_EQ(mkfifo((to + "/fifo").c_str(), 0600), 0);
+	};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre(Installed("file"), Installed("sub/real")));
+	strategy.ApplyUpdate();
+	EXPECT_EQ(ReadFile(Installed("sub/real")), "linked");
+}
+
+TEST_F(FullStrategyTest, RefusesALinkThatLeadsOut) {
+	WriteFile(directory_ / "secret", "secret");
+	platform_.extract_more = [&](const std::string& to) { fs::create_symlink(directory_ / "secret", to + "/link"); };
+	EXPECT_EQ(PrepareFailure(), "path not in base");
+}
+
+TEST_F(FullStrategyTest, SaysWhyTheChangesCannotBeListed) {
+	platform_.extract_more = [](const std::string& to) { fs::create_symlink("loop", to + "/loop"); };
+	EXPECT_THAT(PrepareFailure(), AllOf(StartsWith("Fail to calculate modify info: "), HasSubstr("geo_full/loop")));
+}
+
+TEST_F(FullStrategyTest, NeedsMoreThanATwentiethFreeAfterwards) {
+	platform_.package_files = {{"new", std::string(100, 'x')}};
+	system_.space = {150, 1000};
+	EXPECT_EQ(PrepareFailure(), "Disk space is too low"); // 50 left of 1000.
+	WriteFile(Installed("old"), "x");                     // Frees a byte.
+	FullStrategy strategy = Strategy();
+	EXPECT_NO_THROW(strategy.PrepareUpdate());
+	EXPECT_EQ(strategy.GetDeltaSize(), -99);
+	EXPECT_EQ(ReadFile(Installed("old")), "x");
+}
+
+TEST_F(FullStrategyTest, AsksForItsDeltaThroughTheVirtualOperation) {
+	class Huge : public FullStrategy {
+	public:
+		using FullStrategy::FullStrategy;
+		int64_t GetDeltaSize() const override { return -1000; }
+	};
+	system_.space = {1000, 1000};
+	Huge strategy("geo", RemoteInfo(12, 5, false, "l"), directory_ / "volume", Installed(""), directory_ / "");
+	EXPECT_EQ(MessageOf([&] { strategy.PrepareUpdate(); }), "Disk space is too low");
+}
+
+TEST_F(FullStrategyTest, CountsAFirstInstallationAsNothing) {
+	platform_.package_files = {{"new", "12345"}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	EXPECT_TRUE(fs::is_directory(Installed("")));
+	EXPECT_EQ(strategy.GetDeltaSize(), -5);
+}
+
+TEST_F(FullStrategyTest, PassesOnDownloadAndPackageErrors) {
+	platform_.archive_extract_works = false;
+	EXPECT_EQ(PrepareFailure(), "tarnarchive_extract " + Temp("geo_v12") + " failed, ret: 0");
+	platform_.archive_open_works = false;
+	EXPECT_EQ(PrepareFailure(), "tarnarchive_open " + Temp("geo_v12") + " failed, ret: 0");
+	platform_.archive_init_works = false;
+	EXPECT_EQ(PrepareFailure(), "Failed to extract package at tarnarchive_init");
+	platform_.execl = [](const std::string&, unsigned int, const test::FakePlatform::Arguments&) { return 4; };
+	EXPECT_EQ(PrepareFailure(), "Fail to wget url: http://h/p");
+	platform_.mkdir_works = false;
+	EXPECT_EQ(PrepareFailure(), "Fail to create dir " + directory_ / "volume/@tmp/data_update");
+}
+
+TEST_F(FullStrategyTest, NeverInstallsWhatAKilledRunLeftBehind) {
+	WriteFile(Temp("geo_full/stale"), "unsigned");
+	WriteFile(Temp("geo_sum/stale"), "x");
+	WriteFile(Temp("geo_delta_7/stale"), "x");
+	WriteFile(Temp("geo_v11"), "x");
+	WriteFile(Temp("geo_debug"), "x");
+	WriteFile(Temp("geo_map_full/theirs"), "x"); // Of a database called geo_map.
+	WriteFile(Temp("geo_v1a"), "x");             // No name of ours.
+	WriteFile(Temp("poi_v3"), "x");
+	platform_.package_files = {{"new", ""}};
+	{
+		FullStrategy strategy = Strategy();
+		strategy.PrepareUpdate();
+		strategy.ApplyUpdate();
+	}
+	EXPECT_THAT(FilesBelow(Installed("")), ElementsAre("new"));
+	EXPECT_THAT(FilesBelow(Temp("")), UnorderedElementsAre("geo_map_full", "geo_map_full/theirs", "geo_v1a", "poi_v3"));
+}
+
+TEST_F(FullStrategyTest, HoldsReadersOffWhileItReplaces) {
+	WriteFile("/usr/share/data_update/databases.conf", R"({"geo": {}})");
+	platform_.package_files = {{"new", ""}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	EXPECT_FALSE(fs::exists(kUsingLock));
+	{ const FileLock first_update(kUsingLock, 0); }
+	const int reader = TARNDBUDGetFileLock("geo", 0);
+	ASSERT_GE(reader, 0);
+	EXPECT_EQ(
+	    MessageOf([&] { strategy.ApplyUpdate(); }), std::string("Fail to full update: Fail to lock ") + kUsingLock);
+	EXPECT_EQ(system_.polls, 6000); // 600 seconds.
+	TARNDBUDReleaseFileLock(reader);
+	strategy.ApplyUpdate();
+	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
+}
+
+TEST_F(FullStrategyTest, SaysWhyItCannotReplaceTheFiles) {
+	platform_.package_files = {{"new", ""}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	system_.Fail("linkat", ENOSPC);
+	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }),
+	    AllOf(StartsWith("Fail to full update: "), HasSubstr("No space left on device")));
+	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
+	fs::remove_all(Installed(""));
+	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }),
+	    "Fail to full update: failed to read file stat: " + directory_ / "volume/db/geo");
+}
+
+TEST_F(FullStrategyTest, RemovesItsTemporaryDataWhateverHappened) {
+	platform_.package_files = {{"new", ""}};
+	{
+		FullStrategy strategy = Strategy();
+		strategy.PrepareUpdate();
+		EXPECT_THAT(FilesBelow(Temp("")), UnorderedElementsAre("geo_v12", "geo_full", "geo_full/new"));
+	}
+	EXPECT_THAT(FilesBelow(Temp("")), IsEmpty());
+	platform_.archive_extract_works = false;
+	PrepareFailure();
+	EXPECT_THAT(FilesBelow(Temp("")), IsEmpty());
+}
+
+TEST_F(FullStrategyTest, RemovesNothingThatItNeverMade) {
+	WriteFile(Temp("geo_v12"), "theirs");
+	WriteFile(Temp("geo_full/f"), "theirs");
+	const test::SyslogCapture log;
+	{ const FullStrategy unprepared = Strategy(); }
+	EXPECT_THAT(test::Lines(log), IsEmpty());
+	EXPECT_TRUE(fs::exists(Temp("geo_v12")));
+	EXPECT_TRUE(fs::exists(Temp("geo_full/f")));
+}
+
+TEST_F(FullStrategyTest, RemovesThePackageAloneWhenTheDownloadFailed) {
+	platform_.execl = [&](const std::string&, unsigned int, const test::FakePlatform::Arguments&) {
+		fs::create_directories(Temp("geo_full")); // Somebody else's, made in between.
+		return 1;
+	};
+	const test::SyslogCapture log;
+	PrepareFailure();
+	EXPECT_THAT(LinesOf(log, "strategy"), IsEmpty());
+	EXPECT_TRUE(fs::exists(Temp("geo_full")));
+}
+
+TEST_F(FullStrategyTest, LogsWhatItCannotCleanUp) {
+	std::optional<FullStrategy> strategy;
+	strategy.emplace("geo", RemoteInfo(12, 5, false, "l"), directory_ / "volume", Installed(""), directory_ / "");
+	strategy->PrepareUpdate();
+	fs::remove(Temp("geo_v12"));
+	WriteFile(Temp("geo_v12/in/the/way"), "");
+	if (mount("tmpfs", Temp("geo_full").c_str(), "tmpfs", 0, nullptr) != 0) {
+		GTEST_SKIP() << "nothing can be mounted here";
+	}
+	const test::SyslogCapture log;
+	strategy.reset();
+	ASSERT_EQ(umount(Temp("geo_full").c_str()), 0);
+	EXPECT_THAT(LinesOf(log, "strategy"),
+	    ElementsAre(testing::AllOf(testing::Field(&Line::priority, LOG_ERR),
+	                    testing::Field(&Line::text, StartsWith("Failed to clean tarball '" + Temp("geo_v12") + "': "))),
+	        Line{LOG_ERR, "strategy", "Failed to clean tmp data: Fail to remove all: " + Temp("geo_full")}));
+}
+
+} // namespace
+} // namespace tarn::dataupdate
