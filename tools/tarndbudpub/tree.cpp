@@ -49,7 +49,7 @@ bool IsBeneath(const fs::path& path, const fs::path& root) {
 /** The file that a link stands for. */
 fs::path ResolveLink(const fs::path& link, const std::string& name, const fs::path& root) {
 	std::error_code error;
-	const fs::path target = fs::canonical(link, error);
+	fs::path target = fs::canonical(link, error);
 	if (error) {
 		Refuse(name, "it is a symbolic link that leads nowhere");
 	}
