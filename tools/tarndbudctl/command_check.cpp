@@ -83,6 +83,7 @@ void DeclareCheck(CLI::App& app, Options& options) {
 	CLI::Option* ids = app.add_option("ID", options.ids, "Databases to check");
 	app.add_flag("--all", options.all, "Check all databases (the default)")->excludes(ids);
 	app.add_option("--timeout", options.timeout_seconds, "Seconds to wait while a database is being replaced")
+	    ->check(CLI::NonNegativeNumber)
 	    ->capture_default_str();
 }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <new>
 #include <vector>
@@ -22,6 +23,7 @@ using dataupdate::UpdateError;
 namespace {
 
 constexpr size_t kLongestMessage = 600;
+constexpr char kWrapper[] = "Fail on project '";
 
 /** What is known about a failure when its hint is made up. */
 struct Circumstances {
@@ -113,14 +115,16 @@ std::string WithoutEnd(std::string text) {
 	return text;
 }
 
-/** "Fail on project 'geo': why" as "geo: why". */
-std::string Unwrap(const std::string& message) {
-	const std::string prefix = "Fail on project '";
-	const size_t end = message.find("': ", prefix.size());
-	if (!StartsWith(message, prefix) || end == std::string::npos) {
-		return message;
-	}
-	return message.substr(prefix.size(), end - prefix.size()) + message.substr(end + 1);
+/** How far "Fail on project 'geo': " reaches at the message's beginning; 0 without it. */
+size_t WrapperLength(const std::string& message) {
+	const size_t end = message.find("': ", std::strlen(kWrapper));
+	return StartsWith(message, kWrapper) && end != std::string::npos ? end + std::strlen("': ") : 0;
+}
+
+/** "geo: " of the wrapper; empty without it. */
+std::string Subject(const std::string& wrapper) {
+	const size_t begin = std::strlen(kWrapper);
+	return wrapper.empty() ? "" : wrapper.substr(begin, wrapper.find_last_of('\'') - begin) + ": ";
 }
 
 bool HasSections(const dataupdate::IOUtils& io, const std::string& path) {
@@ -156,15 +160,17 @@ Failure ExplainFileError(const boost::filesystem::filesystem_error& error) {
 } // namespace
 
 Failure ExplainMessage(const std::string& message, int platform_error) {
-	const std::string unwrapped = Unwrap(message);
+	const size_t wrapped = WrapperLength(message);
+	const std::string subject = Subject(message.substr(0, wrapped));
+	const std::string inner = message.substr(wrapped);
 	const auto* rule = std::find_if(std::begin(kRules), std::end(kRules),
-	    [&](const Rule& candidate) { return StartsWith(unwrapped, candidate.beginning); });
+	    [&](const Rule& candidate) { return StartsWith(inner, candidate.beginning); });
 	if (rule == std::end(kRules)) {
-		return {kFailed, WithEnd(unwrapped)};
+		return {kFailed, subject + WithEnd(inner)};
 	}
 	const std::string hint =
-	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{unwrapped, platform_error});
-	return {rule->code, WithEnd(Printable(WithoutEnd(unwrapped), kLongestMessage) + "; " + hint)};
+	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error});
+	return {rule->code, subject + WithEnd(Printable(WithoutEnd(inner), kLongestMessage) + "; " + hint)};
 }
 
 Failure ExplainException(const dataupdate::IOUtils& io) {

@@ -1,0 +1,148 @@
+#include "private_root.h"
+#include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/file_lock.h>
+#include <tarndbudctl/failure.h>
+#include <tarndbudctl/file_check.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::DatabaseStatus;
+using dataupdate::FileLock;
+using test::WriteFile;
+using testing::Return;
+
+constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+
+DatabaseStatus Record(const std::string& directory, const std::set<std::string>& files) {
+	DatabaseStatus status;
+	status.data_version = 4;
+	status.file_statuses = dataupdate::CalculateStatus(files, directory);
+	return status;
+}
+
+TEST(FindBadFilesTest, NamesEveryBadFileAndInWhatItIsBad) {
+	const test::TemporaryDirectory directory;
+	const std::string root = directory.Path();
+	for (const char* name : {"changed", "good", "missing", "replaced"}) {
+		WriteFile(directory / name, name);
+	}
+	const DatabaseStatus status = Record(root, {"changed", "good", directory / "missing", "replaced"});
+	WriteFile(directory / "changed", "CHANGED");
+	std::filesystem::remove(directory / "missing");
+	std::filesystem::remove(directory / "replaced");
+	std::filesystem::create_directory(directory / "replaced");
+	std::vector<std::string> found;
+	for (const BadFile& file : FindBadFiles(status, root)) {
+		found.push_back(file.path + " " + file.reason);
+	}
+	EXPECT_THAT(found, testing::UnorderedElementsAre(directory / "changed" + std::string(" has changed"),
+	                       directory / "missing" + std::string(" is missing"),
+	                       directory / "replaced" + std::string(" is no regular file")));
+}
+
+class CheckCommandTest : public test::FixedPathsTest {
+protected:
+	void SetUp() override {
+		test::FixedPathsTest::SetUp();
+		if (IsSkipped()) {
+			return;
+		}
+		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{},"zip":{}})");
+		WriteFile(kUsingLock, "");
+		WriteFile(directory_ / "file", "content");
+		ON_CALL(*doubles_.database, GetInstallPrefix).WillByDefault(Return(directory_.Path().string()));
+		record_ = Record(directory_.Path(), {"file"});
+		ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) { return record_; });
+	}
+	ExitCode Run(std::vector<std::string> ids) {
+		Options options;
+		options.ids = std::move(ids);
+		options.timeout_seconds = 0;
+		return RunCheck(doubles_.services, options);
+	}
+	void Damage() { WriteFile(directory_ / "file", "CONTENT"); }
+
+	test::TemporaryDirectory directory_;
+	DatabaseStatus record_;
+	test::Doubles doubles_;
+};
+
+TEST_F(CheckCommandTest, FindsAllDatabasesSoundWithoutTheServer) {
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
+	EXPECT_CALL(*doubles_.info, GetDatabaseInfo).Times(0);
+	EXPECT_EQ(Run({}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: ok\nzip: ok\n");
+}
+
+TEST_F(CheckCommandTest, NamesTheFileThatNeedsAFix) {
+	Damage();
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_EQ(doubles_.out.str(), "geo: needs a fix\n\t" + directory_ / "file" + " has changed\n");
+}
+
+TEST_F(CheckCommandTest, TakesWhatIsNotInstalledForInNeedOfAFix) {
+	record_ = DatabaseStatus();
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_EQ(doubles_.out.str(), "geo is not installed\n");
+}
+
+TEST_F(CheckCommandTest, ShowsAFewOfManyBadFiles) {
+	for (int number = 0; number < 30; ++number) {
+		record_.file_statuses["gone" + std::to_string(number)] = {};
+	}
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_THAT(doubles_.out.str(), testing::EndsWith("\tand 10 more\n"));
+}
+
+TEST_F(CheckCommandTest, DoesNotLookAtFilesThatAreBeingReplaced) {
+	const FileLock replacing(kUsingLock, 0);
+	EXPECT_EQ(Run({"geo"}), kLocked);
+	EXPECT_EQ(doubles_.out.str(), "");
+	EXPECT_THAT(doubles_.err.str(), testing::HasSubstr("geo: The database is being replaced"));
+}
+
+TEST_F(CheckCommandTest, HoldsOffAReplacementWhileItLooks) {
+	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) {
+		EXPECT_THROW(FileLock(kUsingLock, 0), dataupdate::UpdateError);
+		return record_;
+	});
+	EXPECT_EQ(Run({"geo"}), kDone);
+	const FileLock free(kUsingLock, 0);
+}
+
+TEST_F(CheckCommandTest, DoesNotBlameAnUpdateThatHasNotRecordedItsFilesYet) {
+	Damage();
+	ON_CALL(*doubles_.checker, IsUpdating("geo")).WillByDefault(Return(true));
+	EXPECT_EQ(Run({"geo"}), kLocked);
+	EXPECT_EQ(doubles_.out.str(), "");
+}
+
+TEST_F(CheckCommandTest, LooksAgainWhenAnUpdateHasRecordedItsFilesMeanwhile) {
+	Damage();
+	ON_CALL(*doubles_.checker, IsUpdating("geo")).WillByDefault([this](const std::string&) {
+		record_ = Record(directory_.Path(), {"file"});
+		return false;
+	});
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: ok\n");
+}
+
+TEST_F(CheckCommandTest, ChecksTheOthersAfterAFailure) {
+	EXPECT_EQ(Run({"nope", "geo"}), kUnsupported);
+	EXPECT_EQ(doubles_.out.str(), "geo: ok\n");
+	std::filesystem::remove(directory_ / "file");
+	doubles_.out.str("");
+	EXPECT_EQ(Run({"geo", "nope"}), kFixNeeded);
+}
+
+} // namespace
+} // namespace tarn::ctl

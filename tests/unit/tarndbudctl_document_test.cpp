@@ -1,0 +1,153 @@
+#include "expect_error.h"
+#include "mocks.h"
+
+#include <tarndbudctl/checked_info_getter.h>
+#include <tarndbudctl/checked_io.h>
+#include <tarndbudctl/document_problem.h>
+#include <tarndbudctl/text.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::UpdateError;
+using test::MessageOf;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::NiceMock;
+using testing::Return;
+using testing::Throw;
+
+constexpr char kLink[] = "http://server/database_info/1?os=orv";
+
+Json::Value Parse(const std::string& text) {
+	Json::Value value;
+	std::istringstream(text) >> value;
+	return value;
+}
+
+TEST(DescribePageTest, TellsAWebPageFromBrokenJson) {
+	EXPECT_EQ(DescribePage({kLink, "\n <html><b>Sign in</b>", 22}),
+	    std::string("The answer of ") + kLink + " is no JSON document; it begins with \"<html><b>Sign in</b>\"");
+	EXPECT_THAT(DescribePage({kLink, "{\"db_list\": ", 12}), HasSubstr("malformed JSON or nested too deeply"));
+	EXPECT_THAT(DescribePage({kLink, "", 0}), HasSubstr(" is empty"));
+	EXPECT_THAT(DescribePage({kLink, " \n", 2}), HasSubstr(" is empty"));
+	EXPECT_THAT(DescribePage({kLink, "{", 3000000000}), HasSubstr("it is 3.0 GB long"));
+}
+
+TEST(DescribePageTest, QuotesABeginningThatIsSafeOnATerminal) {
+	const std::string page = DescribePage({kLink, "\x1b]0;title\x07" + std::string(200, 'x'), 210});
+	EXPECT_THAT(page, HasSubstr("begins with \"?]0;title?" + std::string(50, 'x') + "...\""));
+}
+
+struct Case {
+	const char* document;
+	const char* problem;
+};
+
+class DescribeDocumentTest : public testing::TestWithParam<Case> {};
+
+TEST_P(DescribeDocumentTest, SaysInWhatTheDocumentIsMalformed) {
+	EXPECT_EQ(DescribeDocument(Parse(GetParam().document), "geo"), GetParam().problem);
+}
+
+#define ENTRY(members) R"({"deprecated":false,"db_list":{"geo":{)" members "}}}"
+#define GOOD R"("data_version":"9","last_fetch_time":1,"download_link":"http://x/")"
+
+INSTANTIATE_TEST_SUITE_P(Documents, DescribeDocumentTest,
+    testing::Values(Case{"[1]", "is malformed: it is an array, not an object"},
+        Case{"\"a\"", "is malformed: it is a string, not an object"},
+        Case{"{}", "is malformed: its \"db_list\" is missing or null, not an object"},
+        Case{R"({"db_list":[]})", "is malformed: its \"db_list\" is an array, not an object"},
+        Case{R"({"db_list":{},"deprecated":"no"})", "is malformed: its \"deprecated\" is a string, not true or false"},
+        Case{R"({"db_list":{"other":{}}})", "does not offer geo"},
+        Case{R"({"db_list":{"geo":7}})", "is malformed: geo is a number, not an object"},
+        Case{ENTRY(R"("data_version":7)"), "is malformed: \"data_version\" of geo is 7, not a string of digits"},
+        Case{ENTRY(R"("data_version":"x","last_fetch_time":1,"download_link":"")"),
+            "is malformed: \"data_version\" of geo is \"x\", which is no version number"},
+        Case{ENTRY(R"("data_version":"9","last_fetch_time":99999999999)"),
+            "is malformed: \"last_fetch_time\" of geo is 99999999999, not a 32-bit integer"},
+        Case{ENTRY(R"("data_version":"9","last_fetch_time":1)"),
+            "is malformed: \"download_link\" of geo is missing or null, not a string"},
+        Case{R"({"db_list":{"geo":{)" GOOD "}}}",
+            "is malformed: \"deprecated\" of geo is missing or null, not true or false"},
+        Case{ENTRY(GOOD R"(,"diff_files":[1])"), "is malformed: \"diff_files\" of geo is an array, not an object"},
+        Case{ENTRY(GOOD R"(,"diff_files":{"9":{"download_link":"x","file_size":"9"}})"),
+            "is malformed: \"file_size\" of the diff package \"9\" of geo is a string, not a 32-bit integer"},
+        Case{ENTRY(GOOD R"(,"diff_files":{"nine":{"download_link":"x","file_size":9}})"),
+            "is malformed: the diff package \"nine\" of geo is not named by a version number"},
+        Case{ENTRY(GOOD), "is malformed"}));
+
+TEST(DescribeCachingTest, NamesTheMomentWhenTheServerIsAskedAgain) {
+	constexpr std::time_t kModified = 1700000000;
+	EXPECT_THAT(DescribeCaching(kModified, kModified + 3600), HasSubstr("until " + FormatClock(kModified + 3601)));
+	EXPECT_EQ(DescribeCaching(kModified, kModified + 3601), "");
+	EXPECT_THAT(DescribeCaching(kModified, kModified - 10), HasSubstr("dated in the future"));
+}
+
+/** Hands out a document, or fails. */
+class TestedGetter : public CheckedInfoGetter {
+public:
+	TestedGetter()
+	    : CheckedInfoGetter(
+	          std::make_shared<NiceMock<test::MockIOUtils>>(), std::make_shared<NiceMock<test::MockServiceConfig>>()) {
+		ON_CALL(*this, GetDatabaseUrl).WillByDefault(Return(kLink));
+	}
+	MOCK_METHOD(Json::Value, FetchDatabaseInfo, (), (const, override));
+	MOCK_METHOD(std::string, GetDatabaseUrl, (), (const, override));
+};
+
+TEST(CheckedInfoGetterTest, AsksForTheDocumentOnceInARun) {
+	const NiceMock<TestedGetter> getter;
+	EXPECT_CALL(getter, FetchDatabaseInfo).WillOnce(Return(Parse(ENTRY(GOOD))));
+	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
+	EXPECT_TRUE(getter.GetDiffInfos("geo").empty());
+	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://x/");
+}
+
+TEST(CheckedInfoGetterTest, TriesOnceWhenTheServerCannotBeReached) {
+	const NiceMock<TestedGetter> getter;
+	EXPECT_CALL(getter, FetchDatabaseInfo).WillOnce(Throw(UpdateError("Fail to wget url: x")));
+	EXPECT_EQ(MessageOf([&] { getter.GetRemoteInfo("geo"); }), "Fail to wget url: x");
+	EXPECT_EQ(MessageOf([&] { getter.GetRemoteInfo("zip"); }), "Fail to wget url: x");
+}
+
+TEST(CheckedInfoGetterTest, NamesTheLinkOfADocumentThatIsMalformed) {
+	for (const char* document : {"[1]", "5", "\"text\"", R"({"db_list":"x"})", ENTRY(R"("data_version":"x")"),
+	         ENTRY(R"("data_version":"99999999999","last_fetch_time":1,"download_link":"x")")}) {
+		const NiceMock<TestedGetter> getter;
+		ON_CALL(getter, FetchDatabaseInfo).WillByDefault(Return(Parse(document)));
+		EXPECT_THAT(MessageOf([&] { getter.GetRemoteInfo("geo"); }),
+		    HasSubstr(std::string("The document of ") + kLink + " is malformed: "))
+		    << document;
+	}
+}
+
+TEST(CheckedInfoGetterTest, NamesTheLinkOfDiffPackagesThatAreMalformed) {
+	const NiceMock<TestedGetter> getter;
+	ON_CALL(getter, FetchDatabaseInfo)
+	    .WillByDefault(Return(Parse(ENTRY(GOOD R"(,"diff_files":{"x":{"download_link":"x","file_size":1}})"))));
+	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
+	EXPECT_THAT(MessageOf([&] { getter.GetDiffInfos("geo"); }), AllOf(HasSubstr(kLink), HasSubstr("\"x\" of geo")));
+}
+
+TEST(CheckedInfoGetterTest, NamesTheRecordThatIsMalformed) {
+	const auto io = std::make_shared<NiceMock<test::MockIOUtils>>();
+	const CheckedInfoGetter getter(io, std::make_shared<NiceMock<test::MockServiceConfig>>());
+	for (const char* record : {"[1]", "7", R"({"data_version":"x","last_fetch_time":1,"file_statuses":{}})"}) {
+		ON_CALL(*io, ReadJson("/var/lib/data_update/geo/version.json")).WillByDefault(Return(Parse(record)));
+		EXPECT_THAT(MessageOf([&] { getter.GetDatabaseStatus("geo"); }),
+		    AllOf(HasSubstr("/var/lib/data_update/geo/version.json, is malformed"), HasSubstr("remove it")))
+		    << record;
+	}
+}
+
+} // namespace
+} // namespace tarn::ctl

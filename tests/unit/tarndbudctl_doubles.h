@@ -1,0 +1,75 @@
+/** @file What the administrator's program runs on in its tests. */
+#ifndef TARN_TESTS_TARNDBUDCTL_DOUBLES_H
+#define TARN_TESTS_TARNDBUDCTL_DOUBLES_H
+
+#include "mocks.h"
+
+#include <dataupdate/update_error.h>
+#include <tarndbudctl/commands.h>
+#include <tarndbudctl/services.h>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace tarn::test {
+
+class MockChecker : public dataupdate::Checker {
+public:
+	MockChecker() : Checker(nullptr) {}
+	MOCK_METHOD(bool, IsUpdating, (const std::string&), (const, override));
+	MOCK_METHOD(bool, IsAnyUpdating, (), (const, override));
+};
+
+/** Services that are all doubles: two databases, "geo" and "zip", both scheduled, on "/volume1". */
+struct Doubles {
+	template<typename Mock>
+	using Nice = std::shared_ptr<testing::NiceMock<Mock>>;
+
+	Nice<MockIOUtils> io = std::make_shared<testing::NiceMock<MockIOUtils>>();
+	Nice<MockServiceConfig> config = std::make_shared<testing::NiceMock<MockServiceConfig>>();
+	Nice<MockDatabaseConfig> database = std::make_shared<testing::NiceMock<MockDatabaseConfig>>();
+	Nice<MockInfoGetter> info = std::make_shared<testing::NiceMock<MockInfoGetter>>();
+	Nice<MockUpdater> updater = std::make_shared<testing::NiceMock<MockUpdater>>();
+	Nice<MockChecker> checker = std::make_shared<testing::NiceMock<MockChecker>>();
+	std::ostringstream out;
+	std::ostringstream err;
+	ctl::Terminal terminal{out, err, false};
+	ctl::Services services{io, config, info, updater, checker, terminal};
+
+	Doubles() {
+		using testing::Return;
+		const std::vector<std::string> ids = {"geo", "zip"};
+		ON_CALL(*config, GetDatabaseIDs).WillByDefault(Return(ids));
+		ON_CALL(*config, CheckSupported).WillByDefault([ids](const std::string& id) {
+			if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+				throw dataupdate::UpdateError("Project " + id + " not supported");
+			}
+		});
+		ON_CALL(*config, GetDatabaseConfig).WillByDefault(Return(database));
+		ON_CALL(*config, GetCurVolume).WillByDefault(Return("/volume1"));
+		ON_CALL(*database, GetScheduled).WillByDefault(Return(true));
+		ON_CALL(*database, GetRootDirectory).WillByDefault(Return("/volume1"));
+		ON_CALL(*database, GetInstallPrefix).WillByDefault(Return("/volume1/@database/autoupdate/geo"));
+		ON_CALL(*info, GetRemoteInfo).WillByDefault(Return(dataupdate::RemoteInfo(5, 0, false, "http://x/")));
+	}
+
+	/** Makes a version the installed one, of one database or, without an id, of all. */
+	void Install(int version, const std::string& id = "") {
+		dataupdate::DatabaseStatus status;
+		status.data_version = version;
+		if (id.empty()) {
+			ON_CALL(*info, GetDatabaseStatus).WillByDefault(testing::Return(status));
+		} else {
+			ON_CALL(*info, GetDatabaseStatus(id)).WillByDefault(testing::Return(status));
+		}
+	}
+};
+
+} // namespace tarn::test
+
+#endif

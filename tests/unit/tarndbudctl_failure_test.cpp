@@ -1,0 +1,145 @@
+#include "mocks.h"
+
+#include <dataupdate/update_error.h>
+#include <tarncore/tarncore.h>
+#include <tarndbudctl/failure.h>
+
+#include <boost/filesystem/exception.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::UpdateError;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::NiceMock;
+using testing::Not;
+using testing::Return;
+using testing::StartsWith;
+using testing::Throw;
+
+struct Case {
+	const char* message;
+	ExitCode code;
+	const char* hint;
+};
+
+class FailureTableTest : public testing::TestWithParam<Case> {};
+
+TEST_P(FailureTableTest, SaysWhatFailedAndWhatToDo) {
+	const Failure failure = ExplainMessage(GetParam().message, 0);
+	EXPECT_EQ(failure.code, GetParam().code);
+	EXPECT_THAT(failure.sentence, HasSubstr(GetParam().hint));
+	EXPECT_THAT(failure.sentence, EndsWith("."));
+	EXPECT_THAT(failure.sentence, Not(EndsWith("..")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Messages, FailureTableTest,
+    testing::Values(Case{"Project x not supported", kUnsupported, "Project x not supported; the configured"},
+        Case{"Fail to lock /run/data_update/update_any.lock", kLocked, "update_any.lock; somebody else holds it"},
+        Case{"Fail to full update: Fail to lock /run/data_update/using_geo.lock", kLocked, "a reader"},
+        Case{"Fail to full update: no space", kFailed, "update again"},
+        Case{"Fail open lock file /run/x", kFailed, "as root"},
+        Case{"Disk space is too low", kFailed, "Disk space is too low; free some space"},
+        Case{"Cannot find suitable volume.", kFailed, "suitable volume; mount a writable volume"},
+        Case{"Failed to enum all volumes: 13", kFailed, "volumes.conf"},
+        Case{"tarnarchive_open /v/p failed, ret: 0", kFailed, "/usr/tarn/etc/codesign/6"},
+        Case{"tarnarchive_extract /v/p failed, ret: 0", kFailed, "system log"},
+        Case{"Bad type conversion", kFailed, "wrong type"},
+        Case{"Invalid value 'x' for '%s/@database/autoupdate' field", kFailed, "\"install_dest\""},
+        Case{"File not exist: /usr/share/data_update/databases.conf", kFailed, "default configuration"},
+        Case{"Fail to decode: /usr/share/data_update/databases.conf", kFailed, "correct that file"},
+        Case{"Fail to set config geo:auto_update", kFailed, "/usr/tarn/etc/data_update"},
+        Case{"Fail to write: /var/lib/x", kFailed, "permissions"}, Case{"Something new", kFailed, "Something new"}));
+
+TEST(FailureTest, NamesTheConfigurationFilesOfAMissingKey) {
+	EXPECT_THAT(ExplainMessage("section-key: 'config'-'db_ver' not found", 0).sentence,
+	    testing::AllOf(HasSubstr("/usr/tarn/etc/data_update/data_update.conf"),
+	        HasSubstr("/usr/share/data_update/data_update.conf")));
+	EXPECT_THAT(ExplainMessage("section-key: 'geo'-'format_version' not found", 0).sentence,
+	    testing::AllOf(
+	        HasSubstr("/usr/tarn/etc/data_update/databases.conf"), HasSubstr("/usr/share/data_update/databases.conf")));
+}
+
+TEST(FailureTest, TellsByTheClientsErrorWhyADownloadFailed) {
+	const auto explain = [](int error) { return ExplainMessage("Fail to wget url: http://x/", error).sentence; };
+	EXPECT_THAT(explain(TLIBC_ERR_EXIT + 3), HasSubstr("free space"));
+	EXPECT_THAT(explain(TLIBC_ERR_EXIT + 4), HasSubstr("network"));
+	EXPECT_THAT(explain(TLIBC_ERR_EXIT + 5), HasSubstr("certificate"));
+	EXPECT_THAT(explain(TLIBC_ERR_EXIT + 7), HasSubstr("no HTTP"));
+	EXPECT_THAT(explain(TLIBC_ERR_EXIT + 8), HasSubstr("answered with an error"));
+	EXPECT_THAT(explain(ENOENT), HasSubstr("install wget"));
+	EXPECT_THAT(explain(TLIBC_ERR_SIGNAL + 9), HasSubstr("check the network"));
+}
+
+TEST(FailureTest, DoesNotGuessByAnEarlierErrorWhyALinkWasRefused) {
+	EXPECT_THAT(ExplainMessage("Fail to wget url: --post-file=/x", TLIBC_ERR_EXIT + 4).sentence,
+	    HasSubstr("no link may begin with \"-\""));
+}
+
+TEST(FailureTest, LooksBehindTheNameOfTheProject) {
+	const Failure failure = ExplainMessage("Fail on project 'geo': Fail to lock /run/x", 0);
+	EXPECT_EQ(failure.code, kLocked);
+	EXPECT_THAT(failure.sentence, StartsWith("geo: Fail to lock /run/x; "));
+}
+
+TEST(FailureTest, IsNotMisledByTheTextOfALink) {
+	const Failure failure = ExplainMessage("Fail to wget url: http://x/Fail to lock /Project x not supported", 0);
+	EXPECT_EQ(failure.code, kFailed);
+	EXPECT_THAT(failure.sentence, HasSubstr("check the network"));
+}
+
+TEST(FailureTest, KeepsTheHintOfAMessageOfAnyLength) {
+	const std::string link(100000, 'x');
+	const std::string sentence = ExplainMessage("Fail to wget url: " + link, 0).sentence;
+	EXPECT_LT(sentence.size(), 1000U);
+	EXPECT_THAT(sentence, HasSubstr("...; check the network"));
+}
+
+template<typename Exception>
+Failure Explain(const Exception& exception, const dataupdate::IOUtils& io) {
+	try {
+		throw exception;
+	} catch (...) {
+		return ExplainException(io);
+	}
+}
+
+TEST(ExplainExceptionTest, ExplainsWhateverIsThrown) {
+	const NiceMock<test::MockIOUtils> io;
+	EXPECT_EQ(Explain(CommandError(kLocked, "Busy"), io).code, kLocked);
+	EXPECT_EQ(Explain(CommandError(kLocked, "Busy"), io).sentence, "Busy.");
+	EXPECT_EQ(Explain(UpdateError("Project x not supported"), io).code, kUnsupported);
+	EXPECT_THAT(Explain(std::bad_alloc(), io).sentence, HasSubstr("memory"));
+	EXPECT_EQ(Explain(std::runtime_error("odd"), io).sentence, "odd.");
+	EXPECT_THAT(Explain(5, io).sentence, HasSubstr("unknown"));
+	const boost::system::error_code denied(EACCES, boost::system::system_category());
+	EXPECT_EQ(Explain(boost::filesystem::filesystem_error("status", "/v/file", denied), io).sentence,
+	    "A file cannot be used: /v/file (Permission denied); check its permissions and the file system.");
+}
+
+TEST(ExplainExceptionTest, FindsTheConfigurationFileThatHoldsNoSections) {
+	Json::Value good(Json::objectValue);
+	good["config"] = Json::Value(Json::objectValue);
+	Json::Value bad = good;
+	bad["geo"] = Json::Value(Json::arrayValue);
+	NiceMock<test::MockIOUtils> io;
+	ON_CALL(io, ReadJson).WillByDefault(Return(good));
+	ON_CALL(io, ReadJson("/usr/tarn/etc/data_update/data_update.conf"))
+	    .WillByDefault(Throw(UpdateError("File not exist: ", UpdateError::kFileNotExist)));
+	ON_CALL(io, ReadJson("/usr/share/data_update/databases.conf")).WillByDefault(Return(bad));
+	const Failure failure = Explain(Json::LogicError("in Json::Value::find"), io);
+	EXPECT_EQ(failure.code, kFailed);
+	EXPECT_THAT(
+	    failure.sentence, StartsWith("The configuration file /usr/share/data_update/databases.conf is malformed"));
+}
+
+} // namespace
+} // namespace tarn::ctl

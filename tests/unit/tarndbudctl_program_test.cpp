@@ -1,0 +1,132 @@
+#include "tarndbudctl_doubles.h"
+
+#include <tarndbudctl/failure.h>
+#include <tarndbudctl/program.h>
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <new>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+ExitCode Fail(const Services&, const Options& options) {
+	if (options.ids.empty()) {
+		return kFixNeeded;
+	}
+	const std::string& kind = options.ids.front();
+	if (kind == "update") {
+		throw dataupdate::UpdateError("Fail to lock /run/x");
+	}
+	if (kind == "json") {
+		throw Json::RuntimeError("deep");
+	}
+	if (kind == "memory") {
+		throw std::bad_alloc();
+	}
+	throw std::out_of_range("stoi");
+}
+
+ExitCode Succeed(const Services& services, const Options& options) {
+	services.terminal.Say(options.verbose ? "loud\n" : "done\n");
+	return kDone;
+}
+
+class ProgramTest : public testing::Test {
+protected:
+	int Run(std::vector<const char*> arguments) { return Run(std::move(arguments), commands_); }
+	int Run(std::vector<const char*> arguments, const std::vector<Command>& commands) {
+		arguments.insert(arguments.begin(), "tarndbudctl");
+		const auto make_services = [this](Terminal& terminal) {
+			return Services{doubles_.io, doubles_.config, doubles_.info, doubles_.updater, doubles_.checker, terminal};
+		};
+		out_.str("");
+		err_.str("");
+		return RunProgram(
+		    static_cast<int>(arguments.size()), arguments.data(), {out_, err_, false, make_services, commands});
+	}
+
+	test::Doubles doubles_;
+	std::ostringstream out_;
+	std::ostringstream err_;
+	std::vector<Command> commands_ = {{"good", "Works", nullptr, false, false, nullptr, Succeed},
+	    {"bad", "Fails", "In many ways.", false, true, DeclareStatus, Fail},
+	    {"group one", "First", nullptr, false, false, nullptr, Succeed},
+	    {"group two", "Second", nullptr, false, false, nullptr, Fail}};
+};
+
+TEST_F(ProgramTest, EndsWithTheCommandsOwnStatus) {
+	EXPECT_EQ(Run({"good"}), 0);
+	EXPECT_EQ(out_.str(), "done\n");
+	EXPECT_EQ(Run({"bad"}), 4);
+	EXPECT_EQ(Run({"group", "one"}), 0);
+	EXPECT_EQ(Run({"group", "two"}), 4);
+}
+
+TEST_F(ProgramTest, TurnsWhateverIsThrownIntoASentence) {
+	EXPECT_EQ(Run({"bad", "update"}), 75);
+	EXPECT_THAT(err_.str(), StartsWith("tarndbudctl: Fail to lock /run/x; "));
+	for (const char* kind : {"json", "memory", "range"}) {
+		EXPECT_EQ(Run({"bad", kind}), 1) << kind;
+		EXPECT_THAT(err_.str(), StartsWith("tarndbudctl: ")) << kind;
+		EXPECT_EQ(err_.str().back(), '\n') << kind;
+	}
+}
+
+TEST_F(ProgramTest, ShowsTheUsageOfAWrongCommandLine) {
+	for (const std::vector<const char*>& arguments : std::vector<std::vector<const char*>>{
+	         {}, {"unknown"}, {"group"}, {"group", "three"}, {"good", "extra"}, {"good", "--nope"}}) {
+		EXPECT_EQ(Run(arguments), 2);
+		EXPECT_THAT(err_.str(), StartsWith("tarndbudctl: "));
+		EXPECT_THAT(err_.str(), HasSubstr("Usage: tarndbudctl"));
+		EXPECT_EQ(out_.str(), "");
+	}
+}
+
+TEST_F(ProgramTest, TakesGlobalOptionsBeforeAndAfterTheCommand) {
+	EXPECT_EQ(Run({"--verbose", "good"}), 0);
+	EXPECT_EQ(out_.str(), "loud\n");
+	EXPECT_EQ(Run({"group", "one", "--verbose"}), 0);
+	EXPECT_EQ(out_.str(), "loud\n");
+}
+
+TEST_F(ProgramTest, TellsItsVersionAndHelpOnStandardOutput) {
+	EXPECT_EQ(Run({"--version"}), 0);
+	EXPECT_THAT(out_.str(), StartsWith("tarndbudctl 1."));
+	EXPECT_EQ(Run({"bad", "--help"}), 0);
+	EXPECT_THAT(out_.str(), HasSubstr("In many ways."));
+	EXPECT_THAT(out_.str(), HasSubstr("75 a lock was not obtained"));
+	EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(ProgramTest, FailsWhenItsOutputIsLost) {
+	out_.setstate(std::ios::badbit);
+	EXPECT_EQ(Run({"good"}), 1);
+	EXPECT_THAT(err_.str(), HasSubstr("could not be written"));
+}
+
+TEST_F(ProgramTest, OffersEveryCommandThatItKnows) {
+	EXPECT_EQ(Run({"--help"}, AllCommands()), 0);
+	for (const char* name : {"init", "status", "update", "check", "schedule", "volume"}) {
+		EXPECT_THAT(out_.str(), HasSubstr(std::string("\n  ") + name + " "));
+	}
+}
+
+TEST_F(ProgramTest, RefusesArgumentsThatACommandCannotUse) {
+	for (const std::vector<const char*>& arguments : std::vector<std::vector<const char*>>{{"init", "geo"},
+	         {"update", "geo", "--all"}, {"update", "--json"}, {"check", "--all", "geo"}, {"check", "--timeout", "-1"},
+	         {"schedule", "geo"}, {"schedule", "geo", "maybe"}, {"volume"}, {"volume", "show", "x"}}) {
+		EXPECT_EQ(Run(arguments, AllCommands()), 2) << arguments[0];
+	}
+}
+
+} // namespace
+} // namespace tarn::ctl

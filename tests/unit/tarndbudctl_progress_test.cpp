@@ -1,0 +1,147 @@
+#include "temporary_directory.h"
+
+#include <dataupdate/updater.h>
+#include <tarndbudctl/progress_line.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <sstream>
+#include <streambuf>
+#include <string>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::Phase;
+using std::chrono::milliseconds;
+
+constexpr uint64_t kMegabyte = 1000000;
+
+Sample At(int time_ms, Phase phase, uint64_t serial) {
+	Sample sample;
+	sample.activity.phase = phase;
+	sample.activity.serial = serial;
+	sample.time += milliseconds(time_ms);
+	return sample;
+}
+
+TEST(ProgressMeterTest, ShowsNothingWhileNothingIsDone) {
+	ProgressMeter meter;
+	EXPECT_EQ(meter.Line(At(0, Phase::kIdle, 0)), "");
+}
+
+TEST(ProgressMeterTest, ShowsADownloadByTheSizeOfItsFile) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kDownload, 1);
+	sample.file_bytes = kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Downloading  1.0 MB");
+	sample = At(1000, Phase::kDownload, 1);
+	sample.file_bytes = 3 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Downloading  3.0 MB  2.0 MB/s");
+}
+
+TEST(ProgressMeterTest, BeginsAnewWithTheNextDownload) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kDownload, 1);
+	sample.file_bytes = kMegabyte;
+	meter.Line(sample);
+	sample = At(1000, Phase::kDownload, 3);
+	sample.file_bytes = 2 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Downloading  2.0 MB");
+}
+
+TEST(ProgressMeterTest, ShowsUnpackingByWhatTheProcessWrites) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kUnpack, 1);
+	sample.written_bytes = 500 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Unpacking");
+	sample = At(2000, Phase::kUnpack, 1);
+	sample.written_bytes = 504 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Unpacking  4.0 MB  2.0 MB/s");
+}
+
+TEST(ProgressMeterTest, ShowsTheReplacementByItsOwnCount) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kApply, 1);
+	sample.activity.bytes = 7 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Replacing files  7.0 MB");
+}
+
+TEST(ProgressMeterTest, CountsDigestsOverFilesThatCameAndWentBetweenTwoLooks) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kHash, 1);
+	sample.read_bytes = 100 * kMegabyte;
+	meter.Line(sample);
+	sample = At(200, Phase::kIdle, 52);
+	EXPECT_EQ(meter.Line(sample), "Computing digests");
+	sample = At(400, Phase::kHash, 99);
+	sample.read_bytes = 108 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Computing digests  8.0 MB  20.0 MB/s");
+}
+
+TEST(ProgressMeterTest, ForgetsAPhaseThatIsOver) {
+	ProgressMeter meter;
+	meter.Line(At(0, Phase::kHash, 1));
+	EXPECT_EQ(meter.Line(At(500, Phase::kIdle, 2)), "Computing digests");
+	EXPECT_EQ(meter.Line(At(501, Phase::kIdle, 2)), "");
+}
+
+TEST(ProgressMeterTest, SurvivesCountersThatCannotBeRead) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kHash, 1);
+	sample.read_bytes = kMegabyte;
+	meter.Line(sample);
+	EXPECT_EQ(meter.Line(At(400, Phase::kHash, 1)), "Computing digests");
+}
+
+/** Takes text from any thread. */
+class WatchedBuffer : public std::streambuf {
+public:
+	std::string Text() {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		return text_;
+	}
+
+protected:
+	std::streamsize xsputn(const char* text, std::streamsize count) override {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		text_.append(text, static_cast<size_t>(count));
+		return count;
+	}
+	int_type overflow(int_type character) override {
+		const char text = traits_type::to_char_type(character);
+		return xsputn(&text, 1) == 1 ? character : traits_type::eof();
+	}
+
+private:
+	std::mutex mutex_;
+	std::string text_;
+};
+
+TEST(ProgressLineTest, ShowsWhatTheLibraryDoesAndLeavesNothingBehind) {
+	const test::TemporaryDirectory directory;
+	const std::string file = directory / "file";
+	test::WriteFile(file, "");
+	std::filesystem::resize_file(file, 64 * kMegabyte);
+	std::ostringstream out;
+	WatchedBuffer buffer;
+	std::ostream err(&buffer);
+	Terminal terminal(out, err, true);
+	{
+		const ProgressLine progress(terminal);
+		while (buffer.Text().find("Computing digests  ") == std::string::npos) {
+			dataupdate::CalculateStatus({file}, "/");
+		}
+	}
+	const std::string text = buffer.Text();
+	const std::string clear = "\r\x1b[K";
+	ASSERT_GE(text.size(), clear.size());
+	EXPECT_EQ(text.substr(text.size() - clear.size()), clear);
+	EXPECT_EQ(out.str(), "");
+}
+
+} // namespace
+} // namespace tarn::ctl

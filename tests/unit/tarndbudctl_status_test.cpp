@@ -1,0 +1,120 @@
+#include "expect_error.h"
+#include "tarndbudctl_doubles.h"
+
+#include <tarndbudctl/status_report.h>
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <sstream>
+#include <string>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::UpdateError;
+using testing::HasSubstr;
+using testing::Return;
+using testing::Throw;
+
+Json::Value Parse(const std::string& text) {
+	Json::Value value;
+	std::istringstream(text) >> value;
+	return value;
+}
+
+class StatusTest : public testing::Test {
+protected:
+	ExitCode Run(std::vector<std::string> ids, bool json) {
+		Options options;
+		options.ids = std::move(ids);
+		options.json = json;
+		return RunStatus(doubles_.services, options);
+	}
+	Json::Value RunJson(std::vector<std::string> ids) {
+		EXPECT_EQ(Run(std::move(ids), true), kDone);
+		return Parse(doubles_.out.str());
+	}
+
+	test::Doubles doubles_;
+};
+
+TEST_F(StatusTest, GivesEveryMemberOfADatabase) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.checker, IsUpdating("geo")).WillByDefault(Return(true));
+	const Json::Value array = RunJson({"geo"});
+	ASSERT_EQ(array.size(), 1U);
+	EXPECT_EQ(array[0], Parse(R"({"id":"geo","installed_version":4,"remote_version":5,"up_to_date":false,
+		"scheduled":true,"updating":true,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
+}
+
+TEST_F(StatusTest, CountsALaterVersionThanTheServersAsUpToDate) {
+	doubles_.Install(6);
+	EXPECT_EQ(RunJson({"geo"})[0]["up_to_date"], true);
+}
+
+TEST_F(StatusTest, HasNullForWhatIsNotInstalledAndForNoVolume) {
+	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
+	ON_CALL(*doubles_.database, GetRootDirectory).WillByDefault(Return(""));
+	const Json::Value array = RunJson({"geo"});
+	for (const char* name : {"installed_version", "volume", "install_dir"}) {
+		EXPECT_TRUE(array[0].isMember(name)) << name;
+		EXPECT_TRUE(array[0][name].isNull()) << name;
+	}
+	EXPECT_EQ(array[0]["up_to_date"], false);
+}
+
+TEST_F(StatusTest, SucceedsWithTheReasonWhenTheServerCannotBeReached) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault(Throw(UpdateError("Fail to wget url: http://x/")));
+	const Json::Value array = RunJson({});
+	ASSERT_EQ(array.size(), 2U);
+	EXPECT_TRUE(array[1]["remote_version"].isNull());
+	EXPECT_TRUE(array[1]["up_to_date"].isNull());
+	EXPECT_THAT(array[1]["remote_error"].asString(), HasSubstr("Fail to wget url: http://x/; "));
+	EXPECT_EQ(doubles_.err.str(), "");
+}
+
+TEST_F(StatusTest, TellsAPersonTheReasonOnce) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault(Throw(UpdateError("No way")));
+	EXPECT_EQ(Run({}, false), kDone);
+	EXPECT_EQ(doubles_.out.str(),
+	    "DATABASE  INSTALLED  OFFERED  STATE      SCHEDULED  DIRECTORY\n"
+	    "geo       4          unknown  installed  yes        /volume1/@database/autoupdate/geo\n"
+	    "zip       4          unknown  installed  yes        /volume1/@database/autoupdate/geo\n");
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: The offered version is unknown. No way.\n");
+}
+
+TEST_F(StatusTest, RefusesAnUnknownDatabaseBeforeAskingAnybody) {
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
+	EXPECT_EQ(test::MessageOf([&] { Run({"geo", "nope"}, true); }), "Project nope not supported");
+	EXPECT_EQ(doubles_.out.str(), "");
+}
+
+TEST_F(StatusTest, ShowsTheOtherDatabasesWhenOneHasABadRecord) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.info, GetDatabaseStatus("geo")).WillByDefault(Throw(UpdateError("The record is malformed")));
+	EXPECT_EQ(Run({}, true), kFailed);
+	const Json::Value array = Parse(doubles_.out.str());
+	ASSERT_EQ(array.size(), 1U);
+	EXPECT_EQ(array[0]["id"], "zip");
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The record is malformed.\n");
+}
+
+TEST(StatusTableTest, NamesTheStateOfEachDatabase) {
+	StatusRow row;
+	row.id = "geo";
+	row.remote_version = 5;
+	const auto state = [&] { return FormatStatusTable({row}); };
+	EXPECT_THAT(state(), HasSubstr("geo       -          5        not installed  no         - (no volume)"));
+	row.installed_version = 4;
+	EXPECT_THAT(state(), HasSubstr(" outdated "));
+	row.installed_version = 5;
+	EXPECT_THAT(state(), HasSubstr(" up to date "));
+	row.updating = true;
+	EXPECT_THAT(state(), HasSubstr(" updating "));
+}
+
+} // namespace
+} // namespace tarn::ctl

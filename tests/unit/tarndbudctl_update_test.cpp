@@ -1,0 +1,108 @@
+#include "private_root.h"
+#include "tarndbudctl_doubles.h"
+
+#include <dataupdate/file_lock.h>
+#include <tarndbudctl/failure.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::DatabaseStatus;
+using dataupdate::UpdateError;
+using testing::_;
+using testing::HasSubstr;
+using testing::Return;
+using testing::Throw;
+
+ExitCode CodeOf(const std::function<void()>& operation) {
+	try {
+		operation();
+	} catch (const CommandError& error) {
+		return error.Code();
+	}
+	return kDone;
+}
+
+/** The library's update takes its locks where it always does. */
+class UpdateCommandTest : public test::FixedPathsTest {
+protected:
+	ExitCode Run(std::vector<std::string> ids, bool no_wait = false) {
+		Options options;
+		options.ids = std::move(ids);
+		options.no_wait = no_wait;
+		return RunUpdate(doubles_.services, options);
+	}
+	/** Lets updates of a database succeed, and the record follow them. */
+	void LetSucceed(const std::string& id) {
+		ON_CALL(*doubles_.updater, Update(id, _, _, _, _, _, _)).WillByDefault([this, id](auto&&...) {
+			doubles_.Install(5, id);
+			return DatabaseStatus();
+		});
+	}
+
+	test::Doubles doubles_;
+};
+
+TEST_F(UpdateCommandTest, SaysWhatBecameOfEachDatabase) {
+	doubles_.Install(5);
+	doubles_.Install(-1, "geo");
+	LetSucceed("geo");
+	EXPECT_EQ(Run({"geo", "zip"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: installed version 5\nzip: up to date, version 5\n");
+	doubles_.Install(3, "geo");
+	doubles_.out.str("");
+	EXPECT_EQ(Run({}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 3 to version 5\nzip: up to date, version 5\n");
+}
+
+TEST_F(UpdateCommandTest, TriesAllNamedDatabasesAndEndsWithTheFirstFailure) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.updater, Update("geo", _, _, _, _, _, _))
+	    .WillByDefault(Throw(UpdateError("Disk space is too low")));
+	LetSucceed("zip");
+	EXPECT_EQ(Run({"nope", "geo", "zip"}), kUnsupported);
+	EXPECT_EQ(doubles_.out.str(), "zip: updated from version 4 to version 5\n");
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("tarndbudctl: geo: Disk space is too low; "));
+	EXPECT_EQ(Run({"geo", "nope"}), kFailed);
+}
+
+TEST_F(UpdateCommandTest, StopsAtTheFirstScheduledDatabaseThatFails) {
+	doubles_.Install(4);
+	EXPECT_CALL(*doubles_.updater, Update("geo", _, _, _, _, _, _)).WillOnce(Throw(UpdateError("Bad luck")));
+	EXPECT_CALL(*doubles_.updater, Update("zip", _, _, _, _, _, _)).Times(0);
+	EXPECT_THROW(Run({}), UpdateError);
+}
+
+TEST_F(UpdateCommandTest, DoesNotTakeAMissingVolumeForSuccess) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
+	EXPECT_CALL(*doubles_.updater, Update).Times(0);
+	EXPECT_EQ(Run({"geo"}), kFailed);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: There is no storage volume"));
+	EXPECT_EQ(CodeOf([&] { Run({}); }), kFailed);
+	doubles_.Install(5);
+	EXPECT_EQ(Run({"geo"}), kDone) << "what is up to date needs no volume";
+}
+
+TEST_F(UpdateCommandTest, HasNothingToDoWhenNothingIsScheduled) {
+	ON_CALL(*doubles_.database, GetScheduled).WillByDefault(Return(false));
+	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
+	EXPECT_EQ(Run({}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "No database is scheduled.\n");
+}
+
+TEST_F(UpdateCommandTest, DoesNotWaitForAnotherUpdateWhenToldSo) {
+	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault(Return(true));
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
+	EXPECT_EQ(CodeOf([&] { Run({"geo"}, true); }), kLocked);
+}
+
+} // namespace
+} // namespace tarn::ctl
