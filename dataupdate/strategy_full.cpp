@@ -21,8 +21,8 @@ namespace {
 /** The canonical form of a path; an entry that is no link shares its directory's, which is cheaper to find out once. */
 class Canonicalizer {
 public:
-	std::string operator()(const fs::path& entry) {
-		if (fs::is_symlink(fs::symlink_status(entry))) {
+	std::string operator()(const fs::path& entry, bool is_link) {
+		if (is_link) {
 			return fs::canonical(entry).string();
 		}
 		if (entry.parent_path() != directory_) {
@@ -101,10 +101,12 @@ void FullStrategy::_CalModifyInfo() {
 		const std::string base = fs::canonical(unpack_directory_).string();
 		Canonicalizer canonical;
 		const auto add = [&](const std::string& entry) {
-			if (!fs::is_regular_file(fs::status(entry))) {
+			const fs::file_status own_status = fs::symlink_status(entry);
+			const bool is_link = fs::is_symlink(own_status);
+			if (!fs::is_regular_file(is_link ? fs::status(entry) : own_status)) {
 				return;
 			}
-			const std::string resolved = canonical(entry);
+			const std::string resolved = canonical(entry, is_link);
 			if (resolved.compare(0, base.size(), base) != 0) {
 				throw UpdateError("path not in base");
 			}

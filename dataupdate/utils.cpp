@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -74,6 +75,18 @@ bool IsDotEntry(const char* name) {
 	return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
+/** 0 for anything but a regular file, and for a missing one. */
+uintmax_t RegularFileBytes(const std::string& path) {
+	struct stat status {};
+	if (stat(path.c_str(), &status) == 0) {
+		return S_ISREG(status.st_mode) ? static_cast<uintmax_t>(status.st_size) : 0;
+	}
+	if (errno != ENOENT && errno != ENOTDIR) {
+		throw fs::filesystem_error("stat", path, boost::system::error_code(errno, boost::system::system_category()));
+	}
+	return 0;
+}
+
 void CopyByType(const std::string& src, const std::string& dst) {
 	const fs::file_status status = fs::symlink_status(src);
 	if (fs::is_symlink(status)) {
@@ -91,16 +104,10 @@ IOUtils::~IOUtils() = default;
 
 uintmax_t IOUtils::GetSize(const std::string& path) const {
 	try {
-		const fs::file_status status = fs::status(path);
-		if (fs::is_regular_file(status)) {
-			return fs::file_size(path);
-		}
-		uintmax_t total = 0;
-		if (fs::is_directory(status)) {
-			const auto add = [&total](const std::string& entry) {
-				total += fs::is_regular_file(fs::status(entry)) ? fs::file_size(entry) : 0;
-			};
-			IterateDirectory(path, add, true);
+		uintmax_t total = RegularFileBytes(path);
+		if (fs::is_directory(fs::status(path))) {
+			IterateDirectory(
+			    path, [&total](const std::string& entry) { total += RegularFileBytes(entry); }, true);
 		}
 		return total;
 	} catch (const fs::filesystem_error&) {
@@ -163,8 +170,8 @@ bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
 
 void IOUtils::RmRf(const std::string& path) const {
 	try {
-		fs::remove_all(path);
-	} catch (const fs::filesystem_error&) {
+		std::filesystem::remove_all(path); // Boost's takes three more system calls for every file.
+	} catch (const std::filesystem::filesystem_error&) {
 		throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
 	}
 }
