@@ -2,7 +2,8 @@
 tarn_unit_test(dataupdate_test
 	call_from_c.c config_test.cpp digest_test.cpp file_copy_test.cpp file_lock_test.cpp hook_test.cpp
 	progress_test.cpp project_lock_test.cpp records_test.cpp service_config_test.cpp strategy_full_test.cpp
-	strategy_link_test.cpp strategy_test.cpp update_error_test.cpp utils_test.cpp
+	strategy_link_test.cpp strategy_test.cpp update_error_test.cpp updater_test.cpp utils_test.cpp
+	volume_handler_test.cpp
 	fake_platform.cpp fake_system.cpp private_root.cpp
 	LIBRARIES tarndbud_objects)
 target_precompile_headers(dataupdate_test PRIVATE

@@ -157,6 +157,9 @@ int TLIBPluginSetArg(TLIBPluginContext* /*handle*/, const char* key, const char*
 int TLIBPluginAction(TLIBPluginActionType action, TLIBPluginContext* /*handle*/) {
 	FakePlatform& platform = FakePlatform::Current();
 	platform.events.push_back("hook action " + std::to_string(static_cast<int>(action)));
+	if (platform.on_plugin_action) {
+		platform.on_plugin_action();
+	}
 	return platform.plugin_action_result;
 }
 

@@ -58,6 +58,8 @@ public:
 	int plugin_init_result = 0;
 	int plugin_set_result = 0;
 	int plugin_action_result = 0;
+	/** Called while the hooks of an action run. */
+	std::function<void()> on_plugin_action;
 	std::list<TLIBPluginContext> plugins;
 
 	bool volumes_work = true;

@@ -1,0 +1,238 @@
+#include "expect_error.h"
+#include "fake_platform.h"
+#include "fake_system.h"
+#include "log_lines.h"
+#include "private_root.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/updater.h>
+
+#include <gmock/gmock.h>
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Line;
+using test::LinesOf;
+using test::MessageOf;
+using test::WriteFile;
+using testing::ElementsAre;
+using testing::Key;
+using testing::StartsWith;
+
+constexpr char kOfAbc[] =
+    "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed8086072ba1e7cc2358baeca134c825a7";
+
+class UpdaterTest : public test::FixedPathsTest {
+protected:
+	UpdaterTest() { platform_.package_files = {{"a", "abc"}, {"sub/b", ""}}; }
+
+	std::string Installed(const std::string& name) const { return directory_ / ("volume/db/geo/" + name); }
+	DatabaseStatus Update() const {
+		DatabaseStatus installed;
+		installed.data_version = 3;
+		return Updater().Update("geo", installed, RemoteInfo(12, 1700000000, true, "http://h/p"), {},
+		    directory_ / "volume", directory_ / "volume/db/geo", directory_ / "");
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakePlatform platform_;
+	test::FakeSystem system_;
+	test::SyslogCapture log_;
+};
+
+TEST_F(UpdaterTest, ReturnsTheNewStateWithADigestOfEveryFile) {
+	const DatabaseStatus status = Update();
+	EXPECT_EQ(status.data_version, 12);
+	EXPECT_EQ(status.last_fetch_time, 1700000000);
+	ASSERT_THAT(status.file_statuses, ElementsAre(Key(Installed("a")), Key(Installed("sub/b"))));
+	EXPECT_EQ(status.file_statuses.at(Installed("a")).sha384_digest, kOfAbc);
+}
+
+TEST_F(UpdaterTest, RunsTheHooksAroundTheReplacementOnly) {
+	WriteFile(Installed("old"), "old");
+	std::vector<std::string> seen;
+	platform_.on_plugin_action = [&] { seen.push_back(fs::exists(Installed("old")) ? "old" : "new"); };
+	Update();
+	EXPECT_THAT(seen, ElementsAre("old", "new"));
+	const auto hooks = std::find_if(platform_.events.begin(), platform_.events.end(),
+	    [](const std::string& event) { return event.compare(0, 4, "hook") == 0; });
+	EXPECT_EQ(*(hooks - 1), "mkdir " + directory_ / "volume/db/geo");
+	EXPECT_THAT(std::vector<std::string>(hooks, platform_.events.end()),
+	    ElementsAre("hook init database_autoupdate database_autoupdate/version_change", "hook set DATABASE=geo",
+	        "hook set CHANGED_FILES=" + Installed("a") + ":" + Installed("sub/b"),
+	        "hook set DELIMITER=:", "hook action 4", "hook action 5", "hook exit"));
+}
+
+TEST_F(UpdaterTest, LogsItsSteps) {
+	Update();
+	EXPECT_THAT(LinesOf(log_, "updater.cpp"), ElementsAre(Line{LOG_NOTICE, "updater.cpp", "Prepare full update: geo"},
+	                                              Line{LOG_NOTICE, "updater.cpp", "Apply update: geo"}));
+}
+
+TEST_F(UpdaterTest, RunsNoHooksWhenPreparingFails) {
+	platform_.archive_open_works = false;
+	EXPECT_THAT(MessageOf([this] { Update(); }), StartsWith("tarnarchive_open "));
+	EXPECT_EQ(platform_.CountEvents("hook"), 0U);
+}
+
+TEST_F(UpdaterTest, RunsNoHookAfterAReplacementThatFailed) {
+	system_.Fail("linkat", EIO);
+	EXPECT_THAT(MessageOf([this] { Update(); }), StartsWith("Fail to full update: "));
+	EXPECT_EQ(platform_.CountEvents("hook action 4"), 1U);
+	EXPECT_EQ(platform_.CountEvents("hook action 5"), 0U);
+	EXPECT_EQ(platform_.CountEvents("hook exit"), 1U);
+	EXPECT_TRUE(fs::is_empty(directory_ / "volume/@tmp/data_update"));
+}
+
+TEST_F(UpdaterTest, GoesOnWhateverTheHooksDo) {
+	platform_.plugin_action_result = -1;
+	EXPECT_EQ(Update().data_version, 12);
+}
+
+TEST_F(UpdaterTest, FailsWhenTheFilesCannotBeBroughtToTheDisk) {
+	system_.Fail("syncfs", EIO);
+	EXPECT_EQ(MessageOf([this] { Update(); }), "Fail to sync " + directory_ / "volume/db/geo" + ": Input/output error");
+}
+
+TEST_F(UpdaterTest, RemovesTemporaryDataBeforeItWaitsForTheDisk) {
+	system_.Fail("syncfs", EIO);
+	MessageOf([this] { Update(); });
+	EXPECT_TRUE(fs::is_empty(directory_ / "volume/@tmp/data_update"));
+}
+
+class FileStatusCheckTest : public testing::Test {
+protected:
+	FileStatusCheckTest() { WriteFile(directory_ / "f", "abc"); }
+
+	test::TemporaryDirectory directory_;
+	test::SyslogCapture log_;
+};
+
+TEST_F(FileStatusCheckTest, PassesWhenEveryDigestIsRight) {
+	EXPECT_TRUE(CheckStatus({{"f", FileStatus(kOfAbc)}}, directory_ / ""));
+	EXPECT_TRUE(CheckStatus({}, "/nonexistent"));
+	EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(FileStatusCheckTest, FindsFilesByAbsoluteNamesUnderAnyRoot) {
+	EXPECT_TRUE(CheckStatus({{directory_ / "f", FileStatus(kOfAbc)}}, "/some/other/root"));
+	EXPECT_THAT(CalculateStatus({directory_ / "f"}, "/some/other/root"), ElementsAre(Key(directory_ / "f")));
+	WriteFile(directory_ / "f", "changed");
+	EXPECT_FALSE(CheckStatus({{directory_ / "f", FileStatus(kOfAbc)}}, "/some/other/root"));
+}
+
+TEST_F(FileStatusCheckTest, NamesTheFileThatIsGone) {
+	EXPECT_FALSE(CheckStatus({{"a", FileStatus(kOfAbc)}, {"f", FileStatus("wrong too")}}, directory_ / "/"));
+	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "updater.cpp", "File " + directory_ / "/a is gone"}));
+}
+
+TEST_F(FileStatusCheckTest, NamesTheFileThatChangedEvenAtTheSameSize) {
+	WriteFile(directory_ / "f", "abd");
+	EXPECT_FALSE(CheckStatus({{"f", FileStatus(kOfAbc)}}, directory_.Path()));
+	EXPECT_THAT(
+	    test::Lines(log_), ElementsAre(Line{LOG_ERR, "updater.cpp", "File " + directory_ / "f digest check fail"}));
+}
+
+TEST_F(FileStatusCheckTest, NeverTakesADigestInCapitals) {
+	std::string upper = kOfAbc;
+	upper[0] = 'C';
+	EXPECT_FALSE(CheckStatus({{"f", FileStatus(upper)}}, directory_.Path()));
+}
+
+TEST_F(FileStatusCheckTest, FailsForADirectoryInAFilesPlace) {
+	fs::create_directory(directory_ / "d");
+	EXPECT_FALSE(CheckStatus({{"d", FileStatus(kOfAbc)}}, directory_.Path()));
+	EXPECT_THAT(
+	    test::Lines(log_), ElementsAre(Line{LOG_ERR, "updater.cpp", "File " + directory_ / "d digest check fail"}));
+}
+
+TEST_F(FileStatusCheckTest, PassesOnThatAStatusCannotBeHad) {
+	fs::create_symlink("loop", directory_ / "loop");
+	EXPECT_THROW(CheckStatus({{"loop", FileStatus(kOfAbc)}}, directory_.Path()), std::exception);
+	EXPECT_THROW(CalculateStatus({"loop"}, directory_.Path()), std::exception);
+	EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(FileStatusCheckTest, LeavesMissingFilesOutOfACalculation) {
+	const auto statuses = CalculateStatus({"missing", "f"}, directory_.Path());
+	ASSERT_THAT(statuses, ElementsAre(Key("f")));
+	EXPECT_EQ(statuses.at("f").sha384_digest, kOfAbc);
+	EXPECT_TRUE(log_.Lines().empty());
+}
+
+class FixerTest : public UpdaterTest {
+protected:
+	Fixer TheFixer() const {
+		return {"geo", RemoteInfo(12, 7, false, "http://h/p"), directory_ / "volume", directory_ / "volume/db/geo",
+		    directory_ / ""};
+	}
+	static DatabaseStatus Status(int version, const std::map<std::string, FileStatus>& files) {
+		DatabaseStatus status;
+		status.data_version = version;
+		status.file_statuses = files;
+		return status;
+	}
+};
+
+TEST_F(FixerTest, SeesANeedWhenNothingWasEverInstalled) {
+	EXPECT_TRUE(TheFixer().IsFixNeeded(Status(-1, {})));
+	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "updater.cpp", "geo not been updated yet. Need Fix"}));
+}
+
+TEST_F(FixerTest, SeesNoNeedWhenEveryFileIsRight) {
+	WriteFile(Installed("a"), "abc");
+	EXPECT_FALSE(TheFixer().IsFixNeeded(Status(5, {{"a", FileStatus(kOfAbc)}})));
+	EXPECT_FALSE(TheFixer().IsFixNeeded(Status(5, {})));
+	EXPECT_THAT(test::Lines(log_), testing::IsEmpty());
+}
+
+TEST_F(FixerTest, SeesANeedWhenAFileIsNot) {
+	EXPECT_TRUE(TheFixer().IsFixNeeded(Status(5, {{"a", FileStatus(kOfAbc)}})));
+	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "updater.cpp", "File " + Installed("a") + " is gone"},
+	                                   Line{LOG_INFO, "updater.cpp", "geo file check fail, Need Fix"}));
+}
+
+TEST_F(FixerTest, ReinstallsTheServersVersionWithHooks) {
+	WriteFile(Installed("a"), "damaged");
+	const DatabaseStatus status = TheFixer().Fix();
+	EXPECT_EQ(status.data_version, 12);
+	EXPECT_EQ(status.last_fetch_time, 7);
+	ASSERT_THAT(status.file_statuses, ElementsAre(Key(Installed("a")), Key(Installed("sub/b"))));
+	EXPECT_EQ(status.file_statuses.at(Installed("a")).sha384_digest, kOfAbc);
+	EXPECT_EQ(test::ReadFile(Installed("a")), "abc");
+	EXPECT_EQ(platform_.CountEvents("hook action 4"), 1U);
+	EXPECT_EQ(platform_.CountEvents("hook action 5"), 1U);
+	EXPECT_THAT(LinesOf(log_, "updater.cpp"), ElementsAre(Line{LOG_WARNING, "updater.cpp", "Try to fix database geo"}));
+}
+
+TEST_F(FixerTest, RunsNoHooksWhenPreparingFails) {
+	platform_.archive_open_works = false;
+	EXPECT_THAT(MessageOf([this] { TheFixer().Fix(); }), StartsWith("tarnarchive_open "));
+	EXPECT_EQ(platform_.CountEvents("hook"), 0U);
+}
+
+TEST_F(FixerTest, RunsNoHookAfterAReplacementThatFailed) {
+	system_.Fail("linkat", EIO);
+	EXPECT_THAT(MessageOf([this] { TheFixer().Fix(); }), StartsWith("Fail to full update: "));
+	EXPECT_EQ(platform_.CountEvents("hook action 5"), 0U);
+}
+
+TEST_F(FixerTest, FailsWhenTheFilesCannotBeBroughtToTheDisk) {
+	system_.Fail("syncfs", EIO);
+	EXPECT_THAT(MessageOf([this] { TheFixer().Fix(); }), StartsWith("Fail to sync "));
+}
+
+} // namespace
+} // namespace tarn::dataupdate
