@@ -50,7 +50,7 @@ std::vector<std::string> KeyFileNames(int directory_fd, const std::string& direc
 	copy.Release(); // the stream closes it
 	std::vector<std::string> names;
 	errno = 0;
-	while (const dirent* entry = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe)
+	while (const dirent* entry = readdir(stream.get())) {
 		if (IsKeyFileName(entry->d_name)) {
 			names.emplace_back(entry->d_name);
 		}

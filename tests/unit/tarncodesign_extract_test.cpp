@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <ostream>
+
 namespace tarn::test {
 
 namespace {
@@ -121,6 +123,11 @@ struct Refusal {
 	std::string reason;
 	std::vector<TarMember> mended; // the same without the fault
 };
+
+// Without it the list of tests would name each by its bytes in memory, different in every run.
+void PrintTo(const Refusal& refusal, std::ostream* out) {
+	*out << refusal.label;
+}
 
 class ArchiveRefusal : public ArchiveTest, public ::testing::WithParamInterface<Refusal> {};
 

@@ -106,8 +106,10 @@ TEST_F(Publishing, IsReadableByTheWebServerWhateverTheUmask) {
 		ASSERT_EQ(stat(path.c_str(), &status), 0);
 		EXPECT_EQ(status.st_mode & 07777U, 0644U) << path;
 	}
-	ASSERT_EQ(stat((options_.repository + "/packages/db").c_str(), &status), 0);
-	EXPECT_EQ(status.st_mode & 07777U, 0755U);
+	for (const char* directory : {"", "/database_info", "/packages", "/packages/db"}) {
+		ASSERT_EQ(stat((options_.repository + directory).c_str(), &status), 0);
+		EXPECT_EQ(status.st_mode & 07777U, 0755U) << directory;
+	}
 }
 
 TEST_F(Publishing, CountsVersionsUpByOne) {

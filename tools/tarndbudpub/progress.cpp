@@ -23,7 +23,7 @@ std::string HumanSize(std::uint64_t bytes) {
 ProgressLine::~ProgressLine() {
 	try {
 		Clear();
-	} catch (...) { // NOLINT(bugprone-empty-catch): a terminal that cannot be written to is no reason to fail
+	} catch (...) { // a terminal that cannot be written to is no reason to fail
 	}
 }
 

@@ -79,7 +79,7 @@ int ChooseVersion(const PublishOptions& options, const std::optional<int>& last)
 
 // Reproducible builds set the variable; for everybody else it is now.
 int FetchTime() {
-	const char* text = std::getenv("SOURCE_DATE_EPOCH"); // NOLINT(concurrency-mt-unsafe): nothing here sets variables
+	const char* text = std::getenv("SOURCE_DATE_EPOCH");
 	std::int64_t seconds = std::time(nullptr);
 	if (text != nullptr) {
 		const std::string_view digits(text);

@@ -23,18 +23,6 @@ constexpr mode_t kServedMode = 0644; // a web server reads it, whatever the publ
 	throw PublishError(codesign::ErrnoText(path + " could not be " + what, errno) + ".");
 }
 
-// Directories that are made here are for the web server too; those that exist are the administrator's.
-void MakeServedDirectories(const fs::path& directory) {
-	if (directory.empty() || fs::exists(directory)) {
-		return;
-	}
-	MakeServedDirectories(directory.parent_path());
-	constexpr mode_t kMode = 0755;
-	if ((mkdir(directory.c_str(), kMode) != 0 && errno != EEXIST) || chmod(directory.c_str(), kMode) != 0) {
-		Fail(directory.string(), "created");
-	}
-}
-
 void SyncDirectory(const fs::path& directory) {
 	const codesign::UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	if (!fd || fsync(fd.Get()) != 0) {
@@ -44,9 +32,21 @@ void SyncDirectory(const fs::path& directory) {
 
 } // namespace
 
+void MakeServedDirectories(const std::string& directory) {
+	const fs::path path(directory);
+	if (path.empty() || fs::exists(path)) {
+		return;
+	}
+	MakeServedDirectories(path.parent_path().string());
+	constexpr mode_t kMode = 0755;
+	if ((mkdir(path.c_str(), kMode) != 0 && errno != EEXIST) || chmod(path.c_str(), kMode) != 0) {
+		Fail(directory, "created");
+	}
+}
+
 ReplacingFile::ReplacingFile(std::string path) : path_(std::move(path)) {
 	const fs::path target(path_);
-	MakeServedDirectories(target.parent_path());
+	MakeServedDirectories(target.parent_path().string());
 	temporary_ = (target.parent_path() / (kTemporaryPrefix + target.filename().string() + ".part")).string();
 	fd_ = codesign::UniqueFd(open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kServedMode));
 	if (!fd_) {

@@ -31,6 +31,12 @@ private:
 	bool committed_ = false;
 };
 
+/**
+ * Makes a directory and those above it, for the web server to read whatever the publisher's umask; those that exist are
+ * the administrator's and stay as they are. Throws PublishError.
+ */
+void MakeServedDirectories(const std::string& directory);
+
 /** Removes what a killed publisher left in a directory; the caller holds the repository's lock. */
 void RemoveLeftovers(const std::string& directory);
 

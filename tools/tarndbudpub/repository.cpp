@@ -81,11 +81,7 @@ int VersionOf(const Json::Value& entry, const std::string& id, const std::string
 } // namespace
 
 Repository::Repository(std::string directory, const std::function<void()>& waiting) : directory_(std::move(directory)) {
-	std::error_code error;
-	fs::create_directories(directory_, error);
-	if (error) {
-		throw PublishError("The repository " + directory_ + " cannot be created: " + error.message() + ".");
-	}
+	MakeServedDirectories(directory_);
 	lock_ = Lock(directory_ + "/" + kLockName, waiting);
 }
 
