@@ -73,8 +73,9 @@ std::string DescribeFields(const Json::Value& record, const std::string& name, c
 	for (const Field& field : fields) {
 		const Json::Value& value = record[field.name];
 		if (!field.fits(value)) {
-			const std::string shown = value.isIntegral() ? value.asString() : TypeOf(value);
-			return Quote(field.name) + " of " + name + " is " + shown + ", not " + field.wanted;
+			std::string problem = Quote(field.name) + " of " + name + " is ";
+			problem += value.isIntegral() ? value.asString() : TypeOf(value);
+			return problem + ", not " + field.wanted;
 		}
 	}
 	return "";
@@ -91,7 +92,7 @@ std::string DescribeDiff(const Json::Value& diffs, const std::string& id) {
 	}
 	for (const std::string& version : diffs.getMemberNames()) {
 		const std::string name = "the diff package " + Quote(version) + " of " + id;
-		const std::string problem = DescribeFields(diffs[version], name, kFields);
+		std::string problem = DescribeFields(diffs[version], name, kFields);
 		if (!problem.empty()) {
 			return problem;
 		}
