@@ -1,0 +1,78 @@
+#include "expect_error.h"
+#include "fake_platform.h"
+#include "log_lines.h"
+#include "private_root.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/update.h>
+
+#include <gmock/gmock.h>
+
+#include <syslog.h>
+
+#include <filesystem>
+#include <string>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Line;
+using test::LinesOf;
+using test::MessageOf;
+using test::WriteFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kDefaults[] = "/usr/share/data_update/data_update.conf";
+constexpr char kOverride[] = "/usr/tarn/etc/data_update/data_update.conf";
+
+class InitServiceTest : public test::FixedPathsTest {
+protected:
+	void Configure(const std::string& volume) const {
+		WriteFile(kDefaults, R"({"config": {"cur_volume": ")" + volume + R"("}})");
+		WriteFile("/usr/share/data_update/databases.conf", R"({"geo": {"min_rsv_space_inbytes": 100}})");
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakePlatform platform_;
+	test::SyslogCapture log_;
+};
+
+TEST_F(InitServiceTest, RecordsTheFirstFitVolumeAndPreparesIt) {
+	Configure("");
+	platform_.AddVolume(directory_ / "small", 99);
+	platform_.AddVolume(directory_ / "large", 100);
+	InitService();
+	EXPECT_EQ(IOUtils().ReadJson(kOverride)["config"]["cur_volume"], directory_ / "large");
+	EXPECT_TRUE(fs::is_directory(directory_ / "large/@database/autoupdate"));
+	EXPECT_THAT(
+	    LinesOf(log_, "volume_handler.cpp"), ElementsAre(Line{LOG_WARNING, "volume_handler.cpp",
+	                                             "Autoupdate set the new volume at '" + directory_ / "large" + "'."}));
+}
+
+TEST_F(InitServiceTest, KeepsTheVolumeInUse) {
+	Configure("/volume9");
+	platform_.AddVolume(directory_ / "large", 100);
+	InitService();
+	EXPECT_FALSE(fs::exists(kOverride));
+	EXPECT_THAT(test::Lines(log_), IsEmpty());
+}
+
+TEST_F(InitServiceTest, PassesOnThatTheConfigurationCannotBeRead) {
+	EXPECT_EQ(MessageOf([] { InitService(); }), std::string("File not exist: ") + kDefaults);
+	EXPECT_THAT(test::Lines(log_), IsEmpty());
+}
+
+TEST_F(InitServiceTest, ReadsTheConfigurationAnewEachTime) {
+	Configure("");
+	InitService(); // No volume yet.
+	EXPECT_FALSE(fs::exists(kOverride));
+	platform_.AddVolume(directory_ / "large", 100);
+	InitService();
+	EXPECT_TRUE(fs::exists(kOverride));
+}
+
+} // namespace
+} // namespace tarn::dataupdate
