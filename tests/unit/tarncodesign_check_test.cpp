@@ -26,7 +26,7 @@ protected:
 
 	/** A changed copy of an archive. */
 	std::string Changed(const std::string& bytes) {
-		const std::string path = directory_ / "changed";
+		std::string path = directory_ / "changed";
 		WriteFile(path, bytes);
 		return path;
 	}

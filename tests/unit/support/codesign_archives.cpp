@@ -128,7 +128,7 @@ ArchiveTest::ArchiveTest() {
 
 std::string ArchiveTest::SealPayload(const std::string& payload, std::uint64_t entries, std::uint64_t bytes,
     const publisher::SigningKey& key, std::uint32_t key_type) {
-	const std::string path = directory_ / ("archive" + std::to_string(archives_++));
+	std::string path = directory_ / ("archive" + std::to_string(archives_++));
 	publisher::ArchiveSealer sealer(directory_.Path().string());
 	sealer.Append(payload);
 	codesign::ArchiveHead head;
