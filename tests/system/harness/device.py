@@ -4,9 +4,7 @@ from __future__ import annotations
 
 import fcntl
 import json
-import os
 import shutil
-import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
@@ -103,10 +101,6 @@ class Device:
     def forget_document(self) -> None:
         """Makes the next run ask the server again."""
         DOCUMENT.unlink(missing_ok=True)
-
-    def age_document(self, seconds: float) -> None:
-        moment = time.time() - seconds
-        os.utime(DOCUMENT, (moment, moment))
 
     def version(self, name: str) -> int | None:
         """The installed version as recorded, None before the first installation."""

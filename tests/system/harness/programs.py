@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 import signal
 import subprocess
 import tempfile
@@ -89,7 +88,3 @@ def peak_memory(*arguments: str | Path, patience: float = PATIENCE_SECONDS) -> t
     with tempfile.NamedTemporaryFile("r") as report:
         result = run("/usr/bin/time", "--quiet", "--format=%M", f"--output={report.name}", *arguments, patience=patience)
         return result, int(report.read().split()[-1])
-
-
-def hostile_environment(**variables: str) -> dict[str, str]:
-    return {**os.environ, **variables}
