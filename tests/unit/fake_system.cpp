@@ -68,6 +68,14 @@ using tarn::test::current;
 using tarn::test::Fails;
 
 // The linker sends the library's calls to the __wrap_ functions.
+std::chrono::steady_clock::time_point RealNow() __asm__("__real__ZNSt6chrono3_V212steady_clock3nowEv");
+std::chrono::steady_clock::time_point FakeNow() __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+
+std::chrono::steady_clock::time_point FakeNow() {
+	const auto now = RealNow();
+	return current == nullptr ? now : now + current->ahead;
+}
+
 extern "C" {
 
 int __real_flock(int fd, int operation);
@@ -81,7 +89,6 @@ int __real_fchmod(int fd, mode_t mode);
 int __real_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags);
 int __real_usleep(useconds_t microseconds);
 time_t __real_time(time_t* result);
-std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
 
 int __wrap_flock(int fd, int operation) {
 	return Fails("flock") ? -1 : __real_flock(fd, operation);
@@ -139,11 +146,6 @@ time_t __wrap_time(time_t* result) {
 		*result = *current->seconds;
 	}
 	return *current->seconds;
-}
-
-std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
-	const auto now = __real__ZNSt6chrono3_V212steady_clock3nowEv();
-	return current == nullptr ? now : now + current->ahead;
 }
 
 // The library makes one request only: to share extents.

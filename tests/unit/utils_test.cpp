@@ -246,7 +246,7 @@ TEST_F(DownloadTest, RunsWgetWithExactlyTheseArguments) {
 TEST_F(DownloadTest, LeavesNoFileBehindWhenItFails) {
 	for (const int result : {-1, 8}) {
 		WriteFile(directory_ / "out", "old");
-		platform_.execl = [&](const std::string&, unsigned int, const test::FakePlatform::Arguments&) {
+		platform_.execl = [result](const std::string&, unsigned int, const test::FakePlatform::Arguments&) {
 			return result;
 		};
 		EXPECT_EQ(MessageOf([&] { io_.Download(directory_ / "out", "http://h/x"); }), "Fail to wget url: http://h/x");
