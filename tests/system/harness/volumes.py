@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import shutil
 import subprocess
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -40,24 +41,27 @@ class Volumes:
 
     def make(self, kind: str, size: int = 0) -> Path:
         """A volume of a kind: "directory", "bind" (the scratch disk), "tmpfs", or a file system in a loop device."""
-        path = Path(f"/volume{len(self._made) + 1}")
         if kind == "directory":
-            path.mkdir()
-            self._made.append(path)
-            return path
+            return self._make_place()
         if not may_mount():
             pytest.skip(f"needs to mount a {kind} volume, and nothing can be mounted here")
         source, options = self._source(kind, size)
-        path.mkdir()
-        self._made.append(path)
+        path = self._make_place()
         subprocess.run(["mount", *options, source, str(path)], check=True)
         self._mounted.append(path)
+        return path
+
+    def _make_place(self) -> Path:
+        """A new directory, whatever an earlier run left there; in the order in which they were made."""
+        path = Path(tempfile.mkdtemp(prefix=f"volume{len(self._made) + 1}-", dir="/"))
+        path.chmod(0o755)
+        self._made.append(path)
         return path
 
     def _source(self, kind: str, size: int) -> tuple[str, list[str]]:
         if kind == "tmpfs":
             return "tmpfs", ["-t", "tmpfs", "-o", f"mode=755,size={size}"]
-        place = self._scratch / f"volume{len(self._made) + 1}"
+        place = self._scratch / f"{kind}{len(self._made) + 1}"
         if kind == "bind":
             place.mkdir()
             return str(place), ["--bind"]
