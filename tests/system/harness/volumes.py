@@ -44,7 +44,7 @@ class Volumes:
         if kind == "directory":
             return self._make_place()
         if not may_mount():
-            pytest.skip(f"needs to mount a {kind} volume, and nothing can be mounted here")
+            pytest.skip(f"needs to mount a volume ({kind}), and nothing can be mounted here")
         source, options = self._source(kind, size)
         path = self._make_place()
         subprocess.run(["mount", *options, source, str(path)], check=True)
