@@ -21,7 +21,6 @@ using test::WriteFile;
 using testing::_;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Return;
 using testing::StrictMock;
 using testing::Throw;
 

@@ -14,7 +14,6 @@ namespace tarn::dataupdate {
 namespace {
 
 using test::Line;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

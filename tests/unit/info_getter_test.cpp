@@ -27,13 +27,11 @@ namespace fs = std::filesystem;
 using test::Line;
 using test::LinesOf;
 using test::MessageOf;
-using test::ReadFile;
 using test::WriteFile;
 using testing::_;
 using testing::ElementsAre;
 using testing::InSequence;
 using testing::IsEmpty;
-using testing::Key;
 using testing::NiceMock;
 using testing::Return;
 using testing::StrictMock;
@@ -286,9 +284,9 @@ TEST_F(InfoGetterTest, TakesAMissingRecordForNothingInstalled) {
 
 TEST_F(InfoGetterTest, TakesACorruptRecordForNothingInstalled) {
 	const Line general{LOG_WARNING, "update", "geo version file gone or corrupted or in the first updating"};
-	WriteFile(kStatus, "{\"data_version\": \"7\"");
+	WriteFile(kStatus, R"({"data_version": "7")");
 	EXPECT_EQ(real_.GetDatabaseStatus("geo").data_version, -1);
-	WriteFile(kStatus, "{\"data_version\": \"7\"}");
+	WriteFile(kStatus, R"({"data_version": "7"})");
 	EXPECT_EQ(real_.GetDatabaseStatus("geo").data_version, -1);
 	EXPECT_THAT(
 	    test::Lines(log_), ElementsAre(Line{LOG_WARNING, "update", std::string("Fail to decode: ") + kStatus}, general,

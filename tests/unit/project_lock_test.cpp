@@ -24,7 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::Line;
-using test::LinesOf;
 using test::MessageOf;
 using test::WriteFile;
 using testing::ElementsAre;

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 namespace tarn::dataupdate {
 namespace {
@@ -23,11 +24,11 @@ TEST(UpdateErrorTest, TellsExactlyTheMessageThatItWasGiven) {
 
 TEST(UpdateErrorTest, CopiesKeepMessageAndCode) {
 	const UpdateError original("gone", UpdateError::kFileNotExist);
-	const UpdateError copy(original);
+	const std::vector<UpdateError> copies(2, original);
 	UpdateError assigned("other");
 	assigned = original;
-	EXPECT_STREQ(copy.what(), "gone");
-	EXPECT_EQ(copy.code(), 1);
+	EXPECT_STREQ(copies.back().what(), "gone");
+	EXPECT_EQ(copies.back().code(), 1);
 	EXPECT_STREQ(assigned.what(), "gone");
 	EXPECT_EQ(assigned.code(), 1);
 }
@@ -42,7 +43,8 @@ TEST(UpdateErrorTest, IsCaughtAsAStandardException) {
 }
 
 TEST(UpdateErrorTest, RefusesANullMessage) {
-	EXPECT_THROW(UpdateError(static_cast<const char*>(nullptr)), std::logic_error);
+	const char* const nothing = nullptr;
+	EXPECT_THROW(const UpdateError error(nothing), std::logic_error);
 }
 
 TEST(UpdateErrorTest, CarriesTheCodeAsASignedNumberOf32Bits) {

@@ -32,9 +32,7 @@ using test::ReadFile;
 using test::WriteFile;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Pair;
-using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 // No component of a path may be longer than 255 bytes, so every operation on it fails.
