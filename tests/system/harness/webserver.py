@@ -11,25 +11,7 @@ from pathlib import Path
 
 SENTINEL = "/-/everything-before-this-is-in-the-log"
 
-# One process and no change of user, because inside a user namespace there is only one user to be.
-FRAME = """daemon off;
-master_process off;
-user root;
-pid {home}/nginx.pid;
-error_log {home}/error.log;
-events {{ }}
-http {{
-	log_format requests '$status $body_bytes_sent $request_uri';
-	access_log {home}/access.log requests;
-	client_body_temp_path {home}/body;
-	proxy_temp_path {home}/proxy;
-	fastcgi_temp_path {home}/fastcgi;
-	uwsgi_temp_path {home}/uwsgi;
-	scgi_temp_path {home}/scgi;
-	{limits}
-	{server}
-}}
-"""
+FRAME = Path(__file__).resolve().parents[3] / "scripts/nginx-loopback.conf"
 
 
 def free_port() -> int:
@@ -40,18 +22,14 @@ def free_port() -> int:
 class Nginx:
     """Serves a directory on a free loopback port, with the server block that administrators are given."""
 
-    def __init__(self, template: Path, directory: Path, home: Path, bytes_per_second: int = 0) -> None:
+    def __init__(self, template: Path, directory: Path, home: Path) -> None:
         self._home = home
         home.mkdir(parents=True, exist_ok=True)
         self.netloc = f"127.0.0.1:{free_port()}"
+        server = home / "server.conf"
+        server.write_text(self._server_block(template.read_text(), directory))
         configuration = home / "nginx.conf"
-        configuration.write_text(
-            FRAME.format(
-                home=home,
-                limits=f"limit_rate {bytes_per_second};" if bytes_per_second else "",
-                server=self._server_block(template.read_text(), directory),
-            )
-        )
+        configuration.write_text(FRAME.read_text().replace("@HOME@", str(home)).replace("@SERVER@", str(server)))
         self._process = subprocess.Popen(
             ["/usr/sbin/nginx", "-p", str(home), "-c", str(configuration), "-e", str(home / "error.log")],
             stdin=subprocess.DEVNULL,
