@@ -8,6 +8,7 @@
 #include "update_error.h"
 #include "volume_handler.h"
 
+#include <cstdint>
 #include <optional>
 #include <utility>
 
@@ -45,7 +46,8 @@ std::string ReplaceAll(std::string text, const std::string& from, const std::str
 RemoteInfo Retarget(RemoteInfo remote, int version) {
 	const int current = remote.data_version;
 	if (version != 0) {
-		remote.data_version = version > 0 ? version : current + version;
+		// Wide, because nothing keeps a caller from naming a number that leads below the smallest one.
+		remote.data_version = static_cast<int>(version > 0 ? version : int64_t{current} + version);
 	}
 	remote.download_link =
 	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
