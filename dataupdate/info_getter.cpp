@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -31,6 +32,21 @@ struct HardwareIdCloser {
  */
 void StartAge(const char* path) {
 	utimensat(AT_FDCWD, path, nullptr, 0);
+}
+
+/**
+ * Stands while the document is being fetched: what a killed fetch leaves is no document, however new its file is. It
+ * needs no more care than that: without it, as before the first fetch, the age alone decides.
+ */
+void MarkFetch() {
+	const int fd = open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+	if (fd >= 0) {
+		close(fd);
+	}
+}
+
+bool IsFetchUnfinished() {
+	return access(kFetchMark, F_OK) == 0;
 }
 
 std::string HardwareId() {
@@ -85,9 +101,12 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
 	io_->TarnMkdir(kCacheDirectory);
 	try {
 		const FileLock lock(kFreshInfoLock, kLockTimeout);
-		if (TLIBCFileExist(kCachedInfo) == 0 || io_->FileCreateOver(kCachedInfo, kCacheSeconds)) {
+		if (TLIBCFileExist(kCachedInfo) == 0 || IsFetchUnfinished() ||
+		    io_->FileCreateOver(kCachedInfo, kCacheSeconds)) {
+			MarkFetch();
 			io_->Download(kCachedInfo, GetDatabaseUrl());
 			StartAge(kCachedInfo);
+			unlink(kFetchMark);
 		}
 		return io_->ReadJson(kCachedInfo);
 	} catch (const UpdateError& error) {

@@ -20,6 +20,7 @@ constexpr char kUpdateAnyLock[] = "/run/data_update/update_any.lock";
 
 constexpr char kCacheDirectory[] = "/var/cache/data_update";
 constexpr char kCachedInfo[] = "/var/cache/data_update/database_info.json";
+constexpr char kFetchMark[] = "/var/cache/data_update/database_info.fetching";
 
 /** Seconds that the library waits for every lock of its own. */
 constexpr unsigned long kLockTimeout = 600;

@@ -11,7 +11,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 from harness import programs, trees, waiting
-from harness.device import DATABASE, RUN, Device
+from harness.device import DATABASE, DOCUMENT, RUN, Device
 from harness.faultserver import FaultServer
 from harness.publisher import Publisher
 
@@ -106,6 +106,10 @@ def test_an_update_killed_at_any_moment_is_made_good_by_the_next(
     source = random.Random(seed)
     tree = tmp_path / "tree"
     publisher.publish(trees.write_random_tree(tree, 0, count=150, size=20000), DATABASE)
+    connected.run_ok("update", DATABASE)
+    publisher.publish(trees.write_random_tree(tree, KILLS + 1, count=150, size=20000), DATABASE)
+    connected.forget_document()
+    # The first one was slower, having nothing in memory yet.
     duration = connected.run_ok("update", DATABASE).seconds
     unfinished = 0
     for number in range(1, KILLS + 1):
@@ -122,6 +126,24 @@ def test_an_update_killed_at_any_moment_is_made_good_by_the_next(
         connected.run_ok("check", DATABASE)
         assert list(connected.temporary().iterdir()) == []
     assert unfinished >= KILLS // 2
+
+
+def test_a_run_killed_while_it_asks_for_the_document_does_not_shape_the_next(
+    faulty: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
+) -> None:
+    tree = trees.write_random_tree(tmp_path / "tree", 1, count=5, size=1000)
+    publisher.publish(tree, DATABASE)
+    faulty.netloc = f"{faults.netloc}/hang"
+    faulty.configure()
+    update = faulty.start("update", DATABASE)
+    assert faults.reached.wait(60)
+    update.kill()
+    update.wait()
+    assert DOCUMENT.read_bytes() == b"", "the downloader has begun the file, or this test shows nothing"
+    faulty.netloc = faults.netloc
+    faulty.configure()
+    faulty.run_ok("update", DATABASE)
+    trees.assert_same(tree, faulty.installed(DATABASE))
 
 
 def test_a_killed_update_holds_no_lock(

@@ -206,6 +206,20 @@ TEST_F(InfoGetterTest, UsesACacheOf3600SecondsButNotOfOneMore) {
 	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget"), 1U);
 }
 
+TEST_F(InfoGetterTest, AsksAnewAfterAFetchThatWasKilled) {
+	const auto download = platform_.execl;
+	platform_.execl = [](const std::string&, unsigned int, const test::FakePlatform::Arguments&) -> int {
+		WriteFile(kCache, "");
+		throw std::runtime_error("killed");
+	};
+	EXPECT_THROW(real_.GetDatabaseInfo(), std::runtime_error);
+	platform_.execl = download;
+	platform_.download_content = "\"new\"";
+	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
+	platform_.download_content = "\"newer\"";
+	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
+}
+
 TEST_F(InfoGetterTest, CountsTheCachesAgeFromTheDownload) {
 	for (const std::time_t dated : {std::time_t{1000000000}, std::time_t{4000000000}}) {
 		fs::remove_all(kDirectory);
