@@ -12,6 +12,7 @@
 #include <json/writer.h>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -20,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 
 namespace tarn::dataupdate {
 
@@ -69,6 +71,14 @@ void CheckIsDirectory(const std::string& path) {
 	if (!S_ISDIR(status.st_mode)) {
 		throw UpdateError("not a directory: " + path);
 	}
+}
+
+/** Some file systems leave the type to be asked for. */
+bool IsDirectoryEntry(int dir, const dirent& entry) {
+	struct stat status {};
+	return entry.d_type == DT_DIR ||
+	       (entry.d_type == DT_UNKNOWN && fstatat(dir, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+	           S_ISDIR(status.st_mode));
 }
 
 bool IsDotEntry(const char* name) {
@@ -151,11 +161,14 @@ void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const
 	} catch (const fs::filesystem_error&) {
 		throw UpdateError("Fail to create parent folder: " + path);
 	}
+	// In one go, because the file is no document from its opening to the last byte.
+	std::ostringstream text;
+	PrintJson(text, value);
 	std::fstream file(path, std::ios::out);
 	if (!file.is_open()) {
 		throw UpdateError("Fail to write: " + path);
 	}
-	PrintJson(file, value);
+	file << text.str();
 }
 
 bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
@@ -219,14 +232,12 @@ void IOUtils::IterateDirectory(
 		if (entry == nullptr) {
 			break;
 		}
+		if (IsDotEntry(entry->d_name)) {
+			continue;
+		}
 		const std::string path = prefix + entry->d_name;
-		if (entry->d_type == DT_DIR) {
-			if (IsDotEntry(entry->d_name)) {
-				continue;
-			}
-			if (recursive) {
-				IterateDirectory(path, callback, true);
-			}
+		if (recursive && IsDirectoryEntry(dirfd(handle.get()), *entry)) {
+			IterateDirectory(path, callback, true);
 		}
 		callback(path);
 	}

@@ -103,7 +103,11 @@ DIR* __wrap_opendir(const char* path) {
 }
 
 dirent* __wrap_readdir(DIR* directory) {
-	return Fails("readdir") ? nullptr : __real_readdir(directory);
+	dirent* entry = Fails("readdir") ? nullptr : __real_readdir(directory);
+	if (entry != nullptr && current != nullptr && current->hide_entry_types) {
+		entry->d_type = DT_UNKNOWN;
+	}
+	return entry;
 }
 
 ssize_t __wrap_read(int fd, void* buffer, size_t size) {

@@ -43,6 +43,8 @@ public:
 	/** Bytes available and capacity of every file system. */
 	std::optional<std::pair<unsigned long, unsigned long>> space;
 	bool space_works = true;
+	/** Whether directory entries come without their types, as some file systems give them. */
+	bool hide_entry_types = false;
 	/** Shares a file's content with another one; without it no file system here can. */
 	std::function<bool(int to, int from)> clone;
 
