@@ -125,7 +125,7 @@ void CopyRegularFile(const std::string& src, const std::string& dst) {
 void InstallRegularFile(const std::string& src, const std::string& dst) {
 	if (linkat(AT_FDCWD, src.c_str(), AT_FDCWD, dst.c_str(), AT_SYMLINK_FOLLOW) == 0) {
 		AddActivityBytes(boost::filesystem::file_size(dst));
-	} else if (errno == EXDEV || errno == EMLINK || errno == EPERM || errno == EOPNOTSUPP) {
+	} else if (errno == EXDEV || errno == EMLINK || errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS) {
 		CopyRegularFile(src, dst);
 	} else {
 		ThrowErrno("link", src, dst);
