@@ -22,8 +22,8 @@ namespace fs = std::filesystem;
 // Where the new root is put together. The tests see another one, which is empty.
 constexpr char kNewRoot[] = "/run";
 
-const std::array<fs::path, 6> kFixedPaths = {"/run/data_update", "/usr/tarn/etc/data_update", "/usr/share/data_update",
-    "/var/lib/data_update", "/var/cache/data_update", "/var/db"};
+const std::array<fs::path, 5> kFixedPaths = {"/run/data_update", "/usr/tarn/etc/data_update", "/usr/share/data_update",
+    "/var/lib/data_update", "/var/cache/data_update"};
 const std::array<fs::path, 6> kHiddenPaths = {
     "/run", "/usr/tarn", "/usr/share/data_update", "/var/lib/data_update", "/var/cache/data_update", "/var/db"};
 
@@ -105,6 +105,12 @@ void LockOwnPaths() {
 	Check(fd >= 0 && flock(fd, LOCK_EX) == 0, "turn on the machine's own paths");
 }
 
+void ClearFixedPaths() {
+	for (const fs::path& path : kFixedPaths) {
+		fs::remove_all(path);
+	}
+}
+
 } // namespace
 
 std::string EnterPrivateRoot() {
@@ -124,8 +130,12 @@ void FixedPathsTest::SetUp() {
 	if (!problem.empty()) {
 		GTEST_SKIP() << problem;
 	}
-	for (const fs::path& path : kFixedPaths) {
-		fs::remove_all(path);
+	ClearFixedPaths();
+}
+
+void FixedPathsTest::TearDown() {
+	if (problem.empty()) {
+		ClearFixedPaths();
 	}
 }
 

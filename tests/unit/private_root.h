@@ -17,10 +17,12 @@ namespace tarn::test {
  */
 std::string EnterPrivateRoot();
 
-/** The base of tests that use fixed paths: they begin with none of them there, or are left out with the reason. */
+/** The base of tests that use fixed paths: they begin and end with none of them there, or are left out with the reason.
+ */
 class FixedPathsTest : public testing::Test {
 protected:
 	void SetUp() override;
+	void TearDown() override;
 };
 
 } // namespace tarn::test
