@@ -18,7 +18,7 @@ constexpr char kLogSource[] = "file_lock.cpp";
 
 } // namespace
 
-FileLock::FileLock(const std::string& path, unsigned long timeout_seconds) : path_(path), fd_(-1) {
+FileLock::FileLock(const std::string& path, unsigned long timeout_seconds) : path_(path) {
 	LockWait wait(timeout_seconds);
 	MakeDir(path_);
 	fd_ = open(path_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);

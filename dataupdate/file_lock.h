@@ -35,7 +35,7 @@ private:
 	static void MakeDir(const std::string& path);
 
 	std::string path_;
-	int fd_;
+	int fd_ = -1;
 };
 
 } // namespace tarn::dataupdate

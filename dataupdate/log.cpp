@@ -10,7 +10,7 @@ namespace tarn::dataupdate {
 namespace {
 
 struct Free {
-	void operator()(char* text) const { std::free(text); } // NOLINT(cppcoreguidelines-no-malloc): vasprintf's memory
+	void operator()(char* text) const { std::free(text); } // NOLINT(cppcoreguidelines-*): vasprintf's memory
 };
 
 } // namespace

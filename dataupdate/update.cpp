@@ -144,6 +144,7 @@ void Update::ForceInstall(const std::string& id, int version) const {
 	info_getter_->SetDatabaseStatus(id, status);
 }
 
+// By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 void Update::OperateAllProjects(std::function<void(const std::string&)> operation) const {
 	for (const std::string& id : service_config_->GetDatabaseIDs()) {
 		try {

@@ -62,6 +62,7 @@ bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::s
 	return true;
 }
 
+// By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root) {
 	std::map<std::string, FileStatus> statuses;
 	for (const std::string& name : files) {

@@ -41,8 +41,10 @@ public:
 	 * @param rootDirectory  path whose file system must keep 5 % free
 	 * @return the new installed state, to be recorded by the caller, who also holds the database's update lock
 	 *
-	 * Throws UpdateError; the installed files are untouched unless the message begins "Fail to full update: ". The
-	 * hook after the change runs only when it succeeded.
+	 * Throws UpdateError, and Boost's filesystem error when a new file's status cannot be had. The installed files are
+	 * untouched when preparing failed. After "Fail to full update: " they may be partial, and after a later failure
+	 * they are the new ones that nothing records yet: repeating the update makes both good. The hook after the change
+	 * runs only when the change succeeded.
 	 */
 	virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,

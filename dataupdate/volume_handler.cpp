@@ -91,6 +91,7 @@ void VolumeHandler::MountVolumeEvent(const std::string& volume) const {
 	service_config_->SetCurVolume(volume);
 }
 
+// By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::string VolumeHandler::FindSuitableVolume(std::string exclude) const {
 	const long total = _TotalReserve();
 	const std::unique_ptr<TARNMountVolInfo, VolumeListCloser> list(TARNMountVolAllEnum(0, 1, 0));
