@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 from harness import programs, trees
-from harness.device import CONFIGURATION, DATABASE, DOCUMENT, Device
+from harness.device import CONFIGURATION, DATABASE, DEFAULTS, DOCUMENT, Device
 from harness.faultserver import FaultServer
 from harness.publisher import Publisher
 from harness.terminal import OnTerminal
@@ -17,7 +17,6 @@ from harness.webserver import Nginx
 
 CLEAR = "\r\x1b[K"
 GATE = 200_000
-DEFAULTS = Path("/usr/share/data_update/databases.conf")
 
 
 def publish_gated(publisher: Publisher, faults: FaultServer, tmp_path: Path) -> None:
@@ -95,7 +94,7 @@ def test_status_of_many_databases_asks_an_unwell_server_once(faulty: Device, fau
 
 def test_a_schedule_changes_one_database_and_keeps_the_list(connected: Device) -> None:
     connected.add_database("other")
-    DEFAULTS.write_text((CONFIGURATION / "databases.conf").read_text())
+    (DEFAULTS / "databases.conf").write_text((CONFIGURATION / "databases.conf").read_text())
     (CONFIGURATION / "databases.conf").unlink()
     connected.run_ok("schedule", DATABASE, "off")
     scheduled = {entry["id"]: entry["scheduled"] for entry in json.loads(connected.run("status", "--json").stdout)}

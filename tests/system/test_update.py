@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 
 from harness import trees
-from harness.device import DATABASE, DOCUMENT, Device
+from harness.device import DATABASE, DOCUMENT, ROOT_DATABASE, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
 
@@ -66,11 +66,11 @@ def test_an_update_leaves_no_temporary_data(connected: Device, publisher: Publis
 def test_a_database_on_the_root_file_system_is_installed_below_var_db(
     connected: Device, publisher: Publisher, tmp_path: Path
 ) -> None:
-    connected.add_database("geo", on_root=True)
+    connected.add_database(ROOT_DATABASE, on_root=True)
     tree = trees.write_tree(tmp_path / "tree", FIRST)
-    publisher.publish(tree, "geo")
-    connected.run_ok("update", "geo")
-    trees.assert_same(tree, Path("/var/db/geo"))
+    publisher.publish(tree, ROOT_DATABASE)
+    connected.run_ok("update", ROOT_DATABASE)
+    trees.assert_same(tree, Path("/var/db") / ROOT_DATABASE)
 
 
 def test_update_without_names_takes_the_scheduled_databases(

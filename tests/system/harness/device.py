@@ -20,9 +20,13 @@ KEYS = Path("/usr/tarn/etc/codesign/6")
 HOOKS = Path("/usr/tarn/etc/hooks")
 VOLUMES = Path("/usr/tarn/etc/volumes.conf")
 WGETRC = CONFIGURATION / "wgetrc"
+DEFAULTS = Path("/usr/share/data_update")
 ROOT_DATABASES = Path("/var/db")
+SETTINGS = ("data_update.conf", "databases.conf")
 DATABASE = "timezones"
 """The database that the device fixtures configure."""
+ROOT_DATABASE = "geo"
+"""The database that tests install on the root file system."""
 
 
 def empty(directory: Path) -> None:
@@ -43,11 +47,14 @@ class Device:
     @staticmethod
     def reset(shipped: Path) -> None:
         """As a device is after its installation: no state, no settings of its own, no keys, no hooks."""
-        for directory in (RUN, STATUS, CACHE, KEYS, HOOKS):
+        for directory in (RUN, STATUS, CACHE, KEYS, HOOKS, ROOT_DATABASES / ROOT_DATABASE):
             empty(directory)
+        if (ROOT_DATABASES / ROOT_DATABASE).is_dir():
+            (ROOT_DATABASES / ROOT_DATABASE).rmdir()
         shutil.copyfile(shipped / "volumes.conf", VOLUMES)
         shutil.copyfile(shipped / "wgetrc", WGETRC)
-        for name in ("data_update.conf", "databases.conf"):
+        for name in SETTINGS:
+            shutil.copyfile(shipped / name, DEFAULTS / name)
             (CONFIGURATION / name).unlink(missing_ok=True)
 
     def trust(self, public_key: Path) -> None:
