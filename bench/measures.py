@@ -25,6 +25,8 @@ DATABASE = "bench"
 HASH_SPEED_SHARE = 0.95
 HOLD_LIMIT = 1.5
 PIPELINE_LIMIT = 0.75
+# Beside stock tools that leave the data in memory, where ours has it on the disk.
+UNSYNCED_LIMIT = 1.0
 # What a file system reserves for a moment differs a little from run to run.
 DISK_LIMIT = 1.1
 MIB = 1 << 20
@@ -117,6 +119,7 @@ class Bench:
     def __init__(self, build: Path, scratch: Path, scale: Scale) -> None:
         subprocess.run(["cmake", "--install", str(build)], check=True, stdout=subprocess.DEVNULL)
         self._build, self._scratch, self._scale = build, scratch, scale
+        self.is_complete = True
 
     def hash(self) -> Iterator[dict[str, object]]:
         path = self._scratch / "large"
@@ -165,6 +168,7 @@ class Bench:
             Device(volume, nginx.netloc).trust(publisher.public_key)
             yield from self._compare(kind, volume, publisher, nginx.url)
         except pytest.skip.Exception as reason:
+            self.is_complete = False
             print(f"left out: update on {kind}: {reason}")
         finally:
             volumes.close()
@@ -187,7 +191,7 @@ class Bench:
         total = [sum(phases.values()) for phases in peer]
         yield row(f"{kind}: update (stock tools, with sync)", [run["total"] for run in ours], total, PIPELINE_LIMIT)
         unsynced = [sum(phases.values()) - phases["sync"] for phases in peer]
-        yield row(f"{kind}: update (stock tools, without sync)", [run["total"] for run in ours], unsynced, PIPELINE_LIMIT)
+        yield row(f"{kind}: update (stock tools, without sync)", [run["total"] for run in ours], unsynced, UNSYNCED_LIMIT)
         hold = [phases["copy"] + phases["sync"] for phases in peer]
         yield row(f"{kind}: readers held off (cp --reflink=auto, sync -f)", [run["apply"] for run in ours], hold, HOLD_LIMIT)
         yield row(f"{kind}: extra disk (package and one tree by stock tools)", extra[1:], allowed[1:], DISK_LIMIT, unit="M")
