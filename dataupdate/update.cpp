@@ -35,6 +35,21 @@ private:
 	std::optional<FileLock> project_;
 };
 
+/** Runs an operation on a supported database under its locks, which are released after a failure has been logged. */
+template<typename Operation>
+void RunLocked(const ServiceConfig& config, const std::string& id, const char* name, const Operation& operation) {
+	ProjectLocks locks;
+	try {
+		config.CheckSupported(id);
+		locks.Take(id);
+		operation();
+	} catch (const UpdateError& error) {
+		TARN_LOG(LOG_INFO, "%s %s fail: %s", name, id.c_str(), error.what());
+		locks.Release();
+		throw UpdateError(error);
+	}
+}
+
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
 	for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
 		text.replace(at, from.size(), to);
@@ -67,10 +82,7 @@ void Update::UpdateAllProjects() const {
 }
 
 void Update::UpdateProject(const std::string& id) const {
-	ProjectLocks locks;
-	try {
-		service_config_->CheckSupported(id);
-		locks.Take(id);
+	RunLocked(*service_config_, id, "Update", [&] {
 		const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
 		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
 		const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
@@ -90,11 +102,7 @@ void Update::UpdateProject(const std::string& id) const {
 		info_getter_->SetDatabaseStatus(
 		    id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
 		TARN_LOG(LOG_WARNING, "Update %s completed and succeed", id.c_str());
-	} catch (const UpdateError& error) {
-		TARN_LOG(LOG_INFO, "Update %s fail: %s", id.c_str(), error.what());
-		locks.Release();
-		throw UpdateError(error);
-	}
+	});
 }
 
 void Update::FixAllProjects() const {
@@ -102,10 +110,7 @@ void Update::FixAllProjects() const {
 }
 
 void Update::FixProject(const std::string& id) const {
-	ProjectLocks locks;
-	try {
-		service_config_->CheckSupported(id);
-		locks.Take(id);
+	RunLocked(*service_config_, id, "Fix", [&] {
 		const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
 		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
 		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
@@ -118,11 +123,7 @@ void Update::FixProject(const std::string& id) const {
 		}
 		info_getter_->SetDatabaseStatus(id, fixer.Fix());
 		TARN_LOG(LOG_WARNING, "Fix %s completed and succeed", id.c_str());
-	} catch (const UpdateError& error) {
-		TARN_LOG(LOG_INFO, "Fix %s fail: %s", id.c_str(), error.what());
-		locks.Release();
-		throw UpdateError(error);
-	}
+	});
 }
 
 void Update::ForceInstall(const std::string& id, int version) const {
