@@ -1,5 +1,6 @@
 #include "file_copy.h"
 
+#include "descriptor.h"
 #include "progress.h"
 #include "update_error.h"
 
@@ -14,30 +15,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 namespace tarn::dataupdate {
 
 namespace {
-
-class Descriptor {
-public:
-	explicit Descriptor(int fd) : fd_(fd) {}
-	~Descriptor() {
-		if (fd_ >= 0) {
-			close(fd_);
-		}
-	}
-	Descriptor(const Descriptor&) = delete;
-	Descriptor& operator=(const Descriptor&) = delete;
-
-	[[nodiscard]] int Get() const { return fd_; }
-	/** Closes and tells whether that succeeded: some file systems report a failed write only now. */
-	[[nodiscard]] bool Close() { return close(std::exchange(fd_, -1)) == 0; }
-
-private:
-	int fd_;
-};
 
 [[noreturn]] void ThrowErrno(const std::string& what, const std::string& src, const std::string& dst) {
 	throw boost::filesystem::filesystem_error(

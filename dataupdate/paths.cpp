@@ -18,6 +18,10 @@ std::string StatusPath(const std::string& id) {
 	return (NoexceptFormat("/var/lib/data_update/%s/version.json") % id).str();
 }
 
+std::string ReplacementMarkPath(const std::string& id) {
+	return (NoexceptFormat("/var/lib/data_update/%s/replacing") % id).str();
+}
+
 std::string MainDirPath(const std::string& volume) {
 	return (NoexceptFormat("%s/@database/autoupdate") % volume).str();
 }

@@ -31,6 +31,8 @@ std::string UpdateLockPath(const std::string& id);
 std::string UsingLockPath(const std::string& id);
 /** The record of what is installed. */
 std::string StatusPath(const std::string& id);
+/** Stands beside the record while it may not describe the installed files. */
+std::string ReplacementMarkPath(const std::string& id);
 /** Where the databases of a volume lie. */
 std::string MainDirPath(const std::string& volume);
 /** The temporary area below a volume. */

@@ -15,12 +15,13 @@
 
 namespace tarn::dataupdate {
 
-enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash };
+enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash, kPatch };
 
 struct Activity {
 	Phase phase = Phase::kIdle;
-	std::string path;    ///< The file that is downloaded, or the directory that is filled, replaced or hashed.
-	uint64_t bytes = 0;  ///< Bytes done; stays 0 while another program or library does the work (download, unpack).
+	std::string path; ///< The file that is downloaded or patched, or the directory that is filled, replaced or hashed.
+	uint64_t bytes =
+	    0; ///< Bytes done; stays 0 while another program or library does the work (download, unpack, patch).
 	uint64_t serial = 0; ///< Grows with every activity that begins or ends.
 };
 

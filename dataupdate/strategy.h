@@ -8,6 +8,9 @@
  * removes the temporary data. The caller holds the database's update lock, and syncs the file system before it records
  * the new version: readers need not wait for the disk. One thread uses a strategy.
  *
+ * From the first change in the install directory until the caller has recorded the new version, a mark stands beside
+ * that record ("/var/lib/data_update/<id>/replacing"): a killed run's mixture of versions is never patched.
+ *
  * Three strings always travel together: the temporary base below which "@tmp/data_update" lies (the volume), the
  * install directory, and the path whose file system is measured. Failures are UpdateError.
  */
@@ -19,10 +22,13 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 
 namespace tarn::dataupdate {
+
+class Patcher;
 
 /** What an update does with one file. */
 struct TARNDBUD_EXPORT ModifyInfo {
@@ -96,6 +102,54 @@ private:
 	std::string package_path_;
 	std::string unpack_directory_;
 	std::map<std::string, ModifyInfo> modify_infos_;
+};
+
+/**
+ * Applies the chain of packages that lead from the installed version to the server's, one per version, to copies of the
+ * files that they change. Changed files are relative to the install directory. Nothing checks what is installed
+ * beforehand: a patch is refused by a file that is not the one it was made for, a script by the database.
+ */
+class TARNDBUD_EXPORT DiffStrategy : public BaseStrategy {
+public:
+	DiffStrategy(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
+	    const std::string& rootDirectory);
+	/** Removes the whole shared temporary area, other databases' prepared data included. */
+	~DiffStrategy() override;
+
+	/**
+	 * Removes what a killed run of this database left in the temporary area, then downloads, unpacks and applies one
+	 * package after the other. Throws "No sufficient diff patched" when a version's package is missing or the installed
+	 * version is not older, "The last replacement of <id> was not finished", IOUtils::Download's and
+	 * _ExtractTarballTo's errors, an error that names the member, file or statement which cannot be applied, and "Disk
+	 * space is too low". A package's size is not compared with the announced one: its signature says more.
+	 */
+	void PrepareUpdate() override;
+	/**
+	 * Removes and replaces the changed files; directories that become empty stay. Throws "Fail to diff update: <why>",
+	 * after which the installed copy may be a mixture until the next update, which is then a full one.
+	 */
+	void ApplyUpdate() override;
+	std::set<std::string> GetModifiedFiles() const override;
+	/** The old sizes are those of the changed files' names as seen from the working directory of the process. */
+	int64_t GetDeltaSize() const override;
+
+private:
+	bool _IsDiffUpdateAvailable() const;
+	void _DoDiffUpdateTo(int version);
+	const std::map<std::string, ModifyInfo>& _ModifyInfos() const;
+
+	std::string id_;
+	DatabaseStatus status_;
+	RemoteInfo remote_;
+	std::map<int, DiffInfo> diffs_;
+	std::string temp_base_;
+	std::string install_directory_;
+	std::string space_check_path_;
+	std::unique_ptr<Patcher> patcher_;
+	std::map<int, std::string> package_files_;
+	std::map<int, std::string> delta_directories_;
+	std::string accumulation_directory_;
 };
 
 /**

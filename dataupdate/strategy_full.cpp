@@ -2,6 +2,7 @@
 #include "file_lock.h"
 #include "paths.h"
 #include "progress.h"
+#include "replacement_mark.h"
 #include "strategy.h"
 #include "temp_data.h"
 #include "update_error.h"
@@ -76,6 +77,7 @@ void FullStrategy::ApplyUpdate() {
 	try {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
+		SetReplacementMark(id_);
 		_ClearInstallDirectory();
 		_CopyFiles();
 	} catch (const std::exception& error) {

@@ -1,5 +1,6 @@
 #include "file_lock.h"
 #include "paths.h"
+#include "replacement_mark.h"
 #include "strategy.h"
 #include "temp_data.h"
 #include "update_error.h"
@@ -30,6 +31,7 @@ void ForceInstallByLink::PrepareUpdate() {
 void ForceInstallByLink::ApplyUpdate() {
 	try {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
+		SetReplacementMark(id_);
 		_ExtractTarballTo(package_path_, install_directory_);
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string("Fail to force install: ") + error.what());

@@ -4,6 +4,7 @@
 #include "file_lock.h"
 #include "log.h"
 #include "paths.h"
+#include "replacement_mark.h"
 #include "strategy.h"
 #include "update_error.h"
 #include "volume_handler.h"
@@ -69,6 +70,11 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	return remote;
 }
 
+void Record(const InfoGetter& getter, const std::string& id, const DatabaseStatus& status) {
+	getter.SetDatabaseStatus(id, status);
+	ClearReplacementMark(id);
+}
+
 } // namespace
 
 Update::Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
@@ -99,8 +105,7 @@ void Update::UpdateProject(const std::string& id) const {
 		const std::string root_directory = config->GetRootDirectory();
 		const std::string install_prefix = config->GetInstallPrefix();
 		const std::string volume = service_config_->GetCurVolume();
-		info_getter_->SetDatabaseStatus(
-		    id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
+		Record(*info_getter_, id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
 		TARN_LOG(LOG_WARNING, "Update %s completed and succeed", id.c_str());
 	});
 }
@@ -121,7 +126,7 @@ void Update::FixProject(const std::string& id) const {
 		if (!fixer.IsFixNeeded(status)) {
 			return;
 		}
-		info_getter_->SetDatabaseStatus(id, fixer.Fix());
+		Record(*info_getter_, id, fixer.Fix());
 		TARN_LOG(LOG_WARNING, "Fix %s completed and succeed", id.c_str());
 	});
 }
@@ -142,7 +147,7 @@ void Update::ForceInstall(const std::string& id, int version) const {
 	status.last_fetch_time = remote.last_fetch_time;
 	status.file_statuses = CalculateStatus(files, config->GetInstallPrefix());
 	SyncFileSystem(install_prefix);
-	info_getter_->SetDatabaseStatus(id, status);
+	Record(*info_getter_, id, status);
 }
 
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)

@@ -6,6 +6,7 @@
 #include "log.h"
 #include "paths.h"
 #include "strategy.h"
+#include "update_error.h"
 
 #include <boost/filesystem.hpp>
 
@@ -76,13 +77,20 @@ std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, c
 
 Updater::~Updater() = default;
 
-DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& /*status*/, const RemoteInfo& remote,
-    const std::map<int, DiffInfo>& /*diffs*/, const std::string& volume, const std::string& installPrefix,
+DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
     const std::string& rootDirectory) const {
-	std::shared_ptr<BaseStrategy> strategy =
-	    std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory);
-	TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
-	strategy->PrepareUpdate();
+	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
+	std::shared_ptr<BaseStrategy> strategy;
+	try {
+		strategy = std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
+		strategy->PrepareUpdate();
+	} catch (const UpdateError& error) {
+		strategy = std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory);
+		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
+		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
+		strategy->PrepareUpdate();
+	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
 	DatabaseStatus result = Install(id, *strategy, remote, installPrefix, announce);
 	// Temporary data goes first, so that what was never written to the disk never has to be.

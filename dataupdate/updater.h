@@ -30,7 +30,8 @@ public:
 	virtual ~Updater();
 
 	/**
-	 * Prepares the new version, runs the hooks around its installation, and brings it to the disk.
+	 * Prepares the new version from diff packages or, when that fails, from the full package, runs the hooks around its
+	 * installation, and brings it to the disk. Why the diff packages did not do is only logged.
 	 *
 	 * @param id             database id
 	 * @param status         what is installed
@@ -42,9 +43,9 @@ public:
 	 * @return the new installed state, to be recorded by the caller, who also holds the database's update lock
 	 *
 	 * Throws UpdateError, and Boost's filesystem error when a new file's status cannot be had. The installed files are
-	 * untouched when preparing failed. After "Fail to full update: " they may be partial, and after a later failure
-	 * they are the new ones that nothing records yet: repeating the update makes both good. The hook after the change
-	 * runs only when the change succeeded.
+	 * untouched when preparing failed. After "Fail to diff update: " or "Fail to full update: " they may be a mixture,
+	 * and after a later failure they are the new ones that nothing records yet: repeating the update makes both good,
+	 * then by the full package. The hook after the change runs only when the change succeeded.
 	 */
 	virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,

@@ -77,8 +77,11 @@ TEST_F(UpdaterTest, RunsTheHooksAroundTheReplacementOnly) {
 
 TEST_F(UpdaterTest, LogsItsSteps) {
 	Update();
-	EXPECT_THAT(LinesOf(log_, "updater.cpp"), ElementsAre(Line{LOG_NOTICE, "updater.cpp", "Prepare full update: geo"},
-	                                              Line{LOG_NOTICE, "updater.cpp", "Apply update: geo"}));
+	EXPECT_THAT(LinesOf(log_, "updater.cpp"),
+	    ElementsAre(Line{LOG_NOTICE, "updater.cpp", "Prepare diff update: geo"},
+	        Line{LOG_WARNING, "updater.cpp", "Diff update fail, try full update: No sufficient diff patched"},
+	        Line{LOG_NOTICE, "updater.cpp", "Prepare full update: geo"},
+	        Line{LOG_NOTICE, "updater.cpp", "Apply update: geo"}));
 }
 
 TEST_F(UpdaterTest, RunsNoHooksWhenPreparingFails) {

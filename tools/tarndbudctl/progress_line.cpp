@@ -27,6 +27,8 @@ const char* PhaseName(Phase phase) {
 		return "Downloading";
 	case Phase::kUnpack:
 		return "Unpacking";
+	case Phase::kPatch:
+		return "Patching";
 	case Phase::kApply:
 		return "Replacing files";
 	case Phase::kHash:
@@ -34,6 +36,11 @@ const char* PhaseName(Phase phase) {
 	default:
 		return "";
 	}
+}
+
+/** Files that are hashed or patched one after the other are one phase together. */
+bool HasActivityPerFile(Phase phase) {
+	return phase == Phase::kHash || phase == Phase::kPatch;
 }
 
 uint64_t FileSize(const std::string& path) {
@@ -78,9 +85,8 @@ std::string ProgressMeter::Line(const Sample& sample) {
 		return line_;
 	}
 	last_busy_ = sample.time;
-	// Every file has an activity of its own when digests are computed; together they are one phase.
 	const bool same = sample.activity.phase == begin_.activity.phase &&
-	                  (sample.activity.phase == Phase::kHash || sample.activity.serial == begin_.activity.serial);
+	                  (HasActivityPerFile(begin_.activity.phase) || sample.activity.serial == begin_.activity.serial);
 	if (!same) {
 		begin_ = sample;
 		begin_bytes_ = Bytes(sample);

@@ -1,0 +1,29 @@
+/**
+ * @file
+ * What an unpacked diff package says about itself.
+ */
+#ifndef DATAUPDATE_PATCH_DESCRIPTION_H
+#define DATAUPDATE_PATCH_DESCRIPTION_H
+
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+
+/** One member of "patch_infos.json". */
+struct PatchMember {
+	std::string name;      ///< The database's file, relative to the install directory.
+	std::string operation; ///< As written, known or not.
+	std::string input;     ///< Path of the package's file with the content or the patch.
+};
+
+/**
+ * Reads the description of the package unpacked into a directory, in order of the names. The whole of it is checked
+ * before anything of it is used: throws UpdateError when it is missing or no object of objects, when a name could lead
+ * out of the install directory, or when an input file is not a regular file of the package.
+ */
+std::vector<PatchMember> ReadPatchDescription(const std::string& package_directory);
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,133 @@
+#include "patcher.h"
+
+#include "file_copy.h"
+#include "patch_description.h"
+#include "progress.h"
+#include "sql_script.h"
+#include "update_error.h"
+#include "utils.h"
+
+#include <boost/filesystem.hpp>
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+bool ExistsOrThrow(const std::string& path) {
+	try {
+		return fs::exists(fs::status(path));
+	} catch (const fs::filesystem_error&) {
+		throw UpdateError("Fail to get exists info from " + path);
+	}
+}
+
+/** A link would let a patch change the file that it leads to. */
+void CheckRegular(const std::string& path) {
+	boost::system::error_code ignored;
+	if (!fs::is_regular_file(fs::symlink_status(path, ignored))) {
+		throw UpdateError("Not a regular file: " + path);
+	}
+}
+
+void CopyPermissions(const std::string& from, const std::string& to) {
+	try {
+		fs::permissions(to, fs::status(from).permissions());
+	} catch (const fs::filesystem_error& error) {
+		throw UpdateError(std::string("Fail to keep permissions: ") + error.what());
+	}
+}
+
+} // namespace
+
+Patcher::Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder)
+    : accumulation_directory_(std::move(accumulation_directory)),
+      install_directory_(std::move(install_directory)),
+      decoder_(std::move(decoder)) {}
+
+void Patcher::ApplyPackage(const std::string& package_directory) {
+	for (const PatchMember& member : ReadPatchDescription(package_directory)) {
+		_PatchFile(member.name, member.operation, member.input);
+	}
+}
+
+void Patcher::Install() const {
+	for (const auto& [name, info] : modify_infos_) {
+		const fs::path installed = fs::path(install_directory_) / name;
+		if (fs::exists(fs::symlink_status(installed))) {
+			fs::remove(installed);
+		}
+		if (info.operation == ModifyInfo::kOverride) {
+			fs::create_directories(installed.parent_path());
+			InstallRegularFile(info.source, installed.string());
+		}
+	}
+}
+
+void Patcher::_PatchFile(const std::string& name, const std::string& operation, const std::string& input) {
+	const ActivityScope activity(Phase::kPatch, (fs::path(install_directory_) / name).string());
+	if (operation == "create") {
+		const std::string working_copy = _ClaimWorkingCopy(name);
+		IOUtils().CopyFile(input, working_copy);
+		_Record(name, ModifyInfo::kOverride, working_copy);
+	} else if (operation == "update") {
+		const std::string working_copy = _ClaimWorkingCopy(name);
+		_UpdateFile(name, working_copy, input);
+		_Record(name, ModifyInfo::kOverride, working_copy);
+	} else if (operation == "delete") {
+		_Record(name, ModifyInfo::kDelete, accumulation_directory_ + "/" + FlatFileName(name));
+	} else {
+		throw UpdateError((NoexceptFormat("Unknown operation %s for file %s") % operation % name).str());
+	}
+}
+
+void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
+	if (!ExistsOrThrow(working_copy)) {
+		IOUtils().CopyFile((fs::path(install_directory_) / name).string(), working_copy);
+		CheckRegular(working_copy);
+	}
+	const std::string extension = fs::path(input).extension().string();
+	if (extension == ".vcdiff") {
+		_DoVcPatch(working_copy, input);
+	} else if (extension == ".sqlitediff") {
+		_DoSqlitePatch(working_copy, input);
+	} else {
+		throw UpdateError("Unsupported diff type: " + extension);
+	}
+}
+
+void Patcher::_DoVcPatch(const std::string& file, const std::string& patch) const {
+	const std::string output = file + ".patchout";
+	decoder_(file, output, patch);
+	CopyPermissions(file, output);
+	IOUtils().CopyFile(output, file);
+	if (unlink(output.c_str()) != 0) {
+		throw UpdateError("Failt to delete " + output);
+	}
+}
+
+void Patcher::_DoSqlitePatch(const std::string& database, const std::string& script) const {
+	ExecuteSqlScript(database, script);
+}
+
+std::string Patcher::_ClaimWorkingCopy(const std::string& name) {
+	const std::string flat = FlatFileName(name);
+	const std::string& owner = names_of_copies_.emplace(flat, name).first->second;
+	if (owner != name) {
+		throw UpdateError((NoexceptFormat("Working copies of %s and %s collide") % owner % name).str());
+	}
+	return accumulation_directory_ + "/" + flat;
+}
+
+void Patcher::_Record(const std::string& name, int32_t operation, const std::string& source) {
+	ModifyInfo& info = modify_infos_[name];
+	info.operation = operation;
+	info.source = source;
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,64 @@
+/**
+ * @file
+ * Carrying out diff packages on working copies.
+ */
+#ifndef DATAUPDATE_PATCHER_H
+#define DATAUPDATE_PATCHER_H
+
+#include "strategy.h"
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Applies a chain of unpacked diff packages to copies of installed files, which stay as they are until Install(). Every
+ * file has one working copy for the whole chain, whose name is flat: FlatFileName(). Failures are UpdateError. The
+ * publisher checks its packages by the same class.
+ */
+class Patcher {
+public:
+	/** Makes output from source by a VCDIFF patch; throws, and leaves no output, when that fails. */
+	using Decoder = std::function<void(const std::string& source, const std::string& output, const std::string& patch)>;
+
+	/**
+	 * @param accumulation_directory  an empty directory for the working copies
+	 * @param install_directory       the database's files
+	 * @param decoder                 whatever it throws but UpdateError leaves ApplyPackage() as it is
+	 */
+	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder);
+
+	/**
+	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
+	 * for file <name>", "Unsupported diff type: <extension>", "Fail to get exists info from <working copy>", "Working
+	 * copies of <name> and <name> collide", "Not a regular file: <working copy>", IOUtils::CopyFile()'s and the
+	 * decoder's errors, "Failt to delete <path>" and ExecuteSqlScript()'s.
+	 */
+	void ApplyPackage(const std::string& package_directory);
+
+	/** What the chain so far does, by file name. */
+	[[nodiscard]] const std::map<std::string, ModifyInfo>& Modifications() const { return modify_infos_; }
+
+	/** Removes or replaces the installed files accordingly. Throws Boost's filesystem error. */
+	void Install() const;
+
+private:
+	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
+	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
+	void _DoVcPatch(const std::string& file, const std::string& patch) const;
+	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
+	std::string _ClaimWorkingCopy(const std::string& name);
+	void _Record(const std::string& name, int32_t operation, const std::string& source);
+
+	std::string accumulation_directory_;
+	std::string install_directory_;
+	Decoder decoder_;
+	std::map<std::string, std::string> names_of_copies_; // Which name a flat one stands for.
+	std::map<std::string, ModifyInfo> modify_infos_;
+};
+
+} // namespace tarn::dataupdate
+
+#endif

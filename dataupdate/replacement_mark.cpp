@@ -1,0 +1,68 @@
+#include "replacement_mark.h"
+
+#include "descriptor.h"
+#include "log.h"
+#include "paths.h"
+#include "update_error.h"
+
+#include <boost/filesystem.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+constexpr char kLogSource[] = "strategy";
+
+bool SyncDirectory(const fs::path& path) {
+	const Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	return directory.Get() >= 0 && fsync(directory.Get()) == 0;
+}
+
+bool SyncRecord(const std::string& path) {
+	const Descriptor record(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	// A host may keep its records elsewhere.
+	return record.Get() < 0 ? errno == ENOENT : fsync(record.Get()) == 0;
+}
+
+bool CreateDurably(const fs::path& path) {
+	const Descriptor mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+	// The database's directory may be new as well.
+	return mark.Get() >= 0 && fsync(mark.Get()) == 0 && SyncDirectory(path.parent_path()) &&
+	       SyncDirectory(path.parent_path().parent_path());
+}
+
+} // namespace
+
+void SetReplacementMark(const std::string& id) {
+	const fs::path path = ReplacementMarkPath(id);
+	try {
+		fs::create_directories(path.parent_path());
+	} catch (const fs::filesystem_error& error) {
+		throw UpdateError(std::string("Fail to mark replacement: ") + error.what());
+	}
+	if (!CreateDurably(path)) {
+		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(errno));
+	}
+}
+
+bool IsReplacementMarked(const std::string& id) {
+	boost::system::error_code ignored;
+	return fs::symlink_status(ReplacementMarkPath(id), ignored).type() != fs::file_not_found;
+}
+
+void ClearReplacementMark(const std::string& id) noexcept {
+	const std::string mark = ReplacementMarkPath(id);
+	if (!SyncRecord(StatusPath(id)) || (unlink(mark.c_str()) != 0 && errno != ENOENT)) {
+		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));
+	}
+}
+
+} // namespace tarn::dataupdate

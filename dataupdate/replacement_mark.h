@@ -1,0 +1,30 @@
+/**
+ * @file
+ * Remembering that the installed files of a database are being replaced.
+ *
+ * The mark is on the disk before the first file changes and goes when the new state has been recorded. Whoever finds it
+ * knows that the files may be a mixture of two versions which no record describes, and that patches would make a third
+ * of them.
+ */
+#ifndef DATAUPDATE_REPLACEMENT_MARK_H
+#define DATAUPDATE_REPLACEMENT_MARK_H
+
+#include <string>
+
+namespace tarn::dataupdate {
+
+/** Sets a database's mark durably. Throws UpdateError "Fail to mark replacement: <path>: <why>". */
+void SetReplacementMark(const std::string& id);
+
+/** Whether the mark stands; one that cannot be examined counts. */
+bool IsReplacementMarked(const std::string& id);
+
+/**
+ * Removes the mark once the record of what is installed is on the disk. A failure is logged and leaves the mark: the
+ * next update is then merely a full one.
+ */
+void ClearReplacementMark(const std::string& id) noexcept;
+
+} // namespace tarn::dataupdate
+
+#endif

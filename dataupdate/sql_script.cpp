@@ -1,0 +1,101 @@
+#include "sql_script.h"
+
+#include "update_error.h"
+#include "utils.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <boost/filesystem.hpp>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <stdexcept>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+bool IsOneOf(const char* name, std::initializer_list<const char*> names) {
+	return name != nullptr && std::any_of(names.begin(), names.end(),
+	                              [name](const char* other) { return sqlite3_stricmp(name, other) == 0; });
+}
+
+int Authorize(void* /*context*/, int action, const char* first, const char* second, const char* /*database*/,
+    const char* /*trigger*/) {
+	switch (action) {
+	case SQLITE_TRANSACTION:
+	case SQLITE_ATTACH:
+	case SQLITE_DETACH:
+		return SQLITE_DENY;
+	case SQLITE_FUNCTION:
+		return IsOneOf(second, {"load_extension"}) ? SQLITE_DENY : SQLITE_OK;
+	case SQLITE_PRAGMA:
+		// Without a journal a failed script could not be rolled back.
+		return IsOneOf(first, {"journal_mode", "temp_store_directory", "data_store_directory"}) ? SQLITE_DENY
+		                                                                                        : SQLITE_OK;
+	default:
+		return SQLITE_OK;
+	}
+}
+
+/** Keeps a script within its transaction and its file, for as long as the object lives. */
+class Restriction {
+public:
+	explicit Restriction(SQLite::Database& database) : database_(database) {
+		database_.check(sqlite3_set_authorizer(database_.getHandle(), Authorize, nullptr));
+	}
+	~Restriction() { sqlite3_set_authorizer(database_.getHandle(), nullptr, nullptr); }
+	Restriction(const Restriction&) = delete;
+	Restriction& operator=(const Restriction&) = delete;
+
+private:
+	SQLite::Database& database_;
+};
+
+void ExecuteLines(SQLite::Database& database, const std::string& script) {
+	const Restriction restriction(database);
+	std::ifstream lines(script, std::ios::binary);
+	std::string line;
+	while (std::getline(lines, line)) {
+		// SQLite would take the line for finished there.
+		if (line.find('\0') != std::string::npos) {
+			throw std::runtime_error("zero byte in " + script);
+		}
+		database.exec(line);
+	}
+	if (!lines.eof()) {
+		throw std::runtime_error("unable to read " + script);
+	}
+}
+
+/** A file under one of these names is part of the database for SQLite, whoever made it. */
+void CheckStandsAlone(const std::string& database) {
+	static constexpr std::array<const char*, 3> kCompanions = {"-wal", "-shm", "-journal"};
+	for (const char* suffix : kCompanions) {
+		if (boost::filesystem::exists(boost::filesystem::symlink_status(database + suffix))) {
+			throw std::runtime_error("unexpected file " + database + suffix);
+		}
+	}
+}
+
+} // namespace
+
+void ExecuteSqlScript(const std::string& database, const std::string& script) {
+	try {
+		CheckStandsAlone(database);
+		{
+			SQLite::Database file(database, SQLite::OPEN_READWRITE, 0);
+			file.exec("PRAGMA synchronous = OFF");
+			SQLite::Transaction transaction(file);
+			ExecuteLines(file, script);
+			transaction.commit();
+		}
+		// In WAL mode the content reaches the file only when it is closed, and a failure then is told to nobody.
+		CheckStandsAlone(database);
+	} catch (const std::exception& error) {
+		throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % error.what()).str());
+	}
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,24 @@
+/**
+ * @file
+ * Changing a database file by an SQL script.
+ */
+#ifndef DATAUPDATE_SQL_SCRIPT_H
+#define DATAUPDATE_SQL_SCRIPT_H
+
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Executes a script, one or more whole statements per line, on an SQLite database file in one transaction: whole or,
+ * after a failure, not at all. A script is refused what would end that transaction or reach other files: BEGIN, COMMIT,
+ * ROLLBACK, ATTACH, DETACH, load_extension(), and the pragmas of the journal's mode and of directories.
+ *
+ * The database is a working copy: nothing is synced, nobody else may have it open, and its "-wal", "-shm" and
+ * "-journal" names must be free. Throws UpdateError "Fail apply sql cmd: <why>".
+ */
+void ExecuteSqlScript(const std::string& database, const std::string& script);
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,152 @@
+#include "file_lock.h"
+#include "log.h"
+#include "patcher.h"
+#include "paths.h"
+#include "progress.h"
+#include "replacement_mark.h"
+#include "strategy.h"
+#include "temp_data.h"
+#include "update_error.h"
+#include "utils.h"
+
+#include <tarncore/tarncore.h>
+
+#include <boost/filesystem.hpp>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+constexpr char kLogSource[] = "strategy";
+constexpr char kVcdiffDecoder[] = "/usr/tarn/sbin/tarndbudvcdiff";
+
+void RunDecoder(const std::string& source, const std::string& output, const std::string& patch) {
+	if (TLIBCExecl(kVcdiffDecoder, TLIBC_EXEC_ISOLATED, "decode", source.c_str(), output.c_str(), patch.c_str(),
+	        nullptr) != 0) {
+		throw UpdateError("Fail to apply vcdiff on " + source);
+	}
+}
+
+void ClearTmpData(const std::string& path) noexcept {
+	try {
+		IOUtils().RmRf(path);
+	} catch (const std::exception& error) {
+		TARN_LOG(LOG_ERR, "Failed to clear tmp data: %s", error.what());
+	}
+}
+
+} // namespace
+
+DiffStrategy::DiffStrategy(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
+    const std::string& rootDirectory)
+    : id_(id),
+      status_(status),
+      remote_(remote),
+      diffs_(diffs),
+      temp_base_(volume),
+      install_directory_(installPrefix),
+      space_check_path_(rootDirectory) {}
+
+DiffStrategy::~DiffStrategy() {
+	if (!accumulation_directory_.empty()) {
+		ClearTmpData(accumulation_directory_);
+	}
+	for (const auto& [version, path] : package_files_) {
+		ClearTmpData(path);
+	}
+	for (const auto& [version, path] : delta_directories_) {
+		ClearTmpData(path);
+	}
+	ClearTmpData(TempDirPath(temp_base_));
+}
+
+void DiffStrategy::PrepareUpdate() {
+	if (!_IsDiffUpdateAvailable()) {
+		throw UpdateError("No sufficient diff patched");
+	}
+	if (IsReplacementMarked(id_)) {
+		throw UpdateError("The last replacement of " + id_ + " was not finished");
+	}
+	const IOUtils io;
+	io.TarnMkdir(TempDirPath(temp_base_));
+	RemoveLeftovers(temp_base_, id_);
+	accumulation_directory_ = TempPath(temp_base_, id_, "sum");
+	io.TarnMkdir(accumulation_directory_);
+	patcher_ = std::make_unique<Patcher>(accumulation_directory_, install_directory_, RunDecoder);
+	for (int version = status_.data_version; version < remote_.data_version;) {
+		_DoDiffUpdateTo(++version);
+	}
+	io.TarnMkdir(install_directory_);
+	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
+		throw UpdateError("Disk space is too low");
+	}
+}
+
+void DiffStrategy::ApplyUpdate() {
+	try {
+		const FileLock lock(UsingLockPath(id_), kLockTimeout);
+		const ActivityScope activity(Phase::kApply, install_directory_);
+		SetReplacementMark(id_);
+		if (patcher_) {
+			patcher_->Install();
+		}
+	} catch (const std::exception& error) {
+		throw UpdateError(std::string("Fail to diff update: ") + error.what());
+	}
+}
+
+std::set<std::string> DiffStrategy::GetModifiedFiles() const {
+	std::set<std::string> files;
+	for (const auto& [name, info] : _ModifyInfos()) {
+		files.insert(files.end(), name);
+	}
+	return files;
+}
+
+int64_t DiffStrategy::GetDeltaSize() const {
+	const IOUtils io;
+	int64_t freed = 0;
+	for (const auto& [name, info] : _ModifyInfos()) {
+		boost::system::error_code ignored;
+		if (fs::exists(fs::status(name, ignored))) {
+			freed += static_cast<int64_t>(io.GetSize(name));
+		}
+		freed -= static_cast<int64_t>(io.GetSize(info.source));
+	}
+	return freed;
+}
+
+bool DiffStrategy::_IsDiffUpdateAvailable() const {
+	if (status_.data_version >= remote_.data_version || diffs_.empty()) {
+		return false;
+	}
+	for (int version = status_.data_version; version < remote_.data_version;) {
+		if (diffs_.count(++version) == 0) {
+			return false;
+		}
+	}
+	return true;
+}
+
+void DiffStrategy::_DoDiffUpdateTo(int version) {
+	const DiffInfo& diff = diffs_.at(version);
+	const std::string number = std::to_string(version);
+	const std::string package = package_files_[version] = TempPath(temp_base_, id_, "d" + number);
+	const std::string directory = delta_directories_[version] = TempPath(temp_base_, id_, "delta_" + number);
+	const IOUtils io;
+	io.TarnMkdir(directory);
+	io.Download(package, diff.download_link);
+	_ExtractTarballTo(package, directory);
+	patcher_->ApplyPackage(directory);
+	io.RmRf(directory);
+}
+
+const std::map<std::string, ModifyInfo>& DiffStrategy::_ModifyInfos() const {
+	static const std::map<std::string, ModifyInfo> kNone;
+	return patcher_ ? patcher_->Modifications() : kNone;
+}
+
+} // namespace tarn::dataupdate
