@@ -1,0 +1,52 @@
+#ifndef TARNDBUDVCDIFF_WINDOW_DECODER_H
+#define TARNDBUDVCDIFF_WINDOW_DECODER_H
+
+#include "address_cache.h"
+#include "code_table.h"
+#include "output_buffer.h"
+#include "read_ahead.h"
+#include "section_reader.h"
+#include "window_header.h"
+
+namespace tarn::vcdiff {
+
+/** Sizes of the buffers, which are all the memory that decoding takes. */
+struct BufferSizes {
+	std::size_t section = 1U << 16U;
+	std::size_t read_ahead = 1U << 16U;
+	std::size_t block = 1U << 19U;
+};
+
+/** Carries out the instructions of one window after the other. */
+class WindowDecoder {
+public:
+	/** Everything given stays the caller's and outlives the decoder. */
+	WindowDecoder(const CodeTable& table, const ReadableBytes& patch, const ReadableBytes& source, OutputBuffer& output,
+	    const BufferSizes& sizes);
+
+	/** Appends the window to the output. Throws DecodeError. */
+	void Decode(const WindowHeader& window);
+
+private:
+	void Execute(const Instruction& instruction);
+	void Add(std::uint64_t size);
+	void Run(std::uint64_t size);
+	void Copy(std::uint64_t size, unsigned mode);
+	void CopySegment(std::uint64_t address, std::uint64_t size);
+	void CheckAllUsed() const;
+
+	const CodeTable& table_;
+	OutputBuffer& output_;
+	ReadAhead source_;
+	SectionReader data_;
+	SectionReader instructions_;
+	SectionReader addresses_;
+	AddressCache cache_;
+	WindowHeader window_;
+	std::uint64_t window_begin_ = 0; // in the output
+	std::uint64_t left_ = 0;         // of the target window
+};
+
+} // namespace tarn::vcdiff
+
+#endif
