@@ -10,6 +10,7 @@ from pathlib import Path
 import pytest
 from harness import faultserver
 from harness.device import DATABASE, Device
+from harness.packages import HandPublisher
 from harness.publisher import Publisher
 from harness.syslog import Syslog
 from harness.volumes import Volumes
@@ -93,6 +94,14 @@ def connected(device: Device, nginx: Nginx) -> Device:
     device.netloc = nginx.netloc
     device.configure()
     return device
+
+
+@pytest.fixture
+def hand(connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path) -> HandPublisher:
+    """Another publisher of the same repository, trusted as well, which writes what the real one never would."""
+    made = HandPublisher(tmp_path / "hand", publisher.repository, nginx.url)
+    connected.trust(made.key.public)
+    return made
 
 
 @pytest.fixture

@@ -2,18 +2,16 @@
 
 from __future__ import annotations
 
-import ctypes
 import os
 import random
 import time
-from collections.abc import Iterator
-from contextlib import contextmanager
 from pathlib import Path
 
 from harness import programs, trees, waiting
 from harness.device import DATABASE, DOCUMENT, RUN, Device
 from harness.faultserver import FaultServer
 from harness.publisher import Publisher
+from harness.readers import reading
 
 KILLS = 20
 
@@ -25,19 +23,6 @@ def package_requests(faults: FaultServer) -> list[str]:
 def publish_gated(publisher: Publisher, faults: FaultServer, tree: Path) -> None:
     """Publishes a package whose download stops after 1,000 bytes, until the gate is opened."""
     publisher.publish(tree, DATABASE, base=f"{faults.url}/gate/1000")
-
-
-@contextmanager
-def reading(database: str) -> Iterator[None]:
-    """Holds readers' lock the way a program does that links the library."""
-    library = ctypes.CDLL("libtarndbud.so.1")
-    library.TARNDBUDGetFileLock.argtypes = [ctypes.c_char_p, ctypes.c_ulong]
-    descriptor = library.TARNDBUDGetFileLock(database.encode(), 5)
-    assert descriptor >= 0
-    try:
-        yield
-    finally:
-        library.TARNDBUDReleaseFileLock(descriptor)
 
 
 def test_of_two_updates_at_once_the_second_finds_the_work_done(
@@ -95,7 +80,6 @@ def test_a_reader_delays_the_replacement_and_nothing_else(
     assert update.wait().status == 0
     assert time.monotonic() - released < 5
     trees.assert_same(second, connected.installed(DATABASE))
-
 
 
 def test_an_update_killed_at_any_moment_is_made_good_by_the_next(

@@ -92,9 +92,17 @@ class Device:
         assert self.volume is not None
         return self.volume / "@database/autoupdate" / name
 
+    def mark(self, name: str) -> Path:
+        """What stands while the files of a database are being replaced."""
+        return STATUS / name / "replacing"
+
     def temporary(self) -> Path:
         assert self.volume is not None
         return self.volume / "@tmp/data_update"
+
+    def working_copy(self, name: str, file: str) -> Path:
+        """Where patches are applied to a file of a database before it is installed."""
+        return self.temporary() / f"{name}_sum" / file.replace("/", "_").replace(".", "_")
 
     def run(self, *arguments: str, env: dict[str, str] | None = None) -> programs.Result:
         return programs.run(programs.CTL, *arguments, env=env)
@@ -104,6 +112,11 @@ class Device:
 
     def start(self, *arguments: str) -> programs.Running:
         return programs.Running([programs.CTL, *arguments])
+
+    def update(self, name: str) -> programs.Result:
+        """Asks the server anew and updates, which must succeed."""
+        self.forget_document()
+        return self.run_ok("update", name)
 
     def forget_document(self) -> None:
         """Makes the next run ask the server again."""

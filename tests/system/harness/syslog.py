@@ -9,6 +9,7 @@ import threading
 from pathlib import Path
 
 SOCKET = Path("/dev/log")
+GIVEN_UP = " Diff update fail, try full update: "
 SENTINEL = b"<0>everything sent before this has arrived"
 
 
@@ -46,6 +47,11 @@ class Syslog:
         self._send(SENTINEL)
         assert self._drained.wait(30)
         return list(self._lines)
+
+    def refusals(self) -> list[str]:
+        """Why diff updates were given up for full ones, each as the one warning of its update says it."""
+        warnings = (text for priority, text in self.lines() if priority == 4)
+        return [text.partition(GIVEN_UP)[2] for text in warnings if GIVEN_UP in text]
 
     def close(self) -> None:
         self._send(b"")

@@ -39,6 +39,12 @@ def write_database(path: Path, rows: int) -> None:
     connection.close()
 
 
+def executables(root: Path) -> set[str]:
+    """The names of the files below root that may be executed."""
+    files = (Path(directory, name) for directory, _, names in os.walk(root) for name in names)
+    return {str(path.relative_to(root)) for path in files if path.stat().st_mode & 0o111}
+
+
 def digest(path: Path, algorithm: str = "sha256") -> str:
     state = hashlib.new(algorithm)
     with path.open("rb") as stream:
@@ -65,3 +71,10 @@ def assert_same(published: Path, installed: Path) -> None:
     assert (missing, foreign, changed) == ([], [], []), (
         f"{installed} differs from {published}: missing {missing[:5]}, foreign {foreign[:5]}, changed {changed[:5]}"
     )
+
+
+def assert_holds(installed: Path, files: dict[str, bytes]) -> None:
+    """That exactly these files are installed."""
+    actual = {name: (installed / name).read_bytes() for name in contents(installed)}
+    differing = sorted(name for name in files.keys() | actual.keys() if files.get(name) != actual.get(name))
+    assert differing == [], f"{installed} differs in {len(differing)} files: {differing[:5]}"

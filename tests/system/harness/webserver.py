@@ -72,6 +72,10 @@ class Nginx:
         lines = (self._home / "access.log").read_text().splitlines()
         return [line for line in lines if SENTINEL not in line]
 
+    def packages(self) -> list[str]:
+        """The packages fetched whole so far, in order: "v<version>" for a full one, "d<version>" for a diff."""
+        return re.findall(r"^200 \d+ /packages/\w+/\w+_([vd]\d+)\.tarn$", "\n".join(self.requests()), re.MULTILINE)
+
     def close(self) -> None:
         self._process.terminate()
         self._process.wait(30)
