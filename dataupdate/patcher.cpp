@@ -1,5 +1,6 @@
 #include "patcher.h"
 
+#include "digest_stream.h"
 #include "file_copy.h"
 #include "patch_description.h"
 #include "progress.h"
@@ -45,10 +46,12 @@ void CopyPermissions(const std::string& from, const std::string& to) {
 
 } // namespace
 
-Patcher::Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder)
+Patcher::Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
+    std::map<std::string, std::string> digests)
     : accumulation_directory_(std::move(accumulation_directory)),
       install_directory_(std::move(install_directory)),
-      decoder_(std::move(decoder)) {}
+      decoder_(std::move(decoder)),
+      digests_(std::move(digests)) {}
 
 void Patcher::ApplyPackage(const std::string& package_directory) {
 	for (const PatchMember& member : ReadPatchDescription(package_directory)) {
@@ -86,12 +89,21 @@ void Patcher::_PatchFile(const std::string& name, const std::string& operation, 
 	}
 }
 
-void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
-	if (!ExistsOrThrow(working_copy)) {
-		IOUtils().CopyFile((fs::path(install_directory_) / name).string(), working_copy);
-		CheckRegular(working_copy);
+void Patcher::_TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const {
+	IOUtils().CopyFile(installed, working_copy);
+	CheckRegular(working_copy);
+	const auto known = digests_.find(installed);
+	if (check_digest && known != digests_.end() && FileSha384(working_copy) != known->second) {
+		throw UpdateError((NoexceptFormat("File %s digest check fail") % installed).str());
 	}
+}
+
+void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
 	const std::string extension = fs::path(input).extension().string();
+	if (!ExistsOrThrow(working_copy)) {
+		const std::string installed = (fs::path(install_directory_) / name).string();
+		_TakeInstalled(installed, working_copy, extension == ".sqlitediff");
+	}
 	if (extension == ".vcdiff") {
 		_DoVcPatch(working_copy, input);
 	} else if (extension == ".sqlitediff") {

@@ -26,15 +26,18 @@ public:
 	/**
 	 * @param accumulation_directory  an empty directory for the working copies
 	 * @param install_directory       the database's files
-	 * @param decoder                 whatever it throws but UpdateError leaves ApplyPackage() as it is
+	 * @param decoder                 whatever it throws leaves ApplyPackage() as it is
+	 * @param digests                 what is known of the installed files: SHA-384 by path. A patch tells itself that a
+	 *                                file is not the one it was made for; before a script this is what does
 	 */
-	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder);
+	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
+	    std::map<std::string, std::string> digests = {});
 
 	/**
 	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
 	 * for file <name>", "Unsupported diff type: <extension>", "Fail to get exists info from <working copy>", "Working
-	 * copies of <name> and <name> collide", "Not a regular file: <working copy>", IOUtils::CopyFile()'s and the
-	 * decoder's errors, "Failt to delete <path>" and ExecuteSqlScript()'s.
+	 * copies of <name> and <name> collide", "Not a regular file: <working copy>", "File <path> digest check fail",
+	 * IOUtils::CopyFile()'s and the decoder's errors, "Failt to delete <path>" and ExecuteSqlScript()'s.
 	 */
 	void ApplyPackage(const std::string& package_directory);
 
@@ -46,6 +49,7 @@ public:
 
 private:
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
+	void _TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
 	void _DoVcPatch(const std::string& file, const std::string& patch) const;
 	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
@@ -55,6 +59,7 @@ private:
 	std::string accumulation_directory_;
 	std::string install_directory_;
 	Decoder decoder_;
+	std::map<std::string, std::string> digests_;
 	std::map<std::string, std::string> names_of_copies_; // Which name a flat one stands for.
 	std::map<std::string, ModifyInfo> modify_infos_;
 };

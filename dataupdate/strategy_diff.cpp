@@ -29,6 +29,15 @@ void RunDecoder(const std::string& source, const std::string& output, const std:
 	}
 }
 
+/** The recorded digests by path, whether the record names its files relative to the install directory or not. */
+std::map<std::string, std::string> KnownDigests(const DatabaseStatus& status, const std::string& install_directory) {
+	std::map<std::string, std::string> digests;
+	for (const auto& [name, file] : status.file_statuses) {
+		digests.emplace(JoinPath(install_directory, name), file.sha384_digest);
+	}
+	return digests;
+}
+
 void ClearTmpData(const std::string& path) noexcept {
 	try {
 		IOUtils().RmRf(path);
@@ -75,7 +84,8 @@ void DiffStrategy::PrepareUpdate() {
 	RemoveLeftovers(temp_base_, id_);
 	accumulation_directory_ = TempPath(temp_base_, id_, "sum");
 	io.TarnMkdir(accumulation_directory_);
-	patcher_ = std::make_unique<Patcher>(accumulation_directory_, install_directory_, RunDecoder);
+	patcher_ = std::make_unique<Patcher>(
+	    accumulation_directory_, install_directory_, RunDecoder, KnownDigests(status_, install_directory_));
 	for (int version = status_.data_version; version < remote_.data_version;) {
 		_DoDiffUpdateTo(++version);
 	}

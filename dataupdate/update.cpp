@@ -70,6 +70,17 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	return remote;
 }
 
+/** What is installed; a mixture that a killed run left counts as nothing, whatever the record says of the time before.
+ */
+DatabaseStatus InstalledStatus(const InfoGetter& getter, const std::string& id) {
+	DatabaseStatus status = getter.GetDatabaseStatus(id);
+	if (IsReplacementMarked(id)) {
+		TARN_LOG(LOG_WARNING, "The last replacement of '%s' was not finished", id.c_str());
+		status.data_version = -1;
+	}
+	return status;
+}
+
 void Record(const InfoGetter& getter, const std::string& id, const DatabaseStatus& status) {
 	getter.SetDatabaseStatus(id, status);
 	ClearReplacementMark(id);
@@ -89,7 +100,7 @@ void Update::UpdateAllProjects() const {
 
 void Update::UpdateProject(const std::string& id) const {
 	RunLocked(*service_config_, id, "Update", [&] {
-		const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+		const DatabaseStatus status = InstalledStatus(*info_getter_, id);
 		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
 		const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
 		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
@@ -116,7 +127,7 @@ void Update::FixAllProjects() const {
 
 void Update::FixProject(const std::string& id) const {
 	RunLocked(*service_config_, id, "Fix", [&] {
-		const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+		const DatabaseStatus status = InstalledStatus(*info_getter_, id);
 		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
 		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
 		const std::string root_directory = config->GetRootDirectory();
