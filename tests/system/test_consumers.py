@@ -1,0 +1,75 @@
+"""Programs of others are built against what is installed, and work."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import pytest
+from harness import programs, trees
+from harness.device import DATABASE, Device
+from harness.publisher import Publisher
+
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
+
+
+@pytest.fixture(scope="module")
+def built(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The directory of the example programs, which CMake built by find_package()."""
+    directory = tmp_path_factory.mktemp("consumer")
+    programs.run_ok("/usr/bin/cmake", "-S", EXAMPLES / "consumer", "-B", directory)
+    programs.run_ok("/usr/bin/cmake", "--build", directory)
+    return directory
+
+
+def test_a_host_in_cpp_is_built_by_find_package_and_runs(clean_device: None, built: Path) -> None:
+    programs.run_ok(built / "host")
+
+
+def test_a_version_that_is_not_compatible_is_not_found(tmp_path: Path) -> None:
+    (tmp_path / "CMakeLists.txt").write_text(
+        "cmake_minimum_required(VERSION 3.20)\nproject(wrong LANGUAGES C)\nfind_package(tarndbud 2.0 REQUIRED)\n"
+    )
+    result = programs.run("/usr/bin/cmake", "-S", tmp_path, "-B", tmp_path / "build")
+    assert result.status != 0
+    assert "tarndbud" in result.stderr
+
+
+def test_a_reader_in_c_is_built_by_pkg_config(tmp_path: Path) -> None:
+    reader = tmp_path / "reader"
+    line = f"gcc -std=c11 -Wall -Werror {EXAMPLES}/reader.c $(pkg-config --cflags --libs tarndbud) -o {reader}"
+    programs.run_ok("/bin/sh", "-c", line)
+    assert programs.run(reader).status == 2
+
+
+def test_a_reader_waits_for_a_replacement_that_is_running(
+    connected: Device, publisher: Publisher, built: Path, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", {"list": b"content"})
+    publisher.publish(tree, DATABASE)
+    connected.update(DATABASE)
+    reader = [str(built / "reader"), DATABASE, str(connected.installed(DATABASE) / "list")]
+    with connected.locked(f"using_{DATABASE}.lock"):
+        assert programs.run(*reader, "0").status == 75
+        waiting = programs.Running([*reader, "60"])
+        assert not waiting.has_ended()
+    assert waiting.wait().stdout == "content"
+
+
+def test_readers_see_one_version_whole_while_updates_replace_it(
+    connected: Device, publisher: Publisher, built: Path, tmp_path: Path
+) -> None:
+    contents = [f"version {number}\n" * 20_000 for number in range(1, 6)]
+    reader = [str(built / "reader"), DATABASE, str(connected.installed(DATABASE) / "list"), "60"]
+    seen = []
+    for content in contents:
+        publisher.publish(trees.write_tree(tmp_path / "tree", {"list": content.encode()}), DATABASE)
+        connected.forget_document()
+        update = connected.start("update", DATABASE)
+        while not update.has_ended():
+            seen.append(programs.run(*reader))
+        assert update.wait().status == 0
+    read = [result for result in seen if result.status == 0]
+    assert read
+    assert {result.stdout for result in read} <= set(contents)
+    # Only before the very first installation is there nothing to read.
+    assert {result.status for result in seen} <= {0, 1, 75}
