@@ -176,12 +176,14 @@ class HandPublisher:
         }
         self.write_document()
 
-    def diff(self, name: str, version: int, diff: Diff, key: Key | None = None) -> Path:
+    def diff(self, name: str, version: int, diff: Diff, key: Key | None = None) -> None:
         """Offers a diff package that leads to a version; the full package is published apart."""
-        path = self.package(name, f"d{version}")
-        self._write(path, diff.archive(key or self.key, _metadata(name, version, "diff")))
-        self.offer(name, version, self.link(name, f"d{version}"), path.stat().st_size)
-        return path
+        self.diff_of(name, version, diff.archive(key or self.key, _metadata(name, version, "diff")))
+
+    def diff_of(self, name: str, version: int, archive: bytes) -> None:
+        """Offers these bytes as a diff package."""
+        self._write(self.package(name, f"d{version}"), archive)
+        self.offer(name, version, self.link(name, f"d{version}"), len(archive))
 
     def offer(self, name: str, version: int, link: str, size: int) -> None:
         offered = self._entries[name]["diff_files"]

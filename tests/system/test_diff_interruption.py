@@ -1,0 +1,318 @@
+"""Diff updates that are killed, run out of room or meet what a killed one left: the next one makes it good."""
+
+from __future__ import annotations
+
+import os
+import random
+import shutil
+import signal
+import sqlite3
+import threading
+import time
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+import pytest
+from harness import databases, packages, programs, readers, trees, waiting
+from harness.device import DATABASE, STATUS, Device
+from harness.packages import Diff, HandPublisher
+from harness.syslog import Syslog
+from harness.volumes import MIB, Volumes
+from harness.webserver import Nginx
+
+Files = dict[str, bytes]
+
+KILLS = 50
+COUNT = "UPDATE counters SET value = value + 1"
+"""Does harm when it is executed twice."""
+
+
+def counters(value: int) -> bytes:
+    return databases.made(
+        ["CREATE TABLE counters (id INTEGER PRIMARY KEY, value INTEGER)"]
+        + [f"INSERT INTO counters VALUES ({number}, {value})" for number in range(200)]
+    )
+
+
+class Chain:
+    """Versions 1 to 4 of a tree of patched, new and vanishing files and a database that is changed by scripts."""
+
+    FILES = 120
+    LAST = 4
+
+    def __init__(self, hand: HandPublisher) -> None:
+        self._hand = hand
+        source = random.Random(4)
+        self._blocks = {f"part{n % 7}/file{n:03}": source.randbytes(3000) for n in range(self.FILES)}
+        self._database = counters(1)
+
+    def files(self, version: int) -> Files:
+        files = {name: block[:1500] + b"version %d" % version + block[1500:] for name, block in self._blocks.items()}
+        files[f"only in/{version}"] = b"of this version alone"
+        return files
+
+    def publish_first(self) -> None:
+        self._hand.full(DATABASE, 1, {**self.files(1), "counters.sqlite": self._database})
+
+    def publish_rest(self) -> None:
+        last = databases.changed(self._database, [COUNT] * (self.LAST - 1))
+        self._hand.full(DATABASE, self.LAST, {**self.files(self.LAST), "counters.sqlite": last})
+        for version in range(2, self.LAST + 1):
+            diff = Diff.between(self.files(version - 1), self.files(version)).script("counters.sqlite", COUNT)
+            self._hand.diff(DATABASE, version, diff)
+
+    def assert_installed(self, root: Path, version: int) -> None:
+        """Exactly the version, whichever way it came."""
+        held = {name: (root / name).read_bytes() for name in trees.contents(root)}
+        assert counted(held.pop("counters.sqlite")) == {version}
+        expected = self.files(version)
+        assert sorted(held) == sorted(expected)
+        assert [name for name in expected if held[name] != expected[name]] == []
+
+
+def counted(database: bytes) -> set[int]:
+    connection = sqlite3.connect(":memory:")
+    connection.deserialize(database)
+    values = {row[0] for row in connection.execute("SELECT value FROM counters")}
+    connection.close()
+    return values
+
+
+class Snapshot:
+    """A device's installed files and records, to go back to."""
+
+    def __init__(self, device: Device, place: Path) -> None:
+        self._pairs = [(device.installed(DATABASE), place / "tree"), (STATUS / DATABASE, place / "status")]
+        for current, kept in self._pairs:
+            shutil.copytree(current, kept, symlinks=True)
+
+    def restore(self) -> None:
+        for current, kept in self._pairs:
+            shutil.rmtree(current)
+            shutil.copytree(kept, current, symlinks=True)
+
+
+@pytest.fixture
+def chain(connected: Device, hand: HandPublisher) -> Chain:
+    """Version 1 is installed, and a chain to version 4 is offered."""
+    made = Chain(hand)
+    made.publish_first()
+    connected.update(DATABASE)
+    made.publish_rest()
+    connected.forget_document()
+    return made
+
+
+def killed(update: programs.Running, moment: float) -> bool:
+    """Kills a program after so long; whether that came before its end."""
+    time.sleep(moment)
+    update.kill()
+    return update.wait().status != 0
+
+
+def await_mark(device: Device, update: programs.Running) -> None:
+    """Waits without a pause until the replacement has begun or the program has ended."""
+    mark = device.mark(DATABASE)
+    while not mark.exists() and not update.has_ended():
+        pass
+
+
+def mended(device: Device, chain: Chain, nginx: Nginx, what: str) -> list[str]:
+    """Updates after a kill, which must give exactly the newest tree; returns the packages that it took."""
+    unfinished = device.mark(DATABASE).exists()
+    before = len(nginx.packages())
+    result = device.run("update", DATABASE)
+    assert result.status == 0, f"{what}: {result}"
+    try:
+        chain.assert_installed(device.installed(DATABASE), Chain.LAST)
+    except AssertionError as error:
+        raise AssertionError(what) from error
+    device.run_ok("check", DATABASE)
+    assert device.version(DATABASE) == Chain.LAST
+    assert not device.mark(DATABASE).exists(), what
+    assert not device.temporary().exists() or list(device.temporary().iterdir()) == [], what
+    took = nginx.packages()[before:]
+    assert ("v4" in took) == unfinished, f"{what}: {took}"
+    return took
+
+
+def test_an_update_killed_at_any_moment_is_made_good_by_the_next(
+    connected: Device, chain: Chain, nginx: Nginx, tmp_path: Path
+) -> None:
+    seed = int(os.environ.get("TARN_SEED", random.SystemRandom().randrange(1 << 32)))
+    print(f"TARN_SEED={seed}")
+    source = random.Random(seed)
+    snapshot = Snapshot(connected, tmp_path / "snapshot")
+    duration = connected.run_ok("update", DATABASE).seconds
+    snapshot.restore()
+    replacing = time_of_replacement(connected)
+    unfinished = mixtures = 0
+    for number in range(KILLS):
+        snapshot.restore()
+        update = connected.start("update", DATABASE)
+        if number % 2:
+            await_mark(connected, update)
+            moment = source.uniform(0, replacing)
+        else:
+            moment = source.uniform(0, duration)
+        unfinished += killed(update, moment)
+        mixtures += connected.mark(DATABASE).exists()
+        mended(connected, chain, nginx, f"kill {number} after {moment:.4f} s{' of the replacement' * (number % 2)}")
+    assert unfinished >= KILLS // 2
+    assert mixtures >= KILLS // 5, "kills in the midst of the replacement"
+
+
+def time_of_replacement(device: Device) -> float:
+    update = device.start("update", DATABASE)
+    await_mark(device, update)
+    begin = time.monotonic()
+    assert update.wait().status == 0
+    return time.monotonic() - begin
+
+
+def test_a_replacement_that_stopped_halfway_is_finished_by_the_full_package(
+    connected: Device, chain: Chain, nginx: Nginx, syslog: Syslog
+) -> None:
+    installed = connected.installed(DATABASE)
+    for name, content in list(chain.files(Chain.LAST).items())[::2]:
+        (installed / name).parent.mkdir(exist_ok=True)
+        (installed / name).write_bytes(content)
+    databases.changed_at(installed / "counters.sqlite", [COUNT] * 3)
+    connected.mark(DATABASE).touch()
+    assert mended(connected, chain, nginx, "a mixture") == ["v4"]
+    [reason] = syslog.refusals()
+    assert reason == f"The last replacement of {DATABASE} was not finished"
+
+
+def test_patches_applied_a_second_time_never_make_a_third_state(
+    connected: Device, chain: Chain, nginx: Nginx
+) -> None:
+    installed = connected.installed(DATABASE)
+    newest = chain.files(Chain.LAST)
+    for name, content in newest.items():
+        (installed / name).parent.mkdir(exist_ok=True)
+        (installed / name).write_bytes(content)
+    connected.run_ok("update", DATABASE)
+    assert nginx.packages() == ["v1", "d2", "v4"]
+    chain.assert_installed(installed, Chain.LAST)
+
+
+def plant(directory: Path, files: Files) -> None:
+    for name, content in files.items():
+        (directory / name).parent.mkdir(parents=True, exist_ok=True)
+        (directory / name).write_bytes(content)
+
+
+def test_what_a_killed_update_left_is_neither_patched_nor_installed(
+    connected: Device, chain: Chain, nginx: Nginx
+) -> None:
+    poison = b"of a killed run"
+    temporary = connected.temporary()
+    working_copies = {name.replace("/", "_").replace(".", "_"): poison for name in chain.files(1)}
+    plant(temporary / f"{DATABASE}_sum", {
+        **working_copies, "counters_sqlite": counters(99), "counters_sqlite-wal": poison,
+        "counters_sqlite-journal": poison, "part0_file000.patchout": poison, "foreign": poison,
+    })  # fmt: skip
+    for version in (2, 3, 9):
+        plant(temporary / f"{DATABASE}_delta_{version}", {"patch_infos.json": b"{}", "files/000001.vcdiff": poison})
+    plant(temporary, {f"{DATABASE}_d2": poison, f"{DATABASE}_d3": b"", f"{DATABASE}_v4": poison})
+    assert mended(connected, chain, nginx, "leftovers") == ["d2", "d3", "d4"]
+
+
+def test_leftovers_that_are_links_lead_nowhere(
+    connected: Device, chain: Chain, nginx: Nginx, tmp_path: Path
+) -> None:
+    outside = tmp_path / "outside"
+    plant(outside, {"part0_file000": b"kept", "package": b"kept"})
+    temporary = connected.temporary()
+    temporary.mkdir(parents=True, exist_ok=True)
+    (temporary / f"{DATABASE}_sum").symlink_to(outside)
+    (temporary / f"{DATABASE}_delta_2").symlink_to(outside)
+    (temporary / f"{DATABASE}_d2").symlink_to(outside / "package")
+    assert mended(connected, chain, nginx, "links") == ["d2", "d3", "d4"]
+    trees.assert_holds(outside, {"part0_file000": b"kept", "package": b"kept"})
+
+
+def test_a_package_that_stays_away_halfway_leaves_the_rest_to_the_full_one(
+    connected: Device, chain: Chain, hand: HandPublisher, nginx: Nginx
+) -> None:
+    hand.package(DATABASE, "d3").unlink()
+    connected.run_ok("update", DATABASE)
+    assert nginx.packages() == ["v1", "d2", "v4"]
+    chain.assert_installed(connected.installed(DATABASE), Chain.LAST)
+
+
+@pytest.mark.parametrize("kind", ["tmpfs", "ext4"])
+def test_a_volume_that_fills_up_midway_keeps_the_old_tree_until_there_is_room(
+    connected: Device, hand: HandPublisher, nginx: Nginx, volumes: Volumes, kind: str
+) -> None:
+    volume = volumes.make(kind, 96 * MIB)
+    connected.volume = volume
+    connected.list_volumes(volume)
+    connected.configure()
+    source = random.Random(1)
+    old: Files = {f"file{number}": source.randbytes(4 * MIB) for number in range(5)}
+    new: Files = {name: content + b"appended" for name, content in old.items()}
+    hand.full(DATABASE, 1, old)
+    connected.update(DATABASE)
+    hand.full(DATABASE, 2, new)
+    hand.diff(DATABASE, 2, Diff.between(old, new))
+    connected.forget_document()
+    filler = volume / "filler"
+    # Leaves room for some of the working copies, and for less than the full package.
+    filler_size = shutil.disk_usage(volume).free - 14 * MIB
+    with filler.open("wb") as stream:
+        os.posix_fallocate(stream.fileno(), 0, filler_size)
+    result = connected.run("update", DATABASE)
+    assert result.status == 1, str(result)
+    assert len(result.stderr.splitlines()) == 1
+    trees.assert_holds(connected.installed(DATABASE), old)
+    assert connected.version(DATABASE) == 1
+    assert not connected.mark(DATABASE).exists()
+    connected.run_ok("check", DATABASE)
+    assert not connected.temporary().exists() or list(connected.temporary().iterdir()) == []
+    filler.unlink()
+    before = len(nginx.packages())
+    connected.run_ok("update", DATABASE)
+    assert nginx.packages()[before:] == ["d2"]
+    trees.assert_holds(connected.installed(DATABASE), new)
+
+
+def test_a_reader_delays_the_replacement_and_nothing_else(
+    connected: Device, chain: Chain, nginx: Nginx, tmp_path: Path
+) -> None:
+    prepared = tmp_path / "prepared"
+    connected.add_hook("10-tell", f'#!/bin/sh\n[ "$1" = pre ] && : > {prepared}\nexit 0\n')
+    with readers.reading(DATABASE):
+        update = connected.start("update", DATABASE)
+        waiting.until(prepared.exists, "all patches are applied")
+        assert nginx.packages() == ["v1", "d2", "d3", "d4"]
+        assert readers.may_read(DATABASE), "many may read at once"
+        assert not update.has_ended()
+        chain.assert_installed(connected.installed(DATABASE), 1)
+    assert update.wait().status == 0
+    chain.assert_installed(connected.installed(DATABASE), Chain.LAST)
+    assert readers.may_read(DATABASE)
+
+
+def test_readers_are_locked_out_while_files_are_replaced(
+    connected: Device, chain: Chain, nginx: Nginx, tmp_path: Path
+) -> None:
+    snapshot = Snapshot(connected, tmp_path / "snapshot")
+    for _ in range(20):
+        update = connected.start("update", DATABASE)
+        await_mark(connected, update)
+        os.kill(update.pid, signal.SIGSTOP)
+        # Stopped too late when the record of the new version is already there.
+        in_replacement = connected.mark(DATABASE).exists() and connected.is_locked(f"using_{DATABASE}.lock")
+        if in_replacement:
+            assert not readers.may_read(DATABASE)
+        os.kill(update.pid, signal.SIGCONT)
+        assert update.wait().status == 0
+        assert readers.may_read(DATABASE)
+        chain.assert_installed(connected.installed(DATABASE), Chain.LAST)
+        if in_replacement:
+            return
+        snapshot.restore()
+    pytest.fail("the replacement was never seen")

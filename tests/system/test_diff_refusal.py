@@ -1,0 +1,253 @@
+"""Diff packages that are wrong, damaged or hostile: refused as a whole, with the full package making it good."""
+
+from __future__ import annotations
+
+import json
+import re
+from collections.abc import Callable
+from pathlib import Path
+
+import pytest
+from harness import databases, packages, trees
+from harness.device import DATABASE, Device
+from harness.packages import Diff, HandPublisher, Key, Member
+from harness.syslog import Syslog
+from harness.webserver import Nginx
+
+Files = dict[str, bytes]
+
+DATABASE_FILE = databases.made(
+    ["CREATE TABLE entries (id INTEGER PRIMARY KEY, name TEXT)"]
+    + [f"INSERT INTO entries VALUES ({number}, 'entry {number}')" for number in range(100)]
+)
+OLD: Files = {"readme": b"as it was\n" * 20, "a/b": b"below a", "names.sqlite": DATABASE_FILE}
+NEW: Files = {"readme": b"as it was\n" * 19 + b"changed\n", "a/b": b"changed below a", "names.sqlite": DATABASE_FILE}
+OUTSIDE = Path("/var/lib/tarn-test-outside")
+"""What nothing may write to."""
+
+
+@pytest.fixture(autouse=True)
+def outside() -> None:
+    OUTSIDE.unlink(missing_ok=True)
+
+
+def usual() -> Diff:
+    return Diff.between(OLD, NEW)
+
+
+class Refusal:
+    """A device with version 1, to which version 2 is offered by a diff that must be refused."""
+
+    def __init__(self, device: Device, hand: HandPublisher, nginx: Nginx, syslog: Syslog) -> None:
+        self._device, self._hand, self._nginx, self._syslog = device, hand, nginx, syslog
+        hand.full(DATABASE, 1, OLD)
+        device.update(DATABASE)
+        hand.full(DATABASE, 2, NEW)
+        self._before = len(syslog.refusals())
+
+    def expect(self, reason: str) -> None:
+        """That the update tries the diff, gives one reason that matches, and takes the full package."""
+        self._device.update(DATABASE)
+        assert self._nginx.packages() == ["v1", "d2", "v2"]
+        trees.assert_holds(self._device.installed(DATABASE), NEW)
+        self._device.run_ok("check", DATABASE)
+        assert list(self._device.temporary().iterdir()) == []
+        reasons = self._syslog.refusals()[self._before :]
+        assert len(reasons) == 1, reasons
+        assert re.search(reason, reasons[0]), reasons[0]
+        assert not OUTSIDE.exists()
+
+
+@pytest.fixture
+def refusal(connected: Device, hand: HandPublisher, nginx: Nginx, syslog: Syslog) -> Refusal:
+    return Refusal(connected, hand, nginx, syslog)
+
+
+REFUSED: dict[str, tuple[Callable[[], Diff], str]] = {
+    "unknown operation": (lambda: usual().member("readme", "rename", "files/000000.vcdiff"),
+                          "^Unknown operation rename for file readme$"),
+    "no operation": (lambda: usual().member("readme", None), "readme"),
+    "operation of the wrong type": (lambda: usual().member("readme", 7), "operation of readme"),
+    "input of the wrong type": (lambda: usual().member("readme", "create", {"a": 1}), "input_file of readme"),
+    "upper-case ending": (lambda: Diff().patch("readme", OLD["readme"], NEW["readme"], extension=".VCDIFF"),
+                          r"^Unsupported diff type: \.VCDIFF$"),
+    "no ending": (lambda: Diff().patch("readme", OLD["readme"], NEW["readme"], extension=""),
+                  "^Unsupported diff type: $"),
+    "patch of another base": (lambda: usual().patch("readme", b"another base" * 900, NEW["readme"]),
+                              "^Fail to apply vcdiff on .*_sum/readme$"),
+    "patch that is none": (lambda: usual().carry("files/1.vcdiff", b"none").member("readme", "update", "files/1.vcdiff"),
+                           "^Fail to apply vcdiff on .*_sum/readme$"),
+    "update of what is not there": (lambda: usual().patch("absent", b"", b"new"), "absent"),
+    "update of a folder": (lambda: usual().patch("a", b"", b"new"), "Not a regular file: .*_sum/a$"),
+    "script for no database": (lambda: usual().script("readme", "DELETE FROM entries"), "^Fail apply sql cmd: "),
+    "names that share a working copy": (lambda: usual().create("a_b", b"1").create("a.b", b"2"),
+                                        r"collide"),
+    "input that is missing": (lambda: usual().member("readme", "create", "files/none"),
+                              "^Illegal input file in diff package: files/none$"),
+    "input that is a folder": (lambda: usual().member("readme", "create", "files"), "Illegal input file .*: files$"),
+    "input that is empty": (lambda: usual().member("readme", "create", ""), "^Illegal input file in diff package: $"),
+    "input that climbs out": (lambda: usual().member("readme", "create", "../timezones_d2"), "Illegal input file"),
+    "input that climbs out and back": (
+        lambda: usual().member("readme", "create", "../timezones_delta_2/patch_infos.json"), "Illegal input file"),
+    "input from the root": (lambda: usual().member("readme", "create", "/etc/hostname"), "Illegal input file"),
+    "input that is a link": (
+        lambda: usual().carry("files/link.new", Member(target="000000.vcdiff")).member("a", "create", "files/link.new"),
+        "Illegal input file in diff package: files/link.new"),
+    "input behind a link": (
+        lambda: usual().carry("link", Member(target="files")).member("readme", "create", "link/000000.vcdiff"),
+        "Illegal input file in diff package: link/000000.vcdiff"),
+    "name that climbs out": (lambda: usual().create("../" * 12 + str(OUTSIDE)[1:], b"foreign"), "Illegal file name"),
+    "name that climbs out in the middle": (lambda: usual().create("a/../../x", b"foreign"), "Illegal file name"),
+    "name from the root": (lambda: usual().create(str(OUTSIDE), b"foreign"), f"Illegal file name .*{OUTSIDE}"),
+    "name from the root to delete": (lambda: usual().delete("/etc/hostname"), "Illegal file name"),
+    "name that climbs out to delete": (lambda: usual().delete("../x"), "Illegal file name"),
+    "name of nothing": (lambda: usual().create("", b"foreign"), "Illegal file name"),
+    "name of the directory itself": (lambda: usual().delete("."), "Illegal file name"),
+    "name with a doubled stroke": (lambda: usual().create("a//c", b"foreign"), "Illegal file name"),
+    "name that ends in a stroke": (lambda: usual().create("a/c/", b"foreign"), "Illegal file name"),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("case", REFUSED)
+def test_a_diff_that_is_wrong_is_refused_and_told(hand: HandPublisher, refusal: Refusal, case: str) -> None:
+    make, reason = REFUSED[case]
+    hand.diff(DATABASE, 2, make())
+    refusal.expect(reason)
+
+
+DESCRIPTIONS: dict[str, tuple[bytes | None, str]] = {
+    "missing": (None, "patch_infos.json"),
+    "empty": (b"", "patch_infos.json"),
+    "no JSON": (b"<html></html>", "patch_infos.json"),
+    "cut": (json.dumps({"readme": {"operation": "delete", "input_file": ""}}).encode()[:-1], "patch_infos.json"),
+    "a list": (b"[]", "^Not a description of patches: .*_delta_2/patch_infos.json$"),
+    "a list below": (b'{"readme": []}', "Invalid description of readme"),
+    "nested 5,000 deep": (b'{"readme":' * 5000 + b"1" + b"}" * 5000, "patch_infos.json"),
+}
+
+
+@pytest.mark.parametrize("case", DESCRIPTIONS)
+def test_a_diff_without_a_readable_description_is_refused(hand: HandPublisher, refusal: Refusal, case: str) -> None:
+    description, reason = DESCRIPTIONS[case]
+    diff = usual()
+    members = diff.members if description is None else {packages.DESCRIPTION: description, **diff.members}
+    hand.diff_of(DATABASE, 2, packages.archive(hand.key, members, {"kind": "diff"}))
+    refusal.expect(reason)
+
+
+def damaged(archive: bytes) -> bytes:
+    """With one bit of the payload turned."""
+    return archive[:-1] + bytes([archive[-1] ^ 1])
+
+
+ARCHIVES: dict[str, Callable[[bytes], bytes]] = {
+    "damaged": damaged,
+    "cut": lambda archive: archive[:-1],
+    "longer": lambda archive: archive + b"x",
+    "empty": lambda archive: b"",
+    "a web page": lambda archive: b"<html>Please sign in to this network.</html>",
+}
+
+
+@pytest.mark.parametrize("case", ARCHIVES)
+def test_a_package_that_is_not_the_signed_one_is_refused(hand: HandPublisher, refusal: Refusal, case: str) -> None:
+    sound = usual().archive(hand.key, {"kind": "diff"})
+    hand.diff_of(DATABASE, 2, ARCHIVES[case](sound))
+    refusal.expect("^tarnarchive_open .*timezones_d2 failed, ret: ")
+
+
+def test_a_package_signed_by_somebody_else_is_refused(
+    hand: HandPublisher, refusal: Refusal, tmp_path: Path
+) -> None:
+    hand.diff(DATABASE, 2, usual(), key=Key(tmp_path / "foreign"))
+    refusal.expect("^tarnarchive_open .*timezones_d2 failed, ret: ")
+
+
+def test_a_broken_second_link_ends_the_chain_there(
+    connected: Device, hand: HandPublisher, nginx: Nginx, syslog: Syslog, tmp_path: Path
+) -> None:
+    versions = [{"file": f"version {number} ".encode() * 100} for number in range(5)]
+    hand.full(DATABASE, 1, versions[1])
+    connected.update(DATABASE)
+    hand.full(DATABASE, 4, versions[4])
+    foreign = Key(tmp_path / "foreign")
+    for number in (2, 3, 4):
+        diff = Diff.between(versions[number - 1], versions[number])
+        hand.diff(DATABASE, number, diff, key=foreign if number == 3 else None)
+    connected.update(DATABASE)
+    assert nginx.packages() == ["v1", "d2", "d3", "v4"]
+    trees.assert_holds(connected.installed(DATABASE), versions[4])
+    [_, reason] = syslog.refusals()
+    assert re.match("tarnarchive_open .*timezones_d3 failed, ret: ", reason), reason
+
+
+def test_a_wrong_base_on_the_device_is_made_good(
+    connected: Device, hand: HandPublisher, refusal: Refusal
+) -> None:
+    hand.diff(DATABASE, 2, usual())
+    (connected.installed(DATABASE) / "readme").write_bytes(b"damaged on the device")
+    refusal.expect("^Fail to apply vcdiff on ")
+
+
+def test_a_link_in_place_of_an_installed_file_is_not_followed(
+    connected: Device, hand: HandPublisher, refusal: Refusal
+) -> None:
+    hand.diff(DATABASE, 2, usual())
+    kept = Path(connected.installed(DATABASE)).parent / "kept"
+    kept.write_bytes(OLD["readme"])
+    installed = connected.installed(DATABASE) / "readme"
+    installed.unlink()
+    installed.symlink_to(kept)
+    refusal.expect("Not a regular file: ")
+    assert kept.read_bytes() == OLD["readme"]
+    kept.unlink()
+
+
+SCRIPTS: dict[str, tuple[list[str], str]] = {
+    "fails in its third line": (
+        ["DELETE FROM entries WHERE id = 1", "DELETE FROM entries WHERE id = 2", "DELETE FROM absent",
+         "DELETE FROM entries WHERE id = 3"], "no such table: absent"),
+    "commits": (["DELETE FROM entries", "COMMIT"], "not authorized"),
+    "ends its transaction": (["DELETE FROM entries", "END TRANSACTION"], "not authorized"),
+    "commits within a line": (["DELETE FROM entries; COMMIT; SELECT 1"], "not authorized"),
+    "commits behind a comment": (["DELETE FROM entries", "/* */ cOmMiT -- ;"], "not authorized"),
+    "rolls back": (["ROLLBACK", "DELETE FROM entries"], "not authorized"),
+    "begins": (["BEGIN", "DELETE FROM entries"], "not authorized"),
+    "attaches": ([f"ATTACH '{OUTSIDE}' AS other", "CREATE TABLE other.t (a)"], "not authorized"),
+    "detaches": (["DETACH main"], "not authorized"),
+    "loads an extension": (["SELECT load_extension('/usr/lib/x86_64-linux-gnu/libc.so.6')"], "not authorized"),
+    "copies itself": ([f"VACUUM INTO '{OUTSIDE}'"], "VACUUM"),
+    "compacts": (["VACUUM"], "VACUUM"),
+    "does without a journal": (["PRAGMA journal_mode = OFF"], "not authorized"),
+    "changes to WAL": (["PRAGMA journal_mode = WAL"], "not authorized"),
+    "moves temporary files": (["PRAGMA temp_store_directory = '/var/lib'"], "not authorized"),
+    "spans two lines": (["INSERT INTO entries (name) VALUES ('first line", "second line')"], "unrecognized token"),
+    "holds a zero byte": (["DELETE FROM entries\0 WHERE id = 3"], "zero byte"),
+    "writes a file": ([f"SELECT writefile('{OUTSIDE}', 'x')"], "no such function: writefile"),
+    "is no SQL": (["<html>"], "syntax error"),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("case", SCRIPTS)
+def test_a_script_that_leaves_its_bounds_is_refused_whole(hand: HandPublisher, refusal: Refusal, case: str) -> None:
+    statements, reason = SCRIPTS[case]
+    hand.diff(DATABASE, 2, usual().script("names.sqlite", *statements))
+    refusal.expect("^Fail apply sql cmd: .*" + reason)
+
+
+def test_a_file_in_place_of_a_folder_is_made_good_by_the_next_update(
+    connected: Device, hand: HandPublisher, nginx: Nginx
+) -> None:
+    new: Files = {"readme": OLD["readme"], "a": b"a file in place of the folder"}
+    hand.full(DATABASE, 1, {"readme": OLD["readme"], "a/b": b"below a"})
+    connected.update(DATABASE)
+    hand.full(DATABASE, 2, new)
+    hand.diff(DATABASE, 2, Diff().create("a", new["a"]).delete("a/b"))
+    connected.forget_document()
+    result = connected.run("update", DATABASE)
+    assert result.status == 1, str(result)
+    assert "Fail to diff update: " in result.stderr
+    assert connected.version(DATABASE) == 1
+    connected.run_ok("update", DATABASE)
+    assert nginx.packages() == ["v1", "d2", "v2"]
+    trees.assert_holds(connected.installed(DATABASE), new)
