@@ -1,12 +1,15 @@
 """Writes patches in the VCDIFF form (RFC 3284) in the simplest way: what both ends have in common, and what lies between.
 
-For small files: a patch is one window, with the default code table and no checksum.
+For small files: a patch is one window, with the default code table and an Adler-32 checksum of what comes out.
 """
 
 from __future__ import annotations
 
+import zlib
+
 HEADER = b"\xd6\xc3\xc4\0\0"
 FROM_SOURCE = 1
+CHECKED = 4
 ADD = 1
 """The code of an addition whose size follows."""
 COPY_HERE = 19
@@ -35,8 +38,11 @@ def encode(old: bytes, new: bytes) -> bytes:
         instructions += bytes([COPY_HERE]) + integer(back)
         addresses += integer(len(old) - back)
     sections = integer(len(middle)) + integer(len(instructions)) + integer(len(addresses))
-    encoding = integer(len(new)) + b"\0" + sections + middle + instructions + addresses
-    segment = bytes([FROM_SOURCE]) + integer(len(old)) + integer(0) if front or back else b"\0"
+    checksum = zlib.adler32(new).to_bytes(4, "big")
+    encoding = integer(len(new)) + b"\0" + sections + checksum + middle + instructions + addresses
+    segment = bytes([CHECKED])
+    if front or back:
+        segment = bytes([CHECKED | FROM_SOURCE]) + integer(len(old)) + integer(0)
     return HEADER + segment + integer(len(encoding)) + encoding
 
 
