@@ -37,7 +37,9 @@ void DeclareDecode(CLI::App& app, Options& options) {
 	decode->add_option("SOURCE", options.source, "File that the patch was made from")->required();
 	decode->add_option("OUTPUT", options.output, "File to make")->required();
 	decode->add_option("PATCH", options.patch, "VCDIFF patch")->required();
-	decode->add_option("--max-output", options.limits.max_output, "Largest OUTPUT, in bytes")->type_name("BYTES");
+	decode->add_option("--max-output", options.limits.max_output, "Largest OUTPUT, in bytes")
+	    ->check(CLI::NonNegativeNumber)
+	    ->type_name("BYTES");
 }
 
 ExitCode Decode(const Options& options, std::ostream& err) {

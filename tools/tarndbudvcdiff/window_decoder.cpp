@@ -55,6 +55,10 @@ void WindowDecoder::Execute(const Instruction& instruction) {
 }
 
 void WindowDecoder::Add(std::uint64_t size) {
+	if (size > data_.Remaining()) {
+		data_.Fail("an ADD of " + std::to_string(size) + " bytes where the data section has only " +
+		           std::to_string(data_.Remaining()));
+	}
 	output_.Append(size, [&](Byte* to, std::size_t length) { data_.Read(to, length); });
 }
 
