@@ -1,5 +1,6 @@
 #include "digest_stream.h"
 
+#include "interruption.h"
 #include "progress.h"
 #include "utils.h"
 
@@ -47,6 +48,7 @@ std::streamsize DigestBuffer::showmanyc() {
 
 DigestBuffer::int_type DigestBuffer::underflow() {
 	if (gptr() == egptr()) {
+		InterruptionPoint(); // The stream takes it for a read error.
 		ssize_t count = 0;
 		do {
 			count = read(fd_, block_.data(), block_.size());

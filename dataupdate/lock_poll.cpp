@@ -1,5 +1,7 @@
 #include "lock_poll.h"
 
+#include "interruption.h"
+
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -22,7 +24,7 @@ LockWait::LockWait(unsigned long timeout_seconds)
 
 bool LockWait::Lock(int fd, int operation) {
 	while (flock(fd, operation | LOCK_NB) != 0) {
-		if (now_ >= deadline_) {
+		if (now_ >= deadline_ || IsInterrupted()) {
 			return false;
 		}
 		usleep(kPollMicroseconds);

@@ -15,7 +15,10 @@ public:
 	/** Starts counting now. */
 	explicit LockWait(unsigned long timeout_seconds);
 
-	/** Tries flock(fd, operation | LOCK_NB) every 100 ms; false when the first try at or after the deadline failed. */
+	/**
+	 * Tries flock(fd, operation | LOCK_NB) every 100 ms; false when the first try at or after the deadline, or after a
+	 * request to end, failed.
+	 */
 	bool Lock(int fd, int operation);
 
 private:

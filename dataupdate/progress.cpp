@@ -1,5 +1,7 @@
 #include "progress.h"
 
+#include "interruption.h"
+
 #include <mutex>
 #include <utility>
 
@@ -10,6 +12,7 @@ namespace {
 struct State {
 	std::mutex mutex;
 	Activity activity;
+	uint64_t downloaded_bytes = 0;
 };
 
 State& GetState() {
@@ -25,6 +28,7 @@ Activity CurrentActivity() {
 }
 
 ActivityScope::ActivityScope(Phase phase, const std::string& path) {
+	InterruptionPoint();
 	Activity inner;
 	inner.phase = phase;
 	inner.path = path;
@@ -42,6 +46,16 @@ ActivityScope::~ActivityScope() {
 void AddActivityBytes(uint64_t bytes) {
 	const std::lock_guard<std::mutex> guard(GetState().mutex);
 	GetState().activity.bytes += bytes;
+}
+
+uint64_t DownloadedBytes() {
+	const std::lock_guard<std::mutex> guard(GetState().mutex);
+	return GetState().downloaded_bytes;
+}
+
+void AddDownloadedBytes(uint64_t bytes) {
+	const std::lock_guard<std::mutex> guard(GetState().mutex);
+	GetState().downloaded_bytes += bytes;
 }
 
 } // namespace tarn::dataupdate

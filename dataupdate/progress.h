@@ -27,7 +27,13 @@ struct Activity {
 
 TARNDBUD_EXPORT Activity CurrentActivity();
 
-/** Marks an activity from construction to destruction; the one before is current again afterwards. */
+/** Bytes of all files that this process has downloaded whole. */
+TARNDBUD_EXPORT uint64_t DownloadedBytes();
+
+/**
+ * Marks an activity from construction to destruction; the one before is current again afterwards. Throws UpdateError
+ * "Interrupted" in the place of an activity that would only have to be ended.
+ */
 class ActivityScope {
 public:
 	ActivityScope(Phase phase, const std::string& path);
@@ -41,6 +47,8 @@ private:
 
 /** Counts bytes of the current activity. */
 void AddActivityBytes(uint64_t bytes);
+/** Counts bytes of a file that has been downloaded. */
+void AddDownloadedBytes(uint64_t bytes);
 
 } // namespace tarn::dataupdate
 

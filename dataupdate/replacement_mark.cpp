@@ -1,6 +1,7 @@
 #include "replacement_mark.h"
 
 #include "descriptor.h"
+#include "interruption.h"
 #include "log.h"
 #include "paths.h"
 #include "update_error.h"
@@ -51,6 +52,7 @@ void SetReplacementMark(const std::string& id) {
 	if (!CreateDurably(path)) {
 		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(errno));
 	}
+	SetReplacing(true);
 }
 
 bool IsReplacementMarked(const std::string& id) {

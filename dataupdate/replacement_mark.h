@@ -13,7 +13,10 @@
 
 namespace tarn::dataupdate {
 
-/** Sets a database's mark durably. Throws UpdateError "Fail to mark replacement: <path>: <why>". */
+/**
+ * Sets a database's mark durably; the operation is then not interrupted any more. Throws UpdateError "Fail to mark
+ * replacement: <path>: <why>".
+ */
 void SetReplacementMark(const std::string& id);
 
 /** Whether the mark stands; one that cannot be examined counts. */

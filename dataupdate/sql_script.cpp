@@ -1,5 +1,6 @@
 #include "sql_script.h"
 
+#include "interruption.h"
 #include "update_error.h"
 #include "utils.h"
 
@@ -58,6 +59,7 @@ void ExecuteLines(SQLite::Database& database, const std::string& script) {
 	std::ifstream lines(script, std::ios::binary);
 	std::string line;
 	while (std::getline(lines, line)) {
+		InterruptionPoint();
 		// SQLite would take the line for finished there.
 		if (line.find('\0') != std::string::npos) {
 			throw std::runtime_error("zero byte in " + script);

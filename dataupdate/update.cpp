@@ -2,6 +2,7 @@
 
 #include "file_copy.h"
 #include "file_lock.h"
+#include "interruption.h"
 #include "log.h"
 #include "paths.h"
 #include "replacement_mark.h"
@@ -22,11 +23,18 @@ constexpr char kLogSource[] = "update";
 /** The lock on any update and the lock on one database's, taken in this order and released in the reverse. */
 class ProjectLocks {
 public:
+	ProjectLocks() = default;
+	~ProjectLocks() { Release(); }
+	ProjectLocks(const ProjectLocks&) = delete;
+	ProjectLocks& operator=(const ProjectLocks&) = delete;
+
 	void Take(const std::string& id) {
 		any_.emplace(kUpdateAnyLock, kLockTimeout);
 		project_.emplace(UpdateLockPath(id), kLockTimeout);
 	}
+	/** What was replaced is recorded, or has failed, by now. */
 	void Release() {
+		SetReplacing(false);
 		project_.reset();
 		any_.reset();
 	}

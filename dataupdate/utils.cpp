@@ -209,6 +209,7 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 		fs::remove(output_path);
 		throw UpdateError("Fail to wget url: " + url);
 	}
+	AddDownloadedBytes(RegularFileBytes(output_path));
 }
 
 void IOUtils::TarnMkdir(const std::string& path) const {

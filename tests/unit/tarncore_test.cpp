@@ -334,6 +334,12 @@ TEST(Exec, MoveGoesOnWithoutItsCaller) {
 	EXPECT_EQ(ReadFile(directory / "answer"), "alive\n");
 }
 
+TEST(Exec, MoveIsOutOfTheReachOfATerminalsKeys) {
+	// The third of what stands behind the name in parentheses is the process group's number.
+	constexpr char kLeads[] = R"(test "$(sed 's/.*) //' /proc/$$/stat | cut -d' ' -f3)" = $$)";
+	EXPECT_EQ(TLIBCExec(kShell, "-c", kLeads, nullptr, nullptr), 0);
+}
+
 TEST(Exec, SimpleFormReportsEveryFailureAsNegative) {
 	EXPECT_EQ(TLIBCExec(kShell, "-c", "exit 0", nullptr, nullptr), 0);
 	EXPECT_EQ(TLIBCExec(kShell, "-c", "exit 5", nullptr, nullptr), -1);

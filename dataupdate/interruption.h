@@ -1,0 +1,44 @@
+/**
+ * @file
+ * Ending an operation early, with everything cleaned up.
+ *
+ * A host that is told to end asks for it from any thread or signal handler. The operation that runs in the process then
+ * fails with UpdateError at its next convenient moment, and so does every later one: before a download, an unpacking, a
+ * patch, within a digest or a script, and while it waits for a lock ("Fail to lock <path>", or -1 in the C interface).
+ * Its destructors remove temporary data and release locks as after any failure. From the first change of installed
+ * files until the new version is recorded nothing ends early. A download or a patch is another program's work, which
+ * the host may end in addition.
+ */
+#ifndef DATAUPDATE_INTERRUPTION_H
+#define DATAUPDATE_INTERRUPTION_H
+
+#include "export.h"
+
+namespace tarn::dataupdate {
+
+/** Asks operations to end. May be called from a signal handler. */
+TARNDBUD_EXPORT void RequestInterruption() noexcept;
+TARNDBUD_EXPORT bool IsInterruptionRequested() noexcept;
+/** For a host that goes on afterwards. */
+TARNDBUD_EXPORT void ForgetInterruption() noexcept;
+
+/** Whether an operation may end now and has been asked to. */
+bool IsInterrupted() noexcept;
+/** Throws UpdateError "Interrupted" if so. */
+void InterruptionPoint();
+
+/** Keeps operations from ending early for as long as it lives; a request waits. Shields may be nested. */
+class TARNDBUD_EXPORT InterruptionShield {
+public:
+	InterruptionShield() noexcept;
+	~InterruptionShield();
+	InterruptionShield(const InterruptionShield&) = delete;
+	InterruptionShield& operator=(const InterruptionShield&) = delete;
+};
+
+/** Installed files change from here on, until this is taken back. */
+void SetReplacing(bool replacing) noexcept;
+
+} // namespace tarn::dataupdate
+
+#endif
