@@ -92,7 +92,7 @@ TEST_F(CheckCommandTest, NamesTheFileThatNeedsAFix) {
 TEST_F(CheckCommandTest, TakesWhatIsNotInstalledForInNeedOfAFix) {
 	record_ = DatabaseStatus();
 	EXPECT_EQ(Run({"geo"}), kFixNeeded);
-	EXPECT_EQ(doubles_.out.str(), "geo is not installed\n");
+	EXPECT_EQ(doubles_.out.str(), "geo: not installed\n");
 }
 
 TEST_F(CheckCommandTest, ShowsAFewOfManyBadFiles) {

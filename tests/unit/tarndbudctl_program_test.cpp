@@ -1,5 +1,6 @@
 #include "tarndbudctl_doubles.h"
 
+#include <dataupdate/interruption.h>
 #include <tarndbudctl/failure.h>
 #include <tarndbudctl/program.h>
 
@@ -107,6 +108,14 @@ TEST_F(ProgramTest, TellsItsVersionAndHelpOnStandardOutput) {
 	EXPECT_EQ(err_.str(), "");
 }
 
+TEST_F(ProgramTest, SaysThatItEndedEarlyInThePlaceOfAnyFailure) {
+	dataupdate::RequestInterruption();
+	EXPECT_EQ(Run({"bad", "update"}), kInterrupted);
+	EXPECT_EQ(err_.str(), "tarndbudctl: Interrupted; nothing is left half done.\n");
+	EXPECT_EQ(Run({"good"}), 0) << "what is done is done";
+	dataupdate::ForgetInterruption();
+}
+
 TEST_F(ProgramTest, FailsWhenItsOutputIsLost) {
 	out_.setstate(std::ios::badbit);
 	EXPECT_EQ(Run({"good"}), 1);
@@ -115,15 +124,19 @@ TEST_F(ProgramTest, FailsWhenItsOutputIsLost) {
 
 TEST_F(ProgramTest, OffersEveryCommandThatItKnows) {
 	EXPECT_EQ(Run({"--help"}, AllCommands()), 0);
-	for (const char* name : {"init", "status", "update", "check", "schedule", "volume"}) {
+	for (const char* name : {"init", "status", "update", "fix", "force-install", "check", "read", "refresh", "metrics",
+	         "schedule", "volume"}) {
 		EXPECT_THAT(out_.str(), HasSubstr(std::string("\n  ") + name + " "));
 	}
 }
 
 TEST_F(ProgramTest, RefusesArgumentsThatACommandCannotUse) {
-	for (const std::vector<const char*>& arguments : std::vector<std::vector<const char*>>{{"init", "geo"},
-	         {"update", "geo", "--all"}, {"update", "--json"}, {"check", "--all", "geo"}, {"check", "--timeout", "-1"},
-	         {"schedule", "geo"}, {"schedule", "geo", "maybe"}, {"volume"}, {"volume", "show", "x"}}) {
+	for (const std::vector<const char*>& arguments :
+	    std::vector<std::vector<const char*>>{{"init", "geo"}, {"update", "geo", "--all"}, {"update", "--jsonx"},
+	        {"force-install", "geo"}, {"force-install", "geo", "x"}, {"read", "geo"}, {"read", "geo", "--"},
+	        {"read", "geo", "ls"}, {"read", "--", "ls"}, {"fix", "--all", "geo"}, {"refresh", "x"},
+	        {"volume", "mounted"}, {"check", "--all", "geo"}, {"check", "--timeout", "-1"}, {"schedule", "geo"},
+	        {"schedule", "geo", "maybe"}, {"volume"}, {"volume", "show", "x"}}) {
 		EXPECT_EQ(Run(arguments, AllCommands()), 2) << arguments[0];
 	}
 }

@@ -1,14 +1,19 @@
 # The administrator's program: its parts, and its commands over doubles of the library.
 tarn_unit_test(tarndbudctl_test
+	tarndbudctl_arguments_test.cpp
 	tarndbudctl_check_test.cpp
 	tarndbudctl_document_test.cpp
 	tarndbudctl_failure_test.cpp
+	tarndbudctl_metrics_test.cpp
 	tarndbudctl_progress_test.cpp
 	tarndbudctl_program_test.cpp
+	tarndbudctl_read_test.cpp
+	tarndbudctl_repair_test.cpp
 	tarndbudctl_schedule_test.cpp
 	tarndbudctl_status_test.cpp
 	tarndbudctl_text_test.cpp
 	tarndbudctl_update_test.cpp
+	tarndbudctl_volume_test.cpp
 	private_root.cpp
 	LIBRARIES tarndbudctl_objects)
 target_include_directories(tarndbudctl_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)

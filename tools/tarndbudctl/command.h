@@ -23,7 +23,17 @@ struct Options {
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;
+	std::string path;
+	int version = 0;
+	std::vector<std::string> command; ///< What stands behind "--".
 	unsigned long timeout_seconds = 600;
+};
+
+/** What else a command line ends with. */
+enum class Tail {
+	kNone,
+	kCommand, ///< "--" and a command to run.
+	kNumber,  ///< A number that may be negative.
 };
 
 /** One command. */
@@ -35,6 +45,7 @@ struct Command {
 	bool shows_progress;
 	void (*declare)(CLI::App& app, Options& options); ///< Null when it has no options.
 	ExitCode (*run)(const Services& services, const Options& options);
+	Tail tail = Tail::kNone;
 };
 
 const std::vector<Command>& AllCommands();

@@ -1,6 +1,7 @@
 #include "commands.h"
-#include "failure.h"
+#include "databases.h"
 #include "file_check.h"
+#include "reader_lock.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
@@ -15,30 +16,13 @@ namespace {
 constexpr size_t kMostFilesShown = 20;
 constexpr size_t kLongestPath = 4096;
 
-/** A reader's lock on a database; none is needed, or to be had, before anything was ever installed. */
-class ReaderLock {
-public:
-	ReaderLock(const std::string& id, unsigned long timeout_seconds)
-	    : fd_(TARNDBUDGetFileLock(id.c_str(), timeout_seconds)) {
-		if (fd_ == -1) {
-			throw CommandError(kLocked, "The database is being replaced; check it later");
-		}
-	}
-	~ReaderLock() { TARNDBUDReleaseFileLock(fd_); }
-	ReaderLock(const ReaderLock&) = delete;
-	ReaderLock& operator=(const ReaderLock&) = delete;
-
-private:
-	int fd_;
-};
-
 std::string FormatBadFiles(const std::vector<BadFile>& files) {
 	std::string text;
 	for (size_t i = 0; i < std::min(files.size(), kMostFilesShown); ++i) {
-		text += "\t" + Printable(files[i].path, kLongestPath) + " " + files[i].reason + "\n";
+		text += "\n\t" + Printable(files[i].path, kLongestPath) + " " + files[i].reason;
 	}
 	if (files.size() > kMostFilesShown) {
-		text += "\tand " + std::to_string(files.size() - kMostFilesShown) + " more\n";
+		text += "\n\tand " + std::to_string(files.size() - kMostFilesShown) + " more";
 	}
 	return text;
 }
@@ -61,46 +45,53 @@ std::optional<std::vector<BadFile>> TryCheck(
 	return bad;
 }
 
-ExitCode CheckDatabase(const Services& services, const std::string& id, unsigned long timeout_seconds) {
+Json::Value BadFilesToJson(const std::vector<BadFile>& files) {
+	Json::Value array(Json::arrayValue);
+	for (const BadFile& file : files) {
+		Json::Value object(Json::objectValue);
+		object["path"] = file.path;
+		object["reason"] = file.reason;
+		array.append(object);
+	}
+	return array;
+}
+
+ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
 	services.config->CheckSupported(id);
 	std::optional<std::vector<BadFile>> bad;
+	dataupdate::DatabaseStatus status;
 	while (!bad) {
+		// None is needed, or to be had, before anything was replaced.
 		const ReaderLock lock(id, timeout_seconds);
-		const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
+		status = services.info->GetDatabaseStatus(id);
 		if (status.data_version == -1) {
-			services.terminal.Say(id + " is not installed\n");
+			report.Tell(id, "not installed", MakeResult("not installed", status.data_version));
 			return kFixNeeded;
 		}
 		bad = TryCheck(services, id, status);
 	}
-	services.terminal.Say(id + (bad->empty() ? ": ok\n" : ": needs a fix\n") + FormatBadFiles(*bad));
+	Json::Value result = MakeResult(bad->empty() ? "ok" : "needs a fix", status.data_version);
+	result["bad_files"] = BadFilesToJson(*bad);
+	report.Tell(id, (bad->empty() ? "ok" : "needs a fix") + FormatBadFiles(*bad), result);
 	return bad->empty() ? kDone : kFixNeeded;
 }
 
 } // namespace
 
 void DeclareCheck(CLI::App& app, Options& options) {
-	CLI::Option* ids = app.add_option("ID", options.ids, "Databases to check");
-	app.add_flag("--all", options.all, "Check all databases (the default)")->excludes(ids);
-	app.add_option("--timeout", options.timeout_seconds, "Seconds to wait while a database is being replaced")
-	    ->check(CLI::NonNegativeNumber)
-	    ->capture_default_str();
+	DeclareDatabases(app, options, "check", "Check all databases");
+	DeclareTimeout(app, options, "Seconds to wait while a database is being replaced");
+	DeclareJsonArray(app, options);
 }
 
 ExitCode RunCheck(const Services& services, const Options& options) {
-	ExitCode code = kDone;
-	for (const std::string& id : options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids) {
-		ExitCode own = kFailed;
-		try {
-			own = CheckDatabase(services, id, options.timeout_seconds);
-		} catch (...) {
-			const Failure failure = ExplainException(*services.io);
-			services.terminal.Complain(id + ": " + failure.sentence);
-			own = failure.code;
-		}
-		code = code == kDone ? own : code;
-	}
-	return code;
+	Report report(services.terminal, options.json);
+	return report.Run([&] {
+		return ForEachDatabase(
+		    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
+		    [&](const std::string& id) { return CheckDatabase(services, report, id, options.timeout_seconds); },
+		    [&](const std::string& id, const Failure& failure) { report.Complain(id, failure); });
+	});
 }
 
 } // namespace tarn::ctl

@@ -1,6 +1,11 @@
 #include "commands.h"
+#include "databases.h"
+#include "reader_lock.h"
 
+#include <dataupdate/interruption.h>
 #include <dataupdate/volume_handler.h>
+
+#include <CLI/CLI.hpp>
 
 namespace tarn::ctl {
 
@@ -14,14 +19,32 @@ void AdoptVolume(const Services& services) {
 	services.config->SetCurVolume(volume);
 }
 
+/** Lock files don't survive a restart, and readers without root's rights cannot make them. */
+void PrepareForReaders(const Services& services) {
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		if (services.info->GetDatabaseStatus(id).data_version != -1 && !MakeReaderLockFile(id)) {
+			throw CommandError(kFailed, "The lock file for readers of " + id + " cannot be made in /run/data_update");
+		}
+	}
+}
+
 } // namespace
 
-ExitCode RunInit(const Services& services, const Options& /*options*/) {
+void DeclareInit(CLI::App& app, Options& options) {
+	DeclareJsonObject(app, options);
+}
+
+ExitCode RunInit(const Services& services, const Options& options) {
+	const dataupdate::InterruptionShield shield;
+	PrepareForReaders(services);
 	dataupdate::InitService();
 	if (services.config->GetCurVolume().empty()) {
 		AdoptVolume(services);
 	}
-	services.terminal.Say("The databases are on " + services.config->GetCurVolume() + ".\n");
+	const std::string volume = services.config->GetCurVolume();
+	Json::Value object(Json::objectValue);
+	object["volume"] = volume;
+	Answer(services, options, "The databases are on " + volume + ".\n", object);
 	return kDone;
 }
 

@@ -1,6 +1,8 @@
 #include "commands.h"
+#include "databases.h"
 
 #include <dataupdate/file_lock.h>
+#include <dataupdate/interruption.h>
 #include <dataupdate/paths.h>
 #include <dataupdate/update_error.h>
 
@@ -40,14 +42,19 @@ void DeclareSchedule(CLI::App& app, Options& options) {
 	app.add_option("STATE", options.state, "Whether scheduled updates include it")
 	    ->required()
 	    ->check(CLI::IsMember({kOn, "off"}));
+	DeclareJsonObject(app, options);
 }
 
 ExitCode RunSchedule(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const bool scheduled = options.state == kOn;
+	const dataupdate::InterruptionShield shield;
 	KeepDatabaseList(services);
 	services.config->GetDatabaseConfig(options.id)->SetScheduled(scheduled);
-	services.terminal.Say(options.id + (scheduled ? ": scheduled\n" : ": not scheduled\n"));
+	Json::Value object(Json::objectValue);
+	object["id"] = options.id;
+	object["scheduled"] = scheduled;
+	Answer(services, options, options.id + (scheduled ? ": scheduled\n" : ": not scheduled\n"), object);
 	return kDone;
 }
 

@@ -1,5 +1,5 @@
 #include "commands.h"
-#include "failure.h"
+#include "databases.h"
 #include "status_report.h"
 #include "text.h"
 
@@ -68,18 +68,16 @@ ExitCode RunStatus(const Services& services, const Options& options) {
 	for (const std::string& id : options.ids) {
 		services.config->CheckSupported(id);
 	}
-	ExitCode code = kDone;
 	std::vector<StatusRow> rows;
-	for (const std::string& id : options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids) {
-		try {
-			rows.push_back(Collect(services, id));
-		} catch (...) {
-			// One database's bad record or setting must not hide the others.
-			const Failure failure = ExplainException(*services.io);
-			services.terminal.Complain(id + ": " + failure.sentence);
-			code = code == kDone ? failure.code : code;
-		}
-	}
+	const ExitCode code = ForEachDatabase(
+	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
+	    [&](const std::string& id) {
+		    rows.push_back(Collect(services, id));
+		    return kDone;
+	    },
+	    [&](const std::string& id, const Failure& failure) {
+		    services.terminal.Complain(id + ": " + failure.sentence);
+	    });
 	if (options.json) {
 		services.terminal.Say(FormatJson(StatusToJson(rows)));
 	} else if (!rows.empty()) {

@@ -1,14 +1,14 @@
 #include "commands.h"
-#include "failure.h"
+#include "databases.h"
+#include "run_record.h"
 
 #include <CLI/CLI.hpp>
+
+#include <memory>
 
 namespace tarn::ctl {
 
 namespace {
-
-constexpr char kNoVolume[] =
-    "There is no storage volume, so nothing was updated; mount one and run \"tarndbudctl init\"";
 
 std::string DescribeChange(int before, int after) {
 	const std::string version = "version " + std::to_string(after);
@@ -18,77 +18,62 @@ std::string DescribeChange(int before, int after) {
 /** Says for each database what became of it, and takes a missing volume for the failure that it is to a caller. */
 class ReportingUpdate : public dataupdate::Update {
 public:
-	explicit ReportingUpdate(const Services& services)
-	    : Update(services.updater, services.info, services.config), services_(services) {}
+	ReportingUpdate(const Services& services, Report& report)
+	    : Update(services.updater, services.info, services.config), services_(services), report_(report) {}
 
 	void UpdateProject(const std::string& id) const override {
 		services_.config->CheckSupported(id);
 		const int before = services_.info->GetDatabaseStatus(id).data_version;
-		Update::UpdateProject(id);
+		RunRecorded(services_, id, "update", [&] { UpdateOnVolume(id, before); });
 		const int after = services_.info->GetDatabaseStatus(id).data_version;
-		if (after != before) {
-			services_.terminal.Say(id + ": " + DescribeChange(before, after) + "\n");
+		if (after == before) {
+			report_.Tell(id, "up to date, version " + std::to_string(after), MakeResult("up to date", after));
 			return;
 		}
-		if (services_.config->GetCurVolume().empty() && services_.info->GetRemoteInfo(id).data_version > after) {
-			throw CommandError(kFailed, kNoVolume);
+		Json::Value result = MakeResult(before == -1 ? "installed" : "updated", after);
+		if (before != -1) {
+			result["previous_version"] = before;
 		}
-		services_.terminal.Say(id + ": up to date, version " + std::to_string(after) + "\n");
+		report_.Tell(id, DescribeChange(before, after), result);
 	}
 
 private:
+	void UpdateOnVolume(const std::string& id, int before) const {
+		Update::UpdateProject(id);
+		const int after = services_.info->GetDatabaseStatus(id).data_version;
+		if (after == before && services_.info->GetRemoteInfo(id).data_version > after) {
+			RequireVolume(services_);
+		}
+	}
+
 	const Services& services_;
+	Report& report_;
 };
-
-bool IsAnyScheduled(const Services& services) {
-	for (const std::string& id : services.config->GetDatabaseIDs()) {
-		if (services.config->GetDatabaseConfig(id)->GetScheduled()) {
-			return true;
-		}
-	}
-	return false;
-}
-
-ExitCode UpdateScheduled(const Services& services) {
-	if (!IsAnyScheduled(services)) {
-		services.terminal.Say("No database is scheduled.\n");
-		return kDone;
-	}
-	if (services.config->GetCurVolume().empty()) {
-		throw CommandError(kFailed, kNoVolume);
-	}
-	ReportingUpdate(services).UpdateAllProjects();
-	return kDone;
-}
-
-ExitCode UpdateNamed(const Services& services, const std::vector<std::string>& ids) {
-	const ReportingUpdate update(services);
-	ExitCode code = kDone;
-	for (const std::string& id : ids) {
-		try {
-			update.UpdateProject(id);
-		} catch (...) {
-			const Failure failure = ExplainException(*services.io);
-			services.terminal.Complain(id + ": " + failure.sentence);
-			code = code == kDone ? failure.code : code;
-		}
-	}
-	return code;
-}
 
 } // namespace
 
 void DeclareUpdate(CLI::App& app, Options& options) {
-	CLI::Option* ids = app.add_option("ID", options.ids, "Databases to update");
-	app.add_flag("--all", options.all, "Update the scheduled databases (the default)")->excludes(ids);
-	app.add_flag("--no-wait", options.no_wait, "End with 75 when another update is running, instead of waiting for it");
+	DeclareDatabases(app, options, "update", "Update the scheduled databases");
+	DeclareNoWait(app, options);
+	DeclareJsonArray(app, options);
 }
 
 ExitCode RunUpdate(const Services& services, const Options& options) {
-	if (options.no_wait && services.checker->IsAnyUpdating()) {
-		throw CommandError(kLocked, "Another update is running; try later");
-	}
-	return options.ids.empty() ? UpdateScheduled(services) : UpdateNamed(services, options.ids);
+	RequireIdle(services, options);
+	Report report(services.terminal, options.json);
+	const ReportingUpdate update(services, report);
+	return report.Run([&] {
+		if (options.ids.empty()) {
+			return RunOnScheduled(services, options, [&] { update.UpdateAllProjects(); });
+		}
+		return ForEachDatabase(
+		    services, options.ids,
+		    [&](const std::string& id) {
+			    update.UpdateProject(id);
+			    return kDone;
+		    },
+		    [&](const std::string& id, const Failure& failure) { report.Complain(id, failure); });
+	});
 }
 
 } // namespace tarn::ctl

@@ -1,5 +1,5 @@
 #include "commands.h"
-#include "status_report.h"
+#include "databases.h"
 #include "text.h"
 
 #include <dataupdate/volume_handler.h>
@@ -37,7 +37,7 @@ std::string VolumeToText(const std::string& volume, const TARNMountVolInfo* reco
 } // namespace
 
 void DeclareVolumeShow(CLI::App& app, Options& options) {
-	app.add_flag("--json", options.json, "Print an object");
+	DeclareJsonObject(app, options);
 }
 
 ExitCode RunVolumeShow(const Services& services, const Options& options) {
@@ -45,7 +45,7 @@ ExitCode RunVolumeShow(const Services& services, const Options& options) {
 	const auto record = std::make_unique<TARNMountVolInfo>();
 	const bool available = !volume.empty() && TARNMountVolInfoGet(volume.c_str(), record.get()) == 0;
 	const TARNMountVolInfo* shown = available ? record.get() : nullptr;
-	services.terminal.Say(options.json ? FormatJson(VolumeToJson(volume, shown)) : VolumeToText(volume, shown));
+	Answer(services, options, VolumeToText(volume, shown), VolumeToJson(volume, shown));
 	return kDone;
 }
 

@@ -6,7 +6,8 @@
 
 namespace tarn::ctl {
 
-/** Settles the storage volume; fails when none is suitable. */
+void DeclareInit(CLI::App& app, Options& options);
+/** Settles the storage volume, and lets readers take locks; fails when no volume is suitable. */
 ExitCode RunInit(const Services& services, const Options& options);
 
 void DeclareStatus(CLI::App& app, Options& options);
@@ -21,6 +22,25 @@ void DeclareCheck(CLI::App& app, Options& options);
 /** Compares installed files with their recorded digests. */
 ExitCode RunCheck(const Services& services, const Options& options);
 
+void DeclareFix(CLI::App& app, Options& options);
+/** Repairs the named databases, or the scheduled ones, where files are missing or changed. */
+ExitCode RunFix(const Services& services, const Options& options);
+
+void DeclareForceInstall(CLI::App& app, Options& options);
+/** Installs a chosen version over what is there. */
+ExitCode RunForceInstall(const Services& services, const Options& options);
+
+void DeclareRead(CLI::App& app, Options& options);
+/** Runs a command under the reader's lock and ends as it ends. */
+ExitCode RunRead(const Services& services, const Options& options);
+
+/** Drops the cached server document. */
+ExitCode RunRefresh(const Services& services, const Options& options);
+
+void DeclareMetrics(CLI::App& app, Options& options);
+/** Tells a monitoring system what is installed and how updates went. */
+ExitCode RunMetrics(const Services& services, const Options& options);
+
 void DeclareSchedule(CLI::App& app, Options& options);
 /** Takes a database into the scheduled updates, or out of them. */
 ExitCode RunSchedule(const Services& services, const Options& options);
@@ -28,6 +48,14 @@ ExitCode RunSchedule(const Services& services, const Options& options);
 void DeclareVolumeShow(CLI::App& app, Options& options);
 /** Shows the volume that holds the databases. */
 ExitCode RunVolumeShow(const Services& services, const Options& options);
+
+void DeclareVolumeMounted(CLI::App& app, Options& options);
+/** Adopts a volume that was mounted, when none is in use. */
+ExitCode RunVolumeMounted(const Services& services, const Options& options);
+
+void DeclareVolumeUnmounting(CLI::App& app, Options& options);
+/** Moves the databases away from a volume that is about to go. */
+ExitCode RunVolumeUnmounting(const Services& services, const Options& options);
 
 } // namespace tarn::ctl
 

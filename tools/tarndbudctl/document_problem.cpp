@@ -3,8 +3,6 @@
 #include "checked_io.h"
 #include "text.h"
 
-#include <dataupdate/paths.h>
-
 #include <exception>
 #include <functional>
 #include <vector>
@@ -164,10 +162,9 @@ std::string DescribeDocument(const Json::Value& document, const std::string& id)
 }
 
 std::string DescribeCaching(std::time_t modified, std::time_t now) {
-	const std::string advice =
-	    "; correct the server or the way to it, and remove " + std::string(dataupdate::kCachedInfo);
+	const std::string advice = "; correct the server or the way to it, and run \"tarndbudctl refresh\"";
 	if (modified > now) {
-		return advice + ", which is dated in the future and would be used until then";
+		return advice + "; the answer is dated in the future and would be used until then";
 	}
 	const std::time_t end = modified + kCacheSeconds;
 	if (end < now) {

@@ -4,6 +4,7 @@
 
 namespace tarn::ctl {
 
+/** "read" passes on any other number as well. */
 enum ExitCode : int {
 	kDone = 0,
 	kFailed = 1,
@@ -11,6 +12,10 @@ enum ExitCode : int {
 	kUnsupported = 3, ///< The configuration does not list the database.
 	kFixNeeded = 4,   ///< A file of a database is missing or changed, or the database is not installed.
 	kLocked = 75,     ///< A lock is held by somebody else; worth another try later (EX_TEMPFAIL).
+	kNotExecutable = 126,
+	kNotFound = 127,
+	kSignalBase = 128, ///< Plus the number of the signal that ended a command.
+	kInterrupted = 130,
 };
 
 } // namespace tarn::ctl

@@ -1,3 +1,4 @@
+#include "interruption_watch.h"
 #include "program.h"
 
 #include <unistd.h>
@@ -8,7 +9,13 @@
 int main(int argc, char** argv) {
 	using namespace tarn::ctl;
 	try {
-		return RunProgram(argc, argv, {std::cout, std::cerr, isatty(STDERR_FILENO) == 1, MakeServices, AllCommands()});
+		const InterruptionWatch watch;
+		const int code =
+		    RunProgram(argc, argv, {std::cout, std::cerr, isatty(STDERR_FILENO) == 1, MakeServices, AllCommands()});
+		if (code == kInterrupted) {
+			watch.EndBySignal();
+		}
+		return code;
 	} catch (const std::exception& error) {
 		std::cerr << "tarndbudctl: It could not be started: " << error.what() << '\n';
 		return kFailed;

@@ -1,7 +1,10 @@
 #include "program.h"
 
+#include "arguments.h"
 #include "failure.h"
 #include "progress_line.h"
+
+#include <dataupdate/interruption.h>
 
 #include <CLI/CLI.hpp>
 
@@ -9,6 +12,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -19,9 +23,11 @@ namespace {
 
 constexpr char kProgram[] = "tarndbudctl";
 constexpr char kLockDirectory[] = "/run/data_update";
+constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
 constexpr char kFooter[] =
     "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the database is not configured, 4 a fix is needed,\n"
-    "75 a lock was not obtained. All that happens is told to the system log as \"tarndbudctl\".";
+    "75 a lock was not obtained; a signal ends it after it has cleaned up. All that happens is told to the system log "
+    "as \"tarndbudctl\".";
 
 /** The system log, with a copy on the error stream when asked for. */
 class Log {
@@ -85,7 +91,8 @@ ExitCode RunGuarded(const Command& command, const Options& options, const Surrou
 	try {
 		code = RunCommand(command, options, services);
 	} catch (...) {
-		const Failure failure = ExplainException(*services.io);
+		const Failure failure =
+		    dataupdate::IsInterruptionRequested() ? Failure{kInterrupted, kEndedEarly} : ExplainException(*services.io);
 		terminal.Complain(failure.sentence);
 		code = failure.code;
 	}
@@ -94,6 +101,14 @@ ExitCode RunGuarded(const Command& command, const Options& options, const Surrou
 		return code == kDone ? kFailed : code;
 	}
 	return code;
+}
+
+/** The parser takes its words from the end. */
+void Parse(CLI::App& app, int argc, const char* const* argv, const std::vector<Command>& commands, Options& options) {
+	Arguments arguments = SplitArguments({argv + std::min(argc, 1), argv + argc}, commands);
+	options.command = std::move(arguments.command);
+	std::reverse(arguments.own.begin(), arguments.own.end());
+	app.parse(std::move(arguments.own));
 }
 
 /** A wrong command line gets a sentence and the usage of the command that it names. */
@@ -117,7 +132,10 @@ int RunProgram(int argc, const char* const* argv, const Surroundings& surroundin
 		Declare(app, command, options, chosen);
 	}
 	try {
-		app.parse(argc, argv);
+		Parse(app, argc, argv, surroundings.commands, options);
+		if (chosen->tail == Tail::kCommand && options.command.empty()) {
+			throw CLI::RequiredError("-- COMMAND...");
+		}
 	} catch (const CLI::Success& success) {
 		app.exit(success, surroundings.out, surroundings.err);
 		return kDone;

@@ -1,0 +1,133 @@
+#include "private_root.h"
+#include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/paths.h>
+#include <tarndbudctl/failure.h>
+#include <tarndbudctl/metrics.h>
+#include <tarndbudctl/run_record.h>
+#include <tarndbudctl/whole_file.h>
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+
+namespace tarn::ctl {
+namespace {
+
+using test::ReadFile;
+using test::WriteFile;
+using testing::HasSubstr;
+using testing::Not;
+using testing::Return;
+
+TEST(MetricsTest, GathersTheSamplesOfAName) {
+	Metrics metrics;
+	metrics.Add("a", "First.", {{"x", "1"}, {"y", "2"}}, 1);
+	metrics.Add("b", "Second.", {}, 0.5);
+	metrics.Add("a", "", {{"x", "2"}}, 12345678901234);
+	EXPECT_EQ(metrics.Text(), "# HELP a First.\n# TYPE a gauge\na{x=\"1\",y=\"2\"} 1\na{x=\"2\"} 12345678901234\n"
+	                          "# HELP b Second.\n# TYPE b gauge\nb 0.5\n");
+	EXPECT_EQ(Metrics().Text(), "");
+}
+
+TEST(MetricsTest, EscapesLabels) {
+	Metrics metrics;
+	metrics.Add("a", "h", {{"x", "q\"b\\n\n"}}, -1);
+	EXPECT_THAT(metrics.Text(), HasSubstr("a{x=\"q\\\"b\\\\n\\n\"} -1\n"));
+}
+
+TEST(WholeFileTest, ReplacesAFileAsAWhole) {
+	const test::TemporaryDirectory directory;
+	WriteFile(directory / "file", "old");
+	WriteWholeFile(directory / "file", "new");
+	EXPECT_EQ(ReadFile(directory / "file"), "new");
+	struct stat status {};
+	ASSERT_EQ(stat((directory / "file").c_str(), &status), 0);
+	EXPECT_EQ(status.st_mode & 07777U, 0644U);
+	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 1);
+}
+
+TEST(WholeFileTest, LeavesNothingBesideAFileThatCannotBeReplaced) {
+	const test::TemporaryDirectory directory;
+	std::filesystem::create_directory(directory / "file");
+	EXPECT_THROW(WriteWholeFile(directory / "file", "new"), CommandError);
+	EXPECT_THROW(WriteWholeFile(directory / "missing/file", "new"), CommandError);
+	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 1);
+}
+
+class MetricsCommandTest : public test::FixedPathsTest {
+protected:
+	void SetUp() override {
+		test::FixedPathsTest::SetUp();
+		ON_CALL(*doubles_.io, ReadJson).WillByDefault([](const std::string& path) {
+			Json::Value value;
+			std::istringstream(ReadFile(path)) >> value;
+			return value;
+		});
+		ON_CALL(*doubles_.io, GetSize).WillByDefault(Return(4711));
+	}
+	std::string Run(ExitCode code = kDone) {
+		doubles_.out.str("");
+		EXPECT_EQ(RunMetrics(doubles_.services, options_), code);
+		return doubles_.out.str();
+	}
+
+	test::Doubles doubles_;
+	Options options_;
+};
+
+TEST_F(MetricsCommandTest, MeasuresWhatIsInstalledAndWhatWasOffered) {
+	doubles_.Install(4, "geo");
+	WriteFile(dataupdate::kCachedInfo,
+	    R"({"db_list":{"geo":{"data_version":"7","last_fetch_time":1,"download_link":"x"},"zip":{"data_version":"x"}}})");
+	EXPECT_CALL(*doubles_.info, GetDatabaseInfo).Times(0);
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
+	const std::string text = Run();
+	for (const char* line : {"tarndbud_installed{database=\"geo\"} 1\n", "tarndbud_installed{database=\"zip\"} 0\n",
+	         "tarndbud_installed_version{database=\"geo\"} 4\n", "tarndbud_remote_version{database=\"geo\"} 7\n",
+	         "tarndbud_installed_bytes{database=\"geo\"} 4711\n", "tarndbud_scheduled{database=\"zip\"} 1\n",
+	         "tarndbud_data_timestamp_seconds{database=\"geo\"} 0\n", "tarndbud_volume_available 0\n"}) {
+		EXPECT_THAT(text, HasSubstr(line));
+	}
+	EXPECT_THAT(text, Not(HasSubstr("_version{database=\"zip\"}")));
+}
+
+TEST_F(MetricsCommandTest, ToldNothingOfASilentServer) {
+	const std::string text = Run();
+	EXPECT_THAT(text, Not(HasSubstr("remote_version")));
+	EXPECT_THAT(text, Not(HasSubstr("document_timestamp")));
+	EXPECT_THAT(text, Not(HasSubstr("last_run")));
+}
+
+TEST_F(MetricsCommandTest, TellsHowTheLastRunWent) {
+	RunRecorded(doubles_.services, "geo", "update", [] {});
+	EXPECT_THROW(
+	    RunRecorded(doubles_.services, "zip", "fix", [] { throw CommandError(kLocked, "busy"); }), CommandError);
+	const std::string text = Run();
+	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_success{database=\"geo\",operation=\"update\"} 1\n"));
+	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_success{database=\"zip\",operation=\"fix\"} 0\n"));
+	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_exit_status{database=\"zip\",operation=\"fix\"} 75\n"));
+}
+
+TEST_F(MetricsCommandTest, MeasuresTheOthersWhenOneRecordIsBad) {
+	ON_CALL(*doubles_.info, GetDatabaseStatus("geo"))
+	    .WillByDefault(testing::Throw(dataupdate::UpdateError("Bad record")));
+	EXPECT_THAT(Run(kFailed), HasSubstr("tarndbud_installed{database=\"zip\"} 0\n"));
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: Bad record.\n");
+}
+
+TEST_F(MetricsCommandTest, WritesAFileAsAWhole) {
+	const test::TemporaryDirectory directory;
+	options_.path = directory / "tarndbud.prom";
+	EXPECT_EQ(Run(), "");
+	EXPECT_THAT(ReadFile(options_.path), HasSubstr("\ntarndbud_volume_available 0\n"));
+}
+
+} // namespace
+} // namespace tarn::ctl

@@ -1,0 +1,105 @@
+#include "private_root.h"
+#include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/file_lock.h>
+#include <tarndbudctl/child_command.h>
+#include <tarndbudctl/failure.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+namespace {
+
+using dataupdate::FileLock;
+using test::ReadFile;
+using test::WriteFile;
+using testing::HasSubstr;
+
+constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+
+TEST(ChildCommandTest, EndsAsTheCommandEnds) {
+	EXPECT_EQ(RunChildCommand({"true"}), 0);
+	EXPECT_EQ(RunChildCommand({"sh", "-c", "exit 75"}), 75);
+	EXPECT_EQ(RunChildCommand({"sh", "-c", "kill -USR1 $$"}), 128 + SIGUSR1);
+}
+
+TEST(ChildCommandTest, TellsAMissingCommandFromOneThatCannotBeExecuted) {
+	EXPECT_EQ(RunChildCommand({"no-such-program-anywhere"}), 127);
+	EXPECT_EQ(RunChildCommand({"/"}), 126);
+}
+
+class ReadCommandTest : public test::FixedPathsTest {
+protected:
+	void SetUp() override {
+		test::FixedPathsTest::SetUp();
+		if (IsSkipped()) {
+			return;
+		}
+		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{},"zip":{}})");
+		WriteFile(kUsingLock, "");
+		doubles_.Install(4);
+	}
+	ExitCode Run(const std::string& script, const std::string& id = "geo") {
+		Options options;
+		options.id = id;
+		options.timeout_seconds = 0;
+		options.command = {"sh", "-c", script, directory_.Path()};
+		return RunRead(doubles_.services, options);
+	}
+	/** The code of a run that fails, with its sentence. */
+	std::pair<ExitCode, std::string> Failure(const std::string& id = "geo") {
+		try {
+			return {Run(": > $0/ran", id), ""};
+		} catch (const CommandError& error) {
+			return {error.Code(), error.what()};
+		}
+	}
+	bool HasRun() const { return std::filesystem::exists(directory_ / "ran"); }
+
+	test::TemporaryDirectory directory_;
+	test::Doubles doubles_;
+};
+
+TEST_F(ReadCommandTest, HoldsTheLockWhileTheCommandRuns) {
+	EXPECT_EQ(Run("flock --exclusive --nonblock /run/data_update/using_geo.lock true"), 1);
+	EXPECT_EQ(Run("flock --shared --nonblock /run/data_update/using_geo.lock true"), 0);
+	const FileLock free(kUsingLock, 0);
+}
+
+TEST_F(ReadCommandTest, LeavesNoDescriptorInTheCommand) {
+	EXPECT_EQ(Run("ls -l /proc/self/fd > $0/descriptors"), 0);
+	EXPECT_THAT(ReadFile(directory_ / "descriptors"), testing::Not(HasSubstr("using_geo")));
+}
+
+TEST_F(ReadCommandTest, DoesNotRunTheCommandWhileTheDatabaseIsReplaced) {
+	const FileLock replacing(kUsingLock, 0);
+	EXPECT_EQ(Failure().first, kLocked);
+	EXPECT_FALSE(HasRun());
+}
+
+TEST_F(ReadCommandTest, MakesTheLockFileThatARestartTookAway) {
+	std::filesystem::remove(kUsingLock);
+	EXPECT_EQ(Run("exit 5"), 5);
+	EXPECT_TRUE(std::filesystem::exists(kUsingLock));
+}
+
+TEST_F(ReadCommandTest, HasNothingToLockBeforeTheFirstInstallation) {
+	std::filesystem::remove(kUsingLock);
+	doubles_.Install(-1);
+	EXPECT_EQ(Failure().first, kLocked);
+	EXPECT_THAT(Failure().second, HasSubstr("Nothing is installed of geo"));
+	EXPECT_FALSE(HasRun());
+	EXPECT_FALSE(std::filesystem::exists(kUsingLock));
+}
+
+TEST_F(ReadCommandTest, RefusesADatabaseThatIsNotConfigured) {
+	EXPECT_THROW(Run("exit 0", "nope"), dataupdate::UpdateError);
+}
+
+} // namespace
+} // namespace tarn::ctl

@@ -1,0 +1,158 @@
+#include "private_root.h"
+#include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/file_lock.h>
+#include <dataupdate/paths.h>
+#include <tarndbudctl/failure.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+
+namespace tarn::ctl {
+namespace {
+
+using test::ReadFile;
+using test::WriteFile;
+using testing::HasSubstr;
+
+/** The real library over two directories that are listed as volumes. */
+class VolumeCommandTest : public test::FixedPathsTest {
+protected:
+	void SetUp() override {
+		test::FixedPathsTest::SetUp();
+		if (IsSkipped()) {
+			return;
+		}
+		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{}})");
+		for (const std::string& volume : {first_, second_}) {
+			std::filesystem::create_directories(volume);
+		}
+		ListVolumes({first_, second_});
+		UseVolume("");
+	}
+	void ListVolumes(const std::vector<std::string>& volumes) {
+		std::string lines = "pattern /nothing*\n";
+		for (const std::string& volume : volumes) {
+			lines += "directory " + volume + "\n";
+		}
+		WriteFile("/usr/tarn/etc/volumes.conf", lines);
+	}
+	void UseVolume(const std::string& volume) {
+		WriteFile("/usr/share/data_update/data_update.conf", R"({"config":{"cur_volume":")" + volume + R"("}})");
+	}
+	std::string Run(ExitCode (*command)(const Services&, const Options&), const std::string& path) {
+		out_.str("");
+		options_.path = path;
+		EXPECT_EQ(command(services_, options_), kDone);
+		return out_.str();
+	}
+	std::string Volume() const { return services_.config->GetCurVolume(); }
+
+	test::TemporaryDirectory directory_;
+	const std::string first_ = directory_ / "volume1";
+	const std::string second_ = directory_ / "volume2";
+	Options options_;
+	std::ostringstream out_;
+	std::ostringstream err_;
+	Terminal terminal_{out_, err_, false};
+	Services services_ = MakeServices(terminal_);
+};
+
+TEST_F(VolumeCommandTest, AdoptsAMountedVolumeWhenNoneIsInUse) {
+	EXPECT_EQ(Run(RunVolumeMounted, second_ + "/"), "The databases are on " + second_ + " from now on.\n");
+	EXPECT_EQ(Volume(), second_);
+	EXPECT_EQ(Run(RunVolumeMounted, first_), "The databases stay on " + second_ + ".\n");
+	EXPECT_EQ(Volume(), second_);
+}
+
+TEST_F(VolumeCommandTest, RefusesWhatIsNoVolume) {
+	options_.path = "/nowhere";
+	EXPECT_THROW(RunVolumeMounted(services_, options_), CommandError);
+	EXPECT_EQ(Volume(), "");
+}
+
+TEST_F(VolumeCommandTest, DoesNotAdoptAnUnsuitableVolume) {
+	WriteFile("/usr/share/data_update/databases.conf",
+	    R"({"geo":{"min_rsv_space_inbytes":4294967295}, "zip":{"min_rsv_space_inbytes":4294967295}})");
+	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\nexclude " + first_ + "\n");
+	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr(first_ + " is not suitable"));
+	EXPECT_EQ(Volume(), "");
+}
+
+TEST_F(VolumeCommandTest, MovesTheDatabasesAway) {
+	UseVolume(first_);
+	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
+	options_.json = true;
+	const std::string answer = Run(RunVolumeUnmounting, first_ + "/");
+	EXPECT_THAT(answer, HasSubstr("\"result\" : \"moved\""));
+	EXPECT_THAT(answer, HasSubstr("\"volume\" : \"" + second_ + "\""));
+	EXPECT_EQ(Volume(), second_);
+	EXPECT_EQ(ReadFile(second_ + "/@database/autoupdate/geo/file"), "content");
+	EXPECT_FALSE(std::filesystem::exists(first_ + "/@database/autoupdate"));
+}
+
+TEST_F(VolumeCommandTest, GivesUpTheVolumeWhenThereIsNoOther) {
+	UseVolume(first_);
+	ListVolumes({first_});
+	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
+	EXPECT_THAT(Run(RunVolumeUnmounting, first_), HasSubstr("The databases stay on " + first_));
+	EXPECT_EQ(Volume(), "");
+	EXPECT_EQ(ReadFile(first_ + "/@database/autoupdate/geo/file"), "content");
+}
+
+TEST_F(VolumeCommandTest, IgnoresTheEndOfAnotherVolume) {
+	UseVolume(first_);
+	EXPECT_EQ(Run(RunVolumeUnmounting, second_), "The databases are not on " + second_ + ".\n");
+	EXPECT_EQ(Volume(), first_);
+}
+
+TEST_F(VolumeCommandTest, FailsWhenTheDatabasesCannotBeMoved) {
+	UseVolume(first_);
+	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
+	WriteFile(second_ + "/@database/autoupdate/in the way", "");
+	options_.path = first_;
+	EXPECT_THROW(RunVolumeUnmounting(services_, options_), CommandError);
+	EXPECT_EQ(Volume(), "");
+	EXPECT_EQ(ReadFile(first_ + "/@database/autoupdate/geo/file"), "content");
+}
+
+TEST_F(VolumeCommandTest, TouchesNothingBelowAnUpdateOrAReader) {
+	UseVolume(first_);
+	options_.path = first_;
+	options_.timeout_seconds = 0;
+	for (const char* lock : {dataupdate::kUpdateAnyLock, "/run/data_update/using_geo.lock"}) {
+		const dataupdate::FileLock busy(lock, 0);
+		EXPECT_THROW(RunVolumeUnmounting(services_, options_), dataupdate::UpdateError) << lock;
+		EXPECT_EQ(Volume(), first_) << lock;
+	}
+}
+
+TEST_F(VolumeCommandTest, InitMakesTheLocksOfWhatIsInstalled) {
+	WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{},"zip":{}})");
+	dataupdate::DatabaseStatus status;
+	status.data_version = 3;
+	services_.info->SetDatabaseStatus("geo", status);
+	std::filesystem::create_directories("/run/data_update");
+	EXPECT_EQ(RunInit(services_, options_), kDone);
+	EXPECT_TRUE(std::filesystem::exists("/run/data_update/using_geo.lock"));
+	EXPECT_FALSE(std::filesystem::exists("/run/data_update/using_zip.lock"));
+	EXPECT_EQ(out_.str(), "The databases are on " + first_ + ".\n");
+}
+
+TEST_F(VolumeCommandTest, RefreshDropsTheDocumentThatNobodyIsFetching) {
+	WriteFile(dataupdate::kCachedInfo, "<html>");
+	{
+		const dataupdate::FileLock fetching(dataupdate::kFreshInfoLock, 0);
+		EXPECT_TRUE(std::filesystem::exists(dataupdate::kCachedInfo));
+	}
+	EXPECT_THAT(Run(RunRefresh, ""), HasSubstr("was dropped"));
+	EXPECT_FALSE(std::filesystem::exists(dataupdate::kCachedInfo));
+	EXPECT_THAT(Run(RunRefresh, ""), HasSubstr("no document to drop"));
+}
+
+} // namespace
+} // namespace tarn::ctl

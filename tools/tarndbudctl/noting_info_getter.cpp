@@ -1,0 +1,39 @@
+#include "noting_info_getter.h"
+
+#include <utility>
+
+namespace tarn::ctl {
+
+NotingInfoGetter::NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other)
+    : InfoGetter(nullptr, nullptr), other_(std::move(other)) {}
+
+dataupdate::RemoteInfo NotingInfoGetter::GetRemoteInfo(const std::string& id) const {
+	return other_->GetRemoteInfo(id);
+}
+
+std::map<int, dataupdate::DiffInfo> NotingInfoGetter::GetDiffInfos(const std::string& id) const {
+	return other_->GetDiffInfos(id);
+}
+
+dataupdate::DatabaseStatus NotingInfoGetter::GetDatabaseStatus(const std::string& id) const {
+	return other_->GetDatabaseStatus(id);
+}
+
+void NotingInfoGetter::SetDatabaseStatus(const std::string& id, const dataupdate::DatabaseStatus& status) const {
+	other_->SetDatabaseStatus(id, status);
+	recorded_ = true;
+}
+
+Json::Value NotingInfoGetter::GetDatabaseInfo() const {
+	return other_->GetDatabaseInfo();
+}
+
+std::string NotingInfoGetter::GetDatabaseUrl() const {
+	return other_->GetDatabaseUrl();
+}
+
+std::string NotingInfoGetter::GetQueryString() const {
+	return other_->GetQueryString();
+}
+
+} // namespace tarn::ctl

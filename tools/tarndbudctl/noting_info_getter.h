@@ -1,0 +1,37 @@
+/** @file An InfoGetter that notes whether a new state was recorded. */
+#ifndef TARNDBUDCTL_NOTING_INFO_GETTER_H
+#define TARNDBUDCTL_NOTING_INFO_GETTER_H
+
+#include <dataupdate/update.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace tarn::ctl {
+
+/** Passes everything on to another one. Not for use by several threads at once. */
+class NotingInfoGetter : public dataupdate::InfoGetter {
+public:
+	explicit NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other);
+
+	/** Whether a state was recorded since the construction or the last Forget(). */
+	bool HasRecorded() const { return recorded_; }
+	void Forget() const { recorded_ = false; }
+
+	dataupdate::RemoteInfo GetRemoteInfo(const std::string& id) const override;
+	std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& id) const override;
+	dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& id) const override;
+	void SetDatabaseStatus(const std::string& id, const dataupdate::DatabaseStatus& status) const override;
+	Json::Value GetDatabaseInfo() const override;
+	std::string GetDatabaseUrl() const override;
+	std::string GetQueryString() const override;
+
+private:
+	std::shared_ptr<dataupdate::InfoGetter> other_;
+	mutable bool recorded_ = false;
+};
+
+} // namespace tarn::ctl
+
+#endif

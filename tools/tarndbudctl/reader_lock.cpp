@@ -1,0 +1,34 @@
+#include "reader_lock.h"
+
+#include "failure.h"
+
+#include <dataupdate/interruption.h>
+#include <dataupdate/project_lock.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace tarn::ctl {
+
+ReaderLock::ReaderLock(const std::string& id, unsigned long timeout_seconds)
+    : fd_(TARNDBUDGetFileLock(id.c_str(), timeout_seconds)) {
+	if (fd_ == -1) {
+		throw CommandError(kLocked, "The database is being replaced; try later");
+	}
+}
+
+ReaderLock::~ReaderLock() {
+	TARNDBUDReleaseFileLock(fd_);
+}
+
+bool MakeReaderLockFile(const std::string& id) {
+	const std::string path = "/run/data_update/using_" + id + ".lock";
+	const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+	if (fd < 0) {
+		return false;
+	}
+	close(fd);
+	return true;
+}
+
+} // namespace tarn::ctl
