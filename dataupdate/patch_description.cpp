@@ -31,9 +31,11 @@ bool IsPlainRelative(const std::string& name) {
 void CheckInput(const fs::path& package, const std::string& input) {
 	boost::system::error_code ignored;
 	const fs::path path = package / input;
-	// A link on the way could lead anywhere, whatever the name looks like.
-	if (!IsPlainRelative(input) || !fs::is_regular_file(fs::symlink_status(path, ignored)) ||
-	    fs::canonical(path, ignored) != package / input) {
+	const fs::file_status status = fs::symlink_status(path, ignored);
+	// A link on the way could lead anywhere, whatever the name looks like. What is missing fails when it is used.
+	const bool is_fit =
+	    status.type() == fs::file_not_found || (fs::is_regular_file(status) && fs::canonical(path, ignored) == path);
+	if (!IsPlainRelative(input) || !is_fit) {
 		throw UpdateError("Illegal input file in diff package: " + input);
 	}
 }
@@ -67,7 +69,7 @@ std::vector<PatchMember> ReadPatchDescription(const std::string& package_directo
 		}
 		const std::string input = StringMember(value, "input_file", name);
 		const std::string operation = StringMember(value, "operation", name);
-		if (operation == "create" || operation == "update") {
+		if (!input.empty() || operation == "create" || operation == "update") {
 			CheckInput(package, input);
 		}
 		members.push_back({name, operation, (NoexceptFormat("%s/%s") % package_directory % input).str()});

@@ -20,7 +20,7 @@ struct PatchMember {
 /**
  * Reads the description of the package unpacked into a directory, in order of the names. The whole of it is checked
  * before anything of it is used: throws UpdateError when it is missing or no object of objects, when a name could lead
- * out of the install directory, or when an input file is not a regular file of the package.
+ * out of the install directory, or when an input file is there but not a regular file of the package.
  */
 std::vector<PatchMember> ReadPatchDescription(const std::string& package_directory);
 

@@ -36,9 +36,25 @@ void CheckRegular(const std::string& path) {
 	}
 }
 
-void CopyPermissions(const std::string& from, const std::string& to) {
+/** Removes a file, or a directory in which no file is left. */
+void RemoveInstalled(const fs::path& path) {
+	if (fs::is_directory(fs::symlink_status(path))) {
+		const auto remove_directory = [](const std::string& entry) {
+			if (fs::is_directory(fs::symlink_status(entry))) {
+				fs::remove(entry);
+			}
+		};
+		IOUtils().IterateDirectory(path.string(), remove_directory, true);
+	}
+	fs::remove(path);
+}
+
+/** Gives a file another content; whatever made that knows nothing of the file's permissions. */
+void ReplaceContent(const std::string& file, const std::string& content) {
 	try {
-		fs::permissions(to, fs::status(from).permissions());
+		const fs::perms permissions = fs::status(file).permissions();
+		IOUtils().CopyFile(content, file);
+		fs::permissions(file, permissions);
 	} catch (const fs::filesystem_error& error) {
 		throw UpdateError(std::string("Fail to keep permissions: ") + error.what());
 	}
@@ -60,12 +76,16 @@ void Patcher::ApplyPackage(const std::string& package_directory) {
 }
 
 void Patcher::Install() const {
+	// Deletions come first, because a file may take the place of a directory, and a directory that of a file.
 	for (const auto& [name, info] : modify_infos_) {
-		const fs::path installed = fs::path(install_directory_) / name;
-		if (fs::exists(fs::symlink_status(installed))) {
-			fs::remove(installed);
+		if (info.operation == ModifyInfo::kDelete) {
+			fs::remove(fs::path(install_directory_) / name);
 		}
+	}
+	for (const auto& [name, info] : modify_infos_) {
 		if (info.operation == ModifyInfo::kOverride) {
+			const fs::path installed = fs::path(install_directory_) / name;
+			RemoveInstalled(installed);
 			fs::create_directories(installed.parent_path());
 			InstallRegularFile(info.source, installed.string());
 		}
@@ -116,8 +136,7 @@ void Patcher::_UpdateFile(const std::string& name, const std::string& working_co
 void Patcher::_DoVcPatch(const std::string& file, const std::string& patch) const {
 	const std::string output = file + ".patchout";
 	decoder_(file, output, patch);
-	CopyPermissions(file, output);
-	IOUtils().CopyFile(output, file);
+	ReplaceContent(file, output);
 	if (unlink(output.c_str()) != 0) {
 		throw UpdateError("Failt to delete " + output);
 	}

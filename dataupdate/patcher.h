@@ -44,7 +44,10 @@ public:
 	/** What the chain so far does, by file name. */
 	[[nodiscard]] const std::map<std::string, ModifyInfo>& Modifications() const { return modify_infos_; }
 
-	/** Removes or replaces the installed files accordingly. Throws Boost's filesystem error. */
+	/**
+	 * Removes or replaces the installed files accordingly. Throws Boost's filesystem error, for example when a file's
+	 * place is taken by a directory with files of which the chain knows nothing.
+	 */
 	void Install() const;
 
 private:

@@ -22,6 +22,12 @@ namespace {
 
 constexpr char kLogSource[] = "strategy";
 
+/** Whether there is such a name; one that cannot be examined counts. */
+bool MayExist(const std::string& path) {
+	boost::system::error_code ignored;
+	return fs::symlink_status(path, ignored).type() != fs::file_not_found;
+}
+
 bool SyncDirectory(const fs::path& path) {
 	const Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	return directory.Get() >= 0 && fsync(directory.Get()) == 0;
@@ -56,8 +62,7 @@ void SetReplacementMark(const std::string& id) {
 }
 
 bool IsReplacementMarked(const std::string& id) {
-	boost::system::error_code ignored;
-	return fs::symlink_status(ReplacementMarkPath(id), ignored).type() != fs::file_not_found;
+	return MayExist(ReplacementMarkPath(id)) && MayExist(StatusPath(id));
 }
 
 void ClearReplacementMark(const std::string& id) noexcept {

@@ -19,7 +19,10 @@ namespace tarn::dataupdate {
  */
 void SetReplacementMark(const std::string& id);
 
-/** Whether the mark stands; one that cannot be examined counts. */
+/**
+ * Whether the mark contradicts the record beside it. Without a record it says nothing: then nothing is known to be
+ * installed, or the host keeps its records elsewhere and clears no marks.
+ */
 bool IsReplacementMarked(const std::string& id);
 
 /**

@@ -89,11 +89,6 @@ DatabaseStatus InstalledStatus(const InfoGetter& getter, const std::string& id) 
 	return status;
 }
 
-void Record(const InfoGetter& getter, const std::string& id, const DatabaseStatus& status) {
-	getter.SetDatabaseStatus(id, status);
-	ClearReplacementMark(id);
-}
-
 } // namespace
 
 Update::Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
@@ -124,7 +119,8 @@ void Update::UpdateProject(const std::string& id) const {
 		const std::string root_directory = config->GetRootDirectory();
 		const std::string install_prefix = config->GetInstallPrefix();
 		const std::string volume = service_config_->GetCurVolume();
-		Record(*info_getter_, id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
+		info_getter_->SetDatabaseStatus(
+		    id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
 		TARN_LOG(LOG_WARNING, "Update %s completed and succeed", id.c_str());
 	});
 }
@@ -145,7 +141,7 @@ void Update::FixProject(const std::string& id) const {
 		if (!fixer.IsFixNeeded(status)) {
 			return;
 		}
-		Record(*info_getter_, id, fixer.Fix());
+		info_getter_->SetDatabaseStatus(id, fixer.Fix());
 		TARN_LOG(LOG_WARNING, "Fix %s completed and succeed", id.c_str());
 	});
 }
@@ -166,7 +162,7 @@ void Update::ForceInstall(const std::string& id, int version) const {
 	status.last_fetch_time = remote.last_fetch_time;
 	status.file_statuses = CalculateStatus(files, config->GetInstallPrefix());
 	SyncFileSystem(install_prefix);
-	Record(*info_getter_, id, status);
+	info_getter_->SetDatabaseStatus(id, status);
 }
 
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)

@@ -34,7 +34,7 @@ public:
 	virtual std::map<int, DiffInfo> GetDiffInfos(const std::string& id) const;
 	/** The installed state; version -1 and no files when "version.json" is missing or unusable (logged). */
 	virtual DatabaseStatus GetDatabaseStatus(const std::string& id) const;
-	/** Records the installed state. */
+	/** Records the installed state; replaced files then count as what the record says. */
 	virtual void SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const;
 	/**
 	 * The server's document: the cached one, "/var/cache/data_update/database_info.json", when it is at most 3,600
