@@ -45,6 +45,9 @@ void FakeSystem::Fail(const std::string& call, int error, int times, int after) 
 }
 
 bool FakeSystem::IsFailureDue(const std::string& call) {
+	if (on_call) {
+		on_call(call);
+	}
 	const auto found = faults_.find(call);
 	if (found == faults_.end()) {
 		return false;
@@ -80,6 +83,7 @@ extern "C" {
 
 int __real_flock(int fd, int operation);
 int __real_syncfs(int fd);
+int __real_fsync(int fd);
 DIR* __real_opendir(const char* path);
 dirent* __real_readdir(DIR* directory);
 ssize_t __real_read(int fd, void* buffer, size_t size);
@@ -96,6 +100,10 @@ int __wrap_flock(int fd, int operation) {
 
 int __wrap_syncfs(int fd) {
 	return Fails("syncfs") ? -1 : __real_syncfs(fd);
+}
+
+int __wrap_fsync(int fd) {
+	return Fails("fsync") ? -1 : __real_fsync(fd);
 }
 
 DIR* __wrap_opendir(const char* path) {

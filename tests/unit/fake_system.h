@@ -12,7 +12,7 @@ namespace tarn::test {
 
 /**
  * While the object lives, the calls that the library makes can be told to fail, and its waiting costs no time: a sleep
- * moves its clock on and returns at once. Only one at a time. Calls that can fail, by name: flock, syncfs, opendir,
+ * moves its clock on and returns at once. Only one at a time. Calls that can fail, by name: flock, syncfs, fsync, opendir,
  * readdir, read, write, copy_file_range, fchmod, linkat.
  */
 class FakeSystem {
@@ -32,6 +32,8 @@ public:
 	/** For the doubles: whether this call has to fail, with errno then set. */
 	bool IsFailureDue(const std::string& call);
 
+	/** Called at each call that could fail. */
+	std::function<void(const std::string& call)> on_call;
 	/** How often the library slept while it waited. */
 	int polls = 0;
 	/** Called at each such sleep with its number, from 1. */

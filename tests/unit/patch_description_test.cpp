@@ -1,0 +1,145 @@
+#include "expect_error.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/patch_description.h>
+
+#include <gmock/gmock.h>
+#include <json/value.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::ErrorOf;
+using test::MessageOf;
+using test::WriteFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class PatchDescriptionTest : public testing::Test {
+protected:
+	PatchDescriptionTest() { WriteFile(package_ + "/in", "content"); }
+
+	std::vector<PatchMember> Read(const std::string& description) const {
+		WriteFile(package_ + "/patch_infos.json", description);
+		return ReadPatchDescription(package_);
+	}
+	std::string Failure(const std::string& description) const {
+		return MessageOf([&] { Read(description); });
+	}
+	/** What becomes of a member with this name, or with this input file. */
+	std::string FailureOfName(const std::string& name) const {
+		Json::Value description;
+		description[name]["operation"] = "create";
+		description[name]["input_file"] = "in";
+		return Failure(description.toStyledString());
+	}
+	std::string FailureOfInput(const std::string& input, const std::string& operation = "update") const {
+		Json::Value description;
+		description["f"]["operation"] = operation;
+		description["f"]["input_file"] = input;
+		return Failure(description.toStyledString());
+	}
+
+	test::TemporaryDirectory directory_;
+	std::string package_ = directory_ / "package";
+};
+
+TEST_F(PatchDescriptionTest, ListsItsMembersByName) {
+	WriteFile(package_ + "/deep/er/in", "");
+	const auto members = Read(R"({"b": {"operation": "update", "input_file": "in"}, "a/c": {"operation": "create",
+	    "input_file": "deep/er/in"}, "a": {"operation": "delete"}, "B": {"operation": "move"}})");
+	std::vector<std::string> lines;
+	for (const PatchMember& member : members) {
+		lines.push_back(member.name + "|" + member.operation + "|" + member.input);
+	}
+	EXPECT_THAT(lines, ElementsAre("B|move|" + package_ + "/", "a|delete|" + package_ + "/",
+	                       "a/c|create|" + package_ + "/deep/er/in", "b|update|" + package_ + "/in"));
+}
+
+TEST_F(PatchDescriptionTest, MayBeEmpty) {
+	EXPECT_THAT(Read("{}"), IsEmpty());
+}
+
+TEST_F(PatchDescriptionTest, IsAnObjectOfObjects) {
+	const std::string path = package_ + "/patch_infos.json";
+	const auto error = ErrorOf([this] { ReadPatchDescription(package_); });
+	EXPECT_EQ(error.what(), "File not exist: " + path);
+	EXPECT_EQ(Failure("{"), "Fail to decode: " + path);
+	EXPECT_EQ(Failure(""), "Fail to decode: " + path);
+	EXPECT_EQ(Failure("[]"), "Not a description of patches: " + path);
+	EXPECT_EQ(Failure("null"), "Not a description of patches: " + path);
+	EXPECT_EQ(Failure("\"text\""), "Not a description of patches: " + path);
+	EXPECT_EQ(Failure(R"({"f": "delete"})"), "Invalid description of f in diff package");
+	EXPECT_EQ(Failure(R"({"f": ["delete"]})"), "Invalid description of f in diff package");
+}
+
+TEST_F(PatchDescriptionTest, HoldsOperationAndInputAsText) {
+	EXPECT_EQ(Failure(R"({"f": {"operation": 2}})"), "Invalid operation of f in diff package");
+	EXPECT_EQ(Failure(R"({"f": {"operation": ["delete"]}})"), "Invalid operation of f in diff package");
+	EXPECT_EQ(Failure(R"({"f": {"operation": "create", "input_file": 1}})"), "Invalid input_file of f in diff package");
+	EXPECT_EQ(
+	    Failure(R"({"f": {"operation": "delete", "input_file": {}}})"), "Invalid input_file of f in diff package");
+	EXPECT_THAT(Read(R"({"f": {}})").at(0).operation, IsEmpty()); // No operation is an unknown one.
+}
+
+TEST_F(PatchDescriptionTest, RefusesNamesThatCouldLeadOutOrHaveTwoSpellings) {
+	for (const std::string name :
+	    {"../x", "..", "a/../../x", "a/..", "/etc/passwd", "/", "", ".", "./x", "a/./x", "a/.", "a//x", "a/", "//x"}) {
+		EXPECT_EQ(FailureOfName(name), "Illegal file name in diff package: " + name);
+	}
+	EXPECT_EQ(FailureOfName(std::string("a\0b", 3)), "Illegal file name in diff package: a");
+}
+
+TEST_F(PatchDescriptionTest, TakesNamesThatOnlyLookOdd) {
+	WriteFile(package_ + "/..in", "");
+	EXPECT_EQ(Read(R"({"...": {"operation": "create", "input_file": "..in"}, "..a/b..": {"operation": "delete"},
+	    "a b\\c": {"operation": "delete"}, ".hidden": {"operation": "delete"}, "-": {"operation": "delete"}})")
+	              .size(),
+	    5U);
+}
+
+TEST_F(PatchDescriptionTest, RefusesInputsThatLeadOutOfThePackage) {
+	WriteFile(directory_ / "secret", "secret");
+	for (const std::string input :
+	    {"../secret", "deep/../../secret", "/etc/passwd", "..", "", ".", "./in", "in/", "missing/../in"}) {
+		EXPECT_EQ(FailureOfInput(input), "Illegal input file in diff package: " + input);
+		EXPECT_EQ(FailureOfInput(input, "create"), "Illegal input file in diff package: " + input);
+	}
+	EXPECT_EQ(FailureOfInput(std::string("in\0x", 4)), "Illegal input file in diff package: in");
+	EXPECT_EQ(FailureOfInput("../secret", "delete"), "Illegal input file in diff package: ../secret");
+	EXPECT_EQ(FailureOfInput("../secret", "unknown"), "Illegal input file in diff package: ../secret");
+}
+
+TEST_F(PatchDescriptionTest, RefusesInputsThatAreLinksOrLieBehindOne) {
+	WriteFile(directory_ / "outside/secret", "secret");
+	fs::create_symlink("in", package_ + "/link");
+	fs::create_symlink("nowhere", package_ + "/dangling");
+	fs::create_directory_symlink(directory_ / "outside", package_ + "/door");
+	for (const std::string input : {"link", "dangling", "door/secret", "door"}) {
+		EXPECT_EQ(FailureOfInput(input), "Illegal input file in diff package: " + input);
+	}
+}
+
+TEST_F(PatchDescriptionTest, RefusesADirectoryAsInput) {
+	fs::create_directory(package_ + "/deep");
+	EXPECT_EQ(FailureOfInput("deep"), "Illegal input file in diff package: deep");
+}
+
+TEST_F(PatchDescriptionTest, LeavesAMissingInputToItsUse) {
+	EXPECT_EQ(Read(R"({"f": {"operation": "create", "input_file": "missing"}})").at(0).input, package_ + "/missing");
+}
+
+TEST_F(PatchDescriptionTest, KnowsAPackageThatIsReachedByALink) {
+	fs::create_directory_symlink(package_, directory_ / "alias");
+	Read(R"({"f": {"operation": "create", "input_file": "in"}})");
+	EXPECT_EQ(ReadPatchDescription(directory_ / "alias").at(0).input, directory_ / "alias/in");
+}
+
+} // namespace
+} // namespace tarn::dataupdate

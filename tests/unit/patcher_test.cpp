@@ -1,0 +1,347 @@
+#include "expect_error.h"
+#include "fake_system.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/patcher.h>
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <gmock/gmock.h>
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::MessageOf;
+using test::ReadFile;
+using test::WriteFile;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
+
+/** An entry of a description. */
+std::string Entry(const std::string& name, const std::string& operation, const std::string& input = "") {
+	return "\"" + name + R"(": {"operation": ")" + operation + R"(", "input_file": ")" + input + "\"}";
+}
+
+std::vector<std::string> FilesBelow(const std::string& directory) {
+	std::vector<std::string> files;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+		files.push_back(fs::relative(entry.path(), directory));
+	}
+	return files;
+}
+
+class PatcherTest : public testing::Test {
+protected:
+	PatcherTest() {
+		fs::create_directory(directory_ / "sum");
+		fs::create_directory(directory_ / "db");
+	}
+
+	std::string Installed(const std::string& name) const { return directory_ / ("db/" + name); }
+	std::string Copy(const std::string& name) const { return directory_ / ("sum/" + name); }
+	/** Unpacks a package with these entries and these files, and applies it. */
+	void Apply(const std::string& entries, const std::map<std::string, std::string>& files = {}) {
+		const std::string package = directory_ / ("package" + std::to_string(++packages_));
+		for (const auto& [name, content] : files) {
+			WriteFile(package + "/" + name, content);
+		}
+		WriteFile(package + "/patch_infos.json", "{" + entries + "}");
+		patcher_.ApplyPackage(package);
+	}
+	std::string Failure(const std::string& entries, const std::map<std::string, std::string>& files = {}) {
+		return MessageOf([&] { Apply(entries, files); });
+	}
+	/** What is to be done, each as "<name> <operation>". */
+	std::vector<std::string> Operations() const {
+		std::vector<std::string> operations;
+		for (const auto& [name, info] : patcher_.Modifications()) {
+			operations.push_back(name + " " + std::to_string(info.operation));
+		}
+		return operations;
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakeSystem system_;
+	int packages_ = 0;
+	/** By default appends the patch to the source. */
+	Patcher::Decoder decoder_ = [](const std::string& source, const std::string& output, const std::string& patch) {
+		WriteFile(output, ReadFile(source) + ReadFile(patch));
+	};
+	Patcher patcher_{directory_ / "sum", directory_ / "db",
+	    [this](const std::string& source, const std::string& output, const std::string& patch) {
+		    decoder_(source, output, patch);
+	    }};
+};
+
+TEST_F(PatcherTest, CopiesCreatedFilesUnderFlatNames) {
+	Apply(Entry("a/b.c", "create", "in/new"), {{"in/new", "content"}});
+	EXPECT_EQ(ReadFile(Copy("a_b_c")), "content");
+	ASSERT_THAT(Operations(), ElementsAre("a/b.c 1"));
+	EXPECT_EQ(patcher_.Modifications().at("a/b.c").source, Copy("a_b_c"));
+}
+
+TEST_F(PatcherTest, PatchesACopyOfTheInstalledFile) {
+	WriteFile(Installed("sub/f"), "one ");
+	Apply(Entry("sub/f", "update", "p.vcdiff"), {{"p.vcdiff", "two"}});
+	EXPECT_EQ(ReadFile(Copy("sub_f")), "one two");
+	EXPECT_EQ(ReadFile(Installed("sub/f")), "one ");
+	EXPECT_THAT(Operations(), ElementsAre("sub/f 1"));
+	EXPECT_THAT(FilesBelow(directory_ / "sum"), ElementsAre("sub_f")); // The decoder's output is gone.
+}
+
+TEST_F(PatcherTest, GivesTheDecoderCopyOutputAndPatch) {
+	WriteFile(Installed("f"), "one");
+	std::vector<std::string> arguments;
+	decoder_ = [&](const std::string& source, const std::string& output, const std::string& patch) {
+		arguments = {source, output, patch};
+		EXPECT_FALSE(fs::exists(output));
+		WriteFile(output, "new");
+	};
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}});
+	EXPECT_THAT(arguments, ElementsAre(Copy("f"), Copy("f.patchout"), directory_ / "package1/p.vcdiff"));
+}
+
+TEST_F(PatcherTest, PatchesOneCopyOverTheWholeChain) {
+	WriteFile(Installed("f"), "1");
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "2"}});
+	WriteFile(Installed("f"), "changed meanwhile");
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "3"}});
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "4"}});
+	EXPECT_EQ(ReadFile(Copy("f")), "1234");
+	EXPECT_THAT(Operations(), ElementsAre("f 1"));
+}
+
+TEST_F(PatcherTest, PatchesWhatAnEarlierPackageCreated) {
+	Apply(Entry("f", "create", "in"), {{"in", "1"}});
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "2"}});
+	EXPECT_EQ(ReadFile(Copy("f")), "12");
+	Apply(Entry("f", "create", "in"), {{"in", "anew"}});
+	EXPECT_EQ(ReadFile(Copy("f")), "anew");
+}
+
+TEST_F(PatcherTest, DoesTheLastOfSeveralOperations) {
+	WriteFile(Installed("deleted"), "old");
+	Apply(Entry("twice", "create", "in") + "," + Entry("deleted", "update", "p.vcdiff") + "," + Entry("back", "delete"),
+	    {{"in", "1"}, {"p.vcdiff", "2"}});
+	Apply(Entry("twice", "delete") + "," + Entry("deleted", "delete") + "," + Entry("back", "create", "in"),
+	    {{"in", "3"}});
+	EXPECT_THAT(Operations(), ElementsAre("back 1", "deleted 2", "twice 2"));
+	EXPECT_EQ(patcher_.Modifications().at("deleted").source, Copy("deleted"));
+	patcher_.Install();
+	EXPECT_THAT(FilesBelow(Installed("")), ElementsAre("back"));
+	EXPECT_EQ(ReadFile(Installed("back")), "3");
+}
+
+TEST_F(PatcherTest, RefusesAnUnknownOperation) {
+	EXPECT_EQ(Failure(Entry("a/f", "move", "in"), {{"in", ""}}), "Unknown operation move for file a/f");
+	EXPECT_EQ(Failure(Entry("f", "Create", "in"), {{"in", ""}}), "Unknown operation Create for file f");
+	EXPECT_EQ(Failure(R"("f": {})"), "Unknown operation  for file f");
+	EXPECT_EQ(Failure(Entry("f%s", "%d", "in"), {{"in", ""}}), "Unknown operation %d for file f%s");
+	EXPECT_THAT(Operations(), IsEmpty());
+}
+
+TEST_F(PatcherTest, TellsPatchesByTheirExtensionAlone) {
+	WriteFile(Installed("f"), "old");
+	for (const std::string extension : {".VCDIFF", ".vcdiff2", ".sqliteDiff", ".diff", ""}) {
+		EXPECT_EQ(Failure(Entry("f", "update", "p" + extension), {{"p" + extension, ""}}),
+		    "Unsupported diff type: " + extension);
+	}
+	EXPECT_EQ(Failure(Entry("f", "update", "p.vcdiff/x"), {{"p.vcdiff/x", ""}}), "Unsupported diff type: ");
+	EXPECT_EQ(Failure(Entry("f", "update", "missing.VCDIFF")), "Unsupported diff type: .VCDIFF");
+	EXPECT_THAT(Operations(), IsEmpty());
+}
+
+TEST_F(PatcherTest, NeedsTheFilesThatAPackageNames) {
+	EXPECT_THAT(Failure(Entry("f", "create", "missing")),
+	    StartsWith("Fail to copy from " + directory_ / "package1/missing" + " to " + Copy("f") + ": "));
+	EXPECT_THAT(Failure(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}}),
+	    StartsWith("Fail to copy from " + Installed("f") + " to " + Copy("f") + ": "));
+	WriteFile(Installed("f"), ""); // An empty database.
+	EXPECT_EQ(Failure(Entry("f", "update", "missing.sqlitediff")),
+	    "Fail apply sql cmd: unable to read " + directory_ / "package3/missing.sqlitediff");
+}
+
+TEST_F(PatcherTest, ChecksAPackageBeforeItPatchesAnything) {
+	EXPECT_EQ(Failure(Entry("a", "create", "in") + "," + Entry("b/../../x", "create", "in"), {{"in", ""}}),
+	    "Illegal file name in diff package: b/../../x");
+	EXPECT_EQ(Failure(Entry("a", "create", "in") + "," + Entry("b", "create", "../db"), {{"in", ""}}),
+	    "Illegal input file in diff package: ../db");
+	EXPECT_THAT(FilesBelow(directory_ / "sum"), IsEmpty());
+	EXPECT_THAT(Operations(), IsEmpty());
+}
+
+TEST_F(PatcherTest, RefusesTwoNamesForOneWorkingCopy) {
+	const std::map<std::string, std::string> files = {{"in", "1"}, {"p.vcdiff", "2"}};
+	EXPECT_EQ(Failure(Entry("a.b", "create", "in") + "," + Entry("a/b", "create", "in"), files),
+	    "Working copies of a.b and a/b collide");
+	WriteFile(Installed("c_d"), "old");
+	EXPECT_EQ(Failure(Entry("c.d", "create", "in") + "," + Entry("c_d", "update", "p.vcdiff"), files),
+	    "Working copies of c.d and c_d collide");
+	EXPECT_EQ(ReadFile(Copy("c_d")), "1");
+}
+
+TEST_F(PatcherTest, RefusesTwoNamesForOneWorkingCopyAlongTheChainToo) {
+	Apply(Entry("a/b", "create", "in"), {{"in", "1"}});
+	Apply(Entry("a/b", "delete"));
+	EXPECT_EQ(Failure(Entry("a_b", "create", "in"), {{"in", "2"}}), "Working copies of a/b and a_b collide");
+}
+
+TEST_F(PatcherTest, KeepsNamesApartThatAreOnlyDeleted) {
+	WriteFile(Installed("a.b"), "old");
+	WriteFile(Installed("a_b"), "old");
+	Apply(Entry("a.b", "delete") + "," + Entry("a_b", "delete") + "," + Entry("a/b", "create", "in"), {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("a", "a/b"));
+	EXPECT_EQ(ReadFile(Installed("a/b")), "new");
+}
+
+TEST_F(PatcherTest, SaysThatAWorkingCopyCannotBeExamined) {
+	const std::string name = std::string(200, 'a') + "/" + std::string(200, 'b');
+	const std::string flat = std::string(200, 'a') + "_" + std::string(200, 'b'); // Longer than a name may be.
+	WriteFile(Installed(name), "old");
+	EXPECT_EQ(
+	    Failure(Entry(name, "update", "p.vcdiff"), {{"p.vcdiff", ""}}), "Fail to get exists info from " + Copy(flat));
+}
+
+TEST_F(PatcherTest, PatchesNoLinkAndNoDirectory) {
+	WriteFile(directory_ / "outside", "old");
+	fs::create_symlink(directory_ / "outside", Installed("link"));
+	fs::create_directory(Installed("dir"));
+	const std::map<std::string, std::string> files = {{"p.vcdiff", ""}, {"p.sqlitediff", ""}};
+	EXPECT_EQ(Failure(Entry("link", "update", "p.vcdiff"), files), "Not a regular file: " + Copy("link"));
+	fs::remove(Copy("link"));
+	EXPECT_EQ(Failure(Entry("link", "update", "p.sqlitediff"), files), "Not a regular file: " + Copy("link"));
+	EXPECT_EQ(Failure(Entry("dir", "update", "p.vcdiff"), files), "Not a regular file: " + Copy("dir"));
+	ASSERT_EQ(mkfifo(Installed("fifo").c_str(), 0600), 0);
+	EXPECT_THAT(Failure(Entry("fifo", "update", "p.vcdiff"), files), StartsWith("Fail to copy from "));
+	EXPECT_EQ(ReadFile(directory_ / "outside"), "old");
+}
+
+TEST_F(PatcherTest, PassesOnWhatTheDecoderThrows) {
+	WriteFile(Installed("f"), "old");
+	decoder_ = [](const std::string&, const std::string&, const std::string&) { throw UpdateError("broken patch"); };
+	EXPECT_EQ(Failure(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}}), "broken patch");
+	EXPECT_EQ(ReadFile(Copy("f")), "old");
+	EXPECT_THAT(Operations(), IsEmpty());
+}
+
+TEST_F(PatcherTest, FailsWithoutTheDecodersOutput) {
+	WriteFile(Installed("f"), "old");
+	decoder_ = [](const std::string&, const std::string&, const std::string&) {};
+	EXPECT_THAT(Failure(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}}),
+	    StartsWith("Fail to copy from " + Copy("f.patchout") + " to " + Copy("f") + ": "));
+}
+
+TEST_F(PatcherTest, SaysThatTheDecodersOutputCannotBeRemoved) {
+	WriteFile(Installed("f"), "old");
+	decoder_ = [](const std::string&, const std::string& output, const std::string&) { fs::create_directory(output); };
+	EXPECT_EQ(Failure(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}}), "Failt to delete " + Copy("f.patchout"));
+}
+
+TEST_F(PatcherTest, KeepsTheInstalledFilesPermissions) {
+	WriteFile(Installed("f"), "old");
+	fs::permissions(Installed("f"), fs::perms(0640));
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}});
+	EXPECT_EQ(fs::status(Copy("f")).permissions(), fs::perms(0640));
+	patcher_.Install();
+	EXPECT_EQ(fs::status(Installed("f")).permissions(), fs::perms(0640));
+}
+
+TEST_F(PatcherTest, ChangesDatabasesByScripts) {
+	SQLite::Database(Installed("d"), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec("CREATE TABLE t(a)");
+	Apply(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", "INSERT INTO t VALUES(1);\n"}});
+	Apply(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", "INSERT INTO t VALUES(2);\n"}});
+	EXPECT_EQ(SQLite::Database(Installed("d")).execAndGet("SELECT count(*) FROM t").getInt(), 0);
+	EXPECT_THAT(Failure(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", "DELETE FROM t;\nCOMMIT;\n"}}),
+	    StartsWith("Fail apply sql cmd: "));
+	patcher_.Install();
+	EXPECT_EQ(SQLite::Database(Installed("d")).execAndGet("SELECT group_concat(a) FROM t").getString(), "1,2");
+}
+
+TEST_F(PatcherTest, RunsNoScriptOnAFileThatItsRecordTellsApart) {
+	WriteFile(Installed("d"), "changed");
+	WriteFile(Installed("f"), "changed");
+	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_,
+	    {{Installed("d"), std::string(96, '0')}, {Installed("f"), std::string(96, '0')}});
+	EXPECT_EQ(Failure(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", ""}}),
+	    "File " + Installed("d") + " digest check fail");
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "!"}}); // A patch knows its file itself.
+	EXPECT_EQ(ReadFile(Copy("f")), "changed!");
+}
+
+TEST_F(PatcherTest, InstallsIntoNewDirectories) {
+	Apply(Entry("new/deep/f", "create", "in"), {{"in", "content"}});
+	EXPECT_THAT(FilesBelow(Installed("")), IsEmpty());
+	patcher_.Install();
+	EXPECT_EQ(ReadFile(Installed("new/deep/f")), "content");
+}
+
+TEST_F(PatcherTest, LeavesOtherFilesAndEmptiedDirectories) {
+	WriteFile(Installed("other"), "old");
+	WriteFile(Installed("sub/gone"), "old");
+	Apply(Entry("sub/gone", "delete") + "," + Entry("never/was", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("other", "sub"));
+}
+
+TEST_F(PatcherTest, ReplacesLinksNotWhatTheyLeadTo) {
+	WriteFile(directory_ / "outside", "old");
+	fs::create_symlink(directory_ / "outside", Installed("link"));
+	fs::create_symlink("nowhere", Installed("dangling"));
+	fs::create_symlink("nowhere", Installed("gone"));
+	Apply(Entry("link", "create", "in") + "," + Entry("dangling", "create", "in") + "," + Entry("gone", "delete"),
+	    {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("link", "dangling"));
+	EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Installed("link"))));
+	EXPECT_EQ(ReadFile(Installed("dangling")), "new");
+	EXPECT_EQ(ReadFile(directory_ / "outside"), "old");
+}
+
+TEST_F(PatcherTest, TurnsAFileIntoADirectoryAndBack) {
+	WriteFile(Installed("a"), "file");
+	WriteFile(Installed("b/c/d"), "old");
+	WriteFile(Installed("b/e"), "old");
+	fs::create_directories(Installed("b/empty/deep"));
+	Apply(Entry("a", "delete") + "," + Entry("a/f", "create", "in") + "," + Entry("b", "create", "in") + "," +
+	          Entry("b/c/d", "delete") + "," + Entry("b/e", "delete"),
+	    {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("a", "a/f", "b"));
+	EXPECT_EQ(ReadFile(Installed("a/f")), "new");
+	EXPECT_EQ(ReadFile(Installed("b")), "new");
+}
+
+TEST_F(PatcherTest, RemovesNoDirectoryWithFilesThatItDoesNotKnow) {
+	WriteFile(Installed("b/unknown"), "precious");
+	Apply(Entry("b", "create", "in"), {{"in", "new"}});
+	EXPECT_ANY_THROW(patcher_.Install());
+	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
+	Apply(Entry("b", "delete"));
+	EXPECT_ANY_THROW(patcher_.Install());
+	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
+}
+
+TEST_F(PatcherTest, CopiesBetweenFileSystems) {
+	Apply(Entry("f", "create", "in"), {{"in", "new"}});
+	system_.Fail("linkat", EXDEV);
+	patcher_.Install();
+	EXPECT_EQ(ReadFile(Installed("f")), "new");
+	EXPECT_EQ(fs::hard_link_count(Installed("f")), 1U);
+}
+
+} // namespace
+} // namespace tarn::dataupdate

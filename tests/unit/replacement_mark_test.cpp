@@ -1,0 +1,125 @@
+#include "expect_error.h"
+#include "fake_system.h"
+#include "log_lines.h"
+#include "private_root.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/replacement_mark.h>
+
+#include <gmock/gmock.h>
+
+#include <syslog.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Line;
+using test::MessageOf;
+using test::WriteFile;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
+constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";
+
+class ReplacementMarkTest : public test::FixedPathsTest {
+protected:
+	test::FakeSystem system_;
+	test::SyslogCapture log_;
+};
+
+TEST_F(ReplacementMarkTest, StandsFromSettingToClearing) {
+	WriteFile(kRecord, "{}");
+	EXPECT_FALSE(IsReplacementMarked("geo"));
+	SetReplacementMark("geo");
+	EXPECT_TRUE(fs::is_regular_file(kMark));
+	EXPECT_TRUE(IsReplacementMarked("geo"));
+	EXPECT_FALSE(IsReplacementMarked("poi"));
+	ClearReplacementMark("geo");
+	EXPECT_FALSE(fs::exists(kMark));
+	EXPECT_FALSE(IsReplacementMarked("geo"));
+	EXPECT_TRUE(fs::exists(kRecord));
+	EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(ReplacementMarkTest, MayBeSetAndClearedTwice) {
+	WriteFile(kRecord, "{}");
+	SetReplacementMark("geo");
+	SetReplacementMark("geo");
+	EXPECT_TRUE(IsReplacementMarked("geo"));
+	ClearReplacementMark("geo");
+	ClearReplacementMark("geo");
+	EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(ReplacementMarkTest, SaysNothingWithoutARecord) {
+	SetReplacementMark("geo");
+	EXPECT_TRUE(fs::exists(kMark));
+	EXPECT_FALSE(IsReplacementMarked("geo"));
+	WriteFile(kRecord, "torn");
+	EXPECT_TRUE(IsReplacementMarked("geo"));
+}
+
+TEST_F(ReplacementMarkTest, CountsWhenItCannotBeExamined) {
+	WriteFile(kRecord, "{}");
+	fs::create_symlink("nowhere", kMark);
+	EXPECT_TRUE(IsReplacementMarked("geo"));
+	EXPECT_TRUE(IsReplacementMarked(std::string(300, 'x'))); // No file can have such a name.
+}
+
+TEST_F(ReplacementMarkTest, IsOnTheDiskWithItsDirectoriesBeforeAnythingChanges) {
+	for (const int sync : {0, 1, 2}) { // The file, its directory, the directory of that.
+		system_.Fail("fsync", EIO, 1, sync);
+		EXPECT_EQ(MessageOf([] { SetReplacementMark("geo"); }),
+		    std::string("Fail to mark replacement: ") + kMark + ": Input/output error");
+	}
+	system_.Fail("fsync", EIO, 1, 3);
+	SetReplacementMark("geo");
+}
+
+TEST_F(ReplacementMarkTest, SaysWhyItCannotBeSet) {
+	fs::create_directories("/var/lib/data_update/geo");
+	fs::create_symlink("/var/lib/data_update/elsewhere", kMark);
+	EXPECT_THAT(MessageOf([] { SetReplacementMark("geo"); }),
+	    StartsWith(std::string("Fail to mark replacement: ") + kMark + ": "));
+	EXPECT_FALSE(fs::exists("/var/lib/data_update/elsewhere")); // Never written through a link.
+	WriteFile("/var/lib/data_update/poi", "in the way");
+	EXPECT_THAT(MessageOf([] { SetReplacementMark("poi"); }),
+	    AllOf(StartsWith("Fail to mark replacement: "), HasSubstr("/var/lib/data_update/poi")));
+}
+
+TEST_F(ReplacementMarkTest, StaysUntilTheRecordIsOnTheDisk) {
+	WriteFile(kRecord, "{}");
+	SetReplacementMark("geo");
+	system_.Fail("fsync", EIO);
+	ClearReplacementMark("geo");
+	EXPECT_TRUE(IsReplacementMarked("geo"));
+	EXPECT_THAT(test::Lines(log_),
+	    ElementsAre(Line{LOG_ERR, "strategy", std::string("Failed to remove ") + kMark + ": Input/output error"}));
+}
+
+TEST_F(ReplacementMarkTest, LogsThatItCannotBeRemoved) {
+	WriteFile(std::string(kMark) + "/in/the/way", "");
+	ClearReplacementMark("geo");
+	EXPECT_THAT(test::Lines(log_),
+	    ElementsAre(Line{LOG_ERR, "strategy", std::string("Failed to remove ") + kMark + ": Is a directory"}));
+}
+
+TEST_F(ReplacementMarkTest, IsClearedWhereAHostKeepsNoRecord) {
+	SetReplacementMark("geo");
+	ClearReplacementMark("geo");
+	EXPECT_FALSE(fs::exists(kMark));
+	EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+} // namespace
+} // namespace tarn::dataupdate

@@ -1,0 +1,401 @@
+#include "expect_error.h"
+#include "fake_packages.h"
+#include "fake_platform.h"
+#include "fake_system.h"
+#include "log_lines.h"
+#include "private_root.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/file_lock.h>
+#include <dataupdate/strategy.h>
+
+#include <gmock/gmock.h>
+
+#include <sys/mount.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Line;
+using test::LinesOf;
+using test::MessageOf;
+using test::ReadFile;
+using test::WriteFile;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
+
+constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
+constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";
+constexpr char kInsufficient[] = "No sufficient diff patched";
+
+std::vector<std::string> FilesBelow(const std::string& directory) {
+	std::vector<std::string> files;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+		files.push_back(fs::relative(entry.path(), directory));
+	}
+	return files;
+}
+
+/** A package that appends a text to the file "f". */
+test::FakePackages::Files Appending(const std::string& text) {
+	return {{"patch_infos.json", R"({"f": {"operation": "update", "input_file": "p.vcdiff"}})"}, {"p.vcdiff", text}};
+}
+
+class DiffStrategyTest : public test::FixedPathsTest {
+protected:
+	DiffStrategyTest() {
+		for (const int version : {6, 7, 8}) {
+			diffs_.emplace(version, DiffInfo("http://h/" + std::to_string(version), 1));
+			packages_.by_link["http://h/" + std::to_string(version)] = Appending(std::to_string(version));
+		}
+		WriteFile(Installed("f"), "5");
+		WriteFile(Installed("other"), "old");
+	}
+
+	std::string Area() const { return directory_ / "volume/@tmp/data_update"; }
+	std::string Temp(const std::string& name) const { return Area() + "/geo_" + name; }
+	std::string Installed(const std::string& name) const { return directory_ / ("volume/db/geo/" + name); }
+	/** The one and only package leads to version 6 and does this. */
+	void Offer(const std::string& description, const test::FakePackages::Files& files = {}) {
+		remote_ = 6;
+		packages_.by_link["http://h/6"] = files;
+		packages_.by_link["http://h/6"]["patch_infos.json"] = description;
+	}
+	std::optional<DiffStrategy>& Make(int installed = 5) {
+		DatabaseStatus status;
+		status.data_version = installed;
+		strategy_.emplace("geo", status, RemoteInfo(remote_, 1, false, "http://h/full"), diffs_, directory_ / "volume",
+		    directory_ / "volume/db/geo", directory_ / "");
+		return strategy_;
+	}
+	DiffStrategy& Prepared() {
+		Make()->PrepareUpdate();
+		return *strategy_;
+	}
+	std::string PrepareFailure(int installed = 5) {
+		const std::string message = MessageOf([&] { Make(installed)->PrepareUpdate(); });
+		strategy_.reset();
+		return message;
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakePlatform platform_;
+	test::FakePackages packages_{platform_};
+	test::FakeSystem system_;
+	std::map<int, DiffInfo> diffs_;
+	int remote_ = 8;
+	std::optional<DiffStrategy> strategy_;
+};
+
+TEST_F(DiffStrategyTest, FetchesAndAppliesTheChainInThisOrder) {
+	Prepared();
+	std::vector<testing::Matcher<std::string>> expected = {"mkdir " + Area(), "mkdir " + Temp("sum")};
+	for (const std::string version : {"6", "7", "8"}) {
+		const std::string delta = Temp("delta_" + version);
+		expected.insert(
+		    expected.end(), {"mkdir " + delta, "user agent database 1024",
+		                        StartsWith("/usr/bin/wget -N http://h/" + version + " -O " + Temp("d" + version) + " "),
+		                        "open " + Temp("d" + version) + " 6", "extract " + delta + " 4",
+		                        "/usr/tarn/sbin/tarndbudvcdiff decode " + Temp("sum/f") + " " + Temp("sum/f.patchout") +
+		                            " " + delta + "/p.vcdiff"});
+	}
+	expected.emplace_back("mkdir " + directory_ / "volume/db/geo");
+	EXPECT_THAT(platform_.events, testing::ElementsAreArray(expected));
+	EXPECT_THAT(FilesBelow(Area()), UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8"));
+}
+
+TEST_F(DiffStrategyTest, PatchesOneCopyByEveryPackageAndInstallsItOnce) {
+	DiffStrategy& strategy = Prepared();
+	EXPECT_EQ(ReadFile(Temp("sum/f")), "5678");
+	EXPECT_EQ(ReadFile(Installed("f")), "5");
+	int links = 0;
+	system_.on_call = [&](const std::string& call) { links += call == "linkat" ? 1 : 0; };
+	strategy.ApplyUpdate();
+	EXPECT_EQ(links, 1);
+	EXPECT_EQ(ReadFile(Installed("f")), "5678");
+	EXPECT_EQ(ReadFile(Installed("other")), "old");
+}
+
+TEST_F(DiffStrategyTest, RunsTheDecoderIsolated) {
+	unsigned int options = 0;
+	const auto decode = packages_.decode;
+	packages_.decode = [&](const std::string& program, unsigned int given, const auto& arguments) {
+		options = given;
+		return decode(program, given, arguments);
+	};
+	Prepared();
+	EXPECT_EQ(options, 0xBBU);
+}
+
+TEST_F(DiffStrategyTest, NeedsAPackageForEveryVersion) {
+	diffs_.erase(7);
+	EXPECT_EQ(PrepareFailure(), kInsufficient);
+	EXPECT_EQ(PrepareFailure(4), kInsufficient);
+	diffs_.erase(8);
+	EXPECT_EQ(PrepareFailure(), kInsufficient);
+	EXPECT_THAT(platform_.events, IsEmpty());
+	remote_ = 6;
+	EXPECT_NO_THROW(Prepared()); // What comes after the server's version does not matter.
+}
+
+TEST_F(DiffStrategyTest, UsesNoPackageOutsideTheChain) {
+	remote_ = 7;
+	Make(6)->PrepareUpdate();
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget -N http://h/7 "), 1U);
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget"), 1U);
+}
+
+TEST_F(DiffStrategyTest, RefusesWhatIsNotOlder) {
+	EXPECT_EQ(PrepareFailure(8), kInsufficient);
+	EXPECT_EQ(PrepareFailure(9), kInsufficient);
+	diffs_.clear();
+	EXPECT_EQ(PrepareFailure(5), kInsufficient);
+	EXPECT_EQ(PrepareFailure(8), kInsufficient);
+	EXPECT_THAT(platform_.events, IsEmpty());
+}
+
+TEST_F(DiffStrategyTest, StartsAtZeroWhereNothingIsInstalled) {
+	remote_ = 1;
+	for (const std::string link : {"http://h/0", "http://h/1"}) {
+		diffs_.emplace(link.back() - '0', DiffInfo(link, 1));
+		packages_.by_link[link] = Appending(link.substr(9));
+	}
+	packages_.by_link["http://h/0"] = {
+	    {"patch_infos.json", R"({"f": {"operation": "create", "input_file": "in"}})"}, {"in", "0"}};
+	Make(-1)->PrepareUpdate();
+	EXPECT_EQ(ReadFile(Temp("sum/f")), "01");
+	diffs_.erase(0);
+	EXPECT_EQ(PrepareFailure(-1), kInsufficient);
+}
+
+TEST_F(DiffStrategyTest, StopsAtTheFirstPackageThatFails) {
+	packages_.by_link.erase("http://h/7");
+	EXPECT_EQ(PrepareFailure(), "Fail to wget url: http://h/7");
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget -N http://h/8 "), 0U);
+	EXPECT_EQ(ReadFile(Installed("f")), "5");
+	EXPECT_FALSE(fs::exists(Area()));
+}
+
+TEST_F(DiffStrategyTest, PassesOnPackageErrors) {
+	remote_ = 6;
+	packages_.decode = [](const std::string&, unsigned int, const auto&) { return 1; };
+	EXPECT_EQ(PrepareFailure(), "Fail to apply vcdiff on " + Temp("sum/f"));
+	packages_.by_link["http://h/6"].erase("patch_infos.json");
+	EXPECT_EQ(PrepareFailure(), "File not exist: " + Temp("delta_6/patch_infos.json"));
+	platform_.archive_extract_works = false;
+	EXPECT_EQ(PrepareFailure(), "tarnarchive_extract " + Temp("d6") + " failed, ret: 0");
+	platform_.archive_open_works = false;
+	EXPECT_EQ(PrepareFailure(), "tarnarchive_open " + Temp("d6") + " failed, ret: 0");
+	platform_.archive_init_works = false;
+	EXPECT_EQ(PrepareFailure(), "Failed to extract package at tarnarchive_init");
+	platform_.mkdir_works = false;
+	EXPECT_EQ(PrepareFailure(), "Fail to create dir " + Area());
+	EXPECT_EQ(platform_.open_archives, 0);
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+}
+
+TEST_F(DiffStrategyTest, WritesNothingForANameThatLeadsOut) {
+	Offer(R"({"../x": {"operation": "create", "input_file": "in"}})", {{"in", "evil"}});
+	EXPECT_EQ(PrepareFailure(), "Illegal file name in diff package: ../x");
+	Offer(R"({"x": {"operation": "create", "input_file": "../geo_d6"}})");
+	EXPECT_EQ(PrepareFailure(), "Illegal input file in diff package: ../geo_d6");
+	EXPECT_THAT(FilesBelow(directory_ / "volume/db"), UnorderedElementsAre("geo", "geo/f", "geo/other"));
+}
+
+TEST_F(DiffStrategyTest, ListsTheRelativeNamesOfChangedFiles) {
+	Offer(
+	    R"({"sub/new": {"operation": "create", "input_file": "in"}, "other": {"operation": "delete"}})", {{"in", ""}});
+	EXPECT_THAT(Make()->GetModifiedFiles(), IsEmpty());
+	EXPECT_EQ(strategy_->GetDeltaSize(), 0);
+	strategy_->PrepareUpdate();
+	EXPECT_THAT(strategy_->GetModifiedFiles(), ElementsAre("other", "sub/new"));
+	strategy_->ApplyUpdate();
+	EXPECT_THAT(strategy_->GetModifiedFiles(), ElementsAre("other", "sub/new"));
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "sub", "sub/new"));
+}
+
+TEST_F(DiffStrategyTest, DeletesWhatWasCreatedOnTheWay) {
+	WriteFile(Installed("new"), "somebody's");
+	packages_.by_link["http://h/6"] = {
+	    {"patch_infos.json", R"({"new": {"operation": "create", "input_file": "in"}})"}, {"in", "1"}};
+	packages_.by_link["http://h/7"] = {{"patch_infos.json", R"({"new": {"operation": "delete"}})"}};
+	Prepared().ApplyUpdate();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+}
+
+TEST_F(DiffStrategyTest, MeasuresOldFilesFromTheWorkingDirectory) {
+	Offer(R"({"made": {"operation": "create", "input_file": "in"}, "sub": {"operation": "delete"}})", {{"in", "1234"}});
+	WriteFile(Installed("made"), std::string(1000, 'x'));
+	WriteFile(directory_ / "here/made", std::string(100, 'x'));
+	WriteFile(directory_ / "here/sub/file", std::string(10, 'x'));
+	EXPECT_EQ(Prepared().GetDeltaSize(), -4); // Nothing of these names is here.
+	const fs::path before = fs::current_path();
+	fs::current_path(directory_ / "here");
+	EXPECT_EQ(strategy_->GetDeltaSize(), 100 + 10 - 4);
+	fs::current_path(before);
+}
+
+TEST_F(DiffStrategyTest, CountsTheCopyOfAFileThatIsDeletedAfterwards) {
+	packages_.by_link["http://h/8"] = {{"patch_infos.json", R"({"f": {"operation": "delete"}})"}};
+	EXPECT_EQ(Prepared().GetDeltaSize(), -3); // "567" stays in the temporary area.
+}
+
+TEST_F(DiffStrategyTest, NeedsMoreThanATwentiethFreeAfterwards) {
+	Offer(R"({"new": {"operation": "create", "input_file": "in"}})", {{"in", std::string(100, 'x')}});
+	fs::remove_all(Installed(""));
+	system_.space = {150, 1000};
+	EXPECT_EQ(PrepareFailure(), "Disk space is too low"); // 50 left of 1000.
+	EXPECT_TRUE(fs::is_directory(Installed("")));
+	EXPECT_THAT(FilesBelow(Installed("")), IsEmpty());
+	system_.space = {151, 1000};
+	EXPECT_NO_THROW(Prepared());
+}
+
+TEST_F(DiffStrategyTest, NeverUsesWhatAKilledRunLeftBehind) {
+	WriteFile(Temp("sum/f"), "left behind ");
+	WriteFile(Temp("sum/f.patchout"), "left behind");
+	WriteFile(Temp("delta_6/stale"), "x");
+	WriteFile(Temp("delta_9/stale"), "x");
+	fs::create_directories(Temp("d6/in/the/way"));
+	WriteFile(Temp("full/stale"), "x");
+	WriteFile(Area() + "/poi_sum/f", "x");
+	Prepared();
+	EXPECT_EQ(ReadFile(Temp("sum/f")), "5678");
+	EXPECT_THAT(FilesBelow(Area()),
+	    UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8", "poi_sum", "poi_sum/f"));
+}
+
+TEST_F(DiffStrategyTest, HoldsReadersOffWhileItReplaces) {
+	DiffStrategy& strategy = Prepared();
+	EXPECT_FALSE(fs::exists(kUsingLock)); // Preparing takes no lock.
+	{
+		const FileLock reader(kUsingLock, 0);
+		EXPECT_EQ(
+		    MessageOf([&] { strategy.ApplyUpdate(); }), std::string("Fail to diff update: Fail to lock ") + kUsingLock);
+		EXPECT_EQ(system_.polls, 6000); // 600 seconds.
+		EXPECT_FALSE(fs::exists(kMark));
+		EXPECT_EQ(ReadFile(Installed("f")), "5");
+	}
+	bool changed = false;
+	system_.on_call = [&](const std::string& call) {
+		if (call == "linkat") {
+			changed = true;
+			EXPECT_ANY_THROW(FileLock(kUsingLock, 0));
+			EXPECT_TRUE(fs::exists(kMark));
+		}
+	};
+	strategy.ApplyUpdate();
+	EXPECT_TRUE(changed);
+	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
+	EXPECT_TRUE(fs::exists(kMark)); // Until the new version has been recorded.
+}
+
+TEST_F(DiffStrategyTest, ChangesNothingThatItCannotMark) {
+	DiffStrategy& strategy = Prepared();
+	system_.Fail("fsync", EIO);
+	EXPECT_THAT(
+	    MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: Fail to mark replacement: "));
+	EXPECT_EQ(ReadFile(Installed("f")), "5");
+	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
+}
+
+TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFilesAndLeavesTheMark) {
+	DiffStrategy& strategy = Prepared();
+	system_.Fail("linkat", ENOSPC);
+	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }),
+	    AllOf(StartsWith("Fail to diff update: "), HasSubstr("No space left on device")));
+	EXPECT_TRUE(fs::exists(kMark));
+	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
+	fs::remove(Temp("sum/f"));
+	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: "));
+	WriteFile(Installed("f/in/the/way"), "");
+	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: "));
+}
+
+TEST_F(DiffStrategyTest, PatchesNothingAfterAReplacementThatWasNotRecorded) {
+	WriteFile(kRecord, "{}");
+	Prepared().ApplyUpdate();
+	EXPECT_EQ(PrepareFailure(), "The last replacement of geo was not finished");
+	EXPECT_EQ(ReadFile(Installed("f")), "5678");
+	diffs_.clear();
+	EXPECT_EQ(PrepareFailure(), kInsufficient);
+	EXPECT_FALSE(fs::exists(Area()));
+}
+
+TEST_F(DiffStrategyTest, ChangesNothingWithoutHavingBeenPrepared) {
+	Make()->ApplyUpdate();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+	EXPECT_THAT(strategy_->GetModifiedFiles(), IsEmpty());
+}
+
+TEST_F(DiffStrategyTest, RunsNoScriptOnAFileThatItsRecordTellsApart) {
+	Offer(R"({"f": {"operation": "update", "input_file": "p.sqlitediff"}})", {{"p.sqlitediff", ""}});
+	DatabaseStatus status;
+	status.data_version = 5;
+	for (const std::string& name : {std::string("f"), Installed("f")}) { // As diff and full updates record it.
+		status.file_statuses = {{name, FileStatus(std::string(96, '0'))}};
+		strategy_.emplace("geo", status, RemoteInfo(6, 1, false, "l"), diffs_, directory_ / "volume",
+		    directory_ / "volume/db/geo", directory_ / "");
+		EXPECT_EQ(MessageOf([&] { strategy_->PrepareUpdate(); }), "File " + Installed("f") + " digest check fail");
+	}
+}
+
+TEST_F(DiffStrategyTest, SweepsTheWholeTemporaryAreaAtItsEnd) {
+	WriteFile(Area() + "/poi_v3", "of another database");
+	Prepared();
+	EXPECT_TRUE(fs::exists(Area() + "/poi_v3"));
+	const test::SyslogCapture log;
+	strategy_.reset();
+	EXPECT_FALSE(fs::exists(Area()));
+	EXPECT_TRUE(fs::exists(directory_ / "volume/@tmp"));
+	WriteFile(Area() + "/poi_v3", "again");
+	Make();
+	strategy_.reset(); // Never prepared.
+	EXPECT_FALSE(fs::exists(Area()));
+	EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(DiffStrategyTest, CleansUpInThisOrderWhateverFails) {
+	Prepared();
+	std::vector<std::string> places;
+	for (const std::string name : {"d6", "d7", "d8"}) {
+		fs::remove(Temp(name));
+	}
+	for (const std::string name : {"sum", "d6", "d7", "d8", "delta_6", "delta_7", "delta_8"}) {
+		fs::create_directories(Temp(name) + "/busy");
+		if (mount("tmpfs", (Temp(name) + "/busy").c_str(), "tmpfs", 0, nullptr) != 0) {
+			GTEST_SKIP() << "nothing can be mounted here";
+		}
+		places.push_back(Temp(name));
+	}
+	const test::SyslogCapture log;
+	strategy_.reset();
+	std::vector<Line> expected;
+	for (const std::string& place : places) {
+		ASSERT_EQ(umount((place + "/busy").c_str()), 0);
+		expected.push_back({LOG_ERR, "strategy", "Failed to clear tmp data: Fail to remove all: " + place});
+	}
+	expected.push_back({LOG_ERR, "strategy", "Failed to clear tmp data: Fail to remove all: " + Area()});
+	EXPECT_EQ(LinesOf(log, "strategy"), expected);
+}
+
+} // namespace
+} // namespace tarn::dataupdate
