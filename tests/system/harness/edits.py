@@ -1,0 +1,172 @@
+"""Random trees of all kinds of files, and random edits of them; the same ones for the same source."""
+
+from __future__ import annotations
+
+import random
+import shutil
+from collections.abc import Callable
+from pathlib import Path
+
+from . import databases
+
+FOLDERS = ("", "zones/", "zones/deep/er/", "a b/", "Größe/東京/", "x.d/", "x_d/")
+NAMES = ("data", "names", "liste", "файл", "with blank", "v1.2", "quote'd", "per%cent", "-dash", "tab\there", "zones", "x.d")
+VALUES = ("NULL", "17", "-9223372036854775808", "1.5e300", "0.1", "''", "'it''s; quoted'", "x'00ff0a0d'", "'東京'")
+LINE_BREAKS = ("'two' || char(10) || 'lines'", "'end' || char(13)", "'a' || char(0) || 'b'")
+DATABASE_ENDING = ".sqlite"
+
+
+class Tree:
+    """A directory tree that changes at random."""
+
+    def __init__(self, root: Path, source: random.Random) -> None:
+        self.root = root
+        self._source = source
+        self._edits: list[tuple[int, Callable[[], None]]] = [
+            (4, self.add), (3, self.add_database), (10, self.change_bytes), (4, self.insert), (3, self.truncate),
+            (3, self.delete), (2, self.rename), (2, self.replace), (2, self.flip_executable), (2, self.make_empty),
+            (12, self.change_rows), (1, self.change_schema), (1, self.file_to_folder),
+        ]  # fmt: skip
+
+    def fill(self) -> None:
+        self.root.mkdir(parents=True)
+        for _ in range(self._source.randint(4, 12)):
+            self.add()
+        for _ in range(self._source.randint(1, 3)):
+            self.add_database()
+
+    def edit(self, count: int) -> None:
+        weights = [weight for weight, _ in self._edits]
+        for _ in range(count):
+            [(_, edit)] = self._source.choices(self._edits, weights)
+            edit()
+        if not self.files():
+            self.add()
+
+    def files(self) -> list[Path]:
+        return sorted(path for path in self.root.rglob("*") if path.is_file())
+
+    def _plain(self) -> list[Path]:
+        return [path for path in self.files() if path.suffix != DATABASE_ENDING]
+
+    def _databases(self) -> list[Path]:
+        return [path for path in self.files() if path.suffix == DATABASE_ENDING]
+
+    def _pick(self, paths: list[Path]) -> Path | None:
+        return self._source.choice(paths) if paths else None
+
+    def _new_path(self, ending: str = "") -> Path | None:
+        path = self.root / (self._source.choice(FOLDERS) + self._source.choice(NAMES) + ending)
+        if path.is_dir() and not any(entry.is_file() for entry in path.rglob("*")):
+            shutil.rmtree(path)
+        if path.exists() or any(parent.is_file() for parent in path.parents):
+            return None
+        path.parent.mkdir(parents=True, exist_ok=True)
+        return path
+
+    def _content(self) -> bytes:
+        size = self._source.choice((0, 1, 30, 3000, 40000, 200000))
+        if self._source.random() < 0.5:
+            return self._source.randbytes(size)
+        line = b"".join(b"line %d of this text\n" % self._source.randrange(1000) for _ in range(size // 20 + 1))
+        return line[:size]
+
+    def add(self) -> None:
+        path = self._new_path(self._source.choice(("", ".bin", ".txt")))
+        if path:
+            path.write_bytes(self._content())
+            path.chmod(self._source.choice((0o644, 0o644, 0o644, 0o755)))
+
+    def _rewrite(self, change: Callable[[bytes, int], bytes]) -> None:
+        path = self._pick(self._plain())
+        if path:
+            content = path.read_bytes()
+            path.write_bytes(change(content, self._source.randint(0, len(content))))
+
+    def change_bytes(self) -> None:
+        patch = self._source.randbytes(self._source.randint(1, 20))
+        self._rewrite(lambda content, at: content[:at] + patch + content[at + len(patch) :])
+
+    def insert(self) -> None:
+        added = self._content()
+        self._rewrite(lambda content, at: content[:at] + added + content[at:])
+
+    def truncate(self) -> None:
+        self._rewrite(lambda content, at: content[:at])
+
+    def replace(self) -> None:
+        other = self._content()
+        self._rewrite(lambda content, at: other)
+
+    def make_empty(self) -> None:
+        self._rewrite(lambda content, at: b"")
+
+    def delete(self) -> None:
+        path = self._pick(self.files())
+        if path:
+            path.unlink()
+
+    def rename(self) -> None:
+        path = self._pick(self.files())
+        target = path and self._new_path(path.suffix)
+        if path and target:
+            path.rename(target)
+
+    def flip_executable(self) -> None:
+        path = self._pick(self.files())
+        if path:
+            path.chmod(path.stat().st_mode ^ 0o111)
+
+    def file_to_folder(self) -> None:
+        path = self._pick(self._plain())
+        if path:
+            content = path.read_bytes()
+            path.unlink()
+            path.mkdir()
+            (path / "inside").write_bytes(content)
+
+    def add_database(self) -> None:
+        path = self._new_path(DATABASE_ENDING)
+        if path:
+            wal = ["PRAGMA journal_mode=WAL"] if self._source.random() < 0.3 else []
+            table = self._source.choice((
+                "CREATE TABLE t (id INTEGER PRIMARY KEY, a, b)", "CREATE TABLE t (id, a, b)",
+                "CREATE TABLE t (id TEXT, a, b, PRIMARY KEY (id)) WITHOUT ROWID", "CREATE TABLE t (id INT UNIQUE, a REAL, b)",
+            ))  # fmt: skip
+            rows = self._source.choice((0, 5, 300, 1500))
+            inserts = [self._insertion(number) for number in range(rows)]
+            databases.changed_at(path, [*wal, table, "BEGIN", *inserts, "COMMIT"])
+
+    def _value(self) -> str:
+        source = self._source
+        if source.random() < 0.03:
+            return source.choice(LINE_BREAKS)
+        if source.random() < 0.4:
+            return source.choice(VALUES)
+        return source.choice((str(source.randrange(10**9)), f"'text {source.randrange(10**6)}'", f"{source.random():.17g}"))
+
+    def _insertion(self, number: int) -> str:
+        return f"INSERT OR IGNORE INTO t (id, a, b) VALUES ({number}, {self._value()}, {self._value()})"
+
+    def change_rows(self) -> None:
+        path = self._pick(self._databases())
+        if path:
+            databases.changed_at(path, ["BEGIN", *(self._row_change() for _ in range(self._source.randint(1, 12))), "COMMIT"])
+
+    def _row_change(self) -> str:
+        number = self._source.randrange(1600)
+        return self._source.choice((
+            self._insertion(number + 2000), f"DELETE FROM t WHERE id = {number}",
+            f"UPDATE t SET a = {self._value()} WHERE id = {number}",
+            f"UPDATE t SET b = {self._value()} WHERE id BETWEEN {number} AND {number + 5}",
+        ))  # fmt: skip
+
+    def change_schema(self) -> None:
+        path = self._pick(self._databases())
+        if path:
+            name = f"extra{self._source.randrange(1000)}"
+            databases.changed_at(path, [self._source.choice((
+                f"CREATE TABLE IF NOT EXISTS {name} (k, v)", f"CREATE INDEX IF NOT EXISTS {name}_i ON t (a)",
+                f"PRAGMA user_version = {self._source.randrange(100)}", "VACUUM", "PRAGMA journal_mode = WAL",
+                f"CREATE TRIGGER IF NOT EXISTS {name}_t AFTER DELETE ON t BEGIN DELETE FROM t WHERE b = 1; END",
+            ))])  # fmt: skip
