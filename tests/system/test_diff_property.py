@@ -8,11 +8,11 @@ from collections import Counter
 from pathlib import Path
 
 from harness import databases, edits, trees
-from harness.device import DATABASE, Device
+from harness.device import STATUS, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
 
-ROUNDS = 6
+ROUNDS = 12
 
 
 def is_database(path: Path) -> bool:
@@ -39,14 +39,15 @@ class Walk:
         self._device, self._publisher, self._nginx = device, publisher, nginx
         self._source = random.Random(seed)
         self._tree = edits.Tree(root, self._source)
-        self._name = f"{DATABASE}{seed}"
+        # Without digits, which would be taken for those of a version.
+        self._name = "".join(chr(ord("a") + int(digit)) for digit in str(seed))
         self.ways: Counter[str] = Counter()
 
     def run(self) -> None:
         self._device.databases.clear()
         self._device.add_database(self._name)
         self._tree.fill()
-        self._publish()
+        print(self._publisher.publish(self._tree.root, self._name))
         self._update()
         for _ in range(self._source.randint(2, 6)):
             self._tree.edit(self._source.randint(0, 12))
@@ -56,17 +57,30 @@ class Walk:
         self._update()
 
     def _publish(self) -> None:
-        options: list[str] = []
-        if self._source.random() < 0.08:
-            options = ["--data-version", str(self._offered() + 2)]
-        elif self._source.random() < 0.08:
-            options = ["--keep-diffs", str(self._source.randint(0, 2))]
-        self._publisher.publish(self._tree.root, self._name, *options)
+        version, kept = self._offered() + 1, 30
+        if self._source.random() < 0.06:
+            version += 1
+        elif self._source.random() < 0.06:
+            kept = self._source.randint(0, 2)
+        options = ("--data-version", str(version), "--keep-diffs", str(kept))
+        result = self._publisher.publish(self._tree.root, self._name, *options)
+        print(result)
+        explained = kept == 0 or f"Version {version} has no diff package: " in result.stderr
+        assert (str(version) in self._diffs()) != explained
+        assert len(self._diffs()) <= kept
+
+    def _diffs(self) -> dict[str, object]:
+        diffs = self._publisher.entry(self._name)["diff_files"]
+        assert isinstance(diffs, dict)
+        return diffs
 
     def _offered(self) -> int:
         return int(self._publisher.entry(self._name)["data_version"])
 
     def _update(self) -> None:
+        if self._source.random() < 0.15:
+            # As a new device, which joins the chain here.
+            (STATUS / self._name / "version.json").unlink(missing_ok=True)
         installed, offered = self._device.version(self._name), self._offered()
         if installed == offered:
             return
@@ -81,10 +95,8 @@ class Walk:
 
     def _expected(self, installed: int | None, offered: int) -> list[str]:
         """The packages that lead there."""
-        diffs = self._publisher.entry(self._name)["diff_files"]
-        assert isinstance(diffs, dict)
         steps = range(offered if installed is None else installed + 1, offered + 1)
-        if installed is not None and all(str(step) in diffs for step in steps):
+        if installed is not None and all(str(step) in self._diffs() for step in steps):
             return [f"d{step}" for step in steps]
         return [f"v{offered}"]
 

@@ -133,7 +133,7 @@ class Tree:
                 "CREATE TABLE t (id INTEGER PRIMARY KEY, a, b)", "CREATE TABLE t (id, a, b)",
                 "CREATE TABLE t (id TEXT, a, b, PRIMARY KEY (id)) WITHOUT ROWID", "CREATE TABLE t (id INT UNIQUE, a REAL, b)",
             ))  # fmt: skip
-            rows = self._source.choice((0, 5, 300, 1500))
+            rows = self._source.choice((0, 5, 300, 1500, 4000))
             inserts = [self._insertion(number) for number in range(rows)]
             databases.changed_at(path, [*wal, table, "BEGIN", *inserts, "COMMIT"])
 
@@ -143,7 +143,9 @@ class Tree:
             return source.choice(LINE_BREAKS)
         if source.random() < 0.4:
             return source.choice(VALUES)
-        return source.choice((str(source.randrange(10**9)), f"'text {source.randrange(10**6)}'", f"{source.random():.17g}"))
+        if source.random() < 0.03:
+            return f"{source.random():.17g}"
+        return source.choice((str(source.randrange(10**9)), f"'text {source.randrange(10**6)}'"))
 
     def _insertion(self, number: int) -> str:
         return f"INSERT OR IGNORE INTO t (id, a, b) VALUES ({number}, {self._value()}, {self._value()})"
@@ -154,9 +156,9 @@ class Tree:
             databases.changed_at(path, ["BEGIN", *(self._row_change() for _ in range(self._source.randint(1, 12))), "COMMIT"])
 
     def _row_change(self) -> str:
-        number = self._source.randrange(1600)
+        number = self._source.randrange(4000)
         return self._source.choice((
-            self._insertion(number + 2000), f"DELETE FROM t WHERE id = {number}",
+            self._insertion(number + 2500), f"DELETE FROM t WHERE id = {number}",
             f"UPDATE t SET a = {self._value()} WHERE id = {number}",
             f"UPDATE t SET b = {self._value()} WHERE id BETWEEN {number} AND {number + 5}",
         ))  # fmt: skip
