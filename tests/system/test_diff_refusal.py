@@ -235,19 +235,23 @@ def test_a_script_that_leaves_its_bounds_is_refused_whole(hand: HandPublisher, r
     refusal.expect("^Fail apply sql cmd: .*" + reason)
 
 
-def test_a_file_in_place_of_a_folder_is_made_good_by_the_next_update(
+def test_a_replacement_that_fails_is_made_good_by_the_next_update(
     connected: Device, hand: HandPublisher, nginx: Nginx
 ) -> None:
-    new: Files = {"readme": OLD["readme"], "a": b"a file in place of the folder"}
-    hand.full(DATABASE, 1, {"readme": OLD["readme"], "a/b": b"below a"})
+    old: Files = {"a/b": b"below a", "first": b"is replaced", "readme": OLD["readme"]}
+    new: Files = {"a": b"a file in place of the folder", "0": b"is replaced before", "readme": NEW["readme"]}
+    hand.full(DATABASE, 1, old)
     connected.update(DATABASE)
     hand.full(DATABASE, 2, new)
-    hand.diff(DATABASE, 2, Diff().create("a", new["a"]).delete("a/b"))
+    hand.diff(DATABASE, 2, Diff.between(old, new))
+    # The chain knows nothing of it, so it is not removed.
+    (connected.installed(DATABASE) / "a/foreign").write_bytes(b"of somebody else")
     connected.forget_document()
     result = connected.run("update", DATABASE)
     assert result.status == 1, str(result)
     assert "Fail to diff update: " in result.stderr
     assert connected.version(DATABASE) == 1
+    assert (connected.installed(DATABASE) / "0").exists(), "some files are replaced"
     connected.run_ok("update", DATABASE)
     assert nginx.packages() == ["v1", "d2", "v2"]
     trees.assert_holds(connected.installed(DATABASE), new)

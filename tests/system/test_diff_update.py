@@ -70,6 +70,8 @@ def test_three_versions_at_once_are_three_packages_in_order(
         pytest.param([FIRST, {**FIRST, "readme": b""}, {**FIRST, "readme": b"no longer empty"}], id="empty for a while"),
         pytest.param([FIRST, {**FIRST, "readme": b"x"}, {"readme/below": b"a folder in a file's place"}],
                      id="a file becomes a folder"),
+        pytest.param([{"a/b/c": b"deep", "a/d": b"less"}, {"a/d": b"less", "e": b""}, {"a": b"a file in a folder's place"}],
+                     id="a folder becomes a file"),
     ],
 )  # fmt: skip
 def test_a_chain_ends_in_the_newest_tree(
