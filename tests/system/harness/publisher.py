@@ -28,8 +28,8 @@ class Publisher:
     def document(self) -> Path:
         return self.repository / "database_info/1"
 
-    def publish(self, tree: Path, name: str, *options: str, base: str | None = None) -> programs.Result:
-        return programs.run_ok(
+    def publish(self, tree: Path, name: str, *options: str, base: str | None = None) -> None:
+        programs.run_ok(
             programs.PUB, "publish", tree, "--repo", self.repository, "--id", name, "--key", self.private_key,
             "--url", base or self.base, *options,
         )  # fmt: skip
