@@ -27,7 +27,7 @@ def counters(value: int) -> bytes:
 class Chain:
     """Versions 1 to 4 of a tree of patched, new and vanishing files and a database that is changed by scripts."""
 
-    PATCHED = 16
+    PATCHED = 8
     CREATED = 150
     LAST = 4
 
