@@ -10,6 +10,8 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <iomanip>
+#include <sstream>
 #include <exception>
 
 namespace tarn::publisher {
@@ -36,6 +38,17 @@ void RunKeygen(const Options& options, const Streams& streams) {
 	            << fingerprint << ").\n";
 }
 
+void PrintDiff(const DiffResult& diff, const PublishResult& result, std::ostream& out) {
+	constexpr double kPercent = 100;
+	std::ostringstream share;
+	share << std::fixed << std::setprecision(1)
+	      << kPercent * static_cast<double>(diff.package_size) / static_cast<double>(result.package_size);
+	out << "Diff from version " << result.data_version - 1 << ": " << HumanSize(diff.package_size) << ", "
+	    << share.str() << " % of the full package; files created " << diff.created << ", replaced " << diff.replaced
+	    << ", patched " << diff.patched << ", scripted " << diff.scripted << ", deleted " << diff.deleted
+	    << ". Devices come by diffs from version " << diff.oldest_base << " on.\n";
+}
+
 void RunPublish(const Options& options, const Streams& streams) {
 	PublishResult result;
 	{
@@ -49,11 +62,17 @@ void RunPublish(const Options& options, const Streams& streams) {
 		observer.progress = [&](std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
 			line.Show(files, bytes, tree.files.size(), tree.total_size);
 		};
+		observer.step = [&](const std::string& what, std::uint64_t done, std::uint64_t all) {
+			line.ShowStep(what, done, all);
+		};
 		result = Publish(options.publish, observer);
 	}
 	streams.out << "Published " << options.publish.id << " version " << result.data_version << ": " << result.files
 	            << " files, " << HumanSize(result.tree_size) << " in a package of " << HumanSize(result.package_size)
 	            << ", " << result.download_link << "\n";
+	if (result.diff) {
+		PrintDiff(*result.diff, result, streams.out);
+	}
 }
 
 void RunVerify(const Options& options, const Streams& streams) {
@@ -80,6 +99,9 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--data-version", publish.data_version, "Version to publish; the last plus one by default");
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
 	command->add_option("--db-version", publish.db_version, "Version of the server's document")->capture_default_str();
+	command->add_option("--keep-diffs", publish.keep_diffs, "Diff packages to keep, the oldest go; 0 makes none")
+	    ->capture_default_str();
+	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
 	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
 }
 

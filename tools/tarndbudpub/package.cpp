@@ -7,8 +7,6 @@
 #include "tarncodesign/file_io.h"
 #include "tarncodesign/tarncodesign.h"
 
-#include <json/json.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -22,7 +20,7 @@ namespace tarn::publisher {
 namespace {
 
 std::string Metadata(const PackageInfo& info) {
-	Json::Value metadata(Json::objectValue);
+	Json::Value metadata = info.more;
 	metadata["data_version"] = info.data_version;
 	metadata["format_version"] = info.format_version;
 	metadata["id"] = info.id;

@@ -4,6 +4,8 @@
 #include "signing_key.h"
 #include "tree.h"
 
+#include <json/json.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -16,6 +18,7 @@ struct PackageInfo {
 	std::string format_version;
 	int data_version = 0;
 	std::string kind = "full";
+	Json::Value more = Json::Value(Json::objectValue); // what else the metadata says
 };
 
 /** Called while packing with the files and bytes done so far. */

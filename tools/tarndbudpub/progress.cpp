@@ -35,11 +35,20 @@ void ProgressLine::Show(std::uint64_t files, std::uint64_t bytes, std::uint64_t 
 	}
 	const double seconds = std::chrono::duration<double>(now - started_).count();
 	const double rate = seconds > 0 ? static_cast<double>(bytes) / seconds : 0;
-	out_ << "\r\x1b[K"
-	     << "packing " << files << " of " << all_files << " files, " << HumanSize(bytes) << " of "
-	     << HumanSize(all_bytes) << ", " << HumanSize(static_cast<std::uint64_t>(rate)) << "/s" << std::flush;
+	Print("packing " + std::to_string(files) + " of " + std::to_string(all_files) + " files, " + HumanSize(bytes) +
+	      " of " + HumanSize(all_bytes) + ", " + HumanSize(static_cast<std::uint64_t>(rate)) + "/s");
+}
+
+void ProgressLine::ShowStep(const std::string& what, std::uint64_t done, std::uint64_t all) {
+	if (enabled_) {
+		Print(all == 1 ? what : what + " " + std::to_string(done) + " of " + std::to_string(all));
+	}
+}
+
+void ProgressLine::Print(const std::string& text) {
+	out_ << "\r\x1b[K" << text << std::flush;
 	shown_ = true;
-	last_ = now;
+	last_ = Clock::now();
 }
 
 void ProgressLine::Clear() {

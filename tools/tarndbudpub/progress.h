@@ -20,11 +20,15 @@ public:
 	~ProgressLine();
 
 	void Show(std::uint64_t files, std::uint64_t bytes, std::uint64_t all_files, std::uint64_t all_bytes);
+	/** Another kind of work, by how many of its parts are done; without a number when it has one part. */
+	void ShowStep(const std::string& what, std::uint64_t done, std::uint64_t all);
 	/** Makes room for another line. */
 	void Clear();
 
 private:
 	using Clock = std::chrono::steady_clock;
+
+	void Print(const std::string& text);
 
 	std::ostream& out_;
 	bool enabled_;

@@ -1,5 +1,7 @@
 #include "publish.h"
 
+#include "diff_chain.h"
+#include "diff_maker.h"
 #include "publish_error.h"
 #include "replacing_file.h"
 #include "repository.h"
@@ -10,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <limits>
+#include <map>
 #include <string_view>
 
 namespace tarn::publisher {
@@ -126,37 +129,114 @@ void CheckOptions(const PublishOptions& options) {
 		throw UsageError("--data-version " + std::to_string(*options.data_version) + " must be 0 to " +
 		                 std::to_string(kMaxNumber) + ".");
 	}
+	if (options.keep_diffs < 0) {
+		throw UsageError("--keep-diffs " + std::to_string(options.keep_diffs) + " must be 0 or more.");
+	}
 	if (options.level < kMinLevel || options.level > kMaxLevel) {
 		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(kMinLevel) + " to " +
 		                 std::to_string(kMaxLevel) + ".");
 	}
 }
 
+namespace {
+
+std::string LinkTo(const PublishOptions& options, const std::string& name) {
+	std::string base = options.url;
+	base.erase(base.find_last_not_of('/') + 1);
+	return base + "/" + name;
+}
+
+/** Publishes one version; the steps of Publish(). */
+class Publication {
+public:
+	Publication(const PublishOptions& options, const PublishObserver& observer)
+	    : options_(options), observer_(observer), fetch_time_(FetchTime()), key_(SigningKey::Load(options.key_file)),
+	      reader_(key_, options.old_keys), repository_(options.repository, observer.waiting),
+	      tree_(ListTree(options.tree)) {}
+
+	PublishResult Run() {
+		result_.data_version = ChooseVersion(options_, repository_.LastVersion(options_.id));
+		result_.files = tree_.files.size();
+		result_.tree_size = tree_.total_size;
+		result_.download_link = LinkTo(options_, Repository::PackageName(options_.id, result_.data_version));
+		WarnAbout(tree_, result_, observer_);
+		previous_ = repository_.ReadEntry(options_.db_version, options_.id);
+		repository_.Clean(options_.id);
+
+		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
+		const PackageInfo info = {options_.id, options_.format_version, result_.data_version};
+		result_.package_size =
+		    WritePackage(tree_, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
+		        [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
+		WriteDiff(package.TemporaryPath());
+		package.Commit();
+		if (diff_) {
+			diff_->Commit();
+		}
+		repository_.WriteEntry(options_.db_version, options_.id,
+		    {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
+		repository_.Clean(options_.id);
+		return std::move(result_);
+	}
+
+private:
+	/** Makes the diff package when there can be one; no reason against it is one against publishing. */
+	void WriteDiff(const std::string& package) {
+		if (!previous_ || options_.keep_diffs == 0) {
+			return;
+		}
+		try {
+			if (previous_->data_version != result_.data_version - 1) {
+				throw PublishError("devices have version " + std::to_string(previous_->data_version) +
+				                   ", and every step by one version needs a diff package");
+			}
+			diff_.emplace(repository_.DiffPath(options_.id, result_.data_version));
+			const DiffOrder order = {
+			    repository_, options_, key_, reader_, *previous_, package, result_.package_size};
+			result_.diff = MakeDiff(order, diff_->Fd(), diff_->TemporaryPath(), observer_);
+		} catch (const std::exception& error) {
+			diff_.reset();
+			observer_.warn("Version " + std::to_string(result_.data_version) + " has no diff package: " + error.what() +
+			               ". Devices take the full package.");
+		}
+	}
+
+	/** What the document says about diff packages: without the newest, those below it lead nowhere. */
+	std::map<int, DiffFile> DiffFiles() {
+		std::map<int, DiffFile> files;
+		if (!result_.diff) {
+			return files;
+		}
+		for (const int version : VersionsLeadingTo(previous_->data_version, previous_->diff_files)) {
+			files[version] = previous_->diff_files.at(version);
+		}
+		files[result_.data_version] = {LinkTo(options_, Repository::DiffName(options_.id, result_.data_version)),
+		    static_cast<int>(result_.diff->package_size)};
+		while (files.size() > static_cast<std::size_t>(options_.keep_diffs)) {
+			files.erase(files.begin());
+		}
+		result_.diff->oldest_base = files.begin()->first - 1;
+		return files;
+	}
+
+	const PublishOptions& options_;
+	const PublishObserver& observer_;
+	int fetch_time_;
+	SigningKey key_;
+	PackageReader reader_;
+	Repository repository_;
+	Tree tree_;
+	PublishResult result_;
+	std::optional<Entry> previous_;
+	std::optional<ReplacingFile> diff_;
+};
+
+} // namespace
+
 PublishResult Publish(const PublishOptions& options, const PublishObserver& observer) {
 	CheckOptions(options);
 	CheckApart(options);
-	const int fetch_time = FetchTime();
-	const SigningKey key = SigningKey::Load(options.key_file);
-	const Repository repository(options.repository, observer.waiting);
-	const Tree tree = ListTree(options.tree);
-
-	PublishResult result;
-	result.data_version = ChooseVersion(options, repository.LastVersion(options.id));
-	result.files = tree.files.size();
-	result.tree_size = tree.total_size;
-	std::string base = options.url;
-	base.erase(base.find_last_not_of('/') + 1);
-	result.download_link = base + "/" + Repository::PackageName(options.id, result.data_version);
-	WarnAbout(tree, result, observer);
-
-	repository.Clean(options.id);
-	ReplacingFile package(repository.PackagePath(options.id, result.data_version));
-	const PackageInfo info = {options.id, options.format_version, result.data_version};
-	result.package_size = WritePackage(tree, info, key, options.level, package.Fd(), package.TemporaryPath(),
-	    [&](std::uint64_t files, std::uint64_t bytes) { observer.progress(files, bytes, tree); });
-	package.Commit();
-	repository.WriteEntry(options.db_version, options.id, {result.data_version, fetch_time, result.download_link});
-	return result;
+	return Publication(options, observer).Run();
 }
 
 } // namespace tarn::publisher

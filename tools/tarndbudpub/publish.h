@@ -7,8 +7,11 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn::publisher {
+
+constexpr int kDefaultKeepDiffs = 30;
 
 struct PublishOptions {
 	std::string tree;
@@ -20,6 +23,19 @@ struct PublishOptions {
 	std::string format_version = "1";
 	std::string db_version = "1";
 	int level = kDefaultLevel;
+	int keep_diffs = kDefaultKeepDiffs;
+	std::vector<std::string> old_keys; // public keys that signed earlier packages
+};
+
+/** A diff package that was made, and how many files it changes in which way. */
+struct DiffResult {
+	std::uint64_t package_size = 0;
+	std::uint64_t created = 0;
+	std::uint64_t replaced = 0; // whole, though there was a file before
+	std::uint64_t patched = 0;
+	std::uint64_t scripted = 0;
+	std::uint64_t deleted = 0;
+	int oldest_base = 0; // the oldest version from which devices come by diff packages alone
 };
 
 struct PublishResult {
@@ -28,6 +44,7 @@ struct PublishResult {
 	std::uint64_t tree_size = 0;
 	std::uint64_t package_size = 0;
 	std::string download_link;
+	std::optional<DiffResult> diff;
 };
 
 /** Where publishing tells how it gets on. */
@@ -37,11 +54,15 @@ struct PublishObserver {
 	/** Called often, with totals to compare the two numbers done against. */
 	std::function<void(std::uint64_t files, std::uint64_t bytes, const Tree& tree)> progress =
 	    [](std::uint64_t /*files*/, std::uint64_t /*bytes*/, const Tree& /*tree*/) {};
+	/** Called by one thread at a time while a diff is made: what is being done, and how many parts of it are. */
+	std::function<void(const std::string& what, std::uint64_t done, std::uint64_t all)> step =
+	    [](const std::string& /*what*/, std::uint64_t /*done*/, std::uint64_t /*all*/) {};
 };
 
 /**
- * Publishes one version of a database: first its package, then the document that names it, each put in place whole.
- * At any moment, and after being killed at any moment, the repository serves the old state or the new one.
+ * Publishes one version of a database: first its packages, then the document that names them, each put in place whole.
+ * When the version before it is published, a diff package from there is one of them; without one, for whatever reason,
+ * the version is published all the same, and devices take the full package. At any moment, and after being killed at any moment, the repository serves the old state or the new one.
  *
  * A version is never published twice, and none that is not above the highest one that a document names: devices keep
  * what they have when the version does not grow, and a package that is announced must stay what it was.

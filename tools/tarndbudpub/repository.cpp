@@ -4,6 +4,7 @@
 #include "replacing_file.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/file_io.h"
+#include "work_directory.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,6 +14,7 @@
 #include <charconv>
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <utility>
 
 namespace tarn::publisher {
@@ -64,18 +66,46 @@ Json::Value ParseObject(const std::string& text, const std::string& path) {
 }
 
 int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
-	int version = -1;
+	std::optional<int> version;
 	if (entry.isObject() && entry["data_version"].isString()) {
-		const std::string digits = entry["data_version"].asString();
-		const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
-		if (result.ec != std::errc() || result.ptr != digits.data() + digits.size()) {
-			version = -1;
-		}
+		version = ParseVersion(entry["data_version"].asString());
 	}
-	if (version < 0) {
+	if (!version) {
 		throw PublishError("The document " + path + " holds no readable version of " + id + "; repair or remove it.");
 	}
-	return version;
+	return *version;
+}
+
+/** The number that all of a text's digits make; none when there is anything else in it. */
+std::optional<int> ParseVersion(std::string_view digits) {
+	int version = -1;
+	const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
+	const bool whole = result.ec == std::errc() && result.ptr == digits.data() + digits.size();
+	return whole && version >= 0 ? std::optional(version) : std::nullopt;
+}
+
+/** The diff packages of an entry; what is no such thing is passed over, as it leads no device anywhere. */
+std::map<int, DiffFile> DiffFilesOf(const Json::Value& entry) {
+	std::map<int, DiffFile> files;
+	const Json::Value& list = entry["diff_files"];
+	for (const std::string& key : list.isObject() ? list.getMemberNames() : Json::Value::Members()) {
+		const std::optional<int> version = ParseVersion(key);
+		const Json::Value& file = list[key];
+		if (version && file.isObject() && file["download_link"].isString() && file["file_size"].isInt()) {
+			files[*version] = {file["download_link"].asString(), file["file_size"].asInt()};
+		}
+	}
+	return files;
+}
+
+Json::Value ToJson(const std::map<int, DiffFile>& files) {
+	Json::Value list(Json::objectValue);
+	for (const auto& [version, file] : files) {
+		Json::Value& value = list[std::to_string(version)];
+		value["download_link"] = file.download_link;
+		value["file_size"] = file.file_size;
+	}
+	return list;
 }
 
 } // namespace
@@ -91,6 +121,14 @@ std::string Repository::PackageName(const std::string& id, int data_version) {
 
 std::string Repository::PackagePath(const std::string& id, int data_version) const {
 	return directory_ + "/" + PackageName(id, data_version);
+}
+
+std::string Repository::DiffName(const std::string& id, int data_version) {
+	return "packages/" + id + "/" + id + "_d" + std::to_string(data_version) + ".tarn";
+}
+
+std::string Repository::DiffPath(const std::string& id, int data_version) const {
+	return directory_ + "/" + DiffName(id, data_version);
 }
 
 std::string Repository::DocumentPath(const std::string& db_version) const {
@@ -113,8 +151,8 @@ Json::Value Repository::ReadDocument(const std::string& path) const {
 	return document;
 }
 
-std::optional<int> Repository::LastVersion(const std::string& id) const {
-	std::optional<int> last;
+void Repository::ForEachEntry(
+    const std::string& id, const std::function<void(const std::string&, const Json::Value&)>& callback) const {
 	std::error_code error;
 	for (const fs::directory_entry& file : fs::directory_iterator(directory_ + "/database_info", error)) {
 		if (file.path().filename().string().front() == '.') {
@@ -122,16 +160,56 @@ std::optional<int> Repository::LastVersion(const std::string& id) const {
 		}
 		const Json::Value list = ReadDocument(file.path().string())["db_list"];
 		if (list.isMember(id)) {
-			last = std::max(last.value_or(-1), VersionOf(list[id], id, file.path().string()));
+			callback(file.path().string(), list[id]);
 		}
 	}
 	if (error && error != std::errc::no_such_file_or_directory) {
 		throw PublishError("The documents of " + directory_ + " cannot be read: " + error.message() + ".");
 	}
+}
+
+std::optional<int> Repository::LastVersion(const std::string& id) const {
+	std::optional<int> last;
+	ForEachEntry(id, [&](const std::string& path, const Json::Value& entry) {
+		last = std::max(last.value_or(-1), VersionOf(entry, id, path));
+	});
 	return last;
 }
 
+std::optional<Entry> Repository::ReadEntry(const std::string& db_version, const std::string& id) const {
+	std::optional<Entry> found;
+	ForEachEntry(id, [&](const std::string& path, const Json::Value& entry) {
+		if (path == DocumentPath(db_version)) {
+			found = Entry{VersionOf(entry, id, path), 0, "", DiffFilesOf(entry)};
+		}
+	});
+	return found;
+}
+
+void Repository::RemoveUnnamedDiffs(const std::string& id) const {
+	std::set<std::string> named;
+	ForEachEntry(id, [&](const std::string& /*path*/, const Json::Value& entry) {
+		for (const auto& [version, file] : DiffFilesOf(entry)) {
+			named.insert(DiffPath(id, version));
+		}
+	});
+	std::error_code error;
+	const std::string prefix = id + "_d";
+	constexpr std::string_view kSuffix = ".tarn";
+	for (const fs::directory_entry& file : fs::directory_iterator(directory_ + "/packages/" + id, error)) {
+		const std::string name = file.path().filename().string();
+		if (name.size() > prefix.size() + kSuffix.size() && named.count(file.path().string()) == 0 &&
+		    name.compare(0, prefix.size(), prefix) == 0 && file.path().extension() == kSuffix &&
+		    ParseVersion(std::string_view(name).substr(
+		        prefix.size(), name.size() - prefix.size() - kSuffix.size()))) {
+			fs::remove(file.path());
+		}
+	}
+}
+
 void Repository::Clean(const std::string& id) const {
+	WorkDirectory::RemoveLeftovers(directory_);
+	RemoveUnnamedDiffs(id);
 	RemoveLeftovers(directory_ + "/packages/" + id);
 	RemoveLeftovers(directory_ + "/database_info");
 }
@@ -152,7 +230,7 @@ void Repository::WriteEntry(const std::string& db_version, const std::string& id
 	record["data_version"] = std::to_string(entry.data_version);
 	record["last_fetch_time"] = entry.last_fetch_time;
 	record["download_link"] = entry.download_link;
-	record["diff_files"] = Json::Value(Json::objectValue);
+	record["diff_files"] = ToJson(entry.diff_files);
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "\t";
 	const std::string text = Json::writeString(builder, document) + "\n";

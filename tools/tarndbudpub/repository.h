@@ -6,16 +6,24 @@
 #include <json/json.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
 namespace tarn::publisher {
+
+/** What the document says about one diff package. */
+struct DiffFile {
+	std::string download_link;
+	int file_size = 0;
+};
 
 /** What the document says about one version of a database. */
 struct Entry {
 	int data_version = 0;
 	int last_fetch_time = 0;
 	std::string download_link;
+	std::map<int, DiffFile> diff_files; // by the version that each leads to
 };
 
 /**
@@ -37,8 +45,15 @@ public:
 	std::string PackagePath(const std::string& id, int data_version) const;
 	std::string DocumentPath(const std::string& db_version) const;
 
-	/** Removes what killed publishers left where this one will write. */
+	static std::string DiffName(const std::string& id, int data_version);
+	std::string DiffPath(const std::string& id, int data_version) const;
+	const std::string& Directory() const { return directory_; }
+
+	/** Removes what killed publishers left where this one will write, and diff packages that no document names. */
 	void Clean(const std::string& id) const;
+
+	/** A database's entry in a document; none when it was never published there. */
+	std::optional<Entry> ReadEntry(const std::string& db_version, const std::string& id) const;
 
 	/**
 	 * Puts a database's entry into a document, keeping all else that it holds: other databases, flags of deprecation,
@@ -48,6 +63,10 @@ public:
 
 private:
 	Json::Value ReadDocument(const std::string& path) const;
+	/** Calls back with the path of every document and what it says about a database. */
+	void ForEachEntry(
+	    const std::string& id, const std::function<void(const std::string&, const Json::Value&)>& callback) const;
+	void RemoveUnnamedDiffs(const std::string& id) const;
 
 	std::string directory_;
 	codesign::UniqueFd lock_;

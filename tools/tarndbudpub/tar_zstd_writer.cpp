@@ -32,6 +32,10 @@ ZstdWriter::ZstdWriter(int level, Sink sink)
 	CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_windowLog, kWindowLog));
 }
 
+void ZstdWriter::ExpectSize(std::uint64_t size) {
+	CheckZstd(ZSTD_CCtx_setPledgedSrcSize(context_.get(), size));
+}
+
 void ZstdWriter::Compress(std::string_view bytes, ZSTD_EndDirective directive) {
 	ZSTD_inBuffer input = {bytes.data(), bytes.size(), 0};
 	bool more = true;

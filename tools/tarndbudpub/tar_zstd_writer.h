@@ -21,6 +21,8 @@ public:
 	using Sink = std::function<void(std::string_view)>;
 
 	ZstdWriter(int level, Sink sink);
+	/** Tells beforehand how many bytes will come, so that few of them need little memory. */
+	void ExpectSize(std::uint64_t size);
 	void Write(std::string_view bytes) { Compress(bytes, ZSTD_e_continue); }
 	void Finish() { Compress({}, ZSTD_e_end); }
 

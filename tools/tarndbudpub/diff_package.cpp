@@ -1,0 +1,152 @@
+#include "diff_package.h"
+
+#include "tarncodesign/archive_error.h"
+#include "tarncodesign/extractor.h"
+#include "tarncodesign/payload_stream.h"
+#include "tarncodesign/tar_reader.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+
+namespace tarn::publisher {
+
+namespace {
+
+using codesign::ArchiveError;
+
+constexpr std::size_t kMaxDescriptionSize = std::size_t{1} << 30U;
+
+std::optional<Json::Value> ParseJson(std::string_view text) {
+	Json::CharReaderBuilder builder;
+	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+	Json::Value value;
+	try {
+		if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
+			return value;
+		}
+	} catch (const Json::Exception&) {
+		return std::nullopt; // too deep to be read
+	}
+	return std::nullopt;
+}
+
+struct Content {
+	std::map<std::string, std::uint64_t> sizes;
+	std::string description;
+};
+
+Content ReadContent(const codesign::ArchiveFile& archive) {
+	const codesign::Limits limits;
+	codesign::PayloadStream stream(archive, limits.bytes);
+	codesign::TarReader reader(stream);
+	codesign::Member member;
+	Content content;
+	while (reader.Next(member)) {
+		content.sizes[member.name] = member.size;
+		if (member.name != kDescriptionName) {
+			continue;
+		}
+		if (member.size > kMaxDescriptionSize) {
+			throw ArchiveError("has a description that is too long");
+		}
+		for (std::string_view block = reader.NextContent(); !block.empty(); block = reader.NextContent()) {
+			content.description += block;
+		}
+	}
+	return content;
+}
+
+std::string Text(const Json::Value& value, const char* key) {
+	return value.isObject() && value[key].isString() ? value[key].asString() : std::string();
+}
+
+PatchKind KindOf(const std::string& operation, const std::string& input_file) {
+	if (operation == "create") {
+		return PatchKind::kWhole;
+	}
+	if (operation == "delete") {
+		return PatchKind::kNone;
+	}
+	for (const PatchKind kind : {PatchKind::kVcdiff, PatchKind::kScript}) {
+		const std::string extension = PatchKindExtension(kind);
+		if (operation == "update" && input_file.size() > extension.size() &&
+		    input_file.compare(input_file.size() - extension.size(), extension.size(), extension) == 0) {
+			return kind;
+		}
+	}
+	throw ArchiveError("describes an operation that devices do not know, \"" + codesign::Printable(operation) +
+	                   "\" with \"" + codesign::Printable(input_file) + "\"");
+}
+
+} // namespace
+
+const char* PatchKindName(PatchKind kind) {
+	switch (kind) {
+	case PatchKind::kWhole:
+		return "whole";
+	case PatchKind::kVcdiff:
+		return "vcdiff";
+	case PatchKind::kScript:
+		return "sql";
+	case PatchKind::kNone:
+		break;
+	}
+	return "-";
+}
+
+const char* PatchKindExtension(PatchKind kind) {
+	switch (kind) {
+	case PatchKind::kWhole:
+		return ".new";
+	case PatchKind::kVcdiff:
+		return ".vcdiff";
+	case PatchKind::kScript:
+		return ".sqlitediff";
+	case PatchKind::kNone:
+		break;
+	}
+	return "";
+}
+
+Json::Value ReadMetadata(const codesign::ArchiveFile& archive) {
+	return ParseJson(archive.Metadata()).value_or(Json::Value());
+}
+
+DiffPackage ReadDiffPackage(const codesign::ArchiveFile& archive) {
+	const Content content = ReadContent(archive);
+	const std::optional<Json::Value> description = ParseJson(content.description);
+	if (!description || !description->isObject()) {
+		throw ArchiveError(std::string("holds no readable ") + kDescriptionName);
+	}
+	DiffPackage package;
+	package.metadata = ReadMetadata(archive);
+	for (const std::string& name : description->getMemberNames()) {
+		const Json::Value& value = (*description)[name];
+		DiffMember member = {name, Text(value, "operation"), Text(value, "input_file")};
+		member.kind = KindOf(member.operation, member.input_file);
+		if (member.kind != PatchKind::kNone) {
+			const auto size = content.sizes.find(member.input_file);
+			if (size == content.sizes.end()) {
+				throw ArchiveError("lacks its member \"" + codesign::Printable(member.input_file) + "\"");
+			}
+			member.size = size->second;
+		}
+		package.members.push_back(std::move(member));
+	}
+	return package;
+}
+
+std::string DescriptionText(const std::vector<DiffMember>& members) {
+	Json::Value description(Json::objectValue);
+	for (const DiffMember& member : members) {
+		Json::Value& value = description[member.name];
+		value["operation"] = member.operation;
+		value["input_file"] = member.input_file;
+	}
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "";
+	return Json::writeString(builder, description) + "\n";
+}
+
+} // namespace tarn::publisher

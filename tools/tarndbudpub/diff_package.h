@@ -1,0 +1,60 @@
+#ifndef TARNDBUDPUB_DIFF_PACKAGE_H
+#define TARNDBUDPUB_DIFF_PACKAGE_H
+
+#include "tarncodesign/archive_file.h"
+
+#include <json/json.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+constexpr const char* kDescriptionName = "patch_infos.json";
+constexpr const char* kDiffKind = "diff";
+
+/** How a diff package carries what becomes of one file. */
+enum class PatchKind {
+	kWhole,  ///< the file itself
+	kVcdiff, ///< a patch against the bytes of the version before
+	kScript, ///< SQL statements that change the content
+	kNone    ///< nothing: the file is deleted
+};
+
+/** "whole", "vcdiff", "sql" or "-". */
+const char* PatchKindName(PatchKind kind);
+/** ".new", ".vcdiff", ".sqlitediff", or nothing. */
+const char* PatchKindExtension(PatchKind kind);
+
+/** One file that a diff package changes. */
+struct DiffMember {
+	std::string name;      // relative to the installed tree
+	std::string operation; // "create", "update" or "delete"
+	std::string input_file;
+	PatchKind kind = PatchKind::kNone;
+	std::uint64_t size = 0; // of the input file
+};
+
+/** What a diff package holds, by its description. */
+struct DiffPackage {
+	std::vector<DiffMember> members; // in byte order of names
+	Json::Value metadata;            // null when it is no JSON
+};
+
+/**
+ * Reads a diff package's description and metadata without unpacking it.
+ *
+ * @throws ArchiveError when it is damaged or holds no description in the form that devices read
+ */
+DiffPackage ReadDiffPackage(const codesign::ArchiveFile& archive);
+
+/** A package's metadata; null when it is no JSON. */
+Json::Value ReadMetadata(const codesign::ArchiveFile& archive);
+
+/** The text of "patch_infos.json". */
+std::string DescriptionText(const std::vector<DiffMember>& members);
+
+} // namespace tarn::publisher
+
+#endif

@@ -1,0 +1,42 @@
+#ifndef TARNDBUDPUB_PACKAGE_READER_H
+#define TARNDBUDPUB_PACKAGE_READER_H
+
+#include "package.h"
+#include "signing_key.h"
+#include "tarncodesign/archive_file.h"
+#include "tarncodesign/trusted_keys.h"
+
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/** Reads packages of the repository, believing none that the publisher has not signed. */
+class PackageReader {
+public:
+	/**
+	 * @param key       signs now
+	 * @param old_keys  files of public keys that signed before
+	 * @throws PublishError
+	 */
+	PackageReader(const SigningKey& key, const std::vector<std::string>& old_keys);
+
+	/**
+	 * Opens a package and checks all of it.
+	 *
+	 * @param expected  id, version and kind that its metadata must name, since a file is easily put in a wrong place
+	 * @throws PublishError naming the package
+	 */
+	codesign::ArchiveFile Open(const std::string& path, const PackageInfo& expected) const;
+
+	/** Unpacks members of an open package, or all, into a directory; throws PublishError naming the package. */
+	static void Unpack(const codesign::ArchiveFile& archive, const std::string& path, const std::string& directory,
+	    const std::vector<std::string>& members = {});
+
+private:
+	std::vector<codesign::TrustedKey> keys_;
+};
+
+} // namespace tarn::publisher
+
+#endif

@@ -1,0 +1,59 @@
+#include "work_directory.h"
+
+#include "publish_error.h"
+#include "tarncodesign/archive_error.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPrefix = ".tarndbudpub-work-";
+
+[[noreturn]] void Fail(const std::string& what, const fs::filesystem_error& error) {
+	throw PublishError(what + ": " + error.path1().string() + ": " + error.code().message() + ".");
+}
+
+} // namespace
+
+WorkDirectory::WorkDirectory(const std::string& repository) {
+	// Absolute and without links, since it goes to other programs and is compared with what they see.
+	std::string name = (fs::canonical(repository) / (std::string(kPrefix) + "XXXXXX")).string();
+	if (mkdtemp(name.data()) == nullptr) {
+		throw PublishError(codesign::ErrnoText("No directory can be created in " + repository, errno) + ".");
+	}
+	path_ = name;
+}
+
+WorkDirectory::~WorkDirectory() {
+	std::error_code ignored; // the next publisher removes what is left
+	fs::remove_all(path_, ignored);
+}
+
+std::string WorkDirectory::Make(const std::string& name) const {
+	try {
+		fs::create_directories(path_ + "/" + name);
+	} catch (const fs::filesystem_error& error) {
+		Fail("No directory can be created", error);
+	}
+	return path_ + "/" + name;
+}
+
+void WorkDirectory::RemoveLeftovers(const std::string& repository) {
+	try {
+		for (const fs::directory_entry& entry : fs::directory_iterator(repository)) {
+			if (entry.path().filename().string().rfind(kPrefix, 0) == 0) {
+				fs::remove_all(entry.path());
+			}
+		}
+	} catch (const fs::filesystem_error& error) {
+		Fail("What a killed publisher left cannot be removed", error);
+	}
+}
+
+} // namespace tarn::publisher
