@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <utility>
 
 namespace tarn::publisher {
@@ -65,6 +66,14 @@ Json::Value ParseObject(const std::string& text, const std::string& path) {
 	return value;
 }
 
+/** The number that all of a text's digits make; none when there is anything else in it. */
+std::optional<int> ParseVersion(std::string_view digits) {
+	int version = -1;
+	const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
+	const bool whole = result.ec == std::errc() && result.ptr == digits.data() + digits.size();
+	return whole && version >= 0 ? std::optional(version) : std::nullopt;
+}
+
 int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
 	std::optional<int> version;
 	if (entry.isObject() && entry["data_version"].isString()) {
@@ -74,14 +83,6 @@ int VersionOf(const Json::Value& entry, const std::string& id, const std::string
 		throw PublishError("The document " + path + " holds no readable version of " + id + "; repair or remove it.");
 	}
 	return *version;
-}
-
-/** The number that all of a text's digits make; none when there is anything else in it. */
-std::optional<int> ParseVersion(std::string_view digits) {
-	int version = -1;
-	const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
-	const bool whole = result.ec == std::errc() && result.ptr == digits.data() + digits.size();
-	return whole && version >= 0 ? std::optional(version) : std::nullopt;
 }
 
 /** The diff packages of an entry; what is no such thing is passed over, as it leads no device anywhere. */

@@ -18,6 +18,7 @@ PublisherTest::PublisherTest() {
 	options_.id = "db";
 	options_.key_file = directory_ / "key.key";
 	options_.url = "http://updates.example/base";
+	options_.keep_diffs = 0; // tests of diff packages ask for them
 	observer_.warn = [this](const std::string& sentence) { warnings_.push_back(sentence); };
 	fs::create_directory(options_.tree);
 }
