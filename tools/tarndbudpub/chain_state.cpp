@@ -3,6 +3,8 @@
 #include "publish_error.h"
 #include "tarncodesign/archive_head.h"
 
+#include <algorithm>
+
 namespace tarn::publisher {
 
 namespace {
@@ -15,11 +17,12 @@ constexpr std::size_t kMaxStateSize = codesign::kMaxMetadataSize - 4096;
 
 std::set<std::string> ReadNames(const Json::Value& metadata, const char* key) {
 	const Json::Value& list = metadata[key];
+	const auto is_name = [](const Json::Value& name) { return name.isString(); };
+	if (!(list.isNull() || list.isArray()) || !std::all_of(list.begin(), list.end(), is_name)) {
+		throw PublishError(std::string("its metadata has no readable \"") + key + "\"");
+	}
 	std::set<std::string> names;
 	for (const Json::Value& name : list) {
-		if (!name.isString()) {
-			throw PublishError(std::string("its metadata has no readable \"") + key + "\"");
-		}
 		names.insert(name.asString());
 	}
 	return names;

@@ -1,5 +1,6 @@
 #include "inspect.h"
 
+#include "diff_package.h"
 #include "publish_error.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
@@ -8,7 +9,8 @@
 #include <json/json.h>
 
 #include <iomanip>
-#include <memory>
+#include <map>
+#include <optional>
 
 namespace tarn::publisher {
 
@@ -41,18 +43,9 @@ const char* KindName(codesign::MemberKind kind) {
 }
 
 // Unsigned text so far, so it may be anything; what is no JSON is shown as the text it is.
-Json::Value ParseMetadata(std::string_view text) {
-	Json::CharReaderBuilder builder;
-	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-	Json::Value value;
-	try {
-		if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
-			return value;
-		}
-	} catch (const Json::Exception&) {
-		value = Json::Value(); // too deep to be read
-	}
-	return codesign::Printable(text);
+Json::Value MetadataJson(const codesign::ArchiveFile& archive) {
+	Json::Value value = ReadMetadata(archive);
+	return value.isNull() ? Json::Value(codesign::Printable(archive.Metadata())) : value;
 }
 
 std::string ToLine(const Json::Value& value) {
@@ -71,8 +64,69 @@ Json::Value HeadJson(const std::string& package, const codesign::ArchiveFile& ar
 	value["payload_size"] = Json::UInt64{head.payload_size};
 	value["entry_count"] = Json::UInt64{head.entry_count};
 	value["unpacked_size"] = Json::UInt64{head.unpacked_size};
-	value["metadata"] = ParseMetadata(archive.Metadata());
+	value["metadata"] = MetadataJson(archive);
 	return value;
+}
+
+/** What a diff package describes; none for a package of another kind, which has no description. */
+std::optional<DiffPackage> DiffOf(const codesign::ArchiveFile& archive) {
+	const Json::Value metadata = ReadMetadata(archive);
+	const bool is_diff = metadata.isObject() && metadata["kind"] == kDiffKind;
+	return is_diff ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
+}
+
+struct Total {
+	std::uint64_t files = 0;
+	std::uint64_t bytes = 0;
+};
+
+/** Files and bytes by kind, in the order of the kinds. */
+std::map<PatchKind, Total> TotalsOf(const DiffPackage& diff) {
+	std::map<PatchKind, Total> totals;
+	for (const DiffMember& member : diff.members) {
+		Total& total = totals[member.kind];
+		++total.files;
+		total.bytes += member.size;
+	}
+	return totals;
+}
+
+void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
+	Json::Value& changes = value["changes"] = Json::Value(Json::arrayValue);
+	for (const DiffMember& member : diff.members) {
+		Json::Value item(Json::objectValue);
+		item["name"] = member.name;
+		item["operation"] = member.operation;
+		item["kind"] = PatchKindName(member.kind);
+		item["size"] = Json::UInt64{member.size};
+		changes.append(std::move(item));
+	}
+	Json::Value& totals = value["totals"] = Json::Value(Json::objectValue);
+	for (const auto& [kind, total] : TotalsOf(diff)) {
+		totals[PatchKindName(kind)]["files"] = Json::UInt64{total.files};
+		totals[PatchKindName(kind)]["bytes"] = Json::UInt64{total.bytes};
+	}
+}
+
+void PrintDiffTable(const DiffPackage& diff, std::ostream& out) {
+	constexpr int kSizeWidth = 14;
+	constexpr int kOperationWidth = 11;
+	constexpr int kKindWidth = 9;
+	const auto begin_line = [&out](std::uint64_t bytes, const std::string& operation, const char* kind) {
+		out << std::setw(kSizeWidth) << bytes << "  " << std::left << std::setw(kOperationWidth) << operation
+		    << std::setw(kKindWidth) << kind << std::right;
+	};
+	out << std::setw(kSizeWidth) << "bytes"
+	    << "  operation  kind     name\n";
+	for (const DiffMember& member : diff.members) {
+		begin_line(member.size, codesign::Printable(member.operation), PatchKindName(member.kind));
+		out << codesign::Printable(member.name) << "\n";
+	}
+	out << "\n";
+	for (const auto& [kind, total] : TotalsOf(diff)) {
+		begin_line(total.bytes, "total", PatchKindName(kind));
+		out << total.files << (total.files == 1 ? " file\n" : " files\n");
+	}
 }
 
 void PrintJson(const std::string& package, const codesign::ArchiveFile& archive, std::ostream& out) {
@@ -88,24 +142,18 @@ void PrintJson(const std::string& package, const codesign::ArchiveFile& archive,
 		}
 		members.append(std::move(item));
 	});
+	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
+		AddDiffJson(*diff, value);
+	}
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "\t";
 	out << Json::writeString(builder, value) << "\n";
 }
 
-void PrintTable(const std::string& package, const codesign::ArchiveFile& archive, std::ostream& out) {
+void PrintMemberTable(const codesign::ArchiveFile& archive, std::ostream& out) {
 	constexpr int kSizeWidth = 14;
 	constexpr int kKindWidth = 15;
-	const codesign::ArchiveHead& head = archive.Head();
-	out << codesign::Printable(package) << " (signature not checked; \"verify\" does that)\n"
-	    << "key type       " << head.key_type << "\n"
-	    << "package bytes  " << head.FileSize() << "\n"
-	    << "payload bytes  " << head.payload_size << " in " << head.ChunkCount() << " chunks of " << head.chunk_size
-	    << "\n"
-	    << "members        " << head.entry_count << "\n"
-	    << "unpacked bytes " << head.unpacked_size << "\n"
-	    << "metadata       " << ToLine(ParseMetadata(archive.Metadata())) << "\n\n"
-	    << std::setw(kSizeWidth) << "bytes"
+	out << std::setw(kSizeWidth) << "bytes"
 	    << "  " << std::left << std::setw(kKindWidth) << "kind"
 	    << "name\n"
 	    << std::right;
@@ -117,6 +165,23 @@ void PrintTable(const std::string& package, const codesign::ArchiveFile& archive
 		}
 		out << "\n";
 	});
+}
+
+void PrintTable(const std::string& package, const codesign::ArchiveFile& archive, std::ostream& out) {
+	const codesign::ArchiveHead& head = archive.Head();
+	out << codesign::Printable(package) << " (signature not checked; \"verify\" does that)\n"
+	    << "key type       " << head.key_type << "\n"
+	    << "package bytes  " << head.FileSize() << "\n"
+	    << "payload bytes  " << head.payload_size << " in " << head.ChunkCount() << " chunks of " << head.chunk_size
+	    << "\n"
+	    << "members        " << head.entry_count << "\n"
+	    << "unpacked bytes " << head.unpacked_size << "\n"
+	    << "metadata       " << ToLine(MetadataJson(archive)) << "\n\n";
+	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
+		PrintDiffTable(*diff, out);
+	} else {
+		PrintMemberTable(archive, out);
+	}
 }
 
 } // namespace

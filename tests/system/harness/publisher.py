@@ -28,10 +28,11 @@ class Publisher:
     def document(self) -> Path:
         return self.repository / "database_info/1"
 
-    def publish(self, tree: Path, name: str, *options: str, base: str | None = None) -> None:
+    def publish(self, tree: Path, name: str, *options: str, base: str | None = None, keep_diffs: int = 0) -> None:
+        """Without diff packages unless some are kept: most tests are about full ones."""
         programs.run_ok(
             programs.PUB, "publish", tree, "--repo", self.repository, "--id", name, "--key", self.private_key,
-            "--url", base or self.base, *options,
+            "--url", base or self.base, "--keep-diffs", str(keep_diffs), *options,
         )  # fmt: skip
 
     def package(self, name: str, version: int) -> Path:

@@ -1,0 +1,56 @@
+#include "device_tree.h"
+
+#include "dataupdate/patcher.h"
+#include "tarncodesign/extractor.h"
+#include "tarndbudvcdiff/decode.h"
+
+#include <fcntl.h>
+
+namespace tarn::test {
+
+namespace fs = std::filesystem;
+
+void UnpackPackage(const std::string& package, const std::string& public_key, const std::string& directory) {
+	const codesign::ArchiveFile archive(package);
+	std::vector<codesign::TrustedKey> keys;
+	keys.push_back(codesign::LoadPublicKeyFile(public_key));
+	archive.Check(keys, 6);
+	const codesign::UniqueFd out(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	codesign::Extract(archive, out.Get());
+}
+
+std::map<std::string, std::string> FilesBelow(const std::string& directory) {
+	std::map<std::string, std::string> files;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+		if (entry.is_regular_file() && !entry.is_symlink()) {
+			const bool executable = (entry.status().permissions() & fs::perms::owner_exec) != fs::perms::none;
+			files[entry.path().lexically_relative(directory).string()] =
+			    (executable ? "x " : "") + ReadFile(entry.path().string());
+		}
+	}
+	return files;
+}
+
+void DeviceTree::Install(const std::string& package) {
+	fs::remove_all(Root());
+	fs::create_directory(Root());
+	UnpackPackage(package, public_key_, Root());
+}
+
+void DeviceTree::Update(const std::vector<std::string>& packages) {
+	const TemporaryDirectory work;
+	fs::create_directory(work / "copies");
+	dataupdate::Patcher patcher(
+	    work / "copies", Root(), [](const std::string& source, const std::string& output, const std::string& patch) {
+		    vcdiff::DecodeFile(source, output, patch);
+	    });
+	for (const std::string& package : packages) {
+		fs::create_directory(work / "package");
+		UnpackPackage(package, public_key_, work / "package");
+		patcher.ApplyPackage(work / "package");
+		fs::remove_all(work / "package");
+	}
+	patcher.Install();
+}
+
+} // namespace tarn::test

@@ -1,0 +1,70 @@
+#include "diff_fixture.h"
+
+#include "diff_package.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include <random>
+
+namespace tarn::test {
+
+void ExecuteSql(const std::string& database, const std::string& sql) {
+	SQLite::Database file(database, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+	file.exec("PRAGMA synchronous = OFF");
+	file.exec(sql);
+}
+
+std::string Noise(std::size_t size, unsigned seed) {
+	std::mt19937 random(seed);
+	std::string text(size, '\0');
+	for (char& byte : text) {
+		byte = static_cast<char>(random());
+	}
+	return text;
+}
+
+DiffPublisherTest::DiffPublisherTest() {
+	options_.keep_diffs = publisher::kDefaultKeepDiffs;
+	options_.level = 3;
+	// Enough that a diff package is smaller than the full one.
+	Put("bulk", Noise(20'000, 1));
+}
+
+std::string DiffPublisherTest::Diff(int version) const {
+	return options_.repository + "/packages/db/db_d" + std::to_string(version) + ".tarn";
+}
+
+std::vector<int> DiffPublisherTest::OfferedDiffs() const {
+	std::vector<int> versions;
+	for (const std::string& key : Document()["db_list"]["db"]["diff_files"].getMemberNames()) {
+		versions.push_back(std::stoi(key));
+	}
+	std::sort(versions.begin(), versions.end());
+	return versions;
+}
+
+std::map<std::string, std::string> DiffPublisherTest::KindsIn(int version) const {
+	std::map<std::string, std::string> kinds;
+	for (const publisher::DiffMember& member :
+	    publisher::ReadDiffPackage(codesign::ArchiveFile(Diff(version))).members) {
+		kinds[member.name] = publisher::PatchKindName(member.kind);
+	}
+	return kinds;
+}
+
+Json::Value DiffPublisherTest::MetadataOf(int version) const {
+	return publisher::ReadMetadata(codesign::ArchiveFile(Diff(version)));
+}
+
+std::map<std::string, std::string> DiffPublisherTest::Followed(int from, int to) const {
+	DeviceTree device(PublicKey());
+	device.Install(Package(from));
+	std::vector<std::string> packages;
+	for (int version = from + 1; version <= to; ++version) {
+		packages.push_back(Diff(version));
+	}
+	device.Update(packages);
+	return device.Files();
+}
+
+} // namespace tarn::test

@@ -1,0 +1,40 @@
+/** @file A database published in many versions, and devices that follow by diff packages. */
+#ifndef TARN_TESTS_DIFF_FIXTURE_H
+#define TARN_TESTS_DIFF_FIXTURE_H
+
+#include "device_tree.h"
+#include "publisher_fixture.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarn::test {
+
+/** Runs SQL on a database file, which is created when it is missing. */
+void ExecuteSql(const std::string& database, const std::string& sql);
+/** Text that compresses badly and differs with the seed. */
+std::string Noise(std::size_t size, unsigned seed);
+
+class DiffPublisherTest : public PublisherTest {
+protected:
+	DiffPublisherTest();
+
+	std::string TreePath(const std::string& name) const { return options_.tree + "/" + name; }
+	/** Runs SQL on a database file of the tree. */
+	void Sql(const std::string& name, const std::string& sql) const { ExecuteSql(TreePath(name), sql); }
+	std::string Diff(int version) const;
+	/** Versions for which the document names a diff package. */
+	std::vector<int> OfferedDiffs() const;
+	/** How a diff package carries each file, by name: "whole", "vcdiff", "sql" or "-". */
+	std::map<std::string, std::string> KindsIn(int version) const;
+	Json::Value MetadataOf(int version) const;
+	/** What a device has that installs a version and comes to another by diff packages, all at once. */
+	std::map<std::string, std::string> Followed(int from, int to) const;
+	std::map<std::string, std::string> PublishedTree() const { return FilesBelow(options_.tree); }
+	std::string PublicKey() const { return directory_ / "key.pub"; }
+};
+
+} // namespace tarn::test
+
+#endif

@@ -1,0 +1,163 @@
+// Random edits over a chain, followed by devices that entered at every version by either way.
+#include "diff_fixture.h"
+#include "sqlite_content.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace tarn::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/** One tree that changes at random, the same for the same seed. */
+class RandomTree {
+public:
+	RandomTree(std::string root, unsigned seed) : root_(std::move(root)), random_(seed) {
+		for (const char* name : kDatabases) {
+			ExecuteSql(root_ + "/" + name,
+			    "CREATE TABLE t(i INTEGER PRIMARY KEY, a TEXT, r REAL); CREATE TABLE u(x UNIQUE, y);"
+			    "CREATE TABLE w(k TEXT PRIMARY KEY, v) WITHOUT ROWID;"
+			    "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 300)"
+			    "INSERT INTO t SELECT i, hex(i * 7919), i * 0.5 FROM c;");
+		}
+	}
+
+	void Edit() {
+		for (const char* name : kDatabases) {
+			if (Below(3) > 0) {
+				ExecuteSql(root_ + "/" + name, DatabaseEdit());
+			}
+		}
+		for (int i = Below(4); i > 0; --i) {
+			EditFile(root_ + "/" + kFiles.at(static_cast<std::size_t>(Below(kFiles.size()))));
+		}
+	}
+
+	static constexpr std::array<const char*, 2> kDatabases = {"one.sqlite", "two.sqlite"};
+
+private:
+	static constexpr std::array<const char*, 6> kFiles = {"a", "b", "d/a", "d/b", "d/e/f", "g-h"};
+
+	int Below(std::size_t bound) { return static_cast<int>(random_() % bound); }
+	std::string Number() { return std::to_string(Below(400)); }
+
+	std::string DatabaseEdit() {
+		switch (Below(12)) {
+		case 0:
+			return "PRAGMA user_version = " + Number();
+		case 1:
+			return "CREATE INDEX IF NOT EXISTS i" + Number() + " ON t(a)";
+		case 2:
+			return "UPDATE t SET r = 0.1 + " + Number() + " WHERE i % 7 = 0";
+		case 3:
+			return "VACUUM";
+		case 4:
+			return "INSERT OR REPLACE INTO w VALUES('k" + Number() + "' || char(10), zeroblob(" + Number() + "))";
+		case 5:
+			return "DELETE FROM t WHERE i % 50 = " + std::to_string(Below(50));
+		case 6:
+			return "INSERT OR REPLACE INTO u VALUES(" + Number() + ", 'line' || char(10) || 'two')";
+		case 7:
+			return "UPDATE OR IGNORE u SET x = x + 1";
+		default:
+			return "UPDATE t SET a = 'v' || " + Number() + " WHERE i % 31 = " + std::to_string(Below(31));
+		}
+	}
+
+	void EditFile(const std::string& path) {
+		const bool exists = fs::exists(path);
+		switch (Below(5)) {
+		case 0:
+			fs::remove(path);
+			return;
+		case 1:
+			WriteFile(path, Noise(static_cast<std::size_t>(Below(3000)), random_()));
+			return;
+		case 2:
+			if (exists) {
+				fs::permissions(path, fs::perms::owner_exec, Below(2) > 0 ? fs::perm_options::add : fs::perm_options::remove);
+			}
+			return;
+		default:
+			WriteFile(path, (exists ? ReadFile(path) : Noise(2000, 4)) + "line " + Number() + "\n");
+		}
+	}
+
+	std::string root_;
+	std::mt19937 random_;
+};
+
+class ChainProperty : public DiffPublisherTest, public ::testing::WithParamInterface<unsigned> {
+protected:
+	static constexpr int kVersions = 8;
+
+	/** Compares a device with a version: the bytes, or the content where scripts have changed a file. */
+	void ExpectVersion(const DeviceTree& device, int version, const std::set<std::string>& scripted, const std::string& how) {
+		DeviceTree expected(PublicKey());
+		expected.Install(Package(version));
+		std::map<std::string, std::string> want = expected.Files();
+		std::map<std::string, std::string> have = device.Files();
+		for (const std::string& name : scripted) {
+			EXPECT_EQ(publisher::FindContentDifference(device.Path(name), expected.Path(name)), std::nullopt) << name << how;
+			want.erase(name);
+			have.erase(name);
+		}
+		EXPECT_EQ(have, want) << how;
+	}
+	std::set<std::string> ScriptedAfter(int version) const {
+		std::set<std::string> names;
+		for (const Json::Value& name : MetadataOf(version)["scripted_files"]) {
+			names.insert(name.asString());
+		}
+		return names;
+	}
+};
+
+TEST_P(ChainProperty, LeadsEveryDeviceToThePublishedContent) {
+	std::mt19937 random(GetParam());
+	RandomTree tree(options_.tree, GetParam());
+	Publish();
+	for (int version = 2; version <= kVersions; ++version) {
+		tree.Edit();
+		Publish();
+	}
+	ASSERT_EQ(OfferedDiffs().size(), kVersions - 1U) << warnings_.back();
+	for (int from = 1; from < kVersions; ++from) {
+		DeviceTree device(PublicKey());
+		device.Install(Package(from));
+		for (int at = from; at < kVersions;) {
+			std::vector<std::string> packages;
+			for (int steps = 1 + static_cast<int>(random() % 3); steps > 0 && at < kVersions; --steps) {
+				packages.push_back(Diff(++at));
+			}
+			device.Update(packages);
+			ExpectVersion(device, at, ScriptedAfter(at), " from " + std::to_string(from) + " at " + std::to_string(at));
+		}
+	}
+}
+
+/** The kinds of patches that one file goes through never follow each other directly. */
+TEST_P(ChainProperty, ChangesKindsOnlyThroughWholeFiles) {
+	RandomTree tree(options_.tree, GetParam() + 1000);
+	Publish();
+	std::map<std::string, std::string> last;
+	for (int version = 2; version <= kVersions; ++version) {
+		tree.Edit();
+		ASSERT_TRUE(Publish().diff) << warnings_.back();
+		for (const auto& [name, kind] : KindsIn(version)) {
+			const std::string before = last[name];
+			EXPECT_FALSE((before == "sql" && kind == "vcdiff") || (before == "vcdiff" && kind == "sql"))
+			    << name << " at " << version;
+			last[name] = kind;
+		}
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, ChainProperty, ::testing::Range(1U, 6U));
+
+} // namespace
+
+} // namespace tarn::test

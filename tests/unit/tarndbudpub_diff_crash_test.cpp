@@ -1,0 +1,113 @@
+// Publishers of diff packages that are killed, and what the next one makes of it.
+#include "diff_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <sys/wait.h>
+
+#include <csignal>
+
+namespace tarn::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+class KilledDiffPublishing : public DiffPublisherTest {
+protected:
+	KilledDiffPublishing() {
+		setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+		Sql("base", "CREATE TABLE t(a); INSERT INTO t VALUES(1), (2)");
+		options_.keep_diffs = 1;
+		Publish();
+		Change("one");
+		Publish();
+		Change("two");
+		fs::copy(options_.repository, directory_ / "before", fs::copy_options::recursive);
+		Publish();
+		expected_ = FilesBelow(options_.repository);
+	}
+	~KilledDiffPublishing() override { unsetenv("SOURCE_DATE_EPOCH"); }
+
+	void Change(const std::string& text) {
+		for (const char* name : {"x", "y", "z"}) {
+			Put(name, Noise(400, 3) + text);
+		}
+		Sql("base", "INSERT INTO t VALUES('" + text + "')");
+	}
+	void BeginAnew() const {
+		fs::remove_all(options_.repository);
+		fs::copy(directory_ / "before", options_.repository, fs::copy_options::recursive);
+	}
+	/** Every package that the document names is there as it should be, and devices come to the newest version. */
+	void ExpectServable() {
+		const std::string newest = Document()["db_list"]["db"]["data_version"].asString();
+		ASSERT_THAT(newest, ::testing::AnyOf("2", "3"));
+		EXPECT_EQ(OfferedDiffs(), (std::vector<int>{std::stoi(newest)}));
+		const int version = std::stoi(newest);
+		EXPECT_EQ(Followed(version - 1, version).at("x"), Followed(version, version).at("x"));
+		EXPECT_EQ(Document()["db_list"]["db"]["diff_files"][newest]["file_size"].asUInt64(), fs::file_size(Diff(version)));
+	}
+	/** Publishing again comes to the repository of a publisher that nobody disturbed. */
+	void ExpectRepaired() {
+		if (Document()["db_list"]["db"]["data_version"].asString() == "2") {
+			Publish();
+		} else {
+			options_.data_version = 3;
+			EXPECT_THAT(PublishError(), HasSubstr("published already"));
+			options_.data_version.reset();
+		}
+		auto files = FilesBelow(options_.repository);
+		// What a publisher killed after its document has left is taken away by the next that has something to do.
+		files.erase("packages/db/db_d2.tarn");
+		EXPECT_EQ(files, expected_);
+	}
+
+	std::map<std::string, std::string> expected_;
+};
+
+TEST_F(KilledDiffPublishing, LeavesAWholeStateAtEveryStep) {
+	int step = 0;
+	for (bool killed = true; killed;) {
+		BeginAnew();
+		++step;
+		const pid_t child = fork();
+		if (child == 0) {
+			observer_.step = [left = step](const std::string&, std::uint64_t, std::uint64_t) mutable {
+				if (--left == 0) {
+					raise(SIGKILL);
+				}
+			};
+			Publish();
+			_exit(0);
+		}
+		int status = 0;
+		ASSERT_EQ(waitpid(child, &status, 0), child);
+		killed = WIFSIGNALED(status);
+		ExpectServable();
+		ExpectRepaired();
+	}
+	EXPECT_GT(step, 8) << "fewer moments than there are steps";
+}
+
+TEST_F(KilledDiffPublishing, LeavesAWholeStateAtAnyMoment) {
+	for (int moment = 0; moment < 20; ++moment) {
+		BeginAnew();
+		const pid_t child = fork();
+		if (child == 0) {
+			Publish();
+			_exit(0);
+		}
+		usleep(static_cast<useconds_t>(moment * 3000));
+		kill(child, SIGKILL);
+		int status = 0;
+		ASSERT_EQ(waitpid(child, &status, 0), child);
+		ExpectServable();
+		ExpectRepaired();
+	}
+}
+
+} // namespace
+
+} // namespace tarn::test

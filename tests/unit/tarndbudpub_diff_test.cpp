@@ -1,0 +1,284 @@
+// Diff packages: what they hold, when there is one, and what the document says about them.
+#include "diff_fixture.h"
+#include "signing_key.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+
+namespace tarn::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Kinds = std::map<std::string, std::string>;
+
+class DiffPublishing : public DiffPublisherTest {
+protected:
+	DiffPublishing() {
+		Put("text", "one\n" + Noise(3000, 2));
+		Put("d/same", "same");
+	}
+
+	/** Publishes a small change, which makes a diff package whenever there can be one. */
+	void PublishChange() {
+		Put("text", std::to_string(++changes_) + "\n" + Noise(3000, 2));
+		Publish();
+	}
+	void ExpectRefusal(const std::string& reason) {
+		EXPECT_THAT(warnings_, ElementsAre(HasSubstr(reason)));
+		EXPECT_THAT(OfferedDiffs(), IsEmpty());
+		EXPECT_FALSE(fs::exists(Diff(2)));
+		EXPECT_EQ(Document()["db_list"]["db"]["data_version"].asString(), "2");
+		warnings_.clear();
+	}
+
+	int changes_ = 0;
+};
+
+TEST_F(DiffPublishing, LeadsDevicesToTheNewTree) {
+	Put("gone", "gone");
+	Put("tool", "#!/bin/sh\n");
+	Publish();
+	Put("text", "two\n" + Noise(3000, 2));
+	Put("new/empty", "");
+	Put("new/file", "new");
+	fs::permissions(TreePath("tool"), fs::perms::owner_all);
+	fs::remove(TreePath("gone"));
+	const publisher::PublishResult result = Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"gone", "-"}, {"new/empty", "whole"}, {"new/file", "whole"}, {"text", "vcdiff"},
+	                          {"tool", "whole"}}));
+	ASSERT_TRUE(result.diff);
+	EXPECT_EQ(result.diff->created, 2U);
+	EXPECT_EQ(result.diff->replaced, 1U);
+	EXPECT_EQ(result.diff->patched, 1U);
+	EXPECT_EQ(result.diff->scripted, 0U);
+	EXPECT_EQ(result.diff->deleted, 1U);
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
+TEST_F(DiffPublishing, StandsInTheDocumentWithLinkAndSize) {
+	PublishChange();
+	PublishChange();
+	const Json::Value files = Document()["db_list"]["db"]["diff_files"];
+	EXPECT_EQ(files.getMemberNames(), (std::vector<std::string>{"2"}));
+	EXPECT_EQ(files["2"]["download_link"].asString(), "http://updates.example/base/packages/db/db_d2.tarn");
+	EXPECT_EQ(files["2"]["file_size"].asUInt64(), fs::file_size(Diff(2)));
+	EXPECT_EQ(files["2"].size(), 2U);
+}
+
+TEST_F(DiffPublishing, CarriesNothingThatIsUnchanged) {
+	Publish();
+	Publish();
+	EXPECT_EQ(KindsIn(2), Kinds());
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+}
+
+TEST_F(DiffPublishing, CarriesWholeWhatNoPatchMakesSmaller) {
+	Put("other", Noise(2000, 3));
+	Publish();
+	Put("other", Noise(2000, 4));
+	Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"other", "whole"}}));
+}
+
+TEST_F(DiffPublishing, LeadsAcrossManyVersionsAtOnce) {
+	for (int version = 1; version <= 5; ++version) {
+		Put("v" + std::to_string(version), Noise(100, 7));
+		fs::remove(TreePath("v" + std::to_string(version - 2)));
+		PublishChange();
+	}
+	for (int from = 1; from <= 5; ++from) {
+		EXPECT_EQ(Followed(from, 5), PublishedTree()) << from;
+	}
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(2, 3, 4, 5));
+}
+
+TEST_F(DiffPublishing, KeepsAsManyAsItIsTold) {
+	options_.keep_diffs = 2;
+	for (int version = 1; version <= 4; ++version) {
+		PublishChange();
+	}
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(3, 4));
+	EXPECT_FALSE(fs::exists(Diff(2)));
+	EXPECT_TRUE(fs::exists(Diff(3)));
+	options_.keep_diffs = 0;
+	PublishChange();
+	EXPECT_THAT(OfferedDiffs(), IsEmpty());
+	EXPECT_THAT(RepositoryFiles(), Not(Contains(HasSubstr("_d"))));
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
+TEST_F(DiffPublishing, IsLeftOutAfterAGapAndLeavesNoDiffBelow) {
+	PublishChange();
+	PublishChange();
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(2));
+	options_.data_version = 5;
+	PublishChange();
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("Version 5 has no diff package: devices have version 2")));
+	EXPECT_THAT(OfferedDiffs(), IsEmpty());
+	EXPECT_FALSE(fs::exists(Diff(2)));
+	options_.data_version.reset();
+	PublishChange();
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(6));
+}
+
+TEST_F(DiffPublishing, IsOfOneDocumentAlone) {
+	PublishChange();
+	PublishChange();
+	options_.db_version = "2";
+	PublishChange();
+	EXPECT_THAT(warnings_, IsEmpty());
+	EXPECT_EQ(Document("2")["db_list"]["db"]["diff_files"].size(), 0U);
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(2));
+	EXPECT_TRUE(fs::exists(Diff(2)));
+	PublishChange();
+	EXPECT_EQ(Document("2")["db_list"]["db"]["diff_files"].getMemberNames(), (std::vector<std::string>{"4"}));
+	EXPECT_TRUE(fs::exists(Diff(2)));
+}
+
+TEST_F(DiffPublishing, IsLeftOutWithoutThePackageBefore) {
+	PublishChange();
+	fs::remove(Package(1));
+	PublishChange();
+	ExpectRefusal("db_v1.tarn cannot open");
+}
+
+TEST_F(DiffPublishing, TrustsNoPackageThatAnotherKeySigned) {
+	PublishChange();
+	publisher::GenerateKeyFiles(directory_ / "second");
+	options_.key_file = directory_ / "second.key";
+	PublishChange();
+	ExpectRefusal("db_v1.tarn has no signature by a trusted key");
+	publisher::GenerateKeyFiles(directory_ / "third");
+	options_.key_file = directory_ / "third.key";
+	options_.old_keys = {PublicKey(), directory_ / "second.pub"};
+	PublishChange();
+	EXPECT_THAT(warnings_, IsEmpty());
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(3));
+	options_.old_keys = {options_.key_file};
+	EXPECT_THAT(PublishError(), HasSubstr("third.key: holds no"));
+}
+
+TEST_F(DiffPublishing, TrustsNoPackageInAnotherOnesPlace) {
+	PublishChange();
+	options_.data_version = 1;
+	options_.id = "other";
+	Publish();
+	fs::copy_file(Package(1, "other"), Package(1), fs::copy_options::overwrite_existing);
+	options_.id = "db";
+	options_.data_version.reset();
+	PublishChange();
+	ExpectRefusal("is not the full package of version 1 of db");
+}
+
+TEST_F(DiffPublishing, IsLeftOutWhenTheChainBelowCannotBeRead) {
+	PublishChange();
+	PublishChange();
+	WriteFile(Diff(2), "damaged");
+	PublishChange();
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("db_d2.tarn is not a signed archive")));
+	EXPECT_THAT(OfferedDiffs(), IsEmpty());
+}
+
+TEST_F(DiffPublishing, IsLeftOutWhenItIsNoSmallerThanTheFullPackage) {
+	Publish();
+	fs::remove_all(options_.tree);
+	Put("text", "all new");
+	Publish();
+	ExpectRefusal("no smaller than the full package");
+}
+
+TEST_F(DiffPublishing, IsLeftOutWhereDevicesCouldNotApplyIt) {
+	Put("a/b", "one");
+	Put("a.b", "one");
+	Publish();
+	Put("a/b", "two");
+	Put("a.b", "two");
+	Publish();
+	ExpectRefusal("\"a.b\" and \"a/b\"");
+	Publish();
+	fs::remove_all(TreePath("a"));
+	Put("a", "a file");
+	Publish();
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("\"a\" is a file now and was a directory")));
+}
+
+TEST_F(DiffPublishing, TurnsAFileIntoADirectory) {
+	Put("a", "file");
+	Publish();
+	fs::remove(TreePath("a"));
+	Put("a/b", "file");
+	Publish();
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+}
+
+TEST_F(DiffPublishing, GivesTheSameBytesForTheSameTrees) {
+	ExecuteSql(TreePath("base"), "CREATE TABLE t(a); INSERT INTO t VALUES(1), (2), (3)");
+	for (int i = 0; i < 20; ++i) {
+		Put("f" + std::to_string(i), Noise(500, 5) + std::to_string(i));
+	}
+	Publish();
+	const std::string saved = directory_ / "saved";
+	fs::copy(options_.repository, saved, fs::copy_options::recursive);
+	for (int i = 0; i < 20; ++i) {
+		Put("f" + std::to_string(i), Noise(500, 5) + "changed");
+	}
+	ExecuteSql(TreePath("base"), "UPDATE t SET a = 5 WHERE a = 2");
+	Publish();
+	const std::string first = ReadFile(Diff(2));
+	options_.repository = saved;
+	Publish();
+	EXPECT_EQ(ReadFile(Diff(2)), first);
+}
+
+TEST_F(DiffPublishing, NeedsNoEncoders) {
+	ExecuteSql(TreePath("base"), "CREATE TABLE t(a)");
+	Publish();
+	ExecuteSql(TreePath("base"), "INSERT INTO t VALUES(1)");
+	const std::string path = getenv("PATH");
+	setenv("PATH", directory_.Path().c_str(), 1);
+	PublishChange();
+	setenv("PATH", path.c_str(), 1);
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("xdelta3 is not installed"), HasSubstr("sqldiff is not installed")));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"base", "whole"}, {"text", "whole"}}));
+}
+
+TEST_F(DiffPublishing, IsNotLedAstrayByEncodersOrTheirVariables) {
+	Publish();
+	for (const char* name : {"xdelta3", "sqldiff"}) {
+		const std::string program = (directory_ / "bin/") + name;
+		WriteFile(program, "#!/bin/sh\nfor last; do :; done\necho broken > \"$last\"\n");
+		fs::permissions(program, fs::perms::owner_all);
+	}
+	const std::string path = getenv("PATH");
+	setenv("PATH", (directory_ / "bin").c_str(), 1);
+	PublishChange();
+	setenv("PATH", path.c_str(), 1);
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("\"text\" is carried in another way than vcdiff: the patch")));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"text", "whole"}}));
+	setenv("XDELTA", "-d", 1);
+	PublishChange();
+	unsetenv("XDELTA");
+	EXPECT_EQ(KindsIn(3), (Kinds{{"text", "vcdiff"}}));
+}
+
+TEST_F(DiffPublishing, SaysWhyAnEncoderFailed) {
+	Publish();
+	WriteFile(directory_ / "bin/xdelta3", "#!/bin/sh\necho no room >&2\nexit 3\n");
+	fs::permissions(directory_ / "bin/xdelta3", fs::perms::owner_all);
+	const std::string path = getenv("PATH");
+	setenv("PATH", (directory_ / "bin").c_str(), 1);
+	PublishChange();
+	setenv("PATH", path.c_str(), 1);
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("xdelta3 failed with status 3: no room")));
+}
+
+} // namespace
+
+} // namespace tarn::test

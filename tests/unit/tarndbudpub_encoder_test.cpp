@@ -1,0 +1,210 @@
+// Single patches: their header, and the choice between ways by size.
+#include "compressed_size.h"
+#include "diff_fixture.h"
+#include "file_encoder.h"
+#include "parallel.h"
+#include "program.h"
+#include "script_encoder.h"
+#include "sqlite_content.h"
+#include "tarndbudvcdiff/decode.h"
+#include "vcdiff_encoder.h"
+#include "work_directory.h"
+
+#include <gmock/gmock.h>
+#include <xxhash.h>
+
+#include <sys/stat.h>
+
+#include <atomic>
+
+namespace tarn::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+using publisher::PatchKind;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+/** The text of what a function throws; empty when it throws nothing. */
+template<typename Function>
+std::string ErrorOf(const Function& function) {
+	try {
+		function();
+		return "";
+	} catch (const std::exception& error) {
+		return error.what();
+	}
+}
+
+class Encoding : public ::testing::Test {
+protected:
+	Encoding() {
+		fs::create_directory(directory_ / "scratch");
+		encoders_ = {publisher::FindProgram("xdelta3"), publisher::FindProgram("sqldiff"), 12};
+	}
+
+	publisher::TreeFile File(const std::string& name, bool executable = false) const {
+		return {name, directory_ / name, fs::file_size(directory_ / name), executable};
+	}
+	publisher::EncodedFile Encode(const publisher::TreeFile& before, const publisher::TreeFile& after) {
+		task_.change = {"name", before, after};
+		return publisher::EncodeFile(task_, encoders_, directory_ / "scratch");
+	}
+	void EncodePatch(const std::string& before, const std::string& after) const {
+		publisher::EncodeVcdiff(*encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch",
+		    directory_ / "scratch");
+	}
+
+	TemporaryDirectory directory_;
+	publisher::Encoders encoders_;
+	publisher::EncodingTask task_;
+};
+
+TEST_F(Encoding, StatesSizesAndChecksumInThePatch) {
+	WriteFile(directory_ / "before", Noise(5000, 1));
+	const std::string after = Noise(5000, 1) + "more";
+	WriteFile(directory_ / "after", after);
+	EncodePatch("before", "after");
+	XXH128_canonical_t hash;
+	XXH128_canonicalFromHash(&hash, XXH3_128bits(after.data(), after.size()));
+	std::ostringstream header;
+	header << "TARNVCD1 5000 5004 " << std::hex << std::setfill('0');
+	for (const unsigned char byte : hash.digest) {
+		header << std::setw(2) << static_cast<unsigned>(byte);
+	}
+	EXPECT_THAT(ReadFile(directory_ / "patch"), HasSubstr(header.str()));
+}
+
+TEST_F(Encoding, FindsContentThatMovedAnywhereInTheFile) {
+	const std::string first = Noise(3'000'000, 1);
+	const std::string second = Noise(3'000'000, 2);
+	WriteFile(directory_ / "before", first + second);
+	WriteFile(directory_ / "after", second + first);
+	EncodePatch("before", "after");
+	EXPECT_LT(fs::file_size(directory_ / "patch"), 1000U);
+}
+
+TEST_F(Encoding, PatchesCompressedFilesAsTheyAre) {
+	const std::string gzip = std::string("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", 10) + Noise(2000, 3);
+	WriteFile(directory_ / "before", gzip);
+	WriteFile(directory_ / "after", gzip + "x");
+	EncodePatch("before", "after");
+	vcdiff::DecodeFile(directory_ / "before", directory_ / "decoded", directory_ / "patch");
+	EXPECT_EQ(ReadFile(directory_ / "decoded"), gzip + "x");
+}
+
+TEST_F(Encoding, ChoosesTheSmallestByCompressedSize) {
+	task_.may_patch = true;
+	WriteFile(directory_ / "before", Noise(5000, 1));
+	WriteFile(directory_ / "after", Noise(5000, 1) + "more");
+	EXPECT_EQ(Encode(File("before"), File("after")).kind, PatchKind::kVcdiff);
+	WriteFile(directory_ / "zeros", std::string(100'000, 'z'));
+	const publisher::EncodedFile whole = Encode(File("before"), File("zeros"));
+	EXPECT_EQ(whole.kind, PatchKind::kWhole);
+	EXPECT_EQ(whole.input, directory_ / "zeros");
+	EXPECT_THAT(whole.warning, IsEmpty());
+}
+
+TEST_F(Encoding, TakesWholeFilesWhereDevicesNeedThem) {
+	task_.may_patch = true;
+	WriteFile(directory_ / "before", Noise(5000, 1));
+	WriteFile(directory_ / "after", Noise(5000, 1) + "more");
+	WriteFile(directory_ / "empty", "");
+	EXPECT_EQ(Encode(File("before"), File("after", true)).kind, PatchKind::kWhole);
+	EXPECT_EQ(Encode(File("empty"), File("after")).kind, PatchKind::kWhole);
+	EXPECT_EQ(Encode(File("before"), File("empty")).kind, PatchKind::kWhole);
+	task_.may_patch = false;
+	EXPECT_EQ(Encode(File("before"), File("after")).kind, PatchKind::kWhole);
+}
+
+TEST_F(Encoding, TriesScriptsOnTheFileThatDevicesHave) {
+	const std::string table = "CREATE TABLE t(a UNIQUE);";
+	ExecuteSql(directory_ / "before", table + "INSERT INTO t VALUES(1), (2)");
+	ExecuteSql(directory_ / "after", table + "INSERT INTO t VALUES(1), (5)");
+	ExecuteSql(directory_ / "lineage", table + "INSERT INTO t VALUES(1), (2), (7)");
+	const auto encode = [this](const std::string& lineage) {
+		publisher::EncodeScript(*encoders_.script, {directory_ / "before", directory_ / "after", lineage},
+		    directory_ / "script", directory_ / "scratch");
+	};
+	EXPECT_EQ(ErrorOf([&] { encode(""); }), "");
+	EXPECT_EQ(ReadFile(directory_ / "script"), "UPDATE t SET a=5 WHERE rowid=2;\n");
+	EXPECT_THAT(ErrorOf([&] { encode(directory_ / "lineage"); }), HasSubstr("on devices that came by scripts"));
+	EXPECT_EQ(FilesBelow(directory_ / "scratch").size(), 1U) << "only what the encoder complained about";
+}
+
+TEST_F(Encoding, RefusesAScriptThatCannotBeExecuted) {
+	const std::string table = "CREATE TABLE t(a UNIQUE);";
+	ExecuteSql(directory_ / "before", table + "INSERT INTO t VALUES(1), (2)");
+	ExecuteSql(directory_ / "after", table + "INSERT INTO t VALUES(2), (1)"); // in no order of rows
+	EXPECT_THAT(ErrorOf([this] {
+		publisher::EncodeScript(*encoders_.script, {directory_ / "before", directory_ / "after", ""},
+		    directory_ / "script", directory_ / "scratch");
+	}),
+	    HasSubstr("UNIQUE constraint failed"));
+}
+
+TEST_F(Encoding, MeasuresAsPackagesCompress) {
+	WriteFile(directory_ / "zeros", std::string(1'000'000, 'z'));
+	WriteFile(directory_ / "noise", Noise(1'000'000, 9));
+	EXPECT_LT(publisher::CompressedSizeBelow(UINT64_MAX, directory_ / "zeros", 12).value(), 1000U);
+	EXPECT_GT(publisher::CompressedSizeBelow(UINT64_MAX, directory_ / "noise", 12).value(), 999'000U);
+	EXPECT_EQ(publisher::CompressedSizeBelow(1000, directory_ / "noise", 12), std::nullopt);
+	WriteFile(directory_ / "empty", "");
+	EXPECT_TRUE(publisher::CompressedSizeBelow(100, directory_ / "empty", 12).has_value());
+}
+
+TEST(Program, GetsAnEnvironmentOfItsOwn) {
+	const TemporaryDirectory directory;
+	setenv("XDELTA", "-x", 1);
+	publisher::RunProgram("/usr/bin/env", {}, directory / "output", directory / "errors");
+	unsetenv("XDELTA");
+	EXPECT_EQ(ReadFile(directory / "output"), "PATH=/usr/bin:/bin\nLC_ALL=C\n");
+}
+
+TEST(Program, SaysHowItFailed) {
+	const TemporaryDirectory directory;
+	const auto run = [&](const std::string& program, const std::string& script) {
+		return ErrorOf(
+		    [&] { publisher::RunProgram(program, {"-c", script}, directory / "output", directory / "errors"); });
+	};
+	EXPECT_EQ(run("/bin/sh", "echo 'no\x1b' >&2; echo more >&2; exit 7"), "/bin/sh failed with status 7: no\\x1b");
+	EXPECT_THAT(run("/bin/sh", "kill -9 $$"), HasSubstr("was killed by signal 9"));
+	EXPECT_THAT(run("/missing", ""), HasSubstr("/missing could not be run: No such file or directory"));
+}
+
+TEST(Parallel, DoesEverythingOnceAndCarriesErrors) {
+	std::array<std::atomic<int>, 100> done = {};
+	std::vector<std::size_t> order;
+	for (std::size_t i = done.size(); i > 0; --i) {
+		order.push_back(i - 1);
+	}
+	std::size_t finished = 0;
+	publisher::DoInParallel(order, [&](std::size_t index) { ++done.at(index); }, [&](std::size_t count) {
+		EXPECT_EQ(count, ++finished);
+	});
+	EXPECT_EQ(finished, done.size());
+	EXPECT_TRUE(std::all_of(done.begin(), done.end(), [](const std::atomic<int>& count) { return count == 1; }));
+	EXPECT_EQ(ErrorOf([&] {
+		publisher::DoInParallel(order, [](std::size_t) { throw std::runtime_error("broken"); }, [](std::size_t) {});
+	}),
+	    "broken");
+	publisher::DoInParallel({}, [](std::size_t) { FAIL(); }, [](std::size_t) { FAIL(); });
+}
+
+TEST(WorkDirectoryTest, IsPrivateAndGoesWithTheObject) {
+	const TemporaryDirectory repository;
+	{
+		const publisher::WorkDirectory work(repository.Path());
+		struct stat status {};
+		ASSERT_EQ(stat((work / ".").c_str(), &status), 0);
+		EXPECT_EQ(status.st_mode & 07777U, 0700U);
+		WriteFile(work.Make("a/b") + "/file", "content");
+		EXPECT_EQ(FilesBelow(repository.Path()).size(), 1U);
+	}
+	EXPECT_TRUE(fs::is_empty(repository.Path()));
+}
+
+} // namespace
+
+} // namespace tarn::test

@@ -1,0 +1,200 @@
+// Databases that are changed by SQL scripts, whose bytes differ between devices from then on.
+#include "diff_fixture.h"
+#include "sqlite_content.h"
+
+#include <gmock/gmock.h>
+
+namespace tarn::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Kinds = std::map<std::string, std::string>;
+
+class ScriptChain : public DiffPublisherTest {
+protected:
+	ScriptChain() {
+		Sql("db", "CREATE TABLE t(i INTEGER PRIMARY KEY, a TEXT, b); CREATE TABLE u(x); CREATE INDEX n ON t(a);"
+		          "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 500)"
+		          "INSERT INTO t SELECT i, 'row ' || (i * 7919 % 1000), i FROM c; INSERT INTO u VALUES(1), (2);");
+	}
+
+	/** Changes rows all over the file, so that a script is smaller than a patch. */
+	void ChangeRows(int seed) {
+		Sql("db", "UPDATE t SET a = 'changed ' || " + std::to_string(seed) + " WHERE i % 50 = " + std::to_string(seed % 50));
+	}
+	/** A device that came from one version to another by diff packages has the published content. */
+	void ExpectContent(int from, int to, const std::string& name = "db") const {
+		DeviceTree device(PublicKey());
+		device.Install(Package(from));
+		for (int version = from + 1; version <= to; ++version) {
+			device.Update({Diff(version)});
+		}
+		EXPECT_EQ(publisher::FindContentDifference(device.Path(name), TreePath(name)), std::nullopt) << from;
+	}
+};
+
+TEST_F(ScriptChain, GivesEveryDeviceThePublishedContent) {
+	Publish();
+	for (int version = 2; version <= 4; ++version) {
+		ChangeRows(version);
+		EXPECT_EQ(Publish().diff->scripted, 1U);
+		EXPECT_EQ(KindsIn(version), (Kinds{{"db", "sql"}}));
+	}
+	for (int from = 1; from <= 3; ++from) {
+		ExpectContent(from, 4);
+	}
+	EXPECT_EQ(MetadataOf(4)["scripted_files"][0], Json::Value("db"));
+	EXPECT_NE(Followed(1, 4), PublishedTree()) << "else nothing here has been tested";
+}
+
+TEST_F(ScriptChain, NeverPatchesAScriptedFileByBytes) {
+	Publish();
+	ChangeRows(1);
+	Publish();
+	Sql("db", "CREATE INDEX m ON u(x)"); // no script can do that
+	Publish();
+	EXPECT_EQ(KindsIn(3), (Kinds{{"db", "whole"}}));
+	EXPECT_EQ(Followed(1, 3), PublishedTree());
+	EXPECT_FALSE(MetadataOf(3).isMember("scripted_files"));
+}
+
+TEST_F(ScriptChain, RemembersAScriptedFileWhileItIsUnchanged) {
+	Publish();
+	ChangeRows(1);
+	Publish();
+	Put("other", "new");
+	Publish();
+	EXPECT_EQ(MetadataOf(3)["scripted_files"][0], Json::Value("db"));
+	Sql("db", "CREATE INDEX m ON u(x)");
+	Publish();
+	EXPECT_EQ(KindsIn(4), (Kinds{{"db", "whole"}}));
+}
+
+TEST_F(ScriptChain, RemembersAScriptedFileWhenItsPackageIsDropped) {
+	options_.keep_diffs = 1;
+	Publish();
+	ChangeRows(1);
+	Publish();
+	Put("other", "new");
+	Publish();
+	Sql("db", "CREATE INDEX m ON u(x)");
+	Publish();
+	EXPECT_EQ(KindsIn(4), (Kinds{{"db", "whole"}}));
+}
+
+TEST_F(ScriptChain, StaysWithPatchesOnceItHasBegunWithThem) {
+	Publish();
+	Sql("db", "PRAGMA user_version = 3");
+	Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "vcdiff"}}));
+	EXPECT_EQ(MetadataOf(2)["patched_databases"][0], Json::Value("db"));
+	ChangeRows(2);
+	Publish();
+	EXPECT_EQ(KindsIn(3), (Kinds{{"db", "vcdiff"}}));
+	EXPECT_EQ(Followed(1, 3), PublishedTree());
+}
+
+TEST_F(ScriptChain, ChoosesAnewAfterAVersionWithoutDiff) {
+	Publish();
+	Sql("db", "PRAGMA user_version = 3");
+	Publish();
+	options_.data_version = 9;
+	Publish();
+	options_.data_version.reset();
+	warnings_.clear();
+	ChangeRows(1);
+	Publish();
+	EXPECT_EQ(KindsIn(10), (Kinds{{"db", "sql"}}));
+	options_.data_version = 20;
+	Publish();
+	options_.data_version.reset();
+	Sql("db", "PRAGMA user_version = 4");
+	Publish();
+	EXPECT_EQ(KindsIn(21), (Kinds{{"db", "vcdiff"}})) << "all devices have the bytes of version 20";
+}
+
+TEST_F(ScriptChain, KeepsTextsWithLineBreaks) {
+	Publish();
+	Sql("db", "UPDATE t SET a = 'one' || char(10) || 'two;' || char(13, 10) || '''' WHERE i % 40 = 0;"
+	          "INSERT INTO u VALUES(char(10)), (x'0a')");
+	Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "sql"}}));
+	ExpectContent(1, 2);
+}
+
+TEST_F(ScriptChain, UsesNoScriptThatLosesContent) {
+	Publish();
+	Sql("db", "UPDATE t SET b = 0.1 + 0.2 WHERE i = 5"); // the script's author writes fifteen digits
+	Publish();
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("\"db\" is carried in another way than sql")));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "vcdiff"}}));
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+}
+
+TEST_F(ScriptChain, WorksInWalMode) {
+	Sql("db", "PRAGMA journal_mode = WAL");
+	Publish();
+	for (int version = 2; version <= 3; ++version) {
+		ChangeRows(version);
+		Publish();
+		EXPECT_EQ(KindsIn(version), (Kinds{{"db", "sql"}}));
+	}
+	ExpectContent(1, 3);
+	ExpectContent(2, 3);
+	EXPECT_FALSE(fs::exists(TreePath("db-shm")));
+}
+
+TEST_F(ScriptChain, UsesNoScriptBesideAJournal) {
+	Put("db-journal", "");
+	Publish();
+	ChangeRows(1);
+	Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "vcdiff"}}));
+}
+
+TEST_F(ScriptChain, ReplacesAScriptedFileWhenAJournalComesToIt) {
+	Publish();
+	ChangeRows(1);
+	Publish();
+	Put("db-wal", "pages that fit the published bytes alone");
+	Publish();
+	EXPECT_EQ(KindsIn(3), (Kinds{{"db", "whole"}, {"db-wal", "whole"}}));
+	EXPECT_EQ(Followed(1, 3), PublishedTree());
+}
+
+TEST_F(ScriptChain, ReplaysScriptsFromTheFileThatTheyBeganWith) {
+	Publish();
+	ChangeRows(1);
+	Publish(); // script
+	Sql("db", "CREATE TABLE v(y)");
+	Publish(); // whole
+	ChangeRows(2);
+	Sql("db", "INSERT INTO v VALUES('new')");
+	Publish(); // script again
+	ChangeRows(3);
+	Publish();
+	EXPECT_EQ(KindsIn(5), (Kinds{{"db", "sql"}}));
+	for (int from = 1; from <= 4; ++from) {
+		ExpectContent(from, 5);
+	}
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
+TEST_F(ScriptChain, GoesOnWithoutTheFullPackageThatItBeganWith) {
+	Publish();
+	ChangeRows(1);
+	Publish();
+	fs::remove(Package(1));
+	ChangeRows(2);
+	Publish();
+	EXPECT_EQ(KindsIn(3), (Kinds{{"db", "sql"}}));
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
+} // namespace
+
+} // namespace tarn::test

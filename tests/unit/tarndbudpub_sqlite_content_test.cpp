@@ -1,0 +1,124 @@
+// Which databases hold the same, and which may be changed by scripts.
+#include "diff_fixture.h"
+#include "sqlite_content.h"
+
+#include <gmock/gmock.h>
+
+namespace tarn::test {
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Optional;
+
+class SqliteContent : public ::testing::Test {
+protected:
+	std::string Database(const std::string& name, const std::string& sql) const {
+		ExecuteSql(directory_ / name, sql);
+		return directory_ / name;
+	}
+	std::optional<std::string> Difference(const std::string& left, const std::string& right) const {
+		++pairs_;
+		const std::string number = std::to_string(pairs_);
+		return publisher::FindContentDifference(Database(number + "l", left), Database(number + "r", right));
+	}
+	std::optional<std::string> Obstacle(const std::string& before, const std::string& after) const {
+		++pairs_;
+		const std::string number = std::to_string(pairs_);
+		return publisher::FindScriptObstacle(Database(number + "b", before), Database(number + "a", after));
+	}
+
+	TemporaryDirectory directory_;
+	mutable int pairs_ = 0;
+};
+
+constexpr const char* kTable = "CREATE TABLE t(a, b);";
+
+TEST_F(SqliteContent, IsTheSameHoweverPagesLie) {
+	const std::string rows = "INSERT INTO t VALUES(1, 'x'), (2, x'00ff'), (3, NULL), (4, 1.5);";
+	EXPECT_EQ(Difference(kTable + rows, kTable + rows), std::nullopt);
+	EXPECT_EQ(Difference(std::string(kTable) + "INSERT INTO t VALUES(9, zeroblob(50000)); DELETE FROM t;" + rows,
+	              kTable + rows),
+	    std::nullopt);
+}
+
+TEST_F(SqliteContent, DiffersInEveryValueTypeAndRowId) {
+	const auto row = [](const std::string& value) {
+		return kTable + std::string("INSERT INTO t(rowid, a, b) VALUES(") + value + ", 0);";
+	};
+	EXPECT_THAT(Difference(row("1, 1"), row("1, 2")), Optional(HasSubstr("table t")));
+	EXPECT_NE(Difference(row("1, 1"), row("1, 1.0")), std::nullopt);
+	EXPECT_NE(Difference(row("1, 'a'"), row("1, x'61'")), std::nullopt);
+	EXPECT_NE(Difference(row("1, 0.3"), row("1, 0.1 + 0.2")), std::nullopt);
+	EXPECT_NE(Difference(row("1, NULL"), row("1, ''")), std::nullopt);
+	EXPECT_NE(Difference(row("1, 'a' || char(0) || 'b'"), row("1, 'a' || char(0) || 'c'")), std::nullopt);
+	EXPECT_NE(Difference(row("1, 1"), row("2, 1")), std::nullopt);
+	EXPECT_NE(Difference(row("1, 1"), kTable), std::nullopt);
+	EXPECT_NE(Difference(kTable, row("1, 1")), std::nullopt);
+}
+
+TEST_F(SqliteContent, IncludesTablesWithoutRowIdsAndThoseOfSqliteItself) {
+	const std::string table = "CREATE TABLE w(k TEXT PRIMARY KEY, v) WITHOUT ROWID;";
+	EXPECT_NE(Difference(table + "INSERT INTO w VALUES('a', 1);", table + "INSERT INTO w VALUES('a', 2);"), std::nullopt);
+	const std::string counted = "CREATE TABLE c(i INTEGER PRIMARY KEY AUTOINCREMENT);";
+	EXPECT_THAT(Difference(counted + "INSERT INTO c VALUES(5); DELETE FROM c;", counted), Optional(HasSubstr("sqlite_sequence")));
+	EXPECT_NE(Difference(kTable, std::string(kTable) + "CREATE INDEX i ON t(a);"), std::nullopt);
+}
+
+TEST_F(SqliteContent, IsReadWithoutTouchingTheDirectory) {
+	const std::string sql = std::string("PRAGMA journal_mode = WAL;") + kTable;
+	const std::string left = Database("left?#%41", sql);
+	const std::string right = Database("right", sql);
+	const auto files = FilesBelow(directory_.Path());
+	EXPECT_EQ(publisher::FindContentDifference(left, right), std::nullopt);
+	EXPECT_EQ(publisher::FindScriptObstacle(left, right), std::nullopt);
+	EXPECT_EQ(FilesBelow(directory_.Path()), files);
+	EXPECT_EQ(files.size(), 2U);
+}
+
+TEST_F(SqliteContent, IsToldWhenItCannotBeRead) {
+	const std::string sound = Database("sound", std::string(kTable) + "INSERT INTO t VALUES(1, zeroblob(100000));");
+	std::string bytes = ReadFile(sound);
+	bytes.resize(8192);
+	WriteFile(directory_ / "short", bytes);
+	EXPECT_THAT(publisher::FindContentDifference(sound, directory_ / "short"), Optional(HasSubstr("cannot be compared")));
+}
+
+TEST_F(SqliteContent, MayChangeByScriptWhenOnlyRowsDiffer) {
+	EXPECT_EQ(Obstacle(kTable, std::string(kTable) + "INSERT INTO t VALUES(1, zeroblob(90000));"), std::nullopt);
+}
+
+TEST_F(SqliteContent, MayNotChangeByScriptWhenMoreThanRowsDiffers) {
+	const std::string table = kTable;
+	EXPECT_THAT(Obstacle(table, table + "CREATE INDEX i ON t(a);"), Optional(HasSubstr("schema")));
+	EXPECT_THAT(Obstacle(table, "PRAGMA page_size = 8192;" + table), Optional(HasSubstr("page size")));
+	EXPECT_THAT(Obstacle(table, "PRAGMA journal_mode = WAL;" + table), Optional(HasSubstr("journal mode")));
+	EXPECT_THAT(Obstacle(table, "PRAGMA auto_vacuum = FULL;" + table), Optional(HasSubstr("auto vacuum")));
+	EXPECT_THAT(Obstacle(table, "PRAGMA user_version = 2;" + table), Optional(HasSubstr("user version")));
+	EXPECT_THAT(Obstacle(table, "PRAGMA application_id = 2;" + table), Optional(HasSubstr("application id")));
+	EXPECT_THAT(Obstacle(table, "PRAGMA encoding = 'UTF-16le';" + table), Optional(HasSubstr("text encoding")));
+}
+
+TEST_F(SqliteContent, MayNotChangeByScriptWhereStatementsDoMoreThanTheySay) {
+	const auto both = [this](const std::string& sql) { return Obstacle(sql, sql); };
+	const std::string table = kTable;
+	EXPECT_THAT(both(table + "CREATE TRIGGER g AFTER INSERT ON t BEGIN DELETE FROM t; END;"), Optional(HasSubstr("triggers")));
+	EXPECT_THAT(both("CREATE VIRTUAL TABLE v USING fts5(a);"), Optional(HasSubstr("virtual tables")));
+	EXPECT_THAT(both("CREATE TABLE g(a, b AS (a + 1));"), Optional(HasSubstr("generated columns")));
+	EXPECT_THAT(both("CREATE TABLE h(rowid, oid, _rowid_);"), Optional(HasSubstr("row ids")));
+	EXPECT_THAT(both("PRAGMA encoding = 'UTF-16le';" + table), Optional(HasSubstr("UTF-8")));
+	EXPECT_EQ(both("CREATE TABLE h(rowid, oid);"), std::nullopt);
+}
+
+TEST_F(SqliteContent, IsToldFromOtherFiles) {
+	EXPECT_TRUE(publisher::IsSqliteFile(Database("d", kTable)));
+	WriteFile(directory_ / "text", "SQLite format 3");
+	WriteFile(directory_ / "empty", "");
+	EXPECT_FALSE(publisher::IsSqliteFile(directory_ / "text"));
+	EXPECT_FALSE(publisher::IsSqliteFile(directory_ / "empty"));
+	EXPECT_THAT(publisher::FindScriptObstacle(directory_ / "d", directory_ / "text"), Optional(HasSubstr("no database")));
+}
+
+} // namespace
+
+} // namespace tarn::test
