@@ -74,11 +74,12 @@ private:
 			fs::remove(path);
 			return;
 		case 1:
-			WriteFile(path, Noise(static_cast<std::size_t>(Below(3000)), random_()));
+			WriteFile(path, Noise(static_cast<std::size_t>(Below(3000)), static_cast<unsigned>(random_())));
 			return;
 		case 2:
 			if (exists) {
-				fs::permissions(path, fs::perms::owner_exec, Below(2) > 0 ? fs::perm_options::add : fs::perm_options::remove);
+				fs::permissions(
+				    path, fs::perms::owner_exec, Below(2) > 0 ? fs::perm_options::add : fs::perm_options::remove);
 			}
 			return;
 		default:
@@ -95,13 +96,15 @@ protected:
 	static constexpr int kVersions = 8;
 
 	/** Compares a device with a version: the bytes, or the content where scripts have changed a file. */
-	void ExpectVersion(const DeviceTree& device, int version, const std::set<std::string>& scripted, const std::string& how) {
+	void ExpectVersion(
+	    const DeviceTree& device, int version, const std::set<std::string>& scripted, const std::string& how) {
 		DeviceTree expected(PublicKey());
 		expected.Install(Package(version));
 		std::map<std::string, std::string> want = expected.Files();
 		std::map<std::string, std::string> have = device.Files();
 		for (const std::string& name : scripted) {
-			EXPECT_EQ(publisher::FindContentDifference(device.Path(name), expected.Path(name)), std::nullopt) << name << how;
+			EXPECT_EQ(publisher::FindContentDifference(device.Path(name), expected.Path(name)), std::nullopt)
+			    << name << how;
 			want.erase(name);
 			have.erase(name);
 		}
@@ -109,7 +112,8 @@ protected:
 	}
 	std::set<std::string> ScriptedAfter(int version) const {
 		std::set<std::string> names;
-		for (const Json::Value& name : MetadataOf(version)["scripted_files"]) {
+		const Json::Value metadata = MetadataOf(version);
+		for (const Json::Value& name : metadata["scripted_files"]) {
 			names.insert(name.asString());
 		}
 		return names;
@@ -156,7 +160,7 @@ TEST_P(ChainProperty, ChangesKindsOnlyThroughWholeFiles) {
 	}
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ChainProperty, ::testing::Range(1U, 6U));
+INSTANTIATE_TEST_SUITE_P(Seeds, ChainProperty, ::testing::Range(1U, 4U));
 
 } // namespace
 

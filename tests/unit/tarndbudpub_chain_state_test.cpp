@@ -108,19 +108,24 @@ TEST(NameConflict, IsTwoNamesOfOneWorkingCopy) {
 	EXPECT_THAT(publisher::FindNameConflict({Change("a.b", true, true), Change("a/b", true, true)}, before, {}),
 	    Optional(HasSubstr("\"a.b\" and \"a/b\"")));
 	EXPECT_THAT(publisher::FindNameConflict({Change("a.b", true, true)}, before, {"a/b"}), Optional(HasSubstr("a/b")));
-	EXPECT_EQ(publisher::FindNameConflict({Change("a.b", true, true), Change("c", true, true)}, before, {"a.b"}), std::nullopt);
+	EXPECT_EQ(publisher::FindNameConflict({Change("a.b", true, true), Change("c", true, true)}, before, {"a.b"}),
+	    std::nullopt);
 }
 
 TEST(NameConflict, IsAFileWhereADirectoryWas) {
-	EXPECT_THAT(publisher::FindNameConflict({Change("a", false, true), Change("a/b/c", true, false)}, TreeOf({"a/b/c"}), {}),
+	EXPECT_THAT(
+	    publisher::FindNameConflict({Change("a", false, true), Change("a/b/c", true, false)}, TreeOf({"a/b/c"}), {}),
 	    Optional(HasSubstr("\"a\" is a file now")));
-	EXPECT_THAT(publisher::FindNameConflict({Change("a/b", false, true)}, TreeOf({"d"}), {"a/b/c"}), Optional(HasSubstr("a/b")));
-	EXPECT_EQ(publisher::FindNameConflict({Change("a", true, false), Change("a/b", false, true)}, TreeOf({"a"}), {"a"}), std::nullopt);
+	EXPECT_THAT(publisher::FindNameConflict({Change("a/b", false, true)}, TreeOf({"d"}), {"a/b/c"}),
+	    Optional(HasSubstr("a/b")));
+	EXPECT_EQ(publisher::FindNameConflict({Change("a", true, false), Change("a/b", false, true)}, TreeOf({"a"}), {"a"}),
+	    std::nullopt);
 }
 
 TEST(NameConflict, IsANameTooLongForAWorkingCopy) {
 	const std::string name = std::string(200, 'd') + "/" + std::string(100, 'f');
-	EXPECT_THAT(publisher::FindNameConflict({Change(name, true, true)}, TreeOf({name}), {}), Optional(HasSubstr("longer than")));
+	EXPECT_THAT(publisher::FindNameConflict({Change(name, true, true)}, TreeOf({name}), {}),
+	    Optional(HasSubstr("longer than")));
 	EXPECT_EQ(publisher::FindNameConflict({Change(name, true, false)}, TreeOf({name}), {}), std::nullopt);
 }
 

@@ -47,7 +47,8 @@ protected:
 		EXPECT_EQ(OfferedDiffs(), (std::vector<int>{std::stoi(newest)}));
 		const int version = std::stoi(newest);
 		EXPECT_EQ(Followed(version - 1, version).at("x"), Followed(version, version).at("x"));
-		EXPECT_EQ(Document()["db_list"]["db"]["diff_files"][newest]["file_size"].asUInt64(), fs::file_size(Diff(version)));
+		EXPECT_EQ(
+		    Document()["db_list"]["db"]["diff_files"][newest]["file_size"].asUInt64(), fs::file_size(Diff(version)));
 	}
 	/** Publishing again comes to the repository of a publisher that nobody disturbed. */
 	void ExpectRepaired() {
@@ -92,14 +93,14 @@ TEST_F(KilledDiffPublishing, LeavesAWholeStateAtEveryStep) {
 }
 
 TEST_F(KilledDiffPublishing, LeavesAWholeStateAtAnyMoment) {
-	for (int moment = 0; moment < 20; ++moment) {
+	for (int moment = 0; moment < 8; ++moment) {
 		BeginAnew();
 		const pid_t child = fork();
 		if (child == 0) {
 			Publish();
 			_exit(0);
 		}
-		usleep(static_cast<useconds_t>(moment * 3000));
+		usleep(static_cast<useconds_t>(moment * 8000));
 		kill(child, SIGKILL);
 		int status = 0;
 		ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -50,8 +50,8 @@ TEST_F(DiffPublishing, LeadsDevicesToTheNewTree) {
 	fs::permissions(TreePath("tool"), fs::perms::owner_all);
 	fs::remove(TreePath("gone"));
 	const publisher::PublishResult result = Publish();
-	EXPECT_EQ(KindsIn(2), (Kinds{{"gone", "-"}, {"new/empty", "whole"}, {"new/file", "whole"}, {"text", "vcdiff"},
-	                          {"tool", "whole"}}));
+	EXPECT_EQ(KindsIn(2),
+	    (Kinds{{"gone", "-"}, {"new/empty", "whole"}, {"new/file", "whole"}, {"text", "vcdiff"}, {"tool", "whole"}}));
 	ASSERT_TRUE(result.diff);
 	EXPECT_EQ(result.diff->created, 2U);
 	EXPECT_EQ(result.diff->replaced, 1U);
@@ -182,7 +182,7 @@ TEST_F(DiffPublishing, IsLeftOutWhenTheChainBelowCannotBeRead) {
 	PublishChange();
 	WriteFile(Diff(2), "damaged");
 	PublishChange();
-	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("db_d2.tarn is not a signed archive")));
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("db_d2.tarn is too short for a signed archive")));
 	EXPECT_THAT(OfferedDiffs(), IsEmpty());
 }
 

@@ -11,9 +11,9 @@
 #include "work_directory.h"
 
 #include <gmock/gmock.h>
-#include <xxhash.h>
 
 #include <sys/stat.h>
+#include <xxhash.h>
 
 #include <atomic>
 
@@ -52,8 +52,8 @@ protected:
 		return publisher::EncodeFile(task_, encoders_, directory_ / "scratch");
 	}
 	void EncodePatch(const std::string& before, const std::string& after) const {
-		publisher::EncodeVcdiff(*encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch",
-		    directory_ / "scratch");
+		publisher::EncodeVcdiff(
+		    *encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch", directory_ / "scratch");
 	}
 
 	TemporaryDirectory directory_;
@@ -165,8 +165,9 @@ TEST(Program, GetsAnEnvironmentOfItsOwn) {
 TEST(Program, SaysHowItFailed) {
 	const TemporaryDirectory directory;
 	const auto run = [&](const std::string& program, const std::string& script) {
-		return ErrorOf(
-		    [&] { publisher::RunProgram(program, {"-c", script}, directory / "output", directory / "errors"); });
+		return ErrorOf([&] {
+			publisher::RunProgram(program, {"-c", script}, directory / "output", directory / "errors");
+		});
 	};
 	EXPECT_EQ(run("/bin/sh", "echo 'no\x1b' >&2; echo more >&2; exit 7"), "/bin/sh failed with status 7: no\\x1b");
 	EXPECT_THAT(run("/bin/sh", "kill -9 $$"), HasSubstr("was killed by signal 9"));
@@ -180,16 +181,17 @@ TEST(Parallel, DoesEverythingOnceAndCarriesErrors) {
 		order.push_back(i - 1);
 	}
 	std::size_t finished = 0;
-	publisher::DoInParallel(order, [&](std::size_t index) { ++done.at(index); }, [&](std::size_t count) {
-		EXPECT_EQ(count, ++finished);
-	});
+	publisher::DoInParallel(
+	    order, [&](std::size_t index) { ++done.at(index); }, [&](std::size_t count) { EXPECT_EQ(count, ++finished); });
 	EXPECT_EQ(finished, done.size());
 	EXPECT_TRUE(std::all_of(done.begin(), done.end(), [](const std::atomic<int>& count) { return count == 1; }));
 	EXPECT_EQ(ErrorOf([&] {
-		publisher::DoInParallel(order, [](std::size_t) { throw std::runtime_error("broken"); }, [](std::size_t) {});
+		publisher::DoInParallel(
+		    order, [](std::size_t) { throw std::runtime_error("broken"); }, [](std::size_t) {});
 	}),
 	    "broken");
-	publisher::DoInParallel({}, [](std::size_t) { FAIL(); }, [](std::size_t) { FAIL(); });
+	publisher::DoInParallel(
+	    {}, [](std::size_t) { FAIL(); }, [](std::size_t) { FAIL(); });
 }
 
 TEST(WorkDirectoryTest, IsPrivateAndGoesWithTheObject) {

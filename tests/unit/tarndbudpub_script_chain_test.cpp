@@ -22,9 +22,11 @@ protected:
 		          "INSERT INTO t SELECT i, 'row ' || (i * 7919 % 1000), i FROM c; INSERT INTO u VALUES(1), (2);");
 	}
 
-	/** Changes rows all over the file, so that a script is smaller than a patch. */
+	/** Changes rows all over the file, so that a script is smaller, and leaves pages empty, which no script does. */
 	void ChangeRows(int seed) {
-		Sql("db", "UPDATE t SET a = 'changed ' || " + std::to_string(seed) + " WHERE i % 50 = " + std::to_string(seed % 50));
+		Sql("db", "UPDATE t SET a = 'changed ' || " + std::to_string(seed) +
+		              " WHERE i % 50 = " + std::to_string(seed % 50) +
+		              "; INSERT INTO u SELECT zeroblob(2000) FROM t LIMIT 9; DELETE FROM u WHERE typeof(x) = 'blob'");
 	}
 	/** A device that came from one version to another by diff packages has the published content. */
 	void ExpectContent(int from, int to, const std::string& name = "db") const {
@@ -149,11 +151,11 @@ TEST_F(ScriptChain, WorksInWalMode) {
 }
 
 TEST_F(ScriptChain, UsesNoScriptBesideAJournal) {
-	Put("db-journal", "");
 	Publish();
 	ChangeRows(1);
+	Put("db-journal", "");
 	Publish();
-	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "vcdiff"}}));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "vcdiff"}, {"db-journal", "whole"}}));
 }
 
 TEST_F(ScriptChain, ReplacesAScriptedFileWhenAJournalComesToIt) {

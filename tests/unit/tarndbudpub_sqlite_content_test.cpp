@@ -59,9 +59,11 @@ TEST_F(SqliteContent, DiffersInEveryValueTypeAndRowId) {
 
 TEST_F(SqliteContent, IncludesTablesWithoutRowIdsAndThoseOfSqliteItself) {
 	const std::string table = "CREATE TABLE w(k TEXT PRIMARY KEY, v) WITHOUT ROWID;";
-	EXPECT_NE(Difference(table + "INSERT INTO w VALUES('a', 1);", table + "INSERT INTO w VALUES('a', 2);"), std::nullopt);
+	EXPECT_NE(
+	    Difference(table + "INSERT INTO w VALUES('a', 1);", table + "INSERT INTO w VALUES('a', 2);"), std::nullopt);
 	const std::string counted = "CREATE TABLE c(i INTEGER PRIMARY KEY AUTOINCREMENT);";
-	EXPECT_THAT(Difference(counted + "INSERT INTO c VALUES(5); DELETE FROM c;", counted), Optional(HasSubstr("sqlite_sequence")));
+	EXPECT_THAT(Difference(counted + "INSERT INTO c VALUES(5); DELETE FROM c;", counted),
+	    Optional(HasSubstr("sqlite_sequence")));
 	EXPECT_NE(Difference(kTable, std::string(kTable) + "CREATE INDEX i ON t(a);"), std::nullopt);
 }
 
@@ -81,7 +83,8 @@ TEST_F(SqliteContent, IsToldWhenItCannotBeRead) {
 	std::string bytes = ReadFile(sound);
 	bytes.resize(8192);
 	WriteFile(directory_ / "short", bytes);
-	EXPECT_THAT(publisher::FindContentDifference(sound, directory_ / "short"), Optional(HasSubstr("cannot be compared")));
+	EXPECT_THAT(
+	    publisher::FindContentDifference(sound, directory_ / "short"), Optional(HasSubstr("cannot be compared")));
 }
 
 TEST_F(SqliteContent, MayChangeByScriptWhenOnlyRowsDiffer) {
@@ -102,7 +105,8 @@ TEST_F(SqliteContent, MayNotChangeByScriptWhenMoreThanRowsDiffers) {
 TEST_F(SqliteContent, MayNotChangeByScriptWhereStatementsDoMoreThanTheySay) {
 	const auto both = [this](const std::string& sql) { return Obstacle(sql, sql); };
 	const std::string table = kTable;
-	EXPECT_THAT(both(table + "CREATE TRIGGER g AFTER INSERT ON t BEGIN DELETE FROM t; END;"), Optional(HasSubstr("triggers")));
+	EXPECT_THAT(
+	    both(table + "CREATE TRIGGER g AFTER INSERT ON t BEGIN DELETE FROM t; END;"), Optional(HasSubstr("triggers")));
 	EXPECT_THAT(both("CREATE VIRTUAL TABLE v USING fts5(a);"), Optional(HasSubstr("virtual tables")));
 	EXPECT_THAT(both("CREATE TABLE g(a, b AS (a + 1));"), Optional(HasSubstr("generated columns")));
 	EXPECT_THAT(both("CREATE TABLE h(rowid, oid, _rowid_);"), Optional(HasSubstr("row ids")));
@@ -116,7 +120,8 @@ TEST_F(SqliteContent, IsToldFromOtherFiles) {
 	WriteFile(directory_ / "empty", "");
 	EXPECT_FALSE(publisher::IsSqliteFile(directory_ / "text"));
 	EXPECT_FALSE(publisher::IsSqliteFile(directory_ / "empty"));
-	EXPECT_THAT(publisher::FindScriptObstacle(directory_ / "d", directory_ / "text"), Optional(HasSubstr("no database")));
+	EXPECT_THAT(
+	    publisher::FindScriptObstacle(directory_ / "d", directory_ / "text"), Optional(HasSubstr("no database")));
 }
 
 } // namespace

@@ -10,9 +10,9 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <exception>
 #include <iomanip>
 #include <sstream>
-#include <exception>
 
 namespace tarn::publisher {
 

@@ -35,7 +35,8 @@ public:
 	 * @param names  scripted files
 	 * @return path by name; a file is left out when the full package that it began with is no longer there
 	 */
-	std::map<std::string, std::string> ReplayScripts(const std::set<std::string>& names, const WorkDirectory& work) const;
+	std::map<std::string, std::string> ReplayScripts(
+	    const std::set<std::string>& names, const WorkDirectory& work) const;
 
 private:
 	struct Link {
@@ -48,7 +49,8 @@ private:
 	std::map<std::string, int> Beginnings(const std::set<std::string>& names) const;
 	/** Unpacks the files that were there before the chain; the names that could not be had are returned. */
 	std::set<std::string> UnpackFirst(const std::map<std::string, int>& beginnings, const std::string& directory) const;
-	void UnpackSteps(const Link& link, const std::map<std::string, int>& beginnings, const std::string& directory) const;
+	void UnpackSteps(
+	    const Link& link, const std::map<std::string, int>& beginnings, const std::string& directory) const;
 
 	const Repository& repository_;
 	const PackageReader& reader_;

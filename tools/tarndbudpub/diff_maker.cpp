@@ -37,7 +37,9 @@ bool IsDatabase(const TreeChange& change) {
 class DiffMaker {
 public:
 	DiffMaker(const DiffOrder& order, const PublishObserver& observer)
-	    : order_(order), observer_(observer), work_(order.repository.Directory()),
+	    : order_(order),
+	      observer_(observer),
+	      work_(order.repository.Directory()),
 	      chain_(order.repository, order.reader, order.options.id, order.previous),
 	      version_(order.previous.data_version + 1) {}
 
@@ -94,8 +96,7 @@ void DiffMaker::Unpack() {
 	observer_.step("unpacking", 1, 2);
 	// What devices get by the full package, whatever has become of the published tree meanwhile.
 	const PackageInfo new_info = {order_.options.id, "", version_};
-	PackageReader::Unpack(
-	    order_.reader.Open(order_.new_package, new_info), order_.new_package, work_.Make("new"));
+	PackageReader::Unpack(order_.reader.Open(order_.new_package, new_info), order_.new_package, work_.Make("new"));
 	observer_.step("comparing", 0, 1);
 	before_ = ListTree(OldTree());
 	after_ = ListTree(NewTree());
@@ -300,8 +301,7 @@ void DiffMaker::Verify(const std::string& path) {
 
 } // namespace
 
-DiffResult MakeDiff(
-    const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer) {
+DiffResult MakeDiff(const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer) {
 	return DiffMaker(order, observer).Make(archive_fd, path);
 }
 

@@ -16,8 +16,8 @@ struct DiffOrder {
 	const PublishOptions& options;
 	const SigningKey& key;
 	const PackageReader& reader;
-	const Entry& previous; // the document's entry so far, of the version before
-	std::string new_package;   // the full package, still under its temporary name
+	const Entry& previous;   // the document's entry so far, of the version before
+	std::string new_package; // the full package, still under its temporary name
 	std::uint64_t new_package_size = 0;
 };
 
@@ -29,8 +29,7 @@ struct DiffOrder {
  * @param path        its path
  * @throws PublishError saying why there is no diff; the file then holds anything
  */
-DiffResult MakeDiff(
-    const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer);
+DiffResult MakeDiff(const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer);
 
 } // namespace tarn::publisher
 

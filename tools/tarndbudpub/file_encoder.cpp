@@ -24,7 +24,8 @@ public:
 		// A patch of nothing, or to nothing, is the file itself.
 		if (task_.may_patch && encoders_.vcdiff && task_.change.before->size > 0 && task_.change.after->size > 0) {
 			Try(PatchKind::kVcdiff, [this](const std::string& path) {
-				EncodeVcdiff(*encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_);
+				EncodeVcdiff(
+				    *encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_);
 			});
 		}
 	}

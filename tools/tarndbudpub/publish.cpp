@@ -150,8 +150,12 @@ std::string LinkTo(const PublishOptions& options, const std::string& name) {
 class Publication {
 public:
 	Publication(const PublishOptions& options, const PublishObserver& observer)
-	    : options_(options), observer_(observer), fetch_time_(FetchTime()), key_(SigningKey::Load(options.key_file)),
-	      reader_(key_, options.old_keys), repository_(options.repository, observer.waiting),
+	    : options_(options),
+	      observer_(observer),
+	      fetch_time_(FetchTime()),
+	      key_(SigningKey::Load(options.key_file)),
+	      reader_(key_, options.old_keys),
+	      repository_(options.repository, observer.waiting),
 	      tree_(ListTree(options.tree)) {}
 
 	PublishResult Run() {
@@ -165,16 +169,15 @@ public:
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
 		const PackageInfo info = {options_.id, options_.format_version, result_.data_version};
-		result_.package_size =
-		    WritePackage(tree_, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
-		        [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
+		result_.package_size = WritePackage(tree_, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
+		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
 		WriteDiff(package.TemporaryPath());
 		package.Commit();
 		if (diff_) {
 			diff_->Commit();
 		}
-		repository_.WriteEntry(options_.db_version, options_.id,
-		    {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
+		repository_.WriteEntry(
+		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
 		repository_.Clean(options_.id);
 		return std::move(result_);
 	}
@@ -191,8 +194,7 @@ private:
 				                   ", and every step by one version needs a diff package");
 			}
 			diff_.emplace(repository_.DiffPath(options_.id, result_.data_version));
-			const DiffOrder order = {
-			    repository_, options_, key_, reader_, *previous_, package, result_.package_size};
+			const DiffOrder order = {repository_, options_, key_, reader_, *previous_, package, result_.package_size};
 			result_.diff = MakeDiff(order, diff_->Fd(), diff_->TemporaryPath(), observer_);
 		} catch (const std::exception& error) {
 			diff_.reset();

@@ -62,7 +62,8 @@ struct PublishObserver {
 /**
  * Publishes one version of a database: first its packages, then the document that names them, each put in place whole.
  * When the version before it is published, a diff package from there is one of them; without one, for whatever reason,
- * the version is published all the same, and devices take the full package. At any moment, and after being killed at any moment, the repository serves the old state or the new one.
+ * the version is published all the same, and devices take the full package. At any moment, and after being killed at
+ * any moment, the repository serves the old state or the new one.
  *
  * A version is never published twice, and none that is not above the highest one that a document names: devices keep
  * what they have when the version does not grow, and a package that is announced must stay what it was.

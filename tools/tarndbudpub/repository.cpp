@@ -201,8 +201,7 @@ void Repository::RemoveUnnamedDiffs(const std::string& id) const {
 		const std::string name = file.path().filename().string();
 		if (name.size() > prefix.size() + kSuffix.size() && named.count(file.path().string()) == 0 &&
 		    name.compare(0, prefix.size(), prefix) == 0 && file.path().extension() == kSuffix &&
-		    ParseVersion(std::string_view(name).substr(
-		        prefix.size(), name.size() - prefix.size() - kSuffix.size()))) {
+		    ParseVersion(std::string_view(name).substr(prefix.size(), name.size() - prefix.size() - kSuffix.size()))) {
 			fs::remove(file.path());
 		}
 	}

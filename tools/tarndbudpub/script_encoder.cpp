@@ -68,8 +68,8 @@ void MakeScript(const std::string& encoder, const Copy& before, const Copy& afte
 
 } // namespace
 
-void EncodeScript(const std::string& encoder, const ScriptSubject& subject, const std::string& script,
-    const std::string& scratch) {
+void EncodeScript(
+    const std::string& encoder, const ScriptSubject& subject, const std::string& script, const std::string& scratch) {
 	if (const auto obstacle = FindScriptObstacle(subject.before, subject.after)) {
 		throw PublishError(*obstacle);
 	}

@@ -20,8 +20,8 @@ struct ScriptSubject {
  * @param scratch  a directory of this call's own
  * @throws PublishError when no script can be made or it does not reproduce the content
  */
-void EncodeScript(const std::string& encoder, const ScriptSubject& subject, const std::string& script,
-    const std::string& scratch);
+void EncodeScript(
+    const std::string& encoder, const ScriptSubject& subject, const std::string& script, const std::string& scratch);
 
 } // namespace tarn::publisher
 

@@ -45,9 +45,9 @@ struct Setting {
 	std::size_t offset;
 	std::size_t size;
 };
-constexpr std::array<Setting, 8> kSettings = {{{"page size", 16, 2}, {"journal mode", 18, 2}, {"reserved space", 20, 1},
-    {"schema format", 44, 4}, {"default cache size", 48, 4}, {"text encoding", 56, 4}, {"user version", 60, 4},
-    {"application id", 68, 4}}};
+constexpr std::array<Setting, 8> kSettings = {
+    {{"page size", 16, 2}, {"journal mode", 18, 2}, {"reserved space", 20, 1}, {"schema format", 44, 4},
+        {"default cache size", 48, 4}, {"text encoding", 56, 4}, {"user version", 60, 4}, {"application id", 68, 4}}};
 constexpr Setting kAutoVacuum = {"auto vacuum", 52, 4};
 constexpr Setting kIncrementalVacuum = {"incremental vacuum", 64, 4};
 constexpr Setting kEncoding = {"text encoding", 56, 4};
@@ -194,7 +194,8 @@ std::string RowsQuery(const SQLite::Database& database, const Table& table) {
 	return "SELECT " + *row_id + ", *" + source + " ORDER BY " + *row_id;
 }
 
-constexpr const char* kSchemaQuery = "SELECT type, name, tbl_name, sql FROM sqlite_schema ORDER BY type, name, tbl_name";
+constexpr const char* kSchemaQuery =
+    "SELECT type, name, tbl_name, sql FROM sqlite_schema ORDER BY type, name, tbl_name";
 
 bool HasRows(const SQLite::Database& database, const std::string& query) {
 	return SQLite::Statement(database, query).executeStep();

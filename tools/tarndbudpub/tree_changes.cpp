@@ -50,8 +50,7 @@ std::string Quoted(const std::string& name) {
 	return "\"" + codesign::Printable(name) + "\"";
 }
 
-std::optional<std::string> FindCollision(
-    const std::vector<TreeChange>& changes, const std::set<std::string>& earlier) {
+std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes, const std::set<std::string>& earlier) {
 	std::map<std::string, std::string> owners;
 	for (const std::string& name : earlier) {
 		owners.emplace(dataupdate::FlatFileName(name), name);

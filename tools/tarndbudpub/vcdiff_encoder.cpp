@@ -63,13 +63,12 @@ std::vector<std::string> Arguments(const std::string& source, const std::string&
 	const std::uint64_t target_size = fs::file_size(target);
 	const std::string header = "-ATARNVCD1 " + std::to_string(source_size) + " " + std::to_string(target_size) + " " +
 	                           ContentHash(target, target_size);
-	return {"-e", "-9", "-f", "-q",
-	    "-S", "none",       // the package is compressed as a whole, which takes less than every patch by itself
-	    "-D", "-R",         // compressed files are patched as they are
-	    "-I", "0",          // no limit to instructions that are looked at together
-	    "-B", std::to_string(NextPowerOfTwo(source_size, kMinWindow, kMaxSourceWindow)),
-	    "-W", std::to_string(NextPowerOfTwo(target_size, kMinWindow, kMaxWindow)),
-	    header, "-s", source, target, patch};
+	return {"-e", "-9", "-f", "-q", "-S",
+	    "none",     // the package is compressed as a whole, which takes less than every patch by itself
+	    "-D", "-R", // compressed files are patched as they are
+	    "-I", "0",  // no limit to instructions that are looked at together
+	    "-B", std::to_string(NextPowerOfTwo(source_size, kMinWindow, kMaxSourceWindow)), "-W",
+	    std::to_string(NextPowerOfTwo(target_size, kMinWindow, kMaxWindow)), header, "-s", source, target, patch};
 }
 
 } // namespace

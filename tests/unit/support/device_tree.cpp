@@ -19,13 +19,23 @@ void UnpackPackage(const std::string& package, const std::string& public_key, co
 	codesign::Extract(archive, out.Get());
 }
 
+/** Long content by its digest, so that a failed comparison can be read. */
+static std::string ShortContent(const std::string& content) {
+	constexpr std::size_t kShort = 60;
+	if (content.size() < kShort) {
+		return content;
+	}
+	const codesign::Digest digest = codesign::Sha256(content.data(), content.size());
+	return std::to_string(content.size()) + " bytes " + codesign::Hex(digest.data(), digest.size());
+}
+
 std::map<std::string, std::string> FilesBelow(const std::string& directory) {
 	std::map<std::string, std::string> files;
 	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
 		if (entry.is_regular_file() && !entry.is_symlink()) {
 			const bool executable = (entry.status().permissions() & fs::perms::owner_exec) != fs::perms::none;
 			files[entry.path().lexically_relative(directory).string()] =
-			    (executable ? "x " : "") + ReadFile(entry.path().string());
+			    (executable ? "x " : "") + ShortContent(ReadFile(entry.path().string()));
 		}
 	}
 	return files;

@@ -13,7 +13,10 @@ namespace tarn::test {
 /** Unpacks a package that must be signed by a key into an existing directory. */
 void UnpackPackage(const std::string& package, const std::string& public_key, const std::string& directory);
 
-/** The files below a directory by relative name: their content, with "x " before it when they are executable. */
+/**
+ * The files below a directory by relative name: their content, or its digest when it is long, with "x " before it when
+ * they are executable.
+ */
 std::map<std::string, std::string> FilesBelow(const std::string& directory);
 
 class DeviceTree {
