@@ -291,6 +291,17 @@ TEST_F(InfoGetterTest, PassesOnThatARecordCannotBeWritten) {
 	EXPECT_EQ(MessageOf([this] { getter_.SetDatabaseStatus("geo", {}); }), "full");
 }
 
+TEST_F(InfoGetterTest, EndsAReplacementByItsRecordAlone) {
+	const std::string mark = "/var/lib/data_update/geo/replacing";
+	WriteFile(mark, "");
+	EXPECT_CALL(*io_, WriteJson(kStatus, _)).WillOnce(Throw(UpdateError("full")));
+	MessageOf([this] { getter_.SetDatabaseStatus("geo", {}); });
+	EXPECT_TRUE(fs::exists(mark));
+	real_.SetDatabaseStatus("geo", {});
+	EXPECT_FALSE(fs::exists(mark));
+	EXPECT_TRUE(fs::exists(kStatus));
+}
+
 TEST_F(InfoGetterTest, TakesAMissingRecordForNothingInstalled) {
 	EXPECT_EQ(real_.GetDatabaseStatus("geo"), DatabaseStatus());
 	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_INFO, "update", std::string("File not exist: ") + kStatus}));

@@ -39,6 +39,7 @@ using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 
 std::vector<std::string> FilesBelow(const std::string& directory) {
 	std::vector<std::string> files;
@@ -235,6 +236,24 @@ TEST_F(FullStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	fs::remove_all(Installed(""));
 	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }),
 	    "Fail to full update: failed to read file stat: " + directory_ / "volume/db/geo");
+}
+
+TEST_F(FullStrategyTest, MarksTheReplacementUnderTheLockBeforeItChangesAnything) {
+	WriteFile(Installed("old"), "old");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	{
+		const FileLock reader(kUsingLock, 0);
+		MessageOf([&] { strategy.ApplyUpdate(); });
+		EXPECT_FALSE(fs::exists(kMark));
+	}
+	system_.Fail("fsync", EIO);
+	EXPECT_THAT(
+	    MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to full update: Fail to mark replacement: "));
+	EXPECT_TRUE(fs::exists(Installed("old")));
+	strategy.ApplyUpdate();
+	EXPECT_FALSE(fs::exists(Installed("old")));
+	EXPECT_TRUE(fs::exists(kMark)); // Until the new version has been recorded.
 }
 
 TEST_F(FullStrategyTest, RemovesItsTemporaryDataWhateverHappened) {

@@ -32,6 +32,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 
 class ForceInstallTest : public test::FixedPathsTest {
 protected:
@@ -120,6 +121,24 @@ TEST_F(ForceInstallTest, WaitsForReadersUpTo600Seconds) {
 	EXPECT_EQ(
 	    MessageOf([&] { strategy.ApplyUpdate(); }), std::string("Fail to force install: Fail to lock ") + kUsingLock);
 	EXPECT_EQ(system_.polls, 6000);
+}
+
+TEST_F(ForceInstallTest, MarksTheReplacementUnderTheLockBeforeItChangesAnything) {
+	platform_.package_files = {{"added", "new"}};
+	ForceInstallByLink strategy = Strategy();
+	strategy.PrepareUpdate();
+	{
+		const FileLock reader(kUsingLock, 0);
+		MessageOf([&] { strategy.ApplyUpdate(); });
+		EXPECT_FALSE(fs::exists(kMark));
+	}
+	system_.Fail("fsync", EIO);
+	EXPECT_THAT(
+	    MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to force install: Fail to mark replacement: "));
+	EXPECT_FALSE(fs::exists(Installed("/added")));
+	platform_.archive_open_works = false;
+	MessageOf([&] { strategy.ApplyUpdate(); });
+	EXPECT_TRUE(fs::exists(kMark)); // Until a version has been recorded.
 }
 
 TEST_F(ForceInstallTest, RemovesTheWholeTemporaryAreaAtItsEnd) {

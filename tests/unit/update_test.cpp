@@ -224,6 +224,17 @@ TEST_F(UpdateProjectTest, RecordsNothingThatIsNotOnTheDisk) {
 	EXPECT_EQ(MessageOf([&] { update.UpdateProject("geo"); }), "Fail to sync " + Prefix() + ": Input/output error");
 }
 
+TEST_F(UpdateProjectTest, CountsAnUnfinishedReplacementAsNothingInstalled) {
+	WriteFile("/var/lib/data_update/geo/replacing", "");
+	WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	ON_CALL(*getter_, GetRemoteInfo(_)).WillByDefault(Return(Remote(3, "l")));
+	EXPECT_CALL(*updater_, Update("geo", Installed(-1), Remote(3, "l"), _, _, _, _)).WillOnce(Return(Installed(3)));
+	update_.UpdateProject("geo");
+	EXPECT_EQ(Log().front(), (Line{LOG_WARNING, "update", "The last replacement of 'geo' was not finished"}));
+	EXPECT_CALL(*getter_, SetDatabaseStatus("geo", _)); // No file is known to be damaged, and yet:
+	update_.FixProject("geo");
+}
+
 using FixProjectTest = UpdateTest;
 
 TEST_F(FixProjectTest, ReinstallsADamagedDatabaseInThisOrderUnderBothLocks) {

@@ -1,4 +1,5 @@
 #include "expect_error.h"
+#include "fake_packages.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "log_lines.h"
@@ -15,6 +16,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -113,6 +115,132 @@ TEST_F(UpdaterTest, RemovesTemporaryDataBeforeItWaitsForTheDisk) {
 	system_.Fail("syncfs", EIO);
 	MessageOf([this] { Update(); });
 	EXPECT_TRUE(fs::is_empty(directory_ / "volume/@tmp/data_update"));
+}
+
+/** An update from version 3 to 5 by two packages, which append to the file "a" and create another one. */
+class ChainUpdaterTest : public UpdaterTest {
+protected:
+	ChainUpdaterTest() {
+		packages_.by_link["http://h/4"] = {
+		    {"patch_infos.json", R"({"a": {"operation": "update", "input_file": "p.vcdiff"}})"}, {"p.vcdiff", "b"}};
+		packages_.by_link["http://h/5"] = {
+		    {"patch_infos.json", R"({"a": {"operation": "update", "input_file": "p.vcdiff"},
+		        "gone": {"operation": "delete"}, "sub/new": {"operation": "create", "input_file": "in"}})"},
+		    {"p.vcdiff", "c"}, {"in", ""}};
+		packages_.by_link["http://h/full"] = {{"a", "abc"}, {"sub/new", ""}};
+		WriteFile(Installed("a"), "a");
+		WriteFile(Installed("gone"), "old");
+		WriteFile(Installed("other"), "old");
+	}
+
+	DatabaseStatus Update() const {
+		DatabaseStatus installed;
+		installed.data_version = 3;
+		return Updater().Update("geo", installed, RemoteInfo(5, 1700000000, true, "http://h/full"),
+		    {{4, DiffInfo("http://h/4", 1)}, {5, DiffInfo("http://h/5", 1)}}, directory_ / "volume",
+		    directory_ / "volume/db/geo", directory_ / "");
+	}
+	std::vector<Line> Log() const { return LinesOf(log_, "updater.cpp"); }
+	static std::vector<Line> FallbackAfter(const std::string& error) {
+		return {{LOG_NOTICE, "updater.cpp", "Prepare diff update: geo"},
+		    {LOG_WARNING, "updater.cpp", "Diff update fail, try full update: " + error},
+		    {LOG_NOTICE, "updater.cpp", "Prepare full update: geo"}};
+	}
+
+	test::FakePackages packages_{platform_};
+};
+
+TEST_F(ChainUpdaterTest, UpdatesByTheChainAlone) {
+	const DatabaseStatus status = Update();
+	EXPECT_EQ(status.data_version, 5);
+	EXPECT_EQ(status.last_fetch_time, 1700000000);
+	ASSERT_THAT(status.file_statuses, ElementsAre(Key("a"), Key("sub/new"))); // What was deleted has no digest.
+	EXPECT_EQ(status.file_statuses.at("a").sha384_digest, kOfAbc);
+	EXPECT_TRUE(fs::exists(Installed("other")));
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget -N http://h/full "), 0U);
+	EXPECT_THAT(Log(), ElementsAre(Line{LOG_NOTICE, "updater.cpp", "Prepare diff update: geo"},
+	                       Line{LOG_NOTICE, "updater.cpp", "Apply update: geo"}));
+}
+
+TEST_F(ChainUpdaterTest, TellsTheHooksTheRelativeNamesAroundTheReplacement) {
+	std::vector<std::string> seen;
+	platform_.on_plugin_action = [&] { seen.push_back(test::ReadFile(Installed("a"))); };
+	Update();
+	EXPECT_THAT(seen, ElementsAre("a", "abc"));
+	EXPECT_EQ(platform_.CountEvents("hook set CHANGED_FILES=a:gone:sub/new"), 1U);
+}
+
+TEST_F(ChainUpdaterTest, FallsBackToTheFullPackageWithOneWarning) {
+	packages_.by_link["http://h/5"]["patch_infos.json"] = "[]";
+	const DatabaseStatus status = Update();
+	EXPECT_THAT(status.file_statuses, ElementsAre(Key(Installed("a")), Key(Installed("sub/new"))));
+	EXPECT_EQ(status.file_statuses.at(Installed("a")).sha384_digest, kOfAbc);
+	EXPECT_FALSE(fs::exists(Installed("other")));
+	std::vector<Line> expected = FallbackAfter(
+	    "Not a description of patches: " + directory_ / "volume/@tmp/data_update/geo_delta_5/patch_infos.json");
+	expected.push_back({LOG_NOTICE, "updater.cpp", "Apply update: geo"});
+	EXPECT_EQ(Log(), expected);
+	EXPECT_EQ(log_.Count(LOG_WARNING), 1U);
+}
+
+TEST_F(ChainUpdaterTest, ReleasesTheDiffsDataBeforeItPreparesTheFullPackage) {
+	packages_.by_link["http://h/5"]["patch_infos.json"] = "[]";
+	WriteFile(directory_ / "volume/@tmp/data_update/poi_v1", "swept with it");
+	bool swept = false;
+	platform_.extract_more = [&](const std::string& destination) {
+		if (destination == directory_ / "volume/@tmp/data_update/geo_full") {
+			swept = !fs::exists(directory_ / "volume/@tmp/data_update/poi_v1") &&
+			        !fs::exists(directory_ / "volume/@tmp/data_update/geo_sum");
+		}
+	};
+	Update();
+	EXPECT_TRUE(swept);
+}
+
+TEST_F(ChainUpdaterTest, ThrowsTheFullPackagesErrorWhenBothFail) {
+	packages_.by_link.erase("http://h/4");
+	packages_.by_link.erase("http://h/full");
+	EXPECT_EQ(MessageOf([this] { Update(); }), "Fail to wget url: http://h/full");
+	EXPECT_EQ(Log(), FallbackAfter("Fail to wget url: http://h/4"));
+	EXPECT_EQ(platform_.CountEvents("hook"), 0U);
+	EXPECT_EQ(test::ReadFile(Installed("a")), "a");
+}
+
+TEST_F(ChainUpdaterTest, FallsBackForNoOtherException) {
+	packages_.decode = [](const std::string&, unsigned int, const auto&) -> int { throw std::runtime_error("other"); };
+	EXPECT_THROW(Update(), std::runtime_error);
+	EXPECT_THAT(Log(), ElementsAre(Line{LOG_NOTICE, "updater.cpp", "Prepare diff update: geo"}));
+	EXPECT_EQ(test::ReadFile(Installed("a")), "a");
+}
+
+TEST_F(ChainUpdaterTest, DoesNotFallBackOnceFilesAreBeingReplaced) {
+	system_.Fail("linkat", EIO);
+	EXPECT_THAT(MessageOf([this] { Update(); }), StartsWith("Fail to diff update: "));
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget -N http://h/full "), 0U);
+	EXPECT_EQ(platform_.CountEvents("hook action 4"), 1U);
+	EXPECT_EQ(platform_.CountEvents("hook action 5"), 0U);
+	EXPECT_EQ(platform_.CountEvents("hook exit"), 1U);
+	EXPECT_FALSE(fs::exists(directory_ / "volume/@tmp/data_update"));
+}
+
+TEST_F(ChainUpdaterTest, RepairsAnUnrecordedReplacementByTheFullPackage) {
+	WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	system_.Fail("linkat", EIO, 1, 1); // The second of two files.
+	MessageOf([this] { Update(); });
+	EXPECT_EQ(test::ReadFile(Installed("a")), "abc"); // A mixture.
+	EXPECT_FALSE(fs::exists(Installed("sub/new")));
+	Update();
+	EXPECT_EQ(test::ReadFile(Installed("a")), "abc"); // Not "abcbc".
+	EXPECT_TRUE(fs::exists(Installed("sub/new")));
+	EXPECT_FALSE(fs::exists(Installed("other")));
+	EXPECT_EQ(log_.Count(LOG_WARNING, {"The last replacement of geo was not finished"}), 1U);
+}
+
+TEST_F(ChainUpdaterTest, PatchesAgainWhereAHostKeepsItsOwnRecords) {
+	Update(); // Without a record of the library's: the host keeps its own.
+	WriteFile(Installed("a"), "a");
+	Update();
+	EXPECT_EQ(log_.Count(LOG_WARNING), 0U);
 }
 
 class FileStatusCheckTest : public testing::Test {
