@@ -28,9 +28,11 @@ class Publisher:
     def document(self) -> Path:
         return self.repository / "database_info/1"
 
-    def publish(self, tree: Path, name: str, *options: str, base: str | None = None, keep_diffs: int = 0) -> None:
+    def publish(
+        self, tree: Path, name: str, *options: str, base: str | None = None, keep_diffs: int = 0
+    ) -> programs.Result:
         """Without diff packages unless some are kept: most tests are about full ones."""
-        programs.run_ok(
+        return programs.run_ok(
             programs.PUB, "publish", tree, "--repo", self.repository, "--id", name, "--key", self.private_key,
             "--url", base or self.base, "--keep-diffs", str(keep_diffs), *options,
         )  # fmt: skip
