@@ -1,0 +1,181 @@
+"""docs/publishing.md means what it says: its commands, run in order, publish what devices then have."""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import subprocess
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+from harness import programs, trees
+from harness.device import CONFIGURATION, WGETRC, Device
+from harness.volumes import Volumes
+from harness.webserver import Nginx
+
+SOURCE = Path(__file__).resolve().parents[2]
+DOCUMENT = SOURCE / "docs/publishing.md"
+SERVER_BLOCK = Path("/usr/share/tarndbudpub/nginx/tarndbud.conf")
+SITE = "updates.example.org:8080"
+DATABASE = "zones"
+
+
+def blocks(language: str, heading: str) -> str:
+    """The code of a language in a section."""
+    section = DOCUMENT.read_text().split(f"\n## {heading}\n")[1].split("\n## ")[0]
+    return "".join(re.findall(rf"^```{language}\n(.*?)^```$", section, re.MULTILINE | re.DOTALL))
+
+
+def headings() -> list[str]:
+    return re.findall(r"^## (.*)$", DOCUMENT.read_text(), re.MULTILINE)
+
+
+class Desk:
+    """Where a publisher sits: the document's places below a directory that goes away, and its web server."""
+
+    def __init__(self, home: Path, device: Device) -> None:
+        self.home = home
+        self.device = device
+        self.repository = home / "srv/tarndbud"
+        self.repository.mkdir(parents=True)
+        self.server = Nginx(SERVER_BLOCK, self.repository, home / "nginx")
+        device.netloc = self.server.netloc
+        device.add_database(DATABASE)
+
+    def follow(self, heading: str) -> programs.Result:
+        """Runs a section's commands as they stand but for places and ports."""
+        script = blocks("sh", heading)
+        assert script, heading
+        script = script.replace("/var/log/nginx", str(self.home / "nginx")).replace(SITE, self.server.netloc)
+        for place in ("/srv", "/etc/tarndbudpub", "/usr/local/bin"):
+            script = re.sub(rf"(?<![\w/]){place}\b", f"{self.home}{place}", script)
+        path = self.home / "section.sh"
+        path.write_text(script)
+        env = {**os.environ, "PATH": f"{self.home}/usr/local/bin:{os.environ['PATH']}"}
+        result = programs.run("/bin/bash", "-eu", "-o", "pipefail", path, env=env)
+        assert result.status == 0, str(result)
+        assert result.stderr == ""
+        return result
+
+    def tree(self, name: str) -> Path:
+        return self.home / "srv/data" / name
+
+    def trust(self, name: str) -> None:
+        self.device.trust(self.home / f"etc/tarndbudpub/{name}.pub")
+
+    def packages(self) -> list[str]:
+        """What devices fetched, without what the document's own commands asked for."""
+        return [line.split("/")[-1] for line in self.server.requests() if "/packages/" in line]
+
+    def assert_installs(self, version: int, tree: Path, fetched: list[str]) -> None:
+        """That a device comes to this version, by these packages."""
+        before = len(self.packages())
+        self.device.update(DATABASE)
+        assert self.device.version(DATABASE) == version
+        trees.assert_same(tree, self.device.installed(DATABASE))
+        assert self.packages()[before:] == [f"{DATABASE}_{name}.tarn" for name in fetched]
+
+
+@pytest.fixture
+def desk(clean_device: None, volumes: Volumes, tmp_path: Path) -> Iterator[Desk]:
+    (tmp_path / "etc").mkdir()
+    (tmp_path / "usr/local/bin").mkdir(parents=True)
+    volume = volumes.make("directory")
+    device = Device(volume, "127.0.0.1:9")
+    device.list_volumes(volume)
+    made = Desk(tmp_path, device)
+    yield made
+    made.server.close()
+
+
+def published_by_the_book(desk: Desk) -> None:
+    desk.follow("The key")
+    desk.trust("release")
+    desk.follow("The first publication")
+
+
+def test_the_documents_commands_carry_a_device_from_nothing_through_all_versions(desk: Desk) -> None:
+    published_by_the_book(desk)
+    desk.assert_installs(1000, desk.tree("zones"), ["v1000"])
+    assert "zones_d1001.tarn" in desk.follow("Every further version").stdout
+    desk.assert_installs(1001, desk.tree("zones"), ["d1001"])
+    desk.follow("Old packages")
+    desk.follow("Withdrawing a bad version")
+    assert not (desk.tree("good") / "published").exists()
+    desk.assert_installs(1002, desk.tree("good"), ["d1002"])
+    desk.follow("Rotating the key")
+    desk.trust("release2")
+    desk.assert_installs(1003, desk.tree("good"), ["d1003"])
+    desk.follow("Unattended")
+    desk.assert_installs(1004, desk.tree("current"), ["d1004"])
+    programs.run_ok(desk.home / "usr/local/bin/publish-zones")
+    desk.assert_installs(1004, desk.tree("current"), [])
+    desk.follow("Several formats")
+    devices, formats, *downloads = desk.follow("Reading the log").stdout.splitlines()
+    assert devices.strip() == "1"
+    assert re.fullmatch(r"\s*\d+ db_list(\[zones\]|%5Bzones%5D)=1", formats)
+    assert len(downloads) == 5
+
+
+def test_every_command_of_the_document_is_run(desk: Desk) -> None:
+    """Sections with commands are those that the tests follow, and two that need a machine of their own."""
+    source = Path(__file__).read_text()
+    followed = {heading for heading in headings() if f'follow("{heading}")' in source}
+    assert {heading for heading in headings() if blocks("sh", heading)} - followed == {"Installing", "The web server"}
+
+
+def test_the_server_block_is_installed_where_the_document_says() -> None:
+    assert f"cp {SERVER_BLOCK} /etc/nginx/sites-enabled/" in blocks("sh", "The web server")
+    assert SERVER_BLOCK.read_text() == (SOURCE / "packaging/nginx/tarndbud.conf").read_text()
+    assert (SERVER_BLOCK.parent / "tarndbud-cache.conf").exists()
+
+
+class TlsServer(Nginx):
+    """The server block with the document's lines for TLS in it."""
+
+    def __init__(self, directory: Path, home: Path, certificate: Path) -> None:
+        self._certificate = certificate
+        super().__init__(SERVER_BLOCK, directory, home)
+
+    def _server_block(self, template: str, directory: Path) -> str:
+        lines = blocks("nginx", "TLS").replace("listen 443 ssl;", f"listen {self.netloc} ssl;")
+        lines = lines.replace("/etc/ssl/updates.example.org.pem", str(self._certificate))
+        lines = lines.replace("/etc/ssl/private/updates.example.org.key", str(self._certificate))
+        assert "\tlisten 8080;\n" in template
+        return template.replace("\tlisten 8080;\n", lines).replace("root /srv/tarndbud;", f"root {directory};")
+
+
+@pytest.fixture
+def certificate(tmp_path: Path) -> Path:
+    """A key and the certificate of nobody but itself for 127.0.0.1, in one file."""
+    path = tmp_path / "server.pem"
+    subprocess.run(
+        ["openssl", "req", "-x509", "-newkey", "ed25519", "-noenc", "-days", "2", "-subj", "/CN=localhost",
+         "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", path, "-out", tmp_path / "certificate"],
+        check=True, capture_output=True,
+    )  # fmt: skip
+    path.write_text(path.read_text() + (tmp_path / "certificate").read_text())
+    return path
+
+
+def test_the_lines_for_tls_serve_a_device_that_knows_the_authority(desk: Desk, certificate: Path) -> None:
+    published_by_the_book(desk)
+    tls = TlsServer(desk.repository, desk.home / "tls", certificate)
+    try:
+        programs.run_ok(
+            programs.PUB, "publish", desk.tree("zones"), "--repo", desk.repository, "--id", DATABASE, "--key",
+            desk.home / "etc/tarndbudpub/release.key", "--url", f"https://{tls.netloc}",
+        )  # fmt: skip
+        settings = json.loads((CONFIGURATION / "data_update.conf").read_text())
+        settings["config"].update(download_scheme="https", db_netloc=tls.netloc)
+        (CONFIGURATION / "data_update.conf").write_text(json.dumps(settings))
+        distrusting = desk.device.run("update", DATABASE)
+        assert distrusting.status == 1, str(distrusting)
+        assert "certificate is not trusted" in distrusting.stderr
+        WGETRC.write_text(f"ca_certificate = {desk.home / 'certificate'}\n")
+        desk.device.run_ok("update", DATABASE)
+        assert desk.device.version(DATABASE) == 1001
+    finally:
+        tls.close()
