@@ -1,0 +1,195 @@
+#!/usr/bin/python3
+"""Holds the tables of messages in docs/operations.md against the messages in the sources.
+
+usage: messages_check.py
+
+Every text in the sources that can reach an administrator as an error or a warning has a row in one of the tables, and
+every row has its text in the sources. A text is taken for a message unless where it stands says otherwise: help,
+results on standard output, log lines below a warning, queries, and the texts of NO_MESSAGES.
+Exit status: 0 all right, 1 not.
+"""
+
+from __future__ import annotations
+
+import re
+import sys
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+TABLES = ROOT / "docs" / "operations.md"
+FOLDERS = ("dataupdate", "platform", "tools")
+
+# What is given to these calls, or initialises these constants, is no complaint.
+QUIET_CALLS = {
+    "Add", "Answer", "DeclareDatabases", "DeclareTimeout", "Say", "Show", "ShowStep", "Tell", "add_flag", "add_option",
+    "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step",
+}  # fmt: skip
+QUIET_CONSTANTS = {
+    "kAutoVacuum", "kCommands", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kRules",
+    "kSettings", "kSignatureDomain",
+}  # fmt: skip
+QUIET_PRIORITIES = {"LOG_INFO", "LOG_NOTICE", "LOG_DEBUG"}
+QUERY = re.compile(r"(SELECT|PRAGMA|INSERT|UPDATE|DELETE|CREATE) ")
+
+# Parts of results, of what is read or written, and of messages that have a row under their other words.
+NO_MESSAGES = {
+    "?os=orv&dlid=",
+    "section-key: 'config'-",
+    "Replacing files",
+    "Computing digests",
+    "up to date",
+    "- (no volume)",
+    "not installed",
+    "updated from version ",
+    " is whole and signed by ",
+    "the default code table",
+    "the code table",
+}
+
+TOKEN = re.compile(
+    r"""//[^\n]*|/\*.*?\*/|R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|'(?:[^'\\\n]|\\.)+'"""
+    r"""|\#[^\n]*|\w+|<<|\s+|.""",
+    re.DOTALL,
+)
+CONVERSION = re.compile(r"%[-+ #0]*\d*(?:\.\d+)?(?:hh|h|ll|l|j|z|t)?[diuoxXsfgc%]")
+TWO_WORDS = re.compile(r"[a-z]{2,} (?:\S+ )*[A-Za-z]{2,}")
+
+
+@dataclass(frozen=True)
+class Literal:
+    """A text in a source file, joined from those that follow each other."""
+
+    where: str
+    text: str
+    quiet: bool
+
+
+@dataclass
+class Scope:
+    name: str
+    first: str = ""
+
+
+class Scanner:
+    """Finds the texts of one file and judges each by what it stands in."""
+
+    def __init__(self, path: Path) -> None:
+        self._path = path
+        self._tokens: list[str] = []
+        self._scopes: list[Scope] = []
+        self._statement: list[str] = []
+
+    def literals(self) -> Iterator[Literal]:
+        pending: list[str] = []
+        line = begin = 1
+        content = self._path.read_text()
+        for match in TOKEN.finditer(content):
+            token = match.group()
+            raw, text = match.group("raw"), match.group("text")
+            if raw is not None or text is not None:
+                begin = begin if pending else line
+                pending.append(raw if raw is not None else unescaped(text))
+            elif token.strip() and not token.startswith(("//", "/*")):
+                if pending:
+                    yield self._literal("".join(pending), begin)
+                    pending = []
+                self._take(token)
+            line += token.count("\n")
+
+    def _literal(self, text: str, line: int) -> Literal:
+        literal = Literal(f"{self._path.relative_to(ROOT)}:{line}", text, self._is_quiet(text))
+        self._take('"')
+        return literal
+
+    def _take(self, token: str) -> None:
+        if token == "(":
+            self._scopes.append(Scope(self._tokens[-1] if self._tokens else ""))
+        elif token == "{":
+            self._scopes.append(Scope(self._assigned()))
+        elif token in ")}" and self._scopes:
+            self._scopes.pop()
+        elif self._scopes and not self._scopes[-1].first:
+            self._scopes[-1].first = token
+        self._statement = [] if token in ";{}" else [*self._statement, token]
+        self._tokens.append(token)
+
+    def _assigned(self) -> str:
+        """The name that an initialiser after the last token belongs to."""
+        names = [token for token in self._tokens[-6:] if token not in "[]="]
+        return names[-1] if self._tokens and self._tokens[-1] == "=" and names else ""
+
+    def _is_quiet(self, text: str) -> bool:
+        if QUERY.match(text) or text in NO_MESSAGES or self._assigned() in QUIET_CONSTANTS:
+            return True
+        if "<<" in self._statement and not {"err", "cerr"} & set(self._statement):
+            return True
+        return any(
+            scope.name in QUIET_CALLS | QUIET_CONSTANTS
+            or (scope.name in ("TARN_LOG", "syslog") and scope.first in QUIET_PRIORITIES)
+            for scope in self._scopes
+        )
+
+
+def unescaped(text: str) -> str:
+    return re.sub(r"\\(.)", lambda match: {"n": " ", "t": " ", "0": " "}.get(match.group(1), match.group(1)), text)
+
+
+def plain(text: str) -> str:
+    """Words alone, since quotation marks and the like differ between a format and what is shown."""
+    return " ".join(re.findall(r"[\w/.%+-]+", text.replace("\\", ""))).strip(". ")
+
+
+def fragments(text: str) -> list[str]:
+    """The parts of a message between its variables."""
+    return [plain(part) for part in CONVERSION.split(text) if plain(part)]
+
+
+def literals() -> list[Literal]:
+    paths = (path for folder in FOLDERS for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".cpp", ".h"))
+    return [literal for path in paths for literal in Scanner(path).literals()]
+
+
+def rows() -> list[str]:
+    """The messages in the first column of the tables headed "message"."""
+    found: list[str] = []
+    in_table = False
+    for line in TABLES.read_text().splitlines():
+        in_table = line.startswith("| message |") or (in_table and line.startswith("|"))
+        if in_table:
+            found += re.findall(r"`([^`]+)`", re.split(r"(?<!\\)\|", line)[1])
+    return [message.replace("\\|", "|") for message in found]
+
+
+def holds(text: str, part: str) -> bool:
+    return f" {part} " in f" {text} "
+
+
+def says_much(text: str) -> bool:
+    """Whether a text has words enough to be known by; "of" stands in many messages."""
+    return TWO_WORDS.search(text) is not None
+
+
+def main() -> int:
+    messages = [plain(part) for row in rows() for part in row.split("…") if plain(part)]
+    all_texts = literals()
+    known = {part for literal in all_texts for part in fragments(literal.text)}
+    faults = [
+        f'{literal.where}: no row in {TABLES.relative_to(ROOT)} for "{part}"'
+        for literal in all_texts
+        if not literal.quiet
+        for part in fragments(literal.text)
+        if says_much(part) and not any(holds(message, part) for message in messages)
+    ]
+    faults += [
+        f'{TABLES.relative_to(ROOT)}: nothing in the sources says "{message}"'
+        for message in messages
+        if not any(holds(message, part) and says_much(part) >= says_much(message) for part in known)
+    ]
+    print("\n".join(faults + [f"{len(rows())} messages in the tables, {len(faults)} faults"]))
+    return 1 if faults or not rows() else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,167 @@
+"""docs/operations.md means what it says: its commands do on a device what stands beside them."""
+
+from __future__ import annotations
+
+import json
+import re
+import shutil
+from pathlib import Path
+
+import pytest
+from harness import programs, trees
+from harness.device import CONFIGURATION, HOOKS, KEYS, VOLUMES, Device
+from harness.publisher import Publisher
+from harness.volumes import Volumes
+from harness.webserver import Nginx
+
+SOURCE = Path(__file__).resolve().parents[2]
+DOCUMENT = SOURCE / "docs/operations.md"
+DATABASE = "zones"
+
+
+def section(heading: str) -> str:
+    return DOCUMENT.read_text().split(f"\n## {heading}\n")[1].split("\n## ")[0]
+
+
+def blocks(language: str, heading: str) -> str:
+    """The code of a language in a section."""
+    return "".join(re.findall(rf"^```{language}\n(.*?)^```$", section(heading), re.MULTILINE | re.DOTALL))
+
+
+class Administrator:
+    """Follows the document, with a server, a volume and a directory that go away in the place of its own."""
+
+    def __init__(self, device: Device, home: Path, netloc: str) -> None:
+        self.device = device
+        self._home = home
+        assert device.volume is not None
+        self._places = {
+            "updates.example.org:8080": netloc,
+            "/srv/databases": str(device.volume),
+            "/volume1": str(device.volume),
+            "/var/lib/prometheus/node-exporter": str(home),
+            " release": f" {home}/release",
+            " examples/hook": f" {SOURCE}/examples/hook",
+            "0-1800": "0-0",
+        }
+
+    def follow(self, heading: str, language: str = "sh", options: tuple[str, ...] = ("-eu",)) -> programs.Result:
+        script = blocks(language, heading)
+        assert script, heading
+        for old, new in self._places.items():
+            script = script.replace(old, new)
+        path = self._home / "section.sh"
+        path.write_text(re.sub(r"^17 \* \* \* \* root ", "", script))
+        result = programs.run("/bin/bash", *options, path)
+        assert result.status == 0, str(result)
+        return result
+
+
+@pytest.fixture
+def tree(publisher: Publisher, nginx: Nginx, tmp_path: Path) -> Path:
+    made = trees.write_random_tree(tmp_path / "tree", 3, count=5, size=10_000)
+    publisher.publish(made, DATABASE, "--data-version", "1000")
+    return made
+
+
+@pytest.fixture
+def administrator(
+    clean_device: None, volumes: Volumes, publisher: Publisher, nginx: Nginx, tree: Path, tmp_path: Path
+) -> Administrator:
+    """With a device that is installed, but not configured."""
+    if any(Path("/").glob("volume[0-9]*")):
+        pytest.skip("needs a machine without /volume1, which would be chosen")
+    for name in ("release", "release2"):
+        shutil.copyfile(publisher.public_key, tmp_path / f"{name}.pub")
+    device = Device(volumes.make("directory"), nginx.netloc)
+    device.databases = json.loads(re.findall(r"^\{ \"zones.*$", section("Configuring"), re.MULTILINE)[0])
+    return Administrator(device, tmp_path, nginx.netloc)
+
+
+@pytest.fixture
+def configured(administrator: Administrator, tree: Path) -> Administrator:
+    result = administrator.follow("Configuring")
+    assert f"{DATABASE}: installed version 1000" in result.stdout
+    trees.assert_same(tree, administrator.device.installed(DATABASE))
+    return administrator
+
+
+def test_the_configuration_of_the_document_brings_a_database(configured: Administrator) -> None:
+    assert configured.device.status(DATABASE)["up_to_date"] is True
+
+
+def test_the_crontab_line_updates_what_is_scheduled(
+    configured: Administrator, publisher: Publisher, tree: Path
+) -> None:
+    (tree / "new").write_bytes(b"new")
+    publisher.publish(tree, DATABASE)
+    configured.device.forget_document()
+    configured.follow("Scheduling")
+    configured.follow("Scheduling", "crontab")
+    assert configured.device.version(DATABASE) == 1001
+    trees.assert_same(tree, configured.device.installed(DATABASE))
+
+
+def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrator, tmp_path: Path) -> None:
+    shown = configured.follow("Monitoring").stdout
+    metrics = (tmp_path / "tarndbud.prom").read_text()
+    for name in re.findall(r"`(tarndbud_\w+)`", section("Monitoring")):
+        assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
+    entry = json.loads(shown[: shown.index("\n]") + 2])[0]
+    listed = section("Monitoring").split("For each database")[1].split("- `metrics`")[0]
+    assert set(re.findall(r"`([a-z_]+)`", listed)) - {"remote_error"} == entry.keys() - {"id"}
+
+
+def test_a_command_reads_under_the_lock(configured: Administrator, tree: Path) -> None:
+    assert configured.follow("Reading safely").stdout.split() == sorted(path.name for path in tree.iterdir())
+
+
+def test_a_volume_that_comes_back_has_its_databases(configured: Administrator, tree: Path, nginx: Nginx) -> None:
+    requests = nginx.requests()
+    configured.follow("Moving volumes")
+    trees.assert_same(tree, configured.device.installed(DATABASE))
+    assert f"{DATABASE}: ok" in configured.device.run_ok("check").stdout
+    assert nginx.requests() == requests
+
+
+def test_a_volume_that_was_torn_out_is_made_up_for(
+    configured: Administrator, volumes: Volumes, tree: Path
+) -> None:
+    device, other = configured.device, volumes.make("directory")
+    assert device.volume is not None
+    shutil.rmtree(device.volume)
+    VOLUMES.write_text(f"directory {device.volume}\ndirectory {other}\n")
+    settings = json.loads((CONFIGURATION / "data_update.conf").read_text())
+    settings["config"]["cur_volume"] = ""
+    (CONFIGURATION / "data_update.conf").write_text(json.dumps(settings))
+    assert 'set it to `""`, run\n`tarndbudctl init`, and then `tarndbudctl fix`' in section("Moving volumes")
+    device.run_ok("init")
+    device.run_ok("fix")
+    device.volume = other
+    trees.assert_same(tree, device.installed(DATABASE))
+
+
+def test_repairing_brings_back_what_was_damaged(configured: Administrator, tree: Path) -> None:
+    installed = configured.device.installed(DATABASE)
+    next(path for path in sorted(installed.rglob("*")) if path.is_file()).write_bytes(b"damaged")
+    result = configured.follow("Repairing", options=("-u",))
+    assert f"{DATABASE}: needs a fix" in result.stdout
+    assert f"{DATABASE}: repaired, now version 1000" in result.stdout
+    assert f"{DATABASE}: installed version 1000" in result.stdout
+    trees.assert_same(tree, installed)
+
+
+def test_a_second_key_is_trusted_beside_the_first(configured: Administrator) -> None:
+    configured.follow("Rotating keys")
+    assert sorted(path.name for path in KEYS.iterdir()) == ["release.pub", "release2.pub"]
+
+
+def test_the_example_hook_runs_where_the_document_puts_it(
+    configured: Administrator, publisher: Publisher, tree: Path
+) -> None:
+    configured.follow("Hooks")
+    (hook,) = HOOKS.rglob("50-notify")
+    hook.write_text(hook.read_text() + f'echo "$1" >> "{tree.parent}/ran"\n')
+    publisher.publish(tree, DATABASE)
+    configured.device.update(DATABASE)
+    assert (tree.parent / "ran").read_text().split() == ["pre", "post"]
