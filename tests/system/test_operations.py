@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 from harness import programs, trees
-from harness.device import CONFIGURATION, HOOKS, KEYS, VOLUMES, Device
+from harness.device import CONFIGURATION, HOOKS, KEYS, Device, empty
 from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.webserver import Nginx
@@ -48,8 +48,8 @@ class Administrator:
     def follow(self, heading: str, language: str = "sh", options: tuple[str, ...] = ("-eu",)) -> programs.Result:
         script = blocks(language, heading)
         assert script, heading
-        for old, new in self._places.items():
-            script = script.replace(old, new)
+        places = "|".join(map(re.escape, self._places))
+        script = re.sub(places, lambda match: self._places[match.group()], script)
         path = self._home / "section.sh"
         path.write_text(re.sub(r"^17 \* \* \* \* root ", "", script))
         result = programs.run("/bin/bash", *options, path)
@@ -129,8 +129,8 @@ def test_a_volume_that_was_torn_out_is_made_up_for(
 ) -> None:
     device, other = configured.device, volumes.make("directory")
     assert device.volume is not None
-    shutil.rmtree(device.volume)
-    VOLUMES.write_text(f"directory {device.volume}\ndirectory {other}\n")
+    empty(device.volume)
+    device.list_volumes(other)
     settings = json.loads((CONFIGURATION / "data_update.conf").read_text())
     settings["config"]["cur_volume"] = ""
     (CONFIGURATION / "data_update.conf").write_text(json.dumps(settings))
