@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Holds the tables of messages in docs/operations.md against the messages in the sources.
 
-usage: messages_check.py
+usage: messages_check.py [CHECKOUT]
 
 Every text in the sources that can reach an administrator as an error or a warning has a row in one of the tables, and
 every row has its text in the sources. A text is taken for a message unless where it stands says otherwise: help,
@@ -17,8 +17,7 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-TABLES = ROOT / "docs" / "operations.md"
+TABLES = "docs/operations.md"
 FOLDERS = ("dataupdate", "platform", "tools")
 
 # What is given to these calls, or initialises these constants, is no complaint.
@@ -75,8 +74,9 @@ class Scope:
 class Scanner:
     """Finds the texts of one file and judges each by what it stands in."""
 
-    def __init__(self, path: Path) -> None:
+    def __init__(self, path: Path, name: str) -> None:
         self._path = path
+        self._name = name
         self._tokens: list[str] = []
         self._scopes: list[Scope] = []
         self._statement: list[str] = []
@@ -99,7 +99,7 @@ class Scanner:
             line += token.count("\n")
 
     def _literal(self, text: str, line: int) -> Literal:
-        literal = Literal(f"{self._path.relative_to(ROOT)}:{line}", text, self._is_quiet(text))
+        literal = Literal(f"{self._name}:{line}", text, self._is_quiet(text))
         self._take('"')
         return literal
 
@@ -146,16 +146,16 @@ def fragments(text: str) -> list[str]:
     return [plain(part) for part in CONVERSION.split(text) if plain(part)]
 
 
-def literals() -> list[Literal]:
-    paths = (path for folder in FOLDERS for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".cpp", ".h"))
-    return [literal for path in paths for literal in Scanner(path).literals()]
+def literals(root: Path) -> list[Literal]:
+    paths = (path for folder in FOLDERS for path in sorted((root / folder).rglob("*")) if path.suffix in (".cpp", ".h"))
+    return [literal for path in paths for literal in Scanner(path, str(path.relative_to(root))).literals()]
 
 
-def rows() -> list[str]:
+def rows(root: Path) -> list[str]:
     """The messages in the first column of the tables headed "message"."""
     found: list[str] = []
     in_table = False
-    for line in TABLES.read_text().splitlines():
+    for line in (root / TABLES).read_text().splitlines():
         in_table = line.startswith("| message |") or (in_table and line.startswith("|"))
         if in_table:
             found += re.findall(r"`([^`]+)`", re.split(r"(?<!\\)\|", line)[1])
@@ -171,25 +171,27 @@ def says_much(text: str) -> bool:
     return TWO_WORDS.search(text) is not None
 
 
-def main() -> int:
-    messages = [plain(part) for row in rows() for part in row.split("…") if plain(part)]
-    all_texts = literals()
+def main(arguments: list[str]) -> int:
+    root = Path(arguments[0]) if arguments else Path(__file__).resolve().parent.parent
+    table = rows(root)
+    messages = [plain(part) for row in table for part in row.split("…") if plain(part)]
+    all_texts = literals(root)
     known = {part for literal in all_texts for part in fragments(literal.text)}
     faults = [
-        f'{literal.where}: no row in {TABLES.relative_to(ROOT)} for "{part}"'
+        f'{literal.where}: no row in {TABLES} for "{part}"'
         for literal in all_texts
         if not literal.quiet
         for part in fragments(literal.text)
         if says_much(part) and not any(holds(message, part) for message in messages)
     ]
     faults += [
-        f'{TABLES.relative_to(ROOT)}: nothing in the sources says "{message}"'
+        f'{TABLES}: nothing in the sources says "{message}"'
         for message in messages
         if not any(holds(message, part) and says_much(part) >= says_much(message) for part in known)
     ]
-    print("\n".join(faults + [f"{len(rows())} messages in the tables, {len(faults)} faults"]))
-    return 1 if faults or not rows() else 0
+    print("\n".join(faults + [f"{len(table)} messages in the tables, {len(faults)} faults"]))
+    return 1 if faults or not table else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(sys.argv[1:]))
