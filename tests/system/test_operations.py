@@ -10,22 +10,14 @@ from pathlib import Path
 import pytest
 from harness import programs, trees
 from harness.device import CONFIGURATION, HOOKS, KEYS, Device, empty
+from harness.documents import Document
 from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
 SOURCE = Path(__file__).resolve().parents[2]
-DOCUMENT = SOURCE / "docs/operations.md"
+DOCUMENT = Document(SOURCE / "docs/operations.md")
 DATABASE = "zones"
-
-
-def section(heading: str) -> str:
-    return DOCUMENT.read_text().split(f"\n## {heading}\n")[1].split("\n## ")[0]
-
-
-def blocks(language: str, heading: str) -> str:
-    """The code of a language in a section."""
-    return "".join(re.findall(rf"^```{language}\n(.*?)^```$", section(heading), re.MULTILINE | re.DOTALL))
 
 
 class Administrator:
@@ -46,7 +38,7 @@ class Administrator:
         }
 
     def follow(self, heading: str, language: str = "sh", options: tuple[str, ...] = ("-eu",)) -> programs.Result:
-        script = blocks(language, heading)
+        script = DOCUMENT.code(language, heading)
         assert script, heading
         places = "|".join(map(re.escape, self._places))
         script = re.sub(places, lambda match: self._places[match.group()], script)
@@ -74,7 +66,7 @@ def administrator(
     for name in ("release", "release2"):
         shutil.copyfile(publisher.public_key, tmp_path / f"{name}.pub")
     device = Device(volumes.make("directory"), nginx.netloc)
-    device.databases = json.loads(re.findall(r"^\{ \"zones.*$", section("Configuring"), re.MULTILINE)[0])
+    device.databases = json.loads(re.findall(r"^\{ \"zones.*$", DOCUMENT.section("Configuring"), re.MULTILINE)[0])
     return Administrator(device, tmp_path, nginx.netloc)
 
 
@@ -105,10 +97,10 @@ def test_the_crontab_line_updates_what_is_scheduled(
 def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrator, tmp_path: Path) -> None:
     shown = configured.follow("Monitoring").stdout
     metrics = (tmp_path / "tarndbud.prom").read_text()
-    for name in re.findall(r"`(tarndbud_\w+)`", section("Monitoring")):
+    for name in re.findall(r"`(tarndbud_\w+)`", DOCUMENT.section("Monitoring")):
         assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
     entry = json.loads(shown[: shown.index("\n]") + 2])[0]
-    listed = section("Monitoring").split("For each database")[1].split("- `metrics`")[0]
+    listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- `metrics`")[0]
     assert set(re.findall(r"`([a-z_]+)`", listed)) - {"remote_error"} == entry.keys() - {"id"}
 
 
@@ -134,7 +126,7 @@ def test_a_volume_that_was_torn_out_is_made_up_for(
     settings = json.loads((CONFIGURATION / "data_update.conf").read_text())
     settings["config"]["cur_volume"] = ""
     (CONFIGURATION / "data_update.conf").write_text(json.dumps(settings))
-    assert 'set it to `""`, run\n`tarndbudctl init`, and then `tarndbudctl fix`' in section("Moving volumes")
+    assert 'set it to `""`, run\n`tarndbudctl init`, and then `tarndbudctl fix`' in DOCUMENT.section("Moving volumes")
     device.run_ok("init")
     device.run_ok("fix")
     device.volume = other

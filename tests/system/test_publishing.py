@@ -12,24 +12,15 @@ from pathlib import Path
 import pytest
 from harness import programs, trees
 from harness.device import CONFIGURATION, WGETRC, Device
+from harness.documents import Document
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
 SOURCE = Path(__file__).resolve().parents[2]
-DOCUMENT = SOURCE / "docs/publishing.md"
+DOCUMENT = Document(SOURCE / "docs/publishing.md")
 SERVER_BLOCK = Path("/usr/share/tarndbudpub/nginx/tarndbud.conf")
 SITE = "updates.example.org:8080"
 DATABASE = "zones"
-
-
-def blocks(language: str, heading: str) -> str:
-    """The code of a language in a section."""
-    section = DOCUMENT.read_text().split(f"\n## {heading}\n")[1].split("\n## ")[0]
-    return "".join(re.findall(rf"^```{language}\n(.*?)^```$", section, re.MULTILINE | re.DOTALL))
-
-
-def headings() -> list[str]:
-    return re.findall(r"^## (.*)$", DOCUMENT.read_text(), re.MULTILINE)
 
 
 class Desk:
@@ -46,7 +37,7 @@ class Desk:
 
     def follow(self, heading: str) -> programs.Result:
         """Runs a section's commands as they stand but for places and ports."""
-        script = blocks("sh", heading)
+        script = DOCUMENT.code("sh", heading)
         assert script, heading
         script = script.replace("/var/log/nginx", str(self.home / "nginx")).replace(SITE, self.server.netloc)
         for place in ("/srv", "/etc/tarndbudpub", "/usr/local/bin"):
@@ -119,15 +110,16 @@ def test_the_documents_commands_carry_a_device_from_nothing_through_all_versions
     assert len(downloads) == 5
 
 
-def test_every_command_of_the_document_is_run(desk: Desk) -> None:
+def test_every_command_of_the_document_is_run() -> None:
     """Sections with commands are those that the tests follow, and two that need a machine of their own."""
     source = Path(__file__).read_text()
-    followed = {heading for heading in headings() if f'follow("{heading}")' in source}
-    assert {heading for heading in headings() if blocks("sh", heading)} - followed == {"Installing", "The web server"}
+    followed = {heading for heading in DOCUMENT.headings() if f'follow("{heading}")' in source}
+    with_commands = {heading for heading in DOCUMENT.headings() if DOCUMENT.code("sh", heading)}
+    assert with_commands - followed == {"Installing", "The web server"}
 
 
 def test_the_server_block_is_installed_where_the_document_says() -> None:
-    assert f"cp {SERVER_BLOCK} /etc/nginx/sites-enabled/" in blocks("sh", "The web server")
+    assert f"cp {SERVER_BLOCK} /etc/nginx/sites-enabled/" in DOCUMENT.code("sh", "The web server")
     assert SERVER_BLOCK.read_text() == (SOURCE / "packaging/nginx/tarndbud.conf").read_text()
     assert (SERVER_BLOCK.parent / "tarndbud-cache.conf").exists()
 
@@ -140,7 +132,7 @@ class TlsServer(Nginx):
         super().__init__(SERVER_BLOCK, directory, home)
 
     def _server_block(self, template: str, directory: Path) -> str:
-        lines = blocks("nginx", "TLS").replace("listen 443 ssl;", f"listen {self.netloc} ssl;")
+        lines = DOCUMENT.code("nginx", "TLS").replace("listen 443 ssl;", f"listen {self.netloc} ssl;")
         lines = lines.replace("/etc/ssl/updates.example.org.pem", str(self._certificate))
         lines = lines.replace("/etc/ssl/private/updates.example.org.key", str(self._certificate))
         assert "\tlisten 8080;\n" in template

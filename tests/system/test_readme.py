@@ -4,24 +4,19 @@ from __future__ import annotations
 
 import json
 import os
-import re
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from harness import programs
+from harness.documents import Document
 from harness.volumes import Volumes
 from harness.webserver import free_port
 
 SOURCE = Path(__file__).resolve().parents[2]
 EXAMPLE = SOURCE / "examples/host.cpp"
+README = Document(SOURCE / "README.md")
 TOUR_VERSION = "20261120"
-
-
-def blocks(language: str, heading: str) -> list[str]:
-    """The code blocks of a language in a section of README.md."""
-    section = (SOURCE / "README.md").read_text().split(f"\n## {heading}\n")[1].split("\n## ")[0]
-    return re.findall(rf"^```{language}\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
 
 
 def replaced(text: str, old: str, new: str) -> str:
@@ -34,7 +29,7 @@ def tour(clean_device: None, volumes: Volumes, tmp_path: Path) -> Iterator[progr
     """The tour's commands, run in one shell with a free port and a volume that goes away in the place of its own."""
     if any(Path("/").glob("volume[0-9]*")):
         pytest.skip("needs a machine without /volume1, which the tour would use")
-    install, *commands = blocks("sh", "Five-minute tour")
+    install, *commands = README.blocks("sh", "Five-minute tour")
     assert "cmake --install" in install
     script = replaced("".join(commands), "8099", str(free_port()))
     script = replaced(script, "/srv/data", str(volumes.make("directory")))
@@ -52,11 +47,11 @@ def test_the_tour_installs_what_it_publishes(tour: programs.Result, tmp_path: Pa
 
 
 def test_the_program_in_the_readme_is_the_example() -> None:
-    assert blocks("cpp", "Linking the library") == [EXAMPLE.read_text()]
+    assert README.blocks("cpp", "Linking the library") == [EXAMPLE.read_text()]
 
 
 def test_the_readmes_line_compiles_the_example_into_a_host_that_runs(clean_device: None, tmp_path: Path) -> None:
-    (line,) = blocks("sh", "Linking the library")
+    (line,) = README.blocks("sh", "Linking the library")
     line = replaced(line, "examples/host.cpp", str(EXAMPLE))
     programs.run_ok("/bin/bash", "-c", replaced(line, "-o host", f"-o {tmp_path}/host"))
     programs.run_ok(tmp_path / "host")
