@@ -255,3 +255,15 @@ def test_the_record_of_a_diff_names_version_and_time_of_the_server(connected: De
     record = json.loads((STATUS / DATABASE / "version.json").read_text())
     entry = hand.entry(DATABASE)
     assert (record["data_version"], record["last_fetch_time"]) == ("4", entry["last_fetch_time"])
+
+
+def test_the_publishers_tools_read_packages_of_another_publisher(hand: HandPublisher) -> None:
+    versions = PATCHED_THRICE[:2]
+    publish_chain(hand, versions)
+    for part in ("v2", "d2"):
+        package = hand.package(DATABASE, part)
+        programs.run_ok(programs.PUB, "verify", package, "--key", hand.key.public)
+    shown = json.loads(programs.run_ok(programs.PUB, "inspect", package, "--json").stdout)
+    assert [(change["operation"], change["kind"], change["name"]) for change in shown["changes"]] == [
+        ("update", "vcdiff", "zones/europe.bin")
+    ]
