@@ -20,6 +20,8 @@ from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
+from bench.patches import PatchBench
+
 SOURCE = Path(__file__).resolve().parent.parent
 DATABASE = "bench"
 HASH_SPEED_SHARE = 0.95
@@ -40,14 +42,15 @@ class Scale:
     hash_bytes: int
     volume_bytes: int
     file_systems: tuple[str, ...]
+    patched_bytes: int
 
     @staticmethod
     def full(rounds: int) -> Scale:
-        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, ("ext4", "btrfs", "xfs"))
+        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, ("ext4", "btrfs", "xfs"), 315_000_000)
 
     @staticmethod
     def brief() -> Scale:
-        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, ("ext4",))
+        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, ("ext4",), 8_000_000)
 
 
 def make_tree(root: Path, files: int, file_bytes: int) -> None:
@@ -136,6 +139,12 @@ class Bench:
         path.unlink()
         # The first round filled the page cache.
         yield row(f"hash {self._scale.hash_bytes // MIB} MiB (openssl dgst)", ours[1:], peer[1:], 1 / HASH_SPEED_SHARE)
+
+    def vcdiff(self) -> Iterator[dict[str, object]]:
+        place = self._scratch / "patches"
+        place.mkdir()
+        yield from PatchBench(self._build, place).measure(self._scale.patched_bytes, self._scale.rounds)
+        shutil.rmtree(place)
 
     def update(self) -> Iterator[dict[str, object]]:
         publisher = Publisher(self._scratch / "publisher")
