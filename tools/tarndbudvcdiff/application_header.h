@@ -14,7 +14,7 @@ struct Promise {
 	std::string target_hash; ///< XXH3-128, 32 lower-case hexadecimal digits
 };
 
-/** No longer application header than this is one of ours. */
+/** Well above the length of the longest one that is ours. */
 constexpr std::size_t kLongestApplicationHeader = 128;
 
 /** `TARNVCD1 <source size> <target size> <target hash>`. */

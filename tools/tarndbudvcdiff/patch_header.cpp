@@ -63,14 +63,14 @@ PatchHeader::CustomTable ReadCustomTable(SectionReader& reader, std::uint64_t pa
 std::optional<Promise> ReadApplicationHeader(SectionReader& reader, std::uint64_t patch_end) {
 	const std::uint64_t end = ReadPartEnd(reader, "an application header");
 	const std::uint64_t length = end - reader.Position();
-	// Nothing longer is ever held; what follows the beginning of a long one matters to nobody.
+	// Nothing longer is ever held: what is cut is too long to be one of ours, and of others nobody reads anything.
 	std::string text(static_cast<std::size_t>(std::min<std::uint64_t>(length, kLongestApplicationHeader)), '\0');
 	for (char& character : text) {
 		character = static_cast<char>(reader.ReadByte());
 	}
 	std::optional<Promise> promise;
 	if (IsOurApplicationHeader(text)) {
-		promise = length == text.size() ? ParseApplicationHeader(text) : std::nullopt;
+		promise = ParseApplicationHeader(text);
 		if (!promise) {
 			reader.Fail("the application header is malformed");
 		}
