@@ -14,7 +14,6 @@ namespace {
 using tarn::vcdiff::BufferSizes;
 using tarn::vcdiff::Byte;
 using tarn::vcdiff::DecodeError;
-using tarn::vcdiff::DecodeLimits;
 using tarn::vcdiff::DecodePatch;
 using tarn::vcdiff::MemoryBytes;
 

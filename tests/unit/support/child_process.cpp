@@ -34,6 +34,7 @@ private:
 ChildResult RunChild(const std::vector<std::string>& command, const std::string& directory) {
 	std::vector<std::string> words = command;
 	std::vector<char*> arguments;
+	arguments.reserve(words.size() + 1);
 	for (std::string& word : words) {
 		arguments.push_back(word.data());
 	}
