@@ -28,6 +28,7 @@ def assert_published(published: Path, installed: Path) -> int:
     changed = [name for name in expected if expected[name] != actual[name]]
     for name in changed:
         assert is_database(published / name), f"{name} has other bytes"
+        assert not edits.journal_of(published / name).exists(), f"the journal of {name} fits other bytes"
         assert databases.content(installed / name) == databases.content(published / name), name
     return len(changed)
 

@@ -9,9 +9,10 @@ from pathlib import Path
 
 import pytest
 from harness import databases, packages, programs, trees
-from harness.device import DATABASE, STATUS, Device
+from harness.device import DATABASE, ROOT_DATABASE, STATUS, Device
 from harness.packages import Diff, HandPublisher
 from harness.syslog import Syslog
+from harness.volumes import MIB, Volumes
 from harness.webserver import Nginx
 
 Files = dict[str, bytes]
@@ -153,6 +154,27 @@ def test_what_a_diff_changed_is_recorded_by_its_name_in_the_tree(connected: Devi
     result = connected.run("check", DATABASE)
     assert result.status == 4, str(result)
     assert "zones/added" in result.stdout
+
+
+def test_a_database_on_the_root_file_system_is_patched_as_well(
+    connected: Device, hand: HandPublisher, nginx: Nginx, volumes: Volumes
+) -> None:
+    # The working copies lie on another file system than the installed files.
+    volume = volumes.make("tmpfs", 64 * MIB)
+    connected.volume = volume
+    connected.list_volumes(volume)
+    connected.add_database(ROOT_DATABASE, on_root=True)
+    tool = packages.Member(b"tool 1" * 99, executable=True)
+    hand.full(ROOT_DATABASE, 1, {"data/file": b"file 1" * 99, "tool": tool})
+    connected.update(ROOT_DATABASE)
+    hand.full(ROOT_DATABASE, 2, {"data/file": b"file 2" * 99, "tool": b"unused"})
+    diff = Diff().patch("data/file", b"file 1" * 99, b"file 2" * 99).patch("tool", tool.content, b"tool 2" * 99)
+    hand.diff(ROOT_DATABASE, 2, diff)
+    connected.update(ROOT_DATABASE)
+    assert nginx.packages() == ["v1", "d2"]
+    installed = connected.installed(ROOT_DATABASE)
+    trees.assert_holds(installed, {"data/file": b"file 2" * 99, "tool": b"tool 2" * 99})
+    assert trees.executables(installed) == {"tool"}
 
 
 def test_a_diff_after_a_diff_goes_on_from_there(connected: Device, hand: HandPublisher, nginx: Nginx) -> None:

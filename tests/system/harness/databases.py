@@ -40,6 +40,19 @@ def changed_at(path: Path, statements: Iterable[str]) -> None:
         connection.close()
 
 
+def journal_after(path: Path, statements: Iterable[str]) -> bytes:
+    """The journal that a database in WAL mode would have after statements which do not reach its own file."""
+    with tempfile.TemporaryDirectory() as directory:
+        place = shutil.copyfile(path, Path(directory, "open.sqlite"))
+        connection = sqlite3.connect(place, isolation_level=None)
+        try:
+            for statement in statements:
+                connection.execute(statement)
+            return place.with_name("open.sqlite-wal").read_bytes()
+        finally:
+            connection.close()
+
+
 def content(path: Path) -> dict[str, list[Row]]:
     """The schema and every table's rows, with their ids and the exact types and values."""
     with tempfile.TemporaryDirectory() as directory:

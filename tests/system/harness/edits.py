@@ -14,6 +14,11 @@ NAMES = ("data", "names", "liste", "файл", "with blank", "v1.2", "quote'd", 
 VALUES = ("NULL", "17", "-9223372036854775808", "1.5e300", "0.1", "''", "'it''s; quoted'", "x'00ff0a0d'", "'東京'")
 LINE_BREAKS = ("'two' || char(10) || 'lines'", "'end' || char(13)", "'a' || char(0) || 'b'")
 DATABASE_ENDING = ".sqlite"
+JOURNAL_ENDING = DATABASE_ENDING + "-wal"
+
+
+def journal_of(database: Path) -> Path:
+    return database.with_name(database.name + "-wal")
 
 
 class Tree:
@@ -25,7 +30,7 @@ class Tree:
         self._edits: list[tuple[int, Callable[[], None]]] = [
             (4, self.add), (3, self.add_database), (10, self.change_bytes), (4, self.insert), (3, self.truncate),
             (3, self.delete), (2, self.rename), (2, self.replace), (2, self.flip_executable), (2, self.make_empty),
-            (12, self.change_rows), (1, self.change_schema), (1, self.file_to_folder),
+            (12, self.change_rows), (1, self.change_schema), (1, self.file_to_folder), (1, self.leave_journal),
         ]  # fmt: skip
 
     def fill(self) -> None:
@@ -44,7 +49,8 @@ class Tree:
             self.add()
 
     def files(self) -> list[Path]:
-        return sorted(path for path in self.root.rglob("*") if path.is_file())
+        """All but the journals, which belong to their databases."""
+        return sorted(path for path in self.root.rglob("*") if path.is_file() and not path.name.endswith(JOURNAL_ENDING))
 
     def _plain(self) -> list[Path]:
         return [path for path in self.files() if path.suffix != DATABASE_ENDING]
@@ -105,12 +111,14 @@ class Tree:
         path = self._pick(self.files())
         if path:
             path.unlink()
+            journal_of(path).unlink(missing_ok=True)
 
     def rename(self) -> None:
         path = self._pick(self.files())
         target = path and self._new_path(path.suffix)
         if path and target:
             path.rename(target)
+            journal_of(path).unlink(missing_ok=True)
 
     def flip_executable(self) -> None:
         path = self._pick(self.files())
@@ -172,3 +180,11 @@ class Tree:
                 f"PRAGMA user_version = {self._source.randrange(100)}", "VACUUM", "PRAGMA journal_mode = WAL",
                 f"CREATE TRIGGER IF NOT EXISTS {name}_t AFTER DELETE ON t BEGIN DELETE FROM t WHERE b = 1; END",
             ))])  # fmt: skip
+
+    def leave_journal(self) -> None:
+        """As when the tree is copied while somebody has the database open."""
+        path = self._pick(self._databases())
+        if path:
+            databases.changed_at(path, ["PRAGMA journal_mode = WAL"])
+            kept = databases.journal_after(path, [self._row_change() for _ in range(5)])
+            journal_of(path).write_bytes(kept)
