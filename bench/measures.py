@@ -20,6 +20,7 @@ from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
+from bench import sizes
 from bench.patches import PatchBench
 
 SOURCE = Path(__file__).resolve().parent.parent
@@ -41,16 +42,17 @@ class Scale:
     file_bytes: int
     hash_bytes: int
     volume_bytes: int
+    size_bytes: int
     file_systems: tuple[str, ...]
     patched_bytes: int
 
     @staticmethod
     def full(rounds: int) -> Scale:
-        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, ("ext4", "btrfs", "xfs"), 315_000_000)
+        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, 100_000_000, ("ext4", "btrfs", "xfs"), 315_000_000)
 
     @staticmethod
     def brief() -> Scale:
-        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, ("ext4",), 8_000_000)
+        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, 2_000_000, ("ext4",), 8_000_000)
 
 
 def make_tree(root: Path, files: int, file_bytes: int) -> None:
@@ -139,6 +141,9 @@ class Bench:
         path.unlink()
         # The first round filled the page cache.
         yield row(f"hash {self._scale.hash_bytes // MIB} MiB (openssl dgst)", ours[1:], peer[1:], 1 / HASH_SPEED_SHARE)
+
+    def size(self) -> Iterator[dict[str, object]]:
+        yield from sizes.compare(Publisher(self._scratch / "sizes-publisher"), self._scratch, self._scale.size_bytes)
 
     def vcdiff(self) -> Iterator[dict[str, object]]:
         place = self._scratch / "patches"
