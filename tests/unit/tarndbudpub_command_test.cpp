@@ -1,5 +1,6 @@
 // The publisher's commands: arguments, exit codes, what they print and where.
 #include "command_line.h"
+#include "diff_fixture.h"
 #include "exit_codes.h"
 #include "progress.h"
 #include "publish_error.h"
@@ -185,6 +186,50 @@ TEST_F(Command, InspectListsMembersAndSaysThatItVerifiesNothing) {
 	EXPECT_EQ(value["members"][0]["name"].asString(), "file");
 	EXPECT_EQ(value["members"][0]["size"].asInt(), 7);
 	ExpectFailure(Run({"inspect", directory_ / "missing"}), "cannot open: No such file or directory");
+}
+
+TEST_F(Command, PublishSumsUpTheDiff) {
+	Put("file", Noise(5000, 1));
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	Put("file", Noise(5000, 1) + "more");
+	Put("new", "new");
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	EXPECT_THAT(out_.str(), HasSubstr("\nDiff from version 1: "));
+	EXPECT_THAT(
+	    out_.str(), HasSubstr(" % of the full package; files created 1, replaced 0, patched 1, scripted 0, deleted "
+	                          "0. Devices come by diffs from version 1 on.\n"));
+	terminal_ = true;
+	ASSERT_EQ(Run(PublishArguments({"--keep-diffs", "1"})), publisher::kDone);
+	EXPECT_THAT(err_.str(), HasSubstr("verifying"));
+	EXPECT_EQ(Run(PublishArguments({"--keep-diffs", "-1"})), publisher::kUsage);
+	EXPECT_EQ(Run(PublishArguments({"--old-key", directory_ / "missing"})), publisher::kFailed);
+}
+
+TEST_F(Command, InspectListsWhatADiffDoesAndHow) {
+	Put("file", Noise(5000, 1));
+	Put("gone", "gone");
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	Put("file", Noise(5000, 1) + "more");
+	Put("new", "new");
+	std::filesystem::remove(options_.tree + "/gone");
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	const std::string diff = options_.repository + "/packages/db/db_d2.tarn";
+	EXPECT_EQ(Run({"inspect", diff}), publisher::kDone);
+	EXPECT_THAT(out_.str(), HasSubstr("  update     vcdiff   file\n"));
+	EXPECT_THAT(out_.str(), HasSubstr("             0  delete     -        gone\n"));
+	EXPECT_THAT(out_.str(), HasSubstr("             3  create     whole    new\n"));
+	EXPECT_THAT(out_.str(), HasSubstr("             3  total      whole    1 file\n"));
+	EXPECT_EQ(Run({"inspect", diff, "--json"}), publisher::kDone);
+	Json::Value value;
+	std::istringstream(out_.str()) >> value;
+	ASSERT_EQ(value["changes"].size(), 3U);
+	EXPECT_EQ(value["changes"][0]["name"].asString(), "file");
+	EXPECT_EQ(value["changes"][0]["kind"].asString(), "vcdiff");
+	EXPECT_EQ(value["changes"][2]["operation"].asString(), "create");
+	EXPECT_EQ(value["changes"][2]["size"].asInt(), 3);
+	EXPECT_EQ(value["totals"]["whole"]["files"].asInt(), 1);
+	EXPECT_EQ(value["metadata"]["kind"].asString(), "diff");
+	EXPECT_EQ(Run({"verify", diff, "--key", directory_ / "key.pub"}), publisher::kDone);
 }
 
 TEST(HumanSize, UsesTheUnitThatReadsBest) {

@@ -178,7 +178,7 @@ public:
 		}
 		repository_.WriteEntry(
 		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
-		repository_.Clean(options_.id);
+		Sweep();
 		return std::move(result_);
 	}
 
@@ -200,6 +200,15 @@ private:
 			diff_.reset();
 			observer_.warn("Version " + std::to_string(result_.data_version) + " has no diff package: " + error.what() +
 			               ". Devices take the full package.");
+		}
+	}
+
+	/** Removes the diff packages that the document names no longer; what is published stays published without it. */
+	void Sweep() {
+		try {
+			repository_.Clean(options_.id);
+		} catch (const std::exception& error) {
+			observer_.warn(std::string("Old diff packages could not be removed: ") + error.what());
 		}
 	}
 
