@@ -95,6 +95,23 @@ TEST_F(VolumeCommandTest, MovesTheDatabasesAway) {
 	EXPECT_FALSE(std::filesystem::exists(first_ + "/@database/autoupdate"));
 }
 
+TEST_F(VolumeCommandTest, LetsTheRecordsFollowTheFiles) {
+	UseVolume(first_);
+	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
+	dataupdate::DatabaseStatus status;
+	status.data_version = 3;
+	status.file_statuses[first_ + "/@database/autoupdate/geo/file"] = dataupdate::FileStatus("a");
+	status.file_statuses["relative"] = dataupdate::FileStatus("b");
+	status.file_statuses["/elsewhere"] = dataupdate::FileStatus("c");
+	services_.info->SetDatabaseStatus("geo", status);
+	Run(RunVolumeUnmounting, first_);
+	const std::map<std::string, dataupdate::FileStatus> expected = {
+	    {second_ + "/@database/autoupdate/geo/file", dataupdate::FileStatus("a")},
+	    {"relative", dataupdate::FileStatus("b")}, {"/elsewhere", dataupdate::FileStatus("c")}};
+	EXPECT_EQ(services_.info->GetDatabaseStatus("geo").file_statuses, expected);
+	EXPECT_EQ(services_.info->GetDatabaseStatus("geo").data_version, 3);
+}
+
 TEST_F(VolumeCommandTest, GivesUpTheVolumeWhenThereIsNoOther) {
 	UseVolume(first_);
 	ListVolumes({first_});

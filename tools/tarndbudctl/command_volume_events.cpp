@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "databases.h"
+#include "text.h"
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/interruption.h>
@@ -10,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include <list>
+#include <map>
 #include <memory>
 
 namespace tarn::ctl {
@@ -60,6 +62,22 @@ private:
 	std::list<dataupdate::FileLock> locks_;
 };
 
+/** Records name files by absolute paths as well, which would be missed at the old place. */
+void MoveRecords(const Services& services, const std::string& from, const std::string& to) {
+	const std::string prefix = from + "/";
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
+		std::map<std::string, dataupdate::FileStatus> moved;
+		for (const auto& [name, file] : status.file_statuses) {
+			moved.emplace(StartsWith(name, prefix) ? to + name.substr(from.size()) : name, file);
+		}
+		if (moved != status.file_statuses) {
+			status.file_statuses = std::move(moved);
+			services.info->SetDatabaseStatus(id, status);
+		}
+	}
+}
+
 void AnswerToUnmount(
     const Services& services, const Options& options, const SeenVolumeHandler& handler, const std::string& path) {
 	const std::string now = services.config->GetCurVolume();
@@ -68,6 +86,7 @@ void AnswerToUnmount(
 		return;
 	}
 	if (!now.empty()) {
+		MoveRecords(services, handler.GetMainDirPath(path), handler.GetMainDirPath(now));
 		Answer(
 		    services, options, "The databases were moved from " + path + " to " + now + ".\n", Describe("moved", now));
 		return;

@@ -1,0 +1,120 @@
+# Completion for tarndbudctl, tarndbudpub and tarndbudvcdiff. Needs nothing but bash.
+
+# The ids of the configured databases; the machine's own list replaces the shipped one.
+_tarndbud_ids() {
+	local file
+	for file in /usr/tarn/etc/data_update/databases.conf /usr/share/data_update/databases.conf; do
+		if [[ -r $file ]]; then
+			python3 -c 'import json, sys; print(*json.load(open(sys.argv[1])))' "$file" 2>/dev/null
+			return
+		fi
+	done
+}
+
+# _tarndbud_offer WORDS: those that begin like the word at the cursor.
+_tarndbud_offer() {
+	mapfile -t COMPREPLY < <(compgen -W "$1" -- "${COMP_WORDS[COMP_CWORD]}")
+}
+
+_tarndbud_offer_files() { # [COMPGEN OPTION]
+	compopt -o filenames 2>/dev/null
+	mapfile -t COMPREPLY < <(compgen "${1:--f}" -- "${COMP_WORDS[COMP_CWORD]}")
+}
+
+# The Nth word that is no option (from 1), before the cursor.
+_tarndbud_word() {
+	local word seen=0
+	for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+		if [[ $word != -* ]] && ((++seen == $1)); then
+			printf '%s' "$word"
+			return
+		fi
+	done
+}
+
+_tarndbudctl_command() {
+	local word
+	for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+		if [[ $word == -- ]]; then
+			_tarndbud_offer_files -c
+			return
+		fi
+	done
+	case ${COMP_WORDS[COMP_CWORD - 1]} in
+	--output) _tarndbud_offer_files ;;
+	--timeout) COMPREPLY=() ;;
+	*) _tarndbud_offer "--timeout -- --verbose --help $(_tarndbud_ids)" ;;
+	esac
+}
+
+_tarndbudctl() {
+	local command
+	command=$(_tarndbud_word 1)
+	case $command in
+	'') _tarndbud_offer "init status update check fix force-install read refresh metrics schedule volume --verbose --version --help" ;;
+	init | refresh) _tarndbud_offer '--json --verbose --help' ;;
+	status) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
+	update | fix) _tarndbud_offer "--all --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	check) _tarndbud_offer "--all --timeout --json --verbose --help $(_tarndbud_ids)" ;;
+	force-install) _tarndbud_offer "--no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	read) _tarndbudctl_command ;;
+	metrics)
+		if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --output ]]; then
+			_tarndbud_offer_files
+		else
+			_tarndbud_offer '--output --verbose --help'
+		fi
+		;;
+	schedule)
+		if [[ -n $(_tarndbud_word 2) ]]; then
+			_tarndbud_offer 'on off --json --verbose --help'
+		else
+			_tarndbud_offer "--json --verbose --help $(_tarndbud_ids)"
+		fi
+		;;
+	volume) _tarndbudctl_volume ;;
+	esac
+}
+
+_tarndbudctl_volume() {
+	case $(_tarndbud_word 2) in
+	'') _tarndbud_offer 'show mounted unmounting --help' ;;
+	show) _tarndbud_offer '--json --verbose --help' ;;
+	*)
+		if [[ ${COMP_WORDS[COMP_CWORD]} == -* ]]; then
+			_tarndbud_offer '--timeout --json --verbose --help'
+		else
+			_tarndbud_offer_files -d
+		fi
+		;;
+	esac
+}
+
+_tarndbudpub() {
+	if [[ ${COMP_WORDS[COMP_CWORD]} != -* && -n $(_tarndbud_word 1) ]]; then
+		_tarndbud_offer_files
+		return
+	fi
+	case $(_tarndbud_word 1) in
+	'') _tarndbud_offer 'keygen publish verify inspect --version --help' ;;
+	keygen) _tarndbud_offer '--help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --help' ;;
+	verify) _tarndbud_offer '--key --help' ;;
+	inspect) _tarndbud_offer '--json --help' ;;
+	esac
+}
+
+_tarndbudvcdiff() {
+	if [[ ${COMP_WORDS[COMP_CWORD]} != -* && -n $(_tarndbud_word 1) ]]; then
+		_tarndbud_offer_files
+		return
+	fi
+	case $(_tarndbud_word 1) in
+	'') _tarndbud_offer 'decode --version --help' ;;
+	decode) _tarndbud_offer '--max-output --help' ;;
+	esac
+}
+
+complete -F _tarndbudctl tarndbudctl
+complete -F _tarndbudpub tarndbudpub
+complete -F _tarndbudvcdiff tarndbudvcdiff
