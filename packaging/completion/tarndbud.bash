@@ -98,7 +98,7 @@ _tarndbudpub() {
 	case $(_tarndbud_word 1) in
 	'') _tarndbud_offer 'keygen publish verify inspect --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
-	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --keep-diffs --old-key --help' ;;
 	verify) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;
 	esac
