@@ -18,6 +18,7 @@ from harness.webserver import Nginx
 SOURCE = Path(__file__).resolve().parents[2]
 DOCUMENT = Document(SOURCE / "docs/operations.md")
 DATABASE = "zones"
+UNITS = Path("/usr/lib/systemd/system")
 
 
 class Administrator:
@@ -92,6 +93,13 @@ def test_the_crontab_line_updates_what_is_scheduled(
     configured.follow("Scheduling", "crontab")
     assert configured.device.version(DATABASE) == 1001
     trees.assert_same(tree, configured.device.installed(DATABASE))
+
+
+def test_the_units_that_the_document_names_are_installed(product: None) -> None:
+    text = "".join(DOCUMENT.section(heading) for heading in DOCUMENT.headings())
+    named = {re.sub("@.*?\\.", "@.", unit) for unit in re.findall(r"tarndbud-[\w@]+\.(?:service|timer)", text)}
+    assert len(named) == 4
+    assert {unit for unit in named if not (UNITS / unit).exists()} == set()
 
 
 def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrator, tmp_path: Path) -> None:
