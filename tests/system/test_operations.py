@@ -18,7 +18,7 @@ from harness.webserver import Nginx
 SOURCE = Path(__file__).resolve().parents[2]
 DOCUMENT = Document(SOURCE / "docs/operations.md")
 DATABASE = "zones"
-UNITS = Path("/usr/lib/systemd/system")
+UNITS = Path("/lib/systemd/system")
 
 
 class Administrator:
