@@ -36,17 +36,13 @@ void CheckRegular(const std::string& path) {
 	}
 }
 
-/** Removes a file, or a directory in which no file is left. */
-void RemoveInstalled(const fs::path& path) {
-	if (fs::is_directory(fs::symlink_status(path))) {
-		const auto remove_directory = [](const std::string& entry) {
-			if (fs::is_directory(fs::symlink_status(entry))) {
-				fs::remove(entry);
-			}
-		};
-		IOUtils().IterateDirectory(path.string(), remove_directory, true);
-	}
-	fs::remove(path);
+void RemoveEmptyDirectories(const fs::path& below) {
+	const auto remove_directory = [](const std::string& entry) {
+		if (fs::is_directory(fs::symlink_status(entry)) && fs::is_empty(entry)) {
+			fs::remove(entry);
+		}
+	};
+	IOUtils().IterateDirectory(below.string(), remove_directory, true);
 }
 
 /** Gives a file another content; whatever made that knows nothing of the file's permissions. */
@@ -76,20 +72,33 @@ void Patcher::ApplyPackage(const std::string& package_directory) {
 }
 
 void Patcher::Install() const {
-	// Deletions come first, because a file may take the place of a directory, and a directory that of a file.
 	for (const auto& [name, info] : modify_infos_) {
-		if (info.operation == ModifyInfo::kDelete) {
-			fs::remove(fs::path(install_directory_) / name);
+		const fs::path installed = fs::path(install_directory_) / name;
+		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
+		const bool stays_directory = is_directory && _DeleteBelow(name) && info.operation == ModifyInfo::kDelete;
+		if (!stays_directory) {
+			fs::remove(installed);
 		}
-	}
-	for (const auto& [name, info] : modify_infos_) {
 		if (info.operation == ModifyInfo::kOverride) {
-			const fs::path installed = fs::path(install_directory_) / name;
-			RemoveInstalled(installed);
 			fs::create_directories(installed.parent_path());
 			InstallRegularFile(info.source, installed.string());
 		}
 	}
+}
+
+bool Patcher::_DeleteBelow(const std::string& name) const {
+	const std::string prefix = name + "/";
+	bool has_files = false;
+	for (auto entry = modify_infos_.lower_bound(prefix);
+	     entry != modify_infos_.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
+		if (entry->second.operation == ModifyInfo::kDelete) {
+			fs::remove(fs::path(install_directory_) / entry->first);
+		} else {
+			has_files = true;
+		}
+	}
+	RemoveEmptyDirectories(fs::path(install_directory_) / name);
+	return has_files;
 }
 
 void Patcher::_PatchFile(const std::string& name, const std::string& operation, const std::string& input) {

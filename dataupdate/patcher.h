@@ -51,6 +51,11 @@ public:
 	void Install() const;
 
 private:
+	/**
+	 * For a directory that has a file's name: deletes now what the chain deletes in it, because a file may be about to
+	 * take its place. Returns whether the chain puts files into it as well.
+	 */
+	bool _DeleteBelow(const std::string& name) const;
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
 	void _TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);

@@ -325,6 +325,16 @@ TEST_F(PatcherTest, TurnsAFileIntoADirectoryAndBack) {
 	EXPECT_EQ(ReadFile(Installed("b")), "new");
 }
 
+TEST_F(PatcherTest, KeepsADirectoryThatWasAFileOnTheWay) {
+	WriteFile(Installed("a/f"), "old");
+	WriteFile(Installed("a/gone"), "old");
+	Apply(Entry("a/f", "delete") + "," + Entry("a/gone", "delete") + "," + Entry("a", "create", "in"), {{"in", "x"}});
+	Apply(Entry("a", "delete") + "," + Entry("a/f", "create", "in"), {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("a", "a/f"));
+	EXPECT_EQ(ReadFile(Installed("a/f")), "new");
+}
+
 TEST_F(PatcherTest, RemovesNoDirectoryWithFilesThatItDoesNotKnow) {
 	WriteFile(Installed("b/unknown"), "precious");
 	Apply(Entry("b", "create", "in"), {{"in", "new"}});
