@@ -16,7 +16,7 @@ from harness.webserver import free_port
 SOURCE = Path(__file__).resolve().parents[2]
 EXAMPLE = SOURCE / "examples/host.cpp"
 README = Document(SOURCE / "README.md")
-TOUR_VERSION = "20261120"
+TOUR_VERSION = "20261121"  # of its second publication
 
 
 def replaced(text: str, old: str, new: str) -> str:
@@ -42,6 +42,8 @@ def test_the_tour_installs_what_it_publishes(tour: programs.Result, tmp_path: Pa
     assert tour.status == 0, str(tour)
     assert tour.stderr == ""
     assert "Europe" in tour.stdout.splitlines()
+    assert "zones_d20261121.tarn" in tour.stdout
+    assert "A line more." in tour.stdout.splitlines()
     entry = json.loads(programs.run_ok(programs.CTL, "status", "zones", "--json").stdout)[0]
     assert str(entry["installed_version"]) == TOUR_VERSION
 
