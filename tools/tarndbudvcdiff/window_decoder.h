@@ -14,7 +14,7 @@ namespace tarn::vcdiff {
 struct BufferSizes {
 	std::size_t section = 1U << 16U;
 	std::size_t read_ahead = 1U << 16U;
-	std::size_t block = 1U << 19U;
+	std::size_t block = 1U << 18U; ///< no more than a processor's own cache holds beside other things
 };
 
 /** Carries out the instructions of one window after the other. */
