@@ -11,7 +11,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -106,6 +106,12 @@ std::string QuotedName(const std::string& name) {
 	return quoted + "\"";
 }
 
+std::uint64_t BitsOf(double value) {
+	std::uint64_t bits = 0;
+	std::memcpy(&bits, &value, sizeof(bits));
+	return bits;
+}
+
 bool SameValue(const SQLite::Column& left, const SQLite::Column& right) {
 	if (left.getType() != right.getType()) {
 		return false;
@@ -113,11 +119,8 @@ bool SameValue(const SQLite::Column& left, const SQLite::Column& right) {
 	switch (left.getType()) {
 	case SQLITE_INTEGER:
 		return left.getInt64() == right.getInt64();
-	case SQLITE_FLOAT: {
-		const double one = left.getDouble();
-		const double other = right.getDouble();
-		return std::memcmp(&one, &other, sizeof(one)) == 0;
-	}
+	case SQLITE_FLOAT:
+		return BitsOf(left.getDouble()) == BitsOf(right.getDouble());
 	case SQLITE_NULL:
 		return true;
 	default:
@@ -234,7 +237,7 @@ std::optional<std::string> FindScriptObstacle(const std::string& before, const s
 	if (!before_header || !after_header) {
 		return "it is no database in both versions";
 	}
-	if (const auto difference = FindSettingDifference(*before_header, *after_header)) {
+	if (auto difference = FindSettingDifference(*before_header, *after_header)) {
 		return difference;
 	}
 	try {

@@ -59,7 +59,7 @@ std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes,
 		const std::string flat = dataupdate::FlatFileName(change.name);
 		const std::string& owner = owners.emplace(flat, change.name).first->second;
 		if (owner != change.name) {
-			return Quoted(owner) + " and " + Quoted(change.name) + " differ in \"/\" and \".\" alone";
+			return Quoted(owner) + " and " + Quoted(change.name) + R"( differ in "/" and "." alone)";
 		}
 		if (change.after && flat.size() > kMaxFlatName) {
 			return "the name " + Quoted(change.name) + " is longer than " + std::to_string(kMaxFlatName) + " bytes";

@@ -10,6 +10,20 @@ namespace tarn::test {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+/** Long content by its digest, so that a failed comparison can be read. */
+std::string ShortContent(const std::string& content) {
+	constexpr std::size_t kShort = 60;
+	if (content.size() < kShort) {
+		return content;
+	}
+	const codesign::Digest digest = codesign::Sha256(content.data(), content.size());
+	return std::to_string(content.size()) + " bytes " + codesign::Hex(digest.data(), digest.size());
+}
+
+} // namespace
+
 void UnpackPackage(const std::string& package, const std::string& public_key, const std::string& directory) {
 	const codesign::ArchiveFile archive(package);
 	std::vector<codesign::TrustedKey> keys;
@@ -17,16 +31,6 @@ void UnpackPackage(const std::string& package, const std::string& public_key, co
 	archive.Check(keys, 6);
 	const codesign::UniqueFd out(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	codesign::Extract(archive, out.Get());
-}
-
-/** Long content by its digest, so that a failed comparison can be read. */
-static std::string ShortContent(const std::string& content) {
-	constexpr std::size_t kShort = 60;
-	if (content.size() < kShort) {
-		return content;
-	}
-	const codesign::Digest digest = codesign::Sha256(content.data(), content.size());
-	return std::to_string(content.size()) + " bytes " + codesign::Hex(digest.data(), digest.size());
 }
 
 std::map<std::string, std::string> FilesBelow(const std::string& directory) {
