@@ -336,7 +336,7 @@ TEST(Exec, MoveGoesOnWithoutItsCaller) {
 
 TEST(Exec, MoveIsOutOfTheReachOfATerminalsKeys) {
 	// The third of what stands behind the name in parentheses is the process group's number.
-	constexpr char kLeads[] = R"(test "$(sed 's/.*) //' /proc/$$/stat | cut -d' ' -f3)" = $$)";
+	constexpr char kLeads[] = R"sh(test "$(sed 's/.*) //' /proc/$$/stat | cut -d' ' -f3)" = $$)sh";
 	EXPECT_EQ(TLIBCExec(kShell, "-c", kLeads, nullptr, nullptr), 0);
 }
 
