@@ -75,7 +75,7 @@ REFUSED: dict[str, tuple[Callable[[], Diff], str]] = {
                   "^Unsupported diff type: $"),
     "patch of another base": (lambda: usual().patch("readme", b"another base" * 900, NEW["readme"]),
                               "^Fail to apply vcdiff on .*_sum/readme$"),
-    "patch that is none": (lambda: usual().carry("files/1.vcdiff", b"none").member("readme", "update", "files/1.vcdiff"),
+    "patch that is none": (lambda: usual().carry("files/1.vcdiff", b"x").member("readme", "update", "files/1.vcdiff"),
                            "^Fail to apply vcdiff on .*_sum/readme$"),
     "update of what is not there": (lambda: usual().patch("absent", b"", b"new"), "absent"),
     "update of a folder": (lambda: usual().patch("a", b"", b"new"), "Not a regular file: .*_sum/a$"),

@@ -68,10 +68,10 @@ def test_three_versions_at_once_are_three_packages_in_order(
         ),
         pytest.param([FIRST, {**FIRST, "a/new/folder/file": b"deep"}, {**FIRST, "a/new/folder/file": b"deeper"}],
                      id="in a new folder"),
-        pytest.param([FIRST, {**FIRST, "readme": b""}, {**FIRST, "readme": b"no longer empty"}], id="empty for a while"),
+        pytest.param([FIRST, {**FIRST, "readme": b""}, {**FIRST, "readme": b"full again"}], id="empty for a while"),
         pytest.param([FIRST, {**FIRST, "readme": b"x"}, {"readme/below": b"a folder in a file's place"}],
                      id="a file becomes a folder"),
-        pytest.param([{"a/b/c": b"deep", "a/d": b"less"}, {"a/d": b"less", "e": b""}, {"a": b"a file in a folder's place"}],
+        pytest.param([{"a/b/c": b"deep", "a/d": b"less"}, {"a/d": b"less", "e": b""}, {"a": b"a file in its place"}],
                      id="a folder becomes a file"),
     ],
 )  # fmt: skip
@@ -201,7 +201,9 @@ def test_a_missing_decoder_costs_a_full_package_and_nothing_else(
     assert syslog.refusals()[1:] == [f"Fail to apply vcdiff on {connected.working_copy(DATABASE, 'zones/europe.bin')}"]
 
 
-def test_a_script_brings_the_published_rows(connected: Device, hand: HandPublisher, nginx: Nginx, tmp_path: Path) -> None:
+def test_a_script_brings_the_published_rows(
+    connected: Device, hand: HandPublisher, nginx: Nginx, tmp_path: Path
+) -> None:
     statements = [
         "UPDATE entries SET name = 'it''s; a changed -- name' WHERE id = 7",
         "DELETE FROM entries WHERE id = 8",

@@ -10,7 +10,9 @@ from pathlib import Path
 from . import databases
 
 FOLDERS = ("", "zones/", "zones/deep/er/", "a b/", "Größe/東京/", "x.d/", "x_d/")
-NAMES = ("data", "names", "liste", "файл", "with blank", "v1.2", "quote'd", "per%cent", "-dash", "tab\there", "zones", "x.d")
+NAMES = (
+    "data", "names", "liste", "файл", "with blank", "v1.2", "quote'd", "per%cent", "-dash", "tab\there", "zones", "x.d",
+)  # fmt: skip
 VALUES = ("NULL", "17", "-9223372036854775808", "1.5e300", "0.1", "''", "'it''s; quoted'", "x'00ff0a0d'", "'東京'")
 LINE_BREAKS = ("'two' || char(10) || 'lines'", "'end' || char(13)", "'a' || char(0) || 'b'")
 DATABASE_ENDING = ".sqlite"
@@ -50,7 +52,8 @@ class Tree:
 
     def files(self) -> list[Path]:
         """All but the journals, which belong to their databases."""
-        return sorted(path for path in self.root.rglob("*") if path.is_file() and not path.name.endswith(JOURNAL_ENDING))
+        found = (path for path in self.root.rglob("*") if path.is_file())
+        return sorted(path for path in found if not path.name.endswith(JOURNAL_ENDING))
 
     def _plain(self) -> list[Path]:
         return [path for path in self.files() if path.suffix != DATABASE_ENDING]
@@ -139,7 +142,8 @@ class Tree:
             wal = ["PRAGMA journal_mode=WAL"] if self._source.random() < 0.3 else []
             table = self._source.choice((
                 "CREATE TABLE t (id INTEGER PRIMARY KEY, a, b)", "CREATE TABLE t (id, a, b)",
-                "CREATE TABLE t (id TEXT, a, b, PRIMARY KEY (id)) WITHOUT ROWID", "CREATE TABLE t (id INT UNIQUE, a REAL, b)",
+                "CREATE TABLE t (id TEXT, a, b, PRIMARY KEY (id)) WITHOUT ROWID",
+                "CREATE TABLE t (id INT UNIQUE, a REAL, b)",
             ))  # fmt: skip
             rows = self._source.choice((0, 5, 300, 1500, 4000))
             inserts = [self._insertion(number) for number in range(rows)]
@@ -161,7 +165,8 @@ class Tree:
     def change_rows(self) -> None:
         path = self._pick(self._databases())
         if path:
-            databases.changed_at(path, ["BEGIN", *(self._row_change() for _ in range(self._source.randint(1, 12))), "COMMIT"])
+            changes = [self._row_change() for _ in range(self._source.randint(1, 12))]
+            databases.changed_at(path, ["BEGIN", *changes, "COMMIT"])
 
     def _row_change(self) -> str:
         number = self._source.randrange(4000)

@@ -1,4 +1,4 @@
-"""Writes patches in the VCDIFF form (RFC 3284) in the simplest way: what both ends have in common, and what lies between.
+"""Writes patches in the VCDIFF form (RFC 3284) in the simplest way: two ends in common, and what lies between them.
 
 For small files: a patch is one window, with the default code table and an Adler-32 checksum of what comes out.
 """
