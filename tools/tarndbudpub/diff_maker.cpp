@@ -14,10 +14,8 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <limits>
 #include <numeric>
-#include <sstream>
 
 namespace tarn::publisher {
 
@@ -207,23 +205,12 @@ void DiffMaker::Encode() {
 	}
 }
 
-std::string InputName(std::size_t index, PatchKind kind) {
-	constexpr int kDigits = 6;
-	std::ostringstream name;
-	name << "files/" << std::setw(kDigits) << std::setfill('0') << index + 1 << PatchKindExtension(kind);
-	return name.str();
-}
-
-const char* OperationOf(PatchKind kind) {
-	return kind == PatchKind::kNone ? "delete" : kind == PatchKind::kWhole ? "create" : "update";
-}
-
 void DiffMaker::WriteDescription() {
 	for (std::size_t i = 0; i < changes_.size(); ++i) {
 		const PatchKind kind = encoded_[i].kind;
 		DiffMember member = {changes_[i].name, OperationOf(kind), "", kind};
 		if (kind != PatchKind::kNone) {
-			member.input_file = InputName(i, kind);
+			member.input_file = InputFileName(i, kind);
 			member.size = fs::file_size(encoded_[i].input);
 		}
 		members_.push_back(std::move(member));

@@ -5,9 +5,11 @@
 #include "tarncodesign/payload_stream.h"
 #include "tarncodesign/tar_reader.h"
 
+#include <iomanip>
 #include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
 
 namespace tarn::publisher {
 
@@ -107,6 +109,17 @@ const char* PatchKindExtension(PatchKind kind) {
 		break;
 	}
 	return "";
+}
+
+const char* OperationOf(PatchKind kind) {
+	return kind == PatchKind::kNone ? "delete" : kind == PatchKind::kWhole ? "create" : "update";
+}
+
+std::string InputFileName(std::size_t number, PatchKind kind) {
+	constexpr int kDigits = 6;
+	std::ostringstream name;
+	name << "files/" << std::setw(kDigits) << std::setfill('0') << number + 1 << PatchKindExtension(kind);
+	return name.str();
 }
 
 Json::Value ReadMetadata(const codesign::ArchiveFile& archive) {

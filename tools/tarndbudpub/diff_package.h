@@ -27,6 +27,11 @@ const char* PatchKindName(PatchKind kind);
 /** ".new", ".vcdiff", ".sqlitediff", or nothing. */
 const char* PatchKindExtension(PatchKind kind);
 
+/** "create", "update" or "delete". */
+const char* OperationOf(PatchKind kind);
+/** The name in a package of its input file with a number, counted from 0. */
+std::string InputFileName(std::size_t number, PatchKind kind);
+
 /** One file that a diff package changes. */
 struct DiffMember {
 	std::string name;      // relative to the installed tree
