@@ -55,6 +55,7 @@ TEST_F(PatchDescriptionTest, ListsItsMembersByName) {
 	const auto members = Read(R"({"b": {"operation": "update", "input_file": "in"}, "a/c": {"operation": "create",
 	    "input_file": "deep/er/in"}, "a": {"operation": "delete"}, "B": {"operation": "move"}})");
 	std::vector<std::string> lines;
+	lines.reserve(members.size());
 	for (const PatchMember& member : members) {
 		lines.push_back(member.name + "|" + member.operation + "|" + member.input);
 	}

@@ -23,9 +23,7 @@ namespace fs = std::filesystem;
 using test::MessageOf;
 using test::ReadFile;
 using test::WriteFile;
-using testing::AllOf;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
@@ -54,12 +52,12 @@ protected:
 	std::string Copy(const std::string& name) const { return directory_ / ("sum/" + name); }
 	/** Unpacks a package with these entries and these files, and applies it. */
 	void Apply(const std::string& entries, const std::map<std::string, std::string>& files = {}) {
-		const std::string package = directory_ / ("package" + std::to_string(++packages_));
+		const fs::path package = directory_ / ("package" + std::to_string(++packages_));
 		for (const auto& [name, content] : files) {
-			WriteFile(package + "/" + name, content);
+			WriteFile(package / name, content);
 		}
-		WriteFile(package + "/patch_infos.json", "{" + entries + "}");
-		patcher_.ApplyPackage(package);
+		WriteFile(package / "patch_infos.json", "{" + entries + "}");
+		patcher_.ApplyPackage(package.string());
 	}
 	std::string Failure(const std::string& entries, const std::map<std::string, std::string>& files = {}) {
 		return MessageOf([&] { Apply(entries, files); });

@@ -20,11 +20,8 @@ namespace fs = std::filesystem;
 using test::MessageOf;
 using test::ReadFile;
 using test::WriteFile;
-using testing::AllOf;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::StartsWith;
-using testing::UnorderedElementsAre;
 
 class SqlScriptTest : public testing::Test {
 protected:
