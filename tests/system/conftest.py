@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import signal
 import subprocess
 from collections.abc import Iterator
 from pathlib import Path
@@ -26,6 +27,10 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 def pytest_configure(config: pytest.Config) -> None:
     if "TARN_SANDBOX" not in os.environ:
         raise pytest.UsageError("these tests write to fixed paths; run them by ./test.sh or scripts/sandbox")
+    # A shell in the background ignores these, and programs would inherit that.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 
 @pytest.fixture(scope="session", autouse=True)
