@@ -37,7 +37,8 @@ public:
 	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
 	 * for file <name>", "Unsupported diff type: <extension>", "Fail to get exists info from <working copy>", "Working
 	 * copies of <name> and <name> collide", "Not a regular file: <working copy>", "File <path> digest check fail",
-	 * IOUtils::CopyFile()'s and the decoder's errors, "Failt to delete <path>" and ExecuteSqlScript()'s.
+	 * IOUtils::CopyFile()'s and the decoder's errors, "Fail to keep permissions: <why>", "Failt to delete <path>" and
+	 * ExecuteSqlScript()'s.
 	 */
 	void ApplyPackage(const std::string& package_directory);
 

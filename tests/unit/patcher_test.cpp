@@ -243,6 +243,17 @@ TEST_F(PatcherTest, FailsWithoutTheDecodersOutput) {
 	    StartsWith("Fail to copy from " + Copy("f.patchout") + " to " + Copy("f") + ": "));
 }
 
+TEST_F(PatcherTest, SaysThatPermissionsCannotBeKept) {
+	WriteFile(Installed("f"), "old");
+	decoder_ = [](const std::string& source, const std::string& output, const std::string&) {
+		WriteFile(output, "new");
+		fs::remove(source);
+		fs::create_symlink(source, source);
+	};
+	EXPECT_THAT(
+	    Failure(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}}), StartsWith("Fail to keep permissions: "));
+}
+
 TEST_F(PatcherTest, SaysThatTheDecodersOutputCannotBeRemoved) {
 	WriteFile(Installed("f"), "old");
 	decoder_ = [](const std::string&, const std::string& output, const std::string&) { fs::create_directory(output); };

@@ -91,7 +91,7 @@ protected:
 		return *strategy_;
 	}
 	std::string PrepareFailure(int installed = 5) {
-		const std::string message = MessageOf([&] { Make(installed)->PrepareUpdate(); });
+		std::string message = MessageOf([&] { Make(installed)->PrepareUpdate(); });
 		strategy_.reset();
 		return message;
 	}

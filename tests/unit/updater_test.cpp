@@ -65,7 +65,7 @@ TEST_F(UpdaterTest, ReturnsTheNewStateWithADigestOfEveryFile) {
 TEST_F(UpdaterTest, RunsTheHooksAroundTheReplacementOnly) {
 	WriteFile(Installed("old"), "old");
 	std::vector<std::string> seen;
-	platform_.on_plugin_action = [&] { seen.push_back(fs::exists(Installed("old")) ? "old" : "new"); };
+	platform_.on_plugin_action = [&] { seen.emplace_back(fs::exists(Installed("old")) ? "old" : "new"); };
 	Update();
 	EXPECT_THAT(seen, ElementsAre("old", "new"));
 	const auto hooks = std::find_if(platform_.events.begin(), platform_.events.end(),
