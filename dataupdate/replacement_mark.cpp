@@ -46,18 +46,29 @@ bool CreateDurably(const fs::path& path) {
 	       SyncDirectory(path.parent_path().parent_path());
 }
 
-} // namespace
-
-void SetReplacementMark(const std::string& id) {
-	const fs::path path = ReplacementMarkPath(id);
+void SetMark(const fs::path& path) {
 	try {
 		fs::create_directories(path.parent_path());
 	} catch (const fs::filesystem_error& error) {
 		throw UpdateError(std::string("Fail to mark replacement: ") + error.what());
 	}
 	if (!CreateDurably(path)) {
-		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(errno));
+		const int error = errno;
+		unlink(path.c_str()); // Nothing has changed yet.
+		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(error));
 	}
+}
+
+void RemoveMark(const std::string& path) {
+	if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", path.c_str(), std::strerror(errno));
+	}
+}
+
+} // namespace
+
+void SetReplacementMark(const std::string& id) {
+	SetMark(ReplacementMarkPath(id));
 	SetReplacing(true);
 }
 
@@ -67,9 +78,23 @@ bool IsReplacementMarked(const std::string& id) {
 
 void ClearReplacementMark(const std::string& id) noexcept {
 	const std::string mark = ReplacementMarkPath(id);
-	if (!SyncRecord(StatusPath(id)) || (unlink(mark.c_str()) != 0 && errno != ENOENT)) {
+	if (SyncRecord(StatusPath(id))) {
+		RemoveMark(mark);
+	} else {
 		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));
 	}
+}
+
+void SetOverlayMark(const std::string& id) {
+	SetMark(OverlayMarkPath(id));
+}
+
+bool IsOverlayMarked(const std::string& id) {
+	return MayExist(OverlayMarkPath(id));
+}
+
+void ClearOverlayMark(const std::string& id) noexcept {
+	RemoveMark(OverlayMarkPath(id));
 }
 
 } // namespace tarn::dataupdate

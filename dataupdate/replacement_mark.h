@@ -31,6 +31,15 @@ bool IsReplacementMarked(const std::string& id);
  */
 void ClearReplacementMark(const std::string& id) noexcept;
 
+/**
+ * Remembers durably that a version was unpacked over an earlier one, whose files no diff package would delete. Only a
+ * full update is then exact, and takes the mark away. Throws like SetReplacementMark().
+ */
+void SetOverlayMark(const std::string& id);
+bool IsOverlayMarked(const std::string& id);
+/** A failure is logged, since the next update is then merely a full one. */
+void ClearOverlayMark(const std::string& id) noexcept;
+
 } // namespace tarn::dataupdate
 
 #endif

@@ -30,23 +30,33 @@ int Authorize(void* /*context*/, int action, const char* first, const char* seco
 	case SQLITE_DETACH:
 		return SQLITE_DENY;
 	case SQLITE_FUNCTION:
-		return IsOneOf(second, {"load_extension"}) ? SQLITE_DENY : SQLITE_OK;
+		return IsOneOf(second, {"load_extension", "fts3_tokenizer"}) ? SQLITE_DENY : SQLITE_OK;
 	case SQLITE_PRAGMA:
-		// Without a journal a failed script could not be rolled back.
-		return IsOneOf(first, {"journal_mode", "temp_store_directory", "data_store_directory"}) ? SQLITE_DENY
-		                                                                                        : SQLITE_OK;
+		// Others take away the journal that a rollback needs, move files, or hold for the whole process.
+		return IsOneOf(first, {"user_version", "application_id", "foreign_keys", "defer_foreign_keys"}) ? SQLITE_OK
+		                                                                                                : SQLITE_DENY;
 	default:
 		return SQLITE_OK;
 	}
+}
+
+/** Asked every so many instructions, because a single statement may run for long. */
+int IsToBeEnded(void* /*context*/) {
+	return IsInterrupted() ? 1 : 0;
 }
 
 /** Keeps a script within its transaction and its file, for as long as the object lives. */
 class Restriction {
 public:
 	explicit Restriction(SQLite::Database& database) : database_(database) {
+		constexpr int kInstructions = 10'000;
 		database_.check(sqlite3_set_authorizer(database_.getHandle(), Authorize, nullptr));
+		sqlite3_progress_handler(database_.getHandle(), kInstructions, IsToBeEnded, nullptr);
 	}
-	~Restriction() { sqlite3_set_authorizer(database_.getHandle(), nullptr, nullptr); }
+	~Restriction() {
+		sqlite3_progress_handler(database_.getHandle(), 0, nullptr, nullptr);
+		sqlite3_set_authorizer(database_.getHandle(), nullptr, nullptr);
+	}
 	Restriction(const Restriction&) = delete;
 	Restriction& operator=(const Restriction&) = delete;
 

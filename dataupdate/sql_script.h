@@ -12,7 +12,8 @@ namespace tarn::dataupdate {
 /**
  * Executes a script, one or more whole statements per line, on an SQLite database file in one transaction: whole or,
  * after a failure, not at all. A script is refused what would end that transaction or reach other files: BEGIN, COMMIT,
- * ROLLBACK, ATTACH, DETACH, load_extension(), and the pragmas of the journal's mode and of directories.
+ * ROLLBACK, ATTACH, DETACH, load_extension(), fts3_tokenizer(), and all pragmas but user_version, application_id,
+ * foreign_keys and defer_foreign_keys.
  *
  * The database is a working copy: nothing is synced, nobody else may have it open, and its "-wal", "-shm" and
  * "-journal" names must be free. Throws UpdateError "Fail apply sql cmd: <why>".

@@ -121,7 +121,8 @@ public:
 	/**
 	 * Removes what a killed run of this database left in the temporary area, then downloads, unpacks and applies one
 	 * package after the other. Throws "No sufficient diff patched" when a version's package is missing or the installed
-	 * version is not older, "The last replacement of <id> was not finished", IOUtils::Download's and
+	 * version is not older, "The last replacement of <id> was not finished", "A version of <id> was installed over
+	 * another", CheckConflicts' "In the way of <file>: <path>", IOUtils::Download's and
 	 * _ExtractTarballTo's errors, an error that names the member, file or statement which cannot be applied, and "Disk
 	 * space is too low". A package's size is not compared with the announced one: its signature says more.
 	 */

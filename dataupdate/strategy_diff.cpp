@@ -1,5 +1,6 @@
 #include "file_lock.h"
 #include "log.h"
+#include "patch_conflicts.h"
 #include "patcher.h"
 #include "paths.h"
 #include "progress.h"
@@ -79,6 +80,9 @@ void DiffStrategy::PrepareUpdate() {
 	if (IsReplacementMarked(id_)) {
 		throw UpdateError("The last replacement of " + id_ + " was not finished");
 	}
+	if (IsOverlayMarked(id_)) {
+		throw UpdateError("A version of " + id_ + " was installed over another");
+	}
 	const IOUtils io;
 	io.TarnMkdir(TempDirPath(temp_base_));
 	RemoveLeftovers(temp_base_, id_);
@@ -89,6 +93,7 @@ void DiffStrategy::PrepareUpdate() {
 	for (int version = status_.data_version; version < remote_.data_version;) {
 		_DoDiffUpdateTo(++version);
 	}
+	CheckConflicts(_ModifyInfos(), install_directory_);
 	io.TarnMkdir(install_directory_);
 	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
 		throw UpdateError("Disk space is too low");

@@ -80,6 +80,7 @@ void FullStrategy::ApplyUpdate() {
 		SetReplacementMark(id_);
 		_ClearInstallDirectory();
 		_CopyFiles();
+		ClearOverlayMark(id_);
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string("Fail to full update: ") + error.what());
 	}

@@ -10,6 +10,8 @@
 #include "update_error.h"
 #include "volume_handler.h"
 
+#include <boost/filesystem.hpp>
+
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -34,7 +36,9 @@ public:
 	}
 	/** What was replaced is recorded, or has failed, by now. */
 	void Release() {
-		SetReplacing(false);
+		if (project_) {
+			SetReplacing(false);
+		}
 		project_.reset();
 		any_.reset();
 	}
@@ -76,6 +80,22 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	remote.download_link =
 	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
 	return remote;
+}
+
+/**
+ * Whether unpacking a version over what is installed can leave files that no later diff package deletes. Files of a
+ * higher version are deleted by the packages that lead up to it again.
+ */
+bool LeavesEarlierFiles(const std::string& id, int version, const std::string& install_prefix) {
+	int installed = -1;
+	try {
+		installed = DatabaseStatus::FromJson(IOUtils().ReadJson(StatusPath(id))).data_version;
+	} catch (const UpdateError&) {
+		installed = -1; // Then anything may lie there.
+	}
+	boost::system::error_code error;
+	const bool is_empty = boost::filesystem::is_empty(install_prefix, error);
+	return installed < version && !(is_empty || error == boost::system::errc::no_such_file_or_directory);
 }
 
 /** What is installed; a mixture that a killed run left counts as nothing, whatever the record says of the time before.
@@ -155,6 +175,9 @@ void Update::ForceInstall(const std::string& id, int version) const {
 	const std::string volume = service_config_->GetCurVolume();
 	ForceInstallByLink strategy(id, remote.download_link, volume, install_prefix, "/");
 	strategy.PrepareUpdate();
+	if (LeavesEarlierFiles(id, remote.data_version, install_prefix)) {
+		SetOverlayMark(id);
+	}
 	strategy.ApplyUpdate();
 	const std::set<std::string> files = strategy.GetModifiedFiles();
 	DatabaseStatus status;

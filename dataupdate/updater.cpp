@@ -3,6 +3,7 @@
 #include "digest_stream.h"
 #include "file_copy.h"
 #include "hook.h"
+#include "interruption.h"
 #include "log.h"
 #include "paths.h"
 #include "strategy.h"
@@ -39,6 +40,7 @@ DatabaseStatus Install(const std::string& id, BaseStrategy& strategy, const Remo
     const std::string& install_prefix, const std::function<void()>& announce) {
 	const std::set<std::string> files = strategy.GetModifiedFiles();
 	UpdateHook hook(id, files);
+	InterruptionPoint(); // Better now than between the hooks.
 	hook.ExecPre();
 	announce();
 	strategy.ApplyUpdate();

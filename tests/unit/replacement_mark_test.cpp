@@ -37,6 +37,17 @@ protected:
 	test::SyslogCapture log_;
 };
 
+TEST_F(ReplacementMarkTest, OfAnOverlayStandsByItself) {
+	SetOverlayMark("geo");
+	EXPECT_TRUE(IsOverlayMarked("geo"));
+	EXPECT_FALSE(IsOverlayMarked("poi"));
+	ClearReplacementMark("geo");
+	EXPECT_TRUE(IsOverlayMarked("geo"));
+	ClearOverlayMark("geo");
+	EXPECT_FALSE(IsOverlayMarked("geo"));
+	ClearOverlayMark("geo"); // Is no failure.
+}
+
 TEST_F(ReplacementMarkTest, StandsFromSettingToClearing) {
 	WriteFile(kRecord, "{}");
 	EXPECT_FALSE(IsReplacementMarked("geo"));

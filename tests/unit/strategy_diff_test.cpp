@@ -105,6 +105,18 @@ protected:
 	std::optional<DiffStrategy> strategy_;
 };
 
+TEST_F(DiffStrategyTest, FindsWhatIsInTheWayBeforeAnythingIsReplaced) {
+	Offer(R"({"f/new": {"operation": "create", "input_file": "in"}})", {{"in", "new"}});
+	EXPECT_EQ(PrepareFailure(), "In the way of f/new: " + Installed("f"));
+	EXPECT_FALSE(fs::exists(kMark));
+}
+
+TEST_F(DiffStrategyTest, LeavesWhatWasUnpackedOverAnEarlierVersionToTheFullPackage) {
+	WriteFile("/var/lib/data_update/geo/overlaid", "");
+	EXPECT_EQ(PrepareFailure(), "A version of geo was installed over another");
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget"), 0U);
+}
+
 TEST_F(DiffStrategyTest, FetchesAndAppliesTheChainInThisOrder) {
 	Prepared();
 	std::vector<testing::Matcher<std::string>> expected = {"mkdir " + Area(), "mkdir " + Temp("sum")};
