@@ -186,6 +186,16 @@ TEST_F(DiffPublishing, IsLeftOutWhenTheChainBelowCannotBeRead) {
 	EXPECT_THAT(OfferedDiffs(), IsEmpty());
 }
 
+TEST_F(DiffPublishing, EndsTheChainAboveAPackageThatCannotBeRead) {
+	for (int version = 1; version <= 3; ++version) {
+		PublishChange();
+	}
+	WriteFile(Diff(2), "damaged");
+	PublishChange();
+	EXPECT_THAT(warnings_, IsEmpty());
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(3, 4));
+}
+
 TEST_F(DiffPublishing, IsLeftOutWhenItIsNoSmallerThanTheFullPackage) {
 	Publish();
 	fs::remove_all(options_.tree);

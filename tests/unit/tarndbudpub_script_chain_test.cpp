@@ -197,6 +197,31 @@ TEST_F(ScriptChain, GoesOnWithoutTheFullPackageThatItBeganWith) {
 	EXPECT_THAT(warnings_, IsEmpty());
 }
 
+TEST_F(ScriptChain, GoesOnWhenTheFullPackageThatItBeganWithIsNotBelieved) {
+	Publish();
+	ChangeRows(1);
+	Publish();
+	WriteFile(Package(1), "signed by nobody");
+	ChangeRows(2);
+	Publish();
+	EXPECT_EQ(KindsIn(3), (Kinds{{"db", "sql"}}));
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
+TEST_F(ScriptChain, CountsAFileThatBecameADatabaseByPatchAsPatched) {
+	Publish();
+	const std::string database = ReadFile(TreePath("db"));
+	std::string damaged = database;
+	damaged[0] = 'X';
+	WriteFile(TreePath("db2"), damaged);
+	Publish();
+	WriteFile(TreePath("db2"), database);
+	Publish();
+	Sql("db2", "UPDATE t SET a = 'x' WHERE i % 50 = 1");
+	Publish();
+	EXPECT_NE(KindsIn(4).at("db2"), "sql");
+}
+
 } // namespace
 
 } // namespace tarn::test

@@ -47,6 +47,7 @@ void AwaitEnd(pid_t child) {
 ExitCode RunChildCommand(const std::vector<std::string>& command) {
 	std::vector<std::string> texts = command;
 	std::vector<char*> arguments;
+	arguments.reserve(texts.size() + 1);
 	for (std::string& text : texts) {
 		arguments.push_back(text.data());
 	}

@@ -37,15 +37,35 @@ std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& f
 DiffChain::DiffChain(
     const Repository& repository, const PackageReader& reader, const std::string& id, const Entry& newest)
     : repository_(repository), reader_(reader), id_(id) {
-	for (const int version : VersionsLeadingTo(newest.data_version, newest.diff_files)) {
-		const std::string path = repository.DiffPath(id, version);
+	const std::vector<int> versions = VersionsLeadingTo(newest.data_version, newest.diff_files);
+	for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
 		try {
-			links_.push_back({version, path, ReadDiffPackage(reader.Open(path, DiffInfoOf(id, version)))});
-			state_ = ChainState::FromMetadata(links_.back().package.metadata);
-		} catch (const codesign::ArchiveError& error) {
-			throw PublishError("the package " + path + " " + error.what());
+			links_.insert(links_.begin(), ReadLink(*version));
+		} catch (const PublishError&) {
+			if (links_.empty()) {
+				throw;
+			}
+			break;
 		}
 	}
+	if (!links_.empty()) {
+		state_ = ChainState::FromMetadata(links_.back().package.metadata);
+	}
+}
+
+DiffChain::Link DiffChain::ReadLink(int version) const {
+	const std::string path = repository_.DiffPath(id_, version);
+	try {
+		return {version, path, ReadDiffPackage(reader_.Open(path, DiffInfoOf(id_, version)))};
+	} catch (const codesign::ArchiveError& error) {
+		throw PublishError("the package " + path + " " + error.what());
+	}
+}
+
+std::vector<int> DiffChain::Versions() const {
+	std::vector<int> versions(links_.size());
+	std::transform(links_.begin(), links_.end(), versions.begin(), [](const Link& link) { return link.version; });
+	return versions;
 }
 
 std::set<std::string> DiffChain::ChangedNames() const {
@@ -86,11 +106,13 @@ std::set<std::string> DiffChain::UnpackFirst(
 	if (members.empty()) {
 		return {};
 	}
-	if (!fs::exists(path)) {
+	try {
+		PackageReader::Unpack(reader_.Open(path, {id_, "", first}), path, directory, members);
+		return {};
+	} catch (const PublishError&) {
+		// Removed, or signed by a key that is not believed any more: the check of one lineage less.
 		return {members.begin(), members.end()};
 	}
-	PackageReader::Unpack(reader_.Open(path, {id_, "", first}), path, directory, members);
-	return {};
 }
 
 void DiffChain::UnpackSteps(

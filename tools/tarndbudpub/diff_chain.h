@@ -17,15 +17,18 @@ namespace tarn::publisher {
 class DiffChain {
 public:
 	/**
-	 * Reads the packages that the document names.
+	 * Reads the packages that the document names, down to one that is gone or cannot be trusted: those below lead
+	 * nowhere then.
 	 *
 	 * @param newest  the document's entry
-	 * @throws PublishError when one of them cannot be trusted or read: what devices have then is not known
+	 * @throws PublishError when the newest of them cannot be trusted or read: what devices have then is not known
 	 */
 	DiffChain(const Repository& repository, const PackageReader& reader, const std::string& id, const Entry& newest);
 
 	/** What is known about the newest version's files. */
 	const ChainState& State() const { return state_; }
+	/** The versions that the packages make, oldest first. */
+	std::vector<int> Versions() const;
 	/** Every name that one of the packages changes. */
 	std::set<std::string> ChangedNames() const;
 
@@ -33,7 +36,7 @@ public:
 	 * Makes database files as devices have them that came all the way by scripts, with the code of devices.
 	 *
 	 * @param names  scripted files
-	 * @return path by name; a file is left out when the full package that it began with is no longer there
+	 * @return path by name; a file is left out when the full package that it began with cannot be had any more
 	 */
 	std::map<std::string, std::string> ReplayScripts(
 	    const std::set<std::string>& names, const WorkDirectory& work) const;
@@ -45,6 +48,7 @@ private:
 		DiffPackage package;
 	};
 
+	Link ReadLink(int version) const;
 	/** The version that each file's scripts begin after: a whole file, or the version before the chain. */
 	std::map<std::string, int> Beginnings(const std::set<std::string>& names) const;
 	/** Unpacks the files that were there before the chain; the names that could not be had are returned. */

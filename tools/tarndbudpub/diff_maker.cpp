@@ -28,7 +28,7 @@ std::uint64_t SizeOf(const std::optional<TreeFile>& file) {
 }
 
 bool IsDatabase(const TreeChange& change) {
-	return change.before && change.after && IsSqliteFile(change.before->source) && IsSqliteFile(change.after->source);
+	return change.after && IsSqliteFile(change.after->source);
 }
 
 /** Makes one diff package, step after step. */
@@ -47,6 +47,7 @@ public:
 		Encode();
 		WriteDescription();
 		DiffResult result = Summarise();
+		result.earlier = chain_.Versions();
 		result.package_size = Write(archive_fd, path);
 		RequireWorthwhile(result.package_size);
 		Verify(path);

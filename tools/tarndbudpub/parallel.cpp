@@ -4,6 +4,7 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace tarn::publisher {
@@ -53,8 +54,15 @@ void DoInParallel(const std::vector<std::size_t>& order, const std::function<voi
     const std::function<void(std::size_t)>& finished) {
 	Pool pool(order, work, finished);
 	const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
-	std::vector<std::thread> threads(std::min(processors, order.size()));
-	std::generate(threads.begin(), threads.end(), [&pool] { return std::thread([&pool] { pool.Run(); }); });
+	std::vector<std::thread> threads;
+	try {
+		while (threads.size() + 1 < std::min(processors, order.size())) {
+			threads.emplace_back([&pool] { pool.Run(); });
+		}
+	} catch (const std::system_error&) {
+		// Where no more threads are allowed, those that there are do it.
+	}
+	pool.Run();
 	std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
 	pool.RethrowError();
 }

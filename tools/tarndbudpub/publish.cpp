@@ -173,9 +173,7 @@ public:
 		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
 		WriteDiff(package.TemporaryPath());
 		package.Commit();
-		if (diff_) {
-			diff_->Commit();
-		}
+		CommitDiff();
 		repository_.WriteEntry(
 		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
 		Sweep();
@@ -197,10 +195,27 @@ private:
 			const DiffOrder order = {repository_, options_, key_, reader_, *previous_, package, result_.package_size};
 			result_.diff = MakeDiff(order, diff_->Fd(), diff_->TemporaryPath(), observer_);
 		} catch (const std::exception& error) {
-			diff_.reset();
-			observer_.warn("Version " + std::to_string(result_.data_version) + " has no diff package: " + error.what() +
-			               ". Devices take the full package.");
+			GiveUpDiff(error);
 		}
+	}
+
+	void CommitDiff() {
+		try {
+			if (diff_) {
+				diff_->Commit();
+			}
+		} catch (const std::exception& error) {
+			GiveUpDiff(error);
+		}
+	}
+
+	void GiveUpDiff(const std::exception& error) {
+		diff_.reset();
+		result_.diff.reset();
+		std::string why = error.what();
+		why.erase(why.find_last_not_of('.') + 1);
+		observer_.warn("Version " + std::to_string(result_.data_version) + " has no diff package: " + why +
+		               ". Devices take the full package.");
 	}
 
 	/** Removes the diff packages that the document names no longer; what is published stays published without it. */
@@ -218,7 +233,7 @@ private:
 		if (!result_.diff) {
 			return files;
 		}
-		for (const int version : VersionsLeadingTo(previous_->data_version, previous_->diff_files)) {
+		for (const int version : result_.diff->earlier) {
 			files[version] = previous_->diff_files.at(version);
 		}
 		files[result_.data_version] = {LinkTo(options_, Repository::DiffName(options_.id, result_.data_version)),

@@ -35,7 +35,8 @@ struct DiffResult {
 	std::uint64_t patched = 0;
 	std::uint64_t scripted = 0;
 	std::uint64_t deleted = 0;
-	int oldest_base = 0; // the oldest version from which devices come by diff packages alone
+	std::vector<int> earlier; // versions of the packages before it that still lead up to it, oldest first
+	int oldest_base = 0;      // the oldest version from which devices come by diff packages alone
 };
 
 struct PublishResult {
