@@ -106,9 +106,9 @@ private:
 
 /**
  * Applies the chain of packages that lead from the installed version to the server's, one per version, to copies of the
- * files that they change. Changed files are relative to the install directory. A patch
- * refuses a file that it was not made for; a script is refused where the recorded digest of the file tells that it was
- * changed, and otherwise trusts the database to hold what the last update left.
+ * files that they change. Changed files are relative to the install directory. A patch refuses a file that it was not
+ * made for; a script is refused where the recorded digest of the file tells that it was changed, and otherwise trusts
+ * the database to hold what the last update left.
  */
 class TARNDBUD_EXPORT DiffStrategy : public BaseStrategy {
 public:
