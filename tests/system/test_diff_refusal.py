@@ -255,16 +255,17 @@ def test_a_version_forced_over_an_older_one_is_followed_by_the_full_package(
 
 def test_a_version_forced_back_comes_forward_by_diffs(connected: Device, hand: HandPublisher, nginx: Nginx) -> None:
     versions: list[Files] = [{"a": b"1"}, {"a": b"2", "new": b"n"}, {"a": b"3"}]
+    base = 1_000_000  # Too long to stand in the link's host or port as well, where it would be replaced.
     for number in (1, 2):
-        hand.full(DATABASE, number, versions[number - 1])
+        hand.full(DATABASE, base + number, versions[number - 1])
         connected.update(DATABASE)
-    connected.run_ok("force-install", DATABASE, "1")
+    connected.run_ok("force-install", DATABASE, str(base + 1))
     for number in (2, 3):
-        hand.full(DATABASE, number, versions[number - 1])
-        hand.diff(DATABASE, number, Diff.between(versions[number - 2], versions[number - 1]))
+        hand.full(DATABASE, base + number, versions[number - 1])
+        hand.diff(DATABASE, base + number, Diff.between(versions[number - 2], versions[number - 1]))
     connected.update(DATABASE)
     trees.assert_holds(connected.installed(DATABASE), versions[2])
-    assert nginx.packages() == ["v1", "v2", "v1", "d2", "d3"]
+    assert nginx.packages() == [f"v{base + 1}", f"v{base + 2}", f"v{base + 1}", f"d{base + 2}", f"d{base + 3}"]
 
 
 def test_a_foreign_file_in_the_way_is_found_before_anything_is_replaced(
