@@ -73,10 +73,12 @@ class PatchBench:
             for contender in contenders:
                 self._time(contender)
         print_figures(contenders, self._target.stat().st_size)
-        ours, ours_adler, best = contenders[:3]
+        ours, ours_adler = contenders[:2]
+        # Which setting is the faster one depends on what memory costs on the machine.
+        best = min(contenders[2:4], key=lambda contender: median(contender.seconds))
         title = f"decode {size // 1_000_000} MB, 1 % changed"
-        yield row(f"{title} (xdelta3 -d at its best)", median(ours.seconds), median(best.seconds), XDELTA_LIMIT)
-        yield row(f"{title}, Adler-32 (xdelta3 -d at its best)", median(ours_adler.seconds), median(best.seconds), XDELTA_LIMIT)
+        yield row(f"{title} ({best.name})", median(ours.seconds), median(best.seconds), XDELTA_LIMIT)
+        yield row(f"{title}, Adler-32 ({best.name})", median(ours_adler.seconds), median(best.seconds), XDELTA_LIMIT)
         memory = max(ours.peak_mib, ours_adler.peak_mib)
         yield row(f"{title}: peak memory (the limit)", memory, MEMORY_LIMIT_MIB, 1, unit="M")
 
@@ -100,8 +102,8 @@ class PatchBench:
         return [
             Contender("ours", [self._decoder, "decode", source, output, patches["ours"]]),
             Contender("ours, Adler-32", [self._decoder, "decode", source, output, patches["plain"]]),
-            Contender("xdelta3 at its best", [*xdelta, "-B", window_for(size), "-s", source, patches["ours"], output]),
-            Contender("xdelta3 by default", [*xdelta, "-s", source, patches["ours"], output]),
+            Contender("xdelta3 -d -B size", [*xdelta, "-B", window_for(size), "-s", source, patches["ours"], output]),
+            Contender("xdelta3 -d", [*xdelta, "-s", source, patches["ours"], output]),
             Contender(
                 "zstd --patch-from",
                 ["zstd", "-q", "-f", "-d", f"--long={self._zstd_window(size)}", f"--patch-from={source}", patches["zstd"], "-o", output],
