@@ -1,5 +1,9 @@
 #include "content_hash.h"
 
+#if defined(__x86_64__)
+#include <xxh_x86dispatch.h> // The widest instructions that the processor has; else it is those that all have.
+#endif
+
 #include <new>
 
 namespace tarn::vcdiff {
