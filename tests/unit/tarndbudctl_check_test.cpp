@@ -9,7 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <future>
+#include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace tarn::ctl {
@@ -21,6 +25,7 @@ using test::WriteFile;
 using testing::Return;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
+constexpr char kUpdateLock[] = "/run/data_update/update_geo.lock";
 
 DatabaseStatus Record(const std::string& directory, const std::set<std::string>& files) {
 	DatabaseStatus status;
@@ -63,16 +68,17 @@ protected:
 		record_ = Record(directory_.Path(), {"file"});
 		ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) { return record_; });
 	}
-	ExitCode Run(std::vector<std::string> ids) {
+	ExitCode Run(std::vector<std::string> ids, unsigned long timeout_seconds = 0) {
 		Options options;
 		options.ids = std::move(ids);
-		options.timeout_seconds = 0;
+		options.timeout_seconds = timeout_seconds;
 		return RunCheck(doubles_.services, options);
 	}
 	void Damage() { WriteFile(directory_ / "file", "CONTENT"); }
 
 	test::TemporaryDirectory directory_;
 	DatabaseStatus record_;
+	std::promise<void> looked_;
 	test::Doubles doubles_;
 };
 
@@ -121,19 +127,46 @@ TEST_F(CheckCommandTest, HoldsOffAReplacementWhileItLooks) {
 
 TEST_F(CheckCommandTest, DoesNotBlameAnUpdateThatHasNotRecordedItsFilesYet) {
 	Damage();
-	ON_CALL(*doubles_.checker, IsUpdating("geo")).WillByDefault(Return(true));
+	const FileLock updating(kUpdateLock, 0);
 	EXPECT_EQ(Run({"geo"}), kLocked);
 	EXPECT_EQ(doubles_.out.str(), "");
+	EXPECT_THAT(doubles_.err.str(), testing::HasSubstr("geo: The database is being updated"));
 }
 
-TEST_F(CheckCommandTest, LooksAgainWhenAnUpdateHasRecordedItsFilesMeanwhile) {
+TEST_F(CheckCommandTest, WaitsForAnUpdateToRecordItsFiles) {
 	Damage();
-	ON_CALL(*doubles_.checker, IsUpdating("geo")).WillByDefault([this](const std::string&) {
+	auto updating = std::make_unique<FileLock>(kUpdateLock, 0);
+	std::thread update([&] {
+		// The files were seen, and are not locked any more.
+		looked_.get_future().wait();
+		std::make_unique<FileLock>(kUsingLock, 60);
 		record_ = Record(directory_.Path(), {"file"});
-		return false;
+		updating.reset();
+	});
+	ON_CALL(*doubles_.info, GetDatabaseStatus)
+	    .WillByDefault(testing::Invoke([this, seen = 0](const std::string&) mutable {
+		    if (++seen == 1) {
+			    looked_.set_value();
+		    }
+		    return record_;
+	    }));
+	EXPECT_EQ(Run({"geo"}, 60), kDone);
+	update.join();
+	EXPECT_EQ(doubles_.out.str(), "geo: ok\n");
+}
+
+TEST_F(CheckCommandTest, BlamesNothingThatAnUpdateRecordedMeanwhile) {
+	Damage();
+	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) {
+		return std::exchange(record_, Record(directory_.Path(), {"file"}));
 	});
 	EXPECT_EQ(Run({"geo"}), kDone);
 	EXPECT_EQ(doubles_.out.str(), "geo: ok\n");
+}
+
+TEST_F(CheckCommandTest, KeepsNoUpdateAwayFromWhatIsSound) {
+	const FileLock updating(kUpdateLock, 0);
+	EXPECT_EQ(Run({"geo"}), kDone);
 }
 
 TEST_F(CheckCommandTest, ChecksTheOthersAfterAFailure) {

@@ -4,14 +4,19 @@
 #include "reader_lock.h"
 #include "text.h"
 
+#include <dataupdate/file_lock.h>
+#include <dataupdate/update_error.h>
+
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <optional>
+#include <chrono>
 
 namespace tarn::ctl {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMostFilesShown = 20;
 constexpr size_t kLongestPath = 4096;
@@ -27,22 +32,45 @@ std::string FormatBadFiles(const std::vector<BadFile>& files) {
 	return text;
 }
 
-/** What was found, or no value when an update ended in between, so that files and record may not belong together. */
-std::optional<std::vector<BadFile>> TryCheck(
-    const Services& services, const std::string& id, const dataupdate::DatabaseStatus& status) {
-	const std::string prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
-	std::vector<BadFile> bad = FindBadFiles(status, prefix);
-	if (bad.empty()) {
-		return bad;
-	}
-	// An update records its digests after the lock on the files is released.
-	if (services.checker->IsUpdating(id)) {
+/** What is recorded of a database, and which files are not as recorded. */
+struct Findings {
+	dataupdate::DatabaseStatus status;
+	std::vector<BadFile> bad;
+};
+
+Findings Look(const Services& services, const std::string& id, unsigned long timeout_seconds) {
+	// None is needed, or to be had, before anything was replaced.
+	const ReaderLock lock(id, timeout_seconds);
+	Findings found;
+	found.status = services.info->GetDatabaseStatus(id);
+	found.bad = FindBadFiles(found.status, services.config->GetDatabaseConfig(id)->GetInstallPrefix());
+	return found;
+}
+
+dataupdate::FileLock HoldOffUpdates(const std::string& id, unsigned long timeout_seconds) {
+	try {
+		return {"/run/data_update/update_" + id + ".lock", timeout_seconds};
+	} catch (const dataupdate::UpdateError& error) {
+		if (!StartsWith(error.what(), "Fail to lock ")) {
+			throw;
+		}
 		throw CommandError(kLocked, "The database is being updated; check it later");
 	}
-	if (services.info->GetDatabaseStatus(id) != status) {
-		return std::nullopt;
+}
+
+/** Looks again when anything is bad: an update records its files' digests after it has let go of the files. */
+Findings LookThoroughly(const Services& services, const std::string& id, unsigned long timeout_seconds) {
+	const Clock::time_point begin = Clock::now();
+	const auto left = [&] {
+		const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
+		return timeout_seconds - std::min(timeout_seconds, static_cast<unsigned long>(passed));
+	};
+	Findings found = Look(services, id, timeout_seconds);
+	if (found.bad.empty()) {
+		return found;
 	}
-	return bad;
+	const dataupdate::FileLock lock = HoldOffUpdates(id, left());
+	return Look(services, id, left());
 }
 
 Json::Value BadFilesToJson(const std::vector<BadFile>& files) {
@@ -58,29 +86,23 @@ Json::Value BadFilesToJson(const std::vector<BadFile>& files) {
 
 ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
 	services.config->CheckSupported(id);
-	std::optional<std::vector<BadFile>> bad;
-	dataupdate::DatabaseStatus status;
-	while (!bad) {
-		// None is needed, or to be had, before anything was replaced.
-		const ReaderLock lock(id, timeout_seconds);
-		status = services.info->GetDatabaseStatus(id);
-		if (status.data_version == -1) {
-			report.Tell(id, "not installed", MakeResult("not installed", status.data_version));
-			return kFixNeeded;
-		}
-		bad = TryCheck(services, id, status);
+	const auto [status, bad] = LookThoroughly(services, id, timeout_seconds);
+	if (status.data_version == -1) {
+		report.Tell(id, "not installed", MakeResult("not installed", status.data_version));
+		return kFixNeeded;
 	}
-	Json::Value result = MakeResult(bad->empty() ? "ok" : "needs a fix", status.data_version);
-	result["bad_files"] = BadFilesToJson(*bad);
-	report.Tell(id, (bad->empty() ? "ok" : "needs a fix") + FormatBadFiles(*bad), result);
-	return bad->empty() ? kDone : kFixNeeded;
+	const char* const verdict = bad.empty() ? "ok" : "needs a fix";
+	Json::Value result = MakeResult(verdict, status.data_version);
+	result["bad_files"] = BadFilesToJson(bad);
+	report.Tell(id, verdict + FormatBadFiles(bad), result);
+	return bad.empty() ? kDone : kFixNeeded;
 }
 
 } // namespace
 
 void DeclareCheck(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "check", "Check all databases");
-	DeclareTimeout(app, options, "Seconds to wait while a database is being replaced");
+	DeclareTimeout(app, options, "Seconds to wait while a database is being replaced or its files are being recorded");
 	DeclareJsonArray(app, options);
 }
 
