@@ -1,5 +1,6 @@
 #include "expect_error.h"
 #include "mocks.h"
+#include "temporary_directory.h"
 
 #include <tarndbudctl/checked_info_getter.h>
 #include <tarndbudctl/checked_io.h>
@@ -10,9 +11,15 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <chrono>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace tarn::ctl {
 namespace {
@@ -101,6 +108,7 @@ public:
 		ON_CALL(*this, GetDatabaseUrl).WillByDefault(Return(kLink));
 	}
 	MOCK_METHOD(Json::Value, FetchDatabaseInfo, (), (const, override));
+	MOCK_METHOD(std::string, CacheStamp, (), (const, override));
 	MOCK_METHOD(std::string, GetDatabaseUrl, (), (const, override));
 };
 
@@ -110,6 +118,17 @@ TEST(CheckedInfoGetterTest, AsksForTheDocumentOnceInARun) {
 	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
 	EXPECT_TRUE(getter.GetDiffInfos("geo").empty());
 	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://x/");
+}
+
+TEST(CheckedInfoGetterTest, TakesUpADocumentThatSomebodyElseFetched) {
+	const NiceMock<TestedGetter> getter;
+	EXPECT_CALL(getter, CacheStamp).WillOnce(Return("1")).WillOnce(Return("2")).WillRepeatedly(Return("3"));
+	EXPECT_CALL(getter, FetchDatabaseInfo)
+	    .WillOnce(Return(Parse(ENTRY(GOOD))))
+	    .WillOnce(Return(Parse(ENTRY(R"("data_version":"10","last_fetch_time":1,"download_link":"http://y/")"))));
+	EXPECT_TRUE(getter.GetDatabaseInfo().isMember("db_list"));
+	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 10);
+	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://y/");
 }
 
 TEST(CheckedInfoGetterTest, TriesOnceWhenTheServerCannotBeReached) {
@@ -136,6 +155,35 @@ TEST(CheckedInfoGetterTest, NamesTheLinkOfDiffPackagesThatAreMalformed) {
 	    .WillByDefault(Return(Parse(ENTRY(GOOD R"(,"diff_files":{"x":{"download_link":"x","file_size":1}})"))));
 	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
 	EXPECT_THAT(MessageOf([&] { getter.GetDiffInfos("geo"); }), AllOf(HasSubstr(kLink), HasSubstr("\"x\" of geo")));
+}
+
+TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {
+	const test::TemporaryDirectory directory;
+	const std::string path = directory / "version.json";
+	test::WriteFile(path, "{\"a\": ");
+	std::thread writer([&path] {
+		// As it is written: emptied, and then filled.
+		for (int round = 0; round < 50; ++round) {
+			dataupdate::IOUtils().WriteJson(path, Parse(R"({"a":1})"));
+		}
+	});
+	const CheckedIO io;
+	for (int round = 0; round < 50; ++round) {
+		EXPECT_EQ(io.ReadJson(path)["a"].asInt(), 1);
+	}
+	writer.join();
+}
+
+TEST(CheckedIOTest, WaitsForNobodyToMendAnOldFile) {
+	const test::TemporaryDirectory directory;
+	const std::string path = directory / "version.json";
+	test::WriteFile(path, "{\"a\": ");
+	constexpr timespec kLongAgo = {1700000000, 0};
+	const std::array<timespec, 2> times = {kLongAgo, kLongAgo};
+	ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
+	const auto begin = std::chrono::steady_clock::now();
+	EXPECT_EQ(MessageOf([&path] { CheckedIO().ReadJson(path); }), "Fail to decode: " + path);
+	EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 TEST(CheckedInfoGetterTest, NamesTheRecordThatIsMalformed) {

@@ -79,6 +79,12 @@ TEST_F(UpdateCommandTest, StopsAtTheFirstScheduledDatabaseThatFails) {
 	EXPECT_THROW(Run({}), UpdateError);
 }
 
+TEST_F(UpdateCommandTest, AsksNoServerAgainAboutWhatIsUpToDate) {
+	doubles_.Install(5);
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).WillOnce(Return(dataupdate::RemoteInfo(5, 0, false, "http://x/")));
+	EXPECT_EQ(Run({"geo"}), kDone);
+}
+
 TEST_F(UpdateCommandTest, DoesNotTakeAMissingVolumeForSuccess) {
 	doubles_.Install(4);
 	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));

@@ -89,9 +89,10 @@ Json::Value CheckedInfoGetter::GetDatabaseInfo() const {
 	if (failure_) {
 		std::rethrow_exception(failure_);
 	}
-	if (!document_) {
+	if (!document_ || CacheStamp() != stamp_) {
 		try {
 			document_ = FetchDatabaseInfo();
+			stamp_ = CacheStamp();
 		} catch (...) {
 			failure_ = std::current_exception();
 			throw;
@@ -109,6 +110,15 @@ Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
 		}
 	}
 	throw UpdateError(DescribeCachedPage() + CachingNow());
+}
+
+std::string CheckedInfoGetter::CacheStamp() const {
+	struct stat status {};
+	if (stat(dataupdate::kCachedInfo, &status) != 0) {
+		return "";
+	}
+	return std::to_string(status.st_ino) + " " + std::to_string(status.st_mtim.tv_sec) + " " +
+	       std::to_string(status.st_mtim.tv_nsec);
 }
 
 std::string CheckedInfoGetter::DescribeCachedPage() const {

@@ -14,8 +14,9 @@ namespace tarn::ctl {
 
 /**
  * Turns whatever a malformed document raises into an UpdateError that names the server's link or the file. The
- * server's document, or the failure to get it, is kept for the object's life, so that one run makes one request. Not
- * for use by several threads at once.
+ * server's document is kept as long as nobody drops or renews the cached file, and the failure to get it for the
+ * object's life, so that one run makes one request; an older document could bring an older version back. Not for use by
+ * several threads at once.
  */
 class CheckedInfoGetter : public dataupdate::InfoGetter {
 public:
@@ -30,6 +31,8 @@ public:
 protected:
 	/** The document from the server or the cache, kept by GetDatabaseInfo(). */
 	virtual Json::Value FetchDatabaseInfo() const;
+	/** What changes whenever somebody drops or renews the cached document. */
+	virtual std::string CacheStamp() const;
 
 private:
 	template<typename Read>
@@ -39,6 +42,7 @@ private:
 
 	std::shared_ptr<dataupdate::IOUtils> io_;
 	mutable std::optional<Json::Value> document_;
+	mutable std::string stamp_;
 	mutable std::exception_ptr failure_;
 };
 

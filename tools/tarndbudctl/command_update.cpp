@@ -41,7 +41,9 @@ private:
 	void UpdateOnVolume(const std::string& id, int before) const {
 		Update::UpdateProject(id);
 		const int after = services_.info->GetDatabaseStatus(id).data_version;
-		if (after == before && services_.info->GetRemoteInfo(id).data_version > after) {
+		// The server need not be asked when there is a volume.
+		const bool has_volume = !services_.config->GetCurVolume().empty();
+		if (after == before && !has_volume && services_.info->GetRemoteInfo(id).data_version > after) {
 			RequireVolume(services_);
 		}
 	}
