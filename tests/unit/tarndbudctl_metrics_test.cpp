@@ -2,6 +2,7 @@
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
+#include <dataupdate/file_lock.h>
 #include <dataupdate/paths.h>
 #include <tarndbudctl/failure.h>
 #include <tarndbudctl/metrics.h>
@@ -96,6 +97,17 @@ TEST_F(MetricsCommandTest, MeasuresWhatIsInstalledAndWhatWasOffered) {
 		EXPECT_THAT(text, HasSubstr(line));
 	}
 	EXPECT_THAT(text, Not(HasSubstr("_version{database=\"zip\"}")));
+}
+
+TEST_F(MetricsCommandTest, TellsNoSizeOfFilesThatAreBeingReplaced) {
+	doubles_.Install(4, "geo");
+	WriteFile("/usr/share/data_update/data_update.conf", "{}");
+	WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{},"zip":{}})");
+	const dataupdate::FileLock replacing("/run/data_update/using_geo.lock", 0);
+	EXPECT_CALL(*doubles_.io, GetSize).Times(0);
+	const std::string text = Run();
+	EXPECT_THAT(text, HasSubstr("tarndbud_installed_version{database=\"geo\"} 4\n"));
+	EXPECT_THAT(text, Not(HasSubstr("tarndbud_installed_bytes")));
 }
 
 TEST_F(MetricsCommandTest, ToldNothingOfASilentServer) {

@@ -1,6 +1,8 @@
 #include "commands.h"
 #include "databases.h"
+#include "failure.h"
 #include "metrics.h"
+#include "reader_lock.h"
 #include "run_record.h"
 #include "whole_file.h"
 
@@ -13,6 +15,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -21,8 +24,9 @@ namespace tarn::ctl {
 
 namespace {
 
-// Long enough for a document to arrive, short enough for a collector.
+// Long enough for a document to arrive, and for files to be put in place, short enough for a collector.
 constexpr unsigned long kDocumentSeconds = 5;
+constexpr unsigned long kFilesSeconds = 1;
 
 /** The server's document as it was fetched last. */
 struct Document {
@@ -58,6 +62,16 @@ std::optional<int> OfferedVersion(const std::optional<Document>& document, const
 	}
 }
 
+/** No value while files are being replaced: they come and go, and their sum would be of no version. */
+std::optional<uintmax_t> InstalledBytes(const Services& services, const std::string& id, const std::string& directory) {
+	try {
+		const ReaderLock lock(id, kFilesSeconds);
+		return services.io->GetSize(directory);
+	} catch (const CommandError&) {
+		return std::nullopt;
+	}
+}
+
 void MeasureInstalled(const Services& services, Metrics& metrics, const std::string& id, const Labels& labels) {
 	const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
 	const bool installed = status.data_version != -1;
@@ -71,9 +85,11 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::str
 	metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
 	    static_cast<double>(std::time(nullptr) - status.last_fetch_time));
 	const auto config = services.config->GetDatabaseConfig(id);
-	if (!config->GetRootDirectory().empty()) {
-		metrics.Add("tarndbud_installed_bytes", "Size of the installed files.", labels,
-		    static_cast<double>(services.io->GetSize(config->GetInstallPrefix())));
+	if (config->GetRootDirectory().empty()) {
+		return;
+	}
+	if (const std::optional<uintmax_t> bytes = InstalledBytes(services, id, config->GetInstallPrefix())) {
+		metrics.Add("tarndbud_installed_bytes", "Size of the installed files.", labels, static_cast<double>(*bytes));
 	}
 }
 
