@@ -28,10 +28,10 @@ PAGE = b"<!DOCTYPE html><html><head><title>Sign in</title></head><body>Please si
 class FaultServer(ThreadingHTTPServer):
     daemon_threads = True
 
-    def __init__(self, directory: Path) -> None:
-        super().__init__(("127.0.0.1", 0), Handler)
+    def __init__(self, directory: Path, host: str) -> None:
+        super().__init__((host, 0), Handler)
         self.directory = directory
-        self.netloc = f"127.0.0.1:{self.server_address[1]}"
+        self.netloc = f"{host}:{self.server_address[1]}"
         self.texts: dict[str, bytes] = {}
         self.redirect_target = ""
         self.gate = threading.Event()
@@ -135,8 +135,8 @@ class Handler(BaseHTTPRequestHandler):
 
 
 @contextlib.contextmanager
-def serving(directory: Path) -> Iterator[FaultServer]:
-    server = FaultServer(directory)
+def serving(directory: Path, host: str = "127.0.0.1") -> Iterator[FaultServer]:
+    server = FaultServer(directory, host)
     thread = threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.05})
     thread.start()
     try:
