@@ -27,7 +27,7 @@ def made(seed: str, version: int) -> dict[str, bytes]:
     """The files of a version, but for the manifest and the table."""
     blocks = random.Random(seed)
     text = f"version {version}\n".encode() * version
-    files = {f"moving/{number:02}": blocks.randbytes(20_000) + text + blocks.randbytes(9_000) for number in range(MOVING)}
+    files = {f"moving/{n:02}": blocks.randbytes(20_000) + text + blocks.randbytes(9_000) for n in range(MOVING)}
     files |= {f"steady/{number:02}": blocks.randbytes(10_000) for number in range(STEADY)}
     files |= {name: blocks.randbytes(5_000) + text for name in VICTIMS}
     files |= {f"only in {version}/{number}": text for number in range(FLEETING)}
