@@ -20,6 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using test::EntriesBelow;
 using test::MessageOf;
 using test::ReadFile;
 using test::WriteFile;
@@ -31,14 +32,6 @@ using testing::UnorderedElementsAre;
 /** An entry of a description. */
 std::string Entry(const std::string& name, const std::string& operation, const std::string& input = "") {
 	return "\"" + name + R"(": {"operation": ")" + operation + R"(", "input_file": ")" + input + "\"}";
-}
-
-std::vector<std::string> FilesBelow(const std::string& directory) {
-	std::vector<std::string> files;
-	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-		files.push_back(fs::relative(entry.path(), directory));
-	}
-	return files;
 }
 
 class PatcherTest : public testing::Test {
@@ -97,7 +90,7 @@ TEST_F(PatcherTest, PatchesACopyOfTheInstalledFile) {
 	EXPECT_EQ(ReadFile(Copy("sub_f")), "one two");
 	EXPECT_EQ(ReadFile(Installed("sub/f")), "one ");
 	EXPECT_THAT(Operations(), ElementsAre("sub/f 1"));
-	EXPECT_THAT(FilesBelow(directory_ / "sum"), ElementsAre("sub_f")); // The decoder's output is gone.
+	EXPECT_THAT(EntriesBelow(directory_ / "sum"), ElementsAre("sub_f")); // The decoder's output is gone.
 }
 
 TEST_F(PatcherTest, GivesTheDecoderCopyOutputAndPatch) {
@@ -139,7 +132,7 @@ TEST_F(PatcherTest, DoesTheLastOfSeveralOperations) {
 	EXPECT_THAT(Operations(), ElementsAre("back 1", "deleted 2", "twice 2"));
 	EXPECT_EQ(patcher_.Modifications().at("deleted").source, Copy("deleted"));
 	patcher_.Install();
-	EXPECT_THAT(FilesBelow(Installed("")), ElementsAre("back"));
+	EXPECT_THAT(EntriesBelow(Installed("")), ElementsAre("back"));
 	EXPECT_EQ(ReadFile(Installed("back")), "3");
 }
 
@@ -177,7 +170,7 @@ TEST_F(PatcherTest, ChecksAPackageBeforeItPatchesAnything) {
 	    "Illegal file name in diff package: b/../../x");
 	EXPECT_EQ(Failure(Entry("a", "create", "in") + "," + Entry("b", "create", "../db"), {{"in", ""}}),
 	    "Illegal input file in diff package: ../db");
-	EXPECT_THAT(FilesBelow(directory_ / "sum"), IsEmpty());
+	EXPECT_THAT(EntriesBelow(directory_ / "sum"), IsEmpty());
 	EXPECT_THAT(Operations(), IsEmpty());
 }
 
@@ -202,7 +195,7 @@ TEST_F(PatcherTest, KeepsNamesApartThatAreOnlyDeleted) {
 	WriteFile(Installed("a_b"), "old");
 	Apply(Entry("a.b", "delete") + "," + Entry("a_b", "delete") + "," + Entry("a/b", "create", "in"), {{"in", "new"}});
 	patcher_.Install();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("a", "a/b"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b"));
 	EXPECT_EQ(ReadFile(Installed("a/b")), "new");
 }
 
@@ -293,7 +286,7 @@ TEST_F(PatcherTest, RunsNoScriptOnAFileThatItsRecordTellsApart) {
 
 TEST_F(PatcherTest, InstallsIntoNewDirectories) {
 	Apply(Entry("new/deep/f", "create", "in"), {{"in", "content"}});
-	EXPECT_THAT(FilesBelow(Installed("")), IsEmpty());
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
 	patcher_.Install();
 	EXPECT_EQ(ReadFile(Installed("new/deep/f")), "content");
 }
@@ -303,7 +296,7 @@ TEST_F(PatcherTest, LeavesOtherFilesAndEmptiedDirectories) {
 	WriteFile(Installed("sub/gone"), "old");
 	Apply(Entry("sub/gone", "delete") + "," + Entry("never/was", "delete"));
 	patcher_.Install();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("other", "sub"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("other", "sub"));
 }
 
 TEST_F(PatcherTest, ReplacesLinksNotWhatTheyLeadTo) {
@@ -314,7 +307,7 @@ TEST_F(PatcherTest, ReplacesLinksNotWhatTheyLeadTo) {
 	Apply(Entry("link", "create", "in") + "," + Entry("dangling", "create", "in") + "," + Entry("gone", "delete"),
 	    {{"in", "new"}});
 	patcher_.Install();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("link", "dangling"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("link", "dangling"));
 	EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Installed("link"))));
 	EXPECT_EQ(ReadFile(Installed("dangling")), "new");
 	EXPECT_EQ(ReadFile(directory_ / "outside"), "old");
@@ -329,7 +322,7 @@ TEST_F(PatcherTest, TurnsAFileIntoADirectoryAndBack) {
 	          Entry("b/c/d", "delete") + "," + Entry("b/e", "delete"),
 	    {{"in", "new"}});
 	patcher_.Install();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("a", "a/f", "b"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/f", "b"));
 	EXPECT_EQ(ReadFile(Installed("a/f")), "new");
 	EXPECT_EQ(ReadFile(Installed("b")), "new");
 }
@@ -340,7 +333,7 @@ TEST_F(PatcherTest, KeepsADirectoryThatWasAFileOnTheWay) {
 	Apply(Entry("a/f", "delete") + "," + Entry("a/gone", "delete") + "," + Entry("a", "create", "in"), {{"in", "x"}});
 	Apply(Entry("a", "delete") + "," + Entry("a/f", "create", "in"), {{"in", "new"}});
 	patcher_.Install();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("a", "a/f"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/f"));
 	EXPECT_EQ(ReadFile(Installed("a/f")), "new");
 }
 

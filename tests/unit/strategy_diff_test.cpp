@@ -29,6 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using test::EntriesBelow;
 using test::Line;
 using test::LinesOf;
 using test::MessageOf;
@@ -45,14 +46,6 @@ constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";
 constexpr char kInsufficient[] = "No sufficient diff patched";
-
-std::vector<std::string> FilesBelow(const std::string& directory) {
-	std::vector<std::string> files;
-	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-		files.push_back(fs::relative(entry.path(), directory));
-	}
-	return files;
-}
 
 /** A package that appends a text to the file "f". */
 test::FakePackages::Files Appending(const std::string& text) {
@@ -131,7 +124,7 @@ TEST_F(DiffStrategyTest, FetchesAndAppliesTheChainInThisOrder) {
 	}
 	expected.emplace_back("mkdir " + directory_ / "volume/db/geo");
 	EXPECT_THAT(platform_.events, testing::ElementsAreArray(expected));
-	EXPECT_THAT(FilesBelow(Area()), UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8"));
+	EXPECT_THAT(EntriesBelow(Area()), UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8"));
 }
 
 TEST_F(DiffStrategyTest, PatchesOneCopyByEveryPackageAndInstallsItOnce) {
@@ -221,7 +214,7 @@ TEST_F(DiffStrategyTest, PassesOnPackageErrors) {
 	platform_.mkdir_works = false;
 	EXPECT_EQ(PrepareFailure(), "Fail to create dir " + Area());
 	EXPECT_EQ(platform_.open_archives, 0);
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "other"));
 }
 
 TEST_F(DiffStrategyTest, WritesNothingForANameThatLeadsOut) {
@@ -229,7 +222,7 @@ TEST_F(DiffStrategyTest, WritesNothingForANameThatLeadsOut) {
 	EXPECT_EQ(PrepareFailure(), "Illegal file name in diff package: ../x");
 	Offer(R"({"x": {"operation": "create", "input_file": "../geo_d6"}})");
 	EXPECT_EQ(PrepareFailure(), "Illegal input file in diff package: ../geo_d6");
-	EXPECT_THAT(FilesBelow(directory_ / "volume/db"), UnorderedElementsAre("geo", "geo/f", "geo/other"));
+	EXPECT_THAT(EntriesBelow(directory_ / "volume/db"), UnorderedElementsAre("geo", "geo/f", "geo/other"));
 }
 
 TEST_F(DiffStrategyTest, ListsTheRelativeNamesOfChangedFiles) {
@@ -241,7 +234,7 @@ TEST_F(DiffStrategyTest, ListsTheRelativeNamesOfChangedFiles) {
 	EXPECT_THAT(strategy_->GetModifiedFiles(), ElementsAre("other", "sub/new"));
 	strategy_->ApplyUpdate();
 	EXPECT_THAT(strategy_->GetModifiedFiles(), ElementsAre("other", "sub/new"));
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "sub", "sub/new"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "sub", "sub/new"));
 }
 
 TEST_F(DiffStrategyTest, DeletesWhatWasCreatedOnTheWay) {
@@ -250,7 +243,7 @@ TEST_F(DiffStrategyTest, DeletesWhatWasCreatedOnTheWay) {
 	    {"patch_infos.json", R"({"new": {"operation": "create", "input_file": "in"}})"}, {"in", "1"}};
 	packages_.by_link["http://h/7"] = {{"patch_infos.json", R"({"new": {"operation": "delete"}})"}};
 	Prepared().ApplyUpdate();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "other"));
 }
 
 TEST_F(DiffStrategyTest, MeasuresOldFilesFromTheWorkingDirectory) {
@@ -276,7 +269,7 @@ TEST_F(DiffStrategyTest, NeedsMoreThanATwentiethFreeAfterwards) {
 	system_.space = {150, 1000};
 	EXPECT_EQ(PrepareFailure(), "Disk space is too low"); // 50 left of 1000.
 	EXPECT_TRUE(fs::is_directory(Installed("")));
-	EXPECT_THAT(FilesBelow(Installed("")), IsEmpty());
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
 	system_.space = {151, 1000};
 	EXPECT_NO_THROW(Prepared());
 }
@@ -291,7 +284,7 @@ TEST_F(DiffStrategyTest, NeverUsesWhatAKilledRunLeftBehind) {
 	WriteFile(Area() + "/poi_sum/f", "x");
 	Prepared();
 	EXPECT_EQ(ReadFile(Temp("sum/f")), "5678");
-	EXPECT_THAT(FilesBelow(Area()),
+	EXPECT_THAT(EntriesBelow(Area()),
 	    UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8", "poi_sum", "poi_sum/f"));
 }
 
@@ -354,7 +347,7 @@ TEST_F(DiffStrategyTest, PatchesNothingAfterAReplacementThatWasNotRecorded) {
 
 TEST_F(DiffStrategyTest, ChangesNothingWithoutHavingBeenPrepared) {
 	Make()->ApplyUpdate();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "other"));
 	EXPECT_THAT(strategy_->GetModifiedFiles(), IsEmpty());
 }
 

@@ -26,6 +26,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using test::EntriesBelow;
 using test::Line;
 using test::LinesOf;
 using test::MessageOf;
@@ -40,14 +41,6 @@ using testing::UnorderedElementsAre;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
-
-std::vector<std::string> FilesBelow(const std::string& directory) {
-	std::vector<std::string> files;
-	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-		files.push_back(fs::relative(entry.path(), directory));
-	}
-	return files;
-}
 
 class FullStrategyTest : public test::FixedPathsTest {
 protected:
@@ -87,7 +80,7 @@ TEST_F(FullStrategyTest, TouchesNoInstalledFileWhilePreparing) {
 	WriteFile(Installed("old"), "old");
 	platform_.package_files = {{"new", ""}};
 	Strategy().PrepareUpdate();
-	EXPECT_THAT(FilesBelow(Installed("")), ElementsAre("old"));
+	EXPECT_THAT(EntriesBelow(Installed("")), ElementsAre("old"));
 }
 
 TEST_F(FullStrategyTest, ReplacesEverythingThatIsInstalled) {
@@ -97,7 +90,7 @@ TEST_F(FullStrategyTest, ReplacesEverythingThatIsInstalled) {
 	FullStrategy strategy = Strategy();
 	strategy.PrepareUpdate();
 	strategy.ApplyUpdate();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("kept", "sub", "sub/file"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("kept", "sub", "sub/file"));
 	EXPECT_EQ(ReadFile(Installed("kept")), "new");
 	EXPECT_EQ(ReadFile(Temp("geo_full/kept")), "new"); // Stays until the end.
 }
@@ -109,7 +102,7 @@ TEST_F(FullStrategyTest, EmptiesTheInstallationForAnEmptyPackage) {
 	EXPECT_THAT(strategy.GetModifiedFiles(), IsEmpty());
 	strategy.ApplyUpdate();
 	EXPECT_TRUE(fs::is_directory(Installed("")));
-	EXPECT_THAT(FilesBelow(Installed("")), IsEmpty());
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
 }
 
 TEST_F(FullStrategyTest, DoesNotReproduceEmptyDirectories) {
@@ -118,7 +111,7 @@ TEST_F(FullStrategyTest, DoesNotReproduceEmptyDirectories) {
 	FullStrategy strategy = Strategy();
 	strategy.PrepareUpdate();
 	strategy.ApplyUpdate();
-	EXPECT_THAT(FilesBelow(Installed("")), UnorderedElementsAre("sub", "sub/file"));
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("sub", "sub/file"));
 }
 
 TEST_F(FullStrategyTest, InstallsRegularFilesOnly) {
@@ -204,8 +197,9 @@ TEST_F(FullStrategyTest, NeverInstallsWhatAKilledRunLeftBehind) {
 		strategy.PrepareUpdate();
 		strategy.ApplyUpdate();
 	}
-	EXPECT_THAT(FilesBelow(Installed("")), ElementsAre("new"));
-	EXPECT_THAT(FilesBelow(Temp("")), UnorderedElementsAre("geo_map_full", "geo_map_full/theirs", "geo_v1a", "poi_v3"));
+	EXPECT_THAT(EntriesBelow(Installed("")), ElementsAre("new"));
+	EXPECT_THAT(
+	    EntriesBelow(Temp("")), UnorderedElementsAre("geo_map_full", "geo_map_full/theirs", "geo_v1a", "poi_v3"));
 }
 
 TEST_F(FullStrategyTest, HoldsReadersOffWhileItReplaces) {
@@ -261,12 +255,12 @@ TEST_F(FullStrategyTest, RemovesItsTemporaryDataWhateverHappened) {
 	{
 		FullStrategy strategy = Strategy();
 		strategy.PrepareUpdate();
-		EXPECT_THAT(FilesBelow(Temp("")), UnorderedElementsAre("geo_v12", "geo_full", "geo_full/new"));
+		EXPECT_THAT(EntriesBelow(Temp("")), UnorderedElementsAre("geo_v12", "geo_full", "geo_full/new"));
 	}
-	EXPECT_THAT(FilesBelow(Temp("")), IsEmpty());
+	EXPECT_THAT(EntriesBelow(Temp("")), IsEmpty());
 	platform_.archive_extract_works = false;
 	PrepareFailure();
-	EXPECT_THAT(FilesBelow(Temp("")), IsEmpty());
+	EXPECT_THAT(EntriesBelow(Temp("")), IsEmpty());
 }
 
 TEST_F(FullStrategyTest, RemovesNothingThatItNeverMade) {

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace tarn::test {
 
@@ -48,6 +49,15 @@ inline void WriteFile(const std::string& path, const std::string& content) {
 	if (!file.flush()) {
 		throw std::runtime_error("cannot write " + path);
 	}
+}
+
+/** The names of all files and directories below a directory, relative to it, in no order. */
+inline std::vector<std::string> EntriesBelow(const std::string& directory) {
+	std::vector<std::string> entries;
+	for (const std::filesystem::directory_entry& entry : std::filesystem::recursive_directory_iterator(directory)) {
+		entries.push_back(std::filesystem::relative(entry.path(), directory));
+	}
+	return entries;
 }
 
 /** Reads a whole file. */
