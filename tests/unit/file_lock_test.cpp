@@ -1,6 +1,7 @@
 #include "expect_error.h"
 #include "fake_system.h"
 #include "log_lines.h"
+#include "open_descriptors.h"
 #include "temporary_directory.h"
 
 #include <dataupdate/file_lock.h>
@@ -8,7 +9,7 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
-#include <sys/resource.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -25,9 +26,12 @@ namespace fs = std::filesystem;
 
 using test::Line;
 using test::MessageOf;
+using test::OpenDescriptors;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
 using testing::StartsWith;
 
 class FileLockTest : public testing::Test {
@@ -41,37 +45,29 @@ protected:
 	test::FakeSystem system_;
 };
 
-size_t OpenDescriptors(const std::string& path) {
-	size_t count = 0;
-	for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
-		std::error_code ignored;
-		count += fs::read_symlink(entry.path(), ignored) == path ? 1U : 0U;
-	}
-	return count;
-}
-
-int DescriptorOf(const std::string& path) {
-	for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
-		std::error_code ignored;
-		if (fs::read_symlink(entry.path(), ignored) == path) {
-			return std::stoi(entry.path().filename());
-		}
-	}
-	return -1;
-}
-
 TEST_F(FileLockTest, CreatesTheFileAndItsDirectoriesAndKeepsThem) {
 	{ const FileLock lock(Path(), 0); }
 	EXPECT_TRUE(fs::is_regular_file(Path()));
 	EXPECT_TRUE(fs::is_empty(Path()));
-	EXPECT_EQ(OpenDescriptors(Path()), 0U);
+	EXPECT_THAT(OpenDescriptors(Path()), IsEmpty());
+}
+
+TEST_F(FileLockTest, LetsEverybodyOpenTheFileAndNobodyWriteIt) {
+	const mode_t before = umask(0);
+	const FileLock lock(Path(), 0);
+	umask(before);
+	struct stat status {};
+	ASSERT_EQ(stat(Path().c_str(), &status), 0);
+	EXPECT_EQ(status.st_mode & 07777U, 0644U);
+	ASSERT_THAT(OpenDescriptors(Path()), SizeIs(1));
+	EXPECT_EQ(fcntl(OpenDescriptors(Path()).front(), F_GETFL) & O_ACCMODE, O_RDONLY);
 }
 
 TEST_F(FileLockTest, TriesOnceWithoutATimeout) {
 	const FileLock holder(Path(), 0);
 	EXPECT_EQ(Failure(0), "Fail to lock " + Path());
 	EXPECT_EQ(system_.polls, 0);
-	EXPECT_EQ(OpenDescriptors(Path()), 1U);
+	EXPECT_THAT(OpenDescriptors(Path()), SizeIs(1));
 }
 
 TEST_F(FileLockTest, GetsTheLockWhenItIsReleasedInTime) {
@@ -137,9 +133,8 @@ TEST_F(FileLockTest, NamesTheFileThatCannotBeOpened) {
 
 TEST_F(FileLockTest, IsNotInheritedByPrograms) {
 	const FileLock lock(Path(), 0);
-	const int fd = DescriptorOf(Path());
-	ASSERT_GE(fd, 0);
-	EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+	ASSERT_THAT(OpenDescriptors(Path()), SizeIs(1));
+	EXPECT_EQ(fcntl(OpenDescriptors(Path()).front(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
 TEST_F(FileLockTest, CannotBeCopied) {

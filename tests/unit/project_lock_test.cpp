@@ -3,6 +3,7 @@
 #include "fake_system.h"
 #include "log_lines.h"
 #include "mocks.h"
+#include "open_descriptors.h"
 #include "private_root.h"
 #include "temporary_directory.h"
 
@@ -10,13 +11,17 @@
 #include <dataupdate/project_lock.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 
 namespace tarn::dataupdate {
 namespace {
@@ -36,12 +41,14 @@ constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 constexpr char kUpdateLock[] = "/run/data_update/update_geo.lock";
 constexpr char kAnyLock[] = "/run/data_update/update_any.lock";
 
+constexpr char kDatabases[] = "/usr/share/data_update/databases.conf";
+
 class ProjectLockTest : public test::FixedPathsTest {
 protected:
 	void SetUp() override {
 		FixedPathsTest::SetUp();
 		if (!IsSkipped()) {
-			WriteFile("/usr/share/data_update/databases.conf", R"({"geo": {}})");
+			WriteFile(kDatabases, R"({"geo": {}})");
 		}
 	}
 
@@ -49,6 +56,7 @@ protected:
 };
 
 TEST_F(ProjectLockTest, IsUnavailableBeforeTheFirstUpdate) {
+	fs::create_directories("/run/data_update");
 	const test::SyslogCapture log;
 	EXPECT_EQ(TARNDBUDGetFileLock("geo", 0), -2);
 	EXPECT_THAT(
@@ -65,7 +73,7 @@ TEST_F(ProjectLockTest, IsRefusedForAProjectThatIsNotSupported) {
 }
 
 TEST_F(ProjectLockTest, IsRefusedWithoutAConfiguration) {
-	fs::remove("/usr/share/data_update/databases.conf");
+	fs::remove(kDatabases);
 	const test::SyslogCapture log;
 	EXPECT_EQ(TARNDBUDGetFileLock("geo", 0), -2);
 	EXPECT_THAT(test::Lines(log),
@@ -93,6 +101,21 @@ TEST_F(ProjectLockTest, TriesOnceWithoutATimeout) {
 	EXPECT_EQ(TARNDBUDGetFileLock("geo", 0), -1);
 	EXPECT_EQ(system_.polls, 0);
 	EXPECT_THAT(test::Lines(log), ElementsAre(Line{LOG_ERR, kSource, "Get file lock timeout."}));
+	EXPECT_THAT(test::OpenDescriptors(kUsingLock), testing::SizeIs(1)) << "the updater's alone";
+}
+
+TEST_F(ProjectLockTest, CountsTheTimeThatReadingTheConfigurationTakes) {
+	const FileLock updater(kUsingLock, 0);
+	fs::remove(kDatabases);
+	ASSERT_EQ(mkfifo(kDatabases, 0600), 0);
+	std::thread slow_disk([this] {
+		std::ofstream pipe(kDatabases); // Returns once the configuration is being read.
+		system_.ahead += std::chrono::seconds(5);
+		pipe << R"({"geo": {}})";
+	});
+	EXPECT_EQ(TARNDBUDGetFileLock("geo", 5), -1);
+	slow_disk.join();
+	EXPECT_EQ(system_.polls, 1);
 }
 
 TEST_F(ProjectLockTest, WaitsForAReplacementToEnd) {
@@ -141,7 +164,7 @@ TEST_F(ProjectLockTest, ClosesTheFileEvenWhenUnlockingFails) {
 }
 
 TEST_F(ProjectLockTest, PassesOnWhatTheJsonLibraryThrows) {
-	WriteFile("/usr/share/data_update/databases.conf", "7");
+	WriteFile(kDatabases, "7");
 	EXPECT_THROW(TARNDBUDGetFileLock("geo", 0), Json::LogicError);
 }
 
@@ -155,6 +178,7 @@ TEST_F(ProjectLockTest, CanBeUsedFromC) {
 
 class CheckerTest : public test::FixedPathsTest {
 protected:
+	test::FakeSystem system_;
 	std::shared_ptr<NiceMock<test::MockServiceConfig>> config_ = std::make_shared<NiceMock<test::MockServiceConfig>>();
 	Checker checker_{config_};
 };
@@ -167,6 +191,7 @@ TEST_F(CheckerTest, SeesAnUpdateByItsLock) {
 		EXPECT_FALSE(checker_.IsAnyUpdating());
 	}
 	EXPECT_FALSE(checker_.IsUpdating("geo"));
+	EXPECT_EQ(system_.polls, 0) << "it tries once";
 }
 
 TEST_F(CheckerTest, SeesAnyUpdateByItsLock) {

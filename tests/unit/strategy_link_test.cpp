@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -111,6 +112,9 @@ TEST_F(ForceInstallTest, SaysWhyItCannotInstall) {
 	platform_.archive_init_works = false;
 	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }),
 	    "Fail to force install: Failed to extract package at tarnarchive_init");
+	platform_.archive_init_works = platform_.archive_open_works = platform_.archive_extract_works = true;
+	platform_.extract_more = [](const std::string&) { throw std::runtime_error("other"); };
+	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }), "Fail to force install: other");
 	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
 }
 

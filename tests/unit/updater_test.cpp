@@ -282,6 +282,13 @@ TEST_F(FileStatusCheckTest, NeverTakesADigestInCapitals) {
 	EXPECT_FALSE(CheckStatus({{"f", FileStatus(upper)}}, directory_.Path()));
 }
 
+TEST_F(FileStatusCheckTest, TakesNoDigestOfAnotherLength) {
+	const std::string right = kOfAbc;
+	for (const std::string& wrong : {right + "0", right.substr(1), right.substr(0, right.size() - 1), std::string()}) {
+		EXPECT_FALSE(CheckStatus({{"f", FileStatus(wrong)}}, directory_.Path())) << wrong;
+	}
+}
+
 TEST_F(FileStatusCheckTest, FailsForADirectoryInAFilesPlace) {
 	fs::create_directory(directory_ / "d");
 	EXPECT_FALSE(CheckStatus({{"d", FileStatus(kOfAbc)}}, directory_.Path()));
@@ -320,6 +327,7 @@ protected:
 TEST_F(FixerTest, SeesANeedWhenNothingWasEverInstalled) {
 	EXPECT_TRUE(TheFixer().IsFixNeeded(Status(-1, {})));
 	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "updater.cpp", "geo not been updated yet. Need Fix"}));
+	EXPECT_FALSE(TheFixer().IsFixNeeded(Status(-2, {}))); // Forced: a version like others.
 }
 
 TEST_F(FixerTest, SeesNoNeedWhenEveryFileIsRight) {

@@ -13,6 +13,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace tarn::dataupdate {
 namespace {
@@ -276,6 +277,24 @@ TEST_F(UnmountTest, MovesTheDatabasesAndThenUsesTheOtherVolume) {
 	EXPECT_THAT(test::Lines(log_), ElementsAre(Moving()));
 }
 
+TEST_F(UnmountTest, LeavesThePlaceItselfToTheMove) {
+	AddVolume("new");
+	int moves = 0;
+	platform_.exec = [&](const std::string&, const test::FakePlatform::Arguments& arguments) {
+		++moves;
+		EXPECT_FALSE(fs::exists(arguments.at(1))); // Or they would be moved into it.
+		EXPECT_TRUE(fs::is_directory(fs::path(arguments.at(1)).parent_path()));
+		return 0;
+	};
+	Unmount();
+	fs::create_directories(Main("new"));
+	Unmount();
+	fs::create_directories(directory_ / "new/@database");
+	WriteFile(Main("new"), "a file is replaced as well");
+	Unmount();
+	EXPECT_EQ(moves, 3);
+}
+
 TEST_F(UnmountTest, ReplacesAnEmptyDirectoryOnTheOtherVolume) {
 	AddVolume("new");
 	fs::create_directories(Main("new"));
@@ -339,19 +358,51 @@ TEST_F(UnmountTest, PassesOnThatGivingUpCannotBeRecorded) {
 	EXPECT_EQ(MessageOf([this] { Unmount(); }), "full");
 }
 
+/** Tells what was called, and goes on with answers of its own. */
+class TellingHandler : public VolumeHandler {
+public:
+	using VolumeHandler::VolumeHandler;
+	std::string FindSuitableVolume(std::string exclude) const override {
+		calls.push_back("find " + exclude);
+		return "/found";
+	}
+	std::string GetMainDirPath(const std::string& volume) const override {
+		calls.push_back("main " + volume);
+		return directory + volume + "/main";
+	}
+	void CreateDirectories(const std::string& path) const override {
+		calls.push_back("create " + path.substr(directory.size()));
+	}
+	bool IsSuitable(const void* /*volumeInfo*/, long requiredBytes) const override {
+		calls.push_back("suitable " + std::to_string(requiredBytes));
+		return true;
+	}
+
+	mutable std::vector<std::string> calls;
+	std::string directory;
+};
+
 TEST_F(VolumeHandlerTest, CallsItsOperationsThroughTheVirtualOnes) {
-	class Double : public VolumeHandler {
-	public:
-		using VolumeHandler::VolumeHandler;
-		std::string FindSuitableVolume(std::string exclude) const override {
-			EXPECT_EQ(exclude, "");
-			return "/found";
-		}
-		std::string GetMainDirPath(const std::string& volume) const override { return volume + "/main"; }
-		void CreateDirectories(const std::string& path) const override { EXPECT_EQ(path, "/found/main"); }
-	};
-	EXPECT_CALL(*config_, SetCurVolume("/found"));
-	Double(config_).InitVolume();
+	TellingHandler handler(config_);
+	handler.directory = directory_.Path();
+	EXPECT_CALL(*config_, SetCurVolume("/found")).Times(2);
+	handler.InitVolume();
+	EXPECT_THAT(handler.calls, ElementsAre("find ", "main /found", "create /found/main"));
+	handler.calls.clear();
+	const std::string mounted = AddVolume("v").mount_path;
+	EXPECT_CALL(*config_, SetCurVolume(mounted));
+	handler.MountVolumeEvent(mounted);
+	EXPECT_THAT(handler.calls, ElementsAre("main " + mounted, "suitable -1", "create " + mounted + "/main"));
+	handler.calls.clear();
+	CurrentVolume("/old");
+	EXPECT_CALL(*config_, SetCurVolume(""));
+	platform_.exec = [](const std::string&, const test::FakePlatform::Arguments&) { return 0; };
+	handler.UnmountVolumeEvent("/old");
+	EXPECT_THAT(handler.calls, testing::AllOf(testing::Contains("find /old"), testing::Contains("main /old"),
+	                               testing::Contains("main /found"), testing::Contains("create /found")));
+	handler.calls.clear();
+	EXPECT_EQ(handler.VolumeHandler::FindSuitableVolume(""), mounted);
+	EXPECT_THAT(handler.calls, ElementsAre("suitable 100")) << "the sum of all, computed once";
 }
 
 } // namespace
