@@ -99,8 +99,8 @@ int TLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
 		if (path == nullptr || path[0] != '/') {
 			return Fail(EINVAL);
 		}
-		constexpr unsigned int kOptions =
-		    TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL | TLIBC_EXEC_CLEAN_ENV | TLIBC_EXEC_NEW_GROUP;
+		constexpr unsigned int kOptions = TLIBC_EXEC_WAIT | TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL |
+		                                  TLIBC_EXEC_CLEAN_ENV | TLIBC_EXEC_NEW_GROUP;
 		Program program = MakeProgram(path, kOptions);
 		for (const char* argument : {arg1, arg2, arg3, arg4}) {
 			if (argument == nullptr) {

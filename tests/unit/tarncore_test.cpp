@@ -303,13 +303,11 @@ void KillAndReap(pid_t caller) {
 	ASSERT_EQ(waitpid(caller, nullptr, 0), caller);
 }
 
-TEST(Exec, ProgramThatIsWaitedForDiesWithItsCaller) {
-	const TemporaryDirectory directory;
+/** Kills the caller of a program that tells its number to the FIFO "told", and expects the program to die as well. */
+void ExpectDeathWithCaller(const TemporaryDirectory& directory, const std::function<int()>& run) {
 	ASSERT_EQ(mkfifo((directory / "told").c_str(), 0600), 0);
 	pid_t program = -1;
-	const pid_t caller = ForkCaller(
-	    directory / "told", [&] { return RunScript(kIsolated, "echo $$ > \"$1\"; exec sleep 60", directory / "told"); },
-	    program);
+	const pid_t caller = ForkCaller(directory / "told", run, program);
 	const UniqueFd watched(static_cast<int>(syscall(SYS_pidfd_open, program, 0)));
 	ASSERT_TRUE(watched);
 	KillAndReap(caller);
@@ -318,20 +316,17 @@ TEST(Exec, ProgramThatIsWaitedForDiesWithItsCaller) {
 	kill(program, SIGKILL);
 }
 
-TEST(Exec, MoveGoesOnWithoutItsCaller) {
+TEST(Exec, ProgramThatIsWaitedForDiesWithItsCaller) {
 	const TemporaryDirectory directory;
-	for (const char* name : {"told", "question", "answer"}) {
-		ASSERT_EQ(mkfifo((directory / name).c_str(), 0600), 0);
-	}
-	pid_t program = -1;
-	const auto run = [&] {
-		return TLIBCExec(kShell, "-c", "cd \"$0\" && echo $$ > told && read -r word < question && echo $word > answer",
-		    directory.Path().c_str(), nullptr);
-	};
-	const pid_t caller = ForkCaller(directory / "told", run, program);
-	KillAndReap(caller);
-	WriteFile(directory / "question", "alive\n");
-	EXPECT_EQ(ReadFile(directory / "answer"), "alive\n");
+	ExpectDeathWithCaller(
+	    directory, [&] { return RunScript(kIsolated, "echo $$ > \"$1\"; exec sleep 60", directory / "told"); });
+}
+
+TEST(Exec, MoveDiesWithItsCaller) {
+	const TemporaryDirectory directory;
+	ExpectDeathWithCaller(directory, [&] {
+		return TLIBCExec(kShell, "-c", "echo $$ > \"$0\"; exec sleep 60", (directory / "told").c_str(), nullptr);
+	});
 }
 
 TEST(Exec, MoveIsOutOfTheReachOfATerminalsKeys) {
