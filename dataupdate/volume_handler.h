@@ -16,7 +16,18 @@ namespace tarn::dataupdate {
 /**
  * Settles and moves the current volume, "cur_volume" of the service configuration; empty means that no volume is in
  * use and that databases on a volume are not updated. The event operations log the failures of their own steps and do
- * not throw, except where reading the current volume, or the write named at each, fails. No operation takes a lock.
+ * not throw, except where reading the current volume, or the write named at each, fails.
+ *
+ * What else a host has to do around them:
+ * - No operation takes a lock. Hold the lock on any update and those on the readers of every database
+ * ("update_any.lock" and "using_<id>.lock" in /run/data_update, as FileLock) while databases move, and the first while
+ * a volume is adopted.
+ * - Records of what is installed are not touched. After a full update or a fix they name files by absolute paths, which
+ *   lead to the old volume until the host rewrites them (InfoGetter::GetDatabaseStatus, SetDatabaseStatus); until then
+ *   CheckStatus and Fixer find these files missing, or look at what is left of them on the old volume. The next update
+ *   writes new ones.
+ * - Whether a move succeeded is seen by the current volume, which is empty after a failure: the files are then on the
+ * old volume, or parts of them on both. A volume that is adopted may lack databases that count as installed.
  */
 class TARNDBUD_EXPORT VolumeHandler {
 public:

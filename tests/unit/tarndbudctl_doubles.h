@@ -39,7 +39,9 @@ struct Doubles {
 	std::ostringstream out;
 	std::ostringstream err;
 	ctl::Terminal terminal{out, err, false};
-	ctl::Services services{io, config, info, updater, checker, terminal};
+	bool is_available = true;
+	ctl::Services services{
+	    io, config, info, updater, checker, terminal, [this](const std::string&) { return is_available; }};
 
 	Doubles() {
 		using testing::Return;

@@ -114,6 +114,14 @@ TEST_F(RepairCommandTest, NeedsAVolume) {
 	EXPECT_THAT(Sentence(0), HasSubstr("There is no storage volume"));
 }
 
+TEST_F(RepairCommandTest, WritesNothingBelowTheMountPointOfAVanishedVolume) {
+	doubles_.is_available = false;
+	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
+	EXPECT_EQ(Fix({"geo"}), kFailed);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("is in use, but is not available"));
+	EXPECT_THAT(Sentence(0), HasSubstr("is in use, but is not available"));
+}
+
 TEST_F(RepairCommandTest, DoesNotWaitWhenToldSo) {
 	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault(Return(true));
 	options_.no_wait = true;

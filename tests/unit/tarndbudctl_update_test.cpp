@@ -96,6 +96,15 @@ TEST_F(UpdateCommandTest, DoesNotTakeAMissingVolumeForSuccess) {
 	EXPECT_EQ(Run({"geo"}), kDone) << "what is up to date needs no volume";
 }
 
+TEST_F(UpdateCommandTest, WritesNothingBelowTheMountPointOfAVanishedVolume) {
+	doubles_.Install(4);
+	doubles_.is_available = false;
+	EXPECT_CALL(*doubles_.updater, Update).Times(0);
+	EXPECT_EQ(Run({"geo"}), kFailed);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The volume /volume1 is in use, but is not available"));
+	EXPECT_EQ(CodeOf([&] { Run({}); }), kFailed);
+}
+
 TEST_F(UpdateCommandTest, HasNothingToDoWhenNothingIsScheduled) {
 	ON_CALL(*doubles_.database, GetScheduled).WillByDefault(Return(false));
 	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));

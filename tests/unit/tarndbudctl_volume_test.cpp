@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mount.h>
+
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -19,6 +21,9 @@ using test::ReadFile;
 using test::WriteFile;
 using testing::HasSubstr;
 
+constexpr char kFile[] = "/@database/autoupdate/geo/file";
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
+
 /** The real library over two directories that are listed as volumes. */
 class VolumeCommandTest : public test::FixedPathsTest {
 protected:
@@ -27,7 +32,7 @@ protected:
 		if (IsSkipped()) {
 			return;
 		}
-		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{}})");
+		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{"install_dest":"%VOLUME%"}})");
 		for (const std::string& volume : {first_, second_}) {
 			std::filesystem::create_directories(volume);
 		}
@@ -49,6 +54,22 @@ protected:
 		options_.path = path;
 		EXPECT_EQ(command(services_, options_), kDone);
 		return out_.str();
+	}
+	/** A database of one file, recorded by its absolute path. */
+	void Install(const std::string& volume) {
+		UseVolume(volume);
+		WriteFile(volume + kFile, "content");
+		dataupdate::DatabaseStatus status;
+		status.data_version = 3;
+		status.file_statuses = dataupdate::CalculateStatus({volume + kFile}, "/");
+		services_.info->SetDatabaseStatus("geo", status);
+	}
+	std::vector<std::string> RecordedFiles() const {
+		std::vector<std::string> names;
+		for (const auto& [name, status] : services_.info->GetDatabaseStatus("geo").file_statuses) {
+			names.push_back(name);
+		}
+		return names;
 	}
 	std::string Volume() const { return services_.config->GetCurVolume(); }
 
@@ -112,6 +133,91 @@ TEST_F(VolumeCommandTest, LetsTheRecordsFollowTheFiles) {
 	EXPECT_EQ(services_.info->GetDatabaseStatus("geo").data_version, 3);
 }
 
+TEST_F(VolumeCommandTest, KeepsTheMarkOfAnUnfinishedReplacementThroughAMove) {
+	Install(first_);
+	WriteFile(kMark, "");
+	Run(RunVolumeUnmounting, first_);
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{second_ + kFile});
+}
+
+TEST_F(VolumeCommandTest, LeavesNoMarkBehindAMove) {
+	Install(first_);
+	Run(RunVolumeUnmounting, first_);
+	EXPECT_FALSE(std::filesystem::exists(kMark));
+}
+
+TEST_F(VolumeCommandTest, LeavesNoMarkWhenNothingWasMoved) {
+	Install(first_);
+	WriteFile(second_ + "/@database/autoupdate/in the way", "");
+	options_.path = first_;
+	EXPECT_THROW(RunVolumeUnmounting(services_, options_), CommandError);
+	EXPECT_FALSE(std::filesystem::exists(kMark));
+	EXPECT_TRUE(std::filesystem::exists(second_ + "/@database/autoupdate/in the way"));
+	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{first_ + kFile});
+}
+
+TEST_F(VolumeCommandTest, MovesNothingThatItCannotMark) {
+	Install(first_);
+	const char* records = "/var/lib/data_update/geo";
+	if (mount(records, records, nullptr, MS_BIND, nullptr) != 0 ||
+	    mount(nullptr, records, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+		GTEST_SKIP() << "nothing can be mounted here";
+	}
+	options_.path = first_;
+	EXPECT_THROW(RunVolumeUnmounting(services_, options_), CommandError);
+	EXPECT_EQ(umount(records), 0);
+	EXPECT_EQ(ReadFile(first_ + kFile), "content");
+	EXPECT_FALSE(std::filesystem::exists(second_ + kFile));
+}
+
+TEST_F(VolumeCommandTest, GivesUpAVolumeThatVanished) {
+	UseVolume(directory_ / "gone");
+	EXPECT_THAT(Run(RunVolumeUnmounting, directory_ / "gone"), HasSubstr("is not available and was given up"));
+	EXPECT_EQ(Volume(), "");
+}
+
+TEST_F(VolumeCommandTest, MarksWhatAnAdoptedVolumeLacks) {
+	Install(first_);
+	UseVolume("");
+	ListVolumes({second_});
+	EXPECT_THAT(Run(RunVolumeMounted, second_), HasSubstr("to be installed anew by the next update: geo\n"));
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{second_ + kFile});
+}
+
+TEST_F(VolumeCommandTest, MarksWhatIsOtherwiseThanRecordedOnAnAdoptedVolume) {
+	Install(first_);
+	WriteFile(first_ + kFile, "cut off");
+	UseVolume("");
+	options_.json = true;
+	EXPECT_EQ(RunInit(services_, options_), kDone);
+	EXPECT_EQ(out_.str(), "{\n\t\"incomplete\" : \n\t[\n\t\t\"geo\"\n\t],\n\t\"volume\" : \"" + first_ + "\"\n}\n");
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+}
+
+TEST_F(VolumeCommandTest, MarksNothingThatIsWholeOnAnAdoptedVolume) {
+	Install(first_);
+	WriteFile("/usr/share/data_update/databases.conf",
+	    R"({"geo":{"install_dest":"%VOLUME%"}, "root":{"install_dest":"%ROOTFS%"}, "bad":{}})");
+	for (const char* elsewhere : {"root", "bad"}) {
+		services_.info->SetDatabaseStatus(elsewhere, services_.info->GetDatabaseStatus("geo"));
+	}
+	UseVolume("");
+	EXPECT_EQ(Run(RunVolumeMounted, first_), "The databases are on " + first_ + " from now on.\n");
+	EXPECT_FALSE(std::filesystem::exists(kMark));
+}
+
+TEST_F(VolumeCommandTest, MarksAForcedVersionThatAnAdoptedVolumeLacks) {
+	Install(first_);
+	dataupdate::DatabaseStatus forced;
+	forced.data_version = 3;
+	services_.info->SetDatabaseStatus("geo", forced);
+	UseVolume("");
+	EXPECT_THAT(Run(RunVolumeMounted, second_), HasSubstr("geo"));
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+}
+
 TEST_F(VolumeCommandTest, GivesUpTheVolumeWhenThereIsNoOther) {
 	UseVolume(first_);
 	ListVolumes({first_});
@@ -153,7 +259,6 @@ TEST_F(VolumeCommandTest, InitMakesTheLocksOfWhatIsInstalled) {
 	dataupdate::DatabaseStatus status;
 	status.data_version = 3;
 	services_.info->SetDatabaseStatus("geo", status);
-	std::filesystem::create_directories("/run/data_update");
 	EXPECT_EQ(RunInit(services_, options_), kDone);
 	EXPECT_TRUE(std::filesystem::exists("/run/data_update/using_geo.lock"));
 	EXPECT_FALSE(std::filesystem::exists("/run/data_update/using_zip.lock"));

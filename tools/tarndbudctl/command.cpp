@@ -57,11 +57,12 @@ const std::vector<Command>& AllCommands() {
 	    {"volume show", "Show the volume that holds the databases", nullptr, false, false, DeclareVolumeShow,
 	        RunVolumeShow},
 	    {"volume mounted", "Adopt a volume that was mounted, when none is in use",
-	        "Nothing happens when a volume is in use, or when this one is not suitable.", true, false,
-	        DeclareVolumeMounted, RunVolumeMounted},
+	        "Nothing happens when a volume is in use, or when this one is not suitable. Databases that it lacks are "
+	        "named,\nand installed anew by the next update.",
+	        true, false, DeclareVolumeMounted, RunVolumeMounted},
 	    {"volume unmounting", "Move the databases away from a volume that is about to be unmounted",
 	        "They go to the first other suitable volume. Without one they stay, and are not updated until a volume is\n"
-	        "mounted. Waits for a running update and for readers first.",
+	        "mounted. Waits for a running update and for readers first. A volume that is not available is given up.",
 	        true, false, DeclareVolumeUnmounting, RunVolumeUnmounting},
 	};
 	return kCommands;

@@ -1,8 +1,11 @@
 #include "commands.h"
 #include "databases.h"
 #include "reader_lock.h"
+#include "volume_content.h"
 
+#include <dataupdate/file_lock.h>
 #include <dataupdate/interruption.h>
+#include <dataupdate/paths.h>
 #include <dataupdate/volume_handler.h>
 
 #include <CLI/CLI.hpp>
@@ -12,11 +15,23 @@ namespace tarn::ctl {
 namespace {
 
 /** Does what the initialisation does, which logs its failures, and lets the failure be seen. */
-void AdoptVolume(const Services& services) {
+void ChooseVolume(const Services& services) {
 	const dataupdate::VolumeHandler handler(services.config);
 	const std::string volume = handler.FindSuitableVolume("");
 	handler.CreateDirectories(handler.GetMainDirPath(volume));
 	services.config->SetCurVolume(volume);
+}
+
+/** Returns what there is to say of databases that the volume lacks. */
+std::string AdoptVolume(const Services& services, Json::Value& answer) {
+	// None is in use while databases move, either.
+	const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, dataupdate::kLockTimeout);
+	const dataupdate::InterruptionShield shield;
+	dataupdate::InitService();
+	if (services.config->GetCurVolume().empty()) {
+		ChooseVolume(services);
+	}
+	return TakeOver(services, services.config->GetCurVolume(), answer);
 }
 
 /** Lock files don't survive a restart, and readers without root's rights cannot make them. */
@@ -35,16 +50,12 @@ void DeclareInit(CLI::App& app, Options& options) {
 }
 
 ExitCode RunInit(const Services& services, const Options& options) {
-	const dataupdate::InterruptionShield shield;
 	PrepareForReaders(services);
-	dataupdate::InitService();
-	if (services.config->GetCurVolume().empty()) {
-		AdoptVolume(services);
-	}
-	const std::string volume = services.config->GetCurVolume();
 	Json::Value object(Json::objectValue);
+	const std::string missing = services.config->GetCurVolume().empty() ? AdoptVolume(services, object) : "";
+	const std::string volume = services.config->GetCurVolume();
 	object["volume"] = volume;
-	Answer(services, options, "The databases are on " + volume + ".\n", object);
+	Answer(services, options, "The databases are on " + volume + ".\n" + missing, object);
 	return kDone;
 }
 

@@ -39,6 +39,7 @@ public:
 
 private:
 	void UpdateOnVolume(const std::string& id, int before) const {
+		RequireNoLostVolume(services_);
 		Update::UpdateProject(id);
 		const int after = services_.info->GetDatabaseStatus(id).data_version;
 		// The server need not be asked when there is a volume.

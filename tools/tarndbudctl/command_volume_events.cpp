@@ -1,37 +1,20 @@
 #include "commands.h"
 #include "databases.h"
-#include "text.h"
+#include "volume_content.h"
+#include "volume_move.h"
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/interruption.h>
 #include <dataupdate/paths.h>
 #include <dataupdate/volume_handler.h>
-#include <tarnsdk/volume.h>
 
 #include <CLI/CLI.hpp>
 
 #include <list>
-#include <map>
-#include <memory>
 
 namespace tarn::ctl {
 
 namespace {
-
-/** Lets it be seen whether a volume to move to was found; what the library does with it is only logged. */
-class SeenVolumeHandler : public dataupdate::VolumeHandler {
-public:
-	using VolumeHandler::VolumeHandler;
-
-	std::string FindSuitableVolume(std::string exclude) const override {
-		found_ = VolumeHandler::FindSuitableVolume(std::move(exclude));
-		return found_;
-	}
-	const std::string& Found() const { return found_; }
-
-private:
-	mutable std::string found_;
-};
 
 /** Mount paths are told without a slash at their end; shells complete them with one. */
 std::string WithoutSlash(std::string path) {
@@ -62,44 +45,53 @@ private:
 	std::list<dataupdate::FileLock> locks_;
 };
 
-/** Records name files by absolute paths as well, which would be missed at the old place. */
-void MoveRecords(const Services& services, const std::string& from, const std::string& to) {
-	const std::string prefix = from + "/";
-	for (const std::string& id : services.config->GetDatabaseIDs()) {
-		dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
-		std::map<std::string, dataupdate::FileStatus> moved;
-		for (const auto& [name, file] : status.file_statuses) {
-			moved.emplace(StartsWith(name, prefix) ? to + name.substr(from.size()) : name, file);
-		}
-		if (moved != status.file_statuses) {
-			status.file_statuses = std::move(moved);
-			services.info->SetDatabaseStatus(id, status);
-		}
-	}
-}
-
-void AnswerToUnmount(
-    const Services& services, const Options& options, const SeenVolumeHandler& handler, const std::string& path) {
+void AnswerToUnmount(const Services& services, const Options& options, const VolumeMove& move,
+    VolumeMove::Outcome outcome, const std::string& path) {
+	using Outcome = VolumeMove::Outcome;
 	const std::string now = services.config->GetCurVolume();
-	if (!now.empty() && handler.Found().empty()) {
-		Answer(services, options, "The databases are on " + now + " already.\n", Describe("ignored", now));
-		return;
-	}
-	if (!now.empty()) {
-		MoveRecords(services, handler.GetMainDirPath(path), handler.GetMainDirPath(now));
+	const std::string could_not = "The databases could not be moved from " + path + " to " + move.Target();
+	switch (outcome) {
+	case Outcome::kMoved:
 		Answer(
 		    services, options, "The databases were moved from " + path + " to " + now + ".\n", Describe("moved", now));
 		return;
-	}
-	if (!handler.Found().empty()) {
+	case Outcome::kCopied:
+		Answer(services, options,
+		    "The databases were moved from " + path + " to " + now + "; what is left of them on " + path +
+		        " could not be deleted: see the system log.\n",
+		    Describe("moved", now));
+		return;
+	case Outcome::kStayed:
 		throw CommandError(
-		    kFailed, "The databases could not be moved from " + path + " to " + handler.Found() +
-		                 "; what is left of them is on both, and no volume is in use: see the system log");
+		    kFailed, could_not + "; they are whole on " + path +
+		                 ", and no volume is in use; the lines of mv before this one and the system log tell why");
+	case Outcome::kDivided:
+		throw CommandError(kFailed,
+		    could_not + "; what is left of them is on both, no volume is in use, and the next "
+		                "update installs them anew; the lines of mv before this one and the system log tell why");
+	case Outcome::kNoTarget:
+		break;
+	}
+	if (!now.empty()) {
+		Answer(services, options, "The databases are on " + now + " already.\n", Describe("ignored", now));
+		return;
 	}
 	Answer(services, options,
 	    "The databases stay on " + path +
 	        ", and no volume is in use: no other one is suitable. They are not updated "
 	        "until a volume is mounted.\n",
+	    Describe("given up", ""));
+}
+
+/** A volume that went without notice has nothing to move, and the library would move what lies below its mount point.
+ */
+void GiveUp(const Services& services, const Options& options, const std::string& path) {
+	if (services.config->GetCurVolume() == path) {
+		services.config->SetCurVolume("");
+	}
+	Answer(services, options,
+	    path +
+	        " is not available and was given up, so no volume is in use; \"tarndbudctl init\" chooses another one.\n",
 	    Describe("given up", ""));
 }
 
@@ -117,20 +109,28 @@ ExitCode RunVolumeMounted(const Services& services, const Options& options) {
 		Answer(services, options, "The databases stay on " + before + ".\n", Describe("ignored", before));
 		return kDone;
 	}
-	if (TARNMountVolInfoGet(path.c_str(), std::make_unique<TARNMountVolInfo>().get()) != 0) {
+	if (!services.is_available(path)) {
 		throw CommandError(
 		    kFailed, path + " is no volume: it is not mounted, or not listed in /usr/tarn/etc/volumes.conf");
 	}
+	// None is in use while databases move, either.
+	const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, dataupdate::kLockTimeout);
 	const dataupdate::InterruptionShield shield;
 	dataupdate::VolumeHandler(services.config).MountVolumeEvent(path);
 	const std::string now = services.config->GetCurVolume();
+	if (!now.empty() && now != path) {
+		Answer(services, options, "The databases stay on " + now + ".\n", Describe("ignored", now));
+		return kDone;
+	}
 	if (now.empty()) {
 		Answer(services, options,
 		    path + " is not suitable: it is excluded, cannot be written or has too little space; see the system log.\n",
 		    Describe("unsuitable", ""));
 		return kDone;
 	}
-	Answer(services, options, "The databases are on " + now + " from now on.\n", Describe("adopted", now));
+	Json::Value adopted = Describe("adopted", now);
+	const std::string missing = TakeOver(services, now, adopted);
+	Answer(services, options, "The databases are on " + now + " from now on.\n" + missing, adopted);
 	return kDone;
 }
 
@@ -149,9 +149,13 @@ ExitCode RunVolumeUnmounting(const Services& services, const Options& options) {
 	}
 	const StandStill still(services, options.timeout_seconds);
 	const dataupdate::InterruptionShield shield;
-	const SeenVolumeHandler handler(services.config);
-	handler.UnmountVolumeEvent(path);
-	AnswerToUnmount(services, options, handler, path);
+	if (!services.is_available(path)) {
+		GiveUp(services, options, path);
+		return kDone;
+	}
+	VolumeMove move(services, path);
+	const VolumeMove::Outcome outcome = move.Run();
+	AnswerToUnmount(services, options, move, outcome, path);
 	return kDone;
 }
 

@@ -113,6 +113,16 @@ void RequireVolume(const Services& services) {
 	if (services.config->GetCurVolume().empty()) {
 		throw CommandError(kFailed, kNoVolume);
 	}
+	RequireNoLostVolume(services);
+}
+
+void RequireNoLostVolume(const Services& services) {
+	const std::string volume = services.config->GetCurVolume();
+	if (!volume.empty() && !services.is_available(volume)) {
+		throw CommandError(kFailed, "The volume " + volume +
+		                                " is in use, but is not available, so nothing was changed; mount it, or list "
+		                                "it in /usr/tarn/etc/volumes.conf");
+	}
 }
 
 void RequireIdle(const Services& services, const Options& options) {

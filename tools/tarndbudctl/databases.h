@@ -52,6 +52,11 @@ ExitCode RunOnScheduled(const Services& services, const Options& options, const 
 
 /** Throws the failure of having no volume when there is none. */
 void RequireVolume(const Services& services);
+/**
+ * Throws when the volume in use went away without notice: what would be installed then lay on the file system below its
+ * mount point, and would be hidden when it comes back.
+ */
+void RequireNoLostVolume(const Services& services);
 
 /** With --no-wait: throws when another update is running. */
 void RequireIdle(const Services& services, const Options& options);

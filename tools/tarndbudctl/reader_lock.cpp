@@ -8,6 +8,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <system_error>
+
 namespace tarn::ctl {
 
 ReaderLock::ReaderLock(const std::string& id, unsigned long timeout_seconds)
@@ -22,6 +25,9 @@ ReaderLock::~ReaderLock() {
 }
 
 bool MakeReaderLockFile(const std::string& id) {
+	// Nothing below /run survives a restart.
+	std::error_code ignored;
+	std::filesystem::create_directories("/run/data_update", ignored);
 	const std::string path = "/run/data_update/using_" + id + ".lock";
 	const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
 	if (fd < 0) {

@@ -3,14 +3,24 @@
 #include "checked_info_getter.h"
 #include "checked_io.h"
 
+#include <tarnsdk/volume.h>
+
 namespace tarn::ctl {
+
+namespace {
+
+bool IsVolumeAvailable(const std::string& volume) {
+	return TARNMountVolInfoGet(volume.c_str(), std::make_unique<TARNMountVolInfo>().get()) == 0;
+}
+
+} // namespace
 
 Services MakeServices(Terminal& terminal) {
 	const auto io = std::make_shared<CheckedIO>();
 	const auto config = std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
 	const auto info = std::make_shared<CheckedInfoGetter>(io, config);
 	return {io, config, info, std::make_shared<dataupdate::Updater>(), std::make_shared<dataupdate::Checker>(config),
-	    terminal};
+	    terminal, IsVolumeAvailable};
 }
 
 } // namespace tarn::ctl

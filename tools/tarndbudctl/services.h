@@ -10,7 +10,9 @@
 #include <dataupdate/updater.h>
 #include <dataupdate/utils.h>
 
+#include <functional>
 #include <memory>
+#include <string>
 
 namespace tarn::ctl {
 
@@ -21,6 +23,8 @@ struct Services {
 	std::shared_ptr<dataupdate::Updater> updater;
 	std::shared_ptr<dataupdate::Checker> checker;
 	Terminal& terminal;
+	/** Whether a volume is mounted and answers. */
+	std::function<bool(const std::string& volume)> is_available;
 };
 
 /** The real ones. */

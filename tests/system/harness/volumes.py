@@ -37,6 +37,7 @@ class Volumes:
     def __init__(self, scratch: Path) -> None:
         self._scratch = scratch
         self._mounted: list[Path] = []
+        self._sources: dict[Path, list[str]] = {}
         self._made: list[Path] = []
 
     def make(self, kind: str, size: int = 0) -> Path:
@@ -47,9 +48,18 @@ class Volumes:
             pytest.skip(f"needs to mount a volume ({kind}), and nothing can be mounted here")
         source, options = self._source(kind, size)
         path = self._make_place()
-        subprocess.run(["mount", *options, source, str(path)], check=True)
-        self._mounted.append(path)
+        self._sources[path] = [*options, source, str(path)]
+        self.mount_again(path)
         return path
+
+    def mount_again(self, path: Path) -> None:
+        subprocess.run(["mount", *self._sources[path]], check=True)
+        self._mounted.append(path)
+
+    def unmount(self, path: Path, lazily: bool = False) -> None:
+        """Fails when anybody holds it, unless lazily: then it only vanishes, as when it was torn out."""
+        subprocess.run(["umount", *["--lazy"] * lazily, str(path)], check=True)
+        self._mounted.remove(path)
 
     def _make_place(self) -> Path:
         """A new directory, whatever an earlier run left there; in the order in which they were made."""

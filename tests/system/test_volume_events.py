@@ -1,0 +1,445 @@
+"""Volumes that come and go: the databases move on real file systems, and whatever stops them, they are not lost."""
+
+from __future__ import annotations
+
+import json
+import os
+import random
+import subprocess
+import time
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+import pytest
+from harness import programs, trees, waiting
+from harness.device import DATABASE, RUN, STATUS, Device
+from harness.documents import Document
+from harness.publisher import Publisher
+from harness.volumes import MIB, Volumes
+from harness.webserver import Nginx
+
+SIZES = {"ext4": 64 * MIB, "btrfs": 256 * MIB, "xfs": 320 * MIB}
+MAIN = "@database/autoupdate"
+MOVER = Path("/usr/bin/mv")
+DOCUMENT = Document(Path(__file__).resolve().parents[2] / "docs/operations.md")
+KILLS = 6
+
+State = dict[str, tuple[int, int, int, str]]
+
+
+def state(directory: Path) -> State:
+    """Everything below a directory: its mode, time, size, and content or target."""
+    found: State = {}
+    for path in sorted(directory.rglob("*")):
+        status = path.lstat()
+        content = os.readlink(path) if path.is_symlink() else trees.digest(path) if path.is_file() else ""
+        size = 0 if path.is_dir() else status.st_size
+        found[str(path.relative_to(directory))] = (status.st_mode, status.st_mtime_ns, size, content)
+    return found
+
+
+class Databases:
+    """A tree of several hundred files and an SQLite file, which is published and followed."""
+
+    def __init__(self, root: Path, device: Device, publisher: Publisher) -> None:
+        self.root = trees.write_random_tree(root, 1, count=300, size=2000)
+        self._device = device
+        self._publisher = publisher
+        trees.write_database(root / "rows.sqlite", 2000)
+        (root / "part000/file00000.bin").chmod(0o755)
+
+    def publish(self) -> None:
+        self._publisher.publish(self.root, DATABASE, keep_diffs=4)
+        self._device.forget_document()
+
+    def publish_next(self) -> None:
+        path = self.root / "part001/file00020.bin"
+        path.write_bytes(path.read_bytes() + b"appended")
+        self.publish()
+
+    def enlarge(self, size: int) -> None:
+        source = random.Random(2)
+        for number in range(size // MIB):
+            (self.root / f"large{number:02}").write_bytes(source.randbytes(MIB))
+
+    def assert_installed(self) -> None:
+        """All of it on the volume in use, as the programs and their records see it, too."""
+        volume = shown(self._device)
+        assert volume is not None
+        trees.assert_same(self.root, Path(volume, MAIN, DATABASE))
+        self._device.run_ok("check", DATABASE)
+
+
+def shown(device: Device) -> str | None:
+    return json.loads(device.run_ok("volume", "show", "--json").stdout)["volume"]
+
+
+def answer(device: Device, *arguments: str | Path) -> dict[str, object]:
+    return json.loads(device.run_ok("volume", *map(str, arguments), "--json").stdout)
+
+
+def use(device: Device, volume: Path, *others: Path) -> None:
+    device.volume = volume
+    device.list_volumes(volume, *others)
+    device.configure()
+
+
+def assert_refused(device: Device, *arguments: str | Path) -> str:
+    result = device.run(*map(str, arguments))
+    assert result.status == 1, str(result)
+    *others, sentence = result.stderr.splitlines()
+    assert [line for line in others if not line.startswith(("/bin/mv", "/usr/bin/mv"))] == []
+    return sentence
+
+
+@pytest.fixture
+def databases(connected: Device, publisher: Publisher, tmp_path: Path) -> Databases:
+    return Databases(tmp_path / "tree", connected, publisher)
+
+
+@pytest.fixture
+def installed(connected: Device, databases: Databases) -> Databases:
+    """Installed in the device's directory, which counts as a volume."""
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    return databases
+
+
+@pytest.fixture
+def mover() -> Iterator[Callable[[str], None]]:
+    """Puts a script in the place of mv; it finds the real one as $real, and $1 and $2 are the directories."""
+    if os.environ.get("TARN_SANDBOX") != "overlay":
+        pytest.skip("needs a root of its own, to put something in the place of mv")
+    real = MOVER.with_name("mv.real")
+    MOVER.rename(real)
+
+    def replace(script: str) -> None:
+        MOVER.write_text(f"#!/bin/sh\nreal={real}\n{script}\n")
+        MOVER.chmod(0o755)
+
+    replace('exec $real "$@"')
+    yield replace
+    real.rename(MOVER)
+
+
+@pytest.mark.parametrize(("kind", "other_kind"), [("ext4", "xfs"), ("xfs", "btrfs"), ("btrfs", "ext4")])
+def test_a_volume_that_goes_hands_its_databases_over(
+    connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx, kind: str, other_kind: str
+) -> None:
+    first, second = volumes.make(kind, SIZES[kind]), volumes.make(other_kind, SIZES[other_kind])
+    use(connected, first)
+    connected.list_volumes()
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    # By hand, since packages bring files only.
+    (first / MAIN / DATABASE / "link").symlink_to("rows.sqlite")
+    (first / MAIN / DATABASE / "empty").mkdir(mode=0o750)
+    before = state(first / MAIN)
+    assert len(before) > 300
+    assert answer(connected, "unmounting", first) == {"result": "moved", "volume": str(second)}
+    assert not (first / MAIN).exists()
+    volumes.unmount(first)
+    assert state(second / MAIN) == before
+    connected.run_ok("check", DATABASE)
+    databases.publish_next()
+    connected.run_ok("update", DATABASE)
+    assert nginx.packages() == ["v1", "d2"]
+    (second / MAIN / DATABASE / "link").unlink()
+    databases.assert_installed()
+    volumes.mount_again(first)
+    assert answer(connected, "mounted", first) == {"result": "ignored", "volume": str(second)}
+    databases.assert_installed()
+
+
+@pytest.mark.parametrize("other", ["none", "too small", "read-only"])
+def test_databases_stay_on_a_volume_that_goes_without_another_and_come_back_with_it(
+    connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx, other: str
+) -> None:
+    volume = volumes.make("ext4", SIZES["ext4"])
+    use(connected, volume)
+    connected.list_volumes()
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    if other == "read-only":
+        volumes.remount_read_only(volumes.make("ext4", SIZES["ext4"]))
+    elif other == "too small":
+        volumes.make("ext4", 16 * MIB)
+        connected.add_database(DATABASE, reserve=20 * MIB)
+    before = state(volume)
+    assert answer(connected, "unmounting", volume) == {"result": "given up", "volume": None}
+    assert state(volume) == before
+    volumes.unmount(volume)
+    databases.publish_next()
+    assert "There is no storage volume" in assert_refused(connected, "update", DATABASE)
+    assert list(volume.iterdir()) == []
+    volumes.mount_again(volume)
+    fetched = nginx.packages()
+    assert answer(connected, "mounted", volume) == {"result": "adopted", "volume": str(volume), "incomplete": []}
+    assert nginx.packages() == fetched
+    assert state(volume) == before
+    connected.run_ok("update", DATABASE)
+    databases.assert_installed()
+    assert nginx.packages() == ["v1", "d2"]
+
+
+def test_a_target_that_is_too_small_on_the_way_leaves_the_databases_where_they_were(
+    connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx
+) -> None:
+    databases.enlarge(12 * MIB)
+    first, small = volumes.make("ext4", 128 * MIB), volumes.make("ext4", 10 * MIB)
+    use(connected, first)
+    connected.list_volumes()
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    before = state(first / MAIN)
+    free = os.statvfs(small).f_bavail
+    told = assert_refused(connected, "volume", "unmounting", first)
+    assert f"they are whole on {first}, and no volume is in use" in told
+    assert state(first / MAIN) == before
+    assert not (small / MAIN).exists()
+    assert os.statvfs(small).f_bavail >= free - 2
+    volumes.unmount(first)
+    volumes.mount_again(first)
+    answer(connected, "mounted", first)
+    databases.assert_installed()
+    connected.run_ok("update", DATABASE)
+    assert nginx.packages() == ["v1"], "it had not to be fetched again"
+    volumes.unmount(small)
+    third = volumes.make("ext4", 128 * MIB)
+    assert answer(connected, "unmounting", first) == {"result": "moved", "volume": str(third)}
+    databases.assert_installed()
+
+
+@pytest.mark.parametrize("copied", ["nothing", "half"])
+def test_a_target_that_turns_read_only_on_the_way_leaves_the_databases_where_they_were(
+    connected: Device, installed: Databases, volumes: Volumes, mover: Callable[[str], None], copied: str
+) -> None:
+    first, second = connected.volume, volumes.make("ext4", SIZES["ext4"])
+    assert first is not None
+    half = f'mkdir "$2"; cp -a "$1/{DATABASE}/part000" "$2"\n' if copied == "half" else ""
+    mover(f'{half}mount -o remount,ro {second}\nexec $real "$@"')
+    before = state(first / MAIN)
+    assert f"they are whole on {first}" in assert_refused(connected, "volume", "unmounting", first)
+    assert state(first / MAIN) == before
+    answer(connected, "mounted", first)
+    installed.assert_installed()
+
+
+def test_databases_leave_a_volume_that_has_turned_read_only(
+    connected: Device, databases: Databases, volumes: Volumes
+) -> None:
+    first, second = volumes.make("ext4", SIZES["ext4"]), volumes.make("ext4", SIZES["ext4"])
+    use(connected, first)
+    connected.list_volumes()
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    volumes.remount_read_only(first)
+    before = state(first / MAIN)
+    result = connected.run_ok("volume", "unmounting", str(first))
+    assert "could not be deleted" in result.stdout
+    assert state(second / MAIN) == before
+    volumes.unmount(first)
+    databases.publish_next()
+    connected.run_ok("update", DATABASE)
+    databases.assert_installed()
+    assert shown(connected) == str(second)
+
+
+def test_what_lies_in_the_place_of_the_databases_is_not_overwritten(
+    connected: Device, installed: Databases, volumes: Volumes
+) -> None:
+    first, second = connected.volume, volumes.make("directory")
+    assert first is not None
+    use(connected, first, second)
+    foreign = trees.write_tree(second / MAIN, {"theirs/file": b"kept"})
+    before = state(first / MAIN)
+    assert f"they are whole on {first}" in assert_refused(connected, "volume", "unmounting", first)
+    trees.assert_holds(foreign, {"theirs/file": b"kept"})
+    assert state(first / MAIN) == before
+    connected.run_ok("volume", "mounted", str(first))
+    installed.assert_installed()
+    # As the document says.
+    programs.run_ok("/bin/rm", "-rf", second / MAIN)
+    (second / "@database").mkdir(exist_ok=True)
+    (second / MAIN).write_text("a file is replaced")
+    assert answer(connected, "unmounting", first) == {"result": "moved", "volume": str(second)}
+    installed.assert_installed()
+
+
+def test_a_move_waits_for_readers_and_updates_no_longer_than_told(
+    connected: Device, installed: Databases, volumes: Volumes
+) -> None:
+    first, second = connected.volume, volumes.make("directory")
+    assert first is not None
+    use(connected, first, second)
+    for lock, shared in ((f"using_{DATABASE}.lock", True), ("update_any.lock", False)):
+        with connected.locked(lock, shared=shared):
+            result = connected.run("volume", "unmounting", str(first), "--timeout", "0")
+            assert result.status == 75, str(result)
+            assert shown(connected) == str(first)
+            installed.assert_installed()
+            move = connected.start("volume", "unmounting", str(first))
+            waiting.until(lambda lock=lock: waiting.has_open(move.pid, RUN / lock), "it waits")
+            move.kill()
+            move.wait()
+    connected.run_ok("volume", "unmounting", str(first))
+    installed.assert_installed()
+
+
+def test_a_volume_that_is_mounted_while_databases_move_is_adopted_by_nobody(
+    connected: Device, installed: Databases, volumes: Volumes, mover: Callable[[str], None], tmp_path: Path
+) -> None:
+    first, second, third = connected.volume, volumes.make("directory"), volumes.make("directory")
+    assert first is not None
+    use(connected, first, second, third)
+    fifo = tmp_path / "gate"
+    os.mkfifo(fifo)
+    mover(f'read -r word < {fifo}\nexec $real "$@"')
+    move = connected.start("volume", "unmounting", str(first))
+    with fifo.open("w") as gate:  # returns once mv reads
+        late = [connected.start("volume", "mounted", str(third)), connected.start("init")]
+        for program in late:
+            waiting.until(lambda p=program: waiting.has_open(p.pid, RUN / "update_any.lock"), "it waits")
+        gate.write("go\n")
+    assert move.wait().status == 0
+    assert [program.wait().status for program in late] == [0, 0]
+    assert shown(connected) == str(second)
+    assert not (third / MAIN).exists()
+    installed.assert_installed()
+
+
+STAGES = {
+    "before copying": "",
+    "while copying": 'mkdir "$2"; cp -a "$1/{0}" "$2"; rm -r "$2"/{0}/rows.sqlite "$2"/{0}/part010\n'
+    'for cut in "$2"/{0}/part00?/*7.bin; do truncate -s 1000 "$cut"; done',
+    "before deleting": 'cp -a "$1" "$2"',
+    "while deleting": 'cp -a "$1" "$2"; rm -r "$1"/{0}/part000 "$1"/{0}/rows.sqlite',
+    "after deleting": 'cp -a "$1" "$2"; rm -r "$1"',
+}
+
+
+def finish_by_the_document(device: Device, first: Path, second: Path) -> None:
+    """Follows the steps for a move that was killed, word by word."""
+    script = DOCUMENT.code("sh", "After a killed move")
+    assert "/volume1" in script
+    script = script.replace("/volume1", str(first)).replace("/volume2", str(second)).replace("zones", DATABASE)
+    programs.run_ok("/bin/bash", "-eu", "-c", script)
+    assert shown(device) == str(second)
+
+
+@pytest.mark.parametrize("stage", STAGES)
+def test_a_move_killed_at_any_stage_is_finished_by_the_documents_steps(
+    connected: Device, installed: Databases, volumes: Volumes, mover: Callable[[str], None], nginx: Nginx, stage: str
+) -> None:
+    first, second = connected.volume, volumes.make("tmpfs", SIZES["ext4"])
+    assert first is not None
+    use(connected, first, second)
+    mover(f"{STAGES[stage].format(DATABASE)}\nkill -KILL $PPID\nexec sleep 60")
+    assert connected.run("volume", "unmounting", str(first)).status == -9
+    assert shown(connected) is None
+    mover('exec $real "$@"')
+    finish_by_the_document(connected, first, second)
+    assert not (first / MAIN).exists()
+    installed.assert_installed()
+    assert nginx.packages() == ["v1", "v1"], "once more, since nobody knows that it is whole"
+    installed.publish_next()
+    connected.run_ok("update", DATABASE)
+    installed.assert_installed()
+
+
+def test_an_update_after_a_killed_move_needs_no_steps_at_all(
+    connected: Device, installed: Databases, volumes: Volumes, mover: Callable[[str], None]
+) -> None:
+    first, second = connected.volume, volumes.make("tmpfs", SIZES["ext4"])
+    assert first is not None
+    use(connected, first, second)
+    mover(f'{STAGES["while copying"].format(DATABASE)}\nkill -KILL $PPID\nexec sleep 60')
+    connected.run("volume", "unmounting", str(first))
+    connected.list_volumes(second)  # The first is gone.
+    assert f"installed anew by the next update: {DATABASE}" in connected.run_ok("init").stdout
+    assert shown(connected) == str(second)
+    connected.run_ok("update", DATABASE)
+    installed.assert_installed()
+    assert not connected.mark(DATABASE).exists()
+
+
+def test_a_move_killed_at_random_moments_loses_nothing(
+    connected: Device, installed: Databases, volumes: Volumes
+) -> None:
+    seed = int(os.environ.get("TARN_SEED", random.SystemRandom().randrange(1 << 32)))
+    print(f"TARN_SEED={seed}")
+    source = random.Random(seed)
+    first, second = connected.volume, volumes.make("tmpfs", SIZES["ext4"])
+    assert first is not None
+    divided = 0
+    for _ in range(KILLS):
+        use(connected, first, second)
+        move = connected.start("volume", "unmounting", str(first))
+        while not connected.mark(DATABASE).exists() and not move.has_ended():
+            pass
+        time.sleep(source.uniform(0, 0.03))
+        move.kill()
+        move.wait()
+        divided += (first / MAIN).exists() and (second / MAIN).exists()
+        if shown(connected) is None:
+            finish_by_the_document(connected, first, second)
+        assert shown(connected) == str(second)
+        connected.run_ok("update", DATABASE)
+        installed.assert_installed()
+        first, second = second, first
+    assert divided > 0, "kills in the middle of a move"
+
+
+def test_nothing_of_a_killed_move_goes_on_moving(
+    connected: Device, installed: Databases, volumes: Volumes, mover: Callable[[str], None], tmp_path: Path
+) -> None:
+    first, second = connected.volume, volumes.make("directory")
+    assert first is not None
+    use(connected, first, second)
+    told = tmp_path / "told"
+    os.mkfifo(told)
+    mover(f"echo $$ > {told}\nexec sleep 60")
+    move = connected.start("volume", "unmounting", str(first))
+    mover_id = int(told.read_text())
+    move.kill()
+    move.wait()
+    waiting.until(lambda: not Path(f"/proc/{mover_id}").exists(), "mv has ended, too")
+
+
+def test_a_volume_that_vanished_is_not_written_below_its_mount_point(
+    connected: Device, databases: Databases, volumes: Volumes
+) -> None:
+    first = volumes.make("ext4", SIZES["ext4"])
+    use(connected, first)
+    connected.list_volumes()
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    volumes.unmount(first, lazily=True)
+    databases.publish_next()
+    for command in ("update", "fix", "force-install"):
+        told = assert_refused(connected, command, DATABASE, *["0"] * (command == "force-install"))
+        assert f"The volume {first} is in use, but is not available" in told
+    assert list(first.iterdir()) == []
+    assert "not available" in connected.run_ok("volume", "show").stdout
+    volumes.mount_again(first)
+    connected.run_ok("update", DATABASE)
+    databases.assert_installed()
+
+
+def test_a_volume_that_vanished_can_be_given_up_for_another(
+    connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx
+) -> None:
+    first, second = volumes.make("ext4", SIZES["ext4"]), volumes.make("ext4", SIZES["ext4"])
+    use(connected, first)
+    connected.list_volumes()
+    databases.publish()
+    connected.run_ok("update", DATABASE)
+    volumes.unmount(first, lazily=True)
+    assert answer(connected, "unmounting", first) == {"result": "given up", "volume": None}
+    assert list(first.iterdir()) == []
+    result = json.loads(connected.run_ok("init", "--json").stdout)
+    assert result == {"volume": str(second), "incomplete": [DATABASE]}
+    assert connected.run("check", DATABASE).status == 4
+    connected.run_ok("update", DATABASE)
+    databases.assert_installed()
+    assert nginx.packages() == ["v1", "v1"]

@@ -1,0 +1,85 @@
+#include "volume_move.h"
+
+#include <dataupdate/update_error.h>
+
+#include <syslog.h>
+
+#include <utility>
+
+namespace tarn::ctl {
+
+VolumeMove::VolumeMove(const Services& services, std::string volume)
+    : VolumeHandler(services.config), services_(services), volume_(std::move(volume)) {}
+
+std::string VolumeMove::FindSuitableVolume(std::string exclude) const {
+	target_ = VolumeHandler::FindSuitableVolume(std::move(exclude));
+	Begin();
+	return target_;
+}
+
+VolumeMove::Outcome VolumeMove::Run() {
+	UnmountVolumeEvent(volume_);
+	if (target_.empty()) {
+		return Outcome::kNoTarget;
+	}
+	const Outcome outcome = Judge();
+	if (outcome == Outcome::kMoved || outcome == Outcome::kCopied) {
+		Settle();
+	} else if (outcome == Outcome::kStayed) {
+		TakeBack();
+	}
+	return outcome;
+}
+
+void VolumeMove::Begin() const {
+	before_ = ContentBelow(GetMainDirPath(volume_));
+	target_is_free_ = ContentBelow(GetMainDirPath(target_)) == Content();
+	for (const std::string& id : InstalledOnVolumes(services_)) {
+		if (MarkUnfinished(id)) {
+			marked_.push_back(id);
+		}
+	}
+	if (!marked_.empty()) {
+		SyncFileSystemOf("/var/lib/data_update");
+	}
+}
+
+/** Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. */
+VolumeMove::Outcome VolumeMove::Judge() const {
+	if (!services_.config->GetCurVolume().empty()) {
+		return Outcome::kMoved;
+	}
+	if (!before_) {
+		return Outcome::kDivided;
+	}
+	if (target_is_free_ && !before_->empty() && ContentBelow(GetMainDirPath(target_)) == before_) {
+		return Outcome::kCopied;
+	}
+	return ContentBelow(GetMainDirPath(volume_)) == before_ ? Outcome::kStayed : Outcome::kDivided;
+}
+
+void VolumeMove::Settle() const {
+	// The originals are gone, so the copies must not be in memory alone.
+	SyncFileSystemOf(GetMainDirPath(target_));
+	services_.config->SetCurVolume(target_);
+	LetRecordsFollow(services_, target_);
+	for (const std::string& id : marked_) {
+		Unmark(id);
+	}
+}
+
+void VolumeMove::TakeBack() const {
+	for (const std::string& id : marked_) {
+		Unmark(id);
+	}
+	if (!target_is_free_) {
+		return;
+	}
+	try {
+		services_.io->RmRf(GetMainDirPath(target_));
+	} catch (const dataupdate::UpdateError& error) {
+		syslog(LOG_WARNING, "What was copied could not be removed: %s", error.what());
+	}
+}
+
+} // namespace tarn::ctl
