@@ -1,11 +1,11 @@
 #include "file_copy.h"
 
-#include "descriptor.h"
 #include "progress.h"
 #include "update_error.h"
 
 #include <boost/filesystem.hpp>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -68,7 +68,7 @@ bool CopyContent(int from, int to) {
 	}
 }
 
-bool FillCopy(int from, const struct stat& status, Descriptor& to) {
+bool FillCopy(int from, const struct stat& status, UniqueFd& to) {
 	if (ioctl(to.Get(), FICLONE, from) == 0) {
 		AddActivityBytes(static_cast<uint64_t>(status.st_size));
 	} else if (!CopyContent(from, to.Get())) {
@@ -82,7 +82,7 @@ bool FillCopy(int from, const struct stat& status, Descriptor& to) {
 
 void CopyRegularFile(const std::string& src, const std::string& dst) {
 	// Non-blocking, so that a FIFO is refused instead of waited for.
-	const Descriptor from(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+	const UniqueFd from(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 	struct stat status {};
 	if (from.Get() < 0 || fstat(from.Get(), &status) != 0) {
 		ThrowErrno("open source", src, dst);
@@ -91,7 +91,7 @@ void CopyRegularFile(const std::string& src, const std::string& dst) {
 		errno = EOPNOTSUPP;
 		ThrowErrno("copy what is no file", src, dst);
 	}
-	Descriptor to(open(dst.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, status.st_mode & 0777));
+	UniqueFd to(open(dst.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, status.st_mode & 0777));
 	if (to.Get() < 0) {
 		ThrowErrno("create copy", src, dst);
 	}
@@ -114,7 +114,7 @@ void InstallRegularFile(const std::string& src, const std::string& dst) {
 }
 
 void SyncFileSystem(const std::string& path) {
-	const Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 	if (fd.Get() < 0 || syncfs(fd.Get()) != 0) {
 		throw UpdateError("Fail to sync " + path + ": " + std::strerror(errno));
 	}

@@ -1,6 +1,5 @@
 #include "replacement_mark.h"
 
-#include "descriptor.h"
 #include "interruption.h"
 #include "log.h"
 #include "paths.h"
@@ -8,6 +7,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -29,18 +29,18 @@ bool MayExist(const std::string& path) {
 }
 
 bool SyncDirectory(const fs::path& path) {
-	const Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	return directory.Get() >= 0 && fsync(directory.Get()) == 0;
 }
 
 bool SyncRecord(const std::string& path) {
-	const Descriptor record(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	const UniqueFd record(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 	// A host may keep its records elsewhere.
 	return record.Get() < 0 ? errno == ENOENT : fsync(record.Get()) == 0;
 }
 
 bool CreateDurably(const fs::path& path) {
-	const Descriptor mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+	const UniqueFd mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
 	// The database's directory may be new as well.
 	return mark.Get() >= 0 && fsync(mark.Get()) == 0 && SyncDirectory(path.parent_path()) &&
 	       SyncDirectory(path.parent_path().parent_path());

@@ -1,9 +1,8 @@
 #include "child_process.h"
 
-#include "unique_fd.h"
-
 #include <climits>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>

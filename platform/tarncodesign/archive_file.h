@@ -3,7 +3,8 @@
 
 #include "tarncodesign/archive_head.h"
 #include "tarncodesign/trusted_keys.h"
-#include "tarncodesign/unique_fd.h"
+
+#include <base/unique_fd.h>
 
 #include <cstdint>
 #include <string>

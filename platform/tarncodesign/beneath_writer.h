@@ -2,7 +2,8 @@
 #define TARNCODESIGN_BENEATH_WRITER_H
 
 #include "tarncodesign/member_path.h"
-#include "tarncodesign/unique_fd.h"
+
+#include <base/unique_fd.h>
 
 #include <string>
 

@@ -1,7 +1,7 @@
 #ifndef TARNCODESIGN_FILE_IO_H
 #define TARNCODESIGN_FILE_IO_H
 
-#include "tarncodesign/unique_fd.h"
+#include <base/unique_fd.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -11,7 +11,7 @@
 #include <optional>
 
 struct tarnarchive {
-	tarn::codesign::UniqueFd directory;
+	tarn::UniqueFd directory;
 	std::string package;
 	std::optional<tarn::codesign::ArchiveFile> archive;
 };
@@ -58,7 +58,7 @@ struct tarnarchive* tarnarchive_init(const char* destination) {
 	std::unique_ptr<tarnarchive> context;
 	LoggingFailure(destination == nullptr ? "(null)" : destination, [&] {
 		Require(destination != nullptr, "no destination");
-		tarn::codesign::UniqueFd directory(open(destination, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+		tarn::UniqueFd directory(open(destination, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		if (!directory) {
 			tarn::codesign::ThrowErrno("cannot extract into it");
 		}

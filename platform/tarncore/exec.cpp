@@ -1,3 +1,4 @@
+#include "c_boundary.h"
 #include "child_process.h"
 #include "environment.h"
 
@@ -8,28 +9,14 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
-#include <exception>
 
 namespace {
 
+using tarn::Fail;
+using tarn::WithoutExceptions;
 using tarn::process::Program;
 
 constexpr unsigned int kKnownOptions = TLIBC_EXEC_ISOLATED | TLIBC_EXEC_NEW_GROUP | TLIBC_EXEC_KEEP_SIGNALS;
-
-int Fail(int code) {
-	TLIBCErrSet(code);
-	return -1;
-}
-
-/** No exception may reach a caller that is written in C; the only one possible here is a lack of memory. */
-template<typename Work>
-int WithoutExceptions(Work work) {
-	try {
-		return work();
-	} catch (const std::exception&) {
-		return Fail(ENOMEM);
-	}
-}
 
 Program MakeProgram(const char* path, unsigned int options) {
 	Program program;

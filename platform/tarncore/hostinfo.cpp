@@ -1,12 +1,13 @@
 #include "hostinfo.h"
 
+#include "c_boundary.h"
+
 #include <tarncore/tarncore.h>
 
 #include <sys/utsname.h>
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <fstream>
 
 namespace tarn::core {
@@ -88,19 +89,14 @@ std::string UserAgent(const std::string& category, const std::vector<std::string
 
 int TLIBHostinfoUserAgentGet(const char* category, char* buffer, size_t size) {
 	if (category == nullptr || buffer == nullptr) {
-		TLIBCErrSet(EINVAL);
-		return -1;
+		return tarn::Fail(EINVAL);
 	}
-	try {
+	return tarn::WithoutExceptions([&] {
 		const std::string text = tarn::core::UserAgent(category, tarn::core::OsReleasePaths());
 		if (text.size() >= size) {
-			TLIBCErrSet(ERANGE);
-			return -1;
+			return tarn::Fail(ERANGE);
 		}
 		std::memcpy(buffer, text.c_str(), text.size() + 1);
 		return static_cast<int>(text.size());
-	} catch (const std::exception&) {
-		TLIBCErrSet(ENOMEM);
-		return -1;
-	}
+	});
 }

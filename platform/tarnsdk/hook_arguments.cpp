@@ -59,8 +59,8 @@ bool IsArgumentKey(const std::string& key) {
 	       std::none_of(kBuiltPrefixes.begin(), kBuiltPrefixes.end(), begins_key);
 }
 
-process::UniqueFd MakeArgumentFile(const HookArguments& arguments) {
-	process::UniqueFd file(CreateMemoryFile());
+UniqueFd MakeArgumentFile(const HookArguments& arguments) {
+	UniqueFd file(CreateMemoryFile());
 	if (!file) {
 		return {};
 	}
@@ -75,9 +75,9 @@ process::UniqueFd MakeArgumentFile(const HookArguments& arguments) {
 	return file;
 }
 
-process::UniqueFd ReopenForReading(const process::UniqueFd& file) {
+UniqueFd ReopenForReading(const UniqueFd& file) {
 	const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
-	return process::UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
 std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {

@@ -2,7 +2,7 @@
 #ifndef TARNSDK_HOOK_ARGUMENTS_H
 #define TARNSDK_HOOK_ARGUMENTS_H
 
-#include "unique_fd.h"
+#include <base/unique_fd.h>
 
 #include <map>
 #include <string>
@@ -20,10 +20,10 @@ bool IsArgumentKey(const std::string& key);
  * A sealed file in memory that holds "key=value" and a NUL for each argument. It can only be read, is shared by nobody
  * and leaves nothing behind. Without a descriptor errno tells why.
  */
-process::UniqueFd MakeArgumentFile(const HookArguments& arguments);
+UniqueFd MakeArgumentFile(const HookArguments& arguments);
 
 /** The same file opened anew for reading, at its beginning. */
-process::UniqueFd ReopenForReading(const process::UniqueFd& file);
+UniqueFd ReopenForReading(const UniqueFd& file);
 
 /**
  * The arguments as "key=value" strings, as far as each fits into one string of the environment and all of them into

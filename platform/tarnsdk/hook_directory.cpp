@@ -1,7 +1,6 @@
 #include "hook_directory.h"
 
-#include "unique_fd.h"
-
+#include <base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,7 +16,6 @@
 namespace tarn::sdk {
 namespace {
 
-using process::UniqueFd;
 
 /** What stands under a name: a hook to be run, or something that only hides hooks of that name in earlier roots. */
 struct Entry {

@@ -22,7 +22,6 @@ extern "C" {
 namespace tarn::sdk {
 namespace {
 
-using process::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
 /** A killed process that hangs in the kernel is left to itself after this time. */

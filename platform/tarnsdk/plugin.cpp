@@ -1,11 +1,10 @@
+#include "c_boundary.h"
 #include "hook_runner.h"
 
-#include <tarncore/tarncore.h>
 #include <tarnsdk/plugin.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,22 +12,9 @@
 
 namespace {
 
+using tarn::Fail;
+using tarn::WithoutExceptions;
 using tarn::sdk::HookEvent;
-
-int Fail(int code) {
-	TLIBCErrSet(code);
-	return -1;
-}
-
-/** No exception may reach a caller that is written in C; the only ones possible here are a lack of resources. */
-template<typename Work>
-int WithoutExceptions(Work work) {
-	try {
-		return work();
-	} catch (const std::exception&) {
-		return Fail(ENOMEM);
-	}
-}
 
 /**
  * The open contexts. Handles are numbers that never return, not addresses: owners that share a handle close it more

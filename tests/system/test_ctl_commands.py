@@ -5,7 +5,9 @@ from __future__ import annotations
 import json
 import os
 import re
+import shutil
 import signal
+import subprocess
 from pathlib import Path
 
 import pytest
@@ -211,3 +213,13 @@ def test_metrics_tell_versions_ages_sizes_and_the_last_result(
     assert values[f"tarndbud_last_run_success{run}"] == 0
     assert values[f"tarndbud_remote_version{database}"] == 2
     assert (STATUS / DATABASE / "last_run.json").exists()
+
+
+@pytest.mark.skipif(shutil.which("promtool") is None, reason="promtool (Debian's package prometheus) is not installed")
+def test_metrics_are_what_prometheus_reads(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
+    install(connected, publisher, tmp_path / "tree")
+    metrics = connected.run_ok("metrics").stdout
+    check = ["promtool", "check", "metrics"]
+    assert subprocess.run(check, input=metrics, capture_output=True, text=True).stderr == ""
+    twice = subprocess.run(check, input=metrics + metrics, capture_output=True, text=True)
+    assert twice.returncode != 0

@@ -175,11 +175,11 @@ TEST_F(ArchiveCheck, NeverExtractsBytesThatReplacedCheckedOnes) {
 	archive.Check(trusted_, 6);
 	const std::string original = ReadFile(good);
 	{
-		const codesign::UniqueFd fd(open(good.c_str(), O_WRONLY | O_CLOEXEC)); // the same file, rewritten in place
+		const UniqueFd fd(open(good.c_str(), O_WRONLY | O_CLOEXEC)); // the same file, rewritten in place
 		const std::string bytes = ReadFile(evil);
 		ASSERT_EQ(pwrite(fd.Get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
 	}
-	const codesign::UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	EXPECT_THROW(codesign::Extract(archive, out.Get()), codesign::ArchiveError);
 	EXPECT_THAT(Installed(), IsEmpty());
 	WriteFile(good, original);

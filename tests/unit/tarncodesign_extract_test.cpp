@@ -111,7 +111,7 @@ TEST_F(ArchiveExtract, PassesThroughNoLinkThatAnEarlierArchivePlanted) {
 TEST_F(ArchiveExtract, ExtractsOnlyTheNamedMembers) {
 	const std::string path = Seal({File("a", "1"), File("d/b", "2"), File("d/c", "3")});
 	const codesign::ArchiveFile archive(path);
-	const codesign::UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	codesign::Extract(archive, out.Get(), {"d/c", "./a"});
 	EXPECT_EQ(Installed(), (Tree{{"a", "1"}, {"d", "/"}, {"d/c", "3"}}));
 	EXPECT_THROW(codesign::Extract(archive, out.Get(), {"a", "missing"}), codesign::ArchiveError);

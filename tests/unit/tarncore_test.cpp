@@ -3,13 +3,13 @@
 #include "hostinfo.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
-#include "unique_fd.h"
 
 #include <tarncore/tarncore.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -26,7 +26,7 @@
 
 namespace {
 
-using tarn::process::UniqueFd;
+using tarn::UniqueFd;
 using tarn::test::ReadFile;
 using tarn::test::SyslogCapture;
 using tarn::test::TemporaryDirectory;

@@ -1,10 +1,10 @@
 // What a repository holds after publishing, after refusals and after publishers that were killed.
 #include "publisher_fixture.h"
-#include "tarncodesign/unique_fd.h"
 
 #include <climits>
 #include <gmock/gmock.h>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -286,14 +286,14 @@ TEST_F(Publishing, ServesAWholeStateWhenItIsKilledAtAnyMoment) {
 
 TEST_F(Publishing, WaitsForAnotherPublisher) {
 	Publish();
-	codesign::UniqueFd held(open((options_.repository + "/.tarndbudpub.lock").c_str(), O_RDWR | O_CLOEXEC));
+	UniqueFd held(open((options_.repository + "/.tarndbudpub.lock").c_str(), O_RDWR | O_CLOEXEC));
 	ASSERT_EQ(flock(held.Get(), LOCK_EX), 0);
 	std::promise<void> waiting;
 	observer_.waiting = [&waiting] { waiting.set_value(); };
 	std::thread other([this] { Publish(); });
 	waiting.get_future().wait();
 	EXPECT_EQ(Document()["db_list"]["db"]["data_version"].asString(), "1");
-	held = codesign::UniqueFd();
+	held = UniqueFd();
 	other.join();
 	EXPECT_EQ(Document()["db_list"]["db"]["data_version"].asString(), "2");
 }

@@ -1,10 +1,10 @@
 // Which trees the publisher takes, and which it refuses because devices could not install them.
 #include "publisher_fixture.h"
-#include "tarncodesign/unique_fd.h"
 #include "tree.h"
 
 #include <gmock/gmock.h>
 
+#include <base/unique_fd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -87,7 +87,7 @@ TEST_F(PublishedTree, HoldsOnlyFilesAndDirectories) {
 	sockaddr_un address{};
 	address.sun_family = AF_UNIX;
 	InTree("socket").copy(address.sun_path, sizeof(address.sun_path) - 1);
-	const codesign::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+	const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 	ASSERT_EQ(bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
 	ExpectRefused("socket", "\"socket\" cannot be published");
 	fs::create_symlink("/dev/null", InTree("device"));

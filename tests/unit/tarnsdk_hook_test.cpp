@@ -2,7 +2,6 @@
 #include "hook_runner.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
-#include "unique_fd.h"
 
 #include <tarncore/tarncore.h>
 #include <tarnsdk/plugin.h>
@@ -10,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,7 +24,7 @@
 namespace {
 
 using std::chrono::milliseconds;
-using tarn::process::UniqueFd;
+using tarn::UniqueFd;
 using tarn::sdk::RunHooks;
 using tarn::test::ReadFile;
 using tarn::test::SyslogCapture;

@@ -14,10 +14,10 @@ namespace tarn::publisher {
 
 namespace {
 
-codesign::UniqueFd NamelessFile(const std::string& directory) {
+UniqueFd NamelessFile(const std::string& directory) {
 	std::string name = directory + "/.tarndbudpub-payload-XXXXXX.part";
 	constexpr int kSuffixLength = 5;
-	codesign::UniqueFd fd(mkostemps(name.data(), kSuffixLength, O_CLOEXEC));
+	UniqueFd fd(mkostemps(name.data(), kSuffixLength, O_CLOEXEC));
 	if (!fd || unlink(name.c_str()) != 0) {
 		throw PublishError(codesign::ErrnoText("No file can be created in " + directory, errno) + ".");
 	}

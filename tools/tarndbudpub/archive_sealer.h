@@ -3,7 +3,8 @@
 
 #include "signing_key.h"
 #include "tarncodesign/archive_head.h"
-#include "tarncodesign/unique_fd.h"
+
+#include <base/unique_fd.h>
 
 #include <cstdint>
 #include <string>
@@ -38,7 +39,7 @@ private:
 	void FinishChunk();
 
 	std::string directory_;
-	codesign::UniqueFd payload_;
+	UniqueFd payload_;
 	std::uint64_t payload_size_ = 0;
 	std::string chunk_;
 	std::string table_;

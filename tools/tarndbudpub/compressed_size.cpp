@@ -16,7 +16,7 @@ namespace tarn::publisher {
 std::optional<std::uint64_t> CompressedSizeBelow(std::uint64_t limit, const std::string& path, int level) {
 	constexpr std::size_t kBlock = std::size_t{128} << 10U;
 	try {
-		const codesign::UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
+		const UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
 		struct stat status {};
 		if (fstat(fd.Get(), &status) != 0) {
 			codesign::ThrowErrno("has no size");

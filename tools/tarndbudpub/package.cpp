@@ -52,7 +52,7 @@ bool SameContent(const struct stat& left, const struct stat& right) {
 
 void PackFile(const TreeFile& file, TarZstdWriter& tar, std::vector<char>& buffer,
     const std::function<void(std::uint64_t)>& report) {
-	codesign::UniqueFd fd;
+	UniqueFd fd;
 	try {
 		fd = codesign::OpenRegularFile(AT_FDCWD, file.source);
 	} catch (const codesign::ArchiveError& error) {

@@ -53,7 +53,7 @@ codesign::ArchiveFile PackageReader::Open(const std::string& path, const Package
 void PackageReader::Unpack(const codesign::ArchiveFile& archive, const std::string& path, const std::string& directory,
     const std::vector<std::string>& members) {
 	try {
-		const codesign::UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+		const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		if (!fd) {
 			codesign::ThrowErrno("cannot be unpacked into " + directory);
 		}

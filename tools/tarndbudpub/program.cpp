@@ -2,8 +2,8 @@
 
 #include "child_process.h"
 #include "tarncodesign/archive_error.h"
-#include "tarncodesign/unique_fd.h"
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,9 +20,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-codesign::UniqueFd OutputFile(const std::string& path) {
+UniqueFd OutputFile(const std::string& path) {
 	constexpr mode_t kMode = 0600;
-	codesign::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kMode));
+	UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kMode));
 	if (!fd) {
 		throw PublishError(codesign::ErrnoText(path + " could not be created", errno) + ".");
 	}
@@ -62,8 +62,8 @@ void RunProgram(const std::string& path, const std::vector<std::string>& argumen
 	program.path = path;
 	program.arguments = arguments;
 	program.environment = {"PATH=/usr/bin:/bin", "LC_ALL=C"};
-	const codesign::UniqueFd out = OutputFile(output);
-	const codesign::UniqueFd err = OutputFile(errors);
+	const UniqueFd out = OutputFile(output);
+	const UniqueFd err = OutputFile(errors);
 	program.streams = {process::kNullStream, out.Get(), err.Get()};
 	program.dies_with_caller = true;
 	pid_t child = -1;

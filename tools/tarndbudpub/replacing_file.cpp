@@ -24,7 +24,7 @@ constexpr mode_t kServedMode = 0644; // a web server reads it, whatever the publ
 }
 
 void SyncDirectory(const fs::path& directory) {
-	const codesign::UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	if (!fd || fsync(fd.Get()) != 0) {
 		Fail(directory.string(), "synced");
 	}
@@ -48,7 +48,7 @@ ReplacingFile::ReplacingFile(std::string path) : path_(std::move(path)) {
 	const fs::path target(path_);
 	MakeServedDirectories(target.parent_path().string());
 	temporary_ = (target.parent_path() / (kTemporaryPrefix + target.filename().string() + ".part")).string();
-	fd_ = codesign::UniqueFd(open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kServedMode));
+	fd_ = UniqueFd(open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kServedMode));
 	if (!fd_) {
 		Fail(temporary_, "created");
 	}

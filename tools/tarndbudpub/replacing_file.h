@@ -1,7 +1,7 @@
 #ifndef TARNDBUDPUB_REPLACING_FILE_H
 #define TARNDBUDPUB_REPLACING_FILE_H
 
-#include "tarncodesign/unique_fd.h"
+#include <base/unique_fd.h>
 
 #include <string>
 
@@ -27,7 +27,7 @@ public:
 private:
 	std::string path_;
 	std::string temporary_;
-	codesign::UniqueFd fd_;
+	UniqueFd fd_;
 	bool committed_ = false;
 };
 

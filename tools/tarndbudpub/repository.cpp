@@ -28,8 +28,8 @@ constexpr std::size_t kMaxDocumentSize = 64U << 20U;
 constexpr const char* kLockName = ".tarndbudpub.lock";
 constexpr mode_t kLockMode = 0644;
 
-codesign::UniqueFd Lock(const std::string& path, const std::function<void()>& waiting) {
-	codesign::UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
+UniqueFd Lock(const std::string& path, const std::function<void()>& waiting) {
+	UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
 	if (!fd) {
 		throw PublishError(codesign::ErrnoText("The lock " + path + " cannot be opened", errno) + ".");
 	}
@@ -139,7 +139,7 @@ std::string Repository::DocumentPath(const std::string& db_version) const {
 Json::Value Repository::ReadDocument(const std::string& path) const {
 	std::string text;
 	try {
-		const codesign::UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
+		const UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
 		text = codesign::ReadSmallFile(fd.Get(), kMaxDocumentSize, "it");
 	} catch (const codesign::ArchiveError& error) {
 		throw PublishError("The document " + path + " cannot be read: it " + error.what() + ".");

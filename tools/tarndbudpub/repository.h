@@ -1,9 +1,9 @@
 #ifndef TARNDBUDPUB_REPOSITORY_H
 #define TARNDBUDPUB_REPOSITORY_H
 
-#include "tarncodesign/unique_fd.h"
-
 #include <json/json.h>
+
+#include <base/unique_fd.h>
 
 #include <functional>
 #include <map>
@@ -69,7 +69,7 @@ private:
 	void RemoveUnnamedDiffs(const std::string& id) const;
 
 	std::string directory_;
-	codesign::UniqueFd lock_;
+	UniqueFd lock_;
 };
 
 } // namespace tarn::publisher

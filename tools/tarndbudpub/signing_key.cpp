@@ -45,7 +45,7 @@ std::string ToPem(const Writer& write) {
 class NewFile {
 public:
 	NewFile(std::string path, mode_t mode) : path_(std::move(path)) {
-		fd_ = codesign::UniqueFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+		fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
 		if (!fd_) {
 			throw PublishError(
 			    errno == EEXIST
@@ -71,7 +71,7 @@ public:
 
 private:
 	std::string path_;
-	codesign::UniqueFd fd_;
+	UniqueFd fd_;
 	bool kept_ = false;
 };
 
@@ -89,7 +89,7 @@ SigningKey SigningKey::Generate() {
 SigningKey SigningKey::Load(const std::string& path) {
 	try {
 		// Unlike an archive a key may well be reached by a link, so that only the size is limited.
-		const codesign::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+		const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 		if (!fd) {
 			codesign::ThrowErrno("cannot be opened");
 		}

@@ -27,7 +27,7 @@ using Header = std::array<char, kHeaderSize>;
 /** A database's header; none when the file is not one. */
 std::optional<Header> ReadHeader(const std::string& path) {
 	try {
-		const codesign::UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
+		const UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
 		Header header{};
 		if (codesign::ReadFullyAt(fd.Get(), header.data(), header.size(), 0) &&
 		    std::string_view(header.data(), kMagic.size()) == kMagic) {

@@ -20,7 +20,7 @@ namespace {
 // What devices append to the flat name while they work: the decoder's output, SQLite's companions.
 constexpr std::size_t kMaxFlatName = 255 - 16;
 
-codesign::UniqueFd OpenToRead(const std::string& path) {
+UniqueFd OpenToRead(const std::string& path) {
 	try {
 		return codesign::OpenRegularFile(AT_FDCWD, path);
 	} catch (const codesign::ArchiveError& error) {
@@ -72,8 +72,8 @@ std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes,
 
 bool SameBytes(const std::string& left, const std::string& right) {
 	constexpr std::size_t kBlock = std::size_t{256} << 10U;
-	const codesign::UniqueFd one = OpenToRead(left);
-	const codesign::UniqueFd other = OpenToRead(right);
+	const UniqueFd one = OpenToRead(left);
+	const UniqueFd other = OpenToRead(right);
 	std::vector<char> first(kBlock);
 	std::vector<char> second(kBlock);
 	struct stat one_status {};

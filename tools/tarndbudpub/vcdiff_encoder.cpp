@@ -32,7 +32,7 @@ std::string ContentHash(const std::string& path, std::uint64_t size) {
 	if (!state || XXH3_128bits_reset(state.get()) != XXH_OK) {
 		throw PublishError("There is no memory to hash " + path + ".");
 	}
-	const codesign::UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
+	const UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, path);
 	std::vector<char> block(kBlock);
 	for (std::uint64_t at = 0; at < size; at += block.size()) {
 		block.resize(static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - at)));

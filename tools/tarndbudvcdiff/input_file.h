@@ -2,8 +2,8 @@
 #define TARNDBUDVCDIFF_INPUT_FILE_H
 
 #include "bytes.h"
-#include "unique_fd.h"
 
+#include <base/unique_fd.h>
 #include <sys/types.h>
 
 #include <string>

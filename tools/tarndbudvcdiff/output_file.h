@@ -2,7 +2,8 @@
 #define TARNDBUDVCDIFF_OUTPUT_FILE_H
 
 #include "bytes.h"
-#include "unique_fd.h"
+
+#include <base/unique_fd.h>
 
 #include <string>
 

@@ -135,7 +135,7 @@ std::string ArchiveTest::SealPayload(const std::string& payload, std::uint64_t e
 	head.key_type = key_type;
 	head.entry_count = entries;
 	head.unpacked_size = bytes;
-	const codesign::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+	const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
 	sealer.Seal(head, R"({"id":"test"})", key, fd.Get(), path);
 	return path;
 }
@@ -154,7 +154,7 @@ std::string ArchiveTest::Seal(const std::vector<TarMember>& members, const Decla
 void ArchiveTest::Install(const std::string& archive, const codesign::Limits& limits) {
 	const codesign::ArchiveFile file(archive);
 	file.Check(trusted_, 6);
-	const codesign::UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	codesign::Extract(file, out.Get(), {}, limits);
 }
 

@@ -29,7 +29,7 @@ void UnpackPackage(const std::string& package, const std::string& public_key, co
 	std::vector<codesign::TrustedKey> keys;
 	keys.push_back(codesign::LoadPublicKeyFile(public_key));
 	archive.Check(keys, 6);
-	const codesign::UniqueFd out(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd out(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	codesign::Extract(archive, out.Get());
 }
 

@@ -57,7 +57,7 @@ std::map<std::string, std::string> PublisherTest::InstalledFrom(const std::strin
 	std::vector<codesign::TrustedKey> keys;
 	keys.push_back(codesign::LoadPublicKeyFile(directory_ / "key.pub"));
 	archive.Check(keys, 6);
-	const codesign::UniqueFd out(open(destination.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const UniqueFd out(open(destination.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	codesign::Extract(archive, out.Get());
 	std::map<std::string, std::string> files;
 	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(destination.Path())) {

@@ -1,12 +1,15 @@
-/** @file A file descriptor that closes itself. */
-#ifndef TARN_PLATFORM_UNIQUE_FD_H
-#define TARN_PLATFORM_UNIQUE_FD_H
+/**
+ * @file
+ * A file descriptor that closes itself: for the library, the platform and the decoder, which must not know one another.
+ */
+#ifndef TARN_BASE_UNIQUE_FD_H
+#define TARN_BASE_UNIQUE_FD_H
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace tarn::process {
+namespace tarn {
 
 /** Owns one descriptor; -1 means none. */
 class UniqueFd {
@@ -31,6 +34,9 @@ public:
 	/** Gives the descriptor up to a new owner. */
 	int Release() { return std::exchange(fd_, -1); }
 
+	/** Closes and tells whether that succeeded: some file systems report a failed write only now. */
+	[[nodiscard]] bool Close() { return close(std::exchange(fd_, -1)) == 0; }
+
 	void Reset() {
 		if (fd_ >= 0) {
 			close(std::exchange(fd_, -1));
@@ -41,6 +47,6 @@ private:
 	int fd_ = -1;
 };
 
-} // namespace tarn::process
+} // namespace tarn
 
 #endif
