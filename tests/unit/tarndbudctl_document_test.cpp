@@ -2,6 +2,7 @@
 #include "mocks.h"
 #include "temporary_directory.h"
 
+#include <dataupdate/descriptor.h>
 #include <tarndbudctl/checked_info_getter.h>
 #include <tarndbudctl/checked_io.h>
 #include <tarndbudctl/document_problem.h>
@@ -12,14 +13,16 @@
 #include <json/reader.h>
 
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 
 namespace tarn::ctl {
 namespace {
@@ -161,17 +164,15 @@ TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {
 	const test::TemporaryDirectory directory;
 	const std::string path = directory / "version.json";
 	test::WriteFile(path, "{\"a\": ");
-	std::thread writer([&path] {
-		// As it is written: emptied, and then filled.
-		for (int round = 0; round < 50; ++round) {
-			dataupdate::IOUtils().WriteJson(path, Parse(R"({"a":1})"));
-		}
+	const dataupdate::Descriptor watch(inotify_init1(IN_CLOEXEC));
+	ASSERT_GE(inotify_add_watch(watch.Get(), path.c_str(), IN_CLOSE_NOWRITE), 0);
+	const auto writer = std::async(std::launch::async, [&] {
+		// Somebody has read it as it was.
+		inotify_event event = {};
+		EXPECT_EQ(read(watch.Get(), &event, sizeof event), static_cast<ssize_t>(sizeof event));
+		dataupdate::IOUtils().WriteJson(path, Parse(R"({"a":1})"));
 	});
-	const CheckedIO io;
-	for (int round = 0; round < 50; ++round) {
-		EXPECT_EQ(io.ReadJson(path)["a"].asInt(), 1);
-	}
-	writer.join();
+	EXPECT_EQ(CheckedIO().ReadJson(path)["a"].asInt(), 1);
 }
 
 TEST(CheckedIOTest, WaitsForNobodyToMendAnOldFile) {
