@@ -16,7 +16,6 @@
 namespace tarn::sdk {
 namespace {
 
-
 /** What stands under a name: a hook to be run, or something that only hides hooks of that name in earlier roots. */
 struct Entry {
 	std::string path;
