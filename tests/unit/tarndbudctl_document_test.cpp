@@ -2,7 +2,6 @@
 #include "mocks.h"
 #include "temporary_directory.h"
 
-#include <dataupdate/descriptor.h>
 #include <tarndbudctl/checked_info_getter.h>
 #include <tarndbudctl/checked_io.h>
 #include <tarndbudctl/document_problem.h>
@@ -12,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -164,7 +164,7 @@ TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {
 	const test::TemporaryDirectory directory;
 	const std::string path = directory / "version.json";
 	test::WriteFile(path, "{\"a\": ");
-	const dataupdate::Descriptor watch(inotify_init1(IN_CLOEXEC));
+	const UniqueFd watch(inotify_init1(IN_CLOEXEC));
 	ASSERT_GE(inotify_add_watch(watch.Get(), path.c_str(), IN_CLOSE_NOWRITE), 0);
 	const auto writer = std::async(std::launch::async, [&] {
 		// Somebody has read it as it was.
