@@ -12,6 +12,7 @@ import os
 import random
 import sqlite3
 import sys
+import time
 from pathlib import Path
 
 MANIFEST = "manifest.json"
@@ -19,6 +20,7 @@ TABLE = "counters.sqlite"
 DAMAGE = b"DAMAGED"
 VICTIMS = tuple(f"victims/{number}" for number in range(4))
 MOVING, FLEETING, STEADY, ROWS = 20, 5, 10, 500
+PAUSE_SECONDS = 0.1
 MIXED = 9
 """How the reader ends when what it sees is not one version."""
 
@@ -94,7 +96,12 @@ def _check_table(path: Path, number: int) -> None:
 
 if __name__ == "__main__":
     try:
-        print(version(Path(sys.argv[1])))
+        seen = version(Path(sys.argv[1]))
+        # Files are replaced within milliseconds, which a reader that is as quick would hardly ever meet.
+        time.sleep(PAUSE_SECONDS)
+        if version(Path(sys.argv[1])) != seen:
+            raise ValueError(f"it was version {seen} before")
+        print(seen)
     except (OSError, ValueError, sqlite3.Error) as error:
         print(f"{sys.argv[1]} is not one version: {error}", file=sys.stderr)
         sys.exit(MIXED)
