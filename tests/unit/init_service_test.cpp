@@ -5,12 +5,15 @@
 #include "temporary_directory.h"
 
 #include <dataupdate/update.h>
+#include <dataupdate/volume_handler.h>
 
 #include <gmock/gmock.h>
 
+#include <malloc.h>
 #include <syslog.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -72,6 +75,21 @@ TEST_F(InitServiceTest, ReadsTheConfigurationAnewEachTime) {
 	platform_.AddVolume(directory_ / "large", 100);
 	InitService();
 	EXPECT_TRUE(fs::exists(kOverride));
+}
+
+TEST_F(InitServiceTest, KeepsNothingInMemory) {
+	Configure("/volume9");
+	const auto settle_by_hand = [] {
+		const auto config = std::make_shared<Config>(std::make_shared<IOUtils>());
+		VolumeHandler(std::make_shared<ServiceConfig>(config)).InitVolume();
+	};
+	// What is made once and kept by libraries is made here.
+	for (int i = 0; i < 3; ++i) {
+		settle_by_hand();
+	}
+	const size_t before = mallinfo2().uordblks;
+	InitService();
+	EXPECT_EQ(mallinfo2().uordblks, before);
 }
 
 } // namespace

@@ -354,6 +354,7 @@ TEST_F(ForceInstallProjectTest, RewritesTheVersionWhereverItStandsInTheLink) {
 TEST_F(ForceInstallProjectTest, AsksAndRecordsInThisOrderUnderBothLocks) {
 	const InSequence order;
 	EXPECT_CALL(*config_, CheckSupported).Times(0);
+	EXPECT_CALL(*database_, GetRootDirectory()).Times(0);
 	EXPECT_CALL(*getter_, GetRemoteInfo("geo")).WillOnce([&](const std::string&) {
 		EXPECT_FALSE(IsFree(kAnyLock));
 		EXPECT_FALSE(IsFree(kLock));
