@@ -9,12 +9,39 @@
 
 #include <gmock/gmock.h>
 
-#include <malloc.h>
 #include <syslog.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <string>
+
+namespace {
+
+/** Pieces of memory that were asked for and not given back. */
+std::atomic<long> live_objects = 0;
+
+} // namespace
+
+void* operator new(size_t size) {
+	void* const memory = std::malloc(size);
+	if (memory == nullptr) {
+		throw std::bad_alloc();
+	}
+	++live_objects;
+	return memory;
+}
+
+void operator delete(void* memory) noexcept {
+	live_objects -= memory == nullptr ? 0 : 1;
+	std::free(memory);
+}
+
+void operator delete(void* memory, size_t /*size*/) noexcept {
+	operator delete(memory);
+}
 
 namespace tarn::dataupdate {
 namespace {
@@ -87,9 +114,9 @@ TEST_F(InitServiceTest, KeepsNothingInMemory) {
 	for (int i = 0; i < 3; ++i) {
 		settle_by_hand();
 	}
-	const size_t before = mallinfo2().uordblks;
+	const long before = live_objects;
 	InitService();
-	EXPECT_EQ(mallinfo2().uordblks, before);
+	EXPECT_EQ(live_objects, before);
 }
 
 } // namespace

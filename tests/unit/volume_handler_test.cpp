@@ -127,8 +127,9 @@ TEST_F(VolumeHandlerTest, RefusesReservesThatOverflow) {
 	} catch (const std::runtime_error& error) {
 		EXPECT_STREQ(error.what(), kOverflow);
 	}
-	EXPECT_THROW(handler_.FindSuitableVolume(""), std::runtime_error);
-	EXPECT_TRUE(handler_.IsSuitable(&record, 0)); // Not asked for.
+	platform_.volumes_work = false;
+	EXPECT_THROW(handler_.FindSuitableVolume(""), std::runtime_error); // Before it asks for volumes.
+	EXPECT_TRUE(handler_.IsSuitable(&record, 0));                      // Not asked for.
 }
 
 TEST_F(VolumeHandlerTest, FindsTheFirstFitVolumeInTheirOrder) {
@@ -323,6 +324,21 @@ TEST_F(UnmountTest, DisablesUpdatesWithoutAnotherVolume) {
 	EXPECT_THAT(test::Lines(log_),
 	    ElementsAre(Line{LOG_INFO, kSource,
 	        "Autoupdate for DBs using volume is going to be disabled normally: Cannot find suitable volume."}));
+}
+
+TEST_F(UnmountTest, DisablesUpdatesWhenTheOtherVolumeHasNoPlace) {
+	AddVolume("new");
+	WriteFile(directory_ / "new/@database", "in the way");
+	EXPECT_CALL(*config_, SetCurVolume("")).Times(1);
+	Unmount();
+	EXPECT_THAT(platform_.events, IsEmpty());
+	const std::vector<Line> lines = test::Lines(log_);
+	ASSERT_EQ(lines.size(), 2U);
+	EXPECT_EQ(lines.front(), Moving());
+	EXPECT_EQ(lines.back().priority, LOG_INFO);
+	EXPECT_THAT(lines.back().text, StartsWith("Autoupdate for DBs using volume is going to be disabled normally: "
+	                                          "Failed to create '" +
+	                                          directory_ / "new/@database" + "': "));
 }
 
 TEST_F(UnmountTest, DisablesUpdatesWhenTheMoveFails) {
