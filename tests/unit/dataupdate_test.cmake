@@ -6,7 +6,7 @@ tarn_unit_test(dataupdate_test
 	sql_script_test.cpp strategy_diff_test.cpp strategy_full_test.cpp strategy_link_test.cpp
 	strategy_test.cpp update_error_test.cpp update_test.cpp updater_test.cpp utils_test.cpp
 	volume_handler_test.cpp
-	fake_platform.cpp fake_system.cpp private_root.cpp
+	fake_platform.cpp fake_system.cpp live_objects.cpp private_root.cpp
 	LIBRARIES tarndbud_objects)
 target_precompile_headers(dataupdate_test PRIVATE
 	$<$<COMPILE_LANGUAGE:CXX>:<gmock/gmock.h$<ANGLE-R>> $<$<COMPILE_LANGUAGE:CXX>:<json/value.h$<ANGLE-R>>)

@@ -1,5 +1,6 @@
 #include "expect_error.h"
 #include "fake_platform.h"
+#include "live_objects.h"
 #include "log_lines.h"
 #include "private_root.h"
 #include "temporary_directory.h"
@@ -11,37 +12,9 @@
 
 #include <syslog.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <new>
 #include <string>
-
-namespace {
-
-/** Pieces of memory that were asked for and not given back. */
-std::atomic<long> live_objects = 0;
-
-} // namespace
-
-void* operator new(size_t size) {
-	void* const memory = std::malloc(size);
-	if (memory == nullptr) {
-		throw std::bad_alloc();
-	}
-	++live_objects;
-	return memory;
-}
-
-void operator delete(void* memory) noexcept {
-	live_objects -= memory == nullptr ? 0 : 1;
-	std::free(memory);
-}
-
-void operator delete(void* memory, size_t /*size*/) noexcept {
-	operator delete(memory);
-}
 
 namespace tarn::dataupdate {
 namespace {
@@ -114,9 +87,9 @@ TEST_F(InitServiceTest, KeepsNothingInMemory) {
 	for (int i = 0; i < 3; ++i) {
 		settle_by_hand();
 	}
-	const long before = live_objects;
+	const long before = test::LiveObjects();
 	InitService();
-	EXPECT_EQ(live_objects, before);
+	EXPECT_EQ(test::LiveObjects(), before);
 }
 
 } // namespace
