@@ -1,0 +1,116 @@
+"""Every system call of an update fails once, or is its last: what is installed is one version, and the next is exact.
+
+A few calls are drawn in every run. TARN_SWEEP=all takes one after the other, which takes an hour, TARN_SWEEP=40-90 these.
+"""
+
+from __future__ import annotations
+
+import os
+import random
+from collections.abc import Iterable
+from pathlib import Path
+
+import pytest
+from harness import programs, tracing
+from harness.chains import Chain, Snapshot
+from harness.device import DATABASE, Device
+from harness.packages import HandPublisher
+
+DRAWN = 8
+
+pytestmark = pytest.mark.skipif(not tracing.is_possible(), reason="other programs cannot be traced here")
+
+
+class ShortChain(Chain):
+    PATCHED = 2
+    CREATED = 2
+    LAST = 3
+
+
+@pytest.fixture
+def chain(connected: Device, hand: HandPublisher) -> Chain:
+    made = ShortChain(hand)
+    made.publish_first()
+    connected.update(DATABASE)
+    return made
+
+
+def chosen(count: int) -> Iterable[int]:
+    wanted = os.environ.get("TARN_SWEEP", "")
+    if wanted == "all":
+        return range(1, count + 1)
+    if wanted:
+        first, last = wanted.split("-")
+        return range(int(first), int(last) + 1)
+    seed = int(os.environ.get("TARN_SEED", random.SystemRandom().randrange(1 << 32)))
+    print(f"TARN_SEED={seed}")
+    return sorted(random.Random(seed).sample(range(1, count + 1), DRAWN))
+
+
+def assert_one_version_or_marked(device: Device, chain: Chain, result: programs.Result) -> None:
+    """A mixture must be known as one: only then does the next update not build upon it."""
+    if result.status == 0:
+        assert not device.mark(DATABASE).exists()
+        assert device.version(DATABASE) == chain.LAST
+    if not device.mark(DATABASE).exists():
+        version = device.version(DATABASE)
+        assert version in (1, chain.LAST)
+        chain.assert_installed(device.installed(DATABASE), version)
+
+
+def assert_made_good(device: Device, chain: Chain) -> None:
+    device.run_ok("update", DATABASE)
+    chain.assert_installed(device.installed(DATABASE), chain.LAST)
+    assert device.version(DATABASE) == chain.LAST
+    assert not device.mark(DATABASE).exists()
+    device.run_ok("check", DATABASE)
+
+
+def assert_tidy(device: Device) -> None:
+    assert not device.temporary().exists() or list(device.temporary().iterdir()) == []
+
+
+def judgement(device: Device, chain: Chain, result: programs.Result) -> str:
+    """What is wrong after a run that met a fault, or nothing."""
+    try:
+        assert_one_version_or_marked(device, chain, result)
+        assert_made_good(device, chain)
+        # Where just the tidying met the fault, the next replacement tidies.
+        if result.status != 0:
+            assert_tidy(device)
+    except Exception as error:
+        return f"{error!r}"
+    return ""
+
+
+def sweep(device: Device, chain: Chain, fault: str, place: Path) -> list[str]:
+    """The faults after which something was wrong."""
+    update = [programs.CTL, "update", DATABASE]
+    report = place / "report"
+    snapshot = Snapshot(device, place / "snapshot")
+    count = tracing.count(report, update)
+    wrong = []
+    for number in chosen(count):
+        snapshot.restore()
+        # It is asked for in every round, so that its arrival meets faults as well.
+        device.forget_document()
+        result = tracing.run_with_fault(report, fault, number, update)
+        judged = judgement(device, chain, result)
+        if judged:
+            calls = "\n".join(tracing.faults(report))
+            wrong.append(f"call {number} of {count}: {result.status} {result.stderr}\n{calls}\n{judged}\n")
+    return wrong
+
+
+@pytest.mark.parametrize("fault", ["error=EIO", "signal=SIGKILL"])
+@pytest.mark.parametrize("way", ["diff", "full"])
+def test_a_fault_at_any_system_call_leaves_one_version_and_the_next_update_is_exact(
+    connected: Device, chain: Chain, hand: HandPublisher, tmp_path: Path, fault: str, way: str
+) -> None:
+    chain.publish_rest()
+    if way == "full":
+        for version in range(2, chain.LAST + 1):
+            hand.package(DATABASE, f"d{version}").unlink()
+    connected.forget_document()
+    wrong = sweep(connected, chain, fault, tmp_path)
+    assert not wrong, "\n".join(wrong)
