@@ -59,8 +59,8 @@ int TLIBCExecl(const char* path, unsigned int options, ...) __attribute__((senti
 /**
  * Runs a program with up to four arguments and waits for it; descriptors above 2 are closed in the child and its
  * signals reset, its environment is the built one, and its standard input is /dev/null since nobody is there to answer
- * it. The first null pointer among the arguments ends the list. It leads a process group of its own, out of the reach of
- * a terminal's keys, and it dies with its caller: what went on moving files would do so without the caller's locks.
+ * it. The first null pointer among the arguments ends the list. It leads a process group of its own, out of the reach
+ * of a terminal's keys, and it dies with its caller: what went on moving files would do so without the caller's locks.
  *
  * @return 0 when the program exited with status 0, and -1 in every other case, since callers take any result that
  *         isn't negative for a success
