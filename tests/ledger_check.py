@@ -19,6 +19,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
 LEDGER = ROOT / "docs" / "behaviours.md"
+FOLDERS = ("tests/system", "tests/packages")
 SWITCHES = ("skip", "xfail")
 
 
@@ -42,7 +43,7 @@ def decorator_name(decorator: ast.expr) -> str:
 
 def pytest_names() -> dict[str, bool]:
     names = {}
-    for path in sorted((ROOT / "tests" / "system").glob("test_*.py")):
+    for path in sorted(path for folder in FOLDERS for path in (ROOT / folder).glob("test_*.py")):
         for node in ast.walk(ast.parse(path.read_text())):
             if isinstance(node, ast.FunctionDef) and node.name.startswith("test_"):
                 enabled = not any(decorator_name(decorator) in SWITCHES for decorator in node.decorator_list)
