@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# For scripts that try this project on a bare Debian 12: makes such a root and runs programs in it. Sourced; whoever does
-# so defines die MESSAGE [STATUS].
+# For scripts that try this project on a bare Debian 12: makes such a root and runs programs in it. Sourced; whoever
+# does so defines die MESSAGE [STATUS].
 
 readonly codename=bookworm
 

@@ -7,14 +7,20 @@ from pathlib import Path
 
 from harness import programs, trees, waiting
 from machine import Machine
-from places import (
-    DATA, DATABASE, OPERATIONS, TREE, downloads, installed, publish_a_change, status,
-)  # fmt: skip
+from places import DATA, DATABASE, OPERATIONS, TREE, downloads, installed, publish_a_change, status
 
-EXPOSURE = 5.5
+EXPOSURE = 3.5
 """What systemd thinks of the service's confinement, from 0 (none of the machine) to 10 (all of it)."""
 VOLUME_UNIT = "tarndbud-volume@{}.service"
-MOUNT = "[Unit]\nDescription=Volume\n[Mount]\nWhat=/srv/{0}.img\nWhere=/{0}\nOptions=loop\n[Install]\nWantedBy=local-fs.target\n"
+MOUNT = """[Unit]
+Description=Volume
+[Mount]
+What=/srv/{0}.img
+Where=/{0}
+Options=loop
+[Install]
+WantedBy=local-fs.target
+"""
 VOLUMES = ("volume1", "volume2")
 
 
