@@ -80,7 +80,7 @@ def make_volumes(machine: Machine) -> None:
         machine.path(f"/etc/systemd/system/{name}.mount").write_text(MOUNT.format(name))
         machine.do(f"truncate --size=64M /srv/{name}.img && mkfs.ext4 -q -F /srv/{name}.img")
     machine.do(f"systemctl daemon-reload && systemctl enable --now {' '.join(f'{name}.mount' for name in VOLUMES)}")
-    machine.do(f"sed -i '\\,^directory {DATA},d' /usr/tarn/etc/volumes.conf && tarndbudctl volume unmounting {DATA}")
+    machine.do(f"tarndbudctl volume unmounting {DATA} && sed -i '\\,^directory {DATA},d' /usr/tarn/etc/volumes.conf")
 
 
 def test_databases_leave_a_volume_before_it_is_unmounted(systemd: Machine) -> None:
