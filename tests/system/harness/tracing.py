@@ -6,6 +6,7 @@ import re
 import shutil
 import subprocess
 from collections import Counter
+from dataclasses import dataclass
 from pathlib import Path
 
 from . import programs
@@ -21,8 +22,16 @@ CALLS = ",".join(
         "symlink", "symlinkat", "chmod", "fchmod", "fchmodat", "chown", "fchown", "fchownat", "utimensat",
     )
 )  # fmt: skip
-CALL = re.compile(r"^(\d+) +[a-z]\w*\(")
+CALL = re.compile(r"^(\d+) +([a-z]\w*)\(")
 FAULT = re.compile(r"\(INJECTED\)|killed by SIGKILL")
+
+
+@dataclass(frozen=True)
+class Point:
+    """One call of a program: the how manieth of its name. Threads and processes count for themselves."""
+
+    name: str
+    number: int
 
 
 def is_possible() -> bool:
@@ -30,22 +39,21 @@ def is_possible() -> bool:
     return shutil.which("strace") is not None and subprocess.run(["strace", "-qq", "-o/dev/null", "true"]).returncode == 0
 
 
-def _run(report: Path, fault: str | None, program: list[str]) -> programs.Result:
-    injection = ["-e", f"inject={CALLS}:{fault}"] if fault else []
-    return programs.run("strace", "-f", "-qq", "-o", report, "-e", f"trace={CALLS}", *injection, *program)
-
-
-def count(report: Path, program: list[str]) -> int:
-    """How many calls the one of its threads and processes made that made most."""
-    result = _run(report, None, program)
+def points(report: Path, program: list[str]) -> list[Point]:
+    """All calls of a program and what it starts; the same of several processes is one."""
+    result = programs.run("strace", "-f", "-qq", "-o", report, "-e", f"trace={CALLS}", *program)
     assert result.status == 0, str(result)
-    calls = Counter(match[1] for match in map(CALL.match, report.read_text(errors="replace").splitlines()) if match)
-    return max(calls.values())
+    calls = Counter(match.groups() for match in map(CALL.match, report.read_text(errors="replace").splitlines()) if match)
+    most: dict[str, int] = {}
+    for (_, name), count in calls.items():
+        most[name] = max(most.get(name, 0), count)
+    return [Point(name, number) for name, count in sorted(most.items()) for number in range(1, count + 1)]
 
 
-def run_with_fault(report: Path, fault: str, number: int, program: list[str]) -> programs.Result:
-    """Lets the call of that number meet a fault in the program and in all that it starts, each counting for itself."""
-    return _run(report, f"{fault}:when={number}", program)
+def run_with_fault(report: Path, fault: str, point: Point, program: list[str]) -> programs.Result:
+    """Lets a call meet a fault."""
+    injection = f"inject={point.name}:{fault}:when={point.number}"
+    return programs.run("strace", "-f", "-qq", "-o", report, "-e", f"trace={point.name}", "-e", injection, *program)
 
 
 def faults(report: Path) -> list[str]:
