@@ -43,6 +43,11 @@ ExitCode Succeed(const Services& services, const Options& options) {
 
 class ProgramTest : public testing::Test {
 protected:
+	ProgramTest() {
+		ON_CALL(*doubles_.io, ReadJson).WillByDefault([](const std::string& path) -> Json::Value {
+			throw dataupdate::UpdateError("File not exist: " + path, dataupdate::UpdateError::kFileNotExist);
+		});
+	}
 	int Run(std::vector<const char*> arguments) { return Run(std::move(arguments), commands_); }
 	int Run(std::vector<const char*> arguments, const std::vector<Command>& commands) {
 		arguments.insert(arguments.begin(), "tarndbudctl");

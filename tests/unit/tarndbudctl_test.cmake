@@ -10,6 +10,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_read_test.cpp
 	tarndbudctl_repair_test.cpp
 	tarndbudctl_schedule_test.cpp
+	tarndbudctl_settings_test.cpp
 	tarndbudctl_status_test.cpp
 	tarndbudctl_text_test.cpp
 	tarndbudctl_update_test.cpp

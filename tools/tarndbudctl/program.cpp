@@ -3,6 +3,7 @@
 #include "arguments.h"
 #include "failure.h"
 #include "progress_line.h"
+#include "settings.h"
 
 #include <dataupdate/interruption.h>
 
@@ -76,6 +77,7 @@ ExitCode RunCommand(const Command& command, const Options& options, const Servic
 	if (command.needs_root) {
 		RequireRoot();
 	}
+	RequireUsableSettings(*services.io);
 	std::optional<ProgressLine> progress;
 	if (command.shows_progress && services.terminal.Draws() && !options.verbose && !options.json) {
 		progress.emplace(services.terminal);
