@@ -1,4 +1,5 @@
-# Completion for tarndbudctl, tarndbudpub and tarndbudvcdiff. Needs nothing but bash.
+# Completion for tarndbudctl, tarndbudpub and tarndbudvcdiff. Offers the databases' ids where python3 is
+# installed.
 
 # The ids of the configured databases; the machine's own list replaces the shipped one.
 _tarndbud_ids() {
@@ -82,7 +83,9 @@ _tarndbudctl_volume() {
 	show) _tarndbud_offer '--json --verbose --help' ;;
 	*)
 		if [[ ${COMP_WORDS[COMP_CWORD]} == -* ]]; then
-			_tarndbud_offer '--timeout --json --verbose --help'
+			local timeout=
+			[[ $(_tarndbud_word 2) == mounted ]] || timeout=--timeout
+			_tarndbud_offer "$timeout --json --verbose --help"
 		else
 			_tarndbud_offer_files -d
 		fi

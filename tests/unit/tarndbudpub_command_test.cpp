@@ -53,6 +53,8 @@ protected:
 };
 
 TEST_F(Command, NeedsASubcommandItKnows) {
+	EXPECT_EQ(Run({"--version"}), publisher::kDone);
+	EXPECT_THAT(out_.str(), testing::StartsWith("tarndbudpub 1."));
 	EXPECT_EQ(Run({}), publisher::kUsage);
 	EXPECT_EQ(Run({"unknown"}), publisher::kUsage);
 	EXPECT_EQ(Run({"publish", "tree"}), publisher::kUsage);

@@ -147,6 +147,7 @@ int RunReporting(const CLI::App& app, const Options& options, const Streams& str
 int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal) {
 	Options options;
 	CLI::App app("Publishes databases as signed packages in a directory for any web server", "tarndbudpub");
+	app.set_version_flag("--version", std::string("tarndbudpub ") + TARNDBUDPUB_VERSION);
 	app.require_subcommand(1);
 	AddKeygen(app, options);
 	AddPublish(app, options);
