@@ -125,13 +125,24 @@ TEST(CheckedInfoGetterTest, AsksForTheDocumentOnceInARun) {
 
 TEST(CheckedInfoGetterTest, TakesUpADocumentThatSomebodyElseFetched) {
 	const NiceMock<TestedGetter> getter;
-	EXPECT_CALL(getter, CacheStamp).WillOnce(Return("1")).WillOnce(Return("2")).WillRepeatedly(Return("3"));
+	EXPECT_CALL(getter, CacheStamp).WillOnce(Return("1")).WillOnce(Return("1")).WillRepeatedly(Return("2"));
 	EXPECT_CALL(getter, FetchDatabaseInfo)
 	    .WillOnce(Return(Parse(ENTRY(GOOD))))
 	    .WillOnce(Return(Parse(ENTRY(R"("data_version":"10","last_fetch_time":1,"download_link":"http://y/")"))));
 	EXPECT_TRUE(getter.GetDatabaseInfo().isMember("db_list"));
 	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 10);
 	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://y/");
+}
+
+TEST(CheckedInfoGetterTest, ReadsAgainWhatMayHaveBeenRenewedWhileItWasRead) {
+	const NiceMock<TestedGetter> getter;
+	EXPECT_CALL(getter, CacheStamp).WillOnce(Return("1")).WillRepeatedly(Return("2"));
+	EXPECT_CALL(getter, FetchDatabaseInfo)
+	    .WillOnce(Return(Parse(ENTRY(GOOD))))
+	    .WillOnce(Return(Parse(ENTRY(R"("data_version":"10","last_fetch_time":1,"download_link":"http://y/")"))));
+	EXPECT_TRUE(getter.GetDatabaseInfo().isMember("db_list"));
+	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://y/");
+	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://y/") << "it is kept from then on";
 }
 
 TEST(CheckedInfoGetterTest, TriesOnceWhenTheServerCannotBeReached) {
@@ -164,6 +175,12 @@ TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {
 	const test::TemporaryDirectory directory;
 	const std::string path = directory / "version.json";
 	test::WriteFile(path, "{\"a\": ");
+	// As new as can be for as long as can be, however slowly this runs.
+	timespec soon{};
+	ASSERT_EQ(clock_gettime(CLOCK_REALTIME, &soon), 0);
+	soon.tv_sec += 1;
+	const std::array<timespec, 2> times = {soon, soon};
+	ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
 	const UniqueFd watch(inotify_init1(IN_CLOEXEC));
 	ASSERT_GE(inotify_add_watch(watch.Get(), path.c_str(), IN_CLOSE_NOWRITE), 0);
 	const auto writer = std::async(std::launch::async, [&] {
@@ -173,6 +190,15 @@ TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {
 		dataupdate::IOUtils().WriteJson(path, Parse(R"({"a":1})"));
 	});
 	EXPECT_EQ(CheckedIO().ReadJson(path)["a"].asInt(), 1);
+}
+
+TEST(CheckedIOTest, TakesAChangeForNewForTwoSecondsToTheFraction) {
+	constexpr long kMillisecond = 1000000;
+	constexpr timespec kChanged = {100, 500 * kMillisecond};
+	EXPECT_TRUE(IsNew(kChanged, {102, 400 * kMillisecond}));
+	EXPECT_FALSE(IsNew(kChanged, {102, 600 * kMillisecond}));
+	EXPECT_TRUE(IsNew(kChanged, {98, 600 * kMillisecond}));
+	EXPECT_FALSE(IsNew(kChanged, {98, 400 * kMillisecond}));
 }
 
 TEST(CheckedIOTest, WaitsForNobodyToMendAnOldFile) {

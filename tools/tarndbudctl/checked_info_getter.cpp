@@ -89,10 +89,12 @@ Json::Value CheckedInfoGetter::GetDatabaseInfo() const {
 	if (failure_) {
 		std::rethrow_exception(failure_);
 	}
-	if (!document_ || CacheStamp() != stamp_) {
+	const std::string stamp = CacheStamp();
+	if (!document_ || stamp_ != stamp) {
 		try {
 			document_ = FetchDatabaseInfo();
-			stamp_ = CacheStamp();
+			// One that was renewed in between, by this fetch or by somebody after it, may not be the one at hand.
+			stamp_ = CacheStamp() == stamp ? std::optional(stamp) : std::nullopt;
 		} catch (...) {
 			failure_ = std::current_exception();
 			throw;

@@ -42,7 +42,7 @@ private:
 
 	std::shared_ptr<dataupdate::IOUtils> io_;
 	mutable std::optional<Json::Value> document_;
-	mutable std::string stamp_;
+	mutable std::optional<std::string> stamp_; ///< None: the document is read again.
 	mutable std::exception_ptr failure_;
 };
 

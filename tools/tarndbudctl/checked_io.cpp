@@ -6,8 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <ctime>
+#include <cmath>
 
 namespace tarn::ctl {
 
@@ -17,15 +16,21 @@ namespace {
 
 constexpr useconds_t kPauseMicroseconds = 20000;
 constexpr int kMostPauses = 100;
-// Longer than a writer takes from its first byte to its last, and short for a file that was cut off for good.
-constexpr std::time_t kWritingSeconds = 2;
 
 bool MayBeBeingWritten(const std::string& path) {
 	struct stat status {};
-	return stat(path.c_str(), &status) == 0 && std::labs(std::time(nullptr) - status.st_mtime) < kWritingSeconds;
+	timespec now{};
+	return clock_gettime(CLOCK_REALTIME, &now) == 0 && stat(path.c_str(), &status) == 0 && IsNew(status.st_mtim, now);
 }
 
 } // namespace
+
+bool IsNew(const timespec& changed, const timespec& now) {
+	constexpr double kSeconds = 2;
+	constexpr double kNanosecond = 1e-9;
+	const auto seconds = static_cast<double>(now.tv_sec - changed.tv_sec);
+	return std::abs(seconds + static_cast<double>(now.tv_nsec - changed.tv_nsec) * kNanosecond) < kSeconds;
+}
 
 Json::Value CheckedIO::ReadJson(const std::string& path) const {
 	if (path == dataupdate::kCachedInfo) {

@@ -5,6 +5,7 @@
 #include <dataupdate/utils.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 namespace tarn::ctl {
@@ -13,13 +14,18 @@ namespace tarn::ctl {
 constexpr uintmax_t kLargestDocument = 2UL * 1024 * 1024;
 
 /**
- * Treats a server's document that is too large like one that cannot be decoded. Records and settings are written in
- * place, and are no documents for a moment; they are read again until they are, as long as their last change is new.
+ * Treats a server's document that is too large like one that cannot be decoded. Records and the service's settings are
+ * written in place, and are no documents for a moment; they are read again until they are, as long as their last change
+ * is new. The library reads the settings of databases without it, so those are only replaced by whole files.
  */
 class CheckedIO : public dataupdate::IOUtils {
 public:
 	Json::Value ReadJson(const std::string& path) const override;
 };
+
+/** Whether a file's last change lies less than two seconds from now: longer than a writer takes from its first byte to
+ * its last, and short for a file that was cut off for good. */
+bool IsNew(const timespec& changed, const timespec& now);
 
 } // namespace tarn::ctl
 
