@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -50,6 +52,24 @@ TEST_F(ScheduleCommandTest, SetsTheStateOfOneDatabase) {
 	EXPECT_EQ(Run("zip", "on"), kDone);
 	EXPECT_TRUE(IsScheduled("zip"));
 	EXPECT_EQ(out_.str(), "geo: not scheduled\nzip: scheduled\n");
+}
+
+TEST_F(ScheduleCommandTest, ShowsNobodyHalfOfTheSettings) {
+	Run("geo", "off");
+	const std::string old = test::ReadFile(kOverride);
+	std::ifstream reader(kOverride);
+	Run("geo", "on");
+	EXPECT_EQ(std::string(std::istreambuf_iterator<char>(reader), {}), old);
+	EXPECT_NE(test::ReadFile(kOverride), old);
+}
+
+TEST_F(ScheduleCommandTest, KeepsALinkThatStandsForTheSettings) {
+	const std::string target = "/usr/tarn/etc/data_update/mine.conf";
+	WriteFile(target, R"({"geo":{}})");
+	std::filesystem::create_symlink(target, kOverride);
+	Run("geo", "off");
+	EXPECT_TRUE(std::filesystem::is_symlink(kOverride));
+	EXPECT_FALSE(IsScheduled("geo"));
 }
 
 TEST_F(ScheduleCommandTest, KeepsTheOtherDatabasesAndTheirSettings) {

@@ -1,5 +1,7 @@
 #include "commands.h"
 #include "databases.h"
+#include "status_report.h"
+#include "whole_file.h"
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/interruption.h>
@@ -8,8 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <string>
-#include <vector>
 
 namespace tarn::ctl {
 
@@ -18,21 +20,30 @@ namespace {
 constexpr char kOn[] = "on";
 
 /**
- * An override file stands for the whole list of databases, so the first setting written there would take all other
- * databases away. It begins with a section for each of them, in one write.
+ * What the override file holds. It stands for the whole list of databases, so the first setting written there would
+ * take all other databases away; it begins with a section for each of them.
  */
-void KeepDatabaseList(const Services& services) {
-	const dataupdate::FileLock lock(dataupdate::kConfigLock, dataupdate::kLockTimeout);
-	const std::vector<std::string> ids = services.config->GetDatabaseIDs();
+Json::Value ReadOverride(const Services& services) {
 	try {
-		services.io->ReadJson(dataupdate::kDatabaseOverride);
+		return services.io->ReadJson(dataupdate::kDatabaseOverride);
 	} catch (const dataupdate::UpdateError&) {
 		Json::Value sections(Json::objectValue);
-		for (const std::string& id : ids) {
+		for (const std::string& id : services.config->GetDatabaseIDs()) {
 			sections[id] = Json::Value(Json::objectValue);
 		}
-		services.io->WriteJson(dataupdate::kDatabaseOverride, sections);
+		return sections;
 	}
+}
+
+/** As DatabaseConfig::SetScheduled(), but an update that runs meanwhile never finds half a file, or an empty list. */
+void SetScheduled(const Services& services, const std::string& id, bool scheduled) {
+	const dataupdate::FileLock lock(dataupdate::kConfigLock, dataupdate::kLockTimeout);
+	Json::Value sections = ReadOverride(services);
+	sections[id]["auto_update"] = scheduled;
+	// The administrator may have put a link in its place.
+	const std::filesystem::path path = std::filesystem::weakly_canonical(dataupdate::kDatabaseOverride);
+	std::filesystem::create_directories(path.parent_path());
+	WriteWholeFile(path, FormatJson(sections));
 }
 
 } // namespace
@@ -49,8 +60,7 @@ ExitCode RunSchedule(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const bool scheduled = options.state == kOn;
 	const dataupdate::InterruptionShield shield;
-	KeepDatabaseList(services);
-	services.config->GetDatabaseConfig(options.id)->SetScheduled(scheduled);
+	SetScheduled(services, options.id, scheduled);
 	Json::Value object(Json::objectValue);
 	object["id"] = options.id;
 	object["scheduled"] = scheduled;
