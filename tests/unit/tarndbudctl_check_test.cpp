@@ -75,6 +75,18 @@ protected:
 		return RunCheck(doubles_.services, options);
 	}
 	void Damage() { WriteFile(directory_ / "file", "CONTENT"); }
+	/** The second look, which keeps updates away, finds another file bad if it looks at it. */
+	void DamageTheSoundFileBeforeTheSecondLook() {
+		WriteFile(directory_ / "sound", "content");
+		record_ = Record(directory_.Path(), {"file", "sound"});
+		Damage();
+		ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this, seen = 0](const std::string&) mutable {
+			if (++seen == 2) {
+				WriteFile(directory_ / "sound", "CONTENT");
+			}
+			return record_;
+		});
+	}
 
 	test::TemporaryDirectory directory_;
 	DatabaseStatus record_;
@@ -162,6 +174,27 @@ TEST_F(CheckCommandTest, BlamesNothingThatAnUpdateRecordedMeanwhile) {
 	});
 	EXPECT_EQ(Run({"geo"}), kDone);
 	EXPECT_EQ(doubles_.out.str(), "geo: ok\n");
+}
+
+TEST_F(CheckCommandTest, KeepsUpdatesAwayForTheBadFilesOnly) {
+	DamageTheSoundFileBeforeTheSecondLook();
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_EQ(doubles_.out.str(), "geo: needs a fix\n\t" + directory_ / "file" + " has changed\n");
+}
+
+TEST_F(CheckCommandTest, LooksAtAllFilesAgainWhenSomethingWasReplacedMeanwhile) {
+	DamageTheSoundFileBeforeTheSecondLook();
+	WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	WriteFile("/var/lib/data_update/geo/replacing", "");
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_THAT(doubles_.out.str(), testing::HasSubstr(directory_ / "sound" + " has changed\n"));
+	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) {
+		record_.data_version++;
+		return record_;
+	});
+	std::filesystem::remove("/var/lib/data_update/geo/replacing");
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_THAT(doubles_.out.str(), testing::EndsWith(directory_ / "sound" + " has changed\n"));
 }
 
 TEST_F(CheckCommandTest, KeepsNoUpdateAwayFromWhatIsSound) {

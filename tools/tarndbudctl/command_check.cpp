@@ -5,6 +5,7 @@
 #include "text.h"
 
 #include <dataupdate/file_lock.h>
+#include <dataupdate/replacement_mark.h>
 #include <dataupdate/update_error.h>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +17,7 @@ namespace tarn::ctl {
 
 namespace {
 
+using dataupdate::DatabaseStatus;
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMostFilesShown = 20;
@@ -34,9 +36,18 @@ std::string FormatBadFiles(const std::vector<BadFile>& files) {
 
 /** What is recorded of a database, and which files are not as recorded. */
 struct Findings {
-	dataupdate::DatabaseStatus status;
+	DatabaseStatus status;
 	std::vector<BadFile> bad;
 };
+
+/** The recorded files that were found bad. */
+DatabaseStatus Suspects(const Findings& found) {
+	DatabaseStatus suspects;
+	for (const BadFile& file : found.bad) {
+		suspects.file_statuses[file.name] = found.status.file_statuses.at(file.name);
+	}
+	return suspects;
+}
 
 Findings Look(const Services& services, const std::string& id, unsigned long timeout_seconds) {
 	// None is needed, or to be had, before anything was replaced.
@@ -58,6 +69,21 @@ dataupdate::FileLock HoldOffUpdates(const std::string& id, unsigned long timeout
 	}
 }
 
+/**
+ * Looks once more, while updates wait: no longer than it must, so at what was bad alone, unless there is another record
+ * by now, or files were replaced without one.
+ */
+Findings LookAgain(
+    const Services& services, const std::string& id, unsigned long timeout_seconds, const Findings& before) {
+	const ReaderLock lock(id, timeout_seconds);
+	Findings found;
+	found.status = services.info->GetDatabaseStatus(id);
+	const bool is_same = found.status == before.status && !dataupdate::IsReplacementMarked(id);
+	found.bad = FindBadFiles(
+	    is_same ? Suspects(before) : found.status, services.config->GetDatabaseConfig(id)->GetInstallPrefix());
+	return found;
+}
+
 /** Looks again when anything is bad: an update records its files' digests after it has let go of the files. */
 Findings LookThoroughly(const Services& services, const std::string& id, unsigned long timeout_seconds) {
 	const Clock::time_point begin = Clock::now();
@@ -65,12 +91,12 @@ Findings LookThoroughly(const Services& services, const std::string& id, unsigne
 		const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
 		return timeout_seconds - std::min(timeout_seconds, static_cast<unsigned long>(passed));
 	};
-	Findings found = Look(services, id, timeout_seconds);
+	const Findings found = Look(services, id, timeout_seconds);
 	if (found.bad.empty()) {
 		return found;
 	}
 	const dataupdate::FileLock lock = HoldOffUpdates(id, left());
-	return Look(services, id, left());
+	return LookAgain(services, id, left(), found);
 }
 
 Json::Value BadFilesToJson(const std::vector<BadFile>& files) {

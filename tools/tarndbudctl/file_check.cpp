@@ -36,7 +36,7 @@ std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, cons
 	for (const auto& entry : status.file_statuses) {
 		if (!dataupdate::CheckStatus({entry}, install_prefix)) {
 			const std::string path = FullPath(install_prefix, entry.first);
-			bad.push_back({path, Reason(path)});
+			bad.push_back({entry.first, path, Reason(path)});
 		}
 	}
 	return bad;

@@ -11,6 +11,7 @@ namespace tarn::ctl {
 
 /** One file that fails, and in what. */
 struct BadFile {
+	std::string name; ///< As recorded.
 	std::string path;
 	std::string reason; ///< "is missing", "has changed", ...
 };
