@@ -27,6 +27,12 @@ ExitCode Fail(const Services&, const Options& options) {
 	if (kind == "update") {
 		throw dataupdate::UpdateError("Fail to lock /run/x");
 	}
+	if (kind == "divided") {
+		throw CommandError(kFailed, "The databases are on both");
+	}
+	if (kind.find(' ') != std::string::npos) {
+		throw dataupdate::UpdateError(kind);
+	}
 	if (kind == "json") {
 		throw Json::RuntimeError("deep");
 	}
@@ -114,11 +120,23 @@ TEST_F(ProgramTest, TellsItsVersionAndHelpOnStandardOutput) {
 	EXPECT_EQ(err_.str(), "");
 }
 
-TEST_F(ProgramTest, SaysThatItEndedEarlyInThePlaceOfAnyFailure) {
+TEST_F(ProgramTest, SaysThatItEndedEarlyInThePlaceOfTheFailureThatCameOfIt) {
 	dataupdate::RequestInterruption();
-	EXPECT_EQ(Run({"bad", "update"}), kInterrupted);
-	EXPECT_EQ(err_.str(), "tarndbudctl: Interrupted; nothing is left half done.\n");
+	for (const char* kind : {"update", "Fail on project 'geo': Interrupted", "Fail to wget url: http://x/",
+	         "Fail to full update: Fail to lock /run/x"}) {
+		EXPECT_EQ(Run({"bad", kind}), kInterrupted) << kind;
+		EXPECT_EQ(err_.str(), "tarndbudctl: Interrupted; nothing is left half done.\n") << kind;
+	}
 	EXPECT_EQ(Run({"good"}), 0) << "what is done is done";
+	dataupdate::ForgetInterruption();
+}
+
+TEST_F(ProgramTest, TellsWhatFailedOnItsOwnThoughItWasAskedToEnd) {
+	dataupdate::RequestInterruption();
+	EXPECT_EQ(Run({"bad", "divided"}), kInterrupted) << "it still ends by the signal";
+	EXPECT_EQ(err_.str(), "tarndbudctl: The databases are on both.\n");
+	EXPECT_EQ(Run({"bad", "Fail to full update: no space"}), kInterrupted);
+	EXPECT_THAT(err_.str(), StartsWith("tarndbudctl: Fail to full update: no space; "));
 	dataupdate::ForgetInterruption();
 }
 

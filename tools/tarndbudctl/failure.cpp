@@ -157,6 +157,12 @@ Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
 	return {kFailed, WithEnd(std::string("A JSON document is malformed: ") + what)};
 }
 
+bool TellsEarlyEnd(const std::string& message) {
+	const std::string inner = message.substr(WrapperLength(message));
+	return inner == "Interrupted" || StartsWith(inner, "Fail to wget url: ") ||
+	       ExplainMessage(inner, 0).code == kLocked;
+}
+
 Failure ExplainFileError(const boost::filesystem::filesystem_error& error) {
 	const std::string path = error.path1().empty() ? "" : ": " + error.path1().string();
 	return {kFailed, "A file cannot be used" + path + " (" + error.code().message() +
@@ -197,6 +203,18 @@ Failure ExplainException(const dataupdate::IOUtils& io) {
 		return ExplainMessage(error.what(), platform_error);
 	} catch (...) {
 		return {kFailed, "Something unknown went wrong; see the system log."};
+	}
+}
+
+bool IsEarlyEnd() {
+	try {
+		throw;
+	} catch (const CommandError& error) {
+		return error.Code() == kLocked || TellsEarlyEnd(error.what());
+	} catch (const std::exception& error) {
+		return TellsEarlyEnd(error.what());
+	} catch (...) {
+		return false;
 	}
 }
 

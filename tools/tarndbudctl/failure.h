@@ -41,6 +41,12 @@ Failure ExplainMessage(const std::string& message, int platform_error);
  */
 Failure ExplainException(const dataupdate::IOUtils& io);
 
+/**
+ * Whether the exception that is being handled is what a request to end makes of an operation: before it changes files,
+ * while it waits for a lock, or for the downloader, which is ended as well. Any other failure happened on its own.
+ */
+bool IsEarlyEnd();
+
 } // namespace tarn::ctl
 
 #endif

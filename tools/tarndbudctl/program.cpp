@@ -93,10 +93,12 @@ ExitCode RunGuarded(const Command& command, const Options& options, const Surrou
 	try {
 		code = RunCommand(command, options, services);
 	} catch (...) {
+		// What failed on its own is told as such, but the program still ends by the signal.
+		const bool is_interrupted = dataupdate::IsInterruptionRequested();
 		const Failure failure =
-		    dataupdate::IsInterruptionRequested() ? Failure{kInterrupted, kEndedEarly} : ExplainException(*services.io);
+		    is_interrupted && IsEarlyEnd() ? Failure{kInterrupted, kEndedEarly} : ExplainException(*services.io);
 		terminal.Complain(failure.sentence);
-		code = failure.code;
+		code = is_interrupted ? kInterrupted : failure.code;
 	}
 	if (!terminal.Good()) {
 		terminal.Complain("The output could not be written.");

@@ -56,7 +56,7 @@ void RunRecorded(
 	try {
 		work();
 	} catch (...) {
-		if (!dataupdate::IsInterruptionRequested()) {
+		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
 			Write(id, operation, beginning, ExplainException(*services.io).code);
 		}
 		throw;
