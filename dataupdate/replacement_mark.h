@@ -9,6 +9,8 @@
 #ifndef DATAUPDATE_REPLACEMENT_MARK_H
 #define DATAUPDATE_REPLACEMENT_MARK_H
 
+#include "export.h"
+
 #include <string>
 
 namespace tarn::dataupdate {
@@ -23,7 +25,7 @@ void SetReplacementMark(const std::string& id);
  * Whether the mark contradicts the record beside it. Without a record it says nothing: then nothing is known to be
  * installed, or the host keeps its records elsewhere and clears no marks.
  */
-bool IsReplacementMarked(const std::string& id);
+TARNDBUD_EXPORT bool IsReplacementMarked(const std::string& id);
 
 /**
  * Removes the mark once the record of what is installed is on the disk. A failure is logged and leaves the mark: the

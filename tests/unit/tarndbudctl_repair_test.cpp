@@ -122,6 +122,19 @@ TEST_F(RepairCommandTest, WritesNothingBelowTheMountPointOfAVanishedVolume) {
 	EXPECT_THAT(Sentence(0), HasSubstr("is in use, but is not available"));
 }
 
+TEST_F(RepairCommandTest, LooksForTheVolumeAgainOnceItHasTheLocks) {
+	Damage("geo");
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault([this](const std::string&) {
+		doubles_.is_available = false;
+		return RemoteInfo(5, 0, false, kLink);
+	});
+	EXPECT_EQ(Fix({"geo"}), kFailed);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("is in use, but is not available"));
+	doubles_.is_available = true;
+	EXPECT_THAT(Sentence(0), HasSubstr("is in use, but is not available"));
+	EXPECT_FALSE(std::filesystem::exists(directory_ / "volume"));
+}
+
 TEST_F(RepairCommandTest, DoesNotWaitWhenToldSo) {
 	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault(Return(true));
 	options_.no_wait = true;
@@ -172,6 +185,15 @@ TEST_F(RepairCommandTest, StopsAtTheFirstDatabaseWhenAskedToEnd) {
 	EXPECT_THROW(Fix({"geo", "zip"}), dataupdate::UpdateError);
 	EXPECT_EQ(doubles_.err.str(), "");
 	EXPECT_FALSE(ReadRunRecord("geo"));
+}
+
+TEST_F(RepairCommandTest, RecordsWhatFailedOnItsOwnThoughAskedToEnd) {
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault([](const std::string&) -> RemoteInfo {
+		dataupdate::RequestInterruption();
+		throw dataupdate::UpdateError("Fail to full update: no space");
+	});
+	EXPECT_THROW(Fix({"geo"}), dataupdate::UpdateError);
+	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kFailed);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "expect_error.h"
+#include "private_root.h"
 #include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
 
 #include <tarndbudctl/status_report.h>
 
@@ -23,7 +25,7 @@ Json::Value Parse(const std::string& text) {
 	return value;
 }
 
-class StatusTest : public testing::Test {
+class StatusTest : public test::FixedPathsTest {
 protected:
 	ExitCode Run(std::vector<std::string> ids, bool json) {
 		Options options;
@@ -45,7 +47,24 @@ TEST_F(StatusTest, GivesEveryMemberOfADatabase) {
 	const Json::Value array = RunJson({"geo"});
 	ASSERT_EQ(array.size(), 1U);
 	EXPECT_EQ(array[0], Parse(R"({"id":"geo","installed_version":4,"remote_version":5,"up_to_date":false,
-		"scheduled":true,"updating":true,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
+		"scheduled":true,"updating":true,"unfinished":false,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
+}
+
+TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {
+	doubles_.Install(5);
+	test::WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	test::WriteFile("/var/lib/data_update/geo/replacing", "");
+	const Json::Value array = RunJson({});
+	EXPECT_EQ(array[0]["unfinished"], true);
+	EXPECT_EQ(array[0]["up_to_date"], false);
+	EXPECT_EQ(array[1]["unfinished"], false);
+	EXPECT_EQ(array[1]["up_to_date"], true);
+	EXPECT_EQ(doubles_.err.str(), "");
+	doubles_.out.str("");
+	EXPECT_EQ(Run({}, false), kDone);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  yes"));
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; "
+	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it anew.\n");
 }
 
 TEST_F(StatusTest, CountsALaterVersionThanTheServersAsUpToDate) {

@@ -1,8 +1,10 @@
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
 
 #include <dataupdate/file_lock.h>
 #include <tarndbudctl/failure.h>
+#include <tarndbudctl/run_record.h>
 
 #include <gtest/gtest.h>
 
@@ -44,6 +46,11 @@ protected:
 			doubles_.Install(5, id);
 			return DatabaseStatus();
 		});
+	}
+	/** What a run that was killed while it replaced files leaves. */
+	static void LeaveUnfinished(const std::string& id) {
+		test::WriteFile("/var/lib/data_update/" + id + "/version.json", "{}");
+		test::WriteFile("/var/lib/data_update/" + id + "/replacing", "");
 	}
 
 	test::Doubles doubles_;
@@ -103,6 +110,43 @@ TEST_F(UpdateCommandTest, WritesNothingBelowTheMountPointOfAVanishedVolume) {
 	EXPECT_EQ(Run({"geo"}), kFailed);
 	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The volume /volume1 is in use, but is not available"));
 	EXPECT_EQ(CodeOf([&] { Run({}); }), kFailed);
+}
+
+TEST_F(UpdateCommandTest, LooksForTheVolumeAgainOnceItHasTheLocks) {
+	doubles_.Install(4);
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault([this](const std::string&) {
+		EXPECT_THROW(dataupdate::FileLock("/run/data_update/update_geo.lock", 0), UpdateError);
+		doubles_.is_available = false;
+		return dataupdate::RemoteInfo(5, 0, false, "http://x/");
+	});
+	EXPECT_CALL(*doubles_.updater, Update).Times(0);
+	EXPECT_EQ(Run({"geo"}), kFailed);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The volume /volume1 is in use, but is not available"));
+}
+
+TEST_F(UpdateCommandTest, SaysThatItReinstalledWhatWasUnfinished) {
+	doubles_.Install(5);
+	LeaveUnfinished("geo");
+	LetSucceed("geo");
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: reinstalled version 5\n");
+	doubles_.out.str("");
+	Options options;
+	options.ids = {"geo"};
+	options.json = true;
+	EXPECT_EQ(RunUpdate(doubles_.services, options), kDone);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("\"result\" : \"reinstalled\""));
+	EXPECT_THAT(doubles_.out.str(), testing::Not(HasSubstr("previous_version")));
+}
+
+TEST_F(UpdateCommandTest, DoesNotTakeWhatIsUnfinishedForUpToDateWithoutAVolume) {
+	doubles_.Install(5);
+	LeaveUnfinished("geo");
+	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
+	EXPECT_EQ(Run({"geo"}), kFailed);
+	EXPECT_EQ(doubles_.out.str(), "");
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: There is no storage volume"));
+	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kFailed);
 }
 
 TEST_F(UpdateCommandTest, HasNothingToDoWhenNothingIsScheduled) {

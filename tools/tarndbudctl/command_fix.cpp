@@ -59,7 +59,8 @@ void DeclareFix(CLI::App& app, Options& options) {
 ExitCode RunFix(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
-	const ReportingFix fix(services, report, std::make_shared<NotingInfoGetter>(services.info));
+	const ReportingFix fix(
+	    services, report, std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); }));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { fix.FixAllProjects(); });

@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "databases.h"
+#include "noting_info_getter.h"
 #include "run_record.h"
 #include "text.h"
 
@@ -8,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace tarn::ctl {
 
@@ -29,7 +31,8 @@ int Target(const Services& services, const Options& options) {
 /** The link was made by replacing one number by another, which can hit more than what was meant. */
 void Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
-	const dataupdate::Update update(services.updater, services.info, services.config);
+	const auto info = std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); });
+	const dataupdate::Update update(services.updater, info, services.config);
 	try {
 		update.ForceInstall(options.id, options.version);
 	} catch (const dataupdate::UpdateError& error) {

@@ -3,6 +3,8 @@
 #include "status_report.h"
 #include "text.h"
 
+#include <dataupdate/replacement_mark.h>
+
 #include <CLI/CLI.hpp>
 
 #include <set>
@@ -43,12 +45,19 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
 		row.volume = volume;
 	}
+	row.unfinished = dataupdate::IsReplacementMarked(id);
 	row.updating = services.checker->IsUpdating(id);
 	AskServer(services, row);
 	return row;
 }
 
 void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
+	for (const StatusRow& row : rows) {
+		if (row.unfinished && !row.updating) {
+			services.terminal.Complain(row.id + ": The last replacement of its files was not finished; \"tarndbudctl "
+			                                    "update\" or \"tarndbudctl fix\" installs it anew.");
+		}
+	}
 	std::set<std::string> told;
 	for (const StatusRow& row : rows) {
 		if (!row.remote_error.empty() && told.insert(row.remote_error).second) {

@@ -1,56 +1,83 @@
 #include "commands.h"
 #include "databases.h"
+#include "noting_info_getter.h"
 #include "run_record.h"
+
+#include <dataupdate/replacement_mark.h>
 
 #include <CLI/CLI.hpp>
 
 #include <memory>
+#include <utility>
 
 namespace tarn::ctl {
 
 namespace {
 
-std::string DescribeChange(int before, int after) {
+struct Installed {
+	bool is_unfinished;
+	int version; ///< -1 for what is unfinished, because the library installs it anew.
+};
+
+Installed LookAt(const Services& services, const std::string& id) {
+	const bool is_unfinished = dataupdate::IsReplacementMarked(id);
+	return {is_unfinished, is_unfinished ? -1 : services.info->GetDatabaseStatus(id).data_version};
+}
+
+std::string DescribeChange(const Installed& before, int after) {
 	const std::string version = "version " + std::to_string(after);
-	return before == -1 ? "installed " + version : "updated from version " + std::to_string(before) + " to " + version;
+	if (before.version != -1) {
+		return "updated from version " + std::to_string(before.version) + " to " + version;
+	}
+	return (before.is_unfinished ? "reinstalled " : "installed ") + version;
+}
+
+Json::Value ChangeToJson(const Installed& before, int after) {
+	if (before.version == -1) {
+		return MakeResult(before.is_unfinished ? "reinstalled" : "installed", after);
+	}
+	Json::Value result = MakeResult("updated", after);
+	result["previous_version"] = before.version;
+	return result;
 }
 
 /** Says for each database what became of it, and takes a missing volume for the failure that it is to a caller. */
 class ReportingUpdate : public dataupdate::Update {
 public:
-	ReportingUpdate(const Services& services, Report& report)
-	    : Update(services.updater, services.info, services.config), services_(services), report_(report) {}
+	ReportingUpdate(const Services& services, Report& report, std::shared_ptr<NotingInfoGetter> info)
+	    : Update(services.updater, info, services.config),
+	      services_(services),
+	      report_(report),
+	      info_(std::move(info)) {}
 
 	void UpdateProject(const std::string& id) const override {
 		services_.config->CheckSupported(id);
-		const int before = services_.info->GetDatabaseStatus(id).data_version;
-		RunRecorded(services_, id, "update", [&] { UpdateOnVolume(id, before); });
+		const Installed before = LookAt(services_, id);
+		info_->Forget();
+		RunRecorded(services_, id, "update", [&] { UpdateOnVolume(id); });
 		const int after = services_.info->GetDatabaseStatus(id).data_version;
-		if (after == before) {
+		if (info_->HasRecorded()) {
+			report_.Tell(id, DescribeChange(before, after), ChangeToJson(before, after));
+		} else {
 			report_.Tell(id, "up to date, version " + std::to_string(after), MakeResult("up to date", after));
-			return;
 		}
-		Json::Value result = MakeResult(before == -1 ? "installed" : "updated", after);
-		if (before != -1) {
-			result["previous_version"] = before;
-		}
-		report_.Tell(id, DescribeChange(before, after), result);
 	}
 
 private:
-	void UpdateOnVolume(const std::string& id, int before) const {
+	void UpdateOnVolume(const std::string& id) const {
 		RequireNoLostVolume(services_);
 		Update::UpdateProject(id);
-		const int after = services_.info->GetDatabaseStatus(id).data_version;
 		// The server need not be asked when there is a volume.
 		const bool has_volume = !services_.config->GetCurVolume().empty();
-		if (after == before && !has_volume && services_.info->GetRemoteInfo(id).data_version > after) {
+		if (!info_->HasRecorded() && !has_volume &&
+		    services_.info->GetRemoteInfo(id).data_version > LookAt(services_, id).version) {
 			RequireVolume(services_);
 		}
 	}
 
 	const Services& services_;
 	Report& report_;
+	std::shared_ptr<NotingInfoGetter> info_;
 };
 
 } // namespace
@@ -64,7 +91,8 @@ void DeclareUpdate(CLI::App& app, Options& options) {
 ExitCode RunUpdate(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
-	const ReportingUpdate update(services, report);
+	const ReportingUpdate update(services, report,
+	    std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireNoLostVolume(services); }));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { update.UpdateAllProjects(); });

@@ -4,11 +4,13 @@
 
 namespace tarn::ctl {
 
-NotingInfoGetter::NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other)
-    : InfoGetter(nullptr, nullptr), other_(std::move(other)) {}
+NotingInfoGetter::NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other, std::function<void()> check_volume)
+    : InfoGetter(nullptr, nullptr), other_(std::move(other)), check_volume_(std::move(check_volume)) {}
 
 dataupdate::RemoteInfo NotingInfoGetter::GetRemoteInfo(const std::string& id) const {
-	return other_->GetRemoteInfo(id);
+	dataupdate::RemoteInfo remote = other_->GetRemoteInfo(id);
+	check_volume_(); // Last, because a download may have taken long as well.
+	return remote;
 }
 
 std::map<int, dataupdate::DiffInfo> NotingInfoGetter::GetDiffInfos(const std::string& id) const {

@@ -1,9 +1,10 @@
-/** @file An InfoGetter that notes whether a new state was recorded. */
+/** @file An InfoGetter that notes whether a new state was recorded, and looks at the volume before. */
 #ifndef TARNDBUDCTL_NOTING_INFO_GETTER_H
 #define TARNDBUDCTL_NOTING_INFO_GETTER_H
 
 #include <dataupdate/update.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -13,7 +14,11 @@ namespace tarn::ctl {
 /** Passes everything on to another one. Not for use by several threads at once. */
 class NotingInfoGetter : public dataupdate::InfoGetter {
 public:
-	explicit NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other);
+	/**
+	 * @param check_volume  called whenever the server's description is asked for, which every operation does after it
+	 *                      has got its locks and before it writes; what it throws ends the operation
+	 */
+	NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other, std::function<void()> check_volume);
 
 	/** Whether a state was recorded since the construction or the last Forget(). */
 	bool HasRecorded() const { return recorded_; }
@@ -29,6 +34,7 @@ public:
 
 private:
 	std::shared_ptr<dataupdate::InfoGetter> other_;
+	std::function<void()> check_volume_;
 	mutable bool recorded_ = false;
 };
 

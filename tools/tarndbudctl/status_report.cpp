@@ -24,6 +24,9 @@ std::string FormatState(const StatusRow& row) {
 	if (!row.installed_version) {
 		return "not installed";
 	}
+	if (row.unfinished) {
+		return "unfinished";
+	}
 	const std::optional<bool> current = IsUpToDate(row);
 	if (!current) {
 		return "installed";
@@ -40,6 +43,9 @@ std::vector<std::string> FormatRow(const StatusRow& row) {
 } // namespace
 
 std::optional<bool> IsUpToDate(const StatusRow& row) {
+	if (row.unfinished) {
+		return false;
+	}
 	if (!row.remote_version) {
 		return std::nullopt;
 	}
@@ -68,6 +74,7 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows) {
 		object["up_to_date"] = ToJson(IsUpToDate(row));
 		object["scheduled"] = row.scheduled;
 		object["updating"] = row.updating;
+		object["unfinished"] = row.unfinished;
 		object["install_dir"] = ToJson(row.install_dir);
 		object["volume"] = ToJson(row.volume);
 		array.append(object);

@@ -18,11 +18,15 @@ struct StatusRow {
 	std::string remote_error; ///< Why there is no remote version.
 	bool scheduled = false;
 	bool updating = false;
+	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed anew.
 	std::optional<std::string> install_dir;
 	std::optional<std::string> volume;
 };
 
-/** Whether the installed version is the server's or a later one; no value when the server's is unknown. */
+/**
+ * Whether the installed version is the server's or a later one; no value when the server's is unknown. What is
+ * unfinished never is.
+ */
 std::optional<bool> IsUpToDate(const StatusRow& row);
 
 std::string FormatStatusTable(const std::vector<StatusRow>& rows);
