@@ -91,7 +91,7 @@ Findings LookThoroughly(const Services& services, const std::string& id, unsigne
 		const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
 		return timeout_seconds - std::min(timeout_seconds, static_cast<unsigned long>(passed));
 	};
-	const Findings found = Look(services, id, timeout_seconds);
+	Findings found = Look(services, id, timeout_seconds);
 	if (found.bad.empty()) {
 		return found;
 	}
