@@ -5,6 +5,8 @@
 #ifndef DATAUPDATE_FILE_COPY_H
 #define DATAUPDATE_FILE_COPY_H
 
+#include "export.h"
+
 #include <string>
 
 namespace tarn::dataupdate {
@@ -25,7 +27,7 @@ void InstallRegularFile(const std::string& src, const std::string& dst);
 
 /** Brings everything written to the file system that holds a path to its disk. Throws UpdateError "Fail to sync ...".
  */
-void SyncFileSystem(const std::string& path);
+TARNDBUD_EXPORT void SyncFileSystem(const std::string& path);
 
 } // namespace tarn::dataupdate
 

@@ -72,6 +72,15 @@ void SetReplacementMark(const std::string& id) {
 	SetReplacing(true);
 }
 
+bool MarkUnfinished(const std::string& id) {
+	const std::string mark = ReplacementMarkPath(id);
+	if (MayExist(mark)) {
+		return false;
+	}
+	SetMark(mark);
+	return true;
+}
+
 bool IsReplacementMarked(const std::string& id) {
 	return MayExist(ReplacementMarkPath(id)) && MayExist(StatusPath(id));
 }

@@ -22,6 +22,12 @@ namespace tarn::dataupdate {
 void SetReplacementMark(const std::string& id);
 
 /**
+ * Sets the mark as durably, without holding back interruptions: for a host that moves a database. False when it is set
+ * already. Throws like SetReplacementMark().
+ */
+TARNDBUD_EXPORT bool MarkUnfinished(const std::string& id);
+
+/**
  * Whether the mark contradicts the record beside it. Without a record it says nothing: then nothing is known to be
  * installed, or the host keeps its records elsewhere and clears no marks.
  */
@@ -31,7 +37,7 @@ TARNDBUD_EXPORT bool IsReplacementMarked(const std::string& id);
  * Removes the mark once the record of what is installed is on the disk. A failure is logged and leaves the mark: the
  * next update is then merely a full one.
  */
-void ClearReplacementMark(const std::string& id) noexcept;
+TARNDBUD_EXPORT void ClearReplacementMark(const std::string& id) noexcept;
 
 /**
  * Remembers durably that a version was unpacked over an earlier one, whose files no diff package would delete. Only a

@@ -4,6 +4,7 @@
 #include "private_root.h"
 #include "temporary_directory.h"
 
+#include <dataupdate/interruption.h>
 #include <dataupdate/replacement_mark.h>
 
 #include <gmock/gmock.h>
@@ -70,6 +71,17 @@ TEST_F(ReplacementMarkTest, MayBeSetAndClearedTwice) {
 	ClearReplacementMark("geo");
 	ClearReplacementMark("geo");
 	EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(ReplacementMarkTest, OfAMoveIsSetOnceAndHoldsNoInterruptionBack) {
+	SetReplacing(false);
+	RequestInterruption();
+	EXPECT_TRUE(MarkUnfinished("geo"));
+	EXPECT_TRUE(IsInterrupted());
+	ForgetInterruption();
+	EXPECT_FALSE(MarkUnfinished("geo"));
+	WriteFile(kRecord, "{}");
+	EXPECT_TRUE(IsReplacementMarked("geo"));
 }
 
 TEST_F(ReplacementMarkTest, SaysNothingWithoutARecord) {

@@ -4,15 +4,28 @@
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/paths.h>
+#include <tarncore/tarncore.h>
 #include <tarndbudctl/failure.h>
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace tarn::ctl {
 namespace {
@@ -20,9 +33,12 @@ namespace {
 using test::ReadFile;
 using test::WriteFile;
 using testing::HasSubstr;
+using testing::Return;
 
 constexpr char kFile[] = "/@database/autoupdate/geo/file";
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
+constexpr char kMalformed[] = R"({"data_version":"x","last_fetch_time":0,"file_statuses":{}})";
+constexpr char kSecondMark[] = "/var/lib/data_update/zip/replacing";
 
 /** The real library over two directories that are listed as volumes. */
 class VolumeCommandTest : public test::FixedPathsTest {
@@ -54,6 +70,24 @@ protected:
 		options_.path = path;
 		EXPECT_EQ(command(services_, options_), kDone);
 		return out_.str();
+	}
+	/** What a command that fails says. */
+	std::string Refusal(ExitCode (*command)(const Services&, const Options&), const std::string& path) {
+		options_.path = path;
+		try {
+			command(services_, options_);
+		} catch (const CommandError& error) {
+			return error.what();
+		}
+		ADD_FAILURE() << "it did not fail";
+		return "";
+	}
+	/** Another database, whole on a volume, with the first one's record. */
+	void InstallSecond(const std::string& volume) {
+		WriteFile("/usr/share/data_update/databases.conf",
+		    R"({"geo":{"install_dest":"%VOLUME%"}, "zip":{"install_dest":"%VOLUME%"}})");
+		WriteFile(volume + "/@database/autoupdate/zip/file", "content");
+		services_.info->SetDatabaseStatus("zip", services_.info->GetDatabaseStatus("geo"));
 	}
 	/** A database of one file, recorded by its absolute path. */
 	void Install(const std::string& volume) {
@@ -164,8 +198,7 @@ TEST_F(VolumeCommandTest, MovesNothingThatItCannotMark) {
 	    mount(nullptr, records, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
 		GTEST_SKIP() << "nothing can be mounted here";
 	}
-	options_.path = first_;
-	EXPECT_THROW(RunVolumeUnmounting(services_, options_), CommandError);
+	EXPECT_THAT(Refusal(RunVolumeUnmounting, first_), HasSubstr("Fail to mark replacement: "));
 	EXPECT_EQ(umount(records), 0);
 	EXPECT_EQ(ReadFile(first_ + kFile), "content");
 	EXPECT_FALSE(std::filesystem::exists(second_ + kFile));
@@ -216,6 +249,167 @@ TEST_F(VolumeCommandTest, MarksAForcedVersionThatAnAdoptedVolumeLacks) {
 	UseVolume("");
 	EXPECT_THAT(Run(RunVolumeMounted, second_), HasSubstr("geo"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
+}
+
+/** Does something before a record is read, once a volume is in use. */
+class FragileInfo : public dataupdate::InfoGetter {
+public:
+	FragileInfo(const Services& services, std::function<void(const std::string& id)> act)
+	    : InfoGetter(services.io, services.config), config_(services.config), act_(std::move(act)) {}
+	dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& id) const override {
+		if (!config_->GetCurVolume().empty()) {
+			act_(id);
+		}
+		return InfoGetter::GetDatabaseStatus(id);
+	}
+
+private:
+	std::shared_ptr<dataupdate::ServiceConfig> config_;
+	std::function<void(const std::string&)> act_;
+};
+
+TEST_F(VolumeCommandTest, MarksBeforeAVolumeIsAdoptedAndIsKilled) {
+	Install(first_);
+	ListVolumes({second_});
+	options_.path = second_;
+	services_.info = std::make_shared<FragileInfo>(services_, [](const std::string&) { raise(SIGKILL); });
+	for (auto* command : {RunInit, RunVolumeMounted}) {
+		UseVolume("");
+		WriteFile("/usr/tarn/etc/data_update/data_update.conf", "{}");
+		std::filesystem::remove(kMark);
+		EXPECT_EXIT(command(services_, options_), testing::KilledBySignal(SIGKILL), "");
+		EXPECT_EQ(Volume(), second_);
+		EXPECT_TRUE(std::filesystem::exists(kMark));
+	}
+}
+
+TEST_F(VolumeCommandTest, AdoptsTheOthersWhenOneDatabaseFails) {
+	Install(first_);
+	InstallSecond(first_);
+	UseVolume("");
+	services_.info = std::make_shared<FragileInfo>(services_, [](const std::string& id) {
+		if (id == "geo") {
+			throw std::runtime_error("broken");
+		}
+	});
+	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr("installed anew by the next update: geo\n"));
+	EXPECT_THAT(err_.str(), HasSubstr("geo: broken."));
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
+}
+
+TEST_F(VolumeCommandTest, NamesAMalformedRecordAndAdoptsTheOthers) {
+	Install(first_);
+	InstallSecond(first_);
+	WriteFile("/var/lib/data_update/geo/version.json", kMalformed);
+	UseVolume("");
+	EXPECT_THAT(Run(RunInit, ""), HasSubstr("installed anew by the next update: geo\n"));
+	EXPECT_THAT(err_.str(), HasSubstr("geo: The record of what is installed"));
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
+	EXPECT_TRUE(std::filesystem::exists("/run/data_update/using_geo.lock"));
+}
+
+TEST_F(VolumeCommandTest, MovesAMalformedRecordsDatabaseMarked) {
+	Install(first_);
+	InstallSecond(first_);
+	WriteFile("/var/lib/data_update/geo/version.json", kMalformed);
+	EXPECT_THAT(Run(RunVolumeUnmounting, first_), HasSubstr("were moved"));
+	EXPECT_THAT(err_.str(), HasSubstr("geo: The record of what is installed"));
+	EXPECT_TRUE(std::filesystem::exists(kMark));
+	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
+}
+
+TEST_F(VolumeCommandTest, TakesItsOwnMarksAwayWhenNoVolumeIsAdopted) {
+	Install(first_);
+	InstallSecond(first_);
+	WriteFile(kSecondMark, "");
+	UseVolume("");
+	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\nexclude " + first_ + "\n");
+	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr("is not suitable"));
+	EXPECT_FALSE(std::filesystem::exists(kMark));
+	EXPECT_THROW(RunInit(services_, options_), dataupdate::UpdateError);
+	EXPECT_FALSE(std::filesystem::exists(kMark));
+	EXPECT_TRUE(std::filesystem::exists(kSecondMark));
+}
+
+TEST_F(VolumeCommandTest, MovesAwayFromAVolumeThatIsNotListedAnyMore) {
+	Install(first_);
+	ListVolumes({second_});
+	EXPECT_EQ(Run(RunVolumeUnmounting, first_), "The databases were moved from " + first_ + " to " + second_ + ".\n");
+	EXPECT_EQ(ReadFile(second_ + kFile), "content");
+}
+
+TEST_F(VolumeCommandTest, GivesUpAVolumeThatDoesNotAnswer) {
+	UseVolume(first_);
+	const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+	const std::string options = "rootmode=40000,user_id=0,group_id=0,fd=" + std::to_string(device);
+	const bool mounted = device >= 0 && mount("none", first_.c_str(), "fuse", 0, options.c_str()) == 0;
+	if (device >= 0) {
+		close(device); // Whose end it is that answers.
+	}
+	if (!mounted) {
+		GTEST_SKIP() << "nothing can be mounted here";
+	}
+	EXPECT_THAT(Run(RunVolumeUnmounting, first_), HasSubstr("was given up, so no volume is in use"));
+	EXPECT_EQ(umount2(first_.c_str(), MNT_DETACH), 0);
+	EXPECT_EQ(Volume(), "");
+}
+
+TEST_F(VolumeCommandTest, GivesNothingUpWhenNobodyCanTellWhetherAVolumeIsThere) {
+	Install(first_);
+	for (const int error : {EMFILE, EACCES, EIO, ENOMEM}) {
+		services_.is_available = [error](const std::string&) {
+			TLIBCErrSet(error);
+			return false;
+		};
+		const std::string refusal = Refusal(RunVolumeUnmounting, first_);
+		EXPECT_THAT(refusal, HasSubstr("so nothing was changed (" + std::string(std::strerror(error)) + ")"));
+		EXPECT_EQ(Volume(), first_);
+	}
+}
+
+TEST_F(VolumeCommandTest, FailsWithTheCauseWhenNoVolumesCanBeListed) {
+	Install(first_);
+	ListVolumes({});
+	EXPECT_THAT(Refusal(RunVolumeUnmounting, first_), HasSubstr("could not be moved: Failed to enum all volumes: "));
+	EXPECT_FALSE(std::filesystem::exists(kMark));
+	EXPECT_EQ(ReadFile(first_ + kFile), "content");
+}
+
+TEST_F(VolumeCommandTest, LeavesTheVolumeOfAnotherRunThatWasFaster) {
+	const auto config = std::make_shared<testing::NiceMock<test::MockServiceConfig>>();
+	services_.config = config;
+	EXPECT_CALL(*config, SetCurVolume).Times(0);
+	EXPECT_CALL(*config, GetCurVolume).WillOnce(Return(first_)).WillRepeatedly(Return(second_));
+	EXPECT_EQ(Run(RunVolumeUnmounting, first_), "The databases are not on " + first_ + ".\n");
+	EXPECT_CALL(*config, GetCurVolume).WillOnce(Return("")).WillRepeatedly(Return(second_));
+	EXPECT_EQ(Run(RunVolumeMounted, first_), "The databases stay on " + second_ + ".\n");
+}
+
+TEST_F(VolumeCommandTest, HoldsNoLockWhileItWaitsForAnother) {
+	Install(first_);
+	InstallSecond(first_);
+	const char* busy = "/run/data_update/using_zip.lock";
+	const auto is_waited_for = [&] {
+		std::error_code ignored;
+		const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+		return std::count_if(begin(descriptors), end(descriptors), [&](const auto& descriptor) {
+			return std::filesystem::read_symlink(descriptor, ignored) == busy;
+		}) == 2;
+	};
+	std::future<std::string> move;
+	auto reader = std::make_unique<dataupdate::FileLock>(busy, 0);
+	move = std::async(std::launch::async, [&] { return Run(RunVolumeUnmounting, first_); });
+	while (!is_waited_for()) {
+		std::this_thread::yield();
+	}
+	for (const char* lock : {dataupdate::kUpdateAnyLock, "/run/data_update/using_geo.lock"}) {
+		EXPECT_NO_THROW(dataupdate::FileLock(lock, 5)) << lock;
+	}
+	EXPECT_EQ(Volume(), first_);
+	reader.reset();
+	EXPECT_THAT(move.get(), HasSubstr("were moved"));
 }
 
 TEST_F(VolumeCommandTest, GivesUpTheVolumeWhenThereIsNoOther) {

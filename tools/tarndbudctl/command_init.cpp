@@ -16,6 +16,10 @@ namespace {
 
 /** Does what the initialisation does, which logs its failures, and lets the failure be seen. */
 void ChooseVolume(const Services& services) {
+	dataupdate::InitService();
+	if (!services.config->GetCurVolume().empty()) {
+		return;
+	}
 	const dataupdate::VolumeHandler handler(services.config);
 	const std::string volume = handler.FindSuitableVolume("");
 	handler.CreateDirectories(handler.GetMainDirPath(volume));
@@ -27,17 +31,17 @@ std::string AdoptVolume(const Services& services, Json::Value& answer) {
 	// None is in use while databases move, either.
 	const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, dataupdate::kLockTimeout);
 	const dataupdate::InterruptionShield shield;
-	dataupdate::InitService();
-	if (services.config->GetCurVolume().empty()) {
-		ChooseVolume(services);
+	if (!services.config->GetCurVolume().empty()) {
+		return "";
 	}
-	return TakeOver(services, services.config->GetCurVolume(), answer);
+	return Adopt(
+	    services, [&] { ChooseVolume(services); }, answer);
 }
 
 /** Lock files don't survive a restart, and readers without root's rights cannot make them. */
 void PrepareForReaders(const Services& services) {
 	for (const std::string& id : services.config->GetDatabaseIDs()) {
-		if (services.info->GetDatabaseStatus(id).data_version != -1 && !MakeReaderLockFile(id)) {
+		if (IsInstalled(services, id) && !MakeReaderLockFile(id)) {
 			throw CommandError(kFailed, "The lock file for readers of " + id + " cannot be made in /run/data_update");
 		}
 	}

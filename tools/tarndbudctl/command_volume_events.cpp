@@ -1,16 +1,27 @@
 #include "commands.h"
 #include "databases.h"
+#include "text.h"
 #include "volume_content.h"
 #include "volume_move.h"
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/interruption.h>
 #include <dataupdate/paths.h>
+#include <dataupdate/update_error.h>
 #include <dataupdate/volume_handler.h>
+#include <tarncore/tarncore.h>
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <list>
+#include <string>
+#include <vector>
 
 namespace tarn::ctl {
 
@@ -31,17 +42,52 @@ Json::Value Describe(const std::string& result, const std::string& volume) {
 	return object;
 }
 
-/** Keeps every update and every reader away while directories move. Readers come last, as for an update. */
+/**
+ * Keeps every update and every reader away while directories move. Whoever waits for a lock here holds no other one: a
+ * command that reads one database may need another one to end.
+ */
 class StandStill {
 public:
-	StandStill(const Services& services, unsigned long timeout_seconds) {
-		locks_.emplace_back(dataupdate::kUpdateAnyLock, timeout_seconds);
+	StandStill(const Services& services, unsigned long timeout_seconds)
+	    : paths_{dataupdate::kUpdateAnyLock},
+	      deadline_(Clock::now() + std::chrono::seconds(std::min(timeout_seconds, kLongestWaitSeconds))) {
 		for (const std::string& id : services.config->GetDatabaseIDs()) {
-			locks_.emplace_back("/run/data_update/using_" + id + ".lock", timeout_seconds);
+			paths_.push_back("/run/data_update/using_" + id + ".lock");
+		}
+		while (!TakeAll()) {
 		}
 	}
 
 private:
+	using Clock = std::chrono::steady_clock;
+	static constexpr unsigned long kLongestWaitSeconds = 100UL * 365 * 24 * 3600;
+
+	unsigned long SecondsLeft() const {
+		const auto left = std::chrono::ceil<std::chrono::seconds>(deadline_ - Clock::now()).count();
+		return left > 0 ? static_cast<unsigned long>(left) : 0;
+	}
+
+	/** Waits for the first lock; when another one is busy, gives all back and makes that the first. */
+	bool TakeAll() {
+		const unsigned long patience = SecondsLeft();
+		auto path = paths_.begin();
+		try {
+			for (; path != paths_.end(); ++path) {
+				locks_.emplace_back(*path, path == paths_.begin() ? patience : 0);
+			}
+			return true;
+		} catch (const dataupdate::UpdateError& error) {
+			if (patience == 0 || path == paths_.begin() || !StartsWith(error.what(), "Fail to lock ")) {
+				throw;
+			}
+		}
+		locks_.clear();
+		std::rotate(paths_.begin(), path, std::next(path));
+		return false;
+	}
+
+	std::vector<std::string> paths_;
+	Clock::time_point deadline_;
 	std::list<dataupdate::FileLock> locks_;
 };
 
@@ -72,10 +118,6 @@ void AnswerToUnmount(const Services& services, const Options& options, const Vol
 	case Outcome::kNoTarget:
 		break;
 	}
-	if (!now.empty()) {
-		Answer(services, options, "The databases are on " + now + " already.\n", Describe("ignored", now));
-		return;
-	}
 	Answer(services, options,
 	    "The databases stay on " + path +
 	        ", and no volume is in use: no other one is suitable. They are not updated "
@@ -83,16 +125,62 @@ void AnswerToUnmount(const Services& services, const Options& options, const Vol
 	    Describe("given up", ""));
 }
 
+/** Why a directory cannot be read; 0 when it can. */
+int ReadError(const std::string& directory) {
+	std::error_code error;
+	const std::filesystem::directory_iterator entries(directory, error);
+	return error.value();
+}
+
+bool IsOfDevice(int error) {
+	constexpr int kErrors[] = {EIO, ENXIO, ENODEV, ENOTCONN, ESTALE, EUCLEAN, EREMOTEIO, ESHUTDOWN, ETIMEDOUT};
+	return std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
+}
+
+/**
+ * Whether a volume went without notice, and did not just become unknown. Throws CommandError when nobody can tell.
+ *
+ * @param error  why it is not available
+ */
+bool IsGone(const Services& services, const std::string& volume, int error) {
+	const int databases = ReadError(dataupdate::VolumeHandler(services.config).GetMainDirPath(volume));
+	if (IsOfDevice(databases) || IsOfDevice(ReadError(volume))) {
+		return true;
+	}
+	if (error != ENODEV) {
+		throw CommandError(kFailed, "It could not be found out whether " + volume +
+		                                " is available, so nothing was changed (" + std::strerror(error) +
+		                                "); see the system log");
+	}
+	return databases == ENOENT || databases == ENOTDIR;
+}
+
 /** A volume that went without notice has nothing to move, and the library would move what lies below its mount point.
  */
 void GiveUp(const Services& services, const Options& options, const std::string& path) {
-	if (services.config->GetCurVolume() == path) {
-		services.config->SetCurVolume("");
-	}
+	services.config->SetCurVolume("");
 	Answer(services, options,
 	    path +
 	        " is not available and was given up, so no volume is in use; \"tarndbudctl init\" chooses another one.\n",
 	    Describe("given up", ""));
+}
+
+/** Says so when a volume is in use, which then nothing else can become. */
+bool IsAnyInUse(const Services& services, const Options& options) {
+	const std::string now = services.config->GetCurVolume();
+	if (!now.empty()) {
+		Answer(services, options, "The databases stay on " + now + ".\n", Describe("ignored", now));
+	}
+	return !now.empty();
+}
+
+/** Says so when the end of a volume does not matter. */
+bool IsOtherInUse(const Services& services, const Options& options, const std::string& path) {
+	const std::string now = services.config->GetCurVolume();
+	if (now != path) {
+		Answer(services, options, "The databases are not on " + path + ".\n", Describe("ignored", now));
+	}
+	return now != path;
 }
 
 } // namespace
@@ -104,9 +192,7 @@ void DeclareVolumeMounted(CLI::App& app, Options& options) {
 
 ExitCode RunVolumeMounted(const Services& services, const Options& options) {
 	const std::string path = WithoutSlash(options.path);
-	const std::string before = services.config->GetCurVolume();
-	if (!before.empty()) {
-		Answer(services, options, "The databases stay on " + before + ".\n", Describe("ignored", before));
+	if (IsAnyInUse(services, options)) {
 		return kDone;
 	}
 	if (!services.is_available(path)) {
@@ -116,20 +202,20 @@ ExitCode RunVolumeMounted(const Services& services, const Options& options) {
 	// None is in use while databases move, either.
 	const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, dataupdate::kLockTimeout);
 	const dataupdate::InterruptionShield shield;
-	dataupdate::VolumeHandler(services.config).MountVolumeEvent(path);
-	const std::string now = services.config->GetCurVolume();
-	if (!now.empty() && now != path) {
-		Answer(services, options, "The databases stay on " + now + ".\n", Describe("ignored", now));
-		return kDone;
+	if (IsAnyInUse(services, options)) {
+		return kDone; // Since somebody else was faster.
 	}
+	const dataupdate::VolumeHandler handler(services.config);
+	Json::Value adopted = Describe("adopted", path);
+	const std::string missing = Adopt(
+	    services, [&] { handler.MountVolumeEvent(path); }, adopted);
+	const std::string now = services.config->GetCurVolume();
 	if (now.empty()) {
 		Answer(services, options,
 		    path + " is not suitable: it is excluded, cannot be written or has too little space; see the system log.\n",
 		    Describe("unsuitable", ""));
 		return kDone;
 	}
-	Json::Value adopted = Describe("adopted", now);
-	const std::string missing = TakeOver(services, now, adopted);
 	Answer(services, options, "The databases are on " + now + " from now on.\n" + missing, adopted);
 	return kDone;
 }
@@ -142,14 +228,15 @@ void DeclareVolumeUnmounting(CLI::App& app, Options& options) {
 
 ExitCode RunVolumeUnmounting(const Services& services, const Options& options) {
 	const std::string path = WithoutSlash(options.path);
-	const std::string before = services.config->GetCurVolume();
-	if (before != path) {
-		Answer(services, options, "The databases are not on " + path + ".\n", Describe("ignored", before));
+	if (IsOtherInUse(services, options, path)) {
 		return kDone;
 	}
 	const StandStill still(services, options.timeout_seconds);
 	const dataupdate::InterruptionShield shield;
-	if (!services.is_available(path)) {
+	if (IsOtherInUse(services, options, path)) {
+		return kDone; // Since somebody else was faster.
+	}
+	if (!services.is_available(path) && IsGone(services, path, TLIBCErrGet())) {
 		GiveUp(services, options, path);
 		return kDone;
 	}

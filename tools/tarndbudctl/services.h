@@ -23,7 +23,7 @@ struct Services {
 	std::shared_ptr<dataupdate::Updater> updater;
 	std::shared_ptr<dataupdate::Checker> checker;
 	Terminal& terminal;
-	/** Whether a volume is mounted and answers. */
+	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
 	std::function<bool(const std::string& volume)> is_available;
 };
 

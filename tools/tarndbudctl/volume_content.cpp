@@ -1,17 +1,13 @@
 #include "volume_content.h"
 
-#include "failure.h"
+#include "databases.h"
 #include "text.h"
-#include "whole_file.h"
 
+#include <dataupdate/replacement_mark.h>
 #include <dataupdate/update_error.h>
 #include <dataupdate/updater.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
 
 namespace tarn::ctl {
 
@@ -24,10 +20,6 @@ namespace {
 
 constexpr char kRecords[] = "/var/lib/data_update/";
 constexpr char kMainDir[] = "/@database/autoupdate/";
-
-std::string MarkPath(const std::string& id) {
-	return kRecords + id + "/replacing";
-}
 
 /** One whose configuration cannot be read has no files that could be found. */
 bool LiesOnVolumes(const Services& services, const std::string& id) {
@@ -43,6 +35,67 @@ bool IsThere(const DatabaseStatus& status, const std::string& install_prefix) {
 	std::error_code error;
 	return !fs::is_empty(install_prefix, error) && !error &&
 	       dataupdate::CheckStatus(status.file_statuses, install_prefix);
+}
+
+/** Does something for each database; returns those for which it failed, having told why. */
+std::set<std::string> FailuresOf(const Services& services, const std::vector<std::string>& ids,
+    const std::function<void(const std::string& id)>& operation) {
+	std::set<std::string> failed;
+	ForEachDatabase(
+	    services, ids,
+	    [&](const std::string& id) {
+		    operation(id);
+		    return kDone;
+	    },
+	    [&](const std::string& id, const Failure& failure) {
+		    services.terminal.Complain(id + ": " + failure.sentence);
+		    failed.insert(id);
+	    });
+	return failed;
+}
+
+std::vector<std::string> InstalledOnVolumes(const Services& services) {
+	std::vector<std::string> installed;
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		if (LiesOnVolumes(services, id) && IsInstalled(services, id)) {
+			installed.push_back(id);
+		}
+	}
+	return installed;
+}
+
+void LetRecordFollow(const Services& services, const std::string& volume, const std::string& id) {
+	DatabaseStatus status = services.info->GetDatabaseStatus(id);
+	const std::string place = kMainDir + id + "/";
+	std::map<std::string, FileStatus> moved;
+	for (const auto& [name, file] : status.file_statuses) {
+		const size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
+		moved.emplace(at == std::string::npos ? name : volume + name.substr(at), file);
+	}
+	if (moved != status.file_statuses) {
+		status.file_statuses = std::move(moved);
+		// Not by the library's way, which takes the mark of an unfinished replacement away.
+		services.io->WriteJson(kRecords + id + "/version.json", DatabaseStatus::ToJson(status));
+	}
+}
+
+/** Takes those of the marks away that are not needed; returns the databases that are not whole. */
+std::vector<std::string> TakeOver(
+    const Services& services, const std::string& volume, const std::vector<std::string>& marked) {
+	const std::set<std::string> unknown = LetRecordsFollow(services, volume);
+	std::vector<std::string> incomplete;
+	const auto settle = [&](const std::string& id) {
+		const std::string prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
+		if (unknown.count(id) != 0 || !IsThere(services.info->GetDatabaseStatus(id), prefix)) {
+			dataupdate::MarkUnfinished(id); // Set long ago, unless it was installed meanwhile.
+			incomplete.push_back(id);
+		} else if (std::find(marked.begin(), marked.end(), id) != marked.end()) {
+			Unmark({id});
+		}
+	};
+	const std::set<std::string> failed = FailuresOf(services, InstalledOnVolumes(services), settle);
+	incomplete.insert(incomplete.end(), failed.begin(), failed.end());
+	return incomplete;
 }
 
 } // namespace
@@ -62,70 +115,61 @@ std::optional<Content> ContentBelow(const std::string& directory) {
 	return error && error != std::errc::no_such_file_or_directory ? std::nullopt : std::optional(content);
 }
 
-std::vector<std::string> InstalledOnVolumes(const Services& services) {
-	std::vector<std::string> installed;
-	for (const std::string& id : services.config->GetDatabaseIDs()) {
-		if (LiesOnVolumes(services, id) && services.info->GetDatabaseStatus(id).data_version != -1) {
-			installed.push_back(id);
+bool IsInstalled(const Services& services, const std::string& id) {
+	try {
+		return services.info->GetDatabaseStatus(id).data_version != -1;
+	} catch (const std::exception&) {
+		return true;
+	}
+}
+
+std::vector<std::string> MarkInstalled(const Services& services) {
+	std::vector<std::string> marked;
+	try {
+		for (const std::string& id : InstalledOnVolumes(services)) {
+			if (dataupdate::MarkUnfinished(id)) {
+				marked.push_back(id);
+			}
 		}
+	} catch (...) {
+		Unmark(marked);
+		throw;
 	}
-	return installed;
+	return marked;
 }
 
-bool MarkUnfinished(const std::string& id) {
-	if (fs::exists(MarkPath(id))) {
-		return false;
-	}
-	WriteWholeFile(MarkPath(id), "");
-	return true;
-}
-
-void Unmark(const std::string& id) {
-	unlink(MarkPath(id).c_str());
-}
-
-void SyncFileSystemOf(const std::string& path) {
-	const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-	const bool good = fd >= 0 && syncfs(fd) == 0;
-	const int error = errno;
-	if (fd >= 0) {
-		close(fd);
-	}
-	if (!good) {
-		throw CommandError(kFailed, "Fail to sync " + path + ": " + std::strerror(error));
+void Unmark(const std::vector<std::string>& ids) {
+	for (const std::string& id : ids) {
+		dataupdate::ClearReplacementMark(id);
 	}
 }
 
-void LetRecordsFollow(const Services& services, const std::string& volume) {
-	for (const std::string& id : services.config->GetDatabaseIDs()) {
-		DatabaseStatus status = services.info->GetDatabaseStatus(id);
-		const std::string place = kMainDir + id + "/";
-		std::map<std::string, FileStatus> moved;
-		for (const auto& [name, file] : status.file_statuses) {
-			const size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
-			moved.emplace(at == std::string::npos ? name : volume + name.substr(at), file);
+std::set<std::string> LetRecordsFollow(const Services& services, const std::string& volume) {
+	return FailuresOf(services, services.config->GetDatabaseIDs(),
+	    [&](const std::string& id) { LetRecordFollow(services, volume, id); });
+}
+
+std::string Adopt(const Services& services, const std::function<void()>& choose, Json::Value& answer) {
+	const std::vector<std::string> marked = MarkInstalled(services);
+	const auto none_is_in_use = [&] { return services.config->GetCurVolume().empty(); };
+	try {
+		choose();
+	} catch (...) {
+		if (none_is_in_use()) {
+			Unmark(marked);
 		}
-		if (moved != status.file_statuses) {
-			status.file_statuses = std::move(moved);
-			// Not by the library's way, which takes the mark of an unfinished replacement away.
-			services.io->WriteJson(kRecords + id + "/version.json", DatabaseStatus::ToJson(status));
-		}
+		throw;
 	}
-}
-
-std::string TakeOver(const Services& services, const std::string& volume, Json::Value& answer) {
-	LetRecordsFollow(services, volume);
-	Json::Value incomplete(Json::arrayValue);
+	if (none_is_in_use()) {
+		Unmark(marked);
+		return "";
+	}
+	answer["incomplete"] = Json::Value(Json::arrayValue);
 	std::string names;
-	for (const std::string& id : InstalledOnVolumes(services)) {
-		const std::string prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
-		if (!IsThere(services.info->GetDatabaseStatus(id), prefix)) {
-			MarkUnfinished(id);
-			incomplete.append(id);
-			names += (names.empty() ? "" : ", ") + id;
-		}
+	for (const std::string& id : TakeOver(services, services.config->GetCurVolume(), marked)) {
+		answer["incomplete"].append(id);
+		names += (names.empty() ? "" : ", ") + id;
 	}
-	answer["incomplete"] = incomplete;
 	return names.empty() ? "" : "Not whole there, and to be installed anew by the next update: " + names + "\n";
 }
 

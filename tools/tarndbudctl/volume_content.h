@@ -7,8 +7,10 @@
 #include <json/value.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,28 +23,30 @@ using Content = std::map<std::string, std::pair<std::filesystem::file_type, uint
 /** No value when something cannot be examined. */
 std::optional<Content> ContentBelow(const std::string& directory);
 
-/** The databases that are installed on a volume, which need not be in use any more. */
-std::vector<std::string> InstalledOnVolumes(const Services& services);
+/** One whose record cannot be read counts: something was there to record. */
+bool IsInstalled(const Services& services, const std::string& id);
 
 /**
- * Marks a database as one whose files may not be whole, so that the next update or fix installs it anew even if its
- * version has not changed. False when it is marked already. Throws CommandError.
+ * Marks the databases that are installed on a volume, which need not be in use any more, as ones whose files may not be
+ * whole, so that the next update or fix installs them anew even if their version has not changed. Returns those that
+ * were not marked before; throws UpdateError when not all can be marked, and none of these is then.
  */
-bool MarkUnfinished(const std::string& id);
-/** Takes the mark away again. */
-void Unmark(const std::string& id);
-
-/** Brings a file system's data to the disk. Throws CommandError. */
-void SyncFileSystemOf(const std::string& path);
-
-/** Records name files by absolute paths as well: lets these lead to the volume, and keeps everything else. */
-void LetRecordsFollow(const Services& services, const std::string& volume);
+std::vector<std::string> MarkInstalled(const Services& services);
+/** Takes marks away again. */
+void Unmark(const std::vector<std::string>& ids);
 
 /**
- * Puts the records right for a volume that has just been taken into use, and marks the databases that it lacks or whose
- * recorded files are not all right there. These become "incomplete" of the answer; returned is what to say of them.
+ * Records name files by absolute paths as well: lets these lead to the volume, and keeps everything else. Returns the
+ * databases whose records could not be put right, having told why.
  */
-std::string TakeOver(const Services& services, const std::string& volume, Json::Value& answer);
+std::set<std::string> LetRecordsFollow(const Services& services, const std::string& volume);
+
+/**
+ * Has a volume chosen and taken into use while none is, and puts the records right for it. Databases that it lacks, or
+ * whose recorded files are not all right there, are marked, and become "incomplete" of the answer; returned is what to
+ * say of them. The marks stand before the choice, so that they are there as well if the program is killed after it.
+ */
+std::string Adopt(const Services& services, const std::function<void()>& choose, Json::Value& answer);
 
 } // namespace tarn::ctl
 

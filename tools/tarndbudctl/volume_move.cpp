@@ -1,5 +1,8 @@
 #include "volume_move.h"
 
+#include "failure.h"
+
+#include <dataupdate/file_copy.h>
 #include <dataupdate/update_error.h>
 
 #include <syslog.h>
@@ -12,13 +15,21 @@ VolumeMove::VolumeMove(const Services& services, std::string volume)
     : VolumeHandler(services.config), services_(services), volume_(std::move(volume)) {}
 
 std::string VolumeMove::FindSuitableVolume(std::string exclude) const {
-	target_ = VolumeHandler::FindSuitableVolume(std::move(exclude));
-	Begin();
+	try {
+		target_ = VolumeHandler::FindSuitableVolume(std::move(exclude));
+		Begin();
+	} catch (...) {
+		cause_ = std::current_exception();
+		throw;
+	}
 	return target_;
 }
 
 VolumeMove::Outcome VolumeMove::Run() {
 	UnmountVolumeEvent(volume_);
+	if (cause_) {
+		return JudgeCause();
+	}
 	if (target_.empty()) {
 		return Outcome::kNoTarget;
 	}
@@ -34,14 +45,21 @@ VolumeMove::Outcome VolumeMove::Run() {
 void VolumeMove::Begin() const {
 	before_ = ContentBelow(GetMainDirPath(volume_));
 	target_is_free_ = ContentBelow(GetMainDirPath(target_)) == Content();
-	for (const std::string& id : InstalledOnVolumes(services_)) {
-		if (MarkUnfinished(id)) {
-			marked_.push_back(id);
+	marked_ = MarkInstalled(services_);
+}
+
+VolumeMove::Outcome VolumeMove::JudgeCause() const {
+	std::string reason;
+	try {
+		std::rethrow_exception(cause_);
+	} catch (const std::exception& error) {
+		if (error.what() == std::string("Cannot find suitable volume.")) {
+			return Outcome::kNoTarget;
 		}
+		reason = ExplainException(*services_.io).sentence;
 	}
-	if (!marked_.empty()) {
-		SyncFileSystemOf("/var/lib/data_update");
-	}
+	throw CommandError(kFailed,
+	    "The databases stay on " + volume_ + ", and no volume is in use, for they could not be moved: " + reason);
 }
 
 /** Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. */
@@ -60,18 +78,18 @@ VolumeMove::Outcome VolumeMove::Judge() const {
 
 void VolumeMove::Settle() const {
 	// The originals are gone, so the copies must not be in memory alone.
-	SyncFileSystemOf(GetMainDirPath(target_));
+	dataupdate::SyncFileSystem(GetMainDirPath(target_));
 	services_.config->SetCurVolume(target_);
-	LetRecordsFollow(services_, target_);
+	const std::set<std::string> failed = LetRecordsFollow(services_, target_);
 	for (const std::string& id : marked_) {
-		Unmark(id);
+		if (failed.count(id) == 0) {
+			Unmark({id});
+		}
 	}
 }
 
 void VolumeMove::TakeBack() const {
-	for (const std::string& id : marked_) {
-		Unmark(id);
-	}
+	Unmark(marked_);
 	if (!target_is_free_) {
 		return;
 	}

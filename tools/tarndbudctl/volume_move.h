@@ -6,6 +6,8 @@
 
 #include <dataupdate/volume_handler.h>
 
+#include <exception>
+
 namespace tarn::ctl {
 
 /**
@@ -25,13 +27,17 @@ public:
 	VolumeMove(const Services& services, std::string volume);
 
 	std::string FindSuitableVolume(std::string exclude) const override;
-	/** Moves, and puts the records right. Throws CommandError and what the library throws. */
+	/**
+	 * Moves, and puts the records right. Throws what the library throws, and CommandError when nothing could be begun
+	 * for another reason than that no other volume is suitable.
+	 */
 	Outcome Run();
 	/** Where to; empty before, and when no other volume was suitable. */
 	const std::string& Target() const { return target_; }
 
 private:
 	void Begin() const;
+	Outcome JudgeCause() const;
 	Outcome Judge() const;
 	void Settle() const;
 	void TakeBack() const;
@@ -42,6 +48,8 @@ private:
 	mutable std::vector<std::string> marked_;
 	mutable std::optional<Content> before_;
 	mutable bool target_is_free_ = false;
+	/** What the library logs and swallows. */
+	mutable std::exception_ptr cause_;
 };
 
 } // namespace tarn::ctl
