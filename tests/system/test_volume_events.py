@@ -374,7 +374,7 @@ def test_a_move_killed_at_random_moments_loses_nothing(
     for _ in range(KILLS):
         use(connected, first, second)
         move = connected.start("volume", "unmounting", str(first))
-        while not (second / MAIN).exists() and not move.has_ended():
+        while not (connected.mark(DATABASE).exists() and (second / MAIN).exists()) and not move.has_ended():
             pass
         time.sleep(source.uniform(0, 0.03))
         move.kill()
