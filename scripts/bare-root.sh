@@ -15,7 +15,7 @@ bootstrap() { # DIRECTORY URI MARK
 	[[ $2 != https:* ]] || options+=(--include=ca-certificates)
 	mkdir -p "$1"
 	echo unfinished >"$3"
-	debootstrap "${options[@]}" "$codename" "$1" "$2" >"$log" 2>&1 || die "debootstrap failed, see $log"
+	debootstrap "${options[@]}" "$codename" "$1" "$2" >"$log" 2>&1 || die "debootstrap failed, see $log" 69
 	rm "$log"
 	echo made >"$3"
 }
@@ -23,9 +23,9 @@ bootstrap() { # DIRECTORY URI MARK
 # Debootstrap's smallest variant, from the archive that this machine's apt uses.
 make_bare_root() { # DIRECTORY
 	local uri mark="$1/.bare-root"
-	command -v debootstrap >/dev/null || die 'this needs the package debootstrap'
+	command -v debootstrap >/dev/null || die 'this needs the package debootstrap' 69
 	uri=$(archive)
-	[[ -n $uri ]] || die "no archive of $codename among the sources of this machine's apt"
+	[[ -n $uri ]] || die "no archive of $codename among the sources of this machine's apt" 69
 	# Only a finished one can be used again, and only what was made here is removed.
 	if [[ ! -e $mark ]]; then
 		mkdir -p "$1"

@@ -11,7 +11,7 @@ mkdir newer
 for package in PACKAGES; do
 	rm -rf unpacked
 	dpkg-deb --raw-extract build/packages/${package}_*.deb unpacked
-	sed -i 's/1\.0\.0/1.0.1/' unpacked/DEBIAN/control
+	sed -i 's/1\.0\.0/1.0.1/g' unpacked/DEBIAN/control
 	find unpacked/usr/share/tarndbud/settings -type f -exec sh -c 'echo "# a newer default" >> "$1"' - {} \; 2>/dev/null ||
 		true
 	dpkg-deb --build unpacked newer/$package.deb

@@ -2,14 +2,13 @@
 
 #include <dataupdate/progress.h>
 
+#include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -63,18 +62,17 @@ void EndHelpers() {
 
 InterruptionWatch::InterruptionWatch() : watched_(WatchedSignals()) {
 	pthread_sigmask(SIG_BLOCK, &watched_, &previous_);
-	signals_ = Checked(signalfd(-1, &watched_, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd");
-	ending_ = Checked(eventfd(0, EFD_CLOEXEC), "eventfd");
+	signals_ = UniqueFd(Checked(signalfd(-1, &watched_, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd"));
+	std::array<int, 2> ends = {-1, -1};
+	Checked(pipe2(ends.data(), O_CLOEXEC), "pipe2");
+	ended_ = UniqueFd(ends[0]);
+	ending_ = UniqueFd(ends[1]);
 	thread_ = std::thread([this] { Run(); });
 }
 
 InterruptionWatch::~InterruptionWatch() {
-	const uint64_t one = 1;
-	// An event counter that is read by nobody else takes the number at once.
-	[[maybe_unused]] const ssize_t written = write(ending_, &one, sizeof one);
+	ending_.Reset(); // Cannot fail, as writing could.
 	thread_.join();
-	close(ending_);
-	close(signals_);
 	pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
 }
 
@@ -94,7 +92,7 @@ void InterruptionWatch::EndBySignal() const {
 }
 
 void InterruptionWatch::Run() {
-	std::array<pollfd, 2> events = {{{signals_, POLLIN, 0}, {ending_, POLLIN, 0}}};
+	std::array<pollfd, 2> events = {{{signals_.Get(), POLLIN, 0}, {ended_.Get(), POLLIN, 0}}};
 	while (events[1].revents == 0) {
 		poll(events.data(), events.size(), number_ == 0 ? -1 : kHelperPeriodMilliseconds);
 		if ((events[0].revents & POLLIN) != 0) {
@@ -108,7 +106,7 @@ void InterruptionWatch::Run() {
 
 void InterruptionWatch::Take() {
 	signalfd_siginfo info = {};
-	if (read(signals_, &info, sizeof info) != sizeof info) {
+	if (read(signals_.Get(), &info, sizeof info) != sizeof info) {
 		return;
 	}
 	const pid_t child = forward_to;

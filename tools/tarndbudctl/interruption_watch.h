@@ -4,6 +4,7 @@
 
 #include <dataupdate/interruption.h>
 
+#include <base/unique_fd.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -32,8 +33,10 @@ private:
 
 	sigset_t watched_ = {};
 	sigset_t previous_ = {};
-	int signals_ = -1;
-	int ending_ = -1;
+	UniqueFd signals_;
+	/** The thread ends when the other end is closed. */
+	UniqueFd ended_;
+	UniqueFd ending_;
 	std::atomic<int> number_ = 0;
 	std::thread thread_;
 };
