@@ -18,13 +18,19 @@ long LiveObjects() {
 
 } // namespace tarn::test
 
-// Takes the standard operators' place. NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
-void* operator new(size_t size) {
+// Takes the standard operators' place, that for the libraries which cannot bear exceptions included.
+// NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
 	void* const memory = std::malloc(size == 0 ? 1 : size);
+	live_objects += memory == nullptr ? 0 : 1;
+	return memory;
+}
+
+void* operator new(size_t size) {
+	void* const memory = operator new(size, std::nothrow);
 	if (memory == nullptr) {
 		throw std::bad_alloc();
 	}
-	++live_objects;
 	return memory;
 }
 
