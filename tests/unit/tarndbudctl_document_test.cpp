@@ -14,15 +14,18 @@
 #include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 
 namespace tarn::ctl {
 namespace {
@@ -169,6 +172,24 @@ TEST(CheckedInfoGetterTest, NamesTheLinkOfDiffPackagesThatAreMalformed) {
 	    .WillByDefault(Return(Parse(ENTRY(GOOD R"(,"diff_files":{"x":{"download_link":"x","file_size":1}})"))));
 	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
 	EXPECT_THAT(MessageOf([&] { getter.GetDiffInfos("geo"); }), AllOf(HasSubstr(kLink), HasSubstr("\"x\" of geo")));
+}
+
+TEST(CheckedIOTest, NoticesAFileThatCouldNotBeWrittenToItsEnd) {
+	const test::TemporaryDirectory directory;
+	const std::string path = directory / "version.json";
+	const Json::Value record = Parse(R"({"data_version":"3","last_fetch_time":1700000000,"file_statuses":{}})");
+	CheckedIO().WriteJson(path, record);
+	EXPECT_EQ(CheckedIO().ReadJson(path), record);
+	rlimit limit = {};
+	ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+	const rlim_t before = std::exchange(limit.rlim_cur, 10);
+	const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+	ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+	const std::string message = MessageOf([&] { CheckedIO().WriteJson(path, record); });
+	limit.rlim_cur = before;
+	ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+	std::signal(SIGXFSZ, handler);
+	EXPECT_EQ(message, "Fail to write: " + path);
 }
 
 TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {

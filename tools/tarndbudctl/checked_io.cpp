@@ -23,6 +23,14 @@ bool MayBeBeingWritten(const std::string& path) {
 	return clock_gettime(CLOCK_REALTIME, &now) == 0 && stat(path.c_str(), &status) == 0 && IsNew(status.st_mtim, now);
 }
 
+bool Holds(const std::string& path, const Json::Value& value) {
+	try {
+		return dataupdate::IOUtils().ReadJson(path).toStyledString() == value.toStyledString();
+	} catch (const UpdateError&) {
+		return false;
+	}
+}
+
 } // namespace
 
 bool IsNew(const timespec& changed, const timespec& now) {
@@ -48,6 +56,13 @@ Json::Value CheckedIO::ReadJson(const std::string& path) const {
 			}
 		}
 		usleep(kPauseMicroseconds);
+	}
+}
+
+void CheckedIO::WriteJson(const std::string& path, const Json::Value& value) const {
+	IOUtils::WriteJson(path, value);
+	if (!Holds(path, value)) {
+		throw UpdateError("Fail to write: " + path);
 	}
 }
 

@@ -21,6 +21,8 @@ constexpr uintmax_t kLargestDocument = 2UL * 1024 * 1024;
 class CheckedIO : public dataupdate::IOUtils {
 public:
 	Json::Value ReadJson(const std::string& path) const override;
+	/** Also throws "Fail to write: <path>" when what is written cannot be read again, as on a full disk. */
+	void WriteJson(const std::string& path, const Json::Value& value) const override;
 };
 
 /** Whether a file's last change lies less than two seconds from now: longer than a writer takes from its first byte to
