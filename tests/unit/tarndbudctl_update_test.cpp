@@ -103,6 +103,19 @@ TEST_F(UpdateCommandTest, DoesNotTakeAMissingVolumeForSuccess) {
 	EXPECT_EQ(Run({"geo"}), kDone) << "what is up to date needs no volume";
 }
 
+TEST_F(UpdateCommandTest, DoesNotTakeAnUpdateThatStoppedForSuccess) {
+	doubles_.Install(4);
+	// The library alone, between two looks of the command, finds none.
+	EXPECT_CALL(*doubles_.config, GetCurVolume)
+	    .WillOnce(testing::Return("/volume1"))
+	    .WillOnce(testing::Return("/volume1"))
+	    .WillOnce(testing::Return(""))
+	    .WillRepeatedly(testing::Return("/volume1"));
+	EXPECT_CALL(*doubles_.updater, Update).Times(0);
+	EXPECT_EQ(Run({"geo"}), kFailed);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo was not updated, though version 5 is offered"));
+}
+
 TEST_F(UpdateCommandTest, WritesNothingBelowTheMountPointOfAVanishedVolume) {
 	doubles_.Install(4);
 	doubles_.is_available = false;

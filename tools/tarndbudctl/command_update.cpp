@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "databases.h"
+#include "failure.h"
 #include "noting_info_getter.h"
 #include "run_record.h"
 
@@ -8,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace tarn::ctl {
@@ -67,12 +69,13 @@ private:
 	void UpdateOnVolume(const std::string& id) const {
 		RequireNoLostVolume(services_);
 		Update::UpdateProject(id);
-		// The server need not be asked when there is a volume.
-		const bool has_volume = !services_.config->GetCurVolume().empty();
-		if (!info_->HasRecorded() && !has_volume &&
-		    services_.info->GetRemoteInfo(id).data_version > LookAt(services_, id).version) {
-			RequireVolume(services_);
+		if (info_->HasRecorded() || info_->Offered() <= LookAt(services_, id).version) {
+			return;
 		}
+		// The library only logs that it stopped.
+		RequireVolume(services_);
+		throw CommandError(kFailed, id + " was not updated, though version " + std::to_string(info_->Offered()) +
+		                                " is offered; the system log tells why");
 	}
 
 	const Services& services_;

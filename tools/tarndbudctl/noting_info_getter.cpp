@@ -9,6 +9,7 @@ NotingInfoGetter::NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other
 
 dataupdate::RemoteInfo NotingInfoGetter::GetRemoteInfo(const std::string& id) const {
 	dataupdate::RemoteInfo remote = other_->GetRemoteInfo(id);
+	offered_ = remote.data_version;
 	check_volume_(); // Last, because a download may have taken long as well.
 	return remote;
 }

@@ -22,7 +22,12 @@ public:
 
 	/** Whether a state was recorded since the construction or the last Forget(). */
 	bool HasRecorded() const { return recorded_; }
-	void Forget() const { recorded_ = false; }
+	/** The version that was offered since then, -1 when it was not asked for. */
+	int Offered() const { return offered_; }
+	void Forget() const {
+		recorded_ = false;
+		offered_ = -1;
+	}
 
 	dataupdate::RemoteInfo GetRemoteInfo(const std::string& id) const override;
 	std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& id) const override;
@@ -36,6 +41,7 @@ private:
 	std::shared_ptr<dataupdate::InfoGetter> other_;
 	std::function<void()> check_volume_;
 	mutable bool recorded_ = false;
+	mutable int offered_ = -1;
 };
 
 } // namespace tarn::ctl
