@@ -55,15 +55,19 @@ std::optional<Json::Value> Decode(const dataupdate::IOUtils& io, const std::stri
 	}
 }
 
+void RequireKind(const std::string& path, const std::string& section, const std::string& key, const Kind& kind,
+    const Json::Value& value) {
+	if (!value.isNull() && !kind.is(value)) {
+		Refuse(path, "'" + key + "' of '" + section + "' must be " + kind.name);
+	}
+}
+
 void RequireKinds(const std::string& path, const std::string& section, const Json::Value& values, const Kinds& kinds) {
 	if (!values.isObject()) {
 		Refuse(path, "'" + section + "' must be an object");
 	}
 	for (const auto& [key, kind] : kinds) {
-		const Json::Value& value = values[key];
-		if (!value.isNull() && !kind.is(value)) {
-			Refuse(path, "'" + key + "' of '" + section + "' must be " + kind.name);
-		}
+		RequireKind(path, section, key, kind, values[key]);
 	}
 }
 
