@@ -30,7 +30,7 @@ std::string DescriptorPath(int fd) {
 UniqueFd OpenNameless(const std::string& directory) {
 	UniqueFd fd(open(directory.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, kMode));
 	if (fd && access(DescriptorPath(fd.Get()).c_str(), F_OK) != 0) {
-		return UniqueFd();
+		return {};
 	}
 	return fd;
 }
