@@ -1,8 +1,12 @@
 # shellcheck shell=bash
 # For scripts that try this project on a bare Debian 12: makes such a root and runs programs in it. Sourced; whoever
 # does so defines die MESSAGE [STATUS].
+#
+# What debootstrap makes is kept in a cache, below $XDG_CACHE_HOME (~/.cache, or build/ where that cannot be written),
+# for a week: it holds Debian's smallest variant and nothing else. Every root is a copy.
 
 readonly codename=bookworm
+readonly cache_days=7
 
 archive() {
 	# shellcheck disable=SC2016 # apt expands these
@@ -10,30 +14,77 @@ archive() {
 		awk -v codename="$codename" '$1 == "Packages" && $2 == codename && $3 == "main" { print $4; exit }'
 }
 
-bootstrap() { # DIRECTORY URI MARK
-	local options=(--variant=minbase) log="$1.debootstrap.log"
-	[[ $2 != https:* ]] || options+=(--include=ca-certificates)
-	mkdir -p "$1"
-	echo unfinished >"$3"
-	debootstrap "${options[@]}" "$codename" "$1" "$2" >"$log" 2>&1 || die "debootstrap failed, see $log" 69
-	rm "$log"
-	echo made >"$3"
+# Mounts end with the command, and so does every process that it starts, also when this script is killed.
+in_namespaces() { # [UNSHARE-OPTION...] COMMAND...
+	setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child "$@"
 }
 
-# Debootstrap's smallest variant, from the archive that this machine's apt uses.
-make_bare_root() { # DIRECTORY
-	local uri mark="$1/.bare-root"
+cache_directory() {
+	local place
+	for place in "${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/tarndbud" "${BASH_SOURCE[0]%/*}/../build/cache"; do
+		if mkdir -p "$place" 2>/dev/null && [[ -w $place ]]; then
+			(cd "$place" && pwd)
+			return
+		fi
+	done
+	die 'no directory for the cache of the bare Debian can be written' 69
+}
+
+# Debootstrap's smallest variant, from an archive.
+bootstrap() { # DIRECTORY URI
+	local options=(--variant=minbase) log="$1.log"
+	[[ $2 != https:* ]] || options+=(--include=ca-certificates)
 	command -v debootstrap >/dev/null || die 'this needs the package debootstrap' 69
+	rm -rf --one-file-system "$1"
+	mkdir -p "$1"
+	in_namespaces debootstrap "${options[@]}" "$codename" "$1" "$2" >"$log" 2>&1 ||
+		die "debootstrap failed, see $log" 69
+	rm "$log"
+}
+
+# Prints the cached root's path, after making it where there is none, an old one, or one from another archive. The mark
+# is written last, so that nothing a killed run has left is taken for whole; two scripts take turns.
+cached_root() {
+	local uri cache bare mark
 	uri=$(archive)
 	[[ -n $uri ]] || die "no archive of $codename among the sources of this machine's apt" 69
-	# Only a finished one can be used again, and only what was made here is removed.
-	if [[ ! -e $mark ]]; then
-		mkdir -p "$1"
-		rmdir "$1" 2>/dev/null || die "$1 is not empty"
-	elif [[ $(<"$mark") != made ]]; then
+	cache=$(cache_directory) || exit
+	bare="$cache/$codename"
+	mark="$bare.made"
+	(
+		flock 9
+		if [[ $(cat "$mark" 2>/dev/null) != "$uri" || -z $(find "$mark" -mtime "-$cache_days") ]]; then
+			rm -f "$mark"
+			bootstrap "$bare" "$uri" >&2
+			printf '%s\n' "$uri" >"$mark"
+		fi
+	) 9>"$cache/lock" || exit
+	printf '%s\n' "$bare"
+}
+
+# A copy of the bare Debian, with this machine's way to the network. A directory that was not made here is left alone.
+make_bare_root() { # DIRECTORY
+	local mark="$1/.bare-root" cached
+	if [[ -e $mark && $(<"$mark") == made ]]; then
+		reach_network "$1"
+		return
+	fi
+	if [[ -e $mark ]]; then
 		rm -rf --one-file-system "$1"
 	fi
-	[[ -e $mark ]] || bootstrap "$1" "$uri" "$mark"
+	mkdir -p "$1"
+	rmdir "$1" 2>/dev/null || die "$1 is not empty"
+	cached=$(cached_root) || exit
+	mkdir -p "$1"
+	echo unfinished >"$mark"
+	cp -a --reflink=auto "$cached/." "$1"
+	# Nobody needs it after the power is cut.
+	echo force-unsafe-io >"$1/etc/dpkg/dpkg.cfg.d/unsafe-io"
+	reach_network "$1"
+	echo made >"$mark"
+}
+
+reach_network() { # DIRECTORY
 	apt-config dump | grep -i '^Acquire::http.*::proxy ' >"$1/etc/apt/apt.conf.d/proxy" || true
 	cp -L /etc/resolv.conf "$1/etc/resolv.conf"
 }

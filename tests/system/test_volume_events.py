@@ -6,6 +6,7 @@ import json
 import os
 import random
 import re
+import shutil
 import subprocess
 import time
 from collections.abc import Callable, Iterator
@@ -16,7 +17,7 @@ from harness import programs, trees, waiting
 from harness.device import DATABASE, RUN, STATUS, Device
 from harness.documents import Document
 from harness.publisher import Publisher
-from harness.volumes import MIB, Volumes
+from harness.volumes import MIB, Volumes, may_mount
 from harness.webserver import Nginx
 
 SIZES = {"ext4": 64 * MIB, "btrfs": 256 * MIB, "xfs": 320 * MIB}
@@ -107,20 +108,26 @@ def installed(connected: Device, databases: Databases) -> Databases:
 
 
 @pytest.fixture
-def mover() -> Iterator[Callable[[str], None]]:
-    """Puts a script in the place of mv; it finds the real one as $real, and $1 and $2 are the directories."""
-    if os.environ.get("TARN_SANDBOX") != "overlay":
+def mover(tmp_path: Path) -> Iterator[Callable[[str], None]]:
+    """Mounts a script over mv; it finds the real one as $real, and $1 and $2 are the directories.
+
+    In a user namespace root's own file can be neither renamed nor written to.
+    """
+    if not may_mount():
         pytest.skip("needs a root of its own, to put something in the place of mv")
     real = MOVER.with_name("mv.real")
-    MOVER.rename(real)
+    shutil.copy(MOVER, real)
+    double = tmp_path / "mv"
 
     def replace(script: str) -> None:
-        MOVER.write_text(f"#!/bin/sh\nreal={real}\n{script}\n")
-        MOVER.chmod(0o755)
+        double.write_text(f"#!/bin/sh\nreal={real}\n{script}\n")
+        double.chmod(0o755)
 
     replace('exec $real "$@"')
+    subprocess.run(["mount", "--bind", str(double), str(MOVER)], check=True)
     yield replace
-    real.rename(MOVER)
+    subprocess.run(["umount", str(MOVER)], check=True)
+    real.unlink()
 
 
 @pytest.mark.parametrize(("kind", "other_kind"), [("ext4", "xfs"), ("xfs", "btrfs"), ("btrfs", "ext4")])

@@ -8,6 +8,10 @@
 
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 namespace tarn::test {
 
@@ -87,7 +91,11 @@ TEST_F(TrustedKeys, BelongToRootOrToTheCaller) {
 	}
 	constexpr uid_t kSomebody = 12345;
 	Put("foreign.pub", key_.PublicPem());
-	ASSERT_EQ(chown((directory_ / "foreign.pub").c_str(), kSomebody, kSomebody), 0);
+	const int given = chown((directory_ / "foreign.pub").c_str(), kSomebody, kSomebody);
+	if (given != 0 && errno == EINVAL) {
+		GTEST_SKIP() << "no file can be given away in a user namespace that maps one user only";
+	}
+	ASSERT_EQ(given, 0) << std::strerror(errno);
 	EXPECT_THAT(Names(), ElementsAre("good.pub"));
 	EXPECT_EQ(log_.Count(LOG_WARNING, {"foreign.pub: skipped:", "belongs to another user"}), 1U);
 	ASSERT_EQ(chown(directory_.Path().c_str(), kSomebody, kSomebody), 0);

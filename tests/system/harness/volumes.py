@@ -24,6 +24,14 @@ def may_loop_mount() -> bool:
     return may_mount() and outside == "0" and int(count) > 1 and Path("/dev/loop-control").exists()
 
 
+def is_disk(path: Path) -> bool:
+    """Whether a path lies on a file system that counts as storage by itself: neither memory nor an overlay."""
+    kind = subprocess.run(
+        ["findmnt", "--noheadings", "--output=FSTYPE", "--target", str(path)], check=True, capture_output=True, text=True
+    ).stdout.strip()
+    return kind not in ("tmpfs", "ramfs", "overlay")
+
+
 def knows(kind: str) -> bool:
     if kind in Path("/proc/filesystems").read_text().split():
         return True
