@@ -53,6 +53,7 @@ run_system_files() {
 	export -f run_system_file run_pytest
 	export results
 	# Those that take longest begin.
+	# shellcheck disable=SC2016 # expanded by each shell
 	printf '%s\n' tests/system/test_{volume_events,fault_sweep,memory,diff_property,diff_interruption}.py \
 		tests/system/test_*.py | awk '!seen[$0]++' |
 		xargs -n 1 -P "$(nproc)" bash -c 'run_system_file "$1"' run || true
