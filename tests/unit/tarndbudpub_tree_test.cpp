@@ -124,6 +124,22 @@ TEST_F(PublishedTree, HoldsNoNameThatIsTooLong) {
 	EXPECT_EQ(InstalledFrom(Package(1)).at(longest), "deep");
 }
 
+TEST_F(PublishedTree, IsNoDeeperThanDevicesInstall) {
+	std::string name;
+	for (int i = 0; i < 127; ++i) {
+		name += "d/";
+	}
+	Put(name + "f", "deep");
+	Publish();
+	EXPECT_EQ(InstalledFrom(Package(1)).at(name + "f"), "deep");
+	fs::remove_all(options_.repository);
+	for (int i = 0; i < 1000; ++i) {
+		name += "d/";
+	}
+	Put(name + "f", "too deep"); // Deeper than there are descriptors for.
+	ExpectRefused("d", "cannot be published: its name has more than 128 components");
+}
+
 TEST_F(PublishedTree, HoldsAtLeastOneFile) {
 	fs::remove(InTree("good"));
 	fs::create_directory(InTree("empty"));

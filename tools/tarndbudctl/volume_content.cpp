@@ -6,6 +6,7 @@
 #include <dataupdate/replacement_mark.h>
 #include <dataupdate/update_error.h>
 #include <dataupdate/updater.h>
+#include <dataupdate/utils.h>
 
 #include <algorithm>
 
@@ -102,17 +103,22 @@ std::vector<std::string> TakeOver(
 
 std::optional<Content> ContentBelow(const std::string& directory) {
 	Content content;
-	std::error_code error;
-	fs::recursive_directory_iterator entries(directory, error);
-	for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
-		const fs::file_type type = entries->symlink_status(error).type();
-		const uintmax_t size = !error && type == fs::file_type::regular ? entries->file_size(error) : 0;
-		content[entries->path().lexically_relative(directory)] = {type, size};
-		if (error) {
-			return std::nullopt;
+	const auto add = [&](const std::string& entry) {
+		const fs::file_type type = fs::symlink_status(entry).type();
+		const uintmax_t size = type == fs::file_type::regular ? fs::file_size(entry) : 0;
+		content[fs::path(entry).lexically_relative(directory)] = {type, size};
+	};
+	try {
+		if (fs::exists(directory)) {
+			// Not by the standard's iterator, which holds a descriptor for each level.
+			dataupdate::IOUtils().IterateDirectory(directory, add, true);
 		}
+		return content;
+	} catch (const fs::filesystem_error&) {
+		return std::nullopt;
+	} catch (const dataupdate::UpdateError&) {
+		return std::nullopt;
 	}
-	return error && error != std::errc::no_such_file_or_directory ? std::nullopt : std::optional(content);
 }
 
 bool IsInstalled(const Services& services, const std::string& id) {

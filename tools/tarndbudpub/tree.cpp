@@ -3,6 +3,7 @@
 #include "publish_error.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
+#include "tarncodesign/member_path.h"
 
 #include <boost/locale/utf.hpp>
 
@@ -39,6 +40,13 @@ void CheckName(const std::string& name) {
 	}
 	if (name.size() > kMaxNameLength) {
 		Refuse(name, "its name is longer than " + std::to_string(kMaxNameLength) + " bytes");
+	}
+}
+
+/** Before a directory is opened, since the walk holds a descriptor for each level. */
+void CheckDepth(int above, const std::string& name) {
+	if (static_cast<std::size_t>(above) >= codesign::kMaxDepth) {
+		Refuse(name, "its name has more than " + std::to_string(codesign::kMaxDepth) + " components");
 	}
 }
 
@@ -90,8 +98,10 @@ Tree ListTree(const std::string& root) {
 	Tree tree;
 	try {
 		const fs::path base = fs::canonical(root);
-		for (const fs::directory_entry& entry : fs::recursive_directory_iterator(base)) {
+		for (auto at = fs::recursive_directory_iterator(base); at != fs::recursive_directory_iterator(); ++at) {
+			const fs::directory_entry& entry = *at;
 			const std::string name = entry.path().lexically_relative(base).string();
+			CheckDepth(at.depth(), name);
 			if (!entry.is_symlink() && entry.is_directory()) {
 				if (fs::is_empty(entry.path())) {
 					++tree.empty_directories;
