@@ -6,6 +6,8 @@
 #include <boost/filesystem.hpp>
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 
 namespace tarn::dataupdate {
 
@@ -48,10 +50,27 @@ std::string StringMember(const Json::Value& value, const char* key, const std::s
 	return member.asString();
 }
 
+/** Parsed, a value takes a hundred times the bytes of its shortest text: neither length nor number may be any. */
+void CheckSize(const std::string& path) {
+	std::ifstream file(path, std::ios::binary);
+	std::array<char, 1U << 16U> block{};
+	std::uint64_t size = 0;
+	std::uint64_t values = 0;
+	while (file.read(block.data(), block.size()), file.gcount() > 0) {
+		size += static_cast<std::uint64_t>(file.gcount());
+		values += static_cast<std::uint64_t>(std::count_if(block.begin(), block.begin() + file.gcount(),
+		    [](char byte) { return byte == ',' || byte == '{' || byte == '['; }));
+		if (size > kMaxDescriptionBytes || values > kMaxDescriptionValues) {
+			throw UpdateError("Too large a description of patches: " + path);
+		}
+	}
+}
+
 } // namespace
 
 std::vector<PatchMember> ReadPatchDescription(const std::string& package_directory) {
 	const std::string path = package_directory + "/patch_infos.json";
+	CheckSize(path);
 	const Json::Value description = IOUtils().ReadJson(path);
 	if (!description.isObject()) {
 		throw UpdateError("Not a description of patches: " + path);

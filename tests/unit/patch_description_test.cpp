@@ -80,6 +80,27 @@ TEST_F(PatchDescriptionTest, IsAnObjectOfObjects) {
 	EXPECT_EQ(Failure(R"({"f": ["delete"]})"), "Invalid description of f in diff package");
 }
 
+TEST_F(PatchDescriptionTest, HasALimitedLengthAndNumberOfValues) {
+	const std::string too_large = "Too large a description of patches: " + package_ + "/patch_infos.json";
+	constexpr std::size_t kFrame = sizeof("{\"\":{}}") - 1;
+	const auto named = [](std::size_t bytes) { return "{\"" + std::string(bytes - kFrame, 'x') + "\":{}}"; };
+	EXPECT_EQ(Read(named(kMaxDescriptionBytes)).size(), 1U);
+	EXPECT_EQ(Failure(named(kMaxDescriptionBytes + 1)), too_large);
+	std::string values = "{\"a\":{\"x\":[";
+	while (values.size() < 2 * kMaxDescriptionValues) {
+		values += "0,";
+	}
+	EXPECT_EQ(Failure(values + "0]}}"), too_large);
+	// As the publisher writes it for as many files as it should be enough for.
+	std::string usual = "{";
+	for (int i = 0; i < 200'000; ++i) {
+		const std::string number = std::to_string(1'000'000 + i);
+		usual +=
+		    (i == 0 ? "\"" : ",\"") + std::string(232, 'n') + number + R"(":{"input_file":"","operation":"delete"})";
+	}
+	EXPECT_EQ(Read(usual + "}").size(), 200'000U);
+}
+
 TEST_F(PatchDescriptionTest, HoldsOperationAndInputAsText) {
 	EXPECT_EQ(Failure(R"({"f": {"operation": 2}})"), "Invalid operation of f in diff package");
 	EXPECT_EQ(Failure(R"({"f": {"operation": ["delete"]}})"), "Invalid operation of f in diff package");
