@@ -1,5 +1,6 @@
 #include "diff_package.h"
 
+#include "dataupdate/patch_description.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
 #include "tarncodesign/payload_stream.h"
@@ -16,8 +17,6 @@ namespace tarn::publisher {
 namespace {
 
 using codesign::ArchiveError;
-
-constexpr std::size_t kMaxDescriptionSize = std::size_t{1} << 30U;
 
 std::optional<Json::Value> ParseJson(std::string_view text) {
 	Json::CharReaderBuilder builder;
@@ -49,8 +48,8 @@ Content ReadContent(const codesign::ArchiveFile& archive) {
 		if (member.name != kDescriptionName) {
 			continue;
 		}
-		if (member.size > kMaxDescriptionSize) {
-			throw ArchiveError("has a description that is too long");
+		if (member.size > dataupdate::kMaxDescriptionBytes) {
+			throw ArchiveError("has a description that is too large for devices");
 		}
 		for (std::string_view block = reader.NextContent(); !block.empty(); block = reader.NextContent()) {
 			content.description += block;
