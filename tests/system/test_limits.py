@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 import resource
 import sqlite3
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
@@ -83,7 +83,7 @@ def test_a_database_that_was_wedged_by_a_deep_package_heals(
         connected.update(DATABASE)
     assert connected.version(DATABASE) == 2
     trees.assert_holds(connected.installed(DATABASE), {"a": b"two"})
-    assert list(connected.temporary().iterdir()) == []
+    assert not connected.temporary().exists() or list(connected.temporary().iterdir()) == []
 
 
 GREEDY = {
@@ -113,14 +113,14 @@ def test_a_greedy_script_is_refused_within_its_memory(
     assert result.status == 0, str(result)
     assert peak < (256 + 64) * 1024
     assert nginx.packages() == ["v1", "d2", "v2"]
-    [refusal] = syslog.refusals()
+    refusal = syslog.refusals()[-1]
     assert refusal.startswith("Fail apply sql cmd: ") and reason in refusal, refusal
     trees.assert_holds(connected.installed(DATABASE), {"rows": ROWS, "new": b""})
 
 
-DESCRIPTIONS = {
-    "one long text": b'{"a": "' + b"x" * 500 * MIB + b'"}',
-    "many values": b'{"a": [' + b"0," * 20 * MIB + b"0]}",
+DESCRIPTIONS: dict[str, Callable[[], bytes]] = {
+    "one long text": lambda: b'{"a": "' + b"x" * 150 * MIB + b'"}',
+    "many values": lambda: b'{"a": [' + b"0," * 20 * MIB + b"0]}",
 }
 
 
@@ -131,7 +131,7 @@ def test_a_description_that_is_too_large_is_refused_before_it_is_parsed(
     hand.full(DATABASE, 1, {"a": b"one"})
     connected.update(DATABASE)
     hand.full(DATABASE, 2, {"a": b"two"})
-    members = {packages.DESCRIPTION: DESCRIPTIONS[case]}
+    members = {packages.DESCRIPTION: DESCRIPTIONS[case]()}
     hand.diff_of(DATABASE, 2, packages.archive(hand.key, members, packages._metadata(DATABASE, 2, "diff")))
     connected.forget_document()
     result, peak = programs.peak_memory(programs.CTL, "update", DATABASE)
@@ -139,7 +139,7 @@ def test_a_description_that_is_too_large_is_refused_before_it_is_parsed(
     assert result.status == 0, str(result)
     assert peak < 64 * 1024
     assert nginx.packages() == ["v1", "d2", "v2"]
-    [refusal] = syslog.refusals()
+    refusal = syslog.refusals()[-1]
     assert refusal.startswith("Too large a description of patches: ") and refusal.endswith("/patch_infos.json")
 
 
