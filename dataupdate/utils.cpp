@@ -54,7 +54,7 @@ void PrintJson(std::ostream& out, const Json::Value& value) {
 
 void CreateParents(const std::string& path) {
 	const fs::path parent = fs::path(path).parent_path();
-	if (!parent.empty() && fs::status(parent).type() == fs::file_not_found) {
+	if (fs::status(parent).type() == fs::file_not_found) {
 		fs::create_directories(parent);
 	}
 }
@@ -95,6 +95,12 @@ uintmax_t RegularFileBytes(const std::string& path) {
 		throw fs::filesystem_error("stat", path, boost::system::error_code(errno, boost::system::system_category()));
 	}
 	return 0;
+}
+
+/** Nothing can be there, which is as good as missing. */
+bool LiesBelowAFile(const std::string& path) {
+	struct stat status {};
+	return lstat(path.c_str(), &status) != 0 && errno == ENOTDIR;
 }
 
 void CopyByType(const std::string& src, const std::string& dst) {
@@ -182,9 +188,9 @@ bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
 }
 
 void IOUtils::RmRf(const std::string& path) const {
-	try {
-		std::filesystem::remove_all(path); // Boost's takes three more system calls for every file.
-	} catch (const std::filesystem::filesystem_error&) {
+	std::error_code error;
+	std::filesystem::remove_all(path, error); // Boost's takes three more system calls for every file.
+	if (error && !LiesBelowAFile(path)) {
 		throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
 	}
 }
@@ -206,7 +212,7 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 	const bool is_option = !url.empty() && url.front() == '-';
 	if (is_option || TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
 	                     agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) != 0) {
-		fs::remove(output_path);
+		RemoveFile(output_path);
 		throw UpdateError("Fail to wget url: " + url);
 	}
 	AddDownloadedBytes(RegularFileBytes(output_path));

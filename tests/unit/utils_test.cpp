@@ -111,6 +111,11 @@ TEST_F(WriteJsonTest, IndentsWithTabsAndCreatesParents) {
 	EXPECT_EQ(io_.ReadJson(directory_ / "x/y/f"), value);
 }
 
+TEST_F(WriteJsonTest, HasNoParentToMakeForABareName) {
+	EXPECT_EQ(MessageOf([&] { io_.WriteJson("bare", 1); }), "Fail to create parent folder: bare");
+	EXPECT_FALSE(fs::exists("bare"));
+}
+
 TEST_F(WriteJsonTest, WritesStraightIntoTheFile) {
 	WriteFile(directory_ / "f", std::string(1000, 'x'));
 	ASSERT_EQ(link((directory_ / "f").c_str(), (directory_ / "same").c_str()), 0);
@@ -222,6 +227,13 @@ TEST_F(RmRfTest, RemovesATreeAndForgivesAMissingOne) {
 	EXPECT_NO_THROW(io_.RmRf(directory_ / "t"));
 }
 
+TEST_F(RmRfTest, TakesWhatWouldBeBelowAFileForMissing) {
+	WriteFile(directory_ / "file", "x");
+	EXPECT_NO_THROW(io_.RmRf(directory_ / "file/child"));
+	EXPECT_NO_THROW(io_.RmRf(directory_ / "file/child/deep"));
+	EXPECT_EQ(ReadFile(directory_ / "file"), "x");
+}
+
 TEST_F(RmRfTest, NamesWhatCannotBeRemoved) {
 	EXPECT_EQ(MessageOf([&] { io_.RmRf(directory_ / kTooLong); }), "Fail to remove all: " + directory_ / kTooLong);
 }
@@ -253,6 +265,14 @@ TEST_F(DownloadTest, LeavesNoFileBehindWhenItFails) {
 		EXPECT_FALSE(fs::exists(directory_ / "out"));
 	}
 	EXPECT_EQ(MessageOf([&] { io_.Download(directory_ / "never", "u"); }), "Fail to wget url: u");
+}
+
+TEST_F(DownloadTest, RemovesNoDirectoryWhenItFails) {
+	fs::create_directory(directory_ / "out");
+	platform_.execl = [](const std::string&, unsigned int, const test::FakePlatform::Arguments&) { return 1; };
+	EXPECT_ANY_THROW(io_.Download(directory_ / "out", "http://h/x"));
+	EXPECT_TRUE(fs::is_directory(directory_ / "out"));
+	EXPECT_EQ(MessageOf([&] { io_.Download("/dev/null/out", "u"); }), "Fail to wget url: u"); // Below a file.
 }
 
 TEST_F(DownloadTest, NeverHandsWgetALinkThatItWouldTakeForAnOption) {
