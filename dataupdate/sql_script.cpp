@@ -91,20 +91,33 @@ void CheckStandsAlone(const std::string& database) {
 	}
 }
 
+/** Then no byte of the database is looked at, so that any file will do. */
+bool IsEmpty(const std::string& script) {
+	boost::system::error_code error;
+	return boost::filesystem::file_size(script, error) == 0 && !error;
+}
+
 } // namespace
 
 void ExecuteSqlScript(const std::string& database, const std::string& script) {
 	try {
-		CheckStandsAlone(database);
+		const bool is_empty = IsEmpty(script);
+		if (!is_empty) {
+			CheckStandsAlone(database);
+		}
 		{
 			SQLite::Database file(database, SQLite::OPEN_READWRITE, 0);
-			file.exec("PRAGMA synchronous = OFF");
+			if (!is_empty) {
+				file.exec("PRAGMA synchronous = OFF");
+			}
 			SQLite::Transaction transaction(file);
 			ExecuteLines(file, script);
 			transaction.commit();
 		}
 		// In WAL mode the content reaches the file only when it is closed, and a failure then is told to nobody.
-		CheckStandsAlone(database);
+		if (!is_empty) {
+			CheckStandsAlone(database);
+		}
 	} catch (const std::exception& error) {
 		throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % error.what()).str());
 	}

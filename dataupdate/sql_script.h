@@ -15,6 +15,8 @@ namespace tarn::dataupdate {
  * ROLLBACK, ATTACH, DETACH, load_extension(), fts3_tokenizer(), and all pragmas but user_version, application_id,
  * foreign_keys and defer_foreign_keys.
  *
+ * An empty script opens the file and leaves it as it is, whatever it holds; a directory cannot be opened.
+ *
  * The database is a working copy: nothing is synced, nobody else may have it open, and its "-wal", "-shm" and
  * "-journal" names must be free. Throws UpdateError "Fail apply sql cmd: <why>".
  */

@@ -106,6 +106,25 @@ TEST_F(SqlScriptTest, LeavesTheFileForAnEmptyScript) {
 	EXPECT_THAT(Names(), ElementsAre("db", "script"));
 }
 
+TEST_F(SqlScriptTest, LeavesAnyFileForAnEmptyScript) {
+	for (const std::string& content : {std::string(5000, 'x'), std::string("x"), std::string()}) {
+		WriteFile(file_, content);
+		Run("");
+		EXPECT_EQ(ReadFile(file_), content);
+	}
+	WriteFile(file_ + "-journal", "no journal"); // Would be played back, or taken away, if SQLite looked at it.
+	Run("");
+	EXPECT_THAT(Names(), ElementsAre("db", "db-journal", "script"));
+}
+
+TEST_F(SqlScriptTest, NeedsAFileEvenForAnEmptyScript) {
+	fs::remove(file_);
+	EXPECT_EQ(Failure(""), "Fail apply sql cmd: unable to open database file");
+	fs::create_directory(file_);
+	EXPECT_EQ(Failure(""), "Fail apply sql cmd: unable to open database file");
+	EXPECT_EQ(Failure("DELETE FROM t;"), "Fail apply sql cmd: unable to open database file");
+}
+
 TEST_F(SqlScriptTest, ChangesNothingWhenItsThirdLineFails) {
 	EXPECT_TRUE(IsRefused("DELETE FROM t;\nINSERT INTO t VALUES(7, 'seven');\nINSERT INTO missing VALUES(1);\n",
 	    "no such table: missing"));
