@@ -1,7 +1,6 @@
 #include "file_lock.h"
 #include "log.h"
 #include "paths.h"
-#include "replacement_mark.h"
 #include "update.h"
 #include "update_error.h"
 
@@ -96,7 +95,6 @@ DatabaseStatus InfoGetter::GetDatabaseStatus(const std::string& id) const {
 
 void InfoGetter::SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const {
 	io_->WriteJson(StatusPath(id), DatabaseStatus::ToJson(status));
-	ClearReplacementMark(id);
 }
 
 Json::Value InfoGetter::GetDatabaseInfo() const {

@@ -19,8 +19,10 @@ struct PatchMember {
 
 /**
  * Reads the description of the package unpacked into a directory, in order of the names. The whole of it is checked
- * before anything of it is used: throws UpdateError when it is missing or no object of objects, when a name could lead
- * out of the install directory, or when an input file is there but not a regular file of the package.
+ * before anything of it is used: throws UpdateError when it is missing, "Illegal file name in diff package: <name>"
+ * when a name could lead out of the install directory or names no file, "Illegal input file in diff package: <name>"
+ * when an input file could lie outside of the package. JsonCpp's exceptions about values of other types than the
+ * expected ones pass through.
  */
 std::vector<PatchMember> ReadPatchDescription(const std::string& package_directory);
 

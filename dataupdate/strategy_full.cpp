@@ -2,7 +2,7 @@
 #include "file_lock.h"
 #include "paths.h"
 #include "progress.h"
-#include "replacement_mark.h"
+#include "replacement_scope.h"
 #include "strategy.h"
 #include "temp_data.h"
 #include "update_error.h"
@@ -61,10 +61,9 @@ void FullStrategy::PrepareUpdate() {
 	const IOUtils io;
 	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));
 	io.TarnMkdir(TempDirPath(temp_base_));
-	RemoveLeftovers(temp_base_, id_);
 	io.Download(package_path_, remote_.download_link);
 	unpack_directory_ = TempPath(temp_base_, id_, "full");
-	io.TarnMkdir(unpack_directory_);
+	MakeEmptyDirectory(unpack_directory_);
 	_ExtractTarballTo(package_path_, unpack_directory_);
 	_CalModifyInfo();
 	io.TarnMkdir(install_directory_);
@@ -77,10 +76,9 @@ void FullStrategy::ApplyUpdate() {
 	try {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
-		SetReplacementMark(id_);
+		AnnounceReplacement(id_);
 		_ClearInstallDirectory();
 		_CopyFiles();
-		ClearOverlayMark(id_);
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string("Fail to full update: ") + error.what());
 	}
@@ -101,13 +99,16 @@ int64_t FullStrategy::GetDeltaSize() const {
 
 void FullStrategy::_CalModifyInfo() {
 	try {
-		const std::string base = fs::canonical(unpack_directory_).string();
+		std::string base; // Found out for the first file: a missing directory is the walk's to tell.
 		Canonicalizer canonical;
 		const auto add = [&](const std::string& entry) {
 			const fs::file_status own_status = fs::symlink_status(entry);
 			const bool is_link = fs::is_symlink(own_status);
 			if (!fs::is_regular_file(is_link ? fs::status(entry) : own_status)) {
 				return;
+			}
+			if (base.empty()) {
+				base = fs::canonical(unpack_directory_).string();
 			}
 			const std::string resolved = canonical(entry, is_link);
 			if (resolved.compare(0, base.size(), base) != 0) {

@@ -44,6 +44,8 @@ DatabaseStatus Install(const std::string& id, BaseStrategy& strategy, const Remo
 	hook.ExecPre();
 	announce();
 	strategy.ApplyUpdate();
+	// What has changed is described to the end: the caller could not tell an end here from one before the change.
+	const InterruptionShield shield;
 	hook.ExecPost();
 	return NewStatus(remote, files, install_prefix);
 }
@@ -97,7 +99,7 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
 	DatabaseStatus result = Install(id, *strategy, remote, installPrefix, announce);
 	// Temporary data goes first, so that what was never written to the disk never has to be.
 	strategy.reset();
-	SyncFileSystem(installPrefix);
+	SyncInstalled(installPrefix);
 	return result;
 }
 
@@ -125,7 +127,7 @@ DatabaseStatus Fixer::Fix() const {
 		strategy.PrepareUpdate();
 		result = Install(id_, strategy, remote_, install_prefix_, [] {});
 	}
-	SyncFileSystem(install_prefix_);
+	SyncInstalled(install_prefix_);
 	return result;
 }
 

@@ -42,10 +42,12 @@ public:
 	 * @param rootDirectory  path whose file system must keep 5 % free
 	 * @return the new installed state, to be recorded by the caller, who also holds the database's update lock
 	 *
-	 * Throws UpdateError, and Boost's filesystem error when a new file's status cannot be had. The installed files are
-	 * untouched when preparing failed. After "Fail to diff update: " or "Fail to full update: " they may be a mixture,
-	 * and after a later failure they are the new ones that nothing records yet: repeating the update makes both good,
-	 * then by the full package. The hook after the change runs only when the change succeeded.
+	 * Throws UpdateError, Boost's filesystem error when a new file's status cannot be had, and JsonCpp's exceptions
+	 * about a diff package's description, after which no full package is tried. The installed files are untouched when
+	 * preparing failed. After "Fail to diff update: " or "Fail to full update: " they may be a mixture, and after a
+	 * later failure they are the new ones that nothing records yet. An update from version -1 without diff packages
+	 * makes both good, and so does class Update, which remembers. The hook after the change runs only when the change
+	 * succeeded.
 	 */
 	virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,

@@ -143,7 +143,9 @@ bool HasSections(const dataupdate::IOUtils& io, const std::string& path) {
 	}
 }
 
-/** JsonCpp's own exceptions come from configuration files alone; all other documents are checked where they are read.
+/**
+ * JsonCpp's own exceptions come from configuration files and from the descriptions of diff packages; the server's
+ * document is checked where it is read.
  */
 Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
 	for (const char* path : {dataupdate::kServiceOverride, dataupdate::kServiceDefaults, dataupdate::kDatabaseOverride,
@@ -154,7 +156,8 @@ Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
 			                     "or restore it."};
 		}
 	}
-	return {kFailed, WithEnd(std::string("A JSON document is malformed: ") + what)};
+	return {kFailed,
+	    WithEnd(std::string("A JSON document is malformed, perhaps the description of a diff package: ") + what)};
 }
 
 bool TellsEarlyEnd(const std::string& message) {

@@ -18,7 +18,6 @@ using dataupdate::FileStatus;
 
 namespace {
 
-constexpr char kRecords[] = "/var/lib/data_update/";
 constexpr char kMainDir[] = "/@database/autoupdate/";
 
 /** One whose configuration cannot be read has no files that could be found. */
@@ -74,8 +73,7 @@ void LetRecordFollow(const Services& services, const std::string& volume, const 
 	}
 	if (moved != status.file_statuses) {
 		status.file_statuses = std::move(moved);
-		// Not by the library's way, which takes the mark of an unfinished replacement away.
-		services.io->WriteJson(kRecords + id + "/version.json", DatabaseStatus::ToJson(status));
+		services.info->SetDatabaseStatus(id, status);
 	}
 }
 
