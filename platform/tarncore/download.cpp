@@ -20,13 +20,13 @@ namespace {
 constexpr std::chrono::milliseconds kPeriod(100);
 
 /** The protections of the shipped settings file, which hold as well while that file is missing or not trusted. */
-constexpr char kFixedSettings[] = "netrc = off\nhsts = off\nmax_redirect = 5\nread_timeout = 60\n";
+constexpr char kSettings[] = "netrc = off\nhsts = off\nmax_redirect = 5\nread_timeout = 60\n";
 
 /** A file in memory that holds the fixed settings; empty with errno set when it cannot be made. */
 UniqueFd MakeFixedSettings() {
-	constexpr ssize_t kLength = sizeof kFixedSettings - 1;
+	constexpr ssize_t kLength = sizeof kSettings - 1;
 	UniqueFd file(memfd_create("wgetrc", MFD_CLOEXEC));
-	if (file && write(file.Get(), kFixedSettings, kLength) != kLength) {
+	if (file && write(file.Get(), kSettings, kLength) != kLength) {
 		file.Reset();
 	}
 	return file;

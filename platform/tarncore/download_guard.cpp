@@ -16,7 +16,7 @@ std::string Seconds(std::chrono::seconds time) {
 }
 
 DownloadEnd NoSpace() {
-	return {TLIBC_DOWNLOAD_NO_SPACE, "it would not leave 5 % of its file system free"};
+	return {TLIBC_DOWNLOAD_NO_SPACE, "it would leave less than a twentieth of its file system free"};
 }
 
 } // namespace

@@ -3,6 +3,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_arguments_test.cpp
 	tarndbudctl_check_test.cpp
 	tarndbudctl_document_test.cpp
+	tarndbudctl_download_test.cpp
 	tarndbudctl_failure_test.cpp
 	tarndbudctl_metrics_test.cpp
 	tarndbudctl_progress_test.cpp

@@ -1,5 +1,7 @@
 #include "commands.h"
 #include "databases.h"
+#include "document_problem.h"
+#include "download_limits.h"
 #include "failure.h"
 #include "metrics.h"
 #include "reader_lock.h"
@@ -24,8 +26,7 @@ namespace tarn::ctl {
 
 namespace {
 
-// Long enough for a document to arrive, and for files to be put in place, short enough for a collector.
-constexpr unsigned long kDocumentSeconds = 5;
+// Long enough for files to be put in place, short enough for a collector.
 constexpr unsigned long kFilesSeconds = 1;
 
 /** The server's document as it was fetched last. */
@@ -37,7 +38,7 @@ struct Document {
 /** Asks nobody: measuring must not depend on a server. No value while there is none, or none that can be read. */
 std::optional<Document> ReadDocument(const Services& services) {
 	try {
-		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kDocumentSeconds);
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
 		struct stat status {};
 		if (stat(dataupdate::kCachedInfo, &status) != 0) {
 			return std::nullopt;
@@ -56,6 +57,9 @@ std::optional<int> OfferedVersion(const std::optional<Document>& document, const
 		Json::Value entry = document->content["db_list"][id];
 		// Only the version matters here, and whether the entry counts as one.
 		entry["deprecated"] = false;
+		if (!HasPlainVersion(entry)) {
+			return std::nullopt;
+		}
 		return dataupdate::RemoteInfo::FromJson(entry).data_version;
 	} catch (const std::exception&) {
 		return std::nullopt;

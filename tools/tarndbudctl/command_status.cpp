@@ -77,6 +77,9 @@ ExitCode RunStatus(const Services& services, const Options& options) {
 	for (const std::string& id : options.ids) {
 		services.config->CheckSupported(id);
 	}
+	if (services.hurry) {
+		services.hurry();
+	}
 	std::vector<StatusRow> rows;
 	const ExitCode code = ForEachDatabase(
 	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,

@@ -1,5 +1,6 @@
 #include "failure.h"
 
+#include "download_limits.h"
 #include "text.h"
 
 #include <dataupdate/paths.h>
@@ -57,6 +58,9 @@ std::string LinkHint(const Circumstances& failure) {
 	};
 	if (StartsWith(failure.message, "Fail to wget url: -")) {
 		return "no link may begin with \"-\": correct the server's document";
+	}
+	if ((failure.platform_error & TLIBC_ERR_DOWNLOAD) != 0) {
+		return DescribeDownloadEnd(failure.platform_error);
 	}
 	const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
 	    [&](const Hint& candidate) { return candidate.error == failure.platform_error; });

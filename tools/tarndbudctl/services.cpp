@@ -2,6 +2,7 @@
 
 #include "checked_info_getter.h"
 #include "checked_io.h"
+#include "download_limits.h"
 
 #include <tarnsdk/volume.h>
 
@@ -18,9 +19,11 @@ bool IsVolumeAvailable(const std::string& volume) {
 Services MakeServices(Terminal& terminal) {
 	const auto io = std::make_shared<CheckedIO>();
 	const auto config = std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
-	const auto info = std::make_shared<CheckedInfoGetter>(io, config);
+	const auto limits = std::make_shared<DownloadLimits>();
+	LimitDownloads(limits);
+	const auto info = std::make_shared<CheckedInfoGetter>(io, config, limits);
 	return {io, config, info, std::make_shared<dataupdate::Updater>(), std::make_shared<dataupdate::Checker>(config),
-	    terminal, IsVolumeAvailable};
+	    terminal, IsVolumeAvailable, [info] { info->Hurry(); }};
 }
 
 } // namespace tarn::ctl

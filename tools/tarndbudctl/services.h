@@ -25,6 +25,8 @@ struct Services {
 	Terminal& terminal;
 	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
 	std::function<bool(const std::string& volume)> is_available;
+	/** Has the server's document come at once or not at all from now on; nothing to call in a double. */
+	std::function<void()> hurry = nullptr;
 };
 
 /** The real ones. */
