@@ -1,5 +1,6 @@
 #include "patch_description.h"
 
+#include "canonical_path.h"
 #include "update_error.h"
 #include "utils.h"
 
@@ -34,7 +35,7 @@ void CheckInput(const fs::path& package, const std::string& input) {
 	const fs::file_status status = fs::symlink_status(path, ignored);
 	// A link on the way could lead anywhere, whatever the name looks like. What is missing fails when it is used.
 	const bool is_fit =
-	    status.type() == fs::file_not_found || (fs::is_regular_file(status) && fs::canonical(path, ignored) == path);
+	    status.type() == fs::file_not_found || (fs::is_regular_file(status) && CanonicalPath(path, ignored) == path);
 	if (!IsPlainRelative(input) || !is_fit) {
 		throw UpdateError("Illegal input file in diff package: " + input);
 	}
@@ -57,7 +58,7 @@ std::vector<PatchMember> ReadPatchDescription(const std::string& package_directo
 		throw UpdateError("Not a description of patches: " + path);
 	}
 	boost::system::error_code ignored;
-	const fs::path package = fs::canonical(package_directory, ignored);
+	const fs::path package = CanonicalPath(package_directory, ignored);
 	std::vector<PatchMember> members;
 	for (const std::string& name : description.getMemberNames()) {
 		if (!IsPlainRelative(name)) {

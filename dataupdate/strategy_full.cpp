@@ -1,3 +1,4 @@
+#include "canonical_path.h"
 #include "file_copy.h"
 #include "file_lock.h"
 #include "paths.h"
@@ -24,11 +25,11 @@ class Canonicalizer {
 public:
 	std::string operator()(const fs::path& entry, bool is_link) {
 		if (is_link) {
-			return fs::canonical(entry).string();
+			return CanonicalPath(entry).string();
 		}
 		if (entry.parent_path() != directory_) {
 			directory_ = entry.parent_path();
-			canonical_directory_ = fs::canonical(directory_);
+			canonical_directory_ = CanonicalPath(directory_);
 		}
 		return (canonical_directory_ / entry.filename()).string();
 	}
@@ -101,7 +102,7 @@ int64_t FullStrategy::GetDeltaSize() const {
 
 void FullStrategy::_CalModifyInfo() {
 	try {
-		const std::string base = fs::canonical(unpack_directory_).string();
+		const std::string base = CanonicalPath(unpack_directory_).string();
 		Canonicalizer canonical;
 		const auto add = [&](const std::string& entry) {
 			const fs::file_status own_status = fs::symlink_status(entry);

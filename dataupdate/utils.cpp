@@ -209,7 +209,11 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 		fs::remove(output_path);
 		throw UpdateError("Fail to wget url: " + url);
 	}
-	AddDownloadedBytes(RegularFileBytes(output_path));
+	struct stat status {};
+	// Only counted: a file that cannot be examined is no failed download.
+	if (stat(output_path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+		AddDownloadedBytes(static_cast<uint64_t>(status.st_size));
+	}
 }
 
 void IOUtils::TarnMkdir(const std::string& path) const {

@@ -76,6 +76,35 @@ TEST_F(FullStrategyTest, ListsTheAbsoluteTargetsOfAllFiles) {
 	EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre(Installed("b"), Installed("sub/deep/a")));
 }
 
+/** A working directory that is removed while the test is in it. */
+class LostWorkingDirectory {
+public:
+	explicit LostWorkingDirectory(const fs::path& path) {
+		fs::create_directory(path);
+		fs::current_path(path);
+		fs::remove(path);
+	}
+	~LostWorkingDirectory() {
+		std::error_code ignored;
+		fs::current_path(before_, ignored);
+	}
+	LostWorkingDirectory(const LostWorkingDirectory&) = delete;
+	LostWorkingDirectory& operator=(const LostWorkingDirectory&) = delete;
+
+private:
+	fs::path before_ = fs::current_path();
+};
+
+TEST_F(FullStrategyTest, NeedsNoWorkingDirectory) {
+	platform_.package_files = {{"b", ""}, {"sub/deep/a", ""}};
+	const LostWorkingDirectory lost(directory_ / "lost");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre(Installed("b"), Installed("sub/deep/a")));
+	EXPECT_TRUE(fs::exists(Installed("sub/deep/a")));
+}
+
 TEST_F(FullStrategyTest, TouchesNoInstalledFileWhilePreparing) {
 	WriteFile(Installed("old"), "old");
 	platform_.package_files = {{"new", ""}};

@@ -255,6 +255,11 @@ TEST_F(DownloadTest, LeavesNoFileBehindWhenItFails) {
 	EXPECT_EQ(MessageOf([&] { io_.Download(directory_ / "never", "u"); }), "Fail to wget url: u");
 }
 
+TEST_F(DownloadTest, SucceedsAsWgetDoesWhenTheFileCannotBeExamined) {
+	platform_.execl = [](const std::string&, unsigned int, const test::FakePlatform::Arguments&) { return 0; };
+	EXPECT_NO_THROW(io_.Download(directory_ / kTooLong, "u"));
+}
+
 TEST_F(DownloadTest, NeverHandsWgetALinkThatItWouldTakeForAnOption) {
 	WriteFile(directory_ / "out", "old");
 	EXPECT_EQ(MessageOf([&] { io_.Download(directory_ / "out", "--post-file=/etc/shadow"); }),
