@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -130,6 +131,7 @@ void FixedPathsTest::SetUp() {
 	if (!problem.empty()) {
 		GTEST_SKIP() << problem;
 	}
+	umask(022); // Whatever the developer's, directories that others could write are refused.
 	ClearFixedPaths();
 }
 

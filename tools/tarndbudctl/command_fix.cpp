@@ -23,7 +23,7 @@ public:
 	void FixProject(const std::string& id) const override {
 		services_.config->CheckSupported(id);
 		// The library would put temporary data beside the root directory.
-		RequireVolume(services_);
+		RequireVolumeFor(services_, id);
 		const int before = info_->GetDatabaseStatus(id).data_version;
 		info_->Forget();
 		RunRecorded(services_, id, "fix", [&] { Update::FixProject(id); });
@@ -59,8 +59,9 @@ void DeclareFix(CLI::App& app, Options& options) {
 ExitCode RunFix(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
-	const ReportingFix fix(
-	    services, report, std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); }));
+	const ReportingFix fix(services, report,
+	    std::make_shared<NotingInfoGetter>(
+	        services.info, [&services](const std::string& id) { RequireVolumeFor(services, id); }));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { fix.FixAllProjects(); });

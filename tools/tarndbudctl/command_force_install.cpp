@@ -31,7 +31,8 @@ int Target(const Services& services, const Options& options) {
 /** The link was made by replacing one number by another, which can hit more than what was meant. */
 void Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
-	const auto info = std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); });
+	const auto info = std::make_shared<NotingInfoGetter>(
+	    services.info, [&services](const std::string& id) { RequireVolumeFor(services, id); });
 	const dataupdate::Update update(services.updater, info, services.config);
 	try {
 		update.ForceInstall(options.id, options.version);
@@ -57,7 +58,7 @@ void DeclareForceInstall(CLI::App& app, Options& options) {
 
 ExitCode RunForceInstall(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
-	RequireVolume(services);
+	RequireVolumeFor(services, options.id);
 	RequireIdle(services, options);
 	const int target = Target(services, options);
 	Report report(services.terminal, options.json);

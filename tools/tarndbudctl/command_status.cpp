@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "databases.h"
+#include "safe_places.h"
 #include "status_report.h"
 #include "text.h"
 
@@ -44,6 +45,7 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	row.install_dir = InstallDirectory(*config);
 	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
 		row.volume = volume;
+		row.volume_problem = VolumeProblem(volume);
 	}
 	row.unfinished = dataupdate::IsReplacementMarked(id);
 	row.updating = services.checker->IsUpdating(id);
@@ -57,6 +59,11 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 			services.terminal.Complain(row.id + ": The last replacement of its files was not finished; \"tarndbudctl "
 			                                    "update\" or \"tarndbudctl fix\" installs it anew.");
 		}
+	}
+	if (!rows.front().volume_problem.empty()) {
+		services.terminal.Complain(
+		    "Nothing is updated, because the volume is not safe: " + rows.front().volume_problem +
+		    "; it must be a directory of root that nobody else can write.");
 	}
 	std::set<std::string> told;
 	for (const StatusRow& row : rows) {

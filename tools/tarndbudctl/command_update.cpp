@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "noting_info_getter.h"
 #include "run_record.h"
+#include "safe_places.h"
 
 #include <dataupdate/replacement_mark.h>
 
@@ -68,6 +69,7 @@ public:
 private:
 	void UpdateOnVolume(const std::string& id) const {
 		RequireNoLostVolume(services_);
+		RequireSafePlaces(services_, id);
 		Update::UpdateProject(id);
 		if (info_->HasRecorded() || info_->Offered() <= LookAt(services_, id).version) {
 			return;
@@ -94,8 +96,11 @@ void DeclareUpdate(CLI::App& app, Options& options) {
 ExitCode RunUpdate(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
-	const ReportingUpdate update(services, report,
-	    std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireNoLostVolume(services); }));
+	const ReportingUpdate update(
+	    services, report, std::make_shared<NotingInfoGetter>(services.info, [&services](const std::string& id) {
+		    RequireNoLostVolume(services);
+		    RequireSafePlaces(services, id);
+	    }));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { update.UpdateAllProjects(); });

@@ -4,13 +4,14 @@
 
 namespace tarn::ctl {
 
-NotingInfoGetter::NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other, std::function<void()> check_volume)
+NotingInfoGetter::NotingInfoGetter(
+    std::shared_ptr<dataupdate::InfoGetter> other, std::function<void(const std::string& id)> check_volume)
     : InfoGetter(nullptr, nullptr), other_(std::move(other)), check_volume_(std::move(check_volume)) {}
 
 dataupdate::RemoteInfo NotingInfoGetter::GetRemoteInfo(const std::string& id) const {
 	dataupdate::RemoteInfo remote = other_->GetRemoteInfo(id);
 	offered_ = remote.data_version;
-	check_volume_(); // Last, because a download may have taken long as well.
+	check_volume_(id); // Last, because a download may have taken long as well.
 	return remote;
 }
 

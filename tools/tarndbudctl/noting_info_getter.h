@@ -15,10 +15,11 @@ namespace tarn::ctl {
 class NotingInfoGetter : public dataupdate::InfoGetter {
 public:
 	/**
-	 * @param check_volume  called whenever the server's description is asked for, which every operation does after it
-	 *                      has got its locks and before it writes; what it throws ends the operation
+	 * @param check_volume  called with the database whenever the server's description is asked for, which every
+	 * operation does after it has got its locks and before it writes; what it throws ends the operation
 	 */
-	NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other, std::function<void()> check_volume);
+	NotingInfoGetter(
+	    std::shared_ptr<dataupdate::InfoGetter> other, std::function<void(const std::string& id)> check_volume);
 
 	/** Whether a state was recorded since the construction or the last Forget(). */
 	bool HasRecorded() const { return recorded_; }
@@ -39,7 +40,7 @@ public:
 
 private:
 	std::shared_ptr<dataupdate::InfoGetter> other_;
-	std::function<void()> check_volume_;
+	std::function<void(const std::string& id)> check_volume_;
 	mutable bool recorded_ = false;
 	mutable int offered_ = -1;
 };

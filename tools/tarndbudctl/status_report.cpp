@@ -77,6 +77,9 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows) {
 		object["unfinished"] = row.unfinished;
 		object["install_dir"] = ToJson(row.install_dir);
 		object["volume"] = ToJson(row.volume);
+		if (!row.volume_problem.empty()) {
+			object["volume_problem"] = row.volume_problem;
+		}
 		array.append(object);
 	}
 	return array;

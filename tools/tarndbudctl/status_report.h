@@ -21,6 +21,7 @@ struct StatusRow {
 	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed anew.
 	std::optional<std::string> install_dir;
 	std::optional<std::string> volume;
+	std::string volume_problem; ///< Why the volume is not safe to write to; nothing is updated meanwhile.
 };
 
 /**
