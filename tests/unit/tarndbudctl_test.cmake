@@ -9,6 +9,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_program_test.cpp
 	tarndbudctl_read_test.cpp
 	tarndbudctl_repair_test.cpp
+	tarndbudctl_safety_test.cpp
 	tarndbudctl_schedule_test.cpp
 	tarndbudctl_settings_test.cpp
 	tarndbudctl_status_test.cpp

@@ -2,6 +2,7 @@
 
 #include "arguments.h"
 #include "failure.h"
+#include "lock_files.h"
 #include "progress_line.h"
 #include "settings.h"
 
@@ -78,6 +79,9 @@ ExitCode RunCommand(const Command& command, const Options& options, const Servic
 		RequireRoot();
 	}
 	RequireUsableSettings(*services.io);
+	if (command.needs_root) {
+		PrepareLockFiles(services);
+	}
 	std::optional<ProgressLine> progress;
 	if (command.shows_progress && services.terminal.Draws() && !options.verbose && !options.json) {
 		progress.emplace(services.terminal);
