@@ -109,6 +109,8 @@ TEST_F(UpdateCommandTest, DoesNotTakeAnUpdateThatStoppedForSuccess) {
 	EXPECT_CALL(*doubles_.config, GetCurVolume)
 	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return("/volume1"))
+	    .WillOnce(testing::Return("/volume1"))
+	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return(""))
 	    .WillRepeatedly(testing::Return("/volume1"));
 	EXPECT_CALL(*doubles_.updater, Update).Times(0);
