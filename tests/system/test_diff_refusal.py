@@ -131,7 +131,7 @@ def test_a_diff_without_a_readable_description_is_refused(hand: HandPublisher, r
     description, reason = DESCRIPTIONS[case]
     diff = usual()
     members = diff.members if description is None else {packages.DESCRIPTION: description, **diff.members}
-    hand.diff_of(DATABASE, 2, packages.archive(hand.key, members, {"kind": "diff"}))
+    hand.diff_of(DATABASE, 2, packages.archive(hand.key, members, packages.metadata(DATABASE, 2, "diff")))
     refusal.expect(reason)
 
 
@@ -151,7 +151,7 @@ ARCHIVES: dict[str, Callable[[bytes], bytes]] = {
 
 @pytest.mark.parametrize("case", ARCHIVES)
 def test_a_package_that_is_not_the_signed_one_is_refused(hand: HandPublisher, refusal: Refusal, case: str) -> None:
-    sound = usual().archive(hand.key, {"kind": "diff"})
+    sound = usual().archive(hand.key, packages.metadata(DATABASE, 2, "diff"))
     hand.diff_of(DATABASE, 2, ARCHIVES[case](sound))
     refusal.expect("^tarnarchive_open .*timezones_d2 failed, ret: ")
 

@@ -126,6 +126,10 @@ std::string EnterPrivateRoot() {
 	return "";
 }
 
+std::string PrivateRootProblem() {
+	return problem;
+}
+
 void FixedPathsTest::SetUp() {
 	if (!problem.empty()) {
 		GTEST_SKIP() << problem;

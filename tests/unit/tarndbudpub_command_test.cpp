@@ -171,10 +171,13 @@ TEST_F(Command, VerifyFindsADamagedByte) {
 }
 
 TEST_F(Command, InspectListsMembersAndSaysThatItVerifiesNothing) {
+	const FixedTime time("1700000000");
 	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
 	EXPECT_EQ(Run({"inspect", Package(1)}), publisher::kDone);
 	EXPECT_THAT(out_.str(), HasSubstr("signature not checked"));
-	EXPECT_THAT(out_.str(), HasSubstr(R"({"data_version":1,"format_version":"1","id":"db","kind":"full"})"));
+	EXPECT_THAT(out_.str(),
+	    HasSubstr(R"({"data_version":1,"format_version":"1","id":"db","kind":"full","published":1700000000})"));
+	EXPECT_THAT(out_.str(), HasSubstr("published      2023-11-14 22:13:20 UTC\n"));
 	EXPECT_THAT(out_.str(), HasSubstr("             7  file           file\n"));
 	EXPECT_EQ(Run({"inspect", Package(1), "--json"}), publisher::kDone);
 	Json::Value value;
@@ -184,6 +187,7 @@ TEST_F(Command, InspectListsMembersAndSaysThatItVerifiesNothing) {
 	EXPECT_EQ(value["entry_count"].asInt(), 1);
 	EXPECT_EQ(value["unpacked_size"].asInt(), 7);
 	EXPECT_EQ(value["metadata"]["id"].asString(), "db");
+	EXPECT_EQ(value["metadata"]["published"].asInt(), 1700000000);
 	ASSERT_EQ(value["members"].size(), 1U);
 	EXPECT_EQ(value["members"][0]["name"].asString(), "file");
 	EXPECT_EQ(value["members"][0]["size"].asInt(), 7);

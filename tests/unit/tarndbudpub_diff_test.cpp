@@ -228,7 +228,18 @@ TEST_F(DiffPublishing, TurnsAFileIntoADirectory) {
 	EXPECT_EQ(Followed(1, 2), PublishedTree());
 }
 
+TEST_F(DiffPublishing, SignsWhenItWasPublishedAndFromWhereItLeads) {
+	const FixedTime time("1700000000");
+	PublishChange();
+	PublishChange();
+	const Json::Value metadata = MetadataOf(2);
+	EXPECT_EQ(metadata["published"], Json::Value(1700000000));
+	EXPECT_EQ(metadata["data_version"], Json::Value(2));
+	EXPECT_EQ(metadata["base_version"], Json::Value(1));
+}
+
 TEST_F(DiffPublishing, GivesTheSameBytesForTheSameTrees) {
+	const FixedTime time("1700000000");
 	ExecuteSql(TreePath("base"), "CREATE TABLE t(a); INSERT INTO t VALUES(1), (2), (3)");
 	for (int i = 0; i < 20; ++i) {
 		Put("f" + std::to_string(i), Noise(500, 5) + std::to_string(i));

@@ -254,6 +254,7 @@ std::uint64_t DiffMaker::Write(int archive_fd, const std::string& path) {
 	const std::string description = work_ / kDescriptionName;
 	content.files.push_back({kDescriptionName, description, fs::file_size(description), false});
 	PackageInfo info = {order_.options.id, order_.options.format_version, version_, kDiffKind};
+	info.published = order_.published;
 	info.more["base_version"] = order_.previous.data_version;
 	chain_.State().After(members_, databases_).ToMetadata(info.more);
 	observer_.step("packing the diff", 0, 1);

@@ -8,9 +8,11 @@
 
 #include <json/json.h>
 
+#include <ctime>
 #include <iomanip>
 #include <map>
 #include <optional>
+#include <sstream>
 
 namespace tarn::publisher {
 
@@ -73,6 +75,20 @@ std::optional<DiffPackage> DiffOf(const codesign::ArchiveFile& archive) {
 	const Json::Value metadata = ReadMetadata(archive);
 	const bool is_diff = metadata.isObject() && metadata["kind"] == kDiffKind;
 	return is_diff ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
+}
+
+/** "2026-11-21 16:52:41 UTC", or "unknown" for a package that does not tell. */
+std::string PublishedAt(const codesign::ArchiveFile& archive) {
+	const Json::Value metadata = ReadMetadata(archive);
+	const Json::Value published = metadata.isObject() ? metadata["published"] : Json::Value();
+	struct tm time {};
+	const std::time_t seconds = published.isInt64() ? published.asInt64() : -1;
+	if (seconds < 0 || gmtime_r(&seconds, &time) == nullptr) {
+		return "unknown";
+	}
+	std::ostringstream text;
+	text << std::put_time(&time, "%Y-%m-%d %H:%M:%S UTC");
+	return text.str();
 }
 
 struct Total {
@@ -176,6 +192,7 @@ void PrintTable(const std::string& package, const codesign::ArchiveFile& archive
 	    << "\n"
 	    << "members        " << head.entry_count << "\n"
 	    << "unpacked bytes " << head.unpacked_size << "\n"
+	    << "published      " << PublishedAt(archive) << "\n"
 	    << "metadata       " << ToLine(MetadataJson(archive)) << "\n\n";
 	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
 		PrintDiffTable(*diff, out);

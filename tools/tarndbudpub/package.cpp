@@ -25,6 +25,7 @@ std::string Metadata(const PackageInfo& info) {
 	metadata["format_version"] = info.format_version;
 	metadata["id"] = info.id;
 	metadata["kind"] = info.kind;
+	metadata["published"] = info.published;
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "";
 	return Json::writeString(builder, metadata);

@@ -168,7 +168,8 @@ public:
 		repository_.Clean(options_.id);
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
-		const PackageInfo info = {options_.id, options_.format_version, result_.data_version};
+		PackageInfo info = {options_.id, options_.format_version, result_.data_version};
+		info.published = fetch_time_;
 		result_.package_size = WritePackage(tree_, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
 		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
 		WriteDiff(package.TemporaryPath());
@@ -192,7 +193,8 @@ private:
 				                   ", and every step by one version needs a diff package");
 			}
 			diff_.emplace(repository_.DiffPath(options_.id, result_.data_version));
-			const DiffOrder order = {repository_, options_, key_, reader_, *previous_, package, result_.package_size};
+			const DiffOrder order = {
+			    repository_, options_, key_, reader_, *previous_, package, result_.package_size, fetch_time_};
 			result_.diff = MakeDiff(order, diff_->Fd(), diff_->TemporaryPath(), observer_);
 		} catch (const std::exception& error) {
 			GiveUpDiff(error);

@@ -8,11 +8,21 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace tarn::test {
+
+/** Sets SOURCE_DATE_EPOCH for its lifetime. */
+class FixedTime {
+public:
+	explicit FixedTime(const char* seconds) { setenv("SOURCE_DATE_EPOCH", seconds, 1); }
+	FixedTime(const FixedTime&) = delete;
+	FixedTime& operator=(const FixedTime&) = delete;
+	~FixedTime() { unsetenv("SOURCE_DATE_EPOCH"); }
+};
 
 class PublisherTest : public ::testing::Test {
 protected:
