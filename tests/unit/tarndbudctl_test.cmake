@@ -5,6 +5,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_document_test.cpp
 	tarndbudctl_failure_test.cpp
 	tarndbudctl_metrics_test.cpp
+	tarndbudctl_package_test.cpp
 	tarndbudctl_progress_test.cpp
 	tarndbudctl_program_test.cpp
 	tarndbudctl_read_test.cpp

@@ -92,6 +92,29 @@ TEST_F(UpdateCommandTest, AsksNoServerAgainAboutWhatIsUpToDate) {
 	EXPECT_EQ(Run({"geo"}), kDone);
 }
 
+TEST_F(UpdateCommandTest, DoesNotTakeALaterVersionThanTheServersForUpToDate) {
+	doubles_.Install(11, "geo");
+	doubles_.Install(4, "zip");
+	LetSucceed("zip");
+	EXPECT_EQ(Run({}), kAboveOffered) << "the others are updated all the same";
+	EXPECT_EQ(doubles_.out.str(),
+	    "geo: installed 11 is above the offered 5; nothing was changed. If the publisher took the later version back, "
+	    "\"tarndbudctl force-install geo 0\" installs the offered one\n"
+	    "zip: updated from version 4 to version 5\n");
+	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kAboveOffered);
+	EXPECT_EQ(ReadRunRecord("zip")->exit_status, kDone);
+	EXPECT_EQ(Run({"zip"}), kDone);
+	EXPECT_EQ(Run({"zip", "geo"}), kAboveOffered);
+	Options options;
+	options.ids = {"geo"};
+	options.json = true;
+	doubles_.out.str("");
+	EXPECT_EQ(RunUpdate(doubles_.services, options), kAboveOffered);
+	EXPECT_EQ(doubles_.out.str(),
+	    "[\n\t{\n\t\t\"exit_status\" : 5,\n\t\t\"id\" : \"geo\",\n\t\t\"offered_version\" : 5,"
+	    "\n\t\t\"result\" : \"above offered\",\n\t\t\"version\" : 11\n\t}\n]\n");
+}
+
 TEST_F(UpdateCommandTest, DoesNotTakeAMissingVolumeForSuccess) {
 	doubles_.Install(4);
 	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));

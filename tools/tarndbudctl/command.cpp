@@ -14,12 +14,15 @@ const std::vector<Command>& AllCommands() {
 	        true, false, DeclareInit, RunInit},
 	    {"status", "Show what is installed and what the server offers",
 	        "The server is asked at most once, and not while its last answer is at most an hour old. A server that\n"
-	        "cannot be reached is no failure: what it offers is then unknown, and the reason is given.",
+	        "cannot be reached is no failure: what it offers is then unknown, and the reason is given. The age is that "
+	        "of\n"
+	        "the signed package. Ends with 5 when a later version is installed than the server offers.",
 	        true, false, DeclareStatus, RunStatus},
 	    {"update", "Bring databases to the server's version",
 	        "Without ids, and with --all, these are the scheduled databases in the configuration's order, up to the\n"
 	        "first that fails. Named ones are all tried; the exit status is then that of the first failure. It is a\n"
-	        "failure, too, when nothing could be updated because there is no storage volume.",
+	        "failure, too, when nothing could be updated because there is no storage volume. Ends with 5 when a later\n"
+	        "version is installed than the server offers; it is left alone, and the others are updated.",
 	        true, true, DeclareUpdate, RunUpdate},
 	    {"check", "Compare installed files with their recorded digests",
 	        "Without ids, and with --all, these are all databases. Uses no network and changes nothing. Ends with 4\n"

@@ -26,7 +26,10 @@ public:
 		RequireVolume(services_);
 		const int before = info_->GetDatabaseStatus(id).data_version;
 		info_->Forget();
-		RunRecorded(services_, id, "fix", [&] { Update::FixProject(id); });
+		RunRecorded(services_, id, "fix", [&] {
+			Update::FixProject(id);
+			return kDone;
+		});
 		Tell(id, before);
 	}
 
@@ -59,8 +62,9 @@ void DeclareFix(CLI::App& app, Options& options) {
 ExitCode RunFix(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
-	const ReportingFix fix(
-	    services, report, std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); }));
+	const ReportingFix fix(services, report,
+	    std::make_shared<NotingInfoGetter>(
+	        services.info, [&services] { RequireVolume(services); }, services.packages));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { fix.FixAllProjects(); });

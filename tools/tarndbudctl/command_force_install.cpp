@@ -31,7 +31,9 @@ int Target(const Services& services, const Options& options) {
 /** The link was made by replacing one number by another, which can hit more than what was meant. */
 void Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
-	const auto info = std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); });
+	const auto info = std::make_shared<NotingInfoGetter>(
+	    services.info, [&services] { RequireVolume(services); }, services.packages);
+	services.packages->ExpectVersion(target);
 	const dataupdate::Update update(services.updater, info, services.config);
 	try {
 		update.ForceInstall(options.id, options.version);
@@ -62,7 +64,10 @@ ExitCode RunForceInstall(const Services& services, const Options& options) {
 	const int target = Target(services, options);
 	Report report(services.terminal, options.json);
 	return report.Run([&] {
-		RunRecorded(services, options.id, "force-install", [&] { Install(services, options, target); });
+		RunRecorded(services, options.id, "force-install", [&] {
+			Install(services, options, target);
+			return kDone;
+		});
 		const int installed = services.info->GetDatabaseStatus(options.id).data_version;
 		report.Tell(options.id,
 		    "version " + std::to_string(installed) +

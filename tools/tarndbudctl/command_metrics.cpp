@@ -1,6 +1,7 @@
 #include "commands.h"
 #include "databases.h"
 #include "failure.h"
+#include "installed_package.h"
 #include "metrics.h"
 #include "reader_lock.h"
 #include "run_record.h"
@@ -8,6 +9,7 @@
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/paths.h>
+#include <dataupdate/replacement_mark.h>
 #include <dataupdate/update_error.h>
 #include <tarnsdk/volume.h>
 
@@ -72,7 +74,8 @@ std::optional<uintmax_t> InstalledBytes(const Services& services, const std::str
 	}
 }
 
-void MeasureInstalled(const Services& services, Metrics& metrics, const std::string& id, const Labels& labels) {
+void MeasureInstalled(const Services& services, Metrics& metrics, const std::optional<int>& offered,
+    const std::string& id, const Labels& labels) {
 	const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
 	const bool installed = status.data_version != -1;
 	metrics.Add("tarndbud_installed", "Whether any version of the database is installed.", labels, installed ? 1 : 0);
@@ -80,10 +83,17 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::str
 		return;
 	}
 	metrics.Add("tarndbud_installed_version", "Installed data version.", labels, status.data_version);
-	metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher made the installed data.", labels,
-	    status.last_fetch_time);
-	metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
-	    static_cast<double>(std::time(nullptr) - status.last_fetch_time));
+	if (offered) {
+		const bool is_above = status.data_version > *offered && !dataupdate::IsReplacementMarked(id);
+		metrics.Add("tarndbud_above_offered", "Whether a later version is installed than the server offered last.",
+		    labels, is_above ? 1 : 0);
+	}
+	if (const std::optional<int64_t> published = PublicationTime(id, status.data_version)) {
+		metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher signed the installed data.", labels,
+		    static_cast<double>(*published));
+		metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
+		    static_cast<double>(std::time(nullptr) - *published));
+	}
 	const auto config = services.config->GetDatabaseConfig(id);
 	if (config->GetRootDirectory().empty()) {
 		return;
@@ -114,13 +124,14 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 ExitCode MeasureDatabase(
     const Services& services, Metrics& metrics, const std::optional<Document>& document, const std::string& id) {
 	const Labels labels = {{"database", id}};
-	if (const std::optional<int> offered = OfferedVersion(document, id)) {
+	const std::optional<int> offered = OfferedVersion(document, id);
+	if (offered) {
 		metrics.Add("tarndbud_remote_version", "Data version in the server's last document.", labels, *offered);
 	}
 	MeasureLastRun(metrics, id);
 	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,
 	    services.config->GetDatabaseConfig(id)->GetScheduled() ? 1 : 0);
-	MeasureInstalled(services, metrics, id, labels);
+	MeasureInstalled(services, metrics, offered, id, labels);
 	return kDone;
 }
 

@@ -27,8 +27,8 @@ constexpr char kLockDirectory[] = "/run/data_update";
 constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
 constexpr char kFooter[] =
     "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the database is not configured, 4 a fix is needed,\n"
-    "75 a lock was not obtained; a signal ends it after it has cleaned up. All that happens is told to the system log "
-    "as \"tarndbudctl\".";
+    "5 a later version is installed than the server offers, 75 a lock was not obtained; a signal ends it after it has\n"
+    "cleaned up. All that happens is told to the system log as \"tarndbudctl\".";
 
 /** The system log, with a copy on the error stream when asked for. */
 class Log {

@@ -2,6 +2,7 @@
 #ifndef TARNDBUDCTL_SERVICES_H
 #define TARNDBUDCTL_SERVICES_H
 
+#include "opened_packages.h"
 #include "terminal.h"
 
 #include <dataupdate/project_lock.h>
@@ -25,6 +26,8 @@ struct Services {
 	Terminal& terminal;
 	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
 	std::function<bool(const std::string& volume)> is_available;
+	/** What the packages say that operations open. */
+	std::shared_ptr<OpenedPackages> packages = std::make_shared<OpenedPackages>();
 };
 
 /** The real ones. */

@@ -176,7 +176,11 @@ class HandPublisher:
 
     def full(self, name: str, version: int, files: Mapping[str, Content]) -> None:
         """Publishes a version by its full package; the diff packages that are offered stay."""
-        self._write(self.package(name, f"v{version}"), archive(self.key, files, metadata(name, version)))
+        self.full_of(name, version, archive(self.key, files, metadata(name, version)))
+
+    def full_of(self, name: str, version: int, archive: bytes) -> None:
+        """Offers these bytes as the full package of a version."""
+        self._write(self.package(name, f"v{version}"), archive)
         self._entries[name] = {
             "data_version": str(version),
             "last_fetch_time": int(time.time()),
