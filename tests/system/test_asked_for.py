@@ -146,8 +146,9 @@ SILENT: dict[str, tuple[dict[str, object] | bytes, str]] = {
     "no id": ({"data_version": 3, "kind": "full"}, 'its "id" is no string'),
     "no kind": ({"data_version": 3, "id": DATABASE}, 'its "kind" is neither "full" nor "diff"'),
     "no version": ({"id": DATABASE, "kind": "full"}, 'its "data_version" is no integer from 0 to 2147483647'),
-    "a version in a string": ({"data_version": "3", "id": DATABASE, "kind": "full"}, 'its "data_version" is no integer'),
-}
+    "a version in a string": (
+        {"data_version": "3", "id": DATABASE, "kind": "full"}, 'its "data_version" is no integer'),
+}  # fmt: skip
 
 
 @pytest.mark.parametrize("case", SILENT)
