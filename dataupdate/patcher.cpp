@@ -75,7 +75,9 @@ void Patcher::Install() const {
 	for (const auto& [name, info] : modify_infos_) {
 		const fs::path installed = fs::path(install_directory_) / name;
 		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
-		const bool stays_directory = is_directory && _DeleteBelow(name) && info.operation == ModifyInfo::kDelete;
+		// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
+		const bool stays_directory =
+		    is_directory && (_DeleteBelow(name) || !fs::is_empty(installed)) && info.operation == ModifyInfo::kDelete;
 		if (!stays_directory) {
 			fs::remove(installed);
 		}
@@ -91,10 +93,11 @@ bool Patcher::_DeleteBelow(const std::string& name) const {
 	bool has_files = false;
 	for (auto entry = modify_infos_.lower_bound(prefix);
 	     entry != modify_infos_.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
-		if (entry->second.operation == ModifyInfo::kDelete) {
-			fs::remove(fs::path(install_directory_) / entry->first);
-		} else {
+		const fs::path installed = fs::path(install_directory_) / entry->first;
+		if (entry->second.operation != ModifyInfo::kDelete) {
 			has_files = true;
+		} else if (!fs::is_directory(fs::symlink_status(installed))) { // One still holds what is deleted after it.
+			fs::remove(installed);
 		}
 	}
 	RemoveEmptyDirectories(fs::path(install_directory_) / name);

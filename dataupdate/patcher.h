@@ -46,15 +46,16 @@ public:
 	[[nodiscard]] const std::map<std::string, ModifyInfo>& Modifications() const { return modify_infos_; }
 
 	/**
-	 * Removes or replaces the installed files accordingly. Throws Boost's filesystem error, for example when a file's
-	 * place is taken by a directory with files of which the chain knows nothing.
+	 * Removes or replaces the installed files accordingly. A deleted name may be a directory's: the directory goes with
+	 * what the chain deletes in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
+	 * when a new file's place is taken by a directory with files of which the chain knows nothing.
 	 */
 	void Install() const;
 
 private:
 	/**
-	 * For a directory that has a file's name: deletes now what the chain deletes in it, because a file may be about to
-	 * take its place. Returns whether the chain puts files into it as well.
+	 * For a directory whose name the chain deletes or gives to a file: deletes now what the chain deletes in it, since
+	 * its name comes before theirs. Returns whether the chain puts files into it as well.
 	 */
 	bool _DeleteBelow(const std::string& name) const;
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);

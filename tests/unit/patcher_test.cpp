@@ -342,9 +342,49 @@ TEST_F(PatcherTest, RemovesNoDirectoryWithFilesThatItDoesNotKnow) {
 	Apply(Entry("b", "create", "in"), {{"in", "new"}});
 	EXPECT_ANY_THROW(patcher_.Install());
 	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
-	Apply(Entry("b", "delete"));
-	EXPECT_ANY_THROW(patcher_.Install());
-	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
+}
+
+TEST_F(PatcherTest, RemovesDirectoriesThatAreDeletedWithAllThatIsInThem) {
+	for (const char* name : {"a/f", "a/b/g", "a/b/c/h", "a-b/kept", "other"}) {
+		WriteFile(Installed(name), "old");
+	}
+	fs::create_directories(Installed("a/b/empty"));
+	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/c", "delete") + "," +
+	      Entry("a/b/c/h", "delete") + "," + Entry("a/b/g", "delete") + "," + Entry("a/f", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a-b", "a-b/kept", "other"));
+}
+
+TEST_F(PatcherTest, KeepsADeletedDirectoryForFilesThatItDoesNotKnowAndGoesOn) {
+	WriteFile(Installed("a/b/gone"), "old");
+	WriteFile(Installed("a/b/unknown"), "precious");
+	WriteFile(Installed("a/c/gone"), "old");
+	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/gone", "delete") + "," +
+	          Entry("a/c", "delete") + "," + Entry("a/c/gone", "delete") + "," + Entry("z", "create", "in"),
+	    {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "a/b/unknown", "z"));
+	EXPECT_EQ(ReadFile(Installed("a/b/unknown")), "precious");
+}
+
+TEST_F(PatcherTest, KeepsADeletedDirectoryInWhichALaterPackageMakesAFile) {
+	WriteFile(Installed("a/b/gone"), "old");
+	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/gone", "delete"));
+	Apply(Entry("a/b/new", "create", "in"), {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "a/b/new"));
+	Apply(Entry("a/b/new", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
+}
+
+TEST_F(PatcherTest, RemovesALinkInADeletedDirectorysPlaceAlone) {
+	WriteFile(directory_ / "outside/f", "precious");
+	fs::create_directory_symlink(directory_ / "outside", Installed("a"));
+	Apply(Entry("a", "delete") + "," + Entry("a/f", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
+	EXPECT_EQ(ReadFile(directory_ / "outside/f"), "precious");
 }
 
 TEST_F(PatcherTest, CopiesBetweenFileSystems) {
