@@ -1,4 +1,5 @@
 #include "private_root.h"
+#include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
@@ -8,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <syslog.h>
+
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -66,6 +70,23 @@ TEST_F(UpdateCommandTest, SaysWhatBecameOfEachDatabase) {
 	doubles_.out.str("");
 	EXPECT_EQ(Run({}), kDone);
 	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 3 to version 5\nzip: up to date, version 5\n");
+}
+
+TEST_F(UpdateCommandTest, LogsWhatAMissingDiffMeansBeforeTheLibraryComplainsOfIt) {
+	LetSucceed("geo");
+	const dataupdate::DiffInfo diff("http://x/d", 1);
+	ON_CALL(*doubles_.info, GetDiffInfos("geo"))
+	    .WillByDefault(Return(std::map<int, dataupdate::DiffInfo>{{4, diff}, {5, diff}}));
+	const auto count = [this](int installed, const std::vector<std::string>& texts) {
+		const test::SyslogCapture log;
+		doubles_.Install(installed, "geo");
+		EXPECT_EQ(Run({"geo"}), kDone);
+		return log.Count(LOG_NOTICE, texts);
+	};
+	const std::string meaning = "\"No sufficient diff patched\" says only this";
+	EXPECT_EQ(count(-1, {"geo is not installed", meaning}), 1U);
+	EXPECT_EQ(count(2, {"no diff package from version 2 to 3 of geo, on the way from 2 to 5", meaning}), 1U);
+	EXPECT_EQ(count(3, {meaning}), 0U);
 }
 
 TEST_F(UpdateCommandTest, TriesAllNamedDatabasesAndEndsWithTheFirstFailure) {

@@ -1,8 +1,35 @@
 #include "noting_info_getter.h"
 
+#include <syslog.h>
+
 #include <utility>
 
 namespace tarn::ctl {
+
+namespace {
+
+/** Says beforehand what the library's "No sufficient diff patched" will mean, which sounds like a failure. */
+void NoteMissingDiff(
+    const std::string& id, int installed, int offered, const std::map<int, dataupdate::DiffInfo>& diffs) {
+	if (installed < 0) {
+		syslog(LOG_NOTICE,
+		    "%s is not installed, so that it comes by the full package; \"No sufficient diff patched\" says only this.",
+		    id.c_str());
+		return;
+	}
+	int version = installed;
+	while (version < offered && diffs.count(version + 1) > 0) {
+		++version;
+	}
+	if (version < offered) {
+		syslog(LOG_NOTICE,
+		    "The server has no diff package from version %d to %d of %s, on the way from %d to %d, so that it comes by "
+		    "the full package; \"No sufficient diff patched\" says only this, and nothing is to be done.",
+		    version, version + 1, id.c_str(), installed, offered);
+	}
+}
+
+} // namespace
 
 NotingInfoGetter::NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other, std::function<void()> check_volume)
     : InfoGetter(nullptr, nullptr), other_(std::move(other)), check_volume_(std::move(check_volume)) {}
@@ -15,7 +42,9 @@ dataupdate::RemoteInfo NotingInfoGetter::GetRemoteInfo(const std::string& id) co
 }
 
 std::map<int, dataupdate::DiffInfo> NotingInfoGetter::GetDiffInfos(const std::string& id) const {
-	return other_->GetDiffInfos(id);
+	std::map<int, dataupdate::DiffInfo> diffs = other_->GetDiffInfos(id);
+	NoteMissingDiff(id, other_->GetDatabaseStatus(id).data_version, offered_, diffs);
+	return diffs;
 }
 
 dataupdate::DatabaseStatus NotingInfoGetter::GetDatabaseStatus(const std::string& id) const {
