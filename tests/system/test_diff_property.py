@@ -25,6 +25,7 @@ def assert_published(published: Path, installed: Path) -> int:
     expected, actual = trees.contents(published), trees.contents(installed)
     assert sorted(expected) == sorted(actual)
     assert trees.executables(published) == trees.executables(installed)
+    assert trees.directories(installed) == trees.directories_of_files(published)
     changed = [name for name in expected if expected[name] != actual[name]]
     for name in changed:
         assert is_database(published / name), f"{name} has other bytes"

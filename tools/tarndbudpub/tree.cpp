@@ -64,6 +64,9 @@ fs::path ResolveLink(const fs::path& link, const std::string& name, const fs::pa
 
 TreeFile Describe(const fs::directory_entry& entry, const std::string& name, const fs::path& root) {
 	const fs::path source = entry.is_symlink() ? ResolveLink(entry.path(), name, root) : entry.path();
+	if (!fs::exists(source)) {
+		RefuseVanished(name);
+	}
 	if (!fs::is_regular_file(source)) {
 		Refuse(name, "it is a device, a FIFO or a socket");
 	}
@@ -86,6 +89,10 @@ void CheckLimits(const Tree& tree, const std::string& root) {
 
 } // namespace
 
+void RefuseVanished(const std::string& name) {
+	throw PublishError("\"" + codesign::Printable(name) + "\" vanished while it was read; publish a tree at rest.");
+}
+
 Tree ListTree(const std::string& root) {
 	Tree tree;
 	try {
@@ -103,6 +110,9 @@ Tree ListTree(const std::string& root) {
 			tree.total_size += tree.files.back().size;
 		}
 	} catch (const fs::filesystem_error& error) {
+		if (error.code() == std::errc::no_such_file_or_directory && fs::is_directory(root)) {
+			RefuseVanished(error.path1().string());
+		}
 		throw PublishError("The tree " + root + " cannot be read: " + codesign::Printable(error.path1().string()) +
 		                   ": " + error.code().message() + ".");
 	}
