@@ -82,6 +82,13 @@ Updater::~Updater() = default;
 DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
     const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
     const std::string& rootDirectory) const {
+	return UpdateAndTell(id, status, remote, diffs, volume, installPrefix, rootDirectory).status;
+}
+
+UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
+    const std::string& rootDirectory) const {
+	UpdateResult result;
 	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
 	std::shared_ptr<BaseStrategy> strategy;
 	try {
@@ -92,9 +99,11 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
 		strategy->PrepareUpdate();
+		result.is_full = true;
 	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
-	DatabaseStatus result = Install(id, *strategy, remote, installPrefix, announce);
+	result.files = strategy->GetModifiedFiles();
+	result.status = Install(id, *strategy, remote, installPrefix, announce);
 	// Temporary data goes first, so that what was never written to the disk never has to be.
 	strategy.reset();
 	SyncFileSystem(installPrefix);

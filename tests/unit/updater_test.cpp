@@ -133,10 +133,11 @@ protected:
 		WriteFile(Installed("other"), "old");
 	}
 
-	DatabaseStatus Update() const {
+	DatabaseStatus Update() const { return UpdateAndTell().status; }
+	UpdateResult UpdateAndTell() const {
 		DatabaseStatus installed;
 		installed.data_version = 3;
-		return Updater().Update("geo", installed, RemoteInfo(5, 1700000000, true, "http://h/full"),
+		return Updater().UpdateAndTell("geo", installed, RemoteInfo(5, 1700000000, true, "http://h/full"),
 		    {{4, DiffInfo("http://h/4", 1)}, {5, DiffInfo("http://h/5", 1)}}, directory_ / "volume",
 		    directory_ / "volume/db/geo", directory_ / "");
 	}
@@ -168,6 +169,19 @@ TEST_F(ChainUpdaterTest, TellsTheHooksTheRelativeNamesAroundTheReplacement) {
 	Update();
 	EXPECT_THAT(seen, ElementsAre("a", "abc"));
 	EXPECT_EQ(platform_.CountEvents("hook set CHANGED_FILES=a:gone:sub/new"), 1U);
+}
+
+TEST_F(ChainUpdaterTest, TellsWhatItDeletedAsWell) {
+	const UpdateResult result = UpdateAndTell();
+	EXPECT_FALSE(result.is_full);
+	EXPECT_THAT(result.files, ElementsAre("a", "gone", "sub/new"));
+}
+
+TEST_F(ChainUpdaterTest, TellsThatTheFullPackageReplacedEverything) {
+	packages_.by_link.erase("http://h/4");
+	const UpdateResult result = UpdateAndTell();
+	EXPECT_TRUE(result.is_full);
+	EXPECT_THAT(result.files, ElementsAre(Installed("a"), Installed("sub/new")));
 }
 
 TEST_F(ChainUpdaterTest, FallsBackToTheFullPackageWithOneWarning) {
