@@ -44,7 +44,7 @@ _tarndbudctl_command() {
 	case ${COMP_WORDS[COMP_CWORD - 1]} in
 	--output) _tarndbud_offer_files ;;
 	--timeout) COMPREPLY=() ;;
-	*) _tarndbud_offer "--timeout -- --verbose --help $(_tarndbud_ids)" ;;
+	*) _tarndbud_offer "--timeout --even-unfinished -- --verbose --help $(_tarndbud_ids)" ;;
 	esac
 }
 

@@ -24,6 +24,12 @@ ReaderLock::~ReaderLock() {
 	TARNDBUDReleaseFileLock(fd_);
 }
 
+bool MayBeAMixture(const std::string& id) {
+	std::error_code error;
+	const auto status = std::filesystem::symlink_status("/var/lib/data_update/" + id + "/replacing", error);
+	return status.type() != std::filesystem::file_type::not_found;
+}
+
 bool MakeReaderLockFile(const std::string& id) {
 	// Nothing below /run survives a restart.
 	std::error_code ignored;
