@@ -1,6 +1,6 @@
 #include "commands.h"
 #include "databases.h"
-#include "noting_info_getter.h"
+#include "recording_info_getter.h"
 #include "run_record.h"
 #include "text.h"
 
@@ -31,7 +31,8 @@ int Target(const Services& services, const Options& options) {
 /** The link was made by replacing one number by another, which can hit more than what was meant. */
 void Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
-	const auto info = std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); });
+	const auto info = std::make_shared<RecordingInfoGetter>(
+	    services, [&services] { RequireVolume(services); }, Change::kForced);
 	const dataupdate::Update update(services.updater, info, services.config);
 	try {
 		update.ForceInstall(options.id, options.version);
@@ -66,9 +67,9 @@ ExitCode RunForceInstall(const Services& services, const Options& options) {
 		const int installed = services.info->GetDatabaseStatus(options.id).data_version;
 		report.Tell(options.id,
 		    "version " + std::to_string(installed) +
-		        " was unpacked over what was there; its files are not recorded, so \"check\" and \"fix\" have nothing "
-		        "to "
-		        "compare until the next update",
+		        " was unpacked over what was there, and files of before that its package lacks stay; \"fix\", should "
+		        "it "
+		        "find damage, brings the server's version back",
 		    MakeResult("forced", installed));
 		return kDone;
 	});

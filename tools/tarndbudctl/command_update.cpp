@@ -1,7 +1,7 @@
 #include "commands.h"
 #include "databases.h"
 #include "failure.h"
-#include "noting_info_getter.h"
+#include "recording_info_getter.h"
 #include "run_record.h"
 
 #include <dataupdate/replacement_mark.h>
@@ -95,7 +95,8 @@ ExitCode RunUpdate(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
 	const ReportingUpdate update(services, report,
-	    std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireNoLostVolume(services); }));
+	    std::make_shared<RecordingInfoGetter>(
+	        services, [&services] { RequireNoLostVolume(services); }, Change::kUpdate));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { update.UpdateAllProjects(); });

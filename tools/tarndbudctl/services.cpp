@@ -19,8 +19,9 @@ Services MakeServices(Terminal& terminal) {
 	const auto io = std::make_shared<CheckedIO>();
 	const auto config = std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
 	const auto info = std::make_shared<CheckedInfoGetter>(io, config);
-	return {io, config, info, std::make_shared<dataupdate::Updater>(), std::make_shared<dataupdate::Checker>(config),
-	    terminal, IsVolumeAvailable};
+	const auto notes = std::make_shared<std::optional<UpdateNote>>();
+	return {io, config, info, std::make_shared<NotingUpdater>(notes), std::make_shared<dataupdate::Checker>(config),
+	    terminal, IsVolumeAvailable, notes};
 }
 
 } // namespace tarn::ctl

@@ -2,6 +2,7 @@
 #ifndef TARNDBUDCTL_SERVICES_H
 #define TARNDBUDCTL_SERVICES_H
 
+#include "noting_updater.h"
 #include "terminal.h"
 
 #include <dataupdate/project_lock.h>
@@ -25,6 +26,7 @@ struct Services {
 	Terminal& terminal;
 	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
 	std::function<bool(const std::string& volume)> is_available;
+	UpdateNotes update_notes = nullptr; ///< Of the updater, if it keeps any.
 };
 
 /** The real ones. */

@@ -1,6 +1,7 @@
 #include "volume_content.h"
 
 #include "databases.h"
+#include "file_check.h"
 #include "text.h"
 
 #include <dataupdate/replacement_mark.h>
@@ -30,11 +31,18 @@ bool LiesOnVolumes(const Services& services, const std::string& id) {
 	}
 }
 
-/** Whether the files are there. A forced version has no recorded files; then there must be any at all. */
-bool IsThere(const DatabaseStatus& status, const std::string& install_prefix) {
+/**
+ * Whether the files are there. A record of all files tells it whether or not marks stand; without one, a forced version
+ * has no recorded files, and there must be any at all.
+ */
+bool IsThere(const std::string& id, const DatabaseStatus& status, const std::string& install_prefix) {
 	std::error_code error;
-	return !fs::is_empty(install_prefix, error) && !error &&
-	       dataupdate::CheckStatus(status.file_statuses, install_prefix);
+	if (fs::is_empty(install_prefix, error) || error ||
+	    !dataupdate::CheckStatus(status.file_statuses, install_prefix)) {
+		return false;
+	}
+	const std::optional<InstalledFiles> record = ReadInstalledFiles(id);
+	return !record || !Agree(*record, status, install_prefix) || FindBadFiles(*record, status, install_prefix).empty();
 }
 
 /** Does something for each database; returns those for which it failed, having told why. */
@@ -86,7 +94,7 @@ std::vector<std::string> TakeOver(
 	std::vector<std::string> incomplete;
 	const auto settle = [&](const std::string& id) {
 		const std::string prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
-		if (unknown.count(id) != 0 || !IsThere(services.info->GetDatabaseStatus(id), prefix)) {
+		if (unknown.count(id) != 0 || !IsThere(id, services.info->GetDatabaseStatus(id), prefix)) {
 			dataupdate::MarkUnfinished(id); // Set long ago, unless it was installed meanwhile.
 			incomplete.push_back(id);
 		} else if (std::find(marked.begin(), marked.end(), id) != marked.end()) {
