@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import random
 from collections import Counter
@@ -92,7 +93,8 @@ class Walk:
         assert took == self._expected(installed, offered)
         self.ways["full" if took[-1].startswith("v") else "diff"] += 1
         self.ways["other bytes"] += assert_published(self._tree.root, self._device.installed(self._name))
-        self._device.run_ok("check", self._name)
+        [answer] = json.loads(self._device.run_ok("check", self._name, "--json").stdout)
+        assert answer["record_of_all_files"] == "complete"
         assert self._device.version(self._name) == offered
 
     def _expected(self, installed: int | None, offered: int) -> list[str]:
