@@ -113,10 +113,23 @@ void InstallRegularFile(const std::string& src, const std::string& dst) {
 	}
 }
 
+void RemoveFile(const std::string& path) {
+	if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+		throw boost::filesystem::filesystem_error(
+		    "unlink", path, boost::system::error_code(errno, boost::system::system_category()));
+	}
+}
+
 void SyncFileSystem(const std::string& path) {
 	const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 	if (fd.Get() < 0 || syncfs(fd.Get()) != 0) {
 		throw UpdateError("Fail to sync " + path + ": " + std::strerror(errno));
+	}
+}
+
+void SyncInstalled(const std::string& install_prefix) {
+	if (access(install_prefix.c_str(), F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR)) {
+		SyncFileSystem(install_prefix);
 	}
 }
 

@@ -1,6 +1,6 @@
 /**
  * @file
- * Putting regular files into place without waiting for the disk.
+ * Putting regular files into place without waiting for the disk, and taking them away.
  */
 #ifndef DATAUPDATE_FILE_COPY_H
 #define DATAUPDATE_FILE_COPY_H
@@ -25,9 +25,18 @@ void CopyRegularFile(const std::string& src, const std::string& dst);
  */
 void InstallRegularFile(const std::string& src, const std::string& dst);
 
+/**
+ * Removes one file or link, never a directory, not even an empty one; a missing file is no error. Throws
+ * boost::filesystem::filesystem_error.
+ */
+void RemoveFile(const std::string& path);
+
 /** Brings everything written to the file system that holds a path to its disk. Throws UpdateError "Fail to sync ...".
  */
 TARNDBUD_EXPORT void SyncFileSystem(const std::string& path);
+
+/** Likewise after a success; where there is no install directory, there is nothing to bring to the disk. */
+void SyncInstalled(const std::string& install_prefix);
 
 } // namespace tarn::dataupdate
 

@@ -1,16 +1,10 @@
-#include "file_lock.h"
+#include "fresh_info.h"
 #include "log.h"
 #include "paths.h"
-#include "replacement_mark.h"
 #include "update.h"
 #include "update_error.h"
 
-#include <tarncore/tarncore.h>
 #include <tarncrypto/tarncrypto.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -20,35 +14,11 @@ namespace tarn::dataupdate {
 namespace {
 
 constexpr char kLogSource[] = "update";
-constexpr int kCacheSeconds = 3600;
 constexpr int kHardwareIdBytes = 16;
 
 struct HardwareIdCloser {
 	void operator()(tarncrypto_hwid* context) const { tarncrypto_hwid_free(context); }
 };
-
-/**
- * The client dates a file as the server does: an old document would never count as cached, and one that is dated in the
- * future would never be asked for again. A failure leaves it at that.
- */
-void StartAge(const char* path) {
-	utimensat(AT_FDCWD, path, nullptr, 0);
-}
-
-/**
- * Stands while the document is being fetched: what a killed fetch leaves is no document, however new its file is. It
- * needs no more care than that: without it, as before the first fetch, the age alone decides.
- */
-void MarkFetch() {
-	const int fd = open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-	if (fd >= 0) {
-		close(fd);
-	}
-}
-
-bool IsFetchUnfinished() {
-	return access(kFetchMark, F_OK) == 0;
-}
 
 std::string HardwareId() {
 	const std::unique_ptr<tarncrypto_hwid, HardwareIdCloser> context(tarncrypto_hwid_init());
@@ -96,26 +66,11 @@ DatabaseStatus InfoGetter::GetDatabaseStatus(const std::string& id) const {
 
 void InfoGetter::SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const {
 	io_->WriteJson(StatusPath(id), DatabaseStatus::ToJson(status));
-	ClearReplacementMark(id);
 }
 
 Json::Value InfoGetter::GetDatabaseInfo() const {
-	io_->TarnMkdir(kCacheDirectory);
-	try {
-		const FileLock lock(kFreshInfoLock, kLockTimeout);
-		if (TLIBCFileExist(kCachedInfo) == 0 || IsFetchUnfinished() ||
-		    io_->FileCreateOver(kCachedInfo, kCacheSeconds)) {
-			MarkFetch();
-			io_->Download(kCachedInfo, GetDatabaseUrl());
-			StartAge(kCachedInfo);
-			unlink(kFetchMark);
-		}
-		return io_->ReadJson(kCachedInfo);
-	} catch (const UpdateError& error) {
-		TARN_LOG(LOG_INFO, "Fail during fresh database info");
-		TARN_LOG(LOG_INFO, "Error message: %s", error.what());
-		throw;
-	}
+	return GetFreshInfo(
+	    *io_, [this] { return GetDatabaseUrl(); }, kLockTimeout);
 }
 
 std::string InfoGetter::GetDatabaseUrl() const {

@@ -9,7 +9,6 @@ namespace tarn::dataupdate {
 namespace {
 
 std::atomic<bool> requested(false);
-std::atomic<bool> replacing_files(false);
 std::atomic<int> shields(0);
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may not wait for a lock");
 
@@ -28,7 +27,7 @@ void ForgetInterruption() noexcept {
 }
 
 bool IsInterrupted() noexcept {
-	return requested && !replacing_files && shields == 0;
+	return requested && shields == 0;
 }
 
 void InterruptionPoint() {
@@ -43,10 +42,6 @@ InterruptionShield::InterruptionShield() noexcept {
 
 InterruptionShield::~InterruptionShield() {
 	--shields;
-}
-
-void SetReplacing(bool replacing) noexcept {
-	replacing_files = replacing;
 }
 
 } // namespace tarn::dataupdate

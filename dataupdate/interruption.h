@@ -5,9 +5,9 @@
  * A host that is told to end asks for it from any thread or signal handler. The operation that runs in the process then
  * fails with UpdateError at its next convenient moment, and so does every later one: before a download, an unpacking, a
  * patch, within a digest or a script, and while it waits for a lock ("Fail to lock <path>", or -1 in the C interface).
- * Its destructors remove temporary data and release locks as after any failure. From the first change of installed
- * files until the new version is recorded nothing ends early. A download or a patch is another program's work, which
- * the host may end in addition.
+ * Its destructors remove temporary data and release locks as after any failure. Class Update holds requests back from
+ * the first change of installed files until the new version is recorded. A download or a patch is another program's
+ * work, which the host may end in addition.
  */
 #ifndef DATAUPDATE_INTERRUPTION_H
 #define DATAUPDATE_INTERRUPTION_H
@@ -35,9 +35,6 @@ public:
 	InterruptionShield(const InterruptionShield&) = delete;
 	InterruptionShield& operator=(const InterruptionShield&) = delete;
 };
-
-/** Installed files change from here on, until this is taken back. */
-void SetReplacing(bool replacing) noexcept;
 
 } // namespace tarn::dataupdate
 

@@ -1,5 +1,6 @@
 #include "patch_conflicts.h"
 
+#include "patch_names.h"
 #include "update_error.h"
 #include "utils.h"
 
@@ -16,7 +17,7 @@ namespace {
 class ConflictCheck {
 public:
 	ConflictCheck(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& install_directory)
-	    : modify_infos_(modify_infos), install_directory_(install_directory) {}
+	    : modify_infos_(ByPlainName(modify_infos)), install_directory_(install_directory) {}
 
 	void Run() {
 		for (const auto& [name, info] : modify_infos_) {
@@ -81,7 +82,7 @@ private:
 		throw UpdateError((NoexceptFormat("In the way of %s: %s") % name % path.string()).str());
 	}
 
-	const std::map<std::string, ModifyInfo>& modify_infos_;
+	const std::map<std::string, ModifyInfo> modify_infos_;
 	const std::string& install_directory_;
 	std::set<std::string> known_directories_;
 };

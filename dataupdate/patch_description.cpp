@@ -1,11 +1,14 @@
 #include "patch_description.h"
 
+#include "patch_names.h"
 #include "update_error.h"
 #include "utils.h"
 
 #include <boost/filesystem.hpp>
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 
 namespace tarn::dataupdate {
 
@@ -13,65 +16,61 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-/** Whether a name stays below whatever directory it is joined to, and has one spelling only. */
-bool IsPlainRelative(const std::string& name) {
-	if (name.empty() || name.find('\0') != std::string::npos) {
-		return false;
-	}
-	for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
-		end = name.find('/', begin);
-		const std::string part = name.substr(begin, end == std::string::npos ? end : end - begin);
-		if (part.empty() || part == "." || part == "..") {
-			return false;
+/**
+ * Whether a link is on the way to an input file: what it leads to is not covered by the package's signature. The new
+ * content of a file may itself be a link, which is copied as a link.
+ */
+bool PassesALink(const fs::path& package, const fs::path& input, bool may_be_link) {
+	fs::path path = package;
+	for (const fs::path& part : input) {
+		path /= part;
+		boost::system::error_code ignored;
+		const bool is_last = path == package / input;
+		if (fs::is_symlink(fs::symlink_status(path, ignored)) && !(is_last && may_be_link)) {
+			return true;
 		}
 	}
-	return true;
+	return false;
 }
 
-void CheckInput(const fs::path& package, const std::string& input) {
-	boost::system::error_code ignored;
-	const fs::path path = package / input;
-	const fs::file_status status = fs::symlink_status(path, ignored);
-	// A link on the way could lead anywhere, whatever the name looks like. What is missing fails when it is used.
-	const bool is_fit =
-	    status.type() == fs::file_not_found || (fs::is_regular_file(status) && fs::canonical(path, ignored) == path);
-	if (!IsPlainRelative(input) || !is_fit) {
+void CheckInput(const std::string& package, const std::string& input, const std::string& operation) {
+	// What is missing or no file fails when it is used.
+	if (!StaysBelow(input) || PassesALink(package, input, operation == "create")) {
 		throw UpdateError("Illegal input file in diff package: " + input);
 	}
 }
 
-std::string StringMember(const Json::Value& value, const char* key, const std::string& name) {
-	const Json::Value& member = value[key];
-	if (!member.isNull() && !member.isString()) {
-		throw UpdateError((NoexceptFormat("Invalid %s of %s in diff package") % key % name).str());
+/** Parsed, a value takes a hundred times the bytes of its shortest text: neither length nor number may be any. */
+void CheckSize(const std::string& path) {
+	std::ifstream file(path, std::ios::binary);
+	std::array<char, 1U << 16U> block{};
+	std::uint64_t size = 0;
+	std::uint64_t values = 0;
+	while (file.read(block.data(), block.size()), file.gcount() > 0) {
+		size += static_cast<std::uint64_t>(file.gcount());
+		values += static_cast<std::uint64_t>(std::count_if(block.begin(), block.begin() + file.gcount(),
+		    [](char byte) { return byte == ',' || byte == '{' || byte == '['; }));
+		if (size > kMaxDescriptionBytes || values > kMaxDescriptionValues) {
+			throw UpdateError("Too large a description of patches: " + path);
+		}
 	}
-	return member.asString();
 }
 
 } // namespace
 
 std::vector<PatchMember> ReadPatchDescription(const std::string& package_directory) {
 	const std::string path = package_directory + "/patch_infos.json";
+	CheckSize(path);
 	const Json::Value description = IOUtils().ReadJson(path);
-	if (!description.isObject()) {
-		throw UpdateError("Not a description of patches: " + path);
-	}
-	boost::system::error_code ignored;
-	const fs::path package = fs::canonical(package_directory, ignored);
 	std::vector<PatchMember> members;
 	for (const std::string& name : description.getMemberNames()) {
-		if (!IsPlainRelative(name)) {
+		if (!IsFileNameBelow(name)) {
 			throw UpdateError("Illegal file name in diff package: " + name);
 		}
 		const Json::Value& value = description[name];
-		if (!value.isObject()) {
-			throw UpdateError("Invalid description of " + name + " in diff package");
-		}
-		const std::string input = StringMember(value, "input_file", name);
-		const std::string operation = StringMember(value, "operation", name);
-		if (!input.empty() || operation == "create" || operation == "update") {
-			CheckInput(package, input);
-		}
+		const std::string operation = value["operation"].asString();
+		const std::string input = value["input_file"].asString();
+		CheckInput(package_directory, input, operation);
 		members.push_back({name, operation, (NoexceptFormat("%s/%s") % package_directory % input).str()});
 	}
 	return members;

@@ -3,6 +3,7 @@
 #include "digest_stream.h"
 #include "file_copy.h"
 #include "patch_description.h"
+#include "patch_names.h"
 #include "progress.h"
 #include "sql_script.h"
 #include "update_error.h"
@@ -28,11 +29,34 @@ bool ExistsOrThrow(const std::string& path) {
 	}
 }
 
-/** A link would let a patch change the file that it leads to. */
-void CheckRegular(const std::string& path) {
+[[noreturn]] void RefuseAsNotRegular(const std::string& path) {
+	throw UpdateError("Not a regular file: " + path);
+}
+
+/** A link would let a patch change the file that it leads to. Whatever else is no file fails by itself. */
+void CheckNoLink(const std::string& path) {
 	boost::system::error_code ignored;
-	if (!fs::is_regular_file(fs::symlink_status(path, ignored))) {
-		throw UpdateError("Not a regular file: " + path);
+	if (fs::is_symlink(fs::symlink_status(path, ignored))) {
+		RefuseAsNotRegular(path);
+	}
+}
+
+/** All of them, so that the first file is not replaced when the last one cannot be. */
+void CheckSources(const std::map<std::string, ModifyInfo>& modify_infos) {
+	for (const auto& [name, info] : modify_infos) {
+		boost::system::error_code ignored;
+		if (info.operation == ModifyInfo::kOverride && !fs::is_regular_file(fs::status(info.source, ignored))) {
+			RefuseAsNotRegular(info.source);
+		}
+	}
+}
+
+/** A link's file belongs to somebody else, who may write to it under its own name. */
+void PutIntoPlace(const std::string& source, const std::string& target) {
+	if (fs::is_symlink(fs::symlink_status(source))) {
+		CopyRegularFile(source, target);
+	} else {
+		InstallRegularFile(source, target);
 	}
 }
 
@@ -72,29 +96,34 @@ void Patcher::ApplyPackage(const std::string& package_directory) {
 }
 
 void Patcher::Install() const {
-	for (const auto& [name, info] : modify_infos_) {
+	const std::map<std::string, ModifyInfo> modify_infos = ByPlainName(modify_infos_);
+	CheckSources(modify_infos);
+	for (const auto& [name, info] : modify_infos) {
 		const fs::path installed = fs::path(install_directory_) / name;
 		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
-		const bool stays_directory = is_directory && _DeleteBelow(name) && info.operation == ModifyInfo::kDelete;
+		// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
+		const bool stays_directory = is_directory && (_DeleteBelow(modify_infos, name) || !fs::is_empty(installed)) &&
+		                             info.operation == ModifyInfo::kDelete;
 		if (!stays_directory) {
 			fs::remove(installed);
 		}
 		if (info.operation == ModifyInfo::kOverride) {
 			fs::create_directories(installed.parent_path());
-			InstallRegularFile(info.source, installed.string());
+			PutIntoPlace(info.source, installed.string());
 		}
 	}
 }
 
-bool Patcher::_DeleteBelow(const std::string& name) const {
+bool Patcher::_DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const {
 	const std::string prefix = name + "/";
 	bool has_files = false;
-	for (auto entry = modify_infos_.lower_bound(prefix);
-	     entry != modify_infos_.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
-		if (entry->second.operation == ModifyInfo::kDelete) {
-			fs::remove(fs::path(install_directory_) / entry->first);
-		} else {
+	for (auto entry = modify_infos.lower_bound(prefix);
+	     entry != modify_infos.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
+		const fs::path installed = fs::path(install_directory_) / entry->first;
+		if (entry->second.operation != ModifyInfo::kDelete) {
 			has_files = true;
+		} else if (!fs::is_directory(fs::symlink_status(installed))) { // One still holds what is deleted after it.
+			fs::remove(installed);
 		}
 	}
 	RemoveEmptyDirectories(fs::path(install_directory_) / name);
@@ -103,6 +132,7 @@ bool Patcher::_DeleteBelow(const std::string& name) const {
 
 void Patcher::_PatchFile(const std::string& name, const std::string& operation, const std::string& input) {
 	const ActivityScope activity(Phase::kPatch, (fs::path(install_directory_) / name).string());
+	_ClaimFile(name);
 	if (operation == "create") {
 		const std::string working_copy = _ClaimWorkingCopy(name);
 		IOUtils().CopyFile(input, working_copy);
@@ -120,9 +150,10 @@ void Patcher::_PatchFile(const std::string& name, const std::string& operation, 
 
 void Patcher::_TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const {
 	IOUtils().CopyFile(installed, working_copy);
-	CheckRegular(working_copy);
 	const auto known = digests_.find(installed);
-	if (check_digest && known != digests_.end() && FileSha384(working_copy) != known->second) {
+	boost::system::error_code ignored;
+	const bool is_file = fs::is_regular_file(fs::symlink_status(working_copy, ignored));
+	if (check_digest && is_file && known != digests_.end() && FileSha384(working_copy) != known->second) {
 		throw UpdateError((NoexceptFormat("File %s digest check fail") % installed).str());
 	}
 }
@@ -130,9 +161,10 @@ void Patcher::_TakeInstalled(const std::string& installed, const std::string& wo
 void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
 	const std::string extension = fs::path(input).extension().string();
 	if (!ExistsOrThrow(working_copy)) {
-		const std::string installed = (fs::path(install_directory_) / name).string();
+		const std::string installed = (fs::path(install_directory_) / PlainName(name)).string();
 		_TakeInstalled(installed, working_copy, extension == ".sqlitediff");
 	}
+	CheckNoLink(working_copy);
 	if (extension == ".vcdiff") {
 		_DoVcPatch(working_copy, input);
 	} else if (extension == ".sqlitediff") {
@@ -153,6 +185,13 @@ void Patcher::_DoVcPatch(const std::string& file, const std::string& patch) cons
 
 void Patcher::_DoSqlitePatch(const std::string& database, const std::string& script) const {
 	ExecuteSqlScript(database, script);
+}
+
+void Patcher::_ClaimFile(const std::string& name) {
+	const std::string& spelling = spellings_.emplace(PlainName(name), name).first->second;
+	if (spelling != name) {
+		throw UpdateError((NoexceptFormat("Names %s and %s mean one file") % spelling % name).str());
+	}
 }
 
 std::string Patcher::_ClaimWorkingCopy(const std::string& name) {

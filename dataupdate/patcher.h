@@ -36,7 +36,8 @@ public:
 	/**
 	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
 	 * for file <name>", "Unsupported diff type: <extension>", "Fail to get exists info from <working copy>", "Working
-	 * copies of <name> and <name> collide", "Not a regular file: <working copy>", "File <path> digest check fail",
+	 * copies of <name> and <name> collide", "Names <name> and <name> mean one file", "Not a regular file: <working
+	 * copy>" where a link would be patched, "File <path> digest check fail",
 	 * IOUtils::CopyFile()'s and the decoder's errors, "Fail to keep permissions: <why>", "Failt to delete <path>" and
 	 * ExecuteSqlScript()'s.
 	 */
@@ -46,22 +47,26 @@ public:
 	[[nodiscard]] const std::map<std::string, ModifyInfo>& Modifications() const { return modify_infos_; }
 
 	/**
-	 * Removes or replaces the installed files accordingly. Throws Boost's filesystem error, for example when a file's
-	 * place is taken by a directory with files of which the chain knows nothing.
+	 * Removes or replaces the installed files accordingly. A deleted name may be a directory's: the directory goes with
+	 * what the chain deletes in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
+	 * when a new file's place is taken by a directory with files of which the chain knows nothing. Throws UpdateError
+	 * "Not a regular file: <working copy>", before anything is removed, when a package created something else.
 	 */
 	void Install() const;
 
 private:
 	/**
-	 * For a directory that has a file's name: deletes now what the chain deletes in it, because a file may be about to
-	 * take its place. Returns whether the chain puts files into it as well.
+	 * For a directory whose name the chain deletes or gives to a file: deletes now what the chain deletes in it, since
+	 * its name comes before theirs. Returns whether the chain puts files into it as well.
 	 */
-	bool _DeleteBelow(const std::string& name) const;
+	bool _DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const;
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
 	void _TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
 	void _DoVcPatch(const std::string& file, const std::string& patch) const;
 	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
+	/** Keeps one file from having two working copies by two spellings of its name. */
+	void _ClaimFile(const std::string& name);
 	std::string _ClaimWorkingCopy(const std::string& name);
 	void _Record(const std::string& name, int32_t operation, const std::string& source);
 
@@ -70,6 +75,7 @@ private:
 	Decoder decoder_;
 	std::map<std::string, std::string> digests_;
 	std::map<std::string, std::string> names_of_copies_; // Which name a flat one stands for.
+	std::map<std::string, std::string> spellings_;       // By shortest spelling, the one that the chain uses.
 	std::map<std::string, ModifyInfo> modify_infos_;
 };
 

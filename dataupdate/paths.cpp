@@ -22,10 +22,6 @@ std::string ReplacementMarkPath(const std::string& id) {
 	return (NoexceptFormat("/var/lib/data_update/%s/replacing") % id).str();
 }
 
-std::string OverlayMarkPath(const std::string& id) {
-	return (NoexceptFormat("/var/lib/data_update/%s/overlaid") % id).str();
-}
-
 std::string MainDirPath(const std::string& volume) {
 	return (NoexceptFormat("%s/@database/autoupdate") % volume).str();
 }

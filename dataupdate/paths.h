@@ -33,8 +33,6 @@ std::string UsingLockPath(const std::string& id);
 std::string StatusPath(const std::string& id);
 /** Stands beside the record while it may not describe the installed files. */
 std::string ReplacementMarkPath(const std::string& id);
-/** Stands while files of an earlier version may lie among those of the recorded one. */
-std::string OverlayMarkPath(const std::string& id);
 /** Where the databases of a volume lie. */
 std::string MainDirPath(const std::string& volume);
 /** The temporary area below a volume. */

@@ -14,8 +14,10 @@ extern "C" {
 #endif
 
 /**
- * Takes a shared lock on a database, so that its files are not replaced while it is held. Readers share it; an update
- * waits for all of them, at most 600 seconds, and only while it replaces the files.
+ * Takes a shared lock on a database, so that its files are not replaced while it is held. An update that was killed in
+ * the middle of replacing them has left files of two versions and no lock: until the next update has made them good,
+ * the file "/var/lib/data_update/<project>/replacing" stands, for which a reader has to look while it holds the lock.
+ * Readers share it; an update waits for all of them, at most 600 seconds, and only while it replaces the files.
  *
  * @param project          database id
  * @param timeout_seconds  how long to wait for a running replacement; 0 tries once

@@ -1,6 +1,5 @@
 #include "replacement_mark.h"
 
-#include "interruption.h"
 #include "log.h"
 #include "paths.h"
 #include "update_error.h"
@@ -53,15 +52,7 @@ void SetMark(const fs::path& path) {
 		throw UpdateError(std::string("Fail to mark replacement: ") + error.what());
 	}
 	if (!CreateDurably(path)) {
-		const int error = errno;
-		unlink(path.c_str()); // Nothing has changed yet.
-		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(error));
-	}
-}
-
-void RemoveMark(const std::string& path) {
-	if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", path.c_str(), std::strerror(errno));
+		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(errno));
 	}
 }
 
@@ -69,7 +60,6 @@ void RemoveMark(const std::string& path) {
 
 void SetReplacementMark(const std::string& id) {
 	SetMark(ReplacementMarkPath(id));
-	SetReplacing(true);
 }
 
 bool MarkUnfinished(const std::string& id) {
@@ -77,7 +67,12 @@ bool MarkUnfinished(const std::string& id) {
 	if (MayExist(mark)) {
 		return false;
 	}
-	SetMark(mark);
+	try {
+		SetMark(mark);
+	} catch (const UpdateError&) {
+		unlink(mark.c_str()); // There was none before, and nothing will be changed.
+		throw;
+	}
 	return true;
 }
 
@@ -87,23 +82,10 @@ bool IsReplacementMarked(const std::string& id) {
 
 void ClearReplacementMark(const std::string& id) noexcept {
 	const std::string mark = ReplacementMarkPath(id);
-	if (SyncRecord(StatusPath(id))) {
-		RemoveMark(mark);
-	} else {
+	const bool is_removed = SyncRecord(StatusPath(id)) && (unlink(mark.c_str()) == 0 || errno == ENOENT);
+	if (!is_removed) {
 		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));
 	}
-}
-
-void SetOverlayMark(const std::string& id) {
-	SetMark(OverlayMarkPath(id));
-}
-
-bool IsOverlayMarked(const std::string& id) {
-	return MayExist(OverlayMarkPath(id));
-}
-
-void ClearOverlayMark(const std::string& id) noexcept {
-	RemoveMark(OverlayMarkPath(id));
 }
 
 } // namespace tarn::dataupdate

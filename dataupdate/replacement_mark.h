@@ -4,7 +4,8 @@
  *
  * The mark is on the disk before the first file changes and goes when the new state has been recorded. Whoever finds it
  * knows that the files may be a mixture of two versions which no record describes, and that patches would make a third
- * of them.
+ * of them. Class Update sets, heeds and removes the mark (replacement_scope.h); the classes that it uses know nothing
+ * of marks, so that a host which calls those classes by itself gets no file that it did not ask for.
  */
 #ifndef DATAUPDATE_REPLACEMENT_MARK_H
 #define DATAUPDATE_REPLACEMENT_MARK_H
@@ -16,20 +17,20 @@
 namespace tarn::dataupdate {
 
 /**
- * Sets a database's mark durably; the operation is then not interrupted any more. Throws UpdateError "Fail to mark
- * replacement: <path>: <why>".
+ * Sets a database's mark durably. Throws UpdateError "Fail to mark replacement: <path>: <why>"; the mark may then be
+ * there all the same.
  */
 void SetReplacementMark(const std::string& id);
 
 /**
- * Sets the mark as durably, without holding back interruptions: for a host that moves a database. False when it is set
- * already. Throws like SetReplacementMark().
+ * Sets the mark as durably, for a host that moves a database. False when the mark is set already. Throws like
+ * SetReplacementMark(), and the mark is then not there.
  */
 TARNDBUD_EXPORT bool MarkUnfinished(const std::string& id);
 
 /**
- * Whether the mark contradicts the record beside it. Without a record it says nothing: then nothing is known to be
- * installed, or the host keeps its records elsewhere and clears no marks.
+ * Whether the mark contradicts the record beside it. Without a record the mark says nothing: then nothing is known to
+ * be installed, or the host keeps its records elsewhere.
  */
 TARNDBUD_EXPORT bool IsReplacementMarked(const std::string& id);
 
@@ -38,15 +39,6 @@ TARNDBUD_EXPORT bool IsReplacementMarked(const std::string& id);
  * next update is then merely a full one.
  */
 TARNDBUD_EXPORT void ClearReplacementMark(const std::string& id) noexcept;
-
-/**
- * Remembers durably that a version was unpacked over an earlier one, whose files no diff package would delete. Only a
- * full update is then exact, and takes the mark away. Throws like SetReplacementMark().
- */
-void SetOverlayMark(const std::string& id);
-bool IsOverlayMarked(const std::string& id);
-/** A failure is logged, since the next update is then merely a full one. */
-void ClearOverlayMark(const std::string& id) noexcept;
 
 } // namespace tarn::dataupdate
 

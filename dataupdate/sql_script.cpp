@@ -1,6 +1,7 @@
 #include "sql_script.h"
 
 #include "interruption.h"
+#include "sql_authorizer.h"
 #include "update_error.h"
 #include "utils.h"
 
@@ -8,8 +9,8 @@
 #include <boost/filesystem.hpp>
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <fstream>
 #include <stdexcept>
 
@@ -17,46 +18,13 @@ namespace tarn::dataupdate {
 
 namespace {
 
-bool IsOneOf(const char* name, std::initializer_list<const char*> names) {
-	return name != nullptr && std::any_of(names.begin(), names.end(),
-	                              [name](const char* other) { return sqlite3_stricmp(name, other) == 0; });
-}
-
-int Authorize(void* /*context*/, int action, const char* first, const char* second, const char* /*database*/,
-    const char* /*trigger*/) {
-	switch (action) {
-	case SQLITE_TRANSACTION:
-	case SQLITE_ATTACH:
-	case SQLITE_DETACH:
-		return SQLITE_DENY;
-	case SQLITE_FUNCTION:
-		return IsOneOf(second, {"load_extension", "fts3_tokenizer"}) ? SQLITE_DENY : SQLITE_OK;
-	case SQLITE_PRAGMA:
-		// Others take away the journal that a rollback needs, move files, or hold for the whole process.
-		return IsOneOf(first, {"user_version", "application_id", "foreign_keys", "defer_foreign_keys"}) ? SQLITE_OK
-		                                                                                                : SQLITE_DENY;
-	default:
-		return SQLITE_OK;
-	}
-}
-
-/** Asked every so many instructions, because a single statement may run for long. */
-int IsToBeEnded(void* /*context*/) {
-	return IsInterrupted() ? 1 : 0;
-}
-
 /** Keeps a script within its transaction and its file, for as long as the object lives. */
 class Restriction {
 public:
 	explicit Restriction(SQLite::Database& database) : database_(database) {
-		constexpr int kInstructions = 10'000;
-		database_.check(sqlite3_set_authorizer(database_.getHandle(), Authorize, nullptr));
-		sqlite3_progress_handler(database_.getHandle(), kInstructions, IsToBeEnded, nullptr);
+		database_.check(sqlite3_set_authorizer(database_.getHandle(), AuthorizeScript, nullptr));
 	}
-	~Restriction() {
-		sqlite3_progress_handler(database_.getHandle(), 0, nullptr, nullptr);
-		sqlite3_set_authorizer(database_.getHandle(), nullptr, nullptr);
-	}
+	~Restriction() { sqlite3_set_authorizer(database_.getHandle(), nullptr, nullptr); }
 	Restriction(const Restriction&) = delete;
 	Restriction& operator=(const Restriction&) = delete;
 
@@ -64,20 +32,55 @@ private:
 	SQLite::Database& database_;
 };
 
-void ExecuteLines(SQLite::Database& database, const std::string& script) {
-	const Restriction restriction(database);
-	std::ifstream lines(script, std::ios::binary);
-	std::string line;
-	while (std::getline(lines, line)) {
-		InterruptionPoint();
-		// SQLite would take the line for finished there.
-		if (line.find('\0') != std::string::npos) {
-			throw std::runtime_error("zero byte in " + script);
+class ScriptLines {
+public:
+	explicit ScriptLines(const std::string& path) : path_(path), file_(path, std::ios::binary) {}
+
+	/** Takes the next line; returns false behind the last. */
+	bool Next(std::string& line) {
+		line.clear();
+		int byte = Take();
+		if (byte == kEnd) {
+			return false;
 		}
-		database.exec(line);
+		for (; byte != kEnd && byte != '\n'; byte = Take()) {
+			// SQLite would take the line for finished there.
+			if (byte == '\0') {
+				throw std::runtime_error("zero byte in " + path_);
+			}
+			if (line.size() == kMaxScriptLineBytes) {
+				throw std::runtime_error(
+				    "line of more than " + std::to_string(kMaxScriptLineBytes) + " bytes in " + path_);
+			}
+			line += static_cast<char>(byte);
+		}
+		return true;
 	}
-	if (!lines.eof()) {
-		throw std::runtime_error("unable to read " + script);
+
+private:
+	static constexpr int kEnd = std::filebuf::traits_type::eof();
+
+	/** From the buffer, since a stream takes ten times as long for each byte. */
+	int Take() {
+		try {
+			if (file_.is_open()) {
+				return file_.rdbuf()->sbumpc();
+			}
+		} catch (const std::ios_base::failure&) { // NOLINT(bugprone-empty-catch): says no more than the next line
+		}
+		throw std::runtime_error("unable to read " + path_);
+	}
+
+	const std::string& path_;
+	std::ifstream file_;
+};
+
+void ExecuteLines(SQLite::Database& database, ScriptLines& lines) {
+	const Restriction restriction(database);
+	std::string line;
+	while (lines.Next(line)) {
+		InterruptionPoint();
+		database.exec(line);
 	}
 }
 
@@ -91,20 +94,67 @@ void CheckStandsAlone(const std::string& database) {
 	}
 }
 
+/** Only before the transaction. */
+void Prepare(SQLite::Database& file) {
+	const std::int64_t page_bytes = file.execAndGet("PRAGMA page_size").getInt64();
+	const std::int64_t pages = file.execAndGet("PRAGMA page_count").getInt64() + kMaxScriptGrowthBytes / page_bytes;
+	file.exec("PRAGMA synchronous = OFF");
+	file.exec("PRAGMA max_page_count = " + std::to_string(pages));
+	file.exec("PRAGMA cache_size = -8000"); // whatever the file asks for
+	// What a statement needs beside the file counts as memory, which is limited, and fills nobody's /var/tmp.
+	file.exec("PRAGMA temp_store = MEMORY");
+}
+
+/** Says of what SQLite has no words for why it ended a script. */
+[[noreturn]] void ThrowReason(const SQLite::Exception& error, bool is_late, std::chrono::seconds time) {
+	if (is_late && error.getErrorCode() == SQLITE_INTERRUPT) {
+		throw std::runtime_error("not finished after " + std::to_string(time.count()) + " seconds");
+	}
+	if (error.getErrorCode() == SQLITE_NOMEM) {
+		throw std::runtime_error("more than " + std::to_string(kMaxScriptMemoryBytes) + " bytes of memory needed");
+	}
+	throw error;
+}
+
+void ChangeDatabase(SQLite::Database& file, const std::string& script, bool is_empty, std::chrono::seconds time) {
+	const ScriptWatch watch(file.getHandle(), time);
+	try {
+		if (!is_empty) {
+			Prepare(file);
+		}
+		SQLite::Transaction transaction(file);
+		ScriptLines lines(script);
+		ExecuteLines(file, lines);
+		transaction.commit();
+	} catch (const SQLite::Exception& error) {
+		ThrowReason(error, watch.IsLate(), time);
+	}
+}
+
+/** Then no byte of the database is looked at, so that any file will do. */
+bool IsEmpty(const std::string& script) {
+	boost::system::error_code error;
+	return boost::filesystem::file_size(script, error) == 0 && !error;
+}
+
 } // namespace
 
-void ExecuteSqlScript(const std::string& database, const std::string& script) {
+void ExecuteSqlScript(const std::string& database, const std::string& script, std::chrono::seconds time) {
 	try {
-		CheckStandsAlone(database);
+		const bool is_empty = IsEmpty(script);
+		if (!is_empty) {
+			CheckStandsAlone(database);
+		}
 		{
+			const ScriptMemoryLimit memory;
 			SQLite::Database file(database, SQLite::OPEN_READWRITE, 0);
-			file.exec("PRAGMA synchronous = OFF");
-			SQLite::Transaction transaction(file);
-			ExecuteLines(file, script);
-			transaction.commit();
+			LimitConnection(file.getHandle());
+			ChangeDatabase(file, script, is_empty, time);
 		}
 		// In WAL mode the content reaches the file only when it is closed, and a failure then is told to nobody.
-		CheckStandsAlone(database);
+		if (!is_empty) {
+			CheckStandsAlone(database);
+		}
 	} catch (const std::exception& error) {
 		throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % error.what()).str());
 	}

@@ -1,6 +1,7 @@
 #include "strategy.h"
 
 #include "digest_stream.h"
+#include "extract_package.h"
 #include "log.h"
 #include "progress.h"
 #include "update_error.h"
@@ -55,6 +56,11 @@ bool BaseStrategy::_IsSpaceEnough(const std::string& path, int64_t delta) const 
 }
 
 void BaseStrategy::_ExtractTarballTo(const std::string& tarball, const std::string& destination) const {
+	ExtractPackage(tarball, destination, [] {});
+}
+
+void ExtractPackage(
+    const std::string& tarball, const std::string& destination, const std::function<void()>& before_first_change) {
 	const ActivityScope activity(Phase::kUnpack, destination);
 	const std::unique_ptr<tarnarchive, ArchiveCloser> archive(tarnarchive_init(destination.c_str()));
 	if (!archive) {
@@ -63,6 +69,7 @@ void BaseStrategy::_ExtractTarballTo(const std::string& tarball, const std::stri
 	if (!tarnarchive_open_with_keytype(archive.get(), tarball.c_str(), TARNARCHIVE_KEYTYPE_DATA_UPDATE)) {
 		throw UpdateError(ArchiveFailure("tarnarchive_open %s failed, ret: %d", tarball, false));
 	}
+	before_first_change();
 	if (!tarnarchive_extract_multiple(archive.get(), nullptr, TARNARCHIVE_EXTRACT_ALL)) {
 		throw UpdateError(ArchiveFailure("tarnarchive_extract %s failed, ret: %d", tarball, false));
 	}

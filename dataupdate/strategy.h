@@ -8,8 +8,9 @@
  * removes the temporary data. The caller holds the database's update lock, and syncs the file system before it records
  * the new version: readers need not wait for the disk. One thread uses a strategy.
  *
- * From the first change in the install directory until the caller has recorded the new version, a mark stands beside
- * that record ("/var/lib/data_update/<id>/replacing"): a killed run's mixture of versions is never patched.
+ * A strategy knows nothing of killed runs: class Update remembers an unfinished replacement and installs the full
+ * package after it. A caller that uses strategies by itself has to remember for itself, because patches would make a
+ * third version of a mixture.
  *
  * Three strings always travel together: the temporary base below which "@tmp/data_update" lies (the volume), the
  * install directory, and the path whose file system is measured. Failures are UpdateError.
@@ -75,9 +76,9 @@ public:
 	~FullStrategy() override;
 
 	/**
-	 * Removes what a killed run of this database left in the temporary area, then downloads and unpacks the package.
-	 * Throws IOUtils::Download's and _ExtractTarballTo's errors, "path not in base", "Fail to calculate modify info:
-	 * <why>" and "Disk space is too low".
+	 * Downloads the package and unpacks it into a directory that is emptied right before. Throws IOUtils::Download's
+	 * and _ExtractTarballTo's errors, "path not in base", "Fail to calculate modify info: <why>" and "Disk space is too
+	 * low".
 	 */
 	void PrepareUpdate() override;
 	/**
@@ -119,17 +120,17 @@ public:
 	~DiffStrategy() override;
 
 	/**
-	 * Removes what a killed run of this database left in the temporary area, then downloads, unpacks and applies one
-	 * package after the other. Throws "No sufficient diff patched" when a version's package is missing or the installed
-	 * version is not older, "The last replacement of <id> was not finished", "A version of <id> was installed over
-	 * another", CheckConflicts' "In the way of <file>: <path>", IOUtils::Download's and
-	 * _ExtractTarballTo's errors, an error that names the member, file or statement which cannot be applied, and "Disk
-	 * space is too low". A package's size is not compared with the announced one: its signature says more.
+	 * Downloads, unpacks and applies one package after the other, in directories that are emptied right before. Throws
+	 * "No sufficient diff patched" when a version's package is missing or the installed version is not older,
+	 * CheckConflicts' "In the way of <file>: <path>", IOUtils::Download's and _ExtractTarballTo's errors, an error that
+	 * names the member, file or statement which cannot be applied, and "Disk space is too low". JsonCpp's exceptions
+	 * about a package's description pass through. A package's size is not compared with the announced one: its
+	 * signature says more.
 	 */
 	void PrepareUpdate() override;
 	/**
 	 * Removes and replaces the changed files; directories that become empty stay. Throws "Fail to diff update: <why>",
-	 * after which the installed copy may be a mixture until the next update, which is then a full one.
+	 * after which the installed copy may be a mixture: the next update has to be a full one, as class Update makes it.
 	 */
 	void ApplyUpdate() override;
 	std::set<std::string> GetModifiedFiles() const override;

@@ -1,10 +1,11 @@
 #include "file_lock.h"
 #include "log.h"
 #include "patch_conflicts.h"
+#include "patch_names.h"
 #include "patcher.h"
 #include "paths.h"
 #include "progress.h"
-#include "replacement_mark.h"
+#include "replacement_scope.h"
 #include "strategy.h"
 #include "temp_data.h"
 #include "update_error.h"
@@ -34,7 +35,8 @@ void RunDecoder(const std::string& source, const std::string& output, const std:
 std::map<std::string, std::string> KnownDigests(const DatabaseStatus& status, const std::string& install_directory) {
 	std::map<std::string, std::string> digests;
 	for (const auto& [name, file] : status.file_statuses) {
-		digests.emplace(JoinPath(install_directory, name), file.sha384_digest);
+		const bool is_relative = StaysBelow(name);
+		digests.emplace(JoinPath(install_directory, is_relative ? PlainName(name) : name), file.sha384_digest);
 	}
 	return digests;
 }
@@ -77,17 +79,9 @@ void DiffStrategy::PrepareUpdate() {
 	if (!_IsDiffUpdateAvailable()) {
 		throw UpdateError("No sufficient diff patched");
 	}
-	if (IsReplacementMarked(id_)) {
-		throw UpdateError("The last replacement of " + id_ + " was not finished");
-	}
-	if (IsOverlayMarked(id_)) {
-		throw UpdateError("A version of " + id_ + " was installed over another");
-	}
 	const IOUtils io;
-	io.TarnMkdir(TempDirPath(temp_base_));
-	RemoveLeftovers(temp_base_, id_);
 	accumulation_directory_ = TempPath(temp_base_, id_, "sum");
-	io.TarnMkdir(accumulation_directory_);
+	MakeEmptyDirectory(accumulation_directory_);
 	patcher_ = std::make_unique<Patcher>(
 	    accumulation_directory_, install_directory_, RunDecoder, KnownDigests(status_, install_directory_));
 	for (int version = status_.data_version; version < remote_.data_version;) {
@@ -104,7 +98,7 @@ void DiffStrategy::ApplyUpdate() {
 	try {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
-		SetReplacementMark(id_);
+		AnnounceReplacement(id_);
 		if (patcher_) {
 			patcher_->Install();
 		}
@@ -152,7 +146,8 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
 	const std::string package = package_files_[version] = TempPath(temp_base_, id_, "d" + number);
 	const std::string directory = delta_directories_[version] = TempPath(temp_base_, id_, "delta_" + number);
 	const IOUtils io;
-	io.TarnMkdir(directory);
+	MakeEmptyDirectory(directory);
+	RemoveLink(package);
 	io.Download(package, diff.download_link);
 	_ExtractTarballTo(package, directory);
 	patcher_->ApplyPackage(directory);

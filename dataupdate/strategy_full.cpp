@@ -1,8 +1,9 @@
+#include "canonical_path.h"
 #include "file_copy.h"
 #include "file_lock.h"
 #include "paths.h"
 #include "progress.h"
-#include "replacement_mark.h"
+#include "replacement_scope.h"
 #include "strategy.h"
 #include "temp_data.h"
 #include "update_error.h"
@@ -24,11 +25,11 @@ class Canonicalizer {
 public:
 	std::string operator()(const fs::path& entry, bool is_link) {
 		if (is_link) {
-			return fs::canonical(entry).string();
+			return CanonicalPath(entry).string();
 		}
 		if (entry.parent_path() != directory_) {
 			directory_ = entry.parent_path();
-			canonical_directory_ = fs::canonical(directory_);
+			canonical_directory_ = CanonicalPath(directory_);
 		}
 		return (canonical_directory_ / entry.filename()).string();
 	}
@@ -61,10 +62,10 @@ void FullStrategy::PrepareUpdate() {
 	const IOUtils io;
 	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));
 	io.TarnMkdir(TempDirPath(temp_base_));
-	RemoveLeftovers(temp_base_, id_);
+	RemoveLink(package_path_);
 	io.Download(package_path_, remote_.download_link);
 	unpack_directory_ = TempPath(temp_base_, id_, "full");
-	io.TarnMkdir(unpack_directory_);
+	MakeEmptyDirectory(unpack_directory_);
 	_ExtractTarballTo(package_path_, unpack_directory_);
 	_CalModifyInfo();
 	io.TarnMkdir(install_directory_);
@@ -77,10 +78,9 @@ void FullStrategy::ApplyUpdate() {
 	try {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
-		SetReplacementMark(id_);
+		AnnounceReplacement(id_);
 		_ClearInstallDirectory();
 		_CopyFiles();
-		ClearOverlayMark(id_);
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string("Fail to full update: ") + error.what());
 	}
@@ -101,13 +101,16 @@ int64_t FullStrategy::GetDeltaSize() const {
 
 void FullStrategy::_CalModifyInfo() {
 	try {
-		const std::string base = fs::canonical(unpack_directory_).string();
+		std::string base; // Found out for the first file: a missing directory is the walk's to tell.
 		Canonicalizer canonical;
 		const auto add = [&](const std::string& entry) {
 			const fs::file_status own_status = fs::symlink_status(entry);
 			const bool is_link = fs::is_symlink(own_status);
 			if (!fs::is_regular_file(is_link ? fs::status(entry) : own_status)) {
 				return;
+			}
+			if (base.empty()) {
+				base = CanonicalPath(unpack_directory_).string();
 			}
 			const std::string resolved = canonical(entry, is_link);
 			if (resolved.compare(0, base.size(), base) != 0) {

@@ -1,6 +1,7 @@
+#include "extract_package.h"
 #include "file_lock.h"
 #include "paths.h"
-#include "replacement_mark.h"
+#include "replacement_scope.h"
 #include "strategy.h"
 #include "temp_data.h"
 #include "update_error.h"
@@ -23,7 +24,7 @@ void ForceInstallByLink::PrepareUpdate() {
 	const IOUtils io;
 	package_path_ = TempPath(temp_base_, id_, "debug");
 	io.TarnMkdir(TempDirPath(temp_base_));
-	io.RmRf(package_path_);
+	RemoveLink(package_path_);
 	io.Download(package_path_, link_);
 	io.TarnMkdir(install_directory_);
 }
@@ -31,8 +32,7 @@ void ForceInstallByLink::PrepareUpdate() {
 void ForceInstallByLink::ApplyUpdate() {
 	try {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
-		SetReplacementMark(id_);
-		_ExtractTarballTo(package_path_, install_directory_);
+		ExtractPackage(package_path_, install_directory_, [this] { AnnounceReplacement(id_); });
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string("Fail to force install: ") + error.what());
 	}

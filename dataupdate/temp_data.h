@@ -10,10 +10,16 @@
 namespace tarn::dataupdate {
 
 /**
- * Removes every package, unpack directory and working copy of one project from the temporary area of a base, so that
- * nothing of a killed run is unpacked over, patched or installed. Other projects' data stays. Throws UpdateError.
+ * Makes a directory, with missing parents, in which nothing is, so that nothing of a killed run is unpacked over,
+ * patched or installed. To be called right before the directory is used. Throws IOUtils::RmRf's and TarnMkdir's errors.
  */
-void RemoveLeftovers(const std::string& base, const std::string& id);
+void MakeEmptyDirectory(const std::string& path);
+
+/**
+ * Removes a link that lies where a package is downloaded to: the download would write to whatever the link leads to.
+ * Throws UpdateError "Fail to remove all: <path>".
+ */
+void RemoveLink(const std::string& path);
 
 /** Removes a downloaded package. For destructors: a failure is logged, and a missing file is none. */
 void CleanTarball(const std::string& path) noexcept;

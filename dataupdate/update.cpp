@@ -2,15 +2,13 @@
 
 #include "file_copy.h"
 #include "file_lock.h"
-#include "interruption.h"
 #include "log.h"
 #include "paths.h"
 #include "replacement_mark.h"
+#include "replacement_scope.h"
 #include "strategy.h"
 #include "update_error.h"
 #include "volume_handler.h"
-
-#include <boost/filesystem.hpp>
 
 #include <cstdint>
 #include <optional>
@@ -34,11 +32,7 @@ public:
 		any_.emplace(kUpdateAnyLock, kLockTimeout);
 		project_.emplace(UpdateLockPath(id), kLockTimeout);
 	}
-	/** What was replaced is recorded, or has failed, by now. */
 	void Release() {
-		if (project_) {
-			SetReplacing(false);
-		}
 		project_.reset();
 		any_.reset();
 	}
@@ -82,22 +76,6 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	return remote;
 }
 
-/**
- * Whether unpacking a version over what is installed can leave files that no later diff package deletes. Files of a
- * higher version are deleted by the packages that lead up to it again.
- */
-bool LeavesEarlierFiles(const std::string& id, int version, const std::string& install_prefix) {
-	int installed = -1;
-	try {
-		installed = DatabaseStatus::FromJson(IOUtils().ReadJson(StatusPath(id))).data_version;
-	} catch (const UpdateError&) {
-		installed = -1; // Then anything may lie there.
-	}
-	boost::system::error_code error;
-	const bool is_empty = boost::filesystem::is_empty(install_prefix, error);
-	return installed < version && !(is_empty || error == boost::system::errc::no_such_file_or_directory);
-}
-
 /** What is installed; a mixture that a killed run left counts as nothing, whatever the record says of the time before.
  */
 DatabaseStatus InstalledStatus(const InfoGetter& getter, const std::string& id) {
@@ -125,7 +103,10 @@ void Update::UpdateProject(const std::string& id) const {
 	RunLocked(*service_config_, id, "Update", [&] {
 		const DatabaseStatus status = InstalledStatus(*info_getter_, id);
 		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
-		const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
+		std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
+		if (IsReplacementMarked(id)) {
+			diffs.clear(); // Packages from the first version on would leave what else is in the mixture.
+		}
 		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
 		if (status.data_version >= remote.data_version) {
 			TARN_LOG(LOG_INFO, "'%s' has been up to date", id.c_str());
@@ -139,8 +120,10 @@ void Update::UpdateProject(const std::string& id) const {
 		const std::string root_directory = config->GetRootDirectory();
 		const std::string install_prefix = config->GetInstallPrefix();
 		const std::string volume = service_config_->GetCurVolume();
+		const ReplacementScope replacement(id);
 		info_getter_->SetDatabaseStatus(
 		    id, updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory));
+		replacement.EndByRecord();
 		TARN_LOG(LOG_WARNING, "Update %s completed and succeed", id.c_str());
 	});
 }
@@ -161,7 +144,9 @@ void Update::FixProject(const std::string& id) const {
 		if (!fixer.IsFixNeeded(status)) {
 			return;
 		}
+		const ReplacementScope replacement(id);
 		info_getter_->SetDatabaseStatus(id, fixer.Fix());
+		replacement.EndByRecord();
 		TARN_LOG(LOG_WARNING, "Fix %s completed and succeed", id.c_str());
 	});
 }
@@ -173,19 +158,18 @@ void Update::ForceInstall(const std::string& id, int version) const {
 	const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
 	const std::string install_prefix = config->GetInstallPrefix();
 	const std::string volume = service_config_->GetCurVolume();
+	const ReplacementScope replacement(id);
 	ForceInstallByLink strategy(id, remote.download_link, volume, install_prefix, "/");
 	strategy.PrepareUpdate();
-	if (LeavesEarlierFiles(id, remote.data_version, install_prefix)) {
-		SetOverlayMark(id);
-	}
 	strategy.ApplyUpdate();
 	const std::set<std::string> files = strategy.GetModifiedFiles();
 	DatabaseStatus status;
 	status.data_version = remote.data_version;
 	status.last_fetch_time = remote.last_fetch_time;
 	status.file_statuses = CalculateStatus(files, config->GetInstallPrefix());
-	SyncFileSystem(install_prefix);
+	SyncInstalled(install_prefix);
 	info_getter_->SetDatabaseStatus(id, status);
+	replacement.EndByRecord();
 }
 
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)

@@ -34,7 +34,7 @@ public:
 	virtual std::map<int, DiffInfo> GetDiffInfos(const std::string& id) const;
 	/** The installed state; version -1 and no files when "version.json" is missing or unusable (logged). */
 	virtual DatabaseStatus GetDatabaseStatus(const std::string& id) const;
-	/** Records the installed state; replaced files then count as what the record says. */
+	/** Records the installed state. */
 	virtual void SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const;
 	/**
 	 * The server's document: the cached one, "/var/cache/data_update/database_info.json", when it is at most 3,600
@@ -56,6 +56,11 @@ private:
  * Updates, repairs and force-installs databases. Each operation on one database holds
  * "/run/data_update/update_any.lock" and then "/run/data_update/update_<id>.lock", waiting up to 600 seconds for each,
  * so that one runs at a time on a device; "version.json" is written last, and not at all after a failure.
+ *
+ * From the first change of installed files until the new state has been recorded, a mark stands beside the record
+ * ("/var/lib/data_update/<id>/replacing") and requests to end early wait (interruption.h). A database that is found
+ * marked counts as version -1 without diff packages, because a killed run's mixture of versions must not be patched. A
+ * mark that cannot be set is logged at LOG_ERR.
  */
 class TARNDBUD_EXPORT Update {
 public:

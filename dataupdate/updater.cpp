@@ -44,6 +44,8 @@ DatabaseStatus Install(const std::string& id, BaseStrategy& strategy, const Remo
 	hook.ExecPre();
 	announce();
 	strategy.ApplyUpdate();
+	// What has changed is described to the end: the caller could not tell an end here from one before the change.
+	const InterruptionShield shield;
 	hook.ExecPost();
 	return NewStatus(remote, files, install_prefix);
 }
@@ -82,6 +84,13 @@ Updater::~Updater() = default;
 DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
     const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
     const std::string& rootDirectory) const {
+	return UpdateAndTell(id, status, remote, diffs, volume, installPrefix, rootDirectory).status;
+}
+
+UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
+    const std::string& rootDirectory) const {
+	UpdateResult result;
 	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
 	std::shared_ptr<BaseStrategy> strategy;
 	try {
@@ -92,12 +101,14 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
 		strategy->PrepareUpdate();
+		result.is_full = true;
 	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
-	DatabaseStatus result = Install(id, *strategy, remote, installPrefix, announce);
+	result.files = strategy->GetModifiedFiles();
+	result.status = Install(id, *strategy, remote, installPrefix, announce);
 	// Temporary data goes first, so that what was never written to the disk never has to be.
 	strategy.reset();
-	SyncFileSystem(installPrefix);
+	SyncInstalled(installPrefix);
 	return result;
 }
 
@@ -125,7 +136,7 @@ DatabaseStatus Fixer::Fix() const {
 		strategy.PrepareUpdate();
 		result = Install(id_, strategy, remote_, install_prefix_, [] {});
 	}
-	SyncFileSystem(install_prefix_);
+	SyncInstalled(install_prefix_);
 	return result;
 }
 

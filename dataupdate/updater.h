@@ -24,6 +24,14 @@ TARNDBUD_EXPORT bool CheckStatus(const std::map<std::string, FileStatus>& status
 /** The digests of those of the files that exist below root, keyed by the name given; see CheckStatus(). */
 TARNDBUD_EXPORT std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root);
 
+/** What an update did. */
+struct UpdateResult {
+	DatabaseStatus status; ///< The new installed state, to be recorded; lists those of the files that exist.
+	/** What was replaced, created or deleted: absolute after the full package, else relative to the directory. */
+	std::set<std::string> files;
+	bool is_full = false; ///< Whether the full package was installed, so that there are no other files.
+};
+
 /** Runs an update of one database; whether one is needed is the caller's decision. */
 class TARNDBUD_EXPORT Updater {
 public:
@@ -42,12 +50,22 @@ public:
 	 * @param rootDirectory  path whose file system must keep 5 % free
 	 * @return the new installed state, to be recorded by the caller, who also holds the database's update lock
 	 *
-	 * Throws UpdateError, and Boost's filesystem error when a new file's status cannot be had. The installed files are
-	 * untouched when preparing failed. After "Fail to diff update: " or "Fail to full update: " they may be a mixture,
-	 * and after a later failure they are the new ones that nothing records yet: repeating the update makes both good,
-	 * then by the full package. The hook after the change runs only when the change succeeded.
+	 * Throws UpdateError, Boost's filesystem error when a new file's status cannot be had, and JsonCpp's exceptions
+	 * about a diff package's description, after which no full package is tried. The installed files are untouched when
+	 * preparing failed. After "Fail to diff update: " or "Fail to full update: " they may be a mixture, and after a
+	 * later failure they are the new ones that nothing records yet. An update from version -1 without diff packages
+	 * makes both good, and so does class Update, which remembers. The hook after the change runs only when the change
+	 * succeeded.
 	 */
 	virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
+	    const std::string& rootDirectory) const;
+
+	/**
+	 * Does the same, and tells more: the new state does not name what diff packages deleted, so a host that keeps an
+	 * account of all files could not tell it from what vanished otherwise.
+	 */
+	UpdateResult UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory) const;
 };

@@ -3,6 +3,7 @@
 #include "file_copy.h"
 #include "log.h"
 #include "progress.h"
+#include "remove_tree.h"
 #include "update_error.h"
 
 #include <tarncore/tarncore.h>
@@ -18,10 +19,10 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <system_error>
 
 namespace tarn::dataupdate {
 
@@ -54,7 +55,7 @@ void PrintJson(std::ostream& out, const Json::Value& value) {
 
 void CreateParents(const std::string& path) {
 	const fs::path parent = fs::path(path).parent_path();
-	if (!parent.empty() && fs::status(parent).type() == fs::file_not_found) {
+	if (fs::status(parent).type() == fs::file_not_found) {
 		fs::create_directories(parent);
 	}
 }
@@ -83,6 +84,37 @@ bool IsDirectoryEntry(int dir, const dirent& entry) {
 
 bool IsDotEntry(const char* name) {
 	return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+constexpr char kDirectoryMark = 'd';
+constexpr char kOtherMark = '-';
+
+/** What a directory holds: for each entry a mark, its name and a zero byte, for there may be millions. */
+struct DirectoryEntries {
+	std::string names;
+	int error = 0; ///< Which ended the reading early.
+};
+
+/** Read whole and closed before anything is done with it, since a walk may be deeper than descriptors suffice. */
+DirectoryEntries ReadEntries(const std::string& path, bool tell_directories) {
+	const std::unique_ptr<DIR, DirectoryCloser> handle(opendir(path.c_str()));
+	if (!handle) {
+		throw UpdateError(std::strerror(errno));
+	}
+	DirectoryEntries entries;
+	while (true) {
+		errno = 0;
+		const dirent* entry = readdir(handle.get());
+		if (entry == nullptr) {
+			entries.error = errno;
+			return entries;
+		}
+		if (!IsDotEntry(entry->d_name)) {
+			entries.names +=
+			    tell_directories && IsDirectoryEntry(dirfd(handle.get()), *entry) ? kDirectoryMark : kOtherMark;
+			entries.names.append(entry->d_name, std::strlen(entry->d_name) + 1);
+		}
+	}
 }
 
 /** 0 for anything but a regular file, and for a missing one. */
@@ -183,8 +215,8 @@ bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
 
 void IOUtils::RmRf(const std::string& path) const {
 	try {
-		std::filesystem::remove_all(path); // Boost's takes three more system calls for every file.
-	} catch (const std::filesystem::filesystem_error&) {
+		RemoveTree(path);
+	} catch (const std::system_error&) {
 		throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
 	}
 }
@@ -206,10 +238,14 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 	const bool is_option = !url.empty() && url.front() == '-';
 	if (is_option || TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
 	                     agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) != 0) {
-		fs::remove(output_path);
+		RemoveFile(output_path);
 		throw UpdateError("Fail to wget url: " + url);
 	}
-	AddDownloadedBytes(RegularFileBytes(output_path));
+	struct stat status {};
+	// Only counted: a file that cannot be examined is no failed download.
+	if (stat(output_path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+		AddDownloadedBytes(static_cast<uint64_t>(status.st_size));
+	}
 }
 
 void IOUtils::TarnMkdir(const std::string& path) const {
@@ -223,27 +259,18 @@ void IOUtils::IterateDirectory(
     const std::string& dir, const std::function<void(const std::string&)>& callback, bool recursive) const {
 	CheckIsDirectory(dir);
 	const std::string prefix = dir.back() == '/' ? dir : dir + '/';
-	const std::unique_ptr<DIR, DirectoryCloser> handle(opendir(dir.c_str()));
-	if (!handle) {
-		throw UpdateError(std::strerror(errno));
-	}
-	while (true) {
-		errno = 0;
-		const dirent* entry = readdir(handle.get());
-		if (entry == nullptr) {
-			break;
-		}
-		if (IsDotEntry(entry->d_name)) {
-			continue;
-		}
-		const std::string path = prefix + entry->d_name;
-		if (recursive && IsDirectoryEntry(dirfd(handle.get()), *entry)) {
+	const DirectoryEntries entries = ReadEntries(dir, recursive);
+	for (size_t at = 0; at < entries.names.size();) {
+		const bool is_directory = entries.names[at] == kDirectoryMark;
+		const std::string path = prefix + &entries.names[at + 1];
+		at += path.size() - prefix.size() + 2;
+		if (recursive && is_directory) {
 			IterateDirectory(path, callback, true);
 		}
 		callback(path);
 	}
-	if (errno != 0) {
-		throw UpdateError(std::strerror(errno));
+	if (entries.error != 0) {
+		throw UpdateError(std::strerror(entries.error));
 	}
 }
 

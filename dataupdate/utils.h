@@ -47,8 +47,9 @@ public:
 
 	/**
 	 * Writes a value straight into the file, indented with tabs; missing parents are created. Throws "Fail to create
-	 * parent folder: <path>" and "Fail to write: <path>". A failure while writing leaves a truncated file: readers
-	 * take that for no file, and the next write replaces it.
+	 * parent folder: <path>", also for a path without a directory ("name"; "./name" has one), and "Fail to write:
+	 * <path>". A failure while writing leaves a truncated file: readers take that for no file, and the next write
+	 * replaces it.
 	 */
 	virtual void WriteJson(const std::string& path, const Json::Value& value) const;
 
@@ -58,7 +59,10 @@ public:
 	 */
 	virtual bool FileCreateOver(const std::string& path, int seconds) const;
 
-	/** Removes a path and everything below it; a missing one is no error. Throws "Fail to remove all: <path>". */
+	/**
+	 * Removes a path and everything below it. A missing path, also below what is a file, is no error. Throws "Fail to
+	 * remove all: <path>".
+	 */
 	virtual void RmRf(const std::string& path) const;
 
 	/**
@@ -70,8 +74,9 @@ public:
 
 	/**
 	 * Fetches a URL into a file with /usr/bin/wget, which tries three times. Throws "Fail to wget url: <url>", and the
-	 * output file is then gone, even one that existed before; also TarnGetUserAgent()'s error. A URL that begins with
-	 * "-" fails without running wget, which would take it for an option.
+	 * output file is then gone, even one that existed before, but never a directory; also TarnGetUserAgent()'s error
+	 * and Boost's filesystem error when the output file cannot be removed. A URL that begins with "-" fails without
+	 * running wget, which would take it for an option.
 	 */
 	virtual void Download(const std::string& output_path, const std::string& url) const;
 

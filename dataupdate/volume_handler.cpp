@@ -59,7 +59,10 @@ void VolumeHandler::UnmountVolumeEvent(const std::string& volume) const {
 	service_config_->SetCurVolume("");
 	try {
 		const std::string new_volume = FindSuitableVolume(volume);
-		_MoveDatabases(GetMainDirPath(volume), GetMainDirPath(new_volume));
+		// One after the other: a compiler may evaluate arguments in any order.
+		const std::string from = GetMainDirPath(volume);
+		const std::string to = GetMainDirPath(new_volume);
+		_MoveDatabases(from, to);
 		service_config_->SetCurVolume(new_volume);
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_INFO, "Autoupdate for DBs using volume is going to be disabled normally: %s", error.what());

@@ -1,13 +1,18 @@
 /*
- * reader ID FILE [SECONDS]
+ * reader ID SECONDS FILE...
  *
- * Prints a file of a database while holding off its replacement, waiting up to so many seconds for one that is running.
- * Whatever it reads between the two calls belongs to one version.
+ * Prints files of a database while holding off their replacement, waiting up to so many seconds for one that is
+ * running. Whatever it reads between the two calls belongs to one version, provided that the last replacement was
+ * finished.
  */
 #include <dataupdate/project_lock.h>
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
+
+enum { TRY_LATER = 75 };
 
 static int Print(const char* path) {
 	char block[4096];
@@ -25,17 +30,46 @@ static int Print(const char* path) {
 	return failed ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
+/*
+ * An update that is killed while it replaces files loses its lock like any program that ends, and leaves files of two
+ * versions. What tells is a file that stands until the next update has made that good, and for a moment after every
+ * replacement. The C interface is the two functions of the lock, so the file is looked for by its path. What cannot be
+ * examined counts as being there.
+ */
+static int MayBeAMixture(const char* id) {
+	char path[4096];
+	const int length = snprintf(path, sizeof path, "/var/lib/data_update/%s/replacing", id);
+	if (length < 0 || (size_t)length >= sizeof path) {
+		return 1;
+	}
+	return access(path, F_OK) == 0 || errno != ENOENT;
+}
+
+static int PrintAll(const char* id, char** paths) {
+	/* Under the lock: nobody begins to replace files from here on. */
+	if (MayBeAMixture(id)) {
+		fprintf(stderr, "the last replacement of %s is not finished\n", id);
+		return TRY_LATER;
+	}
+	for (; *paths != NULL; ++paths) {
+		if (Print(*paths) != EXIT_SUCCESS) {
+			return EXIT_FAILURE;
+		}
+	}
+	return EXIT_SUCCESS;
+}
+
 int main(int argc, char** argv) {
-	if (argc != 3 && argc != 4) {
-		fprintf(stderr, "usage: reader ID FILE [SECONDS]\n");
+	if (argc < 4) {
+		fprintf(stderr, "usage: reader ID SECONDS FILE...\n");
 		return 2;
 	}
-	const int lock = TARNDBUDGetFileLock(argv[1], argc == 4 ? strtoul(argv[3], NULL, 10) : 10);
+	const int lock = TARNDBUDGetFileLock(argv[1], strtoul(argv[2], NULL, 10));
 	if (lock < 0) {
 		fprintf(stderr, lock == -1 ? "%s is being replaced\n" : "%s was never installed here\n", argv[1]);
-		return 75;
+		return TRY_LATER;
 	}
-	const int status = Print(argv[2]);
+	const int status = PrintAll(argv[1], argv + 3);
 	TARNDBUDReleaseFileLock(lock);
 	return status;
 }

@@ -1,12 +1,17 @@
 #!/bin/sh
-# reader.sh ID FILE [SECONDS]
+# reader.sh ID SECONDS FILE...
 #
-# Prints a file of a database while holding off its replacement, waiting up to so many seconds for one that is running:
+# Prints files of a database while holding off their replacement, waiting up to so many seconds for one that is running:
 # the command after "--" runs under the lock, so whatever it reads belongs to one version. The exit status is the
-# command's, or 75 when the lock was not obtained. "tarndbudctl status" shows the directory of each database.
+# command's, or 75 when the lock was not obtained, and when the last replacement was not finished, after which the files
+# may be of two versions: "tarndbudctl read" looks for that by itself. "tarndbudctl status" shows the directory of each
+# database.
 set -eu
-if [ $# -ne 2 ] && [ $# -ne 3 ]; then
-	echo 'usage: reader.sh ID FILE [SECONDS]' >&2
+if [ $# -lt 3 ]; then
+	echo 'usage: reader.sh ID SECONDS FILE...' >&2
 	exit 2
 fi
-exec tarndbudctl read "$1" --timeout "${3:-10}" -- cat -- "$2"
+id=$1
+seconds=$2
+shift 2
+exec tarndbudctl read "$id" --timeout "$seconds" -- cat -- "$@"

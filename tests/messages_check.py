@@ -39,6 +39,7 @@ NO_MESSAGES = {
     "Replacing files",
     "Computing digests",
     "up to date",
+    "above offered",
     "- (no volume)",
     "not installed",
     "updated from version ",

@@ -44,7 +44,7 @@ _tarndbudctl_command() {
 	case ${COMP_WORDS[COMP_CWORD - 1]} in
 	--output) _tarndbud_offer_files ;;
 	--timeout) COMPREPLY=() ;;
-	*) _tarndbud_offer "--timeout -- --verbose --help $(_tarndbud_ids)" ;;
+	*) _tarndbud_offer "--timeout --even-unfinished -- --verbose --help $(_tarndbud_ids)" ;;
 	esac
 }
 
@@ -99,9 +99,10 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish verify inspect --version --help' ;;
+	'') _tarndbud_offer 'keygen publish restore verify inspect --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
-	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --keep-diffs --old-key --help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --keep-diffs --old-key --continue --help' ;;
+	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --keep-diffs --force --help' ;;
 	verify) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;
 	esac

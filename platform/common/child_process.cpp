@@ -2,13 +2,22 @@
 
 #include <climits>
 
+// This header of the C library lacks the declaration that makes it usable from C++.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
 #include <base/unique_fd.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace tarn::process {
 namespace {
@@ -133,6 +142,16 @@ bool BindToCaller(const Plan& plan) {
 	return true;
 }
 
+bool LimitFiles(uint64_t largest) {
+	rlimit limit = {};
+	if (getrlimit(RLIMIT_FSIZE, &limit) != 0) {
+		return false;
+	}
+	limit.rlim_cur = limit.rlim_max = std::min<rlim_t>(limit.rlim_max, largest);
+	constexpr rlimit kNone = {0, 0};
+	return setrlimit(RLIMIT_FSIZE, &limit) == 0 && setrlimit(RLIMIT_CORE, &kNone) == 0;
+}
+
 bool PrepareChild(const Program& program, const Plan& plan) {
 	if (!PlaceStreams(plan)) {
 		return false;
@@ -148,6 +167,9 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 		return false;
 	}
 	if (!program.working_directory.empty() && chdir(program.working_directory.c_str()) != 0) {
+		return false;
+	}
+	if (program.largest_file && !LimitFiles(*program.largest_file)) {
 		return false;
 	}
 	DropHandlers(program.reset_signals);
@@ -221,6 +243,12 @@ int StartAs(const Program& program, bool detached, pid_t& child) {
 	return error;
 }
 
+/** Whether a child has ended, or nobody can tell, which Wait() finds out then. The child is not reaped. */
+bool HasEnded(pid_t child) {
+	siginfo_t info = {};
+	return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == child;
+}
+
 } // namespace
 
 int Start(const Program& program, pid_t& child) {
@@ -235,6 +263,21 @@ int StartDetached(const Program& program) {
 int Wait(pid_t child, int& status) {
 	const pid_t ended = RetryOnInterrupt([&] { return waitpid(child, &status, 0); });
 	return ended == child ? 0 : errno;
+}
+
+int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
+    const std::function<bool()>& may_go_on, int& status) {
+	// Only saves the rest of a period: without the descriptor, poll() is a sleep.
+	const UniqueFd process(pidfd_open(child, 0));
+	pollfd watched = {process.Get(), POLLIN, 0};
+	while (!HasEnded(child)) {
+		if (!may_go_on()) {
+			kill(leads_group ? -child : child, SIGKILL);
+			break;
+		}
+		poll(&watched, 1, static_cast<int>(period.count()));
+	}
+	return Wait(child, status);
 }
 
 } // namespace tarn::process

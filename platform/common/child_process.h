@@ -11,6 +11,9 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,6 +44,8 @@ struct Program {
 	bool reset_signals = true;
 	/** Whether the child is killed when the calling thread ends before it. */
 	bool dies_with_caller = false;
+	/** The largest file in bytes that the child can make: SIGXFSZ ends it, without a core file, when it writes more. */
+	std::optional<uint64_t> largest_file;
 };
 
 /** Starts a program; on return it has been executed, or the reason why not is returned and nothing is left of it. */
@@ -51,6 +56,15 @@ int StartDetached(const Program& program);
 
 /** Waits for a child's end; status is as of waitpid(). */
 int Wait(pid_t child, int& status);
+
+/**
+ * Waits for a child's end like Wait(), and asks meanwhile whether it may go on: at once, and after every period. When
+ * it may not, the child is killed.
+ *
+ * @param leads_group  whether the child leads a process group of its own, which is then killed as well
+ */
+int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
+    const std::function<bool()>& may_go_on, int& status);
 
 /** Calls until the call isn't interrupted by a signal. */
 template<typename Call>

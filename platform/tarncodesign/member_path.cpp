@@ -46,6 +46,10 @@ MemberPath ParseMemberName(std::string_view name) {
 			throw ArchiveError("leads out by \"..\"");
 		}
 	}
+	if (path.size() > kMaxDepth) {
+		throw ArchiveError(
+		    "has " + std::to_string(path.size()) + " components; the limit is " + std::to_string(kMaxDepth));
+	}
 	return path;
 }
 

@@ -1,6 +1,7 @@
 #ifndef TARNCODESIGN_MEMBER_PATH_H
 #define TARNCODESIGN_MEMBER_PATH_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,10 +14,14 @@ namespace tarn::codesign {
  */
 using MemberPath = std::vector<std::string>;
 
+/** Components that a name may have: programs that walk trees often hold a descriptor or a stack frame for each. */
+constexpr std::size_t kMaxDepth = 128;
+
 /**
  * Splits a name; empty and "." components are dropped.
  *
- * @throws ArchiveError for an empty, absolute or overlong name, and for one with ".."
+ * @throws ArchiveError for an empty, absolute or overlong name, for one with "..", and for more than kMaxDepth
+ * components
  */
 MemberPath ParseMemberName(std::string_view name);
 

@@ -2,12 +2,16 @@
 
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
+#include "tarncodesign/package_identity.h"
 
 #include <fcntl.h>
 #include <syslog.h>
 
+#include <array>
+#include <cstdio>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 struct tarnarchive {
@@ -24,18 +28,67 @@ std::string KeyDirectory(int key_type) {
 	return "/usr/tarn/etc/codesign/" + std::to_string(key_type);
 }
 
-/** Runs a function; whatever it throws becomes one line in the log and false. */
+/** Why a thread's last call failed. Of a fixed size, so that keeping a reason never fails itself. */
+struct Refusal {
+	tarnarchive_refusal_kind kind = TARNARCHIVE_NO_REFUSAL;
+	std::array<char, 1024> reason{};
+};
+
+thread_local Refusal last_refusal;
+
+void Refuse(tarnarchive_refusal_kind kind, const char* path, const char* reason) noexcept {
+	last_refusal.kind = kind;
+	std::snprintf(last_refusal.reason.data(), last_refusal.reason.size(), "%s", reason);
+	syslog(LOG_ERR, "tarncodesign: %s: %s", path, reason);
+}
+
+/** Runs a function; whatever it throws becomes one line in the log, the thread's last refusal, and false. */
 template<typename Function>
 bool LoggingFailure(const char* path, const Function& function) noexcept {
+	last_refusal = Refusal();
 	try {
 		function();
 		return true;
+	} catch (const tarn::codesign::NotAskedFor& error) {
+		Refuse(TARNARCHIVE_NOT_ASKED_FOR, path, error.what());
 	} catch (const std::exception& error) {
-		syslog(LOG_ERR, "tarncodesign: %s: %s", path, error.what());
+		Refuse(TARNARCHIVE_REFUSED, path, error.what());
 	} catch (...) {
-		syslog(LOG_ERR, "tarncodesign: %s: unknown error", path);
+		Refuse(TARNARCHIVE_REFUSED, path, "unknown error");
 	}
 	return false;
+}
+
+/** Who is told of opened packages; set and read by any thread. */
+class Observer {
+public:
+	void Set(tarnarchive_observer function, void* data) {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		function_ = function;
+		data_ = data;
+	}
+	/** Throws NotAskedFor with the reason when the observer does not want the package. */
+	void Tell(const char* package, const std::string& metadata) {
+		const std::lock_guard<std::mutex> guard(mutex_);
+		const char* reason = function_ == nullptr ? nullptr : function_(data_, package, metadata.c_str());
+		if (reason != nullptr) {
+			throw tarn::codesign::NotAskedFor(reason);
+		}
+	}
+
+private:
+	std::mutex mutex_;
+	tarnarchive_observer function_ = nullptr;
+	void* data_ = nullptr;
+};
+
+Observer& TheObserver() {
+	static Observer observer;
+	return observer;
+}
+
+std::string FileName(const std::string& path) {
+	return path.substr(path.rfind('/') + 1);
 }
 
 void Require(bool holds, const char* reason) {
@@ -76,6 +129,10 @@ bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* pack
 		Require(key_type >= 0, "negative key type");
 		tarn::codesign::ArchiveFile archive(package);
 		archive.Check(tarn::codesign::LoadTrustedKeys(KeyDirectory(key_type)), static_cast<std::uint32_t>(key_type));
+		if (key_type == TARNARCHIVE_KEYTYPE_DATA_UPDATE) {
+			tarn::codesign::RequireAskedFor(archive.Metadata(), FileName(package));
+			TheObserver().Tell(package, std::string(archive.Metadata()));
+		}
 		context->package = package;
 		context->archive = std::move(archive);
 	});
@@ -94,4 +151,15 @@ bool tarnarchive_extract_multiple(struct tarnarchive* context, const char* const
 
 void tarnarchive_free(struct tarnarchive* context) {
 	const std::unique_ptr<tarnarchive> owner(context);
+}
+
+int tarnarchive_refusal(const char** reason) {
+	if (reason != nullptr) {
+		*reason = last_refusal.reason.data();
+	}
+	return last_refusal.kind;
+}
+
+void tarnarchive_observe(tarnarchive_observer observer, void* data) {
+	TheObserver().Set(observer, data);
 }

@@ -1,5 +1,6 @@
 #include "c_boundary.h"
 #include "child_process.h"
+#include "download.h"
 #include "environment.h"
 
 #include <tarncore/tarncore.h>
@@ -37,14 +38,19 @@ Program MakeProgram(const char* path, unsigned int options) {
 	return program;
 }
 
-/** The exit status, or -1; either failure is kept for TLIBCErrGet(). */
-int RunToEnd(const Program& program) {
+/** 0, or why the program could not be run. */
+int Run(const Program& program, int& status) {
 	pid_t child = -1;
+	const int error = tarn::process::Start(program, child);
+	return error != 0 ? error : tarn::process::Wait(child, status);
+}
+
+/** The exit status, or -1; either failure is kept for TLIBCErrGet(). */
+int RunToEnd(Program& program) {
 	int status = 0;
-	if (const int error = tarn::process::Start(program, child); error != 0) {
-		return Fail(error);
-	}
-	if (const int error = tarn::process::Wait(child, status); error != 0) {
+	const std::optional<tarn::core::Download> download = tarn::core::AsDownload(program);
+	const int error = download ? tarn::core::RunDownload(program, *download, status) : Run(program, status);
+	if (error != 0) {
 		return Fail(error);
 	}
 	if (!WIFEXITED(status)) {

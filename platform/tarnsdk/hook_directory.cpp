@@ -108,19 +108,19 @@ bool TakeDirectory(UniqueFd directory, const std::string& path, uid_t owner, Ent
 	struct CloseStream {
 		void operator()(DIR* stream) const { closedir(stream); }
 	};
-	const UniqueFd names(fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0));
 	const std::unique_ptr<DIR, CloseStream> stream(fdopendir(directory.Get()));
-	if (!names || !stream) {
+	if (!stream) {
 		Refuse(path, errno);
 		return false;
 	}
-	directory.Release();
+	// The stream owns the descriptor from here on, and is the only one to close it.
+	const int names = directory.Release();
 	bool complete = true;
 	errno = 0;
 	while (const dirent* found = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe): a stream of our own
 		const std::string name = found->d_name;
 		if (!IsLeftover(name)) {
-			complete = TakeEntry(names.Get(), name, BelowPath(path, name), owner, entries) && complete;
+			complete = TakeEntry(names, name, BelowPath(path, name), owner, entries) && complete;
 		}
 		errno = 0;
 	}

@@ -1,5 +1,7 @@
 #include "volume_config.h"
 
+#include "settings_lines.h"
+
 #include <tarnsdk/volume.h>
 
 #include <fnmatch.h>
@@ -14,26 +16,7 @@
 namespace tarn::sdk {
 namespace {
 
-constexpr const char* kBlanks = " \t\r";
 constexpr const char* kDefaultPattern = "/volume*";
-
-std::string Trim(const std::string& text) {
-	const size_t begin = text.find_first_not_of(kBlanks);
-	if (begin == std::string::npos) {
-		return {};
-	}
-	return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
-}
-
-/** A "#" begins a comment where a word could begin; within a path it is a character like others. */
-std::string WithoutComment(const std::string& line) {
-	for (size_t at = line.find('#'); at != std::string::npos; at = line.find('#', at + 1)) {
-		if (at == 0 || std::string(kBlanks).find(line[at - 1]) != std::string::npos) {
-			return line.substr(0, at);
-		}
-	}
-	return line;
-}
 
 std::string WithoutTrailingSlashes(std::string path) {
 	while (path.size() > 1 && path.back() == '/') {
@@ -46,16 +29,15 @@ std::string WithoutTrailingSlashes(std::string path) {
 const char* TakeLine(const std::string& line, VolumeConfig& config) {
 	const std::map<std::string, std::vector<std::string>*> lists = {
 	    {"pattern", &config.patterns}, {"directory", &config.directories}, {"exclude", &config.exclusions}};
-	const std::string text = Trim(WithoutComment(line));
-	if (text.empty()) {
+	const std::optional<Directive> directive = ParseLine(line);
+	if (!directive) {
 		return nullptr;
 	}
-	const size_t blank = std::min(text.find_first_of(kBlanks), text.size());
-	const auto list = lists.find(text.substr(0, blank));
+	const auto list = lists.find(directive->name);
 	if (list == lists.end()) {
 		return "unknown directive";
 	}
-	const std::string path = WithoutTrailingSlashes(Trim(text.substr(blank)));
+	const std::string path = WithoutTrailingSlashes(directive->value);
 	if (path.empty()) {
 		return "the path is missing";
 	}

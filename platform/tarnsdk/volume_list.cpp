@@ -1,5 +1,6 @@
 #include "volume_list.h"
 
+#include <base/volume_safety.h>
 #include <dirent.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 namespace tarn::sdk {
 namespace {
@@ -91,7 +93,15 @@ int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes) {
 
 bool MayHostServiceData(const std::string& config_path, const std::string& path) {
 	VolumeConfig config;
-	return ReadVolumeConfig(config_path, config) == 0 && !MatchesAny(config.exclusions, path);
+	if (ReadVolumeConfig(config_path, config) != 0 || MatchesAny(config.exclusions, path)) {
+		return false;
+	}
+	const std::optional<UnsafePlace> unsafe = FindUnsafePlaceOnVolume(path);
+	if (unsafe) {
+		syslog(LOG_WARNING, "tarnsdk: volume '%s' is refused: '%s' %s", path.c_str(), unsafe->path.c_str(),
+		    unsafe->reason.c_str());
+	}
+	return !unsafe;
 }
 
 } // namespace tarn::sdk

@@ -31,7 +31,10 @@ struct Volume {
  */
 int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes);
 
-/** Whether the configuration lets a path host service data; not when the configuration cannot be read. */
+/**
+ * Whether a volume may host service data: not when the configuration excludes it or cannot be read, nor when others
+ * than root could write where the data lies, which is told to syslog with the place and the reason.
+ */
 bool MayHostServiceData(const std::string& config, const std::string& path);
 
 } // namespace tarn::sdk

@@ -50,6 +50,8 @@ def test_the_timer_has_a_moment_of_its_own(systemd: Machine) -> None:
 
 def test_the_directory_of_locks_is_roots(systemd: Machine) -> None:
     assert systemd.do("stat --format='%a %U:%G' /run/data_update") == "755 root:root\n"
+    for name in ("update_any", "fresh_info", "config"):
+        assert systemd.do(f"stat --format='%a %U:%G' /run/data_update/{name}.lock") == "600 root:root\n"
 
 
 def test_the_service_updates_by_patch_and_runs_the_hook(systemd: Machine) -> None:

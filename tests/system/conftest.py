@@ -27,6 +27,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 def pytest_configure(config: pytest.Config) -> None:
     if "TARN_SANDBOX" not in os.environ:
         raise pytest.UsageError("these tests write to fixed paths; run them by ./test.sh or scripts/sandbox")
+    # Directories that a group could write are refused as volumes, whatever the developer's umask.
+    os.umask(0o022)
     # A shell in the background ignores these, and programs would inherit that.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGQUIT, signal.SIG_DFL)

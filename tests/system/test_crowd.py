@@ -55,12 +55,13 @@ def assert_nothing_left(device: Device) -> None:
     """No process, no lock that is held, and no file but those that stay."""
     assert crowd.programs_left() == []
     locks = {f"update_{name}.lock" for name in IDS} | {f"using_{name}.lock" for name in IDS}
-    locks |= {"update_any.lock", "fresh_info.lock"}
+    locks |= {"update_any.lock", "fresh_info.lock", "config.lock"}
     assert {path.name for path in RUN.iterdir()} == locks
     assert [name for name in locks if device.is_locked(name)] == []
     assert sorted(path.name for path in CACHE.iterdir()) == ["database_info.json"]
     records = sorted(str(path.relative_to(STATUS)) for path in STATUS.rglob("*"))
-    assert records == sorted(f"{name}{file}" for name in IDS for file in ("", "/last_run.json", "/version.json"))
+    files = ("last_run", "version", "installed_files", "installed_package")
+    assert records == sorted([*IDS, *(f"{name}/{file}.json" for name in IDS for file in files)])
     assert device.volume is not None
     assert {path.name for path in device.volume.iterdir()} <= {"@database", "@tmp"}
     assert list(device.volume.glob("@tmp/data_update/*")) == []

@@ -15,7 +15,7 @@ UNITS = Path("/usr/lib/systemd/system")
 COMPLETIONS = Path("/usr/share/bash-completion/completions")
 PAGES = (
     "man1/tarndbudpub.1", "man3/TARNDBUDGetFileLock.3", "man3/TARNDBUDReleaseFileLock.3", "man5/data_update.conf.5",
-    "man5/databases.conf.5", "man8/tarndbudctl.8", "man8/tarndbudvcdiff.8",
+    "man5/databases.conf.5", "man5/downloads.conf.5", "man8/tarndbudctl.8", "man8/tarndbudvcdiff.8",
 )  # fmt: skip
 PROGRAMS = {
     "tarndbudctl": (programs.CTL, "man8/tarndbudctl.8"),

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import random
 from collections import Counter
@@ -25,6 +26,7 @@ def assert_published(published: Path, installed: Path) -> int:
     expected, actual = trees.contents(published), trees.contents(installed)
     assert sorted(expected) == sorted(actual)
     assert trees.executables(published) == trees.executables(installed)
+    assert trees.directories(installed) == trees.directories_of_files(published)
     changed = [name for name in expected if expected[name] != actual[name]]
     for name in changed:
         assert is_database(published / name), f"{name} has other bytes"
@@ -92,7 +94,8 @@ class Walk:
         assert took == self._expected(installed, offered)
         self.ways["full" if took[-1].startswith("v") else "diff"] += 1
         self.ways["other bytes"] += assert_published(self._tree.root, self._device.installed(self._name))
-        self._device.run_ok("check", self._name)
+        [answer] = json.loads(self._device.run_ok("check", self._name, "--json").stdout)
+        assert answer["record_of_all_files"] == "complete"
         assert self._device.version(self._name) == offered
 
     def _expected(self, installed: int | None, offered: int) -> list[str]:

@@ -109,7 +109,8 @@ def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrato
         assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
     entry = json.loads(shown[: shown.index("\n]") + 2])[0]
     listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- `metrics`")[0]
-    assert set(re.findall(r"`([a-z_]+)`", listed)) - {"remote_error"} == entry.keys() - {"id"}
+    on_trouble = {"remote_error", "volume_problem"}
+    assert set(re.findall(r"`([a-z_]+)`", listed)) - on_trouble == entry.keys() - {"id"}
 
 
 def test_a_command_reads_under_the_lock(configured: Administrator, tree: Path) -> None:

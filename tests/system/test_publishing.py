@@ -93,6 +93,11 @@ def test_the_documents_commands_carry_a_device_from_nothing_through_all_versions
     assert "zones_d1001.tarn" in desk.follow("Every further version").stdout
     desk.assert_installs(1001, desk.tree("zones"), ["d1001"])
     desk.follow("Old packages")
+    document = desk.repository / "database_info/1"
+    published = json.loads(document.read_text())
+    document.unlink()
+    assert "Restored zones version 1001" in desk.follow("A lost document").stdout
+    assert json.loads(document.read_text()) == published
     desk.follow("Withdrawing a bad version")
     assert not (desk.tree("good") / "published").exists()
     desk.assert_installs(1002, desk.tree("good"), ["d1002"])

@@ -219,6 +219,15 @@ TEST_F(InstallRegularFileTest, NeverReplacesAFile) {
 
 class SyncFileSystemTest : public CopyFileTest {};
 
+TEST_F(SyncFileSystemTest, IsLeftOutForAnInstallDirectoryThatIsNotThere) {
+	WriteFile(directory_ / "file", "");
+	system_.Fail("syncfs", EIO, 1);
+	EXPECT_NO_THROW(SyncInstalled(directory_ / "none"));
+	EXPECT_NO_THROW(SyncInstalled(directory_ / "file/none"));
+	EXPECT_EQ(
+	    MessageOf([&] { SyncInstalled(directory_ / ""); }), "Fail to sync " + directory_ / "" + ": Input/output error");
+}
+
 TEST_F(SyncFileSystemTest, NamesThePathThatCannotBeSynced) {
 	EXPECT_NO_THROW(SyncFileSystem(directory_ / ""));
 	system_.Fail("syncfs", EIO);

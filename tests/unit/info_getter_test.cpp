@@ -7,6 +7,8 @@
 #include "temporary_directory.h"
 
 #include <dataupdate/file_lock.h>
+#include <dataupdate/fresh_info.h>
+#include <dataupdate/paths.h>
 #include <dataupdate/update.h>
 
 #include <fcntl.h>
@@ -220,6 +222,38 @@ TEST_F(InfoGetterTest, AsksAnewAfterAFetchThatWasKilled) {
 	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
 }
 
+TEST_F(InfoGetterTest, LeavesNoMarkOfADownloadThatFailed) {
+	const auto download = platform_.execl;
+	platform_.execl = [](const std::string&, unsigned int, const test::FakePlatform::Arguments&) { return 8; };
+	MessageOf([this] { real_.GetDatabaseInfo(); });
+	EXPECT_FALSE(fs::exists(kFetchMark));
+	WriteFile(kCache, "\"came another way\"");
+	platform_.execl = download;
+	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("came another way"));
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget"), 1U);
+}
+
+TEST_F(InfoGetterTest, TakesWhatAKilledFetchLeftForNoDocumentThoughTheNextNeverBegins) {
+	WriteFile(kCache, "\"cut o");
+	WriteFile(kFetchMark, "");
+	platform_.user_agent_result = -1;
+	EXPECT_EQ(MessageOf([this] { real_.GetDatabaseInfo(); }), "Fail to generate user agent string");
+	platform_.user_agent_result = 0;
+	platform_.download_content = "\"new\"";
+	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
+	EXPECT_FALSE(fs::exists(kFetchMark));
+}
+
+TEST_F(InfoGetterTest, LetsAHostWaitForTheDocumentAsLongAsItLikes) {
+	const FileLock other(kLock, 0);
+	EXPECT_EQ(MessageOf([] {
+		GetFreshInfo(
+		    IOUtils(), [] { return kUrl; }, 3);
+	}),
+	    std::string("Fail to lock ") + kLock);
+	EXPECT_EQ(system_.polls, 30);
+}
+
 TEST_F(InfoGetterTest, CountsTheCachesAgeFromTheDownload) {
 	for (const std::time_t dated : {std::time_t{1000000000}, std::time_t{4000000000}}) {
 		fs::remove_all(kDirectory);
@@ -291,14 +325,11 @@ TEST_F(InfoGetterTest, PassesOnThatARecordCannotBeWritten) {
 	EXPECT_EQ(MessageOf([this] { getter_.SetDatabaseStatus("geo", {}); }), "full");
 }
 
-TEST_F(InfoGetterTest, EndsAReplacementByItsRecordAlone) {
+TEST_F(InfoGetterTest, LeavesAMarkToWhoSetIt) {
 	const std::string mark = "/var/lib/data_update/geo/replacing";
 	WriteFile(mark, "");
-	EXPECT_CALL(*io_, WriteJson(kStatus, _)).WillOnce(Throw(UpdateError("full")));
-	MessageOf([this] { getter_.SetDatabaseStatus("geo", {}); });
-	EXPECT_TRUE(fs::exists(mark));
 	real_.SetDatabaseStatus("geo", {});
-	EXPECT_FALSE(fs::exists(mark));
+	EXPECT_TRUE(fs::exists(mark));
 	EXPECT_TRUE(fs::exists(kStatus));
 }
 

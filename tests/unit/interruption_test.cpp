@@ -9,6 +9,7 @@
 #include <dataupdate/interruption.h>
 #include <dataupdate/progress.h>
 #include <dataupdate/project_lock.h>
+#include <dataupdate/replacement_scope.h>
 #include <dataupdate/strategy.h>
 #include <dataupdate/utils.h>
 
@@ -27,7 +28,6 @@ class InterruptionTest : public test::FixedPathsTest {
 protected:
 	void TearDown() override {
 		ForgetInterruption();
-		SetReplacing(false);
 		FixedPathsTest::TearDown();
 	}
 	FullStrategy Strategy() const {
@@ -99,11 +99,21 @@ TEST_F(InterruptionTest, WaitsForTheEndOfAReplacement) {
 	platform_.package_files = {{"file", "new"}};
 	FullStrategy strategy = Strategy();
 	strategy.PrepareUpdate();
-	SetReplacing(true);
-	RequestInterruption();
+	{
+		const ReplacementScope replacement("geo");
+		strategy.ApplyUpdate();
+		RequestInterruption();
+		EXPECT_EQ(FileSha384(directory_ / "volume/geo/file").size(), 96U);
+	}
+	EXPECT_EQ(MessageOf([&] { FileSha384(directory_ / "volume/geo/file"); }), "Interrupted");
+}
+
+TEST_F(InterruptionTest, MayEndAHostsOwnUseOfAStrategyAfterItsReplacement) {
+	platform_.package_files = {{"file", "new"}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
 	strategy.ApplyUpdate();
-	EXPECT_EQ(FileSha384(directory_ / "volume/geo/file").size(), 96U);
-	SetReplacing(false);
+	RequestInterruption();
 	EXPECT_EQ(MessageOf([&] { FileSha384(directory_ / "volume/geo/file"); }), "Interrupted");
 }
 

@@ -88,6 +88,15 @@ TEST_F(PatchConflictsTest, AreJournalsOfSomebodyElse) {
 	ExpectInTheWay("db", "db-journal");
 }
 
+TEST_F(PatchConflictsTest, AreFoundWhateverTheSpelling) {
+	WriteFile(Installed("b/c"), "old");
+	Put("./b");
+	Delete("b//c");
+	ExpectNone();
+	Put("b/./new");
+	ExpectInTheWay("b/new", "b");
+}
+
 TEST_F(PatchConflictsTest, CannotBeLookedForEverywhere) {
 	Put(std::string(300, 'x') + "/f");
 	EXPECT_EQ(

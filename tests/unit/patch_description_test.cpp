@@ -39,11 +39,17 @@ protected:
 		description[name]["input_file"] = "in";
 		return Failure(description.toStyledString());
 	}
-	std::string FailureOfInput(const std::string& input, const std::string& operation = "update") const {
+	static std::string Describe(const std::string& input, const std::string& operation) {
 		Json::Value description;
 		description["f"]["operation"] = operation;
 		description["f"]["input_file"] = input;
-		return Failure(description.toStyledString());
+		return description.toStyledString();
+	}
+	std::string FailureOfInput(const std::string& input, const std::string& operation = "update") const {
+		return Failure(Describe(input, operation));
+	}
+	std::string InputOf(const std::string& input, const std::string& operation) const {
+		return Read(Describe(input, operation)).at(0).input;
 	}
 
 	test::TemporaryDirectory directory_;
@@ -73,28 +79,63 @@ TEST_F(PatchDescriptionTest, IsAnObjectOfObjects) {
 	EXPECT_EQ(error.what(), "File not exist: " + path);
 	EXPECT_EQ(Failure("{"), "Fail to decode: " + path);
 	EXPECT_EQ(Failure(""), "Fail to decode: " + path);
-	EXPECT_EQ(Failure("[]"), "Not a description of patches: " + path);
-	EXPECT_EQ(Failure("null"), "Not a description of patches: " + path);
-	EXPECT_EQ(Failure("\"text\""), "Not a description of patches: " + path);
-	EXPECT_EQ(Failure(R"({"f": "delete"})"), "Invalid description of f in diff package");
-	EXPECT_EQ(Failure(R"({"f": ["delete"]})"), "Invalid description of f in diff package");
+	for (const std::string wrong : {"[]", "\"text\"", R"({"f": "delete"})", R"({"f": ["delete"]})"}) {
+		EXPECT_THROW(Read(wrong), Json::LogicError) << wrong;
+	}
+	EXPECT_THAT(Read("null"), IsEmpty()); // As JsonCpp reads it.
+}
+
+TEST_F(PatchDescriptionTest, HasALimitedLengthAndNumberOfValues) {
+	const std::string too_large = "Too large a description of patches: " + package_ + "/patch_infos.json";
+	constexpr std::size_t kFrame = sizeof("{\"\":{}}") - 1;
+	const auto named = [](std::size_t bytes) { return "{\"" + std::string(bytes - kFrame, 'x') + "\":{}}"; };
+	EXPECT_EQ(Read(named(kMaxDescriptionBytes)).size(), 1U);
+	EXPECT_EQ(Failure(named(kMaxDescriptionBytes + 1)), too_large);
+	const auto listing = [](std::uint64_t commas) { // beside three brackets
+		std::string values = "{\"a\":{\"operation\":\"delete\",\"x\":[";
+		for (std::uint64_t i = 1; i < commas; ++i) {
+			values += "0,";
+		}
+		return values + "0]}}";
+	};
+	EXPECT_EQ(Read(listing(kMaxDescriptionValues - 3)).size(), 1U);
+	EXPECT_EQ(Failure(listing(kMaxDescriptionValues - 2)), too_large);
+	// As the publisher writes it for as many files as it should be enough for.
+	std::string usual = "{";
+	for (int i = 0; i < 200'000; ++i) {
+		const std::string number = std::to_string(1'000'000 + i);
+		usual +=
+		    (i == 0 ? "\"" : ",\"") + std::string(232, 'n') + number + R"(":{"input_file":"","operation":"delete"})";
+	}
+	EXPECT_EQ(Read(usual + "}").size(), 200'000U);
 }
 
 TEST_F(PatchDescriptionTest, HoldsOperationAndInputAsText) {
-	EXPECT_EQ(Failure(R"({"f": {"operation": 2}})"), "Invalid operation of f in diff package");
-	EXPECT_EQ(Failure(R"({"f": {"operation": ["delete"]}})"), "Invalid operation of f in diff package");
-	EXPECT_EQ(Failure(R"({"f": {"operation": "create", "input_file": 1}})"), "Invalid input_file of f in diff package");
-	EXPECT_EQ(
-	    Failure(R"({"f": {"operation": "delete", "input_file": {}}})"), "Invalid input_file of f in diff package");
-	EXPECT_THAT(Read(R"({"f": {}})").at(0).operation, IsEmpty()); // No operation is an unknown one.
+	for (const std::string wrong : {R"({"f": {"operation": ["delete"]}})", R"({"f": {"operation": {}}})",
+	         R"({"f": {"operation": "delete", "input_file": {"a": 1}}})"}) {
+		EXPECT_THROW(Read(wrong), Json::LogicError) << wrong;
+	}
+	EXPECT_EQ(Read(R"({"f": {"operation": 2}})").at(0).operation, "2"); // What JsonCpp has a text for.
+	EXPECT_THAT(Read(R"({"f": {}})").at(0).operation, IsEmpty());       // No operation is an unknown one.
 }
 
-TEST_F(PatchDescriptionTest, RefusesNamesThatCouldLeadOutOrHaveTwoSpellings) {
+TEST_F(PatchDescriptionTest, RefusesNamesThatCouldLeadOutOrNameNoFile) {
 	for (const std::string name :
-	    {"../x", "..", "a/../../x", "a/..", "/etc/passwd", "/", "", ".", "./x", "a/./x", "a/.", "a//x", "a/", "//x"}) {
+	    {"../x", "..", "a/../../x", "a/..", "/etc/passwd", "/", "", ".", "a/.", "a/", "//x"}) {
 		EXPECT_EQ(FailureOfName(name), "Illegal file name in diff package: " + name);
 	}
 	EXPECT_EQ(FailureOfName(std::string("a\0b", 3)), "Illegal file name in diff package: a");
+}
+
+TEST_F(PatchDescriptionTest, TakesOtherSpellings) {
+	for (const std::string name : {"./x", "a//x", "a/./x", ".//a/x"}) {
+		Json::Value description;
+		description[name]["operation"] = "delete";
+		EXPECT_EQ(Read(description.toStyledString()).at(0).name, name);
+	}
+	for (const std::string input : {"./in", ".//in", "deep//in", "deep/./in", ""}) {
+		EXPECT_EQ(InputOf(input, "update"), package_ + "/" + input);
+	}
 }
 
 TEST_F(PatchDescriptionTest, TakesNamesThatOnlyLookOdd) {
@@ -107,8 +148,7 @@ TEST_F(PatchDescriptionTest, TakesNamesThatOnlyLookOdd) {
 
 TEST_F(PatchDescriptionTest, RefusesInputsThatLeadOutOfThePackage) {
 	WriteFile(directory_ / "secret", "secret");
-	for (const std::string input :
-	    {"../secret", "deep/../../secret", "/etc/passwd", "..", "", ".", "./in", "in/", "missing/../in"}) {
+	for (const std::string input : {"../secret", "deep/../../secret", "/etc/passwd", "..", "missing/../in", "//in"}) {
 		EXPECT_EQ(FailureOfInput(input), "Illegal input file in diff package: " + input);
 		EXPECT_EQ(FailureOfInput(input, "create"), "Illegal input file in diff package: " + input);
 	}
@@ -122,17 +162,20 @@ TEST_F(PatchDescriptionTest, RefusesInputsThatAreLinksOrLieBehindOne) {
 	fs::create_symlink("in", package_ + "/link");
 	fs::create_symlink("nowhere", package_ + "/dangling");
 	fs::create_directory_symlink(directory_ / "outside", package_ + "/door");
-	for (const std::string input : {"link", "dangling", "door/secret", "door"}) {
+	for (const std::string input : {"link", "dangling", "door/secret", "door", ".//door/secret"}) {
 		EXPECT_EQ(FailureOfInput(input), "Illegal input file in diff package: " + input);
+	}
+	for (const std::string input : {"door/secret", ".//door/secret", "door/"}) {
+		EXPECT_EQ(FailureOfInput(input, "create"), "Illegal input file in diff package: " + input);
+	}
+	for (const std::string input : {"link", "./dangling", "door"}) { // Copied as links, not followed.
+		EXPECT_EQ(InputOf(input, "create"), package_ + "/" + input);
 	}
 }
 
-TEST_F(PatchDescriptionTest, RefusesADirectoryAsInput) {
+TEST_F(PatchDescriptionTest, LeavesAnInputThatIsNoFileToItsUse) {
 	fs::create_directory(package_ + "/deep");
-	EXPECT_EQ(FailureOfInput("deep"), "Illegal input file in diff package: deep");
-}
-
-TEST_F(PatchDescriptionTest, LeavesAMissingInputToItsUse) {
+	EXPECT_EQ(Read(R"({"f": {"operation": "create", "input_file": "deep"}})").at(0).input, package_ + "/deep");
 	EXPECT_EQ(Read(R"({"f": {"operation": "create", "input_file": "missing"}})").at(0).input, package_ + "/missing");
 }
 

@@ -207,15 +207,86 @@ TEST_F(PatcherTest, SaysThatAWorkingCopyCannotBeExamined) {
 	    Failure(Entry(name, "update", "p.vcdiff"), {{"p.vcdiff", ""}}), "Fail to get exists info from " + Copy(flat));
 }
 
-TEST_F(PatcherTest, PatchesNoLinkAndNoDirectory) {
+TEST_F(PatcherTest, LeavesADirectoryInAFilesPlaceToWhatPatches) {
+	fs::create_directory(Installed("d"));
+	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("d"), std::string(96, '0')}});
+	const std::map<std::string, std::string> files = {{"p.sqlitediff", ""}, {"q.sqlitediff", "DELETE FROM t;"}};
+	for (const std::string script : {"p.sqlitediff", "q.sqlitediff"}) {
+		EXPECT_EQ(Failure(Entry("d", "update", script), files), "Fail apply sql cmd: unable to open database file");
+	}
+	EXPECT_TRUE(fs::is_directory(Installed("d")));
+}
+
+TEST_F(PatcherTest, LeavesLinksAndDirectoriesUnderCreateToTheCopy) {
+	WriteFile(directory_ / "package1/deep/in", "content");
+	fs::create_symlink(directory_ / "package1/deep/in", directory_ / "package1/link");
+	fs::create_symlink("nowhere", directory_ / "package1/dangling");
+	Apply(Entry("a", "create", "link") + "," + Entry("b", "create", "deep") + "," + Entry("c", "create", "dangling"));
+	EXPECT_EQ(fs::read_symlink(Copy("a")), directory_ / "package1/deep/in");
+	EXPECT_EQ(fs::read_symlink(Copy("c")), "nowhere");
+	EXPECT_TRUE(fs::is_empty(Copy("b")));
+	EXPECT_THAT(Operations(), ElementsAre("a 1", "b 1", "c 1"));
+	WriteFile(Installed("a"), "old");
+	EXPECT_EQ(MessageOf([this] { patcher_.Install(); }), "Not a regular file: " + Copy("b"));
+	EXPECT_EQ(ReadFile(Installed("a")), "old"); // Nothing is replaced when not all can be.
+	Apply(Entry("b", "delete") + "," + Entry("c", "delete"));
+	patcher_.Install();
+	EXPECT_EQ(ReadFile(Installed("a")), "content");
+	EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Installed("a"))));
+	EXPECT_EQ(fs::hard_link_count(Installed("a")), 1U); // Not the file of somebody else under a second name.
+}
+
+TEST_F(PatcherTest, PatchesNoLinkThatAnEarlierPackageCreated) {
+	WriteFile(directory_ / "outside", "old");
+	fs::create_directory(directory_ / "package1");
+	fs::create_symlink(directory_ / "outside", directory_ / "package1/link");
+	Apply(Entry("f", "create", "link"));
+	EXPECT_EQ(Failure(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "!"}}), "Not a regular file: " + Copy("f"));
+	EXPECT_EQ(ReadFile(directory_ / "outside"), "old");
+}
+
+TEST_F(PatcherTest, HasNoTypeOfPatchWithoutAnInput) {
+	WriteFile(Installed("f"), "old");
+	EXPECT_EQ(Failure(R"("f": {"operation": "update"})"), "Unsupported diff type: ");
+	EXPECT_EQ(Failure(Entry("f", "update")), "Unsupported diff type: ");
+	EXPECT_EQ(Failure(Entry("f", "update", "deep"), {{"deep/in", ""}}), "Unsupported diff type: ");
+}
+
+TEST_F(PatcherTest, TakesNamesInOtherSpellings) {
+	WriteFile(Installed("a/b"), "1");
+	WriteFile(Installed("c/d"), "old");
+	Apply(Entry("a//b", "update", "./p.vcdiff") + "," + Entry("./f", "create", "deep//in") + "," +
+	          Entry("./c/./d", "delete") + "," + Entry("c", "create", "p.vcdiff"),
+	    {{"p.vcdiff", "2"}, {"deep/in", "new"}});
+	EXPECT_THAT(Operations(), ElementsAre("./c/./d 2", "./f 1", "a//b 1", "c 1"));
+	EXPECT_EQ(patcher_.Modifications().at("a//b").source, Copy("a__b"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "c", "f"));
+	EXPECT_EQ(ReadFile(Installed("a/b")), "12");
+	EXPECT_EQ(ReadFile(Installed("f")), "new");
+}
+
+TEST_F(PatcherTest, RefusesTwoSpellingsOfOneName) {
+	WriteFile(Installed("f"), "1");
+	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "2"}});
+	EXPECT_EQ(Failure(Entry("./f", "update", "p.vcdiff"), {{"p.vcdiff", "3"}}), "Names f and ./f mean one file");
+	EXPECT_EQ(Failure(Entry(".//f", "delete")), "Names f and .//f mean one file");
+}
+
+TEST_F(PatcherTest, KnowsAFileByItsRecordWhateverItsSpelling) {
+	WriteFile(Installed("a/d"), "changed");
+	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("a/d"), std::string(96, '0')}});
+	EXPECT_EQ(Failure(Entry("a//d", "update", "p.sqlitediff"), {{"p.sqlitediff", ""}}),
+	    "File " + Installed("a/d") + " digest check fail");
+}
+
+TEST_F(PatcherTest, PatchesNoInstalledLink) {
 	WriteFile(directory_ / "outside", "old");
 	fs::create_symlink(directory_ / "outside", Installed("link"));
-	fs::create_directory(Installed("dir"));
 	const std::map<std::string, std::string> files = {{"p.vcdiff", ""}, {"p.sqlitediff", ""}};
 	EXPECT_EQ(Failure(Entry("link", "update", "p.vcdiff"), files), "Not a regular file: " + Copy("link"));
 	fs::remove(Copy("link"));
 	EXPECT_EQ(Failure(Entry("link", "update", "p.sqlitediff"), files), "Not a regular file: " + Copy("link"));
-	EXPECT_EQ(Failure(Entry("dir", "update", "p.vcdiff"), files), "Not a regular file: " + Copy("dir"));
 	ASSERT_EQ(mkfifo(Installed("fifo").c_str(), 0600), 0);
 	EXPECT_THAT(Failure(Entry("fifo", "update", "p.vcdiff"), files), StartsWith("Fail to copy from "));
 	EXPECT_EQ(ReadFile(directory_ / "outside"), "old");
@@ -342,9 +413,49 @@ TEST_F(PatcherTest, RemovesNoDirectoryWithFilesThatItDoesNotKnow) {
 	Apply(Entry("b", "create", "in"), {{"in", "new"}});
 	EXPECT_ANY_THROW(patcher_.Install());
 	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
-	Apply(Entry("b", "delete"));
-	EXPECT_ANY_THROW(patcher_.Install());
-	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
+}
+
+TEST_F(PatcherTest, RemovesDirectoriesThatAreDeletedWithAllThatIsInThem) {
+	for (const char* name : {"a/f", "a/b/g", "a/b/c/h", "a-b/kept", "other"}) {
+		WriteFile(Installed(name), "old");
+	}
+	fs::create_directories(Installed("a/b/empty"));
+	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/c", "delete") + "," +
+	      Entry("a/b/c/h", "delete") + "," + Entry("a/b/g", "delete") + "," + Entry("a/f", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a-b", "a-b/kept", "other"));
+}
+
+TEST_F(PatcherTest, KeepsADeletedDirectoryForFilesThatItDoesNotKnowAndGoesOn) {
+	WriteFile(Installed("a/b/gone"), "old");
+	WriteFile(Installed("a/b/unknown"), "precious");
+	WriteFile(Installed("a/c/gone"), "old");
+	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/gone", "delete") + "," +
+	          Entry("a/c", "delete") + "," + Entry("a/c/gone", "delete") + "," + Entry("z", "create", "in"),
+	    {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "a/b/unknown", "z"));
+	EXPECT_EQ(ReadFile(Installed("a/b/unknown")), "precious");
+}
+
+TEST_F(PatcherTest, KeepsADeletedDirectoryInWhichALaterPackageMakesAFile) {
+	WriteFile(Installed("a/b/gone"), "old");
+	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/gone", "delete"));
+	Apply(Entry("a/b/new", "create", "in"), {{"in", "new"}});
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "a/b/new"));
+	Apply(Entry("a/b/new", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
+}
+
+TEST_F(PatcherTest, RemovesALinkInADeletedDirectorysPlaceAlone) {
+	WriteFile(directory_ / "outside/f", "precious");
+	fs::create_directory_symlink(directory_ / "outside", Installed("a"));
+	Apply(Entry("a", "delete") + "," + Entry("a/f", "delete"));
+	patcher_.Install();
+	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
+	EXPECT_EQ(ReadFile(directory_ / "outside/f"), "precious");
 }
 
 TEST_F(PatcherTest, CopiesBetweenFileSystems) {

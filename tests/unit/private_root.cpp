@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -126,10 +127,15 @@ std::string EnterPrivateRoot() {
 	return "";
 }
 
+std::string PrivateRootProblem() {
+	return problem;
+}
+
 void FixedPathsTest::SetUp() {
 	if (!problem.empty()) {
 		GTEST_SKIP() << problem;
 	}
+	umask(022); // Whatever the developer's, directories that others could write are refused.
 	ClearFixedPaths();
 }
 

@@ -17,6 +17,9 @@ namespace tarn::test {
  */
 std::string EnterPrivateRoot();
 
+/** Why tests of fixed paths cannot run in this process; empty when they can. */
+std::string PrivateRootProblem();
+
 /** The base of tests that use fixed paths: they begin and end with none of them there, or are left out with the reason.
  */
 class FixedPathsTest : public testing::Test {

@@ -38,17 +38,6 @@ protected:
 	test::SyslogCapture log_;
 };
 
-TEST_F(ReplacementMarkTest, OfAnOverlayStandsByItself) {
-	SetOverlayMark("geo");
-	EXPECT_TRUE(IsOverlayMarked("geo"));
-	EXPECT_FALSE(IsOverlayMarked("poi"));
-	ClearReplacementMark("geo");
-	EXPECT_TRUE(IsOverlayMarked("geo"));
-	ClearOverlayMark("geo");
-	EXPECT_FALSE(IsOverlayMarked("geo"));
-	ClearOverlayMark("geo"); // Is no failure.
-}
-
 TEST_F(ReplacementMarkTest, StandsFromSettingToClearing) {
 	WriteFile(kRecord, "{}");
 	EXPECT_FALSE(IsReplacementMarked("geo"));
@@ -74,7 +63,6 @@ TEST_F(ReplacementMarkTest, MayBeSetAndClearedTwice) {
 }
 
 TEST_F(ReplacementMarkTest, OfAMoveIsSetOnceAndHoldsNoInterruptionBack) {
-	SetReplacing(false);
 	RequestInterruption();
 	EXPECT_TRUE(MarkUnfinished("geo"));
 	EXPECT_TRUE(IsInterrupted());
@@ -107,6 +95,19 @@ TEST_F(ReplacementMarkTest, IsOnTheDiskWithItsDirectoriesBeforeAnythingChanges) 
 	}
 	system_.Fail("fsync", EIO, 1, 3);
 	SetReplacementMark("geo");
+}
+
+TEST_F(ReplacementMarkTest, OfAMoveThatCannotBeginIsTakenBack) {
+	system_.Fail("fsync", EIO);
+	EXPECT_NE(MessageOf([] { MarkUnfinished("geo"); }), "");
+	EXPECT_FALSE(fs::exists(kMark));
+}
+
+TEST_F(ReplacementMarkTest, OfAnEarlierRunStaysWhenItCannotBeSetAgain) {
+	WriteFile(kMark, "");
+	system_.Fail("fsync", EIO);
+	EXPECT_NE(MessageOf([] { SetReplacementMark("geo"); }), "");
+	EXPECT_TRUE(fs::exists(kMark));
 }
 
 TEST_F(ReplacementMarkTest, SaysWhyItCannotBeSet) {

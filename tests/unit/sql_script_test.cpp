@@ -6,8 +6,11 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -104,6 +107,25 @@ TEST_F(SqlScriptTest, LeavesTheFileForAnEmptyScript) {
 	Run("");
 	EXPECT_EQ(ReadFile(file_), before);
 	EXPECT_THAT(Names(), ElementsAre("db", "script"));
+}
+
+TEST_F(SqlScriptTest, LeavesAnyFileForAnEmptyScript) {
+	for (const std::string& content : {std::string(5000, 'x'), std::string("x"), std::string()}) {
+		WriteFile(file_, content);
+		Run("");
+		EXPECT_EQ(ReadFile(file_), content);
+	}
+	WriteFile(file_ + "-journal", "no journal"); // Would be played back, or taken away, if SQLite looked at it.
+	Run("");
+	EXPECT_THAT(Names(), ElementsAre("db", "db-journal", "script"));
+}
+
+TEST_F(SqlScriptTest, NeedsAFileEvenForAnEmptyScript) {
+	fs::remove(file_);
+	EXPECT_EQ(Failure(""), "Fail apply sql cmd: unable to open database file");
+	fs::create_directory(file_);
+	EXPECT_EQ(Failure(""), "Fail apply sql cmd: unable to open database file");
+	EXPECT_EQ(Failure("DELETE FROM t;"), "Fail apply sql cmd: unable to open database file");
 }
 
 TEST_F(SqlScriptTest, ChangesNothingWhenItsThirdLineFails) {
@@ -230,7 +252,19 @@ INSTANTIATE_TEST_SUITE_P(Statements, RefusedStatementTest,
         Refused{"HeapLimit", "PRAGMA soft_heap_limit = 1000000000", "not authorized"},
         Refused{"WritableSchema", "PRAGMA writable_schema = ON", "not authorized"},
         Refused{"JournalMode", "PRAGMA journal_mode = OFF", "not authorized"},
-        Refused{"JournalModeAsked", "PRAGMA journal_mode", "not authorized"},
+        Refused{"MaxPageCount", "PRAGMA max_page_count = 1073741823", "not authorized"},
+        Refused{"CacheSize", "PRAGMA cache_size = 1000000", "not authorized"},
+        Refused{"TempStore", "PRAGMA temp_store = FILE", "not authorized"},
+        Refused{"Optimize", "PRAGMA optimize", "not authorized"},
+        Refused{"Csv", "CREATE VIRTUAL TABLE v USING csv(filename='/etc/passwd')", "not authorized"},
+        Refused{"Dbstat", "CREATE VIRTUAL TABLE v USING dbstat", "not authorized"},
+        Refused{"TemporaryDbstat", "CREATE VIRTUAL TABLE temp.v USING DBSTAT(main)", "not authorized"},
+        Refused{"Zipfile", "CREATE VIRTUAL TABLE v USING zipfile('/etc/passwd')", "not authorized"},
+        Refused{"Vocabulary", "CREATE VIRTUAL TABLE v USING fts5vocab('t', 'row')", "not authorized"},
+        Refused{"TokenizerOfTwo", "SELECT fts3_tokenizer('x', x'0000000000000000')", "not authorized"},
+        Refused{"Schema", "UPDATE sqlite_schema SET sql = NULL", "may not be modified"},
+        Refused{"ShadowTable", "CREATE VIRTUAL TABLE v USING fts5(x); DELETE FROM v_data", "may not be modified"},
+        Refused{"ShadowTable4", "CREATE VIRTUAL TABLE v USING fts4(x); DELETE FROM v_segdir", "may not be modified"},
         Refused{"JournalModeOfMain", "pragma main.Journal_Mode('memory')", "not authorized"},
         Refused{"JournalModeQuoted", "PRAGMA \"journal_mode\" = WAL", "not authorized"},
         Refused{"TempDirectory", "PRAGMA temp_store_directory = '/tmp'", "not authorized"},
@@ -240,6 +274,173 @@ INSTANTIATE_TEST_SUITE_P(Statements, RefusedStatementTest,
         Refused{"ConflictThatRollsBack", "INSERT OR ROLLBACK INTO t VALUES(7, 'x'),(7, 'y')", "UNIQUE constraint"},
         Refused{"RollbackWithoutSavepoint", "ROLLBACK TO nowhere", "no such savepoint"}),
     [](const auto& instance) { return std::string(instance.param.name); });
+
+TEST_F(SqlScriptTest, MayAskPragmasThatOnlyTell) {
+	Run("PRAGMA integrity_check; PRAGMA foreign_key_check; PRAGMA foreign_key_check(t); PRAGMA table_info(t);\n"
+	    "PRAGMA quick_check(1); PRAGMA page_count; PRAGMA user_version; PRAGMA main.page_size; PRAGMA journal_mode;\n"
+	    "SELECT * FROM pragma_table_list; SELECT * FROM pragma_index_list('t'); PRAGMA encoding; PRAGMA data_version;\n"
+	    "DELETE FROM t WHERE a = 1;\n");
+	EXPECT_THAT(Rows(), ElementsAre("two"));
+}
+
+class VirtualTableScriptTest : public SqlScriptTest, public testing::WithParamInterface<const char*> {
+protected:
+	std::vector<std::string> Matches(const std::string& word) const {
+		SQLite::Database database(file_, SQLite::OPEN_READONLY);
+		SQLite::Statement query(database, "SELECT body FROM words WHERE words MATCH ? ORDER BY rowid");
+		query.bind(1, word);
+		std::vector<std::string> bodies;
+		while (query.executeStep()) {
+			bodies.push_back(query.getColumn(0).getString());
+		}
+		return bodies;
+	}
+	std::string module_ = GetParam();
+};
+
+TEST_P(VirtualTableScriptTest, ChangesFullTextTables) {
+	Execute("CREATE VIRTUAL TABLE words USING " + module_ +
+	        "(title, body);"
+	        "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 400)"
+	        "INSERT INTO words SELECT 'title', 'body ' || i FROM c;");
+	Run("UPDATE words SET body = 'changed body' WHERE rowid = 7;\nDELETE FROM words WHERE rowid = 8;\n"
+	    "INSERT INTO words(rowid, title, body) VALUES(1000, 'new', 'changed again');\n");
+	EXPECT_THAT(Matches("changed"), ElementsAre("changed body", "changed again"));
+	EXPECT_THAT(Matches("7"), ElementsAre());
+	EXPECT_THAT(Matches("8"), ElementsAre());
+	EXPECT_THAT(Matches("9"), ElementsAre("body 9"));
+	Execute("INSERT INTO words(words) VALUES('integrity-check')");
+	EXPECT_THAT(Names(), ElementsAre("db", "script"));
+}
+
+TEST_P(VirtualTableScriptTest, MakesAndRemovesFullTextTables) {
+	Run("CREATE VIRTUAL TABLE words USING " + module_ +
+	    "(title, body, tokenize=porter);\n"
+	    "INSERT INTO words SELECT b, b || 's running' FROM t;\nINSERT INTO words(words) VALUES('optimize');\n");
+	EXPECT_THAT(Matches("run"), ElementsAre("ones running", "twos running"));
+	Run("DROP TABLE words;\n");
+	EXPECT_EQ(
+	    SQLite::Database(file_).execAndGet("SELECT count(*) FROM sqlite_schema WHERE name LIKE 'words%'").getInt(), 0);
+}
+
+TEST_P(VirtualTableScriptTest, ChangesNothingWhenItFails) {
+	Execute("CREATE VIRTUAL TABLE words USING " + module_ + "(title, body); INSERT INTO words VALUES('a', 'b')");
+	EXPECT_TRUE(IsRefused("DELETE FROM words;\nINSERT INTO words VALUES('c', 'd');\nnonsense;\n", "syntax error"));
+	EXPECT_THAT(Matches("b"), ElementsAre("b"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Modules, VirtualTableScriptTest, testing::Values("fts3", "fts4", "fts5", "FTS5"));
+
+TEST_F(SqlScriptTest, MakesAndChangesRTrees) {
+	Execute("CREATE VIRTUAL TABLE places USING rtree(id, x0, x1); INSERT INTO places VALUES(1, 0, 5), (2, 3, 4)");
+	Run("UPDATE places SET x1 = 9 WHERE id = 1;\nDELETE FROM places WHERE id = 2;\n"
+	    "CREATE VIRTUAL TABLE whole USING rtree_i32(id, x0, x1, +note);\nINSERT INTO whole VALUES(5, 6, 7, 'n');\n");
+	SQLite::Database database(file_, SQLite::OPEN_READONLY);
+	EXPECT_EQ(
+	    database.execAndGet("SELECT group_concat(id || ':' || x1) FROM places WHERE x1 > 8").getString(), "1:9.0");
+	EXPECT_EQ(database.execAndGet("SELECT note FROM whole WHERE x0 = 6").getString(), "n");
+	EXPECT_EQ(database.execAndGet("SELECT rtreecheck('places')").getString(), "ok");
+}
+
+#define ENDLESS "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) "
+
+TEST_F(SqlScriptTest, EndsWhenItsTimeIsUp) {
+	WriteFile(script_, "DELETE FROM t;\n" ENDLESS "SELECT max(i) FROM n;\n");
+	const std::string before = ReadFile(file_);
+	const auto begin = std::chrono::steady_clock::now();
+	EXPECT_EQ(MessageOf([&] { ExecuteSqlScript(file_, script_, std::chrono::seconds(1)); }),
+	    "Fail apply sql cmd: not finished after 1 seconds");
+	EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+	EXPECT_EQ(ReadFile(file_), before);
+}
+
+/** What SQLite has of memory and which limits hold for it, which a script must leave as they were. */
+struct Memory {
+	std::int64_t used = sqlite3_memory_used();
+	std::int64_t hard = sqlite3_hard_heap_limit64(-1);
+	std::int64_t soft = sqlite3_soft_heap_limit64(-1);
+};
+
+class GreedyScriptTest : public SqlScriptTest, public testing::WithParamInterface<Refused> {};
+
+TEST_P(GreedyScriptTest, FailsWithinItsLimits) {
+	const Memory before;
+	sqlite3_memory_highwater(1);
+	EXPECT_TRUE(IsRefused("DELETE FROM t;\n" + std::string(GetParam().statement) + "\n", GetParam().why));
+	EXPECT_LT(sqlite3_memory_highwater(0) - before.used, kMaxScriptMemoryBytes + (1 << 20));
+	const Memory after;
+	EXPECT_EQ(after.hard, before.hard);
+	EXPECT_EQ(after.soft, before.soft);
+}
+
+const std::string kManyValues = [] {
+	std::string statement = "SELECT 1";
+	for (int i = 0; i < 80; ++i) {
+		statement += ", randomblob(4000000)";
+	}
+	return statement + ";";
+}();
+
+INSTANTIATE_TEST_SUITE_P(Statements, GreedyScriptTest,
+    testing::Values(Refused{"Randomblob", "INSERT INTO t VALUES(3, randomblob(2000000000));", "too big"},
+        Refused{"Zeroblob", "INSERT INTO t VALUES(3, zeroblob(2000000000));", "too big"},
+        Refused{"Replace", "INSERT INTO t VALUES(3, replace(hex(zeroblob(1000000)), '0', '0123456789'));", "too big"},
+        Refused{"Concatenation",
+            "WITH RECURSIVE n(i, x) AS (SELECT 1, 'x' UNION ALL SELECT i + 1, x || x FROM n) SELECT max(i) FROM n;",
+            "too big"},
+        Refused{"GroupConcat",
+            "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000) "
+            "SELECT group_concat(zeroblob(1000)) FROM n;",
+            "too big"},
+        Refused{"ManyValues", kManyValues.c_str(), "more than 268435456 bytes of memory needed"},
+        Refused{"Sorter", ENDLESS "SELECT i, randomblob(1000) AS r FROM n ORDER BY r;",
+            "more than 268435456 bytes of memory needed"},
+        Refused{"TemporaryTable", "CREATE TEMP TABLE x(y); " ENDLESS "INSERT INTO x SELECT randomblob(4000) FROM n;",
+            "more than 268435456 bytes of memory needed"},
+        Refused{
+            "Growth", ENDLESS "INSERT INTO t SELECT i + 10, zeroblob(4000000) FROM n;", "database or disk is full"}),
+    [](const auto& instance) { return std::string(instance.param.name); });
+
+TEST_F(SqlScriptTest, HasNothingWhereSqliteFormatsTooMuch) {
+	const Memory before;
+	sqlite3_memory_highwater(1);
+	Run("UPDATE t SET b = printf('%.*c', 100000000, 'x') WHERE a = 1;\n"); // SQLite gives NULL and no error.
+	EXPECT_THAT(Rows(), ElementsAre("", "two"));
+	EXPECT_LT(sqlite3_memory_highwater(0) - before.used, 4 * kMaxScriptValueBytes);
+}
+
+TEST_F(SqlScriptTest, LeavesALowerLimitOfTheHost) {
+	constexpr std::int64_t kOfTheHost = 64 << 20;
+	const Memory before;
+	sqlite3_hard_heap_limit64(kOfTheHost);
+	EXPECT_TRUE(IsRefused(ENDLESS "SELECT i, randomblob(1000) AS r FROM n ORDER BY r;", "memory needed"));
+	EXPECT_EQ(sqlite3_hard_heap_limit64(-1), kOfTheHost);
+	sqlite3_hard_heap_limit64(before.hard);
+	sqlite3_soft_heap_limit64(before.soft);
+}
+
+TEST_F(SqlScriptTest, CountsTheMemoryOfEachOfSeveralScripts) {
+	const Memory before;
+	{
+		const ScriptMemoryLimit one;
+		const std::int64_t limit = sqlite3_hard_heap_limit64(-1);
+		EXPECT_EQ(limit, before.used + kMaxScriptMemoryBytes);
+		{
+			const ScriptMemoryLimit other;
+			EXPECT_EQ(sqlite3_hard_heap_limit64(-1), limit + kMaxScriptMemoryBytes);
+		}
+		EXPECT_EQ(sqlite3_hard_heap_limit64(-1), limit);
+	}
+	EXPECT_EQ(Memory().hard, before.hard);
+	EXPECT_EQ(Memory().soft, before.soft);
+}
+
+TEST_F(SqlScriptTest, HasLinesOfLimitedLength) {
+	Run("UPDATE t SET b = X'" + std::string(2 * std::size_t{kMaxScriptValueBytes} - 100, 'a') + "' WHERE a = 1;\n");
+	EXPECT_EQ(Rows().at(0).size(), kMaxScriptValueBytes - 50U);
+	EXPECT_TRUE(IsRefused("DELETE FROM t;\n" + std::string(kMaxScriptLineBytes + 1, ' ') + "\n",
+	    "line of more than 8454144 bytes in " + script_));
+}
 
 } // namespace
 } // namespace tarn::dataupdate

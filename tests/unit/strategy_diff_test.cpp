@@ -10,6 +10,7 @@
 #include <dataupdate/strategy.h>
 
 #include <gmock/gmock.h>
+#include <json/value.h>
 
 #include <sys/mount.h>
 #include <syslog.h>
@@ -104,15 +105,9 @@ TEST_F(DiffStrategyTest, FindsWhatIsInTheWayBeforeAnythingIsReplaced) {
 	EXPECT_FALSE(fs::exists(kMark));
 }
 
-TEST_F(DiffStrategyTest, LeavesWhatWasUnpackedOverAnEarlierVersionToTheFullPackage) {
-	WriteFile("/var/lib/data_update/geo/overlaid", "");
-	EXPECT_EQ(PrepareFailure(), "A version of geo was installed over another");
-	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget"), 0U);
-}
-
 TEST_F(DiffStrategyTest, FetchesAndAppliesTheChainInThisOrder) {
 	Prepared();
-	std::vector<testing::Matcher<std::string>> expected = {"mkdir " + Area(), "mkdir " + Temp("sum")};
+	std::vector<testing::Matcher<std::string>> expected = {"mkdir " + Temp("sum")};
 	for (const std::string version : {"6", "7", "8"}) {
 		const std::string delta = Temp("delta_" + version);
 		expected.insert(
@@ -212,7 +207,7 @@ TEST_F(DiffStrategyTest, PassesOnPackageErrors) {
 	platform_.archive_init_works = false;
 	EXPECT_EQ(PrepareFailure(), "Failed to extract package at tarnarchive_init");
 	platform_.mkdir_works = false;
-	EXPECT_EQ(PrepareFailure(), "Fail to create dir " + Area());
+	EXPECT_EQ(PrepareFailure(), "Fail to create dir " + Temp("sum"));
 	EXPECT_EQ(platform_.open_archives, 0);
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "other"));
 }
@@ -277,15 +272,27 @@ TEST_F(DiffStrategyTest, NeedsMoreThanATwentiethFreeAfterwards) {
 TEST_F(DiffStrategyTest, NeverUsesWhatAKilledRunLeftBehind) {
 	WriteFile(Temp("sum/f"), "left behind ");
 	WriteFile(Temp("sum/f.patchout"), "left behind");
-	WriteFile(Temp("delta_6/stale"), "x");
+	WriteFile(Temp("delta_6/patch_infos.json"), R"({"other": {"operation": "delete"}})");
+	WriteFile(Temp("delta_7/stale"), "x");
 	WriteFile(Temp("delta_9/stale"), "x");
-	fs::create_directories(Temp("d6/in/the/way"));
-	WriteFile(Temp("full/stale"), "x");
-	WriteFile(Area() + "/poi_sum/f", "x");
+	WriteFile(Temp("d6"), "left behind");
+	bool is_clear = true;
+	platform_.extract_more = [&](const std::string& delta) { is_clear = is_clear && !fs::exists(delta + "/stale"); };
 	Prepared();
+	EXPECT_TRUE(is_clear);
 	EXPECT_EQ(ReadFile(Temp("sum/f")), "5678");
-	EXPECT_THAT(EntriesBelow(Area()),
-	    UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8", "poi_sum", "poi_sum/f"));
+	EXPECT_EQ(ReadFile(Temp("d6")), "package");
+	EXPECT_THAT(EntriesBelow(Area()), UnorderedElementsAre("geo_sum", "geo_sum/f", "geo_d6", "geo_d7", "geo_d8",
+	                                      "geo_delta_9", "geo_delta_9/stale")); // What it does not use.
+}
+
+TEST_F(DiffStrategyTest, NeverFollowsALinkThatLiesInItsDirectorysPlace) {
+	fs::create_directories(directory_ / "theirs");
+	fs::create_directories(Area());
+	fs::create_directory_symlink(directory_ / "theirs", Temp("sum"));
+	Prepared();
+	EXPECT_TRUE(fs::is_directory(fs::symlink_status(Temp("sum"))));
+	EXPECT_THAT(EntriesBelow(directory_ / "theirs"), IsEmpty());
 }
 
 TEST_F(DiffStrategyTest, HoldsReadersOffWhileItReplaces) {
@@ -304,30 +311,20 @@ TEST_F(DiffStrategyTest, HoldsReadersOffWhileItReplaces) {
 		if (call == "linkat") {
 			changed = true;
 			EXPECT_ANY_THROW(FileLock(kUsingLock, 0));
-			EXPECT_TRUE(fs::exists(kMark));
 		}
 	};
 	strategy.ApplyUpdate();
 	EXPECT_TRUE(changed);
 	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
-	EXPECT_TRUE(fs::exists(kMark)); // Until the new version has been recorded.
+	EXPECT_FALSE(fs::exists(fs::path(kMark).parent_path())); // Nobody asked for a file there.
 }
 
-TEST_F(DiffStrategyTest, ChangesNothingThatItCannotMark) {
-	DiffStrategy& strategy = Prepared();
-	system_.Fail("fsync", EIO);
-	EXPECT_THAT(
-	    MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: Fail to mark replacement: "));
-	EXPECT_EQ(ReadFile(Installed("f")), "5");
-	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
-}
-
-TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFilesAndLeavesTheMark) {
+TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	DiffStrategy& strategy = Prepared();
 	system_.Fail("linkat", ENOSPC);
 	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }),
 	    AllOf(StartsWith("Fail to diff update: "), HasSubstr("No space left on device")));
-	EXPECT_TRUE(fs::exists(kMark));
+	EXPECT_FALSE(fs::exists(kMark));
 	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
 	fs::remove(Temp("sum/f"));
 	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: "));
@@ -335,14 +332,28 @@ TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFilesAndLeavesTheMark) {
 	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: "));
 }
 
-TEST_F(DiffStrategyTest, PatchesNothingAfterAReplacementThatWasNotRecorded) {
+TEST_F(DiffStrategyTest, LooksAtNoMarkAndTouchesNone) {
 	WriteFile(kRecord, "{}");
+	WriteFile(kMark, "");
 	Prepared().ApplyUpdate();
-	EXPECT_EQ(PrepareFailure(), "The last replacement of geo was not finished");
 	EXPECT_EQ(ReadFile(Installed("f")), "5678");
-	diffs_.clear();
-	EXPECT_EQ(PrepareFailure(), kInsufficient);
-	EXPECT_FALSE(fs::exists(Area()));
+	EXPECT_THAT(EntriesBelow("/var/lib/data_update/geo"), UnorderedElementsAre("version.json", "replacing"));
+	EXPECT_NO_THROW(Prepared()); // Which version is installed is its caller's to tell.
+}
+
+TEST_F(DiffStrategyTest, LeavesEveryFileWhenTheLastOneCannotBeInstalled) {
+	Offer(R"({"f": {"operation": "delete"}, "z": {"operation": "create", "input_file": "in"}})", {{"in/file", "x"}});
+	DiffStrategy& strategy = Prepared(); // A directory is the copy's affair.
+	EXPECT_TRUE(fs::is_directory(Temp("sum/z")));
+	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }), "Fail to diff update: Not a regular file: " + Temp("sum/z"));
+	EXPECT_EQ(ReadFile(Installed("f")), "5");
+}
+
+TEST_F(DiffStrategyTest, PassesOnWhatTheJsonLibraryThrows) {
+	Offer("[]");
+	EXPECT_THROW(Prepared(), Json::LogicError);
+	Offer(R"({"f": {"operation": ["delete"]}})");
+	EXPECT_THROW(Prepared(), Json::LogicError);
 }
 
 TEST_F(DiffStrategyTest, ChangesNothingWithoutHavingBeenPrepared) {

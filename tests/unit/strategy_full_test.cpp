@@ -76,6 +76,35 @@ TEST_F(FullStrategyTest, ListsTheAbsoluteTargetsOfAllFiles) {
 	EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre(Installed("b"), Installed("sub/deep/a")));
 }
 
+/** A working directory that is removed while the test is in it. */
+class LostWorkingDirectory {
+public:
+	explicit LostWorkingDirectory(const fs::path& path) {
+		fs::create_directory(path);
+		fs::current_path(path);
+		fs::remove(path);
+	}
+	~LostWorkingDirectory() {
+		std::error_code ignored;
+		fs::current_path(before_, ignored);
+	}
+	LostWorkingDirectory(const LostWorkingDirectory&) = delete;
+	LostWorkingDirectory& operator=(const LostWorkingDirectory&) = delete;
+
+private:
+	fs::path before_ = fs::current_path();
+};
+
+TEST_F(FullStrategyTest, NeedsNoWorkingDirectory) {
+	platform_.package_files = {{"b", ""}, {"sub/deep/a", ""}};
+	const LostWorkingDirectory lost(directory_ / "lost");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre(Installed("b"), Installed("sub/deep/a")));
+	EXPECT_TRUE(fs::exists(Installed("sub/deep/a")));
+}
+
 TEST_F(FullStrategyTest, TouchesNoInstalledFileWhilePreparing) {
 	WriteFile(Installed("old"), "old");
 	platform_.package_files = {{"new", ""}};
@@ -184,12 +213,9 @@ TEST_F(FullStrategyTest, PassesOnDownloadAndPackageErrors) {
 
 TEST_F(FullStrategyTest, NeverInstallsWhatAKilledRunLeftBehind) {
 	WriteFile(Temp("geo_full/stale"), "unsigned");
-	WriteFile(Temp("geo_sum/stale"), "x");
-	WriteFile(Temp("geo_delta_7/stale"), "x");
+	WriteFile(Temp("geo_v12"), "left behind");
+	WriteFile(Temp("geo_sum/stale"), "x"); // This and the others have no part in a full update.
 	WriteFile(Temp("geo_v11"), "x");
-	WriteFile(Temp("geo_debug"), "x");
-	WriteFile(Temp("geo_map_full/theirs"), "x"); // Of a database called geo_map.
-	WriteFile(Temp("geo_v1a"), "x");             // No name of ours.
 	WriteFile(Temp("poi_v3"), "x");
 	platform_.package_files = {{"new", ""}};
 	{
@@ -198,8 +224,37 @@ TEST_F(FullStrategyTest, NeverInstallsWhatAKilledRunLeftBehind) {
 		strategy.ApplyUpdate();
 	}
 	EXPECT_THAT(EntriesBelow(Installed("")), ElementsAre("new"));
-	EXPECT_THAT(
-	    EntriesBelow(Temp("")), UnorderedElementsAre("geo_map_full", "geo_map_full/theirs", "geo_v1a", "poi_v3"));
+	EXPECT_THAT(EntriesBelow(Temp("")), UnorderedElementsAre("geo_sum", "geo_sum/stale", "geo_v11", "poi_v3"));
+}
+
+TEST_F(FullStrategyTest, ClearsItsDirectoryRightBeforeItIsUsed) {
+	WriteFile(Temp("geo_full/stale"), "unsigned");
+	platform_.execl = [&](const std::string&, unsigned int, const test::FakePlatform::Arguments& arguments) {
+		EXPECT_TRUE(fs::exists(Temp("geo_full/stale"))); // Until the package is there.
+		WriteFile(arguments.at(3), "package");
+		return 0;
+	};
+	platform_.extract_more = [&](const std::string&) { EXPECT_FALSE(fs::exists(Temp("geo_full/stale"))); };
+	Strategy().PrepareUpdate();
+}
+
+TEST_F(FullStrategyTest, SaysThatItsUnpackedFilesAreGone) {
+	platform_.extract_more = [](const std::string& destination) { fs::remove_all(destination); };
+	EXPECT_EQ(PrepareFailure(), "failed to read file stat: " + Temp("geo_full"));
+}
+
+TEST_F(FullStrategyTest, RemovesNoDirectoryInItsPackagesPlace) {
+	fs::create_directories(Temp("geo_v12"));
+	platform_.execl = [](const std::string&, unsigned int, const test::FakePlatform::Arguments&) { return 1; };
+	EXPECT_ANY_THROW(Strategy().PrepareUpdate());
+	EXPECT_TRUE(fs::is_directory(Temp("geo_v12")));
+}
+
+TEST_F(FullStrategyTest, SetsNoMark) {
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	EXPECT_FALSE(fs::exists(fs::path(kMark).parent_path())); // Nobody asked for a file there.
 }
 
 TEST_F(FullStrategyTest, HoldsReadersOffWhileItReplaces) {
@@ -230,24 +285,6 @@ TEST_F(FullStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	fs::remove_all(Installed(""));
 	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }),
 	    "Fail to full update: failed to read file stat: " + directory_ / "volume/db/geo");
-}
-
-TEST_F(FullStrategyTest, MarksTheReplacementUnderTheLockBeforeItChangesAnything) {
-	WriteFile(Installed("old"), "old");
-	FullStrategy strategy = Strategy();
-	strategy.PrepareUpdate();
-	{
-		const FileLock reader(kUsingLock, 0);
-		MessageOf([&] { strategy.ApplyUpdate(); });
-		EXPECT_FALSE(fs::exists(kMark));
-	}
-	system_.Fail("fsync", EIO);
-	EXPECT_THAT(
-	    MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to full update: Fail to mark replacement: "));
-	EXPECT_TRUE(fs::exists(Installed("old")));
-	strategy.ApplyUpdate();
-	EXPECT_FALSE(fs::exists(Installed("old")));
-	EXPECT_TRUE(fs::exists(kMark)); // Until the new version has been recorded.
 }
 
 TEST_F(FullStrategyTest, RemovesItsTemporaryDataWhateverHappened) {

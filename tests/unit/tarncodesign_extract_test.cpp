@@ -190,10 +190,26 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ArchiveRefusal,
 TEST_F(ArchiveExtract, RefusesNamesLongerThanAPathMayBe) {
 	std::string name;
 	while (name.size() < PATH_MAX) {
-		name += "component/";
+		name += "a long component/";
 	}
 	EXPECT_THAT(InstallError(Seal(LongNamed(name + "f", "x"))), HasSubstr("is too long"));
-	EXPECT_EQ(InstallError(Seal(LongNamed(name.substr(0, 3000) + "/f", "x"))), "");
+	EXPECT_EQ(InstallError(Seal(LongNamed(name.substr(0, 2000) + "/f", "x"))), "");
+}
+
+TEST_F(ArchiveExtract, RefusesNamesOfMoreThan128Components) {
+	const auto nested = [](int directories) {
+		std::string name;
+		for (int i = 0; i < directories; ++i) {
+			name += i % 2 == 0 ? "d/" : "d/./";
+		}
+		return name;
+	};
+	EXPECT_EQ(InstallError(Seal(LongNamed(nested(127) + "f", "x"))), "");
+	EmptyDestination();
+	EXPECT_THAT(
+	    InstallError(Seal(LongNamed(nested(128) + "f", "x"))), HasSubstr("has 129 components; the limit is 128"));
+	EXPECT_THAT(InstallError(Seal(LongNamed(nested(1100) + "f", "x"))), HasSubstr("has 1101 components"));
+	EXPECT_EQ(Installed(), Tree{});
 }
 
 TEST_F(ArchiveExtract, RefusesTheExtendedForm) {

@@ -4,13 +4,17 @@
 
 #include <dataupdate/file_lock.h>
 #include <tarndbudctl/failure.h>
+#include <tarndbudctl/file_changes.h>
 #include <tarndbudctl/file_check.h>
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <filesystem>
 #include <future>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -63,10 +67,35 @@ protected:
 		}
 		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{},"zip":{}})");
 		WriteFile(kUsingLock, "");
+		std::filesystem::create_directories("/var/lib/data_update/geo");
 		WriteFile(directory_ / "file", "content");
 		ON_CALL(*doubles_.database, GetInstallPrefix).WillByDefault(Return(directory_.Path().string()));
-		record_ = Record(directory_.Path(), {"file"});
+		RecordAll({"file"});
 		ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) { return record_; });
+	}
+	/** What a full package leaves: a record that lists all files, by absolute names. */
+	void RecordAll(const std::set<std::string>& names) { record_ = Whole(names); }
+	DatabaseStatus Whole(const std::set<std::string>& names) const {
+		std::set<std::string> paths;
+		for (const std::string& name : names) {
+			paths.insert(directory_ / name);
+		}
+		return Record(directory_.Path(), paths);
+	}
+	/** What a diff package leaves: a record of what it changed, and the host's one of all. */
+	void RecordDiff(const std::set<std::string>& changed, const std::set<std::string>& all) {
+		WriteInstalledFiles("geo", WholeRecord(Whole(all), directory_.Path(), true));
+		record_ = Record(directory_.Path(), changed);
+	}
+	Json::Value Answer() {
+		Options options;
+		options.ids = {"geo"};
+		options.json = true;
+		doubles_.out.str("");
+		RunCheck(doubles_.services, options);
+		Json::Value array;
+		std::istringstream(doubles_.out.str()) >> array;
+		return array[0];
 	}
 	ExitCode Run(std::vector<std::string> ids, unsigned long timeout_seconds = 0) {
 		Options options;
@@ -78,7 +107,7 @@ protected:
 	/** The second look, which keeps updates away, finds another file bad if it looks at it. */
 	void DamageTheSoundFileBeforeTheSecondLook() {
 		WriteFile(directory_ / "sound", "content");
-		record_ = Record(directory_.Path(), {"file", "sound"});
+		RecordAll({"file", "sound"});
 		Damage();
 		ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this, seen = 0](const std::string&) mutable {
 			if (++seen == 2) {
@@ -115,7 +144,7 @@ TEST_F(CheckCommandTest, TakesWhatIsNotInstalledForInNeedOfAFix) {
 
 TEST_F(CheckCommandTest, ShowsAFewOfManyBadFiles) {
 	for (int number = 0; number < 30; ++number) {
-		record_.file_statuses["gone" + std::to_string(number)] = {};
+		record_.file_statuses[directory_ / ("gone" + std::to_string(number))] = {};
 	}
 	EXPECT_EQ(Run({"geo"}), kFixNeeded);
 	EXPECT_THAT(doubles_.out.str(), testing::EndsWith("\tand 10 more\n"));
@@ -152,7 +181,7 @@ TEST_F(CheckCommandTest, WaitsForAnUpdateToRecordItsFiles) {
 		// The files were seen, and are not locked any more.
 		looked_.get_future().wait();
 		std::make_unique<FileLock>(kUsingLock, 60);
-		record_ = Record(directory_.Path(), {"file"});
+		RecordAll({"file"});
 		updating.reset();
 	});
 	ON_CALL(*doubles_.info, GetDatabaseStatus)
@@ -170,7 +199,7 @@ TEST_F(CheckCommandTest, WaitsForAnUpdateToRecordItsFiles) {
 TEST_F(CheckCommandTest, BlamesNothingThatAnUpdateRecordedMeanwhile) {
 	Damage();
 	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) {
-		return std::exchange(record_, Record(directory_.Path(), {"file"}));
+		return std::exchange(record_, Whole({"file"}));
 	});
 	EXPECT_EQ(Run({"geo"}), kDone);
 	EXPECT_EQ(doubles_.out.str(), "geo: ok\n");
@@ -195,6 +224,72 @@ TEST_F(CheckCommandTest, LooksAtAllFilesAgainWhenSomethingWasReplacedMeanwhile) 
 	std::filesystem::remove("/var/lib/data_update/geo/replacing");
 	EXPECT_EQ(Run({"geo"}), kFixNeeded);
 	EXPECT_THAT(doubles_.out.str(), testing::EndsWith(directory_ / "sound" + " has changed\n"));
+}
+
+TEST_F(CheckCommandTest, FindsDamageToAFileThatTheLastUpdateLeftAlone) {
+	for (const char* name : {"damaged", "missing", "shortened"}) {
+		WriteFile(directory_ / name, "content");
+	}
+	RecordDiff({"file"}, {"damaged", "file", "missing", "shortened"});
+	EXPECT_EQ(Run({"geo"}), kDone);
+	WriteFile(directory_ / "damaged", "CONTENT");
+	std::filesystem::remove(directory_ / "missing");
+	WriteFile(directory_ / "shortened", "conten");
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_EQ(doubles_.out.str(), "geo: ok\ngeo: needs a fix\n\t" + directory_ / "damaged" + " has changed\n\t" +
+	                                  directory_ / "missing" + " is missing\n\t" + directory_ / "shortened" +
+	                                  " has changed\n");
+	EXPECT_EQ(Answer()["record_of_all_files"], "complete");
+}
+
+TEST_F(CheckCommandTest, TellsWhatLiesThereWithoutBeingRecorded) {
+	for (const bool is_diff : {false, true}) {
+		WriteFile(directory_ / "sub/unknown", "");
+		if (is_diff) {
+			RecordDiff({}, {"file"});
+		}
+		doubles_.out.str("");
+		EXPECT_EQ(Run({"geo"}), kFixNeeded);
+		EXPECT_EQ(doubles_.out.str(), "geo: needs a fix\n\t" + directory_ / "sub/unknown" + " is unknown\n");
+		const Json::Value answer = Answer();
+		EXPECT_EQ(answer["result"], "needs a fix");
+		EXPECT_EQ(answer["bad_files"].size(), 0U);
+		EXPECT_EQ(answer["unknown_files"][0]["path"], directory_ / "sub/unknown");
+	}
+}
+
+TEST_F(CheckCommandTest, BlamesNoUnknownFileThatWasRecordedMeanwhile) {
+	RecordDiff({}, {"file"});
+	WriteFile(directory_ / "new", "");
+	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this, seen = 0](const std::string&) mutable {
+		if (++seen == 2) {
+			RecordDiff({"new"}, {"file", "new"});
+		}
+		return record_;
+	});
+	EXPECT_EQ(Run({"geo"}), kDone);
+}
+
+TEST_F(CheckCommandTest, SaysWhenOnlyTheLastUpdateCanBeCompared) {
+	record_ = Record(directory_.Path(), {"file"});
+	WriteFile(directory_ / "unknown", "");
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_THAT(doubles_.out.str(), testing::HasSubstr("geo: ok\n\tonly what the last update changed was compared"));
+	EXPECT_EQ(Answer()["record_of_all_files"], "missing");
+	WriteInstalledFiles("geo", RebuiltRecord(record_, directory_.Path()));
+	EXPECT_EQ(Answer()["record_of_all_files"], "rebuilt");
+}
+
+TEST_F(CheckCommandTest, DoesNotTakeAnUnfinishedReplacementForSound) {
+	WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	WriteFile("/var/lib/data_update/geo/replacing", "");
+	EXPECT_EQ(Run({"geo"}), kFixNeeded);
+	EXPECT_EQ(doubles_.out.str(), "geo: needs a fix\n\tthe last replacement of its files was not finished\n");
+	EXPECT_EQ(Answer()["unfinished"], true);
+	for (const char* busy : {kUpdateLock, "/run/data_update/update_any.lock"}) {
+		const FileLock updating(busy, 0);
+		EXPECT_EQ(Run({"geo"}), kLocked) << "the update may be about to record it, or an adopted volume be compared";
+	}
 }
 
 TEST_F(CheckCommandTest, KeepsNoUpdateAwayFromWhatIsSound) {

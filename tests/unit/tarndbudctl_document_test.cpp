@@ -174,6 +174,32 @@ TEST(CheckedInfoGetterTest, NamesTheLinkOfDiffPackagesThatAreMalformed) {
 	EXPECT_THAT(MessageOf([&] { getter.GetDiffInfos("geo"); }), AllOf(HasSubstr(kLink), HasSubstr("\"x\" of geo")));
 }
 
+/** What the library would take for a number, or for the beginning of it. */
+constexpr const char* kNoVersions[] = {"-5", "99abc", "0x63", " 9", "9 ", "+9", "", "9.0", "2147483648"};
+
+TEST(CheckedInfoGetterTest, RefusesAVersionThatIsNotWrittenInDigitsAlone) {
+	for (const std::string version : kNoVersions) {
+		const NiceMock<TestedGetter> getter;
+		ON_CALL(getter, FetchDatabaseInfo)
+		    .WillByDefault(Return(Parse(R"({"deprecated":false,"db_list":{"geo":{"data_version":")" + version +
+		                                R"(","last_fetch_time":1,"download_link":"http://x/"}}})")));
+		EXPECT_THAT(MessageOf([&] { getter.GetRemoteInfo("geo"); }),
+		    HasSubstr("is malformed: \"data_version\" of geo is \"" + version + "\", which is no version number"));
+	}
+}
+
+TEST(CheckedInfoGetterTest, RefusesADiffPackageThatIsNotNamedInDigitsAlone) {
+	for (const std::string version : kNoVersions) {
+		const NiceMock<TestedGetter> getter;
+		ON_CALL(getter, FetchDatabaseInfo)
+		    .WillByDefault(Return(Parse(R"({"deprecated":false,"db_list":{"geo":{)" GOOD R"(,"diff_files":{")" +
+		                                version + R"(":{"download_link":"x","file_size":1}}}}})")));
+		EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
+		EXPECT_THAT(MessageOf([&] { getter.GetDiffInfos("geo"); }),
+		    HasSubstr("the diff package \"" + version + "\" of geo is not named by a version number"));
+	}
+}
+
 TEST(CheckedIOTest, NoticesAFileThatCouldNotBeWrittenToItsEnd) {
 	const test::TemporaryDirectory directory;
 	const std::string path = directory / "version.json";

@@ -79,6 +79,18 @@ TEST(FailureTest, TellsByTheClientsErrorWhyADownloadFailed) {
 	EXPECT_THAT(explain(TLIBC_ERR_SIGNAL + 9), HasSubstr("check the network"));
 }
 
+TEST(FailureTest, TellsWhatToDoAboutADownloadThatWasEnded) {
+	const auto explain = [](int reason) {
+		return ExplainMessage("Fail to wget url: http://x/", TLIBC_ERR_DOWNLOAD + reason).sentence;
+	};
+	EXPECT_EQ(explain(TLIBC_DOWNLOAD_TOO_LARGE), "Fail to wget url: http://x/; the download was ended: check what the "
+	                                             "server, or something on the way to it, sends "
+	                                             "there.");
+	EXPECT_THAT(explain(TLIBC_DOWNLOAD_NO_SPACE), EndsWith("free some space."));
+	EXPECT_THAT(explain(TLIBC_DOWNLOAD_TOO_SLOW), EndsWith("another lowest_rate in /usr/tarn/etc/downloads.conf."));
+	EXPECT_THAT(explain(TLIBC_DOWNLOAD_TOO_LONG), EndsWith("another deadline in /usr/tarn/etc/downloads.conf."));
+}
+
 TEST(FailureTest, DoesNotGuessByAnEarlierErrorWhyALinkWasRefused) {
 	EXPECT_THAT(ExplainMessage("Fail to wget url: --post-file=/x", TLIBC_ERR_EXIT + 4).sentence,
 	    HasSubstr("no link may begin with \"-\""));

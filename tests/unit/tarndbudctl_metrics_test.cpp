@@ -5,6 +5,7 @@
 #include <dataupdate/file_lock.h>
 #include <dataupdate/paths.h>
 #include <tarndbudctl/failure.h>
+#include <tarndbudctl/installed_package.h>
 #include <tarndbudctl/metrics.h>
 #include <tarndbudctl/run_record.h>
 #include <tarndbudctl/whole_file.h>
@@ -93,10 +94,32 @@ TEST_F(MetricsCommandTest, MeasuresWhatIsInstalledAndWhatWasOffered) {
 	for (const char* line : {"tarndbud_installed{database=\"geo\"} 1\n", "tarndbud_installed{database=\"zip\"} 0\n",
 	         "tarndbud_installed_version{database=\"geo\"} 4\n", "tarndbud_remote_version{database=\"geo\"} 7\n",
 	         "tarndbud_installed_bytes{database=\"geo\"} 4711\n", "tarndbud_scheduled{database=\"zip\"} 1\n",
-	         "tarndbud_data_timestamp_seconds{database=\"geo\"} 0\n", "tarndbud_volume_available 0\n"}) {
+	         "tarndbud_above_offered{database=\"geo\"} 0\n", "tarndbud_volume_available 0\n"}) {
 		EXPECT_THAT(text, HasSubstr(line));
 	}
+	EXPECT_THAT(text, Not(HasSubstr("tarndbud_data_"))) << "nothing tells when the data was published";
 	EXPECT_THAT(text, Not(HasSubstr("_version{database=\"zip\"}")));
+}
+
+TEST_F(MetricsCommandTest, TakesTheAgeFromTheSignedPackageOfTheInstalledVersion) {
+	doubles_.Install(4, "geo");
+	WriteFile(InstalledPackagePath("geo"), R"({"data_version":4,"published":1700000000})");
+	std::string text = Run();
+	EXPECT_THAT(text, HasSubstr("tarndbud_data_timestamp_seconds{database=\"geo\"} 1700000000\n"));
+	EXPECT_THAT(text, HasSubstr("tarndbud_data_age_seconds{database=\"geo\"} "));
+	doubles_.Install(5, "geo");
+	text = Run();
+	EXPECT_THAT(text, Not(HasSubstr("tarndbud_data_"))) << "the record is one of version 4";
+}
+
+TEST_F(MetricsCommandTest, TellsThatALaterVersionIsInstalledThanOffered) {
+	doubles_.Install(8, "geo");
+	WriteFile(
+	    dataupdate::kCachedInfo, R"({"db_list":{"geo":{"data_version":"7","last_fetch_time":1,"download_link":"x"}}})");
+	EXPECT_THAT(Run(), HasSubstr("tarndbud_above_offered{database=\"geo\"} 1\n"));
+	WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	WriteFile("/var/lib/data_update/geo/replacing", "");
+	EXPECT_THAT(Run(), HasSubstr("tarndbud_above_offered{database=\"geo\"} 0\n")) << "it is installed anew";
 }
 
 TEST_F(MetricsCommandTest, TellsNoSizeOfFilesThatAreBeingReplaced) {
@@ -118,9 +141,10 @@ TEST_F(MetricsCommandTest, ToldNothingOfASilentServer) {
 }
 
 TEST_F(MetricsCommandTest, TellsHowTheLastRunWent) {
-	RunRecorded(doubles_.services, "geo", "update", [] {});
+	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kDone; }), kDone);
 	EXPECT_THROW(
-	    RunRecorded(doubles_.services, "zip", "fix", [] { throw CommandError(kLocked, "busy"); }), CommandError);
+	    RunRecorded(doubles_.services, "zip", "fix", []() -> ExitCode { throw CommandError(kLocked, "busy"); }),
+	    CommandError);
 	const std::string text = Run();
 	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_success{database=\"geo\",operation=\"update\"} 1\n"));
 	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_success{database=\"zip\",operation=\"fix\"} 0\n"));

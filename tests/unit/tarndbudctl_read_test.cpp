@@ -20,6 +20,7 @@ using test::ReadFile;
 using test::WriteFile;
 using testing::HasSubstr;
 
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 
 TEST(ChildCommandTest, EndsAsTheCommandEnds) {
@@ -47,7 +48,8 @@ protected:
 	ExitCode Run(const std::string& script, const std::string& id = "geo") {
 		Options options;
 		options.id = id;
-		options.timeout_seconds = 0;
+		options.timeout_seconds = timeout_seconds_;
+		options.even_unfinished = even_unfinished_;
 		options.command = {"sh", "-c", script, directory_.Path()};
 		return RunRead(doubles_.services, options);
 	}
@@ -59,10 +61,17 @@ protected:
 			return {error.Code(), error.what()};
 		}
 	}
+	/** What a run that was killed while it replaced files leaves. */
+	static void LeaveUnfinished() {
+		WriteFile("/var/lib/data_update/geo/version.json", "{}");
+		WriteFile(kMark, "");
+	}
 	bool HasRun() const { return std::filesystem::exists(directory_ / "ran"); }
 
 	test::TemporaryDirectory directory_;
 	test::Doubles doubles_;
+	unsigned long timeout_seconds_ = 0;
+	bool even_unfinished_ = false;
 };
 
 TEST_F(ReadCommandTest, HoldsTheLockWhileTheCommandRuns) {
@@ -95,6 +104,56 @@ TEST_F(ReadCommandTest, HasNothingToLockBeforeTheFirstInstallation) {
 	EXPECT_THAT(Failure().second, HasSubstr("Nothing is installed of geo"));
 	EXPECT_FALSE(HasRun());
 	EXPECT_FALSE(std::filesystem::exists(kUsingLock));
+}
+
+TEST_F(ReadCommandTest, DoesNotReadAMixtureThatAKilledRunLeft) {
+	LeaveUnfinished();
+	timeout_seconds_ = 600; // No update runs that could be waited for.
+	EXPECT_EQ(Failure().first, kLocked);
+	EXPECT_THAT(Failure().second, HasSubstr("The last replacement of the files of geo was not finished"));
+	EXPECT_FALSE(HasRun());
+	const FileLock free(kUsingLock, 0);
+}
+
+TEST_F(ReadCommandTest, DoesNotReadWhatAKilledFirstInstallationLeft) {
+	WriteFile(kMark, "");
+	EXPECT_EQ(Failure().first, kLocked);
+}
+
+TEST_F(ReadCommandTest, ReadsAMixtureWhenToldSo) {
+	LeaveUnfinished();
+	even_unfinished_ = true;
+	EXPECT_EQ(Run("flock --exclusive --nonblock /run/data_update/using_geo.lock true"), 1);
+}
+
+TEST_F(ReadCommandTest, WaitsForAnUpdateToRecordWhatItReplaced) {
+	LeaveUnfinished();
+	timeout_seconds_ = 600;
+	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault([] {
+		std::filesystem::remove(kMark);
+		return true;
+	});
+	EXPECT_EQ(Run("exit 5"), 5);
+}
+
+TEST_F(ReadCommandTest, DoesNotWaitForAnUpdateForLongerThanItMay) {
+	LeaveUnfinished();
+	timeout_seconds_ = 1;
+	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault(testing::Return(true));
+	EXPECT_EQ(Failure().first, kLocked);
+	EXPECT_FALSE(HasRun());
+}
+
+TEST_F(ReadCommandTest, LooksForTheMarkUnderTheLock) {
+	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([](const std::string&) {
+		LeaveUnfinished(); // Between the lock's two looks for its file.
+		dataupdate::DatabaseStatus status;
+		status.data_version = 4;
+		return status;
+	});
+	std::filesystem::remove(kUsingLock);
+	EXPECT_EQ(Failure().first, kLocked);
+	EXPECT_FALSE(HasRun());
 }
 
 TEST_F(ReadCommandTest, RefusesADatabaseThatIsNotConfigured) {

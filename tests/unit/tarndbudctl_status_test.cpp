@@ -3,11 +3,13 @@
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
+#include <tarndbudctl/installed_package.h>
 #include <tarndbudctl/status_report.h>
 
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <ctime>
 #include <sstream>
 #include <string>
 
@@ -47,6 +49,7 @@ TEST_F(StatusTest, GivesEveryMemberOfADatabase) {
 	const Json::Value array = RunJson({"geo"});
 	ASSERT_EQ(array.size(), 1U);
 	EXPECT_EQ(array[0], Parse(R"({"id":"geo","installed_version":4,"remote_version":5,"up_to_date":false,
+		"above_offered":false,"published":null,"age_seconds":null,
 		"scheduled":true,"updating":true,"unfinished":false,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
 }
 
@@ -62,14 +65,45 @@ TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {
 	EXPECT_EQ(doubles_.err.str(), "");
 	doubles_.out.str("");
 	EXPECT_EQ(Run({}, false), kDone);
-	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  yes"));
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  unknown  yes"));
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; "
 	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it anew.\n");
 }
 
-TEST_F(StatusTest, CountsALaterVersionThanTheServersAsUpToDate) {
-	doubles_.Install(6);
-	EXPECT_EQ(RunJson({"geo"})[0]["up_to_date"], true);
+TEST_F(StatusTest, TakesALaterVersionThanTheServersForAStateOfItsOwn) {
+	doubles_.Install(11, "geo");
+	doubles_.Install(5, "zip");
+	EXPECT_EQ(Run({}, true), kAboveOffered);
+	const Json::Value array = Parse(doubles_.out.str());
+	EXPECT_EQ(array[0]["up_to_date"], false);
+	EXPECT_EQ(array[0]["above_offered"], true);
+	EXPECT_EQ(array[1]["up_to_date"], true);
+	EXPECT_EQ(array[1]["above_offered"], false);
+	EXPECT_EQ(doubles_.err.str(), "");
+	doubles_.out.str("");
+	EXPECT_EQ(Run({}, false), kAboveOffered);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       11         5        above offered  unknown  yes"));
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: Installed 11 is above the offered 5, so no update changes it; ask "
+	                              "the publisher whether that is meant.\n");
+	EXPECT_EQ(Run({"zip"}, false), kDone);
+}
+
+TEST_F(StatusTest, TellsTheAgeThatTheSignedPackageOfTheInstalledVersionGives) {
+	doubles_.Install(5);
+	const std::time_t published = std::time(nullptr) - 3 * 86'400 - 5;
+	test::WriteFile(
+	    InstalledPackagePath("geo"), "{\"data_version\":5,\"published\":" + std::to_string(published) + "}");
+	test::WriteFile(InstalledPackagePath("zip"), R"({"data_version":4,"published":1})");
+	const Json::Value array = RunJson({});
+	EXPECT_EQ(array[0]["published"], Json::Value(Json::Int64{published}));
+	EXPECT_GE(array[0]["age_seconds"].asInt64(), 3 * 86'400 + 5);
+	EXPECT_LT(array[0]["age_seconds"].asInt64(), 3 * 86'400 + 65);
+	EXPECT_TRUE(array[1]["published"].isNull());
+	EXPECT_TRUE(array[1]["age_seconds"].isNull());
+	doubles_.out.str("");
+	EXPECT_EQ(Run({}, false), kDone);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        up to date  3 d      yes"));
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("zip       5          5        up to date  unknown  yes"));
 }
 
 TEST_F(StatusTest, HasNullForWhatIsNotInstalledAndForNoVolume) {
@@ -99,9 +133,9 @@ TEST_F(StatusTest, TellsAPersonTheReasonOnce) {
 	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault(Throw(UpdateError("No way")));
 	EXPECT_EQ(Run({}, false), kDone);
 	EXPECT_EQ(doubles_.out.str(),
-	    "DATABASE  INSTALLED  OFFERED  STATE      SCHEDULED  DIRECTORY\n"
-	    "geo       4          unknown  installed  yes        /volume1/@database/autoupdate/geo\n"
-	    "zip       4          unknown  installed  yes        /volume1/@database/autoupdate/geo\n");
+	    "DATABASE  INSTALLED  OFFERED  STATE      AGE      SCHEDULED  DIRECTORY\n"
+	    "geo       4          unknown  installed  unknown  yes        /volume1/@database/autoupdate/geo\n"
+	    "zip       4          unknown  installed  unknown  yes        /volume1/@database/autoupdate/geo\n");
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: The offered version is unknown. No way.\n");
 }
 
@@ -125,12 +159,14 @@ TEST(StatusTableTest, NamesTheStateOfEachDatabase) {
 	StatusRow row;
 	row.id = "geo";
 	row.remote_version = 5;
-	const auto state = [&] { return FormatStatusTable({row}); };
-	EXPECT_THAT(state(), HasSubstr("geo       -          5        not installed  no         - (no volume)"));
+	const auto state = [&] { return FormatStatusTable({row}, 0); };
+	EXPECT_THAT(state(), HasSubstr("geo       -          5        not installed  -    no         - (no volume)"));
 	row.installed_version = 4;
 	EXPECT_THAT(state(), HasSubstr(" outdated "));
 	row.installed_version = 5;
 	EXPECT_THAT(state(), HasSubstr(" up to date "));
+	row.installed_version = 6;
+	EXPECT_THAT(state(), HasSubstr(" above offered "));
 	row.updating = true;
 	EXPECT_THAT(state(), HasSubstr(" updating "));
 }

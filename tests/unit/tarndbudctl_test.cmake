@@ -3,12 +3,17 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_arguments_test.cpp
 	tarndbudctl_check_test.cpp
 	tarndbudctl_document_test.cpp
+	tarndbudctl_download_test.cpp
 	tarndbudctl_failure_test.cpp
+	tarndbudctl_files_test.cpp
 	tarndbudctl_metrics_test.cpp
+	tarndbudctl_package_test.cpp
 	tarndbudctl_progress_test.cpp
 	tarndbudctl_program_test.cpp
 	tarndbudctl_read_test.cpp
+	tarndbudctl_recording_test.cpp
 	tarndbudctl_repair_test.cpp
+	tarndbudctl_safety_test.cpp
 	tarndbudctl_schedule_test.cpp
 	tarndbudctl_settings_test.cpp
 	tarndbudctl_status_test.cpp

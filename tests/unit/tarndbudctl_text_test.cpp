@@ -33,6 +33,15 @@ TEST(FormatBytesTest, UsesTheUnitThatKeepsThreeDigitsBeforeThePoint) {
 	EXPECT_EQ(FormatBytes(UINT64_MAX), "18446.7 PB");
 }
 
+TEST(FormatDurationTest, UsesTheUnitThatReadsBest) {
+	EXPECT_EQ(FormatDuration(0), "0 min");
+	EXPECT_EQ(FormatDuration(3599), "59 min");
+	EXPECT_EQ(FormatDuration(3600), "1 h");
+	EXPECT_EQ(FormatDuration(2 * 86'400 - 1), "47 h");
+	EXPECT_EQ(FormatDuration(2 * 86'400), "2 d");
+	EXPECT_EQ(FormatDuration(-1), "in the future");
+}
+
 TEST(FormatTableTest, AlignsColumnsWithoutBlanksAtTheEnd) {
 	EXPECT_EQ(FormatTable({{"A", "LONG", "B"}, {"wide", "x", ""}}), "A     LONG  B\nwide  x\n");
 }

@@ -1,4 +1,5 @@
 #include "private_root.h"
+#include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
@@ -8,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <syslog.h>
+
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -68,6 +72,22 @@ TEST_F(UpdateCommandTest, SaysWhatBecameOfEachDatabase) {
 	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 3 to version 5\nzip: up to date, version 5\n");
 }
 
+TEST_F(UpdateCommandTest, LogsWhatAMissingDiffMeansBeforeTheLibraryComplainsOfIt) {
+	LetSucceed("geo");
+	ON_CALL(*doubles_.info, GetDiffInfos("geo"))
+	    .WillByDefault(Return(std::map<int, dataupdate::DiffInfo>{{4, {"http://x/4", 1}}, {5, {"http://x/5", 1}}}));
+	const auto count = [this](int installed, const std::vector<std::string>& texts) {
+		const test::SyslogCapture log;
+		doubles_.Install(installed, "geo");
+		EXPECT_EQ(Run({"geo"}), kDone);
+		return log.Count(LOG_NOTICE, texts);
+	};
+	const std::string meaning = "\"No sufficient diff patched\" says only this";
+	EXPECT_EQ(count(-1, {"geo is not installed", meaning}), 1U);
+	EXPECT_EQ(count(2, {"no diff package from version 2 to 3 of geo, on the way from 2 to 5", meaning}), 1U);
+	EXPECT_EQ(count(3, {meaning}), 0U);
+}
+
 TEST_F(UpdateCommandTest, TriesAllNamedDatabasesAndEndsWithTheFirstFailure) {
 	doubles_.Install(4);
 	ON_CALL(*doubles_.updater, Update("geo", _, _, _, _, _, _))
@@ -92,6 +112,29 @@ TEST_F(UpdateCommandTest, AsksNoServerAgainAboutWhatIsUpToDate) {
 	EXPECT_EQ(Run({"geo"}), kDone);
 }
 
+TEST_F(UpdateCommandTest, DoesNotTakeALaterVersionThanTheServersForUpToDate) {
+	doubles_.Install(11, "geo");
+	doubles_.Install(4, "zip");
+	LetSucceed("zip");
+	EXPECT_EQ(Run({}), kAboveOffered) << "the others are updated all the same";
+	EXPECT_EQ(doubles_.out.str(),
+	    "geo: installed 11 is above the offered 5; nothing was changed. If the publisher took the later version back, "
+	    "\"tarndbudctl force-install geo 0\" installs the offered one\n"
+	    "zip: updated from version 4 to version 5\n");
+	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kAboveOffered);
+	EXPECT_EQ(ReadRunRecord("zip")->exit_status, kDone);
+	EXPECT_EQ(Run({"zip"}), kDone);
+	EXPECT_EQ(Run({"zip", "geo"}), kAboveOffered);
+	Options options;
+	options.ids = {"geo"};
+	options.json = true;
+	doubles_.out.str("");
+	EXPECT_EQ(RunUpdate(doubles_.services, options), kAboveOffered);
+	EXPECT_EQ(doubles_.out.str(),
+	    "[\n\t{\n\t\t\"exit_status\" : 5,\n\t\t\"id\" : \"geo\",\n\t\t\"offered_version\" : 5,"
+	    "\n\t\t\"result\" : \"above offered\",\n\t\t\"version\" : 11\n\t}\n]\n");
+}
+
 TEST_F(UpdateCommandTest, DoesNotTakeAMissingVolumeForSuccess) {
 	doubles_.Install(4);
 	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
@@ -107,6 +150,8 @@ TEST_F(UpdateCommandTest, DoesNotTakeAnUpdateThatStoppedForSuccess) {
 	doubles_.Install(4);
 	// The library alone, between two looks of the command, finds none.
 	EXPECT_CALL(*doubles_.config, GetCurVolume)
+	    .WillOnce(testing::Return("/volume1"))
+	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return(""))
@@ -147,6 +192,7 @@ TEST_F(UpdateCommandTest, SaysThatItReinstalledWhatWasUnfinished) {
 	Options options;
 	options.ids = {"geo"};
 	options.json = true;
+	LeaveUnfinished("geo"); // The first reinstallation has ended that.
 	EXPECT_EQ(RunUpdate(doubles_.services, options), kDone);
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("\"result\" : \"reinstalled\""));
 	EXPECT_THAT(doubles_.out.str(), testing::Not(HasSubstr("previous_version")));

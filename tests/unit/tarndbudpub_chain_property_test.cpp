@@ -31,6 +31,9 @@ public:
 				ExecuteSql(root_ + "/" + name, DatabaseEdit());
 			}
 		}
+		if (Below(4) == 0) {
+			fs::remove_all(root_ + "/" + kDirectories.at(static_cast<std::size_t>(Below(kDirectories.size()))));
+		}
 		for (int i = Below(4); i > 0; --i) {
 			EditFile(root_ + "/" + kFiles.at(static_cast<std::size_t>(Below(kFiles.size()))));
 		}
@@ -39,7 +42,8 @@ public:
 	static constexpr std::array<const char*, 2> kDatabases = {"one.sqlite", "two.sqlite"};
 
 private:
-	static constexpr std::array<const char*, 6> kFiles = {"a", "b", "d/a", "d/b", "d/e/f", "g-h"};
+	static constexpr std::array<const char*, 8> kFiles = {"a", "b", "d/a", "d/b", "d/e/f", "d/e/g/h", "d-e/f", "g-h"};
+	static constexpr std::array<const char*, 4> kDirectories = {"d", "d/e", "d/e/g", "d-e"};
 
 	int Below(std::size_t bound) { return static_cast<int>(random_() % bound); }
 	std::string Number() { return std::to_string(Below(400)); }
@@ -109,6 +113,7 @@ protected:
 			have.erase(name);
 		}
 		EXPECT_EQ(have, want) << how;
+		EXPECT_EQ(device.Directories(), expected.Directories()) << how;
 	}
 	std::set<std::string> ScriptedAfter(int version) const {
 		std::set<std::string> names;

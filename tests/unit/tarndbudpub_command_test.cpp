@@ -148,6 +148,50 @@ TEST_F(Command, PublishSaysWhatIsWrongWithTheKey) {
 	EXPECT_FALSE(fs::exists(options_.repository));
 }
 
+TEST_F(Command, PublishSaysWhenItIsTheFirst) {
+	EXPECT_EQ(Run(PublishArguments({"--continue"})), publisher::kFailed);
+	EXPECT_EQ(Run(PublishArguments()), publisher::kDone);
+	EXPECT_THAT(out_.str(), HasSubstr("\nThis is the first publication of db in " + options_.repository));
+	EXPECT_EQ(Run(PublishArguments({"--continue"})), publisher::kDone);
+	EXPECT_THAT(out_.str(), Not(HasSubstr("first publication")));
+}
+
+TEST_F(Command, PublishWarnsOfAKeyThatOthersMayReadAndGoesOn) {
+	for (const fs::perms of_others : {fs::perms::group_read, fs::perms::others_read, fs::perms::group_write}) {
+		fs::permissions(options_.key_file, fs::perms::owner_read | of_others);
+		EXPECT_EQ(Run(PublishArguments({"--keep-diffs", "0"})), publisher::kDone);
+		EXPECT_THAT(err_.str(),
+		    StartsWith("warning: Others than its owner may read or change the private key " + options_.key_file));
+	}
+	EXPECT_THAT(err_.str(), HasSubstr("(mode 0420)"));
+	fs::permissions(options_.key_file, fs::perms::owner_read | fs::perms::owner_write);
+	EXPECT_EQ(Run(PublishArguments({"--keep-diffs", "0"})), publisher::kDone);
+	EXPECT_THAT(err_.str(), IsEmpty());
+}
+
+TEST_F(Command, RestoreTellsWhatItWroteAndWhatItCouldNot) {
+	const std::string document = options_.repository + "/database_info/1";
+	const std::vector<std::string> arguments = {
+	    "restore", "--repo", options_.repository, "--key", directory_ / "key.pub"};
+	ExpectFailure(Run(arguments), "is no directory that can be read");
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	EXPECT_EQ(Run(arguments), publisher::kDone);
+	EXPECT_EQ(
+	    out_.str(), "Left as it is: db, of which the document names version 1.\nNothing to write: " + document + "\n");
+	fs::remove(document);
+	EXPECT_EQ(Run(arguments), publisher::kDone);
+	EXPECT_EQ(out_.str(),
+	    "Restored db version 1, http://host/packages/db/db_v1.tarn, with 0 diff packages.\nWrote " + document + "\n");
+	fs::remove(document);
+	WriteFile(Package(3, "other"), "damaged");
+	EXPECT_EQ(Run(arguments), publisher::kFailed);
+	EXPECT_THAT(out_.str(), StartsWith("Restored db version 1, "));
+	EXPECT_THAT(err_.str(), HasSubstr("tarndbudpub: other is not restored: none of its full packages can be used"));
+	EXPECT_EQ(Run({"restore", "--repo", options_.repository}), publisher::kUsage);
+	EXPECT_EQ(Run({"restore", "--repo", options_.repository, "--key", directory_ / "key.pub", "--url", "host"}),
+	    publisher::kUsage);
+}
+
 TEST_F(Command, VerifyNamesTheKeyThatSigned) {
 	publisher::GenerateKeyFiles(directory_ / "other");
 	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
@@ -171,10 +215,13 @@ TEST_F(Command, VerifyFindsADamagedByte) {
 }
 
 TEST_F(Command, InspectListsMembersAndSaysThatItVerifiesNothing) {
+	const FixedTime time("1700000000");
 	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
 	EXPECT_EQ(Run({"inspect", Package(1)}), publisher::kDone);
 	EXPECT_THAT(out_.str(), HasSubstr("signature not checked"));
-	EXPECT_THAT(out_.str(), HasSubstr(R"({"data_version":1,"format_version":"1","id":"db","kind":"full"})"));
+	EXPECT_THAT(out_.str(),
+	    HasSubstr(R"({"data_version":1,"format_version":"1","id":"db","kind":"full","published":1700000000})"));
+	EXPECT_THAT(out_.str(), HasSubstr("published      2023-11-14 22:13:20 UTC\n"));
 	EXPECT_THAT(out_.str(), HasSubstr("             7  file           file\n"));
 	EXPECT_EQ(Run({"inspect", Package(1), "--json"}), publisher::kDone);
 	Json::Value value;
@@ -184,6 +231,7 @@ TEST_F(Command, InspectListsMembersAndSaysThatItVerifiesNothing) {
 	EXPECT_EQ(value["entry_count"].asInt(), 1);
 	EXPECT_EQ(value["unpacked_size"].asInt(), 7);
 	EXPECT_EQ(value["metadata"]["id"].asString(), "db");
+	EXPECT_EQ(value["metadata"]["published"].asInt(), 1700000000);
 	ASSERT_EQ(value["members"].size(), 1U);
 	EXPECT_EQ(value["members"][0]["name"].asString(), "file");
 	EXPECT_EQ(value["members"][0]["size"].asInt(), 7);

@@ -228,7 +228,65 @@ TEST_F(DiffPublishing, TurnsAFileIntoADirectory) {
 	EXPECT_EQ(Followed(1, 2), PublishedTree());
 }
 
+TEST_F(DiffPublishing, RemovesDirectoriesThatItEmpties) {
+	for (const char* name : {"a/f", "a/b/c/g", "a/b/c/h", "a-b/i", "k/l", "k/m"}) {
+		Put(name, "old");
+	}
+	Publish();
+	fs::remove_all(TreePath("a"));
+	fs::remove(TreePath("k/l"));
+	fs::remove(TreePath("a-b/i")); // an empty directory is left in the published tree alone
+	const publisher::PublishResult result = Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"a", "dir"}, {"a/f", "-"}, {"a/b", "dir"}, {"a/b/c", "dir"}, {"a/b/c/g", "-"},
+	                          {"a/b/c/h", "-"}, {"a-b", "dir"}, {"a-b/i", "-"}, {"k/l", "-"}}));
+	EXPECT_EQ(result.diff->deleted, 5U);
+	DeviceTree device(PublicKey());
+	device.Install(Package(1));
+	device.Update({Diff(2)});
+	EXPECT_EQ(device.Files(), PublishedTree());
+	EXPECT_EQ(device.Directories(), (std::set<std::string>{"d", "k"}));
+}
+
+TEST_F(DiffPublishing, FillsDirectoriesAgainThatItEmptiedBefore) {
+	Put("a.b/f", "one");
+	Publish();
+	fs::remove_all(TreePath("a.b"));
+	Publish();
+	Put("a_b", "meets no working copy of a directory");
+	Put("a.b/c/f", "two");
+	Publish();
+	fs::remove_all(TreePath("a.b"));
+	Publish();
+	EXPECT_THAT(OfferedDiffs(), ElementsAre(2, 3, 4));
+	for (int from = 1; from <= 4; ++from) {
+		for (int to = from + 1; to <= 4; ++to) {
+			DeviceTree device(PublicKey());
+			device.Install(Package(from));
+			std::vector<std::string> packages;
+			for (int version = from + 1; version <= to; ++version) {
+				packages.push_back(Diff(version));
+			}
+			device.Update(packages);
+			DeviceTree expected(PublicKey());
+			expected.Install(Package(to));
+			EXPECT_EQ(device.Files(), expected.Files()) << from << " to " << to;
+			EXPECT_EQ(device.Directories(), expected.Directories()) << from << " to " << to;
+		}
+	}
+}
+
+TEST_F(DiffPublishing, SignsWhenItWasPublishedAndFromWhereItLeads) {
+	const FixedTime time("1700000000");
+	PublishChange();
+	PublishChange();
+	const Json::Value metadata = MetadataOf(2);
+	EXPECT_EQ(metadata["published"], Json::Value(1700000000));
+	EXPECT_EQ(metadata["data_version"], Json::Value(2));
+	EXPECT_EQ(metadata["base_version"], Json::Value(1));
+}
+
 TEST_F(DiffPublishing, GivesTheSameBytesForTheSameTrees) {
+	const FixedTime time("1700000000");
 	ExecuteSql(TreePath("base"), "CREATE TABLE t(a); INSERT INTO t VALUES(1), (2), (3)");
 	for (int i = 0; i < 20; ++i) {
 		Put("f" + std::to_string(i), Noise(500, 5) + std::to_string(i));

@@ -1,4 +1,5 @@
 // What a repository holds after publishing, after refusals and after publishers that were killed.
+#include "diff_package.h"
 #include "publisher_fixture.h"
 
 #include <climits>
@@ -23,15 +24,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Files = std::map<std::string, std::string>;
-
-/** Sets SOURCE_DATE_EPOCH for its lifetime. */
-class FixedTime {
-public:
-	explicit FixedTime(const char* seconds) { setenv("SOURCE_DATE_EPOCH", seconds, 1); }
-	FixedTime(const FixedTime&) = delete;
-	FixedTime& operator=(const FixedTime&) = delete;
-	~FixedTime() { unsetenv("SOURCE_DATE_EPOCH"); }
-};
 
 class Publishing : public PublisherTest {
 protected:
@@ -192,6 +184,7 @@ TEST_F(Publishing, LeavesADocumentAloneThatItCannotRead) {
 }
 
 TEST_F(Publishing, GivesTheSameBytesForTheSameTree) {
+	const FixedTime time("1700000000");
 	Put("d/executable", "#!/bin/sh\n");
 	fs::permissions(options_.tree + "/d/executable", fs::perms(0711));
 	Publish();
@@ -206,6 +199,14 @@ TEST_F(Publishing, GivesTheSameBytesForTheSameTree) {
 	options_.data_version = 2;
 	Publish();
 	EXPECT_NE(ReadFile(Package(2)), first);
+}
+
+TEST_F(Publishing, SignsTheTimeThatTheDocumentNames) {
+	const FixedTime time("1700000000");
+	Publish();
+	const Json::Value metadata = publisher::ReadMetadata(codesign::ArchiveFile(Package(1)));
+	EXPECT_EQ(metadata["published"], Json::Value(1700000000));
+	EXPECT_EQ(metadata["published"], Document()["db_list"]["db"]["last_fetch_time"]);
 }
 
 TEST_F(Publishing, WarnsWhenTheVersionStandsElsewhereInTheLink) {
@@ -229,7 +230,7 @@ TEST_F(Publishing, LeavesOutTheSlashAtTheEndOfTheBase) {
 TEST_F(Publishing, SetsFilesAsideThatAKilledPublisherLeft) {
 	Publish();
 	for (const char* name : {"packages/db/.tarndbudpub-db_v2.tarn.part", "packages/db/.tarndbudpub-payload-abc.part",
-	         "database_info/.tarndbudpub-1.part", "packages/db/db_v2.tarn"}) {
+	         "database_info/.tarndbudpub-1.part", "packages/.tarndbudpub-.tarndbudpub.url.part"}) {
 		WriteFile(options_.repository + "/" + name, "left behind");
 	}
 	EXPECT_EQ(Publish().data_version, 2);

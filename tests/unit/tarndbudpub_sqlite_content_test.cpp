@@ -1,7 +1,10 @@
 // Which databases hold the same, and which may be changed by scripts.
 #include "diff_fixture.h"
+#include "publish_error.h"
 #include "sqlite_content.h"
+#include "virtual_tables.h"
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
 
 namespace tarn::test {
@@ -107,11 +110,50 @@ TEST_F(SqliteContent, MayNotChangeByScriptWhereStatementsDoMoreThanTheySay) {
 	const std::string table = kTable;
 	EXPECT_THAT(
 	    both(table + "CREATE TRIGGER g AFTER INSERT ON t BEGIN DELETE FROM t; END;"), Optional(HasSubstr("triggers")));
-	EXPECT_THAT(both("CREATE VIRTUAL TABLE v USING fts5(a);"), Optional(HasSubstr("virtual tables")));
+	EXPECT_EQ(both("CREATE VIRTUAL TABLE v USING fts5(a); CREATE VIRTUAL TABLE w USING rtree_i32(i, a, b, +c);"
+	               "CREATE VIRTUAL TABLE \"u using x(\" USING FTS4 (a); CREATE VIRTUAL TABLE x USING fts3(a);"),
+	    std::nullopt);
+	EXPECT_THAT(
+	    both("CREATE VIRTUAL TABLE v USING dbstat(main);"), Optional(HasSubstr("v is a virtual one of dbstat")));
+	for (const std::string columns : {"fts5(a, content='t')", "fts5(a, content='')", "fts4(a, content='t')",
+	         "fts4(a, content='')", "fts4(a, languageid='l')"}) {
+		EXPECT_THAT(both(table + "CREATE VIRTUAL TABLE v USING " + columns),
+		    Optional(std::string("the table v does not hold the text of its rows alone")))
+		    << columns;
+	}
 	EXPECT_THAT(both("CREATE TABLE g(a, b AS (a + 1));"), Optional(HasSubstr("generated columns")));
 	EXPECT_THAT(both("CREATE TABLE h(rowid, oid, _rowid_);"), Optional(HasSubstr("row ids")));
 	EXPECT_THAT(both("PRAGMA encoding = 'UTF-16le';" + table), Optional(HasSubstr("UTF-8")));
 	EXPECT_EQ(both("CREATE TABLE h(rowid, oid);"), std::nullopt);
+}
+
+TEST_F(SqliteContent, IsTheRowsOfVirtualTablesAndTheirSettings) {
+	for (const std::string module : {"fts3", "fts4", "fts5"}) {
+		const std::string made = "CREATE VIRTUAL TABLE v USING " + module + "(a); INSERT INTO v VALUES('one');";
+		const std::string sound = Database(module + "-sound", made + "INSERT INTO v VALUES('two words')");
+		const std::string other = Database(module + "-other", made + "INSERT INTO v VALUES('two others')");
+		const std::string detour = Database(module + "-detour",
+		    made + "INSERT INTO v VALUES('wrong'); UPDATE v SET a = 'two words' WHERE rowid = 2; INSERT INTO v(v) "
+		           "VALUES('optimize');");
+		EXPECT_THAT(publisher::FindContentDifference(sound, other), Optional(std::string("the table v differs")));
+		EXPECT_EQ(publisher::FindContentDifference(sound, detour), std::nullopt) << module;
+		EXPECT_NO_THROW(publisher::RequireSoundIndexes(detour));
+		SQLite::Database(sound, SQLite::OPEN_READWRITE)
+		    .exec(std::string("UPDATE v_content SET ") + (module == "fts5" ? "c0" : "c0a") +
+		          " = 'one word' WHERE rowid = 2");
+		EXPECT_THROW(publisher::RequireSoundIndexes(sound), publisher::PublishError) << module;
+	}
+	const std::string ranked = "CREATE VIRTUAL TABLE v USING fts5(a); INSERT INTO v VALUES('one');";
+	EXPECT_THAT(publisher::FindContentDifference(Database("plain", ranked),
+	                Database("ranked", ranked + "INSERT INTO v(v, rank) VALUES('rank', 'bm25(9.0)');")),
+	    Optional(std::string("the table v differs")));
+	const std::string tree = "CREATE VIRTUAL TABLE r USING rtree(i, x0, x1); INSERT INTO r VALUES(1, 0.1, 0.3);";
+	EXPECT_THAT(publisher::FindContentDifference(
+	                Database("tree", tree), Database("moved", tree + "UPDATE r SET x1 = 0.30001;")),
+	    Optional(std::string("the table r differs")));
+	EXPECT_NO_THROW(publisher::RequireSoundIndexes(directory_ / "tree"));
+	SQLite::Database(directory_ / "tree", SQLite::OPEN_READWRITE).exec("DELETE FROM r_rowid");
+	EXPECT_THROW(publisher::RequireSoundIndexes(directory_ / "tree"), publisher::PublishError);
 }
 
 TEST_F(SqliteContent, IsToldFromOtherFiles) {

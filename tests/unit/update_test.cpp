@@ -231,6 +231,7 @@ TEST_F(UpdateProjectTest, CountsAnUnfinishedReplacementAsNothingInstalled) {
 	EXPECT_CALL(*updater_, Update("geo", Installed(-1), Remote(3, "l"), _, _, _, _)).WillOnce(Return(Installed(3)));
 	update_.UpdateProject("geo");
 	EXPECT_EQ(Log().front(), (Line{LOG_WARNING, "update", "The last replacement of 'geo' was not finished"}));
+	WriteFile("/var/lib/data_update/geo/replacing", "");
 	EXPECT_CALL(*getter_, SetDatabaseStatus("geo", _)); // No file is known to be damaged, and yet:
 	update_.FixProject("geo");
 }

@@ -6,6 +6,7 @@
 #include "private_root.h"
 #include "temporary_directory.h"
 
+#include <dataupdate/interruption.h>
 #include <dataupdate/updater.h>
 
 #include <gmock/gmock.h>
@@ -111,6 +112,17 @@ TEST_F(UpdaterTest, FailsWhenTheFilesCannotBeBroughtToTheDisk) {
 	EXPECT_EQ(MessageOf([this] { Update(); }), "Fail to sync " + directory_ / "volume/db/geo" + ": Input/output error");
 }
 
+TEST_F(UpdaterTest, BringsNothingToTheDiskWhereNothingIsInstalled) {
+	int hooks = 0;
+	platform_.on_plugin_action = [&] {
+		if (++hooks == 2) {
+			fs::remove_all(directory_ / "volume/db"); // Whoever does such a thing.
+		}
+	};
+	EXPECT_EQ(Update().data_version, 12);
+	EXPECT_FALSE(fs::exists(directory_ / "volume/db"));
+}
+
 TEST_F(UpdaterTest, RemovesTemporaryDataBeforeItWaitsForTheDisk) {
 	system_.Fail("syncfs", EIO);
 	MessageOf([this] { Update(); });
@@ -133,10 +145,11 @@ protected:
 		WriteFile(Installed("other"), "old");
 	}
 
-	DatabaseStatus Update() const {
+	DatabaseStatus Update() const { return UpdateAndTell().status; }
+	UpdateResult UpdateAndTell() const {
 		DatabaseStatus installed;
 		installed.data_version = 3;
-		return Updater().Update("geo", installed, RemoteInfo(5, 1700000000, true, "http://h/full"),
+		return Updater().UpdateAndTell("geo", installed, RemoteInfo(5, 1700000000, true, "http://h/full"),
 		    {{4, DiffInfo("http://h/4", 1)}, {5, DiffInfo("http://h/5", 1)}}, directory_ / "volume",
 		    directory_ / "volume/db/geo", directory_ / "");
 	}
@@ -170,21 +183,34 @@ TEST_F(ChainUpdaterTest, TellsTheHooksTheRelativeNamesAroundTheReplacement) {
 	EXPECT_EQ(platform_.CountEvents("hook set CHANGED_FILES=a:gone:sub/new"), 1U);
 }
 
+TEST_F(ChainUpdaterTest, TellsWhatItDeletedAsWell) {
+	const UpdateResult result = UpdateAndTell();
+	EXPECT_FALSE(result.is_full);
+	EXPECT_THAT(result.files, ElementsAre("a", "gone", "sub/new"));
+}
+
+TEST_F(ChainUpdaterTest, TellsThatTheFullPackageReplacedEverything) {
+	packages_.by_link.erase("http://h/4");
+	const UpdateResult result = UpdateAndTell();
+	EXPECT_TRUE(result.is_full);
+	EXPECT_THAT(result.files, ElementsAre(Installed("a"), Installed("sub/new")));
+}
+
 TEST_F(ChainUpdaterTest, FallsBackToTheFullPackageWithOneWarning) {
-	packages_.by_link["http://h/5"]["patch_infos.json"] = "[]";
+	packages_.by_link["http://h/5"]["patch_infos.json"] = "{";
 	const DatabaseStatus status = Update();
 	EXPECT_THAT(status.file_statuses, ElementsAre(Key(Installed("a")), Key(Installed("sub/new"))));
 	EXPECT_EQ(status.file_statuses.at(Installed("a")).sha384_digest, kOfAbc);
 	EXPECT_FALSE(fs::exists(Installed("other")));
-	std::vector<Line> expected = FallbackAfter(
-	    "Not a description of patches: " + directory_ / "volume/@tmp/data_update/geo_delta_5/patch_infos.json");
+	std::vector<Line> expected =
+	    FallbackAfter("Fail to decode: " + directory_ / "volume/@tmp/data_update/geo_delta_5/patch_infos.json");
 	expected.push_back({LOG_NOTICE, "updater.cpp", "Apply update: geo"});
 	EXPECT_EQ(Log(), expected);
 	EXPECT_EQ(log_.Count(LOG_WARNING), 1U);
 }
 
 TEST_F(ChainUpdaterTest, ReleasesTheDiffsDataBeforeItPreparesTheFullPackage) {
-	packages_.by_link["http://h/5"]["patch_infos.json"] = "[]";
+	packages_.by_link["http://h/5"]["patch_infos.json"] = "{";
 	WriteFile(directory_ / "volume/@tmp/data_update/poi_v1", "swept with it");
 	bool swept = false;
 	platform_.extract_more = [&](const std::string& destination) {
@@ -223,24 +249,31 @@ TEST_F(ChainUpdaterTest, DoesNotFallBackOnceFilesAreBeingReplaced) {
 	EXPECT_FALSE(fs::exists(directory_ / "volume/@tmp/data_update"));
 }
 
-TEST_F(ChainUpdaterTest, RepairsAnUnrecordedReplacementByTheFullPackage) {
+TEST_F(ChainUpdaterTest, PatchesAgainForAHostThatKeepsItsOwnRecords) {
 	WriteFile("/var/lib/data_update/geo/version.json", "{}");
-	system_.Fail("linkat", EIO, 1, 1); // The second of two files.
-	MessageOf([this] { Update(); });
-	EXPECT_EQ(test::ReadFile(Installed("a")), "abc"); // A mixture.
-	EXPECT_FALSE(fs::exists(Installed("sub/new")));
 	Update();
-	EXPECT_EQ(test::ReadFile(Installed("a")), "abc"); // Not "abcbc".
-	EXPECT_TRUE(fs::exists(Installed("sub/new")));
-	EXPECT_FALSE(fs::exists(Installed("other")));
-	EXPECT_EQ(log_.Count(LOG_WARNING, {"The last replacement of geo was not finished"}), 1U);
-}
-
-TEST_F(ChainUpdaterTest, PatchesAgainWhereAHostKeepsItsOwnRecords) {
-	Update(); // Without a record of the library's: the host keeps its own.
 	WriteFile(Installed("a"), "a");
 	Update();
 	EXPECT_EQ(log_.Count(LOG_WARNING), 0U);
+	EXPECT_THAT(test::EntriesBelow("/var/lib/data_update/geo"), ElementsAre("version.json")); // No mark was asked for.
+}
+
+TEST_F(ChainUpdaterTest, CanBeInterruptedAgainAfterAnUpdate) {
+	Update();
+	RequestInterruption();
+	EXPECT_EQ(MessageOf([this] { Update(); }), "Interrupted");
+	ForgetInterruption();
+}
+
+TEST_F(ChainUpdaterTest, DescribesWhatItHasChangedBeforeItHeedsAnInterruption) {
+	platform_.on_plugin_action = [this] {
+		if (test::ReadFile(Installed("a")) == "abc") {
+			RequestInterruption();
+		}
+	};
+	EXPECT_THAT(Update().file_statuses, ElementsAre(Key("a"), Key("sub/new")));
+	EXPECT_TRUE(IsInterrupted());
+	ForgetInterruption();
 }
 
 class FileStatusCheckTest : public testing::Test {

@@ -278,6 +278,22 @@ TEST_F(UnmountTest, MovesTheDatabasesAndThenUsesTheOtherVolume) {
 	EXPECT_THAT(test::Lines(log_), ElementsAre(Moving()));
 }
 
+TEST_F(UnmountTest, AsksWhereTheDatabasesAreAndThenWhereTheyGo) {
+	class Asked : public VolumeHandler {
+	public:
+		using VolumeHandler::VolumeHandler;
+		std::string GetMainDirPath(const std::string& volume) const override {
+			asked.push_back(volume);
+			return VolumeHandler::GetMainDirPath(volume);
+		}
+		mutable std::vector<std::string> asked;
+	};
+	AddVolume("new");
+	const Asked handler(config_);
+	handler.UnmountVolumeEvent(directory_ / "old");
+	EXPECT_THAT(handler.asked, ElementsAre(directory_ / "old", directory_ / "new"));
+}
+
 TEST_F(UnmountTest, LeavesThePlaceItselfToTheMove) {
 	AddVolume("new");
 	int moves = 0;

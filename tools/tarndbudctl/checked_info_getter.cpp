@@ -1,7 +1,9 @@
 #include "checked_info_getter.h"
 
 #include "document_problem.h"
+#include "text.h"
 
+#include <dataupdate/fresh_info.h>
 #include <dataupdate/paths.h>
 #include <dataupdate/update_error.h>
 
@@ -42,16 +44,25 @@ bool IsRecordError(const UpdateError& error) {
 
 } // namespace
 
-CheckedInfoGetter::CheckedInfoGetter(
-    std::shared_ptr<dataupdate::IOUtils> io, std::shared_ptr<dataupdate::ServiceConfig> service_config)
-    : InfoGetter(io, std::move(service_config)), io_(std::move(io)) {}
+CheckedInfoGetter::CheckedInfoGetter(std::shared_ptr<dataupdate::IOUtils> io,
+    std::shared_ptr<dataupdate::ServiceConfig> service_config, std::shared_ptr<DownloadLimits> limits)
+    : InfoGetter(io, std::move(service_config)), io_(std::move(io)), limits_(std::move(limits)) {}
+
+void CheckedInfoGetter::Hurry() {
+	lock_seconds_ = kMomentSeconds;
+	limits_->Hurry();
+}
 
 /** Reads a part of the document; when that fails for the document's content, tells what is wrong in it. */
 template<typename Read>
-auto CheckedInfoGetter::ReadEntry(const std::string& id, Read read) const {
+auto CheckedInfoGetter::ReadEntry(
+    const std::string& id, Read read, bool (*has_plain_versions)(const Json::Value& entry)) const {
 	const Json::Value document = GetDatabaseInfo();
 	try {
-		return read();
+		auto result = read();
+		if (has_plain_versions(document["db_list"][id])) {
+			return result;
+		}
 	} catch (const UpdateError& error) {
 		if (!IsRecordError(error)) {
 			throw;
@@ -65,11 +76,17 @@ auto CheckedInfoGetter::ReadEntry(const std::string& id, Read read) const {
 }
 
 dataupdate::RemoteInfo CheckedInfoGetter::GetRemoteInfo(const std::string& id) const {
-	return ReadEntry(id, [&] { return InfoGetter::GetRemoteInfo(id); });
+	return ReadEntry(
+	    id, [&] { return InfoGetter::GetRemoteInfo(id); }, HasPlainVersion);
 }
 
 std::map<int, dataupdate::DiffInfo> CheckedInfoGetter::GetDiffInfos(const std::string& id) const {
-	return ReadEntry(id, [&] { return InfoGetter::GetDiffInfos(id); });
+	auto diffs = ReadEntry(
+	    id, [&] { return InfoGetter::GetDiffInfos(id); }, HasPlainDiffVersions);
+	for (const auto& [version, diff] : diffs) {
+		limits_->Announce(diff.download_link, diff.file_size);
+	}
+	return diffs;
 }
 
 dataupdate::DatabaseStatus CheckedInfoGetter::GetDatabaseStatus(const std::string& id) const {
@@ -105,8 +122,13 @@ Json::Value CheckedInfoGetter::GetDatabaseInfo() const {
 
 Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
 	try {
-		return InfoGetter::GetDatabaseInfo();
+		return dataupdate::GetFreshInfo(
+		    *io_, [this] { return GetDatabaseUrl(); }, lock_seconds_);
 	} catch (const UpdateError& error) {
+		if (lock_seconds_ != dataupdate::kLockTimeout && StartsWith(error.what(), "Fail to lock ")) {
+			throw UpdateError("The server's document is being fetched by another command and has not arrived yet; try "
+			                  "later");
+		}
 		if (error.what() != std::string("Fail to decode: ") + dataupdate::kCachedInfo) {
 			throw;
 		}

@@ -2,8 +2,10 @@
 
 #include "failure.h"
 #include "interruption_watch.h"
+#include "own_umask.h"
 
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,7 +18,8 @@ namespace tarn::ctl {
 namespace {
 
 /** In the child, where only what a signal handler may do is allowed. */
-[[noreturn]] void Execute(const std::vector<char*>& arguments, pid_t parent) {
+[[noreturn]] void Execute(const std::vector<char*>& arguments, pid_t parent, mode_t mask) {
+	umask(mask);
 	prctl(PR_SET_PDEATHSIG, SIGTERM);
 	if (getppid() != parent) {
 		_exit(kFailed);
@@ -52,10 +55,11 @@ ExitCode RunChildCommand(const std::vector<std::string>& command) {
 		arguments.push_back(text.data());
 	}
 	arguments.push_back(nullptr);
+	const mode_t mask = CallersUmask();
 	const pid_t parent = getpid();
 	const pid_t child = fork();
 	if (child == 0) {
-		Execute(arguments, parent);
+		Execute(arguments, parent, mask);
 	}
 	if (child < 0) {
 		throw CommandError(kFailed, std::string("No process could be started (") + std::strerror(errno) + ")");

@@ -14,18 +14,23 @@ const std::vector<Command>& AllCommands() {
 	        true, false, DeclareInit, RunInit},
 	    {"status", "Show what is installed and what the server offers",
 	        "The server is asked at most once, and not while its last answer is at most an hour old. A server that\n"
-	        "cannot be reached is no failure: what it offers is then unknown, and the reason is given.",
+	        "cannot be reached is no failure: what it offers is then unknown, and the reason is given. The age is that "
+	        "of\n"
+	        "the signed package. Ends with 5 when a later version is installed than the server offers.",
 	        true, false, DeclareStatus, RunStatus},
 	    {"update", "Bring databases to the server's version",
 	        "Without ids, and with --all, these are the scheduled databases in the configuration's order, up to the\n"
 	        "first that fails. Named ones are all tried; the exit status is then that of the first failure. It is a\n"
-	        "failure, too, when nothing could be updated because there is no storage volume.",
+	        "failure, too, when nothing could be updated because there is no storage volume. Ends with 5 when a later\n"
+	        "version is installed than the server offers; it is left alone, and the others are updated.",
 	        true, true, DeclareUpdate, RunUpdate},
-	    {"check", "Compare installed files with their recorded digests",
+	    {"check", "Compare all installed files with their recorded digests",
 	        "Without ids, and with --all, these are all databases. Uses no network and changes nothing. Ends with 4\n"
-	        "when a database needs a fix: a file is missing or changed, or the database is not installed.",
+	        "when a database needs a fix: files are missing, changed or unknown, their replacement was not finished, "
+	        "or "
+	        "the\ndatabase is not installed.",
 	        true, true, DeclareCheck, RunCheck},
-	    {"fix", "Reinstall databases whose files are missing or changed",
+	    {"fix", "Reinstall databases whose files are missing, changed or unknown",
 	        "Without ids, and with --all, these are the scheduled databases in the configuration's order, up to the\n"
 	        "first that fails. What is intact is left alone; anything else, and what was never installed, gets the\n"
 	        "server's full package.",
@@ -34,13 +39,14 @@ const std::vector<Command>& AllCommands() {
 	        "Makes the version's link from the server's by replacing the version number wherever it stands, host and\n"
 	        "port included; unpacks the package over the installed files, keeps those that it lacks, and runs no "
 	        "hooks.\n"
-	        "The next update or fix brings the server's version and a complete record back.",
+	        "The next update or fix brings the server's version back.",
 	        true, true, DeclareForceInstall, RunForceInstall, Tail::kNumber},
 	    {"read", "Run a command while a database cannot be replaced",
-	        "Usage: tarndbudctl read ID [--timeout SECONDS] -- COMMAND...\n"
+	        "Usage: tarndbudctl read ID [--timeout SECONDS] [--even-unfinished] -- COMMAND...\n"
 	        "Ends with the command's exit status, or 128 plus the signal that ended it; with 75 and without running "
 	        "it\n"
-	        "when the lock was not obtained; with 127 or 126 when it is missing or cannot be executed. The command "
+	        "when the lock was not obtained, or the last replacement of the files was not finished; with 127 or 126 "
+	        "when it is missing or cannot be executed. The command "
 	        "does\n"
 	        "not inherit the lock: what it leaves running in the background does not hold it.",
 	        false, false, DeclareRead, RunRead, Tail::kCommand},

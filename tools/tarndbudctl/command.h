@@ -20,6 +20,7 @@ struct Options {
 	bool json = false;
 	bool all = false;
 	bool no_wait = false;
+	bool even_unfinished = false;
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;

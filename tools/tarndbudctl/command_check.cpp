@@ -1,29 +1,30 @@
 #include "commands.h"
 #include "databases.h"
-#include "file_check.h"
+#include "inspection.h"
 #include "reader_lock.h"
 #include "text.h"
 
 #include <dataupdate/file_lock.h>
-#include <dataupdate/replacement_mark.h>
+#include <dataupdate/paths.h>
 #include <dataupdate/update_error.h>
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
+#include <utility>
 
 namespace tarn::ctl {
 
 namespace {
 
-using dataupdate::DatabaseStatus;
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMostFilesShown = 20;
 constexpr size_t kLongestPath = 4096;
 
-std::string FormatBadFiles(const std::vector<BadFile>& files) {
+std::string FormatFiles(const std::vector<BadFile>& files) {
 	std::string text;
 	for (size_t i = 0; i < std::min(files.size(), kMostFilesShown); ++i) {
 		text += "\n\t" + Printable(files[i].path, kLongestPath) + " " + files[i].reason;
@@ -34,54 +35,15 @@ std::string FormatBadFiles(const std::vector<BadFile>& files) {
 	return text;
 }
 
-/** What is recorded of a database, and which files are not as recorded. */
-struct Findings {
-	DatabaseStatus status;
-	std::vector<BadFile> bad;
-};
-
-/** The recorded files that were found bad. */
-DatabaseStatus Suspects(const Findings& found) {
-	DatabaseStatus suspects;
-	for (const BadFile& file : found.bad) {
-		suspects.file_statuses[file.name] = found.status.file_statuses.at(file.name);
-	}
-	return suspects;
-}
-
-Findings Look(const Services& services, const std::string& id, unsigned long timeout_seconds) {
-	// None is needed, or to be had, before anything was replaced.
-	const ReaderLock lock(id, timeout_seconds);
-	Findings found;
-	found.status = services.info->GetDatabaseStatus(id);
-	found.bad = FindBadFiles(found.status, services.config->GetDatabaseConfig(id)->GetInstallPrefix());
-	return found;
-}
-
-dataupdate::FileLock HoldOffUpdates(const std::string& id, unsigned long timeout_seconds) {
+dataupdate::FileLock HoldOffUpdates(const std::string& path, unsigned long timeout_seconds) {
 	try {
-		return {"/run/data_update/update_" + id + ".lock", timeout_seconds};
+		return {path, timeout_seconds};
 	} catch (const dataupdate::UpdateError& error) {
 		if (!StartsWith(error.what(), "Fail to lock ")) {
 			throw;
 		}
 		throw CommandError(kLocked, "The database is being updated; check it later");
 	}
-}
-
-/**
- * Looks once more, while updates wait: no longer than it must, so at what was bad alone, unless there is another record
- * by now, or files were replaced without one.
- */
-Findings LookAgain(
-    const Services& services, const std::string& id, unsigned long timeout_seconds, const Findings& before) {
-	const ReaderLock lock(id, timeout_seconds);
-	Findings found;
-	found.status = services.info->GetDatabaseStatus(id);
-	const bool is_same = found.status == before.status && !dataupdate::IsReplacementMarked(id);
-	found.bad = FindBadFiles(
-	    is_same ? Suspects(before) : found.status, services.config->GetDatabaseConfig(id)->GetInstallPrefix());
-	return found;
 }
 
 /** Looks again when anything is bad: an update records its files' digests after it has let go of the files. */
@@ -91,15 +53,30 @@ Findings LookThoroughly(const Services& services, const std::string& id, unsigne
 		const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
 		return timeout_seconds - std::min(timeout_seconds, static_cast<unsigned long>(passed));
 	};
-	Findings found = Look(services, id, timeout_seconds);
-	if (found.bad.empty()) {
-		return found;
+	std::optional<Findings> found;
+	{
+		// None is needed, or to be had, before anything was replaced.
+		const ReaderLock lock(id, timeout_seconds);
+		found = Inspect(services, id);
 	}
-	const dataupdate::FileLock lock = HoldOffUpdates(id, left());
-	return LookAgain(services, id, left(), found);
+	if (found->status.data_version == -1 || !found->AreBad()) {
+		return *std::move(found);
+	}
+	const auto look_again = [&] {
+		// Updates wait meanwhile: no longer than they must.
+		const dataupdate::FileLock still = HoldOffUpdates("/run/data_update/update_" + id + ".lock", left());
+		const ReaderLock lock(id, left());
+		return InspectAgain(services, id, *found);
+	};
+	if (!found->is_unfinished) {
+		return look_again();
+	}
+	// A volume that is being adopted is compared with the records, while marks stand, under this lock alone.
+	const dataupdate::FileLock none_at_all = HoldOffUpdates(dataupdate::kUpdateAnyLock, left());
+	return look_again();
 }
 
-Json::Value BadFilesToJson(const std::vector<BadFile>& files) {
+Json::Value FilesToJson(const std::vector<BadFile>& files) {
 	Json::Value array(Json::arrayValue);
 	for (const BadFile& file : files) {
 		Json::Value object(Json::objectValue);
@@ -110,18 +87,59 @@ Json::Value BadFilesToJson(const std::vector<BadFile>& files) {
 	return array;
 }
 
+/** What keeps a sound verdict from being worth what it seems. */
+std::string FormatKnowledge(const Findings& found) {
+	switch (found.knowledge) {
+	case Knowledge::kAll:
+		break;
+	case Knowledge::kFromDisk:
+		return "\n\tthe record of all files had been lost and was made again from the disk; \"tarndbudctl fix\" renews "
+		       "it only where something is bad";
+	case Knowledge::kListed:
+		return "\n\tonly what the last update changed was compared, for the record of all files is missing; the next "
+		       "update or fix makes it again";
+	}
+	return "";
+}
+
+const char* KnowledgeName(Knowledge knowledge) {
+	switch (knowledge) {
+	case Knowledge::kAll:
+		return "complete";
+	case Knowledge::kFromDisk:
+		return "rebuilt";
+	case Knowledge::kListed:
+		break;
+	}
+	return "missing";
+}
+
+std::string Describe(const Findings& found) {
+	std::string text = found.AreBad() ? "needs a fix" : "ok";
+	if (found.is_unfinished) {
+		text += "\n\tthe last replacement of its files was not finished";
+	}
+	return text + FormatFiles(found.bad) + FormatFiles(found.unknown) + FormatKnowledge(found);
+}
+
+Json::Value ToJson(const Findings& found) {
+	Json::Value result = MakeResult(found.AreBad() ? "needs a fix" : "ok", found.status.data_version);
+	result["bad_files"] = FilesToJson(found.bad);
+	result["unknown_files"] = FilesToJson(found.unknown);
+	result["unfinished"] = found.is_unfinished;
+	result["record_of_all_files"] = KnowledgeName(found.knowledge);
+	return result;
+}
+
 ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
 	services.config->CheckSupported(id);
-	const auto [status, bad] = LookThoroughly(services, id, timeout_seconds);
-	if (status.data_version == -1) {
-		report.Tell(id, "not installed", MakeResult("not installed", status.data_version));
+	const Findings found = LookThoroughly(services, id, timeout_seconds);
+	if (found.status.data_version == -1) {
+		report.Tell(id, "not installed", MakeResult("not installed", found.status.data_version));
 		return kFixNeeded;
 	}
-	const char* const verdict = bad.empty() ? "ok" : "needs a fix";
-	Json::Value result = MakeResult(verdict, status.data_version);
-	result["bad_files"] = BadFilesToJson(bad);
-	report.Tell(id, verdict + FormatBadFiles(bad), result);
-	return bad.empty() ? kDone : kFixNeeded;
+	report.Tell(id, Describe(found), ToJson(found));
+	return found.AreBad() ? kFixNeeded : kDone;
 }
 
 } // namespace

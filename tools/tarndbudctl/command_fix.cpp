@@ -1,6 +1,6 @@
 #include "commands.h"
 #include "databases.h"
-#include "noting_info_getter.h"
+#include "recording_info_getter.h"
 #include "run_record.h"
 
 #include <CLI/CLI.hpp>
@@ -23,16 +23,19 @@ public:
 	void FixProject(const std::string& id) const override {
 		services_.config->CheckSupported(id);
 		// The library would put temporary data beside the root directory.
-		RequireVolume(services_);
-		const int before = info_->GetDatabaseStatus(id).data_version;
+		RequireVolumeFor(services_, id);
+		const int before = services_.info->GetDatabaseStatus(id).data_version;
 		info_->Forget();
-		RunRecorded(services_, id, "fix", [&] { Update::FixProject(id); });
+		RunRecorded(services_, id, "fix", [&] {
+			Update::FixProject(id);
+			return kDone;
+		});
 		Tell(id, before);
 	}
 
 private:
 	void Tell(const std::string& id, int before) const {
-		const int after = info_->GetDatabaseStatus(id).data_version;
+		const int after = services_.info->GetDatabaseStatus(id).data_version;
 		const std::string version = "version " + std::to_string(after);
 		if (!info_->HasRecorded()) {
 			report_.Tell(id, "intact, " + version, MakeResult("intact", after));
@@ -59,8 +62,9 @@ void DeclareFix(CLI::App& app, Options& options) {
 ExitCode RunFix(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
-	const ReportingFix fix(
-	    services, report, std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); }));
+	const ReportingFix fix(services, report,
+	    std::make_shared<RecordingInfoGetter>(
+	        services, [&services](const std::string& id) { RequireVolumeFor(services, id); }, Change::kFix));
 	return report.Run([&] {
 		if (options.ids.empty()) {
 			return RunOnScheduled(services, options, [&] { fix.FixAllProjects(); });

@@ -1,6 +1,6 @@
 #include "commands.h"
 #include "databases.h"
-#include "noting_info_getter.h"
+#include "recording_info_getter.h"
 #include "run_record.h"
 #include "text.h"
 
@@ -31,7 +31,9 @@ int Target(const Services& services, const Options& options) {
 /** The link was made by replacing one number by another, which can hit more than what was meant. */
 void Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
-	const auto info = std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireVolume(services); });
+	const auto info = std::make_shared<RecordingInfoGetter>(
+	    services, [&services](const std::string& id) { RequireVolumeFor(services, id); }, Change::kForced);
+	services.packages->ExpectVersion(target);
 	const dataupdate::Update update(services.updater, info, services.config);
 	try {
 		update.ForceInstall(options.id, options.version);
@@ -57,18 +59,21 @@ void DeclareForceInstall(CLI::App& app, Options& options) {
 
 ExitCode RunForceInstall(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
-	RequireVolume(services);
+	RequireVolumeFor(services, options.id);
 	RequireIdle(services, options);
 	const int target = Target(services, options);
 	Report report(services.terminal, options.json);
 	return report.Run([&] {
-		RunRecorded(services, options.id, "force-install", [&] { Install(services, options, target); });
+		RunRecorded(services, options.id, "force-install", [&] {
+			Install(services, options, target);
+			return kDone;
+		});
 		const int installed = services.info->GetDatabaseStatus(options.id).data_version;
 		report.Tell(options.id,
 		    "version " + std::to_string(installed) +
-		        " was unpacked over what was there; its files are not recorded, so \"check\" and \"fix\" have nothing "
-		        "to "
-		        "compare until the next update",
+		        " was unpacked over what was there, and files of before that its package lacks stay; \"fix\", should "
+		        "it "
+		        "find damage, brings the server's version back",
 		    MakeResult("forced", installed));
 		return kDone;
 	});

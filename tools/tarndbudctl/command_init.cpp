@@ -1,11 +1,13 @@
 #include "commands.h"
 #include "databases.h"
 #include "reader_lock.h"
+#include "safe_places.h"
 #include "volume_content.h"
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/interruption.h>
 #include <dataupdate/paths.h>
+#include <dataupdate/update_error.h>
 #include <dataupdate/volume_handler.h>
 
 #include <CLI/CLI.hpp>
@@ -14,6 +16,21 @@ namespace tarn::ctl {
 
 namespace {
 
+/** Where no volume is suitable, those that would be if others could not write to them are worth telling. */
+std::string FindVolume(const dataupdate::VolumeHandler& handler) {
+	try {
+		return handler.FindSuitableVolume("");
+	} catch (const dataupdate::UpdateError& error) {
+		const std::string unsafe = UnsafeVolumes("");
+		if (unsafe.empty()) {
+			throw;
+		}
+		throw CommandError(kFailed, std::string("No volume is suitable, and what is not safe is not used: ") + unsafe +
+		                                "; a volume's root and its @tmp and @database must be directories of root that "
+		                                "nobody else can write");
+	}
+}
+
 /** Does what the initialisation does, which logs its failures, and lets the failure be seen. */
 void ChooseVolume(const Services& services) {
 	dataupdate::InitService();
@@ -21,7 +38,7 @@ void ChooseVolume(const Services& services) {
 		return;
 	}
 	const dataupdate::VolumeHandler handler(services.config);
-	const std::string volume = handler.FindSuitableVolume("");
+	const std::string volume = FindVolume(handler);
 	handler.CreateDirectories(handler.GetMainDirPath(volume));
 	services.config->SetCurVolume(volume);
 }
@@ -58,6 +75,7 @@ ExitCode RunInit(const Services& services, const Options& options) {
 	Json::Value object(Json::objectValue);
 	const std::string missing = services.config->GetCurVolume().empty() ? AdoptVolume(services, object) : "";
 	const std::string volume = services.config->GetCurVolume();
+	RequireSafeVolume(volume);
 	object["volume"] = volume;
 	Answer(services, options, "The databases are on " + volume + ".\n" + missing, object);
 	return kDone;

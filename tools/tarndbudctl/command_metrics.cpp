@@ -1,6 +1,9 @@
 #include "commands.h"
 #include "databases.h"
+#include "document_problem.h"
+#include "download_limits.h"
 #include "failure.h"
+#include "installed_package.h"
 #include "metrics.h"
 #include "reader_lock.h"
 #include "run_record.h"
@@ -8,6 +11,7 @@
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/paths.h>
+#include <dataupdate/replacement_mark.h>
 #include <dataupdate/update_error.h>
 #include <tarnsdk/volume.h>
 
@@ -24,8 +28,7 @@ namespace tarn::ctl {
 
 namespace {
 
-// Long enough for a document to arrive, and for files to be put in place, short enough for a collector.
-constexpr unsigned long kDocumentSeconds = 5;
+// Long enough for files to be put in place, short enough for a collector.
 constexpr unsigned long kFilesSeconds = 1;
 
 /** The server's document as it was fetched last. */
@@ -37,7 +40,7 @@ struct Document {
 /** Asks nobody: measuring must not depend on a server. No value while there is none, or none that can be read. */
 std::optional<Document> ReadDocument(const Services& services) {
 	try {
-		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kDocumentSeconds);
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
 		struct stat status {};
 		if (stat(dataupdate::kCachedInfo, &status) != 0) {
 			return std::nullopt;
@@ -56,6 +59,9 @@ std::optional<int> OfferedVersion(const std::optional<Document>& document, const
 		Json::Value entry = document->content["db_list"][id];
 		// Only the version matters here, and whether the entry counts as one.
 		entry["deprecated"] = false;
+		if (!HasPlainVersion(entry)) {
+			return std::nullopt;
+		}
 		return dataupdate::RemoteInfo::FromJson(entry).data_version;
 	} catch (const std::exception&) {
 		return std::nullopt;
@@ -72,7 +78,8 @@ std::optional<uintmax_t> InstalledBytes(const Services& services, const std::str
 	}
 }
 
-void MeasureInstalled(const Services& services, Metrics& metrics, const std::string& id, const Labels& labels) {
+void MeasureInstalled(const Services& services, Metrics& metrics, const std::optional<int>& offered,
+    const std::string& id, const Labels& labels) {
 	const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
 	const bool installed = status.data_version != -1;
 	metrics.Add("tarndbud_installed", "Whether any version of the database is installed.", labels, installed ? 1 : 0);
@@ -80,10 +87,17 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::str
 		return;
 	}
 	metrics.Add("tarndbud_installed_version", "Installed data version.", labels, status.data_version);
-	metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher made the installed data.", labels,
-	    status.last_fetch_time);
-	metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
-	    static_cast<double>(std::time(nullptr) - status.last_fetch_time));
+	if (offered) {
+		const bool is_above = status.data_version > *offered && !dataupdate::IsReplacementMarked(id);
+		metrics.Add("tarndbud_above_offered", "Whether a later version is installed than the server offered last.",
+		    labels, is_above ? 1 : 0);
+	}
+	if (const std::optional<int64_t> published = PublicationTime(id, status.data_version)) {
+		metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher signed the installed data.", labels,
+		    static_cast<double>(*published));
+		metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
+		    static_cast<double>(std::time(nullptr) - *published));
+	}
 	const auto config = services.config->GetDatabaseConfig(id);
 	if (config->GetRootDirectory().empty()) {
 		return;
@@ -114,13 +128,14 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 ExitCode MeasureDatabase(
     const Services& services, Metrics& metrics, const std::optional<Document>& document, const std::string& id) {
 	const Labels labels = {{"database", id}};
-	if (const std::optional<int> offered = OfferedVersion(document, id)) {
+	const std::optional<int> offered = OfferedVersion(document, id);
+	if (offered) {
 		metrics.Add("tarndbud_remote_version", "Data version in the server's last document.", labels, *offered);
 	}
 	MeasureLastRun(metrics, id);
 	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,
 	    services.config->GetDatabaseConfig(id)->GetScheduled() ? 1 : 0);
-	MeasureInstalled(services, metrics, id, labels);
+	MeasureInstalled(services, metrics, offered, id, labels);
 	return kDone;
 }
 

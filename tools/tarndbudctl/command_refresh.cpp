@@ -1,8 +1,11 @@
 #include "commands.h"
 #include "databases.h"
+#include "download_limits.h"
+#include "text.h"
 
 #include <dataupdate/file_lock.h>
 #include <dataupdate/paths.h>
+#include <dataupdate/update_error.h>
 
 #include <unistd.h>
 
@@ -25,12 +28,24 @@ bool DropDocument() {
 	    kFailed, std::string(dataupdate::kCachedInfo) + " cannot be removed (" + std::strerror(errno) + ")");
 }
 
+/** Whoever is fetching the document is about to read it. */
+bool DropDocumentUnderLock() {
+	try {
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
+		return DropDocument();
+	} catch (const dataupdate::UpdateError& error) {
+		if (!StartsWith(error.what(), "Fail to lock ")) {
+			throw;
+		}
+	}
+	throw CommandError(kLocked, "The server's document is being fetched at this moment, so it was not dropped; try "
+	                            "again when that has ended");
+}
+
 } // namespace
 
 ExitCode RunRefresh(const Services& services, const Options& options) {
-	// Whoever is fetching the document is about to read it.
-	const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, dataupdate::kLockTimeout);
-	const bool dropped = DropDocument();
+	const bool dropped = DropDocumentUnderLock();
 	Json::Value object(Json::objectValue);
 	object["dropped"] = dropped;
 	Answer(services, options,

@@ -1,5 +1,7 @@
 #include "commands.h"
 #include "databases.h"
+#include "installed_package.h"
+#include "safe_places.h"
 #include "status_report.h"
 #include "text.h"
 
@@ -7,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <ctime>
 #include <set>
 
 namespace tarn::ctl {
@@ -38,12 +41,14 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	const int installed = services.info->GetDatabaseStatus(id).data_version;
 	if (installed != -1) {
 		row.installed_version = installed;
+		row.published = PublicationTime(id, installed);
 	}
 	const auto config = services.config->GetDatabaseConfig(id);
 	row.scheduled = config->GetScheduled();
 	row.install_dir = InstallDirectory(*config);
 	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
 		row.volume = volume;
+		row.volume_problem = VolumeProblem(volume);
 	}
 	row.unfinished = dataupdate::IsReplacementMarked(id);
 	row.updating = services.checker->IsUpdating(id);
@@ -56,6 +61,18 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 		if (row.unfinished && !row.updating) {
 			services.terminal.Complain(row.id + ": The last replacement of its files was not finished; \"tarndbudctl "
 			                                    "update\" or \"tarndbudctl fix\" installs it anew.");
+		}
+	}
+	if (!rows.front().volume_problem.empty()) {
+		services.terminal.Complain(
+		    "Nothing is updated, because the volume is not safe: " + rows.front().volume_problem +
+		    "; it must be a directory of root that nobody else can write.");
+	}
+	for (const StatusRow& row : rows) {
+		if (!row.updating && IsAboveOffered(row).value_or(false)) {
+			services.terminal.Complain(row.id + ": Installed " + std::to_string(*row.installed_version) +
+			                           " is above the offered " + std::to_string(*row.remote_version) +
+			                           ", so no update changes it; ask the publisher whether that is meant.");
 		}
 	}
 	std::set<std::string> told;
@@ -77,20 +94,24 @@ ExitCode RunStatus(const Services& services, const Options& options) {
 	for (const std::string& id : options.ids) {
 		services.config->CheckSupported(id);
 	}
+	if (services.hurry) {
+		services.hurry();
+	}
 	std::vector<StatusRow> rows;
 	const ExitCode code = ForEachDatabase(
 	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
 	    [&](const std::string& id) {
 		    rows.push_back(Collect(services, id));
-		    return kDone;
+		    return IsAboveOffered(rows.back()).value_or(false) ? kAboveOffered : kDone;
 	    },
 	    [&](const std::string& id, const Failure& failure) {
 		    services.terminal.Complain(id + ": " + failure.sentence);
 	    });
+	const std::time_t now = std::time(nullptr);
 	if (options.json) {
-		services.terminal.Say(FormatJson(StatusToJson(rows)));
+		services.terminal.Say(FormatJson(StatusToJson(rows, now)));
 	} else if (!rows.empty()) {
-		services.terminal.Say(FormatStatusTable(rows));
+		services.terminal.Say(FormatStatusTable(rows, now));
 		TellReasons(services, rows);
 	}
 	return code;

@@ -1,8 +1,9 @@
 #include "commands.h"
 #include "databases.h"
 #include "failure.h"
-#include "noting_info_getter.h"
+#include "recording_info_getter.h"
 #include "run_record.h"
+#include "safe_places.h"
 
 #include <dataupdate/replacement_mark.h>
 
@@ -43,6 +44,19 @@ Json::Value ChangeToJson(const Installed& before, int after) {
 	return result;
 }
 
+std::string DescribeAbove(const std::string& id, int installed, int offered) {
+	return "installed " + std::to_string(installed) + " is above the offered " + std::to_string(offered) +
+	       "; nothing was changed. If the publisher took the later version back, \"tarndbudctl force-install " + id +
+	       " 0\" installs the offered one";
+}
+
+Json::Value AboveToJson(int installed, int offered) {
+	Json::Value result = MakeResult("above offered", installed);
+	result["offered_version"] = offered;
+	result["exit_status"] = kAboveOffered;
+	return result;
+}
+
 /** Says for each database what became of it, and takes a missing volume for the failure that it is to a caller. */
 class ReportingUpdate : public dataupdate::Update {
 public:
@@ -56,21 +70,31 @@ public:
 		services_.config->CheckSupported(id);
 		const Installed before = LookAt(services_, id);
 		info_->Forget();
-		RunRecorded(services_, id, "update", [&] { UpdateOnVolume(id); });
+		const ExitCode code = RunRecorded(services_, id, "update", [&] { return UpdateOnVolume(id); });
+		code_ = code_ == kDone ? code : code_;
 		const int after = services_.info->GetDatabaseStatus(id).data_version;
 		if (info_->HasRecorded()) {
 			report_.Tell(id, DescribeChange(before, after), ChangeToJson(before, after));
+		} else if (code == kAboveOffered) {
+			report_.Tell(id, DescribeAbove(id, after, info_->Offered()), AboveToJson(after, info_->Offered()));
 		} else {
 			report_.Tell(id, "up to date, version " + std::to_string(after), MakeResult("up to date", after));
 		}
 	}
+	/** How the updates so far ended that did not throw: the first other code than kDone. */
+	ExitCode Code() const { return code_; }
 
 private:
-	void UpdateOnVolume(const std::string& id) const {
+	/** The library takes a later version than the server's for up to date. */
+	ExitCode UpdateOnVolume(const std::string& id) const {
 		RequireNoLostVolume(services_);
+		RequireSafePlaces(services_, id);
 		Update::UpdateProject(id);
-		if (info_->HasRecorded() || info_->Offered() <= LookAt(services_, id).version) {
-			return;
+		if (info_->HasRecorded()) {
+			return kDone;
+		}
+		if (const int installed = LookAt(services_, id).version; info_->Offered() <= installed) {
+			return info_->Offered() < installed ? kAboveOffered : kDone;
 		}
 		// The library only logs that it stopped.
 		RequireVolume(services_);
@@ -81,6 +105,7 @@ private:
 	const Services& services_;
 	Report& report_;
 	std::shared_ptr<NotingInfoGetter> info_;
+	mutable ExitCode code_ = kDone;
 };
 
 } // namespace
@@ -95,16 +120,23 @@ ExitCode RunUpdate(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services.terminal, options.json);
 	const ReportingUpdate update(services, report,
-	    std::make_shared<NotingInfoGetter>(services.info, [&services] { RequireNoLostVolume(services); }));
+	    std::make_shared<RecordingInfoGetter>(
+	        services,
+	        [&services](const std::string& id) {
+		        RequireNoLostVolume(services);
+		        RequireSafePlaces(services, id);
+	        },
+	        Change::kUpdate));
 	return report.Run([&] {
 		if (options.ids.empty()) {
-			return RunOnScheduled(services, options, [&] { update.UpdateAllProjects(); });
+			const ExitCode code = RunOnScheduled(services, options, [&] { update.UpdateAllProjects(); });
+			return code == kDone ? update.Code() : code;
 		}
 		return ForEachDatabase(
 		    services, options.ids,
 		    [&](const std::string& id) {
 			    update.UpdateProject(id);
-			    return kDone;
+			    return update.Code();
 		    },
 		    [&](const std::string& id, const Failure& failure) { report.Complain(id, failure); });
 	});

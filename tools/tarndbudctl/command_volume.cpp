@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "databases.h"
+#include "safe_places.h"
 #include "text.h"
 
 #include <dataupdate/volume_handler.h>
@@ -17,6 +18,7 @@ Json::Value VolumeToJson(const std::string& volume, const TARNMountVolInfo* reco
 	Json::Value object(Json::objectValue);
 	object["volume"] = volume.empty() ? Json::Value() : Json::Value(volume);
 	object["available"] = record != nullptr;
+	object["safe"] = record != nullptr && VolumeProblem(volume).empty();
 	object["writable"] = record != nullptr && record->writable != 0;
 	object["free_bytes"] = record == nullptr ? Json::Value() : Json::Value(Json::UInt64{record->free_bytes});
 	object["total_bytes"] = record == nullptr ? Json::Value() : Json::Value(Json::UInt64{record->total_bytes});
@@ -30,8 +32,9 @@ std::string VolumeToText(const std::string& volume, const TARNMountVolInfo* reco
 	if (record == nullptr) {
 		return volume + " is in use, but is not available now.\n";
 	}
+	const std::string problem = VolumeProblem(volume);
 	return volume + ": " + FormatBytes(record->free_bytes) + " of " + FormatBytes(record->total_bytes) + " free" +
-	       (record->writable != 0 ? "" : ", not writable") + "\n";
+	       (record->writable != 0 ? "" : ", not writable") + (problem.empty() ? "" : ", not safe: " + problem) + "\n";
 }
 
 } // namespace

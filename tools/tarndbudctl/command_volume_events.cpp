@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "databases.h"
+#include "safe_places.h"
 #include "text.h"
 #include "volume_content.h"
 #include "volume_move.h"
@@ -118,10 +119,12 @@ void AnswerToUnmount(const Services& services, const Options& options, const Vol
 	case Outcome::kNoTarget:
 		break;
 	}
+	const std::string unsafe = UnsafeVolumes(path);
 	Answer(services, options,
 	    "The databases stay on " + path +
 	        ", and no volume is in use: no other one is suitable. They are not updated "
-	        "until a volume is mounted.\n",
+	        "until a volume is mounted.\n" +
+	        (unsafe.empty() ? "" : "What is not safe is not used: " + unsafe + ".\n"),
 	    Describe("given up", ""));
 }
 
@@ -183,6 +186,22 @@ bool IsOtherInUse(const Services& services, const Options& options, const std::s
 	return now != path;
 }
 
+void AnswerUnsuitable(const Services& services, const Options& options, const std::string& path) {
+	const std::string problem = VolumeProblem(path);
+	Json::Value object = Describe("unsuitable", "");
+	if (problem.empty()) {
+		Answer(services, options,
+		    path + " is not suitable: it is excluded, cannot be written or has too little space; see the system log.\n",
+		    object);
+		return;
+	}
+	object["problem"] = problem;
+	Answer(services, options,
+	    path + " is not suitable: " + problem +
+	        "; its root and its @tmp and @database must be directories of root that nobody else can write.\n",
+	    object);
+}
+
 } // namespace
 
 void DeclareVolumeMounted(CLI::App& app, Options& options) {
@@ -211,9 +230,7 @@ ExitCode RunVolumeMounted(const Services& services, const Options& options) {
 	    services, [&] { handler.MountVolumeEvent(path); }, adopted);
 	const std::string now = services.config->GetCurVolume();
 	if (now.empty()) {
-		Answer(services, options,
-		    path + " is not suitable: it is excluded, cannot be written or has too little space; see the system log.\n",
-		    Describe("unsuitable", ""));
+		AnswerUnsuitable(services, options, path);
 		return kDone;
 	}
 	Answer(services, options, "The databases are on " + now + " from now on.\n" + missing, adopted);
@@ -240,6 +257,8 @@ ExitCode RunVolumeUnmounting(const Services& services, const Options& options) {
 		GiveUp(services, options, path);
 		return kDone;
 	}
+	// Whatever others have put there would be as good as installed elsewhere.
+	RequireSafeVolume(path);
 	VolumeMove move(services, path);
 	const VolumeMove::Outcome outcome = move.Run();
 	AnswerToUnmount(services, options, move, outcome, path);

@@ -1,5 +1,6 @@
 #include "databases.h"
 
+#include "safe_places.h"
 #include "status_report.h"
 
 #include <dataupdate/interruption.h>
@@ -114,6 +115,11 @@ void RequireVolume(const Services& services) {
 		throw CommandError(kFailed, kNoVolume);
 	}
 	RequireNoLostVolume(services);
+}
+
+void RequireVolumeFor(const Services& services, const std::string& id) {
+	RequireVolume(services);
+	RequireSafePlaces(services, id);
 }
 
 void RequireNoLostVolume(const Services& services) {

@@ -52,6 +52,8 @@ ExitCode RunOnScheduled(const Services& services, const Options& options, const 
 
 /** Throws the failure of having no volume when there is none. */
 void RequireVolume(const Services& services);
+/** Throws as well when others could change what is written for a database. */
+void RequireVolumeFor(const Services& services, const std::string& id);
 /**
  * Throws when the volume in use went away without notice: what would be installed then lay on the file system below its
  * mount point, and would be hidden when it comes back.

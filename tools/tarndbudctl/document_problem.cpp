@@ -3,6 +3,7 @@
 #include "checked_io.h"
 #include "text.h"
 
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <vector>
@@ -37,7 +38,11 @@ std::string TypeOf(const Json::Value& value) {
 	}
 }
 
+/** The library would take "99abc" for 99, and "-5", " 5" and "+5" for numbers. */
 bool IsVersion(const std::string& text) {
+	if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+		return false;
+	}
 	try {
 		std::stoi(text);
 		return true;
@@ -148,6 +153,16 @@ std::string DescribePage(const CachedPage& page) {
 	const char* kind = first == '{' || first == '[' ? " is malformed JSON or nested too deeply; it begins with "
 	                                                : " is no JSON document; it begins with ";
 	return answer + kind + Quote(page.beginning.substr(start));
+}
+
+bool HasPlainVersion(const Json::Value& entry) {
+	return entry.isObject() && entry["data_version"].isString() && IsVersion(entry["data_version"].asString());
+}
+
+bool HasPlainDiffVersions(const Json::Value& entry) {
+	const Json::Value& diffs = entry.isObject() ? entry["diff_files"] : Json::Value::nullSingleton();
+	const std::vector<std::string> names = diffs.isObject() ? diffs.getMemberNames() : std::vector<std::string>();
+	return std::all_of(names.begin(), names.end(), IsVersion);
 }
 
 std::string DescribeDocument(const Json::Value& document, const std::string& id) {

@@ -24,6 +24,11 @@ std::string DescribePage(const CachedPage& page);
  */
 std::string DescribeDocument(const Json::Value& document, const std::string& id);
 
+/** Whether an entry's "data_version" is a version: digits alone, as a number of at most 2147483647. */
+bool HasPlainVersion(const Json::Value& entry);
+/** Whether all of an entry's diff packages are named by versions. */
+bool HasPlainDiffVersions(const Json::Value& entry);
+
 /** How long a bad answer stays, and how to be rid of it, to be appended; empty when it is asked for anew anyway. */
 std::string DescribeCaching(std::time_t modified, std::time_t now);
 

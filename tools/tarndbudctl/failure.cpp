@@ -1,5 +1,7 @@
 #include "failure.h"
 
+#include "download_limits.h"
+#include "opened_packages.h"
 #include "text.h"
 
 #include <dataupdate/paths.h>
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <optional>
 #include <vector>
 
 namespace tarn::ctl {
@@ -58,9 +61,25 @@ std::string LinkHint(const Circumstances& failure) {
 	if (StartsWith(failure.message, "Fail to wget url: -")) {
 		return "no link may begin with \"-\": correct the server's document";
 	}
+	if ((failure.platform_error & TLIBC_ERR_DOWNLOAD) != 0) {
+		return DescribeDownloadEnd(failure.platform_error);
+	}
 	const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
 	    [&](const Hint& candidate) { return candidate.error == failure.platform_error; });
 	return hint == std::end(kHints) ? "check the network, the server and that wget is installed" : hint->text;
+}
+
+/** The reason that the platform gave, where it gives reasons. */
+std::string PackageHint(const Circumstances& /*failure*/) {
+	const std::optional<PackageRefusal> refusal = LastPackageRefusal();
+	if (refusal && refusal->not_asked_for) {
+		return refusal->reason +
+		       "; the server, or whoever answers in its place, offers another package than its document says: nothing "
+		       "was changed, tell the publisher";
+	}
+	return (refusal ? "it " + refusal->reason + "; " : "") +
+	       "the package is damaged, unsigned or signed with a key that is not trusted: install the publisher's public "
+	       "key in /usr/tarn/etc/codesign/6; nothing was changed";
 }
 
 /**
@@ -85,9 +104,7 @@ constexpr Rule kRules[] = {
         "mount a writable volume with enough free space, or name one in /usr/tarn/etc/volumes.conf"},
     {"Failed to enum all volumes", kFailed, "mount a volume, or name one in /usr/tarn/etc/volumes.conf"},
     {"Overflow detection", kFailed, "correct \"min_rsv_space_inbytes\" in the configuration of the databases"},
-    {"tarnarchive_open ", kFailed,
-        "the package is damaged, unsigned or signed with a key that is not trusted: install the publisher's public key "
-        "in /usr/tarn/etc/codesign/6"},
+    {"tarnarchive_open ", kFailed, nullptr, PackageHint},
     {"tarnarchive_extract ", kFailed,
         "the package holds what must not be installed, or there is no space for its content: see the system log"},
     {"section-key: ", kFailed, nullptr, ConfigurationFiles},
@@ -100,8 +117,7 @@ constexpr Rule kRules[] = {
     {"Fail to diff update: ", kFailed, "the files may be half replaced: remove the cause and update again"},
     {"Fail to force install: Fail to lock ", kLocked,
         "a reader of the database did not let go of it in time: try later"},
-    {"Fail to force install: tarnarchive_open ", kFailed,
-        "the package is damaged, unsigned or signed with a key that is not trusted; nothing was changed"},
+    {"Fail to force install: tarnarchive_open ", kFailed, nullptr, PackageHint},
     {"Fail to force install: ", kFailed, "the files may be a mixture: run \"tarndbudctl fix\" or force it again"},
     {"Fail to full update: ", kFailed, "the files may be half replaced: remove the cause and update again"},
     {"File not exist: /usr/share/data_update/", kFailed, "install the default configuration again"},
@@ -143,7 +159,9 @@ bool HasSections(const dataupdate::IOUtils& io, const std::string& path) {
 	}
 }
 
-/** JsonCpp's own exceptions come from configuration files alone; all other documents are checked where they are read.
+/**
+ * JsonCpp's own exceptions come from configuration files and from the descriptions of diff packages; the server's
+ * document is checked where it is read.
  */
 Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
 	for (const char* path : {dataupdate::kServiceOverride, dataupdate::kServiceDefaults, dataupdate::kDatabaseOverride,
@@ -154,7 +172,8 @@ Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
 			                     "or restore it."};
 		}
 	}
-	return {kFailed, WithEnd(std::string("A JSON document is malformed: ") + what)};
+	return {kFailed,
+	    WithEnd(std::string("A JSON document is malformed, perhaps the description of a diff package: ") + what)};
 }
 
 bool TellsEarlyEnd(const std::string& message) {

@@ -1,10 +1,15 @@
 #include "file_check.h"
 
+#include "file_changes.h"
+
 #include <dataupdate/updater.h>
 
 #include <boost/filesystem.hpp>
 
+#include <syslog.h>
 #include <unistd.h>
+
+#include <set>
 
 namespace tarn::ctl {
 
@@ -29,7 +34,69 @@ std::string Reason(const std::string& path) {
 	return access(path.c_str(), R_OK | W_OK) == 0 ? "has changed" : "cannot be opened for reading and writing";
 }
 
+bool IsLinkTo(const std::string& path, const std::string& target) {
+	boost::system::error_code error;
+	return fs::read_symlink(path, error) == target && !error;
+}
+
+/** A regular file itself, of the recorded size; what follows links or reads the file comes later. */
+bool MayHold(const std::string& path, const InstalledFile& file) {
+	boost::system::error_code error;
+	const fs::file_status status = fs::symlink_status(path, error);
+	return !fs::exists(status) ||
+	       (fs::is_regular_file(status) && (!file.size || fs::file_size(path, error) == *file.size));
+}
+
+bool IsAsRecorded(const std::string& name, const InstalledFile& file, const std::string& root) {
+	const std::string path = FullPath(root, name);
+	const bool may_be = file.link_target.empty() ? MayHold(path, file) : IsLinkTo(path, file.link_target);
+	if (!may_be) {
+		syslog(LOG_ERR, "File %s is not as recorded", path.c_str());
+		return false;
+	}
+	return !file.link_target.empty() ||
+	       dataupdate::CheckStatus({{name, dataupdate::FileStatus(file.sha384_digest)}}, root);
+}
+
+std::string Reason(const std::string& path, const InstalledFile& file) {
+	boost::system::error_code ignored;
+	const fs::file_status status = fs::symlink_status(path, ignored);
+	if (!fs::exists(status)) {
+		return "is missing";
+	}
+	if (!file.link_target.empty()) {
+		return "is not the recorded link";
+	}
+	return fs::is_regular_file(status) ? Reason(path) : "is no regular file";
+}
+
 } // namespace
+
+std::vector<BadFile> FindBadFiles(
+    const InstalledFiles& record, const dataupdate::DatabaseStatus& listed, const std::string& install_prefix) {
+	std::set<std::string> elsewhere;
+	for (const auto& [name, status] : listed.file_statuses) {
+		elsewhere.insert(RelativeName(name, install_prefix).value_or(name));
+	}
+	std::vector<BadFile> bad;
+	for (const auto& [name, file] : record.files) {
+		if (elsewhere.count(name) == 0 && !IsAsRecorded(name, file, install_prefix)) {
+			const std::string path = FullPath(install_prefix, name);
+			bad.push_back({name, path, Reason(path, file)});
+		}
+	}
+	return bad;
+}
+
+std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const std::string& install_prefix) {
+	std::vector<std::string> unknown;
+	for (const std::string& name : FilesBelow(install_prefix)) {
+		if (record.files.count(name) == 0) {
+			unknown.push_back(name);
+		}
+	}
+	return unknown;
+}
 
 std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix) {
 	std::vector<BadFile> bad;

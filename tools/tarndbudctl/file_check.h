@@ -2,6 +2,8 @@
 #ifndef TARNDBUDCTL_FILE_CHECK_H
 #define TARNDBUDCTL_FILE_CHECK_H
 
+#include "installed_files.h"
+
 #include <dataupdate/records.h>
 
 #include <string>
@@ -18,6 +20,17 @@ struct BadFile {
 
 /** Checks every file, other than CheckStatus(), which ends at the first bad one. */
 std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
+
+/**
+ * The same for the host's record of all files, and for what lies in the directory without being recorded.
+ *
+ * @param listed  what the library's record names, which is left to the function above
+ */
+std::vector<BadFile> FindBadFiles(
+    const InstalledFiles& record, const dataupdate::DatabaseStatus& listed, const std::string& install_prefix);
+
+/** The names, relative to the directory, of everything in it but directories that the record does not know. */
+std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const std::string& install_prefix);
 
 } // namespace tarn::ctl
 

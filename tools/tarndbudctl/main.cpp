@@ -1,4 +1,5 @@
 #include "interruption_watch.h"
+#include "own_umask.h"
 #include "program.h"
 
 #include <unistd.h>
@@ -8,6 +9,7 @@
 
 int main(int argc, char** argv) {
 	using namespace tarn::ctl;
+	SetOwnUmask();
 	try {
 		const InterruptionWatch watch;
 		const int code =

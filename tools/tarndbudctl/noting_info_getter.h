@@ -1,6 +1,8 @@
-/** @file An InfoGetter that notes whether a new state was recorded, and looks at the volume before. */
+/** @file An InfoGetter that notes what is recorded and which package it came from, and looks at the volume before. */
 #ifndef TARNDBUDCTL_NOTING_INFO_GETTER_H
 #define TARNDBUDCTL_NOTING_INFO_GETTER_H
+
+#include "opened_packages.h"
 
 #include <dataupdate/update.h>
 
@@ -15,10 +17,13 @@ namespace tarn::ctl {
 class NotingInfoGetter : public dataupdate::InfoGetter {
 public:
 	/**
-	 * @param check_volume  called whenever the server's description is asked for, which every operation does after it
-	 *                      has got its locks and before it writes; what it throws ends the operation
+	 * @param check_volume  called with the database whenever the server's description is asked for, which every
+	 *                      operation does after it has got its locks and before it writes; what it throws ends the
+	 *                      operation
+	 * @param packages      the packages that the operation opens; the last of them is recorded beside the new state
 	 */
-	NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other, std::function<void()> check_volume);
+	NotingInfoGetter(std::shared_ptr<dataupdate::InfoGetter> other,
+	    std::function<void(const std::string& id)> check_volume, std::shared_ptr<const OpenedPackages> packages);
 
 	/** Whether a state was recorded since the construction or the last Forget(). */
 	bool HasRecorded() const { return recorded_; }
@@ -39,7 +44,8 @@ public:
 
 private:
 	std::shared_ptr<dataupdate::InfoGetter> other_;
-	std::function<void()> check_volume_;
+	std::function<void(const std::string& id)> check_volume_;
+	std::shared_ptr<const OpenedPackages> packages_;
 	mutable bool recorded_ = false;
 	mutable int offered_ = -1;
 };

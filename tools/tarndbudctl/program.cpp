@@ -2,6 +2,7 @@
 
 #include "arguments.h"
 #include "failure.h"
+#include "lock_files.h"
 #include "progress_line.h"
 #include "settings.h"
 
@@ -27,8 +28,8 @@ constexpr char kLockDirectory[] = "/run/data_update";
 constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
 constexpr char kFooter[] =
     "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the database is not configured, 4 a fix is needed,\n"
-    "75 a lock was not obtained; a signal ends it after it has cleaned up. All that happens is told to the system log "
-    "as \"tarndbudctl\".";
+    "5 a later version is installed than the server offers, 75 a lock was not obtained; a signal ends it after it has\n"
+    "cleaned up. All that happens is told to the system log as \"tarndbudctl\".";
 
 /** The system log, with a copy on the error stream when asked for. */
 class Log {
@@ -78,6 +79,9 @@ ExitCode RunCommand(const Command& command, const Options& options, const Servic
 		RequireRoot();
 	}
 	RequireUsableSettings(*services.io);
+	if (command.needs_root) {
+		PrepareLockFiles(services);
+	}
 	std::optional<ProgressLine> progress;
 	if (command.shows_progress && services.terminal.Draws() && !options.verbose && !options.json) {
 		progress.emplace(services.terminal);

@@ -50,18 +50,20 @@ std::string RunRecordPath(const std::string& id) {
 	return "/var/lib/data_update/" + id + "/last_run.json";
 }
 
-void RunRecorded(
-    const Services& services, const std::string& id, const char* operation, const std::function<void()>& work) {
+ExitCode RunRecorded(
+    const Services& services, const std::string& id, const char* operation, const std::function<ExitCode()>& work) {
 	const Beginning beginning;
+	ExitCode code = kDone;
 	try {
-		work();
+		code = work();
 	} catch (...) {
 		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
 			Write(id, operation, beginning, ExplainException(*services.io).code);
 		}
 		throw;
 	}
-	Write(id, operation, beginning, kDone);
+	Write(id, operation, beginning, code);
+	return code;
 }
 
 std::optional<RunRecord> ReadRunRecord(const std::string& id) {

@@ -2,6 +2,7 @@
 #ifndef TARNDBUDCTL_RUN_RECORD_H
 #define TARNDBUDCTL_RUN_RECORD_H
 
+#include "exit_codes.h"
 #include "services.h"
 
 #include <cstdint>
@@ -25,9 +26,11 @@ std::string RunRecordPath(const std::string& id);
 /**
  * Does the work and records how it went, success or failure; work that ends because the program was asked to end is not
  * recorded. A record that cannot be written is told to the system log only: the work has been done.
+ *
+ * @param work  returns how it ended, which is recorded and returned
  */
-void RunRecorded(
-    const Services& services, const std::string& id, const char* operation, const std::function<void()>& work);
+ExitCode RunRecorded(
+    const Services& services, const std::string& id, const char* operation, const std::function<ExitCode()>& work);
 
 /** No value when there is none, or none that can be read. */
 std::optional<RunRecord> ReadRunRecord(const std::string& id);

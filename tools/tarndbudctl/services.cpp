@@ -2,6 +2,7 @@
 
 #include "checked_info_getter.h"
 #include "checked_io.h"
+#include "download_limits.h"
 
 #include <tarnsdk/volume.h>
 
@@ -18,9 +19,12 @@ bool IsVolumeAvailable(const std::string& volume) {
 Services MakeServices(Terminal& terminal) {
 	const auto io = std::make_shared<CheckedIO>();
 	const auto config = std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
-	const auto info = std::make_shared<CheckedInfoGetter>(io, config);
-	return {io, config, info, std::make_shared<dataupdate::Updater>(), std::make_shared<dataupdate::Checker>(config),
-	    terminal, IsVolumeAvailable};
+	const auto limits = std::make_shared<DownloadLimits>();
+	LimitDownloads(limits);
+	const auto info = std::make_shared<CheckedInfoGetter>(io, config, limits);
+	const auto notes = std::make_shared<std::optional<UpdateNote>>();
+	return {io, config, info, std::make_shared<NotingUpdater>(notes), std::make_shared<dataupdate::Checker>(config),
+	    terminal, IsVolumeAvailable, [info] { info->Hurry(); }, std::make_shared<OpenedPackages>(), notes};
 }
 
 } // namespace tarn::ctl

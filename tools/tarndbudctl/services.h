@@ -2,6 +2,8 @@
 #ifndef TARNDBUDCTL_SERVICES_H
 #define TARNDBUDCTL_SERVICES_H
 
+#include "noting_updater.h"
+#include "opened_packages.h"
 #include "terminal.h"
 
 #include <dataupdate/project_lock.h>
@@ -25,6 +27,11 @@ struct Services {
 	Terminal& terminal;
 	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
 	std::function<bool(const std::string& volume)> is_available;
+	/** Has the server's document come at once or not at all from now on; nothing to call in a double. */
+	std::function<void()> hurry = nullptr;
+	/** What the packages say that operations open. */
+	std::shared_ptr<OpenedPackages> packages = std::make_shared<OpenedPackages>();
+	UpdateNotes update_notes = nullptr; ///< Of the updater, if it keeps any.
 };
 
 /** The real ones. */

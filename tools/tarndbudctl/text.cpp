@@ -57,6 +57,19 @@ std::string FormatBytes(uint64_t bytes) {
 	return buffer.data();
 }
 
+std::string FormatDuration(int64_t seconds) {
+	constexpr int64_t kMinute = 60;
+	constexpr int64_t kHour = 60 * kMinute;
+	constexpr int64_t kDay = 24 * kHour;
+	if (seconds < 0) {
+		return "in the future";
+	}
+	if (seconds < kHour) {
+		return std::to_string(seconds / kMinute) + " min";
+	}
+	return seconds < 2 * kDay ? std::to_string(seconds / kHour) + " h" : std::to_string(seconds / kDay) + " d";
+}
+
 std::string FormatClock(std::time_t instant) {
 	std::tm local{};
 	std::array<char, 8> buffer{};

@@ -19,6 +19,9 @@ std::string Printable(const std::string& text, size_t most_characters);
 /** "999 B", "12.3 MB": decimal units, as disks are sold and networks are rated. */
 std::string FormatBytes(uint64_t bytes);
 
+/** "59 min", "47 h", "12 d": of that unit only whole ones; a negative duration is "in the future". */
+std::string FormatDuration(int64_t seconds);
+
 /** Local time of day, "14:05". */
 std::string FormatClock(std::time_t instant);
 

@@ -1,11 +1,13 @@
 #include "volume_content.h"
 
 #include "databases.h"
+#include "file_check.h"
 #include "text.h"
 
 #include <dataupdate/replacement_mark.h>
 #include <dataupdate/update_error.h>
 #include <dataupdate/updater.h>
+#include <dataupdate/utils.h>
 
 #include <algorithm>
 
@@ -18,7 +20,6 @@ using dataupdate::FileStatus;
 
 namespace {
 
-constexpr char kRecords[] = "/var/lib/data_update/";
 constexpr char kMainDir[] = "/@database/autoupdate/";
 
 /** One whose configuration cannot be read has no files that could be found. */
@@ -30,11 +31,18 @@ bool LiesOnVolumes(const Services& services, const std::string& id) {
 	}
 }
 
-/** Whether the files are there. A forced version has no recorded files; then there must be any at all. */
-bool IsThere(const DatabaseStatus& status, const std::string& install_prefix) {
+/**
+ * Whether the files are there. A record of all files tells it whether or not marks stand; without one, a forced version
+ * has no recorded files, and there must be any at all.
+ */
+bool IsThere(const std::string& id, const DatabaseStatus& status, const std::string& install_prefix) {
 	std::error_code error;
-	return !fs::is_empty(install_prefix, error) && !error &&
-	       dataupdate::CheckStatus(status.file_statuses, install_prefix);
+	if (fs::is_empty(install_prefix, error) || error ||
+	    !dataupdate::CheckStatus(status.file_statuses, install_prefix)) {
+		return false;
+	}
+	const std::optional<InstalledFiles> record = ReadInstalledFiles(id);
+	return !record || !Agree(*record, status, install_prefix) || FindBadFiles(*record, status, install_prefix).empty();
 }
 
 /** Does something for each database; returns those for which it failed, having told why. */
@@ -74,8 +82,7 @@ void LetRecordFollow(const Services& services, const std::string& volume, const 
 	}
 	if (moved != status.file_statuses) {
 		status.file_statuses = std::move(moved);
-		// Not by the library's way, which takes the mark of an unfinished replacement away.
-		services.io->WriteJson(kRecords + id + "/version.json", DatabaseStatus::ToJson(status));
+		services.info->SetDatabaseStatus(id, status);
 	}
 }
 
@@ -86,7 +93,7 @@ std::vector<std::string> TakeOver(
 	std::vector<std::string> incomplete;
 	const auto settle = [&](const std::string& id) {
 		const std::string prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
-		if (unknown.count(id) != 0 || !IsThere(services.info->GetDatabaseStatus(id), prefix)) {
+		if (unknown.count(id) != 0 || !IsThere(id, services.info->GetDatabaseStatus(id), prefix)) {
 			dataupdate::MarkUnfinished(id); // Set long ago, unless it was installed meanwhile.
 			incomplete.push_back(id);
 		} else if (std::find(marked.begin(), marked.end(), id) != marked.end()) {
@@ -102,17 +109,22 @@ std::vector<std::string> TakeOver(
 
 std::optional<Content> ContentBelow(const std::string& directory) {
 	Content content;
-	std::error_code error;
-	fs::recursive_directory_iterator entries(directory, error);
-	for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
-		const fs::file_type type = entries->symlink_status(error).type();
-		const uintmax_t size = !error && type == fs::file_type::regular ? entries->file_size(error) : 0;
-		content[entries->path().lexically_relative(directory)] = {type, size};
-		if (error) {
-			return std::nullopt;
+	const auto add = [&](const std::string& entry) {
+		const fs::file_type type = fs::symlink_status(entry).type();
+		const uintmax_t size = type == fs::file_type::regular ? fs::file_size(entry) : 0;
+		content[fs::path(entry).lexically_relative(directory)] = {type, size};
+	};
+	try {
+		if (fs::exists(directory)) {
+			// Not by the standard's iterator, which holds a descriptor for each level.
+			dataupdate::IOUtils().IterateDirectory(directory, add, true);
 		}
+		return content;
+	} catch (const fs::filesystem_error&) {
+		return std::nullopt;
+	} catch (const dataupdate::UpdateError&) {
+		return std::nullopt;
 	}
-	return error && error != std::errc::no_such_file_or_directory ? std::nullopt : std::optional(content);
 }
 
 bool IsInstalled(const Services& services, const std::string& id) {

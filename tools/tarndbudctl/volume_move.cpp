@@ -1,6 +1,7 @@
 #include "volume_move.h"
 
 #include "failure.h"
+#include "safe_places.h"
 
 #include <dataupdate/file_copy.h>
 #include <dataupdate/update_error.h>
@@ -43,6 +44,7 @@ VolumeMove::Outcome VolumeMove::Run() {
 }
 
 void VolumeMove::Begin() const {
+	RequireSafeVolume(target_);
 	before_ = ContentBelow(GetMainDirPath(volume_));
 	target_is_free_ = ContentBelow(GetMainDirPath(target_)) == Content();
 	marked_ = MarkInstalled(services_);

@@ -5,6 +5,7 @@
 #include "progress.h"
 #include "publish.h"
 #include "publish_error.h"
+#include "restore.h"
 #include "signing_key.h"
 
 #include <CLI/CLI.hpp>
@@ -27,6 +28,8 @@ struct Streams {
 struct Options {
 	std::string prefix;
 	PublishOptions publish;
+	RestoreOptions restore;
+	std::vector<std::string> old_keys;
 	std::string package;
 	std::vector<std::string> public_keys;
 	bool json = false;
@@ -49,29 +52,72 @@ void PrintDiff(const DiffResult& diff, const PublishResult& result, std::ostream
 	    << ". Devices come by diffs from version " << diff.oldest_base << " on.\n";
 }
 
+PublishObserver ObserverOf(ProgressLine& line, const Streams& streams) {
+	PublishObserver observer;
+	observer.warn = [&](const std::string& sentence) {
+		line.Clear();
+		streams.err << "warning: " << sentence << "\n";
+	};
+	observer.waiting = [&] { streams.err << "Waiting for another publisher of this repository.\n" << std::flush; };
+	observer.progress = [&](std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
+		line.Show(files, bytes, tree.files.size(), tree.total_size);
+	};
+	observer.step = [&](const std::string& what, std::uint64_t done, std::uint64_t all) {
+		line.ShowStep(what, done, all);
+	};
+	return observer;
+}
+
 void RunPublish(const Options& options, const Streams& streams) {
 	PublishResult result;
 	{
 		ProgressLine line(streams.err, streams.terminal);
-		PublishObserver observer;
-		observer.warn = [&](const std::string& sentence) {
-			line.Clear();
-			streams.err << "warning: " << sentence << "\n";
-		};
-		observer.waiting = [&] { streams.err << "Waiting for another publisher of this repository.\n" << std::flush; };
-		observer.progress = [&](std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
-			line.Show(files, bytes, tree.files.size(), tree.total_size);
-		};
-		observer.step = [&](const std::string& what, std::uint64_t done, std::uint64_t all) {
-			line.ShowStep(what, done, all);
-		};
-		result = Publish(options.publish, observer);
+		result = Publish(options.publish, ObserverOf(line, streams));
 	}
 	streams.out << "Published " << options.publish.id << " version " << result.data_version << ": " << result.files
 	            << " files, " << HumanSize(result.tree_size) << " in a package of " << HumanSize(result.package_size)
 	            << ", " << result.download_link << "\n";
+	if (result.is_first) {
+		streams.out << "This is the first publication of " << options.publish.id << " in " << options.publish.repository
+		            << ": devices that have a version of it take higher ones only.\n";
+	}
 	if (result.diff) {
 		PrintDiff(*result.diff, result, streams.out);
+	}
+}
+
+void PrintRestored(const RestoredDatabase& database, std::ostream& out) {
+	if (database.was_named) {
+		out << "Left as it is: " << database.id << ", of which the document names version " << database.data_version
+		    << ".\n";
+		return;
+	}
+	out << "Restored " << database.id << " version " << database.data_version << ", " << database.download_link
+	    << ", with " << database.diffs << " diff packages";
+	if (database.diffs > 0) {
+		out << "; devices come by diffs from version " << database.oldest_base << " on";
+	}
+	out << ".\n";
+}
+
+void RunRestore(const Options& options, const Streams& streams) {
+	RestoreOptions restore = options.restore;
+	restore.keys.insert(restore.keys.end(), options.old_keys.begin(), options.old_keys.end());
+	RestoreResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Restore(restore, ObserverOf(line, streams));
+	}
+	for (const RestoredDatabase& database : result.databases) {
+		PrintRestored(database, streams.out);
+	}
+	streams.out << (result.is_written ? "Wrote " : "Nothing to write: ") << result.document << "\n";
+	if (!result.failures.empty()) {
+		std::string sentences;
+		for (const std::string& failure : result.failures) {
+			sentences += (sentences.empty() ? "" : " ") + failure;
+		}
+		throw PublishError(sentences);
 	}
 }
 
@@ -102,7 +148,22 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--keep-diffs", publish.keep_diffs, "Diff packages to keep, the oldest go; 0 makes none")
 	    ->capture_default_str();
 	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
+	command->add_flag("--continue", publish.must_continue, "Refuse a first publication: the repository knows the id");
 	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
+}
+
+void AddRestore(CLI::App& app, Options& options) {
+	RestoreOptions& restore = options.restore;
+	CLI::App* command = app.add_subcommand("restore", "Rebuild a lost document from the packages of a repository");
+	command->add_option("--repo", restore.repository, "Directory that the web server serves")->required();
+	command->add_option("--key", restore.keys, "Public key that signed the packages; may be repeated")->required();
+	command->add_option("--old-key", options.old_keys, "Public key that signed earlier packages; may be repeated");
+	command->add_option("--url", restore.url, "Where devices reach the repository; as last published by default");
+	command->add_option("--id", restore.ids, "Database to restore, all by default; may be repeated");
+	command->add_option("--db-version", restore.db_version, "Version of the server's document")->capture_default_str();
+	command->add_option("--format-version", restore.format_version, "Leave packages of other formats out");
+	command->add_option("--keep-diffs", restore.keep_diffs, "Diff packages to name at most")->capture_default_str();
+	command->add_flag("--force", restore.force, "Write entries anew that the document has");
 }
 
 void AddReaders(CLI::App& app, Options& options) {
@@ -119,6 +180,8 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunKeygen(options, streams);
 	} else if (app.got_subcommand("publish")) {
 		RunPublish(options, streams);
+	} else if (app.got_subcommand("restore")) {
+		RunRestore(options, streams);
 	} else if (app.got_subcommand("verify")) {
 		RunVerify(options, streams);
 	} else {
@@ -151,6 +214,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	app.require_subcommand(1);
 	AddKeygen(app, options);
 	AddPublish(app, options);
+	AddRestore(app, options);
 	AddReaders(app, options);
 	try {
 		std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());

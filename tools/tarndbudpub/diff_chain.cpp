@@ -72,7 +72,9 @@ std::set<std::string> DiffChain::ChangedNames() const {
 	std::set<std::string> names;
 	for (const Link& link : links_) {
 		for (const DiffMember& member : link.package.members) {
-			names.insert(member.name);
+			if (member.kind != PatchKind::kEmptied) {
+				names.insert(member.name);
+			}
 		}
 	}
 	return names;

@@ -29,7 +29,7 @@ public:
 	const ChainState& State() const { return state_; }
 	/** The versions that the packages make, oldest first. */
 	std::vector<int> Versions() const;
-	/** Every name that one of the packages changes. */
+	/** The name of every file that one of the packages changes. */
 	std::set<std::string> ChangedNames() const;
 
 	/**

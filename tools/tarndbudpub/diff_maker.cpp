@@ -217,7 +217,7 @@ void DiffMaker::WriteDescription() {
 		members_.push_back(std::move(member));
 	}
 	std::ofstream description(work_ / kDescriptionName, std::ios::binary);
-	if (!(description << DescriptionText(members_)).flush()) {
+	if (!(description << DescriptionText(members_, EmptiedDirectories(before_, after_))).flush()) {
 		throw PublishError("the package's description could not be written");
 	}
 }
@@ -238,6 +238,8 @@ DiffResult DiffMaker::Summarise() const {
 		case PatchKind::kNone:
 			++result.deleted;
 			break;
+		case PatchKind::kEmptied:
+			break;
 		}
 	}
 	return result;
@@ -254,6 +256,7 @@ std::uint64_t DiffMaker::Write(int archive_fd, const std::string& path) {
 	const std::string description = work_ / kDescriptionName;
 	content.files.push_back({kDescriptionName, description, fs::file_size(description), false});
 	PackageInfo info = {order_.options.id, order_.options.format_version, version_, kDiffKind};
+	info.published = order_.published;
 	info.more["base_version"] = order_.previous.data_version;
 	chain_.State().After(members_, databases_).ToMetadata(info.more);
 	observer_.step("packing the diff", 0, 1);

@@ -19,6 +19,7 @@ struct DiffOrder {
 	const Entry& previous;   // the document's entry so far, of the version before
 	std::string new_package; // the full package, still under its temporary name
 	std::uint64_t new_package_size = 0;
+	int published = 0; // when, in seconds since 1970
 };
 
 /**

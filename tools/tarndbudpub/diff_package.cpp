@@ -1,5 +1,6 @@
 #include "diff_package.h"
 
+#include "dataupdate/patch_description.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
 #include "tarncodesign/payload_stream.h"
@@ -9,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 
 namespace tarn::publisher {
@@ -16,8 +18,6 @@ namespace tarn::publisher {
 namespace {
 
 using codesign::ArchiveError;
-
-constexpr std::size_t kMaxDescriptionSize = std::size_t{1} << 30U;
 
 std::optional<Json::Value> ParseJson(std::string_view text) {
 	Json::CharReaderBuilder builder;
@@ -49,8 +49,8 @@ Content ReadContent(const codesign::ArchiveFile& archive) {
 		if (member.name != kDescriptionName) {
 			continue;
 		}
-		if (member.size > kMaxDescriptionSize) {
-			throw ArchiveError("has a description that is too long");
+		if (member.size > dataupdate::kMaxDescriptionBytes) {
+			throw ArchiveError("has a description that is too large for devices");
 		}
 		for (std::string_view block = reader.NextContent(); !block.empty(); block = reader.NextContent()) {
 			content.description += block;
@@ -81,6 +81,24 @@ PatchKind KindOf(const std::string& operation, const std::string& input_file) {
 	                   "\" with \"" + codesign::Printable(input_file) + "\"");
 }
 
+/** A deleted name with deleted names below it was a directory: the version before had no file of that name. */
+void MarkDirectories(std::vector<DiffMember>& members) {
+	std::set<std::string> above;
+	for (const DiffMember& member : members) {
+		const std::string& name = member.name;
+		for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
+			if (member.kind == PatchKind::kNone) {
+				above.insert(name.substr(0, end));
+			}
+		}
+	}
+	for (DiffMember& member : members) {
+		if (member.kind == PatchKind::kNone && above.count(member.name) > 0) {
+			member.kind = PatchKind::kEmptied;
+		}
+	}
+}
+
 } // namespace
 
 const char* PatchKindName(PatchKind kind) {
@@ -91,6 +109,8 @@ const char* PatchKindName(PatchKind kind) {
 		return "vcdiff";
 	case PatchKind::kScript:
 		return "sql";
+	case PatchKind::kEmptied:
+		return "dir";
 	case PatchKind::kNone:
 		break;
 	}
@@ -106,13 +126,24 @@ const char* PatchKindExtension(PatchKind kind) {
 	case PatchKind::kScript:
 		return ".sqlitediff";
 	case PatchKind::kNone:
+	case PatchKind::kEmptied:
 		break;
 	}
 	return "";
 }
 
 const char* OperationOf(PatchKind kind) {
-	return kind == PatchKind::kNone ? "delete" : kind == PatchKind::kWhole ? "create" : "update";
+	switch (kind) {
+	case PatchKind::kWhole:
+		return "create";
+	case PatchKind::kVcdiff:
+	case PatchKind::kScript:
+		return "update";
+	case PatchKind::kNone:
+	case PatchKind::kEmptied:
+		break;
+	}
+	return "delete";
 }
 
 std::string InputFileName(std::size_t number, PatchKind kind) {
@@ -147,15 +178,22 @@ DiffPackage ReadDiffPackage(const codesign::ArchiveFile& archive) {
 		}
 		package.members.push_back(std::move(member));
 	}
+	MarkDirectories(package.members);
 	return package;
 }
 
-std::string DescriptionText(const std::vector<DiffMember>& members) {
+std::string DescriptionText(const std::vector<DiffMember>& members, const std::vector<std::string>& emptied) {
 	Json::Value description(Json::objectValue);
+	const auto describe = [&](const std::string& name, const std::string& operation, const std::string& input) {
+		Json::Value& value = description[name];
+		value["operation"] = operation;
+		value["input_file"] = input;
+	};
 	for (const DiffMember& member : members) {
-		Json::Value& value = description[member.name];
-		value["operation"] = member.operation;
-		value["input_file"] = member.input_file;
+		describe(member.name, member.operation, member.input_file);
+	}
+	for (const std::string& name : emptied) {
+		describe(name, OperationOf(PatchKind::kEmptied), "");
 	}
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "";

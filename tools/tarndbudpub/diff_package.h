@@ -19,10 +19,11 @@ enum class PatchKind {
 	kWhole,  ///< the file itself
 	kVcdiff, ///< a patch against the bytes of the version before
 	kScript, ///< SQL statements that change the content
-	kNone    ///< nothing: the file is deleted
+	kNone,   ///< nothing: the file is deleted
+	kEmptied ///< nothing: the name is a directory's, in which the package deletes the last file
 };
 
-/** "whole", "vcdiff", "sql" or "-". */
+/** "whole", "vcdiff", "sql", "-" or "dir". */
 const char* PatchKindName(PatchKind kind);
 /** ".new", ".vcdiff", ".sqlitediff", or nothing. */
 const char* PatchKindExtension(PatchKind kind);
@@ -32,7 +33,7 @@ const char* OperationOf(PatchKind kind);
 /** The name in a package of its input file with a number, counted from 0. */
 std::string InputFileName(std::size_t number, PatchKind kind);
 
-/** One file that a diff package changes. */
+/** One file that a diff package changes, or a directory that it removes. */
 struct DiffMember {
 	std::string name;      // relative to the installed tree
 	std::string operation; // "create", "update" or "delete"
@@ -57,8 +58,12 @@ DiffPackage ReadDiffPackage(const codesign::ArchiveFile& archive);
 /** A package's metadata; null when it is no JSON. */
 Json::Value ReadMetadata(const codesign::ArchiveFile& archive);
 
-/** The text of "patch_infos.json". */
-std::string DescriptionText(const std::vector<DiffMember>& members);
+/**
+ * The text of "patch_infos.json".
+ *
+ * @param emptied  directories in which the members delete the last file; devices that come by a full package have none
+ */
+std::string DescriptionText(const std::vector<DiffMember>& members, const std::vector<std::string>& emptied = {});
 
 } // namespace tarn::publisher
 

@@ -32,7 +32,12 @@ void VerifyDiff(const std::string& package, const std::string& tree, const std::
 	} catch (const std::exception& error) {
 		throw PublishError(std::string("devices could not apply it: ") + error.what());
 	}
-	for (const TreeChange& difference : CompareTrees(ListTree(tree), expected)) {
+	const Tree result = ListTree(tree);
+	if (result.empty_directories > 0) {
+		throw PublishError(
+		    "devices would keep " + std::to_string(result.empty_directories) + " empty directories by it");
+	}
+	for (const TreeChange& difference : CompareTrees(result, expected)) {
 		if (scripted.count(difference.name) == 0 || !IsSameByContent(difference)) {
 			throw PublishError("devices would get another \"" + codesign::Printable(difference.name) + "\" by it");
 		}

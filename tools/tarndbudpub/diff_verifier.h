@@ -10,7 +10,7 @@ namespace tarn::publisher {
 
 /**
  * Applies an unpacked diff package to a tree with the code of devices, and compares the outcome with the new tree: the
- * same names, bytes and execute permissions, and for files changed by scripts the same content.
+ * same names, bytes and execute permissions, for files changed by scripts the same content, and no empty directory.
  *
  * @param package   the unpacked package
  * @param tree      the old tree, which is changed

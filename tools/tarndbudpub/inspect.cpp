@@ -1,6 +1,7 @@
 #include "inspect.h"
 
 #include "diff_package.h"
+#include "package_reader.h"
 #include "publish_error.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
@@ -8,9 +9,11 @@
 
 #include <json/json.h>
 
+#include <ctime>
 #include <iomanip>
 #include <map>
 #include <optional>
+#include <sstream>
 
 namespace tarn::publisher {
 
@@ -75,6 +78,20 @@ std::optional<DiffPackage> DiffOf(const codesign::ArchiveFile& archive) {
 	return is_diff ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
 }
 
+/** "2026-11-21 16:52:41 UTC", or "unknown" for a package that does not tell. */
+std::string PublishedAt(const codesign::ArchiveFile& archive) {
+	const Json::Value metadata = ReadMetadata(archive);
+	const Json::Value published = metadata.isObject() ? metadata["published"] : Json::Value();
+	struct tm time {};
+	const std::time_t seconds = published.isInt64() ? published.asInt64() : -1;
+	if (seconds < 0 || gmtime_r(&seconds, &time) == nullptr) {
+		return "unknown";
+	}
+	std::ostringstream text;
+	text << std::put_time(&time, "%Y-%m-%d %H:%M:%S UTC");
+	return text.str();
+}
+
 struct Total {
 	std::uint64_t files = 0;
 	std::uint64_t bytes = 0;
@@ -108,6 +125,13 @@ void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
 	}
 }
 
+std::string Counted(std::uint64_t count, PatchKind kind) {
+	const bool directories = kind == PatchKind::kEmptied;
+	const char* one = directories ? " directory" : " file";
+	const char* many = directories ? " directories" : " files";
+	return std::to_string(count) + (count == 1 ? one : many);
+}
+
 void PrintDiffTable(const DiffPackage& diff, std::ostream& out) {
 	constexpr int kSizeWidth = 14;
 	constexpr int kOperationWidth = 11;
@@ -125,7 +149,7 @@ void PrintDiffTable(const DiffPackage& diff, std::ostream& out) {
 	out << "\n";
 	for (const auto& [kind, total] : TotalsOf(diff)) {
 		begin_line(total.bytes, "total", PatchKindName(kind));
-		out << total.files << (total.files == 1 ? " file\n" : " files\n");
+		out << Counted(total.files, kind) << "\n";
 	}
 }
 
@@ -176,6 +200,7 @@ void PrintTable(const std::string& package, const codesign::ArchiveFile& archive
 	    << "\n"
 	    << "members        " << head.entry_count << "\n"
 	    << "unpacked bytes " << head.unpacked_size << "\n"
+	    << "published      " << PublishedAt(archive) << "\n"
 	    << "metadata       " << ToLine(MetadataJson(archive)) << "\n\n";
 	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
 		PrintDiffTable(*diff, out);
@@ -187,14 +212,7 @@ void PrintTable(const std::string& package, const codesign::ArchiveFile& archive
 } // namespace
 
 std::string VerifyPackage(const std::string& package, const std::vector<std::string>& key_files) {
-	std::vector<codesign::TrustedKey> keys;
-	for (const std::string& file : key_files) {
-		try {
-			keys.push_back(codesign::LoadPublicKeyFile(file));
-		} catch (const codesign::ArchiveError& error) {
-			throw PublishError("The public key cannot be used: " + std::string(error.what()) + ".");
-		}
-	}
+	const std::vector<codesign::TrustedKey> keys = LoadPublicKeys(key_files);
 	return NamingPackage(package, [&] {
 		const codesign::ArchiveFile archive(package);
 		const codesign::TrustedKey& signer = keys[archive.Check(keys, TARNARCHIVE_KEYTYPE_DATA_UPDATE)];

@@ -25,6 +25,7 @@ std::string Metadata(const PackageInfo& info) {
 	metadata["format_version"] = info.format_version;
 	metadata["id"] = info.id;
 	metadata["kind"] = info.kind;
+	metadata["published"] = info.published;
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "";
 	return Json::writeString(builder, metadata);
@@ -56,6 +57,9 @@ void PackFile(const TreeFile& file, TarZstdWriter& tar, std::vector<char>& buffe
 	try {
 		fd = codesign::OpenRegularFile(AT_FDCWD, file.source);
 	} catch (const codesign::ArchiveError& error) {
+		if (!std::filesystem::exists(std::filesystem::symlink_status(file.source))) {
+			RefuseVanished(file.name);
+		}
 		throw PublishError("\"" + codesign::Printable(file.name) + "\" cannot be read: it " + error.what() + ".");
 	}
 	const struct stat before = StatusOf(fd.Get(), file);

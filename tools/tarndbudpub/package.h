@@ -19,6 +19,7 @@ struct PackageInfo {
 	int data_version = 0;
 	std::string kind = "full";
 	Json::Value more = Json::Value(Json::objectValue); // what else the metadata says
+	int published = 0;                                 // when, in seconds since 1970
 };
 
 /** Called while packing with the files and bytes done so far. */

@@ -28,15 +28,21 @@ void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
 
 } // namespace
 
-PackageReader::PackageReader(const SigningKey& key, const std::vector<std::string>& old_keys) {
-	keys_.push_back({"the signing key", codesign::PublicKey::FromPem(key.PublicPem())});
-	for (const std::string& path : old_keys) {
+std::vector<codesign::TrustedKey> LoadPublicKeys(const std::vector<std::string>& files, const std::string& what) {
+	std::vector<codesign::TrustedKey> keys;
+	for (const std::string& file : files) {
 		try {
-			keys_.push_back(codesign::LoadPublicKeyFile(path));
+			keys.push_back(codesign::LoadPublicKeyFile(file));
 		} catch (const ArchiveError& error) {
-			throw PublishError("The old public key cannot be used: " + std::string(error.what()) + ".");
+			throw PublishError(what + " cannot be used: " + error.what() + ".");
 		}
 	}
+	return keys;
+}
+
+PackageReader::PackageReader(const SigningKey& key, const std::vector<std::string>& old_keys)
+    : keys_(LoadPublicKeys(old_keys, "The old public key")) {
+	keys_.insert(keys_.begin(), {"the signing key", codesign::PublicKey::FromPem(key.PublicPem())});
 }
 
 codesign::ArchiveFile PackageReader::Open(const std::string& path, const PackageInfo& expected) const {

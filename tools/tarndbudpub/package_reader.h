@@ -11,6 +11,14 @@
 
 namespace tarn::publisher {
 
+/**
+ * Reads files of public keys.
+ *
+ * @param what  names these keys in the PublishError that it throws
+ */
+std::vector<codesign::TrustedKey> LoadPublicKeys(
+    const std::vector<std::string>& files, const std::string& what = "The public key");
+
 /** Reads packages of the repository, believing none that the publisher has not signed. */
 class PackageReader {
 public:
@@ -20,6 +28,14 @@ public:
 	 * @throws PublishError
 	 */
 	PackageReader(const SigningKey& key, const std::vector<std::string>& old_keys);
+
+	/**
+	 * For a reader that signs nothing.
+	 *
+	 * @param keys  files of public keys
+	 * @throws PublishError
+	 */
+	explicit PackageReader(const std::vector<std::string>& keys) : keys_(LoadPublicKeys(keys)) {}
 
 	/**
 	 * Opens a package and checks all of it.

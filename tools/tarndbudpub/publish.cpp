@@ -2,9 +2,12 @@
 
 #include "diff_chain.h"
 #include "diff_maker.h"
+#include "next_version.h"
+#include "option_checks.h"
 #include "publish_error.h"
 #include "replacing_file.h"
 #include "repository.h"
+#include "tree_changes.h"
 
 #include <algorithm>
 #include <charconv>
@@ -20,35 +23,6 @@ namespace tarn::publisher {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::int64_t kMaxNumber = std::numeric_limits<int>::max();
-constexpr std::size_t kMaxWordLength = 64;
-
-bool StartsWith(const std::string& text, std::string_view prefix) {
-	return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-// What stands in file names, links and query strings alike, where nothing is escaped.
-void CheckWord(const std::string& option, const std::string& word) {
-	constexpr std::string_view kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
-	const bool fits = !word.empty() && word.size() <= kMaxWordLength && word.front() != '.' && word.front() != '-' &&
-	                  word.find_first_not_of(kAllowed) == std::string::npos;
-	if (!fits) {
-		throw UsageError(option + " \"" + word + "\" must be 1 to " + std::to_string(kMaxWordLength) +
-		                 " letters, digits, '.', '_' or '-', beginning with a letter, a digit or '_'.");
-	}
-}
-
-void CheckUrl(const std::string& url) {
-	const std::size_t scheme = StartsWith(url, "http://") ? 7 : StartsWith(url, "https://") ? 8 : 0;
-	if (scheme == 0 || url.size() == scheme || url[scheme] == '/') {
-		throw UsageError("--url \"" + url + "\" must begin with http:// or https:// and a host.");
-	}
-	const bool plain = std::all_of(url.begin(), url.end(), [](char c) { return c > ' ' && c < '\x7f'; });
-	if (!plain || url.find_first_of("?#\"<>\\^`{|}") != std::string::npos) {
-		throw UsageError("--url \"" + url + "\" must be a plain base without blanks, query or fragment.");
-	}
-}
 
 bool Contains(const fs::path& outer, const fs::path& inner) {
 	return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
@@ -67,22 +41,11 @@ void CheckApart(const PublishOptions& options) {
 	}
 }
 
-int ChooseVersion(const PublishOptions& options, const std::optional<int>& last) {
-	const std::int64_t next = options.data_version.value_or(last ? std::int64_t{*last} + 1 : 1);
-	if (last && next <= *last) {
-		throw PublishError("Version " + std::to_string(next) + " of " + options.id + " is not above version " +
-		                   std::to_string(*last) + ", which is published already; devices would not take it.");
-	}
-	if (next > kMaxNumber) {
-		throw PublishError("Version " + std::to_string(next) + " of " + options.id + " is above " +
-		                   std::to_string(kMaxNumber) + ", the largest that devices read.");
-	}
-	return static_cast<int>(next);
-}
+constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
 
 // Reproducible builds set the variable; for everybody else it is now.
 int FetchTime() {
-	const char* text = std::getenv("SOURCE_DATE_EPOCH");
+	const char* text = std::getenv(kTimeVariable);
 	std::int64_t seconds = std::time(nullptr);
 	if (text != nullptr) {
 		const std::string_view digits(text);
@@ -129,9 +92,7 @@ void CheckOptions(const PublishOptions& options) {
 		throw UsageError("--data-version " + std::to_string(*options.data_version) + " must be 0 to " +
 		                 std::to_string(kMaxNumber) + ".");
 	}
-	if (options.keep_diffs < 0) {
-		throw UsageError("--keep-diffs " + std::to_string(options.keep_diffs) + " must be 0 or more.");
-	}
+	CheckKeptDiffs(options.keep_diffs);
 	if (options.level < kMinLevel || options.level > kMaxLevel) {
 		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(kMinLevel) + " to " +
 		                 std::to_string(kMaxLevel) + ".");
@@ -140,12 +101,6 @@ void CheckOptions(const PublishOptions& options) {
 
 namespace {
 
-std::string LinkTo(const PublishOptions& options, const std::string& name) {
-	std::string base = options.url;
-	base.erase(base.find_last_not_of('/') + 1);
-	return base + "/" + name;
-}
-
 /** Publishes one version; the steps of Publish(). */
 class Publication {
 public:
@@ -153,27 +108,35 @@ public:
 	    : options_(options),
 	      observer_(observer),
 	      fetch_time_(FetchTime()),
-	      key_(SigningKey::Load(options.key_file)),
+	      key_(SigningKey::Load(options.key_file, observer.warn)),
 	      reader_(key_, options.old_keys),
 	      repository_(options.repository, observer.waiting),
 	      tree_(ListTree(options.tree)) {}
 
 	PublishResult Run() {
-		result_.data_version = ChooseVersion(options_, repository_.LastVersion(options_.id));
+		const NextVersion next = ChooseVersion(options_, repository_);
+		result_.data_version = next.data_version;
+		result_.is_first = next.is_first;
+		if (next.is_begun) {
+			TakeUp();
+		}
 		result_.files = tree_.files.size();
 		result_.tree_size = tree_.total_size;
-		result_.download_link = LinkTo(options_, Repository::PackageName(options_.id, result_.data_version));
+		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
 		previous_ = repository_.ReadEntry(options_.db_version, options_.id);
-		repository_.Clean(options_.id);
+		repository_.Clean(options_.id, result_.data_version);
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
-		const PackageInfo info = {options_.id, options_.format_version, result_.data_version};
+		PackageInfo info = {options_.id, options_.format_version, result_.data_version};
+		info.published = fetch_time_;
 		result_.package_size = WritePackage(tree_, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
 		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
+		RequireSame(package.TemporaryPath());
 		WriteDiff(package.TemporaryPath());
 		package.Commit();
 		CommitDiff();
+		repository_.RememberUrl(options_.url);
 		repository_.WriteEntry(
 		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
 		Sweep();
@@ -181,6 +144,38 @@ public:
 	}
 
 private:
+	std::string PackagePath() const { return repository_.PackagePath(options_.id, result_.data_version); }
+
+	/** Goes on after a publisher that was killed with its package in place: that package's time makes the same bytes.
+	 */
+	void TakeUp() {
+		try {
+			const Json::Value metadata =
+			    ReadMetadata(reader_.Open(PackagePath(), {options_.id, "", result_.data_version}));
+			if (const auto published = PublishedTime(metadata); published && std::getenv(kTimeVariable) == nullptr) {
+				fetch_time_ = *published;
+			}
+		} catch (const PublishError&) {
+			RefuseToReplace();
+		}
+	}
+
+	/** What is there under the package's name, and devices or caches may have, must be the same package. */
+	void RequireSame(const std::string& package) {
+		if (fs::exists(PackagePath()) && !SameBytes(PackagePath(), package)) {
+			RefuseToReplace();
+		}
+	}
+
+	[[noreturn]] void RefuseToReplace() const {
+		throw PublishError("The package " + PackagePath() +
+		                   " is there already, with another content than this tree "
+		                   "makes, and is not replaced: devices and caches may have it, though no document names it. "
+		                   "Publish with --data-version " +
+		                   std::to_string(std::int64_t{result_.data_version} + 1) +
+		                   ", or remove it when it was never served.");
+	}
+
 	/** Makes the diff package when there can be one; no reason against it is one against publishing. */
 	void WriteDiff(const std::string& package) {
 		if (!previous_ || options_.keep_diffs == 0) {
@@ -192,7 +187,8 @@ private:
 				                   ", and every step by one version needs a diff package");
 			}
 			diff_.emplace(repository_.DiffPath(options_.id, result_.data_version));
-			const DiffOrder order = {repository_, options_, key_, reader_, *previous_, package, result_.package_size};
+			const DiffOrder order = {
+			    repository_, options_, key_, reader_, *previous_, package, result_.package_size, fetch_time_};
 			result_.diff = MakeDiff(order, diff_->Fd(), diff_->TemporaryPath(), observer_);
 		} catch (const std::exception& error) {
 			GiveUpDiff(error);
@@ -201,6 +197,10 @@ private:
 
 	void CommitDiff() {
 		try {
+			const std::string path = repository_.DiffPath(options_.id, result_.data_version);
+			if (diff_ && fs::exists(path) && !SameBytes(path, diff_->TemporaryPath())) {
+				throw PublishError(path + " is there already, with another content, and caches may have it");
+			}
 			if (diff_) {
 				diff_->Commit();
 			}
@@ -236,7 +236,7 @@ private:
 		for (const int version : result_.diff->earlier) {
 			files[version] = previous_->diff_files.at(version);
 		}
-		files[result_.data_version] = {LinkTo(options_, Repository::DiffName(options_.id, result_.data_version)),
+		files[result_.data_version] = {LinkTo(options_.url, Repository::DiffName(options_.id, result_.data_version)),
 		    static_cast<int>(result_.diff->package_size)};
 		while (files.size() > static_cast<std::size_t>(options_.keep_diffs)) {
 			files.erase(files.begin());
@@ -262,6 +262,9 @@ private:
 PublishResult Publish(const PublishOptions& options, const PublishObserver& observer) {
 	CheckOptions(options);
 	CheckApart(options);
+	if (options.must_continue) {
+		RequireRepository(options.repository);
+	}
 	return Publication(options, observer).Run();
 }
 

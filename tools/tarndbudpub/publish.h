@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 namespace tarn::publisher {
 
 constexpr int kDefaultKeepDiffs = 30;
+constexpr std::int64_t kMaxNumber = std::numeric_limits<int>::max(); // of versions and times, as devices read them
 
 struct PublishOptions {
 	std::string tree;
@@ -25,6 +27,7 @@ struct PublishOptions {
 	int level = kDefaultLevel;
 	int keep_diffs = kDefaultKeepDiffs;
 	std::vector<std::string> old_keys; // public keys that signed earlier packages
+	bool must_continue = false;        // whether a database that the repository does not know is refused
 };
 
 /** A diff package that was made, and how many files it changes in which way. */
@@ -41,6 +44,7 @@ struct DiffResult {
 
 struct PublishResult {
 	int data_version = 0;
+	bool is_first = false; // whether the repository knew nothing of the database before
 	std::uint64_t files = 0;
 	std::uint64_t tree_size = 0;
 	std::uint64_t package_size = 0;
@@ -66,8 +70,10 @@ struct PublishObserver {
  * the version is published all the same, and devices take the full package. At any moment, and after being killed at
  * any moment, the repository serves the old state or the new one.
  *
- * A version is never published twice, and none that is not above the highest one that a document names: devices keep
- * what they have when the version does not grow, and a package that is announced must stay what it was.
+ * A version is never published twice, and none that is not above the highest one that a document names or that is there
+ * as a package: devices keep what they have when the version does not grow, and a package that is announced must stay
+ * what it was. A full package that a killed publisher left is published when the tree makes the same bytes once more,
+ * and is never replaced by others.
  *
  * @throws UsageError for a value that can never work, PublishError otherwise
  */

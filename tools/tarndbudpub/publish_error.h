@@ -17,6 +17,12 @@ public:
 	using PublishError::PublishError;
 };
 
+/** A document cannot be understood, and is left as it is. */
+class DamagedDocument : public PublishError {
+public:
+	using PublishError::PublishError;
+};
+
 } // namespace tarn::publisher
 
 #endif

@@ -11,8 +11,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <string_view>
@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxDocumentSize = 64U << 20U;
 constexpr const char* kLockName = ".tarndbudpub.lock";
+constexpr const char* kUrlName = "/packages/.tarndbudpub.url";
 constexpr mode_t kLockMode = 0644;
 
 UniqueFd Lock(const std::string& path, const std::function<void()>& waiting) {
@@ -60,18 +61,12 @@ Json::Value ParseObject(const std::string& text, const std::string& path) {
 	}
 	std::replace(errors.begin(), errors.end(), '\n', ' ');
 	if (!value.isObject()) {
-		throw PublishError(
-		    "The document " + path + " is no JSON object and is left as it is; repair or remove it. " + errors);
+		throw DamagedDocument("The document " + path +
+		                      " is no JSON object and is left as it is; repair it, or rebuild "
+		                      "it by \"tarndbudpub restore\". " +
+		                      errors);
 	}
 	return value;
-}
-
-/** The number that all of a text's digits make; none when there is anything else in it. */
-std::optional<int> ParseVersion(std::string_view digits) {
-	int version = -1;
-	const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
-	const bool whole = result.ec == std::errc() && result.ptr == digits.data() + digits.size();
-	return whole && version >= 0 ? std::optional(version) : std::nullopt;
 }
 
 int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
@@ -80,7 +75,8 @@ int VersionOf(const Json::Value& entry, const std::string& id, const std::string
 		version = ParseVersion(entry["data_version"].asString());
 	}
 	if (!version) {
-		throw PublishError("The document " + path + " holds no readable version of " + id + "; repair or remove it.");
+		throw DamagedDocument("The document " + path + " holds no readable version of " + id +
+		                      "; repair it, or rebuild it by \"tarndbudpub restore\".");
 	}
 	return *version;
 }
@@ -99,6 +95,12 @@ std::map<int, DiffFile> DiffFilesOf(const Json::Value& entry) {
 	return files;
 }
 
+void WriteReplacing(const std::string& path, const std::string& text) {
+	ReplacingFile file(path);
+	codesign::WriteFully(file.Fd(), text.data(), text.size(), path);
+	file.Commit();
+}
+
 Json::Value ToJson(const std::map<int, DiffFile>& files) {
 	Json::Value list(Json::objectValue);
 	for (const auto& [version, file] : files) {
@@ -107,6 +109,20 @@ Json::Value ToJson(const std::map<int, DiffFile>& files) {
 		value["file_size"] = file.file_size;
 	}
 	return list;
+}
+
+/** Writes an entry into its place in a document. */
+void Record(Json::Value& place, const Entry& entry) {
+	if (!place.isObject()) {
+		place = Json::Value(Json::objectValue);
+	}
+	if (!place["deprecated"].isBool()) {
+		place["deprecated"] = false;
+	}
+	place["data_version"] = std::to_string(entry.data_version);
+	place["last_fetch_time"] = entry.last_fetch_time;
+	place["download_link"] = entry.download_link;
+	place["diff_files"] = ToJson(entry.diff_files);
 }
 
 } // namespace
@@ -146,8 +162,9 @@ Json::Value Repository::ReadDocument(const std::string& path) const {
 	}
 	Json::Value document = ParseObject(text, path);
 	if (!std::as_const(document)["db_list"].isObject()) {
-		throw PublishError(
-		    "The document " + path + " has no \"db_list\" object and is left as it is; repair or remove it.");
+		throw DamagedDocument("The document " + path +
+		                      " has no \"db_list\" object and is left as it is; repair it, or "
+		                      "rebuild it by \"tarndbudpub restore\".");
 	}
 	return document;
 }
@@ -178,65 +195,103 @@ std::optional<int> Repository::LastVersion(const std::string& id) const {
 }
 
 std::optional<Entry> Repository::ReadEntry(const std::string& db_version, const std::string& id) const {
-	std::optional<Entry> found;
-	ForEachEntry(id, [&](const std::string& path, const Json::Value& entry) {
-		if (path == DocumentPath(db_version)) {
-			found = Entry{VersionOf(entry, id, path), 0, "", DiffFilesOf(entry)};
-		}
-	});
-	return found;
+	const std::string path = DocumentPath(db_version);
+	if (!fs::exists(fs::symlink_status(path))) {
+		return std::nullopt;
+	}
+	const Json::Value list = ReadDocument(path)["db_list"];
+	if (!list.isMember(id)) {
+		return std::nullopt;
+	}
+	return Entry{VersionOf(list[id], id, path), 0, "", DiffFilesOf(list[id])};
 }
 
-void Repository::RemoveUnnamedDiffs(const std::string& id) const {
+bool Repository::IsDamaged(const std::string& db_version) const {
+	const std::string path = DocumentPath(db_version);
+	try {
+		if (fs::exists(fs::symlink_status(path))) {
+			ReadDocument(path);
+		}
+		return false;
+	} catch (const DamagedDocument&) {
+		return true;
+	}
+}
+
+std::vector<PackageFile> Repository::Packages(const std::string& id) const {
+	return ListPackageFiles(PackageDirectory(id), id);
+}
+
+std::vector<std::string> Repository::PackagedIds() const {
+	return ListPackagedIds(directory_ + "/packages");
+}
+
+void Repository::RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const {
 	std::set<std::string> named;
 	ForEachEntry(id, [&](const std::string& /*path*/, const Json::Value& entry) {
 		for (const auto& [version, file] : DiffFilesOf(entry)) {
 			named.insert(DiffPath(id, version));
 		}
 	});
-	std::error_code error;
-	const std::string prefix = id + "_d";
-	constexpr std::string_view kSuffix = ".tarn";
-	for (const fs::directory_entry& file : fs::directory_iterator(directory_ + "/packages/" + id, error)) {
-		const std::string name = file.path().filename().string();
-		if (name.size() > prefix.size() + kSuffix.size() && named.count(file.path().string()) == 0 &&
-		    name.compare(0, prefix.size(), prefix) == 0 && file.path().extension() == kSuffix &&
-		    ParseVersion(std::string_view(name).substr(prefix.size(), name.size() - prefix.size() - kSuffix.size()))) {
-			fs::remove(file.path());
+	for (const PackageFile& file : Packages(id)) {
+		if (file.is_diff && named.count(file.path) == 0 && file.data_version != spared) {
+			fs::remove(file.path);
 		}
 	}
 }
 
-void Repository::Clean(const std::string& id) const {
+void Repository::Clean(const std::string& id, const std::optional<int>& spared) const {
 	WorkDirectory::RemoveLeftovers(directory_);
-	RemoveUnnamedDiffs(id);
-	RemoveLeftovers(directory_ + "/packages/" + id);
+	RemoveUnnamedDiffs(id, spared);
+	RemoveLeftovers(PackageDirectory(id));
+	RemoveLeftovers(directory_ + "/packages");
+	RemoveDocumentLeftovers();
+}
+
+void Repository::RemoveDocumentLeftovers() const {
 	RemoveLeftovers(directory_ + "/database_info");
 }
 
 void Repository::WriteEntry(const std::string& db_version, const std::string& id, const Entry& entry) const {
+	WriteEntries(db_version, {{id, entry}}, false);
+}
+
+void Repository::WriteEntries(
+    const std::string& db_version, const std::map<std::string, Entry>& entries, bool replaces_damaged) const {
 	const std::string path = DocumentPath(db_version);
 	Json::Value document(Json::objectValue);
-	if (fs::exists(fs::symlink_status(path))) {
+	if (replaces_damaged && IsDamaged(db_version)) {
+		KeepDamaged(db_version);
+	} else if (fs::exists(fs::symlink_status(path))) {
 		document = ReadDocument(path);
 	}
 	if (!document["deprecated"].isBool()) {
 		document["deprecated"] = false;
 	}
-	Json::Value& record = document["db_list"][id];
-	if (!record["deprecated"].isBool()) {
-		record["deprecated"] = false;
+	for (const auto& [id, entry] : entries) {
+		Record(document["db_list"][id], entry);
 	}
-	record["data_version"] = std::to_string(entry.data_version);
-	record["last_fetch_time"] = entry.last_fetch_time;
-	record["download_link"] = entry.download_link;
-	record["diff_files"] = ToJson(entry.diff_files);
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "\t";
-	const std::string text = Json::writeString(builder, document) + "\n";
-	ReplacingFile file(path);
-	codesign::WriteFully(file.Fd(), text.data(), text.size(), path);
-	file.Commit();
+	WriteReplacing(path, Json::writeString(builder, document) + "\n");
+}
+
+void Repository::KeepDamaged(const std::string& db_version) const {
+	const UniqueFd fd = codesign::OpenRegularFile(AT_FDCWD, DocumentPath(db_version));
+	const std::string text = codesign::ReadSmallFile(fd.Get(), kMaxDocumentSize, "it");
+	WriteReplacing(directory_ + "/database_info/.damaged-" + db_version, text);
+}
+
+void Repository::RememberUrl(const std::string& url) const {
+	if (RememberedUrl() != url) {
+		WriteReplacing(directory_ + kUrlName, url + "\n");
+	}
+}
+
+std::optional<std::string> Repository::RememberedUrl() const {
+	std::ifstream file(directory_ + kUrlName);
+	std::string url;
+	return std::getline(file, url) ? std::optional(url) : std::nullopt;
 }
 
 } // namespace tarn::publisher

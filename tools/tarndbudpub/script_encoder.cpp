@@ -4,9 +4,12 @@
 #include "dataupdate/sql_script.h"
 #include "dataupdate/update_error.h"
 #include "program.h"
+#include "rtree_script.h"
 #include "sql_lines.h"
 #include "sqlite_content.h"
+#include "virtual_tables.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -50,19 +53,57 @@ void RequireContent(const std::string& database, const std::string& expected, co
 	}
 }
 
+/** A device may be slower than this machine. */
+constexpr std::chrono::seconds kTrialTime = dataupdate::kMaxScriptTime / 10;
+
+/** Executes a script and requires what devices must have then. */
+void Try(const Copy& copy, const std::string& script, const std::string& expected, const std::string& where) {
+	dataupdate::ExecuteSqlScript(copy.Path(), script, kTrialTime);
+	RequireContent(copy.Path(), expected, where);
+	RequireSoundIndexes(copy.Path());
+}
+
+void WriteLines(std::istream& statements, std::ostream& lines) {
+	if (!WriteStatementPerLine(statements, lines)) {
+		throw PublishError("the script cannot be written with one statement on each line");
+	}
+}
+
+void RunEncoder(const std::string& encoder, const std::string& before, const std::string& after,
+    const std::string& scratch, std::ostream& lines) {
+	const std::string output = scratch + "/sql";
+	RunProgram(encoder, {"--vtab", before, after}, output, scratch + "/errors");
+	std::ifstream statements(output, std::ios::binary);
+	WriteLines(statements, lines);
+	fs::remove(output);
+}
+
+/** The encoder gets databases without R*Trees, whose numbers it would round. */
+void WriteScriptWithRTrees(const std::string& encoder, const Copy& before, const Copy& after,
+    const std::string& scratch, std::ostream& lines) {
+	const Copy plain_before(before.Path(), scratch + "/before-plain");
+	const Copy plain_after(after.Path(), scratch + "/after-plain");
+	DropRTrees(plain_before.Path());
+	DropRTrees(plain_after.Path());
+	RunEncoder(encoder, plain_before.Path(), plain_after.Path(), scratch, lines);
+	const std::string output = scratch + "/rtrees";
+	std::fstream changes(output, std::ios::binary | std::ios::in | std::ios::out | std::ios::trunc);
+	WriteRTreeChanges(before.Path(), after.Path(), changes);
+	changes.seekg(0);
+	WriteLines(changes, lines);
+	fs::remove(output);
+}
+
 void MakeScript(const std::string& encoder, const Copy& before, const Copy& after, const std::string& script,
     const std::string& scratch) {
-	const std::string output = scratch + "/sql";
-	RunProgram(encoder, {before.Path(), after.Path()}, output, scratch + "/errors");
-	std::ifstream statements(output, std::ios::binary);
 	std::ofstream lines(script, std::ios::binary);
-	const bool kept = WriteStatementPerLine(statements, lines);
+	if (HasRTrees(after.Path())) {
+		WriteScriptWithRTrees(encoder, before, after, scratch, lines);
+	} else {
+		RunEncoder(encoder, before.Path(), after.Path(), scratch, lines);
+	}
 	if (!lines.flush()) {
 		throw PublishError(script + " could not be written.");
-	}
-	fs::remove(output);
-	if (!kept) {
-		throw PublishError("the script cannot be written with one statement on each line");
 	}
 }
 
@@ -76,20 +117,19 @@ void EncodeScript(
 	try {
 		const Copy before(subject.before, scratch + "/before");
 		const Copy after(subject.after, scratch + "/after");
+		RequireSoundIndexes(after.Path());
 		MakeScript(encoder, before, after, script, scratch);
 		for (const Copy* copy : {&before, &after}) {
 			std::error_code ignored; // executing says what it finds
 			copy->RemoveCompanions(ignored);
 		}
-		dataupdate::ExecuteSqlScript(before.Path(), script);
-		RequireContent(before.Path(), subject.after, "from the published version");
+		Try(before, script, subject.after, "from the published version");
 		if (!subject.lineage.empty()) {
 			const Copy lineage(subject.lineage, scratch + "/lineage");
-			dataupdate::ExecuteSqlScript(lineage.Path(), script);
-			RequireContent(lineage.Path(), subject.after, "on devices that came by scripts");
+			Try(lineage, script, subject.after, "on devices that came by scripts");
 		}
 		try {
-			dataupdate::ExecuteSqlScript(after.Path(), script);
+			dataupdate::ExecuteSqlScript(after.Path(), script, kTrialTime);
 		} catch (const dataupdate::UpdateError&) {
 			return; // rolled back, as good as no change
 		}

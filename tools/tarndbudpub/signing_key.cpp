@@ -12,7 +12,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <iomanip>
 #include <memory>
+#include <sstream>
 
 namespace tarn::publisher {
 
@@ -75,6 +77,20 @@ private:
 	bool kept_ = false;
 };
 
+void WarnOfOthers(int fd, const std::string& path, const std::function<void(const std::string&)>& warn) {
+	struct stat status {};
+	if (fstat(fd, &status) != 0) {
+		codesign::ThrowErrno("cannot get status");
+	}
+	constexpr mode_t kOfOthers = 077;
+	if ((status.st_mode & kOfOthers) != 0) {
+		std::ostringstream mode;
+		mode << std::oct << std::setw(4) << std::setfill('0') << (status.st_mode & 07777U);
+		warn("Others than its owner may read or change the private key " + path + " (mode " + mode.str() +
+		     "), and whoever has it publishes to every device: chmod 600 it, and rotate it if somebody has read it.");
+	}
+}
+
 } // namespace
 
 SigningKey SigningKey::Generate() {
@@ -86,7 +102,7 @@ SigningKey SigningKey::Generate() {
 	return SigningKey(std::move(key));
 }
 
-SigningKey SigningKey::Load(const std::string& path) {
+SigningKey SigningKey::Load(const std::string& path, const std::function<void(const std::string&)>& warn) {
 	try {
 		// Unlike an archive a key may well be reached by a link, so that only the size is limited.
 		const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -95,6 +111,7 @@ SigningKey SigningKey::Load(const std::string& path) {
 		}
 		codesign::KeyHandle key = codesign::ReadPrivatePem(codesign::ReadSmallFile(fd.Get(), kMaxKeyFileSize, "it"));
 		codesign::RequireEd25519(key);
+		WarnOfOthers(fd.Get(), path, warn);
 		return SigningKey(std::move(key));
 	} catch (const codesign::ArchiveError& error) {
 		throw PublishError("The signing key " + path + " cannot be used: it " + error.what() + ".");

@@ -3,6 +3,7 @@
 
 #include "tarncodesign/ed25519.h"
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -12,8 +13,13 @@ namespace tarn::publisher {
 class SigningKey {
 public:
 	static SigningKey Generate();
-	/** Reads a PKCS#8 PEM file without a passphrase; throws PublishError. */
-	static SigningKey Load(const std::string& path);
+	/**
+	 * Reads a PKCS#8 PEM file without a passphrase; throws PublishError.
+	 *
+	 * @param warn  gets a sentence when others than the file's owner have any right to it
+	 */
+	static SigningKey Load(
+	    const std::string& path, const std::function<void(const std::string& sentence)>& warn = [](const auto&) {});
 
 	codesign::Signature Sign(std::string_view message) const;
 	std::string PrivatePem() const;

@@ -3,6 +3,7 @@
 #include "publish_error.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/file_io.h"
+#include "virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <sqlite3.h>
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tarn::publisher {
@@ -93,17 +95,6 @@ SQLite::Database OpenAlone(const std::string& path) {
 		}
 	}
 	return {uri + "?immutable=1", SQLite::OPEN_READONLY | SQLite::OPEN_URI};
-}
-
-std::string QuotedName(const std::string& name) {
-	std::string quoted = "\"";
-	for (const char byte : name) {
-		quoted += byte;
-		if (byte == '"') {
-			quoted += byte;
-		}
-	}
-	return quoted + "\"";
 }
 
 std::uint64_t BitsOf(double value) {
@@ -211,8 +202,8 @@ std::optional<std::string> FindSchemaObstacle(const SQLite::Database& before, co
 	if (HasRows(after, "SELECT 1 FROM sqlite_schema WHERE type = 'trigger'")) {
 		return "the database has triggers";
 	}
-	if (HasRows(after, "SELECT 1 FROM pragma_table_list WHERE schema = 'main' AND type IN ('virtual', 'shadow')")) {
-		return "the database has virtual tables";
+	if (auto obstacle = FindVirtualTableObstacle(after)) {
+		return obstacle;
 	}
 	for (const Table& table : TablesOf(after)) {
 		SQLite::Statement hidden(after, "SELECT 1 FROM pragma_table_xinfo(?) WHERE hidden <> 0");
@@ -223,6 +214,21 @@ std::optional<std::string> FindSchemaObstacle(const SQLite::Database& before, co
 		RowsQuery(after, table); // throws for a table whose rows cannot be told apart
 	}
 	return std::nullopt;
+}
+
+/** Queries whose results are all that a database holds but its schema, by the table that each asks of. */
+std::vector<std::pair<std::string, std::string>> ContentQueries(const SQLite::Database& database) {
+	std::vector<std::pair<std::string, std::string>> queries;
+	for (const Table& table : TablesOf(database)) {
+		queries.emplace_back(table.name, RowsQuery(database, table));
+	}
+	for (const VirtualTable& table : VirtualTablesOf(database)) {
+		queries.emplace_back(table.name, RowsQuery(database, {table.name, false}));
+		for (const std::string& query : QueriesBesideRows(database, table)) {
+			queries.emplace_back(table.name, query);
+		}
+	}
+	return queries;
 }
 
 } // namespace
@@ -254,9 +260,12 @@ std::optional<std::string> FindContentDifference(const std::string& left, const 
 		if (!SameResult(one, other, kSchemaQuery)) {
 			return "the schemas differ";
 		}
-		for (const Table& table : TablesOf(one)) {
-			if (!SameResult(one, other, RowsQuery(one, table))) {
-				return "the table " + table.name + " differs";
+		if (auto obstacle = FindVirtualTableObstacle(one)) {
+			return obstacle;
+		}
+		for (const auto& [table, query] : ContentQueries(one)) {
+			if (!SameResult(one, other, query)) {
+				return "the table " + table + " differs";
 			}
 		}
 		return std::nullopt;

@@ -17,7 +17,8 @@ std::optional<std::string> FindScriptObstacle(const std::string& before, const s
 
 /**
  * The first difference in what two database files hold, or nothing: schema, and every table's rows with their row ids,
- * each value by its type and exact bytes. How pages lie in the files makes no difference. Reads row by row.
+ * each value by its type and exact bytes. How pages lie in the files makes no difference, nor how the index of a
+ * full-text table or an R*Tree is built: RequireSoundIndexes() says whether it fits the rows. Reads row by row.
  */
 std::optional<std::string> FindContentDifference(const std::string& left, const std::string& right);
 

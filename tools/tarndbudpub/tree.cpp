@@ -3,6 +3,7 @@
 #include "publish_error.h"
 #include "tarncodesign/archive_error.h"
 #include "tarncodesign/extractor.h"
+#include "tarncodesign/member_path.h"
 
 #include <boost/locale/utf.hpp>
 
@@ -42,6 +43,13 @@ void CheckName(const std::string& name) {
 	}
 }
 
+/** Before a directory is opened, since the walk holds a descriptor for each level. */
+void CheckDepth(int above, const std::string& name) {
+	if (static_cast<std::size_t>(above) >= codesign::kMaxDepth) {
+		Refuse(name, "its name has more than " + std::to_string(codesign::kMaxDepth) + " components");
+	}
+}
+
 bool IsBeneath(const fs::path& path, const fs::path& root) {
 	return std::mismatch(root.begin(), root.end(), path.begin(), path.end()).first == root.end();
 }
@@ -64,6 +72,9 @@ fs::path ResolveLink(const fs::path& link, const std::string& name, const fs::pa
 
 TreeFile Describe(const fs::directory_entry& entry, const std::string& name, const fs::path& root) {
 	const fs::path source = entry.is_symlink() ? ResolveLink(entry.path(), name, root) : entry.path();
+	if (!fs::exists(source)) {
+		RefuseVanished(name);
+	}
 	if (!fs::is_regular_file(source)) {
 		Refuse(name, "it is a device, a FIFO or a socket");
 	}
@@ -86,12 +97,18 @@ void CheckLimits(const Tree& tree, const std::string& root) {
 
 } // namespace
 
+void RefuseVanished(const std::string& name) {
+	throw PublishError("\"" + codesign::Printable(name) + "\" vanished while it was read; publish a tree at rest.");
+}
+
 Tree ListTree(const std::string& root) {
 	Tree tree;
 	try {
 		const fs::path base = fs::canonical(root);
-		for (const fs::directory_entry& entry : fs::recursive_directory_iterator(base)) {
+		for (auto at = fs::recursive_directory_iterator(base); at != fs::recursive_directory_iterator(); ++at) {
+			const fs::directory_entry& entry = *at;
 			const std::string name = entry.path().lexically_relative(base).string();
+			CheckDepth(at.depth(), name);
 			if (!entry.is_symlink() && entry.is_directory()) {
 				if (fs::is_empty(entry.path())) {
 					++tree.empty_directories;
@@ -103,6 +120,9 @@ Tree ListTree(const std::string& root) {
 			tree.total_size += tree.files.back().size;
 		}
 	} catch (const fs::filesystem_error& error) {
+		if (error.code() == std::errc::no_such_file_or_directory && fs::is_directory(root)) {
+			RefuseVanished(error.path1().string());
+		}
 		throw PublishError("The tree " + root + " cannot be read: " + codesign::Printable(error.path1().string()) +
 		                   ": " + error.code().message() + ".");
 	}

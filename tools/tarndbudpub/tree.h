@@ -34,6 +34,9 @@ constexpr std::size_t kMaxNameLength = 3000;
  */
 Tree ListTree(const std::string& root);
 
+/** Throws the PublishError for a file of a tree that is gone though the tree was listed with it. */
+[[noreturn]] void RefuseVanished(const std::string& name);
+
 } // namespace tarn::publisher
 
 #endif

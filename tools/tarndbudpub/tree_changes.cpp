@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <map>
 
 namespace tarn::publisher {
@@ -112,6 +113,17 @@ std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after) {
 		}
 	}
 	return changes;
+}
+
+std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& after) {
+	std::set<std::string> kept = DirectoriesOf(after, {});
+	for (const TreeFile& file : after.files) {
+		kept.insert(file.name);
+	}
+	const std::set<std::string> directories = DirectoriesOf(before, {});
+	std::vector<std::string> emptied;
+	std::set_difference(directories.begin(), directories.end(), kept.begin(), kept.end(), std::back_inserter(emptied));
+	return emptied;
 }
 
 std::optional<std::string> FindNameConflict(

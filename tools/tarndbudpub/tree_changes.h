@@ -24,6 +24,12 @@ std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after);
 bool SameBytes(const std::string& left, const std::string& right);
 
 /**
+ * The directories of one tree that another lacks, in byte order of names; both trees hold the directories of their
+ * files alone. A name that is a file's now is left out.
+ */
+std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& after);
+
+/**
  * Why devices could not apply changes, or nothing. They build changed files under flat names in one directory, and put
  * them in place in order of names, each by removing what is there.
  *

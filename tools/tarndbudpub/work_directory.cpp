@@ -1,11 +1,13 @@
 #include "work_directory.h"
 
+#include "dataupdate/remove_tree.h"
 #include "publish_error.h"
 #include "tarncodesign/archive_error.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <system_error>
 
 namespace tarn::publisher {
 
@@ -31,8 +33,10 @@ WorkDirectory::WorkDirectory(const std::string& repository) {
 }
 
 WorkDirectory::~WorkDirectory() {
-	std::error_code ignored; // the next publisher removes what is left
-	fs::remove_all(path_, ignored);
+	try {
+		dataupdate::RemoveTree(path_);
+	} catch (const std::exception&) { // NOLINT(bugprone-empty-catch): the next publisher removes what is left
+	}
 }
 
 std::string WorkDirectory::Make(const std::string& name) const {
@@ -48,11 +52,12 @@ void WorkDirectory::RemoveLeftovers(const std::string& repository) {
 	try {
 		for (const fs::directory_entry& entry : fs::directory_iterator(repository)) {
 			if (entry.path().filename().string().rfind(kPrefix, 0) == 0) {
-				fs::remove_all(entry.path());
+				dataupdate::RemoveTree(entry.path());
 			}
 		}
-	} catch (const fs::filesystem_error& error) {
-		Fail("What a killed publisher left cannot be removed", error);
+	} catch (const std::system_error& error) {
+		throw PublishError(
+		    "What a killed publisher left in " + repository + " cannot be removed: " + error.code().message() + ".");
 	}
 }
 

@@ -20,6 +20,7 @@ KEYS = Path("/usr/tarn/etc/codesign/6")
 HOOKS = Path("/usr/tarn/etc/hooks")
 VOLUMES = Path("/usr/tarn/etc/volumes.conf")
 WGETRC = CONFIGURATION / "wgetrc"
+DOWNLOADS = Path("/usr/tarn/etc/downloads.conf")
 DEFAULTS = Path("/usr/share/data_update")
 ROOT_DATABASES = Path("/var/db")
 SETTINGS = ("data_update.conf", "databases.conf")
@@ -53,6 +54,7 @@ class Device:
             (ROOT_DATABASES / ROOT_DATABASE).rmdir()
         shutil.copyfile(shipped / "volumes.conf", VOLUMES)
         shutil.copyfile(shipped / "wgetrc", WGETRC)
+        shutil.copyfile(shipped / "downloads.conf", DOWNLOADS)
         for name in SETTINGS:
             shutil.copyfile(shipped / name, DEFAULTS / name)
             (CONFIGURATION / name).unlink(missing_ok=True)

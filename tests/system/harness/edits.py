@@ -33,6 +33,7 @@ class Tree:
             (4, self.add), (3, self.add_database), (10, self.change_bytes), (4, self.insert), (3, self.truncate),
             (3, self.delete), (2, self.rename), (2, self.replace), (2, self.flip_executable), (2, self.make_empty),
             (12, self.change_rows), (1, self.change_schema), (1, self.file_to_folder), (1, self.leave_journal),
+            (2, self.empty_folder),
         ]  # fmt: skip
 
     def fill(self) -> None:
@@ -135,6 +136,14 @@ class Tree:
             path.unlink()
             path.mkdir()
             (path / "inside").write_bytes(content)
+
+    def empty_folder(self) -> None:
+        """Deletes all files below a directory, which stays or goes itself."""
+        path = self._pick(sorted(path for path in self.root.rglob("*") if path.is_dir()))
+        if path:
+            shutil.rmtree(path)
+            if self._source.random() < 0.5:
+                path.mkdir()
 
     def add_database(self) -> None:
         path = self._new_path(DATABASE_ENDING)

@@ -7,6 +7,8 @@
 /text/NAME/REST   answers 200 with the text that the test registered under NAME
 /hang/REST        accepts the request and does not answer while the server runs
 /gate/N/REST      sends N bytes, then waits until the test opens the gate
+/endless/REST     sends bytes for as long as anybody takes them, of no announced length
+/drip/REST        sends a byte every tenth of a second, of no announced length
 /redirect/REST    redirects to the address that the test set
 Anything else is a file.
 """
@@ -107,6 +109,20 @@ class Handler(BaseHTTPRequestHandler):
         self.server.gate.wait()
         with contextlib.suppress(OSError):
             self.wfile.write((content or b"")[sent:])
+
+    def fault_endless(self, _: list[str]) -> None:
+        self.send_without_end(b"x" * 65536, 0)
+
+    def fault_drip(self, _: list[str]) -> None:
+        self.send_without_end(b"x", 0.1)
+
+    def send_without_end(self, block: bytes, pause: float) -> None:
+        self.send_response(200)
+        self.end_headers()
+        self.server.reached.set()
+        with contextlib.suppress(OSError):
+            while not self.server.gate.wait(pause):
+                self.wfile.write(block)
 
     def fault_redirect(self, _: list[str]) -> None:
         self.send_response(302)

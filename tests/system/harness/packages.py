@@ -59,17 +59,27 @@ class Member:
 Content = bytes | Member
 
 
-def archive(key: Key, members: Mapping[str, Content], metadata: Mapping[str, object]) -> bytes:
-    """A signed archive that holds these members in byte order of their names."""
+def archive(key: Key, members: Mapping[str, Content], told: Mapping[str, object] | bytes) -> bytes:
+    """A signed archive that holds these members in byte order of their names, and tells this about itself."""
     plain = {name: member if isinstance(member, Member) else Member(member) for name, member in members.items()}
     payload = _compress(_tar(plain))
-    text = json.dumps(metadata, sort_keys=True, separators=(",", ":")).encode()
+    text = told if isinstance(told, bytes) else json.dumps(told, sort_keys=True, separators=(",", ":")).encode()
     chunks = [payload[begin : begin + CHUNK] for begin in range(0, len(payload), CHUNK)]
     table = b"".join(hashlib.sha256(chunk).digest() for chunk in chunks)
     unpacked = sum(len(member.content) for member in plain.values())
     head = HEAD.pack(b"TARNSAR1", DATA_UPDATES, CHUNK, len(payload), len(plain), unpacked, len(text), 0)
     signed = head + text + table
     return signed + key.sign(SIGNED_TEXT + signed) + payload
+
+
+def metadata(name: str, version: int, kind: str = "full") -> dict[str, object]:
+    """What a package must say about itself to be the one that a device asks for."""
+    told: dict[str, object] = {
+        "data_version": version, "format_version": "1", "id": name, "kind": kind, "published": int(time.time()),
+    }  # fmt: skip
+    if kind == "diff":
+        told["base_version"] = version - 1
+    return told
 
 
 def _tar(members: Mapping[str, Member]) -> bytes:
@@ -140,9 +150,9 @@ class Diff:
                 diff.patch(name, old[name], new[name])
         return diff
 
-    def archive(self, key: Key, metadata: Mapping[str, object]) -> bytes:
+    def archive(self, key: Key, told: Mapping[str, object]) -> bytes:
         description = json.dumps(self.infos, ensure_ascii=False).encode()
-        return archive(key, {DESCRIPTION: description, **self.members}, metadata)
+        return archive(key, {DESCRIPTION: description, **self.members}, told)
 
 
 class HandPublisher:
@@ -166,7 +176,11 @@ class HandPublisher:
 
     def full(self, name: str, version: int, files: Mapping[str, Content]) -> None:
         """Publishes a version by its full package; the diff packages that are offered stay."""
-        self._write(self.package(name, f"v{version}"), archive(self.key, files, _metadata(name, version, "full")))
+        self.full_of(name, version, archive(self.key, files, metadata(name, version)))
+
+    def full_of(self, name: str, version: int, archive: bytes) -> None:
+        """Offers these bytes as the full package of a version."""
+        self._write(self.package(name, f"v{version}"), archive)
         self._entries[name] = {
             "data_version": str(version),
             "last_fetch_time": int(time.time()),
@@ -178,7 +192,7 @@ class HandPublisher:
 
     def diff(self, name: str, version: int, diff: Diff, key: Key | None = None) -> None:
         """Offers a diff package that leads to a version; the full package is published apart."""
-        self.diff_of(name, version, diff.archive(key or self.key, _metadata(name, version, "diff")))
+        self.diff_of(name, version, diff.archive(key or self.key, metadata(name, version, "diff")))
 
     def diff_of(self, name: str, version: int, archive: bytes) -> None:
         """Offers these bytes as a diff package."""
@@ -201,7 +215,3 @@ class HandPublisher:
         part = path.with_name(f".{path.name}.part")
         part.write_bytes(content)
         part.replace(path)
-
-
-def _metadata(name: str, version: int, kind: str) -> dict[str, object]:
-    return {"data_version": version, "format_version": "1", "id": name, "kind": kind}

@@ -39,6 +39,16 @@ def write_database(path: Path, rows: int) -> None:
     connection.close()
 
 
+def directories(root: Path) -> set[str]:
+    """The names of the directories below root."""
+    return {str(Path(directory).relative_to(root)) for directory, _, _ in os.walk(root)} - {"."}
+
+
+def directories_of_files(root: Path) -> set[str]:
+    """The same without those in which no file is, however deep."""
+    return {str(parent) for name in contents(root) for parent in Path(name).parents} - {"."}
+
+
 def executables(root: Path) -> set[str]:
     """The names of the files below root that may be executed."""
     files = (Path(directory, name) for directory, _, names in os.walk(root) for name in names)

@@ -82,6 +82,7 @@ class Volumes:
         place = self._scratch / f"{kind}{len(self._made) + 1}"
         if kind == "bind":
             place.mkdir()
+            place.chmod(0o755)
             return str(place), ["--bind"]
         if not may_loop_mount():
             pytest.skip(f"needs to mount {kind} from a loop device, which takes the machine's own root")

@@ -136,7 +136,7 @@ std::string ArchiveTest::SealPayload(const std::string& payload, std::uint64_t e
 	head.entry_count = entries;
 	head.unpacked_size = bytes;
 	const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-	sealer.Seal(head, R"({"id":"test"})", key, fd.Get(), path);
+	sealer.Seal(head, metadata_, key, fd.Get(), path);
 	return path;
 }
 

@@ -78,6 +78,7 @@ protected:
 	TemporaryDirectory directory_;
 	publisher::SigningKey key_ = publisher::SigningKey::Generate();
 	std::vector<codesign::TrustedKey> trusted_;
+	std::string metadata_ = R"({"id":"test"})"; // of every archive that is sealed
 
 private:
 	int archives_ = 0;

@@ -45,6 +45,16 @@ std::map<std::string, std::string> FilesBelow(const std::string& directory) {
 	return files;
 }
 
+std::set<std::string> DirectoriesBelow(const std::string& directory) {
+	std::set<std::string> names;
+	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+		if (entry.is_directory() && !entry.is_symlink()) {
+			names.insert(entry.path().lexically_relative(directory).string());
+		}
+	}
+	return names;
+}
+
 void DeviceTree::Install(const std::string& package) {
 	fs::remove_all(Root());
 	fs::create_directory(Root());

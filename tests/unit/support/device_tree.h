@@ -5,6 +5,7 @@
 #include "temporary_directory.h"
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,9 @@ void UnpackPackage(const std::string& package, const std::string& public_key, co
  */
 std::map<std::string, std::string> FilesBelow(const std::string& directory);
 
+/** The directories below a directory by relative name. */
+std::set<std::string> DirectoriesBelow(const std::string& directory);
+
 class DeviceTree {
 public:
 	explicit DeviceTree(std::string public_key) : public_key_(std::move(public_key)) {}
@@ -31,6 +35,7 @@ public:
 	std::string Root() const { return directory_ / "installed"; }
 	std::string Path(const std::string& name) const { return Root() + "/" + name; }
 	std::map<std::string, std::string> Files() const { return FilesBelow(Root()); }
+	std::set<std::string> Directories() const { return DirectoriesBelow(Root()); }
 
 private:
 	TemporaryDirectory directory_;

@@ -72,7 +72,7 @@ std::vector<std::string> PublisherTest::RepositoryFiles() const {
 	std::vector<std::string> names;
 	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(options_.repository)) {
 		const std::string name = entry.path().lexically_relative(options_.repository).string();
-		if (!entry.is_directory() && name != ".tarndbudpub.lock") {
+		if (!entry.is_directory() && name != ".tarndbudpub.lock" && name != "packages/.tarndbudpub.url") {
 			names.push_back(name);
 		}
 	}

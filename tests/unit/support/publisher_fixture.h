@@ -8,11 +8,21 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace tarn::test {
+
+/** Sets SOURCE_DATE_EPOCH for its lifetime. */
+class FixedTime {
+public:
+	explicit FixedTime(const char* seconds) { setenv("SOURCE_DATE_EPOCH", seconds, 1); }
+	FixedTime(const FixedTime&) = delete;
+	FixedTime& operator=(const FixedTime&) = delete;
+	~FixedTime() { unsetenv("SOURCE_DATE_EPOCH"); }
+};
 
 class PublisherTest : public ::testing::Test {
 protected:
@@ -29,7 +39,7 @@ protected:
 	Json::Value Document(const std::string& version = "1") const;
 	/** What a device has after installing a package: names and content. */
 	std::map<std::string, std::string> InstalledFrom(const std::string& package) const;
-	/** Every file of the repository by relative name, the lock left out. */
+	/** Every file of the repository by relative name, but for the lock and the note of where it is served. */
 	std::vector<std::string> RepositoryFiles() const;
 
 	TemporaryDirectory directory_;

@@ -7,6 +7,10 @@
  * chunk again as it is read into private memory, so that a file rewritten between or during the two steps never
  * yields a byte that was not signed. docs/formats.md describes the bytes.
  *
+ * A signature says who made a package, not which package was asked for. A data-update package also says in its signed
+ * metadata which database it holds, which version, and whether all of it or the step from the version before; opening
+ * compares that with the file's own name, which whoever asks for a package chooses.
+ *
  * Trusted public keys are the files ending in ".pub" (PEM, Ed25519) in "/usr/tarn/etc/codesign/<key type>", any number
  * of them, so that keys can be rotated. Directory and files must belong to root or to the calling user, be no links,
  * and not be writable by anybody else; a file that breaks this, or holds something else, is skipped with a warning.
@@ -31,6 +35,13 @@ struct tarnarchive;
 /** Key type of data-update packages. */
 #define TARNARCHIVE_KEYTYPE_DATA_UPDATE 6
 
+/** Kinds of tarnarchive_refusal(). */
+enum tarnarchive_refusal_kind {
+	TARNARCHIVE_NO_REFUSAL = 0,
+	TARNARCHIVE_REFUSED = 1, /**< Missing, damaged, not signed by a trusted key, or with content that is refused. */
+	TARNARCHIVE_NOT_ASKED_FOR = 2 /**< Whole and signed, but not the package that the file's name asks for. */
+};
+
 /** Extraction mode: every member, attributes reset to safe ones. */
 #define TARNARCHIVE_EXTRACT_ALL 4
 
@@ -46,10 +57,17 @@ struct tarnarchive* tarnarchive_init(const char* destination);
  * Opens an archive and checks all of it: head, length, signature by a trusted key, every chunk. Writes nothing. The
  * archive must be a regular file and no link. An archive that was open before in this context is closed.
  *
+ * For TARNARCHIVE_KEYTYPE_DATA_UPDATE the signed metadata must name what the last component of the path asks for:
+ * "<id>_v<version>" the full package of that version, "<id>_d<version>" the diff package to that version from the
+ * version before it, "<id>_debug" a full package of any version. A package under another name, of another database,
+ * version or kind, or without metadata that tells, is refused with a line that says what is asked for and what the
+ * package is. So nobody who can change a download link or the answer to it can bring in an older package, a package of
+ * another database, or a diff package in place of the full one.
+ *
  * @param context  from tarnarchive_init()
  * @param package  path of the archive
  * @param key_type  selects the directory of trusted keys, and must be the type that the archive was signed for
- * @return true when the archive is whole and signed by a trusted key
+ * @return true when the archive is whole, signed by a trusted key, and the one that is asked for
  */
 bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* package, int key_type);
 
@@ -73,6 +91,35 @@ bool tarnarchive_extract_multiple(struct tarnarchive* context, const char* const
 
 /** Closes the archive and frees the context; null is ignored. */
 void tarnarchive_free(struct tarnarchive* context);
+
+/**
+ * Why the calling thread's last tarnarchive_init(), tarnarchive_open_with_keytype() or tarnarchive_extract_multiple()
+ * failed, for a program that tells people. The same text goes to syslog.
+ *
+ * @param reason  set to the text, which is empty after a success, is cut after 1,023 bytes, and lasts until the
+ * thread's next call of one of these functions; null when it is not wanted
+ * @return a tarnarchive_refusal_kind
+ */
+int tarnarchive_refusal(const char** reason);
+
+/**
+ * Is told of a data-update package that is whole, signed and the one that was asked for, before it counts as open.
+ *
+ * @param data      as given to tarnarchive_observe()
+ * @param package   the path
+ * @param metadata  the signed metadata: a JSON object as docs/formats.md describes it
+ * @return null to let the package in; or a reason, which is copied, to refuse it as TARNARCHIVE_NOT_ASKED_FOR
+ */
+typedef const char* (*tarnarchive_observer)(void* data, const char* package, const char* metadata);
+
+/**
+ * Sets the process's one observer, called by the thread that opens a package. It must not open packages or call this
+ * function itself. When this function has returned, the observer before it is no longer running and is not called
+ * again.
+ *
+ * @param observer  null for none
+ */
+void tarnarchive_observe(tarnarchive_observer observer, void* data);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -53,6 +53,16 @@ enum TLIBCExecOption {
  * WGETRC naming "/usr/tarn/etc/data_update/wgetrc" when that is a regular file owned by root that nobody else may
  * write, and no WGETRC otherwise, and an ftp_proxy that leads nowhere, because a link that redirects to FTP would leave
  * the protections of the HTTP client behind. (Hosts that no_proxy names are reached without a proxy, by FTP too.)
+ *
+ * The HTTP client "/usr/bin/wget", when it is waited for and "-O" names a file, runs under guard, whoever calls. It is
+ * killed, and the call fails with TLIBC_ERR_DOWNLOAD plus a TLIBCDownloadEnd, when the file would not leave 5 % of its
+ * file system free (a file of up to 2 MiB: as much as it takes), when it is slower than the lowest rate of
+ * "/usr/tarn/etc/downloads.conf" for the patience that is set there (1000 bytes/s for 120 s; waiting for the first byte
+ * counts), when it does not end within the deadline of that file (14400 s), and beyond what TLIBCDownloadLimiterSet()
+ * adds. The client cannot write more than that by a single byte, since the system holds it to its largest file.
+ * With TLIBC_EXEC_CLEAN_ENV it reads nothing of the system's own settings, "/etc/wgetrc": settings that always hold (no
+ * .netrc, no HSTS, at most 5 redirects, 60 s without a byte) come from its standard input instead, which SYSTEM_WGETRC
+ * names.
  */
 int TLIBCExecl(const char* path, unsigned int options, ...) __attribute__((sentinel));
 
@@ -69,7 +79,8 @@ int TLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
 
 /**
  * The code of the calling thread's last failed platform operation, 0 before the first. An errno value, or
- * TLIBC_ERR_EXIT plus a program's exit status, or TLIBC_ERR_SIGNAL plus the signal that ended it.
+ * TLIBC_ERR_EXIT plus a program's exit status, or TLIBC_ERR_SIGNAL plus the signal that ended it, or TLIBC_ERR_DOWNLOAD
+ * plus a TLIBCDownloadEnd.
  */
 int TLIBCErrGet(void);
 
@@ -78,6 +89,46 @@ void TLIBCErrSet(int code);
 
 #define TLIBC_ERR_EXIT 0x10000
 #define TLIBC_ERR_SIGNAL 0x20000
+
+/** Added to a TLIBCDownloadEnd: the guard ended a download. */
+#define TLIBC_ERR_DOWNLOAD 0x40000
+
+/** Why the guard ended a download. */
+enum TLIBCDownloadEnd {
+	TLIBC_DOWNLOAD_TOO_LARGE = 1, /**< Larger than the host expected. */
+	TLIBC_DOWNLOAD_NO_SPACE = 2,  /**< Larger than the file system allows. */
+	TLIBC_DOWNLOAD_TOO_SLOW = 3,  /**< Below the lowest rate. */
+	TLIBC_DOWNLOAD_TOO_LONG = 4,  /**< Beyond the deadline. */
+};
+
+/** What a host knows of one download; all zero: nothing. */
+struct TLIBCDownloadLimits {
+	unsigned long long largest_bytes; /**< The largest file, 0 for any. Only ever less than what the disk allows. */
+	const char* largest_is; /**< What that number is, for messages: "announced"; lives as long as the process. */
+	unsigned int seconds;   /**< Deadline of this download, 0 for the settings' one. Only ever earlier. */
+};
+
+/**
+ * Tells the limits of a download that is about to begin, in the thread that waits for it.
+ *
+ * @param url     what is fetched
+ * @param file    where it is written
+ * @param limits  all zero, to be filled
+ * @param data    what TLIBCDownloadLimiterSet() was given
+ */
+typedef void (*TLIBCDownloadLimiter)(const char* url, const char* file, struct TLIBCDownloadLimits* limits, void* data);
+
+/**
+ * Sets the function that tells limits, one for the whole process; null for none. Returns when no call of the function
+ * before it is going on. The function must not download anything.
+ */
+void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter limiter, void* data);
+
+/**
+ * Why the guard ended the calling thread's last download, as the end of a sentence: "it was slower than 1000 bytes/s
+ * for 120 s". Empty when it did not. Valid until the thread's next download.
+ */
+const char* TLIBCDownloadFailureGet(void);
 
 /** Whether the path exists, links followed: 1 or 0. */
 int TLIBCFileExist(const char* path);

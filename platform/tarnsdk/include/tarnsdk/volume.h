@@ -64,7 +64,14 @@ int TARNMountVolInfoGet(const char* path, TARNMountVolInfo* record);
 /** Frees an enumeration; null is ignored. */
 void TARNMountVolInfoFree(TARNMountVolInfo* list);
 
-/** Whether the volume may host service data: non-zero unless an "exclude" line names it or the file is unreadable. */
+/**
+ * Whether the volume may host service data: non-zero unless an "exclude" line names it, the file is unreadable, or
+ * others could write where the data lies. Whoever makes "@tmp" on an open volume could exchange files after their
+ * signature has been checked. So its root and, where they exist, "@tmp", "@tmp/data_update", "@database" and
+ * "@database/autoupdate" must be directories and no links, belong to root (or the caller), and not be writable by their
+ * group or by others, not even when they are sticky; nobody else may be able to rename a directory on the way to the
+ * root. The place and the reason are told to syslog (LOG_WARNING).
+ */
 int TARNVolumeServicePolicy(const TARNMountVolInfo* record);
 
 #pragma GCC visibility pop

@@ -1,0 +1,52 @@
+#include "download_limiter.h"
+
+#include <mutex>
+
+namespace tarn::core {
+namespace {
+
+struct Limiter {
+	std::mutex mutex;
+	TLIBCDownloadLimiter ask = nullptr;
+	void* data = nullptr;
+};
+
+Limiter& HostLimiter() {
+	static Limiter limiter;
+	return limiter;
+}
+
+std::string& LastFailure() {
+	thread_local std::string text;
+	return text;
+}
+
+} // namespace
+
+TLIBCDownloadLimits AskForLimits(const Download& download) {
+	TLIBCDownloadLimits limits = {};
+	Limiter& limiter = HostLimiter();
+	// Held during the call, so that nobody is asked any more once another function has been set.
+	const std::lock_guard<std::mutex> guard(limiter.mutex);
+	if (limiter.ask != nullptr) {
+		limiter.ask(download.url.c_str(), download.file.c_str(), &limits, limiter.data);
+	}
+	return limits;
+}
+
+void KeepDownloadFailure(const std::string& text) {
+	LastFailure() = text;
+}
+
+} // namespace tarn::core
+
+void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter limiter, void* data) {
+	tarn::core::Limiter& own = tarn::core::HostLimiter();
+	const std::lock_guard<std::mutex> guard(own.mutex);
+	own.ask = limiter;
+	own.data = data;
+}
+
+const char* TLIBCDownloadFailureGet() {
+	return tarn::core::LastFailure().c_str();
+}

@@ -1,0 +1,187 @@
+"""Programs that read while files are replaced, and after a replacement that was not finished."""
+
+from __future__ import annotations
+
+import os
+import signal
+import time
+from pathlib import Path
+
+import pytest
+from harness import programs, trees, views, waiting
+from harness.device import DATABASE, STATUS, Device
+from harness.publisher import Publisher
+from harness.webserver import Nginx
+
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
+KINDS = ("reader.c", "reader.sh")
+CYCLES = 100
+CARELESS_SECONDS = 60
+
+
+@pytest.fixture(scope="module")
+def c_reader(tmp_path_factory: pytest.TempPathFactory, product: None) -> Path:
+    reader = tmp_path_factory.mktemp("reader") / "reader"
+    line = f"gcc -std=c11 -Wall -Werror {EXAMPLES}/reader.c $(pkg-config --cflags --libs tarndbud) -o {reader}"
+    programs.run_ok("/bin/sh", "-c", line)
+    return reader
+
+
+def example(kind: str, c_reader: Path) -> str:
+    return str(c_reader if kind == "reader.c" else EXAMPLES / kind)
+
+
+@pytest.fixture(params=KINDS)
+def reader(request: pytest.FixtureRequest, c_reader: Path) -> str:
+    """An example program."""
+    return example(request.param, c_reader)
+
+
+def printing(reader: str, device: Device, seconds: int) -> list[str]:
+    """An example as it is run to print the file "list"."""
+    return [reader, DATABASE, str(seconds), str(device.installed(DATABASE) / "list")]
+
+
+def publish(publisher: Publisher, place: Path, content: str) -> None:
+    files = {f"many/{number:03}": content.encode() for number in range(200)}
+    publisher.publish(trees.write_tree(place, {"list": content.encode(), **files}), DATABASE)
+
+
+def stopped_in_replacement(device: Device) -> programs.Running | None:
+    """An update that has been stopped while it replaces files; none when it was faster."""
+    update = device.start("update", DATABASE)
+    while not device.mark(DATABASE).exists() and not update.has_ended():
+        pass
+    os.kill(update.pid, signal.SIGSTOP)
+    if device.mark(DATABASE).exists() and device.is_locked(f"using_{DATABASE}.lock"):
+        return update
+    os.kill(update.pid, signal.SIGCONT)
+    assert update.wait().status == 0
+    return None
+
+
+def met_in_replacement(device: Device, publisher: Publisher, place: Path) -> tuple[programs.Running, str]:
+    """An update that has been stopped while it replaces files, and the content that it brings."""
+    publish(publisher, place, "0")
+    device.update(DATABASE)
+    for number in range(1, 20):
+        publish(publisher, place, str(number))
+        device.forget_document()
+        update = stopped_in_replacement(device)
+        if update:
+            return update, str(number)
+    pytest.fail("no replacement was ever met")
+
+
+def test_a_reader_without_its_arguments_says_what_it_wants(reader: str) -> None:
+    result = programs.run(reader)
+    assert result.status == 2
+    assert result.stderr.startswith("usage: reader")
+
+
+def test_a_reader_waits_for_a_replacement_that_is_running(
+    connected: Device, publisher: Publisher, reader: str, tmp_path: Path
+) -> None:
+    update, content = met_in_replacement(connected, publisher, tmp_path / "tree")
+    try:
+        assert programs.run(*printing(reader, connected, 0)).status == 75
+        reading = programs.Running(printing(reader, connected, 60))
+        lock = connected.lock_path(f"using_{DATABASE}.lock")
+        waiting.until(lambda: waiting.has_open(reading.pid, lock), "the reader waits")
+        assert not reading.has_ended()
+    finally:
+        os.kill(update.pid, signal.SIGCONT)
+    result = reading.wait()
+    assert update.wait().status == 0
+    # The one in C does not wait until the replacement has been recorded.
+    assert (result.status, result.stdout) == (0, content) or result.status == 75
+    assert programs.run_ok(*printing(reader, connected, 60)).stdout == content
+
+
+def test_a_reader_leaves_a_mixture_alone_that_a_killed_update_left(
+    connected: Device, publisher: Publisher, reader: str, tmp_path: Path
+) -> None:
+    update, content = met_in_replacement(connected, publisher, tmp_path / "tree")
+    update.kill()
+    update.wait()
+    assert connected.mark(DATABASE).exists()
+    assert not connected.is_locked(f"using_{DATABASE}.lock")
+    result = programs.run(*printing(reader, connected, 60))
+    assert (result.status, result.stdout) == (75, "")
+    assert "the last replacement of" in result.stderr.lower()
+    assert result.seconds < 30, "there is no update to wait for"
+    read = connected.run("read", DATABASE, "--", "echo", "read")
+    assert (read.status, read.stdout) == (75, "")
+    assert connected.run_ok("read", DATABASE, "--even-unfinished", "--", "echo", "read").stdout == "read\n"
+    check = connected.run("check", DATABASE)
+    assert check.status == 4
+    assert "the last replacement of its files was not finished" in check.stdout
+    connected.run_ok("update", DATABASE)
+    assert programs.run_ok(*printing(reader, connected, 0)).stdout == content
+    connected.run_ok("check", DATABASE)
+
+
+class Alternation:
+    """Replaces version 1 by version 2 with a diff package, and that by version 1 with a full one, over and over."""
+
+    def __init__(self, device: Device, publisher: Publisher, nginx: Nginx, place: Path) -> None:
+        self._device, self._publisher, self._nginx = device, publisher, nginx
+        self._documents: list[bytes] = []
+        self.replacements = 0
+        for version in (1, 2):
+            tree = trees.write_tree(place, views.files(version))
+            publisher.publish(tree, DATABASE, keep_diffs=1)
+            self._documents.append(publisher.document.read_bytes())
+        self._install_first()
+
+    def cycle(self) -> None:
+        self._install(2)
+        self._install_first()
+
+    def _install_first(self) -> None:
+        # What nothing is recorded of is installed whole, whatever lies there.
+        (STATUS / DATABASE / "version.json").unlink(missing_ok=True)
+        self._install(1)
+
+    def _install(self, version: int) -> None:
+        self._publisher.document.write_bytes(self._documents[version - 1])
+        self._device.update(DATABASE)
+        self.replacements += 1
+
+    def packages(self) -> set[str]:
+        return set(self._nginx.packages())
+
+
+@pytest.fixture
+def alternation(connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path) -> Alternation:
+    return Alternation(connected, publisher, nginx, tmp_path / "tree")
+
+
+def test_readers_see_one_version_whole_through_hundreds_of_replacements(
+    connected: Device, alternation: Alternation, c_reader: Path
+) -> None:
+    paths = views.paths(connected.installed(DATABASE))
+    c, shell = (views.Reader([example(kind, c_reader), DATABASE, "60", *paths]) for kind in KINDS)
+    with c, shell:
+        for _ in range(CYCLES):
+            alternation.cycle()
+    assert alternation.replacements > 2 * CYCLES
+    assert alternation.packages() == {"v1", "d2"}
+    for reader in (c, shell):
+        print(dict(reader.statuses), dict(reader.versions))
+        assert [str(result)[:2000] for result in reader.mixtures[:3]] == []
+        # The moment between a replacement and its record is a mixture for all that a reader knows.
+        assert set(reader.statuses) <= {0, 75}
+        assert min(reader.versions[1], reader.versions[2]) > 10
+
+
+def test_a_reader_without_the_lock_meets_a_mixture(connected: Device, alternation: Alternation) -> None:
+    """What the test before would show if the lock held nothing off."""
+    careless = views.Reader(["/bin/cat", *views.paths(connected.installed(DATABASE))])
+    deadline = time.monotonic() + CARELESS_SECONDS
+    with careless:
+        while not any(result.status == 0 for result in careless.mixtures) and time.monotonic() < deadline:
+            alternation.cycle()
+    print(f"after {alternation.replacements} replacements: {dict(careless.statuses)}")
+    # Not only missing files: files of both versions, from a program that saw nothing wrong.
+    assert any(result.status == 0 for result in careless.mixtures)

@@ -1,0 +1,251 @@
+#include "private_root.h"
+#include "temporary_directory.h"
+
+#include <dataupdate/replacement_mark.h>
+#include <dataupdate/updater.h>
+#include <tarndbudctl/file_changes.h>
+#include <tarndbudctl/file_check.h>
+#include <tarndbudctl/installed_files.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+using dataupdate::DatabaseStatus;
+using dataupdate::FileStatus;
+using test::ReadFile;
+using test::WriteFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr int kVersion = 4;
+
+/** An install directory and what is recorded of it. */
+class InstalledFilesTest : public test::FixedPathsTest {
+protected:
+	void SetUp() override {
+		test::FixedPathsTest::SetUp();
+		if (!IsSkipped()) {
+			WriteFile("/var/lib/data_update/geo/version.json", "{}");
+		}
+	}
+	/** The library's record: what a diff package changed, or, by absolute names, a full package. */
+	DatabaseStatus Listed(const std::set<std::string>& names) const {
+		DatabaseStatus status;
+		status.data_version = kVersion;
+		status.file_statuses = dataupdate::CalculateStatus(names, root_);
+		return status;
+	}
+	DatabaseStatus ListedWhole(const std::set<std::string>& names) const {
+		std::set<std::string> paths;
+		for (const std::string& name : names) {
+			paths.insert(directory_ / name);
+		}
+		return Listed(paths);
+	}
+	InstalledFiles Install(const std::set<std::string>& names) const {
+		for (const std::string& name : names) {
+			WriteFile(directory_ / name, "content of " + name);
+		}
+		return WholeRecord(ListedWhole(names), root_, true);
+	}
+	std::vector<std::string> Bad(const InstalledFiles& record) const {
+		std::vector<std::string> names;
+		for (const BadFile& file : FindBadFiles(record, {}, root_)) {
+			names.push_back(file.name + " " + file.reason);
+		}
+		return names;
+	}
+	std::vector<std::string> Unknown(const InstalledFiles& record) const { return FindUnknownFiles(record, root_); }
+	static std::vector<std::string> Names(const InstalledFiles& record) {
+		std::vector<std::string> names;
+		for (const auto& [name, file] : record.files) {
+			names.push_back(name);
+		}
+		return names;
+	}
+
+	test::TemporaryDirectory directory_;
+	const std::string root_ = directory_.Path();
+};
+
+TEST_F(InstalledFilesTest, ComesBackAsItWasWritten) {
+	InstalledFiles record;
+	record.data_version = kVersion;
+	record.is_from_disk = true;
+	record.files["sub/with \" and \n, \xc3\xa9 and \xff"] = {std::string(96, 'a'), 5000000000, ""};
+	record.files["of unknown size"] = {std::string(96, 'b'), std::nullopt, ""};
+	record.files["link"] = {"", std::nullopt, "sub/target"};
+	WriteInstalledFiles("geo", record);
+	const auto read = ReadInstalledFiles("geo");
+	ASSERT_TRUE(read);
+	EXPECT_EQ(read->data_version, kVersion);
+	EXPECT_TRUE(read->is_from_disk);
+	EXPECT_EQ(read->files, record.files);
+}
+
+TEST_F(InstalledFilesTest, IsNoneWhenItCannotBeUnderstood) {
+	EXPECT_FALSE(ReadInstalledFiles("geo"));
+	WriteInstalledFiles("geo", Install({"a", "b"}));
+	const std::string whole = ReadFile(InstalledFilesPath("geo"));
+	for (size_t length = 0; length + 2 < whole.size(); ++length) {
+		WriteFile(InstalledFilesPath("geo"), whole.substr(0, length));
+		EXPECT_FALSE(ReadInstalledFiles("geo")) << length;
+	}
+	for (const char* content : {"[]", "1", "{}", R"({"data_version":"x","files":{}})", R"({"data_version":"4"})",
+	         R"({"data_version":"4","files":[]})", R"({"data_version":"4","files":{"a":1}})",
+	         R"({"data_version":"4","files":{"a":{"sha384_digest":"","size":-1}}})"}) {
+		WriteFile(InstalledFilesPath("geo"), content);
+		EXPECT_FALSE(ReadInstalledFiles("geo")) << content;
+	}
+}
+
+TEST_F(InstalledFilesTest, IsBelievedOnlyBesideTheRecordThatItBelongsTo) {
+	WriteInstalledFiles("geo", Install({"a", "b"}));
+	EXPECT_TRUE(ReadCredibleFiles("geo", Listed({}), root_));
+	EXPECT_TRUE(ReadCredibleFiles("geo", Listed({"a"}), root_));
+	EXPECT_TRUE(ReadCredibleFiles("geo", ListedWhole({"a", "b"}), root_));
+	EXPECT_FALSE(ReadCredibleFiles("geo", ListedWhole({"a"}), root_)) << "there is one file too many";
+	EXPECT_FALSE(ReadCredibleFiles("geo", ListedWhole({"a", "b"}), "/elsewhere"));
+	DatabaseStatus other = Listed({});
+	other.data_version = kVersion + 1;
+	EXPECT_FALSE(ReadCredibleFiles("geo", other, root_));
+	other = Listed({"a"});
+	other.file_statuses["a"] = FileStatus("another");
+	EXPECT_FALSE(ReadCredibleFiles("geo", other, root_));
+	other = Listed({});
+	other.file_statuses["c"] = FileStatus("of an unknown file");
+	EXPECT_FALSE(ReadCredibleFiles("geo", other, root_));
+	dataupdate::MarkUnfinished("geo");
+	EXPECT_FALSE(ReadCredibleFiles("geo", Listed({}), root_));
+}
+
+TEST_F(InstalledFilesTest, FollowsTheFilesToAnotherDirectory) {
+	const InstalledFiles record = Install({"a", "sub/b"});
+	EXPECT_THAT(Names(record), ElementsAre("a", "sub/b"));
+	EXPECT_FALSE(RelativeName(root_, root_));
+	EXPECT_FALSE(RelativeName(root_ + "/../other", root_));
+	EXPECT_FALSE(RelativeName("../other", root_));
+	EXPECT_EQ(RelativeName("./sub//b", root_), "sub/b");
+}
+
+TEST_F(InstalledFilesTest, NamesEveryBadFileAndInWhatItIsBad) {
+	InstalledFiles record = Install({"changed", "directory", "good", "link", "longer", "missing"});
+	fs::create_symlink("good", directory_ / "forced");
+	record.files["forced"].link_target = "good";
+	EXPECT_THAT(Bad(record), IsEmpty());
+	WriteFile(directory_ / "changed", "CONTENT of changed");
+	WriteFile(directory_ / "longer", "content of longer files");
+	for (const char* name : {"directory", "link", "missing", "forced"}) {
+		fs::remove(directory_ / name);
+	}
+	fs::create_directory(directory_ / "directory");
+	WriteFile(directory_ / "sub/elsewhere", "content of link");
+	fs::create_symlink("sub/elsewhere", directory_ / "link"); // It has the content, but not in its place.
+	fs::create_symlink("changed", directory_ / "forced");
+	EXPECT_THAT(Bad(record),
+	    ElementsAre("changed has changed", "directory is no regular file", "forced is not the recorded link",
+	        "link is no regular file", "longer has changed", "missing is missing"));
+	EXPECT_THAT(Unknown(record), ElementsAre("sub/elsewhere"));
+}
+
+TEST_F(InstalledFilesTest, LeavesWhatTheLibraryListsToTheLibrarysCheck) {
+	const InstalledFiles record = Install({"a", "b"});
+	const DatabaseStatus listed = ListedWhole({"a"});
+	fs::remove(directory_ / "a");
+	EXPECT_THAT(FindBadFiles(record, listed, root_), IsEmpty());
+}
+
+TEST_F(InstalledFilesTest, IsCarriedThroughADiff) {
+	const InstalledFiles before = Install({"changed", "deleted", "steady", "sub/steady"});
+	WriteFile(directory_ / "changed", "new");
+	WriteFile(directory_ / "created", "new");
+	fs::remove(directory_ / "deleted");
+	const std::set<std::string> changed = {"changed", "created", "deleted", "created and deleted", "sub"};
+	const InstalledFiles now = CarryThroughDiff(before, changed, Listed({"changed", "created"}), root_);
+	EXPECT_THAT(Names(now), ElementsAre("changed", "created", "steady", "sub/steady"));
+	EXPECT_EQ(now.data_version, kVersion);
+	EXPECT_THAT(Bad(now), IsEmpty());
+	EXPECT_THAT(Unknown(now), IsEmpty());
+	EXPECT_EQ(now.files.at("created").size, 3U);
+}
+
+TEST_F(InstalledFilesTest, KnowsADirectoryThatTookAFilesPlace) {
+	InstalledFiles record = Install({"a", "b"});
+	fs::remove(directory_ / "a");
+	WriteFile(directory_ / "a/file", "");
+	// The library lists what exists of the changed names, directories as well.
+	const DatabaseStatus status = Listed({"a", "a/file"});
+	record = CarryThroughDiff(record, {"a", "a/file"}, status, root_);
+	EXPECT_THAT(Names(record), ElementsAre("a/file", "b"));
+	EXPECT_TRUE(Agree(record, status, root_));
+	EXPECT_THAT(Bad(record), IsEmpty());
+	EXPECT_THAT(Unknown(record), IsEmpty());
+}
+
+TEST_F(InstalledFilesTest, DoesNotForgetWhatTheDiffDidNotDelete) {
+	const InstalledFiles before = Install({"changed", "damaged", "vanished"});
+	fs::remove(directory_ / "vanished");
+	WriteFile(directory_ / "damaged", "CONTENT of damaged");
+	const InstalledFiles now = CarryThroughDiff(before, {"changed"}, Listed({"changed"}), root_);
+	EXPECT_THAT(Bad(now), ElementsAre("damaged has changed", "vanished is missing"));
+}
+
+TEST_F(InstalledFilesTest, IsCarriedThroughAForcedVersion) {
+	const InstalledFiles before = Install({"damaged", "became directory", "overwritten", "steady", "vanished"});
+	WriteFile(directory_ / "damaged", "CONTENT of damaged");
+	WriteFile(directory_ / "unknown", "");
+	fs::remove(directory_ / "vanished");
+	const auto identities = IdentitiesBelow(root_);
+	// As the package does it: what exists is removed first.
+	for (const char* name : {"became directory", "overwritten"}) {
+		fs::remove(directory_ / name);
+	}
+	WriteFile(directory_ / "became directory/file", "forced");
+	WriteFile(directory_ / "overwritten", "content of OVERWRITTEN");
+	fs::create_symlink("steady", directory_ / "link");
+	const InstalledFiles now = CarryThroughForced(before, identities, kVersion + 3, root_);
+	EXPECT_EQ(now.data_version, kVersion + 3);
+	EXPECT_THAT(
+	    Names(now), ElementsAre("became directory/file", "damaged", "link", "overwritten", "steady", "vanished"));
+	EXPECT_THAT(Bad(now), ElementsAre("damaged has changed", "vanished is missing"));
+	EXPECT_THAT(Unknown(now), ElementsAre("unknown"));
+}
+
+TEST_F(InstalledFilesTest, IsMadeAgainFromTheFullPackagesRecord) {
+	Install({"a", "b"});
+	const DatabaseStatus status = ListedWhole({"a", "b"});
+	WriteFile(directory_ / "a", "damaged before");
+	WriteFile(directory_ / "unknown", "");
+	const InstalledFiles record = RebuiltRecord(status, root_);
+	EXPECT_FALSE(record.is_from_disk);
+	EXPECT_THAT(Bad(record), ElementsAre("a has changed"));
+	EXPECT_THAT(Unknown(record), ElementsAre("unknown"));
+}
+
+TEST_F(InstalledFilesTest, IsMadeAgainFromTheDiskButForWhatTheLibraryLists) {
+	Install({"a", "b", "c", "sub/d"});
+	const DatabaseStatus status = Listed({"a", "c"});
+	WriteFile(directory_ / "a", "damaged before");
+	WriteFile(directory_ / "b", "damaged before, which cannot be known");
+	fs::remove(directory_ / "c");
+	const InstalledFiles record = RebuiltRecord(status, root_);
+	EXPECT_TRUE(record.is_from_disk);
+	EXPECT_THAT(Bad(record), ElementsAre("a has changed", "c is missing"));
+	EXPECT_TRUE(Agree(record, status, root_));
+	EXPECT_THAT(Unknown(record), IsEmpty());
+	const InstalledFiles carried = CarryThroughDiff(record, {"b"}, Listed({"b"}), root_);
+	EXPECT_TRUE(carried.is_from_disk) << "the other files are still as they were found";
+}
+
+} // namespace
+} // namespace tarn::ctl
