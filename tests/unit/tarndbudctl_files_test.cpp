@@ -26,6 +26,7 @@ using test::ReadFile;
 using test::WriteFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 constexpr int kVersion = 4;
 
@@ -156,6 +157,18 @@ TEST_F(InstalledFilesTest, NamesEveryBadFileAndInWhatItIsBad) {
 	    ElementsAre("changed has changed", "directory is no regular file", "forced is not the recorded link",
 	        "link is no regular file", "longer has changed", "missing is missing"));
 	EXPECT_THAT(Unknown(record), ElementsAre("sub/elsewhere"));
+}
+
+TEST_F(InstalledFilesTest, KnowsWhatReadersOfADatabaseHaveBesideIt) {
+	const InstalledFiles record = Install({"rows.sqlite"});
+	WriteFile(directory_ / "rows.sqlite-shm", "shared memory");
+	WriteFile(directory_ / "rows.sqlite-wal", "");
+	WriteFile(directory_ / "rows.sqlite-journal", "");
+	EXPECT_THAT(Unknown(record), IsEmpty());
+	WriteFile(directory_ / "rows.sqlite-wal", "data");
+	WriteFile(directory_ / "rows.sqlite-journal", "data");
+	WriteFile(directory_ / "other-shm", "of no recorded database");
+	EXPECT_THAT(Unknown(record), UnorderedElementsAre("other-shm", "rows.sqlite-journal", "rows.sqlite-wal"));
 }
 
 TEST_F(InstalledFilesTest, LeavesWhatTheLibraryListsToTheLibrarysCheck) {

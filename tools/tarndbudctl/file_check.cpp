@@ -70,6 +70,23 @@ std::string Reason(const std::string& path, const InstalledFile& file) {
 	return fs::is_regular_file(status) ? Reason(path) : "is no regular file";
 }
 
+bool EndsWith(const std::string& text, const std::string& end) {
+	return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/** Whether a file is what SQLite keeps beside a recorded database while somebody reads it, and holds no data. */
+bool IsOfReaders(const std::string& name, const InstalledFiles& record, const std::string& install_prefix) {
+	for (const std::string suffix : {"-shm", "-wal", "-journal"}) {
+		if (EndsWith(name, suffix) && record.files.count(name.substr(0, name.size() - suffix.size())) > 0) {
+			boost::system::error_code error;
+			const std::string path = FullPath(install_prefix, name);
+			return fs::is_regular_file(fs::symlink_status(path, error)) &&
+			       (suffix == "-shm" || fs::file_size(path, error) == 0);
+		}
+	}
+	return false;
+}
+
 } // namespace
 
 std::vector<BadFile> FindBadFiles(
@@ -91,7 +108,7 @@ std::vector<BadFile> FindBadFiles(
 std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const std::string& install_prefix) {
 	std::vector<std::string> unknown;
 	for (const std::string& name : FilesBelow(install_prefix)) {
-		if (record.files.count(name) == 0) {
+		if (record.files.count(name) == 0 && !IsOfReaders(name, record, install_prefix)) {
 			unknown.push_back(name);
 		}
 	}

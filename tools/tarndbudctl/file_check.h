@@ -29,7 +29,11 @@ std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, cons
 std::vector<BadFile> FindBadFiles(
     const InstalledFiles& record, const dataupdate::DatabaseStatus& listed, const std::string& install_prefix);
 
-/** The names, relative to the directory, of everything in it but directories that the record does not know. */
+/**
+ * The names, relative to the directory, of everything in it but directories that the record does not know. What SQLite
+ * keeps beside a recorded database for those who read it ("-shm", and "-wal" and "-journal" while they are empty) is
+ * left out: it holds no data, and is there whenever somebody reads.
+ */
 std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const std::string& install_prefix);
 
 } // namespace tarn::ctl
