@@ -100,9 +100,13 @@ void ChangeRoot() {
 	Check(chroot(kNewRoot) == 0 && chdir(working_directory.c_str()) == 0, "change root");
 }
 
-/** The machine's own paths are everybody's, so processes take turns; the lock lasts as long as the process. */
+/**
+ * The machine's own paths are everybody's, so the processes of all test programs, which lie in one directory, take
+ * turns; the lock lasts as long as the process.
+ */
 void LockOwnPaths() {
-	const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+	const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
+	const int fd = open(programs.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 	Check(fd >= 0 && flock(fd, LOCK_EX) == 0, "turn on the machine's own paths");
 }
 

@@ -110,6 +110,7 @@ int tarnarchive_refusal(const char** reason);
  * @param metadata  the signed metadata: a JSON object as docs/formats.md describes it
  * @return null to let the package in; or a reason, which is copied, to refuse it as TARNARCHIVE_NOT_ASKED_FOR
  */
+// NOLINTNEXTLINE(modernize-use-using): C reads this too
 typedef const char* (*tarnarchive_observer)(void* data, const char* package, const char* metadata);
 
 /**

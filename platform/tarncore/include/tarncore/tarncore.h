@@ -116,6 +116,7 @@ struct TLIBCDownloadLimits {
  * @param limits  all zero, to be filled
  * @param data    what TLIBCDownloadLimiterSet() was given
  */
+// NOLINTNEXTLINE(modernize-use-using): C reads this too
 typedef void (*TLIBCDownloadLimiter)(const char* url, const char* file, struct TLIBCDownloadLimits* limits, void* data);
 
 /**
