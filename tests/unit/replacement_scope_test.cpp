@@ -128,7 +128,7 @@ protected:
 		packages_.by_link["http://h/full"] = {{"a", "345"}};
 		WriteFile(Installed("a"), "3");
 		// The first change of an installed file: by then the mark is on the disk.
-		system_.on_call = [this](const std::string& call) {
+		system_.on_call = [](const std::string& call) {
 			if (call == "linkat") {
 				EXPECT_TRUE(fs::exists(kMark));
 				RequestInterruption();
