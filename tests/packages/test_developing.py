@@ -32,7 +32,7 @@ def test_the_readmes_line_builds_a_host_that_runs(desk: Machine) -> None:
 def test_the_examples_are_built_by_find_package_and_read(desk: Machine) -> None:
     desk.do(f"cp -r {EXAMPLES} own && cmake -S own/consumer -B own/build && cmake --build own/build && own/build/host")
     path = installed() / "tzdata.zi"
-    read = desk.do(f"own/build/reader {DATABASE} {path} 10 | cmp - {path} && echo same")
+    read = desk.do(f"own/build/reader {DATABASE} 10 {path} | cmp - {path} && echo same")
     assert read == "same\n"
 
 

@@ -129,6 +129,7 @@ TEST_F(DiffStrategyTest, PatchesOneCopyByEveryPackageAndInstallsItOnce) {
 	int links = 0;
 	system_.on_call = [&](const std::string& call) { links += call == "linkat" ? 1 : 0; };
 	strategy.ApplyUpdate();
+	system_.on_call = nullptr; // The strategy outlives the count.
 	EXPECT_EQ(links, 1);
 	EXPECT_EQ(ReadFile(Installed("f")), "5678");
 	EXPECT_EQ(ReadFile(Installed("other")), "old");
