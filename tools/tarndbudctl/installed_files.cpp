@@ -73,8 +73,8 @@ std::string Encode(const InstalledFiles& record) {
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "";
 	builder["emitUTF8"] = true;
-	std::string text = "{\"data_version\":\"" + std::to_string(record.data_version) +
-	                   "\",\"rebuilt_from_disk\":" + (record.is_from_disk ? "true" : "false") + ",\"files\":{";
+	std::string text = R"({"data_version":")" + std::to_string(record.data_version) + R"(","rebuilt_from_disk":)" +
+	                   (record.is_from_disk ? "true" : "false") + R"(,"files":{)";
 	const char* separator = "\n";
 	for (const auto& [name, file] : record.files) {
 		text += separator + Json::writeString(builder, name) + ":" + Json::writeString(builder, ToJson(file));
