@@ -1,14 +1,13 @@
 #include "remove_tree.h"
 
+#include "directory_entries.h"
+
 #include <base/unique_fd.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -21,19 +20,14 @@ namespace {
 	throw std::system_error(error, std::system_category());
 }
 
-struct DirectoryCloser {
-	void operator()(DIR* directory) const { closedir(directory); }
-};
-using Listing = std::unique_ptr<DIR, DirectoryCloser>;
-
-Listing List(int directory) {
+DirectoryEntries List(int directory) {
 	UniqueFd own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	Listing listing(own ? fdopendir(own.Get()) : nullptr);
-	if (!listing) {
+	const DirectoryHandle handle(own ? fdopendir(own.Get()) : nullptr);
+	if (!handle) {
 		ThrowErrno();
 	}
 	own.Release();
-	return listing;
+	return DirectoryEntries(handle.get());
 }
 
 /** Removes a name that is no directory; returns false for a directory. */
@@ -88,22 +82,14 @@ private:
 			ThrowErrno();
 		}
 		Level level = {std::move(name), status.st_dev, status.st_ino, {}};
-		const Listing listing = List(current_.Get());
-		while (true) {
-			errno = 0;
-			const dirent* entry = readdir(listing.get());
-			if (entry == nullptr) {
-				break;
+		const DirectoryEntries entries = List(current_.Get());
+		entries.ForEach([&](const char* entry, bool is_directory) {
+			if (is_directory || !Unlink(current_.Get(), entry)) {
+				level.directories.emplace_back(entry);
 			}
-			if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
-				continue;
-			}
-			if (entry->d_type == DT_DIR || !Unlink(current_.Get(), entry->d_name)) {
-				level.directories.emplace_back(entry->d_name);
-			}
-		}
-		if (errno != 0) {
-			ThrowErrno();
+		});
+		if (entries.Error() != 0) {
+			ThrowErrno(entries.Error());
 		}
 		levels_.push_back(std::move(level));
 	}

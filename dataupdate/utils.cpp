@@ -1,5 +1,6 @@
 #include "utils.h"
 
+#include "directory_entries.h"
 #include "file_copy.h"
 #include "log.h"
 #include "progress.h"
@@ -12,8 +13,6 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -60,10 +59,6 @@ void CreateParents(const std::string& path) {
 	}
 }
 
-struct DirectoryCloser {
-	void operator()(DIR* dir) const { closedir(dir); }
-};
-
 void CheckIsDirectory(const std::string& path) {
 	struct stat status {};
 	if (stat(path.c_str(), &status) != 0) {
@@ -74,47 +69,12 @@ void CheckIsDirectory(const std::string& path) {
 	}
 }
 
-/** Some file systems leave the type to be asked for. */
-bool IsDirectoryEntry(int dir, const dirent& entry) {
-	struct stat status {};
-	return entry.d_type == DT_DIR ||
-	       (entry.d_type == DT_UNKNOWN && fstatat(dir, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-	           S_ISDIR(status.st_mode));
-}
-
-bool IsDotEntry(const char* name) {
-	return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-constexpr char kDirectoryMark = 'd';
-constexpr char kOtherMark = '-';
-
-/** What a directory holds: for each entry a mark, its name and a zero byte, for there may be millions. */
-struct DirectoryEntries {
-	std::string names;
-	int error = 0; ///< Which ended the reading early.
-};
-
-/** Read whole and closed before anything is done with it, since a walk may be deeper than descriptors suffice. */
-DirectoryEntries ReadEntries(const std::string& path, bool tell_directories) {
-	const std::unique_ptr<DIR, DirectoryCloser> handle(opendir(path.c_str()));
+DirectoryEntries ReadEntries(const std::string& path) {
+	const DirectoryHandle handle(opendir(path.c_str()));
 	if (!handle) {
 		throw UpdateError(std::strerror(errno));
 	}
-	DirectoryEntries entries;
-	while (true) {
-		errno = 0;
-		const dirent* entry = readdir(handle.get());
-		if (entry == nullptr) {
-			entries.error = errno;
-			return entries;
-		}
-		if (!IsDotEntry(entry->d_name)) {
-			entries.names +=
-			    tell_directories && IsDirectoryEntry(dirfd(handle.get()), *entry) ? kDirectoryMark : kOtherMark;
-			entries.names.append(entry->d_name, std::strlen(entry->d_name) + 1);
-		}
-	}
+	return DirectoryEntries(handle.get());
 }
 
 /** 0 for anything but a regular file, and for a missing one. */
@@ -259,18 +219,16 @@ void IOUtils::IterateDirectory(
     const std::string& dir, const std::function<void(const std::string&)>& callback, bool recursive) const {
 	CheckIsDirectory(dir);
 	const std::string prefix = dir.back() == '/' ? dir : dir + '/';
-	const DirectoryEntries entries = ReadEntries(dir, recursive);
-	for (size_t at = 0; at < entries.names.size();) {
-		const bool is_directory = entries.names[at] == kDirectoryMark;
-		const std::string path = prefix + &entries.names[at + 1];
-		at += path.size() - prefix.size() + 2;
+	const DirectoryEntries entries = ReadEntries(dir);
+	entries.ForEach([&](const char* name, bool is_directory) {
+		const std::string path = prefix + name;
 		if (recursive && is_directory) {
 			IterateDirectory(path, callback, true);
 		}
 		callback(path);
-	}
-	if (entries.error != 0) {
-		throw UpdateError(std::strerror(entries.error));
+	});
+	if (entries.Error() != 0) {
+		throw UpdateError(std::strerror(entries.Error()));
 	}
 }
 
