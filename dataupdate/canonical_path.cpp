@@ -10,8 +10,4 @@ fs::path CanonicalPath(const fs::path& path) {
 	return path.is_absolute() ? fs::canonical(path, "/") : fs::canonical(path);
 }
 
-fs::path CanonicalPath(const fs::path& path, boost::system::error_code& error) {
-	return path.is_absolute() ? fs::canonical(path, "/", error) : fs::canonical(path, error);
-}
-
 } // namespace tarn::dataupdate

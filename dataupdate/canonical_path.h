@@ -15,9 +15,6 @@ namespace tarn::dataupdate {
  */
 boost::filesystem::path CanonicalPath(const boost::filesystem::path& path);
 
-/** The same with an error instead of an exception; the result is then empty. */
-boost::filesystem::path CanonicalPath(const boost::filesystem::path& path, boost::system::error_code& error);
-
 } // namespace tarn::dataupdate
 
 #endif
