@@ -10,6 +10,7 @@
 #include <json/value.h>
 #include <json/writer.h>
 
+#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -121,12 +122,9 @@ void DropInstalledFiles(const std::string& id) {
 		}
 		return;
 	}
-	const int directory = open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-	if (directory < 0 || fsync(directory) != 0) {
+	const UniqueFd directory(open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	if (!directory || fsync(directory.Get()) != 0) {
 		syslog(LOG_WARNING, "%s cannot be removed (%s)", path.c_str(), std::strerror(errno));
-	}
-	if (directory >= 0) {
-		close(directory);
 	}
 }
 
