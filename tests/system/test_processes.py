@@ -103,13 +103,16 @@ def test_an_update_killed_at_any_moment_is_made_good_by_the_next(
         update = connected.start("update", DATABASE)
         time.sleep(moment)
         update.kill()
-        unfinished += update.wait().status != 0
+        if update.wait().status == 0:
+            duration *= 0.8  # What else the machine does has become less.
+        else:
+            unfinished += 1
         result = connected.run("update", DATABASE)
         assert result.status == 0, f"round {number}, killed after {moment:.3f} s: {result}"
         trees.assert_same(tree, connected.installed(DATABASE))
         connected.run_ok("check", DATABASE)
         assert list(connected.temporary().iterdir()) == []
-    assert unfinished >= KILLS // 4  # How many hit depends on what else the machine does.
+    assert unfinished >= KILLS // 2
 
 
 def test_a_run_killed_while_it_asks_for_the_document_does_not_shape_the_next(
