@@ -1,6 +1,6 @@
 // Prints the seconds that the library needs for a file's digest, and the digest: hash_bench FILE
 
-#include <dataupdate/updater.h>
+#include "dataupdate/updater.h"
 
 #include <chrono>
 #include <iostream>

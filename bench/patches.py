@@ -59,7 +59,7 @@ def window_for(size: int) -> str:
 
 class PatchBench:
     def __init__(self, build: Path, scratch: Path) -> None:
-        self._decoder = str(build / "tools/tarndbudvcdiff/tarndbudvcdiff")
+        self._decoder = str(build / "decoder/tarndbudvcdiff")
         self._header = str(build / "bench/vcdiff_header")
         self._scratch = scratch
         self._source, self._target, self._output = scratch / "source", scratch / "target", scratch / "output"

@@ -2,9 +2,9 @@
 //
 // phase_bench ID VERSION LINK VOLUME INSTALL_DIRECTORY
 
-#include <dataupdate/progress.h>
-#include <dataupdate/update_error.h>
-#include <dataupdate/updater.h>
+#include "dataupdate/progress.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/updater.h"
 
 #include <json/writer.h>
 

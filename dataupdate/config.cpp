@@ -1,8 +1,8 @@
-#include "config.h"
+#include "dataupdate/config.h"
 
-#include "file_lock.h"
-#include "paths.h"
-#include "update_error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
 
 #include <cstdint>
 #include <utility>

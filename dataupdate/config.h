@@ -5,8 +5,8 @@
 #ifndef DATAUPDATE_CONFIG_H
 #define DATAUPDATE_CONFIG_H
 
-#include "export.h"
-#include "utils.h"
+#include "dataupdate/export.h"
+#include "dataupdate/utils.h"
 
 #include <json/value.h>
 

@@ -1,8 +1,8 @@
 // The digest functions are deprecated in favour of an interface that fetches them by name at run time.
 #define OPENSSL_API_COMPAT 0x10101000L
 
-#include "update_error.h"
-#include "utils.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 #include <openssl/sha.h>
 

@@ -1,8 +1,8 @@
-#include "file_lock.h"
+#include "dataupdate/file_lock.h"
 
-#include "lock_poll.h"
-#include "log.h"
-#include "update_error.h"
+#include "dataupdate/internal/lock_poll.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/update_error.h"
 
 #include <boost/filesystem.hpp>
 

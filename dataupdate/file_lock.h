@@ -5,7 +5,7 @@
 #ifndef DATAUPDATE_FILE_LOCK_H
 #define DATAUPDATE_FILE_LOCK_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #include <string>
 

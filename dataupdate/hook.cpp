@@ -1,6 +1,6 @@
-#include "hook.h"
+#include "dataupdate/hook.h"
 
-#include "log.h"
+#include "dataupdate/internal/log.h"
 
 namespace tarn::dataupdate {
 

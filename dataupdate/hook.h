@@ -5,7 +5,7 @@
 #ifndef DATAUPDATE_HOOK_H
 #define DATAUPDATE_HOOK_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #include <tarnsdk/plugin.h>
 

@@ -1,8 +1,8 @@
-#include "fresh_info.h"
-#include "log.h"
-#include "paths.h"
-#include "update.h"
-#include "update_error.h"
+#include "dataupdate/internal/fresh_info.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update.h"
+#include "dataupdate/update_error.h"
 
 #include <tarncrypto/tarncrypto.h>
 

@@ -1,6 +1,6 @@
-#include "interruption.h"
+#include "dataupdate/interruption.h"
 
-#include "update_error.h"
+#include "dataupdate/update_error.h"
 
 #include <atomic>
 

@@ -12,7 +12,7 @@
 #ifndef DATAUPDATE_INTERRUPTION_H
 #define DATAUPDATE_INTERRUPTION_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 namespace tarn::dataupdate {
 

@@ -1,6 +1,6 @@
-#include "progress.h"
+#include "dataupdate/progress.h"
 
-#include "interruption.h"
+#include "dataupdate/interruption.h"
 
 #include <mutex>
 #include <utility>

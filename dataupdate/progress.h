@@ -8,7 +8,7 @@
 #ifndef DATAUPDATE_PROGRESS_H
 #define DATAUPDATE_PROGRESS_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #include <cstdint>
 #include <string>

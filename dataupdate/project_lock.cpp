@@ -1,10 +1,10 @@
-#include "project_lock.h"
+#include "dataupdate/project_lock.h"
 
-#include "file_lock.h"
-#include "lock_poll.h"
-#include "log.h"
-#include "paths.h"
-#include "update_error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/lock_poll.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

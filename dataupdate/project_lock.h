@@ -7,7 +7,7 @@
 #ifndef DATAUPDATE_PROJECT_LOCK_H
 #define DATAUPDATE_PROJECT_LOCK_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -35,7 +35,7 @@ TARNDBUD_EXPORT void TARNDBUDReleaseFileLock(int fd);
 #ifdef __cplusplus
 }
 
-#include "service_config.h"
+#include "dataupdate/service_config.h"
 
 #include <memory>
 #include <string>

@@ -1,6 +1,6 @@
-#include "records.h"
+#include "dataupdate/records.h"
 
-#include "update_error.h"
+#include "dataupdate/update_error.h"
 
 namespace tarn::dataupdate {
 

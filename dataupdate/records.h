@@ -10,7 +10,7 @@
 #ifndef DATAUPDATE_RECORDS_H
 #define DATAUPDATE_RECORDS_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #include <json/value.h>
 

@@ -1,7 +1,7 @@
-#include "service_config.h"
+#include "dataupdate/service_config.h"
 
-#include "paths.h"
-#include "update_error.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
 
 #include <algorithm>
 #include <utility>

@@ -8,8 +8,8 @@
 #ifndef DATAUPDATE_SERVICE_CONFIG_H
 #define DATAUPDATE_SERVICE_CONFIG_H
 
-#include "config.h"
-#include "export.h"
+#include "dataupdate/config.h"
+#include "dataupdate/export.h"
 
 #include <memory>
 #include <string>

@@ -1,11 +1,11 @@
-#include "strategy.h"
+#include "dataupdate/strategy.h"
 
-#include "digest_stream.h"
-#include "extract_package.h"
-#include "log.h"
-#include "progress.h"
-#include "update_error.h"
-#include "utils.h"
+#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/internal/extract_package.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 #include <tarncodesign/tarncodesign.h>
 

@@ -18,8 +18,8 @@
 #ifndef DATAUPDATE_STRATEGY_H
 #define DATAUPDATE_STRATEGY_H
 
-#include "export.h"
-#include "records.h"
+#include "dataupdate/export.h"
+#include "dataupdate/records.h"
 
 #include <cstdint>
 #include <map>

@@ -1,13 +1,13 @@
-#include "canonical_path.h"
-#include "file_copy.h"
-#include "file_lock.h"
-#include "paths.h"
-#include "progress.h"
-#include "replacement_scope.h"
-#include "strategy.h"
-#include "temp_data.h"
-#include "update_error.h"
-#include "utils.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/canonical_path.h"
+#include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/temp_data.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 #include <boost/filesystem.hpp>
 

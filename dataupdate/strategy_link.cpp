@@ -1,11 +1,11 @@
-#include "extract_package.h"
-#include "file_lock.h"
-#include "paths.h"
-#include "replacement_scope.h"
-#include "strategy.h"
-#include "temp_data.h"
-#include "update_error.h"
-#include "utils.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/extract_package.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/temp_data.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 namespace tarn::dataupdate {
 

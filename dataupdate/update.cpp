@@ -1,14 +1,14 @@
-#include "update.h"
+#include "dataupdate/update.h"
 
-#include "file_copy.h"
-#include "file_lock.h"
-#include "log.h"
-#include "paths.h"
-#include "replacement_mark.h"
-#include "replacement_scope.h"
-#include "strategy.h"
-#include "update_error.h"
-#include "volume_handler.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/volume_handler.h"
 
 #include <cstdint>
 #include <optional>

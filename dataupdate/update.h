@@ -9,11 +9,11 @@
 #ifndef DATAUPDATE_UPDATE_H
 #define DATAUPDATE_UPDATE_H
 
-#include "export.h"
-#include "records.h"
-#include "service_config.h"
-#include "updater.h"
-#include "utils.h"
+#include "dataupdate/export.h"
+#include "dataupdate/records.h"
+#include "dataupdate/service_config.h"
+#include "dataupdate/updater.h"
+#include "dataupdate/utils.h"
 
 #include <functional>
 #include <map>

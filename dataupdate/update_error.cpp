@@ -1,4 +1,4 @@
-#include "update_error.h"
+#include "dataupdate/update_error.h"
 
 namespace tarn::dataupdate {
 

@@ -5,7 +5,7 @@
 #ifndef DATAUPDATE_UPDATE_ERROR_H
 #define DATAUPDATE_UPDATE_ERROR_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #include <exception>
 #include <string>

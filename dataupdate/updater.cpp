@@ -1,13 +1,13 @@
-#include "updater.h"
+#include "dataupdate/updater.h"
 
-#include "digest_stream.h"
-#include "file_copy.h"
-#include "hook.h"
-#include "interruption.h"
-#include "log.h"
-#include "paths.h"
-#include "strategy.h"
-#include "update_error.h"
+#include "dataupdate/hook.h"
+#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/interruption.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/update_error.h"
 
 #include <boost/filesystem.hpp>
 

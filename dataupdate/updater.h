@@ -5,8 +5,8 @@
 #ifndef DATAUPDATE_UPDATER_H
 #define DATAUPDATE_UPDATER_H
 
-#include "export.h"
-#include "records.h"
+#include "dataupdate/export.h"
+#include "dataupdate/records.h"
 
 #include <map>
 #include <set>

@@ -1,11 +1,11 @@
-#include "utils.h"
+#include "dataupdate/utils.h"
 
-#include "directory_entries.h"
-#include "file_copy.h"
-#include "log.h"
-#include "progress.h"
-#include "remove_tree.h"
-#include "update_error.h"
+#include "dataupdate/internal/directory_entries.h"
+#include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/remove_tree.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/update_error.h"
 
 #include <tarncore/tarncore.h>
 

@@ -5,7 +5,7 @@
 #ifndef DATAUPDATE_UTILS_H
 #define DATAUPDATE_UTILS_H
 
-#include "export.h"
+#include "dataupdate/export.h"
 
 #include <boost/format.hpp>
 #include <json/value.h>

@@ -1,9 +1,9 @@
-#include "volume_handler.h"
+#include "dataupdate/volume_handler.h"
 
-#include "log.h"
-#include "paths.h"
-#include "update_error.h"
-#include "utils.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 #include <tarncore/tarncore.h>
 #include <tarnsdk/volume.h>

@@ -5,8 +5,8 @@
 #ifndef DATAUPDATE_VOLUME_HANDLER_H
 #define DATAUPDATE_VOLUME_HANDLER_H
 
-#include "export.h"
-#include "service_config.h"
+#include "dataupdate/export.h"
+#include "dataupdate/service_config.h"
 
 #include <memory>
 #include <string>

@@ -18,7 +18,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 TABLES = "docs/operations.md"
-FOLDERS = ("dataupdate", "platform", "tools")
+FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "platform", "publisher")
 
 # What is given to these calls, or initialises these constants, is no complaint.
 QUIET_CALLS = {

@@ -1,8 +1,8 @@
-#include "tarncodesign/tarncodesign.h"
+#include "archive/extractor.h"
+#include "archive/package_identity.h"
+#include "base/error.h"
 
-#include "tarncodesign/archive_error.h"
-#include "tarncodesign/extractor.h"
-#include "tarncodesign/package_identity.h"
+#include <tarncodesign/tarncodesign.h>
 
 #include <fcntl.h>
 #include <syslog.h>
@@ -17,12 +17,12 @@
 struct tarnarchive {
 	tarn::UniqueFd directory;
 	std::string package;
-	std::optional<tarn::codesign::ArchiveFile> archive;
+	std::optional<tarn::archive::ArchiveFile> archive;
 };
 
 namespace {
 
-using tarn::codesign::ArchiveError;
+using tarn::Error;
 
 std::string KeyDirectory(int key_type) {
 	return "/usr/tarn/etc/codesign/" + std::to_string(key_type);
@@ -49,7 +49,7 @@ bool LoggingFailure(const char* path, const Function& function) noexcept {
 	try {
 		function();
 		return true;
-	} catch (const tarn::codesign::NotAskedFor& error) {
+	} catch (const tarn::archive::NotAskedFor& error) {
 		Refuse(TARNARCHIVE_NOT_ASKED_FOR, path, error.what());
 	} catch (const std::exception& error) {
 		Refuse(TARNARCHIVE_REFUSED, path, error.what());
@@ -72,7 +72,7 @@ public:
 		const std::lock_guard<std::mutex> guard(mutex_);
 		const char* reason = function_ == nullptr ? nullptr : function_(data_, package, metadata.c_str());
 		if (reason != nullptr) {
-			throw tarn::codesign::NotAskedFor(reason);
+			throw tarn::archive::NotAskedFor(reason);
 		}
 	}
 
@@ -93,7 +93,7 @@ std::string FileName(const std::string& path) {
 
 void Require(bool holds, const char* reason) {
 	if (!holds) {
-		throw ArchiveError(reason);
+		throw Error(reason);
 	}
 }
 
@@ -113,7 +113,7 @@ struct tarnarchive* tarnarchive_init(const char* destination) {
 		Require(destination != nullptr, "no destination");
 		tarn::UniqueFd directory(open(destination, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		if (!directory) {
-			tarn::codesign::ThrowErrno("cannot extract into it");
+			tarn::ThrowErrno("cannot extract into it");
 		}
 		context = std::make_unique<tarnarchive>();
 		context->directory = std::move(directory);
@@ -127,10 +127,10 @@ bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* pack
 		context->archive.reset();
 		Require(package != nullptr, "no archive named");
 		Require(key_type >= 0, "negative key type");
-		tarn::codesign::ArchiveFile archive(package);
-		archive.Check(tarn::codesign::LoadTrustedKeys(KeyDirectory(key_type)), static_cast<std::uint32_t>(key_type));
+		tarn::archive::ArchiveFile archive(package);
+		archive.Check(tarn::archive::LoadTrustedKeys(KeyDirectory(key_type)), static_cast<std::uint32_t>(key_type));
 		if (key_type == TARNARCHIVE_KEYTYPE_DATA_UPDATE) {
-			tarn::codesign::RequireAskedFor(archive.Metadata(), FileName(package));
+			tarn::archive::RequireAskedFor(archive.Metadata(), FileName(package));
 			TheObserver().Tell(package, std::string(archive.Metadata()));
 		}
 		context->package = package;
@@ -145,7 +145,7 @@ bool tarnarchive_extract_multiple(struct tarnarchive* context, const char* const
 		Require(mode == TARNARCHIVE_EXTRACT_ALL, "unknown extraction mode");
 		const std::vector<std::string> names = MemberList(members);
 		Require(members == nullptr || !names.empty(), "empty list of members");
-		tarn::codesign::Extract(*context->archive, context->directory.Get(), names);
+		tarn::archive::Extract(*context->archive, context->directory.Get(), names);
 	});
 }
 

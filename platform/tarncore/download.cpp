@@ -1,9 +1,9 @@
-#include "download.h"
+#include "platform/tarncore/download.h"
 
-#include "download_guard.h"
-#include "download_limiter.h"
+#include "base/unique_fd.h"
+#include "platform/tarncore/download_guard.h"
+#include "platform/tarncore/download_limiter.h"
 
-#include <base/unique_fd.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <syslog.h>

@@ -1,8 +1,8 @@
 /** @file Running the HTTP client under guard. */
-#ifndef TARNCORE_DOWNLOAD_H
-#define TARNCORE_DOWNLOAD_H
+#ifndef PLATFORM_TARNCORE_DOWNLOAD_H
+#define PLATFORM_TARNCORE_DOWNLOAD_H
 
-#include "child_process.h"
+#include "base/process.h"
 
 #include <optional>
 #include <string>

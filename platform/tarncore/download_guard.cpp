@@ -1,4 +1,4 @@
-#include "download_guard.h"
+#include "platform/tarncore/download_guard.h"
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

@@ -1,8 +1,8 @@
 /** @file Ends a download that would fill the disk or never end. */
-#ifndef TARNCORE_DOWNLOAD_GUARD_H
-#define TARNCORE_DOWNLOAD_GUARD_H
+#ifndef PLATFORM_TARNCORE_DOWNLOAD_GUARD_H
+#define PLATFORM_TARNCORE_DOWNLOAD_GUARD_H
 
-#include "download_settings.h"
+#include "platform/tarncore/download_settings.h"
 
 #include <tarncore/tarncore.h>
 

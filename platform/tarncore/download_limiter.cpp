@@ -1,4 +1,4 @@
-#include "download_limiter.h"
+#include "platform/tarncore/download_limiter.h"
 
 #include <mutex>
 

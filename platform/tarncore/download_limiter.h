@@ -1,8 +1,8 @@
 /** @file What a host adds to the settings of downloads. */
-#ifndef TARNCORE_DOWNLOAD_LIMITER_H
-#define TARNCORE_DOWNLOAD_LIMITER_H
+#ifndef PLATFORM_TARNCORE_DOWNLOAD_LIMITER_H
+#define PLATFORM_TARNCORE_DOWNLOAD_LIMITER_H
 
-#include "download.h"
+#include "platform/tarncore/download.h"
 
 #include <tarncore/tarncore.h>
 

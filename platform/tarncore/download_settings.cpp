@@ -1,7 +1,7 @@
-#include "download_settings.h"
+#include "platform/tarncore/download_settings.h"
 
-#include "environment.h"
-#include "settings_lines.h"
+#include "base/settings_lines.h"
+#include "platform/tarncore/environment.h"
 
 #include <syslog.h>
 

@@ -1,6 +1,6 @@
 /** @file The administrator's limits of downloads. */
-#ifndef TARNCORE_DOWNLOAD_SETTINGS_H
-#define TARNCORE_DOWNLOAD_SETTINGS_H
+#ifndef PLATFORM_TARNCORE_DOWNLOAD_SETTINGS_H
+#define PLATFORM_TARNCORE_DOWNLOAD_SETTINGS_H
 
 #include <sys/types.h>
 

@@ -1,4 +1,4 @@
-#include "environment.h"
+#include "platform/tarncore/environment.h"
 
 #include <sys/stat.h>
 #include <syslog.h>

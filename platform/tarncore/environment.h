@@ -1,6 +1,6 @@
 /** @file The environment that helper programs get instead of the caller's. */
-#ifndef TARNCORE_ENVIRONMENT_H
-#define TARNCORE_ENVIRONMENT_H
+#ifndef PLATFORM_TARNCORE_ENVIRONMENT_H
+#define PLATFORM_TARNCORE_ENVIRONMENT_H
 
 #include <sys/types.h>
 

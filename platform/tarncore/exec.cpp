@@ -1,7 +1,7 @@
-#include "c_boundary.h"
-#include "child_process.h"
-#include "download.h"
-#include "environment.h"
+#include "base/process.h"
+#include "platform/c_boundary.h"
+#include "platform/tarncore/download.h"
+#include "platform/tarncore/environment.h"
 
 #include <tarncore/tarncore.h>
 

@@ -1,6 +1,6 @@
-#include "hostinfo.h"
+#include "platform/tarncore/hostinfo.h"
 
-#include "c_boundary.h"
+#include "platform/c_boundary.h"
 
 #include <tarncore/tarncore.h>
 

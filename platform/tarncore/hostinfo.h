@@ -1,6 +1,6 @@
 /** @file How this host describes itself to a server. */
-#ifndef TARNCORE_HOSTINFO_H
-#define TARNCORE_HOSTINFO_H
+#ifndef PLATFORM_TARNCORE_HOSTINFO_H
+#define PLATFORM_TARNCORE_HOSTINFO_H
 
 #include <string>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "device_id.h"
+#include "platform/tarncrypto/device_id.h"
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>

@@ -1,6 +1,6 @@
 /** @file The device identifier, derived from the machine id. */
-#ifndef TARNCRYPTO_DEVICE_ID_H
-#define TARNCRYPTO_DEVICE_ID_H
+#ifndef PLATFORM_TARNCRYPTO_DEVICE_ID_H
+#define PLATFORM_TARNCRYPTO_DEVICE_ID_H
 
 #include <optional>
 #include <string>

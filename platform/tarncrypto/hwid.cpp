@@ -1,6 +1,6 @@
-#include "hwid.h"
+#include "platform/tarncrypto/hwid.h"
 
-#include "device_id.h"
+#include "platform/tarncrypto/device_id.h"
 
 #include <exception>
 #include <memory>

@@ -1,6 +1,6 @@
 /** @file The context behind the C interface, and filling it from given files. */
-#ifndef TARNCRYPTO_HWID_H
-#define TARNCRYPTO_HWID_H
+#ifndef PLATFORM_TARNCRYPTO_HWID_H
+#define PLATFORM_TARNCRYPTO_HWID_H
 
 #include <tarncrypto/tarncrypto.h>
 

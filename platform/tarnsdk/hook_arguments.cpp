@@ -1,6 +1,6 @@
-#include "hook_arguments.h"
+#include "platform/tarnsdk/hook_arguments.h"
 
-#include "child_process.h"
+#include "base/process.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,8 +1,8 @@
 /** @file How plug-in arguments reach a hook: as a file of any length, and as environment variables where they fit. */
-#ifndef TARNSDK_HOOK_ARGUMENTS_H
-#define TARNSDK_HOOK_ARGUMENTS_H
+#ifndef PLATFORM_TARNSDK_HOOK_ARGUMENTS_H
+#define PLATFORM_TARNSDK_HOOK_ARGUMENTS_H
 
-#include <base/unique_fd.h>
+#include "base/unique_fd.h"
 
 #include <map>
 #include <string>

@@ -1,6 +1,7 @@
-#include "hook_directory.h"
+#include "platform/tarnsdk/hook_directory.h"
 
-#include <base/unique_fd.h>
+#include "base/unique_fd.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 /** @file Finding the hooks of a module and path, and deciding which of them may be trusted. */
-#ifndef TARNSDK_HOOK_DIRECTORY_H
-#define TARNSDK_HOOK_DIRECTORY_H
+#ifndef PLATFORM_TARNSDK_HOOK_DIRECTORY_H
+#define PLATFORM_TARNSDK_HOOK_DIRECTORY_H
 
 #include <sys/types.h>
 

@@ -1,7 +1,7 @@
-#include "hook_runner.h"
+#include "platform/tarnsdk/hook_runner.h"
 
-#include "child_process.h"
-#include "hook_directory.h"
+#include "base/process.h"
+#include "platform/tarnsdk/hook_directory.h"
 
 #include <climits>
 

@@ -1,8 +1,8 @@
 /** @file Running hooks under a time limit. */
-#ifndef TARNSDK_HOOK_RUNNER_H
-#define TARNSDK_HOOK_RUNNER_H
+#ifndef PLATFORM_TARNSDK_HOOK_RUNNER_H
+#define PLATFORM_TARNSDK_HOOK_RUNNER_H
 
-#include "hook_arguments.h"
+#include "platform/tarnsdk/hook_arguments.h"
 
 #include <tarnsdk/plugin.h>
 

@@ -1,4 +1,4 @@
-#include "mount_table.h"
+#include "platform/tarnsdk/mount_table.h"
 
 #include <libmount/libmount.h>
 

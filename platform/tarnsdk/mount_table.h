@@ -1,6 +1,6 @@
 /** @file The mounted file systems. */
-#ifndef TARNSDK_MOUNT_TABLE_H
-#define TARNSDK_MOUNT_TABLE_H
+#ifndef PLATFORM_TARNSDK_MOUNT_TABLE_H
+#define PLATFORM_TARNSDK_MOUNT_TABLE_H
 
 #include <map>
 #include <memory>

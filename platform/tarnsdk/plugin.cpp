@@ -1,5 +1,5 @@
-#include "c_boundary.h"
-#include "hook_runner.h"
+#include "platform/c_boundary.h"
+#include "platform/tarnsdk/hook_runner.h"
 
 #include <tarnsdk/plugin.h>
 

@@ -1,4 +1,4 @@
-#include "volume_list.h"
+#include "platform/tarnsdk/volume_list.h"
 
 #include <tarncore/tarncore.h>
 #include <tarnsdk/volume.h>

@@ -1,6 +1,6 @@
-#include "volume_config.h"
+#include "platform/tarnsdk/volume_config.h"
 
-#include "settings_lines.h"
+#include "base/settings_lines.h"
 
 #include <tarnsdk/volume.h>
 

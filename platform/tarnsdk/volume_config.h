@@ -1,6 +1,6 @@
 /** @file The configuration that says which mounts and directories are volumes. */
-#ifndef TARNSDK_VOLUME_CONFIG_H
-#define TARNSDK_VOLUME_CONFIG_H
+#ifndef PLATFORM_TARNSDK_VOLUME_CONFIG_H
+#define PLATFORM_TARNSDK_VOLUME_CONFIG_H
 
 #include <string>
 #include <vector>

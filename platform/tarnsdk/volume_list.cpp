@@ -1,6 +1,7 @@
-#include "volume_list.h"
+#include "platform/tarnsdk/volume_list.h"
 
-#include <base/volume_safety.h>
+#include "base/volume_safety.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>

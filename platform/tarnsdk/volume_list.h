@@ -1,9 +1,9 @@
 /** @file Which volumes there are, and in what state. */
-#ifndef TARNSDK_VOLUME_LIST_H
-#define TARNSDK_VOLUME_LIST_H
+#ifndef PLATFORM_TARNSDK_VOLUME_LIST_H
+#define PLATFORM_TARNSDK_VOLUME_LIST_H
 
-#include "mount_table.h"
-#include "volume_config.h"
+#include "platform/tarnsdk/mount_table.h"
+#include "platform/tarnsdk/volume_config.h"
 
 #include <tarnsdk/volume.h>
 

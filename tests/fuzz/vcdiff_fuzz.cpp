@@ -1,7 +1,7 @@
 // Hostile patches: the decoder ends with a result or an error of its own, the same whatever its buffers' sizes.
 #include "vcdiff_fuzz.h"
 
-#include "tarndbudvcdiff/decode.h"
+#include "decoder/decode.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,12 +1,11 @@
+#include "dataupdate/config.h"
+#include "dataupdate/file_lock.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "mocks.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/config.h>
-#include <dataupdate/file_lock.h>
 
 #include <filesystem>
 #include <memory>

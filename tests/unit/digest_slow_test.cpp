@@ -1,7 +1,6 @@
 // Digests of files around the size at which the standard library's own file stream reports nothing available.
+#include "dataupdate/updater.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/updater.h>
 
 #include <gmock/gmock.h>
 

@@ -1,10 +1,9 @@
+#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/digest_stream.h>
-#include <dataupdate/progress.h>
-#include <dataupdate/utils.h>
 
 #include <gtest/gtest.h>
 

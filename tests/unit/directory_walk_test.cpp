@@ -1,12 +1,11 @@
+#include "base/unique_fd.h"
+#include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "temporary_directory.h"
 
-#include <dataupdate/utils.h>
-
 #include <gmock/gmock.h>
 
-#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

@@ -2,7 +2,7 @@
 #ifndef TARN_TESTS_EXPECT_ERROR_H
 #define TARN_TESTS_EXPECT_ERROR_H
 
-#include <dataupdate/update_error.h>
+#include "dataupdate/update_error.h"
 
 #include <gtest/gtest.h>
 

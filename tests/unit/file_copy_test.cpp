@@ -1,10 +1,9 @@
+#include "dataupdate/internal/file_copy.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_copy.h>
-#include <dataupdate/progress.h>
-#include <dataupdate/utils.h>
 
 #include <boost/filesystem/exception.hpp>
 #include <gmock/gmock.h>

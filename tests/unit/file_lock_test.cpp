@@ -1,10 +1,9 @@
+#include "dataupdate/file_lock.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "log_lines.h"
 #include "open_descriptors.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
 
 #include <gmock/gmock.h>
 

@@ -1,7 +1,6 @@
+#include "dataupdate/hook.h"
 #include "fake_platform.h"
 #include "log_lines.h"
-
-#include <dataupdate/hook.h>
 
 #include <gmock/gmock.h>
 

@@ -1,3 +1,7 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/fresh_info.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
@@ -5,11 +9,6 @@
 #include "mocks.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/fresh_info.h>
-#include <dataupdate/paths.h>
-#include <dataupdate/update.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>

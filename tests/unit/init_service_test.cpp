@@ -1,12 +1,11 @@
+#include "dataupdate/update.h"
+#include "dataupdate/volume_handler.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "live_objects.h"
 #include "log_lines.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/update.h>
-#include <dataupdate/volume_handler.h>
 
 #include <gmock/gmock.h>
 

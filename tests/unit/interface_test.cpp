@@ -1,10 +1,10 @@
 // What programs that were built against the library rely on: which names it exports, and the slots of its operations.
-#include <dataupdate/hook.h>
-#include <dataupdate/project_lock.h>
-#include <dataupdate/strategy.h>
-#include <dataupdate/update.h>
-#include <dataupdate/update_error.h>
-#include <dataupdate/volume_handler.h>
+#include "dataupdate/hook.h"
+#include "dataupdate/project_lock.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/update.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/volume_handler.h"
 
 #include <gmock/gmock.h>
 

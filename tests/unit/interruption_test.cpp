@@ -1,17 +1,16 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/interruption.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/project_lock.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/digest_stream.h>
-#include <dataupdate/file_lock.h>
-#include <dataupdate/interruption.h>
-#include <dataupdate/progress.h>
-#include <dataupdate/project_lock.h>
-#include <dataupdate/replacement_scope.h>
-#include <dataupdate/strategy.h>
-#include <dataupdate/utils.h>
 
 #include <gmock/gmock.h>
 

@@ -2,10 +2,10 @@
 #ifndef TARN_TESTS_MOCKS_H
 #define TARN_TESTS_MOCKS_H
 
-#include <dataupdate/service_config.h>
-#include <dataupdate/update.h>
-#include <dataupdate/updater.h>
-#include <dataupdate/utils.h>
+#include "dataupdate/service_config.h"
+#include "dataupdate/update.h"
+#include "dataupdate/updater.h"
+#include "dataupdate/utils.h"
 
 #include <gmock/gmock.h>
 

@@ -1,7 +1,6 @@
+#include "dataupdate/internal/patch_conflicts.h"
 #include "expect_error.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/patch_conflicts.h>
 
 #include <gtest/gtest.h>
 

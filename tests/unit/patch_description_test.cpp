@@ -1,7 +1,6 @@
+#include "dataupdate/internal/patch_description.h"
 #include "expect_error.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/patch_description.h>
 
 #include <gmock/gmock.h>
 #include <json/value.h>

@@ -1,8 +1,7 @@
+#include "dataupdate/internal/patcher.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/patcher.h>
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>

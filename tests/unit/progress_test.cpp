@@ -1,4 +1,4 @@
-#include <dataupdate/progress.h>
+#include "dataupdate/progress.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,6 @@
 #include "call_from_c.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/project_lock.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "log_lines.h"
@@ -6,9 +8,6 @@
 #include "open_descriptors.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/project_lock.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>

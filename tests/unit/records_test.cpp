@@ -1,6 +1,5 @@
+#include "dataupdate/records.h"
 #include "expect_error.h"
-
-#include <dataupdate/records.h>
 
 #include <gmock/gmock.h>
 #include <json/reader.h>

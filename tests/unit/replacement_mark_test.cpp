@@ -1,11 +1,10 @@
+#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/interruption.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "log_lines.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/interruption.h>
-#include <dataupdate/replacement_mark.h>
 
 #include <gmock/gmock.h>
 

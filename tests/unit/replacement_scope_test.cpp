@@ -1,3 +1,7 @@
+#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/interruption.h"
+#include "dataupdate/update.h"
 #include "expect_error.h"
 #include "fake_packages.h"
 #include "fake_platform.h"
@@ -6,11 +10,6 @@
 #include "mocks.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/interruption.h>
-#include <dataupdate/replacement_mark.h>
-#include <dataupdate/replacement_scope.h>
-#include <dataupdate/update.h>
 
 #include <gmock/gmock.h>
 

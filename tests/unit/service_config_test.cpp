@@ -1,9 +1,8 @@
+#include "dataupdate/service_config.h"
 #include "expect_error.h"
 #include "mocks.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/service_config.h>
 
 #include <memory>
 #include <stdexcept>

@@ -1,8 +1,7 @@
+#include "dataupdate/internal/sql_script.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/sql_script.h>
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/strategy.h"
 #include "expect_error.h"
 #include "fake_packages.h"
 #include "fake_platform.h"
@@ -5,9 +7,6 @@
 #include "log_lines.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/strategy.h>
 
 #include <gmock/gmock.h>
 #include <json/value.h>

@@ -1,13 +1,12 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/project_lock.h"
+#include "dataupdate/strategy.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "log_lines.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/project_lock.h>
-#include <dataupdate/strategy.h>
 
 #include <gmock/gmock.h>
 

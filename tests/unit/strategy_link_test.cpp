@@ -1,12 +1,11 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/strategy.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "log_lines.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/strategy.h>
 
 #include <gmock/gmock.h>
 

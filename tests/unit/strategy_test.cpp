@@ -1,10 +1,9 @@
+#include "dataupdate/strategy.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "log_lines.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/strategy.h>
 
 #include <gmock/gmock.h>
 

@@ -2,7 +2,8 @@
 #include "codesign_archives.h"
 #include "private_root.h"
 #include "syslog_capture.h"
-#include "tarncodesign/tarncodesign.h"
+
+#include <tarncodesign/tarncodesign.h>
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 // What makes an archive acceptable before anything of it is read: signature, keys, length and every byte.
+#include "base/error.h"
 #include "codesign_archives.h"
-#include "tarncodesign/archive_error.h"
 
 #include <gmock/gmock.h>
 
@@ -40,15 +40,15 @@ TEST_F(ArchiveCheck, AcceptsAnArchiveSignedByATrustedKey) {
 }
 
 TEST_F(ArchiveCheck, ReportsTheKeyThatSigned) {
-	const auto other = publisher::SigningKey::Generate();
-	std::vector<codesign::TrustedKey> keys;
+	const auto other = archive::SigningKey::Generate();
+	std::vector<archive::TrustedKey> keys;
 	keys.push_back(Trusted(other));
 	keys.push_back(Trusted(key_));
-	EXPECT_EQ(codesign::ArchiveFile(small_).Check(keys, 6), 1U);
+	EXPECT_EQ(archive::ArchiveFile(small_).Check(keys, 6), 1U);
 }
 
 TEST_F(ArchiveCheck, AcceptsOldAndNewKeyWhileKeysAreRotated) {
-	const auto next = publisher::SigningKey::Generate();
+	const auto next = archive::SigningKey::Generate();
 	const std::string signed_by_next = SealPayload(CompressZstd(MakeTar({File("a", "next")})), 1, 4, next);
 	ExpectRefused(signed_by_next, "has no signature by a trusted key");
 	trusted_.push_back(Trusted(next));
@@ -73,7 +73,7 @@ TEST_F(ArchiveCheck, RefusesAnArchiveForAnotherKeyType) {
 
 TEST_F(ArchiveCheck, RefusesASignatureOverTheBytesWithoutTheDomain) {
 	std::string bytes = ReadFile(small_);
-	const auto head = codesign::ArchiveFile(small_).Head();
+	const auto head = archive::ArchiveFile(small_).Head();
 	const auto signature = key_.Sign(std::string_view(bytes).substr(0, head.SignatureOffset()));
 	bytes.replace(
 	    head.SignatureOffset(), signature.size(), reinterpret_cast<const char*>(signature.data()), signature.size());
@@ -82,8 +82,8 @@ TEST_F(ArchiveCheck, RefusesASignatureOverTheBytesWithoutTheDomain) {
 
 TEST_F(ArchiveCheck, RefusesASignatureOfZeros) {
 	std::string bytes = ReadFile(small_);
-	bytes.replace(codesign::ArchiveFile(small_).Head().SignatureOffset(), codesign::kSignatureSize,
-	    codesign::kSignatureSize, '\0');
+	bytes.replace(
+	    archive::ArchiveFile(small_).Head().SignatureOffset(), archive::kSignatureSize, archive::kSignatureSize, '\0');
 	ExpectRefused(Changed(bytes), "has no signature by a trusted key");
 }
 
@@ -104,12 +104,12 @@ TEST_F(ArchiveCheck, RefusesEveryFlippedBitOfASmallArchive) {
 TEST_F(ArchiveCheck, RefusesAFlippedBitInEveryRegionOfALargeArchive) {
 	const std::string content = RandomBytes(3'500'000, 1);
 	const std::string archive = Seal({File("big", content)});
-	const auto head = codesign::ArchiveFile(archive).Head();
+	const auto head = archive::ArchiveFile(archive).Head();
 	ASSERT_EQ(head.ChunkCount(), 4U);
 	const std::string bytes = ReadFile(archive);
-	const std::vector<std::uint64_t> offsets = {codesign::kHeadSize, head.TableOffset(), head.SignatureOffset() - 1,
-	    head.PayloadOffset(), head.PayloadOffset() + codesign::kChunkSize - 1,
-	    head.PayloadOffset() + codesign::kChunkSize, head.PayloadOffset() + head.payload_size / 2, head.FileSize() - 1};
+	const std::vector<std::uint64_t> offsets = {archive::kHeadSize, head.TableOffset(), head.SignatureOffset() - 1,
+	    head.PayloadOffset(), head.PayloadOffset() + archive::kChunkSize - 1,
+	    head.PayloadOffset() + archive::kChunkSize, head.PayloadOffset() + head.payload_size / 2, head.FileSize() - 1};
 	for (const std::uint64_t offset : offsets) {
 		std::string flipped = bytes;
 		flipped[offset] = static_cast<char>(flipped[offset] ^ 1);
@@ -154,24 +154,24 @@ TEST_F(ArchiveCheck, RefusesAFifoWithoutWaitingForAWriter) {
 }
 
 TEST_F(ArchiveCheck, RefusesAHeadThatAsksForMoreMemoryThanItsFileHolds) {
-	codesign::ArchiveHead head = codesign::ArchiveFile(small_).Head();
-	head.payload_size = codesign::kMaxPayloadSize;
-	ExpectRefused(Changed(codesign::EncodeHead(head) + std::string(1000, '\0')), "is damaged: it has 1048 bytes");
-	head.payload_size = codesign::kMaxPayloadSize + 1;
-	ExpectRefused(Changed(codesign::EncodeHead(head) + std::string(1000, '\0')), "impossible payload size");
+	archive::ArchiveHead head = archive::ArchiveFile(small_).Head();
+	head.payload_size = archive::kMaxPayloadSize;
+	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), "is damaged: it has 1048 bytes");
+	head.payload_size = archive::kMaxPayloadSize + 1;
+	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), "impossible payload size");
 	head.payload_size = UINT64_MAX;
-	ExpectRefused(Changed(codesign::EncodeHead(head) + std::string(1000, '\0')), "impossible payload size");
+	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), "impossible payload size");
 	head.payload_size = 1;
-	head.metadata_size = codesign::kMaxMetadataSize + 1;
-	ExpectRefused(Changed(codesign::EncodeHead(head) + std::string(100'000, '\0')), "too much metadata");
+	head.metadata_size = archive::kMaxMetadataSize + 1;
+	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(100'000, '\0')), "too much metadata");
 }
 
 TEST_F(ArchiveCheck, NeverExtractsBytesThatReplacedCheckedOnes) {
 	const std::string good = Seal({File("f", RandomBytes(2'500'000, 1))});
-	const std::string evil = SealPayload(
-	    CompressZstd(MakeTar({File("f", RandomBytes(2'500'000, 2))})), 1, 2'500'000, publisher::SigningKey::Generate());
+	const std::string evil = SealPayload(CompressZstd(MakeTar({File("f", RandomBytes(2'500'000, 2))})), 1, 2'500'000,
+	    archive::SigningKey::Generate());
 	ASSERT_EQ(fs::file_size(good), fs::file_size(evil));
-	const codesign::ArchiveFile archive(good);
+	const archive::ArchiveFile archive(good);
 	archive.Check(trusted_, 6);
 	const std::string original = ReadFile(good);
 	{
@@ -180,10 +180,10 @@ TEST_F(ArchiveCheck, NeverExtractsBytesThatReplacedCheckedOnes) {
 		ASSERT_EQ(pwrite(fd.Get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
 	}
 	const UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	EXPECT_THROW(codesign::Extract(archive, out.Get()), codesign::ArchiveError);
+	EXPECT_THROW(archive::Extract(archive, out.Get()), Error);
 	EXPECT_THAT(Installed(), IsEmpty());
 	WriteFile(good, original);
-	codesign::Extract(archive, out.Get());
+	archive::Extract(archive, out.Get());
 	EXPECT_TRUE(Installed().at("f") == RandomBytes(2'500'000, 1));
 }
 

@@ -1,6 +1,6 @@
 // Where members may go and what may become of them, in archives that are signed by a trusted key all the same.
+#include "base/error.h"
 #include "codesign_archives.h"
-#include "tarncodesign/archive_error.h"
 
 #include <gmock/gmock.h>
 
@@ -110,11 +110,11 @@ TEST_F(ArchiveExtract, PassesThroughNoLinkThatAnEarlierArchivePlanted) {
 
 TEST_F(ArchiveExtract, ExtractsOnlyTheNamedMembers) {
 	const std::string path = Seal({File("a", "1"), File("d/b", "2"), File("d/c", "3")});
-	const codesign::ArchiveFile archive(path);
+	const archive::ArchiveFile archive(path);
 	const UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	codesign::Extract(archive, out.Get(), {"d/c", "./a"});
+	archive::Extract(archive, out.Get(), {"d/c", "./a"});
 	EXPECT_EQ(Installed(), (Tree{{"a", "1"}, {"d", "/"}, {"d/c", "3"}}));
-	EXPECT_THROW(codesign::Extract(archive, out.Get(), {"a", "missing"}), codesign::ArchiveError);
+	EXPECT_THROW(archive::Extract(archive, out.Get(), {"a", "missing"}), Error);
 }
 
 struct Refusal {

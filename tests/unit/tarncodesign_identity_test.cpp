@@ -1,11 +1,11 @@
 // Which package is the one that a file's name asks for, by what it says about itself.
-#include "tarncodesign/package_identity.h"
+#include "archive/package_identity.h"
 
 #include <gmock/gmock.h>
 
 #include <string>
 
-namespace tarn::codesign {
+namespace tarn::archive {
 
 namespace {
 
@@ -122,4 +122,4 @@ TEST(PackageIdentityTest, PutsNoForeignTextIntoTheLogAsItIs) {
 
 } // namespace
 
-} // namespace tarn::codesign
+} // namespace tarn::archive

@@ -1,8 +1,9 @@
 // Which key files are trusted, and what the C functions say when they refuse.
+#include "base/error.h"
 #include "codesign_archives.h"
 #include "syslog_capture.h"
-#include "tarncodesign/archive_error.h"
-#include "tarncodesign/tarncodesign.h"
+
+#include <tarncodesign/tarncodesign.h>
 
 #include <gmock/gmock.h>
 
@@ -39,19 +40,19 @@ protected:
 	}
 	std::vector<std::string> Names() {
 		std::vector<std::string> names;
-		for (const codesign::TrustedKey& key : codesign::LoadTrustedKeys(directory_.Path().string())) {
+		for (const archive::TrustedKey& key : archive::LoadTrustedKeys(directory_.Path().string())) {
 			names.push_back(key.name);
 		}
 		return names;
 	}
 
 	TemporaryDirectory directory_;
-	publisher::SigningKey key_ = publisher::SigningKey::Generate();
+	archive::SigningKey key_ = archive::SigningKey::Generate();
 	SyslogCapture log_;
 };
 
 TEST_F(TrustedKeys, AreAllPubFilesInNameOrder) {
-	Put("also.pub", publisher::SigningKey::Generate().PublicPem());
+	Put("also.pub", archive::SigningKey::Generate().PublicPem());
 	Put("ignored.pem", key_.PublicPem());
 	Put(".pub", key_.PublicPem());
 	EXPECT_THAT(Names(), ElementsAre("also.pub", "good.pub"));
@@ -99,16 +100,16 @@ TEST_F(TrustedKeys, BelongToRootOrToTheCaller) {
 	EXPECT_THAT(Names(), ElementsAre("good.pub"));
 	EXPECT_EQ(log_.Count(LOG_WARNING, {"foreign.pub: skipped:", "belongs to another user"}), 1U);
 	ASSERT_EQ(chown(directory_.Path().c_str(), kSomebody, kSomebody), 0);
-	EXPECT_THROW(Names(), codesign::ArchiveError);
+	EXPECT_THROW(Names(), Error);
 }
 
 TEST_F(TrustedKeys, NeedADirectoryThatNobodyElseCanWriteTo) {
 	fs::permissions(directory_.Path(), fs::perms(0775));
-	EXPECT_THROW(Names(), codesign::ArchiveError);
+	EXPECT_THROW(Names(), Error);
 	fs::permissions(directory_.Path(), fs::perms(0755));
 	EXPECT_THAT(Names(), ElementsAre("good.pub"));
-	EXPECT_THROW(codesign::LoadTrustedKeys(directory_ / "missing"), codesign::ArchiveError);
-	EXPECT_THROW(codesign::LoadTrustedKeys(directory_ / "good.pub"), codesign::ArchiveError);
+	EXPECT_THROW(archive::LoadTrustedKeys(directory_ / "missing"), Error);
+	EXPECT_THROW(archive::LoadTrustedKeys(directory_ / "good.pub"), Error);
 }
 
 class CFunctions : public ArchiveTest {

@@ -24,7 +24,7 @@ protected:
 	}
 
 	std::vector<TarMember> two_files_ = {File("a", "12345"), File("b", "67890")};
-	codesign::Limits limits_ = {2, 10};
+	archive::Limits limits_ = {2, 10};
 };
 
 TEST_F(ArchiveLimits, AcceptsWhatExactlyMeetsThem) {
@@ -100,14 +100,14 @@ TEST_F(ArchiveLimits, RefusesAPayloadThatWasCutBeforeItWasSigned) {
 }
 
 TEST_F(ArchiveLimits, RefusesAWindowThatNeedsMuchMemory) {
-	constexpr int kTooLarge = codesign::kMaxWindowLog + 1;
+	constexpr int kTooLarge = archive::kMaxWindowLog + 1;
 	constexpr std::size_t kSize = 20U << 20U; // more than either window
 	std::string content;
 	content.resize(kSize, 'x');
 	const std::string tar = MakeTar({File("a", content)});
 	EXPECT_THAT(InstallError(SealPayload(CompressZstd(tar, kTooLarge), 1, content.size(), key_)),
 	    HasSubstr("cannot be decompressed"));
-	EXPECT_EQ(InstallError(SealPayload(CompressZstd(tar, codesign::kMaxWindowLog), 1, content.size(), key_)), "");
+	EXPECT_EQ(InstallError(SealPayload(CompressZstd(tar, archive::kMaxWindowLog), 1, content.size(), key_)), "");
 }
 
 TEST_F(ArchiveLimits, AcceptsAPayloadOfSeveralFrames) {

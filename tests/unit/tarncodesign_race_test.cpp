@@ -1,6 +1,6 @@
 // A process that rewrites the archive while it is checked and extracted.
+#include "base/error.h"
 #include "codesign_archives.h"
-#include "tarncodesign/archive_error.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -58,7 +58,7 @@ TEST_F(ArchiveRace, NeverInstallsUnsignedBytesWhileTheArchiveIsRewritten) {
 	const std::string archive = Seal({File("f", content)});
 	const std::string good = ReadFile(archive);
 	const std::string evil = ReadFile(SealPayload(CompressZstd(MakeTar({File("f", RandomBytes(kContentSize, 2))})), 1,
-	    kContentSize, publisher::SigningKey::Generate()));
+	    kContentSize, archive::SigningKey::Generate()));
 	ASSERT_EQ(good.size(), evil.size());
 	int refused = 0;
 	{

@@ -1,6 +1,7 @@
-#include "download.h"
-#include "download_guard.h"
-#include "download_settings.h"
+#include "base/unique_fd.h"
+#include "platform/tarncore/download.h"
+#include "platform/tarncore/download_guard.h"
+#include "platform/tarncore/download_settings.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 
@@ -9,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <base/unique_fd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "hostinfo.h"
+#include "platform/tarncore/hostinfo.h"
 #include "temporary_directory.h"
 
 #include <tarncore/tarncore.h>

@@ -1,6 +1,7 @@
-#include "child_process.h"
-#include "environment.h"
-#include "hostinfo.h"
+#include "base/process.h"
+#include "base/unique_fd.h"
+#include "platform/tarncore/environment.h"
+#include "platform/tarncore/hostinfo.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 
@@ -9,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>

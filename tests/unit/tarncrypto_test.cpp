@@ -1,5 +1,5 @@
-#include "device_id.h"
-#include "hwid.h"
+#include "platform/tarncrypto/device_id.h"
+#include "platform/tarncrypto/hwid.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 

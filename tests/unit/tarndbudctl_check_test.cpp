@@ -1,11 +1,10 @@
+#include "dataupdate/file_lock.h"
+#include "host/library/failure.h"
+#include "host/library/file_changes.h"
+#include "host/library/file_check.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/file_changes.h>
-#include <tarndbudctl/file_check.h>
 
 #include <gtest/gtest.h>
 #include <json/json.h>

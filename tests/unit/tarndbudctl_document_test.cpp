@@ -1,17 +1,16 @@
+#include "base/unique_fd.h"
 #include "expect_error.h"
+#include "host/library/checked_info_getter.h"
+#include "host/library/checked_io.h"
+#include "host/library/document_problem.h"
+#include "host/terminal/text.h"
 #include "mocks.h"
 #include "temporary_directory.h"
-
-#include <tarndbudctl/checked_info_getter.h>
-#include <tarndbudctl/checked_io.h>
-#include <tarndbudctl/document_problem.h>
-#include <tarndbudctl/text.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
-#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>

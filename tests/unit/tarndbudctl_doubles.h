@@ -2,11 +2,10 @@
 #ifndef TARN_TESTS_TARNDBUDCTL_DOUBLES_H
 #define TARN_TESTS_TARNDBUDCTL_DOUBLES_H
 
+#include "dataupdate/update_error.h"
+#include "host/commands/commands.h"
+#include "host/library/services.h"
 #include "mocks.h"
-
-#include <dataupdate/update_error.h>
-#include <tarndbudctl/commands.h>
-#include <tarndbudctl/services.h>
 
 #include <gmock/gmock.h>
 

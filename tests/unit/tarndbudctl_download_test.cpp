@@ -1,9 +1,8 @@
+#include "dataupdate/internal/paths.h"
+#include "host/library/checked_info_getter.h"
+#include "host/library/checked_io.h"
+#include "host/library/download_limits.h"
 #include "mocks.h"
-
-#include <dataupdate/paths.h>
-#include <tarndbudctl/checked_info_getter.h>
-#include <tarndbudctl/checked_io.h>
-#include <tarndbudctl/download_limits.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
+#include "dataupdate/update_error.h"
+#include "host/library/failure.h"
 #include "mocks.h"
 
-#include <dataupdate/update_error.h>
 #include <tarncore/tarncore.h>
-#include <tarndbudctl/failure.h>
 
 #include <boost/filesystem/exception.hpp>
 #include <gmock/gmock.h>

@@ -1,11 +1,10 @@
+#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/updater.h"
+#include "host/library/file_changes.h"
+#include "host/library/file_check.h"
+#include "host/library/installed_files.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/replacement_mark.h>
-#include <dataupdate/updater.h>
-#include <tarndbudctl/file_changes.h>
-#include <tarndbudctl/file_check.h>
-#include <tarndbudctl/installed_files.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,14 +1,13 @@
+#include "base/whole_file.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "host/library/failure.h"
+#include "host/library/installed_package.h"
+#include "host/library/metrics.h"
+#include "host/library/run_record.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/paths.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/installed_package.h>
-#include <tarndbudctl/metrics.h>
-#include <tarndbudctl/run_record.h>
-#include <tarndbudctl/whole_file.h>
 
 #include <gtest/gtest.h>
 #include <json/reader.h>

@@ -1,13 +1,13 @@
 // What the host knows of the packages that it installs.
+#include "host/library/failure.h"
+#include "host/library/installed_package.h"
+#include "host/library/noting_info_getter.h"
+#include "host/library/opened_packages.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
 #include <tarncodesign/tarncodesign.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/installed_package.h>
-#include <tarndbudctl/noting_info_getter.h>
-#include <tarndbudctl/opened_packages.h>
 
 #include <gtest/gtest.h>
 

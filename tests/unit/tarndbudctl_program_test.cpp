@@ -1,8 +1,7 @@
+#include "dataupdate/interruption.h"
+#include "host/library/failure.h"
+#include "host/program.h"
 #include "tarndbudctl_doubles.h"
-
-#include <dataupdate/interruption.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/program.h>
 
 #include <gtest/gtest.h>
 #include <json/value.h>

@@ -1,7 +1,6 @@
+#include "dataupdate/updater.h"
+#include "host/terminal/progress_line.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/updater.h>
-#include <tarndbudctl/progress_line.h>
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,9 @@
+#include "dataupdate/file_lock.h"
+#include "host/commands/child_command.h"
+#include "host/library/failure.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <tarndbudctl/child_command.h>
-#include <tarndbudctl/failure.h>
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,9 @@
+#include "dataupdate/internal/replacement_mark.h"
+#include "host/library/file_check.h"
+#include "host/library/recording_info_getter.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/replacement_mark.h>
-#include <tarndbudctl/file_check.h>
-#include <tarndbudctl/recording_info_getter.h>
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,10 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/interruption.h"
+#include "host/library/failure.h"
+#include "host/library/run_record.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/interruption.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/run_record.h>
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,14 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "host/commands/child_command.h"
+#include "host/library/failure.h"
+#include "host/library/lock_files.h"
+#include "host/library/reader_lock.h"
+#include "host/library/safe_places.h"
+#include "host/own_umask.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/paths.h>
-#include <tarndbudctl/child_command.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/lock_files.h>
-#include <tarndbudctl/own_umask.h>
-#include <tarndbudctl/reader_lock.h>
-#include <tarndbudctl/safe_places.h>
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,8 @@
 #include "expect_error.h"
+#include "host/commands/commands.h"
+#include "host/library/services.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <tarndbudctl/commands.h>
-#include <tarndbudctl/services.h>
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,9 @@
+#include "dataupdate/utils.h"
 #include "expect_error.h"
+#include "host/library/failure.h"
+#include "host/library/settings.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/utils.h>
-#include <tarndbudctl/failure.h>
-#include <tarndbudctl/settings.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,10 +1,9 @@
 #include "expect_error.h"
+#include "host/library/installed_package.h"
+#include "host/library/status_report.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
-
-#include <tarndbudctl/installed_package.h>
-#include <tarndbudctl/status_report.h>
 
 #include <gtest/gtest.h>
 #include <json/reader.h>

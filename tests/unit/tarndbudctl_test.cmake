@@ -22,4 +22,3 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_volume_test.cpp
 	private_root.cpp
 	LIBRARIES tarndbudctl_objects tarn_base)
-target_include_directories(tarndbudctl_test PRIVATE ${PROJECT_SOURCE_DIR}/tools)

@@ -1,5 +1,5 @@
-#include <tarndbudctl/terminal.h>
-#include <tarndbudctl/text.h>
+#include "host/terminal/terminal.h"
+#include "host/terminal/text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "host/library/failure.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
-#include <dataupdate/file_lock.h>
-#include <dataupdate/paths.h>
 #include <tarncore/tarncore.h>
-#include <tarndbudctl/failure.h>
 
 #include <gtest/gtest.h>
 

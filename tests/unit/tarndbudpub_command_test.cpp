@@ -1,9 +1,9 @@
 // The publisher's commands: arguments, exit codes, what they print and where.
-#include "command_line.h"
 #include "diff_fixture.h"
-#include "exit_codes.h"
-#include "progress.h"
-#include "publish_error.h"
+#include "publisher/exit_codes.h"
+#include "publisher/command_line.h"
+#include "publisher/progress.h"
+#include "publisher/publish_error.h"
 #include "publisher_fixture.h"
 
 #include <gmock/gmock.h>
@@ -193,7 +193,7 @@ TEST_F(Command, RestoreTellsWhatItWroteAndWhatItCouldNot) {
 }
 
 TEST_F(Command, VerifyNamesTheKeyThatSigned) {
-	publisher::GenerateKeyFiles(directory_ / "other");
+	archive::GenerateKeyFiles(directory_ / "other");
 	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
 	EXPECT_EQ(Run({"verify", Package(1), "--key", directory_ / "key.pub"}), publisher::kDone);
 	EXPECT_THAT(out_.str(), HasSubstr("is whole and signed by " + (directory_ / "key.pub")));

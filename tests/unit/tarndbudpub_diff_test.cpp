@@ -1,6 +1,6 @@
 // Diff packages: what they hold, when there is one, and what the document says about them.
+#include "archive/signing_key.h"
 #include "diff_fixture.h"
-#include "signing_key.h"
 
 #include <gmock/gmock.h>
 
@@ -151,11 +151,11 @@ TEST_F(DiffPublishing, IsLeftOutWithoutThePackageBefore) {
 
 TEST_F(DiffPublishing, TrustsNoPackageThatAnotherKeySigned) {
 	PublishChange();
-	publisher::GenerateKeyFiles(directory_ / "second");
+	archive::GenerateKeyFiles(directory_ / "second");
 	options_.key_file = directory_ / "second.key";
 	PublishChange();
 	ExpectRefusal("db_v1.tarn has no signature by a trusted key");
-	publisher::GenerateKeyFiles(directory_ / "third");
+	archive::GenerateKeyFiles(directory_ / "third");
 	options_.key_file = directory_ / "third.key";
 	options_.old_keys = {PublicKey(), directory_ / "second.pub"};
 	PublishChange();

@@ -1,14 +1,14 @@
 // Single patches: their header, and the choice between ways by size.
-#include "compressed_size.h"
+#include "decoder/decode.h"
 #include "diff_fixture.h"
-#include "file_encoder.h"
-#include "parallel.h"
-#include "program.h"
-#include "script_encoder.h"
-#include "sqlite_content.h"
-#include "tarndbudvcdiff/decode.h"
-#include "vcdiff_encoder.h"
-#include "work_directory.h"
+#include "publisher/program.h"
+#include "publisher/compressed_size.h"
+#include "publisher/file_encoder.h"
+#include "publisher/parallel.h"
+#include "publisher/script_encoder.h"
+#include "publisher/sqlite_content.h"
+#include "publisher/vcdiff_encoder.h"
+#include "publisher/work_directory.h"
 
 #include <gmock/gmock.h>
 

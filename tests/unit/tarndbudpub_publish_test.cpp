@@ -1,11 +1,11 @@
 // What a repository holds after publishing, after refusals and after publishers that were killed.
-#include "diff_package.h"
+#include "base/unique_fd.h"
+#include "publisher/diff_package.h"
 #include "publisher_fixture.h"
 
 #include <climits>
 #include <gmock/gmock.h>
 
-#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -204,7 +204,7 @@ TEST_F(Publishing, GivesTheSameBytesForTheSameTree) {
 TEST_F(Publishing, SignsTheTimeThatTheDocumentNames) {
 	const FixedTime time("1700000000");
 	Publish();
-	const Json::Value metadata = publisher::ReadMetadata(codesign::ArchiveFile(Package(1)));
+	const Json::Value metadata = publisher::ReadMetadata(archive::ArchiveFile(Package(1)));
 	EXPECT_EQ(metadata["published"], Json::Value(1700000000));
 	EXPECT_EQ(metadata["published"], Document()["db_list"]["db"]["last_fetch_time"]);
 }

@@ -1,8 +1,8 @@
 // Documents that are rebuilt from packages, and what publishers make of them afterwards.
+#include "archive/signing_key.h"
 #include "diff_fixture.h"
-#include "publish_error.h"
-#include "restore.h"
-#include "signing_key.h"
+#include "publisher/publish_error.h"
+#include "publisher/restore.h"
 
 #include <gmock/gmock.h>
 
@@ -195,7 +195,7 @@ TEST_F(Restoring, NamesAsManyDiffsAsItIsTold) {
 TEST_F(Restoring, BelievesNoPackageThatIsNotSignedOrNotInItsPlace) {
 	PublishUpTo(2);
 	fs::remove(DocumentPath());
-	publisher::GenerateKeyFiles(directory_ / "other");
+	archive::GenerateKeyFiles(directory_ / "other");
 	restore_.keys = {directory_ / "other.pub"};
 	EXPECT_THAT(Failure(), HasSubstr("db is not restored: none of its full packages can be used; --old-key names"));
 	EXPECT_THAT(warnings_, Contains(HasSubstr("db_v2.tarn has no signature by a trusted key")));

@@ -1,5 +1,5 @@
 // Scripts with one statement on each line.
-#include "sql_lines.h"
+#include "publisher/sql_lines.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // Which databases hold the same, and which may be changed by scripts.
 #include "diff_fixture.h"
-#include "publish_error.h"
-#include "sqlite_content.h"
-#include "virtual_tables.h"
+#include "publisher/publish_error.h"
+#include "publisher/sqlite_content.h"
+#include "publisher/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>

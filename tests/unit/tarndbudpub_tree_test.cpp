@@ -1,10 +1,10 @@
 // Which trees the publisher takes, and which it refuses because devices could not install them.
+#include "base/unique_fd.h"
+#include "publisher/tree.h"
 #include "publisher_fixture.h"
-#include "tree.h"
 
 #include <gmock/gmock.h>
 
-#include <base/unique_fd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

@@ -1,8 +1,8 @@
 // The readers below the decoder, and the application header.
-#include "tarndbudvcdiff/application_header.h"
-#include "tarndbudvcdiff/content_hash.h"
-#include "tarndbudvcdiff/read_ahead.h"
-#include "tarndbudvcdiff/section_reader.h"
+#include "decoder/application_header.h"
+#include "decoder/content_hash.h"
+#include "decoder/read_ahead.h"
+#include "decoder/section_reader.h"
 #include "temporary_directory.h"
 #include "vcdiff_builder.h"
 

@@ -1,5 +1,5 @@
 // What happens to descriptors when the system refuses one in the middle of reading a directory of hooks.
-#include "hook_directory.h"
+#include "platform/tarnsdk/hook_directory.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 

@@ -1,5 +1,6 @@
-#include "hook_arguments.h"
-#include "hook_runner.h"
+#include "base/unique_fd.h"
+#include "platform/tarnsdk/hook_arguments.h"
+#include "platform/tarnsdk/hook_runner.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 
@@ -9,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <base/unique_fd.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>

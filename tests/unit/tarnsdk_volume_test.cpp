@@ -1,8 +1,8 @@
-#include "mount_table.h"
+#include "platform/tarnsdk/mount_table.h"
+#include "platform/tarnsdk/volume_config.h"
+#include "platform/tarnsdk/volume_list.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
-#include "volume_config.h"
-#include "volume_list.h"
 
 #include <tarncore/tarncore.h>
 #include <tarnsdk/volume.h>

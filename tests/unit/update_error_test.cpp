@@ -1,4 +1,4 @@
-#include <dataupdate/update_error.h>
+#include "dataupdate/update_error.h"
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,5 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/update.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
@@ -5,9 +7,6 @@
 #include "mocks.h"
 #include "private_root.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/file_lock.h>
-#include <dataupdate/update.h>
 
 #include <syslog.h>
 

@@ -1,10 +1,9 @@
+#include "dataupdate/volume_handler.h"
 #include "expect_error.h"
 #include "fake_platform.h"
 #include "log_lines.h"
 #include "mocks.h"
 #include "temporary_directory.h"
-
-#include <dataupdate/volume_handler.h>
 
 #include <syslog.h>
 

@@ -1,13 +1,13 @@
+#include "base/volume_safety.h"
+#include "platform/tarnsdk/volume_list.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
-#include "volume_list.h"
 
 #include <tarnsdk/volume.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <base/volume_safety.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>

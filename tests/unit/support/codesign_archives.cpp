@@ -1,6 +1,6 @@
 #include "codesign_archives.h"
 
-#include "archive_sealer.h"
+#include "archive/sealer.h"
 
 #include <zstd.h>
 
@@ -116,8 +116,8 @@ std::string RandomBytes(std::size_t size, unsigned seed) {
 	return bytes;
 }
 
-codesign::TrustedKey Trusted(const publisher::SigningKey& key, const std::string& name) {
-	return {name, codesign::PublicKey::FromPem(key.PublicPem())};
+archive::TrustedKey Trusted(const archive::SigningKey& key, const std::string& name) {
+	return {name, archive::PublicKey::FromPem(key.PublicPem())};
 }
 
 ArchiveTest::ArchiveTest() {
@@ -127,11 +127,11 @@ ArchiveTest::ArchiveTest() {
 }
 
 std::string ArchiveTest::SealPayload(const std::string& payload, std::uint64_t entries, std::uint64_t bytes,
-    const publisher::SigningKey& key, std::uint32_t key_type) {
+    const archive::SigningKey& key, std::uint32_t key_type) {
 	std::string path = directory_ / ("archive" + std::to_string(archives_++));
-	publisher::ArchiveSealer sealer(directory_.Path().string());
+	archive::ArchiveSealer sealer(directory_.Path().string());
 	sealer.Append(payload);
-	codesign::ArchiveHead head;
+	archive::ArchiveHead head;
 	head.key_type = key_type;
 	head.entry_count = entries;
 	head.unpacked_size = bytes;
@@ -151,14 +151,14 @@ std::string ArchiveTest::Seal(const std::vector<TarMember>& members, const Decla
 	    declared.bytes.value_or(bytes), key_, declared.key_type);
 }
 
-void ArchiveTest::Install(const std::string& archive, const codesign::Limits& limits) {
-	const codesign::ArchiveFile file(archive);
+void ArchiveTest::Install(const std::string& archive, const archive::Limits& limits) {
+	const archive::ArchiveFile file(archive);
 	file.Check(trusted_, 6);
 	const UniqueFd out(open((directory_ / "out").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	codesign::Extract(file, out.Get(), {}, limits);
+	archive::Extract(file, out.Get(), {}, limits);
 }
 
-std::string ArchiveTest::InstallError(const std::string& archive, const codesign::Limits& limits) {
+std::string ArchiveTest::InstallError(const std::string& archive, const archive::Limits& limits) {
 	try {
 		Install(archive, limits);
 		return "";

@@ -2,9 +2,9 @@
 #ifndef TARN_TESTS_CODESIGN_ARCHIVES_H
 #define TARN_TESTS_CODESIGN_ARCHIVES_H
 
-#include "signing_key.h"
-#include "tarncodesign/archive_file.h"
-#include "tarncodesign/extractor.h"
+#include "archive/extractor.h"
+#include "archive/file.h"
+#include "archive/signing_key.h"
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>
@@ -61,14 +61,14 @@ protected:
 
 	/** Writes a signed archive with a payload; the head declares what it is told. */
 	std::string SealPayload(const std::string& payload, std::uint64_t entries, std::uint64_t bytes,
-	    const publisher::SigningKey& key, std::uint32_t key_type = 6);
+	    const archive::SigningKey& key, std::uint32_t key_type = 6);
 	/** Writes a signed archive with members. */
 	std::string Seal(const std::vector<TarMember>& members, const Declared& declared = {});
 
 	/** What a device does: open, check, extract to "out". */
-	void Install(const std::string& archive, const codesign::Limits& limits = {});
+	void Install(const std::string& archive, const archive::Limits& limits = {});
 	/** The text of what Install() throws; empty when it succeeds. */
-	std::string InstallError(const std::string& archive, const codesign::Limits& limits = {});
+	std::string InstallError(const std::string& archive, const archive::Limits& limits = {});
 
 	void EmptyDestination();
 	/** Relative names below "out" with their content; "-> target" for links, "/" for directories. */
@@ -76,8 +76,8 @@ protected:
 	void ExpectOutsideUntouched() const;
 
 	TemporaryDirectory directory_;
-	publisher::SigningKey key_ = publisher::SigningKey::Generate();
-	std::vector<codesign::TrustedKey> trusted_;
+	archive::SigningKey key_ = archive::SigningKey::Generate();
+	std::vector<archive::TrustedKey> trusted_;
 	std::string metadata_ = R"({"id":"test"})"; // of every archive that is sealed
 
 private:
@@ -85,7 +85,7 @@ private:
 };
 
 /** The public half of a key, as a device trusts it. */
-codesign::TrustedKey Trusted(const publisher::SigningKey& key, const std::string& name = "key.pub");
+archive::TrustedKey Trusted(const archive::SigningKey& key, const std::string& name = "key.pub");
 
 } // namespace tarn::test
 

@@ -1,8 +1,8 @@
 #include "device_tree.h"
 
-#include "dataupdate/patcher.h"
-#include "tarncodesign/extractor.h"
-#include "tarndbudvcdiff/decode.h"
+#include "archive/extractor.h"
+#include "dataupdate/internal/patcher.h"
+#include "decoder/decode.h"
 
 #include <fcntl.h>
 
@@ -18,19 +18,19 @@ std::string ShortContent(const std::string& content) {
 	if (content.size() < kShort) {
 		return content;
 	}
-	const codesign::Digest digest = codesign::Sha256(content.data(), content.size());
-	return std::to_string(content.size()) + " bytes " + codesign::Hex(digest.data(), digest.size());
+	const archive::Digest digest = archive::Sha256(content.data(), content.size());
+	return std::to_string(content.size()) + " bytes " + archive::Hex(digest.data(), digest.size());
 }
 
 } // namespace
 
 void UnpackPackage(const std::string& package, const std::string& public_key, const std::string& directory) {
-	const codesign::ArchiveFile archive(package);
-	std::vector<codesign::TrustedKey> keys;
-	keys.push_back(codesign::LoadPublicKeyFile(public_key));
+	const archive::ArchiveFile archive(package);
+	std::vector<archive::TrustedKey> keys;
+	keys.push_back(archive::LoadPublicKeyFile(public_key));
 	archive.Check(keys, 6);
 	const UniqueFd out(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	codesign::Extract(archive, out.Get());
+	archive::Extract(archive, out.Get());
 }
 
 std::map<std::string, std::string> FilesBelow(const std::string& directory) {

@@ -1,6 +1,6 @@
 #include "diff_fixture.h"
 
-#include "diff_package.h"
+#include "publisher/diff_package.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 
@@ -46,14 +46,14 @@ std::vector<int> DiffPublisherTest::OfferedDiffs() const {
 std::map<std::string, std::string> DiffPublisherTest::KindsIn(int version) const {
 	std::map<std::string, std::string> kinds;
 	for (const publisher::DiffMember& member :
-	    publisher::ReadDiffPackage(codesign::ArchiveFile(Diff(version))).members) {
+	    publisher::ReadDiffPackage(archive::ArchiveFile(Diff(version))).members) {
 		kinds[member.name] = publisher::PatchKindName(member.kind);
 	}
 	return kinds;
 }
 
 Json::Value DiffPublisherTest::MetadataOf(int version) const {
-	return publisher::ReadMetadata(codesign::ArchiveFile(Diff(version)));
+	return publisher::ReadMetadata(archive::ArchiveFile(Diff(version)));
 }
 
 std::map<std::string, std::string> DiffPublisherTest::Followed(int from, int to) const {

@@ -1,7 +1,7 @@
 #include "publisher_fixture.h"
 
-#include "signing_key.h"
-#include "tarncodesign/extractor.h"
+#include "archive/extractor.h"
+#include "archive/signing_key.h"
 
 #include <fcntl.h>
 
@@ -12,7 +12,7 @@ namespace tarn::test {
 namespace fs = std::filesystem;
 
 PublisherTest::PublisherTest() {
-	publisher::GenerateKeyFiles(directory_ / "key");
+	archive::GenerateKeyFiles(directory_ / "key");
 	options_.tree = directory_ / "tree";
 	options_.repository = directory_ / "repo";
 	options_.id = "db";
@@ -53,12 +53,12 @@ Json::Value PublisherTest::Document(const std::string& version) const {
 
 std::map<std::string, std::string> PublisherTest::InstalledFrom(const std::string& package) const {
 	const TemporaryDirectory destination;
-	const codesign::ArchiveFile archive(package);
-	std::vector<codesign::TrustedKey> keys;
-	keys.push_back(codesign::LoadPublicKeyFile(directory_ / "key.pub"));
+	const archive::ArchiveFile archive(package);
+	std::vector<archive::TrustedKey> keys;
+	keys.push_back(archive::LoadPublicKeyFile(directory_ / "key.pub"));
 	archive.Check(keys, 6);
 	const UniqueFd out(open(destination.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	codesign::Extract(archive, out.Get());
+	archive::Extract(archive, out.Get());
 	std::map<std::string, std::string> files;
 	for (const fs::directory_entry& entry : fs::recursive_directory_iterator(destination.Path())) {
 		if (entry.is_regular_file() && !entry.is_symlink()) {

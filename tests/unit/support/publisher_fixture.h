@@ -2,7 +2,7 @@
 #ifndef TARN_TESTS_PUBLISHER_FIXTURE_H
 #define TARN_TESTS_PUBLISHER_FIXTURE_H
 
-#include "publish.h"
+#include "publisher/publish.h"
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "vcdiff_builder.h"
 
-#include "tarndbudvcdiff/application_header.h"
-#include "tarndbudvcdiff/content_hash.h"
+#include "decoder/application_header.h"
+#include "decoder/content_hash.h"
 
 namespace tarn::vcdiff::test {
 

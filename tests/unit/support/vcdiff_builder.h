@@ -2,8 +2,8 @@
 #ifndef TARN_TESTS_VCDIFF_BUILDER_H
 #define TARN_TESTS_VCDIFF_BUILDER_H
 
-#include "tarndbudvcdiff/code_table.h"
-#include "tarndbudvcdiff/decode.h"
+#include "decoder/code_table.h"
+#include "decoder/decode.h"
 
 #include <cstdint>
 #include <initializer_list>

@@ -1,0 +1,50 @@
+#ifndef ARCHIVE_ED25519_H
+#define ARCHIVE_ED25519_H
+
+#include "archive/head.h"
+
+#include <openssl/evp.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tarn::archive {
+
+struct KeyDeleter {
+	void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+using KeyHandle = std::unique_ptr<EVP_PKEY, KeyDeleter>;
+
+/** An Ed25519 key that verifies. */
+class PublicKey {
+public:
+	/** Reads PEM ("PUBLIC KEY"); throws Error when it holds no Ed25519 key. */
+	static PublicKey FromPem(std::string_view pem);
+
+	/** Whether the signature is this key's over the message. */
+	bool Verify(std::string_view message, const Signature& signature) const;
+	/** SHA-256 of the 32 key bytes in hexadecimal. */
+	std::string Fingerprint() const;
+
+private:
+	explicit PublicKey(KeyHandle key) : key_(std::move(key)) {}
+	KeyHandle key_;
+};
+
+/** Reads a key from PEM text by one of OpenSSL's readers; null when it holds none. Never asks for a passphrase. */
+KeyHandle ReadPublicPem(std::string_view pem);
+KeyHandle ReadPrivatePem(std::string_view pem);
+
+/** Throws Error unless the handle holds an Ed25519 key. */
+void RequireEd25519(const KeyHandle& key);
+
+/** SHA-256 of a buffer. */
+Digest Sha256(const void* data, std::size_t size);
+
+/** Bytes as lower-case hexadecimal digits. */
+std::string Hex(const unsigned char* bytes, std::size_t size);
+
+} // namespace tarn::archive
+
+#endif

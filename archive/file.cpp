@@ -1,0 +1,87 @@
+#include "archive/file.h"
+
+#include "base/error.h"
+#include "base/file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace tarn::archive {
+
+namespace {
+
+std::uint64_t SizeOf(int fd) {
+	struct stat status {};
+	if (fstat(fd, &status) != 0) {
+		ThrowErrno("cannot get status");
+	}
+	return static_cast<std::uint64_t>(status.st_size);
+}
+
+ArchiveHead ReadHead(int fd) {
+	std::string bytes(kHeadSize, '\0');
+	if (!ReadFullyAt(fd, bytes.data(), bytes.size(), 0)) {
+		throw Error("is too short for a signed archive");
+	}
+	return DecodeHead(bytes);
+}
+
+} // namespace
+
+ArchiveFile::ArchiveFile(const std::string& path) : fd_(OpenRegularFile(AT_FDCWD, path)), head_(ReadHead(fd_.Get())) {
+	// Compared before anything is allocated, so that a small file cannot ask for much memory.
+	const std::uint64_t size = SizeOf(fd_.Get());
+	if (size != head_.FileSize()) {
+		throw Error("is damaged: it has " + std::to_string(size) + " bytes where its head says " +
+		            std::to_string(head_.FileSize()));
+	}
+	message_ = kSignatureDomain;
+	message_.resize(kSignatureDomain.size() + head_.SignatureOffset());
+	if (!ReadFullyAt(fd_.Get(), &message_[kSignatureDomain.size()], head_.SignatureOffset(), 0) ||
+	    !ReadFullyAt(fd_.Get(), signature_.data(), signature_.size(), head_.SignatureOffset())) {
+		throw Error("became shorter while it was read");
+	}
+	// The head was read twice; only these bytes are the ones whose signature is checked.
+	const ArchiveHead again = DecodeHead(SignedPart().substr(0, kHeadSize));
+	if (EncodeHead(again) != EncodeHead(head_)) {
+		throw Error("changed while it was read");
+	}
+}
+
+std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_t key_type) const {
+	if (keys.empty()) {
+		throw Error("cannot be checked: there is no trusted key");
+	}
+	const auto signer = std::find_if(keys.begin(), keys.end(),
+	    [this](const TrustedKey& trusted) { return trusted.key.Verify(message_, signature_); });
+	if (signer == keys.end()) {
+		throw Error("has no signature by a trusted key");
+	}
+	if (head_.key_type != key_type) {
+		throw Error("is signed for key type " + std::to_string(head_.key_type) + ", not " + std::to_string(key_type));
+	}
+	std::vector<char> buffer;
+	for (std::uint64_t index = 0; index < head_.ChunkCount(); ++index) {
+		ReadChunk(index, buffer);
+	}
+	return static_cast<std::size_t>(signer - keys.begin());
+}
+
+void ArchiveFile::ReadChunk(std::uint64_t index, std::vector<char>& buffer) const {
+	const std::uint64_t offset = index * head_.chunk_size;
+	buffer.resize(static_cast<std::size_t>(std::min<std::uint64_t>(head_.chunk_size, head_.payload_size - offset)));
+	if (!ReadFullyAt(fd_.Get(), buffer.data(), buffer.size(), head_.PayloadOffset() + offset)) {
+		throw Error("became shorter while it was read");
+	}
+	const std::string_view expected = SignedPart().substr(head_.TableOffset() + index * kDigestSize, kDigestSize);
+	const Digest digest = Sha256(buffer.data(), buffer.size());
+	if (std::memcmp(digest.data(), expected.data(), kDigestSize) != 0) {
+		throw Error("is damaged: the payload differs from its signed digest at byte " +
+		            std::to_string(head_.PayloadOffset() + offset));
+	}
+}
+
+} // namespace tarn::archive

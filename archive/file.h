@@ -1,0 +1,54 @@
+#ifndef ARCHIVE_FILE_H
+#define ARCHIVE_FILE_H
+
+#include "archive/head.h"
+#include "archive/keys.h"
+#include "base/unique_fd.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarn::archive {
+
+/**
+ * One open archive. Its head part (head, metadata, chunk table, signature) is copied into memory once, when it is
+ * opened; what is checked later and what is believed later are the same bytes, whatever happens to the file.
+ */
+class ArchiveFile {
+public:
+	/** Opens and reads the head part; nothing of it is to be believed before Check(). Throws Error. */
+	explicit ArchiveFile(const std::string& path);
+
+	/**
+	 * Checks everything: signature by one of the keys, key type, every chunk of the payload.
+	 *
+	 * @return the index of the key that signed
+	 * @throws Error
+	 */
+	std::size_t Check(const std::vector<TrustedKey>& keys, std::uint32_t key_type) const;
+
+	/**
+	 * Reads one chunk of the payload and compares it with the table, so that only bytes described by the table are
+	 * ever handed out.
+	 *
+	 * @throws Error when the file no longer holds these bytes
+	 */
+	void ReadChunk(std::uint64_t index, std::vector<char>& buffer) const;
+
+	const ArchiveHead& Head() const { return head_; }
+	std::string_view Metadata() const { return SignedPart().substr(kHeadSize, head_.metadata_size); }
+
+private:
+	std::string_view SignedPart() const { return std::string_view(message_).substr(kSignatureDomain.size()); }
+
+	UniqueFd fd_;
+	ArchiveHead head_;
+	std::string message_; // what is signed: the domain, then all that lies before the signature
+	Signature signature_{};
+};
+
+} // namespace tarn::archive
+
+#endif

@@ -1,0 +1,48 @@
+#ifndef ARCHIVE_PACKAGE_IDENTITY_H
+#define ARCHIVE_PACKAGE_IDENTITY_H
+
+#include "base/error.h"
+
+#include <string>
+#include <string_view>
+
+namespace tarn::archive {
+
+/** A package that is whole and signed, and not the package that was asked for. */
+class NotAskedFor : public Error {
+public:
+	using Error::Error;
+};
+
+/** What a data-update package says about itself in its signed metadata. */
+struct PackageIdentity {
+	std::string id;
+	bool is_diff = false;
+	int data_version = 0;
+	int base_version = 0; // of a diff package: the version that it starts from
+};
+
+/**
+ * Reads a package's identity, as docs/formats.md describes it.
+ *
+ * @param metadata  the archive's metadata; its signature has been checked
+ * @throws Error saying what is wrong in it
+ */
+PackageIdentity ReadPackageIdentity(std::string_view metadata);
+
+/**
+ * Compares a package with the name that its file was given by whoever asked for it: "<id>_v<version>" for a full
+ * package, "<id>_d<version>" for the diff package that leads to the version from the one before it, and "<id>_debug"
+ * for a full package of any version. The signature says that the publisher made a package, but not that it is the one
+ * that a document's link promised: a link can lead to an old version, to another database, or to a package of the other
+ * kind.
+ *
+ * @param metadata   the archive's metadata; its signature has been checked
+ * @param file_name  without directories
+ * @throws NotAskedFor saying what is asked for and what the package is, also when the package does not tell
+ */
+void RequireAskedFor(std::string_view metadata, const std::string& file_name);
+
+} // namespace tarn::archive
+
+#endif

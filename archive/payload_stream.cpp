@@ -1,0 +1,134 @@
+#include "archive/payload_stream.h"
+
+#include "base/error.h"
+
+#include <zstd.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tarn::archive {
+
+namespace {
+
+struct DecoderDeleter {
+	void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
+};
+
+/** Decompresses chunk after chunk into the queue's blocks. */
+class Decoder {
+public:
+	Decoder(BlockQueue& queue, std::uint64_t max_output)
+	    : queue_(queue), left_(max_output), context_(ZSTD_createDCtx()) {
+		if (!context_ ||
+		    ZSTD_isError(ZSTD_DCtx_setParameter(context_.get(), ZSTD_d_windowLogMax, kMaxWindowLog)) != 0) {
+			throw Error("cannot start to decompress");
+		}
+	}
+
+	/** False when nobody wants the rest. */
+	bool Feed(const std::vector<char>& chunk) {
+		ZSTD_inBuffer input = {chunk.data(), chunk.size(), 0};
+		bool full = false;
+		while (input.pos < input.size || (full && !frame_ended_)) {
+			if (output_.dst == nullptr && !NewBlock()) {
+				return false;
+			}
+			const std::size_t result = ZSTD_decompressStream(context_.get(), &output_, &input);
+			if (ZSTD_isError(result) != 0) {
+				throw Error(std::string("cannot be decompressed: ") + ZSTD_getErrorName(result));
+			}
+			frame_ended_ = result == 0;
+			full = output_.pos == output_.size;
+			if (full) {
+				Flush();
+			}
+		}
+		return true;
+	}
+
+	void End() {
+		if (!frame_ended_) {
+			throw Error("has a payload that ends in the middle");
+		}
+		if (output_.dst != nullptr) {
+			Flush();
+		}
+	}
+
+private:
+	bool NewBlock() {
+		char* block = queue_.Acquire();
+		output_ = {block, BlockQueue::kBlockSize, 0};
+		return block != nullptr;
+	}
+
+	void Flush() {
+		if (output_.pos > left_) {
+			throw Error("unpacks to more than its head declares");
+		}
+		left_ -= output_.pos;
+		if (output_.pos > 0) {
+			queue_.Commit(output_.pos);
+		}
+		output_ = {nullptr, 0, 0};
+	}
+
+	BlockQueue& queue_;
+	std::uint64_t left_;
+	std::unique_ptr<ZSTD_DCtx, DecoderDeleter> context_;
+	ZSTD_outBuffer output_ = {nullptr, 0, 0};
+	bool frame_ended_ = false;
+};
+
+void DecodeAll(const ArchiveFile& archive, BlockQueue& queue, std::uint64_t max_output) {
+	try {
+		Decoder decoder(queue, max_output);
+		std::vector<char> chunk;
+		for (std::uint64_t index = 0; index < archive.Head().ChunkCount(); ++index) {
+			archive.ReadChunk(index, chunk);
+			if (!decoder.Feed(chunk)) {
+				break;
+			}
+		}
+		decoder.End();
+		queue.Finish(nullptr);
+	} catch (...) {
+		queue.Finish(std::current_exception());
+	}
+}
+
+// The new thread inherits a mask that blocks everything, so that the host's signal handlers never run on it.
+template<typename Function>
+std::thread StartWithoutSignals(Function function) {
+	sigset_t all{};
+	sigset_t before{};
+	sigfillset(&all);
+	pthread_sigmask(SIG_SETMASK, &all, &before);
+	std::exception_ptr error;
+	std::thread thread;
+	try {
+		thread = std::thread(std::move(function));
+	} catch (...) {
+		error = std::current_exception();
+	}
+	pthread_sigmask(SIG_SETMASK, &before, nullptr);
+	if (error) {
+		std::rethrow_exception(error);
+	}
+	return thread;
+}
+
+} // namespace
+
+PayloadStream::PayloadStream(const ArchiveFile& archive, std::uint64_t max_output)
+    : decoder_(StartWithoutSignals([this, &archive, max_output] { DecodeAll(archive, queue_, max_output); })) {}
+
+PayloadStream::~PayloadStream() {
+	queue_.Stop();
+	decoder_.join();
+}
+
+} // namespace tarn::archive

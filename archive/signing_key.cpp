@@ -1,0 +1,154 @@
+#include "archive/signing_key.h"
+
+#include "base/error.h"
+#include "base/file_io.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <iomanip>
+#include <memory>
+#include <sstream>
+
+namespace tarn::archive {
+
+namespace {
+
+constexpr std::size_t kMaxKeyFileSize = 64U << 10U;
+constexpr mode_t kPrivateMode = 0600;
+constexpr mode_t kPublicMode = 0644;
+
+struct BioDeleter {
+	void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct DigestContextDeleter {
+	void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+template<typename Writer>
+std::string ToPem(const Writer& write) {
+	const std::unique_ptr<BIO, BioDeleter> bio(BIO_new(BIO_s_mem()));
+	if (!bio || write(bio.get()) != 1) {
+		ERR_clear_error();
+		throw Error("A key could not be written in PEM form.");
+	}
+	const char* data = nullptr;
+	const auto size = BIO_get_mem_data(bio.get(), &data);
+	return {data, static_cast<std::size_t>(size)};
+}
+
+/** A new file that is removed again unless it is kept. */
+class NewFile {
+public:
+	NewFile(std::string path, mode_t mode) : path_(std::move(path)) {
+		fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+		if (!fd_) {
+			throw Error(errno == EEXIST
+			                ? path_ + " exists already and is not overwritten; choose another prefix or move it away."
+			                : ErrnoText(path_ + " could not be created", errno) + ".");
+		}
+	}
+	NewFile(const NewFile&) = delete;
+	NewFile& operator=(const NewFile&) = delete;
+	~NewFile() {
+		if (!kept_) {
+			unlink(path_.c_str());
+		}
+	}
+
+	void Write(const std::string& content, mode_t mode) {
+		WriteFully(fd_.Get(), content.data(), content.size(), path_);
+		if (fchmod(fd_.Get(), mode) != 0 || fsync(fd_.Get()) != 0) {
+			throw Error(ErrnoText(path_ + " could not be written", errno) + ".");
+		}
+	}
+	void Keep() { kept_ = true; }
+
+private:
+	std::string path_;
+	UniqueFd fd_;
+	bool kept_ = false;
+};
+
+void WarnOfOthers(int fd, const std::string& path, const std::function<void(const std::string&)>& warn) {
+	struct stat status {};
+	if (fstat(fd, &status) != 0) {
+		ThrowErrno("cannot get status");
+	}
+	constexpr mode_t kOfOthers = 077;
+	if ((status.st_mode & kOfOthers) != 0) {
+		std::ostringstream mode;
+		mode << std::oct << std::setw(4) << std::setfill('0') << (status.st_mode & 07777U);
+		warn("Others than its owner may read or change the private key " + path + " (mode " + mode.str() +
+		     "), and whoever has it publishes to every device: chmod 600 it, and rotate it if somebody has read it.");
+	}
+}
+
+} // namespace
+
+SigningKey SigningKey::Generate() {
+	KeyHandle key(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
+	if (!key) {
+		ERR_clear_error();
+		throw Error("A key could not be generated.");
+	}
+	return SigningKey(std::move(key));
+}
+
+SigningKey SigningKey::Load(const std::string& path, const std::function<void(const std::string&)>& warn) {
+	try {
+		// Unlike an archive a key may well be reached by a link, so that only the size is limited.
+		const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+		if (!fd) {
+			ThrowErrno("cannot be opened");
+		}
+		KeyHandle key = ReadPrivatePem(ReadSmallFile(fd.Get(), kMaxKeyFileSize, "it"));
+		RequireEd25519(key);
+		WarnOfOthers(fd.Get(), path, warn);
+		return SigningKey(std::move(key));
+	} catch (const Error& error) {
+		throw Error("The signing key " + path + " cannot be used: it " + error.what() + ".");
+	}
+}
+
+Signature SigningKey::Sign(std::string_view message) const {
+	const std::unique_ptr<EVP_MD_CTX, DigestContextDeleter> context(EVP_MD_CTX_new());
+	Signature signature{};
+	std::size_t size = signature.size();
+	const auto* bytes = reinterpret_cast<const unsigned char*>(message.data());
+	if (!context || EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key_.get()) != 1 ||
+	    EVP_DigestSign(context.get(), signature.data(), &size, bytes, message.size()) != 1 ||
+	    size != signature.size()) {
+		ERR_clear_error();
+		throw Error("The package could not be signed.");
+	}
+	return signature;
+}
+
+std::string SigningKey::PrivatePem() const {
+	return ToPem([this](BIO* bio) {
+		return PEM_write_bio_PKCS8PrivateKey(bio, key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
+	});
+}
+
+std::string SigningKey::PublicPem() const {
+	return ToPem([this](BIO* bio) { return PEM_write_bio_PUBKEY(bio, key_.get()); });
+}
+
+std::string GenerateKeyFiles(const std::string& prefix) {
+	const SigningKey key = SigningKey::Generate();
+	NewFile private_file(prefix + ".key", kPrivateMode);
+	NewFile public_file(prefix + ".pub", kPublicMode);
+	private_file.Write(key.PrivatePem(), kPrivateMode);
+	public_file.Write(key.PublicPem(), kPublicMode);
+	private_file.Keep();
+	public_file.Keep();
+	return PublicKey::FromPem(key.PublicPem()).Fingerprint();
+}
+
+} // namespace tarn::archive

@@ -1,0 +1,81 @@
+/**
+ * @file
+ * Starting and awaiting other programs, for the platform's own libraries.
+ *
+ * Failures are returned as errno values. Preparing a program allocates memory and may throw std::bad_alloc.
+ */
+#ifndef BASE_PROCESS_H
+#define BASE_PROCESS_H
+
+#include <sys/types.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn::process {
+
+/** A stream of the child that stays what it is in the caller. */
+constexpr int kInheritStream = -1;
+/** A stream of the child that is /dev/null. */
+constexpr int kNullStream = -2;
+
+/** A program to be started. */
+struct Program {
+	std::string path;
+	/** Without argument 0, which is the path. */
+	std::vector<std::string> arguments;
+	/** "NAME=value" strings; the caller's own environment when absent. */
+	std::optional<std::vector<std::string>> environment;
+	/** Standard input, output and error: kInheritStream, kNullStream, or a descriptor of the caller. */
+	std::array<int, 3> streams = {kInheritStream, kInheritStream, kInheritStream};
+	/** The caller's when empty. */
+	std::string working_directory;
+	/** Whether every descriptor above 2 is closed in the child. */
+	bool close_descriptors = true;
+	/** Whether the child leads a process group of its own. */
+	bool new_group = false;
+	/** Whether the child starts with no signal blocked and none ignored. */
+	bool reset_signals = true;
+	/** Whether the child is killed when the calling thread ends before it. */
+	bool dies_with_caller = false;
+	/** The largest file in bytes that the child can make: SIGXFSZ ends it, without a core file, when it writes more. */
+	std::optional<uint64_t> largest_file;
+};
+
+/** Starts a program; on return it has been executed, or the reason why not is returned and nothing is left of it. */
+int Start(const Program& program, pid_t& child);
+
+/** Starts a program that nobody waits for: it becomes a child of the system's reaper and leaves no zombie. */
+int StartDetached(const Program& program);
+
+/** Waits for a child's end; status is as of waitpid(). */
+int Wait(pid_t child, int& status);
+
+/**
+ * Waits for a child's end like Wait(), and asks meanwhile whether it may go on: at once, and after every period. When
+ * it may not, the child is killed.
+ *
+ * @param leads_group  whether the child leads a process group of its own, which is then killed as well
+ */
+int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
+    const std::function<bool()>& may_go_on, int& status);
+
+/** Calls until the call isn't interrupted by a signal. */
+template<typename Call>
+auto RetryOnInterrupt(Call call) {
+	auto result = call();
+	while (result == -1 && errno == EINTR) {
+		result = call();
+	}
+	return result;
+}
+
+} // namespace tarn::process
+
+#endif

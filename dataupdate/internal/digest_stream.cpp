@@ -1,0 +1,78 @@
+#include "dataupdate/internal/digest_stream.h"
+
+#include "dataupdate/interruption.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/utils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+constexpr size_t kBlockBytes = 256UL * 1024;
+
+} // namespace
+
+DigestBuffer::DigestBuffer() = default;
+
+DigestBuffer::~DigestBuffer() {
+	if (fd_ >= 0) {
+		close(fd_);
+	}
+}
+
+bool DigestBuffer::Open(const std::string& path) {
+	// Non-blocking, so that a FIFO or device in a file's place is seen for what it is instead of hanging.
+	fd_ = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+	struct stat status {};
+	if (fd_ < 0 || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) {
+		return false;
+	}
+	posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
+	block_.resize(kBlockBytes);
+	return true;
+}
+
+std::streamsize DigestBuffer::showmanyc() {
+	if (underflow() == traits_type::eof()) {
+		return -1;
+	}
+	return egptr() - gptr();
+}
+
+DigestBuffer::int_type DigestBuffer::underflow() {
+	if (gptr() == egptr()) {
+		InterruptionPoint(); // The stream takes it for a read error.
+		ssize_t count = 0;
+		do {
+			count = read(fd_, block_.data(), block_.size());
+		} while (count < 0 && errno == EINTR);
+		if (count < 0) {
+			throw std::system_error(errno, std::generic_category(), "read");
+		}
+		AddActivityBytes(static_cast<uint64_t>(count));
+		setg(block_.data(), block_.data(), block_.data() + count);
+	}
+	return gptr() == egptr() ? traits_type::eof() : traits_type::to_int_type(*gptr());
+}
+
+DigestStream::DigestStream(const std::string& path) : std::istream(nullptr) {
+	rdbuf(&buffer_);
+	if (!buffer_.Open(path)) {
+		setstate(failbit);
+	}
+}
+
+std::string FileSha384(const std::string& path) {
+	const ActivityScope activity(Phase::kHash, path);
+	DigestStream stream(path);
+	return GetSha384(stream);
+}
+
+} // namespace tarn::dataupdate

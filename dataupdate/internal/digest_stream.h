@@ -1,0 +1,54 @@
+/**
+ * @file
+ * A file as a stream that tells the truth about what is available.
+ */
+#ifndef DATAUPDATE_INTERNAL_DIGEST_STREAM_H
+#define DATAUPDATE_INTERNAL_DIGEST_STREAM_H
+
+#include <istream>
+#include <memory>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+namespace tarn::dataupdate {
+
+/**
+ * Reads a regular file in large blocks. The library's own file buffer asks the kernel for the bytes available in a
+ * 32-bit number, which is 0 with a multiple of 4 GiB left; this one reads ahead and reports what it holds.
+ */
+class DigestBuffer : public std::streambuf {
+public:
+	DigestBuffer();
+	~DigestBuffer() override;
+	DigestBuffer(const DigestBuffer&) = delete;
+	DigestBuffer& operator=(const DigestBuffer&) = delete;
+
+	/** Opens for reading and writing; false when that fails or the path is no regular file. */
+	bool Open(const std::string& path);
+
+protected:
+	/** Bytes read ahead, -1 at the end; throws on a read error, which the stream turns into its bad bit. */
+	std::streamsize showmanyc() override;
+	int_type underflow() override;
+
+private:
+	int fd_ = -1;
+	std::vector<char> block_;
+};
+
+/** An installed file, opened for reading and writing; in a failed state when it cannot be opened so. */
+class DigestStream : public std::istream {
+public:
+	explicit DigestStream(const std::string& path);
+
+private:
+	DigestBuffer buffer_;
+};
+
+/** The SHA-384 digest of a file; that of nothing when the file cannot be opened for reading and writing. */
+std::string FileSha384(const std::string& path);
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,54 @@
+/**
+ * @file
+ * The names in one directory.
+ */
+#ifndef DATAUPDATE_INTERNAL_DIRECTORY_ENTRIES_H
+#define DATAUPDATE_INTERNAL_DIRECTORY_ENTRIES_H
+
+#include <dirent.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace tarn::dataupdate {
+
+struct DirectoryCloser {
+	void operator()(DIR* directory) const { closedir(directory); }
+};
+using DirectoryHandle = std::unique_ptr<DIR, DirectoryCloser>;
+
+/**
+ * What a directory holds but "." and "..". Read whole, so that the directory can be closed before anything is done with
+ * it: a walk may be deeper than descriptors suffice. Compact, for there may be millions of names.
+ */
+class DirectoryEntries {
+public:
+	/** Reads to the end or up to the first error, which Error() tells. */
+	explicit DirectoryEntries(DIR* directory);
+
+	/** The system's error number, 0 for none. */
+	[[nodiscard]] int Error() const { return error_; }
+
+	/** Calls visit(const char* name, bool is_directory) for each, in the order of the directory. */
+	template<typename Visit>
+	void ForEach(const Visit& visit) const {
+		for (std::size_t at = 0; at < marked_names_.size();) {
+			const bool is_directory = marked_names_[at] == kDirectoryMark;
+			const char* const name = &marked_names_[at + 1];
+			at = marked_names_.find('\0', at) + 1;
+			visit(name, is_directory);
+		}
+	}
+
+private:
+	static constexpr char kDirectoryMark = 'd';
+	static constexpr char kOtherMark = '-';
+
+	std::string marked_names_; // For each entry a mark, its name and a zero byte.
+	int error_ = 0;
+};
+
+} // namespace tarn::dataupdate
+
+#endif

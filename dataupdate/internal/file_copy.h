@@ -1,0 +1,43 @@
+/**
+ * @file
+ * Putting regular files into place without waiting for the disk, and taking them away.
+ */
+#ifndef DATAUPDATE_INTERNAL_FILE_COPY_H
+#define DATAUPDATE_INTERNAL_FILE_COPY_H
+
+#include "dataupdate/export.h"
+
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Copies a regular file's content and permission bits to a path that must not exist, sharing extents where the file
+ * system can. Nothing is synced: a sync for every file costs twenty times the copy, so callers sync the file system
+ * once (SyncFileSystem). Throws boost::filesystem::filesystem_error and removes a half-made copy.
+ */
+void CopyRegularFile(const std::string& src, const std::string& dst);
+
+/**
+ * Gives a regular file (or the one that a link leads to) a second name at a path that must not exist, on another file
+ * system a copy. For files that nobody will write to under their first name: takes no space, no copying, and leaves
+ * what is in memory there. Throws as CopyRegularFile().
+ */
+void InstallRegularFile(const std::string& src, const std::string& dst);
+
+/**
+ * Removes one file or link, never a directory, not even an empty one; a missing file is no error. Throws
+ * boost::filesystem::filesystem_error.
+ */
+void RemoveFile(const std::string& path);
+
+/** Brings everything written to the file system that holds a path to its disk. Throws UpdateError "Fail to sync ...".
+ */
+TARNDBUD_EXPORT void SyncFileSystem(const std::string& path);
+
+/** Likewise after a success; where there is no install directory, there is nothing to bring to the disk. */
+void SyncInstalled(const std::string& install_prefix);
+
+} // namespace tarn::dataupdate
+
+#endif

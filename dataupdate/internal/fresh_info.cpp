@@ -1,0 +1,77 @@
+#include "dataupdate/internal/fresh_info.h"
+
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
+
+#include <tarncore/tarncore.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+constexpr char kLogSource[] = "update";
+constexpr int kCacheSeconds = 3600;
+
+/**
+ * The client dates a file as the server does: an old document would never count as cached, and one that is dated in the
+ * future would never be asked for again. A failure leaves it at that.
+ */
+void StartAge(const char* path) {
+	utimensat(AT_FDCWD, path, nullptr, 0);
+}
+
+/**
+ * Stands while the document is being fetched: what a killed fetch leaves is no document, however new its file is. It
+ * needs no more care than that: without it, as before the first fetch, the age alone decides.
+ */
+void MarkFetch() {
+	const int fd = open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+	if (fd >= 0) {
+		close(fd);
+	}
+}
+
+bool IsFetchUnfinished() {
+	return access(kFetchMark, F_OK) == 0;
+}
+
+/** The mark goes with every download that ends: it tells of a process that was killed, and of nothing else. */
+void Fetch(const IOUtils& io, const std::string& url) {
+	if (IsFetchUnfinished()) {
+		unlink(kCachedInfo); // Or it would count once the mark is gone, should this download not even begin.
+	}
+	MarkFetch();
+	try {
+		io.Download(kCachedInfo, url);
+	} catch (const UpdateError&) {
+		unlink(kFetchMark);
+		throw;
+	}
+	StartAge(kCachedInfo);
+	unlink(kFetchMark);
+}
+
+} // namespace
+
+Json::Value GetFreshInfo(const IOUtils& io, const std::function<std::string()>& make_url, unsigned long lock_seconds) {
+	io.TarnMkdir(kCacheDirectory);
+	try {
+		const FileLock lock(kFreshInfoLock, lock_seconds);
+		if (TLIBCFileExist(kCachedInfo) == 0 || IsFetchUnfinished() || io.FileCreateOver(kCachedInfo, kCacheSeconds)) {
+			Fetch(io, make_url());
+		}
+		return io.ReadJson(kCachedInfo);
+	} catch (const UpdateError& error) {
+		TARN_LOG(LOG_INFO, "Fail during fresh database info");
+		TARN_LOG(LOG_INFO, "Error message: %s", error.what());
+		throw;
+	}
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,212 @@
+#include "dataupdate/internal/patcher.h"
+
+#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/patch_description.h"
+#include "dataupdate/internal/patch_names.h"
+#include "dataupdate/internal/sql_script.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
+
+#include <boost/filesystem.hpp>
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+bool ExistsOrThrow(const std::string& path) {
+	try {
+		return fs::exists(fs::status(path));
+	} catch (const fs::filesystem_error&) {
+		throw UpdateError("Fail to get exists info from " + path);
+	}
+}
+
+[[noreturn]] void RefuseAsNotRegular(const std::string& path) {
+	throw UpdateError("Not a regular file: " + path);
+}
+
+/** A link would let a patch change the file that it leads to. Whatever else is no file fails by itself. */
+void CheckNoLink(const std::string& path) {
+	boost::system::error_code ignored;
+	if (fs::is_symlink(fs::symlink_status(path, ignored))) {
+		RefuseAsNotRegular(path);
+	}
+}
+
+/** All of them, so that the first file is not replaced when the last one cannot be. */
+void CheckSources(const std::map<std::string, ModifyInfo>& modify_infos) {
+	for (const auto& [name, info] : modify_infos) {
+		boost::system::error_code ignored;
+		if (info.operation == ModifyInfo::kOverride && !fs::is_regular_file(fs::status(info.source, ignored))) {
+			RefuseAsNotRegular(info.source);
+		}
+	}
+}
+
+/** A link's file belongs to somebody else, who may write to it under its own name. */
+void PutIntoPlace(const std::string& source, const std::string& target) {
+	if (fs::is_symlink(fs::symlink_status(source))) {
+		CopyRegularFile(source, target);
+	} else {
+		InstallRegularFile(source, target);
+	}
+}
+
+void RemoveEmptyDirectories(const fs::path& below) {
+	const auto remove_directory = [](const std::string& entry) {
+		if (fs::is_directory(fs::symlink_status(entry)) && fs::is_empty(entry)) {
+			fs::remove(entry);
+		}
+	};
+	IOUtils().IterateDirectory(below.string(), remove_directory, true);
+}
+
+/** Gives a file another content; whatever made that knows nothing of the file's permissions. */
+void ReplaceContent(const std::string& file, const std::string& content) {
+	try {
+		const fs::perms permissions = fs::status(file).permissions();
+		IOUtils().CopyFile(content, file);
+		fs::permissions(file, permissions);
+	} catch (const fs::filesystem_error& error) {
+		throw UpdateError(std::string("Fail to keep permissions: ") + error.what());
+	}
+}
+
+} // namespace
+
+Patcher::Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
+    std::map<std::string, std::string> digests)
+    : accumulation_directory_(std::move(accumulation_directory)),
+      install_directory_(std::move(install_directory)),
+      decoder_(std::move(decoder)),
+      digests_(std::move(digests)) {}
+
+void Patcher::ApplyPackage(const std::string& package_directory) {
+	for (const PatchMember& member : ReadPatchDescription(package_directory)) {
+		_PatchFile(member.name, member.operation, member.input);
+	}
+}
+
+void Patcher::Install() const {
+	const std::map<std::string, ModifyInfo> modify_infos = ByPlainName(modify_infos_);
+	CheckSources(modify_infos);
+	for (const auto& [name, info] : modify_infos) {
+		const fs::path installed = fs::path(install_directory_) / name;
+		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
+		// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
+		const bool stays_directory = is_directory && (_DeleteBelow(modify_infos, name) || !fs::is_empty(installed)) &&
+		                             info.operation == ModifyInfo::kDelete;
+		if (!stays_directory) {
+			fs::remove(installed);
+		}
+		if (info.operation == ModifyInfo::kOverride) {
+			fs::create_directories(installed.parent_path());
+			PutIntoPlace(info.source, installed.string());
+		}
+	}
+}
+
+bool Patcher::_DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const {
+	const std::string prefix = name + "/";
+	bool has_files = false;
+	for (auto entry = modify_infos.lower_bound(prefix);
+	     entry != modify_infos.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
+		const fs::path installed = fs::path(install_directory_) / entry->first;
+		if (entry->second.operation != ModifyInfo::kDelete) {
+			has_files = true;
+		} else if (!fs::is_directory(fs::symlink_status(installed))) { // One still holds what is deleted after it.
+			fs::remove(installed);
+		}
+	}
+	RemoveEmptyDirectories(fs::path(install_directory_) / name);
+	return has_files;
+}
+
+void Patcher::_PatchFile(const std::string& name, const std::string& operation, const std::string& input) {
+	const ActivityScope activity(Phase::kPatch, (fs::path(install_directory_) / name).string());
+	_ClaimFile(name);
+	if (operation == "create") {
+		const std::string working_copy = _ClaimWorkingCopy(name);
+		IOUtils().CopyFile(input, working_copy);
+		_Record(name, ModifyInfo::kOverride, working_copy);
+	} else if (operation == "update") {
+		const std::string working_copy = _ClaimWorkingCopy(name);
+		_UpdateFile(name, working_copy, input);
+		_Record(name, ModifyInfo::kOverride, working_copy);
+	} else if (operation == "delete") {
+		_Record(name, ModifyInfo::kDelete, accumulation_directory_ + "/" + FlatFileName(name));
+	} else {
+		throw UpdateError((NoexceptFormat("Unknown operation %s for file %s") % operation % name).str());
+	}
+}
+
+void Patcher::_TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const {
+	IOUtils().CopyFile(installed, working_copy);
+	const auto known = digests_.find(installed);
+	boost::system::error_code ignored;
+	const bool is_file = fs::is_regular_file(fs::symlink_status(working_copy, ignored));
+	if (check_digest && is_file && known != digests_.end() && FileSha384(working_copy) != known->second) {
+		throw UpdateError((NoexceptFormat("File %s digest check fail") % installed).str());
+	}
+}
+
+void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
+	const std::string extension = fs::path(input).extension().string();
+	if (!ExistsOrThrow(working_copy)) {
+		const std::string installed = (fs::path(install_directory_) / PlainName(name)).string();
+		_TakeInstalled(installed, working_copy, extension == ".sqlitediff");
+	}
+	CheckNoLink(working_copy);
+	if (extension == ".vcdiff") {
+		_DoVcPatch(working_copy, input);
+	} else if (extension == ".sqlitediff") {
+		_DoSqlitePatch(working_copy, input);
+	} else {
+		throw UpdateError("Unsupported diff type: " + extension);
+	}
+}
+
+void Patcher::_DoVcPatch(const std::string& file, const std::string& patch) const {
+	const std::string output = file + ".patchout";
+	decoder_(file, output, patch);
+	ReplaceContent(file, output);
+	if (unlink(output.c_str()) != 0) {
+		throw UpdateError("Failt to delete " + output);
+	}
+}
+
+void Patcher::_DoSqlitePatch(const std::string& database, const std::string& script) const {
+	ExecuteSqlScript(database, script);
+}
+
+void Patcher::_ClaimFile(const std::string& name) {
+	const std::string& spelling = spellings_.emplace(PlainName(name), name).first->second;
+	if (spelling != name) {
+		throw UpdateError((NoexceptFormat("Names %s and %s mean one file") % spelling % name).str());
+	}
+}
+
+std::string Patcher::_ClaimWorkingCopy(const std::string& name) {
+	const std::string flat = FlatFileName(name);
+	const std::string& owner = names_of_copies_.emplace(flat, name).first->second;
+	if (owner != name) {
+		throw UpdateError((NoexceptFormat("Working copies of %s and %s collide") % owner % name).str());
+	}
+	return accumulation_directory_ + "/" + flat;
+}
+
+void Patcher::_Record(const std::string& name, int32_t operation, const std::string& source) {
+	ModifyInfo& info = modify_infos_[name];
+	info.operation = operation;
+	info.source = source;
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,84 @@
+/**
+ * @file
+ * Carrying out diff packages on working copies.
+ */
+#ifndef DATAUPDATE_INTERNAL_PATCHER_H
+#define DATAUPDATE_INTERNAL_PATCHER_H
+
+#include "dataupdate/strategy.h"
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace tarn::dataupdate {
+
+/**
+ * Applies a chain of unpacked diff packages to copies of installed files, which stay as they are until Install(). Every
+ * file has one working copy for the whole chain, whose name is flat: FlatFileName(). Failures are UpdateError. The
+ * publisher checks its packages by the same class.
+ */
+class Patcher {
+public:
+	/** Makes output from source by a VCDIFF patch; throws, and leaves no output, when that fails. */
+	using Decoder = std::function<void(const std::string& source, const std::string& output, const std::string& patch)>;
+
+	/**
+	 * @param accumulation_directory  an empty directory for the working copies
+	 * @param install_directory       the database's files
+	 * @param decoder                 whatever it throws leaves ApplyPackage() as it is
+	 * @param digests                 what is known of the installed files: SHA-384 by path. A patch tells itself that a
+	 *                                file is not the one it was made for; before a script this is what does
+	 */
+	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
+	    std::map<std::string, std::string> digests = {});
+
+	/**
+	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
+	 * for file <name>", "Unsupported diff type: <extension>", "Fail to get exists info from <working copy>", "Working
+	 * copies of <name> and <name> collide", "Names <name> and <name> mean one file", "Not a regular file: <working
+	 * copy>" where a link would be patched, "File <path> digest check fail",
+	 * IOUtils::CopyFile()'s and the decoder's errors, "Fail to keep permissions: <why>", "Failt to delete <path>" and
+	 * ExecuteSqlScript()'s.
+	 */
+	void ApplyPackage(const std::string& package_directory);
+
+	/** What the chain so far does, by file name. */
+	[[nodiscard]] const std::map<std::string, ModifyInfo>& Modifications() const { return modify_infos_; }
+
+	/**
+	 * Removes or replaces the installed files accordingly. A deleted name may be a directory's: the directory goes with
+	 * what the chain deletes in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
+	 * when a new file's place is taken by a directory with files of which the chain knows nothing. Throws UpdateError
+	 * "Not a regular file: <working copy>", before anything is removed, when a package created something else.
+	 */
+	void Install() const;
+
+private:
+	/**
+	 * For a directory whose name the chain deletes or gives to a file: deletes now what the chain deletes in it, since
+	 * its name comes before theirs. Returns whether the chain puts files into it as well.
+	 */
+	bool _DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const;
+	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
+	void _TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const;
+	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
+	void _DoVcPatch(const std::string& file, const std::string& patch) const;
+	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
+	/** Keeps one file from having two working copies by two spellings of its name. */
+	void _ClaimFile(const std::string& name);
+	std::string _ClaimWorkingCopy(const std::string& name);
+	void _Record(const std::string& name, int32_t operation, const std::string& source);
+
+	std::string accumulation_directory_;
+	std::string install_directory_;
+	Decoder decoder_;
+	std::map<std::string, std::string> digests_;
+	std::map<std::string, std::string> names_of_copies_; // Which name a flat one stands for.
+	std::map<std::string, std::string> spellings_;       // By shortest spelling, the one that the chain uses.
+	std::map<std::string, ModifyInfo> modify_infos_;
+};
+
+} // namespace tarn::dataupdate
+
+#endif

@@ -1,0 +1,150 @@
+#include "dataupdate/internal/remove_tree.h"
+
+#include "base/unique_fd.h"
+#include "dataupdate/internal/directory_entries.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+[[noreturn]] void ThrowErrno(int error = errno) {
+	throw std::system_error(error, std::system_category());
+}
+
+DirectoryEntries List(int directory) {
+	UniqueFd own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const DirectoryHandle handle(own ? fdopendir(own.Get()) : nullptr);
+	if (!handle) {
+		ThrowErrno();
+	}
+	own.Release();
+	return DirectoryEntries(handle.get());
+}
+
+/** Removes a name that is no directory; returns false for a directory. */
+bool Unlink(int directory, const char* name) {
+	if (unlinkat(directory, name, 0) == 0 || errno == ENOENT) {
+		return true;
+	}
+	struct stat status {};
+	const int error = errno;
+	if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode)) {
+		return false;
+	}
+	ThrowErrno(error);
+}
+
+/** Walks with the descriptor of one directory, going up by "..", so that depth costs memory only. */
+class Remover {
+public:
+	explicit Remover(const std::string& root)
+	    : current_(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {
+		if (!current_) {
+			ThrowErrno();
+		}
+		Enter("");
+	}
+
+	/** Leaves the root as an empty directory. */
+	void Run() {
+		while (true) {
+			if (!levels_.back().directories.empty()) {
+				Descend();
+			} else if (levels_.size() > 1) {
+				Ascend();
+			} else {
+				return;
+			}
+		}
+	}
+
+private:
+	struct Level {
+		std::string name; // in the directory above
+		dev_t device = 0;
+		ino_t inode = 0;
+		std::vector<std::string> directories; // which remain to be removed
+	};
+
+	/** Removes all files of the current directory and notes its directories. */
+	void Enter(std::string name) {
+		struct stat status {};
+		if (fstat(current_.Get(), &status) != 0) {
+			ThrowErrno();
+		}
+		Level level = {std::move(name), status.st_dev, status.st_ino, {}};
+		const DirectoryEntries entries = List(current_.Get());
+		entries.ForEach([&](const char* entry, bool is_directory) {
+			if (is_directory || !Unlink(current_.Get(), entry)) {
+				level.directories.emplace_back(entry);
+			}
+		});
+		if (entries.Error() != 0) {
+			ThrowErrno(entries.Error());
+		}
+		levels_.push_back(std::move(level));
+	}
+
+	void Descend() {
+		std::string name = std::move(levels_.back().directories.back());
+		levels_.back().directories.pop_back();
+		UniqueFd below(openat(current_.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+		if (below) {
+			current_ = std::move(below);
+			Enter(std::move(name));
+		} else if (errno != ENOENT) {
+			ThrowErrno();
+		}
+	}
+
+	void Ascend() {
+		const std::string name = std::move(levels_.back().name);
+		levels_.pop_back();
+		UniqueFd above(openat(current_.Get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+		struct stat status {};
+		if (!above || fstat(above.Get(), &status) != 0) {
+			ThrowErrno();
+		}
+		// Whoever moves a directory meanwhile must not lead the walk out of the tree.
+		if (status.st_dev != levels_.back().device || status.st_ino != levels_.back().inode) {
+			ThrowErrno(ESTALE);
+		}
+		current_ = std::move(above);
+		if (unlinkat(current_.Get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+			ThrowErrno();
+		}
+	}
+
+	UniqueFd current_;
+	std::vector<Level> levels_;
+};
+
+} // namespace
+
+void RemoveTree(const std::string& path) {
+	struct stat status {};
+	if (lstat(path.c_str(), &status) != 0) {
+		if (errno == ENOENT || errno == ENOTDIR) {
+			return;
+		}
+		ThrowErrno();
+	}
+	const bool is_directory = S_ISDIR(status.st_mode);
+	if (is_directory) {
+		Remover(path).Run();
+	}
+	if ((is_directory ? rmdir(path.c_str()) : unlink(path.c_str())) != 0 && errno != ENOENT) {
+		ThrowErrno();
+	}
+}
+
+} // namespace tarn::dataupdate

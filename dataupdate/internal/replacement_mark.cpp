@@ -1,0 +1,91 @@
+#include "dataupdate/internal/replacement_mark.h"
+
+#include "base/unique_fd.h"
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
+
+#include <boost/filesystem.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+constexpr char kLogSource[] = "strategy";
+
+/** Whether there is such a name; one that cannot be examined counts. */
+bool MayExist(const std::string& path) {
+	boost::system::error_code ignored;
+	return fs::symlink_status(path, ignored).type() != fs::file_not_found;
+}
+
+bool SyncDirectory(const fs::path& path) {
+	const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	return directory.Get() >= 0 && fsync(directory.Get()) == 0;
+}
+
+bool SyncRecord(const std::string& path) {
+	const UniqueFd record(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	// A host may keep its records elsewhere.
+	return record.Get() < 0 ? errno == ENOENT : fsync(record.Get()) == 0;
+}
+
+bool CreateDurably(const fs::path& path) {
+	const UniqueFd mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+	// The database's directory may be new as well.
+	return mark.Get() >= 0 && fsync(mark.Get()) == 0 && SyncDirectory(path.parent_path()) &&
+	       SyncDirectory(path.parent_path().parent_path());
+}
+
+void SetMark(const fs::path& path) {
+	try {
+		fs::create_directories(path.parent_path());
+	} catch (const fs::filesystem_error& error) {
+		throw UpdateError(std::string("Fail to mark replacement: ") + error.what());
+	}
+	if (!CreateDurably(path)) {
+		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(errno));
+	}
+}
+
+} // namespace
+
+void SetReplacementMark(const std::string& id) {
+	SetMark(ReplacementMarkPath(id));
+}
+
+bool MarkUnfinished(const std::string& id) {
+	const std::string mark = ReplacementMarkPath(id);
+	if (MayExist(mark)) {
+		return false;
+	}
+	try {
+		SetMark(mark);
+	} catch (const UpdateError&) {
+		unlink(mark.c_str()); // There was none before, and nothing will be changed.
+		throw;
+	}
+	return true;
+}
+
+bool IsReplacementMarked(const std::string& id) {
+	return MayExist(ReplacementMarkPath(id)) && MayExist(StatusPath(id));
+}
+
+void ClearReplacementMark(const std::string& id) noexcept {
+	const std::string mark = ReplacementMarkPath(id);
+	const bool is_removed = SyncRecord(StatusPath(id)) && (unlink(mark.c_str()) == 0 || errno == ENOENT);
+	if (!is_removed) {
+		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));
+	}
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,64 @@
+#include "dataupdate/internal/replacement_scope.h"
+
+#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/update_error.h"
+
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+constexpr char kLogSource[] = "update";
+
+/** A host's own Updater may run a strategy in another thread than the one that opened the scope. */
+struct OpenScopes {
+	std::mutex mutex;
+	std::set<ReplacementScope*> scopes;
+};
+
+OpenScopes& GetOpenScopes() {
+	static OpenScopes open;
+	return open;
+}
+
+} // namespace
+
+ReplacementScope::ReplacementScope(std::string id) : id_(std::move(id)) {
+	const std::lock_guard<std::mutex> guard(GetOpenScopes().mutex);
+	GetOpenScopes().scopes.insert(this);
+}
+
+ReplacementScope::~ReplacementScope() {
+	const std::lock_guard<std::mutex> guard(GetOpenScopes().mutex);
+	GetOpenScopes().scopes.erase(this);
+}
+
+void ReplacementScope::EndByRecord() const noexcept {
+	ClearReplacementMark(id_);
+}
+
+void ReplacementScope::Begin() {
+	if (!shield_) {
+		shield_.emplace();
+	}
+	try {
+		SetReplacementMark(id_);
+	} catch (const UpdateError& error) {
+		TARN_LOG(LOG_ERR, "%s", error.what());
+	}
+}
+
+void AnnounceReplacement(const std::string& id) {
+	const std::lock_guard<std::mutex> guard(GetOpenScopes().mutex);
+	for (ReplacementScope* scope : GetOpenScopes().scopes) {
+		if (scope->id_ == id) {
+			scope->Begin();
+		}
+	}
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,82 @@
+#include "dataupdate/internal/sql_limits.h"
+
+#include "dataupdate/interruption.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <mutex>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+std::mutex memory_mutex;
+int memory_users = 0;           // guarded by memory_mutex, as all below
+std::int64_t memory_before = 0; // in use by SQLite before the first user
+std::int64_t former_hard = 0;   // 0 means none
+std::int64_t former_soft = 0;
+
+void SetMemoryLimit() {
+	const std::int64_t limit = memory_before + memory_users * kMaxScriptMemoryBytes;
+	sqlite3_hard_heap_limit64(former_hard > 0 ? std::min(former_hard, limit) : limit);
+}
+
+} // namespace
+
+ScriptMemoryLimit::ScriptMemoryLimit() {
+	const std::lock_guard<std::mutex> guard(memory_mutex);
+	if (++memory_users == 1) {
+		memory_before = sqlite3_memory_used();
+		former_hard = sqlite3_hard_heap_limit64(-1);
+		former_soft = sqlite3_soft_heap_limit64(-1);
+	}
+	SetMemoryLimit();
+}
+
+ScriptMemoryLimit::~ScriptMemoryLimit() {
+	const std::lock_guard<std::mutex> guard(memory_mutex);
+	if (--memory_users > 0) {
+		SetMemoryLimit();
+		return;
+	}
+	sqlite3_hard_heap_limit64(former_hard);
+	sqlite3_soft_heap_limit64(former_soft); // which follows a hard one that is lower
+}
+
+void LimitConnection(sqlite3* connection) {
+	// A single instruction is not interrupted, and some take the product of two lengths.
+	constexpr int kPatternBytes = 1000;
+	constexpr int kInstructions = 1'000'000;
+	sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, kMaxScriptValueBytes);
+	sqlite3_limit(connection, SQLITE_LIMIT_SQL_LENGTH, static_cast<int>(kMaxScriptLineBytes) + 1);
+	sqlite3_limit(connection, SQLITE_LIMIT_VDBE_OP, kInstructions);
+	sqlite3_limit(connection, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, kPatternBytes);
+	sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, 0);
+	sqlite3_limit(connection, SQLITE_LIMIT_WORKER_THREADS, 0);
+	// Neither the schema nor a script writes past virtual tables into what belongs to them.
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_FTS3_TOKENIZER, 0, nullptr);
+}
+
+ScriptWatch::ScriptWatch(sqlite3* connection, std::chrono::seconds time)
+    : connection_(connection), end_(std::chrono::steady_clock::now() + time) {
+	constexpr int kInstructions = 100; // few, because one may work on a text of the greatest length
+	sqlite3_progress_handler(connection_, kInstructions, IsToBeEnded, this);
+}
+
+ScriptWatch::~ScriptWatch() {
+	sqlite3_progress_handler(connection_, 0, nullptr, nullptr);
+}
+
+bool ScriptWatch::IsLate() const {
+	return std::chrono::steady_clock::now() >= end_;
+}
+
+int ScriptWatch::IsToBeEnded(void* watch) {
+	return IsInterrupted() || static_cast<const ScriptWatch*>(watch)->IsLate() ? 1 : 0;
+}
+
+} // namespace tarn::dataupdate

@@ -1,0 +1,54 @@
+/** @file Where the decoder reads and writes: files in the program, memory in its code tables and in tests. */
+#ifndef DECODER_BYTES_H
+#define DECODER_BYTES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarn::vcdiff {
+
+using Byte = std::uint8_t;
+
+/** Bytes that can be read at any place. */
+class ReadableBytes {
+public:
+	ReadableBytes() = default;
+	ReadableBytes(const ReadableBytes&) = delete;
+	ReadableBytes& operator=(const ReadableBytes&) = delete;
+	virtual ~ReadableBytes() = default;
+
+	/** What messages call them. */
+	virtual const std::string& Name() const = 0;
+	virtual std::uint64_t Size() const = 0;
+	/** The caller keeps the range within Size(). Throws DecodeError when it cannot be read. */
+	virtual void ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const = 0;
+};
+
+/** Bytes that grow at their end, and whose earlier part never changes. */
+class GrowingBytes : public ReadableBytes {
+public:
+	/** Throws DecodeError when they cannot be written. */
+	virtual void Append(const Byte* from, std::size_t length) = 0;
+};
+
+class MemoryBytes : public GrowingBytes {
+public:
+	explicit MemoryBytes(std::string name, std::vector<Byte> content = {});
+
+	const std::string& Name() const override { return name_; }
+	std::uint64_t Size() const override { return content_.size(); }
+	void ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const override;
+	void Append(const Byte* from, std::size_t length) override;
+
+	const std::vector<Byte>& Content() const { return content_; }
+
+private:
+	std::string name_;
+	std::vector<Byte> content_;
+};
+
+} // namespace tarn::vcdiff
+
+#endif

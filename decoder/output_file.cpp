@@ -1,0 +1,144 @@
+#include "decoder/output_file.h"
+
+#include "decoder/decode_error.h"
+#include "decoder/input_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <random>
+
+namespace tarn::vcdiff {
+
+namespace {
+
+constexpr mode_t kMode = 0666; // less the umask, as for every new file
+constexpr unsigned kNamesToTry = 100;
+
+std::string DirectoryOf(const std::string& path) {
+	const std::size_t slash = path.rfind('/');
+	return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+std::string DescriptorPath(int fd) {
+	return "/proc/self/fd/" + std::to_string(fd);
+}
+
+/** A nameless file, or none where it could not be given a name later. */
+UniqueFd OpenNameless(const std::string& directory) {
+	UniqueFd fd(open(directory.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, kMode));
+	if (fd && access(DescriptorPath(fd.Get()).c_str(), F_OK) != 0) {
+		return {};
+	}
+	return fd;
+}
+
+void RequireFileOrNothing(const std::string& path) {
+	struct stat status = {};
+	if (path.empty() || path.back() == '/') {
+		throw DecodeError("\"" + path + "\" is not a file's name.");
+	}
+	if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+		throw DecodeError(path + " exists and is not a regular file.");
+	}
+}
+
+} // namespace
+
+OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
+	RequireFileOrNothing(path_);
+	fd_ = OpenNameless(DirectoryOf(path_));
+	if (!fd_) {
+		OpenNamed();
+	}
+}
+
+OutputFile::~OutputFile() {
+	if (!temporary_.empty()) {
+		unlink(temporary_.c_str());
+	}
+}
+
+std::string OutputFile::DrawTemporaryName() const {
+	std::random_device chance;
+	const std::size_t slash = path_.rfind('/');
+	const std::string name = slash == std::string::npos ? path_ : path_.substr(slash + 1);
+	// Cut, so that a name of the greatest length still has one beside it.
+	constexpr std::size_t kKept = 200;
+	return (slash == std::string::npos ? "" : path_.substr(0, slash + 1)) + "." + name.substr(0, kKept) + "." +
+	       std::to_string(chance()) + ".part";
+}
+
+void OutputFile::OpenNamed() {
+	for (unsigned tries = 0; tries < kNamesToTry; ++tries) {
+		const std::string name = DrawTemporaryName();
+		fd_ = UniqueFd(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+		if (fd_) {
+			temporary_ = name;
+			return;
+		}
+		if (errno != EEXIST) {
+			break;
+		}
+	}
+	FailWithErrno(path_, "created");
+}
+
+void OutputFile::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const {
+	ReadFileAt(fd_.Get(), path_, offset, to, length);
+}
+
+void OutputFile::Append(const Byte* from, std::size_t length) {
+	while (length > 0) {
+		const ssize_t count = write(fd_.Get(), from, length);
+		if (count < 0) {
+			if (errno == EINTR) {
+				continue;
+			}
+			FailWithErrno(path_, "written");
+		}
+		const auto part = static_cast<std::size_t>(count);
+		size_ += part;
+		from += part;
+		length -= part;
+	}
+}
+
+bool OutputFile::Link(const std::string& name) const {
+	if (linkat(AT_FDCWD, DescriptorPath(fd_.Get()).c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+		return true;
+	}
+	if (errno != EEXIST) {
+		FailWithErrno(path_, "put in place");
+	}
+	return false;
+}
+
+void OutputFile::LinkTemporary() {
+	for (unsigned tries = 0; tries < kNamesToTry; ++tries) {
+		const std::string name = DrawTemporaryName();
+		if (Link(name)) {
+			temporary_ = name;
+			return;
+		}
+	}
+	FailWithErrno(path_, "put in place");
+}
+
+void OutputFile::Commit() {
+	if (temporary_.empty()) {
+		if (Link(path_)) {
+			return;
+		}
+		// A second name cannot be made over the first of another file; only renaming replaces.
+		LinkTemporary();
+	}
+	if (rename(temporary_.c_str(), path_.c_str()) != 0) {
+		FailWithErrno(path_, "put in place");
+	}
+	temporary_.clear();
+}
+
+} // namespace tarn::vcdiff

@@ -1,0 +1,162 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
+#include "host/commands/commands.h"
+#include "host/library/databases.h"
+#include "host/library/inspection.h"
+#include "host/library/reader_lock.h"
+#include "host/terminal/text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <utility>
+
+namespace tarn::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMostFilesShown = 20;
+constexpr size_t kLongestPath = 4096;
+
+std::string FormatFiles(const std::vector<BadFile>& files) {
+	std::string text;
+	for (size_t i = 0; i < std::min(files.size(), kMostFilesShown); ++i) {
+		text += "\n\t" + Printable(files[i].path, kLongestPath) + " " + files[i].reason;
+	}
+	if (files.size() > kMostFilesShown) {
+		text += "\n\tand " + std::to_string(files.size() - kMostFilesShown) + " more";
+	}
+	return text;
+}
+
+dataupdate::FileLock HoldOffUpdates(const std::string& path, unsigned long timeout_seconds) {
+	try {
+		return {path, timeout_seconds};
+	} catch (const dataupdate::UpdateError& error) {
+		if (!StartsWith(error.what(), "Fail to lock ")) {
+			throw;
+		}
+		throw CommandError(kLocked, "The database is being updated; check it later");
+	}
+}
+
+/** Looks again when anything is bad: an update records its files' digests after it has let go of the files. */
+Findings LookThoroughly(const Services& services, const std::string& id, unsigned long timeout_seconds) {
+	const Clock::time_point begin = Clock::now();
+	const auto left = [&] {
+		const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
+		return timeout_seconds - std::min(timeout_seconds, static_cast<unsigned long>(passed));
+	};
+	std::optional<Findings> found;
+	{
+		// None is needed, or to be had, before anything was replaced.
+		const ReaderLock lock(id, timeout_seconds);
+		found = Inspect(services, id);
+	}
+	if (found->status.data_version == -1 || !found->AreBad()) {
+		return *std::move(found);
+	}
+	const auto look_again = [&] {
+		// Updates wait meanwhile: no longer than they must.
+		const dataupdate::FileLock still = HoldOffUpdates("/run/data_update/update_" + id + ".lock", left());
+		const ReaderLock lock(id, left());
+		return InspectAgain(services, id, *found);
+	};
+	if (!found->is_unfinished) {
+		return look_again();
+	}
+	// A volume that is being adopted is compared with the records, while marks stand, under this lock alone.
+	const dataupdate::FileLock none_at_all = HoldOffUpdates(dataupdate::kUpdateAnyLock, left());
+	return look_again();
+}
+
+Json::Value FilesToJson(const std::vector<BadFile>& files) {
+	Json::Value array(Json::arrayValue);
+	for (const BadFile& file : files) {
+		Json::Value object(Json::objectValue);
+		object["path"] = file.path;
+		object["reason"] = file.reason;
+		array.append(object);
+	}
+	return array;
+}
+
+/** What keeps a sound verdict from being worth what it seems. */
+std::string FormatKnowledge(const Findings& found) {
+	switch (found.knowledge) {
+	case Knowledge::kAll:
+		break;
+	case Knowledge::kFromDisk:
+		return "\n\tthe record of all files had been lost and was made again from the disk; \"tarndbudctl fix\" renews "
+		       "it only where something is bad";
+	case Knowledge::kListed:
+		return "\n\tonly what the last update changed was compared, for the record of all files is missing; the next "
+		       "update or fix makes it again";
+	}
+	return "";
+}
+
+const char* KnowledgeName(Knowledge knowledge) {
+	switch (knowledge) {
+	case Knowledge::kAll:
+		return "complete";
+	case Knowledge::kFromDisk:
+		return "rebuilt";
+	case Knowledge::kListed:
+		break;
+	}
+	return "missing";
+}
+
+std::string Describe(const Findings& found) {
+	std::string text = found.AreBad() ? "needs a fix" : "ok";
+	if (found.is_unfinished) {
+		text += "\n\tthe last replacement of its files was not finished";
+	}
+	return text + FormatFiles(found.bad) + FormatFiles(found.unknown) + FormatKnowledge(found);
+}
+
+Json::Value ToJson(const Findings& found) {
+	Json::Value result = MakeResult(found.AreBad() ? "needs a fix" : "ok", found.status.data_version);
+	result["bad_files"] = FilesToJson(found.bad);
+	result["unknown_files"] = FilesToJson(found.unknown);
+	result["unfinished"] = found.is_unfinished;
+	result["record_of_all_files"] = KnowledgeName(found.knowledge);
+	return result;
+}
+
+ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
+	services.config->CheckSupported(id);
+	const Findings found = LookThoroughly(services, id, timeout_seconds);
+	if (found.status.data_version == -1) {
+		report.Tell(id, "not installed", MakeResult("not installed", found.status.data_version));
+		return kFixNeeded;
+	}
+	report.Tell(id, Describe(found), ToJson(found));
+	return found.AreBad() ? kFixNeeded : kDone;
+}
+
+} // namespace
+
+void DeclareCheck(CLI::App& app, Options& options) {
+	DeclareDatabases(app, options, "check", "Check all databases");
+	DeclareTimeout(app, options, "Seconds to wait while a database is being replaced or its files are being recorded");
+	DeclareJsonArray(app, options);
+}
+
+ExitCode RunCheck(const Services& services, const Options& options) {
+	Report report(services.terminal, options.json);
+	return report.Run([&] {
+		return ForEachDatabase(
+		    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
+		    [&](const std::string& id) { return CheckDatabase(services, report, id, options.timeout_seconds); },
+		    [&](const std::string& id, const Failure& failure) { report.Complain(id, failure); });
+	});
+}
+
+} // namespace tarn::ctl

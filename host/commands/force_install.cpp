@@ -1,0 +1,81 @@
+#include "dataupdate/update_error.h"
+#include "host/commands/commands.h"
+#include "host/library/databases.h"
+#include "host/library/recording_info_getter.h"
+#include "host/library/run_record.h"
+#include "host/terminal/text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <memory>
+
+namespace tarn::ctl {
+
+namespace {
+
+/** The version that will be installed; one below 0 could not be told from nothing installed. */
+int Target(const Services& services, const Options& options) {
+	if (options.version > 0) {
+		return options.version;
+	}
+	const int64_t target = int64_t{services.info->GetRemoteInfo(options.id).data_version} + options.version;
+	if (target < 0) {
+		throw CommandError(kFailed, "There is no version " + std::to_string(target) + "; the server's version is " +
+		                                std::to_string(target - options.version));
+	}
+	return static_cast<int>(target);
+}
+
+/** The link was made by replacing one number by another, which can hit more than what was meant. */
+void Install(const Services& services, const Options& options, int target) {
+	const int offered = services.info->GetRemoteInfo(options.id).data_version;
+	const auto info = std::make_shared<RecordingInfoGetter>(
+	    services, [&services](const std::string& id) { RequireVolumeFor(services, id); }, Change::kForced);
+	services.packages->ExpectVersion(target);
+	const dataupdate::Update update(services.updater, info, services.config);
+	try {
+		update.ForceInstall(options.id, options.version);
+	} catch (const dataupdate::UpdateError& error) {
+		if (target == offered || !StartsWith(error.what(), "Fail to wget url: ")) {
+			throw;
+		}
+		throw CommandError(kFailed, std::string(error.what()) + "; this is the server's link with each " +
+		                                std::to_string(offered) + " in it, host and port included, replaced by " +
+		                                std::to_string(target) + ": check that the server still has that version");
+	}
+}
+
+} // namespace
+
+void DeclareForceInstall(CLI::App& app, Options& options) {
+	app.add_option("ID", options.id, "Database")->required();
+	app.add_option("VERSION", options.version, "A version; 0: the server's; -N: so many before the server's")
+	    ->required();
+	DeclareNoWait(app, options);
+	DeclareJsonArray(app, options);
+}
+
+ExitCode RunForceInstall(const Services& services, const Options& options) {
+	services.config->CheckSupported(options.id);
+	RequireVolumeFor(services, options.id);
+	RequireIdle(services, options);
+	const int target = Target(services, options);
+	Report report(services.terminal, options.json);
+	return report.Run([&] {
+		RunRecorded(services, options.id, "force-install", [&] {
+			Install(services, options, target);
+			return kDone;
+		});
+		const int installed = services.info->GetDatabaseStatus(options.id).data_version;
+		report.Tell(options.id,
+		    "version " + std::to_string(installed) +
+		        " was unpacked over what was there, and files of before that its package lacks stay; \"fix\", should "
+		        "it "
+		        "find damage, brings the server's version back",
+		    MakeResult("forced", installed));
+		return kDone;
+	});
+}
+
+} // namespace tarn::ctl

@@ -1,0 +1,185 @@
+#include "host/library/metrics.h"
+
+#include "base/whole_file.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/update_error.h"
+#include "host/commands/commands.h"
+#include "host/library/databases.h"
+#include "host/library/document_problem.h"
+#include "host/library/download_limits.h"
+#include "host/library/failure.h"
+#include "host/library/installed_package.h"
+#include "host/library/reader_lock.h"
+#include "host/library/run_record.h"
+
+#include <tarnsdk/volume.h>
+
+#include <CLI/CLI.hpp>
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <optional>
+
+namespace tarn::ctl {
+
+namespace {
+
+// Long enough for files to be put in place, short enough for a collector.
+constexpr unsigned long kFilesSeconds = 1;
+
+/** The server's document as it was fetched last. */
+struct Document {
+	Json::Value content;
+	std::time_t time = 0;
+};
+
+/** Asks nobody: measuring must not depend on a server. No value while there is none, or none that can be read. */
+std::optional<Document> ReadDocument(const Services& services) {
+	try {
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
+		struct stat status {};
+		if (stat(dataupdate::kCachedInfo, &status) != 0) {
+			return std::nullopt;
+		}
+		return Document{services.io->ReadJson(dataupdate::kCachedInfo), status.st_mtime};
+	} catch (const dataupdate::UpdateError&) {
+		return std::nullopt;
+	}
+}
+
+std::optional<int> OfferedVersion(const std::optional<Document>& document, const std::string& id) {
+	if (!document) {
+		return std::nullopt;
+	}
+	try {
+		Json::Value entry = document->content["db_list"][id];
+		// Only the version matters here, and whether the entry counts as one.
+		entry["deprecated"] = false;
+		if (!HasPlainVersion(entry)) {
+			return std::nullopt;
+		}
+		return dataupdate::RemoteInfo::FromJson(entry).data_version;
+	} catch (const std::exception&) {
+		return std::nullopt;
+	}
+}
+
+/** No value while files are being replaced: they come and go, and their sum would be of no version. */
+std::optional<uintmax_t> InstalledBytes(const Services& services, const std::string& id, const std::string& directory) {
+	try {
+		const ReaderLock lock(id, kFilesSeconds);
+		return services.io->GetSize(directory);
+	} catch (const CommandError&) {
+		return std::nullopt;
+	}
+}
+
+void MeasureInstalled(const Services& services, Metrics& metrics, const std::optional<int>& offered,
+    const std::string& id, const Labels& labels) {
+	const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
+	const bool installed = status.data_version != -1;
+	metrics.Add("tarndbud_installed", "Whether any version of the database is installed.", labels, installed ? 1 : 0);
+	if (!installed) {
+		return;
+	}
+	metrics.Add("tarndbud_installed_version", "Installed data version.", labels, status.data_version);
+	if (offered) {
+		const bool is_above = status.data_version > *offered && !dataupdate::IsReplacementMarked(id);
+		metrics.Add("tarndbud_above_offered", "Whether a later version is installed than the server offered last.",
+		    labels, is_above ? 1 : 0);
+	}
+	if (const std::optional<int64_t> published = PublicationTime(id, status.data_version)) {
+		metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher signed the installed data.", labels,
+		    static_cast<double>(*published));
+		metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
+		    static_cast<double>(std::time(nullptr) - *published));
+	}
+	const auto config = services.config->GetDatabaseConfig(id);
+	if (config->GetRootDirectory().empty()) {
+		return;
+	}
+	if (const std::optional<uintmax_t> bytes = InstalledBytes(services, id, config->GetInstallPrefix())) {
+		metrics.Add("tarndbud_installed_bytes", "Size of the installed files.", labels, static_cast<double>(*bytes));
+	}
+}
+
+void MeasureLastRun(Metrics& metrics, const std::string& id) {
+	const std::optional<RunRecord> record = ReadRunRecord(id);
+	if (!record) {
+		return;
+	}
+	const Labels labels = {{"database", id}, {"operation", record->operation}};
+	metrics.Add("tarndbud_last_run_success", "Whether the last operation on the database succeeded.", labels,
+	    record->exit_status == kDone ? 1 : 0);
+	metrics.Add("tarndbud_last_run_exit_status", "Exit status of the last operation on the database.", labels,
+	    record->exit_status);
+	metrics.Add("tarndbud_last_run_timestamp_seconds", "When the last operation on the database ended.", labels,
+	    static_cast<double>(record->time));
+	metrics.Add("tarndbud_last_run_duration_seconds", "How long the last operation on the database took.", labels,
+	    record->seconds);
+	metrics.Add("tarndbud_last_run_downloaded_bytes", "What the last operation on the database downloaded.", labels,
+	    static_cast<double>(record->downloaded_bytes));
+}
+
+ExitCode MeasureDatabase(
+    const Services& services, Metrics& metrics, const std::optional<Document>& document, const std::string& id) {
+	const Labels labels = {{"database", id}};
+	const std::optional<int> offered = OfferedVersion(document, id);
+	if (offered) {
+		metrics.Add("tarndbud_remote_version", "Data version in the server's last document.", labels, *offered);
+	}
+	MeasureLastRun(metrics, id);
+	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,
+	    services.config->GetDatabaseConfig(id)->GetScheduled() ? 1 : 0);
+	MeasureInstalled(services, metrics, offered, id, labels);
+	return kDone;
+}
+
+void MeasureVolume(const Services& services, Metrics& metrics) {
+	const std::string volume = services.config->GetCurVolume();
+	const auto record = std::make_unique<TARNMountVolInfo>();
+	const bool available = !volume.empty() && TARNMountVolInfoGet(volume.c_str(), record.get()) == 0;
+	metrics.Add("tarndbud_volume_available", "Whether a storage volume is in use and answers.", {}, available ? 1 : 0);
+	if (available) {
+		const Labels labels = {{"volume", volume}};
+		metrics.Add("tarndbud_volume_free_bytes", "Free space on the volume in use.", labels,
+		    static_cast<double>(record->free_bytes));
+		metrics.Add("tarndbud_volume_size_bytes", "Size of the volume in use.", labels,
+		    static_cast<double>(record->total_bytes));
+	}
+}
+
+} // namespace
+
+void DeclareMetrics(CLI::App& app, Options& options) {
+	app.add_option("--output", options.path, "Replace this file as a whole instead of printing");
+}
+
+ExitCode RunMetrics(const Services& services, const Options& options) {
+	Metrics metrics;
+	const std::optional<Document> document = ReadDocument(services);
+	if (document) {
+		metrics.Add("tarndbud_document_timestamp_seconds", "When the server's last document was fetched.", {},
+		    static_cast<double>(document->time));
+	}
+	MeasureVolume(services, metrics);
+	const ExitCode code = ForEachDatabase(
+	    services, services.config->GetDatabaseIDs(),
+	    [&](const std::string& id) { return MeasureDatabase(services, metrics, document, id); },
+	    [&](const std::string& id, const Failure& failure) {
+		    services.terminal.Complain(id + ": " + failure.sentence);
+	    });
+	if (options.path.empty()) {
+		services.terminal.Say(metrics.Text());
+	} else {
+		WriteWholeFile(options.path, metrics.Text());
+	}
+	return code;
+}
+
+} // namespace tarn::ctl

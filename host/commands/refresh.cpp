@@ -1,0 +1,57 @@
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
+#include "host/commands/commands.h"
+#include "host/library/databases.h"
+#include "host/library/download_limits.h"
+#include "host/terminal/text.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tarn::ctl {
+
+namespace {
+
+/** Whether there was a document to drop. */
+bool DropDocument() {
+	if (unlink(dataupdate::kCachedInfo) == 0) {
+		return true;
+	}
+	if (errno == ENOENT) {
+		return false;
+	}
+	throw CommandError(
+	    kFailed, std::string(dataupdate::kCachedInfo) + " cannot be removed (" + std::strerror(errno) + ")");
+}
+
+/** Whoever is fetching the document is about to read it. */
+bool DropDocumentUnderLock() {
+	try {
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
+		return DropDocument();
+	} catch (const dataupdate::UpdateError& error) {
+		if (!StartsWith(error.what(), "Fail to lock ")) {
+			throw;
+		}
+	}
+	throw CommandError(kLocked, "The server's document is being fetched at this moment, so it was not dropped; try "
+	                            "again when that has ended");
+}
+
+} // namespace
+
+ExitCode RunRefresh(const Services& services, const Options& options) {
+	const bool dropped = DropDocumentUnderLock();
+	Json::Value object(Json::objectValue);
+	object["dropped"] = dropped;
+	Answer(services, options,
+	    dropped ? "The server's document was dropped; the next command asks for it anew.\n"
+	            : "There is no document to drop; the next command asks the server.\n",
+	    object);
+	return kDone;
+}
+
+} // namespace tarn::ctl

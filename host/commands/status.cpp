@@ -1,0 +1,119 @@
+#include "dataupdate/internal/replacement_mark.h"
+#include "host/commands/commands.h"
+#include "host/library/databases.h"
+#include "host/library/installed_package.h"
+#include "host/library/safe_places.h"
+#include "host/library/status_report.h"
+#include "host/terminal/text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+#include <set>
+
+namespace tarn::ctl {
+
+namespace {
+
+constexpr size_t kLongestReason = 1000;
+
+/** The directory, which without a volume is none for databases that live on one. */
+std::optional<std::string> InstallDirectory(const dataupdate::DatabaseConfig& config) {
+	if (config.GetRootDirectory().empty()) {
+		return std::nullopt;
+	}
+	return config.GetInstallPrefix();
+}
+
+void AskServer(const Services& services, StatusRow& row) {
+	try {
+		row.remote_version = services.info->GetRemoteInfo(row.id).data_version;
+	} catch (...) {
+		row.remote_error = Printable(ExplainException(*services.io).sentence, kLongestReason);
+	}
+}
+
+StatusRow Collect(const Services& services, const std::string& id) {
+	StatusRow row;
+	row.id = id;
+	// The server comes last, when nothing local can fail any more.
+	const int installed = services.info->GetDatabaseStatus(id).data_version;
+	if (installed != -1) {
+		row.installed_version = installed;
+		row.published = PublicationTime(id, installed);
+	}
+	const auto config = services.config->GetDatabaseConfig(id);
+	row.scheduled = config->GetScheduled();
+	row.install_dir = InstallDirectory(*config);
+	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
+		row.volume = volume;
+		row.volume_problem = VolumeProblem(volume);
+	}
+	row.unfinished = dataupdate::IsReplacementMarked(id);
+	row.updating = services.checker->IsUpdating(id);
+	AskServer(services, row);
+	return row;
+}
+
+void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
+	for (const StatusRow& row : rows) {
+		if (row.unfinished && !row.updating) {
+			services.terminal.Complain(row.id + ": The last replacement of its files was not finished; \"tarndbudctl "
+			                                    "update\" or \"tarndbudctl fix\" installs it anew.");
+		}
+	}
+	if (!rows.front().volume_problem.empty()) {
+		services.terminal.Complain(
+		    "Nothing is updated, because the volume is not safe: " + rows.front().volume_problem +
+		    "; it must be a directory of root that nobody else can write.");
+	}
+	for (const StatusRow& row : rows) {
+		if (!row.updating && IsAboveOffered(row).value_or(false)) {
+			services.terminal.Complain(row.id + ": Installed " + std::to_string(*row.installed_version) +
+			                           " is above the offered " + std::to_string(*row.remote_version) +
+			                           ", so no update changes it; ask the publisher whether that is meant.");
+		}
+	}
+	std::set<std::string> told;
+	for (const StatusRow& row : rows) {
+		if (!row.remote_error.empty() && told.insert(row.remote_error).second) {
+			services.terminal.Complain("The offered version is unknown. " + row.remote_error);
+		}
+	}
+}
+
+} // namespace
+
+void DeclareStatus(CLI::App& app, Options& options) {
+	app.add_option("ID", options.ids, "Databases; without one, all of them");
+	app.add_flag("--json", options.json, "Print an array of objects");
+}
+
+ExitCode RunStatus(const Services& services, const Options& options) {
+	for (const std::string& id : options.ids) {
+		services.config->CheckSupported(id);
+	}
+	if (services.hurry) {
+		services.hurry();
+	}
+	std::vector<StatusRow> rows;
+	const ExitCode code = ForEachDatabase(
+	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
+	    [&](const std::string& id) {
+		    rows.push_back(Collect(services, id));
+		    return IsAboveOffered(rows.back()).value_or(false) ? kAboveOffered : kDone;
+	    },
+	    [&](const std::string& id, const Failure& failure) {
+		    services.terminal.Complain(id + ": " + failure.sentence);
+	    });
+	const std::time_t now = std::time(nullptr);
+	if (options.json) {
+		services.terminal.Say(FormatJson(StatusToJson(rows, now)));
+	} else if (!rows.empty()) {
+		services.terminal.Say(FormatStatusTable(rows, now));
+		TellReasons(services, rows);
+	}
+	return code;
+}
+
+} // namespace tarn::ctl

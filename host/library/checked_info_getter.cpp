@@ -1,0 +1,160 @@
+#include "host/library/checked_info_getter.h"
+
+#include "dataupdate/internal/fresh_info.h"
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update_error.h"
+#include "host/library/document_problem.h"
+#include "host/terminal/text.h"
+
+#include <json/value.h>
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+namespace tarn::ctl {
+
+using dataupdate::UpdateError;
+
+namespace {
+
+constexpr size_t kBeginningBytes = 256;
+
+/** How long the document at hand is going to be used. */
+std::string CachingNow() {
+	struct stat status {};
+	return stat(dataupdate::kCachedInfo, &status) == 0 ? DescribeCaching(status.st_mtime, std::time(nullptr)) : "";
+}
+
+std::string ReadBeginning(const std::string& path) {
+	std::ifstream file(path, std::ios::binary);
+	std::string beginning(kBeginningBytes, '\0');
+	file.read(beginning.data(), static_cast<std::streamsize>(beginning.size()));
+	beginning.resize(static_cast<size_t>(file.gcount()));
+	return beginning;
+}
+
+bool IsRecordError(const UpdateError& error) {
+	return std::string(error.what()).rfind("Invalid json object", 0) == 0;
+}
+
+} // namespace
+
+CheckedInfoGetter::CheckedInfoGetter(std::shared_ptr<dataupdate::IOUtils> io,
+    std::shared_ptr<dataupdate::ServiceConfig> service_config, std::shared_ptr<DownloadLimits> limits)
+    : InfoGetter(io, std::move(service_config)), io_(std::move(io)), limits_(std::move(limits)) {}
+
+void CheckedInfoGetter::Hurry() {
+	lock_seconds_ = kMomentSeconds;
+	limits_->Hurry();
+}
+
+/** Reads a part of the document; when that fails for the document's content, tells what is wrong in it. */
+template<typename Read>
+auto CheckedInfoGetter::ReadEntry(
+    const std::string& id, Read read, bool (*has_plain_versions)(const Json::Value& entry)) const {
+	const Json::Value document = GetDatabaseInfo();
+	try {
+		auto result = read();
+		if (has_plain_versions(document["db_list"][id])) {
+			return result;
+		}
+	} catch (const UpdateError& error) {
+		if (!IsRecordError(error)) {
+			throw;
+		}
+	} catch (const Json::Exception&) {
+		// Described below, like the next.
+	} catch (const std::logic_error&) {
+		// A version that is no number.
+	}
+	throw UpdateError("The document of " + Link() + " " + DescribeDocument(document, id) + CachingNow());
+}
+
+dataupdate::RemoteInfo CheckedInfoGetter::GetRemoteInfo(const std::string& id) const {
+	return ReadEntry(
+	    id, [&] { return InfoGetter::GetRemoteInfo(id); }, HasPlainVersion);
+}
+
+std::map<int, dataupdate::DiffInfo> CheckedInfoGetter::GetDiffInfos(const std::string& id) const {
+	auto diffs = ReadEntry(
+	    id, [&] { return InfoGetter::GetDiffInfos(id); }, HasPlainDiffVersions);
+	for (const auto& [version, diff] : diffs) {
+		limits_->Announce(diff.download_link, diff.file_size);
+	}
+	return diffs;
+}
+
+dataupdate::DatabaseStatus CheckedInfoGetter::GetDatabaseStatus(const std::string& id) const {
+	std::string reason;
+	try {
+		return InfoGetter::GetDatabaseStatus(id);
+	} catch (const Json::Exception&) {
+		reason = "something else stands where an object should be";
+	} catch (const std::logic_error&) {
+		reason = "its \"data_version\" is no number";
+	}
+	throw UpdateError("The record of what is installed, /var/lib/data_update/" + id + "/version.json, is malformed (" +
+	                  reason + "); remove it to have the database installed anew");
+}
+
+Json::Value CheckedInfoGetter::GetDatabaseInfo() const {
+	if (failure_) {
+		std::rethrow_exception(failure_);
+	}
+	const std::string stamp = CacheStamp();
+	if (!document_ || stamp_ != stamp) {
+		try {
+			document_ = FetchDatabaseInfo();
+			// One that was renewed in between, by this fetch or by somebody after it, may not be the one at hand.
+			stamp_ = CacheStamp() == stamp ? std::optional(stamp) : std::nullopt;
+		} catch (...) {
+			failure_ = std::current_exception();
+			throw;
+		}
+	}
+	return *document_;
+}
+
+Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
+	try {
+		return dataupdate::GetFreshInfo(
+		    *io_, [this] { return GetDatabaseUrl(); }, lock_seconds_);
+	} catch (const UpdateError& error) {
+		if (lock_seconds_ != dataupdate::kLockTimeout && StartsWith(error.what(), "Fail to lock ")) {
+			throw UpdateError("The server's document is being fetched by another command and has not arrived yet; try "
+			                  "later");
+		}
+		if (error.what() != std::string("Fail to decode: ") + dataupdate::kCachedInfo) {
+			throw;
+		}
+	}
+	throw UpdateError(DescribeCachedPage() + CachingNow());
+}
+
+std::string CheckedInfoGetter::CacheStamp() const {
+	struct stat status {};
+	if (stat(dataupdate::kCachedInfo, &status) != 0) {
+		return "";
+	}
+	return std::to_string(status.st_ino) + " " + std::to_string(status.st_mtim.tv_sec) + " " +
+	       std::to_string(status.st_mtim.tv_nsec);
+}
+
+std::string CheckedInfoGetter::DescribeCachedPage() const {
+	const std::string path = dataupdate::kCachedInfo;
+	return DescribePage({Link(), ReadBeginning(path), io_->GetSize(path)});
+}
+
+std::string CheckedInfoGetter::Link() const {
+	try {
+		return GetDatabaseUrl();
+	} catch (const UpdateError&) {
+		return "the update server";
+	}
+}
+
+} // namespace tarn::ctl

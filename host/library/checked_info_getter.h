@@ -1,0 +1,61 @@
+/** @file An InfoGetter that says which document is bad and in what. */
+#ifndef HOST_LIBRARY_CHECKED_INFO_GETTER_H
+#define HOST_LIBRARY_CHECKED_INFO_GETTER_H
+
+#include "dataupdate/internal/paths.h"
+#include "dataupdate/update.h"
+#include "host/library/download_limits.h"
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace tarn::ctl {
+
+/**
+ * Turns whatever a malformed document raises into an UpdateError that names the server's link or the file. A version
+ * that is not written in digits alone is refused as well, though the library would read what it begins with. The
+ * server's document is kept as long as nobody drops or renews the cached file, and the failure to get it for the
+ * object's life, so that one run makes one request; an older document could bring an older version back. Not for use by
+ * several threads at once.
+ */
+class CheckedInfoGetter : public dataupdate::InfoGetter {
+public:
+	/** @param limits  learns what the server announces */
+	CheckedInfoGetter(std::shared_ptr<dataupdate::IOUtils> io,
+	    std::shared_ptr<dataupdate::ServiceConfig> service_config,
+	    std::shared_ptr<DownloadLimits> limits = std::make_shared<DownloadLimits>());
+
+	/** Neither waits long for a document that somebody else fetches nor for the server, from now on. */
+	void Hurry();
+
+	dataupdate::RemoteInfo GetRemoteInfo(const std::string& id) const override;
+	std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& id) const override;
+	dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& id) const override;
+	Json::Value GetDatabaseInfo() const override;
+
+protected:
+	/** The document from the server or the cache, kept by GetDatabaseInfo(). */
+	virtual Json::Value FetchDatabaseInfo() const;
+	/** What changes whenever somebody drops or renews the cached document. */
+	virtual std::string CacheStamp() const;
+
+private:
+	template<typename Read>
+	auto ReadEntry(const std::string& id, Read read, bool (*has_plain_versions)(const Json::Value& entry)) const;
+	std::string DescribeCachedPage() const;
+	std::string Link() const;
+
+	std::shared_ptr<dataupdate::IOUtils> io_;
+	std::shared_ptr<DownloadLimits> limits_;
+	unsigned long lock_seconds_ = dataupdate::kLockTimeout;
+	mutable std::optional<Json::Value> document_;
+	mutable std::optional<std::string> stamp_; ///< None: the document is read again.
+	mutable std::exception_ptr failure_;
+};
+
+} // namespace tarn::ctl
+
+#endif

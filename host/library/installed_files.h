@@ -1,0 +1,70 @@
+/** @file The host's own record of all installed files of a database, beside the library's of the last update's. */
+#ifndef HOST_LIBRARY_INSTALLED_FILES_H
+#define HOST_LIBRARY_INSTALLED_FILES_H
+
+#include "dataupdate/records.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace tarn::ctl {
+
+/** One installed file: a regular one, or a link, which only a forced version brings. */
+struct InstalledFile {
+	bool operator==(const InstalledFile& other) const;
+
+	std::string sha384_digest;    ///< 96 lower-case hexadecimal digits; empty for a link.
+	std::optional<uint64_t> size; ///< Bytes; none when the digest is all that is known.
+	std::string link_target;      ///< Empty for a regular file.
+};
+
+/** All files of one version, by their names relative to the install directory, so that the directory may move. */
+struct InstalledFiles {
+	int data_version = -1;
+	/**
+	 * Whether the files were recorded as they lay on the disk, after the record had been lost. What was damaged by
+	 * then is then taken for right, but for the files that the library's own record names.
+	 */
+	bool is_from_disk = false;
+	std::map<std::string, InstalledFile> files;
+};
+
+std::string InstalledFilesPath(const std::string& id);
+
+/** No value when there is no record, or none that can be read and understood. */
+std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id);
+/** Replaces the record as a whole. Throws CommandError naming the path. */
+void WriteInstalledFiles(const std::string& id, const InstalledFiles& record);
+/**
+ * Removes the record durably: to be called before the library records a new state, since the version alone does not
+ * tell which of two installations of one version the files belong to. A failure is logged.
+ */
+void DropInstalledFiles(const std::string& id);
+
+/** The name below a directory of an absolute or relative name, without needless parts; none when it lies elsewhere. */
+std::optional<std::string> RelativeName(const std::string& name, const std::string& install_prefix);
+
+/** Whether the library's record lists all files, since it was made by a full package: by absolute names. */
+bool ListsAllFiles(const dataupdate::DatabaseStatus& status);
+
+/** The digest that the library gives what has no content, or cannot be opened. */
+const std::string& DigestOfNothing();
+
+/** Whether what the library lists is a directory that has taken the place of a file which the update deleted. */
+bool IsListedDirectory(const dataupdate::FileStatus& status, const std::string& path);
+
+/**
+ * Whether the record describes what the library's record describes: the same version, with the same digest for each
+ * file that the library lists. Another program may have changed the installation without knowing of this record.
+ */
+bool Agree(const InstalledFiles& record, const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
+
+/** The record, when it agrees with the library's and no replacement is unfinished. */
+std::optional<InstalledFiles> ReadCredibleFiles(
+    const std::string& id, const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
+
+} // namespace tarn::ctl
+
+#endif

@@ -1,0 +1,58 @@
+/** @file Ending on Ctrl-C and on a service manager's request without leaving anything behind. */
+#ifndef HOST_LIBRARY_INTERRUPTION_WATCH_H
+#define HOST_LIBRARY_INTERRUPTION_WATCH_H
+
+#include "base/unique_fd.h"
+#include "dataupdate/interruption.h"
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+namespace tarn::ctl {
+
+/**
+ * Turns SIGINT, SIGTERM and SIGHUP (those that are not ignored) into a request to the library, and ends the programs
+ * that do its downloads and patches. To be made before any other thread, one at a time.
+ */
+class InterruptionWatch {
+public:
+	InterruptionWatch();
+	~InterruptionWatch();
+	InterruptionWatch(const InterruptionWatch&) = delete;
+	InterruptionWatch& operator=(const InterruptionWatch&) = delete;
+
+	/** Ends the process by the signal that came, so that its caller learns of it; returns when none came. */
+	void EndBySignal() const;
+
+private:
+	void Run();
+	void Take();
+
+	sigset_t watched_ = {};
+	sigset_t previous_ = {};
+	UniqueFd signals_;
+	/** The thread ends when the other end is closed. */
+	UniqueFd ended_;
+	UniqueFd ending_;
+	std::atomic<int> number_ = 0;
+	std::thread thread_;
+};
+
+/** Passes the watched signals on to a child as long as it lives, apart from those that a terminal sends to both. */
+class SignalForwarding {
+public:
+	explicit SignalForwarding(pid_t child);
+	~SignalForwarding();
+	SignalForwarding(const SignalForwarding&) = delete;
+	SignalForwarding& operator=(const SignalForwarding&) = delete;
+};
+
+/** The signals that the watch takes, unblocked again: for a child between fork and exec. */
+void UnblockWatchedSignals();
+
+} // namespace tarn::ctl
+
+#endif

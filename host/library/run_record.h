@@ -1,0 +1,40 @@
+/** @file How the last operation on a database went, kept beside the record of what is installed. */
+#ifndef HOST_LIBRARY_RUN_RECORD_H
+#define HOST_LIBRARY_RUN_RECORD_H
+
+#include "host/exit_codes.h"
+#include "host/library/services.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace tarn::ctl {
+
+struct RunRecord {
+	std::string operation; ///< "update", "fix", "force-install"
+	int64_t time = 0;      ///< When it ended, in seconds since 1970.
+	int exit_status = 0;
+	double seconds = 0;
+	uint64_t downloaded_bytes = 0;
+};
+
+/** Where a database's record lies. */
+std::string RunRecordPath(const std::string& id);
+
+/**
+ * Does the work and records how it went, success or failure; work that ends because the program was asked to end is not
+ * recorded. A record that cannot be written is told to the system log only: the work has been done.
+ *
+ * @param work  returns how it ended, which is recorded and returned
+ */
+ExitCode RunRecorded(
+    const Services& services, const std::string& id, const char* operation, const std::function<ExitCode()>& work);
+
+/** No value when there is none, or none that can be read. */
+std::optional<RunRecord> ReadRunRecord(const std::string& id);
+
+} // namespace tarn::ctl
+
+#endif

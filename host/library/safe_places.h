@@ -1,0 +1,35 @@
+/** @file Refusing to work where others than root decide what is written or removed. */
+#ifndef HOST_LIBRARY_SAFE_PLACES_H
+#define HOST_LIBRARY_SAFE_PLACES_H
+
+#include "host/library/services.h"
+
+#include <string>
+
+namespace tarn::ctl {
+
+/** What is wrong with a volume, as a sentence without its end: the place, and why it is not safe. Empty when it is
+ * safe. */
+std::string VolumeProblem(const std::string& volume);
+
+/** Throws CommandError when a volume is not safe. */
+void RequireSafeVolume(const std::string& volume);
+
+/**
+ * Throws CommandError when the volume in use or a database's directory is not safe. Databases on the root file system
+ * need the volume as well: their packages are unpacked on it. To be called under the locks, right before files change:
+ * what is safe then stays safe, because only root could change it.
+ */
+void RequireSafePlaces(const Services& services, const std::string& id);
+
+/**
+ * What is wrong with each mounted volume that is not safe, one after the other, for whoever was told that no volume is
+ * suitable; empty when all are safe.
+ *
+ * @param exclude  a volume that does not matter
+ */
+std::string UnsafeVolumes(const std::string& exclude);
+
+} // namespace tarn::ctl
+
+#endif

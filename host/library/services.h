@@ -1,0 +1,41 @@
+/** @file The library's objects that commands work with; each can be replaced by a double. */
+#ifndef HOST_LIBRARY_SERVICES_H
+#define HOST_LIBRARY_SERVICES_H
+
+#include "dataupdate/project_lock.h"
+#include "dataupdate/service_config.h"
+#include "dataupdate/update.h"
+#include "dataupdate/updater.h"
+#include "dataupdate/utils.h"
+#include "host/library/noting_updater.h"
+#include "host/library/opened_packages.h"
+#include "host/terminal/terminal.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace tarn::ctl {
+
+struct Services {
+	std::shared_ptr<dataupdate::IOUtils> io;
+	std::shared_ptr<dataupdate::ServiceConfig> config;
+	std::shared_ptr<dataupdate::InfoGetter> info;
+	std::shared_ptr<dataupdate::Updater> updater;
+	std::shared_ptr<dataupdate::Checker> checker;
+	Terminal& terminal;
+	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
+	std::function<bool(const std::string& volume)> is_available;
+	/** Has the server's document come at once or not at all from now on; nothing to call in a double. */
+	std::function<void()> hurry = nullptr;
+	/** What the packages say that operations open. */
+	std::shared_ptr<OpenedPackages> packages = std::make_shared<OpenedPackages>();
+	UpdateNotes update_notes = nullptr; ///< Of the updater, if it keeps any.
+};
+
+/** The real ones. */
+Services MakeServices(Terminal& terminal);
+
+} // namespace tarn::ctl
+
+#endif

@@ -1,0 +1,155 @@
+#include "host/program.h"
+
+#include "dataupdate/interruption.h"
+#include "host/arguments.h"
+#include "host/library/failure.h"
+#include "host/library/lock_files.h"
+#include "host/library/settings.h"
+#include "host/terminal/progress_line.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+namespace tarn::ctl {
+
+namespace {
+
+constexpr char kProgram[] = "tarndbudctl";
+constexpr char kLockDirectory[] = "/run/data_update";
+constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
+constexpr char kFooter[] =
+    "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the database is not configured, 4 a fix is needed,\n"
+    "5 a later version is installed than the server offers, 75 a lock was not obtained; a signal ends it after it has\n"
+    "cleaned up. All that happens is told to the system log as \"tarndbudctl\".";
+
+/** The system log, with a copy on the error stream when asked for. */
+class Log {
+public:
+	explicit Log(bool verbose) { openlog(kProgram, LOG_PID | (verbose ? LOG_PERROR : 0), LOG_DAEMON); }
+	~Log() { closelog(); }
+	Log(const Log&) = delete;
+	Log& operator=(const Log&) = delete;
+};
+
+/** The application to which a command belongs: the program, or its group, made when the first of the group comes. */
+CLI::App& Group(CLI::App& app, const std::string& name) {
+	const auto known = app.get_subcommands([&](const CLI::App* candidate) { return candidate->get_name() == name; });
+	if (!known.empty()) {
+		return *known.front();
+	}
+	CLI::App* group = app.add_subcommand(name, "Commands about the " + name);
+	group->require_subcommand(1);
+	return *group;
+}
+
+void Declare(CLI::App& app, const Command& command, Options& options, const Command*& chosen) {
+	const std::string name = command.name;
+	const size_t blank = name.find(' ');
+	CLI::App& parent = blank == std::string::npos ? app : Group(app, name.substr(0, blank));
+	CLI::App* own = parent.add_subcommand(name.substr(blank == std::string::npos ? 0 : blank + 1), command.help);
+	own->callback([&command, &chosen] { chosen = &command; });
+	if (command.details != nullptr) {
+		own->footer(std::string(command.details) + "\n\n" + kFooter);
+	}
+	if (command.declare != nullptr) {
+		command.declare(*own, options);
+	}
+}
+
+/** Locks cannot be taken by others than root, and each of them would be a failure of its own. */
+void RequireRoot() {
+	const bool exists = mkdir(kLockDirectory, 0755) == 0 || errno == EEXIST;
+	if (!exists || access(kLockDirectory, W_OK | X_OK) != 0) {
+		throw CommandError(kFailed, std::string("This command must be run as root: ") + kLockDirectory +
+		                                " cannot be written (" + std::strerror(errno) + ")");
+	}
+}
+
+ExitCode RunCommand(const Command& command, const Options& options, const Services& services) {
+	if (command.needs_root) {
+		RequireRoot();
+	}
+	RequireUsableSettings(*services.io);
+	if (command.needs_root) {
+		PrepareLockFiles(services);
+	}
+	std::optional<ProgressLine> progress;
+	if (command.shows_progress && services.terminal.Draws() && !options.verbose && !options.json) {
+		progress.emplace(services.terminal);
+	}
+	return command.run(services, options);
+}
+
+ExitCode RunGuarded(const Command& command, const Options& options, const Surroundings& surroundings) {
+	const Log log(options.verbose);
+	Terminal terminal(surroundings.out, surroundings.err, surroundings.err_is_terminal);
+	const Services services = surroundings.make_services(terminal);
+	ExitCode code = kFailed;
+	try {
+		code = RunCommand(command, options, services);
+	} catch (...) {
+		// What failed on its own is told as such, but the program still ends by the signal.
+		const bool is_interrupted = dataupdate::IsInterruptionRequested();
+		const Failure failure =
+		    is_interrupted && IsEarlyEnd() ? Failure{kInterrupted, kEndedEarly} : ExplainException(*services.io);
+		terminal.Complain(failure.sentence);
+		code = is_interrupted ? kInterrupted : failure.code;
+	}
+	if (!terminal.Good()) {
+		terminal.Complain("The output could not be written.");
+		return code == kDone ? kFailed : code;
+	}
+	return code;
+}
+
+/** The parser takes its words from the end. */
+void Parse(CLI::App& app, int argc, const char* const* argv, const std::vector<Command>& commands, Options& options) {
+	Arguments arguments = SplitArguments({argv + std::min(argc, 1), argv + argc}, commands);
+	options.command = std::move(arguments.command);
+	std::reverse(arguments.own.begin(), arguments.own.end());
+	app.parse(std::move(arguments.own));
+}
+
+/** A wrong command line gets a sentence and the usage of the command that it names. */
+int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, std::ostream& err) {
+	err << kProgram << ": " << error.what() << ".\n\n" << app.help();
+	return kUsage;
+}
+
+} // namespace
+
+int RunProgram(int argc, const char* const* argv, const Surroundings& surroundings) {
+	CLI::App app("Keeps downloadable databases up to date.", kProgram);
+	Options options;
+	const Command* chosen = nullptr;
+	app.set_version_flag("--version", std::string(kProgram) + " " + TARNDBUDCTL_VERSION);
+	app.add_flag("--verbose", options.verbose, "Write the lines for the system log to the error stream as well");
+	app.require_subcommand(1);
+	app.fallthrough();
+	app.footer(kFooter);
+	for (const Command& command : surroundings.commands) {
+		Declare(app, command, options, chosen);
+	}
+	try {
+		Parse(app, argc, argv, surroundings.commands, options);
+		if (chosen->tail == Tail::kCommand && options.command.empty()) {
+			throw CLI::RequiredError("-- COMMAND...");
+		}
+	} catch (const CLI::Success& success) {
+		app.exit(success, surroundings.out, surroundings.err);
+		return kDone;
+	} catch (const CLI::ParseError& error) {
+		return RefuseUsage(app, error, surroundings.err);
+	}
+	return RunGuarded(*chosen, options, surroundings);
+}
+
+} // namespace tarn::ctl

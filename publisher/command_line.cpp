@@ -1,0 +1,228 @@
+#include "publisher/command_line.h"
+
+#include "archive/signing_key.h"
+#include "publisher/exit_codes.h"
+#include "publisher/inspect.h"
+#include "publisher/progress.h"
+#include "publisher/publish.h"
+#include "publisher/publish_error.h"
+#include "publisher/restore.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <iomanip>
+#include <sstream>
+
+namespace tarn::publisher {
+
+namespace {
+
+struct Streams {
+	std::ostream& out;
+	std::ostream& err;
+	bool terminal;
+};
+
+struct Options {
+	std::string prefix;
+	PublishOptions publish;
+	RestoreOptions restore;
+	std::vector<std::string> old_keys;
+	std::string package;
+	std::vector<std::string> public_keys;
+	bool json = false;
+};
+
+void RunKeygen(const Options& options, const Streams& streams) {
+	const std::string fingerprint = archive::GenerateKeyFiles(options.prefix);
+	streams.out << "Wrote " << options.prefix << ".key (keep it secret) and " << options.prefix << ".pub ("
+	            << fingerprint << ").\n";
+}
+
+void PrintDiff(const DiffResult& diff, const PublishResult& result, std::ostream& out) {
+	constexpr double kPercent = 100;
+	std::ostringstream share;
+	share << std::fixed << std::setprecision(1)
+	      << kPercent * static_cast<double>(diff.package_size) / static_cast<double>(result.package_size);
+	out << "Diff from version " << result.data_version - 1 << ": " << HumanSize(diff.package_size) << ", "
+	    << share.str() << " % of the full package; files created " << diff.created << ", replaced " << diff.replaced
+	    << ", patched " << diff.patched << ", scripted " << diff.scripted << ", deleted " << diff.deleted
+	    << ". Devices come by diffs from version " << diff.oldest_base << " on.\n";
+}
+
+PublishObserver ObserverOf(ProgressLine& line, const Streams& streams) {
+	PublishObserver observer;
+	observer.warn = [&](const std::string& sentence) {
+		line.Clear();
+		streams.err << "warning: " << sentence << "\n";
+	};
+	observer.waiting = [&] { streams.err << "Waiting for another publisher of this repository.\n" << std::flush; };
+	observer.progress = [&](std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
+		line.Show(files, bytes, tree.files.size(), tree.total_size);
+	};
+	observer.step = [&](const std::string& what, std::uint64_t done, std::uint64_t all) {
+		line.ShowStep(what, done, all);
+	};
+	return observer;
+}
+
+void RunPublish(const Options& options, const Streams& streams) {
+	PublishResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Publish(options.publish, ObserverOf(line, streams));
+	}
+	streams.out << "Published " << options.publish.id << " version " << result.data_version << ": " << result.files
+	            << " files, " << HumanSize(result.tree_size) << " in a package of " << HumanSize(result.package_size)
+	            << ", " << result.download_link << "\n";
+	if (result.is_first) {
+		streams.out << "This is the first publication of " << options.publish.id << " in " << options.publish.repository
+		            << ": devices that have a version of it take higher ones only.\n";
+	}
+	if (result.diff) {
+		PrintDiff(*result.diff, result, streams.out);
+	}
+}
+
+void PrintRestored(const RestoredDatabase& database, std::ostream& out) {
+	if (database.was_named) {
+		out << "Left as it is: " << database.id << ", of which the document names version " << database.data_version
+		    << ".\n";
+		return;
+	}
+	out << "Restored " << database.id << " version " << database.data_version << ", " << database.download_link
+	    << ", with " << database.diffs << " diff packages";
+	if (database.diffs > 0) {
+		out << "; devices come by diffs from version " << database.oldest_base << " on";
+	}
+	out << ".\n";
+}
+
+void RunRestore(const Options& options, const Streams& streams) {
+	RestoreOptions restore = options.restore;
+	restore.keys.insert(restore.keys.end(), options.old_keys.begin(), options.old_keys.end());
+	RestoreResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Restore(restore, ObserverOf(line, streams));
+	}
+	for (const RestoredDatabase& database : result.databases) {
+		PrintRestored(database, streams.out);
+	}
+	streams.out << (result.is_written ? "Wrote " : "Nothing to write: ") << result.document << "\n";
+	if (!result.failures.empty()) {
+		std::string sentences;
+		for (const std::string& failure : result.failures) {
+			sentences += (sentences.empty() ? "" : " ") + failure;
+		}
+		throw PublishError(sentences);
+	}
+}
+
+void RunVerify(const Options& options, const Streams& streams) {
+	streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
+}
+
+void RunInspect(const Options& options, const Streams& streams) {
+	InspectPackage(options.package, options.json, streams.out);
+}
+
+void AddKeygen(CLI::App& app, Options& options) {
+	CLI::App* command = app.add_subcommand("keygen", "Make a key pair: PREFIX.key signs, PREFIX.pub goes to devices");
+	command->add_option("PREFIX", options.prefix, "Path of the two files without their endings")->required();
+}
+
+void AddPublish(CLI::App& app, Options& options) {
+	PublishOptions& publish = options.publish;
+	CLI::App* command = app.add_subcommand("publish", "Publish a directory tree as the next version of a database");
+	command->add_option("TREE", publish.tree, "Directory to publish")->required();
+	command->add_option("--repo", publish.repository, "Directory that the web server serves")->required();
+	command->add_option("--id", publish.id, "The database's id")->required();
+	command->add_option("--key", publish.key_file, "Private key that signs the package")->required();
+	command->add_option("--url", publish.url, "Where devices reach the repository, http:// or https://")->required();
+	command->add_option("--data-version", publish.data_version, "Version to publish; the last plus one by default");
+	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
+	command->add_option("--db-version", publish.db_version, "Version of the server's document")->capture_default_str();
+	command->add_option("--keep-diffs", publish.keep_diffs, "Diff packages to keep, the oldest go; 0 makes none")
+	    ->capture_default_str();
+	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
+	command->add_flag("--continue", publish.must_continue, "Refuse a first publication: the repository knows the id");
+	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
+}
+
+void AddRestore(CLI::App& app, Options& options) {
+	RestoreOptions& restore = options.restore;
+	CLI::App* command = app.add_subcommand("restore", "Rebuild a lost document from the packages of a repository");
+	command->add_option("--repo", restore.repository, "Directory that the web server serves")->required();
+	command->add_option("--key", restore.keys, "Public key that signed the packages; may be repeated")->required();
+	command->add_option("--old-key", options.old_keys, "Public key that signed earlier packages; may be repeated");
+	command->add_option("--url", restore.url, "Where devices reach the repository; as last published by default");
+	command->add_option("--id", restore.ids, "Database to restore, all by default; may be repeated");
+	command->add_option("--db-version", restore.db_version, "Version of the server's document")->capture_default_str();
+	command->add_option("--format-version", restore.format_version, "Leave packages of other formats out");
+	command->add_option("--keep-diffs", restore.keep_diffs, "Diff packages to name at most")->capture_default_str();
+	command->add_flag("--force", restore.force, "Write entries anew that the document has");
+}
+
+void AddReaders(CLI::App& app, Options& options) {
+	CLI::App* verify = app.add_subcommand("verify", "Check a package's signature and content");
+	verify->add_option("PACKAGE", options.package, "Package file")->required();
+	verify->add_option("--key", options.public_keys, "Public key; several are tried in turn")->required();
+	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says it holds; checks no signature");
+	inspect->add_option("PACKAGE", options.package, "Package file")->required();
+	inspect->add_flag("--json", options.json, "Print JSON");
+}
+
+void Run(const CLI::App& app, const Options& options, const Streams& streams) {
+	if (app.got_subcommand("keygen")) {
+		RunKeygen(options, streams);
+	} else if (app.got_subcommand("publish")) {
+		RunPublish(options, streams);
+	} else if (app.got_subcommand("restore")) {
+		RunRestore(options, streams);
+	} else if (app.got_subcommand("verify")) {
+		RunVerify(options, streams);
+	} else {
+		RunInspect(options, streams);
+	}
+}
+
+int RunReporting(const CLI::App& app, const Options& options, const Streams& streams) {
+	try {
+		Run(app, options, streams);
+		if (!streams.out.flush()) {
+			throw PublishError("The result could not be printed.");
+		}
+		return kDone;
+	} catch (const UsageError& error) {
+		streams.err << "tarndbudpub: " << error.what() << "\n";
+		return kUsage;
+	} catch (const std::exception& error) {
+		streams.err << "tarndbudpub: " << error.what() << "\n";
+		return kFailed;
+	}
+}
+
+} // namespace
+
+int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal) {
+	Options options;
+	CLI::App app("Publishes databases as signed packages in a directory for any web server", "tarndbudpub");
+	app.set_version_flag("--version", std::string("tarndbudpub ") + TARNDBUDPUB_VERSION);
+	app.require_subcommand(1);
+	AddKeygen(app, options);
+	AddPublish(app, options);
+	AddRestore(app, options);
+	AddReaders(app, options);
+	try {
+		std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+		app.parse(reversed);
+	} catch (const CLI::ParseError& error) {
+		return app.exit(error, out, err) == 0 ? kDone : kUsage;
+	}
+	return RunReporting(app, options, {out, err, terminal});
+}
+
+} // namespace tarn::publisher

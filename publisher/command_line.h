@@ -1,0 +1,23 @@
+#ifndef PUBLISHER_COMMAND_LINE_H
+#define PUBLISHER_COMMAND_LINE_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/**
+ * Runs one command of the publisher.
+ *
+ * @param arguments  without the program's name
+ * @param out        results
+ * @param err        warnings, progress, and one plain sentence when it fails
+ * @param terminal   whether err is a terminal, which gets a progress line
+ * @return an ExitCode
+ */
+int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal);
+
+} // namespace tarn::publisher
+
+#endif

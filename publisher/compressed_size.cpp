@@ -1,0 +1,45 @@
+#include "publisher/compressed_size.h"
+
+#include "archive/tar_writer.h"
+#include "base/error.h"
+#include "base/file_io.h"
+#include "publisher/publish_error.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace tarn::publisher {
+
+std::optional<std::uint64_t> CompressedSizeBelow(std::uint64_t limit, const std::string& path, int level) {
+	constexpr std::size_t kBlock = std::size_t{128} << 10U;
+	try {
+		const UniqueFd fd = OpenRegularFile(AT_FDCWD, path);
+		struct stat status {};
+		if (fstat(fd.Get(), &status) != 0) {
+			ThrowErrno("has no size");
+		}
+		const auto size = static_cast<std::uint64_t>(status.st_size);
+		std::uint64_t compressed = 0;
+		archive::ZstdWriter writer(level, [&compressed](std::string_view bytes) { compressed += bytes.size(); });
+		writer.ExpectSize(size);
+		std::vector<char> block(static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size)));
+		for (std::uint64_t at = 0; at < size && compressed < limit; at += block.size()) {
+			block.resize(static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - at)));
+			if (!ReadFullyAt(fd.Get(), block.data(), block.size(), at)) {
+				throw Error("became shorter");
+			}
+			writer.Write({block.data(), block.size()});
+		}
+		if (compressed < limit) {
+			writer.Finish();
+		}
+		return compressed < limit ? std::optional(compressed) : std::nullopt;
+	} catch (const Error& error) {
+		throw PublishError(path + " cannot be read: it " + error.what() + ".");
+	}
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,171 @@
+#include "publisher/diff_chain.h"
+
+#include "base/error.h"
+#include "dataupdate/internal/patcher.h"
+#include "dataupdate/update_error.h"
+#include "publisher/publish_error.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+PackageInfo DiffInfoOf(const std::string& id, int version) {
+	return {id, "", version, kDiffKind};
+}
+
+void RefusePatch(const std::string& source, const std::string& /*output*/, const std::string& /*patch*/) {
+	throw PublishError(source + " was to be patched by bytes though it came by scripts.");
+}
+
+} // namespace
+
+std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files) {
+	std::vector<int> versions;
+	for (int at = version; files.count(at) > 0; --at) {
+		versions.push_back(at);
+	}
+	std::reverse(versions.begin(), versions.end());
+	return versions;
+}
+
+DiffChain::DiffChain(
+    const Repository& repository, const PackageReader& reader, const std::string& id, const Entry& newest)
+    : repository_(repository), reader_(reader), id_(id) {
+	const std::vector<int> versions = VersionsLeadingTo(newest.data_version, newest.diff_files);
+	for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
+		try {
+			links_.insert(links_.begin(), ReadLink(*version));
+		} catch (const PublishError&) {
+			if (links_.empty()) {
+				throw;
+			}
+			break;
+		}
+	}
+	if (!links_.empty()) {
+		state_ = ChainState::FromMetadata(links_.back().package.metadata);
+	}
+}
+
+DiffChain::Link DiffChain::ReadLink(int version) const {
+	const std::string path = repository_.DiffPath(id_, version);
+	try {
+		return {version, path, ReadDiffPackage(reader_.Open(path, DiffInfoOf(id_, version)))};
+	} catch (const Error& error) {
+		throw PublishError("the package " + path + " " + error.what());
+	}
+}
+
+std::vector<int> DiffChain::Versions() const {
+	std::vector<int> versions(links_.size());
+	std::transform(links_.begin(), links_.end(), versions.begin(), [](const Link& link) { return link.version; });
+	return versions;
+}
+
+std::set<std::string> DiffChain::ChangedNames() const {
+	std::set<std::string> names;
+	for (const Link& link : links_) {
+		for (const DiffMember& member : link.package.members) {
+			if (member.kind != PatchKind::kEmptied) {
+				names.insert(member.name);
+			}
+		}
+	}
+	return names;
+}
+
+std::map<std::string, int> DiffChain::Beginnings(const std::set<std::string>& names) const {
+	std::map<std::string, int> beginnings;
+	for (const std::string& name : names) {
+		beginnings[name] = links_.front().version - 1;
+	}
+	for (const Link& link : links_) {
+		for (const DiffMember& member : link.package.members) {
+			if (member.kind == PatchKind::kWhole && names.count(member.name) > 0) {
+				beginnings[member.name] = link.version;
+			}
+		}
+	}
+	return beginnings;
+}
+
+std::set<std::string> DiffChain::UnpackFirst(
+    const std::map<std::string, int>& beginnings, const std::string& directory) const {
+	const int first = links_.front().version - 1;
+	std::vector<std::string> members;
+	for (const auto& [name, beginning] : beginnings) {
+		if (beginning == first) {
+			members.push_back(name);
+		}
+	}
+	const std::string path = repository_.PackagePath(id_, first);
+	if (members.empty()) {
+		return {};
+	}
+	try {
+		PackageReader::Unpack(reader_.Open(path, {id_, "", first}), path, directory, members);
+		return {};
+	} catch (const PublishError&) {
+		// Removed, or signed by a key that is not believed any more: the check of one lineage less.
+		return {members.begin(), members.end()};
+	}
+}
+
+void DiffChain::UnpackSteps(
+    const Link& link, const std::map<std::string, int>& beginnings, const std::string& directory) const {
+	std::vector<DiffMember> steps;
+	std::vector<std::string> inputs;
+	for (const DiffMember& member : link.package.members) {
+		const auto beginning = beginnings.find(member.name);
+		if (beginning != beginnings.end() && link.version >= beginning->second) {
+			steps.push_back(member);
+			inputs.push_back(member.input_file);
+		}
+	}
+	if (!inputs.empty()) {
+		PackageReader::Unpack(reader_.Open(link.path, DiffInfoOf(id_, link.version)), link.path, directory, inputs);
+	}
+	std::ofstream description(directory + "/" + kDescriptionName, std::ios::binary);
+	if (!(description << DescriptionText(steps)).flush()) {
+		throw PublishError(directory + " could not be written to.");
+	}
+}
+
+std::map<std::string, std::string> DiffChain::ReplayScripts(
+    const std::set<std::string>& names, const WorkDirectory& work) const {
+	if (names.empty() || links_.empty()) {
+		return {};
+	}
+	std::map<std::string, int> beginnings = Beginnings(names);
+	const std::string installed = work.Make("lineage");
+	for (const std::string& missing : UnpackFirst(beginnings, installed)) {
+		beginnings.erase(missing);
+	}
+	const std::string copies = work.Make("lineage-copies");
+	try {
+		dataupdate::Patcher patcher(copies, installed, RefusePatch);
+		for (const Link& link : links_) {
+			const std::string package = work.Make("lineage-package");
+			UnpackSteps(link, beginnings, package);
+			patcher.ApplyPackage(package);
+			fs::remove_all(package);
+		}
+		patcher.Install();
+	} catch (const dataupdate::UpdateError& error) {
+		throw PublishError(std::string("the scripts published before cannot be replayed: ") + error.what());
+	}
+	fs::remove_all(copies);
+	std::map<std::string, std::string> files;
+	for (const auto& [name, beginning] : beginnings) {
+		files[name] = (fs::path(installed) / name).string();
+	}
+	return files;
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,37 @@
+#ifndef PUBLISHER_DIFF_MAKER_H
+#define PUBLISHER_DIFF_MAKER_H
+
+#include "publisher/package_reader.h"
+#include "publisher/publish.h"
+#include "publisher/repository.h"
+
+#include <cstdint>
+#include <string>
+
+namespace tarn::publisher {
+
+/** Between which packages a diff is made, and with what. */
+struct DiffOrder {
+	const Repository& repository;
+	const PublishOptions& options;
+	const archive::SigningKey& key;
+	const PackageReader& reader;
+	const Entry& previous;   // the document's entry so far, of the version before
+	std::string new_package; // the full package, still under its temporary name
+	std::uint64_t new_package_size = 0;
+	int published = 0; // when, in seconds since 1970
+};
+
+/**
+ * Writes the diff package that leads from the previous version to the one after it, and applies it as devices do: to
+ * what they have, it must make what the full package makes.
+ *
+ * @param archive_fd  an empty file, open for writing
+ * @param path        its path
+ * @throws PublishError saying why there is no diff; the file then holds anything
+ */
+DiffResult MakeDiff(const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer);
+
+} // namespace tarn::publisher
+
+#endif

@@ -1,0 +1,231 @@
+#include "publisher/inspect.h"
+
+#include "archive/extractor.h"
+#include "base/error.h"
+#include "publisher/diff_package.h"
+#include "publisher/package_reader.h"
+#include "publisher/publish_error.h"
+
+#include <tarncodesign/tarncodesign.h>
+
+#include <json/json.h>
+
+#include <ctime>
+#include <iomanip>
+#include <map>
+#include <optional>
+#include <sstream>
+
+namespace tarn::publisher {
+
+namespace {
+
+/** Runs a function on a package; what it throws becomes a sentence with the package's name. */
+template<typename Function>
+auto NamingPackage(const std::string& package, const Function& function) {
+	try {
+		return function();
+	} catch (const Error& error) {
+		throw PublishError("The package " + package + " " + error.what() + ".");
+	}
+}
+
+const char* KindName(archive::MemberKind kind) {
+	switch (kind) {
+	case archive::MemberKind::kFile:
+		return "file";
+	case archive::MemberKind::kDirectory:
+		return "directory";
+	case archive::MemberKind::kSymlink:
+		return "symbolic link";
+	case archive::MemberKind::kHardLink:
+		return "hard link";
+	case archive::MemberKind::kOther:
+		break;
+	}
+	return "other";
+}
+
+// Unsigned text so far, so it may be anything; what is no JSON is shown as the text it is.
+Json::Value MetadataJson(const archive::ArchiveFile& archive) {
+	Json::Value value = ReadMetadata(archive);
+	return value.isNull() ? Json::Value(Printable(archive.Metadata())) : value;
+}
+
+std::string ToLine(const Json::Value& value) {
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "";
+	return Json::writeString(builder, value);
+}
+
+Json::Value HeadJson(const std::string& package, const archive::ArchiveFile& archive) {
+	const archive::ArchiveHead& head = archive.Head();
+	Json::Value value(Json::objectValue);
+	value["package"] = package;
+	value["verified"] = false;
+	value["key_type"] = Json::UInt64{head.key_type};
+	value["chunk_size"] = Json::UInt64{head.chunk_size};
+	value["payload_size"] = Json::UInt64{head.payload_size};
+	value["entry_count"] = Json::UInt64{head.entry_count};
+	value["unpacked_size"] = Json::UInt64{head.unpacked_size};
+	value["metadata"] = MetadataJson(archive);
+	return value;
+}
+
+/** What a diff package describes; none for a package of another kind, which has no description. */
+std::optional<DiffPackage> DiffOf(const archive::ArchiveFile& archive) {
+	const Json::Value metadata = ReadMetadata(archive);
+	const bool is_diff = metadata.isObject() && metadata["kind"] == kDiffKind;
+	return is_diff ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
+}
+
+/** "2026-11-21 16:52:41 UTC", or "unknown" for a package that does not tell. */
+std::string PublishedAt(const archive::ArchiveFile& archive) {
+	const Json::Value metadata = ReadMetadata(archive);
+	const Json::Value published = metadata.isObject() ? metadata["published"] : Json::Value();
+	struct tm time {};
+	const std::time_t seconds = published.isInt64() ? published.asInt64() : -1;
+	if (seconds < 0 || gmtime_r(&seconds, &time) == nullptr) {
+		return "unknown";
+	}
+	std::ostringstream text;
+	text << std::put_time(&time, "%Y-%m-%d %H:%M:%S UTC");
+	return text.str();
+}
+
+struct Total {
+	std::uint64_t files = 0;
+	std::uint64_t bytes = 0;
+};
+
+/** Files and bytes by kind, in the order of the kinds. */
+std::map<PatchKind, Total> TotalsOf(const DiffPackage& diff) {
+	std::map<PatchKind, Total> totals;
+	for (const DiffMember& member : diff.members) {
+		Total& total = totals[member.kind];
+		++total.files;
+		total.bytes += member.size;
+	}
+	return totals;
+}
+
+void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
+	Json::Value& changes = value["changes"] = Json::Value(Json::arrayValue);
+	for (const DiffMember& member : diff.members) {
+		Json::Value item(Json::objectValue);
+		item["name"] = member.name;
+		item["operation"] = member.operation;
+		item["kind"] = PatchKindName(member.kind);
+		item["size"] = Json::UInt64{member.size};
+		changes.append(std::move(item));
+	}
+	Json::Value& totals = value["totals"] = Json::Value(Json::objectValue);
+	for (const auto& [kind, total] : TotalsOf(diff)) {
+		totals[PatchKindName(kind)]["files"] = Json::UInt64{total.files};
+		totals[PatchKindName(kind)]["bytes"] = Json::UInt64{total.bytes};
+	}
+}
+
+std::string Counted(std::uint64_t count, PatchKind kind) {
+	const bool directories = kind == PatchKind::kEmptied;
+	const char* one = directories ? " directory" : " file";
+	const char* many = directories ? " directories" : " files";
+	return std::to_string(count) + (count == 1 ? one : many);
+}
+
+void PrintDiffTable(const DiffPackage& diff, std::ostream& out) {
+	constexpr int kSizeWidth = 14;
+	constexpr int kOperationWidth = 11;
+	constexpr int kKindWidth = 9;
+	const auto begin_line = [&out](std::uint64_t bytes, const std::string& operation, const char* kind) {
+		out << std::setw(kSizeWidth) << bytes << "  " << std::left << std::setw(kOperationWidth) << operation
+		    << std::setw(kKindWidth) << kind << std::right;
+	};
+	out << std::setw(kSizeWidth) << "bytes"
+	    << "  operation  kind     name\n";
+	for (const DiffMember& member : diff.members) {
+		begin_line(member.size, Printable(member.operation), PatchKindName(member.kind));
+		out << Printable(member.name) << "\n";
+	}
+	out << "\n";
+	for (const auto& [kind, total] : TotalsOf(diff)) {
+		begin_line(total.bytes, "total", PatchKindName(kind));
+		out << Counted(total.files, kind) << "\n";
+	}
+}
+
+void PrintJson(const std::string& package, const archive::ArchiveFile& archive, std::ostream& out) {
+	Json::Value value = HeadJson(package, archive);
+	Json::Value& members = value["members"] = Json::Value(Json::arrayValue);
+	archive::ForEachMember(archive, [&](const archive::Member& member) {
+		Json::Value item(Json::objectValue);
+		item["name"] = member.name;
+		item["kind"] = KindName(member.kind);
+		item["size"] = Json::UInt64{member.size};
+		if (!member.link.empty()) {
+			item["target"] = member.link;
+		}
+		members.append(std::move(item));
+	});
+	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
+		AddDiffJson(*diff, value);
+	}
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "\t";
+	out << Json::writeString(builder, value) << "\n";
+}
+
+void PrintMemberTable(const archive::ArchiveFile& archive, std::ostream& out) {
+	constexpr int kSizeWidth = 14;
+	constexpr int kKindWidth = 15;
+	out << std::setw(kSizeWidth) << "bytes"
+	    << "  " << std::left << std::setw(kKindWidth) << "kind"
+	    << "name\n"
+	    << std::right;
+	archive::ForEachMember(archive, [&](const archive::Member& member) {
+		out << std::setw(kSizeWidth) << member.size << "  " << std::left << std::setw(kKindWidth)
+		    << KindName(member.kind) << std::right << Printable(member.name);
+		if (!member.link.empty()) {
+			out << " -> " << Printable(member.link);
+		}
+		out << "\n";
+	});
+}
+
+void PrintTable(const std::string& package, const archive::ArchiveFile& archive, std::ostream& out) {
+	const archive::ArchiveHead& head = archive.Head();
+	out << Printable(package) << " (signature not checked; \"verify\" does that)\n"
+	    << "key type       " << head.key_type << "\n"
+	    << "package bytes  " << head.FileSize() << "\n"
+	    << "payload bytes  " << head.payload_size << " in " << head.ChunkCount() << " chunks of " << head.chunk_size
+	    << "\n"
+	    << "members        " << head.entry_count << "\n"
+	    << "unpacked bytes " << head.unpacked_size << "\n"
+	    << "published      " << PublishedAt(archive) << "\n"
+	    << "metadata       " << ToLine(MetadataJson(archive)) << "\n\n";
+	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
+		PrintDiffTable(*diff, out);
+	} else {
+		PrintMemberTable(archive, out);
+	}
+}
+
+} // namespace
+
+std::string VerifyPackage(const std::string& package, const std::vector<std::string>& key_files) {
+	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(key_files);
+	return NamingPackage(package, [&] {
+		const archive::ArchiveFile archive(package);
+		const archive::TrustedKey& signer = keys[archive.Check(keys, TARNARCHIVE_KEYTYPE_DATA_UPDATE)];
+		return package + " is whole and signed by " + signer.name + " (" + signer.key.Fingerprint() + ").";
+	});
+}
+
+void InspectPackage(const std::string& package, bool json, std::ostream& out) {
+	NamingPackage(package, [&] {
+		const archive::ArchiveFile archive(package);
+		(json ? PrintJson : PrintTable)(package, archive, out);
+	});
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,23 @@
+#ifndef PUBLISHER_INSPECT_H
+#define PUBLISHER_INSPECT_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/**
+ * Checks a package as a device does.
+ *
+ * @return one sentence that says which of the keys verified it
+ * @throws PublishError when none did, or the package is damaged
+ */
+std::string VerifyPackage(const std::string& package, const std::vector<std::string>& key_files);
+
+/** Prints head, metadata and members of a package without checking its signature; throws PublishError. */
+void InspectPackage(const std::string& package, bool json, std::ostream& out);
+
+} // namespace tarn::publisher
+
+#endif

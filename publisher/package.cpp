@@ -1,0 +1,101 @@
+#include "publisher/package.h"
+
+#include "archive/sealer.h"
+#include "archive/tar_writer.h"
+#include "base/error.h"
+#include "base/file_io.h"
+#include "publisher/publish_error.h"
+
+#include <tarncodesign/tarncodesign.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+namespace tarn::publisher {
+
+namespace {
+
+std::string Metadata(const PackageInfo& info) {
+	Json::Value metadata = info.more;
+	metadata["data_version"] = info.data_version;
+	metadata["format_version"] = info.format_version;
+	metadata["id"] = info.id;
+	metadata["kind"] = info.kind;
+	metadata["published"] = info.published;
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "";
+	return Json::writeString(builder, metadata);
+}
+
+struct stat StatusOf(int fd, const TreeFile& file) {
+	struct stat status {};
+	if (fstat(fd, &status) != 0) {
+		throw PublishError(ErrnoText(file.source + " cannot be read", errno) + ".");
+	}
+	return status;
+}
+
+void RequireUnchanged(bool unchanged, const TreeFile& file) {
+	if (!unchanged) {
+		throw PublishError("\"" + Printable(file.name) + "\" changed while it was published; publish a tree at rest.");
+	}
+}
+
+bool SameContent(const struct stat& left, const struct stat& right) {
+	return left.st_size == right.st_size && left.st_mtim.tv_sec == right.st_mtim.tv_sec &&
+	       left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
+}
+
+void PackFile(const TreeFile& file, archive::TarZstdWriter& tar, std::vector<char>& buffer,
+    const std::function<void(std::uint64_t)>& report) {
+	UniqueFd fd;
+	try {
+		fd = OpenRegularFile(AT_FDCWD, file.source);
+	} catch (const Error& error) {
+		if (!std::filesystem::exists(std::filesystem::symlink_status(file.source))) {
+			RefuseVanished(file.name);
+		}
+		throw PublishError("\"" + Printable(file.name) + "\" cannot be read: it " + error.what() + ".");
+	}
+	const struct stat before = StatusOf(fd.Get(), file);
+	RequireUnchanged(static_cast<std::uint64_t>(before.st_size) == file.size, file);
+	tar.BeginFile(file.name, file.size, file.executable);
+	for (std::uint64_t offset = 0; offset < file.size;) {
+		const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), file.size - offset));
+		RequireUnchanged(ReadFullyAt(fd.Get(), buffer.data(), part, offset), file);
+		tar.WriteContent({buffer.data(), part});
+		offset += part;
+		report(offset);
+	}
+	RequireUnchanged(SameContent(before, StatusOf(fd.Get(), file)), file);
+}
+
+} // namespace
+
+std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key, int level,
+    int archive_fd, const std::string& path, const PackProgress& progress) {
+	archive::ArchiveSealer sealer(std::filesystem::path(path).parent_path().string());
+	archive::TarZstdWriter tar(level, [&sealer](std::string_view bytes) { sealer.Append(bytes); });
+	std::vector<char> buffer(archive::kChunkSize);
+	std::uint64_t files = 0;
+	std::uint64_t bytes = 0;
+	for (const TreeFile& file : tree.files) {
+		PackFile(file, tar, buffer, [&](std::uint64_t offset) { progress(files, bytes + offset); });
+		++files;
+		bytes += file.size;
+	}
+	progress(files, bytes);
+	tar.Finish();
+	archive::ArchiveHead head;
+	head.key_type = TARNARCHIVE_KEYTYPE_DATA_UPDATE;
+	head.entry_count = files;
+	head.unpacked_size = bytes;
+	return sealer.Seal(head, Metadata(info), key, archive_fd, path);
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,28 @@
+#ifndef PUBLISHER_PUBLISH_ERROR_H
+#define PUBLISHER_PUBLISH_ERROR_H
+
+#include <stdexcept>
+
+namespace tarn::publisher {
+
+/** What could not be done and why, in one sentence for the person at the terminal. */
+class PublishError : public std::runtime_error {
+public:
+	using std::runtime_error::runtime_error;
+};
+
+/** An option has a value that can never work. */
+class UsageError : public PublishError {
+public:
+	using PublishError::PublishError;
+};
+
+/** A document cannot be understood, and is left as it is. */
+class DamagedDocument : public PublishError {
+public:
+	using PublishError::PublishError;
+};
+
+} // namespace tarn::publisher
+
+#endif

@@ -1,0 +1,278 @@
+#include "publisher/restore.h"
+
+#include "publisher/diff_package.h"
+#include "publisher/option_checks.h"
+#include "publisher/package_reader.h"
+#include "publisher/publish_error.h"
+#include "publisher/repository.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <ctime>
+#include <map>
+#include <set>
+
+namespace tarn::publisher {
+
+namespace {
+
+/** What a package that is signed and in its place says of itself. */
+struct SignedPackage {
+	std::string path;
+	int published = 0;
+	bool says_when = false;
+	std::string format_version;
+	std::uint64_t size = 0;
+};
+
+struct SignedPackages {
+	std::map<int, SignedPackage> full; // by version
+	std::map<int, SignedPackage> diffs;
+	int highest = -1; // version of all packages of the document's format, of use or not
+};
+
+std::string WithoutEnd(std::string sentence) {
+	sentence.erase(sentence.find_last_not_of('.') + 1);
+	return sentence;
+}
+
+/** Rebuilds one document; the steps of Restore(). */
+class Restoration {
+public:
+	Restoration(const RestoreOptions& options, const PublishObserver& observer)
+	    : options_(options),
+	      observer_(observer),
+	      reader_(options.keys),
+	      repository_(options.repository, observer.waiting),
+	      url_(options.url.empty() ? RememberedUrl() : options.url),
+	      is_damaged_(repository_.IsDamaged(options.db_version)) {}
+
+	RestoreResult Run() {
+		result_.document = repository_.DocumentPath(options_.db_version);
+		std::map<std::string, Entry> entries;
+		for (const std::string& id : Ids()) {
+			try {
+				CheckWord("--id", id);
+				if (!IsNamed(id)) {
+					entries[id] = Rebuild(id);
+				}
+			} catch (const PublishError& error) {
+				result_.failures.push_back(id + " is not restored: " + WithoutEnd(error.what()) + ".");
+			}
+		}
+		if (!entries.empty()) {
+			repository_.RemoveDocumentLeftovers();
+			repository_.WriteEntries(options_.db_version, entries, true);
+			result_.is_written = true;
+		}
+		return std::move(result_);
+	}
+
+private:
+	std::string RememberedUrl() const {
+		if (auto url = repository_.RememberedUrl()) {
+			CheckUrl(*url);
+			return *url;
+		}
+		throw UsageError("--url is needed: " + options_.repository +
+		                 " does not tell where devices reach it, since an older release published it.");
+	}
+
+	std::vector<std::string> Ids() const {
+		std::vector<std::string> ids = options_.ids.empty() ? repository_.PackagedIds() : options_.ids;
+		if (ids.empty()) {
+			throw PublishError("There are no packages in " + options_.repository + ".");
+		}
+		return ids;
+	}
+
+	/** The version that the document names; none when there is nothing to believe. */
+	std::optional<int> NamedVersion(const std::string& id) const {
+		if (is_damaged_) {
+			return std::nullopt;
+		}
+		try {
+			const std::optional<Entry> entry = repository_.ReadEntry(options_.db_version, id);
+			return entry ? std::optional(entry->data_version) : std::nullopt;
+		} catch (const DamagedDocument&) {
+			return std::nullopt;
+		}
+	}
+
+	/** The highest version that any document names, as far as they can be read. */
+	int NamedAnywhere(const std::string& id) const {
+		try {
+			return repository_.LastVersion(id).value_or(-1);
+		} catch (const DamagedDocument&) {
+			return -1;
+		}
+	}
+
+	/** Whether the document's entry stays, because it can be read and is as new as the packages. */
+	bool IsNamed(const std::string& id) {
+		const std::optional<int> named = NamedVersion(id);
+		if (!named || options_.force) {
+			return false;
+		}
+		const std::vector<PackageFile> files = repository_.Packages(id);
+		if (!files.empty() && files.back().data_version > std::max(*named, NamedAnywhere(id))) {
+			throw PublishError(result_.document + " names its version " + std::to_string(*named) + ", though " +
+			                   files.back().path + " is there; --force writes the entry anew");
+		}
+		RestoredDatabase database;
+		database.id = id;
+		database.was_named = true;
+		database.data_version = *named;
+		result_.databases.push_back(std::move(database));
+		return true;
+	}
+
+	Entry Rebuild(const std::string& id) {
+		const std::vector<PackageFile> files = repository_.Packages(id);
+		if (files.empty()) {
+			throw PublishError("there are no packages of it in " + options_.repository);
+		}
+		const SignedPackages packages = Read(id, files);
+		if (packages.full.empty()) {
+			throw PublishError("none of its full packages can be used; --old-key names further keys that signed");
+		}
+		RequireOneFormat(packages);
+		const auto& [version, newest] = *packages.full.rbegin();
+		Entry entry = {version, newest.published, LinkTo(url_, Repository::PackageName(id, version)), {}};
+		if (!newest.says_when) {
+			observer_.warn(newest.path + " does not say when it was published; the time of the file stands for it.");
+		}
+		entry.diff_files = Chain(id, version, packages.diffs);
+		WarnOfHigher(id, version, packages.highest);
+		WarnOfUnreached(version, entry, packages.diffs);
+		Add(id, entry);
+		return entry;
+	}
+
+	SignedPackages Read(const std::string& id, const std::vector<PackageFile>& files) const {
+		SignedPackages packages;
+		std::uint64_t done = 0;
+		for (const PackageFile& file : files) {
+			observer_.step("reading packages of " + id, done++, files.size());
+			try {
+				const SignedPackage package = ReadOne(id, file);
+				if (options_.format_version.value_or(package.format_version) == package.format_version) {
+					(file.is_diff ? packages.diffs : packages.full)[file.data_version] = package;
+					packages.highest = std::max(packages.highest, file.data_version);
+				}
+			} catch (const PublishError& error) {
+				packages.highest = std::max(packages.highest, file.data_version);
+				observer_.warn("Left out: " + WithoutEnd(error.what()) + ".");
+			}
+		}
+		return packages;
+	}
+
+	SignedPackage ReadOne(const std::string& id, const PackageFile& file) const {
+		const std::string place =
+		    file.is_diff ? repository_.DiffPath(id, file.data_version) : repository_.PackagePath(id, file.data_version);
+		if (file.path != place) {
+			throw PublishError("the package " + file.path + " should be named " + place);
+		}
+		const std::string kind = file.is_diff ? kDiffKind : "full";
+		const archive::ArchiveFile archive = reader_.Open(file.path, {id, "", file.data_version, kind});
+		const Json::Value metadata = ReadMetadata(archive);
+		if (file.is_diff && metadata["base_version"] != file.data_version - 1) {
+			throw PublishError(
+			    "the package " + file.path + " does not begin at version " + std::to_string(file.data_version - 1));
+		}
+		if (file.is_diff && archive.Head().FileSize() > static_cast<std::uint64_t>(kMaxNumber)) {
+			throw PublishError("the package " + file.path + " is larger than the document can say");
+		}
+		const Json::Value& format = metadata["format_version"];
+		SignedPackage package = {
+		    file.path, 0, false, format.isString() ? format.asString() : "", archive.Head().FileSize()};
+		const std::optional<int> published = PublishedTime(metadata);
+		package.says_when = published.has_value();
+		package.published = published ? *published : FileTime(file.path);
+		return package;
+	}
+
+	static int FileTime(const std::string& path) {
+		struct stat status {};
+		const std::int64_t seconds = stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+		return static_cast<int>(std::clamp<std::int64_t>(seconds, 0, kMaxNumber));
+	}
+
+	static void RequireOneFormat(const SignedPackages& packages) {
+		std::set<std::string> formats;
+		for (const auto& [version, package] : packages.full) {
+			formats.insert(package.format_version);
+		}
+		if (formats.size() > 1) {
+			throw PublishError("its packages are of the formats \"" + *formats.begin() + "\" and \"" +
+			                   *formats.rbegin() + "\"; --format-version says which one the document is for");
+		}
+	}
+
+	std::map<int, DiffFile> Chain(const std::string& id, int version, const std::map<int, SignedPackage>& diffs) const {
+		std::map<int, DiffFile> files;
+		const auto kept = static_cast<std::size_t>(options_.keep_diffs);
+		for (auto diff = diffs.find(version); diff != diffs.end() && files.size() < kept;
+		     diff = diffs.find(--version)) {
+			files[version] = {LinkTo(url_, Repository::DiffName(id, version)), static_cast<int>(diff->second.size)};
+		}
+		return files;
+	}
+
+	/** Devices may have a version that cannot be named, and take no lower or equal one. */
+	void WarnOfHigher(const std::string& id, int version, int highest_packaged) const {
+		const int highest = std::max(highest_packaged, NamedVersion(id).value_or(version));
+		if (highest > version) {
+			observer_.warn("Devices may have version " + std::to_string(highest) + " of " + id +
+			               ", of which there is no full package that can be named: the document names version " +
+			               std::to_string(version) + ". Publish with --data-version " +
+			               std::to_string(std::int64_t{highest} + 1) + " next.");
+		}
+	}
+
+	void WarnOfUnreached(int version, const Entry& entry, const std::map<int, SignedPackage>& diffs) const {
+		if (entry.diff_files.size() == static_cast<std::size_t>(options_.keep_diffs)) {
+			return; // What is older is no longer kept.
+		}
+		for (const auto& [diff_version, package] : diffs) {
+			if (diff_version <= version && entry.diff_files.count(diff_version) == 0) {
+				observer_.warn("Left out: from the package " + package.path + " no chain leads to version " +
+				               std::to_string(version) + ".");
+			}
+		}
+	}
+
+	void Add(const std::string& id, const Entry& entry) {
+		RestoredDatabase database;
+		database.id = id;
+		database.data_version = entry.data_version;
+		database.diffs = entry.diff_files.size();
+		database.oldest_base = entry.diff_files.empty() ? entry.data_version : entry.diff_files.begin()->first - 1;
+		database.download_link = entry.download_link;
+		result_.databases.push_back(std::move(database));
+	}
+
+	const RestoreOptions& options_;
+	const PublishObserver& observer_;
+	PackageReader reader_;
+	Repository repository_;
+	std::string url_;
+	bool is_damaged_;
+	RestoreResult result_;
+};
+
+} // namespace
+
+RestoreResult Restore(const RestoreOptions& options, const PublishObserver& observer) {
+	CheckWord("--db-version", options.db_version);
+	CheckKeptDiffs(options.keep_diffs);
+	if (!options.url.empty()) {
+		CheckUrl(options.url);
+	}
+	RequireRepository(options.repository);
+	return Restoration(options, observer).Run();
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,277 @@
+#include "publisher/sqlite_content.h"
+
+#include "base/error.h"
+#include "base/file_io.h"
+#include "publisher/publish_error.h"
+#include "publisher/virtual_tables.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <sqlite3.h>
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tarn::publisher {
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 100;
+constexpr std::string_view kMagic("SQLite format 3\0", 16);
+using Header = std::array<char, kHeaderSize>;
+
+/** A database's header; none when the file is not one. */
+std::optional<Header> ReadHeader(const std::string& path) {
+	try {
+		const UniqueFd fd = OpenRegularFile(AT_FDCWD, path);
+		Header header{};
+		if (ReadFullyAt(fd.Get(), header.data(), header.size(), 0) &&
+		    std::string_view(header.data(), kMagic.size()) == kMagic) {
+			return header;
+		}
+		return std::nullopt;
+	} catch (const Error& error) {
+		throw PublishError(path + " cannot be read: it " + error.what() + ".");
+	}
+}
+
+/** What no statement about rows changes, by its place in the header. */
+struct Setting {
+	const char* name;
+	std::size_t offset;
+	std::size_t size;
+};
+constexpr std::array<Setting, 8> kSettings = {
+    {{"page size", 16, 2}, {"journal mode", 18, 2}, {"reserved space", 20, 1}, {"schema format", 44, 4},
+        {"default cache size", 48, 4}, {"text encoding", 56, 4}, {"user version", 60, 4}, {"application id", 68, 4}}};
+constexpr Setting kAutoVacuum = {"auto vacuum", 52, 4};
+constexpr Setting kIncrementalVacuum = {"incremental vacuum", 64, 4};
+constexpr Setting kEncoding = {"text encoding", 56, 4};
+
+std::string_view Field(const Header& header, const Setting& setting) {
+	return {&header.at(setting.offset), setting.size};
+}
+
+bool IsZero(std::string_view field) {
+	return field.find_first_not_of('\0') == std::string_view::npos;
+}
+
+std::optional<std::string> FindSettingDifference(const Header& before, const Header& after) {
+	for (const Setting& setting : kSettings) {
+		if (Field(before, setting) != Field(after, setting)) {
+			return std::string("the databases differ in their ") + setting.name;
+		}
+	}
+	// The first is a page's number, which differs as the file grows.
+	for (const Setting& setting : {kAutoVacuum, kIncrementalVacuum}) {
+		if (IsZero(Field(before, setting)) != IsZero(Field(after, setting))) {
+			return std::string("the databases differ in their ") + setting.name;
+		}
+	}
+	if (Field(after, kEncoding) != std::string_view("\0\0\0\1", 4)) {
+		return "the database's text is not in UTF-8";
+	}
+	return std::nullopt;
+}
+
+/** The file and nothing beside it, as the one thing that travels; not even locks are taken. */
+SQLite::Database OpenAlone(const std::string& path) {
+	std::string uri = "file:";
+	for (const char byte : path) {
+		if (std::strchr("?#%", byte) != nullptr && byte != '\0') {
+			constexpr std::string_view kDigits = "0123456789abcdef";
+			const auto value = static_cast<unsigned char>(byte);
+			uri += '%';
+			uri += kDigits.at(value >> 4U);
+			uri += kDigits.at(value & 15U);
+		} else {
+			uri += byte;
+		}
+	}
+	return {uri + "?immutable=1", SQLite::OPEN_READONLY | SQLite::OPEN_URI};
+}
+
+std::uint64_t BitsOf(double value) {
+	std::uint64_t bits = 0;
+	std::memcpy(&bits, &value, sizeof(bits));
+	return bits;
+}
+
+bool SameValue(const SQLite::Column& left, const SQLite::Column& right) {
+	if (left.getType() != right.getType()) {
+		return false;
+	}
+	switch (left.getType()) {
+	case SQLITE_INTEGER:
+		return left.getInt64() == right.getInt64();
+	case SQLITE_FLOAT:
+		return BitsOf(left.getDouble()) == BitsOf(right.getDouble());
+	case SQLITE_NULL:
+		return true;
+	default:
+		break;
+	}
+	const void* one = left.getBlob();
+	const void* other = right.getBlob();
+	const auto size = static_cast<std::size_t>(left.getBytes());
+	return left.getBytes() == right.getBytes() && (size == 0 || std::memcmp(one, other, size) == 0);
+}
+
+bool SameRow(const SQLite::Statement& left, const SQLite::Statement& right) {
+	for (int column = 0; column < left.getColumnCount(); ++column) {
+		if (!SameValue(left.getColumn(column), right.getColumn(column))) {
+			return false;
+		}
+	}
+	return true;
+}
+
+/** Whether a query gives the same rows in both databases. */
+bool SameResult(const SQLite::Database& left, const SQLite::Database& right, const std::string& query) {
+	SQLite::Statement one(left, query);
+	SQLite::Statement other(right, query);
+	if (one.getColumnCount() != other.getColumnCount()) {
+		return false;
+	}
+	while (one.executeStep()) {
+		if (!other.executeStep() || !SameRow(one, other)) {
+			return false;
+		}
+	}
+	return !other.executeStep();
+}
+
+struct Table {
+	std::string name;
+	bool without_rowid = false;
+};
+
+std::vector<Table> TablesOf(const SQLite::Database& database) {
+	std::vector<Table> tables;
+	SQLite::Statement list(database, "SELECT name, wr FROM pragma_table_list WHERE schema = 'main' AND type = 'table' "
+	                                 "AND name NOT IN ('sqlite_schema', 'sqlite_master') ORDER BY name");
+	while (list.executeStep()) {
+		tables.push_back({list.getColumn(0).getString(), list.getColumn(1).getInt() != 0});
+	}
+	return tables;
+}
+
+/** A name by which the row id can be read, unless columns have taken all of them. */
+std::optional<std::string> RowIdName(const SQLite::Database& database, const std::string& table) {
+	for (const char* name : {"rowid", "_rowid_", "oid"}) {
+		SQLite::Statement taken(database, "SELECT 1 FROM pragma_table_info(?) WHERE lower(name) = ?");
+		taken.bind(1, table);
+		taken.bind(2, name);
+		if (!taken.executeStep()) {
+			return name;
+		}
+	}
+	return std::nullopt;
+}
+
+std::string RowsQuery(const SQLite::Database& database, const Table& table) {
+	// An index would be read instead of the table when it holds all columns, and damage in either go unseen.
+	const std::string source = " FROM " + QuotedName(table.name) + " NOT INDEXED";
+	if (table.without_rowid) {
+		return "SELECT *" + source;
+	}
+	const std::optional<std::string> row_id = RowIdName(database, table.name);
+	if (!row_id) {
+		throw PublishError("columns hide the row ids of " + table.name);
+	}
+	return "SELECT " + *row_id + ", *" + source + " ORDER BY " + *row_id;
+}
+
+constexpr const char* kSchemaQuery =
+    "SELECT type, name, tbl_name, sql FROM sqlite_schema ORDER BY type, name, tbl_name";
+
+bool HasRows(const SQLite::Database& database, const std::string& query) {
+	return SQLite::Statement(database, query).executeStep();
+}
+
+std::optional<std::string> FindSchemaObstacle(const SQLite::Database& before, const SQLite::Database& after) {
+	if (!SameResult(before, after, kSchemaQuery)) {
+		return "the schema has changed";
+	}
+	if (HasRows(after, "SELECT 1 FROM sqlite_schema WHERE type = 'trigger'")) {
+		return "the database has triggers";
+	}
+	if (auto obstacle = FindVirtualTableObstacle(after)) {
+		return obstacle;
+	}
+	for (const Table& table : TablesOf(after)) {
+		SQLite::Statement hidden(after, "SELECT 1 FROM pragma_table_xinfo(?) WHERE hidden <> 0");
+		hidden.bind(1, table.name);
+		if (hidden.executeStep()) {
+			return "the table " + table.name + " has generated columns";
+		}
+		RowsQuery(after, table); // throws for a table whose rows cannot be told apart
+	}
+	return std::nullopt;
+}
+
+/** Queries whose results are all that a database holds but its schema, by the table that each asks of. */
+std::vector<std::pair<std::string, std::string>> ContentQueries(const SQLite::Database& database) {
+	std::vector<std::pair<std::string, std::string>> queries;
+	for (const Table& table : TablesOf(database)) {
+		queries.emplace_back(table.name, RowsQuery(database, table));
+	}
+	for (const VirtualTable& table : VirtualTablesOf(database)) {
+		queries.emplace_back(table.name, RowsQuery(database, {table.name, false}));
+		for (const std::string& query : QueriesBesideRows(database, table)) {
+			queries.emplace_back(table.name, query);
+		}
+	}
+	return queries;
+}
+
+} // namespace
+
+bool IsSqliteFile(const std::string& path) {
+	return ReadHeader(path).has_value();
+}
+
+std::optional<std::string> FindScriptObstacle(const std::string& before, const std::string& after) {
+	const std::optional<Header> before_header = ReadHeader(before);
+	const std::optional<Header> after_header = ReadHeader(after);
+	if (!before_header || !after_header) {
+		return "it is no database in both versions";
+	}
+	if (auto difference = FindSettingDifference(*before_header, *after_header)) {
+		return difference;
+	}
+	try {
+		return FindSchemaObstacle(OpenAlone(before), OpenAlone(after));
+	} catch (const std::exception& error) {
+		return std::string("the databases cannot be compared: ") + error.what();
+	}
+}
+
+std::optional<std::string> FindContentDifference(const std::string& left, const std::string& right) {
+	try {
+		const SQLite::Database one = OpenAlone(left);
+		const SQLite::Database other = OpenAlone(right);
+		if (!SameResult(one, other, kSchemaQuery)) {
+			return "the schemas differ";
+		}
+		if (auto obstacle = FindVirtualTableObstacle(one)) {
+			return obstacle;
+		}
+		for (const auto& [table, query] : ContentQueries(one)) {
+			if (!SameResult(one, other, query)) {
+				return "the table " + table + " differs";
+			}
+		}
+		return std::nullopt;
+	} catch (const std::exception& error) {
+		return std::string("the databases cannot be compared: ") + error.what();
+	}
+}
+
+} // namespace tarn::publisher

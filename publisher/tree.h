@@ -1,0 +1,42 @@
+#ifndef PUBLISHER_TREE_H
+#define PUBLISHER_TREE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/** One file to publish. */
+struct TreeFile {
+	std::string name;   // relative to the tree, "/" between components
+	std::string source; // where its content is read; a link's target for a link
+	std::uint64_t size = 0;
+	bool executable = false;
+};
+
+/** What a tree holds, in byte order of the names. */
+struct Tree {
+	std::vector<TreeFile> files;
+	std::uint64_t total_size = 0;
+	std::uint64_t empty_directories = 0; // which devices will not have
+};
+
+/** Long enough for any sensible name, and short enough to stay below PATH_MAX in every directory of a device. */
+constexpr std::size_t kMaxNameLength = 3000;
+
+/**
+ * Lists a tree and refuses what devices could not install.
+ *
+ * @throws PublishError naming the file: a link out of the tree, to a directory or to nothing; a device, FIFO or
+ *         socket; a name with ':' or a newline (hooks and scripts separate names by them), longer than
+ *         kMaxNameLength or not UTF-8; a tree without files, or with more files or bytes than devices accept
+ */
+Tree ListTree(const std::string& root);
+
+/** Throws the PublishError for a file of a tree that is gone though the tree was listed with it. */
+[[noreturn]] void RefuseVanished(const std::string& name);
+
+} // namespace tarn::publisher
+
+#endif

@@ -1,0 +1,44 @@
+#ifndef PUBLISHER_TREE_CHANGES_H
+#define PUBLISHER_TREE_CHANGES_H
+
+#include "publisher/tree.h"
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/** A file that differs between two trees, in its bytes or in whether it is executable. */
+struct TreeChange {
+	std::string name;
+	std::optional<TreeFile> before; // none when it is new
+	std::optional<TreeFile> after;  // none when it has vanished
+};
+
+/** What differs between two trees, in byte order of names; throws PublishError when a file cannot be read. */
+std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after);
+
+/** Whether two files hold the same bytes; throws PublishError. */
+bool SameBytes(const std::string& left, const std::string& right);
+
+/**
+ * The directories of one tree that another lacks, in byte order of names; both trees hold the directories of their
+ * files alone. A name that is a file's now is left out.
+ */
+std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& after);
+
+/**
+ * Why devices could not apply changes, or nothing. They build changed files under flat names in one directory, and put
+ * them in place in order of names, each by removing what is there.
+ *
+ * @param before   the tree that is changed
+ * @param earlier  names that earlier packages of the same chain change
+ */
+std::optional<std::string> FindNameConflict(
+    const std::vector<TreeChange>& changes, const Tree& before, const std::set<std::string>& earlier);
+
+} // namespace tarn::publisher
+
+#endif
