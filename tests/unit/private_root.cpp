@@ -40,8 +40,13 @@ fs::path InNewRoot(const fs::path& path) {
 	return fs::path(kNewRoot) / path.relative_path();
 }
 
+/** Volumes of the machine, or of other tests, would be writable for others or come and go. */
+bool IsVolume(const fs::path& path) {
+	return path.parent_path() == "/" && path.filename().string().rfind("volume", 0) == 0;
+}
+
 bool IsHidden(const fs::path& path) {
-	return std::find(kHiddenPaths.begin(), kHiddenPaths.end(), path) != kHiddenPaths.end();
+	return IsVolume(path) || std::find(kHiddenPaths.begin(), kHiddenPaths.end(), path) != kHiddenPaths.end();
 }
 
 bool HoldsHidden(const fs::path& directory) {

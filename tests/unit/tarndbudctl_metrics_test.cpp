@@ -1,3 +1,4 @@
+#include "base/error.h"
 #include "base/whole_file.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/paths.h"
@@ -57,8 +58,8 @@ TEST(WholeFileTest, ReplacesAFileAsAWhole) {
 TEST(WholeFileTest, LeavesNothingBesideAFileThatCannotBeReplaced) {
 	const test::TemporaryDirectory directory;
 	std::filesystem::create_directory(directory / "file");
-	EXPECT_THROW(WriteWholeFile(directory / "file", "new"), CommandError);
-	EXPECT_THROW(WriteWholeFile(directory / "missing/file", "new"), CommandError);
+	EXPECT_THROW(WriteWholeFile(directory / "file", "new"), Error);
+	EXPECT_THROW(WriteWholeFile(directory / "missing/file", "new"), Error);
 	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 1);
 }
 
