@@ -1,6 +1,7 @@
 #include "archive/beneath_writer.h"
 
 #include "base/error.h"
+#include "base/text.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

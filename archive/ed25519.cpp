@@ -1,6 +1,7 @@
 #include "archive/ed25519.h"
 
 #include "base/error.h"
+#include "base/text.h"
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -88,16 +89,6 @@ Digest Sha256(const void* data, std::size_t size) {
 		throw Error("cannot compute a SHA-256 digest");
 	}
 	return digest;
-}
-
-std::string Hex(const unsigned char* bytes, std::size_t size) {
-	constexpr std::string_view kDigits = "0123456789abcdef";
-	std::string text;
-	for (std::size_t i = 0; i < size; ++i) {
-		text += kDigits[bytes[i] >> 4U];
-		text += kDigits[bytes[i] & 0xfU];
-	}
-	return text;
 }
 
 } // namespace tarn::archive

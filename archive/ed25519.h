@@ -42,9 +42,6 @@ void RequireEd25519(const KeyHandle& key);
 /** SHA-256 of a buffer. */
 Digest Sha256(const void* data, std::size_t size);
 
-/** Bytes as lower-case hexadecimal digits. */
-std::string Hex(const unsigned char* bytes, std::size_t size);
-
 } // namespace tarn::archive
 
 #endif

@@ -3,6 +3,7 @@
 #include "archive/beneath_writer.h"
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/text.h"
 
 #include <sys/stat.h>
 

@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/text.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -37,8 +38,8 @@ void RequireGuarded(int fd, const std::string& what) {
 }
 
 bool IsKeyFileName(const std::string& name) {
-	const std::string suffix = ".pub";
-	return name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
+	constexpr std::string_view kSuffix = ".pub";
+	return name.size() > kSuffix.size() && EndsWith(name, kSuffix);
 }
 
 std::vector<std::string> KeyFileNames(int directory_fd, const std::string& directory) {

@@ -1,5 +1,7 @@
 #include "archive/package_identity.h"
 
+#include "base/text.h"
+
 #include <json/reader.h>
 #include <json/value.h>
 

@@ -1,6 +1,7 @@
 #include "archive/tar_reader.h"
 
 #include "base/error.h"
+#include "base/text.h"
 
 #include <cerrno>
 

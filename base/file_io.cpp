@@ -4,10 +4,39 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-
-#include <cerrno>
+#include <unistd.h>
 
 namespace tarn {
+
+bool WriteAll(int fd, const void* buffer, std::size_t size) {
+	const auto* from = static_cast<const char*>(buffer);
+	while (size > 0) {
+		const ssize_t count = RetryOnInterrupt([&] { return write(fd, from, size); });
+		if (count < 0) {
+			return false;
+		}
+		from += count;
+		size -= static_cast<std::size_t>(count);
+	}
+	return true;
+}
+
+ssize_t ReadAllAt(int fd, void* buffer, std::size_t size, std::uint64_t offset) {
+	auto* const to = static_cast<char*>(buffer);
+	std::size_t done = 0;
+	while (done < size) {
+		const ssize_t count =
+		    RetryOnInterrupt([&] { return pread(fd, to + done, size - done, static_cast<off_t>(offset + done)); });
+		if (count < 0) {
+			return -1;
+		}
+		if (count == 0) {
+			break;
+		}
+		done += static_cast<std::size_t>(count);
+	}
+	return static_cast<ssize_t>(done);
+}
 
 UniqueFd OpenRegularFile(int directory, const std::string& path) {
 	// O_NONBLOCK, because opening a FIFO for reading would otherwise wait for a writer.
@@ -29,38 +58,16 @@ UniqueFd OpenRegularFile(int directory, const std::string& path) {
 }
 
 bool ReadFullyAt(int fd, void* buffer, std::size_t size, std::uint64_t offset) {
-	auto* to = static_cast<char*>(buffer);
-	while (size > 0) {
-		const ssize_t count = pread(fd, to, size, static_cast<off_t>(offset));
-		if (count < 0) {
-			if (errno == EINTR) {
-				continue;
-			}
-			ThrowErrno("cannot read");
-		}
-		if (count == 0) {
-			return false;
-		}
-		const auto done = static_cast<std::size_t>(count);
-		to += done;
-		offset += done;
-		size -= done;
+	const ssize_t count = ReadAllAt(fd, buffer, size, offset);
+	if (count < 0) {
+		ThrowErrno("cannot read");
 	}
-	return true;
+	return static_cast<std::size_t>(count) == size;
 }
 
 void WriteFully(int fd, const void* buffer, std::size_t size, const std::string& path) {
-	const auto* from = static_cast<const char*>(buffer);
-	while (size > 0) {
-		const ssize_t count = write(fd, from, size);
-		if (count < 0) {
-			if (errno == EINTR) {
-				continue;
-			}
-			ThrowErrno("cannot write " + path);
-		}
-		from += count;
-		size -= static_cast<std::size_t>(count);
+	if (!WriteAll(fd, buffer, size)) {
+		ThrowErrno("cannot write " + path);
 	}
 }
 

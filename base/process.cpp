@@ -7,6 +7,7 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
+#include "base/file_io.h"
 #include "base/unique_fd.h"
 
 #include <fcntl.h>

@@ -10,7 +10,6 @@
 #include <sys/types.h>
 
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -65,16 +64,6 @@ int Wait(pid_t child, int& status);
  */
 int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
     const std::function<bool()>& may_go_on, int& status);
-
-/** Calls until the call isn't interrupted by a signal. */
-template<typename Call>
-auto RetryOnInterrupt(Call call) {
-	auto result = call();
-	while (result == -1 && errno == EINTR) {
-		result = call();
-	}
-	return result;
-}
 
 } // namespace tarn::process
 

@@ -1,6 +1,7 @@
 // The digest functions are deprecated in favour of an interface that fetches them by name at run time.
 #define OPENSSL_API_COMPAT 0x10101000L
 
+#include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 
@@ -14,16 +15,6 @@ namespace tarn::dataupdate {
 namespace {
 
 constexpr std::streamsize kBlockBytes = 64L * 1024;
-
-std::string ToHex(const std::array<unsigned char, SHA384_DIGEST_LENGTH>& bytes) {
-	static constexpr char kDigits[] = "0123456789abcdef";
-	std::string text;
-	for (const unsigned char byte : bytes) {
-		text += kDigits[byte >> 4U];
-		text += kDigits[byte & 0x0FU];
-	}
-	return text;
-}
 
 } // namespace
 
@@ -43,7 +34,7 @@ std::string GetSha384(std::istream& in) {
 	}
 	std::array<unsigned char, SHA384_DIGEST_LENGTH> digest{};
 	SHA384_Final(digest.data(), &context);
-	return ToHex(digest);
+	return Hex(digest.data(), digest.size());
 }
 
 } // namespace tarn::dataupdate

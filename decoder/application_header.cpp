@@ -1,5 +1,6 @@
 #include "decoder/application_header.h"
 
+#include "base/text.h"
 #include "decoder/content_hash.h"
 #include "decoder/input_file.h"
 
@@ -46,7 +47,7 @@ std::string FormatApplicationHeader(const Promise& promise) {
 }
 
 bool IsOurApplicationHeader(const std::string& text) {
-	return text.compare(0, kMagic.size(), kMagic) == 0;
+	return StartsWith(text, kMagic);
 }
 
 std::optional<Promise> ParseApplicationHeader(const std::string& text) {

@@ -1,5 +1,7 @@
 #include "decoder/content_hash.h"
 
+#include "base/text.h"
+
 #if defined(__x86_64__)
 #include <xxh_x86dispatch.h> // The widest instructions that the processor has; else it is those that all have.
 #endif
@@ -22,17 +24,9 @@ void ContentHash::Update(const Byte* from, std::size_t length) {
 }
 
 std::string ContentHash::Hex() const {
-	constexpr char kDigits[] = "0123456789abcdef";
-	constexpr unsigned kDigitBits = 4;
-	constexpr unsigned kDigitMask = 0xf;
 	XXH128_canonical_t canonical;
 	XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state_.get()));
-	std::string text;
-	for (const unsigned char byte : canonical.digest) {
-		text += kDigits[byte >> kDigitBits];
-		text += kDigits[byte & kDigitMask];
-	}
-	return text;
+	return tarn::Hex(canonical.digest, sizeof canonical.digest);
 }
 
 } // namespace tarn::vcdiff

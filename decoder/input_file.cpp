@@ -1,36 +1,27 @@
 #include "decoder/input_file.h"
 
+#include "base/file_io.h"
+#include "base/text.h"
 #include "decoder/decode_error.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <system_error>
 
 namespace tarn::vcdiff {
 
 void FailWithErrno(const std::string& name, const std::string& what) {
-	const std::string cause = std::generic_category().message(errno);
-	throw DecodeError(name + " could not be " + what + ": " + cause + ".");
+	throw DecodeError(ErrnoText(name + " could not be " + what, errno) + ".");
 }
 
 void ReadFileAt(int fd, const std::string& name, std::uint64_t offset, Byte* to, std::size_t length) {
-	while (length > 0) {
-		const ssize_t count = pread(fd, to, length, static_cast<off_t>(offset));
-		if (count < 0) {
-			if (errno == EINTR) {
-				continue;
-			}
-			FailWithErrno(name, "read");
-		}
-		if (count == 0) {
-			throw DecodeError(name + " became shorter while it was read.");
-		}
-		const auto part = static_cast<std::size_t>(count);
-		offset += part;
-		to += part;
-		length -= part;
+	const ssize_t count = ReadAllAt(fd, to, length, offset);
+	if (count < 0) {
+		FailWithErrno(name, "read");
+	}
+	if (static_cast<std::size_t>(count) < length) {
+		throw DecodeError(name + " became shorter while it was read.");
 	}
 }
 

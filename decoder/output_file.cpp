@@ -1,5 +1,6 @@
 #include "decoder/output_file.h"
 
+#include "base/file_io.h"
 #include "decoder/decode_error.h"
 #include "decoder/input_file.h"
 
@@ -91,19 +92,10 @@ void OutputFile::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) cons
 }
 
 void OutputFile::Append(const Byte* from, std::size_t length) {
-	while (length > 0) {
-		const ssize_t count = write(fd_.Get(), from, length);
-		if (count < 0) {
-			if (errno == EINTR) {
-				continue;
-			}
-			FailWithErrno(path_, "written");
-		}
-		const auto part = static_cast<std::size_t>(count);
-		size_ += part;
-		from += part;
-		length -= part;
+	if (!WriteAll(fd_.Get(), from, length)) {
+		FailWithErrno(path_, "written");
 	}
+	size_ += length;
 }
 
 bool OutputFile::Link(const std::string& name) const {

@@ -1,6 +1,7 @@
 #include "publisher/command_line.h"
 
 #include "archive/signing_key.h"
+#include "base/text.h"
 #include "publisher/exit_codes.h"
 #include "publisher/inspect.h"
 #include "publisher/progress.h"

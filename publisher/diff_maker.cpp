@@ -1,5 +1,6 @@
 #include "publisher/diff_maker.h"
 
+#include "base/sqlite_names.h"
 #include "dataupdate/utils.h"
 #include "publisher/diff_chain.h"
 #include "publisher/diff_verifier.h"
@@ -85,8 +86,6 @@ private:
 	std::vector<DiffMember> members_;
 };
 
-constexpr std::array<const char*, 3> kCompanionSuffixes = {"-wal", "-shm", "-journal"};
-
 void DiffMaker::Unpack() {
 	observer_.step("unpacking", 0, 2);
 	const std::string old_package = order_.repository.PackagePath(order_.options.id, order_.previous.data_version);
@@ -125,7 +124,7 @@ void DiffMaker::AddEndangered() {
 	}
 	for (const TreeFile& file : after_.files) {
 		const bool endangered = chain_.State().Scripted().count(file.name) > 0 && changed.count(file.name) == 0 &&
-		                        std::any_of(kCompanionSuffixes.begin(), kCompanionSuffixes.end(),
+		                        std::any_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
 		                            [&](const char* suffix) { return names.count(file.name + suffix) > 0; });
 		if (endangered) {
 			TreeFile old = file;
@@ -159,7 +158,7 @@ std::vector<EncodingTask> DiffMaker::Tasks() {
 	std::vector<EncodingTask> tasks;
 	for (const TreeChange& change : changes_) {
 		const FileLineage lineage = chain_.State().Of(change.name);
-		const bool stands_alone = std::none_of(kCompanionSuffixes.begin(), kCompanionSuffixes.end(),
+		const bool stands_alone = std::none_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
 		    [&](const char* suffix) { return flat_names.count(dataupdate::FlatFileName(change.name) + suffix) > 0; });
 		EncodingTask task;
 		task.change = change;

@@ -4,6 +4,7 @@
 #include "archive/payload_stream.h"
 #include "archive/tar_reader.h"
 #include "base/error.h"
+#include "base/text.h"
 #include "dataupdate/internal/patch_description.h"
 
 #include <iomanip>
@@ -16,7 +17,6 @@
 namespace tarn::publisher {
 
 namespace {
-
 
 std::optional<Json::Value> ParseJson(std::string_view text) {
 	Json::CharReaderBuilder builder;
@@ -71,8 +71,7 @@ PatchKind KindOf(const std::string& operation, const std::string& input_file) {
 	}
 	for (const PatchKind kind : {PatchKind::kVcdiff, PatchKind::kScript}) {
 		const std::string extension = PatchKindExtension(kind);
-		if (operation == "update" && input_file.size() > extension.size() &&
-		    input_file.compare(input_file.size() - extension.size(), extension.size(), extension) == 0) {
+		if (operation == "update" && input_file.size() > extension.size() && EndsWith(input_file, extension)) {
 			return kind;
 		}
 	}

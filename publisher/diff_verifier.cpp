@@ -1,6 +1,6 @@
 #include "publisher/diff_verifier.h"
 
-#include "base/error.h"
+#include "base/text.h"
 #include "dataupdate/internal/patcher.h"
 #include "decoder/decode.h"
 #include "publisher/publish_error.h"

@@ -1,6 +1,6 @@
 #include "publisher/file_encoder.h"
 
-#include "base/error.h"
+#include "base/text.h"
 #include "publisher/compressed_size.h"
 #include "publisher/publish_error.h"
 #include "publisher/script_encoder.h"

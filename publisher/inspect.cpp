@@ -2,6 +2,7 @@
 
 #include "archive/extractor.h"
 #include "base/error.h"
+#include "base/text.h"
 #include "publisher/diff_package.h"
 #include "publisher/package_reader.h"
 #include "publisher/publish_error.h"

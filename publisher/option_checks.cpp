@@ -1,5 +1,6 @@
 #include "publisher/option_checks.h"
 
+#include "base/text.h"
 #include "publisher/publish.h"
 #include "publisher/publish_error.h"
 
@@ -12,10 +13,6 @@ namespace tarn::publisher {
 namespace {
 
 constexpr std::size_t kMaxWordLength = 64;
-
-bool StartsWith(const std::string& text, std::string_view prefix) {
-	return text.compare(0, prefix.size(), prefix) == 0;
-}
 
 } // namespace
 

@@ -4,6 +4,7 @@
 #include "archive/tar_writer.h"
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/text.h"
 #include "publisher/publish_error.h"
 
 #include <tarncodesign/tarncodesign.h>

@@ -1,7 +1,7 @@
 #include "publisher/program.h"
 
-#include "base/error.h"
 #include "base/process.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 
 #include <fcntl.h>

@@ -1,24 +1,8 @@
 #include "publisher/progress.h"
 
-#include <array>
-#include <iomanip>
-#include <sstream>
+#include "base/text.h"
 
 namespace tarn::publisher {
-
-std::string HumanSize(std::uint64_t bytes) {
-	constexpr std::array<const char*, 5> kUnits = {"B", "kB", "MB", "GB", "TB"};
-	constexpr double kStep = 1000;
-	auto value = static_cast<double>(bytes);
-	std::size_t unit = 0;
-	while (value >= kStep && unit + 1 < kUnits.size()) {
-		value /= kStep;
-		++unit;
-	}
-	std::ostringstream text;
-	text << std::fixed << std::setprecision(unit == 0 ? 0 : 1) << value << " " << kUnits.at(unit);
-	return text.str();
-}
 
 ProgressLine::~ProgressLine() {
 	try {

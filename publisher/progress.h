@@ -8,9 +8,6 @@
 
 namespace tarn::publisher {
 
-/** Bytes in a unit that a person reads: "1.5 MB". */
-std::string HumanSize(std::uint64_t bytes);
-
 /** One line on a terminal, rewritten a few times a second; it is gone when the object is. */
 class ProgressLine {
 public:

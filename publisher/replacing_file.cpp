@@ -1,6 +1,6 @@
 #include "publisher/replacing_file.h"
 
-#include "base/error.h"
+#include "base/text.h"
 #include "publisher/publish_error.h"
 
 #include <fcntl.h>
@@ -81,7 +81,7 @@ void ReplacingFile::Commit() {
 void RemoveLeftovers(const std::string& directory) {
 	std::error_code error;
 	for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-		if (entry.path().filename().string().rfind(kTemporaryPrefix, 0) == 0) {
+		if (StartsWith(entry.path().filename().string(), kTemporaryPrefix)) {
 			fs::remove(entry.path());
 		}
 	}

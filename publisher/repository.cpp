@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/text.h"
 #include "publisher/publish_error.h"
 #include "publisher/replacing_file.h"
 #include "publisher/work_directory.h"

@@ -1,5 +1,6 @@
 #include "publisher/script_encoder.h"
 
+#include "base/sqlite_names.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/sql_script.h"
 #include "dataupdate/update_error.h"
@@ -38,7 +39,7 @@ public:
 
 	/** Readers of a database in WAL mode may leave these behind; nothing has been written to them. */
 	void RemoveCompanions(std::error_code& error) const {
-		for (const char* suffix : {"-wal", "-shm"}) {
+		for (const char* suffix : {kSqliteLog, kSqliteSharedMemory}) {
 			fs::remove(path_ + suffix, error);
 		}
 	}

@@ -1,5 +1,7 @@
 #include "publisher/sql_lines.h"
 
+#include "base/text.h"
+
 #include <array>
 #include <iterator>
 #include <string>
@@ -10,10 +12,6 @@ namespace tarn::publisher {
 namespace {
 
 constexpr std::string_view kBreakInText = "'||char(10)||'";
-
-bool StartsWith(const std::string& statement, std::string_view word) {
-	return statement.compare(0, word.size(), word) == 0;
-}
 
 // The words of sqldiff and of the shell, which write them in capitals.
 bool IsTransaction(const std::string& statement) {

@@ -2,7 +2,7 @@
 
 #include "archive/extractor.h"
 #include "archive/member_path.h"
-#include "base/error.h"
+#include "base/text.h"
 #include "publisher/publish_error.h"
 
 #include <boost/locale/utf.hpp>

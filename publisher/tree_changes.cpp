@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/text.h"
 #include "dataupdate/utils.h"
 #include "publisher/publish_error.h"
 

@@ -1,8 +1,8 @@
 #include "publisher/vcdiff_encoder.h"
 
 #include "archive/ed25519.h"
-#include "base/error.h"
 #include "base/file_io.h"
+#include "base/text.h"
 #include "decoder/decode.h"
 #include "publisher/program.h"
 #include "publisher/tree_changes.h"
@@ -43,7 +43,7 @@ std::string ContentHash(const std::string& path, std::uint64_t size) {
 	}
 	XXH128_canonical_t canonical;
 	XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state.get()));
-	return archive::Hex(canonical.digest, sizeof(canonical.digest));
+	return Hex(canonical.digest, sizeof(canonical.digest));
 }
 
 std::uint64_t NextPowerOfTwo(std::uint64_t value, std::uint64_t least, std::uint64_t most) {

@@ -1,6 +1,6 @@
 #include "publisher/virtual_tables.h"
 
-#include "base/error.h"
+#include "base/text.h"
 #include "publisher/publish_error.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>

@@ -1,6 +1,6 @@
 #include "publisher/work_directory.h"
 
-#include "base/error.h"
+#include "base/text.h"
 #include "dataupdate/internal/remove_tree.h"
 #include "publisher/publish_error.h"
 
@@ -51,7 +51,7 @@ std::string WorkDirectory::Make(const std::string& name) const {
 void WorkDirectory::RemoveLeftovers(const std::string& repository) {
 	try {
 		for (const fs::directory_entry& entry : fs::directory_iterator(repository)) {
-			if (entry.path().filename().string().rfind(kPrefix, 0) == 0) {
+			if (StartsWith(entry.path().filename().string(), kPrefix)) {
 				dataupdate::RemoveTree(entry.path());
 			}
 		}

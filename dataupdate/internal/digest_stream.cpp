@@ -1,5 +1,6 @@
 #include "dataupdate/internal/digest_stream.h"
 
+#include "base/file_io.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/utils.h"
@@ -19,22 +20,14 @@ constexpr size_t kBlockBytes = 256UL * 1024;
 
 } // namespace
 
-DigestBuffer::DigestBuffer() = default;
-
-DigestBuffer::~DigestBuffer() {
-	if (fd_ >= 0) {
-		close(fd_);
-	}
-}
-
 bool DigestBuffer::Open(const std::string& path) {
 	// Non-blocking, so that a FIFO or device in a file's place is seen for what it is instead of hanging.
-	fd_ = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+	fd_ = UniqueFd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
 	struct stat status {};
-	if (fd_ < 0 || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) {
+	if (!fd_ || fstat(fd_.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
 		return false;
 	}
-	posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
+	posix_fadvise(fd_.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 	block_.resize(kBlockBytes);
 	return true;
 }
@@ -49,10 +42,7 @@ std::streamsize DigestBuffer::showmanyc() {
 DigestBuffer::int_type DigestBuffer::underflow() {
 	if (gptr() == egptr()) {
 		InterruptionPoint(); // The stream takes it for a read error.
-		ssize_t count = 0;
-		do {
-			count = read(fd_, block_.data(), block_.size());
-		} while (count < 0 && errno == EINTR);
+		const ssize_t count = RetryOnInterrupt([this] { return read(fd_.Get(), block_.data(), block_.size()); });
 		if (count < 0) {
 			throw std::system_error(errno, std::generic_category(), "read");
 		}

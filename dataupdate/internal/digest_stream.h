@@ -1,12 +1,10 @@
-/**
- * @file
- * A file as a stream that tells the truth about what is available.
- */
+/** @file A file as a stream that tells the truth about what is available. */
 #ifndef DATAUPDATE_INTERNAL_DIGEST_STREAM_H
 #define DATAUPDATE_INTERNAL_DIGEST_STREAM_H
 
+#include "base/unique_fd.h"
+
 #include <istream>
-#include <memory>
 #include <streambuf>
 #include <string>
 #include <vector>
@@ -19,11 +17,6 @@ namespace tarn::dataupdate {
  */
 class DigestBuffer : public std::streambuf {
 public:
-	DigestBuffer();
-	~DigestBuffer() override;
-	DigestBuffer(const DigestBuffer&) = delete;
-	DigestBuffer& operator=(const DigestBuffer&) = delete;
-
 	/** Opens for reading and writing; false when that fails or the path is no regular file. */
 	bool Open(const std::string& path);
 
@@ -33,7 +26,7 @@ protected:
 	int_type underflow() override;
 
 private:
-	int fd_ = -1;
+	UniqueFd fd_;
 	std::vector<char> block_;
 };
 

@@ -1,6 +1,6 @@
 #include "dataupdate/internal/file_copy.h"
 
-#include "base/unique_fd.h"
+#include "base/file_io.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 
@@ -25,24 +25,12 @@ namespace {
 	    what, src, dst, boost::system::error_code(errno, boost::system::system_category()));
 }
 
-ssize_t WriteAll(int fd, const char* data, size_t size) {
-	size_t done = 0;
-	while (done < size) {
-		const ssize_t count = write(fd, data + done, size - done);
-		if (count < 0 && errno != EINTR) {
-			return -1;
-		}
-		done += count > 0 ? static_cast<size_t>(count) : 0;
-	}
-	return static_cast<ssize_t>(done);
-}
-
 /** Moves one block through memory, for pairs of file systems between which the kernel does not copy. */
 ssize_t CopyBlock(int from, int to) {
 	static constexpr size_t kBlockBytes = 128UL * 1024;
 	std::array<char, kBlockBytes> block{};
 	const ssize_t count = read(from, block.data(), block.size());
-	return count <= 0 ? count : WriteAll(to, block.data(), static_cast<size_t>(count));
+	return count <= 0 || WriteAll(to, block.data(), static_cast<size_t>(count)) ? count : -1;
 }
 
 bool KernelCannotCopy(int error) {

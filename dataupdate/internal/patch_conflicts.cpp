@@ -1,5 +1,6 @@
 #include "dataupdate/internal/patch_conflicts.h"
 
+#include "base/sqlite_names.h"
 #include "dataupdate/internal/patch_names.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
@@ -69,7 +70,7 @@ private:
 
 	/** SQLite would play an old journal back into the new file. */
 	void CheckJournals(const std::string& name) const {
-		for (const char* suffix : {"-wal", "-journal"}) {
+		for (const char* suffix : {kSqliteLog, kSqliteJournal}) {
 			const fs::path journal = Installed(name + suffix);
 			if (modify_infos_.count(name + suffix) == 0 && fs::is_regular_file(fs::symlink_status(journal)) &&
 			    fs::file_size(journal) > 0) {

@@ -1,5 +1,6 @@
 #include "dataupdate/internal/sql_script.h"
 
+#include "base/sqlite_names.h"
 #include "dataupdate/internal/sql_authorizer.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/update_error.h"
@@ -9,7 +10,6 @@
 #include <boost/filesystem.hpp>
 #include <sqlite3.h>
 
-#include <array>
 #include <cstdint>
 #include <fstream>
 #include <stdexcept>
@@ -86,8 +86,7 @@ void ExecuteLines(SQLite::Database& database, ScriptLines& lines) {
 
 /** A file under one of these names is part of the database for SQLite, whoever made it. */
 void CheckStandsAlone(const std::string& database) {
-	static constexpr std::array<const char*, 3> kCompanions = {"-wal", "-shm", "-journal"};
-	for (const char* suffix : kCompanions) {
+	for (const char* suffix : kSqliteCompanions) {
 		if (boost::filesystem::exists(boost::filesystem::symlink_status(database + suffix))) {
 			throw std::runtime_error("unexpected file " + database + suffix);
 		}

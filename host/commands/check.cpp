@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/paths.h"
 #include "dataupdate/update_error.h"
@@ -5,7 +6,6 @@
 #include "host/library/databases.h"
 #include "host/library/inspection.h"
 #include "host/library/reader_lock.h"
-#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -26,7 +26,7 @@ constexpr size_t kLongestPath = 4096;
 std::string FormatFiles(const std::vector<BadFile>& files) {
 	std::string text;
 	for (size_t i = 0; i < std::min(files.size(), kMostFilesShown); ++i) {
-		text += "\n\t" + Printable(files[i].path, kLongestPath) + " " + files[i].reason;
+		text += "\n\t" + PlainAscii(files[i].path, kLongestPath) + " " + files[i].reason;
 	}
 	if (files.size() > kMostFilesShown) {
 		text += "\n\tand " + std::to_string(files.size() - kMostFilesShown) + " more";

@@ -1,9 +1,9 @@
+#include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
 #include "host/library/recording_info_getter.h"
 #include "host/library/run_record.h"
-#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,10 +1,10 @@
+#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
 #include "host/library/download_limits.h"
-#include "host/terminal/text.h"
 
 #include <unistd.h>
 

@@ -1,10 +1,10 @@
+#include "base/text.h"
 #include "dataupdate/internal/replacement_mark.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
 #include "host/library/installed_package.h"
 #include "host/library/safe_places.h"
 #include "host/library/status_report.h"
-#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -29,7 +29,7 @@ void AskServer(const Services& services, StatusRow& row) {
 	try {
 		row.remote_version = services.info->GetRemoteInfo(row.id).data_version;
 	} catch (...) {
-		row.remote_error = Printable(ExplainException(*services.io).sentence, kLongestReason);
+		row.remote_error = PlainAscii(ExplainException(*services.io).sentence, kLongestReason);
 	}
 }
 

@@ -1,8 +1,8 @@
+#include "base/text.h"
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
 #include "host/library/safe_places.h"
-#include "host/terminal/text.h"
 
 #include <tarnsdk/volume.h>
 
@@ -33,7 +33,7 @@ std::string VolumeToText(const std::string& volume, const TARNMountVolInfo* reco
 		return volume + " is in use, but is not available now.\n";
 	}
 	const std::string problem = VolumeProblem(volume);
-	return volume + ": " + FormatBytes(record->free_bytes) + " of " + FormatBytes(record->total_bytes) + " free" +
+	return volume + ": " + HumanSize(record->free_bytes) + " of " + HumanSize(record->total_bytes) + " free" +
 	       (record->writable != 0 ? "" : ", not writable") + (problem.empty() ? "" : ", not safe: " + problem) + "\n";
 }
 

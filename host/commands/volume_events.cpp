@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/paths.h"
 #include "dataupdate/interruption.h"
@@ -8,7 +9,6 @@
 #include "host/library/safe_places.h"
 #include "host/library/volume_content.h"
 #include "host/library/volume_move.h"
-#include "host/terminal/text.h"
 
 #include <tarncore/tarncore.h>
 

@@ -1,10 +1,10 @@
 #include "host/library/checked_info_getter.h"
 
+#include "base/text.h"
 #include "dataupdate/internal/fresh_info.h"
 #include "dataupdate/internal/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/document_problem.h"
-#include "host/terminal/text.h"
 
 #include <json/value.h>
 
@@ -38,7 +38,7 @@ std::string ReadBeginning(const std::string& path) {
 }
 
 bool IsRecordError(const UpdateError& error) {
-	return std::string(error.what()).rfind("Invalid json object", 0) == 0;
+	return StartsWith(error.what(), "Invalid json object");
 }
 
 } // namespace

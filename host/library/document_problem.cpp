@@ -1,5 +1,6 @@
 #include "host/library/document_problem.h"
 
+#include "base/text.h"
 #include "host/library/checked_io.h"
 #include "host/terminal/text.h"
 
@@ -16,7 +17,7 @@ constexpr size_t kQuotedCharacters = 60;
 constexpr std::time_t kCacheSeconds = 3600;
 
 std::string Quote(const std::string& text) {
-	return '"' + Printable(text, kQuotedCharacters) + '"';
+	return '"' + PlainAscii(text, kQuotedCharacters) + '"';
 }
 
 std::string TypeOf(const Json::Value& value) {
@@ -142,7 +143,7 @@ std::string DescribeFrame(const Json::Value& document) {
 std::string DescribePage(const CachedPage& page) {
 	const std::string answer = "The answer of " + page.link;
 	if (page.size > kLargestDocument) {
-		return answer + " is no document of databases: it is " + FormatBytes(page.size) + " long, and begins with " +
+		return answer + " is no document of databases: it is " + HumanSize(page.size) + " long, and begins with " +
 		       Quote(page.beginning);
 	}
 	const size_t start = page.beginning.find_first_not_of(" \t\r\n");

@@ -1,10 +1,10 @@
 #include "host/library/failure.h"
 
+#include "base/text.h"
 #include "dataupdate/internal/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/download_limits.h"
 #include "host/library/opened_packages.h"
-#include "host/terminal/text.h"
 
 #include <tarncore/tarncore.h>
 
@@ -201,7 +201,7 @@ Failure ExplainMessage(const std::string& message, int platform_error) {
 	}
 	const std::string hint =
 	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error});
-	return {rule->code, subject + WithEnd(Printable(WithoutEnd(inner), kLongestMessage) + "; " + hint)};
+	return {rule->code, subject + WithEnd(PlainAscii(WithoutEnd(inner), kLongestMessage) + "; " + hint)};
 }
 
 Failure ExplainException(const dataupdate::IOUtils& io) {

@@ -1,5 +1,7 @@
 #include "host/library/file_check.h"
 
+#include "base/sqlite_names.h"
+#include "base/text.h"
 #include "dataupdate/updater.h"
 #include "host/library/file_changes.h"
 
@@ -69,18 +71,14 @@ std::string Reason(const std::string& path, const InstalledFile& file) {
 	return fs::is_regular_file(status) ? Reason(path) : "is no regular file";
 }
 
-bool EndsWith(const std::string& text, const std::string& end) {
-	return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 /** Whether a file is what SQLite keeps beside a recorded database while somebody reads it, and holds no data. */
 bool IsOfReaders(const std::string& name, const InstalledFiles& record, const std::string& install_prefix) {
-	for (const std::string suffix : {"-shm", "-wal", "-journal"}) {
+	for (const std::string_view suffix : kSqliteCompanions) {
 		if (EndsWith(name, suffix) && record.files.count(name.substr(0, name.size() - suffix.size())) > 0) {
 			boost::system::error_code error;
 			const std::string path = FullPath(install_prefix, name);
 			return fs::is_regular_file(fs::symlink_status(path, error)) &&
-			       (suffix == "-shm" || fs::file_size(path, error) == 0);
+			       (suffix == kSqliteSharedMemory || fs::file_size(path, error) == 0);
 		}
 	}
 	return false;

@@ -1,10 +1,10 @@
 #include "host/library/installed_files.h"
 
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/whole_file.h"
 #include "dataupdate/internal/replacement_mark.h"
 #include "dataupdate/utils.h"
-#include "host/terminal/text.h"
 
 #include <json/reader.h>
 #include <json/value.h>

@@ -1,12 +1,12 @@
 #include "host/library/volume_content.h"
 
+#include "base/text.h"
 #include "dataupdate/internal/replacement_mark.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
 #include "host/library/databases.h"
 #include "host/library/file_check.h"
-#include "host/terminal/text.h"
 
 #include <algorithm>
 

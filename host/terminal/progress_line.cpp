@@ -1,6 +1,6 @@
 #include "host/terminal/progress_line.h"
 
-#include "host/terminal/text.h"
+#include "base/text.h"
 
 #include <sys/stat.h>
 
@@ -96,11 +96,11 @@ std::string ProgressMeter::Line(const Sample& sample) {
 	if (bytes < kLeastBytes) {
 		return line_;
 	}
-	line_ += "  " + FormatBytes(bytes);
+	line_ += "  " + HumanSize(bytes);
 	const std::chrono::duration<double> elapsed = sample.time - begin_.time;
 	if (elapsed.count() >= kLeastSeconds) {
 		const auto done = static_cast<double>(Growth(begin_bytes_, bytes));
-		line_ += "  " + FormatBytes(static_cast<uint64_t>(done / elapsed.count())) + "/s";
+		line_ += "  " + HumanSize(static_cast<uint64_t>(done / elapsed.count())) + "/s";
 	}
 	return line_;
 }

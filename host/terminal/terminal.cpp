@@ -1,6 +1,6 @@
 #include "host/terminal/terminal.h"
 
-#include "host/terminal/text.h"
+#include "base/text.h"
 
 namespace tarn::ctl {
 
@@ -23,7 +23,7 @@ void Terminal::Say(const std::string& text) {
 void Terminal::Complain(const std::string& sentence) {
 	const std::lock_guard<std::mutex> guard(mutex_);
 	ClearLine();
-	err_ << "tarndbudctl: " << Printable(sentence, kLongestSentence) << '\n' << std::flush;
+	err_ << "tarndbudctl: " << PlainAscii(sentence, kLongestSentence) << '\n' << std::flush;
 }
 
 void Terminal::Draw(const std::string& line) {

@@ -2,21 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <iterator>
 
 namespace tarn::ctl {
 
 namespace {
-
-constexpr char kEllipsis[] = "...";
-
-char PrintableCharacter(char character) {
-	if (character == '\t' || character == '\n' || character == '\r') {
-		return ' ';
-	}
-	return character >= ' ' && character <= '~' ? character : '?';
-}
 
 std::vector<size_t> ColumnWidths(const std::vector<std::vector<std::string>>& rows) {
 	std::vector<size_t> widths;
@@ -30,32 +19,6 @@ std::vector<size_t> ColumnWidths(const std::vector<std::vector<std::string>>& ro
 }
 
 } // namespace
-
-std::string Printable(const std::string& text, size_t most_characters) {
-	std::string printable;
-	std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min(text.size(), most_characters)),
-	    std::back_inserter(printable), PrintableCharacter);
-	return text.size() > most_characters ? printable + kEllipsis : printable;
-}
-
-std::string FormatBytes(uint64_t bytes) {
-	constexpr std::array<const char*, 5> kUnits = {"kB", "MB", "GB", "TB", "PB"};
-	constexpr double kStep = 1000;
-	// What would be rounded up to four digits takes the next unit.
-	constexpr double kMostShown = 999.95;
-	if (bytes < 1000) {
-		return std::to_string(bytes) + " B";
-	}
-	double value = static_cast<double>(bytes) / kStep;
-	size_t unit = 0;
-	while (value >= kMostShown && unit + 1 < kUnits.size()) {
-		value /= kStep;
-		++unit;
-	}
-	std::array<char, 32> buffer{};
-	std::snprintf(buffer.data(), buffer.size(), "%.1f %s", value, kUnits.at(unit));
-	return buffer.data();
-}
 
 std::string FormatDuration(int64_t seconds) {
 	constexpr int64_t kMinute = 60;
@@ -91,10 +54,6 @@ std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
 		table += line + '\n';
 	}
 	return table;
-}
-
-bool StartsWith(const std::string& text, const std::string& prefix) {
-	return text.compare(0, prefix.size(), prefix) == 0;
 }
 
 } // namespace tarn::ctl

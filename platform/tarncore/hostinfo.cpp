@@ -1,5 +1,6 @@
 #include "platform/tarncore/hostinfo.h"
 
+#include "base/text.h"
 #include "platform/c_boundary.h"
 
 #include <tarncore/tarncore.h>
@@ -64,9 +65,9 @@ std::string OsName(const std::vector<std::string>& os_release_paths) {
 		std::string name;
 		std::string version;
 		for (std::string line; std::getline(file, line);) {
-			if (line.compare(0, 5, "NAME=") == 0) {
+			if (StartsWith(line, "NAME=")) {
 				name = Unquote(line.substr(5));
-			} else if (line.compare(0, 11, "VERSION_ID=") == 0) {
+			} else if (StartsWith(line, "VERSION_ID=")) {
 				version = Unquote(line.substr(11));
 			}
 		}

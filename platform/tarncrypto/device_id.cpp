@@ -1,5 +1,7 @@
 #include "platform/tarncrypto/device_id.h"
 
+#include "base/text.h"
+
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -23,16 +25,6 @@ bool IsMachineId(const std::string& text) {
 	const auto is_digit = [](unsigned char c) { return std::isxdigit(c) != 0; };
 	return text.size() == kMachineIdLength && std::all_of(text.begin(), text.end(), is_digit) &&
 	       text.find_first_not_of('0') != std::string::npos;
-}
-
-std::string ToHex(const unsigned char* data, size_t size) {
-	constexpr const char* kDigits = "0123456789abcdef";
-	std::string text;
-	for (size_t i = 0; i < size; ++i) {
-		text += kDigits[data[i] >> 4U];
-		text += kDigits[data[i] & 0x0fU];
-	}
-	return text;
 }
 
 } // namespace
@@ -73,7 +65,7 @@ std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_p
 		syslog(LOG_ERR, "tarncrypto: cannot compute the device id: HMAC-SHA256 failed");
 		return std::nullopt;
 	}
-	return ToHex(digest.data(), static_cast<size_t>(bytes));
+	return Hex(digest.data(), static_cast<size_t>(bytes));
 }
 
 } // namespace tarn::crypto

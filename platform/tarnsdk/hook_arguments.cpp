@@ -1,6 +1,7 @@
 #include "platform/tarnsdk/hook_arguments.h"
 
-#include "base/process.h"
+#include "base/file_io.h"
+#include "base/text.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -19,18 +20,6 @@ constexpr size_t kLongestVariable = size_t{128} * 1024;
 
 /** MFD_NOEXEC_SEAL, which hardened kernels demand and the C library's headers don't name yet. */
 constexpr unsigned int kMemoryNotExecutable = 0x0008U;
-
-bool WriteAll(int fd, const char* data, size_t size) {
-	while (size > 0) {
-		const ssize_t written = process::RetryOnInterrupt([&] { return write(fd, data, size); });
-		if (written < 0) {
-			return false;
-		}
-		data += written;
-		size -= static_cast<size_t>(written);
-	}
-	return true;
-}
 
 bool WriteArgument(int fd, const std::string& key, const std::string& value) {
 	// The NUL that ends the string is the separator of the file's records.
@@ -52,7 +41,7 @@ bool IsArgumentKey(const std::string& key) {
 	constexpr std::array<const char*, 2> kBuiltPrefixes = {"TARN_HOOK_", "LD_"};
 	constexpr const char* kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
 	const std::string name_characters = std::string(kLetters) + "0123456789";
-	const auto begins_key = [&](const char* prefix) { return key.compare(0, std::strlen(prefix), prefix) == 0; };
+	const auto begins_key = [&](const char* prefix) { return StartsWith(key, prefix); };
 	return !key.empty() && std::strchr(kLetters, key[0]) != nullptr &&
 	       key.find_first_not_of(name_characters) == std::string::npos &&
 	       std::find(kBuilt.begin(), kBuilt.end(), key) == kBuilt.end() &&

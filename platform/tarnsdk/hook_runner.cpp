@@ -1,5 +1,6 @@
 #include "platform/tarnsdk/hook_runner.h"
 
+#include "base/file_io.h"
 #include "base/process.h"
 #include "platform/tarnsdk/hook_directory.h"
 
@@ -48,7 +49,7 @@ bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit) {
 		const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
 		return poll(&watched, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
 	};
-	return process::RetryOnInterrupt(poll_once) > 0;
+	return RetryOnInterrupt(poll_once) > 0;
 }
 
 /** Kills a hook and its process group, even when it has moved itself to another one. */

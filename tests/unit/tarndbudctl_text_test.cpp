@@ -9,30 +9,6 @@
 namespace tarn::ctl {
 namespace {
 
-TEST(PrintableTest, LetsNothingReachTheTerminalThatCouldSteerIt) {
-	EXPECT_EQ(Printable("a\x1b[31mb\x07\x7f\xc2\x9b", 100), "a?[31mb????");
-	EXPECT_EQ(Printable(std::string("a\0b", 3), 100), "a?b");
-}
-
-TEST(PrintableTest, KeepsOneLine) {
-	EXPECT_EQ(Printable("a\r\nb\tc", 100), "a  b c");
-}
-
-TEST(PrintableTest, CutsOnlyWhatIsTooLong) {
-	EXPECT_EQ(Printable("12345", 5), "12345");
-	EXPECT_EQ(Printable("123456", 5), "12345...");
-}
-
-TEST(FormatBytesTest, UsesTheUnitThatKeepsThreeDigitsBeforeThePoint) {
-	EXPECT_EQ(FormatBytes(0), "0 B");
-	EXPECT_EQ(FormatBytes(999), "999 B");
-	EXPECT_EQ(FormatBytes(1000), "1.0 kB");
-	EXPECT_EQ(FormatBytes(999949), "999.9 kB");
-	EXPECT_EQ(FormatBytes(999950), "1.0 MB");
-	EXPECT_EQ(FormatBytes(12345678), "12.3 MB");
-	EXPECT_EQ(FormatBytes(UINT64_MAX), "18446.7 PB");
-}
-
 TEST(FormatDurationTest, UsesTheUnitThatReadsBest) {
 	EXPECT_EQ(FormatDuration(0), "0 min");
 	EXPECT_EQ(FormatDuration(3599), "59 min");

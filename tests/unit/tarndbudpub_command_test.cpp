@@ -1,7 +1,7 @@
 // The publisher's commands: arguments, exit codes, what they print and where.
 #include "diff_fixture.h"
-#include "publisher/exit_codes.h"
 #include "publisher/command_line.h"
+#include "publisher/exit_codes.h"
 #include "publisher/progress.h"
 #include "publisher/publish_error.h"
 #include "publisher_fixture.h"
@@ -280,14 +280,6 @@ TEST_F(Command, InspectListsWhatADiffDoesAndHow) {
 	EXPECT_EQ(value["totals"]["whole"]["files"].asInt(), 1);
 	EXPECT_EQ(value["metadata"]["kind"].asString(), "diff");
 	EXPECT_EQ(Run({"verify", diff, "--key", directory_ / "key.pub"}), publisher::kDone);
-}
-
-TEST(HumanSize, UsesTheUnitThatReadsBest) {
-	EXPECT_EQ(publisher::HumanSize(0), "0 B");
-	EXPECT_EQ(publisher::HumanSize(999), "999 B");
-	EXPECT_EQ(publisher::HumanSize(1500), "1.5 kB");
-	EXPECT_EQ(publisher::HumanSize(104'000'000), "104.0 MB");
-	EXPECT_EQ(publisher::HumanSize(7'000'000'000'000'000), "7000.0 TB");
 }
 
 } // namespace

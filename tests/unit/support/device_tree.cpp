@@ -1,6 +1,7 @@
 #include "device_tree.h"
 
 #include "archive/extractor.h"
+#include "base/text.h"
 #include "dataupdate/internal/patcher.h"
 #include "decoder/decode.h"
 
@@ -19,7 +20,7 @@ std::string ShortContent(const std::string& content) {
 		return content;
 	}
 	const archive::Digest digest = archive::Sha256(content.data(), content.size());
-	return std::to_string(content.size()) + " bytes " + archive::Hex(digest.data(), digest.size());
+	return std::to_string(content.size()) + " bytes " + Hex(digest.data(), digest.size());
 }
 
 } // namespace
