@@ -10,16 +10,26 @@ from harness.documents import Document
 from machine import Machine
 
 SOURCE = Path(__file__).resolve().parents[2]
-README = Document(SOURCE / "README.md")
+LINKING = Document(SOURCE / "docs/linking.md")
 OPERATIONS = Document(SOURCE / "docs/operations.md")
 PUBLISHING = Document(SOURCE / "docs/publishing.md")
 DATABASE = "zones"
 TREE = Path("/srv/data/zones")
+FILE = "Zurich"
+"""One of the tree's files."""
 DATA = Path("/srv/databases")
 SETTINGS = Path("/usr/tarn/etc")
 RECORDS = Path("/var/lib/data_update")
 PUBLISH = PUBLISHING.code("sh", "Every further version").partition("tarndbudpub inspect")[0].partition("\n")[2]
 """The command that publishes the next version, as the document has it."""
+
+
+def configuration() -> str:
+    """The document's commands, for a server that this machine runs itself."""
+    there, here = '"https", "db_netloc": "updates.example.org"', '"http", "db_netloc": "updates.example.org:8080"'
+    commands = OPERATIONS.code("sh", "Configuring")
+    assert there in commands
+    return commands.replace(there, here)
 
 
 def installed(volume: Path = DATA) -> Path:
@@ -35,7 +45,7 @@ def status(machine: Machine) -> dict[str, object]:
 
 def publish_a_change(machine: Machine) -> int:
     """Publishes a further version, of which devices know at once; its number."""
-    machine.do(f"echo A line more. >> {TREE}/tzdata.zi\n{PUBLISH}\ntarndbudctl refresh")
+    machine.do(f"echo A line more. >> {TREE}/{FILE}\n{PUBLISH}\ntarndbudctl refresh")
     return int(str(status(machine)["remote_version"]))
 
 

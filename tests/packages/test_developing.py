@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 from machine import Machine
-from places import DATABASE, README, installed
+from places import DATABASE, FILE, LINKING, installed
 
 EXAMPLES = "/usr/share/doc/libtarndbud-dev/examples"
 HEADERS = {"c": ("libtarnplatform-dev",), "c++": ("libtarnplatform-dev", "libtarndbud-dev")}
@@ -24,14 +24,14 @@ def test_every_header_is_complete_in_itself(desk: Machine, language: str) -> Non
     desk.do(f"for header in {' '.join(listed)}; do gcc {options} -Wall -Werror -fsyntax-only $header; done")
 
 
-def test_the_readmes_line_builds_a_host_that_runs(desk: Machine) -> None:
-    (line,) = README.blocks("sh", "Linking the library")
+def test_the_documents_line_builds_a_host_that_runs(desk: Machine) -> None:
+    (line,) = LINKING.blocks("sh", "A host program")
     desk.do(line + "./host\n")
 
 
 def test_the_examples_are_built_by_find_package_and_read(desk: Machine) -> None:
     desk.do(f"cp -r {EXAMPLES} own && cmake -S own/consumer -B own/build && cmake --build own/build && own/build/host")
-    path = installed() / "tzdata.zi"
+    path = installed() / FILE
     read = desk.do(f"own/build/reader {DATABASE} 10 {path} | cmp - {path} && echo same")
     assert read == "same\n"
 

@@ -1,24 +1,23 @@
-"""A server and a device are set up by the README alone."""
+"""A server is set up by docs/publishing.md alone, and a device by docs/operations.md."""
 
 from __future__ import annotations
 
 from harness import trees
-from machine import Machine
-from places import DATABASE, README, RECORDS, SETTINGS, TREE, installed, status
-
-BUILD, SERVER, INSTALLATION, CONFIGURATION = README.blocks("sh", "Packages")
+from machine import PROJECT, Machine
+from places import DATABASE, OPERATIONS, PUBLISHING, RECORDS, SETTINGS, TREE, configuration, installed, status
 
 
-def test_the_readme_sets_up_a_server(machine: Machine) -> None:
-    assert BUILD == "./package.sh\n"
-    machine.do(SERVER)
+def test_the_document_sets_up_a_server(machine: Machine) -> None:
+    for heading in ("Installing", "The key", "The web server"):
+        machine.do(PUBLISHING.code("sh", heading))
     if not machine.is_booted:
         machine.do("nginx -s reload")
+    machine.do(PUBLISHING.code("sh", "The first publication"))
     assert f'"{DATABASE}"' in machine.do("wget -qO- 'http://updates.example.org:8080/database_info/1?os=orv'")
 
 
 def test_installing_starts_and_schedules_nothing(machine: Machine) -> None:
-    machine.do(INSTALLATION)
+    machine.do(OPERATIONS.code("sh", "Installing"))
     units = machine.do("systemctl list-unit-files --no-legend 'tarndbud-*'").split("\n")
     states = {line.split()[0]: line.split()[1] for line in units if line}
     assert states == {
@@ -41,9 +40,12 @@ def test_what_is_installed_is_roots_and_written_by_nobody_else(machine: Machine)
             assert (status.st_uid, status.st_mode & 0o022) == (0, 0), name
 
 
-def test_the_readme_sets_up_a_device(machine: Machine) -> None:
+def test_the_document_sets_up_a_device(machine: Machine) -> None:
+    machine.do(f"cp /etc/tarndbudpub/release.pub {PROJECT}")
+    shown = machine.do(configuration())
+    schedule = OPERATIONS.code("shell", "Scheduling").splitlines()[0]
     # Where no systemd runs there is nothing to start now.
-    shown = machine.do(CONFIGURATION if machine.is_booted else CONFIGURATION.replace("enable --now", "enable"))
+    machine.do(schedule if machine.is_booted else schedule.replace("enable --now", "enable"))
     assert f"{DATABASE}: installed version 1000" in shown
     assert status(machine)["up_to_date"] is True
     trees.assert_same(machine.path(TREE), machine.path(installed()))

@@ -29,7 +29,8 @@ class Administrator:
         self._home = home
         assert device.volume is not None
         self._places = {
-            "updates.example.org:8080": netloc,
+            # The web server here is on the loopback, where http will do.
+            '"https", "db_netloc": "updates.example.org"': f'"http", "db_netloc": "{netloc}"',
             "/srv/databases": str(device.volume),
             "/volume1": str(device.volume),
             "/var/lib/prometheus/node-exporter": str(home),

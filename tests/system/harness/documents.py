@@ -16,9 +16,17 @@ class Document:
     def section(self, heading: str) -> str:
         return self._text.split(f"\n## {heading}\n")[1].split("\n## ")[0]
 
+    def introduction(self, language: str) -> str:
+        """The code of a language before the first section."""
+        return "".join(blocks(language, self._text.split("\n## ")[0]))
+
     def blocks(self, language: str, heading: str) -> list[str]:
         """The code blocks of a language in a section."""
-        return re.findall(rf"^```{language}\n(.*?)^```$", self.section(heading), re.MULTILINE | re.DOTALL)
+        return blocks(language, self.section(heading))
 
     def code(self, language: str, heading: str) -> str:
         return "".join(self.blocks(language, heading))
+
+
+def blocks(language: str, text: str) -> list[str]:
+    return re.findall(rf"^```{language}\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
