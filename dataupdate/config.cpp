@@ -1,7 +1,7 @@
 #include "dataupdate/config.h"
 
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
 #include <cstdint>

@@ -11,6 +11,9 @@
 
 namespace tarn::dataupdate {
 
+/** Seconds that the library waits for every lock of its own. */
+constexpr unsigned long kLockTimeout = 600;
+
 /**
  * An exclusive advisory lock (flock) on a file, held from construction to destruction.
  *

@@ -3,7 +3,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/lock_poll.h"
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "dataupdate/service_config.h"
 
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
 #include <algorithm>

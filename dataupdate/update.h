@@ -22,6 +22,25 @@
 
 namespace tarn::dataupdate {
 
+/** Seconds for which the cached document of the server is used, counted from its download. */
+constexpr int kFreshInfoSeconds = 3600;
+
+/**
+ * The server's whole document: the cached one, kCachedInfo, when it is at most kFreshInfoSeconds old and its download
+ * was not killed, else a new one. Both happen under kFreshInfoLock. Whoever holds that lock may be downloading, and the
+ * cached document is then cut off.
+ *
+ * @param io            downloads and reads
+ * @param make_url      gives the link; asked only before a download
+ * @param lock_seconds  how long to wait for the lock
+ *
+ * Throws "Fail to create dir <path>", FileLock's errors, what make_url throws, and the errors of IOUtils::Download()
+ * and IOUtils::ReadJson(). A failed download is not retried; it leaves no document, or the old one, which is as old as
+ * before.
+ */
+[[nodiscard]] TARNDBUD_EXPORT Json::Value GetFreshInfo(
+    const IOUtils& io, const std::function<std::string()>& make_url, unsigned long lock_seconds);
+
 /** What the update server offers and what is installed. */
 class TARNDBUD_EXPORT InfoGetter {
 public:
@@ -36,11 +55,7 @@ public:
 	virtual DatabaseStatus GetDatabaseStatus(const std::string& id) const;
 	/** Records the installed state. */
 	virtual void SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const;
-	/**
-	 * The server's document: the cached one, "/var/cache/data_update/database_info.json", when it is at most 3,600
-	 * seconds old, else a new one. Holds "/run/data_update/fresh_info.lock", waiting up to 600 seconds. A failed
-	 * download is not retried, and the old document is then not used.
-	 */
+	/** GetFreshInfo() by GetDatabaseUrl(), waiting up to kLockTimeout seconds for the lock. */
 	virtual Json::Value GetDatabaseInfo() const;
 	/** Where the document is downloaded from. */
 	virtual std::string GetDatabaseUrl() const;

@@ -1,5 +1,6 @@
 #include "dataupdate/utils.h"
 
+#include "base/unique_fd.h"
 #include "dataupdate/internal/directory_entries.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
@@ -13,7 +14,9 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -229,6 +232,13 @@ void IOUtils::IterateDirectory(
 	});
 	if (entries.Error() != 0) {
 		throw UpdateError(std::strerror(entries.Error()));
+	}
+}
+
+void SyncFileSystem(const std::string& path) {
+	const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	if (fd.Get() < 0 || syncfs(fd.Get()) != 0) {
+		throw UpdateError("Fail to sync " + path + ": " + std::strerror(errno));
 	}
 }
 

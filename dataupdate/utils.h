@@ -92,6 +92,9 @@ public:
 	    const std::string& dir, const std::function<void(const std::string&)>& callback, bool recursive) const;
 };
 
+/** Brings everything written to the file system that holds a path to its disk. Throws "Fail to sync <path>: <why>". */
+TARNDBUD_EXPORT void SyncFileSystem(const std::string& path);
+
 /** The name with every '/' and '.' replaced by '_': a relative path as one flat file name. */
 TARNDBUD_EXPORT std::string FlatFileName(const std::string& name);
 

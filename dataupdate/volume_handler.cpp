@@ -1,7 +1,7 @@
 #include "dataupdate/volume_handler.h"
 
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 

@@ -1,6 +1,7 @@
 #include "host/program.h"
 
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "host/arguments.h"
 #include "host/library/failure.h"
 #include "host/library/lock_files.h"
@@ -23,7 +24,6 @@ namespace tarn::ctl {
 namespace {
 
 constexpr char kProgram[] = "tarndbudctl";
-constexpr char kLockDirectory[] = "/run/data_update";
 constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
 constexpr char kFooter[] =
     "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the database is not configured, 4 a fix is needed,\n"
@@ -66,9 +66,9 @@ void Declare(CLI::App& app, const Command& command, Options& options, const Comm
 
 /** Locks cannot be taken by others than root, and each of them would be a failure of its own. */
 void RequireRoot() {
-	const bool exists = mkdir(kLockDirectory, 0755) == 0 || errno == EEXIST;
-	if (!exists || access(kLockDirectory, W_OK | X_OK) != 0) {
-		throw CommandError(kFailed, std::string("This command must be run as root: ") + kLockDirectory +
+	const bool exists = mkdir(dataupdate::kLockDirectory, 0755) == 0 || errno == EEXIST;
+	if (!exists || access(dataupdate::kLockDirectory, W_OK | X_OK) != 0) {
+		throw CommandError(kFailed, std::string("This command must be run as root: ") + dataupdate::kLockDirectory +
 		                                " cannot be written (" + std::strerror(errno) + ")");
 	}
 }

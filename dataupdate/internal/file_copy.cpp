@@ -2,7 +2,7 @@
 
 #include "base/file_io.h"
 #include "dataupdate/progress.h"
-#include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 #include <boost/filesystem.hpp>
 
@@ -105,13 +105,6 @@ void RemoveFile(const std::string& path) {
 	if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
 		throw boost::filesystem::filesystem_error(
 		    "unlink", path, boost::system::error_code(errno, boost::system::system_category()));
-	}
-}
-
-void SyncFileSystem(const std::string& path) {
-	const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-	if (fd.Get() < 0 || syncfs(fd.Get()) != 0) {
-		throw UpdateError("Fail to sync " + path + ": " + std::strerror(errno));
 	}
 }
 

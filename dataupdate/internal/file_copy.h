@@ -5,8 +5,6 @@
 #ifndef DATAUPDATE_INTERNAL_FILE_COPY_H
 #define DATAUPDATE_INTERNAL_FILE_COPY_H
 
-#include "dataupdate/export.h"
-
 #include <string>
 
 namespace tarn::dataupdate {
@@ -31,11 +29,7 @@ void InstallRegularFile(const std::string& src, const std::string& dst);
  */
 void RemoveFile(const std::string& path);
 
-/** Brings everything written to the file system that holds a path to its disk. Throws UpdateError "Fail to sync ...".
- */
-TARNDBUD_EXPORT void SyncFileSystem(const std::string& path);
-
-/** Likewise after a success; where there is no install directory, there is nothing to bring to the disk. */
+/** SyncFileSystem() after a success; where there is no install directory, there is nothing to bring to the disk. */
 void SyncInstalled(const std::string& install_prefix);
 
 } // namespace tarn::dataupdate

@@ -1,5 +1,7 @@
 #include "dataupdate/internal/patch_names.h"
 
+#include <boost/filesystem/path.hpp>
+
 #include <algorithm>
 #include <vector>
 
@@ -40,6 +42,11 @@ std::string PlainName(const std::string& name) {
 		}
 	}
 	return plain;
+}
+
+std::string JoinPath(const std::string& root, const std::string& path) {
+	const boost::filesystem::path right(path);
+	return right.is_absolute() ? path : (boost::filesystem::path(root) / right).string();
 }
 
 std::map<std::string, ModifyInfo> ByPlainName(const std::map<std::string, ModifyInfo>& modify_infos) {

@@ -21,6 +21,9 @@ bool IsFileNameBelow(const std::string& name);
 /** The shortest spelling of such a name: "a/b" of "./a//b". */
 std::string PlainName(const std::string& name);
 
+/** Joins as a path does that an absolute right side replaces; the key of an installed file may be absolute. */
+std::string JoinPath(const std::string& root, const std::string& path);
+
 /** The same changes by their names' shortest spelling, by which names sort and contain each other. */
 std::map<std::string, ModifyInfo> ByPlainName(const std::map<std::string, ModifyInfo>& modify_infos);
 

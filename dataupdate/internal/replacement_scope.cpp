@@ -1,7 +1,7 @@
 #include "dataupdate/internal/replacement_scope.h"
 
+#include "dataupdate/installation.h"
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/replacement_mark.h"
 #include "dataupdate/update_error.h"
 
 #include <mutex>

@@ -2,6 +2,7 @@
 
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/utils.h"
 
 #include <boost/filesystem.hpp>
@@ -13,6 +14,10 @@ namespace {
 constexpr char kLogSource[] = "strategy";
 
 } // namespace
+
+std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix) {
+	return TempDirPath(volume) + "/" + id + "_" + suffix;
+}
 
 void MakeEmptyDirectory(const std::string& path) {
 	const IOUtils io;

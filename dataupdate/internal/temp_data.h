@@ -9,6 +9,9 @@
 
 namespace tarn::dataupdate {
 
+/** A name of a database's own in the temporary area: "<area>/<id>_<suffix>". */
+std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix);
+
 /**
  * Makes a directory, with missing parents, in which nothing is, so that nothing of a killed run is unpacked over,
  * patched or installed. To be called right before the directory is used. Throws IOUtils::RmRf's and TarnMkdir's errors.

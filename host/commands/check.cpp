@@ -1,6 +1,6 @@
 #include "base/text.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
@@ -63,7 +63,7 @@ Findings LookThoroughly(const Services& services, const std::string& id, unsigne
 	}
 	const auto look_again = [&] {
 		// Updates wait meanwhile: no longer than they must.
-		const dataupdate::FileLock still = HoldOffUpdates("/run/data_update/update_" + id + ".lock", left());
+		const dataupdate::FileLock still = HoldOffUpdates(dataupdate::UpdateLockPath(id), left());
 		const ReaderLock lock(id, left());
 		return InspectAgain(services, id, *found);
 	};

@@ -1,6 +1,6 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
@@ -58,7 +58,8 @@ std::string AdoptVolume(const Services& services, Json::Value& answer) {
 void PrepareForReaders(const Services& services) {
 	for (const std::string& id : services.config->GetDatabaseIDs()) {
 		if (IsInstalled(services, id) && !MakeReaderLockFile(id)) {
-			throw CommandError(kFailed, "The lock file for readers of " + id + " cannot be made in /run/data_update");
+			throw CommandError(
+			    kFailed, "The lock file for readers of " + id + " cannot be made in " + dataupdate::kLockDirectory);
 		}
 	}
 }

@@ -2,8 +2,8 @@
 
 #include "base/whole_file.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"

@@ -1,3 +1,4 @@
+#include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/child_command.h"
@@ -57,12 +58,12 @@ std::unique_ptr<ReaderLock> TakeLockOnWhole(const Services& services, const Opti
 		const unsigned long left =
 		    options.timeout_seconds - std::min(options.timeout_seconds, static_cast<unsigned long>(passed));
 		std::unique_ptr<ReaderLock> lock = TakeLock(services, options, left);
-		if (options.even_unfinished || !MayBeAMixture(options.id)) {
+		if (options.even_unfinished || !dataupdate::MayBeAMixture(options.id)) {
 			return lock;
 		}
 		lock.reset();
 		const bool may_be_recorded = left > 0 && services.checker->IsAnyUpdating();
-		if (!may_be_recorded && MayBeAMixture(options.id)) {
+		if (!may_be_recorded && dataupdate::MayBeAMixture(options.id)) {
 			throw CommandError(kLocked, "The last replacement of the files of " + options.id +
 			                                " was not finished, so they may be of two versions; the next update or fix "
 			                                "installs them anew, and --even-unfinished reads them as they are");

@@ -1,6 +1,6 @@
 #include "base/text.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"

@@ -1,7 +1,7 @@
 #include "base/whole_file.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"

@@ -1,5 +1,5 @@
 #include "base/text.h"
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
 #include "host/library/installed_package.h"

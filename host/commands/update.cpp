@@ -1,4 +1,4 @@
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
 #include "host/library/failure.h"

@@ -1,7 +1,7 @@
 #include "base/text.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
@@ -53,7 +53,7 @@ public:
 	    : paths_{dataupdate::kUpdateAnyLock},
 	      deadline_(Clock::now() + std::chrono::seconds(std::min(timeout_seconds, kLongestWaitSeconds))) {
 		for (const std::string& id : services.config->GetDatabaseIDs()) {
-			paths_.push_back("/run/data_update/using_" + id + ".lock");
+			paths_.push_back(dataupdate::UsingLockPath(id));
 		}
 		while (!TakeAll()) {
 		}

@@ -1,8 +1,8 @@
 #include "host/library/checked_info_getter.h"
 
 #include "base/text.h"
-#include "dataupdate/internal/fresh_info.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
+#include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
 #include "host/library/document_problem.h"
 
@@ -97,8 +97,8 @@ dataupdate::DatabaseStatus CheckedInfoGetter::GetDatabaseStatus(const std::strin
 	} catch (const std::logic_error&) {
 		reason = "its \"data_version\" is no number";
 	}
-	throw UpdateError("The record of what is installed, /var/lib/data_update/" + id + "/version.json, is malformed (" +
-	                  reason + "); remove it to have the database installed anew");
+	throw UpdateError("The record of what is installed, " + dataupdate::StatusPath(id) + ", is malformed (" + reason +
+	                  "); remove it to have the database installed anew");
 }
 
 Json::Value CheckedInfoGetter::GetDatabaseInfo() const {

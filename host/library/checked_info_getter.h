@@ -2,7 +2,7 @@
 #ifndef HOST_LIBRARY_CHECKED_INFO_GETTER_H
 #define HOST_LIBRARY_CHECKED_INFO_GETTER_H
 
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/file_lock.h"
 #include "dataupdate/update.h"
 #include "host/library/download_limits.h"
 

@@ -1,6 +1,6 @@
 #include "host/library/checked_io.h"
 
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
 #include <sys/stat.h>

@@ -1,6 +1,7 @@
 #include "host/library/document_problem.h"
 
 #include "base/text.h"
+#include "dataupdate/update.h"
 #include "host/library/checked_io.h"
 #include "host/terminal/text.h"
 
@@ -14,7 +15,6 @@ namespace tarn::ctl {
 namespace {
 
 constexpr size_t kQuotedCharacters = 60;
-constexpr std::time_t kCacheSeconds = 3600;
 
 std::string Quote(const std::string& text) {
 	return '"' + PlainAscii(text, kQuotedCharacters) + '"';
@@ -182,7 +182,7 @@ std::string DescribeCaching(std::time_t modified, std::time_t now) {
 	if (modified > now) {
 		return advice + "; the answer is dated in the future and would be used until then";
 	}
-	const std::time_t end = modified + kCacheSeconds;
+	const std::time_t end = modified + dataupdate::kFreshInfoSeconds;
 	if (end < now) {
 		return "";
 	}

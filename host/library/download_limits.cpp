@@ -1,6 +1,6 @@
 #include "host/library/download_limits.h"
 
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "host/library/checked_io.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "host/library/failure.h"
 
 #include "base/text.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/download_limits.h"
 #include "host/library/opened_packages.h"

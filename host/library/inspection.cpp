@@ -1,6 +1,6 @@
 #include "host/library/inspection.h"
 
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "host/library/file_changes.h"
 
 #include <filesystem>

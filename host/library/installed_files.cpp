@@ -3,7 +3,8 @@
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/whole_file.h"
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/utils.h"
 
 #include <json/reader.h>
@@ -90,7 +91,7 @@ bool InstalledFile::operator==(const InstalledFile& other) const {
 }
 
 std::string InstalledFilesPath(const std::string& id) {
-	return "/var/lib/data_update/" + id + "/installed_files.json";
+	return dataupdate::StatePath(id, "installed_files.json");
 }
 
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {

@@ -1,6 +1,7 @@
 #include "host/library/installed_package.h"
 
 #include "base/whole_file.h"
+#include "dataupdate/paths.h"
 #include "host/library/failure.h"
 
 #include <json/reader.h>
@@ -17,7 +18,7 @@
 namespace tarn::ctl {
 
 std::string InstalledPackagePath(const std::string& id) {
-	return "/var/lib/data_update/" + id + "/installed_package.json";
+	return dataupdate::StatePath(id, "installed_package.json");
 }
 
 void ForgetInstalledPackage(const std::string& id) {

@@ -2,7 +2,7 @@
 
 #include "base/unique_fd.h"
 #include "base/volume_safety.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "host/library/failure.h"
 
 #include <fcntl.h>
@@ -20,7 +20,6 @@ namespace tarn::ctl {
 
 namespace {
 
-constexpr char kDirectory[] = "/run/data_update";
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kOpenToReaders = 0755;
 constexpr mode_t kPermissions = 07777;
@@ -59,13 +58,13 @@ void Make(const std::string& path) {
 
 /** Readers have to reach their lock files, whatever mask the directory was made under. */
 void PrepareDirectory() {
-	if (const std::optional<UnsafePlace> unsafe = FindUnsafePlace(kDirectory)) {
+	if (const std::optional<UnsafePlace> unsafe = FindUnsafePlace(dataupdate::kLockDirectory)) {
 		Refuse(unsafe->path, unsafe->reason);
 	}
 	struct stat status {};
-	if (stat(kDirectory, &status) != 0 ||
-	    ((status.st_mode & kOpenToReaders) != kOpenToReaders && chmod(kDirectory, kOpenToReaders) != 0)) {
-		FailToMake(kDirectory);
+	if (stat(dataupdate::kLockDirectory, &status) != 0 || ((status.st_mode & kOpenToReaders) != kOpenToReaders &&
+	                                                          chmod(dataupdate::kLockDirectory, kOpenToReaders) != 0)) {
+		FailToMake(dataupdate::kLockDirectory);
 	}
 }
 
@@ -85,7 +84,7 @@ void PrepareLockFiles(const Services& services) {
 		Make(path);
 	}
 	for (const std::string& id : Ids(services)) {
-		const std::string path = std::string(kDirectory) + "/update_" + id + ".lock";
+		const std::string path = dataupdate::UpdateLockPath(id);
 		std::error_code ignored; // Of a name with a slash; Make() tells.
 		std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
 		Make(path);

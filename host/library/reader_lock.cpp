@@ -1,7 +1,7 @@
 #include "host/library/reader_lock.h"
 
 #include "base/unique_fd.h"
-#include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/project_lock.h"
 #include "host/library/failure.h"
 
@@ -32,17 +32,11 @@ ReaderLock::~ReaderLock() {
 	TARNDBUDReleaseFileLock(fd_);
 }
 
-bool MayBeAMixture(const std::string& id) {
-	std::error_code error;
-	const auto status = std::filesystem::symlink_status("/var/lib/data_update/" + id + "/replacing", error);
-	return status.type() != std::filesystem::file_type::not_found;
-}
-
 bool MakeReaderLockFile(const std::string& id) {
 	// Nothing below /run survives a restart.
 	std::error_code ignored;
-	std::filesystem::create_directories("/run/data_update", ignored);
-	const std::string path = "/run/data_update/using_" + id + ".lock";
+	std::filesystem::create_directories(dataupdate::kLockDirectory, ignored);
+	const std::string path = dataupdate::UsingLockPath(id);
 	const UniqueFd file(open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kMode));
 	struct stat status {};
 	if (!file || fstat(file.Get(), &status) != 0) {

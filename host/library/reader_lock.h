@@ -23,13 +23,6 @@ private:
 	int fd_;
 };
 
-/**
- * Whether the files of a database may be of two versions, to be asked while holding the lock: the mark of a replacement
- * stands. Other than for the library, which patches nothing without a record, it says so without one as well: the very
- * first installation may have been killed. What cannot be examined counts.
- */
-bool MayBeAMixture(const std::string& id);
-
 /** Makes a database's lock file, which a restart takes away; whether it is there afterwards. */
 bool MakeReaderLockFile(const std::string& id);
 

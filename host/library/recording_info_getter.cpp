@@ -1,6 +1,6 @@
 #include "host/library/recording_info_getter.h"
 
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "host/library/file_check.h"
 

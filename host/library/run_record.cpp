@@ -2,6 +2,7 @@
 
 #include "base/whole_file.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "host/library/failure.h"
 
@@ -46,7 +47,7 @@ void Write(const std::string& id, const char* operation, const Beginning& beginn
 } // namespace
 
 std::string RunRecordPath(const std::string& id) {
-	return "/var/lib/data_update/" + id + "/last_run.json";
+	return dataupdate::StatePath(id, "last_run.json");
 }
 
 ExitCode RunRecorded(

@@ -1,6 +1,6 @@
 #include "host/library/settings.h"
 
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/failure.h"
 

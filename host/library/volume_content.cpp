@@ -1,7 +1,7 @@
 #include "host/library/volume_content.h"
 
 #include "base/text.h"
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"

@@ -1,7 +1,7 @@
 #include "host/library/volume_move.h"
 
-#include "dataupdate/internal/file_copy.h"
 #include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 #include "host/library/failure.h"
 #include "host/library/safe_places.h"
 

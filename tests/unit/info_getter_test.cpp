@@ -1,6 +1,5 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/fresh_info.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update.h"
 #include "expect_error.h"
 #include "fake_platform.h"
@@ -246,7 +245,7 @@ TEST_F(InfoGetterTest, TakesWhatAKilledFetchLeftForNoDocumentThoughTheNextNeverB
 TEST_F(InfoGetterTest, LetsAHostWaitForTheDocumentAsLongAsItLikes) {
 	const FileLock other(kLock, 0);
 	EXPECT_EQ(MessageOf([] {
-		GetFreshInfo(
+		return GetFreshInfo(
 		    IOUtils(), [] { return kUrl; }, 3);
 	}),
 	    std::string("Fail to lock ") + kLock);

@@ -1,4 +1,4 @@
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/update.h"

@@ -1,4 +1,4 @@
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "host/library/checked_info_getter.h"
 #include "host/library/checked_io.h"
 #include "host/library/download_limits.h"

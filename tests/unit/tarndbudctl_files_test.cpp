@@ -1,4 +1,4 @@
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/updater.h"
 #include "host/library/file_changes.h"
 #include "host/library/file_check.h"

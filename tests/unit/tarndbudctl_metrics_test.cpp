@@ -1,7 +1,7 @@
 #include "base/error.h"
 #include "base/whole_file.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
 #include "host/library/metrics.h"

@@ -1,4 +1,4 @@
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "host/library/file_check.h"
 #include "host/library/recording_info_getter.h"
 #include "private_root.h"

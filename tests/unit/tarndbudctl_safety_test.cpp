@@ -1,5 +1,5 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "host/commands/child_command.h"
 #include "host/library/failure.h"
 #include "host/library/lock_files.h"

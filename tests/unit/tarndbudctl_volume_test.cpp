@@ -1,5 +1,5 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"

@@ -1,8 +1,7 @@
-#include "dataupdate/internal/fresh_info.h"
+#include "dataupdate/internal/cached_info.h"
 
-#include "dataupdate/file_lock.h"
-#include "dataupdate/internal/log.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
+#include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
 
 #include <tarncore/tarncore.h>
@@ -14,9 +13,6 @@
 namespace tarn::dataupdate {
 
 namespace {
-
-constexpr char kLogSource[] = "update";
-constexpr int kCacheSeconds = 3600;
 
 /**
  * The client dates a file as the server does: an old document would never count as cached, and one that is dated in the
@@ -59,18 +55,9 @@ void Fetch(const IOUtils& io, const std::string& url) {
 
 } // namespace
 
-Json::Value GetFreshInfo(const IOUtils& io, const std::function<std::string()>& make_url, unsigned long lock_seconds) {
-	io.TarnMkdir(kCacheDirectory);
-	try {
-		const FileLock lock(kFreshInfoLock, lock_seconds);
-		if (TLIBCFileExist(kCachedInfo) == 0 || IsFetchUnfinished() || io.FileCreateOver(kCachedInfo, kCacheSeconds)) {
-			Fetch(io, make_url());
-		}
-		return io.ReadJson(kCachedInfo);
-	} catch (const UpdateError& error) {
-		TARN_LOG(LOG_INFO, "Fail during fresh database info");
-		TARN_LOG(LOG_INFO, "Error message: %s", error.what());
-		throw;
+void RenewCachedInfo(const IOUtils& io, const std::function<std::string()>& make_url) {
+	if (TLIBCFileExist(kCachedInfo) == 0 || IsFetchUnfinished() || io.FileCreateOver(kCachedInfo, kFreshInfoSeconds)) {
+		Fetch(io, make_url());
 	}
 }
 

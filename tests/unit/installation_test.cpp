@@ -1,4 +1,4 @@
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "expect_error.h"
 #include "fake_system.h"
@@ -31,13 +31,13 @@ using testing::StartsWith;
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";
 
-class ReplacementMarkTest : public test::FixedPathsTest {
+class InstallationTest : public test::FixedPathsTest {
 protected:
 	test::FakeSystem system_;
 	test::SyslogCapture log_;
 };
 
-TEST_F(ReplacementMarkTest, StandsFromSettingToClearing) {
+TEST_F(InstallationTest, StandsFromSettingToClearing) {
 	WriteFile(kRecord, "{}");
 	EXPECT_FALSE(IsReplacementMarked("geo"));
 	SetReplacementMark("geo");
@@ -51,7 +51,7 @@ TEST_F(ReplacementMarkTest, StandsFromSettingToClearing) {
 	EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
-TEST_F(ReplacementMarkTest, MayBeSetAndClearedTwice) {
+TEST_F(InstallationTest, MayBeSetAndClearedTwice) {
 	WriteFile(kRecord, "{}");
 	SetReplacementMark("geo");
 	SetReplacementMark("geo");
@@ -61,7 +61,7 @@ TEST_F(ReplacementMarkTest, MayBeSetAndClearedTwice) {
 	EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
-TEST_F(ReplacementMarkTest, OfAMoveIsSetOnceAndHoldsNoInterruptionBack) {
+TEST_F(InstallationTest, OfAMoveIsSetOnceAndHoldsNoInterruptionBack) {
 	RequestInterruption();
 	EXPECT_TRUE(MarkUnfinished("geo"));
 	EXPECT_TRUE(IsInterrupted());
@@ -71,22 +71,23 @@ TEST_F(ReplacementMarkTest, OfAMoveIsSetOnceAndHoldsNoInterruptionBack) {
 	EXPECT_TRUE(IsReplacementMarked("geo"));
 }
 
-TEST_F(ReplacementMarkTest, SaysNothingWithoutARecord) {
+TEST_F(InstallationTest, SaysNothingWithoutARecord) {
 	SetReplacementMark("geo");
 	EXPECT_TRUE(fs::exists(kMark));
 	EXPECT_FALSE(IsReplacementMarked("geo"));
+	EXPECT_TRUE(MayBeAMixture("geo")); // For a reader.
 	WriteFile(kRecord, "torn");
 	EXPECT_TRUE(IsReplacementMarked("geo"));
 }
 
-TEST_F(ReplacementMarkTest, CountsWhenItCannotBeExamined) {
+TEST_F(InstallationTest, CountsWhenItCannotBeExamined) {
 	WriteFile(kRecord, "{}");
 	fs::create_symlink("nowhere", kMark);
 	EXPECT_TRUE(IsReplacementMarked("geo"));
 	EXPECT_TRUE(IsReplacementMarked(std::string(300, 'x'))); // No file can have such a name.
 }
 
-TEST_F(ReplacementMarkTest, IsOnTheDiskWithItsDirectoriesBeforeAnythingChanges) {
+TEST_F(InstallationTest, IsOnTheDiskWithItsDirectoriesBeforeAnythingChanges) {
 	for (const int sync : {0, 1, 2}) { // The file, its directory, the directory of that.
 		system_.Fail("fsync", EIO, 1, sync);
 		EXPECT_EQ(MessageOf([] { SetReplacementMark("geo"); }),
@@ -96,20 +97,20 @@ TEST_F(ReplacementMarkTest, IsOnTheDiskWithItsDirectoriesBeforeAnythingChanges) 
 	SetReplacementMark("geo");
 }
 
-TEST_F(ReplacementMarkTest, OfAMoveThatCannotBeginIsTakenBack) {
+TEST_F(InstallationTest, OfAMoveThatCannotBeginIsTakenBack) {
 	system_.Fail("fsync", EIO);
 	EXPECT_NE(MessageOf([] { MarkUnfinished("geo"); }), "");
 	EXPECT_FALSE(fs::exists(kMark));
 }
 
-TEST_F(ReplacementMarkTest, OfAnEarlierRunStaysWhenItCannotBeSetAgain) {
+TEST_F(InstallationTest, OfAnEarlierRunStaysWhenItCannotBeSetAgain) {
 	WriteFile(kMark, "");
 	system_.Fail("fsync", EIO);
 	EXPECT_NE(MessageOf([] { SetReplacementMark("geo"); }), "");
 	EXPECT_TRUE(fs::exists(kMark));
 }
 
-TEST_F(ReplacementMarkTest, SaysWhyItCannotBeSet) {
+TEST_F(InstallationTest, SaysWhyItCannotBeSet) {
 	fs::create_directories("/var/lib/data_update/geo");
 	fs::create_symlink("/var/lib/data_update/elsewhere", kMark);
 	EXPECT_THAT(MessageOf([] { SetReplacementMark("geo"); }),
@@ -120,24 +121,24 @@ TEST_F(ReplacementMarkTest, SaysWhyItCannotBeSet) {
 	    AllOf(StartsWith("Fail to mark replacement: "), HasSubstr("/var/lib/data_update/poi")));
 }
 
-TEST_F(ReplacementMarkTest, StaysUntilTheRecordIsOnTheDisk) {
+TEST_F(InstallationTest, StaysUntilTheRecordIsOnTheDisk) {
 	WriteFile(kRecord, "{}");
 	SetReplacementMark("geo");
 	system_.Fail("fsync", EIO);
 	ClearReplacementMark("geo");
 	EXPECT_TRUE(IsReplacementMarked("geo"));
-	EXPECT_THAT(test::Lines(log_),
-	    ElementsAre(Line{LOG_ERR, "strategy", std::string("Failed to remove ") + kMark + ": Input/output error"}));
+	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "installation.cpp",
+	                                   std::string("Failed to remove ") + kMark + ": Input/output error"}));
 }
 
-TEST_F(ReplacementMarkTest, LogsThatItCannotBeRemoved) {
+TEST_F(InstallationTest, LogsThatItCannotBeRemoved) {
 	WriteFile(std::string(kMark) + "/in/the/way", "");
 	ClearReplacementMark("geo");
 	EXPECT_THAT(test::Lines(log_),
-	    ElementsAre(Line{LOG_ERR, "strategy", std::string("Failed to remove ") + kMark + ": Is a directory"}));
+	    ElementsAre(Line{LOG_ERR, "installation.cpp", std::string("Failed to remove ") + kMark + ": Is a directory"}));
 }
 
-TEST_F(ReplacementMarkTest, IsClearedWhereAHostKeepsNoRecord) {
+TEST_F(InstallationTest, IsClearedWhereAHostKeepsNoRecord) {
 	SetReplacementMark("geo");
 	ClearReplacementMark("geo");
 	EXPECT_FALSE(fs::exists(kMark));

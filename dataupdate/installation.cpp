@@ -1,8 +1,8 @@
-#include "dataupdate/internal/replacement_mark.h"
+#include "dataupdate/installation.h"
 
 #include "base/unique_fd.h"
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/paths.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
 #include <boost/filesystem.hpp>
@@ -19,9 +19,9 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-constexpr char kLogSource[] = "strategy";
+constexpr char kLogSource[] = "installation.cpp";
 
-/** Whether there is such a name; one that cannot be examined counts. */
+/** Whether there is such a file; treats a file whose status cannot be had as existing. */
 bool MayExist(const std::string& path) {
 	boost::system::error_code ignored;
 	return fs::symlink_status(path, ignored).type() != fs::file_not_found;
@@ -58,6 +58,14 @@ void SetMark(const fs::path& path) {
 
 } // namespace
 
+DatabaseStatus ReadRecord(const IOUtils& io, const std::string& id) {
+	return DatabaseStatus::FromJson(io.ReadJson(StatusPath(id)));
+}
+
+void WriteRecord(const IOUtils& io, const std::string& id, const DatabaseStatus& status) {
+	io.WriteJson(StatusPath(id), DatabaseStatus::ToJson(status));
+}
+
 void SetReplacementMark(const std::string& id) {
 	SetMark(ReplacementMarkPath(id));
 }
@@ -70,14 +78,18 @@ bool MarkUnfinished(const std::string& id) {
 	try {
 		SetMark(mark);
 	} catch (const UpdateError&) {
-		unlink(mark.c_str()); // There was none before, and nothing will be changed.
+		unlink(mark.c_str()); // The mark was not set before, and nothing will be changed.
 		throw;
 	}
 	return true;
 }
 
 bool IsReplacementMarked(const std::string& id) {
-	return MayExist(ReplacementMarkPath(id)) && MayExist(StatusPath(id));
+	return MayBeAMixture(id) && MayExist(StatusPath(id));
+}
+
+bool MayBeAMixture(const std::string& id) {
+	return MayExist(ReplacementMarkPath(id));
 }
 
 void ClearReplacementMark(const std::string& id) noexcept {
