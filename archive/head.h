@@ -9,6 +9,8 @@
 
 namespace tarn::archive {
 
+/** The type of the keys that sign data-update packages. */
+constexpr std::uint32_t kDataUpdateKeyType = 6;
 constexpr std::size_t kHeadSize = 48;
 constexpr std::size_t kSignatureSize = 64;
 constexpr std::size_t kDigestSize = 32;

@@ -1,9 +1,7 @@
 #include "publisher/diff_chain.h"
 
 #include "base/error.h"
-#include "dataupdate/internal/patcher.h"
-#include "dataupdate/update_error.h"
-#include "publisher/publish_error.h"
+#include "publisher/device.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -149,15 +147,15 @@ std::map<std::string, std::string> DiffChain::ReplayScripts(
 	}
 	const std::string copies = work.Make("lineage-copies");
 	try {
-		dataupdate::Patcher patcher(copies, installed, RefusePatch);
+		DevicePatcher patcher(copies, installed, RefusePatch);
 		for (const Link& link : links_) {
 			const std::string package = work.Make("lineage-package");
 			UnpackSteps(link, beginnings, package);
-			patcher.ApplyPackage(package);
+			patcher.Apply(package);
 			fs::remove_all(package);
 		}
 		patcher.Install();
-	} catch (const dataupdate::UpdateError& error) {
+	} catch (const DeviceError& error) {
 		throw PublishError(std::string("the scripts published before cannot be replayed: ") + error.what());
 	}
 	fs::remove_all(copies);

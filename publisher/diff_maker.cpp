@@ -1,7 +1,7 @@
 #include "publisher/diff_maker.h"
 
 #include "base/sqlite_names.h"
-#include "dataupdate/utils.h"
+#include "publisher/device.h"
 #include "publisher/diff_chain.h"
 #include "publisher/diff_verifier.h"
 #include "publisher/file_encoder.h"
@@ -144,7 +144,7 @@ std::set<std::string> DiffMaker::FlatNames() const {
 		}
 	}
 	std::set<std::string> flat;
-	std::transform(names.begin(), names.end(), std::inserter(flat, flat.end()), dataupdate::FlatFileName);
+	std::transform(names.begin(), names.end(), std::inserter(flat, flat.end()), WorkingCopyName);
 	return flat;
 }
 
@@ -159,7 +159,7 @@ std::vector<EncodingTask> DiffMaker::Tasks() {
 	for (const TreeChange& change : changes_) {
 		const FileLineage lineage = chain_.State().Of(change.name);
 		const bool stands_alone = std::none_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
-		    [&](const char* suffix) { return flat_names.count(dataupdate::FlatFileName(change.name) + suffix) > 0; });
+		    [&](const char* suffix) { return flat_names.count(WorkingCopyName(change.name) + suffix) > 0; });
 		EncodingTask task;
 		task.change = change;
 		task.may_patch = lineage != FileLineage::kScripted;

@@ -5,7 +5,7 @@
 #include "archive/tar_reader.h"
 #include "base/error.h"
 #include "base/text.h"
-#include "dataupdate/internal/patch_description.h"
+#include "publisher/device.h"
 
 #include <iomanip>
 #include <map>
@@ -48,7 +48,7 @@ Content ReadContent(const archive::ArchiveFile& archive) {
 		if (member.name != kDescriptionName) {
 			continue;
 		}
-		if (member.size > dataupdate::kMaxDescriptionBytes) {
+		if (member.size > kMaxDescriptionBytes) {
 			throw Error("has a description that is too large for devices");
 		}
 		for (std::string_view block = reader.NextContent(); !block.empty(); block = reader.NextContent()) {

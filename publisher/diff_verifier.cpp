@@ -1,9 +1,8 @@
 #include "publisher/diff_verifier.h"
 
 #include "base/text.h"
-#include "dataupdate/internal/patcher.h"
 #include "decoder/decode.h"
-#include "publisher/publish_error.h"
+#include "publisher/device.h"
 #include "publisher/sqlite_content.h"
 #include "publisher/tree_changes.h"
 
@@ -26,8 +25,8 @@ bool IsSameByContent(const TreeChange& change) {
 void VerifyDiff(const std::string& package, const std::string& tree, const std::string& copies, const Tree& expected,
     const std::set<std::string>& scripted) {
 	try {
-		dataupdate::Patcher patcher(copies, tree, DecodePatchFile);
-		patcher.ApplyPackage(package);
+		DevicePatcher patcher(copies, tree, DecodePatchFile);
+		patcher.Apply(package);
 		patcher.Install();
 	} catch (const std::exception& error) {
 		throw PublishError(std::string("devices could not apply it: ") + error.what());

@@ -7,8 +7,6 @@
 #include "publisher/package_reader.h"
 #include "publisher/publish_error.h"
 
-#include <tarncodesign/tarncodesign.h>
-
 #include <json/json.h>
 
 #include <ctime>
@@ -217,7 +215,7 @@ std::string VerifyPackage(const std::string& package, const std::vector<std::str
 	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(key_files);
 	return NamingPackage(package, [&] {
 		const archive::ArchiveFile archive(package);
-		const archive::TrustedKey& signer = keys[archive.Check(keys, TARNARCHIVE_KEYTYPE_DATA_UPDATE)];
+		const archive::TrustedKey& signer = keys[archive.Check(keys, archive::kDataUpdateKeyType)];
 		return package + " is whole and signed by " + signer.name + " (" + signer.key.Fingerprint() + ").";
 	});
 }

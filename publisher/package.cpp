@@ -7,8 +7,6 @@
 #include "base/text.h"
 #include "publisher/publish_error.h"
 
-#include <tarncodesign/tarncodesign.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -93,7 +91,7 @@ std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const arch
 	progress(files, bytes);
 	tar.Finish();
 	archive::ArchiveHead head;
-	head.key_type = TARNARCHIVE_KEYTYPE_DATA_UPDATE;
+	head.key_type = archive::kDataUpdateKeyType;
 	head.entry_count = files;
 	head.unpacked_size = bytes;
 	return sealer.Seal(head, Metadata(info), key, archive_fd, path);

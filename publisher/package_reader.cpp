@@ -5,14 +5,11 @@
 #include "publisher/diff_package.h"
 #include "publisher/publish_error.h"
 
-#include <tarncodesign/tarncodesign.h>
-
 #include <fcntl.h>
 
 namespace tarn::publisher {
 
 namespace {
-
 
 [[noreturn]] void Refuse(const std::string& path, const Error& error) {
 	throw PublishError("the package " + path + " " + error.what());
@@ -48,7 +45,7 @@ PackageReader::PackageReader(const archive::SigningKey& key, const std::vector<s
 archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageInfo& expected) const {
 	try {
 		archive::ArchiveFile archive(path);
-		archive.Check(keys_, TARNARCHIVE_KEYTYPE_DATA_UPDATE);
+		archive.Check(keys_, archive::kDataUpdateKeyType);
 		RequireMetadata(ReadMetadata(archive), expected);
 		return archive;
 	} catch (const Error& error) {

@@ -1,16 +1,13 @@
 #include "publisher/script_encoder.h"
 
 #include "base/sqlite_names.h"
-#include "dataupdate/internal/file_copy.h"
-#include "dataupdate/internal/sql_script.h"
-#include "dataupdate/update_error.h"
+#include "publisher/device.h"
 #include "publisher/program.h"
 #include "publisher/rtree_script.h"
 #include "publisher/sql_lines.h"
 #include "publisher/sqlite_content.h"
 #include "publisher/virtual_tables.h"
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -24,7 +21,7 @@ namespace fs = std::filesystem;
 class Copy {
 public:
 	Copy(const std::string& original, std::string path) : path_(std::move(path)) {
-		dataupdate::CopyRegularFile(original, path_);
+		CopyFile(original, path_);
 		fs::permissions(path_, fs::perms::owner_read | fs::perms::owner_write);
 	}
 	Copy(const Copy&) = delete;
@@ -54,12 +51,9 @@ void RequireContent(const std::string& database, const std::string& expected, co
 	}
 }
 
-/** A device may be slower than this machine. */
-constexpr std::chrono::seconds kTrialTime = dataupdate::kMaxScriptTime / 10;
-
 /** Executes a script and requires what devices must have then. */
 void Try(const Copy& copy, const std::string& script, const std::string& expected, const std::string& where) {
-	dataupdate::ExecuteSqlScript(copy.Path(), script, kTrialTime);
+	ExecuteScript(copy.Path(), script);
 	RequireContent(copy.Path(), expected, where);
 	RequireSoundIndexes(copy.Path());
 }
@@ -115,29 +109,25 @@ void EncodeScript(
 	if (const auto obstacle = FindScriptObstacle(subject.before, subject.after)) {
 		throw PublishError(*obstacle);
 	}
-	try {
-		const Copy before(subject.before, scratch + "/before");
-		const Copy after(subject.after, scratch + "/after");
-		RequireSoundIndexes(after.Path());
-		MakeScript(encoder, before, after, script, scratch);
-		for (const Copy* copy : {&before, &after}) {
-			std::error_code ignored; // executing says what it finds
-			copy->RemoveCompanions(ignored);
-		}
-		Try(before, script, subject.after, "from the published version");
-		if (!subject.lineage.empty()) {
-			const Copy lineage(subject.lineage, scratch + "/lineage");
-			Try(lineage, script, subject.after, "on devices that came by scripts");
-		}
-		try {
-			dataupdate::ExecuteSqlScript(after.Path(), script, kTrialTime);
-		} catch (const dataupdate::UpdateError&) {
-			return; // rolled back, as good as no change
-		}
-		RequireContent(after.Path(), subject.after, "when it is executed twice");
-	} catch (const dataupdate::UpdateError& error) {
-		throw PublishError(error.what());
+	const Copy before(subject.before, scratch + "/before");
+	const Copy after(subject.after, scratch + "/after");
+	RequireSoundIndexes(after.Path());
+	MakeScript(encoder, before, after, script, scratch);
+	for (const Copy* copy : {&before, &after}) {
+		std::error_code ignored; // executing says what it finds
+		copy->RemoveCompanions(ignored);
 	}
+	Try(before, script, subject.after, "from the published version");
+	if (!subject.lineage.empty()) {
+		const Copy lineage(subject.lineage, scratch + "/lineage");
+		Try(lineage, script, subject.after, "on devices that came by scripts");
+	}
+	try {
+		ExecuteScript(after.Path(), script);
+	} catch (const DeviceError&) {
+		return; // rolled back, as good as no change
+	}
+	RequireContent(after.Path(), subject.after, "when it is executed twice");
 }
 
 } // namespace tarn::publisher

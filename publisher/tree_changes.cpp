@@ -3,8 +3,7 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
-#include "dataupdate/utils.h"
-#include "publisher/publish_error.h"
+#include "publisher/device.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -55,10 +54,10 @@ std::string Quoted(const std::string& name) {
 std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes, const std::set<std::string>& earlier) {
 	std::map<std::string, std::string> owners;
 	for (const std::string& name : earlier) {
-		owners.emplace(dataupdate::FlatFileName(name), name);
+		owners.emplace(WorkingCopyName(name), name);
 	}
 	for (const TreeChange& change : changes) {
-		const std::string flat = dataupdate::FlatFileName(change.name);
+		const std::string flat = WorkingCopyName(change.name);
 		const std::string& owner = owners.emplace(flat, change.name).first->second;
 		if (owner != change.name) {
 			return Quoted(owner) + " and " + Quoted(change.name) + R"( differ in "/" and "." alone)";

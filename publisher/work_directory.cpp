@@ -1,7 +1,6 @@
 #include "publisher/work_directory.h"
 
 #include "base/text.h"
-#include "dataupdate/internal/remove_tree.h"
 #include "publisher/publish_error.h"
 
 #include <cerrno>
@@ -34,7 +33,7 @@ WorkDirectory::WorkDirectory(const std::string& repository) {
 
 WorkDirectory::~WorkDirectory() {
 	try {
-		dataupdate::RemoveTree(path_);
+		fs::remove_all(path_);
 	} catch (const std::exception&) { // NOLINT(bugprone-empty-catch): the next publisher removes what is left
 	}
 }
@@ -52,7 +51,7 @@ void WorkDirectory::RemoveLeftovers(const std::string& repository) {
 	try {
 		for (const fs::directory_entry& entry : fs::directory_iterator(repository)) {
 			if (StartsWith(entry.path().filename().string(), kPrefix)) {
-				dataupdate::RemoveTree(entry.path());
+				fs::remove_all(entry.path());
 			}
 		}
 	} catch (const std::system_error& error) {

@@ -20,6 +20,8 @@ struct tarnarchive {
 	std::optional<tarn::archive::ArchiveFile> archive;
 };
 
+static_assert(TARNARCHIVE_KEYTYPE_DATA_UPDATE == tarn::archive::kDataUpdateKeyType);
+
 namespace {
 
 using tarn::Error;
