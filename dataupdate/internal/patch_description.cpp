@@ -54,6 +54,10 @@ void CheckSize(const std::string& path) {
 			throw UpdateError("Too large a description of patches: " + path);
 		}
 	}
+	// What ended here before its end has not been checked.
+	if (file.bad()) {
+		throw UpdateError("Fail to read: " + path);
+	}
 }
 
 } // namespace

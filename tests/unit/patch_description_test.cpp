@@ -109,6 +109,12 @@ TEST_F(PatchDescriptionTest, HasALimitedLengthAndNumberOfValues) {
 	EXPECT_EQ(Read(usual + "}").size(), 200'000U);
 }
 
+TEST_F(PatchDescriptionTest, IsNotUsedWhereItsSizeCannotBeRead) {
+	const std::string path = package_ + "/patch_infos.json";
+	fs::create_directory(path);
+	EXPECT_EQ(MessageOf([this] { ReadPatchDescription(package_); }), "Fail to read: " + path);
+}
+
 TEST_F(PatchDescriptionTest, HoldsOperationAndInputAsText) {
 	for (const std::string wrong : {R"({"f": {"operation": ["delete"]}})", R"({"f": {"operation": {}}})",
 	         R"({"f": {"operation": "delete", "input_file": {"a": 1}}})"}) {

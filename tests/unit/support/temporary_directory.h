@@ -2,6 +2,9 @@
 #ifndef TARN_TESTS_TEMPORARY_DIRECTORY_H
 #define TARN_TESTS_TEMPORARY_DIRECTORY_H
 
+#include <gtest/gtest.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,8 +27,11 @@ public:
 		path_ = std::filesystem::canonical(name);
 	}
 	~TemporaryDirectory() {
-		std::error_code ignored;
-		std::filesystem::remove_all(path_, ignored);
+		std::error_code error;
+		std::filesystem::remove_all(path_, error);
+		if (error) {
+			ADD_FAILURE() << "cannot remove " << path_ << ": " << error.message();
+		}
 	}
 	TemporaryDirectory(const TemporaryDirectory&) = delete;
 	TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
@@ -46,7 +52,8 @@ inline void WriteFile(const std::string& path, const std::string& content) {
 	std::filesystem::create_directories(std::filesystem::path(path).parent_path());
 	std::ofstream file(path, std::ios::binary);
 	file << content;
-	if (!file.flush()) {
+	file.close();
+	if (!file) {
 		throw std::runtime_error("cannot write " + path);
 	}
 }
@@ -60,7 +67,7 @@ inline std::vector<std::string> EntriesBelow(const std::string& directory) {
 	return entries;
 }
 
-/** Reads a whole file. */
+/** Reads a whole file; throws where a read fails. */
 inline std::string ReadFile(const std::string& path) {
 	std::ifstream file(path, std::ios::binary);
 	if (!file) {
