@@ -1,11 +1,12 @@
 #!/usr/bin/python3
-"""Holds the tables of messages in docs/operations.md against the messages in the sources.
+"""Holds the tables of docs/messages.md against the messages in the sources.
 
 usage: messages_check.py [CHECKOUT]
 
 Every text in the sources that can reach an administrator as an error or a warning has a row in one of the tables, and
-every row has its text in the sources. A text is taken for a message unless where it stands says otherwise: help,
-results on standard output, log lines below a warning, queries, and the texts of NO_MESSAGES.
+every row has its text in the sources; a row has one message, its category, and an exit code that fits the category. A
+text is taken for a message unless where it stands says otherwise: help, results on standard output, log lines below a
+warning, queries, and the texts of NO_MESSAGES.
 Exit status: 0 all right, 1 not.
 """
 
@@ -17,7 +18,7 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-TABLES = "docs/operations.md"
+TABLES = "docs/messages.md"
 FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "platform", "publisher")
 
 # What is given to these calls, or initialises these constants, is no complaint.
@@ -47,6 +48,9 @@ NO_MESSAGES = {
     "the default code table",
     "the code table",
 }
+
+# The exit codes that rows of each category may have.
+EXIT_CODES = {"failure": r"[1-9]\d*", "warning": "0", "notice": "–", "result": "–", "part": "–", "log": "–"}
 
 TOKEN = re.compile(
     r"""//[^\n]*|/\*.*?\*/|R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|'(?:[^'\\\n]|\\.)+'"""
@@ -152,15 +156,28 @@ def literals(root: Path) -> list[Literal]:
     return [literal for path in paths for literal in Scanner(path, str(path.relative_to(root))).literals()]
 
 
-def rows(root: Path) -> list[str]:
-    """The messages in the first column of the tables headed "message"."""
-    found: list[str] = []
-    in_table = False
-    for line in (root / TABLES).read_text().splitlines():
-        in_table = line.startswith("| message |") or (in_table and line.startswith("|"))
-        if in_table:
-            found += re.findall(r"`([^`]+)`", re.split(r"(?<!\\)\|", line)[1])
-    return [message.replace("\\|", "|") for message in found]
+@dataclass(frozen=True)
+class Row:
+    """A line of a table; the cells are as written."""
+
+    number: int
+    message: str
+    category: str
+    exit_code: str
+
+    def faults(self) -> Iterator[str]:
+        code = EXIT_CODES.get(self.category)
+        if code is None:
+            yield f"{TABLES}:{self.number}: no category: {self.category}"
+        elif not re.fullmatch(code, self.exit_code):
+            yield f"{TABLES}:{self.number}: {self.category} with the exit code {self.exit_code}"
+
+
+def rows(root: Path) -> Iterator[Row]:
+    for number, line in enumerate((root / TABLES).read_text().splitlines(), 1):
+        if line.startswith("| `"):
+            _, message, category, exit_code, *_ = (cell.strip() for cell in re.split(r"(?<!\\)\|", line))
+            yield Row(number, message.strip("`").replace("\\|", "|"), category, exit_code)
 
 
 def holds(text: str, part: str) -> bool:
@@ -174,11 +191,12 @@ def says_much(text: str) -> bool:
 
 def main(arguments: list[str]) -> int:
     root = Path(arguments[0]) if arguments else Path(__file__).resolve().parent.parent
-    table = rows(root)
-    messages = [plain(part) for row in table for part in row.split("…") if plain(part)]
+    table = list(rows(root))
+    messages = [plain(part) for row in table for part in row.message.split("…") if plain(part)]
     all_texts = literals(root)
     known = {part for literal in all_texts for part in fragments(literal.text)}
-    faults = [
+    faults = [fault for row in table for fault in row.faults()]
+    faults += [
         f'{literal.where}: no row in {TABLES} for "{part}"'
         for literal in all_texts
         if not literal.quiet
