@@ -1,6 +1,7 @@
 #include "dataupdate/config.h"
 
 #include "dataupdate/file_lock.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
@@ -26,7 +27,7 @@ Json::Value ToJson(bool value) {
 template<>
 std::string Config::GetAs<std::string>(const Json::Value& value) const {
 	if (!value.isString()) {
-		throw UpdateError("Bad type conversion");
+		throw UpdateError(messages::kWrongType);
 	}
 	return value.asString();
 }
@@ -34,7 +35,7 @@ std::string Config::GetAs<std::string>(const Json::Value& value) const {
 template<>
 bool Config::GetAs<bool>(const Json::Value& value) const {
 	if (!value.isBool()) {
-		throw UpdateError("Bad type conversion");
+		throw UpdateError(messages::kWrongType);
 	}
 	return value.asBool();
 }
@@ -47,7 +48,7 @@ unsigned long Config::GetAs<unsigned long>(const Json::Value& value) const {
 	if (value.isInt() && value.asInt64() > 0) {
 		return static_cast<unsigned long>(value.asInt64());
 	}
-	throw UpdateError("Bad type conversion");
+	throw UpdateError(messages::kWrongType);
 }
 
 Config::Config(std::shared_ptr<IOUtils> io) : io_(std::move(io)) {}
@@ -73,7 +74,7 @@ T Config::__Get(const std::string& section, const std::string& key) const {
 	const Json::Value root = io_->ReadJson(defaults_path_);
 	const Json::Value& value = root[section][key];
 	if (value.isNull()) {
-		throw UpdateError((NoexceptFormat("section-key: '%s'-'%s' not found") % section % key).str());
+		throw UpdateError(messages::kMissingSetting + section + "'-'" + key + "' not found");
 	}
 	return GetAs<T>(value);
 }
@@ -91,7 +92,7 @@ void Config::__Set(const std::string& section, const std::string& key, const T& 
 	try {
 		io_->WriteJson(override_path_, root);
 	} catch (const UpdateError&) {
-		throw UpdateError((NoexceptFormat("Fail to set config %s:%s") % section % key).str());
+		throw UpdateError(messages::kCannotSet + section + ":" + key);
 	}
 }
 

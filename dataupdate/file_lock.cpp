@@ -2,6 +2,7 @@
 
 #include "dataupdate/internal/lock_poll.h"
 #include "dataupdate/internal/log.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 
 #include <boost/filesystem.hpp>
@@ -23,11 +24,11 @@ FileLock::FileLock(const std::string& path, unsigned long timeout_seconds) : pat
 	MakeDir(path_);
 	fd_ = open(path_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
 	if (fd_ < 0) {
-		throw UpdateError("Fail open lock file " + path_);
+		throw UpdateError(messages::kCannotOpenLock + path_);
 	}
 	if (!wait.Lock(fd_, LOCK_EX)) {
 		close(fd_);
-		throw UpdateError("Fail to lock " + path_);
+		throw UpdateError(messages::kCannotLock + path_);
 	}
 	TARN_LOG(LOG_INFO, "Acquire lock on file: %s", path_.c_str());
 }
@@ -44,7 +45,7 @@ void FileLock::MakeDir(const std::string& path) {
 	try {
 		boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
 	} catch (const boost::filesystem::filesystem_error& error) {
-		throw UpdateError(std::string("Fail to create dir ") + error.what());
+		throw UpdateError(std::string(messages::kCannotCreateDirectory) + error.what());
 	}
 }
 

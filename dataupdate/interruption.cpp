@@ -1,5 +1,6 @@
 #include "dataupdate/interruption.h"
 
+#include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 
 #include <atomic>
@@ -32,7 +33,7 @@ bool IsInterrupted() noexcept {
 
 void InterruptionPoint() {
 	if (IsInterrupted()) {
-		throw UpdateError("Interrupted");
+		throw UpdateError(messages::kInterrupted);
 	}
 }
 

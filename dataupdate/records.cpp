@@ -1,5 +1,6 @@
 #include "dataupdate/records.h"
 
+#include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 
 namespace tarn::dataupdate {
@@ -8,7 +9,7 @@ DiffInfo::DiffInfo(const std::string& link, int bytes) : download_link(link), fi
 
 DiffInfo DiffInfo::FromJson(const Json::Value& json) {
 	if (!json["download_link"].isString() || !json["file_size"].isInt()) {
-		throw UpdateError("Invalid json object for DiffInfo");
+		throw UpdateError(std::string(messages::kInvalidRecord) + "DiffInfo");
 	}
 	return {json["download_link"].asString(), json["file_size"].asInt()};
 }
@@ -30,7 +31,7 @@ FileStatus::FileStatus(const std::string& digest) : sha384_digest(digest) {}
 
 FileStatus FileStatus::FromJson(const Json::Value& json) {
 	if (!json["sha384_digest"].isString()) {
-		throw UpdateError("Invalid json object for FileStatus");
+		throw UpdateError(std::string(messages::kInvalidRecord) + "FileStatus");
 	}
 	return FileStatus(json["sha384_digest"].asString());
 }
@@ -43,7 +44,7 @@ Json::Value FileStatus::ToJson(const FileStatus& status) {
 
 std::map<std::string, FileStatus> FileStatus::BatchFromJson(const Json::Value& json) {
 	if (!json.isObject()) {
-		throw UpdateError("Invalid json object for FileStatuses");
+		throw UpdateError(std::string(messages::kInvalidRecord) + "FileStatuses");
 	}
 	std::map<std::string, FileStatus> statuses;
 	for (auto member = json.begin(); member != json.end(); ++member) {
@@ -74,7 +75,7 @@ RemoteInfo::RemoteInfo(int version, int fetch_time, bool is_deprecated, const st
 RemoteInfo RemoteInfo::FromJson(const Json::Value& json) {
 	if (!json["data_version"].isString() || !json["last_fetch_time"].isInt() || !json["deprecated"].isBool() ||
 	    !json["download_link"].isString()) {
-		throw UpdateError("Invalid json object for RemoteInfo");
+		throw UpdateError(std::string(messages::kInvalidRecord) + "RemoteInfo");
 	}
 	return {std::stoi(json["data_version"].asString()), json["last_fetch_time"].asInt(), json["deprecated"].asBool(),
 	    json["download_link"].asString()};
@@ -96,7 +97,7 @@ bool RemoteInfo::operator==(const RemoteInfo& other) const {
 
 DatabaseStatus DatabaseStatus::FromJson(const Json::Value& json) {
 	if (!json["data_version"].isString() || !json["last_fetch_time"].isInt() || !json["file_statuses"].isObject()) {
-		throw UpdateError("Invalid json object for DatabaseStatus");
+		throw UpdateError(std::string(messages::kInvalidRecord) + "DatabaseStatus");
 	}
 	DatabaseStatus status;
 	status.last_fetch_time = json["last_fetch_time"].asInt();

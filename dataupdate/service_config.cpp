@@ -1,5 +1,6 @@
 #include "dataupdate/service_config.h"
 
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
@@ -10,9 +11,6 @@ namespace tarn::dataupdate {
 
 namespace {
 
-constexpr char kServiceSection[] = "config";
-constexpr char kMainDirFormat[] = "%s/@database/autoupdate";
-
 enum class InstallDest { kVolume, kRootFs };
 
 InstallDest ParseInstallDest(const std::string& value) {
@@ -22,8 +20,8 @@ InstallDest ParseInstallDest(const std::string& value) {
 	if (value == "%ROOTFS%") {
 		return InstallDest::kRootFs;
 	}
-	// The field is named by its location format: scripts match this text.
-	throw UpdateError((NoexceptFormat("Invalid value '%s' for '%s' field") % value % kMainDirFormat).str());
+	// The text names the location in place of the field: scripts match this text.
+	throw UpdateError(messages::kInvalidValue + value + "' for '" + MainDirPath("%s") + "' field");
 }
 
 } // namespace
@@ -88,7 +86,7 @@ std::shared_ptr<DatabaseConfig> ServiceConfig::GetDatabaseConfig(const std::stri
 void ServiceConfig::CheckSupported(const std::string& id) const {
 	const std::vector<std::string> ids = GetDatabaseIDs();
 	if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
-		throw UpdateError("Project " + id + " not supported");
+		throw UpdateError(messages::kUnknownProject + id + " not supported");
 	}
 }
 

@@ -17,6 +17,9 @@
 
 namespace tarn::dataupdate {
 
+/** The section of "data_update.conf" that holds the service's settings. */
+constexpr char kServiceSection[] = "config";
+
 /** The settings of one database, with the current volume as it was when the view was made. */
 class TARNDBUD_EXPORT DatabaseConfig {
 public:

@@ -3,6 +3,7 @@
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/internal/extract_package.h"
 #include "dataupdate/internal/log.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
@@ -22,8 +23,8 @@ struct ArchiveCloser {
 	void operator()(tarnarchive* archive) const { tarnarchive_free(archive); }
 };
 
-std::string ArchiveFailure(const std::string& format, const std::string& tarball, bool result) {
-	return (NoexceptFormat(format) % tarball % static_cast<int>(result)).str();
+[[noreturn]] void ThrowArchiveFailure(const char* operation, const std::string& tarball) {
+	throw UpdateError(operation + tarball + " failed, ret: 0");
 }
 
 } // namespace
@@ -67,11 +68,11 @@ void ExtractPackage(
 		throw UpdateError("Failed to extract package at tarnarchive_init");
 	}
 	if (!tarnarchive_open_with_keytype(archive.get(), tarball.c_str(), TARNARCHIVE_KEYTYPE_DATA_UPDATE)) {
-		throw UpdateError(ArchiveFailure("tarnarchive_open %s failed, ret: %d", tarball, false));
+		ThrowArchiveFailure(messages::kCannotOpenPackage, tarball);
 	}
 	before_first_change();
 	if (!tarnarchive_extract_multiple(archive.get(), nullptr, TARNARCHIVE_EXTRACT_ALL)) {
-		throw UpdateError(ArchiveFailure("tarnarchive_extract %s failed, ret: %d", tarball, false));
+		ThrowArchiveFailure(messages::kCannotExtract, tarball);
 	}
 }
 

@@ -5,6 +5,7 @@
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/temp_data.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/strategy.h"
@@ -90,7 +91,7 @@ void DiffStrategy::PrepareUpdate() {
 	CheckConflicts(_ModifyInfos(), install_directory_);
 	io.TarnMkdir(install_directory_);
 	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
-		throw UpdateError("Disk space is too low");
+		throw UpdateError(messages::kLowSpace);
 	}
 }
 
@@ -103,7 +104,7 @@ void DiffStrategy::ApplyUpdate() {
 			patcher_->Install();
 		}
 	} catch (const std::exception& error) {
-		throw UpdateError(std::string("Fail to diff update: ") + error.what());
+		throw UpdateError(std::string(messages::kDiffUpdate) + error.what());
 	}
 }
 

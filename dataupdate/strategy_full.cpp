@@ -3,6 +3,7 @@
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/temp_data.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/strategy.h"
@@ -70,7 +71,7 @@ void FullStrategy::PrepareUpdate() {
 	_CalModifyInfo();
 	io.TarnMkdir(install_directory_);
 	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
-		throw UpdateError("Disk space is too low");
+		throw UpdateError(messages::kLowSpace);
 	}
 }
 
@@ -82,7 +83,7 @@ void FullStrategy::ApplyUpdate() {
 		_ClearInstallDirectory();
 		_CopyFiles();
 	} catch (const std::exception& error) {
-		throw UpdateError(std::string("Fail to full update: ") + error.what());
+		throw UpdateError(std::string(messages::kFullUpdate) + error.what());
 	}
 }
 

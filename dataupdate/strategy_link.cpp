@@ -2,6 +2,7 @@
 #include "dataupdate/internal/extract_package.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/temp_data.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
@@ -34,7 +35,7 @@ void ForceInstallByLink::ApplyUpdate() {
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		ExtractPackage(package_path_, install_directory_, [this] { AnnounceReplacement(id_); });
 	} catch (const std::exception& error) {
-		throw UpdateError(std::string("Fail to force install: ") + error.what());
+		throw UpdateError(std::string(messages::kForceInstall) + error.what());
 	}
 }
 

@@ -6,6 +6,7 @@
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
@@ -278,7 +279,7 @@ void Update::OperateAllProjects(std::function<void(const std::string&)> operatio
 			}
 			operation(id);
 		} catch (const UpdateError& error) {
-			throw UpdateError("Fail on project '" + id + "': " + error.what());
+			throw UpdateError(messages::kOnProject + id + messages::kOnProjectEnd + error.what());
 		}
 	}
 }

@@ -5,6 +5,7 @@
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/remove_tree.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 
@@ -139,13 +140,13 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
 	boost::system::error_code ignored;
 	const fs::file_type type = fs::status(path, ignored).type();
 	if (type == fs::file_not_found || type == fs::status_error) {
-		throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+		throw UpdateError(messages::kFileNotExist + path, UpdateError::kFileNotExist);
 	}
 	if (!file.is_open()) {
 		throw UpdateError("Fail to read: " + path);
 	}
 	if (!ParseJson(file, root)) {
-		throw UpdateError("Fail to decode: " + path);
+		throw UpdateError(messages::kCannotDecode + path);
 	}
 	return root;
 }
@@ -161,7 +162,7 @@ void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const
 	PrintJson(text, value);
 	std::fstream file(path, std::ios::out);
 	if (!file.is_open()) {
-		throw UpdateError("Fail to write: " + path);
+		throw UpdateError(messages::kCannotWrite + path);
 	}
 	file << text.str();
 }
@@ -180,7 +181,7 @@ void IOUtils::RmRf(const std::string& path) const {
 	try {
 		RemoveTree(path);
 	} catch (const std::system_error&) {
-		throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
+		throw UpdateError("Fail to remove all: " + path);
 	}
 }
 
@@ -202,7 +203,7 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 	if (is_option || TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
 	                     agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) != 0) {
 		RemoveFile(output_path);
-		throw UpdateError("Fail to wget url: " + url);
+		throw UpdateError(messages::kCannotDownload + url);
 	}
 	struct stat status {};
 	// Only counted: a file that cannot be examined is no failed download.
@@ -214,7 +215,7 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 void IOUtils::TarnMkdir(const std::string& path) const {
 	constexpr auto kUnchanged = static_cast<uid_t>(-1);
 	if (TARNFSMkdirP(path.c_str(), 0, 0, kUnchanged, kUnchanged, -1) == 0) {
-		throw UpdateError((NoexceptFormat("Fail to create dir %s") % path).str());
+		throw UpdateError(messages::kCannotCreateDirectory + path);
 	}
 }
 

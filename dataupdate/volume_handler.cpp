@@ -1,6 +1,7 @@
 #include "dataupdate/volume_handler.h"
 
 #include "dataupdate/internal/log.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
@@ -99,14 +100,14 @@ std::string VolumeHandler::FindSuitableVolume(std::string exclude) const {
 	const long total = _TotalReserve();
 	const std::unique_ptr<TARNMountVolInfo, VolumeListCloser> list(TARNMountVolAllEnum(0, 1, 0));
 	if (!list) {
-		throw UpdateError((NoexceptFormat("Failed to enum all volumes: %x") % TLIBCErrGet()).str());
+		throw UpdateError((NoexceptFormat(std::string(messages::kCannotListVolumes) + "%x") % TLIBCErrGet()).str());
 	}
 	for (const TARNMountVolInfo* record = list.get(); record != nullptr; record = record->next) {
 		if (record->mount_path != exclude && IsSuitable(record, total)) {
 			return record->mount_path;
 		}
 	}
-	throw UpdateError("Cannot find suitable volume.");
+	throw UpdateError(messages::kNoSuitableVolume);
 }
 
 std::string VolumeHandler::GetMainDirPath(const std::string& volume) const {
@@ -133,7 +134,7 @@ long VolumeHandler::_TotalReserve() const {
 	for (const std::string& id : service_config_->GetDatabaseIDs()) {
 		const unsigned long reserve = service_config_->GetDatabaseConfig(id)->GetMinReservedSpaceInbytes();
 		if (__builtin_add_overflow(total, reserve, &total)) {
-			throw std::runtime_error("Overflow detection, this may be caused by invalid configurations.");
+			throw std::runtime_error(messages::kReserveOverflow);
 		}
 	}
 	return total;
