@@ -80,7 +80,7 @@ void WriteContent(TarReader& reader, const Member& member, UniqueFd file) {
 	if (written != member.size) {
 		throw Error("is shorter than its header says");
 	}
-	if (close(file.Release()) != 0) {
+	if (!file.Close()) {
 		ThrowErrno("cannot write its content");
 	}
 }

@@ -3,6 +3,7 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
+#include "base/whole_file.h"
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -43,38 +44,22 @@ std::string ToPem(const Writer& write) {
 	return {data, static_cast<std::size_t>(size)};
 }
 
-/** A new file that is removed again unless it is kept. */
-class NewFile {
-public:
-	NewFile(std::string path, mode_t mode) : path_(std::move(path)) {
-		fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
-		if (!fd_) {
-			throw Error(errno == EEXIST
-			                ? path_ + " exists already and is not overwritten; choose another prefix or move it away."
-			                : ErrnoText(path_ + " could not be created", errno) + ".");
-		}
+Draft CreateKeyFile(const std::string& path, mode_t mode) {
+	Draft file = CreateDraft(path, mode);
+	if (!file) {
+		throw Error(errno == EEXIST
+		                ? path + " exists already and is not overwritten; choose another prefix or move it away."
+		                : ErrnoText(path + " could not be created", errno) + ".");
 	}
-	NewFile(const NewFile&) = delete;
-	NewFile& operator=(const NewFile&) = delete;
-	~NewFile() {
-		if (!kept_) {
-			unlink(path_.c_str());
-		}
-	}
+	return file;
+}
 
-	void Write(const std::string& content, mode_t mode) {
-		WriteFully(fd_.Get(), content.data(), content.size(), path_);
-		if (fchmod(fd_.Get(), mode) != 0 || fsync(fd_.Get()) != 0) {
-			throw Error(ErrnoText(path_ + " could not be written", errno) + ".");
-		}
+void WriteKeyFile(const Draft& file, const std::string& content, mode_t mode) {
+	WriteFully(file.Fd(), content.data(), content.size(), file.Name());
+	if (fchmod(file.Fd(), mode) != 0 || fsync(file.Fd()) != 0) {
+		throw Error(ErrnoText(file.Name() + " could not be written", errno) + ".");
 	}
-	void Keep() { kept_ = true; }
-
-private:
-	std::string path_;
-	UniqueFd fd_;
-	bool kept_ = false;
-};
+}
 
 void WarnOfOthers(int fd, const std::string& path, const std::function<void(const std::string&)>& warn) {
 	struct stat status {};
@@ -143,10 +128,10 @@ std::string SigningKey::PublicPem() const {
 
 std::string GenerateKeyFiles(const std::string& prefix) {
 	const SigningKey key = SigningKey::Generate();
-	NewFile private_file(prefix + ".key", kPrivateMode);
-	NewFile public_file(prefix + ".pub", kPublicMode);
-	private_file.Write(key.PrivatePem(), kPrivateMode);
-	public_file.Write(key.PublicPem(), kPublicMode);
+	Draft private_file = CreateKeyFile(prefix + ".key", kPrivateMode);
+	Draft public_file = CreateKeyFile(prefix + ".pub", kPublicMode);
+	WriteKeyFile(private_file, key.PrivatePem(), kPrivateMode);
+	WriteKeyFile(public_file, key.PublicPem(), kPublicMode);
 	private_file.Keep();
 	public_file.Keep();
 	return PublicKey::FromPem(key.PublicPem()).Fingerprint();

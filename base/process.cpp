@@ -16,6 +16,7 @@ extern "C" {
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,11 +83,11 @@ int OpenReportPipe(Plan& plan) {
 void FillTexts(const Program& program, Plan& plan) {
 	plan.texts.push_back(program.path);
 	plan.texts.insert(plan.texts.end(), program.arguments.begin(), program.arguments.end());
-	const size_t argument_count = plan.texts.size();
+	const std::size_t argument_count = plan.texts.size();
 	if (program.environment) {
 		plan.texts.insert(plan.texts.end(), program.environment->begin(), program.environment->end());
 	}
-	for (size_t i = 0; i < plan.texts.size(); ++i) {
+	for (std::size_t i = 0; i < plan.texts.size(); ++i) {
 		(i < argument_count ? plan.argv : plan.own_envp).push_back(plan.texts[i].data());
 	}
 	plan.argv.push_back(nullptr);
@@ -101,7 +102,7 @@ int MakePlan(const Program& program, Plan& plan) {
 	if (!plan.null) {
 		return errno;
 	}
-	for (size_t i = 0; i < plan.streams.size(); ++i) {
+	for (std::size_t i = 0; i < plan.streams.size(); ++i) {
 		plan.streams[i] = program.streams[i] == kNullStream ? plan.null.Get() : program.streams[i];
 	}
 	return OpenReportPipe(plan);
@@ -110,7 +111,7 @@ int MakePlan(const Program& program, Plan& plan) {
 // From here to RunInChild: in the child, between fork and exec. Each step returns false with errno set.
 
 bool PlaceStreams(const Plan& plan) {
-	for (size_t i = 0; i < plan.streams.size(); ++i) {
+	for (std::size_t i = 0; i < plan.streams.size(); ++i) {
 		if (plan.streams[i] != kInheritStream && dup2(plan.streams[i], static_cast<int>(i)) < 0) {
 			return false;
 		}
@@ -132,8 +133,8 @@ void DropHandlers(bool drop_ignored) {
 	}
 }
 
-bool BindToCaller(const Plan& plan) {
-	if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+bool BindToCaller(const Plan& plan, int death_signal) {
+	if (prctl(PR_SET_PDEATHSIG, death_signal) != 0) {
 		return false;
 	}
 	// A caller that died before the request was made will never send the signal.
@@ -144,7 +145,7 @@ bool BindToCaller(const Plan& plan) {
 	return true;
 }
 
-bool LimitFiles(uint64_t largest) {
+bool LimitFiles(std::uint64_t largest) {
 	rlimit limit = {};
 	if (getrlimit(RLIMIT_FSIZE, &limit) != 0) {
 		return false;
@@ -165,7 +166,7 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 	if (program.new_group && setpgid(0, 0) != 0) {
 		return false;
 	}
-	if (program.dies_with_caller && !BindToCaller(plan)) {
+	if (program.death_signal != 0 && !BindToCaller(plan, program.death_signal)) {
 		return false;
 	}
 	if (!program.working_directory.empty() && chdir(program.working_directory.c_str()) != 0) {
@@ -174,9 +175,12 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 	if (program.largest_file && !LimitFiles(*program.largest_file)) {
 		return false;
 	}
+	if (program.umask) {
+		umask(*program.umask);
+	}
 	DropHandlers(program.reset_signals);
-	sigset_t mask = plan.caller_mask;
-	if (program.reset_signals) {
+	sigset_t mask = program.signal_mask.value_or(plan.caller_mask);
+	if (program.reset_signals && !program.signal_mask) {
 		sigemptyset(&mask);
 	}
 	return sigprocmask(SIG_SETMASK, &mask, nullptr) == 0;
@@ -191,7 +195,7 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 
 [[noreturn]] void RunInChild(const Program& program, const Plan& plan) {
 	if (PrepareChild(program, plan)) {
-		execve(plan.argv[0], plan.argv.data(), plan.envp);
+		(program.search_path ? execvpe : execve)(plan.argv[0], plan.argv.data(), plan.envp);
 	}
 	ReportAndExit(plan);
 }
@@ -229,6 +233,7 @@ int ReadReport(Plan& plan) {
 }
 
 int StartAs(const Program& program, bool detached, pid_t& child) {
+	child = -1;
 	Plan plan;
 	if (const int error = MakePlan(program, plan); error != 0) {
 		return error;
@@ -240,7 +245,7 @@ int StartAs(const Program& program, bool detached, pid_t& child) {
 	const int error = ReadReport(plan);
 	if (error != 0 || detached) {
 		int status = 0;
-		Wait(child, status);
+		[[maybe_unused]] const int lost = Wait(child, status); // it leaves no zombie; how it ended is of no interest
 	}
 	return error;
 }

@@ -7,6 +7,7 @@
 #ifndef BASE_PROCESS_H
 #define BASE_PROCESS_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <array>
@@ -27,6 +28,8 @@ constexpr int kNullStream = -2;
 /** A program to be started. */
 struct Program {
 	std::string path;
+	/** Whether a path without "/" is looked for along PATH, and a file without "#!" given to the shell. */
+	bool search_path = false;
 	/** Without argument 0, which is the path. */
 	std::vector<std::string> arguments;
 	/** "NAME=value" strings; the caller's own environment when absent. */
@@ -41,20 +44,27 @@ struct Program {
 	bool new_group = false;
 	/** Whether the child starts with no signal blocked and none ignored. */
 	bool reset_signals = true;
-	/** Whether the child is killed when the calling thread ends before it. */
-	bool dies_with_caller = false;
+	/** What is blocked in the child instead. */
+	std::optional<sigset_t> signal_mask;
+	/** The signal that the child gets when the calling thread ends before it; 0 for none. */
+	int death_signal = 0;
+	/** The child's mask of file modes; the caller's when absent. */
+	std::optional<mode_t> umask;
 	/** The largest file in bytes that the child can make: SIGXFSZ ends it, without a core file, when it writes more. */
-	std::optional<uint64_t> largest_file;
+	std::optional<std::uint64_t> largest_file;
 };
 
-/** Starts a program; on return it has been executed, or the reason why not is returned and nothing is left of it. */
-int Start(const Program& program, pid_t& child);
+/**
+ * Starts a program; on return it has been executed, or the reason why not is returned and nothing is left of it. The
+ * child's number is -1 when there was not even a process that could have executed it.
+ */
+[[nodiscard]] int Start(const Program& program, pid_t& child);
 
 /** Starts a program that nobody waits for: it becomes a child of the system's reaper and leaves no zombie. */
-int StartDetached(const Program& program);
+[[nodiscard]] int StartDetached(const Program& program);
 
 /** Waits for a child's end; status is as of waitpid(). */
-int Wait(pid_t child, int& status);
+[[nodiscard]] int Wait(pid_t child, int& status);
 
 /**
  * Waits for a child's end like Wait(), and asks meanwhile whether it may go on: at once, and after every period. When
@@ -62,7 +72,7 @@ int Wait(pid_t child, int& status);
  *
  * @param leads_group  whether the child leads a process group of its own, which is then killed as well
  */
-int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
+[[nodiscard]] int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
     const std::function<bool()>& may_go_on, int& status);
 
 } // namespace tarn::process

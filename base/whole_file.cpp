@@ -1,6 +1,7 @@
 #include "base/whole_file.h"
 
 #include "base/error.h"
+#include "base/file_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,61 +14,54 @@
 #include <filesystem>
 
 namespace tarn {
-
 namespace {
 
-constexpr char kSuffix[] = ".tmp";
-constexpr mode_t kMode = 0644;
-
-/** A new file beside a path, removed again unless it has taken the path's place. */
-class Draft {
-public:
-	explicit Draft(const std::filesystem::path& path)
-	    : path_(path), name_(path.parent_path() / ("." + path.filename().string() + ".XXXXXX" + kSuffix)) {
-		fd_ = mkostemps(name_.data(), static_cast<int>(std::strlen(kSuffix)), O_CLOEXEC);
-		Check(fd_ >= 0);
-	}
-	~Draft() {
-		if (fd_ >= 0) {
-			close(fd_);
-		}
-		if (!name_.empty()) {
-			unlink(name_.c_str());
-		}
-	}
-	Draft(const Draft&) = delete;
-	Draft& operator=(const Draft&) = delete;
-
-	void Write(const std::string& content) {
-		for (size_t done = 0; done < content.size();) {
-			const ssize_t count = write(fd_, content.data() + done, content.size() - done);
-			Check(count >= 0 || errno == EINTR);
-			done += count > 0 ? static_cast<size_t>(count) : 0;
-		}
-	}
-	void TakePlace() {
-		Check(fchmod(fd_, kMode) == 0 && fsync(fd_) == 0 && std::rename(name_.c_str(), path_.c_str()) == 0);
-		name_.clear();
-	}
-
-private:
-	void Check(bool good) const {
-		if (!good) {
-			throw Error("The file " + path_ + " cannot be written (" + std::strerror(errno) + ")");
-		}
-	}
-
-	std::string path_;
-	std::string name_;
-	int fd_ = -1;
-};
+Draft CreateBeside(const std::filesystem::path& path) {
+	constexpr char kSuffix[] = ".tmp";
+	std::string name = path.parent_path() / ("." + path.filename().string() + ".XXXXXX" + kSuffix);
+	UniqueFd fd(mkostemps(name.data(), static_cast<int>(std::strlen(kSuffix)), O_CLOEXEC));
+	return {std::move(fd), name};
+}
 
 } // namespace
 
+Draft& Draft::operator=(Draft&& other) noexcept {
+	std::swap(fd_, other.fd_);
+	std::swap(name_, other.name_);
+	return *this;
+}
+
+Draft::~Draft() {
+	if (fd_ && !name_.empty()) {
+		unlink(name_.c_str());
+	}
+}
+
+bool Draft::TakePlace(const std::string& path) {
+	if (std::rename(name_.c_str(), path.c_str()) != 0) {
+		return false;
+	}
+	Keep();
+	return true;
+}
+
+Draft CreateDraft(const std::string& name, mode_t mode) {
+	return {UniqueFd(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode)), name};
+}
+
+bool SyncDirectory(const std::string& path) {
+	const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	return directory && fsync(directory.Get()) == 0;
+}
+
 void WriteWholeFile(const std::string& path, const std::string& content) {
-	Draft draft(path);
-	draft.Write(content);
-	draft.TakePlace();
+	constexpr mode_t kMode = 0644;
+	Draft draft = CreateBeside(path);
+	const bool is_written = draft && WriteAll(draft.Fd(), content.data(), content.size()) &&
+	                        fchmod(draft.Fd(), kMode) == 0 && fsync(draft.Fd()) == 0 && draft.TakePlace(path);
+	if (!is_written) {
+		throw Error("The file " + path + " cannot be written (" + std::strerror(errno) + ")");
+	}
 }
 
 } // namespace tarn

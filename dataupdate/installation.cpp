@@ -1,6 +1,6 @@
 #include "dataupdate/installation.h"
 
-#include "base/unique_fd.h"
+#include "base/whole_file.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
@@ -27,11 +27,6 @@ bool MayExist(const std::string& path) {
 	return fs::symlink_status(path, ignored).type() != fs::file_not_found;
 }
 
-bool SyncDirectory(const fs::path& path) {
-	const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	return directory.Get() >= 0 && fsync(directory.Get()) == 0;
-}
-
 bool SyncRecord(const std::string& path) {
 	const UniqueFd record(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 	// A host may keep its records elsewhere.
@@ -41,8 +36,8 @@ bool SyncRecord(const std::string& path) {
 bool CreateDurably(const fs::path& path) {
 	const UniqueFd mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
 	// The database's directory may be new as well.
-	return mark.Get() >= 0 && fsync(mark.Get()) == 0 && SyncDirectory(path.parent_path()) &&
-	       SyncDirectory(path.parent_path().parent_path());
+	return mark.Get() >= 0 && fsync(mark.Get()) == 0 && SyncDirectory(path.parent_path().string()) &&
+	       SyncDirectory(path.parent_path().parent_path().string());
 }
 
 void SetMark(const fs::path& path) {

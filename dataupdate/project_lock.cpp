@@ -1,5 +1,6 @@
 #include "dataupdate/project_lock.h"
 
+#include "base/unique_fd.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/lock_poll.h"
 #include "dataupdate/internal/log.h"
@@ -39,17 +40,16 @@ bool IsLocked(const std::string& path) {
 }
 
 int LockShared(const std::string& path, LockWait wait) {
-	const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-	if (fd < 0) {
+	UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	if (!fd) {
 		TARN_LOG(LOG_ERR, "Failed to open lock file: %s", path.c_str());
 		return -2;
 	}
-	if (!wait.Lock(fd, LOCK_SH)) {
+	if (!wait.Lock(fd.Get(), LOCK_SH)) {
 		TARN_LOG(LOG_ERR, "Get file lock timeout.");
-		close(fd);
 		return -1;
 	}
-	return fd;
+	return fd.Release();
 }
 
 } // namespace

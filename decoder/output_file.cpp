@@ -6,9 +6,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <random>
 
 namespace tarn::vcdiff {
@@ -50,15 +50,9 @@ void RequireFileOrNothing(const std::string& path) {
 
 OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
 	RequireFileOrNothing(path_);
-	fd_ = OpenNameless(DirectoryOf(path_));
-	if (!fd_) {
-		OpenNamed();
-	}
-}
-
-OutputFile::~OutputFile() {
-	if (!temporary_.empty()) {
-		unlink(temporary_.c_str());
+	draft_ = Draft(OpenNameless(DirectoryOf(path_)), "");
+	if (!draft_) {
+		CreateNamed();
 	}
 }
 
@@ -72,12 +66,10 @@ std::string OutputFile::DrawTemporaryName() const {
 	       std::to_string(chance()) + ".part";
 }
 
-void OutputFile::OpenNamed() {
+void OutputFile::CreateNamed() {
 	for (unsigned tries = 0; tries < kNamesToTry; ++tries) {
-		const std::string name = DrawTemporaryName();
-		fd_ = UniqueFd(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
-		if (fd_) {
-			temporary_ = name;
+		draft_ = CreateDraft(DrawTemporaryName(), kMode);
+		if (draft_) {
 			return;
 		}
 		if (errno != EEXIST) {
@@ -88,18 +80,18 @@ void OutputFile::OpenNamed() {
 }
 
 void OutputFile::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const {
-	ReadFileAt(fd_.Get(), path_, offset, to, length);
+	ReadFileAt(draft_.Fd(), path_, offset, to, length);
 }
 
 void OutputFile::Append(const Byte* from, std::size_t length) {
-	if (!WriteAll(fd_.Get(), from, length)) {
+	if (!WriteAll(draft_.Fd(), from, length)) {
 		FailWithErrno(path_, "written");
 	}
 	size_ += length;
 }
 
 bool OutputFile::Link(const std::string& name) const {
-	if (linkat(AT_FDCWD, DescriptorPath(fd_.Get()).c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+	if (linkat(AT_FDCWD, DescriptorPath(draft_.Fd()).c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
 		return true;
 	}
 	if (errno != EEXIST) {
@@ -112,7 +104,7 @@ void OutputFile::LinkTemporary() {
 	for (unsigned tries = 0; tries < kNamesToTry; ++tries) {
 		const std::string name = DrawTemporaryName();
 		if (Link(name)) {
-			temporary_ = name;
+			draft_.SetName(name);
 			return;
 		}
 	}
@@ -120,17 +112,16 @@ void OutputFile::LinkTemporary() {
 }
 
 void OutputFile::Commit() {
-	if (temporary_.empty()) {
+	if (draft_.Name().empty()) {
 		if (Link(path_)) {
 			return;
 		}
 		// A second name cannot be made over the first of another file; only renaming replaces.
 		LinkTemporary();
 	}
-	if (rename(temporary_.c_str(), path_.c_str()) != 0) {
+	if (!draft_.TakePlace(path_)) {
 		FailWithErrno(path_, "put in place");
 	}
-	temporary_.clear();
 }
 
 } // namespace tarn::vcdiff

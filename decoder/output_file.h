@@ -1,7 +1,7 @@
 #ifndef DECODER_OUTPUT_FILE_H
 #define DECODER_OUTPUT_FILE_H
 
-#include "base/unique_fd.h"
+#include "base/whole_file.h"
 #include "decoder/bytes.h"
 
 #include <string>
@@ -10,15 +10,13 @@ namespace tarn::vcdiff {
 
 /**
  * A file that appears under its name whole or not at all. Until Commit() it has no name where the file system allows
- * that, so that a killed process leaves nothing behind; elsewhere a name of its own beside the other one.
+ * that, so that a killed process leaves nothing behind; elsewhere a name of its own beside the other one. Without
+ * Commit() nothing stays, and a file that had the name before is untouched.
  */
 class OutputFile : public GrowingBytes {
 public:
 	/** Throws DecodeError when the path is taken by something else than a regular file, or cannot be written. */
 	explicit OutputFile(std::string path);
-	/** Without Commit() nothing stays, and a file that had the name before is untouched. */
-	~OutputFile() override;
-
 	const std::string& Name() const override { return path_; }
 	std::uint64_t Size() const override { return size_; }
 	void ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const override;
@@ -28,15 +26,14 @@ public:
 	void Commit();
 
 private:
-	void OpenNamed();
+	void CreateNamed();
 	/** Gives the nameless file a name; false when that is taken. */
 	bool Link(const std::string& name) const;
 	void LinkTemporary();
 	std::string DrawTemporaryName() const;
 
 	std::string path_;
-	std::string temporary_; // empty while the file has no name
-	UniqueFd fd_;
+	Draft draft_;
 	std::uint64_t size_ = 0;
 };
 

@@ -65,7 +65,7 @@ void RunProgram(const std::string& path, const std::vector<std::string>& argumen
 	const UniqueFd out = OutputFile(output);
 	const UniqueFd err = OutputFile(errors);
 	program.streams = {process::kNullStream, out.Get(), err.Get()};
-	program.dies_with_caller = true;
+	program.death_signal = SIGKILL;
 	pid_t child = -1;
 	int status = 0;
 	int failure = process::Start(program, child);

@@ -3,11 +3,10 @@
 #include "base/text.h"
 #include "publisher/publish_error.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 
 namespace tarn::publisher {
@@ -21,13 +20,6 @@ constexpr mode_t kServedMode = 0644; // a web server reads it, whatever the publ
 
 [[noreturn]] void Fail(const std::string& path, const std::string& what) {
 	throw PublishError(ErrnoText(path + " could not be " + what, errno) + ".");
-}
-
-void SyncDirectory(const fs::path& directory) {
-	const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	if (!fd || fsync(fd.Get()) != 0) {
-		Fail(directory.string(), "synced");
-	}
 }
 
 } // namespace
@@ -47,35 +39,31 @@ void MakeServedDirectories(const std::string& directory) {
 ReplacingFile::ReplacingFile(std::string path) : path_(std::move(path)) {
 	const fs::path target(path_);
 	MakeServedDirectories(target.parent_path().string());
-	temporary_ = (target.parent_path() / (kTemporaryPrefix + target.filename().string() + ".part")).string();
-	fd_ = UniqueFd(open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kServedMode));
-	if (!fd_) {
-		Fail(temporary_, "created");
+	const std::string temporary =
+	    (target.parent_path() / (kTemporaryPrefix + target.filename().string() + ".part")).string();
+	draft_ = CreateDraft(temporary, kServedMode);
+	if (!draft_) {
+		Fail(temporary, "created");
 	}
-	if (fchmod(fd_.Get(), kServedMode) != 0) {
-		Fail(temporary_, "made readable");
-	}
-}
-
-ReplacingFile::~ReplacingFile() {
-	if (!committed_) {
-		unlink(temporary_.c_str());
+	if (fchmod(draft_.Fd(), kServedMode) != 0) {
+		Fail(temporary, "made readable");
 	}
 }
 
 void ReplacingFile::Commit() {
-	if (fsync(fd_.Get()) != 0) {
+	if (fsync(draft_.Fd()) != 0) {
 		Fail(path_, "synced");
 	}
-	if (rename(temporary_.c_str(), path_.c_str()) != 0) {
+	if (!draft_.TakePlace(path_)) {
 		Fail(path_, "put in place");
 	}
-	committed_ = true;
 	const fs::path directory = fs::path(path_).parent_path();
-	SyncDirectory(directory);
 	// The entry of a directory made just now is durable only when its own parent is.
-	SyncDirectory(directory / "..");
-	SyncDirectory(directory / ".." / "..");
+	for (const fs::path& changed : {directory, directory / "..", directory / ".." / ".."}) {
+		if (!SyncDirectory(changed)) {
+			Fail(changed.string(), "synced");
+		}
+	}
 }
 
 void RemoveLeftovers(const std::string& directory) {

@@ -1,7 +1,7 @@
 #ifndef PUBLISHER_REPLACING_FILE_H
 #define PUBLISHER_REPLACING_FILE_H
 
-#include "base/unique_fd.h"
+#include "base/whole_file.h"
 
 #include <string>
 
@@ -15,20 +15,15 @@ class ReplacingFile {
 public:
 	/** Creates the temporary file, and the directories above it; throws PublishError. */
 	explicit ReplacingFile(std::string path);
-	ReplacingFile(const ReplacingFile&) = delete;
-	ReplacingFile& operator=(const ReplacingFile&) = delete;
-	~ReplacingFile();
 
-	int Fd() const { return fd_.Get(); }
-	const std::string& TemporaryPath() const { return temporary_; }
+	int Fd() const { return draft_.Fd(); }
+	const std::string& TemporaryPath() const { return draft_.Name(); }
 	/** Puts the file in place and makes that durable; throws PublishError. */
 	void Commit();
 
 private:
 	std::string path_;
-	std::string temporary_;
-	UniqueFd fd_;
-	bool committed_ = false;
+	Draft draft_;
 };
 
 /**

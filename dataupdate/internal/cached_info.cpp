@@ -1,5 +1,6 @@
 #include "dataupdate/internal/cached_info.h"
 
+#include "base/unique_fd.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
@@ -27,10 +28,7 @@ void StartAge(const char* path) {
  * needs no more care than that: without it, as before the first fetch, the age alone decides.
  */
 void MarkFetch() {
-	const int fd = open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-	if (fd >= 0) {
-		close(fd);
-	}
+	const UniqueFd mark(open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
 }
 
 bool IsFetchUnfinished() {

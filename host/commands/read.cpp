@@ -1,15 +1,24 @@
+#include "base/file_io.h"
+#include "base/process.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/update_error.h"
-#include "host/commands/child_command.h"
 #include "host/commands/commands.h"
 #include "host/library/databases.h"
+#include "host/library/failure.h"
+#include "host/library/interruption_watch.h"
 #include "host/library/reader_lock.h"
+#include "host/own_umask.h"
 
 #include <CLI/CLI.hpp>
 
+#include <sys/wait.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -73,6 +82,49 @@ std::unique_ptr<ReaderLock> TakeLockOnWhole(const Services& services, const Opti
 	}
 }
 
+/** Waits without reaping, so that the child's number stays its own as long as signals are passed on to it. */
+void AwaitEnd(pid_t child) {
+	const SignalForwarding forwarding(child);
+	if (dataupdate::IsInterruptionRequested()) {
+		kill(child, SIGTERM); // The request came when there was no child yet.
+	}
+	siginfo_t info = {};
+	RetryOnInterrupt([&] { return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT); });
+}
+
+/**
+ * Runs a command, found along PATH, with this program's streams and environment and none of its other descriptors, and
+ * waits for it. Returns its exit status, or 128 plus the signal that ended it; 127 or 126 when it is missing or cannot
+ * be executed, after a sentence on the error stream. Signals that only this program gets are passed on, and the command
+ * is asked to end (SIGTERM) when this program is killed.
+ */
+ExitCode RunChild(const std::vector<std::string>& command, Terminal& terminal) {
+	process::Program program;
+	program.path = command.front();
+	program.search_path = true;
+	program.arguments = {command.begin() + 1, command.end()};
+	program.close_descriptors = false; // Those of this program close themselves, those of its caller are the command's.
+	program.reset_signals = false;
+	program.signal_mask = MaskForChild();
+	program.death_signal = SIGTERM;
+	program.umask = CallersUmask();
+	pid_t child = -1;
+	if (const int error = process::Start(program, child); error != 0) {
+		if (child < 0) {
+			throw CommandError(kFailed, std::string("No process could be started (") + std::strerror(error) + ")");
+		}
+		terminal.Complain(program.path + " cannot be executed: " +
+		                  (error == ENOENT ? "there is no such program." : "it is no program that may be run here."));
+		return error == ENOENT ? kNotFound : kNotExecutable;
+	}
+	AwaitEnd(child);
+	int status = 0;
+	if (const int error = process::Wait(child, status); error != 0) {
+		throw CommandError(kFailed, std::string("The command's end was lost (") + std::strerror(error) + ")");
+	}
+	return static_cast<ExitCode>(WIFEXITED(status) ? WEXITSTATUS(status) : kSignalBase + WTERMSIG(status));
+}
+
 } // namespace
 
 void DeclareRead(CLI::App& app, Options& options) {
@@ -86,7 +138,7 @@ ExitCode RunRead(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const std::unique_ptr<ReaderLock> lock = TakeLockOnWhole(services, options);
 	RequireNotInterrupted();
-	return RunChildCommand(options.command);
+	return RunChild(options.command, services.terminal);
 }
 
 } // namespace tarn::ctl

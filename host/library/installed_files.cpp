@@ -1,7 +1,6 @@
 #include "host/library/installed_files.h"
 
 #include "base/text.h"
-#include "base/unique_fd.h"
 #include "base/whole_file.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
@@ -11,7 +10,6 @@
 #include <json/value.h>
 #include <json/writer.h>
 
-#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -122,8 +120,7 @@ void DropInstalledFiles(const std::string& id) {
 		}
 		return;
 	}
-	const UniqueFd directory(open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	if (!directory || fsync(directory.Get()) != 0) {
+	if (!SyncDirectory(path.parent_path())) {
 		syslog(LOG_WARNING, "%s cannot be removed (%s)", path.c_str(), std::strerror(errno));
 	}
 }

@@ -125,13 +125,13 @@ SignalForwarding::~SignalForwarding() {
 	forward_to = 0;
 }
 
-void UnblockWatchedSignals() {
-	sigset_t watched;
-	sigemptyset(&watched);
+sigset_t MaskForChild() {
+	sigset_t mask;
+	pthread_sigmask(SIG_SETMASK, nullptr, &mask);
 	for (const int number : kSignals) {
-		sigaddset(&watched, number);
+		sigdelset(&mask, number);
 	}
-	sigprocmask(SIG_UNBLOCK, &watched, nullptr);
+	return mask;
 }
 
 } // namespace tarn::ctl

@@ -50,8 +50,8 @@ public:
 	SignalForwarding& operator=(const SignalForwarding&) = delete;
 };
 
-/** The signals that the watch takes, unblocked again: for a child between fork and exec. */
-void UnblockWatchedSignals();
+/** What is blocked in this thread without the signals that the watch takes: for a child. */
+sigset_t MaskForChild();
 
 } // namespace tarn::ctl
 

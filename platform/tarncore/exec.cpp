@@ -25,7 +25,7 @@ Program MakeProgram(const char* path, unsigned int options) {
 	program.close_descriptors = (options & TLIBC_EXEC_CLOSE_FDS) != 0;
 	program.new_group = (options & TLIBC_EXEC_NEW_GROUP) != 0;
 	program.reset_signals = (options & TLIBC_EXEC_KEEP_SIGNALS) == 0;
-	program.dies_with_caller = (options & TLIBC_EXEC_WAIT) != 0;
+	program.death_signal = (options & TLIBC_EXEC_WAIT) != 0 ? SIGKILL : 0;
 	constexpr std::array<unsigned int, 3> kNullOptions = {
 	    TLIBC_EXEC_STDIN_NULL, TLIBC_EXEC_STDOUT_NULL, TLIBC_EXEC_STDERR_NULL};
 	for (size_t i = 0; i < program.streams.size(); ++i) {

@@ -1,5 +1,4 @@
 #include "base/error.h"
-#include "base/whole_file.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
@@ -42,25 +41,6 @@ TEST(MetricsTest, EscapesLabels) {
 	Metrics metrics;
 	metrics.Add("a", "h", {{"x", "q\"b\\n\n"}}, -1);
 	EXPECT_THAT(metrics.Text(), HasSubstr("a{x=\"q\\\"b\\\\n\\n\"} -1\n"));
-}
-
-TEST(WholeFileTest, ReplacesAFileAsAWhole) {
-	const test::TemporaryDirectory directory;
-	WriteFile(directory / "file", "old");
-	WriteWholeFile(directory / "file", "new");
-	EXPECT_EQ(ReadFile(directory / "file"), "new");
-	struct stat status {};
-	ASSERT_EQ(stat((directory / "file").c_str(), &status), 0);
-	EXPECT_EQ(status.st_mode & 07777U, 0644U);
-	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 1);
-}
-
-TEST(WholeFileTest, LeavesNothingBesideAFileThatCannotBeReplaced) {
-	const test::TemporaryDirectory directory;
-	std::filesystem::create_directory(directory / "file");
-	EXPECT_THROW(WriteWholeFile(directory / "file", "new"), Error);
-	EXPECT_THROW(WriteWholeFile(directory / "missing/file", "new"), Error);
-	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 1);
 }
 
 class MetricsCommandTest : public test::FixedPathsTest {

@@ -1,6 +1,6 @@
 #include "dataupdate/file_lock.h"
-#include "host/commands/child_command.h"
 #include "host/library/failure.h"
+#include "host/own_umask.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
@@ -22,17 +22,6 @@ using testing::HasSubstr;
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 
-TEST(ChildCommandTest, EndsAsTheCommandEnds) {
-	EXPECT_EQ(RunChildCommand({"true"}), 0);
-	EXPECT_EQ(RunChildCommand({"sh", "-c", "exit 75"}), 75);
-	EXPECT_EQ(RunChildCommand({"sh", "-c", "kill -USR1 $$"}), 128 + SIGUSR1);
-}
-
-TEST(ChildCommandTest, TellsAMissingCommandFromOneThatCannotBeExecuted) {
-	EXPECT_EQ(RunChildCommand({"no-such-program-anywhere"}), 127);
-	EXPECT_EQ(RunChildCommand({"/"}), 126);
-}
-
 class ReadCommandTest : public test::FixedPathsTest {
 protected:
 	void SetUp() override {
@@ -45,11 +34,14 @@ protected:
 		doubles_.Install(4);
 	}
 	ExitCode Run(const std::string& script, const std::string& id = "geo") {
+		return RunCommand({"sh", "-c", script, directory_.Path()}, id);
+	}
+	ExitCode RunCommand(const std::vector<std::string>& command, const std::string& id = "geo") {
 		Options options;
 		options.id = id;
 		options.timeout_seconds = timeout_seconds_;
 		options.even_unfinished = even_unfinished_;
-		options.command = {"sh", "-c", script, directory_.Path()};
+		options.command = command;
 		return RunRead(doubles_.services, options);
 	}
 	/** The code of a run that fails, with its sentence. */
@@ -72,6 +64,28 @@ protected:
 	unsigned long timeout_seconds_ = 0;
 	bool even_unfinished_ = false;
 };
+
+TEST_F(ReadCommandTest, EndsAsTheCommandEnds) {
+	EXPECT_EQ(RunCommand({"true"}), 0);
+	EXPECT_EQ(Run("exit 75"), 75);
+	EXPECT_EQ(Run("kill -USR1 $$"), 128 + SIGUSR1);
+}
+
+TEST_F(ReadCommandTest, TellsAMissingCommandFromOneThatCannotBeExecuted) {
+	EXPECT_EQ(RunCommand({"no-such-program-anywhere"}), 127);
+	EXPECT_EQ(RunCommand({"/"}), 126);
+	EXPECT_EQ(doubles_.err.str(),
+	    "tarndbudctl: no-such-program-anywhere cannot be executed: there is no such program.\n"
+	    "tarndbudctl: / cannot be executed: it is no program that may be run here.\n");
+}
+
+TEST_F(ReadCommandTest, RunsTheCommandWithTheCallersMaskOfFileModes) {
+	const mode_t before = umask(027);
+	SetOwnUmask();
+	EXPECT_EQ(Run("umask > $0/umask"), 0);
+	EXPECT_EQ(umask(before), 022U);
+	EXPECT_EQ(ReadFile(directory_ / "umask"), "0027\n");
+}
 
 TEST_F(ReadCommandTest, HoldsTheLockWhileTheCommandRuns) {
 	EXPECT_EQ(Run("flock --exclusive --nonblock /run/data_update/using_geo.lock true"), 1);

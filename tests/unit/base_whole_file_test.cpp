@@ -1,0 +1,83 @@
+#include "base/error.h"
+#include "base/whole_file.h"
+#include "temporary_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+
+namespace tarn {
+namespace {
+
+using test::EntriesBelow;
+using test::ReadFile;
+using test::WriteFile;
+
+class WholeFileTest : public testing::Test {
+protected:
+	std::size_t Entries() const { return EntriesBelow(directory_.Path()).size(); }
+
+	test::TemporaryDirectory directory_;
+	std::string path_ = directory_ / "file";
+};
+
+TEST_F(WholeFileTest, ReplacesAFileAsAWhole) {
+	WriteFile(path_, "old");
+	WriteWholeFile(path_, "new");
+	EXPECT_EQ(ReadFile(path_), "new");
+	struct stat status {};
+	ASSERT_EQ(stat(path_.c_str(), &status), 0);
+	EXPECT_EQ(status.st_mode & 07777U, 0644U);
+	EXPECT_EQ(Entries(), 1U);
+}
+
+TEST_F(WholeFileTest, LeavesNothingBesideAFileThatCannotBeReplaced) {
+	std::filesystem::create_directory(path_);
+	EXPECT_THROW(WriteWholeFile(path_, "new"), Error);
+	EXPECT_THROW(WriteWholeFile(directory_ / "missing/file", "new"), Error);
+	EXPECT_EQ(Entries(), 1U);
+}
+
+TEST_F(WholeFileTest, RemovesADraftThatTookNoPlace) {
+	{
+		const Draft draft = CreateDraft(path_, 0600);
+		ASSERT_TRUE(draft);
+		EXPECT_EQ(Entries(), 1U);
+	}
+	EXPECT_EQ(Entries(), 0U);
+}
+
+TEST_F(WholeFileTest, KeepsADraftThatIsToStay) {
+	CreateDraft(path_, 0600).Keep();
+	EXPECT_EQ(Entries(), 1U);
+}
+
+TEST_F(WholeFileTest, RemovesTheDraftThatAnotherReplaces) {
+	Draft draft = CreateDraft(directory_ / "first", 0600);
+	draft = CreateDraft(directory_ / "second", 0600);
+	EXPECT_FALSE(std::filesystem::exists(directory_ / "first"));
+	EXPECT_TRUE(std::filesystem::exists(directory_ / "second"));
+}
+
+TEST_F(WholeFileTest, LeavesAloneAFileThatItDidNotMake) {
+	WriteFile(path_, "old");
+	{
+		const Draft draft = CreateDraft(path_, 0600);
+		EXPECT_EQ(errno, EEXIST);
+		EXPECT_FALSE(draft);
+	}
+	EXPECT_EQ(ReadFile(path_), "old");
+}
+
+TEST_F(WholeFileTest, TellsOfADirectoryThatCannotBeSynced) {
+	EXPECT_TRUE(SyncDirectory(directory_.Path()));
+	EXPECT_FALSE(SyncDirectory(directory_ / "missing"));
+	EXPECT_EQ(errno, ENOENT);
+}
+
+} // namespace
+} // namespace tarn
