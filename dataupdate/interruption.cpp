@@ -1,5 +1,6 @@
 #include "dataupdate/interruption.h"
 
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 

@@ -22,11 +22,6 @@ TARNDBUD_EXPORT bool IsInterruptionRequested() noexcept;
 /** For a host that goes on afterwards. */
 TARNDBUD_EXPORT void ForgetInterruption() noexcept;
 
-/** Whether an operation may end now and has been asked to. */
-bool IsInterrupted() noexcept;
-/** Throws UpdateError "Interrupted" if so. */
-void InterruptionPoint();
-
 /** Keeps operations from ending early for as long as it lives; a request waits. Shields may be nested. */
 class TARNDBUD_EXPORT InterruptionShield {
 public:

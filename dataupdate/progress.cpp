@@ -1,6 +1,6 @@
 #include "dataupdate/progress.h"
 
-#include "dataupdate/interruption.h"
+#include "dataupdate/internal/activity.h"
 
 #include <mutex>
 #include <utility>

@@ -30,26 +30,6 @@ TARNDBUD_EXPORT Activity CurrentActivity();
 /** Bytes of all files that this process has downloaded whole. */
 TARNDBUD_EXPORT uint64_t DownloadedBytes();
 
-/**
- * Marks an activity from construction to destruction; the one before is current again afterwards. Throws UpdateError
- * "Interrupted" in the place of an activity that would only have to be ended.
- */
-class ActivityScope {
-public:
-	ActivityScope(Phase phase, const std::string& path);
-	~ActivityScope();
-	ActivityScope(const ActivityScope&) = delete;
-	ActivityScope& operator=(const ActivityScope&) = delete;
-
-private:
-	Activity outer_;
-};
-
-/** Counts bytes of the current activity. */
-void AddActivityBytes(uint64_t bytes);
-/** Counts bytes of a file that has been downloaded. */
-void AddDownloadedBytes(uint64_t bytes);
-
 } // namespace tarn::dataupdate
 
 #endif

@@ -2,7 +2,7 @@
 
 #include "base/unique_fd.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/lock_poll.h"
+#include "dataupdate/internal/lock_wait.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"

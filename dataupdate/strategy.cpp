@@ -1,14 +1,20 @@
 #include "dataupdate/strategy.h"
 
+#include "dataupdate/file_lock.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
-#include "dataupdate/internal/extract_package.h"
+#include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
+#include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
-#include "dataupdate/progress.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 
 #include <tarncodesign/tarncodesign.h>
+
+#include <boost/filesystem.hpp>
 
 #include <memory>
 
@@ -28,6 +34,47 @@ struct ArchiveCloser {
 }
 
 } // namespace
+
+std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix) {
+	return TempDirPath(volume) + "/" + id + "_" + suffix;
+}
+
+void MakeEmptyDirectory(const std::string& path) {
+	const IOUtils io;
+	io.RmRf(path);
+	io.TarnMkdir(path);
+}
+
+void RemoveLink(const std::string& path) {
+	boost::system::error_code ignored;
+	if (boost::filesystem::is_symlink(boost::filesystem::symlink_status(path, ignored))) {
+		IOUtils().RmRf(path);
+	}
+}
+
+void CleanTarball(const std::string& path) noexcept {
+	try {
+		RemoveFile(path);
+	} catch (const std::exception& error) {
+		TARN_LOG(LOG_ERR, "Failed to clean tarball '%s': %s", path.c_str(), error.what());
+	}
+}
+
+void CleanTmpData(const std::string& path) noexcept {
+	try {
+		IOUtils().RmRf(path);
+	} catch (const std::exception& error) {
+		TARN_LOG(LOG_ERR, "Failed to clean tmp data: %s", error.what());
+	}
+}
+
+void ClearTmpData(const std::string& path) noexcept {
+	try {
+		IOUtils().RmRf(path);
+	} catch (const std::exception& error) {
+		TARN_LOG(LOG_ERR, "Failed to clear tmp data: %s", error.what());
+	}
+}
 
 BaseStrategy::~BaseStrategy() = default;
 
@@ -73,6 +120,35 @@ void ExtractPackage(
 	before_first_change();
 	if (!tarnarchive_extract_multiple(archive.get(), nullptr, TARNARCHIVE_EXTRACT_ALL)) {
 		ThrowArchiveFailure(messages::kCannotExtract, tarball);
+	}
+}
+
+ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string& link, const std::string& volume,
+    const std::string& installPrefix, const std::string& rootDirectory)
+    : id_(id), link_(link), temp_base_(volume), install_directory_(installPrefix), root_directory_(rootDirectory) {}
+
+ForceInstallByLink::~ForceInstallByLink() {
+	if (!package_path_.empty()) {
+		CleanTarball(package_path_);
+	}
+	CleanTmpData(TempDirPath(temp_base_));
+}
+
+void ForceInstallByLink::PrepareUpdate() {
+	const IOUtils io;
+	package_path_ = TempPath(temp_base_, id_, "debug");
+	io.TarnMkdir(TempDirPath(temp_base_));
+	RemoveLink(package_path_);
+	io.Download(package_path_, link_);
+	io.TarnMkdir(install_directory_);
+}
+
+void ForceInstallByLink::ApplyUpdate() {
+	try {
+		const FileLock lock(UsingLockPath(id_), kLockTimeout);
+		ExtractPackage(package_path_, install_directory_, [this] { AnnounceReplacement(id_); });
+	} catch (const std::exception& error) {
+		throw UpdateError(std::string(messages::kForceInstall) + error.what());
 	}
 }
 

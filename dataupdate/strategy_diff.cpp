@@ -1,13 +1,12 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/log.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/patch_conflicts.h"
 #include "dataupdate/internal/patch_names.h"
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"
-#include "dataupdate/internal/temp_data.h"
+#include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
-#include "dataupdate/progress.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
@@ -22,7 +21,6 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-constexpr char kLogSource[] = "strategy";
 constexpr char kVcdiffDecoder[] = "/usr/tarn/sbin/tarndbudvcdiff";
 
 void RunDecoder(const std::string& source, const std::string& output, const std::string& patch) {
@@ -40,14 +38,6 @@ std::map<std::string, std::string> KnownDigests(const DatabaseStatus& status, co
 		digests.emplace(JoinPath(install_directory, is_relative ? PlainName(name) : name), file.sha384_digest);
 	}
 	return digests;
-}
-
-void ClearTmpData(const std::string& path) noexcept {
-	try {
-		IOUtils().RmRf(path);
-	} catch (const std::exception& error) {
-		TARN_LOG(LOG_ERR, "Failed to clear tmp data: %s", error.what());
-	}
 }
 
 } // namespace

@@ -1,11 +1,10 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/canonical_path.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/replacement_scope.h"
-#include "dataupdate/internal/temp_data.h"
+#include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
-#include "dataupdate/progress.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
@@ -20,6 +19,11 @@ namespace tarn::dataupdate {
 namespace fs = boost::filesystem;
 
 namespace {
+
+/** Boost asks for the working directory in any case, which fails where that has been removed. */
+fs::path CanonicalPath(const fs::path& path) {
+	return path.is_absolute() ? fs::canonical(path, "/") : fs::canonical(path);
+}
 
 /** The canonical form of a path; an entry that is no link shares its directory's, which is cheaper to find out once. */
 class Canonicalizer {

@@ -1,11 +1,11 @@
 #include "dataupdate/updater.h"
 
 #include "dataupdate/hook.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/patch_names.h"
-#include "dataupdate/interruption.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 

@@ -1,12 +1,12 @@
 #include "dataupdate/utils.h"
 
 #include "base/unique_fd.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/directory_entries.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/remove_tree.h"
 #include "dataupdate/messages.h"
-#include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 
 #include <tarncore/tarncore.h>

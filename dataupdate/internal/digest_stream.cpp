@@ -1,14 +1,21 @@
+// The digest functions are deprecated in favour of an interface that fetches them by name at run time.
+#define OPENSSL_API_COMPAT 0x10101000L
+
 #include "dataupdate/internal/digest_stream.h"
 
 #include "base/file_io.h"
-#include "dataupdate/interruption.h"
-#include "dataupdate/progress.h"
+#include "base/text.h"
+#include "dataupdate/internal/activity.h"
+#include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
+
+#include <openssl/sha.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <system_error>
 
@@ -16,7 +23,7 @@ namespace tarn::dataupdate {
 
 namespace {
 
-constexpr size_t kBlockBytes = 256UL * 1024;
+constexpr std::size_t kBlockBytes = 256UL * 1024;
 
 } // namespace
 
@@ -57,6 +64,25 @@ DigestStream::DigestStream(const std::string& path) : std::istream(nullptr) {
 	if (!buffer_.Open(path)) {
 		setstate(failbit);
 	}
+}
+
+std::string GetSha384(std::istream& in) {
+	SHA512_CTX context;
+	SHA384_Init(&context);
+	std::vector<char> block(64UL * 1024);
+	while (in.good()) {
+		const std::streamsize count = in.readsome(block.data(), static_cast<std::streamsize>(block.size()));
+		if (in.fail()) {
+			throw UpdateError("Fail during reading for SHA digest");
+		}
+		if (count == 0) {
+			break;
+		}
+		SHA384_Update(&context, block.data(), static_cast<std::size_t>(count));
+	}
+	std::array<unsigned char, SHA384_DIGEST_LENGTH> digest{};
+	SHA384_Final(digest.data(), &context);
+	return Hex(digest.data(), digest.size());
 }
 
 std::string FileSha384(const std::string& path) {

@@ -1,7 +1,7 @@
 #include "dataupdate/internal/file_copy.h"
 
 #include "base/file_io.h"
-#include "dataupdate/progress.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/utils.h"
 
 #include <boost/filesystem.hpp>

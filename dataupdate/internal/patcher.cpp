@@ -1,11 +1,11 @@
 #include "dataupdate/internal/patcher.h"
 
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patch_names.h"
 #include "dataupdate/internal/sql_script.h"
-#include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 

@@ -12,9 +12,13 @@ namespace tarn::dataupdate {
 
 namespace {
 
-constexpr char kLogSource[] = "update";
+constexpr char kLogSource[] = "replacement_scope.cpp";
 
-/** A host's own Updater may run a strategy in another thread than the one that opened the scope. */
+/**
+ * Known to the whole process, because a strategy cannot be handed its scope: Updater::Update(), which hosts override,
+ * and the strategies' constructors, which such an override calls, have a fixed interface. An override may also run the
+ * strategy in another thread than the one that opened the scope.
+ */
 struct OpenScopes {
 	std::mutex mutex;
 	std::set<ReplacementScope*> scopes;

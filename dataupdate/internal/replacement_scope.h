@@ -1,6 +1,6 @@
 /**
  * @file
- * What class Update does around a replacement of installed files, and strategies know nothing of.
+ * What class Update does around a replacement of installed files, without the strategies knowing of it.
  *
  * A host that calls Updater or a strategy by itself opens no scope: no mark is set for it, and it can be interrupted
  * afterwards as before.
@@ -17,8 +17,8 @@ namespace tarn::dataupdate {
 
 /**
  * From the opening until the new state of a database has been recorded. When installed files are about to change within
- * it, the mark of an unfinished replacement is set, and requests to end early wait for the scope's end. To be opened
- * and closed while the database's update lock is held.
+ * it, the mark of an unfinished replacement is set, and requests to end early wait for the scope's end. Open and close
+ * it while you hold the database's update lock.
  */
 class ReplacementScope {
 public:
@@ -39,9 +39,9 @@ private:
 };
 
 /**
- * For a strategy, under the using lock and right before it changes the first installed file; does nothing unless a
- * scope of the database is open in this process. A mark that cannot be set is logged at LOG_ERR and stops nothing: old
- * files that cannot be replaced because a state directory is full help nobody.
+ * A strategy calls this under the using lock, right before it changes the first installed file. Does nothing unless a
+ * scope of the database is open in this process. A mark that cannot be set is logged at LOG_ERR and stops nothing: a
+ * full state directory must not keep a database old.
  */
 void AnnounceReplacement(const std::string& id);
 

@@ -1,6 +1,6 @@
 /**
  * @file
- * How much a script may take of the device that executes it.
+ * What a script may do to the database that it changes, and how much it may take of the device that executes it.
  */
 #ifndef DATAUPDATE_INTERNAL_SQL_LIMITS_H
 #define DATAUPDATE_INTERNAL_SQL_LIMITS_H
@@ -36,6 +36,15 @@ public:
 	ScriptMemoryLimit(const ScriptMemoryLimit&) = delete;
 	ScriptMemoryLimit& operator=(const ScriptMemoryLimit&) = delete;
 };
+
+/**
+ * SQLite's question whether a statement of a script may be prepared. Refused is what would end the transaction, reach
+ * other files, or hold beyond the script: transactions, ATTACH, DETACH, load_extension(), fts3_tokenizer(), virtual
+ * tables of other modules than FTS3, FTS4, FTS5 and R*Tree, and pragmas that set anything but user_version,
+ * application_id, foreign_keys and defer_foreign_keys. FTS and R*Tree themselves ask pragmas.
+ */
+int AuthorizeScript(
+    void* context, int action, const char* first, const char* second, const char* database, const char* trigger);
 
 /** Sets what SQLite limits for each connection, and keeps it from leaving the database's own file. */
 void LimitConnection(sqlite3* connection);

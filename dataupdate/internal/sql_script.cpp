@@ -1,8 +1,8 @@
 #include "dataupdate/internal/sql_script.h"
 
 #include "base/sqlite_names.h"
-#include "dataupdate/internal/sql_authorizer.h"
-#include "dataupdate/interruption.h"
+#include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/sql_limits.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 

@@ -1,5 +1,5 @@
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
-#include "dataupdate/progress.h"
 #include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "fake_system.h"

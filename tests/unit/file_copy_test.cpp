@@ -1,5 +1,5 @@
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
-#include "dataupdate/progress.h"
 #include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "fake_system.h"

@@ -1,5 +1,5 @@
 #include "dataupdate/installation.h"
-#include "dataupdate/interruption.h"
+#include "dataupdate/internal/activity.h"
 #include "expect_error.h"
 #include "fake_system.h"
 #include "log_lines.h"

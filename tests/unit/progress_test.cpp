@@ -1,4 +1,4 @@
-#include "dataupdate/progress.h"
+#include "dataupdate/internal/activity.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "dataupdate/installation.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/replacement_scope.h"
-#include "dataupdate/interruption.h"
 #include "dataupdate/update.h"
 #include "expect_error.h"
 #include "fake_packages.h"
@@ -88,7 +88,7 @@ TEST_F(ReplacementScopeTest, GoesOnWithoutAMarkThatCannotBeSet) {
 	const ReplacementScope scope("geo");
 	system_.Fail("fsync", EIO);
 	AnnounceReplacement("geo");
-	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "update",
+	EXPECT_THAT(test::Lines(log_), ElementsAre(Line{LOG_ERR, "replacement_scope.cpp",
 	                                   std::string("Fail to mark replacement: ") + kMark + ": Input/output error"}));
 	RequestInterruption();
 	EXPECT_FALSE(IsInterrupted());
@@ -238,7 +238,7 @@ TEST_F(MarkedReplacementTest, GoesOnWithoutAMarkThatCannotBeSet) {
 	installed_ = 3;
 	update_.UpdateProject("geo");
 	EXPECT_EQ(ReadFile(Installed("a")), "345");
-	EXPECT_THAT(LinesOf(log_, "update"),
+	EXPECT_THAT(LinesOf(log_, "replacement_scope.cpp"),
 	    testing::Contains(testing::AllOf(testing::Field(&Line::priority, LOG_ERR),
 	        testing::Field(&Line::text, StartsWith(std::string("Fail to mark replacement: ") + kMark)))));
 }

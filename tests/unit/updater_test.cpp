@@ -1,4 +1,4 @@
-#include "dataupdate/interruption.h"
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/updater.h"
 #include "expect_error.h"
 #include "fake_packages.h"

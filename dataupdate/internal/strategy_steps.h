@@ -1,10 +1,8 @@
-/**
- * @file
- * The temporary area: what strategies leave in it and how it is cleaned.
- */
-#ifndef DATAUPDATE_INTERNAL_TEMP_DATA_H
-#define DATAUPDATE_INTERNAL_TEMP_DATA_H
+/** @file What the strategies share: the temporary area, and the unpacking of a signed package. */
+#ifndef DATAUPDATE_INTERNAL_STRATEGY_STEPS_H
+#define DATAUPDATE_INTERNAL_STRATEGY_STEPS_H
 
+#include <functional>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -29,6 +27,18 @@ void CleanTarball(const std::string& path) noexcept;
 
 /** Removes a directory with everything below it, likewise. */
 void CleanTmpData(const std::string& path) noexcept;
+
+/** Removes what a diff update left, likewise. */
+void ClearTmpData(const std::string& path) noexcept;
+
+/**
+ * Does what BaseStrategy::_ExtractTarballTo() does, and throws the same errors.
+ *
+ * @param before_first_change  called between the check of the package and the first file that is written, so that a
+ *                             refused package leaves no trace where it would have been unpacked
+ */
+void ExtractPackage(
+    const std::string& tarball, const std::string& destination, const std::function<void()>& before_first_change);
 
 } // namespace tarn::dataupdate
 

@@ -2,8 +2,8 @@
  * @file
  * Waiting for a file lock without ever blocking in the kernel, so that a deadline can be kept.
  */
-#ifndef DATAUPDATE_INTERNAL_LOCK_POLL_H
-#define DATAUPDATE_INTERNAL_LOCK_POLL_H
+#ifndef DATAUPDATE_INTERNAL_LOCK_WAIT_H
+#define DATAUPDATE_INTERNAL_LOCK_WAIT_H
 
 #include <chrono>
 
@@ -19,7 +19,7 @@ public:
 	 * Tries flock(fd, operation | LOCK_NB) every 100 ms; false when the first try at or after the deadline, or after a
 	 * request to end, failed.
 	 */
-	bool Lock(int fd, int operation);
+	[[nodiscard]] bool Lock(int fd, int operation);
 
 private:
 	std::chrono::steady_clock::time_point now_;
