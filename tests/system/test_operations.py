@@ -5,15 +5,16 @@ from __future__ import annotations
 import json
 import re
 import shutil
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from harness import programs, trees
-from harness.device import CONFIGURATION, HOOKS, KEYS, Device, empty
+from harness.device import HOOKS, KEYS, WGETRC, Device
 from harness.documents import Document
 from harness.publisher import Publisher
 from harness.volumes import Volumes
-from harness.webserver import Nginx
+from harness.webserver import TlsNginx
 
 SOURCE = Path(__file__).resolve().parents[2]
 DOCUMENT = Document(SOURCE / "docs/operations.md")
@@ -29,8 +30,7 @@ class Administrator:
         self._home = home
         assert device.volume is not None
         self._places = {
-            # The web server here is on the loopback, where http will do.
-            '"https", "db_netloc": "updates.example.org"': f'"http", "db_netloc": "{netloc}"',
+            "updates.example.org": netloc,
             "/srv/databases": str(device.volume),
             "/volume1": str(device.volume),
             "/var/lib/prometheus/node-exporter": str(home),
@@ -52,7 +52,16 @@ class Administrator:
 
 
 @pytest.fixture
-def tree(publisher: Publisher, nginx: Nginx, tmp_path: Path) -> Path:
+def nginx(publisher: Publisher, tmp_path: Path) -> Iterator[TlsNginx]:
+    """The web server, by HTTPS as in the document."""
+    server = TlsNginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, tmp_path / "nginx")
+    publisher.base = server.url
+    yield server
+    server.close()
+
+
+@pytest.fixture
+def tree(publisher: Publisher, nginx: TlsNginx, tmp_path: Path) -> Path:
     made = trees.write_random_tree(tmp_path / "tree", 3, count=5, size=10_000)
     publisher.publish(made, DATABASE, "--data-version", "1000")
     return made
@@ -60,7 +69,7 @@ def tree(publisher: Publisher, nginx: Nginx, tmp_path: Path) -> Path:
 
 @pytest.fixture
 def administrator(
-    clean_device: None, volumes: Volumes, publisher: Publisher, nginx: Nginx, tree: Path, tmp_path: Path
+    clean_device: None, volumes: Volumes, publisher: Publisher, nginx: TlsNginx, tree: Path, tmp_path: Path
 ) -> Administrator:
     """With a device that is installed, but not configured."""
     if any(Path("/").glob("volume[0-9]*")):
@@ -69,6 +78,7 @@ def administrator(
         shutil.copyfile(publisher.public_key, tmp_path / f"{name}.pub")
     device = Device(volumes.make("directory"), nginx.netloc)
     device.databases = json.loads(re.findall(r"^\{ \"zones.*$", DOCUMENT.section("Configuring"), re.MULTILINE)[0])
+    WGETRC.write_text(f"{WGETRC.read_text()}ca_certificate = {nginx.certificate}\n")
     return Administrator(device, tmp_path, nginx.netloc)
 
 
@@ -118,7 +128,7 @@ def test_a_command_reads_under_the_lock(configured: Administrator, tree: Path) -
     assert configured.follow("Reading safely").stdout.split() == sorted(path.name for path in tree.iterdir())
 
 
-def test_a_volume_that_comes_back_has_its_databases(configured: Administrator, tree: Path, nginx: Nginx) -> None:
+def test_a_volume_that_comes_back_has_its_databases(configured: Administrator, tree: Path, nginx: TlsNginx) -> None:
     requests = nginx.requests()
     configured.follow("Moving volumes")
     trees.assert_same(tree, configured.device.installed(DATABASE))

@@ -5,6 +5,7 @@ from __future__ import annotations
 import http.client
 import re
 import socket
+import ssl
 import subprocess
 import time
 from pathlib import Path
@@ -62,10 +63,13 @@ class Nginx:
     def url(self) -> str:
         return f"http://{self.netloc}"
 
+    def _connect(self) -> http.client.HTTPConnection:
+        return http.client.HTTPConnection(self.netloc, timeout=30)
+
     def requests(self) -> list[str]:
         """The lines "status bytes path" of all requests answered so far."""
         self._assert_running()
-        connection = http.client.HTTPConnection(self.netloc, timeout=30)
+        connection = self._connect()
         connection.request("GET", SENTINEL)
         connection.getresponse().read()
         connection.close()
@@ -79,3 +83,28 @@ class Nginx:
     def close(self) -> None:
         self._process.terminate()
         self._process.wait(30)
+
+
+class TlsNginx(Nginx):
+    """Serves by HTTPS, with a certificate that is its own authority."""
+
+    def __init__(self, template: Path, directory: Path, home: Path) -> None:
+        home.mkdir(parents=True, exist_ok=True)
+        self.certificate, self._key = home / "certificate.pem", home / "key.pem"
+        command = ["openssl", "req", "-x509", "-newkey", "ed25519", "-noenc", "-days", "2", "-subj", "/CN=localhost"]
+        command += ["-addext", "subjectAltName=IP:127.0.0.1", "-keyout", str(self._key), "-out", str(self.certificate)]
+        subprocess.run(command, check=True, capture_output=True)
+        super().__init__(template, directory, home)
+
+    def _server_block(self, template: str, directory: Path) -> str:
+        listen = f"listen {self.netloc}"
+        certificate = f"ssl_certificate {self.certificate}; ssl_certificate_key {self._key};"
+        return super()._server_block(template, directory).replace(f"{listen};", f"{listen} ssl; {certificate}")
+
+    @property
+    def url(self) -> str:
+        return f"https://{self.netloc}"
+
+    def _connect(self) -> http.client.HTTPConnection:
+        trusting = ssl.create_default_context(cafile=str(self.certificate))
+        return http.client.HTTPSConnection(self.netloc, timeout=30, context=trusting)
