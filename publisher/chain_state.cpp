@@ -1,6 +1,7 @@
 #include "publisher/chain_state.h"
 
 #include "archive/head.h"
+#include "publisher/json_text.h"
 #include "publisher/publish_error.h"
 
 #include <algorithm>
@@ -12,8 +13,6 @@ namespace {
 constexpr const char* kScriptedKey = "scripted_files";
 constexpr const char* kPatchedKey = "patched_databases";
 constexpr const char* kClosedKey = "no_new_scripts";
-// Room for everything else that metadata says.
-constexpr std::size_t kMaxStateSize = archive::kMaxMetadataSize - 4096;
 
 std::set<std::string> ReadNames(const Json::Value& metadata, const char* key) {
 	const Json::Value& list = metadata[key];
@@ -32,12 +31,6 @@ void WriteNames(Json::Value& metadata, const char* key, const std::set<std::stri
 	for (const std::string& name : names) {
 		metadata[key].append(name);
 	}
-}
-
-std::size_t WrittenSize(const Json::Value& value) {
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "";
-	return Json::writeString(builder, value).size();
 }
 
 } // namespace
@@ -88,15 +81,19 @@ bool ChainState::HasRoomFor(const std::set<std::string>& names) const {
 	possible.scripted_ = scripted_;
 	possible.scripted_.insert(names.begin(), names.end());
 	possible.closed_ = true;
+	return possible.FitsIntoMetadata();
+}
+
+bool ChainState::FitsIntoMetadata() const {
+	// Room for everything else that metadata says.
+	constexpr std::size_t kMaxSize = archive::kMaxMetadataSize - 4096;
 	Json::Value value(Json::objectValue);
-	possible.ToMetadata(value);
-	return WrittenSize(value) <= kMaxStateSize;
+	ToMetadata(value);
+	return JsonText(value).size() <= kMaxSize;
 }
 
 void ChainState::Shorten() {
-	Json::Value value(Json::objectValue);
-	ToMetadata(value);
-	if (closed_ || WrittenSize(value) > kMaxStateSize) {
+	if (closed_ || !FitsIntoMetadata()) {
 		patched_.clear();
 		closed_ = true;
 	}

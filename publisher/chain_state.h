@@ -1,3 +1,4 @@
+/** @file What is known of a version's files when the next version is published. */
 #ifndef PUBLISHER_CHAIN_STATE_H
 #define PUBLISHER_CHAIN_STATE_H
 
@@ -11,7 +12,7 @@
 
 namespace tarn::publisher {
 
-/** What a file's changes along a chain have to stay with. */
+/** Which kind of patch a file keeps along a chain. */
 enum class FileLineage {
 	kOpen,    ///< every device has the published bytes, and no patch has been made yet
 	kPatched, ///< a database file of which every device has the published bytes, patched by VCDIFF before
@@ -19,19 +20,19 @@ enum class FileLineage {
 };
 
 /**
- * What is to be known about a version's files when the next version is published. A script leaves the right content in
- * other bytes than the publisher's, so that a VCDIFF patch against the publisher's bytes would fail on every device
- * that came by script; and a whole file puts all devices on the same bytes again. A file therefore stays with one kind
- * of patch along a chain, and only a whole file, or a version that all devices reach by a full package, changes that.
+ * Which kind of patch each file may have next. A script leaves the right content in other bytes than the publisher's,
+ * so that a VCDIFF patch against the publisher's bytes would fail on every device that has executed the script. A whole
+ * file gives all devices the same bytes again. A file therefore keeps one kind of patch along a chain, until it is
+ * published whole or all devices take a full package.
  *
- * A diff package carries the state after it in its signed metadata.
+ * Each diff package carries the state after it in its signed metadata.
  */
 class ChainState {
 public:
 	ChainState() = default;
 	/** @throws PublishError when the metadata is not that of a diff package */
 	static ChainState FromMetadata(const Json::Value& metadata);
-	/** Adds it to a package's metadata. */
+	/** Adds the state to a package's metadata. */
 	void ToMetadata(Json::Value& metadata) const;
 
 	FileLineage Of(const std::string& name) const;
@@ -40,14 +41,16 @@ public:
 	/**
 	 * The state after a version's changes.
 	 *
-	 * @param databases  which of the changed files are SQLite databases; no other ever has a choice
+	 * @param databases  which of the changed files are SQLite databases; other files are never scripted
 	 */
-	ChainState After(const std::vector<DiffMember>& changes, const std::set<std::string>& databases) const;
+	[[nodiscard]] ChainState After(
+	    const std::vector<DiffMember>& changes, const std::set<std::string>& databases) const;
 	/** Whether metadata would have room for the state if all of these files were scripted too. */
-	bool HasRoomFor(const std::set<std::string>& names) const;
+	[[nodiscard]] bool HasRoomFor(const std::set<std::string>& names) const;
 
 private:
-	/** Makes the state fit into metadata by forgetting which files may still choose: none. */
+	[[nodiscard]] bool FitsIntoMetadata() const;
+	/** Makes the state fit into metadata: no further file may be scripted, so that the patched ones need no list. */
 	void Shorten();
 
 	std::set<std::string> scripted_;

@@ -2,16 +2,14 @@
 
 #include "archive/signing_key.h"
 #include "base/text.h"
-#include "publisher/exit_codes.h"
 #include "publisher/inspect.h"
-#include "publisher/progress.h"
 #include "publisher/publish.h"
 #include "publisher/publish_error.h"
 #include "publisher/restore.h"
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <iomanip>
 #include <sstream>
@@ -19,6 +17,62 @@
 namespace tarn::publisher {
 
 namespace {
+
+/** One line on a terminal, rewritten a few times a second, and removed with the object. */
+class ProgressLine {
+public:
+	ProgressLine(std::ostream& out, bool enabled) : out_(out), enabled_(enabled) {}
+	ProgressLine(const ProgressLine&) = delete;
+	ProgressLine& operator=(const ProgressLine&) = delete;
+	~ProgressLine() {
+		try {
+			Clear();
+		} catch (...) { // a terminal that cannot be written to is no reason to fail
+		}
+	}
+
+	void Show(std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
+		constexpr std::chrono::milliseconds kInterval{200};
+		const Clock::time_point now = Clock::now();
+		if (!enabled_ || (shown_ && now - last_ < kInterval)) {
+			return;
+		}
+		const double seconds = std::chrono::duration<double>(now - started_).count();
+		const double rate = seconds > 0 ? static_cast<double>(bytes) / seconds : 0;
+		Print("packing " + std::to_string(files) + " of " + std::to_string(tree.files.size()) + " files, " +
+		      HumanSize(bytes) + " of " + HumanSize(tree.total_size) + ", " +
+		      HumanSize(static_cast<std::uint64_t>(rate)) + "/s");
+	}
+	/** Shows how many parts of a step are done; without a number when the step has one part. */
+	void ShowStep(const std::string& what, std::uint64_t done, std::uint64_t all) {
+		if (enabled_) {
+			Print(all == 1 ? what : what + " " + std::to_string(done) + " of " + std::to_string(all));
+		}
+	}
+	/** Makes room for another line. */
+	void Clear() {
+		if (shown_) {
+			out_ << kEmptyLine << std::flush;
+			shown_ = false;
+		}
+	}
+
+private:
+	using Clock = std::chrono::steady_clock;
+	static constexpr const char* kEmptyLine = "\r\x1b[K";
+
+	void Print(const std::string& text) {
+		out_ << kEmptyLine << text << std::flush;
+		shown_ = true;
+		last_ = Clock::now();
+	}
+
+	std::ostream& out_;
+	bool enabled_;
+	bool shown_ = false;
+	Clock::time_point started_ = Clock::now();
+	Clock::time_point last_;
+};
 
 struct Streams {
 	std::ostream& out;
@@ -50,7 +104,7 @@ void PrintDiff(const DiffResult& diff, const PublishResult& result, std::ostream
 	out << "Diff from version " << result.data_version - 1 << ": " << HumanSize(diff.package_size) << ", "
 	    << share.str() << " % of the full package; files created " << diff.created << ", replaced " << diff.replaced
 	    << ", patched " << diff.patched << ", scripted " << diff.scripted << ", deleted " << diff.deleted
-	    << ". Devices come by diffs from version " << diff.oldest_base << " on.\n";
+	    << ". Devices from version " << diff.oldest_base << " on take diff packages.\n";
 }
 
 PublishObserver ObserverOf(ProgressLine& line, const Streams& streams) {
@@ -61,7 +115,7 @@ PublishObserver ObserverOf(ProgressLine& line, const Streams& streams) {
 	};
 	observer.waiting = [&] { streams.err << "Waiting for another publisher of this repository.\n" << std::flush; };
 	observer.progress = [&](std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
-		line.Show(files, bytes, tree.files.size(), tree.total_size);
+		line.Show(files, bytes, tree);
 	};
 	observer.step = [&](const std::string& what, std::uint64_t done, std::uint64_t all) {
 		line.ShowStep(what, done, all);
@@ -96,7 +150,7 @@ void PrintRestored(const RestoredDatabase& database, std::ostream& out) {
 	out << "Restored " << database.id << " version " << database.data_version << ", " << database.download_link
 	    << ", with " << database.diffs << " diff packages";
 	if (database.diffs > 0) {
-		out << "; devices come by diffs from version " << database.oldest_base << " on";
+		out << "; devices from version " << database.oldest_base << " on take them";
 	}
 	out << ".\n";
 }
@@ -130,6 +184,8 @@ void RunInspect(const Options& options, const Streams& streams) {
 	InspectPackage(options.package, options.json, streams.out);
 }
 
+constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
+
 void AddKeygen(CLI::App& app, Options& options) {
 	CLI::App* command = app.add_subcommand("keygen", "Make a key pair: PREFIX.key signs, PREFIX.pub goes to devices");
 	command->add_option("PREFIX", options.prefix, "Path of the two files without their endings")->required();
@@ -142,36 +198,38 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--repo", publish.repository, "Directory that the web server serves")->required();
 	command->add_option("--id", publish.id, "The database's id")->required();
 	command->add_option("--key", publish.key_file, "Private key that signs the package")->required();
-	command->add_option("--url", publish.url, "Where devices reach the repository, http:// or https://")->required();
-	command->add_option("--data-version", publish.data_version, "Version to publish; the last plus one by default");
+	command->add_option("--url", publish.url, "Where devices reach the repository: http:// or https://")->required();
+	command->add_option("--data-version", publish.data_version, "Version to publish; by default the last plus one");
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
 	command->add_option("--db-version", publish.db_version, "Version of the server's document")->capture_default_str();
-	command->add_option("--keep-diffs", publish.keep_diffs, "Diff packages to keep, the oldest go; 0 makes none")
+	command->add_option("--keep-diffs", publish.keep_diffs, "Number of diff packages to keep; 0 makes none")
 	    ->capture_default_str();
 	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
-	command->add_flag("--continue", publish.must_continue, "Refuse a first publication: the repository knows the id");
+	command->add_flag("--continue", publish.must_continue, "Fail if the repository does not know the id yet");
 	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
 }
 
 void AddRestore(CLI::App& app, Options& options) {
 	RestoreOptions& restore = options.restore;
-	CLI::App* command = app.add_subcommand("restore", "Rebuild a lost document from the packages of a repository");
+	CLI::App* command = app.add_subcommand("restore", "Rebuild a lost document from the packages in a repository");
 	command->add_option("--repo", restore.repository, "Directory that the web server serves")->required();
 	command->add_option("--key", restore.keys, "Public key that signed the packages; may be repeated")->required();
 	command->add_option("--old-key", options.old_keys, "Public key that signed earlier packages; may be repeated");
-	command->add_option("--url", restore.url, "Where devices reach the repository; as last published by default");
-	command->add_option("--id", restore.ids, "Database to restore, all by default; may be repeated");
+	command->add_option("--url", restore.url, "Where devices reach the repository; by default as last published");
+	command->add_option("--id", restore.ids, "Database to restore; by default all; may be repeated");
 	command->add_option("--db-version", restore.db_version, "Version of the server's document")->capture_default_str();
-	command->add_option("--format-version", restore.format_version, "Leave packages of other formats out");
-	command->add_option("--keep-diffs", restore.keep_diffs, "Diff packages to name at most")->capture_default_str();
-	command->add_flag("--force", restore.force, "Write entries anew that the document has");
+	command->add_option("--format-version", restore.format_version, "Use packages of this format only");
+	command->add_option("--keep-diffs", restore.keep_diffs, "Largest number of diff packages to name")
+	    ->capture_default_str();
+	command->add_flag("--force", restore.force, "Replace entries that the document already has");
 }
 
 void AddReaders(CLI::App& app, Options& options) {
 	CLI::App* verify = app.add_subcommand("verify", "Check a package's signature and content");
 	verify->add_option("PACKAGE", options.package, "Package file")->required();
-	verify->add_option("--key", options.public_keys, "Public key; several are tried in turn")->required();
-	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says it holds; checks no signature");
+	verify->add_option("--key", options.public_keys, "Public key that may have signed the package; may be repeated")
+	    ->required();
+	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says about itself; checks no signature");
 	inspect->add_option("PACKAGE", options.package, "Package file")->required();
 	inspect->add_flag("--json", options.json, "Print JSON");
 }
@@ -213,6 +271,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	CLI::App app("Publishes databases as signed packages in a directory for any web server", "tarndbudpub");
 	app.set_version_flag("--version", std::string("tarndbudpub ") + TARNDBUDPUB_VERSION);
 	app.require_subcommand(1);
+	app.footer(kFooter); // which subcommands inherit
 	AddKeygen(app, options);
 	AddPublish(app, options);
 	AddRestore(app, options);

@@ -1,3 +1,4 @@
+/** @file The publisher's commands, options and exit codes. */
 #ifndef PUBLISHER_COMMAND_LINE_H
 #define PUBLISHER_COMMAND_LINE_H
 
@@ -6,6 +7,8 @@
 #include <vector>
 
 namespace tarn::publisher {
+
+enum ExitCode : int { kDone = 0, kFailed = 1, kUsage = 2 };
 
 /**
  * Runs one command of the publisher.
@@ -16,7 +19,8 @@ namespace tarn::publisher {
  * @param terminal   whether err is a terminal, which gets a progress line
  * @return an ExitCode
  */
-int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal);
+[[nodiscard]] int RunCommandLine(
+    const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal);
 
 } // namespace tarn::publisher
 

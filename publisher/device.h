@@ -1,4 +1,4 @@
-/** @file What devices do with packages, by their own code: nothing else in the publisher sees the library. */
+/** @file What devices do with packages, by the library's own code: no other unit of the publisher sees it. */
 #ifndef PUBLISHER_DEVICE_H
 #define PUBLISHER_DEVICE_H
 

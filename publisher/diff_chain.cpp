@@ -18,7 +18,7 @@ PackageInfo DiffInfoOf(const std::string& id, int version) {
 }
 
 void RefusePatch(const std::string& source, const std::string& /*output*/, const std::string& /*patch*/) {
-	throw PublishError(source + " was to be patched by bytes though it came by scripts.");
+	throw PublishError(source + " would be patched by bytes, though scripts have changed it.");
 }
 
 } // namespace
@@ -107,10 +107,10 @@ std::set<std::string> DiffChain::UnpackFirst(
 		return {};
 	}
 	try {
-		PackageReader::Unpack(reader_.Open(path, {id_, "", first}), path, directory, members);
+		reader_.Unpack(path, {id_, "", first}, directory, members);
 		return {};
 	} catch (const PublishError&) {
-		// Removed, or signed by a key that is not believed any more: the check of one lineage less.
+		// Removed, or signed by a key that is no longer trusted: these files are not tried out.
 		return {members.begin(), members.end()};
 	}
 }
@@ -127,7 +127,7 @@ void DiffChain::UnpackSteps(
 		}
 	}
 	if (!inputs.empty()) {
-		PackageReader::Unpack(reader_.Open(link.path, DiffInfoOf(id_, link.version)), link.path, directory, inputs);
+		reader_.Unpack(link.path, DiffInfoOf(id_, link.version), directory, inputs);
 	}
 	std::ofstream description(directory + "/" + kDescriptionName, std::ios::binary);
 	if (!(description << DescriptionText(steps)).flush()) {

@@ -1,8 +1,9 @@
+/** @file The diff packages that follow each other up to a version. */
 #ifndef PUBLISHER_DIFF_CHAIN_H
 #define PUBLISHER_DIFF_CHAIN_H
 
 #include "publisher/chain_state.h"
-#include "publisher/package_reader.h"
+#include "publisher/package.h"
 #include "publisher/repository.h"
 #include "publisher/work_directory.h"
 
@@ -17,15 +18,14 @@ namespace tarn::publisher {
 class DiffChain {
 public:
 	/**
-	 * Reads the packages that the document names, down to one that is gone or cannot be trusted: those below lead
-	 * nowhere then.
+	 * Reads the packages that the document names, newest first. Ends at a package that is missing or cannot be trusted,
+	 * since no chain leads past it.
 	 *
 	 * @param newest  the document's entry
-	 * @throws PublishError when the newest of them cannot be trusted or read: what devices have then is not known
+	 * @throws PublishError when the newest package cannot be trusted or read: nobody knows then what devices have
 	 */
 	DiffChain(const Repository& repository, const PackageReader& reader, const std::string& id, const Entry& newest);
 
-	/** What is known about the newest version's files. */
 	const ChainState& State() const { return state_; }
 	/** The versions that the packages make, oldest first. */
 	std::vector<int> Versions() const;
@@ -33,12 +33,12 @@ public:
 	std::set<std::string> ChangedNames() const;
 
 	/**
-	 * Makes database files as devices have them that came all the way by scripts, with the code of devices.
+	 * Makes database files as devices have them that executed every script, with the code of devices.
 	 *
 	 * @param names  scripted files
-	 * @return path by name; a file is left out when the full package that it began with cannot be had any more
+	 * @return path by name; leaves out a file when the full package before its scripts is missing or cannot be trusted
 	 */
-	std::map<std::string, std::string> ReplayScripts(
+	[[nodiscard]] std::map<std::string, std::string> ReplayScripts(
 	    const std::set<std::string>& names, const WorkDirectory& work) const;
 
 private:
@@ -51,8 +51,9 @@ private:
 	Link ReadLink(int version) const;
 	/** The version that each file's scripts begin after: a whole file, or the version before the chain. */
 	std::map<std::string, int> Beginnings(const std::set<std::string>& names) const;
-	/** Unpacks the files that were there before the chain; the names that could not be had are returned. */
-	std::set<std::string> UnpackFirst(const std::map<std::string, int>& beginnings, const std::string& directory) const;
+	/** Unpacks the files of the version before the chain; returns the names of those that are missing. */
+	[[nodiscard]] std::set<std::string> UnpackFirst(
+	    const std::map<std::string, int>& beginnings, const std::string& directory) const;
 	void UnpackSteps(
 	    const Link& link, const std::map<std::string, int>& beginnings, const std::string& directory) const;
 
@@ -64,7 +65,7 @@ private:
 };
 
 /** The versions of diff packages that lead to a version without a gap, newest last. */
-std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files);
+[[nodiscard]] std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files);
 
 } // namespace tarn::publisher
 

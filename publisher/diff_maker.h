@@ -1,7 +1,8 @@
+/** @file Making one diff package. */
 #ifndef PUBLISHER_DIFF_MAKER_H
 #define PUBLISHER_DIFF_MAKER_H
 
-#include "publisher/package_reader.h"
+#include "publisher/package.h"
 #include "publisher/publish.h"
 #include "publisher/repository.h"
 
@@ -10,7 +11,7 @@
 
 namespace tarn::publisher {
 
-/** Between which packages a diff is made, and with what. */
+/** Which diff package is made, and from what. */
 struct DiffOrder {
 	const Repository& repository;
 	const PublishOptions& options;
@@ -23,14 +24,15 @@ struct DiffOrder {
 };
 
 /**
- * Writes the diff package that leads from the previous version to the one after it, and applies it as devices do: to
- * what they have, it must make what the full package makes.
+ * Writes the diff package that leads from the previous version to the next, and applies it as devices do: the result
+ * must be what the full package holds.
  *
  * @param archive_fd  an empty file, open for writing
  * @param path        its path
- * @throws PublishError saying why there is no diff; the file then holds anything
+ * @throws PublishError saying why there is no diff; the file may then hold anything
  */
-DiffResult MakeDiff(const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer);
+[[nodiscard]] DiffResult MakeDiff(
+    const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer);
 
 } // namespace tarn::publisher
 

@@ -6,10 +6,13 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "publisher/device.h"
+#include "publisher/json_text.h"
+#include "publisher/package.h"
+#include "publisher/tree.h"
 
+#include <array>
 #include <iomanip>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -18,18 +21,17 @@ namespace tarn::publisher {
 
 namespace {
 
-std::optional<Json::Value> ParseJson(std::string_view text) {
-	Json::CharReaderBuilder builder;
-	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-	Json::Value value;
-	try {
-		if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
-			return value;
-		}
-	} catch (const Json::Exception&) {
-		return std::nullopt; // too deep to be read
-	}
-	return std::nullopt;
+/** What a kind of change is called in a package and by the publisher. */
+struct Form {
+	const char* name;
+	const char* extension;
+	const char* operation;
+};
+
+const Form& FormOf(PatchKind kind) {
+	static constexpr std::array<Form, 5> kForms = {{{"whole", ".new", "create"}, {"vcdiff", ".vcdiff", "update"},
+	    {"sql", ".sqlitediff", "update"}, {"-", "", "delete"}, {"dir", "", "delete"}}}; // in the order of the kinds
+	return kForms.at(static_cast<std::size_t>(kind));
 }
 
 struct Content {
@@ -63,15 +65,14 @@ std::string Text(const Json::Value& value, const char* key) {
 }
 
 PatchKind KindOf(const std::string& operation, const std::string& input_file) {
-	if (operation == "create") {
-		return PatchKind::kWhole;
-	}
-	if (operation == "delete") {
-		return PatchKind::kNone;
+	for (const PatchKind kind : {PatchKind::kWhole, PatchKind::kNone}) {
+		if (operation == OperationOf(kind)) {
+			return kind;
+		}
 	}
 	for (const PatchKind kind : {PatchKind::kVcdiff, PatchKind::kScript}) {
-		const std::string extension = PatchKindExtension(kind);
-		if (operation == "update" && input_file.size() > extension.size() && EndsWith(input_file, extension)) {
+		const std::string_view extension = PatchKindExtension(kind);
+		if (operation == OperationOf(kind) && input_file.size() > extension.size() && EndsWith(input_file, extension)) {
 			return kind;
 		}
 	}
@@ -83,11 +84,8 @@ PatchKind KindOf(const std::string& operation, const std::string& input_file) {
 void MarkDirectories(std::vector<DiffMember>& members) {
 	std::set<std::string> above;
 	for (const DiffMember& member : members) {
-		const std::string& name = member.name;
-		for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
-			if (member.kind == PatchKind::kNone) {
-				above.insert(name.substr(0, end));
-			}
+		if (member.kind == PatchKind::kNone) {
+			ForEachParent(member.name, [&above](const std::string& parent) { above.insert(parent); });
 		}
 	}
 	for (DiffMember& member : members) {
@@ -100,48 +98,15 @@ void MarkDirectories(std::vector<DiffMember>& members) {
 } // namespace
 
 const char* PatchKindName(PatchKind kind) {
-	switch (kind) {
-	case PatchKind::kWhole:
-		return "whole";
-	case PatchKind::kVcdiff:
-		return "vcdiff";
-	case PatchKind::kScript:
-		return "sql";
-	case PatchKind::kEmptied:
-		return "dir";
-	case PatchKind::kNone:
-		break;
-	}
-	return "-";
+	return FormOf(kind).name;
 }
 
 const char* PatchKindExtension(PatchKind kind) {
-	switch (kind) {
-	case PatchKind::kWhole:
-		return ".new";
-	case PatchKind::kVcdiff:
-		return ".vcdiff";
-	case PatchKind::kScript:
-		return ".sqlitediff";
-	case PatchKind::kNone:
-	case PatchKind::kEmptied:
-		break;
-	}
-	return "";
+	return FormOf(kind).extension;
 }
 
 const char* OperationOf(PatchKind kind) {
-	switch (kind) {
-	case PatchKind::kWhole:
-		return "create";
-	case PatchKind::kVcdiff:
-	case PatchKind::kScript:
-		return "update";
-	case PatchKind::kNone:
-	case PatchKind::kEmptied:
-		break;
-	}
-	return "delete";
+	return FormOf(kind).operation;
 }
 
 std::string InputFileName(std::size_t number, PatchKind kind) {
@@ -149,10 +114,6 @@ std::string InputFileName(std::size_t number, PatchKind kind) {
 	std::ostringstream name;
 	name << "files/" << std::setw(kDigits) << std::setfill('0') << number + 1 << PatchKindExtension(kind);
 	return name.str();
-}
-
-Json::Value ReadMetadata(const archive::ArchiveFile& archive) {
-	return ParseJson(archive.Metadata()).value_or(Json::Value());
 }
 
 DiffPackage ReadDiffPackage(const archive::ArchiveFile& archive) {
@@ -193,9 +154,7 @@ std::string DescriptionText(const std::vector<DiffMember>& members, const std::v
 	for (const std::string& name : emptied) {
 		describe(name, OperationOf(PatchKind::kEmptied), "");
 	}
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "";
-	return Json::writeString(builder, description) + "\n";
+	return JsonText(description) + "\n";
 }
 
 } // namespace tarn::publisher

@@ -1,3 +1,4 @@
+/** @file What a diff package holds. */
 #ifndef PUBLISHER_DIFF_PACKAGE_H
 #define PUBLISHER_DIFF_PACKAGE_H
 
@@ -14,13 +15,13 @@ namespace tarn::publisher {
 constexpr const char* kDescriptionName = "patch_infos.json";
 constexpr const char* kDiffKind = "diff";
 
-/** How a diff package carries what becomes of one file. */
+/** How a diff package carries the change of one file. */
 enum class PatchKind {
 	kWhole,  ///< the file itself
 	kVcdiff, ///< a patch against the bytes of the version before
 	kScript, ///< SQL statements that change the content
 	kNone,   ///< nothing: the file is deleted
-	kEmptied ///< nothing: the name is a directory's, in which the package deletes the last file
+	kEmptied ///< nothing: the name is that of a directory in which the package deletes the last file
 };
 
 /** "whole", "vcdiff", "sql", "-" or "dir". */
@@ -30,7 +31,7 @@ const char* PatchKindExtension(PatchKind kind);
 
 /** "create", "update" or "delete". */
 const char* OperationOf(PatchKind kind);
-/** The name in a package of its input file with a number, counted from 0. */
+/** The name of a package's input file with a number, counted from 0. */
 std::string InputFileName(std::size_t number, PatchKind kind);
 
 /** One file that a diff package changes, or a directory that it removes. */
@@ -42,7 +43,6 @@ struct DiffMember {
 	std::uint64_t size = 0; // of the input file
 };
 
-/** What a diff package holds, by its description. */
 struct DiffPackage {
 	std::vector<DiffMember> members; // in byte order of names
 	Json::Value metadata;            // null when it is no JSON
@@ -55,13 +55,11 @@ struct DiffPackage {
  */
 DiffPackage ReadDiffPackage(const archive::ArchiveFile& archive);
 
-/** A package's metadata; null when it is no JSON. */
-Json::Value ReadMetadata(const archive::ArchiveFile& archive);
-
 /**
  * The text of "patch_infos.json".
  *
- * @param emptied  directories in which the members delete the last file; devices that come by a full package have none
+ * @param emptied  directories in which the members delete the last file: devices that took a full package do not have
+ * them
  */
 std::string DescriptionText(const std::vector<DiffMember>& members, const std::vector<std::string>& emptied = {});
 

@@ -1,7 +1,8 @@
 #include "publisher/file_encoder.h"
 
+#include "archive/tar_writer.h"
 #include "base/text.h"
-#include "publisher/compressed_size.h"
+#include "publisher/input_file.h"
 #include "publisher/publish_error.h"
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
@@ -76,6 +77,20 @@ private:
 };
 
 } // namespace
+
+std::optional<std::uint64_t> CompressedSizeBelow(std::uint64_t limit, const std::string& path, int level) {
+	InputFile file(path);
+	std::uint64_t compressed = 0;
+	archive::ZstdWriter writer(level, [&compressed](std::string_view bytes) { compressed += bytes.size(); });
+	writer.ExpectSize(file.Size());
+	for (std::string_view part = file.Next(); !part.empty() && compressed < limit; part = file.Next()) {
+		writer.Write(part);
+	}
+	if (compressed < limit) {
+		writer.Finish();
+	}
+	return compressed < limit ? std::optional(compressed) : std::nullopt;
+}
 
 EncodedFile EncodeFile(const EncodingTask& task, const Encoders& encoders, const std::string& scratch) {
 	if (!task.change.after) {

@@ -1,3 +1,4 @@
+/** @file Finding the smallest way to carry one file. */
 #ifndef PUBLISHER_FILE_ENCODER_H
 #define PUBLISHER_FILE_ENCODER_H
 
@@ -17,7 +18,7 @@ struct Encoders {
 	int level = 0;
 };
 
-/** What may be done to bring one file from a version to the next. */
+/** How one file may be brought to the next version. */
 struct EncodingTask {
 	TreeChange change;
 	bool may_patch = false;
@@ -33,12 +34,18 @@ struct EncodedFile {
 };
 
 /**
- * Finds the smallest way to carry what becomes of a file, as it is when compressed: a patch, a script or the file
- * itself. Only what has been tried out is chosen. Threads may do several tasks at once.
+ * Chooses what is smallest when compressed: a patch, a script or the file itself. Chooses only what it has tried out.
+ * Threads may do several tasks at once.
  *
- * @param scratch  an existing directory of this task's own; the result lies there, or in the tree
+ * @param scratch  an existing directory that no other task uses; the result lies there, or in the tree
  */
-EncodedFile EncodeFile(const EncodingTask& task, const Encoders& encoders, const std::string& scratch);
+[[nodiscard]] EncodedFile EncodeFile(const EncodingTask& task, const Encoders& encoders, const std::string& scratch);
+
+/**
+ * The size of a file that is compressed as packages are. No value as soon as the size is not below a limit: the
+ * compression of a large file takes long, and ends when its patch is known to be smaller. Throws PublishError.
+ */
+[[nodiscard]] std::optional<std::uint64_t> CompressedSizeBelow(std::uint64_t limit, const std::string& path, int level);
 
 } // namespace tarn::publisher
 

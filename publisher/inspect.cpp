@@ -4,11 +4,13 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "publisher/diff_package.h"
-#include "publisher/package_reader.h"
+#include "publisher/json_text.h"
+#include "publisher/package.h"
 #include "publisher/publish_error.h"
 
 #include <json/json.h>
 
+#include <array>
 #include <ctime>
 #include <iomanip>
 #include <map>
@@ -30,31 +32,14 @@ auto NamingPackage(const std::string& package, const Function& function) {
 }
 
 const char* KindName(archive::MemberKind kind) {
-	switch (kind) {
-	case archive::MemberKind::kFile:
-		return "file";
-	case archive::MemberKind::kDirectory:
-		return "directory";
-	case archive::MemberKind::kSymlink:
-		return "symbolic link";
-	case archive::MemberKind::kHardLink:
-		return "hard link";
-	case archive::MemberKind::kOther:
-		break;
-	}
-	return "other";
+	static constexpr std::array<const char*, 5> kNames = {"file", "directory", "symbolic link", "hard link", "other"};
+	return kNames.at(static_cast<std::size_t>(kind));
 }
 
 // Unsigned text so far, so it may be anything; what is no JSON is shown as the text it is.
 Json::Value MetadataJson(const archive::ArchiveFile& archive) {
 	Json::Value value = ReadMetadata(archive);
 	return value.isNull() ? Json::Value(Printable(archive.Metadata())) : value;
-}
-
-std::string ToLine(const Json::Value& value) {
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "";
-	return Json::writeString(builder, value);
 }
 
 Json::Value HeadJson(const std::string& package, const archive::ArchiveFile& archive) {
@@ -169,9 +154,7 @@ void PrintJson(const std::string& package, const archive::ArchiveFile& archive, 
 	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
 		AddDiffJson(*diff, value);
 	}
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "\t";
-	out << Json::writeString(builder, value) << "\n";
+	out << JsonText(value, "\t") << "\n";
 }
 
 void PrintMemberTable(const archive::ArchiveFile& archive, std::ostream& out) {
@@ -201,7 +184,7 @@ void PrintTable(const std::string& package, const archive::ArchiveFile& archive,
 	    << "members        " << head.entry_count << "\n"
 	    << "unpacked bytes " << head.unpacked_size << "\n"
 	    << "published      " << PublishedAt(archive) << "\n"
-	    << "metadata       " << ToLine(MetadataJson(archive)) << "\n\n";
+	    << "metadata       " << JsonText(MetadataJson(archive)) << "\n\n";
 	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
 		PrintDiffTable(*diff, out);
 	} else {

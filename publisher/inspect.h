@@ -1,3 +1,4 @@
+/** @file Looking at one package. */
 #ifndef PUBLISHER_INSPECT_H
 #define PUBLISHER_INSPECT_H
 
@@ -11,9 +12,9 @@ namespace tarn::publisher {
  * Checks a package as a device does.
  *
  * @return one sentence that says which of the keys verified it
- * @throws PublishError when none did, or the package is damaged
+ * @throws PublishError when no key did, or the package is damaged
  */
-std::string VerifyPackage(const std::string& package, const std::vector<std::string>& key_files);
+[[nodiscard]] std::string VerifyPackage(const std::string& package, const std::vector<std::string>& key_files);
 
 /** Prints head, metadata and members of a package without checking its signature; throws PublishError. */
 void InspectPackage(const std::string& package, bool json, std::ostream& out);

@@ -1,5 +1,4 @@
 #include "publisher/command_line.h"
-#include "publisher/exit_codes.h"
 
 #include <unistd.h>
 

@@ -1,10 +1,12 @@
 #include "publisher/package.h"
 
+#include "archive/extractor.h"
 #include "archive/sealer.h"
 #include "archive/tar_writer.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
+#include "publisher/json_text.h"
 #include "publisher/publish_error.h"
 
 #include <fcntl.h>
@@ -13,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <vector>
 
 namespace tarn::publisher {
 
@@ -26,9 +27,7 @@ std::string Metadata(const PackageInfo& info) {
 	metadata["id"] = info.id;
 	metadata["kind"] = info.kind;
 	metadata["published"] = info.published;
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "";
-	return Json::writeString(builder, metadata);
+	return JsonText(metadata);
 }
 
 struct stat StatusOf(int fd, const TreeFile& file) {
@@ -74,6 +73,18 @@ void PackFile(const TreeFile& file, archive::TarZstdWriter& tar, std::vector<cha
 	RequireUnchanged(SameContent(before, StatusOf(fd.Get(), file)), file);
 }
 
+[[noreturn]] void Refuse(const std::string& path, const Error& error) {
+	throw PublishError("the package " + path + " " + error.what());
+}
+
+void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
+	if (!metadata.isObject() || metadata["id"] != expected.id || metadata["kind"] != expected.kind ||
+	    metadata["data_version"] != expected.data_version) {
+		throw Error("is not the " + expected.kind + " package of version " + std::to_string(expected.data_version) +
+		            " of " + expected.id);
+	}
+}
+
 } // namespace
 
 std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key, int level,
@@ -95,6 +106,58 @@ std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const arch
 	head.entry_count = files;
 	head.unpacked_size = bytes;
 	return sealer.Seal(head, Metadata(info), key, archive_fd, path);
+}
+
+Json::Value ReadMetadata(const archive::ArchiveFile& archive) {
+	return ParseJson(archive.Metadata()).value_or(Json::Value());
+}
+
+std::optional<int> PublishedTime(const Json::Value& metadata) {
+	const Json::Value published = metadata.isObject() ? metadata["published"] : Json::Value();
+	const bool is_time = published.isInt64() && published.asInt64() >= 0 && published.asInt64() <= kMaxNumber;
+	return is_time ? std::optional(static_cast<int>(published.asInt64())) : std::nullopt;
+}
+
+std::vector<archive::TrustedKey> LoadPublicKeys(const std::vector<std::string>& files, const std::string& what) {
+	std::vector<archive::TrustedKey> keys;
+	for (const std::string& file : files) {
+		try {
+			keys.push_back(archive::LoadPublicKeyFile(file));
+		} catch (const Error& error) {
+			throw PublishError(what + " cannot be used: " + error.what() + ".");
+		}
+	}
+	return keys;
+}
+
+PackageReader::PackageReader(const archive::SigningKey& key, const std::vector<std::string>& old_keys)
+    : keys_(LoadPublicKeys(old_keys, "The old public key")) {
+	keys_.insert(keys_.begin(), {"the signing key", archive::PublicKey::FromPem(key.PublicPem())});
+}
+
+archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageInfo& expected) const {
+	try {
+		archive::ArchiveFile archive(path);
+		archive.Check(keys_, archive::kDataUpdateKeyType);
+		RequireMetadata(ReadMetadata(archive), expected);
+		return archive;
+	} catch (const Error& error) {
+		Refuse(path, error);
+	}
+}
+
+void PackageReader::Unpack(const std::string& path, const PackageInfo& expected, const std::string& directory,
+    const std::vector<std::string>& members) const {
+	const archive::ArchiveFile archive = Open(path, expected);
+	try {
+		const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+		if (!fd) {
+			ThrowErrno("cannot be unpacked into " + directory);
+		}
+		archive::Extract(archive, fd.Get(), members);
+	} catch (const Error& error) {
+		Refuse(path, error);
+	}
 }
 
 } // namespace tarn::publisher

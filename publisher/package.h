@@ -1,6 +1,9 @@
+/** @file Signed packages, written and read. */
 #ifndef PUBLISHER_PACKAGE_H
 #define PUBLISHER_PACKAGE_H
 
+#include "archive/file.h"
+#include "archive/keys.h"
 #include "archive/signing_key.h"
 #include "publisher/tree.h"
 
@@ -8,9 +11,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn::publisher {
+
+constexpr std::int64_t kMaxNumber = std::numeric_limits<int>::max(); // of versions and times, as devices read them
 
 /** What a package says about itself. */
 struct PackageInfo {
@@ -37,8 +45,57 @@ constexpr int kDefaultLevel = 12;
  * @return the package's size
  * @throws PublishError naming the file that cannot be read or changes while it is read
  */
-std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key, int level,
-    int archive_fd, const std::string& path, const PackProgress& progress);
+[[nodiscard]] std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key,
+    int level, int archive_fd, const std::string& path, const PackProgress& progress);
+
+/** A package's metadata; null when it is no JSON. */
+Json::Value ReadMetadata(const archive::ArchiveFile& archive);
+
+/** When a package says that it was published, in seconds since 1970; no value when it says nothing that devices read.
+ */
+[[nodiscard]] std::optional<int> PublishedTime(const Json::Value& metadata);
+
+/**
+ * Reads files of public keys.
+ *
+ * @param what  names these keys in the PublishError that it throws
+ */
+[[nodiscard]] std::vector<archive::TrustedKey> LoadPublicKeys(
+    const std::vector<std::string>& files, const std::string& what = "The public key");
+
+/** Reads packages that one of its keys has signed, and no others. */
+class PackageReader {
+public:
+	/**
+	 * @param key       signs now
+	 * @param old_keys  files of public keys that signed before
+	 * @throws PublishError
+	 */
+	PackageReader(const archive::SigningKey& key, const std::vector<std::string>& old_keys);
+
+	/**
+	 * For who signs nothing.
+	 *
+	 * @param keys  files of public keys
+	 * @throws PublishError
+	 */
+	explicit PackageReader(const std::vector<std::string>& keys) : keys_(LoadPublicKeys(keys)) {}
+
+	/**
+	 * Opens a package and checks all of it.
+	 *
+	 * @param expected  id, version and kind that its metadata must name, since files are easily put in a wrong place
+	 * @throws PublishError naming the package
+	 */
+	[[nodiscard]] archive::ArchiveFile Open(const std::string& path, const PackageInfo& expected) const;
+
+	/** Opens a package and unpacks members of it, or all, into a directory; throws PublishError naming the package. */
+	void Unpack(const std::string& path, const PackageInfo& expected, const std::string& directory,
+	    const std::vector<std::string>& members = {}) const;
+
+private:
+	std::vector<archive::TrustedKey> keys_;
+};
 
 } // namespace tarn::publisher
 

@@ -1,3 +1,4 @@
+/** @file Work that threads share. */
 #ifndef PUBLISHER_PARALLEL_H
 #define PUBLISHER_PARALLEL_H
 
@@ -8,9 +9,9 @@
 namespace tarn::publisher {
 
 /**
- * Does independent pieces of work with one thread for each processor; the first exception ends it and is thrown.
+ * Does independent pieces of work with one thread for each processor. The first exception ends the work and is thrown.
  *
- * @param order     indices, in the order in which the pieces are begun
+ * @param order     indices, in the order in which the pieces begin
  * @param work      called with an index, by any thread
  * @param finished  called with the number of pieces done so far, by one thread at a time
  */

@@ -1,3 +1,4 @@
+/** @file Running other programs. */
 #ifndef PUBLISHER_PROGRAM_H
 #define PUBLISHER_PROGRAM_H
 
@@ -9,21 +10,21 @@
 
 namespace tarn::publisher {
 
-/** A program that was started ended with an error; the sentence holds what it said first. */
+/** A program failed; the sentence holds the first line of its complaint. */
 class ProgramError : public PublishError {
 public:
 	using PublishError::PublishError;
 };
 
-/** The path of a program that stands in one of PATH's directories; none when it is not installed. */
-std::optional<std::string> FindProgram(const std::string& name);
+/** The path of a program that lies in one of PATH's directories; no value when it is not installed. */
+[[nodiscard]] std::optional<std::string> FindProgram(const std::string& name);
 
 /**
- * Runs a program to its end, with no input and an environment of its own, so that no variable of the user's changes
- * what it does. It is killed when this process is.
+ * Runs a program to its end, without input and without the user's variables, which could change what the program does.
+ * The program is killed when this process is killed.
  *
- * @param output  file that gets what it prints
- * @param errors  file that gets what it complains about
+ * @param output  file that gets its output
+ * @param errors  file that gets its error stream
  * @throws ProgramError when it cannot be started or does not end with 0
  */
 void RunProgram(const std::string& path, const std::vector<std::string>& arguments, const std::string& output,

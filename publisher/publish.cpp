@@ -1,20 +1,17 @@
 #include "publisher/publish.h"
 
-#include "publisher/diff_chain.h"
+#include "base/text.h"
+#include "publisher/checks.h"
 #include "publisher/diff_maker.h"
-#include "publisher/next_version.h"
-#include "publisher/option_checks.h"
-#include "publisher/publish_error.h"
+#include "publisher/input_file.h"
 #include "publisher/replacing_file.h"
 #include "publisher/repository.h"
-#include "publisher/tree_changes.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <limits>
 #include <map>
 #include <string_view>
 
@@ -24,26 +21,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool Contains(const fs::path& outer, const fs::path& inner) {
-	return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
-}
-
-void CheckApart(const PublishOptions& options) {
-	std::error_code error;
-	const fs::path tree = fs::canonical(options.tree, error);
-	if (error || !fs::is_directory(tree)) {
-		throw PublishError("The tree " + options.tree + " is no directory that can be read.");
-	}
-	const fs::path repository = fs::weakly_canonical(fs::absolute(options.repository));
-	if (Contains(tree, repository) || Contains(repository, tree)) {
-		throw PublishError("The tree " + options.tree + " and the repository " + options.repository +
-		                   " must not lie within each other.");
-	}
-}
-
 constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
 
-// Reproducible builds set the variable; for everybody else it is now.
+// Reproducible builds set the variable.
 int FetchTime() {
 	const char* text = std::getenv(kTimeVariable);
 	std::int64_t seconds = std::time(nullptr);
@@ -81,27 +61,7 @@ void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObser
 	}
 }
 
-} // namespace
-
-void CheckOptions(const PublishOptions& options) {
-	CheckWord("--id", options.id);
-	CheckWord("--format-version", options.format_version);
-	CheckWord("--db-version", options.db_version);
-	CheckUrl(options.url);
-	if (options.data_version && (*options.data_version < 0 || *options.data_version > kMaxNumber)) {
-		throw UsageError("--data-version " + std::to_string(*options.data_version) + " must be 0 to " +
-		                 std::to_string(kMaxNumber) + ".");
-	}
-	CheckKeptDiffs(options.keep_diffs);
-	if (options.level < kMinLevel || options.level > kMaxLevel) {
-		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(kMinLevel) + " to " +
-		                 std::to_string(kMaxLevel) + ".");
-	}
-}
-
-namespace {
-
-/** Publishes one version; the steps of Publish(). */
+/** The steps of Publish(). */
 class Publication {
 public:
 	Publication(const PublishOptions& options, const PublishObserver& observer)
@@ -146,7 +106,7 @@ public:
 private:
 	std::string PackagePath() const { return repository_.PackagePath(options_.id, result_.data_version); }
 
-	/** Goes on after a publisher that was killed with its package in place: that package's time makes the same bytes.
+	/** Continues after a publisher that was killed with its package in place: the package's time makes the same bytes.
 	 */
 	void TakeUp() {
 		try {
@@ -160,7 +120,7 @@ private:
 		}
 	}
 
-	/** What is there under the package's name, and devices or caches may have, must be the same package. */
+	/** A package of this name that is there already must be the same: devices or caches may have it. */
 	void RequireSame(const std::string& package) {
 		if (fs::exists(PackagePath()) && !SameBytes(PackagePath(), package)) {
 			RefuseToReplace();
@@ -176,7 +136,7 @@ private:
 		                   ", or remove it when it was never served.");
 	}
 
-	/** Makes the diff package when there can be one; no reason against it is one against publishing. */
+	/** Makes the diff package when there can be one. A failure is a warning: the version is published without. */
 	void WriteDiff(const std::string& package) {
 		if (!previous_ || options_.keep_diffs == 0) {
 			return;
@@ -212,13 +172,11 @@ private:
 	void GiveUpDiff(const std::exception& error) {
 		diff_.reset();
 		result_.diff.reset();
-		std::string why = error.what();
-		why.erase(why.find_last_not_of('.') + 1);
-		observer_.warn("Version " + std::to_string(result_.data_version) + " has no diff package: " + why +
-		               ". Devices take the full package.");
+		observer_.warn("Version " + std::to_string(result_.data_version) +
+		               " has no diff package: " + WithoutEnd(error.what()) + ". Devices take the full package.");
 	}
 
-	/** Removes the diff packages that the document names no longer; what is published stays published without it. */
+	/** Removes the diff packages that the document names no longer. A failure is a warning. */
 	void Sweep() {
 		try {
 			repository_.Clean(options_.id);

@@ -1,3 +1,4 @@
+/** @file Publishing one version. */
 #ifndef PUBLISHER_PUBLISH_H
 #define PUBLISHER_PUBLISH_H
 
@@ -5,7 +6,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,7 +13,6 @@
 namespace tarn::publisher {
 
 constexpr int kDefaultKeepDiffs = 30;
-constexpr std::int64_t kMaxNumber = std::numeric_limits<int>::max(); // of versions and times, as devices read them
 
 struct PublishOptions {
 	std::string tree;
@@ -39,7 +38,7 @@ struct DiffResult {
 	std::uint64_t scripted = 0;
 	std::uint64_t deleted = 0;
 	std::vector<int> earlier; // versions of the packages before it that still lead up to it, oldest first
-	int oldest_base = 0;      // the oldest version from which devices come by diff packages alone
+	int oldest_base = 0;      // the oldest version that needs no full package
 };
 
 struct PublishResult {
@@ -52,35 +51,32 @@ struct PublishResult {
 	std::optional<DiffResult> diff;
 };
 
-/** Where publishing tells how it gets on. */
+/** Gets warnings and progress. */
 struct PublishObserver {
 	std::function<void(const std::string& sentence)> warn = [](const std::string& /*sentence*/) {};
 	std::function<void()> waiting = [] {};
-	/** Called often, with totals to compare the two numbers done against. */
+	/** Called often, with what is done so far and the tree that holds the totals. */
 	std::function<void(std::uint64_t files, std::uint64_t bytes, const Tree& tree)> progress =
 	    [](std::uint64_t /*files*/, std::uint64_t /*bytes*/, const Tree& /*tree*/) {};
-	/** Called by one thread at a time while a diff is made: what is being done, and how many parts of it are. */
+	/** Called by one thread at a time while a diff is made: which step, and how many of its parts are done. */
 	std::function<void(const std::string& what, std::uint64_t done, std::uint64_t all)> step =
 	    [](const std::string& /*what*/, std::uint64_t /*done*/, std::uint64_t /*all*/) {};
 };
 
 /**
- * Publishes one version of a database: first its packages, then the document that names them, each put in place whole.
- * When the version before it is published, a diff package from there is one of them; without one, for whatever reason,
- * the version is published all the same, and devices take the full package. At any moment, and after being killed at
- * any moment, the repository serves the old state or the new one.
+ * Publishes one version of a database: first its packages, then the document that names them. Each file appears whole.
+ * At any moment, also after a publisher was killed, the repository serves the old state or the new state.
  *
- * A version is never published twice, and none that is not above the highest one that a document names or that is there
- * as a package: devices keep what they have when the version does not grow, and a package that is announced must stay
- * what it was. A full package that a killed publisher left is published when the tree makes the same bytes once more,
- * and is never replaced by others.
+ * A diff package from the version before is made when that version is published. When no diff package can be made, the
+ * version is published without, and devices take the full package.
+ *
+ * The version must be above every version that a document names or that is there as a package: devices take higher
+ * versions only, and a package that was announced must never change. A full package that a killed publisher left is
+ * published when the tree makes the same bytes again, and is never replaced by other bytes.
  *
  * @throws UsageError for a value that can never work, PublishError otherwise
  */
 PublishResult Publish(const PublishOptions& options, const PublishObserver& observer);
-
-/** Throws UsageError when an option's value can never work. */
-void CheckOptions(const PublishOptions& options);
 
 } // namespace tarn::publisher
 

@@ -1,11 +1,13 @@
+/** @file Failures, as sentences for the person at the terminal. */
 #ifndef PUBLISHER_PUBLISH_ERROR_H
 #define PUBLISHER_PUBLISH_ERROR_H
 
 #include <stdexcept>
+#include <string>
 
 namespace tarn::publisher {
 
-/** What could not be done and why, in one sentence for the person at the terminal. */
+/** What could not be done and why, in one sentence. */
 class PublishError : public std::runtime_error {
 public:
 	using std::runtime_error::runtime_error;
@@ -17,11 +19,10 @@ public:
 	using PublishError::PublishError;
 };
 
-/** A document cannot be understood, and is left as it is. */
-class DamagedDocument : public PublishError {
-public:
-	using PublishError::PublishError;
-};
+/** A text without the same character at its end, such as a sentence that is to be continued. */
+inline std::string WithoutEnd(std::string text, char end = '.') {
+	return text.erase(text.find_last_not_of(end) + 1);
+}
 
 } // namespace tarn::publisher
 

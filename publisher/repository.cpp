@@ -1,6 +1,5 @@
 #include "publisher/repository.h"
 
-#include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/publish_error.h"
@@ -14,9 +13,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 namespace tarn::publisher {
@@ -25,7 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMaxDocumentSize = 64U << 20U;
 constexpr const char* kLockName = ".tarndbudpub.lock";
 constexpr const char* kUrlName = "/packages/.tarndbudpub.url";
 constexpr mode_t kLockMode = 0644;
@@ -47,53 +45,37 @@ UniqueFd Lock(const std::string& path, const std::function<void()>& waiting) {
 	return fd;
 }
 
-Json::Value ParseObject(const std::string& text, const std::string& path) {
-	Json::CharReaderBuilder builder;
-	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-	Json::Value value;
-	std::string errors;
-	try {
-		if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
-			value = Json::Value();
-		}
-	} catch (const Json::Exception& error) {
-		errors = error.what();
-		value = Json::Value();
+std::optional<PackageFile> Recognise(const fs::path& path, const std::string& id) {
+	constexpr std::string_view kSuffix = ".tarn";
+	const std::string name = path.filename().string();
+	const std::size_t prefix = id.size() + 2; // "_v" or "_d"
+	if (name.size() <= prefix + kSuffix.size() || !StartsWith(name, id + "_") || path.extension() != kSuffix) {
+		return std::nullopt;
 	}
-	std::replace(errors.begin(), errors.end(), '\n', ' ');
-	if (!value.isObject()) {
-		throw DamagedDocument("The document " + path +
-		                      " is no JSON object and is left as it is; repair it, or rebuild "
-		                      "it by \"tarndbudpub restore\". " +
-		                      errors);
+	const char kind = name[id.size() + 1];
+	const std::optional<int> version =
+	    ParseVersion(std::string_view(name).substr(prefix, name.size() - prefix - kSuffix.size()));
+	if (!version || (kind != 'v' && kind != 'd')) {
+		return std::nullopt;
 	}
-	return value;
+	return PackageFile{path.string(), *version, kind == 'd'};
 }
 
-int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
-	std::optional<int> version;
-	if (entry.isObject() && entry["data_version"].isString()) {
-		version = ParseVersion(entry["data_version"].asString());
+/** The paths in a directory; none when it is missing. */
+std::vector<fs::path> PathsIn(const std::string& directory) {
+	std::vector<fs::path> entries;
+	std::error_code error;
+	for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+		entries.push_back(entry->path());
 	}
-	if (!version) {
-		throw DamagedDocument("The document " + path + " holds no readable version of " + id +
-		                      "; repair it, or rebuild it by \"tarndbudpub restore\".");
+	if (error && error != std::errc::no_such_file_or_directory) {
+		throw PublishError(directory + " cannot be read: " + error.message() + ".");
 	}
-	return *version;
+	return entries;
 }
 
-/** The diff packages of an entry; what is no such thing is passed over, as it leads no device anywhere. */
-std::map<int, DiffFile> DiffFilesOf(const Json::Value& entry) {
-	std::map<int, DiffFile> files;
-	const Json::Value& list = entry["diff_files"];
-	for (const std::string& key : list.isObject() ? list.getMemberNames() : Json::Value::Members()) {
-		const std::optional<int> version = ParseVersion(key);
-		const Json::Value& file = list[key];
-		if (version && file.isObject() && file["download_link"].isString() && file["file_size"].isInt()) {
-			files[*version] = {file["download_link"].asString(), file["file_size"].asInt()};
-		}
-	}
-	return files;
+bool Exists(const std::string& path) {
+	return fs::exists(fs::symlink_status(path));
 }
 
 void WriteReplacing(const std::string& path, const std::string& text) {
@@ -102,31 +84,11 @@ void WriteReplacing(const std::string& path, const std::string& text) {
 	file.Commit();
 }
 
-Json::Value ToJson(const std::map<int, DiffFile>& files) {
-	Json::Value list(Json::objectValue);
-	for (const auto& [version, file] : files) {
-		Json::Value& value = list[std::to_string(version)];
-		value["download_link"] = file.download_link;
-		value["file_size"] = file.file_size;
-	}
-	return list;
-}
-
-/** Writes an entry into its place in a document. */
-void Record(Json::Value& place, const Entry& entry) {
-	if (!place.isObject()) {
-		place = Json::Value(Json::objectValue);
-	}
-	if (!place["deprecated"].isBool()) {
-		place["deprecated"] = false;
-	}
-	place["data_version"] = std::to_string(entry.data_version);
-	place["last_fetch_time"] = entry.last_fetch_time;
-	place["download_link"] = entry.download_link;
-	place["diff_files"] = ToJson(entry.diff_files);
-}
-
 } // namespace
+
+std::string LinkTo(const std::string& url, const std::string& name) {
+	return WithoutEnd(url, '/') + "/" + name;
+}
 
 Repository::Repository(std::string directory, const std::function<void()>& waiting) : directory_(std::move(directory)) {
 	MakeServedDirectories(directory_);
@@ -153,65 +115,41 @@ std::string Repository::DocumentPath(const std::string& db_version) const {
 	return directory_ + "/database_info/" + db_version;
 }
 
-Json::Value Repository::ReadDocument(const std::string& path) const {
-	std::string text;
-	try {
-		const UniqueFd fd = OpenRegularFile(AT_FDCWD, path);
-		text = ReadSmallFile(fd.Get(), kMaxDocumentSize, "it");
-	} catch (const Error& error) {
-		throw PublishError("The document " + path + " cannot be read: it " + error.what() + ".");
-	}
-	Json::Value document = ParseObject(text, path);
-	if (!std::as_const(document)["db_list"].isObject()) {
-		throw DamagedDocument("The document " + path +
-		                      " has no \"db_list\" object and is left as it is; repair it, or "
-		                      "rebuild it by \"tarndbudpub restore\".");
-	}
-	return document;
-}
-
-void Repository::ForEachEntry(
-    const std::string& id, const std::function<void(const std::string&, const Json::Value&)>& callback) const {
+std::vector<Entry> Repository::EntriesOf(const std::string& id) const {
+	std::vector<Entry> entries;
 	std::error_code error;
 	for (const fs::directory_entry& file : fs::directory_iterator(directory_ + "/database_info", error)) {
 		if (file.path().filename().string().front() == '.') {
 			continue;
 		}
-		const Json::Value list = ReadDocument(file.path().string())["db_list"];
-		if (list.isMember(id)) {
-			callback(file.path().string(), list[id]);
+		if (std::optional<Entry> entry = Document(file.path().string()).Find(id)) {
+			entries.push_back(std::move(*entry));
 		}
 	}
 	if (error && error != std::errc::no_such_file_or_directory) {
 		throw PublishError("The documents of " + directory_ + " cannot be read: " + error.message() + ".");
 	}
+	return entries;
 }
 
 std::optional<int> Repository::LastVersion(const std::string& id) const {
 	std::optional<int> last;
-	ForEachEntry(id, [&](const std::string& path, const Json::Value& entry) {
-		last = std::max(last.value_or(-1), VersionOf(entry, id, path));
-	});
+	for (const Entry& entry : EntriesOf(id)) {
+		last = std::max(last.value_or(-1), entry.data_version);
+	}
 	return last;
 }
 
 std::optional<Entry> Repository::ReadEntry(const std::string& db_version, const std::string& id) const {
 	const std::string path = DocumentPath(db_version);
-	if (!fs::exists(fs::symlink_status(path))) {
-		return std::nullopt;
-	}
-	const Json::Value list = ReadDocument(path)["db_list"];
-	if (!list.isMember(id)) {
-		return std::nullopt;
-	}
-	return Entry{VersionOf(list[id], id, path), 0, "", DiffFilesOf(list[id])};
+	return Exists(path) ? Document(path).Find(id) : std::nullopt;
 }
 
 bool Repository::IsDamaged(const std::string& db_version) const {
 	const std::string path = DocumentPath(db_version);
 	try {
-		if (fs::exists(fs::symlink_status(path))) {
-			ReadDocument(path);
+		if (Exists(path)) {
+			const Document readable(path);
 		}
 		return false;
 	} catch (const DamagedDocument&) {
@@ -220,22 +158,40 @@ bool Repository::IsDamaged(const std::string& db_version) const {
 }
 
 std::vector<PackageFile> Repository::Packages(const std::string& id) const {
-	return ListPackageFiles(PackageDirectory(id), id);
+	std::vector<PackageFile> files;
+	for (const fs::path& path : PathsIn(PackageDirectory(id))) {
+		if (std::optional<PackageFile> file = Recognise(path, id)) {
+			files.push_back(std::move(*file));
+		}
+	}
+	std::sort(files.begin(), files.end(), [](const PackageFile& left, const PackageFile& right) {
+		return std::tie(left.data_version, left.is_diff, left.path) <
+		       std::tie(right.data_version, right.is_diff, right.path);
+	});
+	return files;
 }
 
 std::vector<std::string> Repository::PackagedIds() const {
-	return ListPackagedIds(directory_ + "/packages");
+	std::vector<std::string> ids;
+	for (const fs::path& path : PathsIn(directory_ + "/packages")) {
+		if (fs::is_directory(path) && path.filename().string().front() != '.') {
+			ids.push_back(path.filename().string());
+		}
+	}
+	std::sort(ids.begin(), ids.end());
+	return ids;
 }
 
 void Repository::RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const {
-	std::set<std::string> named;
-	ForEachEntry(id, [&](const std::string& /*path*/, const Json::Value& entry) {
-		for (const auto& [version, file] : DiffFilesOf(entry)) {
-			named.insert(DiffPath(id, version));
+	std::set<int> kept;
+	for (const Entry& entry : EntriesOf(id)) {
+		for (const auto& [version, file] : entry.diff_files) {
+			kept.insert(version);
 		}
-	});
+	}
 	for (const PackageFile& file : Packages(id)) {
-		if (file.is_diff && named.count(file.path) == 0 && file.data_version != spared) {
+		const bool is_named = kept.count(file.data_version) > 0 && file.path == DiffPath(id, file.data_version);
+		if (file.is_diff && !is_named && file.data_version != spared) {
 			fs::remove(file.path);
 		}
 	}
@@ -260,27 +216,16 @@ void Repository::WriteEntry(const std::string& db_version, const std::string& id
 void Repository::WriteEntries(
     const std::string& db_version, const std::map<std::string, Entry>& entries, bool replaces_damaged) const {
 	const std::string path = DocumentPath(db_version);
-	Json::Value document(Json::objectValue);
+	Document document;
 	if (replaces_damaged && IsDamaged(db_version)) {
-		KeepDamaged(db_version);
-	} else if (fs::exists(fs::symlink_status(path))) {
-		document = ReadDocument(path);
-	}
-	if (!document["deprecated"].isBool()) {
-		document["deprecated"] = false;
+		WriteReplacing(directory_ + "/database_info/.damaged-" + db_version, Document::ReadText(path));
+	} else if (Exists(path)) {
+		document = Document(path);
 	}
 	for (const auto& [id, entry] : entries) {
-		Record(document["db_list"][id], entry);
+		document.Put(id, entry);
 	}
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "\t";
-	WriteReplacing(path, Json::writeString(builder, document) + "\n");
-}
-
-void Repository::KeepDamaged(const std::string& db_version) const {
-	const UniqueFd fd = OpenRegularFile(AT_FDCWD, DocumentPath(db_version));
-	const std::string text = ReadSmallFile(fd.Get(), kMaxDocumentSize, "it");
-	WriteReplacing(directory_ + "/database_info/.damaged-" + db_version, text);
+	WriteReplacing(path, document.Text());
 }
 
 void Repository::RememberUrl(const std::string& url) const {

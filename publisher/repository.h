@@ -1,10 +1,9 @@
+/** @file The directory that the web server serves. */
 #ifndef PUBLISHER_REPOSITORY_H
 #define PUBLISHER_REPOSITORY_H
 
 #include "base/unique_fd.h"
-#include "publisher/package_files.h"
-
-#include <json/json.h>
+#include "publisher/document.h"
 
 #include <functional>
 #include <map>
@@ -14,23 +13,16 @@
 
 namespace tarn::publisher {
 
-/** What the document says about one diff package. */
-struct DiffFile {
-	std::string download_link;
-	int file_size = 0;
-};
-
-/** What the document says about one version of a database. */
-struct Entry {
+/** A file that has a package's name; its content is unknown. */
+struct PackageFile {
+	std::string path;
 	int data_version = 0;
-	int last_fetch_time = 0;
-	std::string download_link;
-	std::map<int, DiffFile> diff_files; // by the version that each leads to
+	bool is_diff = false;
 };
 
 /**
- * The directory that the web server serves: packages/<id>/ and the documents database_info/<version>. While an object
- * lives it holds the directory's lock, so that publishers follow each other.
+ * Holds packages/<id>/ and the documents database_info/<version>. An object holds the directory's lock, so that
+ * publishers wait for each other.
  */
 class Repository {
 public:
@@ -40,8 +32,8 @@ public:
 	 */
 	Repository(std::string directory, const std::function<void()>& waiting);
 
-	/** The highest version that any document names for a database; none when it was never published. */
-	std::optional<int> LastVersion(const std::string& id) const;
+	/** The highest version that any document names for a database; no value when it was never published. */
+	[[nodiscard]] std::optional<int> LastVersion(const std::string& id) const;
 
 	static std::string PackageName(const std::string& id, int data_version);
 	std::string PackagePath(const std::string& id, int data_version) const;
@@ -57,50 +49,47 @@ public:
 	std::vector<std::string> PackagedIds() const;
 
 	/**
-	 * Removes what killed publishers left where this one will write, and diff packages that no document names.
+	 * Removes what killed publishers left, and diff packages that no document names.
 	 *
-	 * @param spared  a version whose diff package stays all the same
+	 * @param spared  a version whose diff package stays
 	 */
 	void Clean(const std::string& id, const std::optional<int>& spared = std::nullopt) const;
 
-	/** The same for documents alone. */
+	/** Removes what killed publishers left of documents. */
 	void RemoveDocumentLeftovers() const;
 
-	/** A database's entry in a document; none when it was never published there. */
-	std::optional<Entry> ReadEntry(const std::string& db_version, const std::string& id) const;
+	/** A database's entry in a document; no value when it was never published there. */
+	[[nodiscard]] std::optional<Entry> ReadEntry(const std::string& db_version, const std::string& id) const;
 	/** Whether a document is there that cannot be understood as a whole; throws PublishError when it cannot be read. */
-	bool IsDamaged(const std::string& db_version) const;
+	[[nodiscard]] bool IsDamaged(const std::string& db_version) const;
 
-	/**
-	 * Puts a database's entry into a document, keeping all else that it holds: other databases, flags of deprecation,
-	 * members unknown here.
-	 */
+	/** Puts a database's entry into a document, which keeps everything else that it holds. */
 	void WriteEntry(const std::string& db_version, const std::string& id, const Entry& entry) const;
 	/**
 	 * The same for several databases at once.
 	 *
-	 * @param replaces_damaged  whether a document that cannot be understood begins anew, its text kept in ".damaged-"
-	 *                          and its name
+	 * @param replaces_damaged  whether a document that cannot be understood is replaced; ".damaged-" and its name keep
+	 *                          its text
 	 */
 	void WriteEntries(
 	    const std::string& db_version, const std::map<std::string, Entry>& entries, bool replaces_damaged) const;
 
-	/** Notes what the repository was served as when something was published, for a document that is lost. */
+	/** Notes at which URL the repository is served, for a document that is lost. */
 	void RememberUrl(const std::string& url) const;
-	std::optional<std::string> RememberedUrl() const;
+	[[nodiscard]] std::optional<std::string> RememberedUrl() const;
 
 private:
-	Json::Value ReadDocument(const std::string& path) const;
-	/** Calls back with the path of every document and what it says about a database. */
-	void ForEachEntry(
-	    const std::string& id, const std::function<void(const std::string&, const Json::Value&)>& callback) const;
+	/** What the documents say about a database. */
+	std::vector<Entry> EntriesOf(const std::string& id) const;
 	void RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const;
-	void KeepDamaged(const std::string& db_version) const;
 	std::string PackageDirectory(const std::string& id) const { return directory_ + "/packages/" + id; }
 
 	std::string directory_;
 	UniqueFd lock_;
 };
+
+/** The link to a file of a repository that is served at a URL. */
+std::string LinkTo(const std::string& url, const std::string& name);
 
 } // namespace tarn::publisher
 

@@ -1,8 +1,8 @@
 #include "publisher/restore.h"
 
+#include "publisher/checks.h"
 #include "publisher/diff_package.h"
-#include "publisher/option_checks.h"
-#include "publisher/package_reader.h"
+#include "publisher/package.h"
 #include "publisher/publish_error.h"
 #include "publisher/repository.h"
 
@@ -17,7 +17,7 @@ namespace tarn::publisher {
 
 namespace {
 
-/** What a package that is signed and in its place says of itself. */
+/** What a signed package in its place says about itself. */
 struct SignedPackage {
 	std::string path;
 	int published = 0;
@@ -29,15 +29,10 @@ struct SignedPackage {
 struct SignedPackages {
 	std::map<int, SignedPackage> full; // by version
 	std::map<int, SignedPackage> diffs;
-	int highest = -1; // version of all packages of the document's format, of use or not
+	int highest = -1; // version of all packages of the document's format, also of those that cannot be used
 };
 
-std::string WithoutEnd(std::string sentence) {
-	sentence.erase(sentence.find_last_not_of('.') + 1);
-	return sentence;
-}
-
-/** Rebuilds one document; the steps of Restore(). */
+/** The steps of Restore(). */
 class Restoration {
 public:
 	Restoration(const RestoreOptions& options, const PublishObserver& observer)
@@ -87,7 +82,7 @@ private:
 		return ids;
 	}
 
-	/** The version that the document names; none when there is nothing to believe. */
+	/** The version that the document names; no value when the document is damaged or does not name the database. */
 	std::optional<int> NamedVersion(const std::string& id) const {
 		if (is_damaged_) {
 			return std::nullopt;
@@ -109,7 +104,7 @@ private:
 		}
 	}
 
-	/** Whether the document's entry stays, because it can be read and is as new as the packages. */
+	/** Whether the document's entry can be read, is as new as the packages, and so stays. */
 	bool IsNamed(const std::string& id) {
 		const std::optional<int> named = NamedVersion(id);
 		if (!named || options_.force) {
@@ -118,13 +113,9 @@ private:
 		const std::vector<PackageFile> files = repository_.Packages(id);
 		if (!files.empty() && files.back().data_version > std::max(*named, NamedAnywhere(id))) {
 			throw PublishError(result_.document + " names its version " + std::to_string(*named) + ", though " +
-			                   files.back().path + " is there; --force writes the entry anew");
+			                   files.back().path + " is there; --force replaces the entry");
 		}
-		RestoredDatabase database;
-		database.id = id;
-		database.was_named = true;
-		database.data_version = *named;
-		result_.databases.push_back(std::move(database));
+		result_.databases.push_back({id, true, *named, 0, 0, {}});
 		return true;
 	}
 
@@ -141,7 +132,7 @@ private:
 		const auto& [version, newest] = *packages.full.rbegin();
 		Entry entry = {version, newest.published, LinkTo(url_, Repository::PackageName(id, version)), {}};
 		if (!newest.says_when) {
-			observer_.warn(newest.path + " does not say when it was published; the time of the file stands for it.");
+			observer_.warn(newest.path + " does not say when it was published; the time of the file is used.");
 		}
 		entry.diff_files = Chain(id, version, packages.diffs);
 		WarnOfHigher(id, version, packages.highest);
@@ -186,12 +177,9 @@ private:
 			throw PublishError("the package " + file.path + " is larger than the document can say");
 		}
 		const Json::Value& format = metadata["format_version"];
-		SignedPackage package = {
-		    file.path, 0, false, format.isString() ? format.asString() : "", archive.Head().FileSize()};
 		const std::optional<int> published = PublishedTime(metadata);
-		package.says_when = published.has_value();
-		package.published = published ? *published : FileTime(file.path);
-		return package;
+		return {file.path, published ? *published : FileTime(file.path), published.has_value(),
+		    format.isString() ? format.asString() : "", archive.Head().FileSize()};
 	}
 
 	static int FileTime(const std::string& path) {
@@ -221,7 +209,7 @@ private:
 		return files;
 	}
 
-	/** Devices may have a version that cannot be named, and take no lower or equal one. */
+	/** Devices that have a version which cannot be named take higher versions only. */
 	void WarnOfHigher(const std::string& id, int version, int highest_packaged) const {
 		const int highest = std::max(highest_packaged, NamedVersion(id).value_or(version));
 		if (highest > version) {
@@ -245,13 +233,9 @@ private:
 	}
 
 	void Add(const std::string& id, const Entry& entry) {
-		RestoredDatabase database;
-		database.id = id;
-		database.data_version = entry.data_version;
-		database.diffs = entry.diff_files.size();
-		database.oldest_base = entry.diff_files.empty() ? entry.data_version : entry.diff_files.begin()->first - 1;
-		database.download_link = entry.download_link;
-		result_.databases.push_back(std::move(database));
+		const auto& diffs = entry.diff_files;
+		const int oldest_base = diffs.empty() ? entry.data_version : diffs.begin()->first - 1;
+		result_.databases.push_back({id, false, entry.data_version, diffs.size(), oldest_base, entry.download_link});
 	}
 
 	const RestoreOptions& options_;

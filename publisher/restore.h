@@ -1,3 +1,4 @@
+/** @file Rebuilding a lost document from the packages. */
 #ifndef PUBLISHER_RESTORE_H
 #define PUBLISHER_RESTORE_H
 
@@ -12,12 +13,12 @@ namespace tarn::publisher {
 struct RestoreOptions {
 	std::string repository;
 	std::vector<std::string> keys; // public keys, one of which must have signed a package
-	std::string url;               // what the repository is served as; empty for what the last publisher said
+	std::string url;               // where the repository is served; empty for what the last publisher said
 	std::vector<std::string> ids;  // empty for every database of which there are packages
 	std::string db_version = "1";
 	std::optional<std::string> format_version; // packages of others are left out
 	int keep_diffs = kDefaultKeepDiffs;
-	bool force = false; // whether entries that the document has are written anew
+	bool force = false; // whether entries that the document has are replaced
 };
 
 /** One database of a document that was rebuilt. */
@@ -26,7 +27,7 @@ struct RestoredDatabase {
 	bool was_named = false; // the document names it already, and its entry stays
 	int data_version = 0;
 	std::size_t diffs = 0;
-	int oldest_base = 0; // the oldest version from which devices come by diff packages alone
+	int oldest_base = 0; // the oldest version that needs no full package
 	std::string download_link;
 };
 
@@ -40,13 +41,13 @@ struct RestoreResult {
 /**
  * Rebuilds a document that is lost, damaged, or lacks a database, from the signed metadata of the packages: for each
  * database the newest full package, and the diff packages that lead to its version without a gap, as many as are kept.
- * The document is put in place whole; packages are only read. Entries of a document that can be read stay, unless the
- * options say otherwise, and so does all else in it.
+ * The document appears whole; packages are only read. A document that can be read keeps its entries, unless the options
+ * say otherwise, and everything else that it holds.
  *
- * A version of which only a diff package is left is not named, since a new device would find no package: devices that
- * have it wait for a higher version, which a warning names.
+ * A version of which only a diff package is left is not named, since a new device would find no full package. Devices
+ * that have this version wait for a higher version, which a warning names.
  *
- * @param observer  is warned of every package that is of no use, and why
+ * @param observer  gets a warning for every package that cannot be used
  * @throws UsageError for a value that can never work, PublishError otherwise
  */
 RestoreResult Restore(const RestoreOptions& options, const PublishObserver& observer);

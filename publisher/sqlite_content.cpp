@@ -1,14 +1,12 @@
 #include "publisher/sqlite_content.h"
 
-#include "base/error.h"
-#include "base/file_io.h"
+#include "base/text.h"
+#include "publisher/input_file.h"
 #include "publisher/publish_error.h"
 #include "publisher/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <sqlite3.h>
-
-#include <fcntl.h>
 
 #include <algorithm>
 #include <array>
@@ -22,26 +20,17 @@ namespace tarn::publisher {
 
 namespace {
 
-constexpr std::size_t kHeaderSize = 100;
-constexpr std::string_view kMagic("SQLite format 3\0", 16);
-using Header = std::array<char, kHeaderSize>;
-
-/** A database's header; none when the file is not one. */
-std::optional<Header> ReadHeader(const std::string& path) {
-	try {
-		const UniqueFd fd = OpenRegularFile(AT_FDCWD, path);
-		Header header{};
-		if (ReadFullyAt(fd.Get(), header.data(), header.size(), 0) &&
-		    std::string_view(header.data(), kMagic.size()) == kMagic) {
-			return header;
-		}
-		return std::nullopt;
-	} catch (const Error& error) {
-		throw PublishError(path + " cannot be read: it " + error.what() + ".");
-	}
+/** A database's header; no value when the file is no database. */
+std::optional<std::string> ReadHeader(const std::string& path) {
+	constexpr std::size_t kHeaderSize = 100;
+	constexpr std::string_view kMagic("SQLite format 3\0", 16);
+	InputFile file(path);
+	const std::string_view begin = file.Next();
+	const bool is_database = begin.size() >= kHeaderSize && StartsWith(begin, kMagic);
+	return is_database ? std::optional<std::string>(begin.substr(0, kHeaderSize)) : std::nullopt;
 }
 
-/** What no statement about rows changes, by its place in the header. */
+/** A field of the header that no statement about rows changes. */
 struct Setting {
 	const char* name;
 	std::size_t offset;
@@ -54,15 +43,15 @@ constexpr Setting kAutoVacuum = {"auto vacuum", 52, 4};
 constexpr Setting kIncrementalVacuum = {"incremental vacuum", 64, 4};
 constexpr Setting kEncoding = {"text encoding", 56, 4};
 
-std::string_view Field(const Header& header, const Setting& setting) {
-	return {&header.at(setting.offset), setting.size};
+std::string_view Field(const std::string& header, const Setting& setting) {
+	return std::string_view(header).substr(setting.offset, setting.size);
 }
 
 bool IsZero(std::string_view field) {
 	return field.find_first_not_of('\0') == std::string_view::npos;
 }
 
-std::optional<std::string> FindSettingDifference(const Header& before, const Header& after) {
+std::optional<std::string> FindSettingDifference(const std::string& before, const std::string& after) {
 	for (const Setting& setting : kSettings) {
 		if (Field(before, setting) != Field(after, setting)) {
 			return std::string("the databases differ in their ") + setting.name;
@@ -80,7 +69,7 @@ std::optional<std::string> FindSettingDifference(const Header& before, const Hea
 	return std::nullopt;
 }
 
-/** The file and nothing beside it, as the one thing that travels; not even locks are taken. */
+/** Opens the file without what lies beside it, since the file alone is published; takes no locks. */
 SQLite::Database OpenAlone(const std::string& path) {
 	std::string uri = "file:";
 	for (const char byte : path) {
@@ -238,8 +227,8 @@ bool IsSqliteFile(const std::string& path) {
 }
 
 std::optional<std::string> FindScriptObstacle(const std::string& before, const std::string& after) {
-	const std::optional<Header> before_header = ReadHeader(before);
-	const std::optional<Header> after_header = ReadHeader(after);
+	const std::optional<std::string> before_header = ReadHeader(before);
+	const std::optional<std::string> after_header = ReadHeader(after);
 	if (!before_header || !after_header) {
 		return "it is no database in both versions";
 	}

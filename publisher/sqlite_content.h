@@ -1,3 +1,4 @@
+/** @file What database files hold, whatever their bytes. */
 #ifndef PUBLISHER_SQLITE_CONTENT_H
 #define PUBLISHER_SQLITE_CONTENT_H
 
@@ -7,20 +8,20 @@
 namespace tarn::publisher {
 
 /** Whether a file begins as SQLite's databases do; throws PublishError when it cannot be read. */
-bool IsSqliteFile(const std::string& path);
+[[nodiscard]] bool IsSqliteFile(const std::string& path);
 
 /**
- * Why one database file cannot be turned into another by statements that change rows alone, or nothing. Both files are
- * read as they are, without their companions, and nothing is created beside them.
+ * Why statements that change rows cannot turn one database file into another; no value when they can. Reads both files
+ * without SQLite's companions, and creates nothing beside them.
  */
-std::optional<std::string> FindScriptObstacle(const std::string& before, const std::string& after);
+[[nodiscard]] std::optional<std::string> FindScriptObstacle(const std::string& before, const std::string& after);
 
 /**
- * The first difference in what two database files hold, or nothing: schema, and every table's rows with their row ids,
- * each value by its type and exact bytes. How pages lie in the files makes no difference, nor how the index of a
- * full-text table or an R*Tree is built: RequireSoundIndexes() says whether it fits the rows. Reads row by row.
+ * The first difference in what two database files hold; no value when they hold the same. Compares the schema, and row
+ * by row each table's row ids and values, by type and exact bytes. Does not compare how pages lie in the files, nor the
+ * indexes of full-text tables and R*Trees: RequireSoundIndexes() says whether these fit the rows.
  */
-std::optional<std::string> FindContentDifference(const std::string& left, const std::string& right);
+[[nodiscard]] std::optional<std::string> FindContentDifference(const std::string& left, const std::string& right);
 
 } // namespace tarn::publisher
 

@@ -50,10 +50,6 @@ void CheckDepth(int above, const std::string& name) {
 	}
 }
 
-bool IsBeneath(const fs::path& path, const fs::path& root) {
-	return std::mismatch(root.begin(), root.end(), path.begin(), path.end()).first == root.end();
-}
-
 /** The file that a link stands for. */
 fs::path ResolveLink(const fs::path& link, const std::string& name, const fs::path& root) {
 	std::error_code error;
@@ -96,6 +92,18 @@ void CheckLimits(const Tree& tree, const std::string& root) {
 }
 
 } // namespace
+
+std::set<std::string> NamesOf(const Tree& tree) {
+	std::set<std::string> names;
+	for (const TreeFile& file : tree.files) {
+		names.insert(file.name);
+	}
+	return names;
+}
+
+bool IsBeneath(const fs::path& path, const fs::path& root) {
+	return std::mismatch(root.begin(), root.end(), path.begin(), path.end()).first == root.end();
+}
 
 void RefuseVanished(const std::string& name) {
 	throw PublishError("\"" + Printable(name) + "\" vanished while it was read; publish a tree at rest.");

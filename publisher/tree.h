@@ -1,7 +1,11 @@
+/** @file A directory tree that is published. */
 #ifndef PUBLISHER_TREE_H
 #define PUBLISHER_TREE_H
 
+#include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,10 +23,10 @@ struct TreeFile {
 struct Tree {
 	std::vector<TreeFile> files;
 	std::uint64_t total_size = 0;
-	std::uint64_t empty_directories = 0; // which devices will not have
+	std::uint64_t empty_directories = 0; // which devices do not install
 };
 
-/** Long enough for any sensible name, and short enough to stay below PATH_MAX in every directory of a device. */
+/** Names of this length stay below PATH_MAX in every directory of a device. */
 constexpr std::size_t kMaxNameLength = 3000;
 
 /**
@@ -34,8 +38,21 @@ constexpr std::size_t kMaxNameLength = 3000;
  */
 Tree ListTree(const std::string& root);
 
-/** Throws the PublishError for a file of a tree that is gone though the tree was listed with it. */
+/** Throws the PublishError for a file that has vanished since the tree was listed. */
 [[noreturn]] void RefuseVanished(const std::string& name);
+
+std::set<std::string> NamesOf(const Tree& tree);
+
+/** Whether a path is a directory or lies below it; both are canonical. */
+[[nodiscard]] bool IsBeneath(const std::filesystem::path& path, const std::filesystem::path& directory);
+
+/** Calls back with each directory above a name of a tree, the highest first. */
+template<typename Callback>
+void ForEachParent(const std::string& name, const Callback& callback) {
+	for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
+		callback(name.substr(0, end));
+	}
+}
 
 } // namespace tarn::publisher
 

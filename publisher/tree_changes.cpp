@@ -1,16 +1,10 @@
 #include "publisher/tree_changes.h"
 
-#include "base/error.h"
-#include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/device.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
+#include "publisher/input_file.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <iterator>
 #include <map>
 
@@ -21,29 +15,15 @@ namespace {
 // What devices append to the flat name while they work: the decoder's output, SQLite's companions.
 constexpr std::size_t kMaxFlatName = 255 - 16;
 
-UniqueFd OpenToRead(const std::string& path) {
-	try {
-		return OpenRegularFile(AT_FDCWD, path);
-	} catch (const Error& error) {
-		throw PublishError(path + " cannot be read: it " + error.what() + ".");
-	}
-}
-
 bool IsUnchanged(const TreeFile& before, const TreeFile& after) {
 	return before.size == after.size && before.executable == after.executable && SameBytes(before.source, after.source);
 }
 
-std::set<std::string> DirectoriesOf(const Tree& tree, const std::set<std::string>& names) {
+std::set<std::string> DirectoriesOf(const std::set<std::string>& names) {
 	std::set<std::string> directories;
-	const auto add = [&directories](const std::string& name) {
-		for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
-			directories.insert(name.substr(0, end));
-		}
-	};
-	for (const TreeFile& file : tree.files) {
-		add(file.name);
+	for (const std::string& name : names) {
+		ForEachParent(name, [&directories](const std::string& parent) { directories.insert(parent); });
 	}
-	std::for_each(names.begin(), names.end(), add);
 	return directories;
 }
 
@@ -71,31 +51,6 @@ std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes,
 
 } // namespace
 
-bool SameBytes(const std::string& left, const std::string& right) {
-	constexpr std::size_t kBlock = std::size_t{256} << 10U;
-	const UniqueFd one = OpenToRead(left);
-	const UniqueFd other = OpenToRead(right);
-	std::vector<char> first(kBlock);
-	std::vector<char> second(kBlock);
-	struct stat one_status {};
-	struct stat other_status {};
-	if (fstat(one.Get(), &one_status) != 0 || fstat(other.Get(), &other_status) != 0) {
-		throw PublishError(ErrnoText(left + " or " + right + " cannot be read", errno) + ".");
-	}
-	const auto size = static_cast<std::uint64_t>(one_status.st_size);
-	if (one_status.st_size != other_status.st_size) {
-		return false;
-	}
-	for (std::uint64_t at = 0; at < size; at += kBlock) {
-		const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - at));
-		if (!ReadFullyAt(one.Get(), first.data(), part, at) || !ReadFullyAt(other.Get(), second.data(), part, at) ||
-		    std::memcmp(first.data(), second.data(), part) != 0) {
-			return false;
-		}
-	}
-	return true;
-}
-
 std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after) {
 	std::map<std::string, TreeChange> files;
 	for (const TreeFile& file : before.files) {
@@ -115,11 +70,9 @@ std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after) {
 }
 
 std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& after) {
-	std::set<std::string> kept = DirectoriesOf(after, {});
-	for (const TreeFile& file : after.files) {
-		kept.insert(file.name);
-	}
-	const std::set<std::string> directories = DirectoriesOf(before, {});
+	std::set<std::string> kept = NamesOf(after);
+	kept.merge(DirectoriesOf(kept));
+	const std::set<std::string> directories = DirectoriesOf(NamesOf(before));
 	std::vector<std::string> emptied;
 	std::set_difference(directories.begin(), directories.end(), kept.begin(), kept.end(), std::back_inserter(emptied));
 	return emptied;
@@ -127,7 +80,9 @@ std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& afte
 
 std::optional<std::string> FindNameConflict(
     const std::vector<TreeChange>& changes, const Tree& before, const std::set<std::string>& earlier) {
-	const std::set<std::string> directories = DirectoriesOf(before, earlier);
+	std::set<std::string> names = NamesOf(before);
+	names.insert(earlier.begin(), earlier.end());
+	const std::set<std::string> directories = DirectoriesOf(names);
 	for (const TreeChange& change : changes) {
 		if (change.after && directories.count(change.name) > 0) {
 			return Quoted(change.name) + " is a file now and was a directory before";

@@ -1,3 +1,4 @@
+/** @file What differs between two trees. */
 #ifndef PUBLISHER_TREE_CHANGES_H
 #define PUBLISHER_TREE_CHANGES_H
 
@@ -18,25 +19,22 @@ struct TreeChange {
 };
 
 /** What differs between two trees, in byte order of names; throws PublishError when a file cannot be read. */
-std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after);
-
-/** Whether two files hold the same bytes; throws PublishError. */
-bool SameBytes(const std::string& left, const std::string& right);
+[[nodiscard]] std::vector<TreeChange> CompareTrees(const Tree& before, const Tree& after);
 
 /**
- * The directories of one tree that another lacks, in byte order of names; both trees hold the directories of their
- * files alone. A name that is a file's now is left out.
+ * The directories of one tree that the other lacks, in byte order of names. Leaves out the name of a directory that is
+ * a file in the other tree.
  */
-std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& after);
+[[nodiscard]] std::vector<std::string> EmptiedDirectories(const Tree& before, const Tree& after);
 
 /**
- * Why devices could not apply changes, or nothing. They build changed files under flat names in one directory, and put
- * them in place in order of names, each by removing what is there.
+ * Why devices could not apply changes; no value when they can. Devices build changed files under flat names in one
+ * directory, and put them in place in order of names, each by removing what is there.
  *
  * @param before   the tree that is changed
  * @param earlier  names that earlier packages of the same chain change
  */
-std::optional<std::string> FindNameConflict(
+[[nodiscard]] std::optional<std::string> FindNameConflict(
     const std::vector<TreeChange>& changes, const Tree& before, const std::set<std::string>& earlier);
 
 } // namespace tarn::publisher

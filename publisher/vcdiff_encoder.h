@@ -1,3 +1,4 @@
+/** @file Changes of a file as a VCDIFF patch. */
 #ifndef PUBLISHER_VCDIFF_ENCODER_H
 #define PUBLISHER_VCDIFF_ENCODER_H
 
@@ -11,7 +12,7 @@ namespace tarn::publisher {
  * sizes of both and the target's checksum: "TARNVCD1 <source size> <target size> <XXH3-128 in hexadecimal>".
  *
  * @param encoder  the xdelta3 program
- * @param scratch  a directory of this call's own
+ * @param scratch  a directory that no other call uses
  * @throws PublishError when the patch cannot be made or does not reproduce the target
  */
 void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,

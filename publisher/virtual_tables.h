@@ -1,15 +1,17 @@
+/** @file Full-text tables and R*Trees of databases that scripts change. */
 #ifndef PUBLISHER_VIRTUAL_TABLES_H
 #define PUBLISHER_VIRTUAL_TABLES_H
 
 #include <SQLiteCpp/Database.h>
 
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
 namespace tarn::publisher {
 
-/** A name as SQL writes it, in double quotes. */
+/** A name in double quotes, as SQL writes it. */
 std::string QuotedName(const std::string& name);
 
 /** A virtual table of a database and the module that makes it work, in lower case. */
@@ -24,24 +26,36 @@ struct VirtualTable {
 std::vector<VirtualTable> VirtualTablesOf(const SQLite::Database& database);
 
 /**
- * Why statements about a database's virtual tables cannot be relied on, or nothing. Full-text tables that hold their
- * own rows, and R*Trees, can be changed by script.
+ * Why scripts cannot change a database's virtual tables; no value when they can. They can change R*Trees, and full-text
+ * tables that hold their own rows.
  */
-std::optional<std::string> FindVirtualTableObstacle(const SQLite::Database& database);
+[[nodiscard]] std::optional<std::string> FindVirtualTableObstacle(const SQLite::Database& database);
 
 /**
- * Queries for what belongs to a virtual table beside its rows and is the same whenever the rows are: settings, and the
- * lengths that ranking takes. An index is not, since it depends on the order of the changes.
+ * Queries for what a virtual table holds beside its rows and must be the same when the rows are: settings, and the
+ * lengths that ranking uses. Asks of no index, which depends on the order of the changes.
  */
 std::vector<std::string> QueriesBesideRows(const SQLite::Database& database, const VirtualTable& table);
 
 /**
- * Asks SQLite whether the index of every virtual table is the one of its rows, so that equal rows are found by the same
- * words. The file is opened for writing, since SQLite asks so, and keeps its content.
+ * Asks SQLite whether the index of every virtual table fits the table's rows. Opens the file for writing, as SQLite
+ * demands, and leaves its content as it is.
  *
- * @throws PublishError naming the table whose index is not
+ * @throws PublishError naming the table whose index does not fit
  */
 void RequireSoundIndexes(const std::string& database);
+
+/** Whether a database has R*Trees. */
+[[nodiscard]] bool HasRTrees(const std::string& database);
+
+/** Removes all R*Trees of a database file, for sqldiff, which would round their numbers. */
+void DropRTrees(const std::string& database);
+
+/**
+ * Writes statements that turn the rows of all R*Trees of one database into those of another with the same schema. A row
+ * that differs is deleted and inserted, with numbers as exact as the tables hold them.
+ */
+void WriteRTreeChanges(const std::string& before, const std::string& after, std::ostream& script);
 
 } // namespace tarn::publisher
 

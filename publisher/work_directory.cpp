@@ -16,10 +16,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = ".tarndbudpub-work-";
 
-[[noreturn]] void Fail(const std::string& what, const fs::filesystem_error& error) {
-	throw PublishError(what + ": " + error.path1().string() + ": " + error.code().message() + ".");
-}
-
 } // namespace
 
 WorkDirectory::WorkDirectory(const std::string& repository) {
@@ -42,7 +38,8 @@ std::string WorkDirectory::Make(const std::string& name) const {
 	try {
 		fs::create_directories(path_ + "/" + name);
 	} catch (const fs::filesystem_error& error) {
-		Fail("No directory can be created", error);
+		throw PublishError(
+		    "No directory can be created: " + error.path1().string() + ": " + error.code().message() + ".");
 	}
 	return path_ + "/" + name;
 }

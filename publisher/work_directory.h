@@ -1,3 +1,4 @@
+/** @file Space for what a publisher tries out. */
 #ifndef PUBLISHER_WORK_DIRECTORY_H
 #define PUBLISHER_WORK_DIRECTORY_H
 
@@ -6,9 +7,9 @@
 namespace tarn::publisher {
 
 /**
- * Space for what a publisher unpacks and tries out, removed with the object. It lies in the repository, because that is
- * where an administrator has provided room for the data: a temporary directory is often small, or memory. Only its
- * owner may enter it, so that a web server with a user of its own serves nothing of it.
+ * A directory that is removed with the object. It lies in the repository, because the administrator has provided room
+ * for the data there; a temporary directory is often small, or in memory. Only its owner may enter it, so that a web
+ * server that runs as another user serves nothing of it.
  */
 class WorkDirectory {
 public:
@@ -21,9 +22,9 @@ public:
 	/** The path of a name in it. */
 	std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 	/** Makes a directory in it and returns its path. */
-	std::string Make(const std::string& name) const;
+	[[nodiscard]] std::string Make(const std::string& name) const;
 
-	/** Removes those of killed publishers; the caller holds the repository's lock. */
+	/** Removes the directories of killed publishers; the caller holds the repository's lock. */
 	static void RemoveLeftovers(const std::string& repository);
 
 private:

@@ -1,8 +1,7 @@
 // The publisher's commands: arguments, exit codes, what they print and where.
 #include "diff_fixture.h"
+#include "publisher/checks.h"
 #include "publisher/command_line.h"
-#include "publisher/exit_codes.h"
-#include "publisher/progress.h"
 #include "publisher/publish_error.h"
 #include "publisher_fixture.h"
 
@@ -62,6 +61,13 @@ TEST_F(Command, NeedsASubcommandItKnows) {
 	EXPECT_EQ(Run(PublishArguments({"--level", "many"})), publisher::kUsage);
 	EXPECT_EQ(Run({"--help"}), publisher::kDone);
 	EXPECT_THAT(out_.str(), HasSubstr("keygen"));
+}
+
+TEST_F(Command, HelpEndsWithTheExitCodes) {
+	for (const char* command : {"keygen", "publish", "restore", "verify", "inspect"}) {
+		EXPECT_EQ(Run({command, "--help"}), publisher::kDone);
+		EXPECT_THAT(out_.str(), ::testing::EndsWith("Exit status: 0 done, 1 failed, 2 wrong usage.\n")) << command;
+	}
 }
 
 TEST_F(Command, KeygenWritesAPairAndKeepsThePrivateHalfPrivate) {
@@ -247,7 +253,7 @@ TEST_F(Command, PublishSumsUpTheDiff) {
 	EXPECT_THAT(out_.str(), HasSubstr("\nDiff from version 1: "));
 	EXPECT_THAT(
 	    out_.str(), HasSubstr(" % of the full package; files created 1, replaced 0, patched 1, scripted 0, deleted "
-	                          "0. Devices come by diffs from version 1 on.\n"));
+	                          "0. Devices from version 1 on take diff packages.\n"));
 	terminal_ = true;
 	ASSERT_EQ(Run(PublishArguments({"--keep-diffs", "1"})), publisher::kDone);
 	EXPECT_THAT(err_.str(), HasSubstr("verifying"));

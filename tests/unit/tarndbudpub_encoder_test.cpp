@@ -1,10 +1,9 @@
 // Single patches: their header, and the choice between ways by size.
 #include "decoder/decode.h"
 #include "diff_fixture.h"
-#include "publisher/program.h"
-#include "publisher/compressed_size.h"
 #include "publisher/file_encoder.h"
 #include "publisher/parallel.h"
+#include "publisher/program.h"
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
 #include "publisher/vcdiff_encoder.h"
@@ -129,7 +128,7 @@ TEST_F(Encoding, TriesScriptsOnTheFileThatDevicesHave) {
 	};
 	EXPECT_EQ(ErrorOf([&] { encode(""); }), "");
 	EXPECT_EQ(ReadFile(directory_ / "script"), "UPDATE t SET a=5 WHERE rowid=2;\n");
-	EXPECT_THAT(ErrorOf([&] { encode(directory_ / "lineage"); }), HasSubstr("on devices that came by scripts"));
+	EXPECT_THAT(ErrorOf([&] { encode(directory_ / "lineage"); }), HasSubstr("on devices that have executed scripts"));
 	EXPECT_EQ(FilesBelow(directory_ / "scratch").size(), 1U) << "only what the encoder complained about";
 }
 

@@ -1,5 +1,5 @@
 // Scripts with one statement on each line.
-#include "publisher/sql_lines.h"
+#include "publisher/script_encoder.h"
 
 #include <gtest/gtest.h>
 

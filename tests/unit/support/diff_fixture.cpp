@@ -1,6 +1,7 @@
 #include "diff_fixture.h"
 
 #include "publisher/diff_package.h"
+#include "publisher/package.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 

@@ -1,13 +1,19 @@
-#include "publisher/next_version.h"
+#include "publisher/checks.h"
 
+#include "base/text.h"
 #include "publisher/publish_error.h"
+#include "publisher/tree.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
+#include <string_view>
 
 namespace tarn::publisher {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 std::int64_t Number(const PublishOptions& options, const std::optional<int>& last) {
 	const std::int64_t next = options.data_version.value_or(last ? std::int64_t{*last} + 1 : 1);
@@ -46,6 +52,70 @@ void RefuseUnnamed(const PublishOptions& options, int next, const std::vector<Pa
 }
 
 } // namespace
+
+void CheckWord(const std::string& option, const std::string& word) {
+	constexpr std::size_t kMaxLength = 64;
+	constexpr std::string_view kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+	const bool fits = !word.empty() && word.size() <= kMaxLength && word.front() != '.' && word.front() != '-' &&
+	                  word.find_first_not_of(kAllowed) == std::string::npos;
+	if (!fits) {
+		throw UsageError(option + " \"" + word + "\" must be 1 to " + std::to_string(kMaxLength) +
+		                 " letters, digits, '.', '_' or '-', beginning with a letter, a digit or '_'.");
+	}
+}
+
+void CheckUrl(const std::string& url) {
+	const std::size_t scheme = StartsWith(url, "http://") ? 7 : StartsWith(url, "https://") ? 8 : 0;
+	if (scheme == 0 || url.size() == scheme || url[scheme] == '/') {
+		throw UsageError("--url \"" + url + "\" must begin with http:// or https:// and a host.");
+	}
+	const bool plain = std::all_of(url.begin(), url.end(), [](char c) { return c > ' ' && c < '\x7f'; });
+	if (!plain || url.find_first_of("?#\"<>\\^`{|}") != std::string::npos) {
+		throw UsageError("--url \"" + url + "\" must be a plain base without blanks, query or fragment.");
+	}
+}
+
+void CheckKeptDiffs(int keep_diffs) {
+	if (keep_diffs < 0) {
+		throw UsageError("--keep-diffs " + std::to_string(keep_diffs) + " must be 0 or more.");
+	}
+}
+
+void RequireRepository(const std::string& directory) {
+	std::error_code error;
+	if (!fs::is_directory(directory, error)) {
+		throw PublishError("The repository " + directory + " is no directory that can be read.");
+	}
+}
+
+void CheckOptions(const PublishOptions& options) {
+	CheckWord("--id", options.id);
+	CheckWord("--format-version", options.format_version);
+	CheckWord("--db-version", options.db_version);
+	CheckUrl(options.url);
+	if (options.data_version && (*options.data_version < 0 || *options.data_version > kMaxNumber)) {
+		throw UsageError("--data-version " + std::to_string(*options.data_version) + " must be 0 to " +
+		                 std::to_string(kMaxNumber) + ".");
+	}
+	CheckKeptDiffs(options.keep_diffs);
+	if (options.level < kMinLevel || options.level > kMaxLevel) {
+		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(kMinLevel) + " to " +
+		                 std::to_string(kMaxLevel) + ".");
+	}
+}
+
+void CheckApart(const PublishOptions& options) {
+	std::error_code error;
+	const fs::path tree = fs::canonical(options.tree, error);
+	if (error || !fs::is_directory(tree)) {
+		throw PublishError("The tree " + options.tree + " is no directory that can be read.");
+	}
+	const fs::path repository = fs::weakly_canonical(fs::absolute(options.repository));
+	if (IsBeneath(repository, tree) || IsBeneath(tree, repository)) {
+		throw PublishError("The tree " + options.tree + " and the repository " + options.repository +
+		                   " must not lie within each other.");
+	}
+}
 
 NextVersion ChooseVersion(const PublishOptions& options, const Repository& repository) {
 	const std::optional<int> last = repository.LastVersion(options.id);

@@ -1,0 +1,120 @@
+#include "publisher/document.h"
+
+#include "base/error.h"
+#include "base/file_io.h"
+#include "publisher/json_text.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+namespace tarn::publisher {
+
+namespace {
+
+int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
+	std::optional<int> version;
+	if (entry.isObject() && entry["data_version"].isString()) {
+		version = ParseVersion(entry["data_version"].asString());
+	}
+	if (!version) {
+		throw DamagedDocument("The document " + path + " holds no readable version of " + id +
+		                      "; repair it, or rebuild it by \"tarndbudpub restore\".");
+	}
+	return *version;
+}
+
+/** The diff packages of an entry. Leaves out what cannot be read, since it leads no device anywhere. */
+std::map<int, DiffFile> DiffFilesOf(const Json::Value& entry) {
+	std::map<int, DiffFile> files;
+	const Json::Value& list = entry["diff_files"];
+	for (const std::string& key : list.isObject() ? list.getMemberNames() : Json::Value::Members()) {
+		const std::optional<int> version = ParseVersion(key);
+		const Json::Value& file = list[key];
+		if (version && file.isObject() && file["download_link"].isString() && file["file_size"].isInt()) {
+			files[*version] = {file["download_link"].asString(), file["file_size"].asInt()};
+		}
+	}
+	return files;
+}
+
+Json::Value ToJson(const std::map<int, DiffFile>& files) {
+	Json::Value list(Json::objectValue);
+	for (const auto& [version, file] : files) {
+		Json::Value& value = list[std::to_string(version)];
+		value["download_link"] = file.download_link;
+		value["file_size"] = file.file_size;
+	}
+	return list;
+}
+
+void ClearUnlessDeprecated(Json::Value& place) {
+	if (!place["deprecated"].isBool()) {
+		place["deprecated"] = false;
+	}
+}
+
+} // namespace
+
+std::optional<int> ParseVersion(std::string_view digits) {
+	int version = -1;
+	const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
+	const bool whole = result.ec == std::errc() && result.ptr == digits.data() + digits.size();
+	return whole && version >= 0 ? std::optional(version) : std::nullopt;
+}
+
+std::string Document::ReadText(const std::string& path) {
+	constexpr std::size_t kMaxSize = 64U << 20U;
+	try {
+		const UniqueFd fd = OpenRegularFile(AT_FDCWD, path);
+		return ReadSmallFile(fd.Get(), kMaxSize, "it");
+	} catch (const Error& error) {
+		throw PublishError("The document " + path + " cannot be read: it " + error.what() + ".");
+	}
+}
+
+Document::Document(const std::string& path) : path_(path) {
+	std::string errors;
+	value_ = ParseJson(ReadText(path), &errors).value_or(Json::Value());
+	if (!value_.isObject()) {
+		std::replace(errors.begin(), errors.end(), '\n', ' ');
+		throw DamagedDocument("The document " + path +
+		                      " is no JSON object and is left as it is; repair it, or rebuild "
+		                      "it by \"tarndbudpub restore\". " +
+		                      errors);
+	}
+	if (!std::as_const(value_)["db_list"].isObject()) {
+		throw DamagedDocument("The document " + path +
+		                      " has no \"db_list\" object and is left as it is; repair it, or "
+		                      "rebuild it by \"tarndbudpub restore\".");
+	}
+}
+
+std::optional<Entry> Document::Find(const std::string& id) const {
+	const Json::Value& list = value_["db_list"];
+	if (!list.isMember(id)) {
+		return std::nullopt;
+	}
+	return Entry{VersionOf(list[id], id, path_), 0, "", DiffFilesOf(list[id])};
+}
+
+void Document::Put(const std::string& id, const Entry& entry) {
+	ClearUnlessDeprecated(value_);
+	Json::Value& place = value_["db_list"][id];
+	if (!place.isObject()) {
+		place = Json::Value(Json::objectValue);
+	}
+	ClearUnlessDeprecated(place);
+	place["data_version"] = std::to_string(entry.data_version);
+	place["last_fetch_time"] = entry.last_fetch_time;
+	place["download_link"] = entry.download_link;
+	place["diff_files"] = ToJson(entry.diff_files);
+}
+
+std::string Document::Text() const {
+	return JsonText(value_, "\t") + "\n";
+}
+
+} // namespace tarn::publisher

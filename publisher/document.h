@@ -1,0 +1,62 @@
+/** @file The document that tells devices which versions there are. */
+#ifndef PUBLISHER_DOCUMENT_H
+#define PUBLISHER_DOCUMENT_H
+
+#include "publisher/publish_error.h"
+
+#include <json/json.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarn::publisher {
+
+/** A document cannot be understood. */
+class DamagedDocument : public PublishError {
+public:
+	using PublishError::PublishError;
+};
+
+/** What the document says about one diff package. */
+struct DiffFile {
+	std::string download_link;
+	int file_size = 0;
+};
+
+/** What the document says about one version of a database. */
+struct Entry {
+	int data_version = 0;
+	int last_fetch_time = 0;
+	std::string download_link;
+	std::map<int, DiffFile> diff_files; // by the version that each leads to
+};
+
+/** Keeps what Put() does not change: other databases, flags of deprecation, members unknown here. */
+class Document {
+public:
+	/** An empty document. */
+	Document() : value_(Json::objectValue) {}
+	/** Reads a file; throws DamagedDocument, or PublishError when the file cannot be read. */
+	explicit Document(const std::string& path);
+
+	/** The version and the diff packages of a database; throws DamagedDocument when its version cannot be read. */
+	[[nodiscard]] std::optional<Entry> Find(const std::string& id) const;
+	void Put(const std::string& id, const Entry& entry);
+	std::string Text() const;
+
+	/** The whole text of a document's file; throws PublishError. */
+	[[nodiscard]] static std::string ReadText(const std::string& path);
+
+private:
+	std::string path_;
+	Json::Value value_;
+};
+
+/** The number that all of a text's digits make; no value when the text holds anything else. */
+[[nodiscard]] std::optional<int> ParseVersion(std::string_view digits);
+
+} // namespace tarn::publisher
+
+#endif
