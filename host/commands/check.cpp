@@ -3,7 +3,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/inspection.h"
 #include "host/library/reader_lock.h"
 
@@ -150,13 +150,9 @@ void DeclareCheck(CLI::App& app, Options& options) {
 }
 
 ExitCode RunCheck(const Services& services, const Options& options) {
-	Report report(services.terminal, options.json);
-	return report.Run([&] {
-		return ForEachDatabase(
-		    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
-		    [&](const std::string& id) { return CheckDatabase(services, report, id, options.timeout_seconds); },
-		    [&](const std::string& id, const Failure& failure) { report.Complain(id, failure); });
-	});
+	Report report(services, options);
+	return report.RunEach(options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
+	    [&](const std::string& id) { return CheckDatabase(services, report, id, options.timeout_seconds); });
 }
 
 } // namespace tarn::ctl

@@ -1,7 +1,7 @@
 #include "host/commands/command.h"
 
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 
 namespace tarn::ctl {
 

@@ -2,7 +2,7 @@
 #ifndef HOST_COMMANDS_COMMAND_H
 #define HOST_COMMANDS_COMMAND_H
 
-#include "host/exit_codes.h"
+#include "host/library/exit_codes.h"
 #include "host/library/services.h"
 
 #include <string>

@@ -1,14 +1,14 @@
 #include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
-#include "host/library/recording_info_getter.h"
+#include "host/commands/report.h"
+#include "host/library/operation.h"
 #include "host/library/run_record.h"
+#include "host/library/safe_places.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
-#include <memory>
 
 namespace tarn::ctl {
 
@@ -19,7 +19,7 @@ int Target(const Services& services, const Options& options) {
 	if (options.version > 0) {
 		return options.version;
 	}
-	const int64_t target = int64_t{services.info->GetRemoteInfo(options.id).data_version} + options.version;
+	const std::int64_t target = std::int64_t{services.info->GetRemoteInfo(options.id).data_version} + options.version;
 	if (target < 0) {
 		throw CommandError(kFailed, "There is no version " + std::to_string(target) + "; the server's version is " +
 		                                std::to_string(target - options.version));
@@ -28,14 +28,10 @@ int Target(const Services& services, const Options& options) {
 }
 
 /** The link was made by replacing one number by another, which can hit more than what was meant. */
-void Install(const Services& services, const Options& options, int target) {
+Outcome Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
-	const auto info = std::make_shared<RecordingInfoGetter>(
-	    services, [&services](const std::string& id) { RequireVolumeFor(services, id); }, Change::kForced);
-	services.packages->ExpectVersion(target);
-	const dataupdate::Update update(services.updater, info, services.config);
 	try {
-		update.ForceInstall(options.id, options.version);
+		return ForceDatabase(services, options.id, options.version, target);
 	} catch (const dataupdate::UpdateError& error) {
 		if (target == offered || !StartsWith(error.what(), "Fail to wget url: ")) {
 			throw;
@@ -61,20 +57,21 @@ ExitCode RunForceInstall(const Services& services, const Options& options) {
 	RequireVolumeFor(services, options.id);
 	RequireIdle(services, options);
 	const int target = Target(services, options);
-	Report report(services.terminal, options.json);
+	Report report(services, options);
 	return report.Run([&] {
-		RunRecorded(services, options.id, "force-install", [&] {
-			Install(services, options, target);
+		Outcome outcome;
+		const ExitCode code = RunRecorded(services, options.id, "force-install", [&] {
+			outcome = Install(services, options, target);
 			return kDone;
 		});
-		const int installed = services.info->GetDatabaseStatus(options.id).data_version;
+		const int installed = outcome.Version();
 		report.Tell(options.id,
 		    "version " + std::to_string(installed) +
 		        " was unpacked over what was there, and files of before that its package lacks stay; \"fix\", should "
 		        "it "
 		        "find damage, brings the server's version back",
 		    MakeResult("forced", installed));
-		return kDone;
+		return code;
 	});
 }
 

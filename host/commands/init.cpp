@@ -4,7 +4,7 @@
 #include "dataupdate/update_error.h"
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/reader_lock.h"
 #include "host/library/safe_places.h"
 #include "host/library/volume_content.h"

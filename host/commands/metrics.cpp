@@ -1,18 +1,17 @@
-#include "host/library/metrics.h"
-
 #include "base/whole_file.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/document_problem.h"
 #include "host/library/download_limits.h"
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
 #include "host/library/reader_lock.h"
 #include "host/library/run_record.h"
+#include "host/terminal/metrics_text.h"
 
 #include <tarnsdk/volume.h>
 

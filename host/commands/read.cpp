@@ -4,7 +4,7 @@
 #include "dataupdate/interruption.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/failure.h"
 #include "host/library/interruption_watch.h"
 #include "host/library/reader_lock.h"

@@ -3,7 +3,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/download_limits.h"
 
 #include <unistd.h>

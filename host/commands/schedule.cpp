@@ -4,8 +4,8 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
-#include "host/library/status_report.h"
+#include "host/commands/report.h"
+#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,10 +1,11 @@
 #include "base/text.h"
 #include "dataupdate/installation.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/installed_package.h"
 #include "host/library/safe_places.h"
-#include "host/library/status_report.h"
+#include "host/terminal/status_report.h"
+#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,7 +1,7 @@
 #include "base/text.h"
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/safe_places.h"
 
 #include <tarnsdk/volume.h>

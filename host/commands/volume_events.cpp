@@ -5,7 +5,7 @@
 #include "dataupdate/update_error.h"
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
-#include "host/library/databases.h"
+#include "host/commands/report.h"
 #include "host/library/safe_places.h"
 #include "host/library/volume_content.h"
 #include "host/library/volume_move.h"
@@ -92,31 +92,31 @@ private:
 	std::list<dataupdate::FileLock> locks_;
 };
 
-void AnswerToUnmount(const Services& services, const Options& options, const VolumeMove& move,
-    VolumeMove::Outcome outcome, const std::string& path) {
-	using Outcome = VolumeMove::Outcome;
+void AnswerToUnmount(
+    const Services& services, const Options& options, const MoveOutcome& outcome, const std::string& path) {
+	using End = MoveOutcome::End;
 	const std::string now = services.config->GetCurVolume();
-	const std::string could_not = "The databases could not be moved from " + path + " to " + move.Target();
-	switch (outcome) {
-	case Outcome::kMoved:
+	const std::string could_not = "The databases could not be moved from " + path + " to " + outcome.target;
+	switch (outcome.end) {
+	case End::kMoved:
 		Answer(
 		    services, options, "The databases were moved from " + path + " to " + now + ".\n", Describe("moved", now));
 		return;
-	case Outcome::kCopied:
+	case End::kCopied:
 		Answer(services, options,
 		    "The databases were moved from " + path + " to " + now + "; what is left of them on " + path +
 		        " could not be deleted: see the system log.\n",
 		    Describe("moved", now));
 		return;
-	case Outcome::kStayed:
+	case End::kStayed:
 		throw CommandError(
 		    kFailed, could_not + "; they are whole on " + path +
 		                 ", and no volume is in use; the lines of mv before this one and the system log tell why");
-	case Outcome::kDivided:
+	case End::kDivided:
 		throw CommandError(kFailed,
 		    could_not + "; what is left of them is on both, no volume is in use, and the next "
 		                "update installs them anew; the lines of mv before this one and the system log tell why");
-	case Outcome::kNoTarget:
+	case End::kNoTarget:
 		break;
 	}
 	const std::string unsafe = UnsafeVolumes(path);
@@ -259,9 +259,7 @@ ExitCode RunVolumeUnmounting(const Services& services, const Options& options) {
 	}
 	// Whatever others have put there would be as good as installed elsewhere.
 	RequireSafeVolume(path);
-	VolumeMove move(services, path);
-	const VolumeMove::Outcome outcome = move.Run();
-	AnswerToUnmount(services, options, move, outcome, path);
+	AnswerToUnmount(services, options, MoveAway(services, path), path);
 	return kDone;
 }
 

@@ -4,7 +4,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/download_limits.h"
-#include "host/library/opened_packages.h"
+#include "host/library/installed_package.h"
 
 #include <tarncore/tarncore.h>
 

@@ -3,7 +3,7 @@
 #define HOST_LIBRARY_FAILURE_H
 
 #include "dataupdate/utils.h"
-#include "host/exit_codes.h"
+#include "host/library/exit_codes.h"
 
 #include <stdexcept>
 #include <string>

@@ -1,18 +1,95 @@
 #include "host/library/inspection.h"
 
+#include "base/sqlite_names.h"
+#include "base/text.h"
 #include "dataupdate/installation.h"
+#include "dataupdate/updater.h"
 #include "host/library/file_changes.h"
+
+#include <boost/filesystem.hpp>
+
+#include <syslog.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <utility>
 
 namespace tarn::ctl {
 
+namespace fs = boost::filesystem;
+
 namespace {
 
 using dataupdate::DatabaseStatus;
+
+std::string FullPath(const std::string& root, const std::string& name) {
+	return fs::path(name).is_absolute() ? name : (fs::path(root) / name).string();
+}
+
+/** Why a file is bad, for people; the decision has been made already. */
+std::string Reason(const std::string& path) {
+	boost::system::error_code ignored;
+	const fs::file_status status = fs::status(path, ignored);
+	if (!fs::exists(status)) {
+		return "is missing";
+	}
+	if (!fs::is_regular_file(status)) {
+		return "is no regular file";
+	}
+	return access(path.c_str(), R_OK | W_OK) == 0 ? "has changed" : "cannot be opened for reading and writing";
+}
+
+bool IsLinkTo(const std::string& path, const std::string& target) {
+	boost::system::error_code error;
+	return fs::read_symlink(path, error) == target && !error;
+}
+
+/** A regular file itself, of the recorded size; what follows links or reads the file comes later. */
+bool MayHold(const std::string& path, const InstalledFile& file) {
+	boost::system::error_code error;
+	const fs::file_status status = fs::symlink_status(path, error);
+	return !fs::exists(status) ||
+	       (fs::is_regular_file(status) && (!file.size || fs::file_size(path, error) == *file.size));
+}
+
+bool IsAsRecorded(const std::string& name, const InstalledFile& file, const std::string& root) {
+	const std::string path = FullPath(root, name);
+	const bool may_be = file.link_target.empty() ? MayHold(path, file) : IsLinkTo(path, file.link_target);
+	if (!may_be) {
+		syslog(LOG_ERR, "File %s is not as recorded", path.c_str());
+		return false;
+	}
+	return !file.link_target.empty() ||
+	       dataupdate::CheckStatus({{name, dataupdate::FileStatus(file.sha384_digest)}}, root);
+}
+
+std::string Reason(const std::string& path, const InstalledFile& file) {
+	boost::system::error_code ignored;
+	const fs::file_status status = fs::symlink_status(path, ignored);
+	if (!fs::exists(status)) {
+		return "is missing";
+	}
+	if (!file.link_target.empty()) {
+		return "is not the recorded link";
+	}
+	return fs::is_regular_file(status) ? Reason(path) : "is no regular file";
+}
+
+/** Whether a file is what SQLite keeps beside a recorded database while somebody reads it, and holds no data. */
+bool IsOfReaders(const std::string& name, const InstalledFiles& record, const std::string& install_prefix) {
+	for (const std::string_view suffix : kSqliteCompanions) {
+		if (EndsWith(name, suffix) && record.files.count(name.substr(0, name.size() - suffix.size())) > 0) {
+			boost::system::error_code error;
+			const std::string path = FullPath(install_prefix, name);
+			return fs::is_regular_file(fs::symlink_status(path, error)) &&
+			       (suffix == kSqliteSharedMemory || fs::file_size(path, error) == 0);
+		}
+	}
+	return false;
+}
 
 /** What is recorded. */
 struct Known {
@@ -97,6 +174,43 @@ Findings JudgeAgain(Known known, const Findings& before) {
 }
 
 } // namespace
+
+std::vector<BadFile> FindBadFiles(
+    const InstalledFiles& record, const dataupdate::DatabaseStatus& listed, const std::string& install_prefix) {
+	std::set<std::string> elsewhere;
+	for (const auto& [name, status] : listed.file_statuses) {
+		elsewhere.insert(RelativeName(name, install_prefix).value_or(name));
+	}
+	std::vector<BadFile> bad;
+	for (const auto& [name, file] : record.files) {
+		if (elsewhere.count(name) == 0 && !IsAsRecorded(name, file, install_prefix)) {
+			const std::string path = FullPath(install_prefix, name);
+			bad.push_back({name, path, Reason(path, file)});
+		}
+	}
+	return bad;
+}
+
+std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const std::string& install_prefix) {
+	std::vector<std::string> unknown;
+	for (const std::string& name : FilesBelow(install_prefix)) {
+		if (record.files.count(name) == 0 && !IsOfReaders(name, record, install_prefix)) {
+			unknown.push_back(name);
+		}
+	}
+	return unknown;
+}
+
+std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix) {
+	std::vector<BadFile> bad;
+	for (const auto& entry : status.file_statuses) {
+		if (!dataupdate::CheckStatus({entry}, install_prefix)) {
+			const std::string path = FullPath(install_prefix, entry.first);
+			bad.push_back({entry.first, path, Reason(path)});
+		}
+	}
+	return bad;
+}
 
 Findings Inspect(const Services& services, const std::string& id) {
 	const Known known = ReadKnown(services, id);

@@ -10,6 +10,8 @@
 #include <json/value.h>
 #include <json/writer.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -20,6 +22,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 namespace tarn::ctl {
 
@@ -67,12 +70,21 @@ InstalledFiles Decode(const Json::Value& object) {
 	return record;
 }
 
+/** What the record of a version begins with. */
+std::string Head(int version) {
+	return R"({"data_version":")" + std::to_string(version) + R"(",)";
+}
+
+bool IsBefore(const timespec& left, const timespec& right) {
+	return std::tie(left.tv_sec, left.tv_nsec) < std::tie(right.tv_sec, right.tv_nsec);
+}
+
 /** One line for each file; names that are no UTF-8 stay as they are. */
 std::string Encode(const InstalledFiles& record) {
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "";
 	builder["emitUTF8"] = true;
-	std::string text = R"({"data_version":")" + std::to_string(record.data_version) + R"(","rebuilt_from_disk":)" +
+	std::string text = Head(record.data_version) + R"("rebuilt_from_disk":)" +
 	                   (record.is_from_disk ? "true" : "false") + R"(,"files":{)";
 	const char* separator = "\n";
 	for (const auto& [name, file] : record.files) {
@@ -106,6 +118,23 @@ std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {
 		return std::nullopt; // The version is no number, or there are no files.
 	}
 	return std::nullopt;
+}
+
+bool SeemsCurrent(const std::string& id, int version) {
+	const std::string path = InstalledFilesPath(id);
+	const std::string head = Head(version);
+	std::string beginning(head.size(), '\0');
+	std::ifstream file(path, std::ios::binary);
+	struct stat own {};
+	struct stat librarys {};
+	return file.read(beginning.data(), static_cast<std::streamsize>(beginning.size())) && beginning == head &&
+	       stat(path.c_str(), &own) == 0 && stat(dataupdate::StatusPath(id).c_str(), &librarys) == 0 &&
+	       !IsBefore(own.st_mtim, librarys.st_mtim);
+}
+
+void ConfirmInstalledFiles(const std::string& id) {
+	// Without success the record is only read once more.
+	[[maybe_unused]] const int ignored = utimensat(AT_FDCWD, InstalledFilesPath(id).c_str(), nullptr, 0);
 }
 
 void WriteInstalledFiles(const std::string& id, const InstalledFiles& record) {

@@ -35,7 +35,14 @@ std::string InstalledFilesPath(const std::string& id);
 
 /** No value when there is no record, or none that can be read and understood. */
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id);
-/** Replaces the record as a whole. Throws CommandError naming the path. */
+/**
+ * Whether there is a record of a version that is at least as new as the library's own. Reads its beginning only: with
+ * many files that is a small part of the time that the record takes.
+ */
+[[nodiscard]] bool SeemsCurrent(const std::string& id, int version);
+/** Has the record seem current from now on, because it has been compared with the library's. */
+void ConfirmInstalledFiles(const std::string& id);
+/** Replaces the record as a whole. Throws Error naming the path. */
 void WriteInstalledFiles(const std::string& id, const InstalledFiles& record);
 /**
  * Removes the record durably: to be called before the library records a new state, since the version alone does not

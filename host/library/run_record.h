@@ -2,7 +2,7 @@
 #ifndef HOST_LIBRARY_RUN_RECORD_H
 #define HOST_LIBRARY_RUN_RECORD_H
 
-#include "host/exit_codes.h"
+#include "host/library/exit_codes.h"
 #include "host/library/services.h"
 
 #include <cstdint>

@@ -39,6 +39,28 @@ void RequireSafePlaces(const Services& services, const std::string& id) {
 	Require(FindUnsafePlace(services.config->GetDatabaseConfig(id)->GetInstallPrefix()));
 }
 
+void RequireVolume(const Services& services) {
+	if (services.config->GetCurVolume().empty()) {
+		throw CommandError(
+		    kFailed, "There is no storage volume, so nothing was changed; mount one and run \"tarndbudctl init\"");
+	}
+	RequireNoLostVolume(services);
+}
+
+void RequireVolumeFor(const Services& services, const std::string& id) {
+	RequireVolume(services);
+	RequireSafePlaces(services, id);
+}
+
+void RequireNoLostVolume(const Services& services) {
+	const std::string volume = services.config->GetCurVolume();
+	if (!volume.empty() && !services.is_available(volume)) {
+		throw CommandError(kFailed, "The volume " + volume +
+		                                " is in use, but is not available, so nothing was changed; mount it, or list "
+		                                "it in /usr/tarn/etc/volumes.conf");
+	}
+}
+
 std::string UnsafeVolumes(const std::string& exclude) {
 	const std::unique_ptr<TARNMountVolInfo, decltype(&TARNMountVolInfoFree)> list(
 	    TARNMountVolAllEnum(0, 1, 0), &TARNMountVolInfoFree);

@@ -1,4 +1,4 @@
-/** @file Refusing to work where others than root decide what is written or removed. */
+/** @file Refusing to work without the volume in use, and where others than root decide what is written or removed. */
 #ifndef HOST_LIBRARY_SAFE_PLACES_H
 #define HOST_LIBRARY_SAFE_PLACES_H
 
@@ -21,6 +21,16 @@ void RequireSafeVolume(const std::string& volume);
  * what is safe then stays safe, because only root could change it.
  */
 void RequireSafePlaces(const Services& services, const std::string& id);
+
+/** Throws the failure of having no volume when there is none. */
+void RequireVolume(const Services& services);
+/** Throws as well when others could change what is written for a database. */
+void RequireVolumeFor(const Services& services, const std::string& id);
+/**
+ * Throws when the volume in use went away without notice: what would be installed then lay on the file system below its
+ * mount point, and would be hidden when it comes back.
+ */
+void RequireNoLostVolume(const Services& services);
 
 /**
  * What is wrong with each mounted volume that is not safe, one after the other, for whoever was told that no volume is

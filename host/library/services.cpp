@@ -22,9 +22,9 @@ Services MakeServices(Terminal& terminal) {
 	const auto limits = std::make_shared<DownloadLimits>();
 	LimitDownloads(limits);
 	const auto info = std::make_shared<CheckedInfoGetter>(io, config, limits);
-	const auto notes = std::make_shared<std::optional<UpdateNote>>();
-	return {io, config, info, std::make_shared<NotingUpdater>(notes), std::make_shared<dataupdate::Checker>(config),
-	    terminal, IsVolumeAvailable, [info] { info->Hurry(); }, std::make_shared<OpenedPackages>(), notes};
+	const auto update = [](auto&&... arguments) { return dataupdate::Updater().UpdateAndTell(arguments...); };
+	return {io, config, info, update, std::make_shared<dataupdate::Checker>(config), terminal, IsVolumeAvailable,
+	    [info] { info->Hurry(); }};
 }
 
 } // namespace tarn::ctl

@@ -7,11 +7,10 @@
 #include "dataupdate/update.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
-#include "host/library/noting_updater.h"
-#include "host/library/opened_packages.h"
 #include "host/terminal/terminal.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -21,16 +20,17 @@ struct Services {
 	std::shared_ptr<dataupdate::IOUtils> io;
 	std::shared_ptr<dataupdate::ServiceConfig> config;
 	std::shared_ptr<dataupdate::InfoGetter> info;
-	std::shared_ptr<dataupdate::Updater> updater;
+	/** Updater::UpdateAndTell(). */
+	std::function<dataupdate::UpdateResult(const std::string& id, const dataupdate::DatabaseStatus& status,
+	    const dataupdate::RemoteInfo& remote, const std::map<int, dataupdate::DiffInfo>& diffs,
+	    const std::string& volume, const std::string& install_prefix, const std::string& root_directory)>
+	    update;
 	std::shared_ptr<dataupdate::Checker> checker;
 	Terminal& terminal;
 	/** Whether a volume is mounted and answers; if not, TLIBCErrGet() tells why. */
 	std::function<bool(const std::string& volume)> is_available;
 	/** Has the server's document come at once or not at all from now on; nothing to call in a double. */
 	std::function<void()> hurry = nullptr;
-	/** What the packages say that operations open. */
-	std::shared_ptr<OpenedPackages> packages = std::make_shared<OpenedPackages>();
-	UpdateNotes update_notes = nullptr; ///< Of the updater, if it keeps any.
 };
 
 /** The real ones. */

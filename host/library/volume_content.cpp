@@ -5,8 +5,8 @@
 #include "dataupdate/update_error.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
-#include "host/library/databases.h"
-#include "host/library/file_check.h"
+#include "host/library/each_database.h"
+#include "host/library/inspection.h"
 
 #include <algorithm>
 
@@ -48,7 +48,8 @@ bool IsThere(const std::string& id, const DatabaseStatus& status, const std::str
 std::set<std::string> FailuresOf(const Services& services, const std::vector<std::string>& ids,
     const std::function<void(const std::string& id)>& operation) {
 	std::set<std::string> failed;
-	ForEachDatabase(
+	// The failures are the answer.
+	[[maybe_unused]] const ExitCode ignored = ForEachDatabase(
 	    services, ids,
 	    [&](const std::string& id) {
 		    operation(id);

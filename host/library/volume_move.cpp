@@ -1,104 +1,128 @@
 #include "host/library/volume_move.h"
 
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
+#include "dataupdate/volume_handler.h"
 #include "host/library/failure.h"
 #include "host/library/safe_places.h"
+#include "host/library/volume_content.h"
 
 #include <syslog.h>
 
+#include <exception>
+#include <optional>
+#include <set>
 #include <utility>
 
 namespace tarn::ctl {
 
-VolumeMove::VolumeMove(const Services& services, std::string volume)
-    : VolumeHandler(services.config), services_(services), volume_(std::move(volume)) {}
+using End = MoveOutcome::End;
 
-std::string VolumeMove::FindSuitableVolume(std::string exclude) const {
-	try {
-		target_ = VolumeHandler::FindSuitableVolume(std::move(exclude));
-		Begin();
-	} catch (...) {
-		cause_ = std::current_exception();
-		throw;
-	}
-	return target_;
+namespace {
+
+/** What is found out before anything moves. */
+struct Preparation {
+	std::string target;
+	std::optional<Content> before;
+	bool target_is_free = false;
+	std::vector<std::string> marked;
+	std::string obstacle; ///< Why nothing can be begun, other than that no volume is suitable.
+};
+
+using dataupdate::MainDirPath;
+
+void Prepare(const Services& services, const std::string& volume, Preparation& preparation) {
+	RequireSafeVolume(preparation.target);
+	preparation.before = ContentBelow(MainDirPath(volume));
+	preparation.target_is_free = ContentBelow(MainDirPath(preparation.target)) == Content();
+	preparation.marked = MarkInstalled(services);
 }
 
-VolumeMove::Outcome VolumeMove::Run() {
-	UnmountVolumeEvent(volume_);
-	if (cause_) {
-		return JudgeCause();
-	}
-	if (target_.empty()) {
-		return Outcome::kNoTarget;
-	}
-	const Outcome outcome = Judge();
-	if (outcome == Outcome::kMoved || outcome == Outcome::kCopied) {
-		Settle();
-	} else if (outcome == Outcome::kStayed) {
-		TakeBack();
-	}
-	return outcome;
-}
+/** The library's part. It gives the volume up, asks for another one, and logs the failures of its steps. */
+class PreparingHandler : public dataupdate::VolumeHandler {
+public:
+	PreparingHandler(const Services& services, std::string volume, Preparation& preparation)
+	    : VolumeHandler(services.config), services_(services), volume_(std::move(volume)), preparation_(preparation) {}
 
-void VolumeMove::Begin() const {
-	RequireSafeVolume(target_);
-	before_ = ContentBelow(GetMainDirPath(volume_));
-	target_is_free_ = ContentBelow(GetMainDirPath(target_)) == Content();
-	marked_ = MarkInstalled(services_);
-}
-
-VolumeMove::Outcome VolumeMove::JudgeCause() const {
-	std::string reason;
-	try {
-		std::rethrow_exception(cause_);
-	} catch (const std::exception& error) {
-		if (error.what() == std::string("Cannot find suitable volume.")) {
-			return Outcome::kNoTarget;
+	std::string FindSuitableVolume(std::string exclude) const override {
+		try {
+			preparation_.target = VolumeHandler::FindSuitableVolume(std::move(exclude));
+			Prepare(services_, volume_, preparation_);
+		} catch (const std::exception& error) {
+			if (error.what() != std::string("Cannot find suitable volume.")) {
+				preparation_.obstacle = ExplainException(*services_.io).sentence;
+			}
+			throw;
 		}
-		reason = ExplainException(*services_.io).sentence;
+		return preparation_.target;
 	}
-	throw CommandError(kFailed,
-	    "The databases stay on " + volume_ + ", and no volume is in use, for they could not be moved: " + reason);
-}
+
+private:
+	const Services& services_;
+	std::string volume_;
+	Preparation& preparation_;
+};
 
 /** Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. */
-VolumeMove::Outcome VolumeMove::Judge() const {
-	if (!services_.config->GetCurVolume().empty()) {
-		return Outcome::kMoved;
+End Judge(const Services& services, const std::string& volume, const Preparation& preparation) {
+	if (!services.config->GetCurVolume().empty()) {
+		return End::kMoved;
 	}
-	if (!before_) {
-		return Outcome::kDivided;
+	const std::optional<Content>& before = preparation.before;
+	if (!before) {
+		return End::kDivided;
 	}
-	if (target_is_free_ && !before_->empty() && ContentBelow(GetMainDirPath(target_)) == before_) {
-		return Outcome::kCopied;
+	if (preparation.target_is_free && !before->empty() && ContentBelow(MainDirPath(preparation.target)) == before) {
+		return End::kCopied;
 	}
-	return ContentBelow(GetMainDirPath(volume_)) == before_ ? Outcome::kStayed : Outcome::kDivided;
+	return ContentBelow(MainDirPath(volume)) == before ? End::kStayed : End::kDivided;
 }
 
-void VolumeMove::Settle() const {
+void Settle(const Services& services, const Preparation& preparation) {
 	// The originals are gone, so the copies must not be in memory alone.
-	dataupdate::SyncFileSystem(GetMainDirPath(target_));
-	services_.config->SetCurVolume(target_);
-	const std::set<std::string> failed = LetRecordsFollow(services_, target_);
-	for (const std::string& id : marked_) {
+	dataupdate::SyncFileSystem(MainDirPath(preparation.target));
+	services.config->SetCurVolume(preparation.target);
+	const std::set<std::string> failed = LetRecordsFollow(services, preparation.target);
+	for (const std::string& id : preparation.marked) {
 		if (failed.count(id) == 0) {
 			Unmark({id});
 		}
 	}
 }
 
-void VolumeMove::TakeBack() const {
-	Unmark(marked_);
-	if (!target_is_free_) {
+void TakeBack(const Services& services, const Preparation& preparation) {
+	Unmark(preparation.marked);
+	if (!preparation.target_is_free) {
 		return;
 	}
 	try {
-		services_.io->RmRf(GetMainDirPath(target_));
+		services.io->RmRf(MainDirPath(preparation.target));
 	} catch (const dataupdate::UpdateError& error) {
 		syslog(LOG_WARNING, "What was copied could not be removed: %s", error.what());
 	}
+}
+
+} // namespace
+
+MoveOutcome MoveAway(const Services& services, const std::string& volume) {
+	Preparation preparation;
+	PreparingHandler(services, volume, preparation).UnmountVolumeEvent(volume);
+	if (!preparation.obstacle.empty()) {
+		throw CommandError(
+		    kFailed, "The databases stay on " + volume +
+		                 ", and no volume is in use, for they could not be moved: " + preparation.obstacle);
+	}
+	if (preparation.target.empty()) {
+		return {};
+	}
+	const End end = Judge(services, volume, preparation);
+	if (end == End::kMoved || end == End::kCopied) {
+		Settle(services, preparation);
+	} else if (end == End::kStayed) {
+		TakeBack(services, preparation);
+	}
+	return {end, preparation.target};
 }
 
 } // namespace tarn::ctl

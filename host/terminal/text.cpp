@@ -1,5 +1,7 @@
 #include "host/terminal/text.h"
 
+#include <json/writer.h>
+
 #include <algorithm>
 #include <array>
 
@@ -54,6 +56,12 @@ std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
 		table += line + '\n';
 	}
 	return table;
+}
+
+std::string FormatJson(const Json::Value& value) {
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = "\t";
+	return Json::writeString(builder, value) + "\n";
 }
 
 } // namespace tarn::ctl

@@ -1,7 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "host/library/failure.h"
 #include "host/library/file_changes.h"
-#include "host/library/file_check.h"
+#include "host/library/inspection.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -39,8 +40,13 @@ struct Doubles {
 	std::ostringstream err;
 	ctl::Terminal terminal{out, err, false};
 	bool is_available = true;
-	ctl::Services services{
-	    io, config, info, updater, checker, terminal, [this](const std::string&) { return is_available; }};
+	/** What the updater's double changes. */
+	std::set<std::string> changed;
+	ctl::Services services{io, config, info,
+	    [this](auto&&... arguments) {
+		    return dataupdate::UpdateResult{updater->Update(arguments...), changed, false};
+	    },
+	    checker, terminal, [this](const std::string&) { return is_available; }};
 
 	Doubles() {
 		using testing::Return;

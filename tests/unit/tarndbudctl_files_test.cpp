@@ -1,7 +1,7 @@
 #include "dataupdate/installation.h"
 #include "dataupdate/updater.h"
 #include "host/library/file_changes.h"
-#include "host/library/file_check.h"
+#include "host/library/inspection.h"
 #include "host/library/installed_files.h"
 #include "private_root.h"
 #include "temporary_directory.h"

@@ -1,8 +1,7 @@
 // What the host knows of the packages that it installs.
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
-#include "host/library/noting_info_getter.h"
-#include "host/library/opened_packages.h"
+#include "host/library/operation.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
@@ -13,6 +12,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace tarn::ctl {
 namespace {
@@ -38,8 +38,7 @@ TEST(OpenedPackagesTest, KeepTheLastPackageOfEachDatabase) {
 }
 
 TEST(OpenedPackagesTest, LetInOnlyTheVersionThatIsExpected) {
-	OpenedPackages packages;
-	packages.ExpectVersion(4);
+	OpenedPackages packages(4);
 	EXPECT_STREQ(packages.Hear(kFull), "version 4 of geo is asked for, and this is version 3");
 	EXPECT_FALSE(packages.Last("geo"));
 	EXPECT_EQ(packages.Hear(kSilent), nullptr);
@@ -62,13 +61,15 @@ protected:
 			std::filesystem::create_directories("/var/lib/data_update/geo");
 		}
 	}
-	/** Records a version as the library does at the end of an operation. */
-	void Record(int version) {
+	/** Records a version as the library does at the end of an operation that opened these packages. */
+	void Record(int version, const std::vector<const char*>& opened = {}) {
+		Operation operation(doubles_.services, "geo", Change::kFix, [](const std::string&) {});
+		for (const char* metadata : opened) {
+			EXPECT_EQ(operation.Packages().Hear(metadata), nullptr);
+		}
 		dataupdate::DatabaseStatus status;
 		status.data_version = version;
-		NotingInfoGetter(
-		    doubles_.info, [](const std::string&) {}, doubles_.services.packages)
-		    .SetDatabaseStatus("geo", status);
+		operation.Info()->SetDatabaseStatus("geo", status);
 	}
 
 	test::Doubles doubles_;
@@ -76,27 +77,22 @@ protected:
 
 TEST_F(InstalledPackageTest, IsRecordedWithTheVersionThatItBrought) {
 	EXPECT_FALSE(PublicationTime("geo", 4));
-	doubles_.services.packages->Hear(kFull);
-	doubles_.services.packages->Hear(kDiff);
-	Record(4);
+	Record(4, {kFull, kDiff});
 	EXPECT_EQ(PublicationTime("geo", 4), 1700000004);
 	EXPECT_FALSE(PublicationTime("geo", 5)) << "version 5 came from another program, without a record";
 }
 
 TEST_F(InstalledPackageTest, IsForgottenWhenNothingIsKnownOfTheNextOne) {
-	doubles_.services.packages->Hear(kFull);
-	Record(3);
+	Record(3, {kFull});
 	EXPECT_EQ(PublicationTime("geo", 3), 1700000003);
-	doubles_.services.packages->Hear(kSilent);
-	Record(4);
+	Record(4, {kSilent});
 	EXPECT_FALSE(std::filesystem::exists(InstalledPackagePath("geo")));
-	Record(3);
+	Record(3, {kDiff});
 	EXPECT_FALSE(PublicationTime("geo", 3)) << "the last package that was opened is one of version 4";
 }
 
 TEST_F(InstalledPackageTest, IsForgottenBeforeTheLibrarysRecordChanges) {
-	doubles_.services.packages->Hear(kFull);
-	Record(3);
+	Record(3, {kFull});
 	ON_CALL(*doubles_.info, SetDatabaseStatus).WillByDefault(Throw(dataupdate::UpdateError("Fail to write: x")));
 	EXPECT_THROW(Record(3), dataupdate::UpdateError);
 	EXPECT_FALSE(std::filesystem::exists(InstalledPackagePath("geo")));

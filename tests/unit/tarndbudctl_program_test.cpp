@@ -57,7 +57,7 @@ protected:
 	int Run(std::vector<const char*> arguments, const std::vector<Command>& commands) {
 		arguments.insert(arguments.begin(), "tarndbudctl");
 		const auto make_services = [this](Terminal& terminal) {
-			return Services{doubles_.io, doubles_.config, doubles_.info, doubles_.updater, doubles_.checker, terminal,
+			return Services{doubles_.io, doubles_.config, doubles_.info, doubles_.services.update, doubles_.checker, terminal,
 			    doubles_.services.is_available};
 		};
 		out_.str("");

@@ -1,12 +1,13 @@
 #include "dataupdate/installation.h"
-#include "host/library/file_check.h"
-#include "host/library/recording_info_getter.h"
+#include "host/library/inspection.h"
+#include "host/library/operation.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -36,15 +37,19 @@ protected:
 		ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault([this](const std::string&) { return listed_; });
 		ON_CALL(*doubles_.info, SetDatabaseStatus)
 		    .WillByDefault([this](const std::string&, const DatabaseStatus& status) { listed_ = status; });
-		doubles_.services.update_notes = notes_;
 		WriteFile("/var/lib/data_update/geo/version.json", "{}");
 		WriteFile(directory_ / "a", "1");
 		WriteFile(directory_ / "b", "1");
-		const RecordingInfoGetter fix = Getter(Change::kFix);
-		fix.SetDatabaseStatus("geo", Status(1, {directory_ / "a", directory_ / "b"}));
+		Begin(Change::kFix).Info()->SetDatabaseStatus("geo", Status(1, {directory_ / "a", directory_ / "b"}));
 	}
-	RecordingInfoGetter Getter(Change change) const {
-		return {doubles_.services, [](const std::string&) {}, change};
+	Operation Begin(Change change) const {
+		return {doubles_.services, "geo", change, [](const std::string&) {}};
+	}
+	/** What the library asks for before it finds that there is nothing to update. */
+	void FindNothingToUpdate() const {
+		Operation update = Begin(Change::kUpdate);
+		update.Info()->GetDatabaseStatus("geo");
+		update.Info()->GetRemoteInfo("geo");
 	}
 	DatabaseStatus Status(int version, const std::set<std::string>& names) const {
 		DatabaseStatus status;
@@ -54,14 +59,17 @@ protected:
 	}
 	/** What the library does for an update by a diff package. */
 	void Update(int version, const std::set<std::string>& changed) {
-		const RecordingInfoGetter update = Getter(Change::kUpdate);
-		update.GetDatabaseStatus("geo");
-		update.GetRemoteInfo("geo");
-		for (const std::string& name : changed) {
-			WriteFile(directory_ / name, std::to_string(version));
-		}
-		*notes_ = UpdateNote{"geo", changed, false};
-		update.SetDatabaseStatus("geo", Status(version, changed));
+		doubles_.changed = changed;
+		ON_CALL(*doubles_.updater, Update).WillByDefault([=](auto&&...) {
+			for (const std::string& name : changed) {
+				WriteFile(directory_ / name, std::to_string(version));
+			}
+			return Status(version, changed);
+		});
+		Operation update = Begin(Change::kUpdate);
+		const DatabaseStatus before = update.Info()->GetDatabaseStatus("geo");
+		const dataupdate::RemoteInfo remote = update.Info()->GetRemoteInfo("geo");
+		update.Info()->SetDatabaseStatus("geo", update.Updater()->Update("geo", before, remote, {}, "", "", ""));
 	}
 	std::optional<InstalledFiles> Credible() const { return ReadCredibleFiles("geo", listed_, directory_.Path()); }
 	bool IsSound() const {
@@ -70,11 +78,10 @@ protected:
 		       FindUnknownFiles(*record, directory_.Path()).empty();
 	}
 	/** The version that a fix lets the library see. */
-	int VersionForFix() const { return Getter(Change::kFix).GetDatabaseStatus("geo").data_version; }
+	int VersionForFix() const { return Begin(Change::kFix).Info()->GetDatabaseStatus("geo").data_version; }
 
 	test::TemporaryDirectory directory_;
 	test::Doubles doubles_;
-	UpdateNotes notes_ = std::make_shared<std::optional<UpdateNote>>();
 	DatabaseStatus listed_;
 };
 
@@ -99,14 +106,39 @@ TEST_F(RecordingTest, MakesALostRecordAgainBeforeAnUpdate) {
 
 TEST_F(RecordingTest, MakesALostRecordAgainThoughNothingIsUpdated) {
 	fs::remove(InstalledFilesPath("geo"));
-	Getter(Change::kUpdate).GetRemoteInfo("geo");
+	FindNothingToUpdate();
 	EXPECT_TRUE(IsSound());
 	EXPECT_FALSE(Credible()->is_from_disk) << "the library's record was a full package's";
 }
 
+TEST_F(RecordingTest, ReadsNoWholeRecordWhenNothingIsUpdated) {
+	FindNothingToUpdate();
+	const std::string path = InstalledFilesPath("geo");
+	const std::string content = test::ReadFile(path);
+	const std::string head = content.substr(0, content.find("rebuilt"));
+	WriteFile(path, head); // Whoever read on would make it again.
+	EXPECT_CALL(*doubles_.info, GetDatabaseStatus).Times(1);
+	FindNothingToUpdate();
+	EXPECT_EQ(test::ReadFile(path), head);
+}
+
+TEST_F(RecordingTest, ComparesARecordThatIsOlderThanTheLibrarys) {
+	const std::string path = InstalledFilesPath("geo");
+	WriteFile(directory_ / "a", "2");
+	listed_ = Status(1, {directory_ / "a", directory_ / "b"}); // By a program that knows of no such record.
+	fs::last_write_time(path, fs::last_write_time(path) - std::chrono::seconds(5));
+	FindNothingToUpdate();
+	EXPECT_TRUE(IsSound());
+	fs::last_write_time(path, fs::last_write_time(path) - std::chrono::seconds(5));
+	const std::string content = test::ReadFile(path);
+	FindNothingToUpdate();
+	EXPECT_EQ(test::ReadFile(path), content);
+	EXPECT_TRUE(SeemsCurrent("geo", 1)) << "it has been compared";
+}
+
 TEST_F(RecordingTest, BelievesNoRecordOfAnotherVersion) {
 	listed_ = Status(2, {"b"}); // By a program that knows of no such record.
-	Getter(Change::kUpdate).GetRemoteInfo("geo");
+	FindNothingToUpdate();
 	EXPECT_EQ(Credible()->data_version, 2);
 	EXPECT_TRUE(Credible()->is_from_disk);
 }
@@ -117,26 +149,25 @@ TEST_F(RecordingTest, LeavesNoWrongRecordWhenItIsKilledBetweenTheTwo) {
 		throw std::runtime_error("killed");
 	});
 	WriteFile(directory_ / "a", "forced");
-	const RecordingInfoGetter forced = Getter(Change::kForced);
-	forced.GetRemoteInfo("geo");
-	EXPECT_THROW(forced.SetDatabaseStatus("geo", Status(1, {})), std::runtime_error);
+	Operation forced = Begin(Change::kForced);
+	forced.Info()->GetRemoteInfo("geo");
+	EXPECT_THROW(forced.Info()->SetDatabaseStatus("geo", Status(1, {})), std::runtime_error);
 	EXPECT_FALSE(Credible()) << "the version alone is the old record's";
 }
 
 TEST_F(RecordingTest, KeepsWhatWasRecordedWhenAnOperationFails) {
-	const RecordingInfoGetter update = Getter(Change::kUpdate);
-	update.GetRemoteInfo("geo");
+	FindNothingToUpdate();
 	EXPECT_TRUE(IsSound());
 }
 
 TEST_F(RecordingTest, MakesNoRecordOfWhatIsNotThereOrHalfReplaced) {
 	fs::remove(InstalledFilesPath("geo"));
 	dataupdate::MarkUnfinished("geo");
-	Getter(Change::kUpdate).GetRemoteInfo("geo");
+	FindNothingToUpdate();
 	dataupdate::ClearReplacementMark("geo");
 	EXPECT_FALSE(fs::exists(InstalledFilesPath("geo")));
 	ON_CALL(*doubles_.database, GetInstallPrefix).WillByDefault(Return(directory_ / "unmounted"));
-	Getter(Change::kUpdate).GetRemoteInfo("geo");
+	FindNothingToUpdate();
 	EXPECT_FALSE(fs::exists(InstalledFilesPath("geo")));
 }
 
@@ -148,27 +179,27 @@ TEST_F(RecordingTest, LetsAFixSeeWhatTheLibrarysRecordDoesNotTell) {
 	WriteFile(directory_ / "a", "1");
 	WriteFile(directory_ / "unknown", "");
 	EXPECT_EQ(VersionForFix(), -1);
-	EXPECT_EQ(Getter(Change::kUpdate).GetDatabaseStatus("geo").data_version, 2);
+	EXPECT_EQ(Begin(Change::kUpdate).Info()->GetDatabaseStatus("geo").data_version, 2);
 }
 
 TEST_F(RecordingTest, ForcesAVersionOverARecordThatCannotBeRead) {
 	EXPECT_CALL(*doubles_.info, GetDatabaseStatus)
 	    .WillOnce(testing::Throw(dataupdate::UpdateError("malformed")))
 	    .WillRepeatedly([this](const std::string&) { return listed_; });
-	const RecordingInfoGetter forced = Getter(Change::kForced);
-	EXPECT_EQ(forced.GetRemoteInfo("geo").data_version, 5);
-	forced.SetDatabaseStatus("geo", Status(5, {}));
+	Operation forced = Begin(Change::kForced);
+	EXPECT_EQ(forced.Info()->GetRemoteInfo("geo").data_version, 5);
+	forced.Info()->SetDatabaseStatus("geo", Status(5, {}));
 	EXPECT_TRUE(IsSound());
 	EXPECT_TRUE(Credible()->is_from_disk);
 }
 
 TEST_F(RecordingTest, RecordsAForcedVersionWithoutTrustingDamageFromBefore) {
 	WriteFile(directory_ / "a", "damaged");
-	const RecordingInfoGetter forced = Getter(Change::kForced);
-	forced.GetRemoteInfo("geo");
+	Operation forced = Begin(Change::kForced);
+	forced.Info()->GetRemoteInfo("geo");
 	fs::remove(directory_ / "b");
 	WriteFile(directory_ / "b", "of the package");
-	forced.SetDatabaseStatus("geo", Status(5, {}));
+	forced.Info()->SetDatabaseStatus("geo", Status(5, {}));
 	const auto bad = FindBadFiles(*Credible(), {}, directory_.Path());
 	ASSERT_EQ(bad.size(), 1U);
 	EXPECT_EQ(bad[0].name, "a");

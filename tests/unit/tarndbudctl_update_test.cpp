@@ -47,7 +47,9 @@ protected:
 	void LetSucceed(const std::string& id) {
 		ON_CALL(*doubles_.updater, Update(id, _, _, _, _, _, _)).WillByDefault([this, id](auto&&...) {
 			doubles_.Install(5, id);
-			return DatabaseStatus();
+			DatabaseStatus status;
+			status.data_version = 5;
+			return status;
 		});
 	}
 	/** What a run that was killed while it replaced files leaves. */

@@ -1,6 +1,6 @@
 /** @file What the program's exit status says; scripts and timers rely on the numbers. */
-#ifndef HOST_EXIT_CODES_H
-#define HOST_EXIT_CODES_H
+#ifndef HOST_LIBRARY_EXIT_CODES_H
+#define HOST_LIBRARY_EXIT_CODES_H
 
 namespace tarn::ctl {
 

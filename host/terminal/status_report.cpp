@@ -1,8 +1,6 @@
-#include "host/library/status_report.h"
+#include "host/terminal/status_report.h"
 
 #include "host/terminal/text.h"
-
-#include <json/writer.h>
 
 namespace tarn::ctl {
 
@@ -115,12 +113,6 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 		array.append(object);
 	}
 	return array;
-}
-
-std::string FormatJson(const Json::Value& value) {
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "\t";
-	return Json::writeString(builder, value) + "\n";
 }
 
 } // namespace tarn::ctl

@@ -1,6 +1,6 @@
 /** @file Measurements in the text form that Prometheus reads. */
-#ifndef HOST_LIBRARY_METRICS_H
-#define HOST_LIBRARY_METRICS_H
+#ifndef HOST_TERMINAL_METRICS_TEXT_H
+#define HOST_TERMINAL_METRICS_TEXT_H
 
 #include <string>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "host/library/metrics.h"
+#include "host/terminal/metrics_text.h"
 
 #include <algorithm>
 #include <locale>

@@ -1,6 +1,6 @@
 /** @file The state of databases, as a table and as JSON. */
-#ifndef HOST_LIBRARY_STATUS_REPORT_H
-#define HOST_LIBRARY_STATUS_REPORT_H
+#ifndef HOST_TERMINAL_STATUS_REPORT_H
+#define HOST_TERMINAL_STATUS_REPORT_H
 
 #include <json/value.h>
 
@@ -44,9 +44,6 @@ std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t no
 
 /** An array with an object for each database; no value is null, and an error is there only when there is one. */
 Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now);
-
-/** A JSON document as text, indented by tabs, with a newline at the end. */
-std::string FormatJson(const Json::Value& value);
 
 } // namespace tarn::ctl
 

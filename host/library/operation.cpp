@@ -1,0 +1,183 @@
+#include "host/library/operation.h"
+
+#include "dataupdate/installation.h"
+#include "dataupdate/interruption.h"
+#include "host/library/safe_places.h"
+
+#include <syslog.h>
+
+#include <map>
+#include <utility>
+
+namespace tarn::ctl {
+
+using dataupdate::DatabaseStatus;
+using dataupdate::RemoteInfo;
+using Diffs = std::map<int, dataupdate::DiffInfo>;
+
+namespace {
+
+/** Says beforehand what the library's "No sufficient diff patched" will mean, which sounds like a failure. */
+void LogMissingDiff(const std::string& id, const Outcome& outcome, const Diffs& diffs) {
+	if (outcome.before < 0) {
+		syslog(LOG_NOTICE,
+		    "%s is not installed, so that it comes by the full package; \"No sufficient diff patched\" says only this.",
+		    id.c_str());
+		return;
+	}
+	int version = outcome.before;
+	while (version < outcome.offered && diffs.count(version + 1) > 0) {
+		++version;
+	}
+	if (version < outcome.offered) {
+		syslog(LOG_NOTICE,
+		    "The server has no diff package from version %d to %d of %s, on the way from %d to %d, so that it comes by "
+		    "the full package; \"No sufficient diff patched\" says only this, and nothing is to be done.",
+		    version, version + 1, id.c_str(), outcome.before, outcome.offered);
+	}
+}
+
+} // namespace
+
+/** What the library asks, and tells at the end. */
+class Operation::OwnInfo : public dataupdate::InfoGetter {
+public:
+	explicit OwnInfo(Operation& operation)
+	    : InfoGetter(operation.services_.io, operation.services_.config), operation_(operation) {}
+
+	RemoteInfo GetRemoteInfo(const std::string& /*id*/) const override { return operation_.AskServer(); }
+	Diffs GetDiffInfos(const std::string& id) const override {
+		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
+		LogMissingDiff(id, operation_.outcome_, diffs);
+		return diffs;
+	}
+	DatabaseStatus GetDatabaseStatus(const std::string& /*id*/) const override { return operation_.ReadStatus(); }
+	void SetDatabaseStatus(const std::string& /*id*/, const DatabaseStatus& status) const override {
+		operation_.RecordStatus(status);
+	}
+
+private:
+	Operation& operation_;
+};
+
+/** How the library installs. */
+class Operation::OwnUpdater : public dataupdate::Updater {
+public:
+	explicit OwnUpdater(Operation& operation) : operation_(operation) {}
+
+	DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+	    const Diffs& diffs, const std::string& volume, const std::string& installPrefix,
+	    const std::string& rootDirectory) const override {
+		operation_.record_.PrepareUpdate(status);
+		operation_.update_ =
+		    operation_.services_.update(id, status, remote, diffs, volume, installPrefix, rootDirectory);
+		return operation_.update_.status;
+	}
+
+private:
+	Operation& operation_;
+};
+
+Operation::Operation(const Services& services, const std::string& id, Change change, CheckVolume check_volume,
+    std::optional<int> expected)
+    : services_(services),
+      id_(id),
+      change_(change),
+      check_volume_(std::move(check_volume)),
+      record_(services, id),
+      packages_(expected) {}
+
+dataupdate::Update Operation::Library() {
+	return {Updater(), Info(), services_.config};
+}
+
+std::shared_ptr<dataupdate::InfoGetter> Operation::Info() {
+	return std::make_shared<OwnInfo>(*this);
+}
+
+std::shared_ptr<dataupdate::Updater> Operation::Updater() {
+	return std::make_shared<OwnUpdater>(*this);
+}
+
+RemoteInfo Operation::AskServer() {
+	RemoteInfo remote = services_.info->GetRemoteInfo(id_);
+	outcome_.offered = remote.data_version;
+	check_volume_(id_); // Last, because a download may have taken long as well.
+	if (change_ == Change::kUpdate) {
+		record_.Mend(outcome_.before);
+	} else if (change_ == Change::kForced) {
+		record_.PrepareForced();
+	}
+	return remote;
+}
+
+DatabaseStatus Operation::ReadStatus() {
+	DatabaseStatus status = services_.info->GetDatabaseStatus(id_);
+	outcome_.before = status.data_version;
+	outcome_.was_unfinished = dataupdate::IsReplacementMarked(id_);
+	if (change_ == Change::kFix) {
+		check_volume_(id_);
+		// The library's own record does not name every file; it reinstalls what seems not to be installed.
+		if (record_.FindsDamage(status)) {
+			status.data_version = -1;
+		}
+	}
+	return status;
+}
+
+/**
+ * The old records go first and the new ones come last. A process that is killed in between leaves none, never wrong
+ * ones.
+ */
+void Operation::RecordStatus(const DatabaseStatus& status) {
+	const dataupdate::InterruptionShield shield;
+	DropInstalledFiles(id_);
+	ForgetInstalledPackage(id_);
+	services_.info->SetDatabaseStatus(id_, status);
+	outcome_.installed = status.data_version;
+	const std::optional<OpenedPackage> package = packages_.Last(id_);
+	if (package && package->data_version == status.data_version) {
+		RecordInstalledPackage(id_, *package);
+	}
+	KeepRecord(status);
+}
+
+void Operation::KeepRecord(const DatabaseStatus& status) {
+	switch (change_) {
+	case Change::kUpdate:
+		record_.KeepUpdated(status, update_);
+		return;
+	case Change::kFix:
+		record_.KeepFixed(status);
+		return;
+	case Change::kForced:
+		record_.KeepForced(status);
+		return;
+	}
+}
+
+Outcome UpdateDatabase(const Services& services, const std::string& id) {
+	Operation operation(services, id, Change::kUpdate, [&services](const std::string& own) {
+		RequireNoLostVolume(services);
+		RequireSafePlaces(services, own);
+	});
+	operation.Library().UpdateProject(id);
+	return operation.Result();
+}
+
+Outcome FixDatabase(const Services& services, const std::string& id) {
+	Operation operation(
+	    services, id, Change::kFix, [&services](const std::string& own) { RequireVolumeFor(services, own); });
+	operation.Library().FixProject(id);
+	return operation.Result();
+}
+
+Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target) {
+	Operation operation(
+	    services, id, Change::kForced, [&services](const std::string& own) { RequireVolumeFor(services, own); },
+	    target);
+	operation.Library().ForceInstall(id, version);
+	return operation.Result();
+}
+
+} // namespace tarn::ctl

@@ -1,0 +1,87 @@
+/** @file One operation of the library on one database, and what it did. */
+#ifndef HOST_LIBRARY_OPERATION_H
+#define HOST_LIBRARY_OPERATION_H
+
+#include "dataupdate/update.h"
+#include "host/library/installed_package.h"
+#include "host/library/record_keeper.h"
+#include "host/library/services.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace tarn::ctl {
+
+/** What an operation found and did. */
+struct Outcome {
+	int Version() const { return installed.value_or(before); }
+
+	int before = -1;              ///< The recorded version when the operation had its locks; -1 for none.
+	bool was_unfinished = false;  ///< Whether its files were half replaced, so that it is treated as not installed.
+	int offered = -1;             ///< The server's version; -1 when the server was not asked.
+	std::optional<int> installed; ///< The version that was installed and recorded; none when nothing was changed.
+};
+
+/** Installs the server's version if it is newer. Throws what the library throws. */
+[[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id);
+/** Reinstalls the server's version if anything is missing, changed, unknown or half replaced. */
+[[nodiscard]] Outcome FixDatabase(const Services& services, const std::string& id);
+/**
+ * Installs a version over what is there.
+ *
+ * @param version  as dataupdate::Update::ForceInstall() takes it
+ * @param target   the version that this stands for; no package of another version gets in, because a forced package's
+ *                 file name says nothing about the version
+ */
+[[nodiscard]] Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target);
+
+enum class Change { kUpdate, kFix, kForced };
+
+/**
+ * Everything that is known of one operation while it lasts. The library asks for the installed state or for the
+ * server's description once it has its locks, and records the new state before it gives them back: these are the
+ * moments at which the volume is looked at, and the record of all files is read, mended and carried on.
+ */
+class Operation {
+public:
+	using CheckVolume = std::function<void(const std::string& id)>;
+
+	/**
+	 * @param check_volume  called under the locks and before anything is written; what it throws ends the operation
+	 * @param expected      the only version that may be installed; none: any
+	 */
+	Operation(const Services& services, const std::string& id, Change change, CheckVolume check_volume,
+	    std::optional<int> expected = std::nullopt);
+
+	/** For the library, as long as this object lives. */
+	dataupdate::Update Library();
+	std::shared_ptr<dataupdate::InfoGetter> Info();
+	std::shared_ptr<dataupdate::Updater> Updater();
+
+	OpenedPackages& Packages() { return packages_; }
+	const Outcome& Result() const { return outcome_; }
+
+private:
+	class OwnInfo;
+	class OwnUpdater;
+
+	dataupdate::RemoteInfo AskServer();
+	dataupdate::DatabaseStatus ReadStatus();
+	void RecordStatus(const dataupdate::DatabaseStatus& status);
+	void KeepRecord(const dataupdate::DatabaseStatus& status);
+
+	const Services& services_;
+	std::string id_;
+	Change change_;
+	CheckVolume check_volume_;
+	RecordKeeper record_;
+	OpenedPackages packages_;
+	dataupdate::UpdateResult update_;
+	Outcome outcome_;
+};
+
+} // namespace tarn::ctl
+
+#endif
