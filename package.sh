@@ -9,7 +9,7 @@ readonly work=$PWD/build/debian
 readonly source=$work/tarndbud
 
 build_dependencies() {
-	awk '!/^#/ && $1 == "build" { printf "%s%s", separator, $2; separator = ", " }' scripts/packages.txt
+	awk '!/^#/ && ($1 == "build" || $1 == "reference") { printf "%s%s", separator, $2; separator = ", " }' scripts/packages.txt
 }
 
 copy_source() {
@@ -22,7 +22,7 @@ copy_source() {
 
 main() {
 	local target=${1:-$PWD/build/packages}
-	scripts/install-packages build package
+	scripts/install-packages build reference package
 	copy_source
 	(cd "$source" && dpkg-buildpackage --build=binary --no-sign)
 	mkdir -p "$target"

@@ -22,10 +22,11 @@ namespace tarn::dataupdate {
  *
  * A value is a string, a boolean or an unsigned integer. An override that is missing or has the wrong type yields to
  * the default; a wrong default is an error. Reads take no lock. Writes hold "/run/data_update/config.lock" and wait up
- * to 600 seconds for it.
+ * to 600 seconds for it. Several threads may use one object after Init().
  */
 class TARNDBUD_EXPORT Config {
 public:
+	/** Shares the file operations; reads nothing. */
 	explicit Config(std::shared_ptr<IOUtils> io);
 	virtual ~Config();
 
@@ -39,15 +40,19 @@ public:
 	virtual std::string Get(const std::string& section, const std::string& key) const;
 	/** Integers from 0 to 4294967295; see Get() for errors. */
 	virtual unsigned long GetAsUInt64(const std::string& section, const std::string& key) const;
+	/** true or false; see Get() for errors. */
 	virtual bool GetAsBool(const std::string& section, const std::string& key) const;
 
 	/**
-	 * Stores a value in the override file, other keys keeping theirs; a missing or unparsable file is written anew.
+	 * Stores a value in the override file, other keys keeping theirs; a missing or unparsable file is replaced.
 	 * Throw UpdateError "Fail to set config <section>:<key>", or FileLock's error, and nothing is then written.
 	 */
 	virtual void Set(const std::string& section, const std::string& key, const std::string& value) const;
+	/** Likewise, as a string. */
 	virtual void Set(const std::string& section, const std::string& key, const char* value) const;
+	/** Likewise, as a number. */
 	virtual void Set(const std::string& section, const std::string& key, unsigned long value) const;
+	/** Likewise, as true or false. */
 	virtual void Set(const std::string& section, const std::string& key, bool value) const;
 
 	/**
@@ -56,12 +61,13 @@ public:
 	 */
 	virtual std::vector<std::string> GetSections() const;
 
-	/** The reads and writes behind Get and Set, for std::string, unsigned long and bool. */
+	/** What Get() does, for std::string, unsigned long and bool. */
 	template<typename T>
 	T __Get(const std::string& section, const std::string& key) const;
+	/** What Set() does, for the same types. */
 	template<typename T>
 	void __Set(const std::string& section, const std::string& key, const T& value) const;
-	/** Throws UpdateError "Bad type conversion". */
+	/** A value as one of these types. Throws UpdateError "Bad type conversion". */
 	template<typename T>
 	T GetAs(const Json::Value& value) const;
 

@@ -19,7 +19,7 @@ namespace tarn::dataupdate {
  * the database ("DATABASE"), the changed files ("CHANGED_FILES", joined by ":" without escaping, absolute paths after a
  * full update or a fix) and the delimiter ("DELIMITER").
  *
- * Hooks advise: every failure is logged at LOG_ERR and returned as false, none is thrown.
+ * Hooks advise: every failure is logged at LOG_ERR and returned as false, none is thrown. One thread uses an object.
  */
 class TARNDBUD_EXPORT UpdateHook {
 public:
@@ -27,17 +27,21 @@ public:
 	UpdateHook(const std::string& id, const std::set<std::string>& files);
 	/** Copies share the source's context, and each of them closes it; copy only what will not be destroyed twice. */
 	UpdateHook(const UpdateHook& other);
+	/** Closes the own context and shares the other's, likewise. */
 	UpdateHook& operator=(const UpdateHook& other);
 	/** Closes the context. */
 	virtual ~UpdateHook();
 
-	/** Runs the hooks before the change, and after it. */
+	/** Runs the hooks before the change. */
 	virtual bool ExecPre();
+	/** Runs the hooks after the change. */
 	virtual bool ExecPost();
 	/** Closes the context; to be called once, since the handle keeps its value. */
 	virtual void Clear();
 
+	/** Sets one argument of the hooks. */
 	bool SetEnv(const std::string& key, const std::string& value);
+	/** Runs the hooks for an action. */
 	bool ExecAction(TLIBPluginActionType action);
 	/** The paths in order, with ":" between them. */
 	static std::string JoinFiles(const std::set<std::string>& files);

@@ -18,8 +18,9 @@ namespace tarn::dataupdate {
 
 /** Asks operations to end. May be called from a signal handler. */
 TARNDBUD_EXPORT void RequestInterruption() noexcept;
+/** Whether a host has asked and has not forgotten it; a shield does not change the answer. */
 TARNDBUD_EXPORT bool IsInterruptionRequested() noexcept;
-/** For a host that goes on afterwards. */
+/** Takes the request back, for a host that goes on afterwards. */
 TARNDBUD_EXPORT void ForgetInterruption() noexcept;
 
 /** Keeps operations from ending early for as long as it lives; a request waits. Shields may be nested. */

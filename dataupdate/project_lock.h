@@ -44,15 +44,18 @@ namespace tarn::dataupdate {
 
 /**
  * Tells whether an update is running, by trying the update's lock file for a moment. What cannot be tried, for want of
- * permissions for example, counts as updating. The probe creates the lock file when it is missing.
+ * permissions for example, is treated as updating. The probe creates the lock file when it is missing. Any thread may
+ * call a checker.
  */
 class TARNDBUD_EXPORT Checker {
 public:
+	/** Shares the configuration; touches nothing yet. */
 	explicit Checker(std::shared_ptr<ServiceConfig> service_config);
 	virtual ~Checker();
 
-	/** Throws UpdateError "Project <id> not supported". */
+	/** Whether this database is being updated. Throws UpdateError "Project <id> not supported". */
 	virtual bool IsUpdating(const std::string& id) const;
+	/** Whether any database is being updated. */
 	virtual bool IsAnyUpdating() const;
 
 private:

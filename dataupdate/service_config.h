@@ -29,6 +29,7 @@ public:
 
 	/** "auto_update": whether scheduled updates include the database; true when absent or of the wrong type. */
 	virtual bool GetScheduled() const;
+	/** Writes "auto_update" as Config::Set() does. */
 	virtual void SetScheduled(bool scheduled) const;
 	/** "format_version": the data format that this system can use. */
 	virtual std::string GetFormatVersion() const;
@@ -70,6 +71,7 @@ public:
 	virtual std::string GetDBInfoVersion() const;
 	/** "cur_volume": mount path of the volume that holds the databases; empty when none is in use. */
 	virtual std::string GetCurVolume() const;
+	/** Writes "cur_volume" as Config::Set() does. */
 	virtual void SetCurVolume(const std::string& volume) const;
 
 private:

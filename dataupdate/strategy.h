@@ -36,8 +36,8 @@ struct TARNDBUD_EXPORT ModifyInfo {
 	static constexpr int32_t kOverride = 1; ///< Copy the source over the target.
 	static constexpr int32_t kDelete = 2;   ///< Remove the target.
 
-	int32_t operation = 0;
-	std::string source; ///< The new content, in the temporary area.
+	int32_t operation = 0; ///< kOverride or kDelete.
+	std::string source;    ///< The new content, in the temporary area.
 };
 
 /** The interface, with operations that do nothing, and what all strategies share. */
@@ -48,7 +48,9 @@ public:
 	BaseStrategy& operator=(const BaseStrategy&) = delete;
 	virtual ~BaseStrategy();
 
+	/** Does all that can fail while the installed files stay as they are. Call it once. */
 	virtual void PrepareUpdate();
+	/** Replaces the installed files. Call it once, after PrepareUpdate(). */
 	virtual void ApplyUpdate();
 	/** The changed files, for the hooks and the digests. */
 	virtual std::set<std::string> GetModifiedFiles() const;
@@ -71,6 +73,7 @@ protected:
 /** Replaces everything by the content of one package. Changed files are absolute target paths. */
 class TARNDBUD_EXPORT FullStrategy : public BaseStrategy {
 public:
+	/** Keeps copies of the arguments; does nothing yet. */
 	FullStrategy(const std::string& id, const RemoteInfo& remote, const std::string& volume,
 	    const std::string& installPrefix, const std::string& rootDirectory);
 	~FullStrategy() override;
@@ -113,6 +116,7 @@ private:
  */
 class TARNDBUD_EXPORT DiffStrategy : public BaseStrategy {
 public:
+	/** Keeps copies of the arguments; does nothing yet. */
 	DiffStrategy(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory);
@@ -161,11 +165,13 @@ private:
  */
 class TARNDBUD_EXPORT ForceInstallByLink : public BaseStrategy {
 public:
+	/** Keeps copies of the arguments; does nothing yet. */
 	ForceInstallByLink(const std::string& id, const std::string& link, const std::string& volume,
 	    const std::string& installPrefix, const std::string& rootDirectory);
 	/** Removes the whole shared temporary area, other databases' prepared data included. */
 	~ForceInstallByLink() override;
 
+	/** Downloads the package. Throws IOUtils::Download's errors and "Fail to create dir <path>". */
 	void PrepareUpdate() override;
 	/** Throws "Fail to force install: <why>", after which the installed copy may be a mixture until the next fix. */
 	void ApplyUpdate() override;

@@ -44,6 +44,7 @@ constexpr int kFreshInfoSeconds = 3600;
 /** What the update server offers and what is installed. */
 class TARNDBUD_EXPORT InfoGetter {
 public:
+	/** Shares both; touches nothing yet. */
 	InfoGetter(std::shared_ptr<IOUtils> io, std::shared_ptr<ServiceConfig> service_config);
 	virtual ~InfoGetter();
 
@@ -79,17 +80,19 @@ private:
  */
 class TARNDBUD_EXPORT Update {
 public:
+	/** Shares all three; touches nothing yet. */
 	Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
 	    std::shared_ptr<ServiceConfig> service_config);
 	virtual ~Update();
 
 	/**
-	 * UpdateProject() or FixProject() for every scheduled database, in the configuration's order, while a volume is
-	 * current. Stop at the first failure and throw "Fail on project '<id>': <why>".
+	 * UpdateProject() for every scheduled database, in the configuration's order, while a volume is current. Stops at
+	 * the first failure and throws "Fail on project '<id>': <why>".
 	 */
 	virtual void UpdateAllProjects() const;
 	/** Installs the server's version if it is newer. Returns normally as well when no volume is current. */
 	virtual void UpdateProject(const std::string& id) const;
+	/** FixProject() for every scheduled database, as UpdateAllProjects() does. */
 	virtual void FixAllProjects() const;
 	/** Reinstalls the server's version if a recorded file is missing or changed, or nothing is installed. */
 	virtual void FixProject(const std::string& id) const;

@@ -18,6 +18,7 @@ namespace tarn::dataupdate {
  */
 class TARNDBUD_EXPORT UpdateError : public std::exception {
 public:
+	/** The situations that callers tell apart by a number. */
 	enum ErrorCode : int {
 		kFailure = 0,      ///< The message says what went wrong.
 		kFileNotExist = 1, ///< The JSON file to read does not exist; the normal state before a first installation.
@@ -25,14 +26,19 @@ public:
 
 	/** @param message  text for what(); must not be null */
 	UpdateError(const char* message);
+	/** @param message  text for what() */
 	UpdateError(const std::string& message);
+	/** Both as given. */
 	UpdateError(const std::string& message, ErrorCode code);
+	/** Copies both. */
 	UpdateError(const UpdateError&) = default;
+	/** Copies both. */
 	UpdateError& operator=(const UpdateError&) = default;
 	~UpdateError() override;
 
 	/** The message exactly as given to the constructor. */
 	const char* what() const noexcept override;
+	/** The code as given to the constructor, else kFailure. */
 	virtual ErrorCode code() const;
 
 private:

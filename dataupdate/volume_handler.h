@@ -31,6 +31,7 @@ namespace tarn::dataupdate {
  */
 class TARNDBUD_EXPORT VolumeHandler {
 public:
+	/** Shares the configuration; touches nothing yet. */
 	explicit VolumeHandler(std::shared_ptr<ServiceConfig> service_config);
 	virtual ~VolumeHandler();
 

@@ -119,6 +119,7 @@ typedef const char* (*tarnarchive_observer)(void* data, const char* package, con
  * again.
  *
  * @param observer  null for none
+ * @param data      handed to each call of the observer; must live as long as the observer is set
  */
 void tarnarchive_observe(tarnarchive_observer observer, void* data);
 

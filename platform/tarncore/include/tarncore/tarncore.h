@@ -87,7 +87,9 @@ int TLIBCErrGet(void);
 /** Sets what TLIBCErrGet() returns in this thread; for the platform's own libraries. */
 void TLIBCErrSet(int code);
 
+/** Added to a program's exit status: the program ended with it. */
 #define TLIBC_ERR_EXIT 0x10000
+/** Added to a signal's number: the signal ended the program. */
 #define TLIBC_ERR_SIGNAL 0x20000
 
 /** Added to a TLIBCDownloadEnd: the guard ended a download. */

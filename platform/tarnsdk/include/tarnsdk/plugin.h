@@ -38,8 +38,8 @@ typedef struct TLIBPluginContext TLIBPluginContext; // NOLINT(modernize-use-usin
 
 /** When, in relation to the event, hooks run. */
 typedef enum TLIBPluginActionType { // NOLINT(modernize-use-using): C reads this too
-	TLIB_PLUGIN_ACTION_PRE = 4,
-	TLIB_PLUGIN_ACTION_POST = 5,
+	TLIB_PLUGIN_ACTION_PRE = 4,     /**< Before the event. */
+	TLIB_PLUGIN_ACTION_POST = 5,    /**< After the event. */
 } TLIBPluginActionType;
 
 /**
