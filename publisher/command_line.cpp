@@ -176,14 +176,6 @@ void RunRestore(const Options& options, const Streams& streams) {
 	}
 }
 
-void RunVerify(const Options& options, const Streams& streams) {
-	streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
-}
-
-void RunInspect(const Options& options, const Streams& streams) {
-	InspectPackage(options.package, options.json, streams.out);
-}
-
 constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
 
 void AddKeygen(CLI::App& app, Options& options) {
@@ -242,9 +234,9 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 	} else if (app.got_subcommand("restore")) {
 		RunRestore(options, streams);
 	} else if (app.got_subcommand("verify")) {
-		RunVerify(options, streams);
+		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
 	} else {
-		RunInspect(options, streams);
+		InspectPackage(options.package, options.json, streams.out);
 	}
 }
 
@@ -277,8 +269,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddRestore(app, options);
 	AddReaders(app, options);
 	try {
-		std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
-		app.parse(reversed);
+		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
 	} catch (const CLI::ParseError& error) {
 		return app.exit(error, out, err) == 0 ? kDone : kUsage;
 	}

@@ -61,8 +61,10 @@ DiffChain::Link DiffChain::ReadLink(int version) const {
 }
 
 std::vector<int> DiffChain::Versions() const {
-	std::vector<int> versions(links_.size());
-	std::transform(links_.begin(), links_.end(), versions.begin(), [](const Link& link) { return link.version; });
+	std::vector<int> versions;
+	for (const Link& link : links_) {
+		versions.push_back(link.version);
+	}
 	return versions;
 }
 

@@ -15,7 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kTemporaryPrefix = ".tarndbudpub-";
 constexpr mode_t kServedMode = 0644; // a web server reads it, whatever the publisher's umask
 
 [[noreturn]] void Fail(const std::string& path, const std::string& what) {
@@ -67,14 +66,17 @@ void ReplacingFile::Commit() {
 }
 
 void RemoveLeftovers(const std::string& directory) {
-	std::error_code error;
-	for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-		if (StartsWith(entry.path().filename().string(), kTemporaryPrefix)) {
-			fs::remove(entry.path());
+	try {
+		for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
+			if (StartsWith(entry.path().filename().string(), kTemporaryPrefix)) {
+				fs::remove_all(entry.path());
+			}
 		}
-	}
-	if (error && error != std::errc::no_such_file_or_directory) {
-		throw PublishError(directory + " cannot be read: " + error.message() + ".");
+	} catch (const fs::filesystem_error& error) {
+		if (error.code() != std::errc::no_such_file_or_directory) {
+			throw PublishError(
+			    "What a killed publisher left in " + directory + " cannot be removed: " + error.code().message() + ".");
+		}
 	}
 }
 

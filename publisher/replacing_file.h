@@ -1,3 +1,4 @@
+/** @file Writing what the web server serves, so that a killed publisher leaves nothing half done under its name. */
 #ifndef PUBLISHER_REPLACING_FILE_H
 #define PUBLISHER_REPLACING_FILE_H
 
@@ -7,9 +8,12 @@
 
 namespace tarn::publisher {
 
+/** What the names of everything begin with that is not finished; web servers must not serve such names. */
+constexpr const char* kTemporaryPrefix = ".tarndbudpub-";
+
 /**
- * A file that appears under its name whole or not at all: it is written beside under a temporary name, synced and
- * renamed. Whoever is killed on the way leaves only the temporary file, which RemoveLeftovers() takes away.
+ * A file that appears under its name whole or not at all. A publisher that is killed before leaves only a temporary
+ * file beside, which RemoveLeftovers() removes.
  */
 class ReplacingFile {
 public:
@@ -27,12 +31,12 @@ private:
 };
 
 /**
- * Makes a directory and those above it, for the web server to read whatever the publisher's umask; those that exist are
- * the administrator's and stay as they are. Throws PublishError.
+ * Makes a directory and those above it, which the web server can read whatever the publisher's umask is. Leaves
+ * directories as they are that exist already. Throws PublishError.
  */
 void MakeServedDirectories(const std::string& directory);
 
-/** Removes what a killed publisher left in a directory; the caller holds the repository's lock. */
+/** Removes what killed publishers left in a directory, work directories too; the caller holds the repository's lock. */
 void RemoveLeftovers(const std::string& directory);
 
 } // namespace tarn::publisher

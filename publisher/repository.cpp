@@ -4,7 +4,6 @@
 #include "base/text.h"
 #include "publisher/publish_error.h"
 #include "publisher/replacing_file.h"
-#include "publisher/work_directory.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -95,26 +94,6 @@ Repository::Repository(std::string directory, const std::function<void()>& waiti
 	lock_ = Lock(directory_ + "/" + kLockName, waiting);
 }
 
-std::string Repository::PackageName(const std::string& id, int data_version) {
-	return "packages/" + id + "/" + id + "_v" + std::to_string(data_version) + ".tarn";
-}
-
-std::string Repository::PackagePath(const std::string& id, int data_version) const {
-	return directory_ + "/" + PackageName(id, data_version);
-}
-
-std::string Repository::DiffName(const std::string& id, int data_version) {
-	return "packages/" + id + "/" + id + "_d" + std::to_string(data_version) + ".tarn";
-}
-
-std::string Repository::DiffPath(const std::string& id, int data_version) const {
-	return directory_ + "/" + DiffName(id, data_version);
-}
-
-std::string Repository::DocumentPath(const std::string& db_version) const {
-	return directory_ + "/database_info/" + db_version;
-}
-
 std::vector<Entry> Repository::EntriesOf(const std::string& id) const {
 	std::vector<Entry> entries;
 	std::error_code error;
@@ -198,7 +177,7 @@ void Repository::RemoveUnnamedDiffs(const std::string& id, const std::optional<i
 }
 
 void Repository::Clean(const std::string& id, const std::optional<int>& spared) const {
-	WorkDirectory::RemoveLeftovers(directory_);
+	RemoveLeftovers(directory_);
 	RemoveUnnamedDiffs(id, spared);
 	RemoveLeftovers(PackageDirectory(id));
 	RemoveLeftovers(directory_ + "/packages");

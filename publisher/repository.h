@@ -35,12 +35,17 @@ public:
 	/** The highest version that any document names for a database; no value when it was never published. */
 	[[nodiscard]] std::optional<int> LastVersion(const std::string& id) const;
 
-	static std::string PackageName(const std::string& id, int data_version);
-	std::string PackagePath(const std::string& id, int data_version) const;
-	std::string DocumentPath(const std::string& db_version) const;
-
-	static std::string DiffName(const std::string& id, int data_version);
-	std::string DiffPath(const std::string& id, int data_version) const;
+	/** The name of a full package, relative to the repository. */
+	static std::string PackageName(const std::string& id, int version) { return NameOf(id, "_v", version); }
+	/** The name of the diff package that leads to a version, relative to the repository. */
+	static std::string DiffName(const std::string& id, int version) { return NameOf(id, "_d", version); }
+	std::string PackagePath(const std::string& id, int version) const {
+		return directory_ + "/" + PackageName(id, version);
+	}
+	std::string DiffPath(const std::string& id, int version) const { return directory_ + "/" + DiffName(id, version); }
+	std::string DocumentPath(const std::string& db_version) const {
+		return directory_ + "/database_info/" + db_version;
+	}
 	const std::string& Directory() const { return directory_; }
 
 	/** The files with a package's name that are there for a database, by version, full packages first. */
@@ -79,6 +84,9 @@ public:
 	[[nodiscard]] std::optional<std::string> RememberedUrl() const;
 
 private:
+	static std::string NameOf(const std::string& id, const char* kind, int version) {
+		return "packages/" + id + "/" + id + kind + std::to_string(version) + ".tarn";
+	}
 	/** What the documents say about a database. */
 	std::vector<Entry> EntriesOf(const std::string& id) const;
 	void RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const;

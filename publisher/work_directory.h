@@ -7,9 +7,9 @@
 namespace tarn::publisher {
 
 /**
- * A directory that is removed with the object. It lies in the repository, because the administrator has provided room
- * for the data there; a temporary directory is often small, or in memory. Only its owner may enter it, so that a web
- * server that runs as another user serves nothing of it.
+ * A directory that is removed with the object, and by RemoveLeftovers() after a publisher was killed. It lies in the
+ * repository, because the administrator has provided room for the data there; a temporary directory is often small, or
+ * in memory. Only its owner may enter it, so that a web server that runs as another user serves nothing of it.
  */
 class WorkDirectory {
 public:
@@ -23,9 +23,6 @@ public:
 	std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 	/** Makes a directory in it and returns its path. */
 	[[nodiscard]] std::string Make(const std::string& name) const;
-
-	/** Removes the directories of killed publishers; the caller holds the repository's lock. */
-	static void RemoveLeftovers(const std::string& repository);
 
 private:
 	std::string path_;
