@@ -10,8 +10,6 @@ namespace tarn::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 /** One tree that changes at random, the same for the same seed. */
 class RandomTree {
 public:

@@ -1,23 +1,15 @@
 // Publishers of diff packages that are killed, and what the next one makes of it.
 #include "diff_fixture.h"
 
-#include <gmock/gmock.h>
-
-#include <sys/wait.h>
-
 #include <csignal>
 
 namespace tarn::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-using ::testing::HasSubstr;
-
 class KilledDiffPublishing : public DiffPublisherTest {
 protected:
 	KilledDiffPublishing() {
-		setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
 		Sql("base", "CREATE TABLE t(a); INSERT INTO t VALUES(1), (2)");
 		options_.keep_diffs = 1;
 		Publish();
@@ -28,15 +20,13 @@ protected:
 		Publish();
 		expected_ = FilesBelow(options_.repository);
 	}
-	~KilledDiffPublishing() override { unsetenv("SOURCE_DATE_EPOCH"); }
-
 	void Change(const std::string& text) {
 		for (const char* name : {"x", "y", "z"}) {
 			Put(name, Noise(400, 3) + text);
 		}
 		Sql("base", "INSERT INTO t VALUES('" + text + "')");
 	}
-	void BeginAnew() const {
+	void BeginAgain() const {
 		fs::remove_all(options_.repository);
 		fs::copy(directory_ / "before", options_.repository, fs::copy_options::recursive);
 	}
@@ -65,27 +55,23 @@ protected:
 		EXPECT_EQ(files, expected_);
 	}
 
+	FixedTime time_{"1700000000"};
 	std::map<std::string, std::string> expected_;
 };
 
 TEST_F(KilledDiffPublishing, LeavesAWholeStateAtEveryStep) {
 	int step = 0;
 	for (bool killed = true; killed;) {
-		BeginAnew();
+		BeginAgain();
 		++step;
-		const pid_t child = fork();
-		if (child == 0) {
+		killed = IsKilled([this, step] {
 			observer_.step = [left = step](const std::string&, std::uint64_t, std::uint64_t) mutable {
 				if (--left == 0) {
 					raise(SIGKILL);
 				}
 			};
 			Publish();
-			_exit(0);
-		}
-		int status = 0;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
-		killed = WIFSIGNALED(status);
+		});
 		ExpectServable();
 		ExpectRepaired();
 	}
@@ -94,16 +80,8 @@ TEST_F(KilledDiffPublishing, LeavesAWholeStateAtEveryStep) {
 
 TEST_F(KilledDiffPublishing, LeavesAWholeStateAtAnyMoment) {
 	for (int moment = 0; moment < 8; ++moment) {
-		BeginAnew();
-		const pid_t child = fork();
-		if (child == 0) {
-			Publish();
-			_exit(0);
-		}
-		usleep(static_cast<useconds_t>(moment * 8000));
-		kill(child, SIGKILL);
-		int status = 0;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
+		BeginAgain();
+		IsKilledAfter(moment * 8000, [this] { Publish(); });
 		ExpectServable();
 		ExpectRepaired();
 	}

@@ -2,20 +2,11 @@
 #include "archive/signing_key.h"
 #include "diff_fixture.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdlib>
 
 namespace tarn::test {
 
 namespace {
-
-namespace fs = std::filesystem;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using Kinds = std::map<std::string, std::string>;
 
 class DiffPublishing : public DiffPublisherTest {
 protected:
@@ -28,6 +19,11 @@ protected:
 	void PublishChange() {
 		Put("text", std::to_string(++changes_) + "\n" + Noise(3000, 2));
 		Publish();
+	}
+	void PutProgram(const std::string& name, const std::string& script) const {
+		const std::string path = directory_ / ("bin/" + name);
+		WriteFile(path, "#!/bin/sh\n" + script);
+		fs::permissions(path, fs::perms::owner_all);
 	}
 	void ExpectRefusal(const std::string& reason) {
 		EXPECT_THAT(warnings_, ElementsAre(HasSubstr(reason)));
@@ -262,11 +258,7 @@ TEST_F(DiffPublishing, FillsDirectoriesAgainThatItEmptiedBefore) {
 		for (int to = from + 1; to <= 4; ++to) {
 			DeviceTree device(PublicKey());
 			device.Install(Package(from));
-			std::vector<std::string> packages;
-			for (int version = from + 1; version <= to; ++version) {
-				packages.push_back(Diff(version));
-			}
-			device.Update(packages);
+			device.Update(Diffs(from, to));
 			DeviceTree expected(PublicKey());
 			expected.Install(Package(to));
 			EXPECT_EQ(device.Files(), expected.Files()) << from << " to " << to;
@@ -309,41 +301,33 @@ TEST_F(DiffPublishing, NeedsNoEncoders) {
 	ExecuteSql(TreePath("base"), "CREATE TABLE t(a)");
 	Publish();
 	ExecuteSql(TreePath("base"), "INSERT INTO t VALUES(1)");
-	const std::string path = getenv("PATH");
-	setenv("PATH", directory_.Path().c_str(), 1);
+	const Variable path("PATH", directory_.Path());
 	PublishChange();
-	setenv("PATH", path.c_str(), 1);
 	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("xdelta3 is not installed"), HasSubstr("sqldiff is not installed")));
 	EXPECT_EQ(KindsIn(2), (Kinds{{"base", "whole"}, {"text", "whole"}}));
 }
 
-TEST_F(DiffPublishing, IsNotLedAstrayByEncodersOrTheirVariables) {
+TEST_F(DiffPublishing, TriesOutWhatEncodersMake) {
 	Publish();
-	for (const char* name : {"xdelta3", "sqldiff"}) {
-		const std::string program = (directory_ / "bin/") + name;
-		WriteFile(program, "#!/bin/sh\nfor last; do :; done\necho broken > \"$last\"\n");
-		fs::permissions(program, fs::perms::owner_all);
-	}
-	const std::string path = getenv("PATH");
-	setenv("PATH", (directory_ / "bin").c_str(), 1);
+	PutProgram("xdelta3", "for last; do :; done\necho broken > \"$last\"\n");
+	const Variable path("PATH", directory_ / "bin");
 	PublishChange();
-	setenv("PATH", path.c_str(), 1);
 	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("\"text\" is carried in another way than vcdiff: the patch")));
 	EXPECT_EQ(KindsIn(2), (Kinds{{"text", "whole"}}));
-	setenv("XDELTA", "-d", 1);
+}
+
+TEST_F(DiffPublishing, KeepsVariablesFromEncoders) {
+	Publish();
+	const Variable harmful("XDELTA", "-d");
 	PublishChange();
-	unsetenv("XDELTA");
-	EXPECT_EQ(KindsIn(3), (Kinds{{"text", "vcdiff"}}));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"text", "vcdiff"}}));
 }
 
 TEST_F(DiffPublishing, SaysWhyAnEncoderFailed) {
 	Publish();
-	WriteFile(directory_ / "bin/xdelta3", "#!/bin/sh\necho no room >&2\nexit 3\n");
-	fs::permissions(directory_ / "bin/xdelta3", fs::perms::owner_all);
-	const std::string path = getenv("PATH");
-	setenv("PATH", (directory_ / "bin").c_str(), 1);
+	PutProgram("xdelta3", "echo no room >&2\nexit 3\n");
+	const Variable path("PATH", directory_ / "bin");
 	PublishChange();
-	setenv("PATH", path.c_str(), 1);
 	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("xdelta3 failed with status 3: no room")));
 }
 

@@ -9,8 +9,6 @@
 #include "publisher/vcdiff_encoder.h"
 #include "publisher/work_directory.h"
 
-#include <gmock/gmock.h>
-
 #include <sys/stat.h>
 #include <xxhash.h>
 
@@ -20,10 +18,7 @@ namespace tarn::test {
 
 namespace {
 
-namespace fs = std::filesystem;
 using publisher::PatchKind;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 /** The text of what a function throws; empty when it throws nothing. */
 template<typename Function>
@@ -155,9 +150,8 @@ TEST_F(Encoding, MeasuresAsPackagesCompress) {
 
 TEST(Program, GetsAnEnvironmentOfItsOwn) {
 	const TemporaryDirectory directory;
-	setenv("XDELTA", "-x", 1);
+	const Variable harmful("XDELTA", "-x");
 	publisher::RunProgram("/usr/bin/env", {}, directory / "output", directory / "errors");
-	unsetenv("XDELTA");
 	EXPECT_EQ(ReadFile(directory / "output"), "PATH=/usr/bin:/bin\nLC_ALL=C\n");
 }
 

@@ -1,18 +1,11 @@
 // Repositories that have lost something: what a publisher refuses there, and how it goes on after a killed one.
 #include "diff_fixture.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdlib>
 
 namespace tarn::test {
 
 namespace {
-
-namespace fs = std::filesystem;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 class NextVersion : public DiffPublisherTest {
 protected:
@@ -112,7 +105,7 @@ TEST_F(NextVersion, IsAboveAVersionOfWhichOnlyTheDiffIsLeft) {
 class KilledBeforeItsDocument : public NextVersion {
 protected:
 	KilledBeforeItsDocument() {
-		setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+		const FixedTime time("1700000000");
 		PublishUpTo(2);
 		document_ = ReadFile(DocumentPath());
 		Put("text", "three");
@@ -120,7 +113,6 @@ protected:
 		package_ = ReadFile(Package(3));
 		diff_ = ReadFile(Diff(3));
 		WriteFile(DocumentPath(), document_);
-		unsetenv("SOURCE_DATE_EPOCH");
 	}
 
 	std::string document_;
@@ -160,7 +152,7 @@ TEST_F(KilledBeforeItsDocument, LeavesAPackageThatIsNotReplacedWhoeverMadeIt) {
 TEST_F(KilledBeforeItsDocument, LeavesADiffThatIsNotReplacedByAnother) {
 	WriteFile(Diff(3), "another diff");
 	Publish();
-	EXPECT_THAT(warnings_, ::testing::ElementsAre(AllOf(HasSubstr("Version 3 has no diff package: "),
+	EXPECT_THAT(warnings_, ElementsAre(AllOf(HasSubstr("Version 3 has no diff package: "),
 	                           HasSubstr("is there already, with another content, and caches may have it"))));
 	EXPECT_THAT(OfferedDiffs(), IsEmpty());
 	EXPECT_EQ(ReadFile(Package(3)), package_);

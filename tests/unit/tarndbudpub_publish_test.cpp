@@ -4,7 +4,6 @@
 #include "publisher_fixture.h"
 
 #include <climits>
-#include <gmock/gmock.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -19,10 +18,6 @@ namespace tarn::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using Files = std::map<std::string, std::string>;
 
 class Publishing : public PublisherTest {
@@ -31,20 +26,6 @@ protected:
 		Put("a", "one");
 		Put("d/b", "two");
 	}
-
-	/** Runs a function in a child process and returns how the child ended. */
-	template<typename Function>
-	static int InChild(const Function& function) {
-		const pid_t child = fork();
-		if (child == 0) {
-			function();
-			_exit(0);
-		}
-		int status = 0;
-		waitpid(child, &status, 0);
-		return status;
-	}
-	static bool WasKilled(int status) { return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL; }
 };
 
 TEST_F(Publishing, MakesAPackageThatInstallsAsTheTree) {
@@ -242,7 +223,7 @@ TEST_F(Publishing, LeavesTheOldStateWhenItIsKilledWhilePacking) {
 	Publish();
 	const std::string document = ReadFile(options_.repository + "/database_info/1");
 	Put("a", "changed");
-	const int status = InChild([this] {
+	const bool killed = IsKilled([this] {
 		observer_.progress = [](std::uint64_t files, std::uint64_t /*bytes*/, const publisher::Tree& /*tree*/) {
 			if (files == 1) {
 				raise(SIGKILL);
@@ -250,7 +231,7 @@ TEST_F(Publishing, LeavesTheOldStateWhenItIsKilledWhilePacking) {
 		};
 		Publish();
 	});
-	ASSERT_TRUE(WasKilled(status));
+	ASSERT_TRUE(killed);
 	EXPECT_EQ(ReadFile(options_.repository + "/database_info/1"), document);
 	EXPECT_FALSE(fs::exists(Package(2)));
 	EXPECT_EQ(Publish().data_version, 2);
@@ -264,16 +245,7 @@ TEST_F(Publishing, ServesAWholeStateWhenItIsKilledAtAnyMoment) {
 	Publish();
 	int killed = 0;
 	for (int moment = 0; moment < 40; ++moment) {
-		const pid_t child = fork();
-		if (child == 0) {
-			Publish();
-			_exit(0);
-		}
-		usleep(static_cast<useconds_t>(moment * 200));
-		kill(child, SIGKILL);
-		int status = 0;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
-		killed += WasKilled(status) ? 1 : 0;
+		killed += IsKilledAfter(moment * 200, [this] { Publish(); }) ? 1 : 0;
 		const int version = std::stoi(Document()["db_list"]["db"]["data_version"].asString());
 		ASSERT_EQ(InstalledFrom(Package(version)).size(), 3U) << "moment " << moment;
 	}

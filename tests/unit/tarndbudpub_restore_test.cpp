@@ -4,8 +4,6 @@
 #include "publisher/publish_error.h"
 #include "publisher/restore.h"
 
-#include <gmock/gmock.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,21 +16,12 @@ namespace tarn::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-
 class Restoring : public DiffPublisherTest {
 protected:
 	Restoring() {
-		setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
 		restore_.repository = options_.repository;
 		restore_.keys = {PublicKey()};
 	}
-	~Restoring() override { unsetenv("SOURCE_DATE_EPOCH"); }
 
 	std::string DocumentPath() const { return options_.repository + "/database_info/1"; }
 	void PublishUpTo(int version) {
@@ -58,6 +47,7 @@ protected:
 	}
 	std::string NamedVersion() const { return Document()["db_list"]["db"]["data_version"].asString(); }
 
+	FixedTime time_{"1700000000"};
 	publisher::RestoreOptions restore_;
 };
 
@@ -229,18 +219,28 @@ TEST_F(Restoring, AsksWhichFormatTheDocumentIsFor) {
 	EXPECT_EQ(Document("2")["db_list"]["db"]["data_version"].asString(), "2");
 }
 
-TEST_F(Restoring, NeedsALinkAndPackages) {
+TEST_F(Restoring, NeedsARepository) {
 	EXPECT_THAT(Failure(), HasSubstr("/repo is no directory that can be read"));
 	EXPECT_FALSE(fs::exists(options_.repository));
+}
+
+TEST_F(Restoring, NeedsPackages) {
 	fs::create_directory(options_.repository);
 	restore_.url = "http://elsewhere.example/";
 	EXPECT_THAT(Failure(), HasSubstr("There are no packages in "));
+}
+
+TEST_F(Restoring, MakesLinksOfAnotherUrlThatIsGiven) {
 	PublishUpTo(1);
 	fs::remove(DocumentPath());
+	restore_.url = "http://elsewhere.example/";
 	EXPECT_EQ(Failure(), "");
 	EXPECT_EQ(
 	    Document()["db_list"]["db"]["download_link"].asString(), "http://elsewhere.example/packages/db/db_v1.tarn");
-	restore_.url.clear();
+}
+
+TEST_F(Restoring, NeedsAUrlThatNobodyHasNoted) {
+	PublishUpTo(1);
 	fs::remove(options_.repository + "/packages/.tarndbudpub.url");
 	EXPECT_THAT(Failure(), HasSubstr("--url is needed"));
 	restore_.url = "elsewhere";
@@ -254,16 +254,7 @@ TEST_F(Restoring, LeavesTheOldDocumentOrTheNewWhenItIsKilledAtAnyMoment) {
 	int killed = 0;
 	for (int moment = 0; moment < 30; ++moment) {
 		WriteFile(DocumentPath(), damaged);
-		const pid_t child = fork();
-		if (child == 0) {
-			Restore();
-			_exit(0);
-		}
-		usleep(static_cast<useconds_t>(moment * 300));
-		kill(child, SIGKILL);
-		int status = 0;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
-		killed += WIFSIGNALED(status) ? 1 : 0;
+		killed += IsKilledAfter(moment * 300, [this] { Restore(); }) ? 1 : 0;
 		EXPECT_THAT(ReadFile(DocumentPath()), ::testing::AnyOf(damaged, document)) << moment;
 	}
 	EXPECT_GT(killed, 0);

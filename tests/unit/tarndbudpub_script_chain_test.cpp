@@ -2,17 +2,9 @@
 #include "diff_fixture.h"
 #include "publisher/sqlite_content.h"
 
-#include <gmock/gmock.h>
-
 namespace tarn::test {
 
 namespace {
-
-namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using Kinds = std::map<std::string, std::string>;
 
 class ScriptChain : public DiffPublisherTest {
 protected:

@@ -5,14 +5,10 @@
 #include "publisher/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <gmock/gmock.h>
 
 namespace tarn::test {
 
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Optional;
 
 class SqliteContent : public ::testing::Test {
 protected:

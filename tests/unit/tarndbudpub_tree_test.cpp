@@ -3,8 +3,6 @@
 #include "publisher/tree.h"
 #include "publisher_fixture.h"
 
-#include <gmock/gmock.h>
-
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,10 +10,6 @@
 namespace tarn::test {
 
 namespace {
-
-namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 class PublishedTree : public PublisherTest {
 protected:

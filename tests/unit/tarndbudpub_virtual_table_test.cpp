@@ -4,15 +4,10 @@
 #include "publisher/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <gmock/gmock.h>
 
 namespace tarn::test {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using Kinds = std::map<std::string, std::string>;
 
 constexpr const char* kCount = "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 400) ";
 
@@ -129,7 +124,7 @@ TEST_F(VirtualTables, GoInAnotherWayWhenTheirIndexIsNotThatOfTheirRows) {
 	Publish();
 	Sql("db", "UPDATE words_content SET c0 = 'three' WHERE id = 2; INSERT INTO words VALUES('four')");
 	Publish();
-	EXPECT_THAT(warnings_, ElementsAre(testing::HasSubstr("the index of words is not the one of its rows")));
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("the index of words is not the one of its rows")));
 	EXPECT_EQ(Followed(1, 2), PublishedTree());
 }
 

@@ -35,6 +35,14 @@ std::string DiffPublisherTest::Diff(int version) const {
 	return options_.repository + "/packages/db/db_d" + std::to_string(version) + ".tarn";
 }
 
+std::vector<std::string> DiffPublisherTest::Diffs(int from, int to) const {
+	std::vector<std::string> packages;
+	for (int version = from + 1; version <= to; ++version) {
+		packages.push_back(Diff(version));
+	}
+	return packages;
+}
+
 std::vector<int> DiffPublisherTest::OfferedDiffs() const {
 	std::vector<int> versions;
 	for (const std::string& key : Document()["db_list"]["db"]["diff_files"].getMemberNames()) {
@@ -44,8 +52,8 @@ std::vector<int> DiffPublisherTest::OfferedDiffs() const {
 	return versions;
 }
 
-std::map<std::string, std::string> DiffPublisherTest::KindsIn(int version) const {
-	std::map<std::string, std::string> kinds;
+Kinds DiffPublisherTest::KindsIn(int version) const {
+	Kinds kinds;
 	for (const publisher::DiffMember& member :
 	    publisher::ReadDiffPackage(archive::ArchiveFile(Diff(version))).members) {
 		kinds[member.name] = publisher::PatchKindName(member.kind);
@@ -60,11 +68,7 @@ Json::Value DiffPublisherTest::MetadataOf(int version) const {
 std::map<std::string, std::string> DiffPublisherTest::Followed(int from, int to) const {
 	DeviceTree device(PublicKey());
 	device.Install(Package(from));
-	std::vector<std::string> packages;
-	for (int version = from + 1; version <= to; ++version) {
-		packages.push_back(Diff(version));
-	}
-	device.Update(packages);
+	device.Update(Diffs(from, to));
 	return device.Files();
 }
 

@@ -11,6 +11,9 @@
 
 namespace tarn::test {
 
+/** How a diff package carries each file, by name: "whole", "vcdiff", "sql" or "-". */
+using Kinds = std::map<std::string, std::string>;
+
 /** Runs SQL on a database file, which is created when it is missing. */
 void ExecuteSql(const std::string& database, const std::string& sql);
 /** Text that compresses badly and differs with the seed. */
@@ -24,10 +27,11 @@ protected:
 	/** Runs SQL on a database file of the tree. */
 	void Sql(const std::string& name, const std::string& sql) const { ExecuteSql(TreePath(name), sql); }
 	std::string Diff(int version) const;
+	/** The diff packages that lead from a version to another. */
+	std::vector<std::string> Diffs(int from, int to) const;
 	/** Versions for which the document names a diff package. */
 	std::vector<int> OfferedDiffs() const;
-	/** How a diff package carries each file, by name: "whole", "vcdiff", "sql" or "-". */
-	std::map<std::string, std::string> KindsIn(int version) const;
+	Kinds KindsIn(int version) const;
 	Json::Value MetadataOf(int version) const;
 	/** What a device has that installs a version and comes to another by diff packages, all at once. */
 	std::map<std::string, std::string> Followed(int from, int to) const;

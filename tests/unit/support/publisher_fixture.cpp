@@ -4,12 +4,29 @@
 #include "archive/signing_key.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
 
 namespace tarn::test {
 
-namespace fs = std::filesystem;
+Variable::Variable(const char* name, const std::string& value) : name_(name) {
+	if (const char* before = getenv(name)) {
+		before_ = before;
+	}
+	setenv(name, value.c_str(), 1);
+}
+
+Variable::~Variable() {
+	if (before_) {
+		setenv(name_, before_->c_str(), 1);
+	} else {
+		unsetenv(name_);
+	}
+}
 
 PublisherTest::PublisherTest() {
 	archive::GenerateKeyFiles(directory_ / "key");
@@ -78,6 +95,21 @@ std::vector<std::string> PublisherTest::RepositoryFiles() const {
 	}
 	std::sort(names.begin(), names.end());
 	return names;
+}
+
+bool PublisherTest::IsKilledAfter(int microseconds, const std::function<void()>& function) {
+	const pid_t child = fork();
+	if (child == 0) {
+		function();
+		_exit(0);
+	}
+	if (microseconds != kNever) {
+		usleep(static_cast<useconds_t>(microseconds));
+		kill(child, SIGKILL);
+	}
+	int status = 0;
+	EXPECT_EQ(waitpid(child, &status, 0), child);
+	return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
 } // namespace tarn::test

@@ -5,23 +5,47 @@
 #include "publisher/publish.h"
 #include "temporary_directory.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <cstdlib>
+#include <filesystem>
+#include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace tarn::test {
 
-/** Sets SOURCE_DATE_EPOCH for its lifetime. */
-class FixedTime {
+// What most tests of the publisher name.
+namespace fs = std::filesystem;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Optional;
+using ::testing::StartsWith;
+
+/** Sets an environment variable for its lifetime. */
+class Variable {
 public:
-	explicit FixedTime(const char* seconds) { setenv("SOURCE_DATE_EPOCH", seconds, 1); }
-	FixedTime(const FixedTime&) = delete;
-	FixedTime& operator=(const FixedTime&) = delete;
-	~FixedTime() { unsetenv("SOURCE_DATE_EPOCH"); }
+	Variable(const char* name, const std::string& value);
+	Variable(const Variable&) = delete;
+	Variable& operator=(const Variable&) = delete;
+	~Variable();
+
+private:
+	const char* name_;
+	std::optional<std::string> before_;
+};
+
+/** Makes everything that is published be of one time. */
+class FixedTime : public Variable {
+public:
+	explicit FixedTime(const char* seconds) : Variable("SOURCE_DATE_EPOCH", seconds) {}
 };
 
 class PublisherTest : public ::testing::Test {
@@ -42,10 +66,18 @@ protected:
 	/** Every file of the repository by relative name, but for the lock and the note of where it is served. */
 	std::vector<std::string> RepositoryFiles() const;
 
+	/** Runs a function in a child process, which may kill itself; returns whether it was killed. */
+	static bool IsKilled(const std::function<void()>& function) { return IsKilledAfter(kNever, function); }
+	/** The same, with a kill from outside after so many microseconds. */
+	static bool IsKilledAfter(int microseconds, const std::function<void()>& function);
+
 	TemporaryDirectory directory_;
 	publisher::PublishOptions options_;
 	publisher::PublishObserver observer_;
 	std::vector<std::string> warnings_;
+
+private:
+	static constexpr int kNever = -1;
 };
 
 } // namespace tarn::test
