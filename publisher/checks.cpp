@@ -129,7 +129,7 @@ NextVersion ChooseVersion(const PublishOptions& options, const Repository& repos
 	const auto is_next = [&](const PackageFile& file) { return file.data_version == next.data_version; };
 	next.is_begun = std::any_of(
 	    files.begin(), files.end(), [&](const PackageFile& file) { return is_next(file) && !file.is_diff; });
-	// A publisher puts the full package in place first, so that a diff package alone is no leftover of a killed one.
+	// A publisher puts the full package in place first, so that a killed publisher never leaves a diff package alone.
 	if (!files.empty() &&
 	    (files.back().data_version > next.data_version || (is_next(files.back()) && !next.is_begun))) {
 		RefuseUnnamed(options, next.data_version, files);

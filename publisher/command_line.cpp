@@ -27,7 +27,7 @@ public:
 	~ProgressLine() {
 		try {
 			Clear();
-		} catch (...) { // a terminal that cannot be written to is no reason to fail
+		} catch (...) { // failing to write to a terminal is no failure of the command
 		}
 	}
 

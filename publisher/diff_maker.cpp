@@ -78,7 +78,7 @@ private:
 		const int old_version = order_.previous.data_version;
 		order_.reader.Unpack(order_.repository.PackagePath(id, old_version), {id, "", old_version}, work_.Make("old"));
 		observer_.step("unpacking", 1, 2);
-		// What devices get by the full package, whatever has become of the published tree meanwhile.
+		// Not the published tree, which may have changed meanwhile.
 		order_.reader.Unpack(order_.new_package, {id, "", version_}, work_.Make("new"));
 		observer_.step("comparing", 0, 1);
 		before_ = ListTree(OldTree());
@@ -253,7 +253,7 @@ private:
 		const std::string package = work_.Make("package");
 		order_.reader.Unpack(path, {order_.options.id, "", version_, kDiffKind}, package);
 		try {
-			DevicePatcher patcher(work_.Make("copies"), OldTree(), DecodePatchFile); // the old tree is needed no more
+			DevicePatcher patcher(work_.Make("copies"), OldTree(), DecodePatchFile); // nothing else needs the old tree
 			patcher.Apply(package);
 			patcher.Install();
 		} catch (const std::exception& error) {

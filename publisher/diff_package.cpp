@@ -80,7 +80,7 @@ PatchKind KindOf(const std::string& operation, const std::string& input_file) {
 	            Printable(input_file) + "\"");
 }
 
-/** A deleted name with deleted names below it was a directory: the version before had no file of that name. */
+/** Marks deleted names that have deleted names below them: these were directories. */
 void MarkDirectories(std::vector<DiffMember>& members) {
 	std::set<std::string> above;
 	for (const DiffMember& member : members) {

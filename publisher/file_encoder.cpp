@@ -15,7 +15,7 @@ namespace tarn::publisher {
 
 namespace {
 
-/** Tries the ways one after the other and keeps the smallest. */
+/** Tries patch and script one after the other, and keeps the smallest. */
 class Contest {
 public:
 	Contest(const EncodingTask& task, const Encoders& encoders, const std::string& scratch)

@@ -36,7 +36,7 @@ const char* KindName(archive::MemberKind kind) {
 	return kNames.at(static_cast<std::size_t>(kind));
 }
 
-// Unsigned text so far, so it may be anything; what is no JSON is shown as the text it is.
+// The text is not verified and may be anything: what is no JSON is shown as it is.
 Json::Value MetadataJson(const archive::ArchiveFile& archive) {
 	Json::Value value = ReadMetadata(archive);
 	return value.isNull() ? Json::Value(Printable(archive.Metadata())) : value;
@@ -56,14 +56,14 @@ Json::Value HeadJson(const std::string& package, const archive::ArchiveFile& arc
 	return value;
 }
 
-/** What a diff package describes; none for a package of another kind, which has no description. */
+/** What a diff package describes; no value for a full package, which has no description. */
 std::optional<DiffPackage> DiffOf(const archive::ArchiveFile& archive) {
 	const Json::Value metadata = ReadMetadata(archive);
 	const bool is_diff = metadata.isObject() && metadata["kind"] == kDiffKind;
 	return is_diff ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
 }
 
-/** "2026-11-21 16:52:41 UTC", or "unknown" for a package that does not tell. */
+/** "2026-11-21 16:52:41 UTC", or "unknown" when the package does not say. */
 std::string PublishedAt(const archive::ArchiveFile& archive) {
 	const Json::Value metadata = ReadMetadata(archive);
 	const Json::Value published = metadata.isObject() ? metadata["published"] : Json::Value();

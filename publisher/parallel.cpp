@@ -9,62 +9,39 @@
 
 namespace tarn::publisher {
 
-namespace {
-
-class Pool {
-public:
-	Pool(const std::vector<std::size_t>& order, const std::function<void(std::size_t)>& work,
-	    const std::function<void(std::size_t)>& finished)
-	    : order_(order), work_(work), finished_(finished) {}
-
-	void Run() {
-		for (std::size_t at = next_++; at < order_.size() && !failed_; at = next_++) {
-			try {
-				work_(order_[at]);
-				const std::lock_guard<std::mutex> lock(mutex_);
-				finished_(++done_);
-			} catch (...) {
-				const std::lock_guard<std::mutex> lock(mutex_);
-				failed_ = true;
-				error_ = error_ ? error_ : std::current_exception();
-			}
-		}
-	}
-
-	void RethrowError() const {
-		if (error_) {
-			std::rethrow_exception(error_);
-		}
-	}
-
-private:
-	const std::vector<std::size_t>& order_;
-	const std::function<void(std::size_t)>& work_;
-	const std::function<void(std::size_t)>& finished_;
-	std::atomic<std::size_t> next_ = 0;
-	std::atomic<bool> failed_ = false;
-	std::mutex mutex_;
-	std::size_t done_ = 0;
-	std::exception_ptr error_;
-};
-
-} // namespace
-
 void DoInParallel(const std::vector<std::size_t>& order, const std::function<void(std::size_t)>& work,
     const std::function<void(std::size_t)>& finished) {
-	Pool pool(order, work, finished);
+	std::atomic<std::size_t> next = 0;
+	std::mutex mutex; // guards the two below
+	std::size_t done = 0;
+	std::exception_ptr error;
+	const auto run = [&] {
+		for (std::size_t at = next++; at < order.size(); at = next++) {
+			try {
+				work(order[at]);
+				const std::lock_guard<std::mutex> lock(mutex);
+				finished(++done);
+			} catch (...) {
+				next = order.size();
+				const std::lock_guard<std::mutex> lock(mutex);
+				error = error ? error : std::current_exception();
+			}
+		}
+	};
 	const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
 	std::vector<std::thread> threads;
 	try {
 		while (threads.size() + 1 < std::min(processors, order.size())) {
-			threads.emplace_back([&pool] { pool.Run(); });
+			threads.emplace_back(run);
 		}
 	} catch (const std::system_error&) {
-		// Where no more threads are allowed, those that there are do it.
+		// No more threads are allowed: those that there are do the work.
 	}
-	pool.Run();
+	run();
 	std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
-	pool.RethrowError();
+	if (error) {
+		std::rethrow_exception(error);
+	}
 }
 
 } // namespace tarn::publisher

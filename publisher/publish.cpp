@@ -41,22 +41,14 @@ int FetchTime() {
 	return static_cast<int>(seconds);
 }
 
-std::size_t CountOccurrences(const std::string& text, const std::string& part) {
-	std::size_t count = 0;
-	for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-		++count;
-	}
-	return count;
-}
-
 void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObserver& observer) {
 	if (tree.empty_directories > 0) {
 		observer.warn("The tree has " + std::to_string(tree.empty_directories) +
 		              " empty directories, which devices do not install.");
 	}
-	if (CountOccurrences(result.download_link, std::to_string(result.data_version)) > 1) {
-		observer.warn("The digits of version " + std::to_string(result.data_version) +
-		              " stand more than once in the link " + result.download_link +
+	const std::string digits = std::to_string(result.data_version);
+	if (result.download_link.find(digits) != result.download_link.rfind(digits)) {
+		observer.warn("The digits of version " + digits + " stand more than once in the link " + result.download_link +
 		              "; a device that is told to install another version rewrites them all.");
 	}
 }
@@ -185,7 +177,7 @@ private:
 		}
 	}
 
-	/** What the document says about diff packages: without the newest, those below it lead nowhere. */
+	/** What the document says about diff packages: nothing without the newest, since older ones lead nowhere then. */
 	std::map<int, DiffFile> DiffFiles() {
 		std::map<int, DiffFile> files;
 		if (!result_.diff) {

@@ -28,14 +28,14 @@ public:
 	Copy(const Copy&) = delete;
 	Copy& operator=(const Copy&) = delete;
 	~Copy() {
-		std::error_code ignored; // the directory goes as a whole
+		std::error_code ignored; // the directory is removed as a whole
 		fs::remove(path_, ignored);
 		RemoveCompanions(ignored);
 	}
 
 	const std::string& Path() const { return path_; }
 
-	/** Readers of a database in WAL mode may leave these behind; nothing has been written to them. */
+	/** Removes what readers of a database in WAL mode may leave; nothing has been written to it. */
 	void RemoveCompanions(std::error_code& error) const {
 		for (const char* suffix : {kSqliteLog, kSqliteSharedMemory}) {
 			fs::remove(path_ + suffix, error);
@@ -110,7 +110,7 @@ bool IsTransaction(const std::string& statement) {
 	return StartsWith(statement, "BEGIN") || StartsWith(statement, "COMMIT") || StartsWith(statement, "END");
 }
 
-/** Follows SQL byte by byte; a doubled quote within quotes ends and begins them again, which comes to the same. */
+/** Follows SQL byte by byte. Takes a doubled quote within a text for the end of a text and the beginning of another. */
 class Splitter {
 public:
 	explicit Splitter(std::ostream& lines) : lines_(lines) {}
@@ -181,7 +181,7 @@ void EncodeScript(
 	RequireSoundIndexes(after.Path());
 	MakeScript(encoder, before, after, script, scratch);
 	for (const Copy* copy : {&before, &after}) {
-		std::error_code ignored; // executing says what it finds
+		std::error_code ignored; // what stays makes the execution fail
 		copy->RemoveCompanions(ignored);
 	}
 	Try(before, script, subject.after, "from the published version");
@@ -192,7 +192,7 @@ void EncodeScript(
 	try {
 		ExecuteScript(after.Path(), script);
 	} catch (const DeviceError&) {
-		return; // rolled back, as good as no change
+		return; // rolled back, so that nothing has changed
 	}
 	RequireContent(after.Path(), subject.after, "when it is executed twice");
 }

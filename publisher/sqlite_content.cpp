@@ -151,7 +151,7 @@ std::vector<Table> TablesOf(const SQLite::Database& database) {
 	return tables;
 }
 
-/** A name by which the row id can be read, unless columns have taken all of them. */
+/** A name by which the row id can be read; no value when columns have all such names. */
 std::optional<std::string> RowIdName(const SQLite::Database& database, const std::string& table) {
 	for (const char* name : {"rowid", "_rowid_", "oid"}) {
 		SQLite::Statement taken(database, "SELECT 1 FROM pragma_table_info(?) WHERE lower(name) = ?");
@@ -165,7 +165,7 @@ std::optional<std::string> RowIdName(const SQLite::Database& database, const std
 }
 
 std::string RowsQuery(const SQLite::Database& database, const Table& table) {
-	// An index would be read instead of the table when it holds all columns, and damage in either go unseen.
+	// SQLite would read an index that holds all columns instead of the table, and nobody would see damage in the other.
 	const std::string source = " FROM " + QuotedName(table.name) + " NOT INDEXED";
 	if (table.without_rowid) {
 		return "SELECT *" + source;
@@ -205,7 +205,7 @@ std::optional<std::string> FindSchemaObstacle(const SQLite::Database& before, co
 	return std::nullopt;
 }
 
-/** Queries whose results are all that a database holds but its schema, by the table that each asks of. */
+/** The queries for everything that a database holds beside its schema, each with its table. */
 std::vector<std::pair<std::string, std::string>> ContentQueries(const SQLite::Database& database) {
 	std::vector<std::pair<std::string, std::string>> queries;
 	for (const Table& table : TablesOf(database)) {

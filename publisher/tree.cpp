@@ -43,14 +43,14 @@ void CheckName(const std::string& name) {
 	}
 }
 
-/** Before a directory is opened, since the walk holds a descriptor for each level. */
+/** To be called before a directory is opened, since the walk holds a descriptor for each level. */
 void CheckDepth(int above, const std::string& name) {
 	if (static_cast<std::size_t>(above) >= archive::kMaxDepth) {
 		Refuse(name, "its name has more than " + std::to_string(archive::kMaxDepth) + " components");
 	}
 }
 
-/** The file that a link stands for. */
+/** The file that a link leads to. */
 fs::path ResolveLink(const fs::path& link, const std::string& name, const fs::path& root) {
 	std::error_code error;
 	fs::path target = fs::canonical(link, error);

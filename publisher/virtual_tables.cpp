@@ -83,7 +83,7 @@ struct Row {
 	std::string values; // as SQL writes them
 };
 
-/** Rows of an R*Tree in the order of their ids. */
+/** The rows of an R*Tree in the order of their ids. */
 class Rows {
 public:
 	Rows(const SQLite::Database& database, const std::string& table) : query_(database, Query(database, table)) {
@@ -161,7 +161,7 @@ std::optional<std::string> FindVirtualTableObstacle(const SQLite::Database& data
 		if (!table.IsFullText() && !table.IsRTree()) {
 			return "the table " + table.name + " is a virtual one of " + table.module;
 		}
-		// Rows of another table, or none, are what the index cannot be compared with.
+		// The index can only be compared with rows of its own table.
 		const std::string rows = table.name + "_content";
 		if (table.IsFullText() && (!HasTable(database, rows) || HasColumn(database, rows, "langid"))) {
 			return "the table " + table.name + " does not hold the text of its rows alone";
