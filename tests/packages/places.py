@@ -20,8 +20,15 @@ FILE = "Zurich"
 DATA = Path("/srv/databases")
 SETTINGS = Path("/usr/tarn/etc")
 RECORDS = Path("/var/lib/data_update")
-PUBLISH = PUBLISHING.code("sh", "Every further version").partition("tarndbudpub inspect")[0].partition("\n")[2]
-"""The command that publishes the next version, as the document has it."""
+
+
+def publishing(heading: str) -> str:
+    """The document's commands, for a machine that is server and device and so needs no certificate."""
+    return PUBLISHING.code("sh", heading).replace("https://updates.example.org", "http://updates.example.org:8080")
+
+
+PUBLISH = publishing("Every further version").partition("tarndbudpub inspect")[0].partition("\n")[2]
+"""The command that publishes the next version."""
 
 
 def configuration() -> str:

@@ -4,15 +4,15 @@ from __future__ import annotations
 
 from harness import trees
 from machine import PROJECT, Machine
-from places import DATABASE, OPERATIONS, PUBLISHING, RECORDS, SETTINGS, TREE, configuration, installed, status
+from places import DATABASE, OPERATIONS, RECORDS, SETTINGS, TREE, configuration, installed, publishing, status
 
 
 def test_the_document_sets_up_a_server(machine: Machine) -> None:
     for heading in ("Installing", "The key", "The web server"):
-        machine.do(PUBLISHING.code("sh", heading))
+        machine.do(publishing(heading))
     if not machine.is_booted:
         machine.do("nginx -s reload")
-    machine.do(PUBLISHING.code("sh", "The first publication"))
+    machine.do(publishing("The first publication"))
     assert f'"{DATABASE}"' in machine.do("wget -qO- 'http://updates.example.org:8080/database_info/1?os=orv'")
 
 

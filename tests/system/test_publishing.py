@@ -5,22 +5,38 @@ from __future__ import annotations
 import json
 import os
 import re
-import subprocess
+import shutil
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from harness import programs, trees
-from harness.device import CONFIGURATION, WGETRC, Device
+from harness.device import WGETRC, Device
 from harness.documents import Document
 from harness.volumes import Volumes
-from harness.webserver import Nginx
+from harness.webserver import Nginx, TlsNginx
 
 SOURCE = Path(__file__).resolve().parents[2]
 DOCUMENT = Document(SOURCE / "docs/publishing.md")
 SERVER_BLOCK = Path("/usr/share/tarndbudpub/nginx/tarndbud.conf")
-SITE = "updates.example.org:8080"
+SITE = "https://updates.example.org"
 DATABASE = "zones"
+
+
+class Server(TlsNginx):
+    """The server block with the document's lines for TLS, and the certificate that its commands have made."""
+
+    def __init__(self, directory: Path, home: Path) -> None:
+        self._certificates = home / "etc/tarndbudpub/tls"
+        self.certificate = self._certificates / "authority.pem"
+        Nginx.__init__(self, SERVER_BLOCK, directory, home / "nginx")
+
+    def _server_block(self, template: str, directory: Path) -> str:
+        lines = DOCUMENT.code("nginx", "The certificate").replace("listen 443 ssl;", f"listen {self.netloc} ssl;")
+        lines = lines.replace("/etc/tarndbudpub/tls", str(self._certificates))
+        block, changes = re.subn(r"\tlisten 127\.0\.0\.1:8080;.*\n", lines, template)
+        assert changes == 1
+        return block.replace("root /srv/tarndbud;", f"root {directory};")
 
 
 class Desk:
@@ -31,7 +47,11 @@ class Desk:
         self.device = device
         self.repository = home / "srv/tarndbud"
         self.repository.mkdir(parents=True)
-        self.server = Nginx(SERVER_BLOCK, self.repository, home / "nginx")
+        (home / "wgetrc").touch()
+        self.follow("The certificate")
+        self.server = Server(self.repository, home)
+        (home / "wgetrc").write_text(f"ca_certificate = {self.server.certificate}\n")
+        device.scheme = "https"
         device.netloc = self.server.netloc
         device.add_database(DATABASE)
 
@@ -39,12 +59,15 @@ class Desk:
         """Runs a section's commands as they stand but for places and ports."""
         script = DOCUMENT.code("sh", heading)
         assert script, heading
-        script = script.replace("/var/log/nginx", str(self.home / "nginx")).replace(SITE, self.server.netloc)
+        script = script.replace("/var/log/nginx", str(self.home / "nginx")).replace("DNS:updates.example.org", "IP:127.0.0.1")
+        if SITE in script:
+            script = script.replace(SITE, self.server.url)
         for place in ("/srv", "/etc/tarndbudpub", "/usr/local/bin"):
             script = re.sub(rf"(?<![\w/]){place}\b", f"{self.home}{place}", script)
         path = self.home / "section.sh"
         path.write_text(script)
-        env = {**os.environ, "PATH": f"{self.home}/usr/local/bin:{os.environ['PATH']}"}
+        path_variable = f"{self.home}/usr/local/bin:{os.environ['PATH']}"
+        env = {**os.environ, "PATH": path_variable, "WGETRC": str(self.home / "wgetrc")}
         result = programs.run("/bin/bash", "-eu", "-o", "pipefail", path, env=env)
         assert result.status == 0, str(result)
         assert result.stderr == ""
@@ -52,6 +75,9 @@ class Desk:
 
     def tree(self, name: str) -> Path:
         return self.home / "srv/data" / name
+
+    def trust_authority(self) -> None:
+        WGETRC.write_text(f"{WGETRC.read_text()}\nca_certificate = {self.server.certificate}\n")
 
     def trust(self, name: str) -> None:
         self.device.trust(self.home / f"etc/tarndbudpub/{name}.pub")
@@ -84,6 +110,7 @@ def desk(clean_device: None, volumes: Volumes, tmp_path: Path) -> Iterator[Desk]
 def published_by_the_book(desk: Desk) -> None:
     desk.follow("The key")
     desk.trust("release")
+    desk.trust_authority()
     desk.follow("The first publication")
 
 
@@ -129,50 +156,24 @@ def test_the_server_block_is_installed_where_the_document_says() -> None:
     assert (SERVER_BLOCK.parent / "tarndbud-cache.conf").exists()
 
 
-class TlsServer(Nginx):
-    """The server block with the document's lines for TLS in it."""
-
-    def __init__(self, directory: Path, home: Path, certificate: Path) -> None:
-        self._certificate = certificate
-        super().__init__(SERVER_BLOCK, directory, home)
-
-    def _server_block(self, template: str, directory: Path) -> str:
-        lines = DOCUMENT.code("nginx", "TLS").replace("listen 443 ssl;", f"listen {self.netloc} ssl;")
-        lines = lines.replace("/etc/ssl/updates.example.org.pem", str(self._certificate))
-        lines = lines.replace("/etc/ssl/private/updates.example.org.key", str(self._certificate))
-        assert "\tlisten 8080;\n" in template
-        return template.replace("\tlisten 8080;\n", lines).replace("root /srv/tarndbud;", f"root {directory};")
-
-
-@pytest.fixture
-def certificate(tmp_path: Path) -> Path:
-    """A key and the certificate of nobody but itself for 127.0.0.1, in one file."""
-    path = tmp_path / "server.pem"
-    subprocess.run(
-        ["openssl", "req", "-x509", "-newkey", "ed25519", "-noenc", "-days", "2", "-subj", "/CN=localhost",
-         "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout", path, "-out", tmp_path / "certificate"],
-        check=True, capture_output=True,
-    )  # fmt: skip
-    path.write_text(path.read_text() + (tmp_path / "certificate").read_text())
-    return path
-
-
-def test_the_lines_for_tls_serve_a_device_that_knows_the_authority(desk: Desk, certificate: Path) -> None:
+def test_a_device_that_does_not_know_the_authority_downloads_nothing(desk: Desk) -> None:
     published_by_the_book(desk)
-    tls = TlsServer(desk.repository, desk.home / "tls", certificate)
+    shutil.copyfile(SOURCE / "packaging/conf/wgetrc", WGETRC)
+    distrusting = desk.device.run("update", DATABASE)
+    assert distrusting.status == 1, str(distrusting)
+    assert "certificate is not trusted" in distrusting.stderr
+    assert desk.packages() == []
+
+
+def test_a_device_trusts_the_authority_that_its_system_trusts(desk: Desk) -> None:
+    published_by_the_book(desk)
+    shutil.copyfile(SOURCE / "packaging/conf/wgetrc", WGETRC)
+    place = Path("/usr/local/share/ca-certificates/updates.crt")
+    assert f"`{place}`" in DOCUMENT.section("The certificate")
+    shutil.copyfile(desk.server.certificate, place)
     try:
-        programs.run_ok(
-            programs.PUB, "publish", desk.tree("zones"), "--repo", desk.repository, "--id", DATABASE, "--key",
-            desk.home / "etc/tarndbudpub/release.key", "--url", f"https://{tls.netloc}",
-        )  # fmt: skip
-        settings = json.loads((CONFIGURATION / "data_update.conf").read_text())
-        settings["config"].update(download_scheme="https", db_netloc=tls.netloc)
-        (CONFIGURATION / "data_update.conf").write_text(json.dumps(settings))
-        distrusting = desk.device.run("update", DATABASE)
-        assert distrusting.status == 1, str(distrusting)
-        assert "certificate is not trusted" in distrusting.stderr
-        WGETRC.write_text(f"ca_certificate = {desk.home / 'certificate'}\n")
-        desk.device.run_ok("update", DATABASE)
-        assert desk.device.version(DATABASE) == 1001
+        programs.run_ok("update-ca-certificates")
+        desk.assert_installs(1000, desk.tree("zones"), ["v1000"])
     finally:
-        tls.close()
+        place.unlink()
+        programs.run_ok("update-ca-certificates", "--fresh")

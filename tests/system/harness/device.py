@@ -43,6 +43,7 @@ class Device:
     def __init__(self, volume: Path | None, netloc: str) -> None:
         self.volume = volume
         self.netloc = netloc
+        self.scheme = "http"
         self.databases: dict[str, dict[str, object]] = {}
 
     @staticmethod
@@ -78,7 +79,7 @@ class Device:
             "cur_volume": str(self.volume) if self.volume else "",
             "db_ver": "1",
             "db_netloc": self.netloc,
-            "download_scheme": "http",
+            "download_scheme": self.scheme,
         }
         CONFIGURATION.mkdir(parents=True, exist_ok=True)
         (CONFIGURATION / "data_update.conf").write_text(json.dumps({"config": service}))
