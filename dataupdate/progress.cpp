@@ -12,7 +12,7 @@ namespace {
 struct State {
 	std::mutex mutex;
 	Activity activity;
-	uint64_t downloaded_bytes = 0;
+	std::uint64_t downloaded_bytes = 0;
 };
 
 State& GetState() {
@@ -43,17 +43,17 @@ ActivityScope::~ActivityScope() {
 	GetState().activity = std::move(outer_);
 }
 
-void AddActivityBytes(uint64_t bytes) {
+void AddActivityBytes(std::uint64_t bytes) {
 	const std::lock_guard<std::mutex> guard(GetState().mutex);
 	GetState().activity.bytes += bytes;
 }
 
-uint64_t DownloadedBytes() {
+std::uint64_t DownloadedBytes() {
 	const std::lock_guard<std::mutex> guard(GetState().mutex);
 	return GetState().downloaded_bytes;
 }
 
-void AddDownloadedBytes(uint64_t bytes) {
+void AddDownloadedBytes(std::uint64_t bytes) {
 	const std::lock_guard<std::mutex> guard(GetState().mutex);
 	GetState().downloaded_bytes += bytes;
 }

@@ -22,16 +22,16 @@ enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash, kPatch };
 struct Activity {
 	Phase phase = Phase::kIdle; ///< What is done.
 	std::string path; ///< The file that is downloaded or patched, or the directory that is filled, replaced or hashed.
-	uint64_t bytes =
+	std::uint64_t bytes =
 	    0; ///< Bytes done; stays 0 while another program or library does the work (download, unpack, patch).
-	uint64_t serial = 0; ///< Grows with every activity that begins or ends.
+	std::uint64_t serial = 0; ///< Grows with every activity that begins or ends.
 };
 
 /** A copy of the current activity; kIdle when the library does nothing. */
 TARNDBUD_EXPORT Activity CurrentActivity();
 
 /** Bytes of all files that this process has downloaded whole. */
-TARNDBUD_EXPORT uint64_t DownloadedBytes();
+TARNDBUD_EXPORT std::uint64_t DownloadedBytes();
 
 } // namespace tarn::dataupdate
 

@@ -27,7 +27,8 @@ extern "C" {
  *
  * The descriptor is closed on exec. JsonCpp's exceptions pass through for a configuration file that holds no object.
  */
-TARNDBUD_EXPORT int TARNDBUDGetFileLock(const char* project, unsigned long timeout_seconds);
+TARNDBUD_EXPORT int TARNDBUDGetFileLock(const char* project, unsigned long timeout_seconds)
+    __attribute__((warn_unused_result));
 
 /** Releases what TARNDBUDGetFileLock() returned; negative values are ignored. */
 TARNDBUD_EXPORT void TARNDBUDReleaseFileLock(int fd);
@@ -54,9 +55,9 @@ public:
 	virtual ~Checker();
 
 	/** Whether this database is being updated. Throws UpdateError "Project <id> not supported". */
-	virtual bool IsUpdating(const std::string& id) const;
+	[[nodiscard]] virtual bool IsUpdating(const std::string& id) const;
 	/** Whether any database is being updated. */
-	virtual bool IsAnyUpdating() const;
+	[[nodiscard]] virtual bool IsAnyUpdating() const;
 
 private:
 	std::shared_ptr<ServiceConfig> service_config_;

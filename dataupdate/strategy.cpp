@@ -86,7 +86,7 @@ std::set<std::string> BaseStrategy::GetModifiedFiles() const {
 	return {};
 }
 
-int64_t BaseStrategy::GetDeltaSize() const {
+std::int64_t BaseStrategy::GetDeltaSize() const {
 	return 0;
 }
 
@@ -94,12 +94,12 @@ bool BaseStrategy::_CheckDigest(const std::string& path, const std::string& dige
 	return FileSha384(path) == digest;
 }
 
-bool BaseStrategy::_IsSpaceEnough(const std::string& path, int64_t delta) const {
+bool BaseStrategy::_IsSpaceEnough(const std::string& path, std::int64_t delta) const {
 	const auto [free_bytes, capacity] = IOUtils().GetFsSize(path);
-	const auto available = static_cast<int64_t>(free_bytes);
+	const auto available = static_cast<std::int64_t>(free_bytes);
 	TARN_LOG(LOG_DEBUG, "capacity: %ju", capacity);
-	TARN_LOG(LOG_DEBUG, "available: %jd", static_cast<intmax_t>(available));
-	TARN_LOG(LOG_DEBUG, "delta: %jd", static_cast<intmax_t>(delta));
+	TARN_LOG(LOG_DEBUG, "available: %jd", static_cast<std::intmax_t>(available));
+	TARN_LOG(LOG_DEBUG, "delta: %jd", static_cast<std::intmax_t>(delta));
 	return static_cast<double>(available + delta) / static_cast<double>(capacity) > kLeastFreeShare;
 }
 

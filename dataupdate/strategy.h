@@ -33,11 +33,11 @@ class Patcher;
 
 /** What an update does with one file. */
 struct TARNDBUD_EXPORT ModifyInfo {
-	static constexpr int32_t kOverride = 1; ///< Copy the source over the target.
-	static constexpr int32_t kDelete = 2;   ///< Remove the target.
+	static constexpr std::int32_t kOverride = 1; ///< Copy the source over the target.
+	static constexpr std::int32_t kDelete = 2;   ///< Remove the target.
 
-	int32_t operation = 0; ///< kOverride or kDelete.
-	std::string source;    ///< The new content, in the temporary area.
+	std::int32_t operation = 0; ///< kOverride or kDelete.
+	std::string source;         ///< The new content, in the temporary area.
 };
 
 /** The interface, with operations that do nothing, and what all strategies share. */
@@ -55,13 +55,13 @@ public:
 	/** The changed files, for the hooks and the digests. */
 	virtual std::set<std::string> GetModifiedFiles() const;
 	/** Bytes that the update frees in the install directory; negative when the new version is larger. */
-	virtual int64_t GetDeltaSize() const;
+	virtual std::int64_t GetDeltaSize() const;
 
 protected:
 	/** Whether the file's SHA-384 digest is exactly this text. The file is opened for reading and writing. */
 	bool _CheckDigest(const std::string& path, const std::string& digest) const;
 	/** Whether more than 5 % of the file system's capacity is available once so many more bytes are free. */
-	bool _IsSpaceEnough(const std::string& path, int64_t delta) const;
+	bool _IsSpaceEnough(const std::string& path, std::int64_t delta) const;
 	/**
 	 * Checks a package's signature and unpacks it. Throws "Failed to extract package at tarnarchive_init",
 	 * "tarnarchive_open <package> failed, ret: <n>" with nothing unpacked, "tarnarchive_extract <package> failed,
@@ -91,7 +91,7 @@ public:
 	 */
 	void ApplyUpdate() override;
 	std::set<std::string> GetModifiedFiles() const override;
-	int64_t GetDeltaSize() const override;
+	std::int64_t GetDeltaSize() const override;
 
 private:
 	void _CalModifyInfo();
@@ -139,7 +139,7 @@ public:
 	void ApplyUpdate() override;
 	std::set<std::string> GetModifiedFiles() const override;
 	/** The old sizes are those of the changed files' names as seen from the working directory of the process. */
-	int64_t GetDeltaSize() const override;
+	std::int64_t GetDeltaSize() const override;
 
 private:
 	bool _IsDiffUpdateAvailable() const;

@@ -106,15 +106,15 @@ std::set<std::string> DiffStrategy::GetModifiedFiles() const {
 	return files;
 }
 
-int64_t DiffStrategy::GetDeltaSize() const {
+std::int64_t DiffStrategy::GetDeltaSize() const {
 	const IOUtils io;
-	int64_t freed = 0;
+	std::int64_t freed = 0;
 	for (const auto& [name, info] : _ModifyInfos()) {
 		boost::system::error_code ignored;
 		if (fs::exists(fs::status(name, ignored))) {
-			freed += static_cast<int64_t>(io.GetSize(name));
+			freed += static_cast<std::int64_t>(io.GetSize(name));
 		}
-		freed -= static_cast<int64_t>(io.GetSize(info.source));
+		freed -= static_cast<std::int64_t>(io.GetSize(info.source));
 	}
 	return freed;
 }

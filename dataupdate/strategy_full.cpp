@@ -99,9 +99,10 @@ std::set<std::string> FullStrategy::GetModifiedFiles() const {
 	return files;
 }
 
-int64_t FullStrategy::GetDeltaSize() const {
+std::int64_t FullStrategy::GetDeltaSize() const {
 	const IOUtils io;
-	return static_cast<int64_t>(io.GetSize(install_directory_)) - static_cast<int64_t>(io.GetSize(unpack_directory_));
+	return static_cast<std::int64_t>(io.GetSize(install_directory_)) -
+	       static_cast<std::int64_t>(io.GetSize(unpack_directory_));
 }
 
 void FullStrategy::_CalModifyInfo() {

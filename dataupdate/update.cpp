@@ -77,7 +77,7 @@ void RunLocked(const ServiceConfig& config, const std::string& id, const char* n
 }
 
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
-	for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+	for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
 		text.replace(at, from.size(), to);
 	}
 	return text;
@@ -88,7 +88,7 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	const int current = remote.data_version;
 	if (version != 0) {
 		// Wide, because nothing keeps a caller from naming a number that leads below the smallest one.
-		remote.data_version = static_cast<int>(version > 0 ? version : int64_t{current} + version);
+		remote.data_version = static_cast<int>(version > 0 ? version : std::int64_t{current} + version);
 	}
 	remote.download_link =
 	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));

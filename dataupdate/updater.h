@@ -19,10 +19,12 @@ namespace tarn::dataupdate {
  * logs at LOG_ERR. An absolute file name stands for itself; an empty list passes. Throws Boost's filesystem error when
  * a file's status cannot be had for another reason than that it doesn't exist.
  */
-TARNDBUD_EXPORT bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root);
+[[nodiscard]] TARNDBUD_EXPORT bool CheckStatus(
+    const std::map<std::string, FileStatus>& statuses, const std::string& root);
 
 /** The digests of those of the files that exist below root, keyed by the name given; see CheckStatus(). */
-TARNDBUD_EXPORT std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root);
+[[nodiscard]] TARNDBUD_EXPORT std::map<std::string, FileStatus> CalculateStatus(
+    std::set<std::string> files, const std::string& root);
 
 /** What an update did. */
 struct UpdateResult {
@@ -57,17 +59,17 @@ public:
 	 * makes both good, and so does class Update, which remembers. The hook after the change runs only when the change
 	 * succeeded.
 	 */
-	virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
-	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
-	    const std::string& rootDirectory) const;
+	[[nodiscard]] virtual DatabaseStatus Update(const std::string& id, const DatabaseStatus& status,
+	    const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs, const std::string& volume,
+	    const std::string& installPrefix, const std::string& rootDirectory) const;
 
 	/**
 	 * Does the same, and tells more: the new state does not name what diff packages deleted, so a host that keeps an
 	 * account of all files could not tell it from what vanished otherwise.
 	 */
-	UpdateResult UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
-	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
-	    const std::string& rootDirectory) const;
+	[[nodiscard]] UpdateResult UpdateAndTell(const std::string& id, const DatabaseStatus& status,
+	    const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs, const std::string& volume,
+	    const std::string& installPrefix, const std::string& rootDirectory) const;
 };
 
 // The slots of this class are fixed without a destructor among them; never delete a derived object through it.
@@ -82,9 +84,9 @@ public:
 	    const std::string& rootDirectory);
 
 	/** Whether nothing was ever installed or a recorded file is missing or changed. */
-	virtual bool IsFixNeeded(const DatabaseStatus& status) const;
+	[[nodiscard]] virtual bool IsFixNeeded(const DatabaseStatus& status) const;
 	/** Reinstalls, with hooks and errors as in Updater::Update(); returns the new installed state. */
-	virtual DatabaseStatus Fix() const;
+	[[nodiscard]] virtual DatabaseStatus Fix() const;
 
 private:
 	std::string id_;

@@ -82,10 +82,10 @@ DirectoryEntries ReadEntries(const std::string& path) {
 }
 
 /** 0 for anything but a regular file, and for a missing one. */
-uintmax_t RegularFileBytes(const std::string& path) {
+std::uintmax_t RegularFileBytes(const std::string& path) {
 	struct stat status {};
 	if (stat(path.c_str(), &status) == 0) {
-		return S_ISREG(status.st_mode) ? static_cast<uintmax_t>(status.st_size) : 0;
+		return S_ISREG(status.st_mode) ? static_cast<std::uintmax_t>(status.st_size) : 0;
 	}
 	if (errno != ENOENT && errno != ENOTDIR) {
 		throw fs::filesystem_error("stat", path, boost::system::error_code(errno, boost::system::system_category()));
@@ -108,9 +108,9 @@ void CopyByType(const std::string& src, const std::string& dst) {
 
 IOUtils::~IOUtils() = default;
 
-uintmax_t IOUtils::GetSize(const std::string& path) const {
+std::uintmax_t IOUtils::GetSize(const std::string& path) const {
 	try {
-		uintmax_t total = RegularFileBytes(path);
+		std::uintmax_t total = RegularFileBytes(path);
 		if (fs::is_directory(fs::status(path))) {
 			IterateDirectory(
 			    path, [&total](const std::string& entry) { total += RegularFileBytes(entry); }, true);
@@ -121,7 +121,7 @@ uintmax_t IOUtils::GetSize(const std::string& path) const {
 	}
 }
 
-std::pair<uintmax_t, uintmax_t> IOUtils::GetFsSize(const std::string& path) const {
+std::pair<std::uintmax_t, std::uintmax_t> IOUtils::GetFsSize(const std::string& path) const {
 	boost::system::error_code ignored;
 	if (!fs::is_directory(fs::status(path, ignored))) {
 		throw UpdateError("Invalid filesystem to testing space");
@@ -173,8 +173,8 @@ bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
 		const int error = errno;
 		throw UpdateError((NoexceptFormat("Failed to get attribute of %s, errno=%d") % path % error).str());
 	}
-	const int64_t age = static_cast<int64_t>(time(nullptr)) - static_cast<int64_t>(status.st_mtime);
-	return static_cast<int64_t>(seconds) < age;
+	const std::int64_t age = static_cast<std::int64_t>(time(nullptr)) - static_cast<std::int64_t>(status.st_mtime);
+	return static_cast<std::int64_t>(seconds) < age;
 }
 
 void IOUtils::RmRf(const std::string& path) const {
@@ -208,7 +208,7 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 	struct stat status {};
 	// Only counted: a file that cannot be examined is no failed download.
 	if (stat(output_path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-		AddDownloadedBytes(static_cast<uint64_t>(status.st_size));
+		AddDownloadedBytes(static_cast<std::uint64_t>(status.st_size));
 	}
 }
 

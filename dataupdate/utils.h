@@ -30,14 +30,14 @@ public:
 	 * Bytes of a regular file, or of all regular files below a directory; 0 for anything else and for a missing path.
 	 * Throws "Fail to get size on <path>".
 	 */
-	virtual uintmax_t GetSize(const std::string& path) const;
+	virtual std::uintmax_t GetSize(const std::string& path) const;
 
 	/**
 	 * Space of the file system that holds a directory: bytes available to unprivileged users, and capacity in bytes.
 	 * Throws "Invalid filesystem to testing space" when the path is no directory, "Fail to get available space" when
 	 * the file system does not answer.
 	 */
-	virtual std::pair<uintmax_t, uintmax_t> GetFsSize(const std::string& path) const;
+	virtual std::pair<std::uintmax_t, std::uintmax_t> GetFsSize(const std::string& path) const;
 
 	/**
 	 * A JSON file, parsed whole; comments are tolerated. Throws "File not exist: <path>" with code kFileNotExist,

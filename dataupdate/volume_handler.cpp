@@ -126,7 +126,7 @@ bool VolumeHandler::IsSuitable(const void* volumeInfo, long requiredBytes) const
 	const auto* record = static_cast<const TARNMountVolInfo*>(volumeInfo);
 	const long required = requiredBytes < 0 ? _TotalReserve() : requiredBytes;
 	return (record->flags & TARN_VOLUME_FLAG_DATA) != 0 && TARNVolumeServicePolicy(record) != 0 &&
-	       record->free_bytes >= static_cast<uint64_t>(required) && record->healthy != 0 && record->writable != 0;
+	       record->free_bytes >= static_cast<std::uint64_t>(required) && record->healthy != 0 && record->writable != 0;
 }
 
 long VolumeHandler::_TotalReserve() const {

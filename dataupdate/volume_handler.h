@@ -49,7 +49,7 @@ public:
 	 * Mount path of the first suitable volume but the excluded one. Throws UpdateError "Failed to enum all volumes:
 	 * <code>", "Cannot find suitable volume.", and std::runtime_error when the reserves overflow.
 	 */
-	virtual std::string FindSuitableVolume(std::string exclude) const;
+	[[nodiscard]] virtual std::string FindSuitableVolume(std::string exclude) const;
 	/** "<volume>/@database/autoupdate". */
 	virtual std::string GetMainDirPath(const std::string& volume) const;
 	/** Creates a directory with all parents. Throws UpdateError "Failed to create '<path>': <why>". */
@@ -62,7 +62,7 @@ public:
 	 * @param requiredBytes  bytes; negative stands for the sum of all databases' reserves, and std::runtime_error is
 	 *                       thrown when that overflows
 	 */
-	virtual bool IsSuitable(const void* volumeInfo, long requiredBytes) const;
+	[[nodiscard]] virtual bool IsSuitable(const void* volumeInfo, long requiredBytes) const;
 
 private:
 	long _TotalReserve() const;

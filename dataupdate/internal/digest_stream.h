@@ -18,7 +18,7 @@ namespace tarn::dataupdate {
 class DigestBuffer : public std::streambuf {
 public:
 	/** Opens for reading and writing; false when that fails or the path is no regular file. */
-	bool Open(const std::string& path);
+	[[nodiscard]] bool Open(const std::string& path);
 
 protected:
 	/** Bytes read ahead, -1 at the end; throws on a read error, which the stream turns into its bad bit. */

@@ -27,10 +27,10 @@ namespace {
 
 /** Moves one block through memory, for pairs of file systems between which the kernel does not copy. */
 ssize_t CopyBlock(int from, int to) {
-	static constexpr size_t kBlockBytes = 128UL * 1024;
+	static constexpr std::size_t kBlockBytes = 128UL * 1024;
 	std::array<char, kBlockBytes> block{};
 	const ssize_t count = read(from, block.data(), block.size());
-	return count <= 0 || WriteAll(to, block.data(), static_cast<size_t>(count)) ? count : -1;
+	return count <= 0 || WriteAll(to, block.data(), static_cast<std::size_t>(count)) ? count : -1;
 }
 
 bool KernelCannotCopy(int error) {
@@ -38,7 +38,7 @@ bool KernelCannotCopy(int error) {
 }
 
 bool CopyContent(int from, int to) {
-	static constexpr size_t kRequestBytes = 1UL << 30;
+	static constexpr std::size_t kRequestBytes = 1UL << 30;
 	bool in_kernel = true;
 	while (true) {
 		const ssize_t count =
@@ -47,7 +47,7 @@ bool CopyContent(int from, int to) {
 			return true;
 		}
 		if (count > 0) {
-			AddActivityBytes(static_cast<uint64_t>(count));
+			AddActivityBytes(static_cast<std::uint64_t>(count));
 		} else if (in_kernel && KernelCannotCopy(errno)) {
 			in_kernel = false;
 		} else if (errno != EINTR) {
@@ -58,7 +58,7 @@ bool CopyContent(int from, int to) {
 
 bool FillCopy(int from, const struct stat& status, UniqueFd& to) {
 	if (ioctl(to.Get(), FICLONE, from) == 0) {
-		AddActivityBytes(static_cast<uint64_t>(status.st_size));
+		AddActivityBytes(static_cast<std::uint64_t>(status.st_size));
 	} else if (!CopyContent(from, to.Get())) {
 		return false;
 	}

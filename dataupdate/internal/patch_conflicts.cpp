@@ -33,14 +33,14 @@ public:
 private:
 	fs::path Installed(const std::string& name) const { return fs::path(install_directory_) / name; }
 
-	bool IsModified(const std::string& name, int32_t operation) const {
+	bool IsModified(const std::string& name, std::int32_t operation) const {
 		const auto found = modify_infos_.find(name);
 		return found != modify_infos_.end() && found->second.operation == operation;
 	}
 
 	/** What is above a new file is a directory, will be made one, or is a file that the chain deletes. */
 	void CheckAbove(const std::string& name) {
-		for (size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
+		for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
 			const std::string above = name.substr(0, end);
 			if (!known_directories_.insert(above).second) {
 				continue;

@@ -11,7 +11,7 @@ namespace {
 
 std::vector<std::string> PartsOf(const std::string& name) {
 	std::vector<std::string> parts;
-	for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
+	for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
 		end = name.find('/', begin);
 		parts.push_back(name.substr(begin, end == std::string::npos ? end : end - begin));
 	}

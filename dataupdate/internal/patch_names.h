@@ -13,10 +13,10 @@
 namespace tarn::dataupdate {
 
 /** Whether a name stays below whatever directory it is joined to: it is not absolute and has no "..". */
-bool StaysBelow(const std::string& name);
+[[nodiscard]] bool StaysBelow(const std::string& name);
 
 /** Whether a name stays below the directory and ends with the name of a file: "./a//b", but neither "a/" nor ".". */
-bool IsFileNameBelow(const std::string& name);
+[[nodiscard]] bool IsFileNameBelow(const std::string& name);
 
 /** The shortest spelling of such a name: "a/b" of "./a//b". */
 std::string PlainName(const std::string& name);

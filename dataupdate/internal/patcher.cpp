@@ -203,7 +203,7 @@ std::string Patcher::_ClaimWorkingCopy(const std::string& name) {
 	return accumulation_directory_ + "/" + flat;
 }
 
-void Patcher::_Record(const std::string& name, int32_t operation, const std::string& source) {
+void Patcher::_Record(const std::string& name, std::int32_t operation, const std::string& source) {
 	ModifyInfo& info = modify_infos_[name];
 	info.operation = operation;
 	info.source = source;

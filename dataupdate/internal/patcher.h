@@ -68,7 +68,7 @@ private:
 	/** Keeps one file from having two working copies by two spellings of its name. */
 	void _ClaimFile(const std::string& name);
 	std::string _ClaimWorkingCopy(const std::string& name);
-	void _Record(const std::string& name, int32_t operation, const std::string& source);
+	void _Record(const std::string& name, std::int32_t operation, const std::string& source);
 
 	std::string accumulation_directory_;
 	std::string install_directory_;

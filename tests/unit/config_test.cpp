@@ -1,11 +1,10 @@
 #include "dataupdate/config.h"
 #include "dataupdate/file_lock.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
+#include "library_test.h"
 #include "mocks.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <filesystem>
 #include <memory>
@@ -14,14 +13,6 @@
 
 namespace tarn::dataupdate {
 namespace {
-
-using test::MessageOf;
-using test::WriteFile;
-using testing::_;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StrictMock;
-using testing::Throw;
 
 constexpr char kLock[] = "/run/data_update/config.lock";
 

@@ -1,6 +1,6 @@
 // Digests of files around the size at which the standard library's own file stream reports nothing available.
 #include "dataupdate/updater.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 
@@ -12,7 +12,6 @@
 namespace tarn::dataupdate {
 namespace {
 
-using testing::ElementsAre;
 using testing::Pair;
 
 struct SparseFile {

@@ -1,9 +1,8 @@
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/utils.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gtest/gtest.h>
 
@@ -21,8 +20,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::WriteFile;
 
 constexpr char kOfNothing[] =
     "38b060a751ac96384cd9327eb1b1e36a21fdb71114be07434c0cc7bf63f6e1da274edebfe76f65fbd51ad2f14898b95b";

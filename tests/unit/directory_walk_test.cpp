@@ -1,8 +1,7 @@
 #include "base/unique_fd.h"
 #include "dataupdate/utils.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 
@@ -22,12 +21,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::UnorderedElementsAre;
 
 // No component of a path may be longer than 255 bytes, so every operation on it fails.
 const std::string kTooLong = std::string(300, 'x');

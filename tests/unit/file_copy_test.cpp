@@ -1,9 +1,8 @@
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/utils.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <boost/filesystem/exception.hpp>
 #include <gmock/gmock.h>
@@ -19,13 +18,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 class CopyFileTest : public testing::Test {
 protected:

@@ -1,9 +1,7 @@
 #include "dataupdate/file_lock.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "open_descriptors.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -23,15 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using test::Line;
-using test::MessageOf;
 using test::OpenDescriptors;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::SizeIs;
-using testing::StartsWith;
 
 class FileLockTest : public testing::Test {
 protected:

@@ -1,6 +1,6 @@
 #include "dataupdate/hook.h"
 #include "fake_platform.h"
-#include "log_lines.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 
@@ -12,9 +12,6 @@
 namespace tarn::dataupdate {
 namespace {
 
-using test::Line;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 class UpdateHookTest : public testing::Test {

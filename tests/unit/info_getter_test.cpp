@@ -1,13 +1,11 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "mocks.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,19 +21,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::WriteFile;
-using testing::_;
-using testing::ElementsAre;
-using testing::InSequence;
-using testing::IsEmpty;
-using testing::NiceMock;
-using testing::Return;
-using testing::StrictMock;
-using testing::Throw;
 
 constexpr char kDirectory[] = "/var/cache/data_update";
 constexpr char kCache[] = "/var/cache/data_update/database_info.json";

@@ -1,11 +1,9 @@
 #include "dataupdate/update.h"
 #include "dataupdate/volume_handler.h"
-#include "expect_error.h"
 #include "fake_platform.h"
+#include "library_test.h"
 #include "live_objects.h"
-#include "log_lines.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -19,13 +17,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr char kDefaults[] = "/usr/share/data_update/data_update.conf";
 constexpr char kOverride[] = "/usr/tarn/etc/data_update/data_update.conf";

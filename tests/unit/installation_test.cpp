@@ -1,10 +1,8 @@
 #include "dataupdate/installation.h"
 #include "dataupdate/internal/activity.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -18,15 +16,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::MessageOf;
-using test::WriteFile;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";

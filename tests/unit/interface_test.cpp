@@ -5,6 +5,7 @@
 #include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/volume_handler.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 
@@ -23,9 +24,6 @@
 
 namespace tarn::dataupdate {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 /** Which slot of its class's virtual table an operation has, as the C++ interface of this system lays it down. */
 template<typename Operation>

@@ -5,11 +5,10 @@
 #include "dataupdate/project_lock.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/utils.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
+#include "library_test.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -18,9 +17,6 @@
 
 namespace tarn::dataupdate {
 namespace {
-
-using test::MessageOf;
-using test::WriteFile;
 
 class InterruptionTest : public test::FixedPathsTest {
 protected:

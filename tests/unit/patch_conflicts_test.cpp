@@ -1,6 +1,5 @@
 #include "dataupdate/internal/patch_conflicts.h"
-#include "expect_error.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gtest/gtest.h>
 
@@ -12,9 +11,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::MessageOf;
-using test::WriteFile;
 
 class PatchConflictsTest : public testing::Test {
 protected:

@@ -1,6 +1,5 @@
 #include "dataupdate/internal/patch_description.h"
-#include "expect_error.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 #include <json/value.h>
@@ -13,12 +12,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::ErrorOf;
-using test::MessageOf;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class PatchDescriptionTest : public testing::Test {
 protected:

@@ -1,7 +1,6 @@
 #include "dataupdate/internal/patcher.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
@@ -18,15 +17,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::EntriesBelow;
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
 
 /** An entry of a description. */
 std::string Entry(const std::string& name, const std::string& operation, const std::string& input = "") {

@@ -1,13 +1,11 @@
 #include "call_from_c.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/project_lock.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "mocks.h"
 #include "open_descriptors.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,14 +24,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::MessageOf;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::NiceMock;
-using testing::Throw;
 
 constexpr char kSource[] = "project_lock.cpp";
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
@@ -164,7 +154,7 @@ TEST_F(ProjectLockTest, ClosesTheFileEvenWhenUnlockingFails) {
 
 TEST_F(ProjectLockTest, PassesOnWhatTheJsonLibraryThrows) {
 	WriteFile(kDatabases, "7");
-	EXPECT_THROW(TARNDBUDGetFileLock("geo", 0), Json::LogicError);
+	EXPECT_THROW(TARNDBUDReleaseFileLock(TARNDBUDGetFileLock("geo", 0)), Json::LogicError);
 }
 
 TEST_F(ProjectLockTest, CanBeUsedFromC) {
@@ -216,7 +206,7 @@ TEST_F(CheckerTest, TakesALockThatCannotBeTriedForAnUpdate) {
 
 TEST_F(CheckerTest, PassesOnThatAnIdIsNotSupported) {
 	EXPECT_CALL(*config_, CheckSupported("none")).WillOnce(Throw(UpdateError("Project none not supported")));
-	EXPECT_EQ(MessageOf([&] { checker_.IsUpdating("none"); }), "Project none not supported");
+	EXPECT_EQ(MessageOf([&] { return checker_.IsUpdating("none"); }), "Project none not supported");
 	EXPECT_FALSE(fs::exists("/run/data_update/update_none.lock"));
 }
 

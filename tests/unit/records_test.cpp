@@ -1,5 +1,5 @@
 #include "dataupdate/records.h"
-#include "expect_error.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 #include <json/reader.h>
@@ -11,8 +11,6 @@
 namespace tarn::dataupdate {
 namespace {
 
-using test::MessageOf;
-using testing::ElementsAre;
 using testing::Key;
 
 Json::Value Parse(const std::string& text) {

@@ -2,14 +2,12 @@
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/update.h"
-#include "expect_error.h"
 #include "fake_packages.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "mocks.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -25,18 +23,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::_;
-using testing::ElementsAre;
-using testing::NiceMock;
-using testing::Return;
-using testing::StartsWith;
-using testing::Throw;
 
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";

@@ -1,8 +1,7 @@
 #include "dataupdate/service_config.h"
-#include "expect_error.h"
+#include "library_test.h"
 #include "mocks.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <memory>
 #include <stdexcept>
@@ -10,14 +9,6 @@
 
 namespace tarn::dataupdate {
 namespace {
-
-using test::MessageOf;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::NiceMock;
-using testing::Return;
-using testing::StrictMock;
-using testing::Throw;
 
 constexpr char kServiceDefaults[] = "/usr/share/data_update/data_update.conf";
 constexpr char kServiceOverride[] = "/usr/tarn/etc/data_update/data_update.conf";

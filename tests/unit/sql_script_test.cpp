@@ -1,7 +1,6 @@
 #include "dataupdate/internal/sql_script.h"
-#include "expect_error.h"
 #include "fake_system.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
@@ -18,12 +17,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::StartsWith;
 
 class SqlScriptTest : public testing::Test {
 protected:

@@ -1,12 +1,10 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/strategy.h"
-#include "expect_error.h"
 #include "fake_packages.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <json/value.h>
@@ -28,19 +26,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::EntriesBelow;
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
@@ -194,22 +179,46 @@ TEST_F(DiffStrategyTest, StopsAtTheFirstPackageThatFails) {
 	EXPECT_FALSE(fs::exists(Area()));
 }
 
-TEST_F(DiffStrategyTest, PassesOnPackageErrors) {
-	remote_ = 6;
+/** A chain of one package that fails in one way: nothing stays open, and the installed files stay as they are. */
+class DiffPackageFailureTest : public DiffStrategyTest {
+protected:
+	DiffPackageFailureTest() { remote_ = 6; }
+
+	void TearDown() override {
+		EXPECT_EQ(platform_.open_archives, 0);
+		EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "other"));
+		DiffStrategyTest::TearDown();
+	}
+};
+
+TEST_F(DiffPackageFailureTest, NamesTheFileThatTheDecoderCannotPatch) {
 	packages_.decode = [](const std::string&, unsigned int, const auto&) { return 1; };
 	EXPECT_EQ(PrepareFailure(), "Fail to apply vcdiff on " + Temp("sum/f"));
+}
+
+TEST_F(DiffPackageFailureTest, NamesTheDescriptionThatIsMissing) {
 	packages_.by_link["http://h/6"].erase("patch_infos.json");
 	EXPECT_EQ(PrepareFailure(), "File not exist: " + Temp("delta_6/patch_infos.json"));
+}
+
+TEST_F(DiffPackageFailureTest, NamesThePackageThatCannotBeUnpacked) {
 	platform_.archive_extract_works = false;
 	EXPECT_EQ(PrepareFailure(), "tarnarchive_extract " + Temp("d6") + " failed, ret: 0");
+}
+
+TEST_F(DiffPackageFailureTest, NamesThePackageThatIsNotTrusted) {
 	platform_.archive_open_works = false;
 	EXPECT_EQ(PrepareFailure(), "tarnarchive_open " + Temp("d6") + " failed, ret: 0");
+}
+
+TEST_F(DiffPackageFailureTest, SaysThatUnpackingCannotBegin) {
 	platform_.archive_init_works = false;
 	EXPECT_EQ(PrepareFailure(), "Failed to extract package at tarnarchive_init");
+}
+
+TEST_F(DiffPackageFailureTest, NamesTheDirectoryThatCannotBeMade) {
 	platform_.mkdir_works = false;
 	EXPECT_EQ(PrepareFailure(), "Fail to create dir " + Temp("sum"));
-	EXPECT_EQ(platform_.open_archives, 0);
-	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("f", "other"));
 }
 
 TEST_F(DiffStrategyTest, WritesNothingForANameThatLeadsOut) {
@@ -295,17 +304,23 @@ TEST_F(DiffStrategyTest, NeverFollowsALinkThatLiesInItsDirectorysPlace) {
 	EXPECT_THAT(EntriesBelow(directory_ / "theirs"), IsEmpty());
 }
 
+TEST_F(DiffStrategyTest, TakesNoLockToPrepare) {
+	Prepared();
+	EXPECT_FALSE(fs::exists(kUsingLock));
+}
+
+TEST_F(DiffStrategyTest, WaitsTenMinutesForReadersAndThenChangesNothing) {
+	DiffStrategy& strategy = Prepared();
+	const FileLock reader(kUsingLock, 0);
+	EXPECT_EQ(
+	    MessageOf([&] { strategy.ApplyUpdate(); }), std::string("Fail to diff update: Fail to lock ") + kUsingLock);
+	EXPECT_EQ(system_.polls, 6000);
+	EXPECT_FALSE(fs::exists(kMark));
+	EXPECT_EQ(ReadFile(Installed("f")), "5");
+}
+
 TEST_F(DiffStrategyTest, HoldsReadersOffWhileItReplaces) {
 	DiffStrategy& strategy = Prepared();
-	EXPECT_FALSE(fs::exists(kUsingLock)); // Preparing takes no lock.
-	{
-		const FileLock reader(kUsingLock, 0);
-		EXPECT_EQ(
-		    MessageOf([&] { strategy.ApplyUpdate(); }), std::string("Fail to diff update: Fail to lock ") + kUsingLock);
-		EXPECT_EQ(system_.polls, 6000); // 600 seconds.
-		EXPECT_FALSE(fs::exists(kMark));
-		EXPECT_EQ(ReadFile(Installed("f")), "5");
-	}
 	bool changed = false;
 	system_.on_call = [&](const std::string& call) {
 		if (call == "linkat") {
@@ -316,7 +331,11 @@ TEST_F(DiffStrategyTest, HoldsReadersOffWhileItReplaces) {
 	strategy.ApplyUpdate();
 	EXPECT_TRUE(changed);
 	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
-	EXPECT_FALSE(fs::exists(fs::path(kMark).parent_path())); // Nobody asked for a file there.
+}
+
+TEST_F(DiffStrategyTest, SetsNoMarkThatNobodyAskedFor) {
+	Prepared().ApplyUpdate();
+	EXPECT_FALSE(fs::exists(fs::path(kMark).parent_path()));
 }
 
 TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFiles) {
@@ -326,10 +345,20 @@ TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	    AllOf(StartsWith("Fail to diff update: "), HasSubstr("No space left on device")));
 	EXPECT_FALSE(fs::exists(kMark));
 	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
+}
+
+TEST_F(DiffStrategyTest, SaysThatANewFileWasLost) {
+	DiffStrategy& strategy = Prepared();
 	fs::remove(Temp("sum/f"));
-	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: "));
+	EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }), "Fail to diff update: Not a regular file: " + Temp("sum/f"));
+}
+
+TEST_F(DiffStrategyTest, SaysWhatTookTheFilesPlaceMeanwhile) {
+	DiffStrategy& strategy = Prepared();
+	fs::remove(Installed("f"));
 	WriteFile(Installed("f/in/the/way"), "");
-	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }), StartsWith("Fail to diff update: "));
+	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }),
+	    AllOf(StartsWith("Fail to diff update: "), HasSubstr(Installed("f"))));
 }
 
 TEST_F(DiffStrategyTest, LooksAtNoMarkAndTouchesNone) {

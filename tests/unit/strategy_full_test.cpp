@@ -1,12 +1,10 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/project_lock.h"
 #include "dataupdate/strategy.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -24,19 +22,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::EntriesBelow;
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";

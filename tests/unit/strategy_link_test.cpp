@@ -1,11 +1,9 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/strategy.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 
@@ -21,15 +19,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";

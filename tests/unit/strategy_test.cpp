@@ -1,9 +1,7 @@
 #include "dataupdate/strategy.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 
@@ -17,12 +15,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::MessageOf;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr char kOfNothing[] =
     "38b060a751ac96384cd9327eb1b1e36a21fdb71114be07434c0cc7bf63f6e1da274edebfe76f65fbd51ad2f14898b95b";

@@ -1,12 +1,10 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/update.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "mocks.h"
 #include "private_root.h"
-#include "temporary_directory.h"
 
 #include <syslog.h>
 
@@ -22,21 +20,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::ErrorOf;
-using test::Line;
-using test::LinesOf;
-using test::MessageOf;
-using test::WriteFile;
-using testing::_;
-using testing::ElementsAre;
-using testing::InSequence;
-using testing::IsEmpty;
-using testing::NiceMock;
-using testing::Return;
-using testing::StartsWith;
-using testing::StrictMock;
-using testing::Throw;
 
 constexpr char kAnyLock[] = "/run/data_update/update_any.lock";
 constexpr char kLock[] = "/run/data_update/update_geo.lock";

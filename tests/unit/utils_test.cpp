@@ -1,9 +1,7 @@
 #include "dataupdate/utils.h"
-#include "expect_error.h"
 #include "fake_platform.h"
 #include "fake_system.h"
-#include "log_lines.h"
-#include "temporary_directory.h"
+#include "library_test.h"
 
 #include <gmock/gmock.h>
 
@@ -21,13 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using test::ErrorOf;
-using test::Line;
-using test::MessageOf;
-using test::ReadFile;
-using test::WriteFile;
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::Pair;
 
 // No component of a path may be longer than 255 bytes, so every operation on it fails.

@@ -1,9 +1,7 @@
 #include "dataupdate/volume_handler.h"
-#include "expect_error.h"
 #include "fake_platform.h"
-#include "log_lines.h"
+#include "library_test.h"
 #include "mocks.h"
-#include "temporary_directory.h"
 
 #include <syslog.h>
 
@@ -18,18 +16,6 @@ namespace tarn::dataupdate {
 namespace {
 
 namespace fs = std::filesystem;
-
-using test::Line;
-using test::MessageOf;
-using test::WriteFile;
-using testing::_;
-using testing::ElementsAre;
-using testing::InSequence;
-using testing::IsEmpty;
-using testing::NiceMock;
-using testing::Return;
-using testing::StartsWith;
-using testing::Throw;
 
 constexpr char kSource[] = "volume_handler.cpp";
 constexpr char kOverflow[] = "Overflow detection, this may be caused by invalid configurations.";
@@ -121,14 +107,14 @@ TEST_F(VolumeHandlerTest, RefusesReservesThatOverflow) {
 	const TARNMountVolInfo record = AddVolume("v");
 	Reserve(static_cast<unsigned long>(std::numeric_limits<long>::max()));
 	try {
-		handler_.IsSuitable(&record, -1);
+		static_cast<void>(handler_.IsSuitable(&record, -1));
 		FAIL() << "nothing was thrown";
 	} catch (const std::runtime_error& error) {
 		EXPECT_STREQ(error.what(), kOverflow);
 	}
 	platform_.volumes_work = false;
-	EXPECT_THROW(handler_.FindSuitableVolume(""), std::runtime_error); // Before it asks for volumes.
-	EXPECT_TRUE(handler_.IsSuitable(&record, 0));                      // Not asked for.
+	EXPECT_THROW(static_cast<void>(handler_.FindSuitableVolume("")), std::runtime_error); // Before it asks for volumes.
+	EXPECT_TRUE(handler_.IsSuitable(&record, 0));                                         // Not asked for.
 }
 
 TEST_F(VolumeHandlerTest, FindsTheFirstFitVolumeInTheirOrder) {
@@ -142,14 +128,15 @@ TEST_F(VolumeHandlerTest, FindsTheFirstFitVolumeInTheirOrder) {
 
 TEST_F(VolumeHandlerTest, NeverFindsTheExcludedVolume) {
 	AddVolume("only");
-	EXPECT_EQ(MessageOf([&] { handler_.FindSuitableVolume(directory_ / "only"); }), "Cannot find suitable volume.");
+	EXPECT_EQ(
+	    MessageOf([&] { return handler_.FindSuitableVolume(directory_ / "only"); }), "Cannot find suitable volume.");
 	EXPECT_EQ(handler_.FindSuitableVolume(directory_ / "onl"), directory_ / "only");
 }
 
 TEST_F(VolumeHandlerTest, SaysThatVolumesCannotBeListed) {
 	platform_.volumes_work = false;
 	platform_.error_code = 0xBEEF;
-	EXPECT_EQ(MessageOf([&] { handler_.FindSuitableVolume(""); }), "Failed to enum all volumes: beef");
+	EXPECT_EQ(MessageOf([&] { return handler_.FindSuitableVolume(""); }), "Failed to enum all volumes: beef");
 }
 
 TEST_F(VolumeHandlerTest, AdoptsAVolumeAtTheStart) {
