@@ -76,7 +76,7 @@ std::chrono::steady_clock::time_point FakeNow() __asm__("__wrap__ZNSt6chrono3_V2
 
 std::chrono::steady_clock::time_point FakeNow() {
 	const auto now = RealNow();
-	return current == nullptr ? now : now + current->ahead;
+	return current == nullptr ? now : now + current->Ahead();
 }
 
 extern "C" {
@@ -86,9 +86,10 @@ int __real_syncfs(int fd);
 int __real_fsync(int fd);
 DIR* __real_opendir(const char* path);
 dirent* __real_readdir(DIR* directory);
-ssize_t __real_read(int fd, void* buffer, size_t size);
-ssize_t __real_write(int fd, const void* data, size_t size);
-ssize_t __real_copy_file_range(int from, off64_t* from_at, int to, off64_t* to_at, size_t size, unsigned int flags);
+ssize_t __real_read(int fd, void* buffer, std::size_t size);
+ssize_t __real_write(int fd, const void* data, std::size_t size);
+ssize_t __real_copy_file_range(
+    int from, off64_t* from_at, int to, off64_t* to_at, std::size_t size, unsigned int flags);
 int __real_fchmod(int fd, mode_t mode);
 int __real_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags);
 int __real_usleep(useconds_t microseconds);
@@ -118,15 +119,16 @@ dirent* __wrap_readdir(DIR* directory) {
 	return entry;
 }
 
-ssize_t __wrap_read(int fd, void* buffer, size_t size) {
+ssize_t __wrap_read(int fd, void* buffer, std::size_t size) {
 	return Fails("read") ? -1 : __real_read(fd, buffer, size);
 }
 
-ssize_t __wrap_write(int fd, const void* data, size_t size) {
+ssize_t __wrap_write(int fd, const void* data, std::size_t size) {
 	return Fails("write") ? -1 : __real_write(fd, data, size);
 }
 
-ssize_t __wrap_copy_file_range(int from, off64_t* from_at, int to, off64_t* to_at, size_t size, unsigned int flags) {
+ssize_t __wrap_copy_file_range(
+    int from, off64_t* from_at, int to, off64_t* to_at, std::size_t size, unsigned int flags) {
 	return Fails("copy_file_range") ? -1 : __real_copy_file_range(from, from_at, to, to_at, size, flags);
 }
 
@@ -142,7 +144,7 @@ int __wrap_usleep(useconds_t microseconds) {
 	if (current == nullptr) {
 		return __real_usleep(microseconds);
 	}
-	current->ahead += std::chrono::microseconds(microseconds);
+	current->Advance(std::chrono::microseconds(microseconds));
 	++current->polls;
 	if (current->on_poll) {
 		current->on_poll(current->polls);

@@ -1,7 +1,8 @@
 /** @file System calls of the tested code that a test lets fail, and a clock that it sets. */
-#ifndef TARN_TESTS_FAKE_SYSTEM_H
-#define TARN_TESTS_FAKE_SYSTEM_H
+#ifndef TESTS_UNIT_FAKE_SYSTEM_H
+#define TESTS_UNIT_FAKE_SYSTEM_H
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -38,8 +39,10 @@ public:
 	int polls = 0;
 	/** Called at each such sleep with its number, from 1. */
 	std::function<void(int)> on_poll;
-	/** How far the library's monotonic clock is ahead of the real one. */
-	std::chrono::microseconds ahead{0};
+	/** Moves the library's monotonic clock on; any thread may. */
+	void Advance(std::chrono::microseconds by) { ahead_ += by.count(); }
+	/** How far that clock is ahead of the real one. */
+	std::chrono::microseconds Ahead() const { return std::chrono::microseconds(ahead_); }
 	/** What time() tells, in seconds. */
 	std::optional<long> seconds;
 	/** Bytes available and capacity of every file system. */
@@ -57,6 +60,7 @@ private:
 		int after = 0;
 	};
 	std::map<std::string, Fault> faults_;
+	std::atomic<std::chrono::microseconds::rep> ahead_ = 0;
 };
 
 } // namespace tarn::test

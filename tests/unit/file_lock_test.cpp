@@ -75,7 +75,7 @@ TEST_F(FileLockTest, TriesEvery100MillisecondsUntilTheTimeIsUp) {
 	const FileLock holder(Path(), 0);
 	EXPECT_EQ(Failure(1), "Fail to lock " + Path());
 	EXPECT_EQ(system_.polls, 10);
-	EXPECT_EQ(system_.ahead, std::chrono::seconds(1));
+	EXPECT_EQ(system_.Ahead(), std::chrono::seconds(1));
 }
 
 TEST_F(FileLockTest, WaitsForEverWhenAskedFor) {

@@ -18,15 +18,16 @@ long LiveObjects() {
 
 } // namespace tarn::test
 
-// Takes the standard operators' place, that for the libraries which cannot bear exceptions included.
+// Takes the standard operators' place, that for the libraries which cannot bear exceptions included. Weak, because
+// ThreadSanitizer brings its own, and nothing is counted there.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
-void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+__attribute__((weak)) void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
 	void* const memory = std::malloc(size == 0 ? 1 : size);
 	live_objects += memory == nullptr ? 0 : 1;
 	return memory;
 }
 
-void* operator new(size_t size) {
+__attribute__((weak)) void* operator new(std::size_t size) {
 	void* const memory = operator new(size, std::nothrow);
 	if (memory == nullptr) {
 		throw std::bad_alloc();
@@ -34,12 +35,12 @@ void* operator new(size_t size) {
 	return memory;
 }
 
-void operator delete(void* memory) noexcept {
+__attribute__((weak)) void operator delete(void* memory) noexcept {
 	live_objects -= memory == nullptr ? 0 : 1;
 	std::free(memory);
 }
 
-void operator delete(void* memory, size_t /*size*/) noexcept {
+__attribute__((weak)) void operator delete(void* memory, std::size_t /*size*/) noexcept {
 	operator delete(memory);
 }
 // NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)

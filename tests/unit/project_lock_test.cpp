@@ -99,7 +99,7 @@ TEST_F(ProjectLockTest, CountsTheTimeThatReadingTheConfigurationTakes) {
 	ASSERT_EQ(mkfifo(kDatabases, 0600), 0);
 	std::thread slow_disk([this] {
 		std::ofstream pipe(kDatabases); // Returns once the configuration is being read.
-		system_.ahead += std::chrono::seconds(5);
+		system_.Advance(std::chrono::seconds(5));
 		pipe << R"({"geo": {}})";
 	});
 	EXPECT_EQ(TARNDBUDGetFileLock("geo", 5), -1);
