@@ -6,6 +6,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_download_test.cpp
 	tarndbudctl_failure_test.cpp
 	tarndbudctl_files_test.cpp
+	tarndbudctl_messages_test.cpp
 	tarndbudctl_metrics_test.cpp
 	tarndbudctl_package_test.cpp
 	tarndbudctl_progress_test.cpp
@@ -22,3 +23,6 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_volume_test.cpp
 	private_root.cpp
 	LIBRARIES tarndbudctl_objects tarn_base)
+# The rows about failures are compared with what the program makes of them.
+set_property(SOURCE tarndbudctl_messages_test.cpp PROPERTY COMPILE_DEFINITIONS
+	TARN_MESSAGES="${PROJECT_SOURCE_DIR}/docs/messages.md")
