@@ -38,7 +38,7 @@ public:
 		}
 	}
 
-	[[nodiscard]] double Spent(size_t phase) const { return spent_.at(phase).count(); }
+	[[nodiscard]] double Spent(std::size_t phase) const { return spent_.at(phase).count(); }
 
 private:
 	void Run() {
@@ -46,7 +46,7 @@ private:
 		while (!stop_) {
 			std::this_thread::sleep_for(std::chrono::microseconds(100));
 			const auto now = Clock::now();
-			spent_.at(static_cast<size_t>(tarn::dataupdate::CurrentActivity().phase)) += now - last;
+			spent_.at(static_cast<std::size_t>(tarn::dataupdate::CurrentActivity().phase)) += now - last;
 			last = now;
 		}
 	}
@@ -67,7 +67,7 @@ Json::Value Measure(char** arguments) {
 	Json::Value result;
 	result["files"] = static_cast<Json::UInt64>(status.file_statuses.size());
 	result["total"] = total.count();
-	for (size_t phase = 0; phase < kNames.size(); ++phase) {
+	for (std::size_t phase = 0; phase < kNames.size(); ++phase) {
 		result[kNames.at(phase)] = sampler.Spent(phase);
 	}
 	return result;

@@ -1,5 +1,6 @@
-#ifndef TARN_TESTS_VCDIFF_FUZZ_H
-#define TARN_TESTS_VCDIFF_FUZZ_H
+/** @file The entry that a fuzz engine calls, and that a unit test feeds the kept corpus. */
+#ifndef TESTS_FUZZ_VCDIFF_FUZZ_H
+#define TESTS_FUZZ_VCDIFF_FUZZ_H
 
 #include <cstddef>
 #include <cstdint>

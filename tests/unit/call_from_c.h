@@ -1,6 +1,6 @@
 /** @file The library's C functions, called by a program in C. */
-#ifndef TARN_TESTS_CALL_FROM_C_H
-#define TARN_TESTS_CALL_FROM_C_H
+#ifndef TESTS_UNIT_CALL_FROM_C_H
+#define TESTS_UNIT_CALL_FROM_C_H
 
 #ifdef __cplusplus
 extern "C" {

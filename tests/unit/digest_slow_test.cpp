@@ -16,7 +16,7 @@ using testing::Pair;
 
 struct SparseFile {
 	const char* name;
-	uintmax_t bytes;
+	std::uintmax_t bytes;
 	const char* digest; // As "openssl dgst -sha384" tells it.
 };
 
@@ -24,7 +24,7 @@ void PrintTo(const SparseFile& file, std::ostream* out) {
 	*out << file.bytes << " bytes";
 }
 
-constexpr uintmax_t kFourGiB = 4ULL << 30U;
+constexpr std::uintmax_t kFourGiB = 4ULL << 30U;
 
 class LargeFileTest : public testing::TestWithParam<SparseFile> {};
 

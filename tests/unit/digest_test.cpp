@@ -77,7 +77,7 @@ protected:
 };
 
 TEST_F(FileSha384Test, IsRightAtTheEdgesOfABlock) {
-	for (const size_t size : {0U, 1U, 262143U, 262144U, 262145U, 1000000U}) {
+	for (const std::size_t size : {0U, 1U, 262143U, 262144U, 262145U, 1000000U}) {
 		const std::string content(size, 'a');
 		WriteFile(directory_ / "f", content);
 		EXPECT_EQ(FileSha384(directory_ / "f"), DigestOf(content)) << size;
@@ -141,7 +141,7 @@ TEST_F(FileSha384Test, OpensForReadingAndWriting) {
 TEST_F(FileSha384Test, CountsItsProgress) {
 	WriteFile(directory_ / "f", std::string(1000, 'a'));
 	const ActivityScope outer(Phase::kApply, "outer");
-	const uint64_t serial = CurrentActivity().serial;
+	const std::uint64_t serial = CurrentActivity().serial;
 	DigestStream stream(directory_ / "f");
 	GetSha384(stream);
 	EXPECT_EQ(CurrentActivity().bytes, 1000U);

@@ -123,7 +123,7 @@ TEST_F(IterateDirectoryTest, PassesOnTheSystemsTextAlone) {
 TEST_F(IterateDirectoryTest, ClosesTheDirectoryWhenTheCallbackThrows) {
 	WriteFile(directory_ / "t/f", "");
 	const auto descriptors = [&] { return Walk(io_, "/proc/self/fd", false).size(); };
-	const size_t before = descriptors();
+	const std::size_t before = descriptors();
 	const auto fail = [](const std::string&) { throw std::runtime_error("stop"); };
 	EXPECT_THROW(io_.IterateDirectory(directory_ / "t", fail, true), std::runtime_error);
 	EXPECT_EQ(descriptors(), before);
@@ -134,7 +134,7 @@ TEST_F(IterateDirectoryTest, WalksDeeperThanThereAreDescriptors) {
 	const FewDescriptors few;
 	const std::vector<std::string> paths = Walk(io_, directory_ / "t", true);
 	ASSERT_THAT(paths, testing::SizeIs(2200));
-	std::vector<size_t> lengths; // of the directories: each comes after the one in it
+	std::vector<std::size_t> lengths; // of the directories: each comes after the one in it
 	for (const std::string& path : paths) {
 		if (path.back() == 'd') {
 			lengths.push_back(path.size());

@@ -1,6 +1,6 @@
 /** @file What a failing operation throws. */
-#ifndef TARN_TESTS_EXPECT_ERROR_H
-#define TARN_TESTS_EXPECT_ERROR_H
+#ifndef TESTS_UNIT_EXPECT_ERROR_H
+#define TESTS_UNIT_EXPECT_ERROR_H
 
 #include "dataupdate/update_error.h"
 

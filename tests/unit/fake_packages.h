@@ -1,6 +1,6 @@
 /** @file Packages that a test's server offers, and a decoder of patches. */
-#ifndef TARN_TESTS_FAKE_PACKAGES_H
-#define TARN_TESTS_FAKE_PACKAGES_H
+#ifndef TESTS_UNIT_FAKE_PACKAGES_H
+#define TESTS_UNIT_FAKE_PACKAGES_H
 
 #include "fake_platform.h"
 #include "temporary_directory.h"

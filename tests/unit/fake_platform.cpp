@@ -61,7 +61,7 @@ FakePlatform& FakePlatform::Current() {
 	return *current;
 }
 
-TARNMountVolInfo& FakePlatform::AddVolume(const std::string& mount_path, uint64_t free_bytes) {
+TARNMountVolInfo& FakePlatform::AddVolume(const std::string& mount_path, std::uint64_t free_bytes) {
 	TARNMountVolInfo record{};
 	mount_path.copy(static_cast<char*>(record.mount_path), sizeof(record.mount_path) - 1);
 	record.flags = TARN_VOLUME_FLAG_DATA;
@@ -73,8 +73,8 @@ TARNMountVolInfo& FakePlatform::AddVolume(const std::string& mount_path, uint64_
 	return volumes.back();
 }
 
-size_t FakePlatform::CountEvents(const std::string& beginning) const {
-	return static_cast<size_t>(std::count_if(events.begin(), events.end(),
+std::size_t FakePlatform::CountEvents(const std::string& beginning) const {
+	return static_cast<std::size_t>(std::count_if(events.begin(), events.end(),
 	    [&](const std::string& event) { return event.compare(0, beginning.size(), beginning) == 0; }));
 }
 
@@ -130,7 +130,7 @@ int TARNFSMkdirP(const char* path, mode_t mode, unsigned int flags, uid_t uid, g
 	return error ? 0 : 1;
 }
 
-int TLIBHostinfoUserAgentGet(const char* category, char* buffer, size_t size) {
+int TLIBHostinfoUserAgentGet(const char* category, char* buffer, std::size_t size) {
 	FakePlatform& platform = FakePlatform::Current();
 	platform.events.push_back(std::string("user agent ") + category + " " + std::to_string(size));
 	std::strncpy(buffer, platform.user_agent.c_str(), size);

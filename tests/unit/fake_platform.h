@@ -1,6 +1,6 @@
 /** @file The platform's C functions, replaced at link time by ones that a test programs. */
-#ifndef TARN_TESTS_FAKE_PLATFORM_H
-#define TARN_TESTS_FAKE_PLATFORM_H
+#ifndef TESTS_UNIT_FAKE_PLATFORM_H
+#define TESTS_UNIT_FAKE_PLATFORM_H
 
 #include <tarncodesign/tarncodesign.h>
 #include <tarncrypto/tarncrypto.h>
@@ -83,9 +83,9 @@ public:
 	int open_hardware_ids = 0;
 
 	/** Adds a volume that is fit in every respect. */
-	TARNMountVolInfo& AddVolume(const std::string& mount_path, uint64_t free_bytes);
+	TARNMountVolInfo& AddVolume(const std::string& mount_path, std::uint64_t free_bytes);
 	/** How many events begin with the text. */
-	size_t CountEvents(const std::string& beginning) const;
+	std::size_t CountEvents(const std::string& beginning) const;
 };
 
 } // namespace tarn::test

@@ -27,10 +27,10 @@ namespace {
 
 /** Which slot of its class's virtual table an operation has, as the C++ interface of this system lays it down. */
 template<typename Operation>
-size_t Slot(Operation operation) {
+std::size_t Slot(Operation operation) {
 	struct {
-		uintptr_t pointer;
-		uintptr_t adjustment;
+		std::uintptr_t pointer;
+		std::uintptr_t adjustment;
 	} parts{};
 	static_assert(sizeof(operation) == sizeof(parts));
 	std::memcpy(&parts, &operation, sizeof(parts));
@@ -41,7 +41,7 @@ size_t Slot(Operation operation) {
 }
 
 template<typename... Operations>
-std::vector<size_t> Slots(Operations... operations) {
+std::vector<std::size_t> Slots(Operations... operations) {
 	return {Slot(operations)...};
 }
 
@@ -164,7 +164,7 @@ struct Symbol {
 
 std::string Shortened(std::string name) {
 	const std::string text = "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >";
-	for (size_t at = name.find(text); at != std::string::npos; at = name.find(text, at)) {
+	for (std::size_t at = name.find(text); at != std::string::npos; at = name.find(text, at)) {
 		name.replace(at, text.size(), "std::string");
 	}
 	return name;

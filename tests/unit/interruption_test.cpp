@@ -123,7 +123,7 @@ TEST_F(InterruptionTest, IsNotSeenWhileAShieldIsUp) {
 }
 
 TEST_F(InterruptionTest, CountsTheBytesOfWholeDownloadsOnly) {
-	const uint64_t before = DownloadedBytes();
+	const std::uint64_t before = DownloadedBytes();
 	platform_.download_content = "12345";
 	IOUtils().Download(directory_ / "file", "http://h/p");
 	EXPECT_EQ(DownloadedBytes() - before, 5U);

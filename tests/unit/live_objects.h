@@ -1,6 +1,6 @@
 /** @file What a test program has allocated. */
-#ifndef TARN_TESTS_LIVE_OBJECTS_H
-#define TARN_TESTS_LIVE_OBJECTS_H
+#ifndef TESTS_UNIT_LIVE_OBJECTS_H
+#define TESTS_UNIT_LIVE_OBJECTS_H
 
 namespace tarn::test {
 

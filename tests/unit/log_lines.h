@@ -1,6 +1,6 @@
 /** @file Syslog lines taken apart, for comparison. */
-#ifndef TARN_TESTS_LOG_LINES_H
-#define TARN_TESTS_LOG_LINES_H
+#ifndef TESTS_UNIT_LOG_LINES_H
+#define TESTS_UNIT_LOG_LINES_H
 
 #include "syslog_capture.h"
 
@@ -28,8 +28,8 @@ inline std::ostream& operator<<(std::ostream& out, const Line& line) {
 }
 
 inline Line TakeApart(const LogLine& line) {
-	const size_t colon = line.text.find(':');
-	const size_t blank = line.text.find(' ');
+	const std::size_t colon = line.text.find(':');
+	const std::size_t blank = line.text.find(' ');
 	if (colon == std::string::npos || blank == std::string::npos || colon + 1 >= blank) {
 		return {line.priority, "", line.text};
 	}

@@ -1,6 +1,6 @@
 /** @file Doubles of the library's classes. */
-#ifndef TARN_TESTS_MOCKS_H
-#define TARN_TESTS_MOCKS_H
+#ifndef TESTS_UNIT_MOCKS_H
+#define TESTS_UNIT_MOCKS_H
 
 #include "dataupdate/service_config.h"
 #include "dataupdate/update.h"
@@ -20,9 +20,9 @@ namespace tarn::test {
 
 class MockIOUtils : public dataupdate::IOUtils {
 public:
-	using Sizes = std::pair<uintmax_t, uintmax_t>;
+	using Sizes = std::pair<std::uintmax_t, std::uintmax_t>;
 	using Callback = std::function<void(const std::string&)>;
-	MOCK_METHOD(uintmax_t, GetSize, (const std::string&), (const, override));
+	MOCK_METHOD(std::uintmax_t, GetSize, (const std::string&), (const, override));
 	MOCK_METHOD(Sizes, GetFsSize, (const std::string&), (const, override));
 	MOCK_METHOD(Json::Value, ReadJson, (const std::string&), (const, override));
 	MOCK_METHOD(void, WriteJson, (const std::string&, const Json::Value&), (const, override));

@@ -1,6 +1,6 @@
 /** @file What this process has open. */
-#ifndef TARN_TESTS_OPEN_DESCRIPTORS_H
-#define TARN_TESTS_OPEN_DESCRIPTORS_H
+#ifndef TESTS_UNIT_OPEN_DESCRIPTORS_H
+#define TESTS_UNIT_OPEN_DESCRIPTORS_H
 
 #include <filesystem>
 #include <string>

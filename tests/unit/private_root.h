@@ -1,6 +1,6 @@
 /** @file The library's fixed absolute paths, for tests, without touching the machine's own. */
-#ifndef TARN_TESTS_PRIVATE_ROOT_H
-#define TARN_TESTS_PRIVATE_ROOT_H
+#ifndef TESTS_UNIT_PRIVATE_ROOT_H
+#define TESTS_UNIT_PRIVATE_ROOT_H
 
 #include <gtest/gtest.h>
 

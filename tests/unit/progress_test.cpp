@@ -28,7 +28,7 @@ TEST(ProgressTest, ShowsTheInnermostActivityAndReturnsToTheOuterOne) {
 }
 
 TEST(ProgressTest, CountsEveryBeginningAndEnd) {
-	const uint64_t serial = CurrentActivity().serial;
+	const std::uint64_t serial = CurrentActivity().serial;
 	{
 		const ActivityScope activity(Phase::kDownload, "");
 		EXPECT_EQ(CurrentActivity().serial, serial + 1);

@@ -167,7 +167,7 @@ TEST_F(FullStrategyTest, AsksForItsDeltaThroughTheVirtualOperation) {
 	class Huge : public FullStrategy {
 	public:
 		using FullStrategy::FullStrategy;
-		int64_t GetDeltaSize() const override { return -1000; }
+		std::int64_t GetDeltaSize() const override { return -1000; }
 	};
 	system_.space = {1000, 1000};
 	Huge strategy("geo", RemoteInfo(12, 5, false, "l"), directory_ / "volume", Installed(""), directory_ / "");

@@ -72,7 +72,7 @@ TEST_F(StrategyTest, WantsMoreThanAFreeTwentieth) {
 	EXPECT_FALSE(strategy_._IsSpaceEnough(directory_ / "", 0)); // Exactly 5 %.
 	EXPECT_TRUE(strategy_._IsSpaceEnough(directory_ / "", 1));
 	system_.space = {6 * kGiga, 100 * kGiga};
-	EXPECT_FALSE(strategy_._IsSpaceEnough(directory_ / "", -2 * static_cast<int64_t>(kGiga)));
+	EXPECT_FALSE(strategy_._IsSpaceEnough(directory_ / "", -2 * static_cast<std::int64_t>(kGiga)));
 }
 
 TEST_F(StrategyTest, DividesByACapacityOfNothing) {

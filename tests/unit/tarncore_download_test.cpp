@@ -32,17 +32,17 @@ using test::WriteFile;
 using testing::HasSubstr;
 using testing::Optional;
 
-constexpr uint64_t kMib = 1UL << 20U;
+constexpr std::uint64_t kMib = 1UL << 20U;
 constexpr Space kRoomy = {1000 * kMib, 1000 * kMib};
 
 /** A guard on a clock that the test moves. */
 class GuardTest : public testing::Test {
 protected:
-	DownloadGuard Make(const std::optional<Space>& space = kRoomy, uint64_t size = 0) const {
+	DownloadGuard Make(const std::optional<Space>& space = kRoomy, std::uint64_t size = 0) const {
 		return DownloadGuard(settings_, limits_, space, size, begin_);
 	}
 
-	bool Look(DownloadGuard& guard, uint64_t size, int second, const Space& space = kRoomy) const {
+	bool Look(DownloadGuard& guard, std::uint64_t size, int second, const Space& space = kRoomy) const {
 		return guard.MayGoOn(size, space, begin_ + seconds(second));
 	}
 

@@ -55,13 +55,13 @@ std::vector<std::string> Split(const std::string& text, char separator) {
 }
 
 /** The value of a line "name: value" of /proc/PID/status, as a number. */
-uint64_t StatusMask(const std::string& status, const std::string& name) {
-	const size_t at = status.find(name + ":");
+std::uint64_t StatusMask(const std::string& status, const std::string& name) {
+	const std::size_t at = status.find(name + ":");
 	return std::stoull(status.substr(at + name.size() + 1), nullptr, 16);
 }
 
-uint64_t Bit(int signal_number) {
-	return uint64_t{1} << static_cast<unsigned int>(signal_number - 1);
+std::uint64_t Bit(int signal_number) {
+	return std::uint64_t{1} << static_cast<unsigned int>(signal_number - 1);
 }
 
 /** Sets an environment variable for as long as it lives. */

@@ -1,6 +1,6 @@
 /** @file What the administrator's program runs on in its tests. */
-#ifndef TARN_TESTS_TARNDBUDCTL_DOUBLES_H
-#define TARN_TESTS_TARNDBUDCTL_DOUBLES_H
+#ifndef TESTS_UNIT_TARNDBUDCTL_DOUBLES_H
+#define TESTS_UNIT_TARNDBUDCTL_DOUBLES_H
 
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"

@@ -97,7 +97,7 @@ TEST_F(InstalledFilesTest, IsNoneWhenItCannotBeUnderstood) {
 	EXPECT_FALSE(ReadInstalledFiles("geo"));
 	WriteInstalledFiles("geo", Install({"a", "b"}));
 	const std::string whole = ReadFile(InstalledFilesPath("geo"));
-	for (size_t length = 0; length + 2 < whole.size(); ++length) {
+	for (std::size_t length = 0; length + 2 < whole.size(); ++length) {
 		WriteFile(InstalledFilesPath("geo"), whole.substr(0, length));
 		EXPECT_FALSE(ReadInstalledFiles("geo")) << length;
 	}

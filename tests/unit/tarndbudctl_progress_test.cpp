@@ -17,9 +17,9 @@ namespace {
 using dataupdate::Phase;
 using std::chrono::milliseconds;
 
-constexpr uint64_t kMegabyte = 1000000;
+constexpr std::uint64_t kMegabyte = 1000000;
 
-Sample At(int time_ms, Phase phase, uint64_t serial) {
+Sample At(int time_ms, Phase phase, std::uint64_t serial) {
 	Sample sample;
 	sample.activity.phase = phase;
 	sample.activity.serial = serial;
@@ -107,7 +107,7 @@ public:
 protected:
 	std::streamsize xsputn(const char* text, std::streamsize count) override {
 		const std::lock_guard<std::mutex> guard(mutex_);
-		text_.append(text, static_cast<size_t>(count));
+		text_.append(text, static_cast<std::size_t>(count));
 		return count;
 	}
 	int_type overflow(int_type character) override {

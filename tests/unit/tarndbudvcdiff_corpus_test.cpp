@@ -1,6 +1,6 @@
 // What the fuzz target has found worth keeping is decoded in every run.
-#include "../fuzz/vcdiff_fuzz.h"
 #include "temporary_directory.h"
+#include "vcdiff_fuzz.h"
 
 #include <gtest/gtest.h>
 

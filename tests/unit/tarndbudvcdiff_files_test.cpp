@@ -14,16 +14,12 @@
 #include <csignal>
 #include <cstdarg>
 
-namespace {
-
 /** What the system refuses, for a while. */
-struct Refusals {
+static struct {
 	int nameless = 0; ///< error of opening a file without a name
 	int link = 0;
 	int rename = 0;
 } refusals;
-
-} // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" int __real_open(const char* path, int flags, ...);

@@ -15,14 +15,10 @@
 #include <cerrno>
 #include <cstdarg>
 
-namespace {
-
-bool duplicates_fail = false;
-bool streams_fail = false;
+static bool duplicates_fail = false;
+static bool streams_fail = false;
 /** Closings of what was not open: the number may meanwhile be another thread's file. */
-int wrong_closings = 0;
-
-} // namespace
+static int wrong_closings = 0;
 
 // The linker sends the calls here. NOLINTBEGIN(readability-identifier-naming,bugprone-reserved-identifier)
 extern "C" {
@@ -72,8 +68,8 @@ protected:
 	}
 	~HookDescriptors() override { duplicates_fail = streams_fail = false; }
 
-	static size_t OpenDescriptors() {
-		size_t count = 0;
+	static std::size_t OpenDescriptors() {
+		std::size_t count = 0;
 		for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
 			++count;
 		}
@@ -86,7 +82,7 @@ protected:
 };
 
 TEST_F(HookDescriptors, AreClosedOnceWhenNoneCanBeDuplicated) {
-	const size_t before = OpenDescriptors();
+	const std::size_t before = OpenDescriptors();
 	duplicates_fail = true;
 	Find();
 	EXPECT_EQ(wrong_closings, 0);
@@ -94,7 +90,7 @@ TEST_F(HookDescriptors, AreClosedOnceWhenNoneCanBeDuplicated) {
 }
 
 TEST_F(HookDescriptors, AreClosedOnceWhenTheDirectoryCannotBeRead) {
-	const size_t before = OpenDescriptors();
+	const std::size_t before = OpenDescriptors();
 	streams_fail = true;
 	EXPECT_FALSE(Find().complete);
 	EXPECT_EQ(wrong_closings, 0);
@@ -103,7 +99,7 @@ TEST_F(HookDescriptors, AreClosedOnceWhenTheDirectoryCannotBeRead) {
 }
 
 TEST_F(HookDescriptors, AreClosedOnceWhenAllGoesWell) {
-	const size_t before = OpenDescriptors();
+	const std::size_t before = OpenDescriptors();
 	EXPECT_EQ(Find().paths.size(), 1U);
 	EXPECT_EQ(wrong_closings, 0);
 	EXPECT_EQ(OpenDescriptors(), before);

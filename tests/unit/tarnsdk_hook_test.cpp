@@ -229,7 +229,7 @@ TEST_F(Hooks, ListOfFiftyThousandFilesArrivesWhole) {
 }
 
 TEST_F(Hooks, LongestValueThatFitsIsAVariableAndOneByteMoreIsNot) {
-	const size_t room = size_t{128} * 1024 - std::string("KEY=").size() - 1;
+	const std::size_t room = std::size_t{128} * 1024 - std::string("KEY=").size() - 1;
 	Hook(own_, "10", "echo \"${#KEY} $TARN_HOOK_OMITTED\" > $out/length");
 	arguments_["KEY"] = std::string(room, 'x');
 	EXPECT_TRUE(Run());

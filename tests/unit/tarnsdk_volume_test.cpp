@@ -167,10 +167,10 @@ TEST_F(Volumes, RecordsAreMeasured) {
 	struct statvfs state = {};
 	ASSERT_EQ(statvfs(path.c_str(), &state), 0);
 	const TARNMountVolInfo& record = Record(path);
-	EXPECT_EQ(record.total_bytes, uint64_t{state.f_blocks} * state.f_frsize);
+	EXPECT_EQ(record.total_bytes, std::uint64_t{state.f_blocks} * state.f_frsize);
 	EXPECT_GT(record.free_bytes, 0U);
 	EXPECT_LE(record.free_bytes, record.total_bytes);
-	EXPECT_EQ(record.flags, static_cast<uint32_t>(TARN_VOLUME_FLAG_DATA));
+	EXPECT_EQ(record.flags, static_cast<std::uint32_t>(TARN_VOLUME_FLAG_DATA));
 	EXPECT_NE(record.healthy, 0U);
 	EXPECT_NE(record.writable, 0U);
 	EXPECT_EQ(record.next, nullptr);
@@ -260,7 +260,7 @@ TEST(VolumeInterface, EnumerationAgreesWithTheSingleRecords) {
 	TARNMountVolInfo* const list = TARNMountVolAllEnum(0, 1, 0);
 	std::vector<Volume> expected;
 	ASSERT_EQ(ListVolumes({}, expected), 0);
-	size_t count = 0;
+	std::size_t count = 0;
 	for (const TARNMountVolInfo* volume = list; volume != nullptr; volume = volume->next, ++count) {
 		ASSERT_LT(count, expected.size());
 		EXPECT_STREQ(volume->mount_path, expected[count].record.mount_path);

@@ -36,7 +36,7 @@ protected:
 		ON_CALL(*config_, GetCurVolume()).WillByDefault(Return(volume));
 	}
 	/** A directory as a volume that is fit in every respect. */
-	TARNMountVolInfo& AddVolume(const std::string& name, uint64_t free_bytes = 100) {
+	TARNMountVolInfo& AddVolume(const std::string& name, std::uint64_t free_bytes = 100) {
 		fs::create_directory(directory_ / name);
 		return platform_.AddVolume(directory_ / name, free_bytes);
 	}

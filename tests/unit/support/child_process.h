@@ -1,6 +1,6 @@
 /** @file Programs that tests run. */
-#ifndef TARN_TESTS_CHILD_PROCESS_H
-#define TARN_TESTS_CHILD_PROCESS_H
+#ifndef TESTS_UNIT_SUPPORT_CHILD_PROCESS_H
+#define TESTS_UNIT_SUPPORT_CHILD_PROCESS_H
 
 #include <string>
 #include <vector>

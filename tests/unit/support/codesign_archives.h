@@ -1,6 +1,6 @@
 /** @file Signed archives of every shape, well-formed or not, for the tests of their readers. */
-#ifndef TARN_TESTS_CODESIGN_ARCHIVES_H
-#define TARN_TESTS_CODESIGN_ARCHIVES_H
+#ifndef TESTS_UNIT_SUPPORT_CODESIGN_ARCHIVES_H
+#define TESTS_UNIT_SUPPORT_CODESIGN_ARCHIVES_H
 
 #include "archive/extractor.h"
 #include "archive/file.h"

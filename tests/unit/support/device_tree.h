@@ -1,6 +1,6 @@
 /** @file What a device has installed, brought there by the library's own code. */
-#ifndef TARN_TESTS_DEVICE_TREE_H
-#define TARN_TESTS_DEVICE_TREE_H
+#ifndef TESTS_UNIT_SUPPORT_DEVICE_TREE_H
+#define TESTS_UNIT_SUPPORT_DEVICE_TREE_H
 
 #include "temporary_directory.h"
 

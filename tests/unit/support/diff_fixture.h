@@ -1,6 +1,6 @@
 /** @file A database published in many versions, and devices that follow by diff packages. */
-#ifndef TARN_TESTS_DIFF_FIXTURE_H
-#define TARN_TESTS_DIFF_FIXTURE_H
+#ifndef TESTS_UNIT_SUPPORT_DIFF_FIXTURE_H
+#define TESTS_UNIT_SUPPORT_DIFF_FIXTURE_H
 
 #include "device_tree.h"
 #include "publisher_fixture.h"

@@ -1,6 +1,6 @@
 /** @file A tree, a key and a repository, for the publisher's tests. */
-#ifndef TARN_TESTS_PUBLISHER_FIXTURE_H
-#define TARN_TESTS_PUBLISHER_FIXTURE_H
+#ifndef TESTS_UNIT_SUPPORT_PUBLISHER_FIXTURE_H
+#define TESTS_UNIT_SUPPORT_PUBLISHER_FIXTURE_H
 
 #include "publisher/publish.h"
 #include "temporary_directory.h"

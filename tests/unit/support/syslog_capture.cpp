@@ -27,7 +27,7 @@ Store& TheStore() {
 	va_copy(copy, arguments);
 	const int length = std::vsnprintf(nullptr, 0, format, copy);
 	va_end(copy);
-	std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+	std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
 	std::vsnprintf(text.data(), text.size() + 1, format, arguments);
 	Store& store = TheStore();
 	const std::lock_guard<std::mutex> guard(store.mutex);
@@ -57,9 +57,9 @@ std::vector<LogLine> SyslogCapture::Lines() const {
 	return store.lines;
 }
 
-size_t SyslogCapture::Count(int priority, const std::vector<std::string>& texts) const {
+std::size_t SyslogCapture::Count(int priority, const std::vector<std::string>& texts) const {
 	const std::vector<LogLine> lines = Lines();
-	return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
+	return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
 		return line.priority == priority && std::all_of(texts.begin(), texts.end(), [&](const std::string& text) {
 			return line.text.find(text) != std::string::npos;
 		});

@@ -1,6 +1,6 @@
 /** @file Keeps what the tested code tells syslog, instead of sending it there. */
-#ifndef TARN_TESTS_SYSLOG_CAPTURE_H
-#define TARN_TESTS_SYSLOG_CAPTURE_H
+#ifndef TESTS_UNIT_SUPPORT_SYSLOG_CAPTURE_H
+#define TESTS_UNIT_SUPPORT_SYSLOG_CAPTURE_H
 
 #include <string>
 #include <vector>
@@ -27,7 +27,7 @@ public:
 	std::vector<LogLine> Lines() const;
 
 	/** How many lines of the priority hold all the texts. */
-	size_t Count(int priority, const std::vector<std::string>& texts = {}) const;
+	std::size_t Count(int priority, const std::vector<std::string>& texts = {}) const;
 };
 
 } // namespace tarn::test

@@ -1,6 +1,6 @@
 /** @file A directory of a test's own. */
-#ifndef TARN_TESTS_TEMPORARY_DIRECTORY_H
-#define TARN_TESTS_TEMPORARY_DIRECTORY_H
+#ifndef TESTS_UNIT_SUPPORT_TEMPORARY_DIRECTORY_H
+#define TESTS_UNIT_SUPPORT_TEMPORARY_DIRECTORY_H
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 /** @file Assembles VCDIFF patches byte by byte, right ones and wrong ones. */
-#ifndef TARN_TESTS_VCDIFF_BUILDER_H
-#define TARN_TESTS_VCDIFF_BUILDER_H
+#ifndef TESTS_UNIT_SUPPORT_VCDIFF_BUILDER_H
+#define TESTS_UNIT_SUPPORT_VCDIFF_BUILDER_H
 
 #include "decoder/code_table.h"
 #include "decoder/decode.h"
