@@ -1,6 +1,6 @@
 /** @file What the tests of the library's units share, and name without a prefix. */
-#ifndef TARN_TESTS_LIBRARY_TEST_H
-#define TARN_TESTS_LIBRARY_TEST_H
+#ifndef TESTS_UNIT_LIBRARY_TEST_H
+#define TESTS_UNIT_LIBRARY_TEST_H
 
 #include "expect_error.h"
 #include "log_lines.h"
