@@ -3,9 +3,9 @@
  * What is installed of a database, and whether a replacement of its files was left unfinished.
  *
  * The record, "version.json", is written last. The mark of an unfinished replacement, "replacing" beside it, is on the
- * disk before the first installed file changes, and is removed when the new state has been recorded. Whoever finds the
- * mark knows that the files may be a mixture of two versions which no record describes, and that patches would make a
- * third version of them.
+ * disk before the first installed file changes, and is removed when the new state has been recorded. A process that
+ * finds the mark knows that the files may be a mixture of two versions which no record describes, and that patches
+ * would make a third version of them.
  *
  * Class Update sets, heeds and removes the mark. Updater, Fixer and the strategies don't by themselves: a host that
  * calls them without Update gets no file that it did not ask for, and can set the mark itself.

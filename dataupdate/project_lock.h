@@ -16,7 +16,7 @@ extern "C" {
 /**
  * Takes a shared lock on a database, so that its files are not replaced while it is held. An update that was killed in
  * the middle of replacing them has left files of two versions and no lock: until the next update has made them good,
- * the file "/var/lib/data_update/<project>/replacing" stands, for which a reader has to look while it holds the lock.
+ * the file "/var/lib/data_update/<project>/replacing" exists. A reader checks for it while it holds the lock.
  * Readers share it; an update waits for all of them, at most 600 seconds, and only while it replaces the files.
  *
  * @param project          database id

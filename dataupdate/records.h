@@ -5,7 +5,7 @@
  * The records convert from and to JSON. "data_version" travels as a string of digits, other numbers as JSON integers.
  * Every FromJson throws UpdateError "Invalid json object for <record>" when a member is missing or has the wrong type,
  * the standard library's "stoi" exception when a version holds no number, and whatever JsonCpp throws when it is given
- * something that is no object at all (null counts as an empty object).
+ * something that is no object at all (null is treated as an empty object).
  */
 #ifndef DATAUPDATE_RECORDS_H
 #define DATAUPDATE_RECORDS_H

@@ -20,7 +20,7 @@ InstallDest ParseInstallDest(const std::string& value) {
 	if (value == "%ROOTFS%") {
 		return InstallDest::kRootFs;
 	}
-	// The text names the location in place of the field: scripts match this text.
+	// The text names the location in place of the field. Scripts match this text, so it stays.
 	throw UpdateError(messages::kInvalidValue + value + "' for '" + MainDirPath("%s") + "' field");
 }
 

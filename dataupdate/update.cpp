@@ -87,7 +87,7 @@ std::string ReplaceAll(std::string text, const std::string& from, const std::str
 RemoteInfo Retarget(RemoteInfo remote, int version) {
 	const int current = remote.data_version;
 	if (version != 0) {
-		// Wide, because nothing keeps a caller from naming a number that leads below the smallest one.
+		// 64 bits, because a caller may name a number that leads below the smallest version.
 		remote.data_version = static_cast<int>(version > 0 ? version : std::int64_t{current} + version);
 	}
 	remote.download_link =
@@ -95,8 +95,7 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	return remote;
 }
 
-/** What is installed; a mixture that a killed run left counts as nothing, whatever the record says of the time before.
- */
+/** What is installed. A mixture that a killed run left is treated as nothing, whatever the record says. */
 DatabaseStatus InstalledStatus(const InfoGetter& getter, const std::string& id) {
 	DatabaseStatus status = getter.GetDatabaseStatus(id);
 	if (IsReplacementMarked(id)) {
@@ -197,7 +196,7 @@ void Update::UpdateProject(const std::string& id) const {
 		const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
 		std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
 		if (IsReplacementMarked(id)) {
-			diffs.clear(); // Packages from the first version on would leave what else is in the mixture.
+			diffs.clear(); // A chain from the first version on would leave other files of the mixture.
 		}
 		const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
 		if (status.data_version >= remote.data_version) {

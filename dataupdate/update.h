@@ -73,10 +73,10 @@ private:
  * "/run/data_update/update_any.lock" and then "/run/data_update/update_<id>.lock", waiting up to 600 seconds for each,
  * so that one runs at a time on a device; "version.json" is written last, and not at all after a failure.
  *
- * From the first change of installed files until the new state has been recorded, a mark stands beside the record
+ * From the first change of installed files until the new state has been recorded, a mark is beside the record
  * ("/var/lib/data_update/<id>/replacing") and requests to end early wait (interruption.h). A database that is found
- * marked counts as version -1 without diff packages, because a killed run's mixture of versions must not be patched. A
- * mark that cannot be set is logged at LOG_ERR.
+ * marked is treated as version -1 without diff packages, because a killed run's mixture of versions must not be
+ * patched. A mark that cannot be set is logged at LOG_ERR.
  */
 class TARNDBUD_EXPORT Update {
 public:
@@ -98,8 +98,8 @@ public:
 	virtual void FixProject(const std::string& id) const;
 	/**
 	 * Installs a data version over what is installed: a positive number is that version, 0 the server's, a negative
-	 * one so many before the server's. The link is the server's with every occurrence of its version number
-	 * rewritten, wherever it stands. The recorded file list is then empty. Errors are not logged; no hooks run.
+	 * number N the version N before the server's. The link is the server's with every occurrence of its version number
+	 * rewritten, wherever in the link it is. The recorded file list is then empty. Errors are not logged; no hooks run.
 	 */
 	virtual void ForceInstall(const std::string& id, int version) const;
 

@@ -16,16 +16,16 @@ namespace tarn::dataupdate {
 namespace {
 
 /**
- * The client dates a file as the server does: an old document would never count as cached, and one that is dated in the
- * future would never be asked for again. A failure leaves it at that.
+ * Dates the document by its download. The client dates a file as the server does: an old document would be downloaded
+ * every time, and a document dated in the future never again. A failure leaves the server's date.
  */
 void StartAge(const char* path) {
 	utimensat(AT_FDCWD, path, nullptr, 0);
 }
 
 /**
- * Stands while the document is being fetched: what a killed fetch leaves is no document, however new its file is. It
- * needs no more care than that: without it, as before the first fetch, the age alone decides.
+ * Sets a mark for the time of a download: what a killed download leaves is no document, however new its file is. The
+ * mark is not synced, because without it, as before the first download, the age alone decides.
  */
 void MarkFetch() {
 	const UniqueFd mark(open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
@@ -35,10 +35,10 @@ bool IsFetchUnfinished() {
 	return access(kFetchMark, F_OK) == 0;
 }
 
-/** The mark goes with every download that ends: it tells of a process that was killed, and of nothing else. */
+/** Removes the mark after every download that ends, so that the mark tells only of a process that was killed. */
 void Fetch(const IOUtils& io, const std::string& url) {
 	if (IsFetchUnfinished()) {
-		unlink(kCachedInfo); // Or it would count once the mark is gone, should this download not even begin.
+		unlink(kCachedInfo); // Else it would be used once the mark is gone, if this download does not begin.
 	}
 	MarkFetch();
 	try {

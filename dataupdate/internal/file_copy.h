@@ -18,7 +18,7 @@ void CopyRegularFile(const std::string& src, const std::string& dst);
 
 /**
  * Gives a regular file (or the one that a link leads to) a second name at a path that must not exist, on another file
- * system a copy. For files that nobody will write to under their first name: takes no space, no copying, and leaves
+ * system a copy. For files that no process will write to under their first name: takes no space, no copying, and leaves
  * what is in memory there. Throws as CopyRegularFile().
  */
 void InstallRegularFile(const std::string& src, const std::string& dst);

@@ -15,7 +15,7 @@ namespace tarn::dataupdate {
 /**
  * Throws UpdateError "In the way of <file>: <path>" when an installed file, or a link, has the place of a directory
  * above a new file, a directory holds files that the chain does not delete where a new file goes, one new file is above
- * another, or the journal of a database that is replaced holds changes of somebody else.
+ * another, or the journal of a database that is replaced holds changes of another program.
  */
 void CheckConflicts(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& install_directory);
 

@@ -51,7 +51,7 @@ void CheckSources(const std::map<std::string, ModifyInfo>& modify_infos) {
 	}
 }
 
-/** A link's file belongs to somebody else, who may write to it under its own name. */
+/** The file that a link leads to belongs to another owner, who may write to it under its own name. */
 void PutIntoPlace(const std::string& source, const std::string& target) {
 	if (fs::is_symlink(fs::symlink_status(source))) {
 		CopyRegularFile(source, target);

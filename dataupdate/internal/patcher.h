@@ -74,7 +74,7 @@ private:
 	std::string install_directory_;
 	Decoder decoder_;
 	std::map<std::string, std::string> digests_;
-	std::map<std::string, std::string> names_of_copies_; // Which name a flat one stands for.
+	std::map<std::string, std::string> names_of_copies_; // By flat name, the name that it was made from.
 	std::map<std::string, std::string> spellings_;       // By shortest spelling, the one that the chain uses.
 	std::map<std::string, ModifyInfo> modify_infos_;
 };

@@ -114,7 +114,7 @@ private:
 		if (!above || fstat(above.Get(), &status) != 0) {
 			ThrowErrno();
 		}
-		// Whoever moves a directory meanwhile must not lead the walk out of the tree.
+		// A process that moves a directory meanwhile must not lead the walk out of the tree.
 		if (status.st_dev != levels_.back().device || status.st_ino != levels_.back().inode) {
 			ThrowErrno(ESTALE);
 		}

@@ -100,7 +100,7 @@ void Prepare(SQLite::Database& file) {
 	file.exec("PRAGMA synchronous = OFF");
 	file.exec("PRAGMA max_page_count = " + std::to_string(pages));
 	file.exec("PRAGMA cache_size = -8000"); // whatever the file asks for
-	// What a statement needs beside the file counts as memory, which is limited, and fills nobody's /var/tmp.
+	// Temporary tables are kept in memory, which is limited, so that they do not fill /var/tmp.
 	file.exec("PRAGMA temp_store = MEMORY");
 }
 
@@ -150,7 +150,7 @@ void ExecuteSqlScript(const std::string& database, const std::string& script, st
 			LimitConnection(file.getHandle());
 			ChangeDatabase(file, script, is_empty, time);
 		}
-		// In WAL mode the content reaches the file only when it is closed, and a failure then is told to nobody.
+		// In WAL mode the content reaches the file only when it is closed, and SQLite does not report a failure then.
 		if (!is_empty) {
 			CheckStandsAlone(database);
 		}
