@@ -1,7 +1,4 @@
-/**
- * @file
- * Sectioned settings in two JSON files.
- */
+/** @file Sectioned settings in two JSON files. */
 #ifndef DATAUPDATE_CONFIG_H
 #define DATAUPDATE_CONFIG_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * Marks what the shared library exports; everything else stays hidden. Includable from C.
- */
+/** @file Marks what the shared library exports; everything else stays hidden. Includable from C. */
 #ifndef DATAUPDATE_EXPORT_H
 #define DATAUPDATE_EXPORT_H
 

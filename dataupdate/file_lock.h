@@ -1,7 +1,4 @@
-/**
- * @file
- * Exclusive locks between processes.
- */
+/** @file Exclusive locks between processes. */
 #ifndef DATAUPDATE_FILE_LOCK_H
 #define DATAUPDATE_FILE_LOCK_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * Telling other services that a database is about to change and has changed.
- */
+/** @file Telling other services that a database is about to change and has changed. */
 #ifndef DATAUPDATE_HOOK_H
 #define DATAUPDATE_HOOK_H
 

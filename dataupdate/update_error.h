@@ -1,7 +1,4 @@
-/**
- * @file
- * The library's one exception type.
- */
+/** @file The library's one exception type. */
 #ifndef DATAUPDATE_UPDATE_ERROR_H
 #define DATAUPDATE_UPDATE_ERROR_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * Bringing one database to the server's version, checking its files and repairing it.
- */
+/** @file Bringing one database to the server's version, checking its files and repairing it. */
 #ifndef DATAUPDATE_UPDATER_H
 #define DATAUPDATE_UPDATER_H
 

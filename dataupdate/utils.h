@@ -1,7 +1,4 @@
-/**
- * @file
- * Files, directories, JSON, downloads and digests: the library's seam to the file system and the network.
- */
+/** @file Files, directories, JSON, downloads and digests: the library's seam to the file system and the network. */
 #ifndef DATAUPDATE_UTILS_H
 #define DATAUPDATE_UTILS_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * Choosing the storage volume that holds the databases, and following it.
- */
+/** @file Choosing the storage volume that holds the databases, and following it. */
 #ifndef DATAUPDATE_VOLUME_HANDLER_H
 #define DATAUPDATE_VOLUME_HANDLER_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * The names in one directory.
- */
+/** @file The names in one directory. */
 #ifndef DATAUPDATE_INTERNAL_DIRECTORY_ENTRIES_H
 #define DATAUPDATE_INTERNAL_DIRECTORY_ENTRIES_H
 

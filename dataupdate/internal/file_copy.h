@@ -1,7 +1,4 @@
-/**
- * @file
- * Putting regular files into place without waiting for the disk, and taking them away.
- */
+/** @file Putting regular files into place without waiting for the disk, and taking them away. */
 #ifndef DATAUPDATE_INTERNAL_FILE_COPY_H
 #define DATAUPDATE_INTERNAL_FILE_COPY_H
 

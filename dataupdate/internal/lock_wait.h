@@ -1,7 +1,4 @@
-/**
- * @file
- * Waiting for a file lock without ever blocking in the kernel, so that a deadline can be kept.
- */
+/** @file Waiting for a file lock without ever blocking in the kernel, so that a deadline can be kept. */
 #ifndef DATAUPDATE_INTERNAL_LOCK_WAIT_H
 #define DATAUPDATE_INTERNAL_LOCK_WAIT_H
 

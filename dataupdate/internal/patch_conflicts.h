@@ -1,7 +1,4 @@
-/**
- * @file
- * Whether changed files can be put where they belong, found out before the first one is.
- */
+/** @file Whether changed files can be put where they belong, found out before the first one is. */
 #ifndef DATAUPDATE_INTERNAL_PATCH_CONFLICTS_H
 #define DATAUPDATE_INTERNAL_PATCH_CONFLICTS_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * What an unpacked diff package says about itself.
- */
+/** @file What an unpacked diff package says about itself. */
 #ifndef DATAUPDATE_INTERNAL_PATCH_DESCRIPTION_H
 #define DATAUPDATE_INTERNAL_PATCH_DESCRIPTION_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * The names in a diff package: which are safe to use, and which mean the same file.
- */
+/** @file The names in a diff package: which are safe to use, and which mean the same file. */
 #ifndef DATAUPDATE_INTERNAL_PATCH_NAMES_H
 #define DATAUPDATE_INTERNAL_PATCH_NAMES_H
 

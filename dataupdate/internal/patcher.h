@@ -1,7 +1,4 @@
-/**
- * @file
- * Carrying out diff packages on working copies.
- */
+/** @file Carrying out diff packages on working copies. */
 #ifndef DATAUPDATE_INTERNAL_PATCHER_H
 #define DATAUPDATE_INTERNAL_PATCHER_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * Removing a directory tree of any depth.
- */
+/** @file Removing a directory tree of any depth. */
 #ifndef DATAUPDATE_INTERNAL_REMOVE_TREE_H
 #define DATAUPDATE_INTERNAL_REMOVE_TREE_H
 

@@ -1,7 +1,4 @@
-/**
- * @file
- * Changing a database file by an SQL script.
- */
+/** @file Changing a database file by an SQL script. */
 #ifndef DATAUPDATE_INTERNAL_SQL_SCRIPT_H
 #define DATAUPDATE_INTERNAL_SQL_SCRIPT_H
 
