@@ -99,7 +99,7 @@ ExitCode RunGuarded(const Command& command, const Options& options, const Surrou
 		// What failed on its own is told as such, but the program still ends by the signal.
 		const bool is_interrupted = dataupdate::IsInterruptionRequested();
 		const Failure failure =
-		    is_interrupted && IsEarlyEnd() ? Failure{kInterrupted, kEndedEarly} : ExplainException(*services.io);
+		    is_interrupted && IsEarlyEnd() ? Failure{Category::kInterrupted, kInterrupted, kEndedEarly} : ExplainException(*services.io);
 		terminal.Complain(failure.sentence);
 		code = is_interrupted ? kInterrupted : failure.code;
 	}

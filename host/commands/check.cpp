@@ -38,7 +38,7 @@ dataupdate::FileLock HoldOffUpdates(const std::string& path, unsigned long timeo
 	try {
 		return {path, timeout_seconds};
 	} catch (const dataupdate::UpdateError& error) {
-		if (!StartsWith(error.what(), "Fail to lock ")) {
+		if (CategoryOf(error.what()) != Category::kLocked) {
 			throw;
 		}
 		throw CommandError(kLocked, "The database is being updated; check it later");

@@ -33,7 +33,7 @@ Outcome Install(const Services& services, const Options& options, int target) {
 	try {
 		return ForceDatabase(services, options.id, options.version, target);
 	} catch (const dataupdate::UpdateError& error) {
-		if (target == offered || !StartsWith(error.what(), "Fail to wget url: ")) {
+		if (target == offered || CategoryOf(error.what()) != Category::kDownload) {
 			throw;
 		}
 		throw CommandError(kFailed, std::string(error.what()) + "; this is the server's link with each " +

@@ -33,7 +33,7 @@ bool DropDocumentUnderLock() {
 		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
 		return DropDocument();
 	} catch (const dataupdate::UpdateError& error) {
-		if (!StartsWith(error.what(), "Fail to lock ")) {
+		if (CategoryOf(error.what()) != Category::kLocked) {
 			throw;
 		}
 	}

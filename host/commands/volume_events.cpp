@@ -78,7 +78,7 @@ private:
 			}
 			return true;
 		} catch (const dataupdate::UpdateError& error) {
-			if (patience == 0 || path == paths_.begin() || !StartsWith(error.what(), "Fail to lock ")) {
+			if (patience == 0 || path == paths_.begin() || CategoryOf(error.what()) != Category::kLocked) {
 				throw;
 			}
 		}

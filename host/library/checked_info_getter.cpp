@@ -1,10 +1,12 @@
 #include "host/library/checked_info_getter.h"
 
 #include "base/text.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
 #include "host/library/document_problem.h"
+#include "host/library/failure.h"
 
 #include <json/value.h>
 
@@ -37,10 +39,6 @@ std::string ReadBeginning(const std::string& path) {
 	return beginning;
 }
 
-bool IsRecordError(const UpdateError& error) {
-	return StartsWith(error.what(), "Invalid json object");
-}
-
 } // namespace
 
 CheckedInfoGetter::CheckedInfoGetter(std::shared_ptr<dataupdate::IOUtils> io,
@@ -63,7 +61,7 @@ auto CheckedInfoGetter::ReadEntry(
 			return result;
 		}
 	} catch (const UpdateError& error) {
-		if (!IsRecordError(error)) {
+		if (CategoryOf(error.what()) != Category::kInvalidRecord) {
 			throw;
 		}
 	} catch (const Json::Exception&) {
@@ -124,11 +122,11 @@ Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
 		return dataupdate::GetFreshInfo(
 		    *io_, [this] { return GetDatabaseUrl(); }, lock_seconds_);
 	} catch (const UpdateError& error) {
-		if (lock_seconds_ != dataupdate::kLockTimeout && StartsWith(error.what(), "Fail to lock ")) {
+		if (lock_seconds_ != dataupdate::kLockTimeout && CategoryOf(error.what()) == Category::kLocked) {
 			throw UpdateError("The server's document is being fetched by another command and has not arrived yet; try "
 			                  "later");
 		}
-		if (error.what() != std::string("Fail to decode: ") + dataupdate::kCachedInfo) {
+		if (error.what() != std::string(dataupdate::messages::kCannotDecode) + dataupdate::kCachedInfo) {
 			throw;
 		}
 	}

@@ -1,7 +1,9 @@
 #include "host/library/checked_io.h"
 
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
+#include "host/library/failure.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,7 +45,7 @@ bool IsNew(const timespec& changed, const timespec& now) {
 Json::Value CheckedIO::ReadJson(const std::string& path) const {
 	if (path == dataupdate::kCachedInfo) {
 		if (GetSize(path) > kLargestDocument) {
-			throw UpdateError("Fail to decode: " + path);
+			throw UpdateError(dataupdate::messages::kCannotDecode + path);
 		}
 		return IOUtils::ReadJson(path); // Nobody writes it while its lock is held.
 	}
@@ -51,7 +53,8 @@ Json::Value CheckedIO::ReadJson(const std::string& path) const {
 		try {
 			return IOUtils::ReadJson(path);
 		} catch (const UpdateError& error) {
-			if (error.what() != "Fail to decode: " + path || pauses == kMostPauses || !MayBeBeingWritten(path)) {
+			if (CategoryOf(error.what()) != Category::kUndecodable || pauses == kMostPauses ||
+			    !MayBeBeingWritten(path)) {
 				throw;
 			}
 		}
@@ -62,7 +65,7 @@ Json::Value CheckedIO::ReadJson(const std::string& path) const {
 void CheckedIO::WriteJson(const std::string& path, const Json::Value& value) const {
 	IOUtils::WriteJson(path, value);
 	if (!Holds(path, value)) {
-		throw UpdateError("Fail to write: " + path);
+		throw UpdateError(dataupdate::messages::kCannotWrite + path);
 	}
 }
 

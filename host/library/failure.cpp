@@ -1,6 +1,7 @@
 #include "host/library/failure.h"
 
 #include "base/text.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/download_limits.h"
@@ -21,12 +22,17 @@
 
 namespace tarn::ctl {
 
+namespace messages = dataupdate::messages;
+
 using dataupdate::UpdateError;
 
 namespace {
 
-constexpr size_t kLongestMessage = 600;
-constexpr char kWrapper[] = "Fail on project '";
+constexpr std::size_t kLongestMessage = 600;
+constexpr char kDefaultsDirectory[] = "/usr/share/data_update/";
+constexpr char kServiceSection[] = "config'";
+constexpr char kReaderHint[] = "a reader of the database did not let go of it in time: try later";
+constexpr char kHalfReplacedHint[] = "the files may be half replaced: remove the cause and update again";
 
 /** What is known about a failure when its hint is made up. */
 struct Circumstances {
@@ -35,7 +41,7 @@ struct Circumstances {
 };
 
 std::string ConfigurationFiles(const Circumstances& failure) {
-	const bool of_service = StartsWith(failure.message, "section-key: 'config'-");
+	const bool of_service = StartsWith(failure.message, std::string(messages::kMissingSetting) + kServiceSection);
 	return std::string("set it in ") + (of_service ? dataupdate::kServiceOverride : dataupdate::kDatabaseOverride) +
 	       " or restore " + (of_service ? dataupdate::kServiceDefaults : dataupdate::kDatabaseDefaults);
 }
@@ -58,7 +64,7 @@ std::string LinkHint(const Circumstances& failure) {
 	    {ENOENT, "/usr/bin/wget could not be started: install wget"},
 	    {EACCES, "/usr/bin/wget could not be started: check its permissions"},
 	};
-	if (StartsWith(failure.message, "Fail to wget url: -")) {
+	if (StartsWith(failure.message, std::string(messages::kCannotDownload) + "-")) {
 		return "no link may begin with \"-\": correct the server's document";
 	}
 	if ((failure.platform_error & TLIBC_ERR_DOWNLOAD) != 0) {
@@ -83,48 +89,70 @@ std::string PackageHint(const Circumstances& /*failure*/) {
 }
 
 /**
- * One kind of message: how it is known, its exit code and what to do. Of several that fit, the first counts. Links come
- * from the server and may hold any text, so a message is known by its beginning alone.
+ * One kind of message: its beginning, its category and exit code, and what to do. Of several that fit, the first
+ * counts. Links come from the server and may hold any text, so nothing is sought behind the beginning.
  */
 struct Rule {
-	const char* beginning;
+	Category category;
 	ExitCode code;
+	const char* beginning;
+	const char* then; ///< What follows the beginning; empty for any text.
 	const char* hint;
 	std::string (*make_hint)(const Circumstances&) = nullptr; ///< In the hint's place.
 };
 
 constexpr Rule kRules[] = {
-    {"Project ", kUnsupported, "the configured databases are listed by \"tarndbudctl status\""},
-    {"Fail to lock ", kLocked, "somebody else holds it (a running update, or a reader of the database): try later"},
-    {"Fail open lock file ", kFailed, "tarndbudctl must be run as root"},
-    {"Fail to wget url: ", kFailed, nullptr, LinkHint},
-    {"Disk space is too low", kFailed,
+    {Category::kUnknownDatabase, kUnsupported, messages::kUnknownProject, "",
+        "the configured databases are listed by \"tarndbudctl status\""},
+    {Category::kLocked, kLocked, messages::kCannotLock, "",
+        "somebody else holds it (a running update, or a reader of the database): try later"},
+    {Category::kLockUnusable, kFailed, messages::kCannotOpenLock, "", "tarndbudctl must be run as root"},
+    {Category::kDownload, kFailed, messages::kCannotDownload, "", nullptr, LinkHint},
+    {Category::kLowSpace, kFailed, messages::kLowSpace, "",
         "free some space on the volume and on the file system of the databases (5 % must stay free)"},
-    {"Cannot find suitable volume.", kFailed,
+    {Category::kNoSuitableVolume, kFailed, messages::kNoSuitableVolume, "",
         "mount a writable volume with enough free space, or name one in /usr/tarn/etc/volumes.conf"},
-    {"Failed to enum all volumes", kFailed, "mount a volume, or name one in /usr/tarn/etc/volumes.conf"},
-    {"Overflow detection", kFailed, "correct \"min_rsv_space_inbytes\" in the configuration of the databases"},
-    {"tarnarchive_open ", kFailed, nullptr, PackageHint},
-    {"tarnarchive_extract ", kFailed,
+    {Category::kVolumesUnknown, kFailed, messages::kCannotListVolumes, "",
+        "mount a volume, or name one in /usr/tarn/etc/volumes.conf"},
+    {Category::kWrongConfiguration, kFailed, messages::kReserveOverflow, "",
+        "correct \"min_rsv_space_inbytes\" in the configuration of the databases"},
+    {Category::kPackageRefused, kFailed, messages::kCannotOpenPackage, "", nullptr, PackageHint},
+    {Category::kPackageUnusable, kFailed, messages::kCannotExtract, "",
         "the package holds what must not be installed, or there is no space for its content: see the system log"},
-    {"section-key: ", kFailed, nullptr, ConfigurationFiles},
-    {"Bad type conversion", kFailed,
+    {Category::kWrongConfiguration, kFailed, messages::kMissingSetting, "", nullptr, ConfigurationFiles},
+    {Category::kWrongConfiguration, kFailed, messages::kWrongType, "",
         "a setting in /usr/share/data_update has the wrong type: restore data_update.conf and databases.conf there"},
-    {"Invalid value '", kFailed, R"("install_dest" of a database must be "%VOLUME%" or "%ROOTFS%" in databases.conf)"},
-    {"Fail to set config ", kFailed, "check that /usr/tarn/etc/data_update can be written"},
-    {"Fail to full update: Fail to lock ", kLocked, "a reader of the database did not let go of it in time: try later"},
-    {"Fail to diff update: Fail to lock ", kLocked, "a reader of the database did not let go of it in time: try later"},
-    {"Fail to diff update: ", kFailed, "the files may be half replaced: remove the cause and update again"},
-    {"Fail to force install: Fail to lock ", kLocked,
-        "a reader of the database did not let go of it in time: try later"},
-    {"Fail to force install: tarnarchive_open ", kFailed, nullptr, PackageHint},
-    {"Fail to force install: ", kFailed, "the files may be a mixture: run \"tarndbudctl fix\" or force it again"},
-    {"Fail to full update: ", kFailed, "the files may be half replaced: remove the cause and update again"},
-    {"File not exist: /usr/share/data_update/", kFailed, "install the default configuration again"},
-    {"Fail to decode: ", kFailed, "correct that file"},
-    {"Fail to write: ", kFailed, "check the free space and the permissions"},
-    {"Fail to create dir ", kFailed, "tarndbudctl must be run as root, on a file system that can be written"},
+    {Category::kWrongConfiguration, kFailed, messages::kInvalidValue, "",
+        R"("install_dest" of a database must be "%VOLUME%" or "%ROOTFS%" in databases.conf)"},
+    {Category::kNotWritable, kFailed, messages::kCannotSet, "", "check that /usr/tarn/etc/data_update can be written"},
+    {Category::kLocked, kLocked, messages::kFullUpdate, messages::kCannotLock, kReaderHint},
+    {Category::kLocked, kLocked, messages::kDiffUpdate, messages::kCannotLock, kReaderHint},
+    {Category::kLocked, kLocked, messages::kForceInstall, messages::kCannotLock, kReaderHint},
+    {Category::kPackageRefused, kFailed, messages::kForceInstall, messages::kCannotOpenPackage, nullptr, PackageHint},
+    {Category::kFilesMayBeAMixture, kFailed, messages::kFullUpdate, "", kHalfReplacedHint},
+    {Category::kFilesMayBeAMixture, kFailed, messages::kDiffUpdate, "", kHalfReplacedHint},
+    {Category::kFilesMayBeAMixture, kFailed, messages::kForceInstall, "",
+        "the files may be a mixture: run \"tarndbudctl fix\" or force it again"},
+    {Category::kDefaultsMissing, kFailed, messages::kFileNotExist, kDefaultsDirectory,
+        "install the default configuration again"},
+    {Category::kUndecodable, kFailed, messages::kCannotDecode, "", "correct that file"},
+    {Category::kNotWritable, kFailed, messages::kCannotWrite, "", "check the free space and the permissions"},
+    {Category::kNotWritable, kFailed, messages::kCannotCreateDirectory, "",
+        "tarndbudctl must be run as root, on a file system that can be written"},
+    {Category::kInvalidRecord, kFailed, messages::kInvalidRecord, "", nullptr},
+    {Category::kInterrupted, kFailed, messages::kInterrupted, "", nullptr},
 };
+
+bool Fits(const Rule& rule, const std::string& message) {
+	return StartsWith(message, std::string(rule.beginning) + rule.then);
+}
+
+/** Null for a message of no known kind. */
+const Rule* FindRule(const std::string& message) {
+	const auto* rule = std::find_if(
+	    std::begin(kRules), std::end(kRules), [&](const Rule& candidate) { return Fits(candidate, message); });
+	return rule == std::end(kRules) ? nullptr : rule;
+}
 
 std::string WithEnd(const std::string& sentence) {
 	return sentence.empty() || sentence.back() == '.' ? sentence : sentence + '.';
@@ -138,14 +166,16 @@ std::string WithoutEnd(std::string text) {
 }
 
 /** How far "Fail on project 'geo': " reaches at the message's beginning; 0 without it. */
-size_t WrapperLength(const std::string& message) {
-	const size_t end = message.find("': ", std::strlen(kWrapper));
-	return StartsWith(message, kWrapper) && end != std::string::npos ? end + std::strlen("': ") : 0;
+std::size_t WrapperLength(const std::string& message) {
+	const std::size_t end = message.find(messages::kOnProjectEnd, std::strlen(messages::kOnProject));
+	return StartsWith(message, messages::kOnProject) && end != std::string::npos
+	           ? end + std::strlen(messages::kOnProjectEnd)
+	           : 0;
 }
 
 /** "geo: " of the wrapper; empty without it. */
 std::string Subject(const std::string& wrapper) {
-	const size_t begin = std::strlen(kWrapper);
+	const std::size_t begin = std::strlen(messages::kOnProject);
 	return wrapper.empty() ? "" : wrapper.substr(begin, wrapper.find_last_of('\'') - begin) + ": ";
 }
 
@@ -167,41 +197,46 @@ Failure ExplainConfiguration(const dataupdate::IOUtils& io, const char* what) {
 	for (const char* path : {dataupdate::kServiceOverride, dataupdate::kServiceDefaults, dataupdate::kDatabaseOverride,
 	         dataupdate::kDatabaseDefaults}) {
 		if (!HasSections(io, path)) {
-			return {kFailed, std::string("The configuration file ") + path +
-			                     " is malformed: it must be an object of sections, each an object of settings; correct "
-			                     "or restore it."};
+			return {Category::kOther, kFailed,
+			    std::string("The configuration file ") + path +
+			        " is malformed: it must be an object of sections, each an object of settings; correct "
+			        "or restore it."};
 		}
 	}
-	return {kFailed,
+	return {Category::kOther, kFailed,
 	    WithEnd(std::string("A JSON document is malformed, perhaps the description of a diff package: ") + what)};
 }
 
-bool TellsEarlyEnd(const std::string& message) {
-	const std::string inner = message.substr(WrapperLength(message));
-	return inner == "Interrupted" || StartsWith(inner, "Fail to wget url: ") ||
-	       ExplainMessage(inner, 0).code == kLocked;
+bool IsOfEarlyEnd(Category category) {
+	return category == Category::kInterrupted || category == Category::kDownload || category == Category::kLocked;
 }
 
 Failure ExplainFileError(const boost::filesystem::filesystem_error& error) {
 	const std::string path = error.path1().empty() ? "" : ": " + error.path1().string();
-	return {kFailed, "A file cannot be used" + path + " (" + error.code().message() +
-	                     "); check its permissions and the file system."};
+	return {Category::kOther, kFailed,
+	    "A file cannot be used" + path + " (" + error.code().message() +
+	        "); check its permissions and the file system."};
 }
 
 } // namespace
+
+Category CategoryOf(const std::string& message) {
+	const Rule* rule = FindRule(message.substr(WrapperLength(message)));
+	return rule == nullptr ? Category::kOther : rule->category;
+}
 
 Failure ExplainMessage(const std::string& message, int platform_error) {
 	const size_t wrapped = WrapperLength(message);
 	const std::string subject = Subject(message.substr(0, wrapped));
 	const std::string inner = message.substr(wrapped);
-	const auto* rule = std::find_if(std::begin(kRules), std::end(kRules),
-	    [&](const Rule& candidate) { return StartsWith(inner, candidate.beginning); });
-	if (rule == std::end(kRules)) {
-		return {kFailed, subject + WithEnd(inner)};
+	const Rule* rule = FindRule(inner);
+	if (rule == nullptr || (rule->hint == nullptr && rule->make_hint == nullptr)) {
+		return {rule == nullptr ? Category::kOther : rule->category, kFailed, subject + WithEnd(inner)};
 	}
 	const std::string hint =
 	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error});
-	return {rule->code, subject + WithEnd(PlainAscii(WithoutEnd(inner), kLongestMessage) + "; " + hint)};
+	return {
+	    rule->category, rule->code, subject + WithEnd(PlainAscii(WithoutEnd(inner), kLongestMessage) + "; " + hint)};
 }
 
 Failure ExplainException(const dataupdate::IOUtils& io) {
@@ -209,7 +244,7 @@ Failure ExplainException(const dataupdate::IOUtils& io) {
 	try {
 		throw;
 	} catch (const CommandError& error) {
-		return {error.Code(), WithEnd(error.what())};
+		return {Category::kOther, error.Code(), WithEnd(error.what())};
 	} catch (const UpdateError& error) {
 		return ExplainMessage(error.what(), platform_error);
 	} catch (const Json::Exception& error) {
@@ -217,11 +252,11 @@ Failure ExplainException(const dataupdate::IOUtils& io) {
 	} catch (const boost::filesystem::filesystem_error& error) {
 		return ExplainFileError(error);
 	} catch (const std::bad_alloc&) {
-		return {kFailed, "There is not enough memory; end other programs and try again."};
+		return {Category::kOther, kFailed, "There is not enough memory; end other programs and try again."};
 	} catch (const std::exception& error) {
 		return ExplainMessage(error.what(), platform_error);
 	} catch (...) {
-		return {kFailed, "Something unknown went wrong; see the system log."};
+		return {Category::kOther, kFailed, "Something unknown went wrong; see the system log."};
 	}
 }
 
@@ -229,9 +264,9 @@ bool IsEarlyEnd() {
 	try {
 		throw;
 	} catch (const CommandError& error) {
-		return error.Code() == kLocked || TellsEarlyEnd(error.what());
+		return error.Code() == kLocked || IsOfEarlyEnd(CategoryOf(error.what()));
 	} catch (const std::exception& error) {
-		return TellsEarlyEnd(error.what());
+		return IsOfEarlyEnd(CategoryOf(error.what()));
 	} catch (...) {
 		return false;
 	}

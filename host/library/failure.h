@@ -1,4 +1,4 @@
-/** @file Turns whatever is thrown into one sentence for people and an exit code. */
+/** @file Turns whatever is thrown into a category, an exit code and one sentence for people. */
 #ifndef HOST_LIBRARY_FAILURE_H
 #define HOST_LIBRARY_FAILURE_H
 
@@ -10,8 +10,30 @@
 
 namespace tarn::ctl {
 
+/** What kind of failure the library reports; what programs decide by, while people read the sentence. */
+enum class Category {
+	kOther,
+	kInterrupted,        ///< An operation ended early, as this program asked for.
+	kLocked,             ///< Another process held a lock all the time.
+	kLockUnusable,       ///< A lock file cannot be opened.
+	kUnknownDatabase,    ///< The configuration does not list the database.
+	kDownload,           ///< A download failed.
+	kLowSpace,           ///< There is too little space.
+	kNoSuitableVolume,   ///< No volume may hold the databases.
+	kVolumesUnknown,     ///< The volumes cannot be listed.
+	kWrongConfiguration, ///< A setting is missing or wrong.
+	kPackageRefused,     ///< A package's signature is missing or not trusted, or it is another package.
+	kPackageUnusable,    ///< A package cannot be unpacked.
+	kFilesMayBeAMixture, ///< An installation failed while it replaced files.
+	kUndecodable,        ///< A file is no JSON document.
+	kInvalidRecord,      ///< A document does not hold what it must.
+	kNotWritable,        ///< A file or directory cannot be written.
+	kDefaultsMissing,    ///< The configuration as shipped is missing.
+};
+
 /** What failed and what to do about it. */
 struct Failure {
+	Category category = Category::kOther;
 	ExitCode code = kFailed;
 	std::string sentence;
 };
@@ -26,25 +48,28 @@ private:
 	ExitCode code_;
 };
 
+/** What kind of failure a message of the library reports. */
+[[nodiscard]] Category CategoryOf(const std::string& message);
+
 /**
  * Explains a message of the library.
  *
  * @param platform_error  what TLIBCErrGet() returned when it was thrown
  */
-Failure ExplainMessage(const std::string& message, int platform_error);
+[[nodiscard]] Failure ExplainMessage(const std::string& message, int platform_error);
 
 /**
  * Explains the exception that is being handled; to be called in a catch block of the thread that ran into it.
  *
  * @param io  reads the configuration files when one of them must be at fault
  */
-Failure ExplainException(const dataupdate::IOUtils& io);
+[[nodiscard]] Failure ExplainException(const dataupdate::IOUtils& io);
 
 /**
  * Whether the exception that is being handled is what a request to end makes of an operation: before it changes files,
  * while it waits for a lock, or for the downloader, which is ended as well. Any other failure happened on its own.
  */
-bool IsEarlyEnd();
+[[nodiscard]] bool IsEarlyEnd();
 
 } // namespace tarn::ctl
 

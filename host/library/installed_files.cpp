@@ -70,9 +70,16 @@ InstalledFiles Decode(const Json::Value& object) {
 	return record;
 }
 
+constexpr char kEnd[] = "\n}}\n";
+
 /** What the record of a version begins with. */
 std::string Head(int version) {
 	return R"({"data_version":")" + std::to_string(version) + R"(",)";
+}
+
+bool NextIs(std::istream& file, const std::string& expected) {
+	std::string text(expected.size(), '\0');
+	return file.read(text.data(), static_cast<std::streamsize>(text.size())) && text == expected;
 }
 
 bool IsBefore(const timespec& left, const timespec& right) {
@@ -91,7 +98,7 @@ std::string Encode(const InstalledFiles& record) {
 		text += separator + Json::writeString(builder, name) + ":" + Json::writeString(builder, ToJson(file));
 		separator = ",\n";
 	}
-	return text + "\n}}\n";
+	return text + kEnd;
 }
 
 } // namespace
@@ -122,12 +129,11 @@ std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {
 
 bool SeemsCurrent(const std::string& id, int version) {
 	const std::string path = InstalledFilesPath(id);
-	const std::string head = Head(version);
-	std::string beginning(head.size(), '\0');
 	std::ifstream file(path, std::ios::binary);
 	struct stat own {};
 	struct stat librarys {};
-	return file.read(beginning.data(), static_cast<std::streamsize>(beginning.size())) && beginning == head &&
+	return NextIs(file, Head(version)) &&
+	       NextIs(file.seekg(1 - static_cast<std::streamoff>(sizeof kEnd), std::ios::end), kEnd) &&
 	       stat(path.c_str(), &own) == 0 && stat(dataupdate::StatusPath(id).c_str(), &librarys) == 0 &&
 	       !IsBefore(own.st_mtim, librarys.st_mtim);
 }

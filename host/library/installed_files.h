@@ -36,7 +36,7 @@ std::string InstalledFilesPath(const std::string& id);
 /** No value when there is no record, or none that can be read and understood. */
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id);
 /**
- * Whether there is a record of a version that is at least as new as the library's own. Reads its beginning only: with
+ * Whether there is a record of a version that is at least as new as the library's own. Reads its beginning and its end only: with
  * many files that is a small part of the time that the record takes.
  */
 [[nodiscard]] bool SeemsCurrent(const std::string& id, int version);

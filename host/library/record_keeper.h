@@ -24,7 +24,7 @@ public:
 
 	/**
 	 * Makes the record again if it is missing, is of another version than the installed one, or is older than the
-	 * library's record and disagrees with it. Reads no more than the record's beginning otherwise.
+	 * library's record and disagrees with it. Reads no more than the record's beginning and end otherwise.
 	 */
 	void Mend(int installed_version);
 	/** Before an update changes files. */

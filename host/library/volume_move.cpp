@@ -50,7 +50,7 @@ public:
 			preparation_.target = VolumeHandler::FindSuitableVolume(std::move(exclude));
 			Prepare(services_, volume_, preparation_);
 		} catch (const std::exception& error) {
-			if (error.what() != std::string("Cannot find suitable volume.")) {
+			if (CategoryOf(error.what()) != Category::kNoSuitableVolume) {
 				preparation_.obstacle = ExplainException(*services_.io).sentence;
 			}
 			throw;

@@ -1,3 +1,4 @@
+#include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 #include "host/library/failure.h"
 #include "mocks.h"
@@ -16,6 +17,8 @@
 namespace tarn::ctl {
 namespace {
 
+namespace messages = dataupdate::messages;
+
 using dataupdate::UpdateError;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -25,8 +28,10 @@ using testing::Return;
 using testing::StartsWith;
 using testing::Throw;
 
+/** A message as the library makes it: each kind begins with the constant that the library throws. */
 struct Case {
-	const char* message;
+	std::string message;
+	Category category;
 	ExitCode code;
 	const char* hint;
 };
@@ -35,29 +40,61 @@ class FailureTableTest : public testing::TestWithParam<Case> {};
 
 TEST_P(FailureTableTest, SaysWhatFailedAndWhatToDo) {
 	const Failure failure = ExplainMessage(GetParam().message, 0);
+	EXPECT_EQ(failure.category, GetParam().category);
 	EXPECT_EQ(failure.code, GetParam().code);
 	EXPECT_THAT(failure.sentence, HasSubstr(GetParam().hint));
 	EXPECT_THAT(failure.sentence, EndsWith("."));
 	EXPECT_THAT(failure.sentence, Not(EndsWith("..")));
 }
 
+std::string Message(const char* beginning, const std::string& rest = "", const char* wrapper = "") {
+	return std::string(wrapper) + beginning + rest;
+}
+
+const std::string kLock = "/run/data_update/using_geo.lock";
+
 INSTANTIATE_TEST_SUITE_P(Messages, FailureTableTest,
-    testing::Values(Case{"Project x not supported", kUnsupported, "Project x not supported; the configured"},
-        Case{"Fail to lock /run/data_update/update_any.lock", kLocked, "update_any.lock; somebody else holds it"},
-        Case{"Fail to full update: Fail to lock /run/data_update/using_geo.lock", kLocked, "a reader"},
-        Case{"Fail to full update: no space", kFailed, "update again"},
-        Case{"Fail open lock file /run/x", kFailed, "as root"},
-        Case{"Disk space is too low", kFailed, "Disk space is too low; free some space"},
-        Case{"Cannot find suitable volume.", kFailed, "suitable volume; mount a writable volume"},
-        Case{"Failed to enum all volumes: 13", kFailed, "volumes.conf"},
-        Case{"tarnarchive_open /v/p failed, ret: 0", kFailed, "/usr/tarn/etc/codesign/6"},
-        Case{"tarnarchive_extract /v/p failed, ret: 0", kFailed, "system log"},
-        Case{"Bad type conversion", kFailed, "wrong type"},
-        Case{"Invalid value 'x' for '%s/@database/autoupdate' field", kFailed, "\"install_dest\""},
-        Case{"File not exist: /usr/share/data_update/databases.conf", kFailed, "default configuration"},
-        Case{"Fail to decode: /usr/share/data_update/databases.conf", kFailed, "correct that file"},
-        Case{"Fail to set config geo:auto_update", kFailed, "/usr/tarn/etc/data_update"},
-        Case{"Fail to write: /var/lib/x", kFailed, "permissions"}, Case{"Something new", kFailed, "Something new"}));
+    testing::Values(Case{Message(messages::kUnknownProject, "x not supported"), Category::kUnknownDatabase,
+                        kUnsupported, "x not supported; the configured"},
+        Case{Message(messages::kCannotLock, kLock), Category::kLocked, kLocked, "using_geo.lock; somebody else holds"},
+        Case{Message(messages::kCannotLock, kLock, messages::kFullUpdate), Category::kLocked, kLocked, "a reader"},
+        Case{Message(messages::kCannotLock, kLock, messages::kDiffUpdate), Category::kLocked, kLocked, "a reader"},
+        Case{Message(messages::kCannotLock, kLock, messages::kForceInstall), Category::kLocked, kLocked, "a reader"},
+        Case{Message(messages::kFullUpdate, "x"), Category::kFilesMayBeAMixture, kFailed, "update again"},
+        Case{Message(messages::kDiffUpdate, "x"), Category::kFilesMayBeAMixture, kFailed, "update again"},
+        Case{Message(messages::kForceInstall, "x"), Category::kFilesMayBeAMixture, kFailed, "force it again"},
+        Case{Message(messages::kCannotOpenLock, kLock), Category::kLockUnusable, kFailed, "as root"},
+        Case{Message(messages::kCannotDownload, "http://x/"), Category::kDownload, kFailed, "check the network"},
+        Case{Message(messages::kLowSpace), Category::kLowSpace, kFailed, "; free some space"},
+        Case{Message(messages::kNoSuitableVolume), Category::kNoSuitableVolume, kFailed, "; mount a writable volume"},
+        Case{Message(messages::kCannotListVolumes, "13"), Category::kVolumesUnknown, kFailed, "volumes.conf"},
+        Case{Message(messages::kReserveOverflow), Category::kWrongConfiguration, kFailed, "min_rsv_space_inbytes"},
+        Case{Message(messages::kCannotOpenPackage, "/v/p"), Category::kPackageRefused, kFailed,
+            "/usr/tarn/etc/codesign/6"},
+        Case{Message(messages::kCannotOpenPackage, "/v/p", messages::kForceInstall), Category::kPackageRefused, kFailed,
+            "/usr/tarn/etc/codesign/6"},
+        Case{Message(messages::kCannotExtract, "/v/p"), Category::kPackageUnusable, kFailed, "system log"},
+        Case{Message(messages::kMissingSetting, "geo'-'x' not found"), Category::kWrongConfiguration, kFailed,
+            "databases.conf"},
+        Case{Message(messages::kWrongType), Category::kWrongConfiguration, kFailed, "wrong type"},
+        Case{Message(messages::kInvalidValue, "x'"), Category::kWrongConfiguration, kFailed, "\"install_dest\""},
+        Case{Message(messages::kCannotSet, "geo:auto_update"), Category::kNotWritable, kFailed,
+            "/usr/tarn/etc/data_update"},
+        Case{Message(messages::kFileNotExist, "/usr/share/data_update/databases.conf"), Category::kDefaultsMissing,
+            kFailed, "default configuration"},
+        Case{Message(messages::kFileNotExist, "/elsewhere"), Category::kOther, kFailed, "/elsewhere"},
+        Case{Message(messages::kCannotDecode, "/x.conf"), Category::kUndecodable, kFailed, "correct that file"},
+        Case{Message(messages::kCannotWrite, "/x"), Category::kNotWritable, kFailed, "permissions"},
+        Case{Message(messages::kCannotCreateDirectory, "/x"), Category::kNotWritable, kFailed, "as root"},
+        Case{Message(messages::kInvalidRecord, "x"), Category::kInvalidRecord, kFailed, "x."},
+        Case{Message(messages::kInterrupted), Category::kInterrupted, kFailed, messages::kInterrupted},
+        Case{"Something new", Category::kOther, kFailed, "Something new"}));
+
+TEST(FailureTest, FindsTheCategoryBehindTheNameOfTheProject) {
+	const std::string wrapper = Message(messages::kOnProject, "geo") + messages::kOnProjectEnd;
+	EXPECT_EQ(CategoryOf(wrapper + messages::kCannotLock + kLock), Category::kLocked);
+	EXPECT_EQ(CategoryOf(wrapper), Category::kOther);
+}
 
 TEST(FailureTest, NamesTheConfigurationFilesOfAMissingKey) {
 	EXPECT_THAT(ExplainMessage("section-key: 'config'-'db_ver' not found", 0).sentence,

@@ -114,12 +114,20 @@ TEST_F(RecordingTest, MakesALostRecordAgainThoughNothingIsUpdated) {
 TEST_F(RecordingTest, ReadsNoWholeRecordWhenNothingIsUpdated) {
 	FindNothingToUpdate();
 	const std::string path = InstalledFilesPath("geo");
-	const std::string content = test::ReadFile(path);
-	const std::string head = content.substr(0, content.find("rebuilt"));
-	WriteFile(path, head); // Whoever read on would make it again.
+	std::string content = test::ReadFile(path);
+	content.replace(content.find("rebuilt"), 1, "\""); // Whoever read on would make it again.
+	WriteFile(path, content);
 	EXPECT_CALL(*doubles_.info, GetDatabaseStatus).Times(1);
 	FindNothingToUpdate();
-	EXPECT_EQ(test::ReadFile(path), head);
+	EXPECT_EQ(test::ReadFile(path), content);
+}
+
+TEST_F(RecordingTest, MakesARecordAgainThatIsCutOff) {
+	const std::string content = test::ReadFile(InstalledFilesPath("geo"));
+	WriteFile(InstalledFilesPath("geo"), content.substr(0, content.size() - 2));
+	FindNothingToUpdate();
+	EXPECT_EQ(test::ReadFile(InstalledFilesPath("geo")).size(), content.size());
+	EXPECT_TRUE(IsSound());
 }
 
 TEST_F(RecordingTest, ComparesARecordThatIsOlderThanTheLibrarys) {
