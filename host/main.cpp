@@ -1,3 +1,4 @@
+#include "host/commands/commands.h"
 #include "host/library/interruption_watch.h"
 #include "host/own_umask.h"
 #include "host/program.h"

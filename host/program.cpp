@@ -17,7 +17,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 
 namespace tarn::ctl {
 
@@ -25,10 +28,59 @@ namespace {
 
 constexpr char kProgram[] = "tarndbudctl";
 constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
-constexpr char kFooter[] =
-    "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the database is not configured, 4 a fix is needed,\n"
-    "5 a later version is installed than the server offers, 75 a lock was not obtained; a signal ends it after it has\n"
-    "cleaned up. All that happens is told to the system log as \"tarndbudctl\".";
+constexpr char kSignals[] = "A signal ends the program after it has cleaned up. Everything that happens is written to "
+                            "the system log as \"tarndbudctl\".";
+
+struct Meaning {
+	ExitCode code;
+	const char* text;
+};
+
+constexpr Meaning kCommonMeanings[] = {{kDone, "done"}, {kFailed, "failed"}, {kUsage, "wrong usage"}};
+constexpr Meaning kMeanings[] = {
+    {kUnsupported, "the database is not configured"},
+    {kFixNeeded, "a fix is needed"},
+    {kAboveOffered, "a later version is installed than the server offers"},
+    {kLocked, "a lock was not obtained, or files are half replaced; try again later"},
+    {kNotExecutable, "the command cannot be executed"},
+    {kNotFound, "there is no such command"},
+};
+constexpr char kCommandsOwn[] = "\nAny other exit status is that of the command, or 128 plus the signal that ended it.";
+
+std::string Line(const Meaning& meaning) {
+	const std::string code = std::to_string(meaning.code);
+	return "\n" + std::string(5 - code.size(), ' ') + code + "  " + meaning.text;
+}
+
+/** The exit codes of all commands, or of those whose command asks for them. */
+template<typename Wanted>
+std::string DescribeCodes(const Wanted& is_wanted) {
+	std::string text = "Exit status:";
+	for (const Meaning& meaning : kCommonMeanings) {
+		text += Line(meaning);
+	}
+	for (const Meaning& meaning : kMeanings) {
+		text += is_wanted(meaning.code) ? Line(meaning) : "";
+	}
+	return text;
+}
+
+std::string Footer(const Command& command) {
+	const std::string details = command.details == nullptr ? "" : std::string(command.details) + "\n\n";
+	const auto has = [&](ExitCode code) {
+		return std::find(command.codes.begin(), command.codes.end(), code) != command.codes.end();
+	};
+	return details + DescribeCodes(has) + (command.tail == Tail::kCommand ? kCommandsOwn : "") + "\n" + kSignals;
+}
+
+/** The usage of a command that runs another one. */
+class TailFormatter : public CLI::Formatter {
+public:
+	std::string make_usage(const CLI::App* app, std::string name) const override {
+		std::string usage = CLI::Formatter::make_usage(app, std::move(name));
+		return usage.insert(usage.find_last_not_of('\n') + 1, " -- COMMAND...");
+	}
+};
 
 /** The system log, with a copy on the error stream when asked for. */
 class Log {
@@ -52,12 +104,13 @@ CLI::App& Group(CLI::App& app, const std::string& name) {
 
 void Declare(CLI::App& app, const Command& command, Options& options, const Command*& chosen) {
 	const std::string name = command.name;
-	const size_t blank = name.find(' ');
+	const std::size_t blank = name.find(' ');
 	CLI::App& parent = blank == std::string::npos ? app : Group(app, name.substr(0, blank));
 	CLI::App* own = parent.add_subcommand(name.substr(blank == std::string::npos ? 0 : blank + 1), command.help);
 	own->callback([&command, &chosen] { chosen = &command; });
-	if (command.details != nullptr) {
-		own->footer(std::string(command.details) + "\n\n" + kFooter);
+	own->footer(Footer(command));
+	if (command.tail == Tail::kCommand) {
+		own->formatter(std::make_shared<TailFormatter>());
 	}
 	if (command.declare != nullptr) {
 		command.declare(*own, options);
@@ -98,8 +151,9 @@ ExitCode RunGuarded(const Command& command, const Options& options, const Surrou
 	} catch (...) {
 		// What failed on its own is told as such, but the program still ends by the signal.
 		const bool is_interrupted = dataupdate::IsInterruptionRequested();
-		const Failure failure =
-		    is_interrupted && IsEarlyEnd() ? Failure{Category::kInterrupted, kInterrupted, kEndedEarly} : ExplainException(*services.io);
+		const Failure failure = is_interrupted && IsEarlyEnd()
+		                            ? Failure{Category::kInterrupted, kInterrupted, kEndedEarly}
+		                            : ExplainException(*services.io);
 		terminal.Complain(failure.sentence);
 		code = is_interrupted ? kInterrupted : failure.code;
 	}
@@ -134,7 +188,7 @@ int RunProgram(int argc, const char* const* argv, const Surroundings& surroundin
 	app.add_flag("--verbose", options.verbose, "Write the lines for the system log to the error stream as well");
 	app.require_subcommand(1);
 	app.fallthrough();
-	app.footer(kFooter);
+	app.footer(DescribeCodes([](ExitCode) { return true; }) + "\n" + kSignals);
 	for (const Command& command : surroundings.commands) {
 		Declare(app, command, options, chosen);
 	}

@@ -16,7 +16,7 @@ struct Surroundings {
 	std::ostream& err;
 	bool err_is_terminal;
 	std::function<Services(Terminal&)> make_services;
-	const std::vector<Command>& commands;
+	std::vector<Command> commands;
 };
 
 /** Runs the command that the arguments name. Never throws: every failure is a sentence on err and an exit code. */

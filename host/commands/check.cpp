@@ -141,18 +141,24 @@ ExitCode CheckDatabase(const Services& services, Report& report, const std::stri
 	return found.AreBad() ? kFixNeeded : kDone;
 }
 
-} // namespace
-
-void DeclareCheck(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "check", "Check all databases");
 	DeclareTimeout(app, options, "Seconds to wait while a database is being replaced or its files are being recorded");
 	DeclareJsonArray(app, options);
 }
 
-ExitCode RunCheck(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	Report report(services, options);
 	return report.RunEach(options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
 	    [&](const std::string& id) { return CheckDatabase(services, report, id, options.timeout_seconds); });
 }
+
+} // namespace
+
+const Command kCheckCommand = {"check", "Compare all installed files with their recorded digests",
+    "Without ids, and with --all, checks all databases. Uses no network and changes nothing. A database needs a fix "
+    "when\n"
+    "files are missing, changed or unknown, when their replacement was not finished, or when it is not installed.",
+    {kUnsupported, kFixNeeded, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

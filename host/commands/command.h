@@ -5,6 +5,7 @@
 #include "host/library/exit_codes.h"
 #include "host/library/services.h"
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -39,17 +40,16 @@ enum class Tail {
 
 /** One command. */
 struct Command {
-	const char* name;    ///< A word, or a group and a word: "volume show".
-	const char* help;    ///< One line.
-	const char* details; ///< More, for the command's own help; null when there is no more to say.
+	const char* name;              ///< A word, or a group and a word: "volume show".
+	const char* help;              ///< One line.
+	const char* details;           ///< More, for the command's own help; null when there is no more to say.
+	std::array<ExitCode, 4> codes; ///< Those that not every command has; kDone fills the rest.
 	bool needs_root;
 	bool shows_progress;
 	void (*declare)(CLI::App& app, Options& options); ///< Null when it has no options.
 	ExitCode (*run)(const Services& services, const Options& options);
 	Tail tail = Tail::kNone;
 };
-
-const std::vector<Command>& AllCommands();
 
 } // namespace tarn::ctl
 

@@ -32,18 +32,26 @@ ExitCode Fix(const Services& services, Report& report, const std::string& id) {
 	return code;
 }
 
-} // namespace
-
-void DeclareFix(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "fix", "Fix the scheduled databases");
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);
 }
 
-ExitCode RunFix(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
 	return report.RunNamedOrScheduled([&](const std::string& id) { return Fix(services, report, id); });
 }
+
+} // namespace
+
+const Command kFixCommand = {"fix", "Reinstall databases whose files are missing, changed or unknown",
+    "Without ids, and with --all, fixes the scheduled databases in the order of the configuration, up to the first "
+    "that\n"
+    "fails. Leaves an intact database alone. Installs the server's full package over any other, and of a database that "
+    "was\n"
+    "never installed.",
+    {kUnsupported, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

@@ -42,9 +42,7 @@ Outcome Install(const Services& services, const Options& options, int target) {
 	}
 }
 
-} // namespace
-
-void DeclareForceInstall(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
 	app.add_option("VERSION", options.version, "A version; 0: the server's; -N: so many before the server's")
 	    ->required();
@@ -52,7 +50,7 @@ void DeclareForceInstall(CLI::App& app, Options& options) {
 	DeclareJsonArray(app, options);
 }
 
-ExitCode RunForceInstall(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	RequireVolumeFor(services, options.id);
 	RequireIdle(services, options);
@@ -74,5 +72,15 @@ ExitCode RunForceInstall(const Services& services, const Options& options) {
 		return code;
 	});
 }
+
+} // namespace
+
+const Command kForceInstallCommand = {"force-install", "Install a chosen version over what is there",
+    "Makes the version's link from the server's link: replaces the version number wherever it occurs, also in the host "
+    "and\n"
+    "the port. Unpacks the package over the installed files, keeps installed files that are not in the package, and "
+    "runs no\n"
+    "hooks. The next update or fix brings the server's version back.",
+    {kUnsupported, kLocked}, true, true, Declare, Run, Tail::kNumber};
 
 } // namespace tarn::ctl

@@ -64,13 +64,11 @@ void PrepareForReaders(const Services& services) {
 	}
 }
 
-} // namespace
-
-void DeclareInit(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	DeclareJsonObject(app, options);
 }
 
-ExitCode RunInit(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	PrepareForReaders(services);
 	Json::Value object(Json::objectValue);
 	const std::string missing = services.config->GetCurVolume().empty() ? AdoptVolume(services, object) : "";
@@ -80,5 +78,12 @@ ExitCode RunInit(const Services& services, const Options& options) {
 	Answer(services, options, "The databases are on " + volume + ".\n" + missing, object);
 	return kDone;
 }
+
+} // namespace
+
+const Command kInitCommand = {"init", "Choose the storage volume, once when the service starts",
+    "A volume that was chosen before is kept. Fails when no volume is suitable. Makes the lock files of the installed\n"
+    "databases, so that readers without root's rights can take the locks.",
+    {kLocked}, true, false, Declare, Run};
 
 } // namespace tarn::ctl

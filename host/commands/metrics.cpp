@@ -153,13 +153,11 @@ void MeasureVolume(const Services& services, Metrics& metrics) {
 	}
 }
 
-} // namespace
-
-void DeclareMetrics(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	app.add_option("--output", options.path, "Replace this file as a whole instead of printing");
 }
 
-ExitCode RunMetrics(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	Metrics metrics;
 	const std::optional<Document> document = ReadDocument(services);
 	if (document) {
@@ -180,5 +178,14 @@ ExitCode RunMetrics(const Services& services, const Options& options) {
 	}
 	return code;
 }
+
+} // namespace
+
+const Command kMetricsCommand = {"metrics", "Print measurements for Prometheus",
+    "For the text-file collector of a node exporter, for example with --output\n"
+    "/var/lib/prometheus/node-exporter/tarndbud.prom. Uses no network: the offered versions are those of the server's "
+    "last\n"
+    "document, whose time is printed as well.",
+    {}, true, false, Declare, Run};
 
 } // namespace tarn::ctl

@@ -125,20 +125,26 @@ ExitCode RunChild(const std::vector<std::string>& command, Terminal& terminal) {
 	return static_cast<ExitCode>(WIFEXITED(status) ? WEXITSTATUS(status) : kSignalBase + WTERMSIG(status));
 }
 
-} // namespace
-
-void DeclareRead(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
 	DeclareTimeout(app, options, "Seconds to wait while the database is being replaced");
 	app.add_flag("--even-unfinished", options.even_unfinished,
 	    "Read even if the last replacement of the files was not finished, so that they may be of two versions");
 }
 
-ExitCode RunRead(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const std::unique_ptr<ReaderLock> lock = TakeLockOnWhole(services, options);
 	RequireNotInterrupted();
 	return RunChild(options.command, services.terminal);
 }
+
+} // namespace
+
+const Command kReadCommand = {"read", "Run a command while a database cannot be replaced",
+    "Does not run the command when the lock was not obtained, or when the last replacement of the files was not "
+    "finished.\n"
+    "The command does not inherit the lock: a process that it leaves running in the background does not hold the lock.",
+    {kUnsupported, kLocked, kNotExecutable, kNotFound}, false, false, Declare, Run, Tail::kCommand};
 
 } // namespace tarn::ctl

@@ -41,9 +41,7 @@ bool DropDocumentUnderLock() {
 	                            "again when that has ended");
 }
 
-} // namespace
-
-ExitCode RunRefresh(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	const bool dropped = DropDocumentUnderLock();
 	Json::Value object(Json::objectValue);
 	object["dropped"] = dropped;
@@ -53,5 +51,11 @@ ExitCode RunRefresh(const Services& services, const Options& options) {
 	    object);
 	return kDone;
 }
+
+} // namespace
+
+const Command kRefreshCommand = {"refresh", "Drop the cached server document",
+    "The document is otherwise used for an hour, even if it is a login page that a network sent in its place.",
+    {kLocked}, true, false, DeclareJsonObject, Run};
 
 } // namespace tarn::ctl

@@ -45,9 +45,7 @@ void SetScheduled(const Services& services, const std::string& id, bool schedule
 	WriteWholeFile(path, FormatJson(sections));
 }
 
-} // namespace
-
-void DeclareSchedule(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
 	app.add_option("STATE", options.state, "Whether scheduled updates include it")
 	    ->required()
@@ -55,7 +53,7 @@ void DeclareSchedule(CLI::App& app, Options& options) {
 	DeclareJsonObject(app, options);
 }
 
-ExitCode RunSchedule(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const bool scheduled = options.state == kOn;
 	const dataupdate::InterruptionShield shield;
@@ -66,5 +64,10 @@ ExitCode RunSchedule(const Services& services, const Options& options) {
 	Answer(services, options, options.id + (scheduled ? ": scheduled\n" : ": not scheduled\n"), object);
 	return kDone;
 }
+
+} // namespace
+
+const Command kScheduleCommand = {"schedule", "Include a database in scheduled updates, or exclude it", nullptr,
+    {kUnsupported, kLocked}, true, false, Declare, Run};
 
 } // namespace tarn::ctl

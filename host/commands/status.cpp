@@ -83,14 +83,12 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 	}
 }
 
-} // namespace
-
-void DeclareStatus(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.ids, "Databases; without one, all of them");
 	app.add_flag("--json", options.json, "Print an array of objects");
 }
 
-ExitCode RunStatus(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	for (const std::string& id : options.ids) {
 		services.config->CheckSupported(id);
 	}
@@ -116,5 +114,14 @@ ExitCode RunStatus(const Services& services, const Options& options) {
 	}
 	return code;
 }
+
+} // namespace
+
+const Command kStatusCommand = {"status", "Show what is installed and what the server offers",
+    "Asks the server at most once, and not while its last answer is at most an hour old. When the server cannot be\n"
+    "reached, the command does not fail: the offered version is shown as unknown, with the reason. The age is that of "
+    "the\n"
+    "signed package.",
+    {kUnsupported, kAboveOffered}, true, false, Declare, Run};
 
 } // namespace tarn::ctl

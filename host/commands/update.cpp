@@ -84,18 +84,27 @@ ExitCode Update(const Services& services, Report& report, const std::string& id)
 	return code;
 }
 
-} // namespace
-
-void DeclareUpdate(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "update", "Update the scheduled databases");
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);
 }
 
-ExitCode RunUpdate(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
 	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, report, id); });
 }
+
+} // namespace
+
+const Command kUpdateCommand = {"update", "Bring databases to the server's version",
+    "Without ids, and with --all, updates the scheduled databases in the order of the configuration, up to the first "
+    "that\n"
+    "fails. Tries all databases that are named; the exit status is then that of the first failure. Fails when nothing "
+    "could\n"
+    "be updated because there is no storage volume. Leaves a later version than the server's alone, and updates the "
+    "others.",
+    {kUnsupported, kAboveOffered, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

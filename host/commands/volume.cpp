@@ -37,13 +37,11 @@ std::string VolumeToText(const std::string& volume, const TARNMountVolInfo* reco
 	       (record->writable != 0 ? "" : ", not writable") + (problem.empty() ? "" : ", not safe: " + problem) + "\n";
 }
 
-} // namespace
-
-void DeclareVolumeShow(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
 	DeclareJsonObject(app, options);
 }
 
-ExitCode RunVolumeShow(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	const std::string volume = services.config->GetCurVolume();
 	const auto record = std::make_unique<TARNMountVolInfo>();
 	const bool available = !volume.empty() && TARNMountVolInfoGet(volume.c_str(), record.get()) == 0;
@@ -51,5 +49,10 @@ ExitCode RunVolumeShow(const Services& services, const Options& options) {
 	Answer(services, options, VolumeToText(volume, shown), VolumeToJson(volume, shown));
 	return kDone;
 }
+
+} // namespace
+
+const Command kVolumeShowCommand = {
+    "volume show", "Show the volume that holds the databases", nullptr, {}, false, false, Declare, Run};
 
 } // namespace tarn::ctl

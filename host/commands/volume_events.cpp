@@ -202,8 +202,6 @@ void AnswerUnsuitable(const Services& services, const Options& options, const st
 	    object);
 }
 
-} // namespace
-
 void DeclareVolumeMounted(CLI::App& app, Options& options) {
 	app.add_option("PATH", options.path, "Mount path of the volume")->required();
 	DeclareJsonObject(app, options);
@@ -262,5 +260,20 @@ ExitCode RunVolumeUnmounting(const Services& services, const Options& options) {
 	AnswerToUnmount(services, options, MoveAway(services, path), path);
 	return kDone;
 }
+
+} // namespace
+
+const Command kVolumeMountedCommand = {"volume mounted", "Adopt a volume that was mounted, when none is in use",
+    "Does nothing when a volume is in use, or when this volume is not suitable. Names the databases that are missing "
+    "or\n"
+    "incomplete on the volume; the next update installs them again.",
+    {kLocked}, true, false, DeclareVolumeMounted, RunVolumeMounted};
+
+const Command kVolumeUnmountingCommand = {"volume unmounting",
+    "Move the databases away from a volume that is about to be unmounted",
+    "Moves them to the first other suitable volume. Without such a volume they stay, and are not updated until a "
+    "volume is\n"
+    "mounted. First waits for a running update and for readers. A volume that is not available is given up.",
+    {kLocked}, true, false, DeclareVolumeUnmounting, RunVolumeUnmounting};
 
 } // namespace tarn::ctl

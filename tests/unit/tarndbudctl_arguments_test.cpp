@@ -12,9 +12,10 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 const std::vector<Command>& Commands() {
-	static const std::vector<Command> kCommands = {{"run", "", nullptr, false, false, nullptr, nullptr, Tail::kCommand},
-	    {"take", "", nullptr, false, false, nullptr, nullptr, Tail::kNumber},
-	    {"plain", "", nullptr, false, false, nullptr, nullptr, Tail::kNone}};
+	static const std::vector<Command> kCommands = {
+	    {"run", "", nullptr, {}, false, false, nullptr, nullptr, Tail::kCommand},
+	    {"take", "", nullptr, {}, false, false, nullptr, nullptr, Tail::kNumber},
+	    {"plain", "", nullptr, {}, false, false, nullptr, nullptr, Tail::kNone}};
 	return kCommands;
 }
 

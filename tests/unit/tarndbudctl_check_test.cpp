@@ -91,7 +91,7 @@ protected:
 		options.ids = {"geo"};
 		options.json = true;
 		doubles_.out.str("");
-		RunCheck(doubles_.services, options);
+		kCheckCommand.run(doubles_.services, options);
 		Json::Value array;
 		std::istringstream(doubles_.out.str()) >> array;
 		return array[0];
@@ -100,7 +100,7 @@ protected:
 		Options options;
 		options.ids = std::move(ids);
 		options.timeout_seconds = timeout_seconds;
-		return RunCheck(doubles_.services, options);
+		return kCheckCommand.run(doubles_.services, options);
 	}
 	void Damage() { WriteFile(directory_ / "file", "CONTENT"); }
 	/** The second look, which keeps updates away, finds another file bad if it looks at it. */

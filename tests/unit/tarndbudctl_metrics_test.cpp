@@ -56,7 +56,7 @@ protected:
 	}
 	std::string Run(ExitCode code = kDone) {
 		doubles_.out.str("");
-		EXPECT_EQ(RunMetrics(doubles_.services, options_), code);
+		EXPECT_EQ(kMetricsCommand.run(doubles_.services, options_), code);
 		return doubles_.out.str();
 	}
 

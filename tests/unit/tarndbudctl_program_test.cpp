@@ -16,6 +16,7 @@ namespace tarn::ctl {
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 ExitCode Fail(const Services&, const Options& options) {
@@ -57,8 +58,8 @@ protected:
 	int Run(std::vector<const char*> arguments, const std::vector<Command>& commands) {
 		arguments.insert(arguments.begin(), "tarndbudctl");
 		const auto make_services = [this](Terminal& terminal) {
-			return Services{doubles_.io, doubles_.config, doubles_.info, doubles_.services.update, doubles_.checker, terminal,
-			    doubles_.services.is_available};
+			return Services{doubles_.io, doubles_.config, doubles_.info, doubles_.services.update, doubles_.checker,
+			    terminal, doubles_.services.is_available};
 		};
 		out_.str("");
 		err_.str("");
@@ -69,10 +70,10 @@ protected:
 	test::Doubles doubles_;
 	std::ostringstream out_;
 	std::ostringstream err_;
-	std::vector<Command> commands_ = {{"good", "Works", nullptr, false, false, nullptr, Succeed},
-	    {"bad", "Fails", "In many ways.", false, true, DeclareStatus, Fail},
-	    {"group one", "First", nullptr, false, false, nullptr, Succeed},
-	    {"group two", "Second", nullptr, false, false, nullptr, Fail}};
+	std::vector<Command> commands_ = {{"good", "Works", nullptr, {}, false, false, nullptr, Succeed},
+	    {"bad", "Fails", "In many ways.", {kLocked}, false, true, kStatusCommand.declare, Fail},
+	    {"group one", "First", nullptr, {}, false, false, nullptr, Succeed},
+	    {"group two", "Second", nullptr, {}, false, false, nullptr, Fail}};
 };
 
 TEST_F(ProgramTest, EndsWithTheCommandsOwnStatus) {
@@ -115,8 +116,16 @@ TEST_F(ProgramTest, TellsItsVersionAndHelpOnStandardOutput) {
 	EXPECT_THAT(out_.str(), StartsWith("tarndbudctl 1."));
 	EXPECT_EQ(Run({"bad", "--help"}), 0);
 	EXPECT_THAT(out_.str(), HasSubstr("In many ways."));
-	EXPECT_THAT(out_.str(), HasSubstr("75 a lock was not obtained"));
+	EXPECT_THAT(out_.str(), HasSubstr("75  a lock was not obtained"));
+	EXPECT_THAT(out_.str(), Not(HasSubstr("a fix is needed"))) << "the command does not end with 4";
 	EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(ProgramTest, ShowsTheWholeUsageOfACommandThatRunsAnotherOne) {
+	EXPECT_EQ(Run({"read", "--help"}, AllCommands()), 0);
+	EXPECT_THAT(out_.str(), HasSubstr("Usage: tarndbudctl read [OPTIONS] ID -- COMMAND...\n"));
+	EXPECT_EQ(out_.str().find("Usage:"), out_.str().rfind("Usage:"));
+	EXPECT_THAT(out_.str(), HasSubstr("127  there is no such command"));
 }
 
 TEST_F(ProgramTest, SaysThatItEndedEarlyInThePlaceOfTheFailureThatCameOfIt) {

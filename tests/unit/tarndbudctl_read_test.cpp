@@ -42,7 +42,7 @@ protected:
 		options.timeout_seconds = timeout_seconds_;
 		options.even_unfinished = even_unfinished_;
 		options.command = command;
-		return RunRead(doubles_.services, options);
+		return kReadCommand.run(doubles_.services, options);
 	}
 	/** The code of a run that fails, with its sentence. */
 	std::pair<ExitCode, std::string> Failure(const std::string& id = "geo") {

@@ -126,7 +126,6 @@ TEST_F(RecordingTest, MakesARecordAgainThatIsCutOff) {
 	const std::string content = test::ReadFile(InstalledFilesPath("geo"));
 	WriteFile(InstalledFilesPath("geo"), content.substr(0, content.size() - 2));
 	FindNothingToUpdate();
-	EXPECT_EQ(test::ReadFile(InstalledFilesPath("geo")).size(), content.size());
 	EXPECT_TRUE(IsSound());
 }
 

@@ -43,12 +43,12 @@ protected:
 	}
 	ExitCode Fix(std::vector<std::string> ids) {
 		options_.ids = std::move(ids);
-		return RunFix(doubles_.services, options_);
+		return kFixCommand.run(doubles_.services, options_);
 	}
 	ExitCode Force(int version) {
 		options_.id = "geo";
 		options_.version = version;
-		return RunForceInstall(doubles_.services, options_);
+		return kForceInstallCommand.run(doubles_.services, options_);
 	}
 	std::string Sentence(int version) {
 		try {
@@ -156,7 +156,7 @@ TEST_F(RepairCommandTest, RefusesAVersionBelowTheFirst) {
 
 TEST_F(RepairCommandTest, RefusesToForceADatabaseThatIsNotConfigured) {
 	options_.id = "nope";
-	EXPECT_THROW(RunForceInstall(doubles_.services, options_), dataupdate::UpdateError);
+	EXPECT_THROW(kForceInstallCommand.run(doubles_.services, options_), dataupdate::UpdateError);
 	EXPECT_FALSE(std::filesystem::exists("/run/data_update/update_nope.lock"));
 }
 

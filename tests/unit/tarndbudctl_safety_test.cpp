@@ -108,14 +108,14 @@ TEST_F(SafePlacesTest, EndWithTheDatabasesOwnDirectory) {
 
 TEST_F(SafePlacesTest, DecideWhichVolumeIsChosen) {
 	Open(first_);
-	EXPECT_EQ(Run(RunInit), "The databases are on " + second_ + ".\n");
+	EXPECT_EQ(Run(kInitCommand.run), "The databases are on " + second_ + ".\n");
 	EXPECT_FALSE(std::filesystem::exists(first_ + "/@database"));
 }
 
 TEST_F(SafePlacesTest, AreNamedWhenNoVolumeIsChosen) {
 	Open(first_);
 	std::filesystem::create_directory_symlink("/var", second_ + "/@tmp");
-	const std::string refusal = RefusalOf(RunInit);
+	const std::string refusal = RefusalOf(kInitCommand.run);
 	EXPECT_THAT(refusal, HasSubstr(first_ + kWritable + ", " + second_ + "/@tmp is a link; "));
 	EXPECT_EQ(Volume(), "");
 }
@@ -123,15 +123,15 @@ TEST_F(SafePlacesTest, AreNamedWhenNoVolumeIsChosen) {
 TEST_F(SafePlacesTest, AreAskedForOfTheVolumeInUseAtTheStart) {
 	UseVolume(first_);
 	Open(first_);
-	EXPECT_EQ(RefusalOf(RunInit), first_ + kWritable + kRemedy);
+	EXPECT_EQ(RefusalOf(kInitCommand.run), first_ + kWritable + kRemedy);
 }
 
 TEST_F(SafePlacesTest, DecideWhetherAMountedVolumeIsAdopted) {
 	Open(first_);
-	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr(first_ + " is not suitable: " + first_ + kWritable + "; "));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr(first_ + " is not suitable: " + first_ + kWritable + "; "));
 	EXPECT_EQ(Volume(), "");
 	options_.json = true;
-	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr("\"problem\" : \"" + first_ + kWritable + "\""));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr("\"problem\" : \"" + first_ + kWritable + "\""));
 }
 
 TEST_F(SafePlacesTest, AreAskedForOfTheVolumeToWhichDatabasesMove) {
@@ -139,7 +139,7 @@ TEST_F(SafePlacesTest, AreAskedForOfTheVolumeToWhichDatabasesMove) {
 	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
 	Open(second_);
 	EXPECT_THAT(
-	    Run(RunVolumeUnmounting, first_), EndsWith("What is not safe is not used: " + second_ + kWritable + ".\n"));
+	    Run(kVolumeUnmountingCommand.run, first_), EndsWith("What is not safe is not used: " + second_ + kWritable + ".\n"));
 	EXPECT_EQ(test::ReadFile(first_ + "/@database/autoupdate/geo/file"), "content");
 	EXPECT_FALSE(std::filesystem::exists(second_ + "/@database"));
 }
@@ -148,7 +148,7 @@ TEST_F(SafePlacesTest, AreAskedForOfTheVolumeThatDatabasesLeave) {
 	UseVolume(first_);
 	WriteFile(first_ + "/@database/autoupdate/geo/file", "planted");
 	Open(first_ + "/@database");
-	EXPECT_EQ(RefusalOf(RunVolumeUnmounting, first_), first_ + "/@database" + kWritable + kRemedy);
+	EXPECT_EQ(RefusalOf(kVolumeUnmountingCommand.run, first_), first_ + "/@database" + kWritable + kRemedy);
 	EXPECT_EQ(Volume(), first_);
 	EXPECT_FALSE(std::filesystem::exists(second_ + "/@database"));
 }
@@ -156,9 +156,9 @@ TEST_F(SafePlacesTest, AreAskedForOfTheVolumeThatDatabasesLeave) {
 TEST_F(SafePlacesTest, AreToldOfByVolumeShow) {
 	UseVolume(first_);
 	Open(first_);
-	EXPECT_THAT(Run(RunVolumeShow), EndsWith(", not safe: " + first_ + kWritable + "\n"));
+	EXPECT_THAT(Run(kVolumeShowCommand.run), EndsWith(", not safe: " + first_ + kWritable + "\n"));
 	options_.json = true;
-	EXPECT_THAT(Run(RunVolumeShow), HasSubstr("\"safe\" : false"));
+	EXPECT_THAT(Run(kVolumeShowCommand.run), HasSubstr("\"safe\" : false"));
 }
 
 TEST_F(SafePlacesTest, StopUpdatesBeforeTheyWriteAndAreToldOfByStatus) {
@@ -169,13 +169,13 @@ TEST_F(SafePlacesTest, StopUpdatesBeforeTheyWriteAndAreToldOfByStatus) {
 	EXPECT_CALL(*doubles.updater, Update).Times(0);
 	Options options;
 	options.ids = {"geo"};
-	EXPECT_EQ(RunUpdate(doubles.services, options), kFailed);
+	EXPECT_EQ(kUpdateCommand.run(doubles.services, options), kFailed);
 	EXPECT_THAT(doubles.err.str(), HasSubstr("geo: " + first_ + kWritable + kRemedy));
 	doubles.err.str("");
-	EXPECT_EQ(RunStatus(doubles.services, options), kDone);
+	EXPECT_EQ(kStatusCommand.run(doubles.services, options), kDone);
 	EXPECT_THAT(doubles.err.str(), HasSubstr("Nothing is updated, because the volume is not safe: "));
 	options.json = true;
-	EXPECT_EQ(RunStatus(doubles.services, options), kDone);
+	EXPECT_EQ(kStatusCommand.run(doubles.services, options), kDone);
 	EXPECT_THAT(doubles.out.str(), HasSubstr("\"volume_problem\" : \"" + first_ + kWritable + "\""));
 }
 

@@ -35,7 +35,7 @@ protected:
 		Options options;
 		options.id = id;
 		options.state = state;
-		return RunSchedule(services_, options);
+		return kScheduleCommand.run(services_, options);
 	}
 	bool IsScheduled(const std::string& id) { return services_.config->GetDatabaseConfig(id)->GetScheduled(); }
 

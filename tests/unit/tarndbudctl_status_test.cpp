@@ -32,7 +32,7 @@ protected:
 		Options options;
 		options.ids = std::move(ids);
 		options.json = json;
-		return RunStatus(doubles_.services, options);
+		return kStatusCommand.run(doubles_.services, options);
 	}
 	Json::Value RunJson(std::vector<std::string> ids) {
 		EXPECT_EQ(Run(std::move(ids), true), kDone);

@@ -41,7 +41,7 @@ protected:
 		Options options;
 		options.ids = std::move(ids);
 		options.no_wait = no_wait;
-		return RunUpdate(doubles_.services, options);
+		return kUpdateCommand.run(doubles_.services, options);
 	}
 	/** Lets updates of a database succeed, and the record follow them. */
 	void LetSucceed(const std::string& id) {
@@ -130,7 +130,7 @@ TEST_F(UpdateCommandTest, DoesNotTakeALaterVersionThanTheServersForUpToDate) {
 	options.ids = {"geo"};
 	options.json = true;
 	doubles_.out.str("");
-	EXPECT_EQ(RunUpdate(doubles_.services, options), kAboveOffered);
+	EXPECT_EQ(kUpdateCommand.run(doubles_.services, options), kAboveOffered);
 	EXPECT_EQ(doubles_.out.str(),
 	    "[\n\t{\n\t\t\"exit_status\" : 5,\n\t\t\"id\" : \"geo\",\n\t\t\"offered_version\" : 5,"
 	    "\n\t\t\"result\" : \"above offered\",\n\t\t\"version\" : 11\n\t}\n]\n");
@@ -194,7 +194,7 @@ TEST_F(UpdateCommandTest, SaysThatItReinstalledWhatWasUnfinished) {
 	options.ids = {"geo"};
 	options.json = true;
 	LeaveUnfinished("geo"); // The first reinstallation has ended that.
-	EXPECT_EQ(RunUpdate(doubles_.services, options), kDone);
+	EXPECT_EQ(kUpdateCommand.run(doubles_.services, options), kDone);
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("\"result\" : \"reinstalled\""));
 	EXPECT_THAT(doubles_.out.str(), testing::Not(HasSubstr("previous_version")));
 }

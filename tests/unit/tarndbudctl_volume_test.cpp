@@ -118,15 +118,15 @@ protected:
 };
 
 TEST_F(VolumeCommandTest, AdoptsAMountedVolumeWhenNoneIsInUse) {
-	EXPECT_EQ(Run(RunVolumeMounted, second_ + "/"), "The databases are on " + second_ + " from now on.\n");
+	EXPECT_EQ(Run(kVolumeMountedCommand.run, second_ + "/"), "The databases are on " + second_ + " from now on.\n");
 	EXPECT_EQ(Volume(), second_);
-	EXPECT_EQ(Run(RunVolumeMounted, first_), "The databases stay on " + second_ + ".\n");
+	EXPECT_EQ(Run(kVolumeMountedCommand.run, first_), "The databases stay on " + second_ + ".\n");
 	EXPECT_EQ(Volume(), second_);
 }
 
 TEST_F(VolumeCommandTest, RefusesWhatIsNoVolume) {
 	options_.path = "/nowhere";
-	EXPECT_THROW(RunVolumeMounted(services_, options_), CommandError);
+	EXPECT_THROW(kVolumeMountedCommand.run(services_, options_), CommandError);
 	EXPECT_EQ(Volume(), "");
 }
 
@@ -134,7 +134,7 @@ TEST_F(VolumeCommandTest, DoesNotAdoptAnUnsuitableVolume) {
 	WriteFile("/usr/share/data_update/databases.conf",
 	    R"({"geo":{"min_rsv_space_inbytes":4294967295}, "zip":{"min_rsv_space_inbytes":4294967295}})");
 	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\nexclude " + first_ + "\n");
-	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr(first_ + " is not suitable"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr(first_ + " is not suitable"));
 	EXPECT_EQ(Volume(), "");
 }
 
@@ -142,7 +142,7 @@ TEST_F(VolumeCommandTest, MovesTheDatabasesAway) {
 	UseVolume(first_);
 	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
 	options_.json = true;
-	const std::string answer = Run(RunVolumeUnmounting, first_ + "/");
+	const std::string answer = Run(kVolumeUnmountingCommand.run, first_ + "/");
 	EXPECT_THAT(answer, HasSubstr("\"result\" : \"moved\""));
 	EXPECT_THAT(answer, HasSubstr("\"volume\" : \"" + second_ + "\""));
 	EXPECT_EQ(Volume(), second_);
@@ -159,7 +159,7 @@ TEST_F(VolumeCommandTest, LetsTheRecordsFollowTheFiles) {
 	status.file_statuses["relative"] = dataupdate::FileStatus("b");
 	status.file_statuses["/elsewhere"] = dataupdate::FileStatus("c");
 	services_.info->SetDatabaseStatus("geo", status);
-	Run(RunVolumeUnmounting, first_);
+	Run(kVolumeUnmountingCommand.run, first_);
 	const std::map<std::string, dataupdate::FileStatus> expected = {
 	    {second_ + "/@database/autoupdate/geo/file", dataupdate::FileStatus("a")},
 	    {"relative", dataupdate::FileStatus("b")}, {"/elsewhere", dataupdate::FileStatus("c")}};
@@ -170,14 +170,14 @@ TEST_F(VolumeCommandTest, LetsTheRecordsFollowTheFiles) {
 TEST_F(VolumeCommandTest, KeepsTheMarkOfAnUnfinishedReplacementThroughAMove) {
 	Install(first_);
 	WriteFile(kMark, "");
-	Run(RunVolumeUnmounting, first_);
+	Run(kVolumeUnmountingCommand.run, first_);
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{second_ + kFile});
 }
 
 TEST_F(VolumeCommandTest, LeavesNoMarkBehindAMove) {
 	Install(first_);
-	Run(RunVolumeUnmounting, first_);
+	Run(kVolumeUnmountingCommand.run, first_);
 	EXPECT_FALSE(std::filesystem::exists(kMark));
 }
 
@@ -185,7 +185,7 @@ TEST_F(VolumeCommandTest, LeavesNoMarkWhenNothingWasMoved) {
 	Install(first_);
 	WriteFile(second_ + "/@database/autoupdate/in the way", "");
 	options_.path = first_;
-	EXPECT_THROW(RunVolumeUnmounting(services_, options_), CommandError);
+	EXPECT_THROW(kVolumeUnmountingCommand.run(services_, options_), CommandError);
 	EXPECT_FALSE(std::filesystem::exists(kMark));
 	EXPECT_TRUE(std::filesystem::exists(second_ + "/@database/autoupdate/in the way"));
 	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{first_ + kFile});
@@ -198,7 +198,7 @@ TEST_F(VolumeCommandTest, MovesNothingThatItCannotMark) {
 	    mount(nullptr, records, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
 		GTEST_SKIP() << "nothing can be mounted here";
 	}
-	EXPECT_THAT(Refusal(RunVolumeUnmounting, first_), HasSubstr("Fail to mark replacement: "));
+	EXPECT_THAT(Refusal(kVolumeUnmountingCommand.run, first_), HasSubstr("Fail to mark replacement: "));
 	EXPECT_EQ(umount(records), 0);
 	EXPECT_EQ(ReadFile(first_ + kFile), "content");
 	EXPECT_FALSE(std::filesystem::exists(second_ + kFile));
@@ -206,7 +206,7 @@ TEST_F(VolumeCommandTest, MovesNothingThatItCannotMark) {
 
 TEST_F(VolumeCommandTest, GivesUpAVolumeThatVanished) {
 	UseVolume(directory_ / "gone");
-	EXPECT_THAT(Run(RunVolumeUnmounting, directory_ / "gone"), HasSubstr("is not available and was given up"));
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, directory_ / "gone"), HasSubstr("is not available and was given up"));
 	EXPECT_EQ(Volume(), "");
 }
 
@@ -214,7 +214,7 @@ TEST_F(VolumeCommandTest, MarksWhatAnAdoptedVolumeLacks) {
 	Install(first_);
 	UseVolume("");
 	ListVolumes({second_});
-	EXPECT_THAT(Run(RunVolumeMounted, second_), HasSubstr("to be installed anew by the next update: geo\n"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, second_), HasSubstr("to be installed anew by the next update: geo\n"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{second_ + kFile});
 }
@@ -224,7 +224,7 @@ TEST_F(VolumeCommandTest, MarksWhatIsOtherwiseThanRecordedOnAnAdoptedVolume) {
 	WriteFile(first_ + kFile, "cut off");
 	UseVolume("");
 	options_.json = true;
-	EXPECT_EQ(RunInit(services_, options_), kDone);
+	EXPECT_EQ(kInitCommand.run(services_, options_), kDone);
 	EXPECT_EQ(out_.str(), "{\n\t\"incomplete\" : \n\t[\n\t\t\"geo\"\n\t],\n\t\"volume\" : \"" + first_ + "\"\n}\n");
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 }
@@ -237,7 +237,7 @@ TEST_F(VolumeCommandTest, MarksNothingThatIsWholeOnAnAdoptedVolume) {
 		services_.info->SetDatabaseStatus(elsewhere, services_.info->GetDatabaseStatus("geo"));
 	}
 	UseVolume("");
-	EXPECT_EQ(Run(RunVolumeMounted, first_), "The databases are on " + first_ + " from now on.\n");
+	EXPECT_EQ(Run(kVolumeMountedCommand.run, first_), "The databases are on " + first_ + " from now on.\n");
 	EXPECT_FALSE(std::filesystem::exists(kMark));
 }
 
@@ -247,7 +247,7 @@ TEST_F(VolumeCommandTest, MarksAForcedVersionThatAnAdoptedVolumeLacks) {
 	forced.data_version = 3;
 	services_.info->SetDatabaseStatus("geo", forced);
 	UseVolume("");
-	EXPECT_THAT(Run(RunVolumeMounted, second_), HasSubstr("geo"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, second_), HasSubstr("geo"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 }
 
@@ -273,7 +273,7 @@ TEST_F(VolumeCommandTest, MarksBeforeAVolumeIsAdoptedAndIsKilled) {
 	ListVolumes({second_});
 	options_.path = second_;
 	services_.info = std::make_shared<FragileInfo>(services_, [](const std::string&) { raise(SIGKILL); });
-	for (auto* command : {RunInit, RunVolumeMounted}) {
+	for (auto* command : {kInitCommand.run, kVolumeMountedCommand.run}) {
 		UseVolume("");
 		WriteFile("/usr/tarn/etc/data_update/data_update.conf", "{}");
 		std::filesystem::remove(kMark);
@@ -292,7 +292,7 @@ TEST_F(VolumeCommandTest, AdoptsTheOthersWhenOneDatabaseFails) {
 			throw std::runtime_error("broken");
 		}
 	});
-	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr("installed anew by the next update: geo\n"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr("installed anew by the next update: geo\n"));
 	EXPECT_THAT(err_.str(), HasSubstr("geo: broken."));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
@@ -303,7 +303,7 @@ TEST_F(VolumeCommandTest, NamesAMalformedRecordAndAdoptsTheOthers) {
 	InstallSecond(first_);
 	WriteFile("/var/lib/data_update/geo/version.json", kMalformed);
 	UseVolume("");
-	EXPECT_THAT(Run(RunInit, ""), HasSubstr("installed anew by the next update: geo\n"));
+	EXPECT_THAT(Run(kInitCommand.run, ""), HasSubstr("installed anew by the next update: geo\n"));
 	EXPECT_THAT(err_.str(), HasSubstr("geo: The record of what is installed"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
@@ -314,7 +314,7 @@ TEST_F(VolumeCommandTest, MovesAMalformedRecordsDatabaseMarked) {
 	Install(first_);
 	InstallSecond(first_);
 	WriteFile("/var/lib/data_update/geo/version.json", kMalformed);
-	EXPECT_THAT(Run(RunVolumeUnmounting, first_), HasSubstr("were moved"));
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_), HasSubstr("were moved"));
 	EXPECT_THAT(err_.str(), HasSubstr("geo: The record of what is installed"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
@@ -326,9 +326,9 @@ TEST_F(VolumeCommandTest, TakesItsOwnMarksAwayWhenNoVolumeIsAdopted) {
 	WriteFile(kSecondMark, "");
 	UseVolume("");
 	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\nexclude " + first_ + "\n");
-	EXPECT_THAT(Run(RunVolumeMounted, first_), HasSubstr("is not suitable"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr("is not suitable"));
 	EXPECT_FALSE(std::filesystem::exists(kMark));
-	EXPECT_THROW(RunInit(services_, options_), dataupdate::UpdateError);
+	EXPECT_THROW(kInitCommand.run(services_, options_), dataupdate::UpdateError);
 	EXPECT_FALSE(std::filesystem::exists(kMark));
 	EXPECT_TRUE(std::filesystem::exists(kSecondMark));
 }
@@ -336,7 +336,7 @@ TEST_F(VolumeCommandTest, TakesItsOwnMarksAwayWhenNoVolumeIsAdopted) {
 TEST_F(VolumeCommandTest, MovesAwayFromAVolumeThatIsNotListedAnyMore) {
 	Install(first_);
 	ListVolumes({second_});
-	EXPECT_EQ(Run(RunVolumeUnmounting, first_), "The databases were moved from " + first_ + " to " + second_ + ".\n");
+	EXPECT_EQ(Run(kVolumeUnmountingCommand.run, first_), "The databases were moved from " + first_ + " to " + second_ + ".\n");
 	EXPECT_EQ(ReadFile(second_ + kFile), "content");
 }
 
@@ -351,7 +351,7 @@ TEST_F(VolumeCommandTest, GivesUpAVolumeThatDoesNotAnswer) {
 	if (!mounted) {
 		GTEST_SKIP() << "nothing can be mounted here";
 	}
-	EXPECT_THAT(Run(RunVolumeUnmounting, first_), HasSubstr("was given up, so no volume is in use"));
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_), HasSubstr("was given up, so no volume is in use"));
 	EXPECT_EQ(umount2(first_.c_str(), MNT_DETACH), 0);
 	EXPECT_EQ(Volume(), "");
 }
@@ -363,7 +363,7 @@ TEST_F(VolumeCommandTest, GivesNothingUpWhenNobodyCanTellWhetherAVolumeIsThere) 
 			TLIBCErrSet(error);
 			return false;
 		};
-		const std::string refusal = Refusal(RunVolumeUnmounting, first_);
+		const std::string refusal = Refusal(kVolumeUnmountingCommand.run, first_);
 		EXPECT_THAT(refusal, HasSubstr("so nothing was changed (" + std::string(std::strerror(error)) + ")"));
 		EXPECT_EQ(Volume(), first_);
 	}
@@ -372,7 +372,7 @@ TEST_F(VolumeCommandTest, GivesNothingUpWhenNobodyCanTellWhetherAVolumeIsThere) 
 TEST_F(VolumeCommandTest, FailsWithTheCauseWhenNoVolumesCanBeListed) {
 	Install(first_);
 	ListVolumes({});
-	EXPECT_THAT(Refusal(RunVolumeUnmounting, first_), HasSubstr("could not be moved: Failed to enum all volumes: "));
+	EXPECT_THAT(Refusal(kVolumeUnmountingCommand.run, first_), HasSubstr("could not be moved: Failed to enum all volumes: "));
 	EXPECT_FALSE(std::filesystem::exists(kMark));
 	EXPECT_EQ(ReadFile(first_ + kFile), "content");
 }
@@ -382,9 +382,9 @@ TEST_F(VolumeCommandTest, LeavesTheVolumeOfAnotherRunThatWasFaster) {
 	services_.config = config;
 	EXPECT_CALL(*config, SetCurVolume).Times(0);
 	EXPECT_CALL(*config, GetCurVolume).WillOnce(Return(first_)).WillRepeatedly(Return(second_));
-	EXPECT_EQ(Run(RunVolumeUnmounting, first_), "The databases are not on " + first_ + ".\n");
+	EXPECT_EQ(Run(kVolumeUnmountingCommand.run, first_), "The databases are not on " + first_ + ".\n");
 	EXPECT_CALL(*config, GetCurVolume).WillOnce(Return("")).WillRepeatedly(Return(second_));
-	EXPECT_EQ(Run(RunVolumeMounted, first_), "The databases stay on " + second_ + ".\n");
+	EXPECT_EQ(Run(kVolumeMountedCommand.run, first_), "The databases stay on " + second_ + ".\n");
 }
 
 TEST_F(VolumeCommandTest, HoldsNoLockWhileItWaitsForAnother) {
@@ -400,7 +400,7 @@ TEST_F(VolumeCommandTest, HoldsNoLockWhileItWaitsForAnother) {
 	};
 	std::future<std::string> move;
 	auto reader = std::make_unique<dataupdate::FileLock>(busy, 0);
-	move = std::async(std::launch::async, [&] { return Run(RunVolumeUnmounting, first_); });
+	move = std::async(std::launch::async, [&] { return Run(kVolumeUnmountingCommand.run, first_); });
 	while (!is_waited_for()) {
 		std::this_thread::yield();
 	}
@@ -416,14 +416,14 @@ TEST_F(VolumeCommandTest, GivesUpTheVolumeWhenThereIsNoOther) {
 	UseVolume(first_);
 	ListVolumes({first_});
 	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
-	EXPECT_THAT(Run(RunVolumeUnmounting, first_), HasSubstr("The databases stay on " + first_));
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_), HasSubstr("The databases stay on " + first_));
 	EXPECT_EQ(Volume(), "");
 	EXPECT_EQ(ReadFile(first_ + "/@database/autoupdate/geo/file"), "content");
 }
 
 TEST_F(VolumeCommandTest, IgnoresTheEndOfAnotherVolume) {
 	UseVolume(first_);
-	EXPECT_EQ(Run(RunVolumeUnmounting, second_), "The databases are not on " + second_ + ".\n");
+	EXPECT_EQ(Run(kVolumeUnmountingCommand.run, second_), "The databases are not on " + second_ + ".\n");
 	EXPECT_EQ(Volume(), first_);
 }
 
@@ -432,7 +432,7 @@ TEST_F(VolumeCommandTest, FailsWhenTheDatabasesCannotBeMoved) {
 	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
 	WriteFile(second_ + "/@database/autoupdate/in the way", "");
 	options_.path = first_;
-	EXPECT_THROW(RunVolumeUnmounting(services_, options_), CommandError);
+	EXPECT_THROW(kVolumeUnmountingCommand.run(services_, options_), CommandError);
 	EXPECT_EQ(Volume(), "");
 	EXPECT_EQ(ReadFile(first_ + "/@database/autoupdate/geo/file"), "content");
 }
@@ -443,7 +443,7 @@ TEST_F(VolumeCommandTest, TouchesNothingBelowAnUpdateOrAReader) {
 	options_.timeout_seconds = 0;
 	for (const char* lock : {dataupdate::kUpdateAnyLock, "/run/data_update/using_geo.lock"}) {
 		const dataupdate::FileLock busy(lock, 0);
-		EXPECT_THROW(RunVolumeUnmounting(services_, options_), dataupdate::UpdateError) << lock;
+		EXPECT_THROW(kVolumeUnmountingCommand.run(services_, options_), dataupdate::UpdateError) << lock;
 		EXPECT_EQ(Volume(), first_) << lock;
 	}
 }
@@ -453,7 +453,7 @@ TEST_F(VolumeCommandTest, InitMakesTheLocksOfWhatIsInstalled) {
 	dataupdate::DatabaseStatus status;
 	status.data_version = 3;
 	services_.info->SetDatabaseStatus("geo", status);
-	EXPECT_EQ(RunInit(services_, options_), kDone);
+	EXPECT_EQ(kInitCommand.run(services_, options_), kDone);
 	EXPECT_TRUE(std::filesystem::exists("/run/data_update/using_geo.lock"));
 	EXPECT_FALSE(std::filesystem::exists("/run/data_update/using_zip.lock"));
 	EXPECT_EQ(out_.str(), "The databases are on " + first_ + ".\n");
@@ -465,9 +465,9 @@ TEST_F(VolumeCommandTest, RefreshDropsTheDocumentThatNobodyIsFetching) {
 		const dataupdate::FileLock fetching(dataupdate::kFreshInfoLock, 0);
 		EXPECT_TRUE(std::filesystem::exists(dataupdate::kCachedInfo));
 	}
-	EXPECT_THAT(Run(RunRefresh, ""), HasSubstr("was dropped"));
+	EXPECT_THAT(Run(kRefreshCommand.run, ""), HasSubstr("was dropped"));
 	EXPECT_FALSE(std::filesystem::exists(dataupdate::kCachedInfo));
-	EXPECT_THAT(Run(RunRefresh, ""), HasSubstr("no document to drop"));
+	EXPECT_THAT(Run(kRefreshCommand.run, ""), HasSubstr("no document to drop"));
 }
 
 } // namespace
