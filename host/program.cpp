@@ -28,8 +28,10 @@ namespace {
 
 constexpr char kProgram[] = "tarndbudctl";
 constexpr char kEndedEarly[] = "Interrupted; nothing is left half done.";
-constexpr char kSignals[] = "A signal ends the program after it has cleaned up. Everything that happens is written to "
-                            "the system log as \"tarndbudctl\".";
+constexpr char kExitStatusHelp[] = "Exit status:";
+constexpr char kSignalsHelp[] =
+    "A signal ends the program after it has cleaned up. Everything that happens is written to "
+    "the system log as \"tarndbudctl\".";
 
 struct Meaning {
 	ExitCode code;
@@ -45,7 +47,8 @@ constexpr Meaning kMeanings[] = {
     {kNotExecutable, "the command cannot be executed"},
     {kNotFound, "there is no such command"},
 };
-constexpr char kCommandsOwn[] = "\nAny other exit status is that of the command, or 128 plus the signal that ended it.";
+constexpr char kCommandsOwnHelp[] =
+    "\nAny other exit status is that of the command, or 128 plus the signal that ended it.";
 
 std::string Line(const Meaning& meaning) {
 	const std::string code = std::to_string(meaning.code);
@@ -55,7 +58,7 @@ std::string Line(const Meaning& meaning) {
 /** The exit codes of all commands, or of those whose command asks for them. */
 template<typename Wanted>
 std::string DescribeCodes(const Wanted& is_wanted) {
-	std::string text = "Exit status:";
+	std::string text = kExitStatusHelp;
 	for (const Meaning& meaning : kCommonMeanings) {
 		text += Line(meaning);
 	}
@@ -70,7 +73,8 @@ std::string Footer(const Command& command) {
 	const auto has = [&](ExitCode code) {
 		return std::find(command.codes.begin(), command.codes.end(), code) != command.codes.end();
 	};
-	return details + DescribeCodes(has) + (command.tail == Tail::kCommand ? kCommandsOwn : "") + "\n" + kSignals;
+	return details + DescribeCodes(has) + (command.tail == Tail::kCommand ? kCommandsOwnHelp : "") + "\n" +
+	       kSignalsHelp;
 }
 
 /** The usage of a command that runs another one. */
@@ -188,7 +192,7 @@ int RunProgram(int argc, const char* const* argv, const Surroundings& surroundin
 	app.add_flag("--verbose", options.verbose, "Write the lines for the system log to the error stream as well");
 	app.require_subcommand(1);
 	app.fallthrough();
-	app.footer(DescribeCodes([](ExitCode) { return true; }) + "\n" + kSignals);
+	app.footer(DescribeCodes([](ExitCode) { return true; }) + "\n" + kSignalsHelp);
 	for (const Command& command : surroundings.commands) {
 		Declare(app, command, options, chosen);
 	}

@@ -27,9 +27,11 @@ QUIET_CALLS = {
     "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step",
 }  # fmt: skip
 QUIET_CONSTANTS = {
-    "kAutoVacuum", "kCommands", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kRules",
+    "kAutoVacuum", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kRules",
     "kSettings", "kSignatureDomain",
 }  # fmt: skip
+# The help of commands, advice that follows a message, and what is only help.
+QUIET_ENDINGS = ("Command", "Help", "Hint", "Meanings")
 QUIET_PRIORITIES = {"LOG_INFO", "LOG_NOTICE", "LOG_DEBUG"}
 QUERY = re.compile(r"(SELECT|PRAGMA|INSERT|UPDATE|DELETE|CREATE) ")
 
@@ -126,15 +128,20 @@ class Scanner:
         return names[-1] if self._tokens and self._tokens[-1] == "=" and names else ""
 
     def _is_quiet(self, text: str) -> bool:
-        if QUERY.match(text) or text in NO_MESSAGES or self._assigned() in QUIET_CONSTANTS:
+        if QUERY.match(text) or text in NO_MESSAGES or is_quiet_constant(self._assigned()):
             return True
         if "<<" in self._statement and not {"err", "cerr"} & set(self._statement):
             return True
         return any(
-            scope.name in QUIET_CALLS | QUIET_CONSTANTS
+            scope.name in QUIET_CALLS
+            or is_quiet_constant(scope.name)
             or (scope.name in ("TARN_LOG", "syslog") and scope.first in QUIET_PRIORITIES)
             for scope in self._scopes
         )
+
+
+def is_quiet_constant(name: str) -> bool:
+    return name in QUIET_CONSTANTS or (name.startswith("k") and name.endswith(QUIET_ENDINGS))
 
 
 def unescaped(text: str) -> str:
