@@ -52,7 +52,13 @@ NO_MESSAGES = {
 }
 
 # The exit codes that rows of each category may have.
-EXIT_CODES = {"failure": r"[1-9]\d*", "warning": "0", "notice": "–", "result": "–", "part": "–", "log": "–"}
+FAILURES = (
+    "failure", "download", "files may be a mixture", "interrupted", "lock unusable", "locked", "low space",
+    "no suitable volume", "not writable", "package refused", "package unusable", "undecodable", "unknown database",
+    "volumes unknown", "wrong configuration",
+)  # fmt: skip
+EXIT_CODES = {"warning": "0", **dict.fromkeys(("log", "notice", "part", "result"), "–")}
+EXIT_CODES.update(dict.fromkeys(FAILURES, r"[1-9]\d*"))
 
 TOKEN = re.compile(
     r"""//[^\n]*|/\*.*?\*/|R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|'(?:[^'\\\n]|\\.)+'"""
