@@ -20,12 +20,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kMostFilesShown = 20;
-constexpr size_t kLongestPath = 4096;
+constexpr std::size_t kMostFilesShown = 20;
+constexpr std::size_t kLongestPath = 4096;
 
 std::string FormatFiles(const std::vector<BadFile>& files) {
 	std::string text;
-	for (size_t i = 0; i < std::min(files.size(), kMostFilesShown); ++i) {
+	for (std::size_t i = 0; i < std::min(files.size(), kMostFilesShown); ++i) {
 		text += "\n\t" + PlainAscii(files[i].path, kLongestPath) + " " + files[i].reason;
 	}
 	if (files.size() > kMostFilesShown) {

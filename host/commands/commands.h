@@ -1,5 +1,4 @@
-/** @file All commands, each in a source file of its own. They throw what the library throws; the program explains it.
- */
+/** @file All commands, one source file each. They throw what the library throws; the program explains it. */
 #ifndef HOST_COMMANDS_COMMANDS_H
 #define HOST_COMMANDS_COMMANDS_H
 

@@ -69,7 +69,8 @@ std::optional<int> OfferedVersion(const std::optional<Document>& document, const
 }
 
 /** No value while files are being replaced: they come and go, and their sum would be of no version. */
-std::optional<uintmax_t> InstalledBytes(const Services& services, const std::string& id, const std::string& directory) {
+std::optional<std::uintmax_t> InstalledBytes(
+    const Services& services, const std::string& id, const std::string& directory) {
 	try {
 		const ReaderLock lock(id, kFilesSeconds);
 		return services.io->GetSize(directory);
@@ -92,7 +93,7 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::opt
 		metrics.Add("tarndbud_above_offered", "Whether a later version is installed than the server offered last.",
 		    labels, is_above ? 1 : 0);
 	}
-	if (const std::optional<int64_t> published = PublicationTime(id, status.data_version)) {
+	if (const std::optional<std::int64_t> published = PublicationTime(id, status.data_version)) {
 		metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher signed the installed data.", labels,
 		    static_cast<double>(*published));
 		metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
@@ -102,7 +103,7 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::opt
 	if (config->GetRootDirectory().empty()) {
 		return;
 	}
-	if (const std::optional<uintmax_t> bytes = InstalledBytes(services, id, config->GetInstallPrefix())) {
+	if (const std::optional<std::uintmax_t> bytes = InstalledBytes(services, id, config->GetInstallPrefix())) {
 		metrics.Add("tarndbud_installed_bytes", "Size of the installed files.", labels, static_cast<double>(*bytes));
 	}
 }

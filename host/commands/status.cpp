@@ -16,7 +16,7 @@ namespace tarn::ctl {
 
 namespace {
 
-constexpr size_t kLongestReason = 1000;
+constexpr std::size_t kLongestReason = 1000;
 
 /** The directory, which without a volume is none for databases that live on one. */
 std::optional<std::string> InstallDirectory(const dataupdate::DatabaseConfig& config) {

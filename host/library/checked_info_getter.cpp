@@ -23,7 +23,7 @@ using dataupdate::UpdateError;
 
 namespace {
 
-constexpr size_t kBeginningBytes = 256;
+constexpr std::size_t kBeginningBytes = 256;
 
 /** How long the document at hand is going to be used. */
 std::string CachingNow() {
@@ -35,7 +35,7 @@ std::string ReadBeginning(const std::string& path) {
 	std::ifstream file(path, std::ios::binary);
 	std::string beginning(kBeginningBytes, '\0');
 	file.read(beginning.data(), static_cast<std::streamsize>(beginning.size()));
-	beginning.resize(static_cast<size_t>(file.gcount()));
+	beginning.resize(static_cast<std::size_t>(file.gcount()));
 	return beginning;
 }
 

@@ -11,7 +11,7 @@
 namespace tarn::ctl {
 
 /** The largest document of a server that is parsed; a parsed one takes several times its size of memory. */
-constexpr uintmax_t kLargestDocument = 2UL * 1024 * 1024;
+constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
 
 /**
  * Treats a server's document that is too large like one that cannot be decoded. Records and the service's settings are

@@ -14,7 +14,7 @@ namespace tarn::ctl {
 
 namespace {
 
-constexpr size_t kQuotedCharacters = 60;
+constexpr std::size_t kQuotedCharacters = 60;
 
 std::string Quote(const std::string& text) {
 	return '"' + PlainAscii(text, kQuotedCharacters) + '"';
@@ -146,7 +146,7 @@ std::string DescribePage(const CachedPage& page) {
 		return answer + " is no document of databases: it is " + HumanSize(page.size) + " long, and begins with " +
 		       Quote(page.beginning);
 	}
-	const size_t start = page.beginning.find_first_not_of(" \t\r\n");
+	const std::size_t start = page.beginning.find_first_not_of(" \t\r\n");
 	if (start == std::string::npos) {
 		return answer + " is empty, where a JSON document should be";
 	}

@@ -14,7 +14,7 @@ namespace tarn::ctl {
 struct CachedPage {
 	std::string link;
 	std::string beginning; ///< Its first bytes, or all of them when there are fewer.
-	uintmax_t size = 0;
+	std::uintmax_t size = 0;
 };
 
 /** One sentence without its end: what came from the link instead of a document. */

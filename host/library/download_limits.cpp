@@ -14,7 +14,7 @@ namespace tarn::ctl {
 
 namespace {
 
-constexpr uint64_t kAnnouncedMargin = 65536;
+constexpr std::uint64_t kAnnouncedMargin = 65536;
 constexpr unsigned int kDocumentSeconds = 300;
 constexpr unsigned int kHurrySeconds = 10;
 
@@ -34,10 +34,10 @@ constexpr Hint kHints[] = {
 
 } // namespace
 
-void DownloadLimits::Announce(const std::string& link, int64_t bytes) {
+void DownloadLimits::Announce(const std::string& link, std::int64_t bytes) {
 	if (bytes > 0) {
-		uint64_t& largest = announced_[link];
-		largest = std::max(largest, static_cast<uint64_t>(bytes) + kAnnouncedMargin);
+		std::uint64_t& largest = announced_[link];
+		largest = std::max(largest, static_cast<std::uint64_t>(bytes) + kAnnouncedMargin);
 	}
 }
 

@@ -226,7 +226,7 @@ Category CategoryOf(const std::string& message) {
 }
 
 Failure ExplainMessage(const std::string& message, int platform_error) {
-	const size_t wrapped = WrapperLength(message);
+	const std::size_t wrapped = WrapperLength(message);
 	const std::string subject = Subject(message.substr(0, wrapped));
 	const std::string inner = message.substr(wrapped);
 	const Rule* rule = FindRule(inner);

@@ -53,7 +53,7 @@ void Record(InstalledFiles& record, const std::string& name, const std::string& 
 	if (S_ISLNK(status.st_mode)) {
 		file.link_target = fs::read_symlink(path).string();
 	} else if (S_ISREG(status.st_mode)) {
-		file.size = static_cast<uint64_t>(status.st_size);
+		file.size = static_cast<std::uint64_t>(status.st_size);
 		file.sha384_digest = DigestOf(name, root, status.st_size == 0);
 	} else {
 		return;
@@ -66,7 +66,7 @@ InstalledFile Known(const FileStatus& status, const fs::path& path, bool is_fres
 	InstalledFile file;
 	file.sha384_digest = status.sha384_digest;
 	std::error_code error;
-	const uintmax_t size = is_fresh ? fs::file_size(path, error) : 0;
+	const std::uintmax_t size = is_fresh ? fs::file_size(path, error) : 0;
 	if (is_fresh && !error) {
 		file.size = size;
 	}
@@ -88,7 +88,7 @@ std::set<std::string> FilesBelow(const std::string& directory) {
 	if (!fs::is_directory(directory)) {
 		return names;
 	}
-	const size_t prefix = directory.size() + 1;
+	const std::size_t prefix = directory.size() + 1;
 	dataupdate::IOUtils().IterateDirectory(
 	    directory,
 	    [&](const std::string& entry) {
@@ -108,8 +108,9 @@ std::map<std::string, FileIdentity> IdentitiesBelow(const std::string& directory
 			continue; // It has vanished since, like whatever vanished before.
 		}
 		identities.emplace_hint(identities.end(), name,
-		    FileIdentity{static_cast<int64_t>(status.st_dev), static_cast<int64_t>(status.st_ino), status.st_size,
-		        status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec});
+		    FileIdentity{static_cast<std::int64_t>(status.st_dev), static_cast<std::int64_t>(status.st_ino),
+		        status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec,
+		        status.st_ctim.tv_nsec});
 	}
 	return identities;
 }

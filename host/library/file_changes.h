@@ -17,7 +17,7 @@ namespace tarn::ctl {
 std::set<std::string> FilesBelow(const std::string& directory);
 
 /** What changes whenever a file is written or replaced: device, inode, size, and the times of both kinds of change. */
-using FileIdentity = std::vector<int64_t>;
+using FileIdentity = std::vector<std::int64_t>;
 
 /** The identities of everything that FilesBelow() names. */
 std::map<std::string, FileIdentity> IdentitiesBelow(const std::string& directory);

@@ -15,9 +15,9 @@ namespace tarn::ctl {
 struct InstalledFile {
 	bool operator==(const InstalledFile& other) const;
 
-	std::string sha384_digest;    ///< 96 lower-case hexadecimal digits; empty for a link.
-	std::optional<uint64_t> size; ///< Bytes; none when the digest is all that is known.
-	std::string link_target;      ///< Empty for a regular file.
+	std::string sha384_digest;         ///< 96 lower-case hexadecimal digits; empty for a link.
+	std::optional<std::uint64_t> size; ///< Bytes; none when the digest is all that is known.
+	std::string link_target;           ///< Empty for a regular file.
 };
 
 /** All files of one version, by their names relative to the install directory, so that the directory may move. */
@@ -36,8 +36,8 @@ std::string InstalledFilesPath(const std::string& id);
 /** No value when there is no record, or none that can be read and understood. */
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id);
 /**
- * Whether there is a record of a version that is at least as new as the library's own. Reads its beginning and its end only: with
- * many files that is a small part of the time that the record takes.
+ * Whether there is a record of a version that is at least as new as the library's own. Reads its beginning and its end
+ * only: with many files that is a small part of the time that the record takes.
  */
 [[nodiscard]] bool SeemsCurrent(const std::string& id, int version);
 /** Has the record seem current from now on, because it has been compared with the library's. */

@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 /** What is known when an operation begins. */
 struct Beginning {
 	Clock::time_point time = Clock::now();
-	uint64_t downloaded_bytes = dataupdate::DownloadedBytes();
+	std::uint64_t downloaded_bytes = dataupdate::DownloadedBytes();
 };
 
 void Write(const std::string& id, const char* operation, const Beginning& beginning, int exit_status) {

@@ -14,10 +14,10 @@ namespace tarn::ctl {
 
 struct RunRecord {
 	std::string operation; ///< "update", "fix", "force-install"
-	int64_t time = 0;      ///< When it ended, in seconds since 1970.
+	std::int64_t time = 0; ///< When it ended, in seconds since 1970.
 	int exit_status = 0;
 	double seconds = 0;
-	uint64_t downloaded_bytes = 0;
+	std::uint64_t downloaded_bytes = 0;
 };
 
 /** Where a database's record lies. */

@@ -77,7 +77,7 @@ void LetRecordFollow(const Services& services, const std::string& volume, const 
 	const std::string place = kMainDir + id + "/";
 	std::map<std::string, FileStatus> moved;
 	for (const auto& [name, file] : status.file_statuses) {
-		const size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
+		const std::size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
 		moved.emplace(at == std::string::npos ? name : volume + name.substr(at), file);
 	}
 	if (moved != status.file_statuses) {
@@ -111,7 +111,7 @@ std::optional<Content> ContentBelow(const std::string& directory) {
 	Content content;
 	const auto add = [&](const std::string& entry) {
 		const fs::file_type type = fs::symlink_status(entry).type();
-		const uintmax_t size = type == fs::file_type::regular ? fs::file_size(entry) : 0;
+		const std::uintmax_t size = type == fs::file_type::regular ? fs::file_size(entry) : 0;
 		content[fs::path(entry).lexically_relative(directory)] = {type, size};
 	};
 	try {

@@ -18,7 +18,7 @@
 namespace tarn::ctl {
 
 /** Every name below a directory, with its kind and, of a file, its size; nothing below what does not exist. */
-using Content = std::map<std::string, std::pair<std::filesystem::file_type, uintmax_t>>;
+using Content = std::map<std::string, std::pair<std::filesystem::file_type, std::uintmax_t>>;
 
 /** No value when something cannot be examined. */
 std::optional<Content> ContentBelow(const std::string& directory);

@@ -19,7 +19,7 @@ constexpr std::chrono::milliseconds kLongestPause(500);
 // A rate over less than this would be noise.
 constexpr double kLeastSeconds = 0.3;
 // The line's own bytes are among what the process writes.
-constexpr uint64_t kLeastBytes = 1000;
+constexpr std::uint64_t kLeastBytes = 1000;
 
 const char* PhaseName(Phase phase) {
 	switch (phase) {
@@ -43,16 +43,16 @@ bool HasActivityPerFile(Phase phase) {
 	return phase == Phase::kHash || phase == Phase::kPatch;
 }
 
-uint64_t FileSize(const std::string& path) {
+std::uint64_t FileSize(const std::string& path) {
 	struct stat status {};
-	return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+	return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 /** The process's own counters; they stay 0 where the kernel doesn't keep them. */
 void ReadCounters(Sample& sample) {
 	std::ifstream counters("/proc/self/io");
 	std::string name;
-	uint64_t value = 0;
+	std::uint64_t value = 0;
 	while (counters >> name >> value) {
 		if (name == "rchar:") {
 			sample.read_bytes = value;
@@ -62,7 +62,7 @@ void ReadCounters(Sample& sample) {
 	}
 }
 
-uint64_t Growth(uint64_t before, uint64_t now) {
+std::uint64_t Growth(std::uint64_t before, std::uint64_t now) {
 	return now > before ? now - before : 0;
 }
 
@@ -91,7 +91,7 @@ std::string ProgressMeter::Line(const Sample& sample) {
 		begin_ = sample;
 		begin_bytes_ = Bytes(sample);
 	}
-	const uint64_t bytes = Bytes(sample);
+	const std::uint64_t bytes = Bytes(sample);
 	line_ = PhaseName(sample.activity.phase);
 	if (bytes < kLeastBytes) {
 		return line_;
@@ -100,12 +100,12 @@ std::string ProgressMeter::Line(const Sample& sample) {
 	const std::chrono::duration<double> elapsed = sample.time - begin_.time;
 	if (elapsed.count() >= kLeastSeconds) {
 		const auto done = static_cast<double>(Growth(begin_bytes_, bytes));
-		line_ += "  " + HumanSize(static_cast<uint64_t>(done / elapsed.count())) + "/s";
+		line_ += "  " + HumanSize(static_cast<std::uint64_t>(done / elapsed.count())) + "/s";
 	}
 	return line_;
 }
 
-uint64_t ProgressMeter::Bytes(const Sample& sample) const {
+std::uint64_t ProgressMeter::Bytes(const Sample& sample) const {
 	switch (sample.activity.phase) {
 	case Phase::kDownload:
 		return sample.file_bytes;

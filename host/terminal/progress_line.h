@@ -18,9 +18,9 @@ namespace tarn::ctl {
 struct Sample {
 	dataupdate::Activity activity;
 	std::chrono::steady_clock::time_point time;
-	uint64_t file_bytes = 0;    ///< Size of the file that is downloaded.
-	uint64_t written_bytes = 0; ///< What the process has written so far.
-	uint64_t read_bytes = 0;    ///< What the process has read so far.
+	std::uint64_t file_bytes = 0;    ///< Size of the file that is downloaded.
+	std::uint64_t written_bytes = 0; ///< What the process has written so far.
+	std::uint64_t read_bytes = 0;    ///< What the process has read so far.
 };
 
 /** Makes lines of samples: the phase, its bytes and their rate since it began. */
@@ -30,10 +30,10 @@ public:
 	std::string Line(const Sample& sample);
 
 private:
-	uint64_t Bytes(const Sample& sample) const;
+	std::uint64_t Bytes(const Sample& sample) const;
 
 	Sample begin_;
-	uint64_t begin_bytes_ = 0;
+	std::uint64_t begin_bytes_ = 0;
 	std::chrono::steady_clock::time_point last_busy_;
 	std::string line_;
 };

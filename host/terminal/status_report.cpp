@@ -11,7 +11,7 @@ Json::Value ToJson(const std::optional<T>& value) {
 	return value ? Json::Value(*value) : Json::Value();
 }
 
-Json::Value ToJson(const std::optional<int64_t>& value) {
+Json::Value ToJson(const std::optional<std::int64_t>& value) {
 	return value ? Json::Value(Json::Int64{*value}) : Json::Value();
 }
 
@@ -39,15 +39,15 @@ std::string FormatState(const StatusRow& row) {
 	return *current ? "up to date" : "outdated";
 }
 
-std::optional<int64_t> Age(const StatusRow& row, std::time_t now) {
-	return row.published ? std::optional<int64_t>(now - *row.published) : std::nullopt;
+std::optional<std::int64_t> Age(const StatusRow& row, std::time_t now) {
+	return row.published ? std::optional<std::int64_t>(now - *row.published) : std::nullopt;
 }
 
 std::string FormatAge(const StatusRow& row, std::time_t now) {
 	if (!row.installed_version) {
 		return "-";
 	}
-	const std::optional<int64_t> age = Age(row, now);
+	const std::optional<std::int64_t> age = Age(row, now);
 	return age ? FormatDuration(*age) : "unknown";
 }
 

@@ -17,8 +17,8 @@ struct StatusRow {
 	std::string id;
 	std::optional<int> installed_version;
 	std::optional<int> remote_version;
-	std::string remote_error;         ///< Why there is no remote version.
-	std::optional<int64_t> published; ///< When the installed data was published, in seconds since 1970.
+	std::string remote_error;              ///< Why there is no remote version.
+	std::optional<std::int64_t> published; ///< When the installed data was published, in seconds since 1970.
 	bool scheduled = false;
 	bool updating = false;
 	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed anew.

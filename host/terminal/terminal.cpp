@@ -8,7 +8,7 @@ namespace {
 
 constexpr char kClearLine[] = "\r\x1b[K";
 // Enough for any link and path of a sane server, little enough that a hostile one doesn't flood the log.
-constexpr size_t kLongestSentence = 2000;
+constexpr std::size_t kLongestSentence = 2000;
 
 } // namespace
 

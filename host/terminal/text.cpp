@@ -9,11 +9,11 @@ namespace tarn::ctl {
 
 namespace {
 
-std::vector<size_t> ColumnWidths(const std::vector<std::vector<std::string>>& rows) {
-	std::vector<size_t> widths;
+std::vector<std::size_t> ColumnWidths(const std::vector<std::vector<std::string>>& rows) {
+	std::vector<std::size_t> widths;
 	for (const std::vector<std::string>& row : rows) {
 		widths.resize(std::max(widths.size(), row.size()));
-		for (size_t column = 0; column < row.size(); ++column) {
+		for (std::size_t column = 0; column < row.size(); ++column) {
 			widths[column] = std::max(widths[column], row[column].size());
 		}
 	}
@@ -22,10 +22,10 @@ std::vector<size_t> ColumnWidths(const std::vector<std::vector<std::string>>& ro
 
 } // namespace
 
-std::string FormatDuration(int64_t seconds) {
-	constexpr int64_t kMinute = 60;
-	constexpr int64_t kHour = 60 * kMinute;
-	constexpr int64_t kDay = 24 * kHour;
+std::string FormatDuration(std::int64_t seconds) {
+	constexpr std::int64_t kMinute = 60;
+	constexpr std::int64_t kHour = 60 * kMinute;
+	constexpr std::int64_t kDay = 24 * kHour;
 	if (seconds < 0) {
 		return "in the future";
 	}
@@ -45,11 +45,11 @@ std::string FormatClock(std::time_t instant) {
 }
 
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
-	const std::vector<size_t> widths = ColumnWidths(rows);
+	const std::vector<std::size_t> widths = ColumnWidths(rows);
 	std::string table;
 	for (const std::vector<std::string>& row : rows) {
 		std::string line;
-		for (size_t column = 0; column < row.size(); ++column) {
+		for (std::size_t column = 0; column < row.size(); ++column) {
 			line += row[column] + std::string(widths[column] - row[column].size() + 2, ' ');
 		}
 		line.erase(line.find_last_not_of(' ') + 1);

@@ -12,7 +12,7 @@
 namespace tarn::ctl {
 
 /** "59 min", "47 h", "12 d": of that unit only whole ones; a negative duration is "in the future". */
-std::string FormatDuration(int64_t seconds);
+std::string FormatDuration(std::int64_t seconds);
 
 /** Local time of day, "14:05". */
 std::string FormatClock(std::time_t instant);
