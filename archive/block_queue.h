@@ -1,11 +1,12 @@
 #ifndef ARCHIVE_BLOCK_QUEUE_H
 #define ARCHIVE_BLOCK_QUEUE_H
 
+#include "base/mutex.h"
+
 #include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
-#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -40,15 +41,15 @@ private:
 		std::size_t size = 0;
 	};
 
-	std::mutex mutex_;
-	std::condition_variable changed_;
-	std::array<Block, kBlocks> blocks_;
-	std::size_t filled_ = 0;   // blocks handed over so far
-	std::size_t released_ = 0; // blocks given back so far
-	bool in_use_ = false;
-	bool finished_ = false;
-	bool stopped_ = false;
-	std::exception_ptr error_;
+	Mutex mutex_;
+	std::condition_variable_any changed_;
+	std::array<Block, kBlocks> blocks_ TARN_GUARDED_BY(mutex_);
+	std::size_t filled_ TARN_GUARDED_BY(mutex_) = 0;   // blocks handed over so far
+	std::size_t released_ TARN_GUARDED_BY(mutex_) = 0; // blocks given back so far
+	bool in_use_ TARN_GUARDED_BY(mutex_) = false;
+	bool finished_ TARN_GUARDED_BY(mutex_) = false;
+	bool stopped_ TARN_GUARDED_BY(mutex_) = false;
+	std::exception_ptr error_ TARN_GUARDED_BY(mutex_);
 };
 
 } // namespace tarn::archive

@@ -1,8 +1,8 @@
 #include "dataupdate/progress.h"
 
+#include "base/mutex.h"
 #include "dataupdate/internal/activity.h"
 
-#include <mutex>
 #include <utility>
 
 namespace tarn::dataupdate {
@@ -10,9 +10,9 @@ namespace tarn::dataupdate {
 namespace {
 
 struct State {
-	std::mutex mutex;
-	Activity activity;
-	std::uint64_t downloaded_bytes = 0;
+	Mutex mutex;
+	Activity activity TARN_GUARDED_BY(mutex);
+	std::uint64_t downloaded_bytes TARN_GUARDED_BY(mutex) = 0;
 };
 
 State& GetState() {
@@ -23,8 +23,9 @@ State& GetState() {
 } // namespace
 
 Activity CurrentActivity() {
-	const std::lock_guard<std::mutex> guard(GetState().mutex);
-	return GetState().activity;
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	return state.activity;
 }
 
 ActivityScope::ActivityScope(Phase phase, const std::string& path) {
@@ -32,30 +33,35 @@ ActivityScope::ActivityScope(Phase phase, const std::string& path) {
 	Activity inner;
 	inner.phase = phase;
 	inner.path = path;
-	const std::lock_guard<std::mutex> guard(GetState().mutex);
-	inner.serial = GetState().activity.serial + 1;
-	outer_ = std::exchange(GetState().activity, std::move(inner));
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	inner.serial = state.activity.serial + 1;
+	outer_ = std::exchange(state.activity, std::move(inner));
 }
 
 ActivityScope::~ActivityScope() {
-	const std::lock_guard<std::mutex> guard(GetState().mutex);
-	outer_.serial = GetState().activity.serial + 1;
-	GetState().activity = std::move(outer_);
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	outer_.serial = state.activity.serial + 1;
+	state.activity = std::move(outer_);
 }
 
 void AddActivityBytes(std::uint64_t bytes) {
-	const std::lock_guard<std::mutex> guard(GetState().mutex);
-	GetState().activity.bytes += bytes;
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	state.activity.bytes += bytes;
 }
 
 std::uint64_t DownloadedBytes() {
-	const std::lock_guard<std::mutex> guard(GetState().mutex);
-	return GetState().downloaded_bytes;
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	return state.downloaded_bytes;
 }
 
 void AddDownloadedBytes(std::uint64_t bytes) {
-	const std::lock_guard<std::mutex> guard(GetState().mutex);
-	GetState().downloaded_bytes += bytes;
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	state.downloaded_bytes += bytes;
 }
 
 } // namespace tarn::dataupdate

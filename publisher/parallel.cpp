@@ -1,9 +1,10 @@
 #include "publisher/parallel.h"
 
+#include "base/mutex.h"
+
 #include <algorithm>
 #include <atomic>
 #include <exception>
-#include <mutex>
 #include <system_error>
 #include <thread>
 
@@ -12,19 +13,21 @@ namespace tarn::publisher {
 void DoInParallel(const std::vector<std::size_t>& order, const std::function<void(std::size_t)>& work,
     const std::function<void(std::size_t)>& finished) {
 	std::atomic<std::size_t> next = 0;
-	std::mutex mutex; // guards the two below
-	std::size_t done = 0;
-	std::exception_ptr error;
+	struct {
+		Mutex mutex;
+		std::size_t done TARN_GUARDED_BY(mutex) = 0;
+		std::exception_ptr error TARN_GUARDED_BY(mutex);
+	} outcome;
 	const auto run = [&] {
 		for (std::size_t at = next++; at < order.size(); at = next++) {
 			try {
 				work(order[at]);
-				const std::lock_guard<std::mutex> lock(mutex);
-				finished(++done);
+				const MutexLock lock(outcome.mutex);
+				finished(++outcome.done);
 			} catch (...) {
 				next = order.size();
-				const std::lock_guard<std::mutex> lock(mutex);
-				error = error ? error : std::current_exception();
+				const MutexLock lock(outcome.mutex);
+				outcome.error = outcome.error ? outcome.error : std::current_exception();
 			}
 		}
 	};
@@ -39,8 +42,9 @@ void DoInParallel(const std::vector<std::size_t>& order, const std::function<voi
 	}
 	run();
 	std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
-	if (error) {
-		std::rethrow_exception(error);
+	const MutexLock lock(outcome.mutex);
+	if (outcome.error) {
+		std::rethrow_exception(outcome.error);
 	}
 }
 

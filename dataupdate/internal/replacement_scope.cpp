@@ -1,10 +1,10 @@
 #include "dataupdate/internal/replacement_scope.h"
 
+#include "base/mutex.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/update_error.h"
 
-#include <mutex>
 #include <set>
 #include <utility>
 
@@ -20,8 +20,8 @@ constexpr char kLogSource[] = "replacement_scope.cpp";
  * strategy in another thread than the one that opened the scope.
  */
 struct OpenScopes {
-	std::mutex mutex;
-	std::set<ReplacementScope*> scopes;
+	Mutex mutex;
+	std::set<ReplacementScope*> scopes TARN_GUARDED_BY(mutex);
 };
 
 OpenScopes& GetOpenScopes() {
@@ -32,13 +32,15 @@ OpenScopes& GetOpenScopes() {
 } // namespace
 
 ReplacementScope::ReplacementScope(std::string id) : id_(std::move(id)) {
-	const std::lock_guard<std::mutex> guard(GetOpenScopes().mutex);
-	GetOpenScopes().scopes.insert(this);
+	OpenScopes& open = GetOpenScopes();
+	const MutexLock guard(open.mutex);
+	open.scopes.insert(this);
 }
 
 ReplacementScope::~ReplacementScope() {
-	const std::lock_guard<std::mutex> guard(GetOpenScopes().mutex);
-	GetOpenScopes().scopes.erase(this);
+	OpenScopes& open = GetOpenScopes();
+	const MutexLock guard(open.mutex);
+	open.scopes.erase(this);
 }
 
 void ReplacementScope::EndByRecord() const noexcept {
@@ -57,8 +59,9 @@ void ReplacementScope::Begin() {
 }
 
 void AnnounceReplacement(const std::string& id) {
-	const std::lock_guard<std::mutex> guard(GetOpenScopes().mutex);
-	for (ReplacementScope* scope : GetOpenScopes().scopes) {
+	OpenScopes& open = GetOpenScopes();
+	const MutexLock guard(open.mutex);
+	for (ReplacementScope* scope : open.scopes) {
 		if (scope->id_ == id) {
 			scope->Begin();
 		}

@@ -1,24 +1,24 @@
 #include "dataupdate/internal/sql_limits.h"
 
+#include "base/mutex.h"
 #include "dataupdate/internal/activity.h"
 
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <initializer_list>
-#include <mutex>
 
 namespace tarn::dataupdate {
 
 namespace {
 
-std::mutex memory_mutex;
-int memory_users = 0;           // guarded by memory_mutex, as all below
-std::int64_t memory_before = 0; // in use by SQLite before the first user
-std::int64_t former_hard = 0;   // 0 means none
-std::int64_t former_soft = 0;
+Mutex memory_mutex;
+int memory_users TARN_GUARDED_BY(memory_mutex) = 0;
+std::int64_t memory_before TARN_GUARDED_BY(memory_mutex) = 0; // in use by SQLite before the first user
+std::int64_t former_hard TARN_GUARDED_BY(memory_mutex) = 0;   // 0 means none
+std::int64_t former_soft TARN_GUARDED_BY(memory_mutex) = 0;
 
-void SetMemoryLimit() {
+void SetMemoryLimit() TARN_REQUIRES(memory_mutex) {
 	const std::int64_t limit = memory_before + memory_users * kMaxScriptMemoryBytes;
 	sqlite3_hard_heap_limit64(former_hard > 0 ? std::min(former_hard, limit) : limit);
 }
@@ -48,7 +48,7 @@ bool IsHarmlessPragma(const char* name, const char* value) {
 } // namespace
 
 ScriptMemoryLimit::ScriptMemoryLimit() {
-	const std::lock_guard<std::mutex> guard(memory_mutex);
+	const MutexLock guard(memory_mutex);
 	if (++memory_users == 1) {
 		memory_before = sqlite3_memory_used();
 		former_hard = sqlite3_hard_heap_limit64(-1);
@@ -58,7 +58,7 @@ ScriptMemoryLimit::ScriptMemoryLimit() {
 }
 
 ScriptMemoryLimit::~ScriptMemoryLimit() {
-	const std::lock_guard<std::mutex> guard(memory_mutex);
+	const MutexLock guard(memory_mutex);
 	if (--memory_users > 0) {
 		SetMemoryLimit();
 		return;

@@ -123,7 +123,7 @@ ProgressLine::ProgressLine(Terminal& terminal) : terminal_(terminal), thread_([t
 
 ProgressLine::~ProgressLine() {
 	{
-		const std::lock_guard<std::mutex> guard(mutex_);
+		const MutexLock guard(mutex_);
 		ended_ = true;
 	}
 	wake_.notify_one();
@@ -133,9 +133,12 @@ ProgressLine::~ProgressLine() {
 void ProgressLine::Run() {
 	try {
 		ProgressMeter meter;
-		std::unique_lock<std::mutex> lock(mutex_);
-		while (!wake_.wait_for(lock, kPeriod, [this] { return ended_; })) {
-			terminal_.Draw(meter.Line(TakeSample()));
+		const MutexLock lock(mutex_);
+		while (!ended_) {
+			wake_.wait_for(mutex_, kPeriod);
+			if (!ended_) {
+				terminal_.Draw(meter.Line(TakeSample()));
+			}
 		}
 		terminal_.Draw("");
 	} catch (const std::exception&) {

@@ -2,13 +2,13 @@
 #ifndef HOST_TERMINAL_PROGRESS_LINE_H
 #define HOST_TERMINAL_PROGRESS_LINE_H
 
+#include "base/mutex.h"
 #include "dataupdate/progress.h"
 #include "host/terminal/terminal.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -50,9 +50,9 @@ private:
 	void Run();
 
 	Terminal& terminal_;
-	std::mutex mutex_;
-	std::condition_variable wake_;
-	bool ended_ = false;
+	Mutex mutex_;
+	std::condition_variable_any wake_;
+	bool ended_ TARN_GUARDED_BY(mutex_) = false;
 	std::thread thread_;
 };
 

@@ -15,19 +15,19 @@ constexpr std::size_t kLongestSentence = 2000;
 Terminal::Terminal(std::ostream& out, std::ostream& err, bool draws) : out_(out), err_(err), draws_(draws) {}
 
 void Terminal::Say(const std::string& text) {
-	const std::lock_guard<std::mutex> guard(mutex_);
+	const MutexLock guard(mutex_);
 	ClearLine();
 	out_ << text << std::flush;
 }
 
 void Terminal::Complain(const std::string& sentence) {
-	const std::lock_guard<std::mutex> guard(mutex_);
+	const MutexLock guard(mutex_);
 	ClearLine();
 	err_ << "tarndbudctl: " << PlainAscii(sentence, kLongestSentence) << '\n' << std::flush;
 }
 
 void Terminal::Draw(const std::string& line) {
-	const std::lock_guard<std::mutex> guard(mutex_);
+	const MutexLock guard(mutex_);
 	if (!draws_) {
 		return;
 	}
@@ -40,7 +40,7 @@ void Terminal::Draw(const std::string& line) {
 }
 
 bool Terminal::Good() {
-	const std::lock_guard<std::mutex> guard(mutex_);
+	const MutexLock guard(mutex_);
 	return out_.good();
 }
 

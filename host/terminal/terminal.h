@@ -2,7 +2,8 @@
 #ifndef HOST_TERMINAL_TERMINAL_H
 #define HOST_TERMINAL_TERMINAL_H
 
-#include <mutex>
+#include "base/mutex.h"
+
 #include <ostream>
 #include <string>
 
@@ -29,13 +30,13 @@ public:
 	bool Good();
 
 private:
-	void ClearLine();
+	void ClearLine() TARN_REQUIRES(mutex_);
 
-	std::mutex mutex_;
-	std::ostream& out_;
-	std::ostream& err_;
-	bool draws_;
-	bool drawn_ = false;
+	Mutex mutex_;
+	std::ostream& out_ TARN_GUARDED_BY(mutex_);
+	std::ostream& err_ TARN_GUARDED_BY(mutex_);
+	const bool draws_;
+	bool drawn_ TARN_GUARDED_BY(mutex_) = false;
 };
 
 } // namespace tarn::ctl

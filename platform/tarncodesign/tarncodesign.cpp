@@ -1,6 +1,7 @@
 #include "archive/extractor.h"
 #include "archive/package_identity.h"
 #include "base/error.h"
+#include "base/mutex.h"
 
 #include <tarncodesign/tarncodesign.h>
 
@@ -11,7 +12,6 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 struct tarnarchive {
@@ -65,13 +65,13 @@ bool LoggingFailure(const char* path, const Function& function) noexcept {
 class Observer {
 public:
 	void Set(tarnarchive_observer function, void* data) {
-		const std::lock_guard<std::mutex> guard(mutex_);
+		const tarn::MutexLock guard(mutex_);
 		function_ = function;
 		data_ = data;
 	}
 	/** Throws NotAskedFor with the reason when the observer does not want the package. */
 	void Tell(const char* package, const std::string& metadata) {
-		const std::lock_guard<std::mutex> guard(mutex_);
+		const tarn::MutexLock guard(mutex_);
 		const char* reason = function_ == nullptr ? nullptr : function_(data_, package, metadata.c_str());
 		if (reason != nullptr) {
 			throw tarn::archive::NotAskedFor(reason);
@@ -79,9 +79,9 @@ public:
 	}
 
 private:
-	std::mutex mutex_;
-	tarnarchive_observer function_ = nullptr;
-	void* data_ = nullptr;
+	tarn::Mutex mutex_;
+	tarnarchive_observer function_ TARN_GUARDED_BY(mutex_) = nullptr;
+	void* data_ TARN_GUARDED_BY(mutex_) = nullptr;
 };
 
 Observer& TheObserver() {

@@ -1,14 +1,14 @@
 #include "platform/tarncore/download_limiter.h"
 
-#include <mutex>
+#include "base/mutex.h"
 
 namespace tarn::core {
 namespace {
 
 struct Limiter {
-	std::mutex mutex;
-	TLIBCDownloadLimiter ask = nullptr;
-	void* data = nullptr;
+	Mutex mutex;
+	TLIBCDownloadLimiter ask TARN_GUARDED_BY(mutex) = nullptr;
+	void* data TARN_GUARDED_BY(mutex) = nullptr;
 };
 
 Limiter& HostLimiter() {
@@ -27,7 +27,7 @@ TLIBCDownloadLimits AskForLimits(const Download& download) {
 	TLIBCDownloadLimits limits = {};
 	Limiter& limiter = HostLimiter();
 	// Held during the call, so that nobody is asked any more once another function has been set.
-	const std::lock_guard<std::mutex> guard(limiter.mutex);
+	const MutexLock guard(limiter.mutex);
 	if (limiter.ask != nullptr) {
 		limiter.ask(download.url.c_str(), download.file.c_str(), &limits, limiter.data);
 	}
@@ -42,7 +42,7 @@ void KeepDownloadFailure(const std::string& text) {
 
 void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter limiter, void* data) {
 	tarn::core::Limiter& own = tarn::core::HostLimiter();
-	const std::lock_guard<std::mutex> guard(own.mutex);
+	const tarn::MutexLock guard(own.mutex);
 	own.ask = limiter;
 	own.data = data;
 }

@@ -1,3 +1,4 @@
+#include "base/mutex.h"
 #include "platform/c_boundary.h"
 #include "platform/tarnsdk/hook_runner.h"
 
@@ -7,7 +8,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace {
@@ -23,7 +23,7 @@ using tarn::sdk::HookEvent;
 class Contexts {
 public:
 	TLIBPluginContext* Open(HookEvent event) {
-		const std::lock_guard<std::mutex> guard(mutex_);
+		const tarn::MutexLock guard(mutex_);
 		// NOLINTNEXTLINE(performance-no-int-to-ptr): nobody follows this pointer
 		auto* const handle = reinterpret_cast<TLIBPluginContext*>(++last_);
 		open_.emplace(handle, std::make_shared<HookEvent>(std::move(event)));
@@ -32,20 +32,20 @@ public:
 
 	/** Null when the handle isn't open (any more). */
 	std::shared_ptr<HookEvent> Find(const TLIBPluginContext* handle) {
-		const std::lock_guard<std::mutex> guard(mutex_);
+		const tarn::MutexLock guard(mutex_);
 		const auto found = open_.find(handle);
 		return found == open_.end() ? nullptr : found->second;
 	}
 
 	void Close(const TLIBPluginContext* handle) {
-		const std::lock_guard<std::mutex> guard(mutex_);
+		const tarn::MutexLock guard(mutex_);
 		open_.erase(handle);
 	}
 
 private:
-	std::mutex mutex_;
-	uintptr_t last_ = 0;
-	std::map<const TLIBPluginContext*, std::shared_ptr<HookEvent>> open_;
+	tarn::Mutex mutex_;
+	std::uintptr_t last_ TARN_GUARDED_BY(mutex_) = 0;
+	std::map<const TLIBPluginContext*, std::shared_ptr<HookEvent>> open_ TARN_GUARDED_BY(mutex_);
 };
 
 Contexts& OpenContexts() {
