@@ -1,3 +1,4 @@
+/** @file Writing extracted members, below one directory and nowhere else. */
 #ifndef ARCHIVE_BENEATH_WRITER_H
 #define ARCHIVE_BENEATH_WRITER_H
 
@@ -21,7 +22,7 @@ public:
 
 	void MakeDirectory(const MemberPath& path);
 	/** A new empty file, open for writing. */
-	UniqueFd CreateFile(const MemberPath& path, bool executable);
+	[[nodiscard]] UniqueFd CreateFile(const MemberPath& path, bool executable);
 	/** The target is written as it is given; CheckLinkTarget() judges it. */
 	void MakeSymlink(const MemberPath& path, const std::string& target);
 	/** A second name of a regular file below the directory. */

@@ -1,3 +1,4 @@
+/** @file Blocks of bytes from one thread to another. */
 #ifndef ARCHIVE_BLOCK_QUEUE_H
 #define ARCHIVE_BLOCK_QUEUE_H
 
@@ -22,14 +23,14 @@ public:
 	static constexpr std::size_t kBlockSize = 256U << 10U;
 
 	/** The filler: an empty block to fill, kBlockSize large; null when the user has left. */
-	char* Acquire();
+	[[nodiscard]] char* Acquire();
 	/** The filler: hands over the acquired block's first bytes. */
 	void Commit(std::size_t size);
 	/** The filler: no more blocks; with an error when it gave up. */
 	void Finish(std::exception_ptr error);
 
 	/** The user: gives back the block of the call before and waits for the next; empty at the end. */
-	std::string_view Next();
+	[[nodiscard]] std::string_view Next();
 	/** The user: wants no more. */
 	void Stop();
 

@@ -3,20 +3,12 @@
 #include "base/error.h"
 #include "base/text.h"
 
-#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
 namespace tarn::archive {
 
 namespace {
-
-struct BioDeleter {
-	void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct DigestContextDeleter {
-	void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
 
 // Without a callback of our own OpenSSL would ask for a passphrase on the terminal.
 int RefusePassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
@@ -26,7 +18,7 @@ int RefusePassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*da
 using PemReader = EVP_PKEY* (*)(BIO*, EVP_PKEY**, pem_password_cb*, void*);
 
 KeyHandle ReadPem(std::string_view pem, PemReader read) {
-	const std::unique_ptr<BIO, BioDeleter> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+	const BioHandle bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
 	if (!bio) {
 		throw Error("no memory to read a key");
 	}
@@ -61,7 +53,7 @@ PublicKey PublicKey::FromPem(std::string_view pem) {
 }
 
 bool PublicKey::Verify(std::string_view message, const Signature& signature) const {
-	const std::unique_ptr<EVP_MD_CTX, DigestContextDeleter> context(EVP_MD_CTX_new());
+	const DigestHandle context(EVP_MD_CTX_new());
 	if (!context || EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key_.get()) != 1) {
 		ERR_clear_error();
 		throw Error("cannot start a signature check");

@@ -1,8 +1,10 @@
+/** @file Public keys, PEM text and SHA-256, by OpenSSL. */
 #ifndef ARCHIVE_ED25519_H
 #define ARCHIVE_ED25519_H
 
 #include "archive/head.h"
 
+#include <openssl/bio.h>
 #include <openssl/evp.h>
 
 #include <memory>
@@ -11,19 +13,25 @@
 
 namespace tarn::archive {
 
-struct KeyDeleter {
+struct OpensslDeleter {
 	void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+	void operator()(BIO* bio) const { BIO_free(bio); }
+	void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
-using KeyHandle = std::unique_ptr<EVP_PKEY, KeyDeleter>;
+using KeyHandle = std::unique_ptr<EVP_PKEY, OpensslDeleter>;
+using BioHandle = std::unique_ptr<BIO, OpensslDeleter>;
+using DigestHandle = std::unique_ptr<EVP_MD_CTX, OpensslDeleter>;
+
+constexpr std::size_t kMaxKeyFileSize = 64U << 10U;
 
 /** An Ed25519 key that verifies. */
 class PublicKey {
 public:
 	/** Reads PEM ("PUBLIC KEY"); throws Error when it holds no Ed25519 key. */
-	static PublicKey FromPem(std::string_view pem);
+	[[nodiscard]] static PublicKey FromPem(std::string_view pem);
 
 	/** Whether the signature is this key's over the message. */
-	bool Verify(std::string_view message, const Signature& signature) const;
+	[[nodiscard]] bool Verify(std::string_view message, const Signature& signature) const;
 	/** SHA-256 of the 32 key bytes in hexadecimal. */
 	std::string Fingerprint() const;
 
@@ -33,8 +41,8 @@ private:
 };
 
 /** Reads a key from PEM text by one of OpenSSL's readers; null when it holds none. Never asks for a passphrase. */
-KeyHandle ReadPublicPem(std::string_view pem);
-KeyHandle ReadPrivatePem(std::string_view pem);
+[[nodiscard]] KeyHandle ReadPublicPem(std::string_view pem);
+[[nodiscard]] KeyHandle ReadPrivatePem(std::string_view pem);
 
 /** Throws Error unless the handle holds an Ed25519 key. */
 void RequireEd25519(const KeyHandle& key);

@@ -1,3 +1,4 @@
+/** @file Taking the members out of a checked archive. */
 #ifndef ARCHIVE_EXTRACTOR_H
 #define ARCHIVE_EXTRACTOR_H
 

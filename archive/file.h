@@ -1,3 +1,4 @@
+/** @file An open signed archive, and the check of its signature and content. */
 #ifndef ARCHIVE_FILE_H
 #define ARCHIVE_FILE_H
 

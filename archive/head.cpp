@@ -26,12 +26,6 @@ Number Take(std::string_view& bytes) {
 	return value;
 }
 
-void Require(bool holds, const char* reason) {
-	if (!holds) {
-		throw Error(reason);
-	}
-}
-
 } // namespace
 
 std::string EncodeHead(const ArchiveHead& head) {

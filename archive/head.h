@@ -1,3 +1,4 @@
+/** @file The first bytes of a signed archive, and the format's limits. */
 #ifndef ARCHIVE_HEAD_H
 #define ARCHIVE_HEAD_H
 
@@ -55,7 +56,7 @@ std::string EncodeHead(const ArchiveHead& head);
  * @param bytes  kHeadSize bytes
  * @throws Error
  */
-ArchiveHead DecodeHead(std::string_view bytes);
+[[nodiscard]] ArchiveHead DecodeHead(std::string_view bytes);
 
 } // namespace tarn::archive
 

@@ -17,8 +17,6 @@ namespace tarn::archive {
 
 namespace {
 
-constexpr std::size_t kMaxKeyFileSize = 64U << 10U;
-
 struct DirectoryCloser {
 	void operator()(DIR* directory) const { closedir(directory); }
 };

@@ -1,3 +1,4 @@
+/** @file Public keys from files. */
 #ifndef ARCHIVE_KEYS_H
 #define ARCHIVE_KEYS_H
 
@@ -21,10 +22,10 @@ struct TrustedKey {
  *
  * @throws Error when the directory cannot be read, or others could put keys into it
  */
-std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory);
+[[nodiscard]] std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory);
 
 /** Reads one public key file, whoever may write it. */
-TrustedKey LoadPublicKeyFile(const std::string& path);
+[[nodiscard]] TrustedKey LoadPublicKeyFile(const std::string& path);
 
 } // namespace tarn::archive
 

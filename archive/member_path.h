@@ -1,3 +1,4 @@
+/** @file Names of members and targets of links, and which of them are allowed. */
 #ifndef ARCHIVE_MEMBER_PATH_H
 #define ARCHIVE_MEMBER_PATH_H
 
@@ -23,7 +24,7 @@ constexpr std::size_t kMaxDepth = 128;
  * @throws Error for an empty, absolute or overlong name, for one with "..", and for more than kMaxDepth
  * components
  */
-MemberPath ParseMemberName(std::string_view name);
+[[nodiscard]] MemberPath ParseMemberName(std::string_view name);
 
 /** Components joined by "/". */
 std::string Joined(const MemberPath& path);

@@ -16,12 +16,6 @@ constexpr int kMostLevels = 32;
 // No file's name is longer, so a longer id fits none and needs no more room in a log.
 constexpr std::size_t kLongestName = 255;
 
-void Require(bool holds, const char* reason) {
-	if (!holds) {
-		throw Error(reason);
-	}
-}
-
 std::unique_ptr<Json::CharReader> StrictReader() {
 	Json::CharReaderBuilder builder;
 	Json::CharReaderBuilder::strictMode(&builder.settings_);

@@ -1,3 +1,4 @@
+/** @file Whether a data-update package is the one that was asked for. */
 #ifndef ARCHIVE_PACKAGE_IDENTITY_H
 #define ARCHIVE_PACKAGE_IDENTITY_H
 
@@ -28,7 +29,7 @@ struct PackageIdentity {
  * @param metadata  the archive's metadata; its signature has been checked
  * @throws Error saying what is wrong in it
  */
-PackageIdentity ReadPackageIdentity(std::string_view metadata);
+[[nodiscard]] PackageIdentity ReadPackageIdentity(std::string_view metadata);
 
 /**
  * Compares a package with the name that its file was given by whoever asked for it: "<id>_v<version>" for a full

@@ -1,12 +1,13 @@
 #include "archive/payload_stream.h"
 
 #include "base/error.h"
+#include "base/process.h"
 
 #include <zstd.h>
 
-#include <csignal>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarn::archive {
@@ -103,22 +104,8 @@ void DecodeAll(const ArchiveFile& archive, BlockQueue& queue, std::uint64_t max_
 // The new thread inherits a mask that blocks everything, so that the host's signal handlers never run on it.
 template<typename Function>
 std::thread StartWithoutSignals(Function function) {
-	sigset_t all{};
-	sigset_t before{};
-	sigfillset(&all);
-	pthread_sigmask(SIG_SETMASK, &all, &before);
-	std::exception_ptr error;
-	std::thread thread;
-	try {
-		thread = std::thread(std::move(function));
-	} catch (...) {
-		error = std::current_exception();
-	}
-	pthread_sigmask(SIG_SETMASK, &before, nullptr);
-	if (error) {
-		std::rethrow_exception(error);
-	}
-	return thread;
+	const process::AllSignalsBlocked blocked;
+	return std::thread(std::move(function));
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+/** @file An archive's payload, decompressed in a thread of its own. */
 #ifndef ARCHIVE_PAYLOAD_STREAM_H
 #define ARCHIVE_PAYLOAD_STREAM_H
 
@@ -26,7 +27,7 @@ public:
 	~PayloadStream();
 
 	/** The next block, valid until the next call; empty at the end. Throws Error. */
-	std::string_view Next() { return queue_.Next(); }
+	[[nodiscard]] std::string_view Next() { return queue_.Next(); }
 
 private:
 	BlockQueue queue_;

@@ -1,3 +1,4 @@
+/** @file Making a signed archive of a payload. */
 #ifndef ARCHIVE_SEALER_H
 #define ARCHIVE_SEALER_H
 

@@ -5,7 +5,6 @@
 #include "base/text.h"
 #include "base/whole_file.h"
 
-#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -14,27 +13,18 @@
 
 #include <cerrno>
 #include <iomanip>
-#include <memory>
 #include <sstream>
 
 namespace tarn::archive {
 
 namespace {
 
-constexpr std::size_t kMaxKeyFileSize = 64U << 10U;
 constexpr mode_t kPrivateMode = 0600;
 constexpr mode_t kPublicMode = 0644;
 
-struct BioDeleter {
-	void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct DigestContextDeleter {
-	void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
 template<typename Writer>
 std::string ToPem(const Writer& write) {
-	const std::unique_ptr<BIO, BioDeleter> bio(BIO_new(BIO_s_mem()));
+	const BioHandle bio(BIO_new(BIO_s_mem()));
 	if (!bio || write(bio.get()) != 1) {
 		ERR_clear_error();
 		throw Error("A key could not be written in PEM form.");
@@ -103,7 +93,7 @@ SigningKey SigningKey::Load(const std::string& path, const std::function<void(co
 }
 
 Signature SigningKey::Sign(std::string_view message) const {
-	const std::unique_ptr<EVP_MD_CTX, DigestContextDeleter> context(EVP_MD_CTX_new());
+	const DigestHandle context(EVP_MD_CTX_new());
 	Signature signature{};
 	std::size_t size = signature.size();
 	const auto* bytes = reinterpret_cast<const unsigned char*>(message.data());

@@ -1,3 +1,4 @@
+/** @file Private keys: making, reading and signing. */
 #ifndef ARCHIVE_SIGNING_KEY_H
 #define ARCHIVE_SIGNING_KEY_H
 
@@ -12,16 +13,16 @@ namespace tarn::archive {
 /** An Ed25519 key that signs. */
 class SigningKey {
 public:
-	static SigningKey Generate();
+	[[nodiscard]] static SigningKey Generate();
 	/**
 	 * Reads a PKCS#8 PEM file without a passphrase; throws Error.
 	 *
 	 * @param warn  gets a sentence when others than the file's owner have any right to it
 	 */
-	static SigningKey Load(
+	[[nodiscard]] static SigningKey Load(
 	    const std::string& path, const std::function<void(const std::string& sentence)>& warn = [](const auto&) {});
 
-	Signature Sign(std::string_view message) const;
+	[[nodiscard]] Signature Sign(std::string_view message) const;
 	std::string PrivatePem() const;
 	std::string PublicPem() const;
 

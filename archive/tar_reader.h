@@ -1,3 +1,4 @@
+/** @file The members of a payload, in order. */
 #ifndef ARCHIVE_TAR_READER_H
 #define ARCHIVE_TAR_READER_H
 
@@ -40,9 +41,9 @@ public:
 	~TarReader() = default;
 
 	/** Reads the next member's head; false at the end. Throws Error. */
-	bool Next(Member& member);
+	[[nodiscard]] bool Next(Member& member);
 	/** The next piece of the current file's content, valid until the next call; empty at its end. */
-	std::string_view NextContent();
+	[[nodiscard]] std::string_view NextContent();
 
 private:
 	struct ReadDeleter {

@@ -1,3 +1,4 @@
+/** @file Compression, and the tar that a payload is. */
 #ifndef ARCHIVE_TAR_WRITER_H
 #define ARCHIVE_TAR_WRITER_H
 

@@ -13,6 +13,13 @@ public:
 	using std::runtime_error::runtime_error;
 };
 
+/** Throws Error with the reason unless the condition holds. */
+inline void Require(bool holds, const char* reason) {
+	if (!holds) {
+		throw Error(reason);
+	}
+}
+
 /** Throws Error with ErrnoText() of the current errno. */
 [[noreturn]] void ThrowErrno(const std::string& attempt);
 

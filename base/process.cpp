@@ -38,26 +38,8 @@ struct Plan {
 	UniqueFd null;
 	UniqueFd report_from;
 	UniqueFd report_to;
-	sigset_t caller_mask = {};
+	const sigset_t* caller_mask = nullptr;
 	pid_t caller = 0;
-};
-
-/** Keeps the caller's signal handlers from running in the child between fork and exec. */
-class AllSignalsBlocked {
-public:
-	explicit AllSignalsBlocked(sigset_t& previous) : previous_(previous) {
-		sigset_t all;
-		sigfillset(&all);
-		pthread_sigmask(SIG_SETMASK, &all, &previous_);
-	}
-	~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-	AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-	AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-	AllSignalsBlocked(AllSignalsBlocked&&) = delete;
-	AllSignalsBlocked& operator=(AllSignalsBlocked&&) = delete;
-
-private:
-	sigset_t& previous_;
 };
 
 /** A caller may have closed its standard streams; what we open must not take their numbers. */
@@ -179,7 +161,7 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 		umask(*program.umask);
 	}
 	DropHandlers(program.reset_signals);
-	sigset_t mask = program.signal_mask.value_or(plan.caller_mask);
+	sigset_t mask = program.signal_mask.value_or(*plan.caller_mask);
 	if (program.reset_signals && !program.signal_mask) {
 		sigemptyset(&mask);
 	}
@@ -213,7 +195,9 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 }
 
 pid_t Fork(const Program& program, Plan& plan, bool detached) {
-	const AllSignalsBlocked blocked(plan.caller_mask);
+	// The caller's signal handlers must not run in the child between fork and exec.
+	const AllSignalsBlocked blocked;
+	plan.caller_mask = &blocked.Before();
 	const pid_t child = fork();
 	if (child == 0) {
 		detached ? RunInGrandchild(program, plan) : RunInChild(program, plan);
@@ -257,6 +241,16 @@ bool HasEnded(pid_t child) {
 }
 
 } // namespace
+
+AllSignalsBlocked::AllSignalsBlocked() {
+	sigset_t all;
+	sigfillset(&all);
+	pthread_sigmask(SIG_SETMASK, &all, &before_);
+}
+
+AllSignalsBlocked::~AllSignalsBlocked() {
+	pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
 
 int Start(const Program& program, pid_t& child) {
 	return StartAs(program, false, child);

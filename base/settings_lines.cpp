@@ -8,7 +8,7 @@ namespace {
 constexpr const char* kBlanks = " \t\r";
 
 std::string Trim(const std::string& text) {
-	const size_t begin = text.find_first_not_of(kBlanks);
+	const std::size_t begin = text.find_first_not_of(kBlanks);
 	if (begin == std::string::npos) {
 		return {};
 	}
@@ -17,7 +17,7 @@ std::string Trim(const std::string& text) {
 
 /** A "#" begins a comment where a word could begin; within a path it is a character like others. */
 std::string WithoutComment(const std::string& line) {
-	for (size_t at = line.find('#'); at != std::string::npos; at = line.find('#', at + 1)) {
+	for (std::size_t at = line.find('#'); at != std::string::npos; at = line.find('#', at + 1)) {
 		if (at == 0 || std::string(kBlanks).find(line[at - 1]) != std::string::npos) {
 			return line.substr(0, at);
 		}
@@ -32,7 +32,7 @@ std::optional<Directive> ParseLine(const std::string& line) {
 	if (text.empty()) {
 		return std::nullopt;
 	}
-	const size_t blank = std::min(text.find_first_of(kBlanks), text.size());
+	const std::size_t blank = std::min(text.find_first_of(kBlanks), text.size());
 	return Directive{text.substr(0, blank), Trim(text.substr(blank))};
 }
 

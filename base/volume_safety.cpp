@@ -36,11 +36,11 @@ enum class Role {
 
 /** In a user namespace, whatever belongs to users outside of it, the machine's root among them, has one owner. */
 bool IsInUserNamespace() {
-	constexpr uint64_t kAllUsers = UINT32_MAX;
+	constexpr std::uint64_t kAllUsers = UINT32_MAX;
 	std::ifstream map("/proc/self/uid_map");
-	uint64_t inside = 0;
-	uint64_t outside = 0;
-	uint64_t count = 0;
+	std::uint64_t inside = 0;
+	std::uint64_t outside = 0;
+	std::uint64_t count = 0;
 	return map >> inside >> outside >> count && count != kAllUsers;
 }
 
@@ -127,7 +127,8 @@ private:
 		const std::string name = std::move(names_.front());
 		names_.pop_front();
 		const bool is_up = name == "..";
-		const std::string path = is_up ? path_.substr(0, std::max<size_t>(path_.rfind('/'), 1)) : Below(path_, name);
+		const std::string path =
+		    is_up ? path_.substr(0, std::max<std::size_t>(path_.rfind('/'), 1)) : Below(path_, name);
 		UniqueFd next(openat(at_.Get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 		struct stat info = {};
 		if (!next && errno == ENOENT) {
@@ -161,7 +162,7 @@ private:
 			errno = ELOOP;
 			return RefuseUnknown(path);
 		}
-		PutInFront(std::string(target.data(), static_cast<size_t>(length)), names_);
+		PutInFront(std::string(target.data(), static_cast<std::size_t>(length)), names_);
 		if (target[0] == '/') {
 			at_ = UniqueFd(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
 			path_ = "/";

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
 			std::cerr << "usage: vcdiff_header SOURCE TARGET\n";
 			return 2;
 		}
-		std::cout << tarn::vcdiff::MakeApplicationHeader(argv[1], argv[2]) << '\n';
+		std::cout << tarn::decoder::MakeApplicationHeader(argv[1], argv[2]) << '\n';
 	} catch (const std::exception& error) {
 		std::cerr << "vcdiff_header: " << error.what() << '\n';
 		return 1;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -67,4 +67,4 @@ void AddressCache::Remember(std::uint64_t address) {
 	}
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -1,3 +1,4 @@
+/** @file The addresses of COPY instructions. */
 #ifndef DECODER_ADDRESS_CACHE_H
 #define DECODER_ADDRESS_CACHE_H
 
@@ -5,7 +6,7 @@
 
 #include <vector>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** Sizes of the two caches, as a custom code table may choose them. */
 struct CacheSizes {
@@ -43,6 +44,6 @@ private:
 	std::uint64_t window_ = 0;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

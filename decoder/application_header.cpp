@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -75,4 +75,4 @@ std::string MakeApplicationHeader(const std::string& source, const std::string& 
 	return FormatApplicationHeader({InputFile(source).Size(), file.Size(), hash.Hex()});
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -1,3 +1,4 @@
+/** @file What a patch promises of its source and its target. */
 #ifndef DECODER_APPLICATION_HEADER_H
 #define DECODER_APPLICATION_HEADER_H
 
@@ -5,7 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** What our publisher says in a patch's application header about the files the patch was made from. */
 struct Promise {
@@ -29,6 +30,6 @@ std::optional<Promise> ParseApplicationHeader(const std::string& text);
 /** The header for a patch between two regular files, both of which are read. Throws DecodeError. */
 std::string MakeApplicationHeader(const std::string& source, const std::string& target);
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

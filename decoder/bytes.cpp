@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 MemoryBytes::MemoryBytes(std::string name, std::vector<Byte> content)
     : name_(std::move(name)), content_(std::move(content)) {}
@@ -21,4 +21,4 @@ void MemoryBytes::Append(const Byte* from, std::size_t length) {
 	content_.insert(content_.end(), from, from + length);
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 using Byte = std::uint8_t;
 
@@ -49,6 +49,6 @@ private:
 	std::vector<Byte> content_;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

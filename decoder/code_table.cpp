@@ -2,7 +2,7 @@
 
 #include "decoder/decode_error.h"
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -141,4 +141,4 @@ CodeTable CodeTableFromString(const std::vector<Byte>& string, CacheSizes caches
 	return table;
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -1,3 +1,4 @@
+/** @file The codes of a patch's instructions. */
 #ifndef DECODER_CODE_TABLE_H
 #define DECODER_CODE_TABLE_H
 
@@ -7,7 +8,7 @@
 #include <array>
 #include <vector>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 enum class InstructionType : Byte { kNoop = 0, kAdd = 1, kRun = 2, kCopy = 3 };
 
@@ -40,6 +41,6 @@ std::vector<Byte> CodeTableString(const CodeTable& table);
 /** The inverse. Throws DecodeError, whose text begins with `where`, when no instruction can be what the string says. */
 CodeTable CodeTableFromString(const std::vector<Byte>& string, CacheSizes caches, const std::string& where);
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

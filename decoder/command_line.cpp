@@ -6,7 +6,7 @@
 
 #include <ostream>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -73,4 +73,4 @@ ExitCode RunCommandLine(int argc, const char* const* argv, std::ostream& out, st
 	return Decode(options, err);
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -8,7 +8,7 @@
 
 #include <new>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 ContentHash::ContentHash() : state_(XXH3_createState()) {
 	if (!state_ || XXH3_128bits_reset(state_.get()) != XXH_OK) {
@@ -29,4 +29,4 @@ std::string ContentHash::Hex() const {
 	return tarn::Hex(canonical.digest, sizeof canonical.digest);
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

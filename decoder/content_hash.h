@@ -1,3 +1,4 @@
+/** @file The hash of a whole content. */
 #ifndef DECODER_CONTENT_HASH_H
 #define DECODER_CONTENT_HASH_H
 
@@ -8,7 +9,7 @@
 #include <memory>
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** XXH3-128 over bytes that come piece by piece. */
 class ContentHash {
@@ -27,6 +28,6 @@ private:
 	std::unique_ptr<XXH3_state_t, FreeState> state_;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -172,4 +172,4 @@ void DecodeFile(
 	output_file.Commit();
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

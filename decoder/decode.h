@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** What a patch may ask for. Whatever its windows say, memory is bounded by the buffers. */
 struct DecodeLimits {
@@ -42,6 +42,6 @@ void DecodeFile(
 void DecodePatch(
     const ReadableBytes& source, GrowingBytes& target, const ReadableBytes& patch, const DecodeLimits& limits = {});
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

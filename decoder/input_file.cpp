@@ -9,7 +9,7 @@
 
 #include <cerrno>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 void FailWithErrno(const std::string& name, const std::string& what) {
 	throw DecodeError(ErrnoText(name + " could not be " + what, errno) + ".");
@@ -46,4 +46,4 @@ bool InputFile::IsAt(const std::string& path) const {
 	return stat(path.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

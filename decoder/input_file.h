@@ -1,3 +1,4 @@
+/** @file Files that are only read. */
 #ifndef DECODER_INPUT_FILE_H
 #define DECODER_INPUT_FILE_H
 
@@ -8,7 +9,7 @@
 
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** Reads exactly these bytes of an open file. Throws DecodeError, also when the file ends before. */
 void ReadFileAt(int fd, const std::string& name, std::uint64_t offset, Byte* to, std::size_t length);
@@ -39,6 +40,6 @@ private:
 	ino_t inode_ = 0;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 OutputBuffer::OutputBuffer(GrowingBytes& target, std::size_t block_size, std::size_t read_ahead_size)
     : target_(target), block_size_(block_size), block_(new Byte[block_size]), earlier_(target, read_ahead_size) {}
@@ -62,4 +62,4 @@ void OutputBuffer::Flush() {
 	checksummed_ = 0;
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

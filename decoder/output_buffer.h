@@ -1,3 +1,4 @@
+/** @file The target while it is made: the newest part in memory, all of it in the output. */
 #ifndef DECODER_OUTPUT_BUFFER_H
 #define DECODER_OUTPUT_BUFFER_H
 
@@ -10,7 +11,7 @@
 #include <optional>
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /**
  * The output as it is made: a block in memory, and everything before it in the target. Checksums are taken of a block
@@ -65,6 +66,6 @@ private:
 	std::size_t checksummed_ = 0; // of the block
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

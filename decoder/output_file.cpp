@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <random>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -124,4 +124,4 @@ void OutputFile::Commit() {
 	}
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -1,3 +1,4 @@
+/** @file The file that a patch makes. */
 #ifndef DECODER_OUTPUT_FILE_H
 #define DECODER_OUTPUT_FILE_H
 
@@ -6,7 +7,7 @@
 
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /**
  * A file that appears under its name whole or not at all. Until Commit() it has no name where the file system allows
@@ -37,6 +38,6 @@ private:
 	std::uint64_t size_ = 0;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <array>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -101,4 +101,4 @@ PatchHeader ReadPatchHeader(SectionReader& reader) {
 	return header;
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

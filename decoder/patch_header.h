@@ -1,3 +1,4 @@
+/** @file The beginning of a patch. */
 #ifndef DECODER_PATCH_HEADER_H
 #define DECODER_PATCH_HEADER_H
 
@@ -7,7 +8,7 @@
 
 #include <optional>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** What stands before the windows. */
 struct PatchHeader {
@@ -25,6 +26,6 @@ struct PatchHeader {
 /** Reads it; the reader is at the patch's beginning and then at the first window. Throws DecodeError. */
 PatchHeader ReadPatchHeader(SectionReader& reader);
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -49,4 +49,4 @@ void ReadAhead::Fill(std::uint64_t offset) {
 	used_ = wanted;
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -1,3 +1,4 @@
+/** @file Reading a source in blocks. */
 #ifndef DECODER_READ_AHEAD_H
 #define DECODER_READ_AHEAD_H
 
@@ -5,7 +6,7 @@
 
 #include <memory>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /**
  * Serves short reads that mostly go forwards from a buffer, and long ones directly. How much it reads ahead grows while
@@ -31,6 +32,6 @@ private:
 	std::size_t step_;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

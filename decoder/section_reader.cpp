@@ -6,7 +6,7 @@
 #include <cstring>
 #include <limits>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 SectionReader::SectionReader(const ReadableBytes& patch, std::size_t buffer_size)
     : patch_(patch),
@@ -87,4 +87,4 @@ void SectionReader::Fail(const std::string& problem) const {
 	throw DecodeError(patch_.Name() + ", byte " + std::to_string(Position()) + ": " + problem + ".");
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

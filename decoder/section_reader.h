@@ -1,3 +1,4 @@
+/** @file Numbers and bytes of one section of a patch. */
 #ifndef DECODER_SECTION_READER_H
 #define DECODER_SECTION_READER_H
 
@@ -6,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** Reads one section of a patch from its beginning to its end, through a buffer of fixed size. */
 class SectionReader {
@@ -54,6 +55,6 @@ private:
 	const Byte* limit_;
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

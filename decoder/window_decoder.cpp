@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 WindowDecoder::WindowDecoder(const CodeTable& table, const ReadableBytes& patch, const ReadableBytes& source,
     OutputBuffer& output, const BufferSizes& sizes)
@@ -107,4 +107,4 @@ void WindowDecoder::CheckAllUsed() const {
 	}
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

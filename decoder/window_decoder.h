@@ -1,3 +1,4 @@
+/** @file Applying one window of a patch. */
 #ifndef DECODER_WINDOW_DECODER_H
 #define DECODER_WINDOW_DECODER_H
 
@@ -8,7 +9,7 @@
 #include "decoder/section_reader.h"
 #include "decoder/window_header.h"
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 /** Sizes of the buffers, which are all the memory that decoding takes. */
 struct BufferSizes {
@@ -47,6 +48,6 @@ private:
 	std::uint64_t left_ = 0;         // of the target window
 };
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

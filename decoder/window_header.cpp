@@ -1,6 +1,6 @@
 #include "decoder/window_header.h"
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 namespace {
 
@@ -119,4 +119,4 @@ WindowHeader ReadWindowHeader(SectionReader& reader, const WindowLimits& limits)
 	return header;
 }
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder

@@ -1,3 +1,4 @@
+/** @file The beginning of a window. */
 #ifndef DECODER_WINDOW_HEADER_H
 #define DECODER_WINDOW_HEADER_H
 
@@ -5,7 +6,7 @@
 
 #include <optional>
 
-namespace tarn::vcdiff {
+namespace tarn::decoder {
 
 enum class SegmentOrigin { kNone, kSource, kTarget };
 
@@ -38,6 +39,6 @@ struct WindowLimits {
 /** Reads it; the reader is at a window and then at its end, before its sections are read. Throws DecodeError. */
 WindowHeader ReadWindowHeader(SectionReader& reader, const WindowLimits& limits);
 
-} // namespace tarn::vcdiff
+} // namespace tarn::decoder
 
 #endif

@@ -1,7 +1,4 @@
-/**
- * @file
- * What every function needs that is called from C.
- */
+/** @file What every function needs that is called from C. */
 #ifndef PLATFORM_C_BOUNDARY_H
 #define PLATFORM_C_BOUNDARY_H
 

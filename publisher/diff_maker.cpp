@@ -39,7 +39,7 @@ bool HasCompanion(const std::string& name, const std::set<std::string>& names) {
 }
 
 void DecodePatchFile(const std::string& source, const std::string& output, const std::string& patch) {
-	vcdiff::DecodeFile(source, output, patch);
+	decoder::DecodeFile(source, output, patch);
 }
 
 /** Whether devices get the published content where bytes of their own are expected. */

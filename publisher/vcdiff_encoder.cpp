@@ -15,9 +15,9 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string HashOf(InputFile& file) {
-	vcdiff::ContentHash hash;
+	decoder::ContentHash hash;
 	for (std::string_view part = file.Next(); !part.empty(); part = file.Next()) {
-		hash.Update(reinterpret_cast<const vcdiff::Byte*>(part.data()), part.size());
+		hash.Update(reinterpret_cast<const decoder::Byte*>(part.data()), part.size());
 	}
 	return hash.Hex();
 }
@@ -55,7 +55,7 @@ void EncodeVcdiff(const std::string& encoder, const std::string& source, const s
 	RunProgram(encoder, Arguments(source, target, patch), scratch + "/output", scratch + "/errors");
 	const std::string result = scratch + "/decoded";
 	try {
-		vcdiff::DecodeFile(source, result, patch);
+		decoder::DecodeFile(source, result, patch);
 	} catch (const std::exception& error) {
 		throw PublishError("the patch cannot be decoded: " + std::string(error.what()));
 	}

@@ -24,7 +24,7 @@ static_assert(TARNARCHIVE_KEYTYPE_DATA_UPDATE == tarn::archive::kDataUpdateKeyTy
 
 namespace {
 
-using tarn::Error;
+using tarn::Require;
 
 std::string KeyDirectory(int key_type) {
 	return "/usr/tarn/etc/codesign/" + std::to_string(key_type);
@@ -91,12 +91,6 @@ Observer& TheObserver() {
 
 std::string FileName(const std::string& path) {
 	return path.substr(path.rfind('/') + 1);
-}
-
-void Require(bool holds, const char* reason) {
-	if (!holds) {
-		throw Error(reason);
-	}
 }
 
 std::vector<std::string> MemberList(const char* const* members) {

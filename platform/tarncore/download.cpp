@@ -1,13 +1,15 @@
 #include "platform/tarncore/download.h"
 
+#include "base/file_io.h"
+#include "base/mutex.h"
 #include "base/unique_fd.h"
 #include "platform/tarncore/download_guard.h"
-#include "platform/tarncore/download_limiter.h"
+
+#include <tarncore/tarncore.h>
 
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,11 +24,43 @@ constexpr std::chrono::milliseconds kPeriod(100);
 /** The protections of the shipped settings file, which hold as well while that file is missing or not trusted. */
 constexpr char kSettings[] = "netrc = off\nhsts = off\nmax_redirect = 5\nread_timeout = 60\n";
 
+struct Limiter {
+	Mutex mutex;
+	TLIBCDownloadLimiter ask TARN_GUARDED_BY(mutex) = nullptr;
+	void* data TARN_GUARDED_BY(mutex) = nullptr;
+};
+
+Limiter& HostLimiter() {
+	static Limiter limiter;
+	return limiter;
+}
+
+std::string& LastFailure() {
+	thread_local std::string text;
+	return text;
+}
+
+/** Asks the host, if it has set a function to ask. */
+TLIBCDownloadLimits AskForLimits(const Download& download) {
+	TLIBCDownloadLimits limits = {};
+	Limiter& limiter = HostLimiter();
+	// Held during the call, so that nobody is asked any more once another function has been set.
+	const MutexLock guard(limiter.mutex);
+	if (limiter.ask != nullptr) {
+		limiter.ask(download.url.c_str(), download.file.c_str(), &limits, limiter.data);
+	}
+	return limits;
+}
+
+/** Sets what TLIBCDownloadFailureGet() returns in this thread. */
+void KeepDownloadFailure(const std::string& text) {
+	LastFailure() = text;
+}
+
 /** A file in memory that holds the fixed settings; empty with errno set when it cannot be made. */
 UniqueFd MakeFixedSettings() {
-	constexpr ssize_t kLength = sizeof kSettings - 1;
 	UniqueFd file(memfd_create("wgetrc", MFD_CLOEXEC));
-	if (file && write(file.Get(), kSettings, kLength) != kLength) {
+	if (file && !WriteAll(file.Get(), kSettings, sizeof kSettings - 1)) {
 		file.Reset();
 	}
 	return file;
@@ -86,3 +120,14 @@ int RunDownload(process::Program& program, const Download& download, int& status
 }
 
 } // namespace tarn::core
+
+void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter limiter, void* data) {
+	tarn::core::Limiter& own = tarn::core::HostLimiter();
+	const tarn::MutexLock guard(own.mutex);
+	own.ask = limiter;
+	own.data = data;
+}
+
+const char* TLIBCDownloadFailureGet() {
+	return tarn::core::LastFailure().c_str();
+}

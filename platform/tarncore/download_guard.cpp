@@ -8,8 +8,8 @@
 namespace tarn::core {
 namespace {
 
-constexpr uint64_t kReservedShare = 20;
-constexpr uint64_t kSmallFile = 2UL * 1024 * 1024;
+constexpr std::uint64_t kReservedShare = 20;
+constexpr std::uint64_t kSmallFile = 2UL * 1024 * 1024;
 
 std::string Seconds(std::chrono::seconds time) {
 	return std::to_string(time.count()) + " s";
@@ -22,30 +22,30 @@ DownloadEnd NoSpace() {
 } // namespace
 
 std::optional<Space> SpaceFor(const std::string& file) {
-	const size_t slash = file.rfind('/');
-	const std::string directory = slash == std::string::npos ? "." : file.substr(0, std::max<size_t>(slash, 1));
+	const std::size_t slash = file.rfind('/');
+	const std::string directory = slash == std::string::npos ? "." : file.substr(0, std::max<std::size_t>(slash, 1));
 	struct statvfs info = {};
 	if (statvfs(directory.c_str(), &info) != 0 || info.f_blocks == 0) {
 		return std::nullopt;
 	}
-	return Space{uint64_t{info.f_bavail} * info.f_frsize, uint64_t{info.f_blocks} * info.f_frsize};
+	return Space{std::uint64_t{info.f_bavail} * info.f_frsize, std::uint64_t{info.f_blocks} * info.f_frsize};
 }
 
-uint64_t FileSize(const std::string& file) {
+std::uint64_t FileSize(const std::string& file) {
 	struct stat info = {};
-	return stat(file.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
+	return stat(file.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
 }
 
 DownloadGuard::DownloadGuard(const DownloadSettings& settings, const TLIBCDownloadLimits& limits,
-    const std::optional<Space>& space, uint64_t size, Clock::time_point now)
+    const std::optional<Space>& space, std::uint64_t size, Clock::time_point now)
     : settings_(settings), excess_(NoSpace()), begin_(now), size_(size), last_enough_(now) {
 	if (limits.seconds > 0) {
 		settings_.deadline = std::min(settings_.deadline, std::chrono::seconds(limits.seconds));
 	}
 	if (space) {
 		// What it replaces becomes free; as far as another name doesn't keep it, which the repeated look finds out.
-		const uint64_t available = space->free_bytes + size;
-		const uint64_t reserve = space->capacity / kReservedShare;
+		const std::uint64_t available = space->free_bytes + size;
+		const std::uint64_t reserve = space->capacity / kReservedShare;
 		largest_ = std::max(available - std::min(available, reserve), std::min(kSmallFile, available / 2));
 	}
 	if (limits.largest_bytes > 0 && (!largest_ || limits.largest_bytes < *largest_)) {
@@ -56,7 +56,7 @@ DownloadGuard::DownloadGuard(const DownloadSettings& settings, const TLIBCDownlo
 	}
 }
 
-bool DownloadGuard::MayGoOn(uint64_t size, const std::optional<Space>& space, Clock::time_point now) {
+bool DownloadGuard::MayGoOn(std::uint64_t size, const std::optional<Space>& space, Clock::time_point now) {
 	CheckSpace(size, space);
 	CheckRate(size, now);
 	CheckDeadline(now);
@@ -68,20 +68,20 @@ void DownloadGuard::NoteExcess() {
 }
 
 /** Others fill the disk as well, and more than one download may run. */
-void DownloadGuard::CheckSpace(uint64_t size, const std::optional<Space>& space) {
+void DownloadGuard::CheckSpace(std::uint64_t size, const std::optional<Space>& space) {
 	if (!space) {
 		return;
 	}
-	const uint64_t reserve = space->capacity / kReservedShare;
+	const std::uint64_t reserve = space->capacity / kReservedShare;
 	if (space->free_bytes < (size > kSmallFile ? reserve : std::min(reserve, size))) {
 		end_ = NoSpace();
 	}
 }
 
-void DownloadGuard::CheckRate(uint64_t size, Clock::time_point now) {
+void DownloadGuard::CheckRate(std::uint64_t size, Clock::time_point now) {
 	received_ += size > size_ ? size - size_ : 0;
 	size_ = size;
-	const auto wanted = settings_.lowest_rate * static_cast<uint64_t>(settings_.patience.count());
+	const auto wanted = settings_.lowest_rate * static_cast<std::uint64_t>(settings_.patience.count());
 	if (received_ >= wanted) {
 		received_ = 0;
 		last_enough_ = now;

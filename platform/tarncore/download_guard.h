@@ -21,15 +21,15 @@ struct DownloadEnd {
 
 /** The space of the file system that a download is written to. */
 struct Space {
-	uint64_t free_bytes = 0;
-	uint64_t capacity = 0;
+	std::uint64_t free_bytes = 0;
+	std::uint64_t capacity = 0;
 };
 
 /** No value when the file system doesn't tell. */
 std::optional<Space> SpaceFor(const std::string& file);
 
 /** The file's size; 0 for a missing one. */
-uint64_t FileSize(const std::string& file);
+std::uint64_t FileSize(const std::string& file);
 
 /**
  * Measures one download. A twentieth of the file system stays free, as it does after every update; a file of up to 2
@@ -47,13 +47,13 @@ public:
 	 * @param size    of the file that is there already and will be replaced
 	 */
 	DownloadGuard(const DownloadSettings& settings, const TLIBCDownloadLimits& limits,
-	    const std::optional<Space>& space, uint64_t size, Clock::time_point now);
+	    const std::optional<Space>& space, std::uint64_t size, Clock::time_point now);
 
 	/** The most that the file may have; the client cannot write more. No value when nothing is known of any limit. */
-	std::optional<uint64_t> LargestFile() const { return largest_; }
+	std::optional<std::uint64_t> LargestFile() const { return largest_; }
 
 	/** Whether the download may go on; after a no, End() tells why not. */
-	bool MayGoOn(uint64_t size, const std::optional<Space>& space, Clock::time_point now);
+	bool MayGoOn(std::uint64_t size, const std::optional<Space>& space, Clock::time_point now);
 
 	/** The client was ended by the system for writing more than LargestFile(). */
 	void NoteExcess();
@@ -61,17 +61,17 @@ public:
 	const std::optional<DownloadEnd>& End() const { return end_; }
 
 private:
-	void CheckSpace(uint64_t size, const std::optional<Space>& space);
-	void CheckRate(uint64_t size, Clock::time_point now);
+	void CheckSpace(std::uint64_t size, const std::optional<Space>& space);
+	void CheckRate(std::uint64_t size, Clock::time_point now);
 	void CheckDeadline(Clock::time_point now);
 
 	DownloadSettings settings_;
-	std::optional<uint64_t> largest_;
+	std::optional<std::uint64_t> largest_;
 	DownloadEnd excess_;
 	std::optional<DownloadEnd> end_;
 	Clock::time_point begin_;
-	uint64_t size_;
-	uint64_t received_ = 0; ///< Since the last time that enough had come.
+	std::uint64_t size_;
+	std::uint64_t received_ = 0; ///< Since the last time that enough had come.
 	Clock::time_point last_enough_;
 };
 

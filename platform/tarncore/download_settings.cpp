@@ -14,8 +14,8 @@ namespace tarn::core {
 namespace {
 
 /** A number of at most nine digits, which no clock and no product of two overflows. */
-std::optional<uint64_t> ParseNumber(const std::string& text) {
-	constexpr size_t kMostDigits = 9;
+std::optional<std::uint64_t> ParseNumber(const std::string& text) {
+	constexpr std::size_t kMostDigits = 9;
 	const auto is_digit = [](char character) { return character >= '0' && character <= '9'; };
 	if (text.empty() || text.size() > kMostDigits || !std::all_of(text.begin(), text.end(), is_digit)) {
 		return std::nullopt;
@@ -23,7 +23,7 @@ std::optional<uint64_t> ParseNumber(const std::string& text) {
 	return std::stoull(text);
 }
 
-bool TakeSeconds(std::chrono::seconds& setting, uint64_t number) {
+bool TakeSeconds(std::chrono::seconds& setting, std::uint64_t number) {
 	setting = std::chrono::seconds(number);
 	return number > 0;
 }
@@ -34,7 +34,7 @@ const char* TakeLine(const std::string& line, DownloadSettings& settings) {
 	if (!directive) {
 		return nullptr;
 	}
-	const std::optional<uint64_t> number = ParseNumber(directive->value);
+	const std::optional<std::uint64_t> number = ParseNumber(directive->value);
 	DownloadSettings changed = settings;
 	bool fits = number.has_value();
 	if (directive->name == "deadline") {

@@ -17,7 +17,7 @@ struct DownloadSettings {
 	/** From the start of the client to its end, however many tries it makes. */
 	std::chrono::seconds deadline = std::chrono::hours(4);
 	/** Bytes per second, measured over the patience; 0 lets a download be as slow as it is. */
-	uint64_t lowest_rate = 1000;
+	std::uint64_t lowest_rate = 1000;
 	/** Longer than the client takes to give up a server that cannot be connected to, which says more by itself. */
 	std::chrono::seconds patience = std::chrono::minutes(2);
 };

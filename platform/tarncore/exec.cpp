@@ -28,7 +28,7 @@ Program MakeProgram(const char* path, unsigned int options) {
 	program.death_signal = (options & TLIBC_EXEC_WAIT) != 0 ? SIGKILL : 0;
 	constexpr std::array<unsigned int, 3> kNullOptions = {
 	    TLIBC_EXEC_STDIN_NULL, TLIBC_EXEC_STDOUT_NULL, TLIBC_EXEC_STDERR_NULL};
-	for (size_t i = 0; i < program.streams.size(); ++i) {
+	for (std::size_t i = 0; i < program.streams.size(); ++i) {
 		program.streams[i] =
 		    (options & kNullOptions[i]) != 0 ? tarn::process::kNullStream : tarn::process::kInheritStream;
 	}

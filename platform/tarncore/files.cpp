@@ -46,7 +46,7 @@ bool MakeWithParents(const std::string& path, mode_t mode, uid_t uid, gid_t gid)
 		errno = ENOENT;
 		return false;
 	}
-	size_t end = 0;
+	std::size_t end = 0;
 	do {
 		end = path.find('/', end + 1);
 		if (!MakeOne(path.substr(0, end), mode, uid, gid)) {

@@ -15,13 +15,13 @@ namespace tarn::core {
 namespace {
 
 /** A longer value is no name but an accident, and the whole string must fit into callers' buffers. */
-constexpr size_t kLongestPart = 128;
+constexpr std::size_t kLongestPart = 128;
 
 /** A value of an os-release file: shell quoting taken off. */
 std::string Unquote(const std::string& value) {
 	std::string plain;
 	char quote = '\0';
-	for (size_t i = 0; i < value.size() && plain.size() < kLongestPart; ++i) {
+	for (std::size_t i = 0; i < value.size() && plain.size() < kLongestPart; ++i) {
 		const char c = value[i];
 		if (c == '\\' && quote != '\'' && i + 1 < value.size()) {
 			plain += value[++i];
@@ -88,7 +88,7 @@ std::string UserAgent(const std::string& category, const std::vector<std::string
 
 } // namespace tarn::core
 
-int TLIBHostinfoUserAgentGet(const char* category, char* buffer, size_t size) {
+int TLIBHostinfoUserAgentGet(const char* category, char* buffer, std::size_t size) {
 	if (category == nullptr || buffer == nullptr) {
 		return tarn::Fail(EINVAL);
 	}

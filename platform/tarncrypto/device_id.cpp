@@ -11,7 +11,10 @@
 #include <array>
 #include <cctype>
 #include <cstring>
+#include <exception>
 #include <fstream>
+#include <memory>
+#include <new>
 
 namespace tarn::crypto {
 namespace {
@@ -19,7 +22,7 @@ namespace {
 // A part of the interface: another key gives every device another identifier.
 constexpr const char* kApplicationKey = "tarn.data_update.device_id.v1";
 
-constexpr size_t kMachineIdLength = 32;
+constexpr std::size_t kMachineIdLength = 32;
 
 bool IsMachineId(const std::string& text) {
 	const auto is_digit = [](unsigned char c) { return std::isxdigit(c) != 0; };
@@ -65,7 +68,44 @@ std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_p
 		syslog(LOG_ERR, "tarncrypto: cannot compute the device id: HMAC-SHA256 failed");
 		return std::nullopt;
 	}
-	return Hex(digest.data(), static_cast<size_t>(bytes));
+	return Hex(digest.data(), static_cast<std::size_t>(bytes));
+}
+
+HwidContext::HwidContext() : tarncrypto_hwid{nullptr} {
+	str = text.data();
+}
+
+bool FillHwid(HwidContext& context, int bytes, const std::vector<std::string>& machine_id_paths) {
+	const auto id = DeviceId(machine_id_paths, bytes);
+	context.text = id.value_or(std::string());
+	context.str = context.text.data();
+	return id.has_value();
 }
 
 } // namespace tarn::crypto
+
+using tarn::crypto::HwidContext;
+
+struct tarncrypto_hwid* tarncrypto_hwid_init() {
+	try {
+		return std::make_unique<HwidContext>().release();
+	} catch (const std::bad_alloc&) {
+		return nullptr;
+	}
+}
+
+bool tarncrypto_hwid_str(struct tarncrypto_hwid* context, int bytes) {
+	if (context == nullptr) {
+		return false;
+	}
+	try {
+		return FillHwid(static_cast<HwidContext&>(*context), bytes, tarn::crypto::MachineIdPaths());
+	} catch (const std::exception&) {
+		context->str[0] = '\0';
+		return false;
+	}
+}
+
+void tarncrypto_hwid_free(struct tarncrypto_hwid* context) {
+	const std::unique_ptr<HwidContext> owner(static_cast<HwidContext*>(context));
+}

@@ -1,6 +1,8 @@
-/** @file The device identifier, derived from the machine id. */
+/** @file The device identifier, derived from the machine id, and the context that callers from C get it in. */
 #ifndef PLATFORM_TARNCRYPTO_DEVICE_ID_H
 #define PLATFORM_TARNCRYPTO_DEVICE_ID_H
+
+#include <tarncrypto/tarncrypto.h>
 
 #include <optional>
 #include <string>
@@ -19,6 +21,16 @@ std::optional<std::string> ReadMachineId(const std::vector<std::string>& paths);
 
 /** The first bytes of the identifier in lower-case hexadecimal; nothing when there is no machine id. */
 std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_paths, int bytes);
+
+/** What callers see as the plain structure, with the text that its pointer leads to. */
+struct HwidContext : tarncrypto_hwid {
+	std::string text;
+
+	HwidContext();
+};
+
+/** Fills the context; false, and an empty text, when there is no machine id or the length is out of range. */
+[[nodiscard]] bool FillHwid(HwidContext& context, int bytes, const std::vector<std::string>& machine_id_paths);
 
 } // namespace tarn::crypto
 

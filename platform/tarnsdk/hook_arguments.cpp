@@ -16,7 +16,7 @@ namespace tarn::sdk {
 namespace {
 
 /** What the kernel takes for one string of the environment, the NUL included. */
-constexpr size_t kLongestVariable = size_t{128} * 1024;
+constexpr std::size_t kLongestVariable = std::size_t{128} * 1024;
 
 /** MFD_NOEXEC_SEAL, which hardened kernels demand and the C library's headers don't name yet. */
 constexpr unsigned int kMemoryNotExecutable = 0x0008U;
@@ -71,11 +71,11 @@ UniqueFd ReopenForReading(const UniqueFd& file) {
 
 std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
 	const long limit = sysconf(_SC_ARG_MAX);
-	size_t room = limit > 0 ? static_cast<size_t>(limit) / 2 : kLongestVariable;
+	std::size_t room = limit > 0 ? static_cast<std::size_t>(limit) / 2 : kLongestVariable;
 	std::vector<std::string> variables;
 	std::string omitted;
 	for (const auto& [key, value] : arguments) {
-		const size_t size = key.size() + 1 + value.size() + 1;
+		const std::size_t size = key.size() + 1 + value.size() + 1;
 		if (size > std::min(room, kLongestVariable)) {
 			omitted += omitted.empty() ? "" : " ";
 			omitted += key;

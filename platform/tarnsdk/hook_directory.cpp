@@ -71,8 +71,8 @@ int OpenTrusted(int at, const std::string& name, int flags, const std::string& p
 /** Walks down from a root, so that no directory on the way may be anyone else's. */
 int OpenBelow(const std::string& root, const std::string& subpath, uid_t owner, UniqueFd& directory) {
 	int error = OpenTrusted(AT_FDCWD, root, 0, root, owner, directory);
-	for (size_t begin = 0; error == 0 && begin <= subpath.size();) {
-		const size_t end = std::min(subpath.find('/', begin), subpath.size());
+	for (std::size_t begin = 0; error == 0 && begin <= subpath.size();) {
+		const std::size_t end = std::min(subpath.find('/', begin), subpath.size());
 		const std::string path = BelowPath(root, subpath.substr(0, end));
 		const std::string name = subpath.substr(begin, end - begin);
 		error = OpenTrusted(directory.Get(), name, O_NOFOLLOW, path, owner, directory);

@@ -58,8 +58,8 @@ bool IsComponent(const std::string& name) {
 }
 
 bool IsRelativePath(const std::string& path) {
-	size_t begin = 0;
-	for (size_t end = 0; end != std::string::npos; begin = end + 1) {
+	std::size_t begin = 0;
+	for (std::size_t end = 0; end != std::string::npos; begin = end + 1) {
 		end = path.find('/', begin);
 		if (!IsComponent(path.substr(begin, end - begin))) {
 			return false;

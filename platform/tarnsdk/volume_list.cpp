@@ -31,8 +31,8 @@ int ProbeDirectory(const std::string& path) {
 }
 
 /** Multiplies without wrapping round: file systems in user space may claim anything. */
-uint64_t Bytes(uint64_t blocks, uint64_t block_size) {
-	uint64_t bytes = 0;
+std::uint64_t Bytes(std::uint64_t blocks, std::uint64_t block_size) {
+	std::uint64_t bytes = 0;
 	return __builtin_mul_overflow(blocks, block_size, &bytes) ? UINT64_MAX : bytes;
 }
 

@@ -11,11 +11,11 @@
 
 namespace {
 
-using tarn::vcdiff::BufferSizes;
-using tarn::vcdiff::Byte;
-using tarn::vcdiff::DecodeError;
-using tarn::vcdiff::DecodePatch;
-using tarn::vcdiff::MemoryBytes;
+using tarn::decoder::BufferSizes;
+using tarn::decoder::Byte;
+using tarn::decoder::DecodeError;
+using tarn::decoder::DecodePatch;
+using tarn::decoder::MemoryBytes;
 
 constexpr std::uint64_t kMaxOutput = 1U << 16U;
 // Everything in one buffer, and buffers so small that hardly anything is.

@@ -1,5 +1,4 @@
 #include "platform/tarncrypto/device_id.h"
-#include "platform/tarncrypto/hwid.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 

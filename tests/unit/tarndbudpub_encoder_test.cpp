@@ -84,7 +84,7 @@ TEST_F(Encoding, PatchesCompressedFilesAsTheyAre) {
 	WriteFile(directory_ / "before", gzip);
 	WriteFile(directory_ / "after", gzip + "x");
 	EncodePatch("before", "after");
-	vcdiff::DecodeFile(directory_ / "before", directory_ / "decoded", directory_ / "patch");
+	decoder::DecodeFile(directory_ / "before", directory_ / "decoded", directory_ / "patch");
 	EXPECT_EQ(ReadFile(directory_ / "decoded"), gzip + "x");
 }
 

@@ -5,7 +5,7 @@
 
 #include <gmock/gmock.h>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -151,4 +151,4 @@ TEST_F(VcdiffCommand, TakesLittleMemoryWhateverTheSizes) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -25,4 +25,4 @@ TEST(VcdiffCorpus, BreaksNoPromise) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

@@ -6,7 +6,7 @@
 
 #include <limits>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -239,4 +239,4 @@ TEST(VcdiffLimit, HoldsForWhatOurHeaderPromises) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

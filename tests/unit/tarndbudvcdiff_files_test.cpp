@@ -54,7 +54,7 @@ extern "C" int __wrap_rename(const char* from, const char* to) {
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -343,4 +343,4 @@ TEST_F(VcdiffFile, CopiesFromItsOwnBeginningThatIsLongWritten) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

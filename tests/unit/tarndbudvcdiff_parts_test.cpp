@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <random>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -194,4 +194,4 @@ TEST(VcdiffApplicationHeader, ReadsBackWhatItWrote) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

@@ -8,7 +8,7 @@
 
 #include <random>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -191,4 +191,4 @@ TEST_F(VcdiffProperty, ABrokenPatchNeverMakesAnotherResult) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -160,4 +160,4 @@ TEST(VcdiffTable, ThatIsNoPatchIsToldByItsPlace) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

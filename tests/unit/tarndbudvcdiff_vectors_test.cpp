@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -190,4 +190,4 @@ TEST(VcdiffVector, LeavesTheChecksumsUnreadWhereTheHashSaysMore) {
 
 } // namespace
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

@@ -67,7 +67,7 @@ void DeviceTree::Update(const std::vector<std::string>& packages) {
 	fs::create_directory(work / "copies");
 	dataupdate::Patcher patcher(
 	    work / "copies", Root(), [](const std::string& source, const std::string& output, const std::string& patch) {
-		    vcdiff::DecodeFile(source, output, patch);
+		    decoder::DecodeFile(source, output, patch);
 	    });
 	for (const std::string& package : packages) {
 		fs::create_directory(work / "package");

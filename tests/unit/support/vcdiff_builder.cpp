@@ -3,7 +3,7 @@
 #include "decoder/application_header.h"
 #include "decoder/content_hash.h"
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 namespace {
 
@@ -141,4 +141,4 @@ std::string PromiseOf(const std::string& source, const std::string& target) {
 	return FormatApplicationHeader({source.size(), target.size(), hash.Hex()});
 }
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test

@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-namespace tarn::vcdiff::test {
+namespace tarn::decoder::test {
 
 /** Codes of the default table whose instruction's size follows. */
 constexpr int kRunCode = 0;
@@ -71,6 +71,6 @@ std::string ErrorOf(const std::string& source, const std::string& patch, const D
 /** Our application header for a pair of contents. */
 std::string PromiseOf(const std::string& source, const std::string& target);
 
-} // namespace tarn::vcdiff::test
+} // namespace tarn::decoder::test
 
 #endif
