@@ -3,7 +3,9 @@
  * Platform crypto: a stable identifier of this device.
  *
  * The identifier is a keyed hash of the machine id, so that the machine id itself never leaves the device: 16 bytes in
- * lower-case hexadecimal, the same after every boot. No function throws.
+ * lower-case hexadecimal, the same after every boot. A context is used by one thread at a time, different contexts by
+ * any threads; no lock is taken. The machine id is read from its file at each call, and nothing is written. No function
+ * throws; a missing machine id is logged to syslog.
  */
 #ifndef TARNCRYPTO_TARNCRYPTO_H
 #define TARNCRYPTO_TARNCRYPTO_H

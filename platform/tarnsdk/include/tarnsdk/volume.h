@@ -10,7 +10,9 @@
  *   directory /srv/data     an existing directory that counts as a volume of its own
  *   exclude /volumeUSB*     volumes that must not hold service data, as a shell pattern
  * A "*" doesn't reach across "/". Lines that cannot be understood are told to syslog and skipped; without the file the
- * default pattern stands alone. Mounts come from libmount. No function throws.
+ * default pattern is used alone. Mounts come from libmount. Every function may be called from any thread, takes no
+ * lock, and reads the configuration and the mounts again, which may wait for a slow disk. Nothing is written. No
+ * function throws; after a failure TLIBCErrGet() returns the reason in the calling thread.
  */
 #ifndef TARNSDK_VOLUME_H
 #define TARNSDK_VOLUME_H
