@@ -168,8 +168,8 @@ TEST_F(ArchiveCheck, RefusesAHeadThatAsksForMoreMemoryThanItsFileHolds) {
 
 TEST_F(ArchiveCheck, NeverExtractsBytesThatReplacedCheckedOnes) {
 	const std::string good = Seal({File("f", RandomBytes(2'500'000, 1))});
-	const std::string evil = SealPayload(CompressZstd(MakeTar({File("f", RandomBytes(2'500'000, 2))})), 1, 2'500'000,
-	    archive::SigningKey::Generate());
+	const std::string evil = SealPayload(
+	    CompressZstd(MakeTar({File("f", RandomBytes(2'500'000, 2))})), 1, 2'500'000, archive::SigningKey::Generate());
 	ASSERT_EQ(fs::file_size(good), fs::file_size(evil));
 	const archive::ArchiveFile archive(good);
 	archive.Check(trusted_, 6);

@@ -128,7 +128,8 @@ TEST_F(SafePlacesTest, AreAskedForOfTheVolumeInUseAtTheStart) {
 
 TEST_F(SafePlacesTest, DecideWhetherAMountedVolumeIsAdopted) {
 	Open(first_);
-	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr(first_ + " is not suitable: " + first_ + kWritable + "; "));
+	EXPECT_THAT(
+	    Run(kVolumeMountedCommand.run, first_), HasSubstr(first_ + " is not suitable: " + first_ + kWritable + "; "));
 	EXPECT_EQ(Volume(), "");
 	options_.json = true;
 	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr("\"problem\" : \"" + first_ + kWritable + "\""));
@@ -138,8 +139,8 @@ TEST_F(SafePlacesTest, AreAskedForOfTheVolumeToWhichDatabasesMove) {
 	UseVolume(first_);
 	WriteFile(first_ + "/@database/autoupdate/geo/file", "content");
 	Open(second_);
-	EXPECT_THAT(
-	    Run(kVolumeUnmountingCommand.run, first_), EndsWith("What is not safe is not used: " + second_ + kWritable + ".\n"));
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_),
+	    EndsWith("What is not safe is not used: " + second_ + kWritable + ".\n"));
 	EXPECT_EQ(test::ReadFile(first_ + "/@database/autoupdate/geo/file"), "content");
 	EXPECT_FALSE(std::filesystem::exists(second_ + "/@database"));
 }

@@ -336,7 +336,8 @@ TEST_F(VolumeCommandTest, TakesItsOwnMarksAwayWhenNoVolumeIsAdopted) {
 TEST_F(VolumeCommandTest, MovesAwayFromAVolumeThatIsNotListedAnyMore) {
 	Install(first_);
 	ListVolumes({second_});
-	EXPECT_EQ(Run(kVolumeUnmountingCommand.run, first_), "The databases were moved from " + first_ + " to " + second_ + ".\n");
+	EXPECT_EQ(Run(kVolumeUnmountingCommand.run, first_),
+	    "The databases were moved from " + first_ + " to " + second_ + ".\n");
 	EXPECT_EQ(ReadFile(second_ + kFile), "content");
 }
 
@@ -372,7 +373,8 @@ TEST_F(VolumeCommandTest, GivesNothingUpWhenNobodyCanTellWhetherAVolumeIsThere) 
 TEST_F(VolumeCommandTest, FailsWithTheCauseWhenNoVolumesCanBeListed) {
 	Install(first_);
 	ListVolumes({});
-	EXPECT_THAT(Refusal(kVolumeUnmountingCommand.run, first_), HasSubstr("could not be moved: Failed to enum all volumes: "));
+	EXPECT_THAT(
+	    Refusal(kVolumeUnmountingCommand.run, first_), HasSubstr("could not be moved: Failed to enum all volumes: "));
 	EXPECT_FALSE(std::filesystem::exists(kMark));
 	EXPECT_EQ(ReadFile(first_ + kFile), "content");
 }
