@@ -44,7 +44,8 @@ private:
 	std::string name_;
 };
 
-/** Makes a file that is not there yet, open for reading and writing; an empty object with errno set when that fails. */
+/** Makes a file that is not there yet, open for reading and writing; an object without a descriptor, with errno set,
+ * when that fails. */
 [[nodiscard]] Draft CreateDraft(const std::string& name, mode_t mode);
 
 /** Brings a directory's entries to the disk; false with errno set when that fails. */

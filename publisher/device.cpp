@@ -29,7 +29,7 @@ std::string WorkingCopyName(const std::string& name) {
 }
 
 void CopyFile(const std::string& source, const std::string& copy) {
-	dataupdate::CopyRegularFile(source, copy);
+	AsDevice([&] { dataupdate::CopyRegularFile(source, copy); });
 }
 
 void ExecuteScript(const std::string& database, const std::string& script) {

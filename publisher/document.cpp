@@ -50,7 +50,7 @@ Json::Value ToJson(const std::map<int, DiffFile>& files) {
 	return list;
 }
 
-void ClearUnlessDeprecated(Json::Value& place) {
+void EnsureDeprecatedFlag(Json::Value& place) {
 	if (!place["deprecated"].isBool()) {
 		place["deprecated"] = false;
 	}
@@ -101,12 +101,12 @@ std::optional<Entry> Document::Find(const std::string& id) const {
 }
 
 void Document::Put(const std::string& id, const Entry& entry) {
-	ClearUnlessDeprecated(value_);
+	EnsureDeprecatedFlag(value_);
 	Json::Value& place = value_["db_list"][id];
 	if (!place.isObject()) {
 		place = Json::Value(Json::objectValue);
 	}
-	ClearUnlessDeprecated(place);
+	EnsureDeprecatedFlag(place);
 	place["data_version"] = std::to_string(entry.data_version);
 	place["last_fetch_time"] = entry.last_fetch_time;
 	place["download_link"] = entry.download_link;

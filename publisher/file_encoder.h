@@ -43,7 +43,8 @@ struct EncodedFile {
 
 /**
  * The size of a file that is compressed as packages are. No value as soon as the size is not below a limit: the
- * compression of a large file takes long, and ends when its patch is known to be smaller. Throws PublishError.
+ * compression of a large file takes long, and ends when its patch is known to be smaller. Throws PublishError, and
+ * Error of archive/.
  */
 [[nodiscard]] std::optional<std::uint64_t> CompressedSizeBelow(std::uint64_t limit, const std::string& path, int level);
 

@@ -43,7 +43,7 @@ constexpr int kDefaultLevel = 12;
  * @param archive_fd  an empty file, open for writing
  * @param path        its path; its directory lends space for the payload
  * @return the package's size
- * @throws PublishError naming the file that cannot be read or changes while it is read
+ * @throws PublishError naming the file that cannot be read or changes while it is read; Error of archive/
  */
 [[nodiscard]] std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key,
     int level, int archive_fd, const std::string& path, const PackProgress& progress);

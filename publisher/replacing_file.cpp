@@ -68,8 +68,11 @@ void ReplacingFile::Commit() {
 void RemoveLeftovers(const std::string& directory) {
 	try {
 		for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-			if (StartsWith(entry.path().filename().string(), kTemporaryPrefix)) {
+			const std::string name = entry.path().filename().string();
+			if (StartsWith(name, kWorkPrefix)) {
 				fs::remove_all(entry.path());
+			} else if (StartsWith(name, kTemporaryPrefix)) {
+				fs::remove(entry.path());
 			}
 		}
 	} catch (const fs::filesystem_error& error) {

@@ -10,6 +10,7 @@ namespace tarn::publisher {
 
 /** What the names of everything begin with that is not finished; web servers must not serve such names. */
 constexpr const char* kTemporaryPrefix = ".tarndbudpub-";
+constexpr const char* kWorkPrefix = ".tarndbudpub-work-";
 
 /**
  * A file that appears under its name whole or not at all. A publisher that is killed before leaves only a temporary

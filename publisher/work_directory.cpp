@@ -10,15 +10,11 @@
 
 namespace tarn::publisher {
 
-namespace {
-
 namespace fs = std::filesystem;
-
-} // namespace
 
 WorkDirectory::WorkDirectory(const std::string& repository) {
 	// Absolute and without links, since it goes to other programs and is compared with what they see.
-	std::string name = (fs::canonical(repository) / (std::string(kTemporaryPrefix) + "work-XXXXXX")).string();
+	std::string name = (fs::canonical(repository) / (std::string(kWorkPrefix) + "XXXXXX")).string();
 	if (mkdtemp(name.data()) == nullptr) {
 		throw PublishError(ErrnoText("No directory can be created in " + repository, errno) + ".");
 	}
