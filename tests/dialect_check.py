@@ -25,6 +25,10 @@ FAULTS = {
     "a header of the project in angle brackets": re.compile(rf"^#include <(?:{PROJECT})/", re.MULTILINE),
     "a header by less than its whole name": re.compile(r'^#include "\.', re.MULTILINE),
 }
+# Tests include their own headers by the name alone.
+FAULTS_OF_FOLDERS = {
+    "a header by less than its whole name": re.compile(rf'^#include "(?!(?:{PROJECT})/)', re.MULTILINE),
+}
 ANONYMOUS = re.compile(r"^namespace \{", re.MULTILINE)
 NO_CODE = re.compile(r'//[^\n]*|/\*.*?\*/|R"\(.*?\)"|(?<!#include )"(?:[^"\\\n]|\\.)*"', re.DOTALL)
 
@@ -55,7 +59,8 @@ def faults(path: Path, text: str) -> Iterator[str]:
     code = NO_CODE.sub(lambda match: "\n" * match[0].count("\n"), text)
     if len(ANONYMOUS.findall(code)) > 1:
         yield "has more than one anonymous namespace"
-    for fault, pattern in FAULTS.items():
+    in_folder = path.parts[0] in PROJECT.split("|")
+    for fault, pattern in {**FAULTS, **(FAULTS_OF_FOLDERS if in_folder else {})}.items():
         for match in pattern.finditer(code):
             yield f"line {code.count(chr(10), 0, match.start()) + 1}: {fault}"
 
