@@ -80,12 +80,15 @@ void FillTexts(const Program& program, Plan& plan) {
 int MakePlan(const Program& program, Plan& plan) {
 	FillTexts(program, plan);
 	plan.caller = getpid();
-	plan.null = AboveStreams(UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)));
-	if (!plan.null) {
-		return errno;
+	const auto& streams = program.streams;
+	if (std::find(streams.begin(), streams.end(), kNullStream) != streams.end()) {
+		plan.null = AboveStreams(UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)));
+		if (!plan.null) {
+			return errno;
+		}
 	}
 	for (std::size_t i = 0; i < plan.streams.size(); ++i) {
-		plan.streams[i] = program.streams[i] == kNullStream ? plan.null.Get() : program.streams[i];
+		plan.streams[i] = streams[i] == kNullStream ? plan.null.Get() : streams[i];
 	}
 	return OpenReportPipe(plan);
 }

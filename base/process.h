@@ -1,6 +1,6 @@
 /**
  * @file
- * Starting and awaiting other programs, for the platform's own libraries.
+ * Starting and awaiting other programs.
  *
  * Failures are returned as errno values. Preparing a program allocates memory and may throw std::bad_alloc.
  */
@@ -28,7 +28,7 @@ constexpr int kNullStream = -2;
 /** A program to be started. */
 struct Program {
 	std::string path;
-	/** Whether a path without "/" is looked for along PATH, and a file without "#!" given to the shell. */
+	/** Whether a path without "/" is looked for along the caller's PATH, and a file without "#!" given to the shell. */
 	bool search_path = false;
 	/** Without argument 0, which is the path. */
 	std::vector<std::string> arguments;
@@ -44,7 +44,7 @@ struct Program {
 	bool new_group = false;
 	/** Whether the child starts with no signal blocked and none ignored. */
 	bool reset_signals = true;
-	/** What is blocked in the child instead. */
+	/** The signals that are blocked in the child, whatever reset_signals says; absent: as reset_signals says. */
 	std::optional<sigset_t> signal_mask;
 	/** The signal that the child gets when the calling thread ends before it; 0 for none. */
 	int death_signal = 0;
