@@ -15,7 +15,8 @@ namespace tarn::dataupdate::messages {
 constexpr char kInterrupted[] = "Interrupted";     ///< An operation ended early, as a host asked for.
 constexpr char kOnProject[] = "Fail on project '"; ///< Then the id, kOnProjectEnd and the message of one database.
 constexpr char kOnProjectEnd[] = "': ";            ///< What separates the id from the message.
-constexpr char kCannotLock[] = "Fail to lock ";    ///< Then the path: another process held the lock all the time.
+constexpr char kCannotLock[] =
+    "Fail to lock "; ///< Then the path: the lock was held all the time, or the wait was ended.
 constexpr char kCannotOpenLock[] = "Fail open lock file ";       ///< Then the path.
 constexpr char kCannotCreateDirectory[] = "Fail to create dir "; ///< Then the path or the reason.
 

@@ -95,8 +95,8 @@ std::string FormatKnowledge(const Findings& found) {
 		return "\n\tthe record of all files had been lost and was made again from the disk; \"tarndbudctl fix\" renews "
 		       "it only where something is bad";
 	case Knowledge::kListed:
-		return "\n\tonly what the last update changed was compared, for the record of all files is missing; the next "
-		       "update or fix makes it again";
+		return "\n\tonly what the last update changed was compared, for the record of all files is missing; an "
+		       "update to a newer version or a fix makes it again";
 	}
 	return "";
 }

@@ -1,4 +1,3 @@
-#include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"

@@ -2,7 +2,6 @@
 #include "base/process.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
-#include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/failure.h"

@@ -1,4 +1,3 @@
-#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"

@@ -1,4 +1,3 @@
-#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"

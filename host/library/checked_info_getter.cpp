@@ -1,6 +1,5 @@
 #include "host/library/checked_info_getter.h"
 
-#include "base/text.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update.h"

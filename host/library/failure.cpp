@@ -97,7 +97,7 @@ struct Rule {
 	ExitCode code;
 	const char* beginning;
 	const char* then; ///< What follows the beginning; empty for any text.
-	const char* hint;
+	const char* hint; ///< Null where nobody can do anything, and where a function makes the hint.
 	std::string (*make_hint)(const Circumstances&) = nullptr; ///< In the hint's place.
 };
 
@@ -230,8 +230,11 @@ Failure ExplainMessage(const std::string& message, int platform_error) {
 	const std::string subject = Subject(message.substr(0, wrapped));
 	const std::string inner = message.substr(wrapped);
 	const Rule* rule = FindRule(inner);
-	if (rule == nullptr || (rule->hint == nullptr && rule->make_hint == nullptr)) {
-		return {rule == nullptr ? Category::kOther : rule->category, kFailed, subject + WithEnd(inner)};
+	if (rule == nullptr) {
+		return {Category::kOther, kFailed, subject + WithEnd(inner)};
+	}
+	if (rule->hint == nullptr && rule->make_hint == nullptr) {
+		return {rule->category, rule->code, subject + WithEnd(inner)};
 	}
 	const std::string hint =
 	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error});

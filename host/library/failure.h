@@ -14,7 +14,7 @@ namespace tarn::ctl {
 enum class Category {
 	kOther,
 	kInterrupted,        ///< An operation ended early, as this program asked for.
-	kLocked,             ///< Another process held a lock all the time.
+	kLocked,             ///< Another process held a lock all the time, or the wait was ended by a request.
 	kLockUnusable,       ///< A lock file cannot be opened.
 	kUnknownDatabase,    ///< The configuration does not list the database.
 	kDownload,           ///< A download failed.

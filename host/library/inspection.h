@@ -22,7 +22,7 @@ struct BadFile {
 std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
 
 /**
- * The same for the host's record of all files, and for what lies in the directory without being recorded.
+ * The same for the host's record of all files.
  *
  * @param listed  what the library's record names, which is left to the function above
  */

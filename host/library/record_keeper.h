@@ -36,7 +36,7 @@ public:
 
 	void KeepFixed(const dataupdate::DatabaseStatus& status);
 	void KeepForced(const dataupdate::DatabaseStatus& status);
-	/** @param status  what is recorded, which is the result's unless a host changed it */
+	/** @param result  tells which files changed */
 	void KeepUpdated(const dataupdate::DatabaseStatus& status, const dataupdate::UpdateResult& result);
 
 private:

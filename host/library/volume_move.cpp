@@ -17,6 +17,7 @@
 
 namespace tarn::ctl {
 
+using dataupdate::MainDirPath;
 using End = MoveOutcome::End;
 
 namespace {
@@ -29,8 +30,6 @@ struct Preparation {
 	std::vector<std::string> marked;
 	std::string obstacle; ///< Why nothing can be begun, other than that no volume is suitable.
 };
-
-using dataupdate::MainDirPath;
 
 void Prepare(const Services& services, const std::string& volume, Preparation& preparation) {
 	RequireSafeVolume(preparation.target);
