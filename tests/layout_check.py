@@ -33,6 +33,8 @@ SEES = {
     "dataupdate": ("dataupdate", "base", *C_HEADERS),
     "decoder": ("decoder", "base"),
     "host": ("host", "base", "dataupdate/*.h", *C_HEADERS),
+    "host/library": ("host/library", "host/terminal", "base", "dataupdate/*.h", *C_HEADERS),
+    "host/terminal": ("host/terminal", "base", "dataupdate/*.h", *C_HEADERS),
     "publisher": ("publisher", "base", "archive", "decoder"),
     "publisher/device.cpp": ("publisher", "dataupdate"),
 }
