@@ -5,7 +5,8 @@ usage: documents_check.py [CHECKOUT]
 
 Every link of README.md, CHANGELOG.md and docs/*.md leads to a file and a heading that exist, and so does every path of
 the checkout that they name. The table of folders in docs/contributing.md, the drawing in docs/architecture.md and the
-includes of the sources agree about which folder sees which, without a circle. Pictures are well-formed.
+includes of the sources agree about which folder sees which, without a circle. Pictures are well-formed. Every command
+is in the list of all commands, and every setting has its type and a manual page.
 Exit status: 0 all right, 1 not.
 """
 
@@ -124,6 +125,28 @@ def bad_pictures(root: Path) -> Iterator[str]:
             yield f"{picture.relative_to(root)}: {error}"
 
 
+def forgotten_commands(root: Path) -> Iterator[str]:
+    folder = root / "host/commands"
+    listed = set(re.findall(r"\bk\w+Command\b", (folder / "commands.cpp").read_text()))
+    for path in sorted(folder.glob("*.cpp")):
+        for name in re.findall(r"^const Command (\w+) =", path.read_text(), re.MULTILINE):
+            if name not in listed:
+                yield f"host/commands/commands.cpp: {name} of {path.name} is not in the list"
+
+
+def forgotten_settings(root: Path) -> Iterator[str]:
+    read = re.findall(r'et\w*\((?:id_|kServiceSection), "(\w+)"', (root / "dataupdate/service_config.cpp").read_text())
+    types = (root / "host/library/settings.cpp").read_text()
+    pages = "".join(path.read_text() for path in (root / "packaging/man").glob("*.conf.5"))
+    for key in sorted(set(read)):
+        if f'{{"{key}", k' not in types:
+            yield f'host/library/settings.cpp: the setting "{key}" has no type'
+        if key not in pages:
+            yield f'packaging/man: no manual page describes the setting "{key}"'
+    if not read:
+        yield "dataupdate/service_config.cpp: no setting is read in a form that this check knows"
+
+
 def main(arguments: list[str]) -> int:
     root = Path(arguments[0]) if arguments else Path(__file__).resolve().parent.parent
     faults = [
@@ -131,7 +154,7 @@ def main(arguments: list[str]) -> int:
         for document in documents(root)
         for fault in (*broken_links(document), *missing_paths(root, document))
     ]
-    faults += [*disagreements(root), *bad_pictures(root)]
+    faults += [*disagreements(root), *bad_pictures(root), *forgotten_commands(root), *forgotten_settings(root)]
     print("\n".join([*faults, f"{len(documents(root))} documents, {len(faults)} faults"]))
     return 1 if faults else 0
 
