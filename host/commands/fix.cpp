@@ -49,9 +49,8 @@ ExitCode Run(const Services& services, const Options& options) {
 const Command kFixCommand = {"fix", "Reinstall databases whose files are missing, changed or unknown",
     "Without ids, and with --all, fixes the scheduled databases in the order of the configuration, up to the first "
     "that\n"
-    "fails. Leaves an intact database alone. Installs the server's full package over any other, and of a database that "
-    "was\n"
-    "never installed.",
+    "fails. Leaves an intact database alone. Replaces a damaged database with the server's full package. Installs a\n"
+    "database that was never installed.",
     {kUnsupported, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

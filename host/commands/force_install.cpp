@@ -43,7 +43,7 @@ Outcome Install(const Services& services, const Options& options, int target) {
 
 void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
-	app.add_option("VERSION", options.version, "A version; 0: the server's; -N: so many before the server's")
+	app.add_option("VERSION", options.version, "A version; 0: the server's; -N: N versions before the server's")
 	    ->required();
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);

@@ -118,10 +118,10 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kStatusCommand = {"status", "Show what is installed and what the server offers",
-    "Asks the server at most once, and not while its last answer is at most an hour old. When the server cannot be\n"
-    "reached, the command does not fail: the offered version is shown as unknown, with the reason. The age is that of "
-    "the\n"
-    "signed package.",
+    "Asks the server at most once. Does not ask when the server's last answer is at most one hour old. When the "
+    "server\n"
+    "cannot be reached, the command does not fail: the offered version is shown as unknown, with the reason. The age\n"
+    "is that of the signed package.",
     {kUnsupported, kAboveOffered}, true, false, Declare, Run};
 
 } // namespace tarn::ctl

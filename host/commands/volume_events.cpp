@@ -272,7 +272,8 @@ const Command kVolumeUnmountingCommand = {"volume unmounting",
     "Move the databases away from a volume that is about to be unmounted",
     "Moves them to the first other suitable volume. Without such a volume they stay, and are not updated until a "
     "volume is\n"
-    "mounted. First waits for a running update and for readers. A volume that is not available is given up.",
+    "mounted. First waits for a running update and for readers. A volume that is not available is no longer\n"
+    "used.",
     {kLocked}, true, false, DeclareVolumeUnmounting, RunVolumeUnmounting};
 
 } // namespace tarn::ctl
