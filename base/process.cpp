@@ -38,7 +38,7 @@ struct Plan {
 	UniqueFd null;
 	UniqueFd report_from;
 	UniqueFd report_to;
-	const sigset_t* caller_mask = nullptr;
+	sigset_t caller_mask{};
 	pid_t caller = 0;
 };
 
@@ -164,7 +164,7 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 		umask(*program.umask);
 	}
 	DropHandlers(program.reset_signals);
-	sigset_t mask = program.signal_mask.value_or(*plan.caller_mask);
+	sigset_t mask = program.signal_mask.value_or(plan.caller_mask);
 	if (program.reset_signals && !program.signal_mask) {
 		sigemptyset(&mask);
 	}
@@ -200,7 +200,7 @@ bool PrepareChild(const Program& program, const Plan& plan) {
 pid_t Fork(const Program& program, Plan& plan, bool detached) {
 	// The caller's signal handlers must not run in the child between fork and exec.
 	const AllSignalsBlocked blocked;
-	plan.caller_mask = &blocked.Before();
+	plan.caller_mask = blocked.Before();
 	const pid_t child = fork();
 	if (child == 0) {
 		detached ? RunInGrandchild(program, plan) : RunInChild(program, plan);
