@@ -74,11 +74,8 @@ SQLite::Database OpenAlone(const std::string& path) {
 	std::string uri = "file:";
 	for (const char byte : path) {
 		if (std::strchr("?#%", byte) != nullptr && byte != '\0') {
-			constexpr std::string_view kDigits = "0123456789abcdef";
 			const auto value = static_cast<unsigned char>(byte);
-			uri += '%';
-			uri += kDigits.at(value >> 4U);
-			uri += kDigits.at(value & 15U);
+			uri += '%' + Hex(&value, 1);
 		} else {
 			uri += byte;
 		}
