@@ -87,7 +87,7 @@ Operation::Operation(const Services& services, const std::string& id, Change cha
       record_(services, id),
       packages_(expected) {}
 
-dataupdate::Update Operation::Library() {
+dataupdate::Update Operation::Front() {
 	return {Updater(), Info(), services_.config};
 }
 
@@ -161,14 +161,14 @@ Outcome UpdateDatabase(const Services& services, const std::string& id) {
 		RequireNoLostVolume(services);
 		RequireSafePlaces(services, own);
 	});
-	operation.Library().UpdateProject(id);
+	operation.Front().UpdateProject(id);
 	return operation.Result();
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {
 	Operation operation(
 	    services, id, Change::kFix, [&services](const std::string& own) { RequireVolumeFor(services, own); });
-	operation.Library().FixProject(id);
+	operation.Front().FixProject(id);
 	return operation.Result();
 }
 
@@ -176,7 +176,7 @@ Outcome ForceDatabase(const Services& services, const std::string& id, int versi
 	Operation operation(
 	    services, id, Change::kForced, [&services](const std::string& own) { RequireVolumeFor(services, own); },
 	    target);
-	operation.Library().ForceInstall(id, version);
+	operation.Front().ForceInstall(id, version);
 	return operation.Result();
 }
 

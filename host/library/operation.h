@@ -55,8 +55,8 @@ public:
 	Operation(const Services& services, const std::string& id, Change change, CheckVolume check_volume,
 	    std::optional<int> expected = std::nullopt);
 
-	/** For the library, as long as this object lives. */
-	dataupdate::Update Library();
+	/** What the library is called through, and what it calls; usable as long as this object lives. */
+	dataupdate::Update Front();
 	std::shared_ptr<dataupdate::InfoGetter> Info();
 	std::shared_ptr<dataupdate::Updater> Updater();
 
