@@ -1,13 +1,55 @@
-/** @file Public keys from files. */
+/** @file Ed25519 keys that verify, from PEM text and from files, and SHA-256, by OpenSSL. */
 #ifndef ARCHIVE_KEYS_H
 #define ARCHIVE_KEYS_H
 
-#include "archive/ed25519.h"
+#include "archive/head.h"
 
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarn::archive {
+
+struct OpensslDeleter {
+	void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+	void operator()(BIO* bio) const { BIO_free(bio); }
+	void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+using KeyHandle = std::unique_ptr<EVP_PKEY, OpensslDeleter>;
+using BioHandle = std::unique_ptr<BIO, OpensslDeleter>;
+using DigestHandle = std::unique_ptr<EVP_MD_CTX, OpensslDeleter>;
+
+constexpr std::size_t kMaxKeyFileSize = 64U << 10U;
+
+/** An Ed25519 key that verifies. */
+class PublicKey {
+public:
+	/** Reads PEM ("PUBLIC KEY"); throws Error when it holds no Ed25519 key. */
+	[[nodiscard]] static PublicKey FromPem(std::string_view pem);
+
+	/** Whether the signature is this key's over the message. */
+	[[nodiscard]] bool Verify(std::string_view message, const Signature& signature) const;
+	/** SHA-256 of the 32 key bytes in hexadecimal. */
+	std::string Fingerprint() const;
+
+private:
+	explicit PublicKey(KeyHandle key) : key_(std::move(key)) {}
+	KeyHandle key_;
+};
+
+/** Reads a key from PEM text by one of OpenSSL's readers; null when it holds none. Never asks for a passphrase. */
+[[nodiscard]] KeyHandle ReadPublicPem(std::string_view pem);
+[[nodiscard]] KeyHandle ReadPrivatePem(std::string_view pem);
+
+/** Throws Error unless the handle holds an Ed25519 key. */
+void RequireEd25519(const KeyHandle& key);
+
+/** SHA-256 of a buffer. */
+Digest Sha256(const void* data, std::size_t size);
 
 struct TrustedKey {
 	std::string name;

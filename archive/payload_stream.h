@@ -2,14 +2,59 @@
 #ifndef ARCHIVE_PAYLOAD_STREAM_H
 #define ARCHIVE_PAYLOAD_STREAM_H
 
-#include "archive/block_queue.h"
 #include "archive/file.h"
+#include "base/mutex.h"
 
+#include <array>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 namespace tarn::archive {
+
+/**
+ * A bounded ring of blocks between one thread that fills them and one that uses them, in place and without a copy.
+ * Either side can leave early: the filler with an error, which the user gets after the blocks before it; the user by
+ * Stop(), which the filler gets as a null block.
+ */
+class BlockQueue {
+public:
+	static constexpr std::size_t kBlockSize = 256U << 10U;
+
+	/** The filler: an empty block to fill, kBlockSize large; null when the user has left. */
+	[[nodiscard]] char* Acquire();
+	/** The filler: hands over the acquired block's first bytes. */
+	void Commit(std::size_t size);
+	/** The filler: no more blocks; with an error when it gave up. */
+	void Finish(std::exception_ptr error);
+
+	/** The user: gives back the block of the call before and waits for the next; empty at the end. */
+	[[nodiscard]] std::string_view Next();
+	/** The user: wants no more. */
+	void Stop();
+
+private:
+	static constexpr std::size_t kBlocks = 4;
+
+	struct Block {
+		std::vector<char> bytes = std::vector<char>(kBlockSize);
+		std::size_t size = 0;
+	};
+
+	Mutex mutex_;
+	std::condition_variable_any changed_;
+	std::array<Block, kBlocks> blocks_ TARN_GUARDED_BY(mutex_);
+	std::size_t filled_ TARN_GUARDED_BY(mutex_) = 0;   // blocks handed over so far
+	std::size_t released_ TARN_GUARDED_BY(mutex_) = 0; // blocks given back so far
+	bool in_use_ TARN_GUARDED_BY(mutex_) = false;
+	bool finished_ TARN_GUARDED_BY(mutex_) = false;
+	bool stopped_ TARN_GUARDED_BY(mutex_) = false;
+	std::exception_ptr error_ TARN_GUARDED_BY(mutex_);
+};
 
 /**
  * The payload's tar as a stream of blocks. Reading, checking and decompressing run in a thread of their own, because

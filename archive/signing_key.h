@@ -2,7 +2,7 @@
 #ifndef ARCHIVE_SIGNING_KEY_H
 #define ARCHIVE_SIGNING_KEY_H
 
-#include "archive/ed25519.h"
+#include "archive/keys.h"
 
 #include <functional>
 #include <string>

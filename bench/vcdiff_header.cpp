@@ -1,5 +1,5 @@
 // Prints the application header of a patch between two files, for the encoder that the benchmark calls.
-#include "decoder/application_header.h"
+#include "decoder/patch_header.h"
 
 #include <exception>
 #include <iostream>

@@ -1,7 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/patch_conflicts.h"
-#include "dataupdate/internal/patch_names.h"
+#include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/strategy_steps.h"

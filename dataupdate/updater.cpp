@@ -5,7 +5,7 @@
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/patch_names.h"
+#include "dataupdate/internal/patch_description.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 

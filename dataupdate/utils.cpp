@@ -2,10 +2,9 @@
 
 #include "base/unique_fd.h"
 #include "dataupdate/internal/activity.h"
-#include "dataupdate/internal/directory_entries.h"
+#include "dataupdate/internal/directories.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/remove_tree.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 

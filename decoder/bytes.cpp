@@ -1,7 +1,5 @@
 #include "decoder/bytes.h"
 
-#include "decoder/decode_error.h"
-
 #include <algorithm>
 #include <utility>
 

@@ -4,10 +4,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace tarn::decoder {
+
+/** Why a patch could not be applied: one line that names the file and, where it is the patch's fault, the byte. */
+class DecodeError : public std::runtime_error {
+public:
+	using std::runtime_error::runtime_error;
+};
 
 using Byte = std::uint8_t;
 

@@ -1,7 +1,6 @@
 #include "decoder/decode.h"
 
-#include "decoder/input_file.h"
-#include "decoder/output_file.h"
+#include "decoder/files.h"
 #include "decoder/patch_header.h"
 
 #include <algorithm>

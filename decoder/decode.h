@@ -3,8 +3,7 @@
 #define DECODER_DECODE_H
 
 #include "decoder/bytes.h"
-#include "decoder/decode_error.h"
-#include "decoder/window_decoder.h"
+#include "decoder/window.h"
 
 #include <cstdint>
 #include <optional>

@@ -4,7 +4,7 @@
 
 #include "decoder/bytes.h"
 #include "decoder/content_hash.h"
-#include "decoder/read_ahead.h"
+#include "decoder/readers.h"
 
 #include <algorithm>
 #include <memory>

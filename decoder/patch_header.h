@@ -1,14 +1,37 @@
-/** @file The beginning of a patch. */
+/** @file The beginning of a patch, and what a patch promises of its source and its target. */
 #ifndef DECODER_PATCH_HEADER_H
 #define DECODER_PATCH_HEADER_H
 
-#include "decoder/application_header.h"
 #include "decoder/code_table.h"
-#include "decoder/section_reader.h"
+#include "decoder/readers.h"
 
+#include <cstdint>
 #include <optional>
+#include <string>
 
 namespace tarn::decoder {
+
+/** What our publisher says in a patch's application header about the files the patch was made from. */
+struct Promise {
+	std::uint64_t source_size = 0;
+	std::uint64_t target_size = 0;
+	std::string target_hash; ///< XXH3-128, 32 lower-case hexadecimal digits
+};
+
+/** Well above the length of the longest one that is ours. */
+constexpr std::size_t kLongestApplicationHeader = 128;
+
+/** `TARNVCD1 <source size> <target size> <target hash>`. */
+std::string FormatApplicationHeader(const Promise& promise);
+
+/** Whether a text is meant to be ours, well formed or not. */
+bool IsOurApplicationHeader(const std::string& text);
+
+/** Nothing when the text is not well formed. */
+std::optional<Promise> ParseApplicationHeader(const std::string& text);
+
+/** The header for a patch between two regular files, both of which are read. Throws DecodeError. */
+std::string MakeApplicationHeader(const std::string& source, const std::string& target);
 
 /** What stands before the windows. */
 struct PatchHeader {

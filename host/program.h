@@ -1,4 +1,4 @@
-/** @file From the command line to the exit code. */
+/** @file The program: from arguments to an exit code. */
 #ifndef HOST_PROGRAM_H
 #define HOST_PROGRAM_H
 
@@ -6,9 +6,21 @@
 
 #include <functional>
 #include <ostream>
+#include <string>
 #include <vector>
 
 namespace tarn::ctl {
+
+struct Arguments {
+	std::vector<std::string> own;
+	std::vector<std::string> command; ///< What stands behind "--", for a command that takes one.
+};
+
+/**
+ * Takes apart what a general parser would spoil: words behind "--" that only look like lists or options, and "-3",
+ * which is a number for a command that takes one.
+ */
+Arguments SplitArguments(std::vector<std::string> words, const std::vector<Command>& commands);
 
 /** What surrounds a run; tests put their own in its place. */
 struct Surroundings {

@@ -9,8 +9,8 @@
 #include "publisher/parallel.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
+#include "publisher/replacing_file.h"
 #include "publisher/sqlite_content.h"
-#include "publisher/work_directory.h"
 
 #include <algorithm>
 #include <filesystem>

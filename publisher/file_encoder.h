@@ -1,15 +1,26 @@
-/** @file Finding the smallest way to carry one file. */
+/** @file How a changed file is written in a diff package: as a patch, a script, or whole. */
 #ifndef PUBLISHER_FILE_ENCODER_H
 #define PUBLISHER_FILE_ENCODER_H
 
 #include "publisher/diff_package.h"
-#include "publisher/tree_changes.h"
+#include "publisher/tree.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 
 namespace tarn::publisher {
+
+/**
+ * Writes a VCDIFF patch that turns one file into another, and tries it out. Its application header tells decoders the
+ * sizes of both and the target's checksum: "TARNVCD1 <source size> <target size> <XXH3-128 in hexadecimal>".
+ *
+ * @param encoder  the xdelta3 program
+ * @param scratch  a directory that no other call uses
+ * @throws PublishError when the patch cannot be made or does not reproduce the target
+ */
+void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,
+    const std::string& patch, const std::string& scratch);
 
 /** The programs that make patches, where they are installed, and how packages are compressed. */
 struct Encoders {

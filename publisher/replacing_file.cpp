@@ -7,13 +7,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 
 namespace tarn::publisher {
 
-namespace {
-
 namespace fs = std::filesystem;
+
+namespace {
 
 constexpr mode_t kServedMode = 0644; // a web server reads it, whatever the publisher's umask
 
@@ -81,6 +82,32 @@ void RemoveLeftovers(const std::string& directory) {
 			    "What a killed publisher left in " + directory + " cannot be removed: " + error.code().message() + ".");
 		}
 	}
+}
+
+WorkDirectory::WorkDirectory(const std::string& repository) {
+	// Absolute and without links, since it goes to other programs and is compared with what they see.
+	std::string name = (fs::canonical(repository) / (std::string(kWorkPrefix) + "XXXXXX")).string();
+	if (mkdtemp(name.data()) == nullptr) {
+		throw PublishError(ErrnoText("No directory can be created in " + repository, errno) + ".");
+	}
+	path_ = name;
+}
+
+WorkDirectory::~WorkDirectory() {
+	try {
+		fs::remove_all(path_);
+	} catch (const std::exception&) { // NOLINT(bugprone-empty-catch): the next publisher removes what is left
+	}
+}
+
+std::string WorkDirectory::Make(const std::string& name) const {
+	try {
+		fs::create_directories(path_ + "/" + name);
+	} catch (const fs::filesystem_error& error) {
+		throw PublishError(
+		    "No directory can be created: " + error.path1().string() + ": " + error.code().message() + ".");
+	}
+	return path_ + "/" + name;
 }
 
 } // namespace tarn::publisher

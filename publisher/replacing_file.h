@@ -1,4 +1,4 @@
-/** @file Writing what the web server serves, so that a killed publisher leaves nothing half done under its name. */
+/** @file Files and directories that appear whole, or not at all. */
 #ifndef PUBLISHER_REPLACING_FILE_H
 #define PUBLISHER_REPLACING_FILE_H
 
@@ -39,6 +39,28 @@ void MakeServedDirectories(const std::string& directory);
 
 /** Removes what killed publishers left in a directory, work directories too; the caller holds the repository's lock. */
 void RemoveLeftovers(const std::string& directory);
+
+/**
+ * A directory that is removed with the object, and by RemoveLeftovers() after a publisher was killed. It lies in the
+ * repository, because the administrator has provided room for the data there; a temporary directory is often small, or
+ * in memory. Only its owner may enter it, so that a web server that runs as another user serves nothing of it.
+ */
+class WorkDirectory {
+public:
+	/** @throws PublishError */
+	explicit WorkDirectory(const std::string& repository);
+	WorkDirectory(const WorkDirectory&) = delete;
+	WorkDirectory& operator=(const WorkDirectory&) = delete;
+	~WorkDirectory();
+
+	/** The path of a name in it. */
+	std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+	/** Makes a directory in it and returns its path. */
+	[[nodiscard]] std::string Make(const std::string& name) const;
+
+private:
+	std::string path_;
+};
 
 } // namespace tarn::publisher
 

@@ -1,7 +1,7 @@
 #include "dataupdate/internal/patch_conflicts.h"
 
 #include "base/sqlite_names.h"
-#include "dataupdate/internal/patch_names.h"
+#include "dataupdate/internal/patch_description.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 

@@ -1,12 +1,30 @@
-/** @file What an unpacked diff package says about itself. */
+/** @file What an unpacked diff package says about itself, and which of its names are safe and mean the same file. */
 #ifndef DATAUPDATE_INTERNAL_PATCH_DESCRIPTION_H
 #define DATAUPDATE_INTERNAL_PATCH_DESCRIPTION_H
 
+#include "dataupdate/strategy.h"
+
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace tarn::dataupdate {
+
+/** Whether a name stays below whatever directory it is joined to: it is not absolute and has no "..". */
+[[nodiscard]] bool StaysBelow(const std::string& name);
+
+/** Whether a name stays below the directory and ends with the name of a file: "./a//b", but neither "a/" nor ".". */
+[[nodiscard]] bool IsFileNameBelow(const std::string& name);
+
+/** The shortest spelling of such a name: "a/b" of "./a//b". */
+std::string PlainName(const std::string& name);
+
+/** Joins as a path does that an absolute right side replaces; the key of an installed file may be absolute. */
+std::string JoinPath(const std::string& root, const std::string& path);
+
+/** The same changes by their names' shortest spelling, by which names sort and contain each other. */
+std::map<std::string, ModifyInfo> ByPlainName(const std::map<std::string, ModifyInfo>& modify_infos);
 
 /**
  * Bytes of "patch_infos.json", and bytes in it that are a comma or an opening bracket, of which each value has one:

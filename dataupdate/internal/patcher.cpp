@@ -4,7 +4,6 @@
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/patch_description.h"
-#include "dataupdate/internal/patch_names.h"
 #include "dataupdate/internal/sql_script.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"

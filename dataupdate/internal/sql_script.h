@@ -1,13 +1,72 @@
-/** @file Changing a database file by an SQL script. */
+/** @file Changing a database file by an SQL script, and what a script may take. */
 #ifndef DATAUPDATE_INTERNAL_SQL_SCRIPT_H
 #define DATAUPDATE_INTERNAL_SQL_SCRIPT_H
 
-#include "dataupdate/internal/sql_limits.h"
-
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
+struct sqlite3;
+
 namespace tarn::dataupdate {
+
+/** Bytes of a text, a blob or a row. Some functions take time by the square of it, and none of them is interrupted. */
+constexpr int kMaxScriptValueBytes = 4 << 20;
+/** Bytes of a line, which holds whole statements. The publisher's encoder writes two digits for each byte of a blob. */
+constexpr std::size_t kMaxScriptLineBytes = 2 * static_cast<std::size_t>(kMaxScriptValueBytes) + (64U << 10U);
+/** Memory that SQLite may take for a script, and for whatever other SQLite databases the process opens meanwhile. */
+constexpr std::int64_t kMaxScriptMemoryBytes = std::int64_t{256} << 20;
+/** How much larger a script may make a database file. */
+constexpr std::int64_t kMaxScriptGrowthBytes = std::int64_t{1} << 30;
+/** How long a script may take, the commit included. */
+constexpr std::chrono::seconds kMaxScriptTime{600};
+
+/**
+ * Limits the memory of SQLite for as long as the object lives. SQLite knows one limit for the process: a lower one that
+ * the host has set stays, and the former ones are back when the last object is gone. Each object allows
+ * kMaxScriptMemoryBytes more than what was in use before the first.
+ */
+class ScriptMemoryLimit {
+public:
+	ScriptMemoryLimit();
+	~ScriptMemoryLimit();
+	ScriptMemoryLimit(const ScriptMemoryLimit&) = delete;
+	ScriptMemoryLimit& operator=(const ScriptMemoryLimit&) = delete;
+};
+
+/**
+ * SQLite's question whether a statement of a script may be prepared. Refused is what would end the transaction, reach
+ * other files, or hold beyond the script: transactions, ATTACH, DETACH, load_extension(), fts3_tokenizer(), virtual
+ * tables of other modules than FTS3, FTS4, FTS5 and R*Tree, and pragmas that set anything but user_version,
+ * application_id, foreign_keys and defer_foreign_keys. FTS and R*Tree themselves ask pragmas.
+ */
+int AuthorizeScript(
+    void* context, int action, const char* first, const char* second, const char* database, const char* trigger);
+
+/** Sets what SQLite limits for each connection, and keeps it from leaving the database's own file. */
+void LimitConnection(sqlite3* connection);
+
+/**
+ * Ends statements of a connection when time is up or an interruption is asked for, for as long as the object lives.
+ * Nothing else may use the connection's progress handler.
+ */
+class ScriptWatch {
+public:
+	ScriptWatch(sqlite3* connection, std::chrono::seconds time);
+	~ScriptWatch();
+	ScriptWatch(const ScriptWatch&) = delete;
+	ScriptWatch& operator=(const ScriptWatch&) = delete;
+
+	/** Whether time is up; SQLite only says "interrupted". */
+	bool IsLate() const;
+
+private:
+	static int IsToBeEnded(void* watch);
+
+	sqlite3* connection_;
+	std::chrono::steady_clock::time_point end_;
+};
 
 /**
  * Executes a script, one or more whole statements per line, on an SQLite database file in one transaction: whole or,

@@ -5,13 +5,13 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/library/checked_info_getter.h"
 #include "host/library/document_problem.h"
-#include "host/library/download_limits.h"
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
 #include "host/library/reader_lock.h"
-#include "host/library/run_record.h"
-#include "host/terminal/metrics_text.h"
+#include "host/library/record_keeper.h"
+#include "host/terminal/text.h"
 
 #include <tarnsdk/volume.h>
 

@@ -3,7 +3,7 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/library/download_limits.h"
+#include "host/library/checked_info_getter.h"
 
 #include <unistd.h>
 

@@ -3,7 +3,7 @@
 #define HOST_COMMANDS_REPORT_H
 
 #include "host/commands/command.h"
-#include "host/library/each_database.h"
+#include "host/library/services.h"
 
 #include <json/value.h>
 

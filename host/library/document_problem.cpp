@@ -2,7 +2,7 @@
 
 #include "base/text.h"
 #include "dataupdate/update.h"
-#include "host/library/checked_io.h"
+#include "host/library/services.h"
 #include "host/terminal/text.h"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
-#include "host/library/download_limits.h"
+#include "host/library/checked_info_getter.h"
 #include "host/library/installed_package.h"
 
 #include <tarncore/tarncore.h>

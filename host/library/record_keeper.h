@@ -1,17 +1,43 @@
-/** @file The host's record of all installed files through one operation on one database. */
+/** @file What the host records of its runs and of installed files. */
 #ifndef HOST_LIBRARY_RECORD_KEEPER_H
 #define HOST_LIBRARY_RECORD_KEEPER_H
 
 #include "dataupdate/updater.h"
+#include "host/library/exit_codes.h"
 #include "host/library/file_changes.h"
 #include "host/library/services.h"
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <utility>
 
 namespace tarn::ctl {
+
+struct RunRecord {
+	std::string operation; ///< "update", "fix", "force-install"
+	std::int64_t time = 0; ///< When it ended, in seconds since 1970.
+	int exit_status = 0;
+	double seconds = 0;
+	std::uint64_t downloaded_bytes = 0;
+};
+
+/** Where a database's record lies. */
+std::string RunRecordPath(const std::string& id);
+
+/**
+ * Does the work and records how it went, success or failure; work that ends because the program was asked to end is not
+ * recorded. A record that cannot be written is told to the system log only: the work has been done.
+ *
+ * @param work  returns how it ended, which is recorded and returned
+ */
+ExitCode RunRecorded(
+    const Services& services, const std::string& id, const char* operation, const std::function<ExitCode()>& work);
+
+/** No value when there is none, or none that can be read. */
+std::optional<RunRecord> ReadRunRecord(const std::string& id);
 
 /**
  * Made for one operation, and used under its locks: reads the record before files change, makes a lost record again,

@@ -1,20 +1,80 @@
 #include "host/library/services.h"
 
+#include "dataupdate/interruption.h"
+#include "dataupdate/messages.h"
+#include "dataupdate/paths.h"
+#include "dataupdate/update_error.h"
 #include "host/library/checked_info_getter.h"
-#include "host/library/checked_io.h"
-#include "host/library/download_limits.h"
 
 #include <tarnsdk/volume.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+
 namespace tarn::ctl {
 
+using dataupdate::UpdateError;
+
 namespace {
+
+constexpr useconds_t kPauseMicroseconds = 20000;
+constexpr int kMostPauses = 100;
+
+bool MayBeBeingWritten(const std::string& path) {
+	struct stat status {};
+	timespec now{};
+	return clock_gettime(CLOCK_REALTIME, &now) == 0 && stat(path.c_str(), &status) == 0 && IsNew(status.st_mtim, now);
+}
+
+bool Holds(const std::string& path, const Json::Value& value) {
+	try {
+		return dataupdate::IOUtils().ReadJson(path).toStyledString() == value.toStyledString();
+	} catch (const UpdateError&) {
+		return false;
+	}
+}
 
 bool IsVolumeAvailable(const std::string& volume) {
 	return TARNMountVolInfoGet(volume.c_str(), std::make_unique<TARNMountVolInfo>().get()) == 0;
 }
 
 } // namespace
+
+bool IsNew(const timespec& changed, const timespec& now) {
+	constexpr double kSeconds = 2;
+	constexpr double kNanosecond = 1e-9;
+	const auto seconds = static_cast<double>(now.tv_sec - changed.tv_sec);
+	return std::abs(seconds + static_cast<double>(now.tv_nsec - changed.tv_nsec) * kNanosecond) < kSeconds;
+}
+
+Json::Value CheckedIO::ReadJson(const std::string& path) const {
+	if (path == dataupdate::kCachedInfo) {
+		if (GetSize(path) > kLargestDocument) {
+			throw UpdateError(dataupdate::messages::kCannotDecode + path);
+		}
+		return IOUtils::ReadJson(path); // Nobody writes it while its lock is held.
+	}
+	for (int pauses = 0;; ++pauses) {
+		try {
+			return IOUtils::ReadJson(path);
+		} catch (const UpdateError& error) {
+			if (CategoryOf(error.what()) != Category::kUndecodable || pauses == kMostPauses ||
+			    !MayBeBeingWritten(path)) {
+				throw;
+			}
+		}
+		usleep(kPauseMicroseconds);
+	}
+}
+
+void CheckedIO::WriteJson(const std::string& path, const Json::Value& value) const {
+	IOUtils::WriteJson(path, value);
+	if (!Holds(path, value)) {
+		throw UpdateError(dataupdate::messages::kCannotWrite + path);
+	}
+}
 
 Services MakeServices(Terminal& terminal) {
 	const auto io = std::make_shared<CheckedIO>();
@@ -25,6 +85,37 @@ Services MakeServices(Terminal& terminal) {
 	const auto update = [](auto&&... arguments) { return dataupdate::Updater().UpdateAndTell(arguments...); };
 	return {io, config, info, update, std::make_shared<dataupdate::Checker>(config), terminal, IsVolumeAvailable,
 	    [info] { info->Hurry(); }};
+}
+
+ExitCode ForEachDatabase(const Services& services, const std::vector<std::string>& ids,
+    const DatabaseOperation& operation,
+    const std::function<void(const std::string& id, const Failure& failure)>& complain) {
+	ExitCode code = kDone;
+	for (const std::string& id : ids) {
+		ExitCode own = kFailed;
+		try {
+			own = operation(id);
+		} catch (...) {
+			if (dataupdate::IsInterruptionRequested()) {
+				throw;
+			}
+			const Failure failure = ExplainException(*services.io);
+			complain(id, failure);
+			own = failure.code;
+		}
+		code = code == kDone ? own : code;
+	}
+	return code;
+}
+
+ExitCode ForEachScheduled(const Services& services, const DatabaseOperation& operation) {
+	ExitCode code = kDone;
+	const dataupdate::Update loop(nullptr, services.info, services.config);
+	loop.OperateAllProjects([&](const std::string& id) {
+		const ExitCode own = operation(id);
+		code = code == kDone ? own : code;
+	});
+	return code;
 }
 
 } // namespace tarn::ctl

@@ -1,4 +1,4 @@
-/** @file The library's objects that commands work with; each can be replaced by a double. */
+/** @file The platform and the library, as the host hands them to a command, and visits to each database. */
 #ifndef HOST_LIBRARY_SERVICES_H
 #define HOST_LIBRARY_SERVICES_H
 
@@ -7,14 +7,37 @@
 #include "dataupdate/update.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
+#include "host/library/failure.h"
 #include "host/terminal/terminal.h"
 
+#include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tarn::ctl {
+
+/** The largest document of a server that is parsed; a parsed one takes several times its size of memory. */
+constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
+
+/**
+ * Treats a server's document that is too large like one that cannot be decoded. Records and the service's settings are
+ * written in place, and are no documents for a moment; they are read again until they are, as long as their last change
+ * is new. The library reads the settings of databases without it, so those are only replaced by whole files.
+ */
+class CheckedIO : public dataupdate::IOUtils {
+public:
+	Json::Value ReadJson(const std::string& path) const override;
+	/** Also throws "Fail to write: <path>" when what is written cannot be read again, as on a full disk. */
+	void WriteJson(const std::string& path, const Json::Value& value) const override;
+};
+
+/** Whether a file's last change lies less than two seconds from now: longer than a writer takes from its first byte to
+ * its last, and short for a file that was cut off for good. */
+bool IsNew(const timespec& changed, const timespec& now);
 
 struct Services {
 	std::shared_ptr<dataupdate::IOUtils> io;
@@ -35,6 +58,19 @@ struct Services {
 
 /** The real ones. */
 Services MakeServices(Terminal& terminal);
+
+using DatabaseOperation = std::function<ExitCode(const std::string& id)>;
+
+/**
+ * Runs an operation on each database. When it fails on one, the others are tried all the same, unless the program has
+ * been asked to end. Returns the code of the first that didn't end with kDone.
+ */
+[[nodiscard]] ExitCode ForEachDatabase(const Services& services, const std::vector<std::string>& ids,
+    const DatabaseOperation& operation,
+    const std::function<void(const std::string& id, const Failure& failure)>& complain);
+
+/** The library's loop over the scheduled databases, which ends at the first failure by throwing it. */
+[[nodiscard]] ExitCode ForEachScheduled(const Services& services, const DatabaseOperation& operation);
 
 } // namespace tarn::ctl
 

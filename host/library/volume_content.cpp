@@ -5,8 +5,8 @@
 #include "dataupdate/update_error.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
-#include "host/library/each_database.h"
 #include "host/library/inspection.h"
+#include "host/library/services.h"
 
 #include <algorithm>
 

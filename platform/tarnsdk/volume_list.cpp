@@ -1,8 +1,12 @@
 #include "platform/tarnsdk/volume_list.h"
 
+#include "base/settings_lines.h"
 #include "base/volume_safety.h"
 
+#include <libmount/libmount.h>
+
 #include <dirent.h>
+#include <fnmatch.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <syslog.h>
@@ -10,11 +14,58 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <filesystem>
+#include <fstream>
 #include <optional>
+#include <system_error>
 
 namespace tarn::sdk {
+
 namespace {
+
+constexpr const char* kDefaultPattern = "/volume*";
+
+std::string WithoutTrailingSlashes(std::string path) {
+	while (path.size() > 1 && path.back() == '/') {
+		path.pop_back();
+	}
+	return path;
+}
+
+/** Takes one line over; otherwise tells what is wrong with it, null when nothing is. */
+const char* TakeLine(const std::string& line, VolumeConfig& config) {
+	const std::map<std::string, std::vector<std::string>*> lists = {
+	    {"pattern", &config.patterns}, {"directory", &config.directories}, {"exclude", &config.exclusions}};
+	const std::optional<Directive> directive = ParseLine(line);
+	if (!directive) {
+		return nullptr;
+	}
+	const auto list = lists.find(directive->name);
+	if (list == lists.end()) {
+		return "unknown directive";
+	}
+	const std::string path = WithoutTrailingSlashes(directive->value);
+	if (path.empty()) {
+		return "the path is missing";
+	}
+	if (path[0] != '/') {
+		return "the path is not absolute";
+	}
+	if (path.size() >= TARN_VOLUME_PATH_SIZE) {
+		return "the path is too long";
+	}
+	list->second->push_back(path);
+	return nullptr;
+}
+
+bool HasReadOnlyOption(const char* options) {
+	return options != nullptr && mnt_optstr_get_option(options, "ro", nullptr, nullptr) == 0;
+}
+
+/** Read-only is either the mount, or the file system below it, which falls back to it after errors. */
+bool IsReadOnly(libmnt_fs* fs) {
+	return HasReadOnlyOption(mnt_fs_get_vfs_options(fs)) || HasReadOnlyOption(mnt_fs_get_fs_options(fs));
+}
 
 /** Reads the first entry of a directory: a failed device can still have its counters in memory. 0 or an errno value. */
 int ProbeDirectory(const std::string& path) {
@@ -59,6 +110,65 @@ bool IsDirectory(const std::string& path) {
 }
 
 } // namespace
+
+int ReadVolumeConfig(const std::string& path, VolumeConfig& config) {
+	config = VolumeConfig();
+	std::ifstream file(path);
+	if (!file.is_open() && errno != ENOENT && errno != ENOTDIR) {
+		return errno;
+	}
+	std::string line;
+	for (unsigned int number = 1; std::getline(file, line); ++number) {
+		if (const char* problem = TakeLine(line, config); problem != nullptr) {
+			syslog(LOG_WARNING, "tarnsdk: %s:%u: %s: '%s'", path.c_str(), number, problem, line.c_str());
+		}
+	}
+	if (file.bad()) {
+		return EIO;
+	}
+	if (config.patterns.empty()) {
+		config.patterns.emplace_back(kDefaultPattern);
+	}
+	return 0;
+}
+
+bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path) {
+	return std::any_of(patterns.begin(), patterns.end(),
+	    [&](const std::string& pattern) { return fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME) == 0; });
+}
+
+void MountTable::Unreference::operator()(libmnt_table* table) const {
+	mnt_unref_table(table);
+}
+
+MountTable::MountTable(const std::string& path) : table_(mnt_new_table_from_file(path.c_str())) {}
+
+std::map<std::string, Mount> MountTable::ByPath() const {
+	struct FreeIterator {
+		void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
+	};
+	const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
+	std::map<std::string, Mount> mounts;
+	libmnt_fs* fs = nullptr;
+	while (iterator && mnt_table_next_fs(table_.get(), iterator.get(), &fs) == 0) {
+		if (const char* target = mnt_fs_get_target(fs); target != nullptr) {
+			const bool elsewhere =
+			    mnt_fs_is_pseudofs(fs) != 0 || mnt_fs_is_netfs(fs) != 0 || mnt_fs_is_swaparea(fs) != 0;
+			mounts[target] = {!elsewhere, IsReadOnly(fs)};
+		}
+	}
+	return mounts;
+}
+
+bool MountTable::IsReadOnlyAt(const std::string& directory) const {
+	std::error_code error;
+	const std::filesystem::path real = std::filesystem::canonical(directory, error);
+	if (error) {
+		return false;
+	}
+	libmnt_fs* const fs = mnt_table_find_mountpoint(table_.get(), real.c_str(), MNT_ITER_BACKWARD);
+	return fs != nullptr && IsReadOnly(fs);
+}
 
 int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes) {
 	VolumeConfig config;

@@ -1,16 +1,67 @@
-/** @file Which volumes there are, and in what state. */
+/** @file Which volumes there are and in what state, from the configuration and the mounted file systems. */
 #ifndef PLATFORM_TARNSDK_VOLUME_LIST_H
 #define PLATFORM_TARNSDK_VOLUME_LIST_H
 
-#include "platform/tarnsdk/mount_table.h"
-#include "platform/tarnsdk/volume_config.h"
-
 #include <tarnsdk/volume.h>
 
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+struct libmnt_table;
+
 namespace tarn::sdk {
+
+constexpr const char* kVolumeConfigPath = "/usr/tarn/etc/volumes.conf";
+
+/** The directives of the configuration file. */
+struct VolumeConfig {
+	std::vector<std::string> patterns;
+	std::vector<std::string> directories;
+	std::vector<std::string> exclusions;
+};
+
+/**
+ * Reads the configuration; an absent file leaves the default pattern alone. Lines that cannot be understood are told to
+ * syslog and skipped.
+ *
+ * @return 0, or an errno value when the file is there but cannot be read
+ */
+int ReadVolumeConfig(const std::string& path, VolumeConfig& config);
+
+/** Whether a path matches one of the shell patterns; a "*" doesn't reach across "/". */
+bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path);
+
+constexpr const char* kMountTablePath = "/proc/self/mountinfo";
+
+/** A mounted file system, as the mount table describes it. */
+struct Mount {
+	/** Whether it stores data on this machine: no pseudo or network file system and no swap area. */
+	bool is_storage = false;
+	bool is_read_only = false;
+};
+
+/** A snapshot of a mount table. */
+class MountTable {
+public:
+	/** Reads a table; without one that can be read IsRead() is false and errno tells why. */
+	explicit MountTable(const std::string& path);
+
+	bool IsRead() const { return table_ != nullptr; }
+
+	/** Mounts by their paths; of several at the same path the last one, which hides the others. */
+	std::map<std::string, Mount> ByPath() const;
+
+	/** Whether the mount that holds a directory is read-only. */
+	bool IsReadOnlyAt(const std::string& directory) const;
+
+private:
+	struct Unreference {
+		void operator()(libmnt_table* table) const;
+	};
+	std::unique_ptr<libmnt_table, Unreference> table_;
+};
 
 /** Where volumes are learnt from. */
 struct VolumeSources {

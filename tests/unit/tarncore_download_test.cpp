@@ -1,7 +1,6 @@
 #include "base/unique_fd.h"
 #include "platform/tarncore/download.h"
 #include "platform/tarncore/download_guard.h"
-#include "platform/tarncore/download_settings.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 

@@ -1,4 +1,4 @@
-#include "host/arguments.h"
+#include "host/program.h"
 
 #include <gmock/gmock.h>
 

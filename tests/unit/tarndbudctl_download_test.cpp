@@ -1,7 +1,6 @@
 #include "dataupdate/paths.h"
 #include "host/library/checked_info_getter.h"
-#include "host/library/checked_io.h"
-#include "host/library/download_limits.h"
+#include "host/library/services.h"
 #include "mocks.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
 #include "dataupdate/updater.h"
-#include "host/terminal/progress_line.h"
+#include "host/terminal/terminal.h"
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
-#include "host/library/lock_files.h"
+#include "host/library/preparation.h"
 #include "host/library/reader_lock.h"
 #include "host/library/safe_places.h"
 #include "host/own_umask.h"

@@ -1,7 +1,7 @@
 #include "dataupdate/utils.h"
 #include "expect_error.h"
 #include "host/library/failure.h"
-#include "host/library/settings.h"
+#include "host/library/preparation.h"
 #include "private_root.h"
 #include "temporary_directory.h"
 

@@ -1,6 +1,6 @@
 #include "dataupdate/file_lock.h"
 #include "host/library/failure.h"
-#include "host/library/run_record.h"
+#include "host/library/record_keeper.h"
 #include "private_root.h"
 #include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"

@@ -1,7 +1,7 @@
 // What is remembered about files along a chain of diff packages, and what names a diff package may hold.
-#include "publisher/chain_state.h"
+#include "publisher/diff_chain.h"
 #include "publisher/publish_error.h"
-#include "publisher/tree_changes.h"
+#include "publisher/tree.h"
 
 #include <gmock/gmock.h>
 

@@ -4,10 +4,9 @@
 #include "publisher/file_encoder.h"
 #include "publisher/parallel.h"
 #include "publisher/program.h"
+#include "publisher/replacing_file.h"
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
-#include "publisher/vcdiff_encoder.h"
-#include "publisher/work_directory.h"
 
 #include <sys/stat.h>
 #include <xxhash.h>

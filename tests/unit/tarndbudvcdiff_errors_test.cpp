@@ -1,5 +1,5 @@
 // Every way in which a patch can be wrong, and what is said about it.
-#include "decoder/application_header.h"
+#include "decoder/patch_header.h"
 #include "vcdiff_builder.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,7 @@
 // The readers below the decoder, and the application header.
-#include "decoder/application_header.h"
 #include "decoder/content_hash.h"
-#include "decoder/read_ahead.h"
-#include "decoder/section_reader.h"
+#include "decoder/patch_header.h"
+#include "decoder/readers.h"
 #include "temporary_directory.h"
 #include "vcdiff_builder.h"
 

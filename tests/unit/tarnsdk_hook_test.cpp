@@ -1,5 +1,4 @@
 #include "base/unique_fd.h"
-#include "platform/tarnsdk/hook_arguments.h"
 #include "platform/tarnsdk/hook_runner.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"

@@ -1,5 +1,3 @@
-#include "platform/tarnsdk/mount_table.h"
-#include "platform/tarnsdk/volume_config.h"
 #include "platform/tarnsdk/volume_list.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"

@@ -1,7 +1,7 @@
 #include "vcdiff_builder.h"
 
-#include "decoder/application_header.h"
 #include "decoder/content_hash.h"
+#include "decoder/patch_header.h"
 
 namespace tarn::decoder::test {
 

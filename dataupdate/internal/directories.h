@@ -1,6 +1,6 @@
-/** @file The names in one directory. */
-#ifndef DATAUPDATE_INTERNAL_DIRECTORY_ENTRIES_H
-#define DATAUPDATE_INTERNAL_DIRECTORY_ENTRIES_H
+/** @file Directories: the names in one, and the removal of a tree of any depth. */
+#ifndef DATAUPDATE_INTERNAL_DIRECTORIES_H
+#define DATAUPDATE_INTERNAL_DIRECTORIES_H
 
 #include <dirent.h>
 
@@ -45,6 +45,13 @@ private:
 	std::string marked_names_; // For each entry a mark, its name and a zero byte.
 	int error_ = 0;
 };
+
+/**
+ * Removes a path and everything below it; a missing path is no error. Holds three descriptors at most, however deep the
+ * tree is, and reaches what lies below paths that are too long to be named. Follows no link. Stops at the first failure
+ * with std::system_error; what was removed before stays removed.
+ */
+void RemoveTree(const std::string& path);
 
 } // namespace tarn::dataupdate
 

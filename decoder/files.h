@@ -1,13 +1,37 @@
-/** @file The file that a patch makes. */
-#ifndef DECODER_OUTPUT_FILE_H
-#define DECODER_OUTPUT_FILE_H
+/** @file Files that are read, and the file that a patch makes. */
+#ifndef DECODER_FILES_H
+#define DECODER_FILES_H
 
+#include "base/unique_fd.h"
 #include "base/whole_file.h"
 #include "decoder/bytes.h"
+
+#include <sys/types.h>
 
 #include <string>
 
 namespace tarn::decoder {
+
+/** A regular file that is only read, with the size that it has when it is opened. */
+class InputFile : public ReadableBytes {
+public:
+	/** Throws DecodeError when it is no regular file or cannot be opened; never waits for somebody's writing. */
+	explicit InputFile(std::string path);
+
+	const std::string& Name() const override { return path_; }
+	std::uint64_t Size() const override { return size_; }
+	void ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const override;
+
+	/** Whether a path leads to this very file, by whatever name. */
+	bool IsAt(const std::string& path) const;
+
+private:
+	std::string path_;
+	UniqueFd fd_;
+	std::uint64_t size_ = 0;
+	dev_t device_ = 0;
+	ino_t inode_ = 0;
+};
 
 /**
  * A file that appears under its name whole or not at all. Until Commit() it has no name where the file system allows

@@ -1,7 +1,8 @@
-/** @file The lock files that nobody but root may open, since whoever can open a lock file can hold its lock. */
-#ifndef HOST_LIBRARY_LOCK_FILES_H
-#define HOST_LIBRARY_LOCK_FILES_H
+/** @file What must be in order before anything is done: the lock files and the administrator's settings. */
+#ifndef HOST_LIBRARY_PREPARATION_H
+#define HOST_LIBRARY_PREPARATION_H
 
+#include "dataupdate/utils.h"
 #include "host/library/services.h"
 
 namespace tarn::ctl {
@@ -15,6 +16,13 @@ namespace tarn::ctl {
  * Throws CommandError when the directory or a file is not root's own, or others may write to the directory.
  */
 void PrepareLockFiles(const Services& services);
+
+/**
+ * Throws CommandError when an override file is there that cannot be read, or holds a value of the wrong type. The
+ * library takes its defaults instead, so that a slip of the pen would end all updates without a word, and the next
+ * setting to be written would replace the file.
+ */
+void RequireUsableSettings(const dataupdate::IOUtils& io);
 
 } // namespace tarn::ctl
 

@@ -1,8 +1,8 @@
-#include "decoder/output_file.h"
+#include "decoder/files.h"
 
 #include "base/file_io.h"
-#include "decoder/decode_error.h"
-#include "decoder/input_file.h"
+#include "base/text.h"
+#include "decoder/bytes.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,6 +14,22 @@
 namespace tarn::decoder {
 
 namespace {
+
+/** Throws a DecodeError that says what could not be done with a file, and the present errno's text. */
+[[noreturn]] void FailWithErrno(const std::string& name, const std::string& what) {
+	throw DecodeError(ErrnoText(name + " could not be " + what, errno) + ".");
+}
+
+/** Reads exactly these bytes of an open file. Throws DecodeError, also when the file ends before. */
+void ReadFileAt(int fd, const std::string& name, std::uint64_t offset, Byte* to, std::size_t length) {
+	const ssize_t count = ReadAllAt(fd, to, length, offset);
+	if (count < 0) {
+		FailWithErrno(name, "read");
+	}
+	if (static_cast<std::size_t>(count) < length) {
+		throw DecodeError(name + " became shorter while it was read.");
+	}
+}
 
 constexpr mode_t kMode = 0666; // less the umask, as for every new file
 constexpr unsigned kNamesToTry = 100;
@@ -47,6 +63,31 @@ void RequireFileOrNothing(const std::string& path) {
 }
 
 } // namespace
+
+InputFile::InputFile(std::string path)
+    : path_(std::move(path)),
+      // Opening a FIFO would otherwise wait for somebody to write into it.
+      fd_(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+	struct stat status = {};
+	if (!fd_ || fstat(fd_.Get(), &status) != 0) {
+		FailWithErrno(path_, "opened");
+	}
+	if (!S_ISREG(status.st_mode)) {
+		throw DecodeError(path_ + " is not a regular file.");
+	}
+	size_ = static_cast<std::uint64_t>(status.st_size);
+	device_ = status.st_dev;
+	inode_ = status.st_ino;
+}
+
+void InputFile::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const {
+	ReadFileAt(fd_.Get(), path_, offset, to, length);
+}
+
+bool InputFile::IsAt(const std::string& path) const {
+	struct stat status = {};
+	return stat(path.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+}
 
 OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
 	RequireFileOrNothing(path_);

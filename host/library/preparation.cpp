@@ -1,0 +1,177 @@
+#include "host/library/preparation.h"
+
+#include "base/unique_fd.h"
+#include "base/volume_safety.h"
+#include "dataupdate/paths.h"
+#include "dataupdate/update_error.h"
+#include "host/library/failure.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+
+using dataupdate::UpdateError;
+
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+constexpr mode_t kOpenToReaders = 0755;
+constexpr mode_t kPermissions = 07777;
+
+[[noreturn]] void RefusePlace(const std::string& path, const std::string& reason) {
+	throw CommandError(kFailed, path + " " + reason +
+	                                ", so others could hold off all updates; see who made it, remove it and run "
+	                                "\"tarndbudctl init\"");
+}
+
+[[noreturn]] void FailToMake(const std::string& path) {
+	throw CommandError(kFailed, "The lock file " + path + " cannot be made (" + std::strerror(errno) + ")");
+}
+
+bool IsOwn(const struct stat& status) {
+	return status.st_uid == 0 || status.st_uid == geteuid();
+}
+
+void Make(const std::string& path) {
+	const UniqueFd file(
+	    open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kPrivate)); // A FIFO would block.
+	if (!file && errno == ELOOP) {
+		RefusePlace(path, "is a link");
+	}
+	struct stat status {};
+	if (!file || fstat(file.Get(), &status) != 0) {
+		FailToMake(path);
+	}
+	if (!S_ISREG(status.st_mode) || !IsOwn(status)) {
+		RefusePlace(path, "is no file of root's");
+	}
+	if ((status.st_mode & kPermissions) != kPrivate && fchmod(file.Get(), kPrivate) != 0) {
+		FailToMake(path);
+	}
+}
+
+/** Readers have to reach their lock files, whatever mask the directory was made under. */
+void PrepareDirectory() {
+	if (const std::optional<UnsafePlace> unsafe = FindUnsafePlace(dataupdate::kLockDirectory)) {
+		RefusePlace(unsafe->path, unsafe->reason);
+	}
+	struct stat status {};
+	if (stat(dataupdate::kLockDirectory, &status) != 0 || ((status.st_mode & kOpenToReaders) != kOpenToReaders &&
+	                                                          chmod(dataupdate::kLockDirectory, kOpenToReaders) != 0)) {
+		FailToMake(dataupdate::kLockDirectory);
+	}
+}
+
+std::vector<std::string> Ids(const Services& services) {
+	try {
+		return services.config->GetDatabaseIDs();
+	} catch (const std::exception&) {
+		return {}; // Without a list of databases the library locks none, and the command itself reports it.
+	}
+}
+
+struct Kind {
+	const char* name;
+	bool (*is)(const Json::Value& value);
+};
+
+using Kinds = std::map<std::string, Kind>;
+
+bool IsString(const Json::Value& value) {
+	return value.isString();
+}
+
+bool IsBoolean(const Json::Value& value) {
+	return value.isBool();
+}
+
+bool IsNumber(const Json::Value& value) {
+	return value.isUInt();
+}
+
+constexpr Kind kString = {"a string in quotation marks", IsString};
+constexpr Kind kBoolean = {"true or false, without quotation marks", IsBoolean};
+constexpr Kind kNumber = {"a whole number from 0 to 4294967295", IsNumber};
+
+[[noreturn]] void RefuseSettings(const std::string& path, const std::string& reason) {
+	throw CommandError(
+	    kFailed, "The settings in " + path + " cannot be used: " + reason + "; correct or remove that file");
+}
+
+/** No value when there is no such file. */
+std::optional<Json::Value> Decode(const dataupdate::IOUtils& io, const std::string& path) {
+	try {
+		return io.ReadJson(path);
+	} catch (const UpdateError& error) {
+		if (error.code() == UpdateError::kFileNotExist) {
+			return std::nullopt;
+		}
+		RefuseSettings(path, "it is no JSON, or cannot be read");
+	}
+}
+
+void RequireKind(const std::string& path, const std::string& section, const std::string& key, const Kind& kind,
+    const Json::Value& value) {
+	if (!value.isNull() && !kind.is(value)) {
+		RefuseSettings(path, "'" + key + "' of '" + section + "' must be " + kind.name);
+	}
+}
+
+void RequireKinds(const std::string& path, const std::string& section, const Json::Value& values, const Kinds& kinds) {
+	if (!values.isObject()) {
+		RefuseSettings(path, "'" + section + "' must be an object");
+	}
+	for (const auto& [key, kind] : kinds) {
+		RequireKind(path, section, key, kind, values[key]);
+	}
+}
+
+void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const Kinds& kinds) {
+	const std::optional<Json::Value> decoded = Decode(io, path);
+	if (!decoded) {
+		return;
+	}
+	const Json::Value& root = *decoded;
+	if (!root.isObject()) {
+		RefuseSettings(path, "it must hold an object");
+	}
+	for (const std::string& section : root.getMemberNames()) {
+		RequireKinds(path, section, root[section], kinds);
+	}
+}
+
+} // namespace
+
+void PrepareLockFiles(const Services& services) {
+	PrepareDirectory();
+	for (const char* path : {dataupdate::kUpdateAnyLock, dataupdate::kFreshInfoLock, dataupdate::kConfigLock}) {
+		Make(path);
+	}
+	for (const std::string& id : Ids(services)) {
+		const std::string path = dataupdate::UpdateLockPath(id);
+		std::error_code ignored; // Of a name with a slash; Make() tells.
+		std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+		Make(path);
+	}
+}
+
+void RequireUsableSettings(const dataupdate::IOUtils& io) {
+	RequireUsable(io, dataupdate::kServiceOverride,
+	    {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"download_scheme", kString}});
+	RequireUsable(io, dataupdate::kDatabaseOverride,
+	    {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
+	        {"min_rsv_space_inbytes", kNumber}});
+}
+
+} // namespace tarn::ctl
