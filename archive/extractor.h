@@ -3,7 +3,7 @@
 #define ARCHIVE_EXTRACTOR_H
 
 #include "archive/file.h"
-#include "archive/tar_reader.h"
+#include "archive/payload.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,6 +1,11 @@
 #include "base/settings_lines.h"
 
+#include <syslog.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <optional>
 
 namespace tarn {
 namespace {
@@ -25,8 +30,7 @@ std::string WithoutComment(const std::string& line) {
 	return line;
 }
 
-} // namespace
-
+/** No value for an empty line and for a comment. */
 std::optional<Directive> ParseLine(const std::string& line) {
 	const std::string text = Trim(WithoutComment(line));
 	if (text.empty()) {
@@ -34,6 +38,23 @@ std::optional<Directive> ParseLine(const std::string& line) {
 	}
 	const std::size_t blank = std::min(text.find_first_of(kBlanks), text.size());
 	return Directive{text.substr(0, blank), Trim(text.substr(blank))};
+}
+
+} // namespace
+
+int ReadSettingsLines(const std::string& path, const char* program, const TakeDirective& take) {
+	std::ifstream file(path);
+	if (!file.is_open()) {
+		return errno;
+	}
+	std::string line;
+	for (unsigned int number = 1; std::getline(file, line); ++number) {
+		const std::optional<Directive> directive = ParseLine(line);
+		if (const char* problem = directive ? take(*directive) : nullptr; problem != nullptr) {
+			syslog(LOG_WARNING, "%s: %s:%u: %s: '%s'", program, path.c_str(), number, problem, line.c_str());
+		}
+	}
+	return file.bad() ? EIO : 0;
 }
 
 } // namespace tarn

@@ -1,8 +1,8 @@
-/** @file Lines of the platform's settings files: one directive each, and what "#" begins is a comment. */
+/** @file The platform's settings files: one directive each, and what "#" begins is a comment. */
 #ifndef BASE_SETTINGS_LINES_H
 #define BASE_SETTINGS_LINES_H
 
-#include <optional>
+#include <functional>
 #include <string>
 
 namespace tarn {
@@ -13,8 +13,17 @@ struct Directive {
 	std::string value;
 };
 
-/** What a line says; no value for an empty line and for a comment. A "#" within a word is a character like others. */
-std::optional<Directive> ParseLine(const std::string& line);
+/** Takes one directive over; otherwise tells what is wrong with it, null when nothing is. */
+using TakeDirective = std::function<const char*(const Directive& directive)>;
+
+/**
+ * Hands each directive of a file to a function; empty lines and comments have none. A "#" within a word is a character
+ * like others. A directive that is not taken is told to syslog, with the file and the line, and skipped.
+ *
+ * @param program  begins the lines in syslog
+ * @return 0, or an errno value when the file cannot be opened or read to its end
+ */
+int ReadSettingsLines(const std::string& path, const char* program, const TakeDirective& take);
 
 } // namespace tarn
 

@@ -1,6 +1,5 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
-#include "dataupdate/internal/patch_conflicts.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"

@@ -1,6 +1,5 @@
 #include "host/commands/commands.h"
-#include "host/library/interruption_watch.h"
-#include "host/own_umask.h"
+#include "host/library/process.h"
 #include "host/program.h"
 
 #include <unistd.h>

@@ -2,7 +2,7 @@
 #ifndef HOST_PROGRAM_H
 #define HOST_PROGRAM_H
 
-#include "host/commands/command.h"
+#include "host/commands/commands.h"
 
 #include <functional>
 #include <ostream>

@@ -1,8 +1,7 @@
 #include "publisher/diff_package.h"
 
 #include "archive/extractor.h"
-#include "archive/payload_stream.h"
-#include "archive/tar_reader.h"
+#include "archive/payload.h"
 #include "base/error.h"
 #include "base/text.h"
 #include "publisher/device.h"

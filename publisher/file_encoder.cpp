@@ -1,6 +1,6 @@
 #include "publisher/file_encoder.h"
 
-#include "archive/tar_writer.h"
+#include "archive/writer.h"
 #include "base/text.h"
 #include "decoder/content_hash.h"
 #include "decoder/decode.h"

@@ -1,8 +1,7 @@
 #include "publisher/package.h"
 
 #include "archive/extractor.h"
-#include "archive/sealer.h"
-#include "archive/tar_writer.h"
+#include "archive/writer.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"

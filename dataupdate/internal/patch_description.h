@@ -1,4 +1,4 @@
-/** @file What an unpacked diff package says about itself, and which of its names are safe and mean the same file. */
+/** @file What an unpacked diff package says about itself, and whether its files can be put where they belong. */
 #ifndef DATAUPDATE_INTERNAL_PATCH_DESCRIPTION_H
 #define DATAUPDATE_INTERNAL_PATCH_DESCRIPTION_H
 
@@ -13,9 +13,6 @@ namespace tarn::dataupdate {
 
 /** Whether a name stays below whatever directory it is joined to: it is not absolute and has no "..". */
 [[nodiscard]] bool StaysBelow(const std::string& name);
-
-/** Whether a name stays below the directory and ends with the name of a file: "./a//b", but neither "a/" nor ".". */
-[[nodiscard]] bool IsFileNameBelow(const std::string& name);
 
 /** The shortest spelling of such a name: "a/b" of "./a//b". */
 std::string PlainName(const std::string& name);
@@ -49,6 +46,13 @@ struct PatchMember {
  * other types than the expected ones pass through.
  */
 std::vector<PatchMember> ReadPatchDescription(const std::string& package_directory);
+
+/**
+ * Throws UpdateError "In the way of <file>: <path>" when an installed file, or a link, has the place of a directory
+ * above a new file, a directory holds files that the chain does not delete where a new file goes, one new file is above
+ * another, or the journal of a database that is replaced holds changes of another program.
+ */
+void CheckConflicts(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& install_directory);
 
 } // namespace tarn::dataupdate
 

@@ -5,9 +5,8 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/failure.h"
-#include "host/library/interruption_watch.h"
+#include "host/library/process.h"
 #include "host/library/reader_lock.h"
-#include "host/own_umask.h"
 
 #include <CLI/CLI.hpp>
 

@@ -2,7 +2,7 @@
 #ifndef HOST_COMMANDS_REPORT_H
 #define HOST_COMMANDS_REPORT_H
 
-#include "host/commands/command.h"
+#include "host/commands/commands.h"
 #include "host/library/services.h"
 
 #include <json/value.h>

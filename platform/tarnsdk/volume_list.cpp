@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <system_error>
 
@@ -32,19 +31,14 @@ std::string WithoutTrailingSlashes(std::string path) {
 	return path;
 }
 
-/** Takes one line over; otherwise tells what is wrong with it, null when nothing is. */
-const char* TakeLine(const std::string& line, VolumeConfig& config) {
+const char* Take(const Directive& directive, VolumeConfig& config) {
 	const std::map<std::string, std::vector<std::string>*> lists = {
 	    {"pattern", &config.patterns}, {"directory", &config.directories}, {"exclude", &config.exclusions}};
-	const std::optional<Directive> directive = ParseLine(line);
-	if (!directive) {
-		return nullptr;
-	}
-	const auto list = lists.find(directive->name);
+	const auto list = lists.find(directive.name);
 	if (list == lists.end()) {
 		return "unknown directive";
 	}
-	const std::string path = WithoutTrailingSlashes(directive->value);
+	const std::string path = WithoutTrailingSlashes(directive.value);
 	if (path.empty()) {
 		return "the path is missing";
 	}
@@ -113,18 +107,10 @@ bool IsDirectory(const std::string& path) {
 
 int ReadVolumeConfig(const std::string& path, VolumeConfig& config) {
 	config = VolumeConfig();
-	std::ifstream file(path);
-	if (!file.is_open() && errno != ENOENT && errno != ENOTDIR) {
-		return errno;
-	}
-	std::string line;
-	for (unsigned int number = 1; std::getline(file, line); ++number) {
-		if (const char* problem = TakeLine(line, config); problem != nullptr) {
-			syslog(LOG_WARNING, "tarnsdk: %s:%u: %s: '%s'", path.c_str(), number, problem, line.c_str());
-		}
-	}
-	if (file.bad()) {
-		return EIO;
+	const int error =
+	    ReadSettingsLines(path, "tarnsdk", [&](const Directive& directive) { return Take(directive, config); });
+	if (error != 0 && error != ENOENT && error != ENOTDIR) {
+		return error;
 	}
 	if (config.patterns.empty()) {
 		config.patterns.emplace_back(kDefaultPattern);

@@ -1,4 +1,4 @@
-#include "dataupdate/internal/patch_conflicts.h"
+#include "dataupdate/internal/patch_description.h"
 #include "library_test.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
 #include "base/unique_fd.h"
 #include "platform/tarncore/download.h"
-#include "platform/tarncore/download_guard.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
 

@@ -1,6 +1,6 @@
 #include "dataupdate/file_lock.h"
 #include "host/library/failure.h"
-#include "host/own_umask.h"
+#include "host/library/process.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"

@@ -1,6 +1,6 @@
 #include "codesign_archives.h"
 
-#include "archive/sealer.h"
+#include "archive/writer.h"
 
 #include <zstd.h>
 

@@ -1,6 +1,6 @@
-/** @file Ending on Ctrl-C and on a service manager's request without leaving anything behind. */
-#ifndef HOST_LIBRARY_INTERRUPTION_WATCH_H
-#define HOST_LIBRARY_INTERRUPTION_WATCH_H
+/** @file This process: its mask of file modes, and the signals that ask it to end. */
+#ifndef HOST_LIBRARY_PROCESS_H
+#define HOST_LIBRARY_PROCESS_H
 
 #include "base/unique_fd.h"
 #include "dataupdate/interruption.h"
@@ -12,6 +12,16 @@
 #include <thread>
 
 namespace tarn::ctl {
+
+/**
+ * Sets the mask to 022 for this program, for the library in it and for what these start: the downloader, the decoder
+ * and hooks. A caller's mask of 000 would make records that all may write, and one of 077 would shut readers out. To be
+ * called once, first of all.
+ */
+void SetOwnUmask();
+
+/** What the mask was before SetOwnUmask(), for commands that run in the caller's name; the present one before that. */
+mode_t CallersUmask();
 
 /**
  * Turns SIGINT, SIGTERM and SIGHUP (those that are not ignored) into a request to the library, and ends the programs

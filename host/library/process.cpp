@@ -1,21 +1,26 @@
-#include "host/library/interruption_watch.h"
+#include "host/library/process.h"
 
 #include "dataupdate/progress.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <system_error>
 
 namespace tarn::ctl {
 
 namespace {
+
+constexpr mode_t kOwn = 022;
+std::optional<mode_t> callers;
 
 constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
 // A helper may be started in the moment after the request, so they are looked for again and again.
@@ -59,6 +64,20 @@ void EndHelpers() {
 }
 
 } // namespace
+
+void SetOwnUmask() {
+	callers = umask(kOwn);
+}
+
+mode_t CallersUmask() {
+	if (callers) {
+		return *callers;
+	}
+	// The mask can only be read by setting it.
+	const mode_t present = umask(kOwn);
+	umask(present);
+	return present;
+}
 
 InterruptionWatch::InterruptionWatch() : watched_(WatchedSignals()) {
 	pthread_sigmask(SIG_BLOCK, &watched_, &previous_);
