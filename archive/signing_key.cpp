@@ -3,7 +3,6 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
-#include "base/whole_file.h"
 
 #include <openssl/err.h>
 #include <openssl/pem.h>

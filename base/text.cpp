@@ -76,6 +76,10 @@ std::string HumanSize(std::uint64_t bytes) {
 	return buffer.data();
 }
 
+std::string WithoutEnd(std::string text, const char* end) {
+	return text.erase(text.find_last_not_of(end) + 1);
+}
+
 bool StartsWith(std::string_view text, std::string_view prefix) {
 	return text.substr(0, prefix.size()) == prefix;
 }

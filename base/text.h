@@ -27,6 +27,9 @@ std::string PlainAscii(std::string_view text, std::size_t most_characters);
 /** "999 B", "12.3 MB": decimal units, as disks are sold and networks are rated. */
 std::string HumanSize(std::uint64_t bytes);
 
+/** A text without any of the characters at its end, such as a sentence that is to be continued. */
+std::string WithoutEnd(std::string text, const char* end = ".");
+
 bool StartsWith(std::string_view text, std::string_view prefix);
 bool EndsWith(std::string_view text, std::string_view suffix);
 

@@ -22,13 +22,12 @@ constexpr char kLogSource[] = "file_lock.cpp";
 constexpr useconds_t kPollMicroseconds = 100000;
 
 // Keeps "wait for ever", written as the largest number, within what the clock can count.
-constexpr unsigned long kLongestWaitSeconds = 100UL * 365 * 24 * 3600;
 
 } // namespace
 
 LockWait::LockWait(unsigned long timeout_seconds)
     : now_(std::chrono::steady_clock::now()),
-      deadline_(now_ + std::chrono::seconds(std::min(timeout_seconds, kLongestWaitSeconds))) {}
+      deadline_(now_ + std::chrono::seconds(std::min(timeout_seconds, kLongestWait))) {}
 
 bool LockWait::Lock(int fd, int operation) {
 	while (flock(fd, operation | LOCK_NB) != 0) {

@@ -11,6 +11,9 @@ namespace tarn::dataupdate {
 /** Seconds that the library waits for every lock of its own. */
 constexpr unsigned long kLockTimeout = 600;
 
+/** A longer wait counts as this one, a hundred years, so that no sum of it and a clock overflows. */
+constexpr unsigned long kLongestWait = 100UL * 365 * 24 * 3600;
+
 /**
  * An exclusive advisory lock (flock) on a file, held from construction to destruction.
  *

@@ -1,6 +1,6 @@
 #include "dataupdate/installation.h"
 
-#include "base/whole_file.h"
+#include "base/file_io.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"

@@ -2,8 +2,8 @@
 #ifndef DECODER_FILES_H
 #define DECODER_FILES_H
 
+#include "base/file_io.h"
 #include "base/unique_fd.h"
-#include "base/whole_file.h"
 #include "decoder/bytes.h"
 
 #include <sys/types.h>

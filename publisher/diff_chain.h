@@ -3,8 +3,8 @@
 #define PUBLISHER_DIFF_CHAIN_H
 
 #include "publisher/diff_package.h"
+#include "publisher/files.h"
 #include "publisher/package.h"
-#include "publisher/replacing_file.h"
 #include "publisher/repository.h"
 
 #include <json/json.h>

@@ -6,10 +6,10 @@
 #include "publisher/device.h"
 #include "publisher/diff_chain.h"
 #include "publisher/file_encoder.h"
+#include "publisher/files.h"
 #include "publisher/parallel.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
-#include "publisher/replacing_file.h"
 #include "publisher/sqlite_content.h"
 
 #include <algorithm>

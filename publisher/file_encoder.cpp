@@ -4,7 +4,7 @@
 #include "base/text.h"
 #include "decoder/content_hash.h"
 #include "decoder/decode.h"
-#include "publisher/input_file.h"
+#include "publisher/files.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
 #include "publisher/script_encoder.h"

@@ -3,8 +3,7 @@
 #include "base/text.h"
 #include "publisher/checks.h"
 #include "publisher/diff_maker.h"
-#include "publisher/input_file.h"
-#include "publisher/replacing_file.h"
+#include "publisher/files.h"
 #include "publisher/repository.h"
 
 #include <algorithm>

@@ -19,11 +19,6 @@ public:
 	using PublishError::PublishError;
 };
 
-/** A text without the same character at its end, such as a sentence that is to be continued. */
-inline std::string WithoutEnd(std::string text, char end = '.') {
-	return text.erase(text.find_last_not_of(end) + 1);
-}
-
 } // namespace tarn::publisher
 
 #endif

@@ -2,8 +2,8 @@
 
 #include "base/file_io.h"
 #include "base/text.h"
+#include "publisher/files.h"
 #include "publisher/publish_error.h"
-#include "publisher/replacing_file.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -86,7 +86,7 @@ void WriteReplacing(const std::string& path, const std::string& text) {
 } // namespace
 
 std::string LinkTo(const std::string& url, const std::string& name) {
-	return WithoutEnd(url, '/') + "/" + name;
+	return WithoutEnd(url, "/") + "/" + name;
 }
 
 Repository::Repository(std::string directory, const std::function<void()>& waiting) : directory_(std::move(directory)) {

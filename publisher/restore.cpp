@@ -1,5 +1,6 @@
 #include "publisher/restore.h"
 
+#include "base/text.h"
 #include "publisher/checks.h"
 #include "publisher/diff_package.h"
 #include "publisher/package.h"

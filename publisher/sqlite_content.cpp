@@ -1,7 +1,7 @@
 #include "publisher/sqlite_content.h"
 
 #include "base/text.h"
-#include "publisher/input_file.h"
+#include "publisher/files.h"
 #include "publisher/publish_error.h"
 #include "publisher/virtual_tables.h"
 

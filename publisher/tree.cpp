@@ -4,7 +4,7 @@
 #include "archive/member_path.h"
 #include "base/text.h"
 #include "publisher/device.h"
-#include "publisher/input_file.h"
+#include "publisher/files.h"
 #include "publisher/publish_error.h"
 
 #include <boost/locale/utf.hpp>

@@ -1,8 +1,8 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/operation.h"
+#include "host/library/preparation.h"
 #include "host/library/record_keeper.h"
-#include "host/library/safe_places.h"
 
 #include <CLI/CLI.hpp>
 

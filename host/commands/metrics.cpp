@@ -1,4 +1,4 @@
-#include "base/whole_file.h"
+#include "base/file_io.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"

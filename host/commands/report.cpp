@@ -1,6 +1,6 @@
 #include "host/commands/report.h"
 
-#include "host/library/safe_places.h"
+#include "host/library/preparation.h"
 #include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>

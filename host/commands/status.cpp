@@ -3,8 +3,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/installed_package.h"
-#include "host/library/safe_places.h"
-#include "host/terminal/status_report.h"
+#include "host/library/preparation.h"
 #include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>

@@ -2,7 +2,7 @@
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/library/safe_places.h"
+#include "host/library/preparation.h"
 
 #include <tarnsdk/volume.h>
 

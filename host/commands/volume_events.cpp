@@ -5,7 +5,7 @@
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/library/safe_places.h"
+#include "host/library/preparation.h"
 #include "host/library/volume_content.h"
 #include "host/library/volume_move.h"
 
@@ -50,7 +50,7 @@ class StandStill {
 public:
 	StandStill(const Services& services, unsigned long timeout_seconds)
 	    : paths_{dataupdate::kUpdateAnyLock},
-	      deadline_(Clock::now() + std::chrono::seconds(std::min(timeout_seconds, kLongestWaitSeconds))) {
+	      deadline_(Clock::now() + std::chrono::seconds(std::min(timeout_seconds, dataupdate::kLongestWait))) {
 		for (const std::string& id : services.config->GetDatabaseIDs()) {
 			paths_.push_back(dataupdate::UsingLockPath(id));
 		}
@@ -60,7 +60,6 @@ public:
 
 private:
 	using Clock = std::chrono::steady_clock;
-	static constexpr unsigned long kLongestWaitSeconds = 100UL * 365 * 24 * 3600;
 
 	unsigned long SecondsLeft() const {
 		const auto left = std::chrono::ceil<std::chrono::seconds>(deadline_ - Clock::now()).count();

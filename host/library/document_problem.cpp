@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <functional>
 #include <vector>
 
 namespace tarn::ctl {
@@ -56,18 +55,8 @@ bool IsVersion(const std::string& text) {
 struct Field {
 	const char* name;
 	const char* wanted;
-	std::function<bool(const Json::Value&)> fits;
+	bool (Json::Value::*fits)() const;
 };
-
-bool IsString(const Json::Value& value) {
-	return value.isString();
-}
-bool IsInteger(const Json::Value& value) {
-	return value.isInt();
-}
-bool IsBool(const Json::Value& value) {
-	return value.isBool();
-}
 
 /** The first member of the record that is not as it must be; empty when all are. */
 std::string DescribeFields(const Json::Value& record, const std::string& name, const std::vector<Field>& fields) {
@@ -76,7 +65,7 @@ std::string DescribeFields(const Json::Value& record, const std::string& name, c
 	}
 	for (const Field& field : fields) {
 		const Json::Value& value = record[field.name];
-		if (!field.fits(value)) {
+		if (!(value.*field.fits)()) {
 			std::string problem = Quote(field.name) + " of " + name + " is ";
 			problem += value.isIntegral() ? value.asString() : TypeOf(value);
 			return problem + ", not " + field.wanted;
@@ -87,7 +76,7 @@ std::string DescribeFields(const Json::Value& record, const std::string& name, c
 
 std::string DescribeDiff(const Json::Value& diffs, const std::string& id) {
 	static const std::vector<Field> kFields = {
-	    {"download_link", "a string", IsString}, {"file_size", "a 32-bit integer", IsInteger}};
+	    {"download_link", "a string", &Json::Value::isString}, {"file_size", "a 32-bit integer", &Json::Value::isInt}};
 	if (diffs.isArray() && !diffs.empty()) {
 		return "\"diff_files\" of " + id + " is an array, not an object";
 	}
@@ -108,9 +97,9 @@ std::string DescribeDiff(const Json::Value& diffs, const std::string& id) {
 }
 
 std::string DescribeEntry(Json::Value entry, const Json::Value& deprecated, const std::string& id) {
-	static const std::vector<Field> kFields = {{"data_version", "a string of digits", IsString},
-	    {"last_fetch_time", "a 32-bit integer", IsInteger}, {"deprecated", "true or false", IsBool},
-	    {"download_link", "a string", IsString}};
+	static const std::vector<Field> kFields = {{"data_version", "a string of digits", &Json::Value::isString},
+	    {"last_fetch_time", "a 32-bit integer", &Json::Value::isInt},
+	    {"deprecated", "true or false", &Json::Value::isBool}, {"download_link", "a string", &Json::Value::isString}};
 	if (entry.isObject() && !entry.isMember("deprecated")) {
 		entry["deprecated"] = deprecated;
 	}

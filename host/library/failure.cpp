@@ -158,13 +158,6 @@ std::string WithEnd(const std::string& sentence) {
 	return sentence.empty() || sentence.back() == '.' ? sentence : sentence + '.';
 }
 
-std::string WithoutEnd(std::string text) {
-	while (!text.empty() && (text.back() == '.' || text.back() == ' ')) {
-		text.pop_back();
-	}
-	return text;
-}
-
 /** How far "Fail on project 'geo': " reaches at the message's beginning; 0 without it. */
 std::size_t WrapperLength(const std::string& message) {
 	const std::size_t end = message.find(messages::kOnProjectEnd, std::strlen(messages::kOnProject));
@@ -238,8 +231,8 @@ Failure ExplainMessage(const std::string& message, int platform_error) {
 	}
 	const std::string hint =
 	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error});
-	return {
-	    rule->category, rule->code, subject + WithEnd(PlainAscii(WithoutEnd(inner), kLongestMessage) + "; " + hint)};
+	return {rule->category, rule->code,
+	    subject + WithEnd(PlainAscii(WithoutEnd(inner, ". "), kLongestMessage) + "; " + hint)};
 }
 
 Failure ExplainException(const dataupdate::IOUtils& io) {

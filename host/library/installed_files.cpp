@@ -1,7 +1,7 @@
 #include "host/library/installed_files.h"
 
+#include "base/file_io.h"
 #include "base/text.h"
-#include "base/whole_file.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/utils.h"
@@ -107,24 +107,29 @@ bool InstalledFile::operator==(const InstalledFile& other) const {
 	return sha384_digest == other.sha384_digest && size == other.size && link_target == other.link_target;
 }
 
+Json::Value ReadJsonRecord(const std::string& path) {
+	std::ifstream file(path);
+	Json::Value record;
+	try {
+		return file && Json::parseFromStream(Json::CharReaderBuilder(), file, &record, nullptr) ? record
+		                                                                                        : Json::Value();
+	} catch (const Json::Exception&) {
+		return {}; // Nested too deeply.
+	}
+}
+
 std::string InstalledFilesPath(const std::string& id) {
 	return dataupdate::StatePath(id, "installed_files.json");
 }
 
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {
-	std::ifstream file(InstalledFilesPath(id));
-	const Json::CharReaderBuilder reader;
-	Json::Value object;
 	try {
-		if (file && Json::parseFromStream(reader, file, &object, nullptr)) {
-			return Decode(object);
-		}
+		return Decode(ReadJsonRecord(InstalledFilesPath(id)));
 	} catch (const Json::Exception&) {
 		return std::nullopt; // Something else stands where a member should be.
 	} catch (const std::logic_error&) {
 		return std::nullopt; // The version is no number, or there are no files.
 	}
-	return std::nullopt;
 }
 
 bool SeemsCurrent(const std::string& id, int version) {

@@ -4,6 +4,8 @@
 
 #include "dataupdate/records.h"
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -30,6 +32,9 @@ struct InstalledFiles {
 	bool is_from_disk = false;
 	std::map<std::string, InstalledFile> files;
 };
+
+/** A record of the host's, whatever it holds; null when there is none, or none that can be read as JSON. */
+[[nodiscard]] Json::Value ReadJsonRecord(const std::string& path);
 
 std::string InstalledFilesPath(const std::string& id);
 

@@ -1,8 +1,9 @@
 #include "host/library/installed_package.h"
 
-#include "base/whole_file.h"
+#include "base/file_io.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
+#include "host/library/installed_files.h"
 
 #include <tarncodesign/tarncodesign.h>
 
@@ -16,7 +17,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <memory>
 
 namespace tarn::ctl {
@@ -126,14 +126,9 @@ void RecordInstalledPackage(const std::string& id, const OpenedPackage& package)
 }
 
 std::optional<std::int64_t> PublicationTime(const std::string& id, int installed_version) {
-	std::ifstream file(InstalledPackagePath(id));
-	Json::Value object;
-	try {
-		if (!file || !Json::parseFromStream(Json::CharReaderBuilder(), file, &object, nullptr) || !object.isObject()) {
-			return std::nullopt;
-		}
-	} catch (const Json::Exception&) {
-		return std::nullopt; // nested too deeply
+	const Json::Value object = ReadJsonRecord(InstalledPackagePath(id));
+	if (!object.isObject()) {
+		return std::nullopt;
 	}
 	const bool is_of_it = object["data_version"].isInt() && object["data_version"].asInt() == installed_version;
 	if (!is_of_it || !object["published"].isInt64()) {

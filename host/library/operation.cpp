@@ -2,7 +2,7 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
-#include "host/library/safe_places.h"
+#include "host/library/preparation.h"
 
 #include <syslog.h>
 

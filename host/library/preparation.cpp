@@ -6,6 +6,8 @@
 #include "dataupdate/update_error.h"
 #include "host/library/failure.h"
 
+#include <tarnsdk/volume.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,8 +17,8 @@
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace tarn::ctl {
@@ -83,26 +85,14 @@ std::vector<std::string> Ids(const Services& services) {
 
 struct Kind {
 	const char* name;
-	bool (*is)(const Json::Value& value);
+	bool (Json::Value::*is)() const;
 };
 
 using Kinds = std::map<std::string, Kind>;
 
-bool IsString(const Json::Value& value) {
-	return value.isString();
-}
-
-bool IsBoolean(const Json::Value& value) {
-	return value.isBool();
-}
-
-bool IsNumber(const Json::Value& value) {
-	return value.isUInt();
-}
-
-constexpr Kind kString = {"a string in quotation marks", IsString};
-constexpr Kind kBoolean = {"true or false, without quotation marks", IsBoolean};
-constexpr Kind kNumber = {"a whole number from 0 to 4294967295", IsNumber};
+constexpr Kind kString = {"a string in quotation marks", &Json::Value::isString};
+constexpr Kind kBoolean = {"true or false, without quotation marks", &Json::Value::isBool};
+constexpr Kind kNumber = {"a whole number from 0 to 4294967295", &Json::Value::isUInt};
 
 [[noreturn]] void RefuseSettings(const std::string& path, const std::string& reason) {
 	throw CommandError(
@@ -123,7 +113,7 @@ std::optional<Json::Value> Decode(const dataupdate::IOUtils& io, const std::stri
 
 void RequireKind(const std::string& path, const std::string& section, const std::string& key, const Kind& kind,
     const Json::Value& value) {
-	if (!value.isNull() && !kind.is(value)) {
+	if (!value.isNull() && !(value.*kind.is)()) {
 		RefuseSettings(path, "'" + key + "' of '" + section + "' must be " + kind.name);
 	}
 }
@@ -151,6 +141,15 @@ void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const
 	}
 }
 
+void Require(const std::optional<UnsafePlace>& unsafe) {
+	if (unsafe) {
+		throw CommandError(
+		    kFailed, unsafe->path + " " + unsafe->reason +
+		                 ", so nothing was changed: others could have files installed that nobody signed; "
+		                 "it must be a directory of root that nobody else can write");
+	}
+}
+
 } // namespace
 
 void PrepareLockFiles(const Services& services) {
@@ -172,6 +171,57 @@ void RequireUsableSettings(const dataupdate::IOUtils& io) {
 	RequireUsable(io, dataupdate::kDatabaseOverride,
 	    {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
 	        {"min_rsv_space_inbytes", kNumber}});
+}
+
+std::string VolumeProblem(const std::string& volume) {
+	const std::optional<UnsafePlace> unsafe = FindUnsafePlaceOnVolume(volume);
+	return unsafe ? unsafe->path + " " + unsafe->reason : "";
+}
+
+void RequireSafeVolume(const std::string& volume) {
+	Require(FindUnsafePlaceOnVolume(volume));
+}
+
+void RequireSafePlaces(const Services& services, const std::string& id) {
+	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
+		RequireSafeVolume(volume);
+	}
+	Require(FindUnsafePlace(services.config->GetDatabaseConfig(id)->GetInstallPrefix()));
+}
+
+void RequireVolume(const Services& services) {
+	if (services.config->GetCurVolume().empty()) {
+		throw CommandError(
+		    kFailed, "There is no storage volume, so nothing was changed; mount one and run \"tarndbudctl init\"");
+	}
+	RequireNoLostVolume(services);
+}
+
+void RequireVolumeFor(const Services& services, const std::string& id) {
+	RequireVolume(services);
+	RequireSafePlaces(services, id);
+}
+
+void RequireNoLostVolume(const Services& services) {
+	const std::string volume = services.config->GetCurVolume();
+	if (!volume.empty() && !services.is_available(volume)) {
+		throw CommandError(kFailed, "The volume " + volume +
+		                                " is in use, but is not available, so nothing was changed; mount it, or list "
+		                                "it in /usr/tarn/etc/volumes.conf");
+	}
+}
+
+std::string UnsafeVolumes(const std::string& exclude) {
+	const std::unique_ptr<TARNMountVolInfo, decltype(&TARNMountVolInfoFree)> list(
+	    TARNMountVolAllEnum(0, 1, 0), &TARNMountVolInfoFree);
+	std::string problems;
+	for (const TARNMountVolInfo* record = list.get(); record != nullptr; record = record->next) {
+		if (const std::string problem = VolumeProblem(record->mount_path);
+		    !problem.empty() && record->mount_path != exclude) {
+			problems += (problems.empty() ? "" : ", ") + problem;
+		}
+	}
+	return problems;
 }
 
 } // namespace tarn::ctl

@@ -1,9 +1,11 @@
-/** @file What must be in order before anything is done: the lock files and the administrator's settings. */
+/** @file What must be in order before anything is done: the lock files, the settings, and where data lies. */
 #ifndef HOST_LIBRARY_PREPARATION_H
 #define HOST_LIBRARY_PREPARATION_H
 
 #include "dataupdate/utils.h"
 #include "host/library/services.h"
+
+#include <string>
 
 namespace tarn::ctl {
 
@@ -23,6 +25,38 @@ void PrepareLockFiles(const Services& services);
  * setting to be written would replace the file.
  */
 void RequireUsableSettings(const dataupdate::IOUtils& io);
+
+/** What is wrong with a volume, as a sentence without its end: the place, and why it is not safe. Empty when it is
+ * safe. */
+std::string VolumeProblem(const std::string& volume);
+
+/** Throws CommandError when a volume is not safe. */
+void RequireSafeVolume(const std::string& volume);
+
+/**
+ * Throws CommandError when the volume in use or a database's directory is not safe. Databases on the root file system
+ * need the volume as well: their packages are unpacked on it. To be called under the locks, right before files change:
+ * what is safe then stays safe, because only root could change it.
+ */
+void RequireSafePlaces(const Services& services, const std::string& id);
+
+/** Throws the failure of having no volume when there is none. */
+void RequireVolume(const Services& services);
+/** Throws as well when others could change what is written for a database. */
+void RequireVolumeFor(const Services& services, const std::string& id);
+/**
+ * Throws when the volume in use went away without notice: what would be installed then lay on the file system below its
+ * mount point, and would be hidden when it comes back.
+ */
+void RequireNoLostVolume(const Services& services);
+
+/**
+ * What is wrong with each mounted volume that is not safe, one after the other, for whoever was told that no volume is
+ * suitable; empty when all are safe.
+ *
+ * @param exclude  a volume that does not matter
+ */
+std::string UnsafeVolumes(const std::string& exclude);
 
 } // namespace tarn::ctl
 

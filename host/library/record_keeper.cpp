@@ -1,6 +1,6 @@
 #include "host/library/record_keeper.h"
 
-#include "base/whole_file.h"
+#include "base/file_io.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
@@ -8,7 +8,6 @@
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <syslog.h>
@@ -17,7 +16,6 @@
 #include <ctime>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <vector>
 
 namespace tarn::ctl {
@@ -78,10 +76,8 @@ ExitCode RunRecorded(
 }
 
 std::optional<RunRecord> ReadRunRecord(const std::string& id) {
-	std::ifstream file(RunRecordPath(id));
-	Json::Value object;
-	Json::CharReaderBuilder reader;
-	if (!file || !Json::parseFromStream(reader, file, &object, nullptr)) {
+	const Json::Value object = ReadJsonRecord(RunRecordPath(id));
+	if (!object.isObject()) {
 		return std::nullopt;
 	}
 	try {

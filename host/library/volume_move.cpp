@@ -5,7 +5,7 @@
 #include "dataupdate/utils.h"
 #include "dataupdate/volume_handler.h"
 #include "host/library/failure.h"
-#include "host/library/safe_places.h"
+#include "host/library/preparation.h"
 #include "host/library/volume_content.h"
 
 #include <syslog.h>

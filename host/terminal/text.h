@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,6 +43,39 @@ private:
 	};
 	std::vector<Family> families_;
 };
+
+/** One database; what is unknown or absent has no value. */
+struct StatusRow {
+	std::string id;
+	std::optional<int> installed_version;
+	std::optional<int> remote_version;
+	std::string remote_error;              ///< Why there is no remote version.
+	std::optional<std::int64_t> published; ///< When the installed data was published, in seconds since 1970.
+	bool scheduled = false;
+	bool updating = false;
+	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed anew.
+	std::optional<std::string> install_dir;
+	std::optional<std::string> volume;
+	std::string volume_problem; ///< Why the volume is not safe to write to; nothing is updated meanwhile.
+};
+
+/**
+ * Whether the installed version is the server's; no value when the server's is unknown. What is unfinished never is.
+ */
+std::optional<bool> IsUpToDate(const StatusRow& row);
+
+/**
+ * Whether a later version is installed than the server offers, which no update changes: the publisher took a version
+ * back, or who answers is not the publisher's server. No value when the server's is unknown. What is unfinished never
+ * is, because it is installed anew.
+ */
+std::optional<bool> IsAboveOffered(const StatusRow& row);
+
+/** @param now  when the ages are told, in seconds since 1970 */
+std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t now);
+
+/** An array with an object for each database; no value is null, and an error is there only when there is one. */
+Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now);
 
 } // namespace tarn::ctl
 

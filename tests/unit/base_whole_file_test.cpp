@@ -1,5 +1,5 @@
 #include "base/error.h"
-#include "base/whole_file.h"
+#include "base/file_io.h"
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>

@@ -4,7 +4,6 @@
 #include "host/library/preparation.h"
 #include "host/library/process.h"
 #include "host/library/reader_lock.h"
-#include "host/library/safe_places.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"

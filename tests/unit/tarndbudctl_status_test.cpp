@@ -1,6 +1,6 @@
 #include "expect_error.h"
 #include "host/library/installed_package.h"
-#include "host/terminal/status_report.h"
+#include "host/terminal/text.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"

@@ -2,9 +2,9 @@
 #include "decoder/decode.h"
 #include "diff_fixture.h"
 #include "publisher/file_encoder.h"
+#include "publisher/files.h"
 #include "publisher/parallel.h"
 #include "publisher/program.h"
-#include "publisher/replacing_file.h"
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
 
