@@ -1,6 +1,6 @@
 #include "archive/extractor.h"
 
-#include "archive/beneath_writer.h"
+#include "archive/members.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"

@@ -87,11 +87,12 @@ PublicKey ReadGuardedKey(int directory_fd, const std::string& name) {
 	return PublicKey::FromPem(ReadSmallFile(fd.Get(), kMaxKeyFileSize, "the file"));
 }
 
-} // namespace
-
+/** Reads a key from PEM text by one of OpenSSL's readers; null when it holds none. Never asks for a passphrase. */
 KeyHandle ReadPublicPem(std::string_view pem) {
 	return ReadPem(pem, PEM_read_bio_PUBKEY);
 }
+
+} // namespace
 
 KeyHandle ReadPrivatePem(std::string_view pem) {
 	return ReadPem(pem, PEM_read_bio_PrivateKey);

@@ -41,8 +41,6 @@ private:
 	KeyHandle key_;
 };
 
-/** Reads a key from PEM text by one of OpenSSL's readers; null when it holds none. Never asks for a passphrase. */
-[[nodiscard]] KeyHandle ReadPublicPem(std::string_view pem);
 [[nodiscard]] KeyHandle ReadPrivatePem(std::string_view pem);
 
 /** Throws Error unless the handle holds an Ed25519 key. */

@@ -11,6 +11,14 @@ namespace tarn::archive {
 
 namespace {
 
+/** What a data-update package says about itself in its signed metadata. */
+struct PackageIdentity {
+	std::string id;
+	bool is_diff = false;
+	int data_version = 0;
+	int base_version = 0; // of a diff package: the version that it starts from
+};
+
 // What a package says about itself is flat, or nearly so.
 constexpr int kMostLevels = 32;
 // No file's name is longer, so a longer id fits none and needs no more room in a log.
@@ -87,17 +95,12 @@ bool HasName(const PackageIdentity& package, const std::string& file_name) {
 	return file_name == package.id + "_v" + version || file_name == package.id + "_debug";
 }
 
-PackageIdentity ReadIdentityOf(std::string_view metadata, const std::string& file_name) {
-	try {
-		return ReadPackageIdentity(metadata);
-	} catch (const Error& error) {
-		throw NotAskedFor(
-		    DescribeName(file_name) + " is asked for, and this package does not tell what it is: " + error.what());
-	}
-}
-
-} // namespace
-
+/**
+ * Reads a package's identity, as docs/formats.md describes it.
+ *
+ * @param metadata  the archive's metadata; its signature has been checked
+ * @throws Error saying what is wrong in it
+ */
 PackageIdentity ReadPackageIdentity(std::string_view metadata) {
 	const Json::Value value = ParseObject(metadata);
 	PackageIdentity package;
@@ -116,6 +119,17 @@ PackageIdentity ReadPackageIdentity(std::string_view metadata) {
 	    "its \"published\" is no number of seconds since 1970");
 	return package;
 }
+
+PackageIdentity ReadIdentityOf(std::string_view metadata, const std::string& file_name) {
+	try {
+		return ReadPackageIdentity(metadata);
+	} catch (const Error& error) {
+		throw NotAskedFor(
+		    DescribeName(file_name) + " is asked for, and this package does not tell what it is: " + error.what());
+	}
+}
+
+} // namespace
 
 void RequireAskedFor(std::string_view metadata, const std::string& file_name) {
 	const PackageIdentity package = ReadIdentityOf(metadata, file_name);

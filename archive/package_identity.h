@@ -15,22 +15,6 @@ public:
 	using Error::Error;
 };
 
-/** What a data-update package says about itself in its signed metadata. */
-struct PackageIdentity {
-	std::string id;
-	bool is_diff = false;
-	int data_version = 0;
-	int base_version = 0; // of a diff package: the version that it starts from
-};
-
-/**
- * Reads a package's identity, as docs/formats.md describes it.
- *
- * @param metadata  the archive's metadata; its signature has been checked
- * @throws Error saying what is wrong in it
- */
-[[nodiscard]] PackageIdentity ReadPackageIdentity(std::string_view metadata);
-
 /**
  * Compares a package with the name that its file was given by whoever asked for it: "<id>_v<version>" for a full
  * package, "<id>_d<version>" for the diff package that leads to the version from the one before it, and "<id>_debug"

@@ -23,7 +23,7 @@ using TakeDirective = std::function<const char*(const Directive& directive)>;
  * @param program  begins the lines in syslog
  * @return 0, or an errno value when the file cannot be opened or read to its end
  */
-int ReadSettingsLines(const std::string& path, const char* program, const TakeDirective& take);
+[[nodiscard]] int ReadSettingsLines(const std::string& path, const char* program, const TakeDirective& take);
 
 } // namespace tarn
 

@@ -21,8 +21,6 @@ namespace {
 constexpr char kLogSource[] = "file_lock.cpp";
 constexpr useconds_t kPollMicroseconds = 100000;
 
-// Keeps "wait for ever", written as the largest number, within what the clock can count.
-
 } // namespace
 
 LockWait::LockWait(unsigned long timeout_seconds)

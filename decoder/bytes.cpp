@@ -1,7 +1,14 @@
 #include "decoder/bytes.h"
 
+#include "base/text.h"
+
 #include <algorithm>
+#include <new>
 #include <utility>
+
+#if defined(__x86_64__)
+#include <xxh_x86dispatch.h> // The widest instructions that the processor has; else it is those that all have.
+#endif
 
 namespace tarn::decoder {
 
@@ -17,6 +24,25 @@ void MemoryBytes::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) con
 
 void MemoryBytes::Append(const Byte* from, std::size_t length) {
 	content_.insert(content_.end(), from, from + length);
+}
+
+ContentHash::ContentHash() : state_(XXH3_createState()) {
+	if (!state_ || XXH3_128bits_reset(state_.get()) != XXH_OK) {
+		throw std::bad_alloc();
+	}
+}
+
+void ContentHash::Update(const Byte* from, std::size_t length) {
+	// It fails for a null pointer only, which may come with no bytes at all.
+	if (length > 0) {
+		XXH3_128bits_update(state_.get(), from, length);
+	}
+}
+
+std::string ContentHash::Hex() const {
+	XXH128_canonical_t canonical;
+	XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state_.get()));
+	return tarn::Hex(canonical.digest, sizeof canonical.digest);
 }
 
 } // namespace tarn::decoder

@@ -1,9 +1,12 @@
-/** @file Where the decoder reads and writes: files in the program, memory in its code tables and in tests. */
+/** @file Where the decoder reads and writes: files in the program, memory in tests; and the hash of what it makes. */
 #ifndef DECODER_BYTES_H
 #define DECODER_BYTES_H
 
+#include <xxhash.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -54,6 +57,23 @@ public:
 private:
 	std::string name_;
 	std::vector<Byte> content_;
+};
+
+/** XXH3-128 over bytes that come piece by piece. */
+class ContentHash {
+public:
+	ContentHash();
+
+	void Update(const Byte* from, std::size_t length);
+	/** 32 lower-case hexadecimal digits, most significant first. */
+	std::string Hex() const;
+
+private:
+	struct FreeState {
+		void operator()(XXH3_state_t* state) const { XXH3_freeState(state); }
+	};
+
+	std::unique_ptr<XXH3_state_t, FreeState> state_;
 };
 
 } // namespace tarn::decoder

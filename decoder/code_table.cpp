@@ -68,24 +68,17 @@ void PutPairs(TableFiller& filler) {
 /** Visits the string's six parts: which field of an entry each one holds. */
 template<typename Table, typename Visit>
 void ForEachField(Table& table, Visit visit) {
-	for (auto& entry : table.entries) {
-		visit(entry.first.type);
-	}
-	for (auto& entry : table.entries) {
-		visit(entry.second.type);
-	}
-	for (auto& entry : table.entries) {
-		visit(entry.first.size);
-	}
-	for (auto& entry : table.entries) {
-		visit(entry.second.size);
-	}
-	for (auto& entry : table.entries) {
-		visit(entry.first.mode);
-	}
-	for (auto& entry : table.entries) {
-		visit(entry.second.mode);
-	}
+	const auto visit_all = [&](const auto& field_of) {
+		for (auto& entry : table.entries) {
+			visit(field_of(entry));
+		}
+	};
+	visit_all([](auto& entry) -> auto& { return entry.first.type; });
+	visit_all([](auto& entry) -> auto& { return entry.second.type; });
+	visit_all([](auto& entry) -> auto& { return entry.first.size; });
+	visit_all([](auto& entry) -> auto& { return entry.second.size; });
+	visit_all([](auto& entry) -> auto& { return entry.first.mode; });
+	visit_all([](auto& entry) -> auto& { return entry.second.mode; });
 }
 
 /** Takes one byte of the string after the other for the fields of a table. */

@@ -75,7 +75,8 @@ CodeTable DefaultCodeTable();
 std::vector<Byte> CodeTableString(const CodeTable& table);
 
 /** The inverse. Throws DecodeError, whose text begins with `where`, when no instruction can be what the string says. */
-CodeTable CodeTableFromString(const std::vector<Byte>& string, CacheSizes caches, const std::string& where);
+[[nodiscard]] CodeTable CodeTableFromString(
+    const std::vector<Byte>& string, CacheSizes caches, const std::string& where);
 
 } // namespace tarn::decoder
 

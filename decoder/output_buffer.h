@@ -3,7 +3,6 @@
 #define DECODER_OUTPUT_BUFFER_H
 
 #include "decoder/bytes.h"
-#include "decoder/content_hash.h"
 #include "decoder/readers.h"
 
 #include <algorithm>

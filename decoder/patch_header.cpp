@@ -1,7 +1,7 @@
 #include "decoder/patch_header.h"
 
 #include "base/text.h"
-#include "decoder/content_hash.h"
+#include "decoder/bytes.h"
 #include "decoder/files.h"
 
 #include <algorithm>
@@ -14,6 +14,8 @@ namespace tarn::decoder {
 
 namespace {
 
+/** Well above the length of the longest one that is ours. */
+constexpr std::size_t kLongestApplicationHeader = 128;
 constexpr std::string_view kPromiseMagic = "TARNVCD1";
 constexpr std::size_t kHashDigits = 32;
 
@@ -94,6 +96,11 @@ PatchHeader::CustomTable ReadCustomTable(SectionReader& reader, std::uint64_t pa
 	return table;
 }
 
+/** Whether a text is meant to be ours, well formed or not. */
+bool IsOurApplicationHeader(const std::string& text) {
+	return StartsWith(text, kPromiseMagic);
+}
+
 std::optional<Promise> ReadApplicationHeader(SectionReader& reader, std::uint64_t patch_end) {
 	const std::uint64_t end = ReadPartEnd(reader, "an application header");
 	const std::uint64_t length = end - reader.Position();
@@ -116,12 +123,8 @@ std::optional<Promise> ReadApplicationHeader(SectionReader& reader, std::uint64_
 } // namespace
 
 std::string FormatApplicationHeader(const Promise& promise) {
-	return std::string(kPromiseMagic) + " " + std::to_string(promise.source_size) + " " + std::to_string(promise.target_size) +
-	       " " + promise.target_hash;
-}
-
-bool IsOurApplicationHeader(const std::string& text) {
-	return StartsWith(text, kPromiseMagic);
+	return std::string(kPromiseMagic) + " " + std::to_string(promise.source_size) + " " +
+	       std::to_string(promise.target_size) + " " + promise.target_hash;
 }
 
 std::optional<Promise> ParseApplicationHeader(const std::string& text) {

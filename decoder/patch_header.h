@@ -18,17 +18,11 @@ struct Promise {
 	std::string target_hash; ///< XXH3-128, 32 lower-case hexadecimal digits
 };
 
-/** Well above the length of the longest one that is ours. */
-constexpr std::size_t kLongestApplicationHeader = 128;
-
 /** `TARNVCD1 <source size> <target size> <target hash>`. */
 std::string FormatApplicationHeader(const Promise& promise);
 
-/** Whether a text is meant to be ours, well formed or not. */
-bool IsOurApplicationHeader(const std::string& text);
-
 /** Nothing when the text is not well formed. */
-std::optional<Promise> ParseApplicationHeader(const std::string& text);
+[[nodiscard]] std::optional<Promise> ParseApplicationHeader(const std::string& text);
 
 /** The header for a patch between two regular files, both of which are read. Throws DecodeError. */
 std::string MakeApplicationHeader(const std::string& source, const std::string& target);
@@ -47,7 +41,7 @@ struct PatchHeader {
 };
 
 /** Reads it; the reader is at the patch's beginning and then at the first window. Throws DecodeError. */
-PatchHeader ReadPatchHeader(SectionReader& reader);
+[[nodiscard]] PatchHeader ReadPatchHeader(SectionReader& reader);
 
 } // namespace tarn::decoder
 

@@ -39,7 +39,7 @@ struct WindowLimits {
 };
 
 /** Reads it; the reader is at a window and then at its end, before its sections are read. Throws DecodeError. */
-WindowHeader ReadWindowHeader(SectionReader& reader, const WindowLimits& limits);
+[[nodiscard]] WindowHeader ReadWindowHeader(SectionReader& reader, const WindowLimits& limits);
 
 /** Sizes of the buffers, which are all the memory that decoding takes. */
 struct BufferSizes {

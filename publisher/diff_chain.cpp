@@ -47,6 +47,16 @@ void RefusePatch(const std::string& source, const std::string& /*output*/, const
 	throw PublishError(source + " would be patched by bytes, though scripts have changed it.");
 }
 
+/** The versions of diff packages that lead to a version without a gap, newest last. */
+std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files) {
+	std::vector<int> versions;
+	for (int at = version; files.count(at) > 0; --at) {
+		versions.push_back(at);
+	}
+	std::reverse(versions.begin(), versions.end());
+	return versions;
+}
+
 } // namespace
 
 ChainState ChainState::FromMetadata(const Json::Value& metadata) {
@@ -111,15 +121,6 @@ void ChainState::Shorten() {
 		patched_.clear();
 		closed_ = true;
 	}
-}
-
-std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files) {
-	std::vector<int> versions;
-	for (int at = version; files.count(at) > 0; --at) {
-		versions.push_back(at);
-	}
-	std::reverse(versions.begin(), versions.end());
-	return versions;
 }
 
 DiffChain::DiffChain(

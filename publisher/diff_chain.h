@@ -112,9 +112,6 @@ private:
 	ChainState state_;
 };
 
-/** The versions of diff packages that lead to a version without a gap, newest last. */
-[[nodiscard]] std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files);
-
 } // namespace tarn::publisher
 
 #endif

@@ -29,7 +29,7 @@ struct DiffOrder {
  *
  * @param archive_fd  an empty file, open for writing
  * @param path        its path
- * @throws PublishError or Error saying why there is no diff; the file may then hold anything
+ * @throws PublishError, or the archive's Error, saying why there is no diff; the file may then hold anything
  */
 [[nodiscard]] DiffResult MakeDiff(
     const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer);

@@ -2,7 +2,7 @@
 
 #include "archive/writer.h"
 #include "base/text.h"
-#include "decoder/content_hash.h"
+#include "decoder/bytes.h"
 #include "decoder/decode.h"
 #include "publisher/files.h"
 #include "publisher/program.h"

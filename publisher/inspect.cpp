@@ -33,6 +33,7 @@ auto NamingPackage(const std::string& package, const Function& function) {
 
 const char* KindName(archive::MemberKind kind) {
 	static constexpr std::array<const char*, 5> kNames = {"file", "directory", "symbolic link", "hard link", "other"};
+	static_assert(kNames.size() == static_cast<std::size_t>(archive::MemberKind::kOther) + 1);
 	return kNames.at(static_cast<std::size_t>(kind));
 }
 

@@ -74,7 +74,7 @@ struct PublishObserver {
  * versions only, and a package that was announced must never change. A full package that a killed publisher left is
  * published when the tree makes the same bytes again, and is never replaced by other bytes.
  *
- * @throws UsageError for a value that can never work, PublishError or Error otherwise
+ * @throws UsageError for a value that can never work; PublishError, or the archive's Error, otherwise
  */
 PublishResult Publish(const PublishOptions& options, const PublishObserver& observer);
 

@@ -1,7 +1,7 @@
 #include "publisher/tree.h"
 
 #include "archive/extractor.h"
-#include "archive/member_path.h"
+#include "archive/members.h"
 #include "base/text.h"
 #include "publisher/device.h"
 #include "publisher/files.h"

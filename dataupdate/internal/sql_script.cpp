@@ -138,6 +138,34 @@ void Prepare(SQLite::Database& file) {
 	file.exec("PRAGMA temp_store = MEMORY");
 }
 
+/**
+ * Ends statements of a connection when time is up or an interruption is asked for, for as long as the object lives.
+ * Nothing else may use the connection's progress handler.
+ */
+class ScriptWatch {
+public:
+	ScriptWatch(sqlite3* connection, std::chrono::seconds time) : connection_(connection), end_(Clock::now() + time) {
+		constexpr int kInstructions = 100; // few, because one may work on a text of the greatest length
+		sqlite3_progress_handler(connection_, kInstructions, IsToBeEnded, this);
+	}
+	~ScriptWatch() { sqlite3_progress_handler(connection_, 0, nullptr, nullptr); }
+	ScriptWatch(const ScriptWatch&) = delete;
+	ScriptWatch& operator=(const ScriptWatch&) = delete;
+
+	/** Whether time is up; SQLite only says "interrupted". */
+	bool IsLate() const { return Clock::now() >= end_; }
+
+private:
+	using Clock = std::chrono::steady_clock;
+
+	static int IsToBeEnded(void* watch) {
+		return IsInterrupted() || static_cast<const ScriptWatch*>(watch)->IsLate() ? 1 : 0;
+	}
+
+	sqlite3* connection_;
+	Clock::time_point end_;
+};
+
 /** Says of what SQLite has no words for why it ended a script. */
 [[noreturn]] void ThrowReason(const SQLite::Exception& error, bool is_late, std::chrono::seconds time) {
 	if (is_late && error.getErrorCode() == SQLITE_INTERRUPT) {
@@ -168,6 +196,24 @@ void ChangeDatabase(SQLite::Database& file, const std::string& script, bool is_e
 bool IsEmpty(const std::string& script) {
 	boost::system::error_code error;
 	return boost::filesystem::file_size(script, error) == 0 && !error;
+}
+
+/** Sets what SQLite limits for each connection, and keeps it from leaving the database's own file. */
+void LimitConnection(sqlite3* connection) {
+	// A single instruction is not interrupted, and some take the product of two lengths.
+	constexpr int kPatternBytes = 1000;
+	constexpr int kInstructions = 1'000'000;
+	sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, kMaxScriptValueBytes);
+	sqlite3_limit(connection, SQLITE_LIMIT_SQL_LENGTH, static_cast<int>(kMaxScriptLineBytes) + 1);
+	sqlite3_limit(connection, SQLITE_LIMIT_VDBE_OP, kInstructions);
+	sqlite3_limit(connection, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, kPatternBytes);
+	sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, 0);
+	sqlite3_limit(connection, SQLITE_LIMIT_WORKER_THREADS, 0);
+	// Neither the schema nor a script writes past virtual tables into what belongs to them.
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
+	sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_FTS3_TOKENIZER, 0, nullptr);
 }
 
 } // namespace
@@ -209,41 +255,6 @@ int AuthorizeScript(void* /*context*/, int action, const char* first, const char
 	default:
 		return SQLITE_OK;
 	}
-}
-
-void LimitConnection(sqlite3* connection) {
-	// A single instruction is not interrupted, and some take the product of two lengths.
-	constexpr int kPatternBytes = 1000;
-	constexpr int kInstructions = 1'000'000;
-	sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, kMaxScriptValueBytes);
-	sqlite3_limit(connection, SQLITE_LIMIT_SQL_LENGTH, static_cast<int>(kMaxScriptLineBytes) + 1);
-	sqlite3_limit(connection, SQLITE_LIMIT_VDBE_OP, kInstructions);
-	sqlite3_limit(connection, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, kPatternBytes);
-	sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, 0);
-	sqlite3_limit(connection, SQLITE_LIMIT_WORKER_THREADS, 0);
-	// Neither the schema nor a script writes past virtual tables into what belongs to them.
-	sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-	sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-	sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
-	sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_FTS3_TOKENIZER, 0, nullptr);
-}
-
-ScriptWatch::ScriptWatch(sqlite3* connection, std::chrono::seconds time)
-    : connection_(connection), end_(std::chrono::steady_clock::now() + time) {
-	constexpr int kInstructions = 100; // few, because one may work on a text of the greatest length
-	sqlite3_progress_handler(connection_, kInstructions, IsToBeEnded, this);
-}
-
-ScriptWatch::~ScriptWatch() {
-	sqlite3_progress_handler(connection_, 0, nullptr, nullptr);
-}
-
-bool ScriptWatch::IsLate() const {
-	return std::chrono::steady_clock::now() >= end_;
-}
-
-int ScriptWatch::IsToBeEnded(void* watch) {
-	return IsInterrupted() || static_cast<const ScriptWatch*>(watch)->IsLate() ? 1 : 0;
 }
 
 void ExecuteSqlScript(const std::string& database, const std::string& script, std::chrono::seconds time) {

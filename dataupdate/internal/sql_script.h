@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <string>
 
-struct sqlite3;
-
 namespace tarn::dataupdate {
 
 /** Bytes of a text, a blob or a row. Some functions take time by the square of it, and none of them is interrupted. */
@@ -44,35 +42,11 @@ public:
 int AuthorizeScript(
     void* context, int action, const char* first, const char* second, const char* database, const char* trigger);
 
-/** Sets what SQLite limits for each connection, and keeps it from leaving the database's own file. */
-void LimitConnection(sqlite3* connection);
-
-/**
- * Ends statements of a connection when time is up or an interruption is asked for, for as long as the object lives.
- * Nothing else may use the connection's progress handler.
- */
-class ScriptWatch {
-public:
-	ScriptWatch(sqlite3* connection, std::chrono::seconds time);
-	~ScriptWatch();
-	ScriptWatch(const ScriptWatch&) = delete;
-	ScriptWatch& operator=(const ScriptWatch&) = delete;
-
-	/** Whether time is up; SQLite only says "interrupted". */
-	bool IsLate() const;
-
-private:
-	static int IsToBeEnded(void* watch);
-
-	sqlite3* connection_;
-	std::chrono::steady_clock::time_point end_;
-};
-
 /**
  * Executes a script, one or more whole statements per line, on an SQLite database file in one transaction: whole or,
- * after a failure, not at all. AuthorizeScript() says what a script is refused, and sql_limits.h what it may take: the
- * length of lines and values, memory, growth of the file, and time. SQLite's memory is limited for the whole process
- * while a script runs.
+ * after a failure, not at all. AuthorizeScript() says what a script is refused, and the constants above what it may
+ * take: the length of lines and values, memory, growth of the file, and time. SQLite's memory is limited for the whole
+ * process while a script runs.
  *
  * An empty script opens the file and leaves it as it is, whatever it holds; a directory cannot be opened.
  *

@@ -5,7 +5,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/inspection.h"
-#include "host/library/reader_lock.h"
+#include "host/library/services.h"
 
 #include <CLI/CLI.hpp>
 
@@ -86,31 +86,24 @@ Json::Value FilesToJson(const std::vector<BadFile>& files) {
 	return array;
 }
 
-/** What keeps a sound verdict from being worth what it seems. */
-std::string FormatKnowledge(const Findings& found) {
-	switch (found.knowledge) {
-	case Knowledge::kAll:
-		break;
-	case Knowledge::kFromDisk:
-		return "\n\tthe record of all files had been lost and was made again from the disk; \"tarndbudctl fix\" renews "
-		       "it only where something is bad";
-	case Knowledge::kListed:
-		return "\n\tonly what the last update changed was compared, for the record of all files is missing; an "
-		       "update to a newer version or a fix makes it again";
-	}
-	return "";
-}
+/** How the record of all files is named, and what keeps a sound verdict from being worth what it seems. */
+struct KnowledgeText {
+	const char* name;
+	const char* warning;
+};
 
-const char* KnowledgeName(Knowledge knowledge) {
+KnowledgeText TextOf(Knowledge knowledge) {
 	switch (knowledge) {
 	case Knowledge::kAll:
-		return "complete";
+		return {"complete", ""};
 	case Knowledge::kFromDisk:
-		return "rebuilt";
+		return {"rebuilt", "\n\tthe record of all files had been lost and was made again from the disk; \"tarndbudctl "
+		                   "fix\" renews it only where something is bad"};
 	case Knowledge::kListed:
 		break;
 	}
-	return "missing";
+	return {"missing", "\n\tonly what the last update changed was compared, for the record of all files is missing; an "
+	                   "update to a newer version or a fix makes it again"};
 }
 
 std::string Describe(const Findings& found) {
@@ -118,7 +111,7 @@ std::string Describe(const Findings& found) {
 	if (found.is_unfinished) {
 		text += "\n\tthe last replacement of its files was not finished";
 	}
-	return text + FormatFiles(found.bad) + FormatFiles(found.unknown) + FormatKnowledge(found);
+	return text + FormatFiles(found.bad) + FormatFiles(found.unknown) + TextOf(found.knowledge).warning;
 }
 
 Json::Value ToJson(const Findings& found) {
@@ -126,7 +119,7 @@ Json::Value ToJson(const Findings& found) {
 	result["bad_files"] = FilesToJson(found.bad);
 	result["unknown_files"] = FilesToJson(found.unknown);
 	result["unfinished"] = found.is_unfinished;
-	result["record_of_all_files"] = KnowledgeName(found.knowledge);
+	result["record_of_all_files"] = TextOf(found.knowledge).name;
 	return result;
 }
 

@@ -6,7 +6,7 @@
 #ifndef HOST_COMMANDS_COMMANDS_H
 #define HOST_COMMANDS_COMMANDS_H
 
-#include "host/library/exit_codes.h"
+#include "host/library/failure.h"
 #include "host/library/services.h"
 
 #include <array>

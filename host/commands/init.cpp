@@ -5,8 +5,9 @@
 #include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/library/inspection.h"
 #include "host/library/preparation.h"
-#include "host/library/reader_lock.h"
+#include "host/library/services.h"
 #include "host/library/volume_content.h"
 
 #include <CLI/CLI.hpp>

@@ -9,8 +9,8 @@
 #include "host/library/document_problem.h"
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
-#include "host/library/reader_lock.h"
 #include "host/library/record_keeper.h"
+#include "host/library/services.h"
 #include "host/terminal/text.h"
 
 #include <tarnsdk/volume.h>
@@ -83,7 +83,7 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::opt
     const std::string& id, const Labels& labels) {
 	const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
 	const bool installed = status.data_version != -1;
-	metrics.Add("tarndbud_installed", "Whether any version of the database is installed.", labels, installed ? 1 : 0);
+	metrics.Add("tarndbud_installed", "Whether any version of the database is installed.", labels, installed);
 	if (!installed) {
 		return;
 	}
@@ -91,20 +91,20 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::opt
 	if (offered) {
 		const bool is_above = status.data_version > *offered && !dataupdate::IsReplacementMarked(id);
 		metrics.Add("tarndbud_above_offered", "Whether a later version is installed than the server offered last.",
-		    labels, is_above ? 1 : 0);
+		    labels, is_above);
 	}
 	if (const std::optional<std::int64_t> published = PublicationTime(id, status.data_version)) {
-		metrics.Add("tarndbud_data_timestamp_seconds", "When the publisher signed the installed data.", labels,
-		    static_cast<double>(*published));
+		metrics.Add(
+		    "tarndbud_data_timestamp_seconds", "When the publisher signed the installed data.", labels, *published);
 		metrics.Add("tarndbud_data_age_seconds", "Age of the installed data when this was written.", labels,
-		    static_cast<double>(std::time(nullptr) - *published));
+		    std::time(nullptr) - *published);
 	}
 	const auto config = services.config->GetDatabaseConfig(id);
 	if (config->GetRootDirectory().empty()) {
 		return;
 	}
 	if (const std::optional<std::uintmax_t> bytes = InstalledBytes(services, id, config->GetInstallPrefix())) {
-		metrics.Add("tarndbud_installed_bytes", "Size of the installed files.", labels, static_cast<double>(*bytes));
+		metrics.Add("tarndbud_installed_bytes", "Size of the installed files.", labels, *bytes);
 	}
 }
 
@@ -115,15 +115,15 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 	}
 	const Labels labels = {{"database", id}, {"operation", record->operation}};
 	metrics.Add("tarndbud_last_run_success", "Whether the last operation on the database succeeded.", labels,
-	    record->exit_status == kDone ? 1 : 0);
+	    record->exit_status == kDone);
 	metrics.Add("tarndbud_last_run_exit_status", "Exit status of the last operation on the database.", labels,
 	    record->exit_status);
-	metrics.Add("tarndbud_last_run_timestamp_seconds", "When the last operation on the database ended.", labels,
-	    static_cast<double>(record->time));
+	metrics.Add(
+	    "tarndbud_last_run_timestamp_seconds", "When the last operation on the database ended.", labels, record->time);
 	metrics.Add("tarndbud_last_run_duration_seconds", "How long the last operation on the database took.", labels,
 	    record->seconds);
 	metrics.Add("tarndbud_last_run_downloaded_bytes", "What the last operation on the database downloaded.", labels,
-	    static_cast<double>(record->downloaded_bytes));
+	    record->downloaded_bytes);
 }
 
 ExitCode MeasureDatabase(
@@ -135,7 +135,7 @@ ExitCode MeasureDatabase(
 	}
 	MeasureLastRun(metrics, id);
 	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,
-	    services.config->GetDatabaseConfig(id)->GetScheduled() ? 1 : 0);
+	    services.config->GetDatabaseConfig(id)->GetScheduled());
 	MeasureInstalled(services, metrics, offered, id, labels);
 	return kDone;
 }
@@ -144,13 +144,11 @@ void MeasureVolume(const Services& services, Metrics& metrics) {
 	const std::string volume = services.config->GetCurVolume();
 	const auto record = std::make_unique<TARNMountVolInfo>();
 	const bool available = !volume.empty() && TARNMountVolInfoGet(volume.c_str(), record.get()) == 0;
-	metrics.Add("tarndbud_volume_available", "Whether a storage volume is in use and answers.", {}, available ? 1 : 0);
+	metrics.Add("tarndbud_volume_available", "Whether a storage volume is in use and answers.", {}, available);
 	if (available) {
 		const Labels labels = {{"volume", volume}};
-		metrics.Add("tarndbud_volume_free_bytes", "Free space on the volume in use.", labels,
-		    static_cast<double>(record->free_bytes));
-		metrics.Add("tarndbud_volume_size_bytes", "Size of the volume in use.", labels,
-		    static_cast<double>(record->total_bytes));
+		metrics.Add("tarndbud_volume_free_bytes", "Free space on the volume in use.", labels, record->free_bytes);
+		metrics.Add("tarndbud_volume_size_bytes", "Size of the volume in use.", labels, record->total_bytes);
 	}
 }
 
@@ -162,16 +160,12 @@ ExitCode Run(const Services& services, const Options& options) {
 	Metrics metrics;
 	const std::optional<Document> document = ReadDocument(services);
 	if (document) {
-		metrics.Add("tarndbud_document_timestamp_seconds", "When the server's last document was fetched.", {},
-		    static_cast<double>(document->time));
+		metrics.Add(
+		    "tarndbud_document_timestamp_seconds", "When the server's last document was fetched.", {}, document->time);
 	}
 	MeasureVolume(services, metrics);
-	const ExitCode code = ForEachDatabase(
-	    services, services.config->GetDatabaseIDs(),
-	    [&](const std::string& id) { return MeasureDatabase(services, metrics, document, id); },
-	    [&](const std::string& id, const Failure& failure) {
-		    services.terminal.Complain(id + ": " + failure.sentence);
-	    });
+	const ExitCode code = ForEachDatabase(services, services.config->GetDatabaseIDs(),
+	    [&](const std::string& id) { return MeasureDatabase(services, metrics, document, id); });
 	if (options.path.empty()) {
 		services.terminal.Say(metrics.Text());
 	} else {

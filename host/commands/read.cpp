@@ -6,7 +6,7 @@
 #include "host/commands/report.h"
 #include "host/library/failure.h"
 #include "host/library/process.h"
-#include "host/library/reader_lock.h"
+#include "host/library/services.h"
 
 #include <CLI/CLI.hpp>
 

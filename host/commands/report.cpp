@@ -47,8 +47,8 @@ ExitCode Report::Run(const std::function<ExitCode()>& work) {
 
 ExitCode Report::RunEach(const std::vector<std::string>& ids, const DatabaseOperation& operation) {
 	return Run([&] {
-		return ForEachDatabase(services_, ids, operation,
-		    [this](const std::string& id, const Failure& failure) { Complain(id, failure); });
+		return ForEachDatabase(
+		    services_, ids, operation, [this](const std::string& id, const Failure& failure) { Note(id, failure); });
 	});
 }
 
@@ -67,9 +67,7 @@ ExitCode Report::RunScheduled(const DatabaseOperation& operation) {
 	return ForEachScheduled(services_, operation);
 }
 
-/** On the error stream in either form. */
-void Report::Complain(const std::string& id, const Failure& failure) {
-	services_.terminal.Complain(id + ": " + failure.sentence);
+void Report::Note(const std::string& id, const Failure& failure) {
 	Json::Value object(Json::objectValue);
 	object["id"] = id;
 	object["result"] = "failed";

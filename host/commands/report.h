@@ -28,7 +28,7 @@ public:
 
 private:
 	[[nodiscard]] ExitCode RunScheduled(const DatabaseOperation& operation);
-	void Complain(const std::string& id, const Failure& failure);
+	void Note(const std::string& id, const Failure& failure);
 	void Print();
 
 	const Services& services_;

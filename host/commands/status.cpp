@@ -96,13 +96,9 @@ ExitCode Run(const Services& services, const Options& options) {
 	}
 	std::vector<StatusRow> rows;
 	const ExitCode code = ForEachDatabase(
-	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
-	    [&](const std::string& id) {
+	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids, [&](const std::string& id) {
 		    rows.push_back(Collect(services, id));
 		    return IsAboveOffered(rows.back()).value_or(false) ? kAboveOffered : kDone;
-	    },
-	    [&](const std::string& id, const Failure& failure) {
-		    services.terminal.Complain(id + ": " + failure.sentence);
 	    });
 	const std::time_t now = std::time(nullptr);
 	if (options.json) {

@@ -1,14 +1,28 @@
-/** @file Turns whatever is thrown into a category, an exit code and one sentence for people. */
+/** @file Exit codes, and what turns whatever is thrown into a category, an exit code and one sentence for people. */
 #ifndef HOST_LIBRARY_FAILURE_H
 #define HOST_LIBRARY_FAILURE_H
 
 #include "dataupdate/utils.h"
-#include "host/library/exit_codes.h"
 
 #include <stdexcept>
 #include <string>
 
 namespace tarn::ctl {
+
+/** "read" passes on any other number as well. */
+enum ExitCode : int {
+	kDone = 0,
+	kFailed = 1,
+	kUsage = 2,        ///< The command line cannot be understood.
+	kUnsupported = 3,  ///< The configuration does not list the database.
+	kFixNeeded = 4,    ///< Files of a database are missing, changed or unknown, half replaced, or not there at all.
+	kAboveOffered = 5, ///< "status" and "update": a later version is installed than the server offers.
+	kLocked = 75,      ///< A lock is held, or files are half replaced; worth another try later (EX_TEMPFAIL).
+	kNotExecutable = 126,
+	kNotFound = 127,
+	kSignalBase = 128, ///< Plus the number of the signal that ended a command.
+	kInterrupted = 130,
+};
 
 /** What kind of failure the library reports; what programs decide by, while people read the sentence. */
 enum class Category {

@@ -231,4 +231,12 @@ Findings InspectAgain(const Services& services, const std::string& id, const Fin
 	return found;
 }
 
+bool IsInstalled(const Services& services, const std::string& id) {
+	try {
+		return services.info->GetDatabaseStatus(id).data_version != -1;
+	} catch (const std::exception&) {
+		return true;
+	}
+}
+
 } // namespace tarn::ctl

@@ -63,6 +63,9 @@ Findings Inspect(const Services& services, const std::string& id);
  */
 Findings InspectAgain(const Services& services, const std::string& id, const Findings& before);
 
+/** Whether a database is installed. One whose record cannot be read counts: something was there to record. */
+bool IsInstalled(const Services& services, const std::string& id);
+
 } // namespace tarn::ctl
 
 #endif

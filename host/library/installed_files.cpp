@@ -111,11 +111,13 @@ Json::Value ReadJsonRecord(const std::string& path) {
 	std::ifstream file(path);
 	Json::Value record;
 	try {
-		return file && Json::parseFromStream(Json::CharReaderBuilder(), file, &record, nullptr) ? record
-		                                                                                        : Json::Value();
+		if (file && Json::parseFromStream(Json::CharReaderBuilder(), file, &record, nullptr)) {
+			return record;
+		}
 	} catch (const Json::Exception&) {
 		return {}; // Nested too deeply.
 	}
+	return {};
 }
 
 std::string InstalledFilesPath(const std::string& id) {

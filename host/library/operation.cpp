@@ -102,7 +102,7 @@ std::shared_ptr<dataupdate::Updater> Operation::Updater() {
 RemoteInfo Operation::AskServer() {
 	RemoteInfo remote = services_.info->GetRemoteInfo(id_);
 	outcome_.offered = remote.data_version;
-	check_volume_(id_); // Last, because a download may have taken long as well.
+	check_volume_(); // Last, because a download may have taken long as well.
 	if (change_ == Change::kUpdate) {
 		record_.Mend(outcome_.before);
 	} else if (change_ == Change::kForced) {
@@ -116,7 +116,7 @@ DatabaseStatus Operation::ReadStatus() {
 	outcome_.before = status.data_version;
 	outcome_.was_unfinished = dataupdate::IsReplacementMarked(id_);
 	if (change_ == Change::kFix) {
-		check_volume_(id_);
+		check_volume_();
 		// The library's own record does not name every file; it reinstalls what seems not to be installed.
 		if (record_.FindsDamage(status)) {
 			status.data_version = -1;
@@ -157,25 +157,23 @@ void Operation::KeepRecord(const DatabaseStatus& status) {
 }
 
 Outcome UpdateDatabase(const Services& services, const std::string& id) {
-	Operation operation(services, id, Change::kUpdate, [&services](const std::string& own) {
+	Operation operation(services, id, Change::kUpdate, [&] {
 		RequireNoLostVolume(services);
-		RequireSafePlaces(services, own);
+		RequireSafePlaces(services, id);
 	});
 	operation.Front().UpdateProject(id);
 	return operation.Result();
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {
-	Operation operation(
-	    services, id, Change::kFix, [&services](const std::string& own) { RequireVolumeFor(services, own); });
+	Operation operation(services, id, Change::kFix, [&] { RequireVolumeFor(services, id); });
 	operation.Front().FixProject(id);
 	return operation.Result();
 }
 
 Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target) {
 	Operation operation(
-	    services, id, Change::kForced, [&services](const std::string& own) { RequireVolumeFor(services, own); },
-	    target);
+	    services, id, Change::kForced, [&] { RequireVolumeFor(services, id); }, target);
 	operation.Front().ForceInstall(id, version);
 	return operation.Result();
 }

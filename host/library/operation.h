@@ -46,7 +46,7 @@ enum class Change { kUpdate, kFix, kForced };
  */
 class Operation {
 public:
-	using CheckVolume = std::function<void(const std::string& id)>;
+	using CheckVolume = std::function<void()>;
 
 	/**
 	 * @param check_volume  called under the locks and before anything is written; what it throws ends the operation

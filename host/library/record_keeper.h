@@ -3,7 +3,7 @@
 #define HOST_LIBRARY_RECORD_KEEPER_H
 
 #include "dataupdate/updater.h"
-#include "host/library/exit_codes.h"
+#include "host/library/failure.h"
 #include "host/library/file_changes.h"
 #include "host/library/services.h"
 

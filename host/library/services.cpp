@@ -1,5 +1,6 @@
 #include "host/library/services.h"
 
+#include "base/unique_fd.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -8,16 +9,22 @@
 
 #include <tarnsdk/volume.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <filesystem>
+#include <system_error>
 
 namespace tarn::ctl {
 
 using dataupdate::UpdateError;
 
 namespace {
+
+constexpr mode_t kMode = 0644;
+constexpr mode_t kPermissions = 07777;
 
 constexpr useconds_t kPauseMicroseconds = 20000;
 constexpr int kMostPauses = 100;
@@ -41,6 +48,31 @@ bool IsVolumeAvailable(const std::string& volume) {
 }
 
 } // namespace
+
+ReaderLock::ReaderLock(const std::string& id, unsigned long timeout_seconds)
+    : fd_(TARNDBUDGetFileLock(id.c_str(), timeout_seconds)) {
+	if (fd_ == -1) {
+		throw CommandError(kLocked, "The database is being replaced; try later");
+	}
+}
+
+ReaderLock::~ReaderLock() {
+	TARNDBUDReleaseFileLock(fd_);
+}
+
+bool MakeReaderLockFile(const std::string& id) {
+	// Nothing below /run survives a restart.
+	std::error_code ignored;
+	std::filesystem::create_directories(dataupdate::kLockDirectory, ignored);
+	const std::string path = dataupdate::UsingLockPath(id);
+	const UniqueFd file(open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kMode));
+	struct stat status {};
+	if (!file || fstat(file.Get(), &status) != 0) {
+		return false;
+	}
+	// Somebody's mask may have shut readers out.
+	return status.st_uid != geteuid() || (status.st_mode & kPermissions) == kMode || fchmod(file.Get(), kMode) == 0;
+}
 
 bool IsNew(const timespec& changed, const timespec& now) {
 	constexpr double kSeconds = 2;
@@ -89,7 +121,7 @@ Services MakeServices(Terminal& terminal) {
 
 ExitCode ForEachDatabase(const Services& services, const std::vector<std::string>& ids,
     const DatabaseOperation& operation,
-    const std::function<void(const std::string& id, const Failure& failure)>& complain) {
+    const std::function<void(const std::string& id, const Failure& failure)>& note) {
 	ExitCode code = kDone;
 	for (const std::string& id : ids) {
 		ExitCode own = kFailed;
@@ -100,7 +132,10 @@ ExitCode ForEachDatabase(const Services& services, const std::vector<std::string
 				throw;
 			}
 			const Failure failure = ExplainException(*services.io);
-			complain(id, failure);
+			services.terminal.Complain(id + ": " + failure.sentence);
+			if (note) {
+				note(id, failure);
+			}
 			own = failure.code;
 		}
 		code = code == kDone ? own : code;

@@ -1,4 +1,4 @@
-/** @file The platform and the library, as the host hands them to a command, and visits to each database. */
+/** @file What commands work with: the platform and the library, the readers' lock, and visits to each database. */
 #ifndef HOST_LIBRARY_SERVICES_H
 #define HOST_LIBRARY_SERVICES_H
 
@@ -19,6 +19,26 @@
 #include <vector>
 
 namespace tarn::ctl {
+
+/** Holds off a replacement of a database's files from construction to destruction, through the library's C interface.
+ */
+class ReaderLock {
+public:
+	/** Throws CommandError with 75 when the database is still being replaced after so many seconds. */
+	ReaderLock(const std::string& id, unsigned long timeout_seconds);
+	~ReaderLock();
+	ReaderLock(const ReaderLock&) = delete;
+	ReaderLock& operator=(const ReaderLock&) = delete;
+
+	/** False when there is no lock file: nothing was replaced since the system started. */
+	bool Held() const { return fd_ >= 0; }
+
+private:
+	int fd_;
+};
+
+/** Makes a database's lock file, which a restart takes away; whether it is there afterwards. */
+bool MakeReaderLockFile(const std::string& id);
 
 /** The largest document of a server that is parsed; a parsed one takes several times its size of memory. */
 constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
@@ -62,12 +82,15 @@ Services MakeServices(Terminal& terminal);
 using DatabaseOperation = std::function<ExitCode(const std::string& id)>;
 
 /**
- * Runs an operation on each database. When it fails on one, the others are tried all the same, unless the program has
- * been asked to end. Returns the code of the first that didn't end with kDone.
+ * Runs an operation on each database. When it fails on one, that is told on the error stream, and the others are tried
+ * all the same, unless the program has been asked to end.
+ *
+ * @param note  learns of each failure as well
+ * @return the code of the first that didn't end with kDone
  */
 [[nodiscard]] ExitCode ForEachDatabase(const Services& services, const std::vector<std::string>& ids,
     const DatabaseOperation& operation,
-    const std::function<void(const std::string& id, const Failure& failure)>& complain);
+    const std::function<void(const std::string& id, const Failure& failure)>& note = {});
 
 /** The library's loop over the scheduled databases, which ends at the first failure by throwing it. */
 [[nodiscard]] ExitCode ForEachScheduled(const Services& services, const DatabaseOperation& operation);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <locale>
 #include <sstream>
 
@@ -63,8 +64,27 @@ Json::Value ToJson(const std::optional<std::int64_t>& value) {
 	return value ? Json::Value(Json::Int64{*value}) : Json::Value();
 }
 
+/** Compares the installed version with the server's; no value when that is unknown, false for what is unfinished. */
+template<typename Comparison>
+std::optional<bool> CompareVersions(const StatusRow& row, const Comparison& compare) {
+	if (row.unfinished) {
+		return false;
+	}
+	if (!row.remote_version) {
+		return std::nullopt;
+	}
+	return row.installed_version && compare(*row.installed_version, *row.remote_version);
+}
+
 std::string YesNo(bool value) {
 	return value ? "yes" : "no";
+}
+
+/**
+ * Whether the installed version is the server's; no value when the server's is unknown. What is unfinished never is.
+ */
+std::optional<bool> IsUpToDate(const StatusRow& row) {
+	return CompareVersions(row, std::equal_to<>());
 }
 
 std::string FormatState(const StatusRow& row) {
@@ -149,7 +169,7 @@ std::string FormatJson(const Json::Value& value) {
 	return Json::writeString(builder, value) + "\n";
 }
 
-void Metrics::Add(const std::string& name, const std::string& help, const Labels& labels, double value) {
+void Metrics::AddValue(const std::string& name, const std::string& help, const Labels& labels, double value) {
 	auto family =
 	    std::find_if(families_.begin(), families_.end(), [&](const Family& known) { return known.name == name; });
 	if (family == families_.end()) {
@@ -166,24 +186,8 @@ std::string Metrics::Text() const {
 	return text;
 }
 
-std::optional<bool> IsUpToDate(const StatusRow& row) {
-	if (row.unfinished) {
-		return false;
-	}
-	if (!row.remote_version) {
-		return std::nullopt;
-	}
-	return row.installed_version && *row.installed_version == *row.remote_version;
-}
-
 std::optional<bool> IsAboveOffered(const StatusRow& row) {
-	if (row.unfinished) {
-		return false;
-	}
-	if (!row.remote_version) {
-		return std::nullopt;
-	}
-	return row.installed_version && *row.installed_version > *row.remote_version;
+	return CompareVersions(row, std::greater<>());
 }
 
 std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t now) {

@@ -30,8 +30,11 @@ using Labels = std::vector<std::pair<std::string, std::string>>;
 /** Gauges, each with all its samples in one place, as the form wants it. */
 class Metrics {
 public:
-	/** Adds a sample; the help of a name's first sample counts. */
-	void Add(const std::string& name, const std::string& help, const Labels& labels, double value);
+	/** Adds a sample of any number; the help of a name's first sample counts. */
+	template<typename Number>
+	void Add(const std::string& name, const std::string& help, const Labels& labels, Number value) {
+		AddValue(name, help, labels, static_cast<double>(value));
+	}
 	/** Names in the order in which they came first; empty without samples. */
 	std::string Text() const;
 
@@ -41,6 +44,8 @@ private:
 		std::string help;
 		std::string samples;
 	};
+	void AddValue(const std::string& name, const std::string& help, const Labels& labels, double value);
+
 	std::vector<Family> families_;
 };
 
@@ -58,11 +63,6 @@ struct StatusRow {
 	std::optional<std::string> volume;
 	std::string volume_problem; ///< Why the volume is not safe to write to; nothing is updated meanwhile.
 };
-
-/**
- * Whether the installed version is the server's; no value when the server's is unknown. What is unfinished never is.
- */
-std::optional<bool> IsUpToDate(const StatusRow& row);
 
 /**
  * Whether a later version is installed than the server offers, which no update changes: the publisher took a version

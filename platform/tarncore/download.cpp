@@ -119,17 +119,7 @@ int Tell(const Download& download, const DownloadEnd& end) {
 	return TLIBC_ERR_DOWNLOAD + end.reason;
 }
 
-} // namespace
-
-DownloadSettings ReadDownloadSettings(const std::string& path, uid_t owner) {
-	DownloadSettings settings;
-	if (!IsTrustedSettingsFile(path, owner)) {
-		return settings;
-	}
-	ReadSettingsLines(path, "tarncore", [&](const Directive& directive) { return Take(directive, settings); });
-	return settings;
-}
-
+/** No value when the file system doesn't tell. */
 std::optional<Space> SpaceFor(const std::string& file) {
 	const std::size_t slash = file.rfind('/');
 	const std::string directory = slash == std::string::npos ? "." : file.substr(0, std::max<std::size_t>(slash, 1));
@@ -138,6 +128,19 @@ std::optional<Space> SpaceFor(const std::string& file) {
 		return std::nullopt;
 	}
 	return Space{std::uint64_t{info.f_bavail} * info.f_frsize, std::uint64_t{info.f_blocks} * info.f_frsize};
+}
+
+} // namespace
+
+DownloadSettings ReadDownloadSettings(const std::string& path, uid_t owner) {
+	DownloadSettings settings;
+	if (!IsTrustedSettingsFile(path, owner)) {
+		return settings;
+	}
+	// What cannot be read leaves the defaults, which limit as well.
+	[[maybe_unused]] const int ignored =
+	    ReadSettingsLines(path, "tarncore", [&](const Directive& directive) { return Take(directive, settings); });
+	return settings;
 }
 
 std::uint64_t FileSize(const std::string& file) {

@@ -46,9 +46,6 @@ struct Space {
 	std::uint64_t capacity = 0;
 };
 
-/** No value when the file system doesn't tell. */
-std::optional<Space> SpaceFor(const std::string& file);
-
 /** The file's size; 0 for a missing one. */
 std::uint64_t FileSize(const std::string& file);
 
@@ -105,7 +102,7 @@ struct Download {
 };
 
 /** The download that a program is; no value for any other program, and for one that names no file to write. */
-std::optional<Download> AsDownload(const process::Program& program);
+[[nodiscard]] std::optional<Download> AsDownload(const process::Program& program);
 
 /**
  * Runs the client to its end, or until the guard ends it, which is told to syslog and kept for
@@ -114,7 +111,7 @@ std::optional<Download> AsDownload(const process::Program& program);
  * @param status  as of waitpid()
  * @return 0, an errno value, or TLIBC_ERR_DOWNLOAD plus the reason for which the download was ended
  */
-int RunDownload(process::Program& program, const Download& download, int& status);
+[[nodiscard]] int RunDownload(process::Program& program, const Download& download, int& status);
 
 /** Where the client finds the settings that always hold: its standard input. */
 constexpr const char* kFixedSettingsPath = "/proc/self/fd/0";

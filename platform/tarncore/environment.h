@@ -16,7 +16,7 @@ constexpr const char* kWgetrcPath = "/usr/tarn/etc/data_update/wgetrc";
  * Whether a settings file may be obeyed: a regular file (no link) of the given owner that nobody else may write.
  * One that exists but may not be obeyed is told to syslog.
  */
-bool IsTrustedSettingsFile(const std::string& path, uid_t owner);
+[[nodiscard]] bool IsTrustedSettingsFile(const std::string& path, uid_t owner);
 
 /**
  * The built environment as "NAME=value" strings: proxy variables from the caller, all else fixed.

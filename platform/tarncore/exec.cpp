@@ -13,6 +13,8 @@
 
 namespace {
 
+thread_local int last_error = 0;
+
 using tarn::Fail;
 using tarn::WithoutExceptions;
 using tarn::process::Program;
@@ -78,6 +80,14 @@ int RunList(const char* path, unsigned int options, std::va_list arguments) {
 }
 
 } // namespace
+
+int TLIBCErrGet() {
+	return last_error;
+}
+
+void TLIBCErrSet(int code) {
+	last_error = code;
+}
 
 int TLIBCExecl(const char* path, unsigned int options, ...) {
 	std::va_list arguments;

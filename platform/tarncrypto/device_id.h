@@ -17,10 +17,10 @@ constexpr int kLongestId = 32;
 const std::vector<std::string>& MachineIdPaths();
 
 /** The first usable machine id: 32 hexadecimal digits, not all of them zero. */
-std::optional<std::string> ReadMachineId(const std::vector<std::string>& paths);
+[[nodiscard]] std::optional<std::string> ReadMachineId(const std::vector<std::string>& paths);
 
 /** The first bytes of the identifier in lower-case hexadecimal; nothing when there is no machine id. */
-std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_paths, int bytes);
+[[nodiscard]] std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_paths, int bytes);
 
 /** What callers see as the plain structure, with the text that its pointer leads to. */
 struct HwidContext : tarncrypto_hwid {

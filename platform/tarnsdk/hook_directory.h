@@ -25,7 +25,7 @@ struct HookList {
  * @param subpath  path below each root; a root that doesn't hold it has no hooks
  * @param owner    the only owner that is trusted, for directories from the root down and for hooks
  */
-HookList FindHooks(const std::vector<std::string>& roots, const std::string& subpath, uid_t owner);
+[[nodiscard]] HookList FindHooks(const std::vector<std::string>& roots, const std::string& subpath, uid_t owner);
 
 } // namespace tarn::sdk
 

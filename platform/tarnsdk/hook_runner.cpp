@@ -53,6 +53,30 @@ using Clock = std::chrono::steady_clock;
 /** A killed process that hangs in the kernel is left to itself after this time. */
 constexpr std::chrono::seconds kKillGrace(10);
 
+/**
+ * The arguments as "key=value" strings, as far as each fits into one string of the environment and all of them into
+ * half of what the system allows, followed by TARN_HOOK_OMITTED with the keys that did not fit.
+ */
+std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
+	const long limit = sysconf(_SC_ARG_MAX);
+	std::size_t room = limit > 0 ? static_cast<std::size_t>(limit) / 2 : kLongestVariable;
+	std::vector<std::string> variables;
+	std::string omitted;
+	for (const auto& [key, value] : arguments) {
+		const std::size_t size = key.size() + 1 + value.size() + 1;
+		if (size > std::min(room, kLongestVariable)) {
+			omitted += omitted.empty() ? "" : " ";
+			omitted += key;
+			continue;
+		}
+		room -= size;
+		variables.push_back(key);
+		variables.back().append("=").append(value);
+	}
+	variables.push_back("TARN_HOOK_OMITTED=" + omitted);
+	return variables;
+}
+
 std::vector<std::string> HookEnvironment(const HookEvent& event) {
 	std::vector<std::string> environment = ArgumentVariables(event.arguments);
 	environment.insert(environment.end(),
@@ -118,6 +142,12 @@ bool Await(const std::string& path, pid_t child, std::chrono::milliseconds limit
 	return JudgeEnd(path, status);
 }
 
+/** The same file opened anew for reading, at its beginning. */
+UniqueFd ReopenForReading(const UniqueFd& file) {
+	const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
+	return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
 bool RunHook(const std::string& path, process::Program& program, const UniqueFd& arguments,
     std::chrono::milliseconds time_limit) {
 	const UniqueFd input = ReopenForReading(arguments);
@@ -133,20 +163,10 @@ bool RunHook(const std::string& path, process::Program& program, const UniqueFd&
 	return Await(path, child, time_limit);
 }
 
-} // namespace
-
-bool IsArgumentKey(const std::string& key) {
-	constexpr std::array<const char*, 3> kBuilt = {"PATH", "LC_ALL", "HOME"};
-	constexpr std::array<const char*, 2> kBuiltPrefixes = {"TARN_HOOK_", "LD_"};
-	constexpr const char* kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
-	const std::string name_characters = std::string(kLetters) + "0123456789";
-	const auto begins_key = [&](const char* prefix) { return StartsWith(key, prefix); };
-	return !key.empty() && std::strchr(kLetters, key[0]) != nullptr &&
-	       key.find_first_not_of(name_characters) == std::string::npos &&
-	       std::find(kBuilt.begin(), kBuilt.end(), key) == kBuilt.end() &&
-	       std::none_of(kBuiltPrefixes.begin(), kBuiltPrefixes.end(), begins_key);
-}
-
+/**
+ * A sealed file in memory that holds "key=value" and a NUL for each argument. It can only be read, is shared by nobody
+ * and leaves nothing behind. Without a descriptor errno tells why.
+ */
 UniqueFd MakeArgumentFile(const HookArguments& arguments) {
 	UniqueFd file(CreateMemoryFile());
 	if (!file) {
@@ -163,29 +183,18 @@ UniqueFd MakeArgumentFile(const HookArguments& arguments) {
 	return file;
 }
 
-UniqueFd ReopenForReading(const UniqueFd& file) {
-	const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
-	return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-}
+} // namespace
 
-std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
-	const long limit = sysconf(_SC_ARG_MAX);
-	std::size_t room = limit > 0 ? static_cast<std::size_t>(limit) / 2 : kLongestVariable;
-	std::vector<std::string> variables;
-	std::string omitted;
-	for (const auto& [key, value] : arguments) {
-		const std::size_t size = key.size() + 1 + value.size() + 1;
-		if (size > std::min(room, kLongestVariable)) {
-			omitted += omitted.empty() ? "" : " ";
-			omitted += key;
-			continue;
-		}
-		room -= size;
-		variables.push_back(key);
-		variables.back().append("=").append(value);
-	}
-	variables.push_back("TARN_HOOK_OMITTED=" + omitted);
-	return variables;
+bool IsArgumentKey(const std::string& key) {
+	constexpr std::array<const char*, 3> kBuilt = {"PATH", "LC_ALL", "HOME"};
+	constexpr std::array<const char*, 2> kBuiltPrefixes = {"TARN_HOOK_", "LD_"};
+	constexpr const char* kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
+	const std::string name_characters = std::string(kLetters) + "0123456789";
+	const auto begins_key = [&](const char* prefix) { return StartsWith(key, prefix); };
+	return !key.empty() && std::strchr(kLetters, key[0]) != nullptr &&
+	       key.find_first_not_of(name_characters) == std::string::npos &&
+	       std::find(kBuilt.begin(), kBuilt.end(), key) == kBuilt.end() &&
+	       std::none_of(kBuiltPrefixes.begin(), kBuiltPrefixes.end(), begins_key);
 }
 
 bool RunHooks(const HookEvent& event, const HookSettings& settings) {

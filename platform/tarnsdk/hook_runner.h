@@ -21,21 +21,6 @@ using HookArguments = std::map<std::string, std::string>;
 /** Whether a key can be an argument: a name for an environment variable that isn't one of the built ones. */
 bool IsArgumentKey(const std::string& key);
 
-/**
- * A sealed file in memory that holds "key=value" and a NUL for each argument. It can only be read, is shared by nobody
- * and leaves nothing behind. Without a descriptor errno tells why.
- */
-UniqueFd MakeArgumentFile(const HookArguments& arguments);
-
-/** The same file opened anew for reading, at its beginning. */
-UniqueFd ReopenForReading(const UniqueFd& file);
-
-/**
- * The arguments as "key=value" strings, as far as each fits into one string of the environment and all of them into
- * half of what the system allows, followed by TARN_HOOK_OMITTED with the keys that did not fit.
- */
-std::vector<std::string> ArgumentVariables(const HookArguments& arguments);
-
 /** Where hooks lie, whom they must belong to, and how long one may take. */
 struct HookSettings {
 	std::vector<std::string> roots = {"/usr/tarn/lib/hooks", "/usr/tarn/etc/hooks"};
@@ -57,7 +42,7 @@ struct HookEvent {
  *
  * @return whether every one was trusted, ran and exited with status 0
  */
-bool RunHooks(const HookEvent& event, const HookSettings& settings);
+[[nodiscard]] bool RunHooks(const HookEvent& event, const HookSettings& settings);
 
 } // namespace tarn::sdk
 

@@ -103,6 +103,12 @@ bool IsDirectory(const std::string& path) {
 	return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+/** Whether a path matches one of the shell patterns; a "*" doesn't reach across "/". */
+bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path) {
+	return std::any_of(patterns.begin(), patterns.end(),
+	    [&](const std::string& pattern) { return fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME) == 0; });
+}
+
 } // namespace
 
 int ReadVolumeConfig(const std::string& path, VolumeConfig& config) {
@@ -116,11 +122,6 @@ int ReadVolumeConfig(const std::string& path, VolumeConfig& config) {
 		config.patterns.emplace_back(kDefaultPattern);
 	}
 	return 0;
-}
-
-bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path) {
-	return std::any_of(patterns.begin(), patterns.end(),
-	    [&](const std::string& pattern) { return fnmatch(pattern.c_str(), path.c_str(), FNM_PATHNAME) == 0; });
 }
 
 void MountTable::Unreference::operator()(libmnt_table* table) const {

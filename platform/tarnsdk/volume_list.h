@@ -28,10 +28,7 @@ struct VolumeConfig {
  *
  * @return 0, or an errno value when the file is there but cannot be read
  */
-int ReadVolumeConfig(const std::string& path, VolumeConfig& config);
-
-/** Whether a path matches one of the shell patterns; a "*" doesn't reach across "/". */
-bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path);
+[[nodiscard]] int ReadVolumeConfig(const std::string& path, VolumeConfig& config);
 
 constexpr const char* kMountTablePath = "/proc/self/mountinfo";
 
@@ -80,13 +77,13 @@ struct Volume {
  *
  * @return 0, or an errno value when the configuration or the mounts cannot be read
  */
-int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes);
+[[nodiscard]] int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes);
 
 /**
  * Whether a volume may host service data: not when the configuration excludes it or cannot be read, nor when others
  * than root could write where the data lies, which is told to syslog with the place and the reason.
  */
-bool MayHostServiceData(const std::string& config, const std::string& path);
+[[nodiscard]] bool MayHostServiceData(const std::string& config, const std::string& path);
 
 } // namespace tarn::sdk
 

@@ -63,7 +63,7 @@ protected:
 	}
 	/** Records a version as the library does at the end of an operation that opened these packages. */
 	void Record(int version, const std::vector<const char*>& opened = {}) {
-		Operation operation(doubles_.services, "geo", Change::kFix, [](const std::string&) {});
+		Operation operation(doubles_.services, "geo", Change::kFix, [] {});
 		for (const char* metadata : opened) {
 			EXPECT_EQ(operation.Packages().Hear(metadata), nullptr);
 		}

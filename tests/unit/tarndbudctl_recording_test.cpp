@@ -43,7 +43,7 @@ protected:
 		Begin(Change::kFix).Info()->SetDatabaseStatus("geo", Status(1, {directory_ / "a", directory_ / "b"}));
 	}
 	Operation Begin(Change change) const {
-		return {doubles_.services, "geo", change, [](const std::string&) {}};
+		return {doubles_.services, "geo", change, [] {}};
 	}
 	/** What the library asks for before it finds that there is nothing to update. */
 	void FindNothingToUpdate() const {

@@ -3,7 +3,7 @@
 #include "host/library/failure.h"
 #include "host/library/preparation.h"
 #include "host/library/process.h"
-#include "host/library/reader_lock.h"
+#include "host/library/services.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"

@@ -1,5 +1,5 @@
 // The readers below the decoder, and the application header.
-#include "decoder/content_hash.h"
+#include "decoder/bytes.h"
 #include "decoder/patch_header.h"
 #include "decoder/readers.h"
 #include "temporary_directory.h"

@@ -1,6 +1,6 @@
 #include "vcdiff_builder.h"
 
-#include "decoder/content_hash.h"
+#include "decoder/bytes.h"
 #include "decoder/patch_header.h"
 
 namespace tarn::decoder::test {

@@ -1,7 +1,9 @@
-#include "archive/beneath_writer.h"
+#include "archive/members.h"
 
 #include "base/error.h"
 #include "base/text.h"
+
+#include <climits>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,6 +14,34 @@
 namespace tarn::archive {
 
 namespace {
+
+std::vector<std::string> Components(std::string_view text) {
+	std::vector<std::string> components;
+	while (!text.empty()) {
+		const std::size_t end = text.find('/');
+		const std::string_view component = text.substr(0, end);
+		if (!component.empty() && component != ".") {
+			components.emplace_back(component);
+		}
+		text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+	}
+	return components;
+}
+
+void RequireRelative(std::string_view text) {
+	if (text.empty()) {
+		throw Error("is empty");
+	}
+	if (text.front() == '/') {
+		throw Error("is absolute");
+	}
+	if (text.size() >= PATH_MAX) {
+		throw Error("is too long");
+	}
+	if (text.find('\0') != std::string_view::npos) {
+		throw Error("holds a NUL");
+	}
+}
 
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
@@ -45,6 +75,41 @@ bool SameParent(const MemberPath& path, const MemberPath& parent) {
 }
 
 } // namespace
+
+MemberPath ParseMemberName(std::string_view name) {
+	RequireRelative(name);
+	MemberPath path = Components(name);
+	for (const std::string& component : path) {
+		if (component == "..") {
+			throw Error("leads out by \"..\"");
+		}
+	}
+	if (path.size() > kMaxDepth) {
+		throw Error("has " + std::to_string(path.size()) + " components; the limit is " + std::to_string(kMaxDepth));
+	}
+	return path;
+}
+
+std::string Joined(const MemberPath& path) {
+	std::string text;
+	for (const std::string& component : path) {
+		text += (text.empty() ? "" : "/") + component;
+	}
+	return text;
+}
+
+void CheckLinkTarget(const MemberPath& link, std::string_view target) {
+	RequireRelative(target);
+	std::size_t ups = 0;
+	bool leading = true;
+	for (const std::string& component : Components(target)) {
+		if (component != "..") {
+			leading = false;
+		} else if (!leading || ++ups >= link.size()) {
+			throw Error("leads out by \"..\"");
+		}
+	}
+}
 
 int BeneathWriter::Parent(const MemberPath& path, Missing missing) {
 	if (path.empty()) {
