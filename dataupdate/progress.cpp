@@ -49,7 +49,9 @@ ActivityScope::~ActivityScope() {
 void AddActivityBytes(std::uint64_t bytes) {
 	State& state = GetState();
 	const MutexLock guard(state.mutex);
-	state.activity.bytes += bytes;
+	if (state.activity.phase != Phase::kIdle) { // else a thread has run ahead of the work that is told of
+		state.activity.bytes += bytes;
+	}
 }
 
 std::uint64_t DownloadedBytes() {

@@ -2,28 +2,52 @@
 
 #include "dataupdate/hook.h"
 #include "dataupdate/internal/activity.h"
-#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/internal/digests_ahead.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 
-#include <boost/filesystem.hpp>
-
 #include <functional>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace tarn::dataupdate {
-
-namespace fs = boost::filesystem;
 
 namespace {
 
 constexpr char kLogSource[] = "updater.cpp";
 
-bool Exists(const std::string& path) {
-	return fs::exists(fs::status(path));
+template<typename Files, typename NameOf>
+std::vector<std::string> Joined(const std::string& root, const Files& files, const NameOf& name_of) {
+	std::vector<std::string> paths;
+	paths.reserve(files.size());
+	for (const auto& file : files) {
+		paths.push_back(JoinPath(root, name_of(file)));
+	}
+	return paths;
+}
+
+/** Logs each file that is not as recorded, in order, and hands its name to a function until that returns false. */
+void ForEachBad(const std::map<std::string, FileStatus>& statuses, const std::string& root,
+    const std::function<bool(const std::string& name)>& visit) {
+	DigestsAhead digests(Joined(root, statuses, [](const auto& entry) { return entry.first; }));
+	for (const auto& [name, status] : statuses) {
+		const std::optional<std::string> digest = digests.Next();
+		if (digest == status.sha384_digest) {
+			continue;
+		}
+		if (digest) {
+			TARN_LOG(LOG_ERR, "File %s digest check fail", JoinPath(root, name).c_str());
+		} else {
+			TARN_LOG(LOG_ERR, "File %s is gone", JoinPath(root, name).c_str());
+		}
+		if (!visit(name)) {
+			return;
+		}
+	}
 }
 
 DatabaseStatus NewStatus(
@@ -53,27 +77,27 @@ DatabaseStatus Install(const std::string& id, BaseStrategy& strategy, const Remo
 } // namespace
 
 bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
-	for (const auto& [name, status] : statuses) {
-		const std::string path = JoinPath(root, name);
-		if (!Exists(path)) {
-			TARN_LOG(LOG_ERR, "File %s is gone", path.c_str());
-			return false;
-		}
-		if (FileSha384(path) != status.sha384_digest) {
-			TARN_LOG(LOG_ERR, "File %s digest check fail", path.c_str());
-			return false;
-		}
-	}
-	return true;
+	bool is_good = true;
+	ForEachBad(statuses, root, [&](const std::string& /*name*/) { return is_good = false; });
+	return is_good;
+}
+
+std::vector<std::string> FindBadFiles(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+	std::vector<std::string> bad;
+	ForEachBad(statuses, root, [&](const std::string& name) {
+		bad.push_back(name);
+		return true;
+	});
+	return bad;
 }
 
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root) {
+	DigestsAhead digests(Joined(root, files, [](const std::string& name) { return name; }));
 	std::map<std::string, FileStatus> statuses;
 	for (const std::string& name : files) {
-		const std::string path = JoinPath(root, name);
-		if (Exists(path)) {
-			statuses.emplace(name, FileStatus(FileSha384(path)));
+		if (const std::optional<std::string> digest = digests.Next()) {
+			statuses.emplace_hint(statuses.end(), name, FileStatus(*digest));
 		}
 	}
 	return statuses;

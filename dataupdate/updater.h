@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace tarn::dataupdate {
 
@@ -18,6 +19,18 @@ namespace tarn::dataupdate {
  */
 [[nodiscard]] TARNDBUD_EXPORT bool CheckStatus(
     const std::map<std::string, FileStatus>& statuses, const std::string& root);
+
+/** Like CheckStatus(), to the end: the names of all files that do not exist or do not match, each of them logged. */
+[[nodiscard]] TARNDBUD_EXPORT std::vector<std::string> FindBadFiles(
+    const std::map<std::string, FileStatus>& statuses, const std::string& root);
+
+/**
+ * Bounds the threads that take the digests of several files at once, for the whole process. By default there is one for
+ * each processor that the process may use; they block all signals and end with the function that started them.
+ *
+ * @param count  1 takes all digests in the calling thread; 0 is the default
+ */
+TARNDBUD_EXPORT void LimitDigestThreads(unsigned count);
 
 /** The digests of those of the files that exist below root, keyed by the name given; see CheckStatus(). */
 [[nodiscard]] TARNDBUD_EXPORT std::map<std::string, FileStatus> CalculateStatus(

@@ -6,10 +6,6 @@
 #include <new>
 #include <utility>
 
-#if defined(__x86_64__)
-#include <xxh_x86dispatch.h> // The widest instructions that the processor has; else it is those that all have.
-#endif
-
 namespace tarn::decoder {
 
 MemoryBytes::MemoryBytes(std::string name, std::vector<Byte> content)

@@ -127,15 +127,29 @@ void CheckStandsAlone(const std::string& database) {
 	}
 }
 
+/**
+ * Originals of changed pages go to memory where all pages of the file fit into it, so that a page costs one write and
+ * not four; whoever is killed leaves a working copy that nobody uses. In WAL mode the file says so itself.
+ */
+void ChooseJournal(SQLite::Database& file, std::int64_t file_bytes) {
+	constexpr std::int64_t kLargestInMemory = kMaxScriptMemoryBytes * 3 / 8;
+	if (file_bytes <= kLargestInMemory && file.execAndGet("PRAGMA journal_mode").getString() != "wal") {
+		file.execAndGet("PRAGMA journal_mode = MEMORY");
+	}
+}
+
 /** Only before the transaction. */
 void Prepare(SQLite::Database& file) {
+	constexpr std::int64_t kCacheKiB = kMaxScriptMemoryBytes / 2 / 1024;
 	const std::int64_t page_bytes = file.execAndGet("PRAGMA page_size").getInt64();
-	const std::int64_t pages = file.execAndGet("PRAGMA page_count").getInt64() + kMaxScriptGrowthBytes / page_bytes;
+	const std::int64_t pages = file.execAndGet("PRAGMA page_count").getInt64();
 	file.exec("PRAGMA synchronous = OFF");
-	file.exec("PRAGMA max_page_count = " + std::to_string(pages));
-	file.exec("PRAGMA cache_size = -8000"); // whatever the file asks for
+	file.exec("PRAGMA max_page_count = " + std::to_string(pages + kMaxScriptGrowthBytes / page_bytes));
+	// Whatever the file asks for: a page that leaves the cache before the commit may be written several times.
+	file.exec("PRAGMA cache_size = -" + std::to_string(kCacheKiB));
 	// Temporary tables are kept in memory, which is limited, so that they do not fill /var/tmp.
 	file.exec("PRAGMA temp_store = MEMORY");
+	ChooseJournal(file, pages * page_bytes);
 }
 
 /**

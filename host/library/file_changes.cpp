@@ -32,33 +32,40 @@ struct stat StatusOf(const fs::path& path) {
 	return status;
 }
 
-/** The library takes a file that it cannot open for an empty one. */
-std::string DigestOf(const std::string& name, const std::string& root, bool is_empty) {
-	const std::map<std::string, FileStatus> digests = dataupdate::CalculateStatus({name}, root);
-	if (digests.empty()) {
-		Refuse(fs::path(root) / name, std::strerror(ENOENT));
+/** Takes the digests of recorded files. The library takes a file that it cannot open for an empty one. */
+void RecordDigests(InstalledFiles& record, const std::set<std::string>& names, const std::string& root) {
+	const std::map<std::string, FileStatus> digests = dataupdate::CalculateStatus(names, root);
+	for (const std::string& name : names) {
+		const auto digest = digests.find(name);
+		if (digest == digests.end()) {
+			Refuse(fs::path(root) / name, std::strerror(ENOENT));
+		}
+		InstalledFile& file = record.files[name];
+		if (digest->second.sha384_digest == DigestOfNothing() && file.size != 0) {
+			Refuse(fs::path(root) / name, "it cannot be opened for reading and writing");
+		}
+		file.sha384_digest = digest->second.sha384_digest;
 	}
-	std::string digest = digests.begin()->second.sha384_digest;
-	if (digest == DigestOfNothing() && !is_empty) {
-		Refuse(fs::path(root) / name, "it cannot be opened for reading and writing");
-	}
-	return digest;
 }
 
-/** Records a file as it lies on the disk. What is neither a file nor a link stays unknown: no package brings it. */
-void Record(InstalledFiles& record, const std::string& name, const std::string& root) {
-	const fs::path path = fs::path(root) / name;
-	const struct stat status = StatusOf(path);
-	InstalledFile file;
-	if (S_ISLNK(status.st_mode)) {
-		file.link_target = fs::read_symlink(path).string();
-	} else if (S_ISREG(status.st_mode)) {
-		file.size = static_cast<std::uint64_t>(status.st_size);
-		file.sha384_digest = DigestOf(name, root, status.st_size == 0);
-	} else {
-		return;
+/** Records files as they lie on the disk. What is neither a file nor a link stays unknown: no package brings it. */
+void Record(InstalledFiles& record, const std::vector<std::string>& names, const std::string& root) {
+	std::set<std::string> to_be_read;
+	for (const std::string& name : names) {
+		const fs::path path = fs::path(root) / name;
+		const struct stat status = StatusOf(path);
+		InstalledFile file;
+		if (S_ISLNK(status.st_mode)) {
+			file.link_target = fs::read_symlink(path).string();
+		} else if (S_ISREG(status.st_mode)) {
+			file.size = static_cast<std::uint64_t>(status.st_size);
+			to_be_read.insert(name);
+		} else {
+			continue;
+		}
+		record.files[name] = file;
 	}
-	record.files[name] = file;
+	RecordDigests(record, to_be_read, root);
 }
 
 /** A file of a known digest. */
@@ -142,12 +149,14 @@ InstalledFiles CarryThroughDiff(InstalledFiles before, const std::set<std::strin
 InstalledFiles CarryThroughForced(InstalledFiles before, const std::map<std::string, FileIdentity>& identities,
     int data_version, const std::string& install_prefix) {
 	before.data_version = data_version;
+	std::vector<std::string> changed;
 	for (const auto& [name, identity] : IdentitiesBelow(install_prefix)) {
 		const auto earlier = identities.find(name);
 		if (earlier == identities.end() || earlier->second != identity) {
-			Record(before, name, install_prefix);
+			changed.push_back(name);
 		}
 	}
+	Record(before, changed, install_prefix);
 	for (auto entry = before.files.begin(); entry != before.files.end();) {
 		// A directory of the package took the file's place.
 		const bool is_replaced = fs::is_directory(fs::symlink_status(fs::path(install_prefix) / entry->first)) &&
@@ -174,11 +183,13 @@ InstalledFiles RebuiltRecord(const DatabaseStatus& status, const std::string& in
 		return record;
 	}
 	record.is_from_disk = true;
+	std::vector<std::string> unlisted;
 	for (const std::string& name : FilesBelow(install_prefix)) {
 		if (record.files.count(name) == 0) {
-			Record(record, name, install_prefix);
+			unlisted.push_back(name);
 		}
 	}
+	Record(record, unlisted, install_prefix);
 	return record;
 }
 

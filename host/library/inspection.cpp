@@ -55,15 +55,14 @@ bool MayHold(const std::string& path, const InstalledFile& file) {
 	       (fs::is_regular_file(status) && (!file.size || fs::file_size(path, error) == *file.size));
 }
 
-bool IsAsRecorded(const std::string& name, const InstalledFile& file, const std::string& root) {
+/** Whether a file is as recorded, as far as that can be told without reading it. */
+bool MayBeAsRecorded(const std::string& name, const InstalledFile& file, const std::string& root) {
 	const std::string path = FullPath(root, name);
 	const bool may_be = file.link_target.empty() ? MayHold(path, file) : IsLinkTo(path, file.link_target);
 	if (!may_be) {
 		syslog(LOG_ERR, "File %s is not as recorded", path.c_str());
-		return false;
 	}
-	return !file.link_target.empty() ||
-	       dataupdate::CheckStatus({{name, dataupdate::FileStatus(file.sha384_digest)}}, root);
+	return may_be;
 }
 
 std::string Reason(const std::string& path, const InstalledFile& file) {
@@ -181,12 +180,25 @@ std::vector<BadFile> FindBadFiles(
 	for (const auto& [name, status] : listed.file_statuses) {
 		elsewhere.insert(RelativeName(name, install_prefix).value_or(name));
 	}
-	std::vector<BadFile> bad;
+	std::set<std::string> names;
+	std::map<std::string, dataupdate::FileStatus> contents;
 	for (const auto& [name, file] : record.files) {
-		if (elsewhere.count(name) == 0 && !IsAsRecorded(name, file, install_prefix)) {
-			const std::string path = FullPath(install_prefix, name);
-			bad.push_back({name, path, Reason(path, file)});
+		if (elsewhere.count(name) > 0) {
+			continue;
 		}
+		if (!MayBeAsRecorded(name, file, install_prefix)) {
+			names.insert(name);
+		} else if (file.link_target.empty()) {
+			contents.emplace_hint(contents.end(), name, file.sha384_digest);
+		}
+	}
+	for (std::string& name : dataupdate::FindBadFiles(contents, install_prefix)) {
+		names.insert(std::move(name));
+	}
+	std::vector<BadFile> bad;
+	for (const std::string& name : names) {
+		const std::string path = FullPath(install_prefix, name);
+		bad.push_back({name, path, Reason(path, record.files.at(name))});
 	}
 	return bad;
 }
@@ -203,11 +215,9 @@ std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const st
 
 std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix) {
 	std::vector<BadFile> bad;
-	for (const auto& entry : status.file_statuses) {
-		if (!dataupdate::CheckStatus({entry}, install_prefix)) {
-			const std::string path = FullPath(install_prefix, entry.first);
-			bad.push_back({entry.first, path, Reason(path)});
-		}
+	for (const std::string& name : dataupdate::FindBadFiles(status.file_statuses, install_prefix)) {
+		const std::string path = FullPath(install_prefix, name);
+		bad.push_back({name, path, Reason(path)});
 	}
 	return bad;
 }

@@ -167,7 +167,8 @@ void PrepareLockFiles(const Services& services) {
 
 void RequireUsableSettings(const dataupdate::IOUtils& io) {
 	RequireUsable(io, dataupdate::kServiceOverride,
-	    {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"download_scheme", kString}});
+	    {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"digest_threads", kNumber},
+	        {"download_scheme", kString}});
 	RequireUsable(io, dataupdate::kDatabaseOverride,
 	    {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
 	        {"min_rsv_space_inbytes", kNumber}});

@@ -43,6 +43,16 @@ bool Holds(const std::string& path, const Json::Value& value) {
 	}
 }
 
+void LimitDigestThreads(const dataupdate::Config& settings) {
+	try {
+		const unsigned long count = settings.GetAsUInt64("config", "digest_threads");
+		dataupdate::LimitDigestThreads(static_cast<unsigned>(count));
+	} catch (const std::exception&) {
+		// Defaults from before the setting lack it, and settings that cannot be used are refused before any work.
+		dataupdate::LimitDigestThreads(0);
+	}
+}
+
 bool IsVolumeAvailable(const std::string& volume) {
 	return TARNMountVolInfoGet(volume.c_str(), std::make_unique<TARNMountVolInfo>().get()) == 0;
 }
@@ -110,7 +120,9 @@ void CheckedIO::WriteJson(const std::string& path, const Json::Value& value) con
 
 Services MakeServices(Terminal& terminal) {
 	const auto io = std::make_shared<CheckedIO>();
-	const auto config = std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
+	const auto settings = std::make_shared<dataupdate::Config>(io);
+	const auto config = std::make_shared<dataupdate::ServiceConfig>(settings);
+	LimitDigestThreads(*settings);
 	const auto limits = std::make_shared<DownloadLimits>();
 	LimitDownloads(limits);
 	const auto info = std::make_shared<CheckedInfoGetter>(io, config, limits);

@@ -1,0 +1,122 @@
+#include "dataupdate/internal/digests_ahead.h"
+
+#include "base/process.h"
+#include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/updater.h"
+#include "dataupdate/utils.h"
+
+#include <boost/filesystem.hpp>
+
+#include <sched.h>
+
+#include <algorithm>
+#include <atomic>
+#include <system_error>
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+std::atomic<unsigned> most_threads(0);
+
+/** Those that this process may use, which may be fewer than the machine has. */
+unsigned Processors() {
+	cpu_set_t set;
+	const int count = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
+	return static_cast<unsigned>(std::max(count, 1));
+}
+
+std::optional<std::string> DigestAt(const std::string& path) {
+	if (!boost::filesystem::exists(boost::filesystem::status(path))) {
+		return std::nullopt;
+	}
+	InterruptionPoint();
+	DigestStream stream(path);
+	return GetSha384(stream);
+}
+
+} // namespace
+
+void LimitDigestThreads(unsigned count) {
+	most_threads = count;
+}
+
+DigestsAhead::DigestsAhead(std::vector<std::string> paths) : paths_(std::move(paths)), results_(paths_.size()) {
+	StartThreads();
+}
+
+DigestsAhead::~DigestsAhead() {
+	{
+		const MutexLock lock(mutex_);
+		begun_ = paths_.size();
+	}
+	for (std::thread& thread : threads_) {
+		thread.join();
+	}
+}
+
+void DigestsAhead::StartThreads() {
+	const unsigned limit = most_threads;
+	const std::size_t wanted = std::min<std::size_t>(limit == 0 ? Processors() : limit, paths_.size());
+	// The host's signal handlers never run on them.
+	const process::AllSignalsBlocked blocked;
+	try {
+		while (threads_.size() + 1 < wanted) {
+			threads_.emplace_back([this] { RunThread(); });
+		}
+	} catch (const std::system_error&) {
+		// No more threads are allowed: those that there are do the work.
+	}
+}
+
+void DigestsAhead::RunThread() {
+	while (TakeOne()) {
+	}
+}
+
+bool DigestsAhead::TakeOne() {
+	std::size_t index = 0;
+	{
+		const MutexLock lock(mutex_);
+		if (begun_ == paths_.size()) {
+			return false;
+		}
+		index = begun_++;
+	}
+	Result result;
+	try {
+		result.digest = DigestAt(paths_[index]);
+	} catch (...) {
+		result.error = std::current_exception();
+	}
+	result.is_there = true;
+	const MutexLock lock(mutex_);
+	results_[index] = std::move(result);
+	arrived_.notify_all();
+	return true;
+}
+
+bool DigestsAhead::IsThere(std::size_t index) {
+	const MutexLock lock(mutex_);
+	return results_[index].is_there;
+}
+
+std::optional<std::string> DigestsAhead::Next() {
+	const std::size_t index = asked_++;
+	const ActivityScope activity(Phase::kHash, paths_[index]);
+	while (!IsThere(index) && TakeOne()) {
+	}
+	const MutexLock lock(mutex_);
+	while (!results_[index].is_there) {
+		arrived_.wait(mutex_);
+	}
+	const Result result = std::exchange(results_[index], {});
+	if (result.error) {
+		std::rethrow_exception(result.error);
+	}
+	return result.digest;
+}
+
+} // namespace tarn::dataupdate
