@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/parallel.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -63,25 +64,35 @@ std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_
 	if (head_.key_type != key_type) {
 		throw Error("is signed for key type " + std::to_string(head_.key_type) + ", not " + std::to_string(key_type));
 	}
-	std::vector<char> buffer;
-	for (std::uint64_t index = 0; index < head_.ChunkCount(); ++index) {
-		ReadChunk(index, buffer);
-	}
+	CheckPayload();
 	return static_cast<std::size_t>(signer - keys.begin());
 }
 
-void ArchiveFile::ReadChunk(std::uint64_t index, std::vector<char>& buffer) const {
+void ArchiveFile::CheckPayload() const {
+	constexpr std::uint64_t kChunksAtOnce = 4; // which share a buffer
+	const std::uint64_t chunks = head_.ChunkCount();
+	DoInParallel((chunks + kChunksAtOnce - 1) / kChunksAtOnce, [&](std::size_t piece) {
+		std::vector<char> buffer(kChunkSize);
+		const std::uint64_t end = std::min(chunks, (piece + 1) * kChunksAtOnce);
+		for (std::uint64_t index = piece * kChunksAtOnce; index < end; ++index) {
+			ReadChunk(index, buffer.data());
+		}
+	});
+}
+
+std::size_t ArchiveFile::ReadChunk(std::uint64_t index, char* buffer) const {
 	const std::uint64_t offset = index * head_.chunk_size;
-	buffer.resize(static_cast<std::size_t>(std::min<std::uint64_t>(head_.chunk_size, head_.payload_size - offset)));
-	if (!ReadFullyAt(fd_.Get(), buffer.data(), buffer.size(), head_.PayloadOffset() + offset)) {
+	const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(head_.chunk_size, head_.payload_size - offset));
+	if (!ReadFullyAt(fd_.Get(), buffer, size, head_.PayloadOffset() + offset)) {
 		throw Error("became shorter while it was read");
 	}
 	const std::string_view expected = SignedPart().substr(head_.TableOffset() + index * kDigestSize, kDigestSize);
-	const Digest digest = Sha256(buffer.data(), buffer.size());
+	const Digest digest = Sha256(buffer, size);
 	if (std::memcmp(digest.data(), expected.data(), kDigestSize) != 0) {
 		throw Error("is damaged: the payload differs from its signed digest at byte " +
 		            std::to_string(head_.PayloadOffset() + offset));
 	}
+	return size;
 }
 
 } // namespace tarn::archive

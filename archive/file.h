@@ -32,16 +32,20 @@ public:
 
 	/**
 	 * Reads one chunk of the payload and compares it with the table, so that only bytes described by the table are
-	 * ever handed out.
+	 * ever handed out. May be called by several threads at once.
 	 *
+	 * @param buffer  gets the chunk; kChunkSize bytes large
+	 * @return the chunk's size
 	 * @throws Error when the file no longer holds these bytes
 	 */
-	void ReadChunk(std::uint64_t index, std::vector<char>& buffer) const;
+	std::size_t ReadChunk(std::uint64_t index, char* buffer) const;
 
 	const ArchiveHead& Head() const { return head_; }
 	std::string_view Metadata() const { return SignedPart().substr(kHeadSize, head_.metadata_size); }
 
 private:
+	/** All chunks, on all processors. */
+	void CheckPayload() const;
 	std::string_view SignedPart() const { return std::string_view(message_).substr(kSignatureDomain.size()); }
 
 	UniqueFd fd_;

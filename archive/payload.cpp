@@ -1,6 +1,7 @@
 #include "archive/payload.h"
 
 #include "base/error.h"
+#include "base/parallel.h"
 #include "base/process.h"
 #include "base/text.h"
 
@@ -20,8 +21,8 @@ struct DecoderDeleter {
 /** Decompresses chunk after chunk into the queue's blocks. */
 class Decoder {
 public:
-	Decoder(BlockQueue& queue, std::uint64_t max_output)
-	    : queue_(queue), left_(max_output), context_(ZSTD_createDCtx()) {
+	Decoder(BlockQueue& queue, std::size_t block_size, std::uint64_t max_output)
+	    : queue_(queue), block_size_(block_size), left_(max_output), context_(ZSTD_createDCtx()) {
 		if (!context_ ||
 		    ZSTD_isError(ZSTD_DCtx_setParameter(context_.get(), ZSTD_d_windowLogMax, kMaxWindowLog)) != 0) {
 			throw Error("cannot start to decompress");
@@ -29,7 +30,7 @@ public:
 	}
 
 	/** False when nobody wants the rest. */
-	bool Feed(const std::vector<char>& chunk) {
+	bool Feed(std::string_view chunk) {
 		ZSTD_inBuffer input = {chunk.data(), chunk.size(), 0};
 		bool full = false;
 		while (input.pos < input.size || (full && !frame_ended_)) {
@@ -61,7 +62,7 @@ public:
 private:
 	bool NewBlock() {
 		char* block = queue_.Acquire();
-		output_ = {block, BlockQueue::kBlockSize, 0};
+		output_ = {block, block_size_, 0};
 		return block != nullptr;
 	}
 
@@ -77,21 +78,65 @@ private:
 	}
 
 	BlockQueue& queue_;
+	const std::size_t block_size_;
 	std::uint64_t left_;
 	std::unique_ptr<ZSTD_DCtx, DecoderDeleter> context_;
 	ZSTD_outBuffer output_ = {nullptr, 0, 0};
 	bool frame_ended_ = false;
 };
 
-void DecodeAll(const ArchiveFile& archive, BlockQueue& queue, std::uint64_t max_output) {
-	try {
-		Decoder decoder(queue, max_output);
-		std::vector<char> chunk;
-		for (std::uint64_t index = 0; index < archive.Head().ChunkCount(); ++index) {
-			archive.ReadChunk(index, chunk);
-			if (!decoder.Feed(chunk)) {
-				break;
+/** The checked chunks of an archive in order: of more than one, the next are read while one is used. */
+class Chunks {
+public:
+	explicit Chunks(const ArchiveFile& archive)
+	    : archive_(archive), reader_(StartThreads(archive.Head().ChunkCount() > 1 ? 1 : 0, [this] { ReadAll(); })) {}
+	~Chunks() {
+		queue_.Stop();
+		std::for_each(reader_.begin(), reader_.end(), [](std::thread& thread) { thread.join(); });
+	}
+	Chunks(const Chunks&) = delete;
+	Chunks& operator=(const Chunks&) = delete;
+
+	/** The next chunk, valid until the next call; empty at the end. Throws Error. */
+	std::string_view Next() {
+		if (reader_.empty()) { // No thread is needed, or to be had.
+			if (next_ == archive_.Head().ChunkCount()) {
+				return {};
 			}
+			char* const block = queue_.Acquire();
+			queue_.Commit(archive_.ReadChunk(next_++, block));
+		}
+		return queue_.Next();
+	}
+
+private:
+	void ReadAll() {
+		try {
+			for (std::uint64_t index = 0; index < archive_.Head().ChunkCount(); ++index) {
+				char* const block = queue_.Acquire();
+				if (block == nullptr) {
+					return;
+				}
+				queue_.Commit(archive_.ReadChunk(index, block));
+			}
+			queue_.Finish(nullptr);
+		} catch (...) {
+			queue_.Finish(std::current_exception());
+		}
+	}
+
+	const ArchiveFile& archive_;
+	BlockQueue queue_{kChunkSize};
+	std::uint64_t next_ = 0;
+	std::vector<std::thread> reader_;
+};
+
+void DecodeAll(const ArchiveFile& archive, BlockQueue& queue, std::size_t block_size, std::uint64_t max_output) {
+	try {
+		Decoder decoder(queue, block_size, max_output);
+		Chunks chunks(archive);
+		for (std::string_view chunk = chunks.Next(); !chunk.empty() && decoder.Feed(chunk);) {
+			chunk = chunks.Next();
 		}
 		decoder.End();
 		queue.Finish(nullptr);
@@ -134,7 +179,9 @@ char* BlockQueue::Acquire() {
 	while (!stopped_ && filled_ - released_ == kBlocks) {
 		changed_.wait(mutex_);
 	}
-	return stopped_ ? nullptr : blocks_[filled_ % kBlocks].bytes.data();
+	std::vector<char>& bytes = blocks_[filled_ % kBlocks].bytes;
+	bytes.resize(block_size_);
+	return stopped_ ? nullptr : bytes.data();
 }
 
 void BlockQueue::Commit(std::size_t size) {
@@ -179,7 +226,8 @@ void BlockQueue::Stop() {
 }
 
 PayloadStream::PayloadStream(const ArchiveFile& archive, std::uint64_t max_output)
-    : decoder_(StartWithoutSignals([this, &archive, max_output] { DecodeAll(archive, queue_, max_output); })) {}
+    : decoder_(
+          StartWithoutSignals([this, &archive, max_output] { DecodeAll(archive, queue_, kBlockSize, max_output); })) {}
 
 PayloadStream::~PayloadStream() {
 	queue_.Stop();

@@ -28,9 +28,10 @@ namespace tarn::archive {
  */
 class BlockQueue {
 public:
-	static constexpr std::size_t kBlockSize = 256U << 10U;
+	/** @param block_size  the size of each block; memory for a block is taken when it is used first */
+	explicit BlockQueue(std::size_t block_size) : block_size_(block_size) {}
 
-	/** The filler: an empty block to fill, kBlockSize large; null when the user has left. */
+	/** The filler: an empty block to fill; null when the user has left. */
 	[[nodiscard]] char* Acquire();
 	/** The filler: hands over the acquired block's first bytes. */
 	void Commit(std::size_t size);
@@ -46,10 +47,11 @@ private:
 	static constexpr std::size_t kBlocks = 4;
 
 	struct Block {
-		std::vector<char> bytes = std::vector<char>(kBlockSize);
+		std::vector<char> bytes;
 		std::size_t size = 0;
 	};
 
+	const std::size_t block_size_;
 	Mutex mutex_;
 	std::condition_variable_any changed_;
 	std::array<Block, kBlocks> blocks_ TARN_GUARDED_BY(mutex_);
@@ -62,8 +64,8 @@ private:
 };
 
 /**
- * The payload's tar as a stream of blocks. Reading, checking and decompressing run in a thread of their own, because
- * they cost as much as writing the files does, and would otherwise double the time.
+ * The payload's tar as a stream of blocks. Decompressing runs in a thread of its own, and so does reading and checking
+ * more than one chunk: each costs as much as writing the files does.
  */
 class PayloadStream {
 public:
@@ -80,7 +82,9 @@ public:
 	[[nodiscard]] std::string_view Next() { return queue_.Next(); }
 
 private:
-	BlockQueue queue_;
+	static constexpr std::size_t kBlockSize = 256U << 10U;
+
+	BlockQueue queue_{kBlockSize};
 	std::thread decoder_;
 };
 

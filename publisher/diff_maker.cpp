@@ -1,5 +1,7 @@
 #include "publisher/diff_maker.h"
 
+#include "base/mutex.h"
+#include "base/parallel.h"
 #include "base/sqlite_names.h"
 #include "base/text.h"
 #include "decoder/decode.h"
@@ -7,7 +9,6 @@
 #include "publisher/diff_chain.h"
 #include "publisher/file_encoder.h"
 #include "publisher/files.h"
-#include "publisher/parallel.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
 #include "publisher/sqlite_content.h"
@@ -149,6 +150,19 @@ private:
 		return tasks;
 	}
 
+	void EncodeAll(
+	    const std::vector<EncodingTask>& tasks, const std::vector<std::size_t>& order, const Encoders& encoders) {
+		Mutex mutex;
+		std::size_t done = 0;
+		DoInParallel(order.size(), [&](std::size_t at) {
+			const std::size_t index = order[at];
+			const std::string scratch = work_.Make("encoding/" + std::to_string(index));
+			encoded_[index] = EncodeFile(tasks[index], encoders, scratch);
+			const MutexLock lock(mutex);
+			observer_.step("encoding", ++done, tasks.size());
+		});
+	}
+
 	void Encode() {
 		const std::vector<EncodingTask> tasks = Tasks();
 		Encoders encoders = {FindProgram("xdelta3"), FindProgram("sqldiff"), order_.options.level};
@@ -169,13 +183,7 @@ private:
 		});
 		encoded_.resize(tasks.size());
 		observer_.step("encoding", 0, tasks.size());
-		DoInParallel(
-		    order,
-		    [&](std::size_t index) {
-			    const std::string scratch = work_.Make("encoding/" + std::to_string(index));
-			    encoded_[index] = EncodeFile(tasks[index], encoders, scratch);
-		    },
-		    [&](std::size_t done) { observer_.step("encoding", done, tasks.size()); });
+		EncodeAll(tasks, order, encoders);
 		for (const EncodedFile& file : encoded_) {
 			if (!file.warning.empty()) {
 				observer_.warn(file.warning + ".");

@@ -1,6 +1,6 @@
 #include "dataupdate/internal/digests_ahead.h"
 
-#include "base/process.h"
+#include "base/parallel.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/updater.h"
@@ -8,11 +8,8 @@
 
 #include <boost/filesystem.hpp>
 
-#include <sched.h>
-
 #include <algorithm>
 #include <atomic>
-#include <system_error>
 #include <utility>
 
 namespace tarn::dataupdate {
@@ -20,13 +17,6 @@ namespace tarn::dataupdate {
 namespace {
 
 std::atomic<unsigned> most_threads(0);
-
-/** Those that this process may use, which may be fewer than the machine has. */
-unsigned Processors() {
-	cpu_set_t set;
-	const int count = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
-	return static_cast<unsigned>(std::max(count, 1));
-}
 
 std::optional<std::string> DigestAt(const std::string& path) {
 	if (!boost::filesystem::exists(boost::filesystem::status(path))) {
@@ -44,7 +34,12 @@ void LimitDigestThreads(unsigned count) {
 }
 
 DigestsAhead::DigestsAhead(std::vector<std::string> paths) : paths_(std::move(paths)), results_(paths_.size()) {
-	StartThreads();
+	const unsigned limit = most_threads;
+	const std::size_t wanted = std::min<std::size_t>(limit == 0 ? Processors() : limit, paths_.size());
+	threads_ = StartThreads(std::max<std::size_t>(wanted, 1) - 1, [this] {
+		while (TakeOne()) {
+		}
+	});
 }
 
 DigestsAhead::~DigestsAhead() {
@@ -54,25 +49,6 @@ DigestsAhead::~DigestsAhead() {
 	}
 	for (std::thread& thread : threads_) {
 		thread.join();
-	}
-}
-
-void DigestsAhead::StartThreads() {
-	const unsigned limit = most_threads;
-	const std::size_t wanted = std::min<std::size_t>(limit == 0 ? Processors() : limit, paths_.size());
-	// The host's signal handlers never run on them.
-	const process::AllSignalsBlocked blocked;
-	try {
-		while (threads_.size() + 1 < wanted) {
-			threads_.emplace_back([this] { RunThread(); });
-		}
-	} catch (const std::system_error&) {
-		// No more threads are allowed: those that there are do the work.
-	}
-}
-
-void DigestsAhead::RunThread() {
-	while (TakeOne()) {
 	}
 }
 

@@ -41,8 +41,6 @@ private:
 		std::exception_ptr error;
 	};
 
-	void StartThreads();
-	void RunThread();
 	/** Takes the digest of a file that no thread has begun yet; false when there is none. */
 	bool TakeOne();
 	bool IsThere(std::size_t index);

@@ -3,7 +3,6 @@
 #include "diff_fixture.h"
 #include "publisher/file_encoder.h"
 #include "publisher/files.h"
-#include "publisher/parallel.h"
 #include "publisher/program.h"
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
@@ -164,26 +163,6 @@ TEST(Program, SaysHowItFailed) {
 	EXPECT_EQ(run("/bin/sh", "echo 'no\x1b' >&2; echo more >&2; exit 7"), "/bin/sh failed with status 7: no\\x1b");
 	EXPECT_THAT(run("/bin/sh", "kill -9 $$"), HasSubstr("was killed by signal 9"));
 	EXPECT_THAT(run("/missing", ""), HasSubstr("/missing could not be run: No such file or directory"));
-}
-
-TEST(Parallel, DoesEverythingOnceAndCarriesErrors) {
-	std::array<std::atomic<int>, 100> done = {};
-	std::vector<std::size_t> order;
-	for (std::size_t i = done.size(); i > 0; --i) {
-		order.push_back(i - 1);
-	}
-	std::size_t finished = 0;
-	publisher::DoInParallel(
-	    order, [&](std::size_t index) { ++done.at(index); }, [&](std::size_t count) { EXPECT_EQ(count, ++finished); });
-	EXPECT_EQ(finished, done.size());
-	EXPECT_TRUE(std::all_of(done.begin(), done.end(), [](const std::atomic<int>& count) { return count == 1; }));
-	EXPECT_EQ(ErrorOf([&] {
-		publisher::DoInParallel(
-		    order, [](std::size_t) { throw std::runtime_error("broken"); }, [](std::size_t) {});
-	}),
-	    "broken");
-	publisher::DoInParallel(
-	    {}, [](std::size_t) { FAIL(); }, [](std::size_t) { FAIL(); });
 }
 
 TEST(WorkDirectoryTest, IsPrivateAndGoesWithTheObject) {
