@@ -75,9 +75,9 @@ void CheckUrl(const std::string& url) {
 	}
 }
 
-void CheckKeptDiffs(int keep_diffs) {
-	if (keep_diffs < 0) {
-		throw UsageError("--keep-diffs " + std::to_string(keep_diffs) + " must be 0 or more.");
+void CheckKeptDiffs(const KeptDiffs& keep_diffs) {
+	if (keep_diffs && *keep_diffs < 0) {
+		throw UsageError("--keep-diffs " + std::to_string(*keep_diffs) + " must be 0 or more.");
 	}
 }
 

@@ -16,7 +16,7 @@ void CheckWord(const std::string& option, const std::string& word);
 void CheckUrl(const std::string& url);
 
 /** Throws UsageError for a number of diff packages that is below 0. */
-void CheckKeptDiffs(int keep_diffs);
+void CheckKeptDiffs(const KeptDiffs& keep_diffs);
 
 /** Throws UsageError when an option's value can never work. */
 void CheckOptions(const PublishOptions& options);

@@ -178,6 +178,20 @@ void RunRestore(const Options& options, const Streams& streams) {
 
 constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
 
+/** Takes a number, or "auto", which is the default. */
+CLI::callback_t TakeKeptDiffs(KeptDiffs& kept) {
+	return [&kept](const CLI::results_t& words) {
+		const std::string& text = words.front();
+		int number = 0;
+		const bool is_number = CLI::detail::lexical_cast(text, number);
+		kept = is_number ? KeptDiffs(number) : std::nullopt;
+		if (!is_number && text != "auto") {
+			throw UsageError("--keep-diffs \"" + text + "\" must be a number or \"auto\".");
+		}
+		return true;
+	};
+}
+
 void AddKeygen(CLI::App& app, Options& options) {
 	CLI::App* command = app.add_subcommand("keygen", "Make a key pair: PREFIX.key signs, PREFIX.pub goes to devices");
 	command->add_option("PREFIX", options.prefix, "Path of the two files without their endings")->required();
@@ -194,8 +208,9 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--data-version", publish.data_version, "Version to publish; by default the last plus one");
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
 	command->add_option("--db-version", publish.db_version, "Version of the server's document")->capture_default_str();
-	command->add_option("--keep-diffs", publish.keep_diffs, "Number of diff packages to keep; 0 makes none")
-	    ->capture_default_str();
+	command
+	    ->add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
+	    ->default_str("auto");
 	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
 	command->add_flag("--continue", publish.must_continue, "Fail if the repository does not know the id yet");
 	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
@@ -211,8 +226,8 @@ void AddRestore(CLI::App& app, Options& options) {
 	command->add_option("--id", restore.ids, "Database to restore; by default all; may be repeated");
 	command->add_option("--db-version", restore.db_version, "Version of the server's document")->capture_default_str();
 	command->add_option("--format-version", restore.format_version, "Use packages of this format only");
-	command->add_option("--keep-diffs", restore.keep_diffs, "Largest number of diff packages to name")
-	    ->capture_default_str();
+	command->add_option("--keep-diffs", TakeKeptDiffs(restore.keep_diffs), "Largest number of diff packages to name")
+	    ->default_str("auto");
 	command->add_flag("--force", restore.force, "Replace entries that the document already has");
 }
 
@@ -272,6 +287,9 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
 	} catch (const CLI::ParseError& error) {
 		return app.exit(error, out, err) == 0 ? kDone : kUsage;
+	} catch (const UsageError& error) {
+		err << "tarndbudpub: " << error.what() << "\n";
+		return kUsage;
 	}
 	return RunReporting(app, options, {out, err, terminal});
 }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <utility>
 
 namespace tarn::publisher {
@@ -73,6 +74,21 @@ std::string Document::ReadText(const std::string& path) {
 	} catch (const Error& error) {
 		throw PublishError("The document " + path + " cannot be read: it " + error.what() + ".");
 	}
+}
+
+void KeepNewest(std::map<int, DiffFile>& files, const KeptDiffs& kept, std::uint64_t full_package_size) {
+	std::uint64_t size = 0;
+	int number = 0;
+	auto oldest = files.end();
+	while (oldest != files.begin() && number < kept.value_or(kMostKeptDiffs)) {
+		size += static_cast<std::uint64_t>(std::prev(oldest)->second.file_size);
+		if (!kept && size > full_package_size) {
+			break;
+		}
+		--oldest;
+		++number;
+	}
+	files.erase(files.begin(), oldest);
 }
 
 Document::Document(const std::string& path) : path_(path) {

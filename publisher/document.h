@@ -33,6 +33,17 @@ struct Entry {
 	std::map<int, DiffFile> diff_files; // by the version that each leads to
 };
 
+/**
+ * How many of the newest diff packages a document names: so many, or without a number as many as are together no larger
+ * than the full package, and at most kMostKeptDiffs. Devices don't compare sizes; a longer chain would cost the device
+ * that is furthest behind more than the full package.
+ */
+using KeptDiffs = std::optional<int>;
+constexpr int kMostKeptDiffs = 100;
+
+/** Takes the oldest diff packages away that are not to be kept. */
+void KeepNewest(std::map<int, DiffFile>& files, const KeptDiffs& kept, std::uint64_t full_package_size);
+
 /** Keeps what Put() does not change: other databases, flags of deprecation, members unknown here. */
 class Document {
 public:

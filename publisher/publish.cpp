@@ -187,9 +187,7 @@ private:
 		}
 		files[result_.data_version] = {LinkTo(options_.url, Repository::DiffName(options_.id, result_.data_version)),
 		    static_cast<int>(result_.diff->package_size)};
-		while (files.size() > static_cast<std::size_t>(options_.keep_diffs)) {
-			files.erase(files.begin());
-		}
+		KeepNewest(files, options_.keep_diffs, result_.package_size);
 		result_.diff->oldest_base = files.begin()->first - 1;
 		return files;
 	}

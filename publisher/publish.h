@@ -2,6 +2,7 @@
 #ifndef PUBLISHER_PUBLISH_H
 #define PUBLISHER_PUBLISH_H
 
+#include "publisher/document.h"
 #include "publisher/package.h"
 
 #include <cstdint>
@@ -11,8 +12,6 @@
 #include <vector>
 
 namespace tarn::publisher {
-
-constexpr int kDefaultKeepDiffs = 30;
 
 struct PublishOptions {
 	std::string tree;
@@ -24,7 +23,7 @@ struct PublishOptions {
 	std::string format_version = "1";
 	std::string db_version = "1";
 	int level = kDefaultLevel;
-	int keep_diffs = kDefaultKeepDiffs;
+	KeptDiffs keep_diffs;
 	std::vector<std::string> old_keys; // public keys that signed earlier packages
 	bool must_continue = false;        // whether a database that the repository does not know is refused
 };

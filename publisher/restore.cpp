@@ -138,6 +138,7 @@ private:
 		entry.diff_files = Chain(id, version, packages.diffs);
 		WarnOfHigher(id, version, packages.highest);
 		WarnOfUnreached(version, entry, packages.diffs);
+		KeepNewest(entry.diff_files, options_.keep_diffs, newest.size);
 		Add(id, entry);
 		return entry;
 	}
@@ -200,11 +201,10 @@ private:
 		}
 	}
 
+	/** All diff packages that lead to a version without a gap. */
 	std::map<int, DiffFile> Chain(const std::string& id, int version, const std::map<int, SignedPackage>& diffs) const {
 		std::map<int, DiffFile> files;
-		const auto kept = static_cast<std::size_t>(options_.keep_diffs);
-		for (auto diff = diffs.find(version); diff != diffs.end() && files.size() < kept;
-		     diff = diffs.find(--version)) {
+		for (auto diff = diffs.find(version); diff != diffs.end(); diff = diffs.find(--version)) {
 			files[version] = {LinkTo(url_, Repository::DiffName(id, version)), static_cast<int>(diff->second.size)};
 		}
 		return files;
@@ -222,7 +222,7 @@ private:
 	}
 
 	void WarnOfUnreached(int version, const Entry& entry, const std::map<int, SignedPackage>& diffs) const {
-		if (entry.diff_files.size() == static_cast<std::size_t>(options_.keep_diffs)) {
+		if (options_.keep_diffs && entry.diff_files.size() >= static_cast<std::size_t>(*options_.keep_diffs)) {
 			return; // What is older is no longer kept.
 		}
 		for (const auto& [diff_version, package] : diffs) {

@@ -17,7 +17,7 @@ struct RestoreOptions {
 	std::vector<std::string> ids;  // empty for every database of which there are packages
 	std::string db_version = "1";
 	std::optional<std::string> format_version; // packages of others are left out
-	int keep_diffs = kDefaultKeepDiffs;
+	KeptDiffs keep_diffs;
 	bool force = false; // whether entries that the document has are replaced
 };
 

@@ -256,6 +256,8 @@ TEST_F(Command, PublishSumsUpTheDiff) {
 	ASSERT_EQ(Run(PublishArguments({"--keep-diffs", "1"})), publisher::kDone);
 	EXPECT_THAT(err_.str(), HasSubstr("verifying"));
 	EXPECT_EQ(Run(PublishArguments({"--keep-diffs", "-1"})), publisher::kUsage);
+	EXPECT_EQ(Run(PublishArguments({"--keep-diffs", "many"})), publisher::kUsage);
+	EXPECT_THAT(err_.str(), HasSubstr("--keep-diffs \"many\" must be a number or \"auto\"."));
 	EXPECT_EQ(Run(PublishArguments({"--old-key", directory_ / "missing"})), publisher::kFailed);
 }
 

@@ -110,6 +110,31 @@ TEST_F(DiffPublishing, KeepsAsManyAsItIsTold) {
 	EXPECT_THAT(warnings_, IsEmpty());
 }
 
+TEST_F(DiffPublishing, KeepsByItselfWhatIsNoDearerThanTheFullPackage) {
+	options_.keep_diffs.reset();
+	for (unsigned version = 1; version <= 8; ++version) {
+		Put("new", Noise(6'000, version + 1));
+		PublishChange();
+	}
+	std::uintmax_t chain = 0;
+	for (const int version : OfferedDiffs()) {
+		chain += fs::file_size(Diff(version));
+	}
+	EXPECT_LE(chain, fs::file_size(Package(8)));
+	EXPECT_GT(chain + fs::file_size(Diff(8)), fs::file_size(Package(8))); // one more would have been dearer
+	EXPECT_EQ(OfferedDiffs().back(), 8);
+}
+
+TEST_F(DiffPublishing, KeepsByItselfNoMoreThanDevicesShouldGoThrough) {
+	std::map<int, publisher::DiffFile> files;
+	for (int version = 1; version <= 150; ++version) {
+		files[version] = {"", 1};
+	}
+	publisher::KeepNewest(files, std::nullopt, 1'000'000);
+	EXPECT_EQ(files.size(), 100U);
+	EXPECT_EQ(files.begin()->first, 51);
+}
+
 TEST_F(DiffPublishing, IsLeftOutAfterAGapAndLeavesNoDiffBelow) {
 	PublishChange();
 	PublishChange();

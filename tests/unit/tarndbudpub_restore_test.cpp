@@ -21,6 +21,7 @@ protected:
 	Restoring() {
 		restore_.repository = options_.repository;
 		restore_.keys = {PublicKey()};
+		restore_.keep_diffs = options_.keep_diffs;
 	}
 
 	std::string DocumentPath() const { return options_.repository + "/database_info/1"; }
@@ -180,6 +181,20 @@ TEST_F(Restoring, NamesAsManyDiffsAsItIsTold) {
 	EXPECT_THAT(OfferedDiffs(), ElementsAre(3, 4));
 	restore_.keep_diffs = -1;
 	EXPECT_THROW(Restore(), publisher::UsageError);
+}
+
+TEST_F(Restoring, NamesAsManyDiffsAsThePublisherKeepsByItself) {
+	options_.keep_diffs.reset();
+	restore_.keep_diffs.reset();
+	for (unsigned version = 1; version <= 8; ++version) {
+		Put("new", Noise(6'000, version + 1));
+		Publish();
+	}
+	const std::vector<int> published = OfferedDiffs();
+	ASSERT_LT(published.size(), 7U);
+	fs::remove(DocumentPath());
+	EXPECT_EQ(Failure(), "");
+	EXPECT_EQ(OfferedDiffs(), published);
 }
 
 TEST_F(Restoring, BelievesNoPackageThatIsNotSignedOrNotInItsPlace) {

@@ -25,7 +25,7 @@ std::string Noise(std::size_t size, unsigned seed) {
 }
 
 DiffPublisherTest::DiffPublisherTest() {
-	options_.keep_diffs = publisher::kDefaultKeepDiffs;
+	options_.keep_diffs = 30; // of trees so small that a chain soon outweighs the full package
 	options_.level = 3;
 	// Enough that a diff package is smaller than the full one.
 	Put("bulk", Noise(20'000, 1));
