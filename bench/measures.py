@@ -21,7 +21,10 @@ from harness.volumes import Volumes
 from harness.webserver import Nginx
 
 from bench import sizes
+from bench.chains import DATABASE as CHAIN
+from bench.chains import ChainBench
 from bench.patches import PatchBench
+from bench.tools import shell, timed
 
 SOURCE = Path(__file__).resolve().parent.parent
 DATABASE = "bench"
@@ -64,17 +67,6 @@ def make_tree(root: Path, files: int, file_bytes: int) -> None:
         directory.mkdir(parents=True, exist_ok=True)
         words = bytes(chance.choices(b"abcdefgh 0123\n", k=400)) * (1 + (file_bytes - noise) // 400)
         (directory / f"f{number:04}.dat").write_bytes(chance.randbytes(noise) + words[: file_bytes - noise])
-
-
-def shell(script: str, **variables: object) -> None:
-    environment = {**os.environ, **{name: str(value) for name, value in variables.items()}}
-    subprocess.run(["/bin/bash", "-euc", script], check=True, env=environment, stdout=subprocess.DEVNULL)
-
-
-def timed(action: Callable[[], object]) -> float:
-    begin = time.monotonic()
-    action()
-    return time.monotonic() - begin
 
 
 def used_bytes(path: Path) -> int:
@@ -161,9 +153,29 @@ class Bench:
             publisher.publish(tree, DATABASE)
             self._make_stock_package(tree, publisher)
             for kind in self._scale.file_systems:
-                yield from self._update_on(kind, publisher, nginx)
+                yield from self._on_volume(
+                    kind, publisher, nginx, lambda kind, volume, _: self._compare(kind, volume, publisher, nginx.url)
+                )
         finally:
             nginx.close()
+
+    def chain(self) -> Iterator[dict[str, object]]:
+        place = self._scratch / "chains"
+        place.mkdir()
+        publisher = Publisher(place / "publisher")
+        nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, place / "nginx")
+        try:
+            publisher.base = nginx.url
+            bench = ChainBench(publisher, place, self._scale.size_bytes)
+            bench.publish()
+            for kind in self._scale.file_systems:
+                yield from self._on_volume(
+                    kind, publisher, nginx,
+                    lambda kind, volume, device: bench.measure(kind, volume, device, nginx.url, self._scale.rounds),
+                )  # fmt: skip
+        finally:
+            nginx.close()
+            shutil.rmtree(place)
 
     def _make_stock_package(self, tree: Path, publisher: Publisher) -> None:
         shell(
@@ -172,18 +184,23 @@ class Bench:
             TREE=tree, OUT=publisher.repository / "packages/stock.tar.zst", KEY=publisher.private_key,
         )  # fmt: skip
 
-    def _update_on(self, kind: str, publisher: Publisher, nginx: Nginx) -> Iterator[dict[str, object]]:
+    def _on_volume(
+        self, kind: str, publisher: Publisher, nginx: Nginx, measure: Callable[[str, Path, Device], Iterator[dict[str, object]]]
+    ) -> Iterator[dict[str, object]]:
         place = self._scratch / "volumes"
         place.mkdir()
         volumes = Volumes(place)
         Device.reset(SOURCE / "packaging/conf")
         try:
             volume = volumes.make(kind, self._scale.volume_bytes)
-            Device(volume, nginx.netloc).trust(publisher.public_key)
-            yield from self._compare(kind, volume, publisher, nginx.url)
+            device = Device(volume, nginx.netloc)
+            device.trust(publisher.public_key)
+            device.list_volumes(volume)
+            device.add_database(CHAIN)
+            yield from measure(kind, volume, device)
         except pytest.skip.Exception as reason:
             self.is_complete = False
-            print(f"left out: update on {kind}: {reason}")
+            print(f"left out: {kind}: {reason}")
         finally:
             volumes.close()
             place.rmdir()

@@ -86,7 +86,8 @@ public:
 	void PrepareUpdate() override;
 	/**
 	 * Empties the install directory and puts the unpacked files into it, which stay in the temporary area as well: on
-	 * one file system under two names, so that readers wait for no copying. Throws "Fail to full update: <why>", after
+	 * one file system under two names. Readers wait for the renaming of the entries at the top only, wherever the
+	 * temporary area lies on the file system of the install directory. Throws "Fail to full update: <why>", after
 	 * which the installed copy may be partial until the next update or fix.
 	 */
 	void ApplyUpdate() override;
@@ -95,8 +96,13 @@ public:
 
 private:
 	void _CalModifyInfo();
+	/** Makes the new tree ready in the temporary area; false where it could not be moved from there. */
+	bool _Stage() const;
+	/** Takes away what is installed: whole entries to the temporary area if the new tree comes from there. */
 	void _ClearInstallDirectory() const;
-	void _CopyFiles() const;
+	/** Moves the new tree in; false, with nothing done, where that is no mere renaming. */
+	bool _MoveIn() const;
+	void _CopyFiles(const std::string& root) const;
 
 	std::string id_;
 	RemoteInfo remote_;
@@ -106,6 +112,7 @@ private:
 	std::string package_path_;
 	std::string unpack_directory_;
 	std::map<std::string, ModifyInfo> modify_infos_;
+	bool is_staged_ = false;
 };
 
 /**

@@ -86,11 +86,13 @@ void DiffStrategy::PrepareUpdate() {
 
 void DiffStrategy::ApplyUpdate() {
 	try {
+		// All of them, so that the first file is not replaced when the last one cannot be.
+		const auto changes = patcher_ ? patcher_->CheckedChanges() : _ModifyInfos();
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
 		AnnounceReplacement(id_);
 		if (patcher_) {
-			patcher_->Install();
+			patcher_->Install(changes);
 		}
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(messages::kDiffUpdate) + error.what());

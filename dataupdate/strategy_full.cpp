@@ -1,6 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/log.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
@@ -11,7 +12,12 @@
 
 #include <boost/filesystem.hpp>
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <vector>
 
 namespace tarn::dataupdate {
@@ -44,6 +50,30 @@ private:
 	fs::path canonical_directory_;
 };
 
+constexpr char kLogSource[] = "strategy_full.cpp";
+constexpr char kStaged[] = "staged";     // the new tree
+constexpr char kReplaced[] = "replaced"; // the old one, until readers may go on
+
+bool AreOnOneFileSystem(const std::string& left, const std::string& right) {
+	struct stat left_status {};
+	struct stat right_status {};
+	return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
+	       left_status.st_dev == right_status.st_dev;
+}
+
+std::vector<std::string> EntriesOf(const std::string& directory) {
+	std::vector<std::string> entries;
+	IOUtils().IterateDirectory(
+	    directory, [&entries](const std::string& entry) { entries.push_back(entry); }, false);
+	return entries;
+}
+
+/** Into a directory, under the same name; false with errno set when that fails. */
+bool Move(const std::string& entry, const std::string& directory) {
+	const std::string target = directory + "/" + fs::path(entry).filename().string();
+	return renameat2(AT_FDCWD, entry.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0;
+}
+
 } // namespace
 
 FullStrategy::FullStrategy(const std::string& id, const RemoteInfo& remote, const std::string& volume,
@@ -60,6 +90,8 @@ FullStrategy::~FullStrategy() {
 	}
 	if (!unpack_directory_.empty()) {
 		CleanTmpData(unpack_directory_);
+		CleanTmpData(TempPath(temp_base_, id_, kStaged));
+		CleanTmpData(TempPath(temp_base_, id_, kReplaced));
 	}
 }
 
@@ -77,6 +109,7 @@ void FullStrategy::PrepareUpdate() {
 	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
 		throw UpdateError(messages::kLowSpace);
 	}
+	is_staged_ = _Stage();
 }
 
 void FullStrategy::ApplyUpdate() {
@@ -85,7 +118,9 @@ void FullStrategy::ApplyUpdate() {
 		const ActivityScope activity(Phase::kApply, install_directory_);
 		AnnounceReplacement(id_);
 		_ClearInstallDirectory();
-		_CopyFiles();
+		if (!is_staged_ || !_MoveIn()) {
+			_CopyFiles(install_directory_);
+		}
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(messages::kFullUpdate) + error.what());
 	}
@@ -133,28 +168,64 @@ void FullStrategy::_CalModifyInfo() {
 	}
 }
 
-void FullStrategy::_ClearInstallDirectory() const {
-	std::vector<std::string> entries;
-	const IOUtils io;
-	io.IterateDirectory(
-	    install_directory_, [&entries](const std::string& entry) { entries.push_back(entry); }, false);
-	for (const std::string& entry : entries) {
-		io.RmRf(entry);
+bool FullStrategy::_Stage() const {
+	const std::string staged = TempPath(temp_base_, id_, kStaged);
+	if (!AreOnOneFileSystem(unpack_directory_, install_directory_)) {
+		return false;
+	}
+	const ActivityScope activity(Phase::kUnpack, staged);
+	try {
+		for (const std::string& directory : {staged, TempPath(temp_base_, id_, kReplaced)}) {
+			IOUtils().RmRf(directory); // Whatever a killed run left.
+			fs::create_directory(directory);
+		}
+		_CopyFiles(staged);
+		return true;
+	} catch (const std::exception& error) {
+		TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", error.what());
+		CleanTmpData(staged);
+		return false;
 	}
 }
 
-void FullStrategy::_CopyFiles() const {
+void FullStrategy::_ClearInstallDirectory() const {
+	const std::string replaced = TempPath(temp_base_, id_, kReplaced);
+	for (const std::string& entry : EntriesOf(install_directory_)) {
+		// A mounted file or directory cannot be moved.
+		if (!is_staged_ || !Move(entry, replaced)) {
+			IOUtils().RmRf(entry);
+		}
+	}
+}
+
+bool FullStrategy::_MoveIn() const {
+	bool is_first = true;
+	for (const std::string& entry : EntriesOf(TempPath(temp_base_, id_, kStaged))) {
+		if (!Move(entry, install_directory_)) {
+			if (is_first) {
+				return false;
+			}
+			throw fs::filesystem_error("move", entry, fs::path(install_directory_),
+			    boost::system::error_code(errno, boost::system::system_category()));
+		}
+		is_first = false;
+	}
+	return true;
+}
+
+void FullStrategy::_CopyFiles(const std::string& root) const {
 	fs::path made;
 	for (const auto& [target, info] : modify_infos_) {
 		if (info.operation != ModifyInfo::kOverride) {
 			throw UpdateError("operation not set to override");
 		}
-		const fs::path parent = fs::path(target).parent_path();
+		const fs::path place = root + "/" + target.substr(install_directory_.size());
+		const fs::path parent = place.parent_path();
 		if (parent != made) {
 			fs::create_directories(parent);
 			made = parent;
 		}
-		InstallRegularFile(info.source, target);
+		InstallRegularFile(info.source, place.string());
 	}
 }
 

@@ -47,7 +47,7 @@ void DevicePatcher::Apply(const std::string& package) {
 }
 
 void DevicePatcher::Install() {
-	AsDevice([&] { patcher_->Install(); });
+	AsDevice([&] { patcher_->Install(patcher_->CheckedChanges()); });
 }
 
 } // namespace tarn::publisher

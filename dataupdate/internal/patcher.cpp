@@ -10,6 +10,9 @@
 
 #include <boost/filesystem.hpp>
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <utility>
@@ -48,6 +51,25 @@ void CheckSources(const std::map<std::string, ModifyInfo>& modify_infos) {
 			RefuseAsNotRegular(info.source);
 		}
 	}
+}
+
+/**
+ * Puts a new file in place, or takes a deleted one away, by one rename. The old file goes to where the new one was, and
+ * is removed with the temporary data, when no reader waits for it. False, with nothing done, where a link or a
+ * directory is concerned, a directory is missing, or the two lie on different file systems.
+ */
+bool Exchange(const ModifyInfo& info, const std::string& installed) {
+	struct stat status {};
+	const bool is_there = lstat(installed.c_str(), &status) == 0;
+	if (is_there && !S_ISREG(status.st_mode)) {
+		return false;
+	}
+	if (info.operation == ModifyInfo::kDelete) {
+		return is_there && renameat2(AT_FDCWD, installed.c_str(), AT_FDCWD, info.source.c_str(), RENAME_NOREPLACE) == 0;
+	}
+	const bool is_file = lstat(info.source.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+	const unsigned flags = is_there ? RENAME_EXCHANGE : RENAME_NOREPLACE;
+	return is_file && renameat2(AT_FDCWD, info.source.c_str(), AT_FDCWD, installed.c_str(), flags) == 0;
 }
 
 /** The file that a link leads to belongs to another owner, who may write to it under its own name. */
@@ -94,11 +116,18 @@ void Patcher::ApplyPackage(const std::string& package_directory) {
 	}
 }
 
-void Patcher::Install() const {
-	const std::map<std::string, ModifyInfo> modify_infos = ByPlainName(modify_infos_);
-	CheckSources(modify_infos);
+std::map<std::string, ModifyInfo> Patcher::CheckedChanges() const {
+	std::map<std::string, ModifyInfo> changes = ByPlainName(modify_infos_);
+	CheckSources(changes);
+	return changes;
+}
+
+void Patcher::Install(const std::map<std::string, ModifyInfo>& modify_infos) const {
 	for (const auto& [name, info] : modify_infos) {
 		const fs::path installed = fs::path(install_directory_) / name;
+		if (Exchange(info, installed.string())) {
+			continue;
+		}
 		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
 		// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
 		const bool stays_directory = is_directory && (_DeleteBelow(modify_infos, name) || !fs::is_empty(installed)) &&

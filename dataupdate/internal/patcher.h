@@ -44,12 +44,20 @@ public:
 	[[nodiscard]] const std::map<std::string, ModifyInfo>& Modifications() const { return modify_infos_; }
 
 	/**
+	 * Modifications() by their plain names, to be asked for before readers are held off. Throws UpdateError "Not a
+	 * regular file: <working copy>" when a package created something else.
+	 */
+	[[nodiscard]] std::map<std::string, ModifyInfo> CheckedChanges() const;
+
+	/**
 	 * Removes or replaces the installed files accordingly. A deleted name may be a directory's: the directory goes with
 	 * what the chain deletes in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
-	 * when a new file's place is taken by a directory with files of which the chain knows nothing. Throws UpdateError
-	 * "Not a regular file: <working copy>", before anything is removed, when a package created something else.
+	 * when a new file's place is taken by a directory with files of which the chain knows nothing. Where a regular file
+	 * is replaced or deleted, the old one lies under the new one's name in the accumulation directory afterwards.
+	 *
+	 * @param changes  CheckedChanges()
 	 */
-	void Install() const;
+	void Install(const std::map<std::string, ModifyInfo>& changes) const;
 
 private:
 	/**

@@ -91,6 +91,7 @@ ssize_t __real_write(int fd, const void* data, std::size_t size);
 ssize_t __real_copy_file_range(
     int from, off64_t* from_at, int to, off64_t* to_at, std::size_t size, unsigned int flags);
 int __real_fchmod(int fd, mode_t mode);
+int __real_renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
 int __real_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags);
 int __real_usleep(useconds_t microseconds);
 time_t __real_time(time_t* result);
@@ -136,6 +137,9 @@ int __wrap_fchmod(int fd, mode_t mode) {
 	return Fails("fchmod") ? -1 : __real_fchmod(fd, mode);
 }
 
+int __wrap_renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
+	return Fails("renameat2") ? -1 : __real_renameat2(from_directory, from, to_directory, to, flags);
+}
 int __wrap_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) {
 	return Fails("linkat") ? -1 : __real_linkat(from_directory, from, to_directory, to, flags);
 }

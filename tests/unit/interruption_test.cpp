@@ -79,7 +79,7 @@ TEST_F(InterruptionTest, LeavesNoTemporaryDataAndTheInstalledFilesAlone) {
 	{
 		FullStrategy strategy = Strategy();
 		platform_.extract_more = [](const std::string&) { RequestInterruption(); };
-		strategy.PrepareUpdate();
+		EXPECT_EQ(MessageOf([&] { strategy.PrepareUpdate(); }), "Interrupted");
 		const FileLock reader("/run/data_update/using_geo.lock", 0);
 		EXPECT_EQ(MessageOf([&] { strategy.ApplyUpdate(); }),
 		    "Fail to full update: Fail to lock /run/data_update/using_geo.lock");

@@ -120,7 +120,7 @@ TEST_F(PatcherTest, DoesTheLastOfSeveralOperations) {
 	    {{"in", "3"}});
 	EXPECT_THAT(Operations(), ElementsAre("back 1", "deleted 2", "twice 2"));
 	EXPECT_EQ(patcher_.Modifications().at("deleted").source, Copy("deleted"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), ElementsAre("back"));
 	EXPECT_EQ(ReadFile(Installed("back")), "3");
 }
@@ -183,7 +183,7 @@ TEST_F(PatcherTest, KeepsNamesApartThatAreOnlyDeleted) {
 	WriteFile(Installed("a.b"), "old");
 	WriteFile(Installed("a_b"), "old");
 	Apply(Entry("a.b", "delete") + "," + Entry("a_b", "delete") + "," + Entry("a/b", "create", "in"), {{"in", "new"}});
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b"));
 	EXPECT_EQ(ReadFile(Installed("a/b")), "new");
 }
@@ -216,10 +216,10 @@ TEST_F(PatcherTest, LeavesLinksAndDirectoriesUnderCreateToTheCopy) {
 	EXPECT_TRUE(fs::is_empty(Copy("b")));
 	EXPECT_THAT(Operations(), ElementsAre("a 1", "b 1", "c 1"));
 	WriteFile(Installed("a"), "old");
-	EXPECT_EQ(MessageOf([this] { patcher_.Install(); }), "Not a regular file: " + Copy("b"));
+	EXPECT_EQ(MessageOf([this] { patcher_.Install(patcher_.CheckedChanges()); }), "Not a regular file: " + Copy("b"));
 	EXPECT_EQ(ReadFile(Installed("a")), "old"); // Nothing is replaced when not all can be.
 	Apply(Entry("b", "delete") + "," + Entry("c", "delete"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_EQ(ReadFile(Installed("a")), "content");
 	EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Installed("a"))));
 	EXPECT_EQ(fs::hard_link_count(Installed("a")), 1U); // Not the file of somebody else under a second name.
@@ -249,7 +249,7 @@ TEST_F(PatcherTest, TakesNamesInOtherSpellings) {
 	    {{"p.vcdiff", "2"}, {"deep/in", "new"}});
 	EXPECT_THAT(Operations(), ElementsAre("./c/./d 2", "./f 1", "a//b 1", "c 1"));
 	EXPECT_EQ(patcher_.Modifications().at("a//b").source, Copy("a__b"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "c", "f"));
 	EXPECT_EQ(ReadFile(Installed("a/b")), "12");
 	EXPECT_EQ(ReadFile(Installed("f")), "new");
@@ -318,7 +318,7 @@ TEST_F(PatcherTest, KeepsTheInstalledFilesPermissions) {
 	fs::permissions(Installed("f"), fs::perms(0640));
 	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", ""}});
 	EXPECT_EQ(fs::status(Copy("f")).permissions(), fs::perms(0640));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_EQ(fs::status(Installed("f")).permissions(), fs::perms(0640));
 }
 
@@ -329,7 +329,7 @@ TEST_F(PatcherTest, ChangesDatabasesByScripts) {
 	EXPECT_EQ(SQLite::Database(Installed("d")).execAndGet("SELECT count(*) FROM t").getInt(), 0);
 	EXPECT_THAT(Failure(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", "DELETE FROM t;\nCOMMIT;\n"}}),
 	    StartsWith("Fail apply sql cmd: "));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_EQ(SQLite::Database(Installed("d")).execAndGet("SELECT group_concat(a) FROM t").getString(), "1,2");
 }
 
@@ -347,7 +347,7 @@ TEST_F(PatcherTest, RunsNoScriptOnAFileThatItsRecordTellsApart) {
 TEST_F(PatcherTest, InstallsIntoNewDirectories) {
 	Apply(Entry("new/deep/f", "create", "in"), {{"in", "content"}});
 	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_EQ(ReadFile(Installed("new/deep/f")), "content");
 }
 
@@ -355,7 +355,7 @@ TEST_F(PatcherTest, LeavesOtherFilesAndEmptiedDirectories) {
 	WriteFile(Installed("other"), "old");
 	WriteFile(Installed("sub/gone"), "old");
 	Apply(Entry("sub/gone", "delete") + "," + Entry("never/was", "delete"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("other", "sub"));
 }
 
@@ -366,7 +366,7 @@ TEST_F(PatcherTest, ReplacesLinksNotWhatTheyLeadTo) {
 	fs::create_symlink("nowhere", Installed("gone"));
 	Apply(Entry("link", "create", "in") + "," + Entry("dangling", "create", "in") + "," + Entry("gone", "delete"),
 	    {{"in", "new"}});
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("link", "dangling"));
 	EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Installed("link"))));
 	EXPECT_EQ(ReadFile(Installed("dangling")), "new");
@@ -381,7 +381,7 @@ TEST_F(PatcherTest, TurnsAFileIntoADirectoryAndBack) {
 	Apply(Entry("a", "delete") + "," + Entry("a/f", "create", "in") + "," + Entry("b", "create", "in") + "," +
 	          Entry("b/c/d", "delete") + "," + Entry("b/e", "delete"),
 	    {{"in", "new"}});
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/f", "b"));
 	EXPECT_EQ(ReadFile(Installed("a/f")), "new");
 	EXPECT_EQ(ReadFile(Installed("b")), "new");
@@ -392,7 +392,7 @@ TEST_F(PatcherTest, KeepsADirectoryThatWasAFileOnTheWay) {
 	WriteFile(Installed("a/gone"), "old");
 	Apply(Entry("a/f", "delete") + "," + Entry("a/gone", "delete") + "," + Entry("a", "create", "in"), {{"in", "x"}});
 	Apply(Entry("a", "delete") + "," + Entry("a/f", "create", "in"), {{"in", "new"}});
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/f"));
 	EXPECT_EQ(ReadFile(Installed("a/f")), "new");
 }
@@ -400,7 +400,7 @@ TEST_F(PatcherTest, KeepsADirectoryThatWasAFileOnTheWay) {
 TEST_F(PatcherTest, RemovesNoDirectoryWithFilesThatItDoesNotKnow) {
 	WriteFile(Installed("b/unknown"), "precious");
 	Apply(Entry("b", "create", "in"), {{"in", "new"}});
-	EXPECT_ANY_THROW(patcher_.Install());
+	EXPECT_ANY_THROW(patcher_.Install(patcher_.CheckedChanges()));
 	EXPECT_EQ(ReadFile(Installed("b/unknown")), "precious");
 }
 
@@ -411,7 +411,7 @@ TEST_F(PatcherTest, RemovesDirectoriesThatAreDeletedWithAllThatIsInThem) {
 	fs::create_directories(Installed("a/b/empty"));
 	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/c", "delete") + "," +
 	      Entry("a/b/c/h", "delete") + "," + Entry("a/b/g", "delete") + "," + Entry("a/f", "delete"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a-b", "a-b/kept", "other"));
 }
 
@@ -422,7 +422,7 @@ TEST_F(PatcherTest, KeepsADeletedDirectoryForFilesThatItDoesNotKnowAndGoesOn) {
 	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/gone", "delete") + "," +
 	          Entry("a/c", "delete") + "," + Entry("a/c/gone", "delete") + "," + Entry("z", "create", "in"),
 	    {{"in", "new"}});
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "a/b/unknown", "z"));
 	EXPECT_EQ(ReadFile(Installed("a/b/unknown")), "precious");
 }
@@ -431,10 +431,10 @@ TEST_F(PatcherTest, KeepsADeletedDirectoryInWhichALaterPackageMakesAFile) {
 	WriteFile(Installed("a/b/gone"), "old");
 	Apply(Entry("a", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a/b/gone", "delete"));
 	Apply(Entry("a/b/new", "create", "in"), {{"in", "new"}});
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a", "a/b", "a/b/new"));
 	Apply(Entry("a/b/new", "delete") + "," + Entry("a/b", "delete") + "," + Entry("a", "delete"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
 }
 
@@ -442,15 +442,16 @@ TEST_F(PatcherTest, RemovesALinkInADeletedDirectorysPlaceAlone) {
 	WriteFile(directory_ / "outside/f", "precious");
 	fs::create_directory_symlink(directory_ / "outside", Installed("a"));
 	Apply(Entry("a", "delete") + "," + Entry("a/f", "delete"));
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_THAT(EntriesBelow(Installed("")), IsEmpty());
 	EXPECT_EQ(ReadFile(directory_ / "outside/f"), "precious");
 }
 
 TEST_F(PatcherTest, CopiesBetweenFileSystems) {
 	Apply(Entry("f", "create", "in"), {{"in", "new"}});
+	system_.Fail("renameat2", EXDEV);
 	system_.Fail("linkat", EXDEV);
-	patcher_.Install();
+	patcher_.Install(patcher_.CheckedChanges());
 	EXPECT_EQ(ReadFile(Installed("f")), "new");
 	EXPECT_EQ(fs::hard_link_count(Installed("f")), 1U);
 }

@@ -114,7 +114,7 @@ protected:
 		WriteFile(Installed("a"), "3");
 		// The first change of an installed file: by then the mark is on the disk.
 		system_.on_call = [](const std::string& call) {
-			if (call == "linkat") {
+			if (call == "renameat2") {
 				EXPECT_TRUE(fs::exists(kMark));
 				RequestInterruption();
 				EXPECT_FALSE(IsInterrupted());
@@ -188,6 +188,7 @@ TEST_F(MarkedReplacementTest, IsMadeGoodByTheFullPackage) {
 	        "new": {"operation": "create", "input_file": "p.vcdiff"}})"},
 	    {"p.vcdiff", "5"}};
 	packages_.by_link["http://h/full"]["new"] = "5";
+	system_.Fail("renameat2", EIO, 2);
 	system_.Fail("linkat", EIO, 1, 1); // The second of two files.
 	EXPECT_THAT(MessageOf([this] { update_.UpdateProject("geo"); }), StartsWith("Fail to diff update: "));
 	EXPECT_EQ(ReadFile(Installed("a")), "345"); // A mixture.

@@ -110,11 +110,11 @@ TEST_F(DiffStrategyTest, PatchesOneCopyByEveryPackageAndInstallsItOnce) {
 	DiffStrategy& strategy = Prepared();
 	EXPECT_EQ(ReadFile(Temp("sum/f")), "5678");
 	EXPECT_EQ(ReadFile(Installed("f")), "5");
-	int links = 0;
-	system_.on_call = [&](const std::string& call) { links += call == "linkat" ? 1 : 0; };
+	int renamed = 0;
+	system_.on_call = [&](const std::string& call) { renamed += call == "renameat2" ? 1 : 0; };
 	strategy.ApplyUpdate();
 	system_.on_call = nullptr; // The strategy outlives the count.
-	EXPECT_EQ(links, 1);
+	EXPECT_EQ(renamed, 1);
 	EXPECT_EQ(ReadFile(Installed("f")), "5678");
 	EXPECT_EQ(ReadFile(Installed("other")), "old");
 }
@@ -323,7 +323,7 @@ TEST_F(DiffStrategyTest, HoldsReadersOffWhileItReplaces) {
 	DiffStrategy& strategy = Prepared();
 	bool changed = false;
 	system_.on_call = [&](const std::string& call) {
-		if (call == "linkat") {
+		if (call == "renameat2") {
 			changed = true;
 			EXPECT_ANY_THROW(FileLock(kUsingLock, 0));
 		}
@@ -340,6 +340,7 @@ TEST_F(DiffStrategyTest, SetsNoMarkThatNobodyAskedFor) {
 
 TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	DiffStrategy& strategy = Prepared();
+	system_.Fail("renameat2", ENOSPC);
 	system_.Fail("linkat", ENOSPC);
 	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }),
 	    AllOf(StartsWith("Fail to diff update: "), HasSubstr("No space left on device")));

@@ -262,6 +262,7 @@ TEST_F(FullStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	platform_.package_files = {{"new", ""}};
 	FullStrategy strategy = Strategy();
 	strategy.PrepareUpdate();
+	system_.Fail("renameat2", EXDEV);
 	system_.Fail("linkat", ENOSPC);
 	EXPECT_THAT(MessageOf([&] { strategy.ApplyUpdate(); }),
 	    AllOf(StartsWith("Fail to full update: "), HasSubstr("No space left on device")));
@@ -276,7 +277,8 @@ TEST_F(FullStrategyTest, RemovesItsTemporaryDataWhateverHappened) {
 	{
 		FullStrategy strategy = Strategy();
 		strategy.PrepareUpdate();
-		EXPECT_THAT(EntriesBelow(Temp("")), UnorderedElementsAre("geo_v12", "geo_full", "geo_full/new"));
+		EXPECT_THAT(EntriesBelow(Temp("")), UnorderedElementsAre("geo_v12", "geo_full", "geo_full/new", "geo_replaced",
+		                                        "geo_staged", "geo_staged/new"));
 	}
 	EXPECT_THAT(EntriesBelow(Temp("")), IsEmpty());
 	platform_.archive_extract_works = false;

@@ -85,7 +85,7 @@ TEST_F(UpdaterTest, RunsNoHooksWhenPreparingFails) {
 }
 
 TEST_F(UpdaterTest, RunsNoHookAfterAReplacementThatFailed) {
-	system_.Fail("linkat", EIO);
+	system_.Fail("linkat", EIO, 10);
 	EXPECT_THAT(MessageOf([this] { Update(); }), StartsWith("Fail to full update: "));
 	EXPECT_EQ(platform_.CountEvents("hook action 4"), 1U);
 	EXPECT_EQ(platform_.CountEvents("hook action 5"), 0U);
@@ -231,7 +231,8 @@ TEST_F(ChainUpdaterTest, FallsBackForNoOtherException) {
 }
 
 TEST_F(ChainUpdaterTest, DoesNotFallBackOnceFilesAreBeingReplaced) {
-	system_.Fail("linkat", EIO);
+	system_.Fail("renameat2", EIO, 10);
+	system_.Fail("linkat", EIO, 10);
 	EXPECT_THAT(MessageOf([this] { Update(); }), StartsWith("Fail to diff update: "));
 	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget -N http://h/full "), 0U);
 	EXPECT_EQ(platform_.CountEvents("hook action 4"), 1U);
@@ -387,7 +388,7 @@ TEST_F(FixerTest, RunsNoHooksWhenPreparingFails) {
 }
 
 TEST_F(FixerTest, RunsNoHookAfterAReplacementThatFailed) {
-	system_.Fail("linkat", EIO);
+	system_.Fail("linkat", EIO, 10);
 	EXPECT_THAT(MessageOf([this] { return TheFixer().Fix(); }), StartsWith("Fail to full update: "));
 	EXPECT_EQ(platform_.CountEvents("hook action 5"), 0U);
 }

@@ -75,7 +75,7 @@ void DeviceTree::Update(const std::vector<std::string>& packages) {
 		patcher.ApplyPackage(work / "package");
 		fs::remove_all(work / "package");
 	}
-	patcher.Install();
+	patcher.Install(patcher.CheckedChanges());
 }
 
 } // namespace tarn::test
