@@ -33,10 +33,12 @@ void LimitDigestThreads(unsigned count) {
 	most_threads = count;
 }
 
-DigestsAhead::DigestsAhead(std::vector<std::string> paths) : paths_(std::move(paths)), results_(paths_.size()) {
-	const unsigned limit = most_threads;
-	const std::size_t wanted = std::min<std::size_t>(limit == 0 ? Processors() : limit, paths_.size());
-	threads_ = StartThreads(std::max<std::size_t>(wanted, 1) - 1, [this] {
+DigestsAhead::DigestsAhead(std::vector<std::string> paths, Caller caller)
+    : paths_(std::move(paths)), results_(paths_.size()) {
+	const unsigned limit = most_threads == 0 ? Processors() : most_threads.load();
+	// The caller is one of the threads that the limit allows.
+	const std::size_t useful = paths_.size() + (caller == Caller::kHasOtherWork ? 1 : 0);
+	threads_ = StartThreads(std::max<std::size_t>(std::min<std::size_t>(limit, useful), 1) - 1, [this] {
 		while (TakeOne()) {
 		}
 	});

@@ -22,8 +22,11 @@ namespace tarn::dataupdate {
  */
 class DigestsAhead {
 public:
+	/** What the caller does until it asks. */
+	enum class Caller { kHelps, kHasOtherWork };
+
 	/** @param paths  in the order in which they will be asked for */
-	explicit DigestsAhead(std::vector<std::string> paths);
+	explicit DigestsAhead(std::vector<std::string> paths, Caller caller = Caller::kHelps);
 	~DigestsAhead();
 	DigestsAhead(const DigestsAhead&) = delete;
 	DigestsAhead& operator=(const DigestsAhead&) = delete;

@@ -1,7 +1,7 @@
 #include "dataupdate/internal/patcher.h"
 
 #include "dataupdate/internal/activity.h"
-#include "dataupdate/internal/digest_stream.h"
+#include "dataupdate/internal/digests_ahead.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/sql_script.h"
@@ -15,6 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <exception>
 #include <utility>
 
 namespace tarn::dataupdate {
@@ -90,11 +92,16 @@ void RemoveEmptyDirectories(const fs::path& below) {
 	IOUtils().IterateDirectory(below.string(), remove_directory, true);
 }
 
-/** Gives a file another content; whatever made that knows nothing of the file's permissions. */
+/**
+ * Gives a file another content; whatever made that knows nothing of the file's permissions. The content is moved where
+ * that can be done.
+ */
 void ReplaceContent(const std::string& file, const std::string& content) {
 	try {
 		const fs::perms permissions = fs::status(file).permissions();
-		IOUtils().CopyFile(content, file);
+		if (!fs::is_regular_file(fs::symlink_status(content)) || rename(content.c_str(), file.c_str()) != 0) {
+			IOUtils().CopyFile(content, file);
+		}
 		fs::permissions(file, permissions);
 	} catch (const fs::filesystem_error& error) {
 		throw UpdateError(std::string("Fail to keep permissions: ") + error.what());
@@ -176,25 +183,42 @@ void Patcher::_PatchFile(const std::string& name, const std::string& operation, 
 	}
 }
 
-void Patcher::_TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const {
-	IOUtils().CopyFile(installed, working_copy);
+void Patcher::_PatchInstalled(
+    const std::string& installed, const std::string& database, const std::string& script) const {
 	const auto known = digests_.find(installed);
 	boost::system::error_code ignored;
-	const bool is_file = fs::is_regular_file(fs::symlink_status(working_copy, ignored));
-	if (check_digest && is_file && known != digests_.end() && FileSha384(working_copy) != known->second) {
+	if (known == digests_.end() || !fs::is_regular_file(fs::symlink_status(database, ignored))) {
+		_DoSqlitePatch(database, script);
+		return;
+	}
+	// While the script changes the copy. Whatever a script says of another file than its own is of no interest.
+	DigestsAhead digest({installed}, DigestsAhead::Caller::kHasOtherWork);
+	std::exception_ptr failure;
+	try {
+		_DoSqlitePatch(database, script);
+	} catch (const UpdateError&) {
+		failure = std::current_exception();
+	}
+	if (digest.Next() != known->second) {
 		throw UpdateError((NoexceptFormat("File %s digest check fail") % installed).str());
+	}
+	if (failure) {
+		std::rethrow_exception(failure);
 	}
 }
 
 void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
 	const std::string extension = fs::path(input).extension().string();
-	if (!ExistsOrThrow(working_copy)) {
-		const std::string installed = (fs::path(install_directory_) / PlainName(name)).string();
-		_TakeInstalled(installed, working_copy, extension == ".sqlitediff");
+	const std::string installed = (fs::path(install_directory_) / PlainName(name)).string();
+	const bool is_first = !ExistsOrThrow(working_copy);
+	if (is_first) {
+		IOUtils().CopyFile(installed, working_copy);
 	}
 	CheckNoLink(working_copy);
 	if (extension == ".vcdiff") {
 		_DoVcPatch(working_copy, input);
+	} else if (extension == ".sqlitediff" && is_first) {
+		_PatchInstalled(installed, working_copy, input);
 	} else if (extension == ".sqlitediff") {
 		_DoSqlitePatch(working_copy, input);
 	} else {
@@ -206,7 +230,7 @@ void Patcher::_DoVcPatch(const std::string& file, const std::string& patch) cons
 	const std::string output = file + ".patchout";
 	decoder_(file, output, patch);
 	ReplaceContent(file, output);
-	if (unlink(output.c_str()) != 0) {
+	if (unlink(output.c_str()) != 0 && errno != ENOENT) { // It has been moved.
 		throw UpdateError("Failt to delete " + output);
 	}
 }

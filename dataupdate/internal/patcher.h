@@ -66,7 +66,8 @@ private:
 	 */
 	bool _DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const;
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
-	void _TakeInstalled(const std::string& installed, const std::string& working_copy, bool check_digest) const;
+	/** Executes a script on the first copy of a file, and looks whether the file is the one that it was made for. */
+	void _PatchInstalled(const std::string& installed, const std::string& database, const std::string& script) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
 	void _DoVcPatch(const std::string& file, const std::string& patch) const;
 	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
