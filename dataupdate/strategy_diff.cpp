@@ -14,6 +14,8 @@
 
 #include <boost/filesystem.hpp>
 
+#include <exception>
+
 namespace tarn::dataupdate {
 
 namespace fs = boost::filesystem;
@@ -86,11 +88,20 @@ void DiffStrategy::PrepareUpdate() {
 
 void DiffStrategy::ApplyUpdate() {
 	try {
-		// All of them, so that the first file is not replaced when the last one cannot be.
-		const auto changes = patcher_ ? patcher_->CheckedChanges() : _ModifyInfos();
+		std::map<std::string, ModifyInfo> changes;
+		std::exception_ptr obstacle;
+		try {
+			// All of them, so that the first file is not replaced when the last one cannot be.
+			changes = patcher_ ? patcher_->CheckedChanges() : changes;
+		} catch (const UpdateError&) {
+			obstacle = std::current_exception();
+		}
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
 		AnnounceReplacement(id_);
+		if (obstacle) { // With the mark set, so that the full package comes next: this chain would fail again.
+			std::rethrow_exception(obstacle);
+		}
 		if (patcher_) {
 			patcher_->Install(changes);
 		}

@@ -447,6 +447,17 @@ TEST_F(PatcherTest, RemovesALinkInADeletedDirectorysPlaceAlone) {
 	EXPECT_EQ(ReadFile(directory_ / "outside/f"), "precious");
 }
 
+TEST_F(PatcherTest, LeavesForLaterWhatItReplacesAndDeletes) {
+	WriteFile(Installed("f"), "old");
+	WriteFile(Installed("gone"), "deleted");
+	Apply(Entry("f", "create", "in") + ", " + Entry("gone", "delete"), {{"in", "new"}});
+	patcher_.Install(patcher_.CheckedChanges());
+	EXPECT_THAT(EntriesBelow(Installed("")), testing::ElementsAre("f"));
+	EXPECT_EQ(ReadFile(Installed("f")), "new");
+	EXPECT_EQ(ReadFile(Copy("f")), "old");
+	EXPECT_EQ(ReadFile(Copy("gone")), "deleted");
+}
+
 TEST_F(PatcherTest, CopiesBetweenFileSystems) {
 	Apply(Entry("f", "create", "in"), {{"in", "new"}});
 	system_.Fail("renameat2", EXDEV);

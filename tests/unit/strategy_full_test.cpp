@@ -272,6 +272,48 @@ TEST_F(FullStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	    "Fail to full update: failed to read file stat: " + directory_ / "volume/db/geo");
 }
 
+TEST_F(FullStrategyTest, HoldsReadersOffForOneRenameOfEachEntryAtTheTop) {
+	platform_.package_files = {{"dir/a", "new"}, {"dir/b", "new"}, {"dir/sub/c", "new"}};
+	WriteFile(Installed("old/1"), "old");
+	WriteFile(Installed("old/2"), "old");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	int renamed = 0;
+	system_.on_call = [&](const std::string& call) {
+		renamed += call == "renameat2" ? 1 : 0;
+		EXPECT_NE(call, "linkat");
+	};
+	strategy.ApplyUpdate();
+	system_.on_call = nullptr;
+	EXPECT_EQ(renamed, 2);
+	EXPECT_EQ(ReadFile(Installed("dir/sub/c")), "new");
+	EXPECT_FALSE(fs::exists(Installed("old")));
+	EXPECT_EQ(ReadFile(Temp("geo_replaced/old/1")), "old"); // Until the strategy goes.
+}
+
+TEST_F(FullStrategyTest, InstallsFileByFileWhereNothingCanBeMoved) {
+	platform_.package_files = {{"dir/a", "new"}};
+	WriteFile(Installed("old"), "old");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	system_.Fail("renameat2", EXDEV, 10);
+	strategy.ApplyUpdate();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("dir", "dir/a"));
+	EXPECT_EQ(ReadFile(Installed("dir/a")), "new");
+}
+
+TEST_F(FullStrategyTest, InstallsNothingThatAKilledRunMadeReady) {
+	platform_.package_files = {{"a", "new"}};
+	WriteFile(Temp("geo_staged/foreign"), "from a killed run");
+	WriteFile(Temp("geo_replaced/a"), "from a killed run");
+	WriteFile(Installed("a"), "old");
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("a"));
+	EXPECT_EQ(ReadFile(Installed("a")), "new");
+}
+
 TEST_F(FullStrategyTest, RemovesItsTemporaryDataWhateverHappened) {
 	platform_.package_files = {{"new", ""}};
 	{
