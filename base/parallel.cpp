@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
-#include <system_error>
 
 namespace tarn {
 
@@ -26,8 +25,8 @@ std::vector<std::thread> StartThreads(std::size_t most, const std::function<void
 		while (threads.size() < most) {
 			threads.emplace_back(run);
 		}
-	} catch (const std::system_error&) {
-		// No more threads are allowed: those that there are do the work.
+	} catch (const std::exception&) {
+		// No more threads are allowed, or there is no memory for them: those that there are do the work.
 	}
 	return threads;
 }

@@ -204,11 +204,19 @@ pid_t Fork(const Program& program, Plan& plan, bool detached) {
 	// The caller's signal handlers must not run in the child between fork and exec.
 	const AllSignalsBlocked blocked;
 	plan.caller_mask = blocked.Before();
-	// Without a copy of the caller's page tables, which takes the longer the more the caller has read. The child uses
-	// the caller's memory until it executes the program, and has descriptors, handlers and limits of its own.
-	const pid_t child = detached ? fork() : vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+	if (detached) {
+		const pid_t child = fork();
+		if (child == 0) {
+			RunInGrandchild(program, plan);
+		}
+		return child;
+	}
+	// Without a copy of the caller's page tables, which takes the longer the more the caller has read. On Linux the
+	// child uses the caller's memory until it executes the program, and has descriptors, handlers and limits of its
+	// own.
+	const pid_t child = vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
 	if (child == 0) {
-		detached ? RunInGrandchild(program, plan) : RunInChild(program, plan);
+		RunInChild(program, plan); // NOLINT(clang-analyzer-unix.Vfork)
 	}
 	return child;
 }

@@ -186,7 +186,7 @@ CLI::callback_t TakeKeptDiffs(KeptDiffs& kept) {
 		const bool is_number = CLI::detail::lexical_cast(text, number);
 		kept = is_number ? KeptDiffs(number) : std::nullopt;
 		if (!is_number && text != "auto") {
-			throw UsageError("--keep-diffs \"" + text + "\" must be a number or \"auto\".");
+			throw UsageError("--keep-diffs \"" + text + R"(" must be a number or "auto".)");
 		}
 		return true;
 	};
