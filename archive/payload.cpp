@@ -2,7 +2,6 @@
 
 #include "base/error.h"
 #include "base/parallel.h"
-#include "base/process.h"
 #include "base/text.h"
 
 #include <zstd.h>
@@ -99,25 +98,23 @@ public:
 
 	/** The next chunk, valid until the next call; empty at the end. Throws Error. */
 	std::string_view Next() {
-		if (reader_.empty()) { // No thread is needed, or to be had.
-			if (next_ == archive_.Head().ChunkCount()) {
-				return {};
-			}
-			char* const block = queue_.Acquire();
-			queue_.Commit(archive_.ReadChunk(next_++, block));
-		}
-		return queue_.Next();
+		const bool has_reader = !reader_.empty(); // Else no thread is needed, or to be had.
+		return has_reader || ReadNext() ? queue_.Next() : std::string_view();
 	}
 
 private:
+	/** False at the end, and when nobody wants more. */
+	bool ReadNext() {
+		char* const block = next_ < archive_.Head().ChunkCount() ? queue_.Acquire() : nullptr;
+		if (block != nullptr) {
+			queue_.Commit(archive_.ReadChunk(next_++, block));
+		}
+		return block != nullptr;
+	}
+
 	void ReadAll() {
 		try {
-			for (std::uint64_t index = 0; index < archive_.Head().ChunkCount(); ++index) {
-				char* const block = queue_.Acquire();
-				if (block == nullptr) {
-					return;
-				}
-				queue_.Commit(archive_.ReadChunk(index, block));
+			while (ReadNext()) {
 			}
 			queue_.Finish(nullptr);
 		} catch (...) {
@@ -143,13 +140,6 @@ void DecodeAll(const ArchiveFile& archive, BlockQueue& queue, std::size_t block_
 	} catch (...) {
 		queue.Finish(std::current_exception());
 	}
-}
-
-// The new thread inherits a mask that blocks everything, so that the host's signal handlers never run on it.
-template<typename Function>
-std::thread StartWithoutSignals(Function function) {
-	const process::AllSignalsBlocked blocked;
-	return std::thread(std::move(function));
 }
 
 MemberKind KindOf(archive_entry* entry) {
@@ -226,12 +216,13 @@ void BlockQueue::Stop() {
 }
 
 PayloadStream::PayloadStream(const ArchiveFile& archive, std::uint64_t max_output)
-    : decoder_(
-          StartWithoutSignals([this, &archive, max_output] { DecodeAll(archive, queue_, kBlockSize, max_output); })) {}
+    : decoder_(StartThreads(1, [this, &archive, max_output] { DecodeAll(archive, queue_, kBlockSize, max_output); })) {
+	Require(!decoder_.empty(), "cannot start to decompress");
+}
 
 PayloadStream::~PayloadStream() {
 	queue_.Stop();
-	decoder_.join();
+	decoder_.front().join();
 }
 
 TarReader::TarReader(PayloadStream& stream) : stream_(stream), reader_(archive_read_new()) {

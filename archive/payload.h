@@ -85,7 +85,7 @@ private:
 	static constexpr std::size_t kBlockSize = 256U << 10U;
 
 	BlockQueue queue_{kBlockSize};
-	std::thread decoder_;
+	std::vector<std::thread> decoder_; // one
 };
 
 enum class MemberKind { kFile, kDirectory, kSymlink, kHardLink, kOther };

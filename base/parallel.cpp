@@ -31,10 +31,12 @@ std::vector<std::thread> StartThreads(std::size_t most, const std::function<void
 	return threads;
 }
 
-void DoInParallel(std::size_t count, const std::function<void(std::size_t)>& work) {
+void DoInParallel(
+    std::size_t count, const std::function<void(std::size_t)>& work, const std::function<void(std::size_t)>& finished) {
 	std::atomic<std::size_t> next = 0;
 	struct {
 		Mutex mutex;
+		std::size_t done TARN_GUARDED_BY(mutex) = 0;
 		std::size_t failed TARN_GUARDED_BY(mutex) = 0;
 		std::exception_ptr error TARN_GUARDED_BY(mutex);
 	} outcome;
@@ -42,6 +44,11 @@ void DoInParallel(std::size_t count, const std::function<void(std::size_t)>& wor
 		for (std::size_t at = next++; at < count; at = next++) {
 			try {
 				work(at);
+				const MutexLock lock(outcome.mutex);
+				++outcome.done;
+				if (finished) {
+					finished(outcome.done);
+				}
 			} catch (...) {
 				next = count;
 				const MutexLock lock(outcome.mutex);

@@ -22,9 +22,11 @@ unsigned Processors();
  * Does independent pieces of work, begun in the order of their numbers, with one thread for each processor. An
  * exception ends the work; of several, that of the first piece is thrown.
  *
- * @param work  called with each number below the count, by any thread
+ * @param work      called with each number below the count, by any thread
+ * @param finished  called with the number of pieces done so far, by one thread at a time
  */
-void DoInParallel(std::size_t count, const std::function<void(std::size_t)>& work);
+void DoInParallel(std::size_t count, const std::function<void(std::size_t)>& work,
+    const std::function<void(std::size_t)>& finished = {});
 
 } // namespace tarn
 

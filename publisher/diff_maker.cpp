@@ -1,6 +1,5 @@
 #include "publisher/diff_maker.h"
 
-#include "base/mutex.h"
 #include "base/parallel.h"
 #include "base/sqlite_names.h"
 #include "base/text.h"
@@ -150,19 +149,6 @@ private:
 		return tasks;
 	}
 
-	void EncodeAll(
-	    const std::vector<EncodingTask>& tasks, const std::vector<std::size_t>& order, const Encoders& encoders) {
-		Mutex mutex;
-		std::size_t done = 0;
-		DoInParallel(order.size(), [&](std::size_t at) {
-			const std::size_t index = order[at];
-			const std::string scratch = work_.Make("encoding/" + std::to_string(index));
-			encoded_[index] = EncodeFile(tasks[index], encoders, scratch);
-			const MutexLock lock(mutex);
-			observer_.step("encoding", ++done, tasks.size());
-		});
-	}
-
 	void Encode() {
 		const std::vector<EncodingTask> tasks = Tasks();
 		Encoders encoders = {FindProgram("xdelta3"), FindProgram("sqldiff"), order_.options.level};
@@ -183,7 +169,11 @@ private:
 		});
 		encoded_.resize(tasks.size());
 		observer_.step("encoding", 0, tasks.size());
-		EncodeAll(tasks, order, encoders);
+		const auto encode = [&](std::size_t at) {
+			const std::string scratch = work_.Make("encoding/" + std::to_string(order[at]));
+			encoded_[order[at]] = EncodeFile(tasks[order[at]], encoders, scratch);
+		};
+		DoInParallel(order.size(), encode, [&](std::size_t done) { observer_.step("encoding", done, tasks.size()); });
 		for (const EncodedFile& file : encoded_) {
 			if (!file.warning.empty()) {
 				observer_.warn(file.warning + ".");

@@ -135,7 +135,8 @@ def forgotten_commands(root: Path) -> Iterator[str]:
 
 
 def forgotten_settings(root: Path) -> Iterator[str]:
-    read = re.findall(r'et\w*\((?:id_|kServiceSection), "(\w+)"', (root / "dataupdate/service_config.cpp").read_text())
+    sources = "".join((root / name).read_text() for name in ("dataupdate/service_config.cpp", "host/library/services.cpp"))
+    read = re.findall(r'et\w*\((?:id_|kServiceSection|"config"), "(\w+)"', sources)
     types = (root / "host/library/preparation.cpp").read_text()
     pages = "".join(path.read_text() for path in (root / "packaging/man").glob("*.conf.5"))
     for key in sorted(set(read)):

@@ -22,7 +22,11 @@ std::string ErrorOf(std::size_t count, const std::function<void(std::size_t)>& w
 
 TEST(Parallel, DoesEveryPieceOnce) {
 	std::array<std::atomic<int>, 1000> done = {};
-	DoInParallel(done.size(), [&](std::size_t index) { ++done.at(index); });
+	std::size_t finished = 0;
+	DoInParallel(
+	    done.size(), [&](std::size_t index) { ++done.at(index); },
+	    [&](std::size_t all) { EXPECT_EQ(all, ++finished); });
+	EXPECT_EQ(finished, done.size());
 	EXPECT_TRUE(std::all_of(done.begin(), done.end(), [](const std::atomic<int>& count) { return count == 1; }));
 }
 
