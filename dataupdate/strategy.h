@@ -86,8 +86,8 @@ public:
 	void PrepareUpdate() override;
 	/**
 	 * Empties the install directory and puts the unpacked files into it, which stay in the temporary area as well: on
-	 * one file system under two names. Readers wait for the renaming of the entries at the top only, wherever the
-	 * temporary area lies on the file system of the install directory. Throws "Fail to full update: <why>", after
+	 * one file system under two names. Readers wait for the renaming of the entries at the top only, wherever entries
+	 * can be moved from the temporary area to the install directory. Throws "Fail to full update: <why>", after
 	 * which the installed copy may be partial until the next update or fix.
 	 */
 	void ApplyUpdate() override;
@@ -102,7 +102,7 @@ private:
 	void _ClearInstallDirectory() const;
 	/** Moves the new tree in; false, with nothing done, where that is no mere renaming. */
 	bool _MoveIn() const;
-	void _CopyFiles(const std::string& root) const;
+	void _PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const;
 
 	std::string id_;
 	RemoteInfo remote_;

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -51,6 +52,7 @@ private:
 };
 
 constexpr char kLogSource[] = "strategy_full.cpp";
+constexpr char kUnpacked[] = "full";
 constexpr char kStaged[] = "staged";     // the new tree
 constexpr char kReplaced[] = "replaced"; // the old one, until readers may go on
 
@@ -59,6 +61,13 @@ bool AreOnOneFileSystem(const std::string& left, const std::string& right) {
 	struct stat right_status {};
 	return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
 	       left_status.st_dev == right_status.st_dev;
+}
+
+/** Whether what is made in a directory gets its group or its access list from it. Moved entries would not. */
+bool HandsAttributesDown(const std::string& directory) {
+	struct stat status {};
+	return stat(directory.c_str(), &status) != 0 || (status.st_mode & S_ISGID) != 0 ||
+	       getxattr(directory.c_str(), "system.posix_acl_default", nullptr, 0) > 0;
 }
 
 std::vector<std::string> EntriesOf(const std::string& directory) {
@@ -97,11 +106,15 @@ FullStrategy::~FullStrategy() {
 
 void FullStrategy::PrepareUpdate() {
 	const IOUtils io;
+	// What a killed run left takes space that this one needs: both of its trees, and a diff update's replaced files.
+	for (const char* suffix : {kUnpacked, kStaged, kReplaced, "sum"}) {
+		io.RmRf(TempPath(temp_base_, id_, suffix));
+	}
 	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));
 	io.TarnMkdir(TempDirPath(temp_base_));
 	RemoveLink(package_path_);
 	io.Download(package_path_, remote_.download_link);
-	unpack_directory_ = TempPath(temp_base_, id_, "full");
+	unpack_directory_ = TempPath(temp_base_, id_, kUnpacked);
 	MakeEmptyDirectory(unpack_directory_);
 	_ExtractTarballTo(package_path_, unpack_directory_);
 	_CalModifyInfo();
@@ -119,7 +132,8 @@ void FullStrategy::ApplyUpdate() {
 		AnnounceReplacement(id_);
 		_ClearInstallDirectory();
 		if (!is_staged_ || !_MoveIn()) {
-			_CopyFiles(install_directory_);
+			CleanTmpData(TempPath(temp_base_, id_, kStaged));
+			_PlaceFiles(install_directory_, InstallRegularFile);
 		}
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(messages::kFullUpdate) + error.what());
@@ -170,16 +184,14 @@ void FullStrategy::_CalModifyInfo() {
 
 bool FullStrategy::_Stage() const {
 	const std::string staged = TempPath(temp_base_, id_, kStaged);
-	if (!AreOnOneFileSystem(unpack_directory_, install_directory_)) {
+	if (!AreOnOneFileSystem(unpack_directory_, install_directory_) || HandsAttributesDown(install_directory_)) {
 		return false;
 	}
 	const ActivityScope activity(Phase::kUnpack, staged);
 	try {
-		for (const std::string& directory : {staged, TempPath(temp_base_, id_, kReplaced)}) {
-			IOUtils().RmRf(directory); // Whatever a killed run left.
-			fs::create_directory(directory);
-		}
-		_CopyFiles(staged);
+		fs::create_directory(staged);
+		fs::create_directory(TempPath(temp_base_, id_, kReplaced));
+		_PlaceFiles(staged, LinkRegularFile);
 		return true;
 	} catch (const std::exception& error) {
 		TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", error.what());
@@ -213,19 +225,19 @@ bool FullStrategy::_MoveIn() const {
 	return true;
 }
 
-void FullStrategy::_CopyFiles(const std::string& root) const {
+void FullStrategy::_PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const {
 	fs::path made;
 	for (const auto& [target, info] : modify_infos_) {
 		if (info.operation != ModifyInfo::kOverride) {
 			throw UpdateError("operation not set to override");
 		}
-		const fs::path place = root + "/" + target.substr(install_directory_.size());
-		const fs::path parent = place.parent_path();
+		const fs::path path = root + "/" + target.substr(install_directory_.size());
+		const fs::path parent = path.parent_path();
 		if (parent != made) {
 			fs::create_directories(parent);
 			made = parent;
 		}
-		InstallRegularFile(info.source, place.string());
+		place(info.source, path.string());
 	}
 }
 

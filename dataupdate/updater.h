@@ -28,7 +28,8 @@ namespace tarn::dataupdate {
  * Bounds the threads that take the digests of several files at once, for the whole process. By default there is one for
  * each processor that the process may use; they block all signals and end with the function that started them.
  *
- * @param count  1 takes all digests in the calling thread; 0 is the default
+ * @param count  1 takes all digests in the calling thread; 0 is the default; more than four for each processor count as
+ *               four
  */
 TARNDBUD_EXPORT void LimitDigestThreads(unsigned count);
 

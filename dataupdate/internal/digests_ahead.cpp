@@ -16,6 +16,8 @@ namespace tarn::dataupdate {
 
 namespace {
 
+constexpr unsigned kMostPerProcessor = 4;
+
 std::atomic<unsigned> most_threads(0);
 
 std::optional<std::string> DigestAt(const std::string& path) {
@@ -35,7 +37,8 @@ void LimitDigestThreads(unsigned count) {
 
 DigestsAhead::DigestsAhead(std::vector<std::string> paths, Caller caller)
     : paths_(std::move(paths)), results_(paths_.size()) {
-	const unsigned limit = most_threads == 0 ? Processors() : most_threads.load();
+	const unsigned limit =
+	    most_threads == 0 ? Processors() : std::min(most_threads.load(), kMostPerProcessor * Processors());
 	// The caller is one of the threads that the limit allows.
 	const std::size_t useful = paths_.size() + (caller == Caller::kHasOtherWork ? 1 : 0);
 	threads_ = StartThreads(std::max<std::size_t>(std::min<std::size_t>(limit, useful), 1) - 1, [this] {

@@ -91,6 +91,12 @@ void CopyRegularFile(const std::string& src, const std::string& dst) {
 	}
 }
 
+void LinkRegularFile(const std::string& src, const std::string& dst) {
+	if (linkat(AT_FDCWD, src.c_str(), AT_FDCWD, dst.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+		ThrowErrno("link", src, dst);
+	}
+}
+
 void InstallRegularFile(const std::string& src, const std::string& dst) {
 	if (linkat(AT_FDCWD, src.c_str(), AT_FDCWD, dst.c_str(), AT_SYMLINK_FOLLOW) == 0) {
 		AddActivityBytes(boost::filesystem::file_size(dst));

@@ -13,6 +13,9 @@ namespace tarn::dataupdate {
  */
 void CopyRegularFile(const std::string& src, const std::string& dst);
 
+/** Gives a regular file (or the one that a link leads to) a second name, or throws as CopyRegularFile(). */
+void LinkRegularFile(const std::string& src, const std::string& dst);
+
 /**
  * Gives a regular file (or the one that a link leads to) a second name at a path that must not exist, on another file
  * system a copy. For files that no process will write to under their first name: takes no space, no copying, and leaves

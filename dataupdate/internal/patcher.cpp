@@ -55,6 +55,23 @@ void CheckSources(const std::map<std::string, ModifyInfo>& modify_infos) {
 	}
 }
 
+/** Whether the one file that was asked about has a digest; not when nobody can tell. */
+bool HasDigest(DigestsAhead& digest, const std::string& expected) {
+	try {
+		return digest.Next() == expected;
+	} catch (const fs::filesystem_error&) {
+		return false;
+	}
+}
+
+/** Whether a file was written to or replaced, so that a copy made before may hold anything. */
+bool HasChanged(const std::string& path, const struct stat& before) {
+	struct stat now {};
+	return stat(path.c_str(), &now) != 0 || now.st_dev != before.st_dev || now.st_ino != before.st_ino ||
+	       now.st_size != before.st_size || now.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+	       now.st_mtim.tv_nsec != before.st_mtim.tv_nsec;
+}
+
 /**
  * Puts a new file in place, or takes a deleted one away, by one rename. The old file goes to where the new one was, and
  * is removed with the temporary data, when no reader waits for it. False, with nothing done, where a link or a
@@ -67,7 +84,8 @@ bool Exchange(const ModifyInfo& info, const std::string& installed) {
 		return false;
 	}
 	if (info.operation == ModifyInfo::kDelete) {
-		return is_there && renameat2(AT_FDCWD, installed.c_str(), AT_FDCWD, info.source.c_str(), RENAME_NOREPLACE) == 0;
+		const std::string gone = info.source + ".gone"; // No working copy has a dot in its name.
+		return is_there && renameat2(AT_FDCWD, installed.c_str(), AT_FDCWD, gone.c_str(), RENAME_NOREPLACE) == 0;
 	}
 	const bool is_file = lstat(info.source.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 	const unsigned flags = is_there ? RENAME_EXCHANGE : RENAME_NOREPLACE;
@@ -185,6 +203,10 @@ void Patcher::_PatchFile(const std::string& name, const std::string& operation, 
 
 void Patcher::_PatchInstalled(
     const std::string& installed, const std::string& database, const std::string& script) const {
+	struct stat before {};
+	const bool is_known = stat(installed.c_str(), &before) == 0;
+	IOUtils().CopyFile(installed, database);
+	CheckNoLink(database);
 	const auto known = digests_.find(installed);
 	boost::system::error_code ignored;
 	if (known == digests_.end() || !fs::is_regular_file(fs::symlink_status(database, ignored))) {
@@ -199,7 +221,7 @@ void Patcher::_PatchInstalled(
 	} catch (const UpdateError&) {
 		failure = std::current_exception();
 	}
-	if (digest.Next() != known->second) {
+	if (!is_known || !HasDigest(digest, known->second) || HasChanged(installed, before)) {
 		throw UpdateError((NoexceptFormat("File %s digest check fail") % installed).str());
 	}
 	if (failure) {
@@ -211,14 +233,16 @@ void Patcher::_UpdateFile(const std::string& name, const std::string& working_co
 	const std::string extension = fs::path(input).extension().string();
 	const std::string installed = (fs::path(install_directory_) / PlainName(name)).string();
 	const bool is_first = !ExistsOrThrow(working_copy);
+	if (is_first && extension == ".sqlitediff") {
+		_PatchInstalled(installed, working_copy, input);
+		return;
+	}
 	if (is_first) {
 		IOUtils().CopyFile(installed, working_copy);
 	}
 	CheckNoLink(working_copy);
 	if (extension == ".vcdiff") {
 		_DoVcPatch(working_copy, input);
-	} else if (extension == ".sqlitediff" && is_first) {
-		_PatchInstalled(installed, working_copy, input);
 	} else if (extension == ".sqlitediff") {
 		_DoSqlitePatch(working_copy, input);
 	} else {

@@ -52,8 +52,8 @@ public:
 	/**
 	 * Removes or replaces the installed files accordingly. A deleted name may be a directory's: the directory goes with
 	 * what the chain deletes in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
-	 * when a new file's place is taken by a directory with files of which the chain knows nothing. Where a regular file
-	 * is replaced or deleted, the old one lies under the new one's name in the accumulation directory afterwards.
+	 * when a new file's place is taken by a directory with files of which the chain knows nothing. A regular file
+	 * that is replaced or deleted is moved to the accumulation directory, where both are on one file system.
 	 *
 	 * @param changes  CheckedChanges()
 	 */
@@ -66,7 +66,7 @@ private:
 	 */
 	bool _DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const;
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
-	/** Executes a script on the first copy of a file, and looks whether the file is the one that it was made for. */
+	/** Makes the first copy of a file, executes a script on it, and looks whether the file is what was recorded. */
 	void _PatchInstalled(const std::string& installed, const std::string& database, const std::string& script) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
 	void _DoVcPatch(const std::string& file, const std::string& patch) const;

@@ -127,26 +127,32 @@ void CheckStandsAlone(const std::string& database) {
 	}
 }
 
+/** The memory that scripts may take by now; a host's own limit may be lower. */
+std::int64_t FreeMemory() {
+	return std::min<std::int64_t>(kMaxScriptMemoryBytes, sqlite3_hard_heap_limit64(-1) - sqlite3_memory_used());
+}
+
 /**
- * Originals of changed pages go to memory where all pages of the file fit into it, so that a page costs one write and
- * not four; whoever is killed leaves a working copy that nobody uses. In WAL mode the file says so itself.
+ * Originals of changed pages go to memory where all pages of the file fit into a quarter of it, so that a page costs
+ * one write and not four; whoever is killed leaves a working copy that nobody uses. In WAL mode the file says so
+ * itself.
  */
 void ChooseJournal(SQLite::Database& file, std::int64_t file_bytes) {
-	constexpr std::int64_t kLargestInMemory = kMaxScriptMemoryBytes * 3 / 8;
-	if (file_bytes <= kLargestInMemory && file.execAndGet("PRAGMA journal_mode").getString() != "wal") {
+	if (file_bytes <= FreeMemory() / 4 && file.execAndGet("PRAGMA journal_mode").getString() != "wal") {
 		file.execAndGet("PRAGMA journal_mode = MEMORY");
 	}
 }
 
 /** Only before the transaction. */
 void Prepare(SQLite::Database& file) {
-	constexpr std::int64_t kCacheKiB = kMaxScriptMemoryBytes / 2 / 1024;
+	constexpr std::int64_t kKiB = 1024;
 	const std::int64_t page_bytes = file.execAndGet("PRAGMA page_size").getInt64();
 	const std::int64_t pages = file.execAndGet("PRAGMA page_count").getInt64();
 	file.exec("PRAGMA synchronous = OFF");
 	file.exec("PRAGMA max_page_count = " + std::to_string(pages + kMaxScriptGrowthBytes / page_bytes));
-	// Whatever the file asks for: a page that leaves the cache before the commit may be written several times.
-	file.exec("PRAGMA cache_size = -" + std::to_string(kCacheKiB));
+	// Whatever the file asks for: a page that leaves the cache before the commit may be written several times. Most of
+	// the memory is for indexes that are made, and for temporary tables.
+	file.exec("PRAGMA cache_size = -" + std::to_string(std::max(FreeMemory() / 8 / kKiB, kKiB)));
 	// Temporary tables are kept in memory, which is limited, so that they do not fill /var/tmp.
 	file.exec("PRAGMA temp_store = MEMORY");
 	ChooseJournal(file, pages * page_bytes);

@@ -455,7 +455,7 @@ TEST_F(PatcherTest, LeavesForLaterWhatItReplacesAndDeletes) {
 	EXPECT_THAT(EntriesBelow(Installed("")), testing::ElementsAre("f"));
 	EXPECT_EQ(ReadFile(Installed("f")), "new");
 	EXPECT_EQ(ReadFile(Copy("f")), "old");
-	EXPECT_EQ(ReadFile(Copy("gone")), "deleted");
+	EXPECT_EQ(ReadFile(Copy("gone.gone")), "deleted");
 }
 
 TEST_F(PatcherTest, CopiesBetweenFileSystems) {

@@ -198,8 +198,7 @@ TEST_F(FullStrategyTest, PassesOnDownloadAndPackageErrors) {
 TEST_F(FullStrategyTest, NeverInstallsWhatAKilledRunLeftBehind) {
 	WriteFile(Temp("geo_full/stale"), "unsigned");
 	WriteFile(Temp("geo_v12"), "left behind");
-	WriteFile(Temp("geo_sum/stale"), "x"); // This and the others have no part in a full update.
-	WriteFile(Temp("geo_v11"), "x");
+	WriteFile(Temp("geo_v11"), "x"); // This and the other have no part in the update.
 	WriteFile(Temp("poi_v3"), "x");
 	platform_.package_files = {{"new", ""}};
 	{
@@ -208,13 +207,34 @@ TEST_F(FullStrategyTest, NeverInstallsWhatAKilledRunLeftBehind) {
 		strategy.ApplyUpdate();
 	}
 	EXPECT_THAT(EntriesBelow(Installed("")), ElementsAre("new"));
-	EXPECT_THAT(EntriesBelow(Temp("")), UnorderedElementsAre("geo_sum", "geo_sum/stale", "geo_v11", "poi_v3"));
+	EXPECT_THAT(EntriesBelow(Temp("")), UnorderedElementsAre("geo_v11", "poi_v3"));
+}
+
+TEST_F(FullStrategyTest, FreesTheSpaceThatAKilledRunHoldsBeforeTheDownload) {
+	for (const char* left : {"full", "staged", "replaced", "sum"}) {
+		WriteFile(Temp(std::string("geo_") + left + "/file"), "large");
+	}
+	platform_.execl = [&](const std::string&, unsigned int, const test::FakePlatform::Arguments&) {
+		EXPECT_THAT(EntriesBelow(Temp("")), IsEmpty());
+		return 1;
+	};
+	EXPECT_THAT(PrepareFailure(), StartsWith("Fail to wget url: "));
+}
+
+TEST_F(FullStrategyTest, InstallsFileByFileWhereFilesGetTheirGroupFromTheDirectory) {
+	platform_.package_files = {{"a", "new"}};
+	fs::create_directories(Installed(""));
+	ASSERT_EQ(chmod(Installed("").c_str(), 02755), 0);
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	EXPECT_FALSE(fs::exists(Temp("geo_staged")));
+	strategy.ApplyUpdate();
+	EXPECT_EQ(ReadFile(Installed("a")), "new");
 }
 
 TEST_F(FullStrategyTest, ClearsItsDirectoryRightBeforeItIsUsed) {
-	WriteFile(Temp("geo_full/stale"), "unsigned");
 	platform_.execl = [&](const std::string&, unsigned int, const test::FakePlatform::Arguments& arguments) {
-		EXPECT_TRUE(fs::exists(Temp("geo_full/stale"))); // Until the package is there.
+		WriteFile(Temp("geo_full/stale"), "unsigned"); // By whoever it was, while the package came.
 		WriteFile(arguments.at(3), "package");
 		return 0;
 	};
