@@ -145,14 +145,13 @@ void ChooseJournal(SQLite::Database& file, std::int64_t file_bytes) {
 
 /** Only before the transaction. */
 void Prepare(SQLite::Database& file) {
-	constexpr std::int64_t kKiB = 1024;
 	const std::int64_t page_bytes = file.execAndGet("PRAGMA page_size").getInt64();
 	const std::int64_t pages = file.execAndGet("PRAGMA page_count").getInt64();
 	file.exec("PRAGMA synchronous = OFF");
 	file.exec("PRAGMA max_page_count = " + std::to_string(pages + kMaxScriptGrowthBytes / page_bytes));
 	// Whatever the file asks for: a page that leaves the cache before the commit may be written several times. Most of
 	// the memory is for indexes that are made, and for temporary tables.
-	file.exec("PRAGMA cache_size = -" + std::to_string(std::max(FreeMemory() / 8 / kKiB, kKiB)));
+	file.exec("PRAGMA cache_size = -" + std::to_string(std::max<std::int64_t>(FreeMemory() / 8 / 1024, 1000)));
 	// Temporary tables are kept in memory, which is limited, so that they do not fill /var/tmp.
 	file.exec("PRAGMA temp_store = MEMORY");
 	ChooseJournal(file, pages * page_bytes);
