@@ -72,7 +72,7 @@ void DiffStrategy::PrepareUpdate() {
 		throw UpdateError("No sufficient diff patched");
 	}
 	const IOUtils io;
-	accumulation_directory_ = TempPath(temp_base_, id_, "sum");
+	accumulation_directory_ = TempPath(temp_base_, id_, kAccumulated);
 	MakeEmptyDirectory(accumulation_directory_);
 	patcher_ = std::make_unique<Patcher>(
 	    accumulation_directory_, install_directory_, RunDecoder, KnownDigests(status_, install_directory_));

@@ -107,7 +107,7 @@ FullStrategy::~FullStrategy() {
 void FullStrategy::PrepareUpdate() {
 	const IOUtils io;
 	// What a killed run left takes space that this one needs: both of its trees, and a diff update's replaced files.
-	for (const char* suffix : {kUnpacked, kStaged, kReplaced, "sum"}) {
+	for (const char* suffix : {kUnpacked, kStaged, kReplaced, kAccumulated}) {
 		io.RmRf(TempPath(temp_base_, id_, suffix));
 	}
 	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));

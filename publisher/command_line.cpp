@@ -182,10 +182,8 @@ constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
 CLI::callback_t TakeKeptDiffs(KeptDiffs& kept) {
 	return [&kept](const CLI::results_t& words) {
 		const std::string& text = words.front();
-		int number = 0;
-		const bool is_number = CLI::detail::lexical_cast(text, number);
-		kept = is_number ? KeptDiffs(number) : std::nullopt;
-		if (!is_number && text != "auto") {
+		kept = ParseVersion(text); // A number as a version is: digits alone.
+		if (!kept && text != "auto") {
 			throw UsageError("--keep-diffs \"" + text + R"(" must be a number or "auto".)");
 		}
 		return true;

@@ -7,6 +7,9 @@
 
 namespace tarn::dataupdate {
 
+/** Ends the name of the directory with a diff update's working copies, and what the update replaced. */
+constexpr char kAccumulated[] = "sum";
+
 /** A name of a database's own in the temporary area: "<area>/<id>_<suffix>". */
 std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix);
 

@@ -1,3 +1,4 @@
+#include "dataupdate/internal/digest_stream.h"
 #include "dataupdate/internal/patcher.h"
 #include "fake_system.h"
 #include "library_test.h"
@@ -267,6 +268,20 @@ TEST_F(PatcherTest, KnowsAFileByItsRecordWhateverItsSpelling) {
 	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("a/d"), std::string(96, '0')}});
 	EXPECT_EQ(Failure(Entry("a//d", "update", "p.sqlitediff"), {{"p.sqlitediff", ""}}),
 	    "File " + Installed("a/d") + " digest check fail");
+}
+
+TEST_F(PatcherTest, RefusesADatabaseThatSomebodyWritesWhileItIsCopied) {
+	WriteFile(Installed("d"), "old");
+	WriteFile(directory_ / "right", "right");
+	patcher_ =
+	    Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("d"), FileSha384(directory_ / "right")}});
+	system_.on_call = [this](const std::string& call) {
+		if (call == "copy_file_range") { // By the time of the digest all is well.
+			WriteFile(Installed("d"), "right");
+		}
+	};
+	EXPECT_EQ(Failure(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", ""}}),
+	    "File " + Installed("d") + " digest check fail");
 }
 
 TEST_F(PatcherTest, PatchesNoInstalledLink) {

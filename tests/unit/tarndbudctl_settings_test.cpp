@@ -71,6 +71,8 @@ TEST_P(WrongSettingsTest, AreNamed) {
 INSTANTIATE_TEST_SUITE_P(Values, WrongSettingsTest,
     testing::Values(Case{kService, "null", "it must hold an object"}, Case{kDatabases, "[]", "it must hold an object"},
         Case{kService, R"({"config":"x"})", "'config' must be an object"},
+        Case{kService, R"({"config":{"digest_threads":"2"}})",
+            "'digest_threads' of 'config' must be a whole number from 0 to 4294967295"},
         Case{kService, R"({"config":{"db_ver":1}})", "'db_ver' of 'config' must be a string in quotation marks"},
         Case{kDatabases, R"({"geo":{"auto_update":"false"}})",
             "'auto_update' of 'geo' must be true or false, without quotation marks"},
