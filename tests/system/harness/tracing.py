@@ -39,9 +39,9 @@ def is_possible() -> bool:
     return shutil.which("strace") is not None and subprocess.run(["strace", "-qq", "-o/dev/null", "true"]).returncode == 0
 
 
-def points(report: Path, program: list[str]) -> list[Point]:
-    """All calls of a program and what it starts; the same of several processes is one."""
-    result = programs.run("strace", "-f", "-qq", "-o", report, "-e", f"trace={CALLS}", *program)
+def points(report: Path, program: list[str], traced: str = CALLS) -> list[Point]:
+    """All these calls of a program and what it starts; the same of several processes is one."""
+    result = programs.run("strace", "-f", "-qq", "-o", report, "-e", f"trace={traced}", *program)
     assert result.status == 0, str(result)
     calls = Counter(match.groups() for match in map(CALL.match, report.read_text(errors="replace").splitlines()) if match)
     most: dict[str, int] = {}
