@@ -2,19 +2,18 @@
 
 from __future__ import annotations
 
-import os
-import signal
 import time
 from pathlib import Path
 
 import pytest
-from harness import programs, trees, views, waiting
+from harness import programs, tracing, trees, views, waiting
 from harness.device import DATABASE, STATUS, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 KINDS = ("reader.c", "reader.sh")
+TRACED = pytest.mark.skipif(not tracing.is_possible(), reason="other programs cannot be traced here")
 CYCLES = 100
 CARELESS_SECONDS = 60
 
@@ -47,30 +46,16 @@ def publish(publisher: Publisher, place: Path, content: str) -> None:
     publisher.publish(trees.write_tree(place, {"list": content.encode(), **files}), DATABASE)
 
 
-def stopped_in_replacement(device: Device) -> programs.Running | None:
-    """An update that has been stopped while it replaces files; none when it was faster."""
-    update = device.start("update", DATABASE)
-    while not device.mark(DATABASE).exists() and not update.has_ended():
-        pass
-    os.kill(update.pid, signal.SIGSTOP)
-    if device.mark(DATABASE).exists() and device.is_locked(f"using_{DATABASE}.lock"):
-        return update
-    os.kill(update.pid, signal.SIGCONT)
-    assert update.wait().status == 0
-    return None
-
-
-def met_in_replacement(device: Device, publisher: Publisher, place: Path) -> tuple[programs.Running, str]:
-    """An update that has been stopped while it replaces files, and the content that it brings."""
-    publish(publisher, place, "0")
+def stopped_in_replacement(device: Device, publisher: Publisher, place: Path) -> tracing.Stopped:
+    """An update from content "0" to "1" that has been stopped while it replaces files."""
+    publish(publisher, place / "tree", "0")
     device.update(DATABASE)
-    for number in range(1, 20):
-        publish(publisher, place, str(number))
-        device.forget_document()
-        update = stopped_in_replacement(device)
-        if update:
-            return update, str(number)
-    pytest.fail("no replacement was ever met")
+    publish(publisher, place / "tree", "1")
+    device.forget_document()
+    update = tracing.Stopped(place / "report", tracing.REPLACING, [programs.CTL, "update", DATABASE])
+    assert device.mark(DATABASE).exists()
+    assert device.is_locked(f"using_{DATABASE}.lock")
+    return update
 
 
 def test_a_reader_without_its_arguments_says_what_it_wants(reader: str) -> None:
@@ -79,10 +64,11 @@ def test_a_reader_without_its_arguments_says_what_it_wants(reader: str) -> None:
     assert result.stderr.startswith("usage: reader")
 
 
+@TRACED
 def test_a_reader_waits_for_a_replacement_that_is_running(
     connected: Device, publisher: Publisher, reader: str, tmp_path: Path
 ) -> None:
-    update, content = met_in_replacement(connected, publisher, tmp_path / "tree")
+    update = stopped_in_replacement(connected, publisher, tmp_path)
     try:
         assert programs.run(*printing(reader, connected, 0)).status == 75
         reading = programs.Running(printing(reader, connected, 60))
@@ -90,18 +76,19 @@ def test_a_reader_waits_for_a_replacement_that_is_running(
         waiting.until(lambda: waiting.has_open(reading.pid, lock), "the reader waits")
         assert not reading.has_ended()
     finally:
-        os.kill(update.pid, signal.SIGCONT)
+        update.go_on()
     result = reading.wait()
     assert update.wait().status == 0
     # The one in C does not wait until the replacement has been recorded.
-    assert (result.status, result.stdout) == (0, content) or result.status == 75
-    assert programs.run_ok(*printing(reader, connected, 60)).stdout == content
+    assert (result.status, result.stdout) == (0, "1") or result.status == 75
+    assert programs.run_ok(*printing(reader, connected, 60)).stdout == "1"
 
 
+@TRACED
 def test_a_reader_leaves_a_mixture_alone_that_a_killed_update_left(
     connected: Device, publisher: Publisher, reader: str, tmp_path: Path
 ) -> None:
-    update, content = met_in_replacement(connected, publisher, tmp_path / "tree")
+    update = stopped_in_replacement(connected, publisher, tmp_path)
     update.kill()
     update.wait()
     assert connected.mark(DATABASE).exists()
@@ -117,7 +104,7 @@ def test_a_reader_leaves_a_mixture_alone_that_a_killed_update_left(
     assert check.status == 4
     assert "the last replacement of its files was not finished" in check.stdout
     connected.run_ok("update", DATABASE)
-    assert programs.run_ok(*printing(reader, connected, 0)).stdout == content
+    assert programs.run_ok(*printing(reader, connected, 0)).stdout == "1"
     connected.run_ok("check", DATABASE)
 
 

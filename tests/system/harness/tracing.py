@@ -2,14 +2,16 @@
 
 from __future__ import annotations
 
+import os
 import re
 import shutil
+import signal
 import subprocess
 from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import programs
+from . import programs, waiting
 
 # A question mark lets a call be unknown on the processor at hand.
 CALLS = ",".join(
@@ -23,6 +25,9 @@ CALLS = ",".join(
     )
 )  # fmt: skip
 CALL = re.compile(r"^(\d+) +([a-z]\w*)\(")
+REPLACING = "renameat2"
+"""The call that brings files in below the readers' lock; nothing else uses it."""
+STOP = re.compile(r"^(\d+) +--- stopped by SIGSTOP", re.MULTILINE)
 FAULT = re.compile(r"\(INJECTED\)|killed by SIGKILL")
 
 
@@ -59,3 +64,27 @@ def run_with_fault(report: Path, fault: str, point: Point, program: list[str]) -
 def faults(report: Path) -> list[str]:
     """The calls that met the fault, as far as they were written down."""
     return [line for line in report.read_text(errors="replace").splitlines() if FAULT.search(line)]
+
+
+class Stopped:
+    """A program that stops by itself right after its first call of a name."""
+
+    def __init__(self, report: Path, call: str, program: list[str]) -> None:
+        report.unlink(missing_ok=True)
+        self._tracer = programs.Running([
+            "strace", "-f", "-qq", "-o", str(report), "-e", f"trace={call}",
+            "-e", f"inject={call}:signal=SIGSTOP:when=1", *program,
+        ])  # fmt: skip
+        waiting.until(lambda: report.exists() and STOP.search(report.read_text(errors="replace")) is not None, "it stops")
+        match = STOP.search(report.read_text(errors="replace"))
+        assert match
+        self._pid = int(match[1])
+
+    def go_on(self) -> None:
+        os.kill(self._pid, signal.SIGCONT)
+
+    def kill(self) -> None:
+        os.kill(self._pid, signal.SIGKILL)
+
+    def wait(self) -> programs.Result:
+        return self._tracer.wait()
