@@ -13,13 +13,18 @@ from statistics import median
 from harness.device import STATUS, Device, empty
 from harness.publisher import Publisher
 
-from bench import sizes
-from bench.tools import shell, timed
+from bench import sizes, stock
+from bench.tools import our_phases, shell, timed
 
 DATABASE = "chain"
 STEPS = 5
-# Of the other's time and bytes.
-LIMITS = {1: (0.6, 0.9), STEPS: (0.5, 0.9)}
+Row = dict[str, object]
+# Of the other's time, and of its bytes.
+TIME_LIMITS = {1: 0.6, STEPS: 0.5}
+BYTES_LIMIT = 0.9
+FULL_TIME_LIMIT = 0.55
+FULL_BYTES_LIMIT = 1.0
+FULL_LEVEL = 19
 
 # One step as somebody would write it: fetch, verify, unpack, patch beside the old files, move, note the new digests.
 STEP = """
@@ -91,8 +96,8 @@ class History:
 
 
 class ChainBench:
-    def __init__(self, publisher: Publisher, scratch: Path, total_bytes: int) -> None:
-        self._publisher, self._scratch = publisher, scratch
+    def __init__(self, build: Path, publisher: Publisher, scratch: Path, total_bytes: int) -> None:
+        self._build, self._publisher, self._scratch = build, publisher, scratch
         self._tree = scratch / "tree"
         self._history = History(self._tree, total_bytes)
         self._documents: dict[int, str] = {}
@@ -111,29 +116,55 @@ class ChainBench:
             before = self._bytes[step - 1]
             self._bytes[step] = (before[0] + ours, before[1] + theirs)
             shutil.rmtree(old)
+        self._stock_bytes = stock.make_package(self._tree, self._publisher, FULL_LEVEL).stat().st_size
 
-    def measure(self, kind: str, volume: Path, device: Device, url: str, rounds: int) -> Iterator[dict[str, object]]:
+    def sizes(self) -> Iterator[Row]:
+        for steps in TIME_LIMITS:
+            ours, peer = (count / 1000 for count in self._bytes[steps])
+            yield {"what": f"{name_of(steps)}, bytes", "ours": ours, "peer": peer, "limit": BYTES_LIMIT, "unit": "k"}
+        ours = self._publisher.package(DATABASE, STEPS + 1).stat().st_size / 1e6
+        what = f"full package, bytes (tar and zstd -{FULL_LEVEL})"
+        yield {"what": what, "ours": ours, "peer": self._stock_bytes / 1e6, "limit": FULL_BYTES_LIMIT, "unit": "M"}
+
+    def measure(self, kind: str, volume: Path, device: Device, url: str, rounds: int) -> Iterator[Row]:
         """On one file system, from version 1 each time; ours and theirs take turns."""
         self._offer(1)
         device.update(DATABASE)
         shell('cp -a "$A" "$V/first"; cp -a "$S" "$V/state"', A=device.installed(DATABASE), S=STATUS / DATABASE, V=volume)
-        for steps, (time_limit, byte_limit) in LIMITS.items():
-            ours, theirs = [], []
+        for steps, limit in TIME_LIMITS.items():
+            ours, theirs, phases = [], [], []
             for _ in range(rounds + 1):
                 theirs.append(self._stock_update(volume, url, steps))
                 ours.append(self._our_update(volume, device, steps))
-            what = "one diff" if steps == 1 else f"chain of {steps}"
-            row = {"ours": median(ours[1:]), "peer": median(theirs[1:]), "limit": time_limit, "unit": "s"}
-            yield {"what": f"{kind}: {what} (script and xdelta3 by hand)", **row}
-            sizes_of = dict(zip(("ours", "peer"), (count / 1000 for count in self._bytes[steps]), strict=True))
-            yield {"what": f"{kind}: {what}, bytes", **sizes_of, "limit": byte_limit, "unit": "k"}
+                phases.append(self._our_phases(volume, device))
+            stock.print_phases(f"{kind}: {name_of(steps)}", phases[1:])
+            what = f"{kind}: {name_of(steps)} (script and xdelta3 by hand)"
+            yield {"what": what, "ours": median(ours[1:]), "peer": median(theirs[1:]), "limit": limit, "unit": "s"}
+        yield self._measure_full(kind, volume, device, url, rounds)
+
+    def _measure_full(self, kind: str, volume: Path, device: Device, url: str, rounds: int) -> Row:
+        ours, theirs = [], []
+        self._offer(STEPS + 1, chain=False)
+        for _ in range(rounds + 1):
+            shell('cp -a "$V/first" "$V/stock"; sync -f "$V"', V=volume)
+            theirs.append(stock.update(volume, self._publisher, url))
+            self._restore(volume, device)
+            ours.append({"total": timed(lambda: device.run_ok("update", DATABASE))})
+            ours[-1] |= self._our_phases(volume, device)
+        stock.print_phases(f"{kind}: full", ours[1:], theirs[1:])
+        peer = median(sum(phases.values()) for phases in theirs[1:])
+        what = f"{kind}: full (stock tools, with sync)"
+        return {"what": what, "ours": median(run["total"] for run in ours[1:]), "peer": peer, "limit": FULL_TIME_LIMIT, "unit": "s"}
 
     def _publish(self, version: int) -> None:
         self._publisher.publish(self._tree, DATABASE, keep_diffs=STEPS)
         self._documents[version] = self._publisher.document.read_text()
 
-    def _offer(self, version: int) -> None:
-        self._publisher.document.write_text(self._documents[version])
+    def _offer(self, version: int, *, chain: bool = True) -> None:
+        document = json.loads(self._documents[version])
+        if not chain:
+            document["db_list"][DATABASE]["diff_files"] = {}
+        self._publisher.document.write_text(json.dumps(document))
 
     def _make_stock_step(self, step: int, old: Path) -> int:
         patches = self._scratch / "patches"
@@ -164,17 +195,31 @@ class ChainBench:
         shell('rm -r "$INSTALL" "$V/digests"', **variables)
         return seconds
 
-    def _our_update(self, volume: Path, device: Device, steps: int) -> float:
+    def _restore(self, volume: Path, device: Device) -> None:
+        """Has version 1 installed again, and the document asked for."""
         installed = device.installed(DATABASE)
         empty(installed)
         shell(
             'cp -a "$V/first/." "$INSTALL"; rm -r "$S"; cp -a "$V/state" "$S"; sync -f "$V"',
             V=volume, INSTALL=installed, S=STATUS / DATABASE,
         )  # fmt: skip
-        self._offer(steps + 1)
         device.forget_document()
+
+    def _our_update(self, volume: Path, device: Device, steps: int) -> float:
+        self._offer(steps + 1)
+        self._restore(volume, device)
         seconds = timed(lambda: device.run_ok("update", DATABASE))
         assert device.version(DATABASE) == steps + 1
         downloaded = json.loads((STATUS / DATABASE / "last_run.json").read_text())["downloaded_bytes"]
         assert downloaded < self._bytes[steps][0] + len(self._documents[STEPS + 1]) + 1, "it went by the full package"
         return seconds
+
+    def _our_phases(self, volume: Path, device: Device) -> stock.Phases:
+        """What the library spends the time on, measured apart, for looking on takes time."""
+        self._restore(volume, device)
+        phases = our_phases(self._build, self._publisher, DATABASE, volume)
+        return {name: seconds for name, seconds in phases.items() if name not in ("files", "total")}
+
+
+def name_of(steps: int) -> str:
+    return "one diff" if steps == 1 else f"chain of {steps}"

@@ -10,6 +10,7 @@ import subprocess
 import threading
 import time
 from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 from statistics import median
@@ -20,11 +21,12 @@ from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
-from bench import sizes
+from bench import sizes, stock
 from bench.chains import DATABASE as CHAIN
 from bench.chains import ChainBench
 from bench.patches import PatchBench
-from bench.tools import shell, timed
+from bench.readers import ReadersBench
+from bench.tools import our_phases
 
 SOURCE = Path(__file__).resolve().parent.parent
 DATABASE = "bench"
@@ -48,14 +50,15 @@ class Scale:
     size_bytes: int
     file_systems: tuple[str, ...]
     patched_bytes: int
+    held_files: int
 
     @staticmethod
     def full(rounds: int) -> Scale:
-        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, 100_000_000, ("ext4", "btrfs", "xfs"), 315_000_000)
+        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, 100_000_000, ("ext4", "btrfs", "xfs"), 315_000_000, 60_000)
 
     @staticmethod
     def brief() -> Scale:
-        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, 2_000_000, ("ext4",), 8_000_000)
+        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, 2_000_000, ("ext4",), 8_000_000, 600)
 
 
 def make_tree(root: Path, files: int, file_bytes: int) -> None:
@@ -100,18 +103,6 @@ class PeakUse:
         self.extra = max(self._samples, default=0) - max(self._before, used_bytes(self._path))
 
 
-STOCK = {
-    "download": 'wget -q "$LINK" -O "$V/package"; wget -q "$LINK.sig" -O "$V/package.sig"',
-    "check": 'openssl pkeyutl -verify -pubin -inkey "$KEY" -rawin -in "$V/package" -sigfile "$V/package.sig"',
-    "unpack": 'mkdir "$V/unpacked"; tar --zstd -xf "$V/package" -C "$V/unpacked"',
-    "empty": 'rm -rf "$INSTALL"; mkdir -p "$INSTALL"',
-    "copy": 'cp -r --reflink=auto "$V/unpacked/." "$INSTALL"',
-    "sync": 'sync -f "$INSTALL"',
-    "hash": 'find "$INSTALL" -type f -print0 | xargs -0 openssl dgst -sha384 >"$V/digests"',
-    "clean": 'rm -rf "$V/unpacked" "$V/package" "$V/package.sig" "$V/digests"',
-}
-
-
 class Bench:
     def __init__(self, build: Path, scratch: Path, scale: Scale) -> None:
         subprocess.run(["cmake", "--install", str(build)], check=True, stdout=subprocess.DEVNULL)
@@ -144,45 +135,46 @@ class Bench:
         shutil.rmtree(place)
 
     def update(self) -> Iterator[dict[str, object]]:
-        publisher = Publisher(self._scratch / "publisher")
-        nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, self._scratch / "nginx")
-        try:
-            publisher.base = nginx.url
-            tree = self._scratch / "tree"
-            make_tree(tree, self._scale.files, self._scale.file_bytes)
-            publisher.publish(tree, DATABASE)
-            self._make_stock_package(tree, publisher)
+        with self._server("updates") as (publisher, nginx, place):
+            make_tree(place / "tree", self._scale.files, self._scale.file_bytes)
+            publisher.publish(place / "tree", DATABASE)
+            stock.make_package(place / "tree", publisher, sizes.LEVEL)
             for kind in self._scale.file_systems:
                 yield from self._on_volume(
                     kind, publisher, nginx, lambda kind, volume, _: self._compare(kind, volume, publisher, nginx.url)
                 )
-        finally:
-            nginx.close()
 
     def chain(self) -> Iterator[dict[str, object]]:
-        place = self._scratch / "chains"
-        place.mkdir()
-        publisher = Publisher(place / "publisher")
-        nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, place / "nginx")
-        try:
-            publisher.base = nginx.url
-            bench = ChainBench(publisher, place, self._scale.size_bytes)
+        with self._server("chains") as (publisher, nginx, place):
+            bench = ChainBench(self._build, publisher, place, self._scale.size_bytes)
             bench.publish()
+            yield from bench.sizes()
             for kind in self._scale.file_systems:
                 yield from self._on_volume(
                     kind, publisher, nginx,
                     lambda kind, volume, device: bench.measure(kind, volume, device, nginx.url, self._scale.rounds),
                 )  # fmt: skip
+
+    def readers(self) -> Iterator[dict[str, object]]:
+        with self._server("readers") as (publisher, nginx, place):
+            bench = ReadersBench(publisher, place, self._scale.held_files)
+            bench.publish()
+            for kind in self._scale.file_systems:
+                yield from self._on_volume(kind, publisher, nginx, lambda kind, _, device: bench.measure(kind, device))
+
+    @contextmanager
+    def _server(self, name: str) -> Iterator[tuple[Publisher, Nginx, Path]]:
+        """A publisher with its web server, in a directory that goes with it."""
+        place = self._scratch / name
+        place.mkdir()
+        publisher = Publisher(place / "publisher")
+        nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, place / "nginx")
+        try:
+            publisher.base = nginx.url
+            yield publisher, nginx, place
         finally:
             nginx.close()
             shutil.rmtree(place)
-
-    def _make_stock_package(self, tree: Path, publisher: Publisher) -> None:
-        shell(
-            'tar -C "$TREE" -cf - . | zstd -12 -q -f -o "$OUT"; '
-            'openssl pkeyutl -sign -inkey "$KEY" -rawin -in "$OUT" -out "$OUT.sig"',
-            TREE=tree, OUT=publisher.repository / "packages/stock.tar.zst", KEY=publisher.private_key,
-        )  # fmt: skip
 
     def _on_volume(
         self, kind: str, publisher: Publisher, nginx: Nginx, measure: Callable[[str, Path, Device], Iterator[dict[str, object]]]
@@ -206,8 +198,8 @@ class Bench:
             place.rmdir()
 
     def _compare(self, kind: str, volume: Path, publisher: Publisher, url: str) -> Iterator[dict[str, object]]:
-        ours: list[dict[str, float]] = []
-        peer: list[dict[str, float]] = []
+        ours: list[stock.Phases] = []
+        peer: list[stock.Phases] = []
         extra: list[float] = []
         allowed: list[float] = []
         for _ in range(self._scale.rounds + 1):
@@ -218,7 +210,7 @@ class Bench:
                 ours.append(self._our_update(volume, publisher))
             extra.append(use.extra / MIB)
         ours, peer = ours[1:], peer[1:]
-        print_phases(kind, ours, peer)
+        stock.print_phases(kind, ours, peer)
         total = [sum(phases.values()) for phases in peer]
         yield row(f"{kind}: update (stock tools, with sync)", [run["total"] for run in ours], total, PIPELINE_LIMIT)
         unsynced = [sum(phases.values()) - phases["sync"] for phases in peer]
@@ -227,27 +219,17 @@ class Bench:
         yield row(f"{kind}: readers held off (cp --reflink=auto, sync -f)", [run["apply"] for run in ours], hold, HOLD_LIMIT)
         yield row(f"{kind}: extra disk (package and one tree by stock tools)", extra[1:], allowed[1:], DISK_LIMIT, unit="M")
 
-    def _our_update(self, volume: Path, publisher: Publisher) -> dict[str, float]:
-        install = volume / "@database/autoupdate" / DATABASE
-        link = publisher.entry(DATABASE)["download_link"]
-        result = json.loads(self._run("phase_bench", DATABASE, 1, link, volume, install))
+    def _our_update(self, volume: Path, publisher: Publisher) -> stock.Phases:
+        result = our_phases(self._build, publisher, DATABASE, volume)
         assert result.pop("files") == self._scale.files
         return result
 
-    def _stock_update(self, volume: Path, publisher: Publisher, url: str) -> tuple[dict[str, float], int]:
+    def _stock_update(self, volume: Path, publisher: Publisher, url: str) -> tuple[stock.Phases, int]:
         """The time of each phase, and the disk that package and unpacked tree take together on this file system."""
-        variables = {
-            "V": volume, "INSTALL": volume / "stock", "KEY": publisher.public_key, "LINK": f"{url}/packages/stock.tar.zst",
-        }  # fmt: skip
         before = used_bytes(volume)
-        phases = {}
-        package_and_tree = 0
-        for name, script in STOCK.items():
-            phases[name] = timed(lambda script=script: shell(script, **variables))
-            if name == "unpack":
-                package_and_tree = used_bytes(volume) - before
-        shutil.rmtree(volume / "stock")
-        return phases, package_and_tree
+        used: dict[str, int] = {}
+        phases = stock.update(volume, publisher, url, lambda name: used.update({name: used_bytes(volume) - before}))
+        return phases, used["unpack"]
 
     def _run(self, program: str, *arguments: object) -> str:
         command = [str(self._build / "bench" / program), *map(str, arguments)]
@@ -256,9 +238,3 @@ class Bench:
 
 def row(what: str, ours: list[float], peer: list[float], limit: float, unit: str = "s") -> dict[str, object]:
     return {"what": what, "ours": median(ours), "peer": median(peer), "limit": limit, "unit": unit}
-
-
-def print_phases(kind: str, ours: list[dict[str, float]], peer: list[dict[str, float]]) -> None:
-    for who, runs in (("ours", ours), ("stock tools", peer)):
-        parts = [f"{name} {median(run[name] for run in runs):.3f}" for name in runs[0] if name != "total"]
-        print(f"{kind}: {who:11} {', '.join(parts)}")

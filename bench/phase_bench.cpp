@@ -1,10 +1,15 @@
-// Runs one full update through the library and prints, as JSON, how long it took and what it spent the time on.
+// Runs one update through the library and prints, as JSON, how long it took and what it spent the time on.
 //
-// phase_bench ID VERSION LINK VOLUME INSTALL_DIRECTORY
+// phase_bench ID ENTRY VOLUME INSTALL_DIRECTORY
+//
+// ENTRY is a file that holds the database's entry of the server's document. What the device's record says decides
+// whether diff packages are taken; nothing is recorded, and no document is downloaded.
 
+#include "dataupdate/installation.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/updater.h"
+#include "dataupdate/utils.h"
 
 #include <json/writer.h>
 
@@ -21,7 +26,7 @@ using Seconds = std::chrono::duration<double>;
 
 namespace {
 
-constexpr std::array<const char*, 5> kNames = {"other", "download", "check_and_unpack", "apply", "hash"};
+constexpr std::array<const char*, 6> kNames = {"other", "download", "check_and_unpack", "apply", "hash", "patch"};
 
 /** Looks every tenth of a millisecond what the library is doing, and adds the time up. */
 class Sampler {
@@ -56,16 +61,30 @@ private:
 	std::thread thread_;
 };
 
+tarn::dataupdate::DatabaseStatus Installed(const std::string& id) {
+	try {
+		return tarn::dataupdate::ReadRecord({}, id);
+	} catch (const tarn::dataupdate::UpdateError& error) {
+		if (error.code() != tarn::dataupdate::UpdateError::kFileNotExist) {
+			throw;
+		}
+		return {};
+	}
+}
+
 Json::Value Measure(char** arguments) {
-	const tarn::dataupdate::RemoteInfo remote(std::atoi(arguments[2]), 0, false, arguments[3]);
+	const auto status = Installed(arguments[1]);
+	const Json::Value entry = tarn::dataupdate::IOUtils().ReadJson(arguments[2]);
+	const auto remote = tarn::dataupdate::RemoteInfo::FromJson(entry);
+	const auto diffs = tarn::dataupdate::DiffInfo::BatchFromJson(entry["diff_files"]);
 	Sampler sampler;
 	const auto begin = Clock::now();
-	const auto status =
-	    tarn::dataupdate::Updater().Update(arguments[1], {}, remote, {}, arguments[4], arguments[5], arguments[4]);
+	const auto updated =
+	    tarn::dataupdate::Updater().Update(arguments[1], status, remote, diffs, arguments[3], arguments[4], arguments[3]);
 	const Seconds total = Clock::now() - begin;
 	sampler.Stop();
 	Json::Value result;
-	result["files"] = static_cast<Json::UInt64>(status.file_statuses.size());
+	result["files"] = static_cast<Json::UInt64>(updated.file_statuses.size());
 	result["total"] = total.count();
 	for (std::size_t phase = 0; phase < kNames.size(); ++phase) {
 		result[kNames.at(phase)] = sampler.Spent(phase);
@@ -76,8 +95,8 @@ Json::Value Measure(char** arguments) {
 } // namespace
 
 int main(int count, char** arguments) {
-	if (count != 6) {
-		std::cerr << "usage: phase_bench ID VERSION LINK VOLUME INSTALL_DIRECTORY\n";
+	if (count != 5) {
+		std::cerr << "usage: phase_bench ID ENTRY VOLUME INSTALL_DIRECTORY\n";
 		return 2;
 	}
 	try {
