@@ -79,8 +79,8 @@ Json::Value Measure(char** arguments) {
 	const auto diffs = tarn::dataupdate::DiffInfo::BatchFromJson(entry["diff_files"]);
 	Sampler sampler;
 	const auto begin = Clock::now();
-	const auto updated =
-	    tarn::dataupdate::Updater().Update(arguments[1], status, remote, diffs, arguments[3], arguments[4], arguments[3]);
+	const auto updated = tarn::dataupdate::Updater().Update(
+	    arguments[1], status, remote, diffs, arguments[3], arguments[4], arguments[3]);
 	const Seconds total = Clock::now() - begin;
 	sampler.Stop();
 	Json::Value result;
