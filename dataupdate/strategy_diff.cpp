@@ -3,6 +3,8 @@
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/staged_changes.h"
+#include "dataupdate/internal/staging.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -15,6 +17,7 @@
 #include <boost/filesystem.hpp>
 
 #include <exception>
+#include <optional>
 
 namespace tarn::dataupdate {
 
@@ -88,13 +91,18 @@ void DiffStrategy::PrepareUpdate() {
 
 void DiffStrategy::ApplyUpdate() {
 	try {
-		std::map<std::string, ModifyInfo> changes;
+		std::optional<StagedChanges> changes;
 		std::exception_ptr obstacle;
 		try {
 			// All of them, so that the first file is not replaced when the last one cannot be.
-			changes = patcher_ ? patcher_->CheckedChanges() : changes;
+			if (patcher_) {
+				changes.emplace(patcher_->CheckedChanges(), install_directory_, TempPath(temp_base_, id_, kStaged));
+			}
 		} catch (const UpdateError&) {
 			obstacle = std::current_exception();
+		}
+		if (changes) {
+			changes->Stage();
 		}
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
@@ -102,8 +110,8 @@ void DiffStrategy::ApplyUpdate() {
 		if (obstacle) { // With the mark set, so that the full package comes next: this chain would fail again.
 			std::rethrow_exception(obstacle);
 		}
-		if (patcher_) {
-			patcher_->Install(changes);
+		if (changes) {
+			changes->Install();
 		}
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(messages::kDiffUpdate) + error.what());

@@ -1,8 +1,8 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
-#include "dataupdate/internal/log.h"
 #include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/staging.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -14,8 +14,6 @@
 
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/stat.h>
-#include <sys/xattr.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -51,24 +49,8 @@ private:
 	fs::path canonical_directory_;
 };
 
-constexpr char kLogSource[] = "strategy_full.cpp";
 constexpr char kUnpacked[] = "full";
-constexpr char kStaged[] = "staged";     // the new tree
-constexpr char kReplaced[] = "replaced"; // the old one, until readers may go on
-
-bool AreOnOneFileSystem(const std::string& left, const std::string& right) {
-	struct stat left_status {};
-	struct stat right_status {};
-	return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
-	       left_status.st_dev == right_status.st_dev;
-}
-
-/** Whether what is made in a directory gets its group or its access list from it. Moved entries would not. */
-bool HandsAttributesDown(const std::string& directory) {
-	struct stat status {};
-	return stat(directory.c_str(), &status) != 0 || (status.st_mode & S_ISGID) != 0 ||
-	       getxattr(directory.c_str(), "system.posix_acl_default", nullptr, 0) > 0;
-}
+constexpr char kReplaced[] = "replaced"; // The old tree, until readers may go on.
 
 std::vector<std::string> EntriesOf(const std::string& directory) {
 	std::vector<std::string> entries;
@@ -194,8 +176,7 @@ bool FullStrategy::_Stage() const {
 		_PlaceFiles(staged, LinkRegularFile);
 		return true;
 	} catch (const std::exception& error) {
-		TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", error.what());
-		CleanTmpData(staged);
+		GiveUpStaging(staged, error.what());
 		return false;
 	}
 }

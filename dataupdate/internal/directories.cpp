@@ -32,16 +32,6 @@ bool IsDotEntry(const char* name) {
 	throw std::system_error(error, std::system_category());
 }
 
-DirectoryEntries List(int directory) {
-	UniqueFd own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	const DirectoryHandle handle(own ? fdopendir(own.Get()) : nullptr);
-	if (!handle) {
-		ThrowErrno();
-	}
-	own.Release();
-	return DirectoryEntries(handle.get());
-}
-
 /** Removes a name that is no directory; returns false for a directory. */
 bool Unlink(int directory, const char* name) {
 	if (unlinkat(directory, name, 0) == 0 || errno == ENOENT) {
@@ -94,15 +84,11 @@ private:
 			ThrowErrno();
 		}
 		Level level = {std::move(name), status.st_dev, status.st_ino, {}};
-		const DirectoryEntries entries = List(current_.Get());
-		entries.ForEach([&](const char* entry, bool is_directory) {
+		ReadDirectory(current_.Get()).ForEach([&](const char* entry, bool is_directory) {
 			if (is_directory || !Unlink(current_.Get(), entry)) {
 				level.directories.emplace_back(entry);
 			}
 		});
-		if (entries.Error() != 0) {
-			ThrowErrno(entries.Error());
-		}
 		levels_.push_back(std::move(level));
 	}
 
@@ -155,6 +141,20 @@ DirectoryEntries::DirectoryEntries(DIR* directory) {
 			marked_names_.append(entry->d_name, std::strlen(entry->d_name) + 1);
 		}
 	}
+}
+
+DirectoryEntries ReadDirectory(int directory) {
+	UniqueFd own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	const DirectoryHandle handle(own ? fdopendir(own.Get()) : nullptr);
+	if (!handle) {
+		ThrowErrno();
+	}
+	own.Release();
+	DirectoryEntries entries(handle.get());
+	if (entries.Error() != 0) {
+		ThrowErrno(entries.Error());
+	}
+	return entries;
 }
 
 void RemoveTree(const std::string& path) {

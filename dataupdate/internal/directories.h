@@ -46,6 +46,9 @@ private:
 	int error_ = 0;
 };
 
+/** What the directory of a descriptor holds; throws std::system_error, also when it cannot be read to its end. */
+[[nodiscard]] DirectoryEntries ReadDirectory(int directory);
+
 /**
  * Removes a path and everything below it; a missing path is no error. Holds three descriptors at most, however deep the
  * tree is, and reaches what lies below paths that are too long to be named. Follows no link. Stops at the first failure

@@ -1,8 +1,8 @@
 #include "dataupdate/internal/patcher.h"
 
 #include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/changes.h"
 #include "dataupdate/internal/digests_ahead.h"
-#include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/sql_script.h"
 #include "dataupdate/update_error.h"
@@ -10,7 +10,6 @@
 
 #include <boost/filesystem.hpp>
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -73,44 +72,6 @@ bool HasChanged(const std::string& path, const struct stat& before) {
 }
 
 /**
- * Puts a new file in place, or takes a deleted one away, by one rename. The old file goes to where the new one was, and
- * is removed with the temporary data, when no reader waits for it. False, with nothing done, where a link or a
- * directory is concerned, a directory is missing, or the two lie on different file systems.
- */
-bool Exchange(const ModifyInfo& info, const std::string& installed) {
-	struct stat status {};
-	const bool is_there = lstat(installed.c_str(), &status) == 0;
-	if (is_there && !S_ISREG(status.st_mode)) {
-		return false;
-	}
-	if (info.operation == ModifyInfo::kDelete) {
-		const std::string gone = info.source + ".gone"; // No working copy has a dot in its name.
-		return is_there && renameat2(AT_FDCWD, installed.c_str(), AT_FDCWD, gone.c_str(), RENAME_NOREPLACE) == 0;
-	}
-	const bool is_file = lstat(info.source.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-	const unsigned flags = is_there ? RENAME_EXCHANGE : RENAME_NOREPLACE;
-	return is_file && renameat2(AT_FDCWD, info.source.c_str(), AT_FDCWD, installed.c_str(), flags) == 0;
-}
-
-/** The file that a link leads to belongs to another owner, who may write to it under its own name. */
-void PutIntoPlace(const std::string& source, const std::string& target) {
-	if (fs::is_symlink(fs::symlink_status(source))) {
-		CopyRegularFile(source, target);
-	} else {
-		InstallRegularFile(source, target);
-	}
-}
-
-void RemoveEmptyDirectories(const fs::path& below) {
-	const auto remove_directory = [](const std::string& entry) {
-		if (fs::is_directory(fs::symlink_status(entry)) && fs::is_empty(entry)) {
-			fs::remove(entry);
-		}
-	};
-	IOUtils().IterateDirectory(below.string(), remove_directory, true);
-}
-
-/**
  * Gives a file another content; whatever made that knows nothing of the file's permissions. The content is moved where
  * that can be done.
  */
@@ -147,40 +108,8 @@ std::map<std::string, ModifyInfo> Patcher::CheckedChanges() const {
 	return changes;
 }
 
-void Patcher::Install(const std::map<std::string, ModifyInfo>& modify_infos) const {
-	for (const auto& [name, info] : modify_infos) {
-		const fs::path installed = fs::path(install_directory_) / name;
-		if (Exchange(info, installed.string())) {
-			continue;
-		}
-		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
-		// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
-		const bool stays_directory = is_directory && (_DeleteBelow(modify_infos, name) || !fs::is_empty(installed)) &&
-		                             info.operation == ModifyInfo::kDelete;
-		if (!stays_directory) {
-			fs::remove(installed);
-		}
-		if (info.operation == ModifyInfo::kOverride) {
-			fs::create_directories(installed.parent_path());
-			PutIntoPlace(info.source, installed.string());
-		}
-	}
-}
-
-bool Patcher::_DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const {
-	const std::string prefix = name + "/";
-	bool has_files = false;
-	for (auto entry = modify_infos.lower_bound(prefix);
-	     entry != modify_infos.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
-		const fs::path installed = fs::path(install_directory_) / entry->first;
-		if (entry->second.operation != ModifyInfo::kDelete) {
-			has_files = true;
-		} else if (!fs::is_directory(fs::symlink_status(installed))) { // One still holds what is deleted after it.
-			fs::remove(installed);
-		}
-	}
-	RemoveEmptyDirectories(fs::path(install_directory_) / name);
-	return has_files;
+void Patcher::Install(const std::map<std::string, ModifyInfo>& changes) const {
+	InstallChanges(changes, install_directory_);
 }
 
 void Patcher::_PatchFile(const std::string& name, const std::string& operation, const std::string& input) {

@@ -49,22 +49,10 @@ public:
 	 */
 	[[nodiscard]] std::map<std::string, ModifyInfo> CheckedChanges() const;
 
-	/**
-	 * Removes or replaces the installed files accordingly. A deleted name may be a directory's: the directory goes with
-	 * what the chain deletes in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
-	 * when a new file's place is taken by a directory with files of which the chain knows nothing. A regular file
-	 * that is replaced or deleted is moved to the accumulation directory, where both are on one file system.
-	 *
-	 * @param changes  CheckedChanges()
-	 */
+	/** InstallChanges() in the install directory, with CheckedChanges(). */
 	void Install(const std::map<std::string, ModifyInfo>& changes) const;
 
 private:
-	/**
-	 * For a directory whose name the chain deletes or gives to a file: deletes now what the chain deletes in it, since
-	 * its name comes before theirs. Returns whether the chain puts files into it as well.
-	 */
-	bool _DeleteBelow(const std::map<std::string, ModifyInfo>& modify_infos, const std::string& name) const;
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
 	/** Makes the first copy of a file, executes a script on it, and looks whether the file is what was recorded. */
 	void _PatchInstalled(const std::string& installed, const std::string& database, const std::string& script) const;

@@ -1,0 +1,159 @@
+#include "dataupdate/internal/staged_changes.h"
+
+#include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/staging.h"
+#include "dataupdate/internal/strategy_steps.h"
+
+#include <boost/filesystem.hpp>
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <deque>
+#include <system_error>
+#include <utility>
+
+namespace tarn::dataupdate {
+
+namespace {
+
+/** What changes right in a directory: how many entries, and which of them are directories. */
+struct Level {
+	std::size_t entries = 0;
+	std::vector<std::string> directories;
+};
+
+/** An end of names that sorts behind everything below a directory. */
+constexpr char kBehindSlash = '/' + 1;
+
+/** The prefix is empty or ends in a slash. What has a changed file's name as well is not told as a directory. */
+Level LevelBelow(const Changes& changes, const std::string& prefix) {
+	Level level;
+	auto entry = changes.lower_bound(prefix);
+	while (entry != changes.end() && entry->first.compare(0, prefix.size(), prefix) == 0) {
+		++level.entries;
+		const std::string name = entry->first.substr(0, entry->first.find('/', prefix.size()));
+		if (name == entry->first || changes.count(name) > 0) {
+			++entry;
+		} else {
+			level.directories.push_back(name);
+			entry = changes.lower_bound(name + kBehindSlash);
+		}
+	}
+	return level;
+}
+
+enum class Place { kDirectory, kFree, kTaken };
+
+Place PlaceOf(const std::string& path) {
+	struct stat status {};
+	if (lstat(path.c_str(), &status) != 0) {
+		return Place::kFree;
+	}
+	return S_ISDIR(status.st_mode) ? Place::kDirectory : Place::kTaken;
+}
+
+bool Rename(const std::string& from, const std::string& to, unsigned flags) {
+	return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
+}
+
+/** Exchanges a directory; the one above it, in which no name changes, keeps its time. */
+bool ExchangeDirectory(const std::string& staged, const std::string& installed) {
+	const std::string above = installed.substr(0, installed.rfind('/'));
+	struct stat before {};
+	const bool is_known = stat(above.c_str(), &before) == 0;
+	if (!Rename(staged, installed, RENAME_EXCHANGE)) {
+		return false;
+	}
+	const std::array<timespec, 2> times = {timespec{0, UTIME_OMIT}, before.st_mtim};
+	if (is_known) {
+		utimensat(AT_FDCWD, above.c_str(), times.data(), 0); // Only what is shown of it is wrong after a failure.
+	}
+	return true;
+}
+
+} // namespace
+
+std::vector<std::string> DirectoriesToExchange(
+    const Changes& changes, const std::string& install_directory, std::size_t most_renames) {
+	std::vector<std::string> chosen;
+	if (changes.size() <= most_renames) {
+		return chosen;
+	}
+	const Level top = LevelBelow(changes, "");
+	std::size_t renames = top.entries;
+	std::deque<std::string> open(top.directories.begin(), top.directories.end());
+	for (; !open.empty(); open.pop_front()) {
+		const std::string& name = open.front();
+		const Place place = PlaceOf(install_directory + "/" + name);
+		const Level level = LevelBelow(changes, name + "/");
+		const std::size_t more = level.entries - 1;
+		if (place == Place::kDirectory && (more == 0 || renames + more <= most_renames)) {
+			renames += more;
+			open.insert(open.end(), level.directories.begin(), level.directories.end());
+		} else if (place != Place::kTaken) { // By a link, or by what comes there meanwhile.
+			chosen.push_back(name);
+		}
+	}
+	return chosen;
+}
+
+StagedChanges::StagedChanges(Changes changes, std::string install_directory, std::string place)
+    : changes_(std::move(changes)), install_directory_(std::move(install_directory)), place_(std::move(place)) {}
+
+void StagedChanges::Stage() {
+	const std::vector<std::string> names = DirectoriesToExchange(changes_, install_directory_);
+	if (names.empty()) {
+		return;
+	}
+	const ActivityScope activity(Phase::kPatch, install_directory_);
+	MakeEmptyDirectory(place_);
+	remaining_ = changes_;
+	for (const std::string& name : names) {
+		const std::string staged = place_ + "/" + std::to_string(directories_.size());
+		try {
+			directories_.push_back(_StageDirectory(name, staged));
+			remaining_.erase(remaining_.lower_bound(name + "/"), remaining_.lower_bound(name + kBehindSlash));
+		} catch (const std::exception& error) {
+			GiveUpStaging(staged, error.what());
+		}
+		InterruptionPoint(); // Since that is such a reason, too.
+	}
+}
+
+void StagedChanges::Install() const {
+	for (const Directory& directory : directories_) {
+		if (!_MoveIn(directory)) {
+			InstallChanges(ChangesBelow(changes_, directory.name), _Installed(directory.name));
+		}
+	}
+	InstallChanges(directories_.empty() ? changes_ : remaining_, install_directory_);
+}
+
+StagedChanges::Directory StagedChanges::_StageDirectory(const std::string& name, const std::string& staged) const {
+	const std::string installed = _Installed(name);
+	const Changes changes = ChangesBelow(changes_, name);
+	Directory directory = {name, staged, std::nullopt};
+	if (PlaceOf(installed) == Place::kDirectory) {
+		directory.tree.emplace(installed, staged, [&changes](const std::string& file) {
+			const auto found = changes.find(file);
+			return found != changes.end() && found->second.operation == ModifyInfo::kOverride;
+		});
+	} else if (!AreOnOneFileSystem(place_, install_directory_) || HandsAttributesDown(place_) ||
+	           HandsAttributesDown(installed.substr(0, installed.rfind('/')))) {
+		throw std::system_error(EXDEV, std::system_category(), installed);
+	}
+	InstallChanges(changes, staged, Placing::kLink);
+	return directory;
+}
+
+bool StagedChanges::_MoveIn(const Directory& directory) const {
+	const std::string installed = _Installed(directory.name);
+	return directory.tree ? directory.tree->IsCurrent() && ExchangeDirectory(directory.staged, installed)
+	                      : Rename(directory.staged, installed, RENAME_NOREPLACE);
+}
+
+} // namespace tarn::dataupdate
