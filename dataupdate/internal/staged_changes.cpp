@@ -101,14 +101,34 @@ std::vector<std::string> DirectoriesToExchange(
 	return chosen;
 }
 
-StagedChanges::StagedChanges(Changes changes, std::string install_directory, std::string place)
-    : changes_(std::move(changes)), install_directory_(std::move(install_directory)), place_(std::move(place)) {}
+StagedChanges::StagedChanges(
+    Changes changes, std::string install_directory, std::string place, std::size_t most_renames)
+    : changes_(std::move(changes)),
+      install_directory_(std::move(install_directory)),
+      place_(std::move(place)),
+      most_renames_(most_renames) {}
 
 void StagedChanges::Stage() {
-	const std::vector<std::string> names = DirectoriesToExchange(changes_, install_directory_);
-	if (names.empty()) {
-		return;
+	const std::vector<std::string> names = DirectoriesToExchange(changes_, install_directory_, most_renames_);
+	if (!names.empty()) {
+		_StageDirectories(names);
 	}
+	// What a rename needs of the disk is read now, rather than while readers wait.
+	for (const auto& [name, info] : _Remaining()) {
+		PlaceOf(_Installed(name));
+	}
+}
+
+void StagedChanges::Install() const {
+	for (const Directory& directory : directories_) {
+		if (!_MoveIn(directory)) {
+			InstallChanges(ChangesBelow(changes_, directory.name), _Installed(directory.name));
+		}
+	}
+	InstallChanges(_Remaining(), install_directory_);
+}
+
+void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
 	const ActivityScope activity(Phase::kPatch, install_directory_);
 	MakeEmptyDirectory(place_);
 	remaining_ = changes_;
@@ -120,17 +140,8 @@ void StagedChanges::Stage() {
 		} catch (const std::exception& error) {
 			GiveUpStaging(staged, error.what());
 		}
-		InterruptionPoint(); // Since that is such a reason, too.
+		InterruptionPoint(); // Being asked to end is no reason to give up the directory only.
 	}
-}
-
-void StagedChanges::Install() const {
-	for (const Directory& directory : directories_) {
-		if (!_MoveIn(directory)) {
-			InstallChanges(ChangesBelow(changes_, directory.name), _Installed(directory.name));
-		}
-	}
-	InstallChanges(directories_.empty() ? changes_ : remaining_, install_directory_);
 }
 
 StagedChanges::Directory StagedChanges::_StageDirectory(const std::string& name, const std::string& staged) const {

@@ -12,8 +12,8 @@
 
 namespace tarn::dataupdate {
 
-/** How many renames readers may wait for, of which each takes up to 30 microseconds. */
-constexpr std::size_t kMostRenames = 256;
+/** How many renames readers may wait for. On btrfs each takes up to 150 microseconds until its metadata is in memory. */
+constexpr std::size_t kMostRenames = 128;
 
 /**
  * The directories that have to be exchanged whole, so that the changes need about so many renames: none for fewer
@@ -21,7 +21,7 @@ constexpr std::size_t kMostRenames = 256;
  * level. Changes to more files at the top of the tree than that remain that many, since the tree's own directory stays.
  */
 [[nodiscard]] std::vector<std::string> DirectoriesToExchange(
-    const Changes& changes, const std::string& install_directory, std::size_t most_renames = kMostRenames);
+    const Changes& changes, const std::string& install_directory, std::size_t most_renames);
 
 /**
  * Installs changes as InstallChanges() does. Where that would be many renames, directories in which much changes are
@@ -31,8 +31,12 @@ constexpr std::size_t kMostRenames = 256;
  */
 class StagedChanges {
 public:
-	/** @param place  a directory of the temporary area for what is made ready; emptied when it is needed */
-	StagedChanges(Changes changes, std::string install_directory, std::string place);
+	/**
+	 * @param place         a directory of the temporary area for what is made ready; emptied when it is needed
+	 * @param most_renames  as DirectoriesToExchange() takes it
+	 */
+	StagedChanges(Changes changes, std::string install_directory, std::string place,
+	    std::size_t most_renames = kMostRenames);
 
 	/** To be called before readers are held off. Throws UpdateError "Interrupted" and IOUtils::RmRf's errors. */
 	void Stage();
@@ -47,15 +51,18 @@ private:
 		std::optional<LinkedTree> tree; // None where no such directory is installed.
 	};
 
+	void _StageDirectories(const std::vector<std::string>& names);
 	/** Throws std::exception. */
 	Directory _StageDirectory(const std::string& name, const std::string& staged) const;
 	bool _MoveIn(const Directory& directory) const;
+	const Changes& _Remaining() const { return directories_.empty() ? changes_ : remaining_; }
 	std::string _Installed(const std::string& name) const { return install_directory_ + "/" + name; }
 
 	Changes changes_;
 	Changes remaining_; // Those that lie in no directory that is exchanged.
 	std::string install_directory_;
 	std::string place_;
+	std::size_t most_renames_;
 	std::vector<Directory> directories_;
 };
 

@@ -166,13 +166,18 @@ time_t __wrap_time(time_t* result) {
 	return *current->seconds;
 }
 
-// The library makes one request only: to share extents.
-int __wrap_ioctl(int to, unsigned long request, ...) {
+// The library makes two requests only: to share extents, and for a file's flags.
+int __wrap_ioctl(int file, unsigned long request, ...) {
 	std::va_list arguments;
 	va_start(arguments, request);
-	const int from = va_arg(arguments, int);
+	const int from = request == FICLONE ? va_arg(arguments, int) : -1;
+	int* const flags = request == FS_IOC_GETFLAGS ? va_arg(arguments, int*) : nullptr;
 	va_end(arguments);
-	if (current != nullptr && current->clone && request == FICLONE && current->clone(to, from)) {
+	if (current != nullptr && current->clone && request == FICLONE && current->clone(file, from)) {
+		return 0;
+	}
+	if (current != nullptr && current->flags && flags != nullptr) {
+		*flags = current->flags(file);
 		return 0;
 	}
 	errno = EOPNOTSUPP;

@@ -52,6 +52,8 @@ public:
 	bool hide_entry_types = false;
 	/** Shares a file's content with another one; without it no file system here can. */
 	std::function<bool(int to, int from)> clone;
+	/** The flags of a file as chattr(1) sets them; without it no file system here has any. */
+	std::function<int(int file)> flags;
 
 private:
 	struct Fault {

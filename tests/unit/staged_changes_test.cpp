@@ -1,0 +1,399 @@
+#include "dataupdate/internal/staged_changes.h"
+#include "dataupdate/interruption.h"
+#include "fake_platform.h"
+#include "fake_system.h"
+#include "library_test.h"
+
+#include <boost/filesystem/exception.hpp>
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct stat StatusOf(const std::string& path) {
+	struct stat status {};
+	EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+	return status;
+}
+
+/** Until a change gets another time than the last one. */
+void LetTimePass() {
+	std::this_thread::sleep_for(std::chrono::milliseconds(40));
+}
+
+/** A database, working copies of its changed files, and a place for what is made ready. */
+class StagedChangesTest : public testing::Test {
+protected:
+	StagedChangesTest() {
+		for (const char* name : {"volume/area/sum", "volume/db"}) {
+			fs::create_directories(directory_ / name);
+		}
+	}
+
+	std::string Installed(const std::string& name) const { return directory_ / ("volume/db/" + name); }
+	std::string Place() const { return directory_ / "volume/area/staged"; }
+	void Override(const std::string& name) {
+		const std::string source = directory_ / ("volume/area/sum/" + std::to_string(changes_.size()));
+		WriteFile(source, "new " + name);
+		_Change(name, ModifyInfo::kOverride, source);
+	}
+	void Delete(const std::string& name) {
+		_Change(name, ModifyInfo::kDelete, directory_ / ("volume/area/sum/" + std::to_string(changes_.size())));
+	}
+	/** Ten files in each of these directories, of which three are changed. */
+	void ChangeSome(const std::vector<std::string>& directories) {
+		for (const std::string& directory : directories) {
+			for (char file = '0'; file <= '9'; ++file) {
+				WriteFile(Installed(directory + "/" + file), "old");
+			}
+			for (char file = '0'; file < '3'; ++file) {
+				Override(directory + "/" + file);
+			}
+		}
+	}
+	StagedChanges Staged(std::size_t most_renames) const {
+		LetTimePass();
+		StagedChanges changes(changes_, directory_ / "volume/db", Place(), most_renames);
+		changes.Stage();
+		return changes;
+	}
+	/** Installs, and counts the renames for which readers wait. */
+	int RenamesOf(const StagedChanges& changes) {
+		int renamed = 0;
+		system_.on_call = [&](const std::string& call) { renamed += call == "renameat2" ? 1 : 0; };
+		changes.Install();
+		system_.on_call = nullptr;
+		return renamed;
+	}
+	std::vector<std::string> Exchanged(std::size_t most_renames) const {
+		return DirectoriesToExchange(changes_, directory_ / "volume/db", most_renames);
+	}
+	void ExpectChanged() const {
+		for (const auto& [name, info] : changes_) {
+			if (info.operation == ModifyInfo::kOverride) {
+				EXPECT_EQ(ReadFile(Installed(name)), "new " + name);
+			} else {
+				EXPECT_FALSE(fs::exists(Installed(name))) << name;
+			}
+		}
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakePlatform platform_;
+	test::FakeSystem system_;
+	Changes changes_;
+
+private:
+	void _Change(const std::string& name, std::int32_t operation, const std::string& source) {
+		ModifyInfo& info = changes_[name];
+		info.operation = operation;
+		info.source = source;
+	}
+};
+
+using DirectoriesToExchangeTest = StagedChangesTest;
+
+TEST_F(DirectoriesToExchangeTest, AreNoneForFewChanges) {
+	ChangeSome({"a", "b/c"});
+	EXPECT_THAT(Exchanged(6), IsEmpty());
+}
+
+TEST_F(DirectoriesToExchangeTest, AreAsManyAsBringTheRenamesBelowTheBound) {
+	ChangeSome({"a", "b", "c"});
+	EXPECT_THAT(Exchanged(7), ElementsAre("c"));
+	EXPECT_THAT(Exchanged(6), ElementsAre("b", "c"));
+	EXPECT_THAT(Exchanged(3), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(DirectoriesToExchangeTest, AreAsFarDownAsCanBe) {
+	ChangeSome({"top/a", "top/b", "top/c/deep"});
+	EXPECT_THAT(Exchanged(4), ElementsAre("top/a", "top/b", "top/c/deep"));
+	EXPECT_THAT(Exchanged(2), ElementsAre("top"));
+}
+
+TEST_F(DirectoriesToExchangeTest, AreNoneForFilesAtTheTop) {
+	for (char file = 'a'; file < 'z'; ++file) {
+		Override(std::string(1, file));
+	}
+	ChangeSome({"dir"});
+	EXPECT_THAT(Exchanged(3), ElementsAre("dir"));
+}
+
+TEST_F(DirectoriesToExchangeTest, HoldTheirOwnChangesOnly) {
+	ChangeSome({"a"});
+	Override("a-b");
+	Override("a0");
+	EXPECT_THAT(Exchanged(3), ElementsAre("a"));
+	StagedChanges changes = Staged(3);
+	EXPECT_EQ(RenamesOf(changes), 3);
+	ExpectChanged();
+}
+
+TEST_F(DirectoriesToExchangeTest, IncludeNewOnesAtTheHighestLevel) {
+	ChangeSome({"a"});
+	for (const char* name : {"new/deep/1", "new/deep/2", "new/deep/3"}) {
+		Override(name);
+	}
+	EXPECT_THAT(Exchanged(4), ElementsAre("new"));
+}
+
+TEST_F(DirectoriesToExchangeTest, AreNotWhatHasAFilesNameOrIsALink) {
+	ChangeSome({"elsewhere"});
+	for (const char* name : {"file/1", "file/2", "link/1", "link/2"}) {
+		Override(name);
+	}
+	Delete("file");
+	WriteFile(Installed("file"), "old");
+	fs::create_directory_symlink("elsewhere", Installed("link"));
+	EXPECT_THAT(Exchanged(1), ElementsAre("elsewhere"));
+}
+
+TEST_F(StagedChangesTest, ChangesFewFilesByOneRenameEachAndMakesNothingReady) {
+	ChangeSome({"a", "b"});
+	StagedChanges changes = Staged(6);
+	EXPECT_FALSE(fs::exists(Place()));
+	EXPECT_EQ(RenamesOf(changes), 6);
+	ExpectChanged();
+}
+
+TEST_F(StagedChangesTest, ChangesManyFilesByOneRenameForEachDirectory) {
+	ChangeSome({"a", "b", "c/deep"});
+	Delete("a/9");
+	Override("b/sub/new");
+	Override("new/1");
+	Override("new/sub/2");
+	const ino_t kept = StatusOf(Installed("a/5")).st_ino;
+	const ino_t whole = StatusOf(directory_ / "volume/db").st_ino;
+	StagedChanges changes = Staged(4);
+	EXPECT_EQ(ReadFile(Installed("a/0")), "old");
+	EXPECT_FALSE(fs::exists(Installed("new")));
+	EXPECT_EQ(RenamesOf(changes), 4);
+	ExpectChanged();
+	EXPECT_EQ(StatusOf(Installed("a/5")).st_ino, kept);
+	EXPECT_EQ(StatusOf(directory_ / "volume/db").st_ino, whole);
+	EXPECT_EQ(ReadFile(Installed("c/deep/9")), "old");
+}
+
+TEST_F(StagedChangesTest, KeepsTheTimeOfADirectoryInWhichNoNameChanges) {
+	ChangeSome({"top/a", "top/b"});
+	WriteFile(Installed("top/a/still/file"), "old");
+	const std::array<timespec, 2> times = {timespec{1000, 1}, timespec{2000, 2}};
+	for (const char* name : {"top/a/still", "top/a", "top", ""}) {
+		ASSERT_EQ(utimensat(AT_FDCWD, Installed(name).c_str(), times.data(), 0), 0);
+	}
+	RenamesOf(Staged(2));
+	ExpectChanged();
+	EXPECT_EQ(StatusOf(Installed("")).st_mtim.tv_sec, 2000);
+	EXPECT_EQ(StatusOf(Installed("top")).st_mtim.tv_sec, 2000);
+	EXPECT_EQ(StatusOf(Installed("top/a/still")).st_mtim.tv_sec, 2000);
+	EXPECT_GT(StatusOf(Installed("top/a")).st_mtim.tv_sec, 2000);
+}
+
+TEST_F(StagedChangesTest, LosesNothingThatWasPutThereMeanwhile) {
+	ChangeSome({"a", "b"});
+	const StagedChanges changes = Staged(2);
+	WriteFile(Installed("a/foreign"), "added");
+	WriteFile(Installed("a/moved"), "by another name");
+	fs::rename(Installed("a/moved"), Installed("a/9"));
+	fs::remove(Installed("a/8"));
+	WriteFile(Installed("b/9"), "written");
+	EXPECT_EQ(RenamesOf(changes), 4) << "three files and one directory";
+	ExpectChanged();
+	EXPECT_EQ(ReadFile(Installed("a/foreign")), "added");
+	EXPECT_EQ(ReadFile(Installed("a/9")), "by another name");
+	EXPECT_FALSE(fs::exists(Installed("a/8")));
+	EXPECT_EQ(ReadFile(Installed("b/9")), "written");
+}
+
+TEST_F(StagedChangesTest, LosesNothingWhereADirectoryCameOrWentMeanwhile) {
+	ChangeSome({"a"});
+	Override("new/1");
+	Override("new/2");
+	const StagedChanges changes = Staged(2);
+	WriteFile(Installed("new/foreign"), "added");
+	fs::rename(Installed("a"), directory_ / "volume/gone");
+	RenamesOf(changes);
+	ExpectChanged();
+	EXPECT_EQ(ReadFile(Installed("new/foreign")), "added");
+	EXPECT_FALSE(fs::exists(Installed("a/9")));
+}
+
+TEST_F(StagedChangesTest, ChangesFileByFileWhereDirectoriesCannotBeExchanged) {
+	ChangeSome({"a", "b"});
+	const StagedChanges changes = Staged(2);
+	system_.Fail("renameat2", EINVAL, 1);
+	RenamesOf(changes);
+	ExpectChanged();
+	EXPECT_EQ(ReadFile(Installed("a/9")), "old");
+}
+
+TEST_F(StagedChangesTest, ChangesFileByFileWhatCannotBeLinked) {
+	ChangeSome({"a", "b"});
+	const test::SyslogCapture log;
+	system_.Fail("linkat", EMLINK, 1, 2);
+	StagedChanges changes = Staged(2);
+	EXPECT_THAT(EntriesBelow(Place()), testing::Contains("0/9"));
+	EXPECT_EQ(RenamesOf(changes), 4);
+	ExpectChanged();
+	const std::vector<Line> lines = LinesOf(log, "staging.cpp");
+	ASSERT_EQ(lines.size(), 1U);
+	EXPECT_EQ(lines[0].priority, LOG_INFO);
+	EXPECT_THAT(lines[0].text, AllOf(StartsWith("Readers will wait for every file: "), HasSubstr(Installed("a/"))));
+}
+
+TEST_F(StagedChangesTest, MakesNewDirectoriesInPlaceWhereTheyGetTheirGroupFromTheOneAbove) {
+	ASSERT_EQ(chmod(Installed("").c_str(), 02755), 0);
+	Override("new/1");
+	Override("new/2");
+	RenamesOf(Staged(1));
+	ExpectChanged();
+	EXPECT_NE(StatusOf(Installed("new")).st_mode & S_ISGID, 0U);
+}
+
+TEST_F(StagedChangesTest, UsesNothingThatAKilledRunMadeReady) {
+	ChangeSome({"a", "b"});
+	WriteFile(Place() + "/0/foreign", "of a killed run");
+	RenamesOf(Staged(2));
+	ExpectChanged();
+	EXPECT_FALSE(fs::exists(Installed("a/foreign")));
+}
+
+TEST_F(StagedChangesTest, EndsWhenItIsAskedTo) {
+	ChangeSome({"a", "b"});
+	LetTimePass();
+	StagedChanges changes(changes_, directory_ / "volume/db", Place(), 2);
+	system_.on_call = [](const std::string& call) {
+		if (call == "linkat") {
+			RequestInterruption();
+		}
+	};
+	EXPECT_EQ(MessageOf([&] { changes.Stage(); }), "Interrupted");
+	system_.on_call = nullptr;
+	ForgetInterruption();
+}
+
+/** A tree and changes to it of all kinds, of files that turn into directories, links and what nobody knows. */
+class RandomChanges {
+public:
+	explicit RandomChanges(unsigned seed) : source_(seed) {}
+
+	void Plant(const std::string& root) {
+		for (int number = 0; number < 25; ++number) {
+			_Plant(root + "/" + _Name());
+		}
+	}
+
+	std::map<std::string, std::int32_t> Draw() {
+		std::map<std::string, std::int32_t> operations;
+		for (int number = 0; number < 12; ++number) {
+			operations[_Name()] = _Below(3) == 0 ? ModifyInfo::kDelete : ModifyInfo::kOverride;
+		}
+		return operations;
+	}
+
+private:
+	int _Below(int end) { return std::uniform_int_distribution<int>(0, end - 1)(source_); }
+	std::string _Name() {
+		std::string name(1, static_cast<char>('a' + _Below(3)));
+		for (int depth = _Below(4); depth > 0; --depth) {
+			name += std::string("/") + static_cast<char>('a' + _Below(3));
+		}
+		return name;
+	}
+	void _Plant(const std::string& path) {
+		std::error_code is_in_the_way;
+		fs::create_directories(fs::path(path).parent_path(), is_in_the_way);
+		if (is_in_the_way || fs::exists(fs::symlink_status(path))) {
+			return;
+		}
+		if (_Below(5) == 0) {
+			fs::create_directory(path);
+		} else if (_Below(8) == 0) {
+			fs::create_symlink("nowhere", path);
+		} else {
+			WriteFile(path, "old");
+		}
+	}
+
+	std::mt19937 source_;
+};
+
+constexpr long kLongAgo = 1000;
+
+/** Every entry with its kind, mode and content, and whether a directory has kept its time. */
+std::map<std::string, std::string> Description(const std::string& root) {
+	std::map<std::string, std::string> entries;
+	for (const std::string& name : EntriesBelow(root)) {
+		const std::string path = root + "/" + name;
+		const struct stat status = StatusOf(path);
+		std::string& text = entries[name] = std::to_string(status.st_mode);
+		if (S_ISREG(status.st_mode)) {
+			text += " " + ReadFile(path);
+		} else if (S_ISDIR(status.st_mode)) {
+			text += status.st_mtim.tv_sec == kLongAgo ? " as before" : " changed";
+		}
+	}
+	return entries;
+}
+
+class RandomStagedChangesTest : public testing::TestWithParam<unsigned> {
+protected:
+	/** Installs one of two equal trees' changes; what is then there, or that it cannot be done. */
+	std::map<std::string, std::string> Result(const std::string& way, std::size_t most_renames) {
+		const std::string root = directory_ / (way + "/db");
+		RandomChanges random(GetParam());
+		fs::create_directories(root);
+		random.Plant(root);
+		Changes changes;
+		for (const auto& [name, operation] : random.Draw()) {
+			ModifyInfo& info = changes[name];
+			info.operation = operation;
+			info.source = directory_ / (way + "/sum/" + std::to_string(changes.size()));
+			WriteFile(info.source, "new " + name);
+		}
+		for (const std::string& name : EntriesBelow(root)) {
+			const std::array<timespec, 2> times = {timespec{kLongAgo, 0}, timespec{kLongAgo, 0}};
+			utimensat(AT_FDCWD, (root + "/" + name).c_str(), times.data(), AT_SYMLINK_NOFOLLOW);
+		}
+		LetTimePass();
+		StagedChanges staged(changes, root, directory_ / (way + "/staged"), most_renames);
+		staged.Stage();
+		try {
+			staged.Install();
+		} catch (const boost::filesystem::filesystem_error&) {
+			return {{"", "cannot be done"}};
+		}
+		return Description(root);
+	}
+
+	test::TemporaryDirectory directory_;
+	test::FakePlatform platform_;
+};
+
+TEST_P(RandomStagedChangesTest, EndsAsOneChangeAfterTheOtherDoes) {
+	const auto expected = Result("files", 1000);
+	for (const std::size_t most : {1U, 3U, 6U}) {
+		EXPECT_EQ(Result("directories" + std::to_string(most), most), expected) << most;
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomStagedChangesTest, testing::Range(1U, 41U));
+
+} // namespace
+} // namespace tarn::dataupdate
