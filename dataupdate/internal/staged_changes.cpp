@@ -131,6 +131,8 @@ void StagedChanges::Install() const {
 void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
 	const ActivityScope activity(Phase::kPatch, install_directory_);
 	MakeEmptyDirectory(place_);
+	// Installed directories that other users may write to have copies here which those users must not reach.
+	boost::filesystem::permissions(place_, boost::filesystem::owner_all);
 	remaining_ = changes_;
 	for (const std::string& name : names) {
 		const std::string staged = place_ + "/" + std::to_string(directories_.size());

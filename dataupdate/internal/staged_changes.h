@@ -38,7 +38,7 @@ public:
 	StagedChanges(Changes changes, std::string install_directory, std::string place,
 	    std::size_t most_renames = kMostRenames);
 
-	/** To be called before readers are held off. Throws UpdateError "Interrupted" and IOUtils::RmRf's errors. */
+	/** To be called before readers are held off. Throws UpdateError "Interrupted", IOUtils::RmRf's and TarnMkdir's. */
 	void Stage();
 
 	/** Throws what InstallChanges() throws. Replaced directories are in the place afterwards. */

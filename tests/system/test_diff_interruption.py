@@ -151,6 +151,7 @@ def test_what_a_killed_update_left_is_neither_patched_nor_installed(
     })  # fmt: skip
     for version in (2, 3, 9):
         plant(temporary / f"{DATABASE}_delta_{version}", {"patch_infos.json": b"{}", "files/000001.vcdiff": poison})
+    plant(temporary / f"{DATABASE}_staged", {"0/foreign": poison, "only in 4/foreign": poison, "1": poison})
     plant(temporary, {f"{DATABASE}_d2": poison, f"{DATABASE}_d3": b"", f"{DATABASE}_v4": poison})
     assert mended(connected, chain, nginx, "leftovers") == ["d2", "d3", "d4"]
 
@@ -164,6 +165,7 @@ def test_leftovers_that_are_links_lead_nowhere(
     temporary.mkdir(parents=True, exist_ok=True)
     (temporary / f"{DATABASE}_sum").symlink_to(outside)
     (temporary / f"{DATABASE}_delta_2").symlink_to(outside)
+    (temporary / f"{DATABASE}_staged").symlink_to(outside)
     (temporary / f"{DATABASE}_d2").symlink_to(outside / "package")
     assert mended(connected, chain, nginx, "links") == ["d2", "d3", "d4"]
     trees.assert_holds(outside, {"part0_file000": b"kept", "package": b"kept"})

@@ -28,6 +28,18 @@ class ShortChain(Chain):
     LAST = 3
 
 
+class BroadChain(Chain):
+    """So many changes that directories are exchanged whole."""
+
+    PATCHED = 2
+    CREATED = 100
+    LAST = 2
+
+
+OF_DIRECTORIES = ("mkdir", "mkdirat", "linkat", "renameat2", "fchown", "fchmod", "utimensat", "getdents64", "unlinkat", "flock")
+"""Of the thousands of calls that are made for many files, those that make directories ready and exchange them."""
+
+
 @pytest.fixture
 def chain(connected: Device, hand: HandPublisher) -> Chain:
     made = ShortChain(hand)
@@ -83,8 +95,8 @@ def judgement(device: Device, chain: Chain, result: programs.Result) -> str:
     return ""
 
 
-def sweep(device: Device, chain: Chain, fault: str, place: Path) -> list[str]:
-    """The faults after which something was wrong."""
+def sweep(device: Device, chain: Chain, fault: str, place: Path, names: tuple[str, ...] = ()) -> list[str]:
+    """The faults after which something was wrong, at calls of these names."""
     update = [programs.CTL, "update", DATABASE]
     report = place / "report"
     snapshot = Snapshot(device, place / "snapshot")
@@ -93,6 +105,8 @@ def sweep(device: Device, chain: Chain, fault: str, place: Path) -> list[str]:
     if fault.startswith("error"):
         # An injected error keeps the file open, so that who waits for its end waits for ever; no real one does that.
         points = [point for point in points if point.name != "close"]
+    if names:
+        points = [point for point in points if point.name in names]
     met = 0
     drawn = chosen(points)
     for point in drawn:
@@ -121,4 +135,17 @@ def test_a_fault_at_any_system_call_leaves_one_version_and_the_next_update_is_ex
             hand.package(DATABASE, f"d{version}").unlink()
     connected.forget_document()
     wrong = sweep(connected, chain, fault, tmp_path)
+    assert not wrong, "\n".join(wrong)
+
+
+@pytest.mark.parametrize("fault", ["error=EIO", "signal=SIGKILL"])
+def test_a_fault_while_directories_are_exchanged_leaves_one_version_and_the_next_update_is_exact(
+    connected: Device, hand: HandPublisher, tmp_path: Path, fault: str
+) -> None:
+    chain = BroadChain(hand)
+    chain.publish_first()
+    connected.update(DATABASE)
+    chain.publish_rest()
+    connected.forget_document()
+    wrong = sweep(connected, chain, fault, tmp_path, OF_DIRECTORIES)
     assert not wrong, "\n".join(wrong)

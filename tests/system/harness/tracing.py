@@ -88,3 +88,21 @@ class Stopped:
 
     def wait(self) -> programs.Result:
         return self._tracer.wait()
+
+
+def calls_under_lock(report: Path, lock: str, program: list[str]) -> Counter[str]:
+    """How often a program makes each call between getting a lock and releasing it."""
+    result = programs.run("strace", "-f", "-y", "-qq", "-o", report, "-e", f"trace={CALLS}", *program)
+    assert result.status == 0, str(result)
+    counts: Counter[str] = Counter()
+    owner = ""
+    for line in report.read_text(errors="replace").splitlines():
+        match = CALL.match(line)
+        if not match:
+            continue
+        thread, name = match.groups()
+        if name == "flock" and lock in line and line.endswith(" = 0"):
+            owner = "" if "LOCK_UN" in line else thread
+        elif thread == owner:
+            counts[name] += 1
+    return counts
