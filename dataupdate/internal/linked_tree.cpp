@@ -13,7 +13,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <set>
 #include <system_error>
@@ -24,14 +23,14 @@ namespace tarn::dataupdate {
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
-constexpr std::int64_t kTick = 20'000'000;       // Of the clock by which a file system dates changes, and as much again.
+constexpr std::int64_t kTick = 20'000'000; // Of the clock by which a file system dates changes, and as much again.
 constexpr std::int64_t kWholeSeconds = 2 * kSecond; // Where a file system keeps no fractions.
 
 /** Attributes that a file system gives by itself, or that tell how it stores a directory. */
-constexpr int kFlagsOfStorage = 0x1000 | 0x40000 | 0x80000 | 0x200000 | 0x10000000; // index, huge, extents, value, inline
+constexpr int kFlagsOfStorage = FS_INDEX_FL | FS_HUGE_FILE_FL | FS_EXTENT_FL | FS_EA_INODE_FL | FS_INLINE_DATA_FL;
 
-[[noreturn]] void ThrowErrno(const std::string& what, int error = errno) {
-	throw std::system_error(error, std::system_category(), what);
+[[noreturn]] void ThrowErrno(const std::string& path, int error = errno) {
+	throw std::system_error(error, std::system_category(), path);
 }
 
 UniqueFd OpenDirectory(int above, const char* name) {
@@ -43,56 +42,66 @@ UniqueFd OpenDirectory(int above, const char* name) {
 }
 
 /** Moved with the directory that holds it, a mounted file or directory would vanish from its place. */
-void RequireNoMount(int directory, const char* name) {
+void RequireNoMount(int directory, const char* name, const std::string& path) {
 	struct statx status {};
 	if (statx(directory, name, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH, 0, &status) != 0) {
-		ThrowErrno(name);
+		ThrowErrno(path);
 	}
 	if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
-		ThrowErrno(name, EBUSY);
+		ThrowErrno(path, EBUSY);
 	}
 }
 
 /** A change that comes right after another one may get the same time. */
-void RequireSettled(const timespec& changed, const std::string& name) {
+void RequireSettled(const timespec& changed, const std::string& path) {
 	timespec now{};
 	clock_gettime(CLOCK_REALTIME, &now);
 	const std::int64_t age = (now.tv_sec - changed.tv_sec) * kSecond + now.tv_nsec - changed.tv_nsec;
 	if (age < (changed.tv_nsec == 0 ? kWholeSeconds : kTick)) {
-		ThrowErrno(name, EAGAIN);
+		ThrowErrno(path, EAGAIN);
 	}
 }
 
-std::set<std::string> AttributeNames(int directory) {
-	std::array<char, XATTR_LIST_MAX> names{};
-	const ssize_t size = flistxattr(directory, names.data(), names.size());
-	if (size < 0 && errno != EOPNOTSUPP) {
-		ThrowErrno("extended attributes");
+/** A list or value of extended attributes: read(memory, size) fills the memory, or tells the size if that is 0. */
+template<typename Read>
+std::string Attributes(const std::string& path, const Read& read) {
+	const ssize_t size = read(nullptr, 0);
+	std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
+	const ssize_t count = text.empty() ? size : read(text.data(), text.size());
+	if (count < 0 && errno != EOPNOTSUPP) {
+		ThrowErrno(path);
 	}
+	text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+	return text;
+}
+
+std::set<std::string> AttributeNames(int directory, const std::string& path) {
+	const std::string names =
+	    Attributes(path, [&](char* memory, std::size_t size) { return flistxattr(directory, memory, size); });
 	std::set<std::string> found;
-	for (const char* name = names.data(); name < names.data() + size; name += std::strlen(name) + 1) {
-		found.insert(name);
+	for (std::size_t begin = 0; begin < names.size(); begin = names.find('\0', begin) + 1) {
+		found.emplace(&names[begin]);
 	}
 	return found;
 }
 
-void CopyAttribute(int from, int to, const std::string& name) {
-	std::vector<char> value(XATTR_SIZE_MAX);
-	const ssize_t size = fgetxattr(from, name.c_str(), value.data(), value.size());
-	if (size < 0 || fsetxattr(to, name.c_str(), value.data(), static_cast<std::size_t>(size), 0) != 0) {
-		ThrowErrno(name);
+void CopyAttribute(int from, int to, const std::string& name, const std::string& path) {
+	const std::string value =
+	    Attributes(path, [&](char* memory, std::size_t size) { return fgetxattr(from, name.c_str(), memory, size); });
+	if (fsetxattr(to, name.c_str(), value.data(), value.size(), 0) != 0) {
+		ThrowErrno(path);
 	}
 }
 
 /** One that the copy has got from the directory above it, which is not the original's, is taken away. */
-void CopyExtendedAttributes(int from, int to) {
-	const std::set<std::string> names = AttributeNames(from);
+void CopyExtendedAttributes(int from, int to, const std::string& path) {
+	const std::set<std::string> names = AttributeNames(from, path);
 	for (const std::string& name : names) {
-		CopyAttribute(from, to, name);
+		CopyAttribute(from, to, name, path);
 	}
-	for (const std::string& name : AttributeNames(to)) {
+	for (const std::string& name : AttributeNames(to, path)) {
 		if (names.count(name) == 0 && fremovexattr(to, name.c_str()) != 0) {
-			ThrowErrno(name);
+			ThrowErrno(path);
 		}
 	}
 }
@@ -103,29 +112,29 @@ int FlagsOf(int directory) {
 	return ioctl(directory, FS_IOC_GETFLAGS, &flags) == 0 ? flags & ~kFlagsOfStorage : 0;
 }
 
-void CopyOwnerAndAttributes(int from, const struct stat& status, int to) {
+void CopyOwnerAndAttributes(int from, const struct stat& status, int to, const std::string& path) {
 	// The mode after the owner, which takes bits of the mode away.
 	if (fchown(to, status.st_uid, status.st_gid) != 0 || fchmod(to, status.st_mode & 07777) != 0) {
-		ThrowErrno("owner and mode");
+		ThrowErrno(path);
 	}
-	CopyExtendedAttributes(from, to);
+	CopyExtendedAttributes(from, to, path);
 	if (FlagsOf(from) != FlagsOf(to)) {
-		ThrowErrno("attributes of files", EOPNOTSUPP);
+		ThrowErrno(path, EOPNOTSUPP);
 	}
 }
 
-struct stat StatusOf(int directory) {
+struct stat StatusOf(int directory, const std::string& path) {
 	struct stat status {};
 	if (fstat(directory, &status) != 0) {
-		ThrowErrno("status");
+		ThrowErrno(path);
 	}
 	return status;
 }
 
-void CopyTimes(const struct stat& status, int to) {
+void CopyTimes(const struct stat& status, int to, const std::string& path) {
 	const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
 	if (futimens(to, times.data()) != 0) {
-		ThrowErrno("times");
+		ThrowErrno(path);
 	}
 }
 
@@ -140,11 +149,13 @@ public:
 	/** The name is empty for the whole, else it begins with a slash. */
 	void Fill(const UniqueFd& from, const UniqueFd& to, const std::string& name) {
 		InterruptionPoint();
-		RequireNoMount(from.Get(), "");
-		const struct stat status = StatusOf(from.Get()); // Before the names are read, so that no change is missed.
-		RequireSettled(status.st_ctim, original_ + name);
-		directories_.push_back({original_ + name, status.st_dev, status.st_ino, status.st_ctim});
-		CopyOwnerAndAttributes(from.Get(), status, to.Get());
+		const std::string path = original_ + name;
+		RequireNoMount(from.Get(), "", path);
+		const struct stat status =
+		    StatusOf(from.Get(), path); // Before the names are read, so that no change is missed.
+		RequireSettled(status.st_ctim, path);
+		directories_.push_back({path, status.st_dev, status.st_ino, status.st_ctim});
+		CopyOwnerAndAttributes(from.Get(), status, to.Get(), path);
 		ReadDirectory(from.Get()).ForEach([&](const char* entry, bool is_directory) {
 			if (is_directory) {
 				FillDirectory(from, to, entry, name + "/" + entry);
@@ -152,7 +163,7 @@ public:
 				FillFile(from, to, entry, name + "/" + entry);
 			}
 		});
-		CopyTimes(status, to.Get());
+		CopyTimes(status, to.Get(), path);
 	}
 
 private:
@@ -165,7 +176,7 @@ private:
 
 	void FillFile(const UniqueFd& from, const UniqueFd& to, const char* entry, const std::string& name) {
 		if (is_replaced_(name.substr(1))) {
-			RequireNoMount(from.Get(), entry);
+			RequireNoMount(from.Get(), entry, original_ + name);
 		} else if (linkat(from.Get(), entry, to.Get(), entry, 0) != 0) {
 			ThrowErrno(original_ + name);
 		}

@@ -16,7 +16,8 @@ namespace tarn::dataupdate {
  */
 class LinkedTree {
 public:
-	/** Whether a file, by its name relative to the directory, gets no second name, since another one takes its place. */
+	/** Whether a file, by its name relative to the directory, gets no second name, since another one takes its place.
+	 */
 	using IsReplaced = std::function<bool(const std::string& name)>;
 
 	/**

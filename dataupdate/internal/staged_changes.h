@@ -12,7 +12,8 @@
 
 namespace tarn::dataupdate {
 
-/** How many renames readers may wait for. On btrfs each takes up to 150 microseconds until its metadata is in memory. */
+/** How many renames readers may wait for. On btrfs each takes up to 150 microseconds until its metadata is in memory.
+ */
 constexpr std::size_t kMostRenames = 128;
 
 /**
@@ -35,8 +36,8 @@ public:
 	 * @param place         a directory of the temporary area for what is made ready; emptied when it is needed
 	 * @param most_renames  as DirectoriesToExchange() takes it
 	 */
-	StagedChanges(Changes changes, std::string install_directory, std::string place,
-	    std::size_t most_renames = kMostRenames);
+	StagedChanges(
+	    Changes changes, std::string install_directory, std::string place, std::size_t most_renames = kMostRenames);
 
 	/** To be called before readers are held off. Throws UpdateError "Interrupted", IOUtils::RmRf's and TarnMkdir's. */
 	void Stage();

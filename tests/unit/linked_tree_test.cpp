@@ -26,8 +26,8 @@ namespace {
 namespace fs = std::filesystem;
 
 /** An access list that directories hand down: all for owner and group, nothing for others. */
-constexpr std::array<unsigned char, 28> kDefaultList = {2, 0, 0, 0, 1, 0, 7, 0, 0xff, 0xff, 0xff, 0xff, 4, 0, 7, 0, 0xff,
-    0xff, 0xff, 0xff, 0x20, 0, 0, 0, 0xff, 0xff, 0xff, 0xff};
+constexpr std::array<unsigned char, 28> kDefaultList = {2, 0, 0, 0, 1, 0, 7, 0, 0xff, 0xff, 0xff, 0xff, 4, 0, 7, 0,
+    0xff, 0xff, 0xff, 0xff, 0x20, 0, 0, 0, 0xff, 0xff, 0xff, 0xff};
 constexpr char kDefaultListName[] = "system.posix_acl_default";
 
 struct stat StatusOf(const std::string& path) {

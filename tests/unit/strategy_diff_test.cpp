@@ -1,10 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/strategy.h"
-#include "fake_packages.h"
-#include "fake_platform.h"
-#include "fake_system.h"
+#include "diff_strategy_test.h"
 #include "library_test.h"
-#include "private_root.h"
 
 #include <gmock/gmock.h>
 #include <json/value.h>
@@ -27,61 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kUsingLock[] = "/run/data_update/using_geo.lock";
-constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";
 constexpr char kInsufficient[] = "No sufficient diff patched";
-
-/** A package that appends a text to the file "f". */
-test::FakePackages::Files Appending(const std::string& text) {
-	return {{"patch_infos.json", R"({"f": {"operation": "update", "input_file": "p.vcdiff"}})"}, {"p.vcdiff", text}};
-}
-
-class DiffStrategyTest : public test::FixedPathsTest {
-protected:
-	DiffStrategyTest() {
-		for (const int version : {6, 7, 8}) {
-			diffs_.emplace(version, DiffInfo("http://h/" + std::to_string(version), 1));
-			packages_.by_link["http://h/" + std::to_string(version)] = Appending(std::to_string(version));
-		}
-		WriteFile(Installed("f"), "5");
-		WriteFile(Installed("other"), "old");
-	}
-
-	std::string Area() const { return directory_ / "volume/@tmp/data_update"; }
-	std::string Temp(const std::string& name) const { return Area() + "/geo_" + name; }
-	std::string Installed(const std::string& name) const { return directory_ / ("volume/db/geo/" + name); }
-	/** The one and only package leads to version 6 and does this. */
-	void Offer(const std::string& description, const test::FakePackages::Files& files = {}) {
-		remote_ = 6;
-		packages_.by_link["http://h/6"] = files;
-		packages_.by_link["http://h/6"]["patch_infos.json"] = description;
-	}
-	std::optional<DiffStrategy>& Make(int installed = 5) {
-		DatabaseStatus status;
-		status.data_version = installed;
-		strategy_.emplace("geo", status, RemoteInfo(remote_, 1, false, "http://h/full"), diffs_, directory_ / "volume",
-		    directory_ / "volume/db/geo", directory_ / "");
-		return strategy_;
-	}
-	DiffStrategy& Prepared() {
-		Make()->PrepareUpdate();
-		return *strategy_;
-	}
-	std::string PrepareFailure(int installed = 5) {
-		std::string message = MessageOf([&] { Make(installed)->PrepareUpdate(); });
-		strategy_.reset();
-		return message;
-	}
-
-	test::TemporaryDirectory directory_;
-	test::FakePlatform platform_;
-	test::FakePackages packages_{platform_};
-	test::FakeSystem system_;
-	std::map<int, DiffInfo> diffs_;
-	int remote_ = 8;
-	std::optional<DiffStrategy> strategy_;
-};
 
 TEST_F(DiffStrategyTest, FindsWhatIsInTheWayBeforeAnythingIsReplaced) {
 	Offer(R"({"f/new": {"operation": "create", "input_file": "in"}})", {{"in", "new"}});
