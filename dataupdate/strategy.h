@@ -140,8 +140,10 @@ public:
 	 */
 	void PrepareUpdate() override;
 	/**
-	 * Removes and replaces the changed files; directories that become empty stay. Throws "Fail to diff update: <why>",
-	 * after which the installed copy may be a mixture: the next update has to be a full one, as class Update makes it.
+	 * Removes and replaces the changed files; directories that become empty stay. Where more than 128 files change,
+	 * directories in which they lie are made ready in the temporary area first, and exchanged whole: readers wait for
+	 * few renames, wherever entries can be moved from there. Throws "Fail to diff update: <why>", after which the
+	 * installed copy may be a mixture: the next update has to be a full one, as class Update makes it.
 	 */
 	void ApplyUpdate() override;
 	std::set<std::string> GetModifiedFiles() const override;
