@@ -176,7 +176,8 @@ bool FullStrategy::_Stage() const {
 		_PlaceFiles(staged, LinkRegularFile);
 		return true;
 	} catch (const std::exception& error) {
-		GiveUpStaging(staged, error.what());
+		TellSlowReplacement(error.what());
+		CleanTmpData(staged);
 		return false;
 	}
 }

@@ -53,10 +53,9 @@ void RemoveEmptyDirectories(const fs::path& below) {
 	IOUtils().IterateDirectory(below.string(), remove_directory, true);
 }
 
-/** Calls visit(name, info) for each change to a file below a directory. */
+/** Calls visit(name, info) for each change to a file whose name begins so. */
 template<typename Visit>
-void ForEachBelow(const Changes& changes, const std::string& directory, const Visit& visit) {
-	const std::string prefix = directory + "/";
+void ForEachBelow(const Changes& changes, const std::string& prefix, const Visit& visit) {
 	for (auto entry = changes.lower_bound(prefix);
 	     entry != changes.end() && entry->first.compare(0, prefix.size(), prefix) == 0; ++entry) {
 		visit(entry->first, entry->second);
@@ -69,7 +68,7 @@ void ForEachBelow(const Changes& changes, const std::string& directory, const Vi
  */
 bool DeleteBelow(const Changes& changes, const std::string& root, const std::string& directory) {
 	bool has_files = false;
-	ForEachBelow(changes, directory, [&](const std::string& name, const ModifyInfo& info) {
+	ForEachBelow(changes, directory + "/", [&](const std::string& name, const ModifyInfo& info) {
 		const fs::path installed = fs::path(root) / name;
 		if (info.operation != ModifyInfo::kDelete) {
 			has_files = true;
@@ -81,34 +80,32 @@ bool DeleteBelow(const Changes& changes, const std::string& root, const std::str
 	return has_files;
 }
 
-} // namespace
-
-Changes ChangesBelow(const Changes& changes, const std::string& directory) {
-	Changes below;
-	ForEachBelow(changes, directory, [&](const std::string& name, const ModifyInfo& info) {
-		below.emplace_hint(below.end(), name.substr(directory.size() + 1), info);
-	});
-	return below;
+/** Carries one change out, whatever is in the file's place. */
+void Replace(const Changes& changes, const std::string& root, const std::string& name) {
+	const ModifyInfo& info = changes.at(name);
+	const fs::path installed = fs::path(root) / name;
+	const bool is_directory = fs::is_directory(fs::symlink_status(installed));
+	// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
+	const bool stays_directory = is_directory && (DeleteBelow(changes, root, name) || !fs::is_empty(installed)) &&
+	                             info.operation == ModifyInfo::kDelete;
+	if (!stays_directory) {
+		fs::remove(installed);
+	}
+	if (info.operation == ModifyInfo::kOverride) {
+		fs::create_directories(installed.parent_path());
+		PutIntoPlace(info.source, installed.string());
+	}
 }
 
-void InstallChanges(const Changes& changes, const std::string& root, Placing placing) {
-	for (const auto& [name, info] : changes) {
-		const fs::path installed = fs::path(root) / name;
-		if (placing == Placing::kExchange && Exchange(info, installed.string())) {
-			continue;
-		}
-		const bool is_directory = fs::is_directory(fs::symlink_status(installed));
-		// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
-		const bool stays_directory = is_directory && (DeleteBelow(changes, root, name) || !fs::is_empty(installed)) &&
-		                             info.operation == ModifyInfo::kDelete;
-		if (!stays_directory) {
-			fs::remove(installed);
-		}
-		if (info.operation == ModifyInfo::kOverride) {
-			fs::create_directories(installed.parent_path());
-			PutIntoPlace(info.source, installed.string());
-		}
-	}
+} // namespace
+
+void InstallChanges(const Changes& changes, const std::string& root, Placing placing, const std::string& directory) {
+	ForEachBelow(
+	    changes, directory.empty() ? "" : directory + "/", [&](const std::string& name, const ModifyInfo& info) {
+		    if (placing == Placing::kLink || !Exchange(info, (fs::path(root) / name).string())) {
+			    Replace(changes, root, name);
+		    }
+	    });
 }
 
 } // namespace tarn::dataupdate

@@ -13,10 +13,13 @@
 #include <algorithm>
 #include <array>
 #include <deque>
+#include <set>
 #include <system_error>
 #include <utility>
 
 namespace tarn::dataupdate {
+
+namespace fs = boost::filesystem;
 
 namespace {
 
@@ -60,9 +63,22 @@ bool Rename(const std::string& from, const std::string& to, unsigned flags) {
 	return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
 }
 
+std::string Above(const std::string& path) {
+	return path.substr(0, path.rfind('/'));
+}
+
+bool IsBelowAny(const std::set<std::string>& directories, const std::string& name) {
+	for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
+		if (directories.count(name.substr(0, end)) > 0) {
+			return true;
+		}
+	}
+	return false;
+}
+
 /** Exchanges a directory; the one above it, in which no name changes, keeps its time. */
 bool ExchangeDirectory(const std::string& staged, const std::string& installed) {
-	const std::string above = installed.substr(0, installed.rfind('/'));
+	const std::string above = Above(installed);
 	struct stat before {};
 	const bool is_known = stat(above.c_str(), &before) == 0;
 	if (!Rename(staged, installed, RENAME_EXCHANGE)) {
@@ -110,8 +126,9 @@ StagedChanges::StagedChanges(
 
 void StagedChanges::Stage() {
 	const std::vector<std::string> names = DirectoriesToExchange(changes_, install_directory_, most_renames_);
-	if (!names.empty()) {
+	if (!names.empty() && _MakePlace()) {
 		_StageDirectories(names);
+		_SetRemaining();
 	}
 	// What a rename needs of the disk is read now, rather than while readers wait.
 	for (const auto& [name, info] : _Remaining()) {
@@ -122,44 +139,67 @@ void StagedChanges::Stage() {
 void StagedChanges::Install() const {
 	for (const Directory& directory : directories_) {
 		if (!_MoveIn(directory)) {
-			InstallChanges(ChangesBelow(changes_, directory.name), _Installed(directory.name));
+			InstallChanges(changes_, install_directory_, Placing::kExchange, directory.name);
 		}
 	}
 	InstallChanges(_Remaining(), install_directory_);
 }
 
-void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
-	const ActivityScope activity(Phase::kPatch, install_directory_);
-	MakeEmptyDirectory(place_);
-	// Installed directories that other users may write to have copies here which those users must not reach.
-	boost::filesystem::permissions(place_, boost::filesystem::owner_all);
-	remaining_ = changes_;
-	for (const std::string& name : names) {
-		const std::string staged = place_ + "/" + std::to_string(directories_.size());
-		try {
-			directories_.push_back(_StageDirectory(name, staged));
-			remaining_.erase(remaining_.lower_bound(name + "/"), remaining_.lower_bound(name + kBehindSlash));
-		} catch (const std::exception& error) {
-			GiveUpStaging(staged, error.what());
-		}
-		InterruptionPoint(); // Being asked to end is no reason to give up the directory only.
+bool StagedChanges::_MakePlace() const {
+	try {
+		MakeEmptyDirectory(place_);
+		// Installed directories that other users may write to have copies here which those users must not reach.
+		fs::permissions(place_, fs::owner_all);
+		return AreOnOneFileSystem(place_, install_directory_);
+	} catch (const std::exception& error) {
+		TellSlowReplacement(error.what());
+		return false;
 	}
 }
 
-StagedChanges::Directory StagedChanges::_StageDirectory(const std::string& name, const std::string& staged) const {
-	const std::string installed = _Installed(name);
-	const Changes changes = ChangesBelow(changes_, name);
-	Directory directory = {name, staged, std::nullopt};
-	if (PlaceOf(installed) == Place::kDirectory) {
-		directory.tree.emplace(installed, staged, [&changes](const std::string& file) {
-			const auto found = changes.find(file);
-			return found != changes.end() && found->second.operation == ModifyInfo::kOverride;
-		});
-	} else if (!AreOnOneFileSystem(place_, install_directory_) || HandsAttributesDown(place_) ||
-	           HandsAttributesDown(installed.substr(0, installed.rfind('/')))) {
-		throw std::system_error(EXDEV, std::system_category(), installed);
+void StagedChanges::_SetRemaining() {
+	std::set<std::string> exchanged;
+	for (const Directory& directory : directories_) {
+		exchanged.insert(directory.name);
 	}
-	InstallChanges(changes, staged, Placing::kLink);
+	for (const auto& [name, info] : changes_) {
+		if (!IsBelowAny(exchanged, name)) {
+			remaining_.emplace_hint(remaining_.end(), name, info);
+		}
+	}
+}
+
+void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
+	const ActivityScope activity(Phase::kPatch, install_directory_);
+	std::string obstacle; // The first one: the others are likely to be the same.
+	for (const std::string& name : names) {
+		const std::string root = place_ + "/" + std::to_string(directories_.size());
+		try {
+			directories_.push_back(_StageDirectory(name, root));
+		} catch (const std::exception& error) {
+			obstacle = obstacle.empty() ? error.what() : obstacle;
+			CleanTmpData(root);
+		}
+		InterruptionPoint(); // Being asked to end is no reason to give up the directory only.
+	}
+	if (!obstacle.empty()) {
+		TellSlowReplacement(obstacle);
+	}
+}
+
+StagedChanges::Directory StagedChanges::_StageDirectory(const std::string& name, const std::string& root) const {
+	const std::string installed = _Installed(name);
+	Directory directory = {name, root + "/" + name, std::nullopt};
+	fs::create_directories(Above(directory.staged));
+	if (PlaceOf(installed) == Place::kDirectory) {
+		directory.tree.emplace(installed, directory.staged, [this, &name](const std::string& file) {
+			const auto found = changes_.find(name + "/" + file);
+			return found != changes_.end() && found->second.operation == ModifyInfo::kOverride;
+		});
+	} else if (HandsAttributesDown(Above(directory.staged)) || HandsAttributesDown(Above(installed))) {
+		throw std::system_error(EOPNOTSUPP, std::system_category(), installed);
+	}
+	InstallChanges(changes_, root, Placing::kLink, name);
 	return directory;
 }
 

@@ -39,7 +39,7 @@ public:
 	StagedChanges(
 	    Changes changes, std::string install_directory, std::string place, std::size_t most_renames = kMostRenames);
 
-	/** To be called before readers are held off. Throws UpdateError "Interrupted", IOUtils::RmRf's and TarnMkdir's. */
+	/** To be called before readers are held off. Throws UpdateError "Interrupted". */
 	void Stage();
 
 	/** Throws what InstallChanges() throws. Replaced directories are in the place afterwards. */
@@ -52,9 +52,11 @@ private:
 		std::optional<LinkedTree> tree; // None where no such directory is installed.
 	};
 
+	bool _MakePlace() const;
 	void _StageDirectories(const std::vector<std::string>& names);
-	/** Throws std::exception. */
-	Directory _StageDirectory(const std::string& name, const std::string& staged) const;
+	/** Makes a directory ready below a root, under the name that it has in the database. Throws std::exception. */
+	Directory _StageDirectory(const std::string& name, const std::string& root) const;
+	void _SetRemaining();
 	bool _MoveIn(const Directory& directory) const;
 	const Changes& _Remaining() const { return directories_.empty() ? changes_ : remaining_; }
 	std::string _Installed(const std::string& name) const { return install_directory_ + "/" + name; }

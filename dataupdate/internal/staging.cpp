@@ -1,7 +1,6 @@
 #include "dataupdate/internal/staging.h"
 
 #include "dataupdate/internal/log.h"
-#include "dataupdate/internal/strategy_steps.h"
 
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -14,9 +13,8 @@ constexpr char kLogSource[] = "staging.cpp";
 
 } // namespace
 
-void GiveUpStaging(const std::string& staged, const char* reason) noexcept {
-	TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", reason);
-	CleanTmpData(staged);
+void TellSlowReplacement(const std::string& reason) {
+	TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", reason.c_str());
 }
 
 bool AreOnOneFileSystem(const std::string& left, const std::string& right) {

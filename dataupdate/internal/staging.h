@@ -9,8 +9,8 @@ namespace tarn::dataupdate {
 /** Ends the name of the directory in the temporary area in which a new tree, or a part of it, is made ready. */
 constexpr char kStaged[] = "staged";
 
-/** Logs why files will be installed one after the other (LOG_INFO), and removes what was made ready in vain. */
-void GiveUpStaging(const std::string& staged, const char* reason) noexcept;
+/** Logs why files will be installed one after the other (LOG_INFO). */
+void TellSlowReplacement(const std::string& reason);
 
 /** Whether two directories lie on one file system, between whose directories entries are moved by renaming. */
 [[nodiscard]] bool AreOnOneFileSystem(const std::string& left, const std::string& right);

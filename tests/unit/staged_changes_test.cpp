@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -248,13 +249,48 @@ TEST_F(StagedChangesTest, ChangesFileByFileWhatCannotBeLinked) {
 	const test::SyslogCapture log;
 	system_.Fail("linkat", EMLINK, 1, 2);
 	StagedChanges changes = Staged(2);
-	EXPECT_THAT(EntriesBelow(Place()), testing::Contains("0/9"));
+	EXPECT_THAT(EntriesBelow(Place()), testing::Contains("0/b/9"));
 	EXPECT_EQ(RenamesOf(changes), 4);
 	ExpectChanged();
 	const std::vector<Line> lines = LinesOf(log, "staging.cpp");
 	ASSERT_EQ(lines.size(), 1U);
 	EXPECT_EQ(lines[0].priority, LOG_INFO);
 	EXPECT_THAT(lines[0].text, AllOf(StartsWith("Readers will wait for every file: "), HasSubstr(Installed("a/"))));
+}
+
+TEST_F(StagedChangesTest, TellsOneReasonForAllDirectories) {
+	ChangeSome({"a", "b"});
+	const test::SyslogCapture log;
+	system_.Fail("linkat", EPERM, 1000);
+	EXPECT_EQ(RenamesOf(Staged(2)), 6);
+	ExpectChanged();
+	EXPECT_EQ(LinesOf(log, "staging.cpp").size(), 1U);
+}
+
+TEST_F(StagedChangesTest, ChangesFileByFileWhereNothingCanBeMadeReady) {
+	ChangeSome({"a", "b"});
+	platform_.mkdir_works = false;
+	const test::SyslogCapture log;
+	EXPECT_EQ(RenamesOf(Staged(2)), 6);
+	ExpectChanged();
+	EXPECT_EQ(LinesOf(log, "staging.cpp").size(), 1U);
+}
+
+TEST_F(StagedChangesTest, MakesNothingReadyOnAnotherFileSystem) {
+	fs::create_directories(Place());
+	if (mount("tmpfs", (directory_ / "volume/db").c_str(), "tmpfs", 0, nullptr) != 0) {
+		GTEST_SKIP() << "nothing can be mounted here";
+	}
+	ChangeSome({"a", "b"});
+	const test::SyslogCapture log;
+	{
+		const StagedChanges changes = Staged(2);
+		EXPECT_THAT(EntriesBelow(Place()), IsEmpty());
+		changes.Install();
+	}
+	ExpectChanged();
+	EXPECT_THAT(LinesOf(log, "staging.cpp"), IsEmpty());
+	ASSERT_EQ(umount((directory_ / "volume/db").c_str()), 0);
 }
 
 TEST_F(StagedChangesTest, MakesNewDirectoriesInPlaceWhereTheyGetTheirGroupFromTheOneAbove) {
