@@ -104,7 +104,7 @@ std::vector<std::string> DirectoriesToExchange(
 	std::deque<std::string> open(top.directories.begin(), top.directories.end());
 	for (; !open.empty(); open.pop_front()) {
 		const std::string& name = open.front();
-		const Place place = PlaceOf(install_directory + "/" + name);
+		const Place place = PlaceOf((fs::path(install_directory) / name).string());
 		const Level level = LevelBelow(changes, name + "/");
 		const std::size_t more = level.entries - 1;
 		if (place == Place::kDirectory && (more == 0 || renames + more <= most_renames)) {
@@ -128,6 +128,8 @@ void StagedChanges::Stage() {
 	const std::vector<std::string> names = DirectoriesToExchange(changes_, install_directory_, most_renames_);
 	if (!names.empty() && _MakePlace()) {
 		_StageDirectories(names);
+	}
+	if (!directories_.empty()) {
 		_SetRemaining();
 	}
 	// What a rename needs of the disk is read now, rather than while readers wait.

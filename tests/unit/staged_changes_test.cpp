@@ -331,7 +331,7 @@ public:
 
 	void Plant(const std::string& root) {
 		for (int number = 0; number < 25; ++number) {
-			_Plant(root + "/" + _Name());
+			_Plant(fs::path(root) / _Name());
 		}
 	}
 
@@ -352,9 +352,9 @@ private:
 		}
 		return name;
 	}
-	void _Plant(const std::string& path) {
+	void _Plant(const fs::path& path) {
 		std::error_code is_in_the_way;
-		fs::create_directories(fs::path(path).parent_path(), is_in_the_way);
+		fs::create_directories(path.parent_path(), is_in_the_way);
 		if (is_in_the_way || fs::exists(fs::symlink_status(path))) {
 			return;
 		}
@@ -376,7 +376,7 @@ constexpr long kLongAgo = 1000;
 std::map<std::string, std::string> Description(const std::string& root) {
 	std::map<std::string, std::string> entries;
 	for (const std::string& name : EntriesBelow(root)) {
-		const std::string path = root + "/" + name;
+		const std::string path = fs::path(root) / name;
 		const struct stat status = StatusOf(path);
 		std::string& text = entries[name] = std::to_string(status.st_mode);
 		if (S_ISREG(status.st_mode)) {
@@ -405,7 +405,7 @@ protected:
 		}
 		for (const std::string& name : EntriesBelow(root)) {
 			const std::array<timespec, 2> times = {timespec{kLongAgo, 0}, timespec{kLongAgo, 0}};
-			utimensat(AT_FDCWD, (root + "/" + name).c_str(), times.data(), AT_SYMLINK_NOFOLLOW);
+			utimensat(AT_FDCWD, (fs::path(root) / name).c_str(), times.data(), AT_SYMLINK_NOFOLLOW);
 		}
 		LetTimePass();
 		StagedChanges staged(changes, root, directory_ / (way + "/staged"), most_renames);

@@ -34,6 +34,7 @@ protected:
 
 	static std::vector<std::string> Names() {
 		std::vector<std::string> names;
+		names.reserve(300);
 		for (int number = 0; number < 300; ++number) {
 			names.push_back("many/" + std::to_string(number));
 		}
