@@ -172,7 +172,7 @@ void StagedChanges::_SetRemaining() {
 }
 
 void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
-	const ActivityScope activity(Phase::kPatch, install_directory_);
+	const ActivityScope activity(Phase::kUnpack, place_);
 	std::string obstacle; // The first one: the others are likely to be the same.
 	for (const std::string& name : names) {
 		const std::string root = place_ + "/" + std::to_string(directories_.size());
