@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
 
 namespace tarn::archive {
 
@@ -50,6 +49,13 @@ ArchiveFile::ArchiveFile(const std::string& path) : fd_(OpenRegularFile(AT_FDCWD
 	if (EncodeHead(again) != EncodeHead(head_)) {
 		throw Error("changed while it was read");
 	}
+	frames_ = DecodeFrames(
+	    SignedPart().substr(head_.TableOffset(), head_.SignatureOffset() - head_.TableOffset()), head_);
+	std::uint64_t offset = head_.PayloadOffset();
+	for (const Frame& frame : frames_) {
+		offsets_.push_back(offset);
+		offset += frame.packed_size;
+	}
 }
 
 std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_t key_type) const {
@@ -69,30 +75,26 @@ std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_
 }
 
 void ArchiveFile::CheckPayload() const {
-	constexpr std::uint64_t kChunksAtOnce = 4; // which share a buffer
-	const std::uint64_t chunks = head_.ChunkCount();
-	DoInParallel((chunks + kChunksAtOnce - 1) / kChunksAtOnce, [&](std::size_t piece) {
-		std::vector<char> buffer(kChunkSize);
-		const std::uint64_t end = std::min(chunks, (piece + 1) * kChunksAtOnce);
-		for (std::uint64_t index = piece * kChunksAtOnce; index < end; ++index) {
-			ReadChunk(index, buffer.data());
+	constexpr std::size_t kFramesAtOnce = 4; // which share a buffer
+	DoInParallel((frames_.size() + kFramesAtOnce - 1) / kFramesAtOnce, [&](std::size_t piece) {
+		std::string buffer;
+		const std::size_t end = std::min(frames_.size(), (piece + 1) * kFramesAtOnce);
+		for (std::size_t index = piece * kFramesAtOnce; index < end; ++index) {
+			ReadFrame(index, buffer);
 		}
 	});
 }
 
-std::size_t ArchiveFile::ReadChunk(std::uint64_t index, char* buffer) const {
-	const std::uint64_t offset = index * head_.chunk_size;
-	const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(head_.chunk_size, head_.payload_size - offset));
-	if (!ReadFullyAt(fd_.Get(), buffer, size, head_.PayloadOffset() + offset)) {
+void ArchiveFile::ReadFrame(std::size_t index, std::string& buffer) const {
+	const Frame& frame = frames_.at(index);
+	const std::uint64_t offset = offsets_.at(index);
+	buffer.resize(frame.packed_size);
+	if (!ReadFullyAt(fd_.Get(), buffer.data(), buffer.size(), offset)) {
 		throw Error("became shorter while it was read");
 	}
-	const std::string_view expected = SignedPart().substr(head_.TableOffset() + index * kDigestSize, kDigestSize);
-	const Digest digest = Sha256(buffer, size);
-	if (std::memcmp(digest.data(), expected.data(), kDigestSize) != 0) {
-		throw Error("is damaged: the payload differs from its signed digest at byte " +
-		            std::to_string(head_.PayloadOffset() + offset));
+	if (Sha256(buffer.data(), buffer.size()) != frame.digest) {
+		throw Error("is damaged: the payload differs from its signed digest at byte " + std::to_string(offset));
 	}
-	return size;
 }
 
 } // namespace tarn::archive

@@ -14,7 +14,7 @@
 namespace tarn::archive {
 
 /**
- * One open archive. Its head part (head, metadata, chunk table, signature) is copied into memory once, when it is
+ * One open archive. Its head part (head, metadata, table of frames, signature) is copied into memory once, when it is
  * opened; what is checked later and what is believed later are the same bytes, whatever happens to the file.
  */
 class ArchiveFile {
@@ -23,7 +23,7 @@ public:
 	explicit ArchiveFile(const std::string& path);
 
 	/**
-	 * Checks everything: signature by one of the keys, key type, every chunk of the payload.
+	 * Checks everything: signature by one of the keys, key type, every frame of the payload.
 	 *
 	 * @return the index of the key that signed
 	 * @throws Error
@@ -31,20 +31,20 @@ public:
 	std::size_t Check(const std::vector<TrustedKey>& keys, std::uint32_t key_type) const;
 
 	/**
-	 * Reads one chunk of the payload and compares it with the table, so that only bytes described by the table are
-	 * ever handed out. May be called by several threads at once.
+	 * Reads the packed bytes of a frame and compares them with the table, so that only bytes described by the table
+	 * are ever handed out. May be called by several threads at once.
 	 *
-	 * @param buffer  gets the chunk; kChunkSize bytes large
-	 * @return the chunk's size
+	 * @param buffer  gets the bytes; its memory is used again
 	 * @throws Error when the file no longer holds these bytes
 	 */
-	std::size_t ReadChunk(std::uint64_t index, char* buffer) const;
+	void ReadFrame(std::size_t index, std::string& buffer) const;
 
 	const ArchiveHead& Head() const { return head_; }
+	const std::vector<Frame>& Frames() const { return frames_; }
 	std::string_view Metadata() const { return SignedPart().substr(kHeadSize, head_.metadata_size); }
 
 private:
-	/** All chunks, on all processors. */
+	/** All frames, on all processors. */
 	void CheckPayload() const;
 	std::string_view SignedPart() const { return std::string_view(message_).substr(kSignatureDomain.size()); }
 
@@ -52,6 +52,8 @@ private:
 	ArchiveHead head_;
 	std::string message_; // what is signed: the domain, then all that lies before the signature
 	Signature signature_{};
+	std::vector<Frame> frames_;
+	std::vector<std::uint64_t> offsets_; // of the frames in the file
 };
 
 } // namespace tarn::archive

@@ -1,12 +1,15 @@
-/** @file The first bytes of a signed archive, and the format's limits. */
+/** @file The first bytes of a signed archive, the table of its frames, and the format's limits. */
 #ifndef ARCHIVE_HEAD_H
 #define ARCHIVE_HEAD_H
+
+#include "archive/codec.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarn::archive {
 
@@ -15,11 +18,13 @@ constexpr std::uint32_t kDataUpdateKeyType = 6;
 constexpr std::size_t kHeadSize = 48;
 constexpr std::size_t kSignatureSize = 64;
 constexpr std::size_t kDigestSize = 32;
-constexpr std::uint32_t kChunkSize = 1U << 20U;
+/** What a frame may unpack to, and so what it takes in a reader's memory. */
+constexpr std::uint32_t kMaxFrameSize = 4U << 20U;
+/** The bytes of a frame in the table. */
+constexpr std::size_t kFrameEntrySize = 44;
+constexpr std::uint32_t kMaxFrames = 1U << 18U;
 constexpr std::uint32_t kMaxMetadataSize = 64U << 10U;
 constexpr std::uint64_t kMaxPayloadSize = std::uint64_t{64} << 30U;
-/** What a payload's zstd frames may ask for, so that a reader's memory stays small: 8 MiB. */
-constexpr int kMaxWindowLog = 23;
 
 /**
  * Goes before the signed bytes when they are signed and checked, so that a signature made by the same key for any
@@ -33,17 +38,24 @@ using Signature = std::array<unsigned char, kSignatureSize>;
 /** The fixed first bytes of a signed archive; docs/formats.md describes them. */
 struct ArchiveHead {
 	std::uint32_t key_type = 0;
-	std::uint32_t chunk_size = kChunkSize;
+	std::uint32_t frame_count = 0;
 	std::uint64_t payload_size = 0;
 	std::uint64_t entry_count = 0;
 	std::uint64_t unpacked_size = 0;
 	std::uint32_t metadata_size = 0;
 
-	std::uint64_t ChunkCount() const { return payload_size / chunk_size + (payload_size % chunk_size != 0 ? 1 : 0); }
 	std::uint64_t TableOffset() const { return kHeadSize + metadata_size; }
-	std::uint64_t SignatureOffset() const { return TableOffset() + ChunkCount() * kDigestSize; }
+	std::uint64_t SignatureOffset() const { return TableOffset() + std::uint64_t{frame_count} * kFrameEntrySize; }
 	std::uint64_t PayloadOffset() const { return SignatureOffset() + kSignatureSize; }
 	std::uint64_t FileSize() const { return PayloadOffset() + payload_size; }
+};
+
+/** A piece of the payload that is compressed by itself. */
+struct Frame {
+	Codec codec = Codec::kStored;
+	std::uint32_t packed_size = 0;
+	std::uint32_t unpacked_size = 0; // of the tar; never below the packed size
+	Digest digest{};                 // SHA-256 of the packed bytes
 };
 
 /** The head's bytes. */
@@ -57,6 +69,18 @@ std::string EncodeHead(const ArchiveHead& head);
  * @throws Error
  */
 [[nodiscard]] ArchiveHead DecodeHead(std::string_view bytes);
+
+/** A frame's bytes in the table. */
+std::string EncodeFrame(const Frame& frame);
+
+/**
+ * Reads the table of frames, and refuses a frame outside the format's limits and frames that are not together as large
+ * as the payload.
+ *
+ * @param bytes  kFrameEntrySize bytes for each frame that the head counts
+ * @throws Error
+ */
+[[nodiscard]] std::vector<Frame> DecodeFrames(std::string_view bytes, const ArchiveHead& head);
 
 } // namespace tarn::archive
 

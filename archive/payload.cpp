@@ -4,142 +4,23 @@
 #include "base/parallel.h"
 #include "base/text.h"
 
-#include <zstd.h>
-
+#include <algorithm>
 #include <cerrno>
-#include <utility>
+#include <numeric>
 
 namespace tarn::archive {
 
 namespace {
 
-struct DecoderDeleter {
-	void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
-};
+constexpr std::size_t kMaxThreads = 4; // each of which takes memory for a frame
 
-/** Decompresses chunk after chunk into the queue's blocks. */
-class Decoder {
-public:
-	Decoder(BlockQueue& queue, std::size_t block_size, std::uint64_t max_output)
-	    : queue_(queue), block_size_(block_size), left_(max_output), context_(ZSTD_createDCtx()) {
-		if (!context_ ||
-		    ZSTD_isError(ZSTD_DCtx_setParameter(context_.get(), ZSTD_d_windowLogMax, kMaxWindowLog)) != 0) {
-			throw Error("cannot start to decompress");
-		}
-	}
+std::size_t ThreadsFor(std::size_t frames) {
+	return frames == 1 ? 0 : std::min({frames, kMaxThreads, std::size_t{Processors()}});
+}
 
-	/** False when nobody wants the rest. */
-	bool Feed(std::string_view chunk) {
-		ZSTD_inBuffer input = {chunk.data(), chunk.size(), 0};
-		bool full = false;
-		while (input.pos < input.size || (full && !frame_ended_)) {
-			if (output_.dst == nullptr && !NewBlock()) {
-				return false;
-			}
-			const std::size_t result = ZSTD_decompressStream(context_.get(), &output_, &input);
-			if (ZSTD_isError(result) != 0) {
-				throw Error(std::string("cannot be decompressed: ") + ZSTD_getErrorName(result));
-			}
-			frame_ended_ = result == 0;
-			full = output_.pos == output_.size;
-			if (full) {
-				Flush();
-			}
-		}
-		return true;
-	}
-
-	void End() {
-		if (!frame_ended_) {
-			throw Error("has a payload that ends in the middle");
-		}
-		if (output_.dst != nullptr) {
-			Flush();
-		}
-	}
-
-private:
-	bool NewBlock() {
-		char* block = queue_.Acquire();
-		output_ = {block, block_size_, 0};
-		return block != nullptr;
-	}
-
-	void Flush() {
-		if (output_.pos > left_) {
-			throw Error("unpacks to more than its head declares");
-		}
-		left_ -= output_.pos;
-		if (output_.pos > 0) {
-			queue_.Commit(output_.pos);
-		}
-		output_ = {nullptr, 0, 0};
-	}
-
-	BlockQueue& queue_;
-	const std::size_t block_size_;
-	std::uint64_t left_;
-	std::unique_ptr<ZSTD_DCtx, DecoderDeleter> context_;
-	ZSTD_outBuffer output_ = {nullptr, 0, 0};
-	bool frame_ended_ = false;
-};
-
-/** The checked chunks of an archive in order: of more than one, the next are read while one is used. */
-class Chunks {
-public:
-	explicit Chunks(const ArchiveFile& archive)
-	    : archive_(archive), reader_(StartThreads(archive.Head().ChunkCount() > 1 ? 1 : 0, [this] { ReadAll(); })) {}
-	~Chunks() {
-		queue_.Stop();
-		std::for_each(reader_.begin(), reader_.end(), [](std::thread& thread) { thread.join(); });
-	}
-	Chunks(const Chunks&) = delete;
-	Chunks& operator=(const Chunks&) = delete;
-
-	/** The next chunk, valid until the next call; empty at the end. Throws Error. */
-	std::string_view Next() {
-		const bool has_reader = !reader_.empty(); // Else no thread is needed, or to be had.
-		return has_reader || ReadNext() ? queue_.Next() : std::string_view();
-	}
-
-private:
-	/** False at the end, and when nobody wants more. */
-	bool ReadNext() {
-		char* const block = next_ < archive_.Head().ChunkCount() ? queue_.Acquire() : nullptr;
-		if (block != nullptr) {
-			queue_.Commit(archive_.ReadChunk(next_++, block));
-		}
-		return block != nullptr;
-	}
-
-	void ReadAll() {
-		try {
-			while (ReadNext()) {
-			}
-			queue_.Finish(nullptr);
-		} catch (...) {
-			queue_.Finish(std::current_exception());
-		}
-	}
-
-	const ArchiveFile& archive_;
-	BlockQueue queue_{kChunkSize};
-	std::uint64_t next_ = 0;
-	std::vector<std::thread> reader_;
-};
-
-void DecodeAll(const ArchiveFile& archive, BlockQueue& queue, std::size_t block_size, std::uint64_t max_output) {
-	try {
-		Decoder decoder(queue, block_size, max_output);
-		Chunks chunks(archive);
-		for (std::string_view chunk = chunks.Next(); !chunk.empty() && decoder.Feed(chunk);) {
-			chunk = chunks.Next();
-		}
-		decoder.End();
-		queue.Finish(nullptr);
-	} catch (...) {
-		queue.Finish(std::current_exception());
-	}
+std::uint64_t UnpackedSize(const std::vector<Frame>& frames) {
+	return std::accumulate(frames.begin(), frames.end(), std::uint64_t{0},
+	    [](std::uint64_t sum, const Frame& frame) { return sum + frame.unpacked_size; });
 }
 
 MemberKind KindOf(archive_entry* entry) {
@@ -164,65 +45,75 @@ std::string Text(const char* text) {
 
 } // namespace
 
-char* BlockQueue::Acquire() {
-	const MutexLock lock(mutex_);
-	while (!stopped_ && filled_ - released_ == kBlocks) {
-		changed_.wait(mutex_);
-	}
-	std::vector<char>& bytes = blocks_[filled_ % kBlocks].bytes;
-	bytes.resize(block_size_);
-	return stopped_ ? nullptr : bytes.data();
-}
-
-void BlockQueue::Commit(std::size_t size) {
-	const MutexLock lock(mutex_);
-	blocks_[filled_ % kBlocks].size = size;
-	++filled_;
-	changed_.notify_all();
-}
-
-void BlockQueue::Finish(std::exception_ptr error) {
-	const MutexLock lock(mutex_);
-	finished_ = true;
-	error_ = std::move(error);
-	changed_.notify_all();
-}
-
-std::string_view BlockQueue::Next() {
-	const MutexLock lock(mutex_);
-	if (in_use_) {
-		in_use_ = false;
-		++released_;
-		changed_.notify_all();
-	}
-	while (!finished_ && filled_ == released_) {
-		changed_.wait(mutex_);
-	}
-	if (filled_ > released_) {
-		in_use_ = true;
-		const Block& block = blocks_[released_ % kBlocks];
-		return {block.bytes.data(), block.size};
-	}
-	if (error_) {
-		std::rethrow_exception(error_);
-	}
-	return {};
-}
-
-void BlockQueue::Stop() {
-	const MutexLock lock(mutex_);
-	stopped_ = true;
-	changed_.notify_all();
-}
-
 PayloadStream::PayloadStream(const ArchiveFile& archive, std::uint64_t max_output)
-    : decoder_(StartThreads(1, [this, &archive, max_output] { DecodeAll(archive, queue_, kBlockSize, max_output); })) {
-	Require(!decoder_.empty(), "cannot start to decompress");
+    : archive_(archive), slots_(ThreadsFor(archive.Frames().size()) + 1) {
+	Require(UnpackedSize(archive.Frames()) <= max_output, "unpacks to more than its head declares");
+	threads_ = StartThreads(slots_.size() - 1, [this] { Work(); });
 }
 
 PayloadStream::~PayloadStream() {
-	queue_.Stop();
-	decoder_.front().join();
+	{
+		const MutexLock lock(mutex_);
+		stopped_ = true;
+		changed_.notify_all();
+	}
+	std::for_each(threads_.begin(), threads_.end(), [](std::thread& thread) { thread.join(); });
+}
+
+std::string_view PayloadStream::Next() {
+	const std::size_t frame = used_;
+	if (frame == archive_.Frames().size()) {
+		return {};
+	}
+	Slot& slot = slots_[frame % slots_.size()];
+	if (threads_.empty()) {
+		std::string packed;
+		Fill(frame, slot, packed);
+	} else {
+		const MutexLock lock(mutex_);
+		released_ = frame;
+		changed_.notify_all();
+		while (!slot.is_ready) {
+			changed_.wait(mutex_);
+		}
+		slot.is_ready = slot.error != nullptr; // An error stays.
+	}
+	if (slot.error) {
+		std::rethrow_exception(slot.error);
+	}
+	++used_;
+	return slot.unpacked;
+}
+
+void PayloadStream::Work() {
+	std::string packed;
+	while (const std::optional<std::size_t> frame = Claim()) {
+		Slot& slot = slots_[*frame % slots_.size()];
+		try {
+			Fill(*frame, slot, packed);
+		} catch (...) {
+			slot.error = std::current_exception();
+		}
+		const MutexLock lock(mutex_);
+		slot.is_ready = true;
+		stopped_ = stopped_ || slot.error;
+		changed_.notify_all();
+	}
+}
+
+std::optional<std::size_t> PayloadStream::Claim() {
+	const MutexLock lock(mutex_);
+	while (!stopped_ && claimed_ < archive_.Frames().size() && claimed_ - released_ >= slots_.size()) {
+		changed_.wait(mutex_);
+	}
+	return stopped_ || claimed_ == archive_.Frames().size() ? std::nullopt : std::optional(claimed_++);
+}
+
+void PayloadStream::Fill(std::size_t frame, Slot& slot, std::string& packed) const {
+	const Frame& entry = archive_.Frames()[frame];
+	archive_.ReadFrame(frame, packed);
+	slot.unpacked.resize(entry.unpacked_size);
+	Decompress(entry.codec, packed, slot.unpacked.data(), slot.unpacked.size());
 }
 
 TarReader::TarReader(PayloadStream& stream) : stream_(stream), reader_(archive_read_new()) {

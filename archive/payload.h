@@ -1,4 +1,4 @@
-/** @file An archive's payload, decompressed in a thread of its own, and its members in order. */
+/** @file An archive's payload, decompressed by several threads, and its members in order. */
 #ifndef ARCHIVE_PAYLOAD_H
 #define ARCHIVE_PAYLOAD_H
 
@@ -8,12 +8,12 @@
 #include <archive.h>
 #include <archive_entry.h>
 
-#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -22,70 +22,49 @@
 namespace tarn::archive {
 
 /**
- * A bounded ring of blocks between one thread that fills them and one that uses them, in place and without a copy.
- * Either side can leave early: the filler with an error, which the user gets after the blocks before it; the user by
- * Stop(), which the filler gets as a null block.
- */
-class BlockQueue {
-public:
-	/** @param block_size  the size of each block; memory for a block is taken when it is used first */
-	explicit BlockQueue(std::size_t block_size) : block_size_(block_size) {}
-
-	/** The filler: an empty block to fill; null when the user has left. */
-	[[nodiscard]] char* Acquire();
-	/** The filler: hands over the acquired block's first bytes. */
-	void Commit(std::size_t size);
-	/** The filler: no more blocks; with an error when it gave up. */
-	void Finish(std::exception_ptr error);
-
-	/** The user: gives back the block of the call before and waits for the next; empty at the end. */
-	[[nodiscard]] std::string_view Next();
-	/** The user: wants no more. */
-	void Stop();
-
-private:
-	static constexpr std::size_t kBlocks = 4;
-
-	struct Block {
-		std::vector<char> bytes;
-		std::size_t size = 0;
-	};
-
-	const std::size_t block_size_;
-	Mutex mutex_;
-	std::condition_variable_any changed_;
-	std::array<Block, kBlocks> blocks_ TARN_GUARDED_BY(mutex_);
-	std::size_t filled_ TARN_GUARDED_BY(mutex_) = 0;   // blocks handed over so far
-	std::size_t released_ TARN_GUARDED_BY(mutex_) = 0; // blocks given back so far
-	bool in_use_ TARN_GUARDED_BY(mutex_) = false;
-	bool finished_ TARN_GUARDED_BY(mutex_) = false;
-	bool stopped_ TARN_GUARDED_BY(mutex_) = false;
-	std::exception_ptr error_ TARN_GUARDED_BY(mutex_);
-};
-
-/**
- * The payload's tar as a stream of blocks. Decompressing runs in a thread of its own, and so does reading and checking
- * more than one chunk: each costs as much as writing the files does.
+ * The payload's tar, frame after frame. Threads decompress the next frames while one is used; without threads, which
+ * a single frame does not need and a system may refuse, the user decompresses. In memory are at most the frame in use
+ * and, for each thread, one frame with its packed bytes.
  */
 class PayloadStream {
 public:
 	/**
 	 * @param archive     outlives the stream
 	 * @param max_output  more decompressed bytes than these are an error
+	 * @throws Error
 	 */
 	PayloadStream(const ArchiveFile& archive, std::uint64_t max_output);
 	PayloadStream(const PayloadStream&) = delete;
 	PayloadStream& operator=(const PayloadStream&) = delete;
 	~PayloadStream();
 
-	/** The next block, valid until the next call; empty at the end. Throws Error. */
-	[[nodiscard]] std::string_view Next() { return queue_.Next(); }
+	/** The next frame's bytes, valid until the next call; empty at the end. Throws Error. */
+	[[nodiscard]] std::string_view Next();
 
 private:
-	static constexpr std::size_t kBlockSize = 256U << 10U;
+	/** Frames lie in slots in turn: the frame number modulo the number of slots. */
+	struct Slot {
+		std::string unpacked;
+		std::exception_ptr error;
+		bool is_ready = false;
+	};
 
-	BlockQueue queue_{kBlockSize};
-	std::vector<std::thread> decoder_; // one
+	void Work();
+	/** The next frame to decompress, when its slot is free; no value when there is no more to do. */
+	[[nodiscard]] std::optional<std::size_t> Claim();
+	/** @param packed  room for the packed bytes, used again by each thread */
+	void Fill(std::size_t frame, Slot& slot, std::string& packed) const;
+
+	const ArchiveFile& archive_;
+	Mutex mutex_;
+	std::condition_variable_any changed_;
+	std::size_t claimed_ TARN_GUARDED_BY(mutex_) = 0;  // frames that threads have begun
+	std::size_t released_ TARN_GUARDED_BY(mutex_) = 0; // frames that the user needs no longer
+	bool stopped_ TARN_GUARDED_BY(mutex_) = false;
+	std::size_t used_ = 0; // frames handed out
+	// Beside the mutex's marks, a slot is its thread's until it is ready, and the user's until it is released.
+	std::vector<Slot> slots_;
+	std::vector<std::thread> threads_;
 };
 
 enum class MemberKind { kFile, kDirectory, kSymlink, kHardLink, kOther };

@@ -1,4 +1,4 @@
-/** @file Making a signed archive: the tar, its compression, and the seal. */
+/** @file Making a signed archive: the tar, and the seal. Frames between them come from archive/packer.h. */
 #ifndef ARCHIVE_WRITER_H
 #define ARCHIVE_WRITER_H
 
@@ -8,7 +8,6 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <zstd.h>
 
 #include <cstdint>
 #include <exception>
@@ -20,36 +19,16 @@
 
 namespace tarn::archive {
 
-/** Compresses a byte stream with zstd in one thread, so that the same input gives the same output. */
-class ZstdWriter {
+/** Gets the next bytes of a stream. */
+using Sink = std::function<void(std::string_view)>;
+
+/** Writes what the payload of a package holds: a tar in the GNU form, with nothing in it but names and content. */
+class TarWriter {
 public:
-	using Sink = std::function<void(std::string_view)>;
-
-	ZstdWriter(int level, Sink sink);
-	/** Tells beforehand how many bytes will come, so that few of them need little memory. */
-	void ExpectSize(std::uint64_t size);
-	void Write(std::string_view bytes) { Compress(bytes, ZSTD_e_continue); }
-	void Finish() { Compress({}, ZSTD_e_end); }
-
-private:
-	struct ContextDeleter {
-		void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
-	};
-
-	void Compress(std::string_view bytes, ZSTD_EndDirective directive);
-
-	std::unique_ptr<ZSTD_CCtx, ContextDeleter> context_;
-	std::vector<char> buffer_;
-	Sink sink_;
-};
-
-/** Writes the payload of a package: a tar in the GNU form, compressed, with nothing in it but names and content. */
-class TarZstdWriter {
-public:
-	TarZstdWriter(int level, ZstdWriter::Sink sink);
-	TarZstdWriter(const TarZstdWriter&) = delete;
-	TarZstdWriter& operator=(const TarZstdWriter&) = delete;
-	~TarZstdWriter() = default;
+	explicit TarWriter(Sink sink);
+	TarWriter(const TarWriter&) = delete;
+	TarWriter& operator=(const TarWriter&) = delete;
+	~TarWriter() = default;
 
 	void BeginFile(const std::string& name, std::uint64_t size, bool executable);
 	void WriteContent(std::string_view bytes);
@@ -68,7 +47,7 @@ private:
 	static la_ssize_t Drain(::archive* writer, void* self, const void* block, std::size_t size);
 	void Check(la_ssize_t result);
 
-	ZstdWriter zstd_;
+	Sink sink_;
 	std::exception_ptr error_; // what the sink threw, carried past libarchive
 	std::unique_ptr<archive_entry, EntryDeleter> entry_;
 	std::unique_ptr<::archive, WriteDeleter> writer_;
@@ -83,13 +62,17 @@ public:
 	/** @param directory  where the collecting file gets its space, best the archive's own directory */
 	explicit ArchiveSealer(const std::string& directory);
 
-	/** The next bytes of the payload. */
-	void Append(std::string_view bytes);
+	/**
+	 * The next frame of the payload; its digest is computed here.
+	 *
+	 * @param packed  its bytes, compressed as the frame says
+	 */
+	void Append(Frame frame, std::string_view packed);
 
 	/**
 	 * Writes the archive.
 	 *
-	 * @param head      key type, entries and unpacked bytes; the sizes are filled in here
+	 * @param head      key type, entries and unpacked bytes; the rest is filled in here
 	 * @param metadata  JSON text
 	 * @param path      names the archive in errors
 	 * @return the archive's size
@@ -98,12 +81,9 @@ public:
 	    ArchiveHead head, std::string_view metadata, const SigningKey& key, int archive_fd, const std::string& path);
 
 private:
-	void FinishChunk();
-
 	std::string directory_;
 	UniqueFd payload_;
 	std::uint64_t payload_size_ = 0;
-	std::string chunk_;
 	std::string table_;
 };
 

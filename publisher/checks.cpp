@@ -98,9 +98,9 @@ void CheckOptions(const PublishOptions& options) {
 		                 std::to_string(kMaxNumber) + ".");
 	}
 	CheckKeptDiffs(options.keep_diffs);
-	if (options.level < kMinLevel || options.level > kMaxLevel) {
-		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(kMinLevel) + " to " +
-		                 std::to_string(kMaxLevel) + ".");
+	if (options.level < archive::kMinLevel || options.level > archive::kMaxLevel) {
+		throw UsageError("--level " + std::to_string(options.level) + " must be " +
+		                 std::to_string(archive::kMinLevel) + " to " + std::to_string(archive::kMaxLevel) + ".");
 	}
 }
 

@@ -86,6 +86,7 @@ struct Options {
 	RestoreOptions restore;
 	std::vector<std::string> old_keys;
 	std::string package;
+	std::string directory;
 	std::vector<std::string> public_keys;
 	bool json = false;
 };
@@ -231,9 +232,13 @@ void AddRestore(CLI::App& app, Options& options) {
 
 void AddReaders(CLI::App& app, Options& options) {
 	CLI::App* verify = app.add_subcommand("verify", "Check a package's signature and content");
-	verify->add_option("PACKAGE", options.package, "Package file")->required();
-	verify->add_option("--key", options.public_keys, "Public key that may have signed the package; may be repeated")
-	    ->required();
+	CLI::App* unpack = app.add_subcommand("unpack", "Check a package and unpack its files");
+	for (CLI::App* command : {verify, unpack}) {
+		command->add_option("PACKAGE", options.package, "Package file")->required();
+		const char* const text = "Public key that may have signed the package; may be repeated";
+		command->add_option("--key", options.public_keys, text)->required();
+	}
+	unpack->add_option("DIRECTORY", options.directory, "Directory for the files; made if missing")->required();
 	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says about itself; checks no signature");
 	inspect->add_option("PACKAGE", options.package, "Package file")->required();
 	inspect->add_flag("--json", options.json, "Print JSON");
@@ -248,6 +253,8 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunRestore(options, streams);
 	} else if (app.got_subcommand("verify")) {
 		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
+	} else if (app.got_subcommand("unpack")) {
+		streams.out << UnpackPackage(options.package, options.public_keys, options.directory) << "\n";
 	} else {
 		InspectPackage(options.package, options.json, streams.out);
 	}

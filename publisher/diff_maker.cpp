@@ -151,7 +151,9 @@ private:
 
 	void Encode() {
 		const std::vector<EncodingTask> tasks = Tasks();
-		Encoders encoders = {FindProgram("xdelta3"), FindProgram("sqldiff"), order_.options.level};
+		constexpr int kComparingLevel = 12; // Sizes are compared as well by it, and in much less time.
+		Encoders encoders = {
+		    FindProgram("xdelta3"), FindProgram("sqldiff"), std::min(order_.options.level, kComparingLevel)};
 		const auto needs = [&tasks](bool EncodingTask::*permission) {
 			return std::any_of(tasks.begin(), tasks.end(),
 			    [&](const EncodingTask& task) { return task.*permission && task.change.before && task.change.after; });

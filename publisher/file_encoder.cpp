@@ -1,6 +1,6 @@
 #include "publisher/file_encoder.h"
 
-#include "archive/writer.h"
+#include "archive/compressor.h"
 #include "base/text.h"
 #include "decoder/bytes.h"
 #include "decoder/decode.h"

@@ -3,6 +3,7 @@
 #include "archive/extractor.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "base/unique_fd.h"
 #include "publisher/diff_package.h"
 #include "publisher/json_text.h"
 #include "publisher/package.h"
@@ -10,8 +11,11 @@
 
 #include <json/json.h>
 
+#include <fcntl.h>
+
 #include <array>
 #include <ctime>
+#include <filesystem>
 #include <iomanip>
 #include <map>
 #include <optional>
@@ -43,14 +47,54 @@ Json::Value MetadataJson(const archive::ArchiveFile& archive) {
 	return value.isNull() ? Json::Value(Printable(archive.Metadata())) : value;
 }
 
+struct Packed {
+	std::uint64_t frames = 0;
+	std::uint64_t packed = 0;
+	std::uint64_t unpacked = 0;
+};
+
+/** What was compressed in which way. */
+std::map<archive::Codec, Packed> PackedByCodec(const archive::ArchiveFile& archive) {
+	std::map<archive::Codec, Packed> codecs;
+	for (const archive::Frame& frame : archive.Frames()) {
+		Packed& packed = codecs[frame.codec];
+		++packed.frames;
+		packed.packed += frame.packed_size;
+		packed.unpacked += frame.unpacked_size;
+	}
+	return codecs;
+}
+
+Json::Value CodecsJson(const archive::ArchiveFile& archive) {
+	Json::Value value(Json::objectValue);
+	for (const auto& [codec, packed] : PackedByCodec(archive)) {
+		Json::Value& item = value[archive::CodecName(codec)];
+		item["frames"] = Json::UInt64{packed.frames};
+		item["packed_size"] = Json::UInt64{packed.packed};
+		item["unpacked_size"] = Json::UInt64{packed.unpacked};
+	}
+	return value;
+}
+
+/** "zstd 12 frames, 301 of 1000 bytes; stored …". */
+std::string CodecsText(const archive::ArchiveFile& archive) {
+	std::string text;
+	for (const auto& [codec, packed] : PackedByCodec(archive)) {
+		text += (text.empty() ? "" : "; ") + std::string(archive::CodecName(codec)) + " " +
+		        std::to_string(packed.frames) + (packed.frames == 1 ? " frame, " : " frames, ") +
+		        std::to_string(packed.packed) + " of " + std::to_string(packed.unpacked) + " bytes";
+	}
+	return text;
+}
+
 Json::Value HeadJson(const std::string& package, const archive::ArchiveFile& archive) {
 	const archive::ArchiveHead& head = archive.Head();
 	Json::Value value(Json::objectValue);
 	value["package"] = package;
 	value["verified"] = false;
 	value["key_type"] = Json::UInt64{head.key_type};
-	value["chunk_size"] = Json::UInt64{head.chunk_size};
 	value["payload_size"] = Json::UInt64{head.payload_size};
+	value["codecs"] = CodecsJson(archive);
 	value["entry_count"] = Json::UInt64{head.entry_count};
 	value["unpacked_size"] = Json::UInt64{head.unpacked_size};
 	value["metadata"] = MetadataJson(archive);
@@ -180,8 +224,8 @@ void PrintTable(const std::string& package, const archive::ArchiveFile& archive,
 	out << Printable(package) << " (signature not checked; \"verify\" does that)\n"
 	    << "key type       " << head.key_type << "\n"
 	    << "package bytes  " << head.FileSize() << "\n"
-	    << "payload bytes  " << head.payload_size << " in " << head.ChunkCount() << " chunks of " << head.chunk_size
-	    << "\n"
+	    << "payload bytes  " << head.payload_size << "\n"
+	    << "compression    " << CodecsText(archive) << "\n"
 	    << "members        " << head.entry_count << "\n"
 	    << "unpacked bytes " << head.unpacked_size << "\n"
 	    << "published      " << PublishedAt(archive) << "\n"
@@ -201,6 +245,22 @@ std::string VerifyPackage(const std::string& package, const std::vector<std::str
 		const archive::ArchiveFile archive(package);
 		const archive::TrustedKey& signer = keys[archive.Check(keys, archive::kDataUpdateKeyType)];
 		return package + " is whole and signed by " + signer.name + " (" + signer.key.Fingerprint() + ").";
+	});
+}
+
+std::string UnpackPackage(
+    const std::string& package, const std::vector<std::string>& key_files, const std::string& directory) {
+	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(key_files);
+	return NamingPackage(package, [&] {
+		const archive::ArchiveFile archive(package);
+		archive.Check(keys, archive::kDataUpdateKeyType);
+		std::filesystem::create_directory(directory);
+		const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+		if (!fd) {
+			ThrowErrno("cannot be unpacked into " + directory);
+		}
+		archive::Extract(archive, fd.Get());
+		return std::to_string(archive.Head().entry_count) + " files of " + package + " are in " + directory + ".";
 	});
 }
 

@@ -1,6 +1,7 @@
 #include "publisher/package.h"
 
 #include "archive/extractor.h"
+#include "archive/packer.h"
 #include "archive/writer.h"
 #include "base/error.h"
 #include "base/file_io.h"
@@ -14,10 +15,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <iterator>
+#include <utility>
 
 namespace tarn::publisher {
 
 namespace {
+
+constexpr std::size_t kBufferSize = std::size_t{1} << 20U;
 
 std::string Metadata(const PackageInfo& info) {
 	Json::Value metadata = info.more;
@@ -48,7 +53,7 @@ bool SameContent(const struct stat& left, const struct stat& right) {
 	       left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
 }
 
-void PackFile(const TreeFile& file, archive::TarZstdWriter& tar, std::vector<char>& buffer,
+void PackFile(const TreeFile& file, archive::TarWriter& tar, std::vector<char>& buffer,
     const std::function<void(std::uint64_t)>& report) {
 	UniqueFd fd;
 	try {
@@ -72,6 +77,22 @@ void PackFile(const TreeFile& file, archive::TarZstdWriter& tar, std::vector<cha
 	RequireUnchanged(SameContent(before, StatusOf(fd.Get(), file)), file);
 }
 
+/** What files of like kind have in common. */
+std::string KindOf(const TreeFile& file) {
+	return std::filesystem::path(file.name).extension().string();
+}
+
+/** The files in the order in which they are packed. */
+std::vector<const TreeFile*> InOrder(const Tree& tree) {
+	std::vector<const TreeFile*> files;
+	std::transform(tree.files.begin(), tree.files.end(), std::back_inserter(files),
+	    [](const TreeFile& file) { return &file; });
+	std::sort(files.begin(), files.end(), [](const TreeFile* left, const TreeFile* right) {
+		return std::make_pair(KindOf(*left), left->name) < std::make_pair(KindOf(*right), right->name);
+	});
+	return files;
+}
+
 [[noreturn]] void Refuse(const std::string& path, const Error& error) {
 	throw PublishError("the package " + path + " " + error.what());
 }
@@ -89,17 +110,25 @@ void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
 std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key, int level,
     int archive_fd, const std::string& path, const PackProgress& progress) {
 	archive::ArchiveSealer sealer(std::filesystem::path(path).parent_path().string());
-	archive::TarZstdWriter tar(level, [&sealer](std::string_view bytes) { sealer.Append(bytes); });
-	std::vector<char> buffer(archive::kChunkSize);
+	archive::Packer packer(
+	    level, [&sealer](const archive::PackedFrame& frame) { sealer.Append(frame.frame, frame.packed); });
+	archive::TarWriter tar([&packer](std::string_view bytes) { packer.Write(bytes); });
+	std::vector<char> buffer(kBufferSize);
 	std::uint64_t files = 0;
 	std::uint64_t bytes = 0;
-	for (const TreeFile& file : tree.files) {
-		PackFile(file, tar, buffer, [&](std::uint64_t offset) { progress(files, bytes + offset); });
+	const TreeFile* last = nullptr;
+	for (const TreeFile* file : InOrder(tree)) {
+		if (last != nullptr && KindOf(*last) != KindOf(*file)) {
+			packer.BeginGroup();
+		}
+		PackFile(*file, tar, buffer, [&](std::uint64_t offset) { progress(files, bytes + offset); });
 		++files;
-		bytes += file.size;
+		bytes += file->size;
+		last = file;
 	}
 	progress(files, bytes);
 	tar.Finish();
+	packer.Finish();
 	archive::ArchiveHead head;
 	head.key_type = archive::kDataUpdateKeyType;
 	head.entry_count = files;

@@ -33,13 +33,11 @@ struct PackageInfo {
 /** Called while packing with the files and bytes done so far. */
 using PackProgress = std::function<void(std::uint64_t files, std::uint64_t bytes)>;
 
-constexpr int kMinLevel = 1;
-constexpr int kMaxLevel = 19;
-constexpr int kDefaultLevel = 12;
-
 /**
- * Writes a signed package. The same tree, info, key and level give the same bytes.
+ * Writes a signed package. The same tree, info, key and level give the same bytes. Files of like kind, by their
+ * extensions and directories, lie together, because they compress better so.
  *
+ * @param level       archive::kMinLevel to archive::kMaxLevel
  * @param archive_fd  an empty file, open for writing
  * @param path        its path; its directory lends space for the payload
  * @return the package's size

@@ -2,6 +2,7 @@
 #ifndef PUBLISHER_PUBLISH_H
 #define PUBLISHER_PUBLISH_H
 
+#include "archive/packer.h"
 #include "publisher/document.h"
 #include "publisher/package.h"
 
@@ -22,7 +23,7 @@ struct PublishOptions {
 	std::optional<std::int64_t> data_version;
 	std::string format_version = "1";
 	std::string db_version = "1";
-	int level = kDefaultLevel;
+	int level = archive::kDefaultLevel;
 	KeptDiffs keep_diffs;
 	std::vector<std::string> old_keys; // public keys that signed earlier packages
 	bool must_continue = false;        // whether a database that the repository does not know is refused

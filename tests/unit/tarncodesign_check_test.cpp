@@ -49,7 +49,7 @@ TEST_F(ArchiveCheck, ReportsTheKeyThatSigned) {
 
 TEST_F(ArchiveCheck, AcceptsOldAndNewKeyWhileKeysAreRotated) {
 	const auto next = archive::SigningKey::Generate();
-	const std::string signed_by_next = SealPayload(CompressZstd(MakeTar({File("a", "next")})), 1, 4, next);
+	const std::string signed_by_next = SealFrames(FramesOf(MakeTar({File("a", "next")})), 1, 4, next);
 	ExpectRefused(signed_by_next, "has no signature by a trusted key");
 	trusted_.push_back(Trusted(next));
 	EXPECT_EQ(InstallError(small_), "");
@@ -102,14 +102,14 @@ TEST_F(ArchiveCheck, RefusesEveryFlippedBitOfASmallArchive) {
 }
 
 TEST_F(ArchiveCheck, RefusesAFlippedBitInEveryRegionOfALargeArchive) {
-	const std::string content = RandomBytes(3'500'000, 1);
+	const std::string content = RandomBytes(13'500'000, 1);
 	const std::string archive = Seal({File("big", content)});
 	const auto head = archive::ArchiveFile(archive).Head();
-	ASSERT_EQ(head.ChunkCount(), 4U);
+	ASSERT_EQ(head.frame_count, 4U);
 	const std::string bytes = ReadFile(archive);
 	const std::vector<std::uint64_t> offsets = {archive::kHeadSize, head.TableOffset(), head.SignatureOffset() - 1,
-	    head.PayloadOffset(), head.PayloadOffset() + archive::kChunkSize - 1,
-	    head.PayloadOffset() + archive::kChunkSize, head.PayloadOffset() + head.payload_size / 2, head.FileSize() - 1};
+	    head.PayloadOffset(), head.PayloadOffset() + archive::kMaxFrameSize - 1,
+	    head.PayloadOffset() + archive::kMaxFrameSize, head.PayloadOffset() + head.payload_size / 2, head.FileSize() - 1};
 	for (const std::uint64_t offset : offsets) {
 		std::string flipped = bytes;
 		flipped[offset] = static_cast<char>(flipped[offset] ^ 1);
@@ -154,22 +154,33 @@ TEST_F(ArchiveCheck, RefusesAFifoWithoutWaitingForAWriter) {
 }
 
 TEST_F(ArchiveCheck, RefusesAHeadThatAsksForMoreMemoryThanItsFileHolds) {
-	archive::ArchiveHead head = archive::ArchiveFile(small_).Head();
+	const archive::ArchiveHead good = archive::ArchiveFile(small_).Head();
+	const auto expect_refused = [this](const archive::ArchiveHead& head, const std::string& reason) {
+		ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), reason);
+	};
+	archive::ArchiveHead head = good;
 	head.payload_size = archive::kMaxPayloadSize;
-	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), "is damaged: it has 1048 bytes");
+	expect_refused(head, "is damaged: it has 1048 bytes");
 	head.payload_size = archive::kMaxPayloadSize + 1;
-	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), "impossible payload size");
+	expect_refused(head, "impossible payload size");
 	head.payload_size = UINT64_MAX;
-	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(1000, '\0')), "impossible payload size");
-	head.payload_size = 1;
+	expect_refused(head, "impossible payload size");
+	head = good;
 	head.metadata_size = archive::kMaxMetadataSize + 1;
-	ExpectRefused(Changed(archive::EncodeHead(head) + std::string(100'000, '\0')), "too much metadata");
+	expect_refused(head, "too much metadata");
+	head = good;
+	head.frame_count = archive::kMaxFrames;
+	expect_refused(head, "is damaged: it has 1048 bytes");
+	head.frame_count = archive::kMaxFrames + 1;
+	expect_refused(head, "impossible number of frames");
+	head.frame_count = 0;
+	expect_refused(head, "impossible number of frames");
 }
 
 TEST_F(ArchiveCheck, NeverExtractsBytesThatReplacedCheckedOnes) {
 	const std::string good = Seal({File("f", RandomBytes(2'500'000, 1))});
-	const std::string evil = SealPayload(
-	    CompressZstd(MakeTar({File("f", RandomBytes(2'500'000, 2))})), 1, 2'500'000, archive::SigningKey::Generate());
+	const std::string evil = SealFrames(
+	    FramesOf(MakeTar({File("f", RandomBytes(2'500'000, 2))})), 1, 2'500'000, archive::SigningKey::Generate());
 	ASSERT_EQ(fs::file_size(good), fs::file_size(evil));
 	const archive::ArchiveFile archive(good);
 	archive.Check(trusted_, 6);

@@ -57,7 +57,7 @@ TEST_F(ArchiveRace, NeverInstallsUnsignedBytesWhileTheArchiveIsRewritten) {
 	const std::string content = RandomBytes(kContentSize, 1);
 	const std::string archive = Seal({File("f", content)});
 	const std::string good = ReadFile(archive);
-	const std::string evil = ReadFile(SealPayload(CompressZstd(MakeTar({File("f", RandomBytes(kContentSize, 2))})), 1,
+	const std::string evil = ReadFile(SealFrames(FramesOf(MakeTar({File("f", RandomBytes(kContentSize, 2))})), 1,
 	    kContentSize, archive::SigningKey::Generate()));
 	ASSERT_EQ(good.size(), evil.size());
 	int refused = 0;

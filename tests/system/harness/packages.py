@@ -19,9 +19,11 @@ from pathlib import Path
 
 from . import vcdiff
 
-CHUNK = 1 << 20
+FRAME = 1 << 20
+STORED, ZSTD = 0, 1
 SIGNED_TEXT = b"tarn signed archive 1\n"
 HEAD = struct.Struct("<8sIIQQQII")
+ENTRY = struct.Struct("<III32s")
 DATA_UPDATES = 6
 DESCRIPTION = "patch_infos.json"
 
@@ -62,12 +64,12 @@ Content = bytes | Member
 def archive(key: Key, members: Mapping[str, Content], told: Mapping[str, object] | bytes) -> bytes:
     """A signed archive that holds these members in byte order of their names, and tells this about itself."""
     plain = {name: member if isinstance(member, Member) else Member(member) for name, member in members.items()}
-    payload = _compress(_tar(plain))
+    frames = _frames(_tar(plain))
+    payload = b"".join(packed for _, packed in frames)
     text = told if isinstance(told, bytes) else json.dumps(told, sort_keys=True, separators=(",", ":")).encode()
-    chunks = [payload[begin : begin + CHUNK] for begin in range(0, len(payload), CHUNK)]
-    table = b"".join(hashlib.sha256(chunk).digest() for chunk in chunks)
+    table = b"".join(entry for entry, _ in frames)
     unpacked = sum(len(member.content) for member in plain.values())
-    head = HEAD.pack(b"TARNSAR1", DATA_UPDATES, CHUNK, len(payload), len(plain), unpacked, len(text), 0)
+    head = HEAD.pack(b"TARNSAR1", DATA_UPDATES, len(frames), len(payload), len(plain), unpacked, len(text), 0)
     signed = head + text + table
     return signed + key.sign(SIGNED_TEXT + signed) + payload
 
@@ -97,9 +99,21 @@ def _tar(members: Mapping[str, Member]) -> bytes:
     return stream.getvalue()
 
 
-def _compress(tar: bytes) -> bytes:
+def _frames(tar: bytes) -> list[tuple[bytes, bytes]]:
+    """Pieces of the tar, compressed, each behind its entry in the table."""
+    frames = []
+    for begin in range(0, len(tar), FRAME):
+        piece = tar[begin : begin + FRAME]
+        packed = _compress(piece)
+        codec = ZSTD if len(packed) < len(piece) else STORED
+        packed = packed if codec == ZSTD else piece
+        frames.append((ENTRY.pack(codec, len(packed), len(piece), hashlib.sha256(packed).digest()), packed))
+    return frames
+
+
+def _compress(piece: bytes) -> bytes:
     return subprocess.run(
-        ["zstd", "--quiet", "--single-thread", "-3", "--stdout"], input=tar, check=True, stdout=subprocess.PIPE
+        ["zstd", "--quiet", "--single-thread", "-3", "--stdout"], input=piece, check=True, stdout=subprocess.PIPE
     ).stdout
 
 

@@ -1,8 +1,7 @@
 #include "codesign_archives.h"
 
+#include "archive/compressor.h"
 #include "archive/writer.h"
-
-#include <zstd.h>
 
 #include <fcntl.h>
 
@@ -92,21 +91,27 @@ std::string MakeTar(const std::vector<TarMember>& members) {
 	return tar + std::string(2 * kBlock, '\0');
 }
 
-std::string CompressZstd(const std::string& bytes, int window_log) {
-	const std::unique_ptr<ZSTD_CCtx, std::size_t (*)(ZSTD_CCtx*)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
-	if (window_log != 0) {
-		ZSTD_CCtx_setParameter(context.get(), ZSTD_c_windowLog, window_log);
+archive::PackedFrame MakeFrame(archive::Codec codec, const std::string& packed, std::size_t unpacked_size) {
+	archive::PackedFrame frame;
+	frame.packed = packed;
+	frame.frame.codec = codec;
+	frame.frame.unpacked_size = static_cast<std::uint32_t>(unpacked_size);
+	return frame;
+}
+
+archive::PackedFrame FrameOf(const std::string& bytes, archive::Codec codec) {
+	constexpr int kLevel = 3;
+	const std::string packed = archive::Compress(codec, bytes, kLevel);
+	const bool is_smaller = packed.size() < bytes.size();
+	return MakeFrame(is_smaller ? codec : archive::Codec::kStored, is_smaller ? packed : bytes, bytes.size());
+}
+
+std::vector<archive::PackedFrame> FramesOf(const std::string& bytes, archive::Codec codec) {
+	std::vector<archive::PackedFrame> frames;
+	for (std::size_t begin = 0; begin < bytes.size(); begin += archive::kMaxFrameSize) {
+		frames.push_back(FrameOf(bytes.substr(begin, archive::kMaxFrameSize), codec));
 	}
-	std::string result(ZSTD_compressBound(bytes.size()), '\0');
-	// As a stream, because one call for a whole buffer makes a frame without a window.
-	ZSTD_inBuffer input = {bytes.data(), bytes.size(), 0};
-	ZSTD_outBuffer output = {result.data(), result.size(), 0};
-	if (ZSTD_compressStream2(context.get(), &output, &input, ZSTD_e_continue) > bytes.size() + kBlock ||
-	    ZSTD_compressStream2(context.get(), &output, &input, ZSTD_e_end) != 0) {
-		throw std::runtime_error("cannot compress");
-	}
-	result.resize(output.pos);
-	return result;
+	return frames;
 }
 
 std::string RandomBytes(std::size_t size, unsigned seed) {
@@ -126,11 +131,13 @@ ArchiveTest::ArchiveTest() {
 	WriteFile(directory_ / "outside/secret", "secret");
 }
 
-std::string ArchiveTest::SealPayload(const std::string& payload, std::uint64_t entries, std::uint64_t bytes,
-    const archive::SigningKey& key, std::uint32_t key_type) {
+std::string ArchiveTest::SealFrames(const std::vector<archive::PackedFrame>& frames, std::uint64_t entries,
+    std::uint64_t bytes, const archive::SigningKey& key, std::uint32_t key_type) {
 	std::string path = directory_ / ("archive" + std::to_string(archives_++));
 	archive::ArchiveSealer sealer(directory_.Path().string());
-	sealer.Append(payload);
+	for (const archive::PackedFrame& frame : frames) {
+		sealer.Append(frame.frame, frame.packed);
+	}
 	archive::ArchiveHead head;
 	head.key_type = key_type;
 	head.entry_count = entries;
@@ -147,7 +154,7 @@ std::string ArchiveTest::Seal(const std::vector<TarMember>& members, const Decla
 		entries += IsMetaMember(member) ? 0U : 1U;
 		bytes += member.type == '0' ? member.content.size() : 0U;
 	}
-	return SealPayload(CompressZstd(MakeTar(members)), declared.entries.value_or(entries),
+	return SealFrames(FramesOf(MakeTar(members)), declared.entries.value_or(entries),
 	    declared.bytes.value_or(bytes), key_, declared.key_type);
 }
 

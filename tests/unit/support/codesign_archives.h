@@ -4,6 +4,7 @@
 
 #include "archive/extractor.h"
 #include "archive/file.h"
+#include "archive/packer.h"
 #include "archive/signing_key.h"
 #include "temporary_directory.h"
 
@@ -42,8 +43,12 @@ TarMember WithMode(TarMember member, unsigned mode);
 std::vector<TarMember> LongNamed(const std::string& name, const std::string& content);
 
 std::string MakeTar(const std::vector<TarMember>& members);
-/** @param window_log  0 for the level's own */
-std::string CompressZstd(const std::string& bytes, int window_log = 0);
+/** A frame that says what it is told, whatever it holds. */
+archive::PackedFrame MakeFrame(archive::Codec codec, const std::string& packed, std::size_t unpacked_size);
+/** A frame of these bytes; stored when the codec makes them no smaller. */
+archive::PackedFrame FrameOf(const std::string& bytes, archive::Codec codec = archive::Codec::kZstd);
+/** As many frames as bytes need. */
+std::vector<archive::PackedFrame> FramesOf(const std::string& bytes, archive::Codec codec = archive::Codec::kZstd);
 /** Bytes that do not compress, always the same for a seed. */
 std::string RandomBytes(std::size_t size, unsigned seed);
 
@@ -59,8 +64,8 @@ class ArchiveTest : public ::testing::Test {
 protected:
 	ArchiveTest();
 
-	/** Writes a signed archive with a payload; the head declares what it is told. */
-	std::string SealPayload(const std::string& payload, std::uint64_t entries, std::uint64_t bytes,
+	/** Writes a signed archive with these frames; the head declares what it is told. */
+	std::string SealFrames(const std::vector<archive::PackedFrame>& frames, std::uint64_t entries, std::uint64_t bytes,
 	    const archive::SigningKey& key, std::uint32_t key_type = 6);
 	/** Writes a signed archive with members. */
 	std::string Seal(const std::vector<TarMember>& members, const Declared& declared = {});
