@@ -233,14 +233,15 @@ void AddRestore(CLI::App& app, Options& options) {
 void AddReaders(CLI::App& app, Options& options) {
 	CLI::App* verify = app.add_subcommand("verify", "Check a package's signature and content");
 	CLI::App* unpack = app.add_subcommand("unpack", "Check a package and unpack its files");
-	for (CLI::App* command : {verify, unpack}) {
+	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says about itself; checks no signature");
+	for (CLI::App* command : {verify, unpack, inspect}) {
 		command->add_option("PACKAGE", options.package, "Package file")->required();
+	}
+	for (CLI::App* command : {verify, unpack}) {
 		const char* const text = "Public key that may have signed the package; may be repeated";
 		command->add_option("--key", options.public_keys, text)->required();
 	}
 	unpack->add_option("DIRECTORY", options.directory, "Directory for the files; made if missing")->required();
-	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says about itself; checks no signature");
-	inspect->add_option("PACKAGE", options.package, "Package file")->required();
 	inspect->add_flag("--json", options.json, "Print JSON");
 }
 

@@ -32,7 +32,7 @@ std::string Mixed(std::size_t size, unsigned seed) {
 			const std::size_t from = generator() % bytes.size();
 			bytes += bytes.substr(from, generator() % 300);
 		} else {
-			bytes += RandomBytes(generator() % 40, generator());
+			bytes += RandomBytes(generator() % 40, static_cast<unsigned>(generator()));
 		}
 	}
 	bytes.resize(size);
@@ -57,7 +57,7 @@ std::string UnpackError(Codec codec, const std::string& packed, std::size_t size
 
 TEST(Codecs, GiveBackWhatTheyGot) {
 	unsigned seed = 0;
-	for (const std::size_t size : {1, 2, 100, 4095, 4096, 4097, 70'000, 1'000'003}) {
+	for (const unsigned size : {1U, 2U, 100U, 4095U, 4096U, 4097U, 70'000U, 1'000'003U}) {
 		const std::string bytes = Mixed(size, ++seed);
 		for (const Codec codec : kAll) {
 			const std::string packed = archive::Compress(codec, bytes, kLevel);

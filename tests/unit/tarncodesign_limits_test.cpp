@@ -61,10 +61,12 @@ TEST_F(ArchiveLimits, StopsAnUndeclaredFloodOfZeros) {
 	constexpr std::size_t kFlood = 64U << 20U;
 	TarMember flood = Special("flood", '4');
 	flood.content.assign(kFlood, '\0');
-	EXPECT_THAT(InstallError(Seal({flood})), HasSubstr("is a device"));
+	EXPECT_THAT(InstallError(Seal({flood})), HasSubstr("unpacks to more than its head declares"));
+	EXPECT_THAT(InstallError(Seal({flood}, Bytes(kFlood))), HasSubstr("is a device"));
 	flood.type = '0';
 	flood.name = "../flood"; // refused itself, and before its content is read
-	EXPECT_THAT(InstallError(Seal({flood}, Bytes(1))), HasSubstr("holds more bytes than its head declares"));
+	EXPECT_THAT(InstallError(Seal({flood}, Bytes(1))), HasSubstr("unpacks to more than its head declares"));
+	EXPECT_THAT(InstallError(Seal({flood}, Bytes(kFlood - 1))), HasSubstr("holds more bytes than its head declares"));
 	EXPECT_THAT(Installed(), IsEmpty());
 }
 
