@@ -16,7 +16,7 @@ constexpr std::uint32_t kCodecCount = 5;
 const char* CodecName(Codec codec);
 
 /** What a decompressor may take beside the frame's packed and unpacked bytes, whatever the packed bytes ask for. */
-constexpr std::size_t kMaxDecoderMemory = std::size_t{10} << 20U;
+constexpr std::size_t kMaxDecoderMemory = std::size_t{6} << 20U;
 
 /**
  * Decompresses one frame into memory. What it decompresses may be anything.

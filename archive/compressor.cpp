@@ -15,7 +15,7 @@ namespace tarn::archive {
 
 namespace {
 
-constexpr int kWindowLog = 22;
+constexpr int kWindowLog = 21;
 static_assert(1U << kWindowLog == kMaxFrameSize);
 
 [[noreturn]] void Fail(const std::string& reason) {

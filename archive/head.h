@@ -19,10 +19,10 @@ constexpr std::size_t kHeadSize = 48;
 constexpr std::size_t kSignatureSize = 64;
 constexpr std::size_t kDigestSize = 32;
 /** What a frame may unpack to, and so what it takes in a reader's memory. */
-constexpr std::uint32_t kMaxFrameSize = 4U << 20U;
+constexpr std::uint32_t kMaxFrameSize = 2U << 20U;
 /** The bytes of a frame in the table. */
 constexpr std::size_t kFrameEntrySize = 44;
-constexpr std::uint32_t kMaxFrames = 1U << 18U;
+constexpr std::uint32_t kMaxFrames = 1U << 19U;
 constexpr std::uint32_t kMaxMetadataSize = 64U << 10U;
 constexpr std::uint64_t kMaxPayloadSize = std::uint64_t{64} << 30U;
 

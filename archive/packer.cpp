@@ -11,9 +11,8 @@ namespace tarn::archive {
 
 namespace {
 
-constexpr std::uint64_t kMaxSmall = std::uint64_t{2} << 20U;
 constexpr std::size_t kMinFrame = std::size_t{256} << 10U; // before a frame ends with its group
-constexpr std::size_t kFramesAtOnce = 8;
+constexpr std::size_t kFramesAtOnce = 16;
 
 /** A way to compress, and what it must save to be worth a device's time. */
 struct Candidate {
@@ -64,6 +63,24 @@ void JoinSmallest(std::vector<std::string>& groups) {
 	}
 }
 
+/** Cuts what is larger than a frame. */
+std::vector<std::string> CutToFrames(const std::vector<std::string>& groups) {
+	std::vector<std::string> pieces;
+	for (const std::string& group : groups) {
+		for (std::size_t begin = 0; begin < group.size(); begin += kMaxFrameSize) {
+			pieces.push_back(group.substr(begin, kMaxFrameSize));
+		}
+	}
+	return pieces;
+}
+
+/** Whether a frame for both may be smaller than two, which only a try shows. */
+bool MayJoin(const std::string& left, const std::string& right) {
+	constexpr std::size_t kWorthTrying = std::size_t{32} << 10U;
+	return !left.empty() && std::min(left.size(), right.size()) < kWorthTrying &&
+	       left.size() + right.size() <= kMaxFrameSize;
+}
+
 /** The codec for a frame of a large payload, by its middle. */
 Codec ChooseCodec(std::string_view bytes, int level) {
 	constexpr std::size_t kSampleSize = std::size_t{512} << 10U;
@@ -96,14 +113,12 @@ PackedFrame PackLarge(std::string_view bytes, int level) {
 }
 
 std::vector<PackedFrame> PackGroups(std::vector<std::string> groups, int level) {
-	constexpr std::size_t kWorthJoining = std::size_t{32} << 10U;
-	groups.erase(std::remove(groups.begin(), groups.end(), std::string()), groups.end());
 	JoinSmallest(groups);
 	std::vector<PackedFrame> frames;
 	std::string last;
-	for (std::string& group : groups) {
+	for (std::string& group : CutToFrames(groups)) {
 		PackedFrame frame = PackSmallest(group, level);
-		if (!frames.empty() && std::min(last.size(), group.size()) < kWorthJoining) {
+		if (MayJoin(last, group)) {
 			PackedFrame joined = PackSmallest(last + group, level);
 			if (joined.packed.size() <= frames.back().packed.size() + frame.packed.size() + kFrameEntrySize) {
 				frames.back() = std::move(joined);
@@ -119,13 +134,17 @@ std::vector<PackedFrame> PackGroups(std::vector<std::string> groups, int level) 
 
 void Packer::Write(std::string_view bytes) {
 	size_ += bytes.size();
-	if (is_small_ && size_ > kMaxSmall) {
+	if (is_small_ && size_ > max_small_) {
 		LeaveSmall();
 	}
 	if (is_small_) {
 		groups_.back() += bytes;
 		return;
 	}
+	Fill(bytes);
+}
+
+void Packer::Fill(std::string_view bytes) {
 	while (!bytes.empty()) {
 		const std::string_view part = bytes.substr(0, kMaxFrameSize - frame_.size());
 		frame_ += part;
@@ -148,7 +167,7 @@ void Packer::LeaveSmall() {
 	is_small_ = false;
 	for (const std::string& group : std::exchange(groups_, {})) {
 		BeginGroup();
-		frame_ += group; // All groups together are smaller than a frame.
+		Fill(group);
 	}
 }
 

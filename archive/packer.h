@@ -29,16 +29,20 @@ struct PackedFrame {
 /**
  * Takes a tar and makes frames of it, on all processors. The same bytes, groups and level give the same frames.
  *
- * A payload of up to 2 MiB gets a frame for each group, or one for several when that is smaller, and in each frame the
- * codec that makes it smallest. In a larger payload a part of each frame decides, and the time of the device counts: a
- * codec that is slower to decompress must be smaller by what its time is worth.
+ * A small payload gets frames for each group, or one for several when that is smaller, and in each frame the codec that
+ * makes it smallest. In a larger payload a part of each frame decides, and the time of the device counts: a codec that
+ * is slower to decompress must be smaller by what its time is worth.
  */
 class Packer {
 public:
 	using FrameSink = std::function<void(const PackedFrame&)>;
 
-	/** @param level  kMinLevel to kMaxLevel: fast to small */
-	Packer(int level, FrameSink sink) : level_(level), sink_(std::move(sink)) {}
+	/**
+	 * @param level      kMinLevel to kMaxLevel: fast to small
+	 * @param max_small  how large a small payload may be
+	 */
+	Packer(int level, std::uint64_t max_small, FrameSink sink)
+	    : level_(level), max_small_(max_small), sink_(std::move(sink)) {}
 
 	void Write(std::string_view bytes);
 	/** What comes now is of another kind than what came before. */
@@ -47,10 +51,12 @@ public:
 
 private:
 	void LeaveSmall();
+	void Fill(std::string_view bytes);
 	void CutFrame();
 	void PackFrames();
 
 	int level_;
+	std::uint64_t max_small_;
 	FrameSink sink_;
 	bool is_small_ = true;
 	std::uint64_t size_ = 0;

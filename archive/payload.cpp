@@ -12,7 +12,7 @@ namespace tarn::archive {
 
 namespace {
 
-constexpr std::size_t kMaxThreads = 4; // each of which takes memory for a frame
+constexpr std::size_t kMaxThreads = 2; // Each takes up to 10 MiB, and more than two would wait for the disk.
 
 std::size_t ThreadsFor(std::size_t frames) {
 	return frames == 1 ? 0 : std::min({frames, kMaxThreads, std::size_t{Processors()}});

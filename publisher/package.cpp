@@ -6,6 +6,7 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
+#include "publisher/diff_package.h"
 #include "publisher/json_text.h"
 #include "publisher/publish_error.h"
 
@@ -22,6 +23,9 @@ namespace tarn::publisher {
 
 namespace {
 
+// Up to which size a package takes all of the publisher's time: most diff packages do, and most devices take them.
+constexpr std::uint64_t kMaxSmallDiff = std::uint64_t{8} << 20U;
+constexpr std::uint64_t kMaxSmallFull = std::uint64_t{1} << 20U;
 constexpr std::size_t kBufferSize = std::size_t{1} << 20U;
 
 std::string Metadata(const PackageInfo& info) {
@@ -110,8 +114,8 @@ void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
 std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key, int level,
     int archive_fd, const std::string& path, const PackProgress& progress) {
 	archive::ArchiveSealer sealer(std::filesystem::path(path).parent_path().string());
-	archive::Packer packer(
-	    level, [&sealer](const archive::PackedFrame& frame) { sealer.Append(frame.frame, frame.packed); });
+	archive::Packer packer(level, info.kind == kDiffKind ? kMaxSmallDiff : kMaxSmallFull,
+	    [&sealer](const archive::PackedFrame& frame) { sealer.Append(frame.frame, frame.packed); });
 	archive::TarWriter tar([&packer](std::string_view bytes) { packer.Write(bytes); });
 	std::vector<char> buffer(kBufferSize);
 	std::uint64_t files = 0;

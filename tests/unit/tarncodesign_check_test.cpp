@@ -102,7 +102,7 @@ TEST_F(ArchiveCheck, RefusesEveryFlippedBitOfASmallArchive) {
 }
 
 TEST_F(ArchiveCheck, RefusesAFlippedBitInEveryRegionOfALargeArchive) {
-	const std::string content = RandomBytes(13'500'000, 1);
+	const std::string content = RandomBytes(7'000'000, 1);
 	const std::string archive = Seal({File("big", content)});
 	const auto head = archive::ArchiveFile(archive).Head();
 	ASSERT_EQ(head.frame_count, 4U);
