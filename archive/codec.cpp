@@ -2,10 +2,11 @@
 
 #include "base/error.h"
 
+#include <zstd.h>
+
 #include <brotli/decode.h>
 #include <bzlib.h>
 #include <lzma.h>
-#include <zstd.h>
 
 #include <algorithm>
 #include <array>
@@ -208,11 +209,11 @@ struct Form {
 };
 
 const Form& FormOf(Codec codec) {
-	static constexpr std::array<Form, kCodecCount> kForms = {{{"stored", CopyStored}, {"zstd", DecompressZstd},
-	    {"brotli", DecompressBrotli}, {"lzma", DecompressLzma},
-	    {"bzip2", [](std::string_view packed, char* output, std::size_t size) {
-		     Bzip2Stream().Run(packed, output, size);
-	     }}}}; // in the order of the numbers
+	static constexpr std::array<Form, kCodecCount> kForms = {
+	    {{"stored", CopyStored}, {"zstd", DecompressZstd}, {"brotli", DecompressBrotli}, {"lzma", DecompressLzma},
+	        {"bzip2", [](std::string_view packed, char* output, std::size_t size) {
+		         Bzip2Stream().Run(packed, output, size);
+	         }}}}; // in the order of the numbers
 	return kForms.at(static_cast<std::size_t>(codec));
 }
 

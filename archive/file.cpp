@@ -49,8 +49,8 @@ ArchiveFile::ArchiveFile(const std::string& path) : fd_(OpenRegularFile(AT_FDCWD
 	if (EncodeHead(again) != EncodeHead(head_)) {
 		throw Error("changed while it was read");
 	}
-	frames_ = DecodeFrames(
-	    SignedPart().substr(head_.TableOffset(), head_.SignatureOffset() - head_.TableOffset()), head_);
+	frames_ =
+	    DecodeFrames(SignedPart().substr(head_.TableOffset(), head_.SignatureOffset() - head_.TableOffset()), head_);
 	std::uint64_t offset = head_.PayloadOffset();
 	for (const Frame& frame : frames_) {
 		offsets_.push_back(offset);

@@ -29,8 +29,7 @@ UniqueFd NamelessFile(const std::string& directory) {
 
 } // namespace
 
-TarWriter::TarWriter(Sink sink)
-    : sink_(std::move(sink)), entry_(archive_entry_new()), writer_(archive_write_new()) {
+TarWriter::TarWriter(Sink sink) : sink_(std::move(sink)), entry_(archive_entry_new()), writer_(archive_write_new()) {
 	if (!entry_ || !writer_) {
 		throw Error("There is no memory to pack.");
 	}
@@ -91,8 +90,7 @@ void TarWriter::Finish() {
 	Check(archive_write_close(writer_.get()));
 }
 
-ArchiveSealer::ArchiveSealer(const std::string& directory)
-    : directory_(directory), payload_(NamelessFile(directory)) {}
+ArchiveSealer::ArchiveSealer(const std::string& directory) : directory_(directory), payload_(NamelessFile(directory)) {}
 
 void ArchiveSealer::Append(Frame frame, std::string_view packed) {
 	frame.packed_size = static_cast<std::uint32_t>(packed.size());

@@ -99,8 +99,8 @@ void CheckOptions(const PublishOptions& options) {
 	}
 	CheckKeptDiffs(options.keep_diffs);
 	if (options.level < archive::kMinLevel || options.level > archive::kMaxLevel) {
-		throw UsageError("--level " + std::to_string(options.level) + " must be " +
-		                 std::to_string(archive::kMinLevel) + " to " + std::to_string(archive::kMaxLevel) + ".");
+		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(archive::kMinLevel) +
+		                 " to " + std::to_string(archive::kMaxLevel) + ".");
 	}
 }
 

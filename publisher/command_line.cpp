@@ -238,8 +238,8 @@ void AddReaders(CLI::App& app, Options& options) {
 		command->add_option("PACKAGE", options.package, "Package file")->required();
 	}
 	for (CLI::App* command : {verify, unpack}) {
-		const char* const text = "Public key that may have signed the package; may be repeated";
-		command->add_option("--key", options.public_keys, text)->required();
+		command->add_option("--key", options.public_keys, "Public key that may have signed it; may be repeated")
+		    ->required();
 	}
 	unpack->add_option("DIRECTORY", options.directory, "Directory for the files; made if missing")->required();
 	inspect->add_flag("--json", options.json, "Print JSON");
@@ -268,12 +268,9 @@ int RunReporting(const CLI::App& app, const Options& options, const Streams& str
 			throw PublishError("The result could not be printed.");
 		}
 		return kDone;
-	} catch (const UsageError& error) {
-		streams.err << "tarndbudpub: " << error.what() << "\n";
-		return kUsage;
 	} catch (const std::exception& error) {
 		streams.err << "tarndbudpub: " << error.what() << "\n";
-		return kFailed;
+		return dynamic_cast<const UsageError*>(&error) != nullptr ? kUsage : kFailed;
 	}
 }
 

@@ -20,6 +20,7 @@
 #include <map>
 #include <optional>
 #include <sstream>
+#include <system_error>
 
 namespace tarn::publisher {
 
@@ -254,7 +255,8 @@ std::string UnpackPackage(
 	return NamingPackage(package, [&] {
 		const archive::ArchiveFile archive(package);
 		archive.Check(keys, archive::kDataUpdateKeyType);
-		std::filesystem::create_directory(directory);
+		std::error_code ignored; // What keeps the directory from being made keeps it from being opened.
+		std::filesystem::create_directory(directory, ignored);
 		const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		if (!fd) {
 			ThrowErrno("cannot be unpacked into " + directory);

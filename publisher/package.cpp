@@ -89,8 +89,8 @@ std::string KindOf(const TreeFile& file) {
 /** The files in the order in which they are packed. */
 std::vector<const TreeFile*> InOrder(const Tree& tree) {
 	std::vector<const TreeFile*> files;
-	std::transform(tree.files.begin(), tree.files.end(), std::back_inserter(files),
-	    [](const TreeFile& file) { return &file; });
+	std::transform(
+	    tree.files.begin(), tree.files.end(), std::back_inserter(files), [](const TreeFile& file) { return &file; });
 	std::sort(files.begin(), files.end(), [](const TreeFile* left, const TreeFile* right) {
 		return std::make_pair(KindOf(*left), left->name) < std::make_pair(KindOf(*right), right->name);
 	});

@@ -47,6 +47,7 @@ NO_MESSAGES = {
     "not installed",
     "updated from version ",
     " is whole and signed by ",
+    " are in ",
     "the default code table",
     "the code table",
 }

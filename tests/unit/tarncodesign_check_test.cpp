@@ -109,7 +109,8 @@ TEST_F(ArchiveCheck, RefusesAFlippedBitInEveryRegionOfALargeArchive) {
 	const std::string bytes = ReadFile(archive);
 	const std::vector<std::uint64_t> offsets = {archive::kHeadSize, head.TableOffset(), head.SignatureOffset() - 1,
 	    head.PayloadOffset(), head.PayloadOffset() + archive::kMaxFrameSize - 1,
-	    head.PayloadOffset() + archive::kMaxFrameSize, head.PayloadOffset() + head.payload_size / 2, head.FileSize() - 1};
+	    head.PayloadOffset() + archive::kMaxFrameSize, head.PayloadOffset() + head.payload_size / 2,
+	    head.FileSize() - 1};
 	for (const std::uint64_t offset : offsets) {
 		std::string flipped = bytes;
 		flipped[offset] = static_cast<char>(flipped[offset] ^ 1);

@@ -89,7 +89,8 @@ TEST(Codecs, StopABomb) {
 	for (const Codec codec : kCompressing) {
 		const std::string packed = archive::Compress(codec, bytes, kLevel);
 		ASSERT_LT(packed.size(), 2000U) << CodecName(codec);
-		EXPECT_THAT(UnpackError(codec, packed, 10'000), AnyOf(HasSubstr("more than its frame"), HasSubstr("too small")));
+		EXPECT_THAT(
+		    UnpackError(codec, packed, 10'000), AnyOf(HasSubstr("more than its frame"), HasSubstr("too small")));
 	}
 }
 
@@ -146,9 +147,9 @@ TEST(Codecs, RefuseABrotliWindowThatNeedsMuchMemory) {
 	std::size_t size = BrotliEncoderMaxCompressedSize(kSize);
 	std::string packed(size, '\0');
 	constexpr int kQuality = 1;
-	ASSERT_EQ(BrotliEncoderCompress(kQuality, BROTLI_MAX_WINDOW_BITS, BROTLI_MODE_GENERIC, kSize,
-	              reinterpret_cast<const std::uint8_t*>(bytes.data()), &size,
-	              reinterpret_cast<std::uint8_t*>(packed.data())),
+	ASSERT_EQ(
+	    BrotliEncoderCompress(kQuality, BROTLI_MAX_WINDOW_BITS, BROTLI_MODE_GENERIC, kSize,
+	        reinterpret_cast<const std::uint8_t*>(bytes.data()), &size, reinterpret_cast<std::uint8_t*>(packed.data())),
 	    BROTLI_TRUE);
 	packed.resize(size);
 	EXPECT_NE(UnpackError(Codec::kBrotli, packed, kSize), "") << "the window is larger than all memory allowed";
@@ -236,8 +237,8 @@ TEST_F(ArchiveFrames, AreTheSameForTheSameContent) {
 		std::string first;
 		for (int round = 0; round < 2; ++round) {
 			std::string all;
-			archive::Packer packer(
-			    level, kMaxSmall, [&all](const archive::PackedFrame& frame) { all += EncodeFrame(frame.frame) + frame.packed; });
+			archive::Packer packer(level, kMaxSmall,
+			    [&all](const archive::PackedFrame& frame) { all += EncodeFrame(frame.frame) + frame.packed; });
 			packer.Write(large.substr(0, 700'000));
 			packer.BeginGroup();
 			packer.Write(large.substr(700'000));

@@ -56,7 +56,7 @@ TEST_F(Command, NeedsASubcommandItKnows) {
 }
 
 TEST_F(Command, HelpEndsWithTheExitCodes) {
-	for (const char* command : {"keygen", "publish", "restore", "verify", "inspect"}) {
+	for (const char* command : {"keygen", "publish", "restore", "verify", "unpack", "inspect"}) {
 		EXPECT_EQ(Run({command, "--help"}), publisher::kDone);
 		EXPECT_THAT(out_.str(), ::testing::EndsWith("Exit status: 0 done, 1 failed, 2 wrong usage.\n")) << command;
 	}
@@ -216,6 +216,41 @@ TEST_F(Command, VerifyFindsADamagedByte) {
 	bytes.back() = static_cast<char>(bytes.back() ^ 1);
 	WriteFile(Package(1), bytes);
 	ExpectFailure(Run({"verify", Package(1), "--key", directory_ / "key.pub"}), "differs from its signed digest");
+}
+
+TEST_F(Command, UnpackPutsTheFilesOfACheckedPackageIntoADirectory) {
+	Put("zones/north", Noise(5000, 1));
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	const std::string out = directory_ / "unpacked";
+	ExpectFailure(Run({"unpack", directory_ / "missing", out, "--key", directory_ / "key.pub"}), "cannot open");
+	EXPECT_FALSE(std::filesystem::exists(out));
+	EXPECT_EQ(Run({"unpack", Package(1), out, "--key", directory_ / "key.pub"}), publisher::kDone);
+	EXPECT_THAT(out_.str(), HasSubstr("2 files of " + Package(1) + " are in " + out));
+	EXPECT_EQ(ReadFile(out + "/zones/north"), Noise(5000, 1));
+	archive::GenerateKeyFiles(directory_ / "other");
+	ExpectFailure(Run({"unpack", Package(1), out, "--key", directory_ / "other.pub"}), "has no signature by a trusted");
+	ExpectFailure(
+	    Run({"unpack", Package(1), out + "/zones/north", "--key", directory_ / "key.pub"}), "Not a directory");
+	EXPECT_EQ(Run({"unpack", Package(1), "--key", directory_ / "key.pub"}), publisher::kUsage);
+}
+
+TEST_F(Command, InspectTellsHowAPackageIsCompressed) {
+	Put("file", std::string(5000, 'x'));
+	Put("noise.bin", Noise(50'000, 1));
+	ASSERT_EQ(Run(PublishArguments({"--level", "1"})), publisher::kDone);
+	EXPECT_EQ(Run({"inspect", Package(1)}), publisher::kDone);
+	EXPECT_THAT(out_.str(), HasSubstr("\ncompression    "));
+	EXPECT_THAT(out_.str(), HasSubstr(" frame, "));
+	EXPECT_EQ(Run({"inspect", Package(1), "--json"}), publisher::kDone);
+	Json::Value value;
+	std::istringstream(out_.str()) >> value;
+	Json::UInt64 packed = 0;
+	for (const std::string& codec : value["codecs"].getMemberNames()) {
+		EXPECT_GE(value["codecs"][codec]["frames"].asUInt64(), 1U);
+		EXPECT_GE(value["codecs"][codec]["unpacked_size"].asUInt64(), value["codecs"][codec]["packed_size"].asUInt64());
+		packed += value["codecs"][codec]["packed_size"].asUInt64();
+	}
+	EXPECT_EQ(packed, value["payload_size"].asUInt64());
 }
 
 TEST_F(Command, InspectListsMembersAndSaysThatItVerifiesNothing) {

@@ -241,7 +241,7 @@ TEST_F(Publishing, LeavesTheOldStateWhenItIsKilledWhilePacking) {
 
 TEST_F(Publishing, ServesAWholeStateWhenItIsKilledAtAnyMoment) {
 	Put("random", std::string(200'000, 'r'));
-	options_.level = publisher::kMinLevel;
+	options_.level = archive::kMinLevel;
 	Publish();
 	int killed = 0;
 	for (int moment = 0; moment < 40; ++moment) {

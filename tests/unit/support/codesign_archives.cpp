@@ -154,8 +154,8 @@ std::string ArchiveTest::Seal(const std::vector<TarMember>& members, const Decla
 		entries += IsMetaMember(member) ? 0U : 1U;
 		bytes += member.type == '0' ? member.content.size() : 0U;
 	}
-	return SealFrames(FramesOf(MakeTar(members)), declared.entries.value_or(entries),
-	    declared.bytes.value_or(bytes), key_, declared.key_type);
+	return SealFrames(FramesOf(MakeTar(members)), declared.entries.value_or(entries), declared.bytes.value_or(bytes),
+	    key_, declared.key_type);
 }
 
 void ArchiveTest::Install(const std::string& archive, const archive::Limits& limits) {

@@ -2,9 +2,9 @@
  * @file
  * Platform code signing: extraction of signed archives.
  *
- * A signed archive is one file: a signed head that holds the digest of every chunk of the body, and the body, a tar
- * compressed with zstd. Opening checks the signature and every chunk before anything is parsed; extracting checks each
- * chunk again as it is read into private memory, so that a file rewritten between or during the two steps never
+ * A signed archive is one file: a signed head that holds the digest of every frame of the body, and the body, a tar
+ * compressed frame by frame. Opening checks the signature and every frame before anything is parsed; extracting checks
+ * each frame again as it is read into private memory, so that a file rewritten between or during the two steps never
  * yields a byte that was not signed. docs/formats.md describes the bytes.
  *
  * A signature says who made a package, not which package was asked for. A data-update package also says in its signed
@@ -16,9 +16,9 @@
  * and not be writable by anybody else; a file that breaks this, or holds something else, is skipped with a warning.
  *
  * A context is used by one thread. Order of calls: init, open, extract, free. No function throws; every failure is one
- * line in syslog at LOG_ERR, with the archive's path and the reason. Extracting runs one more thread for as long as it
- * lasts, with all signals blocked. Memory stays under 20 MB whatever the archive's size. Nothing is synced: the caller
- * syncs the file system once, before it relies on what was extracted.
+ * line in syslog at LOG_ERR, with the archive's path and the reason. Extracting runs up to two more threads for as long
+ * as it lasts, with all signals blocked. Memory stays under 20 MB whatever the archive's size. Nothing is synced: the
+ * caller syncs the file system once, before it relies on what was extracted.
  */
 #ifndef TARNCODESIGN_TARNCODESIGN_H
 #define TARNCODESIGN_TARNCODESIGN_H
