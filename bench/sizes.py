@@ -9,7 +9,7 @@ import subprocess
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-LEVEL = 12  # the publisher's default
+LEVEL = 12  # of the stock compressor
 SIZE_LIMIT = 1.02
 DATABASE_FILE = "places.sqlite"
 WORDS = "alpha beta gamma delta north south east west river lake hill road bridge station harbour market".split()
@@ -99,7 +99,7 @@ PEERS: dict[str, Callable[[Path, Path, Path], None]] = {
 
 
 def packed_size(encode: Callable[[Path, Path, Path], None], old: Path, new: Path, scratch: Path) -> int:
-    """Bytes of all patches of the changed files in one tar, compressed as packages are."""
+    """Bytes of all patches of the changed files in one tar, compressed by zstd."""
     patches = scratch / "patches"
     patches.mkdir()
     for path in sorted(new.iterdir()):
