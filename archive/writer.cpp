@@ -86,6 +86,10 @@ void TarWriter::WriteContent(std::string_view bytes) {
 	}
 }
 
+void TarWriter::EndFile() {
+	Check(archive_write_finish_entry(writer_.get()));
+}
+
 void TarWriter::Finish() {
 	Check(archive_write_close(writer_.get()));
 }

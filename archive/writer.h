@@ -32,6 +32,8 @@ public:
 
 	void BeginFile(const std::string& name, std::uint64_t size, bool executable);
 	void WriteContent(std::string_view bytes);
+	/** Writes the file's padding, so that it lies with the file and not with what follows. */
+	void EndFile();
 	/** Any other member; the publisher writes none, the tests of readers do. */
 	void WriteEntry(archive_entry* entry);
 	void Finish();

@@ -78,6 +78,7 @@ void PackFile(const TreeFile& file, archive::TarWriter& tar, std::vector<char>& 
 		offset += part;
 		report(offset);
 	}
+	tar.EndFile();
 	RequireUnchanged(SameContent(before, StatusOf(fd.Get(), file)), file);
 }
 
