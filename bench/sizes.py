@@ -10,7 +10,7 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 LEVEL = 12  # of the stock compressor
-SIZE_LIMIT = 1.02
+SIZE_LIMIT = 0.92
 DATABASE_FILE = "places.sqlite"
 WORDS = "alpha beta gamma delta north south east west river lake hill road bridge station harbour market".split()
 
