@@ -151,16 +151,13 @@ private:
 
 	void Encode() {
 		const std::vector<EncodingTask> tasks = Tasks();
-		Encoders encoders = {FindProgram("xdelta3"), FindProgram("sqldiff"), order_.options.level};
+		Encoders encoders = {FindProgram("xdelta3"), order_.options.level, std::uint64_t{2} << 30U};
 		const auto needs = [&tasks](bool EncodingTask::*permission) {
 			return std::any_of(tasks.begin(), tasks.end(),
 			    [&](const EncodingTask& task) { return task.*permission && task.change.before && task.change.after; });
 		};
 		if (!encoders.vcdiff && needs(&EncodingTask::may_patch)) {
 			observer_.warn("xdelta3 is not installed: changed files are published whole.");
-		}
-		if (!encoders.script && needs(&EncodingTask::may_script)) {
-			observer_.warn("sqldiff is not installed: databases are published without SQL scripts.");
 		}
 		std::vector<std::size_t> order(tasks.size());
 		std::iota(order.begin(), order.end(), 0);

@@ -72,12 +72,12 @@ public:
 	}
 
 	void TryScript() {
-		const bool possible = task_.may_script && encoders_.script &&
-		                      !FindScriptObstacle(task_.change.before->source, task_.change.after->source);
+		const bool possible =
+		    task_.may_script && !FindScriptObstacle(task_.change.before->source, task_.change.after->source);
 		if (possible) {
 			Try(PatchKind::kScript, [this](const std::string& path) {
 				const ScriptSubject subject = {task_.change.before->source, task_.change.after->source, task_.lineage};
-				EncodeScript(*encoders_.script, subject, path, scratch_);
+				EncodeScript(subject, path, scratch_, {encoders_.level, encoders_.memory});
 			});
 		}
 	}

@@ -22,11 +22,11 @@ namespace tarn::publisher {
 void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,
     const std::string& patch, const std::string& scratch);
 
-/** The programs that make patches, where they are installed, and how packages are compressed. */
+/** The program that makes patches, where it is installed, and how packages are compressed. */
 struct Encoders {
 	std::optional<std::string> vcdiff; // xdelta3
-	std::optional<std::string> script; // sqldiff
 	int level = 0;
+	std::uint64_t memory = 0; // bytes that making a patch or a script may take, more or less
 };
 
 /** How one file may be brought to the next version. */

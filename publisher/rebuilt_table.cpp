@@ -1,0 +1,269 @@
+#include "publisher/rebuilt_table.h"
+
+#include <algorithm>
+
+namespace tarn::publisher {
+
+namespace {
+
+constexpr const char* kBefore = "main";
+constexpr const char* kAfter = "next";
+
+std::uint64_t CountRows(const DatabasePair& pair, const char* schema, const TableShape& shape) {
+	SQLite::Statement count(pair.Connection(), std::string("SELECT count(*) FROM ") + schema + "." + shape.name);
+	count.executeStep();
+	return static_cast<std::uint64_t>(count.getColumn(0).getInt64());
+}
+
+/** The columns by which rows are found again whose content has changed. */
+const std::vector<std::size_t>* KeyColumns(const TableShape& shape) {
+	const auto key = std::find_if(shape.uniques.begin(), shape.uniques.end(),
+	    [&shape](const UniqueColumns& unique) { return unique.columns.size() < shape.columns.size(); });
+	return key == shape.uniques.end() ? nullptr : &key->columns;
+}
+
+bool HasNull(const SqlRow& row, const std::vector<std::size_t>& columns) {
+	return std::any_of(columns.begin(), columns.end(), [&row](std::size_t at) { return row[at].type == SQLITE_NULL; });
+}
+
+} // namespace
+
+RowReader::RowReader(const DatabasePair& pair, const char* schema, const TableShape& shape)
+    : query_(pair.Connection(), "SELECT " + ColumnList("", shape.columns) + " FROM " + schema + "." + shape.name +
+                                    " WHERE " + shape.row_id + "=?"),
+      width_(shape.columns.size()) {}
+
+SqlRow RowReader::Read(std::int64_t id) {
+	query_.reset();
+	query_.bind(1, id);
+	query_.executeStep();
+	return RowOf(query_, 0, width_);
+}
+
+bool RebuiltTable::Match(std::uint64_t memory) {
+	const std::uint64_t rows = CountRows(pair_, kBefore, shape_) + CountRows(pair_, kAfter, shape_);
+	if (rows > memory / kMatchBytesPerRow) {
+		return false;
+	}
+	before_ = ReadPrints(kBefore);
+	after_ = ReadPrints(kAfter);
+	const auto is_positive = [](const RowPrints& prints) { return prints.empty() || prints.front().id > 0; };
+	if (!is_positive(before_) || !is_positive(after_)) {
+		return false;
+	}
+	before_reader_.emplace(pair_, kBefore, shape_);
+	after_reader_.emplace(pair_, kAfter, shape_);
+	match_.emplace(before_, after_, [this](std::size_t before, std::size_t after) { return Likeness(before, after); });
+	FindReinserted();
+	for (std::size_t i = 0; i < before_.size(); ++i) {
+		if (Stays(i) && NewId(i) != before_[i].id) {
+			return true;
+		}
+	}
+	return false;
+}
+
+void RebuiltTable::Write(ChangeWriter& writer) {
+	SetGuard(writer);
+	WriteDeletions(writer);
+	WriteUpdates(writer);
+	std::size_t first = 0;
+	while (!Stays(first) || NewId(first) == before_[first].id) {
+		++first;
+	}
+	const std::string& id = shape_.row_id;
+	writer.Write(
+	    "UPDATE " + shape_.name + " SET " + id + "=-" + id + " WHERE " + id + ">=" + std::to_string(before_[first].id));
+	WriteStrays(first, writer);
+	WriteInsertions(writer);
+	WriteNewIds(first, writer);
+	writer.Flush();
+}
+
+RowPrints RebuiltTable::ReadPrints(const char* schema) const {
+	const std::vector<std::size_t>* key = KeyColumns(shape_);
+	SQLite::Statement rows(pair_.Connection(), "SELECT " + shape_.row_id + "," + ColumnList("", shape_.columns) +
+	                                               " FROM " + schema + "." + shape_.name + " NOT INDEXED ORDER BY " +
+	                                               shape_.row_id);
+	RowPrints prints;
+	while (rows.executeStep()) {
+		SqlRow row = RowOf(rows, 1, shape_.columns.size());
+		RowPrint print;
+		print.id = rows.getColumn(0).getInt64();
+		print.key = key == nullptr || HasNull(row, *key) ? 0 : KeyHash(row, *key);
+		if (shape_.alias) {
+			row[*shape_.alias] = {};
+		}
+		print.content = ContentHash(row);
+		prints.push_back(print);
+	}
+	return prints;
+}
+
+SqlRow RebuiltTable::Before(std::size_t at) {
+	return before_reader_->Read(before_[at].id);
+}
+
+SqlRow RebuiltTable::After(std::size_t at) {
+	return after_reader_->Read(after_[at].id);
+}
+
+std::size_t RebuiltTable::Likeness(std::size_t before, std::size_t after) {
+	const SqlRow left = Before(before);
+	const SqlRow right = After(after);
+	std::size_t same = 0;
+	for (std::size_t i = 0; i < left.size(); ++i) {
+		if (i != shape_.alias && left[i] == right[i]) {
+			same += Literal(left[i]).size();
+		}
+	}
+	return same;
+}
+
+/** Takes rows that stay with other values, by their place before; their row ids count as the same. */
+template<typename Take>
+void RebuiltTable::ForEachChanged(const Take& take) {
+	for (std::size_t i = 0; i < before_.size(); ++i) {
+		const std::size_t at = match_->After(i);
+		if (at == kNoRow || before_[i].content == after_[at].content) {
+			continue;
+		}
+		SqlRow before = Before(i);
+		SqlRow after = After(at);
+		if (shape_.alias) {
+			before[*shape_.alias] = after[*shape_.alias];
+		}
+		take(i, before, after);
+	}
+}
+
+void RebuiltTable::FindReinserted() {
+	UniqueConflicts conflicts(shape_);
+	ForEachChanged(
+	    [&](std::size_t at, const SqlRow& before, const SqlRow& after) { conflicts.Add(at, before, after); });
+	reinserted_ = conflicts.Find();
+}
+
+/** Something that holds before: a row id that is gone after, or a row that is another one after. */
+void RebuiltTable::SetGuard(ChangeWriter& writer) {
+	std::size_t j = 0;
+	for (std::size_t i = 0; i < before_.size(); ++i) {
+		const std::int64_t id = before_[i].id;
+		while (j < after_.size() && after_[j].id < id) {
+			++j;
+		}
+		const bool is_gone = j == after_.size() || after_[j].id != id;
+		if (!is_gone && before_[i].content == after_[j].content) {
+			continue;
+		}
+		std::string condition = KeyCondition(shape_, RowIdKey(id));
+		if (!is_gone) {
+			const SqlRow before = Before(i);
+			const SqlRow after = After(j);
+			const auto [old_value, new_value] = std::mismatch(before.begin(), before.end(), after.begin());
+			const auto column = static_cast<std::size_t>(old_value - before.begin());
+			condition += " AND " + Distinction(shape_.columns[column], *old_value, *new_value);
+		}
+		writer.SetGuard(RowExists(shape_, condition));
+		return;
+	}
+}
+
+void RebuiltTable::WriteDeletions(ChangeWriter& writer) const {
+	constexpr std::size_t kRange = 3; // fewer are shorter one by one
+	for (std::size_t i = 0; i < before_.size(); ++i) {
+		if (Stays(i)) {
+			continue;
+		}
+		std::size_t end = i + 1;
+		while (end < before_.size() && !Stays(end)) {
+			++end;
+		}
+		if (end - i >= kRange) {
+			writer.Write("DELETE FROM " + shape_.name + " WHERE " + shape_.row_id + " BETWEEN " +
+			             std::to_string(before_[i].id) + " AND " + std::to_string(before_[end - 1].id));
+		} else {
+			for (std::size_t at = i; at < end; ++at) {
+				writer.Delete(RowIdKey(before_[at].id));
+			}
+		}
+		i = end;
+	}
+}
+
+void RebuiltTable::WriteUpdates(ChangeWriter& writer) {
+	ForEachChanged([&](std::size_t at, const SqlRow& before, const SqlRow& after) {
+		if (Stays(at)) {
+			writer.Update(RowIdKey(before_[at].id), before, after);
+		}
+	});
+}
+
+void RebuiltTable::WriteInsertions(ChangeWriter& writer) {
+	for (std::size_t j = 0; j < after_.size(); ++j) {
+		if (match_->Before(j) == kNoRow || !Stays(match_->Before(j))) {
+			writer.Insert(RowIdKey(after_[j].id), After(j));
+		}
+	}
+}
+
+void RebuiltTable::WriteStrays(std::size_t first, ChangeWriter& writer) const {
+	for (std::size_t i = first; i < before_.size(); ++i) {
+		if (Stays(i) && !match_->InOrder(i)) {
+			writer.Write("UPDATE " + shape_.name + " SET " + shape_.row_id + "=" + std::to_string(NewId(i)) +
+			             " WHERE " + shape_.row_id + "=" + std::to_string(-before_[i].id));
+		}
+	}
+}
+
+std::vector<RebuiltTable::Run> RebuiltTable::RunsFrom(std::size_t first) const {
+	std::vector<Run> runs;
+	for (std::size_t i = first; i < before_.size(); ++i) {
+		if (!Stays(i) || !match_->InOrder(i)) {
+			continue;
+		}
+		if (!runs.empty() && NewId(runs.back().first) - before_[runs.back().first].id == NewId(i) - before_[i].id) {
+			runs.back().last = i;
+		} else {
+			runs.push_back({i, i});
+		}
+	}
+	return runs;
+}
+
+void RebuiltTable::WriteNewIds(std::size_t first, ChangeWriter& writer) const {
+	constexpr std::size_t kFewRuns = 4;
+	constexpr std::size_t kMostRows = 2'000'000; // which devices have the memory to count
+	const std::vector<Run> runs = RunsFrom(first);
+	if (runs.empty()) {
+		return;
+	}
+	const std::size_t from = match_->After(runs.front().first);
+	const std::size_t to = match_->After(runs.back().last);
+	const bool is_dense = after_[to].id - after_[from].id == static_cast<std::int64_t>(to - from);
+	if (is_dense && runs.size() > kFewRuns && to - from < kMostRows) {
+		writer.Write(FillingStatement(after_[from].id, after_[to].id));
+		return;
+	}
+	for (const Run& run : runs) {
+		writer.Write("UPDATE " + shape_.name + " SET " + shape_.row_id + "=" +
+		             std::to_string(NewId(run.first) - before_[run.first].id) + "-" + shape_.row_id + " WHERE " +
+		             shape_.row_id + " BETWEEN " + std::to_string(-before_[run.last].id) + " AND " +
+		             std::to_string(-before_[run.first].id));
+	}
+}
+
+std::string RebuiltTable::FillingStatement(std::int64_t from, std::int64_t to) const {
+	const std::string& table = shape_.name;
+	const std::string& id = shape_.row_id;
+	return "UPDATE " + table + " SET " + id + "=tarn_m.n FROM (WITH RECURSIVE tarn_n(n) AS (SELECT " +
+	       std::to_string(from) + " UNION ALL SELECT n+1 FROM tarn_n WHERE n<" + std::to_string(to) +
+	       ") SELECT tarn_o.i,tarn_f.n FROM (SELECT " + id + " AS i,row_number() OVER (ORDER BY " + id +
+	       " DESC) AS r FROM " + table + " WHERE " + id +
+	       "<0) AS tarn_o JOIN (SELECT n,row_number() OVER (ORDER BY n) AS r FROM tarn_n WHERE NOT EXISTS(SELECT 1 "
+	       "FROM " +
+	       table + " AS tarn_t WHERE tarn_t." + id + "=tarn_n.n)) AS tarn_f ON tarn_f.r=tarn_o.r) AS tarn_m WHERE " +
+	       table + "." + id + "=tarn_m.i";
+}
+
+} // namespace tarn::publisher
