@@ -136,13 +136,14 @@ private:
 		const bool has_room = chain_.State().HasRoomFor(databases_);
 		std::vector<EncodingTask> tasks;
 		for (const TreeChange& change : changes_) {
-			const FileLineage lineage = chain_.State().Of(change.name);
+			const bool is_scripted = chain_.State().IsScripted(change.name);
 			const bool stands_alone = !HasCompanion(WorkingCopyName(change.name), copies);
 			EncodingTask task;
 			task.change = change;
-			task.may_patch = lineage != FileLineage::kScripted;
-			task.may_script = databases_.count(change.name) > 0 && stands_alone && lineage != FileLineage::kPatched &&
-			                  (has_room || lineage == FileLineage::kScripted);
+			task.is_database = databases_.count(change.name) > 0;
+			task.may_patch = !is_scripted;
+			task.may_script = task.is_database && stands_alone && (has_room || is_scripted);
+			task.past = chain_.CostsOf(change.name);
 			task.lineage = lineages[change.name];
 			tasks.push_back(std::move(task));
 		}
@@ -222,10 +223,21 @@ private:
 		PackageInfo info = {order_.options.id, order_.options.format_version, version_, kDiffKind};
 		info.published = order_.published;
 		info.more["base_version"] = order_.previous.data_version;
-		chain_.State().After(members_, databases_).ToMetadata(info.more);
+		chain_.State().After(members_).ToMetadata(info.more);
+		PlansToMetadata(Plans(), info.more);
 		observer_.step("packing the diff", 0, 1);
 		return WritePackage(content, info, order_.key, order_.options.level, archive_fd, path,
 		    [](std::uint64_t /*files*/, std::uint64_t /*bytes*/) {});
+	}
+
+	std::map<std::string, Json::Value> Plans() const {
+		std::map<std::string, Json::Value> plans;
+		for (std::size_t i = 0; i < changes_.size(); ++i) {
+			if (databases_.count(changes_[i].name) > 0 && !encoded_[i].plan.expected.empty()) {
+				plans[changes_[i].name] = PlanToJson(encoded_[i].costs, encoded_[i].plan);
+			}
+		}
+		return plans;
 	}
 
 	void RequireWorthwhile(std::uint64_t size) const {

@@ -55,7 +55,9 @@ std::vector<std::string> Arguments(const std::string& source, const std::string&
 	    std::to_string(NextPowerOfTwo(target_size, kMinWindow, kMaxWindow)), header, "-s", source, target, patch};
 }
 
-/** Tries patch and script one after the other, and keeps the smallest. */
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+
+/** Makes patch and script one after the other, measures them, and keeps what the plan chooses. */
 class Contest {
 public:
 	Contest(const EncodingTask& task, const Encoders& encoders, const std::string& scratch)
@@ -63,8 +65,9 @@ public:
 
 	void TryPatch() {
 		// A patch of nothing, or to nothing, is the file itself.
-		if (task_.may_patch && encoders_.vcdiff && task_.change.before->size > 0 && task_.change.after->size > 0) {
-			Try(PatchKind::kVcdiff, [this](const std::string& path) {
+		const bool possible = encoders_.vcdiff && task_.change.before->size > 0 && task_.change.after->size > 0;
+		if (possible && (task_.may_patch || task_.is_database)) {
+			result_.costs.patch = Try(PatchKind::kVcdiff, task_.may_patch, [this](const std::string& path) {
 				EncodeVcdiff(
 				    *encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_);
 			});
@@ -75,7 +78,7 @@ public:
 		const bool possible =
 		    task_.may_script && !FindScriptObstacle(task_.change.before->source, task_.change.after->source);
 		if (possible) {
-			Try(PatchKind::kScript, [this](const std::string& path) {
+			result_.costs.script = Try(PatchKind::kScript, true, [this](const std::string& path) {
 				const ScriptSubject subject = {task_.change.before->source, task_.change.after->source, task_.lineage};
 				EncodeScript(subject, path, scratch_, {encoders_.level, encoders_.memory});
 			});
@@ -83,36 +86,38 @@ public:
 	}
 
 	EncodedFile Decide() {
-		if (result_.kind == PatchKind::kNone ||
-		    CompressedSizeBelow(size_, task_.change.after->source, encoders_.level)) {
-			result_.kind = PatchKind::kWhole;
-			result_.input = task_.change.after->source;
-		}
+		const AllowedKinds allowed = {task_.may_script, task_.may_patch};
+		StepCosts& costs = result_.costs;
+		const std::uint64_t limit = task_.is_database ? WholeLimit(costs, allowed, task_.past)
+		                                              : costs.patch.value_or(0); // 0: there is nothing to choose from
+		costs.whole = CompressedSizeBelow(limit, task_.change.after->source, encoders_.level).value_or(limit);
+		result_.plan = PlanKind(costs, allowed, task_.past);
+		result_.kind = result_.plan.kind;
+		result_.input = result_.kind == PatchKind::kWhole ? task_.change.after->source : PathOf(result_.kind);
 		return result_;
 	}
 
 private:
+	std::string PathOf(PatchKind kind) const { return scratch_ + "/result" + PatchKindExtension(kind); }
+
+	/** The compressed size of what was made; no value when it cannot be made. */
 	template<typename Encode>
-	void Try(PatchKind kind, const Encode& encode) {
-		const std::string path = scratch_ + "/result" + PatchKindExtension(kind);
+	std::optional<std::uint64_t> Try(PatchKind kind, bool is_wanted, const Encode& encode) {
 		try {
-			encode(path);
+			encode(PathOf(kind));
 		} catch (const std::exception& error) {
-			result_.warning = "\"" + Printable(task_.change.name) + "\" is carried in another way than " +
-			                  PatchKindName(kind) + ": " + error.what();
-			return;
+			if (is_wanted) {
+				result_.warning = "\"" + Printable(task_.change.name) + "\" is carried in another way than " +
+				                  PatchKindName(kind) + ": " + error.what();
+			}
+			return std::nullopt;
 		}
-		if (const auto size = CompressedSizeBelow(size_, path, encoders_.level)) {
-			size_ = *size;
-			result_.kind = kind;
-			result_.input = path;
-		}
+		return CompressedSizeBelow(kNoLimit, PathOf(kind), encoders_.level);
 	}
 
 	const EncodingTask& task_;
 	const Encoders& encoders_;
 	const std::string& scratch_;
-	std::uint64_t size_ = std::numeric_limits<std::uint64_t>::max();
 	EncodedFile result_;
 };
 
@@ -152,11 +157,15 @@ EncodedFile EncodeFile(const EncodingTask& task, const Encoders& encoders, const
 	if (!task.change.after) {
 		return {};
 	}
-	Contest contest(task, encoders, scratch);
-	if (task.change.before && task.change.before->executable == task.change.after->executable) {
-		contest.TryPatch();
-		contest.TryScript();
+	if (!task.change.before || task.change.before->executable != task.change.after->executable) {
+		EncodedFile whole;
+		whole.kind = PatchKind::kWhole;
+		whole.input = task.change.after->source;
+		return whole;
 	}
+	Contest contest(task, encoders, scratch);
+	contest.TryPatch();
+	contest.TryScript();
 	return contest.Decide();
 }
 

@@ -3,6 +3,7 @@
 #define PUBLISHER_FILE_ENCODER_H
 
 #include "publisher/diff_package.h"
+#include "publisher/kind_plan.h"
 #include "publisher/tree.h"
 
 #include <cstdint>
@@ -35,6 +36,8 @@ struct EncodingTask {
 	bool may_patch = false;
 	bool may_script = false;
 	std::string lineage; // as in ScriptSubject
+	bool is_database = false;
+	ChainCosts past; // of a database
 };
 
 /** What was chosen for one file. */
@@ -42,11 +45,13 @@ struct EncodedFile {
 	PatchKind kind = PatchKind::kNone;
 	std::string input; // path of the file that goes into the package
 	std::string warning;
+	StepCosts costs;
+	KindPlan plan; // of a database that was there before
 };
 
 /**
- * Chooses what is smallest when compressed: a patch, a script or the file itself. Chooses only what it has tried out.
- * Threads may do several tasks at once.
+ * Chooses what is smallest when compressed: a patch, a script or the file itself; for a database, what is expected to
+ * be smallest along the chain. Chooses only what it has tried out. Threads may do several tasks at once.
  *
  * @param scratch  an existing directory that no other task uses; the result lies there, or in the tree
  */
