@@ -17,7 +17,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kScriptedKey = "scripted_files";
-constexpr const char* kCostsKey = "database_costs";
 // Room for everything else that metadata says.
 constexpr std::size_t kMaxStateSize = archive::kMaxMetadataSize - 4096;
 
@@ -95,7 +94,7 @@ bool ChainState::HasRoomFor(const std::set<std::string>& names) const {
 void PlansToMetadata(const std::map<std::string, Json::Value>& plans, Json::Value& metadata) {
 	Json::Value with_plans = metadata;
 	for (const auto& [name, plan] : plans) {
-		with_plans[kCostsKey][name] = plan;
+		with_plans[kPlansKey][name] = plan;
 	}
 	if (JsonText(with_plans).size() <= kMaxStateSize) {
 		metadata = with_plans;
@@ -153,7 +152,7 @@ std::set<std::string> DiffChain::ChangedNames() const {
 ChainCosts DiffChain::CostsOf(const std::string& name) const {
 	ChainCosts costs;
 	for (const Link& link : links_) {
-		const Json::Value& plans = link.package.metadata[kCostsKey];
+		const Json::Value& plans = link.package.metadata[kPlansKey];
 		if (const auto step = plans.isObject() ? CostsFromJson(plans[name]) : std::nullopt) {
 			costs += *step;
 		}

@@ -1,12 +1,11 @@
 #include "publisher/diff_maker.h"
 
-#include "base/parallel.h"
 #include "base/sqlite_names.h"
 #include "base/text.h"
 #include "decoder/decode.h"
 #include "publisher/device.h"
 #include "publisher/diff_chain.h"
-#include "publisher/file_encoder.h"
+#include "publisher/encode_files.h"
 #include "publisher/files.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
@@ -16,17 +15,12 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <numeric>
 
 namespace tarn::publisher {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::uint64_t SizeOf(const std::optional<TreeFile>& file) {
-	return file ? file->size : 0;
-}
 
 bool IsDatabase(const TreeChange& change) {
 	return change.after && IsSqliteFile(change.after->source);
@@ -152,26 +146,16 @@ private:
 
 	void Encode() {
 		const std::vector<EncodingTask> tasks = Tasks();
-		Encoders encoders = {FindProgram("xdelta3"), order_.options.level, std::uint64_t{2} << 30U};
-		const auto needs = [&tasks](bool EncodingTask::*permission) {
-			return std::any_of(tasks.begin(), tasks.end(),
-			    [&](const EncodingTask& task) { return task.*permission && task.change.before && task.change.after; });
-		};
-		if (!encoders.vcdiff && needs(&EncodingTask::may_patch)) {
+		const Encoders encoders = {
+		    FindProgram("xdelta3"), order_.options.level, static_cast<std::uint64_t>(order_.options.memory_mib) << 20U};
+		const bool needs_patches = std::any_of(tasks.begin(), tasks.end(),
+		    [](const EncodingTask& task) { return task.may_patch && task.change.before && task.change.after; });
+		if (!encoders.vcdiff && needs_patches) {
 			observer_.warn("xdelta3 is not installed: changed files are published whole.");
 		}
-		std::vector<std::size_t> order(tasks.size());
-		std::iota(order.begin(), order.end(), 0);
-		std::stable_sort(order.begin(), order.end(), [&tasks](std::size_t left, std::size_t right) {
-			return SizeOf(tasks[left].change.after) > SizeOf(tasks[right].change.after);
-		});
-		encoded_.resize(tasks.size());
 		observer_.step("encoding", 0, tasks.size());
-		const auto encode = [&](std::size_t at) {
-			const std::string scratch = work_.Make("encoding/" + std::to_string(order[at]));
-			encoded_[order[at]] = EncodeFile(tasks[order[at]], encoders, scratch);
-		};
-		DoInParallel(order.size(), encode, [&](std::size_t done) { observer_.step("encoding", done, tasks.size()); });
+		encoded_ = EncodeFiles(
+		    tasks, encoders, work_, [&](std::size_t done) { observer_.step("encoding", done, tasks.size()); });
 		for (const EncodedFile& file : encoded_) {
 			if (!file.warning.empty()) {
 				observer_.warn(file.warning + ".");

@@ -10,6 +10,7 @@
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
 #include <limits>
@@ -37,22 +38,20 @@ std::uint64_t NextPowerOfTwo(std::uint64_t value, std::uint64_t least, std::uint
 	return power;
 }
 
-std::vector<std::string> Arguments(const std::string& source, const std::string& target, const std::string& patch) {
-	// The encoder's limits. Devices keep a window in memory.
-	constexpr std::uint64_t kMinWindow = std::uint64_t{512} << 10U;
-	constexpr std::uint64_t kMaxWindow = std::uint64_t{16} << 20U;
-	constexpr std::uint64_t kMaxSourceWindow = std::uint64_t{2} << 30U;
+std::vector<std::string> Arguments(
+    const std::string& source, const std::string& target, const std::string& patch, std::uint64_t memory) {
 	const std::uint64_t source_size = fs::file_size(source);
 	InputFile target_file(target);
 	const std::uint64_t target_size = target_file.Size();
+	const VcdiffWindows windows = VcdiffWindows::Of(source_size, target_size, memory);
 	const std::string header =
 	    "-ATARNVCD1 " + std::to_string(source_size) + " " + std::to_string(target_size) + " " + HashOf(target_file);
 	return {"-e", "-9", "-f", "-q", "-S",
 	    "none",     // the package is compressed as a whole, which takes less than every patch by itself
 	    "-D", "-R", // compressed files are patched as they are
 	    "-I", "0",  // no limit to instructions that are looked at together
-	    "-B", std::to_string(NextPowerOfTwo(source_size, kMinWindow, kMaxSourceWindow)), "-W",
-	    std::to_string(NextPowerOfTwo(target_size, kMinWindow, kMaxWindow)), header, "-s", source, target, patch};
+	    "-B", std::to_string(windows.source), "-W", std::to_string(windows.target), header, "-s", source, target,
+	    patch};
 }
 
 constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
@@ -68,8 +67,8 @@ public:
 		const bool possible = encoders_.vcdiff && task_.change.before->size > 0 && task_.change.after->size > 0;
 		if (possible && (task_.may_patch || task_.is_database)) {
 			result_.costs.patch = Try(PatchKind::kVcdiff, task_.may_patch, [this](const std::string& path) {
-				EncodeVcdiff(
-				    *encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_);
+				EncodeVcdiff(*encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_,
+				    encoders_.memory);
 			});
 		}
 	}
@@ -123,9 +122,31 @@ private:
 
 } // namespace
 
+VcdiffWindows VcdiffWindows::Of(std::uint64_t source_size, std::uint64_t target_size, std::uint64_t memory) {
+	constexpr std::uint64_t kMinWindow = std::uint64_t{512} << 10U; // the encoder's limits
+	constexpr std::uint64_t kMaxWindow = std::uint64_t{16} << 20U;
+	constexpr std::uint64_t kMaxSourceWindow = std::uint64_t{2} << 30U;
+	VcdiffWindows windows;
+	windows.source = NextPowerOfTwo(source_size, kMinWindow, kMaxSourceWindow);
+	windows.target = NextPowerOfTwo(target_size, kMinWindow, kMaxWindow);
+	while (windows.target > kMinWindow && VcdiffWindows{0, windows.target}.Memory(source_size) > memory / 4) {
+		windows.target /= 2;
+	}
+	while (windows.source > kMinWindow && windows.Memory(source_size) > memory) {
+		windows.source /= 2;
+	}
+	return windows;
+}
+
+std::uint64_t VcdiffWindows::Memory(std::uint64_t source_size) const {
+	constexpr std::uint64_t kPerSourceByte = 3; // the window itself and where its pieces are
+	constexpr std::uint64_t kPerTargetByte = 5;
+	return kPerSourceByte * std::min(source, source_size) + kPerTargetByte * target;
+}
+
 void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,
-    const std::string& patch, const std::string& scratch) {
-	RunProgram(encoder, Arguments(source, target, patch), scratch + "/output", scratch + "/errors");
+    const std::string& patch, const std::string& scratch, std::uint64_t memory) {
+	RunProgram(encoder, Arguments(source, target, patch, memory), scratch + "/output", scratch + "/errors");
 	const std::string result = scratch + "/decoded";
 	try {
 		decoder::DecodeFile(source, result, patch);

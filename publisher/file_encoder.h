@@ -12,22 +12,37 @@
 
 namespace tarn::publisher {
 
+/** How much of source and target the encoder looks at together; devices keep no window in memory. */
+struct VcdiffWindows {
+	std::uint64_t source = 0;
+	std::uint64_t target = 0;
+
+	/**
+	 * The windows for two files, as large as the files or the encoder's limits, or smaller where memory does not
+	 * suffice. A file whose source window is smaller than the source finds what has moved by no more than that.
+	 */
+	static VcdiffWindows Of(std::uint64_t source_size, std::uint64_t target_size, std::uint64_t memory);
+	/** The bytes that the encoder takes at most, as measured. */
+	std::uint64_t Memory(std::uint64_t source_size) const;
+};
+
 /**
  * Writes a VCDIFF patch that turns one file into another, and tries it out. Its application header tells decoders the
  * sizes of both and the target's checksum: "TARNVCD1 <source size> <target size> <XXH3-128 in hexadecimal>".
  *
  * @param encoder  the xdelta3 program
+ * @param memory   bytes that the encoder may take
  * @param scratch  a directory that no other call uses
  * @throws PublishError when the patch cannot be made or does not reproduce the target
  */
 void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,
-    const std::string& patch, const std::string& scratch);
+    const std::string& patch, const std::string& scratch, std::uint64_t memory);
 
 /** The program that makes patches, where it is installed, and how packages are compressed. */
 struct Encoders {
 	std::optional<std::string> vcdiff; // xdelta3
 	int level = 0;
-	std::uint64_t memory = 0; // bytes that making a patch or a script may take, more or less
+	std::uint64_t memory = 0; // bytes that making a patch or matching rows may take
 };
 
 /** How one file may be brought to the next version. */

@@ -12,6 +12,9 @@
 
 namespace tarn::publisher {
 
+/** The member of a package's metadata that holds the plans of its databases. */
+constexpr const char* kPlansKey = "database_costs";
+
 /** What one step of a chain takes by each kind, in compressed bytes; no value for what cannot be done. */
 struct StepCosts {
 	std::optional<std::uint64_t> script;

@@ -44,8 +44,8 @@ protected:
 		return publisher::EncodeFile(task_, encoders_, directory_ / "scratch");
 	}
 	void EncodePatch(const std::string& before, const std::string& after) const {
-		publisher::EncodeVcdiff(
-		    *encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch", directory_ / "scratch");
+		publisher::EncodeVcdiff(*encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch",
+		    directory_ / "scratch", encoders_.memory);
 	}
 
 	TemporaryDirectory directory_;
