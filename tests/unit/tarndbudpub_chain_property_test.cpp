@@ -47,7 +47,7 @@ private:
 	std::string Number() { return std::to_string(Below(400)); }
 
 	std::string DatabaseEdit() {
-		switch (Below(12)) {
+		switch (Below(15)) {
 		case 0:
 			return "PRAGMA user_version = " + Number();
 		case 1:
@@ -64,6 +64,11 @@ private:
 			return "INSERT OR REPLACE INTO u VALUES(" + Number() + ", 'line' || char(10) || 'two')";
 		case 7:
 			return "UPDATE OR IGNORE u SET x = x + 1";
+		case 8:
+			return "UPDATE t SET i = i + 1000; UPDATE t SET i = (SELECT count(*) FROM t AS o WHERE o.i <= t.i);";
+		case 9:
+			return "CREATE TEMP TABLE k AS SELECT a, r FROM t WHERE i % 90 > 0 ORDER BY r, a; DELETE FROM t;"
+			       "INSERT INTO t(a, r) SELECT a, r FROM k; DROP TABLE k; VACUUM";
 		default:
 			return "UPDATE t SET a = 'v' || " + Number() + " WHERE i % 31 = " + std::to_string(Below(31));
 		}

@@ -82,7 +82,8 @@ private:
 		case 1:
 			return "UPDATE OR IGNORE " + table + " SET a = " + Value() + where;
 		case 2:
-			return "UPDATE OR IGNORE " + table + " SET b = substr(b, 1, 20) || 'ä' || substr(b, 22)" + where;
+			return "UPDATE OR IGNORE " + table + " SET b = substr(b, 1, 20) || 'ä' || substr(b, " +
+			       std::to_string(19 + Below(5)) + ")" + where;
 		case 3:
 			return Exchange(table);
 		case 4:
