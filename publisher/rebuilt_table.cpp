@@ -1,6 +1,8 @@
 #include "publisher/rebuilt_table.h"
 
 #include <algorithm>
+#include <map>
+#include <string_view>
 
 namespace tarn::publisher {
 
@@ -254,16 +256,24 @@ void RebuiltTable::WriteNewIds(std::size_t first, ChangeWriter& writer) const {
 }
 
 std::string RebuiltTable::FillingStatement(std::int64_t from, std::int64_t to) const {
-	const std::string& table = shape_.name;
-	const std::string& id = shape_.row_id;
-	return "UPDATE " + table + " SET " + id + "=tarn_m.n FROM (WITH RECURSIVE tarn_n(n) AS (SELECT " +
-	       std::to_string(from) + " UNION ALL SELECT n+1 FROM tarn_n WHERE n<" + std::to_string(to) +
-	       ") SELECT tarn_o.i,tarn_f.n FROM (SELECT " + id + " AS i,row_number() OVER (ORDER BY " + id +
-	       " DESC) AS r FROM " + table + " WHERE " + id +
-	       "<0) AS tarn_o JOIN (SELECT n,row_number() OVER (ORDER BY n) AS r FROM tarn_n WHERE NOT EXISTS(SELECT 1 "
-	       "FROM " +
-	       table + " AS tarn_t WHERE tarn_t." + id + "=tarn_n.n)) AS tarn_f ON tarn_f.r=tarn_o.r) AS tarn_m WHERE " +
-	       table + "." + id + "=tarn_m.i";
+	constexpr std::string_view kStatement =
+	    "UPDATE #t SET #i=tarn_m.n FROM (WITH RECURSIVE tarn_n(n) AS (SELECT #a UNION ALL SELECT n+1 FROM tarn_n "
+	    "WHERE n<#b) SELECT tarn_o.i,tarn_f.n FROM "
+	    "(SELECT #i AS i,row_number() OVER (ORDER BY #i DESC) AS r FROM #t WHERE #i<0) AS tarn_o JOIN "
+	    "(SELECT n,row_number() OVER (ORDER BY n) AS r FROM tarn_n "
+	    "WHERE NOT EXISTS(SELECT 1 FROM #t AS tarn_t WHERE tarn_t.#i=tarn_n.n)) AS tarn_f "
+	    "ON tarn_f.r=tarn_o.r) AS tarn_m WHERE #t.#i=tarn_m.i";
+	const std::map<char, std::string> parts = {
+	    {'t', shape_.name}, {'i', shape_.row_id}, {'a', std::to_string(from)}, {'b', std::to_string(to)}};
+	std::string statement;
+	for (std::size_t i = 0; i < kStatement.size(); ++i) {
+		if (kStatement[i] == '#') {
+			statement += parts.at(kStatement[++i]);
+		} else {
+			statement += kStatement[i];
+		}
+	}
+	return statement;
 }
 
 } // namespace tarn::publisher

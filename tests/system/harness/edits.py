@@ -191,7 +191,7 @@ class Tree:
         """All rows again, some of them gone or changed, in an order that gives most of them another row id."""
         path = self._pick(self._databases())
         if path:
-            columns = self._source.choice(("id, a, b", "id, b, a", "id, a, 'again'"))
+            columns = self._source.choice(("id, a, b", "id, b AS a, a AS b", "id, a, 'again' AS b"))
             order = self._source.choice(("id", "id DESC", "CAST(id AS INTEGER) % 1000, id", "b, id"))
             databases.changed_at(path, [
                 "BEGIN", f"CREATE TEMP TABLE k AS SELECT {columns} FROM t WHERE id % 100 <> {self._source.randrange(150)}", "DELETE FROM t",
