@@ -169,8 +169,8 @@ void PrintPlans(const DiffPackage& diff, std::ostream& out) {
 			continue;
 		}
 		if (is_first) {
-			out << "\ncompressed bytes of databases by each kind (and expected, with as much again as the chain so "
-			       "far)\n";
+			out << "\ncompressed bytes by kind, of the whole at least so many (expected with as much again as the "
+			       "chain so far)\n";
 			for (const PatchKind kind : kKinds) {
 				out << std::setw(kWidth) << PatchKindName(kind);
 			}

@@ -47,6 +47,10 @@ bool RebuiltTable::Match(std::uint64_t memory) {
 	if (rows > memory / kMatchBytesPerRow) {
 		return false;
 	}
+	SQLite::Statement size(
+	    pair_.Connection(), "SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
+	size.executeStep();
+	file_bytes_ = static_cast<std::size_t>(size.getColumn(0).getInt64());
 	before_ = ReadPrints(kBefore);
 	after_ = ReadPrints(kAfter);
 	const auto is_positive = [](const RowPrints& prints) { return prints.empty() || prints.front().id > 0; };
@@ -73,9 +77,7 @@ void RebuiltTable::Write(ChangeWriter& writer) {
 	while (!Stays(first) || NewId(first) == before_[first].id) {
 		++first;
 	}
-	const std::string& id = shape_.row_id;
-	writer.Write(
-	    "UPDATE " + shape_.name + " SET " + id + "=-" + id + " WHERE " + id + ">=" + std::to_string(before_[first].id));
+	WriteNegativeIds(first, writer);
 	WriteStrays(first, writer);
 	WriteInsertions(writer);
 	WriteNewIds(first, writer);
@@ -233,9 +235,20 @@ std::vector<RebuiltTable::Run> RebuiltTable::RunsFrom(std::size_t first) const {
 	return runs;
 }
 
+void RebuiltTable::WriteNegativeIds(std::size_t first, ChangeWriter& writer) const {
+	const std::string& id = shape_.row_id;
+	const std::string update = "UPDATE " + shape_.name + " SET " + id + "=-" + id + " WHERE " + id;
+	const std::size_t rows = RowsPerStatement();
+	for (std::size_t begin = first; begin < before_.size(); begin += rows) {
+		const bool is_last = before_.size() - begin <= rows;
+		const std::string from = std::to_string(before_[begin].id);
+		writer.Write(update + (is_last ? ">=" + from
+		                               : " BETWEEN " + from + " AND " + std::to_string(before_[begin + rows].id - 1)));
+	}
+}
+
 void RebuiltTable::WriteNewIds(std::size_t first, ChangeWriter& writer) const {
 	constexpr std::size_t kFewRuns = 4;
-	constexpr std::size_t kMostRows = 2'000'000; // which devices have the memory to count
 	const std::vector<Run> runs = RunsFrom(first);
 	if (runs.empty()) {
 		return;
@@ -243,8 +256,8 @@ void RebuiltTable::WriteNewIds(std::size_t first, ChangeWriter& writer) const {
 	const std::size_t from = match_->After(runs.front().first);
 	const std::size_t to = match_->After(runs.back().last);
 	const bool is_dense = after_[to].id - after_[from].id == static_cast<std::int64_t>(to - from);
-	if (is_dense && runs.size() > kFewRuns && to - from < kMostRows) {
-		writer.Write(FillingStatement(after_[from].id, after_[to].id));
+	if (is_dense && runs.size() > kFewRuns) {
+		WriteFilling(first, writer);
 		return;
 	}
 	for (const Run& run : runs) {
@@ -255,16 +268,34 @@ void RebuiltTable::WriteNewIds(std::size_t first, ChangeWriter& writer) const {
 	}
 }
 
-std::string RebuiltTable::FillingStatement(std::int64_t from, std::int64_t to) const {
+void RebuiltTable::WriteFilling(std::size_t first, ChangeWriter& writer) const {
+	const std::size_t most = RowsPerStatement();
+	Run part = {kNoRow, kNoRow};
+	std::size_t rows = 0;
+	for (std::size_t i = first; i < before_.size(); ++i) {
+		if (!Stays(i) || !match_->InOrder(i)) {
+			continue;
+		}
+		if (rows == most) {
+			writer.Write(FillingStatement(part));
+			rows = 0;
+		}
+		part = {rows == 0 ? i : part.first, i};
+		++rows;
+	}
+	writer.Write(FillingStatement(part));
+}
+
+std::string RebuiltTable::FillingStatement(const Run& part) const {
 	constexpr std::string_view kStatement =
 	    "UPDATE #t SET #i=tarn_m.n FROM (WITH RECURSIVE tarn_n(n) AS (SELECT #a UNION ALL SELECT n+1 FROM tarn_n "
-	    "WHERE n<#b) SELECT tarn_o.i,tarn_f.n FROM "
-	    "(SELECT #i AS i,row_number() OVER (ORDER BY #i DESC) AS r FROM #t WHERE #i<0) AS tarn_o JOIN "
-	    "(SELECT n,row_number() OVER (ORDER BY n) AS r FROM tarn_n "
+	    "WHERE n<#b) SELECT tarn_o.i,tarn_f.n FROM (SELECT #i AS i,row_number() OVER (ORDER BY #i DESC) AS r FROM #t "
+	    "WHERE #i BETWEEN #c AND #d) AS tarn_o JOIN (SELECT n,row_number() OVER (ORDER BY n) AS r FROM tarn_n "
 	    "WHERE NOT EXISTS(SELECT 1 FROM #t AS tarn_t WHERE tarn_t.#i=tarn_n.n)) AS tarn_f "
 	    "ON tarn_f.r=tarn_o.r) AS tarn_m WHERE #t.#i=tarn_m.i";
-	const std::map<char, std::string> parts = {
-	    {'t', shape_.name}, {'i', shape_.row_id}, {'a', std::to_string(from)}, {'b', std::to_string(to)}};
+	const std::map<char, std::string> parts = {{'t', shape_.name}, {'i', shape_.row_id},
+	    {'a', std::to_string(NewId(part.first))}, {'b', std::to_string(NewId(part.last))},
+	    {'c', std::to_string(-before_[part.last].id)}, {'d', std::to_string(-before_[part.first].id)}};
 	std::string statement;
 	for (std::size_t i = 0; i < kStatement.size(); ++i) {
 		if (kStatement[i] == '#') {
@@ -274,6 +305,14 @@ std::string RebuiltTable::FillingStatement(std::int64_t from, std::int64_t to) c
 		}
 	}
 	return statement;
+}
+
+std::size_t RebuiltTable::RowsPerStatement() const {
+	constexpr std::size_t kBytes = std::size_t{16} << 20U; // of pages whose originals devices keep in memory
+	constexpr std::size_t kLeast = 1000;
+	constexpr std::size_t kMost = 100'000; // for whose sorting devices have memory
+	const std::size_t bytes_per_row = file_bytes_ / std::max<std::size_t>(before_.size(), 1) + 1;
+	return std::clamp(kBytes / bytes_per_row, kLeast, kMost);
 }
 
 } // namespace tarn::publisher

@@ -66,11 +66,16 @@ private:
 	void WriteStrays(std::size_t first, ChangeWriter& writer) const;
 	void WriteNewIds(std::size_t first, ChangeWriter& writer) const;
 	std::vector<Run> RunsFrom(std::size_t first) const;
-	/** The statement that gives the rows with negative ids, in their order, all ids that are free in a range. */
-	std::string FillingStatement(std::int64_t from, std::int64_t to) const;
+	void WriteNegativeIds(std::size_t first, ChangeWriter& writer) const;
+	void WriteFilling(std::size_t first, ChangeWriter& writer) const;
+	/** The statement that gives rows with negative ids, in their order, the ids that are free where they belong. */
+	std::string FillingStatement(const Run& part) const;
+	/** How many rows one statement may move, so that it takes little memory. */
+	std::size_t RowsPerStatement() const;
 
 	const DatabasePair& pair_;
 	const TableShape& shape_;
+	std::size_t file_bytes_ = 0;
 	RowPrints before_;
 	RowPrints after_;
 	std::optional<RowReader> before_reader_;
