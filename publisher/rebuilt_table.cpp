@@ -6,59 +6,21 @@
 
 namespace tarn::publisher {
 
-namespace {
-
-constexpr const char* kBefore = "main";
-constexpr const char* kAfter = "next";
-
-std::uint64_t CountRows(const DatabasePair& pair, const char* schema, const TableShape& shape) {
-	SQLite::Statement count(pair.Connection(), std::string("SELECT count(*) FROM ") + schema + "." + shape.name);
-	count.executeStep();
-	return static_cast<std::uint64_t>(count.getColumn(0).getInt64());
-}
-
-/** The columns by which rows are found again whose content has changed. */
-const std::vector<std::size_t>* KeyColumns(const TableShape& shape) {
-	const auto key = std::find_if(shape.uniques.begin(), shape.uniques.end(),
-	    [&shape](const UniqueColumns& unique) { return unique.columns.size() < shape.columns.size(); });
-	return key == shape.uniques.end() ? nullptr : &key->columns;
-}
-
-bool HasNull(const SqlRow& row, const std::vector<std::size_t>& columns) {
-	return std::any_of(columns.begin(), columns.end(), [&row](std::size_t at) { return row[at].type == SQLITE_NULL; });
-}
-
-} // namespace
-
-RowReader::RowReader(const DatabasePair& pair, const char* schema, const TableShape& shape)
-    : query_(pair.Connection(), "SELECT " + ColumnList("", shape.columns) + " FROM " + schema + "." + shape.name +
-                                    " WHERE " + shape.row_id + "=?"),
-      width_(shape.columns.size()) {}
-
-SqlRow RowReader::Read(std::int64_t id) {
-	query_.reset();
-	query_.bind(1, id);
-	query_.executeStep();
-	return RowOf(query_, 0, width_);
-}
-
 bool RebuiltTable::Match(std::uint64_t memory) {
-	const std::uint64_t rows = CountRows(pair_, kBefore, shape_) + CountRows(pair_, kAfter, shape_);
+	const std::uint64_t rows =
+	    CountRows(pair_, DatabasePair::kBefore, shape_) + CountRows(pair_, DatabasePair::kAfter, shape_);
 	if (rows > memory / kMatchBytesPerRow) {
 		return false;
 	}
-	SQLite::Statement size(
-	    pair_.Connection(), "SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
-	size.executeStep();
-	file_bytes_ = static_cast<std::size_t>(size.getColumn(0).getInt64());
-	before_ = ReadPrints(kBefore);
-	after_ = ReadPrints(kAfter);
+	file_bytes_ = SizeBefore(pair_);
+	before_ = ReadPrints(pair_, DatabasePair::kBefore, shape_);
+	after_ = ReadPrints(pair_, DatabasePair::kAfter, shape_);
 	const auto is_positive = [](const RowPrints& prints) { return prints.empty() || prints.front().id > 0; };
 	if (!is_positive(before_) || !is_positive(after_)) {
 		return false;
 	}
-	before_reader_.emplace(pair_, kBefore, shape_);
-	after_reader_.emplace(pair_, kAfter, shape_);
+	before_reader_.emplace(pair_, DatabasePair::kBefore, shape_);
+	after_reader_.emplace(pair_, DatabasePair::kAfter, shape_);
 	match_.emplace(before_, after_, [this](std::size_t before, std::size_t after) { return Likeness(before, after); });
 	FindReinserted();
 	for (std::size_t i = 0; i < before_.size(); ++i) {
@@ -82,26 +44,6 @@ void RebuiltTable::Write(ChangeWriter& writer) {
 	WriteInsertions(writer);
 	WriteNewIds(first, writer);
 	writer.Flush();
-}
-
-RowPrints RebuiltTable::ReadPrints(const char* schema) const {
-	const std::vector<std::size_t>* key = KeyColumns(shape_);
-	SQLite::Statement rows(pair_.Connection(), "SELECT " + shape_.row_id + "," + ColumnList("", shape_.columns) +
-	                                               " FROM " + schema + "." + shape_.name + " NOT INDEXED ORDER BY " +
-	                                               shape_.row_id);
-	RowPrints prints;
-	while (rows.executeStep()) {
-		SqlRow row = RowOf(rows, 1, shape_.columns.size());
-		RowPrint print;
-		print.id = rows.getColumn(0).getInt64();
-		print.key = key == nullptr || HasNull(row, *key) ? 0 : KeyHash(row, *key);
-		if (shape_.alias) {
-			row[*shape_.alias] = {};
-		}
-		print.content = ContentHash(row);
-		prints.push_back(print);
-	}
-	return prints;
 }
 
 SqlRow RebuiltTable::Before(std::size_t at) {

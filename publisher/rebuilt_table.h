@@ -3,6 +3,7 @@
 #define PUBLISHER_REBUILT_TABLE_H
 
 #include "publisher/row_match.h"
+#include "publisher/row_reader.h"
 #include "publisher/table_changes.h"
 #include "publisher/table_pair.h"
 
@@ -13,17 +14,6 @@
 #include <vector>
 
 namespace tarn::publisher {
-
-/** One row of a table by its row id. */
-class RowReader {
-public:
-	RowReader(const DatabasePair& pair, const char* schema, const TableShape& shape);
-	SqlRow Read(std::int64_t id);
-
-private:
-	SQLite::Statement query_;
-	std::size_t width_;
-};
 
 /**
  * An ordinary table with row ids whose rows are told apart by what they hold. The statements give the rows that stay
@@ -49,7 +39,6 @@ private:
 		std::size_t last;
 	};
 
-	RowPrints ReadPrints(const char* schema) const;
 	std::int64_t NewId(std::size_t before) const { return after_[match_->After(before)].id; }
 	bool Stays(std::size_t before) const { return match_->After(before) != kNoRow && reinserted_.count(before) == 0; }
 	SqlRow Before(std::size_t at);

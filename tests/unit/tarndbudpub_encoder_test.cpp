@@ -136,6 +136,20 @@ TEST_F(Encoding, RefusesADatabaseWhoseScriptWouldTakeMoreThanDevicesAllow) {
 	    HasSubstr("Fail apply sql cmd"));
 }
 
+/** Devices have no memory to move all rows of a large table by one statement. */
+TEST_F(Encoding, MovesTheRowsOfALargeTableInParts) {
+	const std::string rows = "CREATE TABLE t(a); WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c "
+	                         "WHERE i < 250000) INSERT INTO t SELECT i FROM c";
+	ExecuteSql(directory_ / "before", rows);
+	ExecuteSql(directory_ / "after", rows + " WHERE i % 9000 <> 5 UNION SELECT i + 0.5 FROM c WHERE i % 7000 = 6");
+	publisher::EncodeScript({directory_ / "before", directory_ / "after", ""}, directory_ / "script",
+	    directory_ / "scratch", {1, encoders_.memory});
+	const std::string script = ReadFile(directory_ / "script");
+	EXPECT_LT(script.size(), 5000U);
+	EXPECT_THAT(script, ::testing::ContainsRegex("=-rowid.*\n.*=-rowid.*\n.*=-rowid"));
+	EXPECT_THAT(script, ::testing::ContainsRegex("tarn_m.i;\n.*tarn_m.i;\n.*tarn_m.i;\n"));
+}
+
 TEST_F(Encoding, MeasuresAsPackagesCompress) {
 	WriteFile(directory_ / "zeros", std::string(1'000'000, 'z'));
 	WriteFile(directory_ / "noise", Noise(1'000'000, 9));
