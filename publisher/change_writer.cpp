@@ -86,7 +86,7 @@ void ChangeWriter::Update(const RowKey& key, const SqlRow& before, const SqlRow&
 		}
 		const std::string& column = shape_.columns[i];
 		const std::string value = NewValue(column, before[i], after[i]);
-		set += (set.empty() ? "" : ",") + column + "=" + value;
+		set.append(set.empty() ? "" : ",").append(column).append("=").append(value);
 		if (guard_.empty() && value != Literal(after[i])) {
 			guard_ = RowExists(shape_, KeyCondition(shape_, key) + " AND " + Distinction(column, before[i], after[i]));
 		}

@@ -27,7 +27,7 @@ std::string Digits(int precision, double value) {
 }
 
 /** A decimal number that is no integer for SQL. */
-std::string WithPoint(std::string digits) {
+std::string WithPoint(const std::string& digits) {
 	return digits.find_first_of(".e") == std::string::npos ? digits + ".0" : digits;
 }
 

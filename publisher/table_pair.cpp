@@ -21,7 +21,7 @@ SqlRow RowOf(const SQLite::Statement& statement, std::size_t first, std::size_t 
 std::string ColumnList(const std::string& prefix, const std::vector<std::string>& names) {
 	std::string list;
 	for (const std::string& name : names) {
-		list += (list.empty() ? "" : ",") + prefix + name;
+		list.append(list.empty() ? "" : ",").append(prefix).append(name);
 	}
 	return list;
 }
