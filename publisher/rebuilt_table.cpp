@@ -182,10 +182,11 @@ void RebuiltTable::WriteNegativeIds(std::size_t first, ChangeWriter& writer) con
 	const std::string update = "UPDATE " + shape_.name + " SET " + id + "=-" + id + " WHERE " + id;
 	const std::size_t rows = RowsPerStatement();
 	for (std::size_t begin = first; begin < before_.size(); begin += rows) {
-		const bool is_last = before_.size() - begin <= rows;
-		const std::string from = std::to_string(before_[begin].id);
-		writer.Write(update + (is_last ? ">=" + from
-		                               : " BETWEEN " + from + " AND " + std::to_string(before_[begin + rows].id - 1)));
+		std::string statement = update + ">=" + std::to_string(before_[begin].id);
+		if (before_.size() - begin > rows) {
+			statement += " AND " + id + "<" + std::to_string(before_[begin + rows].id);
+		}
+		writer.Write(statement);
 	}
 }
 
