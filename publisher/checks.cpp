@@ -98,6 +98,10 @@ void CheckOptions(const PublishOptions& options) {
 		                 std::to_string(kMaxNumber) + ".");
 	}
 	CheckKeptDiffs(options.keep_diffs);
+	if (options.memory_mib < kMinMemoryMib || options.memory_mib > kMaxMemoryMib) {
+		throw UsageError("--memory " + std::to_string(options.memory_mib) + " must be " +
+		                 std::to_string(kMinMemoryMib) + " to " + std::to_string(kMaxMemoryMib) + " MiB.");
+	}
 	if (options.level < archive::kMinLevel || options.level > archive::kMaxLevel) {
 		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(archive::kMinLevel) +
 		                 " to " + std::to_string(archive::kMaxLevel) + ".");

@@ -213,6 +213,7 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
 	command->add_flag("--continue", publish.must_continue, "Fail if the repository does not know the id yet");
 	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
+	command->add_option("--memory", publish.memory_mib, "Memory for making patches, in MiB")->capture_default_str();
 }
 
 void AddRestore(CLI::App& app, Options& options) {

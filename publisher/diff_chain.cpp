@@ -17,8 +17,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kScriptedKey = "scripted_files";
-constexpr const char* kPatchedKey = "patched_databases";
-constexpr const char* kClosedKey = "no_new_scripts";
+// Room for everything else that metadata says.
+constexpr std::size_t kMaxStateSize = archive::kMaxMetadataSize - 4096;
 
 std::set<std::string> ReadNames(const Json::Value& metadata, const char* key) {
 	const Json::Value& list = metadata[key];
@@ -65,61 +65,39 @@ ChainState ChainState::FromMetadata(const Json::Value& metadata) {
 	}
 	ChainState state;
 	state.scripted_ = ReadNames(metadata, kScriptedKey);
-	state.patched_ = ReadNames(metadata, kPatchedKey);
-	state.closed_ = metadata[kClosedKey] == Json::Value(true);
 	return state;
 }
 
 void ChainState::ToMetadata(Json::Value& metadata) const {
 	WriteNames(metadata, kScriptedKey, scripted_);
-	WriteNames(metadata, kPatchedKey, patched_);
-	if (closed_) {
-		metadata[kClosedKey] = true;
-	}
 }
 
-FileLineage ChainState::Of(const std::string& name) const {
-	if (scripted_.count(name) > 0) {
-		return FileLineage::kScripted;
-	}
-	return closed_ || patched_.count(name) > 0 ? FileLineage::kPatched : FileLineage::kOpen;
-}
-
-ChainState ChainState::After(const std::vector<DiffMember>& changes, const std::set<std::string>& databases) const {
+ChainState ChainState::After(const std::vector<DiffMember>& changes) const {
 	ChainState next = *this;
 	for (const DiffMember& change : changes) {
 		next.scripted_.erase(change.name);
-		next.patched_.erase(change.name);
 		if (change.kind == PatchKind::kScript) {
 			next.scripted_.insert(change.name);
-		} else if (change.kind == PatchKind::kVcdiff && databases.count(change.name) > 0) {
-			next.patched_.insert(change.name);
 		}
 	}
-	next.Shorten();
 	return next;
 }
 
 bool ChainState::HasRoomFor(const std::set<std::string>& names) const {
-	ChainState possible;
-	possible.scripted_ = scripted_;
+	ChainState possible = *this;
 	possible.scripted_.insert(names.begin(), names.end());
-	possible.closed_ = true;
-	return possible.FitsIntoMetadata();
-}
-
-bool ChainState::FitsIntoMetadata() const {
-	// Room for everything else that metadata says.
-	constexpr std::size_t kMaxSize = archive::kMaxMetadataSize - 4096;
 	Json::Value value(Json::objectValue);
-	ToMetadata(value);
-	return JsonText(value).size() <= kMaxSize;
+	possible.ToMetadata(value);
+	return JsonText(value).size() <= kMaxStateSize;
 }
 
-void ChainState::Shorten() {
-	if (closed_ || !FitsIntoMetadata()) {
-		patched_.clear();
-		closed_ = true;
+void PlansToMetadata(const std::map<std::string, Json::Value>& plans, Json::Value& metadata) {
+	Json::Value with_plans = metadata;
+	for (const auto& [name, plan] : plans) {
+		with_plans[kPlansKey][name] = plan;
+	}
+	if (JsonText(with_plans).size() <= kMaxStateSize) {
+		metadata = with_plans;
 	}
 }
 
@@ -171,50 +149,59 @@ std::set<std::string> DiffChain::ChangedNames() const {
 	return names;
 }
 
-std::map<std::string, int> DiffChain::Beginnings(const std::set<std::string>& names) const {
-	std::map<std::string, int> beginnings;
+ChainCosts DiffChain::CostsOf(const std::string& name) const {
+	ChainCosts costs;
+	for (const Link& link : links_) {
+		const Json::Value& plans = link.package.metadata[kPlansKey];
+		if (const auto step = plans.isObject() ? CostsFromJson(plans[name]) : std::nullopt) {
+			costs += *step;
+		}
+	}
+	return costs;
+}
+
+DiffChain::Beginnings DiffChain::BeginningsOf(const std::set<std::string>& names) const {
+	Beginnings beginnings;
 	for (const std::string& name : names) {
-		beginnings[name] = links_.front().version - 1;
+		beginnings[name] = {links_.front().version - 1, true};
 	}
 	for (const Link& link : links_) {
 		for (const DiffMember& member : link.package.members) {
-			if (member.kind == PatchKind::kWhole && names.count(member.name) > 0) {
-				beginnings[member.name] = link.version;
+			const bool leaves_bytes = member.kind == PatchKind::kWhole || member.kind == PatchKind::kVcdiff;
+			if (leaves_bytes && names.count(member.name) > 0) {
+				beginnings[member.name] = {link.version, member.kind == PatchKind::kVcdiff};
 			}
 		}
 	}
 	return beginnings;
 }
 
-std::set<std::string> DiffChain::UnpackFirst(
-    const std::map<std::string, int>& beginnings, const std::string& directory) const {
-	const int first = links_.front().version - 1;
-	std::vector<std::string> members;
+std::set<std::string> DiffChain::UnpackFirst(const Beginnings& beginnings, const std::string& directory) const {
+	std::map<int, std::vector<std::string>> members;
 	for (const auto& [name, beginning] : beginnings) {
-		if (beginning == first) {
-			members.push_back(name);
+		if (beginning.is_full_package) {
+			members[beginning.version].push_back(name);
 		}
 	}
-	const std::string path = repository_.PackagePath(id_, first);
-	if (members.empty()) {
-		return {};
+	std::set<std::string> missing;
+	for (const auto& [version, names] : members) {
+		try {
+			reader_.Unpack(repository_.PackagePath(id_, version), {id_, "", version}, directory, names);
+		} catch (const PublishError&) {
+			// Removed, or signed by a key that is no longer trusted: these files are not tried out.
+			missing.insert(names.begin(), names.end());
+		}
 	}
-	try {
-		reader_.Unpack(path, {id_, "", first}, directory, members);
-		return {};
-	} catch (const PublishError&) {
-		// Removed, or signed by a key that is no longer trusted: these files are not tried out.
-		return {members.begin(), members.end()};
-	}
+	return missing;
 }
 
-void DiffChain::UnpackSteps(
-    const Link& link, const std::map<std::string, int>& beginnings, const std::string& directory) const {
+void DiffChain::UnpackSteps(const Link& link, const Beginnings& beginnings, const std::string& directory) const {
 	std::vector<DiffMember> steps;
 	std::vector<std::string> inputs;
 	for (const DiffMember& member : link.package.members) {
 		const auto beginning = beginnings.find(member.name);
-		if (beginning != beginnings.end() && link.version >= beginning->second) {
+		if (beginning != beginnings.end() &&
+		    link.version >= beginning->second.version + (beginning->second.is_full_package ? 1 : 0)) {
 			steps.push_back(member);
 			inputs.push_back(member.input_file);
 		}
@@ -233,7 +220,7 @@ std::map<std::string, std::string> DiffChain::ReplayScripts(
 	if (names.empty() || links_.empty()) {
 		return {};
 	}
-	std::map<std::string, int> beginnings = Beginnings(names);
+	Beginnings beginnings = BeginningsOf(names);
 	const std::string installed = work.Make("lineage");
 	for (const std::string& missing : UnpackFirst(beginnings, installed)) {
 		beginnings.erase(missing);

@@ -4,6 +4,7 @@
 
 #include "publisher/diff_package.h"
 #include "publisher/files.h"
+#include "publisher/kind_plan.h"
 #include "publisher/package.h"
 #include "publisher/repository.h"
 
@@ -16,18 +17,10 @@
 
 namespace tarn::publisher {
 
-/** Which kind of patch a file keeps along a chain. */
-enum class FileLineage {
-	kOpen,    ///< every device has the published bytes, and no patch has been made yet
-	kPatched, ///< a database file of which every device has the published bytes, patched by VCDIFF before
-	kScripted ///< a database file of which devices have the published content in bytes of their own
-};
-
 /**
- * Which kind of patch each file may have next. A script leaves the right content in other bytes than the publisher's,
- * so that a VCDIFF patch against the publisher's bytes would fail on every device that has executed the script. A whole
- * file gives all devices the same bytes again. A file therefore keeps one kind of patch along a chain, until it is
- * published whole or all devices take a full package.
+ * Which files devices have in bytes of their own. A script leaves the right content in other bytes than the
+ * publisher's, so that a VCDIFF patch against the publisher's bytes would fail on every device that has executed the
+ * script. A whole file gives all devices the same bytes again, and so does a full package.
  *
  * Each diff package carries the state after it in its signed metadata.
  */
@@ -39,28 +32,20 @@ public:
 	/** Adds the state to a package's metadata. */
 	void ToMetadata(Json::Value& metadata) const;
 
-	FileLineage Of(const std::string& name) const;
+	bool IsScripted(const std::string& name) const { return scripted_.count(name) > 0; }
 	const std::set<std::string>& Scripted() const { return scripted_; }
 
-	/**
-	 * The state after a version's changes.
-	 *
-	 * @param databases  which of the changed files are SQLite databases; other files are never scripted
-	 */
-	[[nodiscard]] ChainState After(
-	    const std::vector<DiffMember>& changes, const std::set<std::string>& databases) const;
+	/** The state after a version's changes. */
+	[[nodiscard]] ChainState After(const std::vector<DiffMember>& changes) const;
 	/** Whether metadata would have room for the state if all of these files were scripted too. */
 	[[nodiscard]] bool HasRoomFor(const std::set<std::string>& names) const;
 
 private:
-	[[nodiscard]] bool FitsIntoMetadata() const;
-	/** Makes the state fit into metadata: no further file may be scripted, so that the patched ones need no list. */
-	void Shorten();
-
 	std::set<std::string> scripted_;
-	std::set<std::string> patched_;
-	bool closed_ = false; // whether every file that is not scripted counts as patched
 };
+
+/** Adds the plans of databases to a package's metadata, unless there is no room for them: they are only advice. */
+void PlansToMetadata(const std::map<std::string, Json::Value>& plans, Json::Value& metadata);
 
 /** The diff packages of a database that follow each other up to its newest version. */
 class DiffChain {
@@ -80,6 +65,9 @@ public:
 	/** The name of every file that one of the packages changes. */
 	std::set<std::string> ChangedNames() const;
 
+	/** What the steps of the chain have cost for a database, as far as their packages say. */
+	ChainCosts CostsOf(const std::string& name) const;
+
 	/**
 	 * Makes database files as devices have them that executed every script, with the code of devices.
 	 *
@@ -97,13 +85,17 @@ private:
 	};
 
 	Link ReadLink(int version) const;
-	/** The version that each file's scripts begin after: a whole file, or the version before the chain. */
-	std::map<std::string, int> Beginnings(const std::set<std::string>& names) const;
-	/** Unpacks the files of the version before the chain; returns the names of those that are missing. */
-	[[nodiscard]] std::set<std::string> UnpackFirst(
-	    const std::map<std::string, int>& beginnings, const std::string& directory) const;
-	void UnpackSteps(
-	    const Link& link, const std::map<std::string, int>& beginnings, const std::string& directory) const;
+	/** What a file's scripts begin with. */
+	struct Beginning {
+		int version = 0;
+		bool is_full_package = true; // or the whole file in the diff package of this version
+	};
+	using Beginnings = std::map<std::string, Beginning>;
+
+	Beginnings BeginningsOf(const std::set<std::string>& names) const;
+	/** Unpacks the files that full packages hold; returns the names of those that are missing. */
+	[[nodiscard]] std::set<std::string> UnpackFirst(const Beginnings& beginnings, const std::string& directory) const;
+	void UnpackSteps(const Link& link, const Beginnings& beginnings, const std::string& directory) const;
 
 	const Repository& repository_;
 	const PackageReader& reader_;

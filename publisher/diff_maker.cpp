@@ -1,12 +1,11 @@
 #include "publisher/diff_maker.h"
 
-#include "base/parallel.h"
 #include "base/sqlite_names.h"
 #include "base/text.h"
 #include "decoder/decode.h"
 #include "publisher/device.h"
 #include "publisher/diff_chain.h"
-#include "publisher/file_encoder.h"
+#include "publisher/encode_files.h"
 #include "publisher/files.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
@@ -16,17 +15,12 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <numeric>
 
 namespace tarn::publisher {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::uint64_t SizeOf(const std::optional<TreeFile>& file) {
-	return file ? file->size : 0;
-}
 
 bool IsDatabase(const TreeChange& change) {
 	return change.after && IsSqliteFile(change.after->source);
@@ -136,13 +130,14 @@ private:
 		const bool has_room = chain_.State().HasRoomFor(databases_);
 		std::vector<EncodingTask> tasks;
 		for (const TreeChange& change : changes_) {
-			const FileLineage lineage = chain_.State().Of(change.name);
+			const bool is_scripted = chain_.State().IsScripted(change.name);
 			const bool stands_alone = !HasCompanion(WorkingCopyName(change.name), copies);
 			EncodingTask task;
 			task.change = change;
-			task.may_patch = lineage != FileLineage::kScripted;
-			task.may_script = databases_.count(change.name) > 0 && stands_alone && lineage != FileLineage::kPatched &&
-			                  (has_room || lineage == FileLineage::kScripted);
+			task.is_database = databases_.count(change.name) > 0;
+			task.may_patch = !is_scripted;
+			task.may_script = task.is_database && stands_alone && (has_room || is_scripted);
+			task.past = chain_.CostsOf(change.name);
 			task.lineage = lineages[change.name];
 			tasks.push_back(std::move(task));
 		}
@@ -152,30 +147,16 @@ private:
 	void Encode() {
 		const std::vector<EncodingTask> tasks = Tasks();
 		constexpr int kComparingLevel = 12; // Sizes are compared as well by it, and in much less time.
-		Encoders encoders = {
-		    FindProgram("xdelta3"), FindProgram("sqldiff"), std::min(order_.options.level, kComparingLevel)};
-		const auto needs = [&tasks](bool EncodingTask::*permission) {
-			return std::any_of(tasks.begin(), tasks.end(),
-			    [&](const EncodingTask& task) { return task.*permission && task.change.before && task.change.after; });
-		};
-		if (!encoders.vcdiff && needs(&EncodingTask::may_patch)) {
+		const Encoders encoders = {FindProgram("xdelta3"), std::min(order_.options.level, kComparingLevel),
+		    static_cast<std::uint64_t>(order_.options.memory_mib) << 20U};
+		const bool needs_patches = std::any_of(tasks.begin(), tasks.end(),
+		    [](const EncodingTask& task) { return task.may_patch && task.change.before && task.change.after; });
+		if (!encoders.vcdiff && needs_patches) {
 			observer_.warn("xdelta3 is not installed: changed files are published whole.");
 		}
-		if (!encoders.script && needs(&EncodingTask::may_script)) {
-			observer_.warn("sqldiff is not installed: databases are published without SQL scripts.");
-		}
-		std::vector<std::size_t> order(tasks.size());
-		std::iota(order.begin(), order.end(), 0);
-		std::stable_sort(order.begin(), order.end(), [&tasks](std::size_t left, std::size_t right) {
-			return SizeOf(tasks[left].change.after) > SizeOf(tasks[right].change.after);
-		});
-		encoded_.resize(tasks.size());
 		observer_.step("encoding", 0, tasks.size());
-		const auto encode = [&](std::size_t at) {
-			const std::string scratch = work_.Make("encoding/" + std::to_string(order[at]));
-			encoded_[order[at]] = EncodeFile(tasks[order[at]], encoders, scratch);
-		};
-		DoInParallel(order.size(), encode, [&](std::size_t done) { observer_.step("encoding", done, tasks.size()); });
+		encoded_ = EncodeFiles(
+		    tasks, encoders, work_, [&](std::size_t done) { observer_.step("encoding", done, tasks.size()); });
 		for (const EncodedFile& file : encoded_) {
 			if (!file.warning.empty()) {
 				observer_.warn(file.warning + ".");
@@ -227,10 +208,21 @@ private:
 		PackageInfo info = {order_.options.id, order_.options.format_version, version_, kDiffKind};
 		info.published = order_.published;
 		info.more["base_version"] = order_.previous.data_version;
-		chain_.State().After(members_, databases_).ToMetadata(info.more);
+		chain_.State().After(members_).ToMetadata(info.more);
+		PlansToMetadata(Plans(), info.more);
 		observer_.step("packing the diff", 0, 1);
 		return WritePackage(content, info, order_.key, order_.options.level, archive_fd, path,
 		    [](std::uint64_t /*files*/, std::uint64_t /*bytes*/) {});
+	}
+
+	std::map<std::string, Json::Value> Plans() const {
+		std::map<std::string, Json::Value> plans;
+		for (std::size_t i = 0; i < changes_.size(); ++i) {
+			if (databases_.count(changes_[i].name) > 0 && !encoded_[i].plan.expected.empty()) {
+				plans[changes_[i].name] = PlanToJson(encoded_[i].costs, encoded_[i].plan);
+			}
+		}
+		return plans;
 	}
 
 	void RequireWorthwhile(std::uint64_t size) const {

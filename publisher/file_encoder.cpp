@@ -10,6 +10,7 @@
 #include "publisher/script_encoder.h"
 #include "publisher/sqlite_content.h"
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
 #include <limits>
@@ -37,25 +38,25 @@ std::uint64_t NextPowerOfTwo(std::uint64_t value, std::uint64_t least, std::uint
 	return power;
 }
 
-std::vector<std::string> Arguments(const std::string& source, const std::string& target, const std::string& patch) {
-	// The encoder's limits. Devices keep a window in memory.
-	constexpr std::uint64_t kMinWindow = std::uint64_t{512} << 10U;
-	constexpr std::uint64_t kMaxWindow = std::uint64_t{16} << 20U;
-	constexpr std::uint64_t kMaxSourceWindow = std::uint64_t{2} << 30U;
+std::vector<std::string> Arguments(
+    const std::string& source, const std::string& target, const std::string& patch, std::uint64_t memory) {
 	const std::uint64_t source_size = fs::file_size(source);
 	InputFile target_file(target);
 	const std::uint64_t target_size = target_file.Size();
+	const VcdiffWindows windows = VcdiffWindows::Of(source_size, target_size, memory);
 	const std::string header =
 	    "-ATARNVCD1 " + std::to_string(source_size) + " " + std::to_string(target_size) + " " + HashOf(target_file);
 	return {"-e", "-9", "-f", "-q", "-S",
 	    "none",     // the package is compressed as a whole, which takes less than every patch by itself
 	    "-D", "-R", // compressed files are patched as they are
 	    "-I", "0",  // no limit to instructions that are looked at together
-	    "-B", std::to_string(NextPowerOfTwo(source_size, kMinWindow, kMaxSourceWindow)), "-W",
-	    std::to_string(NextPowerOfTwo(target_size, kMinWindow, kMaxWindow)), header, "-s", source, target, patch};
+	    "-B", std::to_string(windows.source), "-W", std::to_string(windows.target), header, "-s", source, target,
+	    patch};
 }
 
-/** Tries patch and script one after the other, and keeps the smallest. */
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+
+/** Makes patch and script one after the other, measures them, and keeps what the plan chooses. */
 class Contest {
 public:
 	Contest(const EncodingTask& task, const Encoders& encoders, const std::string& scratch)
@@ -63,64 +64,89 @@ public:
 
 	void TryPatch() {
 		// A patch of nothing, or to nothing, is the file itself.
-		if (task_.may_patch && encoders_.vcdiff && task_.change.before->size > 0 && task_.change.after->size > 0) {
-			Try(PatchKind::kVcdiff, [this](const std::string& path) {
-				EncodeVcdiff(
-				    *encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_);
+		const bool possible = encoders_.vcdiff && task_.change.before->size > 0 && task_.change.after->size > 0;
+		if (possible && (task_.may_patch || task_.is_database)) {
+			result_.costs.patch = Try(PatchKind::kVcdiff, task_.may_patch, [this](const std::string& path) {
+				EncodeVcdiff(*encoders_.vcdiff, task_.change.before->source, task_.change.after->source, path, scratch_,
+				    encoders_.memory);
 			});
 		}
 	}
 
 	void TryScript() {
-		const bool possible = task_.may_script && encoders_.script &&
-		                      !FindScriptObstacle(task_.change.before->source, task_.change.after->source);
+		const bool possible =
+		    task_.may_script && !FindScriptObstacle(task_.change.before->source, task_.change.after->source);
 		if (possible) {
-			Try(PatchKind::kScript, [this](const std::string& path) {
+			result_.costs.script = Try(PatchKind::kScript, true, [this](const std::string& path) {
 				const ScriptSubject subject = {task_.change.before->source, task_.change.after->source, task_.lineage};
-				EncodeScript(*encoders_.script, subject, path, scratch_);
+				EncodeScript(subject, path, scratch_, {encoders_.level, encoders_.memory});
 			});
 		}
 	}
 
 	EncodedFile Decide() {
-		if (result_.kind == PatchKind::kNone ||
-		    CompressedSizeBelow(size_, task_.change.after->source, encoders_.level)) {
-			result_.kind = PatchKind::kWhole;
-			result_.input = task_.change.after->source;
-		}
+		const AllowedKinds allowed = {task_.may_script, task_.may_patch};
+		StepCosts& costs = result_.costs;
+		const std::uint64_t limit = task_.is_database ? WholeLimit(costs, allowed, task_.past)
+		                                              : costs.patch.value_or(0); // 0: there is nothing to choose from
+		costs.whole = CompressedSizeBelow(limit, task_.change.after->source, encoders_.level).value_or(limit);
+		result_.plan = PlanKind(costs, allowed, task_.past);
+		result_.kind = result_.plan.kind;
+		result_.input = result_.kind == PatchKind::kWhole ? task_.change.after->source : PathOf(result_.kind);
 		return result_;
 	}
 
 private:
+	std::string PathOf(PatchKind kind) const { return scratch_ + "/result" + PatchKindExtension(kind); }
+
+	/** The compressed size of what was made; no value when it cannot be made. */
 	template<typename Encode>
-	void Try(PatchKind kind, const Encode& encode) {
-		const std::string path = scratch_ + "/result" + PatchKindExtension(kind);
+	std::optional<std::uint64_t> Try(PatchKind kind, bool is_wanted, const Encode& encode) {
 		try {
-			encode(path);
+			encode(PathOf(kind));
 		} catch (const std::exception& error) {
-			result_.warning = "\"" + Printable(task_.change.name) + "\" is carried in another way than " +
-			                  PatchKindName(kind) + ": " + error.what();
-			return;
+			if (is_wanted) {
+				result_.warning = "\"" + Printable(task_.change.name) + "\" is carried in another way than " +
+				                  PatchKindName(kind) + ": " + error.what();
+			}
+			return std::nullopt;
 		}
-		if (const auto size = CompressedSizeBelow(size_, path, encoders_.level)) {
-			size_ = *size;
-			result_.kind = kind;
-			result_.input = path;
-		}
+		return CompressedSizeBelow(kNoLimit, PathOf(kind), encoders_.level);
 	}
 
 	const EncodingTask& task_;
 	const Encoders& encoders_;
 	const std::string& scratch_;
-	std::uint64_t size_ = std::numeric_limits<std::uint64_t>::max();
 	EncodedFile result_;
 };
 
 } // namespace
 
+VcdiffWindows VcdiffWindows::Of(std::uint64_t source_size, std::uint64_t target_size, std::uint64_t memory) {
+	constexpr std::uint64_t kMinWindow = std::uint64_t{512} << 10U; // the encoder's limits
+	constexpr std::uint64_t kMaxWindow = std::uint64_t{16} << 20U;
+	constexpr std::uint64_t kMaxSourceWindow = std::uint64_t{2} << 30U;
+	VcdiffWindows windows;
+	windows.source = NextPowerOfTwo(source_size, kMinWindow, kMaxSourceWindow);
+	windows.target = NextPowerOfTwo(target_size, kMinWindow, kMaxWindow);
+	while (windows.target > kMinWindow && VcdiffWindows{0, windows.target}.Memory(source_size) > memory / 4) {
+		windows.target /= 2;
+	}
+	while (windows.source > kMinWindow && windows.Memory(source_size) > memory) {
+		windows.source /= 2;
+	}
+	return windows;
+}
+
+std::uint64_t VcdiffWindows::Memory(std::uint64_t source_size) const {
+	constexpr std::uint64_t kPerSourceByte = 3; // the window itself and where its pieces are
+	constexpr std::uint64_t kPerTargetByte = 5;
+	return kPerSourceByte * std::min(source, source_size) + kPerTargetByte * target;
+}
+
 void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,
-    const std::string& patch, const std::string& scratch) {
-	RunProgram(encoder, Arguments(source, target, patch), scratch + "/output", scratch + "/errors");
+    const std::string& patch, const std::string& scratch, std::uint64_t memory) {
+	RunProgram(encoder, Arguments(source, target, patch, memory), scratch + "/output", scratch + "/errors");
 	const std::string result = scratch + "/decoded";
 	try {
 		decoder::DecodeFile(source, result, patch);
@@ -152,11 +178,15 @@ EncodedFile EncodeFile(const EncodingTask& task, const Encoders& encoders, const
 	if (!task.change.after) {
 		return {};
 	}
-	Contest contest(task, encoders, scratch);
-	if (task.change.before && task.change.before->executable == task.change.after->executable) {
-		contest.TryPatch();
-		contest.TryScript();
+	if (!task.change.before || task.change.before->executable != task.change.after->executable) {
+		EncodedFile whole;
+		whole.kind = PatchKind::kWhole;
+		whole.input = task.change.after->source;
+		return whole;
 	}
+	Contest contest(task, encoders, scratch);
+	contest.TryPatch();
+	contest.TryScript();
 	return contest.Decide();
 }
 

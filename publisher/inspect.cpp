@@ -6,6 +6,7 @@
 #include "base/unique_fd.h"
 #include "publisher/diff_package.h"
 #include "publisher/json_text.h"
+#include "publisher/kind_plan.h"
 #include "publisher/package.h"
 #include "publisher/publish_error.h"
 
@@ -139,6 +140,13 @@ std::map<PatchKind, Total> TotalsOf(const DiffPackage& diff) {
 	return totals;
 }
 
+/** What the publisher expected of a database; null for other files. */
+const Json::Value* PlanOf(const DiffPackage& diff, const std::string& name) {
+	const Json::Value& plans = diff.metadata[kPlansKey];
+	const Json::Value* plan = plans.isObject() ? plans.find(name.data(), name.data() + name.size()) : nullptr;
+	return plan != nullptr && plan->isObject() && (*plan)["expected"].isObject() ? plan : nullptr;
+}
+
 void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
 	Json::Value& changes = value["changes"] = Json::Value(Json::arrayValue);
 	for (const DiffMember& member : diff.members) {
@@ -147,6 +155,9 @@ void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
 		item["operation"] = member.operation;
 		item["kind"] = PatchKindName(member.kind);
 		item["size"] = Json::UInt64{member.size};
+		if (const Json::Value* plan = PlanOf(diff, member.name)) {
+			item["plan"] = *plan;
+		}
 		changes.append(std::move(item));
 	}
 	Json::Value& totals = value["totals"] = Json::Value(Json::objectValue);
@@ -181,6 +192,41 @@ void PrintDiffTable(const DiffPackage& diff, std::ostream& out) {
 	for (const auto& [kind, total] : TotalsOf(diff)) {
 		begin_line(total.bytes, "total", PatchKindName(kind));
 		out << Counted(total.files, kind) << "\n";
+	}
+}
+
+/** "37 (74)", or "-" where the kind is not possible. */
+std::string PlannedBytes(const Json::Value& plan, PatchKind kind) {
+	const Json::Value& bytes = plan[PatchKindName(kind)];
+	const Json::Value& expected = plan["expected"][PatchKindName(kind)];
+	const std::string text = bytes.isUInt64() ? std::to_string(bytes.asUInt64()) : "-";
+	return expected.isUInt64() ? text + " (" + std::to_string(expected.asUInt64()) + ")" : text;
+}
+
+/** Of each database, what this step takes by each kind, and what it takes with the steps that are expected after it. */
+void PrintPlans(const DiffPackage& diff, std::ostream& out) {
+	constexpr std::array kKinds = {PatchKind::kScript, PatchKind::kVcdiff, PatchKind::kWhole};
+	constexpr int kWidth = 24;
+	bool is_first = true;
+	for (const DiffMember& member : diff.members) {
+		const Json::Value* plan = PlanOf(diff, member.name);
+		if (plan == nullptr) {
+			continue;
+		}
+		if (is_first) {
+			out << "\ncompressed bytes by kind, of the whole at least so many (expected with as much again as the "
+			       "chain so far)\n";
+			for (const PatchKind kind : kKinds) {
+				out << std::setw(kWidth) << PatchKindName(kind);
+			}
+			out << "  chosen   name\n";
+		}
+		is_first = false;
+		for (const PatchKind kind : kKinds) {
+			out << std::setw(kWidth) << PlannedBytes(*plan, kind);
+		}
+		out << "  " << std::left << std::setw(9) << PatchKindName(member.kind) << std::right << Printable(member.name)
+		    << "\n";
 	}
 }
 
@@ -233,6 +279,7 @@ void PrintTable(const std::string& package, const archive::ArchiveFile& archive,
 	    << "metadata       " << JsonText(MetadataJson(archive)) << "\n\n";
 	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
 		PrintDiffTable(*diff, out);
+		PrintPlans(*diff, out);
 	} else {
 		PrintMemberTable(archive, out);
 	}

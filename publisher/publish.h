@@ -14,6 +14,11 @@
 
 namespace tarn::publisher {
 
+constexpr std::int64_t kMinMemoryMib = 16;
+constexpr std::int64_t kMaxMemoryMib = 1 << 20;
+/** Enough for files of 650 MiB to be patched as a whole. */
+constexpr std::int64_t kDefaultMemoryMib = 2048;
+
 struct PublishOptions {
 	std::string tree;
 	std::string repository;
@@ -24,6 +29,7 @@ struct PublishOptions {
 	std::string format_version = "1";
 	std::string db_version = "1";
 	int level = archive::kDefaultLevel;
+	std::int64_t memory_mib = kDefaultMemoryMib; // for making patches and matching rows
 	KeptDiffs keep_diffs;
 	std::vector<std::string> old_keys; // public keys that signed earlier packages
 	bool must_continue = false;        // whether a database that the repository does not know is refused

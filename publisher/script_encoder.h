@@ -2,8 +2,8 @@
 #ifndef PUBLISHER_SCRIPT_ENCODER_H
 #define PUBLISHER_SCRIPT_ENCODER_H
 
-#include <istream>
-#include <ostream>
+#include "publisher/database_script.h"
+
 #include <string>
 
 namespace tarn::publisher {
@@ -19,20 +19,11 @@ struct ScriptSubject {
  * Writes an SQL script that turns one database's content into another's, and executes it as devices do: on the database
  * before, on the lineage, and on the database after, where the script must fail or change nothing.
  *
- * @param encoder  the sqldiff program
  * @param scratch  a directory that no other call uses
  * @throws PublishError when no script can be made or it does not reproduce the content
  */
 void EncodeScript(
-    const std::string& encoder, const ScriptSubject& subject, const std::string& script, const std::string& scratch);
-
-/**
- * Rewrites SQL so that every statement is one line, as devices execute scripts line by line: breaks between words
- * become blanks, and those in a text are written as char(10). Transactions are left out, since devices have their own.
- *
- * @return whether it could be done; a script with a break in a quoted name, a comment or a zero byte cannot be kept
- */
-[[nodiscard]] bool WriteStatementPerLine(std::istream& script, std::ostream& lines);
+    const ScriptSubject& subject, const std::string& script, const std::string& scratch, const ScriptLimits& limits);
 
 } // namespace tarn::publisher
 

@@ -3,6 +3,8 @@
 #include "base/text.h"
 #include "publisher/files.h"
 #include "publisher/publish_error.h"
+#include "publisher/sql_text.h"
+#include "publisher/table_shape.h"
 #include "publisher/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
@@ -69,18 +71,8 @@ std::optional<std::string> FindSettingDifference(const std::string& before, cons
 	return std::nullopt;
 }
 
-/** Opens the file without what lies beside it, since the file alone is published; takes no locks. */
 SQLite::Database OpenAlone(const std::string& path) {
-	std::string uri = "file:";
-	for (const char byte : path) {
-		if (std::strchr("?#%", byte) != nullptr && byte != '\0') {
-			const auto value = static_cast<unsigned char>(byte);
-			uri += '%' + Hex(&value, 1);
-		} else {
-			uri += byte;
-		}
-	}
-	return {uri + "?immutable=1", SQLite::OPEN_READONLY | SQLite::OPEN_URI};
+	return {AloneUri(path), SQLite::OPEN_READONLY | SQLite::OPEN_URI};
 }
 
 std::uint64_t BitsOf(double value) {
@@ -133,34 +125,6 @@ bool SameResult(const SQLite::Database& left, const SQLite::Database& right, con
 	return !other.executeStep();
 }
 
-struct Table {
-	std::string name;
-	bool without_rowid = false;
-};
-
-std::vector<Table> TablesOf(const SQLite::Database& database) {
-	std::vector<Table> tables;
-	SQLite::Statement list(database, "SELECT name, wr FROM pragma_table_list WHERE schema = 'main' AND type = 'table' "
-	                                 "AND name NOT IN ('sqlite_schema', 'sqlite_master') ORDER BY name");
-	while (list.executeStep()) {
-		tables.push_back({list.getColumn(0).getString(), list.getColumn(1).getInt() != 0});
-	}
-	return tables;
-}
-
-/** A name by which the row id can be read; no value when columns have all such names. */
-std::optional<std::string> RowIdName(const SQLite::Database& database, const std::string& table) {
-	for (const char* name : {"rowid", "_rowid_", "oid"}) {
-		SQLite::Statement taken(database, "SELECT 1 FROM pragma_table_info(?) WHERE lower(name) = ?");
-		taken.bind(1, table);
-		taken.bind(2, name);
-		if (!taken.executeStep()) {
-			return name;
-		}
-	}
-	return std::nullopt;
-}
-
 std::string RowsQuery(const SQLite::Database& database, const Table& table) {
 	// SQLite would read an index that holds all columns instead of the table, and nobody would see damage in the other.
 	const std::string source = " FROM " + QuotedName(table.name) + " NOT INDEXED";
@@ -192,11 +156,6 @@ std::optional<std::string> FindSchemaObstacle(const SQLite::Database& before, co
 		return obstacle;
 	}
 	for (const Table& table : TablesOf(after)) {
-		SQLite::Statement hidden(after, "SELECT 1 FROM pragma_table_xinfo(?) WHERE hidden <> 0");
-		hidden.bind(1, table.name);
-		if (hidden.executeStep()) {
-			return "the table " + table.name + " has generated columns";
-		}
 		RowsQuery(after, table); // throws for a table whose rows cannot be told apart
 	}
 	return std::nullopt;

@@ -5,14 +5,10 @@
 #include <SQLiteCpp/Database.h>
 
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
 namespace tarn::publisher {
-
-/** A name in double quotes, as SQL writes it. */
-std::string QuotedName(const std::string& name);
 
 /** A virtual table of a database and the module that makes it work, in lower case. */
 struct VirtualTable {
@@ -44,18 +40,6 @@ std::vector<std::string> QueriesBesideRows(const SQLite::Database& database, con
  * @throws PublishError naming the table whose index does not fit
  */
 void RequireSoundIndexes(const std::string& database);
-
-/** Whether a database has R*Trees. */
-[[nodiscard]] bool HasRTrees(const std::string& database);
-
-/** Removes all R*Trees of a database file, for sqldiff, which would round their numbers. */
-void DropRTrees(const std::string& database);
-
-/**
- * Writes statements that turn the rows of all R*Trees of one database into those of another with the same schema. A row
- * that differs is deleted and inserted, with numbers as exact as the tables hold them.
- */
-void WriteRTreeChanges(const std::string& before, const std::string& after, std::ostream& script);
 
 } // namespace tarn::publisher
 

@@ -115,8 +115,8 @@ TEST_F(Command, PublishTakesEveryOption) {
 
 TEST_F(Command, PublishRefusesValuesThatCanNeverWork) {
 	const std::vector<std::vector<std::string>> bad = {{"--data-version", "-1"}, {"--data-version", "2147483648"},
-	    {"--level", "0"}, {"--level", "20"}, {"--format-version", "a&b"}, {"--format-version", ""},
-	    {"--db-version", "../1"}, {"--db-version", ".hidden"}};
+	    {"--level", "0"}, {"--level", "20"}, {"--memory", "15"}, {"--memory", "1048577"}, {"--format-version", "a&b"},
+	    {"--format-version", ""}, {"--db-version", "../1"}, {"--db-version", ".hidden"}};
 	for (const auto& more : bad) {
 		EXPECT_EQ(Run(PublishArguments(more)), publisher::kUsage) << more[0] << " " << more[1];
 	}
@@ -294,6 +294,25 @@ TEST_F(Command, PublishSumsUpTheDiff) {
 	EXPECT_EQ(Run(PublishArguments({"--keep-diffs", "many"})), publisher::kUsage);
 	EXPECT_THAT(err_.str(), HasSubstr("--keep-diffs \"many\" must be a number or \"auto\"."));
 	EXPECT_EQ(Run(PublishArguments({"--old-key", directory_ / "missing"})), publisher::kFailed);
+}
+
+TEST_F(Command, InspectTellsWhatWasExpectedOfADatabase) {
+	const std::string rows = "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 2000) ";
+	ExecuteSql(options_.tree + "/db", "CREATE TABLE t(a); " + rows + "INSERT INTO t SELECT hex(randomblob(9)) FROM c");
+	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
+	ExecuteSql(options_.tree + "/db", "UPDATE t SET a = 'changed' WHERE rowid % 100 = 1");
+	ASSERT_EQ(Run(PublishArguments({"--memory", "16"})), publisher::kDone);
+	const std::string diff = options_.repository + "/packages/db/db_d2.tarn";
+	EXPECT_EQ(Run({"inspect", diff}), publisher::kDone);
+	EXPECT_THAT(out_.str(), HasSubstr("as much again as the chain so far"));
+	EXPECT_THAT(out_.str(),
+	    ::testing::ContainsRegex("[0-9]+ \\([0-9]+\\) +[0-9]+ \\([0-9]+\\) +[0-9]+ \\([0-9]+\\)  sql +db\n"));
+	EXPECT_EQ(Run({"inspect", diff, "--json"}), publisher::kDone);
+	Json::Value value;
+	std::istringstream(out_.str()) >> value;
+	const Json::Value plan = value["changes"][0]["plan"];
+	EXPECT_EQ(plan["expected"]["sql"].asUInt64(), 2 * plan["sql"].asUInt64());
+	EXPECT_GT(plan["expected"]["vcdiff"].asUInt64(), plan["expected"]["sql"].asUInt64());
 }
 
 TEST_F(Command, InspectListsWhatADiffDoesAndHow) {

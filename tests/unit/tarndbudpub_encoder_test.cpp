@@ -33,7 +33,7 @@ class Encoding : public ::testing::Test {
 protected:
 	Encoding() {
 		fs::create_directory(directory_ / "scratch");
-		encoders_ = {publisher::FindProgram("xdelta3"), publisher::FindProgram("sqldiff"), 12};
+		encoders_ = {publisher::FindProgram("xdelta3"), 12, std::uint64_t{1} << 30U};
 	}
 
 	publisher::TreeFile File(const std::string& name, bool executable = false) const {
@@ -44,8 +44,8 @@ protected:
 		return publisher::EncodeFile(task_, encoders_, directory_ / "scratch");
 	}
 	void EncodePatch(const std::string& before, const std::string& after) const {
-		publisher::EncodeVcdiff(
-		    *encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch", directory_ / "scratch");
+		publisher::EncodeVcdiff(*encoders_.vcdiff, directory_ / before, directory_ / after, directory_ / "patch",
+		    directory_ / "scratch", encoders_.memory);
 	}
 
 	TemporaryDirectory directory_;
@@ -116,24 +116,38 @@ TEST_F(Encoding, TriesScriptsOnTheFileThatDevicesHave) {
 	ExecuteSql(directory_ / "after", table + "INSERT INTO t VALUES(1), (5)");
 	ExecuteSql(directory_ / "lineage", table + "INSERT INTO t VALUES(1), (2), (7)");
 	const auto encode = [this](const std::string& lineage) {
-		publisher::EncodeScript(*encoders_.script, {directory_ / "before", directory_ / "after", lineage},
-		    directory_ / "script", directory_ / "scratch");
+		publisher::EncodeScript({directory_ / "before", directory_ / "after", lineage}, directory_ / "script",
+		    directory_ / "scratch", {12, encoders_.memory});
 	};
 	EXPECT_EQ(ErrorOf([&] { encode(""); }), "");
 	EXPECT_EQ(ReadFile(directory_ / "script"), "UPDATE t SET a=5 WHERE rowid=2;\n");
 	EXPECT_THAT(ErrorOf([&] { encode(directory_ / "lineage"); }), HasSubstr("on devices that have executed scripts"));
-	EXPECT_EQ(FilesBelow(directory_ / "scratch").size(), 1U) << "only what the encoder complained about";
+	EXPECT_THAT(FilesBelow(directory_ / "scratch"), IsEmpty());
 }
 
-TEST_F(Encoding, RefusesAScriptThatCannotBeExecuted) {
-	const std::string table = "CREATE TABLE t(a UNIQUE);";
-	ExecuteSql(directory_ / "before", table + "INSERT INTO t VALUES(1), (2)");
-	ExecuteSql(directory_ / "after", table + "INSERT INTO t VALUES(2), (1)"); // in no order of rows
+TEST_F(Encoding, RefusesADatabaseWhoseScriptWouldTakeMoreThanDevicesAllow) {
+	const std::string table = "CREATE TABLE t(a);";
+	ExecuteSql(directory_ / "before", table + "INSERT INTO t VALUES(1)");
+	ExecuteSql(directory_ / "after", table + "INSERT INTO t VALUES(zeroblob(5000000))");
 	EXPECT_THAT(ErrorOf([this] {
-		publisher::EncodeScript(*encoders_.script, {directory_ / "before", directory_ / "after", ""},
-		    directory_ / "script", directory_ / "scratch");
+		publisher::EncodeScript({directory_ / "before", directory_ / "after", ""}, directory_ / "script",
+		    directory_ / "scratch", {12, encoders_.memory});
 	}),
-	    HasSubstr("UNIQUE constraint failed"));
+	    HasSubstr("Fail apply sql cmd"));
+}
+
+/** Devices have no memory to move all rows of a large table by one statement. */
+TEST_F(Encoding, MovesTheRowsOfALargeTableInParts) {
+	const std::string rows = "CREATE TABLE t(a); WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c "
+	                         "WHERE i < 250000) INSERT INTO t SELECT i FROM c";
+	ExecuteSql(directory_ / "before", rows);
+	ExecuteSql(directory_ / "after", rows + " WHERE i % 9000 <> 5 UNION SELECT i + 0.5 FROM c WHERE i % 7000 = 6");
+	publisher::EncodeScript({directory_ / "before", directory_ / "after", ""}, directory_ / "script",
+	    directory_ / "scratch", {1, encoders_.memory});
+	const std::string script = ReadFile(directory_ / "script");
+	EXPECT_LT(script.size(), 5000U);
+	EXPECT_THAT(script, ::testing::ContainsRegex("=-rowid.*\n.*=-rowid.*\n.*=-rowid"));
+	EXPECT_THAT(script, ::testing::ContainsRegex("tarn_m.i;\n.*tarn_m.i;\n.*tarn_m.i;\n"));
 }
 
 TEST_F(Encoding, MeasuresAsPackagesCompress) {

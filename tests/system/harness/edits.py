@@ -32,7 +32,7 @@ class Tree:
         self._edits: list[tuple[int, Callable[[], None]]] = [
             (4, self.add), (3, self.add_database), (10, self.change_bytes), (4, self.insert), (3, self.truncate),
             (3, self.delete), (2, self.rename), (2, self.replace), (2, self.flip_executable), (2, self.make_empty),
-            (12, self.change_rows), (1, self.change_schema), (1, self.file_to_folder), (1, self.leave_journal),
+            (12, self.change_rows), (4, self.make_again), (1, self.change_schema), (1, self.file_to_folder), (1, self.leave_journal),
             (2, self.empty_folder),
         ]  # fmt: skip
 
@@ -153,6 +153,8 @@ class Tree:
                 "CREATE TABLE t (id INTEGER PRIMARY KEY, a, b)", "CREATE TABLE t (id, a, b)",
                 "CREATE TABLE t (id TEXT, a, b, PRIMARY KEY (id)) WITHOUT ROWID",
                 "CREATE TABLE t (id INT UNIQUE, a REAL, b)",
+                "CREATE TABLE t (key INTEGER PRIMARY KEY AUTOINCREMENT, id INT UNIQUE, a, b, c AS (a || b) STORED)",
+                "CREATE TABLE t (id TEXT UNIQUE COLLATE NOCASE, a REFERENCES t (id), b, c AS (length(a)))",
             ))  # fmt: skip
             rows = self._source.choice((0, 5, 300, 1500, 4000))
             inserts = [self._insertion(number) for number in range(rows)]
@@ -184,6 +186,19 @@ class Tree:
             f"UPDATE t SET a = {self._value()} WHERE id = {number}",
             f"UPDATE t SET b = {self._value()} WHERE id BETWEEN {number} AND {number + 5}",
         ))  # fmt: skip
+
+    def make_again(self) -> None:
+        """All rows again, some of them gone or changed, in an order that gives most of them another row id."""
+        path = self._pick(self._databases())
+        if path:
+            columns = self._source.choice(("id, a, b", "id, b AS a, a AS b", "id, a, 'again' AS b"))
+            order = self._source.choice(("id", "id DESC", "CAST(id AS INTEGER) % 1000, id", "b, id"))
+            databases.changed_at(path, [
+                "BEGIN", f"CREATE TEMP TABLE k AS SELECT {columns} FROM t WHERE id % 100 <> {self._source.randrange(150)}", "DELETE FROM t",
+                *[self._insertion(self._source.randrange(4000)) for _ in range(self._source.randint(0, 3))],
+                f"INSERT OR IGNORE INTO t (id, a, b) SELECT * FROM k ORDER BY {order}", "DROP TABLE k", "COMMIT",
+                *self._source.choice(([], ["VACUUM"])),
+            ])  # fmt: skip
 
     def change_schema(self) -> None:
         path = self._pick(self._databases())
