@@ -19,13 +19,13 @@ struct Candidate {
 	Codec codec;
 	/**
 	 * In thousandths of the unpacked bytes. A device unpacks about 800 MB in a second with zstd, 200 with brotli, 45
-	 * with lzma and 25 with bzip2, and a second of a processor of its own is taken to be worth 2 MB.
+	 * with lzma and 25 with bzip2, and a second of a processor of its own is taken to be worth 5 MB.
 	 */
 	unsigned handicap;
 	int min_level; // for large payloads
 };
-constexpr std::array<Candidate, 4> kCandidates = {{{Codec::kZstd, 0, kMinLevel}, {Codec::kBrotli, 10, kMaxLevel},
-    {Codec::kLzma, 40, kMinMixedLevel}, {Codec::kBzip2, 80, kMinMixedLevel}}};
+constexpr std::array<Candidate, 4> kCandidates = {{{Codec::kZstd, 0, kMinLevel}, {Codec::kBrotli, 25, kMaxLevel},
+    {Codec::kLzma, 110, kMinMixedLevel}, {Codec::kBzip2, 200, kMinMixedLevel}}};
 
 PackedFrame MakeFrame(Codec codec, std::string_view bytes, std::string packed) {
 	PackedFrame result;
