@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -54,30 +53,39 @@ public:
 	 */
 	void Mend(int installed_version);
 	/** Before an update changes files. */
-	void PrepareUpdate(const dataupdate::DatabaseStatus& status);
+	void PrepareUpdate();
+	/** The recorded digest of a file; none when it is not known. */
+	[[nodiscard]] std::optional<std::string> KnownDigest(const std::string& name) const;
 	/** Before a version is unpacked over whatever is recorded and lies there. */
 	void PrepareForced();
-	/** Whether files are bad that the library's record does not name, or are unknown; each is logged. */
-	[[nodiscard]] bool FindsDamage(const dataupdate::DatabaseStatus& status);
+	/** Whether files are bad, whichever of the records names them, or are unknown; those that are found are logged. */
+	[[nodiscard]] bool FindsDamage(const dataupdate::InstalledRecord& listed);
+	/** Has the record of before at hand when it is needed, until which it takes no memory. */
+	void RecallBefore();
 
-	void KeepFixed(const dataupdate::DatabaseStatus& status);
-	void KeepForced(const dataupdate::DatabaseStatus& status);
-	/** @param result  tells which files changed */
-	void KeepUpdated(const dataupdate::DatabaseStatus& status, const dataupdate::UpdateResult& result);
+	/** @param listed  all files */
+	void KeepFixed(const dataupdate::InstalledRecord& listed);
+	void KeepForced(const dataupdate::InstalledRecord& listed);
+	/**
+	 * @param listed   what was replaced or created, and without digests what was deleted
+	 * @param is_full  whether these are all files
+	 */
+	void KeepUpdated(const dataupdate::InstalledRecord& listed, bool is_full);
 
 private:
 	std::string InstallPrefix() const;
 	/** Whether the files can be looked at and are of one version. */
 	bool IsWhole() const;
 	/** Reads the record or makes it again; returns whether it was made again. */
-	bool Prepare(const dataupdate::DatabaseStatus& status);
+	bool Prepare(const dataupdate::InstalledRecord& listed);
 	template<typename Make>
 	void Write(const Make& make) const;
 
 	const Services& services_;
 	std::string id_;
 	std::optional<InstalledFiles> before_;
-	std::map<std::string, FileIdentity> identities_;
+	bool is_before_to_recall_ = false;
+	dataupdate::FileList identities_;
 };
 
 } // namespace tarn::ctl
