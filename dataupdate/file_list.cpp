@@ -121,14 +121,17 @@ bool FileList::operator==(const FileList& other) const {
 	return std::equal(entries_.begin(), entries_.end(), other.entries_.begin(), other.entries_.end(), is_same);
 }
 
+void FileList::FreeBefore(std::size_t at) {
+	// Entries fill block after block: the first that begins a block has all others behind it.
+	if (is_as_added_ && freed_blocks_ + 1 < blocks_.size() && entries_[at].begin == blocks_[freed_blocks_ + 1].get()) {
+		blocks_[freed_blocks_++].reset();
+	}
+}
+
 std::map<std::string, FileStatus> FileList::TakeStatuses(FileList list) {
 	std::map<std::string, FileStatus> statuses;
-	std::size_t block = 0;
 	for (std::size_t at = 0; at < list.Size(); ++at) {
-		if (list.is_as_added_ && block + 1 < list.blocks_.size() &&
-		    list.entries_[at].begin == list.blocks_[block + 1].get()) {
-			list.blocks_[block++].reset(); // Every entry from here on is kept behind it.
-		}
+		list.FreeBefore(at);
 		if (list.HasText(at)) {
 			statuses.emplace_hint(statuses.end(), list.Name(at), FileStatus(list.Text(at)));
 		}

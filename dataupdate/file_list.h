@@ -56,6 +56,12 @@ public:
 	/** The opposite. */
 	bool operator!=(const FileList& other) const { return !(*this == other); }
 
+	/**
+	 * Frees what is kept of the entries before a place, which nobody may ask for any more; for who goes through all
+	 * places in order.
+	 */
+	void FreeBefore(std::size_t at);
+
 	/** Gives the list up for a record's map, without those that have no text, and frees it piece by piece. */
 	[[nodiscard]] static std::map<std::string, FileStatus> TakeStatuses(FileList list);
 
@@ -71,6 +77,7 @@ private:
 
 	std::vector<Entry> entries_;
 	std::vector<std::unique_ptr<char[]>> blocks_;
+	std::size_t freed_blocks_ = 0;
 	char* block_end_ = nullptr; // of the last block
 	std::size_t room_ = 0;      // left in it
 	bool is_as_added_ = true;   // whether the entries are in the order of what they point to

@@ -52,9 +52,9 @@ void ForEachBad(
 	}
 }
 
-/** Installs a prepared strategy between the hooks; returns what it changed, with the new digests. */
-FileList Install(const std::string& id, BaseStrategy& strategy, FileList files, const std::string& install_prefix,
-    const std::function<void()>& announce) {
+/** Installs a prepared strategy between the hooks. */
+void InstallBetweenHooks(
+    const std::string& id, BaseStrategy& strategy, const FileList& files, const std::function<void()>& announce) {
 	UpdateHook hook(files, id);
 	InterruptionPoint(); // Better now than between the hooks.
 	hook.ExecPre();
@@ -63,7 +63,18 @@ FileList Install(const std::string& id, BaseStrategy& strategy, FileList files, 
 	// What has changed is described to the end: the caller could not tell an end here from one before the change.
 	const InterruptionShield shield;
 	hook.ExecPost();
-	return CalculateDigests(std::move(files), install_prefix);
+}
+
+/** Installs what was prepared, and removes the temporary data; returns what was changed, with the new digests. */
+FileList Install(const std::string& id, std::shared_ptr<BaseStrategy> strategy, FileList files,
+    const std::string& install_prefix, const std::function<void()>& announce) {
+	InstallBetweenHooks(id, *strategy, files, announce);
+	const InterruptionShield shield;
+	// Temporary data goes first, so that what was never written to the disk never has to be.
+	strategy.reset();
+	FileList result = CalculateDigests(std::move(files), install_prefix);
+	SyncInstalled(install_prefix);
+	return result;
 }
 
 } // namespace
@@ -73,17 +84,17 @@ FileListing ListingOf(const FileList& files) {
 	    [&files](std::size_t at) { return files.Text(at); }};
 }
 
-bool CheckStatus(const FileListing& files, const std::string& root) {
+bool CheckListing(const FileListing& files, const std::string& root) {
 	bool is_good = true;
 	ForEachBad(files, root, [&](const std::string& /*name*/) { return is_good = false; });
 	return is_good;
 }
 
 bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
-	return CheckStatus(ListingOf(statuses), root);
+	return CheckListing(ListingOf(statuses), root);
 }
 
-std::vector<std::string> FindBadFiles(const FileListing& files, const std::string& root) {
+std::vector<std::string> FindBadIn(const FileListing& files, const std::string& root) {
 	std::vector<std::string> bad;
 	ForEachBad(files, root, [&](const std::string& name) {
 		bad.push_back(name);
@@ -93,7 +104,7 @@ std::vector<std::string> FindBadFiles(const FileListing& files, const std::strin
 }
 
 std::vector<std::string> FindBadFiles(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
-	return FindBadFiles(ListingOf(statuses), root);
+	return FindBadIn(ListingOf(statuses), root);
 }
 
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
@@ -112,6 +123,7 @@ FileList CalculateDigests(FileList files, const std::string& root) {
 	FileList result;
 	for (std::size_t at = 0; at < files.Size(); ++at) {
 		result.Add(files.Name(at), digests.Next().value_or(""));
+		files.FreeBefore(at); // The threads are ahead.
 	}
 	return result;
 }
@@ -149,12 +161,9 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		result.is_full = true;
 	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
-	result.files = Install(id, *strategy, std::move(files), installPrefix, announce);
+	result.files = Install(id, std::move(strategy), std::move(files), installPrefix, announce);
 	result.data_version = remote.data_version;
 	result.last_fetch_time = remote.last_fetch_time;
-	// Temporary data goes first, so that what was never written to the disk never has to be.
-	strategy.reset();
-	SyncInstalled(installPrefix);
 	return result;
 }
 
@@ -181,12 +190,10 @@ DatabaseStatus Fixer::Fix() const {
 InstalledRecord Fixer::FixAndTell() const {
 	TARN_LOG(LOG_WARNING, "Try to fix database %s", id_.c_str());
 	InstalledRecord result(remote_.data_version, remote_.last_fetch_time, {});
-	{
-		FullStrategy strategy(id_, remote_, volume_, install_prefix_, root_directory_);
-		strategy.PrepareUpdate();
-		result.files = Install(id_, strategy, strategy.ListModifiedFiles(), install_prefix_, [] {});
-	}
-	SyncInstalled(install_prefix_);
+	auto strategy = std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_);
+	strategy->PrepareUpdate();
+	FileList files = strategy->ListModifiedFiles();
+	result.files = Install(id_, std::move(strategy), std::move(files), install_prefix_, [] {});
 	return result;
 }
 

@@ -40,10 +40,10 @@ struct FileListing {
 [[nodiscard]] TARNDBUD_EXPORT FileListing ListingOf(const FileList& files);
 
 /** CheckStatus() of a listing. */
-[[nodiscard]] TARNDBUD_EXPORT bool CheckStatus(const FileListing& files, const std::string& root);
+[[nodiscard]] TARNDBUD_EXPORT bool CheckListing(const FileListing& files, const std::string& root);
 
 /** FindBadFiles() of a listing. */
-[[nodiscard]] TARNDBUD_EXPORT std::vector<std::string> FindBadFiles(const FileListing& files, const std::string& root);
+[[nodiscard]] TARNDBUD_EXPORT std::vector<std::string> FindBadIn(const FileListing& files, const std::string& root);
 
 /**
  * Bounds the threads that take the digests of several files at once, for the whole process. By default there is one for

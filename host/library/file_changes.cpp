@@ -11,8 +11,11 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <set>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace tarn::ctl {
 
@@ -71,13 +74,14 @@ InstalledFileTable RecordOf(FileList names, const fs::path& root) {
 		}
 	}
 	names = FileList();
-	const FileList digests = dataupdate::CalculateDigests(std::move(regular), root.string());
+	FileList digests = dataupdate::CalculateDigests(std::move(regular), root.string());
 	for (std::size_t at = 0; at < digests.Size(); ++at) {
 		const std::string name(digests.Name(at));
 		InstalledFile file = Describe(root / name).value_or(InstalledFile());
 		file.sha384_digest = digests.Text(at);
 		RequireDigest(file.sha384_digest, file, root / name);
 		recorded.Add(name, file);
+		digests.FreeBefore(at);
 	}
 	recorded.Sort();
 	return recorded;
@@ -103,27 +107,43 @@ std::string NameOrRefuse(const std::string& name, const std::string& install_pre
 	return *relative;
 }
 
-/** Adds what the library has digests of. */
-void AddKnown(const FileList& files, const std::string& install_prefix, bool are_fresh, InstalledFileTable& table) {
-	for (std::size_t at = 0; at < files.Size(); ++at) {
-		const std::string relative = NameOrRefuse(std::string(files.Name(at)), install_prefix);
-		const fs::path path = fs::path(install_prefix) / relative;
-		const std::string digest = files.Text(at);
-		if (files.HasText(at) && !IsListedDirectory(digest, path)) {
-			table.Add(relative, Known(digest, path, are_fresh));
-		}
+/** Adds one file that the library has a digest of; not what is gone. */
+void AddKnown(const FileList& files, std::size_t at, const std::string& install_prefix, bool is_fresh,
+    InstalledFileTable& table) {
+	const std::string relative = NameOrRefuse(std::string(files.Name(at)), install_prefix);
+	const fs::path path = fs::path(install_prefix) / relative;
+	const std::string digest = files.Text(at);
+	if (files.HasText(at) && !IsListedDirectory(digest, path)) {
+		table.Add(relative, Known(digest, path, is_fresh));
 	}
 }
 
-/** Adds the files of an earlier record that are to be kept, behind what is newer. */
+/** Adds the files of an earlier record that are to be kept, unless there is a newer entry. */
 template<typename IsKept>
 void AddEarlier(const InstalledFileTable& before, const IsKept& is_kept, InstalledFileTable& table) {
+	std::vector<std::size_t> kept;
+	table.Sort();
 	for (std::size_t at = 0; at < before.Size(); ++at) {
-		if (is_kept(before.Name(at))) {
-			table.Add(before.Name(at), before.At(at));
+		if (!table.Has(before.Name(at)) && is_kept(before.Name(at))) {
+			kept.push_back(at);
 		}
 	}
+	for (const std::size_t at : kept) {
+		table.Add(before.Name(at), before.At(at));
+	}
 	table.Sort();
+}
+
+/** The names of an earlier record whose place a directory of a package has taken. */
+std::set<std::string> DirectoriesNow(const InstalledFiles& before, const FileList& earlier, const fs::path& root) {
+	std::set<std::string> directories;
+	for (std::size_t at = 0; at < before.files.Size(); ++at) {
+		const std::string name(before.files.Name(at));
+		if (earlier.Find(name) && fs::is_directory(fs::symlink_status(root / name))) {
+			directories.insert(name);
+		}
+	}
+	return directories;
 }
 
 /** What changes whenever a file is written or replaced, in few bytes; nothing of what has vanished. */
@@ -136,7 +156,9 @@ std::string IdentityOf(const fs::path& path) {
 	    static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_mtim.tv_sec),
 	    static_cast<std::uint64_t>(status.st_mtim.tv_nsec), static_cast<std::uint64_t>(status.st_ctim.tv_sec),
 	    static_cast<std::uint64_t>(status.st_ctim.tv_nsec)};
-	return std::string(reinterpret_cast<const char*>(parts.data()), sizeof parts);
+	// Equal by chance for one change in 2^64.
+	const std::size_t hash = std::hash<std::string_view>()({reinterpret_cast<const char*>(parts.data()), sizeof parts});
+	return std::string(reinterpret_cast<const char*>(&hash), sizeof hash);
 }
 
 } // namespace
@@ -171,7 +193,20 @@ FileList IdentitiesBelow(const std::string& directory) {
 InstalledFiles WholeRecord(const InstalledRecord& listed, const std::string& install_prefix, bool are_fresh) {
 	InstalledFiles record;
 	record.data_version = listed.data_version;
-	AddKnown(listed.files, install_prefix, are_fresh, record.files);
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		AddKnown(listed.files, at, install_prefix, are_fresh, record.files);
+	}
+	record.files.Sort();
+	return record;
+}
+
+InstalledFiles WholeRecord(InstalledRecord&& listed, const std::string& install_prefix, bool are_fresh) {
+	InstalledFiles record;
+	record.data_version = listed.data_version;
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		listed.files.FreeBefore(at);
+		AddKnown(listed.files, at, install_prefix, are_fresh, record.files);
+	}
 	record.files.Sort();
 	return record;
 }
@@ -179,20 +214,20 @@ InstalledFiles WholeRecord(const InstalledRecord& listed, const std::string& ins
 InstalledFiles CarryThroughDiff(
     const InstalledFiles& before, const InstalledRecord& changed, const std::string& install_prefix) {
 	FileList replaced;
-	for (std::size_t at = 0; at < changed.files.Size(); ++at) {
-		replaced.Add(NameOrRefuse(std::string(changed.files.Name(at)), install_prefix));
-	}
-	replaced.Sort();
 	InstalledFiles now;
 	now.data_version = changed.data_version;
 	now.is_from_disk = before.is_from_disk;
-	AddKnown(changed.files, install_prefix, true, now.files);
+	for (std::size_t at = 0; at < changed.files.Size(); ++at) {
+		replaced.Add(NameOrRefuse(std::string(changed.files.Name(at)), install_prefix));
+		AddKnown(changed.files, at, install_prefix, true, now.files);
+	}
+	replaced.Sort();
 	AddEarlier(before.files, [&](std::string_view name) { return !replaced.Find(name); }, now.files);
 	return now;
 }
 
-InstalledFiles CarryThroughForced(const InstalledFiles& before, const FileList& identities, int data_version,
-    const std::string& install_prefix) {
+InstalledFiles CarryThroughForced(
+    const InstalledFiles& before, FileList identities, int data_version, const std::string& install_prefix) {
 	const fs::path root = install_prefix;
 	FileList changed;
 	ForEachFileBelow(install_prefix, [&](const std::string& name) {
@@ -202,14 +237,13 @@ InstalledFiles CarryThroughForced(const InstalledFiles& before, const FileList& 
 		}
 	});
 	changed.Sort();
+	const std::set<std::string> directories = DirectoriesNow(before, identities, root);
+	identities = FileList();
 	InstalledFiles now;
 	now.data_version = data_version;
 	now.is_from_disk = before.is_from_disk;
 	now.files = RecordOf(std::move(changed), root);
-	const auto is_kept = [&](std::string_view name) {
-		// A directory of the package may have taken the file's place.
-		return !identities.Find(name) || !fs::is_directory(fs::symlink_status(root / name));
-	};
+	const auto is_kept = [&](std::string_view name) { return directories.count(std::string(name)) == 0; };
 	AddEarlier(before.files, is_kept, now.files);
 	return now;
 }

@@ -212,7 +212,7 @@ std::vector<BadFile> FindBadFiles(
 	const FileListing listing = {contents.size(),
 	    [&](std::size_t number) { return std::string(record.files.Name(contents[number])); },
 	    [&](std::size_t number) { return record.files.At(contents[number]).sha384_digest; }};
-	for (std::string& name : dataupdate::FindBadFiles(listing, install_prefix)) {
+	for (std::string& name : dataupdate::FindBadIn(listing, install_prefix)) {
 		names.insert(std::move(name));
 	}
 	std::vector<BadFile> bad;
@@ -236,7 +236,7 @@ std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const st
 
 std::vector<BadFile> FindBadFiles(const InstalledRecord& listed, const std::string& install_prefix) {
 	std::vector<BadFile> bad;
-	for (const std::string& name : dataupdate::FindBadFiles(dataupdate::ListingOf(listed.files), install_prefix)) {
+	for (const std::string& name : dataupdate::FindBadIn(dataupdate::ListingOf(listed.files), install_prefix)) {
 		const std::string path = FullPath(install_prefix, name);
 		bad.push_back({name, path, Reason(path)});
 	}

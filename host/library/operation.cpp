@@ -148,7 +148,9 @@ void Operation::RecordStatus(InstalledRecord record) {
 	if (change_ == Change::kUpdate) {
 		record.files = std::move(update_.files);
 	}
-	record_.RecallBefore();
+	if (!update_.is_full) {
+		record_.RecallBefore();
+	}
 	DropInstalledFiles(id_);
 	ForgetInstalledPackage(id_);
 	WriteInstalled(services_, id_, record);
@@ -157,16 +159,16 @@ void Operation::RecordStatus(InstalledRecord record) {
 	if (package && package->data_version == record.data_version) {
 		RecordInstalledPackage(id_, *package);
 	}
-	KeepRecord(record);
+	KeepRecord(std::move(record));
 }
 
-void Operation::KeepRecord(const InstalledRecord& record) {
+void Operation::KeepRecord(InstalledRecord record) {
 	switch (change_) {
 	case Change::kUpdate:
-		record_.KeepUpdated(record, update_.is_full);
+		record_.KeepUpdated(std::move(record), update_.is_full);
 		return;
 	case Change::kFix:
-		record_.KeepFixed(record);
+		record_.KeepFixed(std::move(record));
 		return;
 	case Change::kForced:
 		record_.KeepForced(record);

@@ -70,7 +70,7 @@ private:
 	dataupdate::RemoteInfo AskServer();
 	dataupdate::DatabaseStatus ReadStatus();
 	void RecordStatus(dataupdate::InstalledRecord record);
-	void KeepRecord(const dataupdate::InstalledRecord& record);
+	void KeepRecord(dataupdate::InstalledRecord record);
 
 	const Services& services_;
 	std::string id_;

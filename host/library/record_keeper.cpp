@@ -107,11 +107,20 @@ void RecordKeeper::PrepareUpdate() {
 			Prepare(listed);
 		}
 	}
+	Forget();
 }
 
-std::optional<std::string> RecordKeeper::KnownDigest(const std::string& name) const {
+std::optional<std::string> RecordKeeper::KnownDigest(const std::string& name) {
+	RecallBefore();
 	const std::optional<InstalledFile> file = before_ ? before_->files.Find(name) : std::nullopt;
 	return file && file->link_target.empty() ? std::optional(file->sha384_digest) : std::nullopt;
+}
+
+void RecordKeeper::Forget() {
+	can_be_recalled_ = before_.has_value() && is_on_disk_;
+	if (can_be_recalled_) {
+		before_.reset();
+	}
 }
 
 void RecordKeeper::PrepareForced() {
@@ -121,7 +130,7 @@ void RecordKeeper::PrepareForced() {
 			Prepare(listed);
 		}
 		identities_ = IdentitiesBelow(InstallPrefix());
-		is_before_to_recall_ = std::exchange(before_, std::nullopt).has_value();
+		Forget();
 	} catch (const std::exception& error) {
 		if (dataupdate::IsInterruptionRequested()) {
 			throw;
@@ -136,7 +145,7 @@ bool RecordKeeper::FindsDamage(const InstalledRecord& listed) {
 		return false;
 	}
 	const std::string prefix = InstallPrefix();
-	if (!dataupdate::CheckStatus(dataupdate::ListingOf(listed.files), prefix)) {
+	if (!dataupdate::CheckListing(dataupdate::ListingOf(listed.files), prefix)) {
 		return true;
 	}
 	if (!IsWhole()) {
@@ -156,30 +165,31 @@ bool RecordKeeper::FindsDamage(const InstalledRecord& listed) {
 }
 
 void RecordKeeper::RecallBefore() {
-	if (is_before_to_recall_) {
+	if (std::exchange(can_be_recalled_, false)) {
 		before_ = ReadInstalledFiles(id_);
 	}
 }
 
-void RecordKeeper::KeepFixed(const InstalledRecord& listed) {
-	Write([&] { return WholeRecord(listed, InstallPrefix(), true); });
+void RecordKeeper::KeepFixed(InstalledRecord listed) {
+	before_.reset();
+	Write([&] { return WholeRecord(std::move(listed), InstallPrefix(), true); });
 }
 
 void RecordKeeper::KeepForced(const InstalledRecord& listed) {
 	Write([&] {
-		return before_ ? CarryThroughForced(*before_, identities_, listed.data_version, InstallPrefix())
+		return before_ ? CarryThroughForced(*before_, std::move(identities_), listed.data_version, InstallPrefix())
 		               : RebuiltRecord(listed, InstallPrefix());
 	});
 }
 
-void RecordKeeper::KeepUpdated(const InstalledRecord& listed, bool is_full) {
+void RecordKeeper::KeepUpdated(InstalledRecord listed, bool is_full) {
 	if (is_full) {
-		KeepFixed(listed);
+		KeepFixed(std::move(listed));
 		return;
 	}
 	Write([&] {
 		return before_ ? CarryThroughDiff(*before_, listed, InstallPrefix())
-		               : RebuiltRecord(listed, InstallPrefix());
+		               : RebuiltRecord(std::move(listed), InstallPrefix());
 	});
 }
 
@@ -197,12 +207,14 @@ bool RecordKeeper::IsWhole() const {
 bool RecordKeeper::Prepare(const InstalledRecord& listed) {
 	const std::string prefix = InstallPrefix();
 	before_ = ReadCredibleFiles(id_, listed, prefix);
+	is_on_disk_ = before_.has_value();
 	if (before_) {
 		return false;
 	}
 	try {
 		before_ = RebuiltRecord(listed, prefix);
 		WriteInstalledFiles(id_, *before_);
+		is_on_disk_ = true;
 		syslog(LOG_NOTICE, "The record of the files of '%s' was made again from %s", id_.c_str(),
 		    before_->is_from_disk ? "what is on the disk" : "the record of its full package");
 	} catch (const std::exception& error) {

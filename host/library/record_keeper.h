@@ -55,22 +55,22 @@ public:
 	/** Before an update changes files. */
 	void PrepareUpdate();
 	/** The recorded digest of a file; none when it is not known. */
-	[[nodiscard]] std::optional<std::string> KnownDigest(const std::string& name) const;
+	[[nodiscard]] std::optional<std::string> KnownDigest(const std::string& name);
 	/** Before a version is unpacked over whatever is recorded and lies there. */
 	void PrepareForced();
 	/** Whether files are bad, whichever of the records names them, or are unknown; those that are found are logged. */
 	[[nodiscard]] bool FindsDamage(const dataupdate::InstalledRecord& listed);
-	/** Has the record of before at hand when it is needed, until which it takes no memory. */
+	/** To be called before the record is dropped, for what is carried on from it. */
 	void RecallBefore();
 
 	/** @param listed  all files */
-	void KeepFixed(const dataupdate::InstalledRecord& listed);
+	void KeepFixed(dataupdate::InstalledRecord listed);
 	void KeepForced(const dataupdate::InstalledRecord& listed);
 	/**
 	 * @param listed   what was replaced or created, and without digests what was deleted
 	 * @param is_full  whether these are all files
 	 */
-	void KeepUpdated(const dataupdate::InstalledRecord& listed, bool is_full);
+	void KeepUpdated(dataupdate::InstalledRecord listed, bool is_full);
 
 private:
 	std::string InstallPrefix() const;
@@ -83,8 +83,12 @@ private:
 
 	const Services& services_;
 	std::string id_;
+	/** Gives up the memory of a record that can be read again. */
+	void Forget();
+
 	std::optional<InstalledFiles> before_;
-	bool is_before_to_recall_ = false;
+	bool is_on_disk_ = false;      // whether what is prepared is the record as it lies there
+	bool can_be_recalled_ = false; // whether it was given up until it is needed
 	dataupdate::FileList identities_;
 };
 

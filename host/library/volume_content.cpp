@@ -47,7 +47,7 @@ bool LiesOnVolumes(const Services& services, const std::string& id) {
 bool IsThere(const std::string& id, const InstalledRecord& listed, const std::string& install_prefix) {
 	std::error_code error;
 	if (fs::is_empty(install_prefix, error) || error ||
-	    !dataupdate::CheckStatus(dataupdate::ListingOf(listed.files), install_prefix)) {
+	    !dataupdate::CheckListing(dataupdate::ListingOf(listed.files), install_prefix)) {
 		return false;
 	}
 	const std::optional<InstalledFiles> record = ReadInstalledFiles(id);
