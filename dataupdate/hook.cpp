@@ -17,7 +17,8 @@ UpdateHook::UpdateHook(const std::string& id, const std::set<std::string>& files
 	Open(id, JoinFiles(files));
 }
 
-UpdateHook::UpdateHook(const FileList& files, const std::string& id) : module_(kModule), path_(kPath) {
+// The list is given up. NOLINTNEXTLINE(performance-unnecessary-value-param)
+UpdateHook::UpdateHook(FileList files, const std::string& id) : module_(kModule), path_(kPath) {
 	std::size_t bytes = 0;
 	for (std::size_t at = 0; at < files.Size(); ++at) {
 		bytes += files.Name(at).size() + 1;
@@ -25,6 +26,7 @@ UpdateHook::UpdateHook(const FileList& files, const std::string& id) : module_(k
 	std::string joined;
 	joined.reserve(bytes);
 	for (std::size_t at = 0; at < files.Size(); ++at) {
+		files.FreeBefore(at);
 		joined.append(at == 0 ? "" : kDelimiter).append(files.Name(at));
 	}
 	Open(id, joined);

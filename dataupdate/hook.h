@@ -23,8 +23,8 @@ class TARNDBUD_EXPORT UpdateHook {
 public:
 	/** Opens the plug-in context and sets the arguments. */
 	UpdateHook(const std::string& id, const std::set<std::string>& files);
-	/** The same for the names of a list, which comes first so that "{}" stays a set. */
-	UpdateHook(const FileList& files, const std::string& id);
+	/** The same for the names of a list, which is given up, and comes first so that "{}" stays a set. */
+	UpdateHook(FileList files, const std::string& id);
 	/** Copies share the source's context, and each of them closes it; copy only what will not be destroyed twice. */
 	UpdateHook(const UpdateHook& other);
 	/** Closes the own context and shares the other's, likewise. */

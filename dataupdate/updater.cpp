@@ -52,29 +52,40 @@ void ForEachBad(
 	}
 }
 
-/** Installs a prepared strategy between the hooks. */
-void InstallBetweenHooks(
-    const std::string& id, BaseStrategy& strategy, const FileList& files, const std::function<void()>& announce) {
-	UpdateHook hook(files, id);
+/** A strategy that is prepared, and what it changes, which is listed when it is needed. */
+struct Prepared {
+	std::shared_ptr<BaseStrategy> strategy;
+	std::function<FileList()> list_files;
+};
+
+template<typename Strategy>
+Prepared Prepare(const std::shared_ptr<Strategy>& strategy) {
+	strategy->PrepareUpdate();
+	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }};
+}
+
+void InstallBetweenHooks(const std::string& id, const Prepared& prepared, const std::function<void()>& announce) {
+	UpdateHook hook(prepared.list_files(), id);
 	InterruptionPoint(); // Better now than between the hooks.
 	hook.ExecPre();
 	announce();
-	strategy.ApplyUpdate();
+	prepared.strategy->ApplyUpdate();
 	// What has changed is described to the end: the caller could not tell an end here from one before the change.
 	const InterruptionShield shield;
 	hook.ExecPost();
 }
 
 /** Installs what was prepared, and removes the temporary data; returns what was changed, with the new digests. */
-FileList Install(const std::string& id, std::shared_ptr<BaseStrategy> strategy, FileList files,
-    const std::string& install_prefix, const std::function<void()>& announce) {
-	InstallBetweenHooks(id, *strategy, files, announce);
+FileList Install(const std::string& id, Prepared prepared, const std::string& install_prefix,
+    const std::function<void()>& announce) {
+	InstallBetweenHooks(id, prepared, announce);
 	const InterruptionShield shield;
+	FileList files = prepared.list_files();
 	// Temporary data goes first, so that what was never written to the disk never has to be.
-	strategy.reset();
-	FileList result = CalculateDigests(std::move(files), install_prefix);
+	prepared.strategy.reset();
+	files = CalculateDigests(std::move(files), install_prefix);
 	SyncInstalled(install_prefix);
-	return result;
+	return files;
 }
 
 } // namespace
@@ -142,26 +153,21 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
     const std::string& rootDirectory, const KnownDigest& known) const {
 	UpdateResult result;
 	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
-	std::shared_ptr<BaseStrategy> strategy;
-	FileList files;
+	Prepared prepared;
 	try {
 		const auto diff =
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
-		strategy = diff;
 		diff->TakeDigestsFrom(known);
-		diff->PrepareUpdate();
-		files = diff->ListModifiedFiles();
+		prepared = Prepare(diff);
 	} catch (const UpdateError& error) {
-		const auto full = std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory);
-		strategy = full;
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
-		full->PrepareUpdate();
-		files = full->ListModifiedFiles();
+		prepared =
+		    Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;
 	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
-	result.files = Install(id, std::move(strategy), std::move(files), installPrefix, announce);
+	result.files = Install(id, std::move(prepared), installPrefix, announce);
 	result.data_version = remote.data_version;
 	result.last_fetch_time = remote.last_fetch_time;
 	return result;
@@ -189,11 +195,10 @@ DatabaseStatus Fixer::Fix() const {
 
 InstalledRecord Fixer::FixAndTell() const {
 	TARN_LOG(LOG_WARNING, "Try to fix database %s", id_.c_str());
+	Prepared prepared =
+	    Prepare(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
 	InstalledRecord result(remote_.data_version, remote_.last_fetch_time, {});
-	auto strategy = std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_);
-	strategy->PrepareUpdate();
-	FileList files = strategy->ListModifiedFiles();
-	result.files = Install(id_, std::move(strategy), std::move(files), install_prefix_, [] {});
+	result.files = Install(id_, std::move(prepared), install_prefix_, [] {});
 	return result;
 }
 

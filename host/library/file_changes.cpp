@@ -120,16 +120,21 @@ void AddKnown(const FileList& files, std::size_t at, const std::string& install_
 
 /** Adds the files of an earlier record that are to be kept, unless there is a newer entry. */
 template<typename IsKept>
-void AddEarlier(const InstalledFileTable& before, const IsKept& is_kept, InstalledFileTable& table) {
-	std::vector<std::size_t> kept;
+void AddEarlier(InstalledFileTable before, const IsKept& is_kept, InstalledFileTable& table) {
+	std::vector<std::uint32_t> kept;
 	table.Sort();
 	for (std::size_t at = 0; at < before.Size(); ++at) {
 		if (!table.Has(before.Name(at)) && is_kept(before.Name(at))) {
-			kept.push_back(at);
+			kept.push_back(static_cast<std::uint32_t>(at));
 		}
 	}
-	for (const std::size_t at : kept) {
-		table.Add(before.Name(at), before.At(at));
+	auto next = kept.begin();
+	for (std::size_t at = 0; at < before.Size(); ++at) {
+		before.FreeBefore(at);
+		if (next != kept.end() && *next == at) {
+			table.Add(before.Name(at), before.At(at));
+			++next;
+		}
 	}
 	table.Sort();
 }
@@ -212,7 +217,7 @@ InstalledFiles WholeRecord(InstalledRecord&& listed, const std::string& install_
 }
 
 InstalledFiles CarryThroughDiff(
-    const InstalledFiles& before, const InstalledRecord& changed, const std::string& install_prefix) {
+    InstalledFiles before, const InstalledRecord& changed, const std::string& install_prefix) {
 	FileList replaced;
 	InstalledFiles now;
 	now.data_version = changed.data_version;
@@ -222,12 +227,13 @@ InstalledFiles CarryThroughDiff(
 		AddKnown(changed.files, at, install_prefix, true, now.files);
 	}
 	replaced.Sort();
-	AddEarlier(before.files, [&](std::string_view name) { return !replaced.Find(name); }, now.files);
+	AddEarlier(
+	    std::move(before.files), [&](std::string_view name) { return !replaced.Find(name); }, now.files);
 	return now;
 }
 
 InstalledFiles CarryThroughForced(
-    const InstalledFiles& before, FileList identities, int data_version, const std::string& install_prefix) {
+    InstalledFiles before, FileList identities, int data_version, const std::string& install_prefix) {
 	const fs::path root = install_prefix;
 	FileList changed;
 	ForEachFileBelow(install_prefix, [&](const std::string& name) {
@@ -244,7 +250,7 @@ InstalledFiles CarryThroughForced(
 	now.is_from_disk = before.is_from_disk;
 	now.files = RecordOf(std::move(changed), root);
 	const auto is_kept = [&](std::string_view name) { return directories.count(std::string(name)) == 0; };
-	AddEarlier(before.files, is_kept, now.files);
+	AddEarlier(std::move(before.files), is_kept, now.files);
 	return now;
 }
 

@@ -32,14 +32,14 @@ InstalledFiles WholeRecord(dataupdate::InstalledRecord&& listed, const std::stri
  *                 is gone
  */
 InstalledFiles CarryThroughDiff(
-    const InstalledFiles& before, const dataupdate::InstalledRecord& changed, const std::string& install_prefix);
+    InstalledFiles before, const dataupdate::InstalledRecord& changed, const std::string& install_prefix);
 
 /**
  * The record after a package was unpacked over what was there, which tells nobody what it changed. What has another
  * identity since then is recorded as it is; everything else keeps its entry, so that damage from before is still found,
  * and what was unknown stays unknown.
  */
-InstalledFiles CarryThroughForced(const InstalledFiles& before, dataupdate::FileList identities, int data_version,
+InstalledFiles CarryThroughForced(InstalledFiles before, dataupdate::FileList identities, int data_version,
     const std::string& install_prefix);
 
 /** The record of all files if there is one to believe, or if the library's own is one. */

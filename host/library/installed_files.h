@@ -32,6 +32,8 @@ public:
 	void Add(std::string_view name, const InstalledFile& file);
 	/** Of files with one name the first that was added stays. */
 	void Sort() { list_.Sort(); }
+	/** As FileList::FreeBefore(). */
+	void FreeBefore(std::size_t at) { list_.FreeBefore(at); }
 
 	[[nodiscard]] std::size_t Size() const { return list_.Size(); }
 	[[nodiscard]] std::string_view Name(std::size_t at) const { return list_.Name(at); }

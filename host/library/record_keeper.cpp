@@ -177,7 +177,7 @@ void RecordKeeper::KeepFixed(InstalledRecord listed) {
 
 void RecordKeeper::KeepForced(const InstalledRecord& listed) {
 	Write([&] {
-		return before_ ? CarryThroughForced(*before_, std::move(identities_), listed.data_version, InstallPrefix())
+		return before_ ? CarryThroughForced(*std::move(before_), std::move(identities_), listed.data_version, InstallPrefix())
 		               : RebuiltRecord(listed, InstallPrefix());
 	});
 }
@@ -188,7 +188,7 @@ void RecordKeeper::KeepUpdated(InstalledRecord listed, bool is_full) {
 		return;
 	}
 	Write([&] {
-		return before_ ? CarryThroughDiff(*before_, listed, InstallPrefix())
+		return before_ ? CarryThroughDiff(*std::move(before_), listed, InstallPrefix())
 		               : RebuiltRecord(std::move(listed), InstallPrefix());
 	});
 }

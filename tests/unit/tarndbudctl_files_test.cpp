@@ -196,12 +196,12 @@ TEST_F(InstalledFilesTest, LeavesWhatTheLibraryListsToTheLibrarysCheck) {
 }
 
 TEST_F(InstalledFilesTest, IsCarriedThroughADiff) {
-	const InstalledFiles before = Install({"changed", "deleted", "steady", "sub/steady"});
+	InstalledFiles before = Install({"changed", "deleted", "steady", "sub/steady"});
 	WriteFile(directory_ / "changed", "new");
 	WriteFile(directory_ / "created", "new");
 	fs::remove(directory_ / "deleted");
 	const std::set<std::string> changed = {"changed", "created", "deleted", "created and deleted", "sub"};
-	const InstalledFiles now = CarryThroughDiff(before, Changed(changed, {"changed", "created"}), root_);
+	const InstalledFiles now = CarryThroughDiff(std::move(before), Changed(changed, {"changed", "created"}), root_);
 	EXPECT_THAT(Names(now), ElementsAre("changed", "created", "steady", "sub/steady"));
 	EXPECT_EQ(now.data_version, kVersion);
 	EXPECT_THAT(Bad(now), IsEmpty());
@@ -215,7 +215,7 @@ TEST_F(InstalledFilesTest, KnowsADirectoryThatTookAFilesPlace) {
 	WriteFile(directory_ / "a/file", "");
 	// The library lists what exists of the changed names, directories as well.
 	const DatabaseStatus status = Listed({"a", "a/file"});
-	record = CarryThroughDiff(record, Changed({}, {"a", "a/file"}), root_);
+	record = CarryThroughDiff(std::move(record), Changed({}, {"a", "a/file"}), root_);
 	EXPECT_THAT(Names(record), ElementsAre("a/file", "b"));
 	EXPECT_TRUE(Agree(record, status, root_));
 	EXPECT_THAT(Bad(record), IsEmpty());
@@ -223,15 +223,15 @@ TEST_F(InstalledFilesTest, KnowsADirectoryThatTookAFilesPlace) {
 }
 
 TEST_F(InstalledFilesTest, DoesNotForgetWhatTheDiffDidNotDelete) {
-	const InstalledFiles before = Install({"changed", "damaged", "vanished"});
+	InstalledFiles before = Install({"changed", "damaged", "vanished"});
 	fs::remove(directory_ / "vanished");
 	WriteFile(directory_ / "damaged", "CONTENT of damaged");
-	const InstalledFiles now = CarryThroughDiff(before, Changed({}, {"changed"}), root_);
+	const InstalledFiles now = CarryThroughDiff(std::move(before), Changed({}, {"changed"}), root_);
 	EXPECT_THAT(Bad(now), ElementsAre("damaged has changed", "vanished is missing"));
 }
 
 TEST_F(InstalledFilesTest, IsCarriedThroughAForcedVersion) {
-	const InstalledFiles before = Install({"damaged", "became directory", "overwritten", "steady", "vanished"});
+	InstalledFiles before = Install({"damaged", "became directory", "overwritten", "steady", "vanished"});
 	WriteFile(directory_ / "damaged", "CONTENT of damaged");
 	WriteFile(directory_ / "unknown", "");
 	fs::remove(directory_ / "vanished");
@@ -243,7 +243,7 @@ TEST_F(InstalledFilesTest, IsCarriedThroughAForcedVersion) {
 	WriteFile(directory_ / "became directory/file", "forced");
 	WriteFile(directory_ / "overwritten", "content of OVERWRITTEN");
 	fs::create_symlink("steady", directory_ / "link");
-	const InstalledFiles now = CarryThroughForced(before, std::move(identities), kVersion + 3, root_);
+	const InstalledFiles now = CarryThroughForced(std::move(before), std::move(identities), kVersion + 3, root_);
 	EXPECT_EQ(now.data_version, kVersion + 3);
 	EXPECT_THAT(
 	    Names(now), ElementsAre("became directory/file", "damaged", "link", "overwritten", "steady", "vanished"));
@@ -268,12 +268,12 @@ TEST_F(InstalledFilesTest, IsMadeAgainFromTheDiskButForWhatTheLibraryLists) {
 	WriteFile(directory_ / "a", "damaged before");
 	WriteFile(directory_ / "b", "damaged before, which cannot be known");
 	fs::remove(directory_ / "c");
-	const InstalledFiles record = RebuiltRecord(status, root_);
+	InstalledFiles record = RebuiltRecord(status, root_);
 	EXPECT_TRUE(record.is_from_disk);
 	EXPECT_THAT(Bad(record), ElementsAre("a has changed", "c is missing"));
 	EXPECT_TRUE(Agree(record, status, root_));
 	EXPECT_THAT(Unknown(record), IsEmpty());
-	const InstalledFiles carried = CarryThroughDiff(record, Changed({}, {"b"}), root_);
+	const InstalledFiles carried = CarryThroughDiff(std::move(record), Changed({}, {"b"}), root_);
 	EXPECT_TRUE(carried.is_from_disk) << "the other files are still as they were found";
 }
 
