@@ -132,13 +132,29 @@ bool SyncDirectory(const std::string& path) {
 }
 
 void WriteWholeFile(const std::string& path, const std::string& content) {
+	WriteWholeFile(path, [&content](const TextSink& sink) { sink(content); });
+}
+
+void WriteWholeFile(const std::string& path, const std::function<void(const TextSink& sink)>& write) {
 	constexpr mode_t kMode = 0644;
+	constexpr std::size_t kBufferBytes = std::size_t{64} << 10U;
+	const auto require = [&path](bool is_done) {
+		if (!is_done) {
+			throw Error("The file " + path + " cannot be written (" + std::strerror(errno) + ")");
+		}
+	};
 	Draft draft = CreateBeside(path);
-	const bool is_written = draft && WriteAll(draft.Fd(), content.data(), content.size()) &&
-	                        fchmod(draft.Fd(), kMode) == 0 && fsync(draft.Fd()) == 0 && draft.TakePlace(path);
-	if (!is_written) {
-		throw Error("The file " + path + " cannot be written (" + std::strerror(errno) + ")");
-	}
+	require(static_cast<bool>(draft));
+	std::string buffer;
+	write([&](std::string_view text) {
+		buffer += text;
+		if (buffer.size() >= kBufferBytes) {
+			require(WriteAll(draft.Fd(), buffer.data(), buffer.size()));
+			buffer.clear();
+		}
+	});
+	require(WriteAll(draft.Fd(), buffer.data(), buffer.size()) && fchmod(draft.Fd(), kMode) == 0 &&
+	        fsync(draft.Fd()) == 0 && draft.TakePlace(path));
 }
 
 } // namespace tarn

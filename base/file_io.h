@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace tarn {
@@ -93,6 +95,12 @@ private:
  * files by suffix don't look.
  */
 void WriteWholeFile(const std::string& path, const std::string& content);
+
+/** Writes pieces of text to a file; throws Error naming the path when that fails. */
+using TextSink = std::function<void(std::string_view text)>;
+
+/** The same for a content that is too large to be held: a function hands it over piece by piece. */
+void WriteWholeFile(const std::string& path, const std::function<void(const TextSink& sink)>& write);
 
 } // namespace tarn
 

@@ -10,7 +10,7 @@ import subprocess
 import threading
 import time
 from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from contextlib import closing, contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 from statistics import median
@@ -21,7 +21,7 @@ from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.webserver import Nginx
 
-from bench import sizes, stock
+from bench import scale, sizes, stock
 from bench.chains import DATABASE as CHAIN
 from bench.chains import ChainBench
 from bench.patches import PatchBench
@@ -51,14 +51,16 @@ class Scale:
     file_systems: tuple[str, ...]
     patched_bytes: int
     held_files: int
+    growth: scale.Sizes
 
     @staticmethod
     def full(rounds: int) -> Scale:
-        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, 100_000_000, ("ext4", "btrfs", "xfs"), 315_000_000, 60_000)
+        return Scale(rounds, 2000, 50_000, 1024 * MIB, 2048 * MIB, 100_000_000, ("ext4", "btrfs", "xfs"), 315_000_000, 60_000,
+                     scale.Sizes.full())  # fmt: skip
 
     @staticmethod
     def brief() -> Scale:
-        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, 2_000_000, ("ext4",), 8_000_000, 600)
+        return Scale(1, 100, 10_000, 16 * MIB, 512 * MIB, 2_000_000, ("ext4",), 8_000_000, 600, scale.Sizes.brief())
 
 
 def make_tree(root: Path, files: int, file_bytes: int) -> None:
@@ -108,6 +110,7 @@ class Bench:
         subprocess.run(["cmake", "--install", str(build)], check=True, stdout=subprocess.DEVNULL)
         self._build, self._scratch, self._scale = build, scratch, scale
         self.is_complete = True
+        self.points: list[scale.Point] = []
 
     def hash(self) -> Iterator[dict[str, object]]:
         path = self._scratch / "large"
@@ -175,6 +178,31 @@ class Bench:
         finally:
             nginx.close()
             shutil.rmtree(place)
+
+    def scale(self) -> Iterator[dict[str, object]]:
+        place = self._scratch / "scale"
+        place.mkdir()
+        volumes = Volumes(place)
+        Device.reset(SOURCE / "packaging/conf")
+        try:
+            shop, volume, other = (volumes.make("ext4", self._scale.growth.disk_bytes) for _ in range(3))
+            publisher = Publisher(shop / "publisher")
+            with closing(Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, shop / "nginx")) as nginx:
+                publisher.base = nginx.url
+                device = Device(volume, nginx.netloc)
+                device.trust(publisher.public_key)
+                device.list_volumes(patterns=(str(volume), str(other)))
+                device.add_database(scale.DATABASE)
+                bench = scale.ScaleBench(device, publisher, other, self._scratch)
+                bench.measure(self._scale.growth)
+            self.points = bench.points
+            yield from scale.rows(bench.points)
+        except pytest.skip.Exception as reason:
+            self.is_complete = False
+            print(f"left out: scale: {reason}")
+        finally:
+            volumes.close()
+            place.rmdir()
 
     def _on_volume(
         self, kind: str, publisher: Publisher, nginx: Nginx, measure: Callable[[str, Path, Device], Iterator[dict[str, object]]]

@@ -14,11 +14,30 @@ constexpr char kDelimiter[] = ":";
 } // namespace
 
 UpdateHook::UpdateHook(const std::string& id, const std::set<std::string>& files) : module_(kModule), path_(kPath) {
+	Open(id, JoinFiles(files));
+}
+
+// The list is given up. NOLINTNEXTLINE(performance-unnecessary-value-param)
+UpdateHook::UpdateHook(FileList files, const std::string& id) : module_(kModule), path_(kPath) {
+	std::size_t bytes = 0;
+	for (std::size_t at = 0; at < files.Size(); ++at) {
+		bytes += files.Name(at).size() + 1;
+	}
+	std::string joined;
+	joined.reserve(bytes);
+	for (std::size_t at = 0; at < files.Size(); ++at) {
+		files.FreeBefore(at);
+		joined.append(at == 0 ? "" : kDelimiter).append(files.Name(at));
+	}
+	Open(id, joined);
+}
+
+void UpdateHook::Open(const std::string& id, const std::string& joined_files) {
 	if (TLIBPluginSDKInit(module_.c_str(), path_.c_str(), &handle_) != 0) {
 		TARN_LOG(LOG_ERR, "Failed to init hook in module [%s] and path [%s]", module_.c_str(), path_.c_str());
 	}
 	SetEnv("DATABASE", id);
-	SetEnv("CHANGED_FILES", JoinFiles(files));
+	SetEnv("CHANGED_FILES", joined_files);
 	SetEnv("DELIMITER", kDelimiter);
 }
 

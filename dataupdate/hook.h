@@ -3,6 +3,7 @@
 #define DATAUPDATE_HOOK_H
 
 #include "dataupdate/export.h"
+#include "dataupdate/file_list.h"
 
 #include <tarnsdk/plugin.h>
 
@@ -22,6 +23,8 @@ class TARNDBUD_EXPORT UpdateHook {
 public:
 	/** Opens the plug-in context and sets the arguments. */
 	UpdateHook(const std::string& id, const std::set<std::string>& files);
+	/** The same for the names of a list, which is given up, and comes first so that "{}" stays a set. */
+	UpdateHook(FileList files, const std::string& id);
 	/** Copies share the source's context, and each of them closes it; copy only what will not be destroyed twice. */
 	UpdateHook(const UpdateHook& other);
 	/** Closes the own context and shares the other's, likewise. */
@@ -44,6 +47,8 @@ public:
 	static std::string JoinFiles(const std::set<std::string>& files);
 
 private:
+	void Open(const std::string& id, const std::string& joined_files);
+
 	TLIBPluginContext* handle_ = nullptr;
 	std::string module_;
 	std::string path_;

@@ -17,12 +17,45 @@
 #define DATAUPDATE_INSTALLATION_H
 
 #include "dataupdate/export.h"
+#include "dataupdate/file_list.h"
 #include "dataupdate/records.h"
 #include "dataupdate/utils.h"
 
+#include <optional>
 #include <string>
 
 namespace tarn::dataupdate {
+
+/** A DatabaseStatus in little memory: for many files it takes a third, and is read and written without JSON values. */
+struct TARNDBUD_EXPORT InstalledRecord {
+	InstalledRecord() = default;
+	/** Takes the values as they are. */
+	InstalledRecord(int version, int fetch_time, FileList list);
+	/** The same as a status says. Not explicit: either form of a record will do where this one is asked for. */
+	InstalledRecord(const DatabaseStatus& status); // NOLINT(google-explicit-constructor)
+
+	/** The same as a status; the record is given up, and freed while the status is made. */
+	[[nodiscard]] static DatabaseStatus TakeStatus(InstalledRecord record);
+
+	int data_version = -1;   ///< -1: nothing is installed.
+	int last_fetch_time = 0; ///< Seconds since 1970.
+	FileList files;          ///< Digests by file name, in order. A file without one is not written.
+};
+
+/**
+ * Reads the record piece by piece. No value when there is none, or none in the form in which it is written here:
+ * ReadRecord() then tells what is wrong, if anything is. Throws nothing but std::bad_alloc.
+ */
+[[nodiscard]] TARNDBUD_EXPORT std::optional<InstalledRecord> ReadLargeRecord(const std::string& id);
+
+/**
+ * Writes what WriteRecord() writes, without holding it in memory. Throws "Fail to create parent folder: <path>", and
+ * "Fail to write: <path>", also when not all of it could be written.
+ */
+TARNDBUD_EXPORT void WriteLargeRecord(const std::string& id, const InstalledRecord& record);
+
+/** The same for a status. */
+TARNDBUD_EXPORT void WriteLargeRecord(const std::string& id, const DatabaseStatus& status);
 
 /**
  * Reads the record. Throws the errors of IOUtils::ReadJson(), with code kFileNotExist when nothing was ever installed,

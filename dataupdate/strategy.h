@@ -19,11 +19,14 @@
 #define DATAUPDATE_STRATEGY_H
 
 #include "dataupdate/export.h"
+#include "dataupdate/file_list.h"
 #include "dataupdate/records.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -93,6 +96,8 @@ public:
 	void ApplyUpdate() override;
 	std::set<std::string> GetModifiedFiles() const override;
 	std::int64_t GetDeltaSize() const override;
+	/** GetModifiedFiles() in little memory. */
+	[[nodiscard]] FileList ListModifiedFiles() const;
 
 private:
 	void _CalModifyInfo();
@@ -103,6 +108,8 @@ private:
 	/** Moves the new tree in; false, with nothing done, where that is no mere renaming. */
 	bool _MoveIn() const;
 	void _PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const;
+	/** Where the new version of a file goes. */
+	[[nodiscard]] std::string _Target(std::size_t at) const;
 
 	std::string id_;
 	RemoteInfo remote_;
@@ -111,7 +118,7 @@ private:
 	std::string space_check_path_;
 	std::string package_path_;
 	std::string unpack_directory_;
-	std::map<std::string, ModifyInfo> modify_infos_;
+	FileList unpacked_; // What comes from elsewhere than from the same name below the unpacked tree has that as its text.
 	bool is_staged_ = false;
 };
 
@@ -149,6 +156,10 @@ public:
 	std::set<std::string> GetModifiedFiles() const override;
 	/** The old sizes are those of the changed files' names as seen from the working directory of the process. */
 	std::int64_t GetDeltaSize() const override;
+	/** GetModifiedFiles() in little memory. */
+	[[nodiscard]] FileList ListModifiedFiles() const;
+	/** Has a function tell the digests of files that the status does not list; to be called before PrepareUpdate(). */
+	void TakeDigestsFrom(std::function<std::optional<std::string>(const std::string& name)> known);
 
 private:
 	bool _IsDiffUpdateAvailable() const;
@@ -166,6 +177,7 @@ private:
 	std::map<int, std::string> package_files_;
 	std::map<int, std::string> delta_directories_;
 	std::string accumulation_directory_;
+	std::function<std::optional<std::string>(const std::string& name)> known_digest_;
 };
 
 /**

@@ -10,6 +10,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
+#include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
 
 #include <tarncore/tarncore.h>
@@ -17,7 +18,9 @@
 #include <boost/filesystem.hpp>
 
 #include <exception>
+#include <memory>
 #include <optional>
+#include <utility>
 
 namespace tarn::dataupdate {
 
@@ -35,13 +38,25 @@ void RunDecoder(const std::string& source, const std::string& output, const std:
 }
 
 /** The recorded digests by path, whether the record names its files relative to the install directory or not. */
-std::map<std::string, std::string> KnownDigests(const DatabaseStatus& status, const std::string& install_directory) {
-	std::map<std::string, std::string> digests;
+FileList DigestsByPath(const DatabaseStatus& status, const std::string& install_directory) {
+	FileList digests;
 	for (const auto& [name, file] : status.file_statuses) {
 		const bool is_relative = StaysBelow(name);
-		digests.emplace(JoinPath(install_directory, is_relative ? PlainName(name) : name), file.sha384_digest);
+		digests.Add(JoinPath(install_directory, is_relative ? PlainName(name) : name), file.sha384_digest);
 	}
+	digests.Sort();
 	return digests;
+}
+
+/** Tells the digest of an installed file from the status or, if that does not list the file, from what the host knows.
+ */
+Patcher::KnownDigest DigestSource(
+    const DatabaseStatus& status, const std::string& install_directory, const KnownDigest& known) {
+	const auto listed = std::make_shared<FileList>(DigestsByPath(status, install_directory));
+	return [listed, known, install_directory](const std::string& name) {
+		const std::optional<std::string> digest = listed->TextOf(JoinPath(install_directory, name));
+		return digest || !known ? digest : known(name);
+	};
 }
 
 } // namespace
@@ -78,7 +93,7 @@ void DiffStrategy::PrepareUpdate() {
 	accumulation_directory_ = TempPath(temp_base_, id_, kAccumulated);
 	MakeEmptyDirectory(accumulation_directory_);
 	patcher_ = std::make_unique<Patcher>(
-	    accumulation_directory_, install_directory_, RunDecoder, KnownDigests(status_, install_directory_));
+	    accumulation_directory_, install_directory_, RunDecoder, DigestSource(status_, install_directory_, known_digest_));
 	for (int version = status_.data_version; version < remote_.data_version;) {
 		_DoDiffUpdateTo(++version);
 	}
@@ -124,6 +139,18 @@ std::set<std::string> DiffStrategy::GetModifiedFiles() const {
 		files.insert(files.end(), name);
 	}
 	return files;
+}
+
+FileList DiffStrategy::ListModifiedFiles() const {
+	FileList files;
+	for (const auto& [name, info] : _ModifyInfos()) {
+		files.Add(name);
+	}
+	return files;
+}
+
+void DiffStrategy::TakeDigestsFrom(std::function<std::optional<std::string>(const std::string& name)> known) {
+	known_digest_ = std::move(known);
 }
 
 std::int64_t DiffStrategy::GetDeltaSize() const {

@@ -124,10 +124,22 @@ void FullStrategy::ApplyUpdate() {
 
 std::set<std::string> FullStrategy::GetModifiedFiles() const {
 	std::set<std::string> files;
-	for (const auto& [target, info] : modify_infos_) {
-		files.insert(files.end(), target);
+	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
+		files.insert(files.end(), _Target(at));
 	}
 	return files;
+}
+
+FileList FullStrategy::ListModifiedFiles() const {
+	FileList files;
+	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
+		files.Add(_Target(at));
+	}
+	return files;
+}
+
+std::string FullStrategy::_Target(std::size_t at) const {
+	return (fs::path(install_directory_) / std::string(unpacked_.Name(at))).string();
 }
 
 std::int64_t FullStrategy::GetDeltaSize() const {
@@ -154,11 +166,10 @@ void FullStrategy::_CalModifyInfo() {
 				throw UpdateError("path not in base");
 			}
 			const std::string relative = resolved.substr(std::min(base.size() + 1, resolved.size()));
-			ModifyInfo& info = modify_infos_[(fs::path(install_directory_) / relative).string()];
-			info.operation = ModifyInfo::kOverride;
-			info.source = entry;
+			unpacked_.Add(relative, entry == unpack_directory_ + "/" + relative ? "" : entry);
 		};
 		IOUtils().IterateDirectory(unpack_directory_, add, true);
+		unpacked_.Sort();
 	} catch (const fs::filesystem_error& error) {
 		throw UpdateError(std::string("Fail to calculate modify info: ") + error.what());
 	}
@@ -209,17 +220,15 @@ bool FullStrategy::_MoveIn() const {
 
 void FullStrategy::_PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const {
 	fs::path made;
-	for (const auto& [target, info] : modify_infos_) {
-		if (info.operation != ModifyInfo::kOverride) {
-			throw UpdateError("operation not set to override");
-		}
-		const fs::path path = root + "/" + target.substr(install_directory_.size());
+	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
+		const std::string name(unpacked_.Name(at));
+		const fs::path path = root + "/" + name;
 		const fs::path parent = path.parent_path();
 		if (parent != made) {
 			fs::create_directories(parent);
 			made = parent;
 		}
-		place(info.source, path.string());
+		place(unpacked_.HasText(at) ? unpacked_.Text(at) : unpack_directory_ + "/" + name, path.string());
 	}
 }
 

@@ -95,6 +95,14 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 	return remote;
 }
 
+void SetRecord(const InfoGetter& getter, const std::string& id, InstalledRecord record) {
+	if (const auto* const taker = dynamic_cast<const RecordTaker*>(&getter)) {
+		taker->TakeRecord(id, std::move(record));
+	} else {
+		getter.SetDatabaseStatus(id, InstalledRecord::TakeStatus(std::move(record)));
+	}
+}
+
 /** What is installed. A mixture that a killed run left is treated as nothing, whatever the record says. */
 DatabaseStatus InstalledStatus(const InfoGetter& getter, const std::string& id) {
 	DatabaseStatus status = getter.GetDatabaseStatus(id);
@@ -119,6 +127,8 @@ Json::Value GetFreshInfo(const IOUtils& io, const std::function<std::string()>& 
 		throw;
 	}
 }
+
+RecordTaker::~RecordTaker() = default;
 
 InfoGetter::InfoGetter(std::shared_ptr<IOUtils> io, std::shared_ptr<ServiceConfig> service_config)
     : io_(std::move(io)), service_config_(std::move(service_config)) {}
@@ -236,7 +246,7 @@ void Update::FixProject(const std::string& id) const {
 			return;
 		}
 		const ReplacementScope replacement(id);
-		info_getter_->SetDatabaseStatus(id, fixer.Fix());
+		SetRecord(*info_getter_, id, fixer.FixAndTell());
 		replacement.EndByRecord();
 		TARN_LOG(LOG_WARNING, "Fix %s completed and succeed", id.c_str());
 	});

@@ -10,6 +10,7 @@
 #define DATAUPDATE_UPDATE_H
 
 #include "dataupdate/export.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/records.h"
 #include "dataupdate/service_config.h"
 #include "dataupdate/updater.h"
@@ -66,6 +67,21 @@ public:
 private:
 	std::shared_ptr<IOUtils> io_;
 	std::shared_ptr<ServiceConfig> service_config_;
+};
+
+/**
+ * What an InfoGetter may be as well: then a record of all files is handed to it in little memory, in the place of
+ * SetDatabaseStatus() with a map of them.
+ */
+class TARNDBUD_EXPORT RecordTaker {
+public:
+	RecordTaker() = default;
+	RecordTaker(const RecordTaker&) = delete;
+	RecordTaker& operator=(const RecordTaker&) = delete;
+	virtual ~RecordTaker();
+
+	/** Does what InfoGetter::SetDatabaseStatus() does. */
+	virtual void TakeRecord(const std::string& id, InstalledRecord record) const = 0;
 };
 
 /**

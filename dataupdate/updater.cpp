@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace tarn::dataupdate {
@@ -20,25 +21,26 @@ namespace {
 
 constexpr char kLogSource[] = "updater.cpp";
 
-template<typename Files, typename NameOf>
-std::vector<std::string> Joined(const std::string& root, const Files& files, const NameOf& name_of) {
-	std::vector<std::string> paths;
-	paths.reserve(files.size());
-	for (const auto& file : files) {
-		paths.push_back(JoinPath(root, name_of(file)));
+FileListing ListingOf(const std::map<std::string, FileStatus>& statuses) {
+	const auto entries = std::make_shared<std::vector<const std::pair<const std::string, FileStatus>*>>();
+	entries->reserve(statuses.size());
+	for (const auto& entry : statuses) {
+		entries->push_back(&entry);
 	}
-	return paths;
+	return {entries->size(), [entries](std::size_t at) { return (*entries)[at]->first; },
+	    [entries](std::size_t at) { return (*entries)[at]->second.sha384_digest; }};
 }
 
 /** Logs each file that is not as recorded, in order, and hands its name to a function until that returns false. */
-void ForEachBad(const std::map<std::string, FileStatus>& statuses, const std::string& root,
-    const std::function<bool(const std::string& name)>& visit) {
-	DigestsAhead digests(Joined(root, statuses, [](const auto& entry) { return entry.first; }));
-	for (const auto& [name, status] : statuses) {
+void ForEachBad(
+    const FileListing& files, const std::string& root, const std::function<bool(const std::string& name)>& visit) {
+	DigestsAhead digests(files.count, [&](std::size_t at) { return JoinPath(root, files.name_of(at)); });
+	for (std::size_t at = 0; at < files.count; ++at) {
 		const std::optional<std::string> digest = digests.Next();
-		if (digest == status.sha384_digest) {
+		if (digest == files.digest_of(at)) {
 			continue;
 		}
+		const std::string name = files.name_of(at);
 		if (digest) {
 			TARN_LOG(LOG_ERR, "File %s digest check fail", JoinPath(root, name).c_str());
 		} else {
@@ -50,57 +52,91 @@ void ForEachBad(const std::map<std::string, FileStatus>& statuses, const std::st
 	}
 }
 
-DatabaseStatus NewStatus(
-    const RemoteInfo& remote, const std::set<std::string>& files, const std::string& install_prefix) {
-	DatabaseStatus status;
-	status.data_version = remote.data_version;
-	status.last_fetch_time = remote.last_fetch_time;
-	status.file_statuses = CalculateStatus(files, install_prefix);
-	return status;
+/** A strategy that is prepared, and what it changes, which is listed when it is needed. */
+struct Prepared {
+	std::shared_ptr<BaseStrategy> strategy;
+	std::function<FileList()> list_files;
+};
+
+template<typename Strategy>
+Prepared Prepare(const std::shared_ptr<Strategy>& strategy) {
+	strategy->PrepareUpdate();
+	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }};
 }
 
-/** Installs a prepared strategy between the hooks and describes the result; announce is called before the change. */
-DatabaseStatus Install(const std::string& id, BaseStrategy& strategy, const RemoteInfo& remote,
-    const std::string& install_prefix, const std::function<void()>& announce) {
-	const std::set<std::string> files = strategy.GetModifiedFiles();
-	UpdateHook hook(id, files);
+void InstallBetweenHooks(const std::string& id, const Prepared& prepared, const std::function<void()>& announce) {
+	UpdateHook hook(prepared.list_files(), id);
 	InterruptionPoint(); // Better now than between the hooks.
 	hook.ExecPre();
 	announce();
-	strategy.ApplyUpdate();
+	prepared.strategy->ApplyUpdate();
 	// What has changed is described to the end: the caller could not tell an end here from one before the change.
 	const InterruptionShield shield;
 	hook.ExecPost();
-	return NewStatus(remote, files, install_prefix);
+}
+
+/** Installs what was prepared, and removes the temporary data; returns what was changed, with the new digests. */
+FileList Install(const std::string& id, Prepared prepared, const std::string& install_prefix,
+    const std::function<void()>& announce) {
+	InstallBetweenHooks(id, prepared, announce);
+	const InterruptionShield shield;
+	FileList files = prepared.list_files();
+	// Temporary data goes first, so that what was never written to the disk never has to be.
+	prepared.strategy.reset();
+	files = CalculateDigests(std::move(files), install_prefix);
+	SyncInstalled(install_prefix);
+	return files;
 }
 
 } // namespace
 
-bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+FileListing ListingOf(const FileList& files) {
+	return {files.Size(), [&files](std::size_t at) { return std::string(files.Name(at)); },
+	    [&files](std::size_t at) { return files.Text(at); }};
+}
+
+bool CheckListing(const FileListing& files, const std::string& root) {
 	bool is_good = true;
-	ForEachBad(statuses, root, [&](const std::string& /*name*/) { return is_good = false; });
+	ForEachBad(files, root, [&](const std::string& /*name*/) { return is_good = false; });
 	return is_good;
 }
 
-std::vector<std::string> FindBadFiles(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+	return CheckListing(ListingOf(statuses), root);
+}
+
+std::vector<std::string> FindBadIn(const FileListing& files, const std::string& root) {
 	std::vector<std::string> bad;
-	ForEachBad(statuses, root, [&](const std::string& name) {
+	ForEachBad(files, root, [&](const std::string& name) {
 		bad.push_back(name);
 		return true;
 	});
 	return bad;
 }
 
+std::vector<std::string> FindBadFiles(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+	return FindBadIn(ListingOf(statuses), root);
+}
+
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, const std::string& root) {
-	DigestsAhead digests(Joined(root, files, [](const std::string& name) { return name; }));
-	std::map<std::string, FileStatus> statuses;
+	FileList list;
 	for (const std::string& name : files) {
-		if (const std::optional<std::string> digest = digests.Next()) {
-			statuses.emplace_hint(statuses.end(), name, FileStatus(*digest));
-		}
+		list.Add(name);
 	}
-	return statuses;
+	return FileList::TakeStatuses(CalculateDigests(std::move(list), root));
+}
+
+// The list is given up. NOLINTNEXTLINE(performance-unnecessary-value-param)
+FileList CalculateDigests(FileList files, const std::string& root) {
+	DigestsAhead digests(
+	    files.Size(), [&](std::size_t at) { return JoinPath(root, std::string(files.Name(at))); });
+	FileList result;
+	for (std::size_t at = 0; at < files.Size(); ++at) {
+		result.Add(files.Name(at), digests.Next().value_or(""));
+		files.FreeBefore(at); // The threads are ahead.
+	}
+	return result;
 }
 
 Updater::~Updater() = default;
@@ -108,31 +144,32 @@ Updater::~Updater() = default;
 DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
     const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
     const std::string& rootDirectory) const {
-	return UpdateAndTell(id, status, remote, diffs, volume, installPrefix, rootDirectory).status;
+	UpdateResult result = UpdateAndTell(id, status, remote, diffs, volume, installPrefix, rootDirectory);
+	return InstalledRecord::TakeStatus({result.data_version, result.last_fetch_time, std::move(result.files)});
 }
 
 UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
     const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
-    const std::string& rootDirectory) const {
+    const std::string& rootDirectory, const KnownDigest& known) const {
 	UpdateResult result;
 	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
-	std::shared_ptr<BaseStrategy> strategy;
+	Prepared prepared;
 	try {
-		strategy = std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
-		strategy->PrepareUpdate();
+		const auto diff =
+		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
+		diff->TakeDigestsFrom(known);
+		prepared = Prepare(diff);
 	} catch (const UpdateError& error) {
-		strategy = std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory);
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
-		strategy->PrepareUpdate();
+		prepared =
+		    Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;
 	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
-	result.files = strategy->GetModifiedFiles();
-	result.status = Install(id, *strategy, remote, installPrefix, announce);
-	// Temporary data goes first, so that what was never written to the disk never has to be.
-	strategy.reset();
-	SyncInstalled(installPrefix);
+	result.files = Install(id, std::move(prepared), installPrefix, announce);
+	result.data_version = remote.data_version;
+	result.last_fetch_time = remote.last_fetch_time;
 	return result;
 }
 
@@ -153,14 +190,15 @@ bool Fixer::IsFixNeeded(const DatabaseStatus& status) const {
 }
 
 DatabaseStatus Fixer::Fix() const {
+	return InstalledRecord::TakeStatus(FixAndTell());
+}
+
+InstalledRecord Fixer::FixAndTell() const {
 	TARN_LOG(LOG_WARNING, "Try to fix database %s", id_.c_str());
-	DatabaseStatus result;
-	{
-		FullStrategy strategy(id_, remote_, volume_, install_prefix_, root_directory_);
-		strategy.PrepareUpdate();
-		result = Install(id_, strategy, remote_, install_prefix_, [] {});
-	}
-	SyncInstalled(install_prefix_);
+	Prepared prepared =
+	    Prepare(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
+	InstalledRecord result(remote_.data_version, remote_.last_fetch_time, {});
+	result.files = Install(id_, std::move(prepared), install_prefix_, [] {});
 	return result;
 }
 

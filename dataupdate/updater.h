@@ -3,9 +3,14 @@
 #define DATAUPDATE_UPDATER_H
 
 #include "dataupdate/export.h"
+#include "dataupdate/file_list.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/records.h"
 
+#include <cstddef>
+#include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,6 +29,22 @@ namespace tarn::dataupdate {
 [[nodiscard]] TARNDBUD_EXPORT std::vector<std::string> FindBadFiles(
     const std::map<std::string, FileStatus>& statuses, const std::string& root);
 
+/** Recorded files in whatever form a host keeps them. The functions are called by several threads at a time. */
+struct FileListing {
+	std::size_t count = 0;
+	std::function<std::string(std::size_t number)> name_of;   ///< In the order in which files are to be looked at.
+	std::function<std::string(std::size_t number)> digest_of; ///< As GetSha384() gives it.
+};
+
+/** The files of a list with digests as texts; the list has to live as long. */
+[[nodiscard]] TARNDBUD_EXPORT FileListing ListingOf(const FileList& files);
+
+/** CheckStatus() of a listing. */
+[[nodiscard]] TARNDBUD_EXPORT bool CheckListing(const FileListing& files, const std::string& root);
+
+/** FindBadFiles() of a listing. */
+[[nodiscard]] TARNDBUD_EXPORT std::vector<std::string> FindBadIn(const FileListing& files, const std::string& root);
+
 /**
  * Bounds the threads that take the digests of several files at once, for the whole process. By default there is one for
  * each processor that the process may use; they block all signals and end with the function that started them.
@@ -37,13 +58,23 @@ TARNDBUD_EXPORT void LimitDigestThreads(unsigned count);
 [[nodiscard]] TARNDBUD_EXPORT std::map<std::string, FileStatus> CalculateStatus(
     std::set<std::string> files, const std::string& root);
 
+/** The same names with the digests as texts; without a text those that do not exist. Gives the given list up. */
+[[nodiscard]] TARNDBUD_EXPORT FileList CalculateDigests(FileList files, const std::string& root);
+
 /** What an update did. */
 struct UpdateResult {
-	DatabaseStatus status; ///< The new installed state, to be recorded; lists those of the files that exist.
-	/** What was replaced, created or deleted: absolute after the full package, else relative to the directory. */
-	std::set<std::string> files;
+	int data_version = -1;   ///< Of the new installed state, which is to be recorded.
+	int last_fetch_time = 0; ///< Of the new installed state.
+	/**
+	 * What was replaced, created or deleted, with the digests of those that exist: absolute names after the full
+	 * package, else relative to the directory.
+	 */
+	FileList files;
 	bool is_full = false; ///< Whether the full package was installed, so that there are no other files.
 };
+
+/** What a host knows of an installed file: its digest by its path below the install directory; none when unknown. */
+using KnownDigest = std::function<std::optional<std::string>(const std::string& name)>;
 
 /** Runs an update of one database; whether one is needed is the caller's decision. */
 class TARNDBUD_EXPORT Updater {
@@ -77,10 +108,12 @@ public:
 	/**
 	 * Does the same, and tells more: the new state does not name what diff packages deleted, so a host that keeps an
 	 * account of all files could not tell it from what vanished otherwise.
+	 *
+	 * @param known  tells the digests of files that the status does not list; may be empty
 	 */
 	[[nodiscard]] UpdateResult UpdateAndTell(const std::string& id, const DatabaseStatus& status,
 	    const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs, const std::string& volume,
-	    const std::string& installPrefix, const std::string& rootDirectory) const;
+	    const std::string& installPrefix, const std::string& rootDirectory, const KnownDigest& known = {}) const;
 };
 
 // The slots of this class are fixed without a destructor among them; never delete a derived object through it.
@@ -98,6 +131,8 @@ public:
 	[[nodiscard]] virtual bool IsFixNeeded(const DatabaseStatus& status) const;
 	/** Reinstalls, with hooks and errors as in Updater::Update(); returns the new installed state. */
 	[[nodiscard]] virtual DatabaseStatus Fix() const;
+	/** Does the same, and tells the new state in little memory. */
+	[[nodiscard]] InstalledRecord FixAndTell() const;
 
 private:
 	std::string id_;

@@ -2,6 +2,7 @@
 #include "host/library/process.h"
 #include "host/program.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <exception>
@@ -10,6 +11,10 @@
 int main(int argc, char** argv) {
 	using namespace tarn::ctl;
 	SetOwnUmask();
+	// Else the threshold follows the blocks that are freed, and lists of files, whose blocks are larger than this, would
+	// not give their memory back.
+	constexpr int kMappedBytes = 128 * 1024;
+	mallopt(M_MMAP_THRESHOLD, kMappedBytes);
 	try {
 		const InterruptionWatch watch;
 		const int code =

@@ -10,6 +10,7 @@
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
 #include "publisher/sqlite_content.h"
+#include "publisher/unpack_beside.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -69,11 +70,10 @@ private:
 	void Unpack() {
 		observer_.step("unpacking", 0, 2);
 		const std::string& id = order_.options.id;
-		const int old_version = order_.previous.data_version;
-		order_.reader.Unpack(order_.repository.PackagePath(id, old_version), {id, "", old_version}, work_.Make("old"));
+		order_.reader.Unpack(order_.repository.PackagePath(id, version_ - 1), {id, "", version_ - 1}, work_.Make("old"));
 		observer_.step("unpacking", 1, 2);
-		// Not the published tree, which may have changed meanwhile.
-		order_.reader.Unpack(order_.new_package, {id, "", version_}, work_.Make("new"));
+		// Not the published tree, which may have changed meanwhile. What both versions have takes space once.
+		order_.reader.UnpackNextTo(order_.new_package, {id, "", version_}, work_.Path(), "new", "old");
 		observer_.step("comparing", 0, 1);
 		before_ = ListTree(OldTree());
 		after_ = ListTree(work_ / "new");
@@ -242,6 +242,7 @@ private:
 	void Verify(const std::string& path) {
 		observer_.step("verifying", 0, 1);
 		fs::remove_all(work_ / "encoding");
+		const SharedFiles shared(after_);
 		const std::string package = work_.Make("package");
 		order_.reader.Unpack(path, {order_.options.id, "", version_, kDiffKind}, package);
 		try {
@@ -251,6 +252,7 @@ private:
 		} catch (const std::exception& error) {
 			throw PublishError(std::string("devices could not apply it: ") + error.what());
 		}
+		shared.RequireUntouched();
 		const Tree result = ListTree(OldTree());
 		if (result.empty_directories > 0) {
 			throw PublishError(

@@ -77,6 +77,7 @@ public:
 	WorkDirectory& operator=(const WorkDirectory&) = delete;
 	~WorkDirectory();
 
+	[[nodiscard]] const std::string& Path() const { return path_; }
 	/** The path of a name in it. */
 	std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 	/** Makes a directory in it and returns its path. */

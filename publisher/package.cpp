@@ -9,6 +9,7 @@
 #include "publisher/diff_package.h"
 #include "publisher/json_text.h"
 #include "publisher/publish_error.h"
+#include "publisher/unpack_beside.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -174,6 +175,16 @@ archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageI
 		archive.Check(keys_, archive::kDataUpdateKeyType);
 		RequireMetadata(ReadMetadata(archive), expected);
 		return archive;
+	} catch (const Error& error) {
+		Refuse(path, error);
+	}
+}
+
+void PackageReader::UnpackNextTo(const std::string& path, const PackageInfo& expected, const std::string& root,
+    const std::string& target, const std::string& earlier) const {
+	const archive::ArchiveFile archive = Open(path, expected);
+	try {
+		UnpackBeside(archive, root, target, earlier);
 	} catch (const Error& error) {
 		Refuse(path, error);
 	}

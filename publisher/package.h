@@ -87,6 +87,10 @@ public:
 	 */
 	[[nodiscard]] archive::ArchiveFile Open(const std::string& path, const PackageInfo& expected) const;
 
+	/** Opens a package and unpacks it as UnpackBeside() does; throws PublishError naming the package. */
+	void UnpackNextTo(const std::string& path, const PackageInfo& expected, const std::string& root,
+	    const std::string& target, const std::string& earlier) const;
+
 	/** Opens a package and unpacks members of it, or all, into a directory; throws PublishError naming the package. */
 	void Unpack(const std::string& path, const PackageInfo& expected, const std::string& directory,
 	    const std::vector<std::string>& members = {}) const;

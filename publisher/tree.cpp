@@ -98,7 +98,8 @@ void CheckLimits(const Tree& tree, const std::string& root) {
 constexpr std::size_t kMaxFlatName = 255 - 16;
 
 bool IsUnchanged(const TreeFile& before, const TreeFile& after) {
-	return before.size == after.size && before.executable == after.executable && SameBytes(before.source, after.source);
+	return before.size == after.size && before.executable == after.executable &&
+	       (fs::equivalent(before.source, after.source) || SameBytes(before.source, after.source));
 }
 
 std::set<std::string> DirectoriesOf(const std::set<std::string>& names) {

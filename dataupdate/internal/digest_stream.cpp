@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -24,6 +25,7 @@ namespace tarn::dataupdate {
 namespace {
 
 constexpr std::size_t kBlockBytes = 256UL * 1024;
+constexpr std::size_t kLeastBlockBytes = 4UL * 1024;
 
 } // namespace
 
@@ -35,7 +37,8 @@ bool DigestBuffer::Open(const std::string& path) {
 		return false;
 	}
 	posix_fadvise(fd_.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-	block_.resize(kBlockBytes);
+	// Cleared when it is made, which would take longer than to read a small file.
+	block_.resize(std::clamp(static_cast<std::size_t>(status.st_size), kLeastBlockBytes, kBlockBytes));
 	return true;
 }
 
@@ -69,7 +72,7 @@ DigestStream::DigestStream(const std::string& path) : std::istream(nullptr) {
 std::string GetSha384(std::istream& in) {
 	SHA512_CTX context;
 	SHA384_Init(&context);
-	std::vector<char> block(64UL * 1024);
+	std::array<char, 64UL * 1024> block; // NOLINT(cppcoreguidelines-pro-type-member-init): filled before it is used
 	while (in.good()) {
 		const std::streamsize count = in.readsome(block.data(), static_cast<std::streamsize>(block.size()));
 		if (in.fail()) {

@@ -35,65 +35,84 @@ void LimitDigestThreads(unsigned count) {
 	most_threads = count;
 }
 
-DigestsAhead::DigestsAhead(std::vector<std::string> paths, Caller caller)
-    : paths_(std::move(paths)), results_(paths_.size()) {
+DigestsAhead::DigestsAhead(std::size_t count, std::function<std::string(std::size_t)> path_of, Caller caller)
+    : count_(count), path_of_(std::move(path_of)) {
 	const unsigned limit =
 	    most_threads == 0 ? Processors() : std::min(most_threads.load(), kMostPerProcessor * Processors());
 	// The caller is one of the threads that the limit allows.
-	const std::size_t useful = paths_.size() + (caller == Caller::kHasOtherWork ? 1 : 0);
+	const std::size_t useful = count_ + (caller == Caller::kHasOtherWork ? 1 : 0);
 	threads_ = StartThreads(std::max<std::size_t>(std::min<std::size_t>(limit, useful), 1) - 1, [this] {
-		while (TakeOne()) {
+		while (TakeOne(true)) {
 		}
 	});
 }
 
+DigestsAhead::DigestsAhead(const std::vector<std::string>& paths, Caller caller)
+    : DigestsAhead(
+          paths.size(), [paths](std::size_t index) { return paths[index]; }, caller) {}
+
 DigestsAhead::~DigestsAhead() {
 	{
 		const MutexLock lock(mutex_);
-		begun_ = paths_.size();
+		begun_ = count_;
+		changed_.notify_all();
 	}
 	for (std::thread& thread : threads_) {
 		thread.join();
 	}
 }
 
-bool DigestsAhead::TakeOne() {
-	std::size_t index = 0;
-	{
-		const MutexLock lock(mutex_);
-		if (begun_ == paths_.size()) {
-			return false;
-		}
-		index = begun_++;
+std::optional<std::size_t> DigestsAhead::BeginOne(bool waits_for_room) {
+	const MutexLock lock(mutex_);
+	while (waits_for_room && begun_ < count_ && !HasRoom()) {
+		changed_.wait(mutex_);
+	}
+	return begun_ < count_ && HasRoom() ? std::optional(begun_++) : std::nullopt;
+}
+
+bool DigestsAhead::TakeOne(bool waits_for_room) {
+	const std::optional<std::size_t> index = BeginOne(waits_for_room);
+	if (!index) {
+		return false;
 	}
 	Result result;
 	try {
-		result.digest = DigestAt(paths_[index]);
+		result.digest = DigestAt(path_of_(*index));
 	} catch (...) {
 		result.error = std::current_exception();
 	}
 	result.is_there = true;
 	const MutexLock lock(mutex_);
-	results_[index] = std::move(result);
-	arrived_.notify_all();
+	ResultOf(*index) = std::move(result);
+	changed_.notify_all();
 	return true;
 }
 
 bool DigestsAhead::IsThere(std::size_t index) {
 	const MutexLock lock(mutex_);
-	return results_[index].is_there;
+	return ResultOf(index).is_there;
+}
+
+DigestsAhead::Result DigestsAhead::Take(std::size_t index) {
+	const MutexLock lock(mutex_);
+	while (!ResultOf(index).is_there) {
+		changed_.wait(mutex_);
+	}
+	++asked_;
+	changed_.notify_all();
+	return std::exchange(ResultOf(index), {});
 }
 
 std::optional<std::string> DigestsAhead::Next() {
-	const std::size_t index = asked_++;
-	const ActivityScope activity(Phase::kHash, paths_[index]);
-	while (!IsThere(index) && TakeOne()) {
+	std::size_t index = 0;
+	{
+		const MutexLock lock(mutex_);
+		index = asked_;
 	}
-	const MutexLock lock(mutex_);
-	while (!results_[index].is_there) {
-		arrived_.wait(mutex_);
+	const ActivityScope activity(Phase::kHash, path_of_(index));
+	while (!IsThere(index) && TakeOne(false)) { // Without room, the next result has been begun.
 	}
-	const Result result = std::exchange(results_[index], {});
+	const Result result = Take(index);
 	if (result.error) {
 		std::rethrow_exception(result.error);
 	}

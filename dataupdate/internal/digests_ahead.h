@@ -4,9 +4,11 @@
 
 #include "base/mutex.h"
 
+#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -16,7 +18,8 @@ namespace tarn::dataupdate {
 
 /**
  * Takes digests ahead of the thread that asks for them one after the other, which takes its share. Whoever stops asking
- * has wasted no more than what was begun: the destructor waits for that and begins nothing more.
+ * has wasted no more than what was begun: the destructor waits for that and begins nothing more. Only so many digests
+ * are taken ahead that memory does not grow with the number of files.
  *
  * Progress is told of the file that is asked for, with the bytes that all threads read meanwhile.
  */
@@ -25,8 +28,14 @@ public:
 	/** What the caller does until it asks. */
 	enum class Caller { kHelps, kHasOtherWork };
 
+	/**
+	 * @param count    of the paths
+	 * @param path_of  gives the path with a number below the count, in the order in which they will be asked for; is
+	 *                 called by several threads at a time
+	 */
+	DigestsAhead(std::size_t count, std::function<std::string(std::size_t)> path_of, Caller caller = Caller::kHelps);
 	/** @param paths  in the order in which they will be asked for */
-	explicit DigestsAhead(std::vector<std::string> paths, Caller caller = Caller::kHelps);
+	explicit DigestsAhead(const std::vector<std::string>& paths, Caller caller = Caller::kHelps);
 	~DigestsAhead();
 	DigestsAhead(const DigestsAhead&) = delete;
 	DigestsAhead& operator=(const DigestsAhead&) = delete;
@@ -44,15 +53,25 @@ private:
 		std::exception_ptr error;
 	};
 
-	/** Takes the digest of a file that no thread has begun yet; false when there is none. */
-	bool TakeOne();
-	bool IsThere(std::size_t index);
+	static constexpr std::size_t kMostAhead = 256;
 
-	const std::vector<std::string> paths_;
-	std::size_t asked_ = 0;
+	/** Takes the digest of a file that no thread has begun yet; false when there is none, or no room. */
+	bool TakeOne(bool waits_for_room);
+	/** The caller must not wait for room, because the caller makes it. */
+	std::optional<std::size_t> BeginOne(bool waits_for_room);
+	/** Whether one may be begun: its result has a place. */
+	bool HasRoom() const TARN_REQUIRES(mutex_) { return begun_ < asked_ + kMostAhead; }
+	Result& ResultOf(std::size_t index) TARN_REQUIRES(mutex_) { return results_[index % kMostAhead]; }
+	bool IsThere(std::size_t index);
+	/** Waits for a result and gives its place to another one. */
+	Result Take(std::size_t index);
+
+	const std::size_t count_;
+	const std::function<std::string(std::size_t)> path_of_;
 	Mutex mutex_;
-	std::condition_variable_any arrived_;
-	std::vector<Result> results_ TARN_GUARDED_BY(mutex_);
+	std::condition_variable_any changed_;
+	std::array<Result, kMostAhead> results_ TARN_GUARDED_BY(mutex_);
+	std::size_t asked_ TARN_GUARDED_BY(mutex_) = 0;
 	std::size_t begun_ TARN_GUARDED_BY(mutex_) = 0;
 	std::vector<std::thread> threads_;
 };

@@ -90,11 +90,11 @@ void ReplaceContent(const std::string& file, const std::string& content) {
 } // namespace
 
 Patcher::Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
-    std::map<std::string, std::string> digests)
+    KnownDigest known_digest)
     : accumulation_directory_(std::move(accumulation_directory)),
       install_directory_(std::move(install_directory)),
       decoder_(std::move(decoder)),
-      digests_(std::move(digests)) {}
+      known_digest_(std::move(known_digest)) {}
 
 void Patcher::ApplyPackage(const std::string& package_directory) {
 	for (const PatchMember& member : ReadPatchDescription(package_directory)) {
@@ -130,15 +130,15 @@ void Patcher::_PatchFile(const std::string& name, const std::string& operation, 
 	}
 }
 
-void Patcher::_PatchInstalled(
-    const std::string& installed, const std::string& database, const std::string& script) const {
+void Patcher::_PatchInstalled(const std::string& name, const std::string& database, const std::string& script) const {
+	const std::string installed = (fs::path(install_directory_) / name).string();
 	struct stat before {};
 	const bool is_known = stat(installed.c_str(), &before) == 0;
 	IOUtils().CopyFile(installed, database);
 	CheckNoLink(database);
-	const auto known = digests_.find(installed);
+	const std::optional<std::string> known = known_digest_ ? known_digest_(name) : std::nullopt;
 	boost::system::error_code ignored;
-	if (known == digests_.end() || !fs::is_regular_file(fs::symlink_status(database, ignored))) {
+	if (!known || !fs::is_regular_file(fs::symlink_status(database, ignored))) {
 		_DoSqlitePatch(database, script);
 		return;
 	}
@@ -150,7 +150,7 @@ void Patcher::_PatchInstalled(
 	} catch (const UpdateError&) {
 		failure = std::current_exception();
 	}
-	if (!is_known || !HasDigest(digest, known->second) || HasChanged(installed, before)) {
+	if (!is_known || !HasDigest(digest, *known) || HasChanged(installed, before)) {
 		throw UpdateError((NoexceptFormat("File %s digest check fail") % installed).str());
 	}
 	if (failure) {
@@ -160,14 +160,13 @@ void Patcher::_PatchInstalled(
 
 void Patcher::_UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input) {
 	const std::string extension = fs::path(input).extension().string();
-	const std::string installed = (fs::path(install_directory_) / PlainName(name)).string();
 	const bool is_first = !ExistsOrThrow(working_copy);
 	if (is_first && extension == ".sqlitediff") {
-		_PatchInstalled(installed, working_copy, input);
+		_PatchInstalled(PlainName(name), working_copy, input);
 		return;
 	}
 	if (is_first) {
-		IOUtils().CopyFile(installed, working_copy);
+		IOUtils().CopyFile((fs::path(install_directory_) / PlainName(name)).string(), working_copy);
 	}
 	CheckNoLink(working_copy);
 	if (extension == ".vcdiff") {

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -20,15 +21,18 @@ public:
 	/** Makes output from source by a VCDIFF patch; throws, and leaves no output, when that fails. */
 	using Decoder = std::function<void(const std::string& source, const std::string& output, const std::string& patch)>;
 
+	/** Tells the SHA-384 of an installed file by its plain name; nothing when it is not known. */
+	using KnownDigest = std::function<std::optional<std::string>(const std::string& name)>;
+
 	/**
 	 * @param accumulation_directory  an empty directory for the working copies
 	 * @param install_directory       the database's files
 	 * @param decoder                 whatever it throws leaves ApplyPackage() as it is
-	 * @param digests                 what is known of the installed files: SHA-384 by path. A patch tells itself that a
-	 *                                file is not the one it was made for; before a script this is what does
+	 * @param known_digest            tells what is known of the installed files. A patch tells itself that a file is not
+	 *                                the one it was made for; before a script this is what does
 	 */
 	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
-	    std::map<std::string, std::string> digests = {});
+	    KnownDigest known_digest = {});
 
 	/**
 	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
@@ -55,7 +59,7 @@ public:
 private:
 	void _PatchFile(const std::string& name, const std::string& operation, const std::string& input);
 	/** Makes the first copy of a file, executes a script on it, and looks whether the file is what was recorded. */
-	void _PatchInstalled(const std::string& installed, const std::string& database, const std::string& script) const;
+	void _PatchInstalled(const std::string& name, const std::string& database, const std::string& script) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
 	void _DoVcPatch(const std::string& file, const std::string& patch) const;
 	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
@@ -67,7 +71,7 @@ private:
 	std::string accumulation_directory_;
 	std::string install_directory_;
 	Decoder decoder_;
-	std::map<std::string, std::string> digests_;
+	KnownDigest known_digest_;
 	std::map<std::string, std::string> names_of_copies_; // By flat name, the name that it was made from.
 	std::map<std::string, std::string> spellings_;       // By shortest spelling, the one that the chain uses.
 	std::map<std::string, ModifyInfo> modify_infos_;

@@ -58,7 +58,7 @@ Findings LookThoroughly(const Services& services, const std::string& id, unsigne
 		const ReaderLock lock(id, timeout_seconds);
 		found = Inspect(services, id);
 	}
-	if (found->status.data_version == -1 || !found->AreBad()) {
+	if (found->listed.data_version == -1 || !found->AreBad()) {
 		return *std::move(found);
 	}
 	const auto look_again = [&] {
@@ -115,7 +115,7 @@ std::string Describe(const Findings& found) {
 }
 
 Json::Value ToJson(const Findings& found) {
-	Json::Value result = MakeResult(found.AreBad() ? "needs a fix" : "ok", found.status.data_version);
+	Json::Value result = MakeResult(found.AreBad() ? "needs a fix" : "ok", found.listed.data_version);
 	result["bad_files"] = FilesToJson(found.bad);
 	result["unknown_files"] = FilesToJson(found.unknown);
 	result["unfinished"] = found.is_unfinished;
@@ -126,8 +126,8 @@ Json::Value ToJson(const Findings& found) {
 ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
 	services.config->CheckSupported(id);
 	const Findings found = LookThoroughly(services, id, timeout_seconds);
-	if (found.status.data_version == -1) {
-		report.Tell(id, "not installed", MakeResult("not installed", found.status.data_version));
+	if (found.listed.data_version == -1) {
+		report.Tell(id, "not installed", MakeResult("not installed", found.listed.data_version));
 		return kFixNeeded;
 	}
 	report.Tell(id, Describe(found), ToJson(found));

@@ -81,7 +81,7 @@ std::optional<std::uintmax_t> InstalledBytes(
 
 void MeasureInstalled(const Services& services, Metrics& metrics, const std::optional<int>& offered,
     const std::string& id, const Labels& labels) {
-	const dataupdate::DatabaseStatus status = services.info->GetDatabaseStatus(id);
+	const dataupdate::InstalledRecord status = ReadInstalled(services, id);
 	const bool installed = status.data_version != -1;
 	metrics.Add("tarndbud_installed", "Whether any version of the database is installed.", labels, installed);
 	if (!installed) {

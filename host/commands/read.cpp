@@ -40,7 +40,7 @@ std::unique_ptr<ReaderLock> TakeLock(const Services& services, const Options& op
 	if (lock->Held()) {
 		return lock;
 	}
-	if (services.info->GetDatabaseStatus(options.id).data_version == -1) {
+	if (ReadInstalled(services, options.id).data_version == -1) {
 		throw CommandError(kLocked, "Nothing is installed of " + options.id + ", so there is nothing to lock");
 	}
 	if (MakeReaderLockFile(options.id)) {

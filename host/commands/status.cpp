@@ -37,7 +37,7 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	StatusRow row;
 	row.id = id;
 	// The server comes last, when nothing local can fail any more.
-	const int installed = services.info->GetDatabaseStatus(id).data_version;
+	const int installed = ReadInstalled(services, id).data_version;
 	if (installed != -1) {
 		row.installed_version = installed;
 		row.published = PublicationTime(id, installed);

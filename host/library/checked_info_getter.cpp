@@ -162,6 +162,12 @@ dataupdate::DatabaseStatus CheckedInfoGetter::GetDatabaseStatus(const std::strin
 	                  "); remove it to have the database installed anew");
 }
 
+dataupdate::InstalledRecord CheckedInfoGetter::GetRecord(const std::string& id) const {
+	std::optional<dataupdate::InstalledRecord> record = dataupdate::ReadLargeRecord(id);
+	// What is missing, malformed, being written or in another program's form is told by the general way.
+	return record ? std::move(*record) : GetDatabaseStatus(id);
+}
+
 Json::Value CheckedInfoGetter::GetDatabaseInfo() const {
 	if (failure_) {
 		std::rethrow_exception(failure_);

@@ -63,6 +63,8 @@ public:
 	dataupdate::RemoteInfo GetRemoteInfo(const std::string& id) const override;
 	std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& id) const override;
 	dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& id) const override;
+	/** The same in little memory. */
+	dataupdate::InstalledRecord GetRecord(const std::string& id) const;
 	Json::Value GetDatabaseInfo() const override;
 
 protected:

@@ -6,17 +6,23 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <set>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace tarn::ctl {
 
 namespace fs = std::filesystem;
 
-using dataupdate::DatabaseStatus;
-using dataupdate::FileStatus;
+using dataupdate::FileList;
+using dataupdate::InstalledRecord;
 
 namespace {
 
@@ -32,46 +38,59 @@ struct stat StatusOf(const fs::path& path) {
 	return status;
 }
 
-/** Takes the digests of recorded files. The library takes a file that it cannot open for an empty one. */
-void RecordDigests(InstalledFiles& record, const std::set<std::string>& names, const std::string& root) {
-	const std::map<std::string, FileStatus> digests = dataupdate::CalculateStatus(names, root);
-	for (const std::string& name : names) {
-		const auto digest = digests.find(name);
-		if (digest == digests.end()) {
-			Refuse(fs::path(root) / name, std::strerror(ENOENT));
-		}
-		InstalledFile& file = record.files[name];
-		if (digest->second.sha384_digest == DigestOfNothing() && file.size != 0) {
-			Refuse(fs::path(root) / name, "it cannot be opened for reading and writing");
-		}
-		file.sha384_digest = digest->second.sha384_digest;
+/** A regular file or a link as it lies on the disk, without a digest; anything else is brought by no package. */
+std::optional<InstalledFile> Describe(const fs::path& path) {
+	const struct stat status = StatusOf(path);
+	InstalledFile file;
+	if (S_ISLNK(status.st_mode)) {
+		file.link_target = fs::read_symlink(path).string();
+		return file;
+	}
+	file.size = static_cast<std::uint64_t>(status.st_size);
+	return S_ISREG(status.st_mode) ? std::optional(file) : std::nullopt;
+}
+
+/** The library takes a file that it cannot open for an empty one. */
+void RequireDigest(const std::string& digest, const InstalledFile& file, const fs::path& path) {
+	if (digest.empty()) {
+		Refuse(path, std::strerror(ENOENT));
+	}
+	if (digest == DigestOfNothing() && file.size != 0) {
+		Refuse(path, "it cannot be opened for reading and writing");
 	}
 }
 
-/** Records files as they lie on the disk. What is neither a file nor a link stays unknown: no package brings it. */
-void Record(InstalledFiles& record, const std::vector<std::string>& names, const std::string& root) {
-	std::set<std::string> to_be_read;
-	for (const std::string& name : names) {
-		const fs::path path = fs::path(root) / name;
-		const struct stat status = StatusOf(path);
-		InstalledFile file;
-		if (S_ISLNK(status.st_mode)) {
-			file.link_target = fs::read_symlink(path).string();
-		} else if (S_ISREG(status.st_mode)) {
-			file.size = static_cast<std::uint64_t>(status.st_size);
-			to_be_read.insert(name);
-		} else {
-			continue;
+/** Files recorded as they lie on the disk, read by several threads. */
+InstalledFileTable RecordOf(FileList names, const fs::path& root) {
+	FileList regular;
+	InstalledFileTable recorded;
+	for (std::size_t at = 0; at < names.Size(); ++at) {
+		const std::string name(names.Name(at));
+		const std::optional<InstalledFile> file = Describe(root / name);
+		if (file && file->link_target.empty()) {
+			regular.Add(name);
+		} else if (file) {
+			recorded.Add(name, *file);
 		}
-		record.files[name] = file;
 	}
-	RecordDigests(record, to_be_read, root);
+	names = FileList();
+	FileList digests = dataupdate::CalculateDigests(std::move(regular), root.string());
+	for (std::size_t at = 0; at < digests.Size(); ++at) {
+		const std::string name(digests.Name(at));
+		InstalledFile file = Describe(root / name).value_or(InstalledFile());
+		file.sha384_digest = digests.Text(at);
+		RequireDigest(file.sha384_digest, file, root / name);
+		recorded.Add(name, file);
+		digests.FreeBefore(at);
+	}
+	recorded.Sort();
+	return recorded;
 }
 
 /** A file of a known digest. */
-InstalledFile Known(const FileStatus& status, const fs::path& path, bool is_fresh) {
+InstalledFile Known(const std::string& digest, const fs::path& path, bool is_fresh) {
 	InstalledFile file;
-	file.sha384_digest = status.sha384_digest;
+	file.sha384_digest = digest;
 	std::error_code error;
 	const std::uintmax_t size = is_fresh ? fs::file_size(path, error) : 0;
 	if (is_fresh && !error) {
@@ -88,108 +107,181 @@ std::string NameOrRefuse(const std::string& name, const std::string& install_pre
 	return *relative;
 }
 
+/** Adds one file that the library has a digest of; not what is gone. */
+void AddKnown(const FileList& files, std::size_t at, const std::string& install_prefix, bool is_fresh,
+    InstalledFileTable& table) {
+	const std::string relative = NameOrRefuse(std::string(files.Name(at)), install_prefix);
+	const fs::path path = fs::path(install_prefix) / relative;
+	const std::string digest = files.Text(at);
+	if (files.HasText(at) && !IsListedDirectory(digest, path)) {
+		table.Add(relative, Known(digest, path, is_fresh));
+	}
+}
+
+/** Adds the files of an earlier record that are to be kept, unless there is a newer entry. */
+template<typename IsKept>
+void AddEarlier(InstalledFileTable before, const IsKept& is_kept, InstalledFileTable& table) {
+	std::vector<std::uint32_t> kept;
+	table.Sort();
+	for (std::size_t at = 0; at < before.Size(); ++at) {
+		if (!table.Has(before.Name(at)) && is_kept(before.Name(at))) {
+			kept.push_back(static_cast<std::uint32_t>(at));
+		}
+	}
+	auto next = kept.begin();
+	for (std::size_t at = 0; at < before.Size(); ++at) {
+		before.FreeBefore(at);
+		if (next != kept.end() && *next == at) {
+			table.Add(before.Name(at), before.At(at));
+			++next;
+		}
+	}
+	table.Sort();
+}
+
+/** The names of an earlier record whose place a directory of a package has taken. */
+std::set<std::string> DirectoriesNow(const InstalledFiles& before, const FileList& earlier, const fs::path& root) {
+	std::set<std::string> directories;
+	for (std::size_t at = 0; at < before.files.Size(); ++at) {
+		const std::string name(before.files.Name(at));
+		if (earlier.Find(name) && fs::is_directory(fs::symlink_status(root / name))) {
+			directories.insert(name);
+		}
+	}
+	return directories;
+}
+
+/** What changes whenever a file is written or replaced, in few bytes; nothing of what has vanished. */
+std::string IdentityOf(const fs::path& path) {
+	struct stat status {};
+	if (lstat(path.c_str(), &status) != 0) {
+		return "";
+	}
+	const std::array<std::uint64_t, 7> parts = {status.st_dev, status.st_ino,
+	    static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_mtim.tv_sec),
+	    static_cast<std::uint64_t>(status.st_mtim.tv_nsec), static_cast<std::uint64_t>(status.st_ctim.tv_sec),
+	    static_cast<std::uint64_t>(status.st_ctim.tv_nsec)};
+	// Equal by chance for one change in 2^64.
+	const std::size_t hash = std::hash<std::string_view>()({reinterpret_cast<const char*>(parts.data()), sizeof parts});
+	return std::string(reinterpret_cast<const char*>(&hash), sizeof hash);
+}
+
 } // namespace
 
-std::set<std::string> FilesBelow(const std::string& directory) {
-	std::set<std::string> names;
+void ForEachFileBelow(const std::string& directory, const std::function<void(const std::string& name)>& visit) {
 	if (!fs::is_directory(directory)) {
-		return names;
+		return;
 	}
 	const std::size_t prefix = directory.size() + 1;
 	dataupdate::IOUtils().IterateDirectory(
 	    directory,
 	    [&](const std::string& entry) {
 		    if (!fs::is_directory(fs::symlink_status(entry))) {
-			    names.insert(entry.substr(prefix));
+			    visit(entry.substr(prefix));
 		    }
 	    },
 	    true);
-	return names;
 }
 
-std::map<std::string, FileIdentity> IdentitiesBelow(const std::string& directory) {
-	std::map<std::string, FileIdentity> identities;
-	for (const std::string& name : FilesBelow(directory)) {
-		struct stat status {};
-		if (lstat((fs::path(directory) / name).c_str(), &status) != 0) {
-			continue; // It has vanished since, like whatever vanished before.
+FileList IdentitiesBelow(const std::string& directory) {
+	FileList identities;
+	ForEachFileBelow(directory, [&](const std::string& name) {
+		const std::string identity = IdentityOf(fs::path(directory) / name);
+		if (!identity.empty()) {
+			identities.Add(name, identity);
 		}
-		identities.emplace_hint(identities.end(), name,
-		    FileIdentity{static_cast<std::int64_t>(status.st_dev), static_cast<std::int64_t>(status.st_ino),
-		        status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec,
-		        status.st_ctim.tv_nsec});
-	}
+	});
+	identities.Sort();
 	return identities;
 }
 
-InstalledFiles WholeRecord(const DatabaseStatus& status, const std::string& install_prefix, bool are_fresh) {
+InstalledFiles WholeRecord(const InstalledRecord& listed, const std::string& install_prefix, bool are_fresh) {
 	InstalledFiles record;
-	record.data_version = status.data_version;
-	for (const auto& [name, file] : status.file_statuses) {
-		const std::string relative = NameOrRefuse(name, install_prefix);
-		const fs::path path = fs::path(install_prefix) / relative;
-		if (!IsListedDirectory(file, path)) {
-			record.files.emplace(relative, Known(file, path, are_fresh));
-		}
+	record.data_version = listed.data_version;
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		AddKnown(listed.files, at, install_prefix, are_fresh, record.files);
 	}
+	record.files.Sort();
 	return record;
 }
 
-InstalledFiles CarryThroughDiff(InstalledFiles before, const std::set<std::string>& changed,
-    const DatabaseStatus& status, const std::string& install_prefix) {
-	for (const std::string& name : changed) {
-		before.files.erase(NameOrRefuse(name, install_prefix));
+InstalledFiles WholeRecord(InstalledRecord&& listed, const std::string& install_prefix, bool are_fresh) {
+	InstalledFiles record;
+	record.data_version = listed.data_version;
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		listed.files.FreeBefore(at);
+		AddKnown(listed.files, at, install_prefix, are_fresh, record.files);
 	}
-	InstalledFiles now = WholeRecord(status, install_prefix, true);
+	record.files.Sort();
+	return record;
+}
+
+InstalledFiles CarryThroughDiff(
+    InstalledFiles before, const InstalledRecord& changed, const std::string& install_prefix) {
+	FileList replaced;
+	InstalledFiles now;
+	now.data_version = changed.data_version;
 	now.is_from_disk = before.is_from_disk;
-	now.files.merge(before.files);
+	for (std::size_t at = 0; at < changed.files.Size(); ++at) {
+		replaced.Add(NameOrRefuse(std::string(changed.files.Name(at)), install_prefix));
+		AddKnown(changed.files, at, install_prefix, true, now.files);
+	}
+	replaced.Sort();
+	AddEarlier(
+	    std::move(before.files), [&](std::string_view name) { return !replaced.Find(name); }, now.files);
 	return now;
 }
 
-InstalledFiles CarryThroughForced(InstalledFiles before, const std::map<std::string, FileIdentity>& identities,
-    int data_version, const std::string& install_prefix) {
-	before.data_version = data_version;
-	std::vector<std::string> changed;
-	for (const auto& [name, identity] : IdentitiesBelow(install_prefix)) {
-		const auto earlier = identities.find(name);
-		if (earlier == identities.end() || earlier->second != identity) {
-			changed.push_back(name);
+InstalledFiles CarryThroughForced(
+    InstalledFiles before, FileList identities, int data_version, const std::string& install_prefix) {
+	const fs::path root = install_prefix;
+	FileList changed;
+	ForEachFileBelow(install_prefix, [&](const std::string& name) {
+		const std::string identity = IdentityOf(root / name);
+		if (!identity.empty() && identities.TextOf(name) != identity) {
+			changed.Add(name);
 		}
-	}
-	Record(before, changed, install_prefix);
-	for (auto entry = before.files.begin(); entry != before.files.end();) {
-		// A directory of the package took the file's place.
-		const bool is_replaced = fs::is_directory(fs::symlink_status(fs::path(install_prefix) / entry->first)) &&
-		                         identities.count(entry->first) != 0;
-		entry = is_replaced ? before.files.erase(entry) : std::next(entry);
-	}
-	return before;
+	});
+	changed.Sort();
+	const std::set<std::string> directories = DirectoriesNow(before, identities, root);
+	identities = FileList();
+	InstalledFiles now;
+	now.data_version = data_version;
+	now.is_from_disk = before.is_from_disk;
+	now.files = RecordOf(std::move(changed), root);
+	const auto is_kept = [&](std::string_view name) { return directories.count(std::string(name)) == 0; };
+	AddEarlier(std::move(before.files), is_kept, now.files);
+	return now;
 }
 
 std::optional<InstalledFiles> KnownFiles(
-    const std::string& id, const DatabaseStatus& status, const std::string& install_prefix) {
-	std::optional<InstalledFiles> record = ReadCredibleFiles(id, status, install_prefix);
-	const auto lies_below = [&](const auto& entry) { return RelativeName(entry.first, install_prefix).has_value(); };
-	const auto& listed = status.file_statuses;
-	if (!record && ListsAllFiles(status) && std::all_of(listed.begin(), listed.end(), lies_below)) {
-		record = WholeRecord(status, install_prefix, false);
+    const std::string& id, const InstalledRecord& listed, const std::string& install_prefix) {
+	std::optional<InstalledFiles> record = ReadCredibleFiles(id, listed, install_prefix);
+	if (record || !ListsAllFiles(listed)) {
+		return record;
 	}
-	return record;
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		if (!RelativeName(std::string(listed.files.Name(at)), install_prefix)) {
+			return std::nullopt;
+		}
+	}
+	return WholeRecord(listed, install_prefix, false);
 }
 
-InstalledFiles RebuiltRecord(const DatabaseStatus& status, const std::string& install_prefix) {
-	InstalledFiles record = WholeRecord(status, install_prefix, false);
-	if (ListsAllFiles(status)) {
+InstalledFiles RebuiltRecord(const InstalledRecord& listed, const std::string& install_prefix) {
+	InstalledFiles record = WholeRecord(listed, install_prefix, false);
+	if (ListsAllFiles(listed)) {
 		return record;
 	}
 	record.is_from_disk = true;
-	std::vector<std::string> unlisted;
-	for (const std::string& name : FilesBelow(install_prefix)) {
-		if (record.files.count(name) == 0) {
-			unlisted.push_back(name);
+	FileList unlisted;
+	ForEachFileBelow(install_prefix, [&](const std::string& name) {
+		if (!record.files.Has(name)) {
+			unlisted.Add(name);
 		}
-	}
-	Record(record, unlisted, install_prefix);
+	});
+	unlisted.Sort();
+	AddEarlier(RecordOf(std::move(unlisted), install_prefix), [](std::string_view) { return true; }, record.files);
 	return record;
 }
 

@@ -11,6 +11,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -23,7 +26,8 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-using dataupdate::DatabaseStatus;
+using dataupdate::FileListing;
+using dataupdate::InstalledRecord;
 
 std::string FullPath(const std::string& root, const std::string& name) {
 	return fs::path(name).is_absolute() ? name : (fs::path(root) / name).string();
@@ -80,7 +84,7 @@ std::string Reason(const std::string& path, const InstalledFile& file) {
 /** Whether a file is what SQLite keeps beside a recorded database while somebody reads it, and holds no data. */
 bool IsOfReaders(const std::string& name, const InstalledFiles& record, const std::string& install_prefix) {
 	for (const std::string_view suffix : kSqliteCompanions) {
-		if (EndsWith(name, suffix) && record.files.count(name.substr(0, name.size() - suffix.size())) > 0) {
+		if (EndsWith(name, suffix) && record.files.Has(std::string_view(name).substr(0, name.size() - suffix.size()))) {
 			boost::system::error_code error;
 			const std::string path = FullPath(install_prefix, name);
 			return fs::is_regular_file(fs::symlink_status(path, error)) &&
@@ -92,7 +96,7 @@ bool IsOfReaders(const std::string& name, const InstalledFiles& record, const st
 
 /** What is recorded. */
 struct Known {
-	DatabaseStatus status;
+	InstalledRecord listed;
 	bool is_unfinished;
 	std::string install_prefix;
 	std::optional<InstalledFiles> files;
@@ -100,10 +104,10 @@ struct Known {
 
 Known ReadKnown(const Services& services, const std::string& id) {
 	Known known;
-	known.status = services.info->GetDatabaseStatus(id);
+	known.listed = ReadInstalled(services, id);
 	known.is_unfinished = dataupdate::IsReplacementMarked(id);
 	known.install_prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
-	known.files = KnownFiles(id, known.status, known.install_prefix);
+	known.files = KnownFiles(id, known.listed, known.install_prefix);
 	return known;
 }
 
@@ -124,98 +128,115 @@ std::vector<BadFile> FindUnknown(const Known& known) {
 	return unknown;
 }
 
-Findings Judge(const Known& known) {
+using Bad = std::vector<BadFile>;
+
+/** Everything but what is recorded, which the caller adds. */
+Findings Judge(const Known& known, Bad of_listed, const Bad& of_others) {
 	Findings found;
-	found.status = known.status;
 	found.is_unfinished = known.is_unfinished;
 	found.knowledge = KnowledgeOf(known.files);
-	found.bad = FindBadFiles(known.status, known.install_prefix);
-	if (known.files) {
-		const std::vector<BadFile> others = FindBadFiles(*known.files, known.status, known.install_prefix);
-		found.bad.insert(found.bad.end(), others.begin(), others.end());
-	}
+	found.bad = std::move(of_listed);
+	found.bad.insert(found.bad.end(), of_others.begin(), of_others.end());
 	return found;
 }
 
-/** Leaves what has one of the names. */
-template<typename Map>
-void Restrict(Map& files, const std::set<std::string>& names) {
-	for (auto entry = files.begin(); entry != files.end();) {
-		entry = names.count(entry->first) == 0 ? files.erase(entry) : std::next(entry);
+Findings JudgeAll(Known known) {
+	Bad others;
+	Bad listed = FindBadFiles(known.listed, known.install_prefix);
+	if (known.files) {
+		others = FindBadFiles(*known.files, known.listed, known.install_prefix);
 	}
+	Findings found = Judge(known, std::move(listed), others);
+	found.unknown = FindUnknown(known);
+	found.listed = std::move(known.listed);
+	return found;
 }
 
 /** Judges what was bad before, and of the unknown files whether they are there and unknown still. */
 Findings JudgeAgain(Known known, const Findings& before) {
-	std::vector<BadFile> unknown;
+	InstalledRecord listed;
+	InstalledFiles others;
+	for (const BadFile& file : before.bad) {
+		if (const std::optional<std::string> digest = known.listed.files.TextOf(file.name)) {
+			listed.files.Add(file.name, *digest);
+		} else if (const auto other = known.files ? known.files->files.Find(file.name) : std::nullopt) {
+			others.files.Add(file.name, *other);
+		}
+	}
+	listed.files.Sort();
+	others.files.Sort();
+	Findings found = Judge(
+	    known, FindBadFiles(listed, known.install_prefix), FindBadFiles(others, InstalledRecord(), known.install_prefix));
 	for (const BadFile& file : before.unknown) {
 		const bool exists = std::filesystem::exists(std::filesystem::symlink_status(file.path));
-		if (exists && known.files && known.files->files.count(file.name) == 0) {
-			unknown.push_back(file);
+		if (exists && known.files && !known.files->files.Has(file.name)) {
+			found.unknown.push_back(file);
 		}
 	}
-	std::set<std::string> names;
-	for (const BadFile& file : before.bad) {
-		names.insert(file.name);
-	}
-	const DatabaseStatus whole = known.status;
-	if (known.files) {
-		for (const auto& [name, status] : whole.file_statuses) {
-			known.files->files.erase(RelativeName(name, known.install_prefix).value_or(name));
-		}
-		Restrict(known.files->files, names);
-	}
-	Restrict(known.status.file_statuses, names);
-	Findings found = Judge(known);
-	found.status = whole;
-	found.unknown = std::move(unknown);
+	found.listed = std::move(known.listed);
 	return found;
+}
+
+/** Which files of the record the library lists, and checks. */
+std::vector<bool> ListedOf(
+    const InstalledFiles& record, const InstalledRecord& listed, const std::string& install_prefix) {
+	std::vector<bool> are_listed(record.files.Size());
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		const std::string name(listed.files.Name(at));
+		if (const auto place = record.files.Place(RelativeName(name, install_prefix).value_or(name))) {
+			are_listed[*place] = true;
+		}
+	}
+	return are_listed;
 }
 
 } // namespace
 
 std::vector<BadFile> FindBadFiles(
-    const InstalledFiles& record, const dataupdate::DatabaseStatus& listed, const std::string& install_prefix) {
-	std::set<std::string> elsewhere;
-	for (const auto& [name, status] : listed.file_statuses) {
-		elsewhere.insert(RelativeName(name, install_prefix).value_or(name));
-	}
+    const InstalledFiles& record, const InstalledRecord& listed, const std::string& install_prefix) {
+	const std::vector<bool> are_listed = ListedOf(record, listed, install_prefix);
 	std::set<std::string> names;
-	std::map<std::string, dataupdate::FileStatus> contents;
-	for (const auto& [name, file] : record.files) {
-		if (elsewhere.count(name) > 0) {
+	std::vector<std::uint32_t> contents;
+	for (std::size_t at = 0; at < record.files.Size(); ++at) {
+		if (are_listed[at]) {
 			continue;
 		}
+		const std::string name(record.files.Name(at));
+		const InstalledFile file = record.files.At(at);
 		if (!MayBeAsRecorded(name, file, install_prefix)) {
 			names.insert(name);
 		} else if (file.link_target.empty()) {
-			contents.emplace_hint(contents.end(), name, file.sha384_digest);
+			contents.push_back(static_cast<std::uint32_t>(at));
 		}
 	}
-	for (std::string& name : dataupdate::FindBadFiles(contents, install_prefix)) {
+	const FileListing listing = {contents.size(),
+	    [&](std::size_t number) { return std::string(record.files.Name(contents[number])); },
+	    [&](std::size_t number) { return record.files.At(contents[number]).sha384_digest; }};
+	for (std::string& name : dataupdate::FindBadIn(listing, install_prefix)) {
 		names.insert(std::move(name));
 	}
 	std::vector<BadFile> bad;
 	for (const std::string& name : names) {
 		const std::string path = FullPath(install_prefix, name);
-		bad.push_back({name, path, Reason(path, record.files.at(name))});
+		bad.push_back({name, path, Reason(path, record.files.Find(name).value())});
 	}
 	return bad;
 }
 
 std::vector<std::string> FindUnknownFiles(const InstalledFiles& record, const std::string& install_prefix) {
 	std::vector<std::string> unknown;
-	for (const std::string& name : FilesBelow(install_prefix)) {
-		if (record.files.count(name) == 0 && !IsOfReaders(name, record, install_prefix)) {
+	ForEachFileBelow(install_prefix, [&](const std::string& name) {
+		if (!record.files.Has(name) && !IsOfReaders(name, record, install_prefix)) {
 			unknown.push_back(name);
 		}
-	}
+	});
+	std::sort(unknown.begin(), unknown.end());
 	return unknown;
 }
 
-std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix) {
+std::vector<BadFile> FindBadFiles(const InstalledRecord& listed, const std::string& install_prefix) {
 	std::vector<BadFile> bad;
-	for (const std::string& name : dataupdate::FindBadFiles(status.file_statuses, install_prefix)) {
+	for (const std::string& name : dataupdate::FindBadIn(dataupdate::ListingOf(listed.files), install_prefix)) {
 		const std::string path = FullPath(install_prefix, name);
 		bad.push_back({name, path, Reason(path)});
 	}
@@ -223,27 +244,22 @@ std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, cons
 }
 
 Findings Inspect(const Services& services, const std::string& id) {
-	const Known known = ReadKnown(services, id);
-	Findings found = Judge(known);
-	found.unknown = FindUnknown(known);
-	return found;
+	return JudgeAll(ReadKnown(services, id));
 }
 
 Findings InspectAgain(const Services& services, const std::string& id, const Findings& before) {
 	Known known = ReadKnown(services, id);
-	const bool is_same = known.status == before.status && !known.is_unfinished && !before.is_unfinished &&
+	const InstalledRecord& listed = known.listed;
+	const bool is_same = listed.data_version == before.listed.data_version &&
+	                     listed.last_fetch_time == before.listed.last_fetch_time &&
+	                     listed.files == before.listed.files && !known.is_unfinished && !before.is_unfinished &&
 	                     KnowledgeOf(known.files) == before.knowledge;
-	if (is_same) {
-		return JudgeAgain(std::move(known), before);
-	}
-	Findings found = Judge(known);
-	found.unknown = FindUnknown(known);
-	return found;
+	return is_same ? JudgeAgain(std::move(known), before) : JudgeAll(std::move(known));
 }
 
 bool IsInstalled(const Services& services, const std::string& id) {
 	try {
-		return services.info->GetDatabaseStatus(id).data_version != -1;
+		return ReadInstalled(services, id).data_version != -1;
 	} catch (const std::exception&) {
 		return true;
 	}

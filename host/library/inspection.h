@@ -19,7 +19,7 @@ struct BadFile {
 };
 
 /** Checks every file, other than CheckStatus(), which ends at the first bad one. */
-std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
+std::vector<BadFile> FindBadFiles(const dataupdate::InstalledRecord& listed, const std::string& install_prefix);
 
 /**
  * The same for the host's record of all files.
@@ -27,7 +27,7 @@ std::vector<BadFile> FindBadFiles(const dataupdate::DatabaseStatus& status, cons
  * @param listed  what the library's record names, which is left to the function above
  */
 std::vector<BadFile> FindBadFiles(
-    const InstalledFiles& record, const dataupdate::DatabaseStatus& listed, const std::string& install_prefix);
+    const InstalledFiles& record, const dataupdate::InstalledRecord& listed, const std::string& install_prefix);
 
 /**
  * The names, relative to the directory, of everything in it but directories that the record does not know. What SQLite
@@ -45,9 +45,9 @@ enum class Knowledge {
 
 struct Findings {
 	/** Whether a fix has something to do. */
-	bool AreBad() const { return is_unfinished || status.data_version == -1 || !bad.empty() || !unknown.empty(); }
+	bool AreBad() const { return is_unfinished || listed.data_version == -1 || !bad.empty() || !unknown.empty(); }
 
-	dataupdate::DatabaseStatus status;
+	dataupdate::InstalledRecord listed; ///< The library's record.
 	bool is_unfinished = false; ///< A replacement was begun and is not finished, or not recorded yet.
 	Knowledge knowledge = Knowledge::kListed;
 	std::vector<BadFile> bad;

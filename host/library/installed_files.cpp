@@ -1,7 +1,10 @@
 #include "host/library/installed_files.h"
 
+#include "base/error.h"
 #include "base/file_io.h"
+#include "base/json_scanner.h"
 #include "base/text.h"
+#include "base/unique_fd.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/utils.h"
@@ -23,52 +26,111 @@
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 namespace tarn::ctl {
 
-using dataupdate::DatabaseStatus;
+using dataupdate::InstalledRecord;
 
 namespace {
 
-Json::Value ToJson(const InstalledFile& file) {
-	Json::Value object(Json::objectValue);
-	if (!file.link_target.empty()) {
-		object["link_target"] = file.link_target;
-		return object;
+constexpr std::size_t kDigestDigits = 96;
+constexpr std::size_t kSizeDigits = 16;
+constexpr char kLinkMark = '>';
+constexpr char kOddMark = '?';
+
+std::string SizeDigits(std::uint64_t size) {
+	std::string digits(kSizeDigits, '0');
+	for (auto digit = digits.rbegin(); size > 0; ++digit, size >>= 4U) {
+		*digit = "0123456789abcdef"[size & 0xfU];
 	}
-	object["sha384_digest"] = file.sha384_digest;
-	if (file.size) {
-		object["size"] = Json::UInt64{*file.size};
-	}
-	return object;
+	return digits;
 }
 
-InstalledFile FromJson(const Json::Value& object) {
-	InstalledFile file;
-	if (object.isMember("link_target")) {
-		file.link_target = object["link_target"].asString();
-		return file;
+/** What a table keeps of a file: of nearly every file digits alone, which a list keeps as bytes. */
+std::string Pack(const InstalledFile& file) {
+	if (!file.link_target.empty()) {
+		return kLinkMark + file.link_target;
 	}
-	file.sha384_digest = object["sha384_digest"].asString();
-	if (object.isMember("size")) {
-		file.size = object["size"].asUInt64();
+	const std::string size = file.size ? SizeDigits(*file.size) : "";
+	// A digest of another length is none of ours, and only has to come back.
+	return file.sha384_digest.size() == kDigestDigits ? file.sha384_digest + size
+	                                                  : kOddMark + (file.size ? size : "-") + kOddMark + file.sha384_digest;
+}
+
+std::optional<std::uint64_t> ParseSize(const std::string& digits) {
+	constexpr int kBase = 16;
+	return digits.size() == kSizeDigits ? std::optional(std::stoull(digits, nullptr, kBase)) : std::nullopt;
+}
+
+InstalledFile Unpack(const std::string& text) {
+	InstalledFile file;
+	if (text.front() == kLinkMark) {
+		file.link_target = text.substr(1);
+	} else if (text.front() == kOddMark) {
+		const std::size_t end = text.find(kOddMark, 1);
+		file.size = ParseSize(text.substr(1, end - 1));
+		file.sha384_digest = text.substr(end + 1);
+	} else {
+		file.sha384_digest = text.substr(0, kDigestDigits);
+		file.size = ParseSize(text.substr(kDigestDigits));
 	}
 	return file;
 }
 
-InstalledFiles Decode(const Json::Value& object) {
-	InstalledFiles record;
-	record.data_version = std::stoi(object["data_version"].asString());
-	record.is_from_disk = object["rebuilt_from_disk"].asBool();
-	const Json::Value& files = object["files"];
-	if (!files.isObject()) {
-		throw std::invalid_argument("files");
+/** Reads the record in the one form in which it is written. */
+class RecordReader {
+public:
+	explicit RecordReader(int fd) : json_(fd) {}
+
+	InstalledFiles Read() {
+		int members = 0;
+		json_.Members([&](const std::string& name) {
+			static const std::vector<std::string> kNames = {"data_version", "rebuilt_from_disk", "files"};
+			Require(members < 3 && name == kNames[static_cast<std::size_t>(members++)], "has another member");
+			ReadMember(name);
+		});
+		json_.End();
+		Require(members == 3, "lacks a member");
+		return std::move(record_);
 	}
-	for (auto entry = files.begin(); entry != files.end(); ++entry) {
-		record.files.emplace_hint(record.files.end(), entry.name(), FromJson(*entry));
+
+private:
+	void ReadMember(const std::string& name) {
+		if (name == "data_version") {
+			record_.data_version = std::stoi(json_.Text());
+		} else if (name == "rebuilt_from_disk") {
+			record_.is_from_disk = json_.Boolean();
+		} else {
+			json_.Members([this](const std::string& file) { ReadFile(file); });
+		}
 	}
-	return record;
-}
+
+	void ReadFile(const std::string& name) {
+		Require(record_.files.Size() == 0 || last_ < name, "has files in another order");
+		last_ = name;
+		file_ = {};
+		json_.Members([this](const std::string& member) {
+			if (member == "link_target") {
+				file_.link_target = json_.Text();
+			} else if (member == "sha384_digest") {
+				file_.sha384_digest = json_.Text();
+			} else {
+				Require(member == "size", "says more of a file");
+				const std::int64_t size = json_.Integer();
+				Require(size >= 0, "has a negative size");
+				file_.size = static_cast<std::uint64_t>(size);
+			}
+		});
+		record_.files.Add(name, file_);
+	}
+
+	JsonScanner json_;
+	InstalledFiles record_;
+	InstalledFile file_;
+	std::string last_;
+};
 
 constexpr char kEnd[] = "\n}}\n";
 
@@ -87,24 +149,56 @@ bool IsBefore(const timespec& left, const timespec& right) {
 }
 
 /** One line for each file; names that are no UTF-8 stay as they are. */
-std::string Encode(const InstalledFiles& record) {
+void Encode(const InstalledFiles& record, const TextSink& sink) {
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = "";
 	builder["emitUTF8"] = true;
-	std::string text = Head(record.data_version) + R"("rebuilt_from_disk":)" +
-	                   (record.is_from_disk ? "true" : "false") + R"(,"files":{)";
-	const char* separator = "\n";
-	for (const auto& [name, file] : record.files) {
-		text += separator + Json::writeString(builder, name) + ":" + Json::writeString(builder, ToJson(file));
-		separator = ",\n";
+	const auto quoted = [&builder](const std::string& text) { return Json::writeString(builder, text); };
+	sink(Head(record.data_version) + R"("rebuilt_from_disk":)" + (record.is_from_disk ? "true" : "false") +
+	     R"(,"files":{)");
+	for (std::size_t at = 0; at < record.files.Size(); ++at) {
+		const InstalledFile file = record.files.At(at);
+		sink((at == 0 ? "\n" : ",\n") + quoted(std::string(record.files.Name(at))) + ":");
+		if (!file.link_target.empty()) {
+			sink(R"({"link_target":)" + quoted(file.link_target) + "}");
+		} else {
+			const std::string size = file.size ? R"(,"size":)" + std::to_string(*file.size) : "";
+			sink(R"({"sha384_digest":)" + quoted(file.sha384_digest) + size + "}");
+		}
 	}
-	return text + kEnd;
+	sink(kEnd);
+}
+
+/** Whether a name has no part that another spelling of it would leave out. */
+bool IsPlain(std::string_view name) {
+	for (std::size_t begin = 0; begin <= name.size();) {
+		const std::size_t end = std::min(name.find('/', begin), name.size());
+		const std::string_view part = name.substr(begin, end - begin);
+		if (part.empty() || part == "." || part == "..") {
+			return false;
+		}
+		begin = end + 1;
+	}
+	return true;
 }
 
 } // namespace
 
 bool InstalledFile::operator==(const InstalledFile& other) const {
 	return sha384_digest == other.sha384_digest && size == other.size && link_target == other.link_target;
+}
+
+void InstalledFileTable::Add(std::string_view name, const InstalledFile& file) {
+	list_.Add(name, Pack(file));
+}
+
+InstalledFile InstalledFileTable::At(std::size_t at) const {
+	return Unpack(list_.Text(at));
+}
+
+std::optional<InstalledFile> InstalledFileTable::Find(std::string_view name) const {
+	const std::optional<std::size_t> at = Place(name);
+	return at ? std::optional(At(*at)) : std::nullopt;
 }
 
 Json::Value ReadJsonRecord(const std::string& path) {
@@ -125,12 +219,13 @@ std::string InstalledFilesPath(const std::string& id) {
 }
 
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {
+	const UniqueFd file(open(InstalledFilesPath(id).c_str(), O_RDONLY | O_CLOEXEC));
 	try {
-		return Decode(ReadJsonRecord(InstalledFilesPath(id)));
-	} catch (const Json::Exception&) {
-		return std::nullopt; // Something else stands where a member should be.
+		return file ? std::optional(RecordReader(file.Get()).Read()) : std::nullopt;
+	} catch (const Error&) {
+		return std::nullopt;
 	} catch (const std::logic_error&) {
-		return std::nullopt; // The version is no number, or there are no files.
+		return std::nullopt; // The version is no number.
 	}
 }
 
@@ -151,7 +246,7 @@ void ConfirmInstalledFiles(const std::string& id) {
 }
 
 void WriteInstalledFiles(const std::string& id, const InstalledFiles& record) {
-	WriteWholeFile(InstalledFilesPath(id), Encode(record));
+	WriteWholeFile(InstalledFilesPath(id), [&record](const TextSink& sink) { Encode(record, sink); });
 }
 
 void DropInstalledFiles(const std::string& id) {
@@ -168,6 +263,10 @@ void DropInstalledFiles(const std::string& id) {
 }
 
 std::optional<std::string> RelativeName(const std::string& name, const std::string& install_prefix) {
+	const std::string_view below = std::string_view(name).substr(std::min(install_prefix.size(), name.size()));
+	if (StartsWith(name, install_prefix) && StartsWith(below, "/") && IsPlain(below.substr(1))) {
+		return std::string(below.substr(1)); // Nearly every name; paths take long for many.
+	}
 	const std::filesystem::path path = std::filesystem::path(name).lexically_normal();
 	const std::filesystem::path relative = path.is_absolute() ? path.lexically_relative(install_prefix) : path;
 	if (relative.empty() || *relative.begin() == ".." || relative == ".") {
@@ -176,9 +275,13 @@ std::optional<std::string> RelativeName(const std::string& name, const std::stri
 	return relative.string();
 }
 
-bool ListsAllFiles(const DatabaseStatus& status) {
-	return !status.file_statuses.empty() && std::all_of(status.file_statuses.begin(), status.file_statuses.end(),
-	                                            [](const auto& entry) { return StartsWith(entry.first, "/"); });
+bool ListsAllFiles(const InstalledRecord& record) {
+	for (std::size_t at = 0; at < record.files.Size(); ++at) {
+		if (!StartsWith(record.files.Name(at), "/")) {
+			return false;
+		}
+	}
+	return !record.files.IsEmpty();
 }
 
 const std::string& DigestOfNothing() {
@@ -189,32 +292,37 @@ const std::string& DigestOfNothing() {
 	return kDigest;
 }
 
-bool IsListedDirectory(const dataupdate::FileStatus& status, const std::string& path) {
+bool IsListedDirectory(const std::string& digest, const std::string& path) {
 	std::error_code ignored;
-	return status.sha384_digest == DigestOfNothing() &&
+	return digest == DigestOfNothing() &&
 	       std::filesystem::is_directory(std::filesystem::symlink_status(path, ignored));
 }
 
-bool Agree(const InstalledFiles& record, const DatabaseStatus& status, const std::string& install_prefix) {
-	if (record.data_version != status.data_version ||
-	    (ListsAllFiles(status) && record.files.size() != status.file_statuses.size())) {
+bool Agree(const InstalledFiles& record, const InstalledRecord& listed, const std::string& install_prefix) {
+	if (record.data_version != listed.data_version ||
+	    (ListsAllFiles(listed) && record.files.Size() != listed.files.Size())) {
 		return false;
 	}
-	return std::all_of(status.file_statuses.begin(), status.file_statuses.end(), [&](const auto& entry) {
-		const auto name = RelativeName(entry.first, install_prefix);
-		const auto file = name ? record.files.find(*name) : record.files.end();
-		return file != record.files.end() ? file->second.sha384_digest == entry.second.sha384_digest
-		                                  : name && IsListedDirectory(entry.second, install_prefix + "/" + *name);
-	});
+	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
+		const std::string digest = listed.files.Text(at);
+		const auto name = RelativeName(std::string(listed.files.Name(at)), install_prefix);
+		const auto file = name ? record.files.Find(*name) : std::nullopt;
+		const bool agree = file ? file->sha384_digest == digest
+		                        : name && IsListedDirectory(digest, install_prefix + "/" + *name);
+		if (!agree) {
+			return false;
+		}
+	}
+	return true;
 }
 
 std::optional<InstalledFiles> ReadCredibleFiles(
-    const std::string& id, const DatabaseStatus& status, const std::string& install_prefix) {
+    const std::string& id, const InstalledRecord& listed, const std::string& install_prefix) {
 	if (dataupdate::IsReplacementMarked(id)) {
 		return std::nullopt;
 	}
 	std::optional<InstalledFiles> record = ReadInstalledFiles(id);
-	return record && Agree(*record, status, install_prefix) ? std::move(record) : std::nullopt;
+	return record && Agree(*record, listed, install_prefix) ? std::move(record) : std::nullopt;
 }
 
 } // namespace tarn::ctl

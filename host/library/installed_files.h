@@ -2,14 +2,17 @@
 #ifndef HOST_LIBRARY_INSTALLED_FILES_H
 #define HOST_LIBRARY_INSTALLED_FILES_H
 
+#include "dataupdate/file_list.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/records.h"
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tarn::ctl {
 
@@ -22,6 +25,28 @@ struct InstalledFile {
 	std::string link_target;           ///< Empty for a regular file.
 };
 
+/** Many installed files by their names, in order, in little memory. */
+class InstalledFileTable {
+public:
+	/** Appends a file; Sort() unless names come in order. */
+	void Add(std::string_view name, const InstalledFile& file);
+	/** Of files with one name the first that was added stays. */
+	void Sort() { list_.Sort(); }
+	/** As FileList::FreeBefore(). */
+	void FreeBefore(std::size_t at) { list_.FreeBefore(at); }
+
+	[[nodiscard]] std::size_t Size() const { return list_.Size(); }
+	[[nodiscard]] std::string_view Name(std::size_t at) const { return list_.Name(at); }
+	[[nodiscard]] InstalledFile At(std::size_t at) const;
+	[[nodiscard]] std::optional<std::size_t> Place(std::string_view name) const { return list_.Find(name); }
+	[[nodiscard]] bool Has(std::string_view name) const { return Place(name).has_value(); }
+	[[nodiscard]] std::optional<InstalledFile> Find(std::string_view name) const;
+	bool operator==(const InstalledFileTable& other) const { return list_ == other.list_; }
+
+private:
+	dataupdate::FileList list_;
+};
+
 /** All files of one version, by their names relative to the install directory, so that the directory may move. */
 struct InstalledFiles {
 	int data_version = -1;
@@ -30,7 +55,7 @@ struct InstalledFiles {
 	 * then is then taken for right, but for the files that the library's own record names.
 	 */
 	bool is_from_disk = false;
-	std::map<std::string, InstalledFile> files;
+	InstalledFileTable files;
 };
 
 /** A record of the host's, whatever it holds; null when there is none, or none that can be read as JSON. */
@@ -59,23 +84,23 @@ void DropInstalledFiles(const std::string& id);
 std::optional<std::string> RelativeName(const std::string& name, const std::string& install_prefix);
 
 /** Whether the library's record lists all files, since it was made by a full package: by absolute names. */
-bool ListsAllFiles(const dataupdate::DatabaseStatus& status);
+bool ListsAllFiles(const dataupdate::InstalledRecord& record);
 
 /** The digest that the library gives what has no content, or cannot be opened. */
 const std::string& DigestOfNothing();
 
 /** Whether what the library lists is a directory that has taken the place of a file which the update deleted. */
-bool IsListedDirectory(const dataupdate::FileStatus& status, const std::string& path);
+bool IsListedDirectory(const std::string& digest, const std::string& path);
 
 /**
  * Whether the record describes what the library's record describes: the same version, with the same digest for each
  * file that the library lists. Another program may have changed the installation without knowing of this record.
  */
-bool Agree(const InstalledFiles& record, const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
+bool Agree(const InstalledFiles& record, const dataupdate::InstalledRecord& listed, const std::string& install_prefix);
 
 /** The record, when it agrees with the library's and no replacement is unfinished. */
 std::optional<InstalledFiles> ReadCredibleFiles(
-    const std::string& id, const dataupdate::DatabaseStatus& status, const std::string& install_prefix);
+    const std::string& id, const dataupdate::InstalledRecord& listed, const std::string& install_prefix);
 
 } // namespace tarn::ctl
 

@@ -12,6 +12,7 @@
 namespace tarn::ctl {
 
 using dataupdate::DatabaseStatus;
+using dataupdate::InstalledRecord;
 using dataupdate::RemoteInfo;
 using Diffs = std::map<int, dataupdate::DiffInfo>;
 
@@ -37,10 +38,18 @@ void LogMissingDiff(const std::string& id, const Outcome& outcome, const Diffs& 
 	}
 }
 
+/** What passes through the library's front, which holds it all the time; the files pass beside it. */
+DatabaseStatus WithoutFiles(int data_version, int last_fetch_time) {
+	DatabaseStatus status;
+	status.data_version = data_version;
+	status.last_fetch_time = last_fetch_time;
+	return status;
+}
+
 } // namespace
 
 /** What the library asks, and tells at the end. */
-class Operation::OwnInfo : public dataupdate::InfoGetter {
+class Operation::OwnInfo : public dataupdate::InfoGetter, public dataupdate::RecordTaker {
 public:
 	explicit OwnInfo(Operation& operation)
 	    : InfoGetter(operation.services_.io, operation.services_.config), operation_(operation) {}
@@ -55,6 +64,9 @@ public:
 	void SetDatabaseStatus(const std::string& /*id*/, const DatabaseStatus& status) const override {
 		operation_.RecordStatus(status);
 	}
+	void TakeRecord(const std::string& /*id*/, InstalledRecord record) const override {
+		operation_.RecordStatus(std::move(record));
+	}
 
 private:
 	Operation& operation_;
@@ -68,10 +80,11 @@ public:
 	DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const Diffs& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory) const override {
-		operation_.record_.PrepareUpdate(status);
-		operation_.update_ =
-		    operation_.services_.update(id, status, remote, diffs, volume, installPrefix, rootDirectory);
-		return operation_.update_.status;
+		RecordKeeper& record = operation_.record_;
+		record.PrepareUpdate();
+		operation_.update_ = operation_.services_.update(id, status, remote, diffs, volume, installPrefix,
+		    rootDirectory, [&record](const std::string& name) { return record.KnownDigest(name); });
+		return WithoutFiles(operation_.update_.data_version, operation_.update_.last_fetch_time);
 	}
 
 private:
@@ -112,13 +125,14 @@ RemoteInfo Operation::AskServer() {
 }
 
 DatabaseStatus Operation::ReadStatus() {
-	DatabaseStatus status = services_.info->GetDatabaseStatus(id_);
+	const InstalledRecord record = ReadInstalled(services_, id_);
+	DatabaseStatus status = WithoutFiles(record.data_version, record.last_fetch_time);
 	outcome_.before = status.data_version;
 	outcome_.was_unfinished = dataupdate::IsReplacementMarked(id_);
 	if (change_ == Change::kFix) {
 		check_volume_();
 		// The library's own record does not name every file; it reinstalls what seems not to be installed.
-		if (record_.FindsDamage(status)) {
+		if (record_.FindsDamage(record)) {
 			status.data_version = -1;
 		}
 	}
@@ -129,29 +143,35 @@ DatabaseStatus Operation::ReadStatus() {
  * The old records go first and the new ones come last. A process that is killed in between leaves none, never wrong
  * ones.
  */
-void Operation::RecordStatus(const DatabaseStatus& status) {
+void Operation::RecordStatus(InstalledRecord record) {
 	const dataupdate::InterruptionShield shield;
+	if (change_ == Change::kUpdate) {
+		record.files = std::move(update_.files);
+	}
+	if (!update_.is_full) {
+		record_.RecallBefore();
+	}
 	DropInstalledFiles(id_);
 	ForgetInstalledPackage(id_);
-	services_.info->SetDatabaseStatus(id_, status);
-	outcome_.installed = status.data_version;
+	WriteInstalled(services_, id_, record);
+	outcome_.installed = record.data_version;
 	const std::optional<OpenedPackage> package = packages_.Last(id_);
-	if (package && package->data_version == status.data_version) {
+	if (package && package->data_version == record.data_version) {
 		RecordInstalledPackage(id_, *package);
 	}
-	KeepRecord(status);
+	KeepRecord(std::move(record));
 }
 
-void Operation::KeepRecord(const DatabaseStatus& status) {
+void Operation::KeepRecord(InstalledRecord record) {
 	switch (change_) {
 	case Change::kUpdate:
-		record_.KeepUpdated(status, update_);
+		record_.KeepUpdated(std::move(record), update_.is_full);
 		return;
 	case Change::kFix:
-		record_.KeepFixed(status);
+		record_.KeepFixed(std::move(record));
 		return;
 	case Change::kForced:
-		record_.KeepForced(status);
+		record_.KeepForced(record);
 		return;
 	}
 }

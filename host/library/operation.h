@@ -69,8 +69,8 @@ private:
 
 	dataupdate::RemoteInfo AskServer();
 	dataupdate::DatabaseStatus ReadStatus();
-	void RecordStatus(const dataupdate::DatabaseStatus& status);
-	void KeepRecord(const dataupdate::DatabaseStatus& status);
+	void RecordStatus(dataupdate::InstalledRecord record);
+	void KeepRecord(dataupdate::InstalledRecord record);
 
 	const Services& services_;
 	std::string id_;

@@ -20,7 +20,7 @@
 
 namespace tarn::ctl {
 
-using dataupdate::DatabaseStatus;
+using dataupdate::InstalledRecord;
 
 namespace {
 
@@ -95,24 +95,42 @@ std::optional<RunRecord> ReadRunRecord(const std::string& id) {
 
 void RecordKeeper::Mend(int installed_version) {
 	if (installed_version != -1 && IsWhole() && !SeemsCurrent(id_, installed_version) &&
-	    !Prepare(services_.info->GetDatabaseStatus(id_)) && before_) {
+	    !Prepare(ReadInstalled(services_, id_)) && before_) {
 		ConfirmInstalledFiles(id_);
 	}
 }
 
-void RecordKeeper::PrepareUpdate(const DatabaseStatus& status) {
-	if (!before_ && status.data_version != -1 && IsWhole()) {
-		Prepare(status);
+void RecordKeeper::PrepareUpdate() {
+	if (!before_ && IsWhole()) {
+		const InstalledRecord listed = ReadInstalled(services_, id_);
+		if (listed.data_version != -1) {
+			Prepare(listed);
+		}
+	}
+	Forget();
+}
+
+std::optional<std::string> RecordKeeper::KnownDigest(const std::string& name) {
+	RecallBefore();
+	const std::optional<InstalledFile> file = before_ ? before_->files.Find(name) : std::nullopt;
+	return file && file->link_target.empty() ? std::optional(file->sha384_digest) : std::nullopt;
+}
+
+void RecordKeeper::Forget() {
+	can_be_recalled_ = before_.has_value() && is_on_disk_;
+	if (can_be_recalled_) {
+		before_.reset();
 	}
 }
 
 void RecordKeeper::PrepareForced() {
 	try {
-		const DatabaseStatus status = services_.info->GetDatabaseStatus(id_);
-		if (status.data_version != -1 && IsWhole()) {
-			Prepare(status);
+		const InstalledRecord listed = ReadInstalled(services_, id_);
+		if (listed.data_version != -1 && IsWhole()) {
+			Prepare(listed);
 		}
 		identities_ = IdentitiesBelow(InstallPrefix());
+		Forget();
 	} catch (const std::exception& error) {
 		if (dataupdate::IsInterruptionRequested()) {
 			throw;
@@ -122,12 +140,18 @@ void RecordKeeper::PrepareForced() {
 	}
 }
 
-bool RecordKeeper::FindsDamage(const DatabaseStatus& status) {
-	const std::string prefix = InstallPrefix();
-	if (status.data_version == -1 || !IsWhole()) {
+bool RecordKeeper::FindsDamage(const InstalledRecord& listed) {
+	if (listed.data_version == -1) {
 		return false;
 	}
-	const bool is_new = Prepare(status);
+	const std::string prefix = InstallPrefix();
+	if (!dataupdate::CheckListing(dataupdate::ListingOf(listed.files), prefix)) {
+		return true;
+	}
+	if (!IsWhole()) {
+		return false;
+	}
+	const bool is_new = Prepare(listed);
 	// A fix replaces everything, so nothing is kept of what was before.
 	const std::optional<InstalledFiles> record = std::exchange(before_, std::nullopt);
 	if (!record || (is_new && record->is_from_disk)) {
@@ -137,28 +161,35 @@ bool RecordKeeper::FindsDamage(const DatabaseStatus& status) {
 	for (const std::string& name : unknown) {
 		syslog(LOG_ERR, "File %s/%s is unknown", prefix.c_str(), name.c_str());
 	}
-	return !unknown.empty() || !FindBadFiles(*record, status, prefix).empty();
+	return !unknown.empty() || !FindBadFiles(*record, listed, prefix).empty();
 }
 
-void RecordKeeper::KeepFixed(const DatabaseStatus& status) {
-	Write([&] { return WholeRecord(status, InstallPrefix(), true); });
+void RecordKeeper::RecallBefore() {
+	if (std::exchange(can_be_recalled_, false)) {
+		before_ = ReadInstalledFiles(id_);
+	}
 }
 
-void RecordKeeper::KeepForced(const DatabaseStatus& status) {
+void RecordKeeper::KeepFixed(InstalledRecord listed) {
+	before_.reset();
+	Write([&] { return WholeRecord(std::move(listed), InstallPrefix(), true); });
+}
+
+void RecordKeeper::KeepForced(const InstalledRecord& listed) {
 	Write([&] {
-		return before_ ? CarryThroughForced(std::move(*before_), identities_, status.data_version, InstallPrefix())
-		               : RebuiltRecord(status, InstallPrefix());
+		return before_ ? CarryThroughForced(*std::move(before_), std::move(identities_), listed.data_version, InstallPrefix())
+		               : RebuiltRecord(listed, InstallPrefix());
 	});
 }
 
-void RecordKeeper::KeepUpdated(const DatabaseStatus& status, const dataupdate::UpdateResult& result) {
-	if (result.is_full) {
-		KeepFixed(status);
+void RecordKeeper::KeepUpdated(InstalledRecord listed, bool is_full) {
+	if (is_full) {
+		KeepFixed(std::move(listed));
 		return;
 	}
 	Write([&] {
-		return before_ ? CarryThroughDiff(std::move(*before_), result.files, status, InstallPrefix())
-		               : RebuiltRecord(status, InstallPrefix());
+		return before_ ? CarryThroughDiff(*std::move(before_), listed, InstallPrefix())
+		               : RebuiltRecord(std::move(listed), InstallPrefix());
 	});
 }
 
@@ -173,15 +204,17 @@ bool RecordKeeper::IsWhole() const {
 	       std::filesystem::is_directory(InstallPrefix(), error);
 }
 
-bool RecordKeeper::Prepare(const DatabaseStatus& status) {
+bool RecordKeeper::Prepare(const InstalledRecord& listed) {
 	const std::string prefix = InstallPrefix();
-	before_ = ReadCredibleFiles(id_, status, prefix);
+	before_ = ReadCredibleFiles(id_, listed, prefix);
+	is_on_disk_ = before_.has_value();
 	if (before_) {
 		return false;
 	}
 	try {
-		before_ = RebuiltRecord(status, prefix);
+		before_ = RebuiltRecord(listed, prefix);
 		WriteInstalledFiles(id_, *before_);
+		is_on_disk_ = true;
 		syslog(LOG_NOTICE, "The record of the files of '%s' was made again from %s", id_.c_str(),
 		    before_->is_from_disk ? "what is on the disk" : "the record of its full package");
 	} catch (const std::exception& error) {

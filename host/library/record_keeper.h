@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -54,30 +53,43 @@ public:
 	 */
 	void Mend(int installed_version);
 	/** Before an update changes files. */
-	void PrepareUpdate(const dataupdate::DatabaseStatus& status);
+	void PrepareUpdate();
+	/** The recorded digest of a file; none when it is not known. */
+	[[nodiscard]] std::optional<std::string> KnownDigest(const std::string& name);
 	/** Before a version is unpacked over whatever is recorded and lies there. */
 	void PrepareForced();
-	/** Whether files are bad that the library's record does not name, or are unknown; each is logged. */
-	[[nodiscard]] bool FindsDamage(const dataupdate::DatabaseStatus& status);
+	/** Whether files are bad, whichever of the records names them, or are unknown; those that are found are logged. */
+	[[nodiscard]] bool FindsDamage(const dataupdate::InstalledRecord& listed);
+	/** To be called before the record is dropped, for what is carried on from it. */
+	void RecallBefore();
 
-	void KeepFixed(const dataupdate::DatabaseStatus& status);
-	void KeepForced(const dataupdate::DatabaseStatus& status);
-	/** @param result  tells which files changed */
-	void KeepUpdated(const dataupdate::DatabaseStatus& status, const dataupdate::UpdateResult& result);
+	/** @param listed  all files */
+	void KeepFixed(dataupdate::InstalledRecord listed);
+	void KeepForced(const dataupdate::InstalledRecord& listed);
+	/**
+	 * @param listed   what was replaced or created, and without digests what was deleted
+	 * @param is_full  whether these are all files
+	 */
+	void KeepUpdated(dataupdate::InstalledRecord listed, bool is_full);
 
 private:
 	std::string InstallPrefix() const;
 	/** Whether the files can be looked at and are of one version. */
 	bool IsWhole() const;
 	/** Reads the record or makes it again; returns whether it was made again. */
-	bool Prepare(const dataupdate::DatabaseStatus& status);
+	bool Prepare(const dataupdate::InstalledRecord& listed);
 	template<typename Make>
 	void Write(const Make& make) const;
 
 	const Services& services_;
 	std::string id_;
+	/** Gives up the memory of a record that can be read again. */
+	void Forget();
+
 	std::optional<InstalledFiles> before_;
-	std::map<std::string, FileIdentity> identities_;
+	bool is_on_disk_ = false;      // whether what is prepared is the record as it lies there
+	bool can_be_recalled_ = false; // whether it was given up until it is needed
+	dataupdate::FileList identities_;
 };
 
 } // namespace tarn::ctl

@@ -128,7 +128,30 @@ Services MakeServices(Terminal& terminal) {
 	const auto info = std::make_shared<CheckedInfoGetter>(io, config, limits);
 	const auto update = [](auto&&... arguments) { return dataupdate::Updater().UpdateAndTell(arguments...); };
 	return {io, config, info, update, std::make_shared<dataupdate::Checker>(config), terminal, IsVolumeAvailable,
-	    [info] { info->Hurry(); }};
+	    [info] { info->Hurry(); }, [info](const std::string& id) { return info->GetRecord(id); },
+	    [](const std::string& id, const dataupdate::InstalledRecord& record) {
+		    dataupdate::WriteLargeRecord(id, record);
+	    }};
+}
+
+dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {
+	return services.read_record ? services.read_record(id) : services.info->GetDatabaseStatus(id);
+}
+
+void WriteInstalled(const Services& services, const std::string& id, const dataupdate::InstalledRecord& record) {
+	if (services.write_record) {
+		services.write_record(id, record);
+		return;
+	}
+	dataupdate::DatabaseStatus status;
+	status.data_version = record.data_version;
+	status.last_fetch_time = record.last_fetch_time;
+	for (std::size_t at = 0; at < record.files.Size(); ++at) {
+		if (record.files.HasText(at)) {
+			status.file_statuses.emplace(record.files.Name(at), record.files.Text(at));
+		}
+	}
+	services.info->SetDatabaseStatus(id, status);
 }
 
 ExitCode ForEachDatabase(const Services& services, const std::vector<std::string>& ids,

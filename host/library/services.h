@@ -2,6 +2,7 @@
 #ifndef HOST_LIBRARY_SERVICES_H
 #define HOST_LIBRARY_SERVICES_H
 
+#include "dataupdate/installation.h"
 #include "dataupdate/project_lock.h"
 #include "dataupdate/service_config.h"
 #include "dataupdate/update.h"
@@ -66,7 +67,8 @@ struct Services {
 	/** Updater::UpdateAndTell(). */
 	std::function<dataupdate::UpdateResult(const std::string& id, const dataupdate::DatabaseStatus& status,
 	    const dataupdate::RemoteInfo& remote, const std::map<int, dataupdate::DiffInfo>& diffs,
-	    const std::string& volume, const std::string& install_prefix, const std::string& root_directory)>
+	    const std::string& volume, const std::string& install_prefix, const std::string& root_directory,
+	    const dataupdate::KnownDigest& known)>
 	    update;
 	std::shared_ptr<dataupdate::Checker> checker;
 	Terminal& terminal;
@@ -74,7 +76,15 @@ struct Services {
 	std::function<bool(const std::string& volume)> is_available;
 	/** Has the server's document come at once or not at all from now on; nothing to call in a double. */
 	std::function<void()> hurry = nullptr;
+	/** Read and write the library's record without a map of all files; in doubles nothing: info does it for them. */
+	std::function<dataupdate::InstalledRecord(const std::string& id)> read_record = nullptr;
+	std::function<void(const std::string& id, const dataupdate::InstalledRecord& record)> write_record = nullptr;
 };
+
+/** What InfoGetter::GetDatabaseStatus() says, in little memory. */
+[[nodiscard]] dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id);
+/** Does what InfoGetter::SetDatabaseStatus() does. */
+void WriteInstalled(const Services& services, const std::string& id, const dataupdate::InstalledRecord& record);
 
 /** The real ones. */
 Services MakeServices(Terminal& terminal);

@@ -20,15 +20,14 @@ namespace tarn::ctl {
 
 namespace fs = std::filesystem;
 
-using dataupdate::DatabaseStatus;
-using dataupdate::FileStatus;
+using dataupdate::InstalledRecord;
 using dataupdate::MainDirPath;
 using End = MoveOutcome::End;
 
 namespace {
 
 /** Every name below a directory, with its kind and, of a file, its size; nothing below what does not exist. */
-using Content = std::map<std::string, std::pair<std::filesystem::file_type, std::uintmax_t>>;
+using Content = dataupdate::FileList;
 
 constexpr char kMainDir[] = "/@database/autoupdate/";
 
@@ -45,14 +44,14 @@ bool LiesOnVolumes(const Services& services, const std::string& id) {
  * Whether the files are there. A record of all files tells it whether or not marks stand; without one, a forced version
  * has no recorded files, and there must be any at all.
  */
-bool IsThere(const std::string& id, const DatabaseStatus& status, const std::string& install_prefix) {
+bool IsThere(const std::string& id, const InstalledRecord& listed, const std::string& install_prefix) {
 	std::error_code error;
 	if (fs::is_empty(install_prefix, error) || error ||
-	    !dataupdate::CheckStatus(status.file_statuses, install_prefix)) {
+	    !dataupdate::CheckListing(dataupdate::ListingOf(listed.files), install_prefix)) {
 		return false;
 	}
 	const std::optional<InstalledFiles> record = ReadInstalledFiles(id);
-	return !record || !Agree(*record, status, install_prefix) || FindBadFiles(*record, status, install_prefix).empty();
+	return !record || !Agree(*record, listed, install_prefix) || FindBadFiles(*record, listed, install_prefix).empty();
 }
 
 /** Does something for each database; returns those for which it failed, having told why. */
@@ -81,16 +80,18 @@ std::vector<std::string> InstalledOnVolumes(const Services& services) {
 }
 
 void LetRecordFollow(const Services& services, const std::string& volume, const std::string& id) {
-	DatabaseStatus status = services.info->GetDatabaseStatus(id);
+	InstalledRecord record = ReadInstalled(services, id);
 	const std::string place = kMainDir + id + "/";
-	std::map<std::string, FileStatus> moved;
-	for (const auto& [name, file] : status.file_statuses) {
+	dataupdate::FileList moved;
+	for (std::size_t i = 0; i < record.files.Size(); ++i) {
+		const std::string name(record.files.Name(i));
 		const std::size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
-		moved.emplace(at == std::string::npos ? name : volume + name.substr(at), file);
+		moved.Add(at == std::string::npos ? name : volume + name.substr(at), record.files.Text(i));
 	}
-	if (moved != status.file_statuses) {
-		status.file_statuses = std::move(moved);
-		services.info->SetDatabaseStatus(id, status);
+	moved.Sort();
+	if (moved != record.files) {
+		record.files = std::move(moved);
+		WriteInstalled(services, id, record);
 	}
 }
 
@@ -117,7 +118,7 @@ std::vector<std::string> TakeOver(
 	std::vector<std::string> incomplete;
 	const auto settle = [&](const std::string& id) {
 		const std::string prefix = services.config->GetDatabaseConfig(id)->GetInstallPrefix();
-		if (unknown.count(id) != 0 || !IsThere(id, services.info->GetDatabaseStatus(id), prefix)) {
+		if (unknown.count(id) != 0 || !IsThere(id, ReadInstalled(services, id), prefix)) {
 			dataupdate::MarkUnfinished(id); // Set long ago, unless it was installed meanwhile.
 			incomplete.push_back(id);
 		} else if (std::find(marked.begin(), marked.end(), id) != marked.end()) {
@@ -161,16 +162,18 @@ std::vector<std::string> MarkInstalled(const Services& services) {
 /** No value when something cannot be examined. */
 std::optional<Content> ContentBelow(const std::string& directory) {
 	Content content;
+	const std::size_t prefix = directory.size() + 1;
 	const auto add = [&](const std::string& entry) {
 		const fs::file_type type = fs::symlink_status(entry).type();
 		const std::uintmax_t size = type == fs::file_type::regular ? fs::file_size(entry) : 0;
-		content[fs::path(entry).lexically_relative(directory)] = {type, size};
+		content.Add(entry.substr(prefix), std::to_string(static_cast<int>(type)) + " " + std::to_string(size));
 	};
 	try {
 		if (fs::exists(directory)) {
 			// Not by the standard's iterator, which holds a descriptor for each level.
 			dataupdate::IOUtils().IterateDirectory(directory, add, true);
 		}
+		content.Sort();
 		return content;
 	} catch (const std::exception&) { // the file system's, or the library's
 		return std::nullopt;
@@ -180,7 +183,8 @@ std::optional<Content> ContentBelow(const std::string& directory) {
 void Prepare(const Services& services, const std::string& volume, Preparation& preparation) {
 	RequireSafeVolume(preparation.target);
 	preparation.before = ContentBelow(MainDirPath(volume));
-	preparation.target_is_free = ContentBelow(MainDirPath(preparation.target)) == Content();
+	const std::optional<Content> there = ContentBelow(MainDirPath(preparation.target));
+	preparation.target_is_free = there && there->IsEmpty();
 	preparation.marked = MarkInstalled(services);
 }
 
@@ -218,7 +222,7 @@ End Judge(const Services& services, const std::string& volume, const Preparation
 	if (!before) {
 		return End::kDivided;
 	}
-	if (preparation.target_is_free && !before->empty() && ContentBelow(MainDirPath(preparation.target)) == before) {
+	if (preparation.target_is_free && !before->IsEmpty() && ContentBelow(MainDirPath(preparation.target)) == before) {
 		return End::kCopied;
 	}
 	return ContentBelow(MainDirPath(volume)) == before ? End::kStayed : End::kDivided;

@@ -9,13 +9,16 @@ from pathlib import Path
 
 import pytest
 from harness import programs, trees
-from harness.device import DATABASE, Device
+from harness.device import DATABASE, STATUS, Device, empty
 from harness.publisher import Publisher
 from harness.volumes import MIB, Volumes, may_mount
 
 LIMIT_KIB = 32 * 1024
 TOTAL = 2048 * MIB
 UNIQUE = 192 * MIB
+FEW, MANY = 1_000, 20_000
+# Of an operation's memory, for each file: a name of this length, with a digest, takes a third of it.
+BYTES_FOR_EACH_FILE = 450
 
 
 @pytest.fixture
@@ -49,3 +52,47 @@ def test_updating_and_checking_two_gigabytes_stays_below_32_mib(
         assert peak < LIMIT_KIB
     assert publisher.package(DATABASE, 1).stat().st_size > UNIQUE
     trees.assert_same(large_tree, connected.installed(DATABASE))
+
+
+def small_files(tree: Path, count: int, content: str) -> None:
+    for number in range(count):
+        path = tree / f"region-{number // 100:04}/data-{number:06}.dat"
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(f"{content} {number}")
+
+
+def peaks_of_a_life(device: Device, publisher: Publisher, tree: Path, count: int) -> dict[str, int]:
+    """The memory of each operation, in KiB, on a database of so many files."""
+
+    def peak(*command: str) -> int:
+        device.forget_document()
+        result, kib = programs.peak_memory(programs.CTL, *command)
+        assert result.status == 0, str(result)
+        return kib
+
+    small_files(tree, count, "first")
+    publisher.publish(tree, DATABASE, "--level", "1")
+    peaks = {"install": peak("update", DATABASE), "check": peak("check", DATABASE)}
+    small_files(tree, count // 10, "second")
+    publisher.publish(tree, DATABASE, "--level", "1", keep_diffs=1)
+    peaks["diff update"] = peak("update", DATABASE)
+    (device.installed(DATABASE) / "region-0000/data-000000.dat").write_text("damaged")
+    peaks |= {"fix": peak("fix", DATABASE), "status": peak("status", DATABASE)}
+    peaks["force install"] = peak("force-install", DATABASE, "0")
+    trees.assert_same(tree, device.installed(DATABASE))
+    return peaks
+
+
+def test_memory_grows_little_with_the_number_of_files(
+    connected: Device, publisher: Publisher, scratch: Path
+) -> None:
+    tree = scratch / "small-files"
+    few = peaks_of_a_life(connected, publisher, tree, FEW)
+    shutil.rmtree(tree)
+    for state in (connected.installed(DATABASE), STATUS / DATABASE, publisher.repository):
+        empty(state)
+    many = peaks_of_a_life(connected, publisher, tree, MANY)
+    shutil.rmtree(tree)
+    growth = {operation: (many[operation] - few[operation]) * 1024 / (MANY - FEW) for operation in few}
+    print({operation: f"{few[operation]} to {many[operation]} KiB" for operation in few})
+    assert all(each < BYTES_FOR_EACH_FILE for each in growth.values()), growth

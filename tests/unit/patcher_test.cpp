@@ -24,6 +24,13 @@ std::string Entry(const std::string& name, const std::string& operation, const s
 	return "\"" + name + R"(": {"operation": ")" + operation + R"(", "input_file": ")" + input + "\"}";
 }
 
+Patcher::KnownDigest Known(const std::map<std::string, std::string>& digests) {
+	return [digests](const std::string& name) {
+		const auto found = digests.find(name);
+		return found == digests.end() ? std::nullopt : std::optional(found->second);
+	};
+}
+
 class PatcherTest : public testing::Test {
 protected:
 	PatcherTest() {
@@ -199,7 +206,7 @@ TEST_F(PatcherTest, SaysThatAWorkingCopyCannotBeExamined) {
 
 TEST_F(PatcherTest, LeavesADirectoryInAFilesPlaceToWhatPatches) {
 	fs::create_directory(Installed("d"));
-	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("d"), std::string(96, '0')}});
+	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, Known({{"d", std::string(96, '0')}}));
 	const std::map<std::string, std::string> files = {{"p.sqlitediff", ""}, {"q.sqlitediff", "DELETE FROM t;"}};
 	for (const std::string script : {"p.sqlitediff", "q.sqlitediff"}) {
 		EXPECT_EQ(Failure(Entry("d", "update", script), files), "Fail apply sql cmd: unable to open database file");
@@ -265,7 +272,7 @@ TEST_F(PatcherTest, RefusesTwoSpellingsOfOneName) {
 
 TEST_F(PatcherTest, KnowsAFileByItsRecordWhateverItsSpelling) {
 	WriteFile(Installed("a/d"), "changed");
-	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("a/d"), std::string(96, '0')}});
+	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_, Known({{"a/d", std::string(96, '0')}}));
 	EXPECT_EQ(Failure(Entry("a//d", "update", "p.sqlitediff"), {{"p.sqlitediff", ""}}),
 	    "File " + Installed("a/d") + " digest check fail");
 }
@@ -273,8 +280,8 @@ TEST_F(PatcherTest, KnowsAFileByItsRecordWhateverItsSpelling) {
 TEST_F(PatcherTest, RefusesADatabaseThatSomebodyWritesWhileItIsCopied) {
 	WriteFile(Installed("d"), "old");
 	WriteFile(directory_ / "right", "right");
-	patcher_ =
-	    Patcher(directory_ / "sum", directory_ / "db", decoder_, {{Installed("d"), FileSha384(directory_ / "right")}});
+	patcher_ = Patcher(
+	    directory_ / "sum", directory_ / "db", decoder_, Known({{"d", FileSha384(directory_ / "right")}}));
 	system_.on_call = [this](const std::string& call) {
 		if (call == "copy_file_range") { // By the time of the digest all is well.
 			WriteFile(Installed("d"), "right");
@@ -352,7 +359,7 @@ TEST_F(PatcherTest, RunsNoScriptOnAFileThatItsRecordTellsApart) {
 	WriteFile(Installed("d"), "changed");
 	WriteFile(Installed("f"), "changed");
 	patcher_ = Patcher(directory_ / "sum", directory_ / "db", decoder_,
-	    {{Installed("d"), std::string(96, '0')}, {Installed("f"), std::string(96, '0')}});
+	    Known({{"d", std::string(96, '0')}, {"f", std::string(96, '0')}}));
 	EXPECT_EQ(Failure(Entry("d", "update", "p.sqlitediff"), {{"p.sqlitediff", ""}}),
 	    "File " + Installed("d") + " digest check fail");
 	Apply(Entry("f", "update", "p.vcdiff"), {{"p.vcdiff", "!"}}); // A patch knows its file itself.

@@ -43,8 +43,9 @@ struct Doubles {
 	/** What the updater's double changes. */
 	std::set<std::string> changed;
 	ctl::Services services{io, config, info,
-	    [this](auto&&... arguments) {
-		    return dataupdate::UpdateResult{updater->Update(arguments...), changed, false};
+	    [this](const auto& id, const auto& status, const auto& remote, const auto& diffs, const auto& volume,
+	        const auto& prefix, const auto& root, const auto& /*known*/) {
+		    return Result(updater->Update(id, status, remote, diffs, volume, prefix, root));
 	    },
 	    checker, terminal, [this](const std::string&) { return is_available; }};
 
@@ -63,6 +64,22 @@ struct Doubles {
 		ON_CALL(*database, GetRootDirectory).WillByDefault(Return("/volume1"));
 		ON_CALL(*database, GetInstallPrefix).WillByDefault(Return("/volume1/@database/autoupdate/geo"));
 		ON_CALL(*info, GetRemoteInfo).WillByDefault(Return(dataupdate::RemoteInfo(5, 0, false, "http://x/")));
+	}
+
+	/** What an update by diff packages tells. */
+	dataupdate::UpdateResult Result(const dataupdate::DatabaseStatus& status) const {
+		std::set<std::string> names = changed;
+		for (const auto& [name, file] : status.file_statuses) {
+			names.insert(name);
+		}
+		dataupdate::UpdateResult result;
+		result.data_version = status.data_version;
+		result.last_fetch_time = status.last_fetch_time;
+		for (const std::string& name : names) {
+			const auto file = status.file_statuses.find(name);
+			result.files.Add(name, file == status.file_statuses.end() ? "" : file->second.sha384_digest);
+		}
+		return result;
 	}
 
 	/** Makes a version the installed one, of one database or, without an id, of all. */

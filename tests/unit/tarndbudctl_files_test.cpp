@@ -68,10 +68,20 @@ protected:
 	std::vector<std::string> Unknown(const InstalledFiles& record) const { return FindUnknownFiles(record, root_); }
 	static std::vector<std::string> Names(const InstalledFiles& record) {
 		std::vector<std::string> names;
-		for (const auto& [name, file] : record.files) {
-			names.push_back(name);
+		for (std::size_t at = 0; at < record.files.Size(); ++at) {
+			names.emplace_back(record.files.Name(at));
 		}
 		return names;
+	}
+	/** What an update by diff packages tells: what is listed, and what of the changed names is gone. */
+	dataupdate::InstalledRecord Changed(
+	    const std::set<std::string>& changed, const std::set<std::string>& listed) const {
+		dataupdate::InstalledRecord result = Listed(listed);
+		for (const std::string& name : changed) {
+			result.files.Add(name);
+		}
+		result.files.Sort();
+		return result;
 	}
 
 	test::TemporaryDirectory directory_;
@@ -82,15 +92,22 @@ TEST_F(InstalledFilesTest, ComesBackAsItWasWritten) {
 	InstalledFiles record;
 	record.data_version = kVersion;
 	record.is_from_disk = true;
-	record.files["sub/with \" and \n, \xc3\xa9 and \xff"] = {std::string(96, 'a'), 5000000000, ""};
-	record.files["of unknown size"] = {std::string(96, 'b'), std::nullopt, ""};
-	record.files["link"] = {"", std::nullopt, "sub/target"};
+	record.files.Add("link", {"", std::nullopt, "sub/target"});
+	record.files.Add("of a digest of another length", {"abc", 5, ""});
+	record.files.Add("of unknown size", {std::string(96, 'b'), std::nullopt, ""});
+	record.files.Add("sub/with \" and \n, \xc3\xa9 and \xff", {std::string(96, 'a'), 5000000000, ""});
 	WriteInstalledFiles("geo", record);
 	const auto read = ReadInstalledFiles("geo");
 	ASSERT_TRUE(read);
 	EXPECT_EQ(read->data_version, kVersion);
 	EXPECT_TRUE(read->is_from_disk);
 	EXPECT_EQ(read->files, record.files);
+	EXPECT_EQ(read->files.At(0).link_target, "sub/target");
+	EXPECT_EQ(read->files.At(1), record.files.At(1));
+	EXPECT_EQ(read->files.At(1).size, 5U);
+	EXPECT_EQ(read->files.At(2).size, std::nullopt);
+	EXPECT_EQ(read->files.At(3).size, 5000000000U);
+	EXPECT_EQ(read->files.At(3).sha384_digest, std::string(96, 'a'));
 }
 
 TEST_F(InstalledFilesTest, IsNoneWhenItCannotBeUnderstood) {
@@ -141,7 +158,8 @@ TEST_F(InstalledFilesTest, FollowsTheFilesToAnotherDirectory) {
 TEST_F(InstalledFilesTest, NamesEveryBadFileAndInWhatItIsBad) {
 	InstalledFiles record = Install({"changed", "directory", "good", "link", "longer", "missing"});
 	fs::create_symlink("good", directory_ / "forced");
-	record.files["forced"].link_target = "good";
+	record.files.Add("forced", {"", std::nullopt, "good"});
+	record.files.Sort();
 	EXPECT_THAT(Bad(record), IsEmpty());
 	WriteFile(directory_ / "changed", "CONTENT of changed");
 	WriteFile(directory_ / "longer", "content of longer files");
@@ -178,17 +196,17 @@ TEST_F(InstalledFilesTest, LeavesWhatTheLibraryListsToTheLibrarysCheck) {
 }
 
 TEST_F(InstalledFilesTest, IsCarriedThroughADiff) {
-	const InstalledFiles before = Install({"changed", "deleted", "steady", "sub/steady"});
+	InstalledFiles before = Install({"changed", "deleted", "steady", "sub/steady"});
 	WriteFile(directory_ / "changed", "new");
 	WriteFile(directory_ / "created", "new");
 	fs::remove(directory_ / "deleted");
 	const std::set<std::string> changed = {"changed", "created", "deleted", "created and deleted", "sub"};
-	const InstalledFiles now = CarryThroughDiff(before, changed, Listed({"changed", "created"}), root_);
+	const InstalledFiles now = CarryThroughDiff(std::move(before), Changed(changed, {"changed", "created"}), root_);
 	EXPECT_THAT(Names(now), ElementsAre("changed", "created", "steady", "sub/steady"));
 	EXPECT_EQ(now.data_version, kVersion);
 	EXPECT_THAT(Bad(now), IsEmpty());
 	EXPECT_THAT(Unknown(now), IsEmpty());
-	EXPECT_EQ(now.files.at("created").size, 3U);
+	EXPECT_EQ(now.files.Find("created")->size, 3U);
 }
 
 TEST_F(InstalledFilesTest, KnowsADirectoryThatTookAFilesPlace) {
@@ -197,7 +215,7 @@ TEST_F(InstalledFilesTest, KnowsADirectoryThatTookAFilesPlace) {
 	WriteFile(directory_ / "a/file", "");
 	// The library lists what exists of the changed names, directories as well.
 	const DatabaseStatus status = Listed({"a", "a/file"});
-	record = CarryThroughDiff(record, {"a", "a/file"}, status, root_);
+	record = CarryThroughDiff(std::move(record), Changed({}, {"a", "a/file"}), root_);
 	EXPECT_THAT(Names(record), ElementsAre("a/file", "b"));
 	EXPECT_TRUE(Agree(record, status, root_));
 	EXPECT_THAT(Bad(record), IsEmpty());
@@ -205,19 +223,19 @@ TEST_F(InstalledFilesTest, KnowsADirectoryThatTookAFilesPlace) {
 }
 
 TEST_F(InstalledFilesTest, DoesNotForgetWhatTheDiffDidNotDelete) {
-	const InstalledFiles before = Install({"changed", "damaged", "vanished"});
+	InstalledFiles before = Install({"changed", "damaged", "vanished"});
 	fs::remove(directory_ / "vanished");
 	WriteFile(directory_ / "damaged", "CONTENT of damaged");
-	const InstalledFiles now = CarryThroughDiff(before, {"changed"}, Listed({"changed"}), root_);
+	const InstalledFiles now = CarryThroughDiff(std::move(before), Changed({}, {"changed"}), root_);
 	EXPECT_THAT(Bad(now), ElementsAre("damaged has changed", "vanished is missing"));
 }
 
 TEST_F(InstalledFilesTest, IsCarriedThroughAForcedVersion) {
-	const InstalledFiles before = Install({"damaged", "became directory", "overwritten", "steady", "vanished"});
+	InstalledFiles before = Install({"damaged", "became directory", "overwritten", "steady", "vanished"});
 	WriteFile(directory_ / "damaged", "CONTENT of damaged");
 	WriteFile(directory_ / "unknown", "");
 	fs::remove(directory_ / "vanished");
-	const auto identities = IdentitiesBelow(root_);
+	auto identities = IdentitiesBelow(root_);
 	// As the package does it: what exists is removed first.
 	for (const char* name : {"became directory", "overwritten"}) {
 		fs::remove(directory_ / name);
@@ -225,7 +243,7 @@ TEST_F(InstalledFilesTest, IsCarriedThroughAForcedVersion) {
 	WriteFile(directory_ / "became directory/file", "forced");
 	WriteFile(directory_ / "overwritten", "content of OVERWRITTEN");
 	fs::create_symlink("steady", directory_ / "link");
-	const InstalledFiles now = CarryThroughForced(before, identities, kVersion + 3, root_);
+	const InstalledFiles now = CarryThroughForced(std::move(before), std::move(identities), kVersion + 3, root_);
 	EXPECT_EQ(now.data_version, kVersion + 3);
 	EXPECT_THAT(
 	    Names(now), ElementsAre("became directory/file", "damaged", "link", "overwritten", "steady", "vanished"));
@@ -250,12 +268,12 @@ TEST_F(InstalledFilesTest, IsMadeAgainFromTheDiskButForWhatTheLibraryLists) {
 	WriteFile(directory_ / "a", "damaged before");
 	WriteFile(directory_ / "b", "damaged before, which cannot be known");
 	fs::remove(directory_ / "c");
-	const InstalledFiles record = RebuiltRecord(status, root_);
+	InstalledFiles record = RebuiltRecord(status, root_);
 	EXPECT_TRUE(record.is_from_disk);
 	EXPECT_THAT(Bad(record), ElementsAre("a has changed", "c is missing"));
 	EXPECT_TRUE(Agree(record, status, root_));
 	EXPECT_THAT(Unknown(record), IsEmpty());
-	const InstalledFiles carried = CarryThroughDiff(record, {"b"}, Listed({"b"}), root_);
+	const InstalledFiles carried = CarryThroughDiff(std::move(record), Changed({}, {"b"}), root_);
 	EXPECT_TRUE(carried.is_from_disk) << "the other files are still as they were found";
 }
 

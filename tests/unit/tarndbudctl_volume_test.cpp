@@ -268,11 +268,19 @@ private:
 	std::function<void(const std::string&)> act_;
 };
 
-TEST_F(VolumeCommandTest, MarksBeforeAVolumeIsAdoptedAndIsKilled) {
+class FragileRecordTest : public VolumeCommandTest {
+protected:
+	void Break(const std::function<void(const std::string& id)>& act) {
+		services_.info = std::make_shared<FragileInfo>(services_, act);
+		services_.read_record = nullptr;
+	}
+};
+
+TEST_F(FragileRecordTest, MarksBeforeAVolumeIsAdoptedAndIsKilled) {
 	Install(first_);
 	ListVolumes({second_});
 	options_.path = second_;
-	services_.info = std::make_shared<FragileInfo>(services_, [](const std::string&) { raise(SIGKILL); });
+	Break([](const std::string&) { raise(SIGKILL); });
 	for (auto* command : {kInitCommand.run, kVolumeMountedCommand.run}) {
 		UseVolume("");
 		WriteFile("/usr/tarn/etc/data_update/data_update.conf", "{}");
@@ -283,11 +291,11 @@ TEST_F(VolumeCommandTest, MarksBeforeAVolumeIsAdoptedAndIsKilled) {
 	}
 }
 
-TEST_F(VolumeCommandTest, AdoptsTheOthersWhenOneDatabaseFails) {
+TEST_F(FragileRecordTest, AdoptsTheOthersWhenOneDatabaseFails) {
 	Install(first_);
 	InstallSecond(first_);
 	UseVolume("");
-	services_.info = std::make_shared<FragileInfo>(services_, [](const std::string& id) {
+	Break([](const std::string& id) {
 		if (id == "geo") {
 			throw std::runtime_error("broken");
 		}

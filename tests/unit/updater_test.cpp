@@ -136,7 +136,17 @@ protected:
 		WriteFile(Installed("other"), "old");
 	}
 
-	DatabaseStatus Update() const { return UpdateAndTell().status; }
+	DatabaseStatus Update() const {
+		UpdateResult result = UpdateAndTell();
+		return InstalledRecord::TakeStatus({result.data_version, result.last_fetch_time, std::move(result.files)});
+	}
+	static std::vector<std::string> Names(const FileList& files) {
+		std::vector<std::string> names;
+		for (std::size_t at = 0; at < files.Size(); ++at) {
+			names.emplace_back(files.Name(at));
+		}
+		return names;
+	}
 	UpdateResult UpdateAndTell() const {
 		DatabaseStatus installed;
 		installed.data_version = 3;
@@ -177,14 +187,16 @@ TEST_F(ChainUpdaterTest, TellsTheHooksTheRelativeNamesAroundTheReplacement) {
 TEST_F(ChainUpdaterTest, TellsWhatItDeletedAsWell) {
 	const UpdateResult result = UpdateAndTell();
 	EXPECT_FALSE(result.is_full);
-	EXPECT_THAT(result.files, ElementsAre("a", "gone", "sub/new"));
+	EXPECT_THAT(Names(result.files), ElementsAre("a", "gone", "sub/new"));
+	EXPECT_EQ(result.files.TextOf("a"), kOfAbc);
+	EXPECT_EQ(result.files.TextOf("gone"), "");
 }
 
 TEST_F(ChainUpdaterTest, TellsThatTheFullPackageReplacedEverything) {
 	packages_.by_link.erase("http://h/4");
 	const UpdateResult result = UpdateAndTell();
 	EXPECT_TRUE(result.is_full);
-	EXPECT_THAT(result.files, ElementsAre(Installed("a"), Installed("sub/new")));
+	EXPECT_THAT(Names(result.files), ElementsAre(Installed("a"), Installed("sub/new")));
 }
 
 TEST_F(ChainUpdaterTest, FallsBackToTheFullPackageWithOneWarning) {

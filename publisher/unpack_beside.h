@@ -1,0 +1,49 @@
+/** @file Unpacking a package beside the version before it, so that what both have takes space once. */
+#ifndef PUBLISHER_UNPACK_BESIDE_H
+#define PUBLISHER_UNPACK_BESIDE_H
+
+#include "archive/file.h"
+#include "publisher/tree.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/**
+ * Unpacks a package that ArchiveFile::Check() has accepted into a directory. A file that is the same in the earlier
+ * tree, in bytes and execute permission, becomes a second name of the earlier tree's file: write to neither.
+ *
+ * @param root     holds both directories
+ * @param target   name of the directory in root to unpack into
+ * @param earlier  name of the directory in root with the earlier tree
+ * @throws Error of archive/ for a package that holds anything but files, and for what cannot be written
+ */
+void UnpackBeside(
+    const archive::ArchiveFile& package, const std::string& root, const std::string& target, const std::string& earlier);
+
+/**
+ * The files of a tree that have another name elsewhere. After devices' code has changed the tree with the other names,
+ * the comparison of the trees could not tell if such a file were written to, for it would change in both.
+ */
+class SharedFiles {
+public:
+	explicit SharedFiles(const Tree& tree);
+
+	/** Throws PublishError naming the first file that was written to since then. */
+	void RequireUntouched() const;
+
+private:
+	struct File {
+		std::string name;
+		std::string path;
+		std::filesystem::file_time_type time;
+	};
+
+	std::vector<File> files_;
+};
+
+} // namespace tarn::publisher
+
+#endif
