@@ -1,6 +1,5 @@
 #include "base/json_scanner.h"
 
-#include "base/error.h"
 #include "base/file_io.h"
 
 #include <algorithm>
@@ -14,7 +13,7 @@ constexpr std::size_t kBufferBytes = std::size_t{64} << 10U;
 constexpr int kMostDigits = 18;
 
 [[noreturn]] void Refuse() {
-	throw Error("is not the expected JSON");
+	throw UnexpectedJson();
 }
 
 void AppendUtf8(unsigned point, std::string& text) {
@@ -52,7 +51,7 @@ JsonScanner::JsonScanner(int fd) : fd_(fd), buffer_(kBufferBytes) {}
 void JsonScanner::Fill() {
 	const ssize_t count = ReadAllAt(fd_, buffer_.data(), buffer_.size(), offset_);
 	if (count < 0) {
-		ThrowErrno("cannot be read");
+		Refuse();
 	}
 	offset_ += static_cast<std::uint64_t>(count);
 	filled_ = static_cast<std::size_t>(count);
@@ -193,6 +192,12 @@ void JsonScanner::Members(const std::function<void(const std::string& name)>& me
 		member(name);
 	} while (Skip(','));
 	Require('}');
+}
+
+void JsonScanner::Expect(bool is_as_expected) {
+	if (!is_as_expected) {
+		Refuse();
+	}
 }
 
 void JsonScanner::End() {

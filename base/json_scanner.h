@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -11,10 +12,13 @@
 
 namespace tarn {
 
+/** A document cannot be read, or is none, or another one than the caller expects. */
+class UnexpectedJson : public std::exception {};
+
 /**
  * Reads a document from the beginning of an open file, in the order in which it is written. Strict: no comments, no
- * numbers but integers, nothing behind the document. Whatever cannot be read, or is not what the caller expects next, is
- * an Error, upon which a caller turns to a reader that takes all of JSON.
+ * numbers but integers, nothing behind the document. Everything else is UnexpectedJson, upon which a caller turns to a
+ * reader that takes all of JSON, and that has words for what is wrong.
  */
 class JsonScanner {
 public:
@@ -33,6 +37,9 @@ public:
 	void Members(const std::function<void(const std::string& name)>& member);
 	/** Requires that nothing follows. */
 	void End();
+
+	/** Throws UnexpectedJson unless what was read is as the caller expects it. */
+	static void Expect(bool is_as_expected);
 
 private:
 	static constexpr int kEnd = -1;

@@ -1,4 +1,3 @@
-#include "base/error.h"
 #include "base/json_scanner.h"
 #include "base/unique_fd.h"
 #include "dataupdate/installation.h"
@@ -20,7 +19,7 @@ namespace tarn::dataupdate {
 namespace {
 
 int ToInt(std::int64_t number) {
-	Require(number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max(), "is no int");
+	JsonScanner::Expect(number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max());
 	return static_cast<int>(number);
 }
 
@@ -28,7 +27,7 @@ int ToInt(std::int64_t number) {
 int ParseVersion(const std::string& text) {
 	int version = 0;
 	const auto result = std::from_chars(text.data(), text.data() + text.size(), version);
-	Require(result.ec == std::errc() && result.ptr == text.data() + text.size(), "has another version");
+	JsonScanner::Expect(result.ec == std::errc() && result.ptr == text.data() + text.size());
 	return version;
 }
 
@@ -40,13 +39,13 @@ public:
 	InstalledRecord Read() {
 		json_.Members([this](const std::string& name) { ReadMember(name); });
 		json_.End();
-		Require(members_ == 3, "lacks a member");
+		JsonScanner::Expect(members_ == 3);
 		return std::move(record_);
 	}
 
 private:
 	void ReadMember(const std::string& name) {
-		Require(last_member_ < name, "repeats a member");
+		JsonScanner::Expect(last_member_ < name);
 		last_member_ = name;
 		++members_;
 		if (name == "data_version") {
@@ -54,23 +53,23 @@ private:
 		} else if (name == "last_fetch_time") {
 			record_.last_fetch_time = ToInt(json_.Integer());
 		} else {
-			Require(name == "file_statuses", "has another member");
+			JsonScanner::Expect(name == "file_statuses");
 			json_.Members([this](const std::string& file) { ReadFile(file); });
 		}
 	}
 
 	void ReadFile(const std::string& name) {
-		Require(record_.files.IsEmpty() || last_file_ < name, "has files in another order");
+		JsonScanner::Expect(record_.files.IsEmpty() || last_file_ < name);
 		last_file_ = name;
 		bool has_digest = false;
 		json_.Members([&](const std::string& member) {
-			Require(member == "sha384_digest" && !has_digest, "says more of a file");
+			JsonScanner::Expect(member == "sha384_digest" && !has_digest);
 			const std::string& digest = json_.Text();
-			Require(!digest.empty(), "has an empty digest");
+			JsonScanner::Expect(!digest.empty());
 			record_.files.Add(name, digest);
 			has_digest = true;
 		});
-		Require(has_digest, "has no digest");
+		JsonScanner::Expect(has_digest);
 	}
 
 	JsonScanner json_;
@@ -83,9 +82,7 @@ private:
 /** Writes what JsonCpp's StyledStreamWriter("\t") makes of DatabaseStatus::ToJson(). */
 class RecordWriter {
 public:
-	explicit RecordWriter(const std::string& path) : path_(path), file_(path, std::ios::out) {
-		Check(file_.is_open());
-	}
+	explicit RecordWriter(const std::string& path) : path_(path), file_(path, std::ios::out) { Check(file_.is_open()); }
 
 	void Begin(int version) { file_ << "{\n\t\"data_version\" : \"" << version << "\",\n\t\"file_statuses\" : "; }
 
@@ -143,7 +140,7 @@ std::optional<InstalledRecord> ReadLargeRecord(const std::string& id) {
 	const UniqueFd file(open(StatusPath(id).c_str(), O_RDONLY | O_CLOEXEC));
 	try {
 		return file ? std::optional(RecordReader(file.Get()).Read()) : std::nullopt;
-	} catch (const Error&) {
+	} catch (const UnexpectedJson&) {
 		return std::nullopt;
 	}
 }

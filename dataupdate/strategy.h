@@ -118,7 +118,8 @@ private:
 	std::string space_check_path_;
 	std::string package_path_;
 	std::string unpack_directory_;
-	FileList unpacked_; // What comes from elsewhere than from the same name below the unpacked tree has that as its text.
+	FileList
+	    unpacked_; // What comes from elsewhere than from the same name below the unpacked tree has that as its text.
 	bool is_staged_ = false;
 };
 

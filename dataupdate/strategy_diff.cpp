@@ -92,8 +92,8 @@ void DiffStrategy::PrepareUpdate() {
 	const IOUtils io;
 	accumulation_directory_ = TempPath(temp_base_, id_, kAccumulated);
 	MakeEmptyDirectory(accumulation_directory_);
-	patcher_ = std::make_unique<Patcher>(
-	    accumulation_directory_, install_directory_, RunDecoder, DigestSource(status_, install_directory_, known_digest_));
+	patcher_ = std::make_unique<Patcher>(accumulation_directory_, install_directory_, RunDecoder,
+	    DigestSource(status_, install_directory_, known_digest_));
 	for (int version = status_.data_version; version < remote_.data_version;) {
 		_DoDiffUpdateTo(++version);
 	}

@@ -129,8 +129,7 @@ std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, c
 
 // The list is given up. NOLINTNEXTLINE(performance-unnecessary-value-param)
 FileList CalculateDigests(FileList files, const std::string& root) {
-	DigestsAhead digests(
-	    files.Size(), [&](std::size_t at) { return JoinPath(root, std::string(files.Name(at))); });
+	DigestsAhead digests(files.Size(), [&](std::size_t at) { return JoinPath(root, std::string(files.Name(at))); });
 	FileList result;
 	for (std::size_t at = 0; at < files.Size(); ++at) {
 		result.Add(files.Name(at), digests.Next().value_or(""));
@@ -162,8 +161,7 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
-		prepared =
-		    Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
+		prepared = Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;
 	}
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };

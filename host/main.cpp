@@ -11,8 +11,8 @@
 int main(int argc, char** argv) {
 	using namespace tarn::ctl;
 	SetOwnUmask();
-	// Else the threshold follows the blocks that are freed, and lists of files, whose blocks are larger than this, would
-	// not give their memory back.
+	// Else the threshold follows the blocks that are freed, and lists of files, whose blocks are larger than this,
+	// would not give their memory back.
 	constexpr int kMappedBytes = 128 * 1024;
 	mallopt(M_MMAP_THRESHOLD, kMappedBytes);
 	try {

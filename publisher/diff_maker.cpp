@@ -70,7 +70,8 @@ private:
 	void Unpack() {
 		observer_.step("unpacking", 0, 2);
 		const std::string& id = order_.options.id;
-		order_.reader.Unpack(order_.repository.PackagePath(id, version_ - 1), {id, "", version_ - 1}, work_.Make("old"));
+		order_.reader.Unpack(
+		    order_.repository.PackagePath(id, version_ - 1), {id, "", version_ - 1}, work_.Make("old"));
 		observer_.step("unpacking", 1, 2);
 		// Not the published tree, which may have changed meanwhile. What both versions have takes space once.
 		order_.reader.UnpackNextTo(order_.new_package, {id, "", version_}, work_.Path(), "new", "old");

@@ -123,8 +123,8 @@ private:
 
 } // namespace
 
-void UnpackBeside(
-    const archive::ArchiveFile& package, const std::string& root, const std::string& target, const std::string& earlier) {
+void UnpackBeside(const archive::ArchiveFile& package, const std::string& root, const std::string& target,
+    const std::string& earlier) {
 	const archive::ArchiveHead& head = package.Head();
 	archive::PayloadStream stream(package, head.unpacked_size +
 	                                           head.entry_count * archive::TarReader::kMaxOverheadPerMember +
@@ -152,7 +152,8 @@ SharedFiles::SharedFiles(const Tree& tree) {
 void SharedFiles::RequireUntouched() const {
 	for (const File& file : files_) {
 		if (std::filesystem::last_write_time(file.path) != file.time) {
-			throw PublishError("devices would write to \"" + Printable(file.name) + "\", which the package does not name");
+			throw PublishError(
+			    "devices would write to \"" + Printable(file.name) + "\", which the package does not name");
 		}
 	}
 }

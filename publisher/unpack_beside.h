@@ -20,8 +20,8 @@ namespace tarn::publisher {
  * @param earlier  name of the directory in root with the earlier tree
  * @throws Error of archive/ for a package that holds anything but files, and for what cannot be written
  */
-void UnpackBeside(
-    const archive::ArchiveFile& package, const std::string& root, const std::string& target, const std::string& earlier);
+void UnpackBeside(const archive::ArchiveFile& package, const std::string& root, const std::string& target,
+    const std::string& earlier);
 
 /**
  * The files of a tree that have another name elsewhere. After devices' code has changed the tree with the other names,

@@ -89,8 +89,8 @@ void ReplaceContent(const std::string& file, const std::string& content) {
 
 } // namespace
 
-Patcher::Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
-    KnownDigest known_digest)
+Patcher::Patcher(
+    std::string accumulation_directory, std::string install_directory, Decoder decoder, KnownDigest known_digest)
     : accumulation_directory_(std::move(accumulation_directory)),
       install_directory_(std::move(install_directory)),
       decoder_(std::move(decoder)),

@@ -28,8 +28,8 @@ public:
 	 * @param accumulation_directory  an empty directory for the working copies
 	 * @param install_directory       the database's files
 	 * @param decoder                 whatever it throws leaves ApplyPackage() as it is
-	 * @param known_digest            tells what is known of the installed files. A patch tells itself that a file is not
-	 *                                the one it was made for; before a script this is what does
+	 * @param known_digest            tells what is known of the installed files. A patch tells itself that a file is
+	 * not the one it was made for; before a script this is what does
 	 */
 	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
 	    KnownDigest known_digest = {});

@@ -281,7 +281,8 @@ InstalledFiles RebuiltRecord(const InstalledRecord& listed, const std::string& i
 		}
 	});
 	unlisted.Sort();
-	AddEarlier(RecordOf(std::move(unlisted), install_prefix), [](std::string_view) { return true; }, record.files);
+	AddEarlier(
+	    RecordOf(std::move(unlisted), install_prefix), [](std::string_view) { return true; }, record.files);
 	return record;
 }
 

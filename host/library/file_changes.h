@@ -21,7 +21,8 @@ dataupdate::FileList IdentitiesBelow(const std::string& directory);
  *
  * @param are_fresh  whether the files have just been put there, so that their sizes are those of the digests
  */
-InstalledFiles WholeRecord(const dataupdate::InstalledRecord& listed, const std::string& install_prefix, bool are_fresh);
+InstalledFiles WholeRecord(
+    const dataupdate::InstalledRecord& listed, const std::string& install_prefix, bool are_fresh);
 /** Gives the list up, and frees it while the record is made. */
 InstalledFiles WholeRecord(dataupdate::InstalledRecord&& listed, const std::string& install_prefix, bool are_fresh);
 
@@ -39,8 +40,8 @@ InstalledFiles CarryThroughDiff(
  * identity since then is recorded as it is; everything else keeps its entry, so that damage from before is still found,
  * and what was unknown stays unknown.
  */
-InstalledFiles CarryThroughForced(InstalledFiles before, dataupdate::FileList identities, int data_version,
-    const std::string& install_prefix);
+InstalledFiles CarryThroughForced(
+    InstalledFiles before, dataupdate::FileList identities, int data_version, const std::string& install_prefix);
 
 /** The record of all files if there is one to believe, or if the library's own is one. */
 std::optional<InstalledFiles> KnownFiles(

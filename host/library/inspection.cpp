@@ -165,8 +165,8 @@ Findings JudgeAgain(Known known, const Findings& before) {
 	}
 	listed.files.Sort();
 	others.files.Sort();
-	Findings found = Judge(
-	    known, FindBadFiles(listed, known.install_prefix), FindBadFiles(others, InstalledRecord(), known.install_prefix));
+	Findings found = Judge(known, FindBadFiles(listed, known.install_prefix),
+	    FindBadFiles(others, InstalledRecord(), known.install_prefix));
 	for (const BadFile& file : before.unknown) {
 		const bool exists = std::filesystem::exists(std::filesystem::symlink_status(file.path));
 		if (exists && known.files && !known.files->files.Has(file.name)) {

@@ -48,7 +48,7 @@ struct Findings {
 	bool AreBad() const { return is_unfinished || listed.data_version == -1 || !bad.empty() || !unknown.empty(); }
 
 	dataupdate::InstalledRecord listed; ///< The library's record.
-	bool is_unfinished = false; ///< A replacement was begun and is not finished, or not recorded yet.
+	bool is_unfinished = false;         ///< A replacement was begun and is not finished, or not recorded yet.
 	Knowledge knowledge = Knowledge::kListed;
 	std::vector<BadFile> bad;
 	std::vector<BadFile> unknown; ///< What is there without being recorded; only where all files are known.

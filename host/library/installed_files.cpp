@@ -1,6 +1,5 @@
 #include "host/library/installed_files.h"
 
-#include "base/error.h"
 #include "base/file_io.h"
 #include "base/json_scanner.h"
 #include "base/text.h"
@@ -55,8 +54,9 @@ std::string Pack(const InstalledFile& file) {
 	}
 	const std::string size = file.size ? SizeDigits(*file.size) : "";
 	// A digest of another length is none of ours, and only has to come back.
-	return file.sha384_digest.size() == kDigestDigits ? file.sha384_digest + size
-	                                                  : kOddMark + (file.size ? size : "-") + kOddMark + file.sha384_digest;
+	return file.sha384_digest.size() == kDigestDigits
+	           ? file.sha384_digest + size
+	           : kOddMark + (file.size ? size : "-") + kOddMark + file.sha384_digest;
 }
 
 std::optional<std::uint64_t> ParseSize(const std::string& digits) {
@@ -88,11 +88,11 @@ public:
 		int members = 0;
 		json_.Members([&](const std::string& name) {
 			static const std::vector<std::string> kNames = {"data_version", "rebuilt_from_disk", "files"};
-			Require(members < 3 && name == kNames[static_cast<std::size_t>(members++)], "has another member");
+			JsonScanner::Expect(members < 3 && name == kNames[static_cast<std::size_t>(members++)]);
 			ReadMember(name);
 		});
 		json_.End();
-		Require(members == 3, "lacks a member");
+		JsonScanner::Expect(members == 3);
 		return std::move(record_);
 	}
 
@@ -108,7 +108,7 @@ private:
 	}
 
 	void ReadFile(const std::string& name) {
-		Require(record_.files.Size() == 0 || last_ < name, "has files in another order");
+		JsonScanner::Expect(record_.files.Size() == 0 || last_ < name);
 		last_ = name;
 		file_ = {};
 		json_.Members([this](const std::string& member) {
@@ -117,9 +117,9 @@ private:
 			} else if (member == "sha384_digest") {
 				file_.sha384_digest = json_.Text();
 			} else {
-				Require(member == "size", "says more of a file");
+				JsonScanner::Expect(member == "size");
 				const std::int64_t size = json_.Integer();
-				Require(size >= 0, "has a negative size");
+				JsonScanner::Expect(size >= 0);
 				file_.size = static_cast<std::uint64_t>(size);
 			}
 		});
@@ -222,7 +222,7 @@ std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {
 	const UniqueFd file(open(InstalledFilesPath(id).c_str(), O_RDONLY | O_CLOEXEC));
 	try {
 		return file ? std::optional(RecordReader(file.Get()).Read()) : std::nullopt;
-	} catch (const Error&) {
+	} catch (const UnexpectedJson&) {
 		return std::nullopt;
 	} catch (const std::logic_error&) {
 		return std::nullopt; // The version is no number.
@@ -294,8 +294,7 @@ const std::string& DigestOfNothing() {
 
 bool IsListedDirectory(const std::string& digest, const std::string& path) {
 	std::error_code ignored;
-	return digest == DigestOfNothing() &&
-	       std::filesystem::is_directory(std::filesystem::symlink_status(path, ignored));
+	return digest == DigestOfNothing() && std::filesystem::is_directory(std::filesystem::symlink_status(path, ignored));
 }
 
 bool Agree(const InstalledFiles& record, const InstalledRecord& listed, const std::string& install_prefix) {
@@ -307,8 +306,8 @@ bool Agree(const InstalledFiles& record, const InstalledRecord& listed, const st
 		const std::string digest = listed.files.Text(at);
 		const auto name = RelativeName(std::string(listed.files.Name(at)), install_prefix);
 		const auto file = name ? record.files.Find(*name) : std::nullopt;
-		const bool agree = file ? file->sha384_digest == digest
-		                        : name && IsListedDirectory(digest, install_prefix + "/" + *name);
+		const bool agree =
+		    file ? file->sha384_digest == digest : name && IsListedDirectory(digest, install_prefix + "/" + *name);
 		if (!agree) {
 			return false;
 		}

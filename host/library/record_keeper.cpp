@@ -177,7 +177,8 @@ void RecordKeeper::KeepFixed(InstalledRecord listed) {
 
 void RecordKeeper::KeepForced(const InstalledRecord& listed) {
 	Write([&] {
-		return before_ ? CarryThroughForced(*std::move(before_), std::move(identities_), listed.data_version, InstallPrefix())
+		return before_ ? CarryThroughForced(
+		                     *std::move(before_), std::move(identities_), listed.data_version, InstallPrefix())
 		               : RebuiltRecord(listed, InstallPrefix());
 	});
 }

@@ -30,7 +30,8 @@ protected:
 	static std::vector<DatabaseStatus> Statuses() {
 		const FileStatus digest(kDigest);
 		return {DatabaseStatus(), Status({}), Status({{"/volume1/a", digest}}),
-		    Status({{"a", FileStatus("odd")}, {"b/\"quoted\"\\\n\t\x01", digest}, {"\xc3\xa9 \xf0\x9f\x98\x80", digest}})};
+		    Status(
+		        {{"a", FileStatus("odd")}, {"b/\"quoted\"\\\n\t\x01", digest}, {"\xc3\xa9 \xf0\x9f\x98\x80", digest}})};
 	}
 	/** Whether a record is read as the general reader reads it. */
 	static void ExpectSame(const std::optional<InstalledRecord>& record, const DatabaseStatus& status) {

@@ -280,8 +280,8 @@ TEST_F(PatcherTest, KnowsAFileByItsRecordWhateverItsSpelling) {
 TEST_F(PatcherTest, RefusesADatabaseThatSomebodyWritesWhileItIsCopied) {
 	WriteFile(Installed("d"), "old");
 	WriteFile(directory_ / "right", "right");
-	patcher_ = Patcher(
-	    directory_ / "sum", directory_ / "db", decoder_, Known({{"d", FileSha384(directory_ / "right")}}));
+	patcher_ =
+	    Patcher(directory_ / "sum", directory_ / "db", decoder_, Known({{"d", FileSha384(directory_ / "right")}}));
 	system_.on_call = [this](const std::string& call) {
 		if (call == "copy_file_range") { // By the time of the digest all is well.
 			WriteFile(Installed("d"), "right");

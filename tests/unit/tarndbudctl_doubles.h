@@ -44,9 +44,8 @@ struct Doubles {
 	std::set<std::string> changed;
 	ctl::Services services{io, config, info,
 	    [this](const auto& id, const auto& status, const auto& remote, const auto& diffs, const auto& volume,
-	        const auto& prefix, const auto& root, const auto& /*known*/) {
-		    return Result(updater->Update(id, status, remote, diffs, volume, prefix, root));
-	    },
+	        const auto& prefix, const auto& root,
+	        const auto& /*known*/) { return Result(updater->Update(id, status, remote, diffs, volume, prefix, root)); },
 	    checker, terminal, [this](const std::string&) { return is_available; }};
 
 	Doubles() {

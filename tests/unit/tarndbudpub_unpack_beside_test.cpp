@@ -1,7 +1,6 @@
-#include "publisher/unpack_beside.h"
-
 #include "publisher/package.h"
 #include "publisher/publish_error.h"
+#include "publisher/unpack_beside.h"
 #include "publisher_fixture.h"
 #include "temporary_directory.h"
 
