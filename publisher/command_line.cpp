@@ -233,16 +233,16 @@ void AddRestore(CLI::App& app, Options& options) {
 
 void AddReaders(CLI::App& app, Options& options) {
 	CLI::App* verify = app.add_subcommand("verify", "Check a package's signature and content");
-	CLI::App* unpack = app.add_subcommand("unpack", "Check a package and unpack its files");
+	CLI::App* extract = app.add_subcommand("extract", "Check a package and unpack its files");
 	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says about itself; checks no signature");
-	for (CLI::App* command : {verify, unpack, inspect}) {
+	for (CLI::App* command : {verify, extract, inspect}) {
 		command->add_option("PACKAGE", options.package, "Package file")->required();
 	}
-	for (CLI::App* command : {verify, unpack}) {
+	for (CLI::App* command : {verify, extract}) {
 		command->add_option("--key", options.public_keys, "Public key that may have signed it; may be repeated")
 		    ->required();
 	}
-	unpack->add_option("DIRECTORY", options.directory, "Directory for the files; made if missing")->required();
+	extract->add_option("DIRECTORY", options.directory, "Directory for the files; made if missing")->required();
 	inspect->add_flag("--json", options.json, "Print JSON");
 }
 
@@ -255,7 +255,7 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunRestore(options, streams);
 	} else if (app.got_subcommand("verify")) {
 		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
-	} else if (app.got_subcommand("unpack")) {
+	} else if (app.got_subcommand("extract")) {
 		streams.out << UnpackPackage(options.package, options.public_keys, options.directory) << "\n";
 	} else {
 		InspectPackage(options.package, options.json, streams.out);

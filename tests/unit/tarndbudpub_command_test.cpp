@@ -56,7 +56,7 @@ TEST_F(Command, NeedsASubcommandItKnows) {
 }
 
 TEST_F(Command, HelpEndsWithTheExitCodes) {
-	for (const char* command : {"keygen", "publish", "restore", "verify", "unpack", "inspect"}) {
+	for (const char* command : {"keygen", "publish", "restore", "verify", "extract", "inspect"}) {
 		EXPECT_EQ(Run({command, "--help"}), publisher::kDone);
 		EXPECT_THAT(out_.str(), ::testing::EndsWith("Exit status: 0 done, 1 failed, 2 wrong usage.\n")) << command;
 	}
@@ -222,16 +222,17 @@ TEST_F(Command, UnpackPutsTheFilesOfACheckedPackageIntoADirectory) {
 	Put("zones/north", Noise(5000, 1));
 	ASSERT_EQ(Run(PublishArguments()), publisher::kDone);
 	const std::string out = directory_ / "unpacked";
-	ExpectFailure(Run({"unpack", directory_ / "missing", out, "--key", directory_ / "key.pub"}), "cannot open");
+	ExpectFailure(Run({"extract", directory_ / "missing", out, "--key", directory_ / "key.pub"}), "cannot open");
 	EXPECT_FALSE(std::filesystem::exists(out));
-	EXPECT_EQ(Run({"unpack", Package(1), out, "--key", directory_ / "key.pub"}), publisher::kDone);
+	EXPECT_EQ(Run({"extract", Package(1), out, "--key", directory_ / "key.pub"}), publisher::kDone);
 	EXPECT_THAT(out_.str(), HasSubstr("2 files of " + Package(1) + " are in " + out));
 	EXPECT_EQ(ReadFile(out + "/zones/north"), Noise(5000, 1));
 	archive::GenerateKeyFiles(directory_ / "other");
-	ExpectFailure(Run({"unpack", Package(1), out, "--key", directory_ / "other.pub"}), "has no signature by a trusted");
 	ExpectFailure(
-	    Run({"unpack", Package(1), out + "/zones/north", "--key", directory_ / "key.pub"}), "Not a directory");
-	EXPECT_EQ(Run({"unpack", Package(1), "--key", directory_ / "key.pub"}), publisher::kUsage);
+	    Run({"extract", Package(1), out, "--key", directory_ / "other.pub"}), "has no signature by a trusted");
+	ExpectFailure(
+	    Run({"extract", Package(1), out + "/zones/north", "--key", directory_ / "key.pub"}), "Not a directory");
+	EXPECT_EQ(Run({"extract", Package(1), "--key", directory_ / "key.pub"}), publisher::kUsage);
 }
 
 TEST_F(Command, InspectTellsHowAPackageIsCompressed) {
