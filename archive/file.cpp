@@ -75,11 +75,11 @@ std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_
 }
 
 void ArchiveFile::CheckPayload() const {
-	constexpr std::size_t kFramesAtOnce = 4; // which share a buffer
-	DoInParallel((frames_.size() + kFramesAtOnce - 1) / kFramesAtOnce, [&](std::size_t piece) {
+	constexpr std::size_t kMaxShares = 4; // Each takes a frame's memory, and disks give no more work to do.
+	const std::size_t shares = std::min({kMaxShares, std::size_t{Processors()}, frames_.size()});
+	DoInParallel(shares, [&](std::size_t share) {
 		std::string buffer;
-		const std::size_t end = std::min(frames_.size(), (piece + 1) * kFramesAtOnce);
-		for (std::size_t index = piece * kFramesAtOnce; index < end; ++index) {
+		for (std::size_t index = share; index < frames_.size(); index += shares) {
 			ReadFrame(index, buffer);
 		}
 	});

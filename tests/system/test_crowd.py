@@ -36,7 +36,8 @@ class Publication:
         for name in IDS:
             manifests.write(self.tree(name), name, self.version)
             keep = 0 if self.version == WITHOUT_DIFF else VERSIONS
-            self._publisher.publish(self.tree(name), name, keep_diffs=keep)
+            # Beside so many processes, thorough compression would leave time for one version only.
+            self._publisher.publish(self.tree(name), name, "--level", "1", keep_diffs=keep)
 
     def tree(self, name: str) -> Path:
         return self._place / f"{name} {self.version}"
