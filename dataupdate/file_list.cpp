@@ -43,7 +43,7 @@ FileList::FileList(const std::map<std::string, FileStatus>& statuses) {
 }
 
 char* FileList::Room(std::size_t size) {
-	if (size > room_) {
+	if (blocks_.empty() || size > room_) { // A list that was moved from has room without a block.
 		const std::size_t block = std::max(size, kBlockBytes);
 		// Without value initialization: pages that are not used take no memory.
 		blocks_.emplace_back(new char[block]);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarn::dataupdate {
@@ -90,6 +91,15 @@ TEST(FileListTest, FreesNothingEarlyThatWasAddedInAnotherOrder) {
 	ASSERT_EQ(statuses.size(), 30000U);
 	EXPECT_EQ(statuses.begin()->first, "100001");
 	EXPECT_EQ(statuses.rbegin()->second.sha384_digest, kDigest);
+}
+
+TEST(FileListTest, CanBeFilledAgainAfterItWasMovedFrom) {
+	FileList list;
+	list.Add("a", "of a");
+	const FileList taken = std::move(list);
+	list.Add("b", "of b"); // NOLINT(bugprone-use-after-move): what is tested
+	EXPECT_THAT(Entries(taken), testing::ElementsAre("a=of a"));
+	EXPECT_EQ(list.TextOf("b"), "of b");
 }
 
 TEST(FileListTest, RefusesWhatIsTooLong) {
