@@ -28,7 +28,9 @@ public:
 	FileList() = default;
 	/** The digests of a record. */
 	explicit FileList(const std::map<std::string, FileStatus>& statuses);
+	/** Takes the entries; the other list is empty then. */
 	FileList(FileList&& other) = default;
+	/** Likewise. */
 	FileList& operator=(FileList&& other) = default;
 	FileList(const FileList&) = delete;
 	FileList& operator=(const FileList&) = delete;
@@ -39,10 +41,13 @@ public:
 	/** Puts the names into order; of entries with one name the first that was added stays. */
 	void Sort();
 
+	/** The number of entries. */
 	[[nodiscard]] std::size_t Size() const { return entries_.size(); }
+	/** Whether there is no entry. */
 	[[nodiscard]] bool IsEmpty() const { return entries_.empty(); }
 	/** The name at a place; valid as long as the list is. */
 	[[nodiscard]] std::string_view Name(std::size_t at) const;
+	/** The text at a place. */
 	[[nodiscard]] std::string Text(std::size_t at) const;
 	/** Whether the text at a place is not empty. */
 	[[nodiscard]] bool HasText(std::size_t at) const { return entries_[at].text_size != 0; }

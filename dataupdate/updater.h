@@ -31,7 +31,7 @@ namespace tarn::dataupdate {
 
 /** Recorded files in whatever form a host keeps them. The functions are called by several threads at a time. */
 struct FileListing {
-	std::size_t count = 0;
+	std::size_t count = 0;                                    ///< Of the files.
 	std::function<std::string(std::size_t number)> name_of;   ///< In the order in which files are to be looked at.
 	std::function<std::string(std::size_t number)> digest_of; ///< As GetSha384() gives it.
 };
@@ -107,9 +107,17 @@ public:
 
 	/**
 	 * Does the same, and tells more: the new state does not name what diff packages deleted, so a host that keeps an
-	 * account of all files could not tell it from what vanished otherwise.
+	 * account of all files could not tell it from what vanished otherwise. Throws what Update() throws.
 	 *
-	 * @param known  tells the digests of files that the status does not list; may be empty
+	 * @param id             database id
+	 * @param status         what is installed
+	 * @param remote         what the server offers
+	 * @param diffs          the server's diff packages, keyed by the version that each produces
+	 * @param volume         current volume; temporary data goes below it
+	 * @param installPrefix  install directory
+	 * @param rootDirectory  path whose file system must keep 5 % free
+	 * @param known          tells the digests of files that the status does not list; may be empty
+	 * @return the new installed state, to be recorded by the caller, and what was replaced
 	 */
 	[[nodiscard]] UpdateResult UpdateAndTell(const std::string& id, const DatabaseStatus& status,
 	    const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs, const std::string& volume,

@@ -40,7 +40,7 @@ protected:
 		EXPECT_EQ(record->last_fetch_time, status.last_fetch_time);
 		EXPECT_EQ(record->files, FileList(status.file_statuses));
 	}
-	const IOUtils io_;
+	const IOUtils io_{};
 };
 
 TEST_F(LargeRecordTest, IsWrittenByteForByteLikeAStatus) {
