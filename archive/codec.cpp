@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -56,7 +55,7 @@ private:
 		if (size > left_) {
 			return nullptr;
 		}
-		auto* const begin = static_cast<char*>(std::malloc(kPrefix + size));
+		auto* const begin = static_cast<char*>(::operator new(kPrefix + size, std::nothrow));
 		if (begin == nullptr) {
 			return nullptr;
 		}
@@ -73,7 +72,7 @@ private:
 		std::size_t size = 0;
 		std::memcpy(&size, begin, sizeof size);
 		left_ += size;
-		std::free(begin);
+		::operator delete(begin);
 	}
 
 	std::size_t left_ = kMaxDecoderMemory;

@@ -46,7 +46,7 @@ char* FileList::Room(std::size_t size) {
 	if (blocks_.empty() || size > room_) { // A list that was moved from has room without a block.
 		const std::size_t block = std::max(size, kBlockBytes);
 		// Without value initialization: pages that are not used take no memory.
-		blocks_.emplace_back(new char[block]);
+		blocks_.emplace_back(new char[block]); // NOLINT(cppcoreguidelines-owning-memory): the block owns it
 		room_ = block;
 		block_end_ = blocks_.back().get() + block;
 	}

@@ -222,7 +222,7 @@ void FullStrategy::_PlaceFiles(const std::string& root, void (*place)(const std:
 	fs::path made;
 	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
 		const std::string name(unpacked_.Name(at));
-		const fs::path path = root + "/" + name;
+		const fs::path path = fs::path(root) / name;
 		const fs::path parent = path.parent_path();
 		if (parent != made) {
 			fs::create_directories(parent);

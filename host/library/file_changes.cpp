@@ -163,7 +163,7 @@ std::string IdentityOf(const fs::path& path) {
 	    static_cast<std::uint64_t>(status.st_ctim.tv_nsec)};
 	// Equal by chance for one change in 2^64.
 	const std::size_t hash = std::hash<std::string_view>()({reinterpret_cast<const char*>(parts.data()), sizeof parts});
-	return std::string(reinterpret_cast<const char*>(&hash), sizeof hash);
+	return {reinterpret_cast<const char*>(&hash), sizeof hash};
 }
 
 } // namespace

@@ -190,7 +190,7 @@ void RecordKeeper::KeepUpdated(InstalledRecord listed, bool is_full) {
 	}
 	Write([&] {
 		return before_ ? CarryThroughDiff(*std::move(before_), listed, InstallPrefix())
-		               : RebuiltRecord(std::move(listed), InstallPrefix());
+		               : RebuiltRecord(listed, InstallPrefix());
 	});
 }
 
