@@ -10,7 +10,7 @@ import threading
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
-from dataclasses import asdict, dataclass
+from dataclasses import asdict, dataclass, replace
 from pathlib import Path
 
 from harness import programs
@@ -23,9 +23,11 @@ MEMORY_LIMIT = 32 * MIB
 # Up to so many files the limit holds; beyond, memory may grow by so many bytes for each file.
 LIMITED_FILES = 60_000
 BYTES_FOR_EACH_FILE = 320
-# The old tree, what differs from it, and the new package.
+# The old tree and what differs from it, beside the packages.
 PUBLISHER_TREES = 2
+BLOCK = 4096  # of a usual file system, of which a small file takes one
 SMALL_FILE = 2_000
+ONE_PACKAGE = ("publish the first version", "publish without a diff package")
 
 
 @dataclass(frozen=True)
@@ -40,6 +42,8 @@ class Point:
     seconds: float
     peak_rss_bytes: int
     peak_disk_bytes: int
+    package_bytes: int
+    """Of the packages that a publication made."""
 
 
 @dataclass(frozen=True)
@@ -62,7 +66,8 @@ class Sizes:
 
 
 class Tree:
-    """Files in directories of a hundred; half of their bytes compress. A change rewrites some of the files."""
+    """Files in directories of a hundred; half of their bytes compress. A change rewrites some files, of larger ones some
+    mebibytes."""
 
     def __init__(self, root: Path, files: int, file_bytes: int) -> None:
         self.root = root
@@ -72,27 +77,34 @@ class Tree:
         self._block = self._chance.randbytes(MIB)
         for number in range(files):
             self._path(number).parent.mkdir(parents=True, exist_ok=True)
-            self._write(number)
+            self._path(number).touch()
+        self._write(self._parts())
 
     @property
     def bytes(self) -> int:
         return self.files * self._file_bytes
 
-    def change(self, files: int) -> None:
-        for number in sorted(self._chance.sample(range(self.files), files)):
-            self._write(number)
+    def change(self, share: float) -> None:
+        parts = self._parts()
+        self._write(sorted(self._chance.sample(parts, max(1, int(len(parts) * share)))))
+
+    def change_files(self, count: int) -> None:
+        self._write([(number, 0) for number in sorted(self._chance.sample(range(self.files), count))])
 
     def _path(self, number: int) -> Path:
         return self.root / f"region-{number // 100:04}/data-{number:06}.dat"
 
-    def _write(self, number: int) -> None:
-        with self._path(number).open("wb") as stream:
-            left = self._file_bytes
-            while left > 0:
-                part = min(left, MIB)
-                begin = self._chance.randrange(MIB // 2)
-                stream.write((self._chance.randbytes(part // 8) + self._block[begin:] + self._block)[:part])
-                left -= part
+    def _parts(self) -> list[tuple[int, int]]:
+        """Every file's mebibytes, by the number of the file and the place in it."""
+        return [(number, at) for number in range(self.files) for at in range(0, self._file_bytes, MIB)]
+
+    def _write(self, parts: list[tuple[int, int]]) -> None:
+        for number, at in parts:
+            size = min(self._file_bytes - at, MIB)
+            begin = self._chance.randrange(MIB // 2)
+            with self._path(number).open("r+b") as stream:
+                stream.seek(at)
+                stream.write((self._chance.randbytes(size // 2) + self._block[begin:] + self._block)[:size])
 
 
 class DiskUse:
@@ -140,10 +152,10 @@ class ScaleBench:
     def measure(self, sizes: Sizes) -> None:
         for files in sizes.files:
             with self._new_tree("files", files, SMALL_FILE):
-                self._live_through(one_percent=max(1, files // 100), many=max(1, files // 5))
+                self._live_through()
         for size in sizes.large:
             with self._new_tree("bytes", 8, size // 8):
-                self._live_through(one_percent=1, many=4)
+                self._live_through()
         for length in sizes.chains:
             with self._new_tree("chain", sizes.chain_files, SMALL_FILE):
                 self._take_a_chain(length)
@@ -161,23 +173,23 @@ class ScaleBench:
             shutil.rmtree(self._device.installed(DATABASE), ignore_errors=True)
             shutil.rmtree(STATUS / DATABASE, ignore_errors=True)
 
-    def _live_through(self, one_percent: int, many: int) -> None:
+    def _live_through(self) -> None:
         """Everything that happens to a database in its life."""
         self._publish("publish the first version")
         self._run_device("install", "update", DATABASE)
         self._run_device("check", "check", DATABASE)
         self._run_device("status", "status", DATABASE)
-        self._tree.change(one_percent)
+        self._tree.change(0.01)
         self._publish("publish a change of 1 %")
         self._run_device("diff update of 1 %", "update", DATABASE)
-        self._tree.change(many)
+        self._tree.change(0.2)
         self._publish("publish a change of 20 %")
         self._run_device("diff update of 20 %", "update", DATABASE)
         self._run_device("check after diff updates", "check", DATABASE)
         self._run_device("status after diff updates", "status", DATABASE)
         (self._device.installed(DATABASE) / "region-0000/data-000000.dat").write_bytes(b"damaged")
         self._run_device("fix", "fix", DATABASE)
-        self._tree.change(1)
+        self._tree.change_files(1)
         self._publish("publish without a diff package", keep_diffs=0)
         self._run_device("full update", "update", DATABASE)
         self._run_device("force install", "force-install", DATABASE, "0")
@@ -187,7 +199,7 @@ class ScaleBench:
         self._publish("publish the first version")
         self._run_device("install", "update", DATABASE)
         for _ in range(length):
-            self._tree.change(3)
+            self._tree.change_files(3)
             self._publisher.publish(self._tree.root, DATABASE, "--level", "1", keep_diffs=length)
         self._run_device("diff update", "update", DATABASE, chain=length)
 
@@ -197,7 +209,13 @@ class ScaleBench:
             "--key", self._publisher.private_key, "--url", self._publisher.base, "--keep-diffs", str(keep_diffs),
             "--level", "1",
         ]  # fmt: skip
+        before = self._packages()
         self._run(operation, arguments, self._publisher.repository)
+        made = sum(size for path, size in self._packages().items() if path not in before)
+        self.points[-1] = replace(self.points[-1], package_bytes=made)
+
+    def _packages(self) -> dict[Path, int]:
+        return {path: path.stat().st_size for path in self._publisher.repository.glob("packages/**/*.tarn")}
 
     def _run_device(self, operation: str, *arguments: str, chain: int = 0) -> None:
         self._device.forget_document()
@@ -223,7 +241,7 @@ class ScaleBench:
             seconds = time.monotonic() - begin
         assert result.status == 0, str(result)
         point = Point(
-            self._series, self._tree.files, self._tree.bytes, chain, operation, round(seconds, 3), peak * 1024, use.extra
+            self._series, self._tree.files, self._tree.bytes, chain, operation, round(seconds, 3), peak * 1024, use.extra, 0
         )
         print(f"{point.series:6} {point.files:7} {point.bytes / MIB:7.0f} MiB {point.chain:4} {point.operation:30} "
               f"{point.seconds:8.2f} s {point.peak_rss_bytes / MIB:7.1f} MiB {point.peak_disk_bytes / MIB:8.1f} MiB disk",
@@ -236,8 +254,9 @@ def rows(points: list[Point]) -> Iterator[dict[str, object]]:
     for point in points:
         what = f"{point.series}, {point.files} files, {point.bytes // MIB} MiB: {point.operation}"
         if point.operation.startswith("publish"):
-            block = 4096  # of a usual file system, of which a small file takes one
-            allowed = PUBLISHER_TREES * max(point.bytes, point.files * block) + 16 * MIB
+            # Each package is there twice for a moment: while it is sealed, and the diff package while it is tried out.
+            trees = 0 if point.operation in ONE_PACKAGE else PUBLISHER_TREES * max(point.bytes, point.files * BLOCK)
+            allowed = trees + 2 * point.package_bytes + 16 * MIB
             yield row(f"{what}, disk", point.peak_disk_bytes, allowed)
         else:
             allowed = MEMORY_LIMIT + max(0, point.files - LIMITED_FILES) * BYTES_FOR_EACH_FILE

@@ -1,6 +1,7 @@
 #include "publisher/device.h"
 
 #include "dataupdate/internal/file_copy.h"
+#include "dataupdate/internal/file_digest.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/sql_script.h"
@@ -30,6 +31,10 @@ std::string WorkingCopyName(const std::string& name) {
 
 void CopyFile(const std::string& source, const std::string& copy) {
 	AsDevice([&] { dataupdate::CopyRegularFile(source, copy); });
+}
+
+std::string DigestOf(const std::string& path) {
+	return dataupdate::FileSha384(path);
 }
 
 void ExecuteScript(const std::string& database, const std::string& script) {

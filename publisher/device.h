@@ -30,6 +30,9 @@ std::string WorkingCopyName(const std::string& name);
 /** Copies a file to a path that must not exist, without its data where the file system can share them. */
 void CopyFile(const std::string& source, const std::string& copy);
 
+/** The digest of a file's content, as devices record it. */
+std::string DigestOf(const std::string& path);
+
 /** Executes a script on a database file; throws DeviceError also when a slower device might need too much time. */
 void ExecuteScript(const std::string& database, const std::string& script);
 

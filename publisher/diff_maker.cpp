@@ -6,11 +6,11 @@
 #include "publisher/device.h"
 #include "publisher/diff_chain.h"
 #include "publisher/encode_files.h"
+#include "publisher/expected_tree.h"
 #include "publisher/files.h"
 #include "publisher/program.h"
 #include "publisher/publish_error.h"
 #include "publisher/sqlite_content.h"
-#include "publisher/unpack_beside.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -35,12 +35,6 @@ bool HasCompanion(const std::string& name, const std::set<std::string>& names) {
 
 void DecodePatchFile(const std::string& source, const std::string& output, const std::string& patch) {
 	decoder::DecodeFile(source, output, patch);
-}
-
-/** Whether devices get the published content where bytes of their own are expected. */
-bool IsSameByContent(const TreeChange& change) {
-	return change.before && change.after && change.before->executable == change.after->executable &&
-	       !FindContentDifference(change.before->source, change.after->source);
 }
 
 /** The steps of MakeDiff(). */
@@ -243,7 +237,7 @@ private:
 	void Verify(const std::string& path) {
 		observer_.step("verifying", 0, 1);
 		fs::remove_all(work_ / "encoding");
-		const SharedFiles shared(after_);
+		const ExpectedTree expected(after_, ScriptedNames());
 		const std::string package = work_.Make("package");
 		order_.reader.Unpack(path, {order_.options.id, "", version_, kDiffKind}, package);
 		try {
@@ -253,22 +247,17 @@ private:
 		} catch (const std::exception& error) {
 			throw PublishError(std::string("devices could not apply it: ") + error.what());
 		}
-		shared.RequireUntouched();
-		const Tree result = ListTree(OldTree());
-		if (result.empty_directories > 0) {
-			throw PublishError(
-			    "devices would keep " + std::to_string(result.empty_directories) + " empty directories by it");
-		}
-		for (const TreeChange& difference : CompareTrees(result, after_)) {
-			if (!IsScripted(difference.name) || !IsSameByContent(difference)) {
-				throw PublishError("devices would get another \"" + Printable(difference.name) + "\" by it");
-			}
-		}
+		expected.Require(ListTree(OldTree()));
 	}
 
-	bool IsScripted(const std::string& name) const {
-		return std::any_of(members_.begin(), members_.end(),
-		    [&name](const DiffMember& member) { return member.name == name && member.kind == PatchKind::kScript; });
+	std::set<std::string> ScriptedNames() const {
+		std::set<std::string> names;
+		for (const DiffMember& member : members_) {
+			if (member.kind == PatchKind::kScript) {
+				names.insert(member.name);
+			}
+		}
+		return names;
 	}
 
 	std::string OldTree() const { return work_ / "old"; }

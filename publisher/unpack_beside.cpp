@@ -5,7 +5,6 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
-#include "publisher/publish_error.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -137,23 +136,6 @@ void UnpackBeside(const archive::ArchiveFile& package, const std::string& root, 
 			unpacking.Unpack(reader, member);
 		} catch (const Error& error) {
 			throw Error("member \"" + Printable(member.name) + "\" " + error.what());
-		}
-	}
-}
-
-SharedFiles::SharedFiles(const Tree& tree) {
-	for (const TreeFile& file : tree.files) {
-		if (std::filesystem::hard_link_count(file.source) > 1) {
-			files_.push_back({file.name, file.source, std::filesystem::last_write_time(file.source)});
-		}
-	}
-}
-
-void SharedFiles::RequireUntouched() const {
-	for (const File& file : files_) {
-		if (std::filesystem::last_write_time(file.path) != file.time) {
-			throw PublishError(
-			    "devices would write to \"" + Printable(file.name) + "\", which the package does not name");
 		}
 	}
 }

@@ -3,11 +3,8 @@
 #define PUBLISHER_UNPACK_BESIDE_H
 
 #include "archive/file.h"
-#include "publisher/tree.h"
 
-#include <filesystem>
 #include <string>
-#include <vector>
 
 namespace tarn::publisher {
 
@@ -22,27 +19,6 @@ namespace tarn::publisher {
  */
 void UnpackBeside(const archive::ArchiveFile& package, const std::string& root, const std::string& target,
     const std::string& earlier);
-
-/**
- * The files of a tree that have another name elsewhere. After devices' code has changed the tree with the other names,
- * the comparison of the trees could not tell if such a file were written to, for it would change in both.
- */
-class SharedFiles {
-public:
-	explicit SharedFiles(const Tree& tree);
-
-	/** Throws PublishError naming the first file that was written to since then. */
-	void RequireUntouched() const;
-
-private:
-	struct File {
-		std::string name;
-		std::string path;
-		std::filesystem::file_time_type time;
-	};
-
-	std::vector<File> files_;
-};
 
 } // namespace tarn::publisher
 

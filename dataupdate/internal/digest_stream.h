@@ -3,6 +3,7 @@
 #define DATAUPDATE_INTERNAL_DIGEST_STREAM_H
 
 #include "base/unique_fd.h"
+#include "dataupdate/internal/file_digest.h"
 
 #include <istream>
 #include <streambuf>
@@ -38,9 +39,6 @@ public:
 private:
 	DigestBuffer buffer_;
 };
-
-/** The SHA-384 digest of a file; that of nothing when the file cannot be opened for reading and writing. */
-std::string FileSha384(const std::string& path);
 
 } // namespace tarn::dataupdate
 

@@ -1,3 +1,4 @@
+#include "publisher/expected_tree.h"
 #include "publisher/package.h"
 #include "publisher/publish_error.h"
 #include "publisher/unpack_beside.h"
@@ -5,6 +6,8 @@
 #include "temporary_directory.h"
 
 #include <chrono>
+#include <optional>
+#include <set>
 
 namespace tarn::publisher {
 namespace {
@@ -74,19 +77,68 @@ TEST_F(UnpackBesideTest, SharesNoFileOfAnotherKindOrPermission) {
 	EXPECT_EQ(ReadFile(New("directory")), "content");
 }
 
-TEST_F(UnpackBesideTest, TellsWhenASharedFileIsWrittenTo) {
-	Put("same");
-	Put("changed");
-	PutOld("same", "content");
-	PutOld("changed", "CONTENT");
-	Unpack();
-	const SharedFiles shared(ListTree(root_ / "new"));
-	std::filesystem::remove(root_ / "old/changed");
-	WriteFile(New("changed"), "not shared");
-	EXPECT_NO_THROW(shared.RequireUntouched());
+class ExpectedTreeTest : public UnpackBesideTest {
+protected:
+	ExpectedTreeTest() {
+		for (const char* name : {"same", "sub/changed", "program"}) {
+			Put(name, std::string("content of ") + name);
+		}
+		PutOld("same", "content of same");
+		PutOld("sub/changed", "before");
+		Unpack();
+		expected_.emplace(ListTree(root_ / "new"), std::set<std::string>());
+		// As devices' code does it.
+		for (const char* name : {"sub/changed", "program"}) {
+			std::filesystem::remove(Old(name));
+			PutOld(name, std::string("content of ") + name);
+		}
+	}
+	std::string Old(const std::string& name) const { return root_ / ("old/" + name); }
+	/** What is wrong with the old tree as it is now; empty when nothing is. */
+	std::string Difference() const {
+		try {
+			expected_->Require(ListTree(root_ / "old"));
+		} catch (const publisher::PublishError& error) {
+			return error.what();
+		}
+		return "";
+	}
+
+	std::optional<ExpectedTree> expected_;
+};
+
+TEST_F(ExpectedTreeTest, KeepsNoFileButWhatTakesNoSpace) {
+	EXPECT_TRUE(std::filesystem::exists(New("same")));
+	EXPECT_FALSE(std::filesystem::exists(New("sub/changed")));
+	EXPECT_FALSE(std::filesystem::exists(New("program")));
+}
+
+TEST_F(ExpectedTreeTest, IsHeldAgainstEveryByteNameAndPermission) {
+	EXPECT_EQ(Difference(), "");
+	PutOld("sub/changed", "CONTENT of sub/changed");
+	EXPECT_EQ(Difference(), "devices would get another \"sub/changed\" by it");
+	PutOld("sub/changed", "content of sub/changed");
+	std::filesystem::permissions(Old("program"), std::filesystem::perms(0755));
+	EXPECT_EQ(Difference(), "devices would get another \"program\" by it");
+	std::filesystem::permissions(Old("program"), std::filesystem::perms(0644));
+	PutOld("unknown", "");
+	EXPECT_EQ(Difference(), "devices would get another \"unknown\" by it");
+	std::filesystem::remove(Old("unknown"));
+	std::filesystem::create_directory(Old("empty"));
+	EXPECT_EQ(Difference(), "devices would keep 1 empty directories by it");
+	std::filesystem::remove(Old("empty"));
+	std::filesystem::remove(Old("same"));
+	EXPECT_EQ(Difference(), "devices would get another \"same\" by it");
+	PutOld("same", "CONTENT of same");
+	EXPECT_EQ(Difference(), "devices would get another \"same\" by it");
+	PutOld("same", "content of same");
+	EXPECT_EQ(Difference(), "");
+}
+
+TEST_F(ExpectedTreeTest, TellsWhenASharedFileIsWrittenTo) {
 	std::filesystem::last_write_time(
-	    root_ / "old/same", std::filesystem::last_write_time(New("same")) + std::chrono::nanoseconds(1000));
-	EXPECT_THROW(shared.RequireUntouched(), publisher::PublishError);
+	    Old("same"), std::filesystem::last_write_time(New("same")) + std::chrono::nanoseconds(1000));
+	EXPECT_EQ(Difference(), "devices would write to \"same\", which the package does not name");
 }
 
 } // namespace
