@@ -2,6 +2,7 @@
 
 #include "base/file_io.h"
 #include "dataupdate/internal/log.h"
+#include "dataupdate/internal/replacement_plan.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
@@ -62,6 +63,11 @@ void WriteRecord(const IOUtils& io, const std::string& id, const DatabaseStatus&
 }
 
 void SetReplacementMark(const std::string& id) {
+	RemovePlan(id);
+	SetMarkOverPlan(id);
+}
+
+void SetMarkOverPlan(const std::string& id) {
 	SetMark(ReplacementMarkPath(id));
 }
 
@@ -70,6 +76,7 @@ bool MarkUnfinished(const std::string& id) {
 	if (MayExist(mark)) {
 		return false;
 	}
+	RemovePlan(id);
 	try {
 		SetMark(mark);
 	} catch (const UpdateError&) {
@@ -92,7 +99,9 @@ void ClearReplacementMark(const std::string& id) noexcept {
 	const bool is_removed = SyncRecord(StatusPath(id)) && (unlink(mark.c_str()) == 0 || errno == ENOENT);
 	if (!is_removed) {
 		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));
+		return;
 	}
+	RemovePlan(id);
 }
 
 } // namespace tarn::dataupdate

@@ -16,6 +16,8 @@
 
 #include <boost/filesystem.hpp>
 
+#include <unistd.h>
+
 #include <memory>
 
 namespace tarn::dataupdate {
@@ -28,6 +30,8 @@ constexpr double kLeastFreeShare = 0.05;
 struct ArchiveCloser {
 	void operator()(tarnarchive* archive) const { tarnarchive_free(archive); }
 };
+
+using Archive = std::unique_ptr<tarnarchive, ArchiveCloser>;
 
 [[noreturn]] void ThrowArchiveFailure(const char* operation, const std::string& tarball) {
 	throw UpdateError(operation + tarball + " failed, ret: 0");
@@ -107,10 +111,17 @@ void BaseStrategy::_ExtractTarballTo(const std::string& tarball, const std::stri
 	ExtractPackage(tarball, destination, [] {});
 }
 
+void NotePackage(const std::string& tarball) {
+	const Archive archive(tarnarchive_init(boost::filesystem::path(tarball).parent_path().c_str()));
+	if (archive && access(tarball.c_str(), R_OK) == 0) {
+		tarnarchive_open_with_keytype(archive.get(), tarball.c_str(), TARNARCHIVE_KEYTYPE_DATA_UPDATE);
+	}
+}
+
 void ExtractPackage(
     const std::string& tarball, const std::string& destination, const std::function<void()>& before_first_change) {
 	const ActivityScope activity(Phase::kUnpack, destination);
-	const std::unique_ptr<tarnarchive, ArchiveCloser> archive(tarnarchive_init(destination.c_str()));
+	const Archive archive(tarnarchive_init(destination.c_str()));
 	if (!archive) {
 		throw UpdateError("Failed to extract package at tarnarchive_init");
 	}

@@ -33,6 +33,7 @@
 namespace tarn::dataupdate {
 
 class Patcher;
+class PlanWriter;
 
 /** What an update does with one file. */
 struct TARNDBUD_EXPORT ModifyInfo {
@@ -103,10 +104,7 @@ private:
 	void _CalModifyInfo();
 	/** Makes the new tree ready in the temporary area; false where it could not be moved from there. */
 	bool _Stage() const;
-	/** Takes away what is installed: whole entries to the temporary area if the new tree comes from there. */
-	void _ClearInstallDirectory() const;
-	/** Moves the new tree in; false, with nothing done, where that is no mere renaming. */
-	bool _MoveIn() const;
+	void _AddTo(PlanWriter& plan, const std::string& staged) const;
 	void _PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const;
 	/** Where the new version of a file goes. */
 	[[nodiscard]] std::string _Target(std::size_t at) const;

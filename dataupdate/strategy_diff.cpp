@@ -118,6 +118,8 @@ void DiffStrategy::ApplyUpdate() {
 		}
 		if (changes) {
 			changes->Stage();
+			PlanReplacement(id_, {remote_.data_version, remote_.last_fetch_time, false, temp_base_, install_directory_},
+			    [&](PlanWriter& plan) { changes->AddTo(plan); });
 		}
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);

@@ -2,6 +2,7 @@
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/staged_tree.h"
 #include "dataupdate/internal/staging.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
@@ -12,12 +13,7 @@
 
 #include <boost/filesystem.hpp>
 
-#include <fcntl.h>
-#include <stdio.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <vector>
 
 namespace tarn::dataupdate {
 
@@ -50,20 +46,6 @@ private:
 };
 
 constexpr char kUnpacked[] = "full";
-constexpr char kReplaced[] = "replaced"; // The old tree, until readers may go on.
-
-std::vector<std::string> EntriesOf(const std::string& directory) {
-	std::vector<std::string> entries;
-	IOUtils().IterateDirectory(
-	    directory, [&entries](const std::string& entry) { entries.push_back(entry); }, false);
-	return entries;
-}
-
-/** Into a directory, under the same name; false with errno set when that fails. */
-bool Move(const std::string& entry, const std::string& directory) {
-	const std::string target = directory + "/" + fs::path(entry).filename().string();
-	return renameat2(AT_FDCWD, entry.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0;
-}
 
 } // namespace
 
@@ -109,12 +91,17 @@ void FullStrategy::PrepareUpdate() {
 
 void FullStrategy::ApplyUpdate() {
 	try {
+		const StagedTree staged(temp_base_, id_, install_directory_);
+		if (is_staged_) {
+			PlanReplacement(id_, {remote_.data_version, remote_.last_fetch_time, true, temp_base_, install_directory_},
+			    [&](PlanWriter& plan) { _AddTo(plan, staged.Path()); });
+		}
 		const FileLock lock(UsingLockPath(id_), kLockTimeout);
 		const ActivityScope activity(Phase::kApply, install_directory_);
 		AnnounceReplacement(id_);
-		_ClearInstallDirectory();
-		if (!is_staged_ || !_MoveIn()) {
-			CleanTmpData(TempPath(temp_base_, id_, kStaged));
+		is_staged_ ? staged.ClearInstalled() : RemoveEntries(install_directory_);
+		if (!is_staged_ || !staged.MoveIn()) {
+			CleanTmpData(staged.Path());
 			_PlaceFiles(install_directory_, InstallRegularFile);
 		}
 	} catch (const std::exception& error) {
@@ -182,8 +169,7 @@ bool FullStrategy::_Stage() const {
 	}
 	const ActivityScope activity(Phase::kUnpack, staged);
 	try {
-		fs::create_directory(staged);
-		fs::create_directory(TempPath(temp_base_, id_, kReplaced));
+		StagedTree(temp_base_, id_, install_directory_).MakeRoom();
 		_PlaceFiles(staged, LinkRegularFile);
 		return true;
 	} catch (const std::exception& error) {
@@ -193,29 +179,11 @@ bool FullStrategy::_Stage() const {
 	}
 }
 
-void FullStrategy::_ClearInstallDirectory() const {
-	const std::string replaced = TempPath(temp_base_, id_, kReplaced);
-	for (const std::string& entry : EntriesOf(install_directory_)) {
-		// A mounted file or directory cannot be moved.
-		if (!is_staged_ || !Move(entry, replaced)) {
-			IOUtils().RmRf(entry);
-		}
+void FullStrategy::_AddTo(PlanWriter& plan, const std::string& staged) const {
+	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
+		const std::string name(unpacked_.Name(at));
+		plan.AddFile(name, staged + "/" + name);
 	}
-}
-
-bool FullStrategy::_MoveIn() const {
-	bool is_first = true;
-	for (const std::string& entry : EntriesOf(TempPath(temp_base_, id_, kStaged))) {
-		if (!Move(entry, install_directory_)) {
-			if (is_first) {
-				return false;
-			}
-			throw fs::filesystem_error("move", entry, fs::path(install_directory_),
-			    boost::system::error_code(errno, boost::system::system_category()));
-		}
-		is_first = false;
-	}
-	return true;
 }
 
 void FullStrategy::_PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const {

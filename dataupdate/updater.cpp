@@ -6,6 +6,7 @@
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/patch_description.h"
+#include "dataupdate/internal/planned_strategy.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 
@@ -168,6 +169,30 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 	result.files = Install(id, std::move(prepared), installPrefix, announce);
 	result.data_version = remote.data_version;
 	result.last_fetch_time = remote.last_fetch_time;
+	return result;
+}
+
+std::optional<int> FindPreparedReplacement(
+    const std::string& id, const std::string& volume, const std::string& install_prefix) {
+	const std::optional<ReplacementPlan> plan = FindWholePlan(id, volume, install_prefix);
+	return plan ? std::optional(plan->version.data_version) : std::nullopt;
+}
+
+UpdateResult FinishReplacement(const std::string& id, const std::string& volume, const std::string& install_prefix) {
+	std::optional<ReplacementPlan> plan = FindWholePlan(id, volume, install_prefix);
+	if (!plan) {
+		throw UpdateError("What was prepared for " + id + " is no longer whole");
+	}
+	const PlannedVersion version = plan->version;
+	Prepared prepared = Prepare(std::make_shared<PlannedStrategy>(id, *std::move(plan)));
+	const auto announce = [&] {
+		TARN_LOG(LOG_NOTICE, "Finish the replacement of %s by version %d", id.c_str(), version.data_version);
+	};
+	UpdateResult result;
+	result.files = Install(id, std::move(prepared), install_prefix, announce);
+	result.data_version = version.data_version;
+	result.last_fetch_time = version.last_fetch_time;
+	result.is_full = version.is_full;
 	return result;
 }
 

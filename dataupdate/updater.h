@@ -124,6 +124,26 @@ public:
 	    const std::string& installPrefix, const std::string& rootDirectory, const KnownDigest& known = {}) const;
 };
 
+/**
+ * The version that a killed process was about to install, where all that it had prepared is still whole: ready in the
+ * temporary area, or in its place. None when no replacement is unfinished, when the system was started since, so that
+ * what was prepared need not be on the disk, and when the volume or the install directory is another one now.
+ *
+ * @param id              database id
+ * @param volume          current volume, with the temporary area
+ * @param install_prefix  install directory
+ */
+[[nodiscard]] TARNDBUD_EXPORT std::optional<int> FindPreparedReplacement(
+    const std::string& id, const std::string& volume, const std::string& install_prefix);
+
+/**
+ * Finishes that replacement, between the hooks and under the readers' lock, without asking the server. The files come
+ * from packages whose signatures the killed process had checked. Hold the database's update lock; record the result.
+ * Throws UpdateError "What was prepared for <id> is no longer whole", and what ApplyUpdate() of the strategies throws.
+ */
+[[nodiscard]] TARNDBUD_EXPORT UpdateResult FinishReplacement(
+    const std::string& id, const std::string& volume, const std::string& install_prefix);
+
 // The slots of this class are fixed without a destructor among them; never delete a derived object through it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"

@@ -29,6 +29,17 @@ OpenScopes& GetOpenScopes() {
 	return open;
 }
 
+template<typename Visit>
+void ForEachScope(const std::string& id, const Visit& visit) {
+	OpenScopes& open = GetOpenScopes();
+	const MutexLock guard(open.mutex);
+	for (ReplacementScope* scope : open.scopes) {
+		if (scope->Id() == id) {
+			visit(*scope);
+		}
+	}
+}
+
 } // namespace
 
 ReplacementScope::ReplacementScope(std::string id) : id_(std::move(id)) {
@@ -47,25 +58,38 @@ void ReplacementScope::EndByRecord() const noexcept {
 	ClearReplacementMark(id_);
 }
 
+void ReplacementScope::Plan(const PlannedVersion& version, const ListPlanned& list) {
+	try {
+		PlanWriter plan(id_, version);
+		list(plan);
+		plan.Finish();
+		is_planned_ = true;
+	} catch (const std::exception& error) {
+		TARN_LOG(LOG_INFO, "Killed from here on, this replacement would need its package again: %s", error.what());
+	}
+}
+
 void ReplacementScope::Begin() {
 	if (!shield_) {
 		shield_.emplace();
 	}
 	try {
-		SetReplacementMark(id_);
+		is_planned_ ? SetMarkOverPlan(id_) : SetReplacementMark(id_);
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_ERR, "%s", error.what());
 	}
 }
 
 void AnnounceReplacement(const std::string& id) {
-	OpenScopes& open = GetOpenScopes();
-	const MutexLock guard(open.mutex);
-	for (ReplacementScope* scope : open.scopes) {
-		if (scope->id_ == id) {
-			scope->Begin();
-		}
-	}
+	ForEachScope(id, [](ReplacementScope& scope) { scope.Begin(); });
+}
+
+void PlanReplacement(const std::string& id, const PlannedVersion& version, const ListPlanned& list) {
+	ForEachScope(id, [&](ReplacementScope& scope) { scope.Plan(version, list); });
+}
+
+void KeepPlan(const std::string& id) {
+	ForEachScope(id, [](ReplacementScope& scope) { scope.is_planned_ = true; });
 }
 
 } // namespace tarn::dataupdate

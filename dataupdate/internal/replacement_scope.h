@@ -8,12 +8,17 @@
 #ifndef DATAUPDATE_INTERNAL_REPLACEMENT_SCOPE_H
 #define DATAUPDATE_INTERNAL_REPLACEMENT_SCOPE_H
 
+#include "dataupdate/internal/replacement_plan.h"
 #include "dataupdate/interruption.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
 namespace tarn::dataupdate {
+
+/** Adds the files of a replacement to its plan. */
+using ListPlanned = std::function<void(PlanWriter& plan)>;
 
 /**
  * From the opening until the new state of a database has been recorded. When installed files are about to change within
@@ -27,16 +32,28 @@ public:
 	ReplacementScope(const ReplacementScope&) = delete;
 	ReplacementScope& operator=(const ReplacementScope&) = delete;
 
+	const std::string& Id() const { return id_; }
 	/** The new state has been recorded: removes the mark as ClearReplacementMark() does. */
 	void EndByRecord() const noexcept;
 
 private:
 	friend void AnnounceReplacement(const std::string& id);
+	friend void PlanReplacement(const std::string& id, const PlannedVersion& version, const ListPlanned& list);
+	friend void KeepPlan(const std::string& id);
+	void Plan(const PlannedVersion& version, const ListPlanned& list);
 	void Begin();
 
 	std::string id_;
+	bool is_planned_ = false;
 	std::optional<InterruptionShield> shield_;
 };
+
+/**
+ * A strategy calls this when everything is prepared, before readers are held off, so that another process can finish
+ * what this one begins. Does nothing unless a scope of the database is open in this process. A plan that cannot be
+ * written is logged at LOG_INFO and stops nothing.
+ */
+void PlanReplacement(const std::string& id, const PlannedVersion& version, const ListPlanned& list);
 
 /**
  * A strategy calls this under the using lock, right before it changes the first installed file. Does nothing unless a
@@ -44,6 +61,9 @@ private:
  * full state directory must not keep a database old.
  */
 void AnnounceReplacement(const std::string& id);
+
+/** A strategy calls this, likewise, that carries out the plan which is there: other marks take a plan away. */
+void KeepPlan(const std::string& id);
 
 } // namespace tarn::dataupdate
 

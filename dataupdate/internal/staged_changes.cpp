@@ -138,6 +138,16 @@ void StagedChanges::Stage() {
 	}
 }
 
+void StagedChanges::AddTo(PlanWriter& plan) const {
+	for (const auto& [name, info] : changes_) {
+		if (info.operation == ModifyInfo::kDelete) {
+			plan.AddDeletion(name, info.source);
+		} else {
+			plan.AddFile(name, info.source);
+		}
+	}
+}
+
 void StagedChanges::Install() const {
 	for (const Directory& directory : directories_) {
 		if (!_MoveIn(directory)) {

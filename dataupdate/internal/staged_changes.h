@@ -4,6 +4,7 @@
 
 #include "dataupdate/internal/changes.h"
 #include "dataupdate/internal/linked_tree.h"
+#include "dataupdate/internal/replacement_plan.h"
 
 #include <cstddef>
 #include <optional>
@@ -41,6 +42,9 @@ public:
 
 	/** To be called before readers are held off. Throws UpdateError "Interrupted". */
 	void Stage();
+
+	/** Adds every change to a replacement's plan. Throws what PlanWriter throws. */
+	void AddTo(PlanWriter& plan) const;
 
 	/** Throws what InstallChanges() throws. Replaced directories are in the place afterwards. */
 	void Install() const;

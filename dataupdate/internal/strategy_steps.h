@@ -34,6 +34,9 @@ void CleanTmpData(const std::string& path) noexcept;
 /** Removes what a diff update left, likewise. */
 void ClearTmpData(const std::string& path) noexcept;
 
+/** Opens a package, if it is there, as unpacking would, and unpacks nothing; what is wrong with it changes nothing. */
+void NotePackage(const std::string& tarball);
+
 /**
  * Does what BaseStrategy::_ExtractTarballTo() does, and throws the same errors.
  *

@@ -20,6 +20,9 @@ int VersionBefore(const Outcome& outcome) {
 
 std::string DescribeChange(const Outcome& outcome) {
 	const std::string version = "version " + std::to_string(outcome.Version());
+	if (outcome.is_finished) {
+		return "finished the update to " + version + " that was killed";
+	}
 	if (VersionBefore(outcome) != -1) {
 		return "updated from version " + std::to_string(outcome.before) + " to " + version;
 	}
@@ -27,6 +30,9 @@ std::string DescribeChange(const Outcome& outcome) {
 }
 
 Json::Value ChangeToJson(const Outcome& outcome) {
+	if (outcome.is_finished) {
+		return MakeResult("finished", outcome.Version());
+	}
 	if (VersionBefore(outcome) == -1) {
 		return MakeResult(outcome.was_unfinished ? "reinstalled" : "installed", outcome.Version());
 	}
@@ -51,8 +57,8 @@ Json::Value AboveToJson(int installed, int offered) {
 /** The library treats a later version than the server's as up to date, and only logs when it stopped without a volume.
  */
 ExitCode Judge(const Services& services, const std::string& id, const Outcome& outcome) {
-	const int before = VersionBefore(outcome);
-	if (outcome.installed || outcome.offered == before) {
+	const int before = outcome.is_finished ? outcome.Version() : VersionBefore(outcome);
+	if ((outcome.installed && !outcome.is_finished) || outcome.offered == before) {
 		return kDone;
 	}
 	if (outcome.offered < before) {

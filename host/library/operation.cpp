@@ -6,6 +6,7 @@
 
 #include <syslog.h>
 
+#include <exception>
 #include <map>
 #include <utility>
 
@@ -38,12 +39,51 @@ void LogMissingDiff(const std::string& id, const Outcome& outcome, const Diffs& 
 	}
 }
 
+/** The version of what a killed run had ready for this database where it is installed now. */
+std::optional<int> FindPrepared(const Services& services, const std::string& id) {
+	return services.find_prepared ? services.find_prepared(id, services.config->GetCurVolume(),
+	                                    services.config->GetDatabaseConfig(id)->GetInstallPrefix())
+	                              : std::nullopt;
+}
+
 /** What passes through the library's front, which holds it all the time; the files pass beside it. */
 DatabaseStatus WithoutFiles(int data_version, int last_fetch_time) {
 	DatabaseStatus status;
 	status.data_version = data_version;
 	status.last_fetch_time = last_fetch_time;
 	return status;
+}
+
+/** Finishes what a killed run had prepared. Without success the operation that follows does what it would have done. */
+Outcome Finish(const Services& services, const std::string& id, const Operation::CheckVolume& check_volume) {
+	try {
+		if (FindPrepared(services, id)) {
+			Operation operation(services, id, Change::kFinish, check_volume);
+			operation.Front().UpdateProject(id);
+			return operation.Result();
+		}
+	} catch (const std::exception& error) {
+		if (dataupdate::IsInterruptionRequested()) {
+			throw;
+		}
+		syslog(
+		    LOG_WARNING, "The replacement of '%s' that was killed could not be finished: %s", id.c_str(), error.what());
+	}
+	return {};
+}
+
+Outcome AfterFinishing(
+    const Services& services, const std::string& id, Change change, const Operation::CheckVolume& check_volume) {
+	const Outcome finished = Finish(services, id, check_volume);
+	Operation operation(services, id, change, check_volume);
+	change == Change::kFix ? operation.Front().FixProject(id) : operation.Front().UpdateProject(id);
+	Outcome outcome = operation.Result();
+	if (finished.installed && !outcome.installed) {
+		outcome.before = finished.before;
+		outcome.installed = finished.installed;
+		outcome.is_finished = true;
+	}
+	return outcome;
 }
 
 } // namespace
@@ -54,8 +94,13 @@ public:
 	explicit OwnInfo(Operation& operation)
 	    : InfoGetter(operation.services_.io, operation.services_.config), operation_(operation) {}
 
-	RemoteInfo GetRemoteInfo(const std::string& /*id*/) const override { return operation_.AskServer(); }
+	RemoteInfo GetRemoteInfo(const std::string& /*id*/) const override {
+		return operation_.change_ == Change::kFinish ? operation_.AskPlan() : operation_.AskServer();
+	}
 	Diffs GetDiffInfos(const std::string& id) const override {
+		if (operation_.change_ == Change::kFinish) {
+			return {};
+		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
 		LogMissingDiff(id, operation_.outcome_, diffs);
 		return diffs;
@@ -80,10 +125,16 @@ public:
 	DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const Diffs& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory) const override {
+		const Services& services = operation_.services_;
 		RecordKeeper& record = operation_.record_;
-		record.PrepareUpdate();
-		operation_.update_ = operation_.services_.update(id, status, remote, diffs, volume, installPrefix,
-		    rootDirectory, [&record](const std::string& name) { return record.KnownDigest(name); });
+		if (operation_.change_ == Change::kFinish) {
+			operation_.update_ = services.finish(id, volume, installPrefix);
+			record.RecallUnfinished();
+		} else {
+			record.PrepareUpdate();
+			operation_.update_ = services.update(id, status, remote, diffs, volume, installPrefix, rootDirectory,
+			    [&record](const std::string& name) { return record.KnownDigest(name); });
+		}
 		return WithoutFiles(operation_.update_.data_version, operation_.update_.last_fetch_time);
 	}
 
@@ -124,6 +175,13 @@ RemoteInfo Operation::AskServer() {
 	return remote;
 }
 
+RemoteInfo Operation::AskPlan() const {
+	check_volume_();
+	// Under the lock, because the run that seemed to be killed may have been another one that was still at work.
+	const std::optional<int> version = FindPrepared(services_, id_);
+	return {version.value_or(outcome_.before), 0, false, ""};
+}
+
 DatabaseStatus Operation::ReadStatus() {
 	const InstalledRecord record = ReadInstalled(services_, id_);
 	DatabaseStatus status = WithoutFiles(record.data_version, record.last_fetch_time);
@@ -145,7 +203,7 @@ DatabaseStatus Operation::ReadStatus() {
  */
 void Operation::RecordStatus(InstalledRecord record) {
 	const dataupdate::InterruptionShield shield;
-	if (change_ == Change::kUpdate) {
+	if (change_ == Change::kUpdate || change_ == Change::kFinish) {
 		record.files = std::move(update_.files);
 	}
 	if (!update_.is_full) {
@@ -165,6 +223,7 @@ void Operation::RecordStatus(InstalledRecord record) {
 void Operation::KeepRecord(InstalledRecord record) {
 	switch (change_) {
 	case Change::kUpdate:
+	case Change::kFinish:
 		record_.KeepUpdated(std::move(record), update_.is_full);
 		return;
 	case Change::kFix:
@@ -177,18 +236,14 @@ void Operation::KeepRecord(InstalledRecord record) {
 }
 
 Outcome UpdateDatabase(const Services& services, const std::string& id) {
-	Operation operation(services, id, Change::kUpdate, [&] {
+	return AfterFinishing(services, id, Change::kUpdate, [&services, &id] {
 		RequireNoLostVolume(services);
 		RequireSafePlaces(services, id);
 	});
-	operation.Front().UpdateProject(id);
-	return operation.Result();
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {
-	Operation operation(services, id, Change::kFix, [&] { RequireVolumeFor(services, id); });
-	operation.Front().FixProject(id);
-	return operation.Result();
+	return AfterFinishing(services, id, Change::kFix, [&services, &id] { RequireVolumeFor(services, id); });
 }
 
 Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target) {

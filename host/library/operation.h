@@ -22,9 +22,15 @@ struct Outcome {
 	bool was_unfinished = false;  ///< Whether its files were half replaced, so that it is treated as not installed.
 	int offered = -1;             ///< The server's version; -1 when the server was not asked.
 	std::optional<int> installed; ///< The version that was installed and recorded; none when nothing was changed.
+	bool is_finished = false;     ///< Whether that was prepared by a run that was killed, and is all that was done.
 };
 
-/** Installs the server's version if it is newer. Throws what the library throws. */
+/**
+ * Installs the server's version if it is newer. Throws what the library throws.
+ *
+ * This and FixDatabase() first finish a replacement that was killed, from what it had prepared, where that is whole:
+ * the database is then of one version again even if the server does not answer.
+ */
 [[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id);
 /** Reinstalls the server's version if anything is missing, changed, unknown or half replaced. */
 [[nodiscard]] Outcome FixDatabase(const Services& services, const std::string& id);
@@ -37,7 +43,7 @@ struct Outcome {
  */
 [[nodiscard]] Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target);
 
-enum class Change { kUpdate, kFix, kForced };
+enum class Change { kUpdate, kFix, kForced, kFinish };
 
 /**
  * Everything that is known of one operation while it lasts. The library asks for the installed state or for the
@@ -68,6 +74,8 @@ private:
 	class OwnUpdater;
 
 	dataupdate::RemoteInfo AskServer();
+	/** What takes the server's place for a replacement that is only to be finished. */
+	dataupdate::RemoteInfo AskPlan() const;
 	dataupdate::DatabaseStatus ReadStatus();
 	void RecordStatus(dataupdate::InstalledRecord record);
 	void KeepRecord(dataupdate::InstalledRecord record);

@@ -170,6 +170,13 @@ void RecordKeeper::RecallBefore() {
 	}
 }
 
+void RecordKeeper::RecallUnfinished() {
+	std::optional<InstalledFiles> record = ReadInstalledFiles(id_);
+	if (record && Agree(*record, ReadInstalled(services_, id_), InstallPrefix())) {
+		before_ = std::move(record);
+	}
+}
+
 void RecordKeeper::KeepFixed(InstalledRecord listed) {
 	before_.reset();
 	Write([&] { return WholeRecord(std::move(listed), InstallPrefix(), true); });

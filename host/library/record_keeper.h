@@ -62,6 +62,8 @@ public:
 	[[nodiscard]] bool FindsDamage(const dataupdate::InstalledRecord& listed);
 	/** To be called before the record is dropped, for what is carried on from it. */
 	void RecallBefore();
+	/** Recalls what was recorded before a replacement that another process began, and this one finishes. */
+	void RecallUnfinished();
 
 	/** @param listed  all files */
 	void KeepFixed(dataupdate::InstalledRecord listed);

@@ -131,7 +131,8 @@ Services MakeServices(Terminal& terminal) {
 	    [info] { info->Hurry(); }, [info](const std::string& id) { return info->GetRecord(id); },
 	    [](const std::string& id, const dataupdate::InstalledRecord& record) {
 		    dataupdate::WriteLargeRecord(id, record);
-	    }};
+	    },
+	    dataupdate::FindPreparedReplacement, dataupdate::FinishReplacement};
 }
 
 dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {

@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -79,6 +80,13 @@ struct Services {
 	/** Read and write the library's record without a map of all files; in doubles nothing: info does it for them. */
 	std::function<dataupdate::InstalledRecord(const std::string& id)> read_record = nullptr;
 	std::function<void(const std::string& id, const dataupdate::InstalledRecord& record)> write_record = nullptr;
+	/** FindPreparedReplacement() and FinishReplacement(); in doubles nothing is ever prepared. */
+	std::function<std::optional<int>(
+	    const std::string& id, const std::string& volume, const std::string& install_prefix)>
+	    find_prepared = nullptr;
+	std::function<dataupdate::UpdateResult(
+	    const std::string& id, const std::string& volume, const std::string& install_prefix)>
+	    finish = nullptr;
 };
 
 /** What InfoGetter::GetDatabaseStatus() says, in little memory. */

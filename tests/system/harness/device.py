@@ -99,6 +99,10 @@ class Device:
         """What stands while the files of a database are being replaced."""
         return STATUS / name / "replacing"
 
+    def plan(self, name: str) -> Path:
+        """What the replacement that is going on would need to be finished by another process."""
+        return STATUS / name / "replacement"
+
     def temporary(self) -> Path:
         assert self.volume is not None
         return self.volume / "@tmp/data_update"
