@@ -182,7 +182,7 @@ bool FullStrategy::_Stage() const {
 void FullStrategy::_AddTo(PlanWriter& plan, const std::string& staged) const {
 	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
 		const std::string name(unpacked_.Name(at));
-		plan.AddFile(name, staged + "/" + name);
+		plan.AddFile(name, (fs::path(staged) / name).string());
 	}
 }
 
