@@ -50,7 +50,7 @@ class Walk:
         self._device.databases.clear()
         self._device.add_database(self._name)
         self._tree.fill()
-        print(self._publisher.publish(self._tree.root, self._name))
+        print(self._publisher.publish(self._tree.root, self._name, *self._level()))
         self._update()
         for _ in range(self._source.randint(2, 6)):
             self._tree.edit(self._source.randint(0, 12))
@@ -66,12 +66,16 @@ class Walk:
         elif self._source.random() < 0.06:
             kept = self._source.randint(0, 2)
         result = self._publisher.publish(
-            self._tree.root, self._name, "--data-version", str(version), keep_diffs=kept
+            self._tree.root, self._name, "--data-version", str(version), *self._level(), keep_diffs=kept
         )
         print(result)
         explained = kept == 0 or f"Version {version} has no diff package: " in result.stderr
         assert (str(version) in self._diffs()) != explained
         assert len(self._diffs()) <= kept
+
+    def _level(self) -> list[str]:
+        """Mostly a quick one; some packages get whatever codec is smallest at length."""
+        return ["--level", str(self._source.choice((1, 1, 1, 5, 18)))]
 
     def _diffs(self) -> dict[str, object]:
         diffs = self._publisher.entry(self._name)["diff_files"]
