@@ -24,7 +24,7 @@ struct Candidate {
 	unsigned handicap;
 	int min_level; // for large payloads
 };
-constexpr std::array<Candidate, 4> kCandidates = {{{Codec::kZstd, 0, kMinLevel}, {Codec::kBrotli, 25, kMaxLevel},
+constexpr std::array<Candidate, 4> kCandidates = {{{Codec::kZstd, 0, kMinLevel}, {Codec::kBrotli, 25, kDefaultLevel},
     {Codec::kLzma, 110, kMinMixedLevel}, {Codec::kBzip2, 200, kMinMixedLevel}}};
 
 PackedFrame MakeFrame(Codec codec, std::string_view bytes, std::string packed) {

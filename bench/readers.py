@@ -35,7 +35,7 @@ class ReadersBench:
         }  # fmt: skip
         for changed, keep in ((files, 1), (few, 1), (many, 1), (files, 0)):
             self._change(changed)
-            self._publisher.publish(self._tree, DATABASE, keep_diffs=keep)
+            self._publisher.publish(self._tree, DATABASE, "--level", "1", keep_diffs=keep)
             self._documents.append(self._publisher.document.read_text())
 
     def measure(self, kind: str, device: Device) -> Iterator[dict[str, object]]:
