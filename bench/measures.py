@@ -28,6 +28,7 @@ from bench.patches import PatchBench
 from bench.readers import ReadersBench
 from bench.tools import our_phases
 
+PUBLISHING_SECONDS = 1800
 SOURCE = Path(__file__).resolve().parent.parent
 DATABASE = "bench"
 HASH_SPEED_SHARE = 0.95
@@ -171,6 +172,7 @@ class Bench:
         place = self._scratch / name
         place.mkdir()
         publisher = Publisher(place / "publisher")
+        publisher.patience = PUBLISHING_SECONDS
         nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, place / "nginx")
         try:
             publisher.base = nginx.url
@@ -187,6 +189,7 @@ class Bench:
         try:
             shop, volume, other = (volumes.make("ext4", self._scale.growth.disk_bytes) for _ in range(3))
             publisher = Publisher(shop / "publisher")
+            publisher.patience = PUBLISHING_SECONDS
             with closing(Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, shop / "nginx")) as nginx:
                 publisher.base = nginx.url
                 device = Device(volume, nginx.netloc)

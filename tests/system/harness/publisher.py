@@ -13,6 +13,7 @@ class Publisher:
         self.repository = home / "repository"
         self.repository.mkdir(parents=True)
         self.base = base
+        self.patience = programs.PATIENCE_SECONDS
         self._key = home / "release"
         programs.run_ok(programs.PUB, "keygen", self._key)
 
@@ -34,7 +35,7 @@ class Publisher:
         """Without diff packages unless some are kept: most tests are about full ones."""
         return programs.run_ok(
             programs.PUB, "publish", tree, "--repo", self.repository, "--id", name, "--key", self.private_key,
-            "--url", base or self.base, "--keep-diffs", str(keep_diffs), *options,
+            "--url", base or self.base, "--keep-diffs", str(keep_diffs), *options, patience=self.patience,
         )  # fmt: skip
 
     def package(self, name: str, version: int) -> Path:
