@@ -2,6 +2,7 @@
 
 #include "archive/signing_key.h"
 #include "base/text.h"
+#include "publisher/changes_command.h"
 #include "publisher/inspect.h"
 #include "publisher/publish.h"
 #include "publisher/publish_error.h"
@@ -84,6 +85,7 @@ struct Options {
 	std::string prefix;
 	PublishOptions publish;
 	RestoreOptions restore;
+	ChangesCommand changes;
 	std::vector<std::string> old_keys;
 	std::string package;
 	std::string directory;
@@ -177,6 +179,13 @@ void RunRestore(const Options& options, const Streams& streams) {
 	}
 }
 
+void RunChanges(const ChangesCommand& command, const Streams& streams) {
+	ProgressLine line(streams.err, streams.terminal);
+	const Changes changes = FindChanges(command.options, ObserverOf(line, streams));
+	line.Clear();
+	PrintChanges(command, changes, streams.out);
+}
+
 constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
 
 /** Takes a number, or "auto", which is the default. */
@@ -253,6 +262,8 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunPublish(options, streams);
 	} else if (app.got_subcommand("restore")) {
 		RunRestore(options, streams);
+	} else if (app.got_subcommand("changes")) {
+		RunChanges(options.changes, streams);
 	} else if (app.got_subcommand("verify")) {
 		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
 	} else if (app.got_subcommand("extract")) {
@@ -286,6 +297,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddKeygen(app, options);
 	AddPublish(app, options);
 	AddRestore(app, options);
+	AddChangesCommand(app, options.changes);
 	AddReaders(app, options);
 	try {
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));

@@ -45,16 +45,25 @@ void TablePair::ForEachGone(const std::function<void(const RowKey& key)>& take) 
 	}
 }
 
-void TablePair::ForEachNew(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const {
+void TablePair::ForEachOnlyIn(const char* schema, const char* other,
+    const std::function<void(const RowKey& key, const SqlRow& row)>& take) const {
 	const std::vector<std::string> names = shape_.KeyNames();
 	const std::string keys = ColumnList("a.", names);
-	SQLite::Statement rows(pair_.Connection(), "SELECT " + keys + "," + ColumnList("a.", shape_.columns) +
-	                                               " FROM next." + shape_.name +
-	                                               " AS a WHERE NOT EXISTS(SELECT 1 FROM main." + shape_.name +
+	SQLite::Statement rows(pair_.Connection(), "SELECT " + keys + "," + ColumnList("a.", shape_.columns) + " FROM " +
+	                                               schema + "." + shape_.name +
+	                                               " AS a WHERE NOT EXISTS(SELECT 1 FROM " + other + "." + shape_.name +
 	                                               " AS b WHERE " + SameKey() + ") ORDER BY " + keys);
 	while (rows.executeStep()) {
 		take(RowOf(rows, 0, names.size()), RowOf(rows, names.size(), shape_.columns.size()));
 	}
+}
+
+void TablePair::ForEachGoneRow(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const {
+	ForEachOnlyIn(DatabasePair::kBefore, DatabasePair::kAfter, take);
+}
+
+void TablePair::ForEachNew(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const {
+	ForEachOnlyIn(DatabasePair::kAfter, DatabasePair::kBefore, take);
 }
 
 void TablePair::ForEachChanged(

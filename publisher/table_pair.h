@@ -36,6 +36,8 @@ public:
 	TablePair(const DatabasePair& pair, const TableShape& shape) : pair_(pair), shape_(shape) {}
 
 	void ForEachGone(const std::function<void(const RowKey& key)>& take) const;
+	/** The same with the values that are gone. */
+	void ForEachGoneRow(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const;
 	void ForEachNew(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const;
 	/** Rows of both that differ, with their numbers among these. */
 	void ForEachChanged(
@@ -44,6 +46,9 @@ public:
 
 private:
 	std::string SameKey() const;
+	/** The rows of one version whose keys the other version lacks. */
+	void ForEachOnlyIn(const char* schema, const char* other,
+	    const std::function<void(const RowKey& key, const SqlRow& row)>& take) const;
 
 	const DatabasePair& pair_;
 	const TableShape& shape_;

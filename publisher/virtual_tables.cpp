@@ -75,20 +75,28 @@ std::vector<VirtualTable> VirtualTablesOf(const SQLite::Database& database) {
 	SQLite::Statement list(database, "SELECT name, sql FROM sqlite_schema WHERE type = 'table' AND "
 	                                 "sql LIKE 'CREATE VIRTUAL TABLE%' ORDER BY name");
 	while (list.executeStep()) {
-		tables.push_back({list.getColumn(0).getString(), ModuleOf(list.getColumn(1).getString())});
+		const std::string sql = list.getColumn(1).getText(); // in UTF-8, whatever the database's encoding is
+		tables.push_back({list.getColumn(0).getText(), ModuleOf(sql), sql});
 	}
 	return tables;
 }
 
+std::optional<std::string> FindVirtualTableObstacle(const SQLite::Database& database, const VirtualTable& table) {
+	if (!table.IsFullText() && !table.IsRTree()) {
+		return "the table " + table.name + " is a virtual one of " + table.module;
+	}
+	// The index can only be compared with rows of its own table.
+	const std::string rows = table.name + "_content";
+	if (table.IsFullText() && (!HasTable(database, rows) || HasColumn(database, rows, "langid"))) {
+		return "the table " + table.name + " does not hold the text of its rows alone";
+	}
+	return std::nullopt;
+}
+
 std::optional<std::string> FindVirtualTableObstacle(const SQLite::Database& database) {
 	for (const VirtualTable& table : VirtualTablesOf(database)) {
-		if (!table.IsFullText() && !table.IsRTree()) {
-			return "the table " + table.name + " is a virtual one of " + table.module;
-		}
-		// The index can only be compared with rows of its own table.
-		const std::string rows = table.name + "_content";
-		if (table.IsFullText() && (!HasTable(database, rows) || HasColumn(database, rows, "langid"))) {
-			return "the table " + table.name + " does not hold the text of its rows alone";
+		if (auto obstacle = FindVirtualTableObstacle(database, table)) {
+			return obstacle;
 		}
 	}
 	return std::nullopt;

@@ -14,6 +14,7 @@ namespace tarn::publisher {
 struct VirtualTable {
 	std::string name;
 	std::string module;
+	std::string sql; // that made it
 
 	bool IsFullText() const { return module == "fts3" || module == "fts4" || module == "fts5"; }
 	bool IsRTree() const { return module == "rtree" || module == "rtree_i32"; }
@@ -26,6 +27,9 @@ std::vector<VirtualTable> VirtualTablesOf(const SQLite::Database& database);
  * tables that hold their own rows.
  */
 [[nodiscard]] std::optional<std::string> FindVirtualTableObstacle(const SQLite::Database& database);
+/** The same for one of them. */
+[[nodiscard]] std::optional<std::string> FindVirtualTableObstacle(
+    const SQLite::Database& database, const VirtualTable& table);
 
 /**
  * Queries for what a virtual table holds beside its rows and must be the same when the rows are: settings, and the

@@ -1,0 +1,67 @@
+#include "publisher/changes_command.h"
+
+#include "publisher/publish_error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <optional>
+#include <string>
+
+namespace tarn::publisher {
+
+namespace {
+
+/** Takes a version: digits alone. */
+CLI::callback_t TakeVersion(const std::string& name, std::optional<int>& version) {
+	return [name, &version](const CLI::results_t& words) {
+		version = ParseVersion(words.front());
+		if (!version) {
+			throw UsageError(name + " \"" + words.front() + "\" must be the number of a version.");
+		}
+		return true;
+	};
+}
+
+/** Takes a number that is not negative. */
+CLI::callback_t TakeCount(const std::string& name, std::size_t& count) {
+	return [name, &count](const CLI::results_t& words) {
+		const std::optional<int> number = ParseVersion(words.front());
+		if (!number) {
+			throw UsageError(name + " \"" + words.front() + "\" must be a number, 0 or more.");
+		}
+		count = static_cast<std::size_t>(*number);
+		return true;
+	};
+}
+
+} // namespace
+
+void AddChangesCommand(CLI::App& app, ChangesCommand& command) {
+	ChangesOptions& options = command.options;
+	CLI::App* changes = app.add_subcommand("changes", "Show what a release changes: files, and rows of SQLite files");
+	changes->add_option("ID", options.id, "The database's id")->required();
+	changes->add_option("FROM", TakeVersion("FROM", options.from), "Version before; by default the one before TO");
+	changes->add_option("TO", TakeVersion("TO", options.to), "Version after; by default the newest of the document");
+	changes->add_option("--repo", options.repository, "Directory that the web server serves")->required();
+	changes->add_option("--key", options.keys, "Public key that signed the packages; may be repeated")
+	    ->required()
+	    ->allow_extra_args(false);
+	changes->add_option("--db-version", options.db_version, "Version of the server's document")->capture_default_str();
+	changes
+	    ->add_option(
+	        "--examples", TakeCount("--examples", options.examples), "Rows to show of each table and operation")
+	    ->default_str("3");
+	changes->add_option("--limit", TakeCount("--limit", command.most_files), "Files to list in text")
+	    ->default_str("100");
+	changes->add_flag("--json", command.json, "Print JSON");
+}
+
+void PrintChanges(const ChangesCommand& command, const Changes& changes, std::ostream& out) {
+	if (command.json) {
+		PrintChangesJson(changes, out);
+	} else {
+		PrintChangesText(changes, command.most_files, out);
+	}
+}
+
+} // namespace tarn::publisher

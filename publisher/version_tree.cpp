@@ -1,0 +1,102 @@
+#include "publisher/version_tree.h"
+
+#include "base/error.h"
+#include "base/text.h"
+#include "decoder/decode.h"
+#include "publisher/device.h"
+#include "publisher/diff_chain.h"
+#include "publisher/diff_package.h"
+#include "publisher/publish_error.h"
+
+#include <filesystem>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void DecodePatch(const std::string& source, const std::string& output, const std::string& patch) {
+	decoder::DecodeFile(source, output, patch);
+}
+
+/** The metadata of a package that was checked when it was unpacked. */
+Json::Value CheckedMetadata(const std::string& path) {
+	return ReadMetadata(archive::ArchiveFile(path));
+}
+
+/** The steps of MakeVersionTree(). */
+class VersionMaker {
+public:
+	VersionMaker(const VersionSource& source, int version, const WorkDirectory& work)
+	    : source_(source), work_(work), full_(FullPackageBelow(version)) {
+		tree_.version = {version, full_, version - full_, std::nullopt};
+	}
+
+	VersionTree Make(const std::string& name, const std::string& earlier) {
+		const std::string path = source_.repository.PackagePath(source_.id, full_);
+		const PackageInfo info = {source_.id, "", full_};
+		if (tree_.version.diffs > 0 || earlier.empty()) {
+			source_.reader.Unpack(path, info, work_.Make(name));
+		} else {
+			source_.reader.UnpackNextTo(path, info, work_.Path(), name, earlier);
+		}
+		tree_.version.published = PublishedTime(CheckedMetadata(path));
+		if (tree_.version.diffs > 0) {
+			Follow(work_ / name);
+		}
+		return std::move(tree_);
+	}
+
+private:
+	int FullPackageBelow(int version) const {
+		int at = version;
+		while (!fs::exists(source_.repository.PackagePath(source_.id, at))) {
+			if (at == 0 || !fs::exists(source_.repository.DiffPath(source_.id, at))) {
+				throw PublishError("neither " + source_.repository.PackagePath(source_.id, at) + " nor " +
+				                   source_.repository.DiffPath(source_.id, at) + " is there");
+			}
+			--at;
+		}
+		return at;
+	}
+
+	void Follow(const std::string& installed) {
+		const std::string copies = work_.Make("copies");
+		DevicePatcher patcher(copies, installed, DecodePatch);
+		for (int at = full_ + 1; at <= tree_.version.version; ++at) {
+			const std::string path = source_.repository.DiffPath(source_.id, at);
+			const std::string package = work_.Make("package");
+			source_.reader.Unpack(path, {source_.id, "", at, kDiffKind}, package);
+			const Json::Value metadata = CheckedMetadata(path);
+			if (metadata["base_version"] != at - 1) {
+				throw PublishError("the package " + path + " does not begin at version " + std::to_string(at - 1));
+			}
+			patcher.Apply(package);
+			fs::remove_all(package);
+			tree_.version.published = PublishedTime(metadata);
+			tree_.scripted = ChainState::FromMetadata(metadata).Scripted();
+		}
+		patcher.Install();
+		fs::remove_all(copies);
+	}
+
+	const VersionSource& source_;
+	const WorkDirectory& work_;
+	int full_;
+	VersionTree tree_;
+};
+
+} // namespace
+
+VersionTree MakeVersionTree(const VersionSource& source, int version, const WorkDirectory& work,
+    const std::string& name, const std::string& earlier) {
+	try {
+		return VersionMaker(source, version, work).Make(name, earlier);
+	} catch (const std::exception& error) {
+		throw PublishError("Version " + std::to_string(version) + " of " + source.id +
+		                   " cannot be made from the packages that are kept: " + WithoutEnd(error.what()) + ".");
+	}
+}
+
+} // namespace tarn::publisher
