@@ -225,8 +225,8 @@ Changes FindChanges(const ChangesOptions& options, const PublishObserver& observ
 	CheckWord("ID", options.id);
 	CheckWord("--db-version", options.db_version);
 	if (options.examples > kMostExamples) {
-		throw UsageError("--examples " + std::to_string(options.examples) + " must be 0 to " +
-		                 std::to_string(kMostExamples) + ".");
+		throw UsageError(
+		    "--examples " + std::to_string(options.examples) + " must be 0 to " + std::to_string(kMostExamples) + ".");
 	}
 	RequireRepository(options.repository);
 	return ChangeFinder(options, observer).Run();
