@@ -127,17 +127,16 @@ void CompareByContent(const DatabasePair& pair, const ComparedTable& table, Exam
 	std::string groups;
 	for (std::size_t i = 0; i < table.columns.size(); ++i) {
 		const std::string name = "c" + std::to_string(i);
-		columns += name + ",";
+		columns.append(",").append(name);
 		// For SQL, 1 and 1.0 are equal, as are texts that differ in case when a column says so.
 		groups.append(groups.empty() ? "" : ",").append(name + " COLLATE BINARY,typeof(" + name + ")");
 	}
-	SQLite::Statement rows(pair.Connection(), "SELECT " + columns + "sum(n) AS excess FROM (" +
-	                                              CountedRows(DatabasePair::kAfter, table, "1") + " UNION ALL " +
-	                                              CountedRows(DatabasePair::kBefore, table, "-1") + ") GROUP BY " +
-	                                              groups + " HAVING excess<>0");
+	SQLite::Statement rows(pair.Connection(),
+	    "SELECT sum(n)" + columns + " FROM (" + CountedRows(DatabasePair::kAfter, table, "1") + " UNION ALL " +
+	        CountedRows(DatabasePair::kBefore, table, "-1") + ") GROUP BY " + groups + " HAVING sum(n)<>0");
 	while (rows.executeStep()) {
-		const std::int64_t excess = rows.getColumn(static_cast<int>(table.columns.size())).getInt64();
-		const SqlRow row = RowOf(rows, 0, table.columns.size());
+		const std::int64_t excess = rows.getColumn(0).getInt64();
+		const SqlRow row = RowOf(rows, 1, table.columns.size());
 		const auto times = static_cast<std::uint64_t>(excess > 0 ? excess : -excess);
 		taker.Take(excess > 0 ? RowOperation::kInserted : RowOperation::kDeleted, {}, row, times);
 	}

@@ -11,6 +11,11 @@ namespace tarn::publisher {
 
 namespace {
 
+/** A query of an attached database, whose name "@" stands for. */
+std::string InSchema(const char* schema, std::string query) {
+	return query.replace(query.find('@'), 1, schema);
+}
+
 /** The collations of the primary key's columns; none for a row id, which has no index. */
 std::map<std::string, std::string> CollationsOf(
     const SQLite::Database& connection, const char* schema, const std::string& table) {
@@ -51,11 +56,10 @@ void AddColumns(const SQLite::Database& connection, const char* schema, const st
 std::map<std::string, TableSchema> NamedTables(
     const SQLite::Database& connection, const char* schema, const SQLite::Database& alone) {
 	std::map<std::string, TableSchema> tables;
-	SQLite::Statement list(connection, "SELECT list.name, made.sql FROM pragma_table_list AS list JOIN " +
-	                                       std::string(schema) +
-	                                       ".sqlite_schema AS made ON made.type = 'table' AND made.name = list.name "
-	                                       "WHERE list.schema = ? AND list.type = 'table' "
-	                                       "AND list.name NOT LIKE 'sqlite\\_%' ESCAPE '\\'");
+	SQLite::Statement list(connection,
+	    InSchema(schema, "SELECT list.name, made.sql FROM pragma_table_list AS list JOIN @.sqlite_schema AS made "
+	                     "ON made.type = 'table' AND made.name = list.name WHERE list.schema = ? AND "
+	                     "list.type = 'table' AND list.name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"));
 	list.bind(1, schema);
 	while (list.executeStep()) {
 		tables[list.getColumn(0).getText()].sql = list.getColumn(1).getText();
@@ -84,8 +88,8 @@ std::map<std::string, TableSchema> TableSchemasOf(
 
 std::map<std::pair<std::string, std::string>, std::string> DefinitionsOf(
     const SQLite::Database& connection, const char* schema) {
-	SQLite::Statement list(connection, "SELECT type, name, sql FROM " + std::string(schema) +
-	                                       ".sqlite_schema WHERE type <> 'table' AND sql IS NOT NULL");
+	SQLite::Statement list(connection,
+	    InSchema(schema, "SELECT type, name, sql FROM @.sqlite_schema WHERE type <> 'table' AND sql IS NOT NULL"));
 	std::map<std::pair<std::string, std::string>, std::string> definitions;
 	while (list.executeStep()) {
 		definitions[{list.getColumn(0).getText(), list.getColumn(1).getText()}] = list.getColumn(2).getText();

@@ -119,6 +119,7 @@ def test_the_documents_commands_carry_a_device_from_nothing_through_all_versions
     desk.assert_installs(1000, desk.tree("zones"), ["v1000"])
     assert "zones_d1001.tarn" in desk.follow("Every further version").stdout
     desk.assert_installs(1001, desk.tree("zones"), ["d1001"])
+    assert "Files: 1 added" in desk.follow("What a release changes").stdout
     desk.follow("Old packages")
     document = desk.repository / "database_info/1"
     published = json.loads(document.read_text())

@@ -156,7 +156,8 @@ TEST_F(ReleaseChanges, TrustNoPackageOfAnotherKey) {
 	PublishThree();
 	archive::GenerateKeyFiles(directory_ / "other");
 	changes_.keys = {directory_ / "other.pub"};
-	EXPECT_THAT(Error(), AllOf(HasSubstr("Version 2 of db cannot be made"), HasSubstr("has no signature by a trusted key.")));
+	EXPECT_THAT(
+	    Error(), AllOf(HasSubstr("Version 2 of db cannot be made"), HasSubstr("has no signature by a trusted key.")));
 	changes_.keys.push_back(PublicKey());
 	EXPECT_EQ(Error(), "");
 }

@@ -56,7 +56,7 @@ TEST_F(Command, NeedsASubcommandItKnows) {
 }
 
 TEST_F(Command, HelpEndsWithTheExitCodes) {
-	for (const char* command : {"keygen", "publish", "restore", "verify", "extract", "inspect"}) {
+	for (const char* command : {"keygen", "publish", "restore", "changes", "verify", "extract", "inspect"}) {
 		EXPECT_EQ(Run({command, "--help"}), publisher::kDone);
 		EXPECT_THAT(out_.str(), ::testing::EndsWith("Exit status: 0 done, 1 failed, 2 wrong usage.\n")) << command;
 	}
