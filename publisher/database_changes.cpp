@@ -178,9 +178,10 @@ private:
 			return RowIdentity::kRowId;
 		}
 		// Another collation or type would make other rows equal, and no index of the other version would find them.
+		// Rows with NULL in their keys, which equals nothing, are told apart by what else they hold.
 		const bool has_key = !before.key.empty() && before.key == after.key &&
-		                     !HasNullKey(pair_.Connection(), DatabasePair::kBefore, name, before.key) &&
-		                     !HasNullKey(pair_.Connection(), DatabasePair::kAfter, name, after.key);
+		                     !(HasNullKey(pair_.Connection(), DatabasePair::kBefore, name, before.key) &&
+		                         HasNullKey(pair_.Connection(), DatabasePair::kAfter, name, after.key));
 		return has_key ? RowIdentity::kKey : RowIdentity::kContent;
 	}
 
