@@ -328,6 +328,10 @@ TEST_F(DatabaseChanges, CompareByContentWhereAKeyIsNullOrHasChanged) {
 	EXPECT_EQ(Counts(OnlyTable(made + "INSERT INTO t VALUES(NULL,1),(NULL,1),('x',1);",
 	              made + "INSERT INTO t VALUES(NULL,1),('x',2);")),
 	    "+1 ~0 -2");
+	const TableChange one_null =
+	    OnlyTable(made + "INSERT INTO t VALUES('x',1);", made + "INSERT INTO t VALUES(NULL,1),('x',2);");
+	EXPECT_EQ(one_null.identity, RowIdentity::kKey);
+	EXPECT_EQ(Counts(one_null), "+1 ~1 -0");
 	const TableChange table = OnlyTable(made + "INSERT INTO t VALUES('x',1),('y',1);",
 	    "CREATE TABLE t(a TEXT COLLATE NOCASE PRIMARY KEY, b); INSERT INTO t VALUES('x',2),('y',1);");
 	EXPECT_EQ(table.identity, RowIdentity::kContent);
