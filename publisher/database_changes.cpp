@@ -115,8 +115,8 @@ private:
 		try {
 			if (before != nullptr && after != nullptr) {
 				CompareTable(name, *before, *after, change);
-			} else {
-				CountTable(name, before != nullptr ? *before : *after, change);
+			} else if (const TableSchema* only = before != nullptr ? before : after; only != nullptr) {
+				CountTable(name, *only, change);
 			}
 		} catch (const SQLite::Exception& error) {
 			if (error.getErrorCode() != SQLITE_ERROR) {

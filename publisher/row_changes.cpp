@@ -129,7 +129,11 @@ void CompareByContent(const DatabasePair& pair, const ComparedTable& table, Exam
 		const std::string name = "c" + std::to_string(i);
 		columns.append(",").append(name);
 		// For SQL, 1 and 1.0 are equal, as are texts that differ in case when a column says so.
-		groups.append(groups.empty() ? "" : ",").append(name + " COLLATE BINARY,typeof(" + name + ")");
+		groups.append(groups.empty() ? "" : ",")
+		    .append(name)
+		    .append(" COLLATE BINARY,typeof(")
+		    .append(name)
+		    .append(")");
 	}
 	SQLite::Statement rows(pair.Connection(),
 	    "SELECT sum(n)" + columns + " FROM (" + CountedRows(DatabasePair::kAfter, table, "1") + " UNION ALL " +

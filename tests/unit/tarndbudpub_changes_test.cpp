@@ -429,7 +429,8 @@ TEST(ShownValueTest, IsShortAndSafeForATerminal) {
 	using publisher::ShownValue;
 	EXPECT_EQ(ShownText("Größe 東京 \U0001F600"), "Größe 東京 \U0001F600");
 	EXPECT_EQ(ShownText("a\x1b[0m\n\x7f"), "a\\x1b[0m\\x0a\\x7f");
-	EXPECT_EQ(ShownText("\xc2\x9b \xe2\x80\xae \xed\xa0\x80 \xff"), "\\xc2\\x9b \\xe2\\x80\\xae \\xed\\xa0\\x80 \\xff");
+	EXPECT_EQ(ShownText(std::string("\xc2\x9b \xe2") + "\x80\xae \xed\xa0\x80 \xff"),
+	    "\\xc2\\x9b \\xe2\\x80\\xae \\xed\\xa0\\x80 \\xff");
 	EXPECT_EQ(ShownText("\xe6\x9d"), "\\xe6\\x9d");
 	EXPECT_EQ(ShownValue({SQLITE_INTEGER, -5, ""}, true), "-5");
 	EXPECT_EQ(ShownValue({SQLITE_BLOB, 0, "12345"}, true), "a blob of 5 B");
