@@ -4,13 +4,14 @@
 #include "base/text.h"
 #include "publisher/changes_command.h"
 #include "publisher/inspect.h"
+#include "publisher/progress_line.h"
 #include "publisher/publish.h"
 #include "publisher/publish_error.h"
+#include "publisher/repository_commands.h"
 #include "publisher/restore.h"
 
 #include <CLI/CLI.hpp>
 
-#include <chrono>
 #include <exception>
 #include <iomanip>
 #include <sstream>
@@ -19,73 +20,12 @@ namespace tarn::publisher {
 
 namespace {
 
-/** One line on a terminal, rewritten a few times a second, and removed with the object. */
-class ProgressLine {
-public:
-	ProgressLine(std::ostream& out, bool enabled) : out_(out), enabled_(enabled) {}
-	ProgressLine(const ProgressLine&) = delete;
-	ProgressLine& operator=(const ProgressLine&) = delete;
-	~ProgressLine() {
-		try {
-			Clear();
-		} catch (...) { // failing to write to a terminal is no failure of the command
-		}
-	}
-
-	void Show(std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
-		constexpr std::chrono::milliseconds kInterval{200};
-		const Clock::time_point now = Clock::now();
-		if (!enabled_ || (shown_ && now - last_ < kInterval)) {
-			return;
-		}
-		const double seconds = std::chrono::duration<double>(now - started_).count();
-		const double rate = seconds > 0 ? static_cast<double>(bytes) / seconds : 0;
-		Print("packing " + std::to_string(files) + " of " + std::to_string(tree.files.size()) + " files, " +
-		      HumanSize(bytes) + " of " + HumanSize(tree.total_size) + ", " +
-		      HumanSize(static_cast<std::uint64_t>(rate)) + "/s");
-	}
-	/** Shows how many parts of a step are done; without a number when the step has one part. */
-	void ShowStep(const std::string& what, std::uint64_t done, std::uint64_t all) {
-		if (enabled_) {
-			Print(all == 1 ? what : what + " " + std::to_string(done) + " of " + std::to_string(all));
-		}
-	}
-	/** Makes room for another line. */
-	void Clear() {
-		if (shown_) {
-			out_ << kEmptyLine << std::flush;
-			shown_ = false;
-		}
-	}
-
-private:
-	using Clock = std::chrono::steady_clock;
-	static constexpr const char* kEmptyLine = "\r\x1b[K";
-
-	void Print(const std::string& text) {
-		out_ << kEmptyLine << text << std::flush;
-		shown_ = true;
-		last_ = Clock::now();
-	}
-
-	std::ostream& out_;
-	bool enabled_;
-	bool shown_ = false;
-	Clock::time_point started_ = Clock::now();
-	Clock::time_point last_;
-};
-
-struct Streams {
-	std::ostream& out;
-	std::ostream& err;
-	bool terminal;
-};
-
 struct Options {
 	std::string prefix;
 	PublishOptions publish;
 	RestoreOptions restore;
 	ChangesCommand changes;
+	RepositoryCommandOptions repository;
 	std::vector<std::string> old_keys;
 	std::string package;
 	std::string directory;
@@ -108,22 +48,6 @@ void PrintDiff(const DiffResult& diff, const PublishResult& result, std::ostream
 	    << share.str() << " % of the full package; files created " << diff.created << ", replaced " << diff.replaced
 	    << ", patched " << diff.patched << ", scripted " << diff.scripted << ", deleted " << diff.deleted
 	    << ". Devices from version " << diff.oldest_base << " on take diff packages.\n";
-}
-
-PublishObserver ObserverOf(ProgressLine& line, const Streams& streams) {
-	PublishObserver observer;
-	observer.warn = [&](const std::string& sentence) {
-		line.Clear();
-		streams.err << "warning: " << sentence << "\n";
-	};
-	observer.waiting = [&] { streams.err << "Waiting for another publisher of this repository.\n" << std::flush; };
-	observer.progress = [&](std::uint64_t files, std::uint64_t bytes, const Tree& tree) {
-		line.Show(files, bytes, tree);
-	};
-	observer.step = [&](const std::string& what, std::uint64_t done, std::uint64_t all) {
-		line.ShowStep(what, done, all);
-	};
-	return observer;
 }
 
 void RunPublish(const Options& options, const Streams& streams) {
@@ -215,7 +139,10 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--url", publish.url, "Where devices reach the repository: http:// or https://")->required();
 	command->add_option("--data-version", publish.data_version, "Version to publish; by default the last plus one");
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
-	command->add_option("--db-version", publish.db_version, "Version of the server's document")->capture_default_str();
+	CLI::Option* document = command->add_option("--db-version", publish.db_version, "Version of the server's document");
+	document->capture_default_str();
+	command->add_option("--channel", publish.db_version, "Channel to publish to: the name of its document")
+	    ->excludes(document);
 	command
 	    ->add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
 	    ->default_str("auto");
@@ -255,7 +182,10 @@ void AddReaders(CLI::App& app, Options& options) {
 	inspect->add_flag("--json", options.json, "Print JSON");
 }
 
-void Run(const CLI::App& app, const Options& options, const Streams& streams) {
+int Run(const CLI::App& app, const Options& options, const Streams& streams) {
+	if (const std::optional<int> code = RunRepositoryCommand(app, options.repository, streams)) {
+		return *code;
+	}
 	if (app.got_subcommand("keygen")) {
 		RunKeygen(options, streams);
 	} else if (app.got_subcommand("publish")) {
@@ -271,15 +201,16 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 	} else {
 		InspectPackage(options.package, options.json, streams.out);
 	}
+	return kDone;
 }
 
 int RunReporting(const CLI::App& app, const Options& options, const Streams& streams) {
 	try {
-		Run(app, options, streams);
+		const int code = Run(app, options, streams);
 		if (!streams.out.flush()) {
 			throw PublishError("The result could not be printed.");
 		}
-		return kDone;
+		return code;
 	} catch (const std::exception& error) {
 		streams.err << "tarndbudpub: " << error.what() << "\n";
 		return dynamic_cast<const UsageError*>(&error) != nullptr ? kUsage : kFailed;
@@ -299,6 +230,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddRestore(app, options);
 	AddChangesCommand(app, options.changes);
 	AddReaders(app, options);
+	AddRepositoryCommands(app, options.repository);
 	try {
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
 	} catch (const CLI::ParseError& error) {

@@ -8,7 +8,13 @@
 
 namespace tarn::publisher {
 
-enum ExitCode : int { kDone = 0, kFailed = 1, kUsage = 2 };
+enum ExitCode : int {
+	kDone = 0,
+	kFailed = 1,
+	kUsage = 2,
+	kBroken = 3, ///< of check-repo: devices fail, or take the long way
+	kUntidy = 4  ///< of check-repo: something lies around
+};
 
 /**
  * Runs one command of the publisher.

@@ -113,7 +113,9 @@ std::optional<Entry> Document::Find(const std::string& id) const {
 	if (!list.isMember(id)) {
 		return std::nullopt;
 	}
-	return Entry{VersionOf(list[id], id, path_), 0, "", DiffFilesOf(list[id])};
+	const Json::Value& link = list[id]["download_link"];
+	return Entry{
+	    VersionOf(list[id], id, path_), 0, link.isString() ? link.asString() : "", DiffFilesOf(list[id])};
 }
 
 void Document::Put(const std::string& id, const Entry& entry) {
@@ -127,6 +129,17 @@ void Document::Put(const std::string& id, const Entry& entry) {
 	place["last_fetch_time"] = entry.last_fetch_time;
 	place["download_link"] = entry.download_link;
 	place["diff_files"] = ToJson(entry.diff_files);
+}
+
+void Document::CopyEntry(const Document& other, const std::string& id) {
+	EnsureDeprecatedFlag(value_);
+	Json::Value& place = value_["db_list"][id];
+	const Json::Value flag = place.isObject() ? place["deprecated"] : Json::Value();
+	place = other.EntryJson(id);
+	if (flag.isBool()) {
+		place["deprecated"] = flag;
+	}
+	EnsureDeprecatedFlag(place);
 }
 
 std::string Document::Text() const {

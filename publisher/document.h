@@ -6,10 +6,12 @@
 
 #include <json/json.h>
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarn::publisher {
 
@@ -54,7 +56,13 @@ public:
 
 	/** The version and the diff packages of a database; throws DamagedDocument when its version cannot be read. */
 	[[nodiscard]] std::optional<Entry> Find(const std::string& id) const;
+	/** The databases that the document names, in byte order. */
+	std::vector<std::string> Ids() const { return value_["db_list"].getMemberNames(); }
+	/** All that the document says about a database; null when it does not name the database. */
+	const Json::Value& EntryJson(const std::string& id) const { return value_["db_list"][id]; }
 	void Put(const std::string& id, const Entry& entry);
+	/** Takes another document's entry with all its members; a flag of deprecation that is here stays. */
+	void CopyEntry(const Document& other, const std::string& id);
 	std::string Text() const;
 
 	/** The whole text of a document's file; throws PublishError. */

@@ -115,20 +115,36 @@ void ReplacingFile::Commit() {
 	}
 }
 
-void RemoveLeftovers(const std::string& directory) {
-	try {
-		for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-			const std::string name = entry.path().filename().string();
-			if (StartsWith(name, kWorkPrefix)) {
-				fs::remove_all(entry.path());
-			} else if (StartsWith(name, kTemporaryPrefix)) {
-				fs::remove(entry.path());
-			}
+std::vector<fs::path> PathsIn(const std::string& directory) {
+	std::vector<fs::path> entries;
+	std::error_code error;
+	for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+		entries.push_back(entry->path());
+	}
+	if (error && error != std::errc::no_such_file_or_directory) {
+		throw PublishError(directory + " cannot be read: " + error.message() + ".");
+	}
+	std::sort(entries.begin(), entries.end());
+	return entries;
+}
+
+std::vector<std::string> Leftovers(const std::string& directory) {
+	std::vector<std::string> paths;
+	for (const fs::path& path : PathsIn(directory)) {
+		if (StartsWith(path.filename().string(), kTemporaryPrefix)) {
+			paths.push_back(path.string());
 		}
-	} catch (const fs::filesystem_error& error) {
-		if (error.code() != std::errc::no_such_file_or_directory) {
+	}
+	return paths;
+}
+
+void RemoveLeftovers(const std::string& directory) {
+	for (const std::string& path : Leftovers(directory)) {
+		std::error_code error;
+		fs::remove_all(path, error); // work directories hold trees
+		if (error) {
 			throw PublishError(
-			    "What a killed publisher left in " + directory + " cannot be removed: " + error.code().message() + ".");
+			    "What a killed publisher left in " + directory + " cannot be removed: " + error.message() + ".");
 		}
 	}
 }

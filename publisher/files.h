@@ -6,6 +6,7 @@
 #include "base/unique_fd.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -61,6 +62,11 @@ private:
  */
 void MakeServedDirectories(const std::string& directory);
 
+/** The paths in a directory, in byte order; none when it is missing. Throws PublishError. */
+[[nodiscard]] std::vector<std::filesystem::path> PathsIn(const std::string& directory);
+
+/** What killed publishers left in a directory, or a running publisher works with. Throws PublishError. */
+[[nodiscard]] std::vector<std::string> Leftovers(const std::string& directory);
 /** Removes what killed publishers left in a directory, work directories too; the caller holds the repository's lock. */
 void RemoveLeftovers(const std::string& directory);
 

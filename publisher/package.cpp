@@ -180,6 +180,16 @@ archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageI
 	}
 }
 
+archive::ArchiveFile PackageReader::OpenUnchecked(const std::string& path, const PackageInfo& expected) {
+	try {
+		archive::ArchiveFile archive(path);
+		RequireMetadata(ReadMetadata(archive), expected);
+		return archive;
+	} catch (const Error& error) {
+		Refuse(path, error);
+	}
+}
+
 void PackageReader::UnpackNextTo(const std::string& path, const PackageInfo& expected, const std::string& root,
     const std::string& target, const std::string& earlier) const {
 	const archive::ArchiveFile archive = Open(path, expected);

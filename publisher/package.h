@@ -87,6 +87,9 @@ public:
 	 */
 	[[nodiscard]] archive::ArchiveFile Open(const std::string& path, const PackageInfo& expected) const;
 
+	/** The same without its signature and content: only what the package says about itself. */
+	[[nodiscard]] static archive::ArchiveFile OpenUnchecked(const std::string& path, const PackageInfo& expected);
+
 	/** Opens a package and unpacks it as UnpackBeside() does; throws PublishError naming the package. */
 	void UnpackNextTo(const std::string& path, const PackageInfo& expected, const std::string& root,
 	    const std::string& target, const std::string& earlier) const;

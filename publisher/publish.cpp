@@ -1,6 +1,7 @@
 #include "publisher/publish.h"
 
 #include "base/text.h"
+#include "publisher/channels.h"
 #include "publisher/checks.h"
 #include "publisher/diff_maker.h"
 #include "publisher/files.h"
@@ -75,7 +76,7 @@ public:
 		result_.tree_size = tree_.total_size;
 		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
-		previous_ = repository_.ReadEntry(options_.db_version, options_.id);
+		previous_ = EntryToContinue(repository_, options_, result_.data_version);
 		repository_.Clean(options_.id, result_.data_version);
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));

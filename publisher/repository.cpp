@@ -23,7 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kLockName = ".tarndbudpub.lock";
 constexpr const char* kUrlName = "/packages/.tarndbudpub.url";
 constexpr mode_t kLockMode = 0644;
 
@@ -60,19 +59,6 @@ std::optional<PackageFile> Recognise(const fs::path& path, const std::string& id
 	return PackageFile{path.string(), *version, kind == 'd'};
 }
 
-/** The paths in a directory; none when it is missing. */
-std::vector<fs::path> PathsIn(const std::string& directory) {
-	std::vector<fs::path> entries;
-	std::error_code error;
-	for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
-		entries.push_back(entry->path());
-	}
-	if (error && error != std::errc::no_such_file_or_directory) {
-		throw PublishError(directory + " cannot be read: " + error.message() + ".");
-	}
-	return entries;
-}
-
 bool Exists(const std::string& path) {
 	return fs::exists(fs::symlink_status(path));
 }
@@ -94,26 +80,30 @@ Repository::Repository(std::string directory, const std::function<void()>& waiti
 	lock_ = Lock(directory_ + "/" + kLockName, waiting);
 }
 
-std::vector<Entry> Repository::EntriesOf(const std::string& id) const {
-	std::vector<Entry> entries;
-	std::error_code error;
-	for (const fs::directory_entry& file : fs::directory_iterator(directory_ + "/database_info", error)) {
-		if (file.path().filename().string().front() == '.') {
-			continue;
-		}
-		if (std::optional<Entry> entry = Document(file.path().string()).Find(id)) {
-			entries.push_back(std::move(*entry));
+std::vector<std::string> Repository::DocumentNames() const {
+	std::vector<std::string> names;
+	for (const fs::path& path : PathsIn(directory_ + "/database_info")) {
+		if (path.filename().string().front() != '.') {
+			names.push_back(path.filename().string());
 		}
 	}
-	if (error && error != std::errc::no_such_file_or_directory) {
-		throw PublishError("The documents of " + directory_ + " cannot be read: " + error.message() + ".");
+	std::sort(names.begin(), names.end());
+	return names;
+}
+
+std::map<std::string, Entry> Repository::EntriesOf(const std::string& id) const {
+	std::map<std::string, Entry> entries;
+	for (const std::string& name : DocumentNames()) {
+		if (std::optional<Entry> entry = Document(DocumentPath(name)).Find(id)) {
+			entries[name] = std::move(*entry);
+		}
 	}
 	return entries;
 }
 
 std::optional<int> Repository::LastVersion(const std::string& id) const {
 	std::optional<int> last;
-	for (const Entry& entry : EntriesOf(id)) {
+	for (const auto& [name, entry] : EntriesOf(id)) {
 		last = std::max(last.value_or(-1), entry.data_version);
 	}
 	return last;
@@ -136,9 +126,9 @@ bool Repository::IsDamaged(const std::string& db_version) const {
 	}
 }
 
-std::vector<PackageFile> Repository::Packages(const std::string& id) const {
+std::vector<PackageFile> PackagesIn(const std::string& directory, const std::string& id) {
 	std::vector<PackageFile> files;
-	for (const fs::path& path : PathsIn(PackageDirectory(id))) {
+	for (const fs::path& path : PathsIn(directory)) {
 		if (std::optional<PackageFile> file = Recognise(path, id)) {
 			files.push_back(std::move(*file));
 		}
@@ -163,7 +153,7 @@ std::vector<std::string> Repository::PackagedIds() const {
 
 void Repository::RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const {
 	std::set<int> kept;
-	for (const Entry& entry : EntriesOf(id)) {
+	for (const auto& [name, entry] : EntriesOf(id)) {
 		for (const auto& [version, file] : entry.diff_files) {
 			kept.insert(version);
 		}
@@ -204,6 +194,13 @@ void Repository::WriteEntries(
 	for (const auto& [id, entry] : entries) {
 		document.Put(id, entry);
 	}
+	WriteReplacing(path, document.Text());
+}
+
+void Repository::CopyEntry(const std::string& from, const std::string& to, const std::string& id) const {
+	const std::string path = DocumentPath(to);
+	Document document = Exists(path) ? Document(path) : Document();
+	document.CopyEntry(Document(DocumentPath(from)), id);
 	WriteReplacing(path, document.Text());
 }
 

@@ -20,6 +20,12 @@ struct PackageFile {
 	bool is_diff = false;
 };
 
+/** The files with a package's name in a directory, by version, full packages first; none when it is missing. */
+std::vector<PackageFile> PackagesIn(const std::string& directory, const std::string& id);
+
+/** The file that publishers of a repository lock, relative to the repository. */
+constexpr const char* kLockName = ".tarndbudpub.lock";
+
 /**
  * Holds packages/<id>/ and the documents database_info/<version>. An object holds the directory's lock, so that
  * publishers wait for each other.
@@ -32,6 +38,10 @@ public:
 	 */
 	Repository(std::string directory, const std::function<void()>& waiting);
 
+	/** The names of the documents, in byte order, whatever they hold. */
+	std::vector<std::string> DocumentNames() const;
+	/** What each document says about a database, by the documents' names; throws PublishError for a damaged one. */
+	std::map<std::string, Entry> EntriesOf(const std::string& id) const;
 	/** The highest version that any document names for a database; no value when it was never published. */
 	[[nodiscard]] std::optional<int> LastVersion(const std::string& id) const;
 
@@ -46,10 +56,11 @@ public:
 	std::string DocumentPath(const std::string& db_version) const {
 		return directory_ + "/database_info/" + db_version;
 	}
+	std::string PackageDirectory(const std::string& id) const { return directory_ + "/packages/" + id; }
 	const std::string& Directory() const { return directory_; }
 
 	/** The files with a package's name that are there for a database, by version, full packages first. */
-	std::vector<PackageFile> Packages(const std::string& id) const;
+	std::vector<PackageFile> Packages(const std::string& id) const { return PackagesIn(PackageDirectory(id), id); }
 	/** The databases of which there is a directory of packages, in byte order. */
 	std::vector<std::string> PackagedIds() const;
 
@@ -79,6 +90,9 @@ public:
 	void WriteEntries(
 	    const std::string& db_version, const std::map<std::string, Entry>& entries, bool replaces_damaged) const;
 
+	/** Gives a document the entry that another one has, with all that it says; see Document::CopyEntry(). */
+	void CopyEntry(const std::string& from, const std::string& to, const std::string& id) const;
+
 	/** Notes at which URL the repository is served, for a document that is lost. */
 	void RememberUrl(const std::string& url) const;
 	[[nodiscard]] std::optional<std::string> RememberedUrl() const;
@@ -87,10 +101,7 @@ private:
 	static std::string NameOf(const std::string& id, const char* kind, int version) {
 		return "packages/" + id + "/" + id + kind + std::to_string(version) + ".tarn";
 	}
-	/** What the documents say about a database. */
-	std::vector<Entry> EntriesOf(const std::string& id) const;
 	void RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const;
-	std::string PackageDirectory(const std::string& id) const { return directory_ + "/packages/" + id; }
 
 	std::string directory_;
 	UniqueFd lock_;

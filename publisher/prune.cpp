@@ -1,0 +1,144 @@
+#include "publisher/prune.h"
+
+#include "publisher/checks.h"
+#include "publisher/files.h"
+#include "publisher/publish_error.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/** The bytes of a file, or of all files in a directory. */
+std::uint64_t SizeOf(const fs::path& path) {
+	std::error_code error;
+	if (!fs::is_directory(fs::symlink_status(path, error))) {
+		const std::uint64_t size = fs::file_size(path, error);
+		return error ? 0 : size;
+	}
+	std::uint64_t size = 0;
+	for (fs::recursive_directory_iterator entry(path, error), end; !error && entry != end; entry.increment(error)) {
+		std::error_code ignored; // Not a regular file, which takes no space to speak of.
+		const std::uint64_t bytes = entry->file_size(ignored);
+		size += ignored ? 0 : bytes;
+	}
+	return size;
+}
+
+/** The steps of Prune(). */
+class Pruning {
+public:
+	Pruning(const PruneOptions& options, const PublishObserver& observer)
+	    : options_(options), observer_(observer), repository_(options.repository, observer.waiting) {}
+
+	PruneResult Run() {
+		// All of it before the first file goes, so that a document that cannot be read keeps everything.
+		for (const std::string& id : options_.ids.empty() ? repository_.PackagedIds() : options_.ids) {
+			TakePackages(id);
+			TakeLeftovers(repository_.PackageDirectory(id));
+		}
+		const std::string& root = repository_.Directory();
+		for (const std::string& directory : {root, root + "/packages", root + "/database_info"}) {
+			TakeLeftovers(directory);
+		}
+		if (!options_.dry_run) {
+			Remove();
+		}
+		return std::move(result_);
+	}
+
+private:
+	void TakePackages(const std::string& id) {
+		const std::vector<PackageFile> files = repository_.Packages(id);
+		const std::map<std::string, Entry> entries = repository_.EntriesOf(id);
+		if (entries.empty()) {
+			const std::string sentence = "No document names " + id + ", so nothing of it is removed.";
+			if (!options_.ids.empty()) {
+				throw PublishError(sentence);
+			}
+			observer_.warn(sentence);
+			return;
+		}
+		const NeededPackages needed(entries, files);
+		for (const PackageFile& file : files) {
+			const std::string place = file.is_diff ? repository_.DiffPath(id, file.data_version)
+			                                       : repository_.PackagePath(id, file.data_version);
+			if (file.path == place && !needed.IsNeeded(file) && fs::is_regular_file(fs::symlink_status(file.path))) {
+				Take(file.path);
+			}
+		}
+	}
+
+	void TakeLeftovers(const std::string& directory) {
+		for (const std::string& path : Leftovers(directory)) {
+			Take(path);
+		}
+	}
+
+	void Take(const std::string& path) {
+		result_.files.push_back({path, SizeOf(path)});
+		result_.bytes += result_.files.back().size;
+	}
+
+	void Remove() {
+		for (const PruneResult::File& file : result_.files) {
+			std::error_code error;
+			fs::remove_all(file.path, error); // What a publisher worked with is a directory.
+			if (error) {
+				throw PublishError(file.path + " could not be removed: " + error.message() + ".");
+			}
+		}
+	}
+
+	const PruneOptions& options_;
+	const PublishObserver& observer_;
+	Repository repository_;
+	PruneResult result_;
+};
+
+} // namespace
+
+NeededPackages::NeededPackages(const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files) {
+	for (const auto& [name, entry] : entries) {
+		Take(entry);
+		int below = -1;
+		for (const PackageFile& file : files) {
+			if (!file.is_diff && file.data_version < entry.data_version) {
+				below = std::max(below, file.data_version);
+			}
+		}
+		full_.insert(below);
+	}
+}
+
+void NeededPackages::Take(const Entry& entry) {
+	highest_ = std::max(highest_, entry.data_version);
+	named_.insert(entry.data_version);
+	for (const auto& [version, file] : entry.diff_files) {
+		diffs_.insert(version);
+		full_.insert({version - 1, version});
+	}
+}
+
+bool NeededPackages::IsNamed(const PackageFile& file) const {
+	return (file.is_diff ? diffs_ : named_).count(file.data_version) > 0;
+}
+
+bool NeededPackages::IsNeeded(const PackageFile& file) const {
+	return IsNamed(file) || file.data_version > highest_ || (!file.is_diff && full_.count(file.data_version) > 0);
+}
+
+PruneResult Prune(const PruneOptions& options, const PublishObserver& observer) {
+	for (const std::string& id : options.ids) {
+		CheckWord("ID", id);
+	}
+	RequireRepository(options.repository);
+	return Pruning(options, observer).Run();
+}
+
+} // namespace tarn::publisher

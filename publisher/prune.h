@@ -1,0 +1,76 @@
+/** @file Removing packages that nobody needs any more. */
+#ifndef PUBLISHER_PRUNE_H
+#define PUBLISHER_PRUNE_H
+
+#include "publisher/document.h"
+#include "publisher/publish.h"
+#include "publisher/repository.h"
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/**
+ * Which packages of a database are needed, by what all documents say:
+ *
+ * - every package that a document names;
+ * - the full packages of the versions that a document's chain leads through, from which the next diff packages are made
+ *   and tried;
+ * - the full package below each document's newest version, which devices may still ask for that have the document of an
+ *   hour ago;
+ * - everything above the highest version that a document names: its number is taken, and why it is there is unknown.
+ */
+class NeededPackages {
+public:
+	/**
+	 * @param entries  of all documents, by their names; not empty
+	 * @param files    the packages that are there
+	 */
+	NeededPackages(const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files);
+
+	[[nodiscard]] bool IsNeeded(const PackageFile& file) const;
+	/** Whether a document names the package. */
+	[[nodiscard]] bool IsNamed(const PackageFile& file) const;
+	/** The highest version that a document names. */
+	int Highest() const { return highest_; }
+
+private:
+	void Take(const Entry& entry);
+
+	std::set<int> diffs_; // that documents name
+	std::set<int> named_; // of full packages, that documents name
+	std::set<int> full_;  // of full packages that are needed besides
+	int highest_ = -1;
+};
+
+struct PruneOptions {
+	std::string repository;
+	std::vector<std::string> ids; // empty for all
+	bool dry_run = false;
+};
+
+struct PruneResult {
+	struct File {
+		std::string path;
+		std::uint64_t size = 0; // of all that a directory holds
+	};
+	std::vector<File> files; // that were removed, or would be
+	std::uint64_t bytes = 0;
+};
+
+/**
+ * Removes packages that are not needed, the oldest first, and what killed publishers left. Holds the repository's lock,
+ * so that publishers wait. When the process is killed, what is left to remove is found by the next run.
+ *
+ * @param observer  gets a warning for each database that no document names, of which nothing is removed
+ * @throws PublishError, also for a document that cannot be read: nothing is removed then
+ */
+PruneResult Prune(const PruneOptions& options, const PublishObserver& observer);
+
+} // namespace tarn::publisher
+
+#endif
