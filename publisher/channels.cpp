@@ -103,8 +103,7 @@ private:
 	std::string MissingOfFullPackage() const {
 		const int version = source_.data_version;
 		try {
-			static_cast<void>(
-			    reader_.Open(repository_.PackagePath(options_.id, version), {options_.id, "", version}));
+			static_cast<void>(reader_.Open(repository_.PackagePath(options_.id, version), {options_.id, "", version}));
 			return "";
 		} catch (const PublishError& error) {
 			return error.what();
@@ -160,8 +159,7 @@ private:
 
 } // namespace
 
-std::optional<Entry> EntryToContinue(
-    const Repository& repository, const PublishOptions& options, int version) {
+std::optional<Entry> EntryToContinue(const Repository& repository, const PublishOptions& options, int version) {
 	const std::optional<Entry> own = repository.ReadEntry(options.db_version, options.id);
 	if (own && own->data_version == version - 1) {
 		return own;

@@ -45,10 +45,7 @@ struct Examined {
 class RepositoryCheck {
 public:
 	RepositoryCheck(const RepositoryCheckOptions& options, const PublishObserver& observer)
-	    : options_(options),
-	      observer_(observer),
-	      reader_(options.keys),
-	      listing_(ListRepository(options.repository)) {}
+	    : options_(options), observer_(observer), reader_(options.keys), listing_(ListRepository(options.repository)) {}
 
 	CheckResult Run() {
 		result_.is_publishing = listing_.is_publishing;
@@ -217,7 +214,8 @@ private:
 		const NeededPackages needed(entries->second, files);
 		for (const PackageFile& file : files) {
 			if (file.data_version > needed.Highest()) {
-				AddUntidy(file.path, "no document names it: a publisher was killed before its document, or the document is an old copy");
+				AddUntidy(file.path,
+				    "no document names it: a publisher was killed before its document, or the document is an old copy");
 			} else if (file.is_diff && !needed.IsNamed(file)) {
 				AddUntidy(file.path, "no document names it");
 			} else if (!needed.IsNeeded(file)) {

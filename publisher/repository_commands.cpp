@@ -11,8 +11,7 @@ namespace tarn::publisher {
 
 namespace {
 
-constexpr char kCheckHelp[] =
-    "Exit status: 0 all right, 1 not checked, 2 wrong usage, 3 broken for devices, 4 untidy.";
+constexpr char kCheckHelp[] = "Exit status: 0 all right, 1 not checked, 2 wrong usage, 3 broken for devices, 4 untidy.";
 
 void PrintJson(const Json::Value& value, std::ostream& out) {
 	out << JsonText(value, "\t") << "\n";
@@ -140,7 +139,7 @@ int RunPrune(const RepositoryCommandOptions& options, const Streams& streams) {
 		PrintJson(PrunedJson(options.prune, result), streams.out);
 		return kDone;
 	}
-	const std::string verb = options.prune.dry_run ? "Would remove " : "Removed ";
+	const char* verb = options.prune.dry_run ? "Removable: " : "Removed ";
 	for (const PruneResult::File& file : result.files) {
 		streams.out << verb << file.path << " (" << HumanSize(file.size) << ")\n";
 	}

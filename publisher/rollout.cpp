@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <sstream>
 
 namespace tarn::publisher {
 
@@ -98,19 +99,19 @@ std::string PercentText(Share share) {
 std::string RolloutConf(const std::string& channel, const std::string& document, Share share) {
 	const std::string file = "/database_info/" + document;
 	const std::string other = "/database_info/" + channel;
-	std::string text = std::string(kMaker) + ", which writes it again as a whole: " + PercentText(share) +
-	                   " % of the devices\n# that ask for " + file + " get " + other +
-	                   ". Goes into the http block; reload nginx after each change.\nsplit_clients \"$arg_dlid\" "
-	                   "$tarndbud_share {\n";
+	std::ostringstream text;
+	text << kMaker << ", which writes it again as a whole: " << PercentText(share)
+	     << " % of the devices\n# that ask for " << file << " get " << other
+	     << ". Goes into the http block; reload nginx after each change.\n"
+	     << "split_clients \"$arg_dlid\" $tarndbud_share {\n";
 	// nginx takes neither 0 % nor a part that leaves nothing for the others.
 	if (share > 0 && share < kWholeShare) {
-		text += "\t" + PercentText(share) + "% " + other + ";\n";
+		text << "\t" << PercentText(share) << "% " << other << ";\n";
 	}
-	text += "\t* " + (share == kWholeShare ? other : file) + ";\n}\n";
-	text += "# Whoever gives no id gets what it asked for.\nmap \"$uri $arg_dlid\" $tarndbud_document {\n"
-	        "\tdefault $uri;\n\t\"~^/database_info/" +
-	        Escaped(document) + " .\" $tarndbud_share;\n}\n";
-	return text;
+	text << "\t* " << (share == kWholeShare ? other : file) << ";\n}\n"
+	     << "# Whoever gives no id gets what it asked for.\nmap \"$uri $arg_dlid\" $tarndbud_document {\n"
+	     << "\tdefault $uri;\n\t\"~^/database_info/" << Escaped(document) << " .\" $tarndbud_share;\n}\n";
+	return text.str();
 }
 
 Share Rollout(const RolloutOptions& options) {

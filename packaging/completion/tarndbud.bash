@@ -99,13 +99,17 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish restore changes verify extract inspect --version --help' ;;
+	'') _tarndbud_offer 'keygen publish restore changes verify extract inspect promote rollout prune check-repo --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
-	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --memory --keep-diffs --old-key --continue --help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --help' ;;
 	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --keep-diffs --force --help' ;;
 	changes) _tarndbud_offer '--repo --key --db-version --examples --limit --json --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;
+	promote) _tarndbud_offer '--repo --from --to --key --old-key --json --help' ;;
+	rollout) _tarndbud_offer '--conf --document --repo --json --help' ;;
+	prune) _tarndbud_offer '--repo --dry-run --json --help' ;;
+	check-repo) _tarndbud_offer '--repo --key --old-key --json --help' ;;
 	esac
 }
 

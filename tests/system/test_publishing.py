@@ -120,7 +120,7 @@ def test_the_documents_commands_carry_a_device_from_nothing_through_all_versions
     assert "zones_d1001.tarn" in desk.follow("Every further version").stdout
     desk.assert_installs(1001, desk.tree("zones"), ["d1001"])
     assert "Files: 1 added" in desk.follow("What a release changes").stdout
-    desk.follow("Old packages")
+    desk.follow("Keeping a repository clean")
     document = desk.repository / "database_info/1"
     published = json.loads(document.read_text())
     document.unlink()
@@ -141,6 +141,15 @@ def test_the_documents_commands_carry_a_device_from_nothing_through_all_versions
     assert devices.strip() == "1"
     assert re.fullmatch(r"\s*\d+ db_list(\[zones\]|%5Bzones%5D)=1", formats)
     assert len(downloads) == 5
+
+
+def test_the_documents_commands_carry_a_device_through_a_channel(desk: Desk) -> None:
+    published_by_the_book(desk)
+    desk.follow("Every further version")
+    desk.assert_installs(1001, desk.tree("zones"), ["v1001"])
+    assert "Promoted zones version 1002 from canary to 1" in desk.follow("Channels").stdout
+    desk.assert_installs(1002, desk.tree("zones"), ["d1002"])
+    assert "0 broken, 0 untidy" in desk.follow("Checking a repository").stdout
 
 
 def test_every_command_of_the_document_is_run() -> None:

@@ -56,7 +56,8 @@ TEST_F(Command, NeedsASubcommandItKnows) {
 }
 
 TEST_F(Command, HelpEndsWithTheExitCodes) {
-	for (const char* command : {"keygen", "publish", "restore", "changes", "verify", "extract", "inspect"}) {
+	for (const char* command :
+	    {"keygen", "publish", "restore", "changes", "verify", "extract", "inspect", "promote", "rollout", "prune"}) {
 		EXPECT_EQ(Run({command, "--help"}), publisher::kDone);
 		EXPECT_THAT(out_.str(), ::testing::EndsWith("Exit status: 0 done, 1 failed, 2 wrong usage.\n")) << command;
 	}

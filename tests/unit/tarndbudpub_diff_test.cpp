@@ -149,9 +149,10 @@ TEST_F(DiffPublishing, IsLeftOutAfterAGapAndLeavesNoDiffBelow) {
 	EXPECT_THAT(OfferedDiffs(), ElementsAre(6));
 }
 
-TEST_F(DiffPublishing, IsOfOneDocumentAlone) {
+TEST_F(DiffPublishing, IsOfOneFormatAlone) {
 	PublishChange();
 	PublishChange();
+	options_.format_version = "2";
 	options_.db_version = "2";
 	PublishChange();
 	EXPECT_THAT(warnings_, IsEmpty());
