@@ -29,13 +29,20 @@ class Nginx:
         self.netloc = f"127.0.0.1:{free_port()}"
         server = home / "server.conf"
         server.write_text(self._server_block(template.read_text(), directory))
-        configuration = home / "nginx.conf"
-        configuration.write_text(FRAME.read_text().replace("@HOME@", str(home)).replace("@SERVER@", str(server)))
+        frame = self._frame().replace("@HOME@", str(home)).replace("@SERVER@", str(server))
+        (home / "nginx.conf").write_text(frame)
+        self._start()
+
+    def _start(self) -> None:
+        home = self._home
         self._process = subprocess.Popen(
-            ["/usr/sbin/nginx", "-p", str(home), "-c", str(configuration), "-e", str(home / "error.log")],
+            ["/usr/sbin/nginx", "-p", str(home), "-c", str(home / "nginx.conf"), "-e", str(home / "error.log")],
             stdin=subprocess.DEVNULL,
         )
         self._wait_until_it_answers()
+
+    def _frame(self) -> str:
+        return FRAME.read_text()
 
     def _wait_until_it_answers(self) -> None:
         deadline = time.monotonic() + 30
