@@ -81,6 +81,13 @@ void CheckKeptDiffs(const KeptDiffs& keep_diffs) {
 	}
 }
 
+void CheckDataVersion(const std::optional<std::int64_t>& version) {
+	if (version && (*version < 0 || *version > kMaxNumber)) {
+		throw UsageError(
+		    "--data-version " + std::to_string(*version) + " must be 0 to " + std::to_string(kMaxNumber) + ".");
+	}
+}
+
 void RequireRepository(const std::string& directory) {
 	std::error_code error;
 	if (!fs::is_directory(directory, error)) {
@@ -93,10 +100,7 @@ void CheckOptions(const PublishOptions& options) {
 	CheckWord("--format-version", options.format_version);
 	CheckWord("--db-version", options.db_version);
 	CheckUrl(options.url);
-	if (options.data_version && (*options.data_version < 0 || *options.data_version > kMaxNumber)) {
-		throw UsageError("--data-version " + std::to_string(*options.data_version) + " must be 0 to " +
-		                 std::to_string(kMaxNumber) + ".");
-	}
+	CheckDataVersion(options.data_version);
 	CheckKeptDiffs(options.keep_diffs);
 	if (options.memory_mib < kMinMemoryMib || options.memory_mib > kMaxMemoryMib) {
 		throw UsageError("--memory " + std::to_string(options.memory_mib) + " must be " +

@@ -5,6 +5,8 @@
 #include "publisher/publish.h"
 #include "publisher/repository.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace tarn::publisher {
@@ -17,6 +19,9 @@ void CheckUrl(const std::string& url);
 
 /** Throws UsageError for a number of diff packages that is below 0. */
 void CheckKeptDiffs(const KeptDiffs& keep_diffs);
+
+/** Throws UsageError for a version that devices cannot read. */
+void CheckDataVersion(const std::optional<std::int64_t>& version);
 
 /** Throws UsageError when an option's value can never work. */
 void CheckOptions(const PublishOptions& options);

@@ -162,6 +162,7 @@ void AddRestore(CLI::App& app, Options& options) {
 	command->add_option("--id", restore.ids, "Database to restore; by default all; may be repeated");
 	command->add_option("--db-version", restore.db_version, "Version of the server's document")->capture_default_str();
 	command->add_option("--format-version", restore.format_version, "Use packages of this format only");
+	command->add_option("--data-version", restore.data_version, "Highest version to name; by default the newest");
 	command->add_option("--keep-diffs", TakeKeptDiffs(restore.keep_diffs), "Largest number of diff packages to name")
 	    ->default_str("auto");
 	command->add_flag("--force", restore.force, "Replace entries that the document already has");

@@ -11,8 +11,10 @@
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <set>
+#include <utility>
 
 namespace tarn::publisher {
 
@@ -85,11 +87,12 @@ private:
 
 	/** The version that the document names; no value when the document is damaged or does not name the database. */
 	std::optional<int> NamedVersion(const std::string& id) const {
-		if (is_damaged_) {
-			return std::nullopt;
-		}
+		return is_damaged_ ? std::nullopt : VersionIn(options_.db_version, id);
+	}
+
+	std::optional<int> VersionIn(const std::string& document, const std::string& id) const {
 		try {
-			const std::optional<Entry> entry = repository_.ReadEntry(options_.db_version, id);
+			const std::optional<Entry> entry = repository_.ReadEntry(document, id);
 			return entry ? std::optional(entry->data_version) : std::nullopt;
 		} catch (const DamagedDocument&) {
 			return std::nullopt;
@@ -130,17 +133,31 @@ private:
 			throw PublishError("none of its full packages can be used; --old-key names further keys that signed");
 		}
 		RequireOneFormat(packages);
-		const auto& [version, newest] = *packages.full.rbegin();
+		const auto& [version, newest] = Newest(packages);
 		Entry entry = {version, newest.published, LinkTo(url_, Repository::PackageName(id, version)), {}};
 		if (!newest.says_when) {
 			observer_.warn(newest.path + " does not say when it was published; the time of the file is used.");
 		}
 		entry.diff_files = Chain(id, version, packages.diffs);
 		WarnOfHigher(id, version, packages.highest);
+		WarnOfChannels(id, version);
 		WarnOfUnreached(version, entry, packages.diffs);
 		KeepNewest(entry.diff_files, options_.keep_diffs, newest.size);
 		Add(id, entry);
 		return entry;
+	}
+
+	/** The full package that the document is to name. */
+	const std::pair<const int, SignedPackage>& Newest(const SignedPackages& packages) const {
+		auto after = packages.full.end();
+		if (options_.data_version) {
+			after = packages.full.upper_bound(static_cast<int>(*options_.data_version));
+		}
+		if (after == packages.full.begin()) {
+			throw PublishError("none of its full packages that can be used is of version " +
+			                   std::to_string(*options_.data_version) + " or below");
+		}
+		return *std::prev(after);
 	}
 
 	SignedPackages Read(const std::string& id, const std::vector<PackageFile>& files) const {
@@ -213,11 +230,23 @@ private:
 	/** Devices that have a version which cannot be named take higher versions only. */
 	void WarnOfHigher(const std::string& id, int version, int highest_packaged) const {
 		const int highest = std::max(highest_packaged, NamedVersion(id).value_or(version));
-		if (highest > version) {
+		if (highest > version && !options_.data_version) {
 			observer_.warn("Devices may have version " + std::to_string(highest) + " of " + id +
 			               ", of which there is no full package that can be named: the document names version " +
 			               std::to_string(version) + ". Publish with --data-version " +
 			               std::to_string(std::int64_t{highest} + 1) + " next.");
+		}
+	}
+
+	/** A version that another document names may have been on trial there. */
+	void WarnOfChannels(const std::string& id, int version) const {
+		for (const std::string& name :
+		    options_.data_version ? std::vector<std::string>() : repository_.DocumentNames()) {
+			if (name != options_.db_version && !repository_.IsDamaged(name) &&
+			    VersionIn(name, id) == std::optional(version)) {
+				observer_.warn("Version " + std::to_string(version) + " of " + id + " is also what " + name +
+				               " names. If it was on trial there, run it again with --force and --data-version.");
+			}
 		}
 	}
 
@@ -253,6 +282,7 @@ private:
 RestoreResult Restore(const RestoreOptions& options, const PublishObserver& observer) {
 	CheckWord("--db-version", options.db_version);
 	CheckKeptDiffs(options.keep_diffs);
+	CheckDataVersion(options.data_version);
 	if (!options.url.empty()) {
 		CheckUrl(options.url);
 	}

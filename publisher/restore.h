@@ -17,6 +17,7 @@ struct RestoreOptions {
 	std::vector<std::string> ids;  // empty for every database of which there are packages
 	std::string db_version = "1";
 	std::optional<std::string> format_version; // packages of others are left out
+	std::optional<std::int64_t> data_version;  // the highest version that is named; else the newest package's
 	KeptDiffs keep_diffs;
 	bool force = false; // whether entries that the document has are replaced
 };
@@ -43,6 +44,9 @@ struct RestoreResult {
  * database the newest full package, and the diff packages that lead to its version without a gap, as many as are kept.
  * The document appears whole; packages are only read. A document that can be read keeps its entries, unless the options
  * say otherwise, and everything else that it holds.
+ *
+ * Packages do not tell for which channel they were published, so the newest may have been on trial in another one; a
+ * warning says so where another document names the same version.
  *
  * A version of which only a diff package is left is not named, since a new device would find no full package. Devices
  * that have this version wait for a higher version, which a warning names.

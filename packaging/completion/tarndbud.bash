@@ -102,7 +102,7 @@ _tarndbudpub() {
 	'') _tarndbud_offer 'keygen publish restore changes verify extract inspect promote rollout prune check-repo --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
 	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --help' ;;
-	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --keep-diffs --force --help' ;;
+	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --data-version --keep-diffs --force --help' ;;
 	changes) _tarndbud_offer '--repo --key --db-version --examples --limit --json --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;

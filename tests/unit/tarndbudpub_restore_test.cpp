@@ -234,6 +234,28 @@ TEST_F(Restoring, AsksWhichFormatTheDocumentIsFor) {
 	EXPECT_EQ(Document("2")["db_list"]["db"]["data_version"].asString(), "2");
 }
 
+TEST_F(Restoring, NamesNoVersionAboveTheOneThatItIsTold) {
+	PublishUpTo(2);
+	const std::string document = ReadFile(DocumentPath());
+	options_.db_version = "canary";
+	PublishUpTo(2);
+	fs::remove(DocumentPath());
+	EXPECT_EQ(Failure(), "");
+	EXPECT_EQ(NamedVersion(), "4");
+	EXPECT_THAT(
+	    warnings_, ElementsAre("Version 4 of db is also what canary names. If it was on trial there, run it again "
+	                           "with --force and --data-version."));
+	warnings_.clear();
+	restore_.force = true;
+	restore_.data_version = 2;
+	EXPECT_EQ(Failure(), "");
+	EXPECT_EQ(ReadFile(DocumentPath()), document);
+	restore_.data_version = 0;
+	EXPECT_THAT(Failure(), HasSubstr("none of its full packages that can be used is of version 0 or below"));
+	restore_.data_version = -1;
+	EXPECT_THROW(Restore(), publisher::UsageError);
+}
+
 TEST_F(Restoring, NeedsARepository) {
 	EXPECT_THAT(Failure(), HasSubstr("/repo is no directory that can be read"));
 	EXPECT_FALSE(fs::exists(options_.repository));
