@@ -240,14 +240,20 @@ private:
 
 	/** A version that another document names may have been on trial there. */
 	void WarnOfChannels(const std::string& id, int version) const {
-		for (const std::string& name :
-		    options_.data_version ? std::vector<std::string>() : repository_.DocumentNames()) {
-			if (name != options_.db_version && !repository_.IsDamaged(name) &&
-			    VersionIn(name, id) == std::optional(version)) {
-				observer_.warn("Version " + std::to_string(version) + " of " + id + " is also what " + name +
-				               " names. If it was on trial there, run it again with --force and --data-version.");
+		if (options_.data_version) {
+			return;
+		}
+		for (const std::string& name : repository_.DocumentNames()) {
+			const bool is_other = name != options_.db_version && !repository_.IsDamaged(name);
+			if (is_other && VersionIn(name, id) == std::optional(version)) {
+				WarnOfChannel(name, id, version);
 			}
 		}
+	}
+
+	void WarnOfChannel(const std::string& name, const std::string& id, int version) const {
+		observer_.warn("Version " + std::to_string(version) + " of " + id + " is also what " + name +
+		               " names. If it was on trial there, run it again with --force and --data-version.");
 	}
 
 	void WarnOfUnreached(int version, const Entry& entry, const std::map<int, SignedPackage>& diffs) const {

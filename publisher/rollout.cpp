@@ -56,20 +56,24 @@ std::string DocumentPath(const RolloutOptions& options, const std::string& name)
 	return options.repository + "/database_info/" + name;
 }
 
+[[noreturn]] void RefuseChannel(
+    const RolloutOptions& options, const std::string& id, int wanted, const std::optional<Entry>& offered) {
+	const std::string what = offered ? "the older version " + std::to_string(offered->data_version) : "no version";
+	throw PublishError("The document " + DocumentPath(options, options.channel) + " names " + what + " of " + id +
+	                   ", of which " + options.document + " names version " + std::to_string(wanted) +
+	                   ": run \"tarndbudpub promote " + id + " --from " + options.document + " --to " +
+	                   options.channel + "\" before.");
+}
+
 /** Devices of the share see the channel's document alone, which must therefore lack nothing. */
 void RequireComplete(const RolloutOptions& options) {
-	const std::string path = DocumentPath(options, options.channel);
-	const Document channel(path);
+	const Document channel(DocumentPath(options, options.channel));
 	const Document other(DocumentPath(options, options.document));
 	for (const std::string& id : other.Ids()) {
 		const int wanted = other.Find(id)->data_version;
 		const std::optional<Entry> offered = channel.Find(id);
 		if (!offered || offered->data_version < wanted) {
-			throw PublishError("The document " + path + " names " +
-			                   (offered ? "the older version " + std::to_string(offered->data_version) : "no version") +
-			                   " of " + id + ", of which " + options.document + " names version " +
-			                   std::to_string(wanted) + ": run \"tarndbudpub promote " + id + " --from " +
-			                   options.document + " --to " + options.channel + "\" before.");
+			RefuseChannel(options, id, wanted, offered);
 		}
 	}
 }
