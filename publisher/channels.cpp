@@ -82,7 +82,7 @@ private:
 			if (diff == source_.diff_files.end()) {
 				return "no diff package leads to version " + std::to_string(version);
 			}
-			if (const std::string problem = ProblemOfDiff(version, diff->second); !problem.empty()) {
+			if (std::string problem = ProblemOfDiff(version, diff->second); !problem.empty()) {
 				return problem;
 			}
 		}
@@ -160,7 +160,7 @@ private:
 } // namespace
 
 std::optional<Entry> EntryToContinue(const Repository& repository, const PublishOptions& options, int version) {
-	const std::optional<Entry> own = repository.ReadEntry(options.db_version, options.id);
+	std::optional<Entry> own = repository.ReadEntry(options.db_version, options.id);
 	if (own && own->data_version == version - 1) {
 		return own;
 	}
