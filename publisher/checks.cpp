@@ -15,6 +15,25 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/** Whether a UTF-8 text has characters of C0 or C1, DEL, or marks that change the direction of what follows. */
+bool HasControls(const std::string& text) {
+	const auto is_control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
+	if (std::any_of(text.begin(), text.end(), is_control)) {
+		return true;
+	}
+	for (std::size_t at = 0; at + 1 < text.size(); ++at) {
+		const std::string_view two(&text[at], 2);
+		const std::string_view three = std::string_view(text).substr(at, 3);
+		const bool is_c1 = two[0] == '\xc2' && static_cast<unsigned char>(two[1]) < 0xa0;
+		const bool is_direction = (three >= "\xe2\x80\xa8" && three <= "\xe2\x80\xae") ||
+		                          (three >= "\xe2\x81\xa6" && three <= "\xe2\x81\xa9");
+		if (is_c1 || is_direction) {
+			return true;
+		}
+	}
+	return false;
+}
+
 std::int64_t Number(const PublishOptions& options, const std::optional<int>& last) {
 	const std::int64_t next = options.data_version.value_or(last ? std::int64_t{*last} + 1 : 1);
 	if (last && next <= *last) {
@@ -81,6 +100,17 @@ void CheckKeptDiffs(const KeptDiffs& keep_diffs) {
 	}
 }
 
+void CheckNotes(const std::string& notes) {
+	constexpr std::size_t kMaxNotes = 1000;
+	if (notes.size() > kMaxNotes) {
+		throw UsageError("--notes has " + std::to_string(notes.size()) + " bytes; at most " +
+		                 std::to_string(kMaxNotes) + " are possible.");
+	}
+	if (!IsUtf8(notes) || HasControls(notes)) {
+		throw UsageError("--notes must be one line of UTF-8 without control characters.");
+	}
+}
+
 void RequireRepository(const std::string& directory) {
 	std::error_code error;
 	if (!fs::is_directory(directory, error)) {
@@ -98,6 +128,7 @@ void CheckOptions(const PublishOptions& options) {
 		                 std::to_string(kMaxNumber) + ".");
 	}
 	CheckKeptDiffs(options.keep_diffs);
+	CheckNotes(options.notes);
 	if (options.memory_mib < kMinMemoryMib || options.memory_mib > kMaxMemoryMib) {
 		throw UsageError("--memory " + std::to_string(options.memory_mib) + " must be " +
 		                 std::to_string(kMinMemoryMib) + " to " + std::to_string(kMaxMemoryMib) + " MiB.");

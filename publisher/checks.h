@@ -18,6 +18,9 @@ void CheckUrl(const std::string& url);
 /** Throws UsageError for a number of diff packages that is below 0. */
 void CheckKeptDiffs(const KeptDiffs& keep_diffs);
 
+/** Throws UsageError for notes that are too long for metadata, or that a terminal would not show as they are. */
+void CheckNotes(const std::string& notes);
+
 /** Throws UsageError when an option's value can never work. */
 void CheckOptions(const PublishOptions& options);
 

@@ -18,6 +18,7 @@ struct PackageFile {
 	std::string path;
 	int data_version = 0;
 	bool is_diff = false;
+	int withdrawal = 0; // the version that put an empty diff package in the place of an earlier one; else 0
 };
 
 /**
@@ -36,13 +37,25 @@ public:
 	[[nodiscard]] std::optional<int> LastVersion(const std::string& id) const;
 
 	/** The name of a full package, relative to the repository. */
-	static std::string PackageName(const std::string& id, int version) { return NameOf(id, "_v", version); }
+	static std::string PackageName(const std::string& id, int version) {
+		return NameOf(id, "_v", std::to_string(version));
+	}
 	/** The name of the diff package that leads to a version, relative to the repository. */
-	static std::string DiffName(const std::string& id, int version) { return NameOf(id, "_d", version); }
+	static std::string DiffName(const std::string& id, int version) {
+		return NameOf(id, "_d", std::to_string(version));
+	}
+	/** The name of the empty diff package that a withdrawal puts in the place of the one that leads to a version. */
+	static std::string EmptyDiffName(const std::string& id, int version, int withdrawal) {
+		return NameOf(id, "_d", std::to_string(version) + "w" + std::to_string(withdrawal));
+	}
 	std::string PackagePath(const std::string& id, int version) const {
 		return directory_ + "/" + PackageName(id, version);
 	}
 	std::string DiffPath(const std::string& id, int version) const { return directory_ + "/" + DiffName(id, version); }
+	/** The path of the diff package that a document's entry names for a version. */
+	std::string DiffPath(const std::string& id, int version, const DiffFile& named) const;
+	/** Where a full package is: in its place, or where a withdrawal has kept it; its place when it is nowhere. */
+	std::string KeptPackagePath(const std::string& id, int version) const;
 	std::string DocumentPath(const std::string& db_version) const {
 		return directory_ + "/database_info/" + db_version;
 	}
@@ -54,7 +67,8 @@ public:
 	std::vector<std::string> PackagedIds() const;
 
 	/**
-	 * Removes what killed publishers left, and diff packages that no document names.
+	 * Removes what killed publishers left, and diff packages that no document names. Takes full packages out of service
+	 * that were withdrawn and that no document names.
 	 *
 	 * @param spared  a version whose diff package stays
 	 */
@@ -84,11 +98,12 @@ public:
 	[[nodiscard]] std::optional<std::string> RememberedUrl() const;
 
 private:
-	static std::string NameOf(const std::string& id, const char* kind, int version) {
-		return "packages/" + id + "/" + id + kind + std::to_string(version) + ".tarn";
+	static std::string NameOf(const std::string& id, const char* kind, const std::string& version) {
+		return "packages/" + id + "/" + id + kind + version + ".tarn";
 	}
 	/** What the documents say about a database. */
 	std::vector<Entry> EntriesOf(const std::string& id) const;
+	void RetireWithdrawn(const std::string& id) const;
 	void RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const;
 	std::string PackageDirectory(const std::string& id) const { return directory_ + "/packages/" + id; }
 
