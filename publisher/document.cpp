@@ -113,8 +113,9 @@ std::optional<Entry> Document::Find(const std::string& id) const {
 	if (!list.isMember(id)) {
 		return std::nullopt;
 	}
+	const int version = VersionOf(list[id], id, path_);
 	const Json::Value& link = list[id]["download_link"];
-	return Entry{VersionOf(list[id], id, path_), 0, link.isString() ? link.asString() : "", DiffFilesOf(list[id])};
+	return Entry{version, 0, link.isString() ? link.asString() : "", DiffFilesOf(list[id])};
 }
 
 void Document::Put(const std::string& id, const Entry& entry) {

@@ -2,6 +2,7 @@
 #include "publisher/diff_package.h"
 #include "publisher/package.h"
 #include "publisher/restore.h"
+#include "publisher/withdrawn_packages.h"
 #include "withdraw_fixture.h"
 
 #include <csignal>
@@ -158,12 +159,9 @@ TEST_F(Withdrawing, RefusesVersionsThatAreNotBelowTheNewest) {
 }
 
 TEST_F(Withdrawing, EndsTheChainWhereItCostsMoreThanTheFullPackage) {
-	Put("bulk", Noise(20'000, 2));
-	Put("list", "garbage");
-	options_.keep_diffs = 30;
 	const auto healthy = DeviceWith(2);
-	fs::remove(TreePath("old/file"));
-	Publish();
+	Put("bulk", Noise(20'000, 2)); // no file stays as it was
+	PublishBad();
 	Withdraw();
 	EXPECT_THAT(warnings_.back(), HasSubstr("no smaller than the full package"));
 	EXPECT_THAT(OfferedDiffs(), IsEmpty());
@@ -258,6 +256,24 @@ TEST_F(KilledWithdrawing, LeavesAWholeStateAtEveryStep) {
 		ExpectRepaired();
 	}
 	EXPECT_GT(step, 4) << "fewer moments than there are steps";
+}
+
+TEST_F(KilledWithdrawing, IsFinishedByTheNextPublisher) {
+	fs::rename(Hidden(3), Package(3)); // as between the document and the last step
+	WriteFile(Hidden(3), "");
+	Put("list", "next");
+	Publish();
+	EXPECT_FALSE(fs::exists(Package(3)));
+	EXPECT_GT(fs::file_size(Hidden(3)), 0U);
+}
+
+TEST_F(KilledWithdrawing, TakesNoPackageAwayThatIsStillOffered) {
+	BeginAgain();
+	publisher::MarkWithdrawn(Package(3)); // as between the packages and the document
+	Put("list", "next");
+	Publish();
+	EXPECT_TRUE(fs::exists(Package(3)));
+	EXPECT_FALSE(fs::exists(Hidden(3)));
 }
 
 TEST_F(KilledWithdrawing, LeavesAWholeStateAtAnyMoment) {
