@@ -99,9 +99,10 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish restore verify extract inspect --version --help' ;;
+	'') _tarndbud_offer 'keygen publish withdraw restore verify extract inspect --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
-	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --memory --keep-diffs --old-key --continue --help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --memory --keep-diffs --old-key --continue --if-changed --notes --json --help' ;;
+	withdraw) _tarndbud_offer '--repo --key --to --url --db-version --level --keep-diffs --old-key --notes --json --help' ;;
 	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --keep-diffs --force --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;

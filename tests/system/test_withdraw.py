@@ -7,7 +7,7 @@ import sqlite3
 from pathlib import Path
 
 import pytest
-from harness import trees
+from harness import programs, trees
 from harness.device import STATUS, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
@@ -94,6 +94,17 @@ def test_a_healthy_device_never_downloads_the_bad_version(history: History, conn
     assert fetched_by(connected, nginx, INFECTED) == ["d4"]
     history.assert_good()
     assert not any(f"{HEALTHY}_d3.tarn" in line or f"{HEALTHY}_v3.tarn" in line for line in nginx.requests())
+
+
+def test_a_withdrawn_package_is_kept_and_not_served(
+    history: History, connected: Device, publisher: Publisher, nginx: Nginx
+) -> None:
+    history.publish_bad("garbage")
+    history.withdraw()
+    kept = f"packages/{HEALTHY}/.withdrawn/{HEALTHY}_v3.tarn"
+    assert (publisher.repository / kept).stat().st_size > 0
+    for path in (kept, f"packages/{HEALTHY}/{HEALTHY}_v3.tarn", f"packages/{HEALTHY}/{HEALTHY}_d3.tarn"):
+        assert programs.run("/usr/bin/wget", "-qO/dev/null", f"{nginx.url}/{path}").status == 8, path
 
 
 def test_several_bad_versions_are_passed_at_once(history: History, connected: Device, nginx: Nginx) -> None:
