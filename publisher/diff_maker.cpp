@@ -268,11 +268,6 @@ private:
 
 } // namespace
 
-bool IsSameByContent(const TreeChange& change) {
-	return change.before && change.after && change.before->executable == change.after->executable &&
-	       !FindContentDifference(change.before->source, change.after->source);
-}
-
 void RequireWorthwhile(std::uint64_t size, std::uint64_t full_size) {
 	if (size >= full_size) {
 		throw PublishError("it would be no smaller than the full package, " + std::to_string(size) + " of " +

@@ -23,9 +23,6 @@ struct DiffOrder {
 	int published = 0; // when, in seconds since 1970
 };
 
-/** Whether devices get the published content of a database where bytes of their own are expected. */
-[[nodiscard]] bool IsSameByContent(const TreeChange& change);
-
 /** Throws PublishError for a diff package that costs devices no less than the full one, or is too large to be named. */
 void RequireWorthwhile(std::uint64_t size, std::uint64_t full_size);
 

@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "publisher/diff_maker.h"
 #include "publisher/publish_error.h"
+#include "publisher/sqlite_content.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -27,6 +28,12 @@ std::map<std::string, const TreeFile*> ByName(const Tree& tree) {
 std::optional<TreeFile> Find(const std::map<std::string, const TreeFile*>& files, const std::string& name) {
 	const auto file = files.find(name);
 	return file == files.end() ? std::nullopt : std::optional(*file->second);
+}
+
+/** Whether devices get the published content of a database where bytes of their own are expected. */
+bool IsSameByContent(const TreeChange& change) {
+	return change.before && change.after && change.before->executable == change.after->executable &&
+	       !FindContentDifference(change.before->source, change.after->source);
 }
 
 } // namespace
