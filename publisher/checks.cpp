@@ -15,19 +15,22 @@ namespace {
 
 namespace fs = std::filesystem;
 
+unsigned ByteAt(const std::string& text, std::size_t at) {
+	return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+}
+
 /** Whether a UTF-8 text has characters of C0 or C1, DEL, or marks that change the direction of what follows. */
 bool HasControls(const std::string& text) {
-	const auto is_control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
-	if (std::any_of(text.begin(), text.end(), is_control)) {
-		return true;
-	}
-	for (std::size_t at = 0; at + 1 < text.size(); ++at) {
-		const std::string_view two(&text[at], 2);
-		const std::string_view three = std::string_view(text).substr(at, 3);
-		const bool is_c1 = two[0] == '\xc2' && static_cast<unsigned char>(two[1]) < 0xa0;
-		const bool is_direction = (three >= "\xe2\x80\xa8" && three <= "\xe2\x80\xae") ||
-		                          (three >= "\xe2\x81\xa6" && three <= "\xe2\x81\xa9");
-		if (is_c1 || is_direction) {
+	constexpr unsigned kDelete = 0x7f;
+	for (std::size_t at = 0; at < text.size(); ++at) {
+		const unsigned first = ByteAt(text, at);
+		const unsigned second = ByteAt(text, at + 1);
+		const unsigned third = ByteAt(text, at + 2);
+		const bool is_c1 = first == 0xc2 && second < 0xa0;
+		// U+2028 to U+202E and U+2066 to U+2069
+		const bool is_mark = first == 0xe2 && ((second == 0x80 && third >= 0xa8 && third <= 0xae) ||
+		                                          (second == 0x81 && third >= 0xa6 && third <= 0xa9));
+		if (first < ' ' || first == kDelete || is_c1 || is_mark) {
 			return true;
 		}
 	}

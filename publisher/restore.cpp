@@ -135,7 +135,7 @@ private:
 		if (!newest.says_when) {
 			observer_.warn(newest.path + " does not say when it was published; the time of the file is used.");
 		}
-		entry.diff_files = Chain(id, version, packages);
+		entry.diff_files = Chain(version, packages);
 		WarnOfHigher(id, version, packages.highest);
 		WarnOfUnreached(version, entry, packages);
 		KeepNewest(entry.diff_files, options_.keep_diffs, newest.size);
@@ -216,7 +216,7 @@ private:
 	 * All diff packages that lead to a version without a gap. An empty one is right only below the withdrawal that made
 	 * it, and is then the one to take.
 	 */
-	std::map<int, DiffFile> Chain(const std::string& id, int newest, const SignedPackages& packages) const {
+	std::map<int, DiffFile> Chain(int newest, const SignedPackages& packages) const {
 		std::map<int, DiffFile> files;
 		int version = newest;
 		for (auto diff = packages.diffs.find(version); diff != packages.diffs.end();
@@ -226,8 +226,8 @@ private:
 				break;
 			}
 			const SignedPackage& package = std::prev(above)->second;
-			const std::string name = package.path.substr(package.path.rfind('/') + 1);
-			files[version] = {LinkTo(url_, "packages/" + id + "/" + name), static_cast<int>(package.size)};
+			const std::string name = package.path.substr(repository_.Directory().size() + 1);
+			files[version] = {LinkTo(url_, name), static_cast<int>(package.size)};
 		}
 		return files;
 	}
