@@ -90,7 +90,7 @@ private:
 	}
 
 	std::string ProblemOfDiff(int version, const DiffFile& named) const {
-		const std::string path = repository_.DiffPath(options_.id, version);
+		const std::string path = repository_.DiffPath(options_.id, version, named);
 		try {
 			const archive::ArchiveFile archive = reader_.Open(path, {options_.id, "", version, kDiffKind});
 			const bool is_named = archive.Head().FileSize() == static_cast<std::uint64_t>(named.file_size);

@@ -31,7 +31,7 @@ struct Named {
 
 	std::string Where() const { return "database_info/" + document + ", " + id; }
 	std::string Name() const {
-		return is_diff ? Repository::DiffName(id, version) : Repository::PackageName(id, version);
+		return is_diff ? Repository::DiffName(id, version, {link, size}) : Repository::PackageName(id, version);
 	}
 };
 

@@ -15,6 +15,28 @@ namespace {
 
 namespace fs = std::filesystem;
 
+unsigned ByteAt(const std::string& text, std::size_t at) {
+	return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+}
+
+/** Whether a UTF-8 text has characters of C0 or C1, DEL, or marks that change the direction of what follows. */
+bool HasControls(const std::string& text) {
+	constexpr unsigned kDelete = 0x7f;
+	for (std::size_t at = 0; at < text.size(); ++at) {
+		const unsigned first = ByteAt(text, at);
+		const unsigned second = ByteAt(text, at + 1);
+		const unsigned third = ByteAt(text, at + 2);
+		const bool is_c1 = first == 0xc2 && second < 0xa0;
+		// U+2028 to U+202E and U+2066 to U+2069
+		const bool is_mark = first == 0xe2 && ((second == 0x80 && third >= 0xa8 && third <= 0xae) ||
+		                                          (second == 0x81 && third >= 0xa6 && third <= 0xa9));
+		if (first < ' ' || first == kDelete || is_c1 || is_mark) {
+			return true;
+		}
+	}
+	return false;
+}
+
 std::int64_t Number(const PublishOptions& options, const std::optional<int>& last) {
 	const std::int64_t next = options.data_version.value_or(last ? std::int64_t{*last} + 1 : 1);
 	if (last && next <= *last) {
@@ -88,6 +110,17 @@ void CheckDataVersion(const std::optional<std::int64_t>& version) {
 	}
 }
 
+void CheckNotes(const std::string& notes) {
+	constexpr std::size_t kMaxNotes = 1000;
+	if (notes.size() > kMaxNotes) {
+		throw UsageError("--notes has " + std::to_string(notes.size()) + " bytes; at most " +
+		                 std::to_string(kMaxNotes) + " are possible.");
+	}
+	if (!IsUtf8(notes) || HasControls(notes)) {
+		throw UsageError("--notes must be one line of UTF-8 without control characters.");
+	}
+}
+
 void RequireRepository(const std::string& directory) {
 	std::error_code error;
 	if (!fs::is_directory(directory, error)) {
@@ -102,6 +135,7 @@ void CheckOptions(const PublishOptions& options) {
 	CheckUrl(options.url);
 	CheckDataVersion(options.data_version);
 	CheckKeptDiffs(options.keep_diffs);
+	CheckNotes(options.notes);
 	if (options.memory_mib < kMinMemoryMib || options.memory_mib > kMaxMemoryMib) {
 		throw UsageError("--memory " + std::to_string(options.memory_mib) + " must be " +
 		                 std::to_string(kMinMemoryMib) + " to " + std::to_string(kMaxMemoryMib) + " MiB.");

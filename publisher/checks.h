@@ -23,6 +23,9 @@ void CheckKeptDiffs(const KeptDiffs& keep_diffs);
 /** Throws UsageError for a version that devices cannot read. */
 void CheckDataVersion(const std::optional<std::int64_t>& version);
 
+/** Throws UsageError for notes that are too long for metadata, or that a terminal would not show as they are. */
+void CheckNotes(const std::string& notes);
+
 /** Throws UsageError when an option's value can never work. */
 void CheckOptions(const PublishOptions& options);
 

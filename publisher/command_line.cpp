@@ -9,12 +9,13 @@
 #include "publisher/publish_error.h"
 #include "publisher/repository_commands.h"
 #include "publisher/restore.h"
+#include "publisher/result_text.h"
+#include "publisher/withdraw.h"
 
 #include <CLI/CLI.hpp>
 
 #include <exception>
-#include <iomanip>
-#include <sstream>
+#include <optional>
 
 namespace tarn::publisher {
 
@@ -30,6 +31,7 @@ struct Options {
 	std::string package;
 	std::string directory;
 	std::vector<std::string> public_keys;
+	std::optional<std::int64_t> withdraw_to;
 	bool json = false;
 };
 
@@ -39,33 +41,22 @@ void RunKeygen(const Options& options, const Streams& streams) {
 	            << fingerprint << ").\n";
 }
 
-void PrintDiff(const DiffResult& diff, const PublishResult& result, std::ostream& out) {
-	constexpr double kPercent = 100;
-	std::ostringstream share;
-	share << std::fixed << std::setprecision(1)
-	      << kPercent * static_cast<double>(diff.package_size) / static_cast<double>(result.package_size);
-	out << "Diff from version " << result.data_version - 1 << ": " << HumanSize(diff.package_size) << ", "
-	    << share.str() << " % of the full package; files created " << diff.created << ", replaced " << diff.replaced
-	    << ", patched " << diff.patched << ", scripted " << diff.scripted << ", deleted " << diff.deleted
-	    << ". Devices from version " << diff.oldest_base << " on take diff packages.\n";
-}
-
 void RunPublish(const Options& options, const Streams& streams) {
 	PublishResult result;
 	{
 		ProgressLine line(streams.err, streams.terminal);
 		result = Publish(options.publish, ObserverOf(line, streams));
 	}
-	streams.out << "Published " << options.publish.id << " version " << result.data_version << ": " << result.files
-	            << " files, " << HumanSize(result.tree_size) << " in a package of " << HumanSize(result.package_size)
-	            << ", " << result.download_link << "\n";
-	if (result.is_first) {
-		streams.out << "This is the first publication of " << options.publish.id << " in " << options.publish.repository
-		            << ": devices that have a version of it take higher ones only.\n";
+	PrintPublished(options.publish, result, options.json, streams.out);
+}
+
+void RunWithdraw(const Options& options, const Streams& streams) {
+	WithdrawResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Withdraw(options.publish, options.withdraw_to, ObserverOf(line, streams));
 	}
-	if (result.diff) {
-		PrintDiff(*result.diff, result, streams.out);
-	}
+	PrintWithdrawn(options.publish, result, options.json, streams.out);
 }
 
 void PrintRestored(const RestoredDatabase& database, std::ostream& out) {
@@ -129,6 +120,22 @@ void AddKeygen(CLI::App& app, Options& options) {
 	command->add_option("PREFIX", options.prefix, "Path of the two files without their endings")->required();
 }
 
+/** What all commands take that publish a version. */
+void AddPublishing(CLI::App& command, Options& options) {
+	PublishOptions& publish = options.publish;
+	CLI::Option* document = command.add_option("--db-version", publish.db_version, "Version of the server's document");
+	document->capture_default_str();
+	command.add_option("--channel", publish.db_version, "Channel to publish to: the name of its document")
+	    ->excludes(document);
+	command
+	    .add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
+	    ->default_str("auto");
+	command.add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
+	command.add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
+	command.add_option("--notes", publish.notes, "What the packages say about the version, for inspect");
+	command.add_flag("--json", options.json, "Print JSON");
+}
+
 void AddPublish(CLI::App& app, Options& options) {
 	PublishOptions& publish = options.publish;
 	CLI::App* command = app.add_subcommand("publish", "Publish a directory tree as the next version of a database");
@@ -139,17 +146,21 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--url", publish.url, "Where devices reach the repository: http:// or https://")->required();
 	command->add_option("--data-version", publish.data_version, "Version to publish; by default the last plus one");
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
-	CLI::Option* document = command->add_option("--db-version", publish.db_version, "Version of the server's document");
-	document->capture_default_str();
-	command->add_option("--channel", publish.db_version, "Channel to publish to: the name of its document")
-	    ->excludes(document);
-	command
-	    ->add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
-	    ->default_str("auto");
-	command->add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
+	command->add_flag("--if-changed", publish.if_changed, "Publish nothing if the newest version holds the tree");
 	command->add_flag("--continue", publish.must_continue, "Fail if the repository does not know the id yet");
-	command->add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
 	command->add_option("--memory", publish.memory_mib, "Memory for making patches, in MiB")->capture_default_str();
+	AddPublishing(*command, options);
+}
+
+void AddWithdraw(CLI::App& app, Options& options) {
+	PublishOptions& publish = options.publish;
+	CLI::App* command = app.add_subcommand("withdraw", "Publish the content of an earlier version as the next version");
+	command->add_option("ID", publish.id, "The database's id")->required();
+	command->add_option("--repo", publish.repository, "Directory that the web server serves")->required();
+	command->add_option("--key", publish.key_file, "Private key that signs the packages")->required();
+	command->add_option("--to", options.withdraw_to, "Version whose content comes back; by default the one before");
+	command->add_option("--url", publish.url, "Where devices reach the repository; by default as last published");
+	AddPublishing(*command, options);
 }
 
 void AddRestore(CLI::App& app, Options& options) {
@@ -191,6 +202,8 @@ int Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunKeygen(options, streams);
 	} else if (app.got_subcommand("publish")) {
 		RunPublish(options, streams);
+	} else if (app.got_subcommand("withdraw")) {
+		RunWithdraw(options, streams);
 	} else if (app.got_subcommand("restore")) {
 		RunRestore(options, streams);
 	} else if (app.got_subcommand("changes")) {
@@ -228,6 +241,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	app.footer(kFooter); // which subcommands inherit
 	AddKeygen(app, options);
 	AddPublish(app, options);
+	AddWithdraw(app, options);
 	AddRestore(app, options);
 	AddChangesCommand(app, options.changes);
 	AddReaders(app, options);

@@ -83,6 +83,12 @@ ChainState ChainState::After(const std::vector<DiffMember>& changes) const {
 	return next;
 }
 
+ChainState ChainState::Or(const ChainState& other) const {
+	ChainState both = *this;
+	both.scripted_.insert(other.scripted_.begin(), other.scripted_.end());
+	return both;
+}
+
 bool ChainState::HasRoomFor(const std::set<std::string>& names) const {
 	ChainState possible = *this;
 	possible.scripted_.insert(names.begin(), names.end());
@@ -107,7 +113,7 @@ DiffChain::DiffChain(
 	const std::vector<int> versions = VersionsLeadingTo(newest.data_version, newest.diff_files);
 	for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
 		try {
-			links_.insert(links_.begin(), ReadLink(*version));
+			links_.insert(links_.begin(), ReadLink(*version, newest.diff_files.at(*version)));
 		} catch (const PublishError&) {
 			if (links_.empty()) {
 				throw;
@@ -120,8 +126,8 @@ DiffChain::DiffChain(
 	}
 }
 
-DiffChain::Link DiffChain::ReadLink(int version) const {
-	const std::string path = repository_.DiffPath(id_, version);
+DiffChain::Link DiffChain::ReadLink(int version, const DiffFile& named) const {
+	const std::string path = repository_.DiffPath(id_, version, named);
 	try {
 		return {version, path, ReadDiffPackage(reader_.Open(path, DiffInfoOf(id_, version)))};
 	} catch (const Error& error) {
@@ -137,11 +143,17 @@ std::vector<int> DiffChain::Versions() const {
 	return versions;
 }
 
-std::set<std::string> DiffChain::ChangedNames() const {
+const DiffChain::Link* DiffChain::Find(int version) const {
+	const auto link = std::find_if(
+	    links_.begin(), links_.end(), [version](const Link& candidate) { return candidate.version == version; });
+	return link == links_.end() ? nullptr : &*link;
+}
+
+std::set<std::string> DiffChain::ChangedNames(int after) const {
 	std::set<std::string> names;
 	for (const Link& link : links_) {
 		for (const DiffMember& member : link.package.members) {
-			if (member.kind != PatchKind::kEmptied) {
+			if (link.version > after && member.kind != PatchKind::kEmptied) {
 				names.insert(member.name);
 			}
 		}
@@ -186,7 +198,7 @@ std::set<std::string> DiffChain::UnpackFirst(const Beginnings& beginnings, const
 	std::set<std::string> missing;
 	for (const auto& [version, names] : members) {
 		try {
-			reader_.Unpack(repository_.PackagePath(id_, version), {id_, "", version}, directory, names);
+			reader_.Unpack(repository_.KeptPackagePath(id_, version), {id_, "", version}, directory, names);
 		} catch (const PublishError&) {
 			// Removed, or signed by a key that is no longer trusted: these files are not tried out.
 			missing.insert(names.begin(), names.end());

@@ -37,6 +37,8 @@ public:
 
 	/** The state after a version's changes. */
 	[[nodiscard]] ChainState After(const std::vector<DiffMember>& changes) const;
+	/** The files that are scripted by this state or another. */
+	[[nodiscard]] ChainState Or(const ChainState& other) const;
 	/** Whether metadata would have room for the state if all of these files were scripted too. */
 	[[nodiscard]] bool HasRoomFor(const std::set<std::string>& names) const;
 
@@ -62,8 +64,22 @@ public:
 	const ChainState& State() const { return state_; }
 	/** The versions that the packages make, oldest first. */
 	std::vector<int> Versions() const;
-	/** The name of every file that one of the packages changes. */
-	std::set<std::string> ChangedNames() const;
+	/** One diff package. */
+	struct Link {
+		int version = 0;
+		std::string path;
+		DiffPackage package;
+
+		/** Whether a withdrawal put this package in the place of another one, whose changes are no longer known. */
+		bool IsEmptied() const { return package.metadata.isMember(kWithdrawnByKey); }
+	};
+	/** The packages, oldest first. */
+	const std::vector<Link>& Links() const { return links_; }
+	/** The package that leads to a version; none when the chain does not have it. */
+	const Link* Find(int version) const;
+
+	/** The name of every file that one of the packages changes, but for those that lead up to a version. */
+	std::set<std::string> ChangedNames(int after = -1) const;
 
 	/** What the steps of the chain have cost for a database, as far as their packages say. */
 	ChainCosts CostsOf(const std::string& name) const;
@@ -78,13 +94,7 @@ public:
 	    const std::set<std::string>& names, const WorkDirectory& work) const;
 
 private:
-	struct Link {
-		int version = 0;
-		std::string path;
-		DiffPackage package;
-	};
-
-	Link ReadLink(int version) const;
+	Link ReadLink(int version, const DiffFile& named) const;
 	/** What a file's scripts begin with. */
 	struct Beginning {
 		int version = 0;

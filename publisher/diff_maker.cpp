@@ -55,7 +55,7 @@ public:
 		DiffResult result = Summarise();
 		result.earlier = chain_.Versions();
 		result.package_size = Write(archive_fd, path);
-		RequireWorthwhile(result.package_size);
+		RequireWorthwhile(result.package_size, order_.new_package_size);
 		Verify(path);
 		return result;
 	}
@@ -203,6 +203,7 @@ private:
 		PackageInfo info = {order_.options.id, order_.options.format_version, version_, kDiffKind};
 		info.published = order_.published;
 		info.more["base_version"] = order_.previous.data_version;
+		AddNotes(order_.options.notes, info.more);
 		chain_.State().After(members_).ToMetadata(info.more);
 		PlansToMetadata(Plans(), info.more);
 		observer_.step("packing the diff", 0, 1);
@@ -218,16 +219,6 @@ private:
 			}
 		}
 		return plans;
-	}
-
-	void RequireWorthwhile(std::uint64_t size) const {
-		if (size >= order_.new_package_size) {
-			throw PublishError("it would be no smaller than the full package, " + std::to_string(size) + " of " +
-			                   std::to_string(order_.new_package_size) + " bytes");
-		}
-		if (size > static_cast<std::uint64_t>(std::numeric_limits<int>::max())) {
-			throw PublishError("it would have " + std::to_string(size) + " bytes, more than the document can say");
-		}
 	}
 
 	/**
@@ -276,6 +267,16 @@ private:
 };
 
 } // namespace
+
+void RequireWorthwhile(std::uint64_t size, std::uint64_t full_size) {
+	if (size >= full_size) {
+		throw PublishError("it would be no smaller than the full package, " + std::to_string(size) + " of " +
+		                   std::to_string(full_size) + " bytes");
+	}
+	if (size > static_cast<std::uint64_t>(std::numeric_limits<int>::max())) {
+		throw PublishError("it would have " + std::to_string(size) + " bytes, more than the document can say");
+	}
+}
 
 DiffResult MakeDiff(const DiffOrder& order, int archive_fd, const std::string& path, const PublishObserver& observer) {
 	return DiffMaker(order, observer).Make(archive_fd, path);

@@ -23,6 +23,9 @@ struct DiffOrder {
 	int published = 0; // when, in seconds since 1970
 };
 
+/** Throws PublishError for a diff package that costs devices no less than the full one, or is too large to be named. */
+void RequireWorthwhile(std::uint64_t size, std::uint64_t full_size);
+
 /**
  * Writes the diff package that leads from the previous version to the next, and applies it as devices do: the result
  * must be what the full package holds.

@@ -14,6 +14,12 @@ namespace tarn::publisher {
 
 constexpr const char* kDescriptionName = "patch_infos.json";
 constexpr const char* kDiffKind = "diff";
+/** In the metadata of a withdrawal's packages: the version whose content comes back. */
+constexpr const char* kRestoresKey = "restores";
+/** In the metadata of an empty diff package that took another's place: the version of the withdrawal. */
+constexpr const char* kWithdrawnByKey = "withdrawn_by";
+/** In the metadata of all packages of a version: what the publisher says about it. */
+constexpr const char* kNotesKey = "notes";
 
 /** How a diff package carries the change of one file. */
 enum class PatchKind {

@@ -124,6 +124,13 @@ std::string PublishedAt(const archive::ArchiveFile& archive) {
 	return text.str();
 }
 
+/** A line with what the publisher says about the version; empty when it says nothing. */
+std::string NotesLine(const archive::ArchiveFile& archive) {
+	const Json::Value metadata = ReadMetadata(archive);
+	const bool has_notes = metadata.isObject() && metadata[kNotesKey].isString();
+	return has_notes ? "notes          " + Printable(metadata[kNotesKey].asString()) + "\n" : "";
+}
+
 struct Total {
 	std::uint64_t files = 0;
 	std::uint64_t bytes = 0;
@@ -276,7 +283,7 @@ void PrintTable(const std::string& package, const archive::ArchiveFile& archive,
 	    << "members        " << head.entry_count << "\n"
 	    << "unpacked bytes " << head.unpacked_size << "\n"
 	    << "published      " << PublishedAt(archive) << "\n"
-	    << "metadata       " << JsonText(MetadataJson(archive)) << "\n\n";
+	    << NotesLine(archive) << "metadata       " << JsonText(MetadataJson(archive)) << "\n\n";
 	if (const std::optional<DiffPackage> diff = DiffOf(archive)) {
 		PrintDiffTable(*diff, out);
 		PrintPlans(*diff, out);

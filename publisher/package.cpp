@@ -113,6 +113,12 @@ void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
 
 } // namespace
 
+void AddNotes(const std::string& notes, Json::Value& metadata) {
+	if (!notes.empty()) {
+		metadata[kNotesKey] = notes;
+	}
+}
+
 std::uint64_t WritePackage(const Tree& tree, const PackageInfo& info, const archive::SigningKey& key, int level,
     int archive_fd, const std::string& path, const PackProgress& progress) {
 	archive::ArchiveSealer sealer(std::filesystem::path(path).parent_path().string());

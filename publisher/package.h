@@ -30,6 +30,9 @@ struct PackageInfo {
 	int published = 0;                                 // when, in seconds since 1970
 };
 
+/** Adds what a publisher says about a version to metadata; nothing when there is nothing to say. */
+void AddNotes(const std::string& notes, Json::Value& metadata);
+
 /** Called while packing with the files and bytes done so far. */
 using PackProgress = std::function<void(std::uint64_t files, std::uint64_t bytes)>;
 

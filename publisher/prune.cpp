@@ -3,6 +3,7 @@
 #include "publisher/checks.h"
 #include "publisher/files.h"
 #include "publisher/publish_error.h"
+#include "publisher/withdrawn_packages.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -66,11 +67,13 @@ private:
 		}
 		const NeededPackages needed(entries, files);
 		for (const PackageFile& file : files) {
-			const std::string place = file.is_diff ? repository_.DiffPath(id, file.data_version)
-			                                       : repository_.PackagePath(id, file.data_version);
+			const std::string place = repository_.Directory() + "/" + Repository::NameOf(id, file);
 			if (file.path == place && !needed.IsNeeded(file) && fs::is_regular_file(fs::symlink_status(file.path))) {
 				Take(file.path);
 			}
+		}
+		for (const PackageFile& file : PackagesIn(WithdrawnDirectory(repository_.PackageDirectory(id)), id)) {
+			Take(file.path);
 		}
 	}
 

@@ -1,45 +1,23 @@
 #include "publisher/publish.h"
 
 #include "base/text.h"
+#include "publisher/begun_package.h"
 #include "publisher/channels.h"
 #include "publisher/checks.h"
 #include "publisher/diff_maker.h"
 #include "publisher/files.h"
 #include "publisher/repository.h"
+#include "publisher/same_content.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <map>
-#include <string_view>
 
 namespace tarn::publisher {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
-
-// Reproducible builds set the variable.
-int FetchTime() {
-	const char* text = std::getenv(kTimeVariable);
-	std::int64_t seconds = std::time(nullptr);
-	if (text != nullptr) {
-		const std::string_view digits(text);
-		const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), seconds);
-		if (result.ec != std::errc() || result.ptr != digits.data() + digits.size()) {
-			throw UsageError("SOURCE_DATE_EPOCH \"" + std::string(digits) + "\" is no number.");
-		}
-	}
-	if (seconds < 0 || seconds > kMaxNumber) {
-		throw PublishError("The time " + std::to_string(seconds) + " does not fit what devices read, 0 to " +
-		                   std::to_string(kMaxNumber) + ".");
-	}
-	return static_cast<int>(seconds);
-}
 
 void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObserver& observer) {
 	if (tree.empty_directories > 0) {
@@ -59,13 +37,17 @@ public:
 	Publication(const PublishOptions& options, const PublishObserver& observer)
 	    : options_(options),
 	      observer_(observer),
-	      fetch_time_(FetchTime()),
+	      fetch_time_(TimeOfPublication()),
 	      key_(archive::SigningKey::Load(options.key_file, observer.warn)),
 	      reader_(key_, options.old_keys),
 	      repository_(options.repository, observer.waiting),
 	      tree_(ListTree(options.tree)) {}
 
 	PublishResult Run() {
+		previous_ = repository_.ReadEntry(options_.db_version, options_.id);
+		if (options_.if_changed && previous_ && IsUnchanged()) {
+			return std::move(result_);
+		}
 		const NextVersion next = ChooseVersion(options_, repository_);
 		result_.data_version = next.data_version;
 		result_.is_first = next.is_first;
@@ -82,9 +64,10 @@ public:
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
 		PackageInfo info = {options_.id, options_.format_version, result_.data_version};
 		info.published = fetch_time_;
+		AddNotes(options_.notes, info.more);
 		result_.package_size = WritePackage(tree_, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
 		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
-		RequireSame(package.TemporaryPath());
+		RequireSameAsBegun(PackagePath(), package.TemporaryPath(), result_.data_version);
 		WriteDiff(package.TemporaryPath());
 		package.Commit();
 		CommitDiff();
@@ -96,37 +79,30 @@ public:
 	}
 
 private:
+	/** Whether the newest version holds the tree. What cannot be compared has changed, and is warned of. */
+	bool IsUnchanged() {
+		const int version = previous_->data_version;
+		const std::string path = repository_.PackagePath(options_.id, version);
+		try {
+			const archive::ArchiveFile archive = reader_.Open(path, {options_.id, "", version});
+			result_.is_unchanged =
+			    ReadMetadata(archive)["format_version"] == options_.format_version && HoldsTree(archive, path, tree_);
+			result_.package_size = archive.Head().FileSize();
+		} catch (const PublishError& error) {
+			observer_.warn("The tree is published without a comparison with version " + std::to_string(version) + ": " +
+			               WithoutEnd(error.what()) + ".");
+		}
+		result_.data_version = version;
+		result_.files = tree_.files.size();
+		result_.tree_size = tree_.total_size;
+		result_.download_link = previous_->download_link;
+		return result_.is_unchanged;
+	}
+
 	std::string PackagePath() const { return repository_.PackagePath(options_.id, result_.data_version); }
 
-	/** Continues after a publisher that was killed with its package in place: the package's time makes the same bytes.
-	 */
-	void TakeUp() {
-		try {
-			const Json::Value metadata =
-			    ReadMetadata(reader_.Open(PackagePath(), {options_.id, "", result_.data_version}));
-			if (const auto published = PublishedTime(metadata); published && std::getenv(kTimeVariable) == nullptr) {
-				fetch_time_ = *published;
-			}
-		} catch (const PublishError&) {
-			RefuseToReplace();
-		}
-	}
-
-	/** A package of this name that is there already must be the same: devices or caches may have it. */
-	void RequireSame(const std::string& package) {
-		if (fs::exists(PackagePath()) && !SameBytes(PackagePath(), package)) {
-			RefuseToReplace();
-		}
-	}
-
-	[[noreturn]] void RefuseToReplace() const {
-		throw PublishError("The package " + PackagePath() +
-		                   " is there already, with another content than this tree "
-		                   "makes, and is not replaced: devices and caches may have it, though no document names it. "
-		                   "Publish with --data-version " +
-		                   std::to_string(std::int64_t{result_.data_version} + 1) +
-		                   ", or remove it when it was never served.");
-	}
+	/** Continues after a publisher that was killed with its package in place. */
+	void TakeUp() { fetch_time_ = TimeOfBegun(reader_, PackagePath(), options_.id, result_.data_version, fetch_time_); }
 
 	/** Makes the diff package when there can be one. A failure is a warning: the version is published without. */
 	void WriteDiff(const std::string& package) {

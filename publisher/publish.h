@@ -32,6 +32,8 @@ struct PublishOptions {
 	std::int64_t memory_mib = kDefaultMemoryMib; // for making patches and matching rows
 	KeptDiffs keep_diffs;
 	std::vector<std::string> old_keys; // public keys that signed earlier packages
+	std::string notes;                 // what the packages say about the version
+	bool if_changed = false;           // whether nothing is published when the newest version holds the tree
 	bool must_continue = false;        // whether a database that the repository does not know is refused
 };
 
@@ -49,7 +51,8 @@ struct DiffResult {
 
 struct PublishResult {
 	int data_version = 0;
-	bool is_first = false; // whether the repository knew nothing of the database before
+	bool is_unchanged = false; // whether the newest version holds the tree, and nothing was published
+	bool is_first = false;     // whether the repository knew nothing of the database before
 	std::uint64_t files = 0;
 	std::uint64_t tree_size = 0;
 	std::uint64_t package_size = 0;

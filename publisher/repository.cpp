@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "publisher/files.h"
 #include "publisher/publish_error.h"
+#include "publisher/withdrawn_packages.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -51,12 +52,14 @@ std::optional<PackageFile> Recognise(const fs::path& path, const std::string& id
 		return std::nullopt;
 	}
 	const char kind = name[id.size() + 1];
-	const std::optional<int> version =
-	    ParseVersion(std::string_view(name).substr(prefix, name.size() - prefix - kSuffix.size()));
-	if (!version || (kind != 'v' && kind != 'd')) {
+	const std::string_view numbers = std::string_view(name).substr(prefix, name.size() - prefix - kSuffix.size());
+	const std::size_t mark = kind == 'd' ? numbers.find('w') : std::string_view::npos;
+	const std::optional<int> version = ParseVersion(numbers.substr(0, mark));
+	const std::optional<int> withdrawal = mark == std::string_view::npos ? 0 : ParseVersion(numbers.substr(mark + 1));
+	if (!version || !withdrawal || (kind != 'v' && kind != 'd')) {
 		return std::nullopt;
 	}
-	return PackageFile{path.string(), *version, kind == 'd'};
+	return PackageFile{path.string(), *version, kind == 'd', *withdrawal};
 }
 
 bool Exists(const std::string& path) {
@@ -126,6 +129,29 @@ bool Repository::IsDamaged(const std::string& db_version) const {
 	}
 }
 
+std::string Repository::DiffName(const std::string& id, int version, const DiffFile& named) {
+	const std::string name = named.download_link.substr(named.download_link.rfind('/') + 1);
+	const std::optional<PackageFile> file = Recognise(name, id);
+	return file && file->is_diff && file->data_version == version ? NameOf(id, *file) : DiffName(id, version);
+}
+
+std::string Repository::NameOf(const std::string& id, const PackageFile& file) {
+	if (file.withdrawal > 0) {
+		return EmptyDiffName(id, file.data_version, file.withdrawal);
+	}
+	return file.is_diff ? DiffName(id, file.data_version) : PackageName(id, file.data_version);
+}
+
+std::string Repository::DiffPath(const std::string& id, int version, const DiffFile& named) const {
+	return directory_ + "/" + DiffName(id, version, named);
+}
+
+std::string Repository::KeptPackagePath(const std::string& id, int version) const {
+	const std::string path = PackagePath(id, version);
+	const std::string withdrawn = WithdrawnPath(path);
+	return !Exists(path) && Exists(withdrawn) ? withdrawn : path;
+}
+
 std::vector<PackageFile> PackagesIn(const std::string& directory, const std::string& id) {
 	std::vector<PackageFile> files;
 	for (const fs::path& path : PathsIn(directory)) {
@@ -152,23 +178,31 @@ std::vector<std::string> Repository::PackagedIds() const {
 }
 
 void Repository::RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const {
-	std::set<int> kept;
+	std::set<std::string> kept;
 	for (const auto& [name, entry] : EntriesOf(id)) {
 		for (const auto& [version, file] : entry.diff_files) {
-			kept.insert(version);
+			kept.insert(DiffPath(id, version, file));
 		}
 	}
 	for (const PackageFile& file : Packages(id)) {
-		const bool is_named = kept.count(file.data_version) > 0 && file.path == DiffPath(id, file.data_version);
-		if (file.is_diff && !is_named && file.data_version != spared) {
+		if (file.is_diff && kept.count(file.path) == 0 && file.data_version != spared) {
 			fs::remove(file.path);
 		}
 	}
 }
 
+void Repository::RetireWithdrawn(const std::string& id) const {
+	std::set<std::string> offered;
+	for (const auto& [name, entry] : EntriesOf(id)) {
+		offered.insert(fs::path(PackageName(id, entry.data_version)).filename().string());
+	}
+	MoveWithdrawn(PackageDirectory(id), offered);
+}
+
 void Repository::Clean(const std::string& id, const std::optional<int>& spared) const {
 	RemoveLeftovers(directory_);
 	RemoveUnnamedDiffs(id, spared);
+	RetireWithdrawn(id);
 	RemoveLeftovers(PackageDirectory(id));
 	RemoveLeftovers(directory_ + "/packages");
 	RemoveDocumentLeftovers();

@@ -18,6 +18,7 @@ struct PackageFile {
 	std::string path;
 	int data_version = 0;
 	bool is_diff = false;
+	int withdrawal = 0; // the version that put an empty diff package in the place of an earlier one; else 0
 };
 
 /** The files with a package's name in a directory, by version, full packages first; none when it is missing. */
@@ -46,13 +47,29 @@ public:
 	[[nodiscard]] std::optional<int> LastVersion(const std::string& id) const;
 
 	/** The name of a full package, relative to the repository. */
-	static std::string PackageName(const std::string& id, int version) { return NameOf(id, "_v", version); }
+	static std::string PackageName(const std::string& id, int version) {
+		return NameOf(id, "_v", std::to_string(version));
+	}
 	/** The name of the diff package that leads to a version, relative to the repository. */
-	static std::string DiffName(const std::string& id, int version) { return NameOf(id, "_d", version); }
+	static std::string DiffName(const std::string& id, int version) {
+		return NameOf(id, "_d", std::to_string(version));
+	}
+	/** The name of the diff package that a document's link leads to; DiffName() for a link that leads elsewhere. */
+	static std::string DiffName(const std::string& id, int version, const DiffFile& named);
+	/** The name that a package has to have, relative to the repository; a file may be called "db_v007.tarn". */
+	static std::string NameOf(const std::string& id, const PackageFile& file);
+	/** The name of the empty diff package that a withdrawal puts in the place of the one that leads to a version. */
+	static std::string EmptyDiffName(const std::string& id, int version, int withdrawal) {
+		return NameOf(id, "_d", std::to_string(version) + "w" + std::to_string(withdrawal));
+	}
 	std::string PackagePath(const std::string& id, int version) const {
 		return directory_ + "/" + PackageName(id, version);
 	}
 	std::string DiffPath(const std::string& id, int version) const { return directory_ + "/" + DiffName(id, version); }
+	/** The path of the diff package that a document's entry names for a version. */
+	std::string DiffPath(const std::string& id, int version, const DiffFile& named) const;
+	/** Where a full package is: in its place, or where a withdrawal has kept it; its place when it is nowhere. */
+	std::string KeptPackagePath(const std::string& id, int version) const;
 	std::string DocumentPath(const std::string& db_version) const {
 		return directory_ + "/database_info/" + db_version;
 	}
@@ -65,7 +82,8 @@ public:
 	std::vector<std::string> PackagedIds() const;
 
 	/**
-	 * Removes what killed publishers left, and diff packages that no document names.
+	 * Removes what killed publishers left, and diff packages that no document names. Takes full packages out of service
+	 * that were withdrawn and that no document names.
 	 *
 	 * @param spared  a version whose diff package stays
 	 */
@@ -98,9 +116,10 @@ public:
 	[[nodiscard]] std::optional<std::string> RememberedUrl() const;
 
 private:
-	static std::string NameOf(const std::string& id, const char* kind, int version) {
-		return "packages/" + id + "/" + id + kind + std::to_string(version) + ".tarn";
+	static std::string NameOf(const std::string& id, const char* kind, const std::string& version) {
+		return "packages/" + id + "/" + id + kind + version + ".tarn";
 	}
+	void RetireWithdrawn(const std::string& id) const;
 	void RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const;
 
 	std::string directory_;

@@ -4,6 +4,7 @@
 #include "base/unique_fd.h"
 #include "publisher/files.h"
 #include "publisher/publish_error.h"
+#include "publisher/withdrawn_packages.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -91,7 +92,8 @@ private:
 			}
 		}
 		for (const fs::path& path : PathsIn(directory.string())) {
-			if (in_place.count(path.string()) == 0) {
+			const bool is_withdrawn = path.string() == WithdrawnDirectory(directory.string());
+			if (in_place.count(path.string()) == 0 && !is_withdrawn) {
 				(IsTemporary(path) ? result_.leftovers : result_.strangers).push_back(path.string());
 			}
 		}
@@ -99,10 +101,7 @@ private:
 
 	/** Whether the name is the one that documents link to, and not "db_v007.tarn". */
 	bool IsInPlace(const PackageFile& file, const std::string& id) const {
-		const int version = file.data_version;
-		const std::string name =
-		    file.is_diff ? Repository::DiffName(id, version) : Repository::PackageName(id, version);
-		return fs::path(file.path) == fs::path(directory_ + "/" + name);
+		return fs::path(file.path) == fs::path(directory_ + "/" + Repository::NameOf(id, file));
 	}
 
 	std::string directory_;

@@ -30,8 +30,8 @@ struct SignedPackage {
 };
 
 struct SignedPackages {
-	std::map<int, SignedPackage> full; // by version
-	std::map<int, SignedPackage> diffs;
+	std::map<int, SignedPackage> full;                 // by version
+	std::map<int, std::map<int, SignedPackage>> diffs; // by version, and by the withdrawal that made it or 0
 	int highest = -1; // version of all packages of the document's format, also of those that cannot be used
 };
 
@@ -138,10 +138,10 @@ private:
 		if (!newest.says_when) {
 			observer_.warn(newest.path + " does not say when it was published; the time of the file is used.");
 		}
-		entry.diff_files = Chain(id, version, packages.diffs);
+		entry.diff_files = Chain(version, packages);
 		WarnOfHigher(id, version, packages.highest);
 		WarnOfChannels(id, version);
-		WarnOfUnreached(version, entry, packages.diffs);
+		WarnOfUnreached(version, entry, packages);
 		KeepNewest(entry.diff_files, options_.keep_diffs, newest.size);
 		Add(id, entry);
 		return entry;
@@ -168,7 +168,8 @@ private:
 			try {
 				const SignedPackage package = ReadOne(id, file);
 				if (options_.format_version.value_or(package.format_version) == package.format_version) {
-					(file.is_diff ? packages.diffs : packages.full)[file.data_version] = package;
+					(file.is_diff ? packages.diffs[file.data_version][file.withdrawal]
+					              : packages.full[file.data_version]) = package;
 					packages.highest = std::max(packages.highest, file.data_version);
 				}
 			} catch (const PublishError& error) {
@@ -180,8 +181,7 @@ private:
 	}
 
 	SignedPackage ReadOne(const std::string& id, const PackageFile& file) const {
-		const std::string place =
-		    file.is_diff ? repository_.DiffPath(id, file.data_version) : repository_.PackagePath(id, file.data_version);
+		const std::string place = repository_.Directory() + "/" + Repository::NameOf(id, file);
 		if (file.path != place) {
 			throw PublishError("the package " + file.path + " should be named " + place);
 		}
@@ -191,6 +191,9 @@ private:
 		if (file.is_diff && metadata["base_version"] != file.data_version - 1) {
 			throw PublishError(
 			    "the package " + file.path + " does not begin at version " + std::to_string(file.data_version - 1));
+		}
+		if (metadata.get(kWithdrawnByKey, 0) != file.withdrawal) {
+			throw PublishError("the package " + file.path + " is of another withdrawal than its name says");
 		}
 		if (file.is_diff && archive.Head().FileSize() > static_cast<std::uint64_t>(kMaxNumber)) {
 			throw PublishError("the package " + file.path + " is larger than the document can say");
@@ -218,11 +221,22 @@ private:
 		}
 	}
 
-	/** All diff packages that lead to a version without a gap. */
-	std::map<int, DiffFile> Chain(const std::string& id, int version, const std::map<int, SignedPackage>& diffs) const {
+	/**
+	 * All diff packages that lead to a version without a gap. An empty one is right only below the withdrawal that made
+	 * it, and is then the one to take.
+	 */
+	std::map<int, DiffFile> Chain(int newest, const SignedPackages& packages) const {
 		std::map<int, DiffFile> files;
-		for (auto diff = diffs.find(version); diff != diffs.end(); diff = diffs.find(--version)) {
-			files[version] = {LinkTo(url_, Repository::DiffName(id, version)), static_cast<int>(diff->second.size)};
+		int version = newest;
+		for (auto diff = packages.diffs.find(version); diff != packages.diffs.end();
+		     diff = packages.diffs.find(--version)) {
+			const auto above = diff->second.upper_bound(newest);
+			if (above == diff->second.begin()) {
+				break;
+			}
+			const SignedPackage& package = std::prev(above)->second;
+			const std::string name = package.path.substr(repository_.Directory().size() + 1);
+			files[version] = {LinkTo(url_, name), static_cast<int>(package.size)};
 		}
 		return files;
 	}
@@ -256,14 +270,14 @@ private:
 		               " names. If it was on trial there, run it again with --force and --data-version.");
 	}
 
-	void WarnOfUnreached(int version, const Entry& entry, const std::map<int, SignedPackage>& diffs) const {
+	void WarnOfUnreached(int version, const Entry& entry, const SignedPackages& packages) const {
 		if (options_.keep_diffs && entry.diff_files.size() >= static_cast<std::size_t>(*options_.keep_diffs)) {
 			return; // What is older is no longer kept.
 		}
-		for (const auto& [diff_version, package] : diffs) {
+		for (const auto& [diff_version, candidates] : packages.diffs) {
 			if (diff_version <= version && entry.diff_files.count(diff_version) == 0) {
-				observer_.warn("Left out: from the package " + package.path + " no chain leads to version " +
-				               std::to_string(version) + ".");
+				observer_.warn("Left out: from the package " + candidates.begin()->second.path +
+				               " no chain leads to version " + std::to_string(version) + ".");
 			}
 		}
 	}

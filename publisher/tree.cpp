@@ -19,17 +19,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool IsUtf8(const std::string& text) {
-	using Traits = boost::locale::utf::utf_traits<char>;
-	for (auto at = text.begin(); at != text.end();) {
-		const auto point = Traits::decode(at, text.end());
-		if (point == boost::locale::utf::illegal || point == boost::locale::utf::incomplete) {
-			return false;
-		}
-	}
-	return true;
-}
-
 [[noreturn]] void Refuse(const std::string& name, const std::string& reason) {
 	throw PublishError("\"" + Printable(name) + "\" cannot be published: " + reason + ".");
 }
@@ -133,6 +122,17 @@ std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes,
 }
 
 } // namespace
+
+bool IsUtf8(const std::string& text) {
+	using Traits = boost::locale::utf::utf_traits<char>;
+	for (auto at = text.begin(); at != text.end();) {
+		const auto point = Traits::decode(at, text.end());
+		if (point == boost::locale::utf::illegal || point == boost::locale::utf::incomplete) {
+			return false;
+		}
+	}
+	return true;
+}
 
 std::set<std::string> NamesOf(const Tree& tree) {
 	std::set<std::string> names;

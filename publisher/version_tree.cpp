@@ -34,7 +34,7 @@ public:
 	}
 
 	VersionTree Make(const std::string& name, const std::string& earlier) {
-		const std::string path = source_.repository.PackagePath(source_.id, full_);
+		const std::string path = source_.repository.KeptPackagePath(source_.id, full_);
 		const PackageInfo info = {source_.id, "", full_};
 		if (tree_.version.diffs > 0 || earlier.empty()) {
 			source_.reader.Unpack(path, info, work_.Make(name));
@@ -51,9 +51,9 @@ public:
 private:
 	int FullPackageBelow(int version) const {
 		int at = version;
-		while (!fs::exists(source_.repository.PackagePath(source_.id, at))) {
+		while (!fs::exists(source_.repository.KeptPackagePath(source_.id, at))) {
 			if (at == 0 || !fs::exists(source_.repository.DiffPath(source_.id, at))) {
-				throw PublishError("neither " + source_.repository.PackagePath(source_.id, at) + " nor " +
+				throw PublishError("neither " + source_.repository.KeptPackagePath(source_.id, at) + " nor " +
 				                   source_.repository.DiffPath(source_.id, at) + " is there");
 			}
 			--at;

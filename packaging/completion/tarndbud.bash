@@ -99,9 +99,10 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish restore changes verify extract inspect promote rollout prune check-repo --version --help' ;;
+	'') _tarndbud_offer 'keygen publish withdraw restore changes verify extract inspect promote rollout prune check-repo --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
-	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --if-changed --notes --json --help' ;;
+	withdraw) _tarndbud_offer '--repo --key --to --url --db-version --channel --level --keep-diffs --old-key --notes --json --help' ;;
 	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --data-version --keep-diffs --force --help' ;;
 	changes) _tarndbud_offer '--repo --key --db-version --examples --limit --json --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;

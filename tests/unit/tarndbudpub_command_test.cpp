@@ -38,6 +38,12 @@ protected:
 		EXPECT_EQ(code, publisher::kFailed);
 	}
 
+	Json::Value JsonPrinted() const {
+		Json::Value value;
+		std::istringstream(out_.str()) >> value;
+		return value;
+	}
+
 	std::ostringstream out_;
 	std::ostringstream err_;
 	bool terminal_ = false;
@@ -56,8 +62,8 @@ TEST_F(Command, NeedsASubcommandItKnows) {
 }
 
 TEST_F(Command, HelpEndsWithTheExitCodes) {
-	for (const char* command :
-	    {"keygen", "publish", "restore", "changes", "verify", "extract", "inspect", "promote", "rollout", "prune"}) {
+	for (const char* command : {"keygen", "publish", "withdraw", "restore", "changes", "verify", "extract", "inspect",
+	         "promote", "rollout", "prune"}) {
 		EXPECT_EQ(Run({command, "--help"}), publisher::kDone);
 		EXPECT_THAT(out_.str(), ::testing::EndsWith("Exit status: 0 done, 1 failed, 2 wrong usage.\n")) << command;
 	}
@@ -103,6 +109,50 @@ TEST_F(Command, PublishShowsProgressOnATerminalAlone) {
 	terminal_ = false;
 	EXPECT_EQ(Run(PublishArguments()), publisher::kDone);
 	EXPECT_THAT(err_.str(), Not(HasSubstr("packing")));
+}
+
+TEST_F(Command, PublishSaysThatNothingHasChanged) {
+	EXPECT_EQ(Run(PublishArguments()), publisher::kDone);
+	EXPECT_EQ(Run(PublishArguments({"--if-changed"})), publisher::kDone);
+	EXPECT_EQ(out_.str(), "Nothing published: db version 1 holds this tree.\n");
+	EXPECT_EQ(Run(PublishArguments({"--if-changed", "--json"})), publisher::kDone);
+	EXPECT_FALSE(JsonPrinted()["is_published"].asBool());
+	EXPECT_EQ(JsonPrinted()["data_version"].asInt(), 1);
+	EXPECT_FALSE(fs::exists(Package(2)));
+}
+
+TEST_F(Command, PublishAndWithdrawPrintJson) {
+	EXPECT_EQ(Run(PublishArguments({"--json"})), publisher::kDone);
+	EXPECT_TRUE(JsonPrinted()["is_published"].asBool());
+	EXPECT_TRUE(JsonPrinted()["is_first"].asBool());
+	EXPECT_EQ(JsonPrinted()["download_link"].asString(), "http://host/packages/db/db_v1.tarn");
+	EXPECT_EQ(JsonPrinted()["package_size"].asUInt64(), fs::file_size(Package(1)));
+	Put("file", "bad");
+	EXPECT_EQ(Run(PublishArguments()), publisher::kDone);
+	EXPECT_EQ(
+	    Run({"withdraw", "db", "--repo", options_.repository, "--key", options_.key_file, "--json"}), publisher::kDone);
+	EXPECT_EQ(JsonPrinted()["data_version"].asInt(), 3);
+	EXPECT_EQ(JsonPrinted()["withdrawn"].asInt(), 2);
+	EXPECT_EQ(JsonPrinted()["restored"].asInt(), 1);
+	EXPECT_EQ(JsonPrinted()["download_link"].asString(), "http://host/packages/db/db_v3.tarn");
+	EXPECT_TRUE(JsonPrinted()["diff"].isNull());
+}
+
+TEST_F(Command, WithdrawTellsWhichVersionsItWithdraws) {
+	for (const char* content : {"good", "bad", "worse"}) {
+		Put("file", content);
+		EXPECT_EQ(Run(PublishArguments()), publisher::kDone);
+	}
+	const std::vector<std::string> arguments = {"withdraw", "db", "--repo", options_.repository, "--key",
+	    options_.key_file, "--to", "1", "--url", "http://new"};
+	EXPECT_EQ(Run(arguments), publisher::kDone);
+	EXPECT_THAT(out_.str(), StartsWith("Published db version 4: 1 files, 4 B in a package of "));
+	EXPECT_THAT(out_.str(), HasSubstr("http://new/packages/db/db_v4.tarn\n"
+	                                  "The content is that of version 1. Withdrawn: version 2 to 3.\n"));
+	EXPECT_EQ(InstalledFrom(Package(4)).at("file"), "good");
+	ExpectFailure(Run({"withdraw", "db", "--repo", directory_ / "missing", "--key", options_.key_file}), "missing");
+	EXPECT_FALSE(fs::exists(directory_ / "missing"));
+	EXPECT_EQ(Run({"withdraw", "--repo", options_.repository, "--key", options_.key_file}), publisher::kUsage);
 }
 
 TEST_F(Command, PublishTakesEveryOption) {

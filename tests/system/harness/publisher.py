@@ -38,6 +38,12 @@ class Publisher:
             "--url", base or self.base, "--keep-diffs", str(keep_diffs), *options, patience=self.patience,
         )  # fmt: skip
 
+    def withdraw(self, name: str, *options: str, keep_diffs: int = 30) -> programs.Result:
+        return programs.run_ok(
+            programs.PUB, "withdraw", name, "--repo", self.repository, "--key", self.private_key,
+            "--keep-diffs", str(keep_diffs), *options,
+        )  # fmt: skip
+
     def package(self, name: str, version: int) -> Path:
         return self.repository / f"packages/{name}/{name}_v{version}.tarn"
 

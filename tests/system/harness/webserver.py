@@ -84,8 +84,9 @@ class Nginx:
         return [line for line in lines if SENTINEL not in line]
 
     def packages(self) -> list[str]:
-        """The packages fetched whole so far, in order: "v<version>" for a full one, "d<version>" for a diff."""
-        return re.findall(r"^200 \d+ /packages/\w+/\w+_([vd]\d+)\.tarn$", "\n".join(self.requests()), re.MULTILINE)
+        """The packages fetched whole so far, in order: "v<version>" for a full one, "d<version>" for a diff, and
+        "d<version>w<version>" for an empty diff by a withdrawal."""
+        return re.findall(r"^200 \d+ /packages/\w+/\w+_([vd]\d+(?:w\d+)?)\.tarn$", "\n".join(self.requests()), re.MULTILINE)
 
     def close(self) -> None:
         self._process.terminate()

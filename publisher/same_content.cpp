@@ -1,0 +1,70 @@
+#include "publisher/same_content.h"
+
+#include "archive/payload.h"
+#include "base/error.h"
+#include "publisher/files.h"
+#include "publisher/publish_error.h"
+
+#include <map>
+#include <string_view>
+
+namespace tarn::publisher {
+
+namespace {
+
+constexpr unsigned kExecutableBits = 0111;
+
+/** Whether a file holds what remains to be read of a member, and no more. */
+bool HoldsContent(const std::string& path, archive::TarReader& reader) {
+	InputFile file(path);
+	std::string_view of_file;
+	for (std::string_view of_member = reader.NextContent(); !of_member.empty(); of_member = reader.NextContent()) {
+		while (!of_member.empty()) {
+			of_file = of_file.empty() ? file.Next() : of_file;
+			const std::size_t size = std::min(of_file.size(), of_member.size());
+			if (size == 0 || of_file.substr(0, size) != of_member.substr(0, size)) {
+				return false;
+			}
+			of_file.remove_prefix(size);
+			of_member.remove_prefix(size);
+		}
+	}
+	return true;
+}
+
+bool HoldsAll(const archive::ArchiveFile& archive, const Tree& tree) {
+	std::map<std::string, const TreeFile*> files;
+	for (const TreeFile& file : tree.files) {
+		files[file.name] = &file;
+	}
+	archive::PayloadStream stream(archive, archive.Head().unpacked_size +
+	                                           archive.Head().entry_count * archive::TarReader::kMaxOverheadPerMember +
+	                                           archive::TarReader::kMaxOverheadAtEnd);
+	archive::TarReader reader(stream);
+	archive::Member member;
+	while (reader.Next(member)) {
+		const auto file = files.find(member.name);
+		if (file == files.end() || member.kind != archive::MemberKind::kFile || member.size != file->second->size ||
+		    ((member.mode & kExecutableBits) != 0) != file->second->executable ||
+		    !HoldsContent(file->second->source, reader)) {
+			return false;
+		}
+		files.erase(file);
+	}
+	return files.empty();
+}
+
+} // namespace
+
+bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, const Tree& tree) {
+	if (archive.Head().entry_count != tree.files.size() || archive.Head().unpacked_size != tree.total_size) {
+		return false;
+	}
+	try {
+		return HoldsAll(archive, tree);
+	} catch (const Error& error) {
+		throw PublishError("the package " + path + " " + error.what());
+	}
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,50 @@
+/** @file The content of versions that were published before. */
+#ifndef PUBLISHER_VERSION_CONTENT_H
+#define PUBLISHER_VERSION_CONTENT_H
+
+#include "publisher/diff_chain.h"
+#include "publisher/package.h"
+#include "publisher/repository.h"
+
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+/** Unpacks versions of a database, or rebuilds them as devices do. */
+class VersionContent {
+public:
+	/** All of them outlive the object. */
+	VersionContent(
+	    const Repository& repository, const PackageReader& reader, const DiffChain& chain, const std::string& id)
+	    : repository_(repository), reader_(reader), chain_(chain), id_(id) {}
+
+	/** Whether the full package of a version is there, served or kept by a withdrawal. */
+	[[nodiscard]] bool HasPackage(int version) const;
+
+	/**
+	 * Unpacks a version's full package. When it is missing, unpacks the nearest full package before it, and applies the
+	 * diff packages in between.
+	 *
+	 * @return the metadata of the last package that was read
+	 * @throws PublishError naming what is missing or cannot be trusted
+	 */
+	[[nodiscard]] Json::Value Unpack(int version, const std::string& directory, const WorkDirectory& work) const;
+
+	/** Applies diff packages in turn to the files in a directory, as devices do; throws PublishError. */
+	void Apply(const std::vector<std::pair<int, std::string>>& packages, const std::string& directory,
+	    const WorkDirectory& work) const;
+
+private:
+	/** The diff packages that lead to a version from a full package. */
+	std::vector<std::pair<int, std::string>> StepsTo(int version) const;
+
+	const Repository& repository_;
+	const PackageReader& reader_;
+	const DiffChain& chain_;
+	const std::string& id_;
+};
+
+} // namespace tarn::publisher
+
+#endif

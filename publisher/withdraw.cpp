@@ -1,0 +1,250 @@
+#include "publisher/withdraw.h"
+
+#include "base/error.h"
+#include "base/text.h"
+#include "publisher/begun_package.h"
+#include "publisher/checks.h"
+#include "publisher/withdrawal_diffs.h"
+#include "publisher/withdrawn_packages.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kFormatKey = "format_version";
+
+Entry RequireEntry(const Repository& repository, const PublishOptions& options) {
+	if (auto entry = repository.ReadEntry(options.db_version, options.id)) {
+		return *entry;
+	}
+	throw PublishError(
+	    "The document " + repository.DocumentPath(options.db_version) + " does not name " + options.id + ".");
+}
+
+/** The steps of Withdraw(). */
+class Withdrawal {
+public:
+	Withdrawal(const PublishOptions& options, const PublishObserver& observer)
+	    : options_(options),
+	      observer_(observer),
+	      fetch_time_(TimeOfPublication()),
+	      key_(archive::SigningKey::Load(options.key_file, observer.warn)),
+	      reader_(key_, options.old_keys),
+	      repository_(options.repository, observer.waiting) {}
+
+	WithdrawResult Run(const std::optional<std::int64_t>& to) {
+		Begin();
+		result_.withdrawn = previous_.data_version;
+		result_.restored = Target(to);
+		Number();
+		repository_.Clean(options_.id, Version());
+		const WorkDirectory work(repository_.Directory());
+		const VersionContent content(repository_, reader_, *chain_, options_.id);
+		const Tree tree = Restore(content, work);
+		ReplacingFile package(repository_.PackagePath(options_.id, Version()));
+		WriteFull(tree, package);
+		const WithdrawalOrder order = {repository_, options_, key_, reader_, *chain_, content, work, result_.restored,
+		    result_.withdrawn, tree, format_version_, Published().package_size, fetch_time_};
+		WithdrawalDiffs diffs(order);
+		const bool has_diffs = MakeDiffs(diffs);
+		package.Commit();
+		Document(diffs, has_diffs && CommitDiffs(diffs));
+		return std::move(result_);
+	}
+
+private:
+	int Version() const { return result_.published.data_version; }
+	PublishResult& Published() { return result_.published; }
+
+	void Begin() {
+		previous_ = RequireEntry(repository_, options_);
+		if (options_.url.empty()) {
+			options_.url = repository_.RememberedUrl().value_or("");
+		}
+		CheckOptions(options_);
+		try {
+			chain_.emplace(repository_, reader_, options_.id, previous_);
+		} catch (const PublishError& error) {
+			obstacle_ = WithoutEnd(error.what());
+			chain_.emplace(repository_, reader_, options_.id, Entry{previous_.data_version, 0, "", {}});
+		}
+		newest_ = NewestMetadata();
+	}
+
+	int Target(const std::optional<std::int64_t>& to) const {
+		if (!to) {
+			return Default();
+		}
+		if (*to < 0 || *to >= previous_.data_version) {
+			throw PublishError("Version " + std::to_string(*to) + " cannot come back: it must be below version " +
+			                   std::to_string(previous_.data_version) + ", the newest of " + options_.id + ".");
+		}
+		return static_cast<int>(*to);
+	}
+
+	int Default() const {
+		if (newest_.isMember(kRestoresKey)) {
+			repository_.Clean(options_.id); // What a killed withdrawal has left to do is all that is left to do.
+			throw PublishError("Version " + std::to_string(previous_.data_version) + " of " + options_.id +
+			                   " is itself a withdrawal, with the content of version " +
+			                   newest_[kRestoresKey].asString() + "; --to says which version is to come back.");
+		}
+		if (!chain_->Links().empty()) {
+			return previous_.data_version - 1;
+		}
+		int before = -1;
+		for (const PackageFile& file : repository_.Packages(options_.id)) {
+			before = file.data_version < previous_.data_version && IsOfFormat(file) ? file.data_version : before;
+		}
+		if (before < 0) {
+			throw PublishError("No version of " + options_.id +
+			                   " can come back: the repository holds no full package " + "of a version below " +
+			                   std::to_string(previous_.data_version) + ".");
+		}
+		return before;
+	}
+
+	/** What the newest version says about itself, by its diff package when its full package is missing. */
+	Json::Value NewestMetadata() const {
+		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
+		if (fs::exists(path)) {
+			return ReadMetadata(reader_.Open(path, {options_.id, "", previous_.data_version}));
+		}
+		return chain_->Links().empty() ? Json::Value(Json::objectValue) : chain_->Links().back().package.metadata;
+	}
+
+	/** Whether a full package has the newest version's format: others are of another document. */
+	bool IsOfFormat(const PackageFile& file) const {
+		try {
+			const Json::Value metadata = file.is_diff ? Json::Value() : ReadMetadata(archive::ArchiveFile(file.path));
+			return metadata.isObject() &&
+			       (!newest_.isMember(kFormatKey) || metadata[kFormatKey] == newest_[kFormatKey]);
+		} catch (const Error&) { // no device can install it
+			return false;
+		}
+	}
+
+	void Number() {
+		const NextVersion next = ChooseVersion(options_, repository_);
+		Published().data_version = next.data_version;
+		if (next.is_begun) {
+			fetch_time_ = TimeOfBegun(
+			    reader_, repository_.PackagePath(options_.id, Version()), options_.id, Version(), fetch_time_);
+		}
+	}
+
+	Tree Restore(const VersionContent& content, const WorkDirectory& work) {
+		observer_.step("unpacking", 0, 1);
+		result_.is_rebuilt = !content.HasPackage(result_.restored);
+		const std::string directory = work.Make("restored");
+		const Json::Value metadata = content.Unpack(result_.restored, directory, work);
+		format_version_ = metadata[kFormatKey].isString() ? metadata[kFormatKey].asString() : "";
+		if (newest_.isMember(kFormatKey) && newest_[kFormatKey] != format_version_) {
+			throw PublishError("Version " + std::to_string(result_.restored) + " of " + options_.id +
+			                   " cannot come back: its format is \"" + format_version_ + "\", and that of version " +
+			                   std::to_string(result_.withdrawn) + " is another.");
+		}
+		return ListTree(directory);
+	}
+
+	void WriteFull(const Tree& tree, ReplacingFile& package) {
+		PublishResult& published = Published();
+		published.files = tree.files.size();
+		published.tree_size = tree.total_size;
+		published.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, Version()));
+		PackageInfo info = {options_.id, format_version_, Version()};
+		info.published = fetch_time_;
+		info.more[kRestoresKey] = result_.restored;
+		AddNotes(options_.notes, info.more);
+		published.package_size = WritePackage(tree, info, key_, options_.level, package.Fd(), package.TemporaryPath(),
+		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree); });
+		RequireSameAsBegun(repository_.PackagePath(options_.id, Version()), package.TemporaryPath(), Version());
+	}
+
+	/** A failure is a warning: the version is published without. */
+	bool MakeDiffs(WithdrawalDiffs& diffs) {
+		if (options_.keep_diffs == 0) {
+			return false;
+		}
+		return WarnUnless([&] {
+			if (!obstacle_.empty()) {
+				throw PublishError(obstacle_);
+			}
+			if (result_.withdrawn != Version() - 1) {
+				throw PublishError("devices have version " + std::to_string(result_.withdrawn) +
+				                   ", and every step by one version needs a diff package");
+			}
+			diffs.Make(observer_);
+		});
+	}
+
+	bool CommitDiffs(WithdrawalDiffs& diffs) {
+		return WarnUnless([&] { diffs.Commit(); });
+	}
+
+	template<typename Function>
+	bool WarnUnless(const Function& function) {
+		try {
+			function();
+			return true;
+		} catch (const std::exception& error) {
+			observer_.warn("Version " + std::to_string(Version()) +
+			               " has no diff package: " + WithoutEnd(error.what()) + ". Devices take the full package.");
+			return false;
+		}
+	}
+
+	/** The bad packages stay in place until the document names them no longer. */
+	void Document(const WithdrawalDiffs& diffs, bool has_diffs) {
+		Entry entry = {Version(), fetch_time_, Published().download_link, {}};
+		if (has_diffs) {
+			entry.diff_files = diffs.Files(previous_.diff_files);
+			KeepNewest(entry.diff_files, options_.keep_diffs, Published().package_size);
+			Published().diff = diffs.Result();
+			Published().diff->oldest_base = entry.diff_files.begin()->first - 1;
+		}
+		for (const PackageFile& file : repository_.Packages(options_.id)) {
+			if (file.data_version > result_.restored && file.data_version <= result_.withdrawn && IsOfFormat(file)) {
+				MarkWithdrawn(file.path);
+			}
+		}
+		repository_.RememberUrl(options_.url);
+		repository_.WriteEntry(options_.db_version, options_.id, entry);
+		try {
+			repository_.Clean(options_.id);
+		} catch (const std::exception& error) {
+			observer_.warn(std::string("Withdrawn packages could not be removed: ") + error.what());
+		}
+	}
+
+	PublishOptions options_;
+	const PublishObserver& observer_;
+	int fetch_time_;
+	archive::SigningKey key_;
+	PackageReader reader_;
+	Repository repository_;
+	Entry previous_;
+	Json::Value newest_; // what the newest version says about itself
+	std::optional<DiffChain> chain_;
+	std::string obstacle_; // why the chain cannot be continued
+	std::string format_version_;
+	WithdrawResult result_;
+};
+
+} // namespace
+
+WithdrawResult Withdraw(
+    PublishOptions options, const std::optional<std::int64_t>& to, const PublishObserver& observer) {
+	options.data_version.reset();
+	RequireRepository(options.repository);
+	CheckWord("--id", options.id);
+	CheckWord("--db-version", options.db_version);
+	return Withdrawal(options, observer).Run(to);
+}
+
+} // namespace tarn::publisher
