@@ -107,7 +107,8 @@ void RequireNotHeld(const std::string& id, int version) {
 		throw CommandError(kHeld, HoldProblem(id, *hold));
 	}
 	throw CommandError(kHeld, id + " is " + DescribeHold(*hold) + ", so version " + std::to_string(version) +
-	                              " was not installed; \"tarndbudctl unhold " + id + "\" ends the hold");
+	                              " was not installed; \"tarndbudctl unhold " + id +
+	                              "\" ends the hold, and force-install --even-held passes over it");
 }
 
 } // namespace tarn::ctl
