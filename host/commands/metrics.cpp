@@ -118,10 +118,11 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 
 void MeasureHold(Metrics& metrics, const std::string& id, const Labels& labels) {
 	const std::optional<Hold> hold = ReadHold(id);
-	metrics.Add("tarndbud_held", "Whether the administrator holds the database at a version.", labels, hold.has_value());
+	metrics.Add(
+	    "tarndbud_held", "Whether the administrator holds the database at a version.", labels, hold.has_value());
 	if (hold && hold->up_to) {
-		metrics.Add("tarndbud_held_up_to", "The highest version that a held database may be updated to.", labels,
-		    *hold->up_to);
+		metrics.Add(
+		    "tarndbud_held_up_to", "The highest version that a held database may be updated to.", labels, *hold->up_to);
 	}
 }
 

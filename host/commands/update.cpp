@@ -87,6 +87,9 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 	                                " is offered; the system log tells why");
 }
 
+constexpr char kMaxBytesHelp[] =
+    "Leave a database alone whose packages are larger together; k, M and G are decimal units";
+
 /** What a run is about. */
 struct Run {
 	Budget budget;
@@ -173,8 +176,7 @@ void DeclareMaxBytes(CLI::App& app, Options& options) {
 			throw CLI::ValidationError("--max-bytes", "a number is needed, such as 1500, 1500k, 20M or 3G");
 		}
 	};
-	app.add_option_function<std::string>("--max-bytes", take,
-	    "Leave a database alone whose packages are larger together; k, M and G are decimal units");
+	app.add_option_function<std::string>("--max-bytes", take, kMaxBytesHelp);
 }
 
 void Declare(CLI::App& app, Options& options) {

@@ -61,8 +61,7 @@ std::optional<std::uint64_t> ParseBytes(const std::string& text) {
 		return std::nullopt;
 	}
 	const std::string digits = unit == 1 ? text : text.substr(0, text.size() - 1);
-	const std::optional<std::uint64_t> number =
-	    ParseDigits(digits, std::numeric_limits<std::uint64_t>::max() / unit);
+	const std::optional<std::uint64_t> number = ParseDigits(digits, std::numeric_limits<std::uint64_t>::max() / unit);
 	return number ? std::optional(*number * unit) : std::nullopt;
 }
 

@@ -49,8 +49,8 @@ void RequireChainWithin(const Budget& budget, const UpdateWay& way);
  * @param spent  what this update has downloaded already
  * @param ask    asks the server for the package's size; called only if that matters
  */
-void RequireFullPackageWithin(const Budget& budget, std::uint64_t spent,
-    const std::function<std::optional<std::uint64_t>()>& ask);
+void RequireFullPackageWithin(
+    const Budget& budget, std::uint64_t spent, const std::function<std::optional<std::uint64_t>()>& ask);
 
 } // namespace tarn::ctl
 

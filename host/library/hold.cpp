@@ -93,8 +93,8 @@ std::string DescribeHold(const Hold& hold) {
 
 std::string HoldProblem(const std::string& id, const Hold& hold) {
 	return hold.problem.empty() ? ""
-	                            : "The hold " + HoldPath(id) + " cannot be understood (" + hold.problem +
-	                                  "), so " + id + " does not change; run \"tarndbudctl hold " + id +
+	                            : "The hold " + HoldPath(id) + " cannot be understood (" + hold.problem + "), so " +
+	                                  id + " does not change; run \"tarndbudctl hold " + id +
 	                                  "\" or \"tarndbudctl unhold " + id + "\" to write or remove it";
 }
 

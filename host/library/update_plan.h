@@ -17,17 +17,17 @@ namespace tarn::ctl {
 /** Whether an update finds room. */
 enum class Room {
 	kUnknown,
-	kEnough,     ///< Even if every file changes.
-	kPerhaps,    ///< For the packages, and perhaps not for what they hold.
-	kTooLittle,  ///< Not even for the packages.
+	kEnough,    ///< Even if every file changes.
+	kPerhaps,   ///< For the packages, and perhaps not for what they hold.
+	kTooLittle, ///< Not even for the packages.
 };
 
 struct UpdatePlan {
 	std::string id;
 	Situation found;
-	bool is_needed = false; ///< Whether an update would install something.
-	std::string reason;     ///< The end of a sentence: why it would, why not, why by the full package.
-	UpdateWay way;          ///< Of no meaning when no update is needed.
+	bool is_needed = false;                  ///< Whether an update would install something.
+	std::string reason;                      ///< The end of a sentence: why it would, why not, why by the full package.
+	UpdateWay way;                           ///< Of no meaning when no update is needed.
 	std::optional<std::uint64_t> most_bytes; ///< The largest room that it may take while it runs; none: unknown.
 	std::optional<std::uint64_t> free_bytes; ///< On volume and file system of the database, without the reserve.
 	Room room = Room::kUnknown;

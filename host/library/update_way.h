@@ -22,10 +22,10 @@ struct Situation {
 };
 
 struct UpdateWay {
-	bool is_chain = false;                ///< Whether diff packages lead to the offered version; else the full one.
-	std::string reason;                   ///< The end of a sentence: why it is the full package, empty for a chain.
+	bool is_chain = false; ///< Whether diff packages lead to the offered version; else the full one.
+	std::string reason;    ///< The end of a sentence: why it is the full package, empty for a chain.
 	std::size_t packages = 1;
-	std::optional<std::uint64_t> bytes;   ///< What the document announces for a chain; none for the full package.
+	std::optional<std::uint64_t> bytes; ///< What the document announces for a chain; none for the full package.
 };
 
 /** How the library will go about it, unless a package turns out to be unusable. */

@@ -46,8 +46,7 @@ struct Doubles {
 	std::set<std::string> changed;
 	ctl::Services services{io, config, info,
 	    [this](const auto& id, const auto& status, const auto& remote, const auto& diffs, const auto& volume,
-	        const auto& prefix, const auto& root,
-	        const dataupdate::UpdateAdvice& advice) {
+	        const auto& prefix, const auto& root, const dataupdate::UpdateAdvice& advice) {
 		    if (falls_back && advice.before_full_package) {
 			    advice.before_full_package();
 		    }
