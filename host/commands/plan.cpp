@@ -64,10 +64,10 @@ Json::Value WayToJson(const UpdatePlan& plan) {
 Json::Value ToJson(const UpdatePlan& plan) {
 	Json::Value object = WayToJson(plan);
 	object["id"] = plan.id;
-	object["from"] = plan.found.installed < 0 ? Json::Value() : Json::Value(plan.found.installed);
+	object["from"] = plan.from < 0 ? Json::Value() : Json::Value(plan.from);
 	object["to"] = plan.found.offered;
-	object["update"] = plan.is_needed;
-	object["unfinished"] = plan.found.is_unfinished;
+	object["update"] = plan.is_needed || plan.finishes;
+	object["unfinished"] = plan.is_unfinished;
 	object["held"] = plan.hold.has_value();
 	object["readers"] = Json::UInt64{plan.readers};
 	object["updating"] = plan.is_updating;
@@ -81,7 +81,7 @@ std::string FormatTableOf(const std::vector<UpdatePlan>& plans) {
 	std::vector<std::vector<std::string>> rows = {
 	    {"DATABASE", "FROM", "TO", "BY", "BYTES", "NEEDS", "FREE", "ROOM", "READERS"}};
 	for (const UpdatePlan& plan : plans) {
-		rows.push_back({plan.id, Version(plan.found.installed), Version(plan.found.offered), WayOf(plan),
+		rows.push_back({plan.id, Version(plan.from), Version(plan.found.offered), WayOf(plan),
 		    Bytes(plan, plan.way.bytes), Bytes(plan, plan.most_bytes), Bytes(plan, plan.free_bytes),
 		    plan.is_needed ? NameOf(plan.room) : "-", std::to_string(plan.readers)});
 	}

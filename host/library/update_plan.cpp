@@ -2,6 +2,7 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/update_error.h"
+#include "host/library/operation.h"
 #include "host/library/readers.h"
 
 #include <algorithm>
@@ -106,8 +107,11 @@ void PlanWay(const Services& services, const dataupdate::RemoteInfo& remote, Upd
 UpdatePlan MakeUpdatePlan(const Services& services, const std::string& id) {
 	UpdatePlan plan;
 	plan.id = id;
-	plan.found.installed = ReadInstalled(services, id).data_version;
-	plan.found.is_unfinished = dataupdate::IsReplacementMarked(id);
+	plan.from = ReadInstalled(services, id).data_version;
+	plan.is_unfinished = dataupdate::IsReplacementMarked(id);
+	plan.finishes = FindPrepared(services, id);
+	plan.found.installed = plan.finishes.value_or(plan.from);
+	plan.found.is_unfinished = plan.is_unfinished && !plan.finishes;
 	plan.hold = ReadHold(id);
 	plan.readers = ReadersOf(id).size();
 	plan.is_updating = services.checker->IsUpdating(id);
@@ -116,6 +120,9 @@ UpdatePlan MakeUpdatePlan(const Services& services, const std::string& id) {
 	plan.is_needed = IsNeeded(plan);
 	if (plan.is_needed) {
 		PlanWay(services, remote, plan);
+	}
+	if (plan.finishes) {
+		plan.reason = "a killed replacement by version " + Number(*plan.finishes) + " is finished; then " + plan.reason;
 	}
 	return plan;
 }

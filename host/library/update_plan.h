@@ -24,7 +24,10 @@ enum class Room {
 
 struct UpdatePlan {
 	std::string id;
-	Situation found;
+	int from = -1;                           ///< The recorded version; -1 for none.
+	bool is_unfinished = false;              ///< Whether its files are half replaced.
+	std::optional<int> finishes;             ///< The version of a killed replacement that would be finished first.
+	Situation found;                         ///< What the packages would be for; after that.
 	bool is_needed = false;                  ///< Whether an update would install something.
 	std::string reason;                      ///< The end of a sentence: why it would, why not, why by the full package.
 	UpdateWay way;                           ///< Of no meaning when no update is needed.

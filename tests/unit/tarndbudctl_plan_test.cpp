@@ -116,6 +116,20 @@ TEST_F(UpdatePlanTest, NeedsTheFullPackageAfterAKilledRun) {
 	EXPECT_EQ(plan.reason, "the last replacement of its files was not finished");
 }
 
+TEST_F(UpdatePlanTest, CountsOnWhatAKilledRunHadPreparedUnlessAHoldIsInTheWay) {
+	OfferChain();
+	doubles_.services.find_prepared = [](const std::string&, const std::string&, const std::string&) { return 4; };
+	UpdatePlan plan = Plan();
+	EXPECT_EQ(plan.from, 3);
+	EXPECT_EQ(
+	    plan.reason, "a killed replacement by version 4 is finished; then diff packages lead from version 4 to 5");
+	EXPECT_EQ(plan.way.bytes, 20U);
+	SetHold("geo", 3);
+	plan = Plan();
+	EXPECT_EQ(plan.finishes, std::nullopt);
+	EXPECT_FALSE(plan.is_needed);
+}
+
 TEST_F(UpdatePlanTest, SaysWhyThereIsNothingToDo) {
 	const auto reason = [this](int installed) {
 		doubles_.Install(installed);
