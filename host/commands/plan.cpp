@@ -77,6 +77,14 @@ Json::Value ToJson(const UpdatePlan& plan) {
 	return object;
 }
 
+Json::Value ToJson(const std::string& id, const Failure& failure) {
+	Json::Value object(Json::objectValue);
+	object["id"] = id;
+	object["error"] = failure.sentence;
+	object["exit_status"] = failure.code;
+	return object;
+}
+
 std::string FormatTableOf(const std::vector<UpdatePlan>& plans) {
 	std::vector<std::vector<std::string>> rows = {
 	    {"DATABASE", "FROM", "TO", "BY", "BYTES", "NEEDS", "FREE", "ROOM", "READERS"}};
@@ -107,16 +115,16 @@ ExitCode Run(const Services& services, const Options& options) {
 		services.config->CheckSupported(id);
 	}
 	std::vector<UpdatePlan> plans;
-	const ExitCode code = ForEachDatabase(
-	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids, [&](const std::string& id) {
-		    plans.push_back(MakeUpdatePlan(services, id));
-		    return kDone;
-	    });
+	Json::Value array(Json::arrayValue);
+	const auto make = [&](const std::string& id) {
+		plans.push_back(MakeUpdatePlan(services, id));
+		array.append(ToJson(plans.back()));
+		return kDone;
+	};
+	const auto note = [&](const std::string& id, const Failure& failure) { array.append(ToJson(id, failure)); };
+	const ExitCode code =
+	    ForEachDatabase(services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids, make, note);
 	if (options.json) {
-		Json::Value array(Json::arrayValue);
-		for (const UpdatePlan& plan : plans) {
-			array.append(ToJson(plan));
-		}
 		services.terminal.Say(FormatJson(array));
 	} else if (!plans.empty()) {
 		services.terminal.Say(FormatTableOf(plans) + Reasons(plans));

@@ -1,3 +1,4 @@
+#include "dataupdate/update_error.h"
 #include "host/library/hold.h"
 #include "host/library/package_size.h"
 #include "host/library/readers.h"
@@ -7,10 +8,12 @@
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>
+#include <json/reader.h>
 
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 
 namespace tarn::ctl {
@@ -19,6 +22,7 @@ namespace {
 using dataupdate::DiffInfo;
 using testing::HasSubstr;
 using testing::Return;
+using testing::Throw;
 
 TEST(PackageSizeTest, IsThatOfTheLastAnswer) {
 	EXPECT_EQ(SizeInHeaders("Spider mode enabled.\n  HTTP/1.1 301 Moved\n  Content-Length: 162\n  Location: x\n"
@@ -154,6 +158,21 @@ TEST_F(UpdatePlanTest, NamesWhatIsInTheWayOfAScheduledUpdate) {
 	EXPECT_EQ(Plan().obstacle, "there is no storage volume");
 	ON_CALL(*doubles_.database, GetScheduled).WillByDefault(Return(false));
 	EXPECT_EQ(Plan().obstacle, "the database is not scheduled");
+}
+
+TEST_F(UpdatePlanTest, NamesTheDatabasesThatItCannotTellOf) {
+	OfferChain();
+	ON_CALL(*doubles_.info, GetRemoteInfo("geo")).WillByDefault(Throw(dataupdate::UpdateError("Bad luck")));
+	Options options;
+	options.json = true;
+	EXPECT_EQ(kPlanCommand.run(doubles_.services, options), kFailed);
+	Json::Value array;
+	std::istringstream(doubles_.out.str()) >> array;
+	EXPECT_EQ(array[0]["id"], "geo");
+	EXPECT_EQ(array[0]["error"], "Bad luck.");
+	EXPECT_EQ(array[0]["exit_status"], kFailed);
+	EXPECT_EQ(array[1]["id"], "zip");
+	EXPECT_EQ(array[1]["to"], 5);
 }
 
 TEST_F(UpdatePlanTest, IsPrintedWithItsReasons) {
