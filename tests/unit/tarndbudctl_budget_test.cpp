@@ -23,7 +23,6 @@ namespace {
 
 using dataupdate::DatabaseStatus;
 using dataupdate::DiffInfo;
-using testing::_;
 using testing::HasSubstr;
 using testing::Return;
 
