@@ -83,18 +83,6 @@ std::string ReplaceAll(std::string text, const std::string& from, const std::str
 	return text;
 }
 
-/** The server's description changed to that of the version which a forced install asks for. */
-RemoteInfo Retarget(RemoteInfo remote, int version) {
-	const int current = remote.data_version;
-	if (version != 0) {
-		// 64 bits, because a caller may name a number that leads below the smallest version.
-		remote.data_version = static_cast<int>(version > 0 ? version : std::int64_t{current} + version);
-	}
-	remote.download_link =
-	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
-	return remote;
-}
-
 void SetRecord(const InfoGetter& getter, const std::string& id, InstalledRecord record) {
 	if (const auto* const taker = dynamic_cast<const RecordTaker*>(&getter)) {
 		taker->TakeRecord(id, std::move(record));
@@ -291,6 +279,17 @@ void Update::OperateAllProjects(std::function<void(const std::string&)> operatio
 			throw UpdateError(messages::kOnProject + id + messages::kOnProjectEnd + error.what());
 		}
 	}
+}
+
+RemoteInfo Retarget(RemoteInfo remote, int version) {
+	const int current = remote.data_version;
+	if (version != 0) {
+		// 64 bits, because a caller may name a number that leads below the smallest version.
+		remote.data_version = static_cast<int>(version > 0 ? version : std::int64_t{current} + version);
+	}
+	remote.download_link =
+	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
+	return remote;
 }
 
 void InitService() {

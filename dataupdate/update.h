@@ -128,6 +128,14 @@ private:
 	std::shared_ptr<ServiceConfig> service_config_;
 };
 
+/**
+ * The server's description changed to that of another version, as Update::ForceInstall() installs it: the link is the
+ * server's with every occurrence of its version number rewritten, wherever in the link it is.
+ *
+ * @param version  a positive number is that version, 0 the server's, a negative number N the version N before it
+ */
+[[nodiscard]] TARNDBUD_EXPORT RemoteInfo Retarget(RemoteInfo remote, int version);
+
 /** Settles the storage volume; to be called once when a host starts, before any update. */
 TARNDBUD_EXPORT void InitService();
 

@@ -150,17 +150,20 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
 
 UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
     const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
-    const std::string& rootDirectory, const KnownDigest& known) const {
+    const std::string& rootDirectory, const UpdateAdvice& advice) const {
 	UpdateResult result;
 	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
 	Prepared prepared;
 	try {
 		const auto diff =
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
-		diff->TakeDigestsFrom(known);
+		diff->TakeDigestsFrom(advice.known_digest);
 		prepared = Prepare(diff);
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
+		if (advice.before_full_package) {
+			advice.before_full_package();
+		}
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
 		prepared = Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;

@@ -76,6 +76,17 @@ struct UpdateResult {
 /** What a host knows of an installed file: its digest by its path below the install directory; none when unknown. */
 using KnownDigest = std::function<std::optional<std::string>(const std::string& name)>;
 
+/** What a host has a say in while an update runs; each may be empty. */
+struct UpdateAdvice {
+	/** Tells the digests of files that the status does not list. */
+	KnownDigest known_digest;
+	/**
+	 * Called before the full package is downloaded, be it in the place of diff packages that failed. What it throws
+	 * ends the update, with the installed files untouched.
+	 */
+	std::function<void()> before_full_package;
+};
+
 /** Runs an update of one database; whether one is needed is the caller's decision. */
 class TARNDBUD_EXPORT Updater {
 public:
@@ -116,12 +127,12 @@ public:
 	 * @param volume         current volume; temporary data goes below it
 	 * @param installPrefix  install directory
 	 * @param rootDirectory  path whose file system must keep 5 % free
-	 * @param known          tells the digests of files that the status does not list; may be empty
+	 * @param advice         what the host knows and allows
 	 * @return the new installed state, to be recorded by the caller, and what was replaced
 	 */
 	[[nodiscard]] UpdateResult UpdateAndTell(const std::string& id, const DatabaseStatus& status,
 	    const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs, const std::string& volume,
-	    const std::string& installPrefix, const std::string& rootDirectory, const KnownDigest& known = {}) const;
+	    const std::string& installPrefix, const std::string& rootDirectory, const UpdateAdvice& advice = {}) const;
 };
 
 /**

@@ -56,6 +56,8 @@ constexpr Meaning kMeanings[] = {
     {kUnsupported, "the database is not configured"},
     {kFixNeeded, "a fix is needed"},
     {kAboveOffered, "a later version is installed than the server offers"},
+    {kBeyondBudget, "more would have to be downloaded than is allowed"},
+    {kHeld, "the database is held at its version"},
     {kLocked, "a lock was not obtained, or files are half replaced; try again later"},
     {kNotExecutable, "the command cannot be executed"},
     {kNotFound, "there is no such command"},

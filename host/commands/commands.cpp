@@ -3,9 +3,9 @@
 namespace tarn::ctl {
 
 std::vector<Command> AllCommands() {
-	return {kInitCommand, kStatusCommand, kUpdateCommand, kCheckCommand, kFixCommand, kForceInstallCommand,
-	    kReadCommand, kRefreshCommand, kMetricsCommand, kScheduleCommand, kVolumeShowCommand, kVolumeMountedCommand,
-	    kVolumeUnmountingCommand};
+	return {kInitCommand, kStatusCommand, kPlanCommand, kUpdateCommand, kCheckCommand, kFixCommand,
+	    kForceInstallCommand, kHoldCommand, kUnholdCommand, kReadCommand, kRefreshCommand, kMetricsCommand,
+	    kScheduleCommand, kVolumeShowCommand, kVolumeMountedCommand, kVolumeUnmountingCommand};
 }
 
 } // namespace tarn::ctl

@@ -10,6 +10,8 @@
 #include "host/library/services.h"
 
 #include <array>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,9 @@ struct Options {
 	bool all = false;
 	bool no_wait = false;
 	bool even_unfinished = false;
+	bool even_held = false;
+	std::optional<std::uint64_t> max_bytes;
+	std::optional<int> up_to;
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;
@@ -47,7 +52,7 @@ struct Command {
 	const char* name;              ///< A word, or a group and a word: "volume show".
 	const char* help;              ///< One line.
 	const char* details;           ///< More, for the command's own help; null when there is no more to say.
-	std::array<ExitCode, 4> codes; ///< Those that not every command has; kDone fills the rest.
+	std::array<ExitCode, 6> codes; ///< Those that not every command has; kDone fills the rest.
 	bool needs_root;
 	bool shows_progress;
 	void (*declare)(CLI::App& app, Options& options); ///< Null when it has no options.
@@ -57,10 +62,13 @@ struct Command {
 
 extern const Command kInitCommand;
 extern const Command kStatusCommand;
+extern const Command kPlanCommand;
 extern const Command kUpdateCommand;
 extern const Command kCheckCommand;
 extern const Command kFixCommand;
 extern const Command kForceInstallCommand;
+extern const Command kHoldCommand;
+extern const Command kUnholdCommand;
 extern const Command kReadCommand;
 extern const Command kRefreshCommand;
 extern const Command kMetricsCommand;

@@ -50,7 +50,7 @@ const Command kFixCommand = {"fix", "Reinstall databases whose files are missing
     "Without ids, and with --all, fixes the scheduled databases in the order of the configuration, up to the first "
     "that\n"
     "fails. Leaves an intact database alone. Replaces a damaged database with the server's full package. Installs a\n"
-    "database that was never installed.",
-    {kUnsupported, kLocked}, true, true, Declare, Run};
+    "database that was never installed. A database that is held gets its own version again.",
+    {kUnsupported, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

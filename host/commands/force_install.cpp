@@ -30,14 +30,12 @@ int Target(const Services& services, const Options& options) {
 Outcome Install(const Services& services, const Options& options, int target) {
 	const int offered = services.info->GetRemoteInfo(options.id).data_version;
 	try {
-		return ForceDatabase(services, options.id, options.version, target);
+		return ForceDatabase(services, options.id, options.version, target, options.even_held);
 	} catch (const dataupdate::UpdateError& error) {
 		if (target == offered || CategoryOf(error.what()) != Category::kDownload) {
 			throw;
 		}
-		throw CommandError(kFailed, std::string(error.what()) + "; this is the server's link with each " +
-		                                std::to_string(offered) + " in it, host and port included, replaced by " +
-		                                std::to_string(target) + ": check that the server still has that version");
+		throw MadeLinkError(error.what(), offered, target);
 	}
 }
 
@@ -45,6 +43,7 @@ void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
 	app.add_option("VERSION", options.version, "A version; 0: the server's; -N: N versions before the server's")
 	    ->required();
+	app.add_flag("--even-held", options.even_held, "Install it though the database is held; the hold remains");
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);
 }
@@ -79,7 +78,7 @@ const Command kForceInstallCommand = {"force-install", "Install a chosen version
     "and\n"
     "the port. Unpacks the package over the installed files, keeps installed files that are not in the package, and "
     "runs no\n"
-    "hooks. The next update or fix brings the server's version back.",
-    {kUnsupported, kLocked}, true, true, Declare, Run, Tail::kNumber};
+    "hooks. The next update or fix brings the server's version back. Refuses a database that is held.",
+    {kUnsupported, kHeld, kLocked}, true, true, Declare, Run, Tail::kNumber};
 
 } // namespace tarn::ctl

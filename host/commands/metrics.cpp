@@ -8,6 +8,7 @@
 #include "host/library/checked_info_getter.h"
 #include "host/library/document_problem.h"
 #include "host/library/failure.h"
+#include "host/library/hold.h"
 #include "host/library/installed_package.h"
 #include "host/library/record_keeper.h"
 #include "host/library/services.h"
@@ -27,9 +28,6 @@
 namespace tarn::ctl {
 
 namespace {
-
-// Long enough for files to be put in place, short enough for a collector.
-constexpr unsigned long kFilesSeconds = 1;
 
 /** The server's document as it was fetched last. */
 struct Document {
@@ -64,17 +62,6 @@ std::optional<int> OfferedVersion(const std::optional<Document>& document, const
 		}
 		return dataupdate::RemoteInfo::FromJson(entry).data_version;
 	} catch (const std::exception&) {
-		return std::nullopt;
-	}
-}
-
-/** No value while files are being replaced: they come and go, and their sum would be of no version. */
-std::optional<std::uintmax_t> InstalledBytes(
-    const Services& services, const std::string& id, const std::string& directory) {
-	try {
-		const ReaderLock lock(id, kFilesSeconds);
-		return services.io->GetSize(directory);
-	} catch (const CommandError&) {
 		return std::nullopt;
 	}
 }
@@ -116,6 +103,9 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 	const Labels labels = {{"database", id}, {"operation", record->operation}};
 	metrics.Add("tarndbud_last_run_success", "Whether the last operation on the database succeeded.", labels,
 	    record->exit_status == kDone);
+	metrics.Add("tarndbud_last_run_beyond_budget",
+	    "Whether the last operation on the database did nothing because it would have downloaded too much.", labels,
+	    record->exit_status == kBeyondBudget);
 	metrics.Add("tarndbud_last_run_exit_status", "Exit status of the last operation on the database.", labels,
 	    record->exit_status);
 	metrics.Add(
@@ -124,6 +114,16 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 	    record->seconds);
 	metrics.Add("tarndbud_last_run_downloaded_bytes", "What the last operation on the database downloaded.", labels,
 	    record->downloaded_bytes);
+}
+
+void MeasureHold(Metrics& metrics, const std::string& id, const Labels& labels) {
+	const std::optional<Hold> hold = ReadHold(id);
+	metrics.Add(
+	    "tarndbud_held", "Whether the administrator holds the database at a version.", labels, hold.has_value());
+	if (hold && hold->up_to) {
+		metrics.Add(
+		    "tarndbud_held_up_to", "The highest version that a held database may be updated to.", labels, *hold->up_to);
+	}
 }
 
 ExitCode MeasureDatabase(
@@ -136,6 +136,7 @@ ExitCode MeasureDatabase(
 	MeasureLastRun(metrics, id);
 	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,
 	    services.config->GetDatabaseConfig(id)->GetScheduled());
+	MeasureHold(metrics, id, labels);
 	MeasureInstalled(services, metrics, offered, id, labels);
 	return kDone;
 }

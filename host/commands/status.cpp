@@ -2,6 +2,7 @@
 #include "dataupdate/installation.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/library/hold.h"
 #include "host/library/installed_package.h"
 #include "host/library/preparation.h"
 #include "host/terminal/text.h"
@@ -33,6 +34,14 @@ void AskServer(const Services& services, StatusRow& row) {
 	}
 }
 
+void ShowHold(StatusRow& row) {
+	if (const std::optional<Hold> hold = ReadHold(row.id)) {
+		row.held = true;
+		row.held_up_to = hold->up_to;
+		row.hold_problem = HoldProblem(row.id, *hold);
+	}
+}
+
 StatusRow Collect(const Services& services, const std::string& id) {
 	StatusRow row;
 	row.id = id;
@@ -51,6 +60,7 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	}
 	row.unfinished = dataupdate::IsReplacementMarked(id);
 	row.updating = services.checker->IsUpdating(id);
+	ShowHold(row);
 	AskServer(services, row);
 	return row;
 }
@@ -72,6 +82,11 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 			services.terminal.Complain(row.id + ": Installed " + std::to_string(*row.installed_version) +
 			                           " is above the offered " + std::to_string(*row.remote_version) +
 			                           ", so no update changes it; ask the publisher whether that is meant.");
+		}
+	}
+	for (const StatusRow& row : rows) {
+		if (!row.hold_problem.empty()) {
+			services.terminal.Complain(row.hold_problem + ".");
 		}
 	}
 	std::set<std::string> told;

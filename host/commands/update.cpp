@@ -1,13 +1,20 @@
+#include "dataupdate/installation.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/library/budget.h"
 #include "host/library/failure.h"
+#include "host/library/hold.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
 #include "host/library/record_keeper.h"
 
 #include <CLI/CLI.hpp>
 
+#include <syslog.h>
+
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace tarn::ctl {
 
@@ -54,9 +61,20 @@ Json::Value AboveToJson(int installed, int offered) {
 	return result;
 }
 
+Json::Value RefusalToJson(const Outcome& outcome) {
+	const bool is_held = outcome.refusal->Code() == kHeld;
+	Json::Value result = MakeResult(is_held ? "held" : "beyond budget", outcome.before);
+	result["offered_version"] = outcome.offered;
+	result["reason"] = outcome.refusal->what();
+	return result;
+}
+
 /** The library treats a later version than the server's as up to date, and only logs when it stopped without a volume.
  */
 ExitCode Judge(const Services& services, const std::string& id, const Outcome& outcome) {
+	if (outcome.refusal) {
+		return outcome.refusal->Code();
+	}
 	const int before = outcome.is_finished ? outcome.Version() : VersionBefore(outcome);
 	if ((outcome.installed && !outcome.is_finished) || outcome.offered == before) {
 		return kDone;
@@ -69,15 +87,45 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 	                                " is offered; the system log tells why");
 }
 
-ExitCode Update(const Services& services, Report& report, const std::string& id) {
-	services.config->CheckSupported(id);
-	Outcome outcome;
-	const ExitCode code = RunRecorded(services, id, "update", [&] {
-		RequireNoLostVolume(services);
-		RequireSafePlaces(services, id);
-		outcome = UpdateDatabase(services, id);
-		return Judge(services, id, outcome);
-	});
+constexpr char kMaxBytesHelp[] =
+    "Leave a database alone whose packages are larger together; k, M and G are decimal units";
+
+/** What a run is about. */
+struct Run {
+	Budget budget;
+	bool is_scheduled = false;
+};
+
+/** A hold that was asked for is no failure of a scheduled run; one that cannot be understood has to be noticed. */
+ExitCode TellHeld(const Services& services, Report& report, const std::string& id, const Run& run, const Hold& hold,
+    Json::Value result) {
+	const std::string version = result["version"] == -1 ? "nothing" : "version " + result["version"].asString();
+	const ExitCode code = run.is_scheduled && hold.problem.empty() ? kDone : kHeld;
+	syslog(LOG_NOTICE, "%s is %s, so %s stays installed.", id.c_str(), DescribeHold(hold).c_str(), version.c_str());
+	if (!hold.problem.empty()) {
+		syslog(LOG_ERR, "%s", HoldProblem(id, hold).c_str());
+		services.terminal.Complain(HoldProblem(id, hold) + ".");
+	}
+	result["held_up_to"] = hold.up_to ? Json::Value(*hold.up_to) : Json::Value();
+	result["exit_status"] = code;
+	const std::string advice = dataupdate::IsReplacementMarked(id)
+	                               ? "its last replacement was not finished: \"tarndbudctl fix " + id + "\" repairs it"
+	                               : "\"tarndbudctl unhold " + id + "\" ends the hold";
+	report.Tell(id, DescribeHold(hold) + ", " + version + " stays installed; " + advice, std::move(result));
+	return code;
+}
+
+ExitCode TellBeyondBudget(Report& report, const std::string& id, const Outcome& outcome) {
+	const std::string text =
+	    "version " + std::to_string(outcome.offered) + " was not installed: " + outcome.refusal->what();
+	syslog(LOG_WARNING, "%s: %s", id.c_str(), text.c_str());
+	Json::Value result = RefusalToJson(outcome);
+	result["exit_status"] = kBeyondBudget;
+	report.Tell(id, text, std::move(result));
+	return kBeyondBudget;
+}
+
+void TellEnd(Report& report, const std::string& id, const Outcome& outcome, ExitCode code) {
 	if (outcome.installed) {
 		report.Tell(id, DescribeChange(outcome), ChangeToJson(outcome));
 	} else if (code == kAboveOffered) {
@@ -87,19 +135,62 @@ ExitCode Update(const Services& services, Report& report, const std::string& id)
 		report.Tell(
 		    id, "up to date, version " + std::to_string(outcome.before), MakeResult("up to date", outcome.before));
 	}
-	return code;
+}
+
+ExitCode Update(const Services& services, Report& report, const std::string& id, const Run& run) {
+	services.config->CheckSupported(id);
+	if (const std::optional<Hold> hold = ReadHold(id); hold && !hold->up_to) {
+		return TellHeld(services, report, id, run, *hold, MakeResult("held", ReadInstalled(services, id).data_version));
+	}
+	Outcome outcome;
+	const ExitCode code = RunRecorded(services, id, "update", [&] {
+		RequireNoLostVolume(services);
+		RequireSafePlaces(services, id);
+		outcome = UpdateDatabase(services, id, run.budget);
+		const ExitCode judged = Judge(services, id, outcome);
+		return judged == kHeld ? kDone : judged; // Nothing was to be done.
+	});
+	if (!outcome.refusal) {
+		TellEnd(report, id, outcome, code);
+		return code;
+	}
+	if (code == kBeyondBudget) {
+		return TellBeyondBudget(report, id, outcome);
+	}
+	return TellHeld(services, report, id, run, ReadHold(id).value_or(Hold()), RefusalToJson(outcome));
+}
+
+/** The command line says more than the settings. */
+Run MakeRun(const Services& services, const Options& options) {
+	const bool is_scheduled = options.ids.empty();
+	if (options.max_bytes) {
+		return {BudgetOf(*options.max_bytes), is_scheduled};
+	}
+	return {is_scheduled && services.scheduled_budget ? services.scheduled_budget() : Budget(), is_scheduled};
+}
+
+void DeclareMaxBytes(CLI::App& app, Options& options) {
+	const auto take = [&options](const std::string& text) {
+		options.max_bytes = ParseBytes(text);
+		if (!options.max_bytes) {
+			throw CLI::ValidationError("--max-bytes", "a number is needed, such as 1500, 1500k, 20M or 3G");
+		}
+	};
+	app.add_option_function<std::string>("--max-bytes", take, kMaxBytesHelp);
 }
 
 void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "update", "Update the scheduled databases");
+	DeclareMaxBytes(app, options);
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);
 }
 
-ExitCode Run(const Services& services, const Options& options) {
+ExitCode RunCommand(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
-	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, report, id); });
+	const Run run = MakeRun(services, options);
+	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, report, id, run); });
 }
 
 } // namespace
@@ -110,7 +201,9 @@ const Command kUpdateCommand = {"update", "Bring databases to the server's versi
     "fails. Tries all databases that are named; the exit status is then that of the first failure. Fails when nothing "
     "could\n"
     "be updated because there is no storage volume. Leaves a later version than the server's alone, and updates the "
-    "others.",
-    {kUnsupported, kAboveOffered, kLocked}, true, true, Declare, Run};
+    "others.\n"
+    "Leaves alone what is held, and what would take more bytes than --max-bytes or, without names, the setting\n"
+    "\"scheduled_full_packages\" allow.",
+    {kUnsupported, kAboveOffered, kBeyondBudget, kHeld, kLocked}, true, true, Declare, RunCommand};
 
 } // namespace tarn::ctl

@@ -5,6 +5,7 @@
 #include "dataupdate/update_error.h"
 #include "host/library/document_problem.h"
 #include "host/library/failure.h"
+#include "host/library/package_size.h"
 #include "host/library/services.h"
 
 #include <json/value.h>
@@ -77,6 +78,11 @@ TLIBCDownloadLimits DownloadLimits::For(const std::string& url, const std::strin
 		limits.largest_bytes = kLargestDocument;
 		limits.largest_is = "a document may be";
 		limits.seconds = hurry_ ? kHurrySeconds : kDocumentSeconds;
+	} else if (file == kNoFile) {
+		limits.seconds = kHurrySeconds;
+	} else if (const auto allowed = allowed_.find(url); allowed != allowed_.end()) {
+		limits.largest_bytes = allowed->second;
+		limits.largest_is = "allowed";
 	} else if (const auto announced = announced_.find(url); announced != announced_.end()) {
 		limits.largest_bytes = announced->second;
 		limits.largest_is = "announced";

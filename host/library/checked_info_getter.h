@@ -28,12 +28,15 @@ class DownloadLimits {
 public:
 	/** Of several sizes of one link the largest counts; a size that is not above 0 announces nothing. */
 	void Announce(const std::string& link, std::int64_t bytes);
+	/** Allows a link's file no more bytes than these. */
+	void Restrict(const std::string& link, std::uint64_t bytes) { allowed_[link] = bytes; }
 	/** From now on a document has to come within 10 seconds. */
 	void Hurry() { hurry_ = true; }
 	TLIBCDownloadLimits For(const std::string& url, const std::string& file) const;
 
 private:
 	std::map<std::string, std::uint64_t> announced_;
+	std::map<std::string, std::uint64_t> allowed_;
 	bool hurry_ = false;
 };
 

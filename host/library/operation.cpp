@@ -2,7 +2,11 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/update_error.h"
+#include "host/library/hold.h"
 #include "host/library/preparation.h"
+#include "host/library/update_way.h"
 
 #include <syslog.h>
 
@@ -15,7 +19,6 @@ namespace tarn::ctl {
 using dataupdate::DatabaseStatus;
 using dataupdate::InstalledRecord;
 using dataupdate::RemoteInfo;
-using Diffs = std::map<int, dataupdate::DiffInfo>;
 
 namespace {
 
@@ -39,51 +42,12 @@ void LogMissingDiff(const std::string& id, const Outcome& outcome, const Diffs& 
 	}
 }
 
-/** The version of what a killed run had ready for this database where it is installed now. */
-std::optional<int> FindPrepared(const Services& services, const std::string& id) {
-	return services.find_prepared ? services.find_prepared(id, services.config->GetCurVolume(),
-	                                    services.config->GetDatabaseConfig(id)->GetInstallPrefix())
-	                              : std::nullopt;
-}
-
 /** What passes through the library's front, which holds it all the time; the files pass beside it. */
 DatabaseStatus WithoutFiles(int data_version, int last_fetch_time) {
 	DatabaseStatus status;
 	status.data_version = data_version;
 	status.last_fetch_time = last_fetch_time;
 	return status;
-}
-
-/** Finishes what a killed run had prepared. Without success the operation that follows does what it would have done. */
-Outcome Finish(const Services& services, const std::string& id, const Operation::CheckVolume& check_volume) {
-	try {
-		if (FindPrepared(services, id)) {
-			Operation operation(services, id, Change::kFinish, check_volume);
-			operation.Front().UpdateProject(id);
-			return operation.Result();
-		}
-	} catch (const std::exception& error) {
-		if (dataupdate::IsInterruptionRequested()) {
-			throw;
-		}
-		syslog(
-		    LOG_WARNING, "The replacement of '%s' that was killed could not be finished: %s", id.c_str(), error.what());
-	}
-	return {};
-}
-
-Outcome AfterFinishing(
-    const Services& services, const std::string& id, Change change, const Operation::CheckVolume& check_volume) {
-	const Outcome finished = Finish(services, id, check_volume);
-	Operation operation(services, id, change, check_volume);
-	change == Change::kFix ? operation.Front().FixProject(id) : operation.Front().UpdateProject(id);
-	Outcome outcome = operation.Result();
-	if (finished.installed && !outcome.installed) {
-		outcome.before = finished.before;
-		outcome.installed = finished.installed;
-		outcome.is_finished = true;
-	}
-	return outcome;
 }
 
 } // namespace
@@ -122,19 +86,10 @@ class Operation::OwnUpdater : public dataupdate::Updater {
 public:
 	explicit OwnUpdater(Operation& operation) : operation_(operation) {}
 
-	DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
+	DatabaseStatus Update(const std::string& /*id*/, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const Diffs& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory) const override {
-		const Services& services = operation_.services_;
-		RecordKeeper& record = operation_.record_;
-		if (operation_.change_ == Change::kFinish) {
-			operation_.update_ = services.finish(id, volume, installPrefix);
-			record.RecallUnfinished();
-		} else {
-			record.PrepareUpdate();
-			operation_.update_ = services.update(id, status, remote, diffs, volume, installPrefix, rootDirectory,
-			    [&record](const std::string& name) { return record.KnownDigest(name); });
-		}
+		operation_.Install(status, remote, diffs, volume, installPrefix, rootDirectory);
 		return WithoutFiles(operation_.update_.data_version, operation_.update_.last_fetch_time);
 	}
 
@@ -168,11 +123,63 @@ RemoteInfo Operation::AskServer() {
 	outcome_.offered = remote.data_version;
 	check_volume_(); // Last, because a download may have taken long as well.
 	if (change_ == Change::kUpdate) {
+		RequireNoHold();
 		record_.Mend(outcome_.before);
 	} else if (change_ == Change::kForced) {
 		record_.PrepareForced();
 	}
-	return remote;
+	return change_ == Change::kFix ? ForFix(std::move(remote)) : remote;
+}
+
+void Operation::RequireNoHold() const {
+	const std::optional<Hold> hold = ReadHold(id_);
+	if (!hold) {
+		return;
+	}
+	const bool is_newer = outcome_.was_unfinished || outcome_.offered > outcome_.before;
+	if (!hold->up_to || (is_newer && !hold->Allows(outcome_.offered))) {
+		throw Refusal(kHeld, DescribeHold(*hold));
+	}
+}
+
+RemoteInfo Operation::ForFix(RemoteInfo remote) {
+	const std::optional<Hold> hold = ReadHold(id_);
+	if (!hold || (remote.data_version >= outcome_.before && hold->Allows(remote.data_version))) {
+		return remote;
+	}
+	if (outcome_.before < 0) {
+		RequireNotHeld(id_, remote.data_version);
+	}
+	outcome_.held_at = outcome_.before;
+	const int difference = outcome_.before - remote.data_version;
+	return dataupdate::Retarget(std::move(remote), difference > 0 ? outcome_.before : difference);
+}
+
+void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, const Diffs& diffs,
+    const std::string& volume, const std::string& install_prefix, const std::string& root_directory) {
+	if (change_ == Change::kFinish) {
+		update_ = services_.finish(id_, volume, install_prefix);
+		record_.RecallUnfinished();
+		return;
+	}
+	const std::uint64_t before = dataupdate::DownloadedBytes();
+	const UpdateWay way = FindWay(Found(), diffs);
+	if (way.is_chain) {
+		RequireChainWithin(budget_, way);
+	}
+	record_.PrepareUpdate();
+	const dataupdate::UpdateAdvice advice = {[this](const std::string& name) { return record_.KnownDigest(name); },
+	    [&] { RequireFullPackage(remote.download_link, dataupdate::DownloadedBytes() - before); }};
+	update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory, advice);
+}
+
+void Operation::RequireFullPackage(const std::string& link, std::uint64_t spent) const {
+	RequireFullPackageWithin(budget_, spent,
+	    [&] { return services_.package_size ? services_.package_size(link) : std::optional<std::uint64_t>(); });
+	const std::optional<std::uint64_t> most = MostOfFullPackage(budget_, spent);
+	if (most && services_.restrict_download) {
+		services_.restrict_download(link, *most);
+	}
 }
 
 RemoteInfo Operation::AskPlan() const {
@@ -233,24 +240,6 @@ void Operation::KeepRecord(InstalledRecord record) {
 		record_.KeepForced(record);
 		return;
 	}
-}
-
-Outcome UpdateDatabase(const Services& services, const std::string& id) {
-	return AfterFinishing(services, id, Change::kUpdate, [&services, &id] {
-		RequireNoLostVolume(services);
-		RequireSafePlaces(services, id);
-	});
-}
-
-Outcome FixDatabase(const Services& services, const std::string& id) {
-	return AfterFinishing(services, id, Change::kFix, [&services, &id] { RequireVolumeFor(services, id); });
-}
-
-Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target) {
-	Operation operation(
-	    services, id, Change::kForced, [&] { RequireVolumeFor(services, id); }, target);
-	operation.Front().ForceInstall(id, version);
-	return operation.Result();
 }
 
 } // namespace tarn::ctl

@@ -3,11 +3,14 @@
 #define HOST_LIBRARY_OPERATION_H
 
 #include "dataupdate/update.h"
+#include "host/library/budget.h"
 #include "host/library/installed_package.h"
 #include "host/library/record_keeper.h"
 #include "host/library/services.h"
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,21 +21,26 @@ namespace tarn::ctl {
 struct Outcome {
 	int Version() const { return installed.value_or(before); }
 
-	int before = -1;              ///< The recorded version when the operation had its locks; -1 for none.
-	bool was_unfinished = false;  ///< Whether its files were half replaced, so that it is treated as not installed.
-	int offered = -1;             ///< The server's version; -1 when the server was not asked.
-	std::optional<int> installed; ///< The version that was installed and recorded; none when nothing was changed.
-	bool is_finished = false;     ///< Whether that was prepared by a run that was killed, and is all that was done.
+	int before = -1;                ///< The recorded version when the operation had its locks; -1 for none.
+	bool was_unfinished = false;    ///< Whether its files were half replaced, so that it is treated as not installed.
+	int offered = -1;               ///< The server's version; -1 when the server was not asked.
+	std::optional<int> installed;   ///< The version that was installed and recorded; none when nothing was changed.
+	bool is_finished = false;       ///< Whether that was prepared by a run that was killed, and is all that was done.
+	std::optional<int> held_at;     ///< "fix": the version that was to be installed instead of the server's.
+	std::optional<Refusal> refusal; ///< Why nothing newer was installed though it is offered; none for any other end.
 };
 
 /**
- * Installs the server's version if it is newer. Throws what the library throws.
+ * Installs the server's version if it is newer, not held back, and within the budget. Throws what the library throws.
  *
- * This and FixDatabase() first finish a replacement that was killed, from what it had prepared, where that is whole:
- * the database is then of one version again even if the server does not answer.
+ * This and FixDatabase() first finish a replacement that was killed, from what it had prepared, where that is whole and
+ * no hold is in the way: the database is then of one version again even if the server does not answer.
  */
-[[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id);
-/** Reinstalls the server's version if anything is missing, changed, unknown or half replaced. */
+[[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget = {});
+/**
+ * Reinstalls the server's version if anything is missing, changed, unknown or half replaced. A database that is held
+ * gets its own version again, by a link that is made from the server's.
+ */
 [[nodiscard]] Outcome FixDatabase(const Services& services, const std::string& id);
 /**
  * Installs a version over what is there.
@@ -40,8 +48,16 @@ struct Outcome {
  * @param version  as dataupdate::Update::ForceInstall() takes it
  * @param target   the version that this stands for; no package of another version gets in, because a forced package's
  *                 file name says nothing about the version
+ * @param even_held  whether a hold is no obstacle
  */
-[[nodiscard]] Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target);
+[[nodiscard]] Outcome ForceDatabase(
+    const Services& services, const std::string& id, int version, int target, bool even_held = false);
+
+/** The version of what a killed run had ready for this database where it is installed now, if no hold is in the way. */
+[[nodiscard]] std::optional<int> FindPrepared(const Services& services, const std::string& id);
+
+/** What to tell when a package cannot be downloaded whose link was made by Retarget(). */
+[[nodiscard]] CommandError MadeLinkError(const std::string& message, int offered, int target);
 
 enum class Change { kUpdate, kFix, kForced, kFinish };
 
@@ -61,6 +77,9 @@ public:
 	Operation(const Services& services, const std::string& id, Change change, CheckVolume check_volume,
 	    std::optional<int> expected = std::nullopt);
 
+	/** For an update; none limits nothing. */
+	void Limit(const Budget& budget) { budget_ = budget; }
+
 	/** What the library is called through, and what it calls; usable as long as this object lives. */
 	dataupdate::Update Front();
 	std::shared_ptr<dataupdate::InfoGetter> Info();
@@ -76,6 +95,15 @@ private:
 	dataupdate::RemoteInfo AskServer();
 	/** What takes the server's place for a replacement that is only to be finished. */
 	dataupdate::RemoteInfo AskPlan() const;
+	/** Throws Refusal when the offered version is held back. */
+	void RequireNoHold() const;
+	/** What a fix has to install: the server's version, or under a hold the installed one. */
+	dataupdate::RemoteInfo ForFix(dataupdate::RemoteInfo remote);
+	void Install(const dataupdate::DatabaseStatus& status, const dataupdate::RemoteInfo& remote,
+	    const std::map<int, dataupdate::DiffInfo>& diffs, const std::string& volume, const std::string& install_prefix,
+	    const std::string& root_directory);
+	void RequireFullPackage(const std::string& link, std::uint64_t spent) const;
+	Situation Found() const { return {outcome_.before, outcome_.was_unfinished, outcome_.offered}; }
 	dataupdate::DatabaseStatus ReadStatus();
 	void RecordStatus(dataupdate::InstalledRecord record);
 	void KeepRecord(dataupdate::InstalledRecord record);
@@ -84,6 +112,7 @@ private:
 	std::string id_;
 	Change change_;
 	CheckVolume check_volume_;
+	Budget budget_;
 	RecordKeeper record_;
 	OpenedPackages packages_;
 	dataupdate::UpdateResult update_;

@@ -4,6 +4,7 @@
 #include "base/volume_safety.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
+#include "host/library/budget.h"
 #include "host/library/failure.h"
 
 #include <tarnsdk/volume.h>
@@ -85,14 +86,18 @@ std::vector<std::string> Ids(const Services& services) {
 
 struct Kind {
 	const char* name;
-	bool (Json::Value::*is)() const;
+	bool (*is)(const Json::Value& value);
 };
 
 using Kinds = std::map<std::string, Kind>;
 
-constexpr Kind kString = {"a string in quotation marks", &Json::Value::isString};
-constexpr Kind kBoolean = {"true or false, without quotation marks", &Json::Value::isBool};
-constexpr Kind kNumber = {"a whole number from 0 to 4294967295", &Json::Value::isUInt};
+constexpr Kind kString = {"a string in quotation marks", [](const Json::Value& value) { return value.isString(); }};
+constexpr Kind kBoolean = {
+    "true or false, without quotation marks", [](const Json::Value& value) { return value.isBool(); }};
+constexpr Kind kNumber = {
+    "a whole number from 0 to 4294967295", [](const Json::Value& value) { return value.isUInt(); }};
+constexpr Kind kFullPackageRule = {R"("always", "diffs only" or a number of bytes such as "200M", in quotation marks)",
+    [](const Json::Value& value) { return value.isString() && IsFullPackageRule(value.asString()); }};
 
 [[noreturn]] void RefuseSettings(const std::string& path, const std::string& reason) {
 	throw CommandError(
@@ -113,7 +118,7 @@ std::optional<Json::Value> Decode(const dataupdate::IOUtils& io, const std::stri
 
 void RequireKind(const std::string& path, const std::string& section, const std::string& key, const Kind& kind,
     const Json::Value& value) {
-	if (!value.isNull() && !(value.*kind.is)()) {
+	if (!value.isNull() && !kind.is(value)) {
 		RefuseSettings(path, "'" + key + "' of '" + section + "' must be " + kind.name);
 	}
 }
@@ -168,7 +173,7 @@ void PrepareLockFiles(const Services& services) {
 void RequireUsableSettings(const dataupdate::IOUtils& io) {
 	RequireUsable(io, dataupdate::kServiceOverride,
 	    {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"digest_threads", kNumber},
-	        {"download_scheme", kString}});
+	        {"download_scheme", kString}, {"scheduled_full_packages", kFullPackageRule}});
 	RequireUsable(io, dataupdate::kDatabaseOverride,
 	    {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
 	        {"min_rsv_space_inbytes", kNumber}});

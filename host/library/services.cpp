@@ -6,6 +6,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/checked_info_getter.h"
+#include "host/library/package_size.h"
 
 #include <tarnsdk/volume.h>
 
@@ -25,6 +26,9 @@ namespace {
 
 constexpr mode_t kMode = 0644;
 constexpr mode_t kPermissions = 07777;
+
+// Long enough for files to be put in place, short enough for a collector.
+constexpr unsigned long kFilesSeconds = 1;
 
 constexpr useconds_t kPauseMicroseconds = 20000;
 constexpr int kMostPauses = 100;
@@ -132,7 +136,9 @@ Services MakeServices(Terminal& terminal) {
 	    [](const std::string& id, const dataupdate::InstalledRecord& record) {
 		    dataupdate::WriteLargeRecord(id, record);
 	    },
-	    dataupdate::FindPreparedReplacement, dataupdate::FinishReplacement};
+	    dataupdate::FindPreparedReplacement, dataupdate::FinishReplacement,
+	    [settings] { return ScheduledBudget([&] { return settings->Get("config", "scheduled_full_packages"); }); },
+	    AskPackageSize, [limits](const std::string& link, std::uint64_t bytes) { limits->Restrict(link, bytes); }};
 }
 
 dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {
@@ -153,6 +159,16 @@ void WriteInstalled(const Services& services, const std::string& id, const datau
 		}
 	}
 	services.info->SetDatabaseStatus(id, status);
+}
+
+std::optional<std::uintmax_t> InstalledBytes(
+    const Services& services, const std::string& id, const std::string& directory) {
+	try {
+		const ReaderLock lock(id, kFilesSeconds);
+		return services.io->GetSize(directory);
+	} catch (const CommandError&) {
+		return std::nullopt;
+	}
 }
 
 ExitCode ForEachDatabase(const Services& services, const std::vector<std::string>& ids,

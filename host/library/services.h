@@ -8,6 +8,7 @@
 #include "dataupdate/update.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
+#include "host/library/budget.h"
 #include "host/library/failure.h"
 #include "host/terminal/terminal.h"
 
@@ -69,7 +70,7 @@ struct Services {
 	std::function<dataupdate::UpdateResult(const std::string& id, const dataupdate::DatabaseStatus& status,
 	    const dataupdate::RemoteInfo& remote, const std::map<int, dataupdate::DiffInfo>& diffs,
 	    const std::string& volume, const std::string& install_prefix, const std::string& root_directory,
-	    const dataupdate::KnownDigest& known)>
+	    const dataupdate::UpdateAdvice& advice)>
 	    update;
 	std::shared_ptr<dataupdate::Checker> checker;
 	Terminal& terminal;
@@ -87,12 +88,22 @@ struct Services {
 	std::function<dataupdate::UpdateResult(
 	    const std::string& id, const std::string& volume, const std::string& install_prefix)>
 	    finish = nullptr;
+	/** What scheduled updates may download; in doubles nothing, and then anything. */
+	std::function<Budget()> scheduled_budget = nullptr;
+	/** Asks the server how large a package is; no value when it does not tell, and in doubles nothing. */
+	std::function<std::optional<std::uint64_t>(const std::string& link)> package_size = nullptr;
+	/** Has the download of a package end when it gets larger than so; in doubles nothing. */
+	std::function<void(const std::string& link, std::uint64_t bytes)> restrict_download = nullptr;
 };
 
 /** What InfoGetter::GetDatabaseStatus() says, in little memory. */
 [[nodiscard]] dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id);
 /** Does what InfoGetter::SetDatabaseStatus() does. */
 void WriteInstalled(const Services& services, const std::string& id, const dataupdate::InstalledRecord& record);
+
+/** No value while files are being replaced: they come and go, and their sum would be of no version. */
+[[nodiscard]] std::optional<std::uintmax_t> InstalledBytes(
+    const Services& services, const std::string& id, const std::string& directory);
 
 /** The real ones. */
 Services MakeServices(Terminal& terminal);

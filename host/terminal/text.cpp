@@ -87,7 +87,7 @@ std::optional<bool> IsUpToDate(const StatusRow& row) {
 	return CompareVersions(row, std::equal_to<>());
 }
 
-std::string FormatState(const StatusRow& row) {
+std::string FormatVersionState(const StatusRow& row) {
 	if (row.updating) {
 		return "updating";
 	}
@@ -105,6 +105,10 @@ std::string FormatState(const StatusRow& row) {
 		return "above offered";
 	}
 	return *current ? "up to date" : "outdated";
+}
+
+std::string FormatState(const StatusRow& row) {
+	return FormatVersionState(row) + (row.held ? ", held" : "");
 }
 
 std::optional<std::int64_t> Age(const StatusRow& row, std::time_t now) {
@@ -216,6 +220,11 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 		object["scheduled"] = row.scheduled;
 		object["updating"] = row.updating;
 		object["unfinished"] = row.unfinished;
+		object["held"] = row.held;
+		object["held_up_to"] = ToJson(row.held_up_to);
+		if (!row.hold_problem.empty()) {
+			object["hold_problem"] = row.hold_problem;
+		}
 		object["install_dir"] = ToJson(row.install_dir);
 		object["volume"] = ToJson(row.volume);
 		if (!row.volume_problem.empty()) {

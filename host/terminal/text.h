@@ -59,6 +59,9 @@ struct StatusRow {
 	bool scheduled = false;
 	bool updating = false;
 	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed anew.
+	bool held = false;       ///< The administrator keeps it at its version, or below held_up_to.
+	std::optional<int> held_up_to;
+	std::string hold_problem; ///< Why the hold cannot be understood.
 	std::optional<std::string> install_dir;
 	std::optional<std::string> volume;
 	std::string volume_problem; ///< Why the volume is not safe to write to; nothing is updated meanwhile.

@@ -52,12 +52,14 @@ _tarndbudctl() {
 	local command
 	command=$(_tarndbud_word 1)
 	case $command in
-	'') _tarndbud_offer "init status update check fix force-install read refresh metrics schedule volume --verbose --version --help" ;;
+	'') _tarndbud_offer "init status plan update check fix force-install hold unhold read refresh metrics schedule volume --verbose --version --help" ;;
 	init | refresh) _tarndbud_offer '--json --verbose --help' ;;
-	status) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
-	update | fix) _tarndbud_offer "--all --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	status | plan) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
+	update) _tarndbud_offer "--all --max-bytes --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	fix) _tarndbud_offer "--all --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
 	check) _tarndbud_offer "--all --timeout --json --verbose --help $(_tarndbud_ids)" ;;
-	force-install) _tarndbud_offer "--no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	hold | unhold) _tarndbud_offer "--timeout --json --verbose --help $(_tarndbud_ids)" ;;
+	force-install) _tarndbud_offer "--even-held --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
 	read) _tarndbudctl_command ;;
 	metrics)
 		if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --output ]]; then

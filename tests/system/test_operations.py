@@ -113,6 +113,23 @@ def test_the_units_that_the_document_names_are_installed(product: None) -> None:
     assert {unit for unit in named if not (UNITS / unit).exists()} == set()
 
 
+def test_a_plan_tells_the_size_of_a_package_and_what_stays(
+    configured: Administrator, publisher: Publisher, tree: Path
+) -> None:
+    (tree / "new").write_bytes(b"new")
+    publisher.publish(tree, DATABASE)
+    configured.device.forget_document()
+    (planned,) = json.loads(configured.device.run_ok("plan", "--json").stdout)
+    assert planned["bytes"] == publisher.package(DATABASE, 1001).stat().st_size
+    listed = DOCUMENT.section("Bounding and holding updates").split("With `--json`: ")[1].split("(the\n")[0]
+    assert set(re.findall(r"`([a-z_]+)`", listed)) == planned.keys() - {"id"} | {"not_when_scheduled"}
+    told = configured.follow("Bounding and holding updates").stdout.splitlines()
+    assert f"{DATABASE}: the server has no diff package from version 1000 to 1001" in told
+    assert told[-3:] == [
+        f"{DATABASE}: updated from version 1000 to version 1001", f"{DATABASE}: held", f"{DATABASE}: not held any more"
+    ]  # fmt: skip
+
+
 def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrator, tmp_path: Path) -> None:
     shown = configured.follow("Monitoring").stdout
     metrics = (tmp_path / "tarndbud.prom").read_text()
@@ -120,7 +137,7 @@ def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrato
         assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
     entry = json.loads(shown[: shown.index("\n]") + 2])[0]
     listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- `metrics`")[0]
-    on_trouble = {"remote_error", "volume_problem"}
+    on_trouble = {"hold_problem", "remote_error", "volume_problem"}
     assert set(re.findall(r"`([a-z_]+)`", listed)) - on_trouble == entry.keys() - {"id"}
 
 

@@ -40,12 +40,18 @@ struct Doubles {
 	std::ostringstream err;
 	ctl::Terminal terminal{out, err, false};
 	bool is_available = true;
+	/** Whether the updater's double has to take the full package. */
+	bool falls_back = false;
 	/** What the updater's double changes. */
 	std::set<std::string> changed;
 	ctl::Services services{io, config, info,
 	    [this](const auto& id, const auto& status, const auto& remote, const auto& diffs, const auto& volume,
-	        const auto& prefix, const auto& root,
-	        const auto& /*known*/) { return Result(updater->Update(id, status, remote, diffs, volume, prefix, root)); },
+	        const auto& prefix, const auto& root, const dataupdate::UpdateAdvice& advice) {
+		    if (falls_back && advice.before_full_package) {
+			    advice.before_full_package();
+		    }
+		    return Result(updater->Update(id, status, remote, diffs, volume, prefix, root));
+	    },
 	    checker, terminal, [this](const std::string&) { return is_available; }};
 
 	Doubles() {

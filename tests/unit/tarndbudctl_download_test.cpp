@@ -43,6 +43,15 @@ TEST(DownloadLimitsTest, LetAPackageHaveWhatIsAnnouncedAndAMargin) {
 	}
 }
 
+TEST(DownloadLimitsTest, HoldAFullPackageToItsAllowance) {
+	DownloadLimits limits;
+	limits.Restrict("http://x/", 1000);
+	EXPECT_EQ(limits.For("http://x/", kPackage).largest_bytes, 1000U);
+	EXPECT_STREQ(limits.For("http://x/", kPackage).largest_is, "allowed");
+	EXPECT_EQ(limits.For("http://y/", kPackage).largest_bytes, 0U);
+	EXPECT_EQ(limits.For("http://x/", "/dev/null").seconds, 10U) << "where only the size is asked for";
+}
+
 class TestedGetter : public CheckedInfoGetter {
 public:
 	explicit TestedGetter(const std::shared_ptr<DownloadLimits>& limits)

@@ -39,8 +39,8 @@ TEST_F(SettingsTest, MayBeMissing) {
 }
 
 TEST_F(SettingsTest, AreUsableWithEveryKeyOfTheRightType) {
-	WriteFile(
-	    kService, R"({"config":{"cur_volume":"","db_netloc":"h:1","db_ver":"1","download_scheme":"http","more":7}})");
+	WriteFile(kService,
+	    R"({"config":{"cur_volume":"","db_netloc":"h:1","db_ver":"1","download_scheme":"http","scheduled_full_packages":"20M","more":7}})");
 	WriteFile(kDatabases, R"({"geo":{"format_version":"1","install_dest":"%VOLUME%","auto_update":false,
 		"min_rsv_space_inbytes":4294967295},"zip":{}})");
 	EXPECT_EQ(Complaint(), "");
@@ -73,6 +73,9 @@ INSTANTIATE_TEST_SUITE_P(Values, WrongSettingsTest,
         Case{kService, R"({"config":"x"})", "'config' must be an object"},
         Case{kService, R"({"config":{"digest_threads":"2"}})",
             "'digest_threads' of 'config' must be a whole number from 0 to 4294967295"},
+        Case{kService, R"({"config":{"scheduled_full_packages":"sometimes"}})",
+            "'scheduled_full_packages' of 'config' must be \"always\", \"diffs only\" or a number of bytes such as "
+            "\"200M\", in quotation marks"},
         Case{kService, R"({"config":{"db_ver":1}})", "'db_ver' of 'config' must be a string in quotation marks"},
         Case{kDatabases, R"({"geo":{"auto_update":"false"}})",
             "'auto_update' of 'geo' must be true or false, without quotation marks"},

@@ -49,7 +49,7 @@ TEST_F(StatusTest, GivesEveryMemberOfADatabase) {
 	ASSERT_EQ(array.size(), 1U);
 	EXPECT_EQ(array[0], Parse(R"({"id":"geo","installed_version":4,"remote_version":5,"up_to_date":false,
 		"above_offered":false,"published":null,"age_seconds":null,
-		"scheduled":true,"updating":true,"unfinished":false,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
+		"scheduled":true,"updating":true,"unfinished":false,"held":false,"held_up_to":null,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
 }
 
 TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {

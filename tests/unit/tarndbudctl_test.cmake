@@ -1,14 +1,17 @@
 # The administrator's program: its parts, and its commands over doubles of the library.
 tarn_unit_test(tarndbudctl_test
 	tarndbudctl_arguments_test.cpp
+	tarndbudctl_budget_test.cpp
 	tarndbudctl_check_test.cpp
 	tarndbudctl_document_test.cpp
 	tarndbudctl_download_test.cpp
 	tarndbudctl_failure_test.cpp
 	tarndbudctl_files_test.cpp
+	tarndbudctl_hold_test.cpp
 	tarndbudctl_messages_test.cpp
 	tarndbudctl_metrics_test.cpp
 	tarndbudctl_package_test.cpp
+	tarndbudctl_plan_test.cpp
 	tarndbudctl_progress_test.cpp
 	tarndbudctl_program_test.cpp
 	tarndbudctl_read_test.cpp

@@ -147,12 +147,12 @@ protected:
 		}
 		return names;
 	}
-	UpdateResult UpdateAndTell() const {
+	UpdateResult UpdateAndTell(const UpdateAdvice& advice = {}) const {
 		DatabaseStatus installed;
 		installed.data_version = 3;
 		return Updater().UpdateAndTell("geo", installed, RemoteInfo(5, 1700000000, true, "http://h/full"),
 		    {{4, DiffInfo("http://h/4", 1)}, {5, DiffInfo("http://h/5", 1)}}, directory_ / "volume",
-		    directory_ / "volume/db/geo", directory_ / "");
+		    directory_ / "volume/db/geo", directory_ / "", advice);
 	}
 	std::vector<Line> Log() const { return LinesOf(log_, "updater.cpp"); }
 	static std::vector<Line> FallbackAfter(const std::string& error) {
@@ -197,6 +197,23 @@ TEST_F(ChainUpdaterTest, TellsThatTheFullPackageReplacedEverything) {
 	const UpdateResult result = UpdateAndTell();
 	EXPECT_TRUE(result.is_full);
 	EXPECT_THAT(Names(result.files), ElementsAre(Installed("a"), Installed("sub/new")));
+}
+
+TEST_F(ChainUpdaterTest, DownloadsNoFullPackageThatTheHostDoesNotWant) {
+	packages_.by_link["http://h/5"]["patch_infos.json"] = "{";
+	int asked = 0;
+	const UpdateAdvice advice = {{}, [&] {
+		                             ++asked;
+		                             throw std::logic_error("too large");
+	                             }};
+	EXPECT_THROW(UpdateAndTell(advice), std::logic_error);
+	EXPECT_EQ(asked, 1);
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget -N http://h/full "), 0U);
+	EXPECT_EQ(test::ReadFile(Installed("a")), "a");
+	EXPECT_FALSE(fs::exists(directory_ / "volume/@tmp/data_update"));
+	packages_.by_link["http://h/5"]["patch_infos.json"] = "{}";
+	EXPECT_FALSE(UpdateAndTell(advice).is_full);
+	EXPECT_EQ(asked, 1) << "a chain that can be used needs no leave";
 }
 
 TEST_F(ChainUpdaterTest, FallsBackToTheFullPackageWithOneWarning) {

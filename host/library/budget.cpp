@@ -1,0 +1,134 @@
+#include "host/library/budget.h"
+
+#include "base/text.h"
+#include "dataupdate/messages.h"
+#include "dataupdate/update_error.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace tarn::ctl {
+
+namespace {
+
+constexpr char kAlways[] = "always";
+constexpr char kDiffsOnly[] = "diffs only";
+constexpr char kSetting[] = "the setting \"scheduled_full_packages\"";
+
+/** What a last character multiplies by; 1 for a digit, 0 for what is no unit. */
+std::uint64_t UnitOf(char last) {
+	constexpr std::uint64_t kThousand = 1000;
+	switch (last) {
+	case 'k':
+	case 'K':
+		return kThousand;
+	case 'M':
+		return kThousand * kThousand;
+	case 'G':
+		return kThousand * kThousand * kThousand;
+	default:
+		return last >= '0' && last <= '9' ? 1 : 0;
+	}
+}
+
+/** No value for what is no number, or too large for a unit to multiply it. */
+std::optional<std::uint64_t> ParseDigits(const std::string& digits, std::uint64_t most) {
+	constexpr std::uint64_t kTen = 10;
+	std::uint64_t number = 0;
+	for (const char character : digits) {
+		const auto digit = static_cast<std::uint64_t>(character - '0');
+		if (character < '0' || character > '9' || number > (most - digit) / kTen) {
+			return std::nullopt;
+		}
+		number = number * kTen + digit;
+	}
+	return digits.empty() ? std::nullopt : std::optional(number);
+}
+
+[[noreturn]] void Refuse(const std::string& reason) {
+	throw Refusal(kBeyondBudget, reason);
+}
+
+std::string Allowance(const Budget& budget, std::uint64_t bytes) {
+	return budget.source + " allows " + HumanSize(bytes);
+}
+
+} // namespace
+
+std::optional<std::uint64_t> ParseBytes(const std::string& text) {
+	const std::uint64_t unit = text.empty() ? 0 : UnitOf(text.back());
+	if (unit == 0) {
+		return std::nullopt;
+	}
+	const std::string digits = unit == 1 ? text : text.substr(0, text.size() - 1);
+	const std::optional<std::uint64_t> number = ParseDigits(digits, std::numeric_limits<std::uint64_t>::max() / unit);
+	return number ? std::optional(*number * unit) : std::nullopt;
+}
+
+Budget BudgetOf(std::uint64_t most_bytes) {
+	return {most_bytes, std::nullopt, "--max-bytes"};
+}
+
+bool IsFullPackageRule(const std::string& text) {
+	return text == kAlways || text == kDiffsOnly || ParseBytes(text);
+}
+
+Budget ScheduledBudget(const std::function<std::string()>& read_setting) {
+	std::string rule = kAlways;
+	try {
+		rule = read_setting();
+	} catch (const dataupdate::UpdateError& error) {
+		if (!StartsWith(error.what(), dataupdate::messages::kMissingSetting)) {
+			throw;
+		} // Defaults from before the setting lack it.
+	}
+	if (!IsFullPackageRule(rule)) {
+		throw CommandError(kFailed, std::string(kSetting) + " has no meaning; nothing was updated");
+	}
+	if (rule == kAlways) {
+		return {};
+	}
+	return {std::nullopt, rule == kDiffsOnly ? 0 : ParseBytes(rule), kSetting};
+}
+
+std::optional<std::uint64_t> MostOfFullPackage(const Budget& budget, std::uint64_t spent) {
+	std::optional<std::uint64_t> most = budget.most_full_bytes;
+	if (budget.most_bytes) {
+		const std::uint64_t left = *budget.most_bytes - std::min(spent, *budget.most_bytes);
+		most = std::min(left, most.value_or(left));
+	}
+	return most;
+}
+
+void RequireChainWithin(const Budget& budget, const UpdateWay& way) {
+	if (!budget.most_bytes) {
+		return;
+	}
+	if (!way.bytes) {
+		Refuse("the server does not tell the size of its diff packages, and " + Allowance(budget, *budget.most_bytes));
+	}
+	if (*way.bytes > *budget.most_bytes) {
+		Refuse("its diff packages have " + HumanSize(*way.bytes) + ", and " + Allowance(budget, *budget.most_bytes));
+	}
+}
+
+void RequireFullPackageWithin(
+    const Budget& budget, std::uint64_t spent, const std::function<std::optional<std::uint64_t>()>& ask) {
+	const std::optional<std::uint64_t> most = MostOfFullPackage(budget, spent);
+	if (!most) {
+		return;
+	}
+	if (*most == 0) {
+		Refuse("it needs the full package, and " + budget.source + " allows none" +
+		       (spent > 0 ? " after " + HumanSize(spent) + " of diff packages" : ""));
+	}
+	const std::optional<std::uint64_t> size = ask();
+	if (!size) {
+		Refuse("it needs the full package, whose size the server does not tell, and " + Allowance(budget, *most));
+	}
+	if (*size > *most) {
+		Refuse("it needs the full package, which has " + HumanSize(*size) + ", and " + Allowance(budget, *most));
+	}
+}
+
+} // namespace tarn::ctl

@@ -1,0 +1,118 @@
+#include "dataupdate/interruption.h"
+#include "dataupdate/update_error.h"
+#include "host/library/hold.h"
+#include "host/library/operation.h"
+#include "host/library/preparation.h"
+
+#include <syslog.h>
+
+#include <exception>
+
+namespace tarn::ctl {
+
+using dataupdate::UpdateError;
+
+namespace {
+
+/** Finishes what a killed run had prepared. Without success the operation that follows does what it would have done. */
+Outcome Finish(const Services& services, const std::string& id, const Operation::CheckVolume& check_volume) {
+	try {
+		if (FindPrepared(services, id)) {
+			Operation operation(services, id, Change::kFinish, check_volume);
+			operation.Front().UpdateProject(id);
+			return operation.Result();
+		}
+	} catch (const std::exception& error) {
+		if (dataupdate::IsInterruptionRequested()) {
+			throw;
+		}
+		syslog(
+		    LOG_WARNING, "The replacement of '%s' that was killed could not be finished: %s", id.c_str(), error.what());
+	}
+	return {};
+}
+
+/** What the operation that followed did, or that only something was finished. */
+Outcome Joined(const Outcome& finished, Outcome outcome) {
+	if (finished.installed && !outcome.installed && !outcome.refusal) {
+		outcome.before = finished.before;
+		outcome.installed = finished.installed;
+		outcome.is_finished = true;
+	}
+	return outcome;
+}
+
+Outcome Update(Operation& operation, const std::string& id) {
+	std::optional<Refusal> refusal;
+	try {
+		operation.Front().UpdateProject(id);
+	} catch (const Refusal& thrown) {
+		refusal = thrown;
+	}
+	Outcome outcome = operation.Result();
+	outcome.refusal = refusal;
+	return outcome;
+}
+
+Outcome Fix(Operation& operation, const std::string& id) {
+	try {
+		operation.Front().FixProject(id);
+	} catch (const UpdateError& error) {
+		const Outcome& found = operation.Result();
+		if (found.held_at.value_or(found.offered) == found.offered || CategoryOf(error.what()) != Category::kDownload) {
+			throw;
+		}
+		throw MadeLinkError(error.what(), found.offered, *found.held_at);
+	}
+	return operation.Result();
+}
+
+} // namespace
+
+std::optional<int> FindPrepared(const Services& services, const std::string& id) {
+	if (!services.find_prepared) {
+		return std::nullopt;
+	}
+	const std::optional<int> version = services.find_prepared(
+	    id, services.config->GetCurVolume(), services.config->GetDatabaseConfig(id)->GetInstallPrefix());
+	const std::optional<Hold> hold = ReadHold(id);
+	return version && hold && !hold->Allows(*version) ? std::nullopt : version;
+}
+
+CommandError MadeLinkError(const std::string& message, int offered, int target) {
+	return {kFailed, message + "; this is the server's link with each " + std::to_string(offered) +
+	                     " in it, host and port included, replaced by " + std::to_string(target) +
+	                     ": check that the server still has that version"};
+}
+
+Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget) {
+	const auto check = [&services, &id] {
+		RequireNoLostVolume(services);
+		RequireSafePlaces(services, id);
+	};
+	const Outcome finished = Finish(services, id, check);
+	Operation operation(services, id, Change::kUpdate, check);
+	operation.Limit(budget);
+	return Joined(finished, Update(operation, id));
+}
+
+Outcome FixDatabase(const Services& services, const std::string& id) {
+	const auto check = [&services, &id] { RequireVolumeFor(services, id); };
+	const Outcome finished = Finish(services, id, check);
+	Operation operation(services, id, Change::kFix, check);
+	return Joined(finished, Fix(operation, id));
+}
+
+Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target, bool even_held) {
+	const auto check = [&] {
+		RequireVolumeFor(services, id);
+		if (!even_held) {
+			RequireNotHeld(id, target);
+		}
+	};
+	Operation operation(services, id, Change::kForced, check, target);
+	operation.Front().ForceInstall(id, version);
+	return operation.Result();
+}
+
+} // namespace tarn::ctl
