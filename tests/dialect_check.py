@@ -15,7 +15,7 @@ import sys
 from collections.abc import Iterator
 from pathlib import Path
 
-FOLDERS = ("archive", "base", "bench", "dataupdate", "decoder", "host", "platform", "publisher", "tests")
+FOLDERS = ("archive", "base", "bench", "dataupdate", "decoder", "host", "kit", "platform", "publisher", "tests")
 PROJECT = "archive|base|dataupdate|decoder|host|platform|publisher"
 
 FILE_COMMENT = re.compile(r"/\*\* @file \S[^\n]* \*/\n|/\*\*\n \* @file\n \* \S.*?\n \*/\n", re.DOTALL)

@@ -19,7 +19,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 TABLES = "docs/messages.md"
-FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "platform", "publisher")
+FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform", "publisher")
 
 # What is given to these calls, or initialises these constants, is no complaint.
 QUIET_CALLS = {

@@ -4,7 +4,7 @@ namespace tarn::ctl {
 
 std::vector<Command> AllCommands() {
 	return {kInitCommand, kStatusCommand, kUpdateCommand, kCheckCommand, kFixCommand, kForceInstallCommand,
-	    kReadCommand, kRefreshCommand, kMetricsCommand, kScheduleCommand, kVolumeShowCommand, kVolumeMountedCommand,
+	    kImportCommand, 	    kReadCommand, kRefreshCommand, kMetricsCommand, kScheduleCommand, kVolumeShowCommand, kVolumeMountedCommand,
 	    kVolumeUnmountingCommand};
 }
 

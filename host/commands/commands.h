@@ -26,6 +26,7 @@ struct Options {
 	bool all = false;
 	bool no_wait = false;
 	bool even_unfinished = false;
+	bool force = false;
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;
@@ -61,6 +62,7 @@ extern const Command kUpdateCommand;
 extern const Command kCheckCommand;
 extern const Command kFixCommand;
 extern const Command kForceInstallCommand;
+extern const Command kImportCommand;
 extern const Command kReadCommand;
 extern const Command kRefreshCommand;
 extern const Command kMetricsCommand;

@@ -1,7 +1,7 @@
+#include "host/commands/update.h"
+
 #include "host/commands/commands.h"
-#include "host/commands/report.h"
 #include "host/library/failure.h"
-#include "host/library/operation.h"
 #include "host/library/preparation.h"
 #include "host/library/record_keeper.h"
 
@@ -23,6 +23,9 @@ std::string DescribeChange(const Outcome& outcome) {
 	if (outcome.is_finished) {
 		return "finished the update to " + version + " that was killed";
 	}
+	if (outcome.goes_back) {
+		return "went back from version " + std::to_string(outcome.before) + " to " + version;
+	}
 	if (VersionBefore(outcome) != -1) {
 		return "updated from version " + std::to_string(outcome.before) + " to " + version;
 	}
@@ -33,10 +36,10 @@ Json::Value ChangeToJson(const Outcome& outcome) {
 	if (outcome.is_finished) {
 		return MakeResult("finished", outcome.Version());
 	}
-	if (VersionBefore(outcome) == -1) {
+	if (VersionBefore(outcome) == -1 && !outcome.goes_back) {
 		return MakeResult(outcome.was_unfinished ? "reinstalled" : "installed", outcome.Version());
 	}
-	Json::Value result = MakeResult("updated", outcome.Version());
+	Json::Value result = MakeResult(outcome.goes_back ? "went back" : "updated", outcome.Version());
 	result["previous_version"] = outcome.before;
 	return result;
 }
@@ -69,27 +72,6 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 	                                " is offered; the system log tells why");
 }
 
-ExitCode Update(const Services& services, Report& report, const std::string& id) {
-	services.config->CheckSupported(id);
-	Outcome outcome;
-	const ExitCode code = RunRecorded(services, id, "update", [&] {
-		RequireNoLostVolume(services);
-		RequireSafePlaces(services, id);
-		outcome = UpdateDatabase(services, id);
-		return Judge(services, id, outcome);
-	});
-	if (outcome.installed) {
-		report.Tell(id, DescribeChange(outcome), ChangeToJson(outcome));
-	} else if (code == kAboveOffered) {
-		report.Tell(
-		    id, DescribeAbove(id, outcome.before, outcome.offered), AboveToJson(outcome.before, outcome.offered));
-	} else {
-		report.Tell(
-		    id, "up to date, version " + std::to_string(outcome.before), MakeResult("up to date", outcome.before));
-	}
-	return code;
-}
-
 void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "update", "Update the scheduled databases");
 	DeclareNoWait(app, options);
@@ -99,10 +81,33 @@ void Declare(CLI::App& app, Options& options) {
 ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
-	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, report, id); });
+	const Offerer server = {"update", UpdateDatabase, DescribeAbove};
+	return report.RunNamedOrScheduled(
+	    [&](const std::string& id) { return InstallOffered(services, report, id, server); });
 }
 
 } // namespace
+
+ExitCode InstallOffered(const Services& services, Report& report, const std::string& id, const Offerer& offerer) {
+	services.config->CheckSupported(id);
+	Outcome outcome;
+	const ExitCode code = RunRecorded(services, id, offerer.operation, [&] {
+		RequireNoLostVolume(services);
+		RequireSafePlaces(services, id);
+		outcome = offerer.install(services, id);
+		return Judge(services, id, outcome);
+	});
+	if (outcome.installed) {
+		report.Tell(id, DescribeChange(outcome), ChangeToJson(outcome));
+	} else if (code == kAboveOffered) {
+		report.Tell(id, offerer.describe_above(id, outcome.before, outcome.offered),
+		    AboveToJson(outcome.before, outcome.offered));
+	} else {
+		report.Tell(
+		    id, "up to date, version " + std::to_string(outcome.before), MakeResult("up to date", outcome.before));
+	}
+	return code;
+}
 
 const Command kUpdateCommand = {"update", "Bring databases to the server's version",
     "Without ids, and with --all, updates the scheduled databases in the order of the configuration, up to the first "

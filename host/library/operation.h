@@ -21,6 +21,7 @@ struct Outcome {
 	int before = -1;              ///< The recorded version when the operation had its locks; -1 for none.
 	bool was_unfinished = false;  ///< Whether its files were half replaced, so that it is treated as not installed.
 	int offered = -1;             ///< The server's version; -1 when the server was not asked.
+	bool goes_back = false;       ///< Whether an older version than the recorded one is to be installed.
 	std::optional<int> installed; ///< The version that was installed and recorded; none when nothing was changed.
 	bool is_finished = false;     ///< Whether that was prepared by a run that was killed, and is all that was done.
 };
@@ -32,6 +33,14 @@ struct Outcome {
  * the database is then of one version again even if the server does not answer.
  */
 [[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id);
+/**
+ * The same with what a kit offers in the server's place.
+ *
+ * @param goes_back  whether an older version than the recorded one is installed as well, then by its full package
+ *
+ * Throws CommandError as well: an unfinished replacement is never finished by an older version unless it goes back.
+ */
+[[nodiscard]] Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back);
 /** Reinstalls the server's version if anything is missing, changed, unknown or half replaced. */
 [[nodiscard]] Outcome FixDatabase(const Services& services, const std::string& id);
 /**
@@ -44,6 +53,9 @@ struct Outcome {
 [[nodiscard]] Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target);
 
 enum class Change { kUpdate, kFix, kForced, kFinish };
+
+/** What becomes of a version that is older than the recorded one. */
+enum class Older { kAsTheLibraryDoes, kRefused, kInstalled };
 
 /**
  * Everything that is known of one operation while it lasts. The library asks for the installed state or for the
@@ -66,6 +78,9 @@ public:
 	std::shared_ptr<dataupdate::InfoGetter> Info();
 	std::shared_ptr<dataupdate::Updater> Updater();
 
+	/** Before the library is called. */
+	void Treat(Older older) { older_ = older; }
+
 	OpenedPackages& Packages() { return packages_; }
 	const Outcome& Result() const { return outcome_; }
 
@@ -77,6 +92,7 @@ private:
 	/** What takes the server's place for a replacement that is only to be finished. */
 	dataupdate::RemoteInfo AskPlan() const;
 	dataupdate::DatabaseStatus ReadStatus();
+	void LookBack();
 	void RecordStatus(dataupdate::InstalledRecord record);
 	void KeepRecord(dataupdate::InstalledRecord record);
 
@@ -84,6 +100,7 @@ private:
 	std::string id_;
 	Change change_;
 	CheckVolume check_volume_;
+	Older older_ = Older::kAsTheLibraryDoes;
 	RecordKeeper record_;
 	OpenedPackages packages_;
 	dataupdate::UpdateResult update_;
