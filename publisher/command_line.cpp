@@ -2,6 +2,7 @@
 
 #include "archive/signing_key.h"
 #include "base/text.h"
+#include "publisher/export_command.h"
 #include "publisher/inspect.h"
 #include "publisher/publish.h"
 #include "publisher/publish_error.h"
@@ -84,6 +85,7 @@ struct Options {
 	std::string prefix;
 	PublishOptions publish;
 	RestoreOptions restore;
+	ExportOptions export_kit;
 	std::vector<std::string> old_keys;
 	std::string package;
 	std::string directory;
@@ -177,6 +179,15 @@ void RunRestore(const Options& options, const Streams& streams) {
 	}
 }
 
+void RunExport(const Options& options, const Streams& streams) {
+	ExportResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Export(options.export_kit, ObserverOf(line, streams));
+	}
+	PrintExported(options.export_kit, result, options.json, streams.out);
+}
+
 constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
 
 /** Takes a number, or "auto", which is the default. */
@@ -253,6 +264,8 @@ void Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunPublish(options, streams);
 	} else if (app.got_subcommand("restore")) {
 		RunRestore(options, streams);
+	} else if (app.got_subcommand("export")) {
+		RunExport(options, streams);
 	} else if (app.got_subcommand("verify")) {
 		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
 	} else if (app.got_subcommand("extract")) {
@@ -286,6 +299,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddKeygen(app, options);
 	AddPublish(app, options);
 	AddRestore(app, options);
+	AddExport(app, options.export_kit, options.json);
 	AddReaders(app, options);
 	try {
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
