@@ -15,7 +15,7 @@ namespace tarn::kit {
 
 namespace {
 
-constexpr char kFormat[] = "tarndbud kit 1";
+constexpr char kMagic[] = "tarndbud kit 1";
 constexpr int kMostNested = 8;
 
 constexpr std::pair<Kind, const char*> kKinds[] = {
@@ -96,7 +96,7 @@ std::string NameOf(const Part& part) {
 
 std::string TableText(const std::vector<Part>& parts) {
 	Json::Value root(Json::objectValue);
-	root["format"] = kFormat;
+	root["format"] = kMagic;
 	root["parts"] = Json::Value(Json::arrayValue);
 	for (const Part& part : parts) {
 		Json::Value value(Json::objectValue);
@@ -117,7 +117,7 @@ std::string TableText(const std::vector<Part>& parts) {
 
 std::vector<Part> ParseTable(const std::string& text) {
 	const Json::Value root = Parse(text);
-	Require(root.isObject() && root["format"] == kFormat, "is of a format that this release does not know");
+	Require(root.isObject() && root["format"] == kMagic, "is of a format that this release does not know");
 	const Json::Value& values = root["parts"];
 	Require(values.isArray() && !values.empty() && values.size() <= kMaxParts, "has a table without parts");
 	std::vector<Part> parts;

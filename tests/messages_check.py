@@ -24,7 +24,7 @@ FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform"
 # What is given to these calls, or initialises these constants, is no complaint.
 QUIET_CALLS = {
     "Add", "Answer", "DeclareDatabases", "DeclareTimeout", "Say", "Show", "ShowStep", "Tell", "add_flag", "add_option",
-    "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step",
+    "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step", "steps",
 }  # fmt: skip
 QUIET_CONSTANTS = {
     "kAutoVacuum", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kRules",
@@ -46,6 +46,9 @@ NO_MESSAGES = {
     "- (no volume)",
     "not installed",
     "updated from version ",
+    "went back",
+    "went back from version ",
+    " diff packages from version ",
     " is whole and signed by ",
     " are in ",
     "the default code table",

@@ -52,12 +52,21 @@ _tarndbudctl() {
 	local command
 	command=$(_tarndbud_word 1)
 	case $command in
-	'') _tarndbud_offer "init status update check fix force-install read refresh metrics schedule volume --verbose --version --help" ;;
+	'') _tarndbud_offer "init status update check fix force-install import read refresh metrics schedule volume --verbose --version --help" ;;
 	init | refresh) _tarndbud_offer '--json --verbose --help' ;;
 	status) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
 	update | fix) _tarndbud_offer "--all --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
 	check) _tarndbud_offer "--all --timeout --json --verbose --help $(_tarndbud_ids)" ;;
 	force-install) _tarndbud_offer "--no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	import)
+		if [[ ${COMP_WORDS[COMP_CWORD]} == -* ]]; then
+			_tarndbud_offer '--force --no-wait --json --verbose --help'
+		elif [[ -n $(_tarndbud_word 2) ]]; then
+			_tarndbud_offer "$(_tarndbud_ids)"
+		else
+			_tarndbud_offer_files
+		fi
+		;;
 	read) _tarndbudctl_command ;;
 	metrics)
 		if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --output ]]; then
@@ -99,10 +108,11 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish restore verify extract inspect --version --help' ;;
+	'') _tarndbud_offer 'keygen publish restore export verify extract inspect --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
 	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --level --memory --keep-diffs --old-key --continue --help' ;;
 	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --keep-diffs --force --help' ;;
+	export) _tarndbud_offer '--repo --key --from --with-full --also --db-version --json --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;
 	esac
