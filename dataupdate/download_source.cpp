@@ -49,7 +49,8 @@ void RequireSpace(int fd, std::uint64_t written) {
 		return; // As for downloads: what is full is told by writing.
 	}
 	const std::uint64_t reserve = std::uint64_t{space.f_blocks} * space.f_frsize / kReservedShare;
-	if (std::uint64_t{space.f_bavail} * space.f_frsize < (written > kSmallFile ? reserve : std::min(reserve, written))) {
+	if (std::uint64_t{space.f_bavail} * space.f_frsize <
+	    (written > kSmallFile ? reserve : std::min(reserve, written))) {
 		throw UpdateError(messages::kLowSpace);
 	}
 }

@@ -64,8 +64,7 @@ void Reader::ReadTable() {
 	table_ = ReadAt(kBlockSize, size);
 	parts_ = ParseTable(table_);
 	std::vector<std::uint64_t> sizes = {size};
-	std::transform(
-	    parts_.begin(), parts_.end(), std::back_inserter(sizes), [](const Part& part) { return part.size; });
+	std::transform(parts_.begin(), parts_.end(), std::back_inserter(sizes), [](const Part& part) { return part.size; });
 	offsets_ = OffsetsOf(sizes);
 	RequireSize(file_size, offsets_.back());
 }

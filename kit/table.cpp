@@ -28,8 +28,8 @@ const char* KindText(Kind kind) {
 }
 
 Kind ParseKind(const Json::Value& text) {
-	const auto* const known =
-	    std::find_if(std::begin(kKinds), std::end(kKinds), [&](const auto& candidate) { return text == candidate.second; });
+	const auto* const known = std::find_if(
+	    std::begin(kKinds), std::end(kKinds), [&](const auto& candidate) { return text == candidate.second; });
 	Require(known != std::end(kKinds), "has a table with a part of unknown kind");
 	return known->first;
 }

@@ -126,8 +126,8 @@ private:
 
 	bool HasChain(const std::string& id, int from, const Entry& entry) const {
 		if (from >= entry.data_version) {
-			throw PublishError("There is no version of " + id + " above " + std::to_string(from) +
-			                   ": the newest is " + std::to_string(entry.data_version) + ".");
+			throw PublishError("There is no version of " + id + " above " + std::to_string(from) + ": the newest is " +
+			                   std::to_string(entry.data_version) + ".");
 		}
 		for (int version = from; version < entry.data_version;) {
 			if (entry.diff_files.count(++version) == 0) {
@@ -149,8 +149,8 @@ private:
 		    reader_.Open(path, {part.id, "", part.data_version, is_diff ? kDiffKind : "full"});
 		part.size = archive.Head().FileSize();
 		if (promised_size && part.size != static_cast<std::uint64_t>(*promised_size)) {
-			throw PublishError("The package " + path + " has " + std::to_string(part.size) +
-			                   " bytes, and not the " + std::to_string(*promised_size) + " that the document names.");
+			throw PublishError("The package " + path + " has " + std::to_string(part.size) + " bytes, and not the " +
+			                   std::to_string(*promised_size) + " that the document names.");
 		}
 		content_.packages.push_back({std::move(part), std::move(file)});
 	}

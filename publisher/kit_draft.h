@@ -9,8 +9,8 @@
 namespace tarn::publisher {
 
 /**
- * A file beside a kit's place that becomes the kit, or is removed with the object. What a killed run left is taken over,
- * because a stick has no room for it beside the next. Failures are PublishError.
+ * A file beside a kit's place that becomes the kit, or is removed with the object. What a killed run left is taken
+ * over, because a stick has no room for it beside the next. Failures are PublishError.
  */
 class KitDraft {
 public:

@@ -4,8 +4,8 @@ namespace tarn::ctl {
 
 std::vector<Command> AllCommands() {
 	return {kInitCommand, kStatusCommand, kUpdateCommand, kCheckCommand, kFixCommand, kForceInstallCommand,
-	    kImportCommand, 	    kReadCommand, kRefreshCommand, kMetricsCommand, kScheduleCommand, kVolumeShowCommand, kVolumeMountedCommand,
-	    kVolumeUnmountingCommand};
+	    kImportCommand, kReadCommand, kRefreshCommand, kMetricsCommand, kScheduleCommand, kVolumeShowCommand,
+	    kVolumeMountedCommand, kVolumeUnmountingCommand};
 }
 
 } // namespace tarn::ctl

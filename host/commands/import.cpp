@@ -2,8 +2,8 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/update.h"
-#include "host/library/kit_offer.h"
 #include "host/library/installed_package.h"
+#include "host/library/kit_offer.h"
 
 #include <CLI/CLI.hpp>
 
@@ -65,8 +65,8 @@ std::vector<std::string> Choose(const Services& services, const Options& options
 	std::copy_if(offered.begin(), offered.end(), std::back_inserter(ids),
 	    [&](const std::string& id) { return Holds(configured, id); });
 	if (ids.empty()) {
-		throw CommandError(kUnsupported, "The kit " + options.path + " is for " + Join(offered) +
-		                                     ", and no such database is configured here");
+		throw CommandError(kUnsupported,
+		    "The kit " + options.path + " is for " + Join(offered) + ", and no such database is configured here");
 	}
 	return ids;
 }
@@ -105,8 +105,10 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kImportCommand = {"import", "Install databases from a kit, without a network",
-    "A kit is one file with packages, which \"tarndbudpub export\" makes. Does with it what update does with the server:\n"
-    "the same signatures, locks, hooks, diff packages and records. Asks no server, and leaves the server's document as\n"
+    "A kit is one file with packages, which \"tarndbudpub export\" makes. Does with it what update does with the "
+    "server:\n"
+    "the same signatures, locks, hooks, diff packages and records. Asks no server, and leaves the server's document "
+    "as\n"
     "it is. Leaves a later version than the kit's alone.",
     {kUnsupported, kAboveOffered, kLocked}, true, true, Declare, Run};
 

@@ -104,8 +104,9 @@ private:
 				versions.insert(part.data_version);
 			}
 		}
-		return versions.empty() ? "" : "from version " + std::to_string(*versions.begin() - 1) + " to " +
-		                                   std::to_string(*versions.rbegin());
+		return versions.empty() ? ""
+		                        : "from version " + std::to_string(*versions.begin() - 1) + " to " +
+		                              std::to_string(*versions.rbegin());
 	}
 
 	std::string path_;

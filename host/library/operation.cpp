@@ -187,10 +187,10 @@ RemoteInfo Operation::AskPlan() const {
 /** The library takes any version for newer than an unfinished one. */
 void Operation::LookBack() {
 	if (older_ == Older::kRefused && outcome_.was_unfinished && outcome_.offered < outcome_.before) {
-		throw CommandError(kAboveOffered,
-		    "The last replacement of the files of version " + std::to_string(outcome_.before) + " of " + id_ +
-		        " was not finished, and version " + std::to_string(outcome_.offered) +
-		        " is older; nothing was changed, and --force installs it");
+		throw CommandError(kAboveOffered, "The last replacement of the files of version " +
+		                                      std::to_string(outcome_.before) + " of " + id_ +
+		                                      " was not finished, and version " + std::to_string(outcome_.offered) +
+		                                      " is older; nothing was changed, and --force installs it");
 	}
 }
 

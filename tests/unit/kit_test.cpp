@@ -23,9 +23,9 @@ namespace tarn::kit {
 
 namespace {
 
-using ::testing::HasSubstr;
 using test::ReadFile;
 using test::WriteFile;
+using ::testing::HasSubstr;
 
 std::string ErrorOf(const std::function<void()>& operation) {
 	try {

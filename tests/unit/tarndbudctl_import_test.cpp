@@ -64,10 +64,11 @@ protected:
 	}
 
 	static std::string Document() {
-		const std::string diffs = R"("4":{"download_link":")" + DiffLink(4) + R"(","file_size":4},"5":{"download_link":")" +
-		                          DiffLink(5) + R"(","file_size":4})";
+		const std::string diffs = R"("4":{"download_link":")" + DiffLink(4) +
+		                          R"(","file_size":4},"5":{"download_link":")" + DiffLink(5) + R"(","file_size":4})";
 		return R"({"deprecated":false,"db_list":{"geo":{"data_version":"5","last_fetch_time":1,"deprecated":false,)"
-		       R"("download_link":")" + std::string(kFullLink) + R"(","diff_files":{)" + diffs + "}}}}";
+		       R"("download_link":")" +
+		       std::string(kFullLink) + R"(","diff_files":{)" + diffs + "}}}}";
 	}
 	/** Packages of "geo" up to version 5. */
 	void MakeKit(const std::vector<kit::Part>& parts, const std::string& document = Document()) {
@@ -140,7 +141,8 @@ TEST_F(ImportCommandTest, GivesEachLinkItsOwnPackageAndNoOther) {
 
 TEST_F(ImportCommandTest, SaysWhichPackagesAKitWithoutTheFullOneHas) {
 	MakeKit({fourth_, fifth_});
-	EXPECT_THAT(Fetched(kFullLink), HasSubstr("has no full package of geo, and its diff packages from version 3 to 5 "));
+	EXPECT_THAT(
+	    Fetched(kFullLink), HasSubstr("has no full package of geo, and its diff packages from version 3 to 5 "));
 }
 
 TEST_F(ImportCommandTest, LeavesALaterVersionAlone) {

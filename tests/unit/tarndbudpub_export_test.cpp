@@ -43,7 +43,8 @@ protected:
 	}
 	std::vector<std::string> Names() const {
 		std::vector<std::string> names;
-		for (const kit::Part& part : kit::Reader(Kit()).Parts()) {
+		const kit::Reader reader(Kit());
+		for (const kit::Part& part : reader.Parts()) {
 			names.push_back(NameOf(part));
 		}
 		return names;
