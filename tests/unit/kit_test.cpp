@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <functional>
 #include <map>
 #include <string>
@@ -132,8 +133,8 @@ TEST_F(KitTest, NoChangedByteChangesWhatIsRead) {
 		const char changed = static_cast<char>(whole[at] ^ (1 << at % 8));
 		ASSERT_EQ(pwrite(fd.Get(), &changed, 1, static_cast<off_t>(at)), 1);
 		const std::string problem = ErrorOf([&] { EXPECT_EQ(Contents(Reader(other)), contents); });
-		// Padding is all that nothing depends on.
-		ASSERT_TRUE(!problem.empty() || whole[at] == '\0') << at;
+		// Padding is all that nothing depends on, and which white space the table has.
+		ASSERT_TRUE(!problem.empty() || whole[at] == '\0' || std::isspace(whole[at]) != 0) << at;
 		ASSERT_EQ(pwrite(fd.Get(), &whole[at], 1, static_cast<off_t>(at)), 1);
 	}
 }
