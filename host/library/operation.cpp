@@ -263,8 +263,7 @@ Outcome ImportDatabase(const Services& services, const std::string& id, bool goe
 		RequireNoLostVolume(services);
 		RequireSafePlaces(services, id);
 	};
-	return AfterFinishing(
-	    services, id, Change::kUpdate, check_volume, goes_back ? Older::kInstalled : Older::kRefused);
+	return AfterFinishing(services, id, Change::kUpdate, check_volume, goes_back ? Older::kInstalled : Older::kRefused);
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {

@@ -63,7 +63,7 @@ TEST_F(DownloadSourceTest, GivesTheFileAndNoProgramIsStarted) {
 		io_.Download(file_, "http://server/a");
 	}
 	EXPECT_EQ(ReadFile(file_), "one two");
-	EXPECT_EQ(DownloadedBytes() - before, 7U);
+	EXPECT_EQ(DownloadedBytes(), before) << "the network had nothing to do with it";
 	EXPECT_EQ(platform_.events, std::vector<std::string>());
 }
 
