@@ -30,7 +30,7 @@ add_link_options(-Wl,--as-needed -Wl,-z,relro,-z,now)
 # Stops the configure step when a source file lies in the tree that no target compiles.
 function(tarn_require_all_sources_known)
 	file(GLOB_RECURSE found RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS
-		archive/*.cpp base/*.cpp dataupdate/*.cpp decoder/*.cpp host/*.cpp platform/*.cpp publisher/*.cpp)
+		archive/*.cpp base/*.cpp dataupdate/*.cpp decoder/*.cpp host/*.cpp kit/*.cpp platform/*.cpp publisher/*.cpp)
 	if(TARN_TESTS)
 		file(GLOB_RECURSE more RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS tests/*.cpp tests/*.c)
 		list(APPEND found ${more})

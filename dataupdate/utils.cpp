@@ -3,6 +3,7 @@
 #include "base/unique_fd.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/directories.h"
+#include "dataupdate/internal/fetch.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/messages.h"
@@ -195,6 +196,10 @@ void IOUtils::CopyFile(const std::string& src, const std::string& dst) const {
 }
 
 void IOUtils::Download(const std::string& output_path, const std::string& url) const {
+	if (const auto source = CurrentSource()) {
+		FetchFile(*source, output_path, url);
+		return;
+	}
 	const std::string agent = TarnGetUserAgent("database");
 	TARN_LOG(LOG_DEBUG, "Use %s as user agent string", agent.c_str());
 	const ActivityScope activity(Phase::kDownload, output_path);

@@ -73,7 +73,7 @@ public:
 	 * Fetches a URL into a file with /usr/bin/wget, which tries three times. Throws "Fail to wget url: <url>", and the
 	 * output file is then gone, even one that existed before, but never a directory; also TarnGetUserAgent()'s error
 	 * and Boost's filesystem error when the output file cannot be removed. A URL that begins with "-" fails without
-	 * running wget, which would take it for an option.
+	 * running wget, which would take it for an option. With a source (download_source.h) wget is not run.
 	 */
 	virtual void Download(const std::string& output_path, const std::string& url) const;
 

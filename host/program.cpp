@@ -55,7 +55,7 @@ constexpr Meaning kCommonMeanings[] = {{kDone, "done"}, {kFailed, "failed"}, {kU
 constexpr Meaning kMeanings[] = {
     {kUnsupported, "the database is not configured"},
     {kFixNeeded, "a fix is needed"},
-    {kAboveOffered, "a later version is installed than the server offers"},
+    {kAboveOffered, "a later version is installed than the server, or the kit, offers"},
     {kBeyondBudget, "more would have to be downloaded than is allowed"},
     {kHeld, "the database is held at its version"},
     {kLocked, "a lock was not obtained, or files are half replaced; try again later"},

@@ -3,6 +3,7 @@
 #include "archive/signing_key.h"
 #include "base/text.h"
 #include "publisher/changes_command.h"
+#include "publisher/export_command.h"
 #include "publisher/inspect.h"
 #include "publisher/progress_line.h"
 #include "publisher/publish.h"
@@ -27,6 +28,7 @@ struct Options {
 	RestoreOptions restore;
 	ChangesCommand changes;
 	RepositoryCommandOptions repository;
+	ExportOptions export_kit;
 	std::vector<std::string> old_keys;
 	std::string package;
 	std::string directory;
@@ -99,6 +101,15 @@ void RunChanges(const ChangesCommand& command, const Streams& streams) {
 	const Changes changes = FindChanges(command.options, ObserverOf(line, streams));
 	line.Clear();
 	PrintChanges(command, changes, streams.out);
+}
+
+void RunExport(const Options& options, const Streams& streams) {
+	ExportResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Export(options.export_kit, ObserverOf(line, streams));
+	}
+	PrintExported(options.export_kit, result, options.json, streams.out);
 }
 
 constexpr char kFooter[] = "Exit status: 0 done, 1 failed, 2 wrong usage.";
@@ -208,6 +219,8 @@ int Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunRestore(options, streams);
 	} else if (app.got_subcommand("changes")) {
 		RunChanges(options.changes, streams);
+	} else if (app.got_subcommand("export")) {
+		RunExport(options, streams);
 	} else if (app.got_subcommand("verify")) {
 		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
 	} else if (app.got_subcommand("extract")) {
@@ -244,6 +257,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddWithdraw(app, options);
 	AddRestore(app, options);
 	AddChangesCommand(app, options.changes);
+	AddExport(app, options.export_kit, options.json);
 	AddReaders(app, options);
 	AddRepositoryCommands(app, options.repository);
 	try {

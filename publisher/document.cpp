@@ -92,17 +92,28 @@ void KeepNewest(std::map<int, DiffFile>& files, const KeptDiffs& kept, std::uint
 }
 
 Document::Document(const std::string& path) : path_(path) {
+	Parse(ReadText(path));
+}
+
+Document Document::FromText(const std::string& path, const std::string& text) {
+	Document document;
+	document.path_ = path;
+	document.Parse(text);
+	return document;
+}
+
+void Document::Parse(const std::string& text) {
 	std::string errors;
-	value_ = ParseJson(ReadText(path), &errors).value_or(Json::Value());
+	value_ = ParseJson(text, &errors).value_or(Json::Value());
 	if (!value_.isObject()) {
 		std::replace(errors.begin(), errors.end(), '\n', ' ');
-		throw DamagedDocument("The document " + path +
+		throw DamagedDocument("The document " + path_ +
 		                      " is no JSON object and is left as it is; repair it, or rebuild "
 		                      "it by \"tarndbudpub restore\". " +
 		                      errors);
 	}
 	if (!std::as_const(value_)["db_list"].isObject()) {
-		throw DamagedDocument("The document " + path +
+		throw DamagedDocument("The document " + path_ +
 		                      " has no \"db_list\" object and is left as it is; repair it, or "
 		                      "rebuild it by \"tarndbudpub restore\".");
 	}

@@ -53,6 +53,8 @@ public:
 	Document() : value_(Json::objectValue) {}
 	/** Reads a file; throws DamagedDocument, or PublishError when the file cannot be read. */
 	explicit Document(const std::string& path);
+	/** The same for a text that was read from a file. */
+	[[nodiscard]] static Document FromText(const std::string& path, const std::string& text);
 
 	/** The version and the diff packages of a database; throws DamagedDocument when its version cannot be read. */
 	[[nodiscard]] std::optional<Entry> Find(const std::string& id) const;
@@ -69,6 +71,8 @@ public:
 	[[nodiscard]] static std::string ReadText(const std::string& path);
 
 private:
+	void Parse(const std::string& text);
+
 	std::string path_;
 	Json::Value value_;
 };

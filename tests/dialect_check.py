@@ -15,8 +15,8 @@ import sys
 from collections.abc import Iterator
 from pathlib import Path
 
-FOLDERS = ("archive", "base", "bench", "dataupdate", "decoder", "host", "platform", "publisher", "tests")
-PROJECT = "archive|base|dataupdate|decoder|host|platform|publisher"
+FOLDERS = ("archive", "base", "bench", "dataupdate", "decoder", "host", "kit", "platform", "publisher", "tests")
+PROJECT = "archive|base|dataupdate|decoder|host|kit|platform|publisher"
 
 FILE_COMMENT = re.compile(r"/\*\* @file \S[^\n]* \*/\n|/\*\*\n \* @file\n \* \S.*?\n \*/\n", re.DOTALL)
 LONGEST_LINE = 120

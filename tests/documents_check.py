@@ -19,7 +19,7 @@ from graphlib import CycleError, TopologicalSorter
 from pathlib import Path
 from xml.etree import ElementTree
 
-FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "platform", "publisher")
+FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform", "publisher")
 TABLE = "docs/contributing.md"
 DRAWING = "docs/architecture.md"
 ELSEWHERE = {"build", "packages", "database_info", "files", "zones", "a", "bytes"}

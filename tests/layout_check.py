@@ -19,7 +19,7 @@ from dataclasses import dataclass
 from pathlib import Path, PurePath
 
 ROOT = Path(__file__).resolve().parent.parent
-FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "platform", "publisher")
+FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform", "publisher")
 C_HEADERS = ("tarncore", "tarnsdk", "tarncrypto", "tarncodesign")
 
 # Sources, and what they may include: a whole folder, or the headers that a pattern names.
@@ -32,10 +32,11 @@ SEES = {
     "platform/tarncodesign": ("tarncodesign", "base", "archive"),
     "dataupdate": ("dataupdate", "base", *C_HEADERS),
     "decoder": ("decoder", "base"),
-    "host": ("host", "base", "dataupdate/*.h", *C_HEADERS),
-    "host/library": ("host/library", "host/terminal", "base", "dataupdate/*.h", *C_HEADERS),
+    "kit": ("kit", "base"),
+    "host": ("host", "base", "kit", "dataupdate/*.h", *C_HEADERS),
+    "host/library": ("host/library", "host/terminal", "base", "kit", "dataupdate/*.h", *C_HEADERS),
     "host/terminal": ("host/terminal", "base", "dataupdate/*.h", *C_HEADERS),
-    "publisher": ("publisher", "base", "archive", "decoder"),
+    "publisher": ("publisher", "base", "archive", "decoder", "kit"),
     "publisher/device.cpp": ("publisher", "dataupdate"),
 }
 

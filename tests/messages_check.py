@@ -19,12 +19,12 @@ from dataclasses import dataclass
 from pathlib import Path
 
 TABLES = "docs/messages.md"
-FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "platform", "publisher")
+FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform", "publisher")
 
 # What is given to these calls, or initialises these constants, is no complaint.
 QUIET_CALLS = {
     "Add", "Answer", "DeclareDatabases", "DeclareTimeout", "Say", "Show", "ShowStep", "Tell", "add_flag", "add_option",
-    "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step",
+    "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step", "steps",
 }  # fmt: skip
 QUIET_CONSTANTS = {
     "kAutoVacuum", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kMaker", "kRules",
@@ -49,6 +49,9 @@ NO_MESSAGES = {
     "- (no volume)",
     "not installed",
     "updated from version ",
+    "went back",
+    "went back from version ",
+    " diff packages from version ",
     " is whole and signed by ",
     " are in ",
     "the full package of version ",

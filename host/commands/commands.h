@@ -31,6 +31,7 @@ struct Options {
 	bool even_held = false;
 	std::optional<std::uint64_t> max_bytes;
 	std::optional<int> up_to;
+	bool force = false;
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;
@@ -69,6 +70,7 @@ extern const Command kFixCommand;
 extern const Command kForceInstallCommand;
 extern const Command kHoldCommand;
 extern const Command kUnholdCommand;
+extern const Command kImportCommand;
 extern const Command kReadCommand;
 extern const Command kRefreshCommand;
 extern const Command kMetricsCommand;

@@ -1,10 +1,10 @@
+#include "host/commands/update.h"
+
 #include "dataupdate/installation.h"
 #include "host/commands/commands.h"
-#include "host/commands/report.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
 #include "host/library/hold.h"
-#include "host/library/operation.h"
 #include "host/library/preparation.h"
 #include "host/library/record_keeper.h"
 
@@ -30,6 +30,9 @@ std::string DescribeChange(const Outcome& outcome) {
 	if (outcome.is_finished) {
 		return "finished the update to " + version + " that was killed";
 	}
+	if (outcome.goes_back) {
+		return "went back from version " + std::to_string(outcome.before) + " to " + version;
+	}
 	if (VersionBefore(outcome) != -1) {
 		return "updated from version " + std::to_string(outcome.before) + " to " + version;
 	}
@@ -40,10 +43,10 @@ Json::Value ChangeToJson(const Outcome& outcome) {
 	if (outcome.is_finished) {
 		return MakeResult("finished", outcome.Version());
 	}
-	if (VersionBefore(outcome) == -1) {
+	if (VersionBefore(outcome) == -1 && !outcome.goes_back) {
 		return MakeResult(outcome.was_unfinished ? "reinstalled" : "installed", outcome.Version());
 	}
-	Json::Value result = MakeResult("updated", outcome.Version());
+	Json::Value result = MakeResult(outcome.goes_back ? "went back" : "updated", outcome.Version());
 	result["previous_version"] = outcome.before;
 	return result;
 }
@@ -90,17 +93,11 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 constexpr char kMaxBytesHelp[] =
     "Leave a database alone whose packages are larger together; k, M and G are decimal units";
 
-/** What a run is about. */
-struct Run {
-	Budget budget;
-	bool is_scheduled = false;
-};
-
 /** A hold that was asked for is no failure of a scheduled run; one that cannot be understood has to be noticed. */
-ExitCode TellHeld(const Services& services, Report& report, const std::string& id, const Run& run, const Hold& hold,
+ExitCode TellHeld(const Services& services, Report& report, const std::string& id, bool is_scheduled, const Hold& hold,
     Json::Value result) {
 	const std::string version = result["version"] == -1 ? "nothing" : "version " + result["version"].asString();
-	const ExitCode code = run.is_scheduled && hold.problem.empty() ? kDone : kHeld;
+	const ExitCode code = is_scheduled && hold.problem.empty() ? kDone : kHeld;
 	syslog(LOG_NOTICE, "%s is %s, so %s stays installed.", id.c_str(), DescribeHold(hold).c_str(), version.c_str());
 	if (!hold.problem.empty()) {
 		syslog(LOG_ERR, "%s", HoldProblem(id, hold).c_str());
@@ -125,48 +122,24 @@ ExitCode TellBeyondBudget(Report& report, const std::string& id, const Outcome& 
 	return kBeyondBudget;
 }
 
-void TellEnd(Report& report, const std::string& id, const Outcome& outcome, ExitCode code) {
+void TellEnd(Report& report, const std::string& id, const Outcome& outcome, const Offerer& offerer, ExitCode code) {
 	if (outcome.installed) {
 		report.Tell(id, DescribeChange(outcome), ChangeToJson(outcome));
 	} else if (code == kAboveOffered) {
-		report.Tell(
-		    id, DescribeAbove(id, outcome.before, outcome.offered), AboveToJson(outcome.before, outcome.offered));
+		report.Tell(id, offerer.describe_above(id, outcome.before, outcome.offered),
+		    AboveToJson(outcome.before, outcome.offered));
 	} else {
 		report.Tell(
 		    id, "up to date, version " + std::to_string(outcome.before), MakeResult("up to date", outcome.before));
 	}
 }
 
-ExitCode Update(const Services& services, Report& report, const std::string& id, const Run& run) {
-	services.config->CheckSupported(id);
-	if (const std::optional<Hold> hold = ReadHold(id); hold && !hold->up_to) {
-		return TellHeld(services, report, id, run, *hold, MakeResult("held", ReadInstalled(services, id).data_version));
-	}
-	Outcome outcome;
-	const ExitCode code = RunRecorded(services, id, "update", [&] {
-		RequireNoLostVolume(services);
-		RequireSafePlaces(services, id);
-		outcome = UpdateDatabase(services, id, run.budget);
-		const ExitCode judged = Judge(services, id, outcome);
-		return judged == kHeld ? kDone : judged; // Nothing was to be done.
-	});
-	if (!outcome.refusal) {
-		TellEnd(report, id, outcome, code);
-		return code;
-	}
-	if (code == kBeyondBudget) {
-		return TellBeyondBudget(report, id, outcome);
-	}
-	return TellHeld(services, report, id, run, ReadHold(id).value_or(Hold()), RefusalToJson(outcome));
-}
-
 /** The command line says more than the settings. */
-Run MakeRun(const Services& services, const Options& options) {
-	const bool is_scheduled = options.ids.empty();
+Budget ChooseBudget(const Services& services, const Options& options) {
 	if (options.max_bytes) {
-		return {BudgetOf(*options.max_bytes), is_scheduled};
+		return BudgetOf(*options.max_bytes);
 	}
-	return {is_scheduled && services.scheduled_budget ? services.scheduled_budget() : Budget(), is_scheduled};
+	return options.ids.empty() && services.scheduled_budget ? services.scheduled_budget() : Budget();
 }
 
 void DeclareMaxBytes(CLI::App& app, Options& options) {
@@ -186,14 +159,42 @@ void Declare(CLI::App& app, Options& options) {
 	DeclareJsonArray(app, options);
 }
 
-ExitCode RunCommand(const Services& services, const Options& options) {
+ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
-	const Run run = MakeRun(services, options);
-	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, report, id, run); });
+	const Budget budget = ChooseBudget(services, options);
+	const auto install = [&budget](
+	                         const Services& own, const std::string& id) { return UpdateDatabase(own, id, budget); };
+	const Offerer server = {"update", install, DescribeAbove, options.ids.empty()};
+	return report.RunNamedOrScheduled(
+	    [&](const std::string& id) { return InstallOffered(services, report, id, server); });
 }
 
 } // namespace
+
+ExitCode InstallOffered(const Services& services, Report& report, const std::string& id, const Offerer& offerer) {
+	services.config->CheckSupported(id);
+	if (const std::optional<Hold> hold = ReadHold(id); hold && !hold->up_to) {
+		return TellHeld(services, report, id, offerer.is_scheduled, *hold,
+		    MakeResult("held", ReadInstalled(services, id).data_version));
+	}
+	Outcome outcome;
+	const ExitCode code = RunRecorded(services, id, offerer.operation, [&] {
+		RequireNoLostVolume(services);
+		RequireSafePlaces(services, id);
+		outcome = offerer.install(services, id);
+		const ExitCode judged = Judge(services, id, outcome);
+		return judged == kHeld ? kDone : judged; // Nothing was to be done.
+	});
+	if (!outcome.refusal) {
+		TellEnd(report, id, outcome, offerer, code);
+		return code;
+	}
+	if (code == kBeyondBudget) {
+		return TellBeyondBudget(report, id, outcome);
+	}
+	return TellHeld(services, report, id, offerer.is_scheduled, ReadHold(id).value_or(Hold()), RefusalToJson(outcome));
+}
 
 const Command kUpdateCommand = {"update", "Bring databases to the server's version",
     "Without ids, and with --all, updates the scheduled databases in the order of the configuration, up to the first "
@@ -204,6 +205,6 @@ const Command kUpdateCommand = {"update", "Bring databases to the server's versi
     "others.\n"
     "Leaves alone what is held, and what would take more bytes than --max-bytes or, without names, the setting\n"
     "\"scheduled_full_packages\" allow.",
-    {kUnsupported, kAboveOffered, kBeyondBudget, kHeld, kLocked}, true, true, Declare, RunCommand};
+    {kUnsupported, kAboveOffered, kBeyondBudget, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

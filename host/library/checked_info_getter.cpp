@@ -49,12 +49,6 @@ constexpr Hint kHints[] = {
 
 constexpr std::size_t kBeginningBytes = 256;
 
-/** How long the document at hand is going to be used. */
-std::string CachingNow() {
-	struct stat status {};
-	return stat(dataupdate::kCachedInfo, &status) == 0 ? DescribeCaching(status.st_mtime, std::time(nullptr)) : "";
-}
-
 std::string ReadBeginning(const std::string& path) {
 	std::ifstream file(path, std::ios::binary);
 	std::string beginning(kBeginningBytes, '\0');
@@ -138,7 +132,7 @@ auto CheckedInfoGetter::ReadEntry(
 	} catch (const std::logic_error&) {
 		// A version that is no number.
 	}
-	throw UpdateError("The document of " + Link() + " " + DescribeDocument(document, id) + CachingNow());
+	throw UpdateError("The document of " + Link() + " " + DescribeDocument(document, id) + DescribeUse());
 }
 
 dataupdate::RemoteInfo CheckedInfoGetter::GetRemoteInfo(const std::string& id) const {
@@ -205,7 +199,7 @@ Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
 			throw;
 		}
 	}
-	throw UpdateError(DescribeCachedPage() + CachingNow());
+	throw UpdateError(DescribeCachedPage() + DescribeUse());
 }
 
 std::string CheckedInfoGetter::CacheStamp() const {
@@ -215,6 +209,11 @@ std::string CheckedInfoGetter::CacheStamp() const {
 	}
 	return std::to_string(status.st_ino) + " " + std::to_string(status.st_mtim.tv_sec) + " " +
 	       std::to_string(status.st_mtim.tv_nsec);
+}
+
+std::string CheckedInfoGetter::DescribeUse() const {
+	struct stat status {};
+	return stat(dataupdate::kCachedInfo, &status) == 0 ? DescribeCaching(status.st_mtime, std::time(nullptr)) : "";
 }
 
 std::string CheckedInfoGetter::DescribeCachedPage() const {

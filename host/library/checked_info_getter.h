@@ -75,6 +75,8 @@ protected:
 	virtual Json::Value FetchDatabaseInfo() const;
 	/** What changes whenever somebody drops or renews the cached document. */
 	virtual std::string CacheStamp() const;
+	/** How long the document at hand is going to be used, as an addition to a sentence. */
+	virtual std::string DescribeUse() const;
 
 private:
 	template<typename Read>

@@ -16,7 +16,7 @@ enum ExitCode : int {
 	kUsage = 2,        ///< The command line cannot be understood.
 	kUnsupported = 3,  ///< The configuration does not list the database.
 	kFixNeeded = 4,    ///< Files of a database are missing, changed or unknown, half replaced, or not there at all.
-	kAboveOffered = 5, ///< "status" and "update": a later version is installed than the server offers.
+	kAboveOffered = 5, ///< "status", "update" and "import": a later version is installed than is offered.
 	kBeyondBudget = 7, ///< "update": more would have to be downloaded than is allowed.
 	kHeld = 8,         ///< The administrator holds the database at its version.
 	kLocked = 75,      ///< A lock is held, or files are half replaced; worth another try later (EX_TEMPFAIL).

@@ -62,8 +62,8 @@ public:
 		return operation_.change_ == Change::kFinish ? operation_.AskPlan() : operation_.AskServer();
 	}
 	Diffs GetDiffInfos(const std::string& id) const override {
-		if (operation_.change_ == Change::kFinish) {
-			return {};
+		if (operation_.change_ == Change::kFinish || operation_.outcome_.goes_back) {
+			return {}; // Diff packages only lead forward.
 		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
 		LogMissingDiff(id, operation_.outcome_, diffs);
@@ -121,6 +121,7 @@ std::shared_ptr<dataupdate::Updater> Operation::Updater() {
 RemoteInfo Operation::AskServer() {
 	RemoteInfo remote = services_.info->GetRemoteInfo(id_);
 	outcome_.offered = remote.data_version;
+	LookBack();
 	check_volume_(); // Last, because a download may have taken long as well.
 	if (change_ == Change::kUpdate) {
 		RequireNoHold();
@@ -189,11 +190,25 @@ RemoteInfo Operation::AskPlan() const {
 	return {version.value_or(outcome_.before), 0, false, ""};
 }
 
+/** The library takes any version for newer than an unfinished one. */
+void Operation::LookBack() {
+	if (older_ == Older::kRefused && outcome_.was_unfinished && outcome_.offered < outcome_.before) {
+		throw CommandError(kAboveOffered, "The last replacement of the files of version " +
+		                                      std::to_string(outcome_.before) + " of " + id_ +
+		                                      " was not finished, and version " + std::to_string(outcome_.offered) +
+		                                      " is older; nothing was changed, and --force installs it");
+	}
+}
+
 DatabaseStatus Operation::ReadStatus() {
 	const InstalledRecord record = ReadInstalled(services_, id_);
 	DatabaseStatus status = WithoutFiles(record.data_version, record.last_fetch_time);
 	outcome_.before = status.data_version;
 	outcome_.was_unfinished = dataupdate::IsReplacementMarked(id_);
+	if (older_ == Older::kInstalled && services_.info->GetRemoteInfo(id_).data_version < outcome_.before) {
+		outcome_.goes_back = true;
+		status.data_version = -1; // For which the library takes any version, by its full package.
+	}
 	if (change_ == Change::kFix) {
 		check_volume_();
 		// The library's own record does not name every file; it reinstalls what seems not to be installed.

@@ -24,6 +24,7 @@ struct Outcome {
 	int before = -1;                ///< The recorded version when the operation had its locks; -1 for none.
 	bool was_unfinished = false;    ///< Whether its files were half replaced, so that it is treated as not installed.
 	int offered = -1;               ///< The server's version; -1 when the server was not asked.
+	bool goes_back = false;         ///< Whether an older version than the recorded one is to be installed.
 	std::optional<int> installed;   ///< The version that was installed and recorded; none when nothing was changed.
 	bool is_finished = false;       ///< Whether that was prepared by a run that was killed, and is all that was done.
 	std::optional<int> held_at;     ///< "fix": the version that was to be installed instead of the server's.
@@ -37,6 +38,14 @@ struct Outcome {
  * no hold is in the way: the database is then of one version again even if the server does not answer.
  */
 [[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget = {});
+/**
+ * The same with what a kit offers in the server's place.
+ *
+ * @param goes_back  whether an older version than the recorded one is installed as well, then by its full package
+ *
+ * Throws CommandError as well: an unfinished replacement is never finished by an older version unless it goes back.
+ */
+[[nodiscard]] Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back);
 /**
  * Reinstalls the server's version if anything is missing, changed, unknown or half replaced. A database that is held
  * gets its own version again, by a link that is made from the server's.
@@ -60,6 +69,9 @@ struct Outcome {
 [[nodiscard]] CommandError MadeLinkError(const std::string& message, int offered, int target);
 
 enum class Change { kUpdate, kFix, kForced, kFinish };
+
+/** What becomes of a version that is older than the recorded one. */
+enum class Older { kAsTheLibraryDoes, kRefused, kInstalled };
 
 /**
  * Everything that is known of one operation while it lasts. The library asks for the installed state or for the
@@ -85,6 +97,9 @@ public:
 	std::shared_ptr<dataupdate::InfoGetter> Info();
 	std::shared_ptr<dataupdate::Updater> Updater();
 
+	/** Before the library is called. */
+	void Treat(Older older) { older_ = older; }
+
 	OpenedPackages& Packages() { return packages_; }
 	const Outcome& Result() const { return outcome_; }
 
@@ -105,6 +120,7 @@ private:
 	void RequireFullPackage(const std::string& link, std::uint64_t spent) const;
 	Situation Found() const { return {outcome_.before, outcome_.was_unfinished, outcome_.offered}; }
 	dataupdate::DatabaseStatus ReadStatus();
+	void LookBack();
 	void RecordStatus(dataupdate::InstalledRecord record);
 	void KeepRecord(dataupdate::InstalledRecord record);
 
@@ -113,6 +129,7 @@ private:
 	Change change_;
 	CheckVolume check_volume_;
 	Budget budget_;
+	Older older_ = Older::kAsTheLibraryDoes;
 	RecordKeeper record_;
 	OpenedPackages packages_;
 	dataupdate::UpdateResult update_;

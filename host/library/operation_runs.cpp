@@ -14,6 +14,11 @@ using dataupdate::UpdateError;
 
 namespace {
 
+void RequirePlaces(const Services& services, const std::string& id) {
+	RequireNoLostVolume(services);
+	RequireSafePlaces(services, id);
+}
+
 /** Finishes what a killed run had prepared. Without success the operation that follows does what it would have done. */
 Outcome Finish(const Services& services, const std::string& id, const Operation::CheckVolume& check_volume) {
 	try {
@@ -86,13 +91,18 @@ CommandError MadeLinkError(const std::string& message, int offered, int target) 
 }
 
 Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget) {
-	const auto check = [&services, &id] {
-		RequireNoLostVolume(services);
-		RequireSafePlaces(services, id);
-	};
+	const auto check = [&services, &id] { RequirePlaces(services, id); };
 	const Outcome finished = Finish(services, id, check);
 	Operation operation(services, id, Change::kUpdate, check);
 	operation.Limit(budget);
+	return Joined(finished, Update(operation, id));
+}
+
+Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back) {
+	const auto check = [&services, &id] { RequirePlaces(services, id); };
+	const Outcome finished = Finish(services, id, check);
+	Operation operation(services, id, Change::kUpdate, check);
+	operation.Treat(goes_back ? Older::kInstalled : Older::kRefused);
 	return Joined(finished, Update(operation, id));
 }
 

@@ -16,7 +16,7 @@
 namespace tarn::ctl {
 
 struct RunRecord {
-	std::string operation; ///< "update", "fix", "force-install"
+	std::string operation; ///< "update", "import", "fix", "force-install"
 	std::int64_t time = 0; ///< When it ended, in seconds since 1970.
 	int exit_status = 0;
 	double seconds = 0;

@@ -52,7 +52,7 @@ _tarndbudctl() {
 	local command
 	command=$(_tarndbud_word 1)
 	case $command in
-	'') _tarndbud_offer "init status plan update check fix force-install hold unhold read refresh metrics schedule volume --verbose --version --help" ;;
+	'') _tarndbud_offer "init status plan update check fix force-install import hold unhold read refresh metrics schedule volume --verbose --version --help" ;;
 	init | refresh) _tarndbud_offer '--json --verbose --help' ;;
 	status | plan) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
 	update) _tarndbud_offer "--all --max-bytes --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
@@ -60,6 +60,15 @@ _tarndbudctl() {
 	check) _tarndbud_offer "--all --timeout --json --verbose --help $(_tarndbud_ids)" ;;
 	hold | unhold) _tarndbud_offer "--timeout --json --verbose --help $(_tarndbud_ids)" ;;
 	force-install) _tarndbud_offer "--even-held --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	import)
+		if [[ ${COMP_WORDS[COMP_CWORD]} == -* ]]; then
+			_tarndbud_offer '--force --no-wait --json --verbose --help'
+		elif [[ -n $(_tarndbud_word 2) ]]; then
+			_tarndbud_offer "$(_tarndbud_ids)"
+		else
+			_tarndbud_offer_files
+		fi
+		;;
 	read) _tarndbudctl_command ;;
 	metrics)
 		if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --output ]]; then
@@ -101,11 +110,12 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish withdraw restore changes verify extract inspect promote rollout prune check-repo --version --help' ;;
+	'') _tarndbud_offer 'keygen publish withdraw restore export changes verify extract inspect promote rollout prune check-repo --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
 	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --if-changed --notes --json --help' ;;
 	withdraw) _tarndbud_offer '--repo --key --to --url --db-version --channel --level --keep-diffs --old-key --notes --json --help' ;;
 	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --data-version --keep-diffs --force --help' ;;
+	export) _tarndbud_offer '--repo --key --from --with-full --also --db-version --json --help' ;;
 	changes) _tarndbud_offer '--repo --key --db-version --examples --limit --json --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;

@@ -156,8 +156,8 @@ TEST_F(ProgramTest, FailsWhenItsOutputIsLost) {
 
 TEST_F(ProgramTest, OffersEveryCommandThatItKnows) {
 	EXPECT_EQ(Run({"--help"}, AllCommands()), 0);
-	for (const char* name : {"init", "status", "update", "fix", "force-install", "check", "read", "refresh", "metrics",
-	         "schedule", "volume"}) {
+	for (const char* name : {"init", "status", "update", "fix", "force-install", "import", "check", "read", "refresh",
+	         "metrics", "schedule", "volume"}) {
 		EXPECT_THAT(out_.str(), HasSubstr(std::string("\n  ") + name + " "));
 	}
 }
@@ -165,10 +165,10 @@ TEST_F(ProgramTest, OffersEveryCommandThatItKnows) {
 TEST_F(ProgramTest, RefusesArgumentsThatACommandCannotUse) {
 	for (const std::vector<const char*>& arguments :
 	    std::vector<std::vector<const char*>>{{"init", "geo"}, {"update", "geo", "--all"}, {"update", "--jsonx"},
-	        {"force-install", "geo"}, {"force-install", "geo", "x"}, {"read", "geo"}, {"read", "geo", "--"},
-	        {"read", "geo", "ls"}, {"read", "--", "ls"}, {"fix", "--all", "geo"}, {"refresh", "x"},
-	        {"volume", "mounted"}, {"check", "--all", "geo"}, {"check", "--timeout", "-1"}, {"schedule", "geo"},
-	        {"schedule", "geo", "maybe"}, {"volume"}, {"volume", "show", "x"}}) {
+	        {"force-install", "geo"}, {"force-install", "geo", "x"}, {"read", "geo"}, {"read", "geo", "--"}, {"import"},
+	        {"import", "--force"}, {"read", "geo", "ls"}, {"read", "--", "ls"}, {"fix", "--all", "geo"},
+	        {"refresh", "x"}, {"volume", "mounted"}, {"check", "--all", "geo"}, {"check", "--timeout", "-1"},
+	        {"schedule", "geo"}, {"schedule", "geo", "maybe"}, {"volume"}, {"volume", "show", "x"}}) {
 		EXPECT_EQ(Run(arguments, AllCommands()), 2) << arguments[0];
 	}
 }

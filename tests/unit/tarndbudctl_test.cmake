@@ -7,6 +7,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_download_test.cpp
 	tarndbudctl_failure_test.cpp
 	tarndbudctl_files_test.cpp
+	tarndbudctl_import_test.cpp
 	tarndbudctl_hold_test.cpp
 	tarndbudctl_messages_test.cpp
 	tarndbudctl_metrics_test.cpp

@@ -1,0 +1,115 @@
+#include "dataupdate/download_source.h"
+#include "dataupdate/update_error.h"
+#include "host/commands/commands.h"
+#include "host/commands/update.h"
+#include "host/library/installed_package.h"
+#include "host/library/kit_offer.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <iterator>
+#include <optional>
+
+namespace tarn::ctl {
+
+namespace {
+
+std::string Join(const std::vector<std::string>& words) {
+	std::string text;
+	for (const std::string& word : words) {
+		text += (text.empty() ? "" : ", ") + word;
+	}
+	return text;
+}
+
+bool Holds(const std::vector<std::string>& words, const std::string& word) {
+	return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+/** What is not said of the kit by itself: which file it came from, whose packages were refused. */
+[[noreturn]] void ExplainImport(const Services& services, const std::string& path) {
+	const Failure failure = ExplainException(*services.io);
+	const std::optional<PackageRefusal> refusal = LastPackageRefusal();
+	if (failure.category == Category::kPackageRefused && refusal && refusal->not_asked_for) {
+		throw CommandError(failure.code, "The kit " + path + " holds another package than its document says: " +
+		                                     refusal->reason + "; nothing was changed");
+	}
+	if (failure.category == Category::kPackageRefused || failure.category == Category::kPackageUnusable) {
+		throw CommandError(failure.code, "The kit " + path + " cannot be used: " + failure.sentence);
+	}
+	throw;
+}
+
+Outcome Install(const Services& services, const Options& options, const std::string& id) {
+	try {
+		return ImportDatabase(services, id, options.force);
+	} catch (const dataupdate::UpdateError&) {
+		ExplainImport(services, options.path);
+	}
+}
+
+std::string DescribeAbove(int installed, int offered) {
+	return "installed " + std::to_string(installed) + " is above the kit's " + std::to_string(offered) +
+	       "; nothing was changed. \"import --force\" installs the kit's version";
+}
+
+/** The databases to import: those that are named, or all of the kit that this device has. */
+std::vector<std::string> Choose(const Services& services, const Options& options, const KitOffer& kit) {
+	if (!options.ids.empty()) {
+		return options.ids;
+	}
+	const std::vector<std::string> offered = kit.Ids();
+	const std::vector<std::string> configured = services.config->GetDatabaseIDs();
+	std::vector<std::string> ids;
+	std::copy_if(offered.begin(), offered.end(), std::back_inserter(ids),
+	    [&](const std::string& id) { return Holds(configured, id); });
+	if (ids.empty()) {
+		throw CommandError(kUnsupported,
+		    "The kit " + options.path + " is for " + Join(offered) + ", and no such database is configured here");
+	}
+	return ids;
+}
+
+void RequireOffered(const KitOffer& kit, const Options& options, const std::string& id) {
+	if (const std::vector<std::string> offered = kit.Ids(); !Holds(offered, id)) {
+		throw CommandError(kFailed, "The kit " + options.path + " has no package of " + id + ", but is for " +
+		                                (offered.empty() ? "no database" : Join(offered)));
+	}
+}
+
+void Declare(CLI::App& app, Options& options) {
+	app.add_option("FILE", options.path, "Kit that \"tarndbudpub export\" has made")->required();
+	app.add_option("ID", options.ids, "Databases to install; by default all of the kit that are configured");
+	app.add_flag("--force", options.force, "Install an older version than the installed one as well");
+	DeclareNoWait(app, options);
+	DeclareJsonArray(app, options);
+}
+
+ExitCode Run(const Services& services, const Options& options) {
+	RequireIdle(services, options);
+	const KitOffer kit(options.path);
+	const Services own = kit.InPlaceOfServer(services);
+	const dataupdate::DownloadSourceScope scope(kit.Packages());
+	Report report(own, options);
+	const Offerer offerer = {"import",
+	    [&](const Services& /*services*/, const std::string& id) { return Install(own, options, id); },
+	    [](const std::string& /*id*/, int installed, int offered) { return DescribeAbove(installed, offered); }};
+	return report.RunEach(Choose(services, options, kit), [&](const std::string& id) {
+		services.config->CheckSupported(id);
+		RequireOffered(kit, options, id);
+		return InstallOffered(own, report, id, offerer);
+	});
+}
+
+} // namespace
+
+const Command kImportCommand = {"import", "Install databases from a kit, without a network",
+    "A kit is one file with packages, which \"tarndbudpub export\" makes. Does with it what update does with the "
+    "server:\n"
+    "the same signatures, locks, hooks, diff packages and records. Asks no server, and leaves the server's document "
+    "as\n"
+    "it is. Leaves a later version than the kit's alone.",
+    {kUnsupported, kAboveOffered, kLocked}, true, true, Declare, Run};
+
+} // namespace tarn::ctl
