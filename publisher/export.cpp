@@ -112,7 +112,7 @@ private:
 		const bool has_chain = from && HasChain(id, *from, entry);
 		for (int version = has_chain ? *from : entry.data_version; version < entry.data_version;) {
 			++version;
-			AddPackage({kit::Kind::kDiff, id, version, 0, {}}, entry.diff_files.at(version).file_size);
+			AddPackage({kit::Kind::kDiff, id, version, 0, {}}, entry.diff_files.at(version));
 			const std::string key = std::to_string(version);
 			kept[key] = listed[key];
 		}
@@ -139,18 +139,18 @@ private:
 		return true;
 	}
 
-	void AddPackage(kit::Part part, const std::optional<int>& promised_size) {
-		const bool is_diff = part.kind == kit::Kind::kDiff;
-		const std::string name = is_diff ? Repository::DiffName(part.id, part.data_version)
+	void AddPackage(kit::Part part, const std::optional<DiffFile>& promised) {
+		const bool is_diff = promised.has_value();
+		const std::string name = is_diff ? Repository::DiffName(part.id, part.data_version, *promised)
 		                                 : Repository::PackageName(part.id, part.data_version);
 		const std::string path = options_.repository + "/" + name;
 		UniqueFd file = Open(path);
 		const archive::ArchiveFile archive =
 		    reader_.Open(path, {part.id, "", part.data_version, is_diff ? kDiffKind : "full"});
 		part.size = archive.Head().FileSize();
-		if (promised_size && part.size != static_cast<std::uint64_t>(*promised_size)) {
+		if (promised && part.size != static_cast<std::uint64_t>(promised->file_size)) {
 			throw PublishError("The package " + path + " has " + std::to_string(part.size) + " bytes, and not the " +
-			                   std::to_string(*promised_size) + " that the document names.");
+			                   std::to_string(promised->file_size) + " that the document names.");
 		}
 		content_.packages.push_back({std::move(part), std::move(file)});
 	}

@@ -145,3 +145,43 @@ def test_a_device_with_an_old_document_finds_no_garbage(history: History, connec
     assert connected.version(HEALTHY) == 4
     connected.update(INFECTED)
     history.assert_good()
+
+
+def test_what_a_withdrawal_leaves_is_in_order_for_every_other_command(
+    history: History, connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    history.publish_bad("garbage")
+    connected.update(INFECTED)
+    history.withdraw()
+    repository = ["--repo", publisher.repository, "--key", publisher.public_key]
+    assert json.loads(programs.run_ok(programs.PUB, "check-repo", "--json", *repository).stdout)["problems"] == []
+    programs.run_ok(programs.PUB, "promote", HEALTHY, "--from", "1", "--to", "second", *repository)
+    told = programs.run_ok(programs.PUB, "changes", HEALTHY, "2", "3", *repository).stdout
+    assert "garbage/deep/file" in told
+    programs.run_ok(programs.PUB, "prune", "--repo", publisher.repository)
+    assert not list((publisher.repository / f"packages/{HEALTHY}").glob(".withdrawn/*"))
+    assert json.loads(programs.run_ok(programs.PUB, "check-repo", "--json", *repository).stdout)["problems"] == []
+    for name, version in ((HEALTHY, 2), (INFECTED, 3)):
+        kit = tmp_path / f"{name}.kit"
+        programs.run_ok(programs.PUB, "export", name, kit, *repository, "--from", str(version))
+        before = len(nginx.requests())
+        connected.run_ok("import", kit)
+        assert len(nginx.requests()) == before
+    history.assert_good()
+
+
+def test_a_kit_does_not_go_past_a_hold(
+    history: History, connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    history.publish_bad("garbage")
+    kit = tmp_path / "kit"
+    programs.run_ok(
+        programs.PUB, "export", HEALTHY, kit, "--repo", publisher.repository, "--key", publisher.public_key,
+        "--from", "2",
+    )  # fmt: skip
+    connected.run_ok("hold", HEALTHY, "2")
+    assert connected.run("import", kit).status == 8
+    assert connected.version(HEALTHY) == 2
+    connected.run_ok("unhold", HEALTHY)
+    connected.run_ok("import", kit)
+    assert connected.version(HEALTHY) == 3
