@@ -132,6 +132,7 @@ private:
  * The server's description changed to that of another version, as Update::ForceInstall() installs it: the link is the
  * server's with every occurrence of its version number rewritten, wherever in the link it is.
  *
+ * @param remote   what the server offers
  * @param version  a positive number is that version, 0 the server's, a negative number N the version N before it
  */
 [[nodiscard]] TARNDBUD_EXPORT RemoteInfo Retarget(RemoteInfo remote, int version);
