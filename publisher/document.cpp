@@ -127,6 +127,10 @@ void Document::Put(const std::string& id, const Entry& entry) {
 	place["last_fetch_time"] = entry.last_fetch_time;
 	place["download_link"] = entry.download_link;
 	place["diff_files"] = ToJson(entry.diff_files);
+	place.removeMember("file_size"); // One of another version would mislead.
+	if (entry.file_size > 0) {
+		place["file_size"] = Json::UInt64{entry.file_size};
+	}
 }
 
 std::string Document::Text() const {

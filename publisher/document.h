@@ -6,6 +6,7 @@
 
 #include <json/json.h>
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -31,6 +32,7 @@ struct Entry {
 	int last_fetch_time = 0;
 	std::string download_link;
 	std::map<int, DiffFile> diff_files; // by the version that each leads to
+	std::uint64_t file_size = 0;        // of the full package; 0: not told
 };
 
 /**

@@ -88,8 +88,8 @@ public:
 		package.Commit();
 		CommitDiff();
 		repository_.RememberUrl(options_.url);
-		repository_.WriteEntry(
-		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
+		repository_.WriteEntry(options_.db_version, options_.id,
+		    {result_.data_version, fetch_time_, result_.download_link, DiffFiles(), result_.package_size});
 		Sweep();
 		return std::move(result_);
 	}

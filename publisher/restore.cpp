@@ -131,7 +131,7 @@ private:
 		}
 		RequireOneFormat(packages);
 		const auto& [version, newest] = *packages.full.rbegin();
-		Entry entry = {version, newest.published, LinkTo(url_, Repository::PackageName(id, version)), {}};
+		Entry entry = {version, newest.published, LinkTo(url_, Repository::PackageName(id, version)), {}, newest.size};
 		if (!newest.says_when) {
 			observer_.warn(newest.path + " does not say when it was published; the time of the file is used.");
 		}
