@@ -26,6 +26,8 @@ struct Options {
 	bool all = false;
 	bool no_wait = false;
 	bool even_unfinished = false;
+	bool retry_refused = false;
+	bool watch = false;
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;

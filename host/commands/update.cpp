@@ -1,3 +1,5 @@
+#include "base/text.h"
+#include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/failure.h"
@@ -16,6 +18,19 @@ namespace {
 /** -1 for what is unfinished, because the library installs it again as a whole. */
 int VersionBefore(const Outcome& outcome) {
 	return outcome.was_unfinished ? -1 : outcome.before;
+}
+
+std::uint64_t SavedBytes(const Outcome& outcome) {
+	const std::uint64_t full = outcome.full_package_bytes.value_or(0);
+	return full > outcome.downloaded_bytes ? full - outcome.downloaded_bytes : 0;
+}
+
+std::string DescribeSaving(const Outcome& outcome) {
+	if (SavedBytes(outcome) == 0) {
+		return "";
+	}
+	return " (downloaded " + HumanSize(outcome.downloaded_bytes) + ", saved " + HumanSize(SavedBytes(outcome)) +
+	       " of the full package)";
 }
 
 std::string DescribeChange(const Outcome& outcome) {
@@ -38,6 +53,10 @@ Json::Value ChangeToJson(const Outcome& outcome) {
 	}
 	Json::Value result = MakeResult("updated", outcome.Version());
 	result["previous_version"] = outcome.before;
+	result["downloaded_bytes"] = Json::UInt64{outcome.downloaded_bytes};
+	if (outcome.full_package_bytes) {
+		result["full_package_bytes"] = Json::UInt64{*outcome.full_package_bytes};
+	}
 	return result;
 }
 
@@ -69,17 +88,39 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 	                                " is offered; the system log tells why");
 }
 
-ExitCode Update(const Services& services, Report& report, const std::string& id) {
-	services.config->CheckSupported(id);
+/** What came of an update that ended without an exception. */
+struct Result {
 	Outcome outcome;
-	const ExitCode code = RunRecorded(services, id, "update", [&] {
-		RequireNoLostVolume(services);
-		RequireSafePlaces(services, id);
-		outcome = UpdateDatabase(services, id);
-		return Judge(services, id, outcome);
-	});
-	if (outcome.installed) {
-		report.Tell(id, DescribeChange(outcome), ChangeToJson(outcome));
+	Failure refusal; ///< By a check of this machine; the other databases are no worse for it.
+};
+
+ExitCode TryUpdate(const Services& services, const Options& options, const std::string& id, Result& result) {
+	RequireNoLostVolume(services);
+	RequireSafePlaces(services, id);
+	try {
+		result.outcome =
+		    UpdateDatabase(services, id, options.retry_refused ? RefusedVersion::kRetry : RefusedVersion::kLeave);
+	} catch (const dataupdate::UpdateError& error) {
+		if (CategoryOf(error.what()) != Category::kRefusedByCheck) {
+			throw;
+		}
+		result.refusal = ExplainException(*services.io);
+		RecordFailure(id, "update", result.refusal);
+		return kRefusedHere;
+	}
+	return Judge(services, id, result.outcome);
+}
+
+ExitCode Update(const Services& services, const Options& options, Report& report, const std::string& id) {
+	services.config->CheckSupported(id);
+	Result result;
+	const ExitCode code = RunRecorded(services, id, "update", [&] { return TryUpdate(services, options, id, result); });
+	const Outcome& outcome = result.outcome;
+	if (code == kRefusedHere) {
+		report.Fail(id, result.refusal, "refused");
+	} else if (outcome.installed) {
+		const std::string saving = services.terminal.Draws() ? DescribeSaving(outcome) : "";
+		report.Tell(id, DescribeChange(outcome) + saving, ChangeToJson(outcome));
 	} else if (code == kAboveOffered) {
 		report.Tell(
 		    id, DescribeAbove(id, outcome.before, outcome.offered), AboveToJson(outcome.before, outcome.offered));
@@ -93,13 +134,15 @@ ExitCode Update(const Services& services, Report& report, const std::string& id)
 void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "update", "Update the scheduled databases");
 	DeclareNoWait(app, options);
+	app.add_flag(
+	    "--retry-refused", options.retry_refused, "Also try versions that a check of this machine refused before");
 	DeclareJsonArray(app, options);
 }
 
 ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
-	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, report, id); });
+	return report.RunNamedOrScheduled([&](const std::string& id) { return Update(services, options, report, id); });
 }
 
 } // namespace
@@ -110,7 +153,7 @@ const Command kUpdateCommand = {"update", "Bring databases to the server's versi
     "fails. Tries all databases that are named; the exit status is then that of the first failure. Fails when nothing "
     "could\n"
     "be updated because there is no storage volume. Leaves a later version than the server's alone, and updates the "
-    "others.",
-    {kUnsupported, kAboveOffered, kLocked}, true, true, Declare, Run};
+    "others. Leaves a version alone that a hook of this machine refused before, as well.",
+    {kUnsupported, kAboveOffered, kRefusedHere, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

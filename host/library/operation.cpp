@@ -2,7 +2,10 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/progress.h"
+#include "host/library/package_plan.h"
 #include "host/library/preparation.h"
+#include "host/library/rejection.h"
 
 #include <syslog.h>
 
@@ -72,11 +75,19 @@ Outcome Finish(const Services& services, const std::string& id, const Operation:
 	return {};
 }
 
-Outcome AfterFinishing(
-    const Services& services, const std::string& id, Change change, const Operation::CheckVolume& check_volume) {
+Outcome AfterFinishing(const Services& services, const std::string& id, Change change, RefusedVersion refused,
+    const Operation::CheckVolume& check_volume) {
 	const Outcome finished = Finish(services, id, check_volume);
 	Operation operation(services, id, change, check_volume);
-	change == Change::kFix ? operation.Front().FixProject(id) : operation.Front().UpdateProject(id);
+	if (refused == RefusedVersion::kRetry) {
+		operation.RetryRefused();
+	}
+	if (change == Change::kFix) {
+		// Asks the check again, whatever it said before: a person wants it, or there is nothing better to be had.
+		RememberingRejection(id, operation.Result().offered, [&] { operation.Front().FixProject(id); });
+	} else {
+		operation.Front().UpdateProject(id);
+	}
 	Outcome outcome = operation.Result();
 	if (finished.installed && !outcome.installed) {
 		outcome.before = finished.before;
@@ -103,6 +114,7 @@ public:
 		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
 		LogMissingDiff(id, operation_.outcome_, diffs);
+		PlanChain(operation_.services_, id, operation_.outcome_.before, operation_.outcome_.offered, diffs);
 		return diffs;
 	}
 	DatabaseStatus GetDatabaseStatus(const std::string& /*id*/) const override { return operation_.ReadStatus(); }
@@ -125,15 +137,11 @@ public:
 	DatabaseStatus Update(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const Diffs& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory) const override {
-		const Services& services = operation_.services_;
-		RecordKeeper& record = operation_.record_;
 		if (operation_.change_ == Change::kFinish) {
-			operation_.update_ = services.finish(id, volume, installPrefix);
-			record.RecallUnfinished();
+			operation_.update_ = operation_.services_.finish(id, volume, installPrefix);
+			operation_.record_.RecallUnfinished();
 		} else {
-			record.PrepareUpdate();
-			operation_.update_ = services.update(id, status, remote, diffs, volume, installPrefix, rootDirectory,
-			    [&record](const std::string& name) { return record.KnownDigest(name); });
+			operation_.Install(status, remote, diffs, volume, installPrefix, rootDirectory);
 		}
 		return WithoutFiles(operation_.update_.data_version, operation_.update_.last_fetch_time);
 	}
@@ -182,6 +190,23 @@ RemoteInfo Operation::AskPlan() const {
 	return {version.value_or(outcome_.before), 0, false, ""};
 }
 
+void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, const Diffs& diffs,
+    const std::string& volume, const std::string& install_prefix, const std::string& root_directory) {
+	if (refused_ == RefusedVersion::kLeave) {
+		RequireNotRejected(id_, remote.data_version);
+	}
+	record_.PrepareUpdate();
+	const std::uint64_t bytes_before = dataupdate::DownloadedBytes();
+	RememberingRejection(id_, remote.data_version, [&] {
+		update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory,
+		    [this](const std::string& name) { return record_.KnownDigest(name); });
+	});
+	outcome_.downloaded_bytes = dataupdate::DownloadedBytes() - bytes_before;
+	if (!update_.is_full) {
+		outcome_.full_package_bytes = FullPackageBytes(*services_.info, id_);
+	}
+}
+
 DatabaseStatus Operation::ReadStatus() {
 	const InstalledRecord record = ReadInstalled(services_, id_);
 	DatabaseStatus status = WithoutFiles(record.data_version, record.last_fetch_time);
@@ -213,6 +238,7 @@ void Operation::RecordStatus(InstalledRecord record) {
 	ForgetInstalledPackage(id_);
 	WriteInstalled(services_, id_, record);
 	outcome_.installed = record.data_version;
+	ForgetRejection(id_, record.data_version);
 	const std::optional<OpenedPackage> package = packages_.Last(id_);
 	if (package && package->data_version == record.data_version) {
 		RecordInstalledPackage(id_, *package);
@@ -235,15 +261,16 @@ void Operation::KeepRecord(InstalledRecord record) {
 	}
 }
 
-Outcome UpdateDatabase(const Services& services, const std::string& id) {
-	return AfterFinishing(services, id, Change::kUpdate, [&services, &id] {
+Outcome UpdateDatabase(const Services& services, const std::string& id, RefusedVersion refused) {
+	return AfterFinishing(services, id, Change::kUpdate, refused, [&services, &id] {
 		RequireNoLostVolume(services);
 		RequireSafePlaces(services, id);
 	});
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {
-	return AfterFinishing(services, id, Change::kFix, [&services, &id] { RequireVolumeFor(services, id); });
+	return AfterFinishing(
+	    services, id, Change::kFix, RefusedVersion::kRetry, [&services, &id] { RequireVolumeFor(services, id); });
 }
 
 Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target) {

@@ -7,6 +7,7 @@
 #include "host/library/record_keeper.h"
 #include "host/library/services.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,6 +24,15 @@ struct Outcome {
 	int offered = -1;             ///< The server's version; -1 when the server was not asked.
 	std::optional<int> installed; ///< The version that was installed and recorded; none when nothing was changed.
 	bool is_finished = false;     ///< Whether that was prepared by a run that was killed, and is all that was done.
+	std::uint64_t downloaded_bytes = 0; ///< By an update, packages only.
+	/** Size of the full package in whose place diff packages were installed; none when that is not known. */
+	std::optional<std::uint64_t> full_package_bytes;
+};
+
+/** What happens to a version that a check of this machine refused before. */
+enum class RefusedVersion {
+	kLeave, ///< The refusal is thrown again.
+	kRetry, ///< The check is asked again.
 };
 
 /**
@@ -31,7 +41,8 @@ struct Outcome {
  * This and FixDatabase() first finish a replacement that was killed, from what it had prepared, where that is whole:
  * the database is then of one version again even if the server does not answer.
  */
-[[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id);
+[[nodiscard]] Outcome UpdateDatabase(
+    const Services& services, const std::string& id, RefusedVersion refused = RefusedVersion::kLeave);
 /** Reinstalls the server's version if anything is missing, changed, unknown or half replaced. */
 [[nodiscard]] Outcome FixDatabase(const Services& services, const std::string& id);
 /**
@@ -66,6 +77,9 @@ public:
 	std::shared_ptr<dataupdate::InfoGetter> Info();
 	std::shared_ptr<dataupdate::Updater> Updater();
 
+	/** Has a version tried again that a check refused before. */
+	void RetryRefused() { refused_ = RefusedVersion::kRetry; }
+
 	OpenedPackages& Packages() { return packages_; }
 	const Outcome& Result() const { return outcome_; }
 
@@ -78,6 +92,10 @@ private:
 	dataupdate::RemoteInfo AskPlan() const;
 	dataupdate::DatabaseStatus ReadStatus();
 	void RecordStatus(dataupdate::InstalledRecord record);
+	/** Installs a new version unless it was refused before, and remembers a refusal. */
+	void Install(const dataupdate::DatabaseStatus& status, const dataupdate::RemoteInfo& remote,
+	    const std::map<int, dataupdate::DiffInfo>& diffs, const std::string& volume, const std::string& install_prefix,
+	    const std::string& root_directory);
 	void KeepRecord(dataupdate::InstalledRecord record);
 
 	const Services& services_;
@@ -88,6 +106,7 @@ private:
 	OpenedPackages packages_;
 	dataupdate::UpdateResult update_;
 	Outcome outcome_;
+	RefusedVersion refused_ = RefusedVersion::kLeave;
 };
 
 } // namespace tarn::ctl

@@ -132,7 +132,7 @@ Services MakeServices(Terminal& terminal) {
 	    [](const std::string& id, const dataupdate::InstalledRecord& record) {
 		    dataupdate::WriteLargeRecord(id, record);
 	    },
-	    dataupdate::FindPreparedReplacement, dataupdate::FinishReplacement};
+	    dataupdate::FindPreparedReplacement, dataupdate::FinishReplacement, FindNextRun};
 }
 
 dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {

@@ -9,6 +9,7 @@
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
 #include "host/library/failure.h"
+#include "host/library/next_run.h"
 #include "host/terminal/terminal.h"
 
 #include <cstdint>
@@ -87,6 +88,8 @@ struct Services {
 	std::function<dataupdate::UpdateResult(
 	    const std::string& id, const std::string& volume, const std::string& install_prefix)>
 	    finish = nullptr;
+	/** When scheduled databases are updated next; nothing to call in a double. */
+	std::function<std::optional<NextRun>()> next_run = nullptr;
 };
 
 /** What InfoGetter::GetDatabaseStatus() says, in little memory. */
