@@ -180,6 +180,9 @@ ProgressLine::~ProgressLine() {
 }
 
 void ProgressLine::Show(ProgressMeter& meter, ProgressPublisher& publisher) {
+	if (!draws_ && ProgressSubject::Current().empty()) {
+		return; // Nobody is told.
+	}
 	const Sample sample = TakeSample();
 	const std::string line = meter.Line(sample);
 	if (draws_) {

@@ -1,16 +1,17 @@
 #include "host/terminal/progress_file.h"
 
-#include "base/file_io.h"
 #include "base/mutex.h"
 #include "base/text.h"
 
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <exception>
+#include <algorithm>
 #include <fstream>
 
 namespace tarn::ctl {
@@ -20,6 +21,8 @@ using dataupdate::Phase;
 namespace {
 
 constexpr std::size_t kLongestLine = 200;
+constexpr std::size_t kRecordBytes = 1024;
+constexpr mode_t kMode = 0644;
 
 struct Subject {
 	Mutex mutex;
@@ -50,6 +53,13 @@ ProgressRecord Describe(const std::string& id, const Sample& sample, const std::
 		record.whole_bytes = sample.download.bytes;
 	}
 	return record;
+}
+
+/** Of one length, so that each record takes the place of the one before in one write. */
+std::string Padded(std::string text) {
+	text.back() = ' ';
+	text.resize(std::max(text.size(), kRecordBytes) - 1, ' ');
+	return text + '\n';
 }
 
 /** Throws JsonCpp's exceptions. */
@@ -83,8 +93,9 @@ std::string ProgressSubject::Current() {
 }
 
 ProgressPublisher::~ProgressPublisher() {
-	if (!written_.empty() || !ReadProgress()) {
-		unlink(kProgressFile); // What cannot be removed names a process that does not live.
+	const std::optional<ProgressRecord> record = ReadProgress();
+	if (!record || record->process == getpid()) { // Else the next operation has written it already.
+		unlink(kProgressFile);                    // What cannot be removed names a process that does not live.
 	}
 }
 
@@ -93,15 +104,16 @@ void ProgressPublisher::Publish(const Sample& sample, const std::string& line) {
 	if (id.empty() || sample.activity.phase == Phase::kIdle) {
 		return;
 	}
-	const std::string text = FormatProgress(Describe(id, sample, line));
+	const std::string text = Padded(FormatProgress(Describe(id, sample, line)));
 	if (text == written_) {
 		return;
 	}
-	try {
-		WriteWholeFile(kProgressFile, text);
+	if (!file_) {
+		file_ = UniqueFd(open(kProgressFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kMode));
+	}
+	// A record for spectators must not end the update, so what cannot be written is not.
+	if (file_ && pwrite(file_.Get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size())) {
 		written_ = text;
-	} catch (const std::exception&) {
-		// A record for spectators must not end the update.
 	}
 }
 

@@ -2,6 +2,7 @@
 #ifndef HOST_TERMINAL_PROGRESS_FILE_H
 #define HOST_TERMINAL_PROGRESS_FILE_H
 
+#include "base/unique_fd.h"
 #include "host/terminal/progress.h"
 
 #include <cstdint>
@@ -49,6 +50,7 @@ public:
 	void Publish(const Sample& sample, const std::string& line);
 
 private:
+	UniqueFd file_;
 	std::string written_;
 };
 
