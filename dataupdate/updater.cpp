@@ -64,10 +64,17 @@ struct Prepared {
 template<typename Strategy>
 Prepared Prepare(const std::shared_ptr<Strategy>& strategy) {
 	strategy->PrepareUpdate();
-	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); },
-	    {strategy->PreparedTree(),
-	        [own = strategy.get()](const PreparedUpdate::Visit& visit) { own->VisitPrepared(visit); },
-	        [own = strategy.get()] { return own->IsInstallable(); }}};
+	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }, {}};
+}
+
+/** Does the same for a new version, which hooks may check. */
+template<typename Strategy>
+Prepared PrepareNew(const std::shared_ptr<Strategy>& strategy) {
+	Prepared prepared = Prepare(strategy);
+	prepared.content = {strategy->PreparedTree(),
+	    [own = strategy.get()](const PreparedUpdate::Visit& visit) { own->VisitPrepared(visit); },
+	    [own = strategy.get()] { return own->IsInstallable(); }};
+	return prepared;
 }
 
 void InstallBetweenHooks(const std::string& id, const Prepared& prepared, const std::function<void()>& announce) {
@@ -163,11 +170,11 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		const auto diff =
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
 		diff->TakeDigestsFrom(known);
-		prepared = Prepare(diff);
+		prepared = PrepareNew(diff);
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
-		prepared = Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
+		prepared = PrepareNew(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;
 	}
 	Validate({id, status.data_version, remote.data_version, volume, installPrefix}, prepared.content);
@@ -225,7 +232,7 @@ DatabaseStatus Fixer::Fix() const {
 InstalledRecord Fixer::FixAndTell() const {
 	TARN_LOG(LOG_WARNING, "Try to fix database %s", id_.c_str());
 	Prepared prepared =
-	    Prepare(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
+	    PrepareNew(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
 	Validate({id_, std::nullopt, remote_.data_version, volume_, install_prefix_}, prepared.content);
 	InstalledRecord result(remote_.data_version, remote_.last_fetch_time, {});
 	result.files = Install(id_, std::move(prepared), install_prefix_, [] {});
