@@ -36,6 +36,7 @@ class Administrator:
             "/var/lib/prometheus/node-exporter": str(home),
             " release": f" {home}/release",
             " examples/hook": f" {SOURCE}/examples/hook",
+            " examples/check": f" {SOURCE}/examples/check",
             "0-1800": "0-0",
         }
 
@@ -190,3 +191,22 @@ def test_the_example_hook_runs_where_the_document_puts_it(
     publisher.publish(tree, DATABASE)
     configured.device.update(DATABASE)
     assert (tree.parent / "ran").read_text().split() == ["pre", "post"]
+
+
+def test_the_example_check_refuses_a_damaged_database(
+    configured: Administrator, publisher: Publisher, tmp_path: Path
+) -> None:
+    configured.follow("Hooks")
+    root = trees.write_tree(tmp_path / "checked", {"a": b"a"})
+    trees.write_database(root / "rows.sqlite", 100)
+    publisher.publish(root, DATABASE, "--level", "1")
+    configured.device.update(DATABASE)
+    trees.assert_same(root, configured.device.installed(DATABASE))
+    database = root / "rows.sqlite"
+    database.write_bytes(database.read_bytes()[:4096] + b"damage" * 1000)
+    publisher.publish(root, DATABASE, "--level", "1")
+    configured.device.forget_document()
+    result = configured.device.run("update", DATABASE)
+    assert result.status == 6, str(result)
+    assert f"rows.sqlite of {DATABASE} 2 is damaged" in result.stderr
+    assert configured.device.version(DATABASE) == 1
