@@ -77,8 +77,6 @@ def test_a_terminal_tells_the_package_percent_and_time_left_and_what_was_saved(
         rf"{DATABASE}: updated from version 1 to version 3 \(downloaded 20\d\.\d kB, saved (59|60)\d\.\d kB of the full package\)\r\n",
         update.shown,
     ), update.shown
-    entries = publisher.entry(DATABASE)
-    assert entries["file_size"] == publisher.package(DATABASE, 3).stat().st_size
 
 
 def test_the_beginning_of_a_full_package_tells_its_size(
