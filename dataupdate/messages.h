@@ -38,6 +38,8 @@ constexpr char kLowSpace[] = "Disk space is too low";       ///< Less than 5 % w
 constexpr char kDiffUpdate[] = "Fail to diff update: ";     ///< Then the reason; files may have been replaced.
 constexpr char kFullUpdate[] = "Fail to full update: ";     ///< Then the reason; files may have been replaced.
 constexpr char kForceInstall[] = "Fail to force install: "; ///< Then the reason; files may have been replaced.
+constexpr char kRefused[] = "Refused by hook '";      ///< Then the hook, "': " and its sentence; nothing was replaced.
+constexpr char kNoVerdict[] = "No verdict by hook '"; ///< Then the hook, "': " and why; nothing was replaced.
 
 constexpr char kNoSuitableVolume[] = "Cannot find suitable volume.";  ///< No volume may hold the databases.
 constexpr char kCannotListVolumes[] = "Failed to enum all volumes: "; ///< Then the platform's error number.

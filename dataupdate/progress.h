@@ -16,7 +16,7 @@
 namespace tarn::dataupdate {
 
 /** Kinds of work. */
-enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash, kPatch };
+enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash, kPatch, kCheck };
 
 /** One piece of work. */
 struct Activity {

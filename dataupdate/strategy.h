@@ -44,6 +44,9 @@ struct TARNDBUD_EXPORT ModifyInfo {
 	std::string source;         ///< The new content, in the temporary area.
 };
 
+/** Learns of a file by its name below the install directory and where it is prepared; empty when it is deleted. */
+using VisitFile = std::function<void(const std::string& name, const std::string& source)>;
+
 /** The interface, with operations that do nothing, and what all strategies share. */
 class TARNDBUD_EXPORT BaseStrategy {
 public:
@@ -99,6 +102,12 @@ public:
 	std::int64_t GetDeltaSize() const override;
 	/** GetModifiedFiles() in little memory. */
 	[[nodiscard]] FileList ListModifiedFiles() const;
+	/** Visits all files of the new version in the order of their names. */
+	void VisitPrepared(const VisitFile& visit) const;
+	/** Holds these files under their names between PrepareUpdate() and ApplyUpdate(). */
+	[[nodiscard]] const std::string& PreparedTree() const;
+	/** True: what cannot be installed has not been prepared. */
+	[[nodiscard]] bool IsInstallable() const;
 
 private:
 	void _CalModifyInfo();
@@ -157,6 +166,15 @@ public:
 	std::int64_t GetDeltaSize() const override;
 	/** GetModifiedFiles() in little memory. */
 	[[nodiscard]] FileList ListModifiedFiles() const;
+	/**
+	 * Visits the files that change in the order of their names. Throws UpdateError "Not a regular file: <working copy>"
+	 * when a package created something else.
+	 */
+	void VisitPrepared(const VisitFile& visit) const;
+	/** Empty: files lie under other names, and unchanged ones not at all, until ApplyUpdate(). */
+	[[nodiscard]] std::string PreparedTree() const;
+	/** Whether VisitPrepared() does not throw; otherwise ApplyUpdate() fails before it replaces a file. */
+	[[nodiscard]] bool IsInstallable() const;
 	/** Has a function tell the digests of files that the status does not list; to be called before PrepareUpdate(). */
 	void TakeDigestsFrom(std::function<std::optional<std::string>(const std::string& name)> known);
 

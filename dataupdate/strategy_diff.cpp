@@ -151,6 +151,29 @@ FileList DiffStrategy::ListModifiedFiles() const {
 	return files;
 }
 
+void DiffStrategy::VisitPrepared(const VisitFile& visit) const {
+	if (!patcher_) {
+		return;
+	}
+	for (const auto& [name, info] : patcher_->CheckedChanges()) {
+		visit(name, info.operation == ModifyInfo::kDelete ? "" : info.source);
+	}
+}
+
+// Like the other strategy's. NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+std::string DiffStrategy::PreparedTree() const {
+	return "";
+}
+
+bool DiffStrategy::IsInstallable() const {
+	try {
+		VisitPrepared([](const std::string& /*name*/, const std::string& /*source*/) {});
+		return true;
+	} catch (const UpdateError&) {
+		return false;
+	}
+}
+
 void DiffStrategy::TakeDigestsFrom(std::function<std::optional<std::string>(const std::string& name)> known) {
 	known_digest_ = std::move(known);
 }

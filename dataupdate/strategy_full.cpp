@@ -71,7 +71,7 @@ FullStrategy::~FullStrategy() {
 void FullStrategy::PrepareUpdate() {
 	const IOUtils io;
 	// What a killed run left takes space that this one needs: both of its trees, and a diff update's replaced files.
-	for (const char* suffix : {kUnpacked, kStaged, kReplaced, kAccumulated}) {
+	for (const char* suffix : {kUnpacked, kStaged, kReplaced, kAccumulated, kChecked, kChanges}) {
 		io.RmRf(TempPath(temp_base_, id_, suffix));
 	}
 	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));
@@ -123,6 +123,22 @@ FileList FullStrategy::ListModifiedFiles() const {
 		files.Add(_Target(at));
 	}
 	return files;
+}
+
+void FullStrategy::VisitPrepared(const VisitFile& visit) const {
+	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
+		const std::string name(unpacked_.Name(at));
+		visit(name, unpacked_.HasText(at) ? unpacked_.Text(at) : unpack_directory_ + "/" + name);
+	}
+}
+
+const std::string& FullStrategy::PreparedTree() const {
+	return unpack_directory_;
+}
+
+// Like the other strategy's. NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+bool FullStrategy::IsInstallable() const {
+	return true;
 }
 
 std::string FullStrategy::_Target(std::size_t at) const {

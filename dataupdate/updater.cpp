@@ -7,6 +7,7 @@
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/planned_strategy.h"
+#include "dataupdate/internal/validation.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 
@@ -57,12 +58,23 @@ void ForEachBad(
 struct Prepared {
 	std::shared_ptr<BaseStrategy> strategy;
 	std::function<FileList()> list_files;
+	PreparedUpdate content;
 };
 
 template<typename Strategy>
 Prepared Prepare(const std::shared_ptr<Strategy>& strategy) {
 	strategy->PrepareUpdate();
-	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }};
+	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }, {}};
+}
+
+/** Does the same for a new version, which hooks may check. */
+template<typename Strategy>
+Prepared PrepareNew(const std::shared_ptr<Strategy>& strategy) {
+	Prepared prepared = Prepare(strategy);
+	prepared.content = {strategy->PreparedTree(),
+	    [own = strategy.get()](const PreparedUpdate::Visit& visit) { own->VisitPrepared(visit); },
+	    [own = strategy.get()] { return own->IsInstallable(); }};
+	return prepared;
 }
 
 void InstallBetweenHooks(const std::string& id, const Prepared& prepared, const std::function<void()>& announce) {
@@ -158,16 +170,17 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		const auto diff =
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
 		diff->TakeDigestsFrom(advice.known_digest);
-		prepared = Prepare(diff);
+		prepared = PrepareNew(diff);
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		if (advice.before_full_package) {
 			advice.before_full_package();
 		}
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
-		prepared = Prepare(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
+		prepared = PrepareNew(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;
 	}
+	Validate({id, status.data_version, remote.data_version, volume, installPrefix}, prepared.content);
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
 	result.files = Install(id, std::move(prepared), installPrefix, announce);
 	result.data_version = remote.data_version;
@@ -222,7 +235,8 @@ DatabaseStatus Fixer::Fix() const {
 InstalledRecord Fixer::FixAndTell() const {
 	TARN_LOG(LOG_WARNING, "Try to fix database %s", id_.c_str());
 	Prepared prepared =
-	    Prepare(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
+	    PrepareNew(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
+	Validate({id_, std::nullopt, remote_.data_version, volume_, install_prefix_}, prepared.content);
 	InstalledRecord result(remote_.data_version, remote_.last_fetch_time, {});
 	result.files = Install(id_, std::move(prepared), install_prefix_, [] {});
 	return result;

@@ -1,9 +1,12 @@
 #include "host/program.h"
 
+#include "base/nearest.h"
+#include "base/text.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/preparation.h"
+#include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 
 #include <CLI/CLI.hpp>
@@ -56,6 +59,7 @@ constexpr Meaning kMeanings[] = {
     {kUnsupported, "the database is not configured"},
     {kFixNeeded, "a fix is needed"},
     {kAboveOffered, "a later version is installed than the server, or the kit, offers"},
+    {kRefusedHere, "a check of this machine refused the new version; nothing was replaced"},
     {kBeyondBudget, "more would have to be downloaded than is allowed"},
     {kHeld, "the database is held at its version"},
     {kLocked, "a lock was not obtained, or files are half replaced; try again later"},
@@ -154,8 +158,8 @@ ExitCode RunCommand(const Command& command, const Options& options, const Servic
 		PrepareLockFiles(services);
 	}
 	std::optional<ProgressLine> progress;
-	if (command.shows_progress && services.terminal.Draws() && !options.verbose && !options.json) {
-		progress.emplace(services.terminal);
+	if (command.shows_progress) {
+		progress.emplace(services.terminal, services.terminal.Draws() && !options.verbose && !options.json);
 	}
 	return command.run(services, options);
 }
@@ -192,8 +196,15 @@ void Parse(CLI::App& app, int argc, const char* const* argv, const std::vector<C
 }
 
 /** A wrong command line gets a sentence and the usage of the command that it names. */
-int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, std::ostream& err) {
-	err << kProgram << ": " << error.what() << ".\n\n" << app.help();
+int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, const std::vector<std::string>& words,
+    const Surroundings& surroundings) {
+	std::vector<std::string> names;
+	for (const Command& command : surroundings.commands) {
+		names.emplace_back(command.name);
+	}
+	const std::string unknown = DescribeUnknownCommand(words, names);
+	const std::string sentence = unknown.empty() ? error.what() : unknown;
+	surroundings.err << kProgram << ": " << sentence << (EndsWith(sentence, "?") ? "" : ".") << "\n\n" << app.help();
 	return kUsage;
 }
 
@@ -241,7 +252,7 @@ int RunProgram(int argc, const char* const* argv, const Surroundings& surroundin
 		app.exit(success, surroundings.out, surroundings.err);
 		return kDone;
 	} catch (const CLI::ParseError& error) {
-		return RefuseUsage(app, error, surroundings.err);
+		return RefuseUsage(app, error, {argv + std::min(argc, 1), argv + argc}, surroundings);
 	}
 	return RunGuarded(*chosen, options, surroundings);
 }

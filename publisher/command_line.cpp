@@ -1,6 +1,7 @@
 #include "publisher/command_line.h"
 
 #include "archive/signing_key.h"
+#include "base/nearest.h"
 #include "base/text.h"
 #include "publisher/changes_command.h"
 #include "publisher/export_command.h"
@@ -244,6 +245,27 @@ int RunReporting(const CLI::App& app, const Options& options, const Streams& str
 	}
 }
 
+constexpr char kWhereHelp[] = "\nRun with --help for more information.\n";
+
+/** What the parser says, unless the command is at fault, which it does not name. */
+int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, const std::vector<std::string>& arguments,
+    std::ostream& out, std::ostream& err) {
+	if (error.get_exit_code() == 0) {
+		return app.exit(error, out, err);
+	}
+	std::vector<std::string> names;
+	for (const CLI::App* command : app.get_subcommands(nullptr)) {
+		names.push_back(command->get_name());
+	}
+	const std::string unknown = DescribeUnknownCommand(arguments, names);
+	if (unknown.empty()) {
+		app.exit(error, out, err);
+	} else {
+		err << "tarndbudpub: " << unknown << (EndsWith(unknown, "?") ? "" : ".") << kWhereHelp;
+	}
+	return kUsage;
+}
+
 } // namespace
 
 int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal) {
@@ -263,7 +285,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	try {
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
 	} catch (const CLI::ParseError& error) {
-		return app.exit(error, out, err) == 0 ? kDone : kUsage;
+		return RefuseUsage(app, error, arguments, out, err);
 	} catch (const UsageError& error) {
 		err << "tarndbudpub: " << error.what() << "\n";
 		return kUsage;

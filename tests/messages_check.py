@@ -41,6 +41,11 @@ NO_MESSAGES = {
     "section-key: 'config'-",
     "Replacing files",
     "Computing digests",
+    "Having it checked",
+    "more than 100 h left",
+    " min left",
+    "ActiveState=active",
+    "--property=ActiveState,NextElapseUSecRealtime",
     "up to date",
     "above offered",
     "beyond budget",
@@ -71,8 +76,8 @@ NO_MESSAGES = {
 # The exit codes that rows of each category may have.
 FAILURES = (
     "failure", "download", "files may be a mixture", "interrupted", "lock unusable", "locked", "low space",
-    "no suitable volume", "not writable", "package refused", "package unusable", "undecodable", "unknown database",
-    "volumes unknown", "wrong configuration",
+    "no suitable volume", "no verdict", "not writable", "package refused", "package unusable", "refused by check",
+    "undecodable", "unknown database", "volumes unknown", "wrong configuration",
 )  # fmt: skip
 EXIT_CODES = {"warning": "0", **dict.fromkeys(("log", "notice", "part", "result"), "–")}
 EXIT_CODES.update(dict.fromkeys(FAILURES, r"[1-9]\d*"))

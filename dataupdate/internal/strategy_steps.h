@@ -9,6 +9,9 @@ namespace tarn::dataupdate {
 
 /** Ends the name of the directory with a diff update's working copies, and what the update replaced. */
 constexpr char kAccumulated[] = "sum";
+/** Ends the names of what checking hooks look at: a diff update's files under their names, and the list of changes. */
+constexpr char kChecked[] = "check";
+constexpr char kChanges[] = "changes";
 
 /** A name of a database's own in the temporary area: "<area>/<id>_<suffix>". */
 std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix);

@@ -32,6 +32,8 @@ struct Options {
 	std::optional<std::uint64_t> max_bytes;
 	std::optional<int> up_to;
 	bool force = false;
+	bool retry_refused = false;
+	bool watch = false;
 	std::vector<std::string> ids;
 	std::string id;
 	std::string state;

@@ -51,6 +51,6 @@ const Command kFixCommand = {"fix", "Reinstall databases whose files are missing
     "that\n"
     "fails. Leaves an intact database alone. Replaces a damaged database with the server's full package. Installs a\n"
     "database that was never installed. A database that is held gets its own version again.",
-    {kUnsupported, kHeld, kLocked}, true, true, Declare, Run};
+    {kUnsupported, kRefusedHere, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

@@ -67,10 +67,15 @@ ExitCode Report::RunScheduled(const DatabaseOperation& operation) {
 	return ForEachScheduled(services_, operation);
 }
 
-void Report::Note(const std::string& id, const Failure& failure) {
+void Report::Fail(const std::string& id, const Failure& failure, const char* result) {
+	services_.terminal.Complain(id + ": " + failure.sentence);
+	Note(id, failure, result);
+}
+
+void Report::Note(const std::string& id, const Failure& failure, const char* result) {
 	Json::Value object(Json::objectValue);
 	object["id"] = id;
-	object["result"] = "failed";
+	object["result"] = result;
 	object["error"] = failure.sentence;
 	object["exit_status"] = failure.code;
 	array_.append(std::move(object));

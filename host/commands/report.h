@@ -19,6 +19,8 @@ public:
 
 	/** The text follows the database's name and ": "; the object gets the name as its "id". */
 	void Tell(const std::string& id, const std::string& text, Json::Value object);
+	/** Tells of a failure after which the other databases are tried all the same. */
+	void Fail(const std::string& id, const Failure& failure, const char* result = "failed");
 	/** Does the work, and prints what was reported even if the work throws. */
 	[[nodiscard]] ExitCode Run(const std::function<ExitCode()>& work);
 	/** Runs the operation on each of the databases; a failure is reported and the others are tried. */
@@ -28,7 +30,7 @@ public:
 
 private:
 	[[nodiscard]] ExitCode RunScheduled(const DatabaseOperation& operation);
-	void Note(const std::string& id, const Failure& failure);
+	void Note(const std::string& id, const Failure& failure, const char* result = "failed");
 	void Print();
 
 	const Services& services_;

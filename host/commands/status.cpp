@@ -2,9 +2,12 @@
 #include "dataupdate/installation.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/commands/watch.h"
 #include "host/library/hold.h"
 #include "host/library/installed_package.h"
 #include "host/library/preparation.h"
+#include "host/library/record_keeper.h"
+#include "host/library/rejection.h"
 #include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
@@ -42,6 +45,33 @@ void ShowHold(StatusRow& row) {
 	}
 }
 
+void AddHistory(StatusRow& row, int installed) {
+	const std::optional<RunRecord> run = ReadRunRecord(row.id);
+	if (run && run->exit_status == kDone) {
+		row.last_success = run->time;
+	}
+	if (const std::optional<FailureRecord> failure = ReadFailureRecord(row.id)) {
+		row.last_failure = {failure->operation, failure->time, failure->exit_status, failure->sentence};
+	}
+	const std::optional<Rejection> rejection = ReadRejection(row.id);
+	if (rejection && rejection->version > installed) {
+		row.refused_version = rejection->version;
+	}
+}
+
+void TellNextRun(const Services& services, const std::optional<NextRun>& next, std::time_t now) {
+	if (!services.next_run) {
+		return;
+	}
+	if (next) {
+		services.terminal.Say("Next scheduled run: " + FormatMoment(next->time) + ", in " +
+		                      FormatDuration(next->time - now) + ", by " + next->by + ".\n");
+	} else {
+		services.terminal.Say(
+		    std::string("No run is scheduled: neither by ") + kTimerUnit + " nor by " + kCronTable + ".\n");
+	}
+}
+
 StatusRow Collect(const Services& services, const std::string& id) {
 	StatusRow row;
 	row.id = id;
@@ -58,6 +88,7 @@ StatusRow Collect(const Services& services, const std::string& id) {
 		row.volume = volume;
 		row.volume_problem = VolumeProblem(volume);
 	}
+	AddHistory(row, installed);
 	row.unfinished = dataupdate::IsReplacementMarked(id);
 	row.updating = services.checker->IsUpdating(id);
 	ShowHold(row);
@@ -67,6 +98,13 @@ StatusRow Collect(const Services& services, const std::string& id) {
 
 void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 	for (const StatusRow& row : rows) {
+		if (row.refused_version && row.refused_version == row.remote_version) {
+			services.terminal.Complain(
+			    row.id + ": Version " + std::to_string(*row.refused_version) +
+			    " was refused by a check of this machine, so no update installs it; \"tarndbudctl "
+			    "update " +
+			    row.id + " --retry-refused\" asks the check again.");
+		}
 		if (row.unfinished && !row.updating) {
 			services.terminal.Complain(row.id + ": The last replacement of its files was not finished; \"tarndbudctl "
 			                                    "update\" or \"tarndbudctl fix\" installs it anew.");
@@ -100,11 +138,15 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.ids, "Databases; without one, all of them");
 	app.add_flag("--json", options.json, "Print an array of objects");
+	app.add_flag("--watch", options.watch, "First follow the update that another process runs, to its end");
 }
 
 ExitCode Run(const Services& services, const Options& options) {
 	for (const std::string& id : options.ids) {
 		services.config->CheckSupported(id);
+	}
+	if (options.watch && WatchUpdate(services, options) == kInterrupted) {
+		return kInterrupted;
 	}
 	if (services.hurry) {
 		services.hurry();
@@ -116,10 +158,17 @@ ExitCode Run(const Services& services, const Options& options) {
 		    return IsAboveOffered(rows.back()).value_or(false) ? kAboveOffered : kDone;
 	    });
 	const std::time_t now = std::time(nullptr);
+	const std::optional<NextRun> next = services.next_run ? services.next_run() : std::nullopt;
+	for (StatusRow& row : rows) {
+		if (next && row.scheduled) {
+			row.next_run = next->time;
+		}
+	}
 	if (options.json) {
 		services.terminal.Say(FormatJson(StatusToJson(rows, now)));
 	} else if (!rows.empty()) {
-		services.terminal.Say(FormatStatusTable(rows, now));
+		services.terminal.Say(FormatStatusTable(rows, now) + FormatFailures(rows, now));
+		TellNextRun(services, next, now);
 		TellReasons(services, rows);
 	}
 	return code;

@@ -1,6 +1,8 @@
 #include "host/commands/update.h"
 
+#include "base/text.h"
 #include "dataupdate/installation.h"
+#include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
@@ -23,6 +25,19 @@ namespace {
 /** -1 for what is unfinished, because the library installs it again as a whole. */
 int VersionBefore(const Outcome& outcome) {
 	return outcome.was_unfinished ? -1 : outcome.before;
+}
+
+std::uint64_t SavedBytes(const Outcome& outcome) {
+	const std::uint64_t full = outcome.full_package_bytes.value_or(0);
+	return full > outcome.downloaded_bytes ? full - outcome.downloaded_bytes : 0;
+}
+
+std::string DescribeSaving(const Outcome& outcome) {
+	if (SavedBytes(outcome) == 0) {
+		return "";
+	}
+	return " (downloaded " + HumanSize(outcome.downloaded_bytes) + ", saved " + HumanSize(SavedBytes(outcome)) +
+	       " of the full package)";
 }
 
 std::string DescribeChange(const Outcome& outcome) {
@@ -48,6 +63,10 @@ Json::Value ChangeToJson(const Outcome& outcome) {
 	}
 	Json::Value result = MakeResult(outcome.goes_back ? "went back" : "updated", outcome.Version());
 	result["previous_version"] = outcome.before;
+	result["downloaded_bytes"] = Json::UInt64{outcome.downloaded_bytes};
+	if (outcome.full_package_bytes) {
+		result["full_package_bytes"] = Json::UInt64{*outcome.full_package_bytes};
+	}
 	return result;
 }
 
@@ -122,9 +141,11 @@ ExitCode TellBeyondBudget(Report& report, const std::string& id, const Outcome& 
 	return kBeyondBudget;
 }
 
-void TellEnd(Report& report, const std::string& id, const Outcome& outcome, const Offerer& offerer, ExitCode code) {
+void TellEnd(const Services& services, Report& report, const std::string& id, const Outcome& outcome,
+    const Offerer& offerer, ExitCode code) {
 	if (outcome.installed) {
-		report.Tell(id, DescribeChange(outcome), ChangeToJson(outcome));
+		const std::string saving = services.terminal.Draws() ? DescribeSaving(outcome) : "";
+		report.Tell(id, DescribeChange(outcome) + saving, ChangeToJson(outcome));
 	} else if (code == kAboveOffered) {
 		report.Tell(id, offerer.describe_above(id, outcome.before, outcome.offered),
 		    AboveToJson(outcome.before, outcome.offered));
@@ -156,6 +177,8 @@ void Declare(CLI::App& app, Options& options) {
 	DeclareDatabases(app, options, "update", "Update the scheduled databases");
 	DeclareMaxBytes(app, options);
 	DeclareNoWait(app, options);
+	app.add_flag(
+	    "--retry-refused", options.retry_refused, "Also try versions that a check of this machine refused before");
 	DeclareJsonArray(app, options);
 }
 
@@ -163,8 +186,10 @@ ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	Report report(services, options);
 	const Budget budget = ChooseBudget(services, options);
-	const auto install = [&budget](
-	                         const Services& own, const std::string& id) { return UpdateDatabase(own, id, budget); };
+	const auto refused = options.retry_refused ? RefusedVersion::kRetry : RefusedVersion::kLeave;
+	const auto install = [&budget, refused](const Services& own, const std::string& id) {
+		return UpdateDatabase(own, id, budget, refused);
+	};
 	const Offerer server = {"update", install, DescribeAbove, options.ids.empty()};
 	return report.RunNamedOrScheduled(
 	    [&](const std::string& id) { return InstallOffered(services, report, id, server); });
@@ -179,15 +204,29 @@ ExitCode InstallOffered(const Services& services, Report& report, const std::str
 		    MakeResult("held", ReadInstalled(services, id).data_version));
 	}
 	Outcome outcome;
+	Failure by_check; // By a check of this machine; the other databases are no worse for it.
 	const ExitCode code = RunRecorded(services, id, offerer.operation, [&] {
 		RequireNoLostVolume(services);
 		RequireSafePlaces(services, id);
-		outcome = offerer.install(services, id);
+		try {
+			outcome = offerer.install(services, id);
+		} catch (const dataupdate::UpdateError& error) {
+			if (CategoryOf(error.what()) != Category::kRefusedByCheck) {
+				throw;
+			}
+			by_check = ExplainException(*services.io);
+			RecordFailure(id, offerer.operation, by_check);
+			return kRefusedHere;
+		}
 		const ExitCode judged = Judge(services, id, outcome);
 		return judged == kHeld ? kDone : judged; // Nothing was to be done.
 	});
+	if (code == kRefusedHere) {
+		report.Fail(id, by_check, "refused");
+		return code;
+	}
 	if (!outcome.refusal) {
-		TellEnd(report, id, outcome, offerer, code);
+		TellEnd(services, report, id, outcome, offerer, code);
 		return code;
 	}
 	if (code == kBeyondBudget) {
@@ -202,9 +241,9 @@ const Command kUpdateCommand = {"update", "Bring databases to the server's versi
     "fails. Tries all databases that are named; the exit status is then that of the first failure. Fails when nothing "
     "could\n"
     "be updated because there is no storage volume. Leaves a later version than the server's alone, and updates the "
-    "others.\n"
+    "others. Leaves a version alone that a hook of this machine refused before, as well.\n"
     "Leaves alone what is held, and what would take more bytes than --max-bytes or, without names, the setting\n"
     "\"scheduled_full_packages\" allow.",
-    {kUnsupported, kAboveOffered, kBeyondBudget, kHeld, kLocked}, true, true, Declare, Run};
+    {kUnsupported, kAboveOffered, kRefusedHere, kBeyondBudget, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

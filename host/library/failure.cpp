@@ -129,6 +129,11 @@ constexpr Rule kRules[] = {
     {Category::kLocked, kLocked, messages::kDiffUpdate, messages::kCannotLock, kReaderHint},
     {Category::kLocked, kLocked, messages::kForceInstall, messages::kCannotLock, kReaderHint},
     {Category::kPackageRefused, kFailed, messages::kForceInstall, messages::kCannotOpenPackage, nullptr, PackageHint},
+    {Category::kRefusedByCheck, kRefusedHere, messages::kRefused, "",
+        "nothing was replaced; no update tries this version again unless told so by \"tarndbudctl update ID "
+        "--retry-refused\""},
+    {Category::kNoVerdict, kFailed, messages::kNoVerdict, "",
+        "nothing was replaced; see the system log, and correct the hook or what it needs"},
     {Category::kFilesMayBeAMixture, kFailed, messages::kFullUpdate, "", kHalfReplacedHint},
     {Category::kFilesMayBeAMixture, kFailed, messages::kDiffUpdate, "", kHalfReplacedHint},
     {Category::kFilesMayBeAMixture, kFailed, messages::kForceInstall, "",

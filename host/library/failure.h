@@ -17,6 +17,7 @@ enum ExitCode : int {
 	kUnsupported = 3,  ///< The configuration does not list the database.
 	kFixNeeded = 4,    ///< Files of a database are missing, changed or unknown, half replaced, or not there at all.
 	kAboveOffered = 5, ///< "status", "update" and "import": a later version is installed than is offered.
+	kRefusedHere = 6,  ///< "update" and "fix": a check of this machine refused the version; nothing was replaced.
 	kBeyondBudget = 7, ///< "update": more would have to be downloaded than is allowed.
 	kHeld = 8,         ///< The administrator holds the database at its version.
 	kLocked = 75,      ///< A lock is held, or files are half replaced; worth another try later (EX_TEMPFAIL).
@@ -40,6 +41,8 @@ enum class Category {
 	kWrongConfiguration, ///< A setting is missing or wrong.
 	kPackageRefused,     ///< A package's signature is missing or not trusted, or it is another package.
 	kPackageUnusable,    ///< A package cannot be unpacked.
+	kRefusedByCheck,     ///< A hook that checks refused the new version.
+	kNoVerdict,          ///< A hook that checks could not be run to its end.
 	kFilesMayBeAMixture, ///< An installation failed while it replaced files.
 	kUndecodable,        ///< A file is no JSON document.
 	kInvalidRecord,      ///< A document does not hold what it must.

@@ -5,7 +5,9 @@
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
+#include "host/library/package_plan.h"
 #include "host/library/preparation.h"
+#include "host/library/rejection.h"
 #include "host/library/update_way.h"
 
 #include <syslog.h>
@@ -67,6 +69,7 @@ public:
 		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
 		LogMissingDiff(id, operation_.outcome_, diffs);
+		PlanChain(operation_.services_, id, operation_.outcome_.before, operation_.outcome_.offered, diffs);
 		return diffs;
 	}
 	DatabaseStatus GetDatabaseStatus(const std::string& /*id*/) const override { return operation_.ReadStatus(); }
@@ -163,6 +166,9 @@ void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, 
 		record_.RecallUnfinished();
 		return;
 	}
+	if (refused_ == RefusedVersion::kLeave) {
+		RequireNotRejected(id_, remote.data_version);
+	}
 	const std::uint64_t before = dataupdate::DownloadedBytes();
 	const UpdateWay way = FindWay(Found(), diffs);
 	if (way.is_chain) {
@@ -171,7 +177,13 @@ void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, 
 	record_.PrepareUpdate();
 	const dataupdate::UpdateAdvice advice = {[this](const std::string& name) { return record_.KnownDigest(name); },
 	    [&] { RequireFullPackage(remote.download_link, dataupdate::DownloadedBytes() - before); }};
-	update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory, advice);
+	RememberingRejection(id_, remote.data_version, [&] {
+		update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory, advice);
+	});
+	outcome_.downloaded_bytes = dataupdate::DownloadedBytes() - before;
+	if (!update_.is_full) {
+		outcome_.full_package_bytes = FullPackageBytes(services_, remote.download_link);
+	}
 }
 
 void Operation::RequireFullPackage(const std::string& link, std::uint64_t spent) const {
@@ -235,6 +247,7 @@ void Operation::RecordStatus(InstalledRecord record) {
 	ForgetInstalledPackage(id_);
 	WriteInstalled(services_, id_, record);
 	outcome_.installed = record.data_version;
+	ForgetRejection(id_, record.data_version);
 	const std::optional<OpenedPackage> package = packages_.Last(id_);
 	if (package && package->data_version == record.data_version) {
 		RecordInstalledPackage(id_, *package);

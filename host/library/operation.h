@@ -29,6 +29,15 @@ struct Outcome {
 	bool is_finished = false;       ///< Whether that was prepared by a run that was killed, and is all that was done.
 	std::optional<int> held_at;     ///< "fix": the version that was to be installed instead of the server's.
 	std::optional<Refusal> refusal; ///< Why nothing newer was installed though it is offered; none for any other end.
+	std::uint64_t downloaded_bytes = 0; ///< By an update, packages only.
+	/** Size of the full package in whose place diff packages were installed, for a terminal; none when not known. */
+	std::optional<std::uint64_t> full_package_bytes;
+};
+
+/** What happens to a version that a check of this machine refused before. */
+enum class RefusedVersion {
+	kLeave, ///< The refusal is thrown again.
+	kRetry, ///< The check is asked again.
 };
 
 /**
@@ -37,7 +46,8 @@ struct Outcome {
  * This and FixDatabase() first finish a replacement that was killed, from what it had prepared, where that is whole and
  * no hold is in the way: the database is then of one version again even if the server does not answer.
  */
-[[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget = {});
+[[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget = {},
+    RefusedVersion refused = RefusedVersion::kLeave);
 /**
  * The same with what a kit offers in the server's place.
  *
@@ -99,6 +109,8 @@ public:
 
 	/** Before the library is called. */
 	void Treat(Older older) { older_ = older; }
+	/** Has a version tried again that a check refused before. */
+	void RetryRefused() { refused_ = RefusedVersion::kRetry; }
 
 	OpenedPackages& Packages() { return packages_; }
 	const Outcome& Result() const { return outcome_; }
@@ -114,6 +126,7 @@ private:
 	void RequireNoHold() const;
 	/** What a fix has to install: the server's version, or under a hold the installed one. */
 	dataupdate::RemoteInfo ForFix(dataupdate::RemoteInfo remote);
+	/** Installs a new version unless it was refused before, and remembers a refusal. */
 	void Install(const dataupdate::DatabaseStatus& status, const dataupdate::RemoteInfo& remote,
 	    const std::map<int, dataupdate::DiffInfo>& diffs, const std::string& volume, const std::string& install_prefix,
 	    const std::string& root_directory);
@@ -134,6 +147,7 @@ private:
 	OpenedPackages packages_;
 	dataupdate::UpdateResult update_;
 	Outcome outcome_;
+	RefusedVersion refused_ = RefusedVersion::kLeave;
 };
 
 } // namespace tarn::ctl

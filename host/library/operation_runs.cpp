@@ -3,6 +3,7 @@
 #include "host/library/hold.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
+#include "host/library/rejection.h"
 
 #include <syslog.h>
 
@@ -61,7 +62,8 @@ Outcome Update(Operation& operation, const std::string& id) {
 
 Outcome Fix(Operation& operation, const std::string& id) {
 	try {
-		operation.Front().FixProject(id);
+		// Asks the check again, whatever it said before: a person wants it, or there is nothing better to be had.
+		RememberingRejection(id, operation.Result().offered, [&] { operation.Front().FixProject(id); });
 	} catch (const UpdateError& error) {
 		const Outcome& found = operation.Result();
 		if (found.held_at.value_or(found.offered) == found.offered || CategoryOf(error.what()) != Category::kDownload) {
@@ -90,11 +92,14 @@ CommandError MadeLinkError(const std::string& message, int offered, int target) 
 	                     ": check that the server still has that version"};
 }
 
-Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget) {
+Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget, RefusedVersion refused) {
 	const auto check = [&services, &id] { RequirePlaces(services, id); };
 	const Outcome finished = Finish(services, id, check);
 	Operation operation(services, id, Change::kUpdate, check);
 	operation.Limit(budget);
+	if (refused == RefusedVersion::kRetry) {
+		operation.RetryRefused();
+	}
 	return Joined(finished, Update(operation, id));
 }
 

@@ -1,12 +1,14 @@
 #include "host/library/record_keeper.h"
 
 #include "base/file_io.h"
+#include "base/text.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
+#include "host/terminal/progress_file.h"
 
 #include <json/value.h>
 
@@ -24,6 +26,9 @@ using dataupdate::InstalledRecord;
 
 namespace {
 
+constexpr char kFailureName[] = "last_failure.json";
+constexpr std::size_t kLongestSentence = 1000;
+
 using Clock = std::chrono::steady_clock;
 
 /** What is known when an operation begins. */
@@ -32,6 +37,15 @@ struct Beginning {
 	std::uint64_t downloaded_bytes = dataupdate::DownloadedBytes();
 };
 
+void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
+	try {
+		std::filesystem::create_directories(path.parent_path());
+		WriteWholeFile(path, object.toStyledString());
+	} catch (const std::exception& error) {
+		syslog(LOG_WARNING, "The result could not be recorded: %s", error.what());
+	}
+}
+
 void Write(const std::string& id, const char* operation, const Beginning& beginning, int exit_status) {
 	Json::Value object(Json::objectValue);
 	object["operation"] = operation;
@@ -39,13 +53,7 @@ void Write(const std::string& id, const char* operation, const Beginning& beginn
 	object["exit_status"] = exit_status;
 	object["seconds"] = std::chrono::duration<double>(Clock::now() - beginning.time).count();
 	object["downloaded_bytes"] = Json::UInt64{dataupdate::DownloadedBytes() - beginning.downloaded_bytes};
-	try {
-		const std::filesystem::path path = RunRecordPath(id);
-		std::filesystem::create_directories(path.parent_path());
-		WriteWholeFile(path, object.toStyledString());
-	} catch (const std::exception& error) {
-		syslog(LOG_WARNING, "The result could not be recorded: %s", error.what());
-	}
+	WriteResult(RunRecordPath(id), object);
 }
 
 /** What the record is for has been done, or can be done without it. */
@@ -62,17 +70,42 @@ std::string RunRecordPath(const std::string& id) {
 ExitCode RunRecorded(
     const Services& services, const std::string& id, const char* operation, const std::function<ExitCode()>& work) {
 	const Beginning beginning;
+	const ProgressSubject subject(id);
 	ExitCode code = kDone;
 	try {
 		code = work();
 	} catch (...) {
 		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
-			Write(id, operation, beginning, ExplainException(*services.io).code);
+			const Failure failure = ExplainException(*services.io);
+			Write(id, operation, beginning, failure.code);
+			RecordFailure(id, operation, failure);
 		}
 		throw;
 	}
 	Write(id, operation, beginning, code);
 	return code;
+}
+
+void RecordFailure(const std::string& id, const char* operation, const Failure& failure) {
+	Json::Value object(Json::objectValue);
+	object["operation"] = operation;
+	object["time"] = Json::Int64{std::time(nullptr)};
+	object["exit_status"] = failure.code;
+	object["error"] = PlainAscii(failure.sentence, kLongestSentence);
+	WriteResult(dataupdate::StatePath(id, kFailureName), object);
+}
+
+std::optional<FailureRecord> ReadFailureRecord(const std::string& id) {
+	const Json::Value object = ReadJsonRecord(dataupdate::StatePath(id, kFailureName));
+	if (!object.isObject()) {
+		return std::nullopt;
+	}
+	try {
+		return FailureRecord{object["operation"].asString(), object["time"].asInt64(), object["exit_status"].asInt(),
+		    PlainAscii(object["error"].asString(), kLongestSentence)};
+	} catch (const Json::Exception&) {
+		return std::nullopt;
+	}
 }
 
 std::optional<RunRecord> ReadRunRecord(const std::string& id) {

@@ -23,6 +23,20 @@ struct RunRecord {
 	std::uint64_t downloaded_bytes = 0;
 };
 
+/** The last operation that ended as a failure; later successes leave it. */
+struct FailureRecord {
+	std::string operation;
+	std::int64_t time = 0; ///< In seconds since 1970.
+	int exit_status = 0;
+	std::string sentence;
+};
+
+/** No value when there is none, or none that can be read. */
+std::optional<FailureRecord> ReadFailureRecord(const std::string& id);
+
+/** A record that cannot be written is told to the system log only. */
+void RecordFailure(const std::string& id, const char* operation, const Failure& failure);
+
 /** Where a database's record lies. */
 std::string RunRecordPath(const std::string& id);
 

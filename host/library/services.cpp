@@ -138,7 +138,8 @@ Services MakeServices(Terminal& terminal) {
 	    },
 	    dataupdate::FindPreparedReplacement, dataupdate::FinishReplacement,
 	    [settings] { return ScheduledBudget([&] { return settings->Get("config", "scheduled_full_packages"); }); },
-	    AskPackageSize, [limits](const std::string& link, std::uint64_t bytes) { limits->Restrict(link, bytes); }};
+	    AskPackageSize, [limits](const std::string& link, std::uint64_t bytes) { limits->Restrict(link, bytes); },
+	    FindNextRun};
 }
 
 dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {

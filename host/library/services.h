@@ -10,6 +10,7 @@
 #include "dataupdate/utils.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
+#include "host/library/next_run.h"
 #include "host/terminal/terminal.h"
 
 #include <cstdint>
@@ -94,6 +95,8 @@ struct Services {
 	std::function<std::optional<std::uint64_t>(const std::string& link)> package_size = nullptr;
 	/** Has the download of a package end when it gets larger than so; in doubles nothing. */
 	std::function<void(const std::string& link, std::uint64_t bytes)> restrict_download = nullptr;
+	/** When scheduled databases are updated next; nothing to call in a double. */
+	std::function<std::optional<NextRun>()> next_run = nullptr;
 };
 
 /** What InfoGetter::GetDatabaseStatus() says, in little memory. */

@@ -10,6 +10,7 @@
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
 #include "host/library/preparation.h"
+#include "host/library/volume_hook.h"
 
 #include <syslog.h>
 
@@ -136,6 +137,7 @@ struct Preparation {
 	std::optional<Content> before;
 	bool target_is_free = false;
 	std::vector<std::string> marked;
+	std::optional<VolumeHook> hook;
 	std::string obstacle; ///< Why nothing can be begun, other than that no volume is suitable.
 };
 
@@ -198,6 +200,8 @@ public:
 		try {
 			preparation_.target = VolumeHandler::FindSuitableVolume(std::move(exclude));
 			Prepare(services_, volume_, preparation_);
+			preparation_.hook.emplace(volume_, preparation_.target);
+			preparation_.hook->ExecPre();
 		} catch (const std::exception& error) {
 			if (CategoryOf(error.what()) != Category::kNoSuitableVolume) {
 				preparation_.obstacle = ExplainException(*services_.io).sentence;
@@ -292,6 +296,7 @@ MoveOutcome MoveAway(const Services& services, const std::string& volume) {
 	const End end = Judge(services, volume, preparation);
 	if (end == End::kMoved || end == End::kCopied) {
 		Settle(services, preparation);
+		preparation.hook->ExecPost();
 	} else if (end == End::kStayed) {
 		TakeBack(services, preparation);
 	}

@@ -129,6 +129,26 @@ std::vector<std::string> FormatRow(const StatusRow& row, std::time_t now) {
 	    YesNo(row.scheduled), row.install_dir.value_or("- (no volume)")};
 }
 
+/** What is there only when it has happened, or is going to. */
+void AddHistory(const StatusRow& row, Json::Value& object) {
+	if (row.next_run) {
+		object["next_run"] = Json::Int64{*row.next_run};
+	}
+	if (row.refused_version) {
+		object["refused_version"] = *row.refused_version;
+	}
+	if (row.last_failure) {
+		Json::Value& failure = object["last_failure"];
+		failure["operation"] = row.last_failure->operation;
+		failure["time"] = Json::Int64{row.last_failure->time};
+		failure["exit_status"] = row.last_failure->exit_status;
+		failure["error"] = row.last_failure->sentence;
+	}
+	if (row.last_success) {
+		object["last_success"] = Json::Int64{*row.last_success};
+	}
+}
+
 } // namespace
 
 std::string FormatDuration(std::int64_t seconds) {
@@ -148,6 +168,16 @@ std::string FormatClock(std::time_t instant) {
 	std::tm local{};
 	std::array<char, 8> buffer{};
 	if (localtime_r(&instant, &local) == nullptr || std::strftime(buffer.data(), buffer.size(), "%H:%M", &local) == 0) {
+		return "?";
+	}
+	return buffer.data();
+}
+
+std::string FormatMoment(std::time_t instant) {
+	std::tm local{};
+	std::array<char, 32> buffer{};
+	if (localtime_r(&instant, &local) == nullptr ||
+	    std::strftime(buffer.data(), buffer.size(), "%Y-%m-%d %H:%M", &local) == 0) {
 		return "?";
 	}
 	return buffer.data();
@@ -203,6 +233,21 @@ std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t no
 	return FormatTable(table);
 }
 
+std::string FormatFailures(const std::vector<StatusRow>& rows, std::time_t now) {
+	std::string text;
+	for (const StatusRow& row : rows) {
+		if (!row.last_failure) {
+			continue;
+		}
+		const FailureLine& failure = *row.last_failure;
+		const bool is_over = row.last_success.value_or(0) >= failure.time;
+		text += row.id + ": last failure " + FormatDuration(now - failure.time) + " ago (" +
+		        FormatMoment(failure.time) + ", " + failure.operation + ")" + (is_over ? ", success since" : "") +
+		        ": " + failure.sentence + "\n";
+	}
+	return text;
+}
+
 Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 	Json::Value array(Json::arrayValue);
 	for (const StatusRow& row : rows) {
@@ -227,6 +272,7 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 		}
 		object["install_dir"] = ToJson(row.install_dir);
 		object["volume"] = ToJson(row.volume);
+		AddHistory(row, object);
 		if (!row.volume_problem.empty()) {
 			object["volume_problem"] = row.volume_problem;
 		}

@@ -16,6 +16,9 @@ namespace tarn::ctl {
 /** "59 min", "47 h", "12 d": of that unit only whole ones; a negative duration is "in the future". */
 std::string FormatDuration(std::int64_t seconds);
 
+/** Local date and time of day, "2026-11-23 14:05". */
+std::string FormatMoment(std::time_t instant);
+
 /** Local time of day, "14:05". */
 std::string FormatClock(std::time_t instant);
 
@@ -49,6 +52,14 @@ private:
 	std::vector<Family> families_;
 };
 
+/** The last operation on a database that failed. */
+struct FailureLine {
+	std::string operation;
+	std::int64_t time = 0;
+	int exit_status = 0;
+	std::string sentence;
+};
+
 /** One database; what is unknown or absent has no value. */
 struct StatusRow {
 	std::string id;
@@ -64,7 +75,11 @@ struct StatusRow {
 	std::string hold_problem; ///< Why the hold cannot be understood.
 	std::optional<std::string> install_dir;
 	std::optional<std::string> volume;
-	std::string volume_problem; ///< Why the volume is not safe to write to; nothing is updated meanwhile.
+	std::optional<std::int64_t> last_success; ///< When the last operation succeeded; none when it did not.
+	std::optional<FailureLine> last_failure;
+	std::optional<int> refused_version;   ///< A check of this machine refused it, and it has not been installed.
+	std::optional<std::int64_t> next_run; ///< When a scheduled update includes it next.
+	std::string volume_problem;           ///< Why the volume is not safe to write to; nothing is updated meanwhile.
 };
 
 /**
@@ -76,6 +91,9 @@ std::optional<bool> IsAboveOffered(const StatusRow& row);
 
 /** @param now  when the ages are told, in seconds since 1970 */
 std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t now);
+
+/** What failed last, a line for each database of which something failed; empty when nothing did. */
+std::string FormatFailures(const std::vector<StatusRow>& rows, std::time_t now);
 
 /** An array with an object for each database; no value is null, and an error is there only when there is one. */
 Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now);

@@ -54,8 +54,9 @@ _tarndbudctl() {
 	case $command in
 	'') _tarndbud_offer "init status plan update check fix force-install import hold unhold read refresh metrics schedule volume --verbose --version --help" ;;
 	init | refresh) _tarndbud_offer '--json --verbose --help' ;;
-	status | plan) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
-	update) _tarndbud_offer "--all --max-bytes --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	status) _tarndbud_offer "--watch --json --verbose --help $(_tarndbud_ids)" ;;
+	plan) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
+	update) _tarndbud_offer "--all --max-bytes --no-wait --retry-refused --json --verbose --help $(_tarndbud_ids)" ;;
 	fix) _tarndbud_offer "--all --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
 	check) _tarndbud_offer "--all --timeout --json --verbose --help $(_tarndbud_ids)" ;;
 	hold | unhold) _tarndbud_offer "--timeout --json --verbose --help $(_tarndbud_ids)" ;;

@@ -1,6 +1,8 @@
 #include "archive/extractor.h"
+#include "archive/head.h"
 #include "archive/package_identity.h"
 #include "base/error.h"
+#include "base/file_io.h"
 #include "base/mutex.h"
 
 #include <tarncodesign/tarncodesign.h>
@@ -154,6 +156,20 @@ int tarnarchive_refusal(const char** reason) {
 		*reason = last_refusal.reason.data();
 	}
 	return last_refusal.kind;
+}
+
+bool tarnarchive_announced_size(const char* package, unsigned long long* bytes) {
+	try {
+		std::string head(tarn::archive::kHeadSize, '\0');
+		const tarn::UniqueFd file = tarn::OpenRegularFile(AT_FDCWD, package);
+		if (!tarn::ReadFullyAt(file.Get(), head.data(), head.size(), 0)) {
+			return false;
+		}
+		*bytes = tarn::archive::DecodeHead(head).FileSize();
+		return true;
+	} catch (const std::exception&) {
+		return false; // Not logged: whoever installs the package will tell.
+	}
 }
 
 void tarnarchive_observe(tarnarchive_observer observer, void* data) {

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -32,7 +33,7 @@ struct HookSettings {
 struct HookEvent {
 	std::string module;
 	std::string path;
-	/** "pre" or "post". */
+	/** "pre", "post" or "check". */
 	std::string action;
 	HookArguments arguments;
 };
@@ -43,6 +44,20 @@ struct HookEvent {
  * @return whether every one was trusted, ran and exited with status 0
  */
 [[nodiscard]] bool RunHooks(const HookEvent& event, const HookSettings& settings);
+
+/** What checking hooks say. */
+struct Verdict {
+	TLIBPluginVerdict verdict = TLIB_PLUGIN_ACCEPTED;
+	std::string reason; ///< As TLIBPluginCheck() gives it; empty for an acceptance.
+};
+
+/**
+ * Asks the hooks of the event's module and path, one after the other, up to the first that does not accept.
+ *
+ * @param may_go_on  asked ten times a second; after a no the hook is killed, and there is no verdict
+ */
+[[nodiscard]] Verdict CheckByHooks(
+    const HookEvent& event, const HookSettings& settings, const std::function<bool()>& may_go_on);
 
 } // namespace tarn::sdk
 

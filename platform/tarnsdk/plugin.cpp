@@ -1,5 +1,6 @@
 #include "base/mutex.h"
 #include "platform/c_boundary.h"
+#include "platform/tarnsdk/hook_directory.h"
 #include "platform/tarnsdk/hook_runner.h"
 
 #include <tarnsdk/plugin.h>
@@ -114,6 +115,38 @@ int TLIBPluginAction(TLIBPluginActionType action, TLIBPluginContext* handle) {
 		}
 		event->action = word;
 		return tarn::sdk::RunHooks(*event, tarn::sdk::HookSettings()) ? 0 : Fail(ECHILD);
+	});
+}
+
+int TLIBPluginExists(const char* module, const char* path) {
+	return WithoutExceptions([&] {
+		if (module == nullptr || path == nullptr || !IsComponent(module) || !IsRelativePath(path)) {
+			return 0;
+		}
+		const tarn::sdk::HookSettings settings;
+		const tarn::sdk::HookList hooks =
+		    tarn::sdk::FindHooks(settings.roots, std::string(module) + "/" + path, settings.owner);
+		return hooks.complete && hooks.paths.empty() ? 0 : 1;
+	});
+}
+
+int TLIBPluginCheck(TLIBPluginContext* handle, int (*may_go_on)(void), char* reason, std::size_t size) {
+	if (reason == nullptr || size == 0) {
+		return Fail(EINVAL);
+	}
+	*reason = '\0';
+	return WithoutExceptions([&] {
+		const std::shared_ptr<HookEvent> event = OpenContexts().Find(handle);
+		if (!event) {
+			return Fail(EINVAL);
+		}
+		event->action = "check";
+		tarn::sdk::HookSettings settings;
+		settings.time_limit = std::chrono::seconds(TARN_HOOK_CHECK_TIMEOUT_SECONDS);
+		const tarn::sdk::Verdict verdict =
+		    tarn::sdk::CheckByHooks(*event, settings, [&] { return may_go_on == nullptr || may_go_on() != 0; });
+		reason[verdict.reason.copy(reason, size - 1)] = '\0';
+		return static_cast<int>(verdict.verdict);
 	});
 }
 

@@ -36,6 +36,7 @@ class Administrator:
             "/var/lib/prometheus/node-exporter": str(home),
             " release": f" {home}/release",
             " examples/hook": f" {SOURCE}/examples/hook",
+            " examples/check": f" {SOURCE}/examples/check",
             "0-1800": "0-0",
         }
 
@@ -136,9 +137,10 @@ def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrato
     for name in re.findall(r"`(tarndbud_\w+)`", DOCUMENT.section("Monitoring")):
         assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
     entry = json.loads(shown[: shown.index("\n]") + 2])[0]
-    listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- `metrics`")[0]
+    listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- `status` also tells")[0]
     on_trouble = {"hold_problem", "remote_error", "volume_problem"}
-    assert set(re.findall(r"`([a-z_]+)`", listed)) - on_trouble == entry.keys() - {"id"}
+    now_and_then = {"last_failure", "last_success", "next_run", "refused_version"}
+    assert set(re.findall(r"`([a-z_]+)`", listed)) - on_trouble == entry.keys() - {"id"} - now_and_then
 
 
 def test_a_command_reads_under_the_lock(configured: Administrator, tree: Path) -> None:
@@ -190,3 +192,23 @@ def test_the_example_hook_runs_where_the_document_puts_it(
     publisher.publish(tree, DATABASE)
     configured.device.update(DATABASE)
     assert (tree.parent / "ran").read_text().split() == ["pre", "post"]
+
+
+def test_the_example_check_refuses_a_damaged_database(
+    configured: Administrator, publisher: Publisher, tmp_path: Path
+) -> None:
+    configured.follow("Hooks")
+    root = trees.write_tree(tmp_path / "checked", {"a": b"a"})
+    trees.write_database(root / "rows.sqlite", 100)
+    publisher.publish(root, DATABASE, "--level", "1")
+    configured.device.update(DATABASE)
+    trees.assert_same(root, configured.device.installed(DATABASE))
+    good = configured.device.version(DATABASE)
+    database = root / "rows.sqlite"
+    database.write_bytes(database.read_bytes()[:4096] + b"damage" * 1000)
+    publisher.publish(root, DATABASE, "--level", "1")
+    configured.device.forget_document()
+    result = configured.device.run("update", DATABASE)
+    assert result.status == 6, str(result)
+    assert re.search(rf"rows\.sqlite of {DATABASE} \d+ is damaged", result.stderr)
+    assert configured.device.version(DATABASE) == good

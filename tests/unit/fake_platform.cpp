@@ -163,6 +163,20 @@ int TLIBPluginAction(TLIBPluginActionType action, TLIBPluginContext* /*handle*/)
 	return platform.plugin_action_result;
 }
 
+int TLIBPluginExists(const char* /*module*/, const char* /*path*/) {
+	return FakePlatform::Current().has_checks ? 1 : 0;
+}
+
+int TLIBPluginCheck(TLIBPluginContext* /*handle*/, int (*may_go_on)(void), char* reason, std::size_t size) {
+	FakePlatform& platform = FakePlatform::Current();
+	platform.events.emplace_back("hook check");
+	if (platform.on_plugin_check) {
+		platform.on_plugin_check();
+	}
+	reason[platform.check_reason.copy(reason, size - 1)] = '\0';
+	return may_go_on() != 0 ? platform.check_result : TLIB_PLUGIN_NO_VERDICT;
+}
+
 int TLIBPluginExit(TLIBPluginContext* /*handle*/) {
 	FakePlatform::Current().events.emplace_back("hook exit");
 	return 0;

@@ -61,6 +61,12 @@ public:
 	/** Called while the hooks of an action run. */
 	std::function<void()> on_plugin_action;
 	std::list<TLIBPluginContext> plugins;
+	/** Whether there are hooks that check. */
+	bool has_checks = false;
+	int check_result = 0;
+	std::string check_reason;
+	/** Called while the checking hooks run. */
+	std::function<void()> on_plugin_check;
 
 	bool volumes_work = true;
 	std::vector<TARNMountVolInfo> volumes;

@@ -65,6 +65,8 @@ std::string NameOf(Category category) {
 	    {Category::kPackageRefused, "package refused"},
 	    {Category::kPackageUnusable, "package unusable"},
 	    {Category::kFilesMayBeAMixture, "files may be a mixture"},
+	    {Category::kRefusedByCheck, "refused by check"},
+	    {Category::kNoVerdict, "no verdict"},
 	    {Category::kUndecodable, "undecodable"},
 	    {Category::kNotWritable, "not writable"},
 	};
@@ -84,8 +86,8 @@ INSTANTIATE_TEST_SUITE_P(Constants, LibraryMessageTest,
         messages::kInvalidValue, messages::kCannotSet, messages::kFileNotExist, messages::kCannotDecode,
         messages::kCannotWrite, messages::kInvalidRecord, messages::kCannotDownload, messages::kCannotOpenPackage,
         messages::kCannotExtract, messages::kLowSpace, messages::kDiffUpdate, messages::kFullUpdate,
-        messages::kForceInstall, messages::kNoSuitableVolume, messages::kCannotListVolumes,
-        messages::kReserveOverflow));
+        messages::kForceInstall, messages::kRefused, messages::kNoVerdict, messages::kNoSuitableVolume,
+        messages::kCannotListVolumes, messages::kReserveOverflow));
 
 TEST_P(LibraryMessageTest, HasARowWithItsCategoryAndExitCode) {
 	int rows = 0;

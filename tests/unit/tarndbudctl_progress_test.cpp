@@ -1,4 +1,5 @@
 #include "dataupdate/updater.h"
+#include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 #include "temporary_directory.h"
 
@@ -40,6 +41,48 @@ TEST(ProgressMeterTest, ShowsADownloadByTheSizeOfItsFile) {
 	sample = At(1000, Phase::kDownload, 1);
 	sample.file_bytes = 3 * kMegabyte;
 	EXPECT_EQ(meter.Line(sample), "Downloading  3.0 MB  2.0 MB/s");
+}
+
+TEST(ProgressMeterTest, TellsWhichPackageItIsAndHowLongItTakesWhereTheSizeIsKnown) {
+	ProgressMeter meter;
+	Sample sample = At(0, Phase::kDownload, 1);
+	sample.download = {2, 5, 12 * kMegabyte};
+	sample.file_bytes = kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Downloading package 2 of 5  1.0 MB of 12.0 MB  8 %");
+	sample = At(1000, Phase::kDownload, 1);
+	sample.download = {2, 5, 12 * kMegabyte};
+	sample.file_bytes = 3 * kMegabyte;
+	EXPECT_EQ(meter.Line(sample), "Downloading package 2 of 5  3.0 MB of 12.0 MB  25 %  2.0 MB/s  5 s left");
+}
+
+TEST(ProgressMeterTest, TellsLongTimesInMinutesAndHours) {
+	const auto line = [](std::uint64_t whole) {
+		ProgressMeter meter;
+		Sample sample = At(0, Phase::kDownload, 1);
+		sample.download = {1, 1, whole};
+		sample.file_bytes = kMegabyte;
+		meter.Line(sample);
+		sample = At(1000, Phase::kDownload, 1);
+		sample.download = {1, 1, whole};
+		sample.file_bytes = 2 * kMegabyte;
+		return meter.Line(sample);
+	};
+	EXPECT_EQ(line(127 * kMegabyte), "Downloading  2.0 MB of 127.0 MB  1 %  1.0 MB/s  2 min 5 s left");
+	EXPECT_EQ(line(7322 * kMegabyte), "Downloading  2.0 MB of 7.3 GB  0 %  1.0 MB/s  2 h 2 min left");
+	EXPECT_EQ(line(kMegabyte), "Downloading  2.0 MB  1.0 MB/s"); // More than was announced.
+}
+
+TEST(DownloadPlanTest, FindsAPackageByItsPath) {
+	PlanDownloads({{"/area/geo_d4", 100}, {"/area/geo_d5", 0}});
+	const DownloadPlace place = PlaceOfDownload("/area/geo_d4");
+	EXPECT_EQ(place.number, 1U);
+	EXPECT_EQ(place.count, 2U);
+	EXPECT_EQ(place.bytes, 100U);
+	EXPECT_EQ(PlaceOfDownload("/area/geo_d5").number, 2U);
+	EXPECT_EQ(PlaceOfDownload("/area/geo_d5").bytes, 0U);
+	EXPECT_EQ(PlaceOfDownload("/area/geo_v5").number, 0U);
+	PlanDownloads({});
+	EXPECT_EQ(PlaceOfDownload("/area/geo_d4").count, 0U);
 }
 
 TEST(ProgressMeterTest, BeginsAnewWithTheNextDownload) {

@@ -11,12 +11,14 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_hold_test.cpp
 	tarndbudctl_messages_test.cpp
 	tarndbudctl_metrics_test.cpp
+	tarndbudctl_next_run_test.cpp
 	tarndbudctl_package_test.cpp
 	tarndbudctl_plan_test.cpp
 	tarndbudctl_progress_test.cpp
 	tarndbudctl_program_test.cpp
 	tarndbudctl_read_test.cpp
 	tarndbudctl_recording_test.cpp
+	tarndbudctl_rejection_test.cpp
 	tarndbudctl_repair_test.cpp
 	tarndbudctl_safety_test.cpp
 	tarndbudctl_schedule_test.cpp

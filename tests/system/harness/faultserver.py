@@ -76,6 +76,7 @@ class Handler(BaseHTTPRequestHandler):
         else:
             fault(parts[1:])
 
+    do_HEAD = do_GET
     do_POST = do_GET
     do_PUT = do_GET
 
@@ -144,7 +145,8 @@ class Handler(BaseHTTPRequestHandler):
         self.send_header("Content-Length", str(len(content)))
         self.send_header("Connection", "close")
         self.end_headers()
-        self.wfile.write(content[:sent])
+        if self.command != "HEAD":
+            self.wfile.write(content[:sent])
 
     def log_message(self, format: str, *arguments: object) -> None:  # noqa: A002 - the base class's name
         """Requests are noted by the server."""

@@ -21,6 +21,10 @@ class OnTerminal:
         os.close(slave)
         self.shown = ""
 
+    @property
+    def pid(self) -> int:
+        return self._process.pid
+
     def read_until(self, text: str, patience: float = 60) -> None:
         deadline = time.monotonic() + patience
         while text not in self.shown:

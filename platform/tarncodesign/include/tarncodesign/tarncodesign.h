@@ -103,6 +103,16 @@ void tarnarchive_free(struct tarnarchive* context);
 int tarnarchive_refusal(const char** reason);
 
 /**
+ * How large a package says it is, for showing the progress of its download: the first 48 bytes tell. Nothing has been
+ * checked, so nothing else may depend on it.
+ *
+ * @param package  path of the file, which may not be whole yet
+ * @param bytes    receives the size
+ * @return whether the file begins as a package
+ */
+bool tarnarchive_announced_size(const char* package, unsigned long long* bytes);
+
+/**
  * Is told of a data-update package that is whole, signed and the one that was asked for, before it counts as open.
  *
  * @param data      as given to tarnarchive_observe()

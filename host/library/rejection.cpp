@@ -1,0 +1,71 @@
+#include "host/library/rejection.h"
+
+#include "base/file_io.h"
+#include "dataupdate/paths.h"
+#include "dataupdate/update_error.h"
+#include "host/library/failure.h"
+#include "host/library/installed_files.h"
+
+#include <json/value.h>
+
+#include <syslog.h>
+
+#include <ctime>
+#include <exception>
+#include <filesystem>
+
+namespace tarn::ctl {
+
+std::string RejectionPath(const std::string& id) {
+	return dataupdate::StatePath(id, "refused.json");
+}
+
+std::optional<Rejection> ReadRejection(const std::string& id) {
+	const Json::Value object = ReadJsonRecord(RejectionPath(id));
+	if (!object.isObject()) {
+		return std::nullopt;
+	}
+	try {
+		return Rejection{object["version"].asInt(), object["time"].asInt64(), object["message"].asString()};
+	} catch (const Json::Exception&) {
+		return std::nullopt;
+	}
+}
+
+void RememberRejection(const std::string& id, int version, const std::string& message) {
+	if (CategoryOf(message) != Category::kRefusedByCheck) {
+		return;
+	}
+	Json::Value object(Json::objectValue);
+	object["version"] = version;
+	object["time"] = Json::Int64{std::time(nullptr)};
+	object["message"] = message;
+	try {
+		const std::filesystem::path path = RejectionPath(id);
+		std::filesystem::create_directories(path.parent_path());
+		WriteWholeFile(path, object.toStyledString());
+	} catch (const std::exception& error) {
+		syslog(LOG_WARNING, "The refusal could not be recorded: %s", error.what());
+	}
+}
+
+void RequireNotRejected(const std::string& id, int version) {
+	const std::optional<Rejection> rejection = ReadRejection(id);
+	if (rejection && rejection->version == version && CategoryOf(rejection->message) == Category::kRefusedByCheck) {
+		syslog(LOG_NOTICE, "Version %d of %s is not tried again, because a check refused it", version, id.c_str());
+		throw dataupdate::UpdateError(rejection->message);
+	}
+}
+
+void ForgetRejection(const std::string& id, int installed_version) {
+	const std::optional<Rejection> rejection = ReadRejection(id);
+	if (!rejection || rejection->version <= installed_version) {
+		std::error_code error;
+		std::filesystem::remove(RejectionPath(id), error);
+		if (error) {
+			syslog(LOG_WARNING, "The record of a refusal could not be removed: %s", error.message().c_str());
+		}
+	}
+}
+
+} // namespace tarn::ctl

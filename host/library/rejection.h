@@ -1,0 +1,52 @@
+/** @file What is remembered of a version that a check of this machine refused. */
+#ifndef HOST_LIBRARY_REJECTION_H
+#define HOST_LIBRARY_REJECTION_H
+
+#include "dataupdate/update_error.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tarn::ctl {
+
+struct Rejection {
+	int version = -1;
+	std::int64_t time = 0; ///< In seconds since 1970.
+	std::string message;   ///< The library's, which names the hook and its sentence.
+};
+
+/** Where a database's record lies. */
+std::string RejectionPath(const std::string& id);
+
+/** The newest refusal; no value when there is none, or none that can be read. */
+std::optional<Rejection> ReadRejection(const std::string& id);
+
+/**
+ * Remembers a failure if it is a check's refusal, so that no update tries the version again by itself. A record that
+ * cannot be written is told to the system log only: the version is then tried again.
+ *
+ * @param message  the library's
+ */
+void RememberRejection(const std::string& id, int version, const std::string& message);
+
+/** RememberRejection() of what the work throws, whose version may become known while it is done. */
+template<typename Work>
+void RememberingRejection(const std::string& id, const int& version, const Work& work) {
+	try {
+		work();
+	} catch (const dataupdate::UpdateError& error) {
+		RememberRejection(id, version, error.what());
+		throw;
+	}
+}
+
+/** Throws the remembered refusal of a version as the library threw it. */
+void RequireNotRejected(const std::string& id, int version);
+
+/** Forgets what was refused once that or a later version is installed. */
+void ForgetRejection(const std::string& id, int installed_version);
+
+} // namespace tarn::ctl
+
+#endif

@@ -1,0 +1,106 @@
+#include "platform/tarnsdk/hook_process.h"
+
+#include "base/file_io.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace tarn::sdk {
+
+namespace {
+
+/** What the kernel takes for one string of the environment, the NUL included. */
+constexpr std::size_t kLongestVariable = std::size_t{128} * 1024;
+
+/** MFD_NOEXEC_SEAL, which hardened kernels demand and the C library's headers don't name yet. */
+constexpr unsigned int kMemoryNotExecutable = 0x0008U;
+
+bool WriteArgument(int fd, const std::string& key, const std::string& value) {
+	// The NUL that ends the string is the separator of the file's records.
+	return WriteAll(fd, key.data(), key.size()) && WriteAll(fd, "=", 1) &&
+	       WriteAll(fd, value.c_str(), value.size() + 1);
+}
+
+int CreateMemoryFile() {
+	constexpr const char* kName = "hook-arguments";
+	constexpr unsigned int kFlags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
+	const int fd = memfd_create(kName, kFlags | kMemoryNotExecutable);
+	return fd < 0 && errno == EINVAL ? memfd_create(kName, kFlags) : fd;
+}
+
+/**
+ * The arguments as "key=value" strings, as far as each fits into one string of the environment and all of them into
+ * half of what the system allows, followed by TARN_HOOK_OMITTED with the keys that did not fit.
+ */
+std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
+	const long limit = sysconf(_SC_ARG_MAX);
+	std::size_t room = limit > 0 ? static_cast<std::size_t>(limit) / 2 : kLongestVariable;
+	std::vector<std::string> variables;
+	std::string omitted;
+	for (const auto& [key, value] : arguments) {
+		const std::size_t size = key.size() + 1 + value.size() + 1;
+		if (size > std::min(room, kLongestVariable)) {
+			omitted += omitted.empty() ? "" : " ";
+			omitted += key;
+			continue;
+		}
+		room -= size;
+		variables.push_back(key);
+		variables.back().append("=").append(value);
+	}
+	variables.push_back("TARN_HOOK_OMITTED=" + omitted);
+	return variables;
+}
+
+std::vector<std::string> HookEnvironment(const HookEvent& event) {
+	std::vector<std::string> environment = ArgumentVariables(event.arguments);
+	environment.insert(environment.end(),
+	    {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C", "HOME=/nonexistent", "TARN_HOOK_ACTION=" + event.action,
+	        "TARN_HOOK_MODULE=" + event.module, "TARN_HOOK_PATH=" + event.path, "TARN_HOOK_ARGS_FILE=/proc/self/fd/0"});
+	return environment;
+}
+
+} // namespace
+
+process::Program HookProgram(const HookEvent& event) {
+	process::Program program;
+	program.arguments = {event.action};
+	program.environment = HookEnvironment(event);
+	program.streams = {process::kNullStream, process::kNullStream, process::kNullStream};
+	program.working_directory = "/";
+	program.new_group = true;
+	return program;
+}
+
+void KillGroup(pid_t leader) {
+	kill(-leader, SIGKILL);
+	kill(leader, SIGKILL);
+}
+
+UniqueFd ReopenForReading(const UniqueFd& file) {
+	const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
+	return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+UniqueFd MakeArgumentFile(const HookArguments& arguments) {
+	UniqueFd file(CreateMemoryFile());
+	if (!file) {
+		return {};
+	}
+	for (const auto& [key, value] : arguments) {
+		if (!WriteArgument(file.Get(), key, value)) {
+			return {};
+		}
+	}
+	if (fcntl(file.Get(), F_ADD_SEALS, F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE) != 0) {
+		return {};
+	}
+	return file;
+}
+
+} // namespace tarn::sdk
