@@ -73,7 +73,9 @@ private:
 			}
 		}
 		for (const PackageFile& file : PackagesIn(WithdrawnDirectory(repository_.PackageDirectory(id)), id)) {
-			Take(file.path);
+			if (SizeOf(file.path) > 0) { // Else the mark of a withdrawal that is to be finished.
+				Take(file.path);
+			}
 		}
 	}
 

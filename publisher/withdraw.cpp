@@ -94,6 +94,11 @@ private:
 			                   " is itself a withdrawal, with the content of version " +
 			                   newest_[kRestoresKey].asString() + "; --to says which version is to come back.");
 		}
+		if (repository_.EntriesOf(options_.id).size() > 1) {
+			// The version before may have been on trial in another channel only.
+			throw PublishError(
+			    "Several documents name " + options_.id + ", so --to has to say which version is to come back.");
+		}
 		if (!chain_->Links().empty()) {
 			return previous_.data_version - 1;
 		}
@@ -215,10 +220,21 @@ private:
 		}
 		repository_.RememberUrl(options_.url);
 		repository_.WriteEntry(options_.db_version, options_.id, entry);
+		WarnOfOtherDocuments();
 		try {
 			repository_.Clean(options_.id);
 		} catch (const std::exception& error) {
 			observer_.warn(std::string("Withdrawn packages could not be removed: ") + error.what());
+		}
+	}
+
+	void WarnOfOtherDocuments() const {
+		for (const auto& [name, entry] : repository_.EntriesOf(options_.id)) {
+			if (entry.data_version > result_.restored && entry.data_version <= result_.withdrawn) {
+				observer_.warn("The document " + repository_.DocumentPath(name) + " still names version " +
+				               std::to_string(entry.data_version) + ", which is withdrawn; promote version " +
+				               std::to_string(Version()) + " to that channel as well.");
+			}
 		}
 	}
 

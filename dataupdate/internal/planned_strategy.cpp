@@ -68,6 +68,9 @@ bool IsWhole(const ReplacementPlan& plan) {
 PlannedStrategy::PlannedStrategy(std::string id, ReplacementPlan plan) : id_(std::move(id)), plan_(std::move(plan)) {}
 
 PlannedStrategy::~PlannedStrategy() {
+	if (!is_applied_) {
+		return; // Another try finds all that was prepared.
+	}
 	try {
 		ClearPrepared(plan_.version.volume, id_);
 	} catch (const std::exception&) {
@@ -96,6 +99,7 @@ void PlannedStrategy::ApplyUpdate() {
 		} else {
 			changes.Install();
 		}
+		is_applied_ = true;
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(version.is_full ? messages::kFullUpdate : messages::kDiffUpdate) + error.what());
 	}

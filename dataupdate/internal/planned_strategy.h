@@ -16,7 +16,7 @@ class PlannedStrategy : public BaseStrategy {
 public:
 	/** @param plan  as FindWholePlan() gives it */
 	PlannedStrategy(std::string id, ReplacementPlan plan);
-	/** Removes what was prepared for the database in the temporary area. */
+	/** Removes what was prepared for the database in the temporary area, once it has been installed. */
 	~PlannedStrategy() override;
 
 	/** Opens the package once more if it is still there, for who listens to what packages say about themselves. */
@@ -32,6 +32,7 @@ private:
 
 	std::string id_;
 	ReplacementPlan plan_;
+	bool is_applied_ = false;
 };
 
 /** The plan of an unfinished replacement whose files are whole; none where there is no such plan. */

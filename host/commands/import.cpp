@@ -43,7 +43,8 @@ bool Holds(const std::vector<std::string>& words, const std::string& word) {
 
 Outcome Install(const Services& services, const Options& options, const std::string& id) {
 	try {
-		return ImportDatabase(services, id, options.force);
+		return ImportDatabase(
+		    services, id, options.force, options.retry_refused ? RefusedVersion::kRetry : RefusedVersion::kLeave);
 	} catch (const dataupdate::UpdateError&) {
 		ExplainImport(services, options.path);
 	}
@@ -82,6 +83,8 @@ void Declare(CLI::App& app, Options& options) {
 	app.add_option("FILE", options.path, "Kit that \"tarndbudpub export\" has made")->required();
 	app.add_option("ID", options.ids, "Databases to install; by default all of the kit that are configured");
 	app.add_flag("--force", options.force, "Install an older version than the installed one as well");
+	app.add_flag(
+	    "--retry-refused", options.retry_refused, "Also try versions that a check of this machine refused before");
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);
 }
@@ -110,6 +113,6 @@ const Command kImportCommand = {"import", "Install databases from a kit, without
     "the same signatures, locks, hooks, diff packages and records. Asks no server, and leaves the server's document "
     "as\n"
     "it is. Leaves a later version than the kit's alone.",
-    {kUnsupported, kAboveOffered, kLocked}, true, true, Declare, Run};
+    {kUnsupported, kAboveOffered, kRefusedHere, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

@@ -116,7 +116,7 @@ constexpr char kMaxBytesHelp[] =
 ExitCode TellHeld(const Services& services, Report& report, const std::string& id, bool is_scheduled, const Hold& hold,
     Json::Value result) {
 	const std::string version = result["version"] == -1 ? "nothing" : "version " + result["version"].asString();
-	const ExitCode code = is_scheduled && hold.problem.empty() ? kDone : kHeld;
+	const ExitCode code = is_scheduled && hold.problem.empty() && !dataupdate::IsReplacementMarked(id) ? kDone : kHeld;
 	syslog(LOG_NOTICE, "%s is %s, so %s stays installed.", id.c_str(), DescribeHold(hold).c_str(), version.c_str());
 	if (!hold.problem.empty()) {
 		syslog(LOG_ERR, "%s", HoldProblem(id, hold).c_str());

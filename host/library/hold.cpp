@@ -74,6 +74,10 @@ void SetHold(const std::string& id, const std::optional<int>& up_to) {
 	const std::filesystem::path path = HoldPath(id);
 	std::filesystem::create_directories(path.parent_path());
 	WriteWholeFile(path, object.toStyledString());
+	if (!SyncDirectory(path.parent_path()) || !SyncDirectory(path.parent_path().parent_path())) {
+		throw CommandError(
+		    kFailed, "The hold " + path.string() + " may not outlast a power cut (" + std::strerror(errno) + ")");
+	}
 }
 
 bool EndHold(const std::string& id) {

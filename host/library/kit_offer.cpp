@@ -168,6 +168,8 @@ std::vector<std::string> KitOffer::Ids() const {
 Services KitOffer::InPlaceOfServer(const Services& services) const {
 	Services own = services;
 	own.info = std::make_shared<Info>(services, source_);
+	own.package_size = nullptr; // Nobody is asked, least of all whom a kit's document names.
+	own.restrict_download = nullptr;
 	return own;
 }
 

@@ -181,9 +181,7 @@ void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, 
 		update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory, advice);
 	});
 	outcome_.downloaded_bytes = dataupdate::DownloadedBytes() - before;
-	if (!update_.is_full) {
-		outcome_.full_package_bytes = FullPackageBytes(services_, remote.download_link);
-	}
+	spared_link_ = update_.is_full ? "" : remote.download_link;
 }
 
 void Operation::RequireFullPackage(const std::string& link, std::uint64_t spent) const {
@@ -199,6 +197,9 @@ RemoteInfo Operation::AskPlan() const {
 	check_volume_();
 	// Under the lock, because the run that seemed to be killed may have been another one that was still at work.
 	const std::optional<int> version = FindPrepared(services_, id_);
+	if (!version && outcome_.was_unfinished) { // The library would finish it all the same.
+		throw CommandError(kFailed, "a hold is in the way, or what was prepared is no longer whole");
+	}
 	return {version.value_or(outcome_.before), 0, false, ""};
 }
 

@@ -55,7 +55,8 @@ enum class RefusedVersion {
  *
  * Throws CommandError as well: an unfinished replacement is never finished by an older version unless it goes back.
  */
-[[nodiscard]] Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back);
+[[nodiscard]] Outcome ImportDatabase(
+    const Services& services, const std::string& id, bool goes_back, RefusedVersion refused = RefusedVersion::kLeave);
 /**
  * Reinstalls the server's version if anything is missing, changed, unknown or half replaced. A database that is held
  * gets its own version again, by a link that is made from the server's.
@@ -114,6 +115,8 @@ public:
 
 	OpenedPackages& Packages() { return packages_; }
 	const Outcome& Result() const { return outcome_; }
+	/** Links to the full package that was not needed; empty when it was. */
+	const std::string& SparedLink() const { return spared_link_; }
 
 private:
 	class OwnInfo;
@@ -142,6 +145,7 @@ private:
 	Change change_;
 	CheckVolume check_volume_;
 	Budget budget_;
+	std::string spared_link_; // of the full package in whose place diff packages were installed
 	Older older_ = Older::kAsTheLibraryDoes;
 	RecordKeeper record_;
 	OpenedPackages packages_;

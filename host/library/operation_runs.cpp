@@ -2,6 +2,7 @@
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
 #include "host/library/operation.h"
+#include "host/library/package_plan.h"
 #include "host/library/preparation.h"
 #include "host/library/rejection.h"
 
@@ -29,7 +30,8 @@ Outcome Finish(const Services& services, const std::string& id, const Operation:
 			return operation.Result();
 		}
 	} catch (const std::exception& error) {
-		if (dataupdate::IsInterruptionRequested()) {
+		// Whoever holds the lock would hold up the operation that follows as well.
+		if (dataupdate::IsInterruptionRequested() || CategoryOf(error.what()) == Category::kLocked) {
 			throw;
 		}
 		syslog(
@@ -63,9 +65,10 @@ Outcome Update(Operation& operation, const std::string& id) {
 Outcome Fix(Operation& operation, const std::string& id) {
 	try {
 		// Asks the check again, whatever it said before: a person wants it, or there is nothing better to be had.
-		RememberingRejection(id, operation.Result().offered, [&] { operation.Front().FixProject(id); });
+		operation.Front().FixProject(id);
 	} catch (const UpdateError& error) {
 		const Outcome& found = operation.Result();
+		RememberRejection(id, found.held_at.value_or(found.offered), error.what());
 		if (found.held_at.value_or(found.offered) == found.offered || CategoryOf(error.what()) != Category::kDownload) {
 			throw;
 		}
@@ -100,14 +103,21 @@ Outcome UpdateDatabase(const Services& services, const std::string& id, const Bu
 	if (refused == RefusedVersion::kRetry) {
 		operation.RetryRefused();
 	}
-	return Joined(finished, Update(operation, id));
+	Outcome outcome = Joined(finished, Update(operation, id));
+	if (!operation.SparedLink().empty()) { // Asked for when everything is recorded: it may take a while.
+		outcome.full_package_bytes = FullPackageBytes(services, operation.SparedLink());
+	}
+	return outcome;
 }
 
-Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back) {
+Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back, RefusedVersion refused) {
 	const auto check = [&services, &id] { RequirePlaces(services, id); };
 	const Outcome finished = Finish(services, id, check);
 	Operation operation(services, id, Change::kUpdate, check);
 	operation.Treat(goes_back ? Older::kInstalled : Older::kRefused);
+	if (refused == RefusedVersion::kRetry) {
+		operation.RetryRefused();
+	}
 	return Joined(finished, Update(operation, id));
 }
 

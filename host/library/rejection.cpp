@@ -36,6 +36,10 @@ void RememberRejection(const std::string& id, int version, const std::string& me
 	if (CategoryOf(message) != Category::kRefusedByCheck) {
 		return;
 	}
+	// What comes by another way, such as a kit, must not have the server's later version downloaded again.
+	if (const std::optional<Rejection> known = ReadRejection(id); known && known->version > version) {
+		return;
+	}
 	Json::Value object(Json::objectValue);
 	object["version"] = version;
 	object["time"] = Json::Int64{std::time(nullptr)};

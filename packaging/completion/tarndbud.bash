@@ -63,7 +63,7 @@ _tarndbudctl() {
 	force-install) _tarndbud_offer "--even-held --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
 	import)
 		if [[ ${COMP_WORDS[COMP_CWORD]} == -* ]]; then
-			_tarndbud_offer '--force --no-wait --json --verbose --help'
+			_tarndbud_offer '--force --retry-refused --no-wait --json --verbose --help'
 		elif [[ -n $(_tarndbud_word 2) ]]; then
 			_tarndbud_offer "$(_tarndbud_ids)"
 		else

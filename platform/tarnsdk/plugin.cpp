@@ -130,7 +130,7 @@ int TLIBPluginExists(const char* module, const char* path) {
 	});
 }
 
-int TLIBPluginCheck(TLIBPluginContext* handle, int (*may_go_on)(void), char* reason, std::size_t size) {
+int TLIBPluginCheck(TLIBPluginContext* handle, int (*may_go_on)(), char* reason, std::size_t size) {
 	if (reason == nullptr || size == 0) {
 		return Fail(EINVAL);
 	}

@@ -2,12 +2,15 @@
 
 from __future__ import annotations
 
+import os
 import random
 import shutil
+import signal
+import time
 from pathlib import Path
 
 import pytest
-from harness import programs, tracing, trees
+from harness import programs, readers, tracing, trees
 from harness.chains import Snapshot
 from harness.device import DATABASE, Device
 from harness.packages import Diff, HandPublisher
@@ -120,6 +123,29 @@ def test_what_was_replaced_and_not_recorded_yet_is_recorded(offer: Offer, connec
     offer.kill_at(tracing.Point(call, 1 if call == "syncfs" else 3))
     assert offer.packages_of("update", DATABASE) == []
     offer.assert_finished(call)
+
+
+def test_a_finish_that_is_ended_early_leaves_all_that_was_prepared(connected: Device, offer: Offer) -> None:
+    offer.kill_at(offer.renames[len(offer.renames) // 2])
+    with readers.reading(DATABASE):
+        update = connected.start("update", DATABASE)
+        time.sleep(1)
+        assert not update.has_ended(), "readers hold it up"
+        os.kill(update.pid, signal.SIGTERM)
+        assert update.wait().status != 0
+    assert connected.mark(DATABASE).exists()
+    assert offer.packages_of("update", DATABASE) == []
+    offer.assert_finished("ended early")
+
+
+def test_a_hold_keeps_a_finish_from_going_beyond_it(connected: Device, offer: Offer) -> None:
+    offer.kill_at(offer.renames[0])
+    connected.run_ok("hold", DATABASE, "1")
+    assert connected.run("update").status == 8, "a mixture is no quiet end"
+    assert connected.mark(DATABASE).exists()
+    connected.run_ok("unhold", DATABASE)
+    assert offer.packages_of("update", DATABASE) == []
+    offer.assert_finished("after the hold")
 
 
 def test_after_a_restart_of_the_system_the_package_comes_again(connected: Device, offer: Offer) -> None:

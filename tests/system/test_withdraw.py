@@ -170,6 +170,23 @@ def test_what_a_withdrawal_leaves_is_in_order_for_every_other_command(
     history.assert_good()
 
 
+def test_where_channels_share_a_database_the_version_has_to_be_named(
+    history: History, connected: Device, publisher: Publisher
+) -> None:
+    history.publish_bad("garbage")
+    repository = ["--repo", publisher.repository, "--key", publisher.public_key]
+    programs.run_ok(programs.PUB, "promote", HEALTHY, "--from", "1", "--to", "second", *repository)
+    withdraw = [
+        programs.PUB, "withdraw", HEALTHY, "--repo", publisher.repository, "--key", publisher.private_key, "--level", "1",
+    ]  # fmt: skip
+    assert programs.run(*withdraw).status == 1
+    assert publisher.entry(HEALTHY)["data_version"] == "3"
+    told = programs.run_ok(*withdraw, "--to", "2").stderr
+    assert "database_info/second still names version 3, which is withdrawn" in told
+    connected.update(HEALTHY)
+    assert trees.contents(connected.installed(HEALTHY)) == history.good
+
+
 def test_a_kit_does_not_go_past_a_hold(
     history: History, connected: Device, publisher: Publisher, tmp_path: Path
 ) -> None:

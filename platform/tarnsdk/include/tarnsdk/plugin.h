@@ -97,6 +97,7 @@ int TLIBPluginExists(const char* module, const char* path);
  * @param size       bytes in reason
  * @return a TLIBPluginVerdict
  */
+// The word is C's. NOLINTNEXTLINE(modernize-redundant-void-arg)
 int TLIBPluginCheck(TLIBPluginContext* handle, int (*may_go_on)(void), char* reason, size_t size);
 
 /** Closes a context; one that isn't open (any more) is ignored, as owners may share a handle. Returns 0. */
