@@ -180,7 +180,8 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		prepared = PrepareNew(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
 		result.is_full = true;
 	}
-	Validate({id, status.data_version, remote.data_version, volume, installPrefix}, prepared.content);
+	Validate({id, advice.installed_version.value_or(status.data_version), remote.data_version, volume, installPrefix},
+	    prepared.content);
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
 	result.files = Install(id, std::move(prepared), installPrefix, announce);
 	result.data_version = remote.data_version;

@@ -85,6 +85,8 @@ struct UpdateAdvice {
 	 * ends the update, with the installed files untouched.
 	 */
 	std::function<void()> before_full_package;
+	/** What checking hooks are told to be installed; none: what the status says. */
+	std::optional<int> installed_version = std::nullopt;
 };
 
 /** Runs an update of one database; whether one is needed is the caller's decision. */

@@ -176,7 +176,8 @@ void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, 
 	}
 	record_.PrepareUpdate();
 	const dataupdate::UpdateAdvice advice = {[this](const std::string& name) { return record_.KnownDigest(name); },
-	    [&] { RequireFullPackage(remote.download_link, dataupdate::DownloadedBytes() - before); }};
+	    [&] { RequireFullPackage(remote.download_link, dataupdate::DownloadedBytes() - before); },
+	    outcome_.goes_back ? std::optional(outcome_.before) : std::nullopt};
 	RememberingRejection(id_, remote.data_version, [&] {
 		update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory, advice);
 	});

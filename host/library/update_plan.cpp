@@ -4,6 +4,7 @@
 #include "dataupdate/update_error.h"
 #include "host/library/operation.h"
 #include "host/library/readers.h"
+#include "host/library/rejection.h"
 
 #include <algorithm>
 #include <exception>
@@ -74,6 +75,10 @@ std::optional<std::uint64_t> MostBytes(const Services& services, const UpdatePla
 std::string Obstacle(const Services& services, const UpdatePlan& plan) {
 	if (!services.config->GetDatabaseConfig(plan.id)->GetScheduled()) {
 		return "the database is not scheduled";
+	}
+	if (const std::optional<Rejection> rejection = ReadRejection(plan.id);
+	    rejection && rejection->version == plan.found.offered) {
+		return "a check of this machine refused version " + Number(plan.found.offered);
 	}
 	const Budget budget = services.scheduled_budget ? services.scheduled_budget() : Budget();
 	try {

@@ -144,6 +144,8 @@ def test_a_refused_version_replaces_nothing_and_is_not_tried_again_by_itself(che
     assert "rule ?[31m3 of 5 is bad" in again.stderr
     assert len(checked.checks()) == 2
     assert json.loads((STATUS / DATABASE / "last_run.json").read_text())["downloaded_bytes"] == 0
+    planned = json.loads(device.run_ok("plan", "--json", DATABASE).stdout)[0]
+    assert planned["not_when_scheduled"] == "a check of this machine refused version 2"
     # When asked for.
     assert device.run("update", DATABASE, "--retry-refused").status == REFUSED
     assert len(checked.checks()) == 3

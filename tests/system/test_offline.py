@@ -159,6 +159,11 @@ def test_an_older_kit_changes_nothing_unless_it_is_forced(older: Device, shop: S
     bring_ok(shop.export(file="newest.kit"))
     ran = tmp_path / "ran"
     older.add_hook("10-tell", f'#!/bin/sh\necho "$1" >> {ran}\n')
+    told = tmp_path / "told"
+    older.add_hook(
+        "10-check", f'#!/bin/sh\necho "$INSTALLED_VERSION to $VERSION" >> {told}\n',
+        "database_autoupdate/database_autoupdate/validate",
+    )  # fmt: skip
     refused = bring(kit)
     assert refused.status == 5, str(refused)
     assert refused.stdout == (
@@ -170,6 +175,7 @@ def test_an_older_kit_changes_nothing_unless_it_is_forced(older: Device, shop: S
     assert bring_ok(kit, "--force").stdout == f"{DATABASE}: went back from version 4 to version 3\n"
     assert_installed(older, 3)
     assert ran.read_text().split() == ["pre", "post"]
+    assert told.read_text() == "4 to 3\n"
     assert bring_ok(kit, "--force").stdout == f"{DATABASE}: up to date, version 3\n"
 
 
