@@ -44,9 +44,10 @@ def installed(volume: Path = DATA) -> Path:
 
 
 def status(machine: Machine) -> dict[str, object]:
-    """All but the age, which does not stand still."""
+    """All but the age and the next run, which do not stand still; a timer knows of none while its service runs."""
     told: dict[str, object] = json.loads(machine.do(f"tarndbudctl status {DATABASE} --json"))[0]
     del told["age_seconds"]
+    told.pop("next_run", None)
     return told
 
 
