@@ -2,7 +2,10 @@
 #include "dataupdate/internal/planned_strategy.h"
 #include "dataupdate/internal/replacement_plan.h"
 #include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/paths.h"
+#include "dataupdate/updater.h"
+#include "fake_platform.h"
 #include "library_test.h"
 #include "private_root.h"
 
@@ -138,6 +141,64 @@ TEST_F(ReplacementPlanTest, ThatCannotBeMadeIsLoggedAndTakesTheOldOneAway) {
 	EXPECT_THAT(test::Lines(log), ElementsAre(Line{LOG_INFO, "replacement_scope.cpp",
 	                                  "Killed from here on, this replacement would need its package again: " +
 	                                      Prepared("missing") + " is no regular file"}));
+}
+
+class FinishedReplacementTest : public ReplacementPlanTest {
+protected:
+	UpdateResult Finish() const {
+		const ReplacementScope scope("geo");
+		UpdateResult result = FinishReplacement("geo", Volume(), directory_ / "installed");
+		scope.EndByRecord();
+		return result;
+	}
+	std::string Temporary(const std::string& name) const { return TempPath(Volume(), "geo", name); }
+
+	test::FakePlatform platform_;
+};
+
+TEST_F(FinishedReplacementTest, PutsTheRestOfADiffInPlace) {
+	WriteFile(Installed("a"), "old");
+	WriteFile(Installed("b"), "to be deleted");
+	WriteFile(Installed("c"), "of nobody");
+	fs::create_directories(TempDirPath(Volume()));
+	WritePlan("b");
+	SetMarkOverPlan("geo");
+	EXPECT_EQ(FindPreparedReplacement("geo", Volume(), directory_ / "installed"), 7);
+	const UpdateResult result = Finish();
+	EXPECT_EQ(result.data_version, 7);
+	EXPECT_EQ(result.last_fetch_time, 1700000000);
+	EXPECT_FALSE(result.is_full);
+	EXPECT_EQ(result.files.Size(), 2U);
+	EXPECT_EQ(ReadFile(Installed("a")), "new");
+	EXPECT_FALSE(fs::exists(Installed("b")));
+	EXPECT_TRUE(fs::exists(Installed("c")));
+	EXPECT_FALSE(fs::exists(kPlan));
+	EXPECT_FALSE(FindPreparedReplacement("geo", Volume(), directory_ / "installed"));
+}
+
+TEST_F(FinishedReplacementTest, MovesTheRestOfATreeIn) {
+	WriteFile(Installed("old/a"), "old");
+	WriteFile(Installed("moved"), "in already");
+	WriteFile(Temporary("staged") + "/a", "new");
+	fs::create_directories(Temporary("replaced"));
+	WriteFile(Temporary("v7"), "no package");
+	PlanWriter plan("geo", {7, 0, true, Volume(), directory_ / "installed"});
+	plan.AddFile("a", Temporary("staged") + "/a");
+	plan.AddFile("moved", Installed("moved"));
+	plan.Finish();
+	SetMarkOverPlan("geo");
+	const UpdateResult result = Finish();
+	EXPECT_TRUE(result.is_full);
+	EXPECT_THAT(EntriesBelow(directory_ / "installed"), ::testing::UnorderedElementsAre("a", "moved"));
+	EXPECT_FALSE(fs::exists(Temporary("staged")));
+	EXPECT_FALSE(fs::exists(Temporary("replaced")));
+}
+
+TEST_F(FinishedReplacementTest, NeedsWhatWasPrepared) {
+	WritePlan();
+	SetMarkOverPlan("geo");
+	fs::remove(Prepared("a"));
+	EXPECT_EQ(MessageOf([&] { Finish(); }), "What was prepared for geo is no longer whole");
 }
 
 TEST_F(ReplacementPlanTest, TellsFilesApart) {
