@@ -2,7 +2,7 @@
 
 #include "base/sqlite_names.h"
 #include "base/text.h"
-#include "decoder/decode.h"
+#include "publisher/apply_diffs.h"
 #include "publisher/device.h"
 #include "publisher/diff_chain.h"
 #include "publisher/encode_files.h"
@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 
 namespace tarn::publisher {
@@ -33,10 +32,6 @@ bool HasCompanion(const std::string& name, const std::set<std::string>& names) {
 	    [&](const char* suffix) { return names.count(name + suffix) > 0; });
 }
 
-void DecodePatchFile(const std::string& source, const std::string& output, const std::string& patch) {
-	decoder::DecodeFile(source, output, patch);
-}
-
 /** The steps of MakeDiff(). */
 class DiffMaker {
 public:
@@ -51,7 +46,7 @@ public:
 		Unpack();
 		FindChanges();
 		Encode();
-		WriteDescription();
+		ListMembers();
 		DiffResult result = Summarise();
 		result.earlier = chain_.Versions();
 		result.package_size = Write(archive_fd, path);
@@ -159,7 +154,7 @@ private:
 		}
 	}
 
-	void WriteDescription() {
+	void ListMembers() {
 		for (std::size_t i = 0; i < changes_.size(); ++i) {
 			const PatchKind kind = encoded_[i].kind;
 			DiffMember member = {changes_[i].name, OperationOf(kind), "", kind};
@@ -168,10 +163,6 @@ private:
 				member.size = fs::file_size(encoded_[i].input);
 			}
 			members_.push_back(std::move(member));
-		}
-		std::ofstream description(work_ / kDescriptionName, std::ios::binary);
-		if (!(description << DescriptionText(members_, EmptiedDirectories(before_, after_))).flush()) {
-			throw PublishError("the package's description could not be written");
 		}
 	}
 
@@ -198,8 +189,7 @@ private:
 				content.files.push_back({members_[i].input_file, encoded_[i].input, members_[i].size, executable});
 			}
 		}
-		const std::string description = work_ / kDescriptionName;
-		content.files.push_back({kDescriptionName, description, fs::file_size(description), false});
+		AddDescription(DescriptionText(members_, EmptiedDirectories(before_, after_)), work_, content);
 		PackageInfo info = {order_.options.id, order_.options.format_version, version_, kDiffKind};
 		info.published = order_.published;
 		info.more["base_version"] = order_.previous.data_version;
@@ -229,15 +219,8 @@ private:
 		observer_.step("verifying", 0, 1);
 		fs::remove_all(work_ / "encoding");
 		const ExpectedTree expected(after_, ScriptedNames());
-		const std::string package = work_.Make("package");
-		order_.reader.Unpack(path, {order_.options.id, "", version_, kDiffKind}, package);
-		try {
-			DevicePatcher patcher(work_.Make("copies"), OldTree(), DecodePatchFile); // nothing else needs the old tree
-			patcher.Apply(package);
-			patcher.Install();
-		} catch (const std::exception& error) {
-			throw PublishError(std::string("devices could not apply it: ") + error.what());
-		}
+		// Nothing else needs the old tree.
+		ApplyDiffs(order_.reader, order_.options.id, {{version_, path}}, OldTree(), work_);
 		expected.Require(ListTree(OldTree()));
 	}
 

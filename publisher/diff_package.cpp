@@ -7,9 +7,10 @@
 #include "publisher/device.h"
 #include "publisher/json_text.h"
 #include "publisher/package.h"
-#include "publisher/tree.h"
+#include "publisher/publish_error.h"
 
 #include <array>
+#include <fstream>
 #include <iomanip>
 #include <map>
 #include <optional>
@@ -155,6 +156,15 @@ std::string DescriptionText(const std::vector<DiffMember>& members, const std::v
 		describe(name, OperationOf(PatchKind::kEmptied), "");
 	}
 	return JsonText(description) + "\n";
+}
+
+void AddDescription(const std::string& text, const WorkDirectory& work, Tree& content) {
+	const std::string path = work / kDescriptionName;
+	std::ofstream description(path, std::ios::binary);
+	if (!(description << text).flush()) {
+		throw PublishError("the package's description could not be written");
+	}
+	content.files.push_back({kDescriptionName, path, text.size(), false});
 }
 
 } // namespace tarn::publisher

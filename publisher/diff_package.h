@@ -3,6 +3,8 @@
 #define PUBLISHER_DIFF_PACKAGE_H
 
 #include "archive/file.h"
+#include "publisher/files.h"
+#include "publisher/tree.h"
 
 #include <json/json.h>
 
@@ -68,6 +70,9 @@ DiffPackage ReadDiffPackage(const archive::ArchiveFile& archive);
  * them
  */
 std::string DescriptionText(const std::vector<DiffMember>& members, const std::vector<std::string>& emptied = {});
+
+/** Writes a description into a work directory, and adds it to what a package is to hold; throws PublishError. */
+void AddDescription(const std::string& text, const WorkDirectory& work, Tree& content);
 
 } // namespace tarn::publisher
 

@@ -109,6 +109,9 @@ void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
 		throw Error("is not the " + expected.kind + " package of version " + std::to_string(expected.data_version) +
 		            " of " + expected.id);
 	}
+	if (expected.kind == kDiffKind && metadata["base_version"] != expected.data_version - 1) {
+		throw Error("does not begin at version " + std::to_string(expected.data_version - 1));
+	}
 }
 
 } // namespace

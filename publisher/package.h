@@ -85,7 +85,8 @@ public:
 	/**
 	 * Opens a package and checks all of it.
 	 *
-	 * @param expected  id, version and kind that its metadata must name, since files are easily put in a wrong place
+	 * @param expected  id, version and kind that its metadata must name, since files are easily put in a wrong place; a
+	 *                  diff package must also begin at the version before
 	 * @throws PublishError naming the package
 	 */
 	[[nodiscard]] archive::ArchiveFile Open(const std::string& path, const PackageInfo& expected) const;

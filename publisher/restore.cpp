@@ -188,10 +188,6 @@ private:
 		const std::string kind = file.is_diff ? kDiffKind : "full";
 		const archive::ArchiveFile archive = reader_.Open(file.path, {id, "", file.data_version, kind});
 		const Json::Value metadata = ReadMetadata(archive);
-		if (file.is_diff && metadata["base_version"] != file.data_version - 1) {
-			throw PublishError(
-			    "the package " + file.path + " does not begin at version " + std::to_string(file.data_version - 1));
-		}
 		if (metadata.get(kWithdrawnByKey, 0) != file.withdrawal) {
 			throw PublishError("the package " + file.path + " is of another withdrawal than its name says");
 		}

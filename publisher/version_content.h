@@ -2,6 +2,7 @@
 #ifndef PUBLISHER_VERSION_CONTENT_H
 #define PUBLISHER_VERSION_CONTENT_H
 
+#include "publisher/apply_diffs.h"
 #include "publisher/diff_chain.h"
 #include "publisher/package.h"
 #include "publisher/repository.h"
@@ -31,13 +32,9 @@ public:
 	 */
 	[[nodiscard]] Json::Value Unpack(int version, const std::string& directory, const WorkDirectory& work) const;
 
-	/** Applies diff packages in turn to the files in a directory, as devices do; throws PublishError. */
-	void Apply(const std::vector<std::pair<int, std::string>>& packages, const std::string& directory,
-	    const WorkDirectory& work) const;
-
 private:
 	/** The diff packages that lead to a version from a full package. */
-	std::vector<std::pair<int, std::string>> StepsTo(int version) const;
+	std::vector<DiffStep> StepsTo(int version) const;
 
 	const Repository& repository_;
 	const PackageReader& reader_;

@@ -2,8 +2,7 @@
 
 #include "base/error.h"
 #include "base/text.h"
-#include "decoder/decode.h"
-#include "publisher/device.h"
+#include "publisher/apply_diffs.h"
 #include "publisher/diff_chain.h"
 #include "publisher/diff_package.h"
 #include "publisher/publish_error.h"
@@ -15,10 +14,6 @@ namespace tarn::publisher {
 namespace {
 
 namespace fs = std::filesystem;
-
-void DecodePatch(const std::string& source, const std::string& output, const std::string& patch) {
-	decoder::DecodeFile(source, output, patch);
-}
 
 /** The metadata of a package that was checked when it was unpacked. */
 Json::Value CheckedMetadata(const std::string& path) {
@@ -62,23 +57,14 @@ private:
 	}
 
 	void Follow(const std::string& installed) {
-		const std::string copies = work_.Make("copies");
-		DevicePatcher patcher(copies, installed, DecodePatch);
+		std::vector<DiffStep> steps;
 		for (int at = full_ + 1; at <= tree_.version.version; ++at) {
-			const std::string path = source_.repository.DiffPath(source_.id, at);
-			const std::string package = work_.Make("package");
-			source_.reader.Unpack(path, {source_.id, "", at, kDiffKind}, package);
-			const Json::Value metadata = CheckedMetadata(path);
-			if (metadata["base_version"] != at - 1) {
-				throw PublishError("the package " + path + " does not begin at version " + std::to_string(at - 1));
-			}
-			patcher.Apply(package);
-			fs::remove_all(package);
-			tree_.version.published = PublishedTime(metadata);
-			tree_.scripted = ChainState::FromMetadata(metadata).Scripted();
+			steps.push_back({at, source_.repository.DiffPath(source_.id, at)});
 		}
-		patcher.Install();
-		fs::remove_all(copies);
+		ApplyDiffs(source_.reader, source_.id, steps, installed, work_);
+		const Json::Value metadata = CheckedMetadata(steps.back().path);
+		tree_.version.published = PublishedTime(metadata);
+		tree_.scripted = ChainState::FromMetadata(metadata).Scripted();
 	}
 
 	const VersionSource& source_;

@@ -2,13 +2,13 @@
 
 #include "base/sqlite_names.h"
 #include "base/text.h"
+#include "publisher/apply_diffs.h"
 #include "publisher/diff_maker.h"
 #include "publisher/publish_error.h"
 #include "publisher/sqlite_content.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <utility>
 
 namespace tarn::publisher {
@@ -122,12 +122,7 @@ void WithdrawalDiffs::WriteLast() {
 		++(!change.after ? result_.deleted : change.before ? result_.replaced : result_.created);
 		members_.push_back(std::move(member));
 	}
-	const std::string path = order_.work / kDescriptionName;
-	std::ofstream description(path, std::ios::binary);
-	if (!(description << DescriptionText(members_, Emptied())).flush()) {
-		throw PublishError("the package's description could not be written");
-	}
-	content.files.push_back({kDescriptionName, path, fs::file_size(path), false});
+	AddDescription(DescriptionText(members_, Emptied()), order_.work, content);
 	Json::Value more(Json::objectValue);
 	more[kRestoresKey] = order_.target;
 	order_.chain.State().After(members_).ToMetadata(more);
@@ -140,13 +135,8 @@ void WithdrawalDiffs::WriteLast() {
 }
 
 void WithdrawalDiffs::WriteEmpty(int version) {
-	const std::string path = order_.work / kDescriptionName;
-	std::ofstream description(path, std::ios::binary);
-	if (!(description << DescriptionText({})).flush()) {
-		throw PublishError("the package's description could not be written");
-	}
 	Tree content;
-	content.files.push_back({kDescriptionName, path, fs::file_size(path), false});
+	AddDescription(DescriptionText({}), order_.work, content);
 	Json::Value more(Json::objectValue);
 	more[kWithdrawnByKey] = Version();
 	const DiffChain::Link* target = order_.chain.Find(order_.target);
@@ -181,13 +171,13 @@ int WithdrawalDiffs::OldestStart() const {
 void WithdrawalDiffs::Prove(int start) const {
 	const std::string directory = order_.work.Make("device");
 	static_cast<void>(order_.content.Unpack(start, directory, order_.work));
-	std::vector<std::pair<int, std::string>> packages;
+	std::vector<DiffStep> steps;
 	for (int version = start + 1; version <= Version(); ++version) {
 		const auto own = packages_.find(version);
-		packages.emplace_back(
-		    version, own == packages_.end() ? order_.chain.Find(version)->path : own->second.file.TemporaryPath());
+		steps.push_back(
+		    {version, own == packages_.end() ? order_.chain.Find(version)->path : own->second.file.TemporaryPath()});
 	}
-	order_.content.Apply(packages, directory, order_.work);
+	ApplyDiffs(order_.reader, order_.options.id, steps, directory, order_.work);
 	const Tree result = ListTree(directory);
 	const std::string devices = "devices with version " + std::to_string(start) + " would ";
 	if (result.empty_directories > 0) {

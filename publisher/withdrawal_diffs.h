@@ -65,7 +65,6 @@ private:
 	void WriteLast();
 	void WriteEmpty(int version);
 	std::uint64_t Write(int version, const Tree& content, Json::Value more, ReplacingFile& file) const;
-	ReplacingFile& Draft(int version, const std::string& name);
 	int OldestStart() const;
 	void Prove(int start) const;
 	int Version() const { return order_.newest + 1; }
