@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
 
 namespace tarn::archive {
@@ -81,36 +82,49 @@ bool MayJoin(const std::string& left, const std::string& right) {
 	       left.size() + right.size() <= kMaxFrameSize;
 }
 
+struct Choice {
+	Codec codec = Codec::kZstd;
+	std::uint64_t saved = 0; // of a frame's middle, besides what the time of devices is worth
+};
+
 /** The codec for a frame of a large payload, by its middle. */
-Codec ChooseCodec(std::string_view bytes, int level) {
+Choice ChooseCodec(std::string_view bytes, int level) {
 	constexpr std::size_t kSampleSize = std::size_t{512} << 10U;
 	const std::size_t begin = bytes.size() > kSampleSize ? (bytes.size() - kSampleSize) / 2 : 0;
 	const std::string_view sample = bytes.substr(begin, kSampleSize);
 	constexpr int kQuickLevel = 1;
 	constexpr unsigned kThousand = 1000;
-	Codec best = Codec::kZstd;
-	std::uint64_t least = Compress(best, sample, kQuickLevel).size();
-	if (level < kMinMixedLevel || least > sample.size() / kThousand * 980) {
+	Choice best;
+	if (level < kMinMixedLevel || Compress(best.codec, sample, kQuickLevel).size() > sample.size() / kThousand * 980) {
 		return best; // Nothing can be saved by others.
 	}
-	least = Compress(best, sample, level).size();
+	const std::uint64_t by_zstd = Compress(best.codec, sample, level).size();
 	for (const Candidate& candidate : kCandidates) {
 		if (candidate.codec != Codec::kZstd && level >= candidate.min_level) {
 			const std::uint64_t cost =
 			    Compress(candidate.codec, sample, level).size() + sample.size() * candidate.handicap / kThousand;
-			best = cost < least ? candidate.codec : best;
-			least = std::min(least, cost);
+			best = cost + best.saved < by_zstd ? Choice{candidate.codec, by_zstd - cost} : best;
 		}
 	}
 	return best;
 }
 
-} // namespace
-
-PackedFrame PackLarge(std::string_view bytes, int level) {
-	const Codec codec = ChooseCodec(bytes, level);
-	return MakeFrame(codec, bytes, Compress(codec, bytes, level));
+/**
+ * Leaves the slow codecs to the frames that they make smallest, a quarter of all: so a device never needs more than
+ * about twice as long for a package of many frames as zstd would take.
+ */
+void LimitSlowFrames(std::vector<Choice>& choices) {
+	constexpr std::size_t kShare = 4;
+	std::vector<Choice*> order;
+	std::transform(choices.begin(), choices.end(), std::back_inserter(order), [](Choice& choice) { return &choice; });
+	std::stable_sort(
+	    order.begin(), order.end(), [](const Choice* left, const Choice* right) { return left->saved > right->saved; });
+	for (std::size_t at = (choices.size() + kShare - 1) / kShare; at < order.size(); ++at) {
+		*order[at] = {};
+	}
 }
+
+} // namespace
 
 std::vector<PackedFrame> PackGroups(std::vector<std::string> groups, int level) {
 	JoinSmallest(groups);
@@ -179,8 +193,16 @@ void Packer::CutFrame() {
 }
 
 void Packer::PackFrames() {
+	std::vector<Choice> choices(frames_.size());
+	DoInParallel(frames_.size(), [&](std::size_t at) { choices[at] = ChooseCodec(frames_[at], level_); });
+	if (level_ < kMaxLevel) {
+		LimitSlowFrames(choices);
+	}
 	std::vector<PackedFrame> packed(frames_.size());
-	DoInParallel(frames_.size(), [&](std::size_t at) { packed[at] = PackLarge(frames_[at], level_); });
+	DoInParallel(frames_.size(), [&](std::size_t at) {
+		const Codec codec = choices[at].codec;
+		packed[at] = MakeFrame(codec, frames_[at], Compress(codec, frames_[at], level_));
+	});
 	frames_.clear();
 	std::for_each(packed.begin(), packed.end(), sink_);
 }

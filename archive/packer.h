@@ -31,7 +31,8 @@ struct PackedFrame {
  *
  * A small payload gets frames for each group, or one for several when that is smaller, and in each frame the codec that
  * makes it smallest. In a larger payload a part of each frame decides, and the time of the device counts: a codec that
- * is slower to decompress must be smaller by what its time is worth.
+ * is slower to decompress must be smaller by what its time is worth, and below kMaxLevel it gets a quarter of the
+ * frames at most.
  */
 class Packer {
 public:
@@ -67,8 +68,6 @@ private:
 
 /** A small payload's groups as frames. */
 [[nodiscard]] std::vector<PackedFrame> PackGroups(std::vector<std::string> groups, int level);
-/** One frame of a large payload. */
-[[nodiscard]] PackedFrame PackLarge(std::string_view bytes, int level);
 
 } // namespace tarn::archive
 

@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <array>
 #include <random>
 
 namespace tarn::test {
@@ -247,6 +248,40 @@ TEST_F(ArchiveFrames, AreTheSameForTheSameContent) {
 			first = all;
 		}
 	}
+}
+
+/** Rows of two kinds of symbols in turns, which brotli makes smaller than zstd by more than its time is worth. */
+std::string Rows(std::size_t size) {
+	constexpr std::size_t kLength = 3000;
+	const std::string random = RandomBytes(size, 12);
+	std::string rows;
+	for (std::size_t at = 0; at < size; ++at) {
+		constexpr std::array<std::string_view, 2> kSymbols = {"0123456789abcdef", "ACGT"};
+		const std::string_view symbols = kSymbols.at(at / kLength % 2);
+		rows += symbols[static_cast<unsigned char>(random[at]) % symbols.size()];
+	}
+	return rows;
+}
+
+std::size_t SlowFrames(const std::string& bytes, int level) {
+	std::size_t slow = 0;
+	archive::Packer packer(level, 0, [&slow](const archive::PackedFrame& frame) {
+		slow += frame.frame.codec != Codec::kZstd && frame.frame.codec != Codec::kStored ? 1 : 0;
+	});
+	constexpr std::size_t kFrame = std::size_t{256} << 10U;
+	for (std::size_t begin = 0; begin < bytes.size(); begin += kFrame) {
+		packer.BeginGroup();
+		packer.Write(bytes.substr(begin, kFrame));
+	}
+	packer.Finish();
+	return slow;
+}
+
+TEST_F(ArchiveFrames, OfALargePayloadCostDevicesTimeInAQuarterOfThemUnlessBytesCountMost) {
+	const std::string rows = Rows(std::size_t{1} << 20U);
+	EXPECT_EQ(SlowFrames(rows, archive::kMaxLevel), 4U);
+	EXPECT_EQ(SlowFrames(rows, archive::kDefaultLevel), 1U);
+	EXPECT_EQ(SlowFrames(rows, archive::kMinMixedLevel - 1), 0U);
 }
 
 TEST_F(ArchiveFrames, OfASmallPayloadFollowItsGroups) {
