@@ -22,6 +22,7 @@ PROGRAMS = {
     "tarndbudpub": (programs.PUB, "man1/tarndbudpub.1"),
     "tarndbudvcdiff": ("/usr/tarn/sbin/tarndbudvcdiff", "man8/tarndbudvcdiff.8"),
 }
+DESCRIBED_ONCE = {"--help", "--verbose", "--version"}
 
 
 def rendered(page: str) -> str:
@@ -45,6 +46,11 @@ def vocabulary(program: str, *words: str) -> dict[tuple[str, ...], set[str]]:
     for command in commands:
         found |= vocabulary(program, *words, command)
     return found
+
+
+def synopses(name: str, page: str) -> list[str]:
+    """The usage of each command by the manual page, behind the program's name."""
+    return rendered(page).partition(" SYNOPSIS ")[2].partition(" DESCRIPTION ")[0].split(f"{name} ")[1:]
 
 
 def completed(program: str, *words: str) -> list[str]:
@@ -77,6 +83,19 @@ def test_manual_and_completion_know_every_command_and_option(name: str) -> None:
         assert set(options) - known <= {"--verbose", "--"}, f"{program} {words}"
         if subcommands(programs.run_ok(program, *words, "--help").stdout):
             assert {word for word in offered if not word.startswith("-")} <= set(completed(name, *words, ""))
+
+
+@pytest.mark.parametrize("name", PROGRAMS)
+def test_the_synopsis_gives_each_command_the_options_of_its_help(name: str) -> None:
+    program, page = PROGRAMS[name]
+    commands = vocabulary(program)
+    leaves = [words for words in commands if not any(other[:-1] == words for other in commands if other)]
+    usages = synopses(name, page)
+    assert len(usages) == len(leaves) > 0
+    for words in leaves:
+        (usage,) = [usage for usage in usages if usage.split()[: len(words)] == list(words)]
+        in_help = {word for word in commands[words] if word.startswith("--")} - DESCRIBED_ONCE
+        assert set(re.findall(r"--[a-z][a-z-]*", usage)) == in_help, f"{name} {' '.join(words)}"
 
 
 def test_completion_offers_the_configured_databases(device: Device) -> None:
