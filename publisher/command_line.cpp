@@ -69,7 +69,7 @@ void PrintRestored(const RestoredDatabase& database, std::ostream& out) {
 		return;
 	}
 	out << "Restored " << database.id << " version " << database.data_version << ", " << database.download_link
-	    << ", with " << database.diffs << " diff packages";
+	    << ", with " << database.diffs << (database.diffs == 1 ? " diff package" : " diff packages");
 	if (database.diffs > 0) {
 		out << "; devices from version " << database.oldest_base << " on take them";
 	}

@@ -22,7 +22,8 @@ Json::Value ToJson(const ExportedDatabase& database, const ExportOptions& option
 }
 
 std::string Describe(const ExportedDatabase& database, const ExportOptions& options) {
-	const std::string diffs = std::to_string(database.diffs) + " diff packages from version " +
+	const std::string diffs = std::to_string(database.diffs) +
+	                          (database.diffs == 1 ? " diff package" : " diff packages") + " from version " +
 	                          std::to_string(options.from.value_or(0)) + " on";
 	return database.id + " version " + std::to_string(database.data_version) + ": " +
 	       (database.has_full ? "the full package" : "") + (database.has_full && database.diffs > 0 ? " and " : "") +

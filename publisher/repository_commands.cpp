@@ -109,8 +109,9 @@ int RunRollout(const RepositoryCommandOptions& options, const Streams& streams) 
 		value["conf"] = rollout.conf_file;
 		PrintJson(value, streams.out);
 	} else {
-		streams.out << "Wrote " << rollout.conf_file << ": " << PercentText(share) << " % of the devices that ask for "
-		            << rollout.document << " get " << rollout.channel << " when nginx has been reloaded.\n";
+		streams.out << "Wrote " << rollout.conf_file << ": " << PercentText(share)
+		            << " % of the devices that ask for document " << rollout.document << " get " << rollout.channel
+		            << " when nginx has been reloaded.\n";
 	}
 	return kDone;
 }
@@ -143,7 +144,8 @@ int RunPrune(const RepositoryCommandOptions& options, const Streams& streams) {
 	for (const PruneResult::File& file : result.files) {
 		streams.out << verb << file.path << " (" << HumanSize(file.size) << ")\n";
 	}
-	streams.out << verb << result.files.size() << " files, " << result.bytes << " bytes.\n";
+	streams.out << verb << result.files.size() << (result.files.size() == 1 ? " file, " : " files, ") << result.bytes
+	            << " bytes.\n";
 	return kDone;
 }
 

@@ -56,7 +56,6 @@ NO_MESSAGES = {
     "updated from version ",
     "went back",
     "went back from version ",
-    " diff packages from version ",
     " is whole and signed by ",
     " are in ",
     "the full package of version ",
