@@ -11,8 +11,10 @@ from pathlib import Path
 import pytest
 from harness import kits, programs, readers, tracing, trees, volumes, waiting
 from harness.device import DATABASE, DOCUMENT, WGETRC, Device
+from harness.documents import Document
 from harness.publisher import Publisher
 from harness.volumes import MIB, Volumes
+from harness.walkthrough import Walkthrough
 from harness.webserver import Nginx
 
 OTHER = "geo"
@@ -388,3 +390,28 @@ def test_an_online_update_goes_on_after_an_import_and_the_other_way_round(
     result = older.run("update", DATABASE)
     assert result.status == 5, "the cached document of the server is an older one: " + str(result)
     assert older.update(DATABASE).stdout == f"{DATABASE}: up to date, version 5\n"
+
+
+def test_the_commands_of_the_document_carry_a_database_to_a_device(
+    device: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    for number, files in enumerate(VERSIONS[:2]):
+        version = str(1000 + number)
+        tree = trees.write_tree(tmp_path / "tree", files)
+        publisher.publish(tree, "zones", "--level", "1", "--data-version", version, keep_diffs=1)
+    device.add_database("zones")
+    device.configure()
+    (tmp_path / "stick").mkdir()
+    places = {
+        "/srv/tarndbud": str(publisher.repository),
+        "/etc/tarndbudpub/release.pub": str(publisher.public_key),
+        "/media/stick": str(tmp_path / "stick"),
+    }
+    walkthrough = Walkthrough(tmp_path, places)
+    page = Document(Path(__file__).resolve().parents[2] / "docs/offline.md")
+    steps = [step for heading in page.headings() for step in page.steps(heading)]
+    assert len(steps) == 3
+    for step in steps:
+        walkthrough.follow(step)
+    trees.assert_holds(device.installed("zones"), VERSIONS[1])
+    assert kits.packages(tmp_path / "stick/zones-1000.kit") == ["zones_d1001.tarn"]

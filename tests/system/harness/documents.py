@@ -3,7 +3,17 @@
 from __future__ import annotations
 
 import re
+from dataclasses import dataclass
 from pathlib import Path
+
+
+@dataclass(frozen=True)
+class Step:
+    """A block of commands, and what the document says that they print: the block of text that comes next, if any."""
+
+    heading: str
+    commands: str
+    shown: str | None
 
 
 class Document:
@@ -24,9 +34,24 @@ class Document:
         """The code blocks of a language in a section."""
         return blocks(language, self.section(heading))
 
+    def steps(self, heading: str, language: str = "sh") -> list[Step]:
+        """The commands of a section, in the order of the document."""
+        return steps(heading, self.section(heading), language)
+
     def code(self, language: str, heading: str) -> str:
         return "".join(self.blocks(language, heading))
 
 
 def blocks(language: str, text: str) -> list[str]:
     return re.findall(rf"^```{language}\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+
+
+def steps(heading: str, section: str, language: str) -> list[Step]:
+    """The blocks of a language, each with the block of "text" that is the next block of the section."""
+    found = re.findall(r"^```(\w*)\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
+    following = [*found[1:], ("", "")]
+    return [
+        Step(heading, commands, output if next_kind == "text" else None)
+        for (kind, commands), (next_kind, output) in zip(found, following)
+        if kind == language
+    ]
