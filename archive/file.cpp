@@ -3,6 +3,7 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/parallel.h"
+#include "base/sha2.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -92,7 +93,7 @@ void ArchiveFile::ReadFrame(std::size_t index, std::string& buffer) const {
 	if (!ReadFullyAt(fd_.Get(), buffer.data(), buffer.size(), offset)) {
 		throw Error("became shorter while it was read");
 	}
-	if (Sha256(buffer.data(), buffer.size()) != frame.digest) {
+	if (Sha256::Of(buffer) != frame.digest) {
 		throw Error("is damaged: the payload differs from its signed digest at byte " + std::to_string(offset));
 	}
 }

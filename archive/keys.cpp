@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/sha2.h"
 #include "base/text.h"
 
 #include <openssl/err.h>
@@ -131,17 +132,9 @@ std::string PublicKey::Fingerprint() const {
 	if (EVP_PKEY_get_raw_public_key(key_.get(), raw.data(), &size) != 1 || size != raw.size()) {
 		throw Error("cannot read a public key's bytes");
 	}
-	const Digest digest = Sha256(raw.data(), raw.size());
-	return Hex(digest.data(), digest.size());
-}
-
-Digest Sha256(const void* data, std::size_t size) {
-	Digest digest{};
-	if (EVP_Digest(data, size, digest.data(), nullptr, EVP_sha256(), nullptr) != 1) {
-		ERR_clear_error();
-		throw Error("cannot compute a SHA-256 digest");
-	}
-	return digest;
+	Sha256 digest;
+	digest.Add({reinterpret_cast<const char*>(raw.data()), raw.size()});
+	return digest.FinishHex();
 }
 
 std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory) {

@@ -1,4 +1,4 @@
-/** @file Ed25519 keys that verify, from PEM text and from files, and SHA-256, by OpenSSL. */
+/** @file Ed25519 keys that verify, from PEM text and from files, by OpenSSL. */
 #ifndef ARCHIVE_KEYS_H
 #define ARCHIVE_KEYS_H
 
@@ -45,9 +45,6 @@ private:
 
 /** Throws Error unless the handle holds an Ed25519 key. */
 void RequireEd25519(const KeyHandle& key);
-
-/** SHA-256 of a buffer. */
-Digest Sha256(const void* data, std::size_t size);
 
 struct TrustedKey {
 	std::string name;

@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/sha2.h"
 #include "base/text.h"
 
 #include <fcntl.h>
@@ -98,7 +99,7 @@ ArchiveSealer::ArchiveSealer(const std::string& directory) : directory_(director
 
 void ArchiveSealer::Append(Frame frame, std::string_view packed) {
 	frame.packed_size = static_cast<std::uint32_t>(packed.size());
-	frame.digest = Sha256(packed.data(), packed.size());
+	frame.digest = Sha256::Of(packed);
 	table_ += EncodeFrame(frame);
 	WriteFully(payload_.Get(), packed.data(), packed.size(), "the package's payload in " + directory_);
 	payload_size_ += packed.size();

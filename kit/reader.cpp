@@ -2,8 +2,8 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/sha2.h"
 #include "kit/layout.h"
-#include "kit/sha256.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -101,7 +101,7 @@ void Reader::Read(const Part& part, const Sink& sink) const {
 		sink(piece);
 		done += piece.size();
 	}
-	if (digest.Finish() != part.sha256) {
+	if (digest.FinishHex() != part.sha256) {
 		throw Error("is damaged: " + NameOf(part) + " is not what the table says");
 	}
 }

@@ -1,7 +1,7 @@
 #include "kit/table.h"
 
 #include "base/error.h"
-#include "kit/sha256.h"
+#include "base/sha2.h"
 
 #include <json/json.h>
 
@@ -43,7 +43,7 @@ bool IsWord(const std::string& id) {
 }
 
 bool IsDigest(const std::string& text) {
-	return text.size() == kDigestDigits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+	return text.size() == Sha256::kDigits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
 std::uint64_t LargestOf(Kind kind) {

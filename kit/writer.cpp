@@ -2,8 +2,8 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/sha2.h"
 #include "kit/layout.h"
-#include "kit/sha256.h"
 
 #include <sys/types.h>
 
@@ -42,7 +42,7 @@ private:
 std::string DigestOf(const std::string& text) {
 	Sha256 digest;
 	digest.Add(text);
-	return digest.Finish();
+	return digest.FinishHex();
 }
 
 /** Copies a package and returns its digest. */
@@ -59,14 +59,14 @@ std::string Copy(const Package& package, Tar& tar, const Progress& progress) {
 		done += piece.size();
 		progress(piece.size());
 	}
-	return digest.Finish();
+	return digest.FinishHex();
 }
 
 std::vector<Part> PartsOf(const std::string& document, const std::vector<Package>& packages) {
 	std::vector<Part> parts = {{Kind::kDocument, "", 0, document.size(), DigestOf(document)}};
 	std::transform(packages.begin(), packages.end(), std::back_inserter(parts), [](const Package& package) {
 		Part part = package.part;
-		part.sha256.assign(kDigestDigits, '0');
+		part.sha256.assign(Sha256::kDigits, '0');
 		return part;
 	});
 	return parts;

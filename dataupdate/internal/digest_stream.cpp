@@ -1,15 +1,11 @@
-// The digest functions are deprecated in favour of an interface that fetches them by name at run time.
-#define OPENSSL_API_COMPAT 0x10101000L
-
 #include "dataupdate/internal/digest_stream.h"
 
+#include "base/error.h"
 #include "base/file_io.h"
-#include "base/text.h"
+#include "base/sha2.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
-
-#include <openssl/sha.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,6 +22,20 @@ namespace {
 
 constexpr std::size_t kBlockBytes = 256UL * 1024;
 constexpr std::size_t kLeastBlockBytes = 4UL * 1024;
+
+void AddAll(std::istream& in, Sha384& digest) {
+	std::array<char, 64UL * 1024> block; // NOLINT(cppcoreguidelines-pro-type-member-init): filled before it is used
+	while (in.good()) {
+		const std::streamsize count = in.readsome(block.data(), static_cast<std::streamsize>(block.size()));
+		if (in.fail()) {
+			throw UpdateError("Fail during reading for SHA digest");
+		}
+		if (count == 0) {
+			break;
+		}
+		digest.Add({block.data(), static_cast<std::size_t>(count)});
+	}
+}
 
 } // namespace
 
@@ -70,22 +80,13 @@ DigestStream::DigestStream(const std::string& path) : std::istream(nullptr) {
 }
 
 std::string GetSha384(std::istream& in) {
-	SHA512_CTX context;
-	SHA384_Init(&context);
-	std::array<char, 64UL * 1024> block; // NOLINT(cppcoreguidelines-pro-type-member-init): filled before it is used
-	while (in.good()) {
-		const std::streamsize count = in.readsome(block.data(), static_cast<std::streamsize>(block.size()));
-		if (in.fail()) {
-			throw UpdateError("Fail during reading for SHA digest");
-		}
-		if (count == 0) {
-			break;
-		}
-		SHA384_Update(&context, block.data(), static_cast<std::size_t>(count));
+	try {
+		Sha384 digest;
+		AddAll(in, digest);
+		return digest.FinishHex();
+	} catch (const Error& error) {
+		throw UpdateError(std::string("A file ") + error.what());
 	}
-	std::array<unsigned char, SHA384_DIGEST_LENGTH> digest{};
-	SHA384_Final(digest.data(), &context);
-	return Hex(digest.data(), digest.size());
 }
 
 std::string FileSha384(const std::string& path) {

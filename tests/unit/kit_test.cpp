@@ -1,7 +1,7 @@
 #include "base/error.h"
+#include "base/sha2.h"
 #include "kit/layout.h"
 #include "kit/reader.h"
-#include "kit/sha256.h"
 #include "kit/writer.h"
 #include "kit_fuzz.h"
 #include "temporary_directory.h"
@@ -40,7 +40,7 @@ std::string ErrorOf(const std::function<void()>& operation) {
 std::string DigestOf(const std::string& text) {
 	Sha256 digest;
 	digest.Add(text);
-	return digest.Finish();
+	return digest.FinishHex();
 }
 
 /** A kit of a document, a full package and a diff package, of odd sizes. */

@@ -1,7 +1,7 @@
 #include "device_tree.h"
 
 #include "archive/extractor.h"
-#include "base/text.h"
+#include "base/sha2.h"
 #include "dataupdate/internal/patcher.h"
 #include "decoder/decode.h"
 
@@ -19,8 +19,9 @@ std::string ShortContent(const std::string& content) {
 	if (content.size() < kShort) {
 		return content;
 	}
-	const archive::Digest digest = archive::Sha256(content.data(), content.size());
-	return std::to_string(content.size()) + " bytes " + Hex(digest.data(), digest.size());
+	Sha256 digest;
+	digest.Add(content);
+	return std::to_string(content.size()) + " bytes " + digest.FinishHex();
 }
 
 } // namespace
