@@ -1,5 +1,6 @@
 #include "publisher/changes_command.h"
 
+#include "publisher/common_options.h"
 #include "publisher/publish_error.h"
 
 #include <CLI/CLI.hpp>
@@ -39,21 +40,19 @@ CLI::callback_t TakeCount(const std::string& name, std::size_t& count) {
 void AddChangesCommand(CLI::App& app, ChangesCommand& command) {
 	ChangesOptions& options = command.options;
 	CLI::App* changes = app.add_subcommand("changes", "Show what a release changes: files, and rows of SQLite files");
-	changes->add_option("ID", options.id, "The database's id")->required();
+	AddId(*changes, options.id);
 	changes->add_option("FROM", TakeVersion("FROM", options.from), "Version before; by default the one before TO");
 	changes->add_option("TO", TakeVersion("TO", options.to), "Version after; by default the newest of the document");
-	changes->add_option("--repo", options.repository, "Directory that the web server serves")->required();
-	changes->add_option("--key", options.keys, "Public key that signed the packages; may be repeated")
-	    ->required()
-	    ->allow_extra_args(false);
-	changes->add_option("--db-version", options.db_version, "Version of the server's document")->capture_default_str();
+	AddRepository(*changes, options.repository);
+	AddPublicKeys(*changes, options.keys).allow_extra_args(false);
+	AddDocument(*changes, options.db_version);
 	changes
 	    ->add_option(
 	        "--examples", TakeCount("--examples", options.examples), "Rows to show of each table and operation")
 	    ->default_str("3");
 	changes->add_option("--limit", TakeCount("--limit", command.most_files), "Files to list in text")
 	    ->default_str("100");
-	changes->add_flag("--json", command.json, "Print JSON");
+	AddJson(*changes, command.json);
 }
 
 void PrintChanges(const ChangesCommand& command, const Changes& changes, std::ostream& out) {

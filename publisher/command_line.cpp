@@ -4,6 +4,7 @@
 #include "base/nearest.h"
 #include "base/text.h"
 #include "publisher/changes_command.h"
+#include "publisher/common_options.h"
 #include "publisher/export_command.h"
 #include "publisher/inspect.h"
 #include "publisher/progress_line.h"
@@ -135,24 +136,23 @@ void AddKeygen(CLI::App& app, Options& options) {
 /** What all commands take that publish a version. */
 void AddPublishing(CLI::App& command, Options& options) {
 	PublishOptions& publish = options.publish;
-	CLI::Option* document = command.add_option("--db-version", publish.db_version, "Version of the server's document");
-	document->capture_default_str();
+	CLI::Option& document = AddDocument(command, publish.db_version);
 	command.add_option("--channel", publish.db_version, "Channel to publish to: the name of its document")
-	    ->excludes(document);
+	    ->excludes(&document);
 	command
 	    .add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
 	    ->default_str("auto");
-	command.add_option("--old-key", publish.old_keys, "Public key that signed earlier packages; may be repeated");
+	AddOldKeys(command, publish.old_keys);
 	command.add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
 	command.add_option("--notes", publish.notes, "What the packages say about the version, for inspect");
-	command.add_flag("--json", options.json, "Print JSON");
+	AddJson(command, options.json);
 }
 
 void AddPublish(CLI::App& app, Options& options) {
 	PublishOptions& publish = options.publish;
 	CLI::App* command = app.add_subcommand("publish", "Publish a directory tree as the next version of a database");
 	command->add_option("TREE", publish.tree, "Directory to publish")->required();
-	command->add_option("--repo", publish.repository, "Directory that the web server serves")->required();
+	AddRepository(*command, publish.repository);
 	command->add_option("--id", publish.id, "The database's id")->required();
 	command->add_option("--key", publish.key_file, "Private key that signs the package")->required();
 	command->add_option("--url", publish.url, "Where devices reach the repository: http:// or https://")->required();
@@ -167,23 +167,23 @@ void AddPublish(CLI::App& app, Options& options) {
 void AddWithdraw(CLI::App& app, Options& options) {
 	PublishOptions& publish = options.publish;
 	CLI::App* command = app.add_subcommand("withdraw", "Publish the content of an earlier version as the next version");
-	command->add_option("ID", publish.id, "The database's id")->required();
-	command->add_option("--repo", publish.repository, "Directory that the web server serves")->required();
+	AddId(*command, publish.id);
+	AddRepository(*command, publish.repository);
 	command->add_option("--key", publish.key_file, "Private key that signs the packages")->required();
 	command->add_option("--to", options.withdraw_to, "Version whose content comes back; by default the one before");
-	command->add_option("--url", publish.url, "Where devices reach the repository; by default as last published");
+	AddNotedUrl(*command, publish.url);
 	AddPublishing(*command, options);
 }
 
 void AddRestore(CLI::App& app, Options& options) {
 	RestoreOptions& restore = options.restore;
 	CLI::App* command = app.add_subcommand("restore", "Rebuild a lost document from the packages in a repository");
-	command->add_option("--repo", restore.repository, "Directory that the web server serves")->required();
-	command->add_option("--key", restore.keys, "Public key that signed the packages; may be repeated")->required();
-	command->add_option("--old-key", options.old_keys, "Public key that signed earlier packages; may be repeated");
-	command->add_option("--url", restore.url, "Where devices reach the repository; by default as last published");
+	AddRepository(*command, restore.repository);
+	AddPublicKeys(*command, restore.keys);
+	AddOldKeys(*command, options.old_keys);
+	AddNotedUrl(*command, restore.url);
 	command->add_option("--id", restore.ids, "Database to restore; by default all; may be repeated");
-	command->add_option("--db-version", restore.db_version, "Version of the server's document")->capture_default_str();
+	AddDocument(*command, restore.db_version);
 	command->add_option("--format-version", restore.format_version, "Use packages of this format only");
 	command->add_option("--data-version", restore.data_version, "Highest version to name; by default the newest");
 	command->add_option("--keep-diffs", TakeKeptDiffs(restore.keep_diffs), "Largest number of diff packages to name")
@@ -203,7 +203,7 @@ void AddReaders(CLI::App& app, Options& options) {
 		    ->required();
 	}
 	extract->add_option("DIRECTORY", options.directory, "Directory for the files; made if missing")->required();
-	inspect->add_flag("--json", options.json, "Print JSON");
+	AddJson(*inspect, options.json);
 }
 
 int Run(const CLI::App& app, const Options& options, const Streams& streams) {

@@ -1,6 +1,7 @@
 #include "publisher/export_command.h"
 
 #include "base/text.h"
+#include "publisher/common_options.h"
 #include "publisher/json_text.h"
 
 #include <CLI/CLI.hpp>
@@ -36,13 +37,13 @@ void AddExport(CLI::App& app, ExportOptions& options, bool& json) {
 	CLI::App* command = app.add_subcommand("export", "Put a database into one file, for devices without a network");
 	command->add_option("ID", options.id, "Database")->required();
 	command->add_option("FILE", options.file, "File to write; replaced when it is there")->required();
-	command->add_option("--repo", options.repository, "Directory that the web server serves")->required();
-	command->add_option("--key", options.keys, "Public key that signed the packages; may be repeated")->required();
+	AddRepository(*command, options.repository);
+	AddPublicKeys(*command, options.keys);
 	command->add_option("--from", options.from, "Version that the devices have: only diff packages from there on");
 	command->add_flag("--with-full", options.with_full, "With --from: the full package as well");
 	command->add_option("--also", options.also, "Another database, by its full package; may be repeated");
-	command->add_option("--db-version", options.db_version, "Version of the server's document")->capture_default_str();
-	command->add_flag("--json", json, "Print JSON");
+	AddDocument(*command, options.db_version);
+	AddJson(*command, json);
 }
 
 void PrintExported(const ExportOptions& options, const ExportResult& result, bool json, std::ostream& out) {

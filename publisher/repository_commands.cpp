@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "publisher/command_line.h"
+#include "publisher/common_options.h"
 #include "publisher/json_text.h"
 
 #include <CLI/CLI.hpp>
@@ -20,13 +21,13 @@ void PrintJson(const Json::Value& value, std::ostream& out) {
 void AddPromote(CLI::App& app, RepositoryCommandOptions& options) {
 	PromoteOptions& promote = options.promote;
 	CLI::App* command = app.add_subcommand("promote", "Offer the version of one channel in another one");
-	command->add_option("ID", promote.id, "The database's id")->required();
-	command->add_option("--repo", promote.repository, "Directory that the web server serves")->required();
+	AddId(*command, promote.id);
+	AddRepository(*command, promote.repository);
 	command->add_option("--from", promote.from, "Channel that has the version: the name of its document")->required();
 	command->add_option("--to", promote.to, "Channel that gets the version")->capture_default_str();
-	command->add_option("--key", promote.keys, "Public key that signed the packages; may be repeated")->required();
-	command->add_option("--old-key", options.old_keys, "Public key that signed earlier packages; may be repeated");
-	command->add_flag("--json", options.json, "Print JSON");
+	AddPublicKeys(*command, promote.keys);
+	AddOldKeys(*command, options.old_keys);
+	AddJson(*command, options.json);
 }
 
 void AddRollout(CLI::App& app, RepositoryCommandOptions& options) {
@@ -37,23 +38,23 @@ void AddRollout(CLI::App& app, RepositoryCommandOptions& options) {
 	command->add_option("--conf", rollout.conf_file, "File that nginx includes; written again as a whole")->required();
 	command->add_option("--document", rollout.document, "Document that the devices ask for")->capture_default_str();
 	command->add_option("--repo", rollout.repository, "Repository in which the channel must lack nothing");
-	command->add_flag("--json", options.json, "Print JSON");
+	AddJson(*command, options.json);
 }
 
 void AddPrune(CLI::App& app, RepositoryCommandOptions& options) {
 	CLI::App* command = app.add_subcommand("prune", "Remove packages that no device and no publication needs");
 	command->add_option("ID", options.prune.ids, "Databases; by default all");
-	command->add_option("--repo", options.prune.repository, "Directory that the web server serves")->required();
+	AddRepository(*command, options.prune.repository);
 	command->add_flag("--dry-run", options.prune.dry_run, "Remove nothing; say what would be removed");
-	command->add_flag("--json", options.json, "Print JSON");
+	AddJson(*command, options.json);
 }
 
 void AddCheck(CLI::App& app, RepositoryCommandOptions& options) {
 	CLI::App* command = app.add_subcommand("check-repo", "Check that documents and packages fit; for monitors");
-	command->add_option("--repo", options.check.repository, "Directory that the web server serves")->required();
+	AddRepository(*command, options.check.repository);
 	command->add_option("--key", options.check.keys, "Public key that signed packages; may be repeated");
-	command->add_option("--old-key", options.old_keys, "Public key that signed earlier packages; may be repeated");
-	command->add_flag("--json", options.json, "Print JSON");
+	AddOldKeys(*command, options.old_keys);
+	AddJson(*command, options.json);
 	command->footer(kCheckHelp);
 }
 
