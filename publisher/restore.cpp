@@ -2,15 +2,11 @@
 
 #include "base/text.h"
 #include "publisher/checks.h"
-#include "publisher/diff_package.h"
-#include "publisher/package.h"
 #include "publisher/publish_error.h"
 #include "publisher/repository.h"
-
-#include <sys/stat.h>
+#include "publisher/signed_packages.h"
 
 #include <algorithm>
-#include <ctime>
 #include <iterator>
 #include <map>
 #include <set>
@@ -19,21 +15,6 @@
 namespace tarn::publisher {
 
 namespace {
-
-/** What a signed package in its place says about itself. */
-struct SignedPackage {
-	std::string path;
-	int published = 0;
-	bool says_when = false;
-	std::string format_version;
-	std::uint64_t size = 0;
-};
-
-struct SignedPackages {
-	std::map<int, SignedPackage> full;                 // by version
-	std::map<int, std::map<int, SignedPackage>> diffs; // by version, and by the withdrawal that made it or 0
-	int highest = -1; // version of all packages of the document's format, also of those that cannot be used
-};
 
 /** The steps of Restore(). */
 class Restoration {
@@ -124,11 +105,11 @@ private:
 	}
 
 	Entry Rebuild(const std::string& id) {
-		const std::vector<PackageFile> files = repository_.Packages(id);
-		if (files.empty()) {
+		if (repository_.Packages(id).empty()) {
 			throw PublishError("there are no packages of it in " + options_.repository);
 		}
-		const SignedPackages packages = Read(id, files);
+		const SignedPackages packages =
+		    ReadSignedPackages(repository_, reader_, id, options_.format_version, observer_);
 		if (packages.full.empty()) {
 			throw PublishError("none of its full packages can be used; --old-key names further keys that signed");
 		}
@@ -158,52 +139,6 @@ private:
 			                   std::to_string(*options_.data_version) + " or below");
 		}
 		return *std::prev(after);
-	}
-
-	SignedPackages Read(const std::string& id, const std::vector<PackageFile>& files) const {
-		SignedPackages packages;
-		std::uint64_t done = 0;
-		for (const PackageFile& file : files) {
-			observer_.step("reading packages of " + id, done++, files.size());
-			try {
-				const SignedPackage package = ReadOne(id, file);
-				if (options_.format_version.value_or(package.format_version) == package.format_version) {
-					(file.is_diff ? packages.diffs[file.data_version][file.withdrawal]
-					              : packages.full[file.data_version]) = package;
-					packages.highest = std::max(packages.highest, file.data_version);
-				}
-			} catch (const PublishError& error) {
-				packages.highest = std::max(packages.highest, file.data_version);
-				observer_.warn("Left out: " + WithoutEnd(error.what()) + ".");
-			}
-		}
-		return packages;
-	}
-
-	SignedPackage ReadOne(const std::string& id, const PackageFile& file) const {
-		const std::string place = repository_.Directory() + "/" + Repository::NameOf(id, file);
-		if (file.path != place) {
-			throw PublishError("the package " + file.path + " should be named " + place);
-		}
-		const std::string kind = file.is_diff ? kDiffKind : "full";
-		const archive::ArchiveFile archive = reader_.Open(file.path, {id, "", file.data_version, kind});
-		const Json::Value metadata = ReadMetadata(archive);
-		if (metadata.get(kWithdrawnByKey, 0) != file.withdrawal) {
-			throw PublishError("the package " + file.path + " is of another withdrawal than its name says");
-		}
-		if (file.is_diff && archive.Head().FileSize() > static_cast<std::uint64_t>(kMaxNumber)) {
-			throw PublishError("the package " + file.path + " is larger than the document can say");
-		}
-		const Json::Value& format = metadata["format_version"];
-		const std::optional<int> published = PublishedTime(metadata);
-		return {file.path, published ? *published : FileTime(file.path), published.has_value(),
-		    format.isString() ? format.asString() : "", archive.Head().FileSize()};
-	}
-
-	static int FileTime(const std::string& path) {
-		struct stat status {};
-		const std::int64_t seconds = stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
-		return static_cast<int>(std::clamp<std::int64_t>(seconds, 0, kMaxNumber));
 	}
 
 	static void RequireOneFormat(const SignedPackages& packages) {
