@@ -7,6 +7,7 @@
 #include "host/commands/report.h"
 #include "host/library/preparation.h"
 #include "host/library/volume_content.h"
+#include "host/library/volume_move.h"
 
 #include <tarncore/tarncore.h>
 

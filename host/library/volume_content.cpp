@@ -2,33 +2,23 @@
 
 #include "base/text.h"
 #include "dataupdate/installation.h"
-#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/updater.h"
-#include "dataupdate/utils.h"
-#include "dataupdate/volume_handler.h"
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
-#include "host/library/preparation.h"
-#include "host/library/volume_hook.h"
-
-#include <syslog.h>
 
 #include <algorithm>
-#include <exception>
+#include <filesystem>
+#include <optional>
+#include <utility>
 
 namespace tarn::ctl {
 
 namespace fs = std::filesystem;
 
 using dataupdate::InstalledRecord;
-using dataupdate::MainDirPath;
-using End = MoveOutcome::End;
 
 namespace {
-
-/** Every name below a directory, with its kind and, of a file, its size; nothing below what does not exist. */
-using Content = dataupdate::FileList;
 
 constexpr char kMainDir[] = "/@database/autoupdate/";
 
@@ -96,22 +86,6 @@ void LetRecordFollow(const Services& services, const std::string& volume, const 
 	}
 }
 
-/** Takes marks away again. */
-void Unmark(const std::vector<std::string>& ids) {
-	for (const std::string& id : ids) {
-		dataupdate::ClearReplacementMark(id);
-	}
-}
-
-/**
- * Records name files by absolute paths as well: lets these lead to the volume, and keeps everything else. Returns the
- * databases whose records could not be put right, having told why.
- */
-std::set<std::string> LetRecordsFollow(const Services& services, const std::string& volume) {
-	return FailuresOf(services, services.config->GetDatabaseIDs(),
-	    [&](const std::string& id) { LetRecordFollow(services, volume, id); });
-}
-
 /** Takes those of the marks away that are not needed; returns the databases that are not whole. */
 std::vector<std::string> TakeOver(
     const Services& services, const std::string& volume, const std::vector<std::string>& marked) {
@@ -131,21 +105,8 @@ std::vector<std::string> TakeOver(
 	return incomplete;
 }
 
-/** What is found out before anything moves. */
-struct Preparation {
-	std::string target;
-	std::optional<Content> before;
-	bool target_is_free = false;
-	std::vector<std::string> marked;
-	std::optional<VolumeHook> hook;
-	std::string obstacle; ///< Why nothing can be begun, other than that no volume is suitable.
-};
+} // namespace
 
-/**
- * Marks the databases that are installed on a volume, which need not be in use any more, as ones whose files may not be
- * whole, so that the next update or fix installs them anew even if their version has not changed. Returns those that
- * were not marked before; throws UpdateError when not all can be marked, and none of these is then.
- */
 std::vector<std::string> MarkInstalled(const Services& services) {
 	std::vector<std::string> marked;
 	try {
@@ -161,102 +122,16 @@ std::vector<std::string> MarkInstalled(const Services& services) {
 	return marked;
 }
 
-/** No value when something cannot be examined. */
-std::optional<Content> ContentBelow(const std::string& directory) {
-	Content content;
-	const std::size_t prefix = directory.size() + 1;
-	const auto add = [&](const std::string& entry) {
-		const fs::file_type type = fs::symlink_status(entry).type();
-		const std::uintmax_t size = type == fs::file_type::regular ? fs::file_size(entry) : 0;
-		content.Add(entry.substr(prefix), std::to_string(static_cast<int>(type)) + " " + std::to_string(size));
-	};
-	try {
-		if (fs::exists(directory)) {
-			// Not by the standard's iterator, which holds a descriptor for each level.
-			dataupdate::IOUtils().IterateDirectory(directory, add, true);
-		}
-		content.Sort();
-		return content;
-	} catch (const std::exception&) { // the file system's, or the library's
-		return std::nullopt;
+void Unmark(const std::vector<std::string>& ids) {
+	for (const std::string& id : ids) {
+		dataupdate::ClearReplacementMark(id);
 	}
 }
 
-void Prepare(const Services& services, const std::string& volume, Preparation& preparation) {
-	RequireSafeVolume(preparation.target);
-	preparation.before = ContentBelow(MainDirPath(volume));
-	const std::optional<Content> there = ContentBelow(MainDirPath(preparation.target));
-	preparation.target_is_free = there && there->IsEmpty();
-	preparation.marked = MarkInstalled(services);
+std::set<std::string> LetRecordsFollow(const Services& services, const std::string& volume) {
+	return FailuresOf(services, services.config->GetDatabaseIDs(),
+	    [&](const std::string& id) { LetRecordFollow(services, volume, id); });
 }
-
-/** The library's part. It gives the volume up, asks for another one, and logs the failures of its steps. */
-class PreparingHandler : public dataupdate::VolumeHandler {
-public:
-	PreparingHandler(const Services& services, std::string volume, Preparation& preparation)
-	    : VolumeHandler(services.config), services_(services), volume_(std::move(volume)), preparation_(preparation) {}
-
-	std::string FindSuitableVolume(std::string exclude) const override {
-		try {
-			preparation_.target = VolumeHandler::FindSuitableVolume(std::move(exclude));
-			Prepare(services_, volume_, preparation_);
-			preparation_.hook.emplace(volume_, preparation_.target);
-			preparation_.hook->ExecPre();
-		} catch (const std::exception& error) {
-			if (CategoryOf(error.what()) != Category::kNoSuitableVolume) {
-				preparation_.obstacle = ExplainException(*services_.io).sentence;
-			}
-			throw;
-		}
-		return preparation_.target;
-	}
-
-private:
-	const Services& services_;
-	std::string volume_;
-	Preparation& preparation_;
-};
-
-/** Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. */
-End Judge(const Services& services, const std::string& volume, const Preparation& preparation) {
-	if (!services.config->GetCurVolume().empty()) {
-		return End::kMoved;
-	}
-	const std::optional<Content>& before = preparation.before;
-	if (!before) {
-		return End::kDivided;
-	}
-	if (preparation.target_is_free && !before->IsEmpty() && ContentBelow(MainDirPath(preparation.target)) == before) {
-		return End::kCopied;
-	}
-	return ContentBelow(MainDirPath(volume)) == before ? End::kStayed : End::kDivided;
-}
-
-void Settle(const Services& services, const Preparation& preparation) {
-	// The originals are gone, so the copies must not be in memory alone.
-	dataupdate::SyncFileSystem(MainDirPath(preparation.target));
-	services.config->SetCurVolume(preparation.target);
-	const std::set<std::string> failed = LetRecordsFollow(services, preparation.target);
-	for (const std::string& id : preparation.marked) {
-		if (failed.count(id) == 0) {
-			Unmark({id});
-		}
-	}
-}
-
-void TakeBack(const Services& services, const Preparation& preparation) {
-	Unmark(preparation.marked);
-	if (!preparation.target_is_free) {
-		return;
-	}
-	try {
-		services.io->RmRf(MainDirPath(preparation.target));
-	} catch (const dataupdate::UpdateError& error) {
-		syslog(LOG_WARNING, "What was copied could not be removed: %s", error.what());
-	}
-}
-
-} // namespace
 
 std::string Adopt(const Services& services, const std::function<void()>& choose, Json::Value& answer) {
 	const std::vector<std::string> marked = MarkInstalled(services);
@@ -280,27 +155,6 @@ std::string Adopt(const Services& services, const std::function<void()>& choose,
 		names += (names.empty() ? "" : ", ") + id;
 	}
 	return names.empty() ? "" : "Not whole there, and to be installed anew by the next update: " + names + "\n";
-}
-
-MoveOutcome MoveAway(const Services& services, const std::string& volume) {
-	Preparation preparation;
-	PreparingHandler(services, volume, preparation).UnmountVolumeEvent(volume);
-	if (!preparation.obstacle.empty()) {
-		throw CommandError(
-		    kFailed, "The databases stay on " + volume +
-		                 ", and no volume is in use, for they could not be moved: " + preparation.obstacle);
-	}
-	if (preparation.target.empty()) {
-		return {};
-	}
-	const End end = Judge(services, volume, preparation);
-	if (end == End::kMoved || end == End::kCopied) {
-		Settle(services, preparation);
-		preparation.hook->ExecPost();
-	} else if (end == End::kStayed) {
-		TakeBack(services, preparation);
-	}
-	return {end, preparation.target};
 }
 
 } // namespace tarn::ctl
