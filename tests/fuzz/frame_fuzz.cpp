@@ -4,16 +4,16 @@
 
 #include "archive/codec.h"
 #include "base/error.h"
+#include "promise.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
 #include <string>
 #include <string_view>
 
 namespace {
 
 using tarn::archive::Codec;
+using tarn::test::Require;
 
 constexpr std::size_t kMargin = 64;
 constexpr std::size_t kMaxOutput = 1U << 17U; // so that tries are quick
@@ -22,13 +22,6 @@ struct Outcome {
 	std::string error;
 	std::string output;
 };
-
-void Require(bool promise, const std::string& broken) {
-	if (!promise) {
-		std::cerr << "A promise is broken: " << broken << '\n';
-		std::abort();
-	}
-}
 
 /** @param fill  lies in the output before, so that two runs show a byte that was never written */
 Outcome Unpack(Codec codec, std::string_view packed, std::size_t size, char fill) {

@@ -6,22 +6,16 @@
 #include "base/file_io.h"
 #include "kit/layout.h"
 #include "kit/reader.h"
+#include "promise.h"
 
 #include <sys/mman.h>
 
-#include <cstdlib>
-#include <iostream>
 #include <string>
 #include <utility>
 
 namespace {
 
-void Require(bool promise, const std::string& broken) {
-	if (!promise) {
-		std::cerr << "A promise is broken: " << broken << '\n';
-		std::abort();
-	}
-}
+using tarn::test::Require;
 
 tarn::UniqueFd InMemory(const std::uint8_t* data, std::size_t size) {
 	tarn::UniqueFd fd(memfd_create("kit", MFD_CLOEXEC));

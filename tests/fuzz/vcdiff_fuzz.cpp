@@ -2,10 +2,9 @@
 #include "vcdiff_fuzz.h"
 
 #include "decoder/decode.h"
+#include "promise.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@ using tarn::decoder::Byte;
 using tarn::decoder::DecodeError;
 using tarn::decoder::DecodePatch;
 using tarn::decoder::MemoryBytes;
+using tarn::test::Require;
 
 constexpr std::uint64_t kMaxOutput = 1U << 16U;
 // Everything in one buffer, and buffers so small that hardly anything is.
@@ -34,13 +34,6 @@ Outcome Decode(const MemoryBytes& source, const MemoryBytes& patch, const Buffer
 		return {"", target.Content()};
 	} catch (const DecodeError& error) {
 		return {error.what(), {}};
-	}
-}
-
-void Require(bool promise, const std::string& broken) {
-	if (!promise) {
-		std::cerr << "A promise is broken: " << broken << '\n';
-		std::abort();
 	}
 }
 

@@ -1,8 +1,6 @@
 // Publishers of diff packages that are killed, and what the next one makes of it.
 #include "diff_fixture.h"
 
-#include <csignal>
-
 namespace tarn::test {
 
 namespace {
@@ -16,7 +14,7 @@ protected:
 		Change("one");
 		Publish();
 		Change("two");
-		fs::copy(options_.repository, directory_ / "before", fs::copy_options::recursive);
+		RememberRepository();
 		Publish();
 		expected_ = FilesBelow(options_.repository);
 	}
@@ -25,10 +23,6 @@ protected:
 			Put(name, Noise(400, 3) + text);
 		}
 		Sql("base", "INSERT INTO t VALUES('" + text + "')");
-	}
-	void BeginAgain() const {
-		fs::remove_all(options_.repository);
-		fs::copy(directory_ / "before", options_.repository, fs::copy_options::recursive);
 	}
 	/** Every package that the document names is there as it should be, and devices come to the newest version. */
 	void ExpectServable() {
@@ -54,37 +48,23 @@ protected:
 		files.erase("packages/db/db_d2.tarn");
 		EXPECT_EQ(files, expected_);
 	}
+	void ExpectWholeState() {
+		ExpectServable();
+		ExpectRepaired();
+	}
 
 	FixedTime time_{"1700000000"};
 	std::map<std::string, std::string> expected_;
 };
 
 TEST_F(KilledDiffPublishing, LeavesAWholeStateAtEveryStep) {
-	int step = 0;
-	for (bool killed = true; killed;) {
-		BeginAgain();
-		++step;
-		killed = IsKilled([this, step] {
-			observer_.step = [left = step](const std::string&, std::uint64_t, std::uint64_t) mutable {
-				if (--left == 0) {
-					raise(SIGKILL);
-				}
-			};
-			Publish();
-		});
-		ExpectServable();
-		ExpectRepaired();
-	}
-	EXPECT_GT(step, 8) << "fewer moments than there are steps";
+	const int runs = KilledAtEveryStep([this] { Publish(); }, [this] { ExpectWholeState(); });
+	EXPECT_GT(runs, 8) << "fewer moments than there are steps";
 }
 
 TEST_F(KilledDiffPublishing, LeavesAWholeStateAtAnyMoment) {
-	for (int moment = 0; moment < 8; ++moment) {
-		BeginAgain();
-		IsKilledAfter(moment * 8000, [this] { Publish(); });
-		ExpectServable();
-		ExpectRepaired();
-	}
+	KilledAtMoments(
+	    8, 8000, [this] { Publish(); }, [this] { ExpectWholeState(); });
 }
 
 } // namespace

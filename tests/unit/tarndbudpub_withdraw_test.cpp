@@ -5,8 +5,6 @@
 #include "publisher/withdrawn_packages.h"
 #include "withdraw_fixture.h"
 
-#include <csignal>
-
 namespace tarn::test {
 
 namespace {
@@ -39,6 +37,14 @@ protected:
 	}
 	std::string Hidden(int version) const {
 		return options_.repository + "/packages/db/.withdrawn/db_v" + std::to_string(version) + ".tarn";
+	}
+	void LoseAndRestoreDocument() const {
+		fs::remove_all(options_.repository + "/database_info");
+		publisher::RestoreOptions restore;
+		restore.repository = options_.repository;
+		restore.keys = {PublicKey()};
+		restore.keep_diffs = options_.keep_diffs;
+		publisher::Restore(restore, observer_);
 	}
 	Json::Value EntryOf() const { return Document()["db_list"]["db"]; }
 };
@@ -174,12 +180,7 @@ TEST_F(Withdrawing, IsRestoredToALostDocument) {
 	PublishBad();
 	Withdraw();
 	const Json::Value document = Document();
-	fs::remove_all(options_.repository + "/database_info");
-	publisher::RestoreOptions restore;
-	restore.repository = options_.repository;
-	restore.keys = {PublicKey()};
-	restore.keep_diffs = options_.keep_diffs;
-	publisher::Restore(restore, observer_);
+	LoseAndRestoreDocument();
 	EXPECT_EQ(Document(), document);
 }
 
@@ -190,12 +191,7 @@ TEST_F(Withdrawing, EmptyLinksAreNotRestoredWithoutTheirWithdrawal) {
 	Withdraw();
 	fs::copy(options_.repository + "/packages/db/db_d3w4.tarn", directory_ / "before/packages/db");
 	options_.repository = directory_ / "before";
-	fs::remove_all(options_.repository + "/database_info");
-	publisher::RestoreOptions restore;
-	restore.repository = options_.repository;
-	restore.keys = {PublicKey()};
-	restore.keep_diffs = options_.keep_diffs;
-	publisher::Restore(restore, observer_);
+	LoseAndRestoreDocument();
 	EXPECT_EQ(Newest(), 3);
 	EXPECT_THAT(NamedBy(3), Contains("list"));
 }
@@ -204,14 +200,10 @@ class KilledWithdrawing : public Withdrawing {
 protected:
 	KilledWithdrawing() {
 		PublishBad();
-		fs::copy(options_.repository, directory_ / "before", fs::copy_options::recursive);
+		RememberRepository();
 		Withdraw();
 		expected_ = FilesBelow(options_.repository);
 		document_ = Document();
-	}
-	void BeginAgain() const {
-		fs::remove_all(options_.repository);
-		fs::copy(directory_ / "before", options_.repository, fs::copy_options::recursive);
 	}
 	/** Everything that the document names is there, and leads devices to the version that it names. */
 	void ExpectServable() {
@@ -233,6 +225,10 @@ protected:
 		EXPECT_EQ(Document(), document_);
 		EXPECT_EQ(FilesBelow(options_.repository), expected_);
 	}
+	void ExpectWholeState() {
+		ExpectServable();
+		ExpectRepaired();
+	}
 
 	FixedTime time_{"1700000000"};
 	std::map<std::string, std::string> expected_;
@@ -240,22 +236,8 @@ protected:
 };
 
 TEST_F(KilledWithdrawing, LeavesAWholeStateAtEveryStep) {
-	int step = 0;
-	for (bool killed = true; killed;) {
-		BeginAgain();
-		++step;
-		killed = IsKilled([this, step] {
-			observer_.step = [left = step](const std::string&, std::uint64_t, std::uint64_t) mutable {
-				if (--left == 0) {
-					raise(SIGKILL);
-				}
-			};
-			Withdraw();
-		});
-		ExpectServable();
-		ExpectRepaired();
-	}
-	EXPECT_GT(step, 4) << "fewer moments than there are steps";
+	const int runs = KilledAtEveryStep([this] { Withdraw(); }, [this] { ExpectWholeState(); });
+	EXPECT_GT(runs, 4) << "fewer moments than there are steps";
 }
 
 TEST_F(KilledWithdrawing, IsFinishedByTheNextPublisher) {
@@ -277,12 +259,8 @@ TEST_F(KilledWithdrawing, TakesNoPackageAwayThatIsStillOffered) {
 }
 
 TEST_F(KilledWithdrawing, LeavesAWholeStateAtAnyMoment) {
-	for (int moment = 0; moment < 24; ++moment) {
-		BeginAgain();
-		IsKilledAfter(moment * 3000, [this] { Withdraw(); });
-		ExpectServable();
-		ExpectRepaired();
-	}
+	KilledAtMoments(
+	    24, 3000, [this] { Withdraw(); }, [this] { ExpectWholeState(); });
 }
 
 } // namespace

@@ -112,4 +112,40 @@ bool PublisherTest::IsKilledAfter(int microseconds, const std::function<void()>&
 	return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
+void PublisherTest::RememberRepository() const {
+	fs::copy(options_.repository, directory_ / "before", fs::copy_options::recursive);
+}
+
+void PublisherTest::BeginAgain() const {
+	fs::remove_all(options_.repository);
+	fs::copy(directory_ / "before", options_.repository, fs::copy_options::recursive);
+}
+
+int PublisherTest::KilledAtEveryStep(const std::function<void()>& operation, const std::function<void()>& check) {
+	int step = 0;
+	for (bool killed = true; killed;) {
+		BeginAgain();
+		++step;
+		killed = IsKilled([&] {
+			observer_.step = [left = step](const std::string&, std::uint64_t, std::uint64_t) mutable {
+				if (--left == 0) {
+					raise(SIGKILL);
+				}
+			};
+			operation();
+		});
+		check();
+	}
+	return step;
+}
+
+void PublisherTest::KilledAtMoments(
+    int count, int microseconds, const std::function<void()>& operation, const std::function<void()>& check) const {
+	for (int moment = 0; moment < count; ++moment) {
+		BeginAgain();
+		IsKilledAfter(moment * microseconds, operation);
+		check();
+	}
+}
+
 } // namespace tarn::test

@@ -71,6 +71,19 @@ protected:
 	/** The same, with a kill from outside after so many microseconds. */
 	static bool IsKilledAfter(int microseconds, const std::function<void()>& function);
 
+	/** Remembers the repository as it is, for the runs of an operation that is killed. */
+	void RememberRepository() const;
+	/**
+	 * Runs an operation from the remembered repository, killed at its first step, then at its second, and so on until
+	 * it is killed no more; checks what each run has left. Returns the number of runs.
+	 */
+	int KilledAtEveryStep(const std::function<void()>& operation, const std::function<void()>& check);
+	/** Runs it likewise, killed after 0, 1, 2 and so on times so many microseconds. */
+	void KilledAtMoments(
+	    int count, int microseconds, const std::function<void()>& operation, const std::function<void()>& check) const;
+	/** Brings the remembered repository back. */
+	void BeginAgain() const;
+
 	TemporaryDirectory directory_;
 	publisher::PublishOptions options_;
 	publisher::PublishObserver observer_;
