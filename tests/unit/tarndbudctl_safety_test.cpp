@@ -7,6 +7,7 @@
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"
+#include "two_volumes.h"
 
 #include <gtest/gtest.h>
 
@@ -40,47 +41,15 @@ std::string Refusal(const std::function<void()>& action) {
 	return "";
 }
 
-/** The real library over two directories that are listed as volumes. */
-class SafePlacesTest : public test::FixedPathsTest {
+class SafePlacesTest : public TwoVolumesTest {
 protected:
-	void SetUp() override {
-		test::FixedPathsTest::SetUp();
-		if (IsSkipped()) {
-			return;
-		}
-		WriteFile("/usr/share/data_update/databases.conf",
-		    R"({"geo":{"install_dest":"%VOLUME%"},"root":{"install_dest":"%ROOTFS%"}})");
-		for (const std::string& volume : {first_, second_}) {
-			std::filesystem::create_directories(volume);
-		}
-		WriteFile(
-		    "/usr/tarn/etc/volumes.conf", "pattern /nothing*\ndirectory " + first_ + "\ndirectory " + second_ + "\n");
-		UseVolume("");
-	}
-	static void UseVolume(const std::string& volume) {
-		WriteFile("/usr/share/data_update/data_update.conf", R"({"config":{"cur_volume":")" + volume + R"("}})");
-	}
+	SafePlacesTest() : TwoVolumesTest(R"({"geo":{"install_dest":"%VOLUME%"},"root":{"install_dest":"%ROOTFS%"}})") {}
+
 	static void Open(const std::string& path) { ASSERT_EQ(chmod(path.c_str(), 01777), 0); }
-	std::string Run(ExitCode (*command)(const Services&, const Options&), const std::string& path = "") {
-		out_.str("");
-		options_.path = path;
-		EXPECT_EQ(command(services_, options_), kDone);
-		return out_.str();
-	}
 	std::string RefusalOf(ExitCode (*command)(const Services&, const Options&), const std::string& path = "") {
 		options_.path = path;
 		return Refusal([&] { command(services_, options_); });
 	}
-	std::string Volume() const { return services_.config->GetCurVolume(); }
-
-	test::TemporaryDirectory directory_;
-	const std::string first_ = directory_ / "volume1";
-	const std::string second_ = directory_ / "volume2";
-	Options options_;
-	std::ostringstream out_;
-	std::ostringstream err_;
-	Terminal terminal_{out_, err_, false};
-	Services services_ = MakeServices(terminal_);
 };
 
 TEST_F(SafePlacesTest, AreAllThatIsNeededOfAVolumeInUse) {

@@ -1,9 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
-#include "private_root.h"
-#include "tarndbudctl_doubles.h"
-#include "temporary_directory.h"
+#include "two_volumes.h"
 
 #include <tarncore/tarncore.h>
 
@@ -40,37 +38,10 @@ constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
 constexpr char kMalformed[] = R"({"data_version":"x","last_fetch_time":0,"file_statuses":{}})";
 constexpr char kSecondMark[] = "/var/lib/data_update/zip/replacing";
 
-/** The real library over two directories that are listed as volumes. */
-class VolumeCommandTest : public test::FixedPathsTest {
+class VolumeCommandTest : public TwoVolumesTest {
 protected:
-	void SetUp() override {
-		test::FixedPathsTest::SetUp();
-		if (IsSkipped()) {
-			return;
-		}
-		WriteFile("/usr/share/data_update/databases.conf", R"({"geo":{"install_dest":"%VOLUME%"}})");
-		for (const std::string& volume : {first_, second_}) {
-			std::filesystem::create_directories(volume);
-		}
-		ListVolumes({first_, second_});
-		UseVolume("");
-	}
-	void ListVolumes(const std::vector<std::string>& volumes) {
-		std::string lines = "pattern /nothing*\n";
-		for (const std::string& volume : volumes) {
-			lines += "directory " + volume + "\n";
-		}
-		WriteFile("/usr/tarn/etc/volumes.conf", lines);
-	}
-	void UseVolume(const std::string& volume) {
-		WriteFile("/usr/share/data_update/data_update.conf", R"({"config":{"cur_volume":")" + volume + R"("}})");
-	}
-	std::string Run(ExitCode (*command)(const Services&, const Options&), const std::string& path) {
-		out_.str("");
-		options_.path = path;
-		EXPECT_EQ(command(services_, options_), kDone);
-		return out_.str();
-	}
+	VolumeCommandTest() : TwoVolumesTest(R"({"geo":{"install_dest":"%VOLUME%"}})") {}
+
 	/** What a command that fails says. */
 	std::string Refusal(ExitCode (*command)(const Services&, const Options&), const std::string& path) {
 		options_.path = path;
@@ -105,16 +76,6 @@ protected:
 		}
 		return names;
 	}
-	std::string Volume() const { return services_.config->GetCurVolume(); }
-
-	test::TemporaryDirectory directory_;
-	const std::string first_ = directory_ / "volume1";
-	const std::string second_ = directory_ / "volume2";
-	Options options_;
-	std::ostringstream out_;
-	std::ostringstream err_;
-	Terminal terminal_{out_, err_, false};
-	Services services_ = MakeServices(terminal_);
 };
 
 TEST_F(VolumeCommandTest, AdoptsAMountedVolumeWhenNoneIsInUse) {
