@@ -13,7 +13,7 @@ from pathlib import Path
 
 import pytest
 from harness import programs, trees, waiting
-from harness.device import CONFIGURATION, DATABASE, Device
+from harness.device import DATABASE, Device
 from harness.publisher import Publisher
 from harness.terminal import OnTerminal
 from harness.webserver import Nginx
@@ -59,14 +59,6 @@ def versions(publisher: Publisher, tmp_path: Path) -> Versions:
     return Versions(publisher, tmp_path / "tree")
 
 
-def join(device: Device, channel: str) -> None:
-    """Sets the channel that a device follows."""
-    path = CONFIGURATION / "data_update.conf"
-    settings = json.loads(path.read_text())
-    settings["config"]["db_ver"] = channel
-    path.write_text(json.dumps(settings))
-
-
 def test_a_device_follows_the_channel_of_its_setting(
     connected: Device, publisher: Publisher, nginx: Nginx, versions: Versions
 ) -> None:
@@ -75,13 +67,13 @@ def test_a_device_follows_the_channel_of_its_setting(
     versions.publish("canary")
     connected.update(DATABASE)
     assert connected.version(DATABASE) == 1
-    join(connected, "canary")
+    connected.set("db_ver", "canary")
     connected.update(DATABASE)
     assert connected.version(DATABASE) == 2
     trees.assert_same(versions.tree, connected.installed(DATABASE))
     assert promote(publisher, DATABASE).status == 0
     versions.publish("1")
-    join(connected, "1")
+    connected.set("db_ver", "1")
     connected.update(DATABASE)
     assert connected.version(DATABASE) == 3
     trees.assert_same(versions.tree, connected.installed(DATABASE))

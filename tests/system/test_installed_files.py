@@ -38,6 +38,12 @@ def publish(publisher: Publisher, place: Path, version: int) -> Path:
     return tree
 
 
+def offer(device: Device, publisher: Publisher, place: Path, version: int) -> None:
+    """Publishes a version, which the device's next run finds."""
+    publish(publisher, place, version)
+    device.forget_document()
+
+
 def check(device: Device, status: int = 0) -> dict[str, object]:
     result = device.run("check", DATABASE, "--json")
     assert result.status == status, str(result)
@@ -206,11 +212,9 @@ def test_an_update_killed_between_the_records_has_the_second_made_again(
     by_diff: Device, publisher: Publisher, tmp_path: Path
 ) -> None:
     root = by_diff.installed(DATABASE)
-    publish(publisher, tmp_path / "tree", 3)
-    by_diff.forget_document()
+    offer(by_diff, publisher, tmp_path / "tree", 3)
     nth = order_of_renaming(tmp_path)
-    publish(publisher, tmp_path / "tree", 4)
-    by_diff.forget_document()
+    offer(by_diff, publisher, tmp_path / "tree", 4)
     killed_at("rename", tmp_path, nth=nth)
     assert by_diff.version(DATABASE) == 4
     assert not RECORD.exists()
@@ -227,8 +231,7 @@ def test_an_update_killed_before_the_records_carries_the_old_one_on(
     by_diff: Device, publisher: Publisher, tmp_path: Path
 ) -> None:
     root = by_diff.installed(DATABASE)
-    publish(publisher, tmp_path / "tree", 3)
-    by_diff.forget_document()
+    offer(by_diff, publisher, tmp_path / "tree", 3)
     before = by_diff.version(DATABASE)
     killed_at("unlink", tmp_path)
     assert by_diff.version(DATABASE) == before < 3

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 from harness import trees
-from harness.device import CONFIGURATION, DATABASE, STATUS, Device
+from harness.device import DATABASE, STATUS, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
 
@@ -55,13 +55,6 @@ def result(device: Device, status: int, *arguments: str) -> dict[str, object]:
 def fetched(nginx: Nginx, name: str) -> list[str]:
     """Answers that had a body: a question for the size has none."""
     return [line for line in nginx.requests() if name in line and line.split(" ")[1] != "0"]
-
-
-def set_rule(rule: str) -> None:
-    path = CONFIGURATION / "data_update.conf"
-    settings = json.loads(path.read_text())
-    settings["config"]["scheduled_full_packages"] = rule
-    path.write_text(json.dumps(settings))
 
 
 def test_a_plan_tells_the_first_installation_and_does_not_begin_it(
@@ -143,19 +136,19 @@ def test_the_setting_bounds_scheduled_updates_and_no_others(
     tree = publish(publisher, tmp_path / "tree", FIRST)
     size = publisher.package(DATABASE, FIRST).stat().st_size
     for rule in ("diffs only", str(size - 1)):
-        set_rule(rule)
+        connected.set("scheduled_full_packages", rule)
         assert result(connected, 7)["result"] == "beyond budget"
         assert "not_when_scheduled" in plan(connected)
     assert not fetched(nginx, "/packages/")
-    set_rule(str(size))
+    connected.set("scheduled_full_packages", str(size))
     assert "not_when_scheduled" not in plan(connected)
     assert result(connected, 0)["result"] == "installed"
-    set_rule("diffs only")
+    connected.set("scheduled_full_packages", "diffs only")
     offer(connected, publisher, tree)
     assert result(connected, 0)["result"] == "updated", "diff packages are always allowed"
     (connected.installed(DATABASE) / "news").unlink()
     connected.run_ok("fix", DATABASE)
-    set_rule("sometimes")
+    connected.set("scheduled_full_packages", "sometimes")
     refused = connected.run("update")
     assert refused.status == 1
     assert "'scheduled_full_packages' of 'config' must be" in refused.stderr

@@ -25,6 +25,14 @@ def publish_gated(publisher: Publisher, faults: FaultServer, tree: Path) -> None
     publisher.publish(tree, DATABASE, base=f"{faults.url}/gate/1000")
 
 
+def kill_at_the_fault(device: Device, faults: FaultServer) -> None:
+    """Begins an update, and kills it when it asks for what never ends."""
+    update = device.start("update", DATABASE)
+    assert faults.reached.wait(60)
+    update.kill()
+    update.wait()
+
+
 def test_of_two_updates_at_once_the_second_finds_the_work_done(
     faulty: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
 ) -> None:
@@ -122,10 +130,7 @@ def test_a_run_killed_while_it_asks_for_the_document_does_not_shape_the_next(
     publisher.publish(tree, DATABASE)
     faulty.netloc = f"{faults.netloc}/hang"
     faulty.configure()
-    update = faulty.start("update", DATABASE)
-    assert faults.reached.wait(60)
-    update.kill()
-    update.wait()
+    kill_at_the_fault(faulty, faults)
     assert DOCUMENT.read_bytes() == b"", "the downloader has begun the file, or this test shows nothing"
     faulty.netloc = faults.netloc
     faulty.configure()
@@ -137,10 +142,7 @@ def test_a_killed_update_holds_no_lock(
     faulty: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
 ) -> None:
     publish_gated(publisher, faults, trees.write_random_tree(tmp_path / "tree", 1, count=20, size=1000))
-    update = faulty.start("update", DATABASE)
-    assert faults.reached.wait(60)
-    update.kill()
-    update.wait()
+    kill_at_the_fault(faulty, faults)
     # The downloader that was started may still be running.
     for name in ("update_any.lock", f"update_{DATABASE}.lock", "fresh_info.lock"):
         assert not faulty.is_locked(name), name
@@ -150,10 +152,7 @@ def test_a_version_passed_over_after_a_kill_leaves_nothing_behind(
     faulty: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
 ) -> None:
     publish_gated(publisher, faults, trees.write_random_tree(tmp_path / "tree", 1, count=20, size=1000))
-    update = faulty.start("update", DATABASE)
-    assert faults.reached.wait(60)
-    update.kill()
-    update.wait()
+    kill_at_the_fault(faulty, faults)
     second = trees.write_random_tree(tmp_path / "second", 2, count=20, size=1000)
     publisher.publish(second, DATABASE)
     faulty.forget_document()

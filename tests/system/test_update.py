@@ -6,6 +6,7 @@ import os
 import time
 from pathlib import Path
 
+import pytest
 from harness import trees
 from harness.device import DATABASE, DOCUMENT, ROOT_DATABASE, Device
 from harness.publisher import Publisher
@@ -23,6 +24,14 @@ def packages(requests: list[str]) -> list[str]:
     return [line for line in requests if "/packages/" in line]
 
 
+@pytest.fixture
+def updated(connected: Device, publisher: Publisher, tmp_path: Path) -> Device:
+    """A device that has the first version."""
+    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
+    connected.run_ok("update", DATABASE)
+    return connected
+
+
 def test_first_install_brings_exactly_the_published_tree(
     connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
 ) -> None:
@@ -35,16 +44,14 @@ def test_first_install_brings_exactly_the_published_tree(
     assert len(packages(nginx.requests())) == 1
 
 
-def test_an_update_replaces_adds_and_removes_files(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
+def test_an_update_replaces_adds_and_removes_files(updated: Device, publisher: Publisher, tmp_path: Path) -> None:
     second = trees.write_tree(tmp_path / "tree", SECOND)
     publisher.publish(second, DATABASE)
-    connected.forget_document()
-    connected.run_ok("update", DATABASE)
-    trees.assert_same(second, connected.installed(DATABASE))
-    assert connected.version(DATABASE) == 2
-    assert not (connected.installed(DATABASE) / "gone").exists()
+    updated.forget_document()
+    updated.run_ok("update", DATABASE)
+    trees.assert_same(second, updated.installed(DATABASE))
+    assert updated.version(DATABASE) == 2
+    assert not (updated.installed(DATABASE) / "gone").exists()
 
 
 def test_the_digest_of_every_installed_file_is_recorded(
@@ -57,10 +64,8 @@ def test_the_digest_of_every_installed_file_is_recorded(
     assert connected.recorded(DATABASE) == expected
 
 
-def test_an_update_leaves_no_temporary_data(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
-    assert list(connected.temporary().iterdir()) == []
+def test_an_update_leaves_no_temporary_data(updated: Device) -> None:
+    assert list(updated.temporary().iterdir()) == []
 
 
 def test_a_database_on_the_root_file_system_is_installed_below_var_db(
@@ -109,40 +114,28 @@ def test_the_tables_of_a_database_file_arrive_as_published(
     trees.assert_same(tree, connected.installed(DATABASE))
 
 
-def test_up_to_date_costs_one_request_for_the_document_at_most(
-    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
-) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
+def test_up_to_date_costs_one_request_for_the_document_at_most(updated: Device, nginx: Nginx) -> None:
     before = nginx.requests()
-    connected.forget_document()
-    connected.run_ok("update", DATABASE)
+    updated.forget_document()
+    updated.run_ok("update", DATABASE)
     added = nginx.requests()[len(before) :]
     assert len(added) == 1
     assert documents(added) == added
 
 
-def test_up_to_date_with_a_cached_document_asks_nothing(
-    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
-) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
+def test_up_to_date_with_a_cached_document_asks_nothing(updated: Device, nginx: Nginx) -> None:
     before = nginx.requests()
-    connected.run_ok("update", DATABASE)
-    connected.run_ok("status", DATABASE)
+    updated.run_ok("update", DATABASE)
+    updated.run_ok("status", DATABASE)
     assert nginx.requests() == before
 
 
-def test_a_document_of_3600_seconds_is_used_as_it_is(
-    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
-) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
+def test_a_document_of_3600_seconds_is_used_as_it_is(updated: Device, nginx: Nginx) -> None:
     before = nginx.requests()
     while True:
         second = int(time.time())
         os.utime(DOCUMENT, (second - 3600, second - 3600))
-        connected.run_ok("update", DATABASE)
+        updated.run_ok("update", DATABASE)
         # The age means what it says only if the clock did not move on during the run.
         if int(time.time()) == second:
             break
@@ -150,15 +143,11 @@ def test_a_document_of_3600_seconds_is_used_as_it_is(
     assert nginx.requests() == before
 
 
-def test_a_document_of_one_second_more_is_asked_for_again(
-    connected: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
-) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
+def test_a_document_of_one_second_more_is_asked_for_again(updated: Device, nginx: Nginx) -> None:
     before = nginx.requests()
     second = int(time.time())
     os.utime(DOCUMENT, (second - 3601, second - 3601))
-    connected.run_ok("update", DATABASE)
+    updated.run_ok("update", DATABASE)
     assert len(documents(nginx.requests()[len(before) :])) == 1
 
 
@@ -195,14 +184,12 @@ def test_a_package_left_half_downloaded_is_downloaded_whole(
     trees.assert_same(tree, connected.installed(DATABASE))
 
 
-def test_check_finds_a_damaged_and_a_missing_file(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
-    publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
-    connected.run_ok("update", DATABASE)
-    connected.run_ok("check", DATABASE)
-    installed = connected.installed(DATABASE)
+def test_check_finds_a_damaged_and_a_missing_file(updated: Device) -> None:
+    updated.run_ok("check", DATABASE)
+    installed = updated.installed(DATABASE)
     (installed / "zones/europe.bin").write_bytes(b"damaged")
     (installed / "gone/later.txt").unlink()
-    result = connected.run("check", DATABASE)
+    result = updated.run("check", DATABASE)
     assert result.status == 4, str(result)
     assert "zones/europe.bin" in result.stdout
     assert "gone/later.txt" in result.stdout

@@ -85,6 +85,13 @@ class Device:
         (CONFIGURATION / "data_update.conf").write_text(json.dumps({"config": service}))
         (CONFIGURATION / "databases.conf").write_text(json.dumps(self.databases))
 
+    def set(self, key: str, value: str) -> None:
+        """Gives the service a setting beside those of configure()."""
+        path = CONFIGURATION / "data_update.conf"
+        settings = json.loads(path.read_text())
+        settings["config"][key] = value
+        path.write_text(json.dumps(settings))
+
     def list_volumes(self, *directories: Path, patterns: tuple[str, ...] = ("/volume*",)) -> None:
         lines = [f"pattern {pattern}\n" for pattern in patterns] + [f"directory {path}\n" for path in directories]
         VOLUMES.write_text("".join(lines))
