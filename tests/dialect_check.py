@@ -4,8 +4,8 @@
 usage: dialect_check.py [CHECKOUT]
 
 Every header begins with its @file comment and a guard that is its path in capitals; types of the standard library have
-std::; a source has one anonymous namespace; headers of the project are included by whole name in quotation marks.
-C headers are held to their beginning alone. Exit status: 0 all right, 1 not.
+std::; a source has one anonymous namespace; headers of the project are included by whole name in quotation marks; no
+file is longer than one idea needs. C headers are held to their beginning and length alone. Exit status: 0 all right, 1 not.
 """
 
 from __future__ import annotations
@@ -20,6 +20,8 @@ PROJECT = "archive|base|dataupdate|decoder|host|kit|platform|publisher"
 
 FILE_COMMENT = re.compile(r"/\*\* @file \S[^\n]* \*/\n|/\*\*\n \* @file\n \* \S.*?\n \*/\n", re.DOTALL)
 LONGEST_LINE = 120
+LONGEST_FILE = 300
+LONGEST_TEST = 500
 FAULTS = {
     "std:: is missing": re.compile(r"(?<![\w:])(?:size_t|ptrdiff_t|u?int(?:8|16|32|64|ptr|max)_t)\b"),
     "a header of the project in angle brackets": re.compile(rf"^#include <(?:{PROJECT})/", re.MULTILINE),
@@ -52,6 +54,9 @@ def beginning_faults(path: Path, text: str) -> Iterator[str]:
 
 
 def faults(path: Path, text: str) -> Iterator[str]:
+    lines, most = text.count("\n"), LONGEST_TEST if path.parts[0] == "tests" else LONGEST_FILE
+    if lines > most:
+        yield f"has {lines} lines, more than {most}"
     if path.suffix == ".h":
         yield from beginning_faults(path, text)
     if is_for_c(path, text):
