@@ -193,9 +193,7 @@ def test_a_volume_that_fills_up_midway_keeps_the_old_tree_until_there_is_room(
     connected: Device, hand: HandPublisher, nginx: Nginx, volumes: Volumes, kind: str
 ) -> None:
     volume = volumes.make(kind, 96 * MIB)
-    connected.volume = volume
-    connected.list_volumes(volume)
-    connected.configure()
+    connected.use(volume)
     source = random.Random(1)
     old: Files = {f"file{number}": source.randbytes(4 * MIB) for number in range(5)}
     new: Files = {name: content + b"appended" for name, content in old.items()}

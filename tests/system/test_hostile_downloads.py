@@ -149,9 +149,7 @@ def test_a_package_without_end_leaves_a_twentieth_of_the_disk(
     offered: Device, publisher: Publisher, faults: FaultServer, volumes: Volumes, tmp_path: Path, kind: str
 ) -> None:
     volume = volumes.make(kind, SMALL_DISK)
-    offered.volume = volume
-    offered.list_volumes(volume)
-    offered.configure()
+    offered.use(volume)
     offered.run_ok("fix", DATABASE)
     (volume / "ballast").write_bytes(bytes(MIB))
     use_full_packages(publisher)

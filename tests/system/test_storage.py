@@ -14,10 +14,16 @@ from harness.volumes import MIB, Volumes, is_disk
 MINIMUM = {"ext4": 64 * MIB, "btrfs": 256 * MIB, "xfs": 320 * MIB, "tmpfs": 64 * MIB, "bind": 0}
 
 
-def move_to(device: Device, volume: Path) -> None:
-    device.volume = volume
-    device.list_volumes(volume)
-    device.configure()
+def assert_not_updated(device: Device, installed: Path) -> str:
+    """An update fails and leaves everything as it is; returns the one line that it says."""
+    device.forget_document()
+    result = device.run("update", DATABASE)
+    assert result.status == 1, str(result)
+    assert len(result.stderr.splitlines()) == 1
+    trees.assert_same(installed, device.installed(DATABASE))
+    assert device.version(DATABASE) == 1
+    assert list(device.temporary().iterdir()) == []
+    return result.stderr
 
 
 @pytest.mark.parametrize("kind", ["ext4", "btrfs", "xfs", "tmpfs", "bind"])
@@ -45,20 +51,13 @@ def test_too_little_space_is_said_and_the_installed_copy_stays(
     connected: Device, publisher: Publisher, volumes: Volumes, tmp_path: Path
 ) -> None:
     volume = volumes.make("tmpfs", 48 * MIB)
-    move_to(connected, volume)
+    connected.use(volume)
     first = trees.write_random_tree(tmp_path / "first", 1, count=4, size=MIB)
     publisher.publish(first, DATABASE)
     connected.run_ok("update", DATABASE)
     # Package and tree fit, a second copy of the tree does not.
     publisher.publish(trees.write_random_tree(tmp_path / "second", 2, count=18, size=MIB), DATABASE)
-    connected.forget_document()
-    result = connected.run("update", DATABASE)
-    assert result.status == 1, str(result)
-    assert "Disk space is too low" in result.stderr
-    assert len(result.stderr.splitlines()) == 1
-    trees.assert_same(first, connected.installed(DATABASE))
-    assert connected.version(DATABASE) == 1
-    assert list(connected.temporary().iterdir()) == []
+    assert "Disk space is too low" in assert_not_updated(connected, first)
     connected.run_ok("check", DATABASE)
 
 
@@ -67,19 +66,13 @@ def test_a_volume_that_fills_up_on_the_way_keeps_the_installed_copy(
     connected: Device, publisher: Publisher, volumes: Volumes, tmp_path: Path, size_in_mib: int
 ) -> None:
     volume = volumes.make("tmpfs", size_in_mib * MIB)
-    move_to(connected, volume)
+    connected.use(volume)
     first = trees.write_random_tree(tmp_path / "first", 1, count=3, size=MIB)
     publisher.publish(first, DATABASE)
     connected.run_ok("update", DATABASE)
     # In the smaller volume the package does not even fit, in the larger one its contents do not.
     publisher.publish(trees.write_random_tree(tmp_path / "second", 2, count=20, size=MIB), DATABASE)
-    connected.forget_document()
-    result = connected.run("update", DATABASE)
-    assert result.status == 1, str(result)
-    assert len(result.stderr.splitlines()) == 1
-    trees.assert_same(first, connected.installed(DATABASE))
-    assert connected.version(DATABASE) == 1
-    assert list(connected.temporary().iterdir()) == []
+    assert_not_updated(connected, first)
 
 
 def test_init_takes_the_first_volume_in_order(connected: Device, volumes: Volumes) -> None:

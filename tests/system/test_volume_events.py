@@ -80,10 +80,12 @@ def answer(device: Device, *arguments: str | Path) -> dict[str, object]:
     return json.loads(device.run_ok("volume", *map(str, arguments), "--json").stdout)
 
 
-def use(device: Device, volume: Path, *others: Path) -> None:
-    device.volume = volume
-    device.list_volumes(volume, *others)
-    device.configure()
+def install_on(device: Device, databases: Databases, volume: Path) -> None:
+    """Takes a volume into use, lists all that there are, and installs."""
+    device.use(volume)
+    device.list_volumes()
+    databases.publish()
+    device.run_ok("update", DATABASE)
 
 
 def assert_refused(device: Device, *arguments: str | Path) -> str:
@@ -135,10 +137,7 @@ def test_a_volume_that_goes_hands_its_databases_over(
     connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx, kind: str, other_kind: str
 ) -> None:
     first, second = volumes.make(kind, SIZES[kind]), volumes.make(other_kind, SIZES[other_kind])
-    use(connected, first)
-    connected.list_volumes()
-    databases.publish()
-    connected.run_ok("update", DATABASE)
+    install_on(connected, databases, first)
     # By hand, since packages bring files only.
     (first / MAIN / DATABASE / "link").symlink_to("rows.sqlite")
     (first / MAIN / DATABASE / "empty").mkdir(mode=0o750)
@@ -164,10 +163,7 @@ def test_databases_stay_on_a_volume_that_goes_without_another_and_come_back_with
     connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx, other: str
 ) -> None:
     volume = volumes.make("ext4", SIZES["ext4"])
-    use(connected, volume)
-    connected.list_volumes()
-    databases.publish()
-    connected.run_ok("update", DATABASE)
+    install_on(connected, databases, volume)
     if other == "read-only":
         volumes.remount_read_only(volumes.make("ext4", SIZES["ext4"]))
     elif other == "too small":
@@ -195,10 +191,7 @@ def test_a_target_that_is_too_small_on_the_way_leaves_the_databases_where_they_w
 ) -> None:
     databases.enlarge(12 * MIB)
     first, small = volumes.make("ext4", 128 * MIB), volumes.make("ext4", 10 * MIB)
-    use(connected, first)
-    connected.list_volumes()
-    databases.publish()
-    connected.run_ok("update", DATABASE)
+    install_on(connected, databases, first)
     before = state(first / MAIN)
     free = os.statvfs(small).f_bavail
     told = assert_refused(connected, "volume", "unmounting", first)
@@ -237,10 +230,7 @@ def test_databases_leave_a_volume_that_has_turned_read_only(
     connected: Device, databases: Databases, volumes: Volumes
 ) -> None:
     first, second = volumes.make("ext4", SIZES["ext4"]), volumes.make("ext4", SIZES["ext4"])
-    use(connected, first)
-    connected.list_volumes()
-    databases.publish()
-    connected.run_ok("update", DATABASE)
+    install_on(connected, databases, first)
     volumes.remount_read_only(first)
     before = state(first / MAIN)
     result = connected.run_ok("volume", "unmounting", str(first))
@@ -258,7 +248,7 @@ def test_what_lies_in_the_place_of_the_databases_is_not_overwritten(
 ) -> None:
     first, second = connected.volume, volumes.make("directory")
     assert first is not None
-    use(connected, first, second)
+    connected.use(first, second)
     foreign = trees.write_tree(second / MAIN, {"theirs/file": b"kept"})
     before = state(first / MAIN)
     assert f"they are whole on {first}" in assert_refused(connected, "volume", "unmounting", first)
@@ -279,7 +269,7 @@ def test_a_move_waits_for_readers_and_updates_no_longer_than_told(
 ) -> None:
     first, second = connected.volume, volumes.make("directory")
     assert first is not None
-    use(connected, first, second)
+    connected.use(first, second)
     for lock, shared in ((f"using_{DATABASE}.lock", True), ("update_any.lock", False)):
         with connected.locked(lock, shared=shared):
             result = connected.run("volume", "unmounting", str(first), "--timeout", "0")
@@ -299,7 +289,7 @@ def test_a_volume_that_is_mounted_while_databases_move_is_adopted_by_nobody(
 ) -> None:
     first, second, third = connected.volume, volumes.make("directory"), volumes.make("directory")
     assert first is not None
-    use(connected, first, second, third)
+    connected.use(first, second, third)
     fifo = tmp_path / "gate"
     os.mkfifo(fifo)
     mover(f'read -r word < {fifo}\nexec $real "$@"')
@@ -343,7 +333,7 @@ def test_a_move_killed_at_any_stage_is_finished_by_the_documents_steps(
 ) -> None:
     first, second = connected.volume, volumes.make("tmpfs", SIZES["ext4"])
     assert first is not None
-    use(connected, first, second)
+    connected.use(first, second)
     mover(f"{STAGES[stage].format(DATABASE)}\nkill -KILL $PPID\nexec sleep 60")
     assert connected.run("volume", "unmounting", str(first)).status == -9
     assert shown(connected) is None
@@ -362,7 +352,7 @@ def test_an_update_after_a_killed_move_needs_no_steps_at_all(
 ) -> None:
     first, second = connected.volume, volumes.make("tmpfs", SIZES["ext4"])
     assert first is not None
-    use(connected, first, second)
+    connected.use(first, second)
     mover(f'{STAGES["while copying"].format(DATABASE)}\nkill -KILL $PPID\nexec sleep 60')
     connected.run("volume", "unmounting", str(first))
     connected.list_volumes(second)  # The first is gone.
@@ -383,7 +373,7 @@ def test_a_move_killed_at_random_moments_loses_nothing(
     assert first is not None
     for _ in range(KILLS):
         assert list(second.glob(f"{MAIN}/*")) == [], "nothing is left of the move before"
-        use(connected, first, second)
+        connected.use(first, second)
         move = connected.start("volume", "unmounting", str(first))
         while not (connected.mark(DATABASE).exists() and (second / MAIN).exists()) and not move.has_ended():
             pass
@@ -403,7 +393,7 @@ def test_nothing_of_a_killed_move_goes_on_moving(
 ) -> None:
     first, second = connected.volume, volumes.make("directory")
     assert first is not None
-    use(connected, first, second)
+    connected.use(first, second)
     told = tmp_path / "told"
     os.mkfifo(told)
     mover(f"echo $$ > {told}\nexec sleep 60")
@@ -418,10 +408,7 @@ def test_a_volume_that_vanished_is_not_written_below_its_mount_point(
     connected: Device, databases: Databases, volumes: Volumes
 ) -> None:
     first = volumes.make("ext4", SIZES["ext4"])
-    use(connected, first)
-    connected.list_volumes()
-    databases.publish()
-    connected.run_ok("update", DATABASE)
+    install_on(connected, databases, first)
     volumes.unmount(first, lazily=True)
     databases.publish_next()
     for command in ("update", "fix", "force-install"):
@@ -438,10 +425,7 @@ def test_a_volume_that_vanished_can_be_given_up_for_another(
     connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx
 ) -> None:
     first, second = volumes.make("ext4", SIZES["ext4"]), volumes.make("ext4", SIZES["ext4"])
-    use(connected, first)
-    connected.list_volumes()
-    databases.publish()
-    connected.run_ok("update", DATABASE)
+    install_on(connected, databases, first)
     volumes.unmount(first, lazily=True)
     assert answer(connected, "unmounting", first) == {"result": "given up", "volume": None}
     assert list(first.iterdir()) == []

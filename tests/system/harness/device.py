@@ -96,6 +96,12 @@ class Device:
         lines = [f"pattern {pattern}\n" for pattern in patterns] + [f"directory {path}\n" for path in directories]
         VOLUMES.write_text("".join(lines))
 
+    def use(self, volume: Path, *others: Path) -> None:
+        """Takes a volume into use; the volumes that there are besides are listed as well."""
+        self.volume = volume
+        self.list_volumes(volume, *others)
+        self.configure()
+
     def installed(self, name: str) -> Path:
         if self.databases[name]["install_dest"] == "%ROOTFS%":
             return ROOT_DATABASES / name
