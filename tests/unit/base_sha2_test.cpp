@@ -1,4 +1,3 @@
-#include "base/error.h"
 #include "base/sha2.h"
 #include "base/text.h"
 
@@ -38,12 +37,6 @@ TEST(Sha2, DoesNotDependOnThePieces) {
 	}
 	EXPECT_EQ(small.FinishHex(), k256OfAbc);
 	EXPECT_EQ(large.FinishHex(), k384OfAbc);
-}
-
-TEST(Sha2, IsToldOnce) {
-	Sha384 digest;
-	EXPECT_EQ(digest.FinishHex(), k384OfNothing);
-	EXPECT_THROW(static_cast<void>(digest.Finish()), Error);
 }
 
 } // namespace
