@@ -1,5 +1,4 @@
-#include "base/json_scanner.h"
-#include "base/unique_fd.h"
+#include "base/record_entries.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -7,10 +6,10 @@
 
 #include <boost/filesystem.hpp>
 #include <json/writer.h>
-
-#include <fcntl.h>
+#include <nlohmann/json.hpp>
 
 #include <charconv>
+#include <cstdint>
 #include <fstream>
 #include <limits>
 
@@ -18,66 +17,23 @@ namespace tarn::dataupdate {
 
 namespace {
 
-int ToInt(std::int64_t number) {
-	JsonScanner::Expect(number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max());
-	return static_cast<int>(number);
+using nlohmann::json;
+
+int ToInt(const json& number) {
+	const bool is_int = number.is_number_unsigned()
+	                        ? number.get<std::uint64_t>() <= std::numeric_limits<int>::max()
+	                        : number.is_number_integer() && number.get<std::int64_t>() >= std::numeric_limits<int>::min();
+	ExpectInRecord(is_int);
+	return number.get<int>();
 }
 
 /** Nothing but the digits and the sign: whatever else std::stoi() takes is left to the reader that uses it. */
 int ParseVersion(const std::string& text) {
 	int version = 0;
 	const auto result = std::from_chars(text.data(), text.data() + text.size(), version);
-	JsonScanner::Expect(result.ec == std::errc() && result.ptr == text.data() + text.size());
+	ExpectInRecord(result.ec == std::errc() && result.ptr == text.data() + text.size());
 	return version;
 }
-
-/** Reads a record in the one form in which records are written: each member once, names in order. */
-class RecordReader {
-public:
-	explicit RecordReader(int fd) : json_(fd) {}
-
-	InstalledRecord Read() {
-		json_.Members([this](const std::string& name) { ReadMember(name); });
-		json_.End();
-		JsonScanner::Expect(members_ == 3);
-		return std::move(record_);
-	}
-
-private:
-	void ReadMember(const std::string& name) {
-		JsonScanner::Expect(last_member_ < name);
-		last_member_ = name;
-		++members_;
-		if (name == "data_version") {
-			record_.data_version = ParseVersion(json_.Text());
-		} else if (name == "last_fetch_time") {
-			record_.last_fetch_time = ToInt(json_.Integer());
-		} else {
-			JsonScanner::Expect(name == "file_statuses");
-			json_.Members([this](const std::string& file) { ReadFile(file); });
-		}
-	}
-
-	void ReadFile(const std::string& name) {
-		JsonScanner::Expect(record_.files.IsEmpty() || last_file_ < name);
-		last_file_ = name;
-		bool has_digest = false;
-		json_.Members([&](const std::string& member) {
-			JsonScanner::Expect(member == "sha384_digest" && !has_digest);
-			const std::string& digest = json_.Text();
-			JsonScanner::Expect(!digest.empty());
-			record_.files.Add(name, digest);
-			has_digest = true;
-		});
-		JsonScanner::Expect(has_digest);
-	}
-
-	JsonScanner json_;
-	InstalledRecord record_;
-	std::string last_member_;
-	std::string last_file_;
-	int members_ = 0;
-};
 
 /** Writes what JsonCpp's StyledStreamWriter("\t") makes of DatabaseStatus::ToJson(). */
 class RecordWriter {
@@ -137,12 +93,21 @@ DatabaseStatus InstalledRecord::TakeStatus(InstalledRecord record) {
 }
 
 std::optional<InstalledRecord> ReadLargeRecord(const std::string& id) {
-	const UniqueFd file(open(StatusPath(id).c_str(), O_RDONLY | O_CLOEXEC));
-	try {
-		return file ? std::optional(RecordReader(file.Get()).Read()) : std::nullopt;
-	} catch (const UnexpectedJson&) {
-		return std::nullopt;
-	}
+	InstalledRecord read;
+	RecordForm form;
+	form.entries = "file_statuses";
+	form.take_entry = [&files = read.files](const std::string& name, const json& file) {
+		const auto& digest = file.at("sha384_digest").get_ref<const std::string&>();
+		ExpectInRecord(file.size() == 1 && !digest.empty());
+		ExpectInRecord(files.IsEmpty() || files.Name(files.Size() - 1) < name);
+		files.Add(name, digest);
+	};
+	form.take_record = [&read](const json& record) {
+		ExpectInRecord(record.size() == 3);
+		read.data_version = ParseVersion(record.at("data_version").get_ref<const std::string&>());
+		read.last_fetch_time = ToInt(record.at("last_fetch_time"));
+	};
+	return ReadRecordEntries(StatusPath(id), form) ? std::optional(std::move(read)) : std::nullopt;
 }
 
 void WriteLargeRecord(const std::string& id, const InstalledRecord& record) {

@@ -3,6 +3,7 @@
 #include "dataupdate/updater.h"
 #include "dataupdate/utils.h"
 #include "host/library/failure.h"
+#include "host/library/listed_files.h"
 
 #include <sys/stat.h>
 

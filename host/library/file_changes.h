@@ -2,6 +2,8 @@
 #ifndef HOST_LIBRARY_FILE_CHANGES_H
 #define HOST_LIBRARY_FILE_CHANGES_H
 
+#include "dataupdate/file_list.h"
+#include "dataupdate/installation.h"
 #include "host/library/installed_files.h"
 
 #include <functional>

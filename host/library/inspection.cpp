@@ -5,6 +5,7 @@
 #include "dataupdate/installation.h"
 #include "dataupdate/updater.h"
 #include "host/library/file_changes.h"
+#include "host/library/listed_files.h"
 
 #include <boost/filesystem.hpp>
 

@@ -2,7 +2,7 @@
 #ifndef HOST_LIBRARY_INSPECTION_H
 #define HOST_LIBRARY_INSPECTION_H
 
-#include "dataupdate/records.h"
+#include "dataupdate/installation.h"
 #include "host/library/installed_files.h"
 #include "host/library/services.h"
 

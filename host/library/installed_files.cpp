@@ -1,38 +1,30 @@
 #include "host/library/installed_files.h"
 
 #include "base/file_io.h"
-#include "base/json_scanner.h"
-#include "base/text.h"
-#include "base/unique_fd.h"
+#include "base/record_entries.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
-#include "dataupdate/utils.h"
 
-#include <json/reader.h>
-#include <json/value.h>
-#include <json/writer.h>
+#include <boost/algorithm/hex.hpp>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <stdexcept>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 namespace tarn::ctl {
 
-using dataupdate::InstalledRecord;
-
 namespace {
+
+using nlohmann::json;
 
 constexpr std::size_t kDigestDigits = 96;
 constexpr std::size_t kSizeDigits = 16;
@@ -79,58 +71,39 @@ InstalledFile Unpack(const std::string& text) {
 	return file;
 }
 
-/** Reads the record in the one form in which it is written. */
-class RecordReader {
-public:
-	explicit RecordReader(int fd) : json_(fd) {}
-
-	InstalledFiles Read() {
-		int members = 0;
-		json_.Members([&](const std::string& name) {
-			static const std::vector<std::string> kNames = {"data_version", "rebuilt_from_disk", "files"};
-			JsonScanner::Expect(members < 3 && name == kNames[static_cast<std::size_t>(members++)]);
-			ReadMember(name);
-		});
-		json_.End();
-		JsonScanner::Expect(members == 3);
-		return std::move(record_);
+/**
+ * A text as it is recorded. What is no UTF-8 is none in JSON either: it is recorded by its digits, behind a zero, which
+ * no name has.
+ */
+std::string Quoted(const std::string& text) {
+	try {
+		return json(text).dump();
+	} catch (const json::type_error&) {
+		return R"("\u0000)" + boost::algorithm::hex_lower(text) + '"';
 	}
+}
 
-private:
-	void ReadMember(const std::string& name) {
-		if (name == "data_version") {
-			record_.data_version = std::stoi(json_.Text());
-		} else if (name == "rebuilt_from_disk") {
-			record_.is_from_disk = json_.Boolean();
+std::string TextOf(const std::string& recorded) {
+	const bool is_digits = !recorded.empty() && recorded.front() == '\0';
+	std::string text = is_digits ? boost::algorithm::unhex(recorded.substr(1)) : recorded;
+	ExpectInRecord(text.find('\0') == std::string::npos);
+	return text;
+}
+
+InstalledFile FileOf(const json& members) {
+	InstalledFile file;
+	for (const auto& [name, value] : members.items()) {
+		if (name == "link_target") {
+			file.link_target = TextOf(value.get_ref<const std::string&>());
+		} else if (name == "sha384_digest") {
+			file.sha384_digest = TextOf(value.get_ref<const std::string&>());
 		} else {
-			json_.Members([this](const std::string& file) { ReadFile(file); });
+			ExpectInRecord(name == "size" && value.is_number_unsigned());
+			file.size = value.get<std::uint64_t>();
 		}
 	}
-
-	void ReadFile(const std::string& name) {
-		JsonScanner::Expect(record_.files.Size() == 0 || last_ < name);
-		last_ = name;
-		file_ = {};
-		json_.Members([this](const std::string& member) {
-			if (member == "link_target") {
-				file_.link_target = json_.Text();
-			} else if (member == "sha384_digest") {
-				file_.sha384_digest = json_.Text();
-			} else {
-				JsonScanner::Expect(member == "size");
-				const std::int64_t size = json_.Integer();
-				JsonScanner::Expect(size >= 0);
-				file_.size = static_cast<std::uint64_t>(size);
-			}
-		});
-		record_.files.Add(name, file_);
-	}
-
-	JsonScanner json_;
-	InstalledFiles record_;
-	InstalledFile file_;
-	std::string last_;
-};
+	return file;
+}
 
 constexpr char kEnd[] = "\n}}\n";
 
@@ -148,38 +121,21 @@ bool IsBefore(const timespec& left, const timespec& right) {
 	return std::tie(left.tv_sec, left.tv_nsec) < std::tie(right.tv_sec, right.tv_nsec);
 }
 
-/** One line for each file; names that are no UTF-8 stay as they are. */
+/** One line for each file. */
 void Encode(const InstalledFiles& record, const TextSink& sink) {
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "";
-	builder["emitUTF8"] = true;
-	const auto quoted = [&builder](const std::string& text) { return Json::writeString(builder, text); };
 	sink(Head(record.data_version) + R"("rebuilt_from_disk":)" + (record.is_from_disk ? "true" : "false") +
 	     R"(,"files":{)");
 	for (std::size_t at = 0; at < record.files.Size(); ++at) {
 		const InstalledFile file = record.files.At(at);
-		sink((at == 0 ? "\n" : ",\n") + quoted(std::string(record.files.Name(at))) + ":");
+		sink((at == 0 ? "\n" : ",\n") + Quoted(std::string(record.files.Name(at))) + ":");
 		if (!file.link_target.empty()) {
-			sink(R"({"link_target":)" + quoted(file.link_target) + "}");
+			sink(R"({"link_target":)" + Quoted(file.link_target) + "}");
 		} else {
 			const std::string size = file.size ? R"(,"size":)" + std::to_string(*file.size) : "";
-			sink(R"({"sha384_digest":)" + quoted(file.sha384_digest) + size + "}");
+			sink(R"({"sha384_digest":)" + Quoted(file.sha384_digest) + size + "}");
 		}
 	}
 	sink(kEnd);
-}
-
-/** Whether a name has no part that another spelling of it would leave out. */
-bool IsPlain(std::string_view name) {
-	for (std::size_t begin = 0; begin <= name.size();) {
-		const std::size_t end = std::min(name.find('/', begin), name.size());
-		const std::string_view part = name.substr(begin, end - begin);
-		if (part.empty() || part == "." || part == "..") {
-			return false;
-		}
-		begin = end + 1;
-	}
-	return true;
 }
 
 } // namespace
@@ -201,32 +157,25 @@ std::optional<InstalledFile> InstalledFileTable::Find(std::string_view name) con
 	return at ? std::optional(At(*at)) : std::nullopt;
 }
 
-Json::Value ReadJsonRecord(const std::string& path) {
-	std::ifstream file(path);
-	Json::Value record;
-	try {
-		if (file && Json::parseFromStream(Json::CharReaderBuilder(), file, &record, nullptr)) {
-			return record;
-		}
-	} catch (const Json::Exception&) {
-		return {}; // Nested too deeply.
-	}
-	return {};
-}
-
 std::string InstalledFilesPath(const std::string& id) {
 	return dataupdate::StatePath(id, "installed_files.json");
 }
 
 std::optional<InstalledFiles> ReadInstalledFiles(const std::string& id) {
-	const UniqueFd file(open(InstalledFilesPath(id).c_str(), O_RDONLY | O_CLOEXEC));
-	try {
-		return file ? std::optional(RecordReader(file.Get()).Read()) : std::nullopt;
-	} catch (const UnexpectedJson&) {
-		return std::nullopt;
-	} catch (const std::logic_error&) {
-		return std::nullopt; // The version is no number.
-	}
+	InstalledFiles read;
+	RecordForm form;
+	form.entries = "files";
+	form.take_entry = [&files = read.files](const std::string& recorded, const json& members) {
+		const std::string name = TextOf(recorded);
+		ExpectInRecord(files.Size() == 0 || files.Name(files.Size() - 1) < name);
+		files.Add(name, FileOf(members));
+	};
+	form.take_record = [&read](const json& record) {
+		ExpectInRecord(record.size() == 3);
+		read.data_version = std::stoi(record.at("data_version").get_ref<const std::string&>());
+		read.is_from_disk = record.at("rebuilt_from_disk").get<bool>();
+	};
+	return ReadRecordEntries(InstalledFilesPath(id), form) ? std::optional(std::move(read)) : std::nullopt;
 }
 
 bool SeemsCurrent(const std::string& id, int version) {
@@ -260,68 +209,6 @@ void DropInstalledFiles(const std::string& id) {
 	if (!SyncDirectory(path.parent_path())) {
 		syslog(LOG_WARNING, "%s cannot be removed (%s)", path.c_str(), std::strerror(errno));
 	}
-}
-
-std::optional<std::string> RelativeName(const std::string& name, const std::string& install_prefix) {
-	const std::string_view below = std::string_view(name).substr(std::min(install_prefix.size(), name.size()));
-	if (StartsWith(name, install_prefix) && StartsWith(below, "/") && IsPlain(below.substr(1))) {
-		return std::string(below.substr(1)); // Nearly every name; paths take long for many.
-	}
-	const std::filesystem::path path = std::filesystem::path(name).lexically_normal();
-	const std::filesystem::path relative = path.is_absolute() ? path.lexically_relative(install_prefix) : path;
-	if (relative.empty() || *relative.begin() == ".." || relative == ".") {
-		return std::nullopt;
-	}
-	return relative.string();
-}
-
-bool ListsAllFiles(const InstalledRecord& record) {
-	for (std::size_t at = 0; at < record.files.Size(); ++at) {
-		if (!StartsWith(record.files.Name(at), "/")) {
-			return false;
-		}
-	}
-	return !record.files.IsEmpty();
-}
-
-const std::string& DigestOfNothing() {
-	static const std::string kDigest = [] {
-		std::istringstream nothing;
-		return dataupdate::GetSha384(nothing);
-	}();
-	return kDigest;
-}
-
-bool IsListedDirectory(const std::string& digest, const std::string& path) {
-	std::error_code ignored;
-	return digest == DigestOfNothing() && std::filesystem::is_directory(std::filesystem::symlink_status(path, ignored));
-}
-
-bool Agree(const InstalledFiles& record, const InstalledRecord& listed, const std::string& install_prefix) {
-	if (record.data_version != listed.data_version ||
-	    (ListsAllFiles(listed) && record.files.Size() != listed.files.Size())) {
-		return false;
-	}
-	for (std::size_t at = 0; at < listed.files.Size(); ++at) {
-		const std::string digest = listed.files.Text(at);
-		const auto name = RelativeName(std::string(listed.files.Name(at)), install_prefix);
-		const auto file = name ? record.files.Find(*name) : std::nullopt;
-		const bool agree =
-		    file ? file->sha384_digest == digest : name && IsListedDirectory(digest, install_prefix + "/" + *name);
-		if (!agree) {
-			return false;
-		}
-	}
-	return true;
-}
-
-std::optional<InstalledFiles> ReadCredibleFiles(
-    const std::string& id, const InstalledRecord& listed, const std::string& install_prefix) {
-	if (dataupdate::IsReplacementMarked(id)) {
-		return std::nullopt;
-	}
-	std::optional<InstalledFiles> record = ReadInstalledFiles(id);
-	return record && Agree(*record, listed, install_prefix) ? std::move(record) : std::nullopt;
 }
 
 } // namespace tarn::ctl

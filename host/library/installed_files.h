@@ -3,10 +3,6 @@
 #define HOST_LIBRARY_INSTALLED_FILES_H
 
 #include "dataupdate/file_list.h"
-#include "dataupdate/installation.h"
-#include "dataupdate/records.h"
-
-#include <json/value.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -58,9 +54,6 @@ struct InstalledFiles {
 	InstalledFileTable files;
 };
 
-/** A record of the host's, whatever it holds; null when there is none, or none that can be read as JSON. */
-[[nodiscard]] Json::Value ReadJsonRecord(const std::string& path);
-
 std::string InstalledFilesPath(const std::string& id);
 
 /** No value when there is no record, or none that can be read and understood. */
@@ -79,28 +72,6 @@ void WriteInstalledFiles(const std::string& id, const InstalledFiles& record);
  * tell which of two installations of one version the files belong to. A failure is logged.
  */
 void DropInstalledFiles(const std::string& id);
-
-/** The name below a directory of an absolute or relative name, without needless parts; none when it lies elsewhere. */
-std::optional<std::string> RelativeName(const std::string& name, const std::string& install_prefix);
-
-/** Whether the library's record lists all files, since it was made by a full package: by absolute names. */
-bool ListsAllFiles(const dataupdate::InstalledRecord& record);
-
-/** The digest that the library gives what has no content, or cannot be opened. */
-const std::string& DigestOfNothing();
-
-/** Whether what the library lists is a directory that has taken the place of a file which the update deleted. */
-bool IsListedDirectory(const std::string& digest, const std::string& path);
-
-/**
- * Whether the record describes what the library's record describes: the same version, with the same digest for each
- * file that the library lists. Another program may have changed the installation without knowing of this record.
- */
-bool Agree(const InstalledFiles& record, const dataupdate::InstalledRecord& listed, const std::string& install_prefix);
-
-/** The record, when it agrees with the library's and no replacement is unfinished. */
-std::optional<InstalledFiles> ReadCredibleFiles(
-    const std::string& id, const dataupdate::InstalledRecord& listed, const std::string& install_prefix);
 
 } // namespace tarn::ctl
 

@@ -3,7 +3,7 @@
 #include "base/file_io.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
-#include "host/library/installed_files.h"
+#include "host/library/json_record.h"
 
 #include <tarncodesign/tarncodesign.h>
 

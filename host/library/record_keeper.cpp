@@ -8,6 +8,8 @@
 #include "dataupdate/progress.h"
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
+#include "host/library/json_record.h"
+#include "host/library/listed_files.h"
 #include "host/terminal/progress_file.h"
 
 #include <json/value.h>

@@ -4,7 +4,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/failure.h"
-#include "host/library/installed_files.h"
+#include "host/library/json_record.h"
 
 #include <json/value.h>
 

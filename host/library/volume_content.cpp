@@ -6,6 +6,7 @@
 #include "dataupdate/updater.h"
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
+#include "host/library/listed_files.h"
 
 #include <algorithm>
 #include <filesystem>

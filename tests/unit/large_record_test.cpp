@@ -63,6 +63,24 @@ TEST_F(LargeRecordTest, IsReadAsItWasWritten) {
 	}
 }
 
+TEST_F(LargeRecordTest, IsNeverReadOtherwiseThanByTheGeneralReader) {
+	WriteRecord(io_, "geo", Status({{"a", FileStatus("1f")}, {"b\\\t", FileStatus("2")}, {"\xc3\xa9", FileStatus("3")}}));
+	const std::string whole = test::ReadFile(kRecord);
+	int read = 0;
+	for (std::size_t at = 0; at < whole.size(); ++at) {
+		for (const char byte : {'\0', '"', '\\', '0', '-', '.', 'e', ',', ' ', '}', 'c', '\x7f', '\xff'}) {
+			std::string changed = whole;
+			changed[at] = byte;
+			WriteFile(kRecord, changed);
+			if (const auto record = ReadLargeRecord("geo")) {
+				ExpectSame(record, ReadRecord(io_, "geo"));
+				++read;
+			}
+		}
+	}
+	EXPECT_GT(read, 0);
+}
+
 TEST_F(LargeRecordTest, DoesNotWriteFilesThatDoNotExist) {
 	InstalledRecord record(3, 4, {});
 	record.files.Add("gone");
@@ -89,6 +107,13 @@ TEST_F(LargeRecordTest, LeavesToTheGeneralReaderWhateverIsNotInItsForm) {
 	         R"({"data_version": "1", "file_statuses": {"a": {"sha384_digest": "1", "x": "2"}}, "last_fetch_time": 1})",
 	         R"({"data_version": "1", "file_statuses": {"b": {"sha384_digest": "1"}, "a": {"sha384_digest": "1"}},
 	             "last_fetch_time": 1})",
+	         R"({"data_version": "1", "file_statuses": {"a": {"sha384_digest": "1"}, "a": {"sha384_digest": "1"}},
+	             "last_fetch_time": 1})",
+	         R"({"data_version": "1", "file_statuses": {"a": {"sha384_digest": ""}}, "last_fetch_time": 1})",
+	         R"({"data_version": "1", "file_statuses": {}, "last_fetch_time": 2147483648})",
+	         R"({"data_version": "1", "file_statuses": {}, "last_fetch_time": -2147483649})",
+	         R"({"data_version": "1", "file_statuses": {}, "last_fetch_time": 18446744073709551615})",
+	         R"({"data_version": "1", "file_statuses": {}, "last_fetch_time": 1.5})",
 	         R"({"data_version": "1", "file_statuses": {}, "last_fetch_time": 1, "more": 2})",
 	         R"({"data_version": "1", "file_statuses": {}, "last_fetch_time": 1} 2)",
 	         R"({"data_version": "1", /* */ "file_statuses": {}, "last_fetch_time": 1})"}) {

@@ -3,6 +3,8 @@
 #include "host/library/file_changes.h"
 #include "host/library/inspection.h"
 #include "host/library/installed_files.h"
+#include "host/library/json_record.h"
+#include "host/library/listed_files.h"
 #include "private_root.h"
 #include "temporary_directory.h"
 
@@ -93,6 +95,7 @@ TEST_F(InstalledFilesTest, ComesBackAsItWasWritten) {
 	record.data_version = kVersion;
 	record.is_from_disk = true;
 	record.files.Add("link", {"", std::nullopt, "sub/target"});
+	record.files.Add("link to a name in no UTF-8", {"", std::nullopt, "caf\xe9"});
 	record.files.Add("of a digest of another length", {"abc", 5, ""});
 	record.files.Add("of unknown size", {std::string(96, 'b'), std::nullopt, ""});
 	record.files.Add("sub/with \" and \n, \xc3\xa9 and \xff", {std::string(96, 'a'), 5000000000, ""});
@@ -103,11 +106,13 @@ TEST_F(InstalledFilesTest, ComesBackAsItWasWritten) {
 	EXPECT_TRUE(read->is_from_disk);
 	EXPECT_EQ(read->files, record.files);
 	EXPECT_EQ(read->files.At(0).link_target, "sub/target");
-	EXPECT_EQ(read->files.At(1), record.files.At(1));
-	EXPECT_EQ(read->files.At(1).size, 5U);
-	EXPECT_EQ(read->files.At(2).size, std::nullopt);
-	EXPECT_EQ(read->files.At(3).size, 5000000000U);
-	EXPECT_EQ(read->files.At(3).sha384_digest, std::string(96, 'a'));
+	EXPECT_EQ(read->files.At(1).link_target, "caf\xe9");
+	EXPECT_EQ(read->files.At(2), record.files.At(2));
+	EXPECT_EQ(read->files.At(2).size, 5U);
+	EXPECT_EQ(read->files.At(3).size, std::nullopt);
+	EXPECT_EQ(read->files.At(4).size, 5000000000U);
+	EXPECT_EQ(read->files.At(4).sha384_digest, std::string(96, 'a'));
+	EXPECT_TRUE(ReadJsonRecord(InstalledFilesPath("geo")).isObject()) << "it is JSON to others as well";
 }
 
 TEST_F(InstalledFilesTest, IsNoneWhenItCannotBeUnderstood) {
@@ -123,6 +128,19 @@ TEST_F(InstalledFilesTest, IsNoneWhenItCannotBeUnderstood) {
 	         R"({"data_version":"4","files":{"a":{"sha384_digest":"","size":-1}}})"}) {
 		WriteFile(InstalledFilesPath("geo"), content);
 		EXPECT_FALSE(ReadInstalledFiles("geo")) << content;
+	}
+	const auto is_read = [](const std::string& files, const std::string& more = "") {
+		WriteFile(InstalledFilesPath("geo"),
+		    R"({"data_version":"4","rebuilt_from_disk":false,"files":{)" + files + "}" + more + "}");
+		return ReadInstalledFiles("geo").has_value();
+	};
+	EXPECT_TRUE(is_read(R"("a":{"sha384_digest":"1","size":0},"b":{"link_target":"a"},"\u000062ff":{"size":1})"));
+	EXPECT_FALSE(is_read("", R"(,"more":1)"));
+	for (const char* files : {R"("b":{"size":1},"a":{"size":1})", R"("a":{"size":1},"a":{"size":1})", R"("a":{"more":"x"})",
+	         R"("a":{"size":-1})", R"("a":{"size":1.0})", R"("a":{"size":18446744073709551616})", R"("a":{"size":"1"})",
+	         R"("a":{"link_target":1})", R"("a\u0000b":{"size":1})", R"("\u00006":{"size":1})", R"("\u0000xy":{"size":1})",
+	         R"("\u00006100":{"size":1})", R"("a":{"link_target":"a\u0000"})", "\"\xff\":{\"size\":1}"}) {
+		EXPECT_FALSE(is_read(files)) << files;
 	}
 }
 

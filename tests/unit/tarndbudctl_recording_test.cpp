@@ -1,5 +1,6 @@
 #include "dataupdate/installation.h"
 #include "host/library/inspection.h"
+#include "host/library/listed_files.h"
 #include "host/library/operation.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
