@@ -20,9 +20,10 @@ namespace {
 using nlohmann::json;
 
 int ToInt(const json& number) {
+	using Limits = std::numeric_limits<int>;
 	const bool is_int = number.is_number_unsigned()
-	                        ? number.get<std::uint64_t>() <= std::numeric_limits<int>::max()
-	                        : number.is_number_integer() && number.get<std::int64_t>() >= std::numeric_limits<int>::min();
+	                        ? number.get<std::uint64_t>() <= Limits::max()
+	                        : number.is_number_integer() && number.get<std::int64_t>() >= Limits::min();
 	ExpectInRecord(is_int);
 	return number.get<int>();
 }

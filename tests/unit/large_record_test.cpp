@@ -64,7 +64,8 @@ TEST_F(LargeRecordTest, IsReadAsItWasWritten) {
 }
 
 TEST_F(LargeRecordTest, IsNeverReadOtherwiseThanByTheGeneralReader) {
-	WriteRecord(io_, "geo", Status({{"a", FileStatus("1f")}, {"b\\\t", FileStatus("2")}, {"\xc3\xa9", FileStatus("3")}}));
+	WriteRecord(
+	    io_, "geo", Status({{"a", FileStatus("1f")}, {"b\\\t", FileStatus("2")}, {"\xc3\xa9", FileStatus("3")}}));
 	const std::string whole = test::ReadFile(kRecord);
 	int read = 0;
 	for (std::size_t at = 0; at < whole.size(); ++at) {

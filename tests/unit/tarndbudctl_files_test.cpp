@@ -136,10 +136,11 @@ TEST_F(InstalledFilesTest, IsNoneWhenItCannotBeUnderstood) {
 	};
 	EXPECT_TRUE(is_read(R"("a":{"sha384_digest":"1","size":0},"b":{"link_target":"a"},"\u000062ff":{"size":1})"));
 	EXPECT_FALSE(is_read("", R"(,"more":1)"));
-	for (const char* files : {R"("b":{"size":1},"a":{"size":1})", R"("a":{"size":1},"a":{"size":1})", R"("a":{"more":"x"})",
-	         R"("a":{"size":-1})", R"("a":{"size":1.0})", R"("a":{"size":18446744073709551616})", R"("a":{"size":"1"})",
-	         R"("a":{"link_target":1})", R"("a\u0000b":{"size":1})", R"("\u00006":{"size":1})", R"("\u0000xy":{"size":1})",
-	         R"("\u00006100":{"size":1})", R"("a":{"link_target":"a\u0000"})", "\"\xff\":{\"size\":1}"}) {
+	for (const char* files : {R"("b":{"size":1},"a":{"size":1})", R"("a":{"size":1},"a":{"size":1})",
+	         R"("a":{"more":"x"})", R"("a":{"size":-1})", R"("a":{"size":1.0})", R"("a":{"size":18446744073709551616})",
+	         R"("a":{"size":"1"})", R"("a":{"link_target":1})", R"("a\u0000b":{"size":1})", R"("\u00006":{"size":1})",
+	         R"("\u0000xy":{"size":1})", R"("\u00006100":{"size":1})", R"("a":{"link_target":"a\u0000"})",
+	         "\"\xff\":{\"size\":1}"}) {
 		EXPECT_FALSE(is_read(files)) << files;
 	}
 }
