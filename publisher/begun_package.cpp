@@ -19,7 +19,7 @@ constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
 	throw PublishError("The package " + path +
 	                   " is there already, with another content than this tree "
 	                   "makes, and is not replaced: devices and caches may have it, though no document names it. "
-	                   "Publish with --data-version " +
+	                   "Go past it by --data-version " +
 	                   std::to_string(std::int64_t{version} + 1) + ", or remove it when it was never served.");
 }
 

@@ -205,9 +205,9 @@ private:
 			    "no document names this database, so its next publication is refused");
 			return;
 		}
-		const NeededPackages needed(entries->second, files);
+		const NeededPackages needed(id, entries->second, files);
 		for (const PackageFile& file : files) {
-			if (file.data_version > needed.Highest()) {
+			if (!needed.IsNamed(file) && needed.IsAboveAll(file)) {
 				AddUntidy(file.path,
 				    "no document names it: a publisher was killed before its document, or the document is an old copy");
 			} else if (file.is_diff && !needed.IsNamed(file)) {

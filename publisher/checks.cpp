@@ -69,7 +69,7 @@ void RefuseUnnamed(const PublishOptions& options, int next, const std::vector<Pa
 	throw PublishError("Version " + std::to_string(next) + " of " + options.id +
 	                   " cannot be published: " + files.back().path +
 	                   " is there, no document names it, and devices may have it. Take it into the "
-	                   "document by \"tarndbudpub restore --force\", or publish with --data-version " +
+	                   "document by \"tarndbudpub restore --force\", or go past it by --data-version " +
 	                   std::to_string(free) + ".");
 }
 

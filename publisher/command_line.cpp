@@ -142,6 +142,7 @@ void AddPublishing(CLI::App& command, Options& options) {
 	command
 	    .add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
 	    ->default_str("auto");
+	command.add_option("--data-version", publish.data_version, "Version to publish; by default the last plus one");
 	AddOldKeys(command, publish.old_keys);
 	command.add_option("--level", publish.level, "Compression level, 1 (fast) to 19 (small)")->capture_default_str();
 	command.add_option("--notes", publish.notes, "What the packages say about the version, for inspect");
@@ -156,7 +157,6 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--id", publish.id, "The database's id")->required();
 	command->add_option("--key", publish.key_file, "Private key that signs the package")->required();
 	command->add_option("--url", publish.url, "Where devices reach the repository: http:// or https://")->required();
-	command->add_option("--data-version", publish.data_version, "Version to publish; by default the last plus one");
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
 	command->add_flag("--if-changed", publish.if_changed, "Publish nothing if the newest version holds the tree");
 	command->add_flag("--continue", publish.must_continue, "Fail if the repository does not know the id yet");

@@ -40,8 +40,10 @@ public:
 	PruneResult Run() {
 		// All of it before the first file goes, so that a document that cannot be read keeps everything.
 		for (const std::string& id : options_.ids.empty() ? repository_.PackagedIds() : options_.ids) {
+			const std::string directory = repository_.PackageDirectory(id);
 			TakePackages(id);
-			TakeLeftovers(repository_.PackageDirectory(id));
+			TakeLeftovers(directory);
+			TakeLeftovers(WithdrawnDirectory(directory));
 		}
 		const std::string& root = repository_.Directory();
 		for (const std::string& directory : {root, root + "/packages", root + "/database_info"}) {
@@ -65,7 +67,7 @@ private:
 			observer_.warn(sentence);
 			return;
 		}
-		const NeededPackages needed(entries, files);
+		const NeededPackages needed(id, entries, files);
 		for (const PackageFile& file : files) {
 			const std::string place = repository_.Directory() + "/" + Repository::NameOf(id, file);
 			if (file.path == place && !needed.IsNeeded(file) && fs::is_regular_file(fs::symlink_status(file.path))) {
@@ -73,9 +75,7 @@ private:
 			}
 		}
 		for (const PackageFile& file : PackagesIn(WithdrawnDirectory(repository_.PackageDirectory(id)), id)) {
-			if (SizeOf(file.path) > 0) { // Else the mark of a withdrawal that is to be finished.
-				Take(file.path);
-			}
+			Take(file.path);
 		}
 	}
 
@@ -108,7 +108,9 @@ private:
 
 } // namespace
 
-NeededPackages::NeededPackages(const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files) {
+NeededPackages::NeededPackages(
+    const std::string& id, const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files)
+    : id_(id) {
 	for (const auto& [name, entry] : entries) {
 		Take(entry);
 		int below = -1;
@@ -123,19 +125,23 @@ NeededPackages::NeededPackages(const std::map<std::string, Entry>& entries, cons
 
 void NeededPackages::Take(const Entry& entry) {
 	highest_ = std::max(highest_, entry.data_version);
-	named_.insert(entry.data_version);
+	named_.insert(Repository::PackageName(id_, entry.data_version));
 	for (const auto& [version, file] : entry.diff_files) {
-		diffs_.insert(version);
+		named_.insert(Repository::DiffName(id_, version, file));
 		full_.insert({version - 1, version});
 	}
 }
 
 bool NeededPackages::IsNamed(const PackageFile& file) const {
-	return (file.is_diff ? diffs_ : named_).count(file.data_version) > 0;
+	return named_.count(Repository::NameOf(id_, file)) > 0;
+}
+
+bool NeededPackages::IsAboveAll(const PackageFile& file) const {
+	return std::max(file.data_version, file.withdrawal) > highest_;
 }
 
 bool NeededPackages::IsNeeded(const PackageFile& file) const {
-	return IsNamed(file) || file.data_version > highest_ || (!file.is_diff && full_.count(file.data_version) > 0);
+	return IsNamed(file) || IsAboveAll(file) || (!file.is_diff && full_.count(file.data_version) > 0);
 }
 
 PruneResult Prune(const PruneOptions& options, const PublishObserver& observer) {

@@ -22,28 +22,31 @@ namespace tarn::publisher {
  *   and tried;
  * - the full package below each document's newest version, which devices may still ask for that have the document of an
  *   hour ago;
- * - everything above the highest version that a document names: its number is taken, and why it is there is unknown.
+ * - everything of a version above the highest that a document names: its number is taken, and why it is there is
+ *   unknown. An empty diff package is of the withdrawal that made it.
  */
 class NeededPackages {
 public:
 	/**
+	 * @param id       of the database
 	 * @param entries  of all documents, by their names; not empty
 	 * @param files    the packages that are there
 	 */
-	NeededPackages(const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files);
+	NeededPackages(
+	    const std::string& id, const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files);
 
 	[[nodiscard]] bool IsNeeded(const PackageFile& file) const;
 	/** Whether a document names the package. */
 	[[nodiscard]] bool IsNamed(const PackageFile& file) const;
-	/** The highest version that a document names. */
-	int Highest() const { return highest_; }
+	/** Whether the package is of a version above the highest that a document names. */
+	[[nodiscard]] bool IsAboveAll(const PackageFile& file) const;
 
 private:
 	void Take(const Entry& entry);
 
-	std::set<int> diffs_; // that documents name
-	std::set<int> named_; // of full packages, that documents name
-	std::set<int> full_;  // of full packages that are needed besides
+	std::string id_;
+	std::set<std::string> named_; // by what the packages are called
+	std::set<int> full_;          // versions of full packages that are needed besides
 	int highest_ = -1;
 };
 

@@ -193,10 +193,14 @@ void Repository::RemoveUnnamedDiffs(const std::string& id, const std::optional<i
 
 void Repository::RetireWithdrawn(const std::string& id) const {
 	std::set<std::string> offered;
+	std::optional<int> newest;
 	for (const auto& [name, entry] : EntriesOf(id)) {
 		offered.insert(fs::path(PackageName(id, entry.data_version)).filename().string());
+		newest = std::max(newest.value_or(-1), entry.data_version);
 	}
-	MoveWithdrawn(PackageDirectory(id), offered);
+	if (newest) { // Else the documents are lost, and which withdrawals were published is unknown.
+		MoveWithdrawn(PackageDirectory(id), offered, *newest);
+	}
 }
 
 void Repository::Clean(const std::string& id, const std::optional<int>& spared) const {

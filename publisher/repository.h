@@ -83,7 +83,8 @@ public:
 
 	/**
 	 * Removes what killed publishers left, and diff packages that no document names. Takes full packages out of service
-	 * that were withdrawn and that no document names.
+	 * that were withdrawn and that no document names. A publisher calls it before and after its document, see
+	 * MoveWithdrawn().
 	 *
 	 * @param spared  a version whose diff package stays
 	 */

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -91,11 +92,21 @@ private:
 				in_place.insert(file.path);
 			}
 		}
+		const std::string withdrawn = WithdrawnDirectory(directory.string());
+		ListLeftoversIn(withdrawn);
 		for (const fs::path& path : PathsIn(directory.string())) {
-			const bool is_withdrawn = path.string() == WithdrawnDirectory(directory.string());
+			const bool is_withdrawn = path.string() == withdrawn;
 			if (in_place.count(path.string()) == 0 && !is_withdrawn) {
 				(IsTemporary(path) ? result_.leftovers : result_.strangers).push_back(path.string());
 			}
+		}
+	}
+
+	/** Only its owner may enter the directory, so that for a monitor of another user nothing lies there. */
+	void ListLeftoversIn(const std::string& withdrawn) {
+		if (access(withdrawn.c_str(), R_OK | X_OK) == 0 || errno != EACCES) {
+			const std::vector<std::string> leftovers = Leftovers(withdrawn);
+			result_.leftovers.insert(result_.leftovers.end(), leftovers.begin(), leftovers.end());
 		}
 	}
 

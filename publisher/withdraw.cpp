@@ -215,7 +215,7 @@ private:
 		}
 		for (const PackageFile& file : repository_.Packages(options_.id)) {
 			if (file.data_version > result_.restored && file.data_version <= result_.withdrawn && IsOfFormat(file)) {
-				MarkWithdrawn(file.path);
+				MarkWithdrawn(file.path, Version());
 			}
 		}
 		repository_.RememberUrl(options_.url);
@@ -256,7 +256,6 @@ private:
 
 WithdrawResult Withdraw(
     PublishOptions options, const std::optional<std::int64_t>& to, const PublishObserver& observer) {
-	options.data_version.reset();
 	RequireRepository(options.repository);
 	CheckWord("--id", options.id);
 	CheckWord("--db-version", options.db_version);

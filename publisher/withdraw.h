@@ -21,7 +21,8 @@ struct WithdrawResult {
  * packages give way to empty ones, their full packages are kept where no server finds them. Nothing else is promised
  * differently than by Publish(), also not when the publisher is killed.
  *
- * @param options  without a tree; an empty URL stands for that of the last publication
+ * @param options  without a tree; an empty URL stands for that of the last publication. A version that is not the next
+ *                 has no diff packages
  * @param to       the version whose content comes back; by default the version before the newest. After a withdrawal
  *                 there is no default, so that a command that is given twice does not bring the bad version back
  * @throws UsageError for a value that can never work; PublishError, or the archive's Error, otherwise

@@ -13,20 +13,26 @@ std::string WithdrawnPath(const std::string& package);
 /**
  * Marks a full package as withdrawn. It stays in its place, because a document still names it; MoveWithdrawn() takes it
  * away when no document does, also after the publisher was killed in between. Throws PublishError.
+ *
+ * @param withdrawal  the version that brings an earlier content back
  */
-void MarkWithdrawn(const std::string& package);
+void MarkWithdrawn(const std::string& package, int withdrawal);
 
 /** Where withdrawn packages of a database's directory are kept; its name begins with a dot, so nobody serves it. */
 std::string WithdrawnDirectory(const std::string& directory);
 
 /**
- * Moves the marked packages of a directory to where they are kept. Removes the marks of those that are still offered: a
- * publisher was killed before its document.
+ * Moves the marked packages of a directory to where they are kept. A package that is still offered stays with its mark:
+ * another channel has yet to move on.
+ *
+ * A mark above the newest version is removed: the publisher was killed before its document. Whoever publishes calls
+ * this before the document, so that a later version never makes such a mark look like that of a withdrawal that was.
  *
  * @param offered  the names of full packages that documents name, without directories
+ * @param newest   the highest version that a document names
  * @throws PublishError
  */
-void MoveWithdrawn(const std::string& directory, const std::set<std::string>& offered);
+void MoveWithdrawn(const std::string& directory, const std::set<std::string>& offered, int newest);
 
 } // namespace tarn::publisher
 

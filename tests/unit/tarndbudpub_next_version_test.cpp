@@ -134,7 +134,7 @@ TEST_F(KilledBeforeItsDocument, IsFollowedByOneThatMakesTheSamePackage) {
 TEST_F(KilledBeforeItsDocument, LeavesAPackageThatNoOtherTreeReplaces) {
 	Put("text", "another three");
 	ExpectRefused("The package " + Package(3) + " is there already, with another content than this tree makes");
-	EXPECT_THAT(PublishError(), HasSubstr("Publish with --data-version 4, or remove it when it was never served."));
+	EXPECT_THAT(PublishError(), HasSubstr("Go past it by --data-version 4, or remove it when it was never served."));
 	EXPECT_EQ(ReadFile(Package(3)), package_);
 	options_.data_version = 4;
 	EXPECT_EQ(Publish().data_version, 4);

@@ -242,20 +242,21 @@ TEST_F(KilledWithdrawing, LeavesAWholeStateAtEveryStep) {
 
 TEST_F(KilledWithdrawing, IsFinishedByTheNextPublisher) {
 	fs::rename(Hidden(3), Package(3)); // as between the document and the last step
-	WriteFile(Hidden(3), "");
+	WriteFile(Hidden(3) + ".by4", "");
 	Put("list", "next");
 	Publish();
 	EXPECT_FALSE(fs::exists(Package(3)));
-	EXPECT_GT(fs::file_size(Hidden(3)), 0U);
+	EXPECT_TRUE(fs::exists(Hidden(3)));
+	EXPECT_FALSE(fs::exists(Hidden(3) + ".by4"));
 }
 
 TEST_F(KilledWithdrawing, TakesNoPackageAwayThatIsStillOffered) {
 	BeginAgain();
-	publisher::MarkWithdrawn(Package(3)); // as between the packages and the document
+	publisher::MarkWithdrawn(Package(3), 4); // as between the packages and the document
 	Put("list", "next");
 	Publish();
-	EXPECT_TRUE(fs::exists(Package(3)));
-	EXPECT_FALSE(fs::exists(Hidden(3)));
+	EXPECT_TRUE(fs::exists(Package(3))) << "version 4 is another";
+	EXPECT_TRUE(fs::is_empty(fs::path(Hidden(3)).parent_path()));
 }
 
 TEST_F(KilledWithdrawing, LeavesAWholeStateAtAnyMoment) {
