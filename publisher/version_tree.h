@@ -26,7 +26,8 @@ struct VersionTree {
 
 /**
  * Makes a version's tree in a work directory: from its full package, or from the nearest full package below it and the
- * diff packages in between, which are applied as devices do.
+ * diff packages in between, which are applied as devices do. Through the empty packages of a withdrawal the tree does
+ * not change; so the content of a withdrawn version is known from its kept full package only.
  *
  * @param name     of the directory that is made for the tree
  * @param earlier  name of a tree in the work directory whose files may get second names: write to neither; or empty

@@ -1,4 +1,5 @@
 // What a withdrawal leaves in a repository: marks and full packages of withdrawn versions, and emptied diff packages.
+#include "publisher/changes.h"
 #include "publisher/channels.h"
 #include "publisher/check_repository.h"
 #include "publisher/command_line.h"
@@ -333,6 +334,80 @@ TEST_F(CareAfterWithdrawing, NeedsNoRightToReadWithdrawnPackages) {
 		GTEST_SKIP() << "this namespace has one user only";
 	}
 	EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+/** What changes tells where full packages are missing. The file "list" has 4, 6 and 3 bytes in versions 1 to 3. */
+class ChangesAcrossWithdrawals : public WithdrawnPackages {
+protected:
+	/** The sizes of changed files, or what is thrown. */
+	std::string Changes(int from, int to) {
+		publisher::ChangesOptions options;
+		options.repository = options_.repository;
+		options.id = "db";
+		options.keys = {PublicKey()};
+		options.from = from;
+		options.to = to;
+		try {
+			std::string text;
+			for (const publisher::FileChange& file : publisher::FindChanges(options, observer_).files) {
+				text += file.name + " " + std::to_string(file.before.value().size) + " " +
+				        std::to_string(file.after.value().size);
+			}
+			return text;
+		} catch (const publisher::PublishError& error) {
+			return error.what();
+		}
+	}
+};
+
+TEST_F(ChangesAcrossWithdrawals, FollowEmptiedLinks) {
+	Withdraw();
+	EXPECT_EQ(Changes(1, 4), "list 4 6");
+	fs::remove(Package(4));
+	EXPECT_EQ(Changes(1, 4), "list 4 6") << "from the kept package of version 3";
+	EXPECT_EQ(Changes(2, 3), "list 6 3");
+	fs::remove(Hidden(3));
+	EXPECT_EQ(Changes(1, 4), "list 4 6") << "from the package of version 2";
+	EXPECT_EQ(Changes(2, 4), "");
+}
+
+TEST_F(ChangesAcrossWithdrawals, KnowAWithdrawnVersionByItsFullPackageOnly) {
+	Withdraw();
+	fs::remove(Hidden(3));
+	EXPECT_EQ(Changes(2, 3), "Version 3 of db cannot be made from the packages that are kept: neither " + Package(3) +
+	                             " nor " + Diff(3) + " is there: version 4 has withdrawn it.");
+}
+
+TEST_F(ChangesAcrossWithdrawals, TakeThePackageThatAnotherChannelKeeps) {
+	Promote("1", "canary");
+	Withdraw(2);
+	fs::remove(Package(3));
+	fs::remove(Package(4));
+	EXPECT_EQ(Changes(2, 3), "list 6 3");
+	EXPECT_EQ(Changes(2, 4), "");
+	EXPECT_EQ(Changes(3, 4), "list 3 6");
+}
+
+TEST_F(ChangesAcrossWithdrawals, FollowAWithdrawalOfAWithdrawal) {
+	Withdraw();
+	Withdraw(3);
+	for (const std::string& package : {Hidden(3), Hidden(4), Package(5)}) {
+		ASSERT_TRUE(fs::remove(package)) << package;
+	}
+	EXPECT_EQ(Changes(2, 5), "list 6 3");
+	EXPECT_THAT(Changes(2, 4), HasSubstr(" is there: version 5 has withdrawn it."));
+}
+
+/** As where somebody has lost a package: what is left of the new chain does not fit the old one. */
+TEST_F(ChangesAcrossWithdrawals, MixNoChains) {
+	PublishAs("worse");
+	const std::string old = ReadFile(Diff(4));
+	Withdraw(2);
+	WriteFile(Diff(4), old);
+	for (const std::string& package : {Hidden(3), Hidden(4), Package(5), Directory() + "/db_d4w5.tarn"}) {
+		ASSERT_TRUE(fs::remove(package)) << package;
+	}
+	EXPECT_THAT(Changes(2, 5), HasSubstr(Diff(3) + " is there: version 5 has withdrawn it."));
 }
 
 } // namespace
