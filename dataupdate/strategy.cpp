@@ -6,6 +6,8 @@
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/replacement_scope.h"
+#include "dataupdate/internal/staged_tree.h"
+#include "dataupdate/internal/staging.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -18,7 +20,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <memory>
+#include <string_view>
 
 namespace tarn::dataupdate {
 
@@ -37,10 +42,25 @@ using Archive = std::unique_ptr<tarnarchive, ArchiveCloser>;
 	throw UpdateError(operation + tarball + " failed, ret: 0");
 }
 
+bool IsVersion(std::string_view text) {
+	const std::string_view digits = text.substr(text.rfind('-', 0) == 0 ? 1 : 0); // A server may name any number.
+	return !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 } // namespace
 
 std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix) {
 	return TempDirPath(volume) + "/" + id + "_" + suffix;
+}
+
+bool IsTempSuffix(std::string_view suffix) {
+	static constexpr std::array<std::string_view, 7> kNames = {
+	    kUnpacked, kStaged, kReplaced, kAccumulated, kChecked, kChanges, kForced};
+	static constexpr std::array<std::string_view, 3> kNumbered = {kFullPackage, kDiffPackage, kDelta};
+	return std::find(kNames.begin(), kNames.end(), suffix) != kNames.end() ||
+	       std::any_of(kNumbered.begin(), kNumbered.end(), [&](std::string_view name) {
+		       return suffix.substr(0, name.size()) == name && IsVersion(suffix.substr(name.size()));
+	       });
 }
 
 void MakeEmptyDirectory(const std::string& path) {
@@ -147,7 +167,7 @@ ForceInstallByLink::~ForceInstallByLink() {
 
 void ForceInstallByLink::PrepareUpdate() {
 	const IOUtils io;
-	package_path_ = TempPath(temp_base_, id_, "debug");
+	package_path_ = TempPath(temp_base_, id_, kForced);
 	io.TarnMkdir(TempDirPath(temp_base_));
 	RemoveLink(package_path_);
 	io.Download(package_path_, link_);

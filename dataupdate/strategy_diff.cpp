@@ -206,8 +206,8 @@ bool DiffStrategy::_IsDiffUpdateAvailable() const {
 void DiffStrategy::_DoDiffUpdateTo(int version) {
 	const DiffInfo& diff = diffs_.at(version);
 	const std::string number = std::to_string(version);
-	const std::string package = package_files_[version] = TempPath(temp_base_, id_, "d" + number);
-	const std::string directory = delta_directories_[version] = TempPath(temp_base_, id_, "delta_" + number);
+	const std::string package = package_files_[version] = TempPath(temp_base_, id_, kDiffPackage + number);
+	const std::string directory = delta_directories_[version] = TempPath(temp_base_, id_, kDelta + number);
 	const IOUtils io;
 	MakeEmptyDirectory(directory);
 	RemoveLink(package);

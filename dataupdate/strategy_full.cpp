@@ -45,8 +45,6 @@ private:
 	fs::path canonical_directory_;
 };
 
-constexpr char kUnpacked[] = "full";
-
 } // namespace
 
 FullStrategy::FullStrategy(const std::string& id, const RemoteInfo& remote, const std::string& volume,
@@ -74,7 +72,7 @@ void FullStrategy::PrepareUpdate() {
 	for (const char* suffix : {kUnpacked, kStaged, kReplaced, kAccumulated, kChecked, kChanges}) {
 		io.RmRf(TempPath(temp_base_, id_, suffix));
 	}
-	package_path_ = TempPath(temp_base_, id_, "v" + std::to_string(remote_.data_version));
+	package_path_ = TempPath(temp_base_, id_, kFullPackage + std::to_string(remote_.data_version));
 	io.TarnMkdir(TempDirPath(temp_base_));
 	RemoveLink(package_path_);
 	io.Download(package_path_, remote_.download_link);

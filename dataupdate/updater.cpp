@@ -195,6 +195,10 @@ std::optional<int> FindPreparedReplacement(
 	return plan ? std::optional(plan->version.data_version) : std::nullopt;
 }
 
+std::optional<int> FindUnfinishedVersion(const std::string& id) {
+	return MayBeAMixture(id) ? ReadPlannedVersion(id) : std::nullopt;
+}
+
 UpdateResult FinishReplacement(const std::string& id, const std::string& volume, const std::string& install_prefix) {
 	std::optional<ReplacementPlan> plan = FindWholePlan(id, volume, install_prefix);
 	if (!plan) {

@@ -150,6 +150,12 @@ public:
     const std::string& id, const std::string& volume, const std::string& install_prefix);
 
 /**
+ * The version that an unfinished replacement was bringing, whether or not it can still be finished. None when no
+ * replacement is unfinished, or when it left nothing that tells.
+ */
+[[nodiscard]] TARNDBUD_EXPORT std::optional<int> FindUnfinishedVersion(const std::string& id);
+
+/**
  * Finishes that replacement, between the hooks and under the readers' lock, without asking the server. The files come
  * from packages whose signatures the killed process had checked. Hold the database's update lock; record the result.
  * Throws UpdateError "What was prepared for <id> is no longer whole", and what ApplyUpdate() of the strategies throws.

@@ -1,5 +1,6 @@
 #include "dataupdate/internal/planned_strategy.h"
 
+#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/internal/activity.h"
@@ -39,7 +40,7 @@ void ClearPrepared(const std::string& volume, const std::string& id) {
 	IOUtils().IterateDirectory(
 	    TempDirPath(volume),
 	    [&own](const std::string& entry) {
-		    if (entry.compare(0, own.size(), own) == 0) {
+		    if (StartsWith(entry, own) && IsTempSuffix(std::string_view(entry).substr(own.size()))) {
 			    ClearTmpData(entry);
 		    }
 	    },
@@ -79,7 +80,7 @@ PlannedStrategy::~PlannedStrategy() {
 }
 
 void PlannedStrategy::PrepareUpdate() {
-	const char* const kind = plan_.version.is_full ? "v" : "d";
+	const std::string kind = plan_.version.is_full ? kFullPackage : kDiffPackage;
 	NotePackage(TempPath(plan_.version.volume, id_, kind + std::to_string(plan_.version.data_version)));
 }
 

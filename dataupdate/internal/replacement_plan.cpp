@@ -29,6 +29,7 @@ constexpr char kDiff[] = "diff";
 constexpr mode_t kPrivate = 0600;
 constexpr std::size_t kMostBytes = 1UL << 30;
 constexpr std::size_t kPiece = 1UL << 16;
+constexpr std::size_t kBeginning = 256;
 
 std::string PlanPath(const std::string& id) {
 	return StatePath(id, "replacement");
@@ -176,6 +177,19 @@ std::optional<ReplacementPlan> ReadPlan(const std::string& id) {
 		return ReadFields(ReadSmallFile(file.Get(), kMostBytes, path));
 	} catch (const Error&) {
 		return std::nullopt; // Nothing was prepared, or a file of another form lies there: either way nothing to use.
+	}
+}
+
+std::optional<int> ReadPlannedVersion(const std::string& id) {
+	try {
+		const UniqueFd file = OpenRegularFile(AT_FDCWD, PlanPath(id));
+		std::array<char, kBeginning> text{};
+		const ssize_t size = ReadAllAt(file.Get(), text.data(), text.size(), 0);
+		FieldReader reader(std::string_view(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0));
+		reader.Next(); // Of whichever start of the system.
+		return reader.NextNumber();
+	} catch (const Error&) {
+		return std::nullopt;
 	}
 }
 

@@ -69,6 +69,9 @@ private:
 /** The plan; none where there is none that was written since the system started. Throws nothing but std::bad_alloc. */
 [[nodiscard]] std::optional<ReplacementPlan> ReadPlan(const std::string& id);
 
+/** The version of a plan that may be of no use any more; none where no plan can be read. Throws likewise. */
+[[nodiscard]] std::optional<int> ReadPlannedVersion(const std::string& id);
+
 /** Removes it; a failure other than that there is none is logged at LOG_ERR. */
 void RemovePlan(const std::string& id) noexcept;
 

@@ -4,17 +4,29 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace tarn::dataupdate {
 
+/** Ends the name of the directory that a full package is unpacked to. */
+constexpr char kUnpacked[] = "full";
 /** Ends the name of the directory with a diff update's working copies, and what the update replaced. */
 constexpr char kAccumulated[] = "sum";
+/** With the version behind it, ends the names of a full package, a diff package, and what the latter is unpacked to. */
+constexpr char kFullPackage[] = "v";
+constexpr char kDiffPackage[] = "d";
+constexpr char kDelta[] = "delta_";
+/** Ends the name of a package that is installed by force. */
+constexpr char kForced[] = "debug";
 /** Ends the names of what checking hooks look at: a diff update's files under their names, and the list of changes. */
 constexpr char kChecked[] = "check";
 constexpr char kChanges[] = "changes";
 
 /** A name of a database's own in the temporary area: "<area>/<id>_<suffix>". */
 std::string TempPath(const std::string& volume, const std::string& id, const std::string& suffix);
+
+/** Whether a strategy gives names this suffix: "geo_city_sum" is a name of "geo_city", and none of "geo". */
+bool IsTempSuffix(std::string_view suffix);
 
 /**
  * Makes a directory, with missing parents, in which nothing is, so that nothing of a killed run is unpacked over,

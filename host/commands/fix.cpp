@@ -1,24 +1,40 @@
+#include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
+#include "host/commands/operation.h"
 #include "host/commands/report.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
-#include "host/library/record_keeper.h"
+#include "host/library/rejection.h"
 
 #include <CLI/CLI.hpp>
 
 #include <string>
+#include <utility>
 
 namespace tarn::ctl {
 
 namespace {
+
+Outcome Reinstall(const Services& services, const std::string& id) {
+	try {
+		return FixDatabase(services, id);
+	} catch (const dataupdate::UpdateError& error) {
+		const bool is_refused = CategoryOf(error.what()) == Category::kRefusedByCheck;
+		const std::string way_out = is_refused ? WayOutOfRefusal(services, id) : "";
+		if (way_out.empty()) {
+			throw;
+		}
+		throw CommandError(kRefusedHere, ExplainException(*services.io).sentence + way_out);
+	}
+}
 
 ExitCode Fix(const Services& services, Report& report, const std::string& id) {
 	services.config->CheckSupported(id);
 	// The library would put temporary data beside the root directory.
 	RequireVolumeFor(services, id);
 	Outcome outcome;
-	const ExitCode code = RunRecorded(services, id, "fix", [&] {
-		outcome = FixDatabase(services, id);
+	const ExitCode code = RunOperation(services, report, id, "fix", [&] {
+		outcome = Reinstall(services, id);
 		return kDone;
 	});
 	const std::string version = "version " + std::to_string(outcome.Version());
@@ -27,8 +43,9 @@ ExitCode Fix(const Services& services, Report& report, const std::string& id) {
 		return code;
 	}
 	const bool is_new = outcome.before == -1;
-	report.Tell(id, (is_new ? "installed " : "repaired, now ") + version,
-	    MakeResult(is_new ? "installed" : "repaired", outcome.Version()));
+	Json::Value result = MakeResult(is_new ? "installed" : "repaired", outcome.Version());
+	AddWayBack(outcome, result);
+	report.Tell(id, (is_new ? "installed " : "repaired, now ") + version + DescribeWayBack(outcome), std::move(result));
 	return code;
 }
 

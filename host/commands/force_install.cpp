@@ -1,9 +1,9 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
+#include "host/commands/operation.h"
 #include "host/commands/report.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
-#include "host/library/record_keeper.h"
 
 #include <CLI/CLI.hpp>
 
@@ -56,7 +56,7 @@ ExitCode Run(const Services& services, const Options& options) {
 	Report report(services, options);
 	return report.Run([&] {
 		Outcome outcome;
-		const ExitCode code = RunRecorded(services, options.id, "force-install", [&] {
+		const ExitCode code = RunOperation(services, report, options.id, "force-install", [&] {
 			outcome = Install(services, options, target);
 			return kDone;
 		});

@@ -5,6 +5,7 @@
 #include "host/commands/watch.h"
 #include "host/library/hold.h"
 #include "host/library/installed_package.h"
+#include "host/library/operation.h"
 #include "host/library/preparation.h"
 #include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
@@ -96,9 +97,22 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	return row;
 }
 
+bool OffersRefused(const StatusRow& row) {
+	return row.refused_version && row.refused_version == row.remote_version;
+}
+
+/** What is ready is finished whatever the server offers. */
+std::string WayOutOfMixture(const Services& services, const StatusRow& row) {
+	const std::string way_out =
+	    OffersRefused(row) && !FindPrepared(services, row.id) ? WayOutOfRefusal(services, row.id) : "";
+	return way_out.empty() ? " The last replacement of its files was not finished; \"tarndbudctl update\" or "
+	                         "\"tarndbudctl fix\" installs it anew."
+	                       : way_out;
+}
+
 void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 	for (const StatusRow& row : rows) {
-		if (row.refused_version && row.refused_version == row.remote_version) {
+		if (OffersRefused(row)) {
 			services.terminal.Complain(
 			    row.id + ": Version " + std::to_string(*row.refused_version) +
 			    " was refused by a check of this machine, so no update installs it; \"tarndbudctl "
@@ -106,8 +120,7 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 			    row.id + " --retry-refused\" asks the check again.");
 		}
 		if (row.unfinished && !row.updating) {
-			services.terminal.Complain(row.id + ": The last replacement of its files was not finished; \"tarndbudctl "
-			                                    "update\" or \"tarndbudctl fix\" installs it anew.");
+			services.terminal.Complain(row.id + ":" + WayOutOfMixture(services, row));
 		}
 	}
 	if (!rows.front().volume_problem.empty()) {

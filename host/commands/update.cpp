@@ -4,11 +4,13 @@
 #include "dataupdate/installation.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
+#include "host/commands/operation.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
 #include "host/library/hold.h"
 #include "host/library/preparation.h"
 #include "host/library/record_keeper.h"
+#include "host/library/rejection.h"
 
 #include <CLI/CLI.hpp>
 
@@ -42,24 +44,20 @@ std::string DescribeSaving(const Outcome& outcome) {
 
 std::string DescribeChange(const Outcome& outcome) {
 	const std::string version = "version " + std::to_string(outcome.Version());
-	if (outcome.is_finished) {
-		return "finished the update to " + version + " that was killed";
-	}
 	if (outcome.goes_back) {
 		return "went back from version " + std::to_string(outcome.before) + " to " + version;
 	}
 	if (VersionBefore(outcome) != -1) {
 		return "updated from version " + std::to_string(outcome.before) + " to " + version;
 	}
-	return (outcome.was_unfinished ? "reinstalled " : "installed ") + version;
+	return (outcome.was_unfinished ? "reinstalled " : "installed ") + version + DescribeWayBack(outcome);
 }
 
 Json::Value ChangeToJson(const Outcome& outcome) {
-	if (outcome.is_finished) {
-		return MakeResult("finished", outcome.Version());
-	}
 	if (VersionBefore(outcome) == -1 && !outcome.goes_back) {
-		return MakeResult(outcome.was_unfinished ? "reinstalled" : "installed", outcome.Version());
+		Json::Value result = MakeResult(outcome.was_unfinished ? "reinstalled" : "installed", outcome.Version());
+		AddWayBack(outcome, result);
+		return result;
 	}
 	Json::Value result = MakeResult(outcome.goes_back ? "went back" : "updated", outcome.Version());
 	result["previous_version"] = outcome.before;
@@ -97,8 +95,8 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 	if (outcome.refusal) {
 		return outcome.refusal->Code();
 	}
-	const int before = outcome.is_finished ? outcome.Version() : VersionBefore(outcome);
-	if ((outcome.installed && !outcome.is_finished) || outcome.offered == before) {
+	const int before = VersionBefore(outcome);
+	if (outcome.installed || outcome.offered == before) {
 		return kDone;
 	}
 	if (outcome.offered < before) {
@@ -205,7 +203,7 @@ ExitCode InstallOffered(const Services& services, Report& report, const std::str
 	}
 	Outcome outcome;
 	Failure by_check; // By a check of this machine; the other databases are no worse for it.
-	const ExitCode code = RunRecorded(services, id, offerer.operation, [&] {
+	const ExitCode code = RunOperation(services, report, id, offerer.operation, [&] {
 		RequireNoLostVolume(services);
 		RequireSafePlaces(services, id);
 		try {
@@ -215,6 +213,7 @@ ExitCode InstallOffered(const Services& services, Report& report, const std::str
 				throw;
 			}
 			by_check = ExplainException(*services.io);
+			by_check.sentence += WayOutOfRefusal(services, id);
 			RecordFailure(id, offerer.operation, by_check);
 			return kRefusedHere;
 		}

@@ -12,6 +12,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <utility>
@@ -219,6 +220,7 @@ DatabaseStatus Operation::ReadStatus() {
 	DatabaseStatus status = WithoutFiles(record.data_version, record.last_fetch_time);
 	outcome_.before = status.data_version;
 	outcome_.was_unfinished = dataupdate::IsReplacementMarked(id_);
+	latest_ = std::max(outcome_.before, dataupdate::FindUnfinishedVersion(id_).value_or(-1));
 	if (older_ == Older::kInstalled && services_.info->GetRemoteInfo(id_).data_version < outcome_.before) {
 		outcome_.goes_back = true;
 		status.data_version = -1; // For which the library takes any version, by its full package.
@@ -231,6 +233,16 @@ DatabaseStatus Operation::ReadStatus() {
 		}
 	}
 	return status;
+}
+
+void Operation::TellWayBack() {
+	const bool is_meant =
+	    change_ == Change::kFinish || change_ == Change::kForced || outcome_.goes_back || outcome_.held_at;
+	if (!is_meant && *outcome_.installed < latest_) {
+		outcome_.back_from = latest_;
+		syslog(LOG_WARNING, "%s went back to version %d, though version %d was installed or half installed",
+		    id_.c_str(), *outcome_.installed, latest_);
+	}
 }
 
 /**
@@ -249,6 +261,7 @@ void Operation::RecordStatus(InstalledRecord record) {
 	ForgetInstalledPackage(id_);
 	WriteInstalled(services_, id_, record);
 	outcome_.installed = record.data_version;
+	TellWayBack();
 	ForgetRejection(id_, record.data_version);
 	const std::optional<OpenedPackage> package = packages_.Last(id_);
 	if (package && package->data_version == record.data_version) {

@@ -21,12 +21,13 @@ namespace tarn::ctl {
 struct Outcome {
 	int Version() const { return installed.value_or(before); }
 
-	int before = -1;                ///< The recorded version when the operation had its locks; -1 for none.
-	bool was_unfinished = false;    ///< Whether its files were half replaced, so that it is treated as not installed.
-	int offered = -1;               ///< The server's version; -1 when the server was not asked.
-	bool goes_back = false;         ///< Whether an older version than the recorded one is to be installed.
-	std::optional<int> installed;   ///< The version that was installed and recorded; none when nothing was changed.
-	bool is_finished = false;       ///< Whether that was prepared by a run that was killed, and is all that was done.
+	int before = -1;              ///< The recorded version when the operation had its locks; -1 for none.
+	bool was_unfinished = false;  ///< Whether its files were half replaced, so that it is treated as not installed.
+	int offered = -1;             ///< The server's version; -1 when the server was not asked.
+	bool goes_back = false;       ///< Whether an older version than the recorded one is to be installed.
+	std::optional<int> installed; ///< The version that was installed and recorded; none when nothing was changed.
+	/** The latest version that was there, at least in part, when an older one was installed that nobody asked for. */
+	std::optional<int> back_from;
 	std::optional<int> held_at;     ///< "fix": the version that was to be installed instead of the server's.
 	std::optional<Refusal> refusal; ///< Why nothing newer was installed though it is offered; none for any other end.
 	std::uint64_t downloaded_bytes = 0; ///< By an update, packages only.
@@ -40,12 +41,21 @@ enum class RefusedVersion {
 	kRetry, ///< The check is asked again.
 };
 
+/** Learns of each database whose replacement was finished, and by which version. */
+using NoteFinished = std::function<void(const std::string& id, int version)>;
+
 /**
- * Installs the server's version if it is newer, not held back, and within the budget. Throws what the library throws.
+ * Finishes the replacements that were killed, of all configured databases, from what they had prepared, where that is
+ * whole and no hold is in the way: a database is then of one version again even if the server does not answer. To be
+ * called before every operation on whichever database, because an update by diff packages and a forced installation
+ * clear the temporary area of all.
  *
- * This and FixDatabase() first finish a replacement that was killed, from what it had prepared, where that is whole and
- * no hold is in the way: the database is then of one version again even if the server does not answer.
+ * A failure is logged, and what was prepared is given up for lost. Throws CommandError with kLocked when a replacement
+ * can be finished later, and what the library throws when the program was asked to end.
  */
+void FinishPrepared(const Services& services, const NoteFinished& note);
+
+/** Installs the server's version if it is newer, not held back and within the budget. Throws the library's errors. */
 [[nodiscard]] Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget = {},
     RefusedVersion refused = RefusedVersion::kLeave);
 /**
@@ -137,6 +147,8 @@ private:
 	Situation Found() const { return {outcome_.before, outcome_.was_unfinished, outcome_.offered}; }
 	dataupdate::DatabaseStatus ReadStatus();
 	void LookBack();
+	/** Notes and logs that an older version was installed, which only an unfinished or damaged one gives way to. */
+	void TellWayBack();
 	void RecordStatus(dataupdate::InstalledRecord record);
 	void KeepRecord(dataupdate::InstalledRecord record);
 
@@ -149,6 +161,7 @@ private:
 	Older older_ = Older::kAsTheLibraryDoes;
 	RecordKeeper record_;
 	OpenedPackages packages_;
+	int latest_ = -1; // of the versions whose files may be there
 	dataupdate::UpdateResult update_;
 	Outcome outcome_;
 	RefusedVersion refused_ = RefusedVersion::kLeave;

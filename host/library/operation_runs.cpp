@@ -1,3 +1,4 @@
+#include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
@@ -21,33 +22,35 @@ void RequirePlaces(const Services& services, const std::string& id) {
 	RequireSafePlaces(services, id);
 }
 
-/** Finishes what a killed run had prepared. Without success the operation that follows does what it would have done. */
-Outcome Finish(const Services& services, const std::string& id, const Operation::CheckVolume& check_volume) {
+/** The version that is installed then; none when there was nothing to finish. */
+std::optional<int> Finish(const Services& services, const std::string& id) {
+	if (!FindPrepared(services, id)) {
+		return std::nullopt;
+	}
+	Operation operation(services, id, Change::kFinish, [&] { RequireVolumeFor(services, id); });
+	operation.Front().UpdateProject(id);
+	return operation.Result().installed;
+}
+
+/** Without success the operation that follows does what it would have done. */
+std::optional<int> TryToFinish(const Services& services, const std::string& id) {
 	try {
-		if (FindPrepared(services, id)) {
-			Operation operation(services, id, Change::kFinish, check_volume);
-			operation.Front().UpdateProject(id);
-			return operation.Result();
-		}
+		return dataupdate::MayBeAMixture(id) ? Finish(services, id) : std::nullopt;
 	} catch (const std::exception& error) {
-		// Whoever holds the lock would hold up the operation that follows as well.
-		if (dataupdate::IsInterruptionRequested() || CategoryOf(error.what()) == Category::kLocked) {
+		if (dataupdate::IsInterruptionRequested()) {
 			throw;
+		}
+		// Whatever follows would clear away what is ready, and a later try is likely to succeed.
+		if (CategoryOf(error.what()) == Category::kLocked) {
+			throw CommandError(kLocked, "The replacement of the files of " + id +
+			                                " that was killed has to be finished first, and a lock was not obtained in "
+			                                "time (" +
+			                                error.what() + "); try later");
 		}
 		syslog(
 		    LOG_WARNING, "The replacement of '%s' that was killed could not be finished: %s", id.c_str(), error.what());
 	}
-	return {};
-}
-
-/** What the operation that followed did, or that only something was finished. */
-Outcome Joined(const Outcome& finished, Outcome outcome) {
-	if (finished.installed && !outcome.installed && !outcome.refusal) {
-		outcome.before = finished.before;
-		outcome.installed = finished.installed;
-		outcome.is_finished = true;
-	}
-	return outcome;
+	return std::nullopt;
 }
 
 Outcome Update(Operation& operation, const std::string& id) {
@@ -95,15 +98,21 @@ CommandError MadeLinkError(const std::string& message, int offered, int target) 
 	                     ": check that the server still has that version"};
 }
 
+void FinishPrepared(const Services& services, const NoteFinished& note) {
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		if (const std::optional<int> version = TryToFinish(services, id)) {
+			note(id, *version);
+		}
+	}
+}
+
 Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget, RefusedVersion refused) {
-	const auto check = [&services, &id] { RequirePlaces(services, id); };
-	const Outcome finished = Finish(services, id, check);
-	Operation operation(services, id, Change::kUpdate, check);
+	Operation operation(services, id, Change::kUpdate, [&] { RequirePlaces(services, id); });
 	operation.Limit(budget);
 	if (refused == RefusedVersion::kRetry) {
 		operation.RetryRefused();
 	}
-	Outcome outcome = Joined(finished, Update(operation, id));
+	Outcome outcome = Update(operation, id);
 	if (!operation.SparedLink().empty()) { // Asked for when everything is recorded: it may take a while.
 		outcome.full_package_bytes = FullPackageBytes(services, operation.SparedLink());
 	}
@@ -111,21 +120,17 @@ Outcome UpdateDatabase(const Services& services, const std::string& id, const Bu
 }
 
 Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back, RefusedVersion refused) {
-	const auto check = [&services, &id] { RequirePlaces(services, id); };
-	const Outcome finished = Finish(services, id, check);
-	Operation operation(services, id, Change::kUpdate, check);
+	Operation operation(services, id, Change::kUpdate, [&] { RequirePlaces(services, id); });
 	operation.Treat(goes_back ? Older::kInstalled : Older::kRefused);
 	if (refused == RefusedVersion::kRetry) {
 		operation.RetryRefused();
 	}
-	return Joined(finished, Update(operation, id));
+	return Update(operation, id);
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {
-	const auto check = [&services, &id] { RequireVolumeFor(services, id); };
-	const Outcome finished = Finish(services, id, check);
-	Operation operation(services, id, Change::kFix, check);
-	return Joined(finished, Fix(operation, id));
+	Operation operation(services, id, Change::kFix, [&] { RequireVolumeFor(services, id); });
+	return Fix(operation, id);
 }
 
 Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target, bool even_held) {

@@ -1,9 +1,11 @@
 #include "host/library/rejection.h"
 
 #include "base/file_io.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/failure.h"
+#include "host/library/hold.h"
 #include "host/library/json_record.h"
 
 #include <json/value.h>
@@ -59,6 +61,20 @@ void RequireNotRejected(const std::string& id, int version) {
 		syslog(LOG_NOTICE, "Version %d of %s is not tried again, because a check refused it", version, id.c_str());
 		throw dataupdate::UpdateError(rejection->message);
 	}
+}
+
+std::string WayOutOfRefusal(const Services& services, const std::string& id) {
+	if (!dataupdate::IsReplacementMarked(id)) {
+		return "";
+	}
+	const std::string begin = " The files of " + id + " are of two versions, because a replacement was not finished: ";
+	const int recorded = ReadInstalled(services, id).data_version;
+	const std::optional<Rejection> rejection = ReadRejection(id);
+	if (recorded < 0 || ReadHold(id) || (rejection && rejection->version == recorded)) {
+		return begin + "when the check accepts the version, \"tarndbudctl fix " + id + "\" makes them whole.";
+	}
+	return begin + "\"tarndbudctl hold " + id + "\" and then \"tarndbudctl fix " + id + "\" bring version " +
+	       std::to_string(recorded) + " back, as long as the server has it.";
 }
 
 void ForgetRejection(const std::string& id, int installed_version) {

@@ -3,6 +3,7 @@
 #define HOST_LIBRARY_REJECTION_H
 
 #include "dataupdate/update_error.h"
+#include "host/library/services.h"
 
 #include <cstdint>
 #include <optional>
@@ -43,6 +44,12 @@ void RememberingRejection(const std::string& id, const int& version, const Work&
 
 /** Throws the remembered refusal of a version as the library threw it. */
 void RequireNotRejected(const std::string& id, int version);
+
+/**
+ * What can be done about files of two versions that a refused version was going to replace, as a sentence behind
+ * another one; empty when the files are of one version.
+ */
+[[nodiscard]] std::string WayOutOfRefusal(const Services& services, const std::string& id);
 
 /** Forgets what was refused once that or a later version is installed. */
 void ForgetRejection(const std::string& id, int installed_version);

@@ -156,6 +156,52 @@ def test_a_refused_version_replaces_nothing_and_is_not_tried_again_by_itself(che
     assert not (STATUS / DATABASE / "refused.json").exists()
 
 
+@pytest.mark.parametrize("command", ["update", "fix"])
+def test_the_way_out_that_is_named_for_a_mixture_leads_out(checked: Checked, command: str) -> None:
+    device = checked.device
+    root = checked.publish(TREE)
+    device.run_ok("update", DATABASE)
+    old = checked.tree()
+    device.mark(DATABASE).touch()
+    (device.installed(DATABASE) / "a").write_bytes(TREE["a"] + b"refuse")  # As a killed run leaves it.
+    checked.publish({**TREE, "a": TREE["a"] + b"refuse"})
+    way_out = f'"tarndbudctl hold {DATABASE}" and then "tarndbudctl fix {DATABASE}" bring version 1 back'
+    for attempt in (command, "update", "fix"):
+        result = device.run(attempt, DATABASE)
+        assert result.status == REFUSED, str(result)
+        assert way_out in result.stderr, attempt
+    assert way_out in device.run("status").stderr
+    assert device.mark(DATABASE).exists()
+    device.run_ok("hold", DATABASE)
+    device.run_ok("fix", DATABASE)
+    assert device.version(DATABASE) == 1
+    assert checked.tree() == old
+    trees.assert_same(root, device.installed(DATABASE))
+    assert not device.mark(DATABASE).exists()
+    device.run_ok("check", DATABASE)
+    device.run_ok("unhold", DATABASE)
+    result = device.run("update", DATABASE)
+    assert result.status == REFUSED, "the refusal is remembered"
+    assert "two versions" not in result.stderr
+    newest = checked.publish({**TREE, "a": b"good again"})
+    device.run_ok("update", DATABASE)
+    trees.assert_same(newest, device.installed(DATABASE))
+
+
+def test_a_mixture_gets_the_refused_version_when_the_check_accepts_it(checked: Checked) -> None:
+    device = checked.device
+    checked.publish(TREE)
+    device.run_ok("update", DATABASE)
+    device.mark(DATABASE).touch()
+    root = checked.publish({**TREE, "a": b"refuse"})
+    assert device.run("update", DATABASE).status == REFUSED
+    checked.hook.unlink()
+    device.run_ok("fix", DATABASE)
+    trees.assert_same(root, device.installed(DATABASE))
+    assert not device.mark(DATABASE).exists()
+    assert not (STATUS / DATABASE / "refused.json").exists()
+
+
 def test_a_newer_version_than_the_refused_one_is_tried(checked: Checked) -> None:
     checked.publish(TREE)
     checked.device.run_ok("update", DATABASE)

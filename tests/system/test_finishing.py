@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import random
 import shutil
@@ -10,7 +11,7 @@ import time
 from pathlib import Path
 
 import pytest
-from harness import programs, readers, tracing, trees
+from harness import kits, programs, readers, tracing, trees
 from harness.chains import Snapshot
 from harness.device import DATABASE, Device
 from harness.packages import Diff, HandPublisher
@@ -21,6 +22,8 @@ Files = dict[str, bytes]
 
 UPDATE = [programs.CTL, "update", DATABASE]
 KILLS = 6
+OTHER = "almanac"
+"""Comes first in the order of the configuration."""
 
 pytestmark = pytest.mark.skipif(not tracing.is_possible(), reason="other programs cannot be traced here")
 
@@ -73,6 +76,33 @@ class Offer:
         return self._nginx.packages()[before:]
 
 
+class Neighbour:
+    """Version 11 of another database is installed, and 12 is offered by a diff package."""
+
+    OLD: Files = {"a": b"eleven", "b": b"always"}
+    NEW: Files = {"a": b"twelve", "b": b"always"}
+
+    def __init__(self, device: Device, hand: HandPublisher, place: Path) -> None:
+        self._device = device
+        device.add_database(OTHER)
+        hand.full(OTHER, 11, self.OLD)
+        device.update(OTHER)
+        hand.full(OTHER, 12, self.NEW)
+        hand.diff(OTHER, 12, Diff.between(self.OLD, self.NEW))
+        device.forget_document()
+        package = hand.package(OTHER, "d12")
+        link = {"12": {"download_link": hand.link(OTHER, "d12"), "file_size": package.stat().st_size}}
+        self.kit = kits.write(
+            place / "other.kit",
+            {"deprecated": False, "db_list": {OTHER: {**hand.entry(OTHER), "diff_files": link}}},
+            [("diff", OTHER, 12, package.read_bytes())],
+        )
+
+    def assert_updated(self) -> None:
+        assert self._device.version(OTHER) == 12
+        trees.assert_holds(self._device.installed(OTHER), self.NEW)
+
+
 @pytest.fixture(params=["few files", "many files", "full"])
 def offer(connected: Device, hand: HandPublisher, nginx: Nginx, tmp_path: Path, request: pytest.FixtureRequest) -> Offer:
     return Offer(connected, hand, nginx, tmp_path, request.param)
@@ -109,6 +139,53 @@ def test_a_fix_finishes_it_as_well(offer: Offer) -> None:
     offer.kill_at(offer.renames[-1])
     assert offer.packages_of("fix", DATABASE) == []
     offer.assert_finished("fix")
+
+
+@pytest.mark.parametrize("operation", ["update", "scheduled", "import", "force-install", "fix"])
+def test_it_is_finished_before_any_operation_on_another_database(
+    connected: Device, offer: Offer, hand: HandPublisher, tmp_path: Path, operation: str
+) -> None:
+    other = Neighbour(connected, hand, tmp_path)
+    offer.kill_at(offer.renames[len(offer.renames) // 2])
+    arguments = {
+        "update": ["update", OTHER], "scheduled": ["update"], "import": ["import", str(other.kit)],
+        "force-install": ["force-install", OTHER, "0"], "fix": ["fix", OTHER],
+    }  # fmt: skip
+    if operation == "fix":
+        (connected.installed(OTHER) / "a").write_bytes(b"damaged")
+    packages = offer.packages_of(*arguments[operation])
+    offer.assert_finished(operation)
+    other.assert_updated()
+    assert [part for part in packages if part not in ("v12", "d12")] == [], "what was ready is installed"
+
+
+def test_another_databases_update_that_fails_loses_nothing(
+    connected: Device, offer: Offer, hand: HandPublisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    Neighbour(connected, hand, tmp_path)
+    connected.run_ok("status")  # The document stays when the server goes.
+    offer.kill_at(offer.renames[len(offer.renames) // 2])
+    nginx.close()
+    result = connected.run("update", OTHER, "--json")
+    assert result.status == 1, str(result)
+    told = [(entry["id"], entry["result"]) for entry in json.loads(result.stdout)]
+    assert told == [(DATABASE, "finished"), (OTHER, "failed")]
+    offer.assert_finished("though the other failed")
+    assert connected.version(OTHER) == 11
+
+
+def test_what_a_hold_keeps_from_being_finished_holds_no_other_database_up(
+    connected: Device, offer: Offer, hand: HandPublisher, tmp_path: Path
+) -> None:
+    other = Neighbour(connected, hand, tmp_path)
+    offer.kill_at(offer.renames[len(offer.renames) // 2])
+    connected.run_ok("hold", DATABASE, "1")
+    connected.run_ok("update", OTHER)
+    other.assert_updated()
+    assert connected.mark(DATABASE).exists()
+    connected.run_ok("unhold", DATABASE)
+    assert offer.packages_of("update", DATABASE) == ["v2"], "the other update has cleared the temporary area"
+    offer.assert_finished("after the hold")
 
 
 def test_the_finishing_may_be_killed_too(offer: Offer) -> None:
@@ -174,3 +251,23 @@ def test_what_is_cut_off_is_no_plan(connected: Device, offer: Offer) -> None:
     plan.write_bytes(plan.read_bytes()[:-3])
     assert offer.packages_of("update", DATABASE) == ["v2"]
     offer.assert_finished("cut off")
+
+
+@pytest.mark.parametrize("command", ["update", "fix"])
+def test_an_older_version_in_the_place_of_a_mixture_is_told(
+    connected: Device, offer: Offer, hand: HandPublisher, syslog: Syslog, command: str
+) -> None:
+    offer.kill_at(offer.renames[-1])
+    shutil.rmtree(connected.temporary())
+    hand.full(DATABASE, 1, offer.old)
+    connected.forget_document()
+    begin = {"update": "reinstalled version 1", "fix": "repaired, now version 1"}[command]
+    assert connected.run_ok(command, DATABASE).stdout == (
+        f"{DATABASE}: {begin}, which is older than version 2, which was installed or half installed\n"
+    )
+    texts = [text for _, text in syslog.lines()]
+    assert any(f"{DATABASE} went back to version 1, though version 2 was installed or half" in text for text in texts)
+    trees.assert_holds(connected.installed(DATABASE), offer.old)
+    connected.run_ok("check", DATABASE)
+    assert not connected.mark(DATABASE).exists()
+    assert not connected.plan(DATABASE).exists()

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn::dataupdate {
 namespace {
@@ -68,6 +69,11 @@ TEST_F(ReplacementPlanTest, IsOfNoUseAfterARestart) {
 	text.front() = text.front() == '0' ? '1' : '0'; // The system's start comes first.
 	WriteFile(kPlan, text);
 	EXPECT_FALSE(ReadPlan("geo"));
+	EXPECT_FALSE(FindUnfinishedVersion("geo")); // Nothing is unfinished.
+	SetMarkOverPlan("geo");
+	EXPECT_EQ(FindUnfinishedVersion("geo"), 7) << "what it was for is known all the same";
+	WriteFile(kPlan, text.substr(0, text.find('\0') + 2));
+	EXPECT_FALSE(FindUnfinishedVersion("geo"));
 }
 
 TEST_F(ReplacementPlanTest, IsNothingWhenItIsCutOff) {
@@ -192,6 +198,26 @@ TEST_F(FinishedReplacementTest, MovesTheRestOfATreeIn) {
 	EXPECT_THAT(EntriesBelow(directory_ / "installed"), ::testing::UnorderedElementsAre("a", "moved"));
 	EXPECT_FALSE(fs::exists(Temporary("staged")));
 	EXPECT_FALSE(fs::exists(Temporary("replaced")));
+}
+
+TEST_F(FinishedReplacementTest, LeavesWhatWasPreparedForADatabaseOfASimilarName) {
+	const std::vector<std::string> suffixes = {
+	    "full", "staged", "replaced", "sum", "check", "changes", "debug", "v7", "d7", "d-1", "delta_7"};
+	for (const std::string& suffix : suffixes) {
+		WriteFile(Temporary(suffix), "own");
+		WriteFile(Temporary("city_" + suffix), "geo_city's");
+		WriteFile(Temporary("d7_" + suffix), "geo_d7's");
+		WriteFile(Temporary("delta_" + suffix), "geo_delta's");
+	}
+	WritePlan();
+	SetMarkOverPlan("geo");
+	EXPECT_EQ(Finish().data_version, 7);
+	for (const std::string& suffix : suffixes) {
+		EXPECT_FALSE(fs::exists(Temporary(suffix))) << suffix;
+		EXPECT_TRUE(fs::exists(Temporary("city_" + suffix))) << suffix;
+		EXPECT_TRUE(fs::exists(Temporary("d7_" + suffix))) << suffix;
+		EXPECT_TRUE(fs::exists(Temporary("delta_" + suffix))) << suffix;
+	}
 }
 
 TEST_F(FinishedReplacementTest, NeedsWhatWasPrepared) {

@@ -1,5 +1,6 @@
 #include "expect_error.h"
 #include "host/commands/commands.h"
+#include "host/library/hold.h"
 #include "host/library/operation.h"
 #include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
@@ -64,6 +65,29 @@ TEST_F(RejectionTest, IsToldWithTheHooksSentenceAndRemembered) {
 	EXPECT_EQ(rejection->message, kMessage);
 	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kRefusedHere);
 	EXPECT_THAT(ReadFailureRecord("geo")->sentence, HasSubstr("three rules are bad"));
+}
+
+TEST_F(RejectionTest, NamesAWayOutWhereFilesAreOfTwoVersions) {
+	const std::string begin = " The files of geo are of two versions, because a replacement was not finished: ";
+	const std::string back =
+	    begin +
+	    "\"tarndbudctl hold geo\" and then \"tarndbudctl fix geo\" bring version 4 back, as long as the server has it.";
+	const std::string later = begin + "when the check accepts the version, \"tarndbudctl fix geo\" makes them whole.";
+	EXPECT_EQ(WayOutOfRefusal(doubles_.services, "geo"), "");
+	test::WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	test::WriteFile("/var/lib/data_update/geo/replacing", "");
+	EXPECT_EQ(Run(), kRefusedHere);
+	EXPECT_THAT(doubles_.err.str(), testing::EndsWith("--retry-refused\"." + back + "\n"));
+	EXPECT_THAT(ReadFailureRecord("geo")->sentence, testing::EndsWith(back));
+	SetHold("geo", 6);
+	EXPECT_EQ(WayOutOfRefusal(doubles_.services, "geo"), back) << "the hold keeps nothing off yet";
+	SetHold("geo", 4);
+	EXPECT_EQ(WayOutOfRefusal(doubles_.services, "geo"), later) << "that has been tried";
+	EXPECT_TRUE(EndHold("geo"));
+	doubles_.Install(5);
+	EXPECT_EQ(WayOutOfRefusal(doubles_.services, "geo"), later) << "what would come back is what was refused";
+	doubles_.Install(-1);
+	EXPECT_EQ(WayOutOfRefusal(doubles_.services, "geo"), later) << "there is no version to go back to";
 }
 
 TEST_F(RejectionTest, KeepsTheVersionFromBeingTriedUntilAskedFor) {

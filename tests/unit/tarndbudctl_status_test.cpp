@@ -1,5 +1,6 @@
 #include "expect_error.h"
 #include "host/library/installed_package.h"
+#include "host/library/rejection.h"
 #include "host/terminal/text.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
@@ -9,6 +10,7 @@
 #include <json/reader.h>
 
 #include <ctime>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -67,6 +69,20 @@ TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  unknown  yes"));
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; "
 	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it anew.\n");
+}
+
+TEST_F(StatusTest, NamesAnotherWayOutWhenTheVersionThatWouldRepairWasRefused) {
+	doubles_.Install(4);
+	test::WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	test::WriteFile("/var/lib/data_update/geo/replacing", "");
+	RememberRejection("geo", 5, "Refused by hook '/hooks/10': no");
+	EXPECT_EQ(Run({"geo"}, false), kDone);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The files of geo are of two versions"));
+	EXPECT_THAT(doubles_.err.str(), testing::Not(HasSubstr("installs it anew")));
+	doubles_.err.str("");
+	doubles_.services.find_prepared = [](auto&&...) { return std::optional(5); };
+	EXPECT_EQ(Run({"geo"}, false), kDone);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("installs it anew"));
 }
 
 TEST_F(StatusTest, TakesALaterVersionThanTheServersForAStateOfItsOwn) {

@@ -1,4 +1,5 @@
 #include "dataupdate/file_lock.h"
+#include "dataupdate/installation.h"
 #include "host/library/failure.h"
 #include "host/library/record_keeper.h"
 #include "private_root.h"
@@ -12,6 +13,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -198,6 +200,102 @@ TEST_F(UpdateCommandTest, SaysThatItReinstalledWhatWasUnfinished) {
 	EXPECT_EQ(kUpdateCommand.run(doubles_.services, options), kDone);
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("\"result\" : \"reinstalled\""));
 	EXPECT_THAT(doubles_.out.str(), testing::Not(HasSubstr("previous_version")));
+}
+
+TEST_F(UpdateCommandTest, SaysThatAnUnfinishedDatabaseWentBack) {
+	doubles_.Install(7);
+	LeaveUnfinished("geo");
+	LetSucceed("geo");
+	const test::SyslogCapture log;
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(),
+	    "geo: reinstalled version 5, which is older than version 7, which was installed or half installed\n");
+	EXPECT_EQ(log.Count(LOG_WARNING, {"geo went back to version 5, though version 7 was"}), 1U);
+	doubles_.out.str("");
+	doubles_.Install(5, "geo");
+	LeaveUnfinished("geo");
+	test::WriteFile("/var/lib/data_update/geo/replacement", std::string("of an earlier start\0"
+	                                                                    "6\0",
+	                                                            22));
+	Options options;
+	options.ids = {"geo"};
+	options.json = true;
+	EXPECT_EQ(kUpdateCommand.run(doubles_.services, options), kDone);
+	EXPECT_EQ(doubles_.out.str(), "[\n\t{\n\t\t\"id\" : \"geo\",\n\t\t\"previous_version\" : 6,\n\t\t\"result\" : "
+	                              "\"reinstalled\",\n\t\t\"version\" : 5\n\t}\n]\n");
+}
+
+/** A replacement of "zip" by version 5 was killed, and is ready to be finished. */
+class FinishingTest : public UpdateCommandTest {
+protected:
+	void SetUp() override {
+		UpdateCommandTest::SetUp();
+		if (IsSkipped()) {
+			return;
+		}
+		doubles_.Install(4);
+		LetSucceed("geo");
+		LeaveUnfinished("zip");
+		doubles_.services.find_prepared = [](const std::string& id, const std::string&, const std::string&) {
+			return id == "zip" && dataupdate::MayBeAMixture(id) ? std::optional(5) : std::nullopt;
+		};
+		doubles_.services.finish = [this](const std::string& id, const std::string&, const std::string&) {
+			events_.push_back("finish " + id);
+			doubles_.Install(5, id);
+			dataupdate::UpdateResult result;
+			result.data_version = 5;
+			return result;
+		};
+		ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault([this](const std::string& id) {
+			events_.push_back("ask for " + id);
+			return dataupdate::RemoteInfo(5, 0, false, "http://x/");
+		});
+	}
+
+	std::vector<std::string> events_;
+};
+
+TEST_F(FinishingTest, ComesBeforeTheUpdateOfAnotherDatabase) {
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(),
+	    "zip: finished the update to version 5 that was killed\ngeo: updated from version 4 to version 5\n");
+	ASSERT_GE(events_.size(), 2U);
+	EXPECT_EQ(events_[0], "finish zip");
+	EXPECT_EQ(events_[1], "ask for geo");
+	EXPECT_FALSE(ReadRunRecord("zip")) << "no operation on it was asked for";
+}
+
+TEST_F(FinishingTest, IsToldThoughTheServerDoesNotAnswer) {
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault(Throw(UpdateError("Fail to wget url: http://x/")));
+	EXPECT_THROW(Run({}), UpdateError);
+	EXPECT_EQ(doubles_.out.str(), "zip: finished the update to version 5 that was killed\n");
+}
+
+TEST_F(FinishingTest, StopsWhatWouldClearItAwayWhenALockIsHeld) {
+	doubles_.services.finish = [](auto&&...) -> dataupdate::UpdateResult {
+		throw UpdateError("Fail to diff update: Fail to lock /run/data_update/using_zip.lock");
+	};
+	EXPECT_EQ(Run({"geo"}), kLocked);
+	EXPECT_EQ(doubles_.out.str(), "");
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The replacement of the files of zip that was killed has to be "
+	                                          "finished first, and a lock was not obtained in time (Fail to diff "
+	                                          "update: Fail to lock /run/data_update/using_zip.lock); try later."));
+	EXPECT_EQ(events_, std::vector<std::string>());
+	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kLocked);
+}
+
+TEST_F(FinishingTest, StopsNothingWhenItFailsForGood) {
+	doubles_.services.finish = [](auto&&...) -> dataupdate::UpdateResult { throw UpdateError("no space"); };
+	const test::SyslogCapture log;
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 4 to version 5\n");
+	EXPECT_EQ(log.Count(LOG_WARNING, {"'zip' that was killed could not be finished: no space"}), 1U);
+}
+
+TEST_F(FinishingTest, GoesNoFurtherThanAHold) {
+	test::WriteFile("/var/lib/data_update/zip/hold.json", "{\"up_to\": 4}");
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 4 to version 5\n");
 }
 
 TEST_F(UpdateCommandTest, DoesNotTakeWhatIsUnfinishedForUpToDateWithoutAVolume) {

@@ -1,0 +1,30 @@
+/** @file What every command has in common that brings a database to a version. */
+#ifndef HOST_COMMANDS_OPERATION_H
+#define HOST_COMMANDS_OPERATION_H
+
+#include "host/commands/report.h"
+#include "host/library/operation.h"
+#include "host/library/services.h"
+
+#include <json/value.h>
+
+#include <functional>
+#include <string>
+
+namespace tarn::ctl {
+
+/**
+ * Finishes the replacements that were killed, of whichever database, and reports them; then does the work. Records how
+ * all that went as RunRecorded() does.
+ */
+ExitCode RunOperation(const Services& services, Report& report, const std::string& id, const char* operation,
+    const std::function<ExitCode()>& work);
+
+/** The end of a result that says that an older version was installed than was there; empty when it was none. */
+[[nodiscard]] std::string DescribeWayBack(const Outcome& outcome);
+/** The same for a result as an object. */
+void AddWayBack(const Outcome& outcome, Json::Value& result);
+
+} // namespace tarn::ctl
+
+#endif
