@@ -1,5 +1,6 @@
 #include "dataupdate/strategy.h"
 
+#include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digest_stream.h"
@@ -43,7 +44,7 @@ using Archive = std::unique_ptr<tarnarchive, ArchiveCloser>;
 }
 
 bool IsVersion(std::string_view text) {
-	const std::string_view digits = text.substr(text.rfind('-', 0) == 0 ? 1 : 0); // A server may name any number.
+	const std::string_view digits = text.substr(StartsWith(text, "-") ? 1 : 0); // A server may name any number.
 	return !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
@@ -59,7 +60,7 @@ bool IsTempSuffix(std::string_view suffix) {
 	static constexpr std::array<std::string_view, 3> kNumbered = {kFullPackage, kDiffPackage, kDelta};
 	return std::find(kNames.begin(), kNames.end(), suffix) != kNames.end() ||
 	       std::any_of(kNumbered.begin(), kNumbered.end(), [&](std::string_view name) {
-		       return suffix.substr(0, name.size()) == name && IsVersion(suffix.substr(name.size()));
+		       return StartsWith(suffix, name) && IsVersion(suffix.substr(name.size()));
 	       });
 }
 
