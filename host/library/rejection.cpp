@@ -70,7 +70,10 @@ std::string WayOutOfRefusal(const Services& services, const std::string& id) {
 	const std::string begin = " The files of " + id + " are of two versions, because a replacement was not finished: ";
 	const int recorded = ReadInstalled(services, id).data_version;
 	const std::optional<Rejection> rejection = ReadRejection(id);
-	if (recorded < 0 || ReadHold(id) || (rejection && rejection->version == recorded)) {
+	const std::optional<Hold> hold = ReadHold(id);
+	const bool is_held =
+	    hold && !(rejection && hold->Allows(rejection->version)); // So that a fix tried the earlier one.
+	if (recorded < 0 || is_held || (rejection && rejection->version == recorded)) {
 		return begin + "when the check accepts the version, \"tarndbudctl fix " + id + "\" makes them whole.";
 	}
 	return begin + "\"tarndbudctl hold " + id + "\" and then \"tarndbudctl fix " + id + "\" bring version " +
