@@ -7,7 +7,7 @@ namespace tarn::ctl {
 ExitCode RunOperation(const Services& services, Report& report, const std::string& id, const char* operation,
     const std::function<ExitCode()>& work) {
 	return RunRecorded(services, id, operation, [&] {
-		FinishPrepared(services, [&report](const std::string& finished, int version) {
+		FinishPrepared(services, id, [&report](const std::string& finished, int version) {
 			report.Tell(finished, "finished the update to version " + std::to_string(version) + " that was killed",
 			    MakeResult("finished", version));
 		});

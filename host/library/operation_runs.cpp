@@ -32,20 +32,18 @@ std::optional<int> Finish(const Services& services, const std::string& id) {
 	return operation.Result().installed;
 }
 
-/** Without success the operation that follows does what it would have done. */
-std::optional<int> TryToFinish(const Services& services, const std::string& id) {
+/** Without success the operation that follows does what it would have done, unless a later try is better for it. */
+std::optional<int> TryToFinish(const Services& services, const std::string& id, bool is_asked_for) {
 	try {
 		return dataupdate::MayBeAMixture(id) ? Finish(services, id) : std::nullopt;
 	} catch (const std::exception& error) {
 		if (dataupdate::IsInterruptionRequested()) {
 			throw;
 		}
-		// Whatever follows would clear away what is ready, and a later try is likely to succeed.
-		if (CategoryOf(error.what()) == Category::kLocked) {
-			throw CommandError(kLocked, "The replacement of the files of " + id +
-			                                " that was killed has to be finished first, and a lock was not obtained in "
-			                                "time (" +
-			                                error.what() + "); try later");
+		if (is_asked_for && CategoryOf(error.what()) == Category::kLocked) {
+			throw CommandError(kLocked, "The replacement of its files that was killed has to be finished first, and a "
+			                            "lock was not obtained in time (" +
+			                                std::string(error.what()) + "); try later");
 		}
 		syslog(
 		    LOG_WARNING, "The replacement of '%s' that was killed could not be finished: %s", id.c_str(), error.what());
@@ -98,9 +96,9 @@ CommandError MadeLinkError(const std::string& message, int offered, int target) 
 	                     ": check that the server still has that version"};
 }
 
-void FinishPrepared(const Services& services, const NoteFinished& note) {
+void FinishPrepared(const Services& services, const std::string& asked_for, const NoteFinished& note) {
 	for (const std::string& id : services.config->GetDatabaseIDs()) {
-		if (const std::optional<int> version = TryToFinish(services, id)) {
+		if (const std::optional<int> version = TryToFinish(services, id, id == asked_for)) {
 			note(id, *version);
 		}
 	}

@@ -271,17 +271,25 @@ TEST_F(FinishingTest, IsToldThoughTheServerDoesNotAnswer) {
 	EXPECT_EQ(doubles_.out.str(), "zip: finished the update to version 5 that was killed\n");
 }
 
-TEST_F(FinishingTest, StopsWhatWouldClearItAwayWhenALockIsHeld) {
+TEST_F(FinishingTest, WaitsForALaterTryWhenTheDatabaseItselfIsLocked) {
 	doubles_.services.finish = [](auto&&...) -> dataupdate::UpdateResult {
 		throw UpdateError("Fail to diff update: Fail to lock /run/data_update/using_zip.lock");
 	};
-	EXPECT_EQ(Run({"geo"}), kLocked);
+	EXPECT_EQ(Run({"zip"}), kLocked);
 	EXPECT_EQ(doubles_.out.str(), "");
-	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The replacement of the files of zip that was killed has to be "
-	                                          "finished first, and a lock was not obtained in time (Fail to diff "
-	                                          "update: Fail to lock /run/data_update/using_zip.lock); try later."));
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("zip: The replacement of its files that was killed has to be finished "
+	                                          "first, and a lock was not obtained in time (Fail to diff update: Fail "
+	                                          "to lock /run/data_update/using_zip.lock); try later."));
 	EXPECT_EQ(events_, std::vector<std::string>());
-	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kLocked);
+	EXPECT_EQ(ReadRunRecord("zip")->exit_status, kLocked);
+}
+
+TEST_F(FinishingTest, DoesNotHoldUpAnotherDatabaseByALock) {
+	doubles_.services.finish = [](auto&&...) -> dataupdate::UpdateResult {
+		throw UpdateError("Fail to diff update: Fail to lock /run/data_update/using_zip.lock");
+	};
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 4 to version 5\n");
 }
 
 TEST_F(FinishingTest, StopsNothingWhenItFailsForGood) {
