@@ -50,9 +50,9 @@ using NoteFinished = std::function<void(const std::string& id, int version)>;
  * called before every operation on whichever database, because an update by diff packages and a forced installation
  * clear the temporary area of all.
  *
- * A failure is logged, and what was prepared is given up for lost: a reader that keeps another database must not hold up
- * this one for ever. Throws CommandError with kLocked when the database that the operation is for can be finished later,
- * and what the library throws when the program was asked to end.
+ * A failure is logged, and what was prepared is given up for lost: a reader that keeps another database must not hold
+ * up this one for ever. Throws CommandError with kLocked when the database that the operation is for can be finished
+ * later, and what the library throws when the program was asked to end.
  *
  * @param asked_for  id of the database that the operation is for
  */
