@@ -255,7 +255,7 @@ private:
 } // namespace
 
 WithdrawResult Withdraw(
-    PublishOptions options, const std::optional<std::int64_t>& to, const PublishObserver& observer) {
+    const PublishOptions& options, const std::optional<std::int64_t>& to, const PublishObserver& observer) {
 	RequireRepository(options.repository);
 	CheckWord("--id", options.id);
 	CheckWord("--db-version", options.db_version);

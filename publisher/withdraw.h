@@ -27,7 +27,8 @@ struct WithdrawResult {
  *                 there is no default, so that a command that is given twice does not bring the bad version back
  * @throws UsageError for a value that can never work; PublishError, or the archive's Error, otherwise
  */
-WithdrawResult Withdraw(PublishOptions options, const std::optional<std::int64_t>& to, const PublishObserver& observer);
+WithdrawResult Withdraw(
+    const PublishOptions& options, const std::optional<std::int64_t>& to, const PublishObserver& observer);
 
 } // namespace tarn::publisher
 
