@@ -93,6 +93,18 @@ KeyHandle ReadPublicPem(std::string_view pem) {
 	return ReadPem(pem, PEM_read_bio_PUBKEY);
 }
 
+/** As PublicKey::FromPem(), and tells a private key from what is no key at all. */
+PublicKey ReadPublicOnly(const std::string& pem) {
+	try {
+		return PublicKey::FromPem(pem);
+	} catch (const Error&) {
+		if (pem.find("PRIVATE KEY-----") != std::string::npos) {
+			throw Error("this is a private key; give the public one, whose name ends with .pub");
+		}
+		throw;
+	}
+}
+
 } // namespace
 
 KeyHandle ReadPrivatePem(std::string_view pem) {
@@ -158,7 +170,7 @@ std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory) {
 TrustedKey LoadPublicKeyFile(const std::string& path) {
 	try {
 		const UniqueFd fd = OpenRegularFile(AT_FDCWD, path);
-		return {path, PublicKey::FromPem(ReadSmallFile(fd.Get(), kMaxKeyFileSize, "it"))};
+		return {path, ReadPublicOnly(ReadSmallFile(fd.Get(), kMaxKeyFileSize, "it"))};
 	} catch (const Error& error) {
 		throw Error(path + ": " + error.what());
 	}

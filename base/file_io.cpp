@@ -61,7 +61,10 @@ UniqueFd OpenRegularFile(int directory, const std::string& path) {
 		if (errno == ELOOP) {
 			throw Error("is a symbolic link, not a regular file");
 		}
-		ThrowErrno("cannot open");
+		if (errno == ENOENT) {
+			throw Error("is missing");
+		}
+		ThrowErrno("cannot be opened");
 	}
 	struct stat status {};
 	if (fstat(fd.Get(), &status) != 0) {

@@ -3,6 +3,7 @@
 #include "base/sqlite_names.h"
 #include "base/text.h"
 #include "publisher/checks.h"
+#include "publisher/document_sentences.h"
 #include "publisher/files.h"
 #include "publisher/publish_error.h"
 #include "publisher/repository.h"
@@ -96,8 +97,8 @@ private:
 	int NewestVersion() const {
 		const std::optional<Entry> entry = repository_.ReadEntry(options_.db_version, options_.id);
 		if (!entry) {
-			throw PublishError("The document " + repository_.DocumentPath(options_.db_version) + " does not name " +
-			                   options_.id + ": give both versions.");
+			throw PublishError(
+			    WhyNotNamed(repository_, options_.db_version, options_.id) + ": give both versions, or --channel.");
 		}
 		return entry->data_version;
 	}

@@ -12,15 +12,13 @@ namespace tarn::publisher {
 
 namespace {
 
-/** Takes a version: digits alone. */
-CLI::callback_t TakeVersion(const std::string& name, std::optional<int>& version) {
-	return [name, &version](const CLI::results_t& words) {
-		version = ParseVersion(words.front());
-		if (!version) {
-			throw UsageError(name + " \"" + words.front() + "\" must be the number of a version.");
-		}
-		return true;
-	};
+/** A version: digits alone; no value for a word that was not given. */
+std::optional<int> TakeVersion(const std::string& name, const std::optional<std::string>& word) {
+	const std::optional<int> version = ParseVersion(word.value_or(""));
+	if (!version && word) {
+		throw UsageError(name + " \"" + *word + "\" must be the number of a version.");
+	}
+	return version;
 }
 
 /** Takes a number that is not negative. */
@@ -41,8 +39,13 @@ void AddChangesCommand(CLI::App& app, ChangesCommand& command) {
 	ChangesOptions& options = command.options;
 	CLI::App* changes = app.add_subcommand("changes", "Show what a release changes: files, and rows of SQLite files");
 	AddId(*changes, options.id);
-	changes->add_option("FROM", TakeVersion("FROM", options.from), "Version before; by default the one before TO");
-	changes->add_option("TO", TakeVersion("TO", options.to), "Version after; by default the newest of the document");
+	changes->add_option("FROM", command.from, "Version before; by default the one before TO");
+	changes->add_option("TO", command.to, "Version after; by default the newest of the document");
+	// The value of an unknown option seems to be a version, so options are judged first.
+	changes->final_callback([&command] {
+		command.options.from = TakeVersion("FROM", command.from);
+		command.options.to = TakeVersion("TO", command.to);
+	});
 	AddRepository(*changes, options.repository);
 	AddPublicKeys(*changes, options.keys).allow_extra_args(false);
 	AddDocument(*changes, options.db_version);

@@ -5,7 +5,9 @@
 #include "publisher/changes.h"
 
 #include <cstddef>
+#include <optional>
 #include <ostream>
+#include <string>
 
 namespace CLI {
 class App;
@@ -15,6 +17,8 @@ namespace tarn::publisher {
 
 struct ChangesCommand {
 	ChangesOptions options;
+	std::optional<std::string> from; // as it was given
+	std::optional<std::string> to;
 	std::size_t most_files = 100; // that are listed in text
 	bool json = false;
 };

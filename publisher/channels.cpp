@@ -3,6 +3,7 @@
 #include "base/error.h"
 #include "publisher/checks.h"
 #include "publisher/diff_package.h"
+#include "publisher/document_sentences.h"
 #include "publisher/publish_error.h"
 
 #include <utility>
@@ -45,6 +46,7 @@ public:
 		}
 		RequireAWay();
 		RequireSameFormat();
+		WarnOfNewDocument();
 		repository_.RemoveDocumentLeftovers();
 		repository_.CopyEntry(options_.from, options_.to, options_.id);
 		result_.is_changed = true;
@@ -58,8 +60,8 @@ private:
 	Entry Source() const {
 		std::optional<Entry> entry = repository_.ReadEntry(options_.from, options_.id);
 		if (!entry) {
-			throw PublishError("The document " + repository_.DocumentPath(options_.from) + " does not name " +
-			                   options_.id + ", so there is nothing to promote.");
+			throw PublishError(
+			    WhyNotNamed(repository_, options_.from, options_.id) + ", so there is nothing to promote.");
 		}
 		return std::move(*entry);
 	}
@@ -136,6 +138,12 @@ private:
 		if (ours && theirs && *ours != *theirs) {
 			throw PublishError(Version() + " is not promoted: it is of format \"" + *theirs + "\", and devices of " +
 			                   options_.to + " read format \"" + *ours + "\".");
+		}
+	}
+
+	void WarnOfNewDocument() const {
+		if (const std::string warning = NewDocumentWarning(repository_, options_.to, options_.id); !warning.empty()) {
+			observer_.warn(warning);
 		}
 	}
 

@@ -50,12 +50,18 @@ std::int64_t Number(const PublishOptions& options, const std::optional<int>& las
 	return next;
 }
 
+/** What takes packages into the document that the options name, but for the name of the key. */
+std::string RestoreCommand(const PublishOptions& options, const std::string& more) {
+	return "tarndbudpub restore --repo " + options.repository + " --id " + options.id + " --db-version " +
+	       options.db_version + " --key FILE" + more;
+}
+
 void RequireNamed(const PublishOptions& options, const std::vector<PackageFile>& files) {
 	if (!files.empty()) {
 		throw PublishError("No document names " + options.id + ", though packages of it lie in " + options.repository +
 		                   "/packages/" + options.id + ", up to version " + std::to_string(files.back().data_version) +
-		                   ", which devices may have. Rebuild the document by \"tarndbudpub restore\"; only when no "
-		                   "device has them, move them away and begin again.");
+		                   ", which devices may have. Rebuild the document by \"" + RestoreCommand(options, "") +
+		                   "\"; only when no device has them, move them away and begin again.");
 	}
 	if (options.must_continue) {
 		throw PublishError("Nothing of " + options.id + " was ever published in " + options.repository +
@@ -66,11 +72,11 @@ void RequireNamed(const PublishOptions& options, const std::vector<PackageFile>&
 
 void RefuseUnnamed(const PublishOptions& options, int next, const std::vector<PackageFile>& files) {
 	const std::int64_t free = std::int64_t{files.back().data_version} + 1;
-	throw PublishError("Version " + std::to_string(next) + " of " + options.id +
-	                   " cannot be published: " + files.back().path +
-	                   " is there, no document names it, and devices may have it. Take it into the "
-	                   "document by \"tarndbudpub restore --force\", or go past it by --data-version " +
-	                   std::to_string(free) + ".");
+	throw PublishError(
+	    "Version " + std::to_string(next) + " of " + options.id + " cannot be published: " + files.back().path +
+	    " is there, no document names it, and devices may have it. Take it into the "
+	    "document by \"" +
+	    RestoreCommand(options, " --force") + "\", or go past it by --data-version " + std::to_string(free) + ".");
 }
 
 } // namespace

@@ -1,12 +1,12 @@
 #include "publisher/command_line.h"
 
-#include "archive/signing_key.h"
 #include "base/nearest.h"
 #include "base/text.h"
 #include "publisher/changes_command.h"
 #include "publisher/common_options.h"
 #include "publisher/export_command.h"
 #include "publisher/inspect.h"
+#include "publisher/key_commands.h"
 #include "publisher/progress_line.h"
 #include "publisher/publish.h"
 #include "publisher/publish_error.h"
@@ -25,7 +25,7 @@ namespace tarn::publisher {
 namespace {
 
 struct Options {
-	std::string prefix;
+	KeyCommandOptions keys;
 	PublishOptions publish;
 	RestoreOptions restore;
 	ChangesCommand changes;
@@ -38,12 +38,6 @@ struct Options {
 	std::optional<std::int64_t> withdraw_to;
 	bool json = false;
 };
-
-void RunKeygen(const Options& options, const Streams& streams) {
-	const std::string fingerprint = archive::GenerateKeyFiles(options.prefix);
-	streams.out << "Wrote " << options.prefix << ".key (keep it secret) and " << options.prefix << ".pub ("
-	            << fingerprint << ").\n";
-}
 
 void RunPublish(const Options& options, const Streams& streams) {
 	PublishResult result;
@@ -128,17 +122,10 @@ CLI::callback_t TakeKeptDiffs(KeptDiffs& kept) {
 	};
 }
 
-void AddKeygen(CLI::App& app, Options& options) {
-	CLI::App* command = app.add_subcommand("keygen", "Make a key pair: PREFIX.key signs, PREFIX.pub goes to devices");
-	command->add_option("PREFIX", options.prefix, "Path of the two files without their endings")->required();
-}
-
 /** What all commands take that publish a version. */
 void AddPublishing(CLI::App& command, Options& options) {
 	PublishOptions& publish = options.publish;
-	CLI::Option& document = AddDocument(command, publish.db_version);
-	command.add_option("--channel", publish.db_version, "Channel to publish to: the name of its document")
-	    ->excludes(&document);
+	AddDocument(command, publish.db_version);
 	command
 	    .add_option("--keep-diffs", TakeKeptDiffs(publish.keep_diffs), "Number of diff packages to keep; 0 makes none")
 	    ->default_str("auto");
@@ -210,9 +197,10 @@ int Run(const CLI::App& app, const Options& options, const Streams& streams) {
 	if (const std::optional<int> code = RunRepositoryCommand(app, options.repository, streams)) {
 		return *code;
 	}
-	if (app.got_subcommand("keygen")) {
-		RunKeygen(options, streams);
-	} else if (app.got_subcommand("publish")) {
+	if (RunKeyCommand(app, options.keys, streams.out)) {
+		return kDone;
+	}
+	if (app.got_subcommand("publish")) {
 		RunPublish(options, streams);
 	} else if (app.got_subcommand("withdraw")) {
 		RunWithdraw(options, streams);
@@ -274,7 +262,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	app.set_version_flag("--version", std::string("tarndbudpub ") + TARNDBUDPUB_VERSION);
 	app.require_subcommand(1);
 	app.footer(kFooter); // which subcommands inherit
-	AddKeygen(app, options);
+	AddKeyCommands(app, options.keys);
 	AddPublish(app, options);
 	AddWithdraw(app, options);
 	AddRestore(app, options);

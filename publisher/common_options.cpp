@@ -16,8 +16,10 @@ void AddNotedUrl(CLI::App& command, std::string& url) {
 	command.add_option("--url", url, "Where devices reach the repository; by default as last published");
 }
 
-CLI::Option& AddDocument(CLI::App& command, std::string& db_version) {
-	return *command.add_option("--db-version", db_version, "Version of the server's document")->capture_default_str();
+void AddDocument(CLI::App& command, std::string& db_version) {
+	CLI::Option* document =
+	    command.add_option("--db-version", db_version, "Version of the server's document")->capture_default_str();
+	command.add_option("--channel", db_version, "Channel: the name of its document")->excludes(document);
 }
 
 CLI::Option& AddPublicKeys(CLI::App& command, std::vector<std::string>& files) {

@@ -18,8 +18,8 @@ void AddId(CLI::App& command, std::string& id);
 void AddRepository(CLI::App& command, std::string& directory);
 /** Where it is served, which the last publication has noted. */
 void AddNotedUrl(CLI::App& command, std::string& url);
-/** The document; what the variable holds is the default. */
-CLI::Option& AddDocument(CLI::App& command, std::string& db_version);
+/** The document, by its version or as a channel; what the variable holds is the default. */
+void AddDocument(CLI::App& command, std::string& db_version);
 /** The keys one of which signed the packages; must be given. */
 CLI::Option& AddPublicKeys(CLI::App& command, std::vector<std::string>& files);
 void AddOldKeys(CLI::App& command, std::vector<std::string>& files);

@@ -8,12 +8,22 @@
 
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <iterator>
 #include <utility>
 
 namespace tarn::publisher {
 
+namespace fs = std::filesystem;
+
 namespace {
+
+/** What rebuilds a document of a repository, but for the name of the key. */
+std::string RestoreCommand(const std::string& path) {
+	const fs::path document(path);
+	return "\"tarndbudpub restore --repo " + document.parent_path().parent_path().string() + " --db-version " +
+	       document.filename().string() + " --key FILE\"";
+}
 
 int VersionOf(const Json::Value& entry, const std::string& id, const std::string& path) {
 	std::optional<int> version;
@@ -22,7 +32,7 @@ int VersionOf(const Json::Value& entry, const std::string& id, const std::string
 	}
 	if (!version) {
 		throw DamagedDocument("The document " + path + " holds no readable version of " + id +
-		                      "; repair it, or rebuild it by \"tarndbudpub restore\".");
+		                      "; repair it, or rebuild it by " + RestoreCommand(path) + ".");
 	}
 	return *version;
 }
@@ -108,14 +118,13 @@ void Document::Parse(const std::string& text) {
 	if (!value_.isObject()) {
 		std::replace(errors.begin(), errors.end(), '\n', ' ');
 		throw DamagedDocument("The document " + path_ +
-		                      " is no JSON object and is left as it is; repair it, or rebuild "
-		                      "it by \"tarndbudpub restore\". " +
-		                      errors);
+		                      " is no JSON object and is left as it is; repair it, or rebuild it by " +
+		                      RestoreCommand(path_) + ". " + errors);
 	}
 	if (!std::as_const(value_)["db_list"].isObject()) {
 		throw DamagedDocument("The document " + path_ +
-		                      " has no \"db_list\" object and is left as it is; repair it, or "
-		                      "rebuild it by \"tarndbudpub restore\".");
+		                      " has no \"db_list\" object and is left as it is; repair it, or rebuild it by " +
+		                      RestoreCommand(path_) + ".");
 	}
 }
 

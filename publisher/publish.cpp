@@ -5,6 +5,7 @@
 #include "publisher/channels.h"
 #include "publisher/checks.h"
 #include "publisher/diff_maker.h"
+#include "publisher/document_sentences.h"
 #include "publisher/files.h"
 #include "publisher/repository.h"
 #include "publisher/same_content.h"
@@ -28,6 +29,12 @@ void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObser
 	if (result.download_link.find(digits) != result.download_link.rfind(digits)) {
 		observer.warn("The digits of version " + digits + " stand more than once in the link " + result.download_link +
 		              "; a device that is told to install another version rewrites them all.");
+	}
+}
+
+void WarnUnlessEmpty(const std::string& sentence, const PublishObserver& observer) {
+	if (!sentence.empty()) {
+		observer.warn(sentence);
 	}
 }
 
@@ -58,6 +65,7 @@ public:
 		result_.tree_size = tree_.total_size;
 		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
+		WarnUnlessEmpty(NewDocumentWarning(repository_, options_.db_version, options_.id), observer_);
 		previous_ = EntryToContinue(repository_, options_, result_.data_version);
 		repository_.Clean(options_.id, result_.data_version);
 

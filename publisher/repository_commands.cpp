@@ -99,6 +99,13 @@ int RunPromote(const RepositoryCommandOptions& options, const Streams& streams) 
 	return kDone;
 }
 
+/** What nobody has looked at; nothing where no device gets the channel. */
+std::string UncheckedText(const RolloutOptions& options, Share share) {
+	return options.repository.empty() && share > 0 ? " Not checked, without --repo: that " + options.channel +
+	                                                     " exists, and names all that " + options.document + " names."
+	                                               : "";
+}
+
 int RunRollout(const RepositoryCommandOptions& options, const Streams& streams) {
 	const RolloutOptions& rollout = options.rollout;
 	const Share share = Rollout(rollout);
@@ -108,11 +115,12 @@ int RunRollout(const RepositoryCommandOptions& options, const Streams& streams) 
 		value["document"] = rollout.document;
 		value["percent"] = PercentText(share);
 		value["conf"] = rollout.conf_file;
+		value["checked"] = !rollout.repository.empty();
 		PrintJson(value, streams.out);
 	} else {
 		streams.out << "Wrote " << rollout.conf_file << ": " << PercentText(share)
 		            << " % of the devices that ask for document " << rollout.document << " get " << rollout.channel
-		            << " when nginx has been reloaded.\n";
+		            << " when nginx has been reloaded." << UncheckedText(rollout, share) << "\n";
 	}
 	return kDone;
 }

@@ -38,6 +38,7 @@ Json::Value DiffJson(const DiffResult& diff) {
 Json::Value ResultJson(const PublishOptions& options, const PublishResult& result) {
 	Json::Value value(Json::objectValue);
 	value["id"] = options.id;
+	value["document"] = options.db_version;
 	value["is_published"] = !result.is_unchanged;
 	value["is_first"] = result.is_first;
 	value["data_version"] = result.data_version;
@@ -50,8 +51,10 @@ Json::Value ResultJson(const PublishOptions& options, const PublishResult& resul
 }
 
 void PrintVersion(const PublishOptions& options, const PublishResult& result, std::ostream& out) {
-	out << "Published " << options.id << " version " << result.data_version << ": " << result.files << " files, "
-	    << HumanSize(result.tree_size) << " in a package of " << HumanSize(result.package_size) << ", "
+	// The default document is not worth a word.
+	const std::string channel = options.db_version == PublishOptions().db_version ? "" : " to " + options.db_version;
+	out << "Published " << options.id << " version " << result.data_version << channel << ": " << result.files
+	    << " files, " << HumanSize(result.tree_size) << " in a package of " << HumanSize(result.package_size) << ", "
 	    << result.download_link << "\n";
 }
 
@@ -79,10 +82,15 @@ void PrintPublished(const PublishOptions& options, const PublishResult& result, 
 void PrintWithdrawn(const PublishOptions& options, const WithdrawResult& result, bool json, std::ostream& out) {
 	if (json) {
 		Json::Value value = ResultJson(options, result.published);
-		value["withdrawn"] = result.withdrawn;
+		value["withdrawn"] = result.published.is_unchanged ? Json::Value() : Json::Value(result.withdrawn);
 		value["restored"] = result.restored;
 		value["is_rebuilt"] = result.is_rebuilt;
 		out << JsonText(value, "\t") << "\n";
+		return;
+	}
+	if (result.published.is_unchanged) {
+		out << "Nothing to do: version " << result.published.data_version << " has the content of version "
+		    << result.restored << " already.\n";
 		return;
 	}
 	PrintVersion(options, result.published, out);

@@ -61,8 +61,8 @@ std::string DocumentPath(const RolloutOptions& options, const std::string& name)
 	const std::string what = offered ? "the older version " + std::to_string(offered->data_version) : "no version";
 	throw PublishError("The document " + DocumentPath(options, options.channel) + " names " + what + " of " + id +
 	                   ", of which " + options.document + " names version " + std::to_string(wanted) +
-	                   ": run \"tarndbudpub promote " + id + " --from " + options.document + " --to " +
-	                   options.channel + "\" before.");
+	                   ": run \"tarndbudpub promote " + id + " --repo " + options.repository + " --from " +
+	                   options.document + " --to " + options.channel + " --key FILE\" before.");
 }
 
 /** Devices of the share see the channel's document alone, which must therefore lack nothing. */

@@ -4,6 +4,8 @@
 #include "base/text.h"
 #include "publisher/begun_package.h"
 #include "publisher/checks.h"
+#include "publisher/document_sentences.h"
+#include "publisher/same_content.h"
 #include "publisher/withdrawal_diffs.h"
 #include "publisher/withdrawn_packages.h"
 
@@ -22,8 +24,9 @@ Entry RequireEntry(const Repository& repository, const PublishOptions& options) 
 	if (auto entry = repository.ReadEntry(options.db_version, options.id)) {
 		return *entry;
 	}
-	throw PublishError(
-	    "The document " + repository.DocumentPath(options.db_version) + " does not name " + options.id + ".");
+	const std::string naming = NamingDocuments(repository, options.id);
+	throw PublishError(WhyNotNamed(repository, options.db_version, options.id) +
+	                   (naming.empty() ? "." : "; --channel has to be one of those that name it: " + naming + "."));
 }
 
 /** The steps of Withdraw(). */
@@ -46,6 +49,9 @@ public:
 		const WorkDirectory work(repository_.Directory());
 		const VersionContent content(repository_, reader_, *chain_, options_.id);
 		const Tree tree = Restore(content, work);
+		if (IsThereAlready(tree)) {
+			return std::move(result_);
+		}
 		ReplacingFile package(repository_.PackagePath(options_.id, Version()));
 		WriteFull(tree, package);
 		const WithdrawalOrder order = {repository_, options_, key_, reader_, *chain_, content, work, result_.restored,
@@ -96,8 +102,9 @@ private:
 		}
 		if (repository_.EntriesOf(options_.id).size() > 1) {
 			// The version before may have been on trial in another channel only.
-			throw PublishError(
-			    "Several documents name " + options_.id + ", so --to has to say which version is to come back.");
+			throw PublishError("Several documents name " + options_.id +
+			                   ", so --to has to say which version is to come back: " +
+			                   NamingDocuments(repository_, options_.id) + ".");
 		}
 		if (!chain_->Links().empty()) {
 			return previous_.data_version - 1;
@@ -155,6 +162,32 @@ private:
 			                   std::to_string(result_.withdrawn) + " is another.");
 		}
 		return ListTree(directory);
+	}
+
+	/**
+	 * Whether the newest version has the content already, by its full package: without one there is something to do.
+	 * A withdrawal that is given again would otherwise make all devices download what changes nothing.
+	 */
+	bool IsThereAlready(const Tree& tree) {
+		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
+		if (!fs::exists(path)) {
+			return false;
+		}
+		const archive::ArchiveFile archive = reader_.Open(path, {options_.id, "", previous_.data_version});
+		if (!HoldsTree(archive, path, tree)) {
+			return false;
+		}
+		PublishResult& published = Published();
+		published.is_unchanged = true;
+		published.data_version = previous_.data_version;
+		published.files = tree.files.size();
+		published.tree_size = tree.total_size;
+		published.package_size = archive.Head().FileSize();
+		published.download_link = previous_.download_link;
+		if (newest_[kRestoresKey] == result_.restored) {
+			WarnOfOtherDocuments(); // which a killed withdrawal has not done
+		}
+		return true;
 	}
 
 	void WriteFull(const Tree& tree, ReplacingFile& package) {
@@ -230,7 +263,8 @@ private:
 
 	void WarnOfOtherDocuments() const {
 		for (const auto& [name, entry] : repository_.EntriesOf(options_.id)) {
-			if (entry.data_version > result_.restored && entry.data_version <= result_.withdrawn) {
+			if (entry.data_version > result_.restored && entry.data_version <= result_.withdrawn &&
+			    entry.data_version != Version()) {
 				observer_.warn("The document " + repository_.DocumentPath(name) + " still names version " +
 				               std::to_string(entry.data_version) + ", which is withdrawn; promote version " +
 				               std::to_string(Version()) + " to that channel as well.");

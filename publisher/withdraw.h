@@ -11,7 +11,7 @@ namespace tarn::publisher {
 
 struct WithdrawResult {
 	PublishResult published; // the new version
-	int withdrawn = 0;       // the newest version before, from which on versions are withdrawn
+	int withdrawn = 0;       // the newest version before, down from which versions are withdrawn
 	int restored = 0;        // the version whose content the new version has
 	bool is_rebuilt = false; // whether its full package was missing
 };
@@ -19,7 +19,8 @@ struct WithdrawResult {
 /**
  * Publishes the content of an earlier version as the next version, and withdraws all versions in between: their diff
  * packages give way to empty ones, their full packages are kept where no server finds them. Nothing else is promised
- * differently than by Publish(), also not when the publisher is killed.
+ * differently than by Publish(), also not when the publisher is killed. When the newest version has the content
+ * already, nothing is published, and the result is that version, unchanged.
  *
  * @param options  without a tree; an empty URL stands for that of the last publication. A version that is not the next
  *                 has no diff packages
