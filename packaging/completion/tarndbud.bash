@@ -111,13 +111,14 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen publish withdraw restore export changes verify extract inspect promote rollout prune check-repo --version --help' ;;
+	'') _tarndbud_offer 'keygen fingerprint publish withdraw restore export changes verify extract inspect promote rollout prune check-repo --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
+	fingerprint) _tarndbud_offer '--json --help' ;;
 	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --if-changed --notes --json --help' ;;
 	withdraw) _tarndbud_offer '--repo --key --to --url --data-version --db-version --channel --level --keep-diffs --old-key --notes --json --help' ;;
-	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --format-version --data-version --keep-diffs --force --help' ;;
-	export) _tarndbud_offer '--repo --key --from --with-full --also --db-version --json --help' ;;
-	changes) _tarndbud_offer '--repo --key --db-version --examples --limit --json --help' ;;
+	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --channel --format-version --data-version --keep-diffs --force --help' ;;
+	export) _tarndbud_offer '--repo --key --from --with-full --also --db-version --channel --json --help' ;;
+	changes) _tarndbud_offer '--repo --key --db-version --channel --examples --limit --json --help' ;;
 	verify | extract) _tarndbud_offer '--key --help' ;;
 	inspect) _tarndbud_offer '--json --help' ;;
 	promote) _tarndbud_offer '--repo --from --to --key --old-key --json --help' ;;

@@ -140,7 +140,7 @@ TEST_F(ArchiveCheck, RefusesWhatIsNoArchive) {
 	ExpectRefused(Changed(""), "is too short for a signed archive");
 	ExpectRefused(Changed(std::string(4096, 'x')), "is not a signed archive");
 	ExpectRefused(Changed("<html>" + std::string(4096, ' ')), "is not a signed archive");
-	ExpectRefused(directory_ / "missing", "cannot open: No such file or directory");
+	ExpectRefused(directory_ / "missing", "is missing");
 	ExpectRefused(directory_ / "outside", "is not a regular file");
 }
 

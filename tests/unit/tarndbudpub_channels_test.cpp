@@ -55,7 +55,7 @@ TEST_F(Channels, GiveNoVersionTwiceAndContinueEachOthersChains) {
 	EXPECT_EQ(PublishTo("1"), 4);
 	EXPECT_THAT(ChainOf("1"), ElementsAre("2", "3", "4")) << "through the canary's version";
 	EXPECT_EQ(EntryOf("canary")["data_version"].asString(), "3");
-	EXPECT_THAT(warnings_, IsEmpty());
+	EXPECT_THAT(warnings_, ElementsAre("The document canary is new, beside 1: devices that ask for it find db alone."));
 	EXPECT_EQ(Followed(2, 4), PublishedTree());
 }
 
@@ -88,6 +88,7 @@ TEST_F(Channels, PromoteTheWholeEntry) {
 	EXPECT_EQ(result.before, 1);
 	EXPECT_EQ(result.data_version, 3);
 	EXPECT_EQ(EntryOf("1"), EntryOf("canary"));
+	warnings_.clear();
 	EXPECT_FALSE(Promote().is_changed);
 	EXPECT_THAT(warnings_, IsEmpty());
 }
@@ -115,7 +116,7 @@ TEST_F(Channels, PromoteBeginsAChannel) {
 	EXPECT_FALSE(result.before);
 	EXPECT_FALSE(result.has_chain);
 	EXPECT_EQ(EntryOf("canary"), EntryOf("1"));
-	EXPECT_THAT(warnings_, IsEmpty());
+	EXPECT_THAT(warnings_, ElementsAre("The document canary is new, beside 1: devices that ask for it find db alone."));
 }
 
 TEST_F(Channels, PromoteRefusesWhereDevicesWouldFindNothing) {
@@ -127,7 +128,7 @@ TEST_F(Channels, PromoteRefusesWhereDevicesWouldFindNothing) {
 	fs::remove(Diff(2));
 	EXPECT_THAT(PromoteError(),
 	    AllOf(StartsWith("Version 3 of db is not promoted: devices of 1 would find no chain of diff packages"),
-	        HasSubstr(Diff(2) + " cannot open"), HasSubstr(Package(3) + " cannot open")));
+	        HasSubstr(Diff(2) + " is missing"), HasSubstr(Package(3) + " is missing")));
 	EXPECT_EQ(ReadFile(options_.repository + "/database_info/1"), document);
 }
 
@@ -137,6 +138,7 @@ TEST_F(Channels, PromoteTakesOneOfTheTwoWaysAndWarnsOfTheOther) {
 	PublishTo("canary");
 	const std::string diff = ReadFile(Diff(2));
 	WriteFile(Diff(2), diff.substr(0, diff.size() - 1));
+	warnings_.clear();
 	EXPECT_FALSE(Promote().has_chain);
 	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("Devices of 1 take the full package: the package " + Diff(2))));
 	warnings_.clear();
@@ -148,6 +150,46 @@ TEST_F(Channels, PromoteTakesOneOfTheTwoWaysAndWarnsOfTheOther) {
 	WriteFile(Package(5), "damaged");
 	promote_.to = "new";
 	EXPECT_THAT(PromoteError(), HasSubstr("new does not name db yet"));
+}
+
+TEST_F(Channels, TellWhatANewDocumentLacks) {
+	for (const char* id : {"a", "b", "c", "d", "db"}) {
+		options_.id = id;
+		PublishTo("canary");
+	}
+	options_.id = "a";
+	PublishTo("2");
+	warnings_.clear();
+	options_.id = "db";
+	PublishTo("1");
+	const std::string lacking = "find db alone, and not a, b, c and 1 more, which canary names.";
+	EXPECT_THAT(warnings_, ElementsAre("The document 1 is new, beside 2, canary: devices that ask for it " + lacking));
+	warnings_.clear();
+	PublishTo("1");
+	PublishTo("canary");
+	EXPECT_THAT(warnings_, IsEmpty()) << "both are there";
+	promote_.to = "canri";
+	Promote();
+	EXPECT_THAT(
+	    warnings_, ElementsAre("The document canri is new, beside 1, 2, canary: devices that ask for it " + lacking));
+	warnings_.clear();
+	WriteFile(options_.repository + "/database_info/canary", "damaged");
+	promote_.from = "1";
+	promote_.to = "new";
+	Promote();
+	EXPECT_THAT(warnings_, Contains(HasSubstr("find db alone, and not a, which 2 names.")));
+}
+
+TEST_F(Channels, PromoteTellsAMistypedDocumentFromOneThatLacksTheDatabase) {
+	PublishTo("1");
+	PublishTo("canary");
+	promote_.from = "canari";
+	EXPECT_EQ(PromoteError(), "There is no document " + options_.repository +
+	                              "/database_info/canari, only 1, canary, so there is nothing to promote.");
+	promote_.from = "canary";
+	promote_.id = "other";
+	EXPECT_EQ(PromoteError(), "The document " + options_.repository +
+	                              "/database_info/canary does not name other, so there is nothing to promote.");
 }
 
 TEST_F(Channels, PromoteSeesAGapAndAWrongSize) {

@@ -168,7 +168,7 @@ TEST_F(DiffPublishing, IsLeftOutWithoutThePackageBefore) {
 	PublishChange();
 	fs::remove(Package(1));
 	PublishChange();
-	ExpectRefusal("db_v1.tarn cannot open");
+	ExpectRefusal("db_v1.tarn is missing");
 }
 
 TEST_F(DiffPublishing, TrustsNoPackageThatAnotherKeySigned) {

@@ -202,8 +202,7 @@ TEST_F(CheckingRepository, FindsAPackageThatIsMissingOrDamaged) {
 	PublishUpTo(3);
 	const std::string diff = ReadFile(Diff(2));
 	fs::remove(Diff(2));
-	EXPECT_THAT(Problems(),
-	    ElementsAre("broken: database_info/1, db: the package " + Diff(2) + " cannot open: No such file or directory"));
+	EXPECT_THAT(Problems(), ElementsAre("broken: database_info/1, db: the package " + Diff(2) + " is missing"));
 	std::string damaged = diff;
 	damaged.back() = static_cast<char>(damaged.back() ^ 1);
 	WriteFile(Diff(2), damaged);
@@ -385,7 +384,8 @@ TEST_F(RolloutFile, IsRefusedForAChannelThatLacksWhatTheDocumentNames) {
 	options_.db_version = "1";
 	PublishUpTo(3);
 	EXPECT_THAT(Error(), AllOf(HasSubstr("names the older version 2 of db, of which 1 names version 3"),
-	                         HasSubstr("\"tarndbudpub promote db --from 1 --to canary\"")));
+	                         HasSubstr("\"tarndbudpub promote db --repo " + options_.repository +
+	                                   " --from 1 --to canary --key FILE\"")));
 	options_.id = "other";
 	PublishUpTo(4);
 	rollout_.percent = "0";

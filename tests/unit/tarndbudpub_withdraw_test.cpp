@@ -115,6 +115,39 @@ TEST_F(Withdrawing, BringsAWithdrawnVersionBack) {
 	}
 }
 
+TEST_F(Withdrawing, PublishesNothingWhenTheContentIsThereAlready) {
+	PublishBad();
+	Withdraw(2);
+	const std::vector<std::string> files = RepositoryFiles();
+	const Json::Value document = Document();
+	const publisher::WithdrawResult again = Withdraw(2);
+	EXPECT_TRUE(again.published.is_unchanged);
+	EXPECT_EQ(again.published.data_version, 4);
+	EXPECT_EQ(RepositoryFiles(), files);
+	EXPECT_EQ(Document(), document);
+	EXPECT_EQ(Withdraw(1).published.data_version, 5) << "another content";
+	fs::remove(Package(5));
+	EXPECT_EQ(Withdraw(1).published.data_version, 6) << "new devices find no full package of 5";
+}
+
+TEST_F(Withdrawing, RepeatsWhichChannelsStillNameTheBadVersion) {
+	PublishBad();
+	options_.db_version = "canary";
+	Put("list", "worse");
+	Publish();
+	options_.db_version = "1";
+	EXPECT_THAT(WithdrawError(), HasSubstr("which version is to come back: 1 (version 3), canary (version 4)."));
+	options_.db_version = "canary";
+	Withdraw(2);
+	warnings_.clear();
+	EXPECT_TRUE(Withdraw(2).published.is_unchanged);
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("database_info/1 still names version 3, which is withdrawn; promote "
+	                                             "version 5 to")));
+	options_.db_version = "canari";
+	EXPECT_THAT(WithdrawError(2),
+	    AllOf(HasSubstr("There is no document "), HasSubstr("those that name it: 1 (version 3), canary (version 5).")));
+}
+
 TEST_F(Withdrawing, LetsTheChainGoOnAfterwards) {
 	PublishBad();
 	Withdraw();
