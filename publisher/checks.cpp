@@ -52,8 +52,8 @@ std::int64_t Number(const PublishOptions& options, const std::optional<int>& las
 
 /** What takes packages into the document that the options name, but for the name of the key. */
 std::string RestoreCommand(const PublishOptions& options, const std::string& more) {
-	return "tarndbudpub restore --repo " + options.repository + " --id " + options.id + " --db-version " +
-	       options.db_version + " --key FILE" + more;
+	return "tarndbudpub restore --repo " + options.repository + " --db-version " + options.db_version + " --key FILE" +
+	       more;
 }
 
 void RequireNamed(const PublishOptions& options, const std::vector<PackageFile>& files) {
@@ -72,11 +72,12 @@ void RequireNamed(const PublishOptions& options, const std::vector<PackageFile>&
 
 void RefuseUnnamed(const PublishOptions& options, int next, const std::vector<PackageFile>& files) {
 	const std::int64_t free = std::int64_t{files.back().data_version} + 1;
-	throw PublishError(
-	    "Version " + std::to_string(next) + " of " + options.id + " cannot be published: " + files.back().path +
-	    " is there, no document names it, and devices may have it. Take it into the "
-	    "document by \"" +
-	    RestoreCommand(options, " --force") + "\", or go past it by --data-version " + std::to_string(free) + ".");
+	throw PublishError("Version " + std::to_string(next) + " of " + options.id +
+	                   " cannot be published: " + files.back().path +
+	                   " is there, no document names it, and devices may have it. Take it into the "
+	                   "document by \"" +
+	                   RestoreCommand(options, " --force --id " + options.id) + "\", or go past it by --data-version " +
+	                   std::to_string(free) + ".");
 }
 
 } // namespace

@@ -52,7 +52,8 @@ TEST_F(NextVersion, IsRefusedWithoutTheDocumentThatNamedThePackages) {
 	fs::remove(DocumentPath());
 	ExpectRefused(
 	    "No document names db, though packages of it lie in " + options_.repository +
-	    "/packages/db, up to version 3, which devices may have. Rebuild the document by \"tarndbudpub restore\"");
+	    "/packages/db, up to version 3, which devices may have. Rebuild the document by \"tarndbudpub restore --repo " +
+	    options_.repository + " --db-version 1 --key FILE\"");
 	options_.data_version = 1000;
 	ExpectRefused("No document names db");
 	options_.data_version.reset();

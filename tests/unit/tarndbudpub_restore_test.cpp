@@ -239,6 +239,7 @@ TEST_F(Restoring, NamesNoVersionAboveTheOneThatItIsTold) {
 	const std::string document = ReadFile(DocumentPath());
 	options_.db_version = "canary";
 	PublishUpTo(2);
+	warnings_.clear();
 	fs::remove(DocumentPath());
 	EXPECT_EQ(Failure(), "");
 	EXPECT_EQ(NamedVersion(), "4");
