@@ -127,8 +127,7 @@ TEST(PackageRefusalTest, IsWhatThePlatformSaysOfTheLastPackage) {
 	ASSERT_TRUE(LastPackageRefusal());
 	EXPECT_FALSE(LastPackageRefusal()->not_asked_for);
 	const Failure failure = ExplainMessage("tarnarchive_open /missing/geo_v3 failed, ret: 0", 0);
-	EXPECT_THAT(
-	    failure.sentence, HasSubstr("ret: 0; it is missing; the package is damaged"));
+	EXPECT_THAT(failure.sentence, HasSubstr("ret: 0; it is missing; the package is damaged"));
 	tarnarchive_free(tarnarchive_init("/"));
 	EXPECT_FALSE(LastPackageRefusal()) << "the last call succeeded";
 }
