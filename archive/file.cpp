@@ -63,16 +63,21 @@ std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_
 	if (keys.empty()) {
 		throw Error("cannot be checked: there is no trusted key");
 	}
-	const auto signer = std::find_if(keys.begin(), keys.end(),
-	    [this](const TrustedKey& trusted) { return trusted.key.Verify(message_, signature_); });
-	if (signer == keys.end()) {
+	const std::optional<std::size_t> signer = SignerAmong(keys);
+	if (!signer) {
 		throw Error("has no signature by a trusted key");
 	}
 	if (head_.key_type != key_type) {
 		throw Error("is signed for key type " + std::to_string(head_.key_type) + ", not " + std::to_string(key_type));
 	}
 	CheckPayload();
-	return static_cast<std::size_t>(signer - keys.begin());
+	return *signer;
+}
+
+std::optional<std::size_t> ArchiveFile::SignerAmong(const std::vector<TrustedKey>& keys) const {
+	const auto signer = std::find_if(keys.begin(), keys.end(),
+	    [this](const TrustedKey& trusted) { return trusted.key.Verify(message_, signature_); });
+	return signer == keys.end() ? std::nullopt : std::optional(static_cast<std::size_t>(signer - keys.begin()));
 }
 
 void ArchiveFile::CheckPayload() const {

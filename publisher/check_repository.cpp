@@ -4,11 +4,13 @@
 #include "base/text.h"
 #include "publisher/checks.h"
 #include "publisher/diff_package.h"
+#include "publisher/link_bases.h"
 #include "publisher/package.h"
 #include "publisher/prune.h"
 #include "publisher/publish_error.h"
 #include "publisher/repository_listing.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -54,7 +56,9 @@ public:
 		for (const Named& named : named_) {
 			observer_.step("checking packages", done++, named_.size());
 			CheckPackage(named);
+			CheckLink(named);
 		}
+		CompareLinks();
 		for (const auto& [name, examined] : examined_) {
 			++result_.packages;
 			result_.bytes += examined.size;
@@ -81,6 +85,8 @@ private:
 		result_.documents = listing_.documents.size() + listing_.damaged.size();
 		if (result_.documents == 0) {
 			AddBroken("database_info", "there is no document");
+		} else {
+			RequireDocuments();
 		}
 		for (const auto& [name, sentence] : listing_.damaged) {
 			AddBroken("database_info/" + name, sentence);
@@ -89,6 +95,15 @@ private:
 			for (const std::string& id : document.Ids()) {
 				++result_.entries;
 				CheckEntry(name, document, id);
+			}
+		}
+	}
+
+	void RequireDocuments() {
+		for (const std::string& name : std::set<std::string>(options_.documents.begin(), options_.documents.end())) {
+			if (listing_.documents.count(name) + listing_.damaged.count(name) == 0) {
+				AddBroken("database_info/" + name,
+				    "the document is missing; where devices ask for others only, --document names these");
 			}
 		}
 	}
@@ -148,8 +163,24 @@ private:
 		if (!problem.empty() && IsStillNamed(named)) {
 			AddBroken(named.Where(), problem);
 		}
+	}
+
+	void CheckLink(const Named& named) {
 		if (!EndsWith(named.link, "/" + named.Name()) || !StartsWith(named.link, "http")) {
 			AddBroken(named.Where(), "the link \"" + Printable(named.link) + "\" does not lead to " + named.Name());
+		} else {
+			bases_[named.document].Add(named.link, named.Name());
+		}
+	}
+
+	/** Only devices find out which of several URLs does not lead here. */
+	void CompareLinks() {
+		for (const auto& [document, bases] : bases_) {
+			if (const std::string difference = bases.Difference(); !difference.empty()) {
+				Add(Severity::kUntidy, "database_info/" + document,
+				    "its links begin with different URLs: " + difference +
+				        "; unless all of them lead here, mend the links by restore --force --url URL");
+			}
 		}
 	}
 
@@ -196,6 +227,30 @@ private:
 				JudgePackages(id, files);
 			}
 		}
+		if (listing_.damaged.empty() && !IsUnreadable()) { // Else prune refuses.
+			CountRemovable();
+		}
+	}
+
+	/** Whether prune cannot tell what is needed of a database. */
+	bool IsUnreadable() const {
+		return std::any_of(unreadable_.begin(), unreadable_.end(),
+		    [this](const std::string& id) { return fs::is_directory(options_.repository + "/packages/" + id); });
+	}
+
+	void CountRemovable() {
+		PruneResult removable;
+		for (const std::string& path : listing_.leftovers) {
+			removable.Take(path);
+		}
+		for (const auto& [id, entries] : entries_) {
+			const std::vector<PackageFile>& files = listing_.packages[id];
+			for (const std::string& path : UnneededPackages({id, entries, files}, files, listing_.withdrawn[id])) {
+				removable.Take(path);
+			}
+		}
+		result_.removable_files = removable.files.size();
+		result_.removable_bytes = removable.bytes;
 	}
 
 	void JudgePackages(const std::string& id, const std::vector<PackageFile>& files) {
@@ -212,11 +267,6 @@ private:
 				    "no document names it: a publisher was killed before its document, or the document is an old copy");
 			} else if (file.is_diff && !needed.IsNamed(file)) {
 				AddUntidy(file.path, "no document names it");
-			} else if (!needed.IsNeeded(file)) {
-				++result_.old_packages;
-				std::error_code error; // Removed meanwhile.
-				const std::uint64_t size = fs::file_size(file.path, error);
-				result_.old_bytes += error ? 0 : size;
 			}
 		}
 	}
@@ -229,12 +279,16 @@ private:
 	std::set<std::string> unreadable_;                            // databases of which an entry cannot be read
 	std::vector<Named> named_;
 	std::map<std::string, Examined> examined_; // by the package's name
+	std::map<std::string, LinkBases> bases_;   // by document
 	CheckResult result_;
 };
 
 } // namespace
 
 CheckResult CheckRepository(const RepositoryCheckOptions& options, const PublishObserver& observer) {
+	for (const std::string& document : options.documents) {
+		CheckWord("--document", document);
+	}
 	RequireRepository(options.repository);
 	return RepositoryCheck(options, observer).Run();
 }

@@ -29,6 +29,7 @@ constexpr std::size_t kMostProblems = 1000;
 struct RepositoryCheckOptions {
 	std::string repository;
 	std::vector<std::string> keys; // public keys, one of which must have signed a package; empty for no such check
+	std::vector<std::string> documents = {"1"}; // those that devices ask for: each must be there
 };
 
 struct CheckResult {
@@ -40,8 +41,8 @@ struct CheckResult {
 	std::vector<RepositoryProblem> problems;
 	std::uint64_t broken = 0;
 	std::uint64_t untidy = 0;
-	std::uint64_t old_packages = 0; // that Prune() would remove
-	std::uint64_t old_bytes = 0;
+	std::uint64_t removable_files = 0; // by Prune(), as far as this process may see them
+	std::uint64_t removable_bytes = 0;
 };
 
 /**

@@ -189,6 +189,14 @@ archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageI
 	}
 }
 
+bool PackageReader::IsForeign(const std::string& path) const {
+	try {
+		return !archive::ArchiveFile(path).SignerAmong(keys_);
+	} catch (const Error&) {
+		return false;
+	}
+}
+
 archive::ArchiveFile PackageReader::OpenUnchecked(const std::string& path, const PackageInfo& expected) {
 	try {
 		archive::ArchiveFile archive(path);

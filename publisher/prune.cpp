@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <utility>
 
 namespace tarn::publisher {
@@ -67,27 +68,20 @@ private:
 			observer_.warn(sentence);
 			return;
 		}
-		const NeededPackages needed(id, entries, files);
-		for (const PackageFile& file : files) {
-			const std::string place = repository_.Directory() + "/" + Repository::NameOf(id, file);
-			if (file.path == place && !needed.IsNeeded(file) && fs::is_regular_file(fs::symlink_status(file.path))) {
-				Take(file.path);
-			}
-		}
-		for (const PackageFile& file : PackagesIn(WithdrawnDirectory(repository_.PackageDirectory(id)), id)) {
-			Take(file.path);
+		std::vector<PackageFile> in_place;
+		std::copy_if(files.begin(), files.end(), std::back_inserter(in_place), [&](const PackageFile& file) {
+			return file.path == repository_.Directory() + "/" + Repository::NameOf(id, file);
+		});
+		const std::vector<PackageFile> withdrawn = PackagesIn(WithdrawnDirectory(repository_.PackageDirectory(id)), id);
+		for (const std::string& path : UnneededPackages({id, entries, in_place}, in_place, withdrawn)) {
+			result_.Take(path);
 		}
 	}
 
 	void TakeLeftovers(const std::string& directory) {
 		for (const std::string& path : Leftovers(directory)) {
-			Take(path);
+			result_.Take(path);
 		}
-	}
-
-	void Take(const std::string& path) {
-		result_.files.push_back({path, SizeOf(path)});
-		result_.bytes += result_.files.back().size;
 	}
 
 	void Remove() {
@@ -142,6 +136,25 @@ bool NeededPackages::IsAboveAll(const PackageFile& file) const {
 
 bool NeededPackages::IsNeeded(const PackageFile& file) const {
 	return IsNamed(file) || IsAboveAll(file) || (!file.is_diff && full_.count(file.data_version) > 0);
+}
+
+std::vector<std::string> UnneededPackages(
+    const NeededPackages& needed, const std::vector<PackageFile>& in_place, const std::vector<PackageFile>& withdrawn) {
+	std::vector<std::string> paths;
+	for (const PackageFile& file : in_place) {
+		if (!needed.IsNeeded(file) && fs::is_regular_file(fs::symlink_status(file.path))) {
+			paths.push_back(file.path);
+		}
+	}
+	for (const PackageFile& file : withdrawn) {
+		paths.push_back(file.path);
+	}
+	return paths;
+}
+
+void PruneResult::Take(const std::string& path) {
+	files.push_back({path, SizeOf(path)});
+	bytes += files.back().size;
 }
 
 PruneResult Prune(const PruneOptions& options, const PublishObserver& observer) {

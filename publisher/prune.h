@@ -50,6 +50,10 @@ private:
 	int highest_ = -1;
 };
 
+/** What Prune() removes of a database that a document names: packages in their place, and withdrawn ones. */
+[[nodiscard]] std::vector<std::string> UnneededPackages(
+    const NeededPackages& needed, const std::vector<PackageFile>& in_place, const std::vector<PackageFile>& withdrawn);
+
 struct PruneOptions {
 	std::string repository;
 	std::vector<std::string> ids; // empty for all
@@ -63,6 +67,9 @@ struct PruneResult {
 	};
 	std::vector<File> files; // that were removed, or would be
 	std::uint64_t bytes = 0;
+
+	/** Counts a file or a directory. */
+	void Take(const std::string& path);
 };
 
 /**

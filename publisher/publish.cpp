@@ -7,6 +7,7 @@
 #include "publisher/diff_maker.h"
 #include "publisher/document_sentences.h"
 #include "publisher/files.h"
+#include "publisher/last_publication.h"
 #include "publisher/repository.h"
 #include "publisher/same_content.h"
 
@@ -52,6 +53,7 @@ public:
 
 	PublishResult Run() {
 		previous_ = repository_.ReadEntry(options_.db_version, options_.id);
+		RequireOwnPrevious();
 		if (options_.if_changed && previous_ && IsUnchanged()) {
 			return std::move(result_);
 		}
@@ -66,7 +68,9 @@ public:
 		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
 		WarnUnlessEmpty(NewDocumentWarning(repository_, options_.db_version, options_.id), observer_);
+		WarnOfOtherUrl(repository_, options_, observer_);
 		previous_ = EntryToContinue(repository_, options_, result_.data_version);
+		RequireOwnPrevious(); // which another channel may have published
 		repository_.Clean(options_.id, result_.data_version);
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
@@ -105,6 +109,12 @@ private:
 		result_.tree_size = tree_.total_size;
 		result_.download_link = previous_->download_link;
 		return result_.is_unchanged;
+	}
+
+	void RequireOwnPrevious() const {
+		if (previous_) {
+			RequireOwnPackage(repository_, reader_, options_, previous_->data_version);
+		}
 	}
 
 	std::string PackagePath() const { return repository_.PackagePath(options_.id, result_.data_version); }

@@ -14,6 +14,10 @@ namespace {
 
 constexpr char kCheckHelp[] = "Exit status: 0 all right, 1 not checked, 2 wrong usage, 3 broken for devices, 4 untidy.";
 
+std::string Counted(std::uint64_t count, const std::string& what) {
+	return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 void PrintJson(const Json::Value& value, std::ostream& out) {
 	out << JsonText(value, "\t") << "\n";
 }
@@ -54,6 +58,8 @@ void AddCheck(CLI::App& app, RepositoryCommandOptions& options) {
 	AddRepository(*command, options.check.repository);
 	command->add_option("--key", options.check.keys, "Public key that signed packages; may be repeated");
 	AddOldKeys(*command, options.old_keys);
+	command->add_option("--document", options.check.documents, "Document that must be there; may be repeated")
+	    ->capture_default_str();
 	AddJson(*command, options.json);
 	command->footer(kCheckHelp);
 }
@@ -153,8 +159,7 @@ int RunPrune(const RepositoryCommandOptions& options, const Streams& streams) {
 	for (const PruneResult::File& file : result.files) {
 		streams.out << verb << file.path << " (" << HumanSize(file.size) << ")\n";
 	}
-	streams.out << verb << result.files.size() << (result.files.size() == 1 ? " file, " : " files, ") << result.bytes
-	            << " bytes.\n";
+	streams.out << verb << Counted(result.files.size(), "file") << ", " << result.bytes << " bytes.\n";
 	return kDone;
 }
 
@@ -173,8 +178,8 @@ Json::Value CheckedJson(const RepositoryCheckOptions& options, const CheckResult
 	value["bytes"] = Json::UInt64{result.bytes};
 	value["broken"] = Json::UInt64{result.broken};
 	value["untidy"] = Json::UInt64{result.untidy};
-	value["old_packages"] = Json::UInt64{result.old_packages};
-	value["old_bytes"] = Json::UInt64{result.old_bytes};
+	value["removable_files"] = Json::UInt64{result.removable_files};
+	value["removable_bytes"] = Json::UInt64{result.removable_bytes};
 	Json::Value& problems = value["problems"] = Json::Value(Json::arrayValue);
 	for (const RepositoryProblem& problem : result.problems) {
 		Json::Value item(Json::objectValue);
@@ -194,12 +199,15 @@ void PrintChecked(const RepositoryCheckOptions& options, const CheckResult& resu
 	if (const std::uint64_t all = result.broken + result.untidy; all > result.problems.size()) {
 		out << "and " << all - result.problems.size() << " more problems\n";
 	}
-	out << StatusOf(result) << ": " << result.documents << " documents, " << result.packages << " packages ("
-	    << HumanSize(result.bytes) << "), " << result.broken << " broken, " << result.untidy << " untidy; signatures "
-	    << (options.keys.empty() ? "not checked, without --key" : "checked") << ". prune would remove "
-	    << result.old_packages << " packages (" << HumanSize(result.old_bytes) << ").\n";
+	out << StatusOf(result) << ": " << Counted(result.documents, "document") << ", "
+	    << Counted(result.packages, "package") << " (" << HumanSize(result.bytes) << "), " << result.broken
+	    << " broken, " << result.untidy << " untidy; signatures "
+	    << (options.keys.empty() ? "not checked, without --key" : "checked") << ". ";
 	if (result.is_publishing) {
 		out << "A publisher is at work, so only what documents name was checked.\n";
+	} else {
+		out << "prune would remove " << Counted(result.removable_files, "file") << " ("
+		    << HumanSize(result.removable_bytes) << ").\n";
 	}
 }
 

@@ -93,7 +93,7 @@ private:
 			}
 		}
 		const std::string withdrawn = WithdrawnDirectory(directory.string());
-		ListLeftoversIn(withdrawn);
+		ListWithdrawn(withdrawn, id);
 		for (const fs::path& path : PathsIn(directory.string())) {
 			const bool is_withdrawn = path.string() == withdrawn;
 			if (in_place.count(path.string()) == 0 && !is_withdrawn) {
@@ -103,10 +103,11 @@ private:
 	}
 
 	/** Only its owner may enter the directory, so that for a monitor of another user nothing lies there. */
-	void ListLeftoversIn(const std::string& withdrawn) {
+	void ListWithdrawn(const std::string& withdrawn, const std::string& id) {
 		if (access(withdrawn.c_str(), R_OK | X_OK) == 0 || errno != EACCES) {
 			const std::vector<std::string> leftovers = Leftovers(withdrawn);
 			result_.leftovers.insert(result_.leftovers.end(), leftovers.begin(), leftovers.end());
+			result_.withdrawn[id] = PackagesIn(withdrawn, id);
 		}
 	}
 

@@ -42,6 +42,7 @@ public:
 		}
 		if (!entries.empty()) {
 			repository_.RemoveDocumentLeftovers();
+			repository_.RememberUrl(url_);
 			repository_.WriteEntries(options_.db_version, entries, true);
 			result_.is_written = true;
 		}

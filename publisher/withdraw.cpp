@@ -5,6 +5,7 @@
 #include "publisher/begun_package.h"
 #include "publisher/checks.h"
 #include "publisher/document_sentences.h"
+#include "publisher/last_publication.h"
 #include "publisher/same_content.h"
 #include "publisher/withdrawal_diffs.h"
 #include "publisher/withdrawn_packages.h"
@@ -44,6 +45,7 @@ public:
 		Begin();
 		result_.withdrawn = previous_.data_version;
 		result_.restored = Target(to);
+		RequireOwnTarget();
 		Number();
 		repository_.Clean(options_.id, Version());
 		const WorkDirectory work(repository_.Directory());
@@ -73,6 +75,8 @@ private:
 			options_.url = repository_.RememberedUrl().value_or("");
 		}
 		CheckOptions(options_);
+		RequireOwnPackage(repository_, reader_, options_, previous_.data_version);
+		WarnOfOtherUrl(repository_, options_, observer_);
 		try {
 			chain_.emplace(repository_, reader_, options_.id, previous_);
 		} catch (const PublishError& error) {
@@ -91,6 +95,15 @@ private:
 			                   std::to_string(previous_.data_version) + ", the newest of " + options_.id + ".");
 		}
 		return static_cast<int>(*to);
+	}
+
+	void RequireOwnTarget() const {
+		const std::string path = repository_.KeptPackagePath(options_.id, result_.restored);
+		if (reader_.IsForeign(path)) {
+			throw PublishError("Version " + std::to_string(result_.restored) + " of " + options_.id +
+			                   " cannot come back: its package " + path +
+			                   " has no signature by --key or an --old-key; name the key that signed it by --old-key.");
+		}
 	}
 
 	int Default() const {
@@ -121,11 +134,16 @@ private:
 		return before;
 	}
 
-	/** What the newest version says about itself, by its diff package when its full package is missing. */
+	/**
+	 * What the newest version says about itself, by its diff package when its full package is missing. It needs no
+	 * trust where nothing is made from it: it can only lead to a refusal.
+	 */
 	Json::Value NewestMetadata() const {
 		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
 		if (fs::exists(path)) {
-			return ReadMetadata(reader_.Open(path, {options_.id, "", previous_.data_version}));
+			const PackageInfo info = {options_.id, "", previous_.data_version};
+			return ReadMetadata(
+			    reader_.IsForeign(path) ? PackageReader::OpenUnchecked(path, info) : reader_.Open(path, info));
 		}
 		return chain_->Links().empty() ? Json::Value(Json::objectValue) : chain_->Links().back().package.metadata;
 	}

@@ -124,7 +124,7 @@ _tarndbudpub() {
 	promote) _tarndbud_offer '--repo --from --to --key --old-key --json --help' ;;
 	rollout) _tarndbud_offer '--conf --document --repo --json --help' ;;
 	prune) _tarndbud_offer '--repo --dry-run --json --help' ;;
-	check-repo) _tarndbud_offer '--repo --key --old-key --json --help' ;;
+	check-repo) _tarndbud_offer '--repo --key --old-key --document --json --help' ;;
 	esac
 }
 

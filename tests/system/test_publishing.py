@@ -146,6 +146,7 @@ def after_the_rotation(desk: Desk) -> None:
 def after_the_script(desk: Desk) -> None:
     shutil.copytree("/usr/share/zoneinfo/Europe", desk.tree("europe"))
     desk.assert_installs(1005, "europe", "d1005")
+    desk.published = desk.document()
 
 
 MILESTONES: dict[str, Callable[[Desk], None]] = {
@@ -158,6 +159,7 @@ MILESTONES: dict[str, Callable[[Desk], None]] = {
     "A lost document": after_the_rebuilding,
     "Rotating the key": after_the_rotation,
     "Unattended": after_the_script,
+    "When publishing fails": after_the_rebuilding,
 }
 """What is true, or is done at a device, when a section has been followed."""
 

@@ -185,7 +185,7 @@ TEST_F(CheckingRepository, FindsNothingInOneThatIsWhole) {
 	EXPECT_EQ(result.packages, 5U) << "two full packages and three diff packages, each once";
 	EXPECT_EQ(result.bytes, fs::file_size(Package(3)) + fs::file_size(Package(4)) + fs::file_size(Diff(2)) +
 	                            fs::file_size(Diff(3)) + fs::file_size(Diff(4)));
-	EXPECT_EQ(result.old_packages, 0U);
+	EXPECT_EQ(result.removable_files, 0U);
 	EXPECT_FALSE(result.is_publishing);
 }
 
@@ -194,8 +194,8 @@ TEST_F(CheckingRepository, CountsWhatPruneWouldRemoveWithoutComplaint) {
 	PublishUpTo(4);
 	const publisher::CheckResult result = Check();
 	EXPECT_THAT(result.problems, IsEmpty());
-	EXPECT_EQ(result.old_packages, 2U);
-	EXPECT_EQ(result.old_bytes, fs::file_size(Package(1)) + fs::file_size(Package(2)));
+	EXPECT_EQ(result.removable_files, 2U);
+	EXPECT_EQ(result.removable_bytes, fs::file_size(Package(1)) + fs::file_size(Package(2)));
 }
 
 TEST_F(CheckingRepository, FindsAPackageThatIsMissingOrDamaged) {
@@ -259,6 +259,42 @@ TEST_F(CheckingRepository, FindsDocumentsThatCannotBeRead) {
 	                    "untidy: packages/db: no document names this database, so its next publication is refused"));
 }
 
+TEST_F(CheckingRepository, MissesDocumentsThatDevicesAskFor) {
+	const std::string missing = ": the document is missing; where devices ask for others only, --document names these";
+	PublishUpTo(2);
+	options_.db_version = "canary";
+	PublishUpTo(3);
+	fs::remove(options_.repository + "/database_info/1");
+	EXPECT_THAT(Problems(), ElementsAre("broken: database_info/1" + missing));
+	check_.documents = {"canary"};
+	EXPECT_THAT(Problems(), IsEmpty());
+	check_.documents = {"3", "canary", "3"};
+	EXPECT_THAT(Problems(), ElementsAre("broken: database_info/3" + missing));
+	check_.documents = {"../database_info/canary"};
+	EXPECT_THROW(Problems(), publisher::UsageError);
+}
+
+TEST_F(CheckingRepository, FindsLinksOfOneDocumentToSeveralPlaces) {
+	PublishUpTo(2);
+	options_.url = "https://updates.example/base";
+	PublishUpTo(3);
+	EXPECT_THAT(Problems(), IsEmpty()) << "devices may change over to https one by one";
+	options_.db_version = "canary";
+	options_.url = "https://canaries.example";
+	options_.keep_diffs = 0;
+	PublishUpTo(4);
+	EXPECT_THAT(Problems(), IsEmpty()) << "each document has a place of its own";
+	options_.keep_diffs.reset();
+	options_.url = "https://canarise.example";
+	PublishUpTo(5);
+	options_.url = "https://canaries.example/";
+	PublishUpTo(6);
+	EXPECT_THAT(Problems(),
+	    ElementsAre("untidy: database_info/canary: its links begin with different URLs: https://canaries.example (2), "
+	                "https://canarise.example (1); unless all of them lead here, mend the links by restore --force "
+	                "--url URL"));
+}
+
 TEST_F(CheckingRepository, FindsWhatLiesAround) {
 	PublishUpTo(2);
 	fs::copy_file(Package(2), Package(7));
@@ -309,6 +345,26 @@ TEST_F(CheckingRepository, CommandTellsBrokenFromUntidyByItsExitCode) {
 	EXPECT_EQ(run(), publisher::kUntidy);
 	fs::remove(Diff(2));
 	EXPECT_EQ(run(), publisher::kBroken);
+}
+
+TEST_F(CheckingRepository, CommandCountsInPlainEnglish) {
+	const auto run = [this](std::vector<std::string> more) {
+		more.insert(more.begin(), {"check-repo", "--repo", options_.repository});
+		std::ostringstream out;
+		publisher::RunCommandLine(more, out, out, false);
+		return out.str();
+	};
+	options_.keep_diffs = 0;
+	PublishUpTo(1);
+	EXPECT_THAT(run({}), AllOf(StartsWith("ok: 1 document, 1 package ("), HasSubstr("would remove 0 files (0 B).")));
+	options_.db_version = "canary";
+	PublishUpTo(3);
+	EXPECT_THAT(run({"--document", "canary", "--document", "1"}), StartsWith("ok: 2 documents, 2 packages ("));
+	EXPECT_THAT(run({"--document", "2"}), StartsWith("broken: database_info/2: "));
+	fs::remove(options_.repository + "/database_info/1");
+	EXPECT_THAT(run({}), StartsWith("broken: database_info/1: "));
+	EXPECT_THAT(
+	    run({"--document", "canary"}), AllOf(StartsWith("ok: 1 document, "), HasSubstr("would remove 1 file (")));
 }
 
 class RolloutFile : public RepositoryCare {

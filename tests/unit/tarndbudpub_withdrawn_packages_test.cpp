@@ -280,6 +280,23 @@ TEST_F(CareAfterWithdrawing, TellsEmptiedDiffsFromWhatTheyReplace) {
 	EXPECT_THAT(Problems(), IsEmpty());
 }
 
+TEST_F(CareAfterWithdrawing, CountsWhatPruningRemoves) {
+	Withdraw();
+	WriteFile(Diff(3), bad_);
+	WriteFile(HiddenDirectory() + "/.tarndbudpub-db_v3.tarn.by5.part", "left");
+	WriteFile(options_.repository + "/.tarndbudpub-work-x/new/file", "12345");
+	const publisher::CheckResult counted = publisher::CheckRepository(check_, observer_);
+	publisher::PruneOptions prune;
+	prune.repository = options_.repository;
+	prune.dry_run = true;
+	const publisher::PruneResult planned = publisher::Prune(prune, observer_);
+	EXPECT_EQ(planned.files.size(), 4U);
+	EXPECT_EQ(counted.removable_files, planned.files.size());
+	EXPECT_EQ(counted.removable_bytes, planned.bytes);
+	WriteFile(options_.repository + "/database_info/2", "damaged, so that prune refuses");
+	EXPECT_EQ(publisher::CheckRepository(check_, observer_).removable_files, 0U);
+}
+
 TEST_F(CareAfterWithdrawing, KeepsEmptiedDiffsBesideWhatAnotherChannelNames) {
 	Promote("1", "canary");
 	Withdraw(2);
