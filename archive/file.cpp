@@ -1,5 +1,6 @@
 #include "archive/file.h"
 
+#include "archive/foreign_signature.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/parallel.h"
@@ -63,21 +64,16 @@ std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_
 	if (keys.empty()) {
 		throw Error("cannot be checked: there is no trusted key");
 	}
-	const std::optional<std::size_t> signer = SignerAmong(keys);
-	if (!signer) {
-		throw Error("has no signature by a trusted key");
+	const auto signer = std::find_if(keys.begin(), keys.end(),
+	    [this](const TrustedKey& trusted) { return trusted.key.Verify(message_, signature_); });
+	if (signer == keys.end()) {
+		throw ForeignSignature("has no signature by a trusted key");
 	}
 	if (head_.key_type != key_type) {
 		throw Error("is signed for key type " + std::to_string(head_.key_type) + ", not " + std::to_string(key_type));
 	}
 	CheckPayload();
-	return *signer;
-}
-
-std::optional<std::size_t> ArchiveFile::SignerAmong(const std::vector<TrustedKey>& keys) const {
-	const auto signer = std::find_if(keys.begin(), keys.end(),
-	    [this](const TrustedKey& trusted) { return trusted.key.Verify(message_, signature_); });
-	return signer == keys.end() ? std::nullopt : std::optional(static_cast<std::size_t>(signer - keys.begin()));
+	return static_cast<std::size_t>(signer - keys.begin());
 }
 
 void ArchiveFile::CheckPayload() const {

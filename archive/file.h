@@ -7,7 +7,6 @@
 #include "base/unique_fd.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,9 +29,6 @@ public:
 	 * @throws Error
 	 */
 	std::size_t Check(const std::vector<TrustedKey>& keys, std::uint32_t key_type) const;
-
-	/** The index of the key that signed the head part; no value when it is none of these. Reads no payload. */
-	[[nodiscard]] std::optional<std::size_t> SignerAmong(const std::vector<TrustedKey>& keys) const;
 
 	/**
 	 * Reads the packed bytes of a frame and compares them with the table, so that only bytes described by the table

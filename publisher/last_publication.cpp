@@ -1,16 +1,27 @@
 #include "publisher/last_publication.h"
 
 #include "base/text.h"
-#include "publisher/publish_error.h"
+#include "publisher/foreign_package.h"
 
 #include <optional>
 
 namespace tarn::publisher {
 
+bool IsForeign(const PackageReader& reader, const std::string& path, const std::string& id, int version) {
+	try {
+		static_cast<void>(reader.Open(path, {id, "", version}));
+		return false;
+	} catch (const ForeignPackage&) {
+		return true;
+	} catch (const PublishError&) {
+		return false;
+	}
+}
+
 void RequireOwnPackage(
     const Repository& repository, const PackageReader& reader, const PublishOptions& options, int version) {
 	const std::string path = repository.PackagePath(options.id, version);
-	if (options.keep_diffs == 0 || !reader.IsForeign(path)) {
+	if (options.keep_diffs == 0 || !IsForeign(reader, path, options.id, version)) {
 		return;
 	}
 	throw PublishError("Nothing is published: the package " + path +

@@ -6,12 +6,19 @@
 #include "publisher/publish.h"
 #include "publisher/repository.h"
 
+#include <string>
+
 namespace tarn::publisher {
 
 /**
+ * Whether none of the reader's keys has signed the full package at a path. A package that is missing or damaged tells
+ * nothing about its key.
+ */
+[[nodiscard]] bool IsForeign(const PackageReader& reader, const std::string& path, const std::string& id, int version);
+
+/**
  * Refuses a wrong signing key, with which all devices would stop: the full package of a version must be signed by a key
- * of the reader, unless no diff packages are wanted. A package that is missing, or that cannot be read, tells nothing
- * about the key.
+ * of the reader, unless no diff packages are wanted or the package cannot be read.
  *
  * @throws PublishError naming the package
  */

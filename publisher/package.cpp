@@ -1,12 +1,14 @@
 #include "publisher/package.h"
 
 #include "archive/extractor.h"
+#include "archive/foreign_signature.h"
 #include "archive/packer.h"
 #include "archive/writer.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/diff_package.h"
+#include "publisher/foreign_package.h"
 #include "publisher/json_text.h"
 #include "publisher/publish_error.h"
 #include "publisher/unpack_beside.h"
@@ -184,16 +186,10 @@ archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageI
 		archive.Check(keys_, archive::kDataUpdateKeyType);
 		RequireMetadata(ReadMetadata(archive), expected);
 		return archive;
+	} catch (const archive::ForeignSignature& error) {
+		throw ForeignPackage("the package " + path + " " + error.what());
 	} catch (const Error& error) {
 		Refuse(path, error);
-	}
-}
-
-bool PackageReader::IsForeign(const std::string& path) const {
-	try {
-		return !archive::ArchiveFile(path).SignerAmong(keys_);
-	} catch (const Error&) {
-		return false;
 	}
 }
 

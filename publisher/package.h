@@ -91,10 +91,7 @@ public:
 	 */
 	[[nodiscard]] archive::ArchiveFile Open(const std::string& path, const PackageInfo& expected) const;
 
-	/** Whether a package can be opened, and was signed by none of these keys; its content is not read. */
-	[[nodiscard]] bool IsForeign(const std::string& path) const;
-
-	/** The same as Open() without its signature and content: only what the package says about itself. */
+	/** The same without its signature and content: only what the package says about itself. */
 	[[nodiscard]] static archive::ArchiveFile OpenUnchecked(const std::string& path, const PackageInfo& expected);
 
 	/** Opens a package and unpacks it as UnpackBeside() does; throws PublishError naming the package. */

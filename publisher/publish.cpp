@@ -69,8 +69,7 @@ public:
 		WarnAbout(tree_, result_, observer_);
 		WarnUnlessEmpty(NewDocumentWarning(repository_, options_.db_version, options_.id), observer_);
 		WarnOfOtherUrl(repository_, options_, observer_);
-		previous_ = EntryToContinue(repository_, options_, result_.data_version);
-		RequireOwnPrevious(); // which another channel may have published
+		ContinueFrom(EntryToContinue(repository_, options_, result_.data_version));
 		repository_.Clean(options_.id, result_.data_version);
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));
@@ -114,6 +113,15 @@ private:
 	void RequireOwnPrevious() const {
 		if (previous_) {
 			RequireOwnPackage(repository_, reader_, options_, previous_->data_version);
+		}
+	}
+
+	/** Another channel may have published the version before. */
+	void ContinueFrom(std::optional<Entry> entry) {
+		const bool is_checked = !entry || (previous_ && previous_->data_version == entry->data_version);
+		previous_ = std::move(entry);
+		if (!is_checked) {
+			RequireOwnPrevious();
 		}
 	}
 

@@ -77,10 +77,7 @@ struct PublishObserver {
  * At any moment, also after a publisher was killed, the repository serves the old state or the new state.
  *
  * A diff package from the version before is made when that version is published. When no diff package can be made, the
- * version is published without, and devices take the full package.
- *
- * When another key has signed the version before, nothing is published, unless no diff packages are wanted: devices
- * that trust the other key alone would take neither this version nor any later one.
+ * version is published without, and devices take the full package. RequireOwnPackage() refuses another key.
  *
  * The version must be above every version that a document names or that is there as a package: devices take higher
  * versions only, and a package that was announced must never change. A full package that a killed publisher left is

@@ -99,7 +99,7 @@ private:
 
 	void RequireOwnTarget() const {
 		const std::string path = repository_.KeptPackagePath(options_.id, result_.restored);
-		if (reader_.IsForeign(path)) {
+		if (IsForeign(reader_, path, options_.id, result_.restored)) {
 			throw PublishError("Version " + std::to_string(result_.restored) + " of " + options_.id +
 			                   " cannot come back: its package " + path +
 			                   " has no signature by --key or an --old-key; name the key that signed it by --old-key.");
@@ -142,8 +142,9 @@ private:
 		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
 		if (fs::exists(path)) {
 			const PackageInfo info = {options_.id, "", previous_.data_version};
-			return ReadMetadata(
-			    reader_.IsForeign(path) ? PackageReader::OpenUnchecked(path, info) : reader_.Open(path, info));
+			return ReadMetadata(IsForeign(reader_, path, options_.id, previous_.data_version)
+			                        ? PackageReader::OpenUnchecked(path, info)
+			                        : reader_.Open(path, info));
 		}
 		return chain_->Links().empty() ? Json::Value(Json::objectValue) : chain_->Links().back().package.metadata;
 	}
