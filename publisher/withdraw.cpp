@@ -5,6 +5,7 @@
 #include "publisher/begun_package.h"
 #include "publisher/checks.h"
 #include "publisher/document_sentences.h"
+#include "publisher/foreign_package.h"
 #include "publisher/last_publication.h"
 #include "publisher/same_content.h"
 #include "publisher/withdrawal_diffs.h"
@@ -142,9 +143,11 @@ private:
 		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
 		if (fs::exists(path)) {
 			const PackageInfo info = {options_.id, "", previous_.data_version};
-			return ReadMetadata(IsForeign(reader_, path, options_.id, previous_.data_version)
-			                        ? PackageReader::OpenUnchecked(path, info)
-			                        : reader_.Open(path, info));
+			try {
+				return ReadMetadata(reader_.Open(path, info));
+			} catch (const ForeignPackage&) {
+				return ReadMetadata(PackageReader::OpenUnchecked(path, info));
+			}
 		}
 		return chain_->Links().empty() ? Json::Value(Json::objectValue) : chain_->Links().back().package.metadata;
 	}
