@@ -351,7 +351,7 @@ TEST_F(CheckingRepository, CommandCountsInPlainEnglish) {
 	const auto run = [this](std::vector<std::string> more) {
 		more.insert(more.begin(), {"check-repo", "--repo", options_.repository});
 		std::ostringstream out;
-		publisher::RunCommandLine(more, out, out, false);
+		static_cast<void>(publisher::RunCommandLine(more, out, out, false));
 		return out.str();
 	};
 	options_.keep_diffs = 0;
