@@ -1,6 +1,5 @@
 #include "archive/file.h"
 
-#include "archive/foreign_signature.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/parallel.h"
@@ -62,12 +61,12 @@ ArchiveFile::ArchiveFile(const std::string& path) : fd_(OpenRegularFile(AT_FDCWD
 
 std::size_t ArchiveFile::Check(const std::vector<TrustedKey>& keys, std::uint32_t key_type) const {
 	if (keys.empty()) {
-		throw Error("cannot be checked: there is no trusted key");
+		throw NotTrusted("cannot be checked: there is no trusted key");
 	}
 	const auto signer = std::find_if(keys.begin(), keys.end(),
 	    [this](const TrustedKey& trusted) { return trusted.key.Verify(message_, signature_); });
 	if (signer == keys.end()) {
-		throw ForeignSignature("has no signature by a trusted key");
+		throw NotTrusted("has no signature by a trusted key");
 	}
 	if (head_.key_type != key_type) {
 		throw Error("is signed for key type " + std::to_string(head_.key_type) + ", not " + std::to_string(key_type));

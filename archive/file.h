@@ -4,6 +4,7 @@
 
 #include "archive/head.h"
 #include "archive/keys.h"
+#include "base/error.h"
 #include "base/unique_fd.h"
 
 #include <cstdint>
@@ -12,6 +13,12 @@
 #include <vector>
 
 namespace tarn::archive {
+
+/** No key that was given has signed. */
+class NotTrusted : public Error {
+public:
+	using Error::Error;
+};
 
 /**
  * One open archive. Its head part (head, metadata, table of frames, signature) is copied into memory once, when it is

@@ -149,7 +149,7 @@ std::string PublicKey::Fingerprint() const {
 	return digest.FinishHex();
 }
 
-std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory) {
+std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory, const NoteSkipped& note) {
 	const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
 	if (!fd) {
 		ThrowErrno("cannot read the directory of trusted keys, " + directory);
@@ -160,8 +160,9 @@ std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory) {
 		try {
 			keys.push_back({name, ReadGuardedKey(fd.Get(), name)});
 		} catch (const Error& error) {
-			syslog(LOG_WARNING, "tarncodesign: %s/%s: skipped: %s", directory.c_str(), Printable(name).c_str(),
-			    error.what());
+			const std::string shown = Printable(name);
+			syslog(LOG_WARNING, "tarncodesign: %s/%s: skipped: %s", directory.c_str(), shown.c_str(), error.what());
+			note(shown, error.what());
 		}
 	}
 	return keys;

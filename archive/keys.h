@@ -7,6 +7,7 @@
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -51,6 +52,9 @@ struct TrustedKey {
 	PublicKey key;
 };
 
+/** Learns of a file of the directory that was skipped, and why. */
+using NoteSkipped = std::function<void(const std::string& name, const std::string& reason)>;
+
 /**
  * Reads every "*.pub" file of a directory, in name order.
  *
@@ -59,7 +63,8 @@ struct TrustedKey {
  *
  * @throws Error when the directory cannot be read, or others could put keys into it
  */
-[[nodiscard]] std::vector<TrustedKey> LoadTrustedKeys(const std::string& directory);
+[[nodiscard]] std::vector<TrustedKey> LoadTrustedKeys(
+    const std::string& directory, const NoteSkipped& note = [](const std::string&, const std::string&) {});
 
 /** Reads one public key file, whoever may write it. */
 [[nodiscard]] TrustedKey LoadPublicKeyFile(const std::string& path);

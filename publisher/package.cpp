@@ -1,7 +1,6 @@
 #include "publisher/package.h"
 
 #include "archive/extractor.h"
-#include "archive/foreign_signature.h"
 #include "archive/packer.h"
 #include "archive/writer.h"
 #include "base/error.h"
@@ -186,7 +185,7 @@ archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageI
 		archive.Check(keys_, archive::kDataUpdateKeyType);
 		RequireMetadata(ReadMetadata(archive), expected);
 		return archive;
-	} catch (const archive::ForeignSignature& error) {
+	} catch (const archive::NotTrusted& error) {
 		throw ForeignPackage("the package " + path + " " + error.what());
 	} catch (const Error& error) {
 		Refuse(path, error);

@@ -5,6 +5,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/inspection.h"
+#include "host/library/preparation.h"
 #include "host/library/services.h"
 
 #include <CLI/CLI.hpp>
@@ -123,8 +124,17 @@ Json::Value ToJson(const Findings& found) {
 	return result;
 }
 
+/** Without a volume, files that live on one would all seem to be missing. */
+void RequireReachable(const Services& services, const std::string& id) {
+	if (services.config->GetDatabaseConfig(id)->GetRootDirectory().empty() &&
+	    ReadInstalled(services, id).data_version != -1) {
+		RequireVolume(services);
+	}
+}
+
 ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
 	services.config->CheckSupported(id);
+	RequireReachable(services, id);
 	const Findings found = LookThoroughly(services, id, timeout_seconds);
 	if (found.listed.data_version == -1) {
 		report.Tell(id, "not installed", MakeResult("not installed", found.listed.data_version));

@@ -24,7 +24,7 @@ Outcome Reinstall(const Services& services, const std::string& id) {
 		if (way_out.empty()) {
 			throw;
 		}
-		throw CommandError(kRefusedHere, ExplainException(*services.io).sentence + way_out);
+		throw CommandError(kRefusedHere, ExplainException(*services.io, id).sentence + way_out);
 	}
 }
 

@@ -2,12 +2,15 @@
 #include "host/commands/commands.h"
 #include "host/commands/operation.h"
 #include "host/commands/report.h"
+#include "host/library/hold.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 namespace tarn::ctl {
 
@@ -39,6 +42,18 @@ Outcome Install(const Services& services, const Options& options, int target) {
 	}
 }
 
+/** What replaces the version again, and when. */
+std::string DescribeWayOn(const std::string& id, int installed) {
+	const std::optional<Hold> hold = ReadHold(id);
+	if (!hold) {
+		return "\"update\" installs a later version when the server has one, and \"fix\" the server's version should it "
+		       "find damage";
+	}
+	return "as the database is held, \"fix\" installs version " + std::to_string(installed) +
+	       (hold->up_to ? " again, or what the server has if the hold allows it," : " again") +
+	       " should it find damage";
+}
+
 void Declare(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
 	app.add_option("VERSION", options.version, "A version; 0: the server's; -N: N versions before the server's")
@@ -63,9 +78,8 @@ ExitCode Run(const Services& services, const Options& options) {
 		const int installed = outcome.Version();
 		report.Tell(options.id,
 		    "version " + std::to_string(installed) +
-		        " was unpacked over what was there, and files of before that its package lacks stay; \"fix\", should "
-		        "it "
-		        "find damage, brings the server's version back",
+		        " was unpacked over what was there, and files of before that its package lacks stay; " +
+		        DescribeWayOn(options.id, installed),
 		    MakeResult("forced", installed));
 		return code;
 	});
@@ -78,7 +92,9 @@ const Command kForceInstallCommand = {"force-install", "Install a chosen version
     "and\n"
     "the port. Unpacks the package over the installed files, keeps installed files that are not in the package, and "
     "runs no\n"
-    "hooks. The next update or fix brings the server's version back. Refuses a database that is held.",
+    "hooks. Afterwards, update installs a later version when the server has one, and fix the server's version should it "
+    "find\n"
+    "damage; while the database is held, fix installs the held version. Refuses a database that is held.",
     {kUnsupported, kHeld, kLocked}, true, true, Declare, Run, Tail::kNumber};
 
 } // namespace tarn::ctl

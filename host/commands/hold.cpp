@@ -10,6 +10,7 @@
 
 #include <syslog.h>
 
+#include <limits>
 #include <string>
 
 namespace tarn::ctl {
@@ -36,7 +37,7 @@ void DeclareCommon(CLI::App& app, Options& options) {
 void DeclareHold(CLI::App& app, Options& options) {
 	app.add_option("ID", options.id, "Database")->required();
 	app.add_option("VERSION", options.up_to, "Updates may go as far as this version; without it, nowhere")
-	    ->check(CLI::NonNegativeNumber);
+	    ->check(CLI::Range(0, std::numeric_limits<int>::max(), "NONNEGATIVE"));
 	DeclareCommon(app, options);
 }
 

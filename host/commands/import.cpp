@@ -2,10 +2,13 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/update.h"
+#include "host/library/cached_document.h"
 #include "host/library/installed_package.h"
 #include "host/library/kit_offer.h"
 
 #include <CLI/CLI.hpp>
+
+#include <syslog.h>
 
 #include <algorithm>
 #include <iterator>
@@ -41,8 +44,24 @@ bool Holds(const std::vector<std::string>& words, const std::string& word) {
 	throw;
 }
 
+/**
+ * With a later version installed, the server's document of before would tell for an hour that the device is above what
+ * is offered. It goes before anything is installed, because another command may finish an import that was killed.
+ */
+void DropEarlierDocument(const Services& services, const std::string& id) {
+	if (services.info->GetRemoteInfo(id).data_version <= ReadInstalled(services, id).data_version) {
+		return;
+	}
+	try {
+		DropCachedDocument();
+	} catch (const CommandError& error) {
+		syslog(LOG_WARNING, "%s", error.what()); // No reason to leave the device without new data.
+	}
+}
+
 Outcome Install(const Services& services, const Options& options, const std::string& id) {
 	try {
+		DropEarlierDocument(services, id);
 		return ImportDatabase(
 		    services, id, options.force, options.retry_refused ? RefusedVersion::kRetry : RefusedVersion::kLeave);
 	} catch (const dataupdate::UpdateError&) {
@@ -110,9 +129,9 @@ ExitCode Run(const Services& services, const Options& options) {
 const Command kImportCommand = {"import", "Install databases from a kit, without a network",
     "A kit is one file with packages, which \"tarndbudpub export\" makes. Does with it what update does with the "
     "server:\n"
-    "the same signatures, locks, hooks, diff packages and records. Asks no server, and leaves the server's document "
-    "as\n"
-    "it is. Leaves a later version than the kit's alone.",
+    "the same signatures, locks, hooks, diff packages and records. Asks no server. Drops the cached document of the "
+    "server\n"
+    "before it installs a later version. Leaves a later version than the kit's alone.",
     {kUnsupported, kAboveOffered, kRefusedHere, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

@@ -29,7 +29,7 @@ const char* NameOf(Room room) {
 
 const char* WayOf(const UpdatePlan& plan) {
 	if (!plan.is_needed) {
-		return "nothing";
+		return plan.finishes ? "prepared files" : "nothing";
 	}
 	return plan.way.is_chain ? "diff packages" : "full package";
 }
@@ -40,9 +40,13 @@ std::string Version(int version) {
 
 std::string Bytes(const UpdatePlan& plan, const std::optional<std::uint64_t>& bytes) {
 	if (!plan.is_needed) {
-		return "-";
+		return plan.finishes ? HumanSize(0) : "-"; // What is prepared lies there already.
 	}
 	return bytes ? HumanSize(*bytes) : "unknown";
+}
+
+std::string FreeBytes(const UpdatePlan& plan) {
+	return plan.is_needed ? Bytes(plan, plan.free_bytes) : "-";
 }
 
 Json::Value ToJson(const std::optional<std::uint64_t>& bytes) {
@@ -90,7 +94,7 @@ std::string FormatTableOf(const std::vector<UpdatePlan>& plans) {
 	    {"DATABASE", "FROM", "TO", "BY", "BYTES", "NEEDS", "FREE", "ROOM", "READERS"}};
 	for (const UpdatePlan& plan : plans) {
 		rows.push_back({plan.id, Version(plan.from), Version(plan.found.offered), WayOf(plan),
-		    Bytes(plan, plan.way.bytes), Bytes(plan, plan.most_bytes), Bytes(plan, plan.free_bytes),
+		    Bytes(plan, plan.way.bytes), Bytes(plan, plan.most_bytes), FreeBytes(plan),
 		    plan.is_needed ? NameOf(plan.room) : "-", std::to_string(plan.readers)});
 	}
 	return FormatTable(rows);

@@ -1,47 +1,13 @@
-#include "dataupdate/file_lock.h"
-#include "dataupdate/paths.h"
-#include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/library/checked_info_getter.h"
-
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
+#include "host/library/cached_document.h"
 
 namespace tarn::ctl {
 
 namespace {
 
-/** Whether there was a document to drop. */
-bool DropDocument() {
-	if (unlink(dataupdate::kCachedInfo) == 0) {
-		return true;
-	}
-	if (errno == ENOENT) {
-		return false;
-	}
-	throw CommandError(
-	    kFailed, std::string(dataupdate::kCachedInfo) + " cannot be removed (" + std::strerror(errno) + ")");
-}
-
-/** Whoever is fetching the document is about to read it. */
-bool DropDocumentUnderLock() {
-	try {
-		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
-		return DropDocument();
-	} catch (const dataupdate::UpdateError& error) {
-		if (CategoryOf(error.what()) != Category::kLocked) {
-			throw;
-		}
-	}
-	throw CommandError(kLocked, "The server's document is being fetched at this moment, so it was not dropped; try "
-	                            "again when that has ended");
-}
-
 ExitCode Run(const Services& services, const Options& options) {
-	const bool dropped = DropDocumentUnderLock();
+	const bool dropped = DropCachedDocument();
 	Json::Value object(Json::objectValue);
 	object["dropped"] = dropped;
 	Answer(services, options,

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -122,7 +123,9 @@ void DeclareNoWait(CLI::App& app, Options& options) {
 }
 
 void DeclareTimeout(CLI::App& app, Options& options, const std::string& help) {
-	app.add_option("--timeout", options.timeout_seconds, help)->check(CLI::NonNegativeNumber)->capture_default_str();
+	app.add_option("--timeout", options.timeout_seconds, help)
+	    ->check(CLI::Range(0UL, std::numeric_limits<unsigned long>::max(), "NONNEGATIVE"))
+	    ->capture_default_str();
 }
 
 } // namespace tarn::ctl

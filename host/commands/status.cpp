@@ -1,5 +1,6 @@
 #include "base/text.h"
 #include "dataupdate/installation.h"
+#include "dataupdate/paths.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/commands/watch.h"
@@ -90,7 +91,7 @@ StatusRow Collect(const Services& services, const std::string& id) {
 		row.volume_problem = VolumeProblem(volume);
 	}
 	AddHistory(row, installed);
-	row.unfinished = dataupdate::IsReplacementMarked(id);
+	row.unfinished = dataupdate::MayBeAMixture(id); // Even of a first installation, which nothing records.
 	row.updating = services.checker->IsUpdating(id);
 	ShowHold(row);
 	AskServer(services, row);
@@ -101,13 +102,21 @@ bool OffersRefused(const StatusRow& row) {
 	return row.refused_version && row.refused_version == row.remote_version;
 }
 
+/** No update finishes what is held, unless the hold lets the offered version pass. */
+bool MayUpdate(const StatusRow& row) {
+	return !row.held || (row.held_up_to && row.remote_version && *row.remote_version <= *row.held_up_to);
+}
+
 /** What is ready is finished whatever the server offers. */
 std::string WayOutOfMixture(const Services& services, const StatusRow& row) {
 	const std::string way_out =
 	    OffersRefused(row) && !FindPrepared(services, row.id) ? WayOutOfRefusal(services, row.id) : "";
-	return way_out.empty() ? " The last replacement of its files was not finished; \"tarndbudctl update\" or "
-	                         "\"tarndbudctl fix\" installs it anew."
-	                       : way_out;
+	if (!way_out.empty()) {
+		return way_out;
+	}
+	const std::string update = MayUpdate(row) ? "\"tarndbudctl update\" or " : "";
+	return " The last replacement of its files was not finished; " + update +
+	       "\"tarndbudctl fix\" installs it anew.";
 }
 
 void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
@@ -183,6 +192,8 @@ ExitCode Run(const Services& services, const Options& options) {
 		services.terminal.Say(FormatStatusTable(rows, now) + FormatFailures(rows, now));
 		TellNextRun(services, next, now);
 		TellReasons(services, rows);
+	} else if (code == kDone) {
+		services.terminal.Say(std::string("No database is configured in ") + dataupdate::kDatabaseOverride + ".\n");
 	}
 	return code;
 }

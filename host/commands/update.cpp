@@ -212,7 +212,7 @@ ExitCode InstallOffered(const Services& services, Report& report, const std::str
 			if (CategoryOf(error.what()) != Category::kRefusedByCheck) {
 				throw;
 			}
-			by_check = ExplainException(*services.io);
+			by_check = ExplainException(*services.io, id);
 			by_check.sentence += WayOutOfRefusal(services, id);
 			RecordFailure(id, offerer.operation, by_check);
 			return kRefusedHere;

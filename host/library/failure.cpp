@@ -38,6 +38,7 @@ constexpr char kHalfReplacedHint[] = "the files may be half replaced: remove the
 struct Circumstances {
 	std::string message;
 	int platform_error;
+	std::string id;
 };
 
 std::string ConfigurationFiles(const Circumstances& failure) {
@@ -88,6 +89,11 @@ std::string PackageHint(const Circumstances& /*failure*/) {
 	       "key in /usr/tarn/etc/codesign/6; nothing was changed";
 }
 
+std::string RefusalHint(const Circumstances& failure) {
+	return "nothing was replaced; no update tries this version again unless told so by \"tarndbudctl update " +
+	       (failure.id.empty() ? "ID" : failure.id) + " --retry-refused\"";
+}
+
 /**
  * One kind of message: its beginning, its category and exit code, and what to do. Of several that fit, the first
  * counts. Links come from the server and may hold any text, so nothing is sought behind the beginning.
@@ -129,9 +135,7 @@ constexpr Rule kRules[] = {
     {Category::kLocked, kLocked, messages::kDiffUpdate, messages::kCannotLock, kReaderHint},
     {Category::kLocked, kLocked, messages::kForceInstall, messages::kCannotLock, kReaderHint},
     {Category::kPackageRefused, kFailed, messages::kForceInstall, messages::kCannotOpenPackage, nullptr, PackageHint},
-    {Category::kRefusedByCheck, kRefusedHere, messages::kRefused, "",
-        "nothing was replaced; no update tries this version again unless told so by \"tarndbudctl update ID "
-        "--retry-refused\""},
+    {Category::kRefusedByCheck, kRefusedHere, messages::kRefused, "", nullptr, RefusalHint},
     {Category::kNoVerdict, kFailed, messages::kNoVerdict, "",
         "nothing was replaced; see the system log, and correct the hook or what it needs"},
     {Category::kFilesMayBeAMixture, kFailed, messages::kFullUpdate, "", kHalfReplacedHint},
@@ -223,7 +227,7 @@ Category CategoryOf(const std::string& message) {
 	return rule == nullptr ? Category::kOther : rule->category;
 }
 
-Failure ExplainMessage(const std::string& message, int platform_error) {
+Failure ExplainMessage(const std::string& message, int platform_error, const std::string& id) {
 	const std::size_t wrapped = WrapperLength(message);
 	const std::string subject = Subject(message.substr(0, wrapped));
 	const std::string inner = message.substr(wrapped);
@@ -235,19 +239,19 @@ Failure ExplainMessage(const std::string& message, int platform_error) {
 		return {rule->category, rule->code, subject + WithEnd(inner)};
 	}
 	const std::string hint =
-	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error});
+	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error, id});
 	return {rule->category, rule->code,
 	    subject + WithEnd(PlainAscii(WithoutEnd(inner, ". "), kLongestMessage) + "; " + hint)};
 }
 
-Failure ExplainException(const dataupdate::IOUtils& io) {
+Failure ExplainException(const dataupdate::IOUtils& io, const std::string& id) {
 	const int platform_error = TLIBCErrGet();
 	try {
 		throw;
 	} catch (const CommandError& error) {
 		return {Category::kOther, error.Code(), WithEnd(error.what())};
 	} catch (const UpdateError& error) {
-		return ExplainMessage(error.what(), platform_error);
+		return ExplainMessage(error.what(), platform_error, id);
 	} catch (const Json::Exception& error) {
 		return ExplainConfiguration(io, error.what());
 	} catch (const boost::filesystem::filesystem_error& error) {
@@ -255,7 +259,7 @@ Failure ExplainException(const dataupdate::IOUtils& io) {
 	} catch (const std::bad_alloc&) {
 		return {Category::kOther, kFailed, "There is not enough memory; end other programs and try again."};
 	} catch (const std::exception& error) {
-		return ExplainMessage(error.what(), platform_error);
+		return ExplainMessage(error.what(), platform_error, id);
 	} catch (...) {
 		return {Category::kOther, kFailed, "Something unknown went wrong; see the system log."};
 	}

@@ -74,15 +74,17 @@ private:
  * Explains a message of the library.
  *
  * @param platform_error  what TLIBCErrGet() returned when it was thrown
+ * @param id  the database, for advice that names it; empty when it is not known
  */
-[[nodiscard]] Failure ExplainMessage(const std::string& message, int platform_error);
+[[nodiscard]] Failure ExplainMessage(const std::string& message, int platform_error, const std::string& id = "");
 
 /**
  * Explains the exception that is being handled; to be called in a catch block of the thread that ran into it.
  *
  * @param io  reads the configuration files when one of them must be at fault
+ * @param id  as for ExplainMessage()
  */
-[[nodiscard]] Failure ExplainException(const dataupdate::IOUtils& io);
+[[nodiscard]] Failure ExplainException(const dataupdate::IOUtils& io, const std::string& id = "");
 
 /**
  * Whether the exception that is being handled is what a request to end makes of an operation: before it changes files,

@@ -1,6 +1,7 @@
 #include "host/library/kit_offer.h"
 
 #include "base/error.h"
+#include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "host/library/checked_info_getter.h"
 #include "host/library/failure.h"
@@ -22,6 +23,13 @@ using dataupdate::RemoteInfo;
 using dataupdate::UpdateError;
 
 namespace {
+
+constexpr char kCopyAgain[] = "; nothing was changed, copy the kit again";
+
+/** Whether another copy of the same kit may be whole. */
+bool IsOfDamage(const std::string& reason) {
+	return StartsWith(reason, "is damaged") || StartsWith(reason, "is cut off") || StartsWith(reason, "is too long");
+}
 
 /** What a link of the document stands for. */
 struct Wanted {
@@ -76,7 +84,7 @@ public:
 			reader_.Read(*part, sink);
 		} catch (const Error& error) {
 			failure_ = error.what();
-			throw UpdateError("The kit " + path_ + " " + failure_);
+			throw UpdateError("The kit " + path_ + " " + failure_ + kCopyAgain);
 		}
 	}
 
@@ -84,7 +92,7 @@ private:
 	/** The full package is asked for last, when the diff packages have failed. */
 	std::string DescribeMissing(const Wanted& wanted) const {
 		if (!failure_.empty()) {
-			return "The kit " + path_ + " " + failure_ + ", and it has no full package in its place";
+			return "The kit " + path_ + " " + failure_ + ", and it has no full package in its place" + kCopyAgain;
 		}
 		const std::optional<PackageRefusal> refusal = LastPackageRefusal();
 		if (refusal) {
@@ -149,7 +157,8 @@ KitOffer::KitOffer(const std::string& path) {
 	try {
 		source_ = std::make_shared<Source>(path);
 	} catch (const Error& error) {
-		throw CommandError(kFailed, "The kit " + path + " " + error.what() + ", so nothing was changed");
+		throw CommandError(kFailed, "The kit " + path + " " + error.what() + ", so nothing was changed" +
+		                                (IsOfDamage(error.what()) ? "; copy the kit again" : ""));
 	}
 }
 

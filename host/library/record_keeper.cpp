@@ -78,7 +78,7 @@ ExitCode RunRecorded(
 		code = work();
 	} catch (...) {
 		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
-			const Failure failure = ExplainException(*services.io);
+			const Failure failure = ExplainException(*services.io, id);
 			Write(id, operation, beginning, failure.code);
 			RecordFailure(id, operation, failure);
 		}

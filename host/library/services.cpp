@@ -184,7 +184,7 @@ ExitCode ForEachDatabase(const Services& services, const std::vector<std::string
 			if (dataupdate::IsInterruptionRequested()) {
 				throw;
 			}
-			const Failure failure = ExplainException(*services.io);
+			const Failure failure = ExplainException(*services.io, id);
 			services.terminal.Complain(id + ": " + failure.sentence);
 			if (note) {
 				note(id, failure);

@@ -91,11 +91,14 @@ std::string FormatVersionState(const StatusRow& row) {
 	if (row.updating) {
 		return "updating";
 	}
+	if (row.unfinished) {
+		return "unfinished";
+	}
 	if (!row.installed_version) {
 		return "not installed";
 	}
-	if (row.unfinished) {
-		return "unfinished";
+	if (!row.install_dir) {
+		return "no volume";
 	}
 	const std::optional<bool> current = IsUpToDate(row);
 	if (!current) {

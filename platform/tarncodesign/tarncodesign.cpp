@@ -95,6 +95,21 @@ std::string FileName(const std::string& path) {
 	return path.substr(path.rfind('/') + 1);
 }
 
+/** A key with a slip in its permissions looks like a missing one, so the skipped files and the reasons are told. */
+void CheckByInstalledKeys(const tarn::archive::ArchiveFile& archive, int key_type) {
+	const std::string directory = KeyDirectory(key_type);
+	std::string skipped;
+	const auto keys =
+	    tarn::archive::LoadTrustedKeys(directory, [&](const std::string& name, const std::string& reason) {
+		    skipped += (skipped.empty() ? "; skipped in " + directory + ": " : ", ") + name + " (" + reason + ")";
+	    });
+	try {
+		archive.Check(keys, static_cast<std::uint32_t>(key_type));
+	} catch (const tarn::archive::NotTrusted& error) {
+		throw tarn::Error(error.what() + skipped);
+	}
+}
+
 std::vector<std::string> MemberList(const char* const* members) {
 	std::vector<std::string> names;
 	for (; members != nullptr && *members != nullptr; ++members) {
@@ -126,7 +141,7 @@ bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* pack
 		Require(package != nullptr, "no archive named");
 		Require(key_type >= 0, "negative key type");
 		tarn::archive::ArchiveFile archive(package);
-		archive.Check(tarn::archive::LoadTrustedKeys(KeyDirectory(key_type)), static_cast<std::uint32_t>(key_type));
+		CheckByInstalledKeys(archive, key_type);
 		if (key_type == TARNARCHIVE_KEYTYPE_DATA_UPDATE) {
 			tarn::archive::RequireAskedFor(archive.Metadata(), FileName(package));
 			TheObserver().Tell(package, std::string(archive.Metadata()));

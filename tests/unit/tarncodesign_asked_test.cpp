@@ -107,6 +107,21 @@ TEST_F(AskedFor, IsToldByTheSignedTextAlone) {
 	EXPECT_EQ(LastReason(), "has no signature by a trusted key");
 }
 
+TEST_F(AskedFor, IsRefusedWithTheKeysThatWereSkippedAndWhy) {
+	const std::string path = Package("geo_v1");
+	fs::permissions(fs::path(kKeys) / "6/asked-for-test.pub", fs::perms(0666));
+	const std::string skipped =
+	    "; skipped in /usr/tarn/etc/codesign/6: asked-for-test.pub (the file can be written by its group or by others)";
+	EXPECT_FALSE(Open(path));
+	EXPECT_EQ(LastReason(), "cannot be checked: there is no trusted key" + skipped);
+	const fs::path other = fs::path(kKeys) / "6/other.pub";
+	WriteFile(other.string(), archive::SigningKey::Generate().PublicPem());
+	fs::permissions(other, fs::perms(0644));
+	EXPECT_FALSE(Open(path));
+	EXPECT_EQ(LastReason(), "has no signature by a trusted key" + skipped);
+	fs::remove(other);
+}
+
 TEST_F(AskedFor, IsNoMatterForArchivesOfAnotherKeyType) {
 	EXPECT_TRUE(Open(Package("any name", 5), 5));
 	EXPECT_TRUE(log_.Lines().empty());

@@ -141,6 +141,19 @@ TEST_F(CheckCommandTest, TakesWhatIsNotInstalledForInNeedOfAFix) {
 	EXPECT_EQ(doubles_.out.str(), "geo: not installed\n");
 }
 
+TEST_F(CheckCommandTest, SaysThatThereIsNoVolumeInsteadOfMissingEveryFile) {
+	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
+	ON_CALL(*doubles_.database, GetRootDirectory).WillByDefault(Return("/"));
+	EXPECT_EQ(Run({"geo"}), kDone) << "it lives on the root file system";
+	ON_CALL(*doubles_.database, GetRootDirectory).WillByDefault(Return(""));
+	doubles_.out.str("");
+	EXPECT_EQ(Run({"geo"}), kFailed);
+	EXPECT_EQ(doubles_.out.str(), "");
+	EXPECT_THAT(doubles_.err.str(), testing::HasSubstr("There is no storage volume"));
+	record_ = DatabaseStatus();
+	EXPECT_EQ(Run({"geo"}), kFixNeeded) << "nothing is installed, wherever it would be";
+}
+
 TEST_F(CheckCommandTest, ShowsAFewOfManyBadFiles) {
 	for (int number = 0; number < 30; ++number) {
 		record_.file_statuses[directory_ / ("gone" + std::to_string(number))] = {};

@@ -1,5 +1,6 @@
 // Kits in the server's place, over doubles of the library's update.
 #include "base/unique_fd.h"
+#include "dataupdate/file_lock.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/kit_offer.h"
@@ -13,6 +14,7 @@
 
 #include <fcntl.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -210,10 +212,29 @@ TEST_F(ImportCommandTest, NamesTheKitWhoseDocumentIsUseless) {
 	}
 }
 
-TEST_F(ImportCommandTest, ReadsAndWritesNoCachedDocument) {
+TEST_F(ImportCommandTest, DropsTheCachedDocumentBeforeALaterVersionIsInstalled) {
 	test::WriteFile(dataupdate::kCachedInfo, "the server's");
 	MakeKit({full_});
+	installed_ = 5;
 	EXPECT_EQ(Run(), kDone);
+	installed_ = 6;
+	EXPECT_EQ(Run({}, true), kDone) << "back to version 5";
+	EXPECT_EQ(test::ReadFile(dataupdate::kCachedInfo), "the server's");
+	installed_ = 3;
+	on_update_ = [] {
+		EXPECT_FALSE(std::filesystem::exists(dataupdate::kCachedInfo));
+		throw UpdateError("killed here");
+	};
+	EXPECT_EQ(Run(), kFailed);
+	EXPECT_EQ(installed_, 3);
+}
+
+TEST_F(ImportCommandTest, InstallsThoughSomebodyFetchesTheDocument) {
+	test::WriteFile(dataupdate::kCachedInfo, "the server's");
+	MakeKit({full_});
+	const dataupdate::FileLock fetching(dataupdate::kFreshInfoLock, 0);
+	EXPECT_EQ(Run(), kDone);
+	EXPECT_EQ(installed_, 5);
 	EXPECT_EQ(test::ReadFile(dataupdate::kCachedInfo), "the server's");
 }
 

@@ -185,5 +185,19 @@ TEST_F(UpdatePlanTest, IsPrintedWithItsReasons) {
 	                              "geo: diff packages lead from version 3 to 5\n");
 }
 
+TEST_F(UpdatePlanTest, PrintsThatAKilledReplacementIsFinishedByWhatLiesReady) {
+	doubles_.services.find_prepared = [](const std::string&, const std::string&, const std::string&) { return 5; };
+	Options options;
+	options.ids = {"geo"};
+	EXPECT_EQ(kPlanCommand.run(doubles_.services, options), kDone);
+	EXPECT_EQ(doubles_.out.str(), "DATABASE  FROM  TO  BY              BYTES  NEEDS  FREE  ROOM  READERS\n"
+	                              "geo       3     5   prepared files  0 B    0 B    -     -     0\n"
+	                              "geo: a killed replacement by version 5 is finished; then it is up to date\n");
+	doubles_.out.str("");
+	options.json = true;
+	EXPECT_EQ(kPlanCommand.run(doubles_.services, options), kDone);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("\"way\" : \"prepared files\""));
+}
+
 } // namespace
 } // namespace tarn::ctl

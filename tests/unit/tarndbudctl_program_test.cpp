@@ -173,5 +173,13 @@ TEST_F(ProgramTest, RefusesArgumentsThatACommandCannotUse) {
 	}
 }
 
+TEST_F(ProgramTest, TellsTheRangeOfANumberInPlainDigits) {
+	EXPECT_EQ(Run({"hold", "geo", "--", "-3"}, AllCommands()), 2);
+	EXPECT_THAT(err_.str(), HasSubstr("Value -3 not in range 0 to 2147483647"));
+	err_.str("");
+	EXPECT_EQ(Run({"check", "--timeout", "-3"}, AllCommands()), 2);
+	EXPECT_THAT(err_.str(), HasSubstr("Value -3 not in range 0 to 18446744073709551615"));
+}
+
 } // namespace
 } // namespace tarn::ctl

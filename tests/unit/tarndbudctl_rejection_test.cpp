@@ -58,13 +58,14 @@ TEST_F(RejectionTest, IsToldWithTheHooksSentenceAndRemembered) {
 	EXPECT_EQ(Run(), kRefusedHere);
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: Refused by hook '/hooks/10': three rules are bad; nothing was "
 	                              "replaced; no update tries this "
-	                              "version again unless told so by \"tarndbudctl update ID --retry-refused\".\n");
+	                              "version again unless told so by \"tarndbudctl update geo --retry-refused\".\n");
 	const std::optional<Rejection> rejection = ReadRejection("geo");
 	ASSERT_TRUE(rejection);
 	EXPECT_EQ(rejection->version, 5);
 	EXPECT_EQ(rejection->message, kMessage);
 	EXPECT_EQ(ReadRunRecord("geo")->exit_status, kRefusedHere);
 	EXPECT_THAT(ReadFailureRecord("geo")->sentence, HasSubstr("three rules are bad"));
+	EXPECT_THAT(ReadFailureRecord("geo")->sentence, HasSubstr("\"tarndbudctl update geo --retry-refused\""));
 }
 
 TEST_F(RejectionTest, NamesAWayOutWhereFilesAreOfTwoVersions) {

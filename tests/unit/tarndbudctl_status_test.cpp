@@ -1,4 +1,5 @@
 #include "expect_error.h"
+#include "host/library/hold.h"
 #include "host/library/installed_package.h"
 #include "host/library/rejection.h"
 #include "host/terminal/text.h"
@@ -69,6 +70,50 @@ TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  unknown  yes"));
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; "
 	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it anew.\n");
+}
+
+TEST_F(StatusTest, NamesAFixAloneForWhatIsUnfinishedAndHeld) {
+	doubles_.Install(5);
+	test::WriteFile("/var/lib/data_update/geo/version.json", "{}");
+	test::WriteFile("/var/lib/data_update/geo/replacing", "");
+	SetHold("geo", std::nullopt);
+	EXPECT_EQ(Run({"geo"}, false), kDone);
+	EXPECT_EQ(doubles_.err.str(),
+	    "tarndbudctl: geo: The last replacement of its files was not finished; \"tarndbudctl fix\" installs it anew.\n");
+	doubles_.err.str("");
+	SetHold("geo", 5);
+	EXPECT_EQ(Run({"geo"}, false), kDone);
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("\"tarndbudctl update\" or")) << "the hold lets version 5 pass";
+}
+
+TEST_F(StatusTest, TellsOfAFirstInstallationThatWasKilledAtTheMark) {
+	doubles_.Install(-1);
+	test::WriteFile("/var/lib/data_update/geo/replacing", "");
+	const Json::Value array = RunJson({});
+	EXPECT_EQ(array[0]["unfinished"], true);
+	EXPECT_TRUE(array[0]["installed_version"].isNull());
+	EXPECT_EQ(array[1]["unfinished"], false);
+	doubles_.out.str("");
+	EXPECT_EQ(Run({}, false), kDone);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       -          5        unfinished     -    yes"));
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("zip       -          5        not installed  -    yes"));
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The last replacement of its files was not finished"));
+}
+
+TEST_F(StatusTest, SaysWhereDatabasesAreConfiguredWhenNoneIs) {
+	ON_CALL(*doubles_.config, GetDatabaseIDs).WillByDefault(Return(std::vector<std::string>()));
+	EXPECT_EQ(Run({}, false), kDone);
+	EXPECT_EQ(doubles_.out.str(), "No database is configured in /usr/tarn/etc/data_update/databases.conf.\n");
+	doubles_.out.str("");
+	EXPECT_EQ(RunJson({}), Json::Value(Json::arrayValue));
+}
+
+TEST_F(StatusTest, DoesNotCallUpToDateWhatNobodyCanReach) {
+	doubles_.Install(5);
+	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
+	ON_CALL(*doubles_.database, GetRootDirectory).WillByDefault(Return(""));
+	EXPECT_EQ(Run({"geo"}, false), kDone);
+	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        no volume  unknown  yes        - (no volume)"));
 }
 
 TEST_F(StatusTest, NamesAnotherWayOutWhenTheVersionThatWouldRepairWasRefused) {
@@ -177,6 +222,8 @@ TEST(StatusTableTest, NamesTheStateOfEachDatabase) {
 	const auto state = [&] { return FormatStatusTable({row}, 0); };
 	EXPECT_THAT(state(), HasSubstr("geo       -          5        not installed  -    no         - (no volume)"));
 	row.installed_version = 4;
+	EXPECT_THAT(state(), HasSubstr(" no volume "));
+	row.install_dir = "/volume1/geo";
 	EXPECT_THAT(state(), HasSubstr(" outdated "));
 	row.installed_version = 5;
 	EXPECT_THAT(state(), HasSubstr(" up to date "));
