@@ -6,6 +6,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/preparation.h"
+#include "host/library/unsuitable_volume.h"
 #include "host/library/volume_content.h"
 #include "host/library/volume_move.h"
 
@@ -118,10 +119,12 @@ void AnswerToUnmount(
 		break;
 	}
 	const std::string unsafe = UnsafeVolumes(path);
+	const std::string others = WhyNoOther(services, path);
 	Answer(services, options,
 	    "The databases stay on " + path +
 	        ", and no volume is in use: no other one is suitable. They are not updated "
 	        "until a volume is mounted.\n" +
+	        (others.empty() ? "" : others + ".\n") +
 	        (unsafe.empty() ? "" : "What is not safe is not used: " + unsafe + ".\n"),
 	    Describe("given up", ""));
 }
@@ -188,9 +191,7 @@ void AnswerUnsuitable(const Services& services, const Options& options, const st
 	const std::string problem = VolumeProblem(path);
 	Json::Value object = Describe("unsuitable", "");
 	if (problem.empty()) {
-		Answer(services, options,
-		    path + " is not suitable: it is excluded, cannot be written or has too little space; see the system log.\n",
-		    object);
+		Answer(services, options, path + " is not suitable: " + WhyUnsuitable(services, path) + ".\n", object);
 		return;
 	}
 	object["problem"] = problem;
@@ -211,8 +212,7 @@ ExitCode RunVolumeMounted(const Services& services, const Options& options) {
 		return kDone;
 	}
 	if (!services.is_available(path)) {
-		throw CommandError(
-		    kFailed, path + " is no volume: it is not mounted, or not listed in /usr/tarn/etc/volumes.conf");
+		throw CommandError(kFailed, path + " is no volume: " + WhyNoVolume(path));
 	}
 	// None is in use while databases move, either.
 	const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, dataupdate::kLockTimeout);

@@ -79,12 +79,28 @@ def test_force_install_brings_an_older_version_and_update_the_newest(
         trees.write_random_tree(tree, version, count=20, size=1000)
         publisher.publish(tree, DATABASE, "--data-version", str(version))
     connected.run_ok("update", DATABASE)
-    connected.run_ok("force-install", DATABASE, "-1")
+    told = connected.run_ok("force-install", DATABASE, "-1").stdout
+    assert '"update" installs a later version when the server has one' in told
     assert connected.version(DATABASE) == 7000001
     trees.assert_same(versions[7000001], connected.installed(DATABASE))
     connected.run_ok("update", DATABASE)
     assert connected.version(DATABASE) == 7000002
     trees.assert_same(versions[7000002], connected.installed(DATABASE))
+
+
+def test_a_fix_brings_a_forced_version_back_while_it_is_held(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    for version in (7000001, 7000002):
+        tree = trees.write_tree(tmp_path / str(version), {"a": str(version).encode()})
+        publisher.publish(tree, DATABASE, "--data-version", str(version))
+    connected.run_ok("update", DATABASE)
+    connected.run_ok("hold", DATABASE)
+    told = connected.run_ok("force-install", DATABASE, "-1", "--even-held").stdout
+    assert 'as the database is held, "fix" installs version 7000001 again should it find damage' in told
+    (connected.installed(DATABASE) / "a").write_bytes(b"damaged")
+    connected.run_ok("fix", DATABASE)
+    assert (connected.installed(DATABASE) / "a").read_bytes() == b"7000001"
 
 
 def test_a_forced_version_names_the_link_that_was_made_of_the_servers(

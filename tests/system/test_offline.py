@@ -226,6 +226,7 @@ def test_a_damaged_or_cut_kit_is_told_by_name_and_changes_nothing(older: Device,
     result = bring(kit)
     assert result.status == 1, str(result)
     assert f"The kit {kit} is damaged: {DATABASE}_d3.tarn is not what the table says" in result.stderr, str(result)
+    assert "; nothing was changed, copy the kit again." in result.stderr, str(result)
     assert_installed(older, 1)
     for size in (0, 100, 700, len(whole) // 2, len(whole) - 1):
         kit.write_bytes(whole[:size])
@@ -233,6 +234,7 @@ def test_a_damaged_or_cut_kit_is_told_by_name_and_changes_nothing(older: Device,
         assert result.status == 1, str(result)
         assert f"The kit {kit} " in result.stderr, str(result)
         assert_installed(older, 1)
+    assert ", so nothing was changed; copy the kit again." in result.stderr, str(result)
     kit.unlink()
     assert "cannot be opened" in bring(kit).stderr
     assert bring(kit.parent).status == 1, "a directory"

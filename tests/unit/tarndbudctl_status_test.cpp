@@ -78,8 +78,8 @@ TEST_F(StatusTest, NamesAFixAloneForWhatIsUnfinishedAndHeld) {
 	test::WriteFile("/var/lib/data_update/geo/replacing", "");
 	SetHold("geo", std::nullopt);
 	EXPECT_EQ(Run({"geo"}, false), kDone);
-	EXPECT_EQ(doubles_.err.str(),
-	    "tarndbudctl: geo: The last replacement of its files was not finished; \"tarndbudctl fix\" installs it anew.\n");
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; \"tarndbudctl "
+	                              "fix\" installs it anew.\n");
 	doubles_.err.str("");
 	SetHold("geo", 5);
 	EXPECT_EQ(Run({"geo"}, false), kDone);
@@ -113,7 +113,8 @@ TEST_F(StatusTest, DoesNotCallUpToDateWhatNobodyCanReach) {
 	ON_CALL(*doubles_.config, GetCurVolume).WillByDefault(Return(""));
 	ON_CALL(*doubles_.database, GetRootDirectory).WillByDefault(Return(""));
 	EXPECT_EQ(Run({"geo"}, false), kDone);
-	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        no volume  unknown  yes        - (no volume)"));
+	EXPECT_THAT(
+	    doubles_.out.str(), HasSubstr("geo       5          5        no volume  unknown  yes        - (no volume)"));
 }
 
 TEST_F(StatusTest, NamesAnotherWayOutWhenTheVersionThatWouldRepairWasRefused) {

@@ -95,8 +95,39 @@ TEST_F(VolumeCommandTest, DoesNotAdoptAnUnsuitableVolume) {
 	WriteFile("/usr/share/data_update/databases.conf",
 	    R"({"geo":{"min_rsv_space_inbytes":4294967295}, "zip":{"min_rsv_space_inbytes":4294967295}})");
 	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\nexclude " + first_ + "\n");
-	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr(first_ + " is not suitable"));
+	EXPECT_EQ(Run(kVolumeMountedCommand.run, first_),
+	    first_ + " is not suitable: an \"exclude\" line of /usr/tarn/etc/volumes.conf names it.\n");
 	EXPECT_EQ(Volume(), "");
+}
+
+TEST_F(VolumeCommandTest, SaysHowMuchRoomAVolumeLacks) {
+	constexpr std::uintmax_t kReserve = 4'294'967'295;
+	std::string databases;
+	for (std::uintmax_t number = 0; number <= std::filesystem::space(first_).available / kReserve; ++number) {
+		databases +=
+		    (number == 0 ? "{\"" : ",\"") + std::to_string(number) + "\":{\"min_rsv_space_inbytes\":4294967295}";
+	}
+	WriteFile("/usr/share/data_update/databases.conf", databases + "}");
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_),
+	    testing::MatchesRegex(".* is not suitable: .*B are free there, and the databases reserve [0-9.]+ [GTP]B[.]\n"));
+	EXPECT_EQ(Volume(), "");
+}
+
+TEST_F(VolumeCommandTest, NamesEachVolumeThatDoesNotTakeTheDatabases) {
+	UseVolume(first_);
+	WriteFile(
+	    "/usr/tarn/etc/volumes.conf", "directory " + first_ + "\ndirectory " + second_ + "\nexclude " + second_ + "\n");
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_),
+	    HasSubstr("\n" + second_ + " is not suitable: an \"exclude\" line of /usr/tarn/etc/volumes.conf names it.\n"));
+	UseVolume(first_);
+	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\n");
+	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_), HasSubstr("There is no other volume; a tmpfs"));
+}
+
+TEST_F(VolumeCommandTest, TellsHowAFileSystemThatDoesNotCountIsTaken) {
+	EXPECT_THAT(Refusal(kVolumeMountedCommand.run, "/proc"),
+	    HasSubstr("the line \"directory /proc\" there takes it all the same"));
+	EXPECT_THAT(Refusal(kVolumeMountedCommand.run, directory_ / "none"), HasSubstr("it is not mounted"));
 }
 
 TEST_F(VolumeCommandTest, MovesTheDatabasesAway) {
