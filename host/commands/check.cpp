@@ -5,6 +5,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/inspection.h"
+#include "host/library/install_place.h"
 #include "host/library/preparation.h"
 #include "host/library/services.h"
 
@@ -132,12 +133,21 @@ void RequireReachable(const Services& services, const std::string& id) {
 	}
 }
 
+void TellNotInstalled(const Services& services, Report& report, const std::string& id) {
+	Json::Value result = MakeResult("not installed", -1);
+	const std::optional<std::string> old_place = FindOldPlace(services, id, ReadRecorded(services, id));
+	if (old_place) {
+		result["installed_in"] = *old_place;
+	}
+	report.Tell(id, "not installed" + (old_place ? ": " + DescribeOldPlace(services, id, *old_place) : ""), result);
+}
+
 ExitCode CheckDatabase(const Services& services, Report& report, const std::string& id, unsigned long timeout_seconds) {
 	services.config->CheckSupported(id);
 	RequireReachable(services, id);
 	const Findings found = LookThoroughly(services, id, timeout_seconds);
 	if (found.listed.data_version == -1) {
-		report.Tell(id, "not installed", MakeResult("not installed", found.listed.data_version));
+		TellNotInstalled(services, report, id);
 		return kFixNeeded;
 	}
 	report.Tell(id, Describe(found), ToJson(found));

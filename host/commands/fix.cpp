@@ -45,7 +45,9 @@ ExitCode Fix(const Services& services, Report& report, const std::string& id) {
 	const bool is_new = outcome.before == -1;
 	Json::Value result = MakeResult(is_new ? "installed" : "repaired", outcome.Version());
 	AddWayBack(outcome, result);
-	report.Tell(id, (is_new ? "installed " : "repaired, now ") + version + DescribeWayBack(outcome), std::move(result));
+	report.Tell(id,
+	    (is_new ? "installed " : "repaired, now ") + version + DescribeWayBack(outcome) + DescribeLeftBehind(outcome),
+	    std::move(result));
 	return code;
 }
 

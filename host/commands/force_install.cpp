@@ -46,9 +46,8 @@ Outcome Install(const Services& services, const Options& options, int target) {
 std::string DescribeWayOn(const std::string& id, int installed) {
 	const std::optional<Hold> hold = ReadHold(id);
 	if (!hold) {
-		return "\"update\" installs a later version when the server has one, and \"fix\" the server's version should "
-		       "it "
-		       "find damage";
+		return "\"update\" installs a later version when the server has one, and \"fix\" the server's version "
+		       "should it find damage";
 	}
 	return "as the database is held, \"fix\" installs version " + std::to_string(installed) +
 	       (hold->up_to ? " again, or what the server has if the hold allows it," : " again") +
@@ -80,7 +79,7 @@ ExitCode Run(const Services& services, const Options& options) {
 		report.Tell(options.id,
 		    "version " + std::to_string(installed) +
 		        " was unpacked over what was there, and files of before that its package lacks stay; " +
-		        DescribeWayOn(options.id, installed),
+		        DescribeWayOn(options.id, installed) + DescribeLeftBehind(outcome),
 		    MakeResult("forced", installed));
 		return code;
 	});
@@ -93,10 +92,8 @@ const Command kForceInstallCommand = {"force-install", "Install a chosen version
     "and\n"
     "the port. Unpacks the package over the installed files, keeps installed files that are not in the package, and "
     "runs no\n"
-    "hooks. Afterwards, update installs a later version when the server has one, and fix the server's version should "
-    "it "
-    "find\n"
-    "damage; while the database is held, fix installs the held version. Refuses a database that is held.",
+    "hooks. Afterwards, update installs a later version when the server has one, and fix the server's version should\n"
+    "it find damage; while the database is held, fix installs the held version. Refuses a database that is held.",
     {kUnsupported, kHeld, kLocked}, true, true, Declare, Run, Tail::kNumber};
 
 } // namespace tarn::ctl

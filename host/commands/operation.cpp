@@ -2,6 +2,9 @@
 
 #include "host/library/record_keeper.h"
 
+#include <filesystem>
+#include <system_error>
+
 namespace tarn::ctl {
 
 ExitCode RunOperation(const Services& services, Report& report, const std::string& id, const char* operation,
@@ -15,6 +18,14 @@ ExitCode RunOperation(const Services& services, Report& report, const std::strin
 	});
 }
 
+std::string DescribeLeftBehind(const Outcome& outcome) {
+	std::error_code error;
+	if (!outcome.installed || !outcome.old_place || !std::filesystem::exists(*outcome.old_place, error)) {
+		return "";
+	}
+	return "; nothing uses " + *outcome.old_place + ", where it was installed before, any more, and you may delete it";
+}
+
 std::string DescribeWayBack(const Outcome& outcome) {
 	return outcome.back_from ? ", which is older than version " + std::to_string(*outcome.back_from) +
 	                               ", which was installed or half installed"
@@ -24,6 +35,9 @@ std::string DescribeWayBack(const Outcome& outcome) {
 void AddWayBack(const Outcome& outcome, Json::Value& result) {
 	if (outcome.back_from) {
 		result["previous_version"] = *outcome.back_from;
+	}
+	if (outcome.installed && outcome.old_place) {
+		result["previous_dir"] = *outcome.old_place;
 	}
 }
 

@@ -20,9 +20,12 @@ namespace tarn::ctl {
 ExitCode RunOperation(const Services& services, Report& report, const std::string& id, const char* operation,
     const std::function<ExitCode()>& work);
 
+/** The end of a result that names the directory with the files that nothing uses any more; empty without such files. */
+[[nodiscard]] std::string DescribeLeftBehind(const Outcome& outcome);
+
 /** The end of a result that says that an older version was installed than was there; empty when it was none. */
 [[nodiscard]] std::string DescribeWayBack(const Outcome& outcome);
-/** The same for a result as an object. */
+/** The same two for a result as an object. */
 void AddWayBack(const Outcome& outcome, Json::Value& result);
 
 } // namespace tarn::ctl

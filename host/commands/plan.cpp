@@ -73,6 +73,9 @@ Json::Value ToJson(const UpdatePlan& plan) {
 	object["update"] = plan.is_needed || plan.finishes;
 	object["unfinished"] = plan.is_unfinished;
 	object["held"] = plan.hold.has_value();
+	if (plan.old_place) {
+		object["installed_in"] = *plan.old_place;
+	}
 	object["readers"] = Json::UInt64{plan.readers};
 	object["updating"] = plan.is_updating;
 	if (!plan.obstacle.empty()) {

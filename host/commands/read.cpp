@@ -5,6 +5,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/failure.h"
+#include "host/library/install_place.h"
 #include "host/library/process.h"
 #include "host/library/services.h"
 
@@ -18,6 +19,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <thread>
 
 namespace tarn::ctl {
@@ -80,6 +82,17 @@ std::unique_ptr<ReaderLock> TakeLockOnWhole(const Services& services, const Opti
 	}
 }
 
+/** Under the lock. What lies in the directory otherwise may be of another version than the recorded one. */
+void RequireInstalledHere(const Services& services, const Options& options) {
+	const std::optional<std::string> old_place =
+	    options.even_unfinished ? std::nullopt : FindOldPlace(services, options.id);
+	if (old_place) {
+		throw CommandError(kLocked, "There is nothing to read of " + options.id + ": " +
+		                                DescribeOldPlace(services, options.id, *old_place) +
+		                                "; the next update or fix installs it there");
+	}
+}
+
 /** Waits without reaping, so that the child's number stays its own as long as signals are passed on to it. */
 void AwaitEnd(pid_t child) {
 	const SignalForwarding forwarding(child);
@@ -133,6 +146,7 @@ void Declare(CLI::App& app, Options& options) {
 ExitCode Run(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const std::unique_ptr<ReaderLock> lock = TakeLockOnWhole(services, options);
+	RequireInstalledHere(services, options);
 	RequireNotInterrupted();
 	return RunChild(options.command, services.terminal);
 }

@@ -5,6 +5,7 @@
 #include "host/commands/report.h"
 #include "host/commands/watch.h"
 #include "host/library/hold.h"
+#include "host/library/install_place.h"
 #include "host/library/installed_package.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
@@ -78,7 +79,9 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	StatusRow row;
 	row.id = id;
 	// The server comes last, when nothing local can fail any more.
-	const int installed = ReadInstalled(services, id).data_version;
+	const dataupdate::InstalledRecord recorded = ReadRecorded(services, id);
+	row.old_dir = FindOldPlace(services, id, recorded);
+	const int installed = row.old_dir ? -1 : recorded.data_version;
 	if (installed != -1) {
 		row.installed_version = installed;
 		row.published = PublicationTime(id, installed);
@@ -120,6 +123,11 @@ std::string WayOutOfMixture(const Services& services, const StatusRow& row) {
 
 void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 	for (const StatusRow& row : rows) {
+		if (row.old_dir && !row.updating) {
+			services.terminal.Complain(row.id + ": Nothing is installed there, for " +
+			                           DescribeOldPlace(services, row.id, *row.old_dir) +
+			                           "; the next update or fix installs it there by the full package.");
+		}
 		if (OffersRefused(row)) {
 			services.terminal.Complain(
 			    row.id + ": Version " + std::to_string(*row.refused_version) +

@@ -50,7 +50,8 @@ std::string DescribeChange(const Outcome& outcome) {
 	if (VersionBefore(outcome) != -1) {
 		return "updated from version " + std::to_string(outcome.before) + " to " + version;
 	}
-	return (outcome.was_unfinished ? "reinstalled " : "installed ") + version + DescribeWayBack(outcome);
+	return (outcome.was_unfinished ? "reinstalled " : "installed ") + version + DescribeWayBack(outcome) +
+	       DescribeLeftBehind(outcome);
 }
 
 Json::Value ChangeToJson(const Outcome& outcome) {

@@ -5,6 +5,7 @@
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
+#include "host/library/install_place.h"
 #include "host/library/package_plan.h"
 #include "host/library/preparation.h"
 #include "host/library/rejection.h"
@@ -65,8 +66,8 @@ public:
 		return operation_.change_ == Change::kFinish ? operation_.AskPlan() : operation_.AskServer();
 	}
 	Diffs GetDiffInfos(const std::string& id) const override {
-		if (operation_.change_ == Change::kFinish || operation_.outcome_.goes_back) {
-			return {}; // Diff packages only lead forward.
+		if (operation_.change_ == Change::kFinish || operation_.outcome_.goes_back || operation_.outcome_.old_place) {
+			return {}; // Diff packages only lead forward, and only from the files that they were made for.
 		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
 		LogMissingDiff(id, operation_.outcome_, diffs);
@@ -131,6 +132,7 @@ RemoteInfo Operation::AskServer() {
 		RequireNoHold();
 		record_.Mend(outcome_.before);
 	} else if (change_ == Change::kForced) {
+		ReadHere();
 		record_.PrepareForced();
 	}
 	return change_ == Change::kFix ? ForFix(std::move(remote)) : remote;
@@ -162,6 +164,7 @@ RemoteInfo Operation::ForFix(RemoteInfo remote) {
 
 void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, const Diffs& diffs,
     const std::string& volume, const std::string& install_prefix, const std::string& root_directory) {
+	install_prefix_ = install_prefix;
 	if (change_ == Change::kFinish) {
 		update_ = services_.finish(id_, volume, install_prefix);
 		record_.RecallUnfinished();
@@ -216,7 +219,7 @@ void Operation::LookBack() {
 }
 
 DatabaseStatus Operation::ReadStatus() {
-	const InstalledRecord record = ReadInstalled(services_, id_);
+	const InstalledRecord record = ReadHere();
 	DatabaseStatus status = WithoutFiles(record.data_version, record.last_fetch_time);
 	outcome_.before = status.data_version;
 	outcome_.was_unfinished = dataupdate::IsReplacementMarked(id_);
@@ -259,8 +262,10 @@ void Operation::RecordStatus(InstalledRecord record) {
 	}
 	DropInstalledFiles(id_);
 	ForgetInstalledPackage(id_);
+	RecordInstallPlace(id_, install_prefix_);
 	WriteInstalled(services_, id_, record);
 	outcome_.installed = record.data_version;
+	LogLeftBehind(id_, outcome_.old_place, install_prefix_);
 	TellWayBack();
 	ForgetRejection(id_, record.data_version);
 	const std::optional<OpenedPackage> package = packages_.Last(id_);

@@ -21,7 +21,9 @@ namespace tarn::ctl {
 struct Outcome {
 	int Version() const { return installed.value_or(before); }
 
-	int before = -1;              ///< The recorded version when the operation had its locks; -1 for none.
+	int before = -1; ///< The recorded version when the operation had its locks; -1 for none.
+	/** Where the recorded version was installed when the settings name another directory; before is -1 then. */
+	std::optional<std::string> old_place;
 	bool was_unfinished = false;  ///< Whether its files were half replaced, so that it is treated as not installed.
 	int offered = -1;             ///< The server's version; -1 when the server was not asked.
 	bool goes_back = false;       ///< Whether an older version than the recorded one is to be installed.
@@ -149,6 +151,8 @@ private:
 	void RequireFullPackage(const std::string& link, std::uint64_t spent) const;
 	Situation Found() const { return {outcome_.before, outcome_.was_unfinished, outcome_.offered}; }
 	dataupdate::DatabaseStatus ReadStatus();
+	/** Notes where the database is to be and, if it is elsewhere, was. */
+	dataupdate::InstalledRecord ReadHere();
 	void LookBack();
 	/** Notes and logs that an older version was installed, which only an unfinished or damaged one gives way to. */
 	void TellWayBack();
@@ -164,7 +168,8 @@ private:
 	Older older_ = Older::kAsTheLibraryDoes;
 	RecordKeeper record_;
 	OpenedPackages packages_;
-	int latest_ = -1; // of the versions whose files may be there
+	std::string install_prefix_; // where the files are put
+	int latest_ = -1;            // of the versions whose files may be there
 	dataupdate::UpdateResult update_;
 	Outcome outcome_;
 	RefusedVersion refused_ = RefusedVersion::kLeave;

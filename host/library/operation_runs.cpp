@@ -2,6 +2,7 @@
 #include "dataupdate/interruption.h"
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
+#include "host/library/install_place.h"
 #include "host/library/operation.h"
 #include "host/library/package_plan.h"
 #include "host/library/preparation.h"
@@ -79,6 +80,16 @@ Outcome Fix(Operation& operation, const std::string& id) {
 }
 
 } // namespace
+
+dataupdate::InstalledRecord Operation::ReadHere() {
+	install_prefix_ = services_.config->GetDatabaseConfig(id_)->GetInstallPrefix();
+	dataupdate::InstalledRecord recorded = ReadRecorded(services_, id_);
+	outcome_.old_place = FindOldPlace(services_, id_, recorded);
+	if (outcome_.old_place) {
+		recorded = dataupdate::InstalledRecord();
+	}
+	return recorded;
+}
 
 std::optional<int> FindPrepared(const Services& services, const std::string& id) {
 	if (!services.find_prepared) {

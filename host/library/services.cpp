@@ -6,6 +6,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/checked_info_getter.h"
+#include "host/library/install_place.h"
 #include "host/library/package_size.h"
 
 #include <tarnsdk/volume.h>
@@ -142,8 +143,16 @@ Services MakeServices(Terminal& terminal) {
 	    FindNextRun};
 }
 
-dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {
+dataupdate::InstalledRecord ReadRecorded(const Services& services, const std::string& id) {
 	return services.read_record ? services.read_record(id) : services.info->GetDatabaseStatus(id);
+}
+
+dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {
+	dataupdate::InstalledRecord recorded = ReadRecorded(services, id);
+	if (FindOldPlace(services, id, recorded)) {
+		recorded = dataupdate::InstalledRecord();
+	}
+	return recorded;
 }
 
 void WriteInstalled(const Services& services, const std::string& id, const dataupdate::InstalledRecord& record) {

@@ -99,7 +99,9 @@ struct Services {
 	std::function<std::optional<NextRun>()> next_run = nullptr;
 };
 
-/** What InfoGetter::GetDatabaseStatus() says, in little memory. */
+/** What InfoGetter::GetDatabaseStatus() says, in little memory: what was installed, wherever that is. */
+[[nodiscard]] dataupdate::InstalledRecord ReadRecorded(const Services& services, const std::string& id);
+/** The same of what is installed where the settings have the database; nothing, version -1, if it is elsewhere. */
 [[nodiscard]] dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id);
 /** Does what InfoGetter::SetDatabaseStatus() does. */
 void WriteInstalled(const Services& services, const std::string& id, const dataupdate::InstalledRecord& record);

@@ -2,6 +2,7 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/update_error.h"
+#include "host/library/install_place.h"
 #include "host/library/operation.h"
 #include "host/library/readers.h"
 #include "host/library/rejection.h"
@@ -95,6 +96,9 @@ std::string Obstacle(const Services& services, const UpdatePlan& plan) {
 
 void PlanWay(const Services& services, const dataupdate::RemoteInfo& remote, UpdatePlan& plan) {
 	plan.way = FindWay(plan.found, services.info->GetDiffInfos(plan.id));
+	if (plan.old_place && !plan.finishes) {
+		plan.way.reason = DescribeOldPlace(services, plan.id, *plan.old_place);
+	}
 	plan.reason = plan.way.is_chain ? "diff packages lead from version " + Number(plan.found.installed) + " to " +
 	                                      Number(plan.found.offered)
 	                                : plan.way.reason;
@@ -112,7 +116,9 @@ void PlanWay(const Services& services, const dataupdate::RemoteInfo& remote, Upd
 UpdatePlan MakeUpdatePlan(const Services& services, const std::string& id) {
 	UpdatePlan plan;
 	plan.id = id;
-	plan.from = ReadInstalled(services, id).data_version;
+	const dataupdate::InstalledRecord recorded = ReadRecorded(services, id);
+	plan.old_place = FindOldPlace(services, id, recorded);
+	plan.from = plan.old_place ? -1 : recorded.data_version;
 	plan.is_unfinished = dataupdate::IsReplacementMarked(id);
 	plan.finishes = FindPrepared(services, id);
 	plan.found.installed = plan.finishes.value_or(plan.from);

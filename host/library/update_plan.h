@@ -25,6 +25,7 @@ enum class Room {
 struct UpdatePlan {
 	std::string id;
 	int from = -1;                           ///< The recorded version; -1 for none.
+	std::optional<std::string> old_place;    ///< Where it is instead of where the settings have it; from is -1 then.
 	bool is_unfinished = false;              ///< Whether its files are half replaced.
 	std::optional<int> finishes;             ///< The version of a killed replacement that would be finished first.
 	Situation found;                         ///< What the packages would be for; after that.

@@ -6,6 +6,7 @@
 #include "dataupdate/updater.h"
 #include "host/library/failure.h"
 #include "host/library/inspection.h"
+#include "host/library/install_place.h"
 #include "host/library/listed_files.h"
 
 #include <algorithm>
@@ -72,13 +73,19 @@ std::vector<std::string> InstalledOnVolumes(const Services& services) {
 }
 
 void LetRecordFollow(const Services& services, const std::string& volume, const std::string& id) {
-	InstalledRecord record = ReadInstalled(services, id);
+	InstalledRecord record = ReadRecorded(services, id);
 	const std::string place = kMainDir + id + "/";
+	const auto move = [&](const std::string& name) {
+		const std::size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
+		return at == std::string::npos ? name : volume + name.substr(at);
+	};
+	MoveInstallPlace(id, [&](const std::string& directory) {
+		const std::string moved = move(directory + "/");
+		return moved.substr(0, moved.size() - 1);
+	});
 	dataupdate::FileList moved;
 	for (std::size_t i = 0; i < record.files.Size(); ++i) {
-		const std::string name(record.files.Name(i));
-		const std::size_t at = StartsWith(name, "/") ? name.find(place) : std::string::npos;
-		moved.Add(at == std::string::npos ? name : volume + name.substr(at), record.files.Text(i));
+		moved.Add(move(std::string(record.files.Name(i))), record.files.Text(i));
 	}
 	moved.Sort();
 	if (moved != record.files) {

@@ -94,6 +94,9 @@ std::string FormatVersionState(const StatusRow& row) {
 	if (row.unfinished) {
 		return "unfinished";
 	}
+	if (row.old_dir) {
+		return "elsewhere";
+	}
 	if (!row.installed_version) {
 		return "not installed";
 	}
@@ -274,6 +277,9 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 			object["hold_problem"] = row.hold_problem;
 		}
 		object["install_dir"] = ToJson(row.install_dir);
+		if (row.old_dir) {
+			object["installed_in"] = *row.old_dir;
+		}
 		object["volume"] = ToJson(row.volume);
 		AddHistory(row, object);
 		if (!row.volume_problem.empty()) {

@@ -74,6 +74,7 @@ struct StatusRow {
 	std::optional<int> held_up_to;
 	std::string hold_problem; ///< Why the hold cannot be understood.
 	std::optional<std::string> install_dir;
+	std::optional<std::string> old_dir; ///< Where it is installed instead of in install_dir, which is no installation.
 	std::optional<std::string> volume;
 	std::optional<std::int64_t> last_success; ///< When the last operation succeeded; none when it did not.
 	std::optional<FailureLine> last_failure;

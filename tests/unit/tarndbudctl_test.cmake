@@ -13,6 +13,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_metrics_test.cpp
 	tarndbudctl_next_run_test.cpp
 	tarndbudctl_package_test.cpp
+	tarndbudctl_place_test.cpp
 	tarndbudctl_plan_test.cpp
 	tarndbudctl_progress_test.cpp
 	tarndbudctl_program_test.cpp
