@@ -11,6 +11,7 @@
 #include <syslog.h>
 
 #include <filesystem>
+#include <system_error>
 
 namespace tarn::ctl {
 
@@ -37,11 +38,24 @@ std::optional<std::string> ConfiguredPlace(const Services& services, const std::
 	}
 }
 
-/** What an absolute name of a recorded file says: up to the directory with the database's name. */
+/**
+ * What an absolute name of a recorded file says: up to the directory of the database, where the name shows it. It must
+ * not be any directory above, because people delete what they are told is not used.
+ */
 std::string PlaceOf(const std::string& name, const std::string& id) {
-	const std::size_t at = name.find("/" + id + "/");
-	return at == std::string::npos ? std::filesystem::path(name).parent_path().string()
-	                               : name.substr(0, at + 1 + id.size());
+	for (const std::string& parent : {dataupdate::MainDirPath(""), std::string("/var/db")}) {
+		const std::string place = parent + "/" + id;
+		if (const std::size_t at = name.find(place + "/"); at != std::string::npos) {
+			return name.substr(0, at + place.size());
+		}
+	}
+	return std::filesystem::path(name).parent_path().string();
+}
+
+/** Also of one directory by two names, as through a link to a volume. */
+bool IsSame(const std::string& place, const std::string& configured) {
+	std::error_code missing;
+	return place == configured || std::filesystem::equivalent(place, configured, missing);
 }
 
 std::optional<std::string> FindPlaceOutside(
@@ -49,7 +63,8 @@ std::optional<std::string> FindPlaceOutside(
 	for (std::size_t at = 0; at < files.Size(); ++at) {
 		const std::string name(files.Name(at));
 		if (StartsWith(name, "/") && !StartsWith(name, directory + "/")) {
-			return PlaceOf(name, id);
+			const std::string place = PlaceOf(name, id);
+			return IsSame(place, directory) ? std::nullopt : std::optional(place);
 		}
 	}
 	return std::nullopt;
@@ -63,7 +78,7 @@ std::optional<std::string> FindOldPlaceBy(const Services& services, const std::s
 		return std::nullopt;
 	}
 	if (const std::optional<std::string> place = ReadInstallPlace(id)) {
-		return place == configured ? std::nullopt : place;
+		return IsSame(*place, *configured) ? std::nullopt : place;
 	}
 	return find_by_names(*configured);
 }

@@ -66,6 +66,8 @@ TEST_F(InstallPlaceTest, CountsOnlyWhatIsInstalledWhereTheSettingsHaveIt) {
 TEST_F(InstallPlaceTest, IsToldByAbsoluteNamesWithoutARecord) {
 	Record(std::string(kElsewhere) + "/geo/file");
 	EXPECT_EQ(OldPlace(), kElsewhere);
+	Record("/srv/geo/@database/autoupdate/geo/geo/file"); // Never a directory above the database's own.
+	EXPECT_EQ(OldPlace(), "/srv/geo/@database/autoupdate/geo");
 	Record(std::string(kHere) + "2/file"); // Of another directory whose name begins alike.
 	EXPECT_EQ(OldPlace(), std::string(kHere) + "2");
 	Record(std::string(kHere) + "/file");
@@ -87,6 +89,17 @@ TEST_F(InstallPlaceTest, IsUnknownWithoutAVolumeOrUsableSettings) {
 	EXPECT_EQ(Installed(), 3);
 	ON_CALL(*doubles_.database, GetRootDirectory).WillByDefault(Throw(UpdateError("Invalid value")));
 	EXPECT_EQ(OldPlace(), std::nullopt);
+}
+
+TEST_F(InstallPlaceTest, IsTheSameByAnotherName) {
+	const test::TemporaryDirectory directory;
+	std::filesystem::create_directory(directory / "place");
+	std::filesystem::create_symlink(directory / "place", directory / "link");
+	ON_CALL(*doubles_.database, GetInstallPrefix).WillByDefault(Return(directory / "link"));
+	RecordInstallPlace("geo", directory / "place");
+	EXPECT_EQ(OldPlace(), std::nullopt);
+	RecordInstallPlace("geo", directory.Path().string());
+	EXPECT_EQ(OldPlace(), directory.Path().string());
 }
 
 TEST_F(InstallPlaceTest, MovesOnlyWhenThereIsARecord) {
