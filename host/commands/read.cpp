@@ -36,12 +36,24 @@ void RequireNotInterrupted() {
 	}
 }
 
+/** What lies in the directory otherwise may be of another version than the recorded one. */
+void RequireInstalledHere(const Services& services, const Options& options) {
+	const std::optional<std::string> old_place =
+	    options.even_unfinished ? std::nullopt : FindOldPlace(services, options.id);
+	if (old_place) {
+		throw CommandError(kLocked, "There is nothing to read of " + options.id + ": " +
+		                                DescribeOldPlace(services, options.id, *old_place) +
+		                                "; the next update or fix installs it there");
+	}
+}
+
 /** A lock that is held; after a restart its file is missing until somebody makes it. */
 std::unique_ptr<ReaderLock> TakeLock(const Services& services, const Options& options, unsigned long timeout_seconds) {
 	auto lock = std::make_unique<ReaderLock>(options.id, timeout_seconds);
 	if (lock->Held()) {
 		return lock;
 	}
+	RequireInstalledHere(services, options);
 	if (ReadInstalled(services, options.id).data_version == -1) {
 		throw CommandError(kLocked, "Nothing is installed of " + options.id + ", so there is nothing to lock");
 	}
@@ -79,17 +91,6 @@ std::unique_ptr<ReaderLock> TakeLockOnWhole(const Services& services, const Opti
 		}
 		std::this_thread::sleep_for(kPause);
 		RequireNotInterrupted();
-	}
-}
-
-/** Under the lock. What lies in the directory otherwise may be of another version than the recorded one. */
-void RequireInstalledHere(const Services& services, const Options& options) {
-	const std::optional<std::string> old_place =
-	    options.even_unfinished ? std::nullopt : FindOldPlace(services, options.id);
-	if (old_place) {
-		throw CommandError(kLocked, "There is nothing to read of " + options.id + ": " +
-		                                DescribeOldPlace(services, options.id, *old_place) +
-		                                "; the next update or fix installs it there");
 	}
 }
 
@@ -146,7 +147,7 @@ void Declare(CLI::App& app, Options& options) {
 ExitCode Run(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const std::unique_ptr<ReaderLock> lock = TakeLockOnWhole(services, options);
-	RequireInstalledHere(services, options);
+	RequireInstalledHere(services, options); // Again under the lock: an update may have ended meanwhile.
 	RequireNotInterrupted();
 	return RunChild(options.command, services.terminal);
 }

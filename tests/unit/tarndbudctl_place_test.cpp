@@ -165,7 +165,13 @@ TEST_F(InstallPlaceTest, IsNotReadFrom) {
 	Options options;
 	options.id = "geo";
 	options.command = {"true"};
-	EXPECT_THROW((void)kReadCommand.run(doubles_.services, options), CommandError);
+	try {
+		(void)kReadCommand.run(doubles_.services, options);
+		FAIL() << "read ran its command";
+	} catch (const CommandError& error) {
+		EXPECT_EQ(error.Code(), kLocked);
+		EXPECT_THAT(error.what(), HasSubstr(std::string("it is installed in ") + kElsewhere));
+	}
 }
 
 } // namespace
