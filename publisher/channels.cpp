@@ -16,7 +16,7 @@ namespace {
 std::optional<std::string> FormatOf(const Repository& repository, const std::string& id, int version) {
 	try {
 		const Json::Value metadata = ReadMetadata(archive::ArchiveFile(repository.PackagePath(id, version)));
-		const Json::Value format = metadata.isObject() ? metadata["format_version"] : Json::Value();
+		const Json::Value format = metadata.isObject() ? metadata[kFormatKey] : Json::Value();
 		return format.isString() ? std::optional(format.asString()) : std::nullopt;
 	} catch (const Error&) {
 		return std::nullopt;

@@ -33,7 +33,7 @@ constexpr std::size_t kBufferSize = std::size_t{1} << 20U;
 std::string Metadata(const PackageInfo& info) {
 	Json::Value metadata = info.more;
 	metadata["data_version"] = info.data_version;
-	metadata["format_version"] = info.format_version;
+	metadata[kFormatKey] = info.format_version;
 	metadata["id"] = info.id;
 	metadata["kind"] = info.kind;
 	metadata["published"] = info.published;

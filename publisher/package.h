@@ -19,6 +19,7 @@
 namespace tarn::publisher {
 
 constexpr std::int64_t kMaxNumber = std::numeric_limits<int>::max(); // of versions and times, as devices read them
+constexpr const char* kFormatKey = "format_version";                 // a member of the metadata
 
 /** What a package says about itself. */
 struct PackageInfo {

@@ -97,7 +97,7 @@ private:
 		try {
 			const archive::ArchiveFile archive = reader_.Open(path, {options_.id, "", version});
 			result_.is_unchanged =
-			    ReadMetadata(archive)["format_version"] == options_.format_version && HoldsTree(archive, path, tree_);
+			    ReadMetadata(archive)[kFormatKey] == options_.format_version && HoldsTree(archive, path, tree_);
 			result_.package_size = archive.Head().FileSize();
 		} catch (const PublishError& error) {
 			observer_.warn("The tree is published without a comparison with version " + std::to_string(version) + ": " +

@@ -39,7 +39,7 @@ SignedPackage ReadSigned(
 	const Json::Value metadata = ReadMetadata(archive);
 	const std::uint64_t size = archive.Head().FileSize();
 	CheckFits(file, metadata, size);
-	const Json::Value& format = metadata["format_version"];
+	const Json::Value& format = metadata[kFormatKey];
 	const std::optional<int> published = PublishedTime(metadata);
 	return {file.path, published ? *published : FileTime(file.path), published.has_value(),
 	    format.isString() ? format.asString() : "", size};

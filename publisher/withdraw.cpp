@@ -5,10 +5,10 @@
 #include "publisher/begun_package.h"
 #include "publisher/checks.h"
 #include "publisher/document_sentences.h"
-#include "publisher/foreign_package.h"
 #include "publisher/last_publication.h"
 #include "publisher/same_content.h"
 #include "publisher/withdrawal_diffs.h"
+#include "publisher/withdrawal_target.h"
 #include "publisher/withdrawn_packages.h"
 
 #include <algorithm>
@@ -19,8 +19,6 @@ namespace tarn::publisher {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kFormatKey = "format_version";
 
 Entry RequireEntry(const Repository& repository, const PublishOptions& options) {
 	if (auto entry = repository.ReadEntry(options.db_version, options.id)) {
@@ -45,8 +43,7 @@ public:
 	WithdrawResult Run(const std::optional<std::int64_t>& to) {
 		Begin();
 		result_.withdrawn = previous_.data_version;
-		result_.restored = Target(to);
-		RequireOwnTarget();
+		result_.restored = target_->Choose(to);
 		Number();
 		repository_.Clean(options_.id, Version());
 		const WorkDirectory work(repository_.Directory());
@@ -84,83 +81,7 @@ private:
 			obstacle_ = WithoutEnd(error.what());
 			chain_.emplace(repository_, reader_, options_.id, Entry{previous_.data_version, 0, "", {}});
 		}
-		newest_ = NewestMetadata();
-	}
-
-	int Target(const std::optional<std::int64_t>& to) const {
-		if (!to) {
-			return Default();
-		}
-		if (*to < 0 || *to >= previous_.data_version) {
-			throw PublishError("Version " + std::to_string(*to) + " cannot come back: it must be below version " +
-			                   std::to_string(previous_.data_version) + ", the newest of " + options_.id + ".");
-		}
-		return static_cast<int>(*to);
-	}
-
-	void RequireOwnTarget() const {
-		const std::string path = repository_.KeptPackagePath(options_.id, result_.restored);
-		if (IsForeign(reader_, path, options_.id, result_.restored)) {
-			throw PublishError("Version " + std::to_string(result_.restored) + " of " + options_.id +
-			                   " cannot come back: its package " + path +
-			                   " has no signature by --key or an --old-key; name the key that signed it by --old-key.");
-		}
-	}
-
-	int Default() const {
-		if (newest_.isMember(kRestoresKey)) {
-			repository_.Clean(options_.id); // What a killed withdrawal has left to do is all that is left to do.
-			throw PublishError("Version " + std::to_string(previous_.data_version) + " of " + options_.id +
-			                   " is itself a withdrawal, with the content of version " +
-			                   newest_[kRestoresKey].asString() + "; --to says which version is to come back.");
-		}
-		if (repository_.EntriesOf(options_.id).size() > 1) {
-			// The version before may have been on trial in another channel only.
-			throw PublishError("Several documents name " + options_.id +
-			                   ", so --to has to say which version is to come back: " +
-			                   NamingDocuments(repository_, options_.id) + ".");
-		}
-		if (!chain_->Links().empty()) {
-			return previous_.data_version - 1;
-		}
-		int before = -1;
-		for (const PackageFile& file : repository_.Packages(options_.id)) {
-			before = file.data_version < previous_.data_version && IsOfFormat(file) ? file.data_version : before;
-		}
-		if (before < 0) {
-			throw PublishError("No version of " + options_.id +
-			                   " can come back: the repository holds no full package " + "of a version below " +
-			                   std::to_string(previous_.data_version) + ".");
-		}
-		return before;
-	}
-
-	/**
-	 * What the newest version says about itself, by its diff package when its full package is missing. It needs no
-	 * trust where nothing is made from it: it can only lead to a refusal.
-	 */
-	Json::Value NewestMetadata() const {
-		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
-		if (fs::exists(path)) {
-			const PackageInfo info = {options_.id, "", previous_.data_version};
-			try {
-				return ReadMetadata(reader_.Open(path, info));
-			} catch (const ForeignPackage&) {
-				return ReadMetadata(PackageReader::OpenUnchecked(path, info));
-			}
-		}
-		return chain_->Links().empty() ? Json::Value(Json::objectValue) : chain_->Links().back().package.metadata;
-	}
-
-	/** Whether a full package has the newest version's format: others are of another document. */
-	bool IsOfFormat(const PackageFile& file) const {
-		try {
-			const Json::Value metadata = file.is_diff ? Json::Value() : ReadMetadata(archive::ArchiveFile(file.path));
-			return metadata.isObject() &&
-			       (!newest_.isMember(kFormatKey) || metadata[kFormatKey] == newest_[kFormatKey]);
-		} catch (const Error&) { // no device can install it
-			return false;
-		}
+		target_.emplace(repository_, reader_, options_.id, previous_, *chain_);
 	}
 
 	void Number() {
@@ -178,7 +99,8 @@ private:
 		const std::string directory = work.Make("restored");
 		const Json::Value metadata = content.Unpack(result_.restored, directory, work);
 		format_version_ = metadata[kFormatKey].isString() ? metadata[kFormatKey].asString() : "";
-		if (newest_.isMember(kFormatKey) && newest_[kFormatKey] != format_version_) {
+		const Json::Value& newest = target_->NewestMetadata();
+		if (newest.isMember(kFormatKey) && newest[kFormatKey] != format_version_) {
 			throw PublishError("Version " + std::to_string(result_.restored) + " of " + options_.id +
 			                   " cannot come back: its format is \"" + format_version_ + "\", and that of version " +
 			                   std::to_string(result_.withdrawn) + " is another.");
@@ -206,7 +128,7 @@ private:
 		published.tree_size = tree.total_size;
 		published.package_size = archive.Head().FileSize();
 		published.download_link = previous_.download_link;
-		if (newest_[kRestoresKey] == result_.restored) {
+		if (target_->NewestMetadata()[kRestoresKey] == result_.restored) {
 			WarnOfOtherDocuments(); // which a killed withdrawal has not done
 		}
 		return true;
@@ -269,7 +191,8 @@ private:
 			Published().diff->oldest_base = entry.diff_files.begin()->first - 1;
 		}
 		for (const PackageFile& file : repository_.Packages(options_.id)) {
-			if (file.data_version > result_.restored && file.data_version <= result_.withdrawn && IsOfFormat(file)) {
+			if (file.data_version > result_.restored && file.data_version <= result_.withdrawn &&
+			    target_->IsOfFormat(file)) {
 				MarkWithdrawn(file.path, Version());
 			}
 		}
@@ -301,8 +224,8 @@ private:
 	PackageReader reader_;
 	Repository repository_;
 	Entry previous_;
-	Json::Value newest_; // what the newest version says about itself
 	std::optional<DiffChain> chain_;
+	std::optional<WithdrawalTarget> target_;
 	std::string obstacle_; // why the chain cannot be continued
 	std::string format_version_;
 	WithdrawResult result_;

@@ -3,25 +3,18 @@
 #include "kit_fuzz.h"
 
 #include "base/error.h"
-#include "base/file_io.h"
+#include "in_memory.h"
 #include "kit/layout.h"
 #include "kit/reader.h"
 #include "promise.h"
-
-#include <sys/mman.h>
 
 #include <string>
 #include <utility>
 
 namespace {
 
+using tarn::test::InMemory;
 using tarn::test::Require;
-
-tarn::UniqueFd InMemory(const std::uint8_t* data, std::size_t size) {
-	tarn::UniqueFd fd(memfd_create("kit", MFD_CLOEXEC));
-	Require(fd && tarn::WriteAll(fd.Get(), data, size), "an input can be kept");
-	return fd;
-}
 
 void ReadParts(const tarn::kit::Reader& reader, std::size_t file_size) {
 	std::size_t described = 0;

@@ -1,4 +1,6 @@
 #include "base/record_entries.h"
+#include "corpus.h"
+#include "record_fuzz.h"
 #include "temporary_directory.h"
 
 #include <gmock/gmock.h>
@@ -131,6 +133,10 @@ TEST_F(RecordEntriesTest, EndWhereWhoTakesThemExpectsAnother) {
 TEST_F(RecordEntriesTest, AreNotReadFromWhatIsNoFile) {
 	EXPECT_FALSE(ReadRecordEntries(directory_ / "missing", form_));
 	EXPECT_FALSE(ReadRecordEntries(directory_.Path(), form_));
+}
+
+TEST(RecordCorpus, BreaksNoPromise) {
+	test::ExpectNoBrokenPromise(TARN_RECORD_CORPUS, LLVMFuzzerTestOneInput, 10);
 }
 
 } // namespace
