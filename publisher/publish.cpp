@@ -67,9 +67,9 @@ public:
 		result_.tree_size = tree_.total_size;
 		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
+		ContinueFrom(EntryToContinue(repository_, options_, result_.data_version));
 		WarnUnlessEmpty(NewDocumentWarning(repository_, options_.db_version, options_.id), observer_);
 		WarnOfOtherUrl(repository_, options_, observer_);
-		ContinueFrom(EntryToContinue(repository_, options_, result_.data_version));
 		repository_.Clean(options_.id, result_.data_version);
 
 		ReplacingFile package(repository_.PackagePath(options_.id, result_.data_version));

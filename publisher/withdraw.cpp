@@ -109,12 +109,12 @@ private:
 	}
 
 	/**
-	 * Whether the newest version has the content already, by its full package: without one there is something to do.
-	 * A withdrawal that is given again would otherwise make all devices download what changes nothing.
+	 * Whether the newest version has the content already, by its full package: without its own there is something to
+	 * do. A withdrawal that is given again would otherwise make all devices download what changes nothing.
 	 */
 	bool IsThereAlready(const Tree& tree) {
 		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
-		if (!fs::exists(path)) {
+		if (!fs::exists(path) || IsForeign(reader_, path, options_.id, previous_.data_version)) {
 			return false;
 		}
 		const archive::ArchiveFile archive = reader_.Open(path, {options_.id, "", previous_.data_version});

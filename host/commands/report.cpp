@@ -124,7 +124,8 @@ void DeclareNoWait(CLI::App& app, Options& options) {
 
 void DeclareTimeout(CLI::App& app, Options& options, const std::string& help) {
 	app.add_option("--timeout", options.timeout_seconds, help)
-	    ->check(CLI::Range(0UL, std::numeric_limits<unsigned long>::max(), "NONNEGATIVE"))
+	    // A range of unsigned numbers takes -1 for the largest of them.
+	    ->check(CLI::Range(0L, std::numeric_limits<long>::max(), "NONNEGATIVE"))
 	    ->capture_default_str();
 }
 

@@ -132,8 +132,7 @@ RemoteInfo Operation::AskServer() {
 		RequireNoHold();
 		record_.Mend(outcome_.before);
 	} else if (change_ == Change::kForced) {
-		ReadHere();
-		record_.PrepareForced();
+		record_.PrepareForced([this] { return ReadHere(); });
 	}
 	return change_ == Change::kFix ? ForFix(std::move(remote)) : remote;
 }
@@ -262,6 +261,9 @@ void Operation::RecordStatus(InstalledRecord record) {
 	}
 	DropInstalledFiles(id_);
 	ForgetInstalledPackage(id_);
+	if (install_prefix_.empty()) {
+		install_prefix_ = services_.config->GetDatabaseConfig(id_)->GetInstallPrefix();
+	}
 	RecordInstallPlace(id_, install_prefix_);
 	WriteInstalled(services_, id_, record);
 	outcome_.installed = record.data_version;

@@ -158,9 +158,9 @@ void RecordKeeper::Forget() {
 	}
 }
 
-void RecordKeeper::PrepareForced() {
+void RecordKeeper::PrepareForced(const std::function<InstalledRecord()>& read_installed) {
 	try {
-		const InstalledRecord listed = ReadInstalled(services_, id_);
+		const InstalledRecord listed = read_installed();
 		if (listed.data_version != -1 && IsWhole()) {
 			Prepare(listed);
 		}

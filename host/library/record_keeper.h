@@ -70,8 +70,8 @@ public:
 	void PrepareUpdate();
 	/** The recorded digest of a file; none when it is not known. */
 	[[nodiscard]] std::optional<std::string> KnownDigest(const std::string& name);
-	/** Before a version is unpacked over whatever is recorded and lies there. */
-	void PrepareForced();
+	/** Before a version is unpacked over whatever is recorded, which may be unreadable, and lies there. */
+	void PrepareForced(const std::function<dataupdate::InstalledRecord()>& read_installed);
 	/** Whether files are bad, whichever of the records names them, or are unknown; those that are found are logged. */
 	[[nodiscard]] bool FindsDamage(const dataupdate::InstalledRecord& listed);
 	/** To be called before the record is dropped, for what is carried on from it. */

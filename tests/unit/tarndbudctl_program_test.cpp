@@ -178,7 +178,7 @@ TEST_F(ProgramTest, TellsTheRangeOfANumberInPlainDigits) {
 	EXPECT_THAT(err_.str(), HasSubstr("Value -3 not in range 0 to 2147483647"));
 	err_.str("");
 	EXPECT_EQ(Run({"check", "--timeout", "-3"}, AllCommands()), 2);
-	EXPECT_THAT(err_.str(), HasSubstr("Value -3 not in range 0 to 18446744073709551615"));
+	EXPECT_THAT(err_.str(), HasSubstr("Value -3 not in range 0 to 9223372036854775807"));
 }
 
 } // namespace

@@ -53,21 +53,23 @@ protected:
 		ADD_FAILURE() << "it did not fail";
 		return "";
 	}
-	/** Another database, whole on a volume, with the first one's record. */
+	/** Another database, whole on a volume. */
 	void InstallSecond(const std::string& volume) {
 		WriteFile("/usr/share/data_update/databases.conf",
 		    R"({"geo":{"install_dest":"%VOLUME%"}, "zip":{"install_dest":"%VOLUME%"}})");
-		WriteFile(volume + "/@database/autoupdate/zip/file", "content");
-		services_.info->SetDatabaseStatus("zip", services_.info->GetDatabaseStatus("geo"));
+		InstallOneFile("zip", volume + "/@database/autoupdate/zip/file");
 	}
-	/** A database of one file, recorded by its absolute path. */
 	void Install(const std::string& volume) {
 		UseVolume(volume);
-		WriteFile(volume + kFile, "content");
+		InstallOneFile("geo", volume + kFile);
+	}
+	/** A database of one file, recorded by its absolute path. */
+	void InstallOneFile(const std::string& id, const std::string& file) {
+		WriteFile(file, "content");
 		dataupdate::DatabaseStatus status;
 		status.data_version = 3;
-		status.file_statuses = dataupdate::CalculateStatus({volume + kFile}, "/");
-		services_.info->SetDatabaseStatus("geo", status);
+		status.file_statuses = dataupdate::CalculateStatus({file}, "/");
+		services_.info->SetDatabaseStatus(id, status);
 	}
 	std::vector<std::string> RecordedFiles() const {
 		std::vector<std::string> names;
@@ -119,6 +121,9 @@ TEST_F(VolumeCommandTest, NamesEachVolumeThatDoesNotTakeTheDatabases) {
 	    "/usr/tarn/etc/volumes.conf", "directory " + first_ + "\ndirectory " + second_ + "\nexclude " + second_ + "\n");
 	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_),
 	    HasSubstr("\n" + second_ + " is not suitable: an \"exclude\" line of /usr/tarn/etc/volumes.conf names it.\n"));
+}
+
+TEST_F(VolumeCommandTest, SaysWhatDoesNotCountWhereThereIsNoOtherVolume) {
 	UseVolume(first_);
 	WriteFile("/usr/tarn/etc/volumes.conf", "directory " + first_ + "\n");
 	EXPECT_THAT(Run(kVolumeUnmountingCommand.run, first_), HasSubstr("There is no other volume; a tmpfs"));

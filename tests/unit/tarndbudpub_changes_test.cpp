@@ -169,7 +169,7 @@ TEST_F(ReleaseChanges, RefuseVersionsThatAreNotThere) {
 	EXPECT_EQ(Error(), "FROM and TO are both version 1.");
 	changes_.id = "other";
 	changes_.from = changes_.to = std::nullopt;
-	EXPECT_THAT(Error(), HasSubstr("does not name other: give both versions."));
+	EXPECT_THAT(Error(), HasSubstr("does not name other: give both versions, or --channel."));
 	changes_.repository = directory_ / "missing";
 	EXPECT_THAT(Error(), HasSubstr("is no directory that can be read"));
 	EXPECT_FALSE(fs::exists(directory_ / "missing"));
