@@ -62,7 +62,7 @@ def assert_nothing_left(device: Device) -> None:
     assert sorted(path.name for path in CACHE.iterdir()) == ["database_info.json"]
     # Which of them failed on the way is a matter of chance.
     records = sorted(str(path.relative_to(STATUS)) for path in STATUS.rglob("*") if path.name != "last_failure.json")
-    files = ("last_run", "version", "installed_files", "installed_package")
+    files = ("last_run", "version", "installed_files", "installed_in", "installed_package")
     assert records == sorted([*IDS, *(f"{name}/{file}.json" for name in IDS for file in files)])
     assert device.volume is not None
     assert {path.name for path in device.volume.iterdir()} <= {"@database", "@tmp"}

@@ -150,7 +150,6 @@ def test_a_package_without_end_leaves_a_twentieth_of_the_disk(
 ) -> None:
     volume = volumes.make(kind, SMALL_DISK)
     offered.use(volume)
-    offered.run_ok("fix", DATABASE)
     (volume / "ballast").write_bytes(bytes(MIB))
     use_full_packages(publisher)
     link = f"{faults.url}/endless/package"

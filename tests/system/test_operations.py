@@ -120,8 +120,10 @@ def test_a_plan_tells_the_size_of_a_package_and_what_stays(
     (planned,) = json.loads(configured.device.run_ok("plan", "--json").stdout)
     package = publisher.repository / f"packages/{DATABASE}/{DATABASE}_d1001.tarn"
     assert planned["bytes"] == package.stat().st_size
-    listed = DOCUMENT.section("Bounding and holding updates").split("With `--json`: ")[1].split("(the\n")[0]
-    assert set(re.findall(r"`([a-z_]+)`", listed)) == planned.keys() - {"id"} | {"not_when_scheduled"}
+    listed = DOCUMENT.section("Bounding and holding updates").split("With `--json`: ")[1].split("\n\n")[0]
+    on_trouble = {"installed_in", "not_when_scheduled"}
+    named = set(re.findall(r"`([a-z]+(?:_[a-z]+)*)`", listed)) - {"nothing"}
+    assert named == planned.keys() - {"id"} | on_trouble
     configured.follow("Bounding and holding updates")
     assert configured.device.version(DATABASE) == 1001
 
@@ -132,8 +134,8 @@ def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrato
     for name in re.findall(r"`(tarndbud_\w+)`", DOCUMENT.section("Monitoring")):
         assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
     entry = json.loads(shown[: shown.index("\n]") + 2])[0]
-    listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- `status` also tells")[0]
-    on_trouble = {"hold_problem", "remote_error", "volume_problem"}
+    listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- The state `no volume`")[0]
+    on_trouble = {"hold_problem", "installed_in", "remote_error", "volume_problem"}
     now_and_then = {"last_failure", "last_success", "next_run", "refused_version"}
     assert set(re.findall(r"`([a-z_]+)`", listed)) - on_trouble == entry.keys() - {"id"} - now_and_then
 
