@@ -34,10 +34,11 @@ bool SyncRecord(const std::string& path) {
 	return record.Get() < 0 ? errno == ENOENT : fsync(record.Get()) == 0;
 }
 
-bool CreateDurably(const fs::path& path) {
+/** Readers wait for this, so nothing goes to the disk twice: an empty file is no more than its name. */
+bool CreateEmptyDurably(const fs::path& path) {
 	const UniqueFd mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
 	// The database's directory may be new as well.
-	return mark.Get() >= 0 && fsync(mark.Get()) == 0 && SyncDirectory(path.parent_path().string()) &&
+	return mark && SyncDirectory(path.parent_path().string()) &&
 	       SyncDirectory(path.parent_path().parent_path().string());
 }
 
@@ -47,7 +48,7 @@ void SetMark(const fs::path& path) {
 	} catch (const fs::filesystem_error& error) {
 		throw UpdateError(std::string("Fail to mark replacement: ") + error.what());
 	}
-	if (!CreateDurably(path)) {
+	if (!CreateEmptyDurably(path)) {
 		throw UpdateError("Fail to mark replacement: " + path.string() + ": " + std::strerror(errno));
 	}
 }
