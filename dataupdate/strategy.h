@@ -32,6 +32,7 @@
 
 namespace tarn::dataupdate {
 
+class EarlyDigests;
 class Patcher;
 class PlanWriter;
 
@@ -177,6 +178,8 @@ public:
 	[[nodiscard]] bool IsInstallable() const;
 	/** Has a function tell the digests of files that the status does not list; to be called before PrepareUpdate(). */
 	void TakeDigestsFrom(std::function<std::optional<std::string>(const std::string& name)> known);
+	/** What PrepareUpdate() has begun of the new files' digests. Lives on without the strategy. */
+	[[nodiscard]] std::shared_ptr<EarlyDigests> DigestsBegun() const { return early_digests_; }
 
 private:
 	bool _IsDiffUpdateAvailable() const;
@@ -195,6 +198,7 @@ private:
 	std::map<int, std::string> delta_directories_;
 	std::string accumulation_directory_;
 	std::function<std::optional<std::string>(const std::string& name)> known_digest_;
+	std::shared_ptr<EarlyDigests> early_digests_;
 };
 
 /**

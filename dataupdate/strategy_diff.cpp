@@ -1,5 +1,6 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/early_digests.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"
@@ -70,7 +71,8 @@ DiffStrategy::DiffStrategy(const std::string& id, const DatabaseStatus& status, 
       diffs_(diffs),
       temp_base_(volume),
       install_directory_(installPrefix),
-      space_check_path_(rootDirectory) {}
+      space_check_path_(rootDirectory),
+      early_digests_(std::make_shared<EarlyDigests>()) {}
 
 DiffStrategy::~DiffStrategy() {
 	if (!accumulation_directory_.empty()) {
@@ -213,6 +215,9 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
 	RemoveLink(package);
 	io.Download(package, diff.download_link);
 	_ExtractTarballTo(package, directory);
+	if (version == remote_.data_version) {
+		patcher_->TellOfCopies([early = early_digests_](const std::string& copy) { early->Begin(copy); });
+	}
 	patcher_->ApplyPackage(directory);
 	io.RmRf(directory);
 }

@@ -3,6 +3,7 @@
 #include "dataupdate/hook.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digests_ahead.h"
+#include "dataupdate/internal/early_digests.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/patch_description.h"
@@ -59,12 +60,16 @@ struct Prepared {
 	std::shared_ptr<BaseStrategy> strategy;
 	std::function<FileList()> list_files;
 	PreparedUpdate content;
+	std::shared_ptr<EarlyDigests> digests = std::make_shared<EarlyDigests>(); // of some of these files
 };
 
 template<typename Strategy>
 Prepared Prepare(const std::shared_ptr<Strategy>& strategy) {
 	strategy->PrepareUpdate();
-	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }, {}};
+	Prepared prepared;
+	prepared.strategy = strategy;
+	prepared.list_files = [own = strategy.get()] { return own->ListModifiedFiles(); };
+	return prepared;
 }
 
 /** Does the same for a new version, which hooks may check. */
@@ -88,6 +93,27 @@ void InstallBetweenHooks(const std::string& id, const Prepared& prepared, const 
 	hook.ExecPost();
 }
 
+/** Digests of files, of which some may be known. The list is given up. */
+FileList CalculateDigests(FileList files, const std::string& root, EarlyDigests& early) {
+	std::map<std::size_t, std::string> known;
+	for (std::size_t at = 0; at < files.Size(); ++at) {
+		if (std::optional<std::string> digest = early.Take(JoinPath(root, std::string(files.Name(at))))) {
+			known[at] = *std::move(digest);
+		}
+	}
+	DigestsAhead digests(files.Size(), [&](std::size_t at) {
+		return known.count(at) > 0 ? "" : JoinPath(root, std::string(files.Name(at))); // Nothing is there.
+	});
+	FileList result;
+	for (std::size_t at = 0; at < files.Size(); ++at) {
+		const std::string digest = digests.Next().value_or("");
+		const auto taken = known.find(at);
+		result.Add(files.Name(at), taken == known.end() ? digest : taken->second);
+		files.FreeBefore(at); // The threads are ahead.
+	}
+	return result;
+}
+
 /** Installs what was prepared, and removes the temporary data; returns what was changed, with the new digests. */
 FileList Install(const std::string& id, Prepared prepared, const std::string& install_prefix,
     const std::function<void()>& announce) {
@@ -96,7 +122,7 @@ FileList Install(const std::string& id, Prepared prepared, const std::string& in
 	FileList files = prepared.list_files();
 	// Temporary data goes first, so that what was never written to the disk never has to be.
 	prepared.strategy.reset();
-	files = CalculateDigests(std::move(files), install_prefix);
+	files = CalculateDigests(std::move(files), install_prefix, *prepared.digests);
 	SyncInstalled(install_prefix);
 	return files;
 }
@@ -142,13 +168,8 @@ std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files, c
 
 // The list is given up. NOLINTNEXTLINE(performance-unnecessary-value-param)
 FileList CalculateDigests(FileList files, const std::string& root) {
-	DigestsAhead digests(files.Size(), [&](std::size_t at) { return JoinPath(root, std::string(files.Name(at))); });
-	FileList result;
-	for (std::size_t at = 0; at < files.Size(); ++at) {
-		result.Add(files.Name(at), digests.Next().value_or(""));
-		files.FreeBefore(at); // The threads are ahead.
-	}
-	return result;
+	EarlyDigests none;
+	return CalculateDigests(std::move(files), root, none);
 }
 
 Updater::~Updater() = default;
@@ -171,6 +192,7 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
 		diff->TakeDigestsFrom(advice.known_digest);
 		prepared = PrepareNew(diff);
+		prepared.digests = diff->DigestsBegun();
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		if (advice.before_full_package) {

@@ -211,6 +211,9 @@ void Patcher::_Record(const std::string& name, std::int32_t operation, const std
 	ModifyInfo& info = modify_infos_[name];
 	info.operation = operation;
 	info.source = source;
+	if (tell_ && operation == ModifyInfo::kOverride) {
+		tell_(source);
+	}
 }
 
 } // namespace tarn::dataupdate

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace tarn::dataupdate {
 
@@ -33,6 +34,10 @@ public:
 	 */
 	Patcher(std::string accumulation_directory, std::string install_directory, Decoder decoder,
 	    KnownDigest known_digest = {});
+
+	/** Has a function called with each working copy that is ready. Before the last package: others change copies again.
+	 */
+	void TellOfCopies(std::function<void(const std::string& working_copy)> tell) { tell_ = std::move(tell); }
 
 	/**
 	 * Applies one package. Throws ReadPatchDescription()'s errors before anything is patched, "Unknown operation <x>
@@ -72,6 +77,7 @@ private:
 	std::string install_directory_;
 	Decoder decoder_;
 	KnownDigest known_digest_;
+	std::function<void(const std::string& working_copy)> tell_;
 	std::map<std::string, std::string> names_of_copies_; // By flat name, the name that it was made from.
 	std::map<std::string, std::string> spellings_;       // By shortest spelling, the one that the chain uses.
 	std::map<std::string, ModifyInfo> modify_infos_;

@@ -1,6 +1,6 @@
 # The library's units, over a platform and system calls that the tests program. Fixed paths are the process's own.
 tarn_unit_test(dataupdate_test
-	call_from_c.c config_test.cpp digest_test.cpp digests_ahead_test.cpp directory_walk_test.cpp download_source_test.cpp file_copy_test.cpp file_list_test.cpp file_lock_test.cpp hook_test.cpp
+	call_from_c.c config_test.cpp digest_test.cpp digests_ahead_test.cpp directory_walk_test.cpp download_source_test.cpp early_digests_test.cpp file_copy_test.cpp file_list_test.cpp file_lock_test.cpp hook_test.cpp
 	info_getter_test.cpp init_service_test.cpp installation_test.cpp interface_test.cpp interruption_test.cpp large_record_test.cpp linked_tree_test.cpp
 	patch_conflicts_test.cpp patch_description_test.cpp patcher_test.cpp progress_test.cpp project_lock_test.cpp records_test.cpp replacement_plan_test.cpp replacement_scope_test.cpp service_config_test.cpp
 	sql_script_test.cpp strategy_diff_many_test.cpp strategy_diff_test.cpp strategy_full_test.cpp strategy_link_test.cpp

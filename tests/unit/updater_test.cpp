@@ -1,4 +1,5 @@
 #include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/file_digest.h"
 #include "dataupdate/updater.h"
 #include "fake_packages.h"
 #include "fake_platform.h"
@@ -182,6 +183,24 @@ TEST_F(ChainUpdaterTest, TellsTheHooksTheRelativeNamesAroundTheReplacement) {
 	Update();
 	EXPECT_THAT(seen, ElementsAre("a", "abc"));
 	EXPECT_EQ(platform_.CountEvents("hook set CHANGED_FILES=a:gone:sub/new"), 1U);
+}
+
+TEST_F(ChainUpdaterTest, TellsTheDigestsOfLargeFilesAsTheHooksLeaveThem) {
+	const std::string large(std::size_t{2} << 20U, 'x');
+	packages_.by_link["http://h/4"] = {
+	    {"patch_infos.json", R"({"a": {"operation": "create", "input_file": "in"}})"}, {"in", large}};
+	packages_.by_link["http://h/5"] = {{"patch_infos.json",
+	                                       R"({"a": {"operation": "update", "input_file": "p.vcdiff"},
+	                                           "b": {"operation": "create", "input_file": "in"}})"},
+	    {"p.vcdiff", "y"}, {"in", large}};
+	DatabaseStatus status = Update();
+	ASSERT_EQ(test::ReadFile(Installed("a")), large + "y");
+	EXPECT_EQ(status.file_statuses.at("a").sha384_digest, FileSha384(Installed("a")));
+	EXPECT_EQ(status.file_statuses.at("b").sha384_digest, FileSha384(Installed("b")));
+	platform_.on_plugin_action = [&] { WriteFile(Installed("a"), "of a hook"); };
+	status = Update();
+	ASSERT_EQ(test::ReadFile(Installed("a")), "of a hook");
+	EXPECT_EQ(status.file_statuses.at("a").sha384_digest, FileSha384(Installed("a")));
 }
 
 TEST_F(ChainUpdaterTest, TellsWhatItDeletedAsWell) {

@@ -1,0 +1,77 @@
+#include "dataupdate/internal/early_digests.h"
+#include "dataupdate/internal/file_digest.h"
+#include "dataupdate/progress.h"
+#include "dataupdate/updater.h"
+#include "library_test.h"
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <filesystem>
+#include <string>
+
+namespace tarn::dataupdate {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::Optional;
+
+constexpr std::size_t kLarge = std::size_t{1} << 20U;
+
+/** With as many threads as the parameter says, whatever the machine has. */
+class EarlyDigestsTest : public testing::TestWithParam<unsigned> {
+protected:
+	EarlyDigestsTest() { LimitDigestThreads(GetParam()); }
+	~EarlyDigestsTest() override { LimitDigestThreads(0); }
+
+	std::string Put(const std::string& name, char fill, std::size_t size = kLarge) const {
+		WriteFile(directory_ / name, std::string(size, fill));
+		return directory_ / name;
+	}
+
+	test::TemporaryDirectory directory_;
+	EarlyDigests digests_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Threads, EarlyDigestsTest, testing::Values(1, 2));
+
+TEST_P(EarlyDigestsTest, AreOfTheFileWhereverItWasMoved) {
+	const std::string copy = Put("copy", 'x');
+	const std::string digest = FileSha384(copy);
+	digests_.Begin(copy);
+	fs::rename(copy, directory_ / "installed");
+	Put("copy", 'y');
+	EXPECT_EQ(digests_.Take(copy), std::nullopt) << "another file";
+	EXPECT_THAT(digests_.Take(directory_ / "installed"), Optional(digest));
+	EXPECT_EQ(digests_.Take(directory_ / "installed"), std::nullopt) << "told already";
+}
+
+TEST_P(EarlyDigestsTest, AreNoneOfAFileThatWasWrittenToSince) {
+	const std::string grown = Put("grown", 'x');
+	digests_.Begin(grown);
+	fs::resize_file(grown, kLarge + 1);
+	EXPECT_EQ(digests_.Take(grown), std::nullopt);
+	const std::string touched = Put("touched", 'x');
+	digests_.Begin(touched);
+	const std::array<timespec, 2> times = {timespec{1, 0}, timespec{1, 0}};
+	ASSERT_EQ(utimensat(AT_FDCWD, touched.c_str(), times.data(), 0), 0);
+	EXPECT_EQ(digests_.Take(touched), std::nullopt);
+}
+
+TEST_P(EarlyDigestsTest, AreNoneOfWhatIsSmallOrNoFile) {
+	const std::string small = Put("small", 'x', kLarge - 1);
+	digests_.Begin(small);
+	EXPECT_EQ(digests_.Take(small), std::nullopt);
+	fs::create_symlink(Put("large", 'x'), directory_ / "link");
+	digests_.Begin(directory_ / "link");
+	EXPECT_EQ(digests_.Take(directory_ / "large"), std::nullopt);
+	digests_.Begin(directory_ / "missing");
+	EXPECT_EQ(digests_.Take(directory_ / "missing"), std::nullopt);
+}
+
+} // namespace
+} // namespace tarn::dataupdate
