@@ -146,6 +146,8 @@ void AddPublish(CLI::App& app, Options& options) {
 	command->add_option("--url", publish.url, "Where devices reach the repository: http:// or https://")->required();
 	command->add_option("--format-version", publish.format_version, "Format of the data")->capture_default_str();
 	command->add_flag("--if-changed", publish.if_changed, "Publish nothing if the newest version holds the tree");
+	command->add_flag(
+	    "--even-withdrawn", publish.even_withdrawn, "Publish the tree though a version with its content was withdrawn");
 	command->add_flag("--continue", publish.must_continue, "Fail if the repository does not know the id yet");
 	command->add_option("--memory", publish.memory_mib, "Memory for making patches, in MiB")->capture_default_str();
 	AddPublishing(*command, options);

@@ -57,6 +57,7 @@ public:
 		if (options_.if_changed && previous_ && IsUnchanged()) {
 			return std::move(result_);
 		}
+		RequireNotWithdrawn();
 		const NextVersion next = ChooseVersion(options_, repository_);
 		result_.data_version = next.data_version;
 		result_.is_first = next.is_first;
@@ -108,6 +109,24 @@ private:
 		result_.tree_size = tree_.total_size;
 		result_.download_link = previous_->download_link;
 		return result_.is_unchanged;
+	}
+
+	/** A withdrawal does not reach where the tree comes from, and a timer would publish the bad content again. */
+	void RequireNotWithdrawn() {
+		if (options_.even_withdrawn) {
+			return;
+		}
+		std::optional<int> version;
+		try {
+			version = FindWithdrawn(repository_, options_.id, tree_);
+		} catch (const PublishError& error) {
+			observer_.warn("The tree is published without a comparison with withdrawn versions: " +
+			               WithoutEnd(error.what()) + ".");
+		}
+		if (version) {
+			throw PublishError("Nothing is published: the tree has the content of version " + std::to_string(*version) +
+			                   " of " + options_.id + ", which was withdrawn; --even-withdrawn publishes it again.");
+		}
 	}
 
 	void RequireOwnPrevious() const {

@@ -34,6 +34,7 @@ struct PublishOptions {
 	std::vector<std::string> old_keys; // public keys that signed earlier packages
 	std::string notes;                 // what the packages say about the version
 	bool if_changed = false;           // whether nothing is published when the newest version holds the tree
+	bool even_withdrawn = false;       // whether the content of a withdrawn version is published again
 	bool must_continue = false;        // whether a database that the repository does not know is refused
 };
 

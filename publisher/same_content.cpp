@@ -3,7 +3,9 @@
 #include "archive/payload.h"
 #include "base/error.h"
 #include "publisher/files.h"
+#include "publisher/package.h"
 #include "publisher/publish_error.h"
+#include "publisher/withdrawn_packages.h"
 
 #include <map>
 #include <string_view>
@@ -54,6 +56,18 @@ bool HoldsAll(const archive::ArchiveFile& archive, const Tree& tree) {
 	return files.empty();
 }
 
+/** The newest of the full packages that holds a tree; -1 when none does. */
+int NewestThatHolds(const std::vector<PackageFile>& packages, const std::string& id, const Tree& tree) {
+	int newest = -1;
+	for (const PackageFile& file : packages) {
+		if (!file.is_diff && file.data_version > newest &&
+		    HoldsTree(PackageReader::OpenUnchecked(file.path, {id, "", file.data_version}), file.path, tree)) {
+			newest = file.data_version;
+		}
+	}
+	return newest;
+}
+
 } // namespace
 
 bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, const Tree& tree) {
@@ -65,6 +79,13 @@ bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, con
 	} catch (const Error& error) {
 		throw PublishError("the package " + path + " " + error.what());
 	}
+}
+
+std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, const Tree& tree) {
+	const int withdrawn =
+	    NewestThatHolds(PackagesIn(WithdrawnDirectory(repository.PackageDirectory(id)), id), id, tree);
+	const bool is_back = withdrawn >= 0 && NewestThatHolds(repository.Packages(id), id, tree) > withdrawn;
+	return withdrawn >= 0 && !is_back ? std::optional(withdrawn) : std::nullopt;
 }
 
 } // namespace tarn::publisher

@@ -1,10 +1,12 @@
-/** @file Whether a package holds a tree. */
+/** @file Whether a package holds a tree, and whether a withdrawn one does. */
 #ifndef PUBLISHER_SAME_CONTENT_H
 #define PUBLISHER_SAME_CONTENT_H
 
 #include "archive/file.h"
+#include "publisher/repository.h"
 #include "publisher/tree.h"
 
+#include <optional>
 #include <string>
 
 namespace tarn::publisher {
@@ -18,6 +20,13 @@ namespace tarn::publisher {
  * @throws PublishError when the package is damaged, or a file of the tree cannot be read
  */
 [[nodiscard]] bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, const Tree& tree);
+
+/**
+ * The newest withdrawn version that has the content of a tree. None when a later version that was not withdrawn has
+ * that content too: the withdrawal was withdrawn then. Packages that were pruned tell nothing. Trusts every package,
+ * because nothing is made from them; throws PublishError when one cannot be read.
+ */
+[[nodiscard]] std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, const Tree& tree);
 
 } // namespace tarn::publisher
 

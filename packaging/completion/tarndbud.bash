@@ -114,7 +114,7 @@ _tarndbudpub() {
 	'') _tarndbud_offer 'keygen fingerprint publish withdraw restore export changes verify extract inspect promote rollout prune check-repo --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
 	fingerprint) _tarndbud_offer '--json --help' ;;
-	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --if-changed --notes --json --help' ;;
+	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --if-changed --even-withdrawn --notes --json --help' ;;
 	withdraw) _tarndbud_offer '--repo --key --to --url --data-version --db-version --channel --level --keep-diffs --old-key --notes --json --help' ;;
 	restore) _tarndbud_offer '--repo --key --old-key --url --id --db-version --channel --format-version --data-version --keep-diffs --force --help' ;;
 	export) _tarndbud_offer '--repo --key --from --with-full --also --db-version --channel --json --help' ;;

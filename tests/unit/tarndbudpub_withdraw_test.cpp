@@ -49,6 +49,30 @@ protected:
 	Json::Value EntryOf() const { return Document()["db_list"]["db"]; }
 };
 
+TEST_F(Withdrawing, KeepsTheBadContentFromBeingPublishedAgain) {
+	PublishBad();
+	Withdraw();
+	const auto before = FilesBelow(options_.repository);
+	EXPECT_EQ(PublishError(), "Nothing is published: the tree has the content of version 3 of db, which was withdrawn; "
+	                          "--even-withdrawn publishes it again.");
+	EXPECT_EQ(FilesBelow(options_.repository), before);
+	Put("new/garbage", Noise(3000, 8));
+	EXPECT_EQ(Publish().data_version, 5) << "other content of the same size";
+	Put("new/garbage", Noise(3000, 7));
+	options_.even_withdrawn = true;
+	EXPECT_EQ(Publish().data_version, 6);
+	options_.even_withdrawn = false;
+	EXPECT_EQ(Publish().data_version, 7) << "the content is offered again";
+}
+
+TEST_F(Withdrawing, IsNotHeldAgainstContentThatAWithdrawalBroughtBack) {
+	PublishBad();
+	Withdraw();
+	Withdraw(3);
+	EXPECT_EQ(Publish().data_version, 6);
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
 TEST_F(Withdrawing, LeadsHealthyDevicesPastTheBadVersion) {
 	const auto healthy = DeviceWith(2);
 	const auto files = healthy->tree.Files();
