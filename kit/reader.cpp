@@ -1,6 +1,5 @@
 #include "kit/reader.h"
 
-#include "base/error.h"
 #include "base/file_io.h"
 #include "base/sha2.h"
 #include "kit/layout.h"
@@ -38,8 +37,8 @@ std::uint64_t SizeOf(int fd) {
 
 void RequireSize(std::uint64_t actual, std::uint64_t wanted) {
 	if (actual != wanted) {
-		throw Error((actual < wanted ? "is cut off: it has " : "is too long: it has ") + std::to_string(actual) +
-		            " of " + std::to_string(wanted) + " bytes");
+		throw DamagedKit((actual < wanted ? "is cut off: it has " : "is too long: it has ") + std::to_string(actual) +
+		                 " of " + std::to_string(wanted) + " bytes");
 	}
 }
 
@@ -59,7 +58,7 @@ void Reader::ReadTable() {
 	const std::uint64_t size = SizeInHeader(header);
 	Require(size <= kMaxTableSize && header == MakeHeader(kTableName, size), "is no kit");
 	if (file_size < kBlockSize + size) {
-		throw Error("is cut off: it ends within its table");
+		throw DamagedKit("is cut off: it ends within its table");
 	}
 	table_ = ReadAt(kBlockSize, size);
 	parts_ = ParseTable(table_);
@@ -74,7 +73,7 @@ void Reader::CheckHeaders() const {
 	for (std::size_t at = 0; at < parts_.size(); ++at) {
 		const std::string name = NameOf(parts_[at]);
 		if (ReadAt(offsets_[at + 1] - kBlockSize, kBlockSize) != MakeHeader(name, parts_[at].size)) {
-			throw Error("is damaged: its table and the header of " + name + " differ");
+			throw DamagedKit("is damaged: its table and the header of " + name + " differ");
 		}
 	}
 }
@@ -102,7 +101,7 @@ void Reader::Read(const Part& part, const Sink& sink) const {
 		done += piece.size();
 	}
 	if (digest.FinishHex() != part.sha256) {
-		throw Error("is damaged: " + NameOf(part) + " is not what the table says");
+		throw DamagedKit("is damaged: " + NameOf(part) + " is not what the table says");
 	}
 }
 

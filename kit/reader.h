@@ -2,6 +2,7 @@
 #ifndef KIT_READER_H
 #define KIT_READER_H
 
+#include "base/error.h"
 #include "base/unique_fd.h"
 #include "kit/table.h"
 
@@ -12,6 +13,12 @@
 #include <vector>
 
 namespace tarn::kit {
+
+/** What a kit fails by that is not as it was written: another copy of it may be whole. */
+class DamagedKit : public Error {
+public:
+	using Error::Error;
+};
 
 /**
  * An open kit. A kit is made by whoever has it in hands: its table only makes errors clear, and what is installed from

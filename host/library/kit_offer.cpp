@@ -1,7 +1,6 @@
 #include "host/library/kit_offer.h"
 
 #include "base/error.h"
-#include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "host/library/checked_info_getter.h"
 #include "host/library/failure.h"
@@ -25,11 +24,6 @@ using dataupdate::UpdateError;
 namespace {
 
 constexpr char kCopyAgain[] = "; nothing was changed, copy the kit again";
-
-/** Whether another copy of the same kit may be whole. */
-bool IsOfDamage(const std::string& reason) {
-	return StartsWith(reason, "is damaged") || StartsWith(reason, "is cut off") || StartsWith(reason, "is too long");
-}
 
 /** What a link of the document stands for. */
 struct Wanted {
@@ -156,9 +150,11 @@ private:
 KitOffer::KitOffer(const std::string& path) {
 	try {
 		source_ = std::make_shared<Source>(path);
+	} catch (const kit::DamagedKit& error) {
+		throw CommandError(
+		    kFailed, "The kit " + path + " " + error.what() + ", so nothing was changed; copy the kit again");
 	} catch (const Error& error) {
-		throw CommandError(kFailed, "The kit " + path + " " + error.what() + ", so nothing was changed" +
-		                                (IsOfDamage(error.what()) ? "; copy the kit again" : ""));
+		throw CommandError(kFailed, "The kit " + path + " " + error.what() + ", so nothing was changed");
 	}
 }
 
