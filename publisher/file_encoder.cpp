@@ -74,9 +74,11 @@ public:
 	}
 
 	void TryScript() {
-		const bool possible =
-		    task_.may_script && !FindScriptObstacle(task_.change.before->source, task_.change.after->source);
-		if (possible) {
+		if (!task_.may_script) {
+			return;
+		}
+		obstacle_ = FindScriptObstacle(task_.change.before->source, task_.change.after->source);
+		if (!obstacle_) {
 			result_.costs.script = Try(PatchKind::kScript, true, [this](const std::string& path) {
 				const ScriptSubject subject = {task_.change.before->source, task_.change.after->source, task_.lineage};
 				EncodeScript(subject, path, scratch_, {encoders_.level, encoders_.memory});
@@ -93,6 +95,10 @@ public:
 		result_.plan = PlanKind(costs, allowed, task_.past);
 		result_.kind = result_.plan.kind;
 		result_.input = result_.kind == PatchKind::kWhole ? task_.change.after->source : PathOf(result_.kind);
+		if (result_.kind == PatchKind::kWhole && obstacle_ && result_.warning.empty()) {
+			result_.warning =
+			    "\"" + Printable(task_.change.name) + "\" is carried whole, because a script cannot: " + *obstacle_;
+		}
 		return result_;
 	}
 
@@ -117,6 +123,7 @@ private:
 	const EncodingTask& task_;
 	const Encoders& encoders_;
 	const std::string& scratch_;
+	std::optional<std::string> obstacle_; // to a script
 	EncodedFile result_;
 };
 
