@@ -1,7 +1,7 @@
 #include "host/program.h"
 
 #include "base/nearest.h"
-#include "base/text.h"
+#include "base/usage.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
@@ -204,7 +204,7 @@ int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, const std::ve
 	}
 	const std::string unknown = DescribeUnknownCommand(words, names);
 	const std::string sentence = unknown.empty() ? error.what() : unknown;
-	surroundings.err << kProgram << ": " << sentence << (EndsWith(sentence, "?") ? "" : ".") << "\n\n" << app.help();
+	surroundings.err << DescribeWrongUsage(kProgram, sentence, app.help());
 	return kUsage;
 }
 

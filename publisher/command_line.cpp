@@ -1,7 +1,7 @@
 #include "publisher/command_line.h"
 
 #include "base/nearest.h"
-#include "base/text.h"
+#include "base/usage.h"
 #include "publisher/changes_command.h"
 #include "publisher/common_options.h"
 #include "publisher/export_command.h"
@@ -235,9 +235,7 @@ int RunReporting(const CLI::App& app, const Options& options, const Streams& str
 	}
 }
 
-constexpr char kWhereHelp[] = "\nRun with --help for more information.\n";
-
-/** What the parser says, unless the command is at fault, which it does not name. */
+/** A wrong command line gets a sentence and the usage of the command that it names. */
 int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, const std::vector<std::string>& arguments,
     std::ostream& out, std::ostream& err) {
 	if (error.get_exit_code() == 0) {
@@ -248,11 +246,7 @@ int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, const std::ve
 		names.push_back(command->get_name());
 	}
 	const std::string unknown = DescribeUnknownCommand(arguments, names);
-	if (unknown.empty()) {
-		app.exit(error, out, err);
-	} else {
-		err << "tarndbudpub: " << unknown << (EndsWith(unknown, "?") ? "" : ".") << kWhereHelp;
-	}
+	err << DescribeWrongUsage("tarndbudpub", unknown.empty() ? error.what() : unknown, app.help());
 	return kUsage;
 }
 

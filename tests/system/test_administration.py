@@ -116,7 +116,10 @@ def test_somebody_who_is_not_root_is_told_so(connected: Device) -> None:
 def test_a_wrong_command_line_ends_with_2_and_the_usage(connected: Device, arguments: list[str]) -> None:
     result = connected.run(*arguments)
     assert result.status == 2, str(result)
-    assert "Usage: tarndbudctl" in result.stderr
+    error, usage, more = result.stderr.splitlines()
+    assert error.startswith("tarndbudctl: ")
+    assert usage.startswith("Usage: tarndbudctl")
+    assert more.startswith('Run "tarndbudctl')
     assert result.stdout == ""
 
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <algorithm>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -15,6 +16,7 @@
 namespace tarn::ctl {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -99,9 +101,19 @@ TEST_F(ProgramTest, ShowsTheUsageOfAWrongCommandLine) {
 	         {}, {"unknown"}, {"group"}, {"group", "three"}, {"good", "extra"}, {"good", "--nope"}}) {
 		EXPECT_EQ(Run(arguments), 2);
 		EXPECT_THAT(err_.str(), StartsWith("tarndbudctl: "));
-		EXPECT_THAT(err_.str(), HasSubstr("Usage: tarndbudctl"));
+		EXPECT_THAT(err_.str(), HasSubstr("\nUsage: tarndbudctl"));
+		EXPECT_THAT(err_.str(), EndsWith(" --help\" for more.\n"));
+		const std::string told = err_.str();
+		EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 3) << told;
 		EXPECT_EQ(out_.str(), "");
 	}
+	Run({"read", "db"}, AllCommands());
+	EXPECT_EQ(err_.str(), "tarndbudctl: -- COMMAND... is required.\n"
+	                      "Usage: tarndbudctl read [OPTIONS] ID -- COMMAND...\n"
+	                      "Run \"tarndbudctl read --help\" for more.\n");
+	Run({"volume", "mount"}, AllCommands());
+	EXPECT_THAT(err_.str(), HasSubstr("Usage: tarndbudctl volume [OPTIONS] SUBCOMMAND\n"
+	                                  "Run \"tarndbudctl volume --help\" for more.\n"));
 }
 
 TEST_F(ProgramTest, TakesGlobalOptionsBeforeAndAfterTheCommand) {
