@@ -31,16 +31,24 @@ std::string WithoutComment(const std::string& line) {
 }
 
 /** No value for an empty line and for a comment. */
-std::optional<Directive> ParseLine(const std::string& line) {
+std::optional<Directive> ParseLine(const std::string& line, unsigned int number) {
 	const std::string text = Trim(WithoutComment(line));
 	if (text.empty()) {
 		return std::nullopt;
 	}
 	const std::size_t blank = std::min(text.find_first_of(kBlanks), text.size());
-	return Directive{text.substr(0, blank), Trim(text.substr(blank))};
+	return Directive{text.substr(0, blank), Trim(text.substr(blank)), number};
 }
 
 } // namespace
+
+std::vector<std::string> DownloadDirectives() {
+	return {"deadline", "lowest_rate", "patience"};
+}
+
+std::vector<std::string> VolumeDirectives() {
+	return {"directory", "exclude", "pattern"};
+}
 
 int ReadSettingsLines(const std::string& path, const char* program, const TakeDirective& take) {
 	std::ifstream file(path);
@@ -49,7 +57,7 @@ int ReadSettingsLines(const std::string& path, const char* program, const TakeDi
 	}
 	std::string line;
 	for (unsigned int number = 1; std::getline(file, line); ++number) {
-		const std::optional<Directive> directive = ParseLine(line);
+		const std::optional<Directive> directive = ParseLine(line, number);
 		if (const char* problem = directive ? take(*directive) : nullptr; problem != nullptr) {
 			syslog(LOG_WARNING, "%s: %s:%u: %s: '%s'", program, path.c_str(), number, problem, line.c_str());
 		}

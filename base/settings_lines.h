@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tarn {
 
@@ -11,7 +12,16 @@ namespace tarn {
 struct Directive {
 	std::string name;
 	std::string value;
+	unsigned int line = 0; ///< From 1 on.
 };
+
+constexpr char kDownloadSettingsPath[] = "/usr/tarn/etc/downloads.conf";
+constexpr char kVolumeSettingsPath[] = "/usr/tarn/etc/volumes.conf";
+
+/** The names of all directives of "downloads.conf". */
+std::vector<std::string> DownloadDirectives();
+/** The names of all directives of "volumes.conf". */
+std::vector<std::string> VolumeDirectives();
 
 /** Takes one directive over; otherwise tells what is wrong with it, null when nothing is. */
 using TakeDirective = std::function<const char*(const Directive& directive)>;

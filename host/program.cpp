@@ -6,6 +6,7 @@
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/preparation.h"
+#include "host/library/unknown_settings.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 
@@ -156,6 +157,9 @@ ExitCode RunCommand(const Command& command, const Options& options, const Servic
 	RequireUsableSettings(*services.io);
 	if (command.needs_root) {
 		PrepareLockFiles(services);
+	}
+	if (command.shows_progress) {
+		LogUnknownSettings(); // By what runs unattended, too.
 	}
 	std::optional<ProgressLine> progress;
 	if (command.shows_progress) {

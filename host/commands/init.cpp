@@ -70,6 +70,7 @@ void Declare(CLI::App& app, Options& options) {
 }
 
 ExitCode Run(const Services& services, const Options& options) {
+	TellUnknownSettings(services);
 	PrepareForReaders(services);
 	Json::Value object(Json::objectValue);
 	const std::string missing = services.config->GetCurVolume().empty() ? AdoptVolume(services, object) : "";

@@ -1,6 +1,7 @@
 #include "host/commands/report.h"
 
 #include "host/library/preparation.h"
+#include "host/library/unknown_settings.h"
 #include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
@@ -97,6 +98,12 @@ Json::Value MakeResult(const char* result, int version) {
 
 void Answer(const Services& services, const Options& options, const std::string& text, const Json::Value& object) {
 	services.terminal.Say(options.json ? FormatJson(object) : text);
+}
+
+void TellUnknownSettings(const Services& services) {
+	for (const UnknownSetting& unknown : FindUnknownSettings()) {
+		services.terminal.Complain(Describe(unknown));
+	}
 }
 
 void RequireIdle(const Services& services, const Options& options) {

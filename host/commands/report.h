@@ -44,6 +44,9 @@ Json::Value MakeResult(const char* result, int version);
 /** Says something as text, or as a JSON object. */
 void Answer(const Services& services, const Options& options, const std::string& text, const Json::Value& object);
 
+/** Tells each setting that is not known on the error stream. */
+void TellUnknownSettings(const Services& services);
+
 /** With --no-wait: throws when another update is running. */
 void RequireIdle(const Services& services, const Options& options);
 

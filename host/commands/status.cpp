@@ -193,6 +193,7 @@ ExitCode Run(const Services& services, const Options& options) {
 			row.next_run = next->time;
 		}
 	}
+	TellUnknownSettings(services);
 	if (options.json) {
 		services.terminal.Say(FormatJson(StatusToJson(rows, now)));
 	} else if (!rows.empty()) {

@@ -99,6 +99,24 @@ constexpr Kind kNumber = {
 constexpr Kind kFullPackageRule = {R"("always", "diffs only" or a number of bytes such as "200M", in quotation marks)",
     [](const Json::Value& value) { return value.isString() && IsFullPackageRule(value.asString()); }};
 
+Kinds ServiceKinds() {
+	return {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"digest_threads", kNumber},
+	    {"download_scheme", kString}, {"scheduled_full_packages", kFullPackageRule}};
+}
+
+Kinds DatabaseKinds() {
+	return {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
+	    {"min_rsv_space_inbytes", kNumber}};
+}
+
+std::vector<std::string> Names(const Kinds& kinds) {
+	std::vector<std::string> names;
+	for (const auto& [name, kind] : kinds) {
+		names.push_back(name);
+	}
+	return names;
+}
+
 [[noreturn]] void RefuseSettings(const std::string& path, const std::string& reason) {
 	throw CommandError(
 	    kFailed, "The settings in " + path + " cannot be used: " + reason + "; correct or remove that file");
@@ -171,12 +189,16 @@ void PrepareLockFiles(const Services& services) {
 }
 
 void RequireUsableSettings(const dataupdate::IOUtils& io) {
-	RequireUsable(io, dataupdate::kServiceOverride,
-	    {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"digest_threads", kNumber},
-	        {"download_scheme", kString}, {"scheduled_full_packages", kFullPackageRule}});
-	RequireUsable(io, dataupdate::kDatabaseOverride,
-	    {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
-	        {"min_rsv_space_inbytes", kNumber}});
+	RequireUsable(io, dataupdate::kServiceOverride, ServiceKinds());
+	RequireUsable(io, dataupdate::kDatabaseOverride, DatabaseKinds());
+}
+
+std::vector<std::string> ServiceSettings() {
+	return Names(ServiceKinds());
+}
+
+std::vector<std::string> DatabaseSettings() {
+	return Names(DatabaseKinds());
 }
 
 std::string VolumeProblem(const std::string& volume) {

@@ -6,6 +6,7 @@
 #include "host/library/services.h"
 
 #include <string>
+#include <vector>
 
 namespace tarn::ctl {
 
@@ -25,6 +26,11 @@ void PrepareLockFiles(const Services& services);
  * setting to be written would replace the file.
  */
 void RequireUsableSettings(const dataupdate::IOUtils& io);
+
+/** The names of the settings of data_update.conf, all in its one section. */
+std::vector<std::string> ServiceSettings();
+/** The names of the settings of a database in databases.conf. */
+std::vector<std::string> DatabaseSettings();
 
 /** What is wrong with a volume, as a sentence without its end: the place, and why it is not safe. Empty when it is
  * safe. */

@@ -3,6 +3,7 @@
 #define PLATFORM_TARNCORE_DOWNLOAD_H
 
 #include "base/process.h"
+#include "base/settings_lines.h"
 
 #include <tarncore/tarncore.h>
 
@@ -14,8 +15,6 @@
 #include <string>
 
 namespace tarn::core {
-
-constexpr const char* kDownloadSettingsPath = "/usr/tarn/etc/downloads.conf";
 
 /** What holds for every download of any host. */
 struct DownloadSettings {

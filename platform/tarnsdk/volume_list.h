@@ -2,6 +2,8 @@
 #ifndef PLATFORM_TARNSDK_VOLUME_LIST_H
 #define PLATFORM_TARNSDK_VOLUME_LIST_H
 
+#include "base/settings_lines.h"
+
 #include <tarnsdk/volume.h>
 
 #include <map>
@@ -13,7 +15,7 @@ struct libmnt_table;
 
 namespace tarn::sdk {
 
-constexpr const char* kVolumeConfigPath = "/usr/tarn/etc/volumes.conf";
+constexpr const char* kVolumeConfigPath = kVolumeSettingsPath;
 
 /** The directives of the configuration file. */
 struct VolumeConfig {

@@ -23,8 +23,9 @@ namespace fs = std::filesystem;
 // Where the new root is put together. The tests see another one, which is empty.
 constexpr char kNewRoot[] = "/run";
 
-const std::array<fs::path, 5> kFixedPaths = {"/run/data_update", "/usr/tarn/etc/data_update", "/usr/share/data_update",
-    "/var/lib/data_update", "/var/cache/data_update"};
+const std::array<fs::path, 7> kFixedPaths = {"/run/data_update", "/usr/tarn/etc/data_update",
+    "/usr/tarn/etc/downloads.conf", "/usr/tarn/etc/volumes.conf", "/usr/share/data_update", "/var/lib/data_update",
+    "/var/cache/data_update"};
 const std::array<fs::path, 6> kHiddenPaths = {
     "/run", "/usr/tarn", "/usr/share/data_update", "/var/lib/data_update", "/var/cache/data_update", "/var/db"};
 

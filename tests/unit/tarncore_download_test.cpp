@@ -163,6 +163,13 @@ TEST_F(DownloadSettingsTest, AreReadByName) {
 }
 
 TEST_F(DownloadSettingsTest, HaveDefaults) {
+TEST_F(DownloadSettingsTest, KnowEveryDirectiveThatIsListed) {
+	for (const std::string& name : DownloadDirectives()) {
+		Read(name + " 7\n");
+		EXPECT_EQ(log_.Lines().size(), 0U) << name;
+	}
+}
+
 	for (const DownloadSettings& settings : {Read(""), ReadDownloadSettings(directory_ / "absent", geteuid())}) {
 		EXPECT_EQ(settings.deadline, seconds(14400));
 		EXPECT_EQ(settings.lowest_rate, 1000U);

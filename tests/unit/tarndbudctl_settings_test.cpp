@@ -2,14 +2,19 @@
 #include "expect_error.h"
 #include "host/library/failure.h"
 #include "host/library/preparation.h"
+#include "host/library/unknown_settings.h"
 #include "private_root.h"
+#include "syslog_capture.h"
 #include "temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <syslog.h>
+
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace tarn::ctl {
 namespace {
@@ -19,6 +24,9 @@ using testing::HasSubstr;
 
 constexpr char kService[] = "/usr/tarn/etc/data_update/data_update.conf";
 constexpr char kDatabases[] = "/usr/tarn/etc/data_update/databases.conf";
+
+constexpr char kDownloads[] = "/usr/tarn/etc/downloads.conf";
+constexpr char kVolumes[] = "/usr/tarn/etc/volumes.conf";
 
 class SettingsTest : public test::FixedPathsTest {
 protected:
@@ -44,6 +52,54 @@ TEST_F(SettingsTest, AreUsableWithEveryKeyOfTheRightType) {
 	WriteFile(kDatabases, R"({"geo":{"format_version":"1","install_dest":"%VOLUME%","auto_update":false,
 		"min_rsv_space_inbytes":4294967295},"zip":{}})");
 	EXPECT_EQ(Complaint(), "");
+}
+
+/** The sentences of all that is unknown. */
+std::vector<std::string> UnknownOnes() {
+	std::vector<std::string> sentences;
+	for (const UnknownSetting& unknown : FindUnknownSettings()) {
+		sentences.push_back(Describe(unknown));
+	}
+	return sentences;
+}
+
+using UnknownSettingsTest = SettingsTest;
+
+TEST_F(UnknownSettingsTest, AreNamedWithFileLineAndWhatIsNear) {
+	WriteFile(kService,
+	    "{\n\t\"config\":\n\t{\n\t\t\"db_ver\": \"1\",\n\t\t\"db_netlock\":\n\"h:1\"\n\t},\n\t\"confg\": {}\n}\n");
+	WriteFile(kDatabases, "{\"geo\": {},\n\"zip\": {\"auto_update\": true,\n \"\\u0061bc\": 1}}\n");
+	WriteFile(kDownloads, "# deadlin 3\n\ndeadlin 5\n");
+	WriteFile(kVolumes, "pattern /volume*\nfoo /x\n");
+	EXPECT_THAT(UnknownOnes(),
+	    testing::ElementsAre(
+	        std::string(kService) + ":8: there is no section \"confg\", so it has no effect; did you mean \"config\"?",
+	        std::string(kService) +
+	            ":5: there is no setting \"db_netlock\", so it has no effect; did you mean \"db_netloc\"?",
+	        std::string(kDatabases) + ":3: there is no setting \"abc\", so it has no effect",
+	        std::string(kDownloads) +
+	            ":3: there is no setting \"deadlin\", so it has no effect; did you mean \"deadline\"?",
+	        std::string(kVolumes) + ":2: there is no setting \"foo\", so it has no effect"));
+	const test::SyslogCapture log;
+	LogUnknownSettings();
+	EXPECT_EQ(log.Count(LOG_WARNING, {"so it has no effect"}), 5U);
+}
+
+TEST_F(UnknownSettingsTest, AreNoneWhereEverySettingIsKnownOrNothingCanBeRead) {
+	EXPECT_THAT(UnknownOnes(), testing::IsEmpty()) << "no file is there";
+	WriteFile(kService,
+	    R"({"config":{"cur_volume":"","db_netloc":"h:1","db_ver":"1","digest_threads":2,"download_scheme":"http","scheduled_full_packages":"20M"}})");
+	WriteFile(kDatabases, R"({"geo":{"format_version":"1","install_dest":"%VOLUME%","auto_update":false,
+		"min_rsv_space_inbytes":1},"zip":{}})");
+	WriteFile(kDownloads, "deadline 1\nlowest_rate 1\npatience 1\n");
+	WriteFile(kVolumes, "pattern /a\ndirectory /b\nexclude /c\n");
+	EXPECT_THAT(UnknownOnes(), testing::IsEmpty());
+	for (const char* content : {"", "{", "[]", R"({"config":7})", "null"}) {
+		WriteFile(kService, content);
+		EXPECT_THAT(UnknownOnes(), testing::IsEmpty()) << content;
+	}
+	WriteFile(kService, std::string(100000, '['));
+	EXPECT_THAT(UnknownOnes(), testing::IsEmpty()) << "nested too deeply";
 }
 
 TEST_F(SettingsTest, AreRefusedWhenTheFileIsNoJson) {

@@ -73,6 +73,13 @@ TEST_F(Config, DirectoryAloneKeepsTheDefaultPattern) {
 	EXPECT_THAT(Of("directory /srv\n").patterns, ElementsAre("/volume*"));
 }
 
+TEST_F(Config, KnowsEveryDirectiveThatIsListed) {
+	for (const std::string& name : tarn::VolumeDirectives()) {
+		Of(name + " /x\n");
+		EXPECT_EQ(log_.Lines().size(), 0U) << name;
+	}
+}
+
 TEST_F(Config, LinesThatCannotBeUnderstoodAreToldWithTheirPlaceAndSkipped) {
 	const VolumeConfig config = Of("volume /x\npattern\ndirectory   # nothing\nexclude relative\ndirectory /" +
 	                               std::string(5000, 'x') + "\ndirectory /ok\n");

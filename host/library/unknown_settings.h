@@ -1,0 +1,38 @@
+/** @file Settings that no program knows, most often for a slip of the keyboard. */
+#ifndef HOST_LIBRARY_UNKNOWN_SETTINGS_H
+#define HOST_LIBRARY_UNKNOWN_SETTINGS_H
+
+#include <string>
+#include <vector>
+
+namespace tarn::ctl {
+
+/** A setting as it lies in its file. */
+struct PlacedSetting {
+	std::string name;
+	unsigned int line = 0;
+};
+
+/** What a settings file holds that is not known: sections of data_update.conf, and settings. */
+struct UnknownSetting {
+	std::string path;
+	PlacedSetting setting;
+	bool is_section = false;
+	std::vector<std::string> known; ///< What it could be meant for.
+};
+
+/**
+ * Reads what an administrator writes: "data_update.conf", "databases.conf", "downloads.conf" and "volumes.conf". A file
+ * that is missing, or cannot be read or understood, has none: whoever obeys the file complains.
+ */
+std::vector<UnknownSetting> FindUnknownSettings();
+
+/** "PATH:3: there is no setting "deadlin", so it has no effect; did you mean "deadline"?" */
+std::string Describe(const UnknownSetting& unknown);
+
+/** Writes each of them to the system log as a warning. */
+void LogUnknownSettings();
+
+} // namespace tarn::ctl
+
+#endif
