@@ -5,6 +5,7 @@
 #include "dataupdate/internal/fetch.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/messages.h"
+#include "dataupdate/space_shortage.h"
 #include "dataupdate/update_error.h"
 
 #include <sys/statvfs.h>
@@ -43,14 +44,17 @@ Draft Create(const std::string& path) {
 }
 
 /** Other programs on the volume need space too; a small file may take as much as it leaves. */
-void RequireSpace(int fd, std::uint64_t written) {
+void RequireSpace(int fd, const std::string& path, std::uint64_t written) {
 	struct statvfs space {};
 	if (fstatvfs(fd, &space) != 0) {
 		return; // As for downloads: what is full is told by writing.
 	}
-	const std::uint64_t reserve = std::uint64_t{space.f_blocks} * space.f_frsize / kReservedShare;
-	if (std::uint64_t{space.f_bavail} * space.f_frsize <
-	    (written > kSmallFile ? reserve : std::min(reserve, written))) {
+	const std::uint64_t capacity = std::uint64_t{space.f_blocks} * space.f_frsize;
+	const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
+	const std::uint64_t reserve = capacity / kReservedShare;
+	const std::uint64_t least = written > kSmallFile ? reserve : std::min(reserve, written);
+	if (available < least) {
+		NoteSpaceShortage({path, available, capacity, least - available});
 		throw UpdateError(messages::kLowSpace);
 	}
 }
@@ -81,7 +85,7 @@ void FetchFile(const DownloadSource& source, const std::string& output_path, con
 			FailToWrite(output_path);
 		}
 		written += bytes.size();
-		RequireSpace(draft.Fd(), written);
+		RequireSpace(draft.Fd(), output_path, written);
 	});
 	draft.Keep(); // Not counted as downloaded, by which hosts tell what their network has cost.
 }

@@ -12,6 +12,7 @@
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
+#include "dataupdate/space_shortage.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 
@@ -125,7 +126,13 @@ bool BaseStrategy::_IsSpaceEnough(const std::string& path, std::int64_t delta) c
 	TARN_LOG(LOG_DEBUG, "capacity: %ju", capacity);
 	TARN_LOG(LOG_DEBUG, "available: %jd", static_cast<std::intmax_t>(available));
 	TARN_LOG(LOG_DEBUG, "delta: %jd", static_cast<std::intmax_t>(delta));
-	return static_cast<double>(available + delta) / static_cast<double>(capacity) > kLeastFreeShare;
+	const bool is_enough = static_cast<double>(available + delta) / static_cast<double>(capacity) > kLeastFreeShare;
+	if (!is_enough) {
+		const auto reserve = static_cast<std::int64_t>(static_cast<double>(capacity) * kLeastFreeShare);
+		const std::int64_t lacking = std::max<std::int64_t>(reserve - available - delta, 0) + 1;
+		NoteSpaceShortage({path, free_bytes, capacity, static_cast<std::uint64_t>(lacking)});
+	}
+	return is_enough;
 }
 
 void BaseStrategy::_ExtractTarballTo(const std::string& tarball, const std::string& destination) const {

@@ -27,7 +27,7 @@ QUIET_CALLS = {
     "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step", "steps",
 }  # fmt: skip
 QUIET_CONSTANTS = {
-    "kAutoVacuum", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kMaker", "kRules",
+    "kAutoVacuum", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kMaker", "kOthers", "kRules",
     "kSettings", "kSignatureDomain",
 }  # fmt: skip
 # The help of commands, advice that follows a message, and what is only help.

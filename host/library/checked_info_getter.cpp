@@ -15,13 +15,11 @@
 #include <algorithm>
 #include <ctime>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <utility>
 
 // An appliance's own platform may lack what guards downloads on stock Linux.
 #pragma weak TLIBCDownloadLimiterSet
-#pragma weak TLIBCDownloadFailureGet
 
 namespace tarn::ctl {
 
@@ -32,20 +30,6 @@ namespace {
 constexpr std::uint64_t kAnnouncedMargin = 65536;
 constexpr unsigned int kDocumentSeconds = 300;
 constexpr unsigned int kHurrySeconds = 10;
-
-struct Hint {
-	TLIBCDownloadEnd reason;
-	const char* text;
-};
-
-constexpr Hint kHints[] = {
-    {TLIBC_DOWNLOAD_TOO_LARGE, "check what the server, or something on the way to it, sends there"},
-    {TLIBC_DOWNLOAD_NO_SPACE, "free some space"},
-    {TLIBC_DOWNLOAD_TOO_SLOW,
-        "check the network and the server, or set another lowest_rate in /usr/tarn/etc/downloads.conf"},
-    {TLIBC_DOWNLOAD_TOO_LONG,
-        "check the network and the server, or set another deadline in /usr/tarn/etc/downloads.conf"},
-};
 
 constexpr std::size_t kBeginningBytes = 256;
 
@@ -94,14 +78,6 @@ void LimitDownloads(const std::shared_ptr<DownloadLimits>& limits) {
 	};
 	TLIBCDownloadLimiterSet(tell, limits.get());
 	used = limits; // Only now nobody asks the ones before.
-}
-
-std::string DescribeDownloadEnd(int platform_error) {
-	const std::string reason = TLIBCDownloadFailureGet == nullptr ? "" : TLIBCDownloadFailureGet();
-	const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
-	    [&](const Hint& candidate) { return TLIBC_ERR_DOWNLOAD + candidate.reason == platform_error; });
-	const std::string advice = hint == std::end(kHints) ? "see the system log" : hint->text;
-	return (reason.empty() ? "" : reason + ", and ") + "the download was ended: " + advice;
 }
 
 CheckedInfoGetter::CheckedInfoGetter(std::shared_ptr<dataupdate::IOUtils> io,

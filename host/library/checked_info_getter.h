@@ -43,9 +43,6 @@ private:
 /** Has the platform obey these limits from now on. A platform that knows no limits of downloads obeys its own rules. */
 void LimitDownloads(const std::shared_ptr<DownloadLimits>& limits);
 
-/** Why the platform ended this thread's last download and what to do, as the end of a sentence. */
-std::string DescribeDownloadEnd(int platform_error);
-
 /**
  * Turns whatever a malformed document raises into an UpdateError that names the server's link or the file. A version
  * that is not written in digits alone is refused as well, though the library would read what it begins with. The

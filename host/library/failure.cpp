@@ -3,8 +3,9 @@
 #include "base/text.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
+#include "dataupdate/space_shortage.h"
 #include "dataupdate/update_error.h"
-#include "host/library/checked_info_getter.h"
+#include "host/library/download_failure.h"
 #include "host/library/installed_package.h"
 
 #include <tarncore/tarncore.h>
@@ -48,32 +49,20 @@ std::string ConfigurationFiles(const Circumstances& failure) {
 }
 
 std::string LinkHint(const Circumstances& failure) {
-	struct Hint {
-		int error;
-		const char* text;
-	};
-	static constexpr Hint kHints[] = {
-	    {TLIBC_ERR_EXIT + 1, "wget refuses it: check that the link begins with http:// or https://"},
-	    {TLIBC_ERR_EXIT + 2, "wget refuses its settings: correct /usr/tarn/etc/data_update/wgetrc"},
-	    {TLIBC_ERR_EXIT + 3, "wget could not write the file: check the free space and the file system"},
-	    {TLIBC_ERR_EXIT + 4, "the server cannot be reached or breaks off: check the network, the proxy, the server's "
-	                         "name and the scheme"},
-	    {TLIBC_ERR_EXIT + 5, "the server's certificate is not trusted: check the clock and the certificates"},
-	    {TLIBC_ERR_EXIT + 6, "the server or the proxy wants a password: check the proxy's settings"},
-	    {TLIBC_ERR_EXIT + 7, "what answered speaks no HTTP: check the scheme, the host and the port"},
-	    {TLIBC_ERR_EXIT + 8, "the server answered with an error: check that it offers this file"},
-	    {ENOENT, "/usr/bin/wget could not be started: install wget"},
-	    {EACCES, "/usr/bin/wget could not be started: check its permissions"},
-	};
 	if (StartsWith(failure.message, std::string(messages::kCannotDownload) + "-")) {
 		return "no link may begin with \"-\": correct the server's document";
 	}
-	if ((failure.platform_error & TLIBC_ERR_DOWNLOAD) != 0) {
-		return DescribeDownloadEnd(failure.platform_error);
+	return DescribeDownloadFailure(failure.platform_error);
+}
+
+std::string LowSpaceHint(const Circumstances& /*failure*/) {
+	const std::optional<dataupdate::SpaceShortage> shortage = dataupdate::LastSpaceShortage();
+	if (!shortage) {
+		return "free some space on the volume and on the file system of the databases (5 % must stay free)";
 	}
-	const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
-	    [&](const Hint& candidate) { return candidate.error == failure.platform_error; });
-	return hint == std::end(kHints) ? "check the network, the server and that wget is installed" : hint->text;
+	return "the file system of " + shortage->path + " had " + HumanSize(shortage->available) + " free of " +
+	       HumanSize(shortage->capacity) + ", and at least " + HumanSize(shortage->lacking) +
+	       " more had to be free, for 5 % must stay free: free some space there";
 }
 
 /** The reason that the platform gave, where it gives reasons. */
@@ -114,8 +103,7 @@ constexpr Rule kRules[] = {
         "somebody else holds it (a running update, or a reader of the database): try later"},
     {Category::kLockUnusable, kFailed, messages::kCannotOpenLock, "", "tarndbudctl must be run as root"},
     {Category::kDownload, kFailed, messages::kCannotDownload, "", nullptr, LinkHint},
-    {Category::kLowSpace, kFailed, messages::kLowSpace, "",
-        "free some space on the volume and on the file system of the databases (5 % must stay free)"},
+    {Category::kLowSpace, kFailed, messages::kLowSpace, "", nullptr, LowSpaceHint},
     {Category::kNoSuitableVolume, kFailed, messages::kNoSuitableVolume, "",
         "mount a writable volume with enough free space, or name one in /usr/tarn/etc/volumes.conf"},
     {Category::kVolumesUnknown, kFailed, messages::kCannotListVolumes, "",

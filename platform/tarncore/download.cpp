@@ -4,6 +4,7 @@
 #include "base/mutex.h"
 #include "base/settings_lines.h"
 #include "base/unique_fd.h"
+#include "platform/tarncore/complaints.h"
 #include "platform/tarncore/environment.h"
 
 #include <sys/mman.h>
@@ -113,12 +114,6 @@ UniqueFd MakeFixedSettings() {
 	return file;
 }
 
-int Tell(const Download& download, const DownloadEnd& end) {
-	syslog(LOG_WARNING, "tarncore: the download of '%s' was ended: %s", download.url.c_str(), end.text.c_str());
-	KeepDownloadFailure(end.text);
-	return TLIBC_ERR_DOWNLOAD + end.reason;
-}
-
 /** No value when the file system doesn't tell. */
 std::optional<Space> SpaceFor(const std::string& file) {
 	const std::size_t slash = file.rfind('/');
@@ -128,6 +123,21 @@ std::optional<Space> SpaceFor(const std::string& file) {
 		return std::nullopt;
 	}
 	return Space{std::uint64_t{info.f_bavail} * info.f_frsize, std::uint64_t{info.f_blocks} * info.f_frsize};
+}
+
+/** Before the client's file is removed. */
+std::string DescribeSpace(const std::string& file) {
+	const std::optional<Space> space = SpaceFor(file);
+	return space ? " (" + std::to_string(space->free_bytes) + " bytes of " + std::to_string(space->capacity) +
+	                   " were free for " + file + ")"
+	             : "";
+}
+
+int Tell(const Download& download, DownloadEnd end) {
+	end.text += end.reason == TLIBC_DOWNLOAD_NO_SPACE ? DescribeSpace(download.file) : "";
+	syslog(LOG_WARNING, "tarncore: the download of '%s' was ended: %s", download.url.c_str(), end.text.c_str());
+	KeepDownloadFailure(end.text);
+	return TLIBC_ERR_DOWNLOAD + end.reason;
 }
 
 } // namespace
@@ -236,11 +246,17 @@ int RunDownload(process::Program& program, const Download& download, int& status
 		program.streams[0] = settings.Get();
 		program.environment->push_back(std::string("SYSTEM_WGETRC=") + kFixedSettingsPath);
 	}
+	Complaints complaints;
+	if (program.streams[2] == process::kNullStream && complaints.Stream() >= 0) {
+		program.streams[2] = complaints.Stream(); // Where nobody would read, the reason of a failure is read.
+	}
 	pid_t child = -1;
 	if (const int error = process::Start(program, child); error != 0) {
 		return error;
 	}
+	complaints.CloseStream();
 	const auto may_go_on = [&] {
+		complaints.Drain();
 		return guard.MayGoOn(FileSize(download.file), SpaceFor(download.file), Clock::now());
 	};
 	if (const int error = process::WaitWatching(child, program.new_group, kPeriod, may_go_on, status); error != 0) {
@@ -251,7 +267,12 @@ int RunDownload(process::Program& program, const Download& download, int& status
 	}
 	// What came to its end at the last moment has come.
 	const bool succeeded = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-	return guard.End() && !succeeded ? Tell(download, *guard.End()) : 0;
+	if (guard.End() && !succeeded) {
+		return Tell(download, *guard.End());
+	}
+	complaints.Drain();
+	KeepDownloadFailure(succeeded ? "" : complaints.Last());
+	return 0;
 }
 
 } // namespace tarn::core

@@ -88,8 +88,29 @@ def test_an_unreachable_server_is_a_failure_that_names_it(
     result = installed.run("update", DATABASE)
     assert_plain_sentence(result)
     assert installed.netloc in result.stderr
+    assert "; nothing listens at that port: " in result.stderr
     assert_first_version_stays(installed, tmp_path)
     assert_recovers(installed, faults, tmp_path)
+
+
+def test_a_wrong_host_and_a_wrong_scheme_are_told_apart(installed: Device, faults: FaultServer) -> None:
+    installed.netloc = "nowhere.invalid"
+    installed.configure()
+    result = installed.run("update", DATABASE)
+    assert_plain_sentence(result)
+    assert "http://nowhere.invalid/database_info/1" in result.stderr
+    assert "; the name of the host is not known: " in result.stderr
+    installed.netloc, installed.scheme = faults.netloc, "https"
+    installed.configure()
+    result = installed.run("update", DATABASE)
+    assert_plain_sentence(result)
+    assert f"https://{faults.netloc}/database_info/1" in result.stderr
+    assert "; what answers speaks no TLS: " in result.stderr
+    installed.netloc, installed.scheme = f"{faults.netloc}/status/404", "http"
+    installed.configure()
+    result = installed.run("update", DATABASE)
+    assert "; the server answered with an error: " in result.stderr
+    assert "ERROR 404" in result.stderr
 
 
 def test_a_server_that_does_not_answer_is_given_up_when_the_administrator_says(

@@ -57,7 +57,9 @@ def test_too_little_space_is_said_and_the_installed_copy_stays(
     connected.run_ok("update", DATABASE)
     # Package and tree fit, a second copy of the tree does not.
     publisher.publish(trees.write_random_tree(tmp_path / "second", 2, count=18, size=MIB), DATABASE)
-    assert "Disk space is too low" in assert_not_updated(connected, first)
+    told = assert_not_updated(connected, first)
+    assert f"Disk space is too low; the file system of {volume} had " in told
+    assert " free of 50.3 MB, and at least " in told
     connected.run_ok("check", DATABASE)
 
 

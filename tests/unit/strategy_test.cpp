@@ -1,3 +1,4 @@
+#include "dataupdate/space_shortage.h"
 #include "dataupdate/strategy.h"
 #include "fake_platform.h"
 #include "fake_system.h"
@@ -9,6 +10,7 @@
 #include <syslog.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -73,6 +75,19 @@ TEST_F(StrategyTest, WantsMoreThanAFreeTwentieth) {
 	EXPECT_TRUE(strategy_._IsSpaceEnough(directory_ / "", 1));
 	system_.space = {6 * kGiga, 100 * kGiga};
 	EXPECT_FALSE(strategy_._IsSpaceEnough(directory_ / "", -2 * static_cast<std::int64_t>(kGiga)));
+}
+
+TEST_F(StrategyTest, KeepsWhereHowMuchSpaceIsLacking) {
+	system_.space = {6000, 100000};
+	EXPECT_FALSE(strategy_._IsSpaceEnough(directory_ / "", -2000));
+	const std::optional<SpaceShortage> shortage = LastSpaceShortage();
+	ASSERT_TRUE(shortage);
+	EXPECT_EQ(shortage->path, directory_ / "");
+	EXPECT_EQ(shortage->available, 6000U);
+	EXPECT_EQ(shortage->capacity, 100000U);
+	EXPECT_EQ(shortage->lacking, 1001U);
+	EXPECT_TRUE(strategy_._IsSpaceEnough(directory_ / "", -2000 + 1001)) << "so much is enough, and no byte less";
+	EXPECT_FALSE(strategy_._IsSpaceEnough(directory_ / "", -2000 + 1000));
 }
 
 TEST_F(StrategyTest, DividesByACapacityOfNothing) {

@@ -1,4 +1,5 @@
 #include "base/unique_fd.h"
+#include "platform/tarncore/complaints.h"
 #include "platform/tarncore/download.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
@@ -37,7 +38,7 @@ constexpr Space kRoomy = {1000 * kMib, 1000 * kMib};
 class GuardTest : public testing::Test {
 protected:
 	DownloadGuard Make(const std::optional<Space>& space = kRoomy, std::uint64_t size = 0) const {
-		return DownloadGuard(settings_, limits_, space, size, begin_);
+		return {settings_, limits_, space, size, begin_};
 	}
 
 	bool Look(DownloadGuard& guard, std::uint64_t size, int second, const Space& space = kRoomy) const {
@@ -162,7 +163,6 @@ TEST_F(DownloadSettingsTest, AreReadByName) {
 	EXPECT_EQ(log_.Lines().size(), 0U);
 }
 
-TEST_F(DownloadSettingsTest, HaveDefaults) {
 TEST_F(DownloadSettingsTest, KnowEveryDirectiveThatIsListed) {
 	for (const std::string& name : DownloadDirectives()) {
 		Read(name + " 7\n");
@@ -170,6 +170,7 @@ TEST_F(DownloadSettingsTest, KnowEveryDirectiveThatIsListed) {
 	}
 }
 
+TEST_F(DownloadSettingsTest, HaveDefaults) {
 	for (const DownloadSettings& settings : {Read(""), ReadDownloadSettings(directory_ / "absent", geteuid())}) {
 		EXPECT_EQ(settings.deadline, seconds(14400));
 		EXPECT_EQ(settings.lowest_rate, 1000U);
@@ -315,8 +316,34 @@ TEST_F(GuardedExecTest, ForgetsTheReasonWithTheNextDownload) {
 	EXPECT_EQ(TLIBCExecl("/usr/bin/wget", TLIBC_EXEC_ISOLATED, "http://127.0.0.1:9/", "-O", file_.c_str(), "--tries=1",
 	              static_cast<const char*>(nullptr)),
 	    4);
-	EXPECT_STREQ(TLIBCDownloadFailureGet(), "");
+	EXPECT_STREQ(TLIBCDownloadFailureGet(), "Connecting to 127.0.0.1:9... failed: Connection refused.");
 	EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_EXIT + 4);
+}
+
+TEST(ComplaintsTest, AreTheLastLineThatTellsWhatWentWrong) {
+	EXPECT_EQ(LastComplaint(""), "");
+	EXPECT_EQ(LastComplaint("Resolving x... done.\nwget: unable to resolve host address 'x'\n\n"),
+	    "wget: unable to resolve host address 'x'");
+	EXPECT_EQ(LastComplaint("ERROR: The certificate of 'x' is not trusted.\nTo connect to x insecurely, use -\n"),
+	    "ERROR: The certificate of 'x' is not trusted.");
+	EXPECT_EQ(LastComplaint("No data received.\nRetrying.\nGiving up.\n"), "No data received.");
+	EXPECT_EQ(LastComplaint("a\n\x1b[2Jb"), "?[2Jb");
+	EXPECT_EQ(LastComplaint(std::string(100000, 'x')).size(), 303U) << "with three dots";
+}
+
+TEST(ComplaintsTest, KeepTheEndOfAnyOutputAndNeverWait) {
+	Complaints complaints;
+	complaints.Drain();
+	EXPECT_EQ(complaints.Last(), "");
+	for (int round = 0; round < 100; ++round) {
+		const std::string line = std::string(2000, 'x') + "\nround " + std::to_string(round) + "\n";
+		ASSERT_EQ(write(complaints.Stream(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
+		complaints.Drain();
+	}
+	EXPECT_EQ(complaints.Last(), "round 99");
+	complaints.CloseStream();
+	complaints.Drain();
+	EXPECT_EQ(complaints.Last(), "round 99");
 }
 
 TEST_F(GuardedExecTest, LeavesOtherProgramsAlone) {

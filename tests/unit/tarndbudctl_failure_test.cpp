@@ -1,5 +1,7 @@
 #include "dataupdate/messages.h"
+#include "dataupdate/space_shortage.h"
 #include "dataupdate/update_error.h"
+#include "host/library/download_failure.h"
 #include "host/library/failure.h"
 #include "mocks.h"
 
@@ -13,6 +15,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace tarn::ctl {
 namespace {
@@ -114,6 +117,33 @@ TEST(FailureTest, TellsByTheClientsErrorWhyADownloadFailed) {
 	EXPECT_THAT(explain(TLIBC_ERR_EXIT + 8), HasSubstr("answered with an error"));
 	EXPECT_THAT(explain(ENOENT), HasSubstr("install wget"));
 	EXPECT_THAT(explain(TLIBC_ERR_SIGNAL + 9), HasSubstr("check the network"));
+}
+
+TEST(FailureTest, TellsWhereHowMuchSpaceIsLacking) {
+	std::string sentence;
+	std::thread([&] { // Whose shortage no other test meets.
+		dataupdate::NoteSpaceShortage({"/volume1", 6'000'000, 100'000'000, 1'500'000});
+		sentence = ExplainMessage("Disk space is too low", 0).sentence;
+	})
+	    .join();
+	EXPECT_EQ(sentence, "Disk space is too low; the file system of /volume1 had 6.0 MB free of 100.0 MB, and at least "
+	                    "1.5 MB more had to "
+	                    "be free, for 5 % must stay free: free some space there.");
+}
+
+TEST(FailureTest, TellsByTheClientsWordsWhyTheServerWasNotReached) {
+	const auto describe = [](const char* said) { return DescribeClientFailure(TLIBC_ERR_EXIT + 4, said); };
+	EXPECT_EQ(describe("Connecting to 127.0.0.1:1... failed: Connection refused."),
+	    "nothing listens at that port: check the host, the port and the server (wget: Connecting to 127.0.0.1:1... "
+	    "failed: Connection refused)");
+	EXPECT_THAT(describe("wget: unable to resolve host address 'x'"), StartsWith("the name of the host is not known"));
+	EXPECT_THAT(describe("Unable to establish SSL connection."), StartsWith("what answers speaks no TLS"));
+	EXPECT_THAT(describe("failed: Connection timed out."), StartsWith("the server does not answer"));
+	EXPECT_THAT(describe("Read error"), StartsWith("the server cannot be reached or breaks off"));
+	EXPECT_THAT(DescribeClientFailure(TLIBC_ERR_EXIT + 8, "ERROR 404: Connection refused."),
+	    testing::AllOf(
+	        StartsWith("the server answered with an error"), EndsWith("(wget: ERROR 404: Connection refused)")));
+	EXPECT_THAT(DescribeClientFailure(ENOENT, "an earlier word"), EndsWith("install wget"));
 }
 
 TEST(FailureTest, TellsWhatToDoAboutADownloadThatWasEnded) {

@@ -129,7 +129,9 @@ void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter limiter, void* data);
 
 /**
  * Why the guard ended the calling thread's last download, as the end of a sentence: "it was slower than 1000 bytes/s
- * for 120 s". Empty when it did not. Valid until the thread's next download.
+ * for 120 s". When the client failed by itself and its error stream went nowhere: the last line of what it said there,
+ * "Connecting to 192.0.2.1:80... failed: Connection refused.", which may hold text of the server. Otherwise empty.
+ * Valid until the thread's next download.
  */
 const char* TLIBCDownloadFailureGet(void);
 
