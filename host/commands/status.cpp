@@ -48,13 +48,20 @@ void ShowHold(StatusRow& row) {
 	}
 }
 
+/** Times are whole seconds: of two runs within one, the last run came later. */
+bool IsOver(const FailureRecord& failure, const RunRecord& last_run) {
+	return last_run.exit_status == kDone ? last_run.time >= failure.time
+	                                     : last_run.last_success.value_or(0) > failure.time;
+}
+
 void AddHistory(StatusRow& row, int installed) {
 	const std::optional<RunRecord> run = ReadRunRecord(row.id);
-	if (run && run->exit_status == kDone) {
-		row.last_success = run->time;
+	if (run) {
+		row.last_success = run->last_success;
 	}
 	if (const std::optional<FailureRecord> failure = ReadFailureRecord(row.id)) {
-		row.last_failure = {failure->operation, failure->time, failure->exit_status, failure->sentence};
+		row.last_failure = {
+		    failure->operation, failure->time, failure->exit_status, failure->sentence, run && IsOver(*failure, *run)};
 	}
 	const std::optional<Rejection> rejection = ReadRejection(row.id);
 	if (rejection && rejection->version > installed) {
@@ -112,7 +119,7 @@ bool MayUpdate(const StatusRow& row) {
 
 /** What is ready is finished whatever the server offers. */
 std::string WayOutOfMixture(const Services& services, const StatusRow& row) {
-	const std::string way_out =
+	std::string way_out =
 	    OffersRefused(row) && !FindPrepared(services, row.id) ? WayOutOfRefusal(services, row.id) : "";
 	if (!way_out.empty()) {
 		return way_out;
@@ -186,6 +193,7 @@ ExitCode Run(const Services& services, const Options& options) {
 		    rows.push_back(Collect(services, id));
 		    return IsAboveOffered(rows.back()).value_or(false) ? kAboveOffered : kDone;
 	    });
+	TellUnknownSettings(services);
 	const std::time_t now = std::time(nullptr);
 	const std::optional<NextRun> next = services.next_run ? services.next_run() : std::nullopt;
 	for (StatusRow& row : rows) {
@@ -193,7 +201,6 @@ ExitCode Run(const Services& services, const Options& options) {
 			row.next_run = next->time;
 		}
 	}
-	TellUnknownSettings(services);
 	if (options.json) {
 		services.terminal.Say(FormatJson(StatusToJson(rows, now)));
 	} else if (!rows.empty()) {

@@ -49,10 +49,14 @@ void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
 }
 
 void Write(const std::string& id, const char* operation, const Beginning& beginning, int exit_status) {
+	const std::optional<RunRecord> before = ReadRunRecord(id);
 	Json::Value object(Json::objectValue);
 	object["operation"] = operation;
 	object["time"] = Json::Int64{std::time(nullptr)};
 	object["exit_status"] = exit_status;
+	if (before && before->last_success) {
+		object["last_success"] = Json::Int64{*before->last_success}; // Read where this one is no success.
+	}
 	object["seconds"] = std::chrono::duration<double>(Clock::now() - beginning.time).count();
 	object["downloaded_bytes"] = Json::UInt64{dataupdate::DownloadedBytes() - beginning.downloaded_bytes};
 	WriteResult(RunRecordPath(id), object);
@@ -122,6 +126,11 @@ std::optional<RunRecord> ReadRunRecord(const std::string& id) {
 		record.exit_status = object["exit_status"].asInt();
 		record.seconds = object["seconds"].asDouble();
 		record.downloaded_bytes = object["downloaded_bytes"].asUInt64();
+		if (record.exit_status == kDone) {
+			record.last_success = record.time;
+		} else if (object.isMember("last_success")) {
+			record.last_success = object["last_success"].asInt64();
+		}
 		return record;
 	} catch (const Json::Exception&) {
 		return std::nullopt;

@@ -21,6 +21,7 @@ struct RunRecord {
 	int exit_status = 0;
 	double seconds = 0;
 	std::uint64_t downloaded_bytes = 0;
+	std::optional<std::int64_t> last_success; ///< When an operation last succeeded, this one or an earlier one.
 };
 
 /** The last operation that ended as a failure; later successes leave it. */

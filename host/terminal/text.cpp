@@ -242,14 +242,12 @@ std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t no
 std::string FormatFailures(const std::vector<StatusRow>& rows, std::time_t now) {
 	std::string text;
 	for (const StatusRow& row : rows) {
-		if (!row.last_failure) {
+		if (!row.last_failure || row.last_failure->is_over) {
 			continue;
 		}
 		const FailureLine& failure = *row.last_failure;
-		const bool is_over = row.last_success.value_or(0) >= failure.time;
 		text += row.id + ": last failure " + FormatDuration(now - failure.time) + " ago (" +
-		        FormatMoment(failure.time) + ", " + failure.operation + ")" + (is_over ? ", success since" : "") +
-		        ": " + failure.sentence + "\n";
+		        FormatMoment(failure.time) + ", " + failure.operation + "): " + failure.sentence + "\n";
 	}
 	return text;
 }

@@ -58,6 +58,7 @@ struct FailureLine {
 	std::int64_t time = 0;
 	int exit_status = 0;
 	std::string sentence;
+	bool is_over = false; ///< An operation has succeeded since.
 };
 
 /** One database; what is unknown or absent has no value. */
@@ -76,7 +77,7 @@ struct StatusRow {
 	std::optional<std::string> install_dir;
 	std::optional<std::string> old_dir; ///< Where it is installed instead of in install_dir, which is no installation.
 	std::optional<std::string> volume;
-	std::optional<std::int64_t> last_success; ///< When the last operation succeeded; none when it did not.
+	std::optional<std::int64_t> last_success; ///< When an operation last succeeded.
 	std::optional<FailureLine> last_failure;
 	std::optional<int> refused_version;   ///< A check of this machine refused it, and it has not been installed.
 	std::optional<std::int64_t> next_run; ///< When a scheduled update includes it next.
@@ -93,7 +94,7 @@ std::optional<bool> IsAboveOffered(const StatusRow& row);
 /** @param now  when the ages are told, in seconds since 1970 */
 std::string FormatStatusTable(const std::vector<StatusRow>& rows, std::time_t now);
 
-/** What failed last, a line for each database of which something failed; empty when nothing did. */
+/** What failed last, a line for each database on which no operation has succeeded since; empty without such. */
 std::string FormatFailures(const std::vector<StatusRow>& rows, std::time_t now);
 
 /** An array with an object for each database; no value is null, and an error is there only when there is one. */

@@ -1,6 +1,7 @@
 #include "expect_error.h"
 #include "host/library/hold.h"
 #include "host/library/installed_package.h"
+#include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
 #include "host/terminal/text.h"
 #include "private_root.h"
@@ -70,6 +71,39 @@ TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  unknown  yes"));
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; "
 	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it anew.\n");
+}
+
+TEST_F(StatusTest, TellsSettingsThatNobodyKnows) {
+	doubles_.Install(5);
+	test::WriteFile("/usr/tarn/etc/downloads.conf", "lowst_rate 5\n");
+	EXPECT_EQ(Run({}, false), kDone);
+	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: /usr/tarn/etc/downloads.conf:1: there is no setting \"lowst_rate\", so "
+	                              "it has no effect; did you mean \"lowest_rate\"?\n");
+}
+
+TEST_F(StatusTest, TellsAFailureUntilAnOperationSucceeds) {
+	const auto shown = [this] {
+		doubles_.out.str("");
+		EXPECT_EQ(Run({"geo"}, false), kDone);
+		return doubles_.out.str();
+	};
+	const auto run = [this](ExitCode code) {
+		return RunRecorded(doubles_.services, "geo", "update", [code] { return code; });
+	};
+	EXPECT_EQ(run(kDone), kDone);
+	EXPECT_THROW(
+	    RunRecorded(doubles_.services, "geo", "fix", []() -> ExitCode { throw CommandError(kFailed, "Torn"); }),
+	    CommandError);
+	EXPECT_THAT(shown(), HasSubstr(", fix): Torn.")) << "an earlier success, even within the second, ends nothing";
+	test::WriteFile("/var/lib/data_update/geo/last_failure.json",
+	    R"({"operation":"fix","time":1000,"exit_status":1,"error":"Torn."})");
+	EXPECT_EQ(run(kDone), kDone);
+	EXPECT_EQ(run(kBeyondBudget), kBeyondBudget);
+	EXPECT_THAT(shown(), testing::Not(HasSubstr("Torn"))) << "the success was before the last run";
+	doubles_.out.str("");
+	const Json::Value array = RunJson({"geo"});
+	EXPECT_EQ(array[0]["last_failure"]["error"], "Torn.");
+	EXPECT_GT(array[0]["last_success"].asInt64(), 1000);
 }
 
 TEST_F(StatusTest, NamesAFixAloneForWhatIsUnfinishedAndHeld) {
