@@ -10,7 +10,9 @@
 
 #include <syslog.h>
 
+#include <exception>
 #include <limits>
+#include <optional>
 #include <string>
 
 namespace tarn::ctl {
@@ -46,6 +48,23 @@ void DeclareUnhold(CLI::App& app, Options& options) {
 	DeclareCommon(app, options);
 }
 
+/** No value also where the record cannot be read, which the hold does not depend on and other commands tell. */
+std::optional<int> InstalledVersion(const Services& services, const std::string& id) {
+	try {
+		const int version = ReadRecorded(services, id).data_version;
+		return version == -1 ? std::nullopt : std::optional(version);
+	} catch (const std::exception&) {
+		return std::nullopt;
+	}
+}
+
+/** Empty unless the database is beyond its hold already. */
+std::string DescribeBeyond(const std::optional<int>& up_to, const std::optional<int>& installed) {
+	return up_to && installed && *installed > *up_to ? "; the later version " + std::to_string(*installed) +
+	                                                       " is installed and stays, for a hold takes nothing back"
+	                                                 : "";
+}
+
 ExitCode RunHold(const Services& services, const Options& options) {
 	services.config->CheckSupported(options.id);
 	const dataupdate::FileLock lock = HoldOffUpdate(options);
@@ -55,7 +74,9 @@ ExitCode RunHold(const Services& services, const Options& options) {
 	syslog(LOG_NOTICE, "%s is %s from now on.", options.id.c_str(), state.c_str());
 	Json::Value object = Describe(options, true);
 	object["held_up_to"] = options.up_to ? Json::Value(*options.up_to) : Json::Value();
-	Answer(services, options, options.id + ": " + state + "\n", object);
+	const std::optional<int> installed = InstalledVersion(services, options.id);
+	object["installed_version"] = installed ? Json::Value(*installed) : Json::Value();
+	Answer(services, options, options.id + ": " + state + DescribeBeyond(options.up_to, installed) + "\n", object);
 	return kDone;
 }
 

@@ -134,6 +134,21 @@ TEST_F(HoldCommandTest, LetsUpdatesComeUpToTheVersionAndNoFurther) {
 	EXPECT_EQ(Printed()[0]["result"], "up to date");
 }
 
+TEST_F(HoldCommandTest, SaysThatALaterInstalledVersionStays) {
+	EXPECT_EQ(Run(kHoldCommand, 2), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: held at most at version 2; the later version 3 is installed and stays, for a "
+	                              "hold takes nothing back\n");
+	for (const int installed : {3, -1}) {
+		doubles_.out.str("");
+		doubles_.Install(installed);
+		EXPECT_EQ(Run(kHoldCommand, 3), kDone);
+		EXPECT_EQ(doubles_.out.str(), "geo: held at most at version 3\n");
+	}
+	ON_CALL(*doubles_.info, GetDatabaseStatus).WillByDefault(testing::Throw(dataupdate::UpdateError("torn")));
+	EXPECT_EQ(Run(kHoldCommand, 1), kDone);
+	EXPECT_EQ(ReadHold("geo").value().up_to, 1) << "whatever the record is like";
+}
+
 TEST_F(HoldCommandTest, NamesADamagedHoldInScheduledRunsAsWell) {
 	ExpectUpdates(1);
 	WriteFile(HoldPath("geo"), "{");
