@@ -108,13 +108,14 @@ void AnswerToUnmount(
 		    Describe("moved", now));
 		return;
 	case End::kStayed:
-		throw CommandError(
-		    kFailed, could_not + "; they are whole on " + path +
-		                 ", and no volume is in use; the lines of mv before this one and the system log tell why");
+		throw CommandError(kFailed, could_not + "; they are whole on " + path +
+		                                ", and no volume is in use until \"tarndbudctl volume mounted " + path +
+		                                "\"; the lines of mv before this one and the system log tell why");
 	case End::kDivided:
 		throw CommandError(kFailed,
-		    could_not + "; what is left of them is on both, no volume is in use, and the next "
-		                "update installs them anew; the lines of mv before this one and the system log tell why");
+		    could_not +
+		        "; what is left of them is on both, no volume is in use until \"tarndbudctl init\", and the "
+		        "next update after it installs them anew; the lines of mv before this one and the system log tell why");
 	case End::kNoTarget:
 		break;
 	}

@@ -7,6 +7,7 @@
 #include "dataupdate/utils.h"
 #include "dataupdate/volume_handler.h"
 #include "host/library/failure.h"
+#include "host/library/move_output.h"
 #include "host/library/preparation.h"
 #include "host/library/volume_content.h"
 #include "host/library/volume_hook.h"
@@ -39,7 +40,8 @@ struct Preparation {
 	bool target_is_free = false;
 	std::vector<std::string> marked;
 	std::optional<VolumeHook> hook;
-	std::string obstacle; ///< Why nothing can be begun, other than that no volume is suitable.
+	std::optional<MoveOutput> output; ///< From the move's beginning on.
+	std::string obstacle;             ///< Why nothing can be begun, other than that no volume is suitable.
 };
 
 /** No value when something cannot be examined. */
@@ -83,6 +85,7 @@ public:
 			Prepare(services_, volume_, preparation_);
 			preparation_.hook.emplace(volume_, preparation_.target);
 			preparation_.hook->ExecPre();
+			preparation_.output.emplace();
 		} catch (const std::exception& error) {
 			if (CategoryOf(error.what()) != Category::kNoSuitableVolume) {
 				preparation_.obstacle = ExplainException(*services_.io).sentence;
@@ -142,10 +145,13 @@ void TakeBack(const Services& services, const Preparation& preparation) {
 MoveOutcome MoveAway(const Services& services, const std::string& volume) {
 	Preparation preparation;
 	PreparingHandler(services, volume, preparation).UnmountVolumeEvent(volume);
+	if (const std::size_t hidden = preparation.output ? preparation.output->End() : 0; hidden > 0) {
+		services.terminal.Complain(std::to_string(hidden) + " more lines of mv are not shown.");
+	}
 	if (!preparation.obstacle.empty()) {
-		throw CommandError(
-		    kFailed, "The databases stay on " + volume +
-		                 ", and no volume is in use, for they could not be moved: " + preparation.obstacle);
+		throw CommandError(kFailed, "The databases stay on " + volume +
+		                                ", and no volume is in use until \"tarndbudctl volume mounted " + volume +
+		                                "\", for they could not be moved: " + preparation.obstacle);
 	}
 	if (preparation.target.empty()) {
 		return {};
