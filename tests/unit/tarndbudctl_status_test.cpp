@@ -185,9 +185,8 @@ TEST_F(StatusTest, TakesALaterVersionThanTheServersForAStateOfItsOwn) {
 
 TEST_F(StatusTest, TellsTheAgeThatTheSignedPackageOfTheInstalledVersionGives) {
 	doubles_.Install(5);
-	const std::time_t published = std::time(nullptr) - 3 * 86'400 - 5;
-	test::WriteFile(
-	    InstalledPackagePath("geo"), "{\"data_version\":5,\"published\":" + std::to_string(published) + "}");
+	const std::time_t published = std::time(nullptr) - 3L * 86'400 - 5;
+	test::WriteFile(InstalledPackagePath("geo"), R"({"data_version":5,"published":)" + std::to_string(published) + "}");
 	test::WriteFile(InstalledPackagePath("zip"), R"({"data_version":4,"published":1})");
 	const Json::Value array = RunJson({});
 	EXPECT_EQ(array[0]["published"], Json::Value(Json::Int64{published}));
