@@ -1,4 +1,4 @@
-# Completion for tarndbudctl, tarndbudpub and tarndbudvcdiff. Offers the databases' ids where python3 is
+# Completion for tarndbudctl, tarndbudpub, tarndbudpub-mirror and tarndbudvcdiff. Offers the databases' ids where python3 is
 # installed.
 
 # The ids of the configured databases; the machine's own list replaces the shipped one.
@@ -128,6 +128,20 @@ _tarndbudpub() {
 	esac
 }
 
+# The remotes that rclone's configuration names.
+_tarndbudpub-mirror() {
+	case ${COMP_WORDS[COMP_CWORD]} in
+	-*) _tarndbud_offer '--repo --no-delete --force --dry-run --json --version --help' ;;
+	*)
+		if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --repo ]]; then
+			_tarndbud_offer_files -d
+		else
+			_tarndbud_offer "$(rclone listremotes 2>/dev/null)"
+		fi
+		;;
+	esac
+}
+
 _tarndbudvcdiff() {
 	if [[ ${COMP_WORDS[COMP_CWORD]} != -* && -n $(_tarndbud_word 1) ]]; then
 		_tarndbud_offer_files
@@ -141,4 +155,5 @@ _tarndbudvcdiff() {
 
 complete -F _tarndbudctl tarndbudctl
 complete -F _tarndbudpub tarndbudpub
+complete -o nospace -F _tarndbudpub-mirror tarndbudpub-mirror
 complete -F _tarndbudvcdiff tarndbudvcdiff

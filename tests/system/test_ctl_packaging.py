@@ -14,12 +14,13 @@ MANUALS = Path("/usr/share/man")
 UNITS = Path("/usr/lib/systemd/system")
 COMPLETIONS = Path("/usr/share/bash-completion/completions")
 PAGES = (
-    "man1/tarndbudpub.1", "man3/TARNDBUDGetFileLock.3", "man3/TARNDBUDReleaseFileLock.3", "man5/data_update.conf.5",
+    "man1/tarndbudpub.1", "man1/tarndbudpub-mirror.1", "man3/TARNDBUDGetFileLock.3", "man3/TARNDBUDReleaseFileLock.3", "man5/data_update.conf.5",
     "man5/databases.conf.5", "man5/downloads.conf.5", "man8/tarndbudctl.8", "man8/tarndbudvcdiff.8",
 )  # fmt: skip
 PROGRAMS = {
     "tarndbudctl": (programs.CTL, "man8/tarndbudctl.8"),
     "tarndbudpub": (programs.PUB, "man1/tarndbudpub.1"),
+    "tarndbudpub-mirror": (programs.MIRROR, "man1/tarndbudpub-mirror.1"),
     "tarndbudvcdiff": ("/usr/tarn/sbin/tarndbudvcdiff", "man8/tarndbudvcdiff.8"),
 }
 DESCRIBED_ONCE = {"--help", "--verbose", "--version"}

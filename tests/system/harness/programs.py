@@ -11,6 +11,7 @@ from pathlib import Path
 
 CTL = "/usr/bin/tarndbudctl"
 PUB = "/usr/bin/tarndbudpub"
+MIRROR = "/usr/bin/tarndbudpub-mirror"
 VCDIFF = "/usr/tarn/sbin/tarndbudvcdiff"
 PATIENCE_SECONDS = 120
 

@@ -1,0 +1,113 @@
+#include "publisher/mirror_snapshot.h"
+
+#include "base/text.h"
+#include "publisher/document.h"
+#include "publisher/files.h"
+#include "publisher/repository.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <optional>
+
+namespace tarn::publisher {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPackages = "packages";
+
+bool IsHidden(const fs::path& path) {
+	return path.filename().string().front() == '.';
+}
+
+std::map<std::string, std::string> ReadDocuments(const std::string& repository) {
+	std::map<std::string, std::string> texts;
+	for (const fs::path& path : PathsIn(repository + "/" + kDocuments)) {
+		if (!IsHidden(path)) {
+			texts[std::string(kDocuments) + "/" + path.filename().string()] = Document::ReadText(path.string());
+		}
+	}
+	return texts;
+}
+
+void TakeNames(const std::string& document, const std::string& id, const Entry& entry, Snapshot& snapshot) {
+	const auto newest = snapshot.newest.emplace(id, entry.data_version).first;
+	newest->second = std::max(newest->second, entry.data_version);
+	snapshot.named.emplace(Repository::PackageName(id, entry.data_version), document);
+	for (const auto& [version, diff] : entry.diff_files) {
+		snapshot.named.emplace(Repository::DiffName(id, version, diff), document);
+	}
+}
+
+void TakeDocument(const std::string& repository, const std::string& name, const std::string& text, Snapshot& snapshot) {
+	try {
+		const Document document = Document::FromText(repository + "/" + name, text);
+		for (const std::string& id : document.Ids()) {
+			TakeNames(name, id, *document.Find(id), snapshot);
+		}
+	} catch (const DamagedDocument& error) {
+		throw BrokenRepository(std::string("Nothing was carried and nothing deleted: ") + error.what());
+	}
+}
+
+/** No value for what is gone by now, or no file. */
+std::optional<CarriedFile> FileAt(const std::string& path) {
+	struct stat status {};
+	if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+		return std::nullopt;
+	}
+	return CarriedFile{static_cast<std::uint64_t>(status.st_size), status.st_mtim.tv_sec};
+}
+
+void ListPackages(const std::string& repository, Snapshot& snapshot) {
+	for (const fs::path& directory : PathsIn(repository + "/" + kPackages)) {
+		if (IsHidden(directory) || !fs::is_directory(directory)) {
+			continue;
+		}
+		for (const PackageFile& file : PackagesIn(directory.string(), directory.filename().string())) {
+			const std::string name = fs::path(file.path).lexically_relative(repository).string();
+			if (const std::optional<CarriedFile> found = FileAt(file.path)) {
+				snapshot.packages[name] = *found;
+			}
+		}
+	}
+}
+
+} // namespace
+
+bool IsPackageName(const std::string& name) {
+	const fs::path path(name);
+	const std::string id = path.parent_path().filename().string();
+	const std::string file = path.filename().string();
+	const bool is_in_place = path.parent_path().parent_path() == kPackages && !id.empty() && id.front() != '.';
+	return is_in_place && EndsWith(file, ".tarn") && (StartsWith(file, id + "_v") || StartsWith(file, id + "_d"));
+}
+
+Snapshot TakeSnapshot(const std::string& repository) {
+	Snapshot snapshot;
+	snapshot.documents = ReadDocuments(repository);
+	if (snapshot.documents.empty()) {
+		throw BrokenRepository(
+		    "Nothing was carried and nothing deleted: the repository " + repository + " has no document.");
+	}
+	for (const auto& [name, text] : snapshot.documents) {
+		TakeDocument(repository, name, text, snapshot);
+	}
+	ListPackages(repository, snapshot);
+	return snapshot;
+}
+
+bool IsCurrent(const Snapshot& snapshot, const std::string& repository) {
+	return ReadDocuments(repository) == snapshot.documents;
+}
+
+std::string MissingPackage(const Snapshot& snapshot, const CarriedFiles& present) {
+	const auto missing = std::find_if(snapshot.named.begin(), snapshot.named.end(),
+	    [&](const auto& named) { return present.count(named.first) == 0; });
+	return missing == snapshot.named.end() ? "" : missing->first;
+}
+
+} // namespace tarn::publisher

@@ -1,0 +1,49 @@
+/** @file What a repository offers at one moment, to be carried to a store. */
+#ifndef PUBLISHER_MIRROR_SNAPSHOT_H
+#define PUBLISHER_MIRROR_SNAPSHOT_H
+
+#include "publisher/publish_error.h"
+#include "publisher/store.h"
+
+#include <map>
+#include <string>
+
+namespace tarn::publisher {
+
+/** Devices could not use the repository as it is. */
+class BrokenRepository : public PublishError {
+public:
+	using PublishError::PublishError;
+};
+
+struct Snapshot {
+	std::map<std::string, std::string> documents; // texts by their names in the repository
+	std::map<std::string, std::string> named;     // packages that documents name, and one document for each
+	std::map<std::string, int> newest;            // the highest version that any document names, by database
+	CarriedFiles packages;                        // that are there, named or not
+};
+
+/** The names of the documents in a repository, relative to it. */
+constexpr const char* kDocuments = "database_info";
+
+/** Whether a relative name is one that publishers give to packages. */
+[[nodiscard]] bool IsPackageName(const std::string& name);
+
+/**
+ * Reads documents first, and lists packages then. Whatever a document names was there before the document, so only a
+ * publisher who has replaced the document since can have removed the package. Waits for no publisher and writes
+ * nothing.
+ *
+ * @throws BrokenRepository when there is no document, or one is damaged; PublishError
+ */
+[[nodiscard]] Snapshot TakeSnapshot(const std::string& repository);
+
+/** Whether the documents still are what they were. Throws PublishError. */
+[[nodiscard]] bool IsCurrent(const Snapshot& snapshot, const std::string& repository);
+
+/** A package that a document names and that is not there; empty when there is none. */
+[[nodiscard]] std::string MissingPackage(const Snapshot& snapshot, const CarriedFiles& present);
+
+} // namespace tarn::publisher
+
+#endif
