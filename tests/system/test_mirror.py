@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import random
 import shutil
 import subprocess
 import threading
@@ -33,7 +34,8 @@ class Carrying:
         publisher.base = store.url
 
     def publish(self, text: str, *options: str, keep: int = KEPT) -> None:
-        content = {f"file{number}": f"{text} {number}\n".encode() * 40 for number in range(5)}
+        bulk = {f"file{number}": random.Random(number).randbytes(20_000) for number in range(5)}
+        content = bulk | {"word": text.encode()}
         trees.write_tree(self.tree, content)
         self.publisher.publish(self.tree, DATABASE, "--level", "1", *options, keep_diffs=keep)
         self.remember()
