@@ -114,6 +114,12 @@ void MeasureLastRun(Metrics& metrics, const std::string& id) {
 	    record->seconds);
 	metrics.Add("tarndbud_last_run_downloaded_bytes", "What the last operation on the database downloaded.", labels,
 	    record->downloaded_bytes);
+	metrics.Add("tarndbud_downloaded_bytes_total", "What all operations on the database downloaded.",
+	    {{"database", id}}, record->downloaded_total);
+	if (!record->failure.empty()) {
+		metrics.Add("tarndbud_last_run_failure", "1, with the category of the failure of the last operation.",
+		    {{"database", id}, {"operation", record->operation}, {"category", record->failure}}, 1);
+	}
 }
 
 void MeasureHold(Metrics& metrics, const std::string& id, const Labels& labels) {

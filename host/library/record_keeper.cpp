@@ -7,6 +7,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "host/library/failure.h"
+#include "host/library/failure_name.h"
 #include "host/library/inspection.h"
 #include "host/library/json_record.h"
 #include "host/library/listed_files.h"
@@ -48,17 +49,21 @@ void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
 	}
 }
 
-void Write(const std::string& id, const char* operation, const Beginning& beginning, int exit_status) {
+void Write(const std::string& id, const char* operation, const Beginning& beginning, ExitCode code,
+    Category category = Category::kOther) {
 	const std::optional<RunRecord> before = ReadRunRecord(id);
+	const std::uint64_t downloaded = dataupdate::DownloadedBytes() - beginning.downloaded_bytes;
 	Json::Value object(Json::objectValue);
 	object["operation"] = operation;
 	object["time"] = Json::Int64{std::time(nullptr)};
-	object["exit_status"] = exit_status;
+	object["exit_status"] = code;
+	object["failure"] = FailureName(code, category);
 	if (before && before->last_success) {
 		object["last_success"] = Json::Int64{*before->last_success}; // Read where this one is no success.
 	}
 	object["seconds"] = std::chrono::duration<double>(Clock::now() - beginning.time).count();
-	object["downloaded_bytes"] = Json::UInt64{dataupdate::DownloadedBytes() - beginning.downloaded_bytes};
+	object["downloaded_bytes"] = Json::UInt64{downloaded};
+	object["downloaded_total"] = Json::UInt64{downloaded + (before ? before->downloaded_total : 0)};
 	WriteResult(RunRecordPath(id), object);
 }
 
@@ -83,7 +88,7 @@ ExitCode RunRecorded(
 	} catch (...) {
 		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
 			const Failure failure = ExplainException(*services.io, id);
-			Write(id, operation, beginning, failure.code);
+			Write(id, operation, beginning, failure.code, failure.category);
 			RecordFailure(id, operation, failure);
 		}
 		throw;
@@ -126,6 +131,8 @@ std::optional<RunRecord> ReadRunRecord(const std::string& id) {
 		record.exit_status = object["exit_status"].asInt();
 		record.seconds = object["seconds"].asDouble();
 		record.downloaded_bytes = object["downloaded_bytes"].asUInt64();
+		record.downloaded_total = object["downloaded_total"].asUInt64();
+		record.failure = object["failure"].asString();
 		if (record.exit_status == kDone) {
 			record.last_success = record.time;
 		} else if (object.isMember("last_success")) {

@@ -1,5 +1,7 @@
 #include "host/terminal/text.h"
 
+#include "base/text.h"
+
 #include <json/writer.h>
 
 #include <algorithm>
@@ -221,7 +223,8 @@ void Metrics::AddValue(const std::string& name, const std::string& help, const L
 std::string Metrics::Text() const {
 	std::string text;
 	for (const Family& family : families_) {
-		text += "# HELP " + family.name + " " + family.help + "\n# TYPE " + family.name + " gauge\n" + family.samples;
+		const char* type = EndsWith(family.name, "_total") ? " counter\n" : " gauge\n";
+		text += "# HELP " + family.name + " " + family.help + "\n# TYPE " + family.name + type + family.samples;
 	}
 	return text;
 }

@@ -33,7 +33,7 @@ using Labels = std::vector<std::pair<std::string, std::string>>;
 /** Gauges, each with all its samples in one place, as the form wants it. */
 class Metrics {
 public:
-	/** Adds a sample of any number; the help of a name's first sample counts. */
+	/** Adds a sample of any number; the help of a name's first sample counts. Names in "_total" are counters. */
 	template<typename Number>
 	void Add(const std::string& name, const std::string& help, const Labels& labels, Number value) {
 		AddValue(name, help, labels, static_cast<double>(value));

@@ -1,5 +1,6 @@
 #include "base/error.h"
 #include "dataupdate/file_lock.h"
+#include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
@@ -129,6 +130,25 @@ TEST_F(MetricsCommandTest, TellsHowTheLastRunWent) {
 	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_success{database=\"geo\",operation=\"update\"} 1\n"));
 	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_success{database=\"zip\",operation=\"fix\"} 0\n"));
 	EXPECT_THAT(text, HasSubstr("tarndbud_last_run_exit_status{database=\"zip\",operation=\"fix\"} 75\n"));
+}
+
+TEST_F(MetricsCommandTest, TellsTheCategoryOfTheLastFailureUntilARunSucceeds) {
+	const auto fail = []() -> ExitCode { throw dataupdate::UpdateError(dataupdate::messages::kLowSpace); };
+	EXPECT_THROW(RunRecorded(doubles_.services, "geo", "update", fail), dataupdate::UpdateError);
+	EXPECT_THAT(Run(),
+	    HasSubstr("tarndbud_last_run_failure{database=\"geo\",operation=\"update\",category=\"low_space\"} 1\n"));
+	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kAboveOffered; }), kAboveOffered);
+	EXPECT_THAT(Run(), HasSubstr("category=\"above_offered\"} 1\n"));
+	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kDone; }), kDone);
+	EXPECT_THAT(Run(), Not(HasSubstr("tarndbud_last_run_failure")));
+}
+
+TEST_F(MetricsCommandTest, CountsWhatAllRunsDownloaded) {
+	WriteFile(RunRecordPath("geo"), R"({"operation":"update","exit_status":0,"downloaded_total":4000000000000})");
+	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kDone; }), kDone);
+	const std::string text = Run();
+	EXPECT_THAT(text, HasSubstr("# TYPE tarndbud_downloaded_bytes_total counter\n"));
+	EXPECT_THAT(text, HasSubstr("tarndbud_downloaded_bytes_total{database=\"geo\"} 4000000000000\n"));
 }
 
 TEST_F(MetricsCommandTest, MeasuresTheOthersWhenOneRecordIsBad) {
