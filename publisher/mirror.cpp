@@ -85,7 +85,7 @@ private:
 			return false;
 		}
 		observer_.step("listing the store", 0, 1);
-		stored_ = store_.List("packages");
+		stored_ = store_.List();
 		ReadStoredDocuments();
 		RequireAhead();
 		if (!CarryPackages()) {
@@ -108,8 +108,10 @@ private:
 
 	void ReadStoredDocuments() {
 		stored_documents_.clear();
-		for (const auto& [name, file] : store_.List(kDocuments)) {
-			stored_documents_[name] = store_.Read(name);
+		for (const auto& [name, file] : stored_) {
+			if (StartsWith(name, std::string(kDocuments) + "/")) {
+				stored_documents_[name] = store_.Read(name);
+			}
 		}
 	}
 
@@ -169,7 +171,7 @@ private:
 			}
 			throw PublishError("Packages could not be carried to " + options_.store + ": " + run.Description() + ".");
 		}
-		stored_ = store_.List("packages");
+		stored_ = store_.List();
 		CarriedFiles whole;
 		for (const auto& [name, file] : stored_) {
 			const auto own = snapshot_.packages.find(name);
@@ -241,7 +243,7 @@ private:
 	UniqueFd lock_;
 	Store store_;
 	Snapshot snapshot_;
-	CarriedFiles stored_; // packages
+	CarriedFiles stored_;
 	std::map<std::string, std::string> stored_documents_;
 	MirrorResult result_;
 };

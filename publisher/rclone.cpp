@@ -115,7 +115,7 @@ process::Program ProgramFor(const std::vector<std::string>& arguments) {
 	process::Program program;
 	program.path = *path;
 	// Nobody could answer a question: what rclone reads is the list of files.
-	program.arguments = {"--use-json-log", "--log-level=INFO", "--stats=1s", "--ask-password=false"};
+	program.arguments = {"--use-json-log", "--log-level", "INFO", "--stats=1s", "--ask-password=0"};
 	program.arguments.insert(program.arguments.end(), arguments.begin(), arguments.end());
 	program.death_signal = SIGKILL;
 	return program;

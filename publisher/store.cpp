@@ -77,21 +77,22 @@ std::string Store::PathOf(const std::string& name) const {
 	return remote_ + (is_joined ? "" : "/") + name;
 }
 
-CarriedFiles Store::List(const std::string& directory) const {
-	const std::string path = PathOf(directory);
-	const RcloneResult result = RunRclone(
-	    {"lsjson", "-R", "--files-only", "--no-mimetype", "--use-server-modtime", "--fast-list", path}, "", {});
+CarriedFiles Store::List() const {
+	const RcloneResult result =
+	    RunRclone({"lsjson", "-R", "--files-only", "--no-mimetype", "--use-server-modtime", "--fast-list",
+	                  "--include=/packages/**", "--include=/database_info/*", remote_},
+	        "", {});
 	if (result.IsMissing()) {
 		return {};
 	}
 	const std::optional<Json::Value> list = result.IsDone() ? ParseJson(result.output) : std::nullopt;
 	if (!list || !list->isArray()) {
-		FailTo(path + " cannot be listed", result);
+		FailTo(remote_ + " cannot be listed", result);
 	}
 	CarriedFiles files;
 	for (const Json::Value& file : *list) {
-		const std::string name = directory + "/" + file["Path"].asString();
-		if (!IsHidden(name)) {
+		const std::string name = file["Path"].asString();
+		if (!name.empty() && !IsHidden(name)) {
 			files[name] = {file["Size"].asUInt64(), ParseTime(file["ModTime"].asString())};
 		}
 	}

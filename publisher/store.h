@@ -30,8 +30,8 @@ public:
 	/** @param remote  as rclone names it: "NAME:PATH" */
 	Store(std::string remote, TransferProgress progress);
 
-	/** The files in a directory and below it; names with a part that begins with a dot are left out. */
-	[[nodiscard]] CarriedFiles List(const std::string& directory) const;
+	/** The files where packages and documents lie; names with a part that begins with a dot are left out. */
+	[[nodiscard]] CarriedFiles List() const;
 	[[nodiscard]] std::string Read(const std::string& name) const;
 	/** Replaces a small file. Stores do that in one step, as a rule. */
 	void Write(const std::string& name, const std::string& text) const;

@@ -27,8 +27,9 @@ QUIET_CALLS = {
     "add_subcommand", "app", "footer", "set_version_flag", "static_assert", "step", "steps",
 }  # fmt: skip
 QUIET_CONSTANTS = {
-    "kAutoVacuum", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum", "kMagic", "kMaker", "kOthers", "kRules",
-    "kSettings", "kSignatureDomain",
+    "kAutoVacuum", "kDocumentCache", "kDocumentType", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum",
+    "kMagic", "kMaker", "kOthers", "kPackageCache", "kPackageType",
+    "kRules", "kSettings", "kSignatureDomain",
 }  # fmt: skip
 # The help of commands, advice that follows a message, and what is only help.
 QUIET_ENDINGS = ("Command", "Help", "Hint", "Meanings")
@@ -68,6 +69,9 @@ NO_MESSAGES = {
     "row id",
     "a text of ",
     "a blob of ",
+    "Would carry ",
+    "Would write ",
+    "Would delete ",
     "the default code table",
     "the code table",
 }

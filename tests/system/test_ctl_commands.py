@@ -231,7 +231,6 @@ def test_metrics_tell_versions_ages_sizes_and_the_last_result(
     assert (STATUS / DATABASE / "last_run.json").exists()
 
 
-@pytest.mark.skipif(shutil.which("promtool") is None, reason="promtool (Debian's package prometheus) is not installed")
 def test_metrics_are_what_prometheus_reads(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
     install(connected, publisher, tmp_path / "tree")
     metrics = connected.run_ok("metrics").stdout

@@ -64,7 +64,7 @@ class Cut:
     """Where the process that writes is killed: at its request of this number, and when in it."""
 
     request: int
-    moment: str  # "before", "amid" its body, or "after" it
+    moment: str  # "amid" its body, or "after" it
 
     def __str__(self) -> str:
         return f"{self.moment} request {self.request}"
@@ -135,10 +135,6 @@ class Way:
         if self.hold:
             assert self.hold.wait(60)
         body = handler.rfile.read(int(handler.headers.get("Content-Length") or 0))
-        if moment == "before":
-            self._kill()
-            handler.close_connection = True
-            return
         host, port = self.store.split(":")
         connection = http.client.HTTPConnection(host, int(port), timeout=60)
         headers = {name: value for name, value in handler.headers.items() if name.lower() not in ("host", "connection")}
