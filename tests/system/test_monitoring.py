@@ -68,7 +68,8 @@ def test_a_rule_that_is_wrong_fails_its_tests(alert: str, tmp_path: Path) -> Non
     (tmp_path / "examples/monitoring").mkdir(parents=True)
     (tmp_path / "tests/monitoring").mkdir(parents=True)
     tests = tmp_path / RULE_TESTS.relative_to(SOURCE)
-    tests.write_text(RULE_TESTS.read_text())
+    header, *groups = re.split(r"(?=  - name: )", RULE_TESTS.read_text())
+    tests.write_text(header + "".join(group for group in groups if f"alertname: {alert}" in group))
     head, rule, tail = re.split(rf"(- alert: {alert}\n.*?)(?=      - alert:|  - name:|\Z)", RULES.read_text(), flags=re.DOTALL)
     never = re.sub(r"expr: (\|\n.*?|[^\n]*\n)(?=        for:)", "expr: vector(1) == 0\n", rule, flags=re.DOTALL)
     at_once = re.sub(r"for: \w+", "for: 0s", rule)
@@ -95,9 +96,8 @@ def test_the_dashboard_is_one_that_can_be_imported() -> None:
 
 
 def test_metrics_of_rules_and_dashboard_are_those_of_real_machines(told: str) -> None:
-    names = set(re.findall(r"\b(?:tarndbud|node)_[a-z_]+\b", RULES.read_text() + DASHBOARD.read_text()))
-    names -= {"tarndbud_fleet"}
-    assert names
+    names = set(re.findall(r"\b(?:tarndbud|node_textfile)_[a-z_]+\b", RULES.read_text() + DASHBOARD.read_text()))
+    assert len(names) > 10
     for name in names:
         assert re.search(rf"^{name}[{{ ]", told, re.MULTILINE), name
 
