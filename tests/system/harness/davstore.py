@@ -1,5 +1,5 @@
 """A store on other machines: a web server that takes files by WebDAV and serves them to devices, and a way to it on
-which everything can end at a chosen request."""
+which everything can end at a chosen change."""
 
 from __future__ import annotations
 
@@ -15,6 +15,7 @@ from pathlib import Path
 
 from .webserver import Nginx, free_port
 
+CHANGING = ("PUT", "DELETE", "MKCOL", "MOVE", "COPY")
 MODULE = Path("/usr/lib/nginx/modules/ngx_http_dav_ext_module.so")
 
 WRITING = """
@@ -56,28 +57,33 @@ class DavStore(Nginx):
             "RCLONE_CONFIG_STORE_VENDOR": "other",
             "RCLONE_RETRIES": "1",
             "RCLONE_LOW_LEVEL_RETRIES": "1",
+            # One after the other, so that the changes of two runs are the same ones.
+            "RCLONE_TRANSFERS": "1",
+            "RCLONE_CHECKERS": "1",
         }
 
 
 @dataclass
 class Cut:
-    """Where the process that writes is killed: at its request of this number, and when in it."""
+    """Where the process that writes is killed: at its change of this number, from 1, and when in it."""
 
-    request: int
+    change: int
     moment: str  # "amid" its body, or "after" it
 
     def __str__(self) -> str:
-        return f"{self.moment} request {self.request}"
+        return f"{self.moment} change {self.change}"
 
 
 @dataclass
 class Way:
-    """Passes requests on to a store, counts them, and kills a process at one of them."""
+    """Passes requests on to a store, counts those that change it, and kills a process at one of them."""
 
     store: str
     cut: Cut | None = None
     pid: int = 0
     seen: list[str] = field(default_factory=list)
+    changes: list[str] = field(default_factory=list)
+    """The methods of requests that change the store."""
     sent: list[tuple[str, dict[str, str]]] = field(default_factory=list)
     hold: threading.Event | None = None
     """Requests wait for it, where there is one."""
@@ -104,7 +110,7 @@ class Way:
         self._thread.start()
 
     def begin(self, cut: Cut | None) -> None:
-        self.cut, self.pid, self.seen, self.sent, self.hold = cut, 0, [], [], None
+        self.cut, self.pid, self.seen, self.changes, self.sent, self.hold = cut, 0, [], [], [], None
 
     def close(self) -> None:
         self._server.shutdown()
@@ -116,7 +122,10 @@ class Way:
         with self._lock:
             self.seen.append(f"{handler.command} {handler.path}")
             self.sent.append((self.seen[-1], dict(handler.headers.items())))
-            return self.cut.moment if self.cut and len(self.seen) == self.cut.request else ""
+            if handler.command not in CHANGING:
+                return ""
+            self.changes.append(handler.command)
+            return self.cut.moment if self.cut and len(self.changes) == self.cut.change else ""
 
     def _kill(self) -> None:
         """Returns when the process is gone, and what it started with it."""
