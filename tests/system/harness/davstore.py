@@ -6,13 +6,12 @@ from __future__ import annotations
 import http.client
 import os
 import signal
-import subprocess
 import threading
-import time
 from dataclasses import dataclass, field
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 
+from . import waiting
 from .webserver import Nginx, free_port
 
 CHANGING = ("PUT", "DELETE", "MKCOL", "MOVE", "COPY")
@@ -128,16 +127,9 @@ class Way:
             return self.cut.moment if self.cut and len(self.changes) == self.cut.change else ""
 
     def _kill(self) -> None:
-        """Returns when the process is gone, and what it started with it."""
+        """Returns when the process is gone, whose end kills what it started."""
         os.kill(self.pid, signal.SIGKILL)
-        deadline = time.monotonic() + 30
-        while time.monotonic() < deadline:
-            # A killed process is a zombie until the test has waited for it.
-            state = subprocess.run(["ps", "-o", "stat=", "-p", str(self.pid)], capture_output=True, text=True).stdout
-            if not state.strip() or state.startswith("Z"):
-                return
-            time.sleep(0.005)
-        raise AssertionError(f"process {self.pid} is still there")
+        waiting.until(lambda: waiting.has_ended(self.pid), f"process {self.pid} is gone", 30)
 
     def _pass(self, handler: BaseHTTPRequestHandler) -> None:
         moment = self._count(handler)

@@ -25,3 +25,11 @@ def has_open(pid: int, path: Path) -> bool:
         except FileNotFoundError:
             continue
     return False
+
+
+def has_ended(pid: int) -> bool:
+    """Whether a process is gone, or nothing of it is left but what its parent has to take."""
+    try:
+        return Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] == "Z"
+    except (FileNotFoundError, ProcessLookupError):
+        return True
