@@ -54,6 +54,15 @@ TransferProgress ProgressOf(const PublishObserver& observer) {
 	};
 }
 
+[[noreturn]] void FailWithoutInRepository(const std::string& lack) {
+	throw BrokenRepository("No document was written and nothing deleted: the repository lacks " + lack + ".");
+}
+
+[[noreturn]] void FailWithoutInStore(const std::string& lack) {
+	throw PublishError(
+	    "No document was written and nothing deleted: after packages were carried, the store lacks " + lack + ".");
+}
+
 /** The steps of Mirror(). */
 class Carrier {
 public:
@@ -81,7 +90,7 @@ private:
 		result_ = {};
 		result_.rounds = rounds;
 		snapshot_ = TakeSnapshot(repository_);
-		if (!HasAll(snapshot_.packages, "the repository lacks")) {
+		if (!HasAll(snapshot_.packages, FailWithoutInRepository)) {
 			return false;
 		}
 		observer_.step("listing the store", 0, 1);
@@ -96,12 +105,11 @@ private:
 		return true;
 	}
 
-	/** Whether each named package is there; false when that is so because the documents are no longer the same. */
-	bool HasAll(const CarriedFiles& present, const std::string& who_lacks) const {
+	/** Whether each named package is there. If not, a publisher must have replaced the documents; else it fails. */
+	bool HasAll(const CarriedFiles& present, void (*fail)(const std::string& lack)) const {
 		const std::string missing = MissingPackage(snapshot_, present);
 		if (!missing.empty() && IsCurrent(snapshot_, repository_)) {
-			throw BrokenRepository("No document was written and nothing deleted: " + who_lacks + " " + missing +
-			                       ", which " + snapshot_.named.at(missing) + " names.");
+			fail(missing + ", which " + snapshot_.named.at(missing) + " names");
 		}
 		return missing.empty();
 	}
@@ -179,7 +187,7 @@ private:
 				whole[name] = file;
 			}
 		}
-		return HasAll(whole, "after packages were carried, the store lacks");
+		return HasAll(whole, FailWithoutInStore);
 	}
 
 	void WriteDocuments() {

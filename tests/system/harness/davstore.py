@@ -12,27 +12,18 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 
 from . import waiting
-from .webserver import Nginx, free_port
+from .documents import Document
+from .webserver import Nginx, free_port, placed
 
 CHANGING = ("PUT", "DELETE", "MKCOL", "MOVE", "COPY")
 MODULE = Path("/usr/lib/nginx/modules/ngx_http_dav_ext_module.so")
 
-WRITING = """
-server {
-	listen @LISTEN@;
-	root @ROOT@;
-	client_max_body_size 0;
-	location / {
-		dav_methods PUT DELETE MKCOL COPY MOVE;
-		dav_ext_methods PROPFIND OPTIONS;
-		create_full_put_path on;
-	}
-}
-"""
+PUBLISHING = Document(Path(__file__).resolve().parents[3] / "docs/publishing.md")
 
 
 class DavStore(Nginx):
-    """Serves a directory with the server block that administrators are given, and takes files at another port."""
+    """Serves a directory with the server block that administrators are given, and takes files at another port, as the
+    document says."""
 
     def __init__(self, template: Path, directory: Path, home: Path) -> None:
         directory.mkdir(parents=True, exist_ok=True)
@@ -44,8 +35,8 @@ class DavStore(Nginx):
         return f"load_module {MODULE};\n{super()._frame()}"
 
     def _server_block(self, template: str, directory: Path) -> str:
-        writing = WRITING.replace("@LISTEN@", self.writing).replace("@ROOT@", str(directory))
-        return super()._server_block(template, directory) + writing
+        writing = PUBLISHING.code("nginx", "Object storage")
+        return super()._server_block(template, directory) + placed(writing, self.writing, directory)
 
     def environment(self, netloc: str | None = None) -> dict[str, str]:
         """What makes the store rclone's remote "store:"."""

@@ -22,6 +22,14 @@ def free_port() -> int:
         return free_port() if "100" in str(port) else port
 
 
+def placed(block: str, netloc: str, directory: Path) -> str:
+    """A server block at another address, over another directory."""
+    for name, value in (("listen", netloc), ("root", directory)):
+        block, changes = re.subn(rf"{name} \S+;", f"{name} {value};", block)
+        assert changes == 1, name
+    return block
+
+
 class Nginx:
     """Serves a directory on a free loopback port, with the server block that administrators are given."""
 
@@ -62,11 +70,7 @@ class Nginx:
         assert self._process.poll() is None, (self._home / "error.log").read_text()
 
     def _server_block(self, template: str, directory: Path) -> str:
-        block, changes = re.subn(r"listen \S+;", f"listen {self.netloc};", template)
-        assert changes == 1
-        block, changes = re.subn(r"root \S+;", f"root {directory};", block)
-        assert changes == 1
-        return block
+        return placed(template, self.netloc, directory)
 
     @property
     def url(self) -> str:
