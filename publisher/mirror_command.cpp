@@ -75,11 +75,10 @@ void PrintText(const MirrorOptions& options, const MirrorResult& result, std::os
 	PrintNames(is_dry ? "Would carry " : "Carried ", result.carried, out);
 	PrintNames(is_dry ? "Would write " : "Wrote ", result.written, out);
 	PrintNames(is_dry ? "Would delete " : "Deleted ", result.deleted, out);
-	out << (is_dry ? "To do for " : "Done for ") << Printable(options.store) << ": " << result.carried.size()
-	    << " packages to carry (" << HumanSize(result.bytes) << "), " << result.written.size()
-	    << " documents to write, " << result.deleted.size()
-	    << " files to delete. As they should be: " << result.unchanged_packages << " packages, "
-	    << result.unchanged_documents << " documents.\n";
+	out << (is_dry ? "Packages to carry: " : "Packages carried: ") << result.carried.size() << " ("
+	    << HumanSize(result.bytes) << "), documents " << (is_dry ? "to write: " : "written: ") << result.written.size()
+	    << ", files " << (is_dry ? "to delete: " : "deleted: ") << result.deleted.size() << ". Already there: packages "
+	    << result.unchanged_packages << ", documents " << result.unchanged_documents << ".\n";
 }
 
 int Run(const Command& command, const Streams& streams) {
