@@ -30,7 +30,7 @@ std::string FormatJson(const Json::Value& value);
 
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
-/** Gauges, each with all its samples in one place, as the form wants it. */
+/** Gauges and counters, each with all its samples in one place, as the form wants it. */
 class Metrics {
 public:
 	/** Adds a sample of any number; the help of a name's first sample counts. Names in "_total" are counters. */

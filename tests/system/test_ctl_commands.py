@@ -46,7 +46,7 @@ def measurements(text: str) -> dict[str, float]:
             assert line.split(" ", 3)[3]
             seen.add(family)
         elif line.startswith("#"):
-            assert line == f"# TYPE {family} gauge"
+            assert line == f"# TYPE {family} {'counter' if family.endswith('_total') else 'gauge'}"
         else:
             match = SAMPLE.fullmatch(line)
             assert match, line

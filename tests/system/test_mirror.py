@@ -41,7 +41,7 @@ class Carrying:
         self.remember()
 
     def remember(self) -> None:
-        self.published |= served(self.publisher.repository)
+        self.published |= trees.served(self.publisher.repository)
 
     def command(self, *options: str) -> list[str]:
         return [programs.MIRROR, "--repo", str(self.publisher.repository), "store:", *options]
@@ -56,7 +56,7 @@ class Carrying:
 
     def assert_same(self) -> None:
         """The store serves what the repository serves, and holds nothing else."""
-        assert trees.contents(self.store.directory) == served(self.publisher.repository)
+        assert trees.contents(self.store.directory) == trees.served(self.publisher.repository)
 
     def assert_whole(self, when: object) -> None:
         """Every document at the store is one that was published, and every package that it names is there."""
@@ -75,12 +75,6 @@ def links(document: dict[str, dict[str, dict[str, object]]]) -> list[str]:
         found.append(str(entry["download_link"]))
         found += [str(diff["download_link"]) for diff in entry.get("diff_files", {}).values()]
     return found
-
-
-def served(repository: Path) -> dict[str, str]:
-    """What a web server serves of a repository: nothing whose name begins with a dot."""
-    files = trees.contents(repository)
-    return {name: digest for name, digest in files.items() if not any(part[0] == "." for part in Path(name).parts)}
 
 
 @pytest.fixture
@@ -245,7 +239,7 @@ def test_an_old_copy_of_the_repository_needs_to_be_forced(carrying: Carrying, tm
     assert "names version 2" in result.stderr
     assert trees.contents(carrying.store.directory) == before
     assert programs.run(*command, "--force", env=carrying.store.environment()).status == 0
-    assert trees.contents(carrying.store.directory) == served(old)
+    assert trees.contents(carrying.store.directory) == trees.served(old)
 
 
 @pytest.mark.parametrize(

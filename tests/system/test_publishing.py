@@ -11,6 +11,7 @@ from pathlib import Path
 
 import pytest
 from harness import databases, programs, trees
+from harness.davstore import DavStore
 from harness.device import WGETRC, Device
 from harness.documents import Document
 from harness.volumes import Volumes
@@ -50,6 +51,7 @@ class Desk:
         self.device = device
         self.repository = home / "srv/tarndbud"
         self.server: Server | None = None
+        self.store: DavStore | None = None
         self.published: object = None
         self._printed = ""
         directories = ("/srv", "/etc/tarndbudpub", "/etc/nginx/conf.d", "/usr/local/bin")
@@ -58,6 +60,7 @@ class Desk:
         wgetrc = home / "wgetrc"
         wgetrc.touch()
         env = {"PATH": f"{home}/usr/local/bin:{os.environ['PATH']}", "WGETRC": str(wgetrc)}
+        env["RCLONE_CONFIG"] = f"{home}/rclone.conf"
         self._walkthrough = Walkthrough(home, places, env)
 
     def follow(self, heading: str) -> None:
@@ -76,6 +79,15 @@ class Desk:
         self.device.netloc = self.server.netloc
         self.device.add_database(DATABASE)
         WGETRC.write_text(f"{WGETRC.read_text()}\nca_certificate = {self.server.certificate}\n")
+
+    def open_store(self) -> None:
+        self.store = DavStore(SERVER_BLOCK, self.home / "srv/store", self.home / "dav")
+        self._walkthrough.places["127.0.0.1:8081"] = self.store.writing
+
+    def close(self) -> None:
+        for server in (self.server, self.store):
+            if server is not None:
+                server.close()
 
     def tree(self, name: str) -> Path:
         return self.home / "srv/data" / name
@@ -120,8 +132,7 @@ def desk(clean_device: None, volumes: Volumes, tmp_path: Path) -> Iterator[Desk]
     device.list_volumes(volume)
     made = Desk(tmp_path, device)
     yield made
-    if made.server is not None:
-        made.server.close()
+    made.close()
 
 
 def after_the_withdrawal(desk: Desk) -> None:
@@ -149,6 +160,11 @@ def after_the_script(desk: Desk) -> None:
     desk.published = desk.document()
 
 
+def after_the_mirror(desk: Desk) -> None:
+    assert desk.store is not None
+    assert trees.contents(desk.store.directory) == trees.served(desk.repository)
+
+
 MILESTONES: dict[str, Callable[[Desk], None]] = {
     "The key": lambda desk: desk.trust("release"),
     "The certificate": Desk.open_server,
@@ -159,6 +175,8 @@ MILESTONES: dict[str, Callable[[Desk], None]] = {
     "A lost document": after_the_rebuilding,
     "Rotating the key": after_the_rotation,
     "Unattended": after_the_script,
+    "A cache or a CDN in front": Desk.open_store,
+    "Object storage": after_the_mirror,
     "When publishing fails": after_the_rebuilding,
 }
 """What is true, or is done at a device, when a section has been followed."""

@@ -73,6 +73,12 @@ def contents(root: Path) -> dict[str, str]:
     return found
 
 
+def served(repository: Path) -> dict[str, str]:
+    """What a web server serves of a repository: nothing whose name begins with a dot."""
+    files = contents(repository)
+    return {name: digest for name, digest in files.items() if not any(part[0] == "." for part in Path(name).parts)}
+
+
 def assert_same(published: Path, installed: Path) -> None:
     expected, actual = contents(published), contents(installed)
     missing = sorted(expected.keys() - actual.keys())
