@@ -28,8 +28,8 @@ QUIET_CALLS = {
 }  # fmt: skip
 QUIET_CONSTANTS = {
     "kAutoVacuum", "kDocumentCache", "kDocumentType", "kEncoding", "kFixed", "kFooter", "kHints", "kIncrementalVacuum",
-    "kMagic", "kMaker", "kOthers", "kPackageCache", "kPackageType",
-    "kRules", "kSettings", "kSignatureDomain",
+    "kMagic", "kMaker", "kOthers", "kPackageCache", "kPackageType", "kRules", "kSettings",
+    "kSignatureDomain",
 }  # fmt: skip
 # The help of commands, advice that follows a message, and what is only help.
 QUIET_ENDINGS = ("Command", "Help", "Hint", "Meanings")
