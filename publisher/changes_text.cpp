@@ -1,5 +1,5 @@
 #include "base/text.h"
-#include "publisher/changes.h"
+#include "publisher/change_words.h"
 
 #include <ctime>
 #include <iomanip>
@@ -9,10 +9,6 @@
 namespace tarn::publisher {
 
 namespace {
-
-std::string Counted(std::uint64_t count, const std::string& one) {
-	return std::to_string(count) + " " + (count == 1 ? one : one + "s");
-}
 
 std::string Joined(const std::vector<std::string>& parts, const char* between = ", ") {
 	std::string text;
@@ -42,18 +38,6 @@ std::string SourceOf(const ComparedVersion& version) {
 	       Counted(static_cast<std::uint64_t>(version.diffs), "diff package");
 }
 
-/** "5 inserted, 1 deleted"; "none" when all are 0. */
-std::string RowText(const RowCounts& rows) {
-	std::vector<std::string> parts;
-	for (const auto& [count, name] : {std::pair(rows.inserted, RowOperation::kInserted),
-	         {rows.updated, RowOperation::kUpdated}, {rows.deleted, RowOperation::kDeleted}}) {
-		if (count > 0) {
-			parts.push_back(std::to_string(count) + " " + RowOperationName(name));
-		}
-	}
-	return parts.empty() ? "none" : Joined(parts);
-}
-
 void PrintTotals(const ChangeTotals& totals, std::ostream& out) {
 	out << "Files: " << totals.added << " added, " << totals.removed << " removed, " << totals.changed << " changed, "
 	    << totals.unchanged << " unchanged; " << HumanSize(totals.size_before) << " before, "
@@ -64,27 +48,6 @@ void PrintTotals(const ChangeTotals& totals, std::ostream& out) {
 	if (totals.tables_not_compared > 0) {
 		out << "Not compared: " << Counted(totals.tables_not_compared, "table") << ".\n";
 	}
-}
-
-std::string ValuesText(const RowExample& example) {
-	std::vector<std::string> parts;
-	for (const ValueExample& value : example.values) {
-		switch (example.operation) {
-		case RowOperation::kInserted:
-			parts.push_back(value.column + "=" + value.after);
-			break;
-		case RowOperation::kDeleted:
-			parts.push_back(value.column + "=" + value.before);
-			break;
-		case RowOperation::kUpdated:
-			parts.push_back(value.column + ": " + value.before + " -> " + value.after);
-			break;
-		}
-	}
-	if (example.more_values > 0) {
-		parts.push_back("and " + Counted(example.more_values, "more value"));
-	}
-	return Joined(parts);
 }
 
 void PrintExample(const RowExample& example, std::ostream& out) {
@@ -110,6 +73,74 @@ std::string TableRows(const TableChange& table) {
 	return RowText(table.rows) + (by_content ? " (compared by content, for want of a key)" : "");
 }
 
+void PrintDatabase(const DatabaseChange& database, std::ostream& out) {
+	for (const SettingChange& setting : database.settings) {
+		out << "    " << setting.name << ": " << setting.before << " -> " << setting.after << "\n";
+	}
+	for (const DefinitionChange& definition : database.definitions) {
+		out << "    " << definition.type << " " << definition.name << ": " << ChangeKindName(definition.kind) << "\n";
+	}
+	for (const TableChange& table : database.tables) {
+		out << "    table " << table.name << ": " << TableText(table) << "\n";
+		for (const RowExample& example : table.examples) {
+			PrintExample(example, out);
+		}
+	}
+	if (database.IsEmpty()) {
+		out << "    no row and no definition differs, only how SQLite stores them or its own tables\n";
+	}
+}
+
+void PrintFile(const FileChange& file, std::ostream& out) {
+	constexpr int kKindWidth = 9;
+	out << std::left << std::setw(kKindWidth) << ChangeKindName(file.Kind()) << std::right << Printable(file.name)
+	    << " (" << SizeText(file) << ")\n";
+	if (!file.note.empty()) {
+		out << "    compared as bytes: " << file.note << "\n";
+	}
+	if (file.database) {
+		PrintDatabase(*file.database, out);
+	}
+}
+
+} // namespace
+
+std::string Counted(std::uint64_t count, const std::string& one) {
+	return std::to_string(count) + " " + (count == 1 ? one : one + "s");
+}
+
+std::string RowText(const RowCounts& rows) {
+	std::vector<std::string> parts;
+	for (const auto& [count, name] : {std::pair(rows.inserted, RowOperation::kInserted),
+	         {rows.updated, RowOperation::kUpdated}, {rows.deleted, RowOperation::kDeleted}}) {
+		if (count > 0) {
+			parts.push_back(std::to_string(count) + " " + RowOperationName(name));
+		}
+	}
+	return parts.empty() ? "none" : Joined(parts);
+}
+
+std::string ValuesText(const RowExample& example) {
+	std::vector<std::string> parts;
+	for (const ValueExample& value : example.values) {
+		switch (example.operation) {
+		case RowOperation::kInserted:
+			parts.push_back(value.column + "=" + value.after);
+			break;
+		case RowOperation::kDeleted:
+			parts.push_back(value.column + "=" + value.before);
+			break;
+		case RowOperation::kUpdated:
+			parts.push_back(value.column + ": " + value.before + " -> " + value.after);
+			break;
+		}
+	}
+	if (example.more_values > 0) {
+		parts.push_back("and " + Counted(example.more_values, "more value"));
+	}
+	return Joined(parts);
+}
+
 std::string TableText(const TableChange& table) {
 	std::vector<std::string> parts;
 	if (table.kind != ChangeKind::kChanged) {
@@ -130,24 +161,6 @@ std::string TableText(const TableChange& table) {
 	return Joined(parts);
 }
 
-void PrintDatabase(const DatabaseChange& database, std::ostream& out) {
-	for (const SettingChange& setting : database.settings) {
-		out << "    " << setting.name << ": " << setting.before << " -> " << setting.after << "\n";
-	}
-	for (const DefinitionChange& definition : database.definitions) {
-		out << "    " << definition.type << " " << definition.name << ": " << ChangeKindName(definition.kind) << "\n";
-	}
-	for (const TableChange& table : database.tables) {
-		out << "    table " << table.name << ": " << TableText(table) << "\n";
-		for (const RowExample& example : table.examples) {
-			PrintExample(example, out);
-		}
-	}
-	if (database.IsEmpty()) {
-		out << "    no row and no definition differs, only how SQLite stores them or its own tables\n";
-	}
-}
-
 std::string SizeText(const FileChange& file) {
 	if (!file.before || !file.after) {
 		return HumanSize((file.before ? file.before : file.after)->size);
@@ -161,20 +174,6 @@ std::string SizeText(const FileChange& file) {
 	}
 	return text;
 }
-
-void PrintFile(const FileChange& file, std::ostream& out) {
-	constexpr int kKindWidth = 9;
-	out << std::left << std::setw(kKindWidth) << ChangeKindName(file.Kind()) << std::right << Printable(file.name)
-	    << " (" << SizeText(file) << ")\n";
-	if (!file.note.empty()) {
-		out << "    compared as bytes: " << file.note << "\n";
-	}
-	if (file.database) {
-		PrintDatabase(*file.database, out);
-	}
-}
-
-} // namespace
 
 void PrintChangesText(const Changes& changes, std::size_t most_files, std::ostream& out) {
 	out << "Changes of " << changes.id << " from version " << changes.from.version << " to " << changes.to.version

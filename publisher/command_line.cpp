@@ -13,6 +13,7 @@
 #include "publisher/repository_commands.h"
 #include "publisher/restore.h"
 #include "publisher/result_text.h"
+#include "publisher/site/site_command.h"
 #include "publisher/withdraw.h"
 
 #include <CLI/CLI.hpp>
@@ -31,6 +32,7 @@ struct Options {
 	ChangesCommand changes;
 	RepositoryCommandOptions repository;
 	ExportOptions export_kit;
+	site::SiteCommand site;
 	std::vector<std::string> old_keys;
 	std::string package;
 	std::string directory;
@@ -100,11 +102,9 @@ void RunChanges(const ChangesCommand& command, const Streams& streams) {
 }
 
 void RunExport(const Options& options, const Streams& streams) {
-	ExportResult result;
-	{
-		ProgressLine line(streams.err, streams.terminal);
-		result = Export(options.export_kit, ObserverOf(line, streams));
-	}
+	ProgressLine line(streams.err, streams.terminal);
+	const ExportResult result = Export(options.export_kit, ObserverOf(line, streams));
+	line.Clear();
 	PrintExported(options.export_kit, result, options.json, streams.out);
 }
 
@@ -212,6 +212,8 @@ int Run(const CLI::App& app, const Options& options, const Streams& streams) {
 		RunChanges(options.changes, streams);
 	} else if (app.got_subcommand("export")) {
 		RunExport(options, streams);
+	} else if (app.got_subcommand("site")) {
+		site::RunSite(options.site, streams);
 	} else if (app.got_subcommand("verify")) {
 		streams.out << VerifyPackage(options.package, options.public_keys) << "\n";
 	} else if (app.got_subcommand("extract")) {
@@ -264,6 +266,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddRestore(app, options);
 	AddChangesCommand(app, options.changes);
 	AddExport(app, options.export_kit, options.json);
+	site::AddSiteCommand(app, options.site);
 	AddReaders(app, options);
 	AddRepositoryCommands(app, options.repository);
 	try {

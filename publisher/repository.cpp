@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "publisher/files.h"
 #include "publisher/publish_error.h"
+#include "publisher/remembered_url.h"
 #include "publisher/withdrawn_packages.h"
 
 #include <fcntl.h>
@@ -73,6 +74,12 @@ void WriteReplacing(const std::string& path, const std::string& text) {
 }
 
 } // namespace
+
+std::optional<std::string> RememberedUrlOf(const std::string& directory) {
+	std::ifstream file(directory + kUrlName);
+	std::string url;
+	return std::getline(file, url) ? std::optional(url) : std::nullopt;
+}
 
 std::string LinkTo(const std::string& url, const std::string& name) {
 	return WithoutEnd(url, "/") + "/" + name;
@@ -249,9 +256,7 @@ void Repository::RememberUrl(const std::string& url) const {
 }
 
 std::optional<std::string> Repository::RememberedUrl() const {
-	std::ifstream file(directory_ + kUrlName);
-	std::string url;
-	return std::getline(file, url) ? std::optional(url) : std::nullopt;
+	return RememberedUrlOf(directory_);
 }
 
 } // namespace tarn::publisher

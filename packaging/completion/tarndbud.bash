@@ -111,7 +111,7 @@ _tarndbudpub() {
 		return
 	fi
 	case $(_tarndbud_word 1) in
-	'') _tarndbud_offer 'keygen fingerprint publish withdraw restore export changes verify extract inspect promote rollout prune check-repo --version --help' ;;
+	'') _tarndbud_offer 'keygen fingerprint publish withdraw restore export changes verify extract inspect promote rollout prune check-repo site --version --help' ;;
 	keygen) _tarndbud_offer '--help' ;;
 	fingerprint) _tarndbud_offer '--json --help' ;;
 	publish) _tarndbud_offer '--repo --id --key --url --data-version --format-version --db-version --channel --level --memory --keep-diffs --old-key --continue --if-changed --even-withdrawn --notes --json --help' ;;
@@ -125,6 +125,7 @@ _tarndbudpub() {
 	rollout) _tarndbud_offer '--conf --document --repo --json --help' ;;
 	prune) _tarndbud_offer '--repo --dry-run --json --help' ;;
 	check-repo) _tarndbud_offer '--repo --key --old-key --document --json --help' ;;
+	site) _tarndbud_offer '--repo --out --key --old-key --url --title --changes --examples --json --help' ;;
 	esac
 }
 

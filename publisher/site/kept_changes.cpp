@@ -1,0 +1,195 @@
+#include "publisher/site/kept_changes.h"
+
+#include "archive/file.h"
+#include "base/error.h"
+#include "base/file_io.h"
+#include "base/sha2.h"
+#include "base/text.h"
+#include "publisher/changes.h"
+#include "publisher/files.h"
+#include "publisher/publish_error.h"
+#include "publisher/site/changes_view.h"
+#include "publisher/site/markup.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+namespace tarn::publisher::site {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/** As much as a page lists: files, tables and examples together. */
+constexpr std::size_t kMostListed = 500;
+
+std::string DigestOf(std::string_view bytes) {
+	const Sha256::Digest digest = Sha256::Of(bytes);
+	return Hex(digest.data(), digest.size());
+}
+
+/** What tells a package from any other: its head, its metadata, and the digests of all its frames. */
+std::string IdentityOf(const std::string& path) {
+	const archive::ArchiveFile package(path);
+	std::string identity = archive::EncodeHead(package.Head());
+	identity += package.Metadata();
+	for (const archive::Frame& frame : package.Frames()) {
+		identity += archive::EncodeFrame(frame);
+	}
+	return DigestOf(identity);
+}
+
+/** The version before another that was not withdrawn; no value when there is none. */
+std::optional<int> VersionBefore(const Database& database, int number) {
+	for (const Version& version : database.versions) {
+		if (version.number < number && !version.is_withdrawn) {
+			return version.number;
+		}
+	}
+	return std::nullopt;
+}
+
+const PackageFile* FindPackage(const Database& database, int version, bool is_diff) {
+	const auto found = std::find_if(database.packages.begin(), database.packages.end(), [&](const PackageFile& file) {
+		return file.data_version == version && file.is_diff == is_diff && file.withdrawal == 0;
+	});
+	return found == database.packages.end() ? nullptr : &*found;
+}
+
+/** Adds the packages that a version is made from, as MakeVersionTree() chooses them; false when one is missing. */
+bool AddPackages(const Database& database, int version, std::vector<std::string>& paths) {
+	for (int at = version; at >= 0; --at) {
+		if (const PackageFile* full = FindPackage(database, at, false)) {
+			paths.push_back(full->path);
+			return true;
+		}
+		const PackageFile* diff = FindPackage(database, at, true);
+		if (diff == nullptr) {
+			return false;
+		}
+		paths.push_back(diff->path);
+	}
+	return false;
+}
+
+UniqueFd Lock(const std::string& path, const PublishObserver& observer) {
+	constexpr mode_t kMode = 0644;
+	UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode));
+	if (!fd) {
+		throw PublishError(ErrnoText("The lock " + path + " cannot be opened", errno) + ".");
+	}
+	if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
+		observer.waiting();
+		if (RetryOnInterrupt([&] { return flock(fd.Get(), LOCK_EX); }) != 0) {
+			throw PublishError(ErrnoText("The lock " + path + " cannot be taken", errno) + ".");
+		}
+	}
+	return fd;
+}
+
+std::optional<std::string> ReadKept(const std::string& path) {
+	std::ifstream file(path, std::ios::binary);
+	if (!file) {
+		return std::nullopt;
+	}
+	std::string text{std::istreambuf_iterator<char>(file), {}};
+	return file.bad() ? std::nullopt : std::optional(std::move(text));
+}
+
+} // namespace
+
+KeptChanges::KeptChanges(ChangesSource source, const PublishObserver& observer)
+    : source_(std::move(source)), observer_(observer), directory_(source_.repository + "/" + kKeptChangesName) {
+	MakeServedDirectories(directory_);
+	lock_ = Lock(directory_ + "/.lock", observer_);
+	for (const fs::path& path : PathsIn(directory_)) {
+		if (fs::is_directory(path)) {
+			RemoveLeftovers(path.string());
+		}
+	}
+	constants_ = std::string(TARNDBUDPUB_VERSION) + " " + std::to_string(kChangesViewFormat) + " " +
+	             std::to_string(kMostListed) + " " + std::to_string(source_.examples);
+	std::set<std::string> fingerprints;
+	for (const Key& key : ReadKeys(source_.keys)) {
+		fingerprints.insert(key.fingerprint);
+	}
+	for (const std::string& fingerprint : fingerprints) {
+		constants_ += " " + fingerprint;
+	}
+}
+
+std::string KeptChanges::NameOf(const Database& database, int version, const std::vector<std::string>& packages) const {
+	std::string deciding = constants_;
+	for (const std::string& path : packages) {
+		deciding += " " + IdentityOf(path);
+	}
+	return directory_ + "/" + PathName(database.id) + "/" + std::to_string(version) + "-" + DigestOf(deciding) +
+	       ".html";
+}
+
+std::string KeptChanges::Make(const Database& database, int from, int version) {
+	ChangesOptions options;
+	options.repository = source_.repository;
+	options.id = database.id;
+	options.keys = source_.keys;
+	options.from = from;
+	options.to = version;
+	options.examples = source_.examples;
+	options.most_listed = kMostListed;
+	std::string markup = ViewChanges(FindChanges(options, observer_));
+	++made_;
+	return markup;
+}
+
+std::optional<ReleaseChanges> KeptChanges::Of(const Database& database, const Version& version) {
+	const std::optional<int> from = VersionBefore(database, version.number);
+	if (version.is_withdrawn || version.restores || !from) {
+		return std::nullopt;
+	}
+	std::vector<std::string> packages;
+	if (!AddPackages(database, *from, packages) || !AddPackages(database, version.number, packages)) {
+		return std::nullopt;
+	}
+	try {
+		const std::string path = NameOf(database, version.number, packages);
+		used_.insert(path);
+		if (std::optional<std::string> kept = ReadKept(path)) {
+			++found_;
+			return ReleaseChanges{*from, std::move(*kept)};
+		}
+		std::string markup = Make(database, *from, version.number);
+		ReplacingFile file(path);
+		WriteFully(file.Fd(), markup.data(), markup.size(), path);
+		file.Commit();
+		return ReleaseChanges{*from, std::move(markup)};
+	} catch (const std::exception& error) {
+		observer_.warn("The site does not tell what version " + std::to_string(version.number) + " of " + database.id +
+		               " changes: " + error.what());
+		return std::nullopt;
+	}
+}
+
+void KeptChanges::RemoveOthers() const {
+	for (const fs::path& directory : PathsIn(directory_)) {
+		if (!fs::is_directory(directory)) {
+			continue;
+		}
+		for (const fs::path& path : PathsIn(directory.string())) {
+			std::error_code error;
+			if (used_.count(path.string()) == 0 && !fs::remove(path, error) && error) {
+				throw PublishError(path.string() + " could not be removed: " + error.message() + ".");
+			}
+		}
+		std::error_code not_empty;
+		fs::remove(directory, not_empty);
+	}
+}
+
+} // namespace tarn::publisher::site

@@ -1,0 +1,43 @@
+/** @file The pages of a site. */
+#ifndef PUBLISHER_SITE_PAGES_H
+#define PUBLISHER_SITE_PAGES_H
+
+#include "publisher/site/catalogue.h"
+
+#include <string>
+
+namespace tarn::publisher::site {
+
+/** As many versions as a database's own page lists; a page of its own lists all where there are more. */
+constexpr std::size_t kVersionsOnPage = 100;
+
+[[nodiscard]] std::string IndexPage(const Catalogue& catalogue);
+[[nodiscard]] std::string ChannelsPage(const Catalogue& catalogue);
+[[nodiscard]] std::string TrustPage(const Catalogue& catalogue);
+
+[[nodiscard]] std::string DatabasePage(const Catalogue& catalogue, const Database& database);
+[[nodiscard]] std::string VersionsPage(const Catalogue& catalogue, const Database& database);
+/**
+ * @param from     the version before
+ * @param changes  what ViewChanges() made
+ */
+[[nodiscard]] std::string ChangesPage(
+    const Catalogue& catalogue, const Database& database, const Version& version, int from, const std::string& changes);
+
+/** A release of a database, for lists over all databases. */
+struct Release {
+	const Database* database;
+	const Version* version;
+};
+/** The releases that were published last, the newest first; those without a time are left out. */
+[[nodiscard]] std::vector<Release> NewestReleases(const Catalogue& catalogue, std::size_t most);
+
+/** The feed of the newest releases, in Atom's form; every link begins with the catalogue's URL. */
+[[nodiscard]] std::string Feed(const Catalogue& catalogue);
+
+/** The style sheet of all pages. */
+[[nodiscard]] const char* StyleSheet();
+
+} // namespace tarn::publisher::site
+
+#endif

@@ -1,0 +1,228 @@
+#include "publisher/site/plot.h"
+
+#include "base/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <set>
+
+namespace tarn::publisher::site {
+
+namespace {
+
+constexpr double kWidth = 420;
+constexpr double kHeight = 230;
+constexpr double kLeft = 62;
+constexpr double kRight = 12;
+constexpr double kTop = 10;
+constexpr double kBottom = 40;
+constexpr double kRowHeight = 4; // below what an axis begins: half the height of a digit
+constexpr std::size_t kMostMarks = 40;
+
+std::string Number(double value) {
+	std::array<char, 32> text{};
+	std::snprintf(text.data(), text.size(), "%.1f", value);
+	return text.data();
+}
+
+/** What is between two ends, and where on the paper. */
+class Scale {
+public:
+	Scale(double low, double high, double from, double to) : low_(low), high_(high), from_(from), to_(to) {}
+	double Place(double value) const {
+		return high_ > low_ ? from_ + (value - low_) / (high_ - low_) * (to_ - from_) : (from_ + to_) / 2;
+	}
+
+private:
+	double low_;
+	double high_;
+	double from_;
+	double to_;
+};
+
+/** The smallest of 1, 2, 5, 10, 20 ... that is not below a value. */
+double RoundedUp(double value) {
+	const double power = std::pow(10, std::floor(std::log10(value)));
+	for (const double step : {1.0, 2.0, 5.0}) {
+		if (power * step >= value) {
+			return power * step;
+		}
+	}
+	return power * 10;
+}
+
+/** Draws one plot. */
+class Drawing {
+public:
+	Drawing(const Plot& plot, Markup& page) : plot_(plot), page_(page) { Measure(); }
+
+	void Run() {
+		page_.Begin("figure").Line();
+		page_.Begin("svg", {{"viewBox", "0 0 " + Number(kWidth) + " " + Number(kHeight)}, {"role", "img"},
+		                       {"aria-labelledby", plot_.id + "-title " + plot_.id + "-text"}});
+		page_.Leaf("title", {{"id", plot_.id + "-title"}}, plot_.title);
+		page_.Leaf("desc", {{"id", plot_.id + "-text"}}, plot_.description).Line();
+		DrawSizes();
+		DrawNumbers();
+		for (const Series& series : plot_.series) {
+			DrawSeries(series);
+		}
+		page_.End().Line();
+		DrawLegend();
+		page_.End().Line();
+	}
+
+private:
+	void Measure() {
+		std::uint64_t most = 1;
+		std::uint64_t least = 0;
+		bool is_first = true;
+		for (const Series& series : plot_.series) {
+			for (const Series::Point& point : series.points) {
+				first_ = is_first ? point.at : std::min(first_, point.at);
+				last_ = is_first ? point.at : std::max(last_, point.at);
+				least = is_first ? point.bytes : std::min(least, point.bytes);
+				most = std::max(most, point.bytes);
+				is_first = false;
+			}
+		}
+		top_ = static_cast<double>(most);
+		if (plot_.is_logarithmic) {
+			lowest_ = std::floor(std::log10(std::max<double>(static_cast<double>(least), 1)));
+			highest_ = std::max(std::ceil(std::log10(top_)), lowest_ + 1);
+		}
+	}
+
+	double X(int at) const { return Scale(first_, last_, kLeft + kRowHeight, kWidth - kRight).Place(at); }
+	double Y(double bytes) const {
+		const double bottom = kHeight - kBottom;
+		return plot_.is_logarithmic ? Scale(lowest_, highest_, bottom, kTop).Place(std::log10(std::max(bytes, 1.0)))
+		                            : Scale(0, top_, bottom, kTop).Place(bytes);
+	}
+
+	/** Where the lines across are. */
+	std::vector<double> Ticks() const {
+		constexpr double kMostTicks = 5;
+		std::vector<double> ticks;
+		if (plot_.is_logarithmic) {
+			const double step = std::ceil((highest_ - lowest_) / kMostTicks);
+			for (double power = lowest_; power <= highest_; power += step) {
+				ticks.push_back(std::pow(10, power));
+			}
+			return ticks;
+		}
+		const double step = std::max(RoundedUp(top_ / kMostTicks), 1.0);
+		for (double bytes = 0; bytes <= top_; bytes += step) {
+			ticks.push_back(bytes);
+		}
+		return ticks;
+	}
+
+	void DrawSizes() {
+		page_.Begin("g", {{"class", "axis"}});
+		for (const double bytes : Ticks()) {
+			const std::string y = Number(Y(bytes));
+			page_.Empty("path", {{"d", "M" + Number(kLeft) + " " + y + "H" + Number(kWidth - kRight)}});
+			page_.Leaf("text",
+			    {{"x", Number(kLeft - kRowHeight)}, {"y", Number(Y(bytes) + kRowHeight)}, {"text-anchor", "end"}},
+			    HumanSize(static_cast<std::uint64_t>(bytes)));
+		}
+		page_.End().Line();
+	}
+
+	void DrawNumbers() {
+		constexpr int kParts = 4;
+		constexpr double kNumbersBelow = 16;
+		constexpr double kWordsBelow = 33;
+		std::set<int> numbers;
+		for (int part = 0; part <= kParts; ++part) {
+			numbers.insert(first_ + static_cast<int>(std::int64_t{last_ - first_} * part / kParts));
+		}
+		page_.Begin("g", {{"class", "axis"}});
+		for (const int number : numbers) {
+			const char* anchor = number == last_ && first_ < last_ ? "end" : "middle";
+			page_.Leaf("text",
+			    {{"x", Number(X(number))}, {"y", Number(kHeight - kBottom + kNumbersBelow)}, {"text-anchor", anchor}},
+			    std::to_string(number));
+		}
+		page_.Leaf("text",
+		    {{"x", Number((kLeft + kWidth - kRight) / 2)}, {"y", Number(kHeight - kBottom + kWordsBelow)},
+		        {"text-anchor", "middle"}},
+		    plot_.across);
+		page_.End().Line();
+	}
+
+	/** The points of a series, of those in one place the largest. */
+	std::vector<Series::Point> Visible(const Series& series) const {
+		std::vector<Series::Point> points;
+		for (const Series::Point& point : series.points) {
+			const bool is_same = !points.empty() && X(point.at) - X(points.back().at) < 1;
+			if (!is_same) {
+				points.push_back(point);
+			} else {
+				points.back().bytes = std::max(points.back().bytes, point.bytes);
+			}
+		}
+		return points;
+	}
+
+	/** How far apart points may be that a line joins: numbers that follow each other, or what is drawn in one place. */
+	double LongestStep() const {
+		constexpr double kPlaces = 2.5;
+		return last_ > first_ ? std::max(X(first_ + 1) - X(first_), kPlaces) * 1.01 : 0; // for rounding
+	}
+
+	void DrawSeries(const Series& series) {
+		const std::vector<Series::Point> points = Visible(series);
+		std::string path;
+		double before = -kWidth;
+		for (const Series::Point& point : points) {
+			const double x = X(point.at);
+			const bool goes_on = x - before <= LongestStep();
+			path += (goes_on ? "L" : "M") + Number(x) + " " + Number(Y(static_cast<double>(point.bytes)));
+			path += goes_on ? "" : "h0"; // so that a point alone is drawn as well
+			before = x;
+		}
+		page_.Begin("g", {{"class", series.style}}).Empty("path", {{"d", path}}).Line();
+		if (series.points.size() <= kMostMarks) {
+			DrawMarks(series, points);
+		}
+		page_.End().Line();
+	}
+
+	void DrawMarks(const Series& series, const std::vector<Series::Point>& points) {
+		for (const Series::Point& point : points) {
+			page_.Begin("circle",
+			    {{"cx", Number(X(point.at))}, {"cy", Number(Y(static_cast<double>(point.bytes)))}, {"r", "3"}});
+			page_.Leaf("title",
+			    series.name + ", " + plot_.across + " " + std::to_string(point.at) + ": " + HumanSize(point.bytes));
+			page_.End();
+		}
+	}
+
+	void DrawLegend() {
+		page_.Begin("figcaption").Say(plot_.title).Begin("ul", {{"class", "legend"}});
+		for (const Series& series : plot_.series) {
+			page_.Leaf("li", {{"class", series.style}}, series.name);
+		}
+		page_.End().End();
+	}
+
+	const Plot& plot_;
+	Markup& page_;
+	int first_ = 0;
+	int last_ = 0;
+	double top_ = 1;
+	double lowest_ = 0; // powers of ten
+	double highest_ = 1;
+};
+
+} // namespace
+
+void Draw(const Plot& plot, Markup& page) {
+	Drawing(plot, page).Run();
+}
+
+} // namespace tarn::publisher::site
