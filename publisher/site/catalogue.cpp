@@ -179,11 +179,8 @@ private:
 		for (const PackageFile& file : PackagesIn(WithdrawnDirectory(repository_ + "/packages/" + id), id)) {
 			Version& version = At(file.data_version);
 			version.is_withdrawn = true;
-			std::error_code error;
-			if (!file.is_diff && fs::file_size(file.path, error) > 0) { // Else the mark of a withdrawal not finished.
-				const PackageInfo expected = {id, "", file.data_version, "full"};
-				TakeMetadata(ReadMetadata(PackageReader::OpenUnchecked(file.path, expected)), version);
-			}
+			const PackageInfo expected = {id, "", file.data_version, "full"};
+			TakeMetadata(ReadMetadata(PackageReader::OpenUnchecked(file.path, expected)), version);
 		}
 	}
 
