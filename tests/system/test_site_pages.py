@@ -18,6 +18,7 @@ pytestmark = pytest.mark.skipif(
     bool(browser.MISSING), reason=f"{' and '.join(browser.MISSING)} (Debian's chromium, chromium-driver) not installed"
 )
 
+SOURCE = Path(__file__).resolve().parents[2]
 WIDTHS = (320, 390, 768, 1280, 1920)
 PAGES = ("index.html", "channels.html", "trust.html", "databases/places/index.html",
          "databases/places/changes-1004.html")  # fmt: skip
@@ -171,6 +172,15 @@ def test_names_with_markup_run_nothing_even_without_the_policy(
         window.open(f"{url}/bare/index.html")
         names = window.run("return [...document.querySelectorAll('tbody th')].map(name => name.textContent)")
         assert MARKUP in names
+
+
+def test_the_pictures_of_the_documents_can_be_made_again(
+    tmp_path: Path, product: None, request: pytest.FixtureRequest
+) -> None:
+    build = request.config.getoption("--build-dir")
+    programs.run_ok(SOURCE / "scripts/make-site-pictures", "--build", build, "--out", tmp_path)
+    made = {path.name: path.read_bytes()[16:24] for path in tmp_path.glob("*.png")}
+    assert made == {path.name: path.read_bytes()[16:24] for path in (SOURCE / "docs/site").glob("*.png")}, "sizes"
 
 
 def test_a_page_of_five_hundred_versions_opens_at_once(tmp_path: Path, product: None, window: Browser) -> None:
