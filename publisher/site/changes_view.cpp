@@ -63,7 +63,7 @@ void ViewFile(const FileChange& file, Markup& page) {
 	page.Begin("tr").Leaf("td", {{"class", "kind"}}, ChangeKindName(file.Kind()));
 	page.Begin("th", {{"scope", "row"}}).Leaf("code", file.name).End();
 	page.Leaf("td", {{"class", "number"}}, SizeText(file));
-	page.Begin("td");
+	page.Begin("td", {{"class", "rows"}});
 	if (!file.note.empty()) {
 		page.Leaf("p", "compared as bytes: " + file.note);
 	}
@@ -74,7 +74,7 @@ void ViewFile(const FileChange& file, Markup& page) {
 }
 
 void ViewFiles(const Changes& changes, Markup& page) {
-	BeginTable(page, "Changed files", {"Change", "File", "Size", "Tables and rows"});
+	BeginTable(page, "Changed files", {{"Change"}, {"File"}, {"Size", "number"}, {"Tables and rows"}});
 	for (const FileChange& file : changes.files) {
 		ViewFile(file, page);
 	}

@@ -34,21 +34,22 @@ void WriteVersion(const Database& database, const Version& version, Markup& page
 	const auto size = [&](const std::optional<std::uint64_t>& bytes) {
 		page.Leaf("td", {{"class", "number"}}, ShownSize(bytes));
 	};
-	page.Begin("tr", {{"id", "v" + number}}).Leaf("th", {{"scope", "row"}}, number);
+	page.Begin("tr", {{"id", "v" + number}}).Leaf("th", {{"scope", "row"}, {"class", "version"}}, number);
 	page.Begin("td");
 	SayTime(version.published, page);
 	page.End();
 	size(version.full_size);
 	size(version.diff_size);
 	size(version.full_size ? std::optional(version.unpacked_size) : std::nullopt);
-	page.Begin("td");
+	page.Begin("td", {{"class", "state"}});
 	SayState(database, version, page);
 	page.End().Leaf("td", {{"class", "notes"}}, version.notes).End().Line();
 }
 
 void WriteVersions(const Database& database, std::size_t most, Markup& page) {
 	BeginTable(page, "Versions, the newest first",
-	    {"Version", "Published", "Full package", "Diff package", "Unpacked", "State", "Notes"});
+	    {{"Version"}, {"Published"}, {"Full package", "number"}, {"Diff package", "number"}, {"Unpacked", "number"},
+	        {"State"}, {"Notes"}});
 	const std::size_t shown = std::min(most, database.versions.size());
 	for (std::size_t i = 0; i < shown; ++i) {
 		WriteVersion(database, database.versions[i], page);
@@ -70,10 +71,12 @@ Series SizesOf(
 void DrawSizes(const Database& database, Markup& page) {
 	Plot plot;
 	plot.id = "sizes";
-	plot.title = "Sizes of the packages of each version";
-	plot.description = "The sizes of full packages and diff packages over the numbers of the versions, on a scale of "
-	                   "powers of ten. The table of versions has the same sizes as numbers.";
+	plot.title = "Package sizes by version";
+	plot.description =
+	    "Each line across stands for ten times the size of the line below. The table of versions has the "
+	    "same sizes as numbers.";
 	plot.across = "version";
+	plot.up = "size of a package";
 	plot.is_logarithmic = true;
 	plot.series = {SizesOf(database, "full package", "full", &Version::full_size),
 	    SizesOf(database, "diff package", "diff", &Version::diff_size)};
@@ -82,7 +85,7 @@ void DrawSizes(const Database& database, Markup& page) {
 
 /** What a device downloads by how many versions it is behind: the chain as far as it goes, then the full package. */
 Series DownloadsOf(const Offer& offer, const std::optional<std::uint64_t>& full, int most) {
-	Series series = {"what the device downloads", "diff", {}};
+	Series series = {"download of the device", "diff", {}};
 	std::uint64_t sum = 0;
 	for (int behind = 1; behind <= most; ++behind) {
 		const bool has_chain = static_cast<std::size_t>(behind) <= offer.chain.size();
@@ -100,6 +103,9 @@ std::string DownloadText(const Offer& offer, const std::optional<std::uint64_t>&
 		sum += bytes;
 	}
 	std::string text = "Channel " + offer.channel + ", version " + std::to_string(offer.entry.data_version) + ": ";
+	if (offer.chain.empty() && full) {
+		return text + "all devices take the full package of " + HumanSize(*full) + ".";
+	}
 	if (!offer.chain.empty()) {
 		text += "one version behind " + HumanSize(offer.chain.front());
 		text +=
@@ -122,15 +128,15 @@ void DrawDownloads(const Database& database, Markup& page) {
 	const int most = chain + std::max(2, chain / kPart);
 	Plot plot;
 	plot.id = "downloads";
-	plot.title = "What a device downloads by how many versions it is behind";
+	plot.title = "Download by versions behind";
 	plot.description = DownloadText(*offer, full);
 	plot.across = "versions behind";
-	plot.series = {DownloadsOf(*offer, full, most)};
+	plot.up = "what it downloads";
 	if (full) {
-		plot.series.push_back({"the full package", "full", {{1, *full}, {most, *full}}});
+		plot.series.push_back({"full package, for comparison", "full", {{1, *full}, {most, *full}}, true});
 	}
+	plot.series.push_back(DownloadsOf(*offer, full, most));
 	Draw(plot, page);
-	page.Leaf("p", {{"class", "note"}}, plot.description).Line();
 }
 
 void WriteOffers(const Database& database, Markup& page) {
@@ -150,7 +156,8 @@ void WriteOffers(const Database& database, Markup& page) {
 	AddFact(page, "Versions", std::to_string(database.versions.size()));
 	if (!database.versions.empty() && database.versions.front().full_size) {
 		const Version& newest = database.versions.front();
-		AddFact(page, "Newest, unpacked", HumanSize(newest.unpacked_size) + " in " + Counted(newest.files, "file"));
+		AddFact(
+		    page, "Newest version, unpacked", HumanSize(newest.unpacked_size) + " in " + Counted(newest.files, "file"));
 	}
 	page.End().Line();
 }

@@ -56,11 +56,11 @@ void SayTime(const std::optional<int>& seconds, Markup& page) {
 	}
 }
 
-void BeginTable(Markup& page, const std::string& caption, std::initializer_list<const char*> columns) {
+void BeginTable(Markup& page, const std::string& caption, std::initializer_list<Column> columns) {
 	page.Begin("div", {{"class", "scroll"}, {"role", "region"}, {"aria-label", caption}, {"tabindex", "0"}});
 	page.Begin("table").Leaf("caption", caption).Begin("thead").Begin("tr");
-	for (const char* column : columns) {
-		page.Leaf("th", {{"scope", "col"}}, column);
+	for (const Column& column : columns) {
+		page.Leaf("th", {{"scope", "col"}, {"class", column.style}}, column.name);
 	}
 	page.End().End().Begin("tbody").Line();
 }

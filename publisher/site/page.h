@@ -27,8 +27,12 @@ std::string ExactTime(int seconds);
 std::string ShownSize(const std::optional<std::uint64_t>& bytes);
 
 void SayTime(const std::optional<int>& seconds, Markup& page);
+struct Column {
+	const char* name;
+	const char* style = ""; // the class that its cells have
+};
 /** Begins a table that is scrolled by itself where it is wider than the page; its rows follow. */
-void BeginTable(Markup& page, const std::string& caption, std::initializer_list<const char*> columns);
+void BeginTable(Markup& page, const std::string& caption, std::initializer_list<Column> columns);
 void EndTable(Markup& page);
 /** A list of short facts that begins a page. */
 void BeginFacts(Markup& page);

@@ -6,7 +6,6 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <set>
 
 namespace tarn::publisher::site {
 
@@ -15,16 +14,24 @@ namespace {
 constexpr double kWidth = 420;
 constexpr double kHeight = 230;
 constexpr double kLeft = 62;
-constexpr double kRight = 12;
-constexpr double kTop = 10;
+constexpr double kRight = 24;
+constexpr double kTop = 26;
 constexpr double kBottom = 40;
 constexpr double kRowHeight = 4; // below what an axis begins: half the height of a digit
 constexpr std::size_t kMostMarks = 40;
+constexpr double kMostSteps = 5;
 
 std::string Number(double value) {
 	std::array<char, 32> text{};
 	std::snprintf(text.data(), text.size(), "%.1f", value);
 	return text.data();
+}
+
+/** "20 kB" rather than "20.0 kB". */
+std::string RoundSize(std::uint64_t bytes) {
+	std::string text = HumanSize(bytes);
+	const std::size_t at = text.find(".0 ");
+	return at == std::string::npos ? text : text.erase(at, 2);
 }
 
 /** What is between two ends, and where on the paper. */
@@ -60,6 +67,7 @@ public:
 
 	void Run() {
 		page_.Begin("figure").Line();
+		DrawLegend();
 		page_.Begin("svg", {{"viewBox", "0 0 " + Number(kWidth) + " " + Number(kHeight)}, {"role", "img"},
 		                       {"aria-labelledby", plot_.id + "-title " + plot_.id + "-text"}});
 		page_.Leaf("title", {{"id", plot_.id + "-title"}}, plot_.title);
@@ -70,8 +78,7 @@ public:
 			DrawSeries(series);
 		}
 		page_.End().Line();
-		DrawLegend();
-		page_.End().Line();
+		page_.Leaf("p", {{"class", "note"}}, plot_.description).End().Line();
 	}
 
 private:
@@ -92,6 +99,9 @@ private:
 		if (plot_.is_logarithmic) {
 			lowest_ = std::floor(std::log10(std::max<double>(static_cast<double>(least), 1)));
 			highest_ = std::max(std::ceil(std::log10(top_)), lowest_ + 1);
+		} else {
+			step_ = std::max(RoundedUp(top_ / kMostSteps), 1.0);
+			top_ = std::ceil(top_ / step_) * step_;
 		}
 	}
 
@@ -104,47 +114,53 @@ private:
 
 	/** Where the lines across are. */
 	std::vector<double> Ticks() const {
-		constexpr double kMostTicks = 5;
 		std::vector<double> ticks;
 		if (plot_.is_logarithmic) {
-			const double step = std::ceil((highest_ - lowest_) / kMostTicks);
+			const double step = std::ceil((highest_ - lowest_) / kMostSteps);
 			for (double power = lowest_; power <= highest_; power += step) {
 				ticks.push_back(std::pow(10, power));
 			}
 			return ticks;
 		}
-		const double step = std::max(RoundedUp(top_ / kMostTicks), 1.0);
-		for (double bytes = 0; bytes <= top_; bytes += step) {
+		for (double bytes = 0; bytes <= top_; bytes += step_) {
 			ticks.push_back(bytes);
 		}
 		return ticks;
 	}
 
 	void DrawSizes() {
+		constexpr double kWordsAbove = 12;
 		page_.Begin("g", {{"class", "axis"}});
+		page_.Leaf("text", {{"x", "0"}, {"y", Number(kWordsAbove)}}, plot_.up);
 		for (const double bytes : Ticks()) {
 			const std::string y = Number(Y(bytes));
 			page_.Empty("path", {{"d", "M" + Number(kLeft) + " " + y + "H" + Number(kWidth - kRight)}});
 			page_.Leaf("text",
 			    {{"x", Number(kLeft - kRowHeight)}, {"y", Number(Y(bytes) + kRowHeight)}, {"text-anchor", "end"}},
-			    HumanSize(static_cast<std::uint64_t>(bytes)));
+			    RoundSize(static_cast<std::uint64_t>(bytes)));
 		}
 		page_.End().Line();
 	}
 
+	/** The numbers below the plot. */
+	std::vector<int> RoundNumbers() const {
+		constexpr double kMostParts = 4; // for eight digits each
+		const auto range = static_cast<double>(std::int64_t{last_} - first_);
+		const auto step = static_cast<std::int64_t>(std::max(RoundedUp(range / kMostParts), 1.0));
+		std::vector<int> numbers;
+		for (std::int64_t number = (first_ + step - 1) / step * step; number <= last_; number += step) {
+			numbers.push_back(static_cast<int>(number));
+		}
+		return numbers.empty() ? std::vector{first_} : numbers;
+	}
+
 	void DrawNumbers() {
-		constexpr int kParts = 4;
 		constexpr double kNumbersBelow = 16;
 		constexpr double kWordsBelow = 33;
-		std::set<int> numbers;
-		for (int part = 0; part <= kParts; ++part) {
-			numbers.insert(first_ + static_cast<int>(std::int64_t{last_ - first_} * part / kParts));
-		}
 		page_.Begin("g", {{"class", "axis"}});
-		for (const int number : numbers) {
-			const char* anchor = number == last_ && first_ < last_ ? "end" : "middle";
+		for (const int number : RoundNumbers()) {
 			page_.Leaf("text",
-			    {{"x", Number(X(number))}, {"y", Number(kHeight - kBottom + kNumbersBelow)}, {"text-anchor", anchor}},
+			    {{"x", Number(X(number))}, {"y", Number(kHeight - kBottom + kNumbersBelow)}, {"text-anchor", "middle"}},
 			    std::to_string(number));
 		}
 		page_.Leaf("text",
@@ -177,16 +193,16 @@ private:
 	void DrawSeries(const Series& series) {
 		const std::vector<Series::Point> points = Visible(series);
 		std::string path;
-		double before = -kWidth;
+		double before = -2 * kWidth; // further than any line reaches
 		for (const Series::Point& point : points) {
 			const double x = X(point.at);
-			const bool goes_on = x - before <= LongestStep();
+			const bool goes_on = x - before <= (series.is_level ? kWidth : LongestStep());
 			path += (goes_on ? "L" : "M") + Number(x) + " " + Number(Y(static_cast<double>(point.bytes)));
 			path += goes_on ? "" : "h0"; // so that a point alone is drawn as well
 			before = x;
 		}
 		page_.Begin("g", {{"class", series.style}}).Empty("path", {{"d", path}}).Line();
-		if (series.points.size() <= kMostMarks) {
+		if (series.points.size() <= kMostMarks && !series.is_level) {
 			DrawMarks(series, points);
 		}
 		page_.End().Line();
@@ -205,9 +221,12 @@ private:
 	void DrawLegend() {
 		page_.Begin("figcaption").Say(plot_.title).Begin("ul", {{"class", "legend"}});
 		for (const Series& series : plot_.series) {
+			if (series.points.empty()) {
+				continue;
+			}
 			page_.Leaf("li", {{"class", series.style}}, series.name);
 		}
-		page_.End().End();
+		page_.End().End().Line();
 	}
 
 	const Plot& plot_;
@@ -215,6 +234,7 @@ private:
 	int first_ = 0;
 	int last_ = 0;
 	double top_ = 1;
+	double step_ = 1;   // between lines across
 	double lowest_ = 0; // powers of ten
 	double highest_ = 1;
 };

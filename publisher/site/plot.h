@@ -19,13 +19,15 @@ struct Series {
 	std::string name;
 	const char* style = ""; // the class that gives it a colour
 	std::vector<Point> points;
+	bool is_level = false; // one line through all points, without marks
 };
 
 struct Plot {
 	std::string id; // of the element, unique in the page
 	std::string title;
-	std::string description; // what a person who cannot see it has to know
+	std::string description; // said below it, and to a person who cannot see it
 	std::string across;      // what the numbers are
+	std::string up;          // what the sizes are
 	std::vector<Series> series;
 	bool is_logarithmic = false;
 };

@@ -1,4 +1,5 @@
 #include "base/text.h"
+#include "publisher/change_words.h"
 #include "publisher/site/page.h"
 #include "publisher/site/pages.h"
 
@@ -19,7 +20,11 @@ const Version* ShownVersion(const Database& database) {
 void WriteDatabase(const Database& database, Markup& page) {
 	const Version* version = ShownVersion(database);
 	page.Begin("tr").Begin("th", {{"scope", "row"}});
-	page.Leaf("a", {{"href", DatabasePath(database) + "index.html"}}, database.id).End();
+	page.Leaf("a", {{"href", DatabasePath(database) + "index.html"}}, database.id);
+	if (database.MainOffer() != nullptr && database.MainOffer()->is_deprecated) {
+		page.Say(" ").Leaf("span", {{"class", "badge"}}, "deprecated");
+	}
+	page.End();
 	page.Leaf("td", {{"class", "number"}}, version != nullptr ? std::to_string(version->number) : "–");
 	page.Begin("td");
 	SayTime(version != nullptr ? version->published : std::nullopt, page);
@@ -66,7 +71,8 @@ int NewestOffer(const Database& database) {
 std::string StateOf(const Database& database, const Offer& offer) {
 	const Version* version = database.Find(offer.entry.data_version);
 	const int behind = NewestOffer(database) - offer.entry.data_version;
-	std::string state = behind == 0 ? "newest" : std::to_string(behind) + " behind another channel";
+	std::string state =
+	    behind == 0 ? "newest" : Counted(static_cast<std::uint64_t>(behind), "version") + " behind another channel";
 	state += version != nullptr && version->is_withdrawn ? ", withdrawn" : "";
 	return state + (offer.is_deprecated ? ", deprecated" : "");
 }
@@ -77,13 +83,14 @@ void WriteOffer(const Database& database, const Offer& offer, Markup& page) {
 	page.Leaf("a", {{"href", DatabasePath(database) + "index.html"}}, database.id).End();
 	page.Leaf("td", {{"class", "number"}}, std::to_string(offer.entry.data_version)).Begin("td");
 	SayTime(offer.entry.last_fetch_time, page);
-	page.End().Leaf("td", {{"class", "number"}}, offer.chain.empty() ? "–" : "from " + std::to_string(oldest));
+	page.End().Leaf("td", {{"class", "number"}}, offer.chain.empty() ? "–" : std::to_string(oldest));
 	page.Leaf("td", StateOf(database, offer)).End().Line();
 }
 
 void WriteChannel(const Catalogue& catalogue, const std::string& channel, Markup& page) {
 	page.Leaf("h2", "Channel " + channel + (channel == "1" ? ", the default" : "")).Line();
-	BeginTable(page, "What channel " + channel + " offers", {"Database", "Version", "Published", "Diffs", "State"});
+	BeginTable(page, "What channel " + channel + " offers",
+	    {{"Database"}, {"Version", "number"}, {"Published"}, {"Diffs from", "number"}, {"State"}});
 	for (const Database& database : catalogue.databases) {
 		for (const Offer& offer : database.offers) {
 			if (offer.channel == channel) {
@@ -114,13 +121,13 @@ void WriteKey(const Key& key, Markup& page) {
 	WriteLines(WithoutEnd(key.pem, "\n"), page);
 }
 
-/** What an administrator types to trust the first key. */
-std::string TrustLines(const Catalogue& catalogue) {
-	const std::string path = KeyPath(catalogue.keys.front());
+/** What an administrator types to trust a key, whose file has a name of its own, so that no trusted key is replaced. */
+std::string TrustLines(const Catalogue& catalogue, const Key& key) {
+	const std::string path = KeyPath(key);
+	const std::string name = path.substr(path.find('/') + 1);
 	const std::string from = catalogue.url.empty() ? path : catalogue.url + "/" + path;
-	return "wget -O release.pub " + from +
-	       "\nopenssl pkey -pubin -in release.pub -outform DER | tail -c 32 | sha256sum\n"
-	       "install -m 644 release.pub /usr/tarn/etc/codesign/6/";
+	return "wget -O " + name + " " + from + "\nopenssl pkey -pubin -in " + name +
+	       " -outform DER | tail -c 32 | sha256sum\ninstall -D -m 644 " + name + " /usr/tarn/etc/codesign/6/" + name;
 }
 
 } // namespace
@@ -154,7 +161,8 @@ std::string IndexPage(const Catalogue& catalogue) {
 		return page.Finish();
 	}
 	BeginTable(body, std::to_string(catalogue.databases.size()) + " databases",
-	    {"Database", "Version", "Published", "Full package", "Diff package", "Versions"});
+	    {{"Database"}, {"Version", "number"}, {"Published"}, {"Full package", "number"}, {"Diff package", "number"},
+	        {"Versions", "number"}});
 	for (const Database& database : catalogue.databases) {
 		WriteDatabase(database, body);
 	}
@@ -190,7 +198,9 @@ std::string TrustPage(const Catalogue& catalogue) {
 	body.Leaf("p", "On the device, as root. Go on to the last line only if the digest that the second line prints is "
 	               "the fingerprint, and compare it with what the publisher told you by another way than this page: "
 	               "who can change this page can change the fingerprint as well.");
-	WriteLines(TrustLines(catalogue), body);
+	for (const Key& key : catalogue.keys) {
+		WriteLines(TrustLines(catalogue, key), body);
+	}
 	return page.Finish();
 }
 

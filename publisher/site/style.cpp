@@ -57,16 +57,19 @@ a:focus-visible, .scroll:focus-visible, pre:focus-visible, summary:focus-visible
 }
 .skip { position: absolute; left: -100vw; }
 .skip:focus { left: 0; background: var(--paper); padding: 0.5rem 1rem; }
-.scroll { overflow-x: auto; background: var(--paper); border: 1px solid var(--line); border-radius: 6px; }
+.scroll { overflow-x: auto; overflow-wrap: break-word; background: var(--paper); border: 1px solid var(--line); border-radius: 6px; }
 table { border-collapse: collapse; width: 100%; font-size: 0.93rem; }
 caption { text-align: left; padding: 0.5rem 0.75rem; color: var(--soft); }
 th, td { text-align: left; vertical-align: top; padding: 0.35rem 0.75rem; border-top: 1px solid var(--line); }
 thead th { color: var(--soft); font-weight: 600; white-space: nowrap; }
-tbody th { font-weight: 600; min-width: 7rem; }
+tbody th { font-weight: 600; min-width: 8rem; overflow-wrap: anywhere; }
+tbody th.version { min-width: 0; overflow-wrap: normal; }
 tbody tr:hover, tr:target { background: var(--ground); }
 td time { white-space: nowrap; }
 .number { text-align: right; white-space: nowrap; font-variant-numeric: tabular-nums; }
-.notes { min-width: 10rem; color: var(--soft); }
+.notes { color: var(--soft); }
+td.notes, td.state { min-width: 11rem; overflow-wrap: anywhere; }
+td.rows { min-width: 16rem; overflow-wrap: anywhere; }
 .facts { display: flex; flex-wrap: wrap; gap: 0.5rem 2rem; margin: 0.5rem 0 1rem; }
 dt { color: var(--soft); font-size: 0.87rem; }
 dd { margin: 0; }
@@ -76,13 +79,14 @@ pre {
 	border: 1px solid var(--line);
 	border-radius: 6px;
 	padding: 0.75rem;
-	overflow-x: auto;
-	overflow-wrap: normal;
+	white-space: pre-wrap;
 }
 td ul { margin: 0; padding-left: 1.1rem; }
 td p { margin: 0; }
 .kind, .note { color: var(--soft); }
-.releases { padding-left: 1.1rem; }
+.note { margin: 0.5rem 0 0; font-size: 0.93rem; }
+.releases { list-style: none; margin: 0; padding: 0; }
+.releases li { display: flex; flex-wrap: wrap; gap: 0 0.75rem; padding: 0.15rem 0; }
 .badge {
 	display: inline-block;
 	padding: 0 0.5rem;
@@ -93,10 +97,11 @@ td p { margin: 0; }
 .good { color: var(--good); background: var(--good-ground); }
 .bad { color: var(--bad); background: var(--bad-ground); }
 .warning { color: var(--bad); background: var(--bad-ground); padding: 0.5rem 0.75rem; border-radius: 6px; }
+.plots section { display: flex; }
 .plots { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 24rem), 1fr)); gap: 1rem; }
-figure { margin: 0; background: var(--paper); border: 1px solid var(--line); border-radius: 6px; padding: 0.75rem; }
+figure { flex: 1; min-width: 0; margin: 0; background: var(--paper); border: 1px solid var(--line); border-radius: 6px; padding: 0.75rem; }
 figcaption { font-weight: 600; }
-svg { display: block; width: 100%; height: auto; }
+svg { display: block; width: 100%; height: auto; margin-top: 0.5rem; overflow: visible; }
 svg path { fill: none; stroke-width: 2; stroke-linecap: round; stroke-linejoin: round; }
 .axis path { stroke: var(--line); stroke-width: 1; }
 .axis text { fill: var(--soft); font-size: 12px; }

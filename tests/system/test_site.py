@@ -14,7 +14,7 @@ from urllib.parse import urlsplit
 import pytest
 from harness import programs
 from harness.many_versions import write_repository
-from harness.pages import dead_links, parse
+from harness.pages import dead_links, parse, served
 from harness.publisher import Publisher
 from harness.site_repository import MARKUP, change_tree, publish_attacks, publish_something_of_everything
 
@@ -157,6 +157,20 @@ def test_a_killed_run_leaves_the_old_site_or_the_new_one(everything: Publisher, 
     assert digests(out) == new
     names = sorted(path.name for path in tmp_path.iterdir() if path.name.startswith("."))
     assert names == [], "what killed runs left is removed"
+
+
+def test_the_lines_of_the_trust_page_bring_and_compare_the_key(everything: Publisher, tmp_path: Path) -> None:
+    out = tmp_path / "site"
+    with served(tmp_path) as url:
+        make(everything, out, "--url", f"{url}/site")
+        fingerprint = json.loads(
+            programs.run_ok(programs.PUB, "fingerprint", everything.public_key, "--json").stdout
+        )["fingerprint"]
+        text = parse(out / "trust.html").text
+        lines = text[text.index("wget -O") :].split("\n")[:3]
+        got = programs.run_ok("bash", "-ec", f"cd '{tmp_path}'\n{lines[0]}\n{lines[1]}")
+    assert got.stdout.split()[0] == fingerprint
+    assert lines[2].startswith("install ") and lines[2].endswith(f"/usr/tarn/etc/codesign/6/{fingerprint[:16]}.pub")
 
 
 def test_names_with_markup_stay_names(publisher: Publisher, tmp_path: Path) -> None:

@@ -62,6 +62,7 @@ site::Plot PlotOf(std::vector<site::Series::Point> points, bool is_logarithmic) 
 	plot.id = "p";
 	plot.title = "Sizes & <more>";
 	plot.across = "version";
+	plot.up = "size of a package";
 	plot.series = {{"full", "full", std::move(points)}};
 	plot.is_logarithmic = is_logarithmic;
 	return plot;
@@ -90,15 +91,40 @@ std::string LineOf(const std::string& drawn) {
 
 TEST(SitePlot, PlacesTheSmallestBelowAndTheNewestAtTheRight) {
 	const std::string line = LineOf(Drawn(PlotOf({{1, 0}, {2, 50}, {3, 100}}, false)));
-	EXPECT_EQ(line, "M66.0 190.0h0L237.0 100.0L408.0 10.0");
+	EXPECT_EQ(line, "M66.0 190.0h0L231.0 108.0L396.0 26.0");
 	const std::string powers = LineOf(Drawn(PlotOf({{1, 1000}, {2, 10000}, {3, 100000}}, true)));
-	EXPECT_EQ(powers, "M66.0 190.0h0L237.0 100.0L408.0 10.0");
+	EXPECT_EQ(powers, "M66.0 190.0h0L231.0 108.0L396.0 26.0");
 }
 
 TEST(SitePlot, BreaksTheLineWhereNumbersAreMissing) {
 	const std::string line = LineOf(Drawn(PlotOf({{1, 5}, {2, 5}, {9, 5}, {10, 5}}, false)));
 	EXPECT_EQ(CountOf(line, "M"), 2U);
 	EXPECT_EQ(CountOf(line, "L"), 2U);
+}
+
+TEST(SitePlot, HasRoundNumbersAtItsAxesAndTheirUnits) {
+	const std::string drawn = Drawn(PlotOf({{1001, 13000}, {1007, 61000}}, false));
+	for (const char* label : {">0 B<", ">20 kB<", ">60 kB<", ">80 kB<", ">1002<", ">1004<", ">1006<"}) {
+		EXPECT_EQ(CountOf(drawn, label), 1U) << label;
+	}
+	EXPECT_THAT(drawn, Not(HasSubstr(">1001<")));
+	EXPECT_THAT(drawn, HasSubstr(">version</text>"));
+	EXPECT_THAT(drawn, HasSubstr(">size of a package</text>"));
+	EXPECT_THAT(Drawn(PlotOf({{3, 61}, {3, 61}}, false)), HasSubstr(">3<")) << "a number alone";
+}
+
+TEST(SitePlot, JoinsALevelWithoutMarks) {
+	site::Plot plot = PlotOf({{1, 5}, {9, 5}}, false);
+	plot.series[0].is_level = true;
+	const std::string drawn = Drawn(plot);
+	EXPECT_EQ(LineOf(drawn), "M66.0 26.0h0L396.0 26.0");
+	EXPECT_THAT(drawn, Not(HasSubstr("<circle")));
+}
+
+TEST(SitePlot, NamesNoSeriesWithoutPoints) {
+	site::Plot plot = PlotOf({{1, 5}}, false);
+	plot.series.push_back({"nothing", "diff", {}});
+	EXPECT_THAT(Drawn(plot), Not(HasSubstr("nothing")));
 }
 
 TEST(SitePlot, IsBoundedAndKeepsTheLargest) {
@@ -108,7 +134,7 @@ TEST(SitePlot, IsBoundedAndKeepsTheLargest) {
 	}
 	const std::string drawn = Drawn(PlotOf(points, false));
 	EXPECT_LT(drawn.size(), 12000U);
-	EXPECT_EQ(CountOf(LineOf(drawn), " 10.0"), 1U) << "the one large version is drawn at the top";
+	EXPECT_EQ(CountOf(LineOf(drawn), " 26.0"), 1U) << "the one large version is drawn at the top";
 	EXPECT_EQ(CountOf(LineOf(drawn), "M"), 1U) << "nothing is missing";
 }
 
@@ -266,8 +292,10 @@ TEST_F(SitePages, TellWhatADeviceDownloadsByHowFarItIsBehind) {
 	const std::string page = site::DatabasePage({}, database);
 	EXPECT_THAT(page, HasSubstr("one version behind 10 B, 3 versions behind 60 B by diff packages; devices that are "
 	                            "further behind take the full package of 100 B."));
-	EXPECT_THAT(page, HasSubstr("what the device downloads, versions behind 2: 30 B"));
-	EXPECT_THAT(page, HasSubstr("what the device downloads, versions behind 4: 100 B"));
+	EXPECT_THAT(page, HasSubstr("download of the device, versions behind 2: 30 B"));
+	EXPECT_THAT(page, HasSubstr("download of the device, versions behind 4: 100 B"));
+	database.offers[0].chain.clear();
+	EXPECT_THAT(site::DatabasePage({}, database), HasSubstr("all devices take the full package of 100 B."));
 }
 
 TEST_F(SitePages, KeepChangesByThePackagesThatTheyWereFoundIn) {

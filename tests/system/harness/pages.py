@@ -87,6 +87,9 @@ class _Handler(http.server.SimpleHTTPRequestHandler):
             super().do_GET()
             return
         path = Path(self.directory) / unquote(urlsplit(self.path).path.removeprefix("/bare/"))
+        if not path.is_file():  # what an attack asks for
+            self.send_error(404)
+            return
         content = POLICY.sub(b"", path.read_bytes())
         self.send_response(200)
         self.send_header("Content-Type", self.guess_type(str(path)))

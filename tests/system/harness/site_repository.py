@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import random
 import sqlite3
+from collections.abc import Callable
 from pathlib import Path
 
 from .publisher import Publisher
@@ -39,16 +40,24 @@ def change_tree(tree: Path, version: int, table: str = "places", file: str = "li
                            f"INSERT INTO {name} VALUES ({1000 + version}, 'new'); DELETE FROM {name} WHERE id = {version}")  # fmt: skip
 
 
-def publish_something_of_everything(publisher: Publisher, home: Path) -> None:
-    """Two databases: one of several versions, with notes, a channel, and a version that was withdrawn."""
+def publish_something_of_everything(
+    publisher: Publisher, home: Path, before_each: Callable[[], None] = lambda: None
+) -> None:
+    """Two databases: one of several versions, with notes, a channel, and a version that was withdrawn.
+
+    before_each is called before each release, for example to set its time.
+    """
     tree = home / "places"
     make_tree(tree)
     for version in range(1000, 1006):
+        before_each()
         publisher.publish(
             tree, "places", "--level", "1", "--notes", f"release {version}", *first(version), keep_diffs=30
         )
         change_tree(tree, version - 990)
+    before_each()
     publisher.withdraw("places", "--to", "1004", "--level", "1", "--notes", "1005 lacked Berlin")
+    before_each()
     publisher.publish(tree, "places", "--level", "1", "--channel", "canary", keep_diffs=30)
     single = home / "single"
     single.mkdir()
