@@ -59,22 +59,27 @@ void ViewDatabase(const DatabaseChange& database, Markup& page) {
 	page.End();
 }
 
+/** A text of a terminal, as a page has it. */
+std::string WithArrow(std::string text) {
+	constexpr std::string_view kArrow = "->";
+	const std::size_t at = text.find(kArrow);
+	return at == std::string::npos ? text : text.replace(at, kArrow.size(), "→");
+}
+
 void ViewFile(const FileChange& file, Markup& page) {
 	page.Begin("tr").Leaf("td", {{"class", "kind"}}, ChangeKindName(file.Kind()));
-	page.Begin("th", {{"scope", "row"}}).Leaf("code", file.name).End();
-	page.Leaf("td", {{"class", "number"}}, SizeText(file));
-	page.Begin("td", {{"class", "rows"}});
+	page.Begin("td", {{"class", "rows"}}).Begin("strong").Leaf("code", file.name).End();
 	if (!file.note.empty()) {
 		page.Leaf("p", "compared as bytes: " + file.note);
 	}
 	if (file.database) {
 		ViewDatabase(*file.database, page);
 	}
-	page.End().End().Line();
+	page.End().Leaf("td", {{"class", "number"}}, WithArrow(SizeText(file))).End().Line();
 }
 
 void ViewFiles(const Changes& changes, Markup& page) {
-	BeginTable(page, "Changed files", {{"Change"}, {"File"}, {"Size", "number"}, {"Tables and rows"}});
+	BeginTable(page, "Changed files", {{"Change"}, {"File, its tables and rows"}, {"Size", "number"}});
 	for (const FileChange& file : changes.files) {
 		ViewFile(file, page);
 	}

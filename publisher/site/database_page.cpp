@@ -72,9 +72,7 @@ void DrawSizes(const Database& database, Markup& page) {
 	Plot plot;
 	plot.id = "sizes";
 	plot.title = "Package sizes by version";
-	plot.description =
-	    "Each line across stands for ten times the size of the line below. The table of versions has the "
-	    "same sizes as numbers.";
+	plot.description = "The scale rises by powers of ten. The table of versions has the same sizes as numbers.";
 	plot.across = "version";
 	plot.up = "size of a package";
 	plot.is_logarithmic = true;
@@ -131,7 +129,7 @@ void DrawDownloads(const Database& database, Markup& page) {
 	plot.title = "Download by versions behind";
 	plot.description = DownloadText(*offer, full);
 	plot.across = "versions behind";
-	plot.up = "what it downloads";
+	plot.up = "size of the download";
 	if (full) {
 		plot.series.push_back({"full package, for comparison", "full", {{1, *full}, {most, *full}}, true});
 	}

@@ -60,7 +60,11 @@ void BeginTable(Markup& page, const std::string& caption, std::initializer_list<
 	page.Begin("div", {{"class", "scroll"}, {"role", "region"}, {"aria-label", caption}, {"tabindex", "0"}});
 	page.Begin("table").Leaf("caption", caption).Begin("thead").Begin("tr");
 	for (const Column& column : columns) {
-		page.Leaf("th", {{"scope", "col"}, {"class", column.style}}, column.name);
+		Markup::Attributes attributes = {{"scope", "col"}};
+		if (*column.style != '\0') {
+			attributes.emplace_back("class", column.style);
+		}
+		page.Leaf("th", attributes, column.name);
 	}
 	page.End().End().Begin("tbody").Line();
 }

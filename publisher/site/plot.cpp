@@ -12,11 +12,11 @@ namespace tarn::publisher::site {
 namespace {
 
 constexpr double kWidth = 420;
-constexpr double kHeight = 230;
+constexpr double kHeight = 236;
 constexpr double kLeft = 62;
 constexpr double kRight = 24;
 constexpr double kTop = 26;
-constexpr double kBottom = 40;
+constexpr double kBottom = 46;
 constexpr double kRowHeight = 4; // below what an axis begins: half the height of a digit
 constexpr std::size_t kMostMarks = 40;
 constexpr double kMostSteps = 5;
@@ -155,8 +155,8 @@ private:
 	}
 
 	void DrawNumbers() {
-		constexpr double kNumbersBelow = 16;
-		constexpr double kWordsBelow = 33;
+		constexpr double kNumbersBelow = 20;
+		constexpr double kWordsBelow = 38;
 		page_.Begin("g", {{"class", "axis"}});
 		for (const int number : RoundNumbers()) {
 			page_.Leaf("text",

@@ -32,6 +32,17 @@ void CheckPlace(const SiteOptions& options) {
 	}
 }
 
+/** A path as a URL has it. */
+std::string PathInUrl(const std::string& path) {
+	constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._~-/";
+	std::string text;
+	for (const char character : path) {
+		const auto byte = static_cast<unsigned char>(character);
+		text += kPlain.find(character) != std::string_view::npos ? std::string(1, character) : "%" + Hex(&byte, 1);
+	}
+	return text;
+}
+
 /** Where the site is served: as the options say, or below what the repository is served as; empty when unknown. */
 std::string UrlOf(const SiteOptions& options) {
 	if (!options.url.empty()) {
@@ -43,7 +54,7 @@ std::string UrlOf(const SiteOptions& options) {
 	if (!base || !IsBeneath(out, repository)) {
 		return {};
 	}
-	return LinkTo(*base, out.lexically_relative(repository).string());
+	return LinkTo(*base, PathInUrl(out.lexically_relative(repository).string()));
 }
 
 /** The steps of MakeSite(). */

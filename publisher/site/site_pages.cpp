@@ -84,7 +84,7 @@ void WriteOffer(const Database& database, const Offer& offer, Markup& page) {
 	page.Leaf("td", {{"class", "number"}}, std::to_string(offer.entry.data_version)).Begin("td");
 	SayTime(offer.entry.last_fetch_time, page);
 	page.End().Leaf("td", {{"class", "number"}}, offer.chain.empty() ? "–" : std::to_string(oldest));
-	page.Leaf("td", StateOf(database, offer)).End().Line();
+	page.Leaf("td", {{"class", "state"}}, StateOf(database, offer)).End().Line();
 }
 
 void WriteChannel(const Catalogue& catalogue, const std::string& channel, Markup& page) {
@@ -125,8 +125,11 @@ void WriteKey(const Key& key, Markup& page) {
 std::string TrustLines(const Catalogue& catalogue, const Key& key) {
 	const std::string path = KeyPath(key);
 	const std::string name = path.substr(path.find('/') + 1);
-	const std::string from = catalogue.url.empty() ? path : catalogue.url + "/" + path;
-	return "wget -O " + name + " " + from + "\nopenssl pkey -pubin -in " + name +
+	std::string from = catalogue.url.empty() ? path : catalogue.url + "/" + path;
+	for (std::size_t at = from.find('\''); at != std::string::npos; at = from.find('\'')) {
+		from.replace(at, 1, "%27"); // nothing of a URL may end what the shell quotes
+	}
+	return "wget -O " + name + " '" + from + "'\nopenssl pkey -pubin -in " + name +
 	       " -outform DER | tail -c 32 | sha256sum\ninstall -D -m 644 " + name + " /usr/tarn/etc/codesign/6/" + name;
 }
 

@@ -68,8 +68,8 @@ tbody tr:hover, tr:target { background: var(--ground); }
 td time { white-space: nowrap; }
 .number { text-align: right; white-space: nowrap; font-variant-numeric: tabular-nums; }
 .notes { color: var(--soft); }
-td.notes, td.state { min-width: 11rem; overflow-wrap: anywhere; }
-td.rows { min-width: 16rem; overflow-wrap: anywhere; }
+td.notes, td.state { min-width: 9rem; overflow-wrap: anywhere; }
+td.rows { min-width: 15rem; overflow-wrap: anywhere; }
 .facts { display: flex; flex-wrap: wrap; gap: 0.5rem 2rem; margin: 0.5rem 0 1rem; }
 dt { color: var(--soft); font-size: 0.87rem; }
 dd { margin: 0; }
@@ -109,6 +109,7 @@ g.full path { stroke: var(--full); }
 g.diff path { stroke: var(--diff); stroke-dasharray: 5 3; }
 g.full circle { fill: var(--full); }
 g.diff circle { fill: var(--paper); stroke: var(--diff); stroke-width: 2; }
+@media (max-width: 30rem) { .axis text { font-size: 15px; } }
 .legend { list-style: none; display: flex; flex-wrap: wrap; gap: 0 1.25rem; margin: 0.25rem 0 0; padding: 0; }
 .legend li { font-weight: 400; }
 .legend li::before { content: ""; display: inline-block; width: 1.5rem; margin-right: 0.4rem; vertical-align: 0.25em; }

@@ -110,6 +110,9 @@ def test_where_the_site_is_served_is_known_below_the_repository_or_said(everythi
     make(everything, everything.repository / "site")
     feed = (everything.repository / "site/feed.xml").read_text()
     assert 'href="https://updates.example.org/site/index.html"' in feed
+    make(everything, everything.repository / "for 'us';")
+    link = 'href="https://updates.example.org/for%20%27us%27%3b/index.html"'
+    assert link in (everything.repository / "for 'us';/feed.xml").read_text()
     result = programs.run_ok(*command(everything, tmp_path / "elsewhere"))
     assert "There is no feed" in result.stderr
     assert not (tmp_path / "elsewhere/feed.xml").exists()
@@ -165,7 +168,7 @@ def test_the_lines_of_the_trust_page_bring_and_compare_the_key(everything: Publi
         make(everything, out, "--url", f"{url}/site")
         fingerprint = json.loads(
             programs.run_ok(programs.PUB, "fingerprint", everything.public_key, "--json").stdout
-        )["fingerprint"]
+        )[0]["fingerprint"]
         text = parse(out / "trust.html").text
         lines = text[text.index("wget -O") :].split("\n")[:3]
         got = programs.run_ok("bash", "-ec", f"cd '{tmp_path}'\n{lines[0]}\n{lines[1]}")
