@@ -34,14 +34,14 @@ void WriteVersion(const Database& database, const Version& version, Markup& page
 	const auto size = [&](const std::optional<std::uint64_t>& bytes) {
 		page.Leaf("td", {{"class", "number"}}, ShownSize(bytes));
 	};
-	page.Begin("tr", {{"id", "v" + number}}).Leaf("th", {{"scope", "row"}, {"class", "version"}}, number);
+	page.Begin("tr", {{"id", "v" + number}}).Leaf("th", {{"scope", "row"}}, number);
 	page.Begin("td");
 	SayTime(version.published, page);
 	page.End();
 	size(version.full_size);
 	size(version.diff_size);
 	size(version.full_size ? std::optional(version.unpacked_size) : std::nullopt);
-	page.Begin("td", {{"class", "state"}});
+	page.Begin("td");
 	SayState(database, version, page);
 	page.End().Leaf("td", {{"class", "notes"}}, version.notes).End().Line();
 }

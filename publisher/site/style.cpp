@@ -63,12 +63,12 @@ caption { text-align: left; padding: 0.5rem 0.75rem; color: var(--soft); }
 th, td { text-align: left; vertical-align: top; padding: 0.35rem 0.75rem; border-top: 1px solid var(--line); }
 thead th { color: var(--soft); font-weight: 600; white-space: nowrap; }
 tbody th { font-weight: 600; min-width: 8rem; overflow-wrap: anywhere; }
-tbody th.version { min-width: 0; overflow-wrap: normal; }
+tr[id] th { min-width: 0; overflow-wrap: normal; }
 tbody tr:hover, tr:target { background: var(--ground); }
 td time { white-space: nowrap; }
 .number { text-align: right; white-space: nowrap; font-variant-numeric: tabular-nums; }
 .notes { color: var(--soft); }
-td.notes, td.state { min-width: 9rem; overflow-wrap: anywhere; }
+td.notes, td.state, tr[id] td:nth-last-child(2) { min-width: 9rem; overflow-wrap: anywhere; }
 td.rows { min-width: 15rem; overflow-wrap: anywhere; }
 .facts { display: flex; flex-wrap: wrap; gap: 0.5rem 2rem; margin: 0.5rem 0 1rem; }
 dt { color: var(--soft); font-size: 0.87rem; }
