@@ -114,16 +114,13 @@ private:
 
 	/** Where the lines across are. */
 	std::vector<double> Ticks() const {
+		const double low = plot_.is_logarithmic ? lowest_ : 0;
+		const double high = plot_.is_logarithmic ? highest_ : top_;
+		const double step = plot_.is_logarithmic ? std::ceil((highest_ - lowest_) / kMostSteps) : step_;
+		const int count = static_cast<int>((high - low) / step);
 		std::vector<double> ticks;
-		if (plot_.is_logarithmic) {
-			const double step = std::ceil((highest_ - lowest_) / kMostSteps);
-			for (double power = lowest_; power <= highest_; power += step) {
-				ticks.push_back(std::pow(10, power));
-			}
-			return ticks;
-		}
-		for (double bytes = 0; bytes <= top_; bytes += step_) {
-			ticks.push_back(bytes);
+		for (int i = 0; i <= count; ++i) {
+			ticks.push_back(plot_.is_logarithmic ? std::pow(10, low + i * step) : low + i * step);
 		}
 		return ticks;
 	}

@@ -128,9 +128,9 @@ TEST(SitePlot, NamesNoSeriesWithoutPoints) {
 }
 
 TEST(SitePlot, IsBoundedAndKeepsTheLargest) {
-	std::vector<site::Series::Point> points;
+	std::vector<site::Series::Point> points(20000);
 	for (int version = 0; version < 20000; ++version) {
-		points.push_back({version, version == 12345 ? 1000U : 10U});
+		points[static_cast<std::size_t>(version)] = {version, version == 12345 ? 1000U : 10U};
 	}
 	const std::string drawn = Drawn(PlotOf(points, false));
 	EXPECT_LT(drawn.size(), 12000U);
