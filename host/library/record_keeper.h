@@ -21,8 +21,8 @@ struct RunRecord {
 	int exit_status = 0;
 	double seconds = 0;
 	std::uint64_t downloaded_bytes = 0;
-	std::uint64_t downloaded_total = 0; ///< By all operations since the first record.
-	std::string failure;                ///< FailureName(); empty after a success.
+	std::uint64_t downloaded_total = 0;       ///< By all operations since the first record.
+	std::string failure;                      ///< FailureName(); empty after a success.
 	std::optional<std::int64_t> last_success; ///< When an operation last succeeded, this one or an earlier one.
 };
 
