@@ -7,10 +7,13 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -60,6 +63,20 @@ TEST_P(EarlyDigestsTest, AreNoneOfAFileThatWasWrittenToSince) {
 	const std::array<timespec, 2> times = {timespec{1, 0}, timespec{1, 0}};
 	ASSERT_EQ(utimensat(AT_FDCWD, touched.c_str(), times.data(), 0), 0);
 	EXPECT_EQ(digests_.Take(touched), std::nullopt);
+}
+
+TEST_P(EarlyDigestsTest, AreNoneOfAFileThatCannotBeRead) {
+	const std::string copy = Put("copy", 'x');
+	const int free = dup(STDIN_FILENO);
+	ASSERT_EQ(close(free), 0);
+	struct rlimit usual {};
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+	const struct rlimit narrow = {static_cast<rlim_t>(free) + 1, usual.rlim_max}; // for the file that is held open
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &narrow), 0);
+	digests_.Begin(copy);
+	const std::optional<std::string> digest = digests_.Take(copy);
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+	EXPECT_EQ(digest, std::nullopt);
 }
 
 TEST_P(EarlyDigestsTest, AreNoneOfWhatIsSmallOrNoFile) {
