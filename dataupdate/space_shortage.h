@@ -12,7 +12,7 @@ namespace tarn::dataupdate {
 
 /** A file system of which too little would stay free. */
 struct SpaceShortage {
-	std::string path; ///< Of what is on it.
+	std::string path;            ///< Of what is on it.
 	std::uint64_t available = 0; ///< Bytes that were free for other users than root.
 	std::uint64_t capacity = 0;  ///< Bytes.
 	std::uint64_t lacking = 0;   ///< How many bytes more would have had to be free.

@@ -43,8 +43,8 @@ std::optional<std::string> ConfiguredPlace(const Services& services, const std::
  * not be any directory above, because people delete what they are told is not used.
  */
 std::string PlaceOf(const std::string& name, const std::string& id) {
-	for (const std::string& parent : {dataupdate::MainDirPath(""), std::string("/var/db")}) {
-		const std::string place = parent + "/" + id;
+	for (std::string place : {dataupdate::MainDirPath(""), std::string("/var/db")}) {
+		place += "/" + id;
 		if (const std::size_t at = name.find(place + "/"); at != std::string::npos) {
 			return name.substr(0, at + place.size());
 		}
