@@ -5,6 +5,7 @@
 #include "publisher/begun_package.h"
 #include "publisher/checks.h"
 #include "publisher/document_sentences.h"
+#include "publisher/foreign_package.h"
 #include "publisher/last_publication.h"
 #include "publisher/same_content.h"
 #include "publisher/withdrawal_diffs.h"
@@ -108,17 +109,26 @@ private:
 		return ListTree(directory);
 	}
 
+	/** The newest full package; no value when it is missing or another key has signed it. */
+	std::optional<archive::ArchiveFile> OpenOwn(const std::string& path) const {
+		if (!fs::exists(path)) {
+			return std::nullopt;
+		}
+		try {
+			return reader_.Open(path, {options_.id, "", previous_.data_version});
+		} catch (const ForeignPackage&) {
+			return std::nullopt;
+		}
+	}
+
 	/**
 	 * Whether the newest version has the content already, by its full package: without its own there is something to
 	 * do. A withdrawal that is given again would otherwise make all devices download what changes nothing.
 	 */
 	bool IsThereAlready(const Tree& tree) {
 		const std::string path = repository_.PackagePath(options_.id, previous_.data_version);
-		if (!fs::exists(path) || IsForeign(reader_, path, options_.id, previous_.data_version)) {
-			return false;
-		}
-		const archive::ArchiveFile archive = reader_.Open(path, {options_.id, "", previous_.data_version});
-		if (!HoldsTree(archive, path, tree)) {
+		const std::optional<archive::ArchiveFile> archive = OpenOwn(path);
+		if (!archive || !HoldsTree(*archive, path, tree)) {
 			return false;
 		}
 		PublishResult& published = Published();
@@ -126,7 +136,7 @@ private:
 		published.data_version = previous_.data_version;
 		published.files = tree.files.size();
 		published.tree_size = tree.total_size;
-		published.package_size = archive.Head().FileSize();
+		published.package_size = archive->Head().FileSize();
 		published.download_link = previous_.download_link;
 		if (target_->NewestMetadata()[kRestoresKey] == result_.restored) {
 			WarnOfOtherDocuments(); // which a killed withdrawal has not done
