@@ -13,7 +13,7 @@ if(NOT CMAKE_CXX_COMPILER_LAUNCHER)
 	target_precompile_headers(dataupdate_test PRIVATE
 		$<$<COMPILE_LANGUAGE:CXX>:<gmock/gmock.h$<ANGLE-R>> $<$<COMPILE_LANGUAGE:CXX>:<json/value.h$<ANGLE-R>>)
 endif()
-foreach(call flock syncfs fsync opendir readdir read write copy_file_range fchmod linkat renameat2 ioctl usleep time
+foreach(call open flock syncfs fsync opendir readdir read write copy_file_range fchmod linkat renameat2 ioctl usleep time
 		_ZNSt6chrono3_V212steady_clock3nowEv)
 	target_link_options(dataupdate_test PRIVATE -Wl,--wrap=${call})
 endforeach()

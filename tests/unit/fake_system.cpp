@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -81,6 +82,7 @@ std::chrono::steady_clock::time_point FakeNow() {
 
 extern "C" {
 
+int __real_open(const char* path, int flags, ...);
 int __real_flock(int fd, int operation);
 int __real_syncfs(int fd);
 int __real_fsync(int fd);
@@ -95,6 +97,14 @@ int __real_renameat2(int from_directory, const char* from, int to_directory, con
 int __real_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags);
 int __real_usleep(useconds_t microseconds);
 time_t __real_time(time_t* result);
+
+int __wrap_open(const char* path, int flags, ...) {
+	std::va_list arguments;
+	va_start(arguments, flags);
+	const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
+	va_end(arguments);
+	return Fails("open") ? -1 : __real_open(path, flags, mode);
+}
 
 int __wrap_flock(int fd, int operation) {
 	return Fails("flock") ? -1 : __real_flock(fd, operation);

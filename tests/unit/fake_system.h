@@ -13,7 +13,7 @@ namespace tarn::test {
 
 /**
  * While the object lives, the calls that the library makes can be told to fail, and its waiting costs no time: a sleep
- * moves its clock on and returns at once. Only one at a time. Calls that can fail, by name: flock, syncfs, fsync,
+ * moves its clock on and returns at once. Only one at a time. Calls that can fail, by name: open, flock, syncfs, fsync,
  * opendir, readdir, read, write, copy_file_range, fchmod, linkat, renameat2.
  */
 class FakeSystem {
