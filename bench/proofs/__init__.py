@@ -1,0 +1,81 @@
+"""What a trial of a promise is given, and what it finds.
+
+A trial is a module of this package with a function prove(trial: Trial) -> list[Row].
+"""
+
+from __future__ import annotations
+
+import platform
+import subprocess
+import time
+from dataclasses import asdict, dataclass, field
+from pathlib import Path
+
+
+@dataclass(frozen=True)
+class Row:
+    """One promise, and how often it was tried."""
+
+    promise: str
+    """What must hold, as a sentence."""
+    tried: int
+    unit: str
+    """What was counted, in the plural: "power cuts"."""
+    wrong: list[str]
+    """The cases in which it did not hold, each so that it can be made again; none of them is left out."""
+    where: str = ""
+    """On which file system, in which operation, of what size; as short as a table's cell."""
+    extra: dict[str, float] = field(default_factory=dict)
+    """Figures of this row beyond the count, by name with unit: {"executions": 13800000, "coverage, %": 91.2}."""
+
+    @property
+    def held(self) -> bool:
+        return self.tried > 0 and not self.wrong
+
+
+@dataclass(frozen=True)
+class Trial:
+    build: Path
+    scratch: Path
+    brief: bool
+    seed: int
+    seconds: float
+    """For what goes on as long as it is let."""
+
+    def say(self, text: str) -> None:
+        """Progress, for whoever waits."""
+        print(f"{time.strftime('%H:%M:%S')} {text}", flush=True)
+
+
+@dataclass(frozen=True)
+class Result:
+    name: str
+    commit: str
+    date: str
+    """Of the commit."""
+    seed: int
+    machine: str
+    rows: list[Row]
+
+    @classmethod
+    def of(cls, name: str, source: Path, seed: int, rows: list[Row]) -> Result:
+        def git(*arguments: str) -> str:
+            command = ["git", "-c", f"safe.directory={source}", "-C", str(source), *arguments]
+            return subprocess.run(command, capture_output=True, text=True).stdout.strip()
+
+        machine = f"Linux {platform.release()}, {platform.machine()}"
+        return cls(name, git("rev-parse", "--short=12", "HEAD"), git("show", "-s", "--format=%cs"), seed, machine, rows)
+
+    @property
+    def held(self) -> bool:
+        return bool(self.rows) and all(row.held for row in self.rows)
+
+    def print(self) -> None:
+        for row in self.rows:
+            verdict = "held" if row.held else "NOT TRIED" if not row.tried else "BROKEN"
+            print(f"{row.promise:70} {row.where:30} {row.tried:9} {row.unit:20} {verdict}")
+            for case in row.wrong:
+                print(f"    {case}")
+
+    def as_json(self) -> dict:
+        return asdict(self)
