@@ -47,6 +47,17 @@ class Trial:
         print(f"{time.strftime('%H:%M:%S')} {text}", flush=True)
 
 
+PARTS = ("btrfs-progs", "e2fsprogs", "g++", "libsqlite3-0", "libssl3", "libzstd1", "nginx-light", "wget", "xfsprogs")
+
+
+def versions() -> dict[str, str]:
+    found = subprocess.run(
+        ["dpkg-query", "--show", "--showformat=${Package}\t${Version}\t${Status}\n", *PARTS], capture_output=True, text=True
+    ).stdout
+    installed = [line.split("\t") for line in found.splitlines() if line.endswith("ok installed")]
+    return {name: version for name, version, _ in installed}
+
+
 @dataclass(frozen=True)
 class Result:
     name: str
@@ -55,6 +66,8 @@ class Result:
     """Of the commit."""
     seed: int
     machine: str
+    versions: dict[str, str]
+    """Of the parts that the trials use."""
     rows: list[Row]
 
     @classmethod
@@ -64,7 +77,9 @@ class Result:
             return subprocess.run(command, capture_output=True, text=True).stdout.strip()
 
         machine = f"Linux {platform.release()}, {platform.machine()}"
-        return cls(name, git("rev-parse", "--short=12", "HEAD"), git("show", "-s", "--format=%cs"), seed, machine, rows)
+        return cls(
+            name, git("rev-parse", "--short=12", "HEAD"), git("show", "-s", "--format=%cs"), seed, machine, versions(), rows
+        )
 
     @property
     def held(self) -> bool:

@@ -1,0 +1,104 @@
+"""docs/proof.md, from what the trials found and from the text in bench/proof.md."""
+
+from __future__ import annotations
+
+import json
+import re
+from collections.abc import Callable
+from pathlib import Path
+
+PART = re.compile(r"(<!-- bench/proof: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL)
+TEXT = Path("bench/proof.md")
+PAGE = Path("docs/proof.md")
+MEASURED = Path("docs/performance/rows.json")
+ATTACKS = Path("docs/proof/attacks.json")
+
+Record = dict[str, object]
+
+
+def table(heads: list[str], lines: list[list[str]]) -> str:
+    return "\n".join(f"| {' | '.join(cells)} |" for cells in (heads, ["---"] * len(heads), *lines)) + "\n"
+
+
+def number(value: float) -> str:
+    return f"{value:,.0f}" if value >= 100 or value == int(value) else f"{value:,.3g}"
+
+
+def verdict(row: Record) -> str:
+    if not row["tried"]:
+        return "not tried"
+    return f"**broken {len(row['wrong'])} times**" if row["wrong"] else "held"
+
+
+def trial(result: Record) -> str:
+    rows: list[Record] = result["rows"]
+    extra = list(dict.fromkeys(name for row in rows for name in row["extra"]))
+    heads = ["promise", "where", "tried", *extra, "result"]
+    lines = [
+        [
+            row["promise"], row["where"], f"{number(row['tried'])} {row['unit']}",
+            *(number(row["extra"][name]) if name in row["extra"] else "" for name in extra), verdict(row),
+        ]
+        for row in rows
+    ]  # fmt: skip
+    return table(heads, lines) + f"\nOf commit {result['commit']} ({result['date']}), seed {result['seed']}, {result['machine']}.\n"
+
+
+def missing(name: str) -> str:
+    return f"Not tried yet; `bench/proof {name}` does.\n"
+
+
+def summary(results: dict[str, Record]) -> str:
+    lines = []
+    for name, result in results.items():
+        rows = result["rows"]
+        for unit in dict.fromkeys(row["unit"] for row in rows):
+            chosen = [row for row in rows if row["unit"] == unit]
+            wrong = sum(len(row["wrong"]) for row in chosen)
+            lines.append([f"[{name}](#{name})", unit, number(sum(row["tried"] for row in chosen)), number(wrong)])
+    return table(["trial", "of", "tried", "in which a promise was broken"], lines)
+
+
+def peers(rows: list[Record]) -> str:
+    chosen = [row for row in rows if row["measure"] in ("chain", "readers", "size")]
+    lines = [
+        [row["what"], f"{row['ratio']:.2f}", f"{row['limit']:.2f}", "met" if row["met"] else "**missed**"] for row in chosen
+    ]
+    return table(["measured (beside)", "ratio", "aim", ""], lines)
+
+
+def attacks(records: list[Record]) -> str:
+    return table(["class", "tried by", "result"], [[record["class"], record["tried"], record["result"]] for record in records])
+
+
+def versions(results: dict[str, Record]) -> str:
+    newest = max(results.values(), key=lambda result: result["date"])
+    return table(["what", "version"], [[name, version] for name, version in newest["versions"].items()])
+
+
+def read(path: Path) -> object | None:
+    return json.loads(path.read_text()) if path.exists() else None
+
+
+def text(source: Path, directory: Path) -> str:
+    """The page as the results make it."""
+    template = (source / TEXT).read_text()
+    names = [name for _, name, _ in PART.findall(template)]
+    results = {name: found for name in names if (found := read(directory / f"{name}.json")) and "rows" in found}
+    others: dict[str, Callable[[], str]] = {
+        "summary": lambda: summary(results),
+        "peers": lambda: peers(read(source / MEASURED)),
+        "attacks": lambda: attacks(read(source / ATTACKS)),
+        "versions": lambda: versions(results),
+    }
+
+    def made(name: str) -> str:
+        if name in results:
+            return trial(results[name])
+        return others[name]() if name in others else missing(name)
+
+    return PART.sub(lambda match: match[1] + made(match[2]) + match[3], template)
+
+
+def write(source: Path, directory: Path) -> None:
+    (source / PAGE).write_text(text(source, directory))
