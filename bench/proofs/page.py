@@ -1,4 +1,4 @@
-"""docs/proof.md, from what the trials found and from the text in bench/proof.md."""
+"""docs/proof.md, from what the trials found and from the text in bench/proof.md; and the three figures in README.md."""
 
 from __future__ import annotations
 
@@ -8,8 +8,10 @@ from collections.abc import Callable
 from pathlib import Path
 
 PART = re.compile(r"(<!-- bench/proof: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL)
+TRIALS = ("power", "faults", "readers", "input", "soak")
 TEXT = Path("bench/proof.md")
 PAGE = Path("docs/proof.md")
+README = Path("README.md")
 MEASURED = Path("docs/performance/rows.json")
 ATTACKS = Path("docs/proof/attacks.json")
 
@@ -80,13 +82,23 @@ def read(path: Path) -> object | None:
     return json.loads(path.read_text()) if path.exists() else None
 
 
-def text(source: Path, directory: Path) -> str:
-    """The page as the results make it."""
-    template = (source / TEXT).read_text()
-    names = [name for _, name, _ in PART.findall(template)]
-    results = {name: found for name in names if (found := read(directory / f"{name}.json")) and "rows" in found}
+def figures(results: dict[str, Record]) -> str:
+    def tried(name: str) -> str:
+        return number(sum(row["tried"] for row in results[name]["rows"])) if name in results else "0"
+
+    wrong = sum(len(row["wrong"]) for result in results.values() for row in result["rows"])
+    days = results["soak"]["rows"][0]["tried"] if "soak" in results else 0
+    return (
+        f"[Proof](docs/proof.md): {tried('power')} power cuts, {tried('faults')} system calls that failed or were the last, "
+        f"and {number(days)} days of a device's life broke a promise {number(wrong)} times.\n"
+    )
+
+
+def filled(template: str, source: Path, directory: Path) -> str:
+    results = {name: found for name in TRIALS if (found := read(directory / f"{name}.json"))}
     others: dict[str, Callable[[], str]] = {
         "summary": lambda: summary(results),
+        "figures": lambda: figures(results),
         "peers": lambda: peers(read(source / MEASURED)),
         "attacks": lambda: attacks(read(source / ATTACKS)),
         "versions": lambda: versions(results),
@@ -100,5 +112,21 @@ def text(source: Path, directory: Path) -> str:
     return PART.sub(lambda match: match[1] + made(match[2]) + match[3], template)
 
 
+def texts(source: Path, directory: Path) -> dict[Path, str]:
+    """The page and the README as the results make them."""
+    return {
+        source / page: filled((source / template).read_text(), source, directory)
+        for page, template in ((PAGE, TEXT), (README, README))
+    }
+
+
 def write(source: Path, directory: Path) -> None:
-    (source / PAGE).write_text(text(source, directory))
+    for path, text in texts(source, directory).items():
+        path.write_text(text)
+
+
+def agrees(source: Path, directory: Path) -> bool:
+    different = [path for path, text in texts(source, directory).items() if path.read_text() != text]
+    for path in different:
+        print(f"{path}: the figures are not those of the trials")
+    return not different

@@ -119,6 +119,7 @@ class Life:
         if self._chance(3):
             self._away_until = self.day + self._source.randrange(1, 4)
             self.counts["outages"] += 1
+        self._reach(not self._is_away())
         if self._chance(5):
             empty(RUN)
             self.counts["restarts"] += 1
@@ -146,8 +147,8 @@ class Life:
             self._ask("update", NAME)
         self._control("volume", "unmounting", str(self.volume))
         there = [path for path in self._volumes if self._installed(path).exists()]
-        if there != [others[0]]:
-            self._say_wrong(f"the database is on {there} after a move to {others[0]}")
+        if len(there) != 1 or there == [self.volume]:
+            self._say_wrong(f"the database is on {there} after a move from {self.volume}")
         self.volume = there[0]
         self._volumes.append(self._volumes.pop(0))
         self.counts["moves"] += 1
@@ -168,7 +169,10 @@ class Life:
         victim.write_bytes(content)
         if programs.run(programs.CTL, "check", NAME).status != FIX_NEEDED:
             self._say_wrong(f"check did not find that {victim} was changed")
-        self._ask("fix", NAME)
+        fixed = self._ask("fix", NAME)
+        if fixed.status != 0:
+            self._say_wrong(fixed)
+        self._judge_state()
         self.counts["damages"] += 1
 
     # Updates
