@@ -1,0 +1,87 @@
+"""The scenarios of bench/fleet.json, simulated by the program fleet_model."""
+
+from __future__ import annotations
+
+import json
+import re
+import resource
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+PARAMETERS = Path(__file__).resolve().parent / "fleet.json"
+UNITS = {"ms": 0.001, "s": 1, "min": 60, "h": 3600, "d": 86400}
+DURATION = re.compile(r"-?\d+(?:ms|s|min|h|d)(?: \d+(?:ms|s|min|h|d))*")
+
+Json = dict[str, object]
+
+
+def seconds(text: str) -> float:
+    """The seconds of "10d 9h" or "-1d"."""
+    sign = -1 if text.startswith("-") else 1
+    return sign * sum(float(number) * UNITS[unit] for number, unit in re.findall(r"(\d+)([a-z]+)", text))
+
+
+def in_seconds(value: object) -> object:
+    """The same with durations as numbers."""
+    if isinstance(value, dict):
+        return {name: item if name == "name" else in_seconds(item) for name, item in value.items()}
+    if isinstance(value, list):
+        return [in_seconds(item) for item in value]
+    return seconds(value) if isinstance(value, str) and DURATION.fullmatch(value) else value
+
+
+def merged(base: Json, changes: Json) -> Json:
+    """Objects are merged member by member; anything else is replaced."""
+    result = dict(base)
+    for name, value in changes.items():
+        old = result.get(name)
+        result[name] = merged(old, value) if isinstance(old, dict) and isinstance(value, dict) else value
+    return result
+
+
+def scenarios(is_brief: bool) -> dict[str, Json]:
+    described = json.loads(PARAMETERS.read_text())
+    last = described["brief"] if is_brief else {}
+    return {
+        name: in_seconds(merged(merged(described["base"], changes), last))
+        for name, changes in described["scenarios"].items()
+    }
+
+
+def simulate(build: Path, parameters: Json) -> Json:
+    """What fleet_model prints for these parameters."""
+    with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
+        json.dump(parameters, file)
+        file.flush()
+        command = [str(build / "bench/fleet_model"), file.name]
+        return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout)
+
+
+def share_at_origin(result: Json) -> float:
+    return result["origin"]["requests"] / result["caches"]["requests"]
+
+
+def peak(result: Json) -> float:
+    """The busiest minute at the caches by the mean of all minutes."""
+    return result["caches"]["busiest_minute"] / result["caches"]["mean_minute"]
+
+
+def run(build: Path, is_brief: bool, names: list[str]) -> Json:
+    """The results by the names of the scenarios; all of them, or those whose names begin with one of these."""
+    results: Json = {}
+    for name, parameters in scenarios(is_brief).items():
+        if names and not any(name.startswith(wanted) for wanted in names):
+            continue
+        begin = time.monotonic()
+        results[name] = simulate(build, parameters)
+        results[name]["wall_seconds"] = round(time.monotonic() - begin, 1)
+        # Of the largest child so far, which says something about the largest fleet alone.
+        results[name]["largest_rss_bytes"] = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss * 1024
+        print(
+            f"{name:36} origin {100 * share_at_origin(results[name]):8.4f} %, busiest minute {peak(results[name]):5.2f} times"
+            f" the mean, {results[name]['wall_seconds']:.1f} s",
+            flush=True,
+        )
+    return results
