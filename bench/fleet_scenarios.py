@@ -3,11 +3,10 @@
 from __future__ import annotations
 
 import json
+import os
 import re
-import resource
 import subprocess
 import tempfile
-import time
 from pathlib import Path
 
 PARAMETERS = Path(__file__).resolve().parent / "fleet.json"
@@ -26,7 +25,7 @@ def seconds(text: str) -> float:
 def in_seconds(value: object) -> object:
     """The same with durations as numbers."""
     if isinstance(value, dict):
-        return {name: item if name == "name" else in_seconds(item) for name, item in value.items()}
+        return {name: in_seconds(item) for name, item in value.items()}
     if isinstance(value, list):
         return [in_seconds(item) for item in value]
     return seconds(value) if isinstance(value, str) and DURATION.fullmatch(value) else value
@@ -51,12 +50,31 @@ def scenarios(is_brief: bool) -> dict[str, Json]:
 
 
 def simulate(build: Path, parameters: Json) -> Json:
-    """What fleet_model prints for these parameters."""
-    with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
+    """What fleet_model prints for these parameters, and what it took."""
+    with tempfile.NamedTemporaryFile("w", suffix=".json") as file, tempfile.TemporaryFile("w+") as said:
         json.dump(parameters, file)
         file.flush()
-        command = [str(build / "bench/fleet_model"), file.name]
-        return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout)
+        program = subprocess.Popen([str(build / "bench/fleet_model"), file.name], stdout=said)
+        _, status, used = os.wait4(program.pid, 0)
+        program.returncode = os.waitstatus_to_exitcode(status)
+        if program.returncode != 0:
+            raise SystemExit(f"bench/fleet: fleet_model ended with {program.returncode}")
+        said.seek(0)
+        result = json.load(said)
+    result["processor_seconds"] = round(used.ru_utime + used.ru_stime, 1)
+    result["peak_rss_bytes"] = used.ru_maxrss * 1024
+    return result
+
+
+def without_unused(name: str, result: Json) -> Json:
+    """Leaves out the series that no plot shows."""
+    for where in ("caches", "origin", "shield"):
+        for series in ("hourly", "hourly_bytes", "detail") if where != "caches" else ("hourly", "hourly_bytes"):
+            result.get(where, {}).pop(series, None)
+    for number, version in enumerate(result["versions"]):
+        if number != 2 or not name.startswith("timer "):
+            version.pop("reached_each_ten_minutes")
+    return result
 
 
 def share_at_origin(result: Json) -> float:
@@ -74,14 +92,10 @@ def run(build: Path, is_brief: bool, names: list[str]) -> Json:
     for name, parameters in scenarios(is_brief).items():
         if names and not any(name.startswith(wanted) for wanted in names):
             continue
-        begin = time.monotonic()
-        results[name] = simulate(build, parameters)
-        results[name]["wall_seconds"] = round(time.monotonic() - begin, 1)
-        # Of the largest child so far, which says something about the largest fleet alone.
-        results[name]["largest_rss_bytes"] = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss * 1024
+        results[name] = without_unused(name, simulate(build, parameters))
         print(
             f"{name:36} origin {100 * share_at_origin(results[name]):8.4f} %, busiest minute {peak(results[name]):5.2f} times"
-            f" the mean, {results[name]['wall_seconds']:.1f} s",
+            f" the mean, {results[name]['processor_seconds']:.1f} s",
             flush=True,
         )
     return results

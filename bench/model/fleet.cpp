@@ -137,17 +137,16 @@ void Fleet::Visit(std::uint32_t device, Moment time) {
 	state.version = newest;
 }
 
-/** The age is told in whole seconds, as the file system and the clock give it to the device. */
 bool Fleet::RenewDocument(std::uint32_t device, Device& state, Moment time) {
-	const std::int64_t second = (time + parameters_.begin_milliseconds) / kSecond;
-	if (state.has_document && second - state.document_second <= parameters_.device_document_seconds) {
+	const Moment age = time - state.document_milliseconds;
+	if (state.has_document && age <= parameters_.device_document_seconds * kSecond) {
 		++doings_.fresh_documents;
 		return true;
 	}
 	const Answer answer = CacheOf(device).Ask({true, static_cast<std::uint16_t>(ChannelOf(device))}, time);
 	state.has_document = answer.status == Status::kOk;
 	state.document = answer.edition;
-	state.document_second = static_cast<std::uint32_t>(second);
+	state.document_milliseconds = static_cast<std::uint32_t>(time);
 	return state.has_document;
 }
 

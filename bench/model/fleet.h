@@ -62,7 +62,7 @@ public:
 private:
 	/** Small, because there are ten million. */
 	struct Device {
-		std::uint32_t document_second = 0;
+		std::uint32_t document_milliseconds = 0;
 		std::uint32_t last_run_second = 0;
 		EditionNumber document = 0;
 		Version version = kNothing;

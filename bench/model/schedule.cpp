@@ -73,6 +73,16 @@ Span Presence::BlackOut(std::uint32_t device, std::size_t outage) const {
 	return {about.span.begin, about.span.end + Part(late, about.spread)};
 }
 
+bool Presence::IsAfterOutage(std::uint32_t device, Moment begin) const {
+	for (std::size_t outage = 0; outage < parameters_.outages.size(); ++outage) {
+		const Span off = BlackOut(device, outage);
+		if (off.begin < off.end && off.end == begin) {
+			return true;
+		}
+	}
+	return false;
+}
+
 Span Presence::SpanAfter(std::uint32_t device, Moment time) const {
 	const Habit& habit = parameters_.habits[HabitOf(device)];
 	const Span away = Away(device, habit);
@@ -120,7 +130,7 @@ Moment Schedule::First(std::uint32_t device) const {
 }
 
 Moment Schedule::AfterPause(std::uint32_t device, Moment calendar, Moment begin, Moment elapse) const {
-	if (parameters_.habits[presence_.HabitOf(device)].resumes) {
+	if (parameters_.habits[presence_.HabitOf(device)].resumes && !presence_.IsAfterOutage(device, begin)) {
 		return std::max(elapse, begin);
 	}
 	const bool is_missed = calendar < begin;

@@ -34,6 +34,8 @@ public:
 	[[nodiscard]] Moment ZoneOf(std::uint32_t device) const {
 		return parameters_.zones[Choose(parameters_.zones, chance_.Of(device, Question::kZone))].offset;
 	}
+	/** Whether a device that is on from a moment was off until then for an outage, after which all boot. */
+	[[nodiscard]] bool IsAfterOutage(std::uint32_t device, Moment begin) const;
 	/** Whether an outage concerns a device. */
 	[[nodiscard]] bool IsHit(std::uint32_t device, std::size_t outage) const;
 

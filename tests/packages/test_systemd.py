@@ -43,7 +43,7 @@ def run_update(machine: Machine) -> list[str]:
 def test_the_timer_has_a_moment_of_its_own(systemd: Machine) -> None:
     assert "tarndbud-update.timer" in systemd.do(OPERATIONS.code("shell", "Scheduling"))
     assert property_of(systemd, "tarndbud-update.timer", "RandomizedDelayUSec") == "6h"
-    assert property_of(systemd, "tarndbud-update.timer", "FixedRandomDelay") == "yes"
+    assert property_of(systemd, "tarndbud-update.timer", "FixedRandomDelay") == "no"
     assert property_of(systemd, "tarndbud-update.timer", "NextElapseUSecRealtime") != ""
     assert property_of(systemd, "tarndbud-init.service", "ActiveState") == "active"
 

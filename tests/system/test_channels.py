@@ -262,7 +262,7 @@ class RolloutProxy(Nginx):
         block = re.sub(r"listen \S+;", f"listen {self.netloc};", template)
         block = re.sub(r"proxy_pass \S+;", f"proxy_pass {self._origin.url};", block)
         block = re.sub(r"proxy_cache_path \S+", f"proxy_cache_path {directory}", block)
-        return with_rollout(block.replace("200 10s", "200 3600s"), PROXIED, self._conf)
+        return with_rollout(block.replace("200 10m", "200 3600s"), PROXIED, self._conf)
 
 
 def test_the_caching_proxy_keeps_the_two_documents_apart(

@@ -37,8 +37,8 @@ class Administrator:
             " release": f" {home}/release",
             " examples/hook": f" {SOURCE}/examples/hook",
             " examples/check": f" {SOURCE}/examples/check",
-            "17 * * * * root ": "",
-            "0-1800": "0-0",
+            "17 */6 * * * root ": "",
+            "0-21599": "0-0",
         }
         self._walkthrough = Walkthrough(home, places)
 

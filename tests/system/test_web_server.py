@@ -60,7 +60,7 @@ class CachingProxy(Nginx):
             r"listen \S+;": (f"listen {self.netloc};", 1),
             r"proxy_pass \S+;": (f"proxy_pass {self._origin.url};", 2),
             r"proxy_cache_path \S+": (f"proxy_cache_path {directory}", 1),
-            r"proxy_cache_valid 200 10s;": (f"proxy_cache_valid 200 {self._document_seconds}s;", 1),
+            r"proxy_cache_valid 200 10m;": (f"proxy_cache_valid 200 {self._document_seconds}s;", 1),
         }
         for old, (new, wanted) in changes.items():
             template, count = re.subn(old, new, template)

@@ -141,6 +141,19 @@ TEST(FleetSchedule, ADeviceThatSleepsRunsWhenItWakes) {
 	EXPECT_EQ(runs[2] / kMinute, (2 * kDay + 8 * kHour) / kMinute);
 }
 
+TEST(FleetSchedule, AfterABlackoutADeviceThatSleptBootsAsWell) {
+	Parameters parameters = Plain();
+	parameters.habits[0].resumes = true;
+	parameters.outages = {{Place::kDevices, {2 * kDay, 3 * kDay}, 1, 0}};
+	int at_once = 0;
+	for (std::uint32_t device = 0; device < 200; ++device) {
+		for (const Moment time : Runs(parameters, device)) {
+			at_once += time >= 3 * kDay && time < 3 * kDay + 2 * kMinute ? 1 : 0;
+		}
+	}
+	EXPECT_LT(at_once, 20);
+}
+
 TEST(FleetSchedule, DevicesThatWereBlackedOutRunWithinTheDelayAfterIt) {
 	Parameters parameters = Plain();
 	parameters.outages = {{Place::kDevices, {2 * kDay, 3 * kDay}, 1, 0}};
