@@ -7,6 +7,7 @@ import os
 import re
 import subprocess
 import tempfile
+from collections.abc import Callable
 from pathlib import Path
 
 PARAMETERS = Path(__file__).resolve().parent / "fleet.json"
@@ -86,16 +87,15 @@ def peak(result: Json) -> float:
     return result["caches"]["busiest_minute"] / result["caches"]["mean_minute"]
 
 
-def run(build: Path, is_brief: bool, names: list[str]) -> Json:
-    """The results by the names of the scenarios; all of them, or those whose names begin with one of these."""
-    results: Json = {}
+def run(build: Path, is_brief: bool, names: list[str], keep: Callable[[Json], None]) -> None:
+    """All scenarios, or those whose names begin with one of these; each result is kept at once, by its name."""
     for name, parameters in scenarios(is_brief).items():
         if names and not any(name.startswith(wanted) for wanted in names):
             continue
-        results[name] = without_unused(name, simulate(build, parameters))
+        result = without_unused(name, simulate(build, parameters))
+        keep({name: result})
         print(
-            f"{name:36} origin {100 * share_at_origin(results[name]):8.4f} %, busiest minute {peak(results[name]):5.2f} times"
-            f" the mean, {results[name]['processor_seconds']:.1f} s",
+            f"{name:36} origin {100 * share_at_origin(result):8.4f} %, busiest minute {peak(result):5.2f} times the mean, "
+            f"{result['processor_seconds']:.1f} s of processor time",
             flush=True,
         )
-    return results
