@@ -95,8 +95,13 @@ void Catalogue::Show(const Publication& what, Edition edition) {
 	channels_[ChannelNumber(what.channel)].push_back(static_cast<EditionNumber>(editions_.size() - 1));
 }
 
-/** The next version, with the diff package to it where a chain goes on. */
-void Catalogue::Extend(Edition edition, const Publication& what) {
+/** A chain goes on from whichever channel has the version before. */
+void Catalogue::Publish(const Publication& what) {
+	Edition edition = Current(what.channel);
+	for (const Channel& channel : parameters_.channels) {
+		const Edition other = Current(channel.name);
+		edition = other.newest == last_ && edition.newest != last_ ? other : edition;
+	}
 	const bool goes_on = edition.newest == last_ && last_ != kNothing && what.diff_bytes > 0;
 	edition.newest = ++last_;
 	const std::string number = std::to_string(last_);
@@ -108,16 +113,6 @@ void Catalogue::Extend(Edition edition, const Publication& what) {
 	}
 	Trim(edition);
 	Show(what, std::move(edition));
-}
-
-/** A chain goes on from whichever channel has the version before. */
-void Catalogue::Publish(const Publication& what) {
-	Edition edition = Current(what.channel);
-	for (const Channel& channel : parameters_.channels) {
-		const Edition other = Current(channel.name);
-		edition = other.newest == last_ && edition.newest != last_ ? other : edition;
-	}
-	Extend(std::move(edition), what);
 }
 
 void Catalogue::Promote(const Publication& what) {
@@ -135,26 +130,30 @@ void Catalogue::Withdraw(const Publication& what) {
 	if (good < 1 || good >= edition.newest) {
 		throw std::invalid_argument("no version " + std::to_string(good) + " to go back to");
 	}
-	const Withdrawal withdrawal = {what.at, static_cast<Version>(good + 1), edition.newest};
-	withdrawals_.push_back(withdrawal);
-	const std::string by = "w" + std::to_string(last_ + 1);
+	withdrawals_.push_back({what.at, static_cast<Version>(good + 1), edition.newest});
+	const std::string by = "w" + std::to_string(++last_);
 	const int kept = std::max(good - edition.oldest_diff + 1, 0);
-	for (auto at = static_cast<std::size_t>(kept); at < edition.diffs.size(); ++at) {
+	for (std::size_t at = static_cast<std::size_t>(kept); at < edition.diffs.size(); ++at) {
 		const std::string name = "d" + std::to_string(edition.oldest_diff + at) + by;
 		edition.diffs[at] = Add(name, parameters_.document.empty_diff_bytes, what.at);
 	}
-	HideFullPackages(withdrawal);
-	Extend(std::move(edition), what);
-}
-
-void Catalogue::HideFullPackages(const Withdrawal& withdrawal) {
 	for (Package& package : packages_) {
-		for (int version = withdrawal.first; version <= withdrawal.last; ++version) {
+		for (int version = good + 1; version <= edition.newest; ++version) {
 			if (package.name == "v" + std::to_string(version)) {
-				package.there.end = std::min(package.there.end, withdrawal.at);
+				package.there.end = std::min(package.there.end, what.at);
 			}
 		}
 	}
+	const bool goes_on = last_ == edition.newest + 1 && what.diff_bytes > 0;
+	edition.newest = last_;
+	edition.full = Add("v" + std::to_string(last_), what.full_bytes, what.at);
+	if (goes_on) {
+		edition.diffs.push_back(Add("d" + std::to_string(last_), what.diff_bytes, what.at));
+	} else {
+		edition.diffs.clear();
+	}
+	Trim(edition);
+	Show(what, std::move(edition));
 }
 
 /** Diff packages that no document names any more are deleted; full ones stay. */

@@ -62,8 +62,6 @@ private:
 	void Publish(const Publication& what);
 	void Promote(const Publication& what);
 	void Withdraw(const Publication& what);
-	void Extend(Edition edition, const Publication& what);
-	void HideFullPackages(const Withdrawal& withdrawal);
 	[[nodiscard]] Edition Current(const std::string& channel) const;
 	PackageNumber Add(std::string name, std::uint64_t bytes, Moment at);
 	void Trim(Edition& edition) const;
