@@ -6,12 +6,15 @@ import json
 import re
 from pathlib import Path
 
-from bench import fleet_scenarios
+from bench import fleet_aims, fleet_scenarios
+from bench.fleet_cells import count, hours, latency, percent, size, table
 
 SOURCE = Path(__file__).resolve().parent.parent
 TEXT = SOURCE / "bench/fleet.md"
 PAGE = SOURCE / "docs/fleet.md"
 PART = re.compile(r"(<!-- bench/fleet: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL)
+FIGURE = re.compile(r"\{\{(\w+)\}\}")
+"""A number within a sentence of the text."""
 SIZES = ("fleet 10^4", "fleet 10^6", "fleet 10^7")
 RELEASE = 2
 """The index of the release by which spreading is told: the one on the eleventh day."""
@@ -19,33 +22,6 @@ MINUTE = 60
 MISSING = "not measured yet"
 
 Json = dict[str, object]
-
-
-def table(heads: list[str], lines: list[list[str]]) -> str:
-    return "\n".join(f"| {' | '.join(cells)} |" for cells in (heads, ["---"] * len(heads), *lines)) + "\n"
-
-
-def size(number: float) -> str:
-    for unit in ("B", "kB", "MB", "GB", "TB"):
-        if number < 1000:
-            break
-        number /= 1000
-    return f"{number:.3g} {unit}"
-
-
-def count(number: float) -> str:
-    return f"{number:,.0f}" if number >= 100 else f"{number:.3g}"
-
-
-def percent(share: float) -> str:
-    number = 100 * share
-    return f"{number:.3f} %" if number < 1 else f"{number:.1f} %"
-
-
-def hours(seconds: float | None) -> str:
-    if seconds is None:
-        return "not within the month"
-    return f"{seconds / 3600:.1f} h" if seconds < 48 * 3600 else f"{seconds / 86400:.1f} d"
 
 
 def spread(result: Json, version: int = RELEASE) -> list[str]:
@@ -57,18 +33,24 @@ def fleets(results: Json) -> str:
     lines = []
     for name in SIZES:
         if name not in results:
-            lines.append([name.removeprefix("fleet "), MISSING, "", "", "", "", ""])
+            lines.append([name.removeprefix("fleet "), MISSING, "", "", "", "", "", "", ""])
             continue
         result = results[name]
         caches, origin = result["caches"], result["origin"]
+        share = fleet_scenarios.share_at_origin(result)
         lines.append([
-            f"{result['devices']:,}", count(caches["requests"] / 30), count(caches["mean_minute"] / MINUTE),
-            f"{fleet_scenarios.peak(result):.2f}", percent(fleet_scenarios.share_at_origin(result)),
-            percent(origin["bytes"] / caches["bytes"]), size(origin["bytes"]),
+            f"{result['devices']:,}", *(rate for place in (caches, origin) for rate in rates(place, result["seconds"])),
+            f"{100 * (1 - share):.3f} %", percent(share), percent(origin["bytes"] / caches["bytes"]),
+            f"{fleet_scenarios.peak(result):.2f}",
         ])  # fmt: skip
-    heads = ["devices", "requests a day", "a second", "busiest minute / mean", "requests at the origin", "bytes at the origin",
-             "origin's bytes in 30 days"]  # fmt: skip
+    heads = ["devices", "caches: requests/s", "bytes/s", "origin: requests/s", "bytes/s", "hit ratio",
+             "origin's share of requests", "of bytes", "busiest minute / mean"]  # fmt: skip
     return table(heads, lines)
+
+
+def rates(place: Json, seconds: float) -> list[str]:
+    """Requests and bytes a second, as a mean of the whole time."""
+    return [count(place["requests"] / seconds), size(place["bytes"] / seconds)]
 
 
 def release_cost(result: Json) -> tuple[float, float]:
@@ -114,7 +96,7 @@ def timers(results: Json) -> str:
 TIMERS = ("daily, 6 h, fixed", "daily, 24 h, fixed", "daily, 24 h", "12 h, 12 h", "6 h, 6 h, fixed", "6 h, 6 h",
           "hourly, 30 min", "hourly, 1 h")  # fmt: skip
 LIFETIMES = ("none", "10 s", "1 min", "10 min", "1 h", "10 min, shield")
-EVENTS = ("blackout", "blackout, timer daily, 6 h, fixed", "blackout, timer hourly, 1 min", "blackout, empty caches",
+EVENTS = ("blackout", "blackout, a million devices", "blackout, timer daily, 6 h, fixed", "blackout, timer hourly, 1 min", "blackout, empty caches",
           "blackout, empty caches, no lock", "origin down for a day", "caches out of reach for a day")  # fmt: skip
 
 
@@ -142,8 +124,10 @@ def withdrawals(results: Json) -> str:
         lines.append([
             text, percent(withdrawal["took_before"] / devices), percent(withdrawal["took_after"] / devices),
             hours(result["versions"][-1]["seconds_until"]["90"]), size(result["doings"]["chain_bytes"] / devices),
+            f"{fleet_scenarios.peak(result):.2f}",
         ])  # fmt: skip
-    heads = ["documents live", "took it before", "took it after", "90 % have the withdrawal's version after", "packages, a device"]
+    heads = ["documents live", "took it before", "took it after", "90 % have the withdrawal's version after",
+             "packages, a device", "busiest minute / mean"]  # fmt: skip
     return table(heads, lines)
 
 
@@ -153,21 +137,25 @@ def events(results: Json) -> str:
         result = results[name]
         caches, doings = result["caches"], result["doings"]
         lines.append([
-            name, f"{fleet_scenarios.peak(result):.2f}", count(caches["busiest_second"]),
+            name, f"{result['devices']:,}", f"{fleet_scenarios.peak(result):.2f}", count(caches["busiest_second"]),
             count(result["origin"]["busiest_minute"]), count(result["origin"]["busiest_second"]),
             percent((doings["unreachable"] + doings["without_document"] + doings["failed"]) / doings["runs"]), *spread(result)[:2],
         ])  # fmt: skip
-    heads = ["what happens", "busiest minute / mean", "caches' busiest second", "origin's busiest minute",
+    heads = ["what happens", "devices", "busiest minute / mean", "caches' busiest second", "origin's busiest minute",
              "origin's busiest second", "runs that failed", "50 %", "90 %"]  # fmt: skip
     return table(heads, lines)
 
 
 def canary(results: Json) -> str:
-    names = {"lifetime 10 min": "one document", "canary, promoted after a day": "two channels, 5 % on the canary"}
+    names = {
+        "lifetime 10 min": "one document", "canary, promoted after a day": "two channels, 5 % on the canary",
+        "canary, a million devices": "two channels, 5 % on the canary",
+    }  # fmt: skip
     return table(
-        ["", "origin's requests a day", "share"],
+        ["channels", "devices", "origin's requests a day", "share"],
         [
-            [text, count(results[name]["origin"]["requests"] / 30), percent(fleet_scenarios.share_at_origin(results[name]))]
+            [text, f"{results[name]['devices']:,}", count(results[name]["origin"]["requests"] / 30),
+             percent(fleet_scenarios.share_at_origin(results[name]))]
             for name, text in names.items()
         ],
     )
@@ -177,10 +165,10 @@ def reality(found: Json | None) -> str:
     if not found:
         return MISSING + "\n"
     return table(
-        ["where", "what", "real", "model", "off", "within 2 %"],
+        ["where", "what", "real", "model", "off", "within 2 %", "model by the script alone", "off"],
         [
             [row["where"], row["what"], f"{row['real']:,}", f"{row['model']:,}", f"{100 * row['off']:+.2f} %",
-             "yes" if row["met"] else "**no**"]
+             "yes" if row["met"] else "**no**", f"{row['planned']:,}", f"{100 * (row['planned'] / row['real'] - 1):+.2f} %"]
             for row in found["rows"]
         ],
     )  # fmt: skip
@@ -197,7 +185,7 @@ def load(found: Json | None) -> str:
             [
                 row["by"], f"{row['what']}, {size(row['size'])}", f"{row['connections']:,}", f"{row['rate']:,.0f}",
                 size(row["bytes"] / row["microseconds"] * 1e6), f"{row['errors'] + row['timeouts']:.0f}",
-                *(f"{row[share] / 1000:.3g} ms" for share in ("p50", "p99", "p999")),
+                *(latency(row[share]) for share in ("p50", "p99", "p999")),
                 f"{100 * row['server_share']:.0f} %, {100 * row['client_share']:.0f} %",
             ]
             for row in found["rows"]
@@ -231,8 +219,37 @@ def conditions_of_reality(found: Json | None) -> str:
         return ""
     return (
         f"{found['runs']:,} runs of {found['devices']} devices in {found['seconds']} s, {len(found['failures'])} of them failed; "
+        f"the latest began {found['latest_seconds']:.2f} s after its moment; "
         f"load average of the machine: {found['load']:.1f}.\n"
     )
+
+
+def aims(found: list[fleet_aims.Aim]) -> str:
+    return table(
+        ["what", "aim", "found", ""],
+        [[aim.what, aim.limit, aim.found, "met" if aim.met else "**missed**"] for aim in found],
+    )
+
+
+def figures(results: Json) -> dict[str, str]:
+    """Those of the sentences."""
+    small, million, largest = (results.get(name) for name in SIZES)
+    if not (small and million and largest):
+        return {}
+    each = million["caches"]["requests"] / million["devices"] / 30
+    documents = 10 * 86400 / 600
+    with_canary = results["canary, a million devices"]
+    share = fleet_scenarios.share_at_origin(with_canary)
+    return {
+        "requests_each": f"{each:.1f}",
+        "aim_of_small": f"{small['caches']['requests'] / 30 * fleet_aims.MOST_AT_ORIGIN:.0f}",
+        "mean_minute_of_small": f"{small['caches']['mean_minute']:.0f}",
+        "least_devices": f"{round(documents / fleet_aims.MOST_AT_ORIGIN / each, -4):,.0f}",
+        "least_each": f"{round(documents / 10 / fleet_aims.MOST_AT_ORIGIN / each, -3):,.0f}",
+        "least_with_canary": f"{round(with_canary['devices'] * share / fleet_aims.MOST_AT_ORIGIN, -4):,.0f}",
+        "largest_rate": f"{largest['caches']['mean_minute'] / MINUTE:.0f}",
+        "largest_release": size(release_cost(largest)[1]),
+    }
 
 
 def parts(results: Json, real: Json | None, loaded: Json | None) -> dict[str, str]:
@@ -240,7 +257,7 @@ def parts(results: Json, real: Json | None, loaded: Json | None) -> dict[str, st
         "fleets": fleets(results), "releases": releases(results), "timers": timers(results), "lifetimes": lifetimes(results),
         "withdrawals": withdrawals(results), "events": events(results), "canary": canary(results), "reality": reality(real),
         "reality_conditions": conditions_of_reality(real), "load": load(loaded), "load_conditions": conditions(loaded),
-        "speed": speed(results),
+        "speed": speed(results), "aims": aims(fleet_aims.aims(results, real, loaded)),
     }  # fmt: skip
 
 
@@ -253,14 +270,22 @@ def write(place: Path, only_check: bool) -> bool:
     results = kept(place, "scenarios")
     if results is None:
         raise SystemExit(f"bench/fleet: {place}/scenarios.json is missing: run bench/fleet simulate")
-    made = parts(results, kept(place, "reality"), kept(place, "load"))
-    wanted = PART.sub(lambda match: match[1] + made[match[2]] + match[3], TEXT.read_text())
+    real, loaded = kept(place, "reality"), kept(place, "load")
+    wanted = filled(TEXT.read_text(), results, parts(results, real, loaded))
+    missed = [aim.what for aim in fleet_aims.aims(results, real, loaded) if not aim.met]
+    print("\n".join(f"missed: {what}" for what in missed) or "all aims are met")
     if only_check:
         is_same = PAGE.read_text() == wanted
-        print("the tables agree" if is_same else f"{PAGE}: the tables are not those of the measurements")
-        return is_same
+        print("the page agrees" if is_same else f"{PAGE}: the figures are not those of the measurements")
+        return is_same and not missed
     from bench import fleet_plots
 
     PAGE.write_text(wanted)
     fleet_plots.draw(results, place)
-    return True
+    return not missed
+
+
+def filled(text: str, results: Json, made: dict[str, str]) -> str:
+    numbers = figures(results)
+    text = FIGURE.sub(lambda match: numbers[match[1]] if numbers else MISSING, text)
+    return PART.sub(lambda match: match[1] + made[match[2]] + match[3], text)

@@ -179,13 +179,19 @@ def parameters_for(script: Script, shop: Shop, done: Executed) -> dict[str, obje
     )
 
 
+def as_planned(script: Script, shop: Shop, done: Executed) -> Executed:
+    """What would have been done on a machine where everything happens at its moment."""
+    shown = [float(publication["at"]) for publication in shop.publications if publication["at"] >= 0]
+    return Executed([(run.at, None, run.device) for run in script.runs], begin=done.begin, shown=shown)
+
+
 def counted(server: UpdateServer) -> dict[str, int]:
     answered = server.answered()
     return {"requests": len(answered), "bytes": sum(sent for _, _, sent in answered)}
 
 
 def compare(
-    real: dict[str, dict[str, int]], model: dict[str, object], slack: dict[str, int]
+    real: dict[str, dict[str, int]], model: dict[str, object], planned: dict[str, object], slack: dict[str, int]
 ) -> list[dict[str, object]]:
     """With some slack in numbers, where a single request is more than the tolerance."""
     rows = []
@@ -194,7 +200,10 @@ def compare(
             measured, expected = real[where][what], model[where][what]
             off = expected / measured - 1
             is_met = abs(off) <= TOLERANCE or abs(expected - measured) <= slack[what]
-            rows.append({"where": where, "what": what, "real": measured, "model": expected, "off": off, "met": is_met})
+            rows.append({
+                "where": where, "what": what, "real": measured, "model": expected, "off": off, "met": is_met,
+                "planned": planned[where][what],
+            })  # fmt: skip
     return rows
 
 
@@ -217,7 +226,10 @@ def run(build: Path, place: Path, count: int) -> dict[str, object]:
     parameters = parameters_for(script, shop, done)
     largest = max(int(publication.get("full_bytes", 0)) for publication in shop.publications)
     slack = {"requests": 2, "bytes": largest} if count < BRIEF_RUNS else {"requests": 0, "bytes": 0}
-    rows = compare(real, fleet_scenarios.simulate(build, parameters), slack)
+    planned = parameters_for(script, shop, as_planned(script, shop, done))
+    rows = compare(
+        real, fleet_scenarios.simulate(build, parameters), fleet_scenarios.simulate(build, planned), slack
+    )
     shutil.rmtree(place / "devices")
     return {
         "runs": len(done.runs), "devices": script.devices, "seconds": round(script.seconds), "rows": rows,

@@ -6,6 +6,7 @@ import json
 import os
 import subprocess
 import sys
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
@@ -14,7 +15,9 @@ SOURCE = Path(__file__).resolve().parents[2]
 FLEET = SOURCE / "bench/fleet"
 sys.path.insert(0, str(SOURCE))
 
-from bench import fleet_page, fleet_scenarios  # noqa: E402
+from bench import fleet_aims, fleet_page, fleet_scenarios  # noqa: E402
+
+KEPT = SOURCE / "docs/fleet"
 
 
 @pytest.fixture
@@ -71,9 +74,55 @@ def test_every_scenario_can_be_simulated(build: Path, tmp_path: Path) -> None:
     assert "| 1,000 |" in fleet_page.parts(kept, None, None)["fleets"]
 
 
-def test_the_page_has_the_figures_that_were_measured(build: Path) -> None:
+def test_the_page_has_the_figures_that_were_measured_and_they_meet_the_aims(build: Path) -> None:
     result = fleet(build, "check")
     assert result.returncode == 0, result.stdout + result.stderr
+
+
+def measured(name: str) -> dict[str, object]:
+    return json.loads((KEPT / f"{name}.json").read_text())
+
+
+def test_the_same_parameters_give_the_figures_that_were_kept(build: Path) -> None:
+    name = "fleet 10^4"
+    found = fleet_scenarios.simulate(build, fleet_scenarios.scenarios(is_brief=False)[name])
+    kept = measured("scenarios")[name]
+    assert all(found["caches"][member] == value for member, value in kept["caches"].items() if member != "detail")
+    assert found["origin"]["requests"] == kept["origin"]["requests"]
+    assert found["doings"] == kept["doings"]
+
+
+@pytest.mark.parametrize(
+    ("spoil", "missed"),
+    [
+        (lambda fleets, _real, _load: fleets["fleet 10^7"]["origin"].update(requests=10**9), "ten million devices: requests"),
+        (lambda fleets, _real, _load: fleets["fleet 10^6"]["caches"].update(busiest_minute=10**6), "a million devices: busiest"),
+        (lambda fleets, _real, _load: fleets["fleet 10^7"].update(peak_rss_bytes=4 * 10**9), "simulating ten million devices: memory"),
+        (lambda fleets, _real, _load: fleets.pop("fleet 10^7"), "ten million devices"),
+        (lambda _fleets, real, _load: real["rows"][0].update(met=False), "requests and bytes"),
+        (lambda _fleets, real, _load: real["rows"][0].update(planned=0), "moments of the script"),
+        (lambda _fleets, real, _load: real.update(runs=1999), "runs"),
+        (lambda _fleets, _real, load: load["rows"][0].update(errors=1), "requests that failed"),
+    ],
+    ids=["share", "peak", "memory", "not measured", "agreement", "by plan", "runs", "errors"],
+)  # fmt: skip
+def test_a_figure_beyond_an_aim_is_told(spoil: Callable[..., object], missed: str) -> None:
+    kept = [measured(name) for name in ("scenarios", "reality", "load")]
+    assert all(aim.met for aim in fleet_aims.aims(*kept))
+    spoil(*kept)
+    assert any(missed in aim.what for aim in fleet_aims.aims(*kept) if not aim.met)
+
+
+def test_the_examples_answer_every_request_under_load(clean_device: None, build: Path, tmp_path: Path) -> None:
+    if os.environ["TARN_SANDBOX"] != "overlay":
+        pytest.skip("needs a network of its own")
+    result = fleet(build, "--brief", "--keep", tmp_path, "load")
+    assert result.returncode == 0, result.stdout + result.stderr
+    rows = json.loads((tmp_path / "load.json").read_text())["rows"]
+    assert {(row["by"], row["what"]) for row in rows} == {
+        (by, what) for by in ("update server", "caching proxy") for what in ("document", "diff package", "full package")
+    }
+    assert all(row["requests"] > 0 and row["errors"] + row["timeouts"] == 0 for row in rows)
 
 
 def test_the_model_agrees_with_the_real_client(clean_device: None, build: Path, tmp_path: Path) -> None:
