@@ -16,6 +16,7 @@ PART = re.compile(r"(<!-- bench/fleet: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL
 FIGURE = re.compile(r"\{\{(\w+)\}\}")
 """A number within a sentence of the text."""
 SIZES = ("fleet 10^4", "fleet 10^6", "fleet 10^7")
+WITHOUT_DIFFS = "full packages, a million devices"
 RELEASE = 2
 """The index of the release by which spreading is told: the one on the eleventh day."""
 MINUTE = 60
@@ -53,27 +54,32 @@ def rates(place: Json, seconds: float) -> list[str]:
     return [count(place["requests"] / seconds), size(place["bytes"] / seconds)]
 
 
-def release_cost(result: Json) -> tuple[float, float]:
-    """What the packages of one release are at the caches: requests, and bytes."""
+def release_cost(result: Json, joined: int = 0) -> tuple[float, float]:
+    """What the packages of one release are at the caches, without those of devices that join: requests, and bytes."""
     doings = result["doings"]
     releases = len(result["versions"]) - 1
-    return doings["diffs"] / releases, doings["chain_bytes"] / releases
+    if doings["diffs"]:
+        return doings["diffs"] / releases, doings["chain_bytes"] / releases
+    updates = 1 - joined / doings["fulls"]
+    return updates * doings["fulls"] / releases, updates * doings["full_bytes"] / releases
 
 
 def releases(results: Json) -> str:
     lines = []
-    for name in SIZES:
+    joined = results[SIZES[1]]["doings"]["fulls"] if SIZES[1] in results else 0
+    for name in (*SIZES, WITHOUT_DIFFS):
         if name not in results:
-            lines.append([name.removeprefix("fleet "), MISSING, "", "", "", "", ""])
+            lines.append([name.removeprefix("fleet "), MISSING, "", "", "", "", "", ""])
             continue
         result = results[name]
-        requests, sent = release_cost(result)
+        requests, sent = release_cost(result, joined)
         documents = result["caches"]["bytes"] - result["doings"]["chain_bytes"] - result["doings"]["full_bytes"]
         lines.append([
-            f"{result['devices']:,}", count(requests), size(sent), size(result["caches"]["busiest_minute_bytes"] / MINUTE) + "/s",
+            f"{result['devices']:,}", "full" if name == WITHOUT_DIFFS else "diff", count(requests), size(sent),
+            size(result["caches"]["busiest_minute_bytes"] / MINUTE) + "/s",
             size(result["origin"]["busiest_minute_bytes"] / MINUTE) + "/s", size(documents / 30), ", ".join(spread(result)),
         ])  # fmt: skip
-    heads = ["devices", "downloads", "bytes from the caches", "busiest minute, caches", "busiest minute, origin",
+    heads = ["devices", "packages", "downloads", "bytes from the caches", "busiest minute, caches", "busiest minute, origin",
              "documents a day", "50, 90, 99 % have it after"]  # fmt: skip
     return table(heads, lines)
 
