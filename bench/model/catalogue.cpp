@@ -133,7 +133,7 @@ void Catalogue::Withdraw(const Publication& what) {
 	withdrawals_.push_back({what.at, static_cast<Version>(good + 1), edition.newest});
 	const std::string by = "w" + std::to_string(++last_);
 	const int kept = std::max(good - edition.oldest_diff + 1, 0);
-	for (std::size_t at = static_cast<std::size_t>(kept); at < edition.diffs.size(); ++at) {
+	for (auto at = static_cast<std::size_t>(kept); at < edition.diffs.size(); ++at) {
 		const std::string name = "d" + std::to_string(edition.oldest_diff + at) + by;
 		edition.diffs[at] = Add(name, parameters_.document.empty_diff_bytes, what.at);
 	}

@@ -8,7 +8,7 @@ namespace tarn::fleet {
 namespace {
 
 Json::Value Number(std::uint64_t number) {
-	return Json::Value(static_cast<Json::UInt64>(number));
+	return {static_cast<Json::UInt64>(number)};
 }
 
 template<typename Count>
@@ -52,10 +52,10 @@ Json::Value TimeUntil(const std::vector<std::uint32_t>& reached, Moment from, do
 	for (std::size_t minute = 0; minute < reached.size(); ++minute) {
 		count += reached[minute];
 		if (static_cast<double>(count) >= wanted) {
-			return Json::Value((static_cast<double>(minute + 1) * kMinute - static_cast<double>(from)) / kSecond);
+			return {(static_cast<double>(minute + 1) * kMinute - static_cast<double>(from)) / kSecond};
 		}
 	}
-	return Json::Value();
+	return {};
 }
 
 std::uint64_t CountFrom(const std::vector<std::uint32_t>& counts, Moment time) {
@@ -84,7 +84,7 @@ Json::Value DescribeVersion(const Parameters& parameters, const Fleet& fleet, Ve
 		result["seconds_until"][name] = TimeUntil(spread.reached, offered, share * static_cast<double>(followers));
 	}
 	constexpr std::size_t kStep = 10;
-	constexpr std::size_t kLongest = 7 * 1440;
+	constexpr std::size_t kLongest = std::size_t{7} * 1440;
 	const auto begin = static_cast<std::size_t>(std::max<Moment>(offered, 0) / kMinute);
 	result["reached_each_ten_minutes"] = Summed(spread.reached, begin, begin + kLongest, kStep);
 	return result;
