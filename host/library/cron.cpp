@@ -71,7 +71,8 @@ bool TakePart(std::string part, const Range& allowed, Field& field) {
 	if (!range || !step || *step < 1) {
 		return false;
 	}
-	for (int value = range->first; value <= range->last; value += *step) {
+	// A wider step names the first value alone.
+	for (int value = range->first; value <= range->last; value += std::min(*step, kMostValues)) {
 		field.values.set(static_cast<std::size_t>(value));
 	}
 	return true;
