@@ -42,6 +42,8 @@ TEST_F(NextRunTest, FindsTheNextMinuteOfALine) {
 	EXPECT_EQ(NextCronTime("*/20 3,5 * * * root x", At(3, 41)), At(5, 0));
 	EXPECT_EQ(NextCronTime("10-30/10 6 * * * root x", At(6, 11)), At(6, 20));
 	EXPECT_EQ(NextCronTime("@daily root x", At(6, 11)), At(0, 0, 0, 23));
+	// A step beyond the field's end names the first value alone.
+	EXPECT_EQ(NextCronTime("5-30/2147483647 * * * * root x", At(6, 6)), At(7, 5));
 }
 
 TEST_F(NextRunTest, ObeysDaysOfMonthAndWeek) {
