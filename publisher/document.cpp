@@ -61,6 +61,11 @@ Json::Value ToJson(const std::map<int, DiffFile>& files) {
 	return list;
 }
 
+/** The writer replaces bytes that are no UTF-8, and halves of a pair: a database could lose its name. */
+bool CanBeWritten(const Json::Value& value) {
+	return ParseJson(JsonText(value, "")) == value;
+}
+
 void EnsureDeprecatedFlag(Json::Value& place) {
 	if (!place["deprecated"].isBool()) {
 		place["deprecated"] = false;
@@ -124,6 +129,11 @@ void Document::Parse(const std::string& text) {
 	if (!std::as_const(value_)["db_list"].isObject()) {
 		throw DamagedDocument("The document " + path_ +
 		                      " has no \"db_list\" object and is left as it is; repair it, or rebuild it by " +
+		                      RestoreCommand(path_) + ".");
+	}
+	if (!CanBeWritten(value_)) {
+		throw DamagedDocument("The document " + path_ +
+		                      " holds text that is no UTF-8 and is left as it is; repair it, or rebuild it by " +
 		                      RestoreCommand(path_) + ".");
 	}
 }

@@ -9,7 +9,10 @@
 
 #include <tarnsdk/volume.h>
 
+#include <json/value.h>
+
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -150,6 +153,18 @@ void RequireKinds(const std::string& path, const std::string& section, const Jso
 	}
 }
 
+/**
+ * Whoever sets a value writes all others too, and the library's writer replaces bytes that are no UTF-8, and cuts names
+ * at a zero byte.
+ */
+bool CanBeWritten(const Json::Value& value) {
+	const UniqueFd file(memfd_create("settings", MFD_CLOEXEC));
+	const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
+	const dataupdate::IOUtils io;
+	io.WriteJson(path, value);
+	return io.ReadJson(path) == value;
+}
+
 void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const Kinds& kinds) {
 	const std::optional<Json::Value> decoded = Decode(io, path);
 	if (!decoded) {
@@ -161,6 +176,9 @@ void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const
 	}
 	for (const std::string& section : root.getMemberNames()) {
 		RequireKinds(path, section, root[section], kinds);
+	}
+	if (!CanBeWritten(root)) {
+		RefuseSettings(path, "it holds text that is no UTF-8, or a name with a zero byte");
 	}
 }
 

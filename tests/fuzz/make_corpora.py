@@ -47,6 +47,7 @@ def document() -> Inputs:
         "diffs-name": changed(diff_files={"3x": diff}), "diffs-twice": changed(diff_files={"3": diff, "03": diff}),
         "diffs-size": changed(diff_files={"3": {**diff, "file_size": 1 << 40}}), "diffs-null": changed(diff_files={"3": None}),
         "escapes": changed(data_version="\u0007\u001b[31m"), "surrogate": b'{"db_list":{"geo":{"data_version":"\\ud800"}}}',
+        "name-latin": b'{"db_list":{"caf\xe9":{"data_version":"3"}}}', "name-half": b'{"db_list":{"x\\udc00":{"data_version":"3"}}}',
         "controls": b'{"db_list":{"geo":{"data_version":"\x1b[2J","download_link":"\xff"}}}',
     }  # fmt: skip
 
@@ -67,7 +68,8 @@ def settings() -> Inputs:
     }  # fmt: skip
     inputs = {name: (b"\0" if name[0] == "s" else b"\1") + text(value) for name, value in files.items()}
     raw = {"s-no-file": b"\0", "s-cut": b'\0{"config"', "s-deep": b"\0" + b"[" * 1100, "d-comment": b"\1{} // end",
-           "s-lines": b'\0{\n"config":\n{\n"a\\u0062c":\n1}}', "d-twice": b'\1{"geo":{},"geo":{"x":1}}'}  # fmt: skip
+           "s-lines": b'\0{\n"config":\n{\n"a\\u0062c":\n1}}', "d-twice": b'\1{"geo":{},"geo":{"x":1}}',
+           "s-latin": b'\0{"config":{"db_netloc":"caf\xe9"}}', "s-half": b'\0{"config":{"x\\udc00":1}}'}  # fmt: skip
     return {**inputs, **raw}
 
 

@@ -1,5 +1,6 @@
-// Hostile settings of the administrator's: what the host lets pass, the library can use. The input is a byte that says
-// which of the two files it is, and the file. Writes to the machine's own paths, so it is run in scripts/sandbox.
+// Hostile settings of the administrator's: what the host lets pass, the library can use, and changes one by one. The
+// input is a byte that says which of the two files it is, and the file. Writes to the machine's own paths, so it is run
+// in scripts/sandbox.
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "entry.h"
@@ -58,6 +59,15 @@ void ReadAll() {
 	}
 }
 
+/** Whoever writes a setting leaves the others as they are. */
+void WriteOne() {
+	Json::Value expected = IOUtils().ReadJson(tarn::dataupdate::kServiceOverride);
+	const auto config = std::make_shared<Config>(std::make_shared<IOUtils>());
+	ServiceConfig(config).SetCurVolume("/volume2");
+	expected["config"]["cur_volume"] = "/volume2";
+	Require(IOUtils().ReadJson(tarn::dataupdate::kServiceOverride) == expected, "other settings stay");
+}
+
 void CheckUnknown(std::string_view text) {
 	const auto lines = 1 + static_cast<unsigned int>(std::count(text.begin(), text.end(), '\n'));
 	for (const tarn::ctl::UnknownSetting& unknown : tarn::ctl::FindUnknownSettings()) {
@@ -67,7 +77,7 @@ void CheckUnknown(std::string_view text) {
 }
 
 bool LayOut() {
-	for (const char* directory : {"/usr/share/data_update", "/usr/tarn/etc/data_update"}) {
+	for (const char* directory : {"/run/data_update", "/usr/share/data_update", "/usr/tarn/etc/data_update"}) {
 		std::filesystem::create_directories(directory);
 	}
 	for (const char* path : {tarn::dataupdate::kServiceDefaults, tarn::dataupdate::kDatabaseDefaults}) {
@@ -88,9 +98,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 	const std::string_view text = tarn::test::Text(data + 1, size - 1);
 	tarn::test::Put(tarn::dataupdate::kServiceOverride, is_service ? text : "{}");
 	tarn::test::Put(tarn::dataupdate::kDatabaseOverride, is_service ? "{}" : text);
+	CheckUnknown(text);
 	if (IsUsable()) {
 		ReadAll();
+		WriteOne();
 	}
-	CheckUnknown(text);
 	return 0;
 }

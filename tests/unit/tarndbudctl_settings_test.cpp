@@ -117,6 +117,8 @@ struct Case {
 	const char* reason;
 };
 
+constexpr char kCannotBeWritten[] = "it holds text that is no UTF-8, or a name with a zero byte";
+
 class WrongSettingsTest : public SettingsTest, public testing::WithParamInterface<Case> {};
 
 TEST_P(WrongSettingsTest, AreNamed) {
@@ -127,6 +129,9 @@ TEST_P(WrongSettingsTest, AreNamed) {
 INSTANTIATE_TEST_SUITE_P(Values, WrongSettingsTest,
     testing::Values(Case{kService, "null", "it must hold an object"}, Case{kDatabases, "[]", "it must hold an object"},
         Case{kService, R"({"config":"x"})", "'config' must be an object"},
+        Case{kService, "{\"config\":{\"cur_volume\":\"/volume\xe9\"}}", kCannotBeWritten},
+        Case{kDatabases, R"({"x\udc00":{}})", kCannotBeWritten},
+        Case{kDatabases, R"({"x\u0000y":{}})", kCannotBeWritten},
         Case{kService, R"({"config":{"digest_threads":"2"}})",
             "'digest_threads' of 'config' must be a whole number from 0 to 4294967295"},
         Case{kService, R"({"config":{"scheduled_full_packages":"sometimes"}})",

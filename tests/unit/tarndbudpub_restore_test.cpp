@@ -134,6 +134,14 @@ TEST_F(Restoring, BeginsADamagedDocumentAnewAndKeepsItsText) {
 	EXPECT_EQ(Publish().data_version, 3) << "the text that was kept is no document";
 }
 
+TEST_F(Restoring, LeavesADocumentAsItIsThatItCannotWrite) {
+	PublishUpTo(2);
+	const std::string damaged = "{\"db_list\": {\"caf\xe9\": {\"data_version\": \"7\"}}}";
+	WriteFile(DocumentPath(), damaged);
+	EXPECT_THAT(PublishError(), HasSubstr("holds text that is no UTF-8 and is left as it is"));
+	EXPECT_EQ(ReadFile(DocumentPath()), damaged);
+}
+
 TEST_F(Restoring, NamesTheNewestPackageThatCanBeUsedAndWarnsOfTheOthers) {
 	PublishUpTo(4);
 	fs::remove(DocumentPath());
