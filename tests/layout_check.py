@@ -38,6 +38,8 @@ SEES = {
     "host/terminal": ("host/terminal", "base", "dataupdate/*.h", *C_HEADERS),
     "publisher": ("publisher", "base", "archive", "decoder", "kit"),
     "publisher/device.cpp": ("publisher", "dataupdate"),
+    "publisher/document.cpp": ("publisher", "base"),
+    "publisher/json_text.cpp": ("publisher", "base"),
 }
 
 

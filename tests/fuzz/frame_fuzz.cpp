@@ -1,9 +1,9 @@
 // Hostile frames of a payload: the decompressor fills exactly the frame or ends with an error of its own, and does the
-// same each time.
-#include "frame_fuzz.h"
-
+// same each time. The input is three bytes with the unpacked size (little endian), a byte whose remainder is the
+// codec's number, and the packed bytes.
 #include "archive/codec.h"
 #include "base/error.h"
+#include "entry.h"
 #include "promise.h"
 
 #include <algorithm>

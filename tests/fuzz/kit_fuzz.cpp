@@ -1,8 +1,7 @@
 // Hostile kits: the reader hands out parts as its table describes them or ends with an error of its own, and whatever
-// it accepts can be written again as the same members.
-#include "kit_fuzz.h"
-
+// it accepts can be written again as the same members. The input is the kit.
 #include "base/error.h"
+#include "entry.h"
 #include "in_memory.h"
 #include "kit/layout.h"
 #include "kit/reader.h"

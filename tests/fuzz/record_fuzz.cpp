@@ -1,7 +1,7 @@
-// Hostile records: whatever is read entry by entry is what a parser of whole documents finds in the same bytes.
-#include "record_fuzz.h"
-
+// Hostile records: whatever is read entry by entry is what a parser of whole documents finds in the same bytes. The
+// input is the record.
 #include "base/record_entries.h"
+#include "entry.h"
 #include "in_memory.h"
 
 #include <nlohmann/json.hpp>

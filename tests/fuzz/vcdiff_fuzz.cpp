@@ -1,7 +1,8 @@
-// Hostile patches: the decoder ends with a result or an error of its own, the same whatever its buffers' sizes.
-#include "vcdiff_fuzz.h"
-
+// Hostile patches: the decoder ends with a result or an error of its own, the same whatever its buffers' sizes. The
+// input is two bytes that say (little endian) how many of the bytes after them are the source, the source, and the
+// patch.
 #include "decoder/decode.h"
+#include "entry.h"
 #include "promise.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "base/record_entries.h"
 #include "corpus.h"
-#include "record_fuzz.h"
+#include "entry.h"
 #include "temporary_directory.h"
 
 #include <gmock/gmock.h>

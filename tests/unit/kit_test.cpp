@@ -1,10 +1,10 @@
 #include "base/error.h"
 #include "base/sha2.h"
 #include "corpus.h"
+#include "entry.h"
 #include "kit/layout.h"
 #include "kit/reader.h"
 #include "kit/writer.h"
-#include "kit_fuzz.h"
 #include "temporary_directory.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
 // What the fuzz target of frames begins with, and what it has found worth keeping, is decompressed in every run.
 #include "corpus.h"
-#include "frame_fuzz.h"
+#include "entry.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // What the fuzz target has found worth keeping is decoded in every run.
 #include "corpus.h"
-#include "vcdiff_fuzz.h"
+#include "entry.h"
 
 #include <gtest/gtest.h>
 
