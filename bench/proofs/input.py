@@ -69,6 +69,9 @@ def build(trial: Trial) -> None:
         result = subprocess.run(command, cwd=SOURCE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         if result.returncode:
             raise RuntimeError("the fuzz targets cannot be built:\n" + result.stdout[-4000:])
+    built = {path.name.removesuffix("_fuzz") for path in (BUILD / "tests/fuzz").glob("*_fuzz")}
+    if forgotten := built ^ {target.name for target in TARGETS}:
+        raise RuntimeError(f"fuzz targets that are not built, or have no row here: {', '.join(sorted(forgotten))}")
 
 
 def program(target: Target) -> list[str]:
