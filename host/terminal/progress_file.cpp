@@ -136,14 +136,15 @@ std::optional<ProgressRecord> ReadProgress() {
 	std::ifstream file(kProgressFile);
 	Json::Value object;
 	const Json::CharReaderBuilder builder;
-	if (!file || !Json::parseFromStream(builder, file, &object, nullptr) || !object.isObject()) {
-		return std::nullopt;
-	}
 	try {
+		if (!file || !Json::parseFromStream(builder, file, &object, nullptr) || !object.isObject()) {
+			return std::nullopt;
+		}
 		ProgressRecord record = Parse(object);
-		const bool lives = record.process > 0 && kill(static_cast<pid_t>(record.process), 0) == 0;
+		const auto process = static_cast<pid_t>(record.process);
+		const bool lives = process > 0 && process == record.process && kill(process, 0) == 0;
 		return lives ? std::optional(std::move(record)) : std::nullopt;
-	} catch (const Json::Exception&) {
+	} catch (const Json::Exception&) { // Of other types, or nested too deeply.
 		return std::nullopt;
 	}
 }

@@ -179,6 +179,8 @@ def state() -> Inputs:
     files = {"data_version": "7", "rebuilt_from_disk": False, "files": {"a": {"sha384_digest": digest, "size": 5}, "b": {"link_target": "a"}}}
     run = {"operation": "update", "time": 5, "exit_status": 3, "seconds": 1.5, "downloaded_bytes": 7, "downloaded_total": 9,
            "failure": "x", "last_success": 4}  # fmt: skip
+    progress = {"id": "geo", "line": "x", "phase": "x", "package": 1, "packages": 2, "bytes": 3, "whole_bytes": 4, "process": 1}
+    failure = {"operation": "update", "time": 5, "exit_status": 3, "error": "x"}
     values = {
         "0-whole": status, "0-none": {**status, "file_statuses": {}}, "0-number": {**status, "data_version": 7}, "0-array": [status],
         "0-letters": {**status, "data_version": "7x"}, "0-minus": {**status, "data_version": "-7"}, "0-more": {**status, "x": 1},
@@ -192,9 +194,12 @@ def state() -> Inputs:
         "2-whole": {"up_to": 5, "since": 9}, "2-all": {"up_to": None}, "2-minus": {"up_to": -1}, "2-text": {"up_to": "5"}, "2-none": {}, "2-array": [5],
         "3-whole": {"version": 5, "time": 9, "message": "x"}, "3-text": {"version": "5"}, "3-large": {"version": 1 << 40}, "3-array": [], "3-real": {"time": 1e300},
         "4-whole": run, "4-minus": {**run, "downloaded_bytes": -1}, "4-real": {**run, "time": 1e300}, "4-text": {**run, "seconds": "x"}, "4-done": {**run, "exit_status": 0},
+        "5-whole": progress, "5-array": [progress], "5-large": {**progress, "process": 1 << 32 | 1}, "5-minus": {**progress, "bytes": -1}, "5-line": {**progress, "line": "\n\u001b[2J"},
+        "6-whole": {"data_version": 7, "published": 5}, "6-real": {"data_version": 7.0, "published": 1e300}, "7-whole": failure, "7-text": {**failure, "time": "x"}, "7-line": {**failure, "error": "\n\u001b[2J"},
     }  # fmt: skip
     raw = {"0-cut": b'\0{"data_version"', "0-zero": b"\0" + text(status) + b"\0", "0-twice": b'\0{"data_version":"1","data_version":"2","file_statuses":{},"last_fetch_time":5}',
-           "1-cut": b"\1" + text(files)[:-3], "2-deep": b"\2" + b"[" * 1100, "2-extra": b'\2{"up_to":5}}', "4-deep": b"\4" + b"[" * 1100}  # fmt: skip
+           "1-cut": b"\1" + text(files)[:-3], "2-deep": b"\2" + b"[" * 1100, "2-extra": b'\2{"up_to":5}}', "4-deep": b"\4" + b"[" * 1100,
+           "5-deep": b"\5" + b"[" * 1100}  # fmt: skip
     return {**{name: bytes([int(name[0])]) + text(value) for name, value in values.items()}, **raw}
 
 

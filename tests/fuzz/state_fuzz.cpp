@@ -8,8 +8,10 @@
 #include "host/library/checked_info_getter.h"
 #include "host/library/hold.h"
 #include "host/library/installed_files.h"
+#include "host/library/installed_package.h"
 #include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
+#include "host/terminal/progress_file.h"
 #include "scratch.h"
 
 #include <array>
@@ -73,6 +75,20 @@ void ReadRun() {
 	static_cast<void>(tarn::ctl::ReadRunRecord(kId));
 }
 
+void ReadShown() {
+	const auto progress = tarn::ctl::ReadProgress();
+	Require(!progress || (tarn::test::IsOneLine(progress->line) && progress->process > 0), "progress is one line");
+}
+
+void ReadPublished() {
+	static_cast<void>(tarn::ctl::PublicationTime(kId, 7));
+}
+
+void ReadFailed() {
+	const auto failure = tarn::ctl::ReadFailureRecord(kId);
+	Require(!failure || tarn::test::IsOneLine(failure->sentence), "a failure is one line");
+}
+
 struct Record {
 	std::string path;
 	void (*read)();
@@ -81,10 +97,13 @@ struct Record {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-	static const std::array<Record, 5> kRecords = {Record{tarn::dataupdate::StatusPath(kId), CompareReaders},
+	static const std::array<Record, 8> kRecords = {Record{tarn::dataupdate::StatusPath(kId), CompareReaders},
 	    Record{tarn::ctl::InstalledFilesPath(kId), ReadFiles}, Record{tarn::ctl::HoldPath(kId), ReadHeld},
-	    Record{tarn::ctl::RejectionPath(kId), ReadRefusal}, Record{tarn::ctl::RunRecordPath(kId), ReadRun}};
+	    Record{tarn::ctl::RejectionPath(kId), ReadRefusal}, Record{tarn::ctl::RunRecordPath(kId), ReadRun},
+	    Record{tarn::ctl::kProgressFile, ReadShown}, Record{tarn::ctl::InstalledPackagePath(kId), ReadPublished},
+	    Record{tarn::dataupdate::StatePath(kId, "last_failure.json"), ReadFailed}};
 	std::filesystem::create_directories(std::filesystem::path(kRecords.front().path).parent_path());
+	std::filesystem::create_directories(tarn::dataupdate::kLockDirectory);
 	if (size > 0) {
 		const Record& record = kRecords.at(data[0] % kRecords.size());
 		tarn::test::Put(record.path, tarn::test::Text(data + 1, size - 1));

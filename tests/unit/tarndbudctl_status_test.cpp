@@ -3,6 +3,7 @@
 #include "host/library/installed_package.h"
 #include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
+#include "host/terminal/progress_file.h"
 #include "host/terminal/text.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
@@ -11,6 +12,9 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <unistd.h>
+
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <sstream>
@@ -132,6 +136,18 @@ TEST_F(StatusTest, TellsOfAFirstInstallationThatWasKilledAtTheMark) {
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       -          5        unfinished     -    yes"));
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("zip       -          5        not installed  -    yes"));
 	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The last replacement of its files was not finished"));
+}
+
+TEST_F(StatusTest, KnowsNoProgressByARecordThatIsNone) {
+	const std::string record = FormatProgress({"geo", "line", "phase", 1, 2, 3, 4, getpid()});
+	test::WriteFile(kProgressFile, record);
+	ASSERT_TRUE(ReadProgress().has_value());
+	for (const std::string& text :
+	    {std::string(), std::string(2000, '['), std::string("[]"), std::string(R"({"id":[]})"),
+	        std::string(R"({"process":)") + std::to_string((std::int64_t{1} << 32U) + getpid()) + "}"}) {
+		test::WriteFile(kProgressFile, text);
+		EXPECT_FALSE(ReadProgress().has_value()) << text.substr(0, 40);
+	}
 }
 
 TEST_F(StatusTest, SaysWhereDatabasesAreConfiguredWhenNoneIs) {
