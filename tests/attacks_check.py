@@ -4,8 +4,8 @@
 usage: attacks_check.py [--write] BUILD_DIRECTORY [CHECKOUT]
 
 Each attack names tests: "Suite.Test" of GoogleTest, or "tests/system/test_x.py::test_y". Fails for an attack without a
-test, for a test that does not exist or is disabled, and when docs/proof/attacks.md is not the table of these attacks;
---write writes that table. Exit status: 0 all right, 1 not, 2 usage.
+test, for a test that does not exist or is disabled, and when docs/proof/attacks.json, from which the page is made, does
+not hold these attacks; --write writes that file. Exit status: 0 all right, 1 not, 2 usage.
 """
 
 from __future__ import annotations
@@ -18,12 +18,7 @@ from pathlib import Path
 import ledger_check
 
 ATTACKS = "tests/attacks.json"
-TABLE = "docs/proof/attacks.md"
-BEGINNING = """# Attacks that are tried in every run
-
-Who attacks, how, what comes of it, and the tests that hold it. Made by `tests/attacks_check.py --write` from
-`tests/attacks.json`; a test that is renamed or removed breaks the build's own check of this table.
-"""
+TABLE = "docs/proof/attacks.json"
 
 Attack = dict[str, object]
 
@@ -46,13 +41,15 @@ def shown(test: str) -> str:
 
 
 def table(attacks: list[Attack]) -> str:
-    text = BEGINNING
-    for attacker in dict.fromkeys(str(attack["attacker"]) for attack in attacks):
-        text += f"\n## {attacker}\n\n| attack | result | tried by |\n|---|---|---|\n"
-        for attack in attacks:
-            if attack["attacker"] == attacker:
-                text += f"| {attack['attack']} | {attack['result']} | {', '.join(map(shown, attack['tests']))} |\n"
-    return text
+    """As the page shows them."""
+    rows = [
+        {
+            "attacker": attack["attacker"], "class": attack["attack"], "tried": ", ".join(map(shown, attack["tests"])),
+            "result": attack["result"],
+        }
+        for attack in attacks
+    ]  # fmt: skip
+    return json.dumps(rows, indent="\t", ensure_ascii=False) + "\n"
 
 
 def faults(attacks: list[Attack], tests: dict[str, bool]) -> Iterator[str]:
@@ -78,7 +75,7 @@ def main(arguments: list[str]) -> int:
         page.write_text(table(attacks))
     found = list(faults(attacks, enabled_tests(places[0], root)))
     if not page.exists() or page.read_text() != table(attacks):
-        found.append(f"{TABLE} is not the table of {ATTACKS}: run tests/attacks_check.py --write {places[0]}")
+        found.append(f"{TABLE} does not hold the attacks of {ATTACKS}: run tests/attacks_check.py --write {places[0]}")
     print("\n".join([*found, f"{len(attacks)} attacks, {len(found)} faults"]))
     return 1 if found or not attacks else 0
 
