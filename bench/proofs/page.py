@@ -70,7 +70,10 @@ def peers(rows: list[Record]) -> str:
 
 
 def attacks(records: list[Record]) -> str:
-    return table(["class", "tried by", "result"], [[record["class"], record["tried"], record["result"]] for record in records])
+    return table(
+        ["attacker", "attack", "tried by", "result"],
+        [[record["attacker"], record["class"], record["tried"], record["result"]] for record in records],
+    )
 
 
 def versions(results: dict[str, Record]) -> str:
