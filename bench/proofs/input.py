@@ -14,7 +14,6 @@ from __future__ import annotations
 import os
 import re
 import subprocess
-import time
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
@@ -57,7 +56,7 @@ TARGETS = (
     Target("repository", "A document that the publisher takes is one that it writes", ("publisher/document.cpp", "publisher/json_text.cpp")),
     Target("script", "A script changes its whole database or nothing, and leaves it sound", ("dataupdate/internal/sql_script.cpp",)),
     Target("settings", "Settings that the host lets pass can be used by the library", ("dataupdate/config.cpp", "dataupdate/service_config.cpp", "host/library/preparation.cpp", "host/library/unknown_settings.cpp")),
-    Target("state", "A database's records are understood or not, by both readers alike", ("dataupdate/large_record.cpp", "host/library/hold.cpp", "host/library/installed_files.cpp", "host/library/rejection.cpp")),
+    Target("state", "A database's records are understood or not, by both readers alike", ("dataupdate/large_record.cpp", "host/library/hold.cpp", "host/library/installed_files.cpp", "host/library/rejection.cpp", "host/terminal/progress_file.cpp")),
     Target("tar", "A tar's members stay in the destination", ("archive/extractor.cpp", "archive/members.cpp", "archive/payload.cpp")),
     Target("vcdiff", "A patch makes one result whatever the buffers, or is refused", ("decoder/code_table.cpp", "decoder/decode.cpp", "decoder/patch_header.cpp", "decoder/readers.cpp", "decoder/window.cpp")),
 )  # fmt: skip
@@ -84,18 +83,29 @@ def corpora(target: Target) -> list[str]:
     return [str(grown), str(SOURCE / "tests/fuzz/corpus" / target.name)]
 
 
-def run(trial: Trial, arguments: list[str]) -> subprocess.CompletedProcess[str]:
+@dataclass(frozen=True)
+class Run:
+    status: int
+    output: str
+    processor_seconds: float
+
+
+def run(trial: Trial, arguments: list[str]) -> Run:
     """In memory where that is possible: most readers want files, and a disk would be all that is tried."""
     memory = Path("/dev/shm")
     scratch = memory if os.access(memory, os.W_OK) else trial.scratch
-    return subprocess.run(
+    with subprocess.Popen(
         arguments, cwd=SOURCE, env={**os.environ, "TMPDIR": str(scratch)}, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, errors="replace",
-    )  # fmt: skip
+    ) as process:  # fmt: skip
+        output = process.stdout.read()
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+    return Run(process.returncode, output, usage.ru_utime + usage.ru_stime)
 
 
-def look(trial: Trial, target: Target, seconds: int) -> tuple[str, list[str]]:
-    """What the engine has said, and what it has found."""
+def look(trial: Trial, target: Target, seconds: int) -> tuple[Run, list[str]]:
+    """What the engine has done, and what it has found."""
     kept = BUILD / "found" / target.name
     kept.mkdir(parents=True, exist_ok=True)
     before = set(kept.iterdir())
@@ -106,12 +116,12 @@ def look(trial: Trial, target: Target, seconds: int) -> tuple[str, list[str]]:
         f"-artifact_prefix={kept}/", *([f"-dict={words}"] if words.exists() else []), *corpora(target),
     ]  # fmt: skip
     result = run(trial, arguments)
-    if result.returncode == 0:
-        return result.stdout, []
-    reason = REASON.search(result.stdout)
-    said = reason[0].strip() if reason else "\n".join(result.stdout.splitlines()[-KEPT_LINES:])
+    if result.status == 0:
+        return result, []
+    reason = REASON.search(result.output)
+    said = reason[0].strip() if reason else "\n".join(result.output.splitlines()[-KEPT_LINES:])
     inputs = [str(path.relative_to(SOURCE)) for path in sorted(set(kept.iterdir()) - before)]
-    return result.stdout, [f"{target.name}: {said} ({', '.join(inputs) or 'no input was kept'})"]
+    return result, [f"{target.name}: {said} ({', '.join(inputs) or 'no input was kept'})"]
 
 
 def figure(pattern: str, text: str) -> int:
@@ -121,7 +131,7 @@ def figure(pattern: str, text: str) -> int:
 
 def edges(trial: Trial, target: Target) -> tuple[int, int]:
     """Of the reader's sources, those that all inputs together pass, and all."""
-    report = run(trial, [*program(target), "-runs=0", "-print_coverage=1", *corpora(target)]).stdout
+    report = run(trial, [*program(target), "-runs=0", "-print_coverage=1", *corpora(target)]).output
     passed = [
         (int(some), int(all_of))
         for some, all_of, path in FUNCTION.findall(report)
@@ -131,14 +141,13 @@ def edges(trial: Trial, target: Target) -> tuple[int, int]:
 
 
 def try_target(trial: Trial, target: Target, seconds: int) -> Row:
-    begin = time.monotonic()
-    said, wrong = look(trial, target, seconds)
-    minutes = (time.monotonic() - begin) / 60
+    looked, wrong = look(trial, target, seconds)
+    said = looked.output
     passed, of_all = edges(trial, target)
     executions = figure(r"stat::number_of_executed_units: (\d+)", said)
     trial.say(f"{target.name}: {executions} inputs, {passed} of {of_all} edges, {len(wrong)} findings")
     extra = {
-        "minutes": round(minutes, 1), "features": figure(r" ft: (\d+)", said), "edges passed": passed, "edges": of_all,
+        "processor minutes": round(looked.processor_seconds / 60, 1), "features": figure(r" ft: (\d+)", said), "edges passed": passed, "edges": of_all,
         "inputs found": len(list((BUILD / "corpus" / target.name).iterdir())),
         "inputs in the tree": len(list((SOURCE / "tests/fuzz/corpus" / target.name).iterdir())),
         "memory, MB": figure(r"stat::peak_rss_mb:\s+(\d+)", said),
