@@ -12,7 +12,6 @@
 
 namespace {
 
-using tarn::dataupdate::DiffInfo;
 using tarn::dataupdate::IOUtils;
 using tarn::dataupdate::RemoteInfo;
 using tarn::dataupdate::UpdateError;
