@@ -31,8 +31,9 @@ json ReadInParts(const std::string& path) {
 		    whole = record;
 		    is_taken = true;
 	    }};
+	const json refused(json::value_t::discarded);
 	if (!tarn::ReadRecordEntries(path, form)) {
-		return json(json::value_t::discarded);
+		return refused;
 	}
 	Require(is_taken, "a record that is read is handed out");
 	whole[kEntries] = entries;

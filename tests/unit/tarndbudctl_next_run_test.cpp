@@ -22,6 +22,10 @@ std::time_t At(int hour, int minute, int second = 0, int day = 22) {
 }
 
 class NextRunTest : public testing::Test {
+public:
+	NextRunTest(const NextRunTest&) = delete;
+	NextRunTest& operator=(const NextRunTest&) = delete;
+
 protected:
 	NextRunTest() {
 		setenv("TZ", "UTC", 1);
@@ -31,8 +35,6 @@ protected:
 		unsetenv("TZ");
 		tzset();
 	}
-	NextRunTest(const NextRunTest&) = delete;
-	NextRunTest& operator=(const NextRunTest&) = delete;
 };
 
 TEST_F(NextRunTest, FindsTheNextMinuteOfALine) {
