@@ -31,7 +31,7 @@ json ReadInParts(const std::string& path) {
 		    whole = record;
 		    is_taken = true;
 	    }};
-	const json refused(json::value_t::discarded);
+	json refused(json::value_t::discarded);
 	if (!tarn::ReadRecordEntries(path, form)) {
 		return refused;
 	}
