@@ -1,0 +1,312 @@
+"""Operations on a machine whose disk is recorded, and what must hold on each disk that a power cut may leave."""
+
+from __future__ import annotations
+
+import ctypes
+import json
+import os
+import random
+import shutil
+import subprocess
+import tempfile
+import threading
+import time
+from collections.abc import Callable, Iterator
+from contextlib import ExitStack, contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+
+from . import programs
+from .chains import Chain
+from .device import CACHE, CONFIGURATION, DATABASE, RUN, STATUS, Device, empty
+from .packages import HandPublisher
+from .publisher import Publisher
+from .recorded_disk import Cut, Kind, Partitions, RecordingDisk, Replay, Step, steps
+from .webserver import Nginx
+
+SOURCE = Path(__file__).resolve().parents[3]
+HOST = {"state": STATUS, "cache": CACHE, "settings": CONFIGURATION}
+"""What a machine keeps of itself, by its name on the disk."""
+OLD, MAIN = 1, "@database/autoupdate"
+
+
+class ShortChain(Chain):
+    PATCHED = 3
+    CREATED = 4
+    LAST = 3
+
+
+class BroadChain(Chain):
+    """So many changes that directories are exchanged whole."""
+
+    PATCHED = 3
+    CREATED = 150
+    LAST = 2
+
+
+class Machine:
+    """A device whose state and volumes lie on one disk, and a server that does not."""
+
+    def __init__(self, kind: Kind, scratch: Path) -> None:
+        self.place = Path(tempfile.mkdtemp(dir=scratch))
+        self._stack = ExitStack()
+        self._stack.callback(shutil.rmtree, self.place)
+        self.system = self._directory("power-system-")
+        self.volume = self._directory("volume1-")
+        self.other = self._directory("volume2-")
+        self.partitions = Partitions(kind, [self.system, self.volume, self.other])
+        self.publisher = Publisher(self.place / "publisher")
+        self.nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", self.publisher.repository, self.place / "nginx")
+        self._stack.callback(self.nginx.close)
+        self.publisher.base = self.nginx.url
+        self.hand = HandPublisher(self.place / "hand", self.publisher.repository, self.nginx.url)
+        self._stack.callback(Device.reset, SOURCE / "packaging/conf")
+        Device.reset(SOURCE / "packaging/conf")
+        self.device = Device(self.volume, self.nginx.netloc)
+        self.device.list_volumes()
+        self.device.trust(self.hand.key.public)
+        self.chain: Chain = ShortChain(self.hand)
+        self._bound: list[Path] = []
+
+    def _directory(self, prefix: str) -> Path:
+        made = Path(tempfile.mkdtemp(prefix=prefix, dir="/"))
+        made.chmod(0o755)
+        self._stack.callback(made.rmdir)
+        return made
+
+    def close(self) -> None:
+        self._stack.close()
+
+    @property
+    def repository(self) -> Path:
+        """On the disk, for what publishes."""
+        return self.system / "repository"
+
+    @contextmanager
+    def mounted(self, disk: Path) -> Iterator[None]:
+        """As after a start: the locks of the time before are gone."""
+        try:
+            self.partitions.mount(disk)
+            for name, path in HOST.items():
+                (self.system / name).mkdir(exist_ok=True)
+                path.mkdir(parents=True, exist_ok=True)
+                subprocess.run(["mount", "--bind", str(self.system / name), str(path)], check=True)
+                self._bound.append(path)
+            empty(RUN)
+            yield
+        finally:
+            while self._bound:
+                subprocess.run(["umount", str(self._bound[-1])], check=True)
+                self._bound.pop()
+            self.partitions.unmount(disk)
+
+    def names(self) -> set[str]:
+        """Everything that the device keeps beside the data."""
+        trees = (*HOST.values(), *(volume / "@tmp" for volume in (self.volume, self.other)))
+        found = {str(path) for tree in trees for path in tree.rglob("*")}
+        return found | {str(path) for volume in (self.volume, self.other) for path in (volume / MAIN).glob("*")}
+
+
+class Operation:
+    """What is done, what may be found after a cut, and how the machine goes on."""
+
+    name = ""
+
+    def prepare(self, machine: Machine) -> None:
+        """Before the recording, on the mounted disk."""
+
+    def steps(self, machine: Machine) -> list[Callable[[], object]]:
+        """What is recorded: each of these has returned, and what it did must last, before the next one begins."""
+        raise NotImplementedError
+
+    def judge(self, machine: Machine, done: int) -> None:
+        """Right after the start. done: how many steps had returned before the cut."""
+        raise NotImplementedError
+
+    def go_on(self, machine: Machine) -> None:
+        """As the service does, until everything is as it should be at the end."""
+        raise NotImplementedError
+
+
+class Update(Operation):
+    """Version 1, when it is installed before, becomes the last one."""
+
+    chain: type[Chain] = ShortChain
+    installs = False
+    without: tuple[str, ...] = ()
+    command: tuple[str, ...] = ("update", DATABASE)
+    found_before = (OLD,)
+
+    def __init__(self, name: str, **changed: object) -> None:
+        self.name = name
+        for key, value in changed.items():
+            assert hasattr(self, key), key
+            setattr(self, key, value)
+
+    def prepare(self, machine: Machine) -> None:
+        machine.chain = self.chain(machine.hand)
+        machine.chain.publish_first()
+        machine.device.add_database(DATABASE)
+        if not self.installs:
+            machine.device.update(DATABASE)
+        machine.chain.publish_rest()
+        for part in self.without:
+            machine.hand.package(DATABASE, part).unlink()
+        machine.device.forget_document()
+
+    def steps(self, machine: Machine) -> list[Callable[[], object]]:
+        return [lambda: machine.device.run_ok(*self.command)]
+
+    def judge(self, machine: Machine, done: int) -> None:
+        machine.device.run_ok("status", "--json")
+        version = machine.device.version(DATABASE)
+        if machine.device.mark(DATABASE).exists():
+            assert not done, "a mark stands after the end"
+            return
+        if done:
+            assert version == machine.chain.LAST, f"version {version} after the end"
+        if version is not None:
+            assert version in (OLD, machine.chain.LAST), f"version {version}"
+            machine.chain.assert_installed(installed(machine), version)
+        else:
+            assert self.installs, "no record"
+
+    def go_on(self, machine: Machine) -> None:
+        device = machine.device
+        device.run_ok("init")
+        device.run_ok("update", DATABASE)
+        self.assert_whole(machine, machine.chain.LAST)
+
+    @staticmethod
+    def assert_whole(machine: Machine, version: int) -> None:
+        device = machine.device
+        assert device.version(DATABASE) == version
+        assert not device.mark(DATABASE).exists() and not device.plan(DATABASE).exists(), "a mark or a plan stays"
+        machine.chain.assert_installed(installed(machine), version)
+        device.run_ok("check", DATABASE)
+        device.run_ok("read", DATABASE, "--", "true")
+
+
+def installed(machine: Machine) -> Path:
+    """On the volume that the settings name, or the first on which it is."""
+    name = json.loads((CONFIGURATION / "data_update.conf").read_text())["config"]["cur_volume"]
+    places = [Path(name)] if name else [machine.volume, machine.other]
+    return next((place / MAIN / DATABASE for place in places if (place / MAIN / DATABASE).exists()), places[0] / MAIN / DATABASE)
+
+
+OPERATIONS: dict[str, Operation] = {
+    operation.name: operation
+    for operation in (
+        Update("install", installs=True),
+        Update("chain"),
+        Update("chain, whole directories", chain=BroadChain),
+        Update("fallback", without=("d3",)),
+    )
+}
+
+
+@dataclass(frozen=True)
+class Recording:
+    """An operation that was recorded: the disk before, all that happened to it, and the moments of its steps."""
+
+    operation: Operation
+    machine: Machine
+    before: Path
+    record: Path
+    recorded: list[Step]
+    begin: int
+    """How much of the record is of what was before the operation."""
+    ends: list[int]
+    """For each step how long the record was when it had returned."""
+    known: set[str]
+    """What is beside the data when all went well."""
+
+    def try_cuts(self, cuts: list[Cut], until: float = float("inf")) -> tuple[int, list[str]]:
+        """How many were tried until then, and what was wrong after them."""
+        wrong, tried = [], 0
+        replay = Replay(self.before, self.record, self.recorded, self.machine.place)
+        for cut in sorted(cuts, key=lambda cut: cut.after):
+            if time.monotonic() >= until:
+                break
+            judged = self.judgement(replay, cut)
+            wrong += [judged] * bool(judged)
+            tried += 1
+        replay.close()
+        return tried, wrong
+
+    def judgement(self, replay: Replay, cut: Cut) -> str:
+        """What is wrong after a cut, or nothing."""
+        try:
+            with replay.disk(cut) as disk, self.machine.mounted(disk):
+                self.operation.judge(self.machine, sum(end <= cut.after for end in self.ends))
+                self.operation.go_on(self.machine)
+                left = sorted(self.machine.names() - self.known)
+                assert not left, f"left behind: {left}"
+        except (AssertionError, OSError, ValueError, subprocess.CalledProcessError) as error:
+            return f"{cut}: {error!r}"
+        return ""
+
+
+class Unrest:
+    """Brings the disk up to date now and then, as other programs on the machine cause it."""
+
+    def __init__(self, places: list[Path], draw: random.Random) -> None:
+        descriptors = [os.open(place, os.O_RDONLY | os.O_DIRECTORY) for place in places]
+        libc = ctypes.CDLL(None, use_errno=True)
+        self._ended = threading.Event()
+
+        def sync() -> None:
+            while not self._ended.wait(draw.uniform(0, 0.02)):
+                libc.syncfs(draw.choice(descriptors))
+            for descriptor in descriptors:
+                os.close(descriptor)
+
+        self._thread = threading.Thread(target=sync)
+        self._thread.start()
+
+    def end(self) -> None:
+        self._ended.set()
+        self._thread.join()
+
+
+def record(operation: Operation, machine: Machine, program: Path, draw: random.Random, *, restless: bool) -> Recording:
+    """Does an operation on a new disk, and keeps all that the disk was told."""
+    image, before = machine.place / "image", machine.place / "before"
+    machine.partitions.format(image)
+    with machine.mounted(image):
+        operation.prepare(machine)
+    subprocess.run(["cp", "--sparse=always", str(image), str(before)], check=True)
+    disk = RecordingDisk(program, image, machine.place)
+    try:
+        with machine.mounted(disk.disk):
+            positions, known = _do(operation, machine, disk, draw if restless else None)
+    finally:
+        disk.close()
+        image.unlink()
+    recorded = steps(disk.record)
+    begin, *ends, last = [sum(step.at <= position for step in recorded) for position in positions]
+    return Recording(operation, machine, before, disk.record, recorded[:last], begin, ends, known)
+
+
+def _do(
+    operation: Operation, machine: Machine, disk: RecordingDisk, unrest: random.Random | None
+) -> tuple[list[int], set[str]]:
+    places = [machine.system, machine.volume, machine.other]
+    _sync(places)
+    positions = [disk.position()]
+    others = Unrest(places, unrest) if unrest else None
+    try:
+        for step in operation.steps(machine):
+            step()
+            positions.append(disk.position())
+    finally:
+        if others:
+            others.end()
+    _sync(places)
+    positions.append(disk.position())
+    operation.go_on(machine)
+    return positions, machine.names()
+
+
+def _sync(places: list[Path]) -> None:
+    subprocess.run(["sync", "--file-system", *map(str, places)], check=True)
