@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace tarn::dataupdate {
 
 namespace {
@@ -25,7 +27,8 @@ void StartAge(const char* path) {
 
 /**
  * Sets a mark for the time of a download: what a killed download leaves is no document, however new its file is. The
- * mark is not synced, because without it, as before the first download, the age alone decides.
+ * mark is not synced, because it comes to the disk before the file that is changed after it, and what is older than
+ * both is the document of before.
  */
 void MarkFetch() {
 	const UniqueFd mark(open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
@@ -35,7 +38,16 @@ bool IsFetchUnfinished() {
 	return access(kFetchMark, F_OK) == 0;
 }
 
-/** Removes the mark after every download that ends, so that the mark tells only of a process that was killed. */
+/** Whether a document is on the disk, so that a loss of power leaves no empty file that is taken for it. */
+bool Sync(const char* path) {
+	const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+	return file ? fsync(file.Get()) == 0 : errno == ENOENT;
+}
+
+/**
+ * Removes the mark after every download that ends, so that the mark tells only of a process that was killed, or of a
+ * document that could not be brought to the disk.
+ */
 void Fetch(const IOUtils& io, const std::string& url) {
 	if (IsFetchUnfinished()) {
 		unlink(kCachedInfo); // Else it would be used once the mark is gone, if this download does not begin.
@@ -48,7 +60,9 @@ void Fetch(const IOUtils& io, const std::string& url) {
 		throw;
 	}
 	StartAge(kCachedInfo);
-	unlink(kFetchMark);
+	if (Sync(kCachedInfo)) {
+		unlink(kFetchMark);
+	}
 }
 
 } // namespace

@@ -33,11 +33,12 @@ std::string FindVolume(const dataupdate::VolumeHandler& handler) {
 
 /** Does what the initialisation does, which logs its failures, and lets the failure be seen. */
 void ChooseVolume(const Services& services) {
-	dataupdate::InitService();
+	// As InitService() does, which writes the settings in place: a loss of power might leave none.
+	const dataupdate::VolumeHandler handler(services.config);
+	handler.InitVolume();
 	if (!services.config->GetCurVolume().empty()) {
 		return;
 	}
-	const dataupdate::VolumeHandler handler(services.config);
 	const std::string volume = FindVolume(handler);
 	handler.CreateDirectories(handler.GetMainDirPath(volume));
 	services.config->SetCurVolume(volume);

@@ -1,3 +1,4 @@
+#include "base/error.h"
 #include "base/file_io.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/interruption.h"
@@ -9,6 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -43,6 +46,9 @@ void SetScheduled(const Services& services, const std::string& id, bool schedule
 	const std::filesystem::path path = std::filesystem::weakly_canonical(dataupdate::kDatabaseOverride);
 	std::filesystem::create_directories(path.parent_path());
 	WriteWholeFile(path, FormatJson(sections));
+	if (!SyncDirectory(path.parent_path())) {
+		throw Error("The file " + path.string() + " cannot be written (" + std::strerror(errno) + ")");
+	}
 }
 
 void Declare(CLI::App& app, Options& options) {

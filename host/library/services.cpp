@@ -1,5 +1,7 @@
 #include "host/library/services.h"
 
+#include "base/error.h"
+#include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/messages.h"
@@ -8,6 +10,7 @@
 #include "host/library/checked_info_getter.h"
 #include "host/library/install_place.h"
 #include "host/library/package_size.h"
+#include "host/terminal/text.h"
 
 #include <tarnsdk/volume.h>
 
@@ -40,12 +43,21 @@ bool MayBeBeingWritten(const std::string& path) {
 	return clock_gettime(CLOCK_REALTIME, &now) == 0 && stat(path.c_str(), &status) == 0 && IsNew(status.st_mtim, now);
 }
 
-bool Holds(const std::string& path, const Json::Value& value) {
+void MakeParents(const std::filesystem::path& place, const std::string& path) {
+	std::error_code error;
+	std::filesystem::create_directories(place.parent_path(), error);
+	if (error) {
+		throw UpdateError("Fail to create parent folder: " + path);
+	}
+}
+
+bool TryWrite(const std::filesystem::path& place, const std::string& text) {
 	try {
-		return dataupdate::IOUtils().ReadJson(path).toStyledString() == value.toStyledString();
-	} catch (const UpdateError&) {
+		WriteWholeFile(place, text);
+	} catch (const Error&) {
 		return false;
 	}
+	return true;
 }
 
 void LimitDigestThreads(const dataupdate::Config& settings) {
@@ -117,8 +129,12 @@ Json::Value CheckedIO::ReadJson(const std::string& path) const {
 }
 
 void CheckedIO::WriteJson(const std::string& path, const Json::Value& value) const {
-	IOUtils::WriteJson(path, value);
-	if (!Holds(path, value)) {
+	// The administrator may have put a link in its place.
+	std::error_code error;
+	const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
+	const std::filesystem::path place = error ? std::filesystem::path(path) : real;
+	MakeParents(place, path);
+	if (!TryWrite(place, FormatJson(value)) || !SyncDirectory(place.parent_path())) {
 		throw UpdateError(dataupdate::messages::kCannotWrite + path);
 	}
 }

@@ -55,7 +55,10 @@ constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
 class CheckedIO : public dataupdate::IOUtils {
 public:
 	Json::Value ReadJson(const std::string& path) const override;
-	/** Also throws "Fail to write: <path>" when what is written cannot be read again, as on a full disk. */
+	/**
+	 * Replaces the file by a whole one, which is on the disk when this returns: a loss of power leaves the old content or
+	 * the new. Throws the errors of IOUtils, and "Fail to write: <path>" also when the disk is full.
+	 */
 	void WriteJson(const std::string& path, const Json::Value& value) const override;
 };
 
