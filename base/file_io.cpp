@@ -3,6 +3,7 @@
 #include "base/error.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,16 +11,45 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
+#include <system_error>
 
 namespace tarn {
 
 namespace {
 
+constexpr std::string_view kRandom = "XXXXXX";
+constexpr std::string_view kDraftEnd = ".tmp";
+
+/** Tells RemoveLeftDrafts() that a draft is not left; false when that has removed it already. */
+bool Claim(int fd) {
+	struct stat status {};
+	const bool is_free = flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+	return is_free && fstat(fd, &status) == 0 && status.st_nlink > 0;
+}
+
 Draft CreateBeside(const std::filesystem::path& path) {
-	constexpr char kSuffix[] = ".tmp";
-	std::string name = path.parent_path() / ("." + path.filename().string() + ".XXXXXX" + kSuffix);
-	UniqueFd fd(mkostemps(name.data(), static_cast<int>(std::strlen(kSuffix)), O_CLOEXEC));
-	return {std::move(fd), name};
+	while (true) {
+		std::string name = path.parent_path() / ("." + path.filename().string() + ".");
+		name.append(kRandom).append(kDraftEnd);
+		UniqueFd fd(mkostemps(name.data(), static_cast<int>(kDraftEnd.size()), O_CLOEXEC));
+		if (!fd || Claim(fd.Get())) {
+			return {std::move(fd), name};
+		}
+	}
+}
+
+bool IsDraftName(const std::string& name) {
+	const std::size_t end = kRandom.size() + kDraftEnd.size();
+	return name.size() > end + 2 && name.front() == '.' && name[name.size() - end - 1] == '.' &&
+	       name.compare(name.size() - kDraftEnd.size(), kDraftEnd.size(), kDraftEnd) == 0;
+}
+
+void RemoveUnlessClaimed(const std::string& path) {
+	const UniqueFd draft(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+	if (draft && flock(draft.Get(), LOCK_EX | LOCK_NB) == 0) {
+		unlink(path.c_str());
+	}
 }
 
 } // namespace
@@ -158,6 +188,15 @@ void WriteWholeFile(const std::string& path, const std::function<void(const Text
 	});
 	require(WriteAll(draft.Fd(), buffer.data(), buffer.size()) && fchmod(draft.Fd(), kMode) == 0 &&
 	        fsync(draft.Fd()) == 0 && draft.TakePlace(path));
+}
+
+void RemoveLeftDrafts(const std::string& directory) {
+	std::error_code error;
+	for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+		if (IsDraftName(entry->path().filename())) {
+			RemoveUnlessClaimed(entry->path());
+		}
+	}
 }
 
 } // namespace tarn

@@ -96,6 +96,9 @@ private:
  */
 void WriteWholeFile(const std::string& path, const std::string& content);
 
+/** Removes what WriteWholeFile() left in a directory when it was killed, or the power went. */
+void RemoveLeftDrafts(const std::string& directory);
+
 /** Writes pieces of text to a file; throws Error naming the path when that fails. */
 using TextSink = std::function<void(std::string_view text)>;
 

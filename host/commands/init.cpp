@@ -1,3 +1,4 @@
+#include "base/file_io.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
@@ -11,6 +12,9 @@
 #include "host/library/volume_content.h"
 
 #include <CLI/CLI.hpp>
+
+#include <filesystem>
+#include <string>
 
 namespace tarn::ctl {
 
@@ -66,6 +70,14 @@ void PrepareForReaders(const Services& services) {
 	}
 }
 
+/** Of a run that was killed, or that the power left. */
+void RemoveLeftFiles(const Services& services) {
+	RemoveLeftDrafts(std::filesystem::path(dataupdate::kServiceOverride).parent_path());
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		RemoveLeftDrafts(dataupdate::StatePath(id, ""));
+	}
+}
+
 void Declare(CLI::App& app, Options& options) {
 	DeclareJsonObject(app, options);
 }
@@ -73,6 +85,7 @@ void Declare(CLI::App& app, Options& options) {
 ExitCode Run(const Services& services, const Options& options) {
 	TellUnknownSettings(services);
 	PrepareForReaders(services);
+	RemoveLeftFiles(services);
 	Json::Value object(Json::objectValue);
 	const std::string missing = services.config->GetCurVolume().empty() ? AdoptVolume(services, object) : "";
 	const std::string volume = services.config->GetCurVolume();

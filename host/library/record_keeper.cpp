@@ -43,6 +43,7 @@ struct Beginning {
 void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
 	try {
 		std::filesystem::create_directories(path.parent_path());
+		RemoveLeftDrafts(path.parent_path());
 		WriteWholeFile(path, object.toStyledString());
 	} catch (const std::exception& error) {
 		syslog(LOG_WARNING, "The result could not be recorded: %s", error.what());

@@ -42,6 +42,25 @@ TEST_F(WholeFileTest, LeavesNothingBesideAFileThatCannotBeReplaced) {
 	EXPECT_EQ(Entries(), 1U);
 }
 
+TEST_F(WholeFileTest, RemovesWhatAKilledWriterLeftAndNothingElse) {
+	WriteFile(directory_ / ".file.Ab12Cd.tmp", "cut o");
+	for (const char* other : {"file", ".file.Ab12C.tmp", "file.Ab12Cd.tmp", ".file.Ab12Cd.part", ".Ab12Cd.tmp"}) {
+		WriteFile(directory_ / other, "of somebody");
+	}
+	RemoveLeftDrafts(directory_.Path());
+	EXPECT_EQ(Entries(), 5U);
+	EXPECT_FALSE(std::filesystem::exists(directory_ / ".file.Ab12Cd.tmp"));
+	RemoveLeftDrafts(directory_ / "missing");
+}
+
+TEST_F(WholeFileTest, LeavesTheDraftOfARunningWriterAlone) {
+	WriteWholeFile(path_, [this](const TextSink& sink) {
+		RemoveLeftDrafts(directory_.Path());
+		sink("new");
+	});
+	EXPECT_EQ(ReadFile(path_), "new");
+}
+
 TEST_F(WholeFileTest, RemovesADraftThatTookNoPlace) {
 	{
 		const Draft draft = CreateDraft(path_, 0600);
