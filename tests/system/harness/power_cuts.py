@@ -16,7 +16,7 @@ from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import programs
+from . import programs, trees
 from .chains import Chain
 from .device import CACHE, CONFIGURATION, DATABASE, RUN, STATUS, Device, empty
 from .packages import HandPublisher
@@ -56,7 +56,7 @@ class Machine:
         self.other = self._directory("volume2-")
         self.partitions = Partitions(kind, [self.system, self.volume, self.other])
         self.publisher = Publisher(self.place / "publisher")
-        self.nginx = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", self.publisher.repository, self.place / "nginx")
+        self.nginx = self._serve()
         self._stack.callback(self.nginx.close)
         self.publisher.base = self.nginx.url
         self.hand = HandPublisher(self.place / "hand", self.publisher.repository, self.nginx.url)
@@ -66,6 +66,8 @@ class Machine:
         self.device.list_volumes()
         self.device.trust(self.hand.key.public)
         self.chain: Chain = ShortChain(self.hand)
+        self.damaged: dict[str, str] = {}
+        """What is installed, where a fix has something to do."""
         self._bound: list[Path] = []
 
     def _directory(self, prefix: str) -> Path:
@@ -73,6 +75,14 @@ class Machine:
         made.chmod(0o755)
         self._stack.callback(made.rmdir)
         return made
+
+    def _serve(self) -> Nginx:
+        """At a port that a forced installation does not take for a version."""
+        while True:
+            server = Nginx(SOURCE / "packaging/nginx/tarndbud.conf", self.publisher.repository, self.place / "nginx")
+            if str(ShortChain.LAST) not in server.netloc:
+                return server
+            server.close()
 
     def close(self) -> None:
         self._stack.close()
@@ -102,9 +112,8 @@ class Machine:
 
     def names(self) -> set[str]:
         """Everything that the device keeps beside the data."""
-        trees = (*HOST.values(), *(volume / "@tmp" for volume in (self.volume, self.other)))
-        found = {str(path) for tree in trees for path in tree.rglob("*")}
-        return found | {str(path) for volume in (self.volume, self.other) for path in (volume / MAIN).glob("*")}
+        places = [*HOST.values(), *(volume / "@tmp/data_update" for volume in (self.volume, self.other))]
+        return {str(path) for place in places for path in place.rglob("*")}
 
 
 class Operation:
@@ -193,6 +202,199 @@ def installed(machine: Machine) -> Path:
     return next((place / MAIN / DATABASE for place in places if (place / MAIN / DATABASE).exists()), places[0] / MAIN / DATABASE)
 
 
+class OfLast(Update):
+    """Begins with the last version."""
+
+    found_before = (ShortChain.LAST,)
+
+    def prepare(self, machine: Machine) -> None:
+        super().prepare(machine)
+        machine.device.update(DATABASE)
+
+
+class Fix(OfLast):
+    """Files were lost and changed, and until the new ones come they are as they were."""
+
+    def damage(self, machine: Machine) -> None:
+        root = installed(machine)
+        for number, name in enumerate(sorted(machine.chain.files(machine.chain.LAST))[:4]):
+            if number % 2:
+                (root / name).write_bytes(b"damaged")
+            else:
+                (root / name).unlink()
+
+    def prepare(self, machine: Machine) -> None:
+        super().prepare(machine)
+        self.damage(machine)
+        machine.damaged = trees.contents(installed(machine))
+
+    def judge(self, machine: Machine, done: int) -> None:
+        is_marked = machine.device.mark(DATABASE).exists()
+        if done or (not is_marked and trees.contents(installed(machine)) != machine.damaged):
+            super().judge(machine, done)
+
+    def go_on(self, machine: Machine) -> None:
+        machine.device.run_ok("init")
+        machine.device.run_ok("fix", DATABASE)
+        super().go_on(machine)
+
+
+class Forced(OfLast):
+    """The first version over the last, of which files stay that the first does not have."""
+
+    def judge(self, machine: Machine, done: int) -> None:
+        if machine.device.mark(DATABASE).exists():
+            return
+        version = machine.device.version(DATABASE)
+        assert version in ((OLD,) if done else (OLD, machine.chain.LAST)), f"version {version}"
+        if version != OLD:
+            machine.chain.assert_installed(installed(machine), machine.chain.LAST)
+            return
+        expected = machine.chain.files(OLD)
+        wrong = [name for name, content in expected.items() if (installed(machine) / name).read_bytes() != content]
+        assert not wrong, f"not of the forced version: {wrong}"
+
+
+class Move(OfLast):
+    """From one volume to the other."""
+
+    command = ("volume", "unmounting")
+
+    def steps(self, machine: Machine) -> list[Callable[[], object]]:
+        return [lambda: machine.device.run_ok(*self.command, str(machine.volume))]
+
+    def judge(self, machine: Machine, done: int) -> None:
+        super().judge(machine, done)
+        if done and not machine.device.mark(DATABASE).exists():
+            assert installed(machine).is_relative_to(machine.other), "the move is forgotten"
+
+
+class Settings(Update):
+    """What the administrator orders; each order is kept once its command has returned."""
+
+    ORDERS = (("hold",), ("hold", "2"), ("unhold",), ("schedule", "off"), ("schedule", "on"), ("hold", "1"))
+    FREE = (False, None, True)
+    SEEN = (FREE, (True, None, True), (True, 2, True), FREE, (False, None, False), FREE, (True, 1, True))
+    """Whether it is held, how far it may go, and whether it is scheduled: before the orders, and after each."""
+
+    def steps(self, machine: Machine) -> list[Callable[[], object]]:
+        def given(order: str, *more: str) -> Callable[[], object]:
+            return lambda: machine.device.run_ok(order, DATABASE, *more)
+
+        return [given(*order) for order in self.ORDERS]
+
+    def judge(self, machine: Machine, done: int) -> None:
+        super().judge(machine, 0)
+        status = machine.device.status(DATABASE)
+        seen = (status["held"], status["held_up_to"], status["scheduled"])
+        assert seen in self.SEEN[done : done + 2], f"{seen} after {done} orders"
+
+    def go_on(self, machine: Machine) -> None:
+        machine.device.run_ok("unhold", DATABASE)
+        machine.device.run_ok("schedule", DATABASE, "on")
+        super().go_on(machine)
+
+
+class Publishing(Operation):
+    """Three versions and a withdrawal; the next is published over what the cut left."""
+
+    LAST = 4
+    MOST_DIFFS = 4
+
+    def __init__(self, name: str, *, other: bool) -> None:
+        self.name = name
+        self._other = other
+        """Whether another tree is published afterwards than the one that was going on."""
+
+    def files(self, version: int) -> dict[str, bytes]:
+        draw = random.Random(7)
+        files = {f"part{number}/file": draw.randbytes(20000) + b"%d" % version for number in range(4)}
+        return files | {f"only in {version}": b"%d" % version}
+
+    def publish(self, machine: Machine, files: dict[str, bytes], *options: str) -> object:
+        tree = trees.write_tree(machine.place / "tree", files)
+        return machine.publisher.publish(tree, DATABASE, "--level", "1", *options, keep_diffs=self.MOST_DIFFS)
+
+    def prepare(self, machine: Machine) -> None:
+        machine.publisher.repository = machine.repository
+        machine.repository.mkdir()
+        self.publish(machine, self.files(1))
+
+    def steps(self, machine: Machine) -> list[Callable[[], object]]:
+        return [
+            lambda: self.publish(machine, self.files(2)),
+            lambda: self.publish(machine, self.files(3)),
+            lambda: machine.publisher.withdraw(DATABASE, "--level", "1", keep_diffs=self.MOST_DIFFS),
+        ]
+
+    def expected(self, version: int) -> dict[str, bytes]:
+        return self.files(2 if version == self.LAST else version)
+
+    def assert_offered(self, machine: Machine, least: int) -> int:
+        """Every package that is named is whole, from version to version; returns the newest."""
+        entry = machine.publisher.entry(DATABASE)
+        version = int(str(entry["data_version"]))
+        assert version >= least, f"version {version} is offered, and {least} was published"
+        parts = [f"v{version}", *(f"d{number}" for number in entry["diff_files"])]
+        for part in parts:
+            package = machine.repository / f"packages/{DATABASE}/{DATABASE}_{part}.tarn"
+            if part.startswith("v") or version != self.LAST or package.exists():
+                programs.run_ok(programs.PUB, "verify", "--key", machine.publisher.public_key, package)
+        numbers = sorted(map(int, entry["diff_files"]))
+        assert numbers == list(range(version - len(numbers) + 1, version + 1)), f"a gap: {numbers} to {version}"
+        checked = programs.run(programs.PUB, "check-repo", "--repo", machine.repository, "--key", machine.publisher.public_key)
+        assert checked.status in (0, 4), str(checked)
+        return version
+
+    def assert_content(self, machine: Machine, version: int, files: dict[str, bytes]) -> None:
+        place = machine.place / "extracted"
+        shutil.rmtree(place, ignore_errors=True)
+        package = machine.publisher.package(DATABASE, version)
+        programs.run_ok(programs.PUB, "extract", package, place, "--key", machine.publisher.public_key)
+        trees.assert_holds(place, files)
+
+    def judge(self, machine: Machine, done: int) -> None:
+        version = self.assert_offered(machine, done + 1)
+        self.assert_content(machine, version, self.expected(version))
+
+    def repeat(self, machine: Machine, version: int) -> int:
+        """What was going on, or what comes next."""
+        if version == self.LAST:
+            machine.publisher.withdraw(DATABASE, "--level", "1", keep_diffs=self.MOST_DIFFS)
+        else:
+            self.publish(machine, self.files(version))
+        self.assert_content(machine, version, self.expected(version))
+        return version
+
+    def publish_other(self, machine: Machine, version: int) -> int:
+        """A number that may have been seen with another tree is not used again, and the publisher says so."""
+        other = {"other": b"tree"}
+        try:
+            self.publish(machine, other)
+        except AssertionError as error:
+            assert f"Go past it by --data-version {version + 1}" in str(error), str(error)
+            version += 1
+            self.publish(machine, other, "--data-version", str(version))
+        self.assert_content(machine, version, other)
+        return version
+
+    def packages(self, machine: Machine) -> dict[str, str]:
+        whole = {}
+        for package in machine.repository.glob(f"packages/{DATABASE}/*.tarn"):
+            if programs.run(programs.PUB, "verify", "--key", machine.publisher.public_key, package).status == 0:
+                whole[package.name] = trees.digest(package)
+        return whole
+
+    def go_on(self, machine: Machine) -> None:
+        before = self.assert_offered(machine, 1)
+        packages = self.packages(machine)
+        version = self.publish_other(machine, before + 1) if self._other else self.repeat(machine, before + 1)
+        assert self.assert_offered(machine, before + 1) == version
+        after = self.packages(machine)
+        twice = [name for name in packages.keys() & after.keys() if packages[name] != after[name]]
+        assert not twice, f"used twice: {twice}"
+
+
 OPERATIONS: dict[str, Operation] = {
     operation.name: operation
     for operation in (
@@ -200,6 +402,12 @@ OPERATIONS: dict[str, Operation] = {
         Update("chain"),
         Update("chain, whole directories", chain=BroadChain),
         Update("fallback", without=("d3",)),
+        Fix("fix", command=("fix", DATABASE)),
+        Forced("forced install", command=("force-install", DATABASE, str(OLD))),
+        Move("volume move"),
+        Settings("orders"),
+        Publishing("publishing", other=False),
+        Publishing("publishing, another tree next", other=True),
     )
 }
 
