@@ -111,9 +111,10 @@ class Machine:
             self.partitions.unmount(disk)
 
     def names(self) -> set[str]:
-        """Everything that the device keeps beside the data."""
+        """Everything that device and publisher keep beside the data."""
         places = [*HOST.values(), *(volume / "@tmp/data_update" for volume in (self.volume, self.other))]
-        return {str(path) for place in places for path in place.rglob("*")}
+        drafts = {str(path) for path in self.repository.rglob(".*")}
+        return drafts | {str(path) for place in places for path in place.rglob("*")}
 
 
 class Operation:
@@ -293,6 +294,31 @@ class Settings(Update):
         machine.device.run_ok("unhold", DATABASE)
         machine.device.run_ok("schedule", DATABASE, "on")
         super().go_on(machine)
+
+
+class Careless(Operation):
+    """A program as it should not be: its file takes a place before its content is on the disk."""
+
+    name = "careless"
+
+    def prepare(self, machine: Machine) -> None:
+        (machine.system / "record").write_text("old" * 1000)
+
+    def steps(self, machine: Machine) -> list[Callable[[], object]]:
+        def replace() -> None:
+            draft = machine.system / "draft"
+            draft.write_text("new" * 1000)
+            draft.replace(machine.system / "record")
+            with (machine.system / "other").open("w") as other:
+                os.fsync(other.fileno())
+
+        return [replace]
+
+    def judge(self, machine: Machine, done: int) -> None:
+        assert (machine.system / "record").read_text() in ("old" * 1000, "new" * 1000), "neither old nor new"
+
+    def go_on(self, machine: Machine) -> None:
+        """Nothing to do."""
 
 
 class Publishing(Operation):

@@ -1,0 +1,75 @@
+"""The disk as a power cut leaves it, in every operation, on every file system: the old data or the new."""
+
+from __future__ import annotations
+
+import random
+import subprocess
+import time
+from dataclasses import dataclass, field
+
+from bench.proofs import Row, Trial
+from harness import power_cuts, recorded_disk, volumes
+from harness.power_cuts import Machine, Operation, Recording
+from harness.recorded_disk import Cut, Kind
+
+PROMISE = "After a power cut the old is there or the new, and the next run goes on without help"
+BRIEF_CUTS = 3
+BATCH = 8
+"""Cuts between two looks at the clock; each batch goes through the record from its begin."""
+
+
+@dataclass
+class Tried:
+    """What was found for an operation on a file system."""
+
+    operation: Operation
+    kind: Kind
+    cuts: int = 0
+    possible: int = 0
+    wrong: list[str] = field(default_factory=list)
+
+    def row(self) -> Row:
+        extra = {"moments and losses drawn from": float(self.possible)}
+        return Row(PROMISE, self.cuts, "power cuts", self.wrong, f"{self.operation.name}, {self.kind.name}", extra)
+
+
+def prove(trial: Trial) -> list[Row]:
+    program = trial.build / "tests/system/recording_disk"
+    missing = recorded_disk.missing(program)
+    if missing:
+        trial.say(f"not tried: {missing}")
+        return []
+    subprocess.run(["cmake", "--install", str(trial.build)], check=True, stdout=subprocess.DEVNULL)
+    draw = random.Random(trial.seed)
+    kinds = [kind for kind in recorded_disk.KINDS.values() if volumes.knows(kind.type)]
+    found = [Tried(operation, kind) for operation in power_cuts.OPERATIONS.values() for kind in kinds]
+    begin = time.monotonic()
+    for number, tried in enumerate(found):
+        for share, restless in ((0.5, False), (1.0, True)):
+            until = begin + trial.seconds * (number + share) / len(found)
+            _try(trial, tried, draw, until, restless=restless)
+        trial.say(f"{tried.operation.name}, {tried.kind.name}: {tried.cuts} cuts, {len(tried.wrong)} wrong")
+    return [tried.row() for tried in found]
+
+
+def _try(trial: Trial, tried: Tried, draw: random.Random, until: float, *, restless: bool) -> None:
+    """Records the operation once, alone or beside programs that sync, and cuts it as often as there is time for."""
+    machine = Machine(tried.kind, trial.scratch)
+    try:
+        program = trial.build / "tests/system/recording_disk"
+        recording = power_cuts.record(tried.operation, machine, program, draw, restless=restless)
+        cuts = recorded_disk.all_cuts(recording.recorded, recording.begin, draw, losses=4)
+        tried.possible += len(cuts)
+        draw.shuffle(cuts)
+        _cut(tried, recording, cuts[:BRIEF_CUTS] if trial.brief else cuts, float("inf") if trial.brief else until)
+    finally:
+        machine.close()
+
+
+def _cut(tried: Tried, recording: Recording, cuts: list[Cut], until: float) -> None:
+    for first in range(0, len(cuts), BATCH):
+        if first and time.monotonic() >= until:
+            return
+        count, wrong = recording.try_cuts(cuts[first : first + BATCH])
+        tried.cuts += count
+        tried.wrong += wrong

@@ -1,0 +1,69 @@
+"""The power goes at a drawn moment of each operation: what the disk then holds is the old or the new, and goes on.
+
+The disk remembers every write and flush. It is made again as it was after a part of them, with a drawn part of what no
+flush had confirmed lost, and mounted as after a restart. `bench/proof power` does the same as often as there is time for.
+"""
+
+from __future__ import annotations
+
+import os
+import random
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+from harness import power_cuts, recorded_disk, volumes
+from harness.power_cuts import Careless, Machine, Operation
+from harness.recorded_disk import Cut
+
+CUTS = 4
+
+
+@pytest.fixture
+def program(request: pytest.FixtureRequest) -> Path:
+    found = request.config.getoption("--build-dir") / "tests/system/recording_disk"
+    missing = recorded_disk.missing(found)
+    if missing:
+        pytest.skip(missing)
+    return found
+
+
+@pytest.fixture
+def drawn() -> random.Random:
+    """The same in every run that names the same TARN_SEED."""
+    seed = int(os.environ.get("TARN_SEED", random.SystemRandom().randrange(1 << 32)))
+    print(f"TARN_SEED={seed}")
+    return random.Random(seed)
+
+
+@pytest.fixture
+def kind(drawn: random.Random) -> recorded_disk.Kind:
+    return drawn.choice([kind for kind in recorded_disk.KINDS.values() if volumes.knows(kind.type)])
+
+
+@pytest.fixture
+def machine(program: Path, kind: recorded_disk.Kind, scratch: Path) -> Iterator[Machine]:
+    made = Machine(kind, scratch)
+    yield made
+    made.close()
+
+
+@pytest.mark.parametrize("operation", power_cuts.OPERATIONS.values(), ids=power_cuts.OPERATIONS.keys())
+def test_after_a_power_cut_the_old_is_there_or_the_new_and_the_next_run_goes_on(
+    operation: Operation, machine: Machine, program: Path, drawn: random.Random
+) -> None:
+    recording = power_cuts.record(operation, machine, program, drawn, restless=drawn.random() < 0.5)
+    cuts = recorded_disk.some_cuts(recording.recorded, recording.begin, drawn, CUTS)
+    tried, wrong = recording.try_cuts(cuts)
+    assert tried == CUTS
+    assert not wrong, f"{machine.partitions.kind.name}:\n" + "\n".join(wrong)
+
+
+def test_a_program_that_renames_before_it_syncs_is_caught(program: Path, scratch: Path, drawn: random.Random) -> None:
+    machine = Machine(recorded_disk.KINDS["ext4, writeback"], scratch)
+    try:
+        recording = power_cuts.record(Careless(), machine, program, drawn, restless=False)
+        _, wrong = recording.try_cuts([Cut(after) for after in range(recording.begin, len(recording.recorded) + 1)])
+    finally:
+        machine.close()
+    assert any("neither old nor new" in text for text in wrong), wrong
