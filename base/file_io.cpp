@@ -192,7 +192,8 @@ void WriteWholeFile(const std::string& path, const std::function<void(const Text
 
 void RemoveLeftDrafts(const std::string& directory) {
 	std::error_code error;
-	for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+	for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+	     entry.increment(error)) {
 		if (IsDraftName(entry->path().filename())) {
 			RemoveUnlessClaimed(entry->path());
 		}

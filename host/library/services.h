@@ -48,16 +48,16 @@ bool MakeReaderLockFile(const std::string& id);
 constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
 
 /**
- * Treats a server's document that is too large like one that cannot be decoded. Records and the service's settings are
- * written in place, and are no documents for a moment; they are read again until they are, as long as their last change
- * is new. The library reads the settings of databases without it, so those are only replaced by whole files.
+ * Treats a server's document that is too large like one that cannot be decoded. Records, and
+ * settings that other programs than ours write, are written in place, and are no documents for a moment; they are read
+ * again until they are, as long as their last change is new.
  */
 class CheckedIO : public dataupdate::IOUtils {
 public:
 	Json::Value ReadJson(const std::string& path) const override;
 	/**
-	 * Replaces the file by a whole one, which is on the disk when this returns: a loss of power leaves the old content or
-	 * the new. Throws the errors of IOUtils, and "Fail to write: <path>" also when the disk is full.
+	 * Replaces the file by a whole one, which is on the disk when this returns: a loss of power leaves the old content
+	 * or the new. Throws the errors of IOUtils, and "Fail to write: <path>" also when the disk is full.
 	 */
 	void WriteJson(const std::string& path, const Json::Value& value) const override;
 };

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -225,6 +226,16 @@ TEST_F(InfoGetterTest, TakesWhatAKilledFetchLeftForNoDocumentThoughTheNextNeverB
 	platform_.download_content = "\"new\"";
 	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
 	EXPECT_FALSE(fs::exists(kFetchMark));
+}
+
+TEST_F(InfoGetterTest, MarksADocumentThatMayNotBeOnTheDisk) {
+	platform_.download_content = "\"new\"";
+	system_.Fail("fsync", EIO, 1);
+	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
+	EXPECT_TRUE(fs::exists(kFetchMark));
+	EXPECT_EQ(real_.GetDatabaseInfo(), Json::Value("new"));
+	EXPECT_FALSE(fs::exists(kFetchMark));
+	EXPECT_EQ(platform_.CountEvents("/usr/bin/wget"), 2U);
 }
 
 TEST_F(InfoGetterTest, LetsAHostWaitForTheDocumentAsLongAsItLikes) {

@@ -20,6 +20,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <sstream>
@@ -215,6 +216,28 @@ TEST(CheckedIOTest, NoticesAFileThatCouldNotBeWrittenToItsEnd) {
 	ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
 	std::signal(SIGXFSZ, handler);
 	EXPECT_EQ(message, "Fail to write: " + path);
+}
+
+TEST(CheckedIOTest, PutsAWholeFileInThePlaceOfTheOld) {
+	const test::TemporaryDirectory directory;
+	const std::string path = directory / "data_update.conf";
+	test::WriteFile(path, "old");
+	std::filesystem::create_symlink("data_update.conf", directory / "link");
+	const UniqueFd old(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	CheckedIO().WriteJson(directory / "link", Parse(R"({"a":1})"));
+	EXPECT_EQ(test::ReadFile(path), "{\n\t\"a\" : 1\n}\n");
+	std::array<char, 3> kept{};
+	EXPECT_EQ(read(old.Get(), kept.data(), kept.size()), 3);
+	EXPECT_EQ(std::string(kept.data(), kept.size()), "old") << "it was written to";
+	EXPECT_TRUE(std::filesystem::is_symlink(directory / "link"));
+	EXPECT_EQ(test::EntriesBelow(directory.Path()).size(), 2U);
+}
+
+TEST(CheckedIOTest, NamesTheFileWhoseParentCannotBeMade) {
+	const test::TemporaryDirectory directory;
+	test::WriteFile(directory / "file", "");
+	const std::string path = directory / "file/data_update.conf";
+	EXPECT_EQ(MessageOf([&] { CheckedIO().WriteJson(path, 1); }), "Fail to create parent folder: " + path);
 }
 
 TEST(CheckedIOTest, ReadsAgainWhatSomebodyIsWriting) {
