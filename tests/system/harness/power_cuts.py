@@ -16,7 +16,7 @@ from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import programs, trees
+from . import programs, tracing, trees
 from .chains import Chain
 from .device import CACHE, CONFIGURATION, DATABASE, RUN, STATUS, Device, empty
 from .packages import HandPublisher
@@ -145,7 +145,6 @@ class Update(Operation):
     installs = False
     without: tuple[str, ...] = ()
     command: tuple[str, ...] = ("update", DATABASE)
-    found_before = (OLD,)
 
     def __init__(self, name: str, **changed: object) -> None:
         self.name = name
@@ -206,11 +205,19 @@ def installed(machine: Machine) -> Path:
 class OfLast(Update):
     """Begins with the last version."""
 
-    found_before = (ShortChain.LAST,)
-
     def prepare(self, machine: Machine) -> None:
         super().prepare(machine)
         machine.device.update(DATABASE)
+
+
+class Finishing(Update):
+    """An update was killed between two of its renames, and the next run finishes it."""
+
+    def prepare(self, machine: Machine) -> None:
+        super().prepare(machine)
+        report, update = machine.place / "report", [programs.CTL, *self.command]
+        tracing.run_with_fault(report, "signal=SIGKILL", tracing.Point(tracing.REPLACING, 3), update)
+        assert machine.device.mark(DATABASE).exists(), "it was not killed while it replaced files"
 
 
 class Fix(OfLast):
@@ -428,6 +435,7 @@ OPERATIONS: dict[str, Operation] = {
         Update("chain"),
         Update("chain, whole directories", chain=BroadChain),
         Update("fallback", without=("d3",)),
+        *[Finishing("finishing")] * tracing.is_possible(),
         Fix("fix", command=("fix", DATABASE)),
         Forced("forced install", command=("force-install", DATABASE, str(OLD))),
         Move("volume move"),
