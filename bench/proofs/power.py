@@ -8,7 +8,7 @@ import time
 from dataclasses import dataclass, field
 
 from bench.proofs import Row, Trial
-from harness import power_cuts, recorded_disk, volumes
+from harness import power_cuts, power_operations, recorded_disk
 from harness.power_cuts import Machine, Operation, Recording
 from harness.recorded_disk import Cut, Kind
 
@@ -41,8 +41,8 @@ def prove(trial: Trial) -> list[Row]:
         return []
     subprocess.run(["cmake", "--install", str(trial.build)], check=True, stdout=subprocess.DEVNULL)
     draw = random.Random(trial.seed)
-    kinds = [kind for kind in recorded_disk.KINDS.values() if volumes.knows(kind.type)]
-    found = [Tried(operation, kind) for operation in power_cuts.OPERATIONS.values() for kind in kinds]
+    kinds = recorded_disk.possible_kinds()
+    found = [Tried(operation, kind) for operation in power_operations.OPERATIONS.values() for kind in kinds]
     begin = time.monotonic()
     for number, tried in enumerate(found):
         for share, restless in ((0.5, False), (1.0, True)):

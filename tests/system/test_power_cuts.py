@@ -1,7 +1,7 @@
 """The power goes at a drawn moment of each operation: what the disk then holds is the old or the new, and goes on.
 
-The disk remembers every write and flush. It is made again as it was after a part of them, with a drawn part of what no
-flush had confirmed lost, and mounted as after a restart. `bench/proof power` does the same as often as there is time for.
+The disk remembers every write and flush. It is made again as it was after a part of them, with a drawn part of what
+no flush had confirmed lost, and mounted as after a restart. `bench/proof power` does it as often as there is time for.
 """
 
 from __future__ import annotations
@@ -12,8 +12,9 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from harness import power_cuts, recorded_disk, volumes
-from harness.power_cuts import Careless, Machine, Operation
+from harness import power_cuts, power_operations, recorded_disk
+from harness.power_cuts import Machine, Operation
+from harness.power_operations import Careless
 from harness.recorded_disk import Cut
 
 CUTS = 4
@@ -38,7 +39,7 @@ def drawn() -> random.Random:
 
 @pytest.fixture
 def kind(drawn: random.Random) -> recorded_disk.Kind:
-    return drawn.choice([kind for kind in recorded_disk.KINDS.values() if volumes.knows(kind.type)])
+    return drawn.choice(recorded_disk.possible_kinds())
 
 
 @pytest.fixture
@@ -48,7 +49,7 @@ def machine(program: Path, kind: recorded_disk.Kind, scratch: Path) -> Iterator[
     made.close()
 
 
-@pytest.mark.parametrize("operation", power_cuts.OPERATIONS.values(), ids=power_cuts.OPERATIONS.keys())
+@pytest.mark.parametrize("operation", power_operations.OPERATIONS.values(), ids=power_operations.OPERATIONS.keys())
 def test_after_a_power_cut_the_old_is_there_or_the_new_and_the_next_run_goes_on(
     operation: Operation, machine: Machine, program: Path, drawn: random.Random
 ) -> None:

@@ -48,6 +48,12 @@ KINDS = {
 }
 
 
+def possible_kinds() -> list[Kind]:
+    """Those that this kernel has, and that can be made to forget a newer disk of the same name."""
+    has_control = Path("/dev/btrfs-control").exists()
+    return [kind for kind in KINDS.values() if volumes.knows(kind.type) and (has_control or kind.type != "btrfs")]
+
+
 def missing(program: Path) -> str:
     """Why there can be no such disk here, or nothing."""
     if not volumes.may_loop_mount():
@@ -156,13 +162,14 @@ class RecordingDisk:
 
 @dataclass(frozen=True)
 class Cut:
-    """The power goes after so many steps. Whatever no flush has confirmed is there, or a part of it that a seed draws."""
+    """The power goes after so many steps. What no flush has confirmed is there, or a part of it that a seed draws."""
 
     after: int
     dropping: int | None = None
 
     def __str__(self) -> str:
-        return f"after step {self.after}" + (f", part lost by seed {self.dropping}" if self.dropping is not None else "")
+        lost = f", part lost by seed {self.dropping}" if self.dropping is not None else ""
+        return f"after step {self.after}{lost}"
 
 
 def all_cuts(recorded: list[Step], begin: int, draw: random.Random, losses: int) -> list[Cut]:
