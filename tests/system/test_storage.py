@@ -77,6 +77,23 @@ def test_a_volume_that_fills_up_on_the_way_keeps_the_installed_copy(
     assert_not_updated(connected, first)
 
 
+def test_init_removes_what_a_killed_run_left_and_nothing_that_is_still_needed(connected: Device) -> None:
+    connected.run_ok("init")
+    left = connected.temporary() / f"{DATABASE}_debug/file"
+    left.parent.mkdir(parents=True)
+    left.touch()
+    connected.mark(DATABASE).parent.mkdir(parents=True, exist_ok=True)
+    connected.mark(DATABASE).touch()
+    connected.run_ok("init")
+    assert left.exists(), "a replacement may be finished from it"
+    connected.mark(DATABASE).unlink()
+    with connected.locked("update_any.lock"):
+        connected.run_ok("init")
+        assert left.exists(), "it may be of the update that runs"
+    connected.run_ok("init")
+    assert not left.exists()
+
+
 def test_init_takes_the_first_volume_in_order(connected: Device, volumes: Volumes) -> None:
     second = volumes.make("directory")
     assert connected.volume is not None
