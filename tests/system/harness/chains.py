@@ -44,12 +44,14 @@ class Chain:
         files |= {f"only in {version}/{n:03}": b"%d %d" % (version, n) for n in range(self.CREATED)}
         return files
 
+    def database_of(self, version: int) -> bytes:
+        return databases.changed(self._database, [COUNT] * (version - 1))
+
     def publish_first(self) -> None:
         self._hand.full(DATABASE, 1, {**self.files(1), "counters.sqlite": self._database})
 
     def publish_rest(self) -> None:
-        last = databases.changed(self._database, [COUNT] * (self.LAST - 1))
-        self._hand.full(DATABASE, self.LAST, {**self.files(self.LAST), "counters.sqlite": last})
+        self._hand.full(DATABASE, self.LAST, {**self.files(self.LAST), "counters.sqlite": self.database_of(self.LAST)})
         for version in range(2, self.LAST + 1):
             diff = Diff.between(self.files(version - 1), self.files(version)).script("counters.sqlite", COUNT)
             self._hand.diff(DATABASE, version, diff)
