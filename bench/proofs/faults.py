@@ -37,8 +37,8 @@ def tried(trial: Trial, sweep: Sweep, deadline: float) -> list[Row]:
         chosen = call_faults.slice_of(cases, trial.seed + number, SLICES)
         chosen = chosen[:BRIEF] if trial.brief else chosen
         whole += sweep.try_all(chosen, deadline) == len(chosen)
-        wrong = sum(len(found.wrong) for found in sweep.found.values())
-        trial.say(f"slice {(trial.seed + number) % SLICES} of {SLICES}, {wrong} wrong")
+        wrong = [case for found in sweep.found.values() for case in found.wrong]
+        trial.say("\n".join((f"slice {(trial.seed + number) % SLICES} of {SLICES}, {len(wrong)} wrong", *wrong)))
         if trial.brief or time.monotonic() > deadline:
             break
     return [row(name, found, total[name], whole) for name, found in sweep.found.items()]

@@ -57,6 +57,7 @@ class Operation:
     last = 3
     """The version after the next run."""
     next_run: tuple[str, ...] = ("update", DATABASE)
+    chain_kind: type[Chain] = SmallChain
 
     def __init__(self, place: Path, volumes: Volumes) -> None:
         place.mkdir(parents=True)
@@ -68,7 +69,7 @@ class Operation:
         self.hand = HandPublisher(place / "hand", self.publisher.repository, self.server.url)
         self.device.trust(self.hand.key.public)
         self.device.add_database(DATABASE)
-        self.chain = SmallChain(self.hand)
+        self.chain = self.chain_kind(self.hand)
         self.volumes = [self.device.volume]
         self.device.list_volumes(*self.volumes)
         self.prepare(place, volumes)

@@ -59,6 +59,7 @@ class Reader:
     """Runs a program that prints the files over and over, until it is told to stop."""
 
     command: list[str]
+    pause: float = PAUSE
     statuses: Counter[int] = field(default_factory=Counter)
     versions: Counter[int] = field(default_factory=Counter)
     mixtures: list[programs.Result] = field(default_factory=list)
@@ -77,7 +78,7 @@ class Reader:
 
     def _run(self) -> None:
         # Readers without a pause would keep updates waiting, who look only ten times a second whether anybody reads.
-        while not self._over.wait(PAUSE):
+        while not self._over.wait(self.pause):
             self._look(programs.run(*self.command))
 
     def _look(self, result: programs.Result) -> None:
