@@ -3,6 +3,7 @@
 #include "dataupdate/internal/early_digests.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
+#include "dataupdate/internal/planned_strategy.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_changes.h"
 #include "dataupdate/internal/staging.h"
@@ -75,6 +76,9 @@ DiffStrategy::DiffStrategy(const std::string& id, const DatabaseStatus& status, 
       early_digests_(std::make_shared<EarlyDigests>()) {}
 
 DiffStrategy::~DiffStrategy() {
+	if (is_left_ready_) {
+		return;
+	}
 	if (!accumulation_directory_.empty()) {
 		ClearTmpData(accumulation_directory_);
 	}
@@ -133,6 +137,7 @@ void DiffStrategy::ApplyUpdate() {
 			changes->Install();
 		}
 	} catch (const std::exception& error) {
+		is_left_ready_ = CanBeFinished(id_, temp_base_, install_directory_);
 		throw UpdateError(std::string(messages::kDiffUpdate) + error.what());
 	}
 }

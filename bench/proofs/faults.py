@@ -21,7 +21,7 @@ def prove(trial: Trial) -> list[Row]:
     if not call_faults.is_possible():
         trial.say("other programs cannot be traced here, so no call can be made to fail")
         return [Row(PROMISE, 0, "faults", [])]
-    sweep = Sweep(trial.scratch / "sweep")
+    sweep = Sweep(trial.scratch / "sweep", say=trial.say)
     try:
         return tried(trial, sweep, deadline)
     finally:
@@ -37,8 +37,8 @@ def tried(trial: Trial, sweep: Sweep, deadline: float) -> list[Row]:
         chosen = call_faults.slice_of(cases, trial.seed + number, SLICES)
         chosen = chosen[:BRIEF] if trial.brief else chosen
         whole += sweep.try_all(chosen, deadline) == len(chosen)
-        wrong = [case for found in sweep.found.values() for case in found.wrong]
-        trial.say("\n".join((f"slice {(trial.seed + number) % SLICES} of {SLICES}, {len(wrong)} wrong", *wrong)))
+        wrong = sum(len(found.wrong) for found in sweep.found.values())
+        trial.say(f"slice {(trial.seed + number) % SLICES} of {SLICES}, {wrong} wrong")
         if trial.brief or time.monotonic() > deadline:
             break
     return [row(name, found, total[name], whole) for name, found in sweep.found.items()]

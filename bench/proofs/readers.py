@@ -20,7 +20,7 @@ from harness.alternation import Alternation
 from harness.call_faults import Case
 from harness.chains import Chain
 from harness.device import DATABASE
-from harness.operations import Operation, SmallChain
+from harness.operations import Operation, WholePackage
 from harness.volumes import Volumes
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
@@ -133,15 +133,6 @@ class ManyFiles(Operation):
         PATCHED, CREATED, LAST = 2, 100, 2
 
     name = "diff, many files"
-
-
-class WholePackage(Operation):
-    name = "full package"
-
-    def prepare(self, place: Path, volumes: Volumes) -> None:
-        super().prepare(place, volumes)
-        for version in range(2, SmallChain.LAST + 1):
-            self.hand.package(DATABASE, f"d{version}").unlink()
 
 
 class Kills:

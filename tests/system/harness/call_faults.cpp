@@ -6,7 +6,7 @@
 // it is; the number counts the calls of this name in the process, whichever of its threads makes them; the amount is what
 // a call that reads or writes asks for. Or lets a single call meet a fault, and writes that one alone.
 //
-// FAULT is the name of an error, "kill" (the process ends right after the call), or "short" (the kernel is asked for one
+// FAULT is the name of an error, "kill" (the process ends right after the call), "hang" (the call does not return), or "short" (the kernel is asked for one
 // byte of what the program asks for, so that it really reads or writes less). What the dynamic loader calls is left out.
 // Exit status: that of the program, 128 more than the signal that ended it, 125 when nothing could be traced.
 
@@ -63,7 +63,7 @@ struct Process {
 
 // What is left to do when the call that a thread is in returns.
 struct Pending {
-	enum { kNone, kFailClose, kRestoreAmount, kKill } what = kNone;
+	enum { kNone, kFailClose, kRestoreAmount, kKill, kHang } what = kNone;
 	unsigned long long value = 0;
 };
 
@@ -177,6 +177,8 @@ void Tracer::Meet(pid_t thread, const Call& call, user_regs_struct& registers) {
 	Pending& pending = pending_[thread];
 	if (wanted_.fault == "kill") {
 		pending.what = Pending::kKill;
+	} else if (wanted_.fault == "hang") {
+		pending.what = Pending::kHang;
 	} else if (wanted_.fault == "short") {
 		// Programs rely on it that a call leaves this register alone.
 		pending = {Pending::kRestoreAmount, Amount(call, registers)};
@@ -215,6 +217,9 @@ void Tracer::OnCall(pid_t thread) {
 
 void Tracer::OnReturn(pid_t thread) {
 	const Pending pending = pending_[thread];
+	if (pending.what == Pending::kHang) {
+		return;
+	}
 	pending_[thread] = {};
 	user_regs_struct registers{};
 	if (pending.what == Pending::kKill) {

@@ -90,25 +90,43 @@ def faults_of(call: str, amount: int) -> list[str]:
     return [*errors, *["short"] * (call in SHORTENED and amount > 1), "kill"]
 
 
-def cases(operation: str, report: Path, program: Iterable[str]) -> list[Case]:
-    """All faults of all calls of a program, which runs once for that and must succeed."""
+@dataclass(frozen=True)
+class Made:
+    """A call that a program has made."""
+
+    point: Point
+    amount: int
+    about: str
+    """The name of the file."""
+
+
+def calls(report: Path, program: Iterable[str]) -> list[Made]:
+    """All calls of a program, in their order; it runs once for that and must succeed."""
     result = programs.run(tracer(), report, "list", *program)
     assert result.status == 0, str(result)
-    found = []
-    for line in report.read_text(errors="replace").splitlines():
-        process, call, number, amount = line.split(" ")[:4]
-        if process.startswith(f"{tracer().name}#"):
-            continue
-        point = Point(process, call, int(number))
-        found += [Case(operation, point, fault) for fault in faults_of(call, int(amount))]
-    return found
+    lines = (line.split(" ", 4) for line in report.read_text(errors="replace").splitlines())
+    made = [Made(Point(process, call, int(number)), int(amount), about) for process, call, number, amount, about in lines]
+    return [call for call in made if not call.point.process.startswith(f"{tracer().name}#")]
+
+
+def cases(operation: str, report: Path, program: Iterable[str]) -> list[Case]:
+    """All faults of all calls of a program."""
+    return [
+        Case(operation, made.point, fault)
+        for made in calls(report, program)
+        for fault in faults_of(made.point.call, made.amount)
+    ]
+
+
+def start(case: Case, report: Path, program: Iterable[str]) -> programs.Running:
+    point = case.point
+    return programs.Running(
+        [str(tracer()), str(report), point.process, point.call, str(point.number), case.fault, *program]
+    )
 
 
 def run(case: Case, report: Path, program: Iterable[str], patience: float) -> programs.Result:
-    point = case.point
-    return programs.run(
-        tracer(), report, point.process, point.call, str(point.number), case.fault, *program, patience=patience
-    )
+    return start(case, report, program).wait(patience)
 
 
 def call_met(report: Path) -> str:

@@ -8,14 +8,14 @@ from pathlib import Path
 
 from . import programs, trees
 from .chains import Chain, counted
-from .device import CACHE, CONFIGURATION, DATABASE, KEYS, RUN, STATUS, VOLUMES, Device, empty
+from .device import CACHE, CONFIGURATION, DATABASE, HOOKS, KEYS, RUN, STATUS, VOLUMES, Device, empty
 from .packages import HandPublisher
 from .publisher import Publisher
 from .volumes import Volumes, may_mount
 from .webserver import Nginx
 
 REPOSITORY = Path(__file__).resolve().parents[3]
-FIXED = (STATUS, CACHE, RUN, CONFIGURATION, KEYS)
+FIXED = (STATUS, CACHE, RUN, CONFIGURATION, KEYS, HOOKS)
 MAIN = "@database/autoupdate"
 
 
@@ -161,6 +161,17 @@ class Fallback(Operation):
     def prepare(self, place: Path, volumes: Volumes) -> None:
         super().prepare(place, volumes)
         self.hand.package(DATABASE, "d3").unlink()
+
+
+class WholePackage(Operation):
+    """No diff package of the chain is there."""
+
+    name = "full package"
+
+    def prepare(self, place: Path, volumes: Volumes) -> None:
+        super().prepare(place, volumes)
+        for version in range(2, SmallChain.LAST + 1):
+            self.hand.package(DATABASE, f"d{version}").unlink()
 
 
 class Fix(Operation):

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import time
 from collections import Counter
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -31,10 +31,11 @@ class Found:
 
 
 class Sweep:
-    def __init__(self, place: Path, names: Iterable[str] = ()) -> None:
+    def __init__(self, place: Path, names: Iterable[str] = (), say: Callable[[str], None] = print) -> None:
         place.mkdir(parents=True, exist_ok=True)
         (place / "volumes").mkdir()
         self._report = place / "report"
+        self._say = say
         self._volumes = Volumes(place / "volumes")
         wanted = tuple(names)
         kinds = [kind for kind in OPERATIONS if not wanted or kind.name in wanted]
@@ -69,6 +70,7 @@ class Sweep:
         operation, found = self.operations[case.operation], self.found[case.operation]
         operation.restore()
         self._report.write_text("")
+        told = ""
         try:
             result = call_faults.run(case, self._report, operation.command, PATIENCE_SECONDS)
             met = call_faults.call_met(self._report)
@@ -77,8 +79,8 @@ class Sweep:
             operation.judge(result)
         except Exception as error:
             met = call_faults.call_met(self._report)
-            told = locals().get("told", "")
             found.wrong.append(f"{case}\n{met}\n{told}\n{error!r}")
+            self._say(found.wrong[-1])
         found.tried += bool(met)
         found.unmet += not met
         found.calls[case.point.call] += bool(met)
