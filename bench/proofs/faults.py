@@ -7,10 +7,12 @@ import time
 
 from bench.proofs import Row, Trial
 from harness import call_faults
+from harness.crashes import Crashes, table
 from harness.sweep import Found, Sweep
 
 SLICES = 64
 BRIEF = 12
+TABLE = "each step that fails, is killed or hangs comes to what the crash table says"
 PROMISE = "whichever system call fails or is the last: the old version or the new one, and the next run is exact"
 
 
@@ -21,11 +23,23 @@ def prove(trial: Trial) -> list[Row]:
     if not call_faults.is_possible():
         trial.say("other programs cannot be traced here, so no call can be made to fail")
         return [Row(PROMISE, 0, "faults", [])]
+    crashes = crash_row(trial)
     sweep = Sweep(trial.scratch / "sweep", say=trial.say)
     try:
-        return tried(trial, sweep, deadline)
+        return [crashes, *tried(trial, sweep, deadline)]
     finally:
         sweep.close()
+
+
+def crash_row(trial: Trial) -> Row:
+    rows = [row for row in table() if not (trial.brief and row.slow)]
+    crashes = Crashes(trial.scratch / "crashes")
+    try:
+        wrong = [told for told in map(crashes.judge, rows) if told]
+    finally:
+        crashes.close()
+    trial.say(f"{len(rows)} rows of the crash table, {len(wrong)} wrong")
+    return Row(TABLE, len(rows), "steps", wrong, where="chain, full package")
 
 
 def tried(trial: Trial, sweep: Sweep, deadline: float) -> list[Row]:

@@ -9,7 +9,7 @@ from pathlib import Path
 
 from . import call_faults, programs, waiting
 from .call_faults import Case, Made
-from .device import DATABASE, DOWNLOADS
+from .device import DATABASE, DOWNLOADS, Device
 from .operations import DiffChain, Operation, WholePackage
 from .syslog import Syslog
 from .volumes import Volumes
@@ -18,6 +18,7 @@ TABLE = Path(__file__).resolve().parents[1] / "crash_table.json"
 OPERATIONS = (DiffChain, WholePackage)
 FAULTS = {"killed": "kill", "hangs": "hang"}
 BUSY = 75
+TRIES = 5
 
 
 @dataclass(frozen=True)
@@ -27,13 +28,13 @@ class Row:
     """"fails", "killed" or "hangs"."""
     operation: str
     at: list[str]
-    """Which process makes which call, and a pattern for the file's name; the first call that fits is meant."""
+    """Which process makes which call, a pattern for the file's name, and "last" where not the first such call is meant."""
     status: int | str
     """The operation's; "stuck" where it does not end by itself and has to be killed."""
     log: list[str]
     """Patterns of warnings and errors in the log, each of which must be there."""
-    version: int
-    """The recorded one afterwards."""
+    version: int | None
+    """The recorded one afterwards; null where the record is cut off."""
     readable: bool
     """Whether readers are let in before the next run."""
     next: str
@@ -62,6 +63,14 @@ class Outcome:
     """The status of another update while the operation stands still."""
 
 
+def recorded(device: Device) -> int | None:
+    """None for a record that is cut off, too."""
+    try:
+        return device.version(DATABASE)
+    except json.JSONDecodeError:
+        return None
+
+
 class Crashes:
     def __init__(self, place: Path) -> None:
         (place / "volumes").mkdir(parents=True)
@@ -71,9 +80,6 @@ class Crashes:
         self._syslog = Syslog()
         DOWNLOADS.write_text("deadline 1\n")
         self._calls: dict[str, list[Made]] = {}
-        for name, operation in self._operations.items():
-            self._restore(operation)
-            self._calls[name] = call_faults.calls(self._report, operation.command)
 
     def close(self) -> None:
         self._syslog.close()
@@ -98,12 +104,11 @@ class Crashes:
 
     def outcome(self, row: Row) -> Outcome:
         operation = self._operations[row.operation]
-        self._restore(operation)
-        before = len(self._syslog.lines())
-        status, others = self._run(row, operation)
+        running, before = self._met(row, operation)
+        status, others = self._end(row, operation, running)
         lines = self._syslog.lines()[before:]
         device = operation.device
-        version, read = device.version(DATABASE), device.run("read", DATABASE, "--", "true")
+        version, read = recorded(device), device.run("read", DATABASE, "--", "true")
         assert read.status in (0, BUSY), str(read)
         if read.status == 0:
             operation.assert_holds(version)
@@ -113,23 +118,38 @@ class Crashes:
         return Outcome(status, version, read.status == 0, log, answer, others)
 
     def point(self, row: Row) -> Made:
-        process, call, about = row.at
+        process, call, about = row.at[:3]
+        if row.operation not in self._calls:
+            operation = self._operations[row.operation]
+            self._calls[row.operation] = call_faults.calls(self._report, operation.command)
+            self._restore(operation)
         fitting = [
             made for made in self._calls[row.operation]
             if (made.point.process, made.point.call) == (process, call) and re.search(about, made.about)
         ]  # fmt: skip
         assert fitting, f"no call {row.at}"
-        return fitting[0]
+        return fitting[-1 if row.at[3:] == ["last"] else 0]
 
-    def _run(self, row: Row, operation: Operation) -> tuple[int | str, int | None]:
-        case = Case(row.operation, self.point(row).point, FAULTS.get(row.fault, row.error))
-        self._report.write_text("")
-        running = call_faults.start(case, self._report, operation.command)
-        waiting.until(lambda: call_faults.call_met(self._report) != "" or running.has_ended(), f"{case} is met")
+    def _met(self, row: Row, operation: Operation) -> tuple[programs.Running, int]:
+        """The operation, whose call has met the fault, and the number of lines in the log before it."""
+        for _ in range(TRIES):
+            self._restore(operation)
+            before = len(self._syslog.lines())
+            case = Case(row.operation, self.point(row).point, FAULTS.get(row.fault, row.error))
+            self._report.write_text("")
+            running = call_faults.start(case, self._report, operation.command)
+            waiting.until(lambda: call_faults.call_met(self._report) != "" or running.has_ended(), f"{case} is met")
+            if re.search(row.at[2], call_faults.call_met(self._report).split(" ", 4)[-1]):
+                return running, before
+            # A download that took longer has been looked at more often.
+            running.kill()
+            running.wait()
+            self._calls.pop(row.operation)
+        raise AssertionError("the call was not made")
+
+    def _end(self, row: Row, operation: Operation, running: programs.Running) -> tuple[int | str, int | None]:
         if row.status != "stuck":
-            result = running.wait()
-            assert call_faults.call_met(self._report), f"the call was not made: {result}"
-            return result.status, None
+            return running.wait().status, None
         others = operation.device.run("update", DATABASE, "--no-wait").status
         assert not running.has_ended(), f"ended by itself: {running.wait()}"
         # With the tracer, all that it traces is killed.
