@@ -277,9 +277,10 @@ TEST_F(FinishingTest, WaitsForALaterTryWhenTheDatabaseItselfIsLocked) {
 	};
 	EXPECT_EQ(Run({"zip"}), kLocked);
 	EXPECT_EQ(doubles_.out.str(), "");
-	EXPECT_THAT(doubles_.err.str(), HasSubstr("zip: The replacement of its files that was broken off has to be finished "
-	                                          "first, and a lock was not obtained in time (Fail to diff update: Fail "
-	                                          "to lock /run/data_update/using_zip.lock); try later."));
+	EXPECT_THAT(
+	    doubles_.err.str(), HasSubstr("zip: The replacement of its files that was broken off has to be finished "
+	                                  "first, and a lock was not obtained in time (Fail to diff update: Fail "
+	                                  "to lock /run/data_update/using_zip.lock); try later."));
 	EXPECT_EQ(events_, std::vector<std::string>());
 	EXPECT_EQ(ReadRunRecord("zip")->exit_status, kLocked);
 }

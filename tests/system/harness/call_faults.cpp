@@ -2,51 +2,37 @@
 // call_faults REPORT PROCESS CALL NUMBER FAULT PROGRAM [ARG...]
 //
 // Runs a program and all that it starts, and writes their system calls to REPORT, a line for each: PROCESS CALL NUMBER
-// AMOUNT and what it is about. PROCESS is the name of the program that runs in it with the how manieth process of that program
-// it is; the number counts the calls of this name in the process, whichever of its threads makes them; the amount is what
-// a call that reads or writes asks for. Or lets a single call meet a fault, and writes that one alone.
+// AMOUNT and what it is about. PROCESS is the name of the program that runs in it with the how manieth process of that
+// program it is; the number counts the calls of this name in the process, whichever of its threads makes them; the
+// amount is what a call that reads or writes asks for. Or lets a single call meet a fault, and writes that one alone.
 //
-// FAULT is the name of an error, "kill" (the process ends right after the call), "hang" (the call does not return), or "short" (the kernel is asked for one
-// byte of what the program asks for, so that it really reads or writes less). What the dynamic loader calls is left out.
-// Exit status: that of the program, 128 more than the signal that ended it, 125 when nothing could be traced.
+// FAULT is the name of an error, "kill" (the process ends right after the call), "hang" (the call does not return), or
+// "short" (the kernel is asked for one byte of what the program asks for, so that it really reads or writes less). What
+// the dynamic loader calls is left out. Exit status: that of the program, 128 more than the signal that ended it, 125
+// when nothing could be traced.
 
 #include "call_table.h"
+#include "traced_program.h"
 
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
-#include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <elf.h>
-#include <fcntl.h>
+#include <exception>
 #include <fstream>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <map>
-#include <sstream>
-#include <stdexcept>
 #include <string>
-#include <sys/prctl.h>
-#include <unistd.h>
-#include <vector>
+#include <utility>
 
 namespace tarn::faults {
 
 namespace {
-
-[[noreturn]] void Fail(const std::string& what) {
-	throw std::runtime_error(what + ": " + std::strerror(errno));
-}
 
 struct Wanted {
 	bool all = false;
@@ -67,38 +53,9 @@ struct Pending {
 	unsigned long long value = 0;
 };
 
-std::string LinkTarget(const std::string& path) {
-	char target[4096];
-	const ssize_t length = readlink(path.c_str(), target, sizeof target);
-	return length < 0 ? "?" : std::string(target, static_cast<size_t>(length));
-}
-
-std::string TextAt(pid_t thread, unsigned long long address) {
-	char text[256] = {};
-	const iovec local = {text, sizeof text - 1};
-	const iovec remote = {reinterpret_cast<void*>(address), sizeof text - 1};
-	if (process_vm_readv(thread, &local, 1, &remote, 1, 0) < 0) {
-		// The end of the page may come before that many characters.
-		const iovec rest = {reinterpret_cast<void*>(address), 4096 - address % 4096};
-		process_vm_readv(thread, &local, 1, &rest, 1, 0);
-	}
-	return text;
-}
-
-pid_t GroupOf(pid_t thread) {
-	std::ifstream status("/proc/" + std::to_string(thread) + "/status");
-	for (std::string line; std::getline(status, line);) {
-		if (line.rfind("Tgid:", 0) == 0) {
-			return std::stoi(line.substr(5));
-		}
-	}
-	return thread;
-}
-
 class Tracer {
 public:
-	Tracer(const std::string& report, Wanted wanted) : wanted_(std::move(wanted)), report_(report) {
-	}
+	Tracer(const std::string& report, Wanted wanted) : wanted_(std::move(wanted)), report_(report) {}
 
 	int Run(char** program);
 
@@ -160,7 +117,8 @@ void Tracer::Learn(pid_t thread, bool is_new_program) {
 
 void Tracer::Write(pid_t thread, const Process& process, const Call& call, const user_regs_struct& registers) {
 	user_regs_struct copy = registers;
-	report_ << process.name << ' ' << call.name << ' ' << process.counts.at(call.name) << ' ' << Amount(call, copy) << ' ';
+	report_ << process.name << ' ' << call.name << ' ' << process.counts.at(call.name) << ' ' << Amount(call, copy)
+	        << ' ';
 	if (call.about == About::kDescriptor) {
 		report_ << LinkTarget("/proc/" + std::to_string(thread) + "/fd/" + std::to_string(registers.rdi));
 	} else if (call.about != About::kNothing) {
@@ -271,32 +229,6 @@ void Tracer::Begin(pid_t child) {
 		Fail("trace");
 	}
 	kill(child, SIGCONT);
-}
-
-// Only the calls of the list stop the program, so that it is hardly slower than without.
-void Filter() {
-	std::vector<sock_filter> code = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-	for (const Call& call : kCalls) {
-		code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call.number), 0, 1));
-		code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRACE));
-	}
-	code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-	const sock_fprog program = {static_cast<unsigned short>(code.size()), code.data()};
-	if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) < 0) {
-		Fail("filter");
-	}
-}
-
-[[noreturn]] void Become(char** program) {
-	raise(SIGSTOP);
-	try {
-		Filter();
-	} catch (const std::exception& error) {
-		std::fprintf(stderr, "call_faults: %s\n", error.what());
-		_exit(125);
-	}
-	execvp(program[0], program);
-	_exit(127);
 }
 
 int Tracer::Run(char** program) {
