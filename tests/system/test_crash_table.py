@@ -19,10 +19,10 @@ pytestmark = pytest.mark.skipif(not call_faults.is_possible(), reason="other pro
 
 
 @pytest.fixture
-def crashes(product: None, clean_device: None, scratch: Path) -> Iterator[Crashes]:
+def crashes(product: None, clean_device: None, tmp_path: Path) -> Iterator[Crashes]:
     if not Syslog.is_possible():
         pytest.skip("needs to listen at /dev/log, where somebody listens already")
-    made = Crashes(scratch / "crashes")
+    made = Crashes(tmp_path / "crashes")
     yield made
     made.close()
 

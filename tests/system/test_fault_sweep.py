@@ -24,8 +24,8 @@ pytestmark = pytest.mark.skipif(not call_faults.is_possible(), reason="other pro
 
 
 @pytest.fixture
-def sweep(product: None, clean_device: None, scratch: Path) -> Iterator[Sweep]:
-    made = Sweep(scratch / "sweep")
+def sweep(product: None, clean_device: None, tmp_path: Path) -> Iterator[Sweep]:
+    made = Sweep(tmp_path / "sweep")
     yield made
     made.close()
 
