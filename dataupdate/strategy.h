@@ -84,7 +84,6 @@ public:
 	/** Keeps copies of the arguments; does nothing yet. */
 	FullStrategy(const std::string& id, const RemoteInfo& remote, const std::string& volume,
 	    const std::string& installPrefix, const std::string& rootDirectory);
-	/** Removes what was prepared, except after a replacement that failed and that another process can finish. */
 	~FullStrategy() override;
 
 	/**
@@ -130,7 +129,6 @@ private:
 	FileList
 	    unpacked_; // What comes from elsewhere than from the same name below the unpacked tree has that as its text.
 	bool is_staged_ = false;
-	bool is_left_ready_ = false;
 };
 
 /**
@@ -145,10 +143,7 @@ public:
 	DiffStrategy(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
 	    const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
 	    const std::string& rootDirectory);
-	/**
-	 * Removes the whole shared temporary area, other databases' prepared data included. Leaves it after a replacement
-	 * that failed and that another process can finish from there.
-	 */
+	/** Removes the whole shared temporary area, other databases' prepared data included. */
 	~DiffStrategy() override;
 
 	/**
@@ -204,7 +199,6 @@ private:
 	std::string accumulation_directory_;
 	std::function<std::optional<std::string>(const std::string& name)> known_digest_;
 	std::shared_ptr<EarlyDigests> early_digests_;
-	bool is_left_ready_ = false;
 };
 
 /**

@@ -3,7 +3,6 @@
 #include "dataupdate/internal/early_digests.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
-#include "dataupdate/internal/planned_strategy.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_changes.h"
 #include "dataupdate/internal/staging.h"
@@ -76,9 +75,6 @@ DiffStrategy::DiffStrategy(const std::string& id, const DatabaseStatus& status, 
       early_digests_(std::make_shared<EarlyDigests>()) {}
 
 DiffStrategy::~DiffStrategy() {
-	if (is_left_ready_) {
-		return;
-	}
 	if (!accumulation_directory_.empty()) {
 		ClearTmpData(accumulation_directory_);
 	}
@@ -137,7 +133,6 @@ void DiffStrategy::ApplyUpdate() {
 			changes->Install();
 		}
 	} catch (const std::exception& error) {
-		is_left_ready_ = CanBeFinished(id_, temp_base_, install_directory_);
 		throw UpdateError(std::string(messages::kDiffUpdate) + error.what());
 	}
 }

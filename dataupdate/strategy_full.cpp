@@ -1,7 +1,6 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
-#include "dataupdate/internal/planned_strategy.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_tree.h"
 #include "dataupdate/internal/staging.h"
@@ -57,9 +56,6 @@ FullStrategy::FullStrategy(const std::string& id, const RemoteInfo& remote, cons
       space_check_path_(rootDirectory) {}
 
 FullStrategy::~FullStrategy() {
-	if (is_left_ready_) {
-		return;
-	}
 	if (!package_path_.empty()) {
 		CleanTarball(package_path_);
 	}
@@ -107,7 +103,6 @@ void FullStrategy::ApplyUpdate() {
 			_PlaceFiles(install_directory_, InstallRegularFile);
 		}
 	} catch (const std::exception& error) {
-		is_left_ready_ = CanBeFinished(id_, temp_base_, install_directory_);
 		throw UpdateError(std::string(messages::kFullUpdate) + error.what());
 	}
 }

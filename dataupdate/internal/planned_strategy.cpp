@@ -155,12 +155,4 @@ std::optional<ReplacementPlan> FindWholePlan(
 	return IsWhole(*plan) ? std::move(plan) : std::nullopt;
 }
 
-bool CanBeFinished(const std::string& id, const std::string& volume, const std::string& install_directory) noexcept {
-	try {
-		return FindWholePlan(id, volume, install_directory).has_value();
-	} catch (const std::exception&) {
-		return false; // Then the package comes again.
-	}
-}
-
 } // namespace tarn::dataupdate

@@ -39,10 +39,6 @@ private:
 [[nodiscard]] std::optional<ReplacementPlan> FindWholePlan(
     const std::string& id, const std::string& volume, const std::string& install_directory);
 
-/** Whether there is such a plan; a strategy whose replacement failed leaves what it prepared to it. Logs nothing. */
-[[nodiscard]] bool CanBeFinished(
-    const std::string& id, const std::string& volume, const std::string& install_directory) noexcept;
-
 } // namespace tarn::dataupdate
 
 #endif

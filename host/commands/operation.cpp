@@ -11,7 +11,7 @@ ExitCode RunOperation(const Services& services, Report& report, const std::strin
     const std::function<ExitCode()>& work) {
 	return RunRecorded(services, id, operation, [&] {
 		FinishPrepared(services, id, [&report](const std::string& finished, int version) {
-			report.Tell(finished, "finished the update to version " + std::to_string(version) + " that was broken off",
+			report.Tell(finished, "finished the update to version " + std::to_string(version) + " that was killed",
 			    MakeResult("finished", version));
 		});
 		return work();

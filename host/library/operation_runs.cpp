@@ -42,13 +42,12 @@ std::optional<int> TryToFinish(const Services& services, const std::string& id, 
 			throw;
 		}
 		if (is_asked_for && CategoryOf(error.what()) == Category::kLocked) {
-			throw CommandError(
-			    kLocked, "The replacement of its files that was broken off has to be finished first, and a "
-			             "lock was not obtained in time (" +
-			                 std::string(error.what()) + "); try later");
+			throw CommandError(kLocked, "The replacement of its files that was killed has to be finished first, and a "
+			                            "lock was not obtained in time (" +
+			                                std::string(error.what()) + "); try later");
 		}
-		syslog(LOG_WARNING, "The replacement of '%s' that was broken off could not be finished: %s", id.c_str(),
-		    error.what());
+		syslog(
+		    LOG_WARNING, "The replacement of '%s' that was killed could not be finished: %s", id.c_str(), error.what());
 	}
 	return std::nullopt;
 }

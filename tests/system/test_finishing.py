@@ -132,7 +132,7 @@ def test_every_moment_of_the_replacement_can_be_finished(offer: Offer) -> None:
 
 def test_the_result_tells_that_a_run_was_finished(connected: Device, offer: Offer) -> None:
     offer.kill_at(offer.renames[-1])
-    assert "finished the update to version 2 that was broken off" in connected.run_ok("update", DATABASE).stdout
+    assert "finished the update to version 2 that was killed" in connected.run_ok("update", DATABASE).stdout
 
 
 def test_a_fix_finishes_it_as_well(offer: Offer) -> None:

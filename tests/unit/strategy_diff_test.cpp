@@ -1,7 +1,5 @@
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/strategy.h"
-#include "dataupdate/updater.h"
 #include "diff_strategy_test.h"
 #include "library_test.h"
 
@@ -292,30 +290,6 @@ TEST_F(DiffStrategyTest, SaysWhyItCannotReplaceTheFiles) {
 	    AllOf(StartsWith("Fail to diff update: "), HasSubstr("No space left on device")));
 	EXPECT_FALSE(fs::exists(kMark));
 	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
-}
-
-TEST_F(DiffStrategyTest, LeavesWhatItPreparedToARunThatCanFinishIt) {
-	const std::string volume = directory_ / "volume";
-	const std::string installed = volume + "/db/geo";
-	const ReplacementScope scope("geo");
-	Prepared();
-	system_.Fail("renameat2", ENOSPC);
-	system_.Fail("linkat", ENOSPC);
-	EXPECT_FALSE(MessageOf([&] { strategy_->ApplyUpdate(); }).empty());
-	strategy_.reset();
-	EXPECT_TRUE(fs::exists(Temp("sum/f")));
-	EXPECT_EQ(FinishReplacement("geo", volume, installed).data_version, 8);
-	EXPECT_EQ(ReadFile(Installed("f")), "5678");
-	EXPECT_FALSE(fs::exists(Temp("sum")));
-}
-
-TEST_F(DiffStrategyTest, LeavesNothingOfAFailedReplacementThatNobodyCanFinish) {
-	Prepared(); // No scope is open, so there is no plan.
-	system_.Fail("renameat2", ENOSPC);
-	system_.Fail("linkat", ENOSPC);
-	EXPECT_FALSE(MessageOf([&] { strategy_->ApplyUpdate(); }).empty());
-	strategy_.reset();
-	EXPECT_FALSE(fs::exists(Area()));
 }
 
 TEST_F(DiffStrategyTest, SaysThatANewFileWasLost) {

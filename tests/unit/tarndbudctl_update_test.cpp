@@ -258,7 +258,7 @@ protected:
 TEST_F(FinishingTest, ComesBeforeTheUpdateOfAnotherDatabase) {
 	EXPECT_EQ(Run({"geo"}), kDone);
 	EXPECT_EQ(doubles_.out.str(),
-	    "zip: finished the update to version 5 that was broken off\ngeo: updated from version 4 to version 5\n");
+	    "zip: finished the update to version 5 that was killed\ngeo: updated from version 4 to version 5\n");
 	ASSERT_GE(events_.size(), 2U);
 	EXPECT_EQ(events_[0], "finish zip");
 	EXPECT_EQ(events_[1], "ask for geo");
@@ -268,7 +268,7 @@ TEST_F(FinishingTest, ComesBeforeTheUpdateOfAnotherDatabase) {
 TEST_F(FinishingTest, IsToldThoughTheServerDoesNotAnswer) {
 	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault(Throw(UpdateError("Fail to wget url: http://x/")));
 	EXPECT_THROW(Run({}), UpdateError);
-	EXPECT_EQ(doubles_.out.str(), "zip: finished the update to version 5 that was broken off\n");
+	EXPECT_EQ(doubles_.out.str(), "zip: finished the update to version 5 that was killed\n");
 }
 
 TEST_F(FinishingTest, WaitsForALaterTryWhenTheDatabaseItselfIsLocked) {
@@ -277,10 +277,9 @@ TEST_F(FinishingTest, WaitsForALaterTryWhenTheDatabaseItselfIsLocked) {
 	};
 	EXPECT_EQ(Run({"zip"}), kLocked);
 	EXPECT_EQ(doubles_.out.str(), "");
-	EXPECT_THAT(
-	    doubles_.err.str(), HasSubstr("zip: The replacement of its files that was broken off has to be finished "
-	                                  "first, and a lock was not obtained in time (Fail to diff update: Fail "
-	                                  "to lock /run/data_update/using_zip.lock); try later."));
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("zip: The replacement of its files that was killed has to be finished "
+	                                          "first, and a lock was not obtained in time (Fail to diff update: Fail "
+	                                          "to lock /run/data_update/using_zip.lock); try later."));
 	EXPECT_EQ(events_, std::vector<std::string>());
 	EXPECT_EQ(ReadRunRecord("zip")->exit_status, kLocked);
 }
@@ -298,7 +297,7 @@ TEST_F(FinishingTest, StopsNothingWhenItFailsForGood) {
 	const test::SyslogCapture log;
 	EXPECT_EQ(Run({"geo"}), kDone);
 	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 4 to version 5\n");
-	EXPECT_EQ(log.Count(LOG_WARNING, {"'zip' that was broken off could not be finished: no space"}), 1U);
+	EXPECT_EQ(log.Count(LOG_WARNING, {"'zip' that was killed could not be finished: no space"}), 1U);
 }
 
 TEST_F(FinishingTest, GoesNoFurtherThanAHold) {
