@@ -23,7 +23,7 @@ def grown(name: str, unit: str, values: list[float]) -> Row:
     month = min(30, len(values) // 3)
     before, after = median(values[month : 2 * month]), median(values[-month:])
     wrong = [f"{before} became {after}"] if after > TOLERATED * before else []
-    return Row(f"{name} does not grow", len(values), "days", wrong, extra={f"{unit}, month 2": before, f"{unit}, last": after})
+    return Row(f"{name} does not grow", len(values), "updates", wrong, extra={f"{unit}, month 2": before, f"{unit}, last": after})
 
 
 def prove(trial: Trial) -> list[Row]:

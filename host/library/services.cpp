@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <system_error>
@@ -41,6 +42,17 @@ bool MayBeBeingWritten(const std::string& path) {
 	struct stat status {};
 	timespec now{};
 	return clock_gettime(CLOCK_REALTIME, &now) == 0 && stat(path.c_str(), &status) == 0 && IsNew(status.st_mtim, now);
+}
+
+bool IsThere(const std::string& path) {
+	struct stat status {};
+	return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+/** A disk may fail once; the library would then believe that nothing was set, and write that. */
+bool MayBeReadLater(const std::string& path, const UpdateError& error, bool is_first) {
+	return (is_first && IsThere(path)) ||
+	       (CategoryOf(error.what()) == Category::kUndecodable && MayBeBeingWritten(path));
 }
 
 void MakeParents(const std::filesystem::path& place, const std::string& path) {
@@ -119,8 +131,7 @@ Json::Value CheckedIO::ReadJson(const std::string& path) const {
 		try {
 			return IOUtils::ReadJson(path);
 		} catch (const UpdateError& error) {
-			if (CategoryOf(error.what()) != Category::kUndecodable || pauses == kMostPauses ||
-			    !MayBeBeingWritten(path)) {
+			if (pauses == kMostPauses || !MayBeReadLater(path, error, pauses == 0)) {
 				throw;
 			}
 		}
