@@ -27,6 +27,8 @@ class Row:
     """On which file system, in which operation, of what size; as short as a table's cell."""
     extra: dict[str, float] = field(default_factory=dict)
     """Figures of this row beyond the count, by name with unit: {"executions": 13800000, "coverage, %": 91.2}."""
+    is_promise: bool = True
+    """False for what is measured alone."""
 
     @property
     def held(self) -> bool:

@@ -27,23 +27,40 @@ def number(value: float) -> str:
 
 
 def verdict(row: Record) -> str:
+    if not row.get("is_promise", True):
+        return "measured"
     if not row["tried"]:
         return "not tried"
     return f"**broken {len(row['wrong'])} times**" if row["wrong"] else "held"
 
 
-def trial(result: Record) -> str:
-    rows: list[Record] = result["rows"]
-    extra = list(dict.fromkeys(name for row in rows for name in row["extra"]))
-    heads = ["promise", "where", "tried", *extra, "result"]
+def tried(rows: list[Record], first: str) -> str:
+    """A line for each row, begun by what tells the rows apart; further figures in columns if all rows have the same."""
+    names = list(rows[0]["extra"])
+    alike = all(list(row["extra"]) == names for row in rows)
+
+    def figures(extra: dict[str, float]) -> list[str]:
+        if alike:
+            return [number(value) for value in extra.values()]
+        return [", ".join(f"{name}: {number(value)}" for name, value in extra.items())]
+
     lines = [
-        [
-            row["promise"], row["where"], f"{number(row['tried'])} {row['unit']}",
-            *(number(row["extra"][name]) if name in row["extra"] else "" for name in extra), verdict(row),
-        ]
-        for row in rows
-    ]  # fmt: skip
-    return table(heads, lines) + f"\nOf commit {result['commit']} ({result['date']}), seed {result['seed']}, {result['machine']}.\n"
+        [str(row[first]), f"{number(row['tried'])} {row['unit']}", *figures(row["extra"]), verdict(row)] for row in rows
+    ]
+    return table([first, "tried", *(names if alike else ["figures"]), "result"], lines)
+
+
+def by_promise(rows: list[Record]) -> str:
+    promises = list(dict.fromkeys(row["promise"] for row in rows))
+    if len(promises) == len(rows):
+        return tried(rows, "promise")
+    parts = [(promise, [row for row in rows if row["promise"] == promise]) for promise in promises]
+    return "\n".join(f"{promise[0].upper()}{promise[1:]}:\n\n{tried(some, 'where')}" for promise, some in parts)
+
+
+def trial(result: Record) -> str:
+    made = f"Of commit {result['commit']} ({result['date']}), seed {result['seed']}, {result['machine']}.\n"
+    return f"{by_promise(result['rows'])}\n{made}"
 
 
 def missing(name: str) -> str:
@@ -53,7 +70,7 @@ def missing(name: str) -> str:
 def summary(results: dict[str, Record]) -> str:
     lines = []
     for name, result in results.items():
-        rows = result["rows"]
+        rows = [row for row in result["rows"] if row.get("is_promise", True)]
         for unit in dict.fromkeys(row["unit"] for row in rows):
             chosen = [row for row in rows if row["unit"] == unit]
             wrong = sum(len(row["wrong"]) for row in chosen)

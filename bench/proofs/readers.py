@@ -119,7 +119,7 @@ def without_lock(trial: Trial, installed: Path, alternating: Alternation) -> Row
         "wrong reads, %": round(100 * (mixed + missing) / reads, 2),
     }  # fmt: skip
     trial.say(f"{count} replacements under readers without the lock: {mixed} of {reads} mixed, {missing} without a file")
-    return Row(WITHOUT_LOCK, reads, "reads", [], where="cat", extra=extra)
+    return Row(WITHOUT_LOCK, reads, "reads", [], where="cat", extra=extra, is_promise=False)
 
 
 class FewFiles(Operation):
