@@ -121,15 +121,14 @@ void WriteKey(const Key& key, Markup& page) {
 	WriteLines(WithoutEnd(key.pem, "\n"), page);
 }
 
-/** What an administrator types to trust a key, whose file has a name of its own, so that no trusted key is replaced. */
-std::string TrustLines(const Catalogue& catalogue, const Key& key) {
+/**
+ * What an administrator types to trust a key, whose file has a name of its own, so that no trusted key is replaced. The
+ * key is in the lines, because the page may have come by a way that no other program knows.
+ */
+std::string TrustLines(const Key& key) {
 	const std::string path = KeyPath(key);
 	const std::string name = path.substr(path.find('/') + 1);
-	std::string from = catalogue.url.empty() ? path : catalogue.url + "/" + path;
-	for (std::size_t at = from.find('\''); at != std::string::npos; at = from.find('\'')) {
-		from.replace(at, 1, "%27"); // nothing of a URL may end what the shell quotes
-	}
-	return "wget -O " + name + " '" + from + "'\nopenssl pkey -pubin -in " + name +
+	return "cat > " + name + " <<'END'\n" + WithoutEnd(key.pem, "\n") + "\nEND\nopenssl pkey -pubin -in " + name +
 	       " -outform DER | tail -c 32 | sha256sum\ninstall -D -m 644 " + name + " /usr/tarn/etc/codesign/6/" + name;
 }
 
@@ -163,7 +162,7 @@ std::string IndexPage(const Catalogue& catalogue) {
 		body.Leaf("p", "Nothing has been published yet.").Line();
 		return page.Finish();
 	}
-	BeginTable(body, std::to_string(catalogue.databases.size()) + " databases",
+	BeginTable(body, Counted(catalogue.databases.size(), "database"),
 	    {{"Database"}, {"Version", "number"}, {"Published"}, {"Full package", "number"}, {"Diff package", "number"},
 	        {"Versions", "number"}});
 	for (const Database& database : catalogue.databases) {
@@ -202,7 +201,7 @@ std::string TrustPage(const Catalogue& catalogue) {
 	               "the fingerprint, and compare it with what the publisher told you by another way than this page: "
 	               "who can change this page can change the fingerprint as well.");
 	for (const Key& key : catalogue.keys) {
-		WriteLines(TrustLines(catalogue, key), body);
+		WriteLines(TrustLines(key), body);
 	}
 	return page.Finish();
 }

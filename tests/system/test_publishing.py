@@ -82,7 +82,7 @@ class Desk:
 
     def open_store(self) -> None:
         self.store = DavStore(SERVER_BLOCK, self.home / "srv/store", self.home / "dav")
-        self._walkthrough.places["127.0.0.1:8081"] = self.store.writing
+        self._walkthrough.places["127.0.0.1:8082"] = self.store.writing
 
     def close(self) -> None:
         for server in (self.server, self.store):

@@ -170,10 +170,12 @@ def test_the_lines_of_the_trust_page_bring_and_compare_the_key(everything: Publi
             programs.run_ok(programs.PUB, "fingerprint", everything.public_key, "--json").stdout
         )[0]["fingerprint"]
         text = parse(out / "trust.html").text
-        lines = text[text.index("wget -O") :].split("\n")[:3]
-        got = programs.run_ok("bash", "-ec", f"cd '{tmp_path}'\n{lines[0]}\n{lines[1]}")
+        lines = text[text.index("cat > ") :].split("\n")
+        last = next(number for number, line in enumerate(lines) if line.startswith("install "))
+        got = programs.run_ok("bash", "-ec", "\n".join([f"cd '{tmp_path}'", *lines[:last]]))
     assert got.stdout.split()[0] == fingerprint
-    assert lines[2].startswith("install ") and lines[2].endswith(f"/usr/tarn/etc/codesign/6/{fingerprint[:16]}.pub")
+    assert lines[last].endswith(f"/usr/tarn/etc/codesign/6/{fingerprint[:16]}.pub")
+    assert (tmp_path / f"{fingerprint[:16]}.pub").read_text() == everything.public_key.read_text()
 
 
 def test_names_with_markup_stay_names(publisher: Publisher, tmp_path: Path) -> None:
