@@ -5,7 +5,7 @@ from __future__ import annotations
 import hashlib
 import json
 import shutil
-import subprocess
+import tarfile
 from pathlib import Path
 
 from . import databases, trees
@@ -40,14 +40,20 @@ def move(root: Path, old: str, new: str) -> None:
 
 
 def pack(archive: Path, root: Path, *paths: Path) -> None:
-    names = [str(path.relative_to(root)) for path in paths if path.exists()]
-    tar = ["tar", "--create", "--xz", "--sort=name", "--owner=0", "--group=0", "--numeric-owner"]
-    subprocess.run([*tar, f"--file={archive}", f"--directory={root}", *names], check=True)
+    def roots_own(member: tarfile.TarInfo) -> tarfile.TarInfo:
+        member.uid = member.gid = 0
+        member.uname = member.gname = ""
+        return member
+
+    with tarfile.open(archive, "w:xz") as tar:
+        for path in filter(Path.exists, paths):
+            tar.add(path, path.relative_to(root), filter=roots_own)
 
 
 def unpack(archive: Path, root: Path) -> None:
     root.mkdir(parents=True, exist_ok=True)
-    subprocess.run(["tar", "--extract", "--xz", "--preserve-permissions", f"--file={archive}", f"--directory={root}"], check=True)
+    with tarfile.open(archive, "r:xz") as tar:
+        tar.extractall(root, numeric_owner=True)
 
 
 class Kept:
