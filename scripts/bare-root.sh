@@ -95,7 +95,8 @@ mount_devices() { # DIRECTORY
 	mount -t proc proc "$1/proc"
 	mount -t sysfs sysfs "$1/sys"
 	mount -t tmpfs -o mode=755 tmpfs "$dev"
-	for node in null:1:3 zero:1:5 full:1:7 random:1:8 urandom:1:9 tty:5:0 loop-control:10:237; do
+	for node in null:1:3 zero:1:5 full:1:7 random:1:8 urandom:1:9 tty:5:0 loop-control:10:237 \
+		fuse:10:229 btrfs-control:10:234; do
 		mknod -m 666 "$dev/${node%%:*}" c "$(cut -d: -f2 <<<"$node")" "${node##*:}"
 	done
 	mkdir -m 1777 "$dev/shm"

@@ -60,7 +60,11 @@ def missing(program: Path) -> str:
         return "needs to mount file systems from loop devices, which takes the machine's own root"
     if not program.exists():
         return "tests/system/recording_disk.cpp is not built: libfuse3-dev is missing"
-    return "" if Path("/dev/fuse").exists() else "needs FUSE"
+    try:
+        os.close(os.open("/dev/fuse", os.O_RDWR))
+    except OSError:
+        return "needs FUSE"
+    return ""
 
 
 @dataclass(frozen=True)
