@@ -220,7 +220,7 @@ private:
 				result_.deleted.push_back(name);
 			}
 		}
-		if (!options_.deletes) {
+		if (options_.keeps_all) {
 			result_.deleted.clear();
 			return;
 		}

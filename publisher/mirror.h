@@ -13,7 +13,7 @@ namespace tarn::publisher {
 struct MirrorOptions {
 	std::string repository;
 	std::string store; // as rclone names it: "NAME:PATH"
-	bool deletes = true;
+	bool keeps_all = false;
 	bool force = false; // also where the store offers what the repository lacks
 	bool dry_run = false;
 };

@@ -35,8 +35,7 @@ void Declare(CLI::App& app, Command& command) {
 	app.footer(kMirrorHelp);
 	app.add_option("STORE", options.store, "Where to, as rclone names it: NAME:BUCKET or NAME:BUCKET/PATH")->required();
 	app.add_option("--repo", options.repository, "Directory that tarndbudpub writes")->required();
-	app.add_flag_callback(
-	    "--no-delete", [&options] { options.deletes = false; }, "Delete nothing at the store");
+	app.add_flag("--no-delete", options.keeps_all, "Delete nothing at the store");
 	app.add_flag("--force", options.force, "Go on although the store offers what the repository lacks");
 	app.add_flag("--dry-run", options.dry_run, "Change nothing; say what would be done");
 	app.add_flag("--json", command.json, "Print JSON");

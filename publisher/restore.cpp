@@ -122,7 +122,7 @@ private:
 		}
 		entry.diff_files = Chain(version, packages);
 		WarnOfHigher(id, version, packages.highest);
-		WarnOfChannels(id, version);
+		JudgeChannels(id, version);
 		WarnOfUnreached(version, entry, packages);
 		KeepNewest(entry.diff_files, options_.keep_diffs, newest.size);
 		Add(id, entry);
@@ -185,19 +185,25 @@ private:
 	}
 
 	/** A version that another document names may have been on trial there. */
-	void WarnOfChannels(const std::string& id, int version) const {
+	void JudgeChannels(const std::string& id, int version) const {
 		if (options_.data_version) {
 			return;
 		}
 		for (const std::string& name : repository_.DocumentNames()) {
 			const bool is_other = name != options_.db_version && !repository_.IsDamaged(name);
 			if (is_other && VersionIn(name, id) == std::optional(version)) {
-				WarnOfChannel(name, id, version);
+				JudgeChannel(name, id, version);
 			}
 		}
 	}
 
-	void WarnOfChannel(const std::string& name, const std::string& id, int version) const {
+	void JudgeChannel(const std::string& name, const std::string& id, int version) const {
+		const std::optional<int> named = NamedVersion(id);
+		if (named && *named < version) {
+			throw PublishError("version " + std::to_string(version) + " is what " + name +
+			                   " names, and would be for all devices; --data-version " + std::to_string(*named) +
+			                   " keeps the version that " + result_.document + " names");
+		}
 		observer_.warn("Version " + std::to_string(version) + " of " + id + " is also what " + name +
 		               " names. If it was on trial there, run it again with --force and --data-version.");
 	}

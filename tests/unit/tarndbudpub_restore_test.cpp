@@ -265,6 +265,23 @@ TEST_F(Restoring, NamesNoVersionAboveTheOneThatItIsTold) {
 	EXPECT_THROW(Restore(), publisher::UsageError);
 }
 
+TEST_F(Restoring, ReleasesToNobodyElseWhatIsOnTrialInAChannel) {
+	PublishUpTo(2);
+	const std::string document = ReadFile(DocumentPath());
+	options_.db_version = "canary";
+	PublishUpTo(1);
+	restore_.force = true;
+	restore_.url = "http://elsewhere.example/";
+	EXPECT_THAT(Failure(), HasSubstr("version 3 is what canary names, and would be for all devices; --data-version 2 "
+	                                 "keeps the version that " +
+	                                 DocumentPath() + " names"));
+	EXPECT_EQ(ReadFile(DocumentPath()), document);
+	restore_.data_version = 2;
+	EXPECT_EQ(Failure(), "");
+	EXPECT_EQ(NamedVersion(), "2");
+	EXPECT_THAT(ReadFile(DocumentPath()), HasSubstr("http://elsewhere.example/"));
+}
+
 TEST_F(Restoring, NeedsARepository) {
 	EXPECT_THAT(Failure(), HasSubstr("/repo is no directory that can be read"));
 	EXPECT_FALSE(fs::exists(options_.repository));
