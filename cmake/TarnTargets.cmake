@@ -38,8 +38,6 @@ function(tarn_require_all_sources_known)
 	if(TARN_BENCH)
 		file(GLOB_RECURSE more RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS bench/*.cpp)
 		list(APPEND found ${more})
-	else()
-		list(FILTER found EXCLUDE REGEX "^tests/unit/fleet_") # the tests of what lies in bench/
 	endif()
 	tarn_collect_sources(known ${CMAKE_SOURCE_DIR})
 	foreach(source IN LISTS found)
