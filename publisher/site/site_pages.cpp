@@ -197,7 +197,7 @@ std::string TrustPage(const Catalogue& catalogue) {
 		WriteKey(key, body);
 	}
 	body.Leaf("h2", "How to trust a key").Line();
-	body.Leaf("p", "On the device, as root. Go on to the last line only if the digest that the second line prints is "
+	body.Leaf("p", "On the device, as root. Go on to the last line only if the digest that openssl prints is "
 	               "the fingerprint, and compare it with what the publisher told you by another way than this page: "
 	               "who can change this page can change the fingerprint as well.");
 	for (const Key& key : catalogue.keys) {
