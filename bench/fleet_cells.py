@@ -1,10 +1,6 @@
-"""Tables of docs/fleet.md, and what stands in their cells."""
+"""What stands in the cells of docs/fleet.md."""
 
 from __future__ import annotations
-
-
-def table(heads: list[str], lines: list[list[str]]) -> str:
-    return "\n".join(f"| {' | '.join(cells)} |" for cells in (heads, ["---"] * len(heads), *lines)) + "\n"
 
 
 def size(number: float) -> str:

@@ -6,13 +6,13 @@ import json
 import re
 from pathlib import Path
 
-from bench import fleet_aims, fleet_scenarios
-from bench.fleet_cells import count, hours, latency, percent, size, table
+from bench import fleet_aims, fleet_scenarios, pages
+from bench.fleet_cells import count, hours, latency, percent, size
+from bench.pages import table
 
 SOURCE = Path(__file__).resolve().parent.parent
 TEXT = SOURCE / "bench/fleet.md"
 PAGE = SOURCE / "docs/fleet.md"
-PART = re.compile(r"(<!-- bench/fleet: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL)
 FIGURE = re.compile(r"\{\{(\w+)\}\}")
 """A number within a sentence of the text."""
 SIZES = ("fleet 10^4", "fleet 10^6", "fleet 10^7")
@@ -294,4 +294,4 @@ def write(place: Path, only_check: bool) -> bool:
 def filled(text: str, results: Json, made: dict[str, str]) -> str:
     numbers = figures(results)
     text = FIGURE.sub(lambda match: numbers[match[1]] if numbers else MISSING, text)
-    return PART.sub(lambda match: match[1] + made[match[2]] + match[3], text)
+    return pages.filled("fleet", text, made.__getitem__)

@@ -3,11 +3,12 @@
 from __future__ import annotations
 
 import json
-import re
 from collections.abc import Callable
 from pathlib import Path
 
-PART = re.compile(r"(<!-- bench/proof: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL)
+from bench import pages
+from bench.pages import table
+
 TRIALS = ("power", "faults", "readers", "input", "soak")
 TEXT = Path("bench/proof.md")
 PAGE = Path("docs/proof.md")
@@ -16,10 +17,6 @@ MEASURED = Path("docs/performance/rows.json")
 ATTACKS = Path("docs/proof/attacks.json")
 
 Record = dict[str, object]
-
-
-def table(heads: list[str], lines: list[list[str]]) -> str:
-    return "\n".join(f"| {' | '.join(cells)} |" for cells in (heads, ["---"] * len(heads), *lines)) + "\n"
 
 
 def number(value: float) -> str:
@@ -129,7 +126,7 @@ def filled(template: str, source: Path, directory: Path) -> str:
             return trial(results[name])
         return others[name]() if name in others else missing(name)
 
-    return PART.sub(lambda match: match[1] + made(match[2]) + match[3], template)
+    return pages.filled("proof", template, made)
 
 
 def texts(source: Path, directory: Path) -> dict[Path, str]:
