@@ -282,6 +282,22 @@ TEST(CheckedIOTest, WaitsForNobodyToMendAnOldFile) {
 	EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
+TEST(CheckedIOTest, LooksTwiceAtAFileThatIsThere) {
+	const test::TemporaryDirectory directory;
+	const std::string path = directory / "version.json";
+	test::WriteFile(path, "{\"a\": ");
+	constexpr timespec kLongAgo = {1700000000, 0};
+	const std::array<timespec, 2> times = {kLongAgo, kLongAgo};
+	ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
+	const UniqueFd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+	// The kernel makes one event of several that are alike, so each opening needs its closing.
+	ASSERT_GE(inotify_add_watch(watch.Get(), path.c_str(), IN_OPEN | IN_CLOSE), 0);
+	EXPECT_EQ(MessageOf([&path] { CheckedIO().ReadJson(path); }), "Fail to decode: " + path);
+	std::array<inotify_event, 8> events{};
+	EXPECT_EQ(read(watch.Get(), events.data(), sizeof events), static_cast<ssize_t>(4 * sizeof(inotify_event)));
+	EXPECT_EQ(MessageOf([&] { CheckedIO().ReadJson(path + ".missing"); }), "File not exist: " + path + ".missing");
+}
+
 TEST(CheckedInfoGetterTest, NamesTheRecordThatIsMalformed) {
 	const auto io = std::make_shared<NiceMock<test::MockIOUtils>>();
 	const CheckedInfoGetter getter(io, std::make_shared<NiceMock<test::MockServiceConfig>>());
