@@ -109,6 +109,8 @@ public:
 	[[nodiscard]] const std::string& PreparedTree() const;
 	/** True: what cannot be installed has not been prepared. */
 	[[nodiscard]] bool IsInstallable() const;
+	/** What PrepareUpdate() has begun of the new files' digests. Lives on without the strategy. */
+	[[nodiscard]] std::shared_ptr<EarlyDigests> DigestsBegun() const { return early_digests_; }
 
 private:
 	void _CalModifyInfo();
@@ -129,6 +131,7 @@ private:
 	FileList
 	    unpacked_; // What comes from elsewhere than from the same name below the unpacked tree has that as its text.
 	bool is_staged_ = false;
+	std::shared_ptr<EarlyDigests> early_digests_;
 };
 
 /**

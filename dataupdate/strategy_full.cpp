@@ -1,5 +1,6 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
+#include "dataupdate/internal/early_digests.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_tree.h"
@@ -53,7 +54,8 @@ FullStrategy::FullStrategy(const std::string& id, const RemoteInfo& remote, cons
       remote_(remote),
       temp_base_(volume),
       install_directory_(installPrefix),
-      space_check_path_(rootDirectory) {}
+      space_check_path_(rootDirectory),
+      early_digests_(std::make_shared<EarlyDigests>()) {}
 
 FullStrategy::~FullStrategy() {
 	if (!package_path_.empty()) {
@@ -80,6 +82,8 @@ void FullStrategy::PrepareUpdate() {
 	MakeEmptyDirectory(unpack_directory_);
 	_ExtractTarballTo(package_path_, unpack_directory_);
 	_CalModifyInfo();
+	// Linking and renaming keep one processor busy.
+	VisitPrepared([this](const std::string& /*name*/, const std::string& file) { early_digests_->Begin(file); });
 	io.TarnMkdir(install_directory_);
 	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
 		throw UpdateError(messages::kLowSpace);
@@ -105,6 +109,7 @@ void FullStrategy::ApplyUpdate() {
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(messages::kFullUpdate) + error.what());
 	}
+	CleanTarball(package_path_); // Or the disk would have to take it.
 }
 
 std::set<std::string> FullStrategy::GetModifiedFiles() const {

@@ -13,6 +13,7 @@
 #include "dataupdate/update_error.h"
 
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -79,6 +80,7 @@ Prepared PrepareNew(const std::shared_ptr<Strategy>& strategy) {
 	prepared.content = {strategy->PreparedTree(),
 	    [own = strategy.get()](const PreparedUpdate::Visit& visit) { own->VisitPrepared(visit); },
 	    [own = strategy.get()] { return own->IsInstallable(); }};
+	prepared.digests = strategy->DigestsBegun();
 	return prepared;
 }
 
@@ -120,10 +122,10 @@ FileList Install(const std::string& id, Prepared prepared, const std::string& in
 	InstallBetweenHooks(id, prepared, announce);
 	const InterruptionShield shield;
 	FileList files = prepared.list_files();
-	// Temporary data goes first, so that what was never written to the disk never has to be.
-	prepared.strategy.reset();
+	std::future<void> synced = BeginToSyncInstalled(install_prefix);
+	prepared.strategy.reset(); // with its temporary data
 	files = CalculateDigests(std::move(files), install_prefix, *prepared.digests);
-	SyncInstalled(install_prefix);
+	synced.get();
 	return files;
 }
 
@@ -192,7 +194,6 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
 		diff->TakeDigestsFrom(advice.known_digest);
 		prepared = PrepareNew(diff);
-		prepared.digests = diff->DigestsBegun();
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_WARNING, "Diff update fail, try full update: %s", error.what());
 		if (advice.before_full_package) {

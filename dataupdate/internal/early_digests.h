@@ -13,8 +13,8 @@
 namespace tarn::dataupdate {
 
 /**
- * Patching a file keeps one processor busy at most; the others read what is ready. Holds the files open, so that each
- * digest is of the file that was begun, whatever its path names later.
+ * Patching a file, or renaming many, keeps one processor busy at most; the others read what is ready. Holds the files
+ * open, so that each digest is of the file that was begun, whatever its path names later.
  */
 class EarlyDigests {
 public:

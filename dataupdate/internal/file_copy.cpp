@@ -1,6 +1,7 @@
 #include "dataupdate/internal/file_copy.h"
 
 #include "base/file_io.h"
+#include "base/process.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/utils.h"
 
@@ -118,6 +119,11 @@ void SyncInstalled(const std::string& install_prefix) {
 	if (access(install_prefix.c_str(), F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR)) {
 		SyncFileSystem(install_prefix);
 	}
+}
+
+std::future<void> BeginToSyncInstalled(const std::string& install_prefix) {
+	const process::AllSignalsBlocked blocked; // A host's handlers never run on another thread.
+	return std::async(std::launch::async | std::launch::deferred, SyncInstalled, install_prefix);
 }
 
 } // namespace tarn::dataupdate

@@ -2,6 +2,7 @@
 #ifndef DATAUPDATE_INTERNAL_FILE_COPY_H
 #define DATAUPDATE_INTERNAL_FILE_COPY_H
 
+#include <future>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -31,6 +32,12 @@ void RemoveFile(const std::string& path);
 
 /** SyncFileSystem() after a success; where there is no install directory, there is nothing to bring to the disk. */
 void SyncInstalled(const std::string& install_prefix);
+
+/**
+ * Does the same beside the caller, where a thread can be had, else in get(), which throws what it throws. For the time
+ * in which digests are taken: these need the processors, and this needs the disk.
+ */
+[[nodiscard]] std::future<void> BeginToSyncInstalled(const std::string& install_prefix);
 
 } // namespace tarn::dataupdate
 

@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <future>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -217,6 +218,14 @@ TEST_F(SyncFileSystemTest, IsLeftOutForAnInstallDirectoryThatIsNotThere) {
 	EXPECT_NO_THROW(SyncInstalled(directory_ / "file/none"));
 	EXPECT_EQ(
 	    MessageOf([&] { SyncInstalled(directory_ / ""); }), "Fail to sync " + directory_ / "" + ": Input/output error");
+}
+
+TEST_F(SyncFileSystemTest, BesideTheCallerTellsInTheEndWhyItFailed) {
+	WriteFile(directory_ / "file", "");
+	system_.Fail("syncfs", EIO);
+	std::future<void> synced = BeginToSyncInstalled(directory_ / "");
+	EXPECT_EQ(MessageOf([&] { synced.get(); }), "Fail to sync " + directory_ / "" + ": Input/output error");
+	EXPECT_NO_THROW(BeginToSyncInstalled(directory_ / "none").get());
 }
 
 TEST_F(SyncFileSystemTest, NamesThePathThatCannotBeSynced) {

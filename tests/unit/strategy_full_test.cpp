@@ -1,6 +1,8 @@
 #include "dataupdate/file_lock.h"
+#include "dataupdate/internal/early_digests.h"
 #include "dataupdate/project_lock.h"
 #include "dataupdate/strategy.h"
+#include "dataupdate/utils.h"
 #include "fake_platform.h"
 #include "fake_system.h"
 #include "library_test.h"
@@ -15,6 +17,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -106,6 +109,26 @@ TEST_F(FullStrategyTest, ReplacesEverythingThatIsInstalled) {
 	EXPECT_THAT(EntriesBelow(Installed("")), UnorderedElementsAre("kept", "sub", "sub/file"));
 	EXPECT_EQ(ReadFile(Installed("kept")), "new");
 	EXPECT_EQ(ReadFile(Temp("geo_full/kept")), "new"); // Stays until the end.
+}
+
+TEST_F(FullStrategyTest, HasReadLargeFilesBeforeTheyAreInstalled) {
+	const std::string large(std::size_t{1} << 20U, 'x');
+	platform_.package_files = {{"large", large}, {"small", "x"}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	strategy.ApplyUpdate();
+	std::istringstream content(large);
+	EXPECT_EQ(strategy.DigestsBegun()->Take(Installed("large")), GetSha384(content));
+	EXPECT_EQ(strategy.DigestsBegun()->Take(Installed("small")), std::nullopt);
+}
+
+TEST_F(FullStrategyTest, RemovesThePackageBeforeTheDiskWouldTakeIt) {
+	platform_.package_files = {{"file", "content"}};
+	FullStrategy strategy = Strategy();
+	strategy.PrepareUpdate();
+	EXPECT_TRUE(fs::exists(Temp("geo_v12")));
+	strategy.ApplyUpdate();
+	EXPECT_FALSE(fs::exists(Temp("geo_v12")));
 }
 
 TEST_F(FullStrategyTest, EmptiesTheInstallationForAnEmptyPackage) {
