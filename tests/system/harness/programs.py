@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import os
+import select
 import signal
 import subprocess
 import tempfile
@@ -55,14 +57,25 @@ class Running:
     def has_ended(self) -> bool:
         return self._process.poll() is not None
 
-    def wait(self, patience: float = PATIENCE_SECONDS) -> Result:
+    def _ends_within(self, seconds: float) -> bool:
+        """Popen.wait() with a limit looks only every 50 ms, which the time of a short program would show."""
+        if self.has_ended():
+            return True
+        descriptor = os.pidfd_open(self.pid)
         try:
-            status = self._process.wait(patience)
-        except subprocess.TimeoutExpired:
+            end = select.poll()
+            end.register(descriptor, select.POLLIN)
+            return bool(end.poll(seconds * 1000))
+        finally:
+            os.close(descriptor)
+
+    def wait(self, patience: float = PATIENCE_SECONDS) -> Result:
+        if not self._ends_within(patience):
             self._process.kill()
             self._process.wait()
-            raise AssertionError(f"still running after {patience} s: {' '.join(self._arguments)}") from None
+            raise AssertionError(f"still running after {patience} s: {' '.join(self._arguments)}")
         seconds = time.monotonic() - self._begin
+        status = self._process.wait()
         return Result(self._arguments, status, _take(self._out), _take(self._err), seconds)
 
 
