@@ -15,6 +15,7 @@ PAGE = Path("docs/proof.md")
 README = Path("README.md")
 MEASURED = Path("docs/performance/rows.json")
 ATTACKS = Path("docs/proof/attacks.json")
+PROMISES = Path("docs/proof/promises.json")
 
 Record = dict[str, object]
 
@@ -90,6 +91,21 @@ def attacks(records: list[Record]) -> str:
     )
 
 
+def linked(source: str) -> str:
+    """By its name; a link where the page about proof can follow one."""
+    name = Path(source).name
+    target = source.removeprefix("docs/") if source.startswith("docs/") else f"../{source}"
+    return f"[{name.removesuffix('.md')}]({target})"
+
+
+def promises(records: list[Record]) -> str:
+    lines = [
+        [str(record["promise"]).replace("|", "\\|"), ", ".join(map(linked, record["pages"])), str(record["held_by"])]
+        for record in records
+    ]
+    return table(["promise", "made in", "held by"], lines)
+
+
 def versions(results: dict[str, Record]) -> str:
     newest = max(results.values(), key=lambda result: result["date"])
     return table(["what", "version"], [[name, version] for name, version in newest["versions"].items()])
@@ -118,6 +134,7 @@ def filled(template: str, source: Path, directory: Path) -> str:
         "figures": lambda: figures(results),
         "peers": lambda: peers(read(source / MEASURED)),
         "attacks": lambda: attacks(read(source / ATTACKS)),
+        "promises": lambda: promises(read(source / PROMISES)),
         "versions": lambda: versions(results),
     }
 

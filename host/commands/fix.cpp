@@ -66,7 +66,7 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kFixCommand = {"fix", "Reinstall databases whose files are missing, changed or unknown",
-    "Without ids, and with --all, fixes the scheduled databases in the order of the configuration, up to the first "
+    "Without ids, and with --all, fixes the scheduled databases in the order of their ids, up to the first "
     "that\n"
     "fails. Leaves an intact database alone. Replaces a damaged database with the server's full package. Installs a\n"
     "database that was never installed. A database that is held gets its own version again.",

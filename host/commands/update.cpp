@@ -236,7 +236,7 @@ ExitCode InstallOffered(const Services& services, Report& report, const std::str
 }
 
 const Command kUpdateCommand = {"update", "Bring databases to the server's version",
-    "Without ids, and with --all, updates the scheduled databases in the order of the configuration, up to the first "
+    "Without ids, and with --all, updates the scheduled databases in the order of their ids, up to the first "
     "that\n"
     "fails. Tries all databases that are named; the exit status is then that of the first failure. Fails when nothing "
     "could\n"
