@@ -146,9 +146,11 @@ VcdiffWindows VcdiffWindows::Of(std::uint64_t source_size, std::uint64_t target_
 }
 
 std::uint64_t VcdiffWindows::Memory(std::uint64_t source_size) const {
-	constexpr std::uint64_t kPerSourceByte = 3; // the window itself and where its pieces are
+	// Where its pieces are goes by the window, whatever part of it the file fills.
+	constexpr std::uint64_t kIndexPerByte = 2;
+	constexpr std::uint64_t kLargestIndex = std::uint64_t{1} << 30U;
 	constexpr std::uint64_t kPerTargetByte = 5;
-	return kPerSourceByte * std::min(source, source_size) + kPerTargetByte * target;
+	return std::min(source, source_size) + std::min(kIndexPerByte * source, kLargestIndex) + kPerTargetByte * target;
 }
 
 void EncodeVcdiff(const std::string& encoder, const std::string& source, const std::string& target,

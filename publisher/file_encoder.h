@@ -22,7 +22,7 @@ struct VcdiffWindows {
 	 * suffice. A file whose source window is smaller than the source finds what has moved by no more than that.
 	 */
 	static VcdiffWindows Of(std::uint64_t source_size, std::uint64_t target_size, std::uint64_t memory);
-	/** The bytes that the encoder takes at most, as measured. */
+	/** The bytes that the encoder takes beside some for itself, as measured. */
 	std::uint64_t Memory(std::uint64_t source_size) const;
 };
 

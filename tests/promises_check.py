@@ -3,12 +3,12 @@
 
 usage: promises_check.py [--write] BUILD_DIRECTORY [CHECKOUT]
 
-Each promise has the sentence by which each page makes it, word for word except for line breaks, and what holds it:
-tests as in tests/attacks.json, tests of ctest by their names, or programs that try more than a run of the tests has
-time for ("bench/proof power", "bench/run chain", "bench/fleet", "scripts/try-packages"). Fails for a sentence that its
-page does not have, for a promise without a test, for what does not exist or is disabled, and when
-docs/proof/promises.json, from which the page is made, does not hold these promises; --write writes that file.
-Exit status: 0 all right, 1 not, 2 usage.
+Each promise has the sentence by which each page makes it, word for word except for line breaks; what it is about, where
+the sentence alone does not say so; and what holds it: tests as in tests/attacks.json, tests of ctest by their names, or
+programs that try more than a run of the tests has time for ("bench/proof power", "bench/run chain", "bench/fleet",
+"scripts/try-reproducible"). Fails for a sentence that its page does not have, for a promise without a test, for what
+does not exist or is disabled, and when docs/proof/promises.json, from which the page is made, does not hold these
+promises; --write writes that file. Exit status: 0 all right, 1 not, 2 usage.
 """
 
 from __future__ import annotations
@@ -69,7 +69,8 @@ def first(promise: Row) -> str:
 
 
 def line(promise: Row) -> Row:
-    return {"pages": list(promise["promised"]), "promise": first(promise), "held_by": shown(promise["held_by"])}
+    about = f"*{promise['about']}:* " if "about" in promise else ""
+    return {"pages": list(promise["promised"]), "promise": about + first(promise), "held_by": shown(promise["held_by"])}
 
 
 PROMISES = Table("promises", "held_by", first, line, programs, unsaid)

@@ -142,11 +142,10 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kPlanCommand = {"plan", "Show what an update would do",
-    "Changes nothing but the cached document of the server. Tells the packages, their bytes, the room that they may "
-    "need\n"
-    "at most and what is free beside the reserve of 5 %, and how many readers hold the database now. The size of a "
-    "full\n"
-    "package is asked of the server.",
+    "Changes nothing but the cached document of the server. Tells the packages, their bytes, the room that they need "
+    "if\n"
+    "all files change and do not grow, what is free beside the reserve of 5 %, and how many readers hold the database\n"
+    "now. The size of a full package is asked of the server.",
     {kUnsupported, kLocked}, true, false, Declare, Run};
 
 } // namespace tarn::ctl

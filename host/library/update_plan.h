@@ -32,7 +32,7 @@ struct UpdatePlan {
 	bool is_needed = false;                  ///< Whether an update would install something.
 	std::string reason;                      ///< The end of a sentence: why it would, why not, why by the full package.
 	UpdateWay way;                           ///< Of no meaning when no update is needed.
-	std::optional<std::uint64_t> most_bytes; ///< The largest room that it may take while it runs; none: unknown.
+	std::optional<std::uint64_t> most_bytes; ///< About what it takes if all files change and none grows.
 	std::optional<std::uint64_t> free_bytes; ///< On volume and file system of the database, without the reserve.
 	Room room = Room::kUnknown;
 	std::size_t readers = 0;

@@ -12,8 +12,9 @@ from pathlib import Path
 
 import pytest
 from harness import packages, trees
-from harness.device import DATABASE, STATUS, Device
+from harness.device import DATABASE, KEYS, STATUS, Device, empty
 from harness.packages import Diff, HandPublisher
+from harness.publisher import Publisher
 from harness.syslog import Syslog
 from harness.webserver import Nginx
 
@@ -189,6 +190,24 @@ FORCED: dict[str, tuple[Callable[[HandPublisher], bytes], str]] = {
 
 
 @pytest.mark.parametrize("case", FORCED)
+def test_a_key_that_is_removed_ends_updates_and_keeps_what_is_installed(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", {"a": b"first"})
+    publisher.publish(tree, DATABASE)
+    connected.run_ok("update", DATABASE)
+    empty(KEYS)
+    (tree / "a").write_bytes(b"second")
+    publisher.publish(tree, DATABASE)
+    connected.forget_document()
+    assert connected.run("update", DATABASE).status == 1
+    trees.assert_holds(connected.installed(DATABASE), {"a": b"first"})
+    connected.run_ok("check", DATABASE)
+    connected.trust(publisher.public_key)
+    connected.update(DATABASE)
+    trees.assert_same(tree, connected.installed(DATABASE))
+
+
 def test_a_forced_version_is_that_version(
     connected: Device, hand: HandPublisher, installed: Installed, case: str
 ) -> None:

@@ -17,15 +17,13 @@ from harness.volumes import MIB, Volumes
 from harness.webserver import Nginx
 
 SIZE = 64 * MIB
-OTHER = 65534
 WRITABLE = "can be written by its group or by others"
-AS_OTHER = ("/usr/bin/setpriv", f"--reuid={OTHER}", f"--regid={OTHER}", "--clear-groups")
 OPERATIONS = [("update", DATABASE), ("fix", DATABASE), ("force-install", DATABASE, "0")]
 
 
 def as_other(script: str) -> programs.Result:
     """Runs a shell's script as an ordinary user."""
-    result = programs.run(*AS_OTHER, "/bin/sh", "-c", script)
+    result = programs.run(*programs.AS_OTHER, "/bin/sh", "-c", script)
     if "setpriv: " in result.stderr:
         pytest.skip("needs another user, and this namespace has one only")
     return result

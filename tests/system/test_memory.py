@@ -54,6 +54,40 @@ def test_updating_and_checking_two_gigabytes_stays_below_32_mib(
     trees.assert_same(large_tree, connected.installed(DATABASE))
 
 
+def test_the_level_of_a_package_makes_no_difference_to_memory(
+    connected: Device, publisher: Publisher, scratch: Path
+) -> None:
+    chance = random.Random(1)
+    words = [bytes(chance.choices(b"abcdefghijklmnop", k=chance.randrange(3, 9))) for _ in range(3000)]
+    files = {"noise": chance.randbytes(MIB), "text": b" ".join(chance.choices(words, k=500_000))}
+    tree = trees.write_tree(scratch / "mixed", files)
+    publisher.publish(tree, DATABASE, "--level", "19")
+    packed = programs.run_ok(programs.PUB, "inspect", publisher.package(DATABASE, 1)).stdout
+    assert any(codec in packed for codec in ("brotli", "lzma", "bzip2")), packed
+    result, peak = programs.peak_memory(programs.CTL, "update", DATABASE)
+    assert result.status == 0, str(result)
+    assert peak < LIMIT_KIB
+    shutil.rmtree(tree)
+
+
+def test_making_a_patch_stays_within_the_memory_that_it_is_given(publisher: Publisher, scratch: Path) -> None:
+    """A file that fills little more than half of the encoder's window, whose index is as large as for a full one."""
+    chance = random.Random(1)
+    tree = trees.write_tree(scratch / "patched", {"large": chance.randbytes(80 * MIB)})
+    publisher.publish(tree, DATABASE, "--level", "1")
+    with (tree / "large").open("r+b") as stream:
+        for _ in range(100):
+            stream.seek(chance.randrange(80 * MIB))
+            stream.write(b"changed")
+    result, peak = programs.peak_memory(
+        programs.PUB, "publish", tree, "--repo", publisher.repository, "--id", DATABASE, "--key", publisher.private_key,
+        "--url", publisher.base, "--level", "1", "--memory", "400",
+    )  # fmt: skip
+    assert "patched 1" in result.stdout, str(result)
+    assert peak < 400 * 1024
+    shutil.rmtree(tree)
+
+
 def small_files(tree: Path, count: int, content: str) -> None:
     for number in range(count):
         path = tree / f"region-{number // 100:04}/data-{number:06}.dat"

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 import random
 import shutil
 import subprocess
@@ -184,6 +185,18 @@ def test_what_the_repository_drops_is_deleted_last(carrying: Carrying, way: Way)
     kinds = [request.split("/")[0].strip() + request.split("/")[1] for request in way.seen if request[:3] in ("PUT", "DEL")]
     assert kinds == sorted(kinds, key=["PUTpackages", "PUTdatabase_info", "DELETEpackages"].index)
     assert kinds[-1] == "DELETEpackages"
+
+
+def test_a_package_that_is_younger_here_is_carried_again(carrying: Carrying) -> None:
+    carrying.publish("one")
+    carrying.mirror_ok()
+    name = f"packages/{DATABASE}/{DATABASE}_v1.tarn"
+    (carrying.store.directory / name).write_bytes(b"x" * (carrying.store.directory / name).stat().st_size)
+    assert carrying.mirror_ok()["carried"] == [], "contents are not compared"
+    later = time.time() + 60
+    os.utime(carrying.publisher.repository / name, (later, later))
+    assert carrying.mirror_ok()["carried"] == [name]
+    carrying.assert_same()
 
 
 def test_a_damaged_package_at_the_store_is_replaced(carrying: Carrying) -> None:

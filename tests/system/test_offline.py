@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import fcntl
 import json
 import os
 import random
@@ -140,6 +141,24 @@ def test_a_kit_made_by_the_document_is_installed(device: Device, shop: Shop) -> 
     )
     bring_ok(kit)
     assert_installed(device, 1)
+
+
+def test_who_may_only_read_the_repository_makes_kits_while_a_version_is_published(shop: Shop, tmp_path: Path) -> None:
+    shop.publish(1)
+    own = tmp_path / "own"
+    own.mkdir(mode=0o777)
+    own.chmod(0o777)
+    repository, key = (path.relative_to(tmp_path) for path in (shop.publisher.repository, shop.publisher.public_key))
+    # By relative names, because other users cannot go the way to the directory of this test.
+    tmp_path.chmod(0o755)
+    command = [*programs.AS_OTHER, programs.PUB, "export", DATABASE, "own/zones.kit", "--repo", repository, "--key", key]
+    with (shop.publisher.repository / ".tarndbudpub.lock").open("a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        result = subprocess.run(command, cwd=tmp_path, capture_output=True, text=True, timeout=60)
+    if "setpriv: " in result.stderr:
+        pytest.skip("needs another user, and this namespace has one only")
+    assert result.returncode == 0, result.stderr
+    assert kits.packages(own / "zones.kit") == [f"{DATABASE}_v1.tarn"]
 
 
 def test_the_full_package_serves_a_device_that_was_never_online(device: Device, shop: Shop) -> None:

@@ -9,6 +9,7 @@ import pytest
 from harness import trees
 from harness.device import DATABASE, STATUS, Device
 from harness.publisher import Publisher
+from harness.volumes import MIB, Volumes
 from harness.webserver import Nginx
 
 FIRST = 7000001
@@ -91,6 +92,22 @@ def test_a_plan_tells_what_the_update_then_does(
     assert len(fetched(nginx, f"{DATABASE}_d")) == 1
     planned = plan(connected)
     assert (planned["update"], planned["way"], planned["reason"]) == (False, "nothing", "it is up to date")
+
+
+def test_a_version_that_has_grown_needs_more_than_planned_and_changes_nothing_without_room(
+    connected: Device, publisher: Publisher, volumes: Volumes, tmp_path: Path
+) -> None:
+    connected.use(volumes.make("tmpfs", 16 * MIB))
+    tree = publish(publisher, tmp_path / "tree", FIRST)
+    connected.run_ok("update", DATABASE)
+    before = trees.contents(connected.installed(DATABASE))
+    (tree / "grown").write_bytes(bytes(32 * MIB))
+    publish(publisher, tree, FIRST + 1)
+    connected.forget_document()
+    assert plan(connected)["needed_bytes"] < MIB, "nobody tells how large the content is"
+    assert connected.run("update", DATABASE).status == 1
+    assert trees.contents(connected.installed(DATABASE)) == before
+    connected.run_ok("check", DATABASE)
 
 
 def test_a_chain_beyond_the_budget_is_not_begun(

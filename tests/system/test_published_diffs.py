@@ -2,8 +2,12 @@
 
 from __future__ import annotations
 
+import os
+import random
+import shutil
 import sqlite3
 from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
@@ -47,6 +51,15 @@ class Database:
         self._publisher.publish(self.root, DATABASE, keep_diffs=KEPT)
 
 
+@contextmanager
+def on_processors(processors: set[int]) -> Iterator[None]:
+    """Programs that are started meanwhile see these alone."""
+    before = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, processors)
+    yield
+    os.sched_setaffinity(0, before)
+
+
 def rows(path: Path) -> list[tuple[int, str]]:
     with sqlite3.connect(f"file:{path}?mode=ro&immutable=1", uri=True) as database:
         return list(database.execute("SELECT id, name FROM places ORDER BY id"))
@@ -65,6 +78,23 @@ def assert_follows(device: Device, database: Database) -> None:
 @pytest.fixture
 def database(tmp_path: Path, publisher: Publisher) -> Iterator[Database]:
     yield Database(tmp_path / "tree", publisher)
+
+
+def test_the_number_of_processors_changes_no_byte(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("SOURCE_DATE_EPOCH", "1700000000")
+    tree = tmp_path / "tree"
+    found = []
+    for processors in ({min(os.sched_getaffinity(0))}, os.sched_getaffinity(0)):
+        publisher = Publisher(tmp_path / str(len(found)))
+        if found:
+            shutil.copyfile(tmp_path / "0/release.key", publisher.private_key)
+        for version in (1, 2):
+            trees.write_tree(tree, {f"f{n}": random.Random(n).randbytes(400_000) + b"%d" % version for n in range(6)})
+            with on_processors(processors):
+                publisher.publish(tree, DATABASE, "--level", "16", base="http://updates.example", keep_diffs=9)
+        found.append({path.name: path.read_bytes() for path in publisher.repository.rglob("*.tarn")})
+    assert len(found[0]) == 3
+    assert found[0] == found[1]
 
 
 @pytest.mark.parametrize("strides", [(1, 1, 1), (3,), (2, 1)], ids=str)

@@ -93,6 +93,15 @@ def test_a_proxy_of_the_environment_is_used(offered: Device, faults: FaultServer
     assert any("http://update.invalid/database_info/1" in line for line in faults.requests()), faults.requests()
 
 
+def test_a_proxy_of_the_environment_is_used_without_settings_as_well(offered: Device, faults: FaultServer) -> None:
+    WGETRC.write_text("http_proxy = http://127.0.0.1:9/\n")
+    WGETRC.chmod(0o666)
+    try:
+        test_a_proxy_of_the_environment_is_used(offered, faults)
+    finally:
+        WGETRC.chmod(0o644)
+
+
 def test_a_redirect_to_ftp_leads_nowhere(offered: Device, publisher: Publisher, faults: FaultServer) -> None:
     with socket.create_server(("127.0.0.1", 0)) as ftp:
         faults.redirect_target = f"ftp://127.0.0.1:{ftp.getsockname()[1]}/package"

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import time
 from pathlib import Path
@@ -88,6 +89,18 @@ def test_update_without_names_takes_the_scheduled_databases(
         publisher.publish(tree, name)
     connected.run_ok("update", "--all")
     assert [connected.version(name) for name in (DATABASE, "geo", "unscheduled")] == [1, 1, None]
+
+
+def test_scheduled_databases_are_updated_in_the_order_of_their_ids(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    """Whatever their order in the settings is."""
+    tree = trees.write_tree(tmp_path / "tree", FIRST)
+    for name in (DATABASE, "zoo", "geo"):
+        connected.add_database(name)
+        publisher.publish(tree, name)
+    results = json.loads(connected.run_ok("update", "--json").stdout)
+    assert [result["id"] for result in results] == ["geo", DATABASE, "zoo"]
 
 
 def test_links_inside_the_tree_arrive_as_files_and_empty_directories_do_not(

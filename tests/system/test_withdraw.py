@@ -103,6 +103,7 @@ def test_a_withdrawn_package_is_kept_and_not_served(
     history.withdraw()
     kept = f"packages/{HEALTHY}/.withdrawn/{HEALTHY}_v3.tarn"
     assert (publisher.repository / kept).stat().st_size > 0
+    assert (publisher.repository / f"packages/{HEALTHY}/{HEALTHY}_d3w4.tarn").stat().st_size < 450, "it is empty"
     for path in (kept, f"packages/{HEALTHY}/{HEALTHY}_v3.tarn", f"packages/{HEALTHY}/{HEALTHY}_d3.tarn"):
         assert programs.run("/usr/bin/wget", "-qO/dev/null", f"{nginx.url}/{path}").status == 8, path
 

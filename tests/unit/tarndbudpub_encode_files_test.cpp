@@ -23,6 +23,15 @@ TEST(VcdiffMemory, GivesFilesTheirWholeSizeWhereThatFits) {
 	EXPECT_EQ(VcdiffWindows::Of(0, 0, 16 * kMiB).source, kMiB / 2) << "the encoder takes no less";
 }
 
+TEST(VcdiffMemory, IsWhatTheEncoderWasSeenToTake) {
+	const std::map<std::uint64_t, double> seen = {
+	    {20, 168}, {64, 274}, {80, 419}, {120, 459}, {250, 846}, {300, 1407}, {600, 1707}}; // MiB, by those of the file
+	for (const auto& [size, taken] : seen) {
+		const VcdiffWindows windows = VcdiffWindows::Of(size * kMiB, size * kMiB, 4096 * kMiB);
+		EXPECT_NEAR(static_cast<double>(windows.Memory(size * kMiB)) / kMiB, taken, 5.0) << size;
+	}
+}
+
 TEST(VcdiffMemory, StaysBelowTheLimitForFilesOfAnySize) {
 	for (const std::uint64_t limit : {16 * kMiB, 100 * kMiB, 2048 * kMiB, 100'000 * kMiB}) {
 		for (std::uint64_t size = 1; size < kMiB * kMiB; size *= 3) {

@@ -89,8 +89,7 @@ TEST_F(CheckingHooks, MayWriteAnyAmountOfWhichLittleIsKept) {
 	Hook("10", "head -c 5000000 /dev/zero | tr '\\0' x; head -c 5000000 /dev/zero | tr '\\0' y >&2; exit 1");
 	const Verdict verdict = Check();
 	EXPECT_EQ(verdict.verdict, TLIB_PLUGIN_REFUSED);
-	EXPECT_THAT(verdict.reason, HasSubstr("': yyyyy"));
-	EXPECT_LT(verdict.reason.size(), 600U);
+	EXPECT_THAT(verdict.reason, EndsWith("': " + std::string(300, 'y') + "..."));
 }
 
 TEST_F(CheckingHooks, GiveNoVerdictWhenTheyAreKilledOrCannotRun) {

@@ -278,6 +278,11 @@ TEST_F(Hooks, HangingOneIsKilledWithItsChildrenAndReaped) {
 	EXPECT_EQ(errno, ECHILD);
 }
 
+TEST_F(Hooks, HaveTheTimeThatTheDocumentsTell) {
+	EXPECT_EQ(tarn::sdk::HookSettings().time_limit, std::chrono::seconds(60));
+	EXPECT_EQ(TARN_HOOK_CHECK_TIMEOUT_SECONDS, 600);
+}
+
 TEST_F(Hooks, HangingOneThatIgnoresSignalsIsKilledToo) {
 	Hook(own_, "10", "trap '' TERM INT HUP; echo $$ > $out/leader; while :; do sleep 600; done");
 	EXPECT_FALSE(Run("pre", kShort));

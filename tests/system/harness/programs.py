@@ -16,6 +16,8 @@ PUB = "/usr/bin/tarndbudpub"
 MIRROR = "/usr/bin/tarndbudpub-mirror"
 VCDIFF = "/usr/tarn/sbin/tarndbudvcdiff"
 PATIENCE_SECONDS = 120
+AS_OTHER = ("/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
+"""What runs a command as an ordinary user."""
 
 
 @dataclass(frozen=True)
