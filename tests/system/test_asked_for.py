@@ -189,7 +189,6 @@ FORCED: dict[str, tuple[Callable[[HandPublisher], bytes], str]] = {
 }  # fmt: skip
 
 
-@pytest.mark.parametrize("case", FORCED)
 def test_a_key_that_is_removed_ends_updates_and_keeps_what_is_installed(
     connected: Device, publisher: Publisher, tmp_path: Path
 ) -> None:
@@ -208,6 +207,7 @@ def test_a_key_that_is_removed_ends_updates_and_keeps_what_is_installed(
     trees.assert_same(tree, connected.installed(DATABASE))
 
 
+@pytest.mark.parametrize("case", FORCED)
 def test_a_forced_version_is_that_version(
     connected: Device, hand: HandPublisher, installed: Installed, case: str
 ) -> None:

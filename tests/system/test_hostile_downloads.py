@@ -225,6 +225,13 @@ def test_refresh_does_not_wait_for_a_download_that_hangs(fetching: Device) -> No
     assert "is being fetched at this moment" in result.stderr
 
 
+@pytest.mark.parametrize("command", [("check", DATABASE), ("read", DATABASE, "--", "true")], ids=lambda command: command[0])
+def test_check_and_read_do_not_wait_for_a_download_that_hangs(fetching: Device, command: tuple[str, ...]) -> None:
+    result = fetching.run(*command)
+    assert result.status == 0, str(result)
+    assert result.seconds < 30
+
+
 def test_unmounting_keeps_its_own_deadline_while_a_download_hangs(fetching: Device) -> None:
     result = fetching.run("volume", "unmounting", str(fetching.volume), "--timeout", "1")
     assert result.status == 75, str(result)

@@ -58,9 +58,8 @@ def test_the_level_of_a_package_makes_no_difference_to_memory(
     connected: Device, publisher: Publisher, scratch: Path
 ) -> None:
     chance = random.Random(1)
-    words = [bytes(chance.choices(b"abcdefghijklmnop", k=chance.randrange(3, 9))) for _ in range(3000)]
-    files = {"noise": chance.randbytes(MIB), "text": b" ".join(chance.choices(words, k=500_000))}
-    tree = trees.write_tree(scratch / "mixed", files)
+    rows = b"".join(b"%08d,%06d\n" % (number, chance.randrange(1_000_000)) for number in range(250_000))
+    tree = trees.write_tree(scratch / "mixed", {"noise": chance.randbytes(MIB), "rows": rows})
     publisher.publish(tree, DATABASE, "--level", "19")
     packed = programs.run_ok(programs.PUB, "inspect", publisher.package(DATABASE, 1)).stdout
     assert any(codec in packed for codec in ("brotli", "lzma", "bzip2")), packed
