@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import random
 import shutil
 from collections.abc import Iterator
@@ -66,6 +67,21 @@ def test_the_level_of_a_package_makes_no_difference_to_memory(
     result, peak = programs.peak_memory(programs.CTL, "update", DATABASE)
     assert result.status == 0, str(result)
     assert peak < LIMIT_KIB
+    shutil.rmtree(tree)
+
+
+def test_compressing_takes_so_much_for_each_processor_whatever_patches_may_take(
+    publisher: Publisher, scratch: Path
+) -> None:
+    chance = random.Random(1)
+    rows = b"".join(b"%08d,%06d\n" % (number, chance.randrange(1_000_000)) for number in range(300_000))
+    tree = trees.write_tree(scratch / "compressed", {"rows": rows})
+    result, peak = programs.peak_memory(
+        programs.PUB, "publish", tree, "--repo", publisher.repository, "--id", DATABASE, "--key", publisher.private_key,
+        "--url", publisher.base, "--memory", "16",
+    )  # fmt: skip
+    assert result.status == 0, str(result)
+    assert peak < (25 + 50 * len(os.sched_getaffinity(0))) * 1024
     shutil.rmtree(tree)
 
 
