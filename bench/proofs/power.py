@@ -5,17 +5,19 @@ from __future__ import annotations
 import random
 import subprocess
 import time
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 
 from bench.proofs import Row, Trial
-from harness import power_cuts, power_operations, recorded_disk
+from harness import power_cuts, power_operations, power_recovery, recorded_disk
 from harness.power_cuts import Machine, Operation, Recording
 from harness.recorded_disk import Cut, Kind
 
 PROMISE = "After a power cut the old is there or the new, and the next run goes on without help"
 BRIEF_CUTS = 3
+BRIEF_RECOVERIES = 1
 BATCH = 8
-"""Cuts between two looks at the clock; each batch goes through the record from its begin."""
+"""Cuts between two looks at the clock; each batch goes through a record from its begin."""
 
 
 @dataclass
@@ -24,13 +26,18 @@ class Tried:
 
     operation: Operation
     kind: Kind
+    twice: bool = False
+    """Whether the power goes again while the machine recovers."""
     cuts: int = 0
     possible: int = 0
     wrong: list[str] = field(default_factory=list)
 
+    def __str__(self) -> str:
+        return f"{self.operation.name}, {'cut again while it recovers, ' * self.twice}{self.kind.name}"
+
     def row(self) -> Row:
         extra = {"moments and losses drawn from": float(self.possible)}
-        return Row(PROMISE, self.cuts, "power cuts", self.wrong, f"{self.operation.name}, {self.kind.name}", extra)
+        return Row(PROMISE, self.cuts, "power cuts", self.wrong, str(self), extra)
 
 
 def prove(trial: Trial) -> list[Row]:
@@ -44,14 +51,20 @@ def prove(trial: Trial) -> list[Row]:
     kinds = recorded_disk.possible_kinds()
     if trial.brief:
         kinds = [draw.choice(kinds)]
-    found = [Tried(operation, kind) for operation in power_operations.OPERATIONS.values() for kind in kinds]
+    found = [Tried(operation, kind, twice) for operation, twice in _operations() for kind in kinds]
     begin = time.monotonic()
     for number, tried in enumerate(found):
         for share, restless in ((0.5, False), (1.0, True)):
             until = begin + trial.seconds * (number + share) / len(found)
             _try(trial, tried, draw, until, restless=restless)
-        trial.say(f"{tried.operation.name}, {tried.kind.name}: {tried.cuts} cuts, {len(tried.wrong)} wrong")
+        trial.say(f"{tried}: {tried.cuts} cuts, {len(tried.wrong)} wrong")
     return [tried.row() for tried in found]
+
+
+def _operations() -> list[tuple[Operation, bool]]:
+    """Those that are cut once, and those that are cut twice."""
+    once = [(operation, False) for operation in power_operations.OPERATIONS.values()]
+    return once + [(operation, True) for operation in power_operations.recovered()]
 
 
 def _try(trial: Trial, tried: Tried, draw: random.Random, until: float, *, restless: bool) -> None:
@@ -63,15 +76,20 @@ def _try(trial: Trial, tried: Tried, draw: random.Random, until: float, *, restl
         cuts = recorded_disk.all_cuts(recording.recorded, recording.begin, draw, losses=4)
         tried.possible += len(cuts)
         draw.shuffle(cuts)
-        _cut(tried, recording, cuts[:BRIEF_CUTS] if trial.brief else cuts, float("inf") if trial.brief else until)
+        if tried.twice:
+            chosen = cuts[:BRIEF_RECOVERIES] if trial.brief else cuts
+            found = (power_recovery.try_twice(recording, cut, BATCH, program, draw, restless=restless) for cut in chosen)
+        else:
+            found = _in_batches(recording, cuts[:BRIEF_CUTS] if trial.brief else cuts)
+        for count, wrong in found:
+            tried.cuts += count
+            tried.wrong += wrong
+            if not trial.brief and time.monotonic() >= until:
+                break
     finally:
         machine.close()
 
 
-def _cut(tried: Tried, recording: Recording, cuts: list[Cut], until: float) -> None:
+def _in_batches(recording: Recording, cuts: list[Cut]) -> Iterator[tuple[int, list[str]]]:
     for first in range(0, len(cuts), BATCH):
-        if first and time.monotonic() >= until:
-            return
-        count, wrong = recording.try_cuts(cuts[first : first + BATCH])
-        tried.cuts += count
-        tried.wrong += wrong
+        yield recording.try_cuts(cuts[first : first + BATCH])

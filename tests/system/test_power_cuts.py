@@ -1,4 +1,4 @@
-"""The power goes at a drawn moment of each operation: what the disk then holds is the old or the new, and goes on.
+"""The power goes at a drawn moment of each operation, or of its recovery: the disk holds the old or the new, and goes on.
 
 The disk remembers every write and flush. It is made again as it was after a part of them, with a drawn part of what
 no flush had confirmed lost, and mounted as after a restart. `bench/proof power` does it as often as there is time for.
@@ -12,12 +12,14 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from harness import power_cuts, power_operations, recorded_disk
+from harness import power_cuts, power_operations, power_recovery, recorded_disk
 from harness.power_cuts import Machine, Operation
-from harness.power_operations import Careless
+from harness.power_careless import Careless, CarelessRecovery
 from harness.recorded_disk import Cut
 
 CUTS = 4
+RECOVERIES = 3
+SECOND_CUTS = 2
 
 
 @pytest.fixture
@@ -60,11 +62,37 @@ def test_after_a_power_cut_the_old_is_there_or_the_new_and_the_next_run_goes_on(
     assert not wrong, f"{machine.partitions.kind.name}:\n" + "\n".join(wrong)
 
 
-def test_a_program_that_renames_before_it_syncs_is_caught(program: Path, scratch: Path, drawn: random.Random) -> None:
-    machine = Machine(recorded_disk.KINDS["ext4, writeback"], scratch)
-    try:
-        recording = power_cuts.record(Careless(), machine, program, drawn, restless=False)
-        _, wrong = recording.try_cuts([Cut(after) for after in range(recording.begin, len(recording.recorded) + 1)])
-    finally:
-        machine.close()
+@pytest.mark.parametrize("_", range(RECOVERIES))
+def test_after_a_second_power_cut_during_the_recovery_the_next_run_goes_on(
+    _: int, machine: Machine, program: Path, drawn: random.Random
+) -> None:
+    operation = drawn.choice(power_operations.recovered())
+    first = power_cuts.record(operation, machine, program, drawn, restless=drawn.random() < 0.5)
+    [cut] = recorded_disk.some_cuts(first.recorded, first.begin, drawn, 1)
+    tried, wrong = power_recovery.try_twice(first, cut, SECOND_CUTS, program, drawn, restless=drawn.random() < 0.5)
+    assert tried
+    assert not wrong, f"{operation.name}, {machine.partitions.kind.name}:\n" + "\n".join(wrong)
+
+
+@pytest.fixture
+def guesses_nothing(program: Path, scratch: Path) -> Iterator[Machine]:
+    made = Machine(recorded_disk.KINDS["ext4, writeback"], scratch)
+    yield made
+    made.close()
+
+
+def test_a_program_that_renames_before_it_syncs_is_caught(
+    guesses_nothing: Machine, program: Path, drawn: random.Random
+) -> None:
+    recording = power_cuts.record(Careless(), guesses_nothing, program, drawn, restless=False)
+    _, wrong = recording.try_cuts(recording.prefixes())
+    assert any("neither old nor new" in text for text in wrong), wrong
+
+
+def test_a_recovery_that_renames_before_it_syncs_is_caught(
+    guesses_nothing: Machine, program: Path, drawn: random.Random
+) -> None:
+    first = power_cuts.record(CarelessRecovery(), guesses_nothing, program, drawn, restless=False)
+    second = power_recovery.record_recovery(first, Cut(len(first.recorded)), program, None)
+    _, wrong = second.try_cuts(second.prefixes())
     assert any("neither old nor new" in text for text in wrong), wrong

@@ -6,10 +6,12 @@ import ctypes
 import os
 import random
 import shutil
+import sqlite3
 import subprocess
 import tempfile
 import threading
 import time
+import uuid
 from collections.abc import Callable, Iterator
 from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass
@@ -25,8 +27,11 @@ from .webserver import Nginx
 SOURCE = Path(__file__).resolve().parents[3]
 HOST = {"state": STATUS, "cache": CACHE, "settings": CONFIGURATION}
 """What a machine keeps of itself, by its name on the disk."""
+BOOT_ID = Path("/proc/sys/kernel/random/boot_id")
 REPLACED = "3"
 """What a forced installation replaces in the link of the newest version."""
+WRONG = (AssertionError, OSError, ValueError, sqlite3.Error, subprocess.CalledProcessError)
+"""How it shows that something is not as it should be."""
 
 
 class Machine:
@@ -40,6 +45,7 @@ class Machine:
         self.volume = self._directory("volume1-")
         self.other = self._directory("volume2-")
         self.partitions = Partitions(kind, [self.system, self.volume, self.other])
+        self._boot = self._cover_boot_id()
         self.publisher = Publisher(self.place / "publisher")
         self.nginx = self._serve()
         self._stack.callback(self.nginx.close)
@@ -62,6 +68,18 @@ class Machine:
         self._stack.callback(made.rmdir)
         return made
 
+    def _cover_boot_id(self) -> Path:
+        """A kernel that goes on would tell programs that there was no power cut."""
+        cover = self.place / "boot_id"
+        cover.write_text(BOOT_ID.read_text())
+        subprocess.run(["mount", "--bind", str(cover), str(BOOT_ID)], check=True)
+        self._stack.callback(subprocess.run, ["umount", str(BOOT_ID)], check=True)
+        return cover
+
+    def restart(self) -> None:
+        """What programs see of a start."""
+        self._boot.write_text(f"{uuid.uuid4()}\n")
+
     def _serve(self) -> Nginx:
         """At a port that a forced installation does not take for a version."""
         while True:
@@ -77,6 +95,14 @@ class Machine:
     def repository(self) -> Path:
         """On the disk, for what publishes."""
         return self.system / "repository"
+
+    @property
+    def store(self) -> Path:
+        """On the disk, for what carries a repository elsewhere."""
+        return self.system / "store"
+
+    def on_close(self, end: Callable[[], object]) -> None:
+        self._stack.callback(end)
 
     @contextmanager
     def mounted(self, disk: Path) -> Iterator[None]:
@@ -123,6 +149,10 @@ class Operation:
         """As the service does, until everything is as it should be at the end."""
         raise NotImplementedError
 
+    def judge_recovery(self, machine: Machine, done: int, *, is_recovered: bool) -> None:
+        """Right after the start that follows a cut in go_on(), or after it. done: as judge() was told before it."""
+        self.judge(machine, done + is_recovered)
+
 
 @dataclass(frozen=True)
 class Recording:
@@ -140,10 +170,25 @@ class Recording:
     known: set[str]
     """What is beside the data when all went well."""
 
+    def replay(self) -> Replay:
+        return Replay(self.before, self.record, self.recorded, self.before.parent)
+
+    def done(self, cut: Cut) -> int:
+        """How many steps had returned before a cut."""
+        return sum(end <= cut.after for end in self.ends)
+
+    def prefixes(self) -> list[Cut]:
+        """Every cut that loses nothing out of order."""
+        return [Cut(after) for after in range(self.begin, len(self.recorded) + 1)]
+
+    def forget(self) -> None:
+        """Gives its room back."""
+        shutil.rmtree(self.before.parent)
+
     def try_cuts(self, cuts: list[Cut], until: float = float("inf")) -> tuple[int, list[str]]:
         """How many were tried until then, and what was wrong after them."""
         wrong, tried = [], 0
-        replay = Replay(self.before, self.record, self.recorded, self.machine.place)
+        replay = self.replay()
         for cut in sorted(cuts, key=lambda cut: cut.after):
             if time.monotonic() >= until:
                 break
@@ -155,13 +200,14 @@ class Recording:
 
     def judgement(self, replay: Replay, cut: Cut) -> str:
         """What is wrong after a cut, or nothing."""
+        self.machine.restart()
         try:
             with replay.disk(cut) as disk, self.machine.mounted(disk):
-                self.operation.judge(self.machine, sum(end <= cut.after for end in self.ends))
+                self.operation.judge(self.machine, self.done(cut))
                 self.operation.go_on(self.machine)
                 left = sorted(self.machine.names() - self.known)
                 assert not left, f"left behind: {left}"
-        except (AssertionError, OSError, ValueError, subprocess.CalledProcessError) as error:
+        except WRONG as error:
             return f"{cut}: {error!r}"
         return ""
 
@@ -190,15 +236,28 @@ class Unrest:
 
 def record(operation: Operation, machine: Machine, program: Path, draw: random.Random, *, restless: bool) -> Recording:
     """Does an operation on a new disk, and keeps all that the disk was told."""
-    image, before = machine.place / "image", machine.place / "before"
+    image = new_place(machine) / "image"
     machine.partitions.format(image)
     with machine.mounted(image):
         operation.prepare(machine)
+    return record_on(image, operation, machine, program, draw if restless else None)
+
+
+def new_place(machine: Machine) -> Path:
+    """For the files of one recording."""
+    return Path(tempfile.mkdtemp(prefix="recording-", dir=machine.place))
+
+
+def record_on(
+    image: Path, operation: Operation, machine: Machine, program: Path, unrest: random.Random | None
+) -> Recording:
+    """The same on a disk that is there. Takes the image away."""
+    before = image.with_name("before")
     subprocess.run(["cp", "--sparse=always", str(image), str(before)], check=True)
-    disk = RecordingDisk(program, image, machine.place)
+    disk = RecordingDisk(program, image, image.parent)
     try:
         with machine.mounted(disk.disk):
-            positions, known = _do(operation, machine, disk, draw if restless else None)
+            positions, known = _do(operation, machine, disk, unrest)
     finally:
         disk.close()
         image.unlink()
