@@ -5,6 +5,7 @@ from __future__ import annotations
 from . import tracing
 from .device import DATABASE
 from .power_cuts import Operation
+from .power_kits import Export, Import
 from .power_publishing import Publishing
 from .power_updates import OLD, BroadChain, Finishing, Fix, Forced, Move, Settings, Update
 
@@ -22,11 +23,13 @@ OPERATIONS: dict[str, Operation] = {
         Settings("orders"),
         Publishing("publishing", other=False),
         Publishing("publishing, another tree next", other=True),
+        Import("import"),
+        Export("export"),
     )
 }
 
 
 def recovered() -> list[Operation]:
     """Those whose recovery is cut as well: the others are made good by the same commands."""
-    names = ("install", "chain", "finishing", "fix", "forced install", "volume move", "publishing")
+    names = ("install", "chain", "finishing", "fix", "forced install", "volume move", "publishing", "import")
     return [OPERATIONS[name] for name in names if name in OPERATIONS]
