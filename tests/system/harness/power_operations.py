@@ -7,6 +7,7 @@ from .device import DATABASE
 from .power_cuts import Operation
 from .power_kits import Export, Import
 from .power_publishing import Publishing
+from .power_site import Site
 from .power_updates import OLD, BroadChain, Finishing, Fix, Forced, Move, Settings, Update
 
 OPERATIONS: dict[str, Operation] = {
@@ -25,11 +26,12 @@ OPERATIONS: dict[str, Operation] = {
         Publishing("publishing, another tree next", other=True),
         Import("import"),
         Export("export"),
+        Site("pages"),
     )
 }
 
 
 def recovered() -> list[Operation]:
     """Those whose recovery is cut as well: the others are made good by the same commands."""
-    names = ("install", "chain", "finishing", "fix", "forced install", "volume move", "publishing", "import")
+    names = ("install", "chain", "finishing", "fix", "forced install", "volume move", "publishing", "import", "pages")
     return [OPERATIONS[name] for name in names if name in OPERATIONS]
