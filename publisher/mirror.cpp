@@ -117,7 +117,8 @@ private:
 	void ReadStoredDocuments() {
 		stored_documents_.clear();
 		for (const auto& [name, file] : stored_) {
-			if (StartsWith(name, std::string(kDocuments) + "/")) {
+			const bool is_draft = IsServersDraft(name) && snapshot_.documents.count(name) == 0;
+			if (StartsWith(name, std::string(kDocuments) + "/") && !is_draft) {
 				stored_documents_[name] = store_.Read(name);
 			}
 		}
@@ -158,7 +159,24 @@ private:
 		    ". If that is right, use --force.");
 	}
 
+	/** Those that the store has by their sizes, and in truth has not. */
+	std::vector<std::string> FindDamaged() const {
+		std::vector<std::string> names;
+		for (const auto& [name, file] : snapshot_.packages) {
+			if (IsCarried(stored_, name, file)) {
+				names.push_back(name);
+			}
+		}
+		observer_.step("comparing packages", 0, 1);
+		return names.empty() ? names : store_.Differing(repository_, names);
+	}
+
 	bool CarryPackages() {
+		if (options_.compares) {
+			for (const std::string& name : FindDamaged()) {
+				stored_.erase(name);
+			}
+		}
 		for (const auto& [name, file] : snapshot_.packages) {
 			if (IsCarried(stored_, name, file)) {
 				++result_.unchanged_packages;
@@ -227,14 +245,15 @@ private:
 		if (!options_.dry_run) {
 			store_.Remove(result_.deleted);
 		}
-		DeletePackages();
+		DeletePackagesAndDrafts();
 	}
 
-	void DeletePackages() {
+	void DeletePackagesAndDrafts() {
 		std::vector<std::string> packages;
 		for (const auto& [name, file] : stored_) {
-			const bool is_wanted = snapshot_.packages.count(name) != 0 || snapshot_.named.count(name) != 0;
-			if (!is_wanted && IsPackageName(name)) {
+			const bool is_wanted = snapshot_.packages.count(name) != 0 || snapshot_.named.count(name) != 0 ||
+			                       snapshot_.documents.count(name) != 0;
+			if (!is_wanted && (IsPackageName(name) || IsServersDraft(name))) {
 				packages.push_back(name);
 			}
 		}

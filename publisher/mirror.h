@@ -14,7 +14,8 @@ struct MirrorOptions {
 	std::string repository;
 	std::string store; // as rclone names it: "NAME:PATH"
 	bool keeps_all = false;
-	bool force = false; // also where the store offers what the repository lacks
+	bool force = false;    // also where the store offers what the repository lacks
+	bool compares = false; // the content of all packages, and not only their sizes
 	bool dry_run = false;
 };
 

@@ -37,6 +37,7 @@ void Declare(CLI::App& app, Command& command) {
 	app.add_option("--repo", options.repository, "Directory that tarndbudpub writes")->required();
 	app.add_flag("--no-delete", options.keeps_all, "Delete nothing at the store");
 	app.add_flag("--force", options.force, "Go on although the store offers what the repository lacks");
+	app.add_flag("--compare", options.compares, "Read every package at the store, and carry those again that differ");
 	app.add_flag("--dry-run", options.dry_run, "Change nothing; say what would be done");
 	app.add_flag("--json", command.json, "Print JSON");
 }

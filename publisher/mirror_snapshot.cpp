@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 
@@ -84,6 +85,17 @@ bool IsPackageName(const std::string& name) {
 	const std::string file = path.filename().string();
 	const bool is_in_place = path.parent_path().parent_path() == kPackages && !id.empty() && id.front() != '.';
 	return is_in_place && EndsWith(file, ".tarn") && (StartsWith(file, id + "_v") || StartsWith(file, id + "_d"));
+}
+
+bool IsServersDraft(const std::string& name) {
+	constexpr std::size_t kDigits = 10; // NAME.0000000012
+	if (name.size() <= kDigits + 1) {
+		return false;
+	}
+	const std::size_t dot = name.size() - kDigits - 1;
+	const std::string whole = name.substr(0, dot);
+	return name[dot] == '.' && name.find_first_not_of("0123456789", dot + 1) == std::string::npos &&
+	       (IsPackageName(whole) || StartsWith(whole, std::string(kDocuments) + "/"));
 }
 
 Snapshot TakeSnapshot(const std::string& repository) {

@@ -29,6 +29,10 @@ constexpr const char* kDocuments = "database_info";
 /** Whether a relative name is one that publishers give to packages. */
 [[nodiscard]] bool IsPackageName(const std::string& name);
 
+/** Whether a relative name is that of a document or package while nginx writes it: nginx leaves it when it is killed.
+ */
+[[nodiscard]] bool IsServersDraft(const std::string& name);
+
 /**
  * Reads documents first, and lists packages then. Whatever a document names was there before the document, so only a
  * publisher who has replaced the document since can have removed the package. Waits for no publisher and writes

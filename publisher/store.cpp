@@ -4,7 +4,9 @@
 #include "publisher/json_text.h"
 #include "publisher/publish_error.h"
 
+#include <cstddef>
 #include <ctime>
+#include <sstream>
 #include <utility>
 
 namespace tarn::publisher {
@@ -120,6 +122,28 @@ RcloneResult Store::Carry(const std::string& repository, const std::vector<std::
 	return RunRclone({"copy", "--files-from-raw=-", "--no-traverse", "--ignore-times", "--copy-links",
 	                     "--header-upload", kPackageType, "--header-upload", kPackageCache, repository, remote_},
 	    Lines(names), progress_);
+}
+
+std::vector<std::string> Store::Differing(const std::string& repository, const std::vector<std::string>& names) const {
+	const RcloneResult result = RunRclone({"check", "--download", "--one-way", "--files-from-raw=-", "--no-traverse",
+	                                          "--copy-links", "--combined=-", repository, remote_},
+	    Lines(names), {});
+	std::istringstream report(result.output);
+	std::size_t compared = 0;
+	std::vector<std::string> differing;
+	for (std::string line; std::getline(report, line);) { // "= NAME" when it is the same, "*" other, "+" not there
+		const bool differs = StartsWith(line, "* ") || StartsWith(line, "+ ");
+		if (differs) {
+			differing.push_back(line.substr(2));
+		}
+		if (differs || StartsWith(line, "= ")) {
+			++compared;
+		}
+	}
+	if (compared != names.size()) {
+		FailTo("Packages at " + remote_ + " cannot be compared", result);
+	}
+	return differing;
 }
 
 void Store::Remove(const std::vector<std::string>& names) const {

@@ -37,6 +37,9 @@ public:
 	void Write(const std::string& name, const std::string& text) const;
 	/** Puts packages of a repository into the store, whatever it has; those that are gone by now are left out. */
 	[[nodiscard]] RcloneResult Carry(const std::string& repository, const std::vector<std::string>& names) const;
+	/** Those of a repository's packages that the store lacks or has with another content. Reads them all there. */
+	[[nodiscard]] std::vector<std::string> Differing(
+	    const std::string& repository, const std::vector<std::string>& names) const;
 	void Remove(const std::vector<std::string>& names) const;
 
 	const std::string& Remote() const { return remote_; }

@@ -132,7 +132,7 @@ _tarndbudpub() {
 # The remotes that rclone's configuration names.
 _tarndbudpub-mirror() {
 	case ${COMP_WORDS[COMP_CWORD]} in
-	-*) _tarndbud_offer '--repo --no-delete --force --dry-run --json --version --help' ;;
+	-*) _tarndbud_offer '--repo --no-delete --force --compare --dry-run --json --version --help' ;;
 	*)
 		if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --repo ]]; then
 			_tarndbud_offer_files -d

@@ -132,6 +132,34 @@ def test_what_is_there_is_not_carried_again(carrying: Carrying, way: Way) -> Non
     assert before == {path: path.stat().st_mtime_ns for path in carrying.store.directory.rglob("*")}
 
 
+def test_a_package_of_its_size_and_another_content_is_found_by_comparing(carrying: Carrying) -> None:
+    carrying.publish("one")
+    carrying.publish("two")
+    carrying.mirror_ok()
+    name = f"packages/{DATABASE}/{DATABASE}_v1.tarn"
+    damaged = carrying.store.directory / name
+    damaged.write_bytes(bytes(damaged.stat().st_size))
+    assert carrying.mirror_ok()["carried"] == []
+    assert carrying.mirror_ok("--compare", "--dry-run")["carried"] == [name]
+    repaired = carrying.mirror_ok("--compare")
+    assert (repaired["carried"], repaired["unchanged_packages"]) == ([name], 2)
+    carrying.assert_same()
+    assert carrying.mirror_ok("--compare")["carried"] == []
+
+
+def test_what_a_killed_web_server_left_is_no_document_and_is_deleted(carrying: Carrying) -> None:
+    carrying.publish("one")
+    carrying.mirror_ok()
+    drafts = ["database_info/1.0000000012", f"packages/{DATABASE}/{DATABASE}_v1.tarn.0000000011"]
+    for name in drafts:
+        (carrying.store.directory / name).write_bytes(carrying.publisher.document.read_bytes()[:100])
+    foreign = carrying.store.directory / f"packages/{DATABASE}/notes.0000000012"
+    foreign.write_text("of somebody")
+    assert carrying.mirror_ok()["deleted"] == drafts
+    foreign.unlink()
+    carrying.assert_same()
+
+
 def test_a_document_of_the_same_size_is_carried(carrying: Carrying) -> None:
     carrying.publish("one", "--data-version", "1001", keep=0)
     carrying.mirror_ok()

@@ -53,6 +53,16 @@ TEST_F(Mirroring, TakesWhatDocumentsNameAndWhatLiesThere) {
 	EXPECT_NE(MissingPackage(snapshot, {}), "");
 }
 
+TEST_F(Mirroring, KnowsWhatAWebServerLeaves) {
+	EXPECT_TRUE(publisher::IsServersDraft("database_info/1.0000000012"));
+	EXPECT_TRUE(publisher::IsServersDraft("packages/db/db_v1.tarn.0000000012"));
+	for (const char* name :
+	    {"database_info/1", "database_info/1.000000012", "database_info/1.00000000x2", "packages/db/notes.0000000012",
+	        "packages/db/db_v1.tarn", "packages/db/db_v1.tarn00000000012", ".0000000012", "site/1.0000000012"}) {
+		EXPECT_FALSE(publisher::IsServersDraft(name)) << name;
+	}
+}
+
 TEST_F(Mirroring, KnowsWhetherTheDocumentsAreStillTheSame) {
 	Put("file");
 	Publish();

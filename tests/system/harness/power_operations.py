@@ -6,6 +6,7 @@ from . import tracing
 from .device import DATABASE
 from .power_cuts import Operation
 from .power_kits import Export, Import
+from .power_mirroring import Mirroring
 from .power_publishing import Publishing
 from .power_site import Site
 from .power_updates import OLD, BroadChain, Finishing, Fix, Forced, Move, Settings, Update
@@ -27,6 +28,7 @@ OPERATIONS: dict[str, Operation] = {
         Import("import"),
         Export("export"),
         Site("pages"),
+        Mirroring("mirror"),
     )
 }
 
