@@ -7,6 +7,7 @@ import subprocess
 import time
 from collections.abc import Iterator
 from dataclasses import dataclass, field
+from functools import partial
 
 from bench.proofs import Row, Trial
 from harness import power_cuts, power_operations, power_recovery, recorded_disk
@@ -77,8 +78,9 @@ def _try(trial: Trial, tried: Tried, draw: random.Random, until: float, *, restl
         tried.possible += len(cuts)
         draw.shuffle(cuts)
         if tried.twice:
-            chosen = cuts[:BRIEF_RECOVERIES] if trial.brief else cuts
-            found = (power_recovery.try_twice(recording, cut, BATCH, program, draw, restless=restless) for cut in chosen)
+            chosen, count = (cuts[:BRIEF_RECOVERIES], BRIEF_CUTS) if trial.brief else (cuts, BATCH)
+            again = partial(power_recovery.try_twice, recording, draw=draw, program=program, restless=restless)
+            found = (again(cut=cut, count=count) for cut in chosen)
         else:
             found = _in_batches(recording, cuts[:BRIEF_CUTS] if trial.brief else cuts)
         for count, wrong in found:

@@ -1,4 +1,4 @@
-"""The power goes at a drawn moment of each operation, or of its recovery: the disk holds the old or the new, and goes on.
+"""The power goes at a drawn moment of an operation, or of its recovery: the disk holds the old or the new, and goes on.
 
 The disk remembers every write and flush. It is made again as it was after a part of them, with a drawn part of what
 no flush had confirmed lost, and mounted as after a restart. `bench/proof power` does it as often as there is time for.

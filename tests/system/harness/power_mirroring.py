@@ -27,8 +27,8 @@ class Mirroring(Operation):
         self._mirror(machine)
 
     def _publish(self, machine: Machine, word: str) -> None:
-        files = {f"bulk{number}": random.Random(number).randbytes(30000) for number in range(3)} | {"word": word.encode()}
-        tree = trees.write_tree(machine.place / "tree", files)
+        bulk = {f"bulk{number}": random.Random(number).randbytes(30000) for number in range(3)}
+        tree = trees.write_tree(machine.place / "tree", bulk | {"word": word.encode()})
         machine.publisher.publish(tree, DATABASE, "--level", "1", keep_diffs=9)
 
     def _mirror(self, machine: Machine, *options: str) -> None:
