@@ -8,12 +8,18 @@ from pathlib import Path
 from statistics import median
 
 from bench.proofs import Row, Trial
-from harness import kept, volumes
+from harness import debian, kept, volumes
+from harness.debian import Packages
 from harness.soak import Life
+from harness.upgrades import Upgrades
 from harness.volumes import MIB, Volumes
 
 DAYS = 730
-SHIPPED = Path(__file__).resolve().parents[2] / "packaging/conf"
+SOURCE = Path(__file__).resolve().parents[2]
+SHIPPED = SOURCE / "packaging/conf"
+BUILT = SOURCE / "build/packages"
+UPGRADE_EACH, BRIEF_UPGRADE_EACH = 30, 6
+"""Days."""
 TOLERATED = 1.1
 """Times what it was: the tree itself changes."""
 
@@ -26,8 +32,21 @@ def grown(name: str, unit: str, values: list[float]) -> Row:
     return Row(f"{name} does not grow", len(values), "updates", wrong, extra={f"{unit}, month 2": before, f"{unit}, last": after})
 
 
+def packages(trial: Trial) -> tuple[Packages | None, str]:
+    """This tree's packages, or none and the reason. A brief trial builds none, and takes what is there."""
+    if not trial.brief:
+        trial.say("soak: builds the packages")
+        with (trial.scratch / "package.log").open("w") as log:
+            if subprocess.run([SOURCE / "package.sh", BUILT], stdout=log, stderr=subprocess.STDOUT).returncode != 0:
+                return None, "the packages could not be built"
+    reason = debian.missing(BUILT)
+    return (None, reason) if reason else (Packages(BUILT, trial.scratch / "packages"), "")
+
+
 def prove(trial: Trial) -> list[Row]:
-    subprocess.run(["cmake", "--install", str(trial.build)], check=True, stdout=subprocess.DEVNULL)
+    installed, reason = packages(trial)
+    if not installed:
+        subprocess.run(["cmake", "--install", str(trial.build)], check=True, stdout=subprocess.DEVNULL)
     kind = "ext4" if volumes.may_loop_mount() else "directory"
     place = trial.scratch / "volumes"
     place.mkdir()
@@ -36,9 +55,13 @@ def prove(trial: Trial) -> list[Row]:
     try:
         for release in kept.releases():
             disks = [mounted.make(kind, 64 * MIB) for _ in range(2)]
-            life = Life(release, disks, SHIPPED, trial.scratch / release.place.name, random.Random(trial.seed))
+            home, source = trial.scratch / release.place.name, random.Random(trial.seed)
+            life = Life(
+                release, disks, SHIPPED, home, source, installed, BRIEF_UPGRADE_EACH if trial.brief else UPGRADE_EACH
+            )
             try:
                 rows += _lived(trial, life, f"a device of {release.place.name}, {kind}")
+                rows.append(_upgraded(life.upgrades, reason))
             finally:
                 life.close()
     finally:
@@ -50,7 +73,8 @@ def _lived(trial: Trial, life: Life, where: str) -> list[Row]:
     days = 30 if trial.brief else DAYS
     for begin in range(0, days, 30):
         life.live(min(30, days - begin))
-        trial.say(f"soak: day {begin + 30} of {days}, {life.releases.offered} is offered, wrong: {len(life.wrong)}")
+        wrong = len(life.wrong) + len(life.upgrades.wrong if life.upgrades else [])
+        trial.say(f"soak: day {begin + 30} of {days}, {life.releases.offered} is offered, wrong: {wrong}")
     life.end()
     happened = dict(sorted((life.counts + life.releases.counts).items()))
     growth = life.growth
@@ -61,3 +85,11 @@ def _lived(trial: Trial, life: Life, where: str) -> list[Row]:
         grown("The size of records for each file", "bytes", growth.bytes_each),
         grown("What an update logs", "lines", growth.lines),
     ]
+
+
+def _upgraded(upgrades: Upgrades | None, reason: str) -> Row:
+    promise = "An upgrade keeps edited settings, keys, records, holds and data"
+    if not upgrades:
+        return Row(f"{promise} (programs of the build, not packages: {reason})", 0, "upgrades", [])
+    counts = dict(sorted(upgrades.counts.items()))
+    return Row(promise, counts.pop("upgrades", 0), "upgrades", upgrades.wrong, extra=counts)

@@ -11,10 +11,12 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from . import kept, programs
-from .device import CACHE, CONFIGURATION, DOCUMENT, KEYS, RUN, STATUS, VOLUMES, Device, empty
+from .debian import Packages
+from .device import CACHE, CONFIGURATION, DEFAULTS, DOCUMENT, KEYS, RUN, SETTINGS, STATUS, VOLUMES, Device, empty
 from .kept import NAME, Kept
 from .releases import Releases
 from .syslog import Syslog
+from .upgrades import Upgrades
 from .webserver import Nginx
 
 FIX_NEEDED = 4
@@ -36,15 +38,30 @@ class Growth:
 
 
 class Life:
-    """A device that begins as a release left it. What goes wrong becomes a line, and life goes on."""
+    """A device that begins as a release left it. What goes wrong becomes a line, and life goes on.
 
-    def __init__(self, release: Kept, volumes: list[Path], shipped: Path, home: Path, source: random.Random) -> None:
+    With packages, its programs are theirs, and are upgraded; without, only the settings are written again that an
+    installation brings.
+    """
+
+    def __init__(
+        self,
+        release: Kept,
+        volumes: list[Path],
+        shipped: Path,
+        home: Path,
+        source: random.Random,
+        packages: Packages | None = None,
+        upgrade_each: int = 30,
+    ) -> None:
         self._source = source
         self._shipped = shipped
         repository = home / "repository"
         repository.mkdir(parents=True)
         self._server = Nginx(shipped.parent / "nginx/tarndbud.conf", repository, home / "nginx")
         release.repository(repository, self._server.netloc)
+        if packages:
+            packages.begin()
         Device.reset(shipped)
         release.device("full", self._server.netloc)
         self.releases = Releases(home, repository, release, source, self._server.url)
@@ -58,6 +75,9 @@ class Life:
         self._away_until = 0
         self._held_until = 0
         self._next_key_on = 90
+        self.upgrades = Upgrades(packages, source, self._installed, self._update_to_newest) if packages else None
+        self._upgrade_each = upgrade_each
+        self._next_upgrade_on = upgrade_each // 2
         self._old_key_until: dict[Path, int] = {}
 
     def close(self) -> None:
@@ -76,6 +96,8 @@ class Life:
     def end(self) -> None:
         """All is well at last, and the device comes to the newest version."""
         self.day = max(self.day + 1, self._away_until)
+        if self.upgrades and self.upgrades.is_unfinished:
+            self.upgrades.finish()
         if self._is_held():
             self._unhold()
         if self.releases.has_bad_one_out():
@@ -131,8 +153,10 @@ class Life:
             self.counts["holds"] += 1
         if self.day % 60 == 2:
             self._move()
-        if self.day % 90 == 45:
-            self._install_programs_again()
+        if self.upgrades:
+            self._upgrade(self.upgrades)
+        elif self.day % 90 == 45:
+            self._write_settings_again()
         if not self._is_away() and not self._is_held() and self._chance(3):
             self._damage()
 
@@ -153,11 +177,17 @@ class Life:
         self._volumes.append(self._volumes.pop(0))
         self.counts["moves"] += 1
 
-    def _install_programs_again(self) -> None:
-        """What an upgrade does with the settings."""
-        for name in ("data_update.conf", "databases.conf"):
-            shutil.copyfile(self._shipped / name, Path("/usr/share/data_update") / name)
-        self.counts["upgrades"] += 1
+    def _upgrade(self, upgrades: Upgrades) -> None:
+        if upgrades.is_unfinished:
+            upgrades.finish()
+        elif self.day >= self._next_upgrade_on:
+            self._next_upgrade_on += self._upgrade_each
+            upgrades.upgrade(may_update=not self._is_away() and not self._is_held())
+
+    def _write_settings_again(self) -> None:
+        for name in SETTINGS:
+            shutil.copyfile(self._shipped / name, DEFAULTS / name)
+        self.counts["settings written again"] += 1
 
     def _damage(self) -> None:
         if self._is_marked():
@@ -176,6 +206,11 @@ class Life:
         self.counts["damages"] += 1
 
     # Updates
+
+    def _update_to_newest(self) -> None:
+        if not self.releases.has_bad_one_out():
+            self.releases.publish()
+        self._judge_newest(self._ask("update", NAME))
 
     def _update(self) -> None:
         self._reach(True)

@@ -18,10 +18,15 @@ def may_mount() -> bool:
     return os.environ.get("TARN_SANDBOX") == "overlay"
 
 
-def may_loop_mount() -> bool:
-    """Loop devices belong to the machine's own root; a namespace's root, whose id map is one line of one id, has none."""
+def is_real_root() -> bool:
+    """The id map of a namespace's root is one line of one id."""
     outside, count = Path("/proc/self/uid_map").read_text().split()[1:3]
-    return may_mount() and outside == "0" and int(count) > 1 and Path("/dev/loop-control").exists()
+    return outside == "0" and int(count) > 1
+
+
+def may_loop_mount() -> bool:
+    """Loop devices belong to the machine's own root; a namespace's root has none."""
+    return may_mount() and is_real_root() and Path("/dev/loop-control").exists()
 
 
 def is_disk(path: Path) -> bool:
