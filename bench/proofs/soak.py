@@ -25,11 +25,11 @@ TOLERATED = 1.1
 
 
 def grown(name: str, unit: str, values: list[float]) -> Row:
-    """The last month beside the second one: in the first the device gets its first records."""
-    month = min(30, len(values) // 3)
-    before, after = median(values[month : 2 * month]), median(values[-month:])
+    """The last updates beside early ones, of the second month or so: in the first the device gets its first records."""
+    some = min(30, len(values) // 3)
+    before, after = median(values[some : 2 * some]), median(values[-some:])
     wrong = [f"{before} became {after}"] if after > TOLERATED * before else []
-    return Row(f"{name} does not grow", len(values), "updates", wrong, extra={f"{unit}, month 2": before, f"{unit}, last": after})
+    return Row(f"{name} does not grow", len(values), "updates", wrong, extra={f"{unit}, early": before, f"{unit}, late": after})
 
 
 def packages(trial: Trial) -> tuple[Packages | None, str]:

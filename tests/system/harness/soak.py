@@ -28,7 +28,7 @@ LARGEST_FILLED = 256 << 20
 
 @dataclass
 class Growth:
-    """What must not grow, of each day on which an update went well."""
+    """What must not grow, of each update that installed a version: one that finds nothing new needs and logs less."""
 
     memory: list[float] = field(default_factory=list)
     files: list[float] = field(default_factory=list)
@@ -220,14 +220,15 @@ class Life:
             self._update_on_a_full_disk()
         self._reach(not self._is_away())
         DOCUMENT.unlink(missing_ok=True)
-        logged = self._logged()
+        before, logged = self._recorded(), self._logged()
         result, memory = programs.peak_memory(programs.CTL, "update", NAME)
         self.counts["updates"] += 1
         if self._is_away() or self._is_held():
             self._judge_state()
         else:
             self._judge_newest(result)
-            self._measure(memory, self._logged() - logged)
+            if self._recorded() != before:
+                self._measure(memory, self._logged() - logged)
 
     def _reach(self, is_there: bool) -> None:
         path = CONFIGURATION / "data_update.conf"
