@@ -138,8 +138,8 @@ class Packages:
         return programs.run("/usr/bin/timeout", "--signal=KILL", patience, *self._installation()).status != 0
 
     def finish(self) -> None:
-        """What dpkg itself advises after it was ended, and the packages that it had not come to."""
-        programs.run_ok(DPKG, *OPTIONS, "--configure", "--pending")
+        """What dpkg advises after it was ended, which fails for a package that was cut off itself; then all again."""
+        programs.run(DPKG, *OPTIONS, "--configure", "--pending")
         self.install()
 
     def remove(self) -> None:
