@@ -18,6 +18,8 @@ DAYS = 730
 SOURCE = Path(__file__).resolve().parents[2]
 SHIPPED = SOURCE / "packaging/conf"
 BUILT = SOURCE / "build/packages"
+BUILD_LOG = SOURCE / "build/packages.log"
+LEAST_UPDATES = 90
 UPGRADE_EACH, BRIEF_UPGRADE_EACH = 30, 6
 """Days."""
 TOLERATED = 1.1
@@ -26,19 +28,22 @@ TOLERATED = 1.1
 
 def grown(name: str, unit: str, values: list[float]) -> Row:
     """The last updates beside early ones, of the second month or so: in the first the device gets its first records."""
-    some = min(30, len(values) // 3)
+    some = min(LEAST_UPDATES, len(values)) // 3
     before, after = median(values[some : 2 * some]), median(values[-some:])
+    extra = {f"{unit}, early": before, f"{unit}, late": after}
+    if len(values) < LEAST_UPDATES:
+        return Row(f"{name} (too few updates to judge its growth)", len(values), "updates", [], "", extra, is_promise=False)
     wrong = [f"{before} became {after}"] if after > TOLERATED * before else []
-    return Row(f"{name} does not grow", len(values), "updates", wrong, extra={f"{unit}, early": before, f"{unit}, late": after})
+    return Row(f"{name} does not grow", len(values), "updates", wrong, extra=extra)
 
 
 def packages(trial: Trial) -> tuple[Packages | None, str]:
     """This tree's packages, or none and the reason. A brief trial builds none, and takes what is there."""
     if not trial.brief:
         trial.say("soak: builds the packages")
-        with (trial.scratch / "package.log").open("w") as log:
+        with BUILD_LOG.open("w") as log:
             if subprocess.run([SOURCE / "package.sh", BUILT], stdout=log, stderr=subprocess.STDOUT).returncode != 0:
-                return None, "the packages could not be built"
+                return None, f"the packages could not be built, see {BUILD_LOG.relative_to(SOURCE)}"
     reason = debian.missing(BUILT)
     return (None, reason) if reason else (Packages(BUILT, trial.scratch / "packages"), "")
 
