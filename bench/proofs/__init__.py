@@ -60,6 +60,13 @@ def versions() -> dict[str, str]:
     return {name: version for name, version, _ in installed}
 
 
+def head(source: Path) -> tuple[str, str]:
+    """The checkout's commit and its date."""
+    command = ["git", "-c", f"safe.directory={source}", "-C", str(source), "show", "-s", "--abbrev=12", "--format=%h %cs"]
+    shown = subprocess.run(command, capture_output=True, text=True).stdout.split()
+    return (shown[0], shown[1]) if len(shown) == 2 else ("", "")
+
+
 @dataclass(frozen=True)
 class Result:
     name: str
@@ -73,15 +80,9 @@ class Result:
     rows: list[Row]
 
     @classmethod
-    def of(cls, name: str, source: Path, seed: int, rows: list[Row]) -> Result:
-        def git(*arguments: str) -> str:
-            command = ["git", "-c", f"safe.directory={source}", "-C", str(source), *arguments]
-            return subprocess.run(command, capture_output=True, text=True).stdout.strip()
-
+    def of(cls, name: str, commit: str, date: str, seed: int, rows: list[Row]) -> Result:
         machine = f"Linux {platform.release()}, {platform.machine()}"
-        return cls(
-            name, git("rev-parse", "--short=12", "HEAD"), git("show", "-s", "--format=%cs"), seed, machine, versions(), rows
-        )
+        return cls(name, commit, date, seed, machine, versions(), rows)
 
     @property
     def held(self) -> bool:
