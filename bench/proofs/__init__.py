@@ -86,7 +86,7 @@ class Result:
 
     @property
     def held(self) -> bool:
-        return bool(self.rows) and all(row.held for row in self.rows)
+        return bool(self.rows) and all(row.held for row in self.rows if row.is_promise)
 
     def print(self) -> None:
         for row in self.rows:

@@ -66,7 +66,7 @@ def prove(trial: Trial) -> list[Row]:
             )
             try:
                 rows += _lived(trial, life, f"a device of {release.place.name}, {kind}")
-                rows.append(_upgraded(life.upgrades, reason))
+                rows.append(_upgraded(trial, life.upgrades, reason))
             finally:
                 life.close()
     finally:
@@ -92,9 +92,10 @@ def _lived(trial: Trial, life: Life, where: str) -> list[Row]:
     ]
 
 
-def _upgraded(upgrades: Upgrades | None, reason: str) -> Row:
+def _upgraded(trial: Trial, upgrades: Upgrades | None, reason: str) -> Row:
     promise = "An upgrade keeps edited settings, keys, records, holds and data"
     if not upgrades:
-        return Row(f"{promise} (programs of the build, not packages: {reason})", 0, "upgrades", [])
+        promise += f" (programs of the build, not packages: {reason})"
+        return Row(promise, 0, "upgrades", [], is_promise=not trial.brief)
     counts = dict(sorted(upgrades.counts.items()))
     return Row(promise, counts.pop("upgrades", 0), "upgrades", upgrades.wrong, extra=counts)
