@@ -43,6 +43,10 @@ class Trial:
     seed: int
     seconds: float
     """For what goes on as long as it is let."""
+    only: tuple[str, ...] = ()
+    """The parts to try, by name; all without any."""
+    earlier: dict | None = None
+    """The results that this trial's will replace, as Result.as_json() wrote them."""
 
     def say(self, text: str) -> None:
         """Progress, for whoever waits."""
@@ -60,11 +64,21 @@ def versions() -> dict[str, str]:
     return {name: version for name, version, _ in installed}
 
 
+def git(source: Path, *words: str) -> subprocess.CompletedProcess[str]:
+    """Also where the checkout belongs to another user, as in a bare Debian that another system lends it to."""
+    command = ["git", "-c", f"safe.directory={source}", "-C", str(source), *words]
+    return subprocess.run(command, capture_output=True, text=True)
+
+
 def head(source: Path) -> tuple[str, str]:
     """The checkout's commit and its date."""
-    command = ["git", "-c", f"safe.directory={source}", "-C", str(source), "show", "-s", "--abbrev=12", "--format=%h %cs"]
-    shown = subprocess.run(command, capture_output=True, text=True).stdout.split()
+    shown = git(source, "show", "-s", "--abbrev=12", "--format=%h %cs").stdout.split()
     return (shown[0], shown[1]) if len(shown) == 2 else ("", "")
+
+
+def is_same_since(source: Path, commit: str, paths: list[str]) -> bool:
+    """Whether these files of the checkout, changes that are not committed included, are as they were in a commit."""
+    return bool(commit) and git(source, "diff", "--quiet", commit, "--", *paths).returncode == 0
 
 
 @dataclass(frozen=True)

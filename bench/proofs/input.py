@@ -6,7 +6,8 @@ LONGEST_SECONDS, or break a rule of the language that the sanitizers know.
 Builds the fuzz targets of tests/fuzz, and gives each a fair part of the time. What a target has found stays in
 build/fuzz/corpus/NAME, so that the next run goes on from there; the input of a finding in build/fuzz/found/NAME. Counted
 are the inputs that were executed, and the edges (jumps between blocks, as the compiler counts them, those of exceptions
-included) of the reader's own sources that all inputs together have passed.
+included) of the reader's own sources that all inputs together have passed. As long as these sources and the target's
+stay the same, inputs, minutes and findings are added to those of the earlier runs: hours come together in any portions.
 """
 
 from __future__ import annotations
@@ -18,7 +19,7 @@ from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 
-from bench.proofs import Row, Trial
+from bench.proofs import Row, Trial, is_same_since
 
 SOURCE = Path(__file__).resolve().parent.parent.parent
 BUILD = SOURCE / "build/fuzz"
@@ -28,6 +29,7 @@ LONGEST_INPUT = 4096
 LONGEST_SECONDS = 25
 MOST_MEMORY_MB = 2560
 KEPT_LINES = 40
+MINUTES = "processor minutes"
 
 FUNCTION = re.compile(r"^(?:UN)?COVERED_FUNC: hits: \d+ edges: (\d+)/(\d+) .*?([^/ ]+/(?:[^/ ]+/)*[^/ ]+\.cpp):\d+$", re.MULTILINE)
 REASON = re.compile(r"A promise is broken: .*|.*runtime error: .*|ERROR: \w+: .*|\s+what\(\): .*")
@@ -39,6 +41,11 @@ class Target:
     promise: str
     readers: tuple[str, ...]
     """The sources whose edges are counted."""
+
+    @property
+    def files(self) -> list[str]:
+        headers = [reader.removesuffix(".cpp") + ".h" for reader in self.readers]
+        return [*self.readers, *headers, f"tests/fuzz/{self.name}_fuzz.cpp"]
 
 
 TARGETS = (
@@ -140,24 +147,39 @@ def edges(trial: Trial, target: Target) -> tuple[int, int]:
     return sum(some for some, _ in passed), sum(all_of for _, all_of in passed)
 
 
+def earlier(trial: Trial, target: Target) -> Row:
+    """What earlier runs have tried of the same sources."""
+    found = trial.earlier or {"commit": "", "rows": []}
+    rows = [row for row in found["rows"] if row["where"] == target.name]
+    if rows and MINUTES in rows[0]["extra"] and is_same_since(SOURCE, found["commit"], target.files):
+        return Row(**rows[0])
+    return Row(target.promise, 0, "inputs", [], target.name, {MINUTES: 0})
+
+
 def try_target(trial: Trial, target: Target, seconds: int) -> Row:
+    before = earlier(trial, target)
+    if trial.only and target.name not in trial.only:
+        return before
     looked, wrong = look(trial, target, seconds)
     said = looked.output
     passed, of_all = edges(trial, target)
     executions = figure(r"stat::number_of_executed_units: (\d+)", said)
     trial.say(f"{target.name}: {executions} inputs, {passed} of {of_all} edges, {len(wrong)} findings")
     extra = {
-        "processor minutes": round(looked.processor_seconds / 60, 1), "features": figure(r" ft: (\d+)", said), "edges passed": passed, "edges": of_all,
+        MINUTES: round(before.extra[MINUTES] + looked.processor_seconds / 60, 1), "features": figure(r" ft: (\d+)", said), "edges passed": passed, "edges": of_all,
         "inputs found": len(list((BUILD / "corpus" / target.name).iterdir())),
         "inputs in the tree": len(list((SOURCE / "tests/fuzz/corpus" / target.name).iterdir())),
         "memory, MB": figure(r"stat::peak_rss_mb:\s+(\d+)", said),
     }  # fmt: skip
-    return Row(target.promise, executions, "inputs", wrong, target.name, extra)
+    return Row(target.promise, before.tried + executions, "inputs", before.wrong + wrong, target.name, extra)
 
 
 def prove(trial: Trial) -> list[Row]:
+    if unknown := set(trial.only) - {target.name for target in TARGETS}:
+        raise ValueError(f"no such fuzz target: {', '.join(sorted(unknown))}")
     build(trial)
-    seconds = BRIEF_SECONDS if trial.brief else max(1, int(trial.seconds * AT_ONCE / len(TARGETS)))
-    trial.say(f"{len(TARGETS)} targets, {AT_ONCE} at a time, {seconds} s each")
+    count = len(trial.only or TARGETS)
+    seconds = BRIEF_SECONDS if trial.brief else max(1, int(trial.seconds * min(AT_ONCE, count) / count))
+    trial.say(f"targets: {count}, {min(AT_ONCE, count)} at a time, {seconds} s each")
     with ThreadPoolExecutor(AT_ONCE) as pool:
         return list(pool.map(lambda target: try_target(trial, target, seconds), TARGETS))

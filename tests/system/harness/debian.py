@@ -22,6 +22,8 @@ DEFAULTS = Path("usr/share/data_update/data_update.conf")
 ADDED = "added.conf"
 """A settings file that only the later versions have."""
 DPKG = Path("/usr/bin/dpkg")
+PATIENCE_SECONDS = 600
+"""dpkg syncs, which waits for whatever else the machine writes."""
 
 
 def missing(built: Path) -> str:
@@ -126,7 +128,7 @@ class Packages:
 
     def install(self) -> None:
         begin = time.monotonic()
-        programs.run_ok(*self._installation())
+        programs.run_ok(*self._installation(), patience=PATIENCE_SECONDS)
         self._seconds = time.monotonic() - begin
 
     def installing(self) -> programs.Running:

@@ -73,12 +73,28 @@ class Running:
 
     def wait(self, patience: float = PATIENCE_SECONDS) -> Result:
         if not self._ends_within(patience):
+            waiting = "\n".join(_waiting(self.pid))
             self._process.kill()
             self._process.wait()
-            raise AssertionError(f"still running after {patience} s: {' '.join(self._arguments)}")
+            raise AssertionError(
+                f"still running after {patience} s: {' '.join(self._arguments)}\n{waiting}\n"
+                f"--- stdout\n{_take(self._out)}\n--- stderr\n{_take(self._err)}"
+            )
         seconds = time.monotonic() - self._begin
         status = self._process.wait()
         return Result(self._arguments, status, _take(self._out), _take(self._err), seconds)
+
+
+def _waiting(pid: int) -> list[str]:
+    """What a process and those that it has started wait for, a line for each, so that a hang explains itself."""
+    process = Path(f"/proc/{pid}")
+    try:
+        words = (process / "cmdline").read_bytes().replace(b"\0", b" ").decode(errors="replace")
+        line = f"{pid} waits in {(process / 'wchan').read_text()}: {words}"
+        children = [int(child) for task in (process / "task").iterdir() for child in (task / "children").read_text().split()]
+    except OSError as error:
+        return [f"{pid}: {error.strerror}"]
+    return [line, *(found for child in children for found in _waiting(child))]
 
 
 def _take(stream: tempfile._TemporaryFileWrapper) -> str:
