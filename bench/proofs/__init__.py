@@ -6,6 +6,7 @@ A trial is a module of this package with a function prove(trial: Trial) -> list[
 from __future__ import annotations
 
 import platform
+import shutil
 import subprocess
 import time
 from dataclasses import asdict, dataclass, field
@@ -65,7 +66,9 @@ def versions() -> dict[str, str]:
 
 
 def git(source: Path, *words: str) -> subprocess.CompletedProcess[str]:
-    """Also where the checkout belongs to another user, as in a bare Debian that another system lends it to."""
+    """Fails where there is no git. Works where the checkout is another user's, as in a bare Debian that it is lent to."""
+    if not shutil.which("git"):
+        return subprocess.CompletedProcess(words, 127, "", "there is no git")
     command = ["git", "-c", f"safe.directory={source}", "-C", str(source), *words]
     return subprocess.run(command, capture_output=True, text=True)
 

@@ -144,6 +144,8 @@ def edges(trial: Trial, target: Target) -> tuple[int, int]:
         for some, all_of, path in FUNCTION.findall(report)
         if any(path.endswith(reader) for reader in target.readers)
     ]
+    if not passed:
+        raise RuntimeError(f"{target.name}: no edge of its readers is reported, as without llvm-symbolizer:\n{report[-2000:]}")
     return sum(some for some, _ in passed), sum(all_of for _, all_of in passed)
 
 
