@@ -116,13 +116,14 @@ def read(path: Path) -> object | None:
 
 
 def figures(results: dict[str, Record]) -> str:
-    def tried(name: str) -> str:
-        return number(sum(row["tried"] for row in results[name]["rows"])) if name in results else "0"
+    def tried(name: str, unit: str) -> str:
+        rows = results[name]["rows"] if name in results else []
+        return number(sum(row["tried"] for row in rows if row["unit"] == unit))
 
     wrong = sum(len(row["wrong"]) for result in results.values() for row in result["rows"])
     days = results["soak"]["rows"][0]["tried"] if "soak" in results else 0
     return (
-        f"[Proof](docs/proof.md): {tried('power')} power cuts, {tried('faults')} system calls that failed or were the last, "
+        f"[Proof](docs/proof.md): {tried('power', 'power cuts')} power cuts, {tried('faults', 'faults')} system calls that failed or were the last, "
         f"and {number(days)} days of a device's life broke a promise {number(wrong)} times.\n"
     )
 
