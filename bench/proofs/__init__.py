@@ -30,6 +30,8 @@ class Row:
     """Figures of this row beyond the count, by name with unit: {"executions": 13800000, "coverage, %": 91.2}."""
     is_promise: bool = True
     """False for what is measured alone."""
+    sources: str = ""
+    """The digest of the sources that were tried, where several runs of the same sources add up."""
 
     @property
     def held(self) -> bool:
@@ -65,23 +67,13 @@ def versions() -> dict[str, str]:
     return {name: version for name, version, _ in installed}
 
 
-def git(source: Path, *words: str) -> subprocess.CompletedProcess[str]:
-    """Fails where there is no git. Works where the checkout is another user's, as in a bare Debian that it is lent to."""
-    if not shutil.which("git"):
-        return subprocess.CompletedProcess(words, 127, "", "there is no git")
-    command = ["git", "-c", f"safe.directory={source}", "-C", str(source), *words]
-    return subprocess.run(command, capture_output=True, text=True)
-
-
 def head(source: Path) -> tuple[str, str]:
-    """The checkout's commit and its date."""
-    shown = git(source, "show", "-s", "--abbrev=12", "--format=%h %cs").stdout.split()
+    """The checkout's commit and its date; neither where there is no git, or where the sources are no checkout."""
+    if not shutil.which("git"):
+        return "", ""
+    command = ["git", "-c", f"safe.directory={source}", "-C", str(source), "show", "-s", "--abbrev=12", "--format=%h %cs"]
+    shown = subprocess.run(command, capture_output=True, text=True).stdout.split()
     return (shown[0], shown[1]) if len(shown) == 2 else ("", "")
-
-
-def is_same_since(source: Path, commit: str, paths: list[str]) -> bool:
-    """Whether these files of the checkout, changes that are not committed included, are as they were in a commit."""
-    return bool(commit) and git(source, "diff", "--quiet", commit, "--", *paths).returncode == 0
 
 
 @dataclass(frozen=True)

@@ -7,19 +7,22 @@ Builds the fuzz targets of tests/fuzz, and gives each a fair part of the time. W
 build/fuzz/corpus/NAME, so that the next run goes on from there; the input of a finding in build/fuzz/found/NAME. Counted
 are the inputs that were executed, and the edges (jumps between blocks, as the compiler counts them, those of exceptions
 included) of the reader's own sources that all inputs together have passed. As long as these sources and the target's
-stay the same, inputs, minutes and findings are added to those of the earlier runs: hours come together in any portions.
+stay the same, and nothing is found, inputs and minutes are added to those of the earlier runs: hours come together in
+any portions. What was found is tried again first.
 """
 
 from __future__ import annotations
 
 import os
 import re
+import shutil
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
+from hashlib import sha256
 from pathlib import Path
 
-from bench.proofs import Row, Trial, is_same_since
+from bench.proofs import Row, Trial
 
 SOURCE = Path(__file__).resolve().parent.parent.parent
 BUILD = SOURCE / "build/fuzz"
@@ -42,10 +45,12 @@ class Target:
     readers: tuple[str, ...]
     """The sources whose edges are counted."""
 
-    @property
-    def files(self) -> list[str]:
-        headers = [reader.removesuffix(".cpp") + ".h" for reader in self.readers]
-        return [*self.readers, *headers, f"tests/fuzz/{self.name}_fuzz.cpp"]
+    def digest(self) -> str:
+        """Of what decides about an input: the reader, and the target with what all targets share."""
+        code = [SOURCE / reader for reader in self.readers] + [SOURCE / f"tests/fuzz/{self.name}_fuzz.cpp"]
+        headers = [path.with_suffix(".h") for path in code]
+        files = [*code, *(path for path in headers if path.exists()), *sorted((SOURCE / "tests/fuzz").glob("*.h"))]
+        return sha256(b"".join(sha256(path.read_bytes()).digest() for path in files)).hexdigest()
 
 
 TARGETS = (
@@ -120,7 +125,7 @@ def look(trial: Trial, target: Target, seconds: int) -> tuple[Run, list[str]]:
     arguments = [
         *program(target), f"-max_total_time={seconds}", f"-seed={trial.seed % (1 << 31) or 1}", f"-max_len={LONGEST_INPUT}",
         f"-timeout={LONGEST_SECONDS}", f"-rss_limit_mb={MOST_MEMORY_MB}", "-print_final_stats=1",
-        f"-artifact_prefix={kept}/", *([f"-dict={words}"] if words.exists() else []), *corpora(target),
+        f"-artifact_prefix={kept}/", *([f"-dict={words}"] if words.exists() else []), *corpora(target), str(kept),
     ]  # fmt: skip
     result = run(trial, arguments)
     if result.status == 0:
@@ -144,18 +149,19 @@ def edges(trial: Trial, target: Target) -> tuple[int, int]:
         for some, all_of, path in FUNCTION.findall(report)
         if any(path.endswith(reader) for reader in target.readers)
     ]
-    if not passed:
-        raise RuntimeError(f"{target.name}: no edge of its readers is reported, as without llvm-symbolizer:\n{report[-2000:]}")
     return sum(some for some, _ in passed), sum(all_of for _, all_of in passed)
 
 
 def earlier(trial: Trial, target: Target) -> Row:
-    """What earlier runs have tried of the same sources."""
-    found = trial.earlier or {"commit": "", "rows": []}
-    rows = [row for row in found["rows"] if row["where"] == target.name]
-    if rows and MINUTES in rows[0]["extra"] and is_same_since(SOURCE, found["commit"], target.files):
-        return Row(**rows[0])
-    return Row(target.promise, 0, "inputs", [], target.name, {MINUTES: 0})
+    """What earlier runs have tried of the same sources without a finding."""
+    nothing = Row(target.promise, 0, "inputs", [], target.name, {MINUTES: 0}, sources=target.digest())
+    kept = [row for row in (trial.earlier or {"rows": []})["rows"] if row["where"] == target.name]
+    if not kept:
+        return nothing
+    if kept[0].get("sources") != nothing.sources or kept[0]["wrong"]:
+        trial.say(f"{target.name}: counts anew, because its sources are others than before, or something was found")
+        return nothing
+    return Row(**kept[0])
 
 
 def try_target(trial: Trial, target: Target, seconds: int) -> Row:
@@ -173,12 +179,14 @@ def try_target(trial: Trial, target: Target, seconds: int) -> Row:
         "inputs in the tree": len(list((SOURCE / "tests/fuzz/corpus" / target.name).iterdir())),
         "memory, MB": figure(r"stat::peak_rss_mb:\s+(\d+)", said),
     }  # fmt: skip
-    return Row(target.promise, before.tried + executions, "inputs", before.wrong + wrong, target.name, extra)
+    return Row(target.promise, before.tried + executions, "inputs", wrong, target.name, extra, sources=before.sources)
 
 
 def prove(trial: Trial) -> list[Row]:
     if unknown := set(trial.only) - {target.name for target in TARGETS}:
         raise ValueError(f"no such fuzz target: {', '.join(sorted(unknown))}")
+    if not shutil.which("llvm-symbolizer"):
+        raise RuntimeError("llvm-symbolizer is missing, without which no edge is counted (scripts/install-packages fuzz)")
     build(trial)
     count = len(trial.only or TARGETS)
     seconds = BRIEF_SECONDS if trial.brief else max(1, int(trial.seconds * min(AT_ONCE, count) / count))

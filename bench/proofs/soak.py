@@ -28,11 +28,11 @@ TOLERATED = 1.1
 
 def grown(name: str, unit: str, values: list[float]) -> Row:
     """The last updates beside early ones, of the second month or so: in the first the device gets its first records."""
-    some = min(LEAST_UPDATES, len(values)) // 3
+    if len(values) < LEAST_UPDATES:
+        return Row(f"{name} (too few updates to judge its growth)", len(values), "updates", [], is_promise=False)
+    some = LEAST_UPDATES // 3
     before, after = median(values[some : 2 * some]), median(values[-some:])
     extra = {f"{unit}, early": before, f"{unit}, late": after}
-    if len(values) < LEAST_UPDATES:
-        return Row(f"{name} (too few updates to judge its growth)", len(values), "updates", [], "", extra, is_promise=False)
     wrong = [f"{before} became {after}"] if after > TOLERATED * before else []
     return Row(f"{name} does not grow", len(values), "updates", wrong, extra=extra)
 
@@ -74,17 +74,24 @@ def prove(trial: Trial) -> list[Row]:
     return rows
 
 
-def _lived(trial: Trial, life: Life, where: str) -> list[Row]:
-    days = 30 if trial.brief else DAYS
+def _live(trial: Trial, life: Life, days: int) -> None:
     for begin in range(0, days, 30):
         life.live(min(30, days - begin))
         wrong = len(life.wrong) + len(life.upgrades.wrong if life.upgrades else [])
         trial.say(f"soak: day {begin + 30} of {days}, {life.releases.offered} is offered, wrong: {wrong}")
     life.end()
+
+
+def _lived(trial: Trial, life: Life, where: str) -> list[Row]:
+    days = 30 if trial.brief else DAYS
+    try:
+        _live(trial, life, days)
+    except (AssertionError, OSError) as error:
+        life.wrong.append(f"day {life.day}, on which life ended: {error}")
     happened = dict(sorted((life.counts + life.releases.counts).items()))
     growth = life.growth
     return [
-        Row("Each day ends with the published files, or knows that it does not", days, "days", life.wrong, where, happened),
+        Row("Each day ends with the published files, or knows that it does not", min(life.day, days), "days", life.wrong, where, happened),
         grown("The memory of an update", "KiB", growth.memory),
         grown("The number of records", "files", growth.files),
         grown("The size of records for each file", "bytes", growth.bytes_each),
