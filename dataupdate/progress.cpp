@@ -49,7 +49,15 @@ ActivityScope::~ActivityScope() {
 void AddActivityBytes(std::uint64_t bytes) {
 	State& state = GetState();
 	const MutexLock guard(state.mutex);
-	if (state.activity.phase != Phase::kIdle) { // else a thread has run ahead of the work that is told of
+	if (state.activity.phase != Phase::kIdle) {
+		state.activity.bytes += bytes;
+	}
+}
+
+void AddHashedBytes(std::uint64_t bytes) {
+	State& state = GetState();
+	const MutexLock guard(state.mutex);
+	if (state.activity.phase == Phase::kHash) {
 		state.activity.bytes += bytes;
 	}
 }

@@ -2,8 +2,9 @@
  * @file
  * What the library is doing right now, for a host that shows progress.
  *
- * A host's own thread may ask at any time while another one runs an update; the library starts no thread and calls
- * nobody back. One activity is known per process, the innermost that began last.
+ * A host's own thread may ask at any time while another one runs an update; the library calls nobody back. One activity
+ * is known per process, the innermost that began last. What the library's own threads do beside it, taking digests and
+ * syncing, is not told.
  */
 #ifndef DATAUPDATE_PROGRESS_H
 #define DATAUPDATE_PROGRESS_H
@@ -22,8 +23,7 @@ enum class Phase { kIdle, kDownload, kUnpack, kApply, kHash, kPatch, kCheck };
 struct Activity {
 	Phase phase = Phase::kIdle; ///< What is done.
 	std::string path; ///< The file that is downloaded or patched, or the directory that is filled, replaced or hashed.
-	std::uint64_t bytes =
-	    0; ///< Bytes done; stays 0 while another program or library does the work (download, unpack, patch).
+	std::uint64_t bytes = 0;  ///< Copied or hashed; 0 while another program works (download, patch).
 	std::uint64_t serial = 0; ///< Grows with every activity that begins or ends.
 };
 

@@ -89,14 +89,16 @@ public:
 	/**
 	 * Downloads the package and unpacks it into a directory that is emptied right before. Throws IOUtils::Download's
 	 * and _ExtractTarballTo's errors, "path not in base", "Fail to calculate modify info: <why>" and "Disk space is too
-	 * low".
+	 * low". Threads go on taking the digests of large files, as many as LimitDigestThreads() allows; they block all
+	 * signals, and end with DigestsBegun().
 	 */
 	void PrepareUpdate() override;
 	/**
 	 * Empties the install directory and puts the unpacked files into it, which stay in the temporary area as well: on
 	 * one file system under two names. Readers wait for the renaming of the entries at the top only, wherever entries
-	 * can be moved from the temporary area to the install directory. Throws "Fail to full update: <why>", after
-	 * which the installed copy may be partial until the next update or fix.
+	 * can be moved from the temporary area to the install directory. Then removes the package, which nobody needs any
+	 * more. Throws "Fail to full update: <why>", after which the installed copy may be partial until the next update or
+	 * fix.
 	 */
 	void ApplyUpdate() override;
 	std::set<std::string> GetModifiedFiles() const override;
@@ -155,7 +157,7 @@ public:
 	 * CheckConflicts' "In the way of <file>: <path>", IOUtils::Download's and _ExtractTarballTo's errors, an error that
 	 * names the member, file or statement which cannot be applied, and "Disk space is too low". JsonCpp's exceptions
 	 * about a package's description pass through. A package's size is not compared with the announced one: its
-	 * signature says more.
+	 * signature says more. Threads go on as after FullStrategy::PrepareUpdate().
 	 */
 	void PrepareUpdate() override;
 	/**

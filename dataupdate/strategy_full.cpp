@@ -82,12 +82,12 @@ void FullStrategy::PrepareUpdate() {
 	MakeEmptyDirectory(unpack_directory_);
 	_ExtractTarballTo(package_path_, unpack_directory_);
 	_CalModifyInfo();
-	// Linking and renaming keep one processor busy.
-	VisitPrepared([this](const std::string& /*name*/, const std::string& file) { early_digests_->Begin(file); });
 	io.TarnMkdir(install_directory_);
 	if (!_IsSpaceEnough(space_check_path_, GetDeltaSize())) {
 		throw UpdateError(messages::kLowSpace);
 	}
+	// Linking and renaming keep one processor busy.
+	VisitPrepared([this](const std::string& /*name*/, const std::string& file) { early_digests_->Begin(file); });
 	is_staged_ = _Stage();
 }
 

@@ -12,7 +12,6 @@
 #include "dataupdate/volume_handler.h"
 
 #include <cstdint>
-#include <future>
 #include <optional>
 #include <utility>
 
@@ -163,9 +162,8 @@ void Update::ForceInstall(const std::string& id, int version) const {
 	DatabaseStatus status;
 	status.data_version = remote.data_version;
 	status.last_fetch_time = remote.last_fetch_time;
-	std::future<void> synced = BeginToSyncInstalled(install_prefix);
 	status.file_statuses = CalculateStatus(files, config->GetInstallPrefix());
-	synced.get();
+	SyncInstalled(install_prefix);
 	info_getter_->SetDatabaseStatus(id, status);
 	replacement.EndByRecord();
 }

@@ -8,12 +8,9 @@
 #include "publisher/publish_error.h"
 #include "publisher/store.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-
-#include <cerrno>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <utility>
 
 namespace tarn::publisher {
@@ -21,25 +18,6 @@ namespace tarn::publisher {
 namespace {
 
 constexpr int kMostRounds = 5;
-
-/** The directory of the documents is locked, which needs no right to write and leaves no file behind. */
-UniqueFd LockMirrors(const std::string& repository, const PublishObserver& observer) {
-	const std::string path = repository + "/" + kDocuments;
-	UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-	if (!fd) {
-		throw BrokenRepository(ErrnoText("Nothing was carried and nothing deleted: " + path, errno) + ".");
-	}
-	if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) {
-		return fd;
-	}
-	observer.waiting();
-	while (flock(fd.Get(), LOCK_EX) != 0) {
-		if (errno != EINTR) {
-			throw PublishError(ErrnoText("The directory " + path + " cannot be locked", errno) + ".");
-		}
-	}
-	return fd;
-}
 
 /** Packages never change under their names. Another size, or a younger file, is one that was made again by hand. */
 bool IsCarried(const CarriedFiles& stored, const std::string& name, const CarriedFile& file) {
@@ -70,7 +48,7 @@ public:
 	    : options_(options),
 	      observer_(observer),
 	      repository_(std::filesystem::canonical(options.repository).string()),
-	      lock_(LockMirrors(repository_, observer)),
+	      lock_(LockMirrors(repository_, observer.waiting)),
 	      store_(options.store, ProgressOf(observer)) {}
 
 	MirrorResult Run() {
@@ -159,23 +137,35 @@ private:
 		    ". If that is right, use --force.");
 	}
 
-	/** Those that the store has by their sizes, and in truth has not. */
-	std::vector<std::string> FindDamaged() const {
+	/** What the store has by its size and in truth has not is no longer taken for stored. False as TryOnce() has it. */
+	bool ComparePackages() {
 		std::vector<std::string> names;
 		for (const auto& [name, file] : snapshot_.packages) {
-			if (IsCarried(stored_, name, file)) {
+			if (IsCarried(stored_, name, file) && compared_.count(name) == 0) {
 				names.push_back(name);
 			}
 		}
+		if (names.empty()) {
+			return true;
+		}
 		observer_.step("comparing packages", 0, 1);
-		return names.empty() ? names : store_.Differing(repository_, names);
+		const Comparison found = store_.Compare(repository_, names);
+		compared_.insert(found.same.begin(), found.same.end());
+		for (const std::string& name : found.differing) {
+			stored_.erase(name);
+		}
+		if (found.same.size() + found.differing.size() == names.size()) {
+			return true;
+		}
+		if (!IsCurrent(snapshot_, repository_)) {
+			return false;
+		}
+		throw PublishError("Packages at " + options_.store + " cannot be compared: " + found.run.Description() + ".");
 	}
 
 	bool CarryPackages() {
-		if (options_.compares) {
-			for (const std::string& name : FindDamaged()) {
-				stored_.erase(name);
-			}
+		if (options_.compares && !ComparePackages()) {
+			return false;
 		}
 		for (const auto& [name, file] : snapshot_.packages) {
 			if (IsCarried(stored_, name, file)) {
@@ -271,6 +261,7 @@ private:
 	Store store_;
 	Snapshot snapshot_;
 	CarriedFiles stored_;
+	std::set<std::string> compared_; // and found to be the same, in any round
 	std::map<std::string, std::string> stored_documents_;
 	MirrorResult result_;
 };

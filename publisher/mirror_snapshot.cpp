@@ -5,9 +5,12 @@
 #include "publisher/files.h"
 #include "publisher/repository.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <filesystem>
 #include <optional>
@@ -96,6 +99,25 @@ bool IsServersDraft(const std::string& name) {
 	const std::string whole = name.substr(0, dot);
 	return name[dot] == '.' && name.find_first_not_of("0123456789", dot + 1) == std::string::npos &&
 	       (IsPackageName(whole) || StartsWith(whole, std::string(kDocuments) + "/"));
+}
+
+UniqueFd LockMirrors(const std::string& repository, const std::function<void()>& waiting) {
+	// Needs no right to write, and leaves no file behind.
+	const std::string path = repository + "/" + kDocuments;
+	UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	if (!fd) {
+		throw BrokenRepository(ErrnoText("Nothing was carried and nothing deleted: " + path, errno) + ".");
+	}
+	if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) {
+		return fd;
+	}
+	waiting();
+	while (flock(fd.Get(), LOCK_EX) != 0) {
+		if (errno != EINTR) {
+			throw PublishError(ErrnoText("The directory " + path + " cannot be locked", errno) + ".");
+		}
+	}
+	return fd;
 }
 
 Snapshot TakeSnapshot(const std::string& repository) {

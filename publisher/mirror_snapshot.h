@@ -1,10 +1,12 @@
-/** @file What a repository offers at one moment, to be carried to a store. */
+/** @file What a repository offers at one moment, to be carried to a store by one process at a time. */
 #ifndef PUBLISHER_MIRROR_SNAPSHOT_H
 #define PUBLISHER_MIRROR_SNAPSHOT_H
 
+#include "base/unique_fd.h"
 #include "publisher/publish_error.h"
 #include "publisher/store.h"
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -32,6 +34,15 @@ constexpr const char* kDocuments = "database_info";
 /** Whether a relative name is that of a document or package while nginx writes it: nginx leaves it when it is killed.
  */
 [[nodiscard]] bool IsServersDraft(const std::string& name);
+
+/**
+ * Waits until no other process carries this repository; publishers go on.
+ *
+ * @param waiting  is called before it waits
+ * @return what keeps others out as long as it is open
+ * @throws BrokenRepository when there is no directory of documents; PublishError
+ */
+[[nodiscard]] UniqueFd LockMirrors(const std::string& repository, const std::function<void()>& waiting);
 
 /**
  * Reads documents first, and lists packages then. Whatever a document names was there before the document, so only a

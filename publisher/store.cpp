@@ -124,26 +124,20 @@ RcloneResult Store::Carry(const std::string& repository, const std::vector<std::
 	    Lines(names), progress_);
 }
 
-std::vector<std::string> Store::Differing(const std::string& repository, const std::vector<std::string>& names) const {
-	const RcloneResult result = RunRclone({"check", "--download", "--one-way", "--files-from-raw=-", "--no-traverse",
-	                                          "--copy-links", "--combined=-", repository, remote_},
+Comparison Store::Compare(const std::string& repository, const std::vector<std::string>& names) const {
+	Comparison found;
+	found.run = RunRclone({"check", "--download", "--one-way", "--files-from-raw=-", "--no-traverse", "--copy-links",
+	                          "--combined=-", repository, remote_},
 	    Lines(names), {});
-	std::istringstream report(result.output);
-	std::size_t compared = 0;
-	std::vector<std::string> differing;
+	std::istringstream report(found.run.output);
 	for (std::string line; std::getline(report, line);) { // "= NAME" when it is the same, "*" other, "+" not there
-		const bool differs = StartsWith(line, "* ") || StartsWith(line, "+ ");
-		if (differs) {
-			differing.push_back(line.substr(2));
-		}
-		if (differs || StartsWith(line, "= ")) {
-			++compared;
+		if (StartsWith(line, "= ")) {
+			found.same.push_back(line.substr(2));
+		} else if (StartsWith(line, "* ") || StartsWith(line, "+ ")) {
+			found.differing.push_back(line.substr(2));
 		}
 	}
-	if (compared != names.size()) {
-		FailTo("Packages at " + remote_ + " cannot be compared", result);
-	}
-	return differing;
+	return found;
 }
 
 void Store::Remove(const std::vector<std::string>& names) const {

@@ -24,6 +24,13 @@ using CarriedFiles = std::map<std::string, CarriedFile>;
 /** The second that a text such as "2026-11-22T10:20:54.05+01:00" names; no value for other texts. */
 [[nodiscard]] std::optional<std::int64_t> ParseTime(const std::string& text);
 
+/** What reading packages at a store has shown. */
+struct Comparison {
+	std::vector<std::string> same;
+	std::vector<std::string> differing; // or missing at the store
+	RcloneResult run;
+};
+
 /** Failures are PublishError. */
 class Store {
 public:
@@ -37,9 +44,8 @@ public:
 	void Write(const std::string& name, const std::string& text) const;
 	/** Puts packages of a repository into the store, whatever it has; those that are gone by now are left out. */
 	[[nodiscard]] RcloneResult Carry(const std::string& repository, const std::vector<std::string>& names) const;
-	/** Those of a repository's packages that the store lacks or has with another content. Reads them all there. */
-	[[nodiscard]] std::vector<std::string> Differing(
-	    const std::string& repository, const std::vector<std::string>& names) const;
+	/** Reads a repository's packages at the store. Those that neither of both has are left out. */
+	[[nodiscard]] Comparison Compare(const std::string& repository, const std::vector<std::string>& names) const;
 	void Remove(const std::vector<std::string>& names) const;
 
 	const std::string& Remote() const { return remote_; }

@@ -32,6 +32,8 @@ private:
 
 /** Counts bytes of the current activity. */
 void AddActivityBytes(std::uint64_t bytes);
+/** Counts bytes that were read for a digest, unless another activity is current, beside which threads run ahead. */
+void AddHashedBytes(std::uint64_t bytes);
 /** Counts bytes of a file that has been downloaded. */
 void AddDownloadedBytes(std::uint64_t bytes);
 

@@ -66,7 +66,7 @@ DigestBuffer::int_type DigestBuffer::underflow() {
 		if (count < 0) {
 			throw std::system_error(errno, std::generic_category(), "read");
 		}
-		AddActivityBytes(static_cast<std::uint64_t>(count));
+		AddHashedBytes(static_cast<std::uint64_t>(count));
 		setg(block_.data(), block_.data(), block_.data() + count);
 	}
 	return gptr() == egptr() ? traits_type::eof() : traits_type::to_int_type(*gptr());

@@ -35,13 +35,15 @@ void LimitDigestThreads(unsigned count) {
 	most_threads = count;
 }
 
+unsigned MostDigestThreads() {
+	return most_threads == 0 ? Processors() : std::min(most_threads.load(), kMostPerProcessor * Processors());
+}
+
 DigestsAhead::DigestsAhead(std::size_t count, std::function<std::string(std::size_t)> path_of, Caller caller)
     : count_(count), path_of_(std::move(path_of)) {
-	const unsigned limit =
-	    most_threads == 0 ? Processors() : std::min(most_threads.load(), kMostPerProcessor * Processors());
 	// The caller is one of the threads that the limit allows.
 	const std::size_t useful = count_ + (caller == Caller::kHasOtherWork ? 1 : 0);
-	threads_ = StartThreads(std::max<std::size_t>(std::min<std::size_t>(limit, useful), 1) - 1, [this] {
+	threads_ = StartThreads(std::max<std::size_t>(std::min<std::size_t>(MostDigestThreads(), useful), 1) - 1, [this] {
 		while (TakeOne(true)) {
 		}
 	});

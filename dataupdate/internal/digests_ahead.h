@@ -16,6 +16,9 @@
 
 namespace tarn::dataupdate {
 
+/** How many threads may take digests at once, as LimitDigestThreads() has it, the caller's included. */
+unsigned MostDigestThreads();
+
 /**
  * Takes digests ahead of the thread that asks for them one after the other, which takes its share. Whoever stops asking
  * has wasted no more than what was begun: the destructor waits for that and begins nothing more. Only so many digests

@@ -1,6 +1,5 @@
 #include "dataupdate/internal/early_digests.h"
 
-#include "base/parallel.h"
 #include "dataupdate/internal/replacement_plan.h"
 #include "dataupdate/utils.h"
 
@@ -32,7 +31,7 @@ std::string DigestOfNothing() {
 } // namespace
 
 void EarlyDigests::Begin(const std::string& path) {
-	if (files_.size() >= Processors() || !IsLarge(path)) {
+	if (files_.size() >= MostDigestThreads() || !IsLarge(path)) {
 		return;
 	}
 	UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));

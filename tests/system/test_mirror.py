@@ -401,14 +401,19 @@ def test_a_publisher_at_work_makes_no_mixture(carrying: Carrying, reader: Device
     trees.assert_same(carrying.tree, reader.installed(DATABASE))
 
 
-def test_a_package_that_is_removed_meanwhile_begins_another_round(carrying: Carrying, way: Way) -> None:
+@pytest.mark.parametrize("options", [[], ["--compare"]], ids=["carried", "compared"])
+def test_a_package_that_is_removed_meanwhile_begins_another_round(
+    carrying: Carrying, way: Way, options: list[str]
+) -> None:
     for text in ("one", "two", "three"):
         carrying.publish(text)
+    if options:
+        carrying.mirror_ok()
     way.begin(None)
     way.hold = threading.Event()
-    running = programs.Running(carrying.command("--json"), env=carrying.store.environment(way.netloc))
+    running = programs.Running(carrying.command("--json", *options), env=carrying.store.environment(way.netloc))
     waiting.until(lambda: bool(way.seen), "the store is asked")
-    # What was to be carried goes away, since the new document names it no longer.
+    # What was to be carried or compared goes away, since the new document names it no longer.
     carrying.publish("four", keep=1)
     programs.run_ok(programs.PUB, "prune", "--repo", carrying.publisher.repository)
     way.hold.set()

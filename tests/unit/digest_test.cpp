@@ -140,7 +140,7 @@ TEST_F(FileSha384Test, OpensForReadingAndWriting) {
 
 TEST_F(FileSha384Test, CountsItsProgress) {
 	WriteFile(directory_ / "f", std::string(1000, 'a'));
-	const ActivityScope outer(Phase::kApply, "outer");
+	const ActivityScope outer(Phase::kHash, "outer");
 	const std::uint64_t serial = CurrentActivity().serial;
 	DigestStream stream(directory_ / "f");
 	GetSha384(stream);

@@ -57,6 +57,9 @@ TEST_P(EarlyDigestsTest, AreNoneOfAFileThatWasWrittenToSince) {
 	digests_.Begin(grown);
 	fs::resize_file(grown, kLarge + 1);
 	EXPECT_EQ(digests_.Take(grown), std::nullopt);
+}
+
+TEST_P(EarlyDigestsTest, AreNoneOfAFileWhoseTimeWasChangedSince) {
 	const std::string touched = Put("touched", 'x');
 	digests_.Begin(touched);
 	const std::array<timespec, 2> times = {timespec{1, 0}, timespec{1, 0}};
@@ -70,6 +73,18 @@ TEST_P(EarlyDigestsTest, AreNoneOfAFileThatCannotBeRead) {
 	system.Fail("open", EMFILE, 1, 1); // not for the one that holds the file
 	digests_.Begin(copy);
 	EXPECT_EQ(digests_.Take(copy), std::nullopt);
+}
+
+TEST_P(EarlyDigestsTest, AreOfAsManyFilesAsThreadsAreAllowed) {
+	for (unsigned number = 0; number < GetParam(); ++number) {
+		digests_.Begin(Put(std::to_string(number), 'x'));
+	}
+	digests_.Begin(Put("one more", 'x'));
+	EXPECT_EQ(digests_.Take(directory_ / "one more"), std::nullopt);
+	for (unsigned number = 0; number < GetParam(); ++number) {
+		const std::string file = directory_ / std::to_string(number);
+		EXPECT_THAT(digests_.Take(file), Optional(FileSha384(file)));
+	}
 }
 
 TEST_P(EarlyDigestsTest, AreNoneOfWhatIsSmallOrNoFile) {

@@ -27,6 +27,15 @@ TEST(ProgressTest, ShowsTheInnermostActivityAndReturnsToTheOuterOne) {
 	EXPECT_EQ(activity.bytes, 5U);
 }
 
+TEST(ProgressTest, CountsHashedBytesOnlyWhereHashingIsWhatIsDone) {
+	const ActivityScope outer(Phase::kApply, "/outer");
+	AddHashedBytes(5);
+	EXPECT_EQ(CurrentActivity().bytes, 0U);
+	const ActivityScope inner(Phase::kHash, "/inner");
+	AddHashedBytes(7);
+	EXPECT_EQ(CurrentActivity().bytes, 7U);
+}
+
 TEST(ProgressTest, CountsEveryBeginningAndEnd) {
 	const std::uint64_t serial = CurrentActivity().serial;
 	{
