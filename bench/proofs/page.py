@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 from collections.abc import Callable
 from pathlib import Path
 
@@ -48,7 +49,30 @@ def tried(rows: list[Record], first: str) -> str:
     return table([first, "tried", *(names if alike else ["figures"]), "result"], lines)
 
 
+def split_off_file_system(where: str) -> tuple[str, str]:
+    operation, *kind = re.split(r", (ext4.*|btrfs|xfs)$", where)
+    return operation, kind[0] if kind else ""
+
+
+def cell(row: Record) -> str:
+    of = next(iter(row["extra"].values()))
+    return f"{number(row['tried'])} of {number(of)}: {verdict(row)}"
+
+
+def by_file_system(rows: list[Record]) -> str:
+    """A line for each operation, for what is told apart as "operation, file system" with one promise and one figure."""
+    parts = [(*split_off_file_system(str(row["where"])), row) for row in rows]
+    kinds = list(dict.fromkeys(kind for _, kind, _ in parts))
+    operations = list(dict.fromkeys(operation for operation, _, _ in parts))
+    cells = {(operation, kind): cell(row) for operation, kind, row in parts}
+    lines = [[operation, *(cells.get((operation, kind), "–") for kind in kinds)] for operation in operations]
+    figure = next(iter(rows[0]["extra"]))
+    return f"{rows[0]['promise']}. {rows[0]['unit'].capitalize()} of {figure}:\n\n{table(['operation', *kinds], lines)}"
+
+
 def by_promise(rows: list[Record]) -> str:
+    if rows[0]["unit"] == "power cuts":
+        return by_file_system(rows)
     promises = list(dict.fromkeys(row["promise"] for row in rows))
     if len(promises) == len(rows):
         return tried(rows, "promise")
