@@ -134,7 +134,8 @@ def test_what_monitoring_needs_is_in_status_and_metrics(configured: Administrato
     for name in re.findall(r"`(tarndbud_\w+)`", DOCUMENT.section("Monitoring")):
         assert re.search(rf"^{name}\b", metrics, re.MULTILINE), name
     entry = json.loads(shown[: shown.index("\n]") + 2])[0]
-    listed = DOCUMENT.section("Monitoring").split("For each database")[1].split("- The state `no volume`")[0]
+    words = " ".join(DOCUMENT.section("Monitoring").split())
+    listed = words.split("For each database")[1].split("- The state `no volume`")[0]
     on_trouble = {"hold_problem", "installed_in", "remote_error", "volume_problem"}
     now_and_then = {"last_failure", "last_success", "next_run", "refused_version"}
     assert set(re.findall(r"`([a-z_]+)`", listed)) - on_trouble == entry.keys() - {"id"} - now_and_then
