@@ -193,19 +193,11 @@ class Crowd:
     def _describe(self) -> str:
         now = time.monotonic()
         running = [
-            f"{pid}: {now - begin:.0f} s, {_kernel_function(pid)}: {' '.join(order.words)}"
+            f"{pid}: {now - begin:.0f} s, {programs.kernel_function(pid)}: {' '.join(order.words)}"
             for pid, (begin, order, _) in sorted(list(self._running.items()))
         ]
         inodes = [f"{path.stat().st_ino} {path}" for path in RUN.glob("*.lock")]
         return "\n".join(["A process hangs.", *running, *inodes, Path("/proc/locks").read_text()])
-
-
-def _kernel_function(pid: int) -> str:
-    """Where a process waits."""
-    try:
-        return Path(f"/proc/{pid}/wchan").read_text()
-    except OSError as error:
-        return str(error)
 
 
 def programs_left() -> list[str]:

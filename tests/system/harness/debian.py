@@ -89,6 +89,10 @@ def with_other_settings(number: int) -> Callable[[Path], None]:
     return change
 
 
+def _run_ok(*arguments: str | Path) -> None:
+    programs.run_ok(*arguments, patience=PATIENCE_SECONDS)
+
+
 class Packages:
     """The programs of this machine, as packages whose version goes up."""
 
@@ -107,7 +111,7 @@ class Packages:
         self.install()
 
     def _purge(self) -> None:
-        programs.run_ok(DPKG, "--purge", *reversed(NAMES))
+        _run_ok(DPKG, "--purge", *reversed(NAMES))
 
     @property
     def version(self) -> str:
@@ -129,7 +133,7 @@ class Packages:
 
     def install(self) -> None:
         begin = time.monotonic()
-        programs.run_ok(*self._installation(), patience=PATIENCE_SECONDS)
+        _run_ok(*self._installation())
         self._seconds = time.monotonic() - begin
 
     def installing(self) -> programs.Running:
@@ -145,11 +149,11 @@ class Packages:
 
     def finish(self) -> None:
         """What dpkg advises after it was ended, which fails for a package that was cut off itself; then all again."""
-        programs.run(DPKG, *OPTIONS, "--configure", "--pending")
+        programs.run(DPKG, *OPTIONS, "--configure", "--pending", patience=PATIENCE_SECONDS)
         self.install()
 
     def remove(self) -> None:
-        programs.run_ok(DPKG, "--remove", *reversed(NAMES))
+        _run_ok(DPKG, "--remove", *reversed(NAMES))
 
     def problems(self) -> list[str]:
         """What is not as the current version has it."""

@@ -85,12 +85,20 @@ class Running:
         return Result(self._arguments, status, _take(self._out), _take(self._err), seconds)
 
 
+def kernel_function(pid: int) -> str:
+    """Where a process waits."""
+    try:
+        return Path(f"/proc/{pid}/wchan").read_text()
+    except OSError as error:
+        return str(error)
+
+
 def _waiting(pid: int) -> list[str]:
     """What a process and those that it has started wait for, a line for each, so that a hang explains itself."""
     process = Path(f"/proc/{pid}")
     try:
         words = (process / "cmdline").read_bytes().replace(b"\0", b" ").decode(errors="replace")
-        line = f"{pid} waits in {(process / 'wchan').read_text()}: {words}"
+        line = f"{pid} waits in {kernel_function(pid)}: {words}"
         children = [int(child) for task in (process / "task").iterdir() for child in (task / "children").read_text().split()]
     except OSError as error:
         return [f"{pid}: {error.strerror}"]

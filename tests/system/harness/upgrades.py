@@ -11,7 +11,7 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 from . import programs
-from .debian import SHIPPED, Packages
+from .debian import PATIENCE_SECONDS, SHIPPED, Packages
 from .device import CACHE, DOWNLOADS, STATUS, VOLUMES, WGETRC
 
 SETTINGS = VOLUMES.parent
@@ -98,7 +98,7 @@ class Upgrades:
         while not installing.has_ended():
             self._update()
             self.counts["updates meanwhile"] += 1
-        ended = installing.wait()
+        ended = installing.wait(PATIENCE_SECONDS)
         if ended.status != 0:
             self._say_wrong(ended)
         self._judge(before, entries(SETTINGS))
