@@ -159,6 +159,16 @@ Draft CreateDraft(const std::string& name, mode_t mode) {
 	return {UniqueFd(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode)), name};
 }
 
+bool LockExclusively(int fd, const std::function<void()>& waiting) {
+	if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+		return true;
+	}
+	if (errno == EWOULDBLOCK) {
+		waiting();
+	}
+	return RetryOnInterrupt([fd] { return flock(fd, LOCK_EX); }) == 0;
+}
+
 bool SyncDirectory(const std::string& path) {
 	const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	return directory && fsync(directory.Get()) == 0;

@@ -86,6 +86,12 @@ private:
  * when that fails. */
 [[nodiscard]] Draft CreateDraft(const std::string& name, mode_t mode);
 
+/**
+ * Takes the exclusive flock() of an open file; while another open file holds a lock, calls the function once and waits.
+ * False with errno set when that fails.
+ */
+[[nodiscard]] bool LockExclusively(int fd, const std::function<void()>& waiting);
+
 /** Brings a directory's entries to the disk; false with errno set when that fails. */
 [[nodiscard]] bool SyncDirectory(const std::string& path);
 

@@ -49,9 +49,7 @@ ActivityScope::~ActivityScope() {
 void AddActivityBytes(std::uint64_t bytes) {
 	State& state = GetState();
 	const MutexLock guard(state.mutex);
-	if (state.activity.phase != Phase::kIdle) {
-		state.activity.bytes += bytes;
-	}
+	state.activity.bytes += bytes;
 }
 
 void AddHashedBytes(std::uint64_t bytes) {

@@ -115,6 +115,17 @@ void ReplacingFile::Commit() {
 	}
 }
 
+UniqueFd LockFile(const std::string& path, const std::function<void()>& waiting) {
+	UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kServedMode));
+	if (!fd) {
+		throw PublishError(ErrnoText("The lock " + path + " cannot be opened", errno) + ".");
+	}
+	if (!LockExclusively(fd.Get(), waiting)) {
+		throw PublishError(ErrnoText("The lock " + path + " cannot be taken", errno) + ".");
+	}
+	return fd;
+}
+
 std::vector<fs::path> PathsIn(const std::string& directory) {
 	std::vector<fs::path> entries;
 	std::error_code error;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -61,6 +62,12 @@ private:
  * directories as they are that exist already. Throws PublishError.
  */
 void MakeServedDirectories(const std::string& directory);
+
+/**
+ * The exclusive lock on a file, which is made where it is missing; calls the function once when another process has
+ * the lock, and waits for it. Throws PublishError.
+ */
+[[nodiscard]] UniqueFd LockFile(const std::string& path, const std::function<void()>& waiting);
 
 /** The paths in a directory, in byte order; none when it is missing. Throws PublishError. */
 [[nodiscard]] std::vector<std::filesystem::path> PathsIn(const std::string& directory);

@@ -1,12 +1,12 @@
 #include "publisher/mirror_snapshot.h"
 
+#include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/document.h"
 #include "publisher/files.h"
 #include "publisher/repository.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -108,14 +108,8 @@ UniqueFd LockMirrors(const std::string& repository, const std::function<void()>&
 	if (!fd) {
 		throw BrokenRepository(ErrnoText("Nothing was carried and nothing deleted: " + path, errno) + ".");
 	}
-	if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) {
-		return fd;
-	}
-	waiting();
-	while (flock(fd.Get(), LOCK_EX) != 0) {
-		if (errno != EINTR) {
-			throw PublishError(ErrnoText("The directory " + path + " cannot be locked", errno) + ".");
-		}
+	if (!LockExclusively(fd.Get(), waiting)) {
+		throw PublishError(ErrnoText("The directory " + path + " cannot be locked", errno) + ".");
 	}
 	return fd;
 }

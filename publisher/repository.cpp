@@ -7,11 +7,7 @@
 #include "publisher/remembered_url.h"
 #include "publisher/withdrawn_packages.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -26,24 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kUrlName = "/packages/.tarndbudpub.url";
-constexpr mode_t kLockMode = 0644;
-
-UniqueFd Lock(const std::string& path, const std::function<void()>& waiting) {
-	UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
-	if (!fd) {
-		throw PublishError(ErrnoText("The lock " + path + " cannot be opened", errno) + ".");
-	}
-	if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) {
-		return fd;
-	}
-	waiting();
-	while (flock(fd.Get(), LOCK_EX) != 0) {
-		if (errno != EINTR) {
-			throw PublishError(ErrnoText("The lock " + path + " cannot be taken", errno) + ".");
-		}
-	}
-	return fd;
-}
 
 std::optional<PackageFile> Recognise(const fs::path& path, const std::string& id) {
 	constexpr std::string_view kSuffix = ".tarn";
@@ -87,7 +65,7 @@ std::string LinkTo(const std::string& url, const std::string& name) {
 
 Repository::Repository(std::string directory, const std::function<void()>& waiting) : directory_(std::move(directory)) {
 	MakeServedDirectories(directory_);
-	lock_ = Lock(directory_ + "/" + kLockName, waiting);
+	lock_ = LockFile(directory_ + "/" + kLockName, waiting);
 }
 
 std::vector<std::string> Repository::DocumentNames() const {

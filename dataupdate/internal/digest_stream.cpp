@@ -62,6 +62,9 @@ std::streamsize DigestBuffer::showmanyc() {
 DigestBuffer::int_type DigestBuffer::underflow() {
 	if (gptr() == egptr()) {
 		InterruptionPoint(); // The stream takes it for a read error.
+		if (is_unwanted_ != nullptr && *is_unwanted_) {
+			throw std::system_error(ECANCELED, std::generic_category(), "read");
+		}
 		const ssize_t count = RetryOnInterrupt([this] { return read(fd_.Get(), block_.data(), block_.size()); });
 		if (count < 0) {
 			throw std::system_error(errno, std::generic_category(), "read");
@@ -72,7 +75,8 @@ DigestBuffer::int_type DigestBuffer::underflow() {
 	return gptr() == egptr() ? traits_type::eof() : traits_type::to_int_type(*gptr());
 }
 
-DigestStream::DigestStream(const std::string& path) : std::istream(nullptr) {
+DigestStream::DigestStream(const std::string& path, const std::atomic<bool>* is_unwanted)
+    : std::istream(nullptr), buffer_(is_unwanted) {
 	rdbuf(&buffer_);
 	if (!buffer_.Open(path)) {
 		setstate(failbit);

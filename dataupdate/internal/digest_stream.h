@@ -5,6 +5,7 @@
 #include "base/unique_fd.h"
 #include "dataupdate/internal/file_digest.h"
 
+#include <atomic>
 #include <istream>
 #include <streambuf>
 #include <string>
@@ -18,6 +19,8 @@ namespace tarn::dataupdate {
  */
 class DigestBuffer : public std::streambuf {
 public:
+	/** @param is_unwanted  when this becomes true, the next block is a read error */
+	explicit DigestBuffer(const std::atomic<bool>* is_unwanted) : is_unwanted_(is_unwanted) {}
 	/** Opens for reading and writing; false when that fails or the path is no regular file. */
 	[[nodiscard]] bool Open(const std::string& path);
 
@@ -27,6 +30,7 @@ protected:
 	int_type underflow() override;
 
 private:
+	const std::atomic<bool>* is_unwanted_;
 	UniqueFd fd_;
 	std::vector<char> block_;
 };
@@ -34,7 +38,8 @@ private:
 /** An installed file, opened for reading and writing; in a failed state when it cannot be opened so. */
 class DigestStream : public std::istream {
 public:
-	explicit DigestStream(const std::string& path);
+	/** @param is_unwanted  ends the reading, as an error, when another thread sets it */
+	explicit DigestStream(const std::string& path, const std::atomic<bool>* is_unwanted = nullptr);
 
 private:
 	DigestBuffer buffer_;

@@ -9,7 +9,6 @@
 #include <boost/filesystem.hpp>
 
 #include <algorithm>
-#include <atomic>
 #include <utility>
 
 namespace tarn::dataupdate {
@@ -20,12 +19,12 @@ constexpr unsigned kMostPerProcessor = 4;
 
 std::atomic<unsigned> most_threads(0);
 
-std::optional<std::string> DigestAt(const std::string& path) {
+std::optional<std::string> DigestAt(const std::string& path, const std::atomic<bool>& is_unwanted) {
 	if (!boost::filesystem::exists(boost::filesystem::status(path))) {
 		return std::nullopt;
 	}
 	InterruptionPoint();
-	DigestStream stream(path);
+	DigestStream stream(path, &is_unwanted);
 	return GetSha384(stream);
 }
 
@@ -54,6 +53,7 @@ DigestsAhead::DigestsAhead(const std::vector<std::string>& paths, Caller caller)
           paths.size(), [paths](std::size_t index) { return paths[index]; }, caller) {}
 
 DigestsAhead::~DigestsAhead() {
+	is_unwanted_ = true;
 	{
 		const MutexLock lock(mutex_);
 		begun_ = count_;
@@ -79,7 +79,7 @@ bool DigestsAhead::TakeOne(bool waits_for_room) {
 	}
 	Result result;
 	try {
-		result.digest = DigestAt(path_of_(*index));
+		result.digest = DigestAt(path_of_(*index), is_unwanted_);
 	} catch (...) {
 		result.error = std::current_exception();
 	}

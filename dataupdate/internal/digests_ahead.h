@@ -5,6 +5,7 @@
 #include "base/mutex.h"
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
@@ -21,8 +22,8 @@ unsigned MostDigestThreads();
 
 /**
  * Takes digests ahead of the thread that asks for them one after the other, which takes its share. Whoever stops asking
- * has wasted no more than what was begun: the destructor waits for that and begins nothing more. Only so many digests
- * are taken ahead that memory does not grow with the number of files.
+ * waits for no more than a block of each file that was begun: the destructor ends the reading. Only so many digests are
+ * taken ahead that memory does not grow with the number of files.
  *
  * Progress is told of the file that is asked for, with the bytes that all threads read meanwhile.
  */
@@ -71,6 +72,7 @@ private:
 
 	const std::size_t count_;
 	const std::function<std::string(std::size_t)> path_of_;
+	std::atomic<bool> is_unwanted_{false};
 	Mutex mutex_;
 	std::condition_variable_any changed_;
 	std::array<Result, kMostAhead> results_ TARN_GUARDED_BY(mutex_);

@@ -11,11 +11,7 @@
 #include "publisher/site/changes_view.h"
 #include "publisher/site/markup.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -79,21 +75,6 @@ bool AddPackages(const Database& database, int version, std::vector<std::string>
 	return false;
 }
 
-UniqueFd Lock(const std::string& path, const PublishObserver& observer) {
-	constexpr mode_t kMode = 0644;
-	UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode));
-	if (!fd) {
-		throw PublishError(ErrnoText("The lock " + path + " cannot be opened", errno) + ".");
-	}
-	if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
-		observer.waiting();
-		if (RetryOnInterrupt([&] { return flock(fd.Get(), LOCK_EX); }) != 0) {
-			throw PublishError(ErrnoText("The lock " + path + " cannot be taken", errno) + ".");
-		}
-	}
-	return fd;
-}
-
 std::optional<std::string> ReadKept(const std::string& path) {
 	std::ifstream file(path, std::ios::binary);
 	if (!file) {
@@ -108,7 +89,7 @@ std::optional<std::string> ReadKept(const std::string& path) {
 KeptChanges::KeptChanges(ChangesSource source, const PublishObserver& observer)
     : source_(std::move(source)), observer_(observer), directory_(source_.repository + "/" + kKeptChangesName) {
 	MakeServedDirectories(directory_);
-	lock_ = Lock(directory_ + "/.lock", observer_);
+	lock_ = LockFile(directory_ + "/.lock", observer_.waiting);
 	for (const fs::path& path : PathsIn(directory_)) {
 		if (fs::is_directory(path)) {
 			RemoveLeftovers(path.string());

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -90,6 +92,31 @@ TEST_F(WholeFileTest, LeavesAloneAFileThatItDidNotMake) {
 		EXPECT_FALSE(draft);
 	}
 	EXPECT_EQ(ReadFile(path_), "old");
+}
+
+TEST_F(WholeFileTest, IsLockedOnceNoOtherOpenFileHoldsALock) {
+	const auto open_again = [this] {
+		return UniqueFd(open(directory_.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	};
+	const UniqueFd waiter = open_again();
+	UniqueFd holder = open_again();
+	ASSERT_EQ(flock(holder.Get(), LOCK_SH), 0);
+	int times = 0;
+	EXPECT_TRUE(LockExclusively(waiter.Get(), [&] {
+		++times;
+		holder = UniqueFd();
+	}));
+	EXPECT_EQ(times, 1);
+	EXPECT_TRUE(LockExclusively(waiter.Get(), [&] { ++times; })) << "it is held already";
+	EXPECT_EQ(times, 1);
+	EXPECT_NE(flock(open_again().Get(), LOCK_SH | LOCK_NB), 0);
+}
+
+TEST_F(WholeFileTest, CannotBeLockedWithoutAnOpenFile) {
+	bool has_waited = false;
+	EXPECT_FALSE(LockExclusively(-1, [&] { has_waited = true; }));
+	EXPECT_EQ(errno, EBADF);
+	EXPECT_FALSE(has_waited);
 }
 
 TEST_F(WholeFileTest, TellsOfADirectoryThatCannotBeSynced) {

@@ -1,3 +1,4 @@
+#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/early_digests.h"
 #include "dataupdate/internal/file_digest.h"
 #include "dataupdate/progress.h"
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 namespace tarn::dataupdate {
 namespace {
@@ -50,6 +52,18 @@ TEST_P(EarlyDigestsTest, AreOfTheFileWhereverItWasMoved) {
 	EXPECT_EQ(digests_.Take(copy), std::nullopt) << "another file";
 	EXPECT_THAT(digests_.Take(directory_ / "installed"), Optional(digest));
 	EXPECT_EQ(digests_.Take(directory_ / "installed"), std::nullopt) << "told already";
+}
+
+TEST_P(EarlyDigestsTest, AreGivenUpWithTheWorkThatWantedThem) {
+	constexpr std::uintmax_t kLongerThanAnybodyWaits = std::uintmax_t{1} << 43U;
+	const std::string endless = Put("endless", 'x');
+	fs::resize_file(endless, kLongerThanAnybodyWaits);
+	EarlyDigests digests;
+	const ActivityScope activity(Phase::kHash, "what is read");
+	digests.Begin(endless);
+	while (GetParam() > 1 && CurrentActivity().bytes == 0) {
+		std::this_thread::yield();
+	}
 }
 
 TEST_P(EarlyDigestsTest, AreNoneOfAFileThatWasWrittenToSince) {
