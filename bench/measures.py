@@ -181,7 +181,11 @@ class Bench:
             nginx.close()
             shutil.rmtree(place)
 
-    def scale(self) -> Iterator[dict[str, object]]:
+    def measure(self, name: str) -> Iterator[dict[str, object]]:
+        series = name.removeprefix("scale-")
+        return getattr(self, name)() if series == name else self._grow(series)
+
+    def _grow(self, series: str) -> Iterator[dict[str, object]]:
         place = self._scratch / "scale"
         place.mkdir()
         volumes = Volumes(place)
@@ -197,12 +201,12 @@ class Bench:
                 device.list_volumes(patterns=(str(volume), str(other)))
                 device.add_database(scale.DATABASE)
                 bench = scale.ScaleBench(device, publisher, other, self._scratch)
-                bench.measure(self._scale.growth)
-            self.points = bench.points
+                bench.measure(series, self._scale.growth)
+            self.points += bench.points
             yield from scale.rows(bench.points)
         except pytest.skip.Exception as reason:
             self.is_complete = False
-            print(f"left out: scale: {reason}")
+            print(f"left out: scale-{series}: {reason}")
         finally:
             volumes.close()
             place.rmdir()

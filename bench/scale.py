@@ -6,11 +6,12 @@ import json
 import os
 import random
 import shutil
+import subprocess
 import threading
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
-from dataclasses import asdict, dataclass, replace
+from dataclasses import dataclass, replace
 from pathlib import Path
 
 from harness import programs
@@ -27,6 +28,7 @@ BYTES_FOR_EACH_FILE = 320
 PUBLISHER_TREES = 2
 BLOCK = 4096  # of a usual file system, of which a small file takes one
 SMALL_FILE = 2_000
+TEN_GB = 10_000_000_000 // (8 * MIB) * 8 * MIB  # eight files of whole mebibytes
 ONE_PACKAGE = ("publish the first version", "publish without a diff package")
 
 
@@ -58,7 +60,7 @@ class Sizes:
 
     @staticmethod
     def full() -> Sizes:
-        return Sizes((1_000, 10_000, 60_000, 200_000), (256 * MIB, 1024 * MIB, 2048 * MIB), (1, 10, 100), 1_000, 24 * 1024 * MIB)
+        return Sizes((1_000, 10_000, 60_000, 200_000), (256 * MIB, 1024 * MIB, 2048 * MIB, TEN_GB), (1, 10, 100), 1_000, 96 * 1024 * MIB)
 
     @staticmethod
     def brief() -> Sizes:
@@ -149,16 +151,15 @@ class ScaleBench:
         self._series = ""
         self.points: list[Point] = []
 
-    def measure(self, sizes: Sizes) -> None:
-        for files in sizes.files:
-            with self._new_tree("files", files, SMALL_FILE):
-                self._live_through()
-        for size in sizes.large:
-            with self._new_tree("bytes", 8, size // 8):
-                self._live_through()
-        for length in sizes.chains:
-            with self._new_tree("chain", sizes.chain_files, SMALL_FILE):
-                self._take_a_chain(length)
+    def measure(self, series: str, sizes: Sizes) -> None:
+        trees = {
+            "files": [(files, SMALL_FILE) for files in sizes.files],
+            "bytes": [(8, size // 8) for size in sizes.large],
+            "chains": [(sizes.chain_files, SMALL_FILE)] * len(sizes.chains),
+        }[series]
+        for number, (files, file_bytes) in enumerate(trees):
+            with self._new_tree(series, files, file_bytes):
+                self._take_a_chain(sizes.chains[number]) if series == "chains" else self._live_through()
 
     @contextmanager
     def _new_tree(self, series: str, files: int, file_bytes: int) -> Iterator[None]:
@@ -235,6 +236,7 @@ class ScaleBench:
         programs.run_ok(programs.CTL, "volume", "unmounting", str(second), patience=600)
 
     def _run(self, operation: str, arguments: list[object], place: Path, chain: int = 0) -> None:
+        self._give_back()
         with DiskUse(place) as use:
             begin = time.monotonic()
             result, peak = programs.peak_memory(*arguments, patience=3600)
@@ -247,6 +249,12 @@ class ScaleBench:
               f"{point.seconds:8.2f} s {point.peak_rss_bytes / MIB:7.1f} MiB {point.peak_disk_bytes / MIB:8.1f} MiB disk",
               flush=True)  # fmt: skip
         self.points.append(point)
+
+    def _give_back(self) -> None:
+        """What was removed on the volumes, to the disk that their images share."""
+        os.sync()
+        for volume in (self._publisher.repository, self._device.volume, self._second_volume):
+            subprocess.run(["fstrim", str(volume)], check=True)
 
 
 def rows(points: list[Point]) -> Iterator[dict[str, object]]:
@@ -265,7 +273,3 @@ def rows(points: list[Point]) -> Iterator[dict[str, object]]:
 
 def row(what: str, ours: float, allowed: float) -> dict[str, object]:
     return {"what": what, "ours": ours / MIB, "peer": allowed / MIB, "limit": 1.0, "unit": "M"}
-
-
-def write_points(path: Path, points: list[Point]) -> None:
-    path.write_text(json.dumps([asdict(point) for point in points], indent="\t") + "\n")

@@ -27,17 +27,21 @@ MARK = re.compile(r"^\s*(?:/?\*+|//+|#|\.[A-Z][a-z])(?= |$)", re.MULTILINE)
 """What begins a line of a comment, or of a manual page, and is no part of the text."""
 
 
+def constants(path: Path, *names: str) -> list[str]:
+    """The words in tuples that a program defines."""
+    words: list[str] = []
+    for node in ast.parse(path.read_text()).body:
+        if isinstance(node, ast.Assign) and ast.unparse(node.targets[0]) in names:
+            words += ast.literal_eval(node.value)
+    return words
+
+
 def trials(root: Path) -> list[str]:
-    for node in ast.parse((root / "bench/proofs/page.py").read_text()).body:
-        if isinstance(node, ast.Assign) and ast.unparse(node.targets[0]) == "TRIALS":
-            return list(ast.literal_eval(node.value))
-    raise LookupError("bench/proofs/page.py has no TRIALS")
+    return constants(root / "bench/proofs/page.py", "TRIALS")
 
 
 def measures(root: Path) -> list[str]:
-    nodes = ast.walk(ast.parse((root / "bench/measures.py").read_text()))
-    bench = next(node for node in nodes if isinstance(node, ast.ClassDef) and node.name == "Bench")
-    return [node.name for node in bench.body if isinstance(node, ast.FunctionDef) and not node.name.startswith("_")]
+    return constants(root / "bench/run", "MEASURES", "SCALES")
 
 
 PARTS: dict[str, Callable[[Path], list[str]]] = {"bench/proof": trials, "bench/run": measures}
