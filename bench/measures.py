@@ -192,6 +192,8 @@ class Bench:
         Device.reset(SOURCE / "packaging/conf")
         try:
             shop, volume, other = (volumes.make("ext4", self._scale.growth.disk_bytes) for _ in range(3))
+            for path in (shop, volume, other):
+                volumes.give_back(path)
             publisher = Publisher(shop / "publisher")
             publisher.patience = PUBLISHING_SECONDS
             with closing(Nginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, shop / "nginx")) as nginx:

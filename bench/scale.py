@@ -6,7 +6,6 @@ import json
 import os
 import random
 import shutil
-import subprocess
 import threading
 import time
 from collections.abc import Iterator
@@ -236,7 +235,6 @@ class ScaleBench:
         programs.run_ok(programs.CTL, "volume", "unmounting", str(second), patience=600)
 
     def _run(self, operation: str, arguments: list[object], place: Path, chain: int = 0) -> None:
-        self._give_back()
         with DiskUse(place) as use:
             begin = time.monotonic()
             result, peak = programs.peak_memory(*arguments, patience=3600)
@@ -249,12 +247,6 @@ class ScaleBench:
               f"{point.seconds:8.2f} s {point.peak_rss_bytes / MIB:7.1f} MiB {point.peak_disk_bytes / MIB:8.1f} MiB disk",
               flush=True)  # fmt: skip
         self.points.append(point)
-
-    def _give_back(self) -> None:
-        """What was removed on the volumes, to the disk that their images share."""
-        os.sync()
-        for volume in (self._publisher.repository, self._device.volume, self._second_volume):
-            subprocess.run(["fstrim", str(volume)], check=True)
 
 
 def rows(points: list[Point]) -> Iterator[dict[str, object]]:

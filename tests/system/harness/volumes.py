@@ -99,6 +99,11 @@ class Volumes:
         return str(place), ["-t", kind, "-o", "loop"]
 
     @staticmethod
+    def give_back(path: Path) -> None:
+        """From now on, what is removed there is room on the disk that holds the volume's image."""
+        subprocess.run(["mount", "-o", "remount,discard", str(path)], check=True)
+
+    @staticmethod
     def remount_read_only(path: Path) -> None:
         subprocess.run(["mount", "-o", "remount,ro", str(path)], check=True)
 
