@@ -11,6 +11,7 @@ import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, replace
+from functools import partial
 from pathlib import Path
 
 from harness import programs
@@ -59,7 +60,8 @@ class Sizes:
 
     @staticmethod
     def full() -> Sizes:
-        return Sizes((1_000, 10_000, 60_000, 200_000), (256 * MIB, 1024 * MIB, 2048 * MIB, TEN_GB), (1, 10, 100), 1_000, 96 * 1024 * MIB)
+        files, large = (1_000, 10_000, 60_000, 200_000), (256 * MIB, 1024 * MIB, 2048 * MIB, TEN_GB)
+        return Sizes(files, large, (1, 10, 100), 1_000, 96 * 1024 * MIB)
 
     @staticmethod
     def brief() -> Sizes:
@@ -151,14 +153,14 @@ class ScaleBench:
         self.points: list[Point] = []
 
     def measure(self, series: str, sizes: Sizes) -> None:
-        trees = {
-            "files": [(files, SMALL_FILE) for files in sizes.files],
-            "bytes": [(8, size // 8) for size in sizes.large],
-            "chains": [(sizes.chain_files, SMALL_FILE)] * len(sizes.chains),
+        lives = {
+            "files": [(files, SMALL_FILE, self._live_through) for files in sizes.files],
+            "bytes": [(8, size // 8, self._live_through) for size in sizes.large],
+            "chains": [(sizes.chain_files, SMALL_FILE, partial(self._take_a_chain, length)) for length in sizes.chains],
         }[series]
-        for number, (files, file_bytes) in enumerate(trees):
+        for files, file_bytes, live in lives:
             with self._new_tree(series, files, file_bytes):
-                self._take_a_chain(sizes.chains[number]) if series == "chains" else self._live_through()
+                live()
 
     @contextmanager
     def _new_tree(self, series: str, files: int, file_bytes: int) -> Iterator[None]:
