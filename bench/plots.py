@@ -80,7 +80,9 @@ def lines(points: list[Record], series: str, x: Value, y: Value, labels: tuple[s
 
 
 def lengths(points: list[Record], path: Path) -> None:
-    chosen = sorted((point for point in points if point["chain"] > 0), key=lambda point: point["chain"])
+    chosen = sorted(
+        (point for point in points if point["chain"] > 0 and point["operation"] == "diff update"), key=lambda point: point["chain"]
+    )
     figure, axes = pyplot.subplots()
     axes.plot([p["chain"] for p in chosen], [p["seconds"] for p in chosen], marker="o", color=OURS, label="diff update")
     finish(axes, ("diff packages in the chain", "seconds"))

@@ -150,6 +150,7 @@ class ScaleBench:
         self._device, self._publisher, self._second_volume, self._scratch = device, publisher, second_volume, scratch
         self._tree: Tree | None = None
         self._series = ""
+        self._chain = 0
         self.points: list[Point] = []
 
     def measure(self, series: str, sizes: Sizes) -> None:
@@ -198,12 +199,13 @@ class ScaleBench:
         self._move()
 
     def _take_a_chain(self, length: int) -> None:
+        self._chain = length
         self._publish("publish the first version")
         self._run_device("install", "update", DATABASE)
         for _ in range(length):
             self._tree.change_files(3)
             self._publisher.publish(self._tree.root, DATABASE, "--level", "1", keep_diffs=length)
-        self._run_device("diff update", "update", DATABASE, chain=length)
+        self._run_device("diff update", "update", DATABASE)
 
     def _publish(self, operation: str, keep_diffs: int = 100) -> None:
         arguments = [
@@ -219,9 +221,9 @@ class ScaleBench:
     def _packages(self) -> dict[Path, int]:
         return {path: path.stat().st_size for path in self._publisher.repository.glob("packages/**/*.tarn")}
 
-    def _run_device(self, operation: str, *arguments: str, chain: int = 0) -> None:
+    def _run_device(self, operation: str, *arguments: str) -> None:
         self._device.forget_document()
-        self._run(operation, [programs.CTL, *arguments], self._device.volume, chain)
+        self._run(operation, [programs.CTL, *arguments], self._device.volume)
         downloaded = self._downloaded() if arguments[0] == "update" else 0
         if "diff" in operation:
             assert downloaded < self._publisher.package(DATABASE, 1).stat().st_size, "it went by the full package"
@@ -236,14 +238,14 @@ class ScaleBench:
         assert (second / "@database/autoupdate" / DATABASE).is_dir()
         programs.run_ok(programs.CTL, "volume", "unmounting", str(second), patience=600)
 
-    def _run(self, operation: str, arguments: list[object], place: Path, chain: int = 0) -> None:
+    def _run(self, operation: str, arguments: list[object], place: Path) -> None:
         with DiskUse(place) as use:
             begin = time.monotonic()
             result, peak = programs.peak_memory(*arguments, patience=3600)
             seconds = time.monotonic() - begin
         assert result.status == 0, str(result)
         point = Point(
-            self._series, self._tree.files, self._tree.bytes, chain, operation, round(seconds, 3), peak * 1024, use.extra, 0
+            self._series, self._tree.files, self._tree.bytes, self._chain, operation, round(seconds, 3), peak * 1024, use.extra, 0
         )
         print(f"{point.series:6} {point.files:7} {point.bytes / MIB:7.0f} MiB {point.chain:4} {point.operation:30} "
               f"{point.seconds:8.2f} s {point.peak_rss_bytes / MIB:7.1f} MiB {point.peak_disk_bytes / MIB:8.1f} MiB disk",
@@ -254,7 +256,8 @@ class ScaleBench:
 def rows(points: list[Point]) -> Iterator[dict[str, object]]:
     """What is promised of memory and disk, for the program that installs and for the publisher's disk."""
     for point in points:
-        what = f"{point.series}, {point.files} files, {point.bytes // MIB} MiB: {point.operation}"
+        length = f", {point.chain} long" if point.chain else ""
+        what = f"{point.series}{length}, {point.files} files, {point.bytes // MIB} MiB: {point.operation}"
         if point.operation.startswith("publish"):
             # Each package is there twice for a moment: while it is sealed, and the diff package while it is tried out.
             trees = 0 if point.operation in ONE_PACKAGE else PUBLISHER_TREES * max(point.bytes, point.files * BLOCK)

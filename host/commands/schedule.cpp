@@ -1,5 +1,3 @@
-#include "base/error.h"
-#include "base/file_io.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
@@ -10,9 +8,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <string>
 
 namespace tarn::ctl {
@@ -42,13 +37,7 @@ void SetScheduled(const Services& services, const std::string& id, bool schedule
 	const dataupdate::FileLock lock(dataupdate::kConfigLock, dataupdate::kLockTimeout);
 	Json::Value sections = ReadOverride(services);
 	sections[id]["auto_update"] = scheduled;
-	// The administrator may have put a link in its place.
-	const std::filesystem::path path = std::filesystem::weakly_canonical(dataupdate::kDatabaseOverride);
-	std::filesystem::create_directories(path.parent_path());
-	WriteWholeFile(path, FormatJson(sections));
-	if (!SyncDirectory(path.parent_path())) {
-		throw Error("The file " + path.string() + " cannot be written (" + std::strerror(errno) + ")");
-	}
+	services.io->WriteJson(dataupdate::kDatabaseOverride, sections);
 }
 
 void Declare(CLI::App& app, Options& options) {

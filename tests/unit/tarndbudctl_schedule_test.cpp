@@ -85,6 +85,11 @@ TEST_F(ScheduleCommandTest, KeepsAListThatIsTheAdministratorsOwn) {
 	EXPECT_EQ(services_.config->GetDatabaseIDs(), std::vector<std::string>{"geo"});
 }
 
+TEST_F(ScheduleCommandTest, SaysWhatCannotBeWritten) {
+	WriteFile(std::filesystem::path(kOverride).parent_path(), "a file in the directory's place");
+	EXPECT_EQ(test::MessageOf([&] { Run("geo", "off"); }), std::string("Fail to create parent folder: ") + kOverride);
+}
+
 TEST_F(ScheduleCommandTest, RefusesAnUnknownDatabaseAndWritesNothing) {
 	EXPECT_EQ(test::MessageOf([&] { Run("nope", "on"); }), "Project nope not supported");
 	EXPECT_FALSE(std::filesystem::exists(kOverride));
