@@ -7,12 +7,17 @@
 #include "publisher/publish_error.h"
 #include "publisher/withdrawn_packages.h"
 
+#include <filesystem>
 #include <map>
+#include <set>
 #include <string_view>
+#include <vector>
 
 namespace tarn::publisher {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr unsigned kExecutableBits = 0111;
 
@@ -56,6 +61,19 @@ bool HoldsAll(const archive::ArchiveFile& archive, const Tree& tree) {
 	return files.empty();
 }
 
+/** The packages that a withdrawal has moved, and those that stay in their place while another channel names them. */
+std::vector<PackageFile> WithdrawnOf(const Repository& repository, const std::string& id) {
+	const std::string directory = repository.PackageDirectory(id);
+	std::vector<PackageFile> withdrawn = PackagesIn(WithdrawnDirectory(directory), id);
+	const std::set<std::string> marked = MarkedPackages(directory, repository.LastVersion(id).value_or(-1));
+	for (const PackageFile& file : repository.Packages(id)) {
+		if (marked.count(fs::path(file.path).filename().string()) > 0) {
+			withdrawn.push_back(file);
+		}
+	}
+	return withdrawn;
+}
+
 /** The newest of the full packages that holds a tree; -1 when none does. */
 int NewestThatHolds(const std::vector<PackageFile>& packages, const std::string& id, const Tree& tree) {
 	int newest = -1;
@@ -82,8 +100,7 @@ bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, con
 }
 
 std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, const Tree& tree) {
-	const int withdrawn =
-	    NewestThatHolds(PackagesIn(WithdrawnDirectory(repository.PackageDirectory(id)), id), id, tree);
+	const int withdrawn = NewestThatHolds(WithdrawnOf(repository, id), id, tree);
 	const bool is_back = withdrawn >= 0 && NewestThatHolds(repository.Packages(id), id, tree) > withdrawn;
 	return withdrawn >= 0 && !is_back ? std::optional(withdrawn) : std::nullopt;
 }

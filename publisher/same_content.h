@@ -22,9 +22,10 @@ namespace tarn::publisher {
 [[nodiscard]] bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, const Tree& tree);
 
 /**
- * The newest withdrawn version that has the content of a tree. None when a later version that was not withdrawn has
- * that content too: the withdrawal was withdrawn then. Packages that were pruned tell nothing. Trusts every package,
- * because nothing is made from them; throws PublishError when one cannot be read.
+ * The newest withdrawn version that has the content of a tree, also while another channel keeps its package in place.
+ * None when a later version that was not withdrawn has that content too: the withdrawal was withdrawn then. Packages
+ * that were pruned tell nothing. Trusts every package, because nothing is made from them; throws PublishError when one
+ * cannot be read.
  */
 [[nodiscard]] std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, const Tree& tree);
 

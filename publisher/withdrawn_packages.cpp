@@ -37,10 +37,15 @@ std::optional<Mark> ReadMark(const fs::path& path) {
 	return withdrawal ? std::optional(Mark{path, name.substr(0, end), *withdrawal}) : std::nullopt;
 }
 
+/** The mark of a withdrawal that was killed before its document withdraws nothing. */
+bool IsPublished(const Mark& mark, int newest) {
+	return mark.withdrawal <= newest;
+}
+
 /** Takes the package away first: the mark of a package that is gone is removed by the next publisher. */
 void Follow(const Mark& mark, const fs::path& directory, const std::set<std::string>& offered, int newest) {
 	const fs::path package = directory / mark.package;
-	const bool is_published = mark.withdrawal <= newest;
+	const bool is_published = IsPublished(mark, newest);
 	if (is_published && offered.count(mark.package) > 0) {
 		return;
 	}
@@ -92,6 +97,17 @@ void MarkWithdrawn(const std::string& package, int withdrawal) {
 	const std::string kept = WithdrawnPath(package);
 	MakeDirectory(fs::path(kept).parent_path().string());
 	ReplacingFile(kept + kMark + std::to_string(withdrawal)).Commit();
+}
+
+std::set<std::string> MarkedPackages(const std::string& directory, int newest) {
+	std::set<std::string> names;
+	for (const fs::path& path : PathsIn(WithdrawnDirectory(directory))) {
+		const std::optional<Mark> mark = ReadMark(path);
+		if (mark && IsPublished(*mark, newest)) {
+			names.insert(mark->package);
+		}
+	}
+	return names;
 }
 
 void MoveWithdrawn(const std::string& directory, const std::set<std::string>& offered, int newest) {

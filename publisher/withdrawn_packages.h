@@ -22,6 +22,14 @@ void MarkWithdrawn(const std::string& package, int withdrawal);
 std::string WithdrawnDirectory(const std::string& directory);
 
 /**
+ * The names of full packages that are marked, the mark of a withdrawal that was published. They are withdrawn, whether
+ * they were moved or still lie in their place. Throws PublishError.
+ *
+ * @param newest  the highest version that a document names
+ */
+std::set<std::string> MarkedPackages(const std::string& directory, int newest);
+
+/**
  * Moves the marked packages of a directory to where they are kept. A package that is still offered stays with its mark:
  * another channel has yet to move on.
  *

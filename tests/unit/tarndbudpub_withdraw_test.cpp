@@ -307,6 +307,13 @@ TEST_F(KilledWithdrawing, IsFinishedByTheNextPublisher) {
 	EXPECT_FALSE(fs::exists(Hidden(3) + ".by4"));
 }
 
+TEST_F(KilledWithdrawing, KeepsTheBadContentFromBeingPublishedAgain) {
+	fs::rename(Hidden(3), Package(3)); // as between the document and the last step
+	WriteFile(Hidden(3) + ".by4", "");
+	EXPECT_THAT(PublishError(), HasSubstr("the tree has the content of version 3 of db, which was withdrawn"));
+	EXPECT_EQ(Newest(), 4);
+}
+
 TEST_F(KilledWithdrawing, TakesNoPackageAwayThatIsStillOffered) {
 	BeginAgain();
 	publisher::MarkWithdrawn(Package(3), 4); // as between the packages and the document
