@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 import sqlite3
 from pathlib import Path
 
@@ -138,10 +139,19 @@ def test_a_withdrawn_version_comes_back(history: History, connected: Device, ngi
 def test_a_device_with_an_old_document_finds_no_garbage(history: History, connected: Device, nginx: Nginx) -> None:
     history.publish_bad("garbage")
     connected.forget_document()
-    connected.run_ok("refresh")
+    assert connected.status(HEALTHY)["remote_version"] == 3
     history.withdraw()
+    before = len(nginx.requests())
+    failed = connected.run("update", HEALTHY)
+    assert failed.status == 1
+    assert "404" in failed.stderr
+    asked = nginx.requests()[before:]
+    assert [re.sub(r" \d+ .*_", " ", line) for line in asked] == ["404 d3.tarn", "404 v3.tarn"], asked
+    assert connected.version(HEALTHY) == 2
+    assert trees.contents(connected.installed(HEALTHY)) == history.good
+    connected.run_ok("refresh")
     before = len(nginx.packages())
-    connected.run("update", HEALTHY)  # finds no package, and asks for the document again
+    connected.run_ok("update", HEALTHY)
     assert nginx.packages()[before:] == ["d3w4", "d4"]
     assert connected.version(HEALTHY) == 4
     connected.update(INFECTED)
