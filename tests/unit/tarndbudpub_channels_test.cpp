@@ -4,6 +4,7 @@
 #include "publisher/channels.h"
 #include "publisher/publish_error.h"
 
+#include <algorithm>
 #include <csignal>
 
 namespace tarn::test {
@@ -68,6 +69,10 @@ TEST_F(Channels, KeepTheDiffsThatAnotherChannelNames) {
 	EXPECT_THAT(ChainOf("canary"), ElementsAre("4"));
 	EXPECT_TRUE(fs::exists(Diff(2))) << "the default names it";
 	EXPECT_FALSE(fs::exists(Diff(3)));
+	std::vector<std::string> files = RepositoryFiles();
+	Promote();
+	files.erase(std::find(files.begin(), files.end(), "packages/db/db_d2.tarn"));
+	EXPECT_EQ(RepositoryFiles(), files);
 }
 
 TEST_F(Channels, ShareNoChainAcrossFormats) {
