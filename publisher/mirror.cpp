@@ -87,7 +87,7 @@ private:
 	bool HasAll(const CarriedFiles& present, void (*fail)(const std::string& lack)) const {
 		const std::string missing = MissingPackage(snapshot_, present);
 		if (!missing.empty() && IsCurrent(snapshot_, repository_)) {
-			fail(missing + ", which " + snapshot_.named.at(missing) + " names");
+			fail(missing);
 		}
 		return missing.empty();
 	}

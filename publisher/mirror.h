@@ -37,8 +37,8 @@ struct MirrorResult {
  *
  * Waits for another run of the same repository, and not for publishers. Leaves nothing in the repository.
  *
- * @throws BrokenRepository when devices could not use the repository; UsageError; PublishError. What the store offers
- *         is whole in all cases.
+ * @throws BrokenRepository when devices could not use the repository; UsageError; PublishError. In all cases each
+ *         document at the store names packages that are there.
  */
 MirrorResult Mirror(const MirrorOptions& options, const PublishObserver& observer);
 

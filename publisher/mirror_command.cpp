@@ -22,7 +22,8 @@ constexpr char kMirrorHelp[] =
     "and run again at any moment. rclone's own settings (rclone.conf, RCLONE_... in the environment) apply.\n"
     "\n"
     "Exit status: 0 the store has what the repository has, 1 failed, 2 wrong usage, 3 the repository is broken for\n"
-    "devices, so nothing was offered. What the store offers is whole in all cases.";
+    "devices, so nothing was offered. In all cases each document at the store names packages that are there;\n"
+    "--compare looks at their content.";
 
 struct Command {
 	MirrorOptions options;

@@ -40,9 +40,10 @@ std::map<std::string, std::string> ReadDocuments(const std::string& repository) 
 void TakeNames(const std::string& document, const std::string& id, const Entry& entry, Snapshot& snapshot) {
 	const auto newest = snapshot.newest.emplace(id, entry.data_version).first;
 	newest->second = std::max(newest->second, entry.data_version);
-	snapshot.named.emplace(Repository::PackageName(id, entry.data_version), document);
+	snapshot.named.emplace(Repository::PackageName(id, entry.data_version), NamedPackage{document, std::nullopt});
 	for (const auto& [version, diff] : entry.diff_files) {
-		snapshot.named.emplace(Repository::DiffName(id, version, diff), document);
+		const auto size = static_cast<std::uint64_t>(diff.file_size);
+		snapshot.named.emplace(Repository::DiffName(id, version, diff), NamedPackage{document, size});
 	}
 }
 
@@ -133,9 +134,16 @@ bool IsCurrent(const Snapshot& snapshot, const std::string& repository) {
 }
 
 std::string MissingPackage(const Snapshot& snapshot, const CarriedFiles& present) {
-	const auto missing = std::find_if(snapshot.named.begin(), snapshot.named.end(),
-	    [&](const auto& named) { return present.count(named.first) == 0; });
-	return missing == snapshot.named.end() ? "" : missing->first;
+	for (const auto& [name, named] : snapshot.named) {
+		const auto found = present.find(name);
+		if (found == present.end()) {
+			return name + ", which " + named.document + " names";
+		}
+		if (named.size && *named.size != found->second.size) {
+			return name + " with the size that " + named.document + " says";
+		}
+	}
+	return "";
 }
 
 } // namespace tarn::publisher

@@ -6,8 +6,10 @@
 #include "publisher/publish_error.h"
 #include "publisher/store.h"
 
+#include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace tarn::publisher {
@@ -18,11 +20,17 @@ public:
 	using PublishError::PublishError;
 };
 
+/** What a document says about a package. */
+struct NamedPackage {
+	std::string document;
+	std::optional<std::uint64_t> size; // no document says that of a full package
+};
+
 struct Snapshot {
-	std::map<std::string, std::string> documents; // texts by their names in the repository
-	std::map<std::string, std::string> named;     // packages that documents name, and one document for each
-	std::map<std::string, int> newest;            // the highest version that any document names, by database
-	CarriedFiles packages;                        // that are there, named or not
+	std::map<std::string, std::string> documents;   // texts by their names in the repository
+	std::multimap<std::string, NamedPackage> named; // packages by their names, for each document that names them
+	std::map<std::string, int> newest;              // the highest version that any document names, by database
+	CarriedFiles packages;                          // that are there, named or not
 };
 
 /** The names of the documents in a repository, relative to it. */
@@ -56,7 +64,7 @@ constexpr const char* kDocuments = "database_info";
 /** Whether the documents still are what they were. Throws PublishError. */
 [[nodiscard]] bool IsCurrent(const Snapshot& snapshot, const std::string& repository);
 
-/** A package that a document names and that is not there; empty when there is none. */
+/** A package that is not there as a document names it, in words; empty when there is none. */
 [[nodiscard]] std::string MissingPackage(const Snapshot& snapshot, const CarriedFiles& present);
 
 } // namespace tarn::publisher

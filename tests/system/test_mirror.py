@@ -250,8 +250,9 @@ def test_a_dry_run_changes_nothing(carrying: Carrying) -> None:
         (lambda repository: (repository / "database_info/1").unlink(), "has no document"),
         (lambda repository: shutil.rmtree(repository / "database_info"), "database_info"),
         (lambda repository: next(repository.rglob("*_v2.tarn")).unlink(), f"{DATABASE}_v2.tarn"),
+        (lambda repository: os.truncate(next(repository.rglob("*_d2.tarn")), 300), f"{DATABASE}_d2.tarn with the size"),
     ],
-    ids=["damaged document", "no document", "no directory", "missing package"],
+    ids=["damaged document", "no document", "no directory", "missing package", "diff package of another size"],
 )
 def test_a_broken_repository_leaves_the_store_as_it_is(
     carrying: Carrying, break_it: object, word: str

@@ -46,11 +46,11 @@ TEST_F(Mirroring, TakesWhatDocumentsNameAndWhatLiesThere) {
 	const Snapshot snapshot = Take();
 	EXPECT_EQ(snapshot.documents.size(), 1U);
 	EXPECT_EQ(snapshot.newest.at("db"), 2);
-	EXPECT_EQ(snapshot.named.at("packages/db/db_v2.tarn"), "database_info/1");
+	EXPECT_EQ(snapshot.named.find("packages/db/db_v2.tarn")->second.document, "database_info/1");
 	EXPECT_EQ(snapshot.packages.count("packages/db/db_v1.tarn"), 1U);
 	EXPECT_EQ(snapshot.packages.count("packages/db/.db_v9.tarn") + snapshot.packages.count("packages/db/notes"), 0U);
 	EXPECT_EQ(MissingPackage(snapshot, snapshot.packages), "");
-	EXPECT_NE(MissingPackage(snapshot, {}), "");
+	EXPECT_EQ(MissingPackage(snapshot, {}), "packages/db/db_v2.tarn, which database_info/1 names");
 }
 
 TEST_F(Mirroring, KnowsWhatAWebServerLeaves) {
