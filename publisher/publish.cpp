@@ -116,9 +116,10 @@ private:
 		if (options_.even_withdrawn) {
 			return;
 		}
+		const int newest = repository_.LastVersion(options_.id).value_or(-1);
 		std::optional<int> version;
 		try {
-			version = FindWithdrawn(repository_, options_.id, tree_);
+			version = FindWithdrawn(repository_, options_.id, newest, tree_);
 		} catch (const PublishError& error) {
 			observer_.warn("The tree is published without a comparison with withdrawn versions: " +
 			               WithoutEnd(error.what()) + ".");

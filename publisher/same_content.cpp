@@ -62,10 +62,10 @@ bool HoldsAll(const archive::ArchiveFile& archive, const Tree& tree) {
 }
 
 /** The packages that a withdrawal has moved, and those that stay in their place while another channel names them. */
-std::vector<PackageFile> WithdrawnOf(const Repository& repository, const std::string& id) {
+std::vector<PackageFile> WithdrawnOf(const Repository& repository, const std::string& id, int newest) {
 	const std::string directory = repository.PackageDirectory(id);
 	std::vector<PackageFile> withdrawn = PackagesIn(WithdrawnDirectory(directory), id);
-	const std::set<std::string> marked = MarkedPackages(directory, repository.LastVersion(id).value_or(-1));
+	const std::set<std::string> marked = MarkedPackages(directory, newest);
 	for (const PackageFile& file : repository.Packages(id)) {
 		if (marked.count(fs::path(file.path).filename().string()) > 0) {
 			withdrawn.push_back(file);
@@ -99,8 +99,8 @@ bool HoldsTree(const archive::ArchiveFile& archive, const std::string& path, con
 	}
 }
 
-std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, const Tree& tree) {
-	const int withdrawn = NewestThatHolds(WithdrawnOf(repository, id), id, tree);
+std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, int newest, const Tree& tree) {
+	const int withdrawn = NewestThatHolds(WithdrawnOf(repository, id, newest), id, tree);
 	const bool is_back = withdrawn >= 0 && NewestThatHolds(repository.Packages(id), id, tree) > withdrawn;
 	return withdrawn >= 0 && !is_back ? std::optional(withdrawn) : std::nullopt;
 }

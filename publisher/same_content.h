@@ -26,8 +26,11 @@ namespace tarn::publisher {
  * None when a later version that was not withdrawn has that content too: the withdrawal was withdrawn then. Packages
  * that were pruned tell nothing. Trusts every package, because nothing is made from them; throws PublishError when one
  * cannot be read.
+ *
+ * @param newest  the highest version that a document names
  */
-[[nodiscard]] std::optional<int> FindWithdrawn(const Repository& repository, const std::string& id, const Tree& tree);
+[[nodiscard]] std::optional<int> FindWithdrawn(
+    const Repository& repository, const std::string& id, int newest, const Tree& tree);
 
 } // namespace tarn::publisher
 

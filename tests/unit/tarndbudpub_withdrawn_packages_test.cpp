@@ -92,6 +92,12 @@ TEST_F(WithdrawnPackages, AreNotPublishedAgainWhileAnotherChannelKeepsThem) {
 	EXPECT_EQ(Newest(), 6) << "the content is offered again";
 }
 
+TEST_F(WithdrawnPackages, AreNotLookedForWhereADocumentIsDamaged) {
+	WriteFile(options_.repository + "/database_info/canary", "damaged");
+	EXPECT_THAT(PublishError(), HasSubstr("database_info/canary"));
+	EXPECT_THAT(warnings_, IsEmpty()) << "nothing is published without a comparison";
+}
+
 TEST_F(WithdrawnPackages, StayWhenTheWithdrawalWasNeverPublished) {
 	PublishAs("worse");
 	StopBeforeTheDocument();
