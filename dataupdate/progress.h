@@ -30,7 +30,7 @@ struct Activity {
 /** A copy of the current activity; kIdle when the library does nothing. */
 TARNDBUD_EXPORT Activity CurrentActivity();
 
-/** Bytes of all files that this process has downloaded whole. */
+/** Bytes of all files that this process has downloaded, and of those whose download broke off. */
 TARNDBUD_EXPORT std::uint64_t DownloadedBytes();
 
 } // namespace tarn::dataupdate

@@ -93,6 +93,14 @@ std::uintmax_t RegularFileBytes(const std::string& path) {
 	return 0;
 }
 
+/** Counts what has arrived, also of a download that failed. A file that cannot be examined is no failed download. */
+void CountDownload(const std::string& path) {
+	struct stat status {};
+	if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+		AddDownloadedBytes(static_cast<std::uint64_t>(status.st_size));
+	}
+}
+
 void CopyByType(const std::string& src, const std::string& dst) {
 	const fs::file_status status = fs::symlink_status(src);
 	if (fs::is_symlink(status)) {
@@ -204,15 +212,15 @@ void IOUtils::Download(const std::string& output_path, const std::string& url) c
 	TARN_LOG(LOG_DEBUG, "Use %s as user agent string", agent.c_str());
 	const ActivityScope activity(Phase::kDownload, output_path);
 	const bool is_option = !url.empty() && url.front() == '-';
-	if (is_option || TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
-	                     agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) != 0) {
+	const bool succeeded =
+	    !is_option && TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
+	                      agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) == 0;
+	if (!is_option) {
+		CountDownload(output_path);
+	}
+	if (!succeeded) {
 		RemoveFile(output_path);
 		throw UpdateError(messages::kCannotDownload + url);
-	}
-	struct stat status {};
-	// Only counted: a file that cannot be examined is no failed download.
-	if (stat(output_path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-		AddDownloadedBytes(static_cast<std::uint64_t>(status.st_size));
 	}
 }
 

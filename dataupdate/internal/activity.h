@@ -34,7 +34,7 @@ private:
 void AddActivityBytes(std::uint64_t bytes);
 /** Counts bytes that were read for a digest, unless another activity is current, beside which threads run ahead. */
 void AddHashedBytes(std::uint64_t bytes);
-/** Counts bytes of a file that has been downloaded. */
+/** Counts bytes of a file that has been downloaded, or whose download broke off. */
 void AddDownloadedBytes(std::uint64_t bytes);
 
 } // namespace tarn::dataupdate

@@ -122,14 +122,20 @@ TEST_F(InterruptionTest, IsNotSeenWhileAShieldIsUp) {
 	EXPECT_TRUE(IsInterrupted());
 }
 
-TEST_F(InterruptionTest, CountsTheBytesOfWholeDownloadsOnly) {
+TEST_F(InterruptionTest, CountsTheBytesOfWholeDownloadsAndOfThoseThatBreakOff) {
 	const std::uint64_t before = DownloadedBytes();
 	platform_.download_content = "12345";
 	IOUtils().Download(directory_ / "file", "http://h/p");
 	EXPECT_EQ(DownloadedBytes() - before, 5U);
-	platform_.execl = [](auto&&...) { return 8; };
+	platform_.execl = [this](auto&&...) {
+		test::WriteFile(directory_ / "file", "123");
+		return 4;
+	};
 	EXPECT_NE(MessageOf([&] { IOUtils().Download(directory_ / "file", "http://h/p"); }), "");
-	EXPECT_EQ(DownloadedBytes() - before, 5U);
+	EXPECT_EQ(DownloadedBytes() - before, 8U);
+	test::WriteFile(directory_ / "file", "left by another run");
+	EXPECT_NE(MessageOf([&] { IOUtils().Download(directory_ / "file", "-p"); }), "");
+	EXPECT_EQ(DownloadedBytes() - before, 8U);
 }
 
 } // namespace
