@@ -2,16 +2,19 @@
 #include "base/process.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/failure.h"
 #include "host/library/install_place.h"
+#include "host/library/preparation.h"
 #include "host/library/process.h"
 #include "host/library/services.h"
 
 #include <CLI/CLI.hpp>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -67,6 +70,14 @@ std::unique_ptr<ReaderLock> TakeLock(const Services& services, const Options& op
 	return lock;
 }
 
+/** Whoever may make the lock files makes them with their mode before one of them is taken. */
+bool IsAnyUpdating(const Services& services) {
+	if (access(dataupdate::kLockDirectory, W_OK | X_OK) == 0) {
+		PrepareLockFiles(services);
+	}
+	return services.checker->IsAnyUpdating();
+}
+
 /**
  * A lock on files that are one version. After a run that was killed while it replaced them the lock is free and only
  * the mark tells; it stands as well for a moment after each replacement, until that is recorded. Who cannot ask whether
@@ -83,7 +94,7 @@ std::unique_ptr<ReaderLock> TakeLockOnWhole(const Services& services, const Opti
 			return lock;
 		}
 		lock.reset();
-		const bool may_be_recorded = left > 0 && services.checker->IsAnyUpdating();
+		const bool may_be_recorded = left > 0 && IsAnyUpdating(services);
 		if (!may_be_recorded && dataupdate::MayBeAMixture(options.id)) {
 			throw CommandError(kLocked, "The last replacement of the files of " + options.id +
 			                                " was not finished, so they may be of two versions; the next update or fix "

@@ -1,4 +1,5 @@
 #include "dataupdate/file_lock.h"
+#include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/process.h"
 #include "private_root.h"
@@ -155,6 +156,19 @@ TEST_F(ReadCommandTest, DoesNotWaitForAnUpdateForLongerThanItMay) {
 	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault(testing::Return(true));
 	EXPECT_EQ(Failure().first, kLocked);
 	EXPECT_FALSE(HasRun());
+}
+
+TEST_F(ReadCommandTest, GivesLockFilesTheirModeBeforeItAsksForAnUpdate) {
+	LeaveUnfinished();
+	timeout_seconds_ = 600;
+	std::filesystem::perms found = {};
+	ON_CALL(*doubles_.checker, IsAnyUpdating).WillByDefault([&] {
+		found = std::filesystem::status(dataupdate::kUpdateAnyLock).permissions();
+		return false;
+	});
+	EXPECT_EQ(Failure().first, kLocked);
+	EXPECT_EQ(found, std::filesystem::perms(0600));
+	EXPECT_TRUE(std::filesystem::exists(dataupdate::UpdateLockPath("geo")));
 }
 
 TEST_F(ReadCommandTest, LooksForTheMarkUnderTheLock) {
