@@ -179,6 +179,31 @@ def test_leftovers_that_are_links_lead_nowhere(
     trees.assert_holds(outside, {"part0_file000": b"kept", "package": b"kept"})
 
 
+@pytest.mark.parametrize(
+    ("command", "package"),
+    [(("update", DATABASE), "_v4"), (("force-install", DATABASE, "0"), "_debug")],
+    ids=["full package", "forced package"],
+)
+def test_a_link_in_the_place_of_a_package_leads_nowhere(
+    connected: Device,
+    chain: Chain,
+    nginx: Nginx,
+    hand: HandPublisher,
+    tmp_path: Path,
+    command: tuple[str, ...],
+    package: str,
+) -> None:
+    hand.package(DATABASE, "d2").unlink()
+    outside = tmp_path / "outside"
+    outside.write_bytes(b"kept")
+    temporary = connected.temporary()
+    temporary.mkdir(parents=True, exist_ok=True)
+    (temporary / (DATABASE + package)).symlink_to(outside)
+    connected.run_ok(*command)
+    assert nginx.packages()[-1] == "v4"
+    assert outside.read_bytes() == b"kept"
+
+
 def test_a_package_that_stays_away_halfway_leaves_the_rest_to_the_full_one(
     connected: Device, chain: Chain, hand: HandPublisher, nginx: Nginx
 ) -> None:

@@ -130,9 +130,12 @@ def test_every_moment_of_the_replacement_can_be_finished(offer: Offer) -> None:
         offer.assert_finished(str(point))
 
 
-def test_the_result_tells_that_a_run_was_finished(connected: Device, offer: Offer) -> None:
+def test_the_result_tells_that_a_run_was_finished(connected: Device, offer: Offer, tmp_path: Path) -> None:
     offer.kill_at(offer.renames[-1])
+    ran = tmp_path / "ran"
+    connected.add_hook("10-tell", f"#!/bin/sh\necho $1 >> {ran}\n")
     assert "finished the update to version 2 that was killed" in connected.run_ok("update", DATABASE).stdout
+    assert ran.read_text().split() == ["pre", "post"]
 
 
 def test_a_fix_finishes_it_as_well(offer: Offer) -> None:

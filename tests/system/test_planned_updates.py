@@ -6,7 +6,7 @@ import json
 from pathlib import Path
 
 import pytest
-from harness import trees
+from harness import trees, waiting
 from harness.device import DATABASE, STATUS, Device
 from harness.publisher import Publisher
 from harness.volumes import MIB, Volumes
@@ -197,6 +197,21 @@ def test_a_held_database_stays_and_is_repaired_as_it_is(
     assert connected.version(DATABASE) == FIRST + 1
     connected.run_ok("unhold", DATABASE)
     assert result(connected, 0, DATABASE)["result"] == "up to date"
+
+
+def test_a_hold_stops_an_update_that_waits_for_its_turn_already(
+    connected: Device, publisher: Publisher, nginx: Nginx, tree: Path
+) -> None:
+    offer(connected, publisher, tree)
+    with connected.locked("update_any.lock"):
+        update = connected.start("update", DATABASE)
+        waiting.until(lambda: waiting.has_open(update.pid, connected.lock_path("update_any.lock")), "the update waits")
+        connected.run_ok("hold", DATABASE)
+        assert not update.has_ended()
+    result = update.wait()
+    assert result.status == 8, str(result)
+    assert connected.version(DATABASE) == FIRST
+    assert not fetched(nginx, f"{DATABASE}_d")
 
 
 def test_a_held_version_whose_package_is_gone_is_told(

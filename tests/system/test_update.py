@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 from harness import trees
-from harness.device import DATABASE, DOCUMENT, ROOT_DATABASE, Device
+from harness.device import DATABASE, DOCUMENT, ROOT_DATABASE, STATUS, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
 
@@ -143,12 +143,13 @@ def test_up_to_date_with_a_cached_document_asks_nothing(updated: Device, nginx: 
     assert nginx.requests() == before
 
 
-def test_a_document_of_3600_seconds_is_used_as_it_is(updated: Device, nginx: Nginx) -> None:
+@pytest.mark.parametrize("command", ["update", "status"])
+def test_a_document_of_3600_seconds_is_used_as_it_is(updated: Device, nginx: Nginx, command: str) -> None:
     before = nginx.requests()
     while True:
         second = int(time.time())
         os.utime(DOCUMENT, (second - 3600, second - 3600))
-        updated.run_ok("update", DATABASE)
+        updated.run_ok(command, DATABASE)
         # The age means what it says only if the clock did not move on during the run.
         if int(time.time()) == second:
             break
@@ -156,12 +157,47 @@ def test_a_document_of_3600_seconds_is_used_as_it_is(updated: Device, nginx: Ngi
     assert nginx.requests() == before
 
 
-def test_a_document_of_one_second_more_is_asked_for_again(updated: Device, nginx: Nginx) -> None:
+@pytest.mark.parametrize("command", ["update", "status"])
+def test_a_document_of_one_second_more_is_asked_for_again(updated: Device, nginx: Nginx, command: str) -> None:
     before = nginx.requests()
     second = int(time.time())
     os.utime(DOCUMENT, (second - 3601, second - 3601))
-    updated.run_ok("update", DATABASE)
+    updated.run_ok(command, DATABASE)
     assert len(documents(nginx.requests()[len(before) :])) == 1
+
+
+def test_metrics_ask_for_no_document_however_old_it_is(updated: Device, nginx: Nginx) -> None:
+    before = nginx.requests()
+    second = int(time.time())
+    os.utime(DOCUMENT, (second - 3601, second - 3601))
+    assert f'tarndbud_remote_version{{database="{DATABASE}"}} 1\n' in updated.run_ok("metrics").stdout
+    assert nginx.requests() == before
+
+
+def test_status_waits_five_seconds_for_another_command_that_asks(updated: Device, nginx: Nginx) -> None:
+    before = nginx.requests()
+    updated.forget_document()
+    with updated.locked("fresh_info.lock"):
+        result = updated.run_ok("status", DATABASE, "--json")
+    assert 5 <= result.seconds < 8
+    (entry,) = json.loads(result.stdout)
+    assert (entry["installed_version"], entry["remote_version"]) == (1, None)
+    assert "is being fetched by another command" in entry["remote_error"]
+    assert nginx.requests() == before
+
+
+def test_a_cut_off_record_is_nothing_installed_and_the_full_package_comes(
+    updated: Device, publisher: Publisher, nginx: Nginx, tmp_path: Path
+) -> None:
+    second = trees.write_tree(tmp_path / "tree", SECOND)
+    publisher.publish(second, DATABASE, keep_diffs=9)
+    record = STATUS / DATABASE / "version.json"
+    record.write_bytes(record.read_bytes()[:-20])
+    assert updated.status(DATABASE)["installed_version"] is None
+    updated.update(DATABASE)
+    assert nginx.packages() == ["v1", "v2"]
+    assert updated.version(DATABASE) == 2
+    trees.assert_same(second, updated.installed(DATABASE))
 
 
 def test_the_request_names_the_databases_and_their_formats(

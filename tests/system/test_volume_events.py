@@ -17,6 +17,7 @@ from harness import programs, trees, waiting
 from harness.device import DATABASE, RUN, STATUS, Device
 from harness.documents import Document
 from harness.publisher import Publisher
+from harness.syslog import Syslog
 from harness.volumes import MIB, Volumes, may_mount
 from harness.webserver import Nginx
 
@@ -24,6 +25,7 @@ SIZES = {"ext4": 64 * MIB, "btrfs": 256 * MIB, "xfs": 320 * MIB}
 MAIN = "@database/autoupdate"
 MOVER = Path("/usr/bin/mv")
 DOCUMENT = Document(Path(__file__).resolve().parents[2] / "docs/operations.md")
+HOOKS_OF_MOVES = "database_autoupdate/database_autoupdate/volume_change"
 KILLS = 6
 
 State = dict[str, tuple[int, int, int, str]]
@@ -190,7 +192,7 @@ def test_databases_stay_on_a_volume_that_goes_without_another_and_come_back_with
 
 
 def test_a_target_that_is_too_small_on_the_way_leaves_the_databases_where_they_were(
-    connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx
+    connected: Device, databases: Databases, volumes: Volumes, nginx: Nginx, syslog: Syslog, tmp_path: Path
 ) -> None:
     databases.enlarge(12 * MIB)
     for number in range(300):
@@ -199,7 +201,12 @@ def test_a_target_that_is_too_small_on_the_way_leaves_the_databases_where_they_w
     install_on(connected, databases, first)
     before = state(first / MAIN)
     free = os.statvfs(small).f_bavail
+    ran = tmp_path / "ran"
+    hook = connected.add_hook("10-fails", f"#!/bin/sh\necho $1 >> {ran}\nexit 1\n", path=HOOKS_OF_MOVES)
     told = assert_refused(connected, "volume", "unmounting", first)
+    hook.unlink()
+    assert ran.read_text().split() == ["pre"], "after a move that failed no hook runs"
+    assert any("A hook before the change of the volume failed" in text for _, text in syslog.lines())
     assert f'they are whole on {first}, and no volume is in use until "tarndbudctl volume mounted {first}"; ' in told
     hidden = re.search(r"(\d+) more lines of mv are not shown", told)
     assert hidden is not None

@@ -161,8 +161,12 @@ TEST_F(MetricsCommandTest, MeasuresTheOthersWhenOneRecordIsBad) {
 TEST_F(MetricsCommandTest, WritesAFileAsAWhole) {
 	const test::TemporaryDirectory directory;
 	options_.path = directory / "tarndbud.prom";
+	WriteFile(options_.path, "earlier");
+	const std::string earlier = directory / "earlier";
+	std::filesystem::create_hard_link(options_.path, earlier);
 	EXPECT_EQ(Run(), "");
 	EXPECT_THAT(ReadFile(options_.path), HasSubstr("\ntarndbud_volume_available 0\n"));
+	EXPECT_EQ(ReadFile(earlier), "earlier") << "the file was written to in its place";
 }
 
 } // namespace

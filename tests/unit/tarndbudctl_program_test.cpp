@@ -1,12 +1,21 @@
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/program.h"
+#include "private_root.h"
+#include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"
+#include "temporary_directory.h"
 
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <syslog.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <map>
+#include <memory>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -191,6 +200,74 @@ TEST_F(ProgramTest, TellsTheRangeOfANumberInPlainDigits) {
 	err_.str("");
 	EXPECT_EQ(Run({"check", "--timeout", "-3"}, AllCommands()), 2);
 	EXPECT_THAT(err_.str(), HasSubstr("Value -3 not in range 0 to 9223372036854775807"));
+}
+
+/** All commands over files of settings. No database is configured that they name, so that most end soon. */
+class EveryCommandTest : public test::FixedPathsTest {
+protected:
+	/** The exit status; what is printed on the error stream is in err_. */
+	int Run(const std::string& name) {
+		std::vector<std::string> words = Words(name);
+		std::vector<const char*> arguments = {"tarndbudctl"};
+		for (const std::string& word : words) {
+			arguments.push_back(word.c_str());
+		}
+		const auto make_services = [this](Terminal& terminal) {
+			return Services{std::make_shared<dataupdate::IOUtils>(), doubles_.config, doubles_.info,
+			    doubles_.services.update, doubles_.checker, terminal, doubles_.services.is_available};
+		};
+		std::ostringstream out;
+		err_.str("");
+		return RunProgram(
+		    static_cast<int>(arguments.size()), arguments.data(), {out, err_, false, make_services, AllCommands()});
+	}
+	/** A command with the arguments that it needs. */
+	static std::vector<std::string> Words(const std::string& name) {
+		static const std::map<std::string, std::vector<std::string>> kArguments = {{"update", {"nope"}},
+		    {"check", {"nope"}}, {"fix", {"nope"}}, {"force-install", {"nope", "1"}}, {"hold", {"nope"}},
+		    {"unhold", {"nope"}}, {"import", {"/nope.kit"}}, {"read", {"nope", "--", "true"}},
+		    {"schedule", {"nope", "off"}}, {"volume mounted", {"/nope"}}, {"volume unmounting", {"/nope"}}};
+		const std::size_t blank = std::min(name.find(' '), name.size());
+		std::vector<std::string> words = {name.substr(0, blank)};
+		if (blank < name.size()) {
+			words.push_back(name.substr(blank + 1));
+		}
+		if (const auto own = kArguments.find(name); own != kArguments.end()) {
+			words.insert(words.end(), own->second.begin(), own->second.end());
+		}
+		return words;
+	}
+
+	test::Doubles doubles_;
+	std::ostringstream err_;
+};
+
+TEST_F(EveryCommandTest, FailsAndNamesAFileOfSettingsThatIsCutOff) {
+	for (const char* path : {dataupdate::kServiceOverride, dataupdate::kDatabaseOverride}) {
+		test::WriteFile(path, R"({"config":)");
+		for (const Command& command : AllCommands()) {
+			EXPECT_EQ(Run(command.name), kFailed) << command.name;
+			EXPECT_EQ(
+			    err_.str(), std::string("tarndbudctl: The settings in ") + path +
+			                    " cannot be used: it is no JSON, or cannot be read; correct or remove that file.\n")
+			    << command.name;
+		}
+		std::filesystem::remove(path);
+	}
+}
+
+TEST_F(EveryCommandTest, TellsOrLogsAMisspeltSetting) {
+	test::WriteFile(dataupdate::kServiceOverride, R"({"config":{"db_netlock":"h:1"}})");
+	const std::string told = std::string(dataupdate::kServiceOverride) + ":1: there is no setting \"db_netlock\"";
+	for (const char* name : {"init", "status"}) {
+		Run(name);
+		EXPECT_THAT(err_.str(), StartsWith("tarndbudctl: " + told)) << name;
+	}
+	for (const char* name : {"update", "fix", "check", "import", "force-install"}) {
+		const test::SyslogCapture log;
+		Run(name);
+		EXPECT_EQ(log.Count(LOG_WARNING, {told}), 1U) << name;
+	}
 }
 
 } // namespace
