@@ -18,16 +18,25 @@ OF_THE_SYSTEM = (
     "/var/lib/apt/*", "/var/lib/dpkg/*", "/var/lib/nginx*", "/var/lib/systemd/*", "/var/log/*", "/run*",
 )  # fmt: skip
 """What the package manager, the service manager and the web server write about their own work."""
+EDITED = "/etc/systemd/system/tarndbud-update.timer.d/override.conf"
+"""What `systemctl edit tarndbud-update.timer` writes."""
+
+
+def data(machine: Machine) -> str:
+    """The digest of each file of the databases, and of all else that belongs to nobody but the administrator."""
+    places = "$(ls -d /srv/databases /srv/tarndbud /volume[12] 2>/dev/null)"
+    found = machine.do(f"find {places} -type f -exec sha256sum {{}} + | sort")
+    assert "/@database/autoupdate/" in found, "no database is installed, so none can be lost"
+    return found
 
 
 def kept(machine: Machine) -> str:
     records = machine.do(f"find {RECORDS} -type f -name version.json -exec sha256sum {{}} + | sort")
-    places = "$(ls -d /srv/databases /srv/tarndbud /volume[12] 2>/dev/null)"
-    data = machine.do(f"find {places} -type f -exec sha256sum {{}} + | sort | sha256sum")
-    return settings(machine) + records + data
+    return settings(machine) + records + machine.do(f"cat {EDITED}") + data(machine)
 
 
 def test_removing_keeps_settings_records_and_data(machine: Machine) -> None:
+    machine.do(f"mkdir -p $(dirname {EDITED}); printf '[Timer]\\nRandomizedDelaySec=1h\\n' >{EDITED}")
     before, was = kept(machine), status(machine)
     machine.do(f"apt-get remove {PACKAGES}")
     assert machine.try_to("command -v tarndbudctl").status == 1
@@ -42,7 +51,9 @@ def test_removing_keeps_settings_records_and_data(machine: Machine) -> None:
 
 
 def test_purging_leaves_nothing_but_the_data(machine: Machine, before: Footprint) -> None:
+    databases = data(machine)
     machine.do(f"apt-get purge {PACKAGES}")
+    assert data(machine) == databases
     machine.do(f"rm -rf {MADE_BY_HAND}")
     after = Footprint.of(machine.root)
     assert before.changes(after, DATA + OF_THE_SYSTEM) == []
