@@ -120,6 +120,34 @@ def test_a_package_without_end_is_given_up_with_the_reason(
     assert_recovers(offered, publisher, faults, tmp_path)
 
 
+def test_a_full_package_becomes_no_larger_than_its_allowance(
+    offered: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
+) -> None:
+    use_full_packages(publisher)
+    package = publisher.package(DATABASE, 3)
+    size = package.stat().st_size
+    publisher.link_to(DATABASE, f"{faults.url}/more/packages/{DATABASE}/{package.name}")
+    result = offered.run("update", "--max-bytes", str(size), DATABASE)
+    assert result.status == 1, str(result)
+    assert f"it is larger than allowed ({size} bytes)" in result.stderr
+    assert offered.version(DATABASE) == 2
+    assert_recovers(offered, publisher, faults, tmp_path)
+
+
+def test_what_arrived_of_a_diff_package_that_breaks_off_counts(
+    offered: Device, publisher: Publisher, faults: FaultServer, tmp_path: Path
+) -> None:
+    (diff,) = publisher.repository.glob(f"packages/{DATABASE}/{DATABASE}_d3*")
+    arrived = diff.stat().st_size - 1
+    link_diff_to(publisher, f"{faults.url}/cut/{arrived}/packages/{DATABASE}/{diff.name}")
+    full = publisher.package(DATABASE, 3).stat().st_size
+    refused = offered.run("update", "--max-bytes", str(arrived + full - 1), DATABASE)
+    assert refused.status == 7, str(refused)
+    assert offered.version(DATABASE) == 2
+    offered.run_ok("update", "--max-bytes", str(arrived + full), DATABASE)
+    trees.assert_same(tmp_path / "tree3", offered.installed(DATABASE))
+
+
 class LeastFree(threading.Thread):
     """Watches how much of a disk is free."""
 

@@ -8,6 +8,7 @@
 /hang/REST        accepts the request and does not answer while the server runs
 /gate/N/REST      sends N bytes, then waits until the test opens the gate
 /endless/REST     sends bytes for as long as anybody takes them, of no announced length
+/more/REST        tells the size of the file REST when only the size is asked for, and sends bytes without end
 /drip/REST        sends a byte every tenth of a second, of no announced length
 /redirect/REST    redirects to the address that the test set
 Anything else is a file.
@@ -113,6 +114,12 @@ class Handler(BaseHTTPRequestHandler):
 
     def fault_endless(self, _: list[str]) -> None:
         self.send_without_end(b"x" * 65536, 0)
+
+    def fault_more(self, parts: list[str]) -> None:
+        if self.command == "HEAD":
+            self.answer(self.read(parts))
+        else:
+            self.fault_endless(parts)
 
     def fault_drip(self, _: list[str]) -> None:
         self.send_without_end(b"x", 0.1)
