@@ -345,6 +345,17 @@ TEST_F(DiffPublishing, TriesOutWhatEncodersMake) {
 	EXPECT_EQ(KindsIn(2), (Kinds{{"text", "whole"}}));
 }
 
+TEST_F(DiffPublishing, IsLeftOutUnlessItsResultIsTheNewTree) {
+	Publish();
+	observer_.step = [this](const std::string& what, std::uint64_t /*done*/, std::uint64_t /*count*/) {
+		if (what == "verifying") {
+			ChangeInWorkDirectory(options_.repository, "old/d/same");
+		}
+	};
+	PublishChange();
+	ExpectRefusal("devices would get another \"d/same\" by it");
+}
+
 TEST_F(DiffPublishing, KeepsVariablesFromEncoders) {
 	Publish();
 	const Variable harmful("XDELTA", "-d");

@@ -55,6 +55,15 @@ protected:
 		return document;
 	}
 	std::vector<std::string> Beside() const { return EntriesBelow(directory_ / "kits"); }
+	std::string Draft() const { return directory_ / "kits/.tarndbudpub-zones.kit.part"; }
+	/** Changes a byte near the end of the package in an unfinished kit, as a bad disk might. */
+	void ChangeDraft() const {
+		constexpr std::size_t kNearEnd = 4000;
+		std::string bytes = ReadFile(Draft());
+		char& byte = bytes[bytes.size() - kNearEnd];
+		byte = static_cast<char>(byte ^ 1);
+		WriteFile(Draft(), bytes);
+	}
 
 	publisher::ExportOptions export_;
 };
@@ -164,6 +173,22 @@ TEST_F(Exporting, LeavesTheOldKitUntilTheNewOneIsWhole) {
 	EXPECT_EQ(Names().size(), 2U);
 }
 
+TEST_F(Exporting, LeavesTheOldKitWhenTheNewOneIsNotReadAsItWasWritten) {
+	WriteFile(Kit(), "the old one");
+	options_.keep_diffs = 0;
+	Put("large", Noise(18'000'000, 2)); // of which the first step of the check, after 16 MiB, does not see the end
+	Publish();
+	bool is_changed = false;
+	observer_.step = [&](const std::string& what, std::uint64_t /*done*/, std::uint64_t /*count*/) {
+		if (what == "checking MiB" && !is_changed) {
+			ChangeDraft();
+			is_changed = true;
+		}
+	};
+	EXPECT_THAT(Failure(), HasSubstr("is damaged: db_v5.tarn is not what the table says"));
+	EXPECT_TRUE(ReadFile(Kit()) == "the old one") << fs::file_size(Kit());
+}
+
 TEST_F(Exporting, OnlyOneProcessWritesAKit) {
 	const publisher::KitDraft other(Kit());
 	EXPECT_THAT(Failure(), HasSubstr("while another process writes it"));
@@ -172,11 +197,10 @@ TEST_F(Exporting, OnlyOneProcessWritesAKit) {
 
 TEST_F(Exporting, WritesThroughNoLinkThatLiesInTheDraftsPlace) {
 	WriteFile(directory_ / "precious", "as it was");
-	const std::string draft = directory_ / "kits/.tarndbudpub-zones.kit.part";
-	fs::create_symlink(directory_ / "precious", draft);
+	fs::create_symlink(directory_ / "precious", Draft());
 	EXPECT_THAT(Failure(), HasSubstr("cannot be written"));
-	fs::remove(draft);
-	fs::create_hard_link(directory_ / "precious", draft);
+	fs::remove(Draft());
+	fs::create_hard_link(directory_ / "precious", Draft());
 	EXPECT_THAT(Failure(), HasSubstr("is in the way; remove it."));
 	EXPECT_EQ(ReadFile(directory_ / "precious"), "as it was");
 }

@@ -233,6 +233,20 @@ TEST_F(Withdrawing, EndsTheChainWhereItCostsMoreThanTheFullPackage) {
 	ExpectNewest(*healthy);
 }
 
+TEST_F(Withdrawing, HasNoDiffPackagesUnlessTheyLeadToTheRestoredTree) {
+	PublishBad();
+	observer_.step = [this](const std::string& what, std::uint64_t done, std::uint64_t /*count*/) {
+		if (what == "verifying" && done == 0) {
+			ChangeInWorkDirectory(options_.repository, "restored/list");
+		}
+	};
+	Withdraw();
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("would get another \"list\" by it. Devices take the full package.")));
+	EXPECT_EQ(Newest(), 4);
+	EXPECT_THAT(OfferedDiffs(), IsEmpty());
+	EXPECT_FALSE(fs::exists(Diff(4)));
+}
+
 TEST_F(Withdrawing, IsRestoredToALostDocument) {
 	PublishBad();
 	Withdraw();

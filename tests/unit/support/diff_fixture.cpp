@@ -24,6 +24,18 @@ std::string Noise(std::size_t size, unsigned seed) {
 	return text;
 }
 
+void ChangeInWorkDirectory(const std::string& repository, const std::string& name) {
+	int changed = 0;
+	for (const fs::directory_entry& entry : fs::directory_iterator(repository)) {
+		if (const fs::path file = entry.path() / name; fs::exists(file)) {
+			fs::remove(file); // which another tree may share
+			WriteFile(file.string(), "changed meanwhile");
+			++changed;
+		}
+	}
+	EXPECT_EQ(changed, 1) << name;
+}
+
 DiffPublisherTest::DiffPublisherTest() {
 	options_.keep_diffs = 30; // of trees so small that a chain soon outweighs the full package
 	options_.level = 3;

@@ -18,6 +18,8 @@ using Kinds = std::map<std::string, std::string>;
 void ExecuteSql(const std::string& database, const std::string& sql);
 /** Text that compresses badly and differs with the seed. */
 std::string Noise(std::size_t size, unsigned seed);
+/** Gives a file another content, by its name in the directory in which a publisher is at work. */
+void ChangeInWorkDirectory(const std::string& repository, const std::string& name);
 
 class DiffPublisherTest : public PublisherTest {
 protected:
