@@ -117,6 +117,18 @@ private:
 
 class ScriptProperty : public ::testing::Test {
 protected:
+	/** Executes a script on a copy of what it makes; it may fail. Returns what it changed. */
+	std::optional<std::string> ChangedByASecondExecution(const std::string& after, const std::string& script) const {
+		const std::string again = directory_ / "again";
+		fs::copy_file(after, again, fs::copy_options::overwrite_existing);
+		try {
+			publisher::ExecuteScript(again, script);
+		} catch (const publisher::DeviceError&) {
+			EXPECT_EQ(ReadFile(again), ReadFile(after)) << "the script was not rolled back";
+		}
+		return publisher::FindContentDifference(again, after);
+	}
+
 	TemporaryDirectory directory_;
 };
 
@@ -142,6 +154,7 @@ TEST_F(ScriptProperty, EveryChangeOfRowsHasAScriptThatDevicesCanExecute) {
 			    {before, published, device}, script, directory_ / "scratch", {3, std::uint64_t{1} << 30U}));
 			ASSERT_NO_THROW(publisher::ExecuteScript(device, script)) << ReadFile(script);
 			EXPECT_EQ(publisher::FindContentDifference(device, published), std::nullopt);
+			EXPECT_EQ(ChangedByASecondExecution(published, script), std::nullopt);
 			EXPECT_TRUE(fs::is_empty(directory_ / "scratch"));
 			renumbered += ReadFile(script).find("=-rowid") != std::string::npos ? 1 : 0;
 		}
