@@ -230,6 +230,7 @@ TEST_F(ReleaseChanges, CompareDamagedFilesAsBytes) {
 }
 
 TEST_F(ReleaseChanges, ListNoMoreThanTheyMay) {
+	EXPECT_EQ(changes_.most_listed, 100'000U);
 	PublishThree();
 	EXPECT_FALSE(Find().is_truncated);
 	changes_.most_listed = 3; // of two files, a table and two examples, and a third file

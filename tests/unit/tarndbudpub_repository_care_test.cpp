@@ -145,12 +145,15 @@ TEST_F(Pruning, OfOneDatabaseLeavesTheOthers) {
 TEST_F(Pruning, EndsWhenItIsRunAgainAfterAKill) {
 	options_.keep_diffs = 0;
 	PublishUpTo(8);
-	for (int moment = 0; moment < 20; ++moment) {
-		static_cast<void>(IsKilledAfter(moment * 100, [this] { Prune(); }));
-		ASSERT_TRUE(fs::exists(Package(8)) && fs::exists(Package(7))) << moment;
-	}
-	Prune();
-	EXPECT_FALSE(fs::exists(Package(6)));
+	RememberRepository();
+	const auto prune = [this] { Prune(); };
+	const int killed = KilledAtMoments(20, 100, prune, [this, prune] {
+		EXPECT_TRUE(fs::exists(Package(8)) && fs::exists(Package(7)));
+		prune();
+		EXPECT_THAT(
+		    RepositoryFiles(), ElementsAre("database_info/1", "packages/db/db_v7.tarn", "packages/db/db_v8.tarn"));
+	});
+	EXPECT_GT(killed, 0);
 }
 
 class CheckingRepository : public RepositoryCare {
@@ -324,6 +327,7 @@ TEST_F(CheckingRepository, LeavesWhatLiesAroundToARunningPublisher) {
 }
 
 TEST_F(CheckingRepository, CountsProblemsThatItNoLongerLists) {
+	EXPECT_EQ(publisher::kMostProblems, 1'000U);
 	PublishUpTo(1);
 	for (std::size_t number = 0; number < publisher::kMostProblems + 5; ++number) {
 		WriteFile(options_.repository + "/packages/db/" + std::to_string(number), "");
@@ -442,14 +446,25 @@ TEST_F(RolloutFile, IsRefusedForAChannelThatLacksWhatTheDocumentNames) {
 	EXPECT_THAT(Error(), AllOf(HasSubstr("names the older version 2 of db, of which 1 names version 3"),
 	                         HasSubstr("\"tarndbudpub promote db --repo " + options_.repository +
 	                                   " --from 1 --to canary --key FILE\"")));
-	options_.id = "other";
-	PublishUpTo(4);
 	rollout_.percent = "0";
 	EXPECT_EQ(Error(), "") << "the way back is always open";
 	rollout_.channel = "1";
 	EXPECT_THAT(Error(), HasSubstr("are both \"1\""));
 	rollout_.channel = "can ary;";
 	EXPECT_THROW(publisher::Rollout(rollout_), publisher::UsageError);
+}
+
+TEST_F(RolloutFile, IsRefusedForAChannelThatLacksADatabase) {
+	rollout_.repository = options_.repository;
+	PublishUpTo(1);
+	fs::copy_file(options_.repository + "/database_info/1", options_.repository + "/database_info/canary");
+	EXPECT_EQ(Error(), "");
+	options_.id = "other";
+	PublishUpTo(2);
+	EXPECT_THAT(Error(), AllOf(HasSubstr("names no version of other, of which 1 names version 1"),
+	                         HasSubstr("\"tarndbudpub promote other ")));
+	rollout_.percent = "0";
+	EXPECT_EQ(Error(), "") << "the way back is always open";
 }
 
 } // namespace

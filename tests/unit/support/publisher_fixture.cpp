@@ -139,13 +139,16 @@ int PublisherTest::KilledAtEveryStep(const std::function<void()>& operation, con
 	return step;
 }
 
-void PublisherTest::KilledAtMoments(
+int PublisherTest::KilledAtMoments(
     int count, int microseconds, const std::function<void()>& operation, const std::function<void()>& check) const {
+	int killed = 0;
 	for (int moment = 0; moment < count; ++moment) {
+		SCOPED_TRACE(moment);
 		BeginAgain();
-		IsKilledAfter(moment * microseconds, operation);
+		killed += IsKilledAfter(moment * microseconds, operation) ? 1 : 0;
 		check();
 	}
+	return killed;
 }
 
 } // namespace tarn::test

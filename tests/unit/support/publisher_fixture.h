@@ -78,8 +78,10 @@ protected:
 	 * it is killed no more; checks what each run has left. Returns the number of runs.
 	 */
 	int KilledAtEveryStep(const std::function<void()>& operation, const std::function<void()>& check);
-	/** Runs it likewise, killed after 0, 1, 2 and so on times so many microseconds. */
-	void KilledAtMoments(
+	/**
+	 * Runs it likewise, killed after 0, 1, 2 and so on times so many microseconds. Returns how many runs had not ended.
+	 */
+	int KilledAtMoments(
 	    int count, int microseconds, const std::function<void()>& operation, const std::function<void()>& check) const;
 	/** Brings the remembered repository back. */
 	void BeginAgain() const;
