@@ -114,6 +114,13 @@ TEST(PackageIdentityTest, NeedsNoTimeOfPublication) {
 	EXPECT_EQ(Objection(R"({"data_version":3,"id":"geo","kind":"full","more":{"x":[1]}})", "geo_v3"), "");
 }
 
+TEST(PackageIdentityTest, IgnoresUnknownMembers) {
+	const std::string unknown = R"({"Id":"other","a":null,"base":7,"key":{"id":"other"},"version":[9,"4"],)";
+	EXPECT_EQ(Objection(unknown + Full("geo", "3").substr(1), "geo_v3"), "");
+	EXPECT_EQ(Objection(unknown + Diff("geo", 4, 3).substr(1), "geo_d4"), "");
+	EXPECT_THAT(Objection(unknown + Full("geo", "3").substr(1), "geo_v4"), HasSubstr("full package of geo, version 3"));
+}
+
 TEST(PackageIdentityTest, PutsNoForeignTextIntoTheLogAsItIs) {
 	const std::string objection = Objection(Full("a\\nb" + std::string(5000, 'x'), "3"), "geo_v3");
 	EXPECT_THAT(objection, HasSubstr("the full package of a\\x0ab"));

@@ -217,6 +217,45 @@ TEST(VcdiffLimit, OfTheOutputGrowsWithSourceAndPatch) {
 	EXPECT_THAT(error(64 * (kLarge + patch_size) + 1, kLarge), HasSubstr("which is the limit."));
 }
 
+/** A source that is larger than memory, of which nothing is read. */
+class HugeSource : public ReadableBytes {
+public:
+	explicit HugeSource(std::uint64_t size) : size_(size) {}
+
+	const std::string& Name() const override { return name_; }
+	std::uint64_t Size() const override { return size_; }
+	void ReadAt(std::uint64_t /*offset*/, Byte* /*to*/, std::size_t /*length*/) const override {
+		throw DecodeError("the source was read");
+	}
+
+private:
+	std::string name_ = "source";
+	std::uint64_t size_;
+};
+
+/** What is said of an empty patch whose header promises an output. */
+std::string ErrorOfPromise(std::uint64_t source_size, std::uint64_t size) {
+	const std::string promise = FormatApplicationHeader({source_size, size, std::string(32, '0')});
+	const std::string patch = PatchWithApplicationHeader(promise, "");
+	MemoryBytes target("output");
+	try {
+		DecodePatch(HugeSource(source_size), target, MemoryBytes("patch", {patch.begin(), patch.end()}));
+		return "no error";
+	} catch (const DecodeError& error) {
+		return error.what();
+	}
+}
+
+TEST(VcdiffLimit, OfTheOutputIsNeverMoreThan64GiB) {
+	constexpr std::uint64_t kGiB = std::uint64_t{1} << 30U;
+	for (const std::uint64_t source_size : {kGiB, 2 * kGiB, kMost}) {
+		EXPECT_EQ(ErrorOfPromise(source_size, 64 * kGiB + 1),
+		    "patch makes an output of 68719476737 bytes; the limit is 68719476736.");
+		EXPECT_THAT(ErrorOfPromise(source_size, 64 * kGiB),
+		    HasSubstr("makes 0 bytes, but its application header promises 68719476736"));
+	}
+}
+
 TEST(VcdiffLimit, CountsAllWindows) {
 	const std::string window = WindowBuilder().Run(600, 'x').Build(600);
 	EXPECT_EQ(ErrorOf("", Patch(window + window), {1200, {}}), "no error");
