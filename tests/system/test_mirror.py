@@ -241,6 +241,18 @@ def test_a_dry_run_changes_nothing(carrying: Carrying) -> None:
     told = carrying.mirror_ok("--dry-run")
     assert (told["dry_run"], told["written"]) == (True, ["database_info/1"])
     assert list(carrying.store.directory.rglob("*")) == []
+    carrying.publish("two")
+    carrying.mirror_ok()
+    before = trees.contents(carrying.store.directory)
+    carrying.publish("three", keep=1)
+    carrying.publish("four", keep=1)
+    programs.run_ok(programs.PUB, "prune", "--repo", carrying.publisher.repository)
+    told = carrying.mirror_ok("--dry-run")
+    assert told["dry_run"]
+    assert trees.contents(carrying.store.directory) == before
+    done = carrying.mirror_ok()
+    for what in ("carried", "written", "deleted"):
+        assert told[what] == done[what] != [], what
 
 
 @pytest.mark.parametrize(
@@ -283,6 +295,28 @@ def test_an_old_copy_of_the_repository_needs_to_be_forced(carrying: Carrying, tm
     assert trees.contents(carrying.store.directory) == before
     assert programs.run(*command, "--force", env=carrying.store.environment()).status == 0
     assert trees.contents(carrying.store.directory) == trees.served(old)
+
+
+def test_another_repository_needs_to_be_forced(carrying: Carrying, tmp_path: Path) -> None:
+    carrying.publish("one")
+    carrying.mirror_ok()
+    before = trees.contents(carrying.store.directory)
+    other = Publisher(tmp_path / "other")
+    other.base = carrying.store.url
+    command = [programs.MIRROR, "--repo", str(other.repository), "store:"]
+
+    def assert_refused(word: str) -> None:
+        result = programs.run(*command, env=carrying.store.environment())
+        assert result.status == 1, str(result)
+        assert word in result.stderr
+        assert trees.contents(carrying.store.directory) == before
+
+    other.publish(carrying.tree, "geo", "--db-version", "2")
+    assert_refused("of database_info/1 at store:, the repository has no such document")
+    other.publish(carrying.tree, "geo")
+    assert_refused(f"it names version 1 of {DATABASE}, and no document of the repository does so")
+    assert programs.run(*command, "--force", env=carrying.store.environment()).status == 0
+    assert trees.contents(carrying.store.directory) == trees.served(other.repository)
 
 
 @pytest.mark.parametrize(
