@@ -12,7 +12,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from harness import programs, trees, waiting
+from harness import programs, trees, users, waiting
 from harness.device import DATABASE, Device
 from harness.publisher import Publisher
 from harness.terminal import OnTerminal
@@ -358,6 +358,22 @@ def test_check_repo_needs_no_right_to_write_and_little_memory(publisher: Publish
     assert result.status == 0, str(result)
     assert peak < 64 * 1024
     assert sorted(path.stat().st_mtime_ns for path in publisher.repository.rglob("*")) == before
+
+
+def test_check_repo_may_be_run_by_who_cannot_write(publisher: Publisher, versions: Versions, tmp_path: Path) -> None:
+    versions.publish("1")
+    repository = publisher.repository
+    before = trees.contents(repository)
+    # By relative names, because other users cannot go the way to the directory of this test.
+    names = [str(path.relative_to(tmp_path)) for path in (repository, publisher.public_key)]
+    tmp_path.chmod(0o755)
+    command = [programs.PUB, "check-repo", "--repo", names[0], "--key", names[1]]
+    with (repository / ".tarndbudpub.lock").open("a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        result = users.run_as_other(*command, cwd=tmp_path)
+    assert result.status == 0, str(result)
+    assert result.stdout.startswith("ok: 1 document, 1 package ")
+    assert trees.contents(repository) == before
 
 
 def test_check_repo_shows_progress_on_a_terminal_alone(publisher: Publisher, versions: Versions) -> None:

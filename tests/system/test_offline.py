@@ -10,8 +10,8 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from harness import kits, programs, readers, tracing, trees, volumes, waiting
-from harness.device import DATABASE, DOCUMENT, WGETRC, Device
+from harness import kits, programs, readers, tracing, trees, users, volumes, waiting
+from harness.device import CONFIGURATION, DATABASE, DEFAULTS, DOCUMENT, WGETRC, Device
 from harness.documents import Document
 from harness.publisher import Publisher
 from harness.volumes import MIB, Volumes
@@ -151,13 +151,11 @@ def test_who_may_only_read_the_repository_makes_kits_while_a_version_is_publishe
     repository, key = (path.relative_to(tmp_path) for path in (shop.publisher.repository, shop.publisher.public_key))
     # By relative names, because other users cannot go the way to the directory of this test.
     tmp_path.chmod(0o755)
-    command = [*programs.AS_OTHER, programs.PUB, "export", DATABASE, "own/zones.kit", "--repo", repository, "--key", key]
+    command = [programs.PUB, "export", DATABASE, "own/zones.kit", "--repo", repository, "--key", key]
     with (shop.publisher.repository / ".tarndbudpub.lock").open("a") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        result = subprocess.run(command, cwd=tmp_path, capture_output=True, text=True, timeout=60)
-    if "setpriv: " in result.stderr:
-        pytest.skip("needs another user, and this namespace has one only")
-    assert result.returncode == 0, result.stderr
+        result = users.run_as_other(*command, cwd=tmp_path)
+    assert result.status == 0, str(result)
     assert kits.packages(own / "zones.kit") == [f"{DATABASE}_v1.tarn"]
 
 
@@ -172,6 +170,18 @@ def test_the_full_package_serves_a_device_that_was_never_online(device: Device, 
     assert not DOCUMENT.exists()
     recorded = json.loads(Path(f"/var/lib/data_update/{DATABASE}/last_run.json").read_text())
     assert (recorded["operation"], recorded["exit_status"]) == ("import", 0)
+
+
+def test_a_device_without_a_servers_name_takes_a_kit(device: Device, shop: Shop) -> None:
+    shop.publish(1)
+    for settings in (CONFIGURATION, DEFAULTS):
+        path = settings / "data_update.conf"
+        content = json.loads(path.read_text())
+        del content["config"]["db_netloc"]
+        path.write_text(json.dumps(content))
+    assert "db_netloc" in device.run("update", DATABASE).stderr
+    bring_ok(shop.export(), DATABASE)
+    assert_installed(device, 1)
 
 
 def test_an_older_kit_changes_nothing_unless_it_is_forced(older: Device, shop: Shop, tmp_path: Path) -> None:

@@ -16,8 +16,6 @@ PUB = "/usr/bin/tarndbudpub"
 MIRROR = "/usr/bin/tarndbudpub-mirror"
 VCDIFF = "/usr/tarn/sbin/tarndbudvcdiff"
 PATIENCE_SECONDS = 120
-AS_OTHER = ("/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
-"""What runs a command as an ordinary user."""
 
 
 @dataclass(frozen=True)
@@ -111,8 +109,13 @@ def _take(stream: tempfile._TemporaryFileWrapper) -> str:
         return stream.read()
 
 
-def run(*arguments: str | Path, env: dict[str, str] | None = None, patience: float = PATIENCE_SECONDS) -> Result:
-    return Running([str(argument) for argument in arguments], env=env).wait(patience)
+def run(
+    *arguments: str | Path,
+    env: dict[str, str] | None = None,
+    cwd: Path | None = None,
+    patience: float = PATIENCE_SECONDS,
+) -> Result:
+    return Running([str(argument) for argument in arguments], env=env, cwd=cwd).wait(patience)
 
 
 def run_ok(*arguments: str | Path, patience: float = PATIENCE_SECONDS) -> Result:
