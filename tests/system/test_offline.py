@@ -117,6 +117,7 @@ def test_a_kit_is_a_tar_archive_whose_table_describes_every_part(shop: Shop, ngi
     parts = kits.table(kit)["parts"]
     assert isinstance(parts, list)
     assert [kits.TABLE] + [part["name"] for part in parts] == list(members)
+    assert programs.run_ok("tar", "-tf", kit).stdout.splitlines() == list(members)
     assert [part["size"] for part in parts] == [len(members[part["name"]]) for part in parts]
     for part in parts:
         package = next(shop.publisher.repository.glob(f"packages/*/{part['name']}"), None)

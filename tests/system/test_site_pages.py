@@ -150,6 +150,17 @@ def test_pages_can_be_read_without_scripts(site: Path, window: Browser) -> None:
             window.command("Emulation.setScriptExecutionDisabled", value=False)
 
 
+def test_pages_can_be_read_from_the_disk(site: Path, window: Browser) -> None:
+    window.show(1280)
+    with served(site) as url:
+        for page in PAGES:
+            window.open(f"{url}/{page}")
+            by_server = window.command("Page.captureScreenshot")["data"]
+            window.open((site / page).as_uri())
+            assert window.run("return document.styleSheets.length") == 1, page
+            assert window.command("Page.captureScreenshot")["data"] == by_server, page
+
+
 def test_names_with_markup_run_nothing_even_without_the_policy(
     tmp_path: Path, product: None, window: Browser
 ) -> None:

@@ -12,7 +12,9 @@ from harness import trees
 from harness.device import DATABASE, WGETRC, Device
 from harness.faultserver import FaultServer
 from harness.publisher import Publisher
+from harness.webserver import TlsNginx
 
+SOURCE = Path(__file__).resolve().parents[2]
 HOSTILE_SETTINGS = "header = X-Hostile: yes\nuser_agent = hostile\npost_file = /etc/passwd\nauth_no_challenge = on\n"
 
 
@@ -100,6 +102,26 @@ def test_a_proxy_of_the_environment_is_used_without_settings_as_well(offered: De
         test_a_proxy_of_the_environment_is_used(offered, faults)
     finally:
         WGETRC.chmod(0o644)
+
+
+def test_an_authority_in_settings_that_others_may_write_is_not_trusted(
+    device: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    server = TlsNginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, tmp_path / "nginx")
+    try:
+        publisher.base, device.netloc, device.scheme = server.url, server.netloc, "https"
+        publisher.publish(trees.write_tree(tmp_path / "tree", {"a": b"content"}), DATABASE)
+        device.configure()
+        WGETRC.write_text(f"ca_certificate = {server.certificate}\n")
+        WGETRC.chmod(0o666)
+        refused = device.run("update", DATABASE)
+        assert (refused.status, "certificate is not trusted" in refused.stderr) == (1, True), str(refused)
+        assert server.requests() == []
+        WGETRC.chmod(0o644)
+        device.run_ok("update", DATABASE)
+    finally:
+        WGETRC.chmod(0o644)
+        server.close()
 
 
 def test_a_redirect_to_ftp_leads_nowhere(offered: Device, publisher: Publisher, faults: FaultServer) -> None:

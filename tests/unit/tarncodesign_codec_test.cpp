@@ -4,12 +4,15 @@
 #include "codesign_archives.h"
 
 #include <gmock/gmock.h>
+#include <zstd.h>
 
 #include <brotli/encode.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
+#include <fstream>
+#include <memory>
 #include <random>
 
 namespace tarn::test {
@@ -154,6 +157,59 @@ TEST(Codecs, RefuseABrotliWindowThatNeedsMuchMemory) {
 	    BROTLI_TRUE);
 	packed.resize(size);
 	EXPECT_NE(UnpackError(Codec::kBrotli, packed, kSize), "") << "the window is larger than all memory allowed";
+}
+
+/** While it exists, the process gets so many more bytes of memory and then none. */
+class LittleMemory {
+public:
+	explicit LittleMemory(rlim_t more) {
+		getrlimit(RLIMIT_DATA, &before_);
+		const rlimit little = {DataBytes() + more, before_.rlim_max};
+		EXPECT_EQ(setrlimit(RLIMIT_DATA, &little), 0);
+	}
+	~LittleMemory() { setrlimit(RLIMIT_DATA, &before_); }
+	LittleMemory(const LittleMemory&) = delete;
+	LittleMemory& operator=(const LittleMemory&) = delete;
+
+private:
+	static rlim_t DataBytes() {
+		constexpr std::string_view kName = "VmData:";
+		std::ifstream status("/proc/self/status");
+		for (std::string line; std::getline(status, line);) {
+			if (line.compare(0, kName.size(), kName) == 0) {
+				return std::stoull(line.substr(kName.size())) << 10U;
+			}
+		}
+		ADD_FAILURE() << "no VmData";
+		return 0;
+	}
+
+	rlimit before_{};
+};
+
+/** A frame that asks its reader for a window of so many bits, whatever it holds. */
+std::string ZstdWithWindow(const std::string& bytes, int window_bits) {
+	const std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
+	ZSTD_CCtx_setParameter(context.get(), ZSTD_c_windowLog, window_bits);
+	std::string packed(ZSTD_compressBound(bytes.size()), '\0');
+	ZSTD_inBuffer in = {bytes.data(), bytes.size(), 0};
+	ZSTD_outBuffer out = {packed.data(), packed.size(), 0};
+	// Two calls, so that the frame begins before its size is known: with its size it would name no window.
+	EXPECT_EQ(ZSTD_isError(ZSTD_compressStream2(context.get(), &out, &in, ZSTD_e_flush)), 0U);
+	EXPECT_EQ(ZSTD_compressStream2(context.get(), &out, &in, ZSTD_e_end), 0U);
+	packed.resize(out.pos);
+	return packed;
+}
+
+TEST(Codecs, TakeNoMemoryForTheWindowThatAZstdFrameAsksFor) {
+	constexpr int kWindowBits = 27;
+	const std::string bytes = Mixed(100'000, 13);
+	const std::string packed = ZstdWithWindow(bytes, kWindowBits);
+	constexpr unsigned kWindowByte = 5; // Behind the magic number and the descriptor.
+	ASSERT_EQ(static_cast<unsigned char>(packed[4]) & 0x20U, 0U) << "it names a window";
+	ASSERT_EQ(static_cast<unsigned char>(packed[kWindowByte]) >> 3U, kWindowBits - 10U);
+	const LittleMemory little(rlim_t{32} << 20U);
+	EXPECT_TRUE(Unpack(Codec::kZstd, packed, bytes.size()) == bytes);
 }
 
 class ArchiveFrames : public ArchiveTest {

@@ -183,6 +183,16 @@ TEST_F(ProgramTest, OffersEveryCommandThatItKnows) {
 	}
 }
 
+TEST_F(ProgramTest, NeedsRootForAllCommandsButTwo) {
+	std::vector<std::string> open_to_all;
+	for (const Command& command : AllCommands()) {
+		if (!command.needs_root) {
+			open_to_all.emplace_back(command.name);
+		}
+	}
+	EXPECT_THAT(open_to_all, testing::UnorderedElementsAre("read", "volume show"));
+}
+
 TEST_F(ProgramTest, RefusesArgumentsThatACommandCannotUse) {
 	for (const std::vector<const char*>& arguments :
 	    std::vector<std::vector<const char*>>{{"init", "geo"}, {"update", "geo", "--all"}, {"update", "--jsonx"},
