@@ -193,6 +193,10 @@ TEST_F(DownloadSettingsTest, AreNotObeyedWhenOthersMayWriteThem) {
 	chmod(path_.c_str(), 0666);
 	EXPECT_EQ(ReadDownloadSettings(path_, geteuid()).deadline, seconds(14400));
 	EXPECT_EQ(log_.Count(LOG_WARNING, {path_}), 1);
+	chmod(path_.c_str(), 0644);
+	EXPECT_EQ(ReadDownloadSettings(path_, geteuid() + 1).deadline, seconds(14400)) << "they own the file";
+	EXPECT_EQ(log_.Count(LOG_WARNING, {path_}), 2);
+	EXPECT_EQ(ReadDownloadSettings(path_, geteuid()).deadline, seconds(60));
 }
 
 TEST(AsDownloadTest, KnowsTheClientByItsPathAndItsFile) {
