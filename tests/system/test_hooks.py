@@ -7,10 +7,12 @@ import signal
 from pathlib import Path
 
 import pytest
-from harness import trees
+from harness import programs, trees
 from harness.device import DATABASE, Device
 from harness.publisher import Publisher
 
+SERVICE = Path(__file__).resolve().parents[2] / "packaging/systemd/tarndbud-update.service"
+LIMITS = "^(NoNewPrivs|CapBnd):"
 LOCKS = ("update_any.lock", f"update_{DATABASE}.lock", f"using_{DATABASE}.lock", "fresh_info.lock", "config.lock")
 
 
@@ -93,3 +95,21 @@ def test_a_hook_that_others_may_write_is_not_run(connected: Device, publisher: P
     connected.forget_document()
     connected.run_ok("update", DATABASE)
     assert ran.read_text().split() == ["pre", "post"]
+
+
+def test_a_hook_has_the_limits_of_the_service(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", {"a": b"first"}), DATABASE)
+    lines = SERVICE.read_text().splitlines()
+    assert {"NoNewPrivileges=yes", "PrivateTmp=yes", "PrivateDevices=yes"} <= set(lines)
+    (kept,) = (line.split("=")[1].split() for line in lines if line.startswith("CapabilityBoundingSet="))
+    bounds = ",".join(["-all", *("+" + name.removeprefix("CAP_").lower() for name in kept)])
+    limited = ("setpriv", "--no-new-privs", "--bounding-set", bounds)
+    known = programs.run(*limited, "grep", "-E", LIMITS, "/proc/self/status")
+    if known.status != 0:
+        pytest.skip(f"needs to give rights up: {known.stderr}")
+    expected = dict(line.split(":\t") for line in known.stdout.splitlines())
+    assert expected["NoNewPrivs"] == "1"
+    assert 0 < int(expected["CapBnd"], 16).bit_count() <= len(kept)
+    connected.add_hook("10-tell", f"#!/bin/sh\ngrep -E '{LIMITS}' /proc/self/status > {tmp_path}/$1\n")
+    programs.run_ok(*limited, programs.CTL, "update", DATABASE)
+    assert [(tmp_path / argument).read_text() for argument in ("pre", "post")] == [known.stdout] * 2

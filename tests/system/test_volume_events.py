@@ -6,6 +6,7 @@ import json
 import os
 import random
 import re
+import shlex
 import shutil
 import subprocess
 import time
@@ -13,7 +14,7 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
-from harness import programs, trees, waiting
+from harness import programs, readers, trees, waiting
 from harness.device import DATABASE, RUN, STATUS, Device
 from harness.documents import Document
 from harness.publisher import Publisher
@@ -24,7 +25,9 @@ from harness.webserver import Nginx
 SIZES = {"ext4": 64 * MIB, "btrfs": 256 * MIB, "xfs": 320 * MIB}
 MAIN = "@database/autoupdate"
 MOVER = Path("/usr/bin/mv")
-DOCUMENT = Document(Path(__file__).resolve().parents[2] / "docs/operations.md")
+SOURCE = Path(__file__).resolve().parents[2]
+DOCUMENT = Document(SOURCE / "docs/operations.md")
+UNIT = SOURCE / "packaging/systemd/tarndbud-volume@.service"
 HOOKS_OF_MOVES = "database_autoupdate/database_autoupdate/volume_change"
 KILLS = 6
 
@@ -296,6 +299,26 @@ def test_a_move_waits_for_readers_and_updates_no_longer_than_told(
             move.kill()
             move.wait()
     connected.run_ok("volume", "unmounting", str(first))
+    installed.assert_installed()
+
+
+def test_the_unit_of_a_volume_names_the_lock_again_and_again(
+    connected: Device, installed: Databases, volumes: Volumes, tmp_path: Path
+) -> None:
+    first, second, journal = connected.volume, volumes.make("directory"), tmp_path / "journal"
+    assert first is not None
+    connected.use(first, second)
+    command = UNIT.read_text().split("\nExecStop=")[1].split("\n#")[0].replace("\\\n", "").replace("$$", "$")
+    assert "--timeout 10 " in command, "seconds for each try"
+    stop = shlex.split(command.replace("--timeout 10 ", "--timeout 1 ").replace("%f", str(first)))
+    with readers.reading(DATABASE):
+        running = programs.Running(["/bin/sh", "-c", 'exec "$@" 2> "$0"', str(journal), *stop])
+        line = f"Fail to lock {RUN}/using_{DATABASE}.lock"
+        waiting.until(lambda: journal.exists() and journal.read_text().count(line) == 2, "two tries have ended")
+        assert not running.has_ended()
+        assert shown(connected) == str(first)
+    assert running.wait().status == 0
+    assert shown(connected) == str(second)
     installed.assert_installed()
 
 
