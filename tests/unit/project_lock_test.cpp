@@ -8,12 +8,15 @@
 #include "private_root.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -132,6 +135,24 @@ TEST_F(ProjectLockTest, IsNotInheritedByPrograms) {
 	EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 	TARNDBUDReleaseFileLock(fd);
 	EXPECT_EQ(fcntl(fd, F_GETFD), -1); // Closed.
+}
+
+TEST_F(ProjectLockTest, EndsWithTheLastChildThatWasForkedUnderIt) {
+	{ const FileLock first_update(kUsingLock, 0); }
+	const int fd = TARNDBUDGetFileLock("geo", 0);
+	ASSERT_GE(fd, 0);
+	const pid_t child = fork();
+	if (child == 0) {
+		prctl(PR_SET_PDEATHSIG, SIGKILL);
+		pause();
+		_exit(0);
+	}
+	ASSERT_GT(child, 0);
+	close(fd); // As by the end of this process.
+	EXPECT_EQ(MessageOf([] { FileLock(kUsingLock, 0); }), std::string("Fail to lock ") + kUsingLock);
+	kill(child, SIGKILL);
+	EXPECT_EQ(waitpid(child, nullptr, 0), child);
+	EXPECT_NO_THROW(FileLock(kUsingLock, 0));
 }
 
 TEST_F(ProjectLockTest, ReleasesNothingForANegativeResult) {
