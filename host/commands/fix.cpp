@@ -69,7 +69,8 @@ const Command kFixCommand = {"fix", "Reinstall databases whose files are missing
     "Without ids, and with --all, fixes the scheduled databases in the order of their ids, up to the first "
     "that\n"
     "fails. Leaves an intact database alone. Replaces a damaged database with the server's full package. Installs a\n"
-    "database that was never installed. A database that is held gets its own version again.",
+    "database that was never installed. A database that is held gets its own version again, or the server's where the\n"
+    "hold allows that.",
     {kUnsupported, kRefusedHere, kHeld, kLocked}, true, true, Declare, Run};
 
 } // namespace tarn::ctl

@@ -93,7 +93,8 @@ const Command kForceInstallCommand = {"force-install", "Install a chosen version
     "the port. Unpacks the package over the installed files, keeps installed files that are not in the package, and "
     "runs no\n"
     "hooks. Afterwards, update installs a later version when the server has one, and fix the server's version should\n"
-    "it find damage; while the database is held, fix installs the held version. Refuses a database that is held.",
+    "it find damage; while the database is held, fix installs this version again, or the server's where the\n"
+    "hold allows that. Refuses a database that is held.",
     {kUnsupported, kHeld, kLocked}, true, true, Declare, Run, Tail::kNumber};
 
 } // namespace tarn::ctl
