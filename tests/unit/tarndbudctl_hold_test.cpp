@@ -169,6 +169,16 @@ TEST_F(HoldCommandTest, WaitsForARunningUpdate) {
 	EXPECT_FALSE(ReadHold("geo"));
 }
 
+TEST_F(HoldCommandTest, StopsAnUpdateThatHadLookedForAHoldBefore) {
+	ExpectUpdates(0);
+	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault([](const std::string& id) {
+		SetHold(id, std::nullopt); // While the update waited for its locks.
+		return dataupdate::RemoteInfo(5, 0, false, "-");
+	});
+	EXPECT_EQ(Update({"geo"}), kHeld);
+	EXPECT_EQ(Printed()[0]["result"], "held");
+}
+
 TEST_F(HoldCommandTest, RefusesAForcedVersionUnlessToldSo) {
 	SetHold("geo", 4);
 	const auto code = [&](bool even_held) {
