@@ -173,9 +173,22 @@ def test_repairing_brings_back_what_was_damaged(configured: Administrator, tree:
     trees.assert_same(tree, installed)
 
 
-def test_a_second_key_is_trusted_beside_the_first(configured: Administrator) -> None:
+def test_a_second_key_is_trusted_beside_the_first(
+    configured: Administrator, publisher: Publisher, tree: Path, tmp_path: Path
+) -> None:
+    second = tmp_path / "release2"
+    second.with_suffix(".pub").unlink()
+    programs.run_ok(programs.PUB, "keygen", second)
     configured.follow("Rotating keys")
     assert sorted(path.name for path in KEYS.iterdir()) == ["release.pub", "release2.pub"]
+    other = publisher.sign_with(second)
+    for version in (1001, 1002):
+        (tree / "new").write_text(str(version))
+        publisher.publish(tree, DATABASE, "--old-key", str(other.with_suffix(".pub")))
+        configured.device.forget_document()
+        configured.device.update(DATABASE)
+        assert configured.device.version(DATABASE) == version
+        other = publisher.sign_with(other)
 
 
 def test_the_example_hook_runs_where_the_document_puts_it(

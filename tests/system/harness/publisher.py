@@ -25,6 +25,11 @@ class Publisher:
     def public_key(self) -> Path:
         return self._key.with_suffix(".pub")
 
+    def sign_with(self, key: Path) -> Path:
+        """Signs with another key from now on; the key before, both without a suffix."""
+        before, self._key = self._key, key
+        return before
+
     @property
     def document(self) -> Path:
         return self.repository / "database_info/1"
