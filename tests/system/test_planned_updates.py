@@ -241,6 +241,17 @@ def test_a_hold_at_a_version_lets_updates_come_up_to_it(
     assert result(connected, 0, DATABASE)["version"] == FIRST + 2
 
 
+def test_a_fix_goes_as_far_as_the_hold_lets_it(connected: Device, publisher: Publisher, tree: Path) -> None:
+    connected.run_ok("hold", DATABASE, str(FIRST + 1))
+    for offered in (FIRST + 1, FIRST + 2):
+        publish(publisher, tree, offered)
+        connected.forget_document()
+        (connected.installed(DATABASE) / "news").write_text("damaged")
+        connected.run_ok("fix", DATABASE)
+        assert connected.version(DATABASE) == FIRST + 1
+        connected.run_ok("check", DATABASE)
+
+
 def test_a_damaged_hold_is_told_and_holds(connected: Device, publisher: Publisher, tree: Path) -> None:
     connected.run_ok("hold", DATABASE)
     path = STATUS / DATABASE / "hold.json"
