@@ -1,4 +1,4 @@
-"""Where nothing can be mounted, what runs on the machine's own paths refuses to begin beside what somebody needs."""
+"""A sandbox forgets what is changed in its copy; where none can be made, it refuses to begin beside what somebody needs."""
 
 from __future__ import annotations
 
@@ -52,3 +52,15 @@ def test_what_somebody_needs_is_not_lost(plain: None, kind: str) -> None:
     assert path.read_text() == "# of our own\n"
     assert try_plain("yes").returncode == 0
     path.unlink()
+
+
+def test_what_is_changed_in_the_copy_is_forgotten(clean_device: None) -> None:
+    made, changed = Path("/usr/tarn/made"), VOLUMES
+    before = changed.read_text()
+    change = f"touch {made} && echo other >{changed} && test -e {made}"
+    result = subprocess.run([SANDBOX, "--", "/bin/sh", "-c", change], capture_output=True, text=True)
+    if result.returncode == UNAVAILABLE:
+        pytest.skip(f"no copy can be made here: {result.stderr}")
+    assert result.returncode == 0, result.stderr
+    assert not made.exists()
+    assert changed.read_text() == before
