@@ -5,7 +5,8 @@ usage: documents_check.py [CHECKOUT]
 
 Every link of README.md, CHANGELOG.md and docs/*.md leads to a file and a heading that exist, and so does every path of
 the checkout that they name. The table of folders in docs/contributing.md, the drawing in docs/architecture.md and the
-includes of the sources agree about which folder sees which, without a circle. Pictures are well-formed. Every command
+includes of the sources agree about which folder sees which, without a circle; so do the table and the drawing of the
+publisher's folders, each of which sees also what those see that it names. Pictures are well-formed. Every command
 is in the list of all commands, and every setting has its type and a manual page.
 Exit status: 0 all right, 1 not.
 """
@@ -14,7 +15,7 @@ from __future__ import annotations
 
 import re
 import sys
-from collections.abc import Iterator
+from collections.abc import Collection, Iterator
 from graphlib import CycleError, TopologicalSorter
 from pathlib import Path
 from xml.etree import ElementTree
@@ -28,7 +29,11 @@ LINK = re.compile(r"!?\[[^\]]*\]\(([^)\s]+)\)")
 QUOTED = re.compile(r"`([^`\n]+)`")
 PATH = re.compile(r"(?:\./)?[a-z.][\w.-]*(?:/[\w.*-]+)+/?|[a-z]\w*/|[\w-]+\.(?:cpp|h|py|md|sh)")
 INCLUDE = re.compile(r'^#include ["<](\w+)/', re.MULTILINE)
+INCLUDE_OF_PUBLISHER = re.compile(r'^#include "publisher/(\w+)/', re.MULTILINE)
 ARROW = re.compile(r"^\t(\w+)(?:\[.*?\])? --> (\w+(?: & \w+)*)$", re.MULTILINE)
+
+FOLDER_ROW = rf"`({'|'.join(FOLDERS)})/`"
+PART_ROW = r"`publisher/(\w+)/`"
 
 Sees = dict[str, set[str]]
 
@@ -73,24 +78,30 @@ def missing_paths(root: Path, document: Path) -> Iterator[str]:
                 yield f'names "{word}", which is not in the tree'
 
 
-def in_table(root: Path) -> Sees:
-    """What each folder sees by the table with the rows "| `folder/` | what it holds | sees |"."""
+def in_table(root: Path, row: str) -> Sees:
+    """What each folder sees by the table with the rows "| `folder/` | what it holds | sees |"; ROW matches the first."""
     sees: Sees = {}
     for line in (root / TABLE).read_text().splitlines():
         cells = [cell.strip() for cell in line.strip("|").split("|")]
-        folder = re.fullmatch(r"`(\w+)/`", cells[0])
-        if folder and folder[1] in FOLDERS and len(cells) == 3:
-            sees[folder[1]] = set(re.findall(r"`(\w+)/", cells[2]))
+        folder = re.fullmatch(row, cells[0])
+        if folder and len(cells) == 3:
+            sees[folder[1]] = set(re.findall(r"`(\w+)/", cells[2].replace("publisher/", "")))
     return sees
 
 
-def in_drawing(root: Path) -> Sees:
-    """What each folder sees by the arrows of the first drawing."""
-    drawing = (root / DRAWING).read_text().split("```mermaid\n")[1].split("```")[0]
-    sees: Sees = {folder: set() for folder in FOLDERS}
+def in_drawing(root: Path, number: int, folders: Collection[str]) -> Sees:
+    """What each folder sees by the arrows of one of the drawings."""
+    drawing = (root / DRAWING).read_text().split("```mermaid\n")[number].split("```")[0]
+    sees: Sees = {folder: set() for folder in folders}
     for source, targets in ARROW.findall(drawing):
         sees.setdefault(source, set()).update(targets.split(" & "))
     return sees
+
+
+def includes(folder: Path, pattern: re.Pattern[str]) -> set[str]:
+    """What the sources of a folder include, as the pattern's group names it."""
+    texts = (path.read_text() for path in sorted(folder.rglob("*")) if path.suffix in (".cpp", ".h"))
+    return {name for text in texts for name in pattern.findall(text)}
 
 
 def in_sources(root: Path) -> Sees:
@@ -98,23 +109,53 @@ def in_sources(root: Path) -> Sees:
     platform = {path.name for path in (root / "platform").iterdir() if path.is_dir()}
     sees: Sees = {}
     for folder in FOLDERS:
-        texts = (path.read_text() for path in sorted((root / folder).rglob("*")) if path.suffix in (".cpp", ".h"))
-        named = {name for text in texts for name in INCLUDE.findall(text)}
+        named = includes(root / folder, INCLUDE)
         sees[folder] = {"platform" if name in platform else name for name in named} & set(FOLDERS) - {folder}
     return sees
 
 
-def disagreements(root: Path) -> Iterator[str]:
-    actual = in_sources(root)
-    for where, said in ((TABLE, in_table(root)), (DRAWING, in_drawing(root))):
-        for folder in FOLDERS:
-            if said.get(folder) != actual[folder]:
-                shown = [" ".join(sorted(names)) or "nothing" for names in (said.get(folder, set()), actual[folder])]
-                yield f"{where}: {folder} sees {shown[0]} there, and includes {shown[1]}"
+def shown(names: set[str]) -> str:
+    return " ".join(sorted(names)) or "nothing"
+
+
+def circles(sees: Sees) -> Iterator[str]:
     try:
-        tuple(TopologicalSorter(actual).static_order())
+        tuple(TopologicalSorter(sees).static_order())
     except CycleError as error:
         yield f"the folders include each other in a circle: {error.args[1]}"
+
+
+def disagreements(root: Path) -> Iterator[str]:
+    actual = in_sources(root)
+    for where, said in ((TABLE, in_table(root, FOLDER_ROW)), (DRAWING, in_drawing(root, 1, FOLDERS))):
+        for folder in FOLDERS:
+            if said.get(folder) != actual[folder]:
+                there = shown(said.get(folder, set()))
+                yield f"{where}: {folder} sees {there} there, and includes {shown(actual[folder])}"
+    yield from circles(actual)
+
+
+def with_all_below(sees: Sees) -> Sees:
+    """Each folder with all that can be reached from it."""
+    reached: Sees = {}
+    for folder in TopologicalSorter(sees).static_order():
+        direct = sees.get(folder, set())
+        reached[folder] = direct.union(*(reached[other] for other in direct))
+    return reached
+
+
+def disagreements_in_publisher(root: Path) -> Iterator[str]:
+    parts = sorted(path.name for path in (root / "publisher").iterdir() if path.is_dir())
+    actual = {part: includes(root / "publisher" / part, INCLUDE_OF_PUBLISHER) - {part} for part in parts}
+    yield from (found := list(circles(actual)))
+    drawn = in_drawing(root, 2, parts)
+    if found or in_table(root, PART_ROW) != drawn:
+        yield f"{TABLE}: what the publisher's folders see is not what {DRAWING} draws"
+        return
+    reached = with_all_below(drawn)
+    for part in parts:
+        if not drawn[part] <= actual[part] <= reached[part]:
+            yield f"{DRAWING}: publisher/{part} sees {shown(drawn[part])} there, and includes {shown(actual[part])}"
 
 
 def bad_pictures(root: Path) -> Iterator[str]:
@@ -155,7 +196,8 @@ def main(arguments: list[str]) -> int:
         for document in documents(root)
         for fault in (*broken_links(document), *missing_paths(root, document))
     ]
-    faults += [*disagreements(root), *bad_pictures(root), *forgotten_commands(root), *forgotten_settings(root)]
+    faults += [*disagreements(root), *disagreements_in_publisher(root), *bad_pictures(root)]
+    faults += [*forgotten_commands(root), *forgotten_settings(root)]
     print("\n".join([*faults, f"{len(documents(root))} documents, {len(faults)} faults"]))
     return 1 if faults else 0
 

@@ -22,6 +22,29 @@ ROOT = Path(__file__).resolve().parent.parent
 FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform", "publisher")
 C_HEADERS = ("tarncore", "tarnsdk", "tarncrypto", "tarncodesign")
 
+# The publisher's folders, and which of them each sees besides those that these see.
+PUBLISHER = {
+    "common": (),
+    "sqlite": ("common",),
+    "packages": ("common",),
+    "repository": ("packages",),
+    "diff": ("repository", "sqlite"),
+    "releases": ("diff",),
+    "changes": ("diff",),
+    "kits": ("repository",),
+    "mirror": ("repository",),
+    "site": ("changes",),
+    "commands": ("kits", "mirror", "releases", "site"),
+}
+BESIDES = {"common": ("base",), "packages": ("archive", "decoder"), "kits": ("kit",)}
+
+
+def publisher_sees(name: str) -> set[str]:
+    """What the publisher's folder of this name may include."""
+    below = (publisher_sees(other) for other in PUBLISHER[name])
+    return {f"publisher/{name}", *BESIDES.get(name, ())}.union(*below)
+
+
 # Sources, and what they may include: a whole folder, or the headers that a pattern names.
 SEES = {
     "base": ("base",),
@@ -36,10 +59,9 @@ SEES = {
     "host": ("host", "base", "kit", "dataupdate/*.h", *C_HEADERS),
     "host/library": ("host/library", "host/terminal", "base", "kit", "dataupdate/*.h", *C_HEADERS),
     "host/terminal": ("host/terminal", "base", "dataupdate/*.h", *C_HEADERS),
-    "publisher": ("publisher", "base", "archive", "decoder", "kit"),
-    "publisher/device.cpp": ("publisher", "dataupdate"),
-    "publisher/document.cpp": ("publisher", "base"),
-    "publisher/json_text.cpp": ("publisher", "base"),
+    **{f"publisher/{name}": tuple(sorted(publisher_sees(name))) for name in PUBLISHER},
+    "publisher/packages/device.cpp": ("publisher/common", "publisher/packages/device.h", "dataupdate"),
+    "publisher/repository/document.cpp": ("publisher/common", "publisher/repository/document.h", "base"),
 }
 
 
@@ -109,11 +131,11 @@ def faults(search: Search, headers: list[str]) -> list[str]:
     sees = SEES[search.sources]
     found = search.found(headers)
     allowed = {header for header in found if any(matches(header, seen) for seen in sees)}
-    forbidden = {PurePath(header).parts[0]: header for header in headers if not any(matches(header, s) for s in sees)}
+    forbidden = {PurePath(header).parent: header for header in headers if not any(matches(header, s) for s in sees)}
     problems = [f"can include {header}" for header in sorted(found - allowed)]
     problems += [f"is not stopped at {header}" for header in forbidden.values() if not search.is_stopped_at(header)]
     problems += [f"finds nothing of {seen}" for seen in sees if not any(matches(header, seen) for header in found)]
-    wanted = sorted({PurePath(header).parts[0]: header for header in sorted(allowed)}.values())
+    wanted = sorted({PurePath(header).parent: header for header in sorted(allowed)}.values())
     if not search.compiles(wanted):
         problems.append(f"does not compile with {' '.join(wanted)}")
     return [f"{search.sources}: {problem}" for problem in problems]

@@ -65,7 +65,7 @@ TARGETS = (
     Target("metadata", "A package is taken as what it says it is and was asked for as", ("archive/package_identity.cpp",)),
     Target("plan", "A plan of a replacement is believed whole or not at all", ("dataupdate/internal/replacement_plan.cpp",)),
     Target("record", "A record read entry by entry is what another parser finds", ("base/record_entries.cpp",)),
-    Target("repository", "A document that the publisher takes is one that it writes", ("publisher/document.cpp", "publisher/json_text.cpp")),
+    Target("repository", "A document that the publisher takes is one that it writes", ("publisher/repository/document.cpp", "publisher/common/json_text.cpp")),
     Target("script", "A script changes its whole database or nothing, and leaves it sound", ("dataupdate/internal/sql_script.cpp",)),
     Target("settings", "Settings that the host lets pass can be used by the library", ("dataupdate/config.cpp", "dataupdate/service_config.cpp", "host/library/preparation.cpp", "host/library/unknown_settings.cpp")),
     Target("state", "A database's records are understood or not, by both readers alike", ("dataupdate/large_record.cpp", "host/library/hold.cpp", "host/library/installed_files.cpp", "host/library/rejection.cpp", "host/terminal/progress_file.cpp")),

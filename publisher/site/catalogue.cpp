@@ -4,12 +4,12 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/text.h"
-#include "publisher/diff_package.h"
-#include "publisher/json_text.h"
-#include "publisher/package.h"
-#include "publisher/publish_error.h"
-#include "publisher/repository_listing.h"
-#include "publisher/withdrawn_packages.h"
+#include "publisher/common/json_text.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/packages/diff_package.h"
+#include "publisher/packages/package.h"
+#include "publisher/repository/repository_listing.h"
+#include "publisher/repository/withdrawn_packages.h"
 
 #include <fcntl.h>
 

@@ -2,9 +2,9 @@
 #ifndef PUBLISHER_SITE_CATALOGUE_H
 #define PUBLISHER_SITE_CATALOGUE_H
 
-#include "publisher/document.h"
-#include "publisher/publish.h"
-#include "publisher/repository.h"
+#include "publisher/packages/observer.h"
+#include "publisher/repository/document.h"
+#include "publisher/repository/repository.h"
 
 #include <cstdint>
 #include <map>

@@ -2,7 +2,7 @@
 #ifndef PUBLISHER_SITE_CHANGES_VIEW_H
 #define PUBLISHER_SITE_CHANGES_VIEW_H
 
-#include "publisher/changes.h"
+#include "publisher/changes/changes.h"
 
 #include <string>
 

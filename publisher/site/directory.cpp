@@ -2,8 +2,8 @@
 
 #include "base/file_io.h"
 #include "base/text.h"
-#include "publisher/files.h"
-#include "publisher/publish_error.h"
+#include "publisher/common/files.h"
+#include "publisher/common/publish_error.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -5,9 +5,9 @@
 #include "base/file_io.h"
 #include "base/sha2.h"
 #include "base/text.h"
-#include "publisher/changes.h"
-#include "publisher/files.h"
-#include "publisher/publish_error.h"
+#include "publisher/changes/changes.h"
+#include "publisher/common/files.h"
+#include "publisher/common/publish_error.h"
 #include "publisher/site/changes_view.h"
 #include "publisher/site/markup.h"
 

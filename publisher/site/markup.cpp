@@ -2,7 +2,7 @@
 
 #include "base/sha2.h"
 #include "base/text.h"
-#include "publisher/shown_value.h"
+#include "publisher/sqlite/shown_value.h"
 
 #include <algorithm>
 

@@ -1,16 +1,15 @@
 #include "publisher/site/site.h"
 
 #include "base/text.h"
-#include "publisher/changes.h"
-#include "publisher/checks.h"
-#include "publisher/publish_error.h"
-#include "publisher/remembered_url.h"
-#include "publisher/repository.h"
+#include "publisher/changes/changes.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/packages/tree.h"
+#include "publisher/repository/checks.h"
+#include "publisher/repository/repository.h"
 #include "publisher/site/directory.h"
 #include "publisher/site/kept_changes.h"
 #include "publisher/site/page.h"
 #include "publisher/site/pages.h"
-#include "publisher/tree.h"
 
 #include <algorithm>
 #include <filesystem>

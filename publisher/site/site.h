@@ -2,7 +2,7 @@
 #ifndef PUBLISHER_SITE_SITE_H
 #define PUBLISHER_SITE_SITE_H
 
-#include "publisher/publish.h"
+#include "publisher/packages/observer.h"
 
 #include <cstddef>
 #include <cstdint>

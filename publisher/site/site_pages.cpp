@@ -1,5 +1,5 @@
 #include "base/text.h"
-#include "publisher/change_words.h"
+#include "publisher/changes/change_words.h"
 #include "publisher/site/page.h"
 #include "publisher/site/pages.h"
 

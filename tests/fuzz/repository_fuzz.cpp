@@ -1,7 +1,7 @@
 // Documents of a repository that somebody has changed by hand: what the publisher takes it writes again as it was, and
 // a new version changes one entry. The input is the document.
 #include "entry.h"
-#include "publisher/document.h"
+#include "publisher/repository/document.h"
 #include "scratch.h"
 
 #include <optional>

@@ -1,6 +1,6 @@
 // Random edits over a chain, followed by devices that entered at every version by either way.
 #include "diff_fixture.h"
-#include "publisher/sqlite_content.h"
+#include "publisher/sqlite/sqlite_content.h"
 #include "random_tree.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // What is remembered about files along a chain of diff packages, and what names a diff package may hold.
-#include "publisher/diff_chain.h"
-#include "publisher/publish_error.h"
-#include "publisher/tree.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/diff/diff_chain.h"
+#include "publisher/packages/tree.h"
 
 #include <gmock/gmock.h>
 

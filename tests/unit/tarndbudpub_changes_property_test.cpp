@@ -1,6 +1,6 @@
 // Random pairs of databases: what is counted of each table is what a naive comparison of all rows in memory counts.
 #include "diff_fixture.h"
-#include "publisher/database_changes.h"
+#include "publisher/sqlite/database_changes.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 

@@ -1,9 +1,9 @@
 // What a release changes: versions, where they come from, files, and what becomes of SQLite files.
 #include "diff_fixture.h"
-#include "publisher/changes.h"
-#include "publisher/command_line.h"
-#include "publisher/publish_error.h"
-#include "publisher/shown_value.h"
+#include "publisher/changes/changes.h"
+#include "publisher/commands/command_line.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/sqlite/shown_value.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 

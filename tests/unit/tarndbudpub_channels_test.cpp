@@ -1,8 +1,8 @@
 // Channels: documents that share packages, and versions that go from one to another.
 #include "archive/signing_key.h"
 #include "diff_fixture.h"
-#include "publisher/channels.h"
-#include "publisher/publish_error.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/releases/channels.h"
 
 #include <algorithm>
 #include <csignal>

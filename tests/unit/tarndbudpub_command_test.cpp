@@ -1,8 +1,8 @@
 // The publisher's commands: arguments, exit codes, what they print and where.
 #include "diff_fixture.h"
-#include "publisher/checks.h"
-#include "publisher/command_line.h"
-#include "publisher/publish_error.h"
+#include "publisher/commands/command_line.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/repository/checks.h"
 #include "publisher_fixture.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // The memory that making patches takes, and the patches that a small memory allows.
 #include "diff_fixture.h"
-#include "publisher/encode_files.h"
-#include "publisher/program.h"
+#include "publisher/common/program.h"
+#include "publisher/diff/encode_files.h"
 
 namespace tarn::test {
 

@@ -1,11 +1,11 @@
 // Single patches: their header, and the choice between ways by size.
 #include "decoder/decode.h"
 #include "diff_fixture.h"
-#include "publisher/file_encoder.h"
-#include "publisher/files.h"
-#include "publisher/program.h"
-#include "publisher/script_encoder.h"
-#include "publisher/sqlite_content.h"
+#include "publisher/common/files.h"
+#include "publisher/common/program.h"
+#include "publisher/diff/file_encoder.h"
+#include "publisher/diff/script_encoder.h"
+#include "publisher/sqlite/sqlite_content.h"
 
 #include <sys/stat.h>
 #include <xxhash.h>

@@ -2,9 +2,9 @@
 #include "archive/signing_key.h"
 #include "diff_fixture.h"
 #include "kit/reader.h"
-#include "publisher/export.h"
-#include "publisher/kit_draft.h"
-#include "publisher/publish_error.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/kits/export.h"
+#include "publisher/kits/kit_draft.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

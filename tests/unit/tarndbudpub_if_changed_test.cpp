@@ -1,6 +1,6 @@
 // Trees that are published only when they differ from the newest version, and what is said about a version.
 #include "diff_fixture.h"
-#include "publisher/command_line.h"
+#include "publisher/commands/command_line.h"
 
 #include <sstream>
 

@@ -1,5 +1,5 @@
 // The publisher's commands about keys: what they write, print and refuse.
-#include "publisher/command_line.h"
+#include "publisher/commands/command_line.h"
 #include "publisher_fixture.h"
 
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 // Wrong keys and URLs, which the last publication gives away.
 #include "archive/signing_key.h"
-#include "publisher/restore.h"
+#include "publisher/releases/restore.h"
 #include "withdraw_fixture.h"
 
 namespace tarn::test {

@@ -1,7 +1,7 @@
-#include "publisher/files.h"
-#include "publisher/mirror_command.h"
-#include "publisher/mirror_snapshot.h"
-#include "publisher/store.h"
+#include "publisher/commands/mirror_command.h"
+#include "publisher/common/files.h"
+#include "publisher/mirror/mirror_snapshot.h"
+#include "publisher/mirror/store.h"
 #include "publisher_fixture.h"
 #include "temporary_directory.h"
 

@@ -1,6 +1,6 @@
 // What a repository holds after publishing, after refusals and after publishers that were killed.
 #include "base/unique_fd.h"
-#include "publisher/package.h"
+#include "publisher/packages/package.h"
 #include "publisher_fixture.h"
 
 #include <climits>

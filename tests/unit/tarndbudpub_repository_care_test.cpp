@@ -1,12 +1,12 @@
 // Repositories that are pruned and checked, and the file that nginx gets for a rollout.
 #include "archive/signing_key.h"
 #include "diff_fixture.h"
-#include "publisher/check_repository.h"
-#include "publisher/command_line.h"
-#include "publisher/prune.h"
-#include "publisher/publish_error.h"
-#include "publisher/repository.h"
-#include "publisher/rollout.h"
+#include "publisher/commands/command_line.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/releases/check_repository.h"
+#include "publisher/releases/prune.h"
+#include "publisher/releases/rollout.h"
+#include "publisher/repository/repository.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

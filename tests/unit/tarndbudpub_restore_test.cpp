@@ -1,8 +1,8 @@
 // Documents that are rebuilt from packages, and what publishers make of them afterwards.
 #include "archive/signing_key.h"
 #include "diff_fixture.h"
-#include "publisher/publish_error.h"
-#include "publisher/restore.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/releases/restore.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // Which row of a table that was made again is which row of the table before.
-#include "publisher/row_match.h"
+#include "publisher/sqlite/row_match.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 // Databases that are changed by SQL scripts, whose bytes differ between devices from then on.
 #include "diff_fixture.h"
-#include "publisher/sqlite_content.h"
+#include "publisher/sqlite/sqlite_content.h"
 
 namespace tarn::test {
 

@@ -1,8 +1,8 @@
 // Random databases that are changed or made again at random: there is a script for every pair of versions.
 #include "diff_fixture.h"
-#include "publisher/device.h"
-#include "publisher/script_encoder.h"
-#include "publisher/sqlite_content.h"
+#include "publisher/diff/script_encoder.h"
+#include "publisher/packages/device.h"
+#include "publisher/sqlite/sqlite_content.h"
 
 #include <cstdlib>
 #include <functional>

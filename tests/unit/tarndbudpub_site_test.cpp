@@ -1,6 +1,7 @@
 // The pages of a repository: what they are made of, and how they appear.
 #include "diff_fixture.h"
-#include "publisher/publish_error.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/releases/withdraw.h"
 #include "publisher/site/catalogue.h"
 #include "publisher/site/directory.h"
 #include "publisher/site/markup.h"
@@ -8,7 +9,6 @@
 #include "publisher/site/pages.h"
 #include "publisher/site/plot.h"
 #include "publisher/site/site.h"
-#include "publisher/withdraw.h"
 
 #include <algorithm>
 #include <set>

@@ -1,6 +1,6 @@
 // Values in scripts: SQLite reads exactly what was written, whole or as an edit of the former value.
-#include "publisher/publish_error.h"
-#include "publisher/sql_text.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/sqlite/sql_text.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>

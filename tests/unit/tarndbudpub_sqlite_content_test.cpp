@@ -1,8 +1,8 @@
 // Which databases hold the same, and which may be changed by scripts.
 #include "diff_fixture.h"
-#include "publisher/publish_error.h"
-#include "publisher/sqlite_content.h"
-#include "publisher/virtual_tables.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/sqlite/sqlite_content.h"
+#include "publisher/sqlite/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 

@@ -1,6 +1,6 @@
 // Which trees the publisher takes, and which it refuses because devices could not install them.
 #include "base/unique_fd.h"
-#include "publisher/tree.h"
+#include "publisher/packages/tree.h"
 #include "publisher_fixture.h"
 
 #include <linux/capability.h>

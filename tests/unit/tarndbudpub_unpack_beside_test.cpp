@@ -1,7 +1,7 @@
-#include "publisher/expected_tree.h"
-#include "publisher/package.h"
-#include "publisher/publish_error.h"
-#include "publisher/unpack_beside.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/diff/expected_tree.h"
+#include "publisher/packages/package.h"
+#include "publisher/packages/unpack_beside.h"
 #include "publisher_fixture.h"
 #include "temporary_directory.h"
 

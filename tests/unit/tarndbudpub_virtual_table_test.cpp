@@ -1,7 +1,7 @@
 // Databases with full-text tables and R*Trees, which scripts change by statements on the virtual tables themselves.
 #include "diff_fixture.h"
-#include "publisher/sqlite_content.h"
-#include "publisher/virtual_tables.h"
+#include "publisher/sqlite/sqlite_content.h"
+#include "publisher/sqlite/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 

@@ -1,8 +1,8 @@
 // Versions that are withdrawn: what devices download, what the repository keeps, and publishers that are killed.
-#include "publisher/diff_package.h"
-#include "publisher/package.h"
-#include "publisher/restore.h"
-#include "publisher/withdrawn_packages.h"
+#include "publisher/packages/diff_package.h"
+#include "publisher/packages/package.h"
+#include "publisher/releases/restore.h"
+#include "publisher/repository/withdrawn_packages.h"
 #include "withdraw_fixture.h"
 
 namespace tarn::test {

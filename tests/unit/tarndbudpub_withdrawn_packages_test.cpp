@@ -1,10 +1,10 @@
 // What a withdrawal leaves in a repository: marks and full packages of withdrawn versions, and emptied diff packages.
-#include "publisher/changes.h"
-#include "publisher/channels.h"
-#include "publisher/check_repository.h"
-#include "publisher/command_line.h"
-#include "publisher/prune.h"
-#include "publisher/publish_error.h"
+#include "publisher/changes/changes.h"
+#include "publisher/commands/command_line.h"
+#include "publisher/common/publish_error.h"
+#include "publisher/releases/channels.h"
+#include "publisher/releases/check_repository.h"
+#include "publisher/releases/prune.h"
 #include "withdraw_fixture.h"
 
 #include <sys/stat.h>

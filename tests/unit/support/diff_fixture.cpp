@@ -1,7 +1,7 @@
 #include "diff_fixture.h"
 
-#include "publisher/diff_package.h"
-#include "publisher/package.h"
+#include "publisher/packages/diff_package.h"
+#include "publisher/packages/package.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 

@@ -2,7 +2,9 @@
 #ifndef TESTS_UNIT_SUPPORT_PUBLISHER_FIXTURE_H
 #define TESTS_UNIT_SUPPORT_PUBLISHER_FIXTURE_H
 
-#include "publisher/publish.h"
+#include "publisher/packages/observer.h"
+#include "publisher/releases/publish.h"
+#include "publisher/repository/publish_options.h"
 #include "temporary_directory.h"
 
 #include <gmock/gmock.h>

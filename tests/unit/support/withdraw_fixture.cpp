@@ -1,8 +1,8 @@
 #include "withdraw_fixture.h"
 
-#include "publisher/diff_package.h"
-#include "publisher/package.h"
-#include "publisher/sqlite_content.h"
+#include "publisher/packages/diff_package.h"
+#include "publisher/packages/package.h"
+#include "publisher/sqlite/sqlite_content.h"
 
 namespace tarn::test {
 

@@ -3,7 +3,7 @@
 #define TESTS_UNIT_SUPPORT_WITHDRAW_FIXTURE_H
 
 #include "diff_fixture.h"
-#include "publisher/withdraw.h"
+#include "publisher/releases/withdraw.h"
 
 #include <optional>
 #include <set>

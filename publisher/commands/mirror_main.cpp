@@ -1,0 +1,17 @@
+#include "publisher/commands/command_line.h"
+#include "publisher/commands/mirror_command.h"
+
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+
+int main(int argc, char** argv) {
+	try {
+		const std::vector<std::string> arguments(argv + 1, argv + argc);
+		return tarn::publisher::RunMirrorCommand(arguments, std::cout, std::cerr, isatty(STDERR_FILENO) == 1);
+	} catch (const std::exception& error) {
+		std::cerr << "tarndbudpub-mirror: " << error.what() << "\n";
+		return tarn::publisher::kFailed;
+	}
+}

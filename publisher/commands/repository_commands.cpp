@@ -1,0 +1,253 @@
+#include "publisher/commands/repository_commands.h"
+
+#include "base/text.h"
+#include "publisher/commands/command_line.h"
+#include "publisher/commands/common_options.h"
+#include "publisher/common/json_text.h"
+
+#include <CLI/CLI.hpp>
+#include <json/json.h>
+
+namespace tarn::publisher {
+
+namespace {
+
+constexpr char kCheckHelp[] = "Exit status: 0 all right, 1 not checked, 2 wrong usage, 3 broken for devices, 4 untidy.";
+
+std::string Counted(std::uint64_t count, const std::string& what) {
+	return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+void PrintJson(const Json::Value& value, std::ostream& out) {
+	out << JsonText(value, "\t") << "\n";
+}
+
+void AddPromote(CLI::App& app, RepositoryCommandOptions& options) {
+	PromoteOptions& promote = options.promote;
+	CLI::App* command = app.add_subcommand("promote", "Offer the version of one channel in another one");
+	AddId(*command, promote.id);
+	AddRepository(*command, promote.repository);
+	command->add_option("--from", promote.from, "Channel that has the version: the name of its document")->required();
+	command->add_option("--to", promote.to, "Channel that gets the version")->capture_default_str();
+	AddPublicKeys(*command, promote.keys);
+	AddOldKeys(*command, options.old_keys);
+	AddJson(*command, options.json);
+}
+
+void AddRollout(CLI::App& app, RepositoryCommandOptions& options) {
+	RolloutOptions& rollout = options.rollout;
+	CLI::App* command = app.add_subcommand("rollout", "Give a channel to a share of the devices, by nginx");
+	command->add_option("CHANNEL", rollout.channel, "Channel for the share: the name of its document")->required();
+	command->add_option("PERCENT", rollout.percent, "The share, 0 to 100, with at most two decimals")->required();
+	command->add_option("--conf", rollout.conf_file, "File that nginx includes; written again as a whole")->required();
+	command->add_option("--document", rollout.document, "Document that the devices ask for")->capture_default_str();
+	command->add_option("--repo", rollout.repository, "Repository in which the channel must lack nothing");
+	AddJson(*command, options.json);
+}
+
+void AddPrune(CLI::App& app, RepositoryCommandOptions& options) {
+	CLI::App* command = app.add_subcommand("prune", "Remove packages that no device and no publication needs");
+	command->add_option("ID", options.prune.ids, "Databases; by default all");
+	AddRepository(*command, options.prune.repository);
+	command->add_flag("--dry-run", options.prune.dry_run, "Remove nothing; say what would be removed");
+	AddJson(*command, options.json);
+}
+
+void AddCheck(CLI::App& app, RepositoryCommandOptions& options) {
+	CLI::App* command = app.add_subcommand("check-repo", "Check that documents and packages fit; for monitors");
+	AddRepository(*command, options.check.repository);
+	command->add_option("--key", options.check.keys, "Public key that signed packages; may be repeated");
+	AddOldKeys(*command, options.old_keys);
+	command->add_option("--document", options.check.documents, "Document that must be there; may be repeated")
+	    ->capture_default_str();
+	AddJson(*command, options.json);
+	command->footer(kCheckHelp);
+}
+
+void PrintPromoted(const PromoteOptions& options, const PromoteResult& result, std::ostream& out) {
+	const std::string version = options.id + " version " + std::to_string(result.data_version);
+	if (!result.is_changed) {
+		out << "Nothing to do: " << options.to << " names " << version << " already.\n";
+		return;
+	}
+	out << "Promoted " << version << " from " << options.from << " to " << options.to;
+	if (result.before) {
+		out << ", which named version " << *result.before;
+	}
+	out << ": devices take " << (result.has_chain ? "diff packages" : "the full package") << ".\n";
+}
+
+Json::Value PromotedJson(const PromoteOptions& options, const PromoteResult& result) {
+	Json::Value value(Json::objectValue);
+	value["id"] = options.id;
+	value["from"] = options.from;
+	value["to"] = options.to;
+	value["data_version"] = result.data_version;
+	value["before"] = result.before ? Json::Value(*result.before) : Json::Value();
+	value["changed"] = result.is_changed;
+	value["chain"] = result.has_chain;
+	return value;
+}
+
+int RunPromote(const RepositoryCommandOptions& options, const Streams& streams) {
+	PromoteOptions promote = options.promote;
+	promote.keys.insert(promote.keys.end(), options.old_keys.begin(), options.old_keys.end());
+	PromoteResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Promote(promote, ObserverOf(line, streams));
+	}
+	if (options.json) {
+		PrintJson(PromotedJson(promote, result), streams.out);
+	} else {
+		PrintPromoted(promote, result, streams.out);
+	}
+	return kDone;
+}
+
+/** What nobody has looked at; nothing where no device gets the channel. */
+std::string UncheckedText(const RolloutOptions& options, Share share) {
+	return options.repository.empty() && share > 0 ? " Not checked, without --repo: that " + options.channel +
+	                                                     " exists, and names all that " + options.document + " names."
+	                                               : "";
+}
+
+int RunRollout(const RepositoryCommandOptions& options, const Streams& streams) {
+	const RolloutOptions& rollout = options.rollout;
+	const Share share = Rollout(rollout);
+	if (options.json) {
+		Json::Value value(Json::objectValue);
+		value["channel"] = rollout.channel;
+		value["document"] = rollout.document;
+		value["percent"] = PercentText(share);
+		value["conf"] = rollout.conf_file;
+		value["checked"] = !rollout.repository.empty();
+		PrintJson(value, streams.out);
+	} else {
+		streams.out << "Wrote " << rollout.conf_file << ": " << PercentText(share)
+		            << " % of the devices that ask for document " << rollout.document << " get " << rollout.channel
+		            << " when nginx has been reloaded." << UncheckedText(rollout, share) << "\n";
+	}
+	return kDone;
+}
+
+Json::Value PrunedJson(const PruneOptions& options, const PruneResult& result) {
+	Json::Value value(Json::objectValue);
+	value["dry_run"] = options.dry_run;
+	value["bytes"] = Json::UInt64{result.bytes};
+	Json::Value& files = value["files"] = Json::Value(Json::arrayValue);
+	for (const PruneResult::File& file : result.files) {
+		Json::Value item(Json::objectValue);
+		item["path"] = file.path;
+		item["bytes"] = Json::UInt64{file.size};
+		files.append(std::move(item));
+	}
+	return value;
+}
+
+int RunPrune(const RepositoryCommandOptions& options, const Streams& streams) {
+	PruneResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = Prune(options.prune, ObserverOf(line, streams));
+	}
+	if (options.json) {
+		PrintJson(PrunedJson(options.prune, result), streams.out);
+		return kDone;
+	}
+	const char* verb = options.prune.dry_run ? "Removable: " : "Removed ";
+	for (const PruneResult::File& file : result.files) {
+		streams.out << verb << file.path << " (" << HumanSize(file.size) << ")\n";
+	}
+	streams.out << verb << Counted(result.files.size(), "file") << ", " << result.bytes << " bytes.\n";
+	return kDone;
+}
+
+const char* StatusOf(const CheckResult& result) {
+	return result.broken > 0 ? "broken" : result.untidy > 0 ? "untidy" : "ok";
+}
+
+Json::Value CheckedJson(const RepositoryCheckOptions& options, const CheckResult& result) {
+	Json::Value value(Json::objectValue);
+	value["status"] = StatusOf(result);
+	value["signatures_checked"] = !options.keys.empty();
+	value["publishing"] = result.is_publishing;
+	value["documents"] = Json::UInt64{result.documents};
+	value["entries"] = Json::UInt64{result.entries};
+	value["packages"] = Json::UInt64{result.packages};
+	value["bytes"] = Json::UInt64{result.bytes};
+	value["broken"] = Json::UInt64{result.broken};
+	value["untidy"] = Json::UInt64{result.untidy};
+	value["removable_files"] = Json::UInt64{result.removable_files};
+	value["removable_bytes"] = Json::UInt64{result.removable_bytes};
+	Json::Value& problems = value["problems"] = Json::Value(Json::arrayValue);
+	for (const RepositoryProblem& problem : result.problems) {
+		Json::Value item(Json::objectValue);
+		item["severity"] = problem.severity == Severity::kBroken ? "broken" : "untidy";
+		item["where"] = Printable(problem.where);
+		item["problem"] = Printable(problem.what);
+		problems.append(std::move(item));
+	}
+	return value;
+}
+
+void PrintChecked(const RepositoryCheckOptions& options, const CheckResult& result, std::ostream& out) {
+	for (const RepositoryProblem& problem : result.problems) {
+		out << (problem.severity == Severity::kBroken ? "broken: " : "untidy: ") << Printable(problem.where) << ": "
+		    << Printable(problem.what) << ".\n";
+	}
+	if (const std::uint64_t all = result.broken + result.untidy; all > result.problems.size()) {
+		out << "and " << all - result.problems.size() << " more problems\n";
+	}
+	out << StatusOf(result) << ": " << Counted(result.documents, "document") << ", "
+	    << Counted(result.packages, "package") << " (" << HumanSize(result.bytes) << "), " << result.broken
+	    << " broken, " << result.untidy << " untidy; signatures "
+	    << (options.keys.empty() ? "not checked, without --key" : "checked") << ". ";
+	if (result.is_publishing) {
+		out << "A publisher is at work, so only what documents name was checked.\n";
+	} else {
+		out << "prune would remove " << Counted(result.removable_files, "file") << " ("
+		    << HumanSize(result.removable_bytes) << ").\n";
+	}
+}
+
+int RunCheck(const RepositoryCommandOptions& options, const Streams& streams) {
+	RepositoryCheckOptions check = options.check;
+	check.keys.insert(check.keys.end(), options.old_keys.begin(), options.old_keys.end());
+	CheckResult result;
+	{
+		ProgressLine line(streams.err, streams.terminal);
+		result = CheckRepository(check, ObserverOf(line, streams));
+	}
+	if (options.json) {
+		PrintJson(CheckedJson(check, result), streams.out);
+	} else {
+		PrintChecked(check, result, streams.out);
+	}
+	return result.broken > 0 ? kBroken : result.untidy > 0 ? kUntidy : kDone;
+}
+
+} // namespace
+
+void AddRepositoryCommands(CLI::App& app, RepositoryCommandOptions& options) {
+	AddPromote(app, options);
+	AddRollout(app, options);
+	AddPrune(app, options);
+	AddCheck(app, options);
+}
+
+std::optional<int> RunRepositoryCommand(
+    const CLI::App& app, const RepositoryCommandOptions& options, const Streams& streams) {
+	if (app.got_subcommand("promote")) {
+		return RunPromote(options, streams);
+	}
+	if (app.got_subcommand("rollout")) {
+		return RunRollout(options, streams);
+	}
+	if (app.got_subcommand("prune")) {
+		return RunPrune(options, streams);
+	}
+	return app.got_subcommand("check-repo") ? std::optional(RunCheck(options, streams)) : std::nullopt;
+}
+
+} // namespace tarn::publisher

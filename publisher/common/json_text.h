@@ -1,0 +1,25 @@
+/** @file JSON as the publisher's files hold it. */
+#ifndef PUBLISHER_COMMON_JSON_TEXT_H
+#define PUBLISHER_COMMON_JSON_TEXT_H
+
+#include <json/json.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarn::publisher {
+
+/**
+ * Parses a text; no value when it is no JSON, or nested too deeply to be read.
+ *
+ * @param errors  gets the parser's reasons, when given
+ */
+[[nodiscard]] std::optional<Json::Value> ParseJson(std::string_view text, std::string* errors = nullptr);
+
+/** The text of a value without a newline at its end: one line, unless an indentation is given. */
+std::string JsonText(const Json::Value& value, const char* indentation = "");
+
+} // namespace tarn::publisher
+
+#endif

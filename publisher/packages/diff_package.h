@@ -1,0 +1,79 @@
+/** @file What a diff package holds. */
+#ifndef PUBLISHER_PACKAGES_DIFF_PACKAGE_H
+#define PUBLISHER_PACKAGES_DIFF_PACKAGE_H
+
+#include "archive/file.h"
+#include "publisher/common/files.h"
+#include "publisher/packages/tree.h"
+
+#include <json/json.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarn::publisher {
+
+constexpr const char* kDescriptionName = "patch_infos.json";
+constexpr const char* kDiffKind = "diff";
+/** In the metadata of a withdrawal's packages: the version whose content comes back. */
+constexpr const char* kRestoresKey = "restores";
+/** In the metadata of an empty diff package that took another's place: the version of the withdrawal. */
+constexpr const char* kWithdrawnByKey = "withdrawn_by";
+/** In the metadata of all packages of a version: what the publisher says about it. */
+constexpr const char* kNotesKey = "notes";
+
+/** How a diff package carries the change of one file. */
+enum class PatchKind {
+	kWhole,  ///< the file itself
+	kVcdiff, ///< a patch against the bytes of the version before
+	kScript, ///< SQL statements that change the content
+	kNone,   ///< nothing: the file is deleted
+	kEmptied ///< nothing: the name is that of a directory in which the package deletes the last file
+};
+
+/** "whole", "vcdiff", "sql", "-" or "dir". */
+const char* PatchKindName(PatchKind kind);
+/** ".new", ".vcdiff", ".sqlitediff", or nothing. */
+const char* PatchKindExtension(PatchKind kind);
+
+/** "create", "update" or "delete". */
+const char* OperationOf(PatchKind kind);
+/** The name of a package's input file with a number, counted from 0. */
+std::string InputFileName(std::size_t number, PatchKind kind);
+
+/** One file that a diff package changes, or a directory that it removes. */
+struct DiffMember {
+	std::string name;      // relative to the installed tree
+	std::string operation; // "create", "update" or "delete"
+	std::string input_file;
+	PatchKind kind = PatchKind::kNone;
+	std::uint64_t size = 0; // of the input file
+};
+
+struct DiffPackage {
+	std::vector<DiffMember> members; // in byte order of names
+	Json::Value metadata;            // null when it is no JSON
+};
+
+/**
+ * Reads a diff package's description and metadata without unpacking it.
+ *
+ * @throws Error when it is damaged or holds no description in the form that devices read
+ */
+DiffPackage ReadDiffPackage(const archive::ArchiveFile& archive);
+
+/**
+ * The text of "patch_infos.json".
+ *
+ * @param emptied  directories in which the members delete the last file: devices that took a full package do not have
+ * them
+ */
+std::string DescriptionText(const std::vector<DiffMember>& members, const std::vector<std::string>& emptied = {});
+
+/** Writes a description into a work directory, and adds it to what a package is to hold; throws PublishError. */
+void AddDescription(const std::string& text, const WorkDirectory& work, Tree& content);
+
+} // namespace tarn::publisher
+
+#endif

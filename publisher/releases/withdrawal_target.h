@@ -1,0 +1,53 @@
+/** @file The version that a withdrawal takes back, and the choice of the version that comes back in its place. */
+#ifndef PUBLISHER_RELEASES_WITHDRAWAL_TARGET_H
+#define PUBLISHER_RELEASES_WITHDRAWAL_TARGET_H
+
+#include "publisher/diff/diff_chain.h"
+#include "publisher/packages/package.h"
+#include "publisher/repository/repository.h"
+
+#include <json/json.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tarn::publisher {
+
+/** Throws PublishError for what stands in the way. What it is made from has to outlive it. */
+class WithdrawalTarget {
+public:
+	/** @param newest  the entry of the version that is withdrawn; the chain leads to it, or is empty */
+	WithdrawalTarget(const Repository& repository, const PackageReader& reader, const std::string& id,
+	    const Entry& newest, const DiffChain& chain);
+
+	/**
+	 * @param to  the version that is asked for; without a value, the version before the newest
+	 * @return the version that comes back; one of the reader's keys has signed its package
+	 */
+	[[nodiscard]] int Choose(const std::optional<std::int64_t>& to) const;
+
+	/** What the newest version says about itself. */
+	[[nodiscard]] const Json::Value& NewestMetadata() const { return metadata_; }
+
+	/** Whether a full package has the newest version's format: others are of another document. */
+	[[nodiscard]] bool IsOfFormat(const PackageFile& file) const;
+
+private:
+	[[nodiscard]] Json::Value ReadNewestMetadata() const;
+	[[nodiscard]] int Named(std::int64_t data_version) const;
+	[[nodiscard]] int Default() const;
+	[[nodiscard]] int NewestFullBelow() const;
+	void RequireOwn(int data_version) const;
+
+	const Repository& repository_;
+	const PackageReader& reader_;
+	const std::string& id_;
+	const Entry& newest_;
+	const DiffChain& chain_;
+	Json::Value metadata_; // of the newest version
+};
+
+} // namespace tarn::publisher
+
+#endif

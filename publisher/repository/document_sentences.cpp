@@ -1,0 +1,79 @@
+#include "publisher/repository/document_sentences.h"
+
+#include "base/text.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace tarn::publisher {
+
+namespace {
+
+constexpr std::size_t kMostNames = 3;
+
+/** "a, b, c and 4 more". */
+std::string Listed(const std::vector<std::string>& names) {
+	std::string text;
+	for (std::size_t at = 0; at < std::min(names.size(), kMostNames); ++at) {
+		text += (at == 0 ? "" : ", ") + Printable(names[at]);
+	}
+	return names.size() > kMostNames ? text + " and " + std::to_string(names.size() - kMostNames) + " more" : text;
+}
+
+/** What a document names but for one database; nothing for a document that cannot be read, of which others warn. */
+std::vector<std::string> OtherIds(const std::string& path, const std::string& id) {
+	try {
+		std::vector<std::string> ids = Document(path).Ids();
+		ids.erase(std::remove(ids.begin(), ids.end(), id), ids.end());
+		return ids;
+	} catch (const PublishError&) {
+		return {};
+	}
+}
+
+/** What the document that names most names besides a database, and the document. */
+std::string Lacking(const Repository& repository, const std::vector<std::string>& documents, const std::string& id) {
+	std::pair<std::vector<std::string>, std::string> most;
+	for (const std::string& name : documents) {
+		std::vector<std::string> ids = OtherIds(repository.DocumentPath(name), id);
+		if (ids.size() > most.first.size()) {
+			most = {std::move(ids), name};
+		}
+	}
+	return most.first.empty() ? "" : ", and not " + Listed(most.first) + ", which " + Printable(most.second) + " names";
+}
+
+bool IsAmong(const std::vector<std::string>& names, const std::string& name) {
+	return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+} // namespace
+
+std::string NewDocumentWarning(const Repository& repository, const std::string& name, const std::string& id) {
+	const std::vector<std::string> documents = repository.DocumentNames();
+	if (documents.empty() || IsAmong(documents, name)) {
+		return "";
+	}
+	return "The document " + name + " is new, beside " + Listed(documents) + ": devices that ask for it find " + id +
+	       " alone" + Lacking(repository, documents, id) + ".";
+}
+
+std::string WhyNotNamed(const Repository& repository, const std::string& name, const std::string& id) {
+	const std::vector<std::string> documents = repository.DocumentNames();
+	if (IsAmong(documents, name)) {
+		return "The document " + repository.DocumentPath(name) + " does not name " + id;
+	}
+	return "There is no document " + repository.DocumentPath(name) +
+	       (documents.empty() ? "" : ", only " + Listed(documents));
+}
+
+std::string NamingDocuments(const Repository& repository, const std::string& id) {
+	std::string text;
+	for (const auto& [name, entry] : repository.EntriesOf(id)) {
+		text += (text.empty() ? "" : ", ") + Printable(name) + " (version " + std::to_string(entry.data_version) + ")";
+	}
+	return text;
+}
+
+} // namespace tarn::publisher

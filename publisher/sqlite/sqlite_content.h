@@ -1,0 +1,28 @@
+/** @file What database files hold, whatever their bytes. */
+#ifndef PUBLISHER_SQLITE_SQLITE_CONTENT_H
+#define PUBLISHER_SQLITE_SQLITE_CONTENT_H
+
+#include <optional>
+#include <string>
+
+namespace tarn::publisher {
+
+/** Whether a file begins as SQLite's databases do; throws PublishError when it cannot be read. */
+[[nodiscard]] bool IsSqliteFile(const std::string& path);
+
+/**
+ * Why statements that change rows cannot turn one database file into another; no value when they can. Reads both files
+ * without SQLite's companions, and creates nothing beside them.
+ */
+[[nodiscard]] std::optional<std::string> FindScriptObstacle(const std::string& before, const std::string& after);
+
+/**
+ * The first difference in what two database files hold; no value when they hold the same. Compares the schema, and row
+ * by row each table's row ids and values, by type and exact bytes. Does not compare how pages lie in the files, nor the
+ * indexes of full-text tables and R*Trees: RequireSoundIndexes() says whether these fit the rows.
+ */
+[[nodiscard]] std::optional<std::string> FindContentDifference(const std::string& left, const std::string& right);
+
+} // namespace tarn::publisher
+
+#endif
