@@ -106,9 +106,7 @@ std::string Compress(Codec codec, std::string_view bytes, int level) {
 
 ZstdWriter::ZstdWriter(int level, Sink sink)
     : context_(ZSTD_createCCtx()), buffer_(ZSTD_CStreamOutSize()), sink_(std::move(sink)) {
-	if (!context_) {
-		throw Error("There is no memory to compress.");
-	}
+	Require(context_ != nullptr, "There is no memory to compress.");
 	CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, level));
 	CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_windowLog, kWindowLog));
 }

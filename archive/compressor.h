@@ -4,10 +4,10 @@
 
 #include "archive/codec.h"
 #include "archive/writer.h"
+#include "base/handle.h"
 
 #include <zstd.h>
 
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,10 +15,8 @@
 namespace tarn::archive {
 
 /**
- * Compresses a frame, in one thread, so that the same input gives the same output.
- *
- * @param level  zstd's level; the others know one that is worth its time
- * @throws Error
+ * Compresses a frame, in one thread, so that the same input gives the same output. The level is zstd's; the others know
+ * one that is worth its time. Throws Error.
  */
 [[nodiscard]] std::string Compress(Codec codec, std::string_view bytes, int level);
 
@@ -32,13 +30,9 @@ public:
 	void Finish() { Compress({}, ZSTD_e_end); }
 
 private:
-	struct ContextDeleter {
-		void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
-	};
-
 	void Compress(std::string_view bytes, ZSTD_EndDirective directive);
 
-	std::unique_ptr<ZSTD_CCtx, ContextDeleter> context_;
+	Handle<ZSTD_CCtx, ZSTD_freeCCtx> context_;
 	std::vector<char> buffer_;
 	Sink sink_;
 };

@@ -5,8 +5,6 @@
 #include "base/file_io.h"
 #include "base/text.h"
 
-#include <sys/stat.h>
-
 #include <set>
 
 namespace tarn::archive {
@@ -36,20 +34,15 @@ public:
 	}
 
 	void Add(const Member& member) {
-		if (++entries_ > head_.entry_count) {
-			throw Error("holds more members than its head declares");
-		}
-		if (member.size > head_.unpacked_size - bytes_) {
-			throw Error("holds more bytes than its head declares");
-		}
+		Require(++entries_ <= head_.entry_count, "holds more members than its head declares");
+		Require(member.size <= head_.unpacked_size - bytes_, "holds more bytes than its head declares");
 		bytes_ += member.size;
 	}
 
 	// Fewer than declared means that the tar was cut before it was signed.
 	void RequireUsedUp() const {
-		if (entries_ != head_.entry_count || bytes_ != head_.unpacked_size) {
-			throw Error("holds fewer members or bytes than its head declares");
-		}
+		Require(entries_ == head_.entry_count && bytes_ == head_.unpacked_size,
+		    "holds fewer members or bytes than its head declares");
 	}
 
 private:
@@ -77,18 +70,12 @@ void WriteContent(TarReader& reader, const Member& member, UniqueFd file) {
 		WriteFully(file.Get(), block.data(), block.size(), "its content");
 		written += block.size();
 	}
-	if (written != member.size) {
-		throw Error("is shorter than its header says");
-	}
-	if (!file.Close()) {
-		ThrowErrno("cannot write its content");
-	}
+	Require(written == member.size, "is shorter than its header says");
+	RequireCall(file.Close(), "cannot write its content");
 }
 
 void ExtractMember(TarReader& reader, const Member& member, const MemberPath& path, BeneathWriter& writer) {
-	if ((member.mode & kSpecialBits) != 0) {
-		throw Error("has a set-id or sticky bit");
-	}
+	Require((member.mode & kSpecialBits) == 0, "has a set-id or sticky bit");
 	switch (member.kind) {
 	case MemberKind::kFile:
 		WriteContent(reader, member, writer.CreateFile(path, (member.mode & kExecutableBits) != 0));

@@ -19,12 +19,8 @@ struct Limits {
 };
 
 /**
- * Extracts an archive that ArchiveFile::Check() has accepted.
- *
- * @param archive    the checked archive
- * @param directory  descriptor of the destination
- * @param members    names to extract; empty for all
- * @throws Error at the first member that breaks a rule; the members before it remain
+ * Extracts the named members, or all without names, of an archive that ArchiveFile::Check() has accepted. Throws Error
+ * at the first member that breaks a rule; the members before it remain.
  */
 void Extract(
     const ArchiveFile& archive, int directory, const std::vector<std::string>& members = {}, const Limits& limits = {});

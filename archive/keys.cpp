@@ -27,19 +27,16 @@ int RefusePassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*da
 
 using PemReader = EVP_PKEY* (*)(BIO*, EVP_PKEY**, pem_password_cb*, void*);
 
+/** Reads an Ed25519 key by one of OpenSSL's readers; never asks for a passphrase. */
 KeyHandle ReadPem(std::string_view pem, PemReader read) {
 	const BioHandle bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-	if (!bio) {
-		throw Error("no memory to read a key");
-	}
+	Require(bio != nullptr, "no memory to read a key");
 	KeyHandle key(read(bio.get(), nullptr, RefusePassphrase, nullptr));
 	ERR_clear_error();
+	Require(key != nullptr, "holds no key in PEM form that can be read without a passphrase");
+	Require(EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_ED25519, "holds a key of another kind than Ed25519");
 	return key;
 }
-
-struct DirectoryCloser {
-	void operator()(DIR* directory) const { closedir(directory); }
-};
 
 // Whoever can write a key, or the directory of keys, decides what is installed.
 void RequireGuarded(int fd, const std::string& what) {
@@ -62,7 +59,7 @@ bool IsKeyFileName(const std::string& name) {
 
 std::vector<std::string> KeyFileNames(int directory_fd, const std::string& directory) {
 	UniqueFd copy(fcntl(directory_fd, F_DUPFD_CLOEXEC, 0));
-	const std::unique_ptr<DIR, DirectoryCloser> stream(fdopendir(copy.Get()));
+	const Handle<DIR, closedir> stream(fdopendir(copy.Get()));
 	if (!stream) {
 		ThrowErrno("cannot read " + directory);
 	}
@@ -88,11 +85,6 @@ PublicKey ReadGuardedKey(int directory_fd, const std::string& name) {
 	return PublicKey::FromPem(ReadSmallFile(fd.Get(), kMaxKeyFileSize, "the file"));
 }
 
-/** Reads a key from PEM text by one of OpenSSL's readers; null when it holds none. Never asks for a passphrase. */
-KeyHandle ReadPublicPem(std::string_view pem) {
-	return ReadPem(pem, PEM_read_bio_PUBKEY);
-}
-
 /** As PublicKey::FromPem(), and tells a private key from what is no key at all. */
 PublicKey ReadPublicOnly(const std::string& pem) {
 	try {
@@ -111,19 +103,8 @@ KeyHandle ReadPrivatePem(std::string_view pem) {
 	return ReadPem(pem, PEM_read_bio_PrivateKey);
 }
 
-void RequireEd25519(const KeyHandle& key) {
-	if (!key) {
-		throw Error("holds no key in PEM form that can be read without a passphrase");
-	}
-	if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_ED25519) {
-		throw Error("holds a key of another kind than Ed25519");
-	}
-}
-
 PublicKey PublicKey::FromPem(std::string_view pem) {
-	KeyHandle key = ReadPublicPem(pem);
-	RequireEd25519(key);
-	return PublicKey(std::move(key));
+	return PublicKey(ReadPem(pem, PEM_read_bio_PUBKEY));
 }
 
 bool PublicKey::Verify(std::string_view message, const Signature& signature) const {
@@ -141,9 +122,8 @@ bool PublicKey::Verify(std::string_view message, const Signature& signature) con
 std::string PublicKey::Fingerprint() const {
 	Digest raw{};
 	std::size_t size = raw.size();
-	if (EVP_PKEY_get_raw_public_key(key_.get(), raw.data(), &size) != 1 || size != raw.size()) {
-		throw Error("cannot read a public key's bytes");
-	}
+	const bool is_read = EVP_PKEY_get_raw_public_key(key_.get(), raw.data(), &size) == 1 && size == raw.size();
+	Require(is_read, "cannot read a public key's bytes");
 	Sha256 digest;
 	digest.Add({reinterpret_cast<const char*>(raw.data()), raw.size()});
 	return digest.FinishHex();

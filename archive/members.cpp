@@ -15,32 +15,11 @@ namespace tarn::archive {
 
 namespace {
 
-std::vector<std::string> Components(std::string_view text) {
-	std::vector<std::string> components;
-	while (!text.empty()) {
-		const std::size_t end = text.find('/');
-		const std::string_view component = text.substr(0, end);
-		if (!component.empty() && component != ".") {
-			components.emplace_back(component);
-		}
-		text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-	}
-	return components;
-}
-
 void RequireRelative(std::string_view text) {
-	if (text.empty()) {
-		throw Error("is empty");
-	}
-	if (text.front() == '/') {
-		throw Error("is absolute");
-	}
-	if (text.size() >= PATH_MAX) {
-		throw Error("is too long");
-	}
-	if (text.find('\0') != std::string_view::npos) {
-		throw Error("holds a NUL");
-	}
+	Require(!text.empty(), "is empty");
+	Require(text.front() != '/', "is absolute");
+	Require(text.size() < PATH_MAX, "is too long");
+	Require(text.find('\0') == std::string_view::npos, "holds a NUL");
 }
 
 constexpr mode_t kDirectoryMode = 0755;
@@ -78,12 +57,8 @@ bool SameParent(const MemberPath& path, const MemberPath& parent) {
 
 MemberPath ParseMemberName(std::string_view name) {
 	RequireRelative(name);
-	MemberPath path = Components(name);
-	for (const std::string& component : path) {
-		if (component == "..") {
-			throw Error("leads out by \"..\"");
-		}
-	}
+	MemberPath path = PathSteps(name);
+	Require(std::find(path.begin(), path.end(), "..") == path.end(), "leads out by \"..\"");
 	if (path.size() > kMaxDepth) {
 		throw Error("has " + std::to_string(path.size()) + " components; the limit is " + std::to_string(kMaxDepth));
 	}
@@ -91,18 +66,14 @@ MemberPath ParseMemberName(std::string_view name) {
 }
 
 std::string Joined(const MemberPath& path) {
-	std::string text;
-	for (const std::string& component : path) {
-		text += (text.empty() ? "" : "/") + component;
-	}
-	return text;
+	return JoinSteps(path);
 }
 
 void CheckLinkTarget(const MemberPath& link, std::string_view target) {
 	RequireRelative(target);
 	std::size_t ups = 0;
 	bool leading = true;
-	for (const std::string& component : Components(target)) {
+	for (const std::string& component : PathSteps(target)) {
 		if (component != "..") {
 			leading = false;
 		} else if (!leading || ++ups >= link.size()) {
@@ -112,9 +83,7 @@ void CheckLinkTarget(const MemberPath& link, std::string_view target) {
 }
 
 int BeneathWriter::Parent(const MemberPath& path, Missing missing) {
-	if (path.empty()) {
-		throw Error("names the destination itself");
-	}
+	Require(!path.empty(), "names the destination itself");
 	if (path.size() == 1) {
 		return root_;
 	}
@@ -142,9 +111,7 @@ void BeneathWriter::RemoveExisting(int parent, const MemberPath& path) {
 	const std::string& name = path.back();
 	if (unlinkat(parent, name.c_str(), 0) != 0 && errno != ENOENT) {
 		const bool directory = errno == EISDIR || errno == EPERM;
-		if (!directory || unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0) {
-			ThrowErrno("cannot replace what is there");
-		}
+		RequireCall(directory && unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0, "cannot replace what is there");
 	}
 }
 
@@ -172,44 +139,30 @@ UniqueFd BeneathWriter::CreateFile(const MemberPath& path, bool executable) {
 		RemoveExisting(parent, path);
 		fd = UniqueFd(openat(parent, path.back().c_str(), kFlags, mode));
 	}
-	if (!fd) {
-		ThrowErrno("cannot create the file");
-	}
-	if (fchmod(fd.Get(), mode) != 0) {
-		ThrowErrno("cannot set the file's mode");
-	}
+	RequireCall(static_cast<bool>(fd), "cannot create the file");
+	RequireCall(fchmod(fd.Get(), mode) == 0, "cannot set the file's mode");
 	return fd;
 }
 
 void BeneathWriter::MakeSymlink(const MemberPath& path, const std::string& target) {
 	const int parent = Parent(path, Missing::kCreate);
 	RemoveExisting(parent, path);
-	if (symlinkat(target.c_str(), parent, path.back().c_str()) != 0) {
-		ThrowErrno("cannot create the symbolic link");
-	}
+	RequireCall(symlinkat(target.c_str(), parent, path.back().c_str()) == 0, "cannot create the symbolic link");
 }
 
 void BeneathWriter::MakeHardLink(const MemberPath& path, const MemberPath& target) {
-	if (path == target) {
-		throw Error("is a hard link to itself");
-	}
+	Require(path != target, "is a hard link to itself");
 	// Kept by a descriptor of its own, because looking up the link's parent moves the cached one on.
 	const UniqueFd from(fcntl(Parent(target, Missing::kFail), F_DUPFD_CLOEXEC, 0));
-	if (!from) {
-		ThrowErrno("cannot keep the link's directory open");
-	}
+	RequireCall(static_cast<bool>(from), "cannot keep the link's directory open");
 	struct stat status {};
-	if (fstatat(from.Get(), target.back().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-		ThrowErrno("cannot find its hard link's target");
-	}
-	if (!S_ISREG(status.st_mode)) {
-		throw Error("is a hard link to something else than a regular file");
-	}
+	const bool is_there = fstatat(from.Get(), target.back().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+	RequireCall(is_there, "cannot find its hard link's target");
+	Require(S_ISREG(status.st_mode), "is a hard link to something else than a regular file");
 	const int to = Parent(path, Missing::kCreate);
 	RemoveExisting(to, path);
-	if (linkat(from.Get(), target.back().c_str(), to, path.back().c_str(), 0) != 0) {
-		ThrowErrno("cannot create the hard link");
-	}
+	const bool is_linked = linkat(from.Get(), target.back().c_str(), to, path.back().c_str(), 0) == 0;
+	RequireCall(is_linked, "cannot create the hard link");
 }
 
 } // namespace tarn::archive

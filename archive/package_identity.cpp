@@ -95,12 +95,7 @@ bool HasName(const PackageIdentity& package, const std::string& file_name) {
 	return file_name == package.id + "_v" + version || file_name == package.id + "_debug";
 }
 
-/**
- * Reads a package's identity, as docs/formats.md describes it.
- *
- * @param metadata  the archive's metadata; its signature has been checked
- * @throws Error saying what is wrong in it
- */
+/** As docs/formats.md describes it; throws Error saying what is wrong in it. */
 PackageIdentity ReadPackageIdentity(std::string_view metadata) {
 	const Json::Value value = ParseObject(metadata);
 	PackageIdentity package;

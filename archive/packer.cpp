@@ -64,7 +64,6 @@ void JoinSmallest(std::vector<std::string>& groups) {
 	}
 }
 
-/** Cuts what is larger than a frame. */
 std::vector<std::string> CutToFrames(const std::vector<std::string>& groups) {
 	std::vector<std::string> pieces;
 	for (const std::string& group : groups) {

@@ -20,7 +20,6 @@ constexpr int kMinThoroughLevel = 10;
 constexpr int kMinMixedLevel = 16;
 constexpr int kDefaultLevel = 18;
 
-/** A frame that is compressed. */
 struct PackedFrame {
 	Frame frame; // without digest
 	std::string packed;
@@ -38,10 +37,7 @@ class Packer {
 public:
 	using FrameSink = std::function<void(const PackedFrame&)>;
 
-	/**
-	 * @param level      kMinLevel to kMaxLevel: fast to small
-	 * @param max_small  how large a small payload may be
-	 */
+	/** The level is from kMinLevel, fast, to kMaxLevel, small; max_small is how large a small payload may be. */
 	Packer(int level, std::uint64_t max_small, FrameSink sink)
 	    : level_(level), max_small_(max_small), sink_(std::move(sink)) {}
 

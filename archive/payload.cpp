@@ -117,9 +117,7 @@ void PayloadStream::Fill(std::size_t frame, Slot& slot, std::string& packed) con
 }
 
 TarReader::TarReader(PayloadStream& stream) : stream_(stream), reader_(archive_read_new()) {
-	if (!reader_) {
-		throw Error("cannot be read: no memory");
-	}
+	Require(reader_ != nullptr, "cannot be read: no memory");
 	if (archive_read_support_format_tar(reader_.get()) != ARCHIVE_OK ||
 	    archive_read_open(reader_.get(), this, nullptr, Feed, nullptr) != ARCHIVE_OK) {
 		Fail();
@@ -156,9 +154,8 @@ bool TarReader::Next(Member& member) {
 		Fail();
 	}
 	// How the extended form's names are read depends on the locale, and nobody here wants the attributes it carries.
-	if (archive_format(reader_.get()) == ARCHIVE_FORMAT_TAR_PAX_INTERCHANGE) {
-		throw Error("holds a tar in the extended (pax) form");
-	}
+	Require(
+	    archive_format(reader_.get()) != ARCHIVE_FORMAT_TAR_PAX_INTERCHANGE, "holds a tar in the extended (pax) form");
 	member.name = Text(archive_entry_pathname(entry));
 	member.kind = KindOf(entry);
 	member.mode = archive_entry_perm(entry);
@@ -180,9 +177,7 @@ std::string_view TarReader::NextContent() {
 	if (result != ARCHIVE_OK) {
 		Fail();
 	}
-	if (static_cast<std::uint64_t>(offset) != position_) {
-		throw Error("holds a sparse member");
-	}
+	Require(static_cast<std::uint64_t>(offset) == position_, "holds a sparse member");
 	position_ += size;
 	return {static_cast<const char*>(block), size};
 }

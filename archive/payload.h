@@ -3,6 +3,7 @@
 #define ARCHIVE_PAYLOAD_H
 
 #include "archive/file.h"
+#include "base/handle.h"
 #include "base/mutex.h"
 
 #include <archive.h>
@@ -12,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,11 +28,7 @@ namespace tarn::archive {
  */
 class PayloadStream {
 public:
-	/**
-	 * @param archive     outlives the stream
-	 * @param max_output  more decompressed bytes than these are an error
-	 * @throws Error
-	 */
+	/** The archive outlives the stream. Throws Error when it unpacks to more than max_output bytes. */
 	PayloadStream(const ArchiveFile& archive, std::uint64_t max_output);
 	PayloadStream(const PayloadStream&) = delete;
 	PayloadStream& operator=(const PayloadStream&) = delete;
@@ -78,7 +74,6 @@ struct Member {
 	std::string link; // target of either kind of link
 };
 
-/** Reads the members of a payload in order. */
 class TarReader {
 public:
 	/** Everything that a member may take in the tar beside its content: headers, long names, padding. */
@@ -90,7 +85,6 @@ public:
 	explicit TarReader(PayloadStream& stream);
 	TarReader(const TarReader&) = delete;
 	TarReader& operator=(const TarReader&) = delete;
-	~TarReader() = default;
 
 	/** Reads the next member's head; false at the end. Throws Error. */
 	[[nodiscard]] bool Next(Member& member);
@@ -98,17 +92,13 @@ public:
 	[[nodiscard]] std::string_view NextContent();
 
 private:
-	struct ReadDeleter {
-		void operator()(::archive* reader) const { archive_read_free(reader); }
-	};
-
 	static la_ssize_t Feed(::archive* reader, void* self, const void** block);
 	[[noreturn]] void Fail();
 
 	PayloadStream& stream_;
 	std::exception_ptr error_; // what the stream threw, carried past libarchive
 	std::uint64_t position_ = 0;
-	std::unique_ptr<::archive, ReadDeleter> reader_;
+	Handle<::archive, archive_read_free> reader_;
 };
 
 } // namespace tarn::archive

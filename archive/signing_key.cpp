@@ -52,9 +52,7 @@ void WriteKeyFile(const Draft& file, const std::string& content, mode_t mode) {
 
 void WarnOfOthers(int fd, const std::string& path, const std::function<void(const std::string&)>& warn) {
 	struct stat status {};
-	if (fstat(fd, &status) != 0) {
-		ThrowErrno("cannot get status");
-	}
+	RequireCall(fstat(fd, &status) == 0, "cannot get status");
 	constexpr mode_t kOfOthers = 077;
 	if ((status.st_mode & kOfOthers) != 0) {
 		std::ostringstream mode;
@@ -79,11 +77,8 @@ SigningKey SigningKey::Load(const std::string& path, const std::function<void(co
 	try {
 		// Unlike an archive a key may well be reached by a link, so that only the size is limited.
 		const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-		if (!fd) {
-			ThrowErrno("cannot be opened");
-		}
+		RequireCall(static_cast<bool>(fd), "cannot be opened");
 		KeyHandle key = ReadPrivatePem(ReadSmallFile(fd.Get(), kMaxKeyFileSize, "it"));
-		RequireEd25519(key);
 		WarnOfOthers(fd.Get(), path, warn);
 		return SigningKey(std::move(key));
 	} catch (const Error& error) {

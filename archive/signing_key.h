@@ -10,7 +10,6 @@
 
 namespace tarn::archive {
 
-/** An Ed25519 key that signs. */
 class SigningKey {
 public:
 	[[nodiscard]] static SigningKey Generate();
@@ -32,10 +31,8 @@ private:
 };
 
 /**
- * Writes a new key pair to PREFIX.key (mode 0600) and PREFIX.pub; never over a file that exists.
- *
- * @return the public key's fingerprint
- * @throws Error
+ * Writes a new key pair to PREFIX.key (mode 0600) and PREFIX.pub; never over a file that exists. Returns the public
+ * key's fingerprint, or throws Error.
  */
 std::string GenerateKeyFiles(const std::string& prefix);
 

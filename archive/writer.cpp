@@ -31,9 +31,7 @@ UniqueFd NamelessFile(const std::string& directory) {
 } // namespace
 
 TarWriter::TarWriter(Sink sink) : sink_(std::move(sink)), entry_(archive_entry_new()), writer_(archive_write_new()) {
-	if (!entry_ || !writer_) {
-		throw Error("There is no memory to pack.");
-	}
+	Require(entry_ && writer_, "There is no memory to pack.");
 	// The GNU form keeps names as the bytes they are, however long, and needs no locale.
 	Check(archive_write_set_format_gnutar(writer_.get()));
 	Check(archive_write_set_bytes_per_block(writer_.get(), 0));
@@ -80,9 +78,7 @@ void TarWriter::WriteContent(std::string_view bytes) {
 	while (!bytes.empty()) {
 		const la_ssize_t count = archive_write_data(writer_.get(), bytes.data(), bytes.size());
 		Check(count);
-		if (count == 0) {
-			throw Error("The package could not be packed: a file is longer than announced.");
-		}
+		Require(count > 0, "The package could not be packed: a file is longer than announced.");
 		bytes.remove_prefix(static_cast<std::size_t>(count));
 	}
 }
@@ -110,9 +106,7 @@ void ArchiveSealer::Append(Frame frame, std::string_view packed) {
 
 std::uint64_t ArchiveSealer::Seal(
     ArchiveHead head, std::string_view metadata, const SigningKey& key, int archive_fd, const std::string& path) {
-	if (metadata.size() > kMaxMetadataSize) {
-		throw Error("The package's metadata would be too long.");
-	}
+	Require(metadata.size() <= kMaxMetadataSize, "The package's metadata would be too long.");
 	head.payload_size = payload_size_;
 	head.frame_count = static_cast<std::uint32_t>(table_.size() / kFrameEntrySize);
 	head.metadata_size = static_cast<std::uint32_t>(metadata.size());

@@ -4,6 +4,7 @@
 
 #include "archive/head.h"
 #include "archive/signing_key.h"
+#include "base/handle.h"
 #include "base/unique_fd.h"
 
 #include <archive.h>
@@ -12,10 +13,8 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace tarn::archive {
 
@@ -28,7 +27,6 @@ public:
 	explicit TarWriter(Sink sink);
 	TarWriter(const TarWriter&) = delete;
 	TarWriter& operator=(const TarWriter&) = delete;
-	~TarWriter() = default;
 
 	void BeginFile(const std::string& name, std::uint64_t size, bool executable);
 	void WriteContent(std::string_view bytes);
@@ -39,20 +37,13 @@ public:
 	void Finish();
 
 private:
-	struct WriteDeleter {
-		void operator()(::archive* writer) const { archive_write_free(writer); }
-	};
-	struct EntryDeleter {
-		void operator()(archive_entry* entry) const { archive_entry_free(entry); }
-	};
-
 	static la_ssize_t Drain(::archive* writer, void* self, const void* block, std::size_t size);
 	void Check(la_ssize_t result);
 
 	Sink sink_;
 	std::exception_ptr error_; // what the sink threw, carried past libarchive
-	std::unique_ptr<archive_entry, EntryDeleter> entry_;
-	std::unique_ptr<::archive, WriteDeleter> writer_;
+	Handle<archive_entry, archive_entry_free> entry_;
+	Handle<::archive, archive_write_free> writer_;
 };
 
 /**
@@ -64,20 +55,12 @@ public:
 	/** @param directory  where the collecting file gets its space, best the archive's own directory */
 	explicit ArchiveSealer(const std::string& directory);
 
-	/**
-	 * The next frame of the payload; its digest is computed here.
-	 *
-	 * @param packed  its bytes, compressed as the frame says
-	 */
+	/** The next frame of the payload, whose bytes are compressed as the frame says; its digest is computed here. */
 	void Append(Frame frame, std::string_view packed);
 
 	/**
-	 * Writes the archive.
-	 *
-	 * @param head      key type, entries and unpacked bytes; the rest is filled in here
-	 * @param metadata  JSON text
-	 * @param path      names the archive in errors
-	 * @return the archive's size
+	 * Writes the archive, and returns its size. The head has key type, entries and unpacked bytes; the rest is filled
+	 * in here. The path names the archive in errors.
 	 */
 	std::uint64_t Seal(
 	    ArchiveHead head, std::string_view metadata, const SigningKey& key, int archive_fd, const std::string& path);

@@ -2,6 +2,9 @@
 #ifndef BASE_ERROR_H
 #define BASE_ERROR_H
 
+#include "base/text.h"
+
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 
@@ -21,7 +24,16 @@ inline void Require(bool holds, const char* reason) {
 }
 
 /** Throws Error with ErrnoText() of the current errno. */
-[[noreturn]] void ThrowErrno(const std::string& attempt);
+[[noreturn]] inline void ThrowErrno(const std::string& attempt) {
+	throw Error(ErrnoText(attempt, errno));
+}
+
+/** Does so unless a call of the system has succeeded. */
+inline void RequireCall(bool has_succeeded, const char* attempt) {
+	if (!has_succeeded) {
+		ThrowErrno(attempt);
+	}
+}
 
 } // namespace tarn
 

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string_view>
 #include <system_error>
 
 namespace tarn {
@@ -88,29 +87,19 @@ UniqueFd OpenRegularFile(int directory, const std::string& path) {
 	// O_NONBLOCK, because opening a FIFO for reading would otherwise wait for a writer.
 	UniqueFd fd(openat(directory, path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
 	if (!fd) {
-		if (errno == ELOOP) {
-			throw Error("is a symbolic link, not a regular file");
-		}
-		if (errno == ENOENT) {
-			throw Error("is missing");
-		}
+		Require(errno != ELOOP, "is a symbolic link, not a regular file");
+		Require(errno != ENOENT, "is missing");
 		ThrowErrno("cannot be opened");
 	}
 	struct stat status {};
-	if (fstat(fd.Get(), &status) != 0) {
-		ThrowErrno("cannot get status");
-	}
-	if (!S_ISREG(status.st_mode)) {
-		throw Error("is not a regular file");
-	}
+	RequireCall(fstat(fd.Get(), &status) == 0, "cannot get status");
+	Require(S_ISREG(status.st_mode), "is not a regular file");
 	return fd;
 }
 
 bool ReadFullyAt(int fd, void* buffer, std::size_t size, std::uint64_t offset) {
 	const ssize_t count = ReadAllAt(fd, buffer, size, offset);
-	if (count < 0) {
-		ThrowErrno("cannot read");
-	}
+	RequireCall(count >= 0, "cannot read");
 	return static_cast<std::size_t>(count) == size;
 }
 
@@ -167,6 +156,11 @@ bool LockExclusively(int fd, const std::function<void()>& waiting) {
 		waiting();
 	}
 	return RetryOnInterrupt([fd] { return flock(fd, LOCK_EX); }) == 0;
+}
+
+bool SyncFile(const std::string& path) {
+	const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	return file ? fsync(file.Get()) == 0 : errno == ENOENT;
 }
 
 bool SyncDirectory(const std::string& path) {

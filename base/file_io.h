@@ -32,12 +32,7 @@ auto RetryOnInterrupt(Call call) {
 /** Reads from an offset until the buffer is full or the file ends; the bytes read, or -1 with errno set. */
 [[nodiscard]] ssize_t ReadAllAt(int fd, void* buffer, std::size_t size, std::uint64_t offset);
 
-/**
- * Opens a regular file for reading, links not followed.
- *
- * @param directory  descriptor that a relative path starts from, or AT_FDCWD
- * @throws Error when it cannot be opened or is no regular file
- */
+/** Opens a regular file for reading, links not followed. The directory is a descriptor or AT_FDCWD. Throws Error. */
 [[nodiscard]] UniqueFd OpenRegularFile(int directory, const std::string& path);
 
 /** ReadAllAt() for a full buffer: false when the file ends before, Error when it cannot be read. */
@@ -91,6 +86,9 @@ private:
  * False with errno set when that fails.
  */
 [[nodiscard]] bool LockExclusively(int fd, const std::function<void()>& waiting);
+
+/** Brings a file's content to the disk, if there is such a file; false with errno set when that fails. */
+[[nodiscard]] bool SyncFile(const std::string& path);
 
 /** Brings a directory's entries to the disk; false with errno set when that fails. */
 [[nodiscard]] bool SyncDirectory(const std::string& path);

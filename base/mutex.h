@@ -30,7 +30,6 @@ private:
 	std::mutex mutex_;
 };
 
-/** Holds a mutex as long as it lives. */
 class TARN_THREAD_ANNOTATION(scoped_lockable) MutexLock {
 public:
 	explicit MutexLock(Mutex& mutex) TARN_THREAD_ANNOTATION(acquire_capability(mutex)) : mutex_(mutex) {

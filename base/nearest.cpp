@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <numeric>
 
 namespace tarn {
 
@@ -53,10 +54,8 @@ std::string Describe(const std::string& prefix, const std::string& word, const s
 
 std::size_t EditDistance(const std::string& left, const std::string& right) {
 	Row before;
-	Row last;
-	for (std::size_t to = 0; to <= right.size(); ++to) {
-		last.push_back(to);
-	}
+	Row last(right.size() + 1);
+	std::iota(last.begin(), last.end(), std::size_t{0});
 	for (std::size_t at = 1; at <= left.size(); ++at) {
 		Row row = NextRow(left, right, at, last, before);
 		before = std::move(last);

@@ -13,7 +13,6 @@ extern "C" {
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -58,10 +57,8 @@ int OpenReportPipe(Plan& plan) {
 	if (pipe2(ends.data(), O_CLOEXEC) != 0) {
 		return errno;
 	}
-	plan.report_from = UniqueFd(ends[0]);
-	plan.report_to = UniqueFd(ends[1]);
-	plan.report_from = AboveStreams(std::move(plan.report_from));
-	plan.report_to = AboveStreams(std::move(plan.report_to));
+	plan.report_from = AboveStreams(UniqueFd(ends[0]));
+	plan.report_to = AboveStreams(UniqueFd(ends[1]));
 	return plan.report_from && plan.report_to ? 0 : errno;
 }
 

@@ -25,7 +25,6 @@ constexpr int kInheritStream = -1;
 /** A stream of the child that is /dev/null. */
 constexpr int kNullStream = -2;
 
-/** A program to be started. */
 struct Program {
 	std::string path;
 	/** Whether a path without "/" is looked for along the caller's PATH, and a file without "#!" given to the shell. */

@@ -9,10 +9,7 @@ namespace tarn {
 
 namespace {
 
-struct AlgorithmCloser {
-	void operator()(EVP_MD* algorithm) const { EVP_MD_free(algorithm); }
-};
-using AlgorithmHandle = std::unique_ptr<EVP_MD, AlgorithmCloser>;
+using AlgorithmHandle = Handle<EVP_MD, EVP_MD_free>;
 
 template<std::size_t kBytes>
 constexpr const char* kName = kBytes == sizeof(Sha256::Digest) ? "SHA-256" : "SHA-384";

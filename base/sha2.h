@@ -2,11 +2,12 @@
 #ifndef BASE_SHA2_H
 #define BASE_SHA2_H
 
+#include "base/handle.h"
+
 #include <openssl/evp.h>
 
 #include <array>
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -28,14 +29,10 @@ public:
 	/** Finish() in lower-case hexadecimal digits. */
 	[[nodiscard]] std::string FinishHex();
 
-	/** The digest of bytes that are all there. */
 	[[nodiscard]] static Digest Of(std::string_view bytes);
 
 private:
-	struct Closer {
-		void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-	};
-	std::unique_ptr<EVP_MD_CTX, Closer> context_;
+	Handle<EVP_MD_CTX, EVP_MD_CTX_free> context_;
 };
 
 using Sha256 = Sha2<32>;

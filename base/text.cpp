@@ -80,6 +80,27 @@ std::string WithoutEnd(std::string text, const char* end) {
 	return text.erase(text.find_last_not_of(end) + 1);
 }
 
+std::vector<std::string> PathSteps(std::string_view path) {
+	std::vector<std::string> steps;
+	while (!path.empty()) {
+		const std::size_t end = std::min(path.find('/'), path.size());
+		const std::string_view step = path.substr(0, end);
+		if (!step.empty() && step != ".") {
+			steps.emplace_back(step);
+		}
+		path.remove_prefix(std::min(end + 1, path.size()));
+	}
+	return steps;
+}
+
+std::string JoinSteps(const std::vector<std::string>& steps) {
+	std::string path;
+	for (const std::string& step : steps) {
+		path += (path.empty() ? "" : "/") + step;
+	}
+	return path;
+}
+
 bool StartsWith(std::string_view text, std::string_view prefix) {
 	return text.substr(0, prefix.size()) == prefix;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarn {
 
@@ -29,6 +30,11 @@ std::string HumanSize(std::uint64_t bytes);
 
 /** A text without any of the characters at its end, such as a sentence that is to be continued. */
 std::string WithoutEnd(std::string text, const char* end = ".");
+
+/** The components of a path without those that lead nowhere, which are empty ones and ".". */
+std::vector<std::string> PathSteps(std::string_view path);
+/** Such components with "/" between them. */
+std::string JoinSteps(const std::vector<std::string>& steps);
 
 bool StartsWith(std::string_view text, std::string_view prefix);
 bool EndsWith(std::string_view text, std::string_view suffix);

@@ -1,5 +1,6 @@
 #include "base/volume_safety.h"
 
+#include "base/text.h"
 #include "base/unique_fd.h"
 
 #include <climits>
@@ -15,7 +16,6 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
-#include <sstream>
 #include <utility>
 
 namespace tarn {
@@ -66,13 +66,7 @@ const char* Fault(const struct stat& info, Role role) {
 
 /** Puts the components of a path in front of others. */
 void PutInFront(const std::string& path, std::deque<std::string>& names) {
-	std::deque<std::string> own;
-	std::istringstream stream(path);
-	for (std::string name; std::getline(stream, name, '/');) {
-		if (!name.empty() && name != ".") {
-			own.push_back(std::move(name));
-		}
-	}
+	const std::vector<std::string> own = PathSteps(path);
 	names.insert(names.begin(), own.begin(), own.end());
 }
 
@@ -87,7 +81,6 @@ UnsafePlace RefuseUnknown(const std::string& path) {
 /** Goes down from the file system's root, one component after the other, each opened below the last one. */
 class Walk {
 public:
-	/** Begins at "/". */
 	Walk() : at_(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 
 	/** Goes to a directory. Its own name is no link; links on the way are followed. */

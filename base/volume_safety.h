@@ -15,7 +15,6 @@
 
 namespace tarn {
 
-/** A place that is not safe. */
 struct UnsafePlace {
 	std::string path;
 	/** The rest of a sentence that begins with the path: "belongs to another user". */
@@ -27,10 +26,7 @@ struct UnsafePlace {
  * root or to the caller, and not be writable by its group or by others. Directories on the way may be writable by
  * others when they are sticky, as "/tmp" is; links on the way are followed when they are root's or the caller's. What
  * is missing is safe: nobody else can make it. Each step is opened and judged by its descriptor, so that nothing is
- * exchanged between.
- *
- * @param directory  an absolute path
- * @return the first unsafe place, no value when all is safe
+ * exchanged between. Returns the first unsafe place of an absolute path, no value when all is safe.
  */
 std::optional<UnsafePlace> FindUnsafePlace(const std::string& directory);
 

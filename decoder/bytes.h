@@ -2,11 +2,12 @@
 #ifndef DECODER_BYTES_H
 #define DECODER_BYTES_H
 
+#include "base/handle.h"
+
 #include <xxhash.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -69,11 +70,7 @@ public:
 	std::string Hex() const;
 
 private:
-	struct FreeState {
-		void operator()(XXH3_state_t* state) const { XXH3_freeState(state); }
-	};
-
-	std::unique_ptr<XXH3_state_t, FreeState> state_;
+	Handle<XXH3_state_t, XXH3_freeState> state_;
 };
 
 } // namespace tarn::decoder

@@ -27,41 +27,34 @@ constexpr Instruction Copy(Byte size, Byte mode) {
 	return {InstructionType::kCopy, size, mode};
 }
 
-/** Fills a table from its beginning. */
-class TableFiller {
-public:
-	explicit TableFiller(CodeTable& table) : next_(table.entries.begin()) {}
-	void Put(Instruction first, Instruction second = {}) { *next_++ = {first, second}; }
+/** Where the next entry of a table goes. */
+using Next = decltype(CodeTable::entries)::iterator;
 
-private:
-	decltype(CodeTable::entries)::iterator next_;
-};
-
-void PutSingles(TableFiller& filler) {
-	filler.Put({InstructionType::kRun, 0, 0});
+void PutSingles(Next& next) {
+	*next++ = {{InstructionType::kRun, 0, 0}, {}};
 	for (Byte size = 0; size <= kLargestAdd; ++size) {
-		filler.Put(Add(size));
+		*next++ = {Add(size), {}};
 	}
 	for (Byte mode = 0; mode < kModes; ++mode) {
-		filler.Put(Copy(0, mode));
+		*next++ = {Copy(0, mode), {}};
 		for (Byte size = kSmallestCopy; size <= kLargestCopy; ++size) {
-			filler.Put(Copy(size, mode));
+			*next++ = {Copy(size, mode), {}};
 		}
 	}
 }
 
-void PutPairs(TableFiller& filler) {
+void PutPairs(Next& next) {
 	constexpr Byte kLargestCopyAfterAdd = 6;
 	for (Byte mode = 0; mode < kModes; ++mode) {
 		const Byte largest = mode < kFirstSameMode ? kLargestCopyAfterAdd : kSmallestCopy;
 		for (Byte add = 1; add <= kLargestAddInPair; ++add) {
 			for (Byte copy = kSmallestCopy; copy <= largest; ++copy) {
-				filler.Put(Add(add), Copy(copy, mode));
+				*next++ = {Add(add), Copy(copy, mode)};
 			}
 		}
 	}
 	for (Byte mode = 0; mode < kModes; ++mode) {
-		filler.Put(Copy(kSmallestCopy, mode), Add(1));
+		*next++ = {Copy(kSmallestCopy, mode), Add(1)};
 	}
 }
 
@@ -165,9 +158,9 @@ void AddressCache::Remember(std::uint64_t address) {
 
 CodeTable DefaultCodeTable() {
 	CodeTable table;
-	TableFiller filler(table);
-	PutSingles(filler);
-	PutPairs(filler);
+	auto next = table.entries.begin();
+	PutSingles(next);
+	PutPairs(next);
 	return table;
 }
 

@@ -4,7 +4,6 @@
 #include "decoder/patch_header.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace tarn::decoder {
 
@@ -53,7 +52,6 @@ void CheckPromise(
 	}
 }
 
-/** One patch from its first byte to its last. */
 class PatchDecoder {
 public:
 	PatchDecoder(

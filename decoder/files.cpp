@@ -1,11 +1,8 @@
 #include "decoder/files.h"
 
-#include "base/file_io.h"
 #include "base/text.h"
-#include "decoder/bytes.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -68,16 +65,12 @@ InputFile::InputFile(std::string path)
     : path_(std::move(path)),
       // Opening a FIFO would otherwise wait for somebody to write into it.
       fd_(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
-	struct stat status = {};
-	if (!fd_ || fstat(fd_.Get(), &status) != 0) {
+	if (!fd_ || fstat(fd_.Get(), &status_) != 0) {
 		FailWithErrno(path_, "opened");
 	}
-	if (!S_ISREG(status.st_mode)) {
+	if (!S_ISREG(status_.st_mode)) {
 		throw DecodeError(path_ + " is not a regular file.");
 	}
-	size_ = static_cast<std::uint64_t>(status.st_size);
-	device_ = status.st_dev;
-	inode_ = status.st_ino;
 }
 
 void InputFile::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const {
@@ -86,7 +79,7 @@ void InputFile::ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const
 
 bool InputFile::IsAt(const std::string& path) const {
 	struct stat status = {};
-	return stat(path.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+	return stat(path.c_str(), &status) == 0 && status.st_dev == status_.st_dev && status.st_ino == status_.st_ino;
 }
 
 OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
@@ -99,12 +92,11 @@ OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
 
 std::string OutputFile::DrawTemporaryName() const {
 	std::random_device chance;
-	const std::size_t slash = path_.rfind('/');
-	const std::string name = slash == std::string::npos ? path_ : path_.substr(slash + 1);
+	const std::size_t name_begin = path_.rfind('/') + 1;
 	// Cut, so that a name of the greatest length still has one beside it.
 	constexpr std::size_t kKept = 200;
-	return (slash == std::string::npos ? "" : path_.substr(0, slash + 1)) + "." + name.substr(0, kKept) + "." +
-	       std::to_string(chance()) + ".part";
+	return path_.substr(0, name_begin) + "." + path_.substr(name_begin, kKept) + "." + std::to_string(chance()) +
+	       ".part";
 }
 
 void OutputFile::CreateNamed() {

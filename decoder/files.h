@@ -6,7 +6,7 @@
 #include "base/unique_fd.h"
 #include "decoder/bytes.h"
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -19,7 +19,7 @@ public:
 	explicit InputFile(std::string path);
 
 	const std::string& Name() const override { return path_; }
-	std::uint64_t Size() const override { return size_; }
+	std::uint64_t Size() const override { return static_cast<std::uint64_t>(status_.st_size); }
 	void ReadAt(std::uint64_t offset, Byte* to, std::size_t length) const override;
 
 	/** Whether a path leads to this very file, by whatever name. */
@@ -28,9 +28,7 @@ public:
 private:
 	std::string path_;
 	UniqueFd fd_;
-	std::uint64_t size_ = 0;
-	dev_t device_ = 0;
-	ino_t inode_ = 0;
+	struct stat status_ = {};
 };
 
 /**

@@ -72,18 +72,9 @@ void ReadMagic(SectionReader& reader) {
 	reader.Fail("secondary compression (" + name + ") is not supported");
 }
 
-/** The end of a part whose length comes next; it lies within the patch. */
-std::uint64_t ReadPartEnd(SectionReader& reader, const std::string& what) {
-	const std::uint64_t length = reader.ReadInteger();
-	if (length > reader.Remaining()) {
-		reader.Fail(what + " of " + std::to_string(length) + " bytes goes beyond the patch's end");
-	}
-	return reader.Position() + length;
-}
-
 PatchHeader::CustomTable ReadCustomTable(SectionReader& reader, std::uint64_t patch_end) {
 	PatchHeader::CustomTable table;
-	table.end = ReadPartEnd(reader, "a code table");
+	table.end = reader.ReadPartEnd("a code table of");
 	reader.Open("code table", reader.Position(), table.end);
 	table.caches.near = reader.ReadByte();
 	table.caches.same = reader.ReadByte();
@@ -96,13 +87,8 @@ PatchHeader::CustomTable ReadCustomTable(SectionReader& reader, std::uint64_t pa
 	return table;
 }
 
-/** Whether a text is meant to be ours, well formed or not. */
-bool IsOurApplicationHeader(const std::string& text) {
-	return StartsWith(text, kPromiseMagic);
-}
-
 std::optional<Promise> ReadApplicationHeader(SectionReader& reader, std::uint64_t patch_end) {
-	const std::uint64_t end = ReadPartEnd(reader, "an application header");
+	const std::uint64_t end = reader.ReadPartEnd("an application header of");
 	const std::uint64_t length = end - reader.Position();
 	// Nothing longer is ever held: what is cut is too long to be one of ours, and of others nobody reads anything.
 	std::string text(static_cast<std::size_t>(std::min<std::uint64_t>(length, kLongestApplicationHeader)), '\0');
@@ -110,7 +96,7 @@ std::optional<Promise> ReadApplicationHeader(SectionReader& reader, std::uint64_
 		character = static_cast<char>(reader.ReadByte());
 	}
 	std::optional<Promise> promise;
-	if (IsOurApplicationHeader(text)) {
+	if (StartsWith(text, kPromiseMagic)) { // It is meant to be ours, well formed or not.
 		promise = ParseApplicationHeader(text);
 		if (!promise) {
 			reader.Fail("the application header is malformed");

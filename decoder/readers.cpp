@@ -125,6 +125,14 @@ void SectionReader::Read(Byte* to, std::size_t length) {
 	}
 }
 
+std::uint64_t SectionReader::ReadPartEnd(const std::string& part) {
+	const std::uint64_t length = ReadInteger();
+	if (length > Remaining()) {
+		Fail(part + " " + std::to_string(length) + " bytes goes beyond the patch's end");
+	}
+	return Position() + length;
+}
+
 void SectionReader::Fail(const std::string& problem) const {
 	throw DecodeError(patch_.Name() + ", byte " + std::to_string(Position()) + ": " + problem + ".");
 }

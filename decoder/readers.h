@@ -57,6 +57,8 @@ public:
 		return first < kContinued ? first : ReadLongInteger(first);
 	}
 	void Read(Byte* to, std::size_t length);
+	/** The end of a part whose length comes next; throws when it goes beyond the section. `part` begins the reason. */
+	std::uint64_t ReadPartEnd(const std::string& part);
 
 	/** Throws a DecodeError that names the patch, the place just reached, and what is wrong there. */
 	[[noreturn]] void Fail(const std::string& problem) const;

@@ -34,15 +34,6 @@ void ReadSegment(SectionReader& reader, WindowHeader& header, const WindowLimits
 	}
 }
 
-/** The end of the window, from the length of all that follows. */
-std::uint64_t ReadWindowEnd(SectionReader& reader) {
-	const std::uint64_t length = reader.ReadInteger();
-	if (length > reader.Remaining()) {
-		reader.Fail("a window of " + std::to_string(length) + " bytes goes beyond the patch's end");
-	}
-	return reader.Position() + length;
-}
-
 void CheckTargetSize(const SectionReader& reader, std::uint64_t size, const WindowLimits& limits) {
 	if (size > limits.output_limit - limits.output_size) {
 		reader.Fail("the window would make the output larger than " + std::to_string(limits.output_limit) +
@@ -105,7 +96,7 @@ WindowHeader ReadWindowHeader(SectionReader& reader, const WindowLimits& limits)
 		header.origin = (indicator & kSource) != 0 ? SegmentOrigin::kSource : SegmentOrigin::kTarget;
 		ReadSegment(reader, header, limits);
 	}
-	const std::uint64_t end = ReadWindowEnd(reader);
+	const std::uint64_t end = reader.ReadPartEnd("a window of");
 	reader.Open("window", reader.Position(), end);
 	header.target_size = reader.ReadInteger();
 	CheckTargetSize(reader, header.target_size, limits);
