@@ -28,10 +28,6 @@ namespace {
 
 using tarn::Require;
 
-std::string KeyDirectory(int key_type) {
-	return "/usr/tarn/etc/codesign/" + std::to_string(key_type);
-}
-
 /** Why a thread's last call failed. Of a fixed size, so that keeping a reason never fails itself. */
 struct Refusal {
 	tarnarchive_refusal_kind kind = TARNARCHIVE_NO_REFUSAL;
@@ -64,7 +60,7 @@ bool LoggingFailure(const char* path, const Function& function) noexcept {
 }
 
 /** Who is told of opened packages; set and read by any thread. */
-class Observer {
+class {
 public:
 	void Set(tarnarchive_observer function, void* data) {
 		const tarn::MutexLock guard(mutex_);
@@ -84,20 +80,11 @@ private:
 	tarn::Mutex mutex_;
 	tarnarchive_observer function_ TARN_GUARDED_BY(mutex_) = nullptr;
 	void* data_ TARN_GUARDED_BY(mutex_) = nullptr;
-};
-
-Observer& TheObserver() {
-	static Observer observer;
-	return observer;
-}
-
-std::string FileName(const std::string& path) {
-	return path.substr(path.rfind('/') + 1);
-}
+} the_observer;
 
 /** A key with a slip in its permissions looks like a missing one, so the skipped files and the reasons are told. */
 void CheckByInstalledKeys(const tarn::archive::ArchiveFile& archive, int key_type) {
-	const std::string directory = KeyDirectory(key_type);
+	const std::string directory = "/usr/tarn/etc/codesign/" + std::to_string(key_type);
 	std::string skipped;
 	const auto keys =
 	    tarn::archive::LoadTrustedKeys(directory, [&](const std::string& name, const std::string& reason) {
@@ -125,9 +112,7 @@ struct tarnarchive* tarnarchive_init(const char* destination) {
 	LoggingFailure(destination == nullptr ? "(null)" : destination, [&] {
 		Require(destination != nullptr, "no destination");
 		tarn::UniqueFd directory(open(destination, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-		if (!directory) {
-			tarn::ThrowErrno("cannot extract into it");
-		}
+		tarn::RequireCall(static_cast<bool>(directory), "cannot extract into it");
 		context = std::make_unique<tarnarchive>();
 		context->directory = std::move(directory);
 	});
@@ -143,8 +128,9 @@ bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* pack
 		tarn::archive::ArchiveFile archive(package);
 		CheckByInstalledKeys(archive, key_type);
 		if (key_type == TARNARCHIVE_KEYTYPE_DATA_UPDATE) {
-			tarn::archive::RequireAskedFor(archive.Metadata(), FileName(package));
-			TheObserver().Tell(package, std::string(archive.Metadata()));
+			const std::string path = package;
+			tarn::archive::RequireAskedFor(archive.Metadata(), path.substr(path.rfind('/') + 1));
+			the_observer.Tell(package, std::string(archive.Metadata()));
 		}
 		context->package = package;
 		context->archive = std::move(archive);
@@ -188,5 +174,5 @@ bool tarnarchive_announced_size(const char* package, unsigned long long* bytes) 
 }
 
 void tarnarchive_observe(tarnarchive_observer observer, void* data) {
-	TheObserver().Set(observer, data);
+	the_observer.Set(observer, data);
 }

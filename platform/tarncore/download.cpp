@@ -2,7 +2,6 @@
 
 #include "base/file_io.h"
 #include "base/mutex.h"
-#include "base/settings_lines.h"
 #include "base/unique_fd.h"
 #include "platform/tarncore/complaints.h"
 #include "platform/tarncore/environment.h"
@@ -69,40 +68,29 @@ DownloadEnd NoSpace() {
 
 constexpr std::chrono::milliseconds kPeriod(100);
 
+/** Where the client finds the settings that always hold: its standard input. */
+constexpr const char* kFixedSettingsPath = "/proc/self/fd/0";
 /** The protections of the shipped settings file, which hold as well while that file is missing or not trusted. */
 constexpr char kSettings[] = "netrc = off\nhsts = off\nmax_redirect = 5\nread_timeout = 60\n";
 
-struct Limiter {
+/** The host's function to ask, and what it wants to be handed. */
+struct {
 	Mutex mutex;
 	TLIBCDownloadLimiter ask TARN_GUARDED_BY(mutex) = nullptr;
 	void* data TARN_GUARDED_BY(mutex) = nullptr;
-};
+} limiter;
 
-Limiter& HostLimiter() {
-	static Limiter limiter;
-	return limiter;
-}
+/** What TLIBCDownloadFailureGet() returns. */
+thread_local std::string last_failure;
 
-std::string& LastFailure() {
-	thread_local std::string text;
-	return text;
-}
-
-/** Asks the host, if it has set a function to ask. */
 TLIBCDownloadLimits AskForLimits(const Download& download) {
 	TLIBCDownloadLimits limits = {};
-	Limiter& limiter = HostLimiter();
 	// Held during the call, so that nobody is asked any more once another function has been set.
 	const MutexLock guard(limiter.mutex);
 	if (limiter.ask != nullptr) {
 		limiter.ask(download.url.c_str(), download.file.c_str(), &limits, limiter.data);
 	}
 	return limits;
-}
-
-/** Sets what TLIBCDownloadFailureGet() returns in this thread. */
-void KeepDownloadFailure(const std::string& text) {
-	LastFailure() = text;
 }
 
 /** A file in memory that holds the fixed settings; empty with errno set when it cannot be made. */
@@ -136,7 +124,7 @@ std::string DescribeSpace(const std::string& file) {
 int Tell(const Download& download, DownloadEnd end) {
 	end.text += end.reason == TLIBC_DOWNLOAD_NO_SPACE ? DescribeSpace(download.file) : "";
 	syslog(LOG_WARNING, "tarncore: the download of '%s' was ended: %s", download.url.c_str(), end.text.c_str());
-	KeepDownloadFailure(end.text);
+	last_failure = end.text;
 	return TLIBC_ERR_DOWNLOAD + end.reason;
 }
 
@@ -181,7 +169,9 @@ DownloadGuard::DownloadGuard(const DownloadSettings& settings, const TLIBCDownlo
 bool DownloadGuard::MayGoOn(std::uint64_t size, const std::optional<Space>& space, Clock::time_point now) {
 	CheckSpace(size, space);
 	CheckRate(size, now);
-	CheckDeadline(now);
+	if (now - begin_ >= settings_.deadline) {
+		end_ = {TLIBC_DOWNLOAD_TOO_LONG, "it did not end within its deadline of " + Seconds(settings_.deadline)};
+	}
 	return !end_;
 }
 
@@ -213,12 +203,6 @@ void DownloadGuard::CheckRate(std::uint64_t size, Clock::time_point now) {
 	}
 }
 
-void DownloadGuard::CheckDeadline(Clock::time_point now) {
-	if (now - begin_ >= settings_.deadline) {
-		end_ = {TLIBC_DOWNLOAD_TOO_LONG, "it did not end within its deadline of " + Seconds(settings_.deadline)};
-	}
-}
-
 std::optional<Download> AsDownload(const process::Program& program) {
 	const std::vector<std::string>& arguments = program.arguments;
 	const auto output = std::find(arguments.begin(), arguments.end(), "-O");
@@ -232,7 +216,7 @@ std::optional<Download> AsDownload(const process::Program& program) {
 
 int RunDownload(process::Program& program, const Download& download, int& status) {
 	using Clock = DownloadGuard::Clock;
-	KeepDownloadFailure("");
+	last_failure.clear();
 	DownloadGuard guard(
 	    ReadDownloadSettings(), AskForLimits(download), SpaceFor(download.file), FileSize(download.file), Clock::now());
 	program.largest_file = guard.LargestFile();
@@ -271,19 +255,19 @@ int RunDownload(process::Program& program, const Download& download, int& status
 		return Tell(download, *guard.End());
 	}
 	complaints.Drain();
-	KeepDownloadFailure(succeeded ? "" : complaints.Last());
+	last_failure = succeeded ? "" : complaints.Last();
 	return 0;
 }
 
 } // namespace tarn::core
 
-void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter limiter, void* data) {
-	tarn::core::Limiter& own = tarn::core::HostLimiter();
-	const tarn::MutexLock guard(own.mutex);
-	own.ask = limiter;
-	own.data = data;
+void TLIBCDownloadLimiterSet(TLIBCDownloadLimiter ask, void* data) {
+	using tarn::core::limiter;
+	const tarn::MutexLock guard(limiter.mutex);
+	limiter.ask = ask;
+	limiter.data = data;
 }
 
 const char* TLIBCDownloadFailureGet() {
-	return tarn::core::LastFailure().c_str();
+	return tarn::core::last_failure.c_str();
 }

@@ -33,7 +33,6 @@ struct DownloadSettings {
  */
 DownloadSettings ReadDownloadSettings(const std::string& path = kDownloadSettingsPath, uid_t owner = 0);
 
-/** Why a download was ended. */
 struct DownloadEnd {
 	TLIBCDownloadEnd reason;
 	std::string text; ///< The end of a sentence: "it ...".
@@ -58,11 +57,7 @@ class DownloadGuard {
 public:
 	using Clock = std::chrono::steady_clock;
 
-	/**
-	 * @param limits  those of the host
-	 * @param space   before the download
-	 * @param size    of the file that is there already and will be replaced
-	 */
+	/** Takes the host's limits, the space before the download, and the size of the file that will be replaced. */
 	DownloadGuard(const DownloadSettings& settings, const TLIBCDownloadLimits& limits,
 	    const std::optional<Space>& space, std::uint64_t size, Clock::time_point now);
 
@@ -80,7 +75,6 @@ public:
 private:
 	void CheckSpace(std::uint64_t size, const std::optional<Space>& space);
 	void CheckRate(std::uint64_t size, Clock::time_point now);
-	void CheckDeadline(Clock::time_point now);
 
 	DownloadSettings settings_;
 	std::optional<std::uint64_t> largest_;
@@ -94,7 +88,6 @@ private:
 
 constexpr const char* kHttpClient = "/usr/bin/wget";
 
-/** What the HTTP client is going to do. */
 struct Download {
 	std::string url;
 	std::string file;
@@ -111,9 +104,6 @@ struct Download {
  * @return 0, an errno value, or TLIBC_ERR_DOWNLOAD plus the reason for which the download was ended
  */
 [[nodiscard]] int RunDownload(process::Program& program, const Download& download, int& status);
-
-/** Where the client finds the settings that always hold: its standard input. */
-constexpr const char* kFixedSettingsPath = "/proc/self/fd/0";
 
 } // namespace tarn::core
 

@@ -7,6 +7,7 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -38,11 +39,8 @@ std::string Unquote(const std::string& value) {
 
 /** Keeps a part from ending the header line, or the bracketed comment that it stands in. */
 std::string Sanitise(std::string part) {
-	for (char& c : part) {
-		if (c < ' ' || c > '~' || std::strchr("()\\;", c) != nullptr) {
-			c = '_';
-		}
-	}
+	const auto is_unfit = [](char c) { return c < ' ' || c > '~' || std::strchr("()\\;", c) != nullptr; };
+	std::replace_if(part.begin(), part.end(), is_unfit, '_');
 	return part;
 }
 
@@ -79,11 +77,8 @@ std::string OsName(const std::vector<std::string>& os_release_paths) {
 }
 
 std::string UserAgent(const std::string& category, const std::vector<std::string>& os_release_paths) {
-	std::string text = std::string("tarn/") + TARN_VERSION;
-	text += " (" + Sanitise(OsName(os_release_paths));
-	text += "; " + Sanitise(Kernel().machine);
-	text += ") " + Sanitise(category);
-	return text;
+	return std::string("tarn/") + TARN_VERSION + " (" + Sanitise(OsName(os_release_paths)) + "; " +
+	       Sanitise(Kernel().machine) + ") " + Sanitise(category);
 }
 
 } // namespace tarn::core

@@ -71,10 +71,6 @@ std::optional<std::string> DeviceId(const std::vector<std::string>& machine_id_p
 	return Hex(digest.data(), static_cast<std::size_t>(bytes));
 }
 
-HwidContext::HwidContext() : tarncrypto_hwid{nullptr} {
-	str = text.data();
-}
-
 bool FillHwid(HwidContext& context, int bytes, const std::vector<std::string>& machine_id_paths) {
 	const auto id = DeviceId(machine_id_paths, bytes);
 	context.text = id.value_or(std::string());

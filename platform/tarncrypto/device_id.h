@@ -26,7 +26,7 @@ const std::vector<std::string>& MachineIdPaths();
 struct HwidContext : tarncrypto_hwid {
 	std::string text;
 
-	HwidContext();
+	HwidContext() : tarncrypto_hwid{nullptr} { str = text.data(); }
 };
 
 /** Fills the context; false, and an empty text, when there is no machine id or the length is out of range. */

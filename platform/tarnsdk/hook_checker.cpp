@@ -1,7 +1,6 @@
 #include "base/file_io.h"
 #include "base/text.h"
 #include "platform/tarnsdk/hook_directory.h"
-#include "platform/tarnsdk/hook_output.h"
 #include "platform/tarnsdk/hook_process.h"
 #include "platform/tarnsdk/hook_runner.h"
 
@@ -10,16 +9,14 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 #include <utility>
-
-// This header of the C library lacks the declaration that makes it usable from C++.
-extern "C" {
-#include <sys/pidfd.h>
-}
 
 namespace tarn::sdk {
 
@@ -28,9 +25,74 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kPeriodMilliseconds = 100;
-/** A killed process that hangs in the kernel is left to itself after this time. */
-constexpr int kKillGraceMilliseconds = 10000;
 constexpr std::size_t kLongestPath = 200;
+constexpr std::size_t kKeptBytes = 4096;
+constexpr std::size_t kLongestLine = 300;
+constexpr int kMostReads = 64; // So that a hook that never stops writing does not keep its watcher from the clock.
+
+/**
+ * The beginning of one stream of a hook. What comes behind it is read as well and dropped, so that a hook never waits
+ * for a reader and never fills memory.
+ */
+class HookStream {
+public:
+	/** Makes the pipe; false with errno set when that fails. */
+	[[nodiscard]] bool Open();
+
+	/** The hook's end, which the caller keeps open only until the hook has been started. */
+	UniqueFd& WriteEnd() { return write_end_; }
+	/** To be polled; -1 when nothing comes any more. */
+	int ReadEnd() const { return read_end_.Get(); }
+
+	/** Takes what has come, without waiting. */
+	void Take();
+
+	/** The first line that is not blank, as printable ASCII of limited length. */
+	std::string FirstLine() const;
+
+private:
+	UniqueFd read_end_;
+	UniqueFd write_end_;
+	std::string beginning_;
+};
+
+bool HookStream::Open() {
+	std::array<int, 2> ends = {-1, -1};
+	if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+		return false;
+	}
+	read_end_ = UniqueFd(ends[0]);
+	write_end_ = UniqueFd(ends[1]);
+	// Only the reader's end: the hook would not expect its own stream to refuse bytes.
+	return fcntl(read_end_.Get(), F_SETFL, O_NONBLOCK) == 0;
+}
+
+void HookStream::Take() {
+	std::array<char, 4096> buffer{};
+	for (int reads = 0; read_end_ && reads < kMostReads; ++reads) {
+		const ssize_t got = RetryOnInterrupt([&] { return read(read_end_.Get(), buffer.data(), buffer.size()); });
+		if (got < 0 && errno == EAGAIN) {
+			return;
+		}
+		if (got <= 0) {
+			read_end_.Reset();
+			return;
+		}
+		beginning_.append(buffer.data(), std::min(static_cast<std::size_t>(got), kKeptBytes - beginning_.size()));
+	}
+}
+
+std::string HookStream::FirstLine() const {
+	std::istringstream lines(beginning_);
+	for (std::string line; std::getline(lines, line);) {
+		const std::string plain = PlainAscii(line, kLongestLine);
+		const std::size_t begin = plain.find_first_not_of(' ');
+		if (begin != std::string::npos) {
+			return plain.substr(begin, plain.find_last_not_of(' ') + 1 - begin);
+		}
+	}
+	return "";
+}
 
 /** Logged with the whole path; people get it through a filter. */
 Verdict Tell(TLIBPluginVerdict verdict, const std::string& path, const std::string& reason) {
@@ -46,7 +108,6 @@ Verdict NoVerdict(const std::string& path, const std::string& reason) {
 /** Why a hook that is still running has to end; empty while it may go on. */
 using Objection = std::function<std::string()>;
 
-/** One hook that has been started. */
 class RunningCheck {
 public:
 	RunningCheck(std::string path, HookStream& output, HookStream& errors)
@@ -54,15 +115,10 @@ public:
 
 	/** Waits for its end, and reaps it. */
 	Verdict Await(pid_t child, const Objection& object) {
-		const UniqueFd process(pidfd_open(child, 0));
+		const UniqueFd process = OpenProcess(child);
 		const std::string objection = process ? Watch(process, object) : "it cannot be watched";
-		if (!objection.empty()) {
-			// The leader hasn't been reaped, so its number can't have passed to another group yet.
-			KillGroup(child);
-			pollfd ended = {process.Get(), POLLIN, 0};
-			if (process && RetryOnInterrupt([&] { return poll(&ended, 1, kKillGraceMilliseconds); }) != 1) {
-				return NoVerdict(path_, "it cannot be killed and is left to itself");
-			}
+		if (!objection.empty() && !KillGroup(child, process)) {
+			return NoVerdict(path_, "it cannot be killed and is left to itself");
 		}
 		int status = 0;
 		if (const int error = process::Wait(child, status); error != 0) {

@@ -1,5 +1,6 @@
 #include "platform/tarnsdk/hook_directory.h"
 
+#include "base/handle.h"
 #include "base/unique_fd.h"
 
 #include <dirent.h>
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <memory>
 
 namespace tarn::sdk {
 namespace {
@@ -106,10 +106,7 @@ bool TakeEntry(int directory, const std::string& name, const std::string& path, 
 }
 
 bool TakeDirectory(UniqueFd directory, const std::string& path, uid_t owner, Entries& entries) {
-	struct CloseStream {
-		void operator()(DIR* stream) const { closedir(stream); }
-	};
-	const std::unique_ptr<DIR, CloseStream> stream(fdopendir(directory.Get()));
+	const Handle<DIR, closedir> stream(fdopendir(directory.Get()));
 	if (!stream) {
 		Refuse(path, errno);
 		return false;

@@ -9,7 +9,6 @@
 
 namespace tarn::sdk {
 
-/** The hooks that were found. */
 struct HookList {
 	/** Paths in the order in which the hooks run. */
 	std::vector<std::string> paths;

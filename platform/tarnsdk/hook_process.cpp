@@ -2,7 +2,15 @@
 
 #include "base/file_io.h"
 
+#include <climits>
+
+// This header of the C library lacks the declaration that makes it usable from C++.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,6 +27,9 @@ constexpr std::size_t kLongestVariable = std::size_t{128} * 1024;
 
 /** MFD_NOEXEC_SEAL, which hardened kernels demand and the C library's headers don't name yet. */
 constexpr unsigned int kMemoryNotExecutable = 0x0008U;
+
+/** A killed process that hangs in the kernel is left to itself after this time. */
+constexpr std::chrono::seconds kKillGrace(10);
 
 bool WriteArgument(int fd, const std::string& key, const std::string& value) {
 	// The NUL that ends the string is the separator of the file's records.
@@ -77,9 +88,26 @@ process::Program HookProgram(const HookEvent& event) {
 	return program;
 }
 
-void KillGroup(pid_t leader) {
+UniqueFd OpenProcess(pid_t child) {
+	return UniqueFd(pidfd_open(child, 0));
+}
+
+bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit) {
+	using Clock = std::chrono::steady_clock;
+	const Clock::time_point deadline = Clock::now() + limit;
+	pollfd watched = {process.Get(), POLLIN, 0};
+	const auto poll_once = [&] {
+		const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+		return poll(&watched, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
+	};
+	return RetryOnInterrupt(poll_once) > 0;
+}
+
+bool KillGroup(pid_t leader, const UniqueFd& process) {
+	// The leader hasn't been reaped, so its number can't have passed to another group yet.
 	kill(-leader, SIGKILL);
 	kill(leader, SIGKILL);
+	return !process || EndsWithin(process, kKillGrace);
 }
 
 UniqueFd ReopenForReading(const UniqueFd& file) {
@@ -88,19 +116,12 @@ UniqueFd ReopenForReading(const UniqueFd& file) {
 }
 
 UniqueFd MakeArgumentFile(const HookArguments& arguments) {
+	constexpr int kSeals = F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
 	UniqueFd file(CreateMemoryFile());
-	if (!file) {
-		return {};
-	}
-	for (const auto& [key, value] : arguments) {
-		if (!WriteArgument(file.Get(), key, value)) {
-			return {};
-		}
-	}
-	if (fcntl(file.Get(), F_ADD_SEALS, F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE) != 0) {
-		return {};
-	}
-	return file;
+	const auto write = [&](const auto& argument) { return WriteArgument(file.Get(), argument.first, argument.second); };
+	const bool is_made =
+	    file && std::all_of(arguments.begin(), arguments.end(), write) && fcntl(file.Get(), F_ADD_SEALS, kSeals) == 0;
+	return is_made ? std::move(file) : UniqueFd();
 }
 
 } // namespace tarn::sdk

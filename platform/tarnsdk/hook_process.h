@@ -22,8 +22,17 @@ UniqueFd MakeArgumentFile(const HookArguments& arguments);
 /** The same file opened anew for reading, at its beginning. */
 UniqueFd ReopenForReading(const UniqueFd& file);
 
-/** Kills a hook and its process group, even when it has moved itself to another one. */
-void KillGroup(pid_t leader);
+/** To be polled for a child's end; without a descriptor errno tells why. */
+UniqueFd OpenProcess(pid_t child);
+
+/** Waits until the process has ended; false when it is still running after the limit. */
+[[nodiscard]] bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit);
+
+/**
+ * Kills a hook that has not been reaped and its process group, even when it has moved itself to another one, and waits
+ * for its end if it can be watched. False when it hangs in the kernel, and is left to itself.
+ */
+[[nodiscard]] bool KillGroup(pid_t leader, const UniqueFd& process);
 
 } // namespace tarn::sdk
 

@@ -1,50 +1,24 @@
 #include "platform/tarnsdk/hook_runner.h"
 
-#include "base/file_io.h"
 #include "base/text.h"
 #include "platform/tarnsdk/hook_directory.h"
 #include "platform/tarnsdk/hook_process.h"
 
-#include <climits>
-
-#include <poll.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 
-// This header of the C library lacks the declaration that makes it usable from C++.
-extern "C" {
-#include <sys/pidfd.h>
-}
-
 namespace tarn::sdk {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-/** A killed process that hangs in the kernel is left to itself after this time. */
-constexpr std::chrono::seconds kKillGrace(10);
-
 bool Failed(const std::string& path, const std::string& reason) {
 	syslog(LOG_ERR, "tarnsdk: hook '%s' %s", path.c_str(), reason.c_str());
 	return false;
-}
-
-/** Waits until the process has ended; false when it is still running after the limit. */
-bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit) {
-	const Clock::time_point deadline = Clock::now() + limit;
-	pollfd watched = {process.Get(), POLLIN, 0};
-	const auto poll_once = [&] {
-		const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-		return poll(&watched, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
-	};
-	return RetryOnInterrupt(poll_once) > 0;
 }
 
 bool JudgeEnd(const std::string& path, int status) {
@@ -59,15 +33,11 @@ bool JudgeEnd(const std::string& path, int status) {
 
 /** Waits for a started hook and reaps it. */
 bool Await(const std::string& path, pid_t child, std::chrono::milliseconds limit) {
-	const UniqueFd process(pidfd_open(child, 0));
+	const UniqueFd process = OpenProcess(child);
 	const int watch_error = process ? 0 : errno;
 	const bool ended = process && EndsWithin(process, limit);
-	if (!ended) {
-		// The leader hasn't been reaped, so its number can't have passed to another group yet.
-		KillGroup(child);
-		if (process && !EndsWithin(process, kKillGrace)) {
-			return Failed(path, "cannot be killed and is left to itself");
-		}
+	if (!ended && !KillGroup(child, process)) {
+		return Failed(path, "cannot be killed and is left to itself");
 	}
 	int status = 0;
 	if (const int error = process::Wait(child, status); error != 0) {

@@ -2,8 +2,6 @@
 #ifndef PLATFORM_TARNSDK_HOOK_RUNNER_H
 #define PLATFORM_TARNSDK_HOOK_RUNNER_H
 
-#include "base/unique_fd.h"
-
 #include <tarnsdk/plugin.h>
 
 #include <sys/types.h>
@@ -16,7 +14,6 @@
 
 namespace tarn::sdk {
 
-/** Values by key. */
 using HookArguments = std::map<std::string, std::string>;
 
 /** Whether a key can be an argument: a name for an environment variable that isn't one of the built ones. */
@@ -38,11 +35,7 @@ struct HookEvent {
 	HookArguments arguments;
 };
 
-/**
- * Runs all hooks of the event's module and path, one after the other.
- *
- * @return whether every one was trusted, ran and exited with status 0
- */
+/** Runs all hooks of the event's module and path; tells whether each was trusted, ran and exited with status 0. */
 [[nodiscard]] bool RunHooks(const HookEvent& event, const HookSettings& settings);
 
 /** What checking hooks say. */

@@ -21,7 +21,7 @@ using tarn::sdk::HookEvent;
  * The open contexts. Handles are numbers that never return, not addresses: owners that share a handle close it more
  * than once, and the second time must neither touch freed memory nor close somebody else's context.
  */
-class Contexts {
+class {
 public:
 	TLIBPluginContext* Open(HookEvent event) {
 		const tarn::MutexLock guard(mutex_);
@@ -47,12 +47,7 @@ private:
 	tarn::Mutex mutex_;
 	std::uintptr_t last_ TARN_GUARDED_BY(mutex_) = 0;
 	std::map<const TLIBPluginContext*, std::shared_ptr<HookEvent>> open_ TARN_GUARDED_BY(mutex_);
-};
-
-Contexts& OpenContexts() {
-	static Contexts contexts;
-	return contexts;
-}
+} contexts;
 
 bool IsComponent(const std::string& name) {
 	return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
@@ -90,14 +85,14 @@ int TLIBPluginSDKInit(const char* module, const char* path, TLIBPluginContext** 
 		if (module == nullptr || path == nullptr || !IsComponent(module) || !IsRelativePath(path)) {
 			return Fail(EINVAL);
 		}
-		*handle = OpenContexts().Open({module, path, {}, {}});
+		*handle = contexts.Open({module, path, {}, {}});
 		return 0;
 	});
 }
 
 int TLIBPluginSetArg(TLIBPluginContext* handle, const char* key, const char* value) {
 	return WithoutExceptions([&] {
-		const std::shared_ptr<HookEvent> event = OpenContexts().Find(handle);
+		const std::shared_ptr<HookEvent> event = contexts.Find(handle);
 		if (!event || key == nullptr || value == nullptr || !tarn::sdk::IsArgumentKey(key)) {
 			return Fail(EINVAL);
 		}
@@ -108,7 +103,7 @@ int TLIBPluginSetArg(TLIBPluginContext* handle, const char* key, const char* val
 
 int TLIBPluginAction(TLIBPluginActionType action, TLIBPluginContext* handle) {
 	return WithoutExceptions([&] {
-		const std::shared_ptr<HookEvent> event = OpenContexts().Find(handle);
+		const std::shared_ptr<HookEvent> event = contexts.Find(handle);
 		const char* const word = ActionWord(action);
 		if (!event || word == nullptr) {
 			return Fail(EINVAL);
@@ -136,7 +131,7 @@ int TLIBPluginCheck(TLIBPluginContext* handle, int (*may_go_on)(), char* reason,
 	}
 	*reason = '\0';
 	return WithoutExceptions([&] {
-		const std::shared_ptr<HookEvent> event = OpenContexts().Find(handle);
+		const std::shared_ptr<HookEvent> event = contexts.Find(handle);
 		if (!event) {
 			return Fail(EINVAL);
 		}
@@ -152,7 +147,7 @@ int TLIBPluginCheck(TLIBPluginContext* handle, int (*may_go_on)(), char* reason,
 
 int TLIBPluginExit(TLIBPluginContext* handle) {
 	return WithoutExceptions([&] {
-		OpenContexts().Close(handle);
+		contexts.Close(handle);
 		return 0;
 	});
 }

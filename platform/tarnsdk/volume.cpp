@@ -1,6 +1,6 @@
+#include "platform/c_boundary.h"
 #include "platform/tarnsdk/volume_list.h"
 
-#include <tarncore/tarncore.h>
 #include <tarnsdk/volume.h>
 
 #include <algorithm>
@@ -67,18 +67,10 @@ TARNMountVolInfo* TARNMountVolAllEnum(int /*kind*/, int /*mounted_only*/, int /*
 }
 
 int TARNMountVolInfoGet(const char* path, TARNMountVolInfo* record) {
-	int error = EINVAL;
-	try {
-		if (path != nullptr && record != nullptr) {
-			error = FindVolume(path, *record);
-		}
-	} catch (const std::exception&) {
-		error = ENOMEM;
-	}
-	if (error != 0) {
-		TLIBCErrSet(error);
-	}
-	return error == 0 ? 0 : -1;
+	return tarn::WithoutExceptions([&] {
+		const int error = path != nullptr && record != nullptr ? FindVolume(path, *record) : EINVAL;
+		return error == 0 ? 0 : tarn::Fail(error);
+	});
 }
 
 void TARNMountVolInfoFree(TARNMountVolInfo* list) {
@@ -87,8 +79,8 @@ void TARNMountVolInfoFree(TARNMountVolInfo* list) {
 
 int TARNVolumeServicePolicy(const TARNMountVolInfo* record) {
 	try {
-		return record != nullptr && tarn::sdk::MayHostServiceData(tarn::sdk::kVolumeConfigPath, record->mount_path) ? 1
-		                                                                                                            : 0;
+		using tarn::sdk::MayHostServiceData;
+		return record != nullptr && MayHostServiceData(tarn::kVolumeSettingsPath, record->mount_path) ? 1 : 0;
 	} catch (const std::exception&) {
 		return 0;
 	}

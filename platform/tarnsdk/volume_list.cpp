@@ -1,6 +1,6 @@
 #include "platform/tarnsdk/volume_list.h"
 
-#include "base/settings_lines.h"
+#include "base/handle.h"
 #include "base/volume_safety.h"
 
 #include <libmount/libmount.h>
@@ -63,10 +63,7 @@ bool IsReadOnly(libmnt_fs* fs) {
 
 /** Reads the first entry of a directory: a failed device can still have its counters in memory. 0 or an errno value. */
 int ProbeDirectory(const std::string& path) {
-	struct CloseStream {
-		void operator()(DIR* stream) const { closedir(stream); }
-	};
-	const std::unique_ptr<DIR, CloseStream> stream(opendir(path.c_str()));
+	const Handle<DIR, closedir> stream(opendir(path.c_str()));
 	if (!stream) {
 		return errno;
 	}
@@ -131,10 +128,7 @@ void MountTable::Unreference::operator()(libmnt_table* table) const {
 MountTable::MountTable(const std::string& path) : table_(mnt_new_table_from_file(path.c_str())) {}
 
 std::map<std::string, Mount> MountTable::ByPath() const {
-	struct FreeIterator {
-		void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
-	};
-	const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
+	const Handle<libmnt_iter, mnt_free_iter> iterator(mnt_new_iter(MNT_ITER_FORWARD));
 	std::map<std::string, Mount> mounts;
 	libmnt_fs* fs = nullptr;
 	while (iterator && mnt_table_next_fs(table_.get(), iterator.get(), &fs) == 0) {

@@ -15,9 +15,6 @@ struct libmnt_table;
 
 namespace tarn::sdk {
 
-constexpr const char* kVolumeConfigPath = kVolumeSettingsPath;
-
-/** The directives of the configuration file. */
 struct VolumeConfig {
 	std::vector<std::string> patterns;
 	std::vector<std::string> directories;
@@ -26,13 +23,9 @@ struct VolumeConfig {
 
 /**
  * Reads the configuration; an absent file leaves the default pattern alone. Lines that cannot be understood are told to
- * syslog and skipped.
- *
- * @return 0, or an errno value when the file is there but cannot be read
+ * syslog and skipped. Returns 0, or an errno value when the file is there but cannot be read.
  */
 [[nodiscard]] int ReadVolumeConfig(const std::string& path, VolumeConfig& config);
-
-constexpr const char* kMountTablePath = "/proc/self/mountinfo";
 
 /** A mounted file system, as the mount table describes it. */
 struct Mount {
@@ -41,7 +34,6 @@ struct Mount {
 	bool is_read_only = false;
 };
 
-/** A snapshot of a mount table. */
 class MountTable {
 public:
 	/** Reads a table; without one that can be read IsRead() is false and errno tells why. */
@@ -62,10 +54,9 @@ private:
 	std::unique_ptr<libmnt_table, Unreference> table_;
 };
 
-/** Where volumes are learnt from. */
 struct VolumeSources {
-	std::string config = kVolumeConfigPath;
-	std::string mount_table = kMountTablePath;
+	std::string config = kVolumeSettingsPath;
+	std::string mount_table = "/proc/self/mountinfo";
 };
 
 /** A volume's record, and why its file system doesn't answer: an errno value, 0 when it does. */
@@ -74,11 +65,7 @@ struct Volume {
 	int error;
 };
 
-/**
- * Finds the volumes in ascending order of their paths.
- *
- * @return 0, or an errno value when the configuration or the mounts cannot be read
- */
+/** The volumes by their paths; returns 0, or an errno value when the configuration or the mounts cannot be read. */
 [[nodiscard]] int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes);
 
 /**

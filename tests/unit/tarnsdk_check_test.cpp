@@ -1,4 +1,3 @@
-#include "platform/tarnsdk/hook_output.h"
 #include "platform/tarnsdk/hook_runner.h"
 #include "syslog_capture.h"
 #include "temporary_directory.h"
