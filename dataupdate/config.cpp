@@ -5,24 +5,9 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
-#include <cstdint>
 #include <utility>
 
 namespace tarn::dataupdate {
-
-namespace {
-
-Json::Value ToJson(const std::string& value) {
-	return value;
-}
-Json::Value ToJson(unsigned long value) {
-	return static_cast<Json::UInt64>(value);
-}
-Json::Value ToJson(bool value) {
-	return value;
-}
-
-} // namespace
 
 template<>
 std::string Config::GetAs<std::string>(const Json::Value& value) const {
@@ -88,7 +73,7 @@ void Config::__Set(const std::string& section, const std::string& key, const T& 
 	} catch (const UpdateError&) {
 		root = Json::Value(Json::objectValue);
 	}
-	root[section][key] = ToJson(value);
+	root[section][key] = value;
 	try {
 		io_->WriteJson(override_path_, root);
 	} catch (const UpdateError&) {

@@ -3,7 +3,6 @@
 #include "base/text.h"
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 
 namespace tarn::dataupdate {

@@ -2,6 +2,8 @@
 
 #include "dataupdate/internal/log.h"
 
+#include <boost/algorithm/string/join.hpp>
+
 namespace tarn::dataupdate {
 
 namespace {
@@ -98,14 +100,7 @@ bool UpdateHook::ExecAction(TLIBPluginActionType action) {
 }
 
 std::string UpdateHook::JoinFiles(const std::set<std::string>& files) {
-	std::string joined;
-	for (const std::string& file : files) {
-		joined += file + kDelimiter;
-	}
-	if (!joined.empty()) {
-		joined.pop_back();
-	}
-	return joined;
+	return boost::algorithm::join(files, kDelimiter);
 }
 
 } // namespace tarn::dataupdate

@@ -1,11 +1,17 @@
+#include "base/file_io.h"
+#include "base/handle.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/internal/cached_info.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
 
+#include <tarncore/tarncore.h>
 #include <tarncrypto/tarncrypto.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -18,17 +24,56 @@ namespace {
 constexpr char kLogSource[] = "update";
 constexpr int kHardwareIdBytes = 16;
 
-struct HardwareIdCloser {
-	void operator()(tarncrypto_hwid* context) const { tarncrypto_hwid_free(context); }
-};
-
 std::string HardwareId() {
-	const std::unique_ptr<tarncrypto_hwid, HardwareIdCloser> context(tarncrypto_hwid_init());
+	const Handle<tarncrypto_hwid, tarncrypto_hwid_free> context(tarncrypto_hwid_init());
 	if (!context || !tarncrypto_hwid_str(context.get(), kHardwareIdBytes)) {
 		syslog(LOG_ERR, "Failed to init hwid context");
 		return "";
 	}
 	return context->str;
+}
+
+/**
+ * Sets a mark for the time of a download: what a killed download leaves is no document, however new its file is. The
+ * mark is not synced, because it comes to the disk before the file that is changed after it, and what is older than
+ * both is the document of before.
+ */
+void MarkFetch() {
+	const UniqueFd mark(open(kFetchMark, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+}
+
+bool IsFetchUnfinished() {
+	return access(kFetchMark, F_OK) == 0;
+}
+
+/**
+ * Removes the mark after every download that ends, so that the mark tells only of a process that was killed, or of a
+ * document that could not be brought to the disk.
+ */
+void Fetch(const IOUtils& io, const std::string& url) {
+	if (IsFetchUnfinished()) {
+		unlink(kCachedInfo); // Else it would be used once the mark is gone, if this download does not begin.
+	}
+	MarkFetch();
+	try {
+		io.Download(kCachedInfo, url);
+	} catch (const UpdateError&) {
+		unlink(kFetchMark);
+		throw;
+	}
+	// The client dates a file as the server does: an old document would be downloaded every time, and a document dated
+	// in the future never again. A failure leaves the server's date.
+	utimensat(AT_FDCWD, kCachedInfo, nullptr, 0);
+	if (SyncFile(kCachedInfo)) { // So that a loss of power leaves no empty file that is taken for the document.
+		unlink(kFetchMark);
+	}
+}
+
+/** Downloads the document unless the cached copy may be used; to be called under the document's lock. */
+void RenewCachedInfo(const IOUtils& io, const std::function<std::string()>& make_url) {
+	if (TLIBCFileExist(kCachedInfo) == 0 || IsFetchUnfinished() || io.FileCreateOver(kCachedInfo, kFreshInfoSeconds)) {
+		Fetch(io, make_url());
+	}
 }
 
 } // namespace

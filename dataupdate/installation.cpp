@@ -28,12 +28,6 @@ bool MayExist(const std::string& path) {
 	return fs::symlink_status(path, ignored).type() != fs::file_not_found;
 }
 
-bool SyncRecord(const std::string& path) {
-	const UniqueFd record(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-	// A host may keep its records elsewhere.
-	return record.Get() < 0 ? errno == ENOENT : fsync(record.Get()) == 0;
-}
-
 /** Readers wait for this, so nothing goes to the disk twice: an empty file is no more than its name. */
 bool CreateEmptyDurably(const fs::path& path) {
 	const UniqueFd mark(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
@@ -97,7 +91,8 @@ bool MayBeAMixture(const std::string& id) {
 
 void ClearReplacementMark(const std::string& id) noexcept {
 	const std::string mark = ReplacementMarkPath(id);
-	const bool is_removed = SyncRecord(StatusPath(id)) && (unlink(mark.c_str()) == 0 || errno == ENOENT);
+	// A host may keep its records elsewhere.
+	const bool is_removed = SyncFile(StatusPath(id)) && (unlink(mark.c_str()) == 0 || errno == ENOENT);
 	if (!is_removed) {
 		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));
 		return;

@@ -9,23 +9,15 @@ namespace tarn::dataupdate {
 
 namespace {
 
-struct State {
-	Mutex mutex;
-	Activity activity TARN_GUARDED_BY(mutex);
-	std::uint64_t downloaded_bytes TARN_GUARDED_BY(mutex) = 0;
-};
-
-State& GetState() {
-	static State state;
-	return state;
-}
+Mutex mutex;
+Activity current TARN_GUARDED_BY(mutex);
+std::uint64_t downloaded_bytes TARN_GUARDED_BY(mutex) = 0;
 
 } // namespace
 
 Activity CurrentActivity() {
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	return state.activity;
+	const MutexLock guard(mutex);
+	return current;
 }
 
 ActivityScope::ActivityScope(Phase phase, const std::string& path) {
@@ -33,43 +25,37 @@ ActivityScope::ActivityScope(Phase phase, const std::string& path) {
 	Activity inner;
 	inner.phase = phase;
 	inner.path = path;
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	inner.serial = state.activity.serial + 1;
-	outer_ = std::exchange(state.activity, std::move(inner));
+	const MutexLock guard(mutex);
+	inner.serial = current.serial + 1;
+	outer_ = std::exchange(current, std::move(inner));
 }
 
 ActivityScope::~ActivityScope() {
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	outer_.serial = state.activity.serial + 1;
-	state.activity = std::move(outer_);
+	const MutexLock guard(mutex);
+	outer_.serial = current.serial + 1;
+	current = std::move(outer_);
 }
 
 void AddActivityBytes(std::uint64_t bytes) {
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	state.activity.bytes += bytes;
+	const MutexLock guard(mutex);
+	current.bytes += bytes;
 }
 
 void AddHashedBytes(std::uint64_t bytes) {
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	if (state.activity.phase == Phase::kHash) {
-		state.activity.bytes += bytes;
+	const MutexLock guard(mutex);
+	if (current.phase == Phase::kHash) {
+		current.bytes += bytes;
 	}
 }
 
 std::uint64_t DownloadedBytes() {
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	return state.downloaded_bytes;
+	const MutexLock guard(mutex);
+	return downloaded_bytes;
 }
 
 void AddDownloadedBytes(std::uint64_t bytes) {
-	State& state = GetState();
-	const MutexLock guard(state.mutex);
-	state.downloaded_bytes += bytes;
+	const MutexLock guard(mutex);
+	downloaded_bytes += bytes;
 }
 
 } // namespace tarn::dataupdate

@@ -11,17 +11,13 @@ namespace tarn::dataupdate {
 
 namespace {
 
-enum class InstallDest { kVolume, kRootFs };
-
-InstallDest ParseInstallDest(const std::string& value) {
-	if (value == "%VOLUME%") {
-		return InstallDest::kVolume;
+/** Whether "install_dest" says that a database is on the volume, and not in the root file system. */
+bool IsOnVolume(const std::string& value) {
+	if (value != "%VOLUME%" && value != "%ROOTFS%") {
+		// The text names the location in place of the field. Scripts match this text, so it stays.
+		throw UpdateError(messages::kInvalidValue + value + "' for '" + MainDirPath("%s") + "' field");
 	}
-	if (value == "%ROOTFS%") {
-		return InstallDest::kRootFs;
-	}
-	// The text names the location in place of the field. Scripts match this text, so it stays.
-	throw UpdateError(messages::kInvalidValue + value + "' for '" + MainDirPath("%s") + "' field");
+	return value == "%VOLUME%";
 }
 
 } // namespace
@@ -50,12 +46,11 @@ std::string DatabaseConfig::GetFormatVersion() const {
 }
 
 std::string DatabaseConfig::GetInstallPrefix() const {
-	const InstallDest dest = ParseInstallDest(config_->Get(id_, "install_dest"));
-	return (dest == InstallDest::kVolume ? MainDirPath(volume_) : "/var/db") + "/" + id_;
+	return (IsOnVolume(config_->Get(id_, "install_dest")) ? MainDirPath(volume_) : "/var/db") + "/" + id_;
 }
 
 std::string DatabaseConfig::GetRootDirectory() const {
-	return ParseInstallDest(config_->Get(id_, "install_dest")) == InstallDest::kVolume ? volume_ : "/";
+	return IsOnVolume(config_->Get(id_, "install_dest")) ? volume_ : "/";
 }
 
 unsigned long DatabaseConfig::GetMinReservedSpaceInbytes() const {

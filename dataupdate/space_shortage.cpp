@@ -6,19 +6,16 @@ namespace tarn::dataupdate {
 
 namespace {
 
-std::optional<SpaceShortage>& Last() {
-	thread_local std::optional<SpaceShortage> last;
-	return last;
-}
+thread_local std::optional<SpaceShortage> last;
 
 } // namespace
 
 std::optional<SpaceShortage> LastSpaceShortage() {
-	return Last();
+	return last;
 }
 
 void NoteSpaceShortage(SpaceShortage shortage) {
-	Last() = std::move(shortage);
+	last = std::move(shortage);
 }
 
 } // namespace tarn::dataupdate

@@ -1,5 +1,6 @@
 #include "dataupdate/strategy.h"
 
+#include "base/handle.h"
 #include "base/text.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/activity.h"
@@ -8,7 +9,6 @@
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_tree.h"
-#include "dataupdate/internal/staging.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -24,7 +24,6 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <string_view>
 
 namespace tarn::dataupdate {
@@ -34,11 +33,7 @@ namespace {
 constexpr char kLogSource[] = "strategy";
 constexpr double kLeastFreeShare = 0.05;
 
-struct ArchiveCloser {
-	void operator()(tarnarchive* archive) const { tarnarchive_free(archive); }
-};
-
-using Archive = std::unique_ptr<tarnarchive, ArchiveCloser>;
+using Archive = Handle<tarnarchive, tarnarchive_free>;
 
 [[noreturn]] void ThrowArchiveFailure(const char* operation, const std::string& tarball) {
 	throw UpdateError(operation + tarball + " failed, ret: 0");

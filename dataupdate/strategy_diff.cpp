@@ -5,7 +5,7 @@
 #include "dataupdate/internal/patcher.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_changes.h"
-#include "dataupdate/internal/staging.h"
+#include "dataupdate/internal/staged_tree.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"

@@ -4,7 +4,6 @@
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/internal/staged_tree.h"
-#include "dataupdate/internal/staging.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -199,24 +198,22 @@ bool FullStrategy::_Stage() const {
 }
 
 void FullStrategy::_AddTo(PlanWriter& plan, const std::string& staged) const {
-	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
-		const std::string name(unpacked_.Name(at));
+	VisitPrepared([&](const std::string& name, const std::string& /*unpacked*/) {
 		plan.AddFile(name, (fs::path(staged) / name).string());
-	}
+	});
 }
 
 void FullStrategy::_PlaceFiles(const std::string& root, void (*place)(const std::string&, const std::string&)) const {
 	fs::path made;
-	for (std::size_t at = 0; at < unpacked_.Size(); ++at) {
-		const std::string name(unpacked_.Name(at));
+	VisitPrepared([&](const std::string& name, const std::string& unpacked) {
 		const fs::path path = fs::path(root) / name;
 		const fs::path parent = path.parent_path();
 		if (parent != made) {
 			fs::create_directories(parent);
 			made = parent;
 		}
-		place(unpacked_.HasText(at) ? unpacked_.Text(at) : unpack_directory_ + "/" + name, path.string());
-	}
+		place(unpacked, path.string());
+	});
 }
 
 } // namespace tarn::dataupdate

@@ -1,7 +1,6 @@
 #include "dataupdate/update.h"
 
 #include "dataupdate/file_lock.h"
-#include "dataupdate/installation.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/replacement_scope.h"
@@ -10,6 +9,8 @@
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/volume_handler.h"
+
+#include <boost/algorithm/string/replace.hpp>
 
 #include <cstdint>
 #include <optional>
@@ -24,18 +25,9 @@ constexpr char kLogSource[] = "update";
 /** The lock on any update and the lock on one database's, taken in this order and released in the reverse. */
 class ProjectLocks {
 public:
-	ProjectLocks() = default;
-	~ProjectLocks() { Release(); }
-	ProjectLocks(const ProjectLocks&) = delete;
-	ProjectLocks& operator=(const ProjectLocks&) = delete;
-
 	void Take(const std::string& id) {
 		any_.emplace(kUpdateAnyLock, kLockTimeout);
 		project_.emplace(UpdateLockPath(id), kLockTimeout);
-	}
-	void Release() {
-		project_.reset();
-		any_.reset();
 	}
 
 private:
@@ -53,16 +45,8 @@ void RunLocked(const ServiceConfig& config, const std::string& id, const char* n
 		operation();
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_INFO, "%s %s fail: %s", name, id.c_str(), error.what());
-		locks.Release();
 		throw UpdateError(error);
 	}
-}
-
-std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
-	for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-		text.replace(at, from.size(), to);
-	}
-	return text;
 }
 
 void SetRecord(const InfoGetter& getter, const std::string& id, InstalledRecord record) {
@@ -194,8 +178,7 @@ RemoteInfo Retarget(RemoteInfo remote, int version) {
 		// 64 bits, because a caller may name a number that leads below the smallest version.
 		remote.data_version = static_cast<int>(version > 0 ? version : std::int64_t{current} + version);
 	}
-	remote.download_link =
-	    ReplaceAll(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
+	boost::algorithm::replace_all(remote.download_link, std::to_string(current), std::to_string(remote.data_version));
 	return remote;
 }
 

@@ -12,12 +12,9 @@
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
 
-#include <functional>
 #include <future>
 #include <memory>
-#include <optional>
 #include <utility>
-#include <vector>
 
 namespace tarn::dataupdate {
 

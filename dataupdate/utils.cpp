@@ -1,11 +1,8 @@
 #include "dataupdate/utils.h"
 
 #include "base/unique_fd.h"
-#include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/directories.h"
-#include "dataupdate/internal/fetch.h"
 #include "dataupdate/internal/file_copy.h"
-#include "dataupdate/internal/log.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/update_error.h"
 
@@ -19,11 +16,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <system_error>
 
@@ -32,9 +29,6 @@ namespace tarn::dataupdate {
 namespace fs = boost::filesystem;
 
 namespace {
-
-constexpr char kLogSource[] = "utils.cpp";
-constexpr char kWget[] = "/usr/bin/wget";
 
 // The reader and writer that define the files' form are deprecated for their defaults, which are wanted here.
 #pragma GCC diagnostic push
@@ -91,14 +85,6 @@ std::uintmax_t RegularFileBytes(const std::string& path) {
 		throw fs::filesystem_error("stat", path, boost::system::error_code(errno, boost::system::system_category()));
 	}
 	return 0;
-}
-
-/** Counts what has arrived, also of a download that failed. A file that cannot be examined is no failed download. */
-void CountDownload(const std::string& path) {
-	struct stat status {};
-	if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-		AddDownloadedBytes(static_cast<std::uint64_t>(status.st_size));
-	}
 }
 
 void CopyByType(const std::string& src, const std::string& dst) {
@@ -203,27 +189,6 @@ void IOUtils::CopyFile(const std::string& src, const std::string& dst) const {
 	}
 }
 
-void IOUtils::Download(const std::string& output_path, const std::string& url) const {
-	if (const auto source = CurrentSource()) {
-		FetchFile(*source, output_path, url);
-		return;
-	}
-	const std::string agent = TarnGetUserAgent("database");
-	TARN_LOG(LOG_DEBUG, "Use %s as user agent string", agent.c_str());
-	const ActivityScope activity(Phase::kDownload, output_path);
-	const bool is_option = !url.empty() && url.front() == '-';
-	const bool succeeded =
-	    !is_option && TLIBCExecl(kWget, TLIBC_EXEC_ISOLATED, "-N", url.c_str(), "-O", output_path.c_str(), "-U",
-	                      agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3", nullptr) == 0;
-	if (!is_option) {
-		CountDownload(output_path);
-	}
-	if (!succeeded) {
-		RemoveFile(output_path);
-		throw UpdateError(messages::kCannotDownload + url);
-	}
-}
-
 void IOUtils::TarnMkdir(const std::string& path) const {
 	constexpr auto kUnchanged = static_cast<uid_t>(-1);
 	if (TARNFSMkdirP(path.c_str(), 0, 0, kUnchanged, kUnchanged, -1) == 0) {
@@ -257,11 +222,8 @@ void SyncFileSystem(const std::string& path) {
 
 std::string FlatFileName(const std::string& name) {
 	std::string flat = name;
-	for (char& character : flat) {
-		if (character == '/' || character == '.') {
-			character = '_';
-		}
-	}
+	const auto is_flattened = [](char character) { return character == '/' || character == '.'; };
+	std::replace_if(flat.begin(), flat.end(), is_flattened, '_');
 	return flat;
 }
 

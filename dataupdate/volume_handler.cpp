@@ -1,5 +1,6 @@
 #include "dataupdate/volume_handler.h"
 
+#include "base/handle.h"
 #include "dataupdate/internal/log.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -23,10 +24,6 @@ namespace {
 
 constexpr char kLogSource[] = "volume_handler.cpp";
 constexpr char kMove[] = "/bin/mv";
-
-struct VolumeListCloser {
-	void operator()(TARNMountVolInfo* list) const { TARNMountVolInfoFree(list); }
-};
 
 } // namespace
 
@@ -98,7 +95,7 @@ void VolumeHandler::MountVolumeEvent(const std::string& volume) const {
 // By value, as the interface has it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::string VolumeHandler::FindSuitableVolume(std::string exclude) const {
 	const long total = _TotalReserve();
-	const std::unique_ptr<TARNMountVolInfo, VolumeListCloser> list(TARNMountVolAllEnum(0, 1, 0));
+	const Handle<TARNMountVolInfo, TARNMountVolInfoFree> list(TARNMountVolAllEnum(0, 1, 0));
 	if (!list) {
 		throw UpdateError((NoexceptFormat(std::string(messages::kCannotListVolumes) + "%x") % TLIBCErrGet()).str());
 	}

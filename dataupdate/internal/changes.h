@@ -22,9 +22,8 @@ enum class Placing {
  * Removes or replaces the files of a tree accordingly. A deleted name may be a directory's: the directory goes with
  * what the changes delete in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
  * when a new file's place is taken by a directory with files of which the changes know nothing. A regular file that is
- * replaced or deleted is moved to where its working copy is, where both are on one file system (kExchange).
- *
- * @param directory  which of them: those to files below this directory, or all
+ * replaced or deleted is moved to where its working copy is, where both are on one file system (kExchange). With a
+ * directory, carries out the changes to files below it alone.
  */
 void InstallChanges(const Changes& changes, const std::string& root, Placing placing = Placing::kExchange,
     const std::string& directory = "");

@@ -32,13 +32,8 @@ public:
 	/** What the caller does until it asks. */
 	enum class Caller { kHelps, kHasOtherWork };
 
-	/**
-	 * @param count    of the paths
-	 * @param path_of  gives the path with a number below the count, in the order in which they will be asked for; is
-	 *                 called by several threads at a time
-	 */
+	/** Paths by their numbers, in the order in which they will be asked for; several threads call the function. */
 	DigestsAhead(std::size_t count, std::function<std::string(std::size_t)> path_of, Caller caller = Caller::kHelps);
-	/** @param paths  in the order in which they will be asked for */
 	explicit DigestsAhead(const std::vector<std::string>& paths, Caller caller = Caller::kHelps);
 	~DigestsAhead();
 	DigestsAhead(const DigestsAhead&) = delete;

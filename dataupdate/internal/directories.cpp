@@ -32,6 +32,12 @@ bool IsDotEntry(const char* name) {
 	throw std::system_error(error, std::system_category());
 }
 
+void RequireDone(bool is_done) {
+	if (!is_done) {
+		ThrowErrno();
+	}
+}
+
 /** Removes a name that is no directory; returns false for a directory. */
 bool Unlink(int directory, const char* name) {
 	if (unlinkat(directory, name, 0) == 0 || errno == ENOENT) {
@@ -50,9 +56,7 @@ class Remover {
 public:
 	explicit Remover(const std::string& root)
 	    : current_(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {
-		if (!current_) {
-			ThrowErrno();
-		}
+		RequireDone(static_cast<bool>(current_));
 		Enter("");
 	}
 
@@ -80,9 +84,7 @@ private:
 	/** Removes all files of the current directory and notes its directories. */
 	void Enter(std::string name) {
 		struct stat status {};
-		if (fstat(current_.Get(), &status) != 0) {
-			ThrowErrno();
-		}
+		RequireDone(fstat(current_.Get(), &status) == 0);
 		Level level = {std::move(name), status.st_dev, status.st_ino, {}};
 		ReadDirectory(current_.Get()).ForEach([&](const char* entry, bool is_directory) {
 			if (is_directory || !Unlink(current_.Get(), entry)) {
@@ -109,17 +111,13 @@ private:
 		levels_.pop_back();
 		UniqueFd above(openat(current_.Get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
 		struct stat status {};
-		if (!above || fstat(above.Get(), &status) != 0) {
-			ThrowErrno();
-		}
+		RequireDone(above && fstat(above.Get(), &status) == 0);
 		// A process that moves a directory meanwhile must not lead the walk out of the tree.
 		if (status.st_dev != levels_.back().device || status.st_ino != levels_.back().inode) {
 			ThrowErrno(ESTALE);
 		}
 		current_ = std::move(above);
-		if (unlinkat(current_.Get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-			ThrowErrno();
-		}
+		RequireDone(unlinkat(current_.Get(), name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT);
 	}
 
 	UniqueFd current_;
@@ -146,9 +144,7 @@ DirectoryEntries::DirectoryEntries(DIR* directory) {
 DirectoryEntries ReadDirectory(int directory) {
 	UniqueFd own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	const DirectoryHandle handle(own ? fdopendir(own.Get()) : nullptr);
-	if (!handle) {
-		ThrowErrno();
-	}
+	RequireDone(handle != nullptr);
 	own.Release();
 	DirectoryEntries entries(handle.get());
 	if (entries.Error() != 0) {
@@ -160,18 +156,14 @@ DirectoryEntries ReadDirectory(int directory) {
 void RemoveTree(const std::string& path) {
 	struct stat status {};
 	if (lstat(path.c_str(), &status) != 0) {
-		if (errno == ENOENT || errno == ENOTDIR) {
-			return;
-		}
-		ThrowErrno();
+		RequireDone(errno == ENOENT || errno == ENOTDIR);
+		return;
 	}
 	const bool is_directory = S_ISDIR(status.st_mode);
 	if (is_directory) {
 		Remover(path).Run();
 	}
-	if ((is_directory ? rmdir(path.c_str()) : unlink(path.c_str())) != 0 && errno != ENOENT) {
-		ThrowErrno();
-	}
+	RequireDone((is_directory ? rmdir(path.c_str()) : unlink(path.c_str())) == 0 || errno == ENOENT);
 }
 
 } // namespace tarn::dataupdate

@@ -2,18 +2,16 @@
 #ifndef DATAUPDATE_INTERNAL_DIRECTORIES_H
 #define DATAUPDATE_INTERNAL_DIRECTORIES_H
 
+#include "base/handle.h"
+
 #include <dirent.h>
 
 #include <cstddef>
-#include <memory>
 #include <string>
 
 namespace tarn::dataupdate {
 
-struct DirectoryCloser {
-	void operator()(DIR* directory) const { closedir(directory); }
-};
-using DirectoryHandle = std::unique_ptr<DIR, DirectoryCloser>;
+using DirectoryHandle = Handle<DIR, closedir>;
 
 /**
  * What a directory holds but "." and "..". Read whole, so that the directory can be closed before anything is done with

@@ -15,7 +15,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 
 namespace tarn::dataupdate {
 

@@ -33,6 +33,12 @@ constexpr int kFlagsOfStorage = FS_INDEX_FL | FS_HUGE_FILE_FL | FS_EXTENT_FL | F
 	throw std::system_error(error, std::system_category(), path);
 }
 
+void RequireDone(bool is_done, const std::string& path) {
+	if (!is_done) {
+		ThrowErrno(path);
+	}
+}
+
 UniqueFd OpenDirectory(int above, const char* name) {
 	UniqueFd directory(openat(above, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 	if (!directory) {
@@ -44,9 +50,7 @@ UniqueFd OpenDirectory(int above, const char* name) {
 /** Moved with the directory that holds it, a mounted file or directory would vanish from its place. */
 void RequireNoMount(int directory, const char* name, const std::string& path) {
 	struct statx status {};
-	if (statx(directory, name, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH, 0, &status) != 0) {
-		ThrowErrno(path);
-	}
+	RequireDone(statx(directory, name, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH, 0, &status) == 0, path);
 	if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
 		ThrowErrno(path, EBUSY);
 	}
@@ -68,9 +72,7 @@ std::string Attributes(const std::string& path, const Read& read) {
 	const ssize_t size = read(nullptr, 0);
 	std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
 	const ssize_t count = text.empty() ? size : read(text.data(), text.size());
-	if (count < 0 && errno != EOPNOTSUPP) {
-		ThrowErrno(path);
-	}
+	RequireDone(count >= 0 || errno == EOPNOTSUPP, path);
 	text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
 	return text;
 }
@@ -88,9 +90,7 @@ std::set<std::string> AttributeNames(int directory, const std::string& path) {
 void CopyAttribute(int from, int to, const std::string& name, const std::string& path) {
 	const std::string value =
 	    Attributes(path, [&](char* memory, std::size_t size) { return fgetxattr(from, name.c_str(), memory, size); });
-	if (fsetxattr(to, name.c_str(), value.data(), value.size(), 0) != 0) {
-		ThrowErrno(path);
-	}
+	RequireDone(fsetxattr(to, name.c_str(), value.data(), value.size(), 0) == 0, path);
 }
 
 /** One that the copy has got from the directory above it, which is not the original's, is taken away. */
@@ -100,9 +100,7 @@ void CopyExtendedAttributes(int from, int to, const std::string& path) {
 		CopyAttribute(from, to, name, path);
 	}
 	for (const std::string& name : AttributeNames(to, path)) {
-		if (names.count(name) == 0 && fremovexattr(to, name.c_str()) != 0) {
-			ThrowErrno(path);
-		}
+		RequireDone(names.count(name) > 0 || fremovexattr(to, name.c_str()) == 0, path);
 	}
 }
 
@@ -114,9 +112,7 @@ int FlagsOf(int directory) {
 
 void CopyOwnerAndAttributes(int from, const struct stat& status, int to, const std::string& path) {
 	// The mode after the owner, which takes bits of the mode away.
-	if (fchown(to, status.st_uid, status.st_gid) != 0 || fchmod(to, status.st_mode & 07777) != 0) {
-		ThrowErrno(path);
-	}
+	RequireDone(fchown(to, status.st_uid, status.st_gid) == 0 && fchmod(to, status.st_mode & 07777) == 0, path);
 	CopyExtendedAttributes(from, to, path);
 	if (FlagsOf(from) != FlagsOf(to)) {
 		ThrowErrno(path, EOPNOTSUPP);
@@ -125,17 +121,13 @@ void CopyOwnerAndAttributes(int from, const struct stat& status, int to, const s
 
 struct stat StatusOf(int directory, const std::string& path) {
 	struct stat status {};
-	if (fstat(directory, &status) != 0) {
-		ThrowErrno(path);
-	}
+	RequireDone(fstat(directory, &status) == 0, path);
 	return status;
 }
 
 void CopyTimes(const struct stat& status, int to, const std::string& path) {
 	const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
-	if (futimens(to, times.data()) != 0) {
-		ThrowErrno(path);
-	}
+	RequireDone(futimens(to, times.data()) == 0, path);
 }
 
 } // namespace
@@ -188,9 +180,7 @@ private:
 };
 
 LinkedTree::LinkedTree(const std::string& original, const std::string& copy, const IsReplaced& is_replaced) {
-	if (mkdir(copy.c_str(), S_IRWXU) != 0) {
-		ThrowErrno(copy);
-	}
+	RequireDone(mkdir(copy.c_str(), S_IRWXU) == 0, copy);
 	Linker(directories_, original, is_replaced)
 	    .Fill(OpenDirectory(AT_FDCWD, original.c_str()), OpenDirectory(AT_FDCWD, copy.c_str()), "");
 }

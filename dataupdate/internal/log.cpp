@@ -1,19 +1,12 @@
 #include "dataupdate/internal/log.h"
 
+#include "base/handle.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 namespace tarn::dataupdate {
-
-namespace {
-
-struct Free {
-	void operator()(char* text) const { std::free(text); } // NOLINT(cppcoreguidelines-*): vasprintf's memory
-};
-
-} // namespace
 
 void LogAt(int priority, const char* source, int line, const char* format, ...) noexcept {
 	va_list arguments;
@@ -21,7 +14,7 @@ void LogAt(int priority, const char* source, int line, const char* format, ...) 
 	char* formatted = nullptr;
 	const int length = vasprintf(&formatted, format, arguments);
 	va_end(arguments);
-	const std::unique_ptr<char, Free> text(length < 0 ? nullptr : formatted);
+	const Handle<char, std::free> text(length < 0 ? nullptr : formatted);
 	syslog(priority, "%s:%d %s", source, line, text ? text.get() : format);
 }
 

@@ -1,11 +1,11 @@
 #include "dataupdate/internal/patch_description.h"
 
 #include "base/sqlite_names.h"
+#include "base/text.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 
 #include <boost/filesystem.hpp>
-#include <boost/filesystem/path.hpp>
 
 #include <algorithm>
 #include <array>
@@ -18,17 +18,10 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-std::vector<std::string> PartsOf(const std::string& name) {
-	std::vector<std::string> parts;
-	for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
-		end = name.find('/', begin);
-		parts.push_back(name.substr(begin, end == std::string::npos ? end : end - begin));
-	}
-	return parts;
-}
-
-bool IsNoStep(const std::string& part) {
-	return part.empty() || part == ".";
+/** "./a//b" names a file, but neither "a/" nor "." does. */
+bool NamesAFile(const std::string& name) {
+	const std::string last = name.substr(name.rfind('/') + 1);
+	return !last.empty() && last != ".";
 }
 
 /**
@@ -151,24 +144,18 @@ private:
 } // namespace
 
 bool StaysBelow(const std::string& name) {
-	const std::vector<std::string> parts = PartsOf(name);
+	const std::vector<std::string> steps = PathSteps(name);
 	const bool is_absolute = !name.empty() && name.front() == '/';
-	return !is_absolute && name.find('\0') == std::string::npos && std::count(parts.begin(), parts.end(), "..") == 0;
+	return !is_absolute && name.find('\0') == std::string::npos && std::count(steps.begin(), steps.end(), "..") == 0;
 }
 
 std::string PlainName(const std::string& name) {
-	std::string plain;
-	for (const std::string& part : PartsOf(name)) {
-		if (!IsNoStep(part)) {
-			plain += (plain.empty() ? "" : "/") + part;
-		}
-	}
-	return plain;
+	return JoinSteps(PathSteps(name));
 }
 
 std::string JoinPath(const std::string& root, const std::string& path) {
-	const boost::filesystem::path right(path);
-	return right.is_absolute() ? path : (boost::filesystem::path(root) / right).string();
+	const fs::path right(path);
+	return right.is_absolute() ? path : (fs::path(root) / right).string();
 }
 
 std::map<std::string, ModifyInfo> ByPlainName(const std::map<std::string, ModifyInfo>& modify_infos) {
@@ -185,8 +172,7 @@ std::vector<PatchMember> ReadPatchDescription(const std::string& package_directo
 	const Json::Value description = IOUtils().ReadJson(path);
 	std::vector<PatchMember> members;
 	for (const std::string& name : description.getMemberNames()) {
-		// "./a//b" names a file, but neither "a/" nor "." does.
-		if (!StaysBelow(name) || IsNoStep(PartsOf(name).back())) {
+		if (!StaysBelow(name) || !NamesAFile(name)) {
 			throw UpdateError("Illegal file name in diff package: " + name);
 		}
 		const Json::Value& value = description[name];

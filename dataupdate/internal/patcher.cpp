@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <exception>
-#include <utility>
 
 namespace tarn::dataupdate {
 
@@ -41,16 +40,6 @@ void CheckNoLink(const std::string& path) {
 	boost::system::error_code ignored;
 	if (fs::is_symlink(fs::symlink_status(path, ignored))) {
 		RefuseAsNotRegular(path);
-	}
-}
-
-/** All of them, so that the first file is not replaced when the last one cannot be. */
-void CheckSources(const std::map<std::string, ModifyInfo>& modify_infos) {
-	for (const auto& [name, info] : modify_infos) {
-		boost::system::error_code ignored;
-		if (info.operation == ModifyInfo::kOverride && !fs::is_regular_file(fs::status(info.source, ignored))) {
-			RefuseAsNotRegular(info.source);
-		}
 	}
 }
 
@@ -104,7 +93,13 @@ void Patcher::ApplyPackage(const std::string& package_directory) {
 
 std::map<std::string, ModifyInfo> Patcher::CheckedChanges() const {
 	std::map<std::string, ModifyInfo> changes = ByPlainName(modify_infos_);
-	CheckSources(changes);
+	// All of them, so that the first file is not replaced when the last one cannot be.
+	for (const auto& [name, info] : changes) {
+		boost::system::error_code ignored;
+		if (info.operation == ModifyInfo::kOverride && !fs::is_regular_file(fs::status(info.source, ignored))) {
+			RefuseAsNotRegular(info.source);
+		}
+	}
 	return changes;
 }
 
@@ -139,14 +134,14 @@ void Patcher::_PatchInstalled(const std::string& name, const std::string& databa
 	const std::optional<std::string> known = known_digest_ ? known_digest_(name) : std::nullopt;
 	boost::system::error_code ignored;
 	if (!known || !fs::is_regular_file(fs::symlink_status(database, ignored))) {
-		_DoSqlitePatch(database, script);
+		ExecuteSqlScript(database, script);
 		return;
 	}
 	// While the script changes the copy. Whatever a script says of another file than its own is of no interest.
 	DigestsAhead digest({installed}, DigestsAhead::Caller::kHasOtherWork);
 	std::exception_ptr failure;
 	try {
-		_DoSqlitePatch(database, script);
+		ExecuteSqlScript(database, script);
 	} catch (const UpdateError&) {
 		failure = std::current_exception();
 	}
@@ -172,7 +167,7 @@ void Patcher::_UpdateFile(const std::string& name, const std::string& working_co
 	if (extension == ".vcdiff") {
 		_DoVcPatch(working_copy, input);
 	} else if (extension == ".sqlitediff") {
-		_DoSqlitePatch(working_copy, input);
+		ExecuteSqlScript(working_copy, input);
 	} else {
 		throw UpdateError("Unsupported diff type: " + extension);
 	}
@@ -185,10 +180,6 @@ void Patcher::_DoVcPatch(const std::string& file, const std::string& patch) cons
 	if (unlink(output.c_str()) != 0 && errno != ENOENT) { // It has been moved.
 		throw UpdateError("Failt to delete " + output);
 	}
-}
-
-void Patcher::_DoSqlitePatch(const std::string& database, const std::string& script) const {
-	ExecuteSqlScript(database, script);
 }
 
 void Patcher::_ClaimFile(const std::string& name) {

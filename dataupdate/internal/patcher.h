@@ -67,7 +67,6 @@ private:
 	void _PatchInstalled(const std::string& name, const std::string& database, const std::string& script) const;
 	void _UpdateFile(const std::string& name, const std::string& working_copy, const std::string& input);
 	void _DoVcPatch(const std::string& file, const std::string& patch) const;
-	void _DoSqlitePatch(const std::string& database, const std::string& script) const;
 	/** Keeps one file from having two working copies by two spellings of its name. */
 	void _ClaimFile(const std::string& name);
 	std::string _ClaimWorkingCopy(const std::string& name);

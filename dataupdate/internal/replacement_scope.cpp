@@ -19,21 +19,13 @@ constexpr char kLogSource[] = "replacement_scope.cpp";
  * and the strategies' constructors, which such an override calls, have a fixed interface. An override may also run the
  * strategy in another thread than the one that opened the scope.
  */
-struct OpenScopes {
-	Mutex mutex;
-	std::set<ReplacementScope*> scopes TARN_GUARDED_BY(mutex);
-};
-
-OpenScopes& GetOpenScopes() {
-	static OpenScopes open;
-	return open;
-}
+Mutex mutex;
+std::set<ReplacementScope*> open_scopes TARN_GUARDED_BY(mutex);
 
 template<typename Visit>
 void ForEachScope(const std::string& id, const Visit& visit) {
-	OpenScopes& open = GetOpenScopes();
-	const MutexLock guard(open.mutex);
-	for (ReplacementScope* scope : open.scopes) {
+	const MutexLock guard(mutex);
+	for (ReplacementScope* scope : open_scopes) {
 		if (scope->Id() == id) {
 			visit(*scope);
 		}
@@ -43,15 +35,13 @@ void ForEachScope(const std::string& id, const Visit& visit) {
 } // namespace
 
 ReplacementScope::ReplacementScope(std::string id) : id_(std::move(id)) {
-	OpenScopes& open = GetOpenScopes();
-	const MutexLock guard(open.mutex);
-	open.scopes.insert(this);
+	const MutexLock guard(mutex);
+	open_scopes.insert(this);
 }
 
 ReplacementScope::~ReplacementScope() {
-	OpenScopes& open = GetOpenScopes();
-	const MutexLock guard(open.mutex);
-	open.scopes.erase(this);
+	const MutexLock guard(mutex);
+	open_scopes.erase(this);
 }
 
 void ReplacementScope::EndByRecord() const noexcept {
@@ -89,7 +79,7 @@ void PlanReplacement(const std::string& id, const PlannedVersion& version, const
 }
 
 void KeepPlan(const std::string& id) {
-	ForEachScope(id, [](ReplacementScope& scope) { scope.is_planned_ = true; });
+	ForEachScope(id, [](ReplacementScope& scope) { scope.KeepPlan(); });
 }
 
 } // namespace tarn::dataupdate

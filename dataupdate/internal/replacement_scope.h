@@ -36,13 +36,12 @@ public:
 	/** The new state has been recorded: removes the mark as ClearReplacementMark() does. */
 	void EndByRecord() const noexcept;
 
-private:
-	friend void AnnounceReplacement(const std::string& id);
-	friend void PlanReplacement(const std::string& id, const PlannedVersion& version, const ListPlanned& list);
-	friend void KeepPlan(const std::string& id);
+	/** What the functions below do for each scope of their database. */
 	void Plan(const PlannedVersion& version, const ListPlanned& list);
+	void KeepPlan() { is_planned_ = true; }
 	void Begin();
 
+private:
 	std::string id_;
 	bool is_planned_ = false;
 	std::optional<InterruptionShield> shield_;

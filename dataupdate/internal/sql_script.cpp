@@ -70,7 +70,6 @@ class ScriptLines {
 public:
 	explicit ScriptLines(const std::string& path) : path_(path), file_(path, std::ios::binary) {}
 
-	/** Takes the next line; returns false behind the last. */
 	bool Next(std::string& line) {
 		line.clear();
 		int byte = Take();

@@ -52,8 +52,6 @@ int AuthorizeScript(
  *
  * The database is a working copy: nothing is synced, nobody else may have it open, and its "-wal", "-shm" and
  * "-journal" names must be free. Throws UpdateError "Fail apply sql cmd: <why>".
- *
- * @param time  how long the script may take
  */
 void ExecuteSqlScript(
     const std::string& database, const std::string& script, std::chrono::seconds time = kMaxScriptTime);

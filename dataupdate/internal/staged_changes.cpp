@@ -1,7 +1,7 @@
 #include "dataupdate/internal/staged_changes.h"
 
 #include "dataupdate/internal/activity.h"
-#include "dataupdate/internal/staging.h"
+#include "dataupdate/internal/staged_tree.h"
 #include "dataupdate/internal/strategy_steps.h"
 
 #include <boost/filesystem.hpp>
@@ -10,7 +10,6 @@
 #include <stdio.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <array>
 #include <deque>
 #include <set>

@@ -33,10 +33,7 @@ constexpr std::size_t kMostRenames = 128;
  */
 class StagedChanges {
 public:
-	/**
-	 * @param place         a directory of the temporary area for what is made ready; emptied when it is needed
-	 * @param most_renames  as DirectoriesToExchange() takes it
-	 */
+	/** @param place  a directory of the temporary area for what is made ready; emptied when it is needed */
 	StagedChanges(
 	    Changes changes, std::string install_directory, std::string place, std::size_t most_renames = kMostRenames);
 

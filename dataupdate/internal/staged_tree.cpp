@@ -1,6 +1,6 @@
 #include "dataupdate/internal/staged_tree.h"
 
-#include "dataupdate/internal/staging.h"
+#include "dataupdate/internal/log.h"
 #include "dataupdate/internal/strategy_steps.h"
 #include "dataupdate/utils.h"
 
@@ -8,6 +8,8 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <cerrno>
 #include <utility>
@@ -18,6 +20,9 @@ namespace tarn::dataupdate {
 namespace fs = boost::filesystem;
 
 namespace {
+
+// The name by which this line is known.
+constexpr char kLogSource[] = "staging.cpp";
 
 std::vector<std::string> EntriesOf(const std::string& directory) {
 	std::vector<std::string> entries;
@@ -37,6 +42,23 @@ bool Move(const std::string& entry, const std::string& directory) {
 }
 
 } // namespace
+
+void TellSlowReplacement(const std::string& reason) {
+	TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", reason.c_str());
+}
+
+bool AreOnOneFileSystem(const std::string& left, const std::string& right) {
+	struct stat left_status {};
+	struct stat right_status {};
+	return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
+	       left_status.st_dev == right_status.st_dev;
+}
+
+bool HandsAttributesDown(const std::string& directory) {
+	struct stat status {};
+	return stat(directory.c_str(), &status) != 0 || (status.st_mode & S_ISGID) != 0 ||
+	       getxattr(directory.c_str(), "system.posix_acl_default", nullptr, 0) > 0;
+}
 
 void RemoveEntries(const std::string& directory) {
 	for (const std::string& entry : EntriesOf(directory)) {

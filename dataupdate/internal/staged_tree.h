@@ -1,4 +1,4 @@
-/** @file A new tree of files that is ready beside the installed one, and takes its place by few renames. */
+/** @file New files that are made ready in the temporary area, and take the place of installed ones by few renames. */
 #ifndef DATAUPDATE_INTERNAL_STAGED_TREE_H
 #define DATAUPDATE_INTERNAL_STAGED_TREE_H
 
@@ -7,8 +7,19 @@
 
 namespace tarn::dataupdate {
 
+/** Ends the name of the directory in which a new tree, or a part of it, is made ready. */
+constexpr char kStaged[] = "staged";
 /** Ends the name of the directory to which a full update moves the old tree, until readers may go on. */
 constexpr char kReplaced[] = "replaced";
+
+/** Logs why files will be installed one after the other (LOG_INFO). */
+void TellSlowReplacement(const std::string& reason);
+
+/** Whether two directories lie on one file system, between whose directories entries are moved by renaming. */
+[[nodiscard]] bool AreOnOneFileSystem(const std::string& left, const std::string& right);
+
+/** Whether what is made in a directory gets its group or its access list from it. Moved entries would not. */
+[[nodiscard]] bool HandsAttributesDown(const std::string& directory);
 
 /** Removes what is in a directory. Throws IOUtils::RmRf's errors. */
 void RemoveEntries(const std::string& directory);
@@ -22,11 +33,7 @@ public:
 	const std::string& Path() const { return staged_; }
 	/** Makes empty directories for the new tree, and for the old one. */
 	void MakeRoom() const;
-	/**
-	 * Moves what is installed to the temporary area, and removes what is mounted, which cannot be moved.
-	 *
-	 * @param stays  tells of an entry's name whether it is left alone
-	 */
+	/** Moves what is installed, but what stays, to the temporary area; removes what is mounted and cannot be moved. */
 	void ClearInstalled(const std::function<bool(const std::string& name)>& stays = nullptr) const;
 	/** Moves the new tree in; false, with nothing done, where that is no mere renaming. */
 	[[nodiscard]] bool MoveIn() const;

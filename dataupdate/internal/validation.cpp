@@ -1,7 +1,7 @@
 #include "dataupdate/internal/validation.h"
 
-#include "base/error.h"
 #include "base/file_io.h"
+#include "base/handle.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
@@ -16,7 +16,6 @@
 #include <fcntl.h>
 
 #include <array>
-#include <memory>
 
 // An appliance's own platform may lack hooks that check.
 #pragma weak TLIBPluginExists
@@ -32,11 +31,7 @@ constexpr char kPath[] = "database_autoupdate/validate";
 constexpr std::size_t kReasonBytes = 1024;
 constexpr std::size_t kWrittenAtOnce = std::size_t{64} * 1024;
 
-struct ContextCloser {
-	void operator()(TLIBPluginContext* context) const { TLIBPluginExit(context); }
-};
-
-using Context = std::unique_ptr<TLIBPluginContext, ContextCloser>;
+using Context = Handle<TLIBPluginContext, TLIBPluginExit>;
 
 /** The list of changes: for each file "put=<name>" or "delete=<name>", and a NUL. */
 class ChangeList {
