@@ -162,7 +162,7 @@ void RemoveLeftovers(const std::string& directory) {
 
 WorkDirectory::WorkDirectory(const std::string& repository) {
 	// Absolute and without links, since it goes to other programs and is compared with what they see.
-	std::string name = (fs::canonical(repository) / (std::string(kWorkPrefix) + "XXXXXX")).string();
+	std::string name = (fs::canonical(repository) / (std::string(kTemporaryPrefix) + "work-XXXXXX")).string();
 	if (mkdtemp(name.data()) == nullptr) {
 		throw PublishError(ErrnoText("No directory can be created in " + repository, errno) + ".");
 	}
@@ -177,13 +177,14 @@ WorkDirectory::~WorkDirectory() {
 }
 
 std::string WorkDirectory::Make(const std::string& name) const {
+	std::string path = *this / name;
 	try {
-		fs::create_directories(path_ + "/" + name);
+		fs::create_directories(path);
 	} catch (const fs::filesystem_error& error) {
 		throw PublishError(
 		    "No directory can be created: " + error.path1().string() + ": " + error.code().message() + ".");
 	}
-	return path_ + "/" + name;
+	return path;
 }
 
 } // namespace tarn::publisher

@@ -36,7 +36,6 @@ private:
 
 /** What the names of everything begin with that is not finished; web servers must not serve such names. */
 constexpr const char* kTemporaryPrefix = ".tarndbudpub-";
-constexpr const char* kWorkPrefix = ".tarndbudpub-work-";
 
 /**
  * A file that appears under its name whole or not at all. A publisher that is killed before leaves only a temporary
@@ -91,7 +90,6 @@ public:
 	~WorkDirectory();
 
 	[[nodiscard]] const std::string& Path() const { return path_; }
-	/** The path of a name in it. */
 	std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 	/** Makes a directory in it and returns its path. */
 	[[nodiscard]] std::string Make(const std::string& name) const;

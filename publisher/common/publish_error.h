@@ -3,7 +3,6 @@
 #define PUBLISHER_COMMON_PUBLISH_ERROR_H
 
 #include <stdexcept>
-#include <string>
 
 namespace tarn::publisher {
 

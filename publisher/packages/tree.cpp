@@ -5,9 +5,8 @@
 #include "base/text.h"
 #include "publisher/common/files.h"
 #include "publisher/common/publish_error.h"
+#include "publisher/common/utf8.h"
 #include "publisher/packages/device.h"
-
-#include <boost/locale/utf.hpp>
 
 #include <algorithm>
 #include <iterator>
@@ -19,8 +18,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
+std::string Quoted(const std::string& name) {
+	return "\"" + Printable(name) + "\"";
+}
+
 [[noreturn]] void Refuse(const std::string& name, const std::string& reason) {
-	throw PublishError("\"" + Printable(name) + "\" cannot be published: " + reason + ".");
+	throw PublishError(Quoted(name) + " cannot be published: " + reason + ".");
+}
+
+bool IsUtf8(std::string_view text) {
+	while (!text.empty() && TakeCharacter(text)) {
+	}
+	return text.empty();
 }
 
 void CheckName(const std::string& name) {
@@ -99,10 +108,6 @@ std::set<std::string> DirectoriesOf(const std::set<std::string>& names) {
 	return directories;
 }
 
-std::string Quoted(const std::string& name) {
-	return "\"" + Printable(name) + "\"";
-}
-
 std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes, const std::set<std::string>& earlier) {
 	std::map<std::string, std::string> owners;
 	for (const std::string& name : earlier) {
@@ -123,17 +128,6 @@ std::optional<std::string> FindCollision(const std::vector<TreeChange>& changes,
 
 } // namespace
 
-bool IsUtf8(const std::string& text) {
-	using Traits = boost::locale::utf::utf_traits<char>;
-	for (auto at = text.begin(); at != text.end();) {
-		const auto point = Traits::decode(at, text.end());
-		if (point == boost::locale::utf::illegal || point == boost::locale::utf::incomplete) {
-			return false;
-		}
-	}
-	return true;
-}
-
 std::set<std::string> NamesOf(const Tree& tree) {
 	std::set<std::string> names;
 	for (const TreeFile& file : tree.files) {
@@ -147,7 +141,7 @@ bool IsBeneath(const fs::path& path, const fs::path& root) {
 }
 
 void RefuseVanished(const std::string& name) {
-	throw PublishError("\"" + Printable(name) + "\" vanished while it was read; publish a tree at rest.");
+	throw PublishError(Quoted(name) + " vanished while it was read; publish a tree at rest.");
 }
 
 Tree ListTree(const std::string& root) {

@@ -42,8 +42,6 @@ Tree ListTree(const std::string& root);
 /** Throws the PublishError for a file that has vanished since the tree was listed. */
 [[noreturn]] void RefuseVanished(const std::string& name);
 
-[[nodiscard]] bool IsUtf8(const std::string& text);
-
 std::set<std::string> NamesOf(const Tree& tree);
 
 /** Whether a path is a directory or lies below it; both are canonical. */

@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
+#include "publisher/common/utf8.h"
 #include "publisher/packages/package.h"
 #include "publisher/packages/tree.h"
 
@@ -16,26 +17,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-unsigned ByteAt(const std::string& text, std::size_t at) {
-	return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
-}
-
-/** Whether a UTF-8 text has characters of C0 or C1, DEL, or marks that change the direction of what follows. */
-bool HasControls(const std::string& text) {
-	constexpr unsigned kDelete = 0x7f;
-	for (std::size_t at = 0; at < text.size(); ++at) {
-		const unsigned first = ByteAt(text, at);
-		const unsigned second = ByteAt(text, at + 1);
-		const unsigned third = ByteAt(text, at + 2);
-		const bool is_c1 = first == 0xc2 && second < 0xa0;
-		// U+2028 to U+202E and U+2066 to U+2069
-		const bool is_mark = first == 0xe2 && ((second == 0x80 && third >= 0xa8 && third <= 0xae) ||
-		                                          (second == 0x81 && third >= 0xa6 && third <= 0xa9));
-		if (first < ' ' || first == kDelete || is_c1 || is_mark) {
-			return true;
+/** Whether a text is UTF-8 without control characters. */
+bool IsOneLine(std::string_view text) {
+	while (!text.empty()) {
+		const std::optional<char32_t> character = TakeCharacter(text);
+		if (!character || IsControl(*character)) {
+			return false;
 		}
 	}
-	return false;
+	return true;
 }
 
 std::int64_t Number(const PublishOptions& options, const std::optional<int>& last) {
@@ -124,7 +114,7 @@ void CheckNotes(const std::string& notes) {
 		throw UsageError("--notes has " + std::to_string(notes.size()) + " bytes; at most " +
 		                 std::to_string(kMaxNotes) + " are possible.");
 	}
-	if (!IsUtf8(notes) || HasControls(notes)) {
+	if (!IsOneLine(notes)) {
 		throw UsageError("--notes must be one line of UTF-8 without control characters.");
 	}
 }

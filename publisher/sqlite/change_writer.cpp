@@ -1,18 +1,11 @@
 #include "publisher/sqlite/change_writer.h"
 
 #include <algorithm>
+#include <array>
 
 namespace tarn::publisher {
 
 namespace {
-
-std::string Joined(const std::vector<std::string>& parts, const char* between = ",") {
-	std::string text;
-	for (const std::string& part : parts) {
-		text += (text.empty() ? "" : between) + part;
-	}
-	return text;
-}
 
 std::string Literals(const SqlRow& row) {
 	std::vector<std::string> literals;
@@ -20,11 +13,11 @@ std::string Literals(const SqlRow& row) {
 	return Joined(literals);
 }
 
-} // namespace
-
-RowKey RowIdKey(std::int64_t id) {
-	return {SqlValue{SQLITE_INTEGER, id, {}}};
+bool Differ(const SqlRow& before, const SqlRow& after, const std::vector<std::size_t>& columns) {
+	return std::any_of(columns.begin(), columns.end(), [&](std::size_t at) { return before[at] != after[at]; });
 }
+
+} // namespace
 
 std::string KeyCondition(const TableShape& shape, const RowKey& key) {
 	std::vector<std::string> parts = shape.KeyNames();
@@ -36,24 +29,8 @@ std::string KeyCondition(const TableShape& shape, const RowKey& key) {
 
 std::string Distinction(const std::string& column, const SqlValue& before, const SqlValue& after) {
 	if (before.type != after.type) {
-		SqlValue type = {SQLITE_TEXT, 0, "null"};
-		switch (before.type) {
-		case SQLITE_INTEGER:
-			type.bytes = "integer";
-			break;
-		case SQLITE_FLOAT:
-			type.bytes = "real";
-			break;
-		case SQLITE_TEXT:
-			type.bytes = "text";
-			break;
-		case SQLITE_BLOB:
-			type.bytes = "blob";
-			break;
-		default:
-			break;
-		}
-		return "typeof(" + column + ")=" + Literal(type);
+		constexpr std::array kTypes = {"integer", "real", "text", "blob", "null"}; // in the order of SQLite's numbers
+		return "typeof(" + column + ")='" + kTypes.at(static_cast<std::size_t>(before.type) - 1) + "'";
 	}
 	const std::string blob = "CAST(" + column + " AS BLOB)";
 	if (before.bytes.size() != after.bytes.size()) {
@@ -158,6 +135,67 @@ std::string ChangeWriter::Where(const std::vector<std::string>& keys) const {
 		return names.front() + (keys.size() == 1 ? "=" + keys.front() : " IN (" + Joined(keys) + ")");
 	}
 	return "(" + Joined(names) + ") IN (VALUES" + Joined(keys) + ")";
+}
+
+void UniqueConflicts::Add(std::uint64_t number, const SqlRow& before, const SqlRow& after) {
+	for (std::size_t i = 0; i < shape_.uniques.size(); ++i) {
+		const UniqueColumns& unique = shape_.uniques[i];
+		if (!Differ(before, after, unique.columns)) {
+			continue;
+		}
+		if (!unique.by_value) {
+			conflicts_.insert(number);
+			continue;
+		}
+		taken_.insert(KeyHash(before, unique.columns) + i);
+		claims_.push_back({number, KeyHash(after, unique.columns) + i});
+	}
+}
+
+std::unordered_set<std::uint64_t> UniqueConflicts::Find() const {
+	std::unordered_set<std::uint64_t> conflicts = conflicts_;
+	for (const Claim& claim : claims_) {
+		if (taken_.count(claim.key) > 0) {
+			conflicts.insert(claim.number);
+		}
+	}
+	return conflicts;
+}
+
+void WriteChangesInPlace(const DatabasePair& pair, const TableShape& shape, ChangeWriter& writer) {
+	std::unordered_set<std::uint64_t> moved;
+	if (!shape.uniques.empty()) {
+		UniqueConflicts conflicts(shape);
+		ForEachChanged(
+		    pair, shape, [&](std::uint64_t number, const RowKey& /*key*/, const SqlRow& before, const SqlRow& after) {
+			    conflicts.Add(number, before, after);
+		    });
+		moved = conflicts.Find();
+	}
+	const auto for_each_moved = [&](const auto& take) {
+		if (moved.empty()) {
+			return;
+		}
+		ForEachChanged(
+		    pair, shape, [&](std::uint64_t number, const RowKey& key, const SqlRow& /*before*/, const SqlRow& after) {
+			    if (moved.count(number) > 0) {
+				    take(key, after);
+			    }
+		    });
+	};
+	ForEachOnlyIn(
+	    pair, DatabasePair::kBefore, shape, [&](const RowKey& key, const SqlRow& /*row*/) { writer.Delete(key); });
+	for_each_moved([&](const RowKey& key, const SqlRow& /*after*/) { writer.Delete(key); });
+	ForEachChanged(
+	    pair, shape, [&](std::uint64_t number, const RowKey& key, const SqlRow& before, const SqlRow& after) {
+		    if (moved.count(number) == 0) {
+			    writer.Update(key, before, after);
+		    }
+	    });
+	const auto insert = [&](const RowKey& key, const SqlRow& row) { writer.Insert(key, row); };
+	ForEachOnlyIn(pair, DatabasePair::kAfter, shape, insert);
+	for_each_moved(insert);
+	writer.Flush();
 }
 
 } // namespace tarn::publisher

@@ -3,20 +3,17 @@
 #define PUBLISHER_SQLITE_CHANGE_WRITER_H
 
 #include "publisher/sqlite/sql_text.h"
+#include "publisher/sqlite/table_pair.h"
 #include "publisher/sqlite/table_shape.h"
 
 #include <cstdint>
 #include <ostream>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace tarn::publisher {
-
-/** What tells a row apart: its row id, or the values of the primary key. */
-using RowKey = SqlRow;
-
-RowKey RowIdKey(std::int64_t id);
 
 /**
  * Writes the changes of a table, one statement on each line. Calls of one kind that follow each other share statements;
@@ -67,6 +64,33 @@ std::string Distinction(const std::string& column, const SqlValue& before, const
 
 /** "EXISTS(SELECT 1 FROM table WHERE condition)". */
 std::string RowExists(const TableShape& shape, const std::string& condition);
+
+/**
+ * Which changed rows cannot be updated, because another row still has what they must be the only ones to have: these
+ * rows are deleted before all updates and inserted after them.
+ */
+class UniqueConflicts {
+public:
+	explicit UniqueConflicts(const TableShape& shape) : shape_(shape) {}
+
+	void Add(std::uint64_t number, const SqlRow& before, const SqlRow& after);
+	/** The numbers of the rows in conflict, when all changed rows have been added. */
+	std::unordered_set<std::uint64_t> Find() const;
+
+private:
+	struct Claim {
+		std::uint64_t number;
+		std::uint64_t key;
+	};
+
+	const TableShape& shape_;
+	std::unordered_set<std::uint64_t> conflicts_;
+	std::unordered_set<std::uint64_t> taken_; // by changed rows, before
+	std::vector<Claim> claims_;               // of changed rows, after
+};
+
+/** Writes statements for rows that are told apart by row id or primary key: deletions, updates, insertions. */
+void WriteChangesInPlace(const DatabasePair& pair, const TableShape& shape, ChangeWriter& writer);
 
 } // namespace tarn::publisher
 

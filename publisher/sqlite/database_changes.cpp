@@ -2,15 +2,13 @@
 
 #include "publisher/sqlite/row_changes.h"
 #include "publisher/sqlite/shown_value.h"
-#include "publisher/sqlite/sql_text.h"
-#include "publisher/sqlite/table_schema.h"
+#include "publisher/sqlite/table_shape.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <iterator>
-#include <map>
 #include <utility>
 
 namespace tarn::publisher {
@@ -20,28 +18,24 @@ namespace {
 /** Calls back with each name of two maps in order, and what each map has for it, or a null pointer. */
 template<typename Map, typename Take>
 void ForEachOfBoth(const Map& before, const Map& after, const Take& take) {
-	auto left = before.begin();
-	auto right = after.begin();
-	while (left != before.end() || right != after.end()) {
-		const bool has_left = left != before.end() && (right == after.end() || !(right->first < left->first));
-		const bool has_right = right != after.end() && (left == before.end() || !(left->first < right->first));
-		take(has_left ? left->first : right->first, has_left ? &left->second : nullptr,
-		    has_right ? &right->second : nullptr);
-		left = has_left ? std::next(left) : left;
-		right = has_right ? std::next(right) : right;
+	const auto find = [](const Map& map, const typename Map::key_type& name) {
+		const auto at = map.find(name);
+		return at == map.end() ? nullptr : &at->second;
+	};
+	Map all = before;
+	all.insert(after.begin(), after.end());
+	for (const auto& [name, any] : all) {
+		take(name, find(before, name), find(after, name));
 	}
-}
-
-bool Has(const std::vector<std::string>& names, const std::string& name) {
-	return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 /** The names of one list that the other list has, or lacks. */
 std::vector<std::string> Chosen(
     const std::vector<std::string>& names, const std::vector<std::string>& others, bool in_others) {
 	std::vector<std::string> chosen;
-	std::copy_if(names.begin(), names.end(), std::back_inserter(chosen),
-	    [&](const std::string& name) { return Has(others, name) == in_others; });
+	std::copy_if(names.begin(), names.end(), std::back_inserter(chosen), [&](const std::string& name) {
+		return (std::find(others.begin(), others.end(), name) != others.end()) == in_others;
+	});
 	return chosen;
 }
 

@@ -6,9 +6,41 @@
 
 namespace tarn::publisher {
 
+namespace {
+
+RowKey RowIdKey(std::int64_t id) {
+	return {SqlValue{SQLITE_INTEGER, id, {}}};
+}
+
+/** Bytes of the database file before. */
+std::size_t SizeBefore(const DatabasePair& pair) {
+	SQLite::Statement size(pair.Connection(), "SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
+	size.executeStep();
+	return static_cast<std::size_t>(size.getColumn(0).getInt64());
+}
+
+} // namespace
+
+/** Takes rows that stay with other values, by their place before; their row ids count as the same. */
+template<typename Take>
+void RebuiltTable::ForEachChanged(const Take& take) {
+	for (std::size_t i = 0; i < before_.size(); ++i) {
+		const std::size_t at = match_->After(i);
+		if (at == kNoRow || before_[i].content == after_[at].content) {
+			continue;
+		}
+		SqlRow before = Before(i);
+		SqlRow after = After(at);
+		if (shape_.alias) {
+			before[*shape_.alias] = after[*shape_.alias];
+		}
+		take(i, before, after);
+	}
+}
+
 bool RebuiltTable::Match(std::uint64_t memory) {
 	const std::uint64_t rows =
-	    CountRows(pair_, DatabasePair::kBefore, shape_) + CountRows(pair_, DatabasePair::kAfter, shape_);
+	    CountRows(pair_, DatabasePair::kBefore, shape_.name) + CountRows(pair_, DatabasePair::kAfter, shape_.name);
 	if (rows > memory / kMatchBytesPerRow) {
 		return false;
 	}
@@ -19,10 +51,11 @@ bool RebuiltTable::Match(std::uint64_t memory) {
 	if (!is_positive(before_) || !is_positive(after_)) {
 		return false;
 	}
-	before_reader_.emplace(pair_, DatabasePair::kBefore, shape_);
-	after_reader_.emplace(pair_, DatabasePair::kAfter, shape_);
 	match_.emplace(before_, after_, [this](std::size_t before, std::size_t after) { return Likeness(before, after); });
-	FindReinserted();
+	UniqueConflicts conflicts(shape_);
+	ForEachChanged(
+	    [&](std::size_t at, const SqlRow& before, const SqlRow& after) { conflicts.Add(at, before, after); });
+	reinserted_ = conflicts.Find();
 	for (std::size_t i = 0; i < before_.size(); ++i) {
 		if (Stays(i) && NewId(i) != before_[i].id) {
 			return true;
@@ -47,11 +80,11 @@ void RebuiltTable::Write(ChangeWriter& writer) {
 }
 
 SqlRow RebuiltTable::Before(std::size_t at) {
-	return before_reader_->Read(before_[at].id);
+	return before_reader_.Read(before_[at].id);
 }
 
 SqlRow RebuiltTable::After(std::size_t at) {
-	return after_reader_->Read(after_[at].id);
+	return after_reader_.Read(after_[at].id);
 }
 
 std::size_t RebuiltTable::Likeness(std::size_t before, std::size_t after) {
@@ -64,30 +97,6 @@ std::size_t RebuiltTable::Likeness(std::size_t before, std::size_t after) {
 		}
 	}
 	return same;
-}
-
-/** Takes rows that stay with other values, by their place before; their row ids count as the same. */
-template<typename Take>
-void RebuiltTable::ForEachChanged(const Take& take) {
-	for (std::size_t i = 0; i < before_.size(); ++i) {
-		const std::size_t at = match_->After(i);
-		if (at == kNoRow || before_[i].content == after_[at].content) {
-			continue;
-		}
-		SqlRow before = Before(i);
-		SqlRow after = After(at);
-		if (shape_.alias) {
-			before[*shape_.alias] = after[*shape_.alias];
-		}
-		take(i, before, after);
-	}
-}
-
-void RebuiltTable::FindReinserted() {
-	UniqueConflicts conflicts(shape_);
-	ForEachChanged(
-	    [&](std::size_t at, const SqlRow& before, const SqlRow& after) { conflicts.Add(at, before, after); });
-	reinserted_ = conflicts.Find();
 }
 
 /** Something that holds before: a row id that is gone after, or a row that is another one after. */

@@ -2,9 +2,8 @@
 #ifndef PUBLISHER_SQLITE_REBUILT_TABLE_H
 #define PUBLISHER_SQLITE_REBUILT_TABLE_H
 
+#include "publisher/sqlite/change_writer.h"
 #include "publisher/sqlite/row_match.h"
-#include "publisher/sqlite/row_reader.h"
-#include "publisher/sqlite/table_changes.h"
 #include "publisher/sqlite/table_pair.h"
 
 #include <cstdint>
@@ -21,7 +20,11 @@ namespace tarn::publisher {
  */
 class RebuiltTable {
 public:
-	RebuiltTable(const DatabasePair& pair, const TableShape& shape) : pair_(pair), shape_(shape) {}
+	RebuiltTable(const DatabasePair& pair, const TableShape& shape)
+	    : pair_(pair),
+	      shape_(shape),
+	      before_reader_(pair, DatabasePair::kBefore, shape),
+	      after_reader_(pair, DatabasePair::kAfter, shape) {}
 
 	/**
 	 * Matches the rows; must come first.
@@ -47,7 +50,6 @@ private:
 	template<typename Take>
 	void ForEachChanged(const Take& take);
 
-	void FindReinserted();
 	void SetGuard(ChangeWriter& writer);
 	void WriteDeletions(ChangeWriter& writer) const;
 	void WriteUpdates(ChangeWriter& writer);
@@ -67,8 +69,8 @@ private:
 	std::size_t file_bytes_ = 0;
 	RowPrints before_;
 	RowPrints after_;
-	std::optional<RowReader> before_reader_;
-	std::optional<RowReader> after_reader_;
+	RowReader before_reader_;
+	RowReader after_reader_;
 	std::optional<RowMatch> match_;
 	std::unordered_set<std::uint64_t> reinserted_;
 };

@@ -104,12 +104,14 @@ private:
 
 void CompareByKey(const DatabasePair& pair, const ComparedTable& table, ExampleTaker& taker) {
 	const TableShape shape = ReadShape(table);
-	const TablePair rows(pair, shape);
-	rows.ForEachNew([&](const RowKey& key, const SqlRow& row) { taker.Take(RowOperation::kInserted, key, row); });
-	rows.ForEachChanged([&](std::uint64_t /*number*/, const RowKey& key, const SqlRow& before, const SqlRow& after) {
-		taker.TakeUpdate(key, before, after);
-	});
-	rows.ForEachGoneRow([&](const RowKey& key, const SqlRow& row) { taker.Take(RowOperation::kDeleted, key, row); });
+	ForEachOnlyIn(pair, DatabasePair::kAfter, shape,
+	    [&](const RowKey& key, const SqlRow& row) { taker.Take(RowOperation::kInserted, key, row); });
+	ForEachChanged(
+	    pair, shape, [&](std::uint64_t /*number*/, const RowKey& key, const SqlRow& before, const SqlRow& after) {
+		    taker.TakeUpdate(key, before, after);
+	    });
+	ForEachOnlyIn(pair, DatabasePair::kBefore, shape,
+	    [&](const RowKey& key, const SqlRow& row) { taker.Take(RowOperation::kDeleted, key, row); });
 }
 
 /** Every row of a version's table, with a number that it counts for. */
@@ -124,20 +126,16 @@ std::string CountedRows(const char* schema, const ComparedTable& table, const ch
 /** Rows of both versions in one sorter, which goes to a file: equal rows meet and cancel each other. */
 void CompareByContent(const DatabasePair& pair, const ComparedTable& table, ExampleTaker& taker) {
 	std::string columns;
-	std::string groups;
+	std::vector<std::string> groups;
 	for (std::size_t i = 0; i < table.columns.size(); ++i) {
 		const std::string name = "c" + std::to_string(i);
-		columns.append(",").append(name);
+		columns += "," + name;
 		// For SQL, 1 and 1.0 are equal, as are texts that differ in case when a column says so.
-		groups.append(groups.empty() ? "" : ",")
-		    .append(name)
-		    .append(" COLLATE BINARY,typeof(")
-		    .append(name)
-		    .append(")");
+		groups.emplace_back(name).append(" COLLATE BINARY,typeof(").append(name).append(")");
 	}
 	SQLite::Statement rows(pair.Connection(),
 	    "SELECT sum(n)" + columns + " FROM (" + CountedRows(DatabasePair::kAfter, table, "1") + " UNION ALL " +
-	        CountedRows(DatabasePair::kBefore, table, "-1") + ") GROUP BY " + groups + " HAVING sum(n)<>0");
+	        CountedRows(DatabasePair::kBefore, table, "-1") + ") GROUP BY " + Joined(groups) + " HAVING sum(n)<>0");
 	while (rows.executeStep()) {
 		const std::int64_t excess = rows.getColumn(0).getInt64();
 		const SqlRow row = RowOf(rows, 1, table.columns.size());
@@ -162,21 +160,18 @@ void CompareRows(const DatabasePair& pair, const ComparedTable& table, const Exa
 void CountAllRows(
     const DatabasePair& pair, const ComparedTable& table, const ExampleStyle& style, TableChange& change) {
 	const bool is_new = change.kind == ChangeKind::kAdded;
-	const std::string source =
-	    std::string(" FROM ") + (is_new ? DatabasePair::kAfter : DatabasePair::kBefore) + "." + QuotedName(table.name);
-	SQLite::Statement count(pair.Connection(), "SELECT count(*)" + source);
-	count.executeStep();
-	const auto all = static_cast<std::uint64_t>(count.getColumn(0).getInt64());
+	const char* schema = is_new ? DatabasePair::kAfter : DatabasePair::kBefore;
+	const std::string name = QuotedName(table.name);
 	ExampleTaker taker(table, style, change);
 	if (!table.columns.empty()) {
-		SQLite::Statement rows(pair.Connection(),
-		    "SELECT " + ColumnList("", Quoted(table.columns)) + source + " LIMIT " + std::to_string(style.most));
+		SQLite::Statement rows(pair.Connection(), "SELECT " + Joined(Quoted(table.columns)) + " FROM " + schema + "." +
+		                                              name + " LIMIT " + std::to_string(style.most));
 		while (rows.executeStep()) {
 			taker.Take(
 			    is_new ? RowOperation::kInserted : RowOperation::kDeleted, {}, RowOf(rows, 0, table.columns.size()));
 		}
 	}
-	(is_new ? change.rows.inserted : change.rows.deleted) = all;
+	(is_new ? change.rows.inserted : change.rows.deleted) = CountRows(pair, schema, name);
 }
 
 } // namespace tarn::publisher

@@ -1,13 +1,11 @@
 #include "publisher/sqlite/shown_value.h"
 
 #include "base/text.h"
+#include "publisher/common/utf8.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <optional>
 
 namespace tarn::publisher {
 
@@ -16,66 +14,26 @@ namespace {
 constexpr std::size_t kMostCharacters = 48;
 constexpr std::size_t kContext = 12; // bytes that are shown before a difference
 
-bool IsContinuation(char byte) {
-	return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
-}
-
-/** How many bytes a character takes by its first byte; 0 for a byte that begins none. */
-std::size_t LengthBy(unsigned char first) {
-	if (first < 0x80U) {
-		return 1;
-	}
-	if (first < 0xC2U || first > 0xF4U) {
-		return 0;
-	}
-	return first >= 0xF0U ? 4 : first >= 0xE0U ? 3 : 2;
-}
-
-/** Whether a sequence of the right form is a character: not too long, no surrogate, not above the last one. */
-bool IsCharacter(std::string_view sequence) {
-	const auto first = static_cast<unsigned char>(sequence[0]);
-	const auto second = static_cast<unsigned char>(sequence.size() > 1 ? sequence[1] : '\0');
-	return !(first == 0xE0U && second < 0xA0U) && !(first == 0xEDU && second >= 0xA0U) &&
-	       !(first == 0xF0U && second < 0x90U) && !(first == 0xF4U && second >= 0x90U);
-}
-
-/** Marks that turn the direction of what follows, and separators of lines. */
-bool IsLayoutMark(std::string_view sequence) {
-	constexpr std::string_view kPrefix = "\xE2\x80";
-	const auto last = static_cast<unsigned char>(sequence.back());
-	return (sequence.size() == 3 && StartsWith(sequence, kPrefix) &&
-	           ((last >= 0xA8U && last <= 0xAEU) || last == 0x8EU || last == 0x8FU)) ||
-	       (sequence.size() == 3 && StartsWith(sequence, "\xE2\x81") && last >= 0xA6U && last <= 0xA9U);
-}
-
-bool IsControl(std::string_view sequence) {
-	const auto first = static_cast<unsigned char>(sequence[0]);
-	const bool is_high = first == 0xC2U && static_cast<unsigned char>(sequence[1]) < 0xA0U;
-	return first < 0x20U || first == 0x7FU || is_high || IsLayoutMark(sequence);
-}
-
-/** The bytes of the character at the beginning of a text; 0 when there is none that can be shown. */
-std::size_t ShownLength(std::string_view text) {
-	const std::size_t length = LengthBy(static_cast<unsigned char>(text[0]));
-	const std::string_view sequence = text.substr(0, length);
-	const bool is_whole =
-	    length > 0 && sequence.size() == length && std::all_of(sequence.begin() + 1, sequence.end(), IsContinuation);
-	return is_whole && IsCharacter(sequence) && !IsControl(sequence) ? length : 0;
+/** Whether a character is written as it is: no control, and no mark of direction. */
+bool IsShown(char32_t character) {
+	return !IsControl(character) && character != 0x200E && character != 0x200F;
 }
 
 /** Appends the first characters of a text; returns how many bytes of it they are. */
 std::size_t AppendShown(std::string& shown, std::string_view text, std::size_t most_characters) {
-	std::size_t at = 0;
-	for (std::size_t count = 0; at < text.size() && count < most_characters; ++count) {
-		if (const std::size_t length = ShownLength(text.substr(at)); length > 0) {
-			shown += text.substr(at, length);
-			at += length;
+	std::string_view rest = text;
+	for (std::size_t count = 0; !rest.empty() && count < most_characters; ++count) {
+		const std::string_view from = rest;
+		const std::optional<char32_t> character = TakeCharacter(rest);
+		if (character && IsShown(*character)) {
+			shown += from.substr(0, from.size() - rest.size());
 		} else {
-			const auto byte = static_cast<unsigned char>(text[at++]);
+			const auto byte = static_cast<unsigned char>(from.front());
 			shown += "\\x" + Hex(&byte, 1);
+			rest = from.substr(1);
 		}
 	}
-	return at;
+	return text.size() - rest.size();
 }
 
 /** A text in quotes; of a long text, some characters from a byte on, and its size. */
@@ -86,16 +44,9 @@ std::string Quoted(std::string_view text, std::size_t from) {
 	return end < text.size() || from > 0 ? shown + " (" + HumanSize(text.size()) + ")" : shown;
 }
 
-std::string RealText(const SqlValue& value) {
-	double real = 0;
-	std::memcpy(&real, &value.integer, sizeof(real));
-	std::array<char, 40> text{};
-	const auto print = [&](int digits) { std::snprintf(text.data(), text.size(), "%.*g", digits, real); };
-	print(15);
-	if (std::strtod(text.data(), nullptr) != real) {
-		print(17);
-	}
-	const std::string digits = text.data();
+std::string RealText(double real) {
+	const std::string shortest = Digits(15, real);
+	const std::string digits = std::strtod(shortest.c_str(), nullptr) == real ? shortest : Digits(17, real);
 	return digits.find_first_of(".en") == std::string::npos ? digits + ".0" : digits;
 }
 
@@ -104,7 +55,7 @@ std::string ShownFrom(const SqlValue& value, bool is_utf8, std::size_t from) {
 	case SQLITE_INTEGER:
 		return std::to_string(value.integer);
 	case SQLITE_FLOAT:
-		return RealText(value);
+		return RealText(value.Real());
 	case SQLITE_TEXT:
 		return is_utf8 ? Quoted(value.bytes, from) : "a text of " + HumanSize(value.bytes.size());
 	case SQLITE_BLOB:

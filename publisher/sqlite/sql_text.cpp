@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
+#include "publisher/common/utf8.h"
 
 #include <algorithm>
 #include <array>
@@ -13,18 +14,6 @@
 namespace tarn::publisher {
 
 namespace {
-
-double RealOf(const SqlValue& value) {
-	double real = 0;
-	std::memcpy(&real, &value.integer, sizeof(real));
-	return real;
-}
-
-std::string Digits(int precision, double value) {
-	std::array<char, 64> text{};
-	const int size = std::snprintf(text.data(), text.size(), "%.*g", precision, value);
-	return {text.data(), static_cast<std::size_t>(size)};
-}
 
 /** A decimal number that is no integer for SQL. */
 std::string WithPoint(const std::string& digits) {
@@ -61,15 +50,12 @@ std::string HexLiteral(std::string_view bytes) {
 	return "x'" + Hex(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) + "'";
 }
 
-std::string Quoted(std::string_view text) {
-	std::string quoted = "'";
+std::string Quoted(std::string_view text, char quote = '\'') {
+	std::string quoted(1, quote);
 	for (const char byte : text) {
-		quoted += byte;
-		if (byte == '\'') {
-			quoted += byte;
-		}
+		quoted.append(byte == quote ? 2 : 1, byte);
 	}
-	return quoted + "'";
+	return quoted + quote;
 }
 
 std::string TextLiteral(std::string_view text) {
@@ -87,10 +73,6 @@ std::string TextLiteral(std::string_view text) {
 	std::string marked(text);
 	std::replace(marked.begin(), marked.end(), '\n', kBreakMarks[mark]);
 	return "replace(" + Quoted(marked) + ",'" + kBreakMarks[mark] + "',char(10))";
-}
-
-bool IsContinuation(char byte) {
-	return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
 /** Whether substr() counts the characters of a text as their leading bytes; it does not behind a zero byte. */
@@ -176,6 +158,18 @@ bool IsEditable(const SqlValue& before, const SqlValue& after) {
 
 } // namespace
 
+std::string Digits(int precision, double value) {
+	std::array<char, 64> text{};
+	const int size = std::snprintf(text.data(), text.size(), "%.*g", precision, value);
+	return {text.data(), static_cast<std::size_t>(size)};
+}
+
+double SqlValue::Real() const {
+	double real = 0;
+	std::memcpy(&real, &integer, sizeof(real));
+	return real;
+}
+
 SqlValue ValueOf(const SQLite::Column& column) {
 	SqlValue value;
 	value.type = column.getType();
@@ -191,14 +185,15 @@ SqlValue ValueOf(const SQLite::Column& column) {
 }
 
 std::string QuotedName(const std::string& name) {
-	std::string quoted = "\"";
-	for (const char byte : name) {
-		quoted += byte;
-		if (byte == '"') {
-			quoted += byte;
-		}
+	return Quoted(name, '"');
+}
+
+std::string Joined(const std::vector<std::string>& parts, const char* between, const char* prefix) {
+	std::string text;
+	for (const std::string& part : parts) {
+		text.append(text.empty() ? "" : between).append(prefix).append(part);
 	}
-	return quoted + "\"";
+	return text;
 }
 
 std::string NameInScript(const std::string& name) {
@@ -217,7 +212,7 @@ std::string Literal(const SqlValue& value) {
 	case SQLITE_INTEGER:
 		return std::to_string(value.integer);
 	case SQLITE_FLOAT:
-		return RealText(RealOf(value));
+		return RealText(value.Real());
 	case SQLITE_TEXT:
 		return TextLiteral(value.bytes);
 	case SQLITE_BLOB:

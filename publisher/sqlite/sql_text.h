@@ -22,11 +22,21 @@ struct SqlValue {
 		return type == other.type && integer == other.integer && bytes == other.bytes;
 	}
 	bool operator!=(const SqlValue& other) const { return !(*this == other); }
+	double Real() const;
 };
 
 using SqlRow = std::vector<SqlValue>;
 
+/** What tells a row apart: its row id, or the values of the primary key. */
+using RowKey = SqlRow;
+
 SqlValue ValueOf(const SQLite::Column& column);
+
+/** Names or expressions with something between them, and a prefix before each. */
+std::string Joined(const std::vector<std::string>& parts, const char* between = ",", const char* prefix = "");
+
+/** A decimal number of so many significant digits. */
+std::string Digits(int precision, double value);
 
 /** A name in double quotes, as SQL writes it. */
 std::string QuotedName(const std::string& name);

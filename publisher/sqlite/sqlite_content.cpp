@@ -8,12 +8,8 @@
 #include "publisher/sqlite/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <sqlite3.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstring>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -37,12 +33,13 @@ struct Setting {
 	const char* name;
 	std::size_t offset;
 	std::size_t size;
+	bool is_flag = false; // of which only counts whether it is zero
 };
-constexpr std::array<Setting, 8> kSettings = {
+constexpr std::array<Setting, 10> kSettings = {
     {{"page size", 16, 2}, {"journal mode", 18, 2}, {"reserved space", 20, 1}, {"schema format", 44, 4},
-        {"default cache size", 48, 4}, {"text encoding", 56, 4}, {"user version", 60, 4}, {"application id", 68, 4}}};
-constexpr Setting kAutoVacuum = {"auto vacuum", 52, 4};
-constexpr Setting kIncrementalVacuum = {"incremental vacuum", 64, 4};
+        {"default cache size", 48, 4}, {"text encoding", 56, 4}, {"user version", 60, 4}, {"application id", 68, 4},
+        {"auto vacuum", 52, 4, true}, // a page's number, which differs as the file grows
+        {"incremental vacuum", 64, 4, true}}};
 constexpr Setting kEncoding = {"text encoding", 56, 4};
 
 std::string_view Field(const std::string& header, const Setting& setting) {
@@ -55,13 +52,9 @@ bool IsZero(std::string_view field) {
 
 std::optional<std::string> FindSettingDifference(const std::string& before, const std::string& after) {
 	for (const Setting& setting : kSettings) {
-		if (Field(before, setting) != Field(after, setting)) {
-			return std::string("the databases differ in their ") + setting.name;
-		}
-	}
-	// The first is a page's number, which differs as the file grows.
-	for (const Setting& setting : {kAutoVacuum, kIncrementalVacuum}) {
-		if (IsZero(Field(before, setting)) != IsZero(Field(after, setting))) {
+		const std::string_view one = Field(before, setting);
+		const std::string_view other = Field(after, setting);
+		if (setting.is_flag ? IsZero(one) != IsZero(other) : one != other) {
 			return std::string("the databases differ in their ") + setting.name;
 		}
 	}
@@ -75,35 +68,9 @@ SQLite::Database OpenAlone(const std::string& path) {
 	return {AloneUri(path), SQLite::OPEN_READONLY | SQLite::OPEN_URI};
 }
 
-std::uint64_t BitsOf(double value) {
-	std::uint64_t bits = 0;
-	std::memcpy(&bits, &value, sizeof(bits));
-	return bits;
-}
-
-bool SameValue(const SQLite::Column& left, const SQLite::Column& right) {
-	if (left.getType() != right.getType()) {
-		return false;
-	}
-	switch (left.getType()) {
-	case SQLITE_INTEGER:
-		return left.getInt64() == right.getInt64();
-	case SQLITE_FLOAT:
-		return BitsOf(left.getDouble()) == BitsOf(right.getDouble());
-	case SQLITE_NULL:
-		return true;
-	default:
-		break;
-	}
-	const void* one = left.getBlob();
-	const void* other = right.getBlob();
-	const auto size = static_cast<std::size_t>(left.getBytes());
-	return left.getBytes() == right.getBytes() && (size == 0 || std::memcmp(one, other, size) == 0);
-}
-
 bool SameRow(const SQLite::Statement& left, const SQLite::Statement& right) {
 	for (int column = 0; column < left.getColumnCount(); ++column) {
-		if (!SameValue(left.getColumn(column), right.getColumn(column))) {
+		if (ValueOf(left.getColumn(column)) != ValueOf(right.getColumn(column))) {
 			return false;
 		}
 	}
@@ -141,15 +108,11 @@ std::string RowsQuery(const SQLite::Database& database, const Table& table) {
 constexpr const char* kSchemaQuery =
     "SELECT type, name, tbl_name, sql FROM sqlite_schema ORDER BY type, name, tbl_name";
 
-bool HasRows(const SQLite::Database& database, const std::string& query) {
-	return SQLite::Statement(database, query).executeStep();
-}
-
 std::optional<std::string> FindSchemaObstacle(const SQLite::Database& before, const SQLite::Database& after) {
 	if (!SameResult(before, after, kSchemaQuery)) {
 		return "the schema has changed";
 	}
-	if (HasRows(after, "SELECT 1 FROM sqlite_schema WHERE type = 'trigger'")) {
+	if (SQLite::Statement(after, "SELECT 1 FROM sqlite_schema WHERE type = 'trigger'").executeStep()) {
 		return "the database has triggers";
 	}
 	if (auto obstacle = FindVirtualTableObstacle(after)) {

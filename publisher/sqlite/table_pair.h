@@ -1,15 +1,18 @@
-/** @file A table as two versions of a database hold it. */
+/** @file Rows as two versions of a database hold them. */
 #ifndef PUBLISHER_SQLITE_TABLE_PAIR_H
 #define PUBLISHER_SQLITE_TABLE_PAIR_H
 
-#include "publisher/sqlite/change_writer.h"
+#include "publisher/sqlite/row_match.h"
+#include "publisher/sqlite/sql_text.h"
 #include "publisher/sqlite/table_shape.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tarn::publisher {
 
@@ -27,38 +30,37 @@ private:
 	SQLite::Database connection_;
 };
 
-/**
- * A table whose rows are told apart by the same key in both versions. Calls give rows in the order of their keys in the
- * table before, or after for rows that are only there.
- */
-class TablePair {
-public:
-	TablePair(const DatabasePair& pair, const TableShape& shape) : pair_(pair), shape_(shape) {}
+/** The rows of one version of a table whose keys the other version lacks, in the order of their keys. */
+void ForEachOnlyIn(const DatabasePair& pair, const char* schema, const TableShape& shape,
+    const std::function<void(const RowKey& key, const SqlRow& row)>& take);
 
-	void ForEachGone(const std::function<void(const RowKey& key)>& take) const;
-	/** The same with the values that are gone. */
-	void ForEachGoneRow(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const;
-	void ForEachNew(const std::function<void(const RowKey& key, const SqlRow& row)>& take) const;
-	/** Rows of both that differ, with their numbers among these. */
-	void ForEachChanged(
-	    const std::function<void(std::uint64_t number, const RowKey& key, const SqlRow& before, const SqlRow& after)>&
-	        take) const;
-
-private:
-	std::string SameKey() const;
-	/** The rows of one version whose keys the other version lacks. */
-	void ForEachOnlyIn(const char* schema, const char* other,
-	    const std::function<void(const RowKey& key, const SqlRow& row)>& take) const;
-
-	const DatabasePair& pair_;
-	const TableShape& shape_;
-};
+/** Rows of both versions that differ, with their numbers among these, in the order of their keys before. */
+void ForEachChanged(const DatabasePair& pair, const TableShape& shape,
+    const std::function<void(std::uint64_t number, const RowKey& key, const SqlRow& before, const SqlRow& after)>&
+        take);
 
 /** The values of a row from a column on. */
 SqlRow RowOf(const SQLite::Statement& statement, std::size_t first, std::size_t count);
 
-/** Names with a prefix each, between commas. */
-std::string ColumnList(const std::string& prefix, const std::vector<std::string>& names);
+/** A hash of some of a row's values, the same for numbers that are equal for SQL. */
+std::uint64_t KeyHash(const SqlRow& row, const std::vector<std::size_t>& columns);
+
+/** One row of an ordinary table by its row id. */
+class RowReader {
+public:
+	RowReader(const DatabasePair& pair, const char* schema, const TableShape& shape);
+	SqlRow Read(std::int64_t id);
+
+private:
+	SQLite::Statement query_;
+	std::size_t width_;
+};
+
+/** @param table  its name as SQL writes it */
+std::uint64_t CountRows(const DatabasePair& pair, const char* schema, const std::string& table);
+
+/** What matching needs to know of all rows of an ordinary table, in the order of their row ids. */
+RowPrints ReadPrints(const DatabasePair& pair, const char* schema, const TableShape& shape);
 
 } // namespace tarn::publisher
 

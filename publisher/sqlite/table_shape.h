@@ -1,12 +1,15 @@
-/** @file What statements must know of a table to change its rows. */
+/** @file What the schema of a database says of its tables: to statements that change rows, and to comparisons. */
 #ifndef PUBLISHER_SQLITE_TABLE_SHAPE_H
 #define PUBLISHER_SQLITE_TABLE_SHAPE_H
 
 #include <SQLiteCpp/Database.h>
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace tarn::publisher {
@@ -38,7 +41,6 @@ struct TableShape {
 	std::vector<std::size_t> key;       // the primary key's columns of a table WITHOUT ROWID
 	std::optional<std::size_t> alias;   // the column that is the row id
 	std::vector<UniqueColumns> uniques; // beside the key and the row id
-	bool is_virtual = false;
 
 	/** The names of what tells rows apart. */
 	std::vector<std::string> KeyNames() const;
@@ -48,6 +50,42 @@ struct TableShape {
 TableShape ShapeOf(const SQLite::Database& database, const Table& table);
 /** The shape of a full-text table or an R*Tree; rows of R*Trees are never updated. */
 TableShape ShapeOfVirtual(const SQLite::Database& database, const std::string& table, bool is_rtree);
+
+/** A column of a primary key. */
+struct KeyColumn {
+	std::string name;
+	std::string type;
+	std::string collation;
+
+	bool operator==(const KeyColumn& other) const {
+		return std::tie(name, type, collation) == std::tie(other.name, other.type, other.collation);
+	}
+};
+
+struct TableSchema {
+	bool is_virtual = false;
+	std::string sql;
+	std::vector<std::string> columns; // that hold values of their own: no generated ones
+	std::vector<KeyColumn> key;       // in the order of the primary key
+	std::string obstacle;             // why its rows cannot be read; empty when they can
+};
+
+/**
+ * The tables of an attached database by name, without SQLite's own and those that virtual tables keep.
+ *
+ * @param schema  the name under which it is attached to the connection
+ * @param alone   the same database, opened alone
+ */
+std::map<std::string, TableSchema> TableSchemasOf(
+    const SQLite::Database& connection, const char* schema, const SQLite::Database& alone);
+
+/** The statements of indexes, triggers and views by type and name. */
+std::map<std::pair<std::string, std::string>, std::string> DefinitionsOf(
+    const SQLite::Database& connection, const char* schema);
+
+/** Whether a column of the primary key is NULL in some row, which SQLite allows in tables with row ids. */
+bool HasNullKey(const SQLite::Database& connection, const char* schema, const std::string& table,
+    const std::vector<KeyColumn>& key);
 
 } // namespace tarn::publisher
 
