@@ -4,7 +4,6 @@
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/diff/diff_chain.h"
-#include "publisher/packages/apply_diffs.h"
 #include "publisher/packages/diff_package.h"
 
 #include <algorithm>

@@ -54,7 +54,7 @@ void PrintMembers(const DiffPackage& diff, std::ostream& out) {
 	out << std::setw(kSizeWidth) << "bytes"
 	    << "  operation  kind     name\n";
 	for (const DiffMember& member : diff.members) {
-		begin_line(member.size, Printable(member.operation), PatchKindName(member.kind));
+		begin_line(member.size, OperationOf(member.kind), PatchKindName(member.kind));
 		out << Printable(member.name) << "\n";
 	}
 	out << "\n";
@@ -106,7 +106,7 @@ void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
 	for (const DiffMember& member : diff.members) {
 		Json::Value item(Json::objectValue);
 		item["name"] = member.name;
-		item["operation"] = member.operation;
+		item["operation"] = OperationOf(member.kind);
 		item["kind"] = PatchKindName(member.kind);
 		item["size"] = Json::UInt64{member.size};
 		if (const Json::Value* plan = PlanOf(diff, member.name)) {

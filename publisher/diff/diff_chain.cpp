@@ -20,41 +20,8 @@ constexpr const char* kScriptedKey = "scripted_files";
 // Room for everything else that metadata says.
 constexpr std::size_t kMaxStateSize = archive::kMaxMetadataSize - 4096;
 
-std::set<std::string> ReadNames(const Json::Value& metadata, const char* key) {
-	const Json::Value& list = metadata[key];
-	const auto is_name = [](const Json::Value& name) { return name.isString(); };
-	if (!(list.isNull() || list.isArray()) || !std::all_of(list.begin(), list.end(), is_name)) {
-		throw PublishError(std::string("its metadata has no readable \"") + key + "\"");
-	}
-	std::set<std::string> names;
-	for (const Json::Value& name : list) {
-		names.insert(name.asString());
-	}
-	return names;
-}
-
-void WriteNames(Json::Value& metadata, const char* key, const std::set<std::string>& names) {
-	for (const std::string& name : names) {
-		metadata[key].append(name);
-	}
-}
-
-PackageInfo DiffInfoOf(const std::string& id, int version) {
-	return {id, "", version, kDiffKind};
-}
-
 void RefusePatch(const std::string& source, const std::string& /*output*/, const std::string& /*patch*/) {
 	throw PublishError(source + " would be patched by bytes, though scripts have changed it.");
-}
-
-/** The versions of diff packages that lead to a version without a gap, newest last. */
-std::vector<int> VersionsLeadingTo(int version, const std::map<int, DiffFile>& files) {
-	std::vector<int> versions;
-	for (int at = version; files.count(at) > 0; --at) {
-		versions.push_back(at);
-	}
-	std::reverse(versions.begin(), versions.end());
-	return versions;
 }
 
 } // namespace
@@ -63,13 +30,22 @@ ChainState ChainState::FromMetadata(const Json::Value& metadata) {
 	if (!metadata.isObject() || metadata["kind"] != kDiffKind) {
 		throw PublishError("its metadata is not that of a diff package");
 	}
+	const Json::Value& list = metadata[kScriptedKey];
+	const auto is_name = [](const Json::Value& name) { return name.isString(); };
+	if (!(list.isNull() || list.isArray()) || !std::all_of(list.begin(), list.end(), is_name)) {
+		throw PublishError(std::string("its metadata has no readable \"") + kScriptedKey + "\"");
+	}
 	ChainState state;
-	state.scripted_ = ReadNames(metadata, kScriptedKey);
+	for (const Json::Value& name : list) {
+		state.scripted_.insert(name.asString());
+	}
 	return state;
 }
 
 void ChainState::ToMetadata(Json::Value& metadata) const {
-	WriteNames(metadata, kScriptedKey, scripted_);
+	for (const std::string& name : scripted_) {
+		metadata[kScriptedKey].append(name);
+	}
 }
 
 ChainState ChainState::After(const std::vector<DiffMember>& changes) const {
@@ -92,7 +68,7 @@ ChainState ChainState::Or(const ChainState& other) const {
 bool ChainState::HasRoomFor(const std::set<std::string>& names) const {
 	ChainState possible = *this;
 	possible.scripted_.insert(names.begin(), names.end());
-	Json::Value value(Json::objectValue);
+	Json::Value value;
 	possible.ToMetadata(value);
 	return JsonText(value).size() <= kMaxStateSize;
 }
@@ -110,10 +86,9 @@ void PlansToMetadata(const std::map<std::string, Json::Value>& plans, Json::Valu
 DiffChain::DiffChain(
     const Repository& repository, const PackageReader& reader, const std::string& id, const Entry& newest)
     : repository_(repository), reader_(reader), id_(id) {
-	const std::vector<int> versions = VersionsLeadingTo(newest.data_version, newest.diff_files);
-	for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
+	for (int version = newest.data_version; newest.diff_files.count(version) > 0; --version) {
 		try {
-			links_.insert(links_.begin(), ReadLink(*version, newest.diff_files.at(*version)));
+			links_.insert(links_.begin(), ReadLink(version, newest.diff_files.at(version)));
 		} catch (const PublishError&) {
 			if (links_.empty()) {
 				throw;
@@ -129,7 +104,7 @@ DiffChain::DiffChain(
 DiffChain::Link DiffChain::ReadLink(int version, const DiffFile& named) const {
 	const std::string path = repository_.DiffPath(id_, version, named);
 	try {
-		return {version, path, ReadDiffPackage(reader_.Open(path, DiffInfoOf(id_, version)))};
+		return {version, path, ReadDiffPackage(reader_.Open(path, {id_, "", version, kDiffKind}))};
 	} catch (const Error& error) {
 		throw PublishError("the package " + path + " " + error.what());
 	}
@@ -219,7 +194,7 @@ void DiffChain::UnpackSteps(const Link& link, const Beginnings& beginnings, cons
 		}
 	}
 	if (!inputs.empty()) {
-		reader_.Unpack(link.path, DiffInfoOf(id_, link.version), directory, inputs);
+		reader_.Unpack(link.path, {id_, "", link.version, kDiffKind}, directory, inputs);
 	}
 	std::ofstream description(directory + "/" + kDescriptionName, std::ios::binary);
 	if (!(description << DescriptionText(steps)).flush()) {

@@ -1,14 +1,12 @@
 #include "publisher/diff/diff_maker.h"
 
 #include "base/sqlite_names.h"
-#include "base/text.h"
 #include "publisher/common/files.h"
 #include "publisher/common/program.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/diff/diff_chain.h"
-#include "publisher/diff/encode_files.h"
 #include "publisher/diff/expected_tree.h"
-#include "publisher/packages/apply_diffs.h"
+#include "publisher/diff/file_encoder.h"
 #include "publisher/packages/device.h"
 #include "publisher/sqlite/sqlite_content.h"
 
@@ -90,7 +88,7 @@ private:
 		}
 		const std::set<std::string> names = NamesOf(after_);
 		for (const TreeFile& file : after_.files) {
-			if (chain_.State().Scripted().count(file.name) > 0 && changed.count(file.name) == 0 &&
+			if (chain_.State().IsScripted(file.name) && changed.count(file.name) == 0 &&
 			    HasCompanion(file.name, names)) {
 				TreeFile old = file;
 				old.source = OldTree() + "/" + file.name;
@@ -157,7 +155,7 @@ private:
 	void ListMembers() {
 		for (std::size_t i = 0; i < changes_.size(); ++i) {
 			const PatchKind kind = encoded_[i].kind;
-			DiffMember member = {changes_[i].name, OperationOf(kind), "", kind};
+			DiffMember member = {changes_[i].name, "", kind};
 			if (kind != PatchKind::kNone) {
 				member.input_file = InputFileName(i, kind);
 				member.size = fs::file_size(encoded_[i].input);
@@ -218,20 +216,10 @@ private:
 	void Verify(const std::string& path) {
 		observer_.step("verifying", 0, 1);
 		fs::remove_all(work_ / "encoding");
-		const ExpectedTree expected(after_, ScriptedNames());
+		const ExpectedTree expected(after_, ChainState().After(members_).Scripted());
 		// Nothing else needs the old tree.
 		ApplyDiffs(order_.reader, order_.options.id, {{version_, path}}, OldTree(), work_);
 		expected.Require(ListTree(OldTree()));
-	}
-
-	std::set<std::string> ScriptedNames() const {
-		std::set<std::string> names;
-		for (const DiffMember& member : members_) {
-			if (member.kind == PatchKind::kScript) {
-				names.insert(member.name);
-			}
-		}
-		return names;
 	}
 
 	std::string OldTree() const { return work_ / "old"; }

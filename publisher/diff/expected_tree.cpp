@@ -20,24 +20,13 @@ namespace {
 
 ExpectedTree::ExpectedTree(const Tree& tree, const std::set<std::string>& scripted) {
 	for (const TreeFile& file : tree.files) {
-		files_.emplace(file.name, Note(file, scripted.count(file.name) > 0));
-	}
-}
-
-ExpectedTree::File ExpectedTree::Note(const TreeFile& file, bool is_scripted) {
-	File noted = {file, is_scripted, fs::last_write_time(file.source), ""};
-	const bool is_shared = fs::hard_link_count(file.source) > 1;
-	if (!is_shared && !is_scripted) {
-		noted.digest = DigestOf(file.source);
-		fs::remove(file.source);
-	}
-	return noted;
-}
-
-void ExpectedTree::RequireUntouched(const File& expected) {
-	if (expected.digest.empty() && fs::last_write_time(expected.file.source) != expected.time) {
-		throw PublishError(
-		    "devices would write to \"" + Printable(expected.file.name) + "\", which the package does not name");
+		const bool is_scripted = scripted.count(file.name) > 0;
+		File& noted = files_[file.name] = {file, is_scripted, fs::last_write_time(file.source), ""};
+		const bool is_shared = fs::hard_link_count(file.source) > 1;
+		if (!is_shared && !is_scripted) {
+			noted.digest = DigestOf(file.source);
+			fs::remove(file.source);
+		}
 	}
 }
 
@@ -54,7 +43,9 @@ bool ExpectedTree::IsSame(const File& expected, const TreeFile& result) {
 
 void ExpectedTree::Require(const Tree& result) const {
 	for (const auto& [name, expected] : files_) {
-		RequireUntouched(expected);
+		if (expected.digest.empty() && fs::last_write_time(expected.file.source) != expected.time) {
+			throw PublishError("devices would write to \"" + Printable(name) + "\", which the package does not name");
+		}
 	}
 	if (result.empty_directories > 0) {
 		throw PublishError(

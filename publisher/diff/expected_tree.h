@@ -39,8 +39,6 @@ private:
 		std::string digest;                   ///< Empty for a file that stays.
 	};
 
-	static File Note(const TreeFile& file, bool is_scripted);
-	static void RequireUntouched(const File& expected);
 	static bool IsSame(const File& expected, const TreeFile& result);
 
 	std::map<std::string, File> files_;

@@ -1,20 +1,22 @@
 #include "publisher/diff/file_encoder.h"
 
 #include "archive/compressor.h"
+#include "base/mutex.h"
+#include "base/parallel.h"
 #include "base/text.h"
 #include "decoder/bytes.h"
 #include "decoder/decode.h"
-#include "publisher/common/files.h"
 #include "publisher/common/program.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/diff/script_encoder.h"
 #include "publisher/sqlite/sqlite_content.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <exception>
 #include <filesystem>
 #include <limits>
-#include <vector>
+#include <numeric>
 
 namespace tarn::publisher {
 
@@ -127,6 +129,45 @@ private:
 	EncodedFile result_;
 };
 
+std::uint64_t SizeOf(const std::optional<TreeFile>& file) {
+	return file ? file->size : 0;
+}
+
+/** Memory that tasks take from and give back. */
+struct SharedMemory {
+	explicit SharedMemory(std::uint64_t bytes) : free(bytes) {}
+
+	Mutex mutex;
+	std::condition_variable_any changed;
+	std::uint64_t free TARN_GUARDED_BY(mutex);
+};
+
+/** A task's part of the memory, for as long as the object lives. */
+class Share {
+public:
+	/** Waits until so much is free, which must not be more than there is in all. */
+	Share(SharedMemory& memory, std::uint64_t bytes) : memory_(memory), bytes_(bytes) {
+		const MutexLock lock(memory_.mutex);
+		while (memory_.free < bytes_) {
+			memory_.changed.wait(memory_.mutex);
+		}
+		memory_.free -= bytes_;
+	}
+	~Share() {
+		{
+			const MutexLock lock(memory_.mutex);
+			memory_.free += bytes_;
+		}
+		memory_.changed.notify_all();
+	}
+	Share(const Share&) = delete;
+	Share& operator=(const Share&) = delete;
+
+private:
+	SharedMemory& memory_;
+	std::uint64_t bytes_;
+};
+
 } // namespace
 
 VcdiffWindows VcdiffWindows::Of(std::uint64_t source_size, std::uint64_t target_size, std::uint64_t memory) {
@@ -188,15 +229,40 @@ EncodedFile EncodeFile(const EncodingTask& task, const Encoders& encoders, const
 		return {};
 	}
 	if (!task.change.before || task.change.before->executable != task.change.after->executable) {
-		EncodedFile whole;
-		whole.kind = PatchKind::kWhole;
-		whole.input = task.change.after->source;
-		return whole;
+		return {PatchKind::kWhole, task.change.after->source, {}, {}, {}};
 	}
 	Contest contest(task, encoders, scratch);
 	contest.TryPatch();
 	contest.TryScript();
 	return contest.Decide();
+}
+
+std::uint64_t MemoryOf(const EncodingTask& task, std::uint64_t limit) {
+	constexpr std::uint64_t kRowsPerByte = 16; // where rows are matched that hold next to nothing
+	const std::uint64_t before = SizeOf(task.change.before);
+	const std::uint64_t after = SizeOf(task.change.after);
+	const std::uint64_t rows = task.is_database ? kRowsPerByte * std::max(before, after) : 0;
+	return std::min(limit, std::max(VcdiffWindows::Of(before, after, limit).Memory(before), rows));
+}
+
+std::vector<EncodedFile> EncodeFiles(const std::vector<EncodingTask>& tasks, const Encoders& encoders,
+    const WorkDirectory& work, const std::function<void(std::size_t done)>& step) {
+	std::vector<std::size_t> order(tasks.size());
+	std::iota(order.begin(), order.end(), 0);
+	std::stable_sort(order.begin(), order.end(), [&tasks](std::size_t left, std::size_t right) {
+		return SizeOf(tasks[left].change.after) > SizeOf(tasks[right].change.after);
+	});
+	std::vector<EncodedFile> encoded(tasks.size());
+	SharedMemory memory(encoders.memory);
+	const auto encode = [&](std::size_t at) {
+		const EncodingTask& task = tasks[order[at]];
+		Encoders own = encoders;
+		own.memory = MemoryOf(task, encoders.memory);
+		const Share share(memory, own.memory);
+		encoded[order[at]] = EncodeFile(task, own, work.Make("encoding/" + std::to_string(order[at])));
+	};
+	DoInParallel(order.size(), encode, step);
+	return encoded;
 }
 
 } // namespace tarn::publisher

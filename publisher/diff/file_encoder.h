@@ -1,14 +1,18 @@
-/** @file How a changed file is written in a diff package: as a patch, a script, or whole. */
+/** @file How changed files are written in a diff package: each as a patch, a script, or whole. */
 #ifndef PUBLISHER_DIFF_FILE_ENCODER_H
 #define PUBLISHER_DIFF_FILE_ENCODER_H
 
+#include "publisher/common/files.h"
 #include "publisher/packages/diff_package.h"
 #include "publisher/packages/kind_plan.h"
 #include "publisher/packages/tree.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn::publisher {
 
@@ -78,6 +82,18 @@ struct EncodedFile {
  * Error of archive/.
  */
 [[nodiscard]] std::optional<std::uint64_t> CompressedSizeBelow(std::uint64_t limit, const std::string& path, int level);
+
+/** Bytes of memory that a task may take, never more than the limit that all tasks share. */
+[[nodiscard]] std::uint64_t MemoryOf(const EncodingTask& task, std::uint64_t limit);
+
+/**
+ * Encodes files with one thread for each processor, large files first. Tasks that together would take more than the
+ * encoders' memory wait for each other; the result does not depend on that.
+ *
+ * @param step  is called by one thread at a time with the number of tasks done
+ */
+[[nodiscard]] std::vector<EncodedFile> EncodeFiles(const std::vector<EncodingTask>& tasks, const Encoders& encoders,
+    const WorkDirectory& work, const std::function<void(std::size_t done)>& step);
 
 } // namespace tarn::publisher
 

@@ -4,13 +4,16 @@
 #include "archive/payload.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "decoder/decode.h"
 #include "publisher/common/json_text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/device.h"
-#include "publisher/packages/package.h"
 
 #include <array>
+#include <exception>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iomanip>
 #include <map>
 #include <optional>
@@ -18,6 +21,8 @@
 #include <sstream>
 
 namespace tarn::publisher {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -96,6 +101,14 @@ void MarkDirectories(std::vector<DiffMember>& members) {
 	}
 }
 
+void DoAsDevices(const std::function<void()>& step) {
+	try {
+		step();
+	} catch (const std::exception& error) {
+		throw PublishError(std::string("devices could not apply it: ") + error.what());
+	}
+}
+
 } // namespace
 
 const char* PatchKindName(PatchKind kind) {
@@ -127,8 +140,8 @@ DiffPackage ReadDiffPackage(const archive::ArchiveFile& archive) {
 	package.metadata = ReadMetadata(archive);
 	for (const std::string& name : description->getMemberNames()) {
 		const Json::Value& value = (*description)[name];
-		DiffMember member = {name, Text(value, "operation"), Text(value, "input_file")};
-		member.kind = KindOf(member.operation, member.input_file);
+		DiffMember member = {name, Text(value, "input_file")};
+		member.kind = KindOf(Text(value, "operation"), member.input_file);
 		if (member.kind != PatchKind::kNone) {
 			const auto size = content.sizes.find(member.input_file);
 			if (size == content.sizes.end()) {
@@ -144,16 +157,16 @@ DiffPackage ReadDiffPackage(const archive::ArchiveFile& archive) {
 
 std::string DescriptionText(const std::vector<DiffMember>& members, const std::vector<std::string>& emptied) {
 	Json::Value description(Json::objectValue);
-	const auto describe = [&](const std::string& name, const std::string& operation, const std::string& input) {
+	const auto describe = [&](const std::string& name, PatchKind kind, const std::string& input) {
 		Json::Value& value = description[name];
-		value["operation"] = operation;
+		value["operation"] = OperationOf(kind);
 		value["input_file"] = input;
 	};
 	for (const DiffMember& member : members) {
-		describe(member.name, member.operation, member.input_file);
+		describe(member.name, member.kind, member.input_file);
 	}
 	for (const std::string& name : emptied) {
-		describe(name, OperationOf(PatchKind::kEmptied), "");
+		describe(name, PatchKind::kEmptied, "");
 	}
 	return JsonText(description) + "\n";
 }
@@ -165,6 +178,26 @@ void AddDescription(const std::string& text, const WorkDirectory& work, Tree& co
 		throw PublishError("the package's description could not be written");
 	}
 	content.files.push_back({kDescriptionName, path, text.size(), false});
+}
+
+void ApplyDiffs(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
+    const std::string& directory, const WorkDirectory& work) {
+	if (steps.empty()) {
+		return;
+	}
+	const std::string copies = work.Make("apply-copies");
+	DevicePatcher patcher(
+	    copies, directory, [](const std::string& source, const std::string& output, const std::string& patch) {
+		    decoder::DecodeFile(source, output, patch);
+	    });
+	for (const DiffStep& step : steps) {
+		const std::string package = work.Make("apply-package");
+		reader.Unpack(step.path, {id, "", step.version, kDiffKind}, package);
+		DoAsDevices([&] { patcher.Apply(package); });
+		fs::remove_all(package);
+	}
+	DoAsDevices([&] { patcher.Install(); });
+	fs::remove_all(copies);
 }
 
 } // namespace tarn::publisher

@@ -1,10 +1,10 @@
-/** @file What a diff package holds. */
+/** @file What a diff package holds, and what becomes of a tree by it. */
 #ifndef PUBLISHER_PACKAGES_DIFF_PACKAGE_H
 #define PUBLISHER_PACKAGES_DIFF_PACKAGE_H
 
 #include "archive/file.h"
 #include "publisher/common/files.h"
-#include "publisher/packages/tree.h"
+#include "publisher/packages/package.h"
 
 #include <json/json.h>
 
@@ -44,8 +44,7 @@ std::string InputFileName(std::size_t number, PatchKind kind);
 
 /** One file that a diff package changes, or a directory that it removes. */
 struct DiffMember {
-	std::string name;      // relative to the installed tree
-	std::string operation; // "create", "update" or "delete"
+	std::string name; // relative to the installed tree
 	std::string input_file;
 	PatchKind kind = PatchKind::kNone;
 	std::uint64_t size = 0; // of the input file
@@ -73,6 +72,21 @@ std::string DescriptionText(const std::vector<DiffMember>& members, const std::v
 
 /** Writes a description into a work directory, and adds it to what a package is to hold; throws PublishError. */
 void AddDescription(const std::string& text, const WorkDirectory& work, Tree& content);
+
+/** A diff package, and the version that it leads to. */
+struct DiffStep {
+	int version = 0;
+	std::string path;
+};
+
+/**
+ * Applies diff packages in turn to the files in a directory, and puts the result in place after the last one. Takes
+ * room in the work directory for one unpacked package at a time and for working copies, and gives it back.
+ *
+ * @throws PublishError naming the package that cannot be trusted, or saying that devices could not apply it
+ */
+void ApplyDiffs(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
+    const std::string& directory, const WorkDirectory& work);
 
 } // namespace tarn::publisher
 

@@ -1,7 +1,6 @@
 #include "publisher/packages/kind_plan.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 
 namespace tarn::publisher {
@@ -19,8 +18,8 @@ std::optional<std::uint64_t> Number(const Json::Value& value, PatchKind kind) {
 } // namespace
 
 ChainCosts& ChainCosts::operator+=(const StepCosts& step) {
-	script += step.ByScript();
-	patch += step.ByPatch();
+	script += step.script.value_or(step.whole);
+	patch += std::min(step.patch.value_or(step.whole), step.whole);
 	return *this;
 }
 
@@ -36,13 +35,12 @@ KindPlan PlanKind(const StepCosts& step, const AllowedKinds& allowed, const Chai
 	if (allowed.script && step.script) {
 		plan.expected[PatchKind::kScript] = *step.script + std::min(future.script, step.whole + future.patch);
 	}
-	const auto expected_of = [&plan](PatchKind kind) {
+	for (const PatchKind kind : {PatchKind::kScript, PatchKind::kVcdiff}) { // the last of equal ones
 		const auto expected = plan.expected.find(kind);
-		return expected == plan.expected.end() ? kUnknown : expected->second;
-	};
-	constexpr std::array kInOrder = {PatchKind::kVcdiff, PatchKind::kScript, PatchKind::kWhole};
-	plan.kind = *std::min_element(kInOrder.begin(), kInOrder.end(),
-	    [&](PatchKind left, PatchKind right) { return expected_of(left) < expected_of(right); });
+		if (expected != plan.expected.end() && expected->second <= plan.expected[plan.kind]) {
+			plan.kind = kind;
+		}
+	}
 	return plan;
 }
 

@@ -20,10 +20,6 @@ struct StepCosts {
 	std::optional<std::uint64_t> script;
 	std::optional<std::uint64_t> patch; // also when no device could apply the patch
 	std::uint64_t whole = 0;            // or less than that: what is known to be too much is not measured
-
-	/** What the step takes for a file that goes on by scripts, and by patches. */
-	std::uint64_t ByScript() const { return script.value_or(whole); }
-	std::uint64_t ByPatch() const { return patch && *patch < whole ? *patch : whole; }
 };
 
 /** What all steps of a chain would have taken by each kind. */
@@ -31,6 +27,7 @@ struct ChainCosts {
 	std::uint64_t script = 0;
 	std::uint64_t patch = 0;
 
+	/** Takes a whole file where the step has no such kind, or the patch is larger. */
 	ChainCosts& operator+=(const StepCosts& step);
 };
 

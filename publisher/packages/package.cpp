@@ -99,8 +99,16 @@ std::vector<const TreeFile*> InOrder(const Tree& tree) {
 	return files;
 }
 
-[[noreturn]] void Refuse(const std::string& path, const Error& error) {
-	throw PublishError("the package " + path + " " + error.what());
+/** Calls a function whose failures are those of a package. */
+template<typename Function>
+auto Naming(const std::string& path, const Function& function) {
+	try {
+		return function();
+	} catch (const archive::NotTrusted& error) {
+		throw ForeignPackage("the package " + path + " " + error.what());
+	} catch (const Error& error) {
+		throw PublishError("the package " + path + " " + error.what());
+	}
 }
 
 void RequireMetadata(const Json::Value& metadata, const PackageInfo& expected) {
@@ -179,50 +187,38 @@ PackageReader::PackageReader(const archive::SigningKey& key, const std::vector<s
 }
 
 archive::ArchiveFile PackageReader::Open(const std::string& path, const PackageInfo& expected) const {
-	try {
+	return Naming(path, [&] {
 		archive::ArchiveFile archive(path);
 		archive.Check(keys_, archive::kDataUpdateKeyType);
 		RequireMetadata(ReadMetadata(archive), expected);
 		return archive;
-	} catch (const archive::NotTrusted& error) {
-		throw ForeignPackage("the package " + path + " " + error.what());
-	} catch (const Error& error) {
-		Refuse(path, error);
-	}
+	});
 }
 
 archive::ArchiveFile PackageReader::OpenUnchecked(const std::string& path, const PackageInfo& expected) {
-	try {
+	return Naming(path, [&] {
 		archive::ArchiveFile archive(path);
 		RequireMetadata(ReadMetadata(archive), expected);
 		return archive;
-	} catch (const Error& error) {
-		Refuse(path, error);
-	}
+	});
 }
 
 void PackageReader::UnpackNextTo(const std::string& path, const PackageInfo& expected, const std::string& root,
     const std::string& target, const std::string& earlier) const {
 	const archive::ArchiveFile archive = Open(path, expected);
-	try {
-		UnpackBeside(archive, root, target, earlier);
-	} catch (const Error& error) {
-		Refuse(path, error);
-	}
+	Naming(path, [&] { UnpackBeside(archive, root, target, earlier); });
 }
 
 void PackageReader::Unpack(const std::string& path, const PackageInfo& expected, const std::string& directory,
     const std::vector<std::string>& members) const {
 	const archive::ArchiveFile archive = Open(path, expected);
-	try {
+	Naming(path, [&] {
 		const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		if (!fd) {
 			ThrowErrno("cannot be unpacked into " + directory);
 		}
 		archive::Extract(archive, fd.Get(), members);
-	} catch (const Error& error) {
-		Refuse(path, error);
-	}
+	});
 }
 
 } // namespace tarn::publisher

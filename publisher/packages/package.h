@@ -53,8 +53,7 @@ using PackProgress = std::function<void(std::uint64_t files, std::uint64_t bytes
 /** A package's metadata; null when it is no JSON. */
 Json::Value ReadMetadata(const archive::ArchiveFile& archive);
 
-/** When a package says that it was published, in seconds since 1970; no value when it says nothing that devices read.
- */
+/** When a package was published, in seconds since 1970; no value when it says nothing that devices read. */
 [[nodiscard]] std::optional<int> PublishedTime(const Json::Value& metadata);
 
 /**

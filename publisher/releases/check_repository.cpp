@@ -7,7 +7,7 @@
 #include "publisher/packages/package.h"
 #include "publisher/releases/prune.h"
 #include "publisher/repository/checks.h"
-#include "publisher/repository/link_bases.h"
+#include "publisher/repository/document_sentences.h"
 #include "publisher/repository/repository_listing.h"
 
 #include <algorithm>

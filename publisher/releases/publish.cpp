@@ -3,7 +3,6 @@
 #include "base/text.h"
 #include "publisher/common/files.h"
 #include "publisher/diff/diff_maker.h"
-#include "publisher/packages/begun_package.h"
 #include "publisher/releases/channels.h"
 #include "publisher/releases/same_content.h"
 #include "publisher/repository/checks.h"

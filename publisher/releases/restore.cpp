@@ -51,7 +51,7 @@ public:
 
 private:
 	std::string RememberedUrl() const {
-		if (auto url = repository_.RememberedUrl()) {
+		if (auto url = RememberedUrlOf(repository_.Directory())) {
 			CheckUrl(*url);
 			return *url;
 		}

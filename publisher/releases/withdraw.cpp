@@ -3,7 +3,6 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/packages/begun_package.h"
 #include "publisher/releases/same_content.h"
 #include "publisher/releases/withdrawal_diffs.h"
 #include "publisher/releases/withdrawal_target.h"
@@ -71,7 +70,7 @@ private:
 	void Begin() {
 		previous_ = RequireEntry(repository_, options_);
 		if (options_.url.empty()) {
-			options_.url = repository_.RememberedUrl().value_or("");
+			options_.url = RememberedUrlOf(repository_.Directory()).value_or("");
 		}
 		CheckOptions(options_);
 		RequireOwnPackage(repository_, reader_, options_, previous_.data_version);

@@ -4,7 +4,7 @@
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/diff/diff_maker.h"
-#include "publisher/packages/apply_diffs.h"
+#include "publisher/packages/diff_package.h"
 #include "publisher/sqlite/sqlite_content.h"
 
 #include <algorithm>
@@ -112,7 +112,7 @@ void WithdrawalDiffs::WriteLast() {
 	for (std::size_t i = 0; i < changes_.size(); ++i) {
 		const TreeChange& change = changes_[i];
 		const PatchKind kind = change.after ? PatchKind::kWhole : PatchKind::kNone;
-		DiffMember member = {change.name, OperationOf(kind), "", kind};
+		DiffMember member = {change.name, "", kind};
 		if (change.after) {
 			member.input_file = InputFileName(i, kind);
 			member.size = change.after->size;

@@ -63,7 +63,7 @@ Json::Value ToJson(const std::map<int, DiffFile>& files) {
 
 /** The writer replaces bytes that are no UTF-8, and halves of a pair: a database could lose its name. */
 bool CanBeWritten(const Json::Value& value) {
-	return ParseJson(JsonText(value, "")) == value;
+	return ParseJson(JsonText(value)) == value;
 }
 
 void EnsureDeprecatedFlag(Json::Value& place) {
@@ -106,9 +106,7 @@ void KeepNewest(std::map<int, DiffFile>& files, const KeptDiffs& kept, std::uint
 	files.erase(files.begin(), oldest);
 }
 
-Document::Document(const std::string& path) : path_(path) {
-	Parse(ReadText(path));
-}
+Document::Document(const std::string& path) : Document(FromText(path, ReadText(path))) {}
 
 Document Document::FromText(const std::string& path, const std::string& text) {
 	Document document;

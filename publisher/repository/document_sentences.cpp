@@ -3,6 +3,7 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -48,6 +49,11 @@ bool IsAmong(const std::vector<std::string>& names, const std::string& name) {
 	return std::find(names.begin(), names.end(), name) != names.end();
 }
 
+std::string WithoutScheme(const std::string& url) {
+	const std::size_t end = url.find("://");
+	return end == std::string::npos ? url : url.substr(end);
+}
+
 } // namespace
 
 std::string NewDocumentWarning(const Repository& repository, const std::string& name, const std::string& id) {
@@ -74,6 +80,20 @@ std::string NamingDocuments(const Repository& repository, const std::string& id)
 		text += (text.empty() ? "" : ", ") + Printable(name) + " (version " + std::to_string(entry.data_version) + ")";
 	}
 	return text;
+}
+
+void LinkBases::Add(const std::string& link, const std::string& name) {
+	++links_[link.substr(0, link.size() - name.size())];
+}
+
+std::string LinkBases::Difference() const {
+	std::set<std::string> places;
+	std::string urls;
+	for (const auto& [url, count] : links_) {
+		places.insert(WithoutScheme(url));
+		urls += (urls.empty() ? "" : ", ") + Printable(WithoutEnd(url, "/")) + " (" + std::to_string(count) + ")";
+	}
+	return places.size() > 1 ? urls : "";
 }
 
 } // namespace tarn::publisher

@@ -4,6 +4,8 @@
 
 #include "publisher/repository/repository.h"
 
+#include <cstdint>
+#include <map>
 #include <string>
 
 namespace tarn::publisher {
@@ -24,6 +26,22 @@ namespace tarn::publisher {
 
 /** "1 (version 4), canary (version 5)": the documents that name a database. */
 [[nodiscard]] std::string NamingDocuments(const Repository& repository, const std::string& id);
+
+/** Counts the URLs of repositories that the links of one document begin with. */
+class LinkBases {
+public:
+	/** @param name  what the link ends with, relative to the repository */
+	void Add(const std::string& link, const std::string& name);
+
+	/**
+	 * A part of a sentence that names all URLs when they differ; else it is empty. The same place by http and by https
+	 * is one: devices change over one by one.
+	 */
+	[[nodiscard]] std::string Difference() const;
+
+private:
+	std::map<std::string, std::uint64_t> links_; // their number, by URL
+};
 
 } // namespace tarn::publisher
 

@@ -3,7 +3,6 @@
 #include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/common/files.h"
-#include "publisher/common/publish_error.h"
 #include "publisher/repository/withdrawn_packages.h"
 
 #include <algorithm>
@@ -74,7 +73,6 @@ std::vector<std::string> Repository::DocumentNames() const {
 			names.push_back(path.filename().string());
 		}
 	}
-	std::sort(names.begin(), names.end());
 	return names;
 }
 
@@ -120,10 +118,8 @@ std::string Repository::DiffName(const std::string& id, int version, const DiffF
 }
 
 std::string Repository::NameOf(const std::string& id, const PackageFile& file) {
-	if (file.withdrawal > 0) {
-		return EmptyDiffName(id, file.data_version, file.withdrawal);
-	}
-	return file.is_diff ? DiffName(id, file.data_version) : PackageName(id, file.data_version);
+	return "packages/" + id + "/" + id + (file.is_diff ? "_d" : "_v") + std::to_string(file.data_version) +
+	       (file.withdrawal > 0 ? "w" + std::to_string(file.withdrawal) : "") + ".tarn";
 }
 
 std::string Repository::DiffPath(const std::string& id, int version, const DiffFile& named) const {
@@ -157,7 +153,6 @@ std::vector<std::string> Repository::PackagedIds() const {
 			ids.push_back(path.filename().string());
 		}
 	}
-	std::sort(ids.begin(), ids.end());
 	return ids;
 }
 
@@ -227,13 +222,9 @@ void Repository::CopyEntry(const std::string& from, const std::string& to, const
 }
 
 void Repository::RememberUrl(const std::string& url) const {
-	if (RememberedUrl() != url) {
+	if (RememberedUrlOf(directory_) != url) {
 		WriteReplacing(directory_ + kUrlName, url + "\n");
 	}
-}
-
-std::optional<std::string> Repository::RememberedUrl() const {
-	return RememberedUrlOf(directory_);
 }
 
 } // namespace tarn::publisher

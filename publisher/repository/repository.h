@@ -47,20 +47,16 @@ public:
 	[[nodiscard]] std::optional<int> LastVersion(const std::string& id) const;
 
 	/** The name of a full package, relative to the repository. */
-	static std::string PackageName(const std::string& id, int version) {
-		return NameOf(id, "_v", std::to_string(version));
-	}
+	static std::string PackageName(const std::string& id, int version) { return NameOf(id, {"", version, false}); }
 	/** The name of the diff package that leads to a version, relative to the repository. */
-	static std::string DiffName(const std::string& id, int version) {
-		return NameOf(id, "_d", std::to_string(version));
-	}
+	static std::string DiffName(const std::string& id, int version) { return NameOf(id, {"", version, true}); }
 	/** The name of the diff package that a document's link leads to; DiffName() for a link that leads elsewhere. */
 	static std::string DiffName(const std::string& id, int version, const DiffFile& named);
 	/** The name that a package has to have, relative to the repository; a file may be called "db_v007.tarn". */
 	static std::string NameOf(const std::string& id, const PackageFile& file);
 	/** The name of the empty diff package that a withdrawal puts in the place of the one that leads to a version. */
 	static std::string EmptyDiffName(const std::string& id, int version, int withdrawal) {
-		return NameOf(id, "_d", std::to_string(version) + "w" + std::to_string(withdrawal));
+		return NameOf(id, {"", version, true, withdrawal});
 	}
 	std::string PackagePath(const std::string& id, int version) const {
 		return directory_ + "/" + PackageName(id, version);
@@ -114,12 +110,8 @@ public:
 
 	/** Notes at which URL the repository is served, for a document that is lost. */
 	void RememberUrl(const std::string& url) const;
-	[[nodiscard]] std::optional<std::string> RememberedUrl() const;
 
 private:
-	static std::string NameOf(const std::string& id, const char* kind, const std::string& version) {
-		return "packages/" + id + "/" + id + kind + version + ".tarn";
-	}
 	void RetireWithdrawn(const std::string& id) const;
 	void RemoveUnnamedDiffs(const std::string& id, const std::optional<int>& spared) const;
 

@@ -21,10 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool IsHidden(const fs::path& path) {
-	return path.filename().string().front() == '.';
-}
-
 bool IsTemporary(const fs::path& path) {
 	return StartsWith(path.filename().string(), kTemporaryPrefix);
 }
@@ -48,24 +44,19 @@ public:
 	RepositoryListing Run() {
 		const UniqueFd lock = ShareLock(directory_, result_.is_publishing);
 		result_.leftovers = Leftovers(directory_);
-		ListDocuments();
-		for (const fs::path& path : PathsIn(directory_ + "/packages")) {
-			if (IsTemporary(path)) {
-				result_.leftovers.push_back(path.string());
-			} else if (!IsHidden(path)) {
-				ListPackages(path);
-			}
-		}
+		ForEachVisible("/database_info", [this](const fs::path& path) { ReadDocument(path); });
+		ForEachVisible("/packages", [this](const fs::path& path) { ListPackages(path); });
 		return std::move(result_);
 	}
 
 private:
-	void ListDocuments() {
-		for (const fs::path& path : PathsIn(directory_ + "/database_info")) {
+	template<typename Take>
+	void ForEachVisible(const char* name, const Take& take) {
+		for (const fs::path& path : PathsIn(directory_ + name)) {
 			if (IsTemporary(path)) {
 				result_.leftovers.push_back(path.string());
-			} else if (!IsHidden(path)) {
-				ReadDocument(path);
+			} else if (path.filename().string().front() != '.') {
+				take(path);
 			}
 		}
 	}

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 namespace tarn::publisher {
 
@@ -29,12 +30,18 @@ struct Mark {
 	int withdrawal = 0;
 };
 
-std::optional<Mark> ReadMark(const fs::path& path) {
-	const std::string name = path.filename().string();
-	const std::size_t end = name.rfind(kMark);
-	const auto withdrawal =
-	    end == std::string::npos ? std::nullopt : ParseVersion(name.substr(end + std::string(kMark).size()));
-	return withdrawal ? std::optional(Mark{path, name.substr(0, end), *withdrawal}) : std::nullopt;
+std::vector<Mark> MarksIn(const std::string& withdrawn) {
+	std::vector<Mark> marks;
+	for (const fs::path& path : PathsIn(withdrawn)) {
+		const std::string name = path.filename().string();
+		const std::size_t end = name.rfind(kMark);
+		const auto withdrawal =
+		    end == std::string::npos ? std::nullopt : ParseVersion(name.substr(end + std::string(kMark).size()));
+		if (withdrawal) {
+			marks.push_back({path, name.substr(0, end), *withdrawal});
+		}
+	}
+	return marks;
 }
 
 /** The mark of a withdrawal that was killed before its document withdraws nothing. */
@@ -101,10 +108,9 @@ void MarkWithdrawn(const std::string& package, int withdrawal) {
 
 std::set<std::string> MarkedPackages(const std::string& directory, int newest) {
 	std::set<std::string> names;
-	for (const fs::path& path : PathsIn(WithdrawnDirectory(directory))) {
-		const std::optional<Mark> mark = ReadMark(path);
-		if (mark && IsPublished(*mark, newest)) {
-			names.insert(mark->package);
+	for (const Mark& mark : MarksIn(WithdrawnDirectory(directory))) {
+		if (IsPublished(mark, newest)) {
+			names.insert(mark.package);
 		}
 	}
 	return names;
@@ -114,10 +120,8 @@ void MoveWithdrawn(const std::string& directory, const std::set<std::string>& of
 	const std::string withdrawn = WithdrawnDirectory(directory);
 	RemoveLeftovers(withdrawn);
 	try {
-		for (const fs::path& path : PathsIn(withdrawn)) {
-			if (const std::optional<Mark> mark = ReadMark(path)) {
-				Follow(*mark, directory, offered, newest);
-			}
+		for (const Mark& mark : MarksIn(withdrawn)) {
+			Follow(mark, directory, offered, newest);
 		}
 	} catch (const fs::filesystem_error& error) {
 		throw PublishError("Withdrawn packages cannot be moved to " + withdrawn + ": " + error.code().message() + ".");

@@ -19,7 +19,7 @@ using ::testing::Optional;
 using Names = std::set<std::string>;
 
 DiffMember Member(const std::string& name, PatchKind kind) {
-	return {name, "", "", kind};
+	return {name, "", kind};
 }
 
 Json::Value Metadata(const ChainState& state) {

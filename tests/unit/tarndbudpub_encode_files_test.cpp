@@ -1,7 +1,7 @@
 // The memory that making patches takes, and the patches that a small memory allows.
 #include "diff_fixture.h"
 #include "publisher/common/program.h"
-#include "publisher/diff/encode_files.h"
+#include "publisher/diff/file_encoder.h"
 
 namespace tarn::test {
 
