@@ -46,11 +46,11 @@ public:
 		}
 		RequireAWay();
 		RequireSameFormat();
-		WarnOfNewDocument();
+		WarnOfNewDocument(repository_, options_.to, options_.id, observer_);
 		repository_.RemoveDocumentLeftovers();
 		repository_.CopyEntry(options_.from, options_.to, options_.id);
 		result_.is_changed = true;
-		Sweep();
+		RemoveOldDiffs(repository_, options_.id, observer_);
 		return result_;
 	}
 
@@ -141,21 +141,6 @@ private:
 		}
 	}
 
-	void WarnOfNewDocument() const {
-		if (const std::string warning = NewDocumentWarning(repository_, options_.to, options_.id); !warning.empty()) {
-			observer_.warn(warning);
-		}
-	}
-
-	/** Removes the diff packages that no document names any more. A failure is a warning. */
-	void Sweep() const {
-		try {
-			repository_.Clean(options_.id);
-		} catch (const std::exception& error) {
-			observer_.warn(std::string("Old diff packages could not be removed: ") + error.what());
-		}
-	}
-
 	const PromoteOptions& options_;
 	const PublishObserver& observer_;
 	PackageReader reader_;
@@ -183,6 +168,21 @@ std::optional<Entry> EntryToContinue(const Repository& repository, const Publish
 		}
 	}
 	return own;
+}
+
+void WarnOfNewDocument(
+    const Repository& repository, const std::string& name, const std::string& id, const PublishObserver& observer) {
+	if (const std::string warning = NewDocumentWarning(repository, name, id); !warning.empty()) {
+		observer.warn(warning);
+	}
+}
+
+void RemoveOldDiffs(const Repository& repository, const std::string& id, const PublishObserver& observer) {
+	try {
+		repository.Clean(id);
+	} catch (const std::exception& error) {
+		observer.warn(std::string("Old diff packages could not be removed: ") + error.what());
+	}
 }
 
 PromoteResult Promote(const PromoteOptions& options, const PublishObserver& observer) {

@@ -24,6 +24,13 @@ namespace tarn::publisher {
 [[nodiscard]] std::optional<Entry> EntryToContinue(
     const Repository& repository, const PublishOptions& options, int version);
 
+/** Warns when a document that is about to name a database is new beside others: see NewDocumentWarning(). */
+void WarnOfNewDocument(
+    const Repository& repository, const std::string& name, const std::string& id, const PublishObserver& observer);
+
+/** Removes the diff packages of a database that no document names any more. A failure is a warning. */
+void RemoveOldDiffs(const Repository& repository, const std::string& id, const PublishObserver& observer);
+
 struct PromoteOptions {
 	std::string repository;
 	std::string id;

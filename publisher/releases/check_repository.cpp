@@ -1,6 +1,5 @@
 #include "publisher/releases/check_repository.h"
 
-#include "base/error.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/diff_package.h"

@@ -106,7 +106,12 @@ NeededPackages::NeededPackages(
     const std::string& id, const std::map<std::string, Entry>& entries, const std::vector<PackageFile>& files)
     : id_(id) {
 	for (const auto& [name, entry] : entries) {
-		Take(entry);
+		highest_ = std::max(highest_, entry.data_version);
+		named_.insert(Repository::PackageName(id_, entry.data_version));
+		for (const auto& [version, file] : entry.diff_files) {
+			named_.insert(Repository::DiffName(id_, version, file));
+			full_.insert({version - 1, version});
+		}
 		int below = -1;
 		for (const PackageFile& file : files) {
 			if (!file.is_diff && file.data_version < entry.data_version) {
@@ -114,15 +119,6 @@ NeededPackages::NeededPackages(
 			}
 		}
 		full_.insert(below);
-	}
-}
-
-void NeededPackages::Take(const Entry& entry) {
-	highest_ = std::max(highest_, entry.data_version);
-	named_.insert(Repository::PackageName(id_, entry.data_version));
-	for (const auto& [version, file] : entry.diff_files) {
-		named_.insert(Repository::DiffName(id_, version, file));
-		full_.insert({version - 1, version});
 	}
 }
 

@@ -42,8 +42,6 @@ public:
 	[[nodiscard]] bool IsAboveAll(const PackageFile& file) const;
 
 private:
-	void Take(const Entry& entry);
-
 	std::string id_;
 	std::set<std::string> named_; // by what the packages are called
 	std::set<int> full_;          // versions of full packages that are needed besides

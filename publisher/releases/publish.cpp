@@ -6,11 +6,9 @@
 #include "publisher/releases/channels.h"
 #include "publisher/releases/same_content.h"
 #include "publisher/repository/checks.h"
-#include "publisher/repository/document_sentences.h"
 #include "publisher/repository/last_publication.h"
 #include "publisher/repository/repository.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <map>
 
@@ -29,12 +27,6 @@ void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObser
 	if (result.download_link.find(digits) != result.download_link.rfind(digits)) {
 		observer.warn("The digits of version " + digits + " stand more than once in the link " + result.download_link +
 		              "; a device that is told to install another version rewrites them all.");
-	}
-}
-
-void WarnUnlessEmpty(const std::string& sentence, const PublishObserver& observer) {
-	if (!sentence.empty()) {
-		observer.warn(sentence);
 	}
 }
 
@@ -61,14 +53,14 @@ public:
 		result_.data_version = next.data_version;
 		result_.is_first = next.is_first;
 		if (next.is_begun) {
-			TakeUp();
+			fetch_time_ = TimeOfBegun(reader_, PackagePath(), options_.id, result_.data_version, fetch_time_);
 		}
 		result_.files = tree_.files.size();
 		result_.tree_size = tree_.total_size;
 		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
 		ContinueFrom(EntryToContinue(repository_, options_, result_.data_version));
-		WarnUnlessEmpty(NewDocumentWarning(repository_, options_.db_version, options_.id), observer_);
+		WarnOfNewDocument(repository_, options_.db_version, options_.id, observer_);
 		WarnOfOtherUrl(repository_, options_, observer_);
 		repository_.Clean(options_.id, result_.data_version);
 
@@ -85,7 +77,7 @@ public:
 		repository_.RememberUrl(options_.url);
 		repository_.WriteEntry(
 		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
-		Sweep();
+		RemoveOldDiffs(repository_, options_.id, observer_);
 		return std::move(result_);
 	}
 
@@ -146,9 +138,6 @@ private:
 
 	std::string PackagePath() const { return repository_.PackagePath(options_.id, result_.data_version); }
 
-	/** Continues after a publisher that was killed with its package in place. */
-	void TakeUp() { fetch_time_ = TimeOfBegun(reader_, PackagePath(), options_.id, result_.data_version, fetch_time_); }
-
 	/** Makes the diff package when there can be one. A failure is a warning: the version is published without. */
 	void WriteDiff(const std::string& package) {
 		if (!previous_ || options_.keep_diffs == 0) {
@@ -187,15 +176,6 @@ private:
 		result_.diff.reset();
 		observer_.warn("Version " + std::to_string(result_.data_version) +
 		               " has no diff package: " + WithoutEnd(error.what()) + ". Devices take the full package.");
-	}
-
-	/** Removes the diff packages that the document names no longer. A failure is a warning. */
-	void Sweep() {
-		try {
-			repository_.Clean(options_.id);
-		} catch (const std::exception& error) {
-			observer_.warn(std::string("Old diff packages could not be removed: ") + error.what());
-		}
 	}
 
 	/** What the document says about diff packages: nothing without the newest, since older ones lead nowhere then. */

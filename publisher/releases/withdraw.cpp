@@ -1,17 +1,15 @@
 #include "publisher/releases/withdraw.h"
 
-#include "base/error.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/releases/same_content.h"
 #include "publisher/releases/withdrawal_diffs.h"
-#include "publisher/releases/withdrawal_target.h"
+#include "publisher/releases/withdrawal_versions.h"
 #include "publisher/repository/checks.h"
 #include "publisher/repository/document_sentences.h"
 #include "publisher/repository/last_publication.h"
 #include "publisher/repository/withdrawn_packages.h"
 
-#include <algorithm>
 #include <filesystem>
 
 namespace tarn::publisher {
@@ -43,19 +41,18 @@ public:
 	WithdrawResult Run(const std::optional<std::int64_t>& to) {
 		Begin();
 		result_.withdrawn = previous_.data_version;
-		result_.restored = target_->Choose(to);
+		result_.restored = versions_->Choose(to);
 		Number();
 		repository_.Clean(options_.id, Version());
 		const WorkDirectory work(repository_.Directory());
-		const VersionContent content(repository_, reader_, *chain_, options_.id);
-		const Tree tree = Restore(content, work);
+		const Tree tree = Restore(work);
 		if (IsThereAlready(tree)) {
 			return std::move(result_);
 		}
 		ReplacingFile package(repository_.PackagePath(options_.id, Version()));
 		WriteFull(tree, package);
-		const WithdrawalOrder order = {repository_, options_, key_, reader_, *chain_, content, work, result_.restored,
-		    result_.withdrawn, tree, format_version_, Published().package_size, fetch_time_};
+		const WithdrawalOrder order = {repository_, options_, key_, reader_, *chain_, *versions_, work,
+		    result_.restored, result_.withdrawn, tree, format_version_, Published().package_size, fetch_time_};
 		WithdrawalDiffs diffs(order);
 		const bool has_diffs = MakeDiffs(diffs);
 		package.Commit();
@@ -81,7 +78,7 @@ private:
 			obstacle_ = WithoutEnd(error.what());
 			chain_.emplace(repository_, reader_, options_.id, Entry{previous_.data_version, 0, "", {}});
 		}
-		target_.emplace(repository_, reader_, options_.id, previous_, *chain_);
+		versions_.emplace(repository_, reader_, options_.id, previous_, *chain_);
 	}
 
 	void Number() {
@@ -93,13 +90,13 @@ private:
 		}
 	}
 
-	Tree Restore(const VersionContent& content, const WorkDirectory& work) {
+	Tree Restore(const WorkDirectory& work) {
 		observer_.step("unpacking", 0, 1);
-		result_.is_rebuilt = !content.HasPackage(result_.restored);
+		result_.is_rebuilt = !versions_->HasPackage(result_.restored);
 		const std::string directory = work.Make("restored");
-		const Json::Value metadata = content.Unpack(result_.restored, directory, work);
+		const Json::Value metadata = versions_->Unpack(result_.restored, directory, work);
 		format_version_ = metadata[kFormatKey].isString() ? metadata[kFormatKey].asString() : "";
-		const Json::Value& newest = target_->NewestMetadata();
+		const Json::Value& newest = versions_->NewestMetadata();
 		if (newest.isMember(kFormatKey) && newest[kFormatKey] != format_version_) {
 			throw PublishError("Version " + std::to_string(result_.restored) + " of " + options_.id +
 			                   " cannot come back: its format is \"" + format_version_ + "\", and that of version " +
@@ -137,7 +134,7 @@ private:
 		published.tree_size = tree.total_size;
 		published.package_size = archive->Head().FileSize();
 		published.download_link = previous_.download_link;
-		if (target_->NewestMetadata()[kRestoresKey] == result_.restored) {
+		if (versions_->NewestMetadata()[kRestoresKey] == result_.restored) {
 			WarnOfOtherDocuments(); // which a killed withdrawal has not done
 		}
 		return true;
@@ -201,7 +198,7 @@ private:
 		}
 		for (const PackageFile& file : repository_.Packages(options_.id)) {
 			if (file.data_version > result_.restored && file.data_version <= result_.withdrawn &&
-			    target_->IsOfFormat(file)) {
+			    versions_->IsOfFormat(file)) {
 				MarkWithdrawn(file.path, Version());
 			}
 		}
@@ -234,7 +231,7 @@ private:
 	Repository repository_;
 	Entry previous_;
 	std::optional<DiffChain> chain_;
-	std::optional<WithdrawalTarget> target_;
+	std::optional<WithdrawalVersions> versions_;
 	std::string obstacle_; // why the chain cannot be continued
 	std::string format_version_;
 	WithdrawResult result_;

@@ -17,17 +17,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::map<std::string, const TreeFile*> ByName(const Tree& tree) {
-	std::map<std::string, const TreeFile*> files;
-	for (const TreeFile& file : tree.files) {
-		files[file.name] = &file;
-	}
-	return files;
-}
-
-std::optional<TreeFile> Find(const std::map<std::string, const TreeFile*>& files, const std::string& name) {
-	const auto file = files.find(name);
-	return file == files.end() ? std::nullopt : std::optional(*file->second);
+std::optional<TreeFile> Find(const Tree& tree, const std::string& name) {
+	const auto file = std::lower_bound(tree.files.begin(), tree.files.end(), name,
+	    [](const TreeFile& candidate, const std::string& wanted) { return candidate.name < wanted; });
+	return file == tree.files.end() || file->name != name ? std::nullopt : std::optional(*file);
 }
 
 /** Whether devices get the published content of a database where bytes of their own are expected. */
@@ -37,8 +30,6 @@ bool IsSameByContent(const TreeChange& change) {
 }
 
 } // namespace
-
-WithdrawalDiffs::WithdrawalDiffs(const WithdrawalOrder& order) : order_(order) {}
 
 void WithdrawalDiffs::Make(const PublishObserver& observer) {
 	observer.step("comparing", 0, 1);
@@ -56,7 +47,7 @@ void WithdrawalDiffs::Make(const PublishObserver& observer) {
 	for (int start = first; start <= order_.newest; ++start) {
 		observer.step("verifying", static_cast<std::uint64_t>(start - first),
 		    static_cast<std::uint64_t>(order_.newest - first + 1));
-		if (start == order_.newest || start == order_.target || order_.content.HasPackage(start)) {
+		if (start == order_.newest || start == order_.target || order_.versions.HasPackage(start)) {
 			Prove(start);
 		}
 	}
@@ -68,17 +59,15 @@ void WithdrawalDiffs::Make(const PublishObserver& observer) {
  */
 void WithdrawalDiffs::FindChanges() {
 	const std::string directory = order_.work.Make("newest");
-	static_cast<void>(order_.content.Unpack(order_.newest, directory, order_.work));
+	static_cast<void>(order_.versions.Unpack(order_.newest, directory, order_.work));
 	newest_ = ListTree(directory);
 	std::set<std::string> names = order_.chain.ChangedNames(order_.target);
 	for (const TreeChange& change : CompareTrees(newest_, order_.tree)) {
 		names.insert(change.name);
 	}
 	AddCompanions(names);
-	const auto before = ByName(newest_);
-	const auto after = ByName(order_.tree);
 	for (const std::string& name : names) {
-		changes_.push_back({name, Find(before, name), Find(after, name)});
+		changes_.push_back({name, Find(newest_, name), Find(order_.tree, name)});
 	}
 	if (const auto conflict = FindNameConflict(changes_, newest_, order_.chain.ChangedNames())) {
 		throw PublishError(*conflict);
@@ -170,7 +159,7 @@ int WithdrawalDiffs::OldestStart() const {
 /** Follows the new chain as a device does that has a version. */
 void WithdrawalDiffs::Prove(int start) const {
 	const std::string directory = order_.work.Make("device");
-	static_cast<void>(order_.content.Unpack(start, directory, order_.work));
+	static_cast<void>(order_.versions.Unpack(start, directory, order_.work));
 	std::vector<DiffStep> steps;
 	for (int version = start + 1; version <= Version(); ++version) {
 		const auto own = packages_.find(version);

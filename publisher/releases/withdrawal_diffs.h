@@ -5,7 +5,7 @@
 #include "publisher/common/files.h"
 #include "publisher/diff/diff_maker.h"
 #include "publisher/packages/observer.h"
-#include "publisher/releases/version_content.h"
+#include "publisher/releases/withdrawal_versions.h"
 #include "publisher/repository/publish_options.h"
 
 #include <map>
@@ -21,7 +21,7 @@ struct WithdrawalOrder {
 	const archive::SigningKey& key;
 	const PackageReader& reader;
 	const DiffChain& chain; // as devices have followed it so far
-	const VersionContent& content;
+	const WithdrawalVersions& versions;
 	const WorkDirectory& work;
 	int target = 0;   // the version whose content comes back
 	int newest = 0;   // the newest version so far; the withdrawal is the next
@@ -43,7 +43,7 @@ struct WithdrawalOrder {
  */
 class WithdrawalDiffs {
 public:
-	explicit WithdrawalDiffs(const WithdrawalOrder& order);
+	explicit WithdrawalDiffs(const WithdrawalOrder& order) : order_(order) {}
 
 	/**
 	 * Writes the packages, and applies them as devices do: to the version that comes back, and to each withdrawn

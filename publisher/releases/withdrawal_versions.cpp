@@ -1,18 +1,18 @@
-#include "publisher/releases/withdrawal_target.h"
+#include "publisher/releases/withdrawal_versions.h"
 
 #include "base/error.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/repository/checks.h"
 #include "publisher/repository/document_sentences.h"
 #include "publisher/repository/last_publication.h"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace tarn::publisher {
 
 namespace fs = std::filesystem;
 
-WithdrawalTarget::WithdrawalTarget(const Repository& repository, const PackageReader& reader, const std::string& id,
+WithdrawalVersions::WithdrawalVersions(const Repository& repository, const PackageReader& reader, const std::string& id,
     const Entry& newest, const DiffChain& chain)
     : repository_(repository),
       reader_(reader),
@@ -21,13 +21,13 @@ WithdrawalTarget::WithdrawalTarget(const Repository& repository, const PackageRe
       chain_(chain),
       metadata_(ReadNewestMetadata()) {}
 
-int WithdrawalTarget::Choose(const std::optional<std::int64_t>& to) const {
+int WithdrawalVersions::Choose(const std::optional<std::int64_t>& to) const {
 	const int chosen = to ? Named(*to) : Default();
 	RequireOwn(chosen);
 	return chosen;
 }
 
-bool WithdrawalTarget::IsOfFormat(const PackageFile& file) const {
+bool WithdrawalVersions::IsOfFormat(const PackageFile& file) const {
 	try {
 		const Json::Value metadata = file.is_diff ? Json::Value() : ReadMetadata(archive::ArchiveFile(file.path));
 		return metadata.isObject() &&
@@ -41,7 +41,7 @@ bool WithdrawalTarget::IsOfFormat(const PackageFile& file) const {
  * By the newest version's diff package when its full package is missing. It needs no trust where nothing is made from
  * it: it can only lead to a refusal.
  */
-Json::Value WithdrawalTarget::ReadNewestMetadata() const {
+Json::Value WithdrawalVersions::ReadNewestMetadata() const {
 	const std::string path = repository_.PackagePath(id_, newest_.data_version);
 	if (fs::exists(path)) {
 		const PackageInfo info = {id_, "", newest_.data_version};
@@ -54,7 +54,7 @@ Json::Value WithdrawalTarget::ReadNewestMetadata() const {
 	return chain_.Links().empty() ? Json::Value(Json::objectValue) : chain_.Links().back().package.metadata;
 }
 
-int WithdrawalTarget::Named(std::int64_t data_version) const {
+int WithdrawalVersions::Named(std::int64_t data_version) const {
 	if (data_version < 0 || data_version >= newest_.data_version) {
 		throw PublishError("Version " + std::to_string(data_version) + " cannot come back: it must be below version " +
 		                   std::to_string(newest_.data_version) + ", the newest of " + id_ + ".");
@@ -62,7 +62,7 @@ int WithdrawalTarget::Named(std::int64_t data_version) const {
 	return static_cast<int>(data_version);
 }
 
-int WithdrawalTarget::Default() const {
+int WithdrawalVersions::Default() const {
 	if (metadata_.isMember(kRestoresKey)) {
 		repository_.Clean(id_); // What a killed withdrawal has left to do is all that is left to do.
 		throw PublishError("Version " + std::to_string(newest_.data_version) + " of " + id_ +
@@ -77,7 +77,7 @@ int WithdrawalTarget::Default() const {
 	return chain_.Links().empty() ? NewestFullBelow() : newest_.data_version - 1;
 }
 
-int WithdrawalTarget::NewestFullBelow() const {
+int WithdrawalVersions::NewestFullBelow() const {
 	int before = -1;
 	for (const PackageFile& file : repository_.Packages(id_)) {
 		before = file.data_version < newest_.data_version && IsOfFormat(file) ? file.data_version : before;
@@ -90,13 +90,47 @@ int WithdrawalTarget::NewestFullBelow() const {
 	return before;
 }
 
-void WithdrawalTarget::RequireOwn(int data_version) const {
+void WithdrawalVersions::RequireOwn(int data_version) const {
 	const std::string path = repository_.KeptPackagePath(id_, data_version);
 	if (IsForeign(reader_, path, id_, data_version)) {
 		throw PublishError("Version " + std::to_string(data_version) + " of " + id_ +
 		                   " cannot come back: its package " + path +
 		                   " has no signature by --key or an --old-key; name the key that signed it by --old-key.");
 	}
+}
+
+bool WithdrawalVersions::HasPackage(int version) const {
+	return fs::exists(repository_.KeptPackagePath(id_, version));
+}
+
+std::vector<DiffStep> WithdrawalVersions::StepsTo(int version) const {
+	std::vector<DiffStep> steps;
+	for (int at = version; !HasPackage(at); --at) {
+		const std::string missing = "The content of version " + std::to_string(version) + " of " + id_ +
+		                            " cannot be made: its full package " + repository_.PackagePath(id_, version) +
+		                            " is missing";
+		const DiffChain::Link* link = chain_.Find(at);
+		if (link == nullptr) {
+			throw PublishError(missing + ", and so is a diff package to version " + std::to_string(at) +
+			                   " that the document names, to rebuild it from an earlier full package.");
+		}
+		if (at == version && link->IsEmptied()) {
+			throw PublishError(missing + ", and its diff package was withdrawn.");
+		}
+		steps.push_back({at, link->path});
+	}
+	std::reverse(steps.begin(), steps.end());
+	return steps;
+}
+
+Json::Value WithdrawalVersions::Unpack(int version, const std::string& directory, const WorkDirectory& work) const {
+	const std::vector<DiffStep> steps = StepsTo(version);
+	const int first = version - static_cast<int>(steps.size());
+	const std::string path = repository_.KeptPackagePath(id_, first);
+	const PackageInfo info = {id_, "", first};
+	reader_.Unpack(path, info, directory);
+	ApplyDiffs(reader_, id_, steps, directory, work);
+	return steps.empty() ? ReadMetadata(reader_.Open(path, info)) : chain_.Find(version)->package.metadata;
 }
 
 } // namespace tarn::publisher

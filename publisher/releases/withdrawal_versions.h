@@ -1,8 +1,9 @@
-/** @file The version that a withdrawal takes back, and the choice of the version that comes back in its place. */
-#ifndef PUBLISHER_RELEASES_WITHDRAWAL_TARGET_H
-#define PUBLISHER_RELEASES_WITHDRAWAL_TARGET_H
+/** @file The version that a withdrawal takes back, the choice of the version that comes back, and their content. */
+#ifndef PUBLISHER_RELEASES_WITHDRAWAL_VERSIONS_H
+#define PUBLISHER_RELEASES_WITHDRAWAL_VERSIONS_H
 
 #include "publisher/diff/diff_chain.h"
+#include "publisher/packages/apply_diffs.h"
 #include "publisher/packages/package.h"
 #include "publisher/repository/repository.h"
 
@@ -11,14 +12,15 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn::publisher {
 
 /** Throws PublishError for what stands in the way. What it is made from has to outlive it. */
-class WithdrawalTarget {
+class WithdrawalVersions {
 public:
 	/** @param newest  the entry of the version that is withdrawn; the chain leads to it, or is empty */
-	WithdrawalTarget(const Repository& repository, const PackageReader& reader, const std::string& id,
+	WithdrawalVersions(const Repository& repository, const PackageReader& reader, const std::string& id,
 	    const Entry& newest, const DiffChain& chain);
 
 	/**
@@ -33,12 +35,26 @@ public:
 	/** Whether a full package has the newest version's format: others are of another document. */
 	[[nodiscard]] bool IsOfFormat(const PackageFile& file) const;
 
+	/** Whether the full package of a version is there, served or kept by a withdrawal. */
+	[[nodiscard]] bool HasPackage(int version) const;
+
+	/**
+	 * Unpacks a version's full package. When it is missing, unpacks the nearest full package before it, and applies the
+	 * diff packages in between as devices do.
+	 *
+	 * @return the metadata of the last package that was read
+	 * @throws PublishError naming what is missing or cannot be trusted
+	 */
+	[[nodiscard]] Json::Value Unpack(int version, const std::string& directory, const WorkDirectory& work) const;
+
 private:
 	[[nodiscard]] Json::Value ReadNewestMetadata() const;
 	[[nodiscard]] int Named(std::int64_t data_version) const;
 	[[nodiscard]] int Default() const;
 	[[nodiscard]] int NewestFullBelow() const;
 	void RequireOwn(int data_version) const;
+	/** The diff packages that lead to a version from a full package. */
+	[[nodiscard]] std::vector<DiffStep> StepsTo(int version) const;
 
 	const Repository& repository_;
 	const PackageReader& reader_;
