@@ -2,7 +2,6 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
-#include "base/text.h"
 #include "kit/reader.h"
 #include "kit/writer.h"
 #include "publisher/common/json_text.h"
@@ -81,10 +80,6 @@ public:
 private:
 	static constexpr int kMostTries = 5;
 
-	[[noreturn]] static void FailToFind(const std::string& id, const std::string& path) {
-		throw PublishError("The document " + path + " names no version of " + id + ".");
-	}
-
 	Content CollectAll(const std::string& path, const std::string& text) {
 		const Document document = Document::FromText(path, text);
 		content_ = {};
@@ -93,7 +88,7 @@ private:
 		for (const std::string& id : Ids()) {
 			const std::optional<Entry> entry = document.Find(id);
 			if (!entry) {
-				FailToFind(id, path);
+				throw PublishError("The document " + path + " names no version of " + id + ".");
 			}
 			Json::Value value = content_.document["db_list"][id];
 			value["diff_files"] = Add(id, *entry, value["diff_files"]);

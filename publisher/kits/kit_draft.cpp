@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <utility>
 
 namespace tarn::publisher {
 

@@ -19,7 +19,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <optional>
-#include <string_view>
 
 namespace tarn::publisher {
 

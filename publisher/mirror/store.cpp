@@ -4,7 +4,7 @@
 #include "publisher/common/json_text.h"
 #include "publisher/common/publish_error.h"
 
-#include <cstddef>
+#include <cstring>
 #include <ctime>
 #include <sstream>
 #include <utility>
@@ -34,25 +34,10 @@ std::string Lines(const std::vector<std::string>& names) {
 	return lines;
 }
 
-[[noreturn]] void FailTo(const std::string& attempt, const RcloneResult& result) {
-	throw PublishError(attempt + ": " + result.Description() + ".");
-}
-
-/** The seconds that a time zone such as "+01:30" is ahead; no value for other texts. */
-std::optional<std::int64_t> ParseZone(const std::string& zone) {
-	constexpr std::size_t kLength = 6;
-	if (zone == "Z") {
-		return 0;
+void RequireDone(bool is_done, const std::string& attempt, const RcloneResult& result) {
+	if (!is_done) {
+		throw PublishError(attempt + ": " + result.Description() + ".");
 	}
-	std::tm ahead = {};
-	if (zone.size() != kLength || (zone[0] != '+' && zone[0] != '-') ||
-	    strptime(zone.c_str() + 1, "%H:%M", &ahead) == nullptr) {
-		return std::nullopt;
-	}
-	constexpr int kMinute = 60;
-	constexpr int kHour = 3600;
-	const std::int64_t seconds = std::int64_t{ahead.tm_hour} * kHour + std::int64_t{ahead.tm_min} * kMinute;
-	return zone[0] == '+' ? seconds : -seconds;
 }
 
 } // namespace
@@ -63,12 +48,12 @@ std::optional<std::int64_t> ParseTime(const std::string& text) {
 	if (rest == nullptr) {
 		return std::nullopt;
 	}
-	std::string zone = rest;
-	if (StartsWith(zone, ".")) {
-		zone.erase(0, zone.find_first_not_of("0123456789", 1));
+	if (*rest == '.') {
+		rest += 1 + std::strspn(rest + 1, "0123456789");
 	}
-	const std::optional<std::int64_t> ahead = ParseZone(zone);
-	return ahead ? std::optional(timegm(&parts) - *ahead) : std::nullopt;
+	std::tm zone = {};
+	const char* end = strptime(rest, "%z", &zone); // "Z" or "+01:30"
+	return end != nullptr && *end == '\0' ? std::optional(timegm(&parts) - zone.tm_gmtoff) : std::nullopt;
 }
 
 Store::Store(std::string remote, TransferProgress progress)
@@ -88,9 +73,7 @@ CarriedFiles Store::List() const {
 		return {};
 	}
 	const std::optional<Json::Value> list = result.IsDone() ? ParseJson(result.output) : std::nullopt;
-	if (!list || !list->isArray()) {
-		FailTo(remote_ + " cannot be listed", result);
-	}
+	RequireDone(list && list->isArray(), remote_ + " cannot be listed", result);
 	CarriedFiles files;
 	for (const Json::Value& file : *list) {
 		const std::string name = file["Path"].asString();
@@ -103,9 +86,7 @@ CarriedFiles Store::List() const {
 
 std::string Store::Read(const std::string& name) const {
 	RcloneResult result = RunRclone({"cat", PathOf(name)}, "", {});
-	if (!result.IsDone()) {
-		FailTo(PathOf(name) + " cannot be read", result);
-	}
+	RequireDone(result.IsDone(), PathOf(name) + " cannot be read", result);
 	return std::move(result.output);
 }
 
@@ -113,9 +94,7 @@ void Store::Write(const std::string& name, const std::string& text) const {
 	const RcloneResult result = RunRclone(
 	    {"rcat", kWholeUpTo, "--header-upload", kDocumentType, "--header-upload", kDocumentCache, PathOf(name)}, text,
 	    {});
-	if (!result.IsDone()) {
-		FailTo(PathOf(name) + " could not be written", result);
-	}
+	RequireDone(result.IsDone(), PathOf(name) + " could not be written", result);
 }
 
 RcloneResult Store::Carry(const std::string& repository, const std::vector<std::string>& names) const {
@@ -145,9 +124,7 @@ void Store::Remove(const std::vector<std::string>& names) const {
 		return;
 	}
 	const RcloneResult result = RunRclone({"delete", "--files-from-raw=-", "--no-traverse", remote_}, Lines(names), {});
-	if (!result.IsDone()) {
-		FailTo("What is no longer needed could not be deleted at " + remote_, result);
-	}
+	RequireDone(result.IsDone(), "What is no longer needed could not be deleted at " + remote_, result);
 }
 
 } // namespace tarn::publisher

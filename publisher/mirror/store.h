@@ -48,8 +48,6 @@ public:
 	[[nodiscard]] Comparison Compare(const std::string& repository, const std::vector<std::string>& names) const;
 	void Remove(const std::vector<std::string>& names) const;
 
-	const std::string& Remote() const { return remote_; }
-
 private:
 	std::string PathOf(const std::string& name) const;
 
