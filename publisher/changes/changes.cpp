@@ -41,6 +41,21 @@ bool IsOfMachine(const SQLite::Exception& error) {
 	return std::find(kCodes.begin(), kCodes.end(), error.getErrorCode()) != kCodes.end();
 }
 
+/** Where SQLite puts what it sorts, for its lifetime: there is room beside the trees, elsewhere perhaps not. */
+class TemporaryFiles {
+public:
+	explicit TemporaryFiles(const std::string& directory) { Set(directory); }
+	TemporaryFiles(const TemporaryFiles&) = delete;
+	TemporaryFiles& operator=(const TemporaryFiles&) = delete;
+	~TemporaryFiles() { Set(""); }
+
+private:
+	static void Set(const std::string& directory) {
+		SQLite::Database(":memory:", SQLite::OPEN_READWRITE)
+		    .exec("PRAGMA temp_store_directory=" + QuotedName(directory)); // for the whole process
+	}
+};
+
 /** The steps of FindChanges(). */
 class ChangeFinder {
 public:
@@ -71,18 +86,6 @@ public:
 	}
 
 private:
-	/** Where SQLite puts what it sorts, for its lifetime: there is room beside the trees, elsewhere perhaps not. */
-	class TemporaryFiles {
-	public:
-		explicit TemporaryFiles(const std::string& directory) { Set(directory); }
-		TemporaryFiles(const TemporaryFiles&) = delete;
-		TemporaryFiles& operator=(const TemporaryFiles&) = delete;
-		~TemporaryFiles() { Set(""); }
-
-	private:
-		static void Set(const std::string& directory);
-	};
-
 	void ChooseVersions() {
 		changes_.id = options_.id;
 		const int to = options_.to ? *options_.to : NewestVersion();
@@ -214,11 +217,6 @@ private:
 	std::size_t listed_ = 0;
 	Changes changes_;
 };
-
-void ChangeFinder::TemporaryFiles::Set(const std::string& directory) {
-	SQLite::Database(":memory:", SQLite::OPEN_READWRITE)
-	    .exec("PRAGMA temp_store_directory=" + QuotedName(directory)); // for the whole process
-}
 
 } // namespace
 

@@ -89,6 +89,22 @@ void PrintChangesText(const Changes& changes, std::size_t most_files, std::ostre
 /** Prints all of the list, one file on each line. */
 void PrintChangesJson(const Changes& changes, std::ostream& out);
 
+// Words that several views share.
+/** "1 file", "2 files". */
+std::string Counted(std::uint64_t count, const std::string& one);
+/** The parts in one text. */
+std::string Joined(const std::vector<std::string>& parts, const char* between = ", ");
+/** A time in UTC as std::put_time() writes it; empty for a time below 0, and for one that no calendar has. */
+std::string TimeText(std::int64_t seconds, const char* format = "%Y-%m-%d %H:%M:%S UTC");
+/** "5 inserted, 1 deleted"; "none" when all are 0. */
+std::string RowText(const RowCounts& rows);
+/** The values of a row that a release touches: "name: 'Roma' -> 'Rome'". */
+std::string ValuesText(const RowExample& example);
+/** What happens to a table: "column x added, 5 inserted". */
+std::string TableText(const TableChange& table);
+/** The size of a file, or both sizes, and whether it can be executed. */
+std::string SizeText(const FileChange& file);
+
 } // namespace tarn::publisher
 
 #endif

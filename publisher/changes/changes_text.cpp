@@ -1,5 +1,5 @@
 #include "base/text.h"
-#include "publisher/changes/change_words.h"
+#include "publisher/changes/changes.h"
 
 #include <ctime>
 #include <iomanip>
@@ -10,27 +10,10 @@ namespace tarn::publisher {
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& parts, const char* between = ", ") {
-	std::string text;
-	for (const std::string& part : parts) {
-		text += (text.empty() ? "" : between) + part;
-	}
-	return text;
-}
-
-std::string PublishedAt(const ComparedVersion& version) {
-	struct tm time {};
-	const std::time_t seconds = version.published.value_or(-1);
-	if (seconds < 0 || gmtime_r(&seconds, &time) == nullptr) {
-		return "";
-	}
-	std::ostringstream text;
-	text << ", published " << std::put_time(&time, "%Y-%m-%d %H:%M:%S UTC");
-	return text.str();
-}
-
 std::string SourceOf(const ComparedVersion& version) {
-	std::string text = "Version " + std::to_string(version.version) + PublishedAt(version) + ": from ";
+	const std::string time = TimeText(version.published.value_or(-1));
+	const std::string text =
+	    "Version " + std::to_string(version.version) + (time.empty() ? "" : ", published " + time) + ": from ";
 	if (version.diffs == 0) {
 		return text + "its full package";
 	}
@@ -107,6 +90,25 @@ void PrintFile(const FileChange& file, std::ostream& out) {
 
 std::string Counted(std::uint64_t count, const std::string& one) {
 	return std::to_string(count) + " " + (count == 1 ? one : one + "s");
+}
+
+std::string Joined(const std::vector<std::string>& parts, const char* between) {
+	std::string text;
+	for (const std::string& part : parts) {
+		text += (text.empty() ? "" : between) + part;
+	}
+	return text;
+}
+
+std::string TimeText(std::int64_t seconds, const char* format) {
+	struct tm time {};
+	const std::time_t moment = seconds;
+	if (seconds < 0 || gmtime_r(&moment, &time) == nullptr) {
+		return "";
+	}
+	std::ostringstream text;
+	text << std::put_time(&time, format);
+	return text.str();
 }
 
 std::string RowText(const RowCounts& rows) {

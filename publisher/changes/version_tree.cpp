@@ -1,6 +1,5 @@
 #include "publisher/changes/version_tree.h"
 
-#include "base/error.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/diff/diff_chain.h"
@@ -39,83 +38,67 @@ Links LinksOf(const VersionSource& source) {
 	return links;
 }
 
-/** The steps of MakeVersionTree(). */
-class VersionMaker {
-public:
-	VersionMaker(const VersionSource& source, int version, const WorkDirectory& work)
-	    : source_(source), work_(work), steps_(StepsTo(version)) {
-		const int diffs = static_cast<int>(steps_.size());
-		tree_.version = {version, version - diffs, diffs, std::nullopt};
-	}
-
-	VersionTree Make(const std::string& name, const std::string& earlier) {
-		const int full = tree_.version.full_package;
-		const std::string path = source_.repository.KeptPackagePath(source_.id, full);
-		const PackageInfo info = {source_.id, "", full};
-		if (tree_.version.diffs > 0 || earlier.empty()) {
-			source_.reader.Unpack(path, info, work_.Make(name));
-		} else {
-			source_.reader.UnpackNextTo(path, info, work_.Path(), name, earlier);
+const Link& LinkTo(const VersionSource& source, int version, int last_withdrawal, const Links& links) {
+	std::string withdrawn;
+	if (const auto candidates = links.find(version); version > 0 && candidates != links.end()) {
+		const auto above = candidates->second.upper_bound(last_withdrawal);
+		if (above != candidates->second.begin()) {
+			return *std::prev(above);
 		}
-		tree_.version.published = PublishedTime(CheckedMetadata(path));
-		if (tree_.version.diffs > 0) {
-			Follow(work_ / name);
+		withdrawn = ": version " + std::to_string(above->first) + " has withdrawn it";
+	}
+	throw PublishError("neither " + source.repository.PackagePath(source.id, version) + " nor " +
+	                   source.repository.DiffPath(source.id, version) + " is there" + withdrawn);
+}
+
+/**
+ * The diff packages from the nearest full package below. An empty one leads on only as far as the withdrawal that made
+ * it: to a version before that, or to a package of the chain that it replaced, it does not lead.
+ */
+std::vector<DiffStep> StepsTo(const VersionSource& source, int version) {
+	const Links links = LinksOf(source);
+	std::vector<DiffStep> steps;
+	int last_withdrawal = version;
+	for (int at = version; !fs::exists(source.repository.KeptPackagePath(source.id, at)); --at) {
+		const auto& [withdrawal, path] = LinkTo(source, at, last_withdrawal, links);
+		steps.push_back({at, path});
+		if (withdrawal == 0) {
+			last_withdrawal = at;
 		}
-		return std::move(tree_);
 	}
+	std::reverse(steps.begin(), steps.end());
+	return steps;
+}
 
-private:
-	/**
-	 * The diff packages from the nearest full package below. An empty one leads on only as far as the withdrawal that
-	 * made it: to a version before that, or to a package of the chain that it replaced, it does not lead.
-	 */
-	std::vector<DiffStep> StepsTo(int version) const {
-		const Links links = LinksOf(source_);
-		std::vector<DiffStep> steps;
-		int last_withdrawal = version;
-		for (int at = version; !fs::exists(source_.repository.KeptPackagePath(source_.id, at)); --at) {
-			const auto& [withdrawal, path] = LinkTo(at, last_withdrawal, links);
-			steps.push_back({at, path});
-			if (withdrawal == 0) {
-				last_withdrawal = at;
-			}
-		}
-		std::reverse(steps.begin(), steps.end());
-		return steps;
+VersionTree Make(const VersionSource& source, int version, const WorkDirectory& work, const std::string& name,
+    const std::string& earlier) {
+	const std::vector<DiffStep> steps = StepsTo(source, version);
+	const int diffs = static_cast<int>(steps.size());
+	const int full = version - diffs;
+	const std::string path = source.repository.KeptPackagePath(source.id, full);
+	const PackageInfo info = {source.id, "", full};
+	if (diffs > 0 || earlier.empty()) {
+		source.reader.Unpack(path, info, work.Make(name));
+	} else {
+		source.reader.UnpackNextTo(path, info, work.Path(), name, earlier);
 	}
-
-	const Link& LinkTo(int version, int last_withdrawal, const Links& links) const {
-		std::string withdrawn;
-		if (const auto candidates = links.find(version); version > 0 && candidates != links.end()) {
-			const auto above = candidates->second.upper_bound(last_withdrawal);
-			if (above != candidates->second.begin()) {
-				return *std::prev(above);
-			}
-			withdrawn = ": version " + std::to_string(above->first) + " has withdrawn it";
-		}
-		throw PublishError("neither " + source_.repository.PackagePath(source_.id, version) + " nor " +
-		                   source_.repository.DiffPath(source_.id, version) + " is there" + withdrawn);
+	Json::Value metadata = CheckedMetadata(path);
+	VersionTree tree;
+	if (diffs > 0) {
+		ApplyDiffs(source.reader, source.id, steps, work / name, work);
+		metadata = CheckedMetadata(steps.back().path);
+		tree.scripted = ChainState::FromMetadata(metadata).Scripted();
 	}
-
-	void Follow(const std::string& installed) {
-		ApplyDiffs(source_.reader, source_.id, steps_, installed, work_);
-		const Json::Value metadata = CheckedMetadata(steps_.back().path);
-		tree_.version.published = PublishedTime(metadata);
-		tree_.scripted = ChainState::FromMetadata(metadata).Scripted();
-	}
-
-	const VersionSource& source_;
-	const WorkDirectory& work_;
-	std::vector<DiffStep> steps_;
-	VersionTree tree_;
-};
+	tree.version = {version, full, diffs, PublishedTime(metadata)};
+	return tree;
+}
 
 } // namespace
 
 VersionTree MakeVersionTree(const VersionSource& source, int version, const WorkDirectory& work,
     const std::string& name, const std::string& earlier) {
 	try {
-		return VersionMaker(source, version, work).Make(name, earlier);
+		return Make(source, version, work, name, earlier);
 	} catch (const std::exception& error) {
 		throw PublishError("Version " + std::to_string(version) + " of " + source.id +
 		                   " cannot be made from the packages that are kept: " + WithoutEnd(error.what()) + ".");

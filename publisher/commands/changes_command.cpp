@@ -1,17 +1,21 @@
-#include "publisher/commands/changes_command.h"
-
+#include "publisher/changes/changes.h"
+#include "publisher/commands/command_line.h"
 #include "publisher/commands/common_options.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/repository/document.h"
 
-#include <CLI/CLI.hpp>
-
 #include <optional>
-#include <string>
 
 namespace tarn::publisher {
 
 namespace {
+
+struct Options : ChangesOptions {
+	std::optional<std::string> from_word;
+	std::optional<std::string> to_word;
+	std::size_t most_files = 100; // that are listed in text
+	bool json = false;
+};
 
 /** A version: digits alone; no value for a word that was not given. */
 std::optional<int> TakeVersion(const std::string& name, const std::optional<std::string>& word) {
@@ -34,37 +38,40 @@ CLI::callback_t TakeCount(const std::string& name, std::size_t& count) {
 	};
 }
 
-} // namespace
-
-void AddChangesCommand(CLI::App& app, ChangesCommand& command) {
-	ChangesOptions& options = command.options;
-	CLI::App* changes = app.add_subcommand("changes", "Show what a release changes: files, and rows of SQLite files");
-	AddId(*changes, options.id);
-	changes->add_option("FROM", command.from, "Version before; by default the one before TO");
-	changes->add_option("TO", command.to, "Version after; by default the newest of the document");
-	// The value of an unknown option seems to be a version, so options are judged first.
-	changes->final_callback([&command] {
-		command.options.from = TakeVersion("FROM", command.from);
-		command.options.to = TakeVersion("TO", command.to);
-	});
-	AddRepository(*changes, options.repository);
-	AddPublicKeys(*changes, options.keys).allow_extra_args(false);
-	AddDocument(*changes, options.db_version);
-	changes
-	    ->add_option(
-	        "--examples", TakeCount("--examples", options.examples), "Rows to show of each table and operation")
-	    ->default_str("3");
-	changes->add_option("--limit", TakeCount("--limit", command.most_files), "Files to list in text")
-	    ->default_str("100");
-	AddJson(*changes, command.json);
+int RunChanges(const Options& given, const Streams& streams) {
+	ChangesOptions options = given;
+	// The value of an unknown option seems to be a version, so the parser has judged the options before.
+	options.from = TakeVersion("FROM", given.from_word);
+	options.to = TakeVersion("TO", given.to_word);
+	Changes changes;
+	WithProgress(streams, [&](const PublishObserver& observer) { changes = FindChanges(options, observer); });
+	if (given.json) {
+		PrintChangesJson(changes, streams.out);
+	} else {
+		PrintChangesText(changes, given.most_files, streams.out);
+	}
+	return kDone;
 }
 
-void PrintChanges(const ChangesCommand& command, const Changes& changes, std::ostream& out) {
-	if (command.json) {
-		PrintChangesJson(changes, out);
-	} else {
-		PrintChangesText(changes, command.most_files, out);
-	}
+} // namespace
+
+void AddChangesCommand(CLI::App& app, Command& given) {
+	const auto options = std::make_shared<Options>();
+	CLI::App* changes = app.add_subcommand("changes", "Show what a release changes: files, and rows of SQLite files");
+	AddId(*changes, options->id);
+	changes->add_option("FROM", options->from_word, "Version before; by default the one before TO");
+	changes->add_option("TO", options->to_word, "Version after; by default the newest of the document");
+	AddRepository(*changes, options->repository);
+	AddPublicKeys(*changes, options->keys).allow_extra_args(false);
+	AddDocument(*changes, options->db_version);
+	changes
+	    ->add_option(
+	        "--examples", TakeCount("--examples", options->examples), "Rows to show of each table and operation")
+	    ->default_str("3");
+	changes->add_option("--limit", TakeCount("--limit", options->most_files), "Files to list in text")
+	    ->default_str("100");
+	AddJson(*changes, options->json);
+	OnGiven(*changes, given, options, RunChanges);
 }
 
 } // namespace tarn::publisher

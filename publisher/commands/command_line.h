@@ -1,4 +1,4 @@
-/** @file The publisher's commands, options and exit codes. */
+/** @file The publisher's two programs and their exit codes. */
 #ifndef PUBLISHER_COMMANDS_COMMAND_LINE_H
 #define PUBLISHER_COMMANDS_COMMAND_LINE_H
 
@@ -12,7 +12,7 @@ enum ExitCode : int {
 	kDone = 0,
 	kFailed = 1,
 	kUsage = 2,
-	kBroken = 3, ///< of check-repo: devices fail, or take the long way
+	kBroken = 3, ///< of check-repo and the mirror: devices fail, or take the long way
 	kUntidy = 4  ///< of check-repo: something lies around
 };
 
@@ -26,6 +26,10 @@ enum ExitCode : int {
  * @return an ExitCode
  */
 [[nodiscard]] int RunCommandLine(
+    const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal);
+
+/** The same for the program that carries a repository to a store. */
+[[nodiscard]] int RunMirrorCommand(
     const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal);
 
 } // namespace tarn::publisher

@@ -1,8 +1,12 @@
 #include "publisher/commands/common_options.h"
 
-#include <CLI/CLI.hpp>
-
 namespace tarn::publisher {
+
+namespace {
+
+constexpr char kOldKeyHelp[] = "Public key that signed earlier packages; may be repeated";
+
+} // namespace
 
 void AddId(CLI::App& command, std::string& id) {
 	command.add_option("ID", id, "The database's id")->required();
@@ -27,7 +31,8 @@ CLI::Option& AddPublicKeys(CLI::App& command, std::vector<std::string>& files) {
 }
 
 void AddOldKeys(CLI::App& command, std::vector<std::string>& files) {
-	command.add_option("--old-key", files, "Public key that signed earlier packages; may be repeated");
+	const auto add = [&files](const auto& more) { files.insert(files.end(), more.begin(), more.end()); };
+	command.add_option_function<std::vector<std::string>>("--old-key", add, kOldKeyHelp);
 }
 
 void AddJson(CLI::App& command, bool& json) {

@@ -1,16 +1,23 @@
-/** @file The options that several commands take, each with one name and one sentence of help. */
+/** @file What several commands take and do: options with one name and one sentence of help each, and running. */
 #ifndef PUBLISHER_COMMANDS_COMMON_OPTIONS_H
 #define PUBLISHER_COMMANDS_COMMON_OPTIONS_H
 
+#include "publisher/commands/commands.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-class Option;
-} // namespace CLI
-
 namespace tarn::publisher {
+
+/** Sets the function that runs on the options when the command is given. */
+template<typename Options>
+void OnGiven(CLI::App& command, Command& given, const std::shared_ptr<Options>& options,
+    int (*run)(const Options&, const Streams&)) {
+	command.final_callback([=, &given] { given = [=](const Streams& streams) { return run(*options, streams); }; });
+}
 
 /** The database that a command is about; must be given. */
 void AddId(CLI::App& command, std::string& id);
@@ -22,6 +29,7 @@ void AddNotedUrl(CLI::App& command, std::string& url);
 void AddDocument(CLI::App& command, std::string& db_version);
 /** The keys one of which signed the packages; must be given. */
 CLI::Option& AddPublicKeys(CLI::App& command, std::vector<std::string>& files);
+/** Adds the keys to those that an option before it may have set. */
 void AddOldKeys(CLI::App& command, std::vector<std::string>& files);
 void AddJson(CLI::App& command, bool& json);
 

@@ -1,20 +1,24 @@
-#include "publisher/commands/key_commands.h"
-
 #include "archive/signing_key.h"
+#include "publisher/commands/command_line.h"
 #include "publisher/commands/common_options.h"
 #include "publisher/common/json_text.h"
 #include "publisher/packages/package.h"
-
-#include <CLI/CLI.hpp>
-#include <json/json.h>
 
 namespace tarn::publisher {
 
 namespace {
 
-void RunKeygen(const std::string& prefix, std::ostream& out) {
-	const std::string fingerprint = archive::GenerateKeyFiles(prefix);
-	out << "Wrote " << prefix << ".key (keep it secret) and " << prefix << ".pub (" << fingerprint << ").\n";
+struct Options {
+	std::string prefix;
+	std::vector<std::string> public_keys;
+	bool json = false;
+};
+
+int RunKeygen(const Options& options, const Streams& streams) {
+	const std::string fingerprint = archive::GenerateKeyFiles(options.prefix);
+	streams.out << "Wrote " << options.prefix << ".key (keep it secret) and " << options.prefix << ".pub ("
+	            << fingerprint << ").\n";
+	return kDone;
 }
 
 void PrintFingerprintsJson(const std::vector<archive::TrustedKey>& keys, std::ostream& out) {
@@ -28,37 +32,29 @@ void PrintFingerprintsJson(const std::vector<archive::TrustedKey>& keys, std::os
 	out << JsonText(list, "\t") << "\n";
 }
 
-void RunFingerprint(const KeyCommandOptions& options, std::ostream& out) {
+int RunFingerprint(const Options& options, const Streams& streams) {
 	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(options.public_keys);
 	if (options.json) {
-		PrintFingerprintsJson(keys, out);
-		return;
+		PrintFingerprintsJson(keys, streams.out);
+		return kDone;
 	}
 	for (const archive::TrustedKey& trusted : keys) {
-		out << trusted.key.Fingerprint() << "  " << trusted.name << "\n";
+		streams.out << trusted.key.Fingerprint() << "  " << trusted.name << "\n";
 	}
+	return kDone;
 }
 
 } // namespace
 
-void AddKeyCommands(CLI::App& app, KeyCommandOptions& options) {
+void AddKeyCommands(CLI::App& app, Command& given) {
+	const auto options = std::make_shared<Options>();
 	CLI::App* keygen = app.add_subcommand("keygen", "Make a key pair: PREFIX.key signs, PREFIX.pub goes to devices");
-	keygen->add_option("PREFIX", options.prefix, "Path of the two files without their endings")->required();
+	keygen->add_option("PREFIX", options->prefix, "Path of the two files without their endings")->required();
+	OnGiven(*keygen, given, options, RunKeygen);
 	CLI::App* fingerprint = app.add_subcommand("fingerprint", "Print the fingerprints of public keys, to be compared");
-	fingerprint->add_option("FILE", options.public_keys, "Public keys")->required();
-	AddJson(*fingerprint, options.json);
-}
-
-bool RunKeyCommand(const CLI::App& app, const KeyCommandOptions& options, std::ostream& out) {
-	if (app.got_subcommand("keygen")) {
-		RunKeygen(options.prefix, out);
-		return true;
-	}
-	if (app.got_subcommand("fingerprint")) {
-		RunFingerprint(options, out);
-		return true;
-	}
-	return false;
+	fingerprint->add_option("FILE", options->public_keys, "Public keys")->required();
+	AddJson(*fingerprint, options->json);
+	OnGiven(*fingerprint, given, options, RunFingerprint);
 }
 
 } // namespace tarn::publisher

@@ -1,17 +1,8 @@
-#include "publisher/commands/mirror_command.h"
-
 #include "base/text.h"
 #include "publisher/commands/command_line.h"
-#include "publisher/commands/progress_line.h"
+#include "publisher/commands/common_options.h"
 #include "publisher/common/json_text.h"
-#include "publisher/common/publish_error.h"
 #include "publisher/mirror/mirror.h"
-#include "publisher/mirror/mirror_snapshot.h"
-
-#include <CLI/CLI.hpp>
-#include <json/json.h>
-
-#include <exception>
 
 namespace tarn::publisher {
 
@@ -25,13 +16,11 @@ constexpr char kMirrorHelp[] =
     "devices, so nothing was offered. In all cases each document at the store names packages that are there;\n"
     "--compare looks at their content.";
 
-struct Command {
-	MirrorOptions options;
+struct Options : MirrorOptions {
 	bool json = false;
 };
 
-void Declare(CLI::App& app, Command& command) {
-	MirrorOptions& options = command.options;
+void Declare(CLI::App& app, Options& options) {
 	app.set_version_flag("--version", std::string("tarndbudpub-mirror ") + TARNDBUDPUB_VERSION);
 	app.footer(kMirrorHelp);
 	app.add_option("STORE", options.store, "Where to, as rclone names it: NAME:BUCKET or NAME:BUCKET/PATH")->required();
@@ -40,7 +29,7 @@ void Declare(CLI::App& app, Command& command) {
 	app.add_flag("--force", options.force, "Go on although the store offers what the repository lacks");
 	app.add_flag("--compare", options.compares, "Read every package at the store, and carry those again that differ");
 	app.add_flag("--dry-run", options.dry_run, "Change nothing; say what would be done");
-	app.add_flag("--json", command.json, "Print JSON");
+	AddJson(app, options.json);
 }
 
 Json::Value NamesJson(const std::vector<std::string>& names) {
@@ -83,51 +72,31 @@ void PrintText(const MirrorOptions& options, const MirrorResult& result, std::os
 	    << result.unchanged_packages << ", documents " << result.unchanged_documents << ".\n";
 }
 
-int Run(const Command& command, const Streams& streams) {
+int Run(const Options& options, const Streams& streams) {
 	MirrorResult result;
-	{
-		ProgressLine line(streams.err, streams.terminal);
-		PublishObserver observer = ObserverOf(line, streams);
+	WithProgress(streams, [&](PublishObserver observer) {
 		observer.waiting = [&] {
 			streams.err << "Waiting for another tarndbudpub-mirror of this repository.\n" << std::flush;
 		};
-		result = Mirror(command.options, observer);
-	}
-	if (command.json) {
-		PrintJson(command.options, result, streams.out);
-	} else {
-		PrintText(command.options, result, streams.out);
-	}
-	if (!streams.out.flush()) {
-		throw PublishError("The result could not be printed.");
-	}
+		result = Mirror(options, observer);
+	});
+	(options.json ? PrintJson : PrintText)(options, result, streams.out);
 	return kDone;
-}
-
-int CodeOf(const std::exception& error) {
-	if (dynamic_cast<const UsageError*>(&error) != nullptr) {
-		return kUsage;
-	}
-	return dynamic_cast<const BrokenRepository*>(&error) != nullptr ? kBroken : kFailed;
 }
 
 } // namespace
 
 int RunMirrorCommand(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err, bool terminal) {
-	Command command;
+	Options options;
 	CLI::App app("Carries a repository to object storage or another store that rclone knows", "tarndbudpub-mirror");
-	Declare(app, command);
+	Declare(app, options);
 	try {
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
 	} catch (const CLI::ParseError& error) {
 		return app.exit(error, out, err) == 0 ? kDone : kUsage;
 	}
-	try {
-		return Run(command, {out, err, terminal});
-	} catch (const std::exception& error) {
-		err << "tarndbudpub-mirror: " << error.what() << "\n";
-		return CodeOf(error);
-	}
+	const auto run = [&](const Streams& streams) { return Run(options, streams); };
+	return RunReporting("tarndbudpub-mirror", run, {out, err, terminal});
 }
 
 } // namespace tarn::publisher

@@ -1,5 +1,4 @@
 #include "publisher/commands/command_line.h"
-#include "publisher/commands/mirror_command.h"
 
 #include <unistd.h>
 

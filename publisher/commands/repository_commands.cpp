@@ -1,28 +1,32 @@
-#include "publisher/commands/repository_commands.h"
-
 #include "base/text.h"
+#include "publisher/changes/changes.h"
 #include "publisher/commands/command_line.h"
 #include "publisher/commands/common_options.h"
 #include "publisher/common/json_text.h"
-
-#include <CLI/CLI.hpp>
-#include <json/json.h>
+#include "publisher/releases/channels.h"
+#include "publisher/releases/check_repository.h"
+#include "publisher/releases/prune.h"
+#include "publisher/releases/rollout.h"
 
 namespace tarn::publisher {
 
 namespace {
 
-constexpr char kCheckHelp[] = "Exit status: 0 all right, 1 not checked, 2 wrong usage, 3 broken for devices, 4 untidy.";
+struct Options {
+	PromoteOptions promote;
+	RolloutOptions rollout;
+	PruneOptions prune;
+	RepositoryCheckOptions check;
+	bool json = false;
+};
 
-std::string Counted(std::uint64_t count, const std::string& what) {
-	return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
+constexpr char kCheckHelp[] = "Exit status: 0 all right, 1 not checked, 2 wrong usage, 3 broken for devices, 4 untidy.";
 
 void PrintJson(const Json::Value& value, std::ostream& out) {
 	out << JsonText(value, "\t") << "\n";
 }
 
-void AddPromote(CLI::App& app, RepositoryCommandOptions& options) {
+CLI::App& AddPromote(CLI::App& app, Options& options) {
 	PromoteOptions& promote = options.promote;
 	CLI::App* command = app.add_subcommand("promote", "Offer the version of one channel in another one");
 	AddId(*command, promote.id);
@@ -30,11 +34,12 @@ void AddPromote(CLI::App& app, RepositoryCommandOptions& options) {
 	command->add_option("--from", promote.from, "Channel that has the version: the name of its document")->required();
 	command->add_option("--to", promote.to, "Channel that gets the version")->capture_default_str();
 	AddPublicKeys(*command, promote.keys);
-	AddOldKeys(*command, options.old_keys);
+	AddOldKeys(*command, promote.keys);
 	AddJson(*command, options.json);
+	return *command;
 }
 
-void AddRollout(CLI::App& app, RepositoryCommandOptions& options) {
+CLI::App& AddRollout(CLI::App& app, Options& options) {
 	RolloutOptions& rollout = options.rollout;
 	CLI::App* command = app.add_subcommand("rollout", "Give a channel to a share of the devices, by nginx");
 	command->add_option("CHANNEL", rollout.channel, "Channel for the share: the name of its document")->required();
@@ -43,25 +48,28 @@ void AddRollout(CLI::App& app, RepositoryCommandOptions& options) {
 	command->add_option("--document", rollout.document, "Document that the devices ask for")->capture_default_str();
 	command->add_option("--repo", rollout.repository, "Repository in which the channel must lack nothing");
 	AddJson(*command, options.json);
+	return *command;
 }
 
-void AddPrune(CLI::App& app, RepositoryCommandOptions& options) {
+CLI::App& AddPrune(CLI::App& app, Options& options) {
 	CLI::App* command = app.add_subcommand("prune", "Remove packages that no device and no publication needs");
 	command->add_option("ID", options.prune.ids, "Databases; by default all");
 	AddRepository(*command, options.prune.repository);
 	command->add_flag("--dry-run", options.prune.dry_run, "Remove nothing; say what would be removed");
 	AddJson(*command, options.json);
+	return *command;
 }
 
-void AddCheck(CLI::App& app, RepositoryCommandOptions& options) {
+CLI::App& AddCheck(CLI::App& app, Options& options) {
 	CLI::App* command = app.add_subcommand("check-repo", "Check that documents and packages fit; for monitors");
 	AddRepository(*command, options.check.repository);
 	command->add_option("--key", options.check.keys, "Public key that signed packages; may be repeated");
-	AddOldKeys(*command, options.old_keys);
+	AddOldKeys(*command, options.check.keys);
 	command->add_option("--document", options.check.documents, "Document that must be there; may be repeated")
 	    ->capture_default_str();
 	AddJson(*command, options.json);
 	command->footer(kCheckHelp);
+	return *command;
 }
 
 void PrintPromoted(const PromoteOptions& options, const PromoteResult& result, std::ostream& out) {
@@ -89,18 +97,13 @@ Json::Value PromotedJson(const PromoteOptions& options, const PromoteResult& res
 	return value;
 }
 
-int RunPromote(const RepositoryCommandOptions& options, const Streams& streams) {
-	PromoteOptions promote = options.promote;
-	promote.keys.insert(promote.keys.end(), options.old_keys.begin(), options.old_keys.end());
+int RunPromote(const Options& options, const Streams& streams) {
 	PromoteResult result;
-	{
-		ProgressLine line(streams.err, streams.terminal);
-		result = Promote(promote, ObserverOf(line, streams));
-	}
+	WithProgress(streams, [&](const PublishObserver& observer) { result = Promote(options.promote, observer); });
 	if (options.json) {
-		PrintJson(PromotedJson(promote, result), streams.out);
+		PrintJson(PromotedJson(options.promote, result), streams.out);
 	} else {
-		PrintPromoted(promote, result, streams.out);
+		PrintPromoted(options.promote, result, streams.out);
 	}
 	return kDone;
 }
@@ -112,7 +115,7 @@ std::string UncheckedText(const RolloutOptions& options, Share share) {
 	                                               : "";
 }
 
-int RunRollout(const RepositoryCommandOptions& options, const Streams& streams) {
+int RunRollout(const Options& options, const Streams& streams) {
 	const RolloutOptions& rollout = options.rollout;
 	const Share share = Rollout(rollout);
 	if (options.json) {
@@ -145,12 +148,9 @@ Json::Value PrunedJson(const PruneOptions& options, const PruneResult& result) {
 	return value;
 }
 
-int RunPrune(const RepositoryCommandOptions& options, const Streams& streams) {
+int RunPrune(const Options& options, const Streams& streams) {
 	PruneResult result;
-	{
-		ProgressLine line(streams.err, streams.terminal);
-		result = Prune(options.prune, ObserverOf(line, streams));
-	}
+	WithProgress(streams, [&](const PublishObserver& observer) { result = Prune(options.prune, observer); });
 	if (options.json) {
 		PrintJson(PrunedJson(options.prune, result), streams.out);
 		return kDone;
@@ -211,43 +211,25 @@ void PrintChecked(const RepositoryCheckOptions& options, const CheckResult& resu
 	}
 }
 
-int RunCheck(const RepositoryCommandOptions& options, const Streams& streams) {
-	RepositoryCheckOptions check = options.check;
-	check.keys.insert(check.keys.end(), options.old_keys.begin(), options.old_keys.end());
+int RunCheck(const Options& options, const Streams& streams) {
 	CheckResult result;
-	{
-		ProgressLine line(streams.err, streams.terminal);
-		result = CheckRepository(check, ObserverOf(line, streams));
-	}
+	WithProgress(streams, [&](const PublishObserver& observer) { result = CheckRepository(options.check, observer); });
 	if (options.json) {
-		PrintJson(CheckedJson(check, result), streams.out);
+		PrintJson(CheckedJson(options.check, result), streams.out);
 	} else {
-		PrintChecked(check, result, streams.out);
+		PrintChecked(options.check, result, streams.out);
 	}
 	return result.broken > 0 ? kBroken : result.untidy > 0 ? kUntidy : kDone;
 }
 
 } // namespace
 
-void AddRepositoryCommands(CLI::App& app, RepositoryCommandOptions& options) {
-	AddPromote(app, options);
-	AddRollout(app, options);
-	AddPrune(app, options);
-	AddCheck(app, options);
-}
-
-std::optional<int> RunRepositoryCommand(
-    const CLI::App& app, const RepositoryCommandOptions& options, const Streams& streams) {
-	if (app.got_subcommand("promote")) {
-		return RunPromote(options, streams);
-	}
-	if (app.got_subcommand("rollout")) {
-		return RunRollout(options, streams);
-	}
-	if (app.got_subcommand("prune")) {
-		return RunPrune(options, streams);
-	}
-	return app.got_subcommand("check-repo") ? std::optional(RunCheck(options, streams)) : std::nullopt;
+void AddRepositoryCommands(CLI::App& app, Command& given) {
+	const auto options = std::make_shared<Options>();
+	OnGiven(AddPromote(app, *options), given, options, RunPromote);
+	OnGiven(AddRollout(app, *options), given, options, RunRollout);
+	OnGiven(AddPrune(app, *options), given, options, RunPrune);
+	OnGiven(AddCheck(app, *options), given, options, RunCheck);
 }
 
 } // namespace tarn::publisher

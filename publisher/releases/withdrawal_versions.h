@@ -3,7 +3,7 @@
 #define PUBLISHER_RELEASES_WITHDRAWAL_VERSIONS_H
 
 #include "publisher/diff/diff_chain.h"
-#include "publisher/packages/apply_diffs.h"
+#include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
 #include "publisher/repository/repository.h"
 

@@ -1,7 +1,7 @@
 #include "publisher/site/changes_view.h"
 
 #include "base/text.h"
-#include "publisher/changes/change_words.h"
+#include "publisher/changes/changes.h"
 #include "publisher/site/markup.h"
 #include "publisher/site/page.h"
 

@@ -1,5 +1,5 @@
 #include "base/text.h"
-#include "publisher/changes/change_words.h"
+#include "publisher/changes/changes.h"
 #include "publisher/site/page.h"
 #include "publisher/site/pages.h"
 

@@ -1,4 +1,4 @@
-#include "publisher/commands/mirror_command.h"
+#include "publisher/commands/command_line.h"
 #include "publisher/common/files.h"
 #include "publisher/mirror/mirror_snapshot.h"
 #include "publisher/mirror/store.h"

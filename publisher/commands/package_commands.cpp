@@ -1,37 +1,42 @@
-#include "publisher/commands/inspect.h"
-
 #include "archive/extractor.h"
 #include "base/error.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "publisher/changes/changes.h"
+#include "publisher/commands/command_line.h"
+#include "publisher/commands/common_options.h"
 #include "publisher/commands/diff_table.h"
 #include "publisher/common/json_text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
 
-#include <json/json.h>
-
 #include <fcntl.h>
 
 #include <array>
-#include <ctime>
 #include <filesystem>
 #include <iomanip>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <system_error>
 
 namespace tarn::publisher {
 
 namespace {
 
+struct Options {
+	std::string package;
+	std::vector<std::string> public_keys;
+	std::string directory;
+	bool json = false;
+};
+
 /** Runs a function on a package; what it throws becomes a sentence with the package's name. */
 template<typename Function>
-auto NamingPackage(const std::string& package, const Function& function) {
+int OnPackage(const std::string& package, const Function& function) {
 	try {
-		return function();
+		function(archive::ArchiveFile(package));
+		return kDone;
 	} catch (const Error& error) {
 		throw PublishError("The package " + package + " " + error.what() + ".");
 	}
@@ -83,8 +88,8 @@ std::string CodecsText(const archive::ArchiveFile& archive) {
 	std::string text;
 	for (const auto& [codec, packed] : PackedByCodec(archive)) {
 		text += (text.empty() ? "" : "; ") + std::string(archive::CodecName(codec)) + " " +
-		        std::to_string(packed.frames) + (packed.frames == 1 ? " frame, " : " frames, ") +
-		        std::to_string(packed.packed) + " of " + std::to_string(packed.unpacked) + " bytes";
+		        Counted(packed.frames, "frame") + ", " + std::to_string(packed.packed) + " of " +
+		        std::to_string(packed.unpacked) + " bytes";
 	}
 	return text;
 }
@@ -103,32 +108,28 @@ Json::Value HeadJson(const std::string& package, const archive::ArchiveFile& arc
 	return value;
 }
 
+/** A member of the metadata; null when there is none. */
+Json::Value MemberOf(const archive::ArchiveFile& archive, const char* key) {
+	const Json::Value metadata = ReadMetadata(archive);
+	return metadata.isObject() ? metadata[key] : Json::Value();
+}
+
 /** What a diff package describes; no value for a full package, which has no description. */
 std::optional<DiffPackage> DiffOf(const archive::ArchiveFile& archive) {
-	const Json::Value metadata = ReadMetadata(archive);
-	const bool is_diff = metadata.isObject() && metadata["kind"] == kDiffKind;
-	return is_diff ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
+	return MemberOf(archive, "kind") == kDiffKind ? std::optional(ReadDiffPackage(archive)) : std::nullopt;
 }
 
 /** "2026-11-21 16:52:41 UTC", or "unknown" when the package does not say. */
 std::string PublishedAt(const archive::ArchiveFile& archive) {
-	const Json::Value metadata = ReadMetadata(archive);
-	const Json::Value published = metadata.isObject() ? metadata["published"] : Json::Value();
-	struct tm time {};
-	const std::time_t seconds = published.isInt64() ? published.asInt64() : -1;
-	if (seconds < 0 || gmtime_r(&seconds, &time) == nullptr) {
-		return "unknown";
-	}
-	std::ostringstream text;
-	text << std::put_time(&time, "%Y-%m-%d %H:%M:%S UTC");
-	return text.str();
+	const Json::Value published = MemberOf(archive, "published");
+	const std::string text = TimeText(published.isInt64() ? published.asInt64() : -1);
+	return text.empty() ? "unknown" : text;
 }
 
 /** A line with what the publisher says about the version; empty when it says nothing. */
 std::string NotesLine(const archive::ArchiveFile& archive) {
-	const Json::Value metadata = ReadMetadata(archive);
-	const bool has_notes = metadata.isObject() && metadata[kNotesKey].isString();
-	return has_notes ? "notes          " + Printable(metadata[kNotesKey].asString()) + "\n" : "";
+	const Json::Value notes = MemberOf(archive, kNotesKey);
+	return notes.isString() ? "notes          " + Printable(notes.asString()) + "\n" : "";
 }
 
 void PrintJson(const std::string& package, const archive::ArchiveFile& archive, std::ostream& out) {
@@ -185,39 +186,56 @@ void PrintTable(const std::string& package, const archive::ArchiveFile& archive,
 	}
 }
 
-} // namespace
-
-std::string VerifyPackage(const std::string& package, const std::vector<std::string>& key_files) {
-	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(key_files);
-	return NamingPackage(package, [&] {
-		const archive::ArchiveFile archive(package);
+int RunVerify(const Options& options, const Streams& streams) {
+	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(options.public_keys);
+	return OnPackage(options.package, [&](const archive::ArchiveFile& archive) {
 		const archive::TrustedKey& signer = keys[archive.Check(keys, archive::kDataUpdateKeyType)];
-		return package + " is whole and signed by " + signer.name + " (" + signer.key.Fingerprint() + ").";
+		streams.out << options.package << " is whole and signed by " << signer.name << " (" << signer.key.Fingerprint()
+		            << ").\n";
 	});
 }
 
-std::string UnpackPackage(
-    const std::string& package, const std::vector<std::string>& key_files, const std::string& directory) {
-	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(key_files);
-	return NamingPackage(package, [&] {
-		const archive::ArchiveFile archive(package);
+int RunExtract(const Options& options, const Streams& streams) {
+	const std::vector<archive::TrustedKey> keys = LoadPublicKeys(options.public_keys);
+	return OnPackage(options.package, [&](const archive::ArchiveFile& archive) {
 		archive.Check(keys, archive::kDataUpdateKeyType);
 		std::error_code ignored; // What keeps the directory from being made keeps it from being opened.
-		std::filesystem::create_directory(directory, ignored);
-		const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+		std::filesystem::create_directory(options.directory, ignored);
+		const UniqueFd fd(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		if (!fd) {
-			ThrowErrno("cannot be unpacked into " + directory);
+			ThrowErrno("cannot be unpacked into " + options.directory);
 		}
 		archive::Extract(archive, fd.Get());
-		return std::to_string(archive.Head().entry_count) + " files of " + package + " are in " + directory + ".";
+		streams.out << archive.Head().entry_count << " files of " << options.package << " are in " << options.directory
+		            << ".\n";
 	});
 }
 
-void InspectPackage(const std::string& package, bool json, std::ostream& out) {
-	NamingPackage(package, [&] {
-		const archive::ArchiveFile archive(package);
-		(json ? PrintJson : PrintTable)(package, archive, out);
+int RunInspect(const Options& options, const Streams& streams) {
+	return OnPackage(options.package, [&](const archive::ArchiveFile& archive) {
+		(options.json ? PrintJson : PrintTable)(options.package, archive, streams.out);
 	});
+}
+
+} // namespace
+
+void AddPackageCommands(CLI::App& app, Command& given) {
+	const auto options = std::make_shared<Options>();
+	CLI::App* verify = app.add_subcommand("verify", "Check a package's signature and content");
+	CLI::App* extract = app.add_subcommand("extract", "Check a package and unpack its files");
+	CLI::App* inspect = app.add_subcommand("inspect", "Show what a package says about itself; checks no signature");
+	for (CLI::App* command : {verify, extract, inspect}) {
+		command->add_option("PACKAGE", options->package, "Package file")->required();
+	}
+	for (CLI::App* command : {verify, extract}) {
+		command->add_option("--key", options->public_keys, "Public key that may have signed it; may be repeated")
+		    ->required();
+	}
+	extract->add_option("DIRECTORY", options->directory, "Directory for the files; made if missing")->required();
+	AddJson(*inspect, options->json);
+	OnGiven(*verify, given, options, RunVerify);
+	OnGiven(*extract, given, options, RunExtract);
+	OnGiven(*inspect, given, options, RunInspect);
 }
 
 } // namespace tarn::publisher
