@@ -1,9 +1,7 @@
 #include "publisher/site/catalogue.h"
 
 #include "archive/file.h"
-#include "base/error.h"
 #include "base/file_io.h"
-#include "base/text.h"
 #include "publisher/common/json_text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/diff_package.h"

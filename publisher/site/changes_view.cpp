@@ -1,9 +1,6 @@
-#include "publisher/site/changes_view.h"
-
 #include "base/text.h"
-#include "publisher/changes/changes.h"
-#include "publisher/site/markup.h"
 #include "publisher/site/page.h"
+#include "publisher/site/pages.h"
 
 namespace tarn::publisher::site {
 

@@ -5,6 +5,7 @@
 #include "publisher/site/plot.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace tarn::publisher::site {
 
@@ -96,10 +97,7 @@ Series DownloadsOf(const Offer& offer, const std::optional<std::uint64_t>& full,
 }
 
 std::string DownloadText(const Offer& offer, const std::optional<std::uint64_t>& full) {
-	std::uint64_t sum = 0;
-	for (const std::uint64_t bytes : offer.chain) {
-		sum += bytes;
-	}
+	const std::uint64_t sum = std::accumulate(offer.chain.begin(), offer.chain.end(), std::uint64_t{0});
 	std::string text = "Channel " + offer.channel + ", version " + std::to_string(offer.entry.data_version) + ": ";
 	if (offer.chain.empty() && full) {
 		return text + "all devices take the full package of " + HumanSize(*full) + ".";

@@ -1,4 +1,3 @@
-#include "base/text.h"
 #include "publisher/site/page.h"
 #include "publisher/site/pages.h"
 

@@ -1,15 +1,12 @@
 #include "publisher/site/kept_changes.h"
 
 #include "archive/file.h"
-#include "base/error.h"
 #include "base/file_io.h"
 #include "base/sha2.h"
-#include "base/text.h"
-#include "publisher/changes/changes.h"
 #include "publisher/common/files.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/site/changes_view.h"
 #include "publisher/site/markup.h"
+#include "publisher/site/pages.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -26,20 +23,16 @@ namespace fs = std::filesystem;
 /** As much as a page lists: files, tables and examples together. */
 constexpr std::size_t kMostListed = 500;
 
-std::string DigestOf(std::string_view bytes) {
-	const Sha256::Digest digest = Sha256::Of(bytes);
-	return Hex(digest.data(), digest.size());
-}
-
 /** What tells a package from any other: its head, its metadata, and the digests of all its frames. */
 std::string IdentityOf(const std::string& path) {
 	const archive::ArchiveFile package(path);
-	std::string identity = archive::EncodeHead(package.Head());
-	identity += package.Metadata();
+	Sha256 identity;
+	identity.Add(archive::EncodeHead(package.Head()));
+	identity.Add(package.Metadata());
 	for (const archive::Frame& frame : package.Frames()) {
-		identity += archive::EncodeFrame(frame);
+		identity.Add(archive::EncodeFrame(frame));
 	}
-	return DigestOf(identity);
+	return identity.FinishHex();
 }
 
 /** The version before another that was not withdrawn; no value when there is none. */
@@ -86,8 +79,13 @@ std::optional<std::string> ReadKept(const std::string& path) {
 
 } // namespace
 
-KeptChanges::KeptChanges(ChangesSource source, const PublishObserver& observer)
-    : source_(std::move(source)), observer_(observer), directory_(source_.repository + "/" + kKeptChangesName) {
+KeptChanges::KeptChanges(const std::string& repository, const std::vector<std::string>& keys, std::size_t examples,
+    const PublishObserver& observer)
+    : observer_(observer), directory_(repository + "/" + kKeptChangesName) {
+	options_.repository = repository;
+	options_.keys = keys;
+	options_.examples = examples;
+	options_.most_listed = kMostListed;
 	MakeServedDirectories(directory_);
 	lock_ = LockFile(directory_ + "/.lock", observer_.waiting);
 	for (const fs::path& path : PathsIn(directory_)) {
@@ -96,9 +94,9 @@ KeptChanges::KeptChanges(ChangesSource source, const PublishObserver& observer)
 		}
 	}
 	constants_ = std::string(TARNDBUDPUB_VERSION) + " " + std::to_string(kChangesViewFormat) + " " +
-	             std::to_string(kMostListed) + " " + std::to_string(source_.examples);
+	             std::to_string(kMostListed) + " " + std::to_string(examples);
 	std::set<std::string> fingerprints;
-	for (const Key& key : ReadKeys(source_.keys)) {
+	for (const Key& key : ReadKeys(keys)) {
 		fingerprints.insert(key.fingerprint);
 	}
 	for (const std::string& fingerprint : fingerprints) {
@@ -107,24 +105,20 @@ KeptChanges::KeptChanges(ChangesSource source, const PublishObserver& observer)
 }
 
 std::string KeptChanges::NameOf(const Database& database, int version, const std::vector<std::string>& packages) const {
-	std::string deciding = constants_;
+	Sha256 deciding;
+	deciding.Add(constants_);
 	for (const std::string& path : packages) {
-		deciding += " " + IdentityOf(path);
+		deciding.Add(" " + IdentityOf(path));
 	}
-	return directory_ + "/" + PathName(database.id) + "/" + std::to_string(version) + "-" + DigestOf(deciding) +
+	return directory_ + "/" + PathName(database.id) + "/" + std::to_string(version) + "-" + deciding.FinishHex() +
 	       ".html";
 }
 
 std::string KeptChanges::Make(const Database& database, int from, int version) {
-	ChangesOptions options;
-	options.repository = source_.repository;
-	options.id = database.id;
-	options.keys = source_.keys;
-	options.from = from;
-	options.to = version;
-	options.examples = source_.examples;
-	options.most_listed = kMostListed;
-	std::string markup = ViewChanges(FindChanges(options, observer_));
+	options_.id = database.id;
+	options_.from = from;
+	options_.to = version;
+	std::string markup = ViewChanges(FindChanges(options_, observer_));
 	++made_;
 	return markup;
 }

@@ -3,6 +3,7 @@
 #define PUBLISHER_SITE_KEPT_CHANGES_H
 
 #include "base/unique_fd.h"
+#include "publisher/changes/changes.h"
 #include "publisher/site/catalogue.h"
 
 #include <cstddef>
@@ -13,12 +14,6 @@
 #include <vector>
 
 namespace tarn::publisher::site {
-
-struct ChangesSource {
-	std::string repository;
-	std::vector<std::string> keys; // files of public keys
-	std::size_t examples = 0;      // of rows
-};
 
 /** Where a repository keeps changes; the name begins with a dot, so nobody serves them. */
 constexpr const char* kKeptChangesName = ".tarndbudpub.changes";
@@ -36,10 +31,14 @@ struct ReleaseChanges {
  */
 class KeptChanges {
 public:
-	/** Holds off other runs that keep changes in this repository; throws PublishError. */
-	KeptChanges(ChangesSource source, const PublishObserver& observer);
-	KeptChanges(const KeptChanges&) = delete;
-	KeptChanges& operator=(const KeptChanges&) = delete;
+	/**
+	 * Holds off other runs that keep changes in this repository; throws PublishError.
+	 *
+	 * @param keys      files of public keys
+	 * @param examples  of rows
+	 */
+	KeptChanges(const std::string& repository, const std::vector<std::string>& keys, std::size_t examples,
+	    const PublishObserver& observer);
 
 	/**
 	 * @return no value for a version with nothing to compare: the first one, a withdrawn one or a withdrawal, and one
@@ -57,7 +56,7 @@ private:
 	std::string NameOf(const Database& database, int version, const std::vector<std::string>& packages) const;
 	std::string Make(const Database& database, int from, int version);
 
-	ChangesSource source_;
+	ChangesOptions options_; // but for the database and its versions
 	const PublishObserver& observer_;
 	std::string directory_;
 	UniqueFd lock_;

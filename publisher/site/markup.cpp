@@ -4,8 +4,6 @@
 #include "base/text.h"
 #include "publisher/sqlite/shown_value.h"
 
-#include <algorithm>
-
 namespace tarn::publisher::site {
 
 namespace {

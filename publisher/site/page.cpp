@@ -1,27 +1,8 @@
 #include "publisher/site/page.h"
 
 #include "base/text.h"
-
-#include <ctime>
-#include <iomanip>
-#include <sstream>
-
+#include "publisher/changes/changes.h"
 namespace tarn::publisher::site {
-
-namespace {
-
-std::string TimeText(int seconds, const char* format) {
-	struct tm time {};
-	const std::time_t moment = seconds;
-	if (gmtime_r(&moment, &time) == nullptr) {
-		return {};
-	}
-	std::ostringstream text;
-	text << std::put_time(&time, format);
-	return text.str();
-}
-
-} // namespace
 
 std::string DatabasePath(const Database& database) {
 	return "databases/" + PathName(database.id) + "/";
@@ -36,10 +17,6 @@ std::string KeyPath(const Key& key) {
 	return "keys/" + key.fingerprint.substr(0, kDigits) + ".pub";
 }
 
-std::string ShownTime(const std::optional<int>& seconds) {
-	return seconds ? TimeText(*seconds, "%Y-%m-%d %H:%M UTC") : "unknown";
-}
-
 std::string ExactTime(int seconds) {
 	return TimeText(seconds, "%Y-%m-%dT%H:%M:%SZ");
 }
@@ -50,9 +27,9 @@ std::string ShownSize(const std::optional<std::uint64_t>& bytes) {
 
 void SayTime(const std::optional<int>& seconds, Markup& page) {
 	if (seconds) {
-		page.Leaf("time", {{"datetime", ExactTime(*seconds)}}, ShownTime(seconds));
+		page.Leaf("time", {{"datetime", ExactTime(*seconds)}}, TimeText(*seconds, "%Y-%m-%d %H:%M UTC"));
 	} else {
-		page.Say(ShownTime(seconds));
+		page.Say("unknown");
 	}
 }
 

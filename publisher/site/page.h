@@ -19,13 +19,12 @@ std::string ChangesName(int version);
 /** The path of the file that holds a key. */
 std::string KeyPath(const Key& key);
 
-/** "2026-11-20 09:00 UTC"; "unknown" without a time. */
-std::string ShownTime(const std::optional<int>& seconds);
 /** "2026-11-20T09:00:00Z", as feeds and attributes have it. */
 std::string ExactTime(int seconds);
 /** A size for people, or a dash. */
 std::string ShownSize(const std::optional<std::uint64_t>& bytes);
 
+/** "2026-11-20 09:00 UTC"; "unknown" without a time. */
 void SayTime(const std::optional<int>& seconds, Markup& page);
 struct Column {
 	const char* name;

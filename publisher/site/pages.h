@@ -2,6 +2,7 @@
 #ifndef PUBLISHER_SITE_PAGES_H
 #define PUBLISHER_SITE_PAGES_H
 
+#include "publisher/changes/changes.h"
 #include "publisher/site/catalogue.h"
 
 #include <string>
@@ -17,6 +18,10 @@ constexpr std::size_t kVersionsOnPage = 100;
 
 [[nodiscard]] std::string DatabasePage(const Catalogue& catalogue, const Database& database);
 [[nodiscard]] std::string VersionsPage(const Catalogue& catalogue, const Database& database);
+/** What a release changes, as a part of a page. */
+[[nodiscard]] std::string ViewChanges(const Changes& changes);
+/** Counted in when what ViewChanges() makes is kept between runs: another number makes all of it again. */
+constexpr int kChangesViewFormat = 1;
 /**
  * @param from     the version before
  * @param changes  what ViewChanges() made
@@ -36,7 +41,7 @@ struct Release {
 [[nodiscard]] std::string Feed(const Catalogue& catalogue);
 
 /** The style sheet of all pages. */
-[[nodiscard]] const char* StyleSheet();
+extern const char* const kStyleSheet;
 
 } // namespace tarn::publisher::site
 

@@ -34,20 +34,10 @@ std::string RoundSize(std::uint64_t bytes) {
 	return at == std::string::npos ? text : text.erase(at, 2);
 }
 
-/** What is between two ends, and where on the paper. */
-class Scale {
-public:
-	Scale(double low, double high, double from, double to) : low_(low), high_(high), from_(from), to_(to) {}
-	double Place(double value) const {
-		return high_ > low_ ? from_ + (value - low_) / (high_ - low_) * (to_ - from_) : (from_ + to_) / 2;
-	}
-
-private:
-	double low_;
-	double high_;
-	double from_;
-	double to_;
-};
+/** Where on the paper, from one place to another, a value is that lies between two. */
+double Place(double value, double low, double high, double from, double to) {
+	return high > low ? from + (value - low) / (high - low) * (to - from) : (from + to) / 2;
+}
 
 /** The smallest of 1, 2, 5, 10, 20 ... that is not below a value. */
 double RoundedUp(double value) {
@@ -105,11 +95,11 @@ private:
 		}
 	}
 
-	double X(int at) const { return Scale(first_, last_, kLeft + kRowHeight, kWidth - kRight).Place(at); }
+	double X(int at) const { return Place(at, first_, last_, kLeft + kRowHeight, kWidth - kRight); }
 	double Y(double bytes) const {
 		const double bottom = kHeight - kBottom;
-		return plot_.is_logarithmic ? Scale(lowest_, highest_, bottom, kTop).Place(std::log10(std::max(bytes, 1.0)))
-		                            : Scale(0, top_, bottom, kTop).Place(bytes);
+		return plot_.is_logarithmic ? Place(std::log10(std::max(bytes, 1.0)), lowest_, highest_, bottom, kTop)
+		                            : Place(bytes, 0, top_, bottom, kTop);
 	}
 
 	/** Where the lines across are. */
@@ -218,10 +208,9 @@ private:
 	void DrawLegend() {
 		page_.Begin("figcaption").Say(plot_.title).Begin("ul", {{"class", "legend"}});
 		for (const Series& series : plot_.series) {
-			if (series.points.empty()) {
-				continue;
+			if (!series.points.empty()) {
+				page_.Leaf("li", {{"class", series.style}}, series.name);
 			}
-			page_.Leaf("li", {{"class", series.style}}, series.name);
 		}
 		page_.End().End().Line();
 	}

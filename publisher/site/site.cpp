@@ -104,7 +104,7 @@ private:
 		std::vector<std::string> keys = options_.keys;
 		keys.insert(keys.end(), options_.old_keys.begin(), options_.old_keys.end());
 		if (!keys.empty() && MostCompared() > 0) {
-			changes_.emplace(ChangesSource{options_.repository, keys, options_.examples}, observer_);
+			changes_.emplace(options_.repository, keys, options_.examples, observer_);
 		}
 	}
 
@@ -116,33 +116,31 @@ private:
 			const Version& version = database.versions[i];
 			if (const std::optional<ReleaseChanges> found = changes_->Of(database, version)) {
 				database.compared.insert(version.number);
-				Write(DatabasePath(database) + ChangesName(version.number),
+				directory_.Write(DatabasePath(database) + ChangesName(version.number),
 				    ChangesPage(catalogue_, database, version, found->from, found->markup));
 			}
 		}
 	}
 
 	void WriteDatabase(const Database& database) {
-		Write(DatabasePath(database) + "index.html", DatabasePage(catalogue_, database));
+		directory_.Write(DatabasePath(database) + "index.html", DatabasePage(catalogue_, database));
 		if (database.versions.size() > kVersionsOnPage) {
-			Write(DatabasePath(database) + "versions.html", VersionsPage(catalogue_, database));
+			directory_.Write(DatabasePath(database) + "versions.html", VersionsPage(catalogue_, database));
 		}
 	}
 
 	void WriteCommonPages() {
-		Write("style.css", StyleSheet());
-		Write("channels.html", ChannelsPage(catalogue_));
-		Write("trust.html", TrustPage(catalogue_));
+		directory_.Write("style.css", kStyleSheet);
+		directory_.Write("channels.html", ChannelsPage(catalogue_));
+		directory_.Write("trust.html", TrustPage(catalogue_));
 		for (const Key& key : catalogue_.keys) {
-			Write(KeyPath(key), key.pem);
+			directory_.Write(KeyPath(key), key.pem);
 		}
 		if (result_.has_feed) {
-			Write("feed.xml", Feed(catalogue_));
+			directory_.Write("feed.xml", Feed(catalogue_));
 		}
-		Write("index.html", IndexPage(catalogue_));
+		directory_.Write("index.html", IndexPage(catalogue_));
 	}
-
-	void Write(const std::string& name, std::string_view content) { directory_.Write(name, content); }
 
 	const SiteOptions& options_;
 	const PublishObserver& observer_;

@@ -4,6 +4,7 @@
 #include "publisher/site/pages.h"
 
 #include <algorithm>
+#include <sstream>
 #include <tuple>
 
 namespace tarn::publisher::site {
@@ -103,10 +104,9 @@ void WriteChannel(const Catalogue& catalogue, const std::string& channel, Markup
 
 void WriteLines(const std::string& lines, Markup& page) {
 	page.Begin("pre", {{"tabindex", "0"}}).Begin("code");
-	std::size_t at = 0;
-	for (std::size_t end = lines.find('\n'); at <= lines.size(); end = lines.find('\n', at)) {
-		page.Say(lines.substr(at, end == std::string::npos ? end : end - at)).Line();
-		at = end == std::string::npos ? lines.size() + 1 : end + 1;
+	std::istringstream text(lines);
+	for (std::string line; std::getline(text, line);) {
+		page.Say(line).Line();
 	}
 	page.End().End().Line();
 }

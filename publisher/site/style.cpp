@@ -2,9 +2,7 @@
 
 namespace tarn::publisher::site {
 
-namespace {
-
-constexpr const char* kStyleSheet = R"(:root {
+const char* const kStyleSheet = R"(:root {
 	--paper: #ffffff;
 	--ground: #f4f6f8;
 	--ink: #1b2430;
@@ -117,11 +115,5 @@ g.diff circle { fill: var(--paper); stroke: var(--diff); stroke-width: 2; }
 .legend .diff::before { border-top: 3px dashed var(--diff); }
 @media print { .skip, header { display: none; } }
 )";
-
-} // namespace
-
-const char* StyleSheet() {
-	return kStyleSheet;
-}
 
 } // namespace tarn::publisher::site
