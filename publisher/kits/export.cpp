@@ -80,6 +80,10 @@ public:
 private:
 	static constexpr int kMostTries = 5;
 
+	[[noreturn]] static void FailToFind(const std::string& id, const std::string& path) {
+		throw PublishError("The document " + path + " names no version of " + id + ".");
+	}
+
 	Content CollectAll(const std::string& path, const std::string& text) {
 		const Document document = Document::FromText(path, text);
 		content_ = {};
@@ -88,7 +92,7 @@ private:
 		for (const std::string& id : Ids()) {
 			const std::optional<Entry> entry = document.Find(id);
 			if (!entry) {
-				throw PublishError("The document " + path + " names no version of " + id + ".");
+				FailToFind(id, path);
 			}
 			Json::Value value = content_.document["db_list"][id];
 			value["diff_files"] = Add(id, *entry, value["diff_files"]);
