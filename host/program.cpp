@@ -6,7 +6,7 @@
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/preparation.h"
-#include "host/library/unknown_settings.h"
+#include "host/library/settings.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 

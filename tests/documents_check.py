@@ -178,11 +178,11 @@ def forgotten_commands(root: Path) -> Iterator[str]:
 def forgotten_settings(root: Path) -> Iterator[str]:
     sources = "".join((root / name).read_text() for name in ("dataupdate/service_config.cpp", "host/library/services.cpp"))
     read = re.findall(r'et\w*\((?:id_|kServiceSection|"config"), "(\w+)"', sources)
-    types = (root / "host/library/preparation.cpp").read_text()
+    types = (root / "host/library/settings.cpp").read_text()
     pages = "".join(path.read_text() for path in (root / "packaging/man").glob("*.conf.5"))
     for key in sorted(set(read)):
         if f'{{"{key}", k' not in types:
-            yield f'host/library/preparation.cpp: the setting "{key}" has no type'
+            yield f'host/library/settings.cpp: the setting "{key}" has no type'
         if key not in pages:
             yield f'packaging/man: no manual page describes the setting "{key}"'
     if not read:

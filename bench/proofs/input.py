@@ -67,7 +67,7 @@ TARGETS = (
     Target("record", "A record read entry by entry is what another parser finds", ("base/record_entries.cpp",)),
     Target("repository", "A document that the publisher takes is one that it writes", ("publisher/repository/document.cpp", "publisher/common/json_text.cpp")),
     Target("script", "A script changes its whole database or nothing, and leaves it sound", ("dataupdate/internal/sql_script.cpp",)),
-    Target("settings", "Settings that the host lets pass can be used by the library", ("dataupdate/config.cpp", "dataupdate/service_config.cpp", "host/library/preparation.cpp", "host/library/unknown_settings.cpp")),
+    Target("settings", "Settings that the host lets pass can be used by the library", ("dataupdate/config.cpp", "dataupdate/service_config.cpp", "host/library/settings.cpp")),
     Target("state", "A database's records are understood or not, by both readers alike", ("dataupdate/large_record.cpp", "host/library/hold.cpp", "host/library/installed_files.cpp", "host/library/rejection.cpp", "host/terminal/progress_file.cpp")),
     Target("tar", "A tar's members stay in the destination", ("archive/extractor.cpp", "archive/members.cpp", "archive/payload.cpp")),
     Target("vcdiff", "A patch makes one result whatever the buffers, or is refused", ("decoder/code_table.cpp", "decoder/decode.cpp", "decoder/patch_header.cpp", "decoder/readers.cpp", "decoder/window.cpp")),

@@ -2,7 +2,7 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/update.h"
-#include "host/library/cached_document.h"
+#include "host/library/checked_info_getter.h"
 #include "host/library/installed_package.h"
 #include "host/library/kit_offer.h"
 

@@ -10,7 +10,7 @@
 #include "host/library/failure.h"
 #include "host/library/hold.h"
 #include "host/library/installed_package.h"
-#include "host/library/record_keeper.h"
+#include "host/library/run_record.h"
 #include "host/library/services.h"
 #include "host/terminal/text.h"
 

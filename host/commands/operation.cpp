@@ -1,6 +1,6 @@
 #include "host/commands/operation.h"
 
-#include "host/library/record_keeper.h"
+#include "host/library/run_record.h"
 
 #include <filesystem>
 #include <system_error>

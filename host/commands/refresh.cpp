@@ -1,6 +1,6 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/library/cached_document.h"
+#include "host/library/checked_info_getter.h"
 
 namespace tarn::ctl {
 

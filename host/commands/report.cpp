@@ -1,7 +1,7 @@
 #include "host/commands/report.h"
 
 #include "host/library/preparation.h"
-#include "host/library/unknown_settings.h"
+#include "host/library/settings.h"
 #include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>

@@ -9,8 +9,8 @@
 #include "host/library/installed_package.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"
-#include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
+#include "host/library/run_record.h"
 #include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>

@@ -9,8 +9,8 @@
 #include "host/library/failure.h"
 #include "host/library/hold.h"
 #include "host/library/preparation.h"
-#include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
+#include "host/library/run_record.h"
 
 #include <CLI/CLI.hpp>
 

@@ -6,7 +6,6 @@
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/preparation.h"
-#include "host/library/unsuitable_volume.h"
 #include "host/library/volume_content.h"
 #include "host/library/volume_move.h"
 

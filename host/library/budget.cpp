@@ -5,7 +5,9 @@
 #include "dataupdate/update_error.h"
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
+#include <system_error>
 
 namespace tarn::ctl {
 
@@ -14,6 +16,23 @@ namespace {
 constexpr char kAlways[] = "always";
 constexpr char kDiffsOnly[] = "diffs only";
 constexpr char kSetting[] = "the setting \"scheduled_full_packages\"";
+
+UpdateWay Full(const std::string& reason) {
+	return {false, reason, 1, std::nullopt};
+}
+
+/** No value when a package announces no size. */
+std::optional<std::uint64_t> Sum(const Situation& situation, const Diffs& diffs) {
+	std::uint64_t bytes = 0;
+	for (int version = situation.installed; version < situation.offered;) {
+		const int size = diffs.at(++version).file_size;
+		if (size <= 0) {
+			return std::nullopt;
+		}
+		bytes += static_cast<std::uint64_t>(size);
+	}
+	return bytes;
+}
 
 /** What a last character multiplies by; 1 for a digit, 0 for what is no unit. */
 std::uint64_t UnitOf(char last) {
@@ -31,20 +50,6 @@ std::uint64_t UnitOf(char last) {
 	}
 }
 
-/** No value for what is no number, or too large for a unit to multiply it. */
-std::optional<std::uint64_t> ParseDigits(const std::string& digits, std::uint64_t most) {
-	constexpr std::uint64_t kTen = 10;
-	std::uint64_t number = 0;
-	for (const char character : digits) {
-		const auto digit = static_cast<std::uint64_t>(character - '0');
-		if (character < '0' || character > '9' || number > (most - digit) / kTen) {
-			return std::nullopt;
-		}
-		number = number * kTen + digit;
-	}
-	return digits.empty() ? std::nullopt : std::optional(number);
-}
-
 [[noreturn]] void Refuse(const std::string& reason) {
 	throw Refusal(kBeyondBudget, reason);
 }
@@ -55,14 +60,39 @@ std::string Allowance(const Budget& budget, std::uint64_t bytes) {
 
 } // namespace
 
+int EndOfChain(int from, int to, const Diffs& diffs) {
+	while (from < to && diffs.count(from + 1) > 0) {
+		++from;
+	}
+	return from;
+}
+
+UpdateWay FindWay(const Situation& situation, const Diffs& diffs) {
+	if (situation.is_unfinished) {
+		return Full("the last replacement of its files was not finished");
+	}
+	if (situation.installed < 0) {
+		return Full("nothing is installed");
+	}
+	const int end = EndOfChain(situation.installed, situation.offered, diffs);
+	if (end < situation.offered) {
+		return Full(
+		    "the server has no diff package from version " + std::to_string(end) + " to " + std::to_string(end + 1));
+	}
+	return {true, "", static_cast<std::size_t>(situation.offered - situation.installed), Sum(situation, diffs)};
+}
+
 std::optional<std::uint64_t> ParseBytes(const std::string& text) {
 	const std::uint64_t unit = text.empty() ? 0 : UnitOf(text.back());
 	if (unit == 0) {
 		return std::nullopt;
 	}
-	const std::string digits = unit == 1 ? text : text.substr(0, text.size() - 1);
-	const std::optional<std::uint64_t> number = ParseDigits(digits, std::numeric_limits<std::uint64_t>::max() / unit);
-	return number ? std::optional(*number * unit) : std::nullopt;
+	const char* const end = text.data() + text.size() - (unit == 1 ? 0 : 1);
+	std::uint64_t number = 0;
+	const auto result = std::from_chars(text.data(), end, number);
+	const bool is_number = result.ec == std::errc() && result.ptr == end;
+	const bool fits = is_number && number <= std::numeric_limits<std::uint64_t>::max() / unit;
+	return fits ? std::optional(number * unit) : std::nullopt;
 }
 
 Budget BudgetOf(std::uint64_t most_bytes) {

@@ -1,16 +1,40 @@
-/** @file How much an update may download. */
+/** @file By which packages an update would come, and how much it may download. */
 #ifndef HOST_LIBRARY_BUDGET_H
 #define HOST_LIBRARY_BUDGET_H
 
+#include "dataupdate/records.h"
 #include "host/library/failure.h"
-#include "host/library/update_way.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
 namespace tarn::ctl {
+
+using Diffs = std::map<int, dataupdate::DiffInfo>;
+
+/** What is known of a database when an update of it begins. */
+struct Situation {
+	int installed = -1;         ///< The recorded version; -1 for none.
+	bool is_unfinished = false; ///< Its files are half replaced, so that no diff package fits them.
+	int offered = -1;
+};
+
+struct UpdateWay {
+	bool is_chain = false; ///< Whether diff packages lead to the offered version; else the full one.
+	std::string reason;    ///< The end of a sentence: why it is the full package, empty for a chain.
+	std::size_t packages = 1;
+	std::optional<std::uint64_t> bytes; ///< What the document announces for a chain; none for the full package.
+};
+
+/** The version up to which diff packages lead from one on the way to another. */
+[[nodiscard]] int EndOfChain(int from, int to, const Diffs& diffs);
+
+/** How the library will go about it, unless a package turns out to be unusable. */
+[[nodiscard]] UpdateWay FindWay(const Situation& situation, const Diffs& diffs);
 
 /** A limit that is not set limits nothing. */
 struct Budget {

@@ -11,8 +11,11 @@
 #include <json/value.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <stdexcept>
@@ -39,6 +42,18 @@ std::string ReadBeginning(const std::string& path) {
 	file.read(beginning.data(), static_cast<std::streamsize>(beginning.size()));
 	beginning.resize(static_cast<std::size_t>(file.gcount()));
 	return beginning;
+}
+
+/** Whether there was a document to drop. */
+bool DropDocument() {
+	if (unlink(dataupdate::kCachedInfo) == 0) {
+		return true;
+	}
+	if (errno == ENOENT) {
+		return false;
+	}
+	throw CommandError(
+	    kFailed, std::string(dataupdate::kCachedInfo) + " cannot be removed (" + std::strerror(errno) + ")");
 }
 
 } // namespace
@@ -175,7 +190,8 @@ Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
 			throw;
 		}
 	}
-	throw UpdateError(DescribeCachedPage() + DescribeUse());
+	const CachedPage page = {Link(), ReadBeginning(dataupdate::kCachedInfo), io_->GetSize(dataupdate::kCachedInfo)};
+	throw UpdateError(DescribePage(page) + DescribeUse());
 }
 
 std::string CheckedInfoGetter::CacheStamp() const {
@@ -192,17 +208,26 @@ std::string CheckedInfoGetter::DescribeUse() const {
 	return stat(dataupdate::kCachedInfo, &status) == 0 ? DescribeCaching(status.st_mtime, std::time(nullptr)) : "";
 }
 
-std::string CheckedInfoGetter::DescribeCachedPage() const {
-	const std::string path = dataupdate::kCachedInfo;
-	return DescribePage({Link(), ReadBeginning(path), io_->GetSize(path)});
-}
-
 std::string CheckedInfoGetter::Link() const {
 	try {
 		return GetDatabaseUrl();
 	} catch (const UpdateError&) {
 		return "the update server";
 	}
+}
+
+bool DropCachedDocument() {
+	try {
+		// Whoever is fetching the document is about to read it.
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
+		return DropDocument();
+	} catch (const dataupdate::UpdateError& error) {
+		if (CategoryOf(error.what()) != Category::kLocked) {
+			throw;
+		}
+	}
+	throw CommandError(kLocked, "The server's document is being fetched at this moment, so it was not dropped; try "
+	                            "again when that has ended");
 }
 
 } // namespace tarn::ctl

@@ -78,7 +78,6 @@ protected:
 private:
 	template<typename Read>
 	auto ReadEntry(const std::string& id, Read read, bool (*has_plain_versions)(const Json::Value& entry)) const;
-	std::string DescribeCachedPage() const;
 	std::string Link() const;
 
 	std::shared_ptr<dataupdate::IOUtils> io_;
@@ -88,6 +87,14 @@ private:
 	mutable std::optional<std::string> stamp_; ///< None: the document is read again.
 	mutable std::exception_ptr failure_;
 };
+
+/**
+ * Removes the copy of the server's document that is used for an hour, so that the next command asks the server.
+ *
+ * @return whether there was a copy
+ * @throws CommandError when the copy cannot be removed, with kLocked while somebody fetches the document
+ */
+bool DropCachedDocument();
 
 } // namespace tarn::ctl
 

@@ -14,12 +14,10 @@
 #include <json/value.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <new>
 #include <optional>
-#include <vector>
 
 namespace tarn::ctl {
 
@@ -85,7 +83,8 @@ std::string RefusalHint(const Circumstances& failure) {
 
 /**
  * One kind of message: its beginning, its category and exit code, and what to do. Of several that fit, the first
- * counts. Links come from the server and may hold any text, so nothing is sought behind the beginning.
+ * counts; the last fits all. Links come from the server and may hold any text, so nothing is sought behind the
+ * beginning.
  */
 struct Rule {
 	Category category;
@@ -138,17 +137,12 @@ constexpr Rule kRules[] = {
         "tarndbudctl must be run as root, on a file system that can be written"},
     {Category::kInvalidRecord, kFailed, messages::kInvalidRecord, "", nullptr},
     {Category::kInterrupted, kFailed, messages::kInterrupted, "", nullptr},
+    {Category::kOther, kFailed, "", "", nullptr},
 };
 
-bool Fits(const Rule& rule, const std::string& message) {
-	return StartsWith(message, std::string(rule.beginning) + rule.then);
-}
-
-/** Null for a message of no known kind. */
-const Rule* FindRule(const std::string& message) {
-	const auto* rule = std::find_if(
-	    std::begin(kRules), std::end(kRules), [&](const Rule& candidate) { return Fits(candidate, message); });
-	return rule == std::end(kRules) ? nullptr : rule;
+const Rule& RuleFor(const std::string& message) {
+	return *std::find_if(std::begin(kRules), std::end(kRules),
+	    [&](const Rule& rule) { return StartsWith(message, std::string(rule.beginning) + rule.then); });
 }
 
 std::string WithEnd(const std::string& sentence) {
@@ -211,24 +205,20 @@ Failure ExplainFileError(const boost::filesystem::filesystem_error& error) {
 } // namespace
 
 Category CategoryOf(const std::string& message) {
-	const Rule* rule = FindRule(message.substr(WrapperLength(message)));
-	return rule == nullptr ? Category::kOther : rule->category;
+	return RuleFor(message.substr(WrapperLength(message))).category;
 }
 
 Failure ExplainMessage(const std::string& message, int platform_error, const std::string& id) {
 	const std::size_t wrapped = WrapperLength(message);
 	const std::string subject = Subject(message.substr(0, wrapped));
 	const std::string inner = message.substr(wrapped);
-	const Rule* rule = FindRule(inner);
-	if (rule == nullptr) {
-		return {Category::kOther, kFailed, subject + WithEnd(inner)};
-	}
-	if (rule->hint == nullptr && rule->make_hint == nullptr) {
-		return {rule->category, rule->code, subject + WithEnd(inner)};
+	const Rule& rule = RuleFor(inner);
+	if (rule.hint == nullptr && rule.make_hint == nullptr) {
+		return {rule.category, rule.code, subject + WithEnd(inner)};
 	}
 	const std::string hint =
-	    rule->make_hint == nullptr ? rule->hint : rule->make_hint(Circumstances{inner, platform_error, id});
-	return {rule->category, rule->code,
+	    rule.make_hint == nullptr ? rule.hint : rule.make_hint(Circumstances{inner, platform_error, id});
+	return {rule.category, rule.code,
 	    subject + WithEnd(PlainAscii(WithoutEnd(inner, ". "), kLongestMessage) + "; " + hint)};
 }
 

@@ -4,6 +4,7 @@
 #include "base/file_io.h"
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
+#include "host/library/json_record.h"
 
 #include <json/reader.h>
 #include <json/value.h>
@@ -72,8 +73,7 @@ void SetHold(const std::string& id, const std::optional<int>& up_to) {
 	object[kUpTo] = up_to ? Json::Value(*up_to) : Json::Value();
 	object["since"] = Json::Int64{std::time(nullptr)};
 	const std::filesystem::path path = HoldPath(id);
-	std::filesystem::create_directories(path.parent_path());
-	WriteWholeFile(path, object.toStyledString());
+	WriteJsonRecord(path, object);
 	if (!SyncDirectory(path.parent_path()) || !SyncDirectory(path.parent_path().parent_path())) {
 		throw CommandError(
 		    kFailed, "The hold " + path.string() + " may not outlast a power cut (" + std::strerror(errno) + ")");

@@ -18,7 +18,6 @@ struct Hold {
 	std::string problem;      ///< Why the file cannot be understood, which is treated as a hold without a version.
 };
 
-/** Where a database's hold is kept. */
 std::string HoldPath(const std::string& id);
 
 /** No value only when there is no such file. */

@@ -2,7 +2,6 @@
 
 #include "base/sqlite_names.h"
 #include "base/text.h"
-#include "dataupdate/installation.h"
 #include "dataupdate/updater.h"
 #include "host/library/file_changes.h"
 #include "host/library/listed_files.h"

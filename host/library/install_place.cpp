@@ -1,6 +1,5 @@
 #include "host/library/install_place.h"
 
-#include "base/file_io.h"
 #include "base/text.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
@@ -22,10 +21,8 @@ constexpr char kDirectory[] = "directory";
 /** No value when there is no record, or none that can be understood. */
 std::optional<std::string> ReadInstallPlace(const std::string& id) {
 	const Json::Value object = ReadJsonRecord(InstallPlacePath(id));
-	if (!object.isObject() || !object[kDirectory].isString()) {
-		return std::nullopt;
-	}
-	return object[kDirectory].asString();
+	const bool names_it = object.isObject() && object[kDirectory].isString();
+	return names_it ? std::optional(object[kDirectory].asString()) : std::nullopt;
 }
 
 /** No value for a database without a directory; what is wrong with its settings is told by whoever needs more. */
@@ -92,9 +89,7 @@ std::string InstallPlacePath(const std::string& id) {
 void RecordInstallPlace(const std::string& id, const std::string& directory) {
 	Json::Value object(Json::objectValue);
 	object[kDirectory] = directory;
-	const std::filesystem::path path = InstallPlacePath(id);
-	std::filesystem::create_directories(path.parent_path());
-	WriteWholeFile(path, object.toStyledString());
+	WriteJsonRecord(InstallPlacePath(id), object);
 }
 
 void MoveInstallPlace(const std::string& id, const std::function<std::string(const std::string& directory)>& move) {

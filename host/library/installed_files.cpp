@@ -200,13 +200,8 @@ void WriteInstalledFiles(const std::string& id, const InstalledFiles& record) {
 
 void DropInstalledFiles(const std::string& id) {
 	const std::filesystem::path path = InstalledFilesPath(id);
-	if (unlink(path.c_str()) != 0) {
-		if (errno != ENOENT) {
-			syslog(LOG_WARNING, "%s cannot be removed (%s)", path.c_str(), std::strerror(errno));
-		}
-		return;
-	}
-	if (!SyncDirectory(path.parent_path())) {
+	const bool is_gone = unlink(path.c_str()) == 0;
+	if (is_gone ? !SyncDirectory(path.parent_path()) : errno != ENOENT) {
 		syslog(LOG_WARNING, "%s cannot be removed (%s)", path.c_str(), std::strerror(errno));
 	}
 }

@@ -127,14 +127,9 @@ void RecordInstalledPackage(const std::string& id, const OpenedPackage& package)
 
 std::optional<std::int64_t> PublicationTime(const std::string& id, int installed_version) {
 	const Json::Value object = ReadJsonRecord(InstalledPackagePath(id));
-	if (!object.isObject()) {
-		return std::nullopt;
-	}
-	const bool is_of_it = object["data_version"].isInt() && object["data_version"].asInt() == installed_version;
-	if (!is_of_it || !object["published"].isInt64()) {
-		return std::nullopt;
-	}
-	return object["published"].asInt64();
+	const bool is_of_it = object.isObject() && object["data_version"].isInt() &&
+	                      object["data_version"].asInt() == installed_version && object["published"].isInt64();
+	return is_of_it ? std::optional(object["published"].asInt64()) : std::nullopt;
 }
 
 } // namespace tarn::ctl

@@ -52,7 +52,6 @@ struct PackageRefusal {
 /** No value when the last package was not refused, and with a platform that does not tell. */
 std::optional<PackageRefusal> LastPackageRefusal();
 
-/** Where a database's record lies. */
 std::string InstalledPackagePath(const std::string& id);
 
 /**

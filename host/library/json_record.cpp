@@ -1,5 +1,7 @@
 #include "host/library/json_record.h"
 
+#include "base/file_io.h"
+
 #include <json/reader.h>
 
 #include <fstream>
@@ -17,6 +19,11 @@ Json::Value ReadJsonRecord(const std::string& path) {
 		return {}; // Nested too deeply.
 	}
 	return {};
+}
+
+void WriteJsonRecord(const std::filesystem::path& path, const Json::Value& object) {
+	std::filesystem::create_directories(path.parent_path());
+	WriteWholeFile(path, object.toStyledString());
 }
 
 } // namespace tarn::ctl

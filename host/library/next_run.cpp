@@ -24,8 +24,11 @@ constexpr std::size_t kLongestText = 65536;
 constexpr std::chrono::milliseconds kPeriod(50);
 constexpr std::chrono::seconds kPatience(5);
 
-/** What systemd tells of the timer; empty when it does not answer soon. */
+/** What systemd tells of the timer; empty when it does not answer soon, and where it did not start the system. */
 std::string AskSystemd() {
+	if (access(kBootedBySystemd, F_OK) != 0) {
+		return "";
+	}
 	const UniqueFd output(memfd_create("timer", MFD_CLOEXEC));
 	process::Program program;
 	program.path = kSystemctl;
@@ -55,10 +58,6 @@ std::optional<std::time_t> ParseMoment(const std::string& text) {
 	}
 	// "%s" fills in local time.
 	return StartsWith(text, "@") ? mktime(&utc) : timegm(&utc);
-}
-
-std::optional<std::time_t> NextByTimer() {
-	return access(kBootedBySystemd, F_OK) == 0 ? ParseTimer(AskSystemd()) : std::nullopt;
 }
 
 std::optional<std::time_t> NextByCron() {
@@ -98,7 +97,7 @@ std::optional<std::time_t> NextRunByTable(const std::string& table, std::time_t 
 }
 
 std::optional<NextRun> FindNextRun() {
-	if (const std::optional<std::time_t> time = NextByTimer()) {
+	if (const std::optional<std::time_t> time = ParseTimer(AskSystemd())) {
 		return NextRun{*time, kTimerUnit};
 	}
 	if (const std::optional<std::time_t> time = NextByCron()) {

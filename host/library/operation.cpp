@@ -2,21 +2,20 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
 #include "host/library/install_place.h"
-#include "host/library/package_plan.h"
 #include "host/library/preparation.h"
 #include "host/library/rejection.h"
-#include "host/library/update_way.h"
+#include "host/terminal/downloads.h"
 
 #include <syslog.h>
 
 #include <algorithm>
-#include <exception>
-#include <map>
 #include <utility>
+#include <vector>
 
 namespace tarn::ctl {
 
@@ -26,32 +25,41 @@ using dataupdate::RemoteInfo;
 
 namespace {
 
-/** Says beforehand what the library's "No sufficient diff patched" will mean, which sounds like a failure. */
-void LogMissingDiff(const std::string& id, const Outcome& outcome, const Diffs& diffs) {
+/** The diff packages that lead from one version to another; their paths begin alike. */
+std::vector<PlannedDownload> ChainOf(const std::string& beginning, int from, int to, const Diffs& diffs) {
+	std::vector<PlannedDownload> chain;
+	for (int version = from + 1; version <= to; ++version) {
+		const int bytes = std::max(diffs.at(version).file_size, 0);
+		chain.push_back({beginning + std::to_string(version), static_cast<std::uint64_t>(bytes)});
+	}
+	return chain;
+}
+
+/**
+ * Tells the line of progress which diff packages will come. Without a chain of them says beforehand what the library's
+ * "No sufficient diff patched" will mean, which sounds like a failure.
+ */
+void TellOfDiffs(const Services& services, const std::string& id, const Outcome& outcome, const Diffs& diffs) {
+	const int end = EndOfChain(outcome.before, outcome.offered, diffs);
+	const bool is_chain = outcome.before >= 0 && end >= outcome.offered;
 	if (outcome.before < 0) {
 		syslog(LOG_NOTICE,
 		    "%s is not installed, so that it comes by the full package; \"No sufficient diff patched\" says only this.",
 		    id.c_str());
-		return;
-	}
-	int version = outcome.before;
-	while (version < outcome.offered && diffs.count(version + 1) > 0) {
-		++version;
-	}
-	if (version < outcome.offered) {
+	} else if (!is_chain) {
 		syslog(LOG_NOTICE,
 		    "The server has no diff package from version %d to %d of %s, on the way from %d to %d, so that it comes by "
 		    "the full package; \"No sufficient diff patched\" says only this, and nothing is to be done.",
-		    version, version + 1, id.c_str(), outcome.before, outcome.offered);
+		    end, end + 1, id.c_str(), outcome.before, outcome.offered);
 	}
+	const std::string beginning = dataupdate::TempDirPath(services.config->GetCurVolume()) + "/" + id + "_d";
+	PlanDownloads(
+	    is_chain ? ChainOf(beginning, outcome.before, outcome.offered, diffs) : std::vector<PlannedDownload>());
 }
 
 /** What passes through the library's front, which holds it all the time; the files pass beside it. */
 DatabaseStatus WithoutFiles(int data_version, int last_fetch_time) {
-	DatabaseStatus status;
-	status.data_version = data_version;
-	status.last_fetch_time = last_fetch_time;
-	return status;
+	return InstalledRecord::TakeStatus({data_version, last_fetch_time, {}});
 }
 
 } // namespace
@@ -70,8 +78,7 @@ public:
 			return {}; // Diff packages only lead forward, and only from the files that they were made for.
 		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
-		LogMissingDiff(id, operation_.outcome_, diffs);
-		PlanChain(operation_.services_, id, operation_.outcome_.before, operation_.outcome_.offered, diffs);
+		TellOfDiffs(operation_.services_, id, operation_.outcome_, diffs);
 		return diffs;
 	}
 	DatabaseStatus GetDatabaseStatus(const std::string& /*id*/) const override { return operation_.ReadStatus(); }
@@ -173,7 +180,7 @@ void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, 
 		RequireNotRejected(id_, remote.data_version);
 	}
 	const std::uint64_t before = dataupdate::DownloadedBytes();
-	const UpdateWay way = FindWay(Found(), diffs);
+	const UpdateWay way = FindWay({outcome_.before, outcome_.was_unfinished, outcome_.offered}, diffs);
 	if (way.is_chain) {
 		RequireChainWithin(budget_, way);
 	}
@@ -181,9 +188,12 @@ void Operation::Install(const DatabaseStatus& status, const RemoteInfo& remote, 
 	const dataupdate::UpdateAdvice advice = {[this](const std::string& name) { return record_.KnownDigest(name); },
 	    [&] { RequireFullPackage(remote.download_link, dataupdate::DownloadedBytes() - before); },
 	    outcome_.goes_back ? std::optional(outcome_.before) : std::nullopt};
-	RememberingRejection(id_, remote.data_version, [&] {
+	try {
 		update_ = services_.update(id_, status, remote, diffs, volume, install_prefix, root_directory, advice);
-	});
+	} catch (const dataupdate::UpdateError& error) {
+		RememberRejection(id_, remote.data_version, error.what());
+		throw;
+	}
 	outcome_.downloaded_bytes = dataupdate::DownloadedBytes() - before;
 	spared_link_ = update_.is_full ? "" : remote.download_link;
 }
@@ -274,21 +284,10 @@ void Operation::RecordStatus(InstalledRecord record) {
 	if (package && package->data_version == record.data_version) {
 		RecordInstalledPackage(id_, *package);
 	}
-	KeepRecord(std::move(record));
-}
-
-void Operation::KeepRecord(InstalledRecord record) {
-	switch (change_) {
-	case Change::kUpdate:
-	case Change::kFinish:
-		record_.KeepUpdated(std::move(record), update_.is_full);
-		return;
-	case Change::kFix:
-		record_.KeepFixed(std::move(record));
-		return;
-	case Change::kForced:
+	if (change_ == Change::kForced) {
 		record_.KeepForced(record);
-		return;
+	} else {
+		record_.KeepUpdated(std::move(record), change_ == Change::kFix || update_.is_full);
 	}
 }
 

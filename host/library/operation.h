@@ -10,7 +10,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -125,8 +124,7 @@ public:
 
 	/** Before the library is called. */
 	void Treat(Older older) { older_ = older; }
-	/** Has a version tried again that a check refused before. */
-	void RetryRefused() { refused_ = RefusedVersion::kRetry; }
+	void Treat(RefusedVersion refused) { refused_ = refused; }
 
 	OpenedPackages& Packages() { return packages_; }
 	const Outcome& Result() const { return outcome_; }
@@ -145,11 +143,9 @@ private:
 	/** What a fix has to install: the server's version, or under a hold the installed one. */
 	dataupdate::RemoteInfo ForFix(dataupdate::RemoteInfo remote);
 	/** Installs a new version unless it was refused before, and remembers a refusal. */
-	void Install(const dataupdate::DatabaseStatus& status, const dataupdate::RemoteInfo& remote,
-	    const std::map<int, dataupdate::DiffInfo>& diffs, const std::string& volume, const std::string& install_prefix,
-	    const std::string& root_directory);
+	void Install(const dataupdate::DatabaseStatus& status, const dataupdate::RemoteInfo& remote, const Diffs& diffs,
+	    const std::string& volume, const std::string& install_prefix, const std::string& root_directory);
 	void RequireFullPackage(const std::string& link, std::uint64_t spent) const;
-	Situation Found() const { return {outcome_.before, outcome_.was_unfinished, outcome_.offered}; }
 	dataupdate::DatabaseStatus ReadStatus();
 	/** Notes where the database is to be and, if it is elsewhere, was. */
 	dataupdate::InstalledRecord ReadHere();
@@ -157,7 +153,6 @@ private:
 	/** Notes and logs that an older version was installed, which only an unfinished or damaged one gives way to. */
 	void TellWayBack();
 	void RecordStatus(dataupdate::InstalledRecord record);
-	void KeepRecord(dataupdate::InstalledRecord record);
 
 	const Services& services_;
 	std::string id_;

@@ -4,7 +4,6 @@
 #include "host/library/hold.h"
 #include "host/library/install_place.h"
 #include "host/library/operation.h"
-#include "host/library/package_plan.h"
 #include "host/library/preparation.h"
 #include "host/library/rejection.h"
 
@@ -64,21 +63,6 @@ Outcome Update(Operation& operation, const std::string& id) {
 	return outcome;
 }
 
-Outcome Fix(Operation& operation, const std::string& id) {
-	try {
-		// Asks the check again, whatever it said before: a person wants it, or there is nothing better to be had.
-		operation.Front().FixProject(id);
-	} catch (const UpdateError& error) {
-		const Outcome& found = operation.Result();
-		RememberRejection(id, found.held_at.value_or(found.offered), error.what());
-		if (found.held_at.value_or(found.offered) == found.offered || CategoryOf(error.what()) != Category::kDownload) {
-			throw;
-		}
-		throw MadeLinkError(error.what(), found.offered, *found.held_at);
-	}
-	return operation.Result();
-}
-
 } // namespace
 
 dataupdate::InstalledRecord Operation::ReadHere() {
@@ -118,12 +102,11 @@ void FinishPrepared(const Services& services, const std::string& asked_for, cons
 Outcome UpdateDatabase(const Services& services, const std::string& id, const Budget& budget, RefusedVersion refused) {
 	Operation operation(services, id, Change::kUpdate, [&] { RequirePlaces(services, id); });
 	operation.Limit(budget);
-	if (refused == RefusedVersion::kRetry) {
-		operation.RetryRefused();
-	}
+	operation.Treat(refused);
 	Outcome outcome = Update(operation, id);
-	if (!operation.SparedLink().empty()) { // Asked for when everything is recorded: it may take a while.
-		outcome.full_package_bytes = FullPackageBytes(services, operation.SparedLink());
+	// Not asked for where no terminal shows it, and when everything is recorded: it may take a while.
+	if (!operation.SparedLink().empty() && services.terminal.Draws() && services.package_size) {
+		outcome.full_package_bytes = services.package_size(operation.SparedLink());
 	}
 	return outcome;
 }
@@ -131,15 +114,25 @@ Outcome UpdateDatabase(const Services& services, const std::string& id, const Bu
 Outcome ImportDatabase(const Services& services, const std::string& id, bool goes_back, RefusedVersion refused) {
 	Operation operation(services, id, Change::kUpdate, [&] { RequirePlaces(services, id); });
 	operation.Treat(goes_back ? Older::kInstalled : Older::kRefused);
-	if (refused == RefusedVersion::kRetry) {
-		operation.RetryRefused();
-	}
+	operation.Treat(refused);
 	return Update(operation, id);
 }
 
 Outcome FixDatabase(const Services& services, const std::string& id) {
 	Operation operation(services, id, Change::kFix, [&] { RequireVolumeFor(services, id); });
-	return Fix(operation, id);
+	const Outcome& found = operation.Result();
+	try {
+		// Asks the check again, whatever it said before: a person wants it, or there is nothing better to be had.
+		operation.Front().FixProject(id);
+	} catch (const UpdateError& error) {
+		const int target = found.held_at.value_or(found.offered);
+		RememberRejection(id, target, error.what());
+		if (target == found.offered || CategoryOf(error.what()) != Category::kDownload) {
+			throw;
+		}
+		throw MadeLinkError(error.what(), found.offered, target);
+	}
+	return found;
 }
 
 Outcome ForceDatabase(const Services& services, const std::string& id, int version, int target, bool even_held) {

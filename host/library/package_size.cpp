@@ -8,11 +8,13 @@
 
 #include <tarncore/tarncore.h>
 
+#include <boost/algorithm/string.hpp>
+
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
+#include <locale>
 #include <sstream>
 
 namespace tarn::ctl {
@@ -22,16 +24,8 @@ namespace {
 constexpr char kHttpClient[] = "/usr/bin/wget";
 constexpr std::size_t kLongestAccount = 65536;
 
-std::string LowerCase(std::string text) {
-	std::transform(text.begin(), text.end(), text.begin(),
-	    [](unsigned char character) { return static_cast<char>(std::tolower(character)); });
-	return text;
-}
-
 std::string WithoutBlanks(const std::string& line) {
-	constexpr char kBlanks[] = " \t\r";
-	const std::size_t begin = line.find_first_not_of(kBlanks);
-	return begin == std::string::npos ? "" : line.substr(begin, line.find_last_not_of(kBlanks) + 1 - begin);
+	return boost::trim_copy_if(line, boost::is_any_of(" \t\r"));
 }
 
 /** The second word of "HTTP/1.1 200 OK" is that of a success. */
@@ -79,7 +73,7 @@ std::optional<std::uint64_t> SizeInHeaders(const std::string& account) {
 		if (!StartsWith(line, "  ")) {
 			continue; // The client's own words.
 		}
-		const std::string header = LowerCase(WithoutBlanks(line));
+		const std::string header = boost::to_lower_copy(WithoutBlanks(line), std::locale::classic());
 		if (StartsWith(header, "http/")) {
 			is_success = IsSuccess(header);
 			size.reset();

@@ -1,33 +1,27 @@
 #include "host/library/preparation.h"
 
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/volume_safety.h"
 #include "dataupdate/paths.h"
-#include "dataupdate/update_error.h"
-#include "host/library/budget.h"
 #include "host/library/failure.h"
 
 #include <tarnsdk/volume.h>
 
-#include <json/value.h>
-
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <map>
+#include <functional>
 #include <memory>
 #include <optional>
-#include <vector>
 
 namespace tarn::ctl {
-
-using dataupdate::UpdateError;
 
 namespace {
 
@@ -87,101 +81,6 @@ std::vector<std::string> Ids(const Services& services) {
 	}
 }
 
-struct Kind {
-	const char* name;
-	bool (*is)(const Json::Value& value);
-};
-
-using Kinds = std::map<std::string, Kind>;
-
-constexpr Kind kString = {"a string in quotation marks", [](const Json::Value& value) { return value.isString(); }};
-constexpr Kind kBoolean = {
-    "true or false, without quotation marks", [](const Json::Value& value) { return value.isBool(); }};
-constexpr Kind kNumber = {
-    "a whole number from 0 to 4294967295", [](const Json::Value& value) { return value.isUInt(); }};
-constexpr Kind kFullPackageRule = {R"("always", "diffs only" or a number of bytes such as "200M", in quotation marks)",
-    [](const Json::Value& value) { return value.isString() && IsFullPackageRule(value.asString()); }};
-
-Kinds ServiceKinds() {
-	return {{"cur_volume", kString}, {"db_netloc", kString}, {"db_ver", kString}, {"digest_threads", kNumber},
-	    {"download_scheme", kString}, {"scheduled_full_packages", kFullPackageRule}};
-}
-
-Kinds DatabaseKinds() {
-	return {{"auto_update", kBoolean}, {"format_version", kString}, {"install_dest", kString},
-	    {"min_rsv_space_inbytes", kNumber}};
-}
-
-std::vector<std::string> Names(const Kinds& kinds) {
-	std::vector<std::string> names;
-	for (const auto& [name, kind] : kinds) {
-		names.push_back(name);
-	}
-	return names;
-}
-
-[[noreturn]] void RefuseSettings(const std::string& path, const std::string& reason) {
-	throw CommandError(
-	    kFailed, "The settings in " + path + " cannot be used: " + reason + "; correct or remove that file");
-}
-
-/** No value when there is no such file. */
-std::optional<Json::Value> Decode(const dataupdate::IOUtils& io, const std::string& path) {
-	try {
-		return io.ReadJson(path);
-	} catch (const UpdateError& error) {
-		if (error.code() == UpdateError::kFileNotExist) {
-			return std::nullopt;
-		}
-		RefuseSettings(path, "it is no JSON, or cannot be read");
-	}
-}
-
-void RequireKind(const std::string& path, const std::string& section, const std::string& key, const Kind& kind,
-    const Json::Value& value) {
-	if (!value.isNull() && !kind.is(value)) {
-		RefuseSettings(path, "'" + key + "' of '" + section + "' must be " + kind.name);
-	}
-}
-
-void RequireKinds(const std::string& path, const std::string& section, const Json::Value& values, const Kinds& kinds) {
-	if (!values.isObject()) {
-		RefuseSettings(path, "'" + section + "' must be an object");
-	}
-	for (const auto& [key, kind] : kinds) {
-		RequireKind(path, section, key, kind, values[key]);
-	}
-}
-
-/**
- * Whoever sets a value writes all others too, and the library's writer replaces bytes that are no UTF-8, and cuts names
- * at a zero byte.
- */
-bool CanBeWritten(const Json::Value& value) {
-	const UniqueFd file(memfd_create("settings", MFD_CLOEXEC));
-	const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
-	const dataupdate::IOUtils io;
-	io.WriteJson(path, value);
-	return io.ReadJson(path) == value;
-}
-
-void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const Kinds& kinds) {
-	const std::optional<Json::Value> decoded = Decode(io, path);
-	if (!decoded) {
-		return;
-	}
-	const Json::Value& root = *decoded;
-	if (!root.isObject()) {
-		RefuseSettings(path, "it must hold an object");
-	}
-	for (const std::string& section : root.getMemberNames()) {
-		RequireKinds(path, section, root[section], kinds);
-	}
-	if (!CanBeWritten(root)) {
-		RefuseSettings(path, "it holds text that is no UTF-8, or a name with a zero byte");
-	}
-}
-
 void Require(const std::optional<UnsafePlace>& unsafe) {
 	if (unsafe) {
 		throw CommandError(
@@ -189,6 +88,47 @@ void Require(const std::optional<UnsafePlace>& unsafe) {
 		                 ", so nothing was changed: others could have files installed that nobody signed; "
 		                 "it must be a directory of root that nobody else can write");
 	}
+}
+
+/** As the library adds it up. */
+std::uint64_t TotalReserve(const Services& services) {
+	std::uint64_t total = 0;
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		total += services.config->GetDatabaseConfig(id)->GetMinReservedSpaceInbytes();
+	}
+	return total;
+}
+
+std::string Why(const Services& services, const TARNMountVolInfo& record) {
+	if (TARNVolumeServicePolicy(&record) == 0) {
+		return "an \"exclude\" line of /usr/tarn/etc/volumes.conf names it";
+	}
+	if (record.healthy == 0) {
+		return "its file system does not answer";
+	}
+	if (record.writable == 0) {
+		return "it is read-only";
+	}
+	if (const std::uint64_t reserve = TotalReserve(services); record.free_bytes < reserve) {
+		return HumanSize(record.free_bytes) + " are free there, and the databases reserve " + HumanSize(reserve);
+	}
+	return "the system log tells why";
+}
+
+void ForEachVolumeBut(const std::string& exclude, const std::function<void(const TARNMountVolInfo& volume)>& visit) {
+	const std::unique_ptr<TARNMountVolInfo, decltype(&TARNMountVolInfoFree)> list(
+	    TARNMountVolAllEnum(0, 1, 0), &TARNMountVolInfoFree);
+	for (const TARNMountVolInfo* volume = list.get(); volume != nullptr; volume = volume->next) {
+		if (volume->mount_path != exclude) {
+			visit(*volume);
+		}
+	}
+}
+
+bool IsMountPoint(const std::string& path) {
+	struct stat own {};
+	struct stat parent {};
+	return stat(path.c_str(), &own) == 0 && stat((path + "/..").c_str(), &parent) == 0 && own.st_dev != parent.st_dev;
 }
 
 } // namespace
@@ -204,19 +144,6 @@ void PrepareLockFiles(const Services& services) {
 		std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
 		Make(path);
 	}
-}
-
-void RequireUsableSettings(const dataupdate::IOUtils& io) {
-	RequireUsable(io, dataupdate::kServiceOverride, ServiceKinds());
-	RequireUsable(io, dataupdate::kDatabaseOverride, DatabaseKinds());
-}
-
-std::vector<std::string> ServiceSettings() {
-	return Names(ServiceKinds());
-}
-
-std::vector<std::string> DatabaseSettings() {
-	return Names(DatabaseKinds());
 }
 
 std::string VolumeProblem(const std::string& volume) {
@@ -258,16 +185,40 @@ void RequireNoLostVolume(const Services& services) {
 }
 
 std::string UnsafeVolumes(const std::string& exclude) {
-	const std::unique_ptr<TARNMountVolInfo, decltype(&TARNMountVolInfoFree)> list(
-	    TARNMountVolAllEnum(0, 1, 0), &TARNMountVolInfoFree);
 	std::string problems;
-	for (const TARNMountVolInfo* record = list.get(); record != nullptr; record = record->next) {
-		if (const std::string problem = VolumeProblem(record->mount_path);
-		    !problem.empty() && record->mount_path != exclude) {
-			problems += (problems.empty() ? "" : ", ") + problem;
-		}
-	}
+	ForEachVolumeBut(exclude, [&](const TARNMountVolInfo& volume) {
+		const std::string problem = VolumeProblem(volume.mount_path);
+		problems += (problems.empty() || problem.empty() ? "" : ", ") + problem;
+	});
 	return problems;
+}
+
+std::string WhyUnsuitable(const Services& services, const std::string& volume) {
+	const auto record = std::make_unique<TARNMountVolInfo>();
+	return TARNMountVolInfoGet(volume.c_str(), record.get()) == 0 ? Why(services, *record) : WhyNoVolume(volume);
+}
+
+std::string WhyNoOther(const Services& services, const std::string& exclude) {
+	std::string reasons;
+	bool is_any = false;
+	ForEachVolumeBut(exclude, [&](const TARNMountVolInfo& volume) {
+		is_any = true;
+		if (const std::string path = volume.mount_path; VolumeProblem(path).empty()) {
+			reasons += (reasons.empty() ? "" : ", ") + path + " is not suitable: " + Why(services, volume);
+		}
+	});
+	return is_any
+	           ? reasons
+	           : "There is no other volume; a tmpfs or a network file system counts only when a \"directory\" line of "
+	             "/usr/tarn/etc/volumes.conf names it";
+}
+
+std::string WhyNoVolume(const std::string& path) {
+	return IsMountPoint(path)
+	           ? "it is mounted, but no \"pattern\" of /usr/tarn/etc/volumes.conf matches it, or its file system does "
+	             "not count, such as a tmpfs or a network file system; the line \"directory " +
+	                 path + "\" there takes it all the same"
+	           : "it is not mounted, or not listed in /usr/tarn/etc/volumes.conf";
 }
 
 } // namespace tarn::ctl

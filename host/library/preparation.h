@@ -1,12 +1,10 @@
-/** @file What must be in order before anything is done: the lock files, the settings, and where data lies. */
+/** @file What must be in order before anything is done: the lock files, and where data lies. */
 #ifndef HOST_LIBRARY_PREPARATION_H
 #define HOST_LIBRARY_PREPARATION_H
 
-#include "dataupdate/utils.h"
 #include "host/library/services.h"
 
 #include <string>
-#include <vector>
 
 namespace tarn::ctl {
 
@@ -19,18 +17,6 @@ namespace tarn::ctl {
  * Throws CommandError when the directory or a file is not root's own, or others may write to the directory.
  */
 void PrepareLockFiles(const Services& services);
-
-/**
- * Throws CommandError when an override file is there that cannot be read, or holds a value of the wrong type. The
- * library takes its defaults instead, so that a slip of the pen would end all updates without a word, and the next
- * setting to be written would replace the file.
- */
-void RequireUsableSettings(const dataupdate::IOUtils& io);
-
-/** The names of the settings of data_update.conf, all in its one section. */
-std::vector<std::string> ServiceSettings();
-/** The names of the settings of a database in databases.conf. */
-std::vector<std::string> DatabaseSettings();
 
 /** What is wrong with a volume, as a sentence without its end: the place, and why it is not safe. Empty when it is
  * safe. */
@@ -63,6 +49,19 @@ void RequireNoLostVolume(const Services& services);
  * @param exclude  a volume that does not matter
  */
 std::string UnsafeVolumes(const std::string& exclude);
+
+/** Why a safe volume is not suitable, as a sentence without its end. */
+[[nodiscard]] std::string WhyUnsuitable(const Services& services, const std::string& volume);
+
+/**
+ * Each safe volume and why it is not suitable, or why there is none; a sentence without its end.
+ *
+ * @param exclude  a volume that does not matter
+ */
+[[nodiscard]] std::string WhyNoOther(const Services& services, const std::string& exclude);
+
+/** Why a path is no volume, as a sentence without its end. */
+[[nodiscard]] std::string WhyNoVolume(const std::string& path);
 
 } // namespace tarn::ctl
 

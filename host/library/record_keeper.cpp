@@ -1,24 +1,12 @@
 #include "host/library/record_keeper.h"
 
-#include "base/file_io.h"
-#include "base/text.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
-#include "dataupdate/paths.h"
-#include "dataupdate/progress.h"
-#include "host/library/failure.h"
-#include "host/library/failure_name.h"
 #include "host/library/inspection.h"
-#include "host/library/json_record.h"
 #include "host/library/listed_files.h"
-#include "host/terminal/progress_file.h"
-
-#include <json/value.h>
 
 #include <syslog.h>
 
-#include <chrono>
-#include <ctime>
 #include <exception>
 #include <filesystem>
 #include <vector>
@@ -29,121 +17,12 @@ using dataupdate::InstalledRecord;
 
 namespace {
 
-constexpr char kFailureName[] = "last_failure.json";
-constexpr std::size_t kLongestSentence = 1000;
-
-using Clock = std::chrono::steady_clock;
-
-/** What is known when an operation begins. */
-struct Beginning {
-	Clock::time_point time = Clock::now();
-	std::uint64_t downloaded_bytes = dataupdate::DownloadedBytes();
-};
-
-void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
-	try {
-		std::filesystem::create_directories(path.parent_path());
-		RemoveLeftDrafts(path.parent_path());
-		WriteWholeFile(path, object.toStyledString());
-	} catch (const std::exception& error) {
-		syslog(LOG_WARNING, "The result could not be recorded: %s", error.what());
-	}
-}
-
-void Write(const std::string& id, const char* operation, const Beginning& beginning, ExitCode code,
-    Category category = Category::kOther) {
-	const std::optional<RunRecord> before = ReadRunRecord(id);
-	const std::uint64_t downloaded = dataupdate::DownloadedBytes() - beginning.downloaded_bytes;
-	Json::Value object(Json::objectValue);
-	object["operation"] = operation;
-	object["time"] = Json::Int64{std::time(nullptr)};
-	object["exit_status"] = code;
-	object["failure"] = FailureName(code, category);
-	if (before && before->last_success) {
-		object["last_success"] = Json::Int64{*before->last_success}; // Read where this one is no success.
-	}
-	object["seconds"] = std::chrono::duration<double>(Clock::now() - beginning.time).count();
-	object["downloaded_bytes"] = Json::UInt64{downloaded};
-	object["downloaded_total"] = Json::UInt64{downloaded + (before ? before->downloaded_total : 0)};
-	WriteResult(RunRecordPath(id), object);
-}
-
 /** What the record is for has been done, or can be done without it. */
 void LogLoss(const std::string& id, const std::exception& error) {
 	syslog(LOG_WARNING, "The files of '%s' could not be recorded: %s", id.c_str(), error.what());
 }
 
 } // namespace
-
-std::string RunRecordPath(const std::string& id) {
-	return dataupdate::StatePath(id, "last_run.json");
-}
-
-ExitCode RunRecorded(
-    const Services& services, const std::string& id, const char* operation, const std::function<ExitCode()>& work) {
-	const Beginning beginning;
-	const ProgressSubject subject(id);
-	ExitCode code = kDone;
-	try {
-		code = work();
-	} catch (...) {
-		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
-			const Failure failure = ExplainException(*services.io, id);
-			Write(id, operation, beginning, failure.code, failure.category);
-			RecordFailure(id, operation, failure);
-		}
-		throw;
-	}
-	Write(id, operation, beginning, code);
-	return code;
-}
-
-void RecordFailure(const std::string& id, const char* operation, const Failure& failure) {
-	Json::Value object(Json::objectValue);
-	object["operation"] = operation;
-	object["time"] = Json::Int64{std::time(nullptr)};
-	object["exit_status"] = failure.code;
-	object["error"] = PlainAscii(failure.sentence, kLongestSentence);
-	WriteResult(dataupdate::StatePath(id, kFailureName), object);
-}
-
-std::optional<FailureRecord> ReadFailureRecord(const std::string& id) {
-	const Json::Value object = ReadJsonRecord(dataupdate::StatePath(id, kFailureName));
-	if (!object.isObject()) {
-		return std::nullopt;
-	}
-	try {
-		return FailureRecord{object["operation"].asString(), object["time"].asInt64(), object["exit_status"].asInt(),
-		    PlainAscii(object["error"].asString(), kLongestSentence)};
-	} catch (const Json::Exception&) {
-		return std::nullopt;
-	}
-}
-
-std::optional<RunRecord> ReadRunRecord(const std::string& id) {
-	const Json::Value object = ReadJsonRecord(RunRecordPath(id));
-	if (!object.isObject()) {
-		return std::nullopt;
-	}
-	try {
-		RunRecord record;
-		record.operation = object["operation"].asString();
-		record.time = object["time"].asInt64();
-		record.exit_status = object["exit_status"].asInt();
-		record.seconds = object["seconds"].asDouble();
-		record.downloaded_bytes = object["downloaded_bytes"].asUInt64();
-		record.downloaded_total = object["downloaded_total"].asUInt64();
-		record.failure = object["failure"].asString();
-		if (record.exit_status == kDone) {
-			record.last_success = record.time;
-		} else if (object.isMember("last_success")) {
-			record.last_success = object["last_success"].asInt64();
-		}
-		return record;
-	} catch (const Json::Exception&) {
-		return std::nullopt;
-	}
-}
 
 void RecordKeeper::Mend(int installed_version) {
 	if (installed_version != -1 && IsWhole() && !SeemsCurrent(id_, installed_version) &&
@@ -229,11 +108,6 @@ void RecordKeeper::RecallUnfinished() {
 	}
 }
 
-void RecordKeeper::KeepFixed(InstalledRecord listed) {
-	before_.reset();
-	Write([&] { return WholeRecord(std::move(listed), InstallPrefix(), true); });
-}
-
 void RecordKeeper::KeepForced(const InstalledRecord& listed) {
 	Write([&] {
 		return before_ ? CarryThroughForced(
@@ -244,7 +118,8 @@ void RecordKeeper::KeepForced(const InstalledRecord& listed) {
 
 void RecordKeeper::KeepUpdated(InstalledRecord listed, bool is_full) {
 	if (is_full) {
-		KeepFixed(std::move(listed));
+		before_.reset();
+		Write([&] { return WholeRecord(std::move(listed), InstallPrefix(), true); });
 		return;
 	}
 	Write([&] {

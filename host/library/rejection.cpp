@@ -1,6 +1,5 @@
 #include "host/library/rejection.h"
 
-#include "base/file_io.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
@@ -23,15 +22,9 @@ std::string RejectionPath(const std::string& id) {
 }
 
 std::optional<Rejection> ReadRejection(const std::string& id) {
-	const Json::Value object = ReadJsonRecord(RejectionPath(id));
-	if (!object.isObject()) {
-		return std::nullopt;
-	}
-	try {
+	return ReadJsonRecord(RejectionPath(id), [](const Json::Value& object) {
 		return Rejection{object["version"].asInt(), object["time"].asInt64(), object["message"].asString()};
-	} catch (const Json::Exception&) {
-		return std::nullopt;
-	}
+	});
 }
 
 void RememberRejection(const std::string& id, int version, const std::string& message) {
@@ -47,9 +40,7 @@ void RememberRejection(const std::string& id, int version, const std::string& me
 	object["time"] = Json::Int64{std::time(nullptr)};
 	object["message"] = message;
 	try {
-		const std::filesystem::path path = RejectionPath(id);
-		std::filesystem::create_directories(path.parent_path());
-		WriteWholeFile(path, object.toStyledString());
+		WriteJsonRecord(RejectionPath(id), object);
 	} catch (const std::exception& error) {
 		syslog(LOG_WARNING, "The refusal could not be recorded: %s", error.what());
 	}

@@ -2,7 +2,6 @@
 #ifndef HOST_LIBRARY_REJECTION_H
 #define HOST_LIBRARY_REJECTION_H
 
-#include "dataupdate/update_error.h"
 #include "host/library/services.h"
 
 #include <cstdint>
@@ -17,7 +16,6 @@ struct Rejection {
 	std::string message;   ///< The library's, which names the hook and its sentence.
 };
 
-/** Where a database's record lies. */
 std::string RejectionPath(const std::string& id);
 
 /** The newest refusal; no value when there is none, or none that can be read. */
@@ -30,17 +28,6 @@ std::optional<Rejection> ReadRejection(const std::string& id);
  * @param message  the library's
  */
 void RememberRejection(const std::string& id, int version, const std::string& message);
-
-/** RememberRejection() of what the work throws, whose version may become known while it is done. */
-template<typename Work>
-void RememberingRejection(const std::string& id, const int& version, const Work& work) {
-	try {
-		work();
-	} catch (const dataupdate::UpdateError& error) {
-		RememberRejection(id, version, error.what());
-		throw;
-	}
-}
 
 /** Throws the remembered refusal of a version as the library threw it. */
 void RequireNotRejected(const std::string& id, int version);

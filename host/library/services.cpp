@@ -55,31 +55,14 @@ bool MayBeReadLater(const std::string& path, const UpdateError& error, bool is_f
 	       (CategoryOf(error.what()) == Category::kUndecodable && MayBeBeingWritten(path));
 }
 
-void MakeParents(const std::filesystem::path& place, const std::string& path) {
-	std::error_code error;
-	std::filesystem::create_directories(place.parent_path(), error);
-	if (error) {
-		throw UpdateError("Fail to create parent folder: " + path);
-	}
-}
-
-bool TryWrite(const std::filesystem::path& place, const std::string& text) {
-	try {
-		WriteWholeFile(place, text);
-	} catch (const Error&) {
-		return false;
-	}
-	return true;
-}
-
 void LimitDigestThreads(const dataupdate::Config& settings) {
+	unsigned long count = 0;
 	try {
-		const unsigned long count = settings.GetAsUInt64("config", "digest_threads");
-		dataupdate::LimitDigestThreads(static_cast<unsigned>(count));
+		count = settings.GetAsUInt64("config", "digest_threads");
 	} catch (const std::exception&) {
 		// Defaults from before the setting lack it, and settings that cannot be used are refused before any work.
-		dataupdate::LimitDigestThreads(0);
 	}
+	dataupdate::LimitDigestThreads(static_cast<unsigned>(count));
 }
 
 bool IsVolumeAvailable(const std::string& volume) {
@@ -144,10 +127,19 @@ void CheckedIO::WriteJson(const std::string& path, const Json::Value& value) con
 	std::error_code error;
 	const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
 	const std::filesystem::path place = error ? std::filesystem::path(path) : real;
-	MakeParents(place, path);
-	if (!TryWrite(place, FormatJson(value)) || !SyncDirectory(place.parent_path())) {
-		throw UpdateError(dataupdate::messages::kCannotWrite + path);
+	std::filesystem::create_directories(place.parent_path(), error);
+	if (error) {
+		throw UpdateError("Fail to create parent folder: " + path);
 	}
+	try {
+		WriteWholeFile(place, FormatJson(value));
+		if (SyncDirectory(place.parent_path())) {
+			return;
+		}
+	} catch (const Error&) {
+		// Told below, like a directory that does not reach the disk.
+	}
+	throw UpdateError(dataupdate::messages::kCannotWrite + path);
 }
 
 Services MakeServices(Terminal& terminal) {

@@ -1,14 +1,22 @@
 #include "host/library/update_plan.h"
 
 #include "dataupdate/installation.h"
+#include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "host/library/install_place.h"
 #include "host/library/operation.h"
-#include "host/library/readers.h"
 #include "host/library/rejection.h"
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <exception>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 
 namespace tarn::ctl {
 
@@ -17,8 +25,29 @@ namespace {
 // As the library keeps free.
 constexpr std::uint64_t kReservedShare = 20;
 
-std::string Number(int version) {
-	return std::to_string(version);
+/** As the system's list of locks names it; empty for a missing file. */
+std::string NameInList(const std::string& path) {
+	struct stat status {};
+	std::array<char, 64> name{};
+	if (stat(path.c_str(), &status) != 0) {
+		return "";
+	}
+	const int length = std::snprintf(name.data(), name.size(), "%02x:%02x:%ju", major(status.st_dev),
+	    minor(status.st_dev), static_cast<std::uintmax_t>(status.st_ino));
+	return {name.data(), static_cast<std::size_t>(length)};
+}
+
+/**
+ * How many processes read the database, told by the system's list of locks, so that nobody is disturbed: trying the
+ * lock would hold off a reader for a moment. Processes of other namespaces are not told.
+ */
+std::size_t CountReaders(const std::string& id) {
+	const std::string file = NameInList(dataupdate::UsingLockPath(id));
+	if (file.empty()) {
+		return 0;
+	}
+	std::ifstream list("/proc/locks");
+	return ReadersIn({std::istreambuf_iterator<char>(list), std::istreambuf_iterator<char>()}, file).size();
 }
 
 /** The hold's, the versions' and the schedule's part of the answer; false when nothing would be installed. */
@@ -79,7 +108,7 @@ std::string Obstacle(const Services& services, const UpdatePlan& plan) {
 	}
 	if (const std::optional<Rejection> rejection = ReadRejection(plan.id);
 	    rejection && rejection->version == plan.found.offered) {
-		return "a check of this machine refused version " + Number(plan.found.offered);
+		return "a check of this machine refused version " + std::to_string(plan.found.offered);
 	}
 	const Budget budget = services.scheduled_budget ? services.scheduled_budget() : Budget();
 	try {
@@ -99,8 +128,8 @@ void PlanWay(const Services& services, const dataupdate::RemoteInfo& remote, Upd
 	if (plan.old_place && !plan.finishes) {
 		plan.way.reason = DescribeOldPlace(services, plan.id, *plan.old_place);
 	}
-	plan.reason = plan.way.is_chain ? "diff packages lead from version " + Number(plan.found.installed) + " to " +
-	                                      Number(plan.found.offered)
+	plan.reason = plan.way.is_chain ? "diff packages lead from version " + std::to_string(plan.found.installed) +
+	                                      " to " + std::to_string(plan.found.offered)
 	                                : plan.way.reason;
 	if (!plan.way.is_chain && services.package_size) {
 		plan.way.bytes = services.package_size(remote.download_link);
@@ -124,7 +153,7 @@ UpdatePlan MakeUpdatePlan(const Services& services, const std::string& id) {
 	plan.found.installed = plan.finishes.value_or(plan.from);
 	plan.found.is_unfinished = plan.is_unfinished && !plan.finishes;
 	plan.hold = ReadHold(id);
-	plan.readers = ReadersOf(id).size();
+	plan.readers = CountReaders(id);
 	plan.is_updating = services.checker->IsUpdating(id);
 	const dataupdate::RemoteInfo remote = services.info->GetRemoteInfo(id);
 	plan.found.offered = remote.data_version;
@@ -133,7 +162,8 @@ UpdatePlan MakeUpdatePlan(const Services& services, const std::string& id) {
 		PlanWay(services, remote, plan);
 	}
 	if (plan.finishes) {
-		plan.reason = "a killed replacement by version " + Number(*plan.finishes) + " is finished; then " + plan.reason;
+		plan.reason =
+		    "a killed replacement by version " + std::to_string(*plan.finishes) + " is finished; then " + plan.reason;
 	}
 	return plan;
 }
@@ -150,6 +180,26 @@ Room JudgeRoom(const std::optional<std::uint64_t>& packages, const std::optional
 		return Room::kUnknown;
 	}
 	return *most_bytes > *free_bytes ? Room::kPerhaps : Room::kEnough;
+}
+
+std::vector<pid_t> ReadersIn(const std::string& locks, const std::string& file) {
+	std::vector<pid_t> readers;
+	std::istringstream lines(locks);
+	for (std::string line; std::getline(lines, line);) {
+		// "7: FLOCK  ADVISORY  READ 4242 00:1b:4711 0 EOF"; who waits has "->" in the second place.
+		std::istringstream words(line);
+		std::string number;
+		std::string kind;
+		std::string strictness;
+		std::string access;
+		std::string place;
+		pid_t process = 0;
+		if (words >> number >> kind >> strictness >> access >> process >> place && kind == "FLOCK" &&
+		    access == "READ" && place == file) {
+			readers.push_back(process);
+		}
+	}
+	return readers;
 }
 
 } // namespace tarn::ctl

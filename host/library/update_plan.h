@@ -5,12 +5,14 @@
 #include "host/library/budget.h"
 #include "host/library/hold.h"
 #include "host/library/services.h"
-#include "host/library/update_way.h"
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn::ctl {
 
@@ -47,6 +49,14 @@ struct UpdatePlan {
 /** Whether there is room for packages and for everything that an update puts beside the installed files. */
 [[nodiscard]] Room JudgeRoom(const std::optional<std::uint64_t>& packages,
     const std::optional<std::uint64_t>& most_bytes, const std::optional<std::uint64_t>& free_bytes);
+
+/**
+ * The processes that hold a file's lock as readers.
+ *
+ * @param locks  the system's list of locks
+ * @param file   as the list names it: "00:1b:4711"
+ */
+[[nodiscard]] std::vector<pid_t> ReadersIn(const std::string& locks, const std::string& file);
 
 } // namespace tarn::ctl
 

@@ -1,5 +1,8 @@
 #include "host/library/volume_move.h"
 
+#include "base/file_io.h"
+#include "base/process.h"
+#include "base/text.h"
 #include "dataupdate/file_list.h"
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
@@ -7,15 +10,20 @@
 #include "dataupdate/utils.h"
 #include "dataupdate/volume_handler.h"
 #include "host/library/failure.h"
-#include "host/library/move_output.h"
 #include "host/library/preparation.h"
 #include "host/library/volume_content.h"
-#include "host/library/volume_hook.h"
 
+#include <tarnsdk/plugin.h>
+
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
@@ -29,6 +37,49 @@ using dataupdate::MainDirPath;
 using End = MoveOutcome::End;
 
 namespace {
+
+bool IsOfMove(const std::string& line) {
+	return StartsWith(line, "/bin/mv: ") || StartsWith(line, "mv: ");
+}
+
+/**
+ * Tells other services that the databases are about to move to another volume and have moved: both directories of the
+ * databases and both volumes. Their hooks advise: every failure is logged, and none stops a move. To be used while no
+ * update and no reader runs.
+ */
+class VolumeHook {
+public:
+	VolumeHook(const std::string& from, const std::string& to) {
+		TLIBPluginContext* context = nullptr;
+		if (TLIBPluginSDKInit("database_autoupdate", "database_autoupdate/volume_change", &context) != 0) {
+			syslog(LOG_ERR, "The hooks about the change of the volume cannot be run");
+			return;
+		}
+		context_.reset(context);
+		Set("FROM", MainDirPath(from));
+		Set("TO", MainDirPath(to));
+		Set("FROM_VOLUME", from);
+		Set("TO_VOLUME", to);
+	}
+
+	void ExecPre() { Exec(TLIB_PLUGIN_ACTION_PRE, "before"); }
+	/** To be called only after a move that succeeded. */
+	void ExecPost() { Exec(TLIB_PLUGIN_ACTION_POST, "after"); }
+
+private:
+	void Set(const char* key, const std::string& value) {
+		if (TLIBPluginSetArg(context_.get(), key, value.c_str()) != 0) {
+			syslog(LOG_ERR, "The hooks about the change of the volume cannot be told %s", key);
+		}
+	}
+	void Exec(TLIBPluginActionType action, const char* when) {
+		if (context_ != nullptr && TLIBPluginAction(action, context_.get()) != 0) {
+			syslog(LOG_ERR, "A hook %s the change of the volume failed", when);
+		}
+	}
+
+	std::unique_ptr<TLIBPluginContext, decltype(&TLIBPluginExit)> context_{nullptr, &TLIBPluginExit};
+};
 
 /** Every name below a directory, with its kind and, of a file, its size; nothing below what does not exist. */
 using Content = dataupdate::FileList;
@@ -65,14 +116,6 @@ std::optional<Content> ContentBelow(const std::string& directory) {
 	}
 }
 
-void Prepare(const Services& services, const std::string& volume, Preparation& preparation) {
-	RequireSafeVolume(preparation.target);
-	preparation.before = ContentBelow(MainDirPath(volume));
-	const std::optional<Content> there = ContentBelow(MainDirPath(preparation.target));
-	preparation.target_is_free = there && there->IsEmpty();
-	preparation.marked = MarkInstalled(services);
-}
-
 /** The library's part. It gives the volume up, asks for another one, and logs the failures of its steps. */
 class PreparingHandler : public dataupdate::VolumeHandler {
 public:
@@ -82,7 +125,11 @@ public:
 	std::string FindSuitableVolume(std::string exclude) const override {
 		try {
 			preparation_.target = VolumeHandler::FindSuitableVolume(std::move(exclude));
-			Prepare(services_, volume_, preparation_);
+			RequireSafeVolume(preparation_.target);
+			preparation_.before = ContentBelow(MainDirPath(volume_));
+			const std::optional<Content> there = ContentBelow(MainDirPath(preparation_.target));
+			preparation_.target_is_free = there && there->IsEmpty();
+			preparation_.marked = MarkInstalled(services_);
 			preparation_.hook.emplace(volume_, preparation_.target);
 			preparation_.hook->ExecPre();
 			preparation_.output.emplace();
@@ -164,6 +211,57 @@ MoveOutcome MoveAway(const Services& services, const std::string& volume) {
 		TakeBack(services, preparation);
 	}
 	return {end, preparation.target};
+}
+
+MoveOutput::MoveOutput() {
+	std::array<int, 2> ends = {-1, -1};
+	UniqueFd stream(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+	if (!stream || pipe2(ends.data(), O_CLOEXEC) != 0) {
+		return;
+	}
+	read_end_ = UniqueFd(ends[0]);
+	const UniqueFd write_end(ends[1]); // Which the thread outlives only when the stream has become another such end.
+	stream_ = std::move(stream);
+	const process::AllSignalsBlocked blocked; // They are for the main thread.
+	thread_ = std::thread([this] { PassOn(); });
+	dup2(write_end.Get(), STDERR_FILENO);
+}
+
+MoveOutput::~MoveOutput() {
+	End();
+}
+
+std::size_t MoveOutput::End() {
+	if (thread_.joinable()) {
+		dup2(stream_.Get(), STDERR_FILENO); // Closes the pipe's last end, by which the thread ends.
+		thread_.join();
+	}
+	return lines_ - std::min(lines_, kShownLines);
+}
+
+void MoveOutput::PassOn() {
+	constexpr std::size_t kPiece = 4096;
+	constexpr std::size_t kLongestLine = 16384;
+	std::array<char, kPiece> buffer{};
+	std::string line;
+	for (ssize_t count = 0; (count = read(read_end_.Get(), buffer.data(), buffer.size())) > 0;) {
+		for (ssize_t at = 0; at < count; ++at) {
+			line += buffer[static_cast<std::size_t>(at)];
+			if (line.back() == '\n' || line.size() == kLongestLine) {
+				PassOn(line);
+				line.clear();
+			}
+		}
+	}
+	PassOn(line);
+}
+
+void MoveOutput::PassOn(const std::string& line) {
+	if (IsOfMove(line) && ++lines_ > kShownLines) {
+		return;
+	}
+	// Whoever closed the other end of the stream does not want to know.
+	[[maybe_unused]] const bool ignored = WriteAll(stream_.Get(), line.data(), line.size());
 }
 
 } // namespace tarn::ctl

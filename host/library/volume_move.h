@@ -1,10 +1,13 @@
-/** @file The move of all databases from a volume to another one. */
+/** @file The move of all databases from a volume to another one, and what mv complains of meanwhile. */
 #ifndef HOST_LIBRARY_VOLUME_MOVE_H
 #define HOST_LIBRARY_VOLUME_MOVE_H
 
+#include "base/unique_fd.h"
 #include "host/library/services.h"
 
+#include <cstddef>
 #include <string>
+#include <thread>
 
 namespace tarn::ctl {
 
@@ -29,6 +32,33 @@ struct MoveOutcome {
  * that no other volume is suitable.
  */
 [[nodiscard]] MoveOutcome MoveAway(const Services& services, const std::string& volume);
+
+/**
+ * Takes this process's error stream, which mv inherits, and passes on the first lines of mv's, which are thousands when
+ * a disk is full, and every line of others. To be made by the main thread, one at a time; without a pipe the stream
+ * stays what it is.
+ */
+class MoveOutput {
+public:
+	static constexpr std::size_t kShownLines = 5;
+
+	MoveOutput();
+	~MoveOutput();
+	MoveOutput(const MoveOutput&) = delete;
+	MoveOutput& operator=(const MoveOutput&) = delete;
+
+	/** Gives the stream back, and returns how many lines of mv were not passed on. */
+	std::size_t End();
+
+private:
+	void PassOn();
+	void PassOn(const std::string& line);
+
+	UniqueFd stream_;
+	UniqueFd read_end_;
+	std::size_t lines_ = 0;
+	std::thread thread_;
+};
 
 } // namespace tarn::ctl
 

@@ -5,8 +5,7 @@
 #include "dataupdate/update_error.h"
 #include "entry.h"
 #include "host/library/failure.h"
-#include "host/library/preparation.h"
-#include "host/library/unknown_settings.h"
+#include "host/library/settings.h"
 #include "scratch.h"
 
 #include <json/value.h>

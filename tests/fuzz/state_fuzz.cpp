@@ -9,8 +9,8 @@
 #include "host/library/hold.h"
 #include "host/library/installed_files.h"
 #include "host/library/installed_package.h"
-#include "host/library/record_keeper.h"
 #include "host/library/rejection.h"
+#include "host/library/run_record.h"
 #include "host/terminal/progress_file.h"
 #include "scratch.h"
 

@@ -1,7 +1,6 @@
 #include "dataupdate/update_error.h"
 #include "host/library/budget.h"
-#include "host/library/record_keeper.h"
-#include "host/library/update_way.h"
+#include "host/library/run_record.h"
 #include "private_root.h"
 #include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"

@@ -3,7 +3,7 @@
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
 #include "host/library/operation.h"
-#include "host/library/record_keeper.h"
+#include "host/library/run_record.h"
 #include "private_root.h"
 #include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"

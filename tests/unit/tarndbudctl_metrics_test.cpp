@@ -4,7 +4,7 @@
 #include "dataupdate/paths.h"
 #include "host/library/failure.h"
 #include "host/library/installed_package.h"
-#include "host/library/record_keeper.h"
+#include "host/library/run_record.h"
 #include "host/terminal/text.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"

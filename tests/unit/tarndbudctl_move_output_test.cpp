@@ -1,6 +1,6 @@
 #include "base/file_io.h"
 #include "base/unique_fd.h"
-#include "host/library/move_output.h"
+#include "host/library/volume_move.h"
 #include "temporary_directory.h"
 
 #include <gtest/gtest.h>

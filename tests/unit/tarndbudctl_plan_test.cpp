@@ -1,7 +1,6 @@
 #include "dataupdate/update_error.h"
 #include "host/library/hold.h"
 #include "host/library/package_size.h"
-#include "host/library/readers.h"
 #include "host/library/update_plan.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"

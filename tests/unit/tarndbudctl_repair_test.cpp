@@ -1,7 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/interruption.h"
 #include "host/library/failure.h"
-#include "host/library/record_keeper.h"
+#include "host/library/run_record.h"
 #include "private_root.h"
 #include "tarndbudctl_doubles.h"
 #include "temporary_directory.h"

@@ -1,7 +1,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/installation.h"
 #include "host/library/failure.h"
-#include "host/library/record_keeper.h"
+#include "host/library/run_record.h"
 #include "private_root.h"
 #include "syslog_capture.h"
 #include "tarndbudctl_doubles.h"

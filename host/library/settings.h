@@ -1,11 +1,20 @@
-/** @file Settings that no program knows, most often for a slip of the keyboard. */
-#ifndef HOST_LIBRARY_UNKNOWN_SETTINGS_H
-#define HOST_LIBRARY_UNKNOWN_SETTINGS_H
+/** @file What is wrong with the settings: values that cannot be used, and names that no program knows. */
+#ifndef HOST_LIBRARY_SETTINGS_H
+#define HOST_LIBRARY_SETTINGS_H
+
+#include "dataupdate/utils.h"
 
 #include <string>
 #include <vector>
 
 namespace tarn::ctl {
+
+/**
+ * Throws CommandError when an override file is there that cannot be read, or holds a value of the wrong type. The
+ * library takes its defaults instead, so that a slip of the pen would end all updates without a word, and the next
+ * setting to be written would replace the file.
+ */
+void RequireUsableSettings(const dataupdate::IOUtils& io);
 
 /** A setting as it lies in its file. */
 struct PlacedSetting {
