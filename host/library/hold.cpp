@@ -31,17 +31,14 @@ bool IsMissing(const std::string& path) {
 	return lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
-Json::Value Decode(const std::string& text) {
+Hold Decode(const std::string& text) {
 	Json::CharReaderBuilder builder;
 	builder["failIfExtra"] = true;
 	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
 	Json::Value value;
 	Require(reader->parse(text.data(), text.data() + text.size(), &value, nullptr), "it is no JSON document");
 	Require(value.isObject() && value.isMember(kUpTo), "it is no object with \"up_to\"");
-	return value;
-}
-
-Hold Decoded(const Json::Value& up_to) {
+	const Json::Value& up_to = value[kUpTo];
 	if (up_to.isNull()) {
 		return {};
 	}
@@ -62,7 +59,7 @@ std::optional<Hold> ReadHold(const std::string& id) {
 	}
 	try {
 		const UniqueFd file = OpenRegularFile(AT_FDCWD, path);
-		return Decoded(Decode(ReadSmallFile(file.Get(), kLargestFile, path))[kUpTo]);
+		return Decode(ReadSmallFile(file.Get(), kLargestFile, path));
 	} catch (const std::exception& error) { // JsonCpp has one of its own for what is nested too deeply.
 		return Hold{std::nullopt, error.what()};
 	}

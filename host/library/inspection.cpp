@@ -128,10 +128,8 @@ std::vector<BadFile> FindUnknown(const Known& known) {
 	return unknown;
 }
 
-using Bad = std::vector<BadFile>;
-
 /** Everything but what is recorded, which the caller adds. */
-Findings Judge(const Known& known, Bad of_listed, const Bad& of_others) {
+Findings Judge(const Known& known, std::vector<BadFile> of_listed, const std::vector<BadFile>& of_others) {
 	Findings found;
 	found.is_unfinished = known.is_unfinished;
 	found.knowledge = KnowledgeOf(known.files);
@@ -141,8 +139,8 @@ Findings Judge(const Known& known, Bad of_listed, const Bad& of_others) {
 }
 
 Findings JudgeAll(Known known) {
-	Bad others;
-	Bad listed = FindBadFiles(known.listed, known.install_prefix);
+	std::vector<BadFile> listed = FindBadFiles(known.listed, known.install_prefix);
+	std::vector<BadFile> others;
 	if (known.files) {
 		others = FindBadFiles(*known.files, known.listed, known.install_prefix);
 	}

@@ -117,10 +117,6 @@ bool NextIs(std::istream& file, const std::string& expected) {
 	return file.read(text.data(), static_cast<std::streamsize>(text.size())) && text == expected;
 }
 
-bool IsBefore(const timespec& left, const timespec& right) {
-	return std::tie(left.tv_sec, left.tv_nsec) < std::tie(right.tv_sec, right.tv_nsec);
-}
-
 /** One line for each file. */
 void Encode(const InstalledFiles& record, const TextSink& sink) {
 	sink(Head(record.data_version) + R"("rebuilt_from_disk":)" + (record.is_from_disk ? "true" : "false") +
@@ -186,7 +182,8 @@ bool SeemsCurrent(const std::string& id, int version) {
 	return NextIs(file, Head(version)) &&
 	       NextIs(file.seekg(1 - static_cast<std::streamoff>(sizeof kEnd), std::ios::end), kEnd) &&
 	       stat(path.c_str(), &own) == 0 && stat(dataupdate::StatusPath(id).c_str(), &librarys) == 0 &&
-	       !IsBefore(own.st_mtim, librarys.st_mtim);
+	       std::tie(own.st_mtim.tv_sec, own.st_mtim.tv_nsec) >=
+	           std::tie(librarys.st_mtim.tv_sec, librarys.st_mtim.tv_nsec);
 }
 
 void ConfirmInstalledFiles(const std::string& id) {

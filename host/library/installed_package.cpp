@@ -41,14 +41,13 @@ void Listen(tarnarchive_observer observer, void* data) {
 	}
 }
 
-const char* Tell(void* data, const char* /*package*/, const char* metadata) {
-	return static_cast<OpenedPackages*>(data)->Hear(metadata);
-}
-
 } // namespace
 
 OpenedPackages::OpenedPackages(std::optional<int> expected) : expected_(expected) {
-	Listen(Tell, this);
+	const auto tell = [](void* data, const char* /*package*/, const char* metadata) {
+		return static_cast<OpenedPackages*>(data)->Hear(metadata);
+	};
+	Listen(tell, this);
 }
 
 OpenedPackages::~OpenedPackages() {

@@ -38,9 +38,8 @@ Json::Value ParseDocument(const std::string& text) {
 	builder["stackLimit"] = kMostNested;
 	const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
 	Json::Value root;
-	std::string errors;
 	try {
-		if (reader->parse(text.data(), text.data() + text.size(), &root, &errors) && root.isObject() &&
+		if (reader->parse(text.data(), text.data() + text.size(), &root, nullptr) && root.isObject() &&
 		    root["db_list"].isObject()) {
 			return root;
 		}
@@ -88,8 +87,7 @@ private:
 		if (!failure_.empty()) {
 			return "The kit " + path_ + " " + failure_ + ", and it has no full package in its place" + kCopyAgain;
 		}
-		const std::optional<PackageRefusal> refusal = LastPackageRefusal();
-		if (refusal) {
+		if (const std::optional<PackageRefusal> refusal = LastPackageRefusal()) {
 			return "The kit " + path_ + " holds a package that " + refusal->reason +
 			       ", and it has no full package in its place";
 		}

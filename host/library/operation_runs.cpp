@@ -10,10 +10,9 @@
 #include <syslog.h>
 
 #include <exception>
+#include <utility>
 
 namespace tarn::ctl {
-
-using dataupdate::UpdateError;
 
 namespace {
 
@@ -69,10 +68,7 @@ dataupdate::InstalledRecord Operation::ReadHere() {
 	install_prefix_ = services_.config->GetDatabaseConfig(id_)->GetInstallPrefix();
 	dataupdate::InstalledRecord recorded = ReadRecorded(services_, id_);
 	outcome_.old_place = FindOldPlace(services_, id_, recorded);
-	if (outcome_.old_place) {
-		recorded = dataupdate::InstalledRecord();
-	}
-	return recorded;
+	return outcome_.old_place ? dataupdate::InstalledRecord() : std::move(recorded);
 }
 
 std::optional<int> FindPrepared(const Services& services, const std::string& id) {
@@ -124,7 +120,7 @@ Outcome FixDatabase(const Services& services, const std::string& id) {
 	try {
 		// Asks the check again, whatever it said before: a person wants it, or there is nothing better to be had.
 		operation.Front().FixProject(id);
-	} catch (const UpdateError& error) {
+	} catch (const dataupdate::UpdateError& error) {
 		const int target = found.held_at.value_or(found.offered);
 		RememberRejection(id, target, error.what());
 		if (target == found.offered || CategoryOf(error.what()) != Category::kDownload) {

@@ -22,6 +22,7 @@
 #include <cmath>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 namespace tarn::ctl {
 
@@ -168,10 +169,7 @@ dataupdate::InstalledRecord ReadRecorded(const Services& services, const std::st
 
 dataupdate::InstalledRecord ReadInstalled(const Services& services, const std::string& id) {
 	dataupdate::InstalledRecord recorded = ReadRecorded(services, id);
-	if (FindOldPlace(services, id, recorded)) {
-		recorded = dataupdate::InstalledRecord();
-	}
-	return recorded;
+	return FindOldPlace(services, id, recorded) ? dataupdate::InstalledRecord() : std::move(recorded);
 }
 
 void WriteInstalled(const Services& services, const std::string& id, const dataupdate::InstalledRecord& record) {

@@ -28,6 +28,8 @@ namespace tarn::ctl {
 
 namespace {
 
+constexpr std::size_t kLongestName = 60;
+
 struct Kind {
 	const char* name;
 	bool (*is)(const Json::Value& value);
@@ -82,10 +84,12 @@ void RequireKinds(const std::string& path, const std::string& section, const Jso
 	if (!values.isObject()) {
 		RefuseSettings(path, "'" + section + "' must be an object");
 	}
-	for (const auto& [key, kind] : kinds) {
-		if (!values[key].isNull() && !kind.is(values[key])) {
-			RefuseSettings(path, "'" + key + "' of '" + section + "' must be " + kind.name);
-		}
+	const auto wrong = std::find_if(kinds.begin(), kinds.end(), [&](const auto& entry) {
+		const Json::Value& value = values[entry.first];
+		return !value.isNull() && !entry.second.is(value);
+	});
+	if (wrong != kinds.end()) {
+		RefuseSettings(path, "'" + wrong->first + "' of '" + section + "' must be " + wrong->second.name);
 	}
 }
 
@@ -117,8 +121,6 @@ void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const
 		RefuseSettings(path, "it holds text that is no UTF-8, or a name with a zero byte");
 	}
 }
-
-constexpr std::size_t kLongestName = 60;
 
 bool Holds(const std::vector<std::string>& known, const std::string& name) {
 	return std::find(known.begin(), known.end(), name) != known.end();

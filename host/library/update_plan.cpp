@@ -2,7 +2,6 @@
 
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
-#include "dataupdate/update_error.h"
 #include "host/library/install_place.h"
 #include "host/library/operation.h"
 #include "host/library/rejection.h"

@@ -4,7 +4,6 @@
 #include "base/process.h"
 #include "base/text.h"
 #include "dataupdate/file_list.h"
-#include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
