@@ -12,8 +12,6 @@
 #include "host/library/services.h"
 #include "host/library/volume_content.h"
 
-#include <CLI/CLI.hpp>
-
 #include <syslog.h>
 
 #include <algorithm>
@@ -96,10 +94,6 @@ void ClearTemporaryArea(const Services& services, const std::string& volume) {
 	}
 }
 
-void Declare(CLI::App& app, Options& options) {
-	DeclareJsonObject(app, options);
-}
-
 ExitCode Run(const Services& services, const Options& options) {
 	TellUnknownSettings(services);
 	PrepareForReaders(services);
@@ -119,6 +113,6 @@ ExitCode Run(const Services& services, const Options& options) {
 const Command kInitCommand = {"init", "Choose the storage volume, once when the service starts",
     "A volume that was chosen before is kept. Fails when no volume is suitable. Makes the lock files of the installed\n"
     "databases, so that readers without root's rights can take the locks.",
-    {kLocked}, true, false, Declare, Run};
+    {kLocked}, true, false, DeclareJsonObject, Run};
 
 } // namespace tarn::ctl

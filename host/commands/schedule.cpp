@@ -4,7 +4,6 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 

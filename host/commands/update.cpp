@@ -4,7 +4,6 @@
 #include "dataupdate/installation.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
-#include "host/commands/operation.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
 #include "host/library/hold.h"
@@ -17,7 +16,6 @@
 #include <syslog.h>
 
 #include <optional>
-#include <string>
 #include <utility>
 
 namespace tarn::ctl {

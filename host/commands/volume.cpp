@@ -1,12 +1,9 @@
 #include "base/text.h"
-#include "dataupdate/volume_handler.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
 #include "host/library/preparation.h"
 
 #include <tarnsdk/volume.h>
-
-#include <CLI/CLI.hpp>
 
 #include <memory>
 
@@ -37,10 +34,6 @@ std::string VolumeToText(const std::string& volume, const TARNMountVolInfo* reco
 	       (record->writable != 0 ? "" : ", not writable") + (problem.empty() ? "" : ", not safe: " + problem) + "\n";
 }
 
-void Declare(CLI::App& app, Options& options) {
-	DeclareJsonObject(app, options);
-}
-
 ExitCode Run(const Services& services, const Options& options) {
 	const std::string volume = services.config->GetCurVolume();
 	const auto record = std::make_unique<TARNMountVolInfo>();
@@ -53,6 +46,6 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kVolumeShowCommand = {
-    "volume show", "Show the volume that holds the databases", nullptr, {}, false, false, Declare, Run};
+    "volume show", "Show the volume that holds the databases", nullptr, {}, false, false, DeclareJsonObject, Run};
 
 } // namespace tarn::ctl

@@ -9,7 +9,7 @@
 #include "host/library/install_place.h"
 #include "host/library/preparation.h"
 #include "host/library/rejection.h"
-#include "host/terminal/downloads.h"
+#include "host/terminal/progress.h"
 
 #include <syslog.h>
 

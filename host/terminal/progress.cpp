@@ -3,11 +3,18 @@
 #include "base/text.h"
 #include "host/terminal/progress_file.h"
 
+#include <tarncodesign/tarncodesign.h>
+
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
 #include <exception>
 #include <fstream>
+#include <utility>
+
+// An appliance's own platform may lack what only serves people.
+#pragma weak tarnarchive_announced_size
 
 namespace tarn::ctl {
 
@@ -22,6 +29,27 @@ constexpr std::chrono::milliseconds kLongestPause(500);
 constexpr double kLeastSeconds = 0.3;
 // The line's own bytes are among what the process writes.
 constexpr std::uint64_t kLeastBytes = 1000;
+
+struct Plan {
+	Mutex mutex;
+	std::vector<PlannedDownload> downloads TARN_GUARDED_BY(mutex);
+};
+
+Plan& ThePlan() {
+	static Plan plan;
+	return plan;
+}
+
+DownloadPlace PlannedPlace(const std::string& path) {
+	Plan& plan = ThePlan();
+	const MutexLock guard(plan.mutex);
+	const auto found = std::find_if(plan.downloads.begin(), plan.downloads.end(),
+	    [&](const PlannedDownload& download) { return download.path == path; });
+	if (found == plan.downloads.end()) {
+		return {};
+	}
+	return {static_cast<std::size_t>(found - plan.downloads.begin()) + 1, plan.downloads.size(), found->bytes};
+}
 
 /** Files that are hashed or patched one after the other are one phase together. */
 bool HasActivityPerFile(Phase phase) {
@@ -93,6 +121,21 @@ std::string FormatLeft(double seconds) {
 }
 
 } // namespace
+
+void PlanDownloads(std::vector<PlannedDownload> downloads) {
+	Plan& plan = ThePlan();
+	const MutexLock guard(plan.mutex);
+	plan.downloads = std::move(downloads);
+}
+
+DownloadPlace PlaceOfDownload(const std::string& path) {
+	DownloadPlace place = PlannedPlace(path);
+	unsigned long long bytes = 0;
+	if (place.bytes == 0 && tarnarchive_announced_size != nullptr && tarnarchive_announced_size(path.c_str(), &bytes)) {
+		place.bytes = bytes;
+	}
+	return place;
+}
 
 std::string PhaseName(Phase phase) {
 	switch (phase) {

@@ -1,19 +1,42 @@
-/** @file The line of progress on a terminal. */
+/** @file The line of progress on a terminal, and what is known beforehand of the packages that are downloaded. */
 #ifndef HOST_TERMINAL_PROGRESS_H
 #define HOST_TERMINAL_PROGRESS_H
 
 #include "base/mutex.h"
 #include "dataupdate/progress.h"
-#include "host/terminal/downloads.h"
 #include "host/terminal/terminal.h"
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tarn::ctl {
+
+/** A package that is going to be downloaded. */
+struct PlannedDownload {
+	std::string path;        ///< Where it is written.
+	std::uint64_t bytes = 0; ///< As the server announces it; 0: unknown.
+};
+
+/** One of the packages, while it is downloaded. */
+struct DownloadPlace {
+	std::size_t number = 0;  ///< From 1 on; 0 for a file that is not planned.
+	std::size_t count = 0;   ///< Of all that are planned.
+	std::uint64_t bytes = 0; ///< Of the whole file; 0: unknown.
+};
+
+/** Tells the packages of the operation that begins, in their order; may be called from any thread. */
+void PlanDownloads(std::vector<PlannedDownload> downloads);
+
+/**
+ * What is known of a file that is being downloaded. Where nobody announced its size, the beginning of a package tells
+ * it. May be called from any thread.
+ */
+[[nodiscard]] DownloadPlace PlaceOfDownload(const std::string& path);
 
 /** One look at the running update. */
 struct Sample {
