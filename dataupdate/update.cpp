@@ -3,6 +3,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/internal/file_copy.h"
 #include "dataupdate/internal/log.h"
+#include "dataupdate/internal/replacement_plan.h"
 #include "dataupdate/internal/replacement_scope.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
@@ -35,6 +36,13 @@ private:
 	std::optional<FileLock> project_;
 };
 
+/** A power cut can bring the end of a replacement's mark to the disk, and not that of its plan. */
+void RemoveLeftPlan(const std::string& id) {
+	if (!MayBeAMixture(id)) {
+		RemovePlan(id);
+	}
+}
+
 /** Runs an operation on a supported database under its locks, which are released after a failure has been logged. */
 template<typename Operation>
 void RunLocked(const ServiceConfig& config, const std::string& id, const char* name, const Operation& operation) {
@@ -42,6 +50,7 @@ void RunLocked(const ServiceConfig& config, const std::string& id, const char* n
 	try {
 		config.CheckSupported(id);
 		locks.Take(id);
+		RemoveLeftPlan(id);
 		operation();
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_INFO, "%s %s fail: %s", name, id.c_str(), error.what());

@@ -23,6 +23,8 @@ namespace fs = std::filesystem;
 
 constexpr char kAnyLock[] = "/run/data_update/update_any.lock";
 constexpr char kLock[] = "/run/data_update/update_geo.lock";
+constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
+constexpr char kPlan[] = "/var/lib/data_update/geo/replacement";
 
 bool IsFree(const std::string& lock) {
 	try {
@@ -128,6 +130,21 @@ TEST_F(UpdateProjectTest, LeavesWhatIsUpToDateOrNewer) {
 	EXPECT_THAT(LinesOf(log_, "file_lock.cpp"), testing::SizeIs(8)); // Taken and released all the same.
 }
 
+TEST_F(UpdateProjectTest, RemovesAPlanWhoseMarkAPowerCutTook) {
+	ON_CALL(*getter_, GetDatabaseStatus(_)).WillByDefault(Return(Installed(10)));
+	WriteFile(kPlan, "");
+	update_.UpdateProject("geo");
+	EXPECT_FALSE(fs::exists(kPlan));
+}
+
+TEST_F(UpdateProjectTest, KeepsAPlanThatBelongsToAMark) {
+	ON_CALL(*getter_, GetDatabaseStatus(_)).WillByDefault(Return(Installed(10)));
+	WriteFile(kPlan, "");
+	WriteFile(kMark, "");
+	update_.UpdateProject("geo");
+	EXPECT_TRUE(fs::exists(kPlan));
+}
+
 TEST_F(UpdateProjectTest, InstallsWhatWasNeverInstalled) {
 	EXPECT_CALL(*getter_, GetDatabaseStatus("geo")).WillOnce(Return(DatabaseStatus()));
 	EXPECT_CALL(*getter_, GetRemoteInfo("geo")).WillOnce(Return(Remote(0, "l")));
@@ -207,13 +224,13 @@ TEST_F(UpdateProjectTest, RecordsNothingThatIsNotOnTheDisk) {
 }
 
 TEST_F(UpdateProjectTest, CountsAnUnfinishedReplacementAsNothingInstalled) {
-	WriteFile("/var/lib/data_update/geo/replacing", "");
+	WriteFile(kMark, "");
 	WriteFile("/var/lib/data_update/geo/version.json", "{}");
 	ON_CALL(*getter_, GetRemoteInfo(_)).WillByDefault(Return(Remote(3, "l")));
 	EXPECT_CALL(*updater_, Update("geo", Installed(-1), Remote(3, "l"), _, _, _, _)).WillOnce(Return(Installed(3)));
 	update_.UpdateProject("geo");
 	EXPECT_EQ(Log().front(), (Line{LOG_WARNING, "update", "The last replacement of 'geo' was not finished"}));
-	WriteFile("/var/lib/data_update/geo/replacing", "");
+	WriteFile(kMark, "");
 	EXPECT_CALL(*getter_, SetDatabaseStatus("geo", _)); // No file is known to be damaged, and yet:
 	update_.FixProject("geo");
 }
