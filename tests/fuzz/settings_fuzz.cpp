@@ -1,8 +1,11 @@
 // Hostile settings of the administrator's: what the host lets pass, the library can use, and changes one by one. The
 // input is a byte that says which of the two files it is, and the file. Writes to the machine's own paths, so it is run
 // in scripts/sandbox.
+#include "dataupdate/config.h"
 #include "dataupdate/paths.h"
+#include "dataupdate/service_config.h"
 #include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 #include "entry.h"
 #include "host/library/failure.h"
 #include "host/library/settings.h"

@@ -3,6 +3,7 @@
 // to the machine's own paths, so it is run in scripts/sandbox.
 #include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
+#include "dataupdate/update_error.h"
 #include "dataupdate/utils.h"
 #include "entry.h"
 #include "host/library/checked_info_getter.h"
