@@ -6,7 +6,7 @@
 #include "publisher/common/files.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/tree.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document_sentences.h"
 #include "publisher/repository/repository.h"
 #include "publisher/sqlite/shown_value.h"

@@ -1,7 +1,7 @@
 #include "publisher/commands/diff_table.h"
 
 #include "base/text.h"
-#include "publisher/packages/kind_plan.h"
+#include "publisher/diff/kind_plan.h"
 
 #include <array>
 #include <iomanip>

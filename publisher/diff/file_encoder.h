@@ -4,7 +4,7 @@
 
 #include "publisher/common/files.h"
 #include "publisher/packages/diff_package.h"
-#include "publisher/packages/kind_plan.h"
+#include "publisher/diff/kind_plan.h"
 #include "publisher/packages/tree.h"
 
 #include <cstddef>

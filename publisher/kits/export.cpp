@@ -9,7 +9,7 @@
 #include "publisher/kits/kit_draft.h"
 #include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document.h"
 #include "publisher/repository/repository.h"
 

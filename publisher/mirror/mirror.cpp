@@ -5,7 +5,7 @@
 #include "publisher/common/publish_error.h"
 #include "publisher/mirror/mirror_snapshot.h"
 #include "publisher/mirror/store.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document.h"
 
 #include <filesystem>

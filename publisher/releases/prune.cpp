@@ -2,7 +2,7 @@
 
 #include "publisher/common/files.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/withdrawn_packages.h"
 
 #include <algorithm>

@@ -4,8 +4,9 @@
 #include "publisher/common/files.h"
 #include "publisher/diff/diff_maker.h"
 #include "publisher/releases/channels.h"
+#include "publisher/releases/next_version.h"
 #include "publisher/releases/same_content.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/last_publication.h"
 #include "publisher/repository/repository.h"
 

@@ -3,7 +3,7 @@
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/releases/signed_packages.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/repository.h"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 #include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document.h"
 
 #include <cerrno>

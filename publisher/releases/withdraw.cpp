@@ -2,10 +2,11 @@
 
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
+#include "publisher/releases/next_version.h"
 #include "publisher/releases/same_content.h"
 #include "publisher/releases/withdrawal_diffs.h"
 #include "publisher/releases/withdrawal_versions.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document_sentences.h"
 #include "publisher/repository/last_publication.h"
 #include "publisher/repository/withdrawn_packages.h"

@@ -4,7 +4,7 @@
 #include "publisher/changes/changes.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/tree.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/repository.h"
 #include "publisher/site/directory.h"
 #include "publisher/site/kept_changes.h"

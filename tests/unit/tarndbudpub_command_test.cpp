@@ -2,7 +2,7 @@
 #include "diff_fixture.h"
 #include "publisher/commands/command_line.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/repository/checks.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher_fixture.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // Which kind of patch a database gets, with a view to the whole chain.
 #include "diff_fixture.h"
-#include "publisher/packages/kind_plan.h"
+#include "publisher/diff/kind_plan.h"
 
 namespace tarn::test {
 

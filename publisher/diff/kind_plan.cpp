@@ -1,4 +1,4 @@
-#include "publisher/packages/kind_plan.h"
+#include "publisher/diff/kind_plan.h"
 
 #include <algorithm>
 #include <limits>

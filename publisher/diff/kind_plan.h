@@ -1,6 +1,6 @@
 /** @file Which kind of patch a database gets, with a view to the steps that may follow. */
-#ifndef PUBLISHER_PACKAGES_KIND_PLAN_H
-#define PUBLISHER_PACKAGES_KIND_PLAN_H
+#ifndef PUBLISHER_DIFF_KIND_PLAN_H
+#define PUBLISHER_DIFF_KIND_PLAN_H
 
 #include "publisher/packages/diff_package.h"
 
