@@ -3,8 +3,8 @@
 #define PUBLISHER_DIFF_DIFF_CHAIN_H
 
 #include "publisher/common/files.h"
-#include "publisher/packages/diff_package.h"
 #include "publisher/diff/kind_plan.h"
+#include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
 #include "publisher/repository/repository.h"
 

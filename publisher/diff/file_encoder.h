@@ -3,8 +3,8 @@
 #define PUBLISHER_DIFF_FILE_ENCODER_H
 
 #include "publisher/common/files.h"
-#include "publisher/packages/diff_package.h"
 #include "publisher/diff/kind_plan.h"
+#include "publisher/packages/diff_package.h"
 #include "publisher/packages/tree.h"
 
 #include <cstddef>

@@ -9,8 +9,8 @@
 #include "publisher/kits/kit_draft.h"
 #include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/repository.h"
 
 #include <fcntl.h>

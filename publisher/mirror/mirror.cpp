@@ -5,8 +5,8 @@
 #include "publisher/common/publish_error.h"
 #include "publisher/mirror/mirror_snapshot.h"
 #include "publisher/mirror/store.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document.h"
+#include "publisher/repository/option_checks.h"
 
 #include <filesystem>
 #include <map>

@@ -3,8 +3,8 @@
 #include "base/error.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/packages/diff_package.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document_sentences.h"
+#include "publisher/repository/option_checks.h"
 
 #include <utility>
 

@@ -5,8 +5,8 @@
 #include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
 #include "publisher/releases/prune.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document_sentences.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/repository_listing.h"
 
 #include <algorithm>

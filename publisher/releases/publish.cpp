@@ -6,8 +6,8 @@
 #include "publisher/releases/channels.h"
 #include "publisher/releases/next_version.h"
 #include "publisher/releases/same_content.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/last_publication.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/repository.h"
 
 #include <filesystem>

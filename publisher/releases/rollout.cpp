@@ -4,8 +4,8 @@
 #include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document.h"
+#include "publisher/repository/option_checks.h"
 
 #include <cerrno>
 #include <filesystem>

@@ -6,9 +6,9 @@
 #include "publisher/releases/same_content.h"
 #include "publisher/releases/withdrawal_diffs.h"
 #include "publisher/releases/withdrawal_versions.h"
-#include "publisher/repository/option_checks.h"
 #include "publisher/repository/document_sentences.h"
 #include "publisher/repository/last_publication.h"
+#include "publisher/repository/option_checks.h"
 #include "publisher/repository/withdrawn_packages.h"
 
 #include <filesystem>
