@@ -28,7 +28,7 @@ inline void Require(bool holds, const char* reason) {
 	throw Error(ErrnoText(attempt, errno));
 }
 
-/** Does so unless a call of the system has succeeded. */
+/** Throws as ThrowErrno() unless a call of the system has succeeded. */
 inline void RequireCall(bool has_succeeded, const char* attempt) {
 	if (!has_succeeded) {
 		ThrowErrno(attempt);

@@ -91,7 +91,7 @@ bool MayBeAMixture(const std::string& id) {
 
 void ClearReplacementMark(const std::string& id) noexcept {
 	const std::string mark = ReplacementMarkPath(id);
-	// A host may keep its records elsewhere.
+	// A missing record is no failure: a host may keep its records elsewhere.
 	const bool is_removed = SyncFile(StatusPath(id)) && (unlink(mark.c_str()) == 0 || errno == ENOENT);
 	if (!is_removed) {
 		TARN_LOG(LOG_ERR, "Failed to remove %s: %s", mark.c_str(), std::strerror(errno));

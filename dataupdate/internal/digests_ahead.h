@@ -32,8 +32,12 @@ public:
 	/** What the caller does until it asks. */
 	enum class Caller { kHelps, kHasOtherWork };
 
-	/** Paths by their numbers, in the order in which they will be asked for; several threads call the function. */
+	/**
+	 * Paths by their numbers, in the order in which they will be asked for; several threads call the function at a
+	 * time.
+	 */
 	DigestsAhead(std::size_t count, std::function<std::string(std::size_t)> path_of, Caller caller = Caller::kHelps);
+	/** Paths in the order in which they will be asked for. */
 	explicit DigestsAhead(const std::vector<std::string>& paths, Caller caller = Caller::kHelps);
 	~DigestsAhead();
 	DigestsAhead(const DigestsAhead&) = delete;

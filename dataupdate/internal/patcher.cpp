@@ -93,7 +93,7 @@ void Patcher::ApplyPackage(const std::string& package_directory) {
 
 std::map<std::string, ModifyInfo> Patcher::CheckedChanges() const {
 	std::map<std::string, ModifyInfo> changes = ByPlainName(modify_infos_);
-	// All of them, so that the first file is not replaced when the last one cannot be.
+	// All sources, so that the first file is not replaced when the last one cannot be.
 	for (const auto& [name, info] : changes) {
 		boost::system::error_code ignored;
 		if (info.operation == ModifyInfo::kOverride && !fs::is_regular_file(fs::status(info.source, ignored))) {

@@ -33,7 +33,10 @@ public:
 	const std::string& Path() const { return staged_; }
 	/** Makes empty directories for the new tree, and for the old one. */
 	void MakeRoom() const;
-	/** Moves what is installed, but what stays, to the temporary area; removes what is mounted and cannot be moved. */
+	/**
+	 * Moves what is installed to the temporary area, except entries of names that stay; removes what is mounted, which
+	 * cannot be moved.
+	 */
 	void ClearInstalled(const std::function<bool(const std::string& name)>& stays = nullptr) const;
 	/** Moves the new tree in; false, with nothing done, where that is no mere renaming. */
 	[[nodiscard]] bool MoveIn() const;

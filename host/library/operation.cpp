@@ -25,7 +25,7 @@ using dataupdate::RemoteInfo;
 
 namespace {
 
-/** The diff packages that lead from one version to another; their paths begin alike. */
+/** The diff packages that lead from one version to another, whose paths all have this beginning. */
 std::vector<PlannedDownload> ChainOf(const std::string& beginning, int from, int to, const Diffs& diffs) {
 	std::vector<PlannedDownload> chain;
 	for (int version = from + 1; version <= to; ++version) {
@@ -36,10 +36,11 @@ std::vector<PlannedDownload> ChainOf(const std::string& beginning, int from, int
 }
 
 /**
- * Tells the line of progress which diff packages will come. Without a chain of them says beforehand what the library's
- * "No sufficient diff patched" will mean, which sounds like a failure.
+ * The diff packages that will come. Without a chain of them says beforehand what the library's "No sufficient diff
+ * patched" will mean, which sounds like a failure.
  */
-void TellOfDiffs(const Services& services, const std::string& id, const Outcome& outcome, const Diffs& diffs) {
+std::vector<PlannedDownload> PlannedDiffs(
+    const Services& services, const std::string& id, const Outcome& outcome, const Diffs& diffs) {
 	const int end = EndOfChain(outcome.before, outcome.offered, diffs);
 	const bool is_chain = outcome.before >= 0 && end >= outcome.offered;
 	if (outcome.before < 0) {
@@ -53,8 +54,7 @@ void TellOfDiffs(const Services& services, const std::string& id, const Outcome&
 		    end, end + 1, id.c_str(), outcome.before, outcome.offered);
 	}
 	const std::string beginning = dataupdate::TempDirPath(services.config->GetCurVolume()) + "/" + id + "_d";
-	PlanDownloads(
-	    is_chain ? ChainOf(beginning, outcome.before, outcome.offered, diffs) : std::vector<PlannedDownload>());
+	return is_chain ? ChainOf(beginning, outcome.before, outcome.offered, diffs) : std::vector<PlannedDownload>();
 }
 
 /** What passes through the library's front, which holds it all the time; the files pass beside it. */
@@ -78,7 +78,7 @@ public:
 			return {}; // Diff packages only lead forward, and only from the files that they were made for.
 		}
 		Diffs diffs = operation_.services_.info->GetDiffInfos(id);
-		TellOfDiffs(operation_.services_, id, operation_.outcome_, diffs);
+		PlanDownloads(PlannedDiffs(operation_.services_, id, operation_.outcome_, diffs));
 		return diffs;
 	}
 	DatabaseStatus GetDatabaseStatus(const std::string& /*id*/) const override { return operation_.ReadStatus(); }

@@ -100,7 +100,7 @@ Outcome UpdateDatabase(const Services& services, const std::string& id, const Bu
 	operation.Limit(budget);
 	operation.Treat(refused);
 	Outcome outcome = Update(operation, id);
-	// Not asked for where no terminal shows it, and when everything is recorded: it may take a while.
+	// Asked for only where a terminal shows it, and only when everything is recorded: it may take a while.
 	if (!operation.SparedLink().empty() && services.terminal.Draws() && services.package_size) {
 		outcome.full_package_bytes = services.package_size(operation.SparedLink());
 	}

@@ -1,4 +1,5 @@
-/** @file What must be in order before anything is done: the lock files, and where data lies. */
+/** @file What must be in order before anything is done: the lock files, and where data lies; why a volume gets no data.
+ */
 #ifndef HOST_LIBRARY_PREPARATION_H
 #define HOST_LIBRARY_PREPARATION_H
 

@@ -65,7 +65,10 @@ struct Volume {
 	int error;
 };
 
-/** The volumes by their paths; returns 0, or an errno value when the configuration or the mounts cannot be read. */
+/**
+ * The volumes in ascending order of their paths; returns 0, or an errno value when the configuration or the mounts
+ * cannot be read.
+ */
 [[nodiscard]] int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes);
 
 /**
