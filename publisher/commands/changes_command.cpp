@@ -40,7 +40,7 @@ CLI::callback_t TakeCount(const std::string& name, std::size_t& count) {
 
 int RunChanges(const Options& given, const Streams& streams) {
 	ChangesOptions options = given;
-	// The value of an unknown option seems to be a version, so the parser has judged the options before.
+	// Only now: an unknown option's value looks like a version, and the parser has refused unknown options by now.
 	options.from = TakeVersion("FROM", given.from_word);
 	options.to = TakeVersion("TO", given.to_word);
 	Changes changes;

@@ -4,6 +4,7 @@
 
 #include <boost/locale/utf.hpp>
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 

@@ -35,7 +35,7 @@ KindPlan PlanKind(const StepCosts& step, const AllowedKinds& allowed, const Chai
 	if (allowed.script && step.script) {
 		plan.expected[PatchKind::kScript] = *step.script + std::min(future.script, step.whole + future.patch);
 	}
-	for (const PatchKind kind : {PatchKind::kScript, PatchKind::kVcdiff}) { // the last of equal ones
+	for (const PatchKind kind : {PatchKind::kScript, PatchKind::kVcdiff}) { // a later kind wins a tie
 		const auto expected = plan.expected.find(kind);
 		if (expected != plan.expected.end() && expected->second <= plan.expected[plan.kind]) {
 			plan.kind = kind;

@@ -29,7 +29,7 @@ struct ScriptSubject {
  * script must fail or change nothing.
  *
  * @param scratch  a directory that no other call uses
- * @throws PublishError when no script can be made or it does not reproduce the content
+ * @throws PublishError when no script can be made or it does not reproduce the content, or SQLite's exception
  */
 void EncodeScript(
     const ScriptSubject& subject, const std::string& script, const std::string& scratch, const ScriptLimits& limits);

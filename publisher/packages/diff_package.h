@@ -1,4 +1,4 @@
-/** @file What a diff package holds, and what becomes of a tree by it. */
+/** @file What a diff package holds, and the tree that a device has after it. */
 #ifndef PUBLISHER_PACKAGES_DIFF_PACKAGE_H
 #define PUBLISHER_PACKAGES_DIFF_PACKAGE_H
 

@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "publisher/changes/changes.h"
+
 namespace tarn::publisher::site {
 
 std::string DatabasePath(const Database& database) {

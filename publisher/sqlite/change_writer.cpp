@@ -183,8 +183,8 @@ void WriteChangesInPlace(const DatabasePair& pair, const TableShape& shape, Chan
 			    }
 		    });
 	};
-	ForEachOnlyIn(
-	    pair, DatabasePair::kBefore, shape, [&](const RowKey& key, const SqlRow& /*row*/) { writer.Delete(key); });
+	ForEachOnlyIn(pair, DatabasePair::kBefore, shape, {}, // a deleted row may be large, and only its key is needed
+	    [&](const RowKey& key, const SqlRow& /*row*/) { writer.Delete(key); });
 	for_each_moved([&](const RowKey& key, const SqlRow& /*after*/) { writer.Delete(key); });
 	ForEachChanged(
 	    pair, shape, [&](std::uint64_t number, const RowKey& key, const SqlRow& before, const SqlRow& after) {
@@ -193,7 +193,7 @@ void WriteChangesInPlace(const DatabasePair& pair, const TableShape& shape, Chan
 		    }
 	    });
 	const auto insert = [&](const RowKey& key, const SqlRow& row) { writer.Insert(key, row); };
-	ForEachOnlyIn(pair, DatabasePair::kAfter, shape, insert);
+	ForEachOnlyIn(pair, DatabasePair::kAfter, shape, shape.columns, insert);
 	for_each_moved(insert);
 	writer.Flush();
 }

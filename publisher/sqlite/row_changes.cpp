@@ -104,13 +104,13 @@ private:
 
 void CompareByKey(const DatabasePair& pair, const ComparedTable& table, ExampleTaker& taker) {
 	const TableShape shape = ReadShape(table);
-	ForEachOnlyIn(pair, DatabasePair::kAfter, shape,
+	ForEachOnlyIn(pair, DatabasePair::kAfter, shape, shape.columns,
 	    [&](const RowKey& key, const SqlRow& row) { taker.Take(RowOperation::kInserted, key, row); });
 	ForEachChanged(
 	    pair, shape, [&](std::uint64_t /*number*/, const RowKey& key, const SqlRow& before, const SqlRow& after) {
 		    taker.TakeUpdate(key, before, after);
 	    });
-	ForEachOnlyIn(pair, DatabasePair::kBefore, shape,
+	ForEachOnlyIn(pair, DatabasePair::kBefore, shape, shape.columns,
 	    [&](const RowKey& key, const SqlRow& row) { taker.Take(RowOperation::kDeleted, key, row); });
 }
 

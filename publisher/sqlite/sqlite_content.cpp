@@ -33,7 +33,7 @@ struct Setting {
 	const char* name;
 	std::size_t offset;
 	std::size_t size;
-	bool is_flag = false; // of which only counts whether it is zero
+	bool is_flag = false; // only whether it is zero matters
 };
 constexpr std::array<Setting, 10> kSettings = {
     {{"page size", 16, 2}, {"journal mode", 18, 2}, {"reserved space", 20, 1}, {"schema format", 44, 4},
@@ -68,9 +68,23 @@ SQLite::Database OpenAlone(const std::string& path) {
 	return {AloneUri(path), SQLite::OPEN_READONLY | SQLite::OPEN_URI};
 }
 
+std::string_view BytesOf(const SQLite::Column& column) {
+	const auto* bytes = static_cast<const char*>(column.getBlob());
+	return {bytes, static_cast<std::size_t>(column.getBytes())};
+}
+
+/** Copies no texts and blobs, because every row of a database passes here. */
+bool SameValue(const SQLite::Column& left, const SQLite::Column& right) {
+	if (left.getType() != right.getType()) {
+		return false;
+	}
+	const bool has_bytes = left.isText() || left.isBlob();
+	return has_bytes ? BytesOf(left) == BytesOf(right) : ValueOf(left) == ValueOf(right);
+}
+
 bool SameRow(const SQLite::Statement& left, const SQLite::Statement& right) {
 	for (int column = 0; column < left.getColumnCount(); ++column) {
-		if (ValueOf(left.getColumn(column)) != ValueOf(right.getColumn(column))) {
+		if (!SameValue(left.getColumn(column), right.getColumn(column))) {
 			return false;
 		}
 	}

@@ -80,16 +80,17 @@ SqlRow RowOf(const SQLite::Statement& statement, std::size_t first, std::size_t 
 }
 
 void ForEachOnlyIn(const DatabasePair& pair, const char* schema, const TableShape& shape,
-    const std::function<void(const RowKey& key, const SqlRow& row)>& take) {
-	const std::vector<std::string> names = shape.KeyNames();
+    const std::vector<std::string>& columns, const std::function<void(const RowKey& key, const SqlRow& row)>& take) {
+	std::vector<std::string> names = shape.KeyNames();
+	const std::size_t key_width = names.size();
 	const std::string keys = Joined(names, ",", "a.");
+	names.insert(names.end(), columns.begin(), columns.end());
 	const char* other = std::string_view(schema) == DatabasePair::kAfter ? DatabasePair::kBefore : DatabasePair::kAfter;
-	SQLite::Statement rows(pair.Connection(), "SELECT " + keys + "," + Joined(shape.columns, ",", "a.") + " FROM " +
-	                                              schema + "." + shape.name + " AS a WHERE NOT EXISTS(SELECT 1 FROM " +
-	                                              other + "." + shape.name + " AS b WHERE " + SameKey(shape) +
-	                                              ") ORDER BY " + keys);
+	SQLite::Statement rows(pair.Connection(), "SELECT " + Joined(names, ",", "a.") + " FROM " + schema + "." +
+	                                              shape.name + " AS a WHERE NOT EXISTS(SELECT 1 FROM " + other + "." +
+	                                              shape.name + " AS b WHERE " + SameKey(shape) + ") ORDER BY " + keys);
 	while (rows.executeStep()) {
-		take(RowOf(rows, 0, names.size()), RowOf(rows, names.size(), shape.columns.size()));
+		take(RowOf(rows, 0, key_width), RowOf(rows, key_width, columns.size()));
 	}
 }
 

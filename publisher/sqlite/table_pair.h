@@ -30,9 +30,9 @@ private:
 	SQLite::Database connection_;
 };
 
-/** The rows of one version of a table whose keys the other version lacks, in the order of their keys. */
+/** Reads these columns of the rows of a version whose keys the other version lacks, in the order of their keys. */
 void ForEachOnlyIn(const DatabasePair& pair, const char* schema, const TableShape& shape,
-    const std::function<void(const RowKey& key, const SqlRow& row)>& take);
+    const std::vector<std::string>& columns, const std::function<void(const RowKey& key, const SqlRow& row)>& take);
 
 /** Rows of both versions that differ, with their numbers among these, in the order of their keys before. */
 void ForEachChanged(const DatabasePair& pair, const TableShape& shape,
