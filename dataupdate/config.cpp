@@ -5,35 +5,18 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
 
+#include <type_traits>
 #include <utility>
 
 namespace tarn::dataupdate {
 
-template<>
-std::string Config::GetAs<std::string>(const Json::Value& value) const {
-	if (!value.isString()) {
+template<typename T>
+T Config::GetAs(const Json::Value& value) const {
+	using Stored = std::conditional_t<std::is_same_v<T, unsigned long>, Json::UInt, T>;
+	if (!value.is<Stored>()) {
 		throw UpdateError(messages::kWrongType);
 	}
-	return value.asString();
-}
-
-template<>
-bool Config::GetAs<bool>(const Json::Value& value) const {
-	if (!value.isBool()) {
-		throw UpdateError(messages::kWrongType);
-	}
-	return value.asBool();
-}
-
-template<>
-unsigned long Config::GetAs<unsigned long>(const Json::Value& value) const {
-	if (value.isUInt()) {
-		return value.asUInt64();
-	}
-	if (value.isInt() && value.asInt64() > 0) {
-		return static_cast<unsigned long>(value.asInt64());
-	}
-	throw UpdateError(messages::kWrongType);
+	return value.as<Stored>();
 }
 
 Config::Config(std::shared_ptr<IOUtils> io) : io_(std::move(io)) {}
@@ -117,6 +100,9 @@ std::vector<std::string> Config::GetSections() const {
 	}
 }
 
+template TARNDBUD_EXPORT std::string Config::GetAs<std::string>(const Json::Value&) const;
+template TARNDBUD_EXPORT unsigned long Config::GetAs<unsigned long>(const Json::Value&) const;
+template TARNDBUD_EXPORT bool Config::GetAs<bool>(const Json::Value&) const;
 template TARNDBUD_EXPORT std::string Config::__Get<std::string>(const std::string&, const std::string&) const;
 template TARNDBUD_EXPORT unsigned long Config::__Get<unsigned long>(const std::string&, const std::string&) const;
 template TARNDBUD_EXPORT bool Config::__Get<bool>(const std::string&, const std::string&) const;

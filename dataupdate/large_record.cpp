@@ -36,45 +36,35 @@ int ParseVersion(const std::string& text) {
 	return version;
 }
 
-/** Writes what JsonCpp's StyledStreamWriter("\t") makes of DatabaseStatus::ToJson(). */
-class RecordWriter {
-public:
-	explicit RecordWriter(const std::string& path) : path_(path), file_(path, std::ios::out) { Check(file_.is_open()); }
-
-	void Begin(int version) { file_ << "{\n\t\"data_version\" : \"" << version << "\",\n\t\"file_statuses\" : "; }
-
-	void Add(const std::string& name, const std::string& digest) {
-		file_ << (has_files_ ? ",\n" : "\n\t{\n") << "\t\t" << Json::valueToQuotedString(name.c_str())
-		      << " : \n\t\t{\n\t\t\t\"sha384_digest\" : " << Json::valueToQuotedString(digest.c_str()) << "\n\t\t}";
-		has_files_ = true;
-	}
-
-	void End(int fetch_time) {
-		file_ << (has_files_ ? "\n\t}" : "{}") << ",\n\t\"last_fetch_time\" : " << fetch_time << "\n}\n";
-		file_.close();
-		Check(!file_.fail());
-	}
-
-private:
-	void Check(bool is_good) const {
-		if (!is_good) {
-			throw UpdateError(messages::kCannotWrite + path_);
-		}
-	}
-
-	std::string path_;
-	std::ofstream file_;
-	bool has_files_ = false;
-};
-
-RecordWriter OpenRecord(const std::string& id) {
-	const std::string path = StatusPath(id);
+void CreateParent(const std::string& path) {
 	try {
 		boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
 	} catch (const boost::filesystem::filesystem_error&) {
 		throw UpdateError("Fail to create parent folder: " + path);
 	}
-	return RecordWriter(path);
+}
+
+/**
+ * Writes what JsonCpp's StyledStreamWriter("\t") makes of DatabaseStatus::ToJson(). The files come from a function,
+ * which calls add(name, digest) for each.
+ */
+template<typename ForEachFile>
+void WriteRecordText(const std::string& id, int version, int fetch_time, const ForEachFile& for_each_file) {
+	const std::string path = StatusPath(id);
+	CreateParent(path);
+	std::ofstream file(path, std::ios::out);
+	file << "{\n\t\"data_version\" : \"" << version << "\",\n\t\"file_statuses\" : ";
+	bool has_files = false;
+	for_each_file([&](const std::string& name, const std::string& digest) {
+		file << (has_files ? ",\n" : "\n\t{\n") << "\t\t" << Json::valueToQuotedString(name.c_str())
+		     << " : \n\t\t{\n\t\t\t\"sha384_digest\" : " << Json::valueToQuotedString(digest.c_str()) << "\n\t\t}";
+		has_files = true;
+	});
+	file << (has_files ? "\n\t}" : "{}") << ",\n\t\"last_fetch_time\" : " << fetch_time << "\n}\n";
+	file.close();
+	if (file.fail()) { // Also when it could not be opened.
+		throw UpdateError(messages::kCannotWrite + path);
+	}
 }
 
 } // namespace
@@ -112,23 +102,21 @@ std::optional<InstalledRecord> ReadLargeRecord(const std::string& id) {
 }
 
 void WriteLargeRecord(const std::string& id, const InstalledRecord& record) {
-	RecordWriter writer = OpenRecord(id);
-	writer.Begin(record.data_version);
-	for (std::size_t at = 0; at < record.files.Size(); ++at) {
-		if (record.files.HasText(at)) {
-			writer.Add(std::string(record.files.Name(at)), record.files.Text(at));
+	WriteRecordText(id, record.data_version, record.last_fetch_time, [&files = record.files](const auto& add) {
+		for (std::size_t at = 0; at < files.Size(); ++at) {
+			if (files.HasText(at)) {
+				add(std::string(files.Name(at)), files.Text(at));
+			}
 		}
-	}
-	writer.End(record.last_fetch_time);
+	});
 }
 
 void WriteLargeRecord(const std::string& id, const DatabaseStatus& status) {
-	RecordWriter writer = OpenRecord(id);
-	writer.Begin(status.data_version);
-	for (const auto& [name, file] : status.file_statuses) {
-		writer.Add(name, file.sha384_digest);
-	}
-	writer.End(status.last_fetch_time);
+	WriteRecordText(id, status.data_version, status.last_fetch_time, [&status](const auto& add) {
+		for (const auto& [name, file] : status.file_statuses) {
+			add(name, file.sha384_digest);
+		}
+	});
 }
 
 } // namespace tarn::dataupdate

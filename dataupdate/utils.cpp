@@ -50,13 +50,6 @@ void PrintJson(std::ostream& out, const Json::Value& value) {
 
 #pragma GCC diagnostic pop
 
-void CreateParents(const std::string& path) {
-	const fs::path parent = fs::path(path).parent_path();
-	if (fs::status(parent).type() == fs::file_not_found) {
-		fs::create_directories(parent);
-	}
-}
-
 void CheckIsDirectory(const std::string& path) {
 	struct stat status {};
 	if (stat(path.c_str(), &status) != 0) {
@@ -147,7 +140,10 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
 
 void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const {
 	try {
-		CreateParents(path);
+		const fs::path parent = fs::path(path).parent_path();
+		if (fs::status(parent).type() == fs::file_not_found) {
+			fs::create_directories(parent);
+		}
 	} catch (const fs::filesystem_error&) {
 		throw UpdateError("Fail to create parent folder: " + path);
 	}
