@@ -23,34 +23,21 @@ namespace {
 
 constexpr char kLogSource[] = "update";
 
-/** The lock on any update and the lock on one database's, taken in this order and released in the reverse. */
-class ProjectLocks {
-public:
-	void Take(const std::string& id) {
-		any_.emplace(kUpdateAnyLock, kLockTimeout);
-		project_.emplace(UpdateLockPath(id), kLockTimeout);
-	}
-
-private:
-	std::optional<FileLock> any_;
-	std::optional<FileLock> project_;
-};
-
-/** A power cut can bring the end of a replacement's mark to the disk, and not that of its plan. */
-void RemoveLeftPlan(const std::string& id) {
-	if (!MayBeAMixture(id)) {
-		RemovePlan(id);
-	}
-}
-
-/** Runs an operation on a supported database under its locks, which are released after a failure has been logged. */
+/**
+ * Runs an operation on a supported database under the lock on any update and the lock on this one's, taken in this
+ * order. They are released in the reverse, after a failure has been logged.
+ */
 template<typename Operation>
 void RunLocked(const ServiceConfig& config, const std::string& id, const char* name, const Operation& operation) {
-	ProjectLocks locks;
+	std::optional<FileLock> any_lock;
+	std::optional<FileLock> project_lock;
 	try {
 		config.CheckSupported(id);
-		locks.Take(id);
-		RemoveLeftPlan(id);
+		any_lock.emplace(kUpdateAnyLock, kLockTimeout);
+		project_lock.emplace(UpdateLockPath(id), kLockTimeout);
+		if (!MayBeAMixture(id)) {
+			RemovePlan(id); // A power cut can bring the end of a mark to the disk, and not that of its plan.
+		}
 		operation();
 	} catch (const UpdateError& error) {
 		TARN_LOG(LOG_INFO, "%s %s fail: %s", name, id.c_str(), error.what());
@@ -141,8 +128,8 @@ void Update::FixProject(const std::string& id) const {
 }
 
 void Update::ForceInstall(const std::string& id, int version) const {
-	ProjectLocks locks;
-	locks.Take(id);
+	const FileLock any_lock(kUpdateAnyLock, kLockTimeout);
+	const FileLock project_lock(UpdateLockPath(id), kLockTimeout);
 	const RemoteInfo remote = Retarget(info_getter_->GetRemoteInfo(id), version);
 	const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(id);
 	const std::string install_prefix = config->GetInstallPrefix();

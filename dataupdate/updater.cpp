@@ -64,10 +64,7 @@ struct Prepared {
 template<typename Strategy>
 Prepared Prepare(const std::shared_ptr<Strategy>& strategy) {
 	strategy->PrepareUpdate();
-	Prepared prepared;
-	prepared.strategy = strategy;
-	prepared.list_files = [own = strategy.get()] { return own->ListModifiedFiles(); };
-	return prepared;
+	return {strategy, [own = strategy.get()] { return own->ListModifiedFiles(); }, {}};
 }
 
 /** Does the same for a new version, which hooks may check. */
@@ -75,7 +72,7 @@ template<typename Strategy>
 Prepared PrepareNew(const std::shared_ptr<Strategy>& strategy) {
 	Prepared prepared = Prepare(strategy);
 	prepared.content = {strategy->PreparedTree(),
-	    [own = strategy.get()](const PreparedUpdate::Visit& visit) { own->VisitPrepared(visit); },
+	    [own = strategy.get()](const VisitFile& visit) { own->VisitPrepared(visit); },
 	    [own = strategy.get()] { return own->IsInstallable(); }};
 	prepared.digests = strategy->DigestsBegun();
 	return prepared;
@@ -183,9 +180,9 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
 UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus& status, const RemoteInfo& remote,
     const std::map<int, DiffInfo>& diffs, const std::string& volume, const std::string& installPrefix,
     const std::string& rootDirectory, const UpdateAdvice& advice) const {
-	UpdateResult result;
 	TARN_LOG(LOG_NOTICE, "Prepare diff update: %s", id.c_str());
 	Prepared prepared;
+	bool is_full = false;
 	try {
 		const auto diff =
 		    std::make_shared<DiffStrategy>(id, status, remote, diffs, volume, installPrefix, rootDirectory);
@@ -198,15 +195,13 @@ UpdateResult Updater::UpdateAndTell(const std::string& id, const DatabaseStatus&
 		}
 		TARN_LOG(LOG_NOTICE, "Prepare full update: %s", id.c_str());
 		prepared = PrepareNew(std::make_shared<FullStrategy>(id, remote, volume, installPrefix, rootDirectory));
-		result.is_full = true;
+		is_full = true;
 	}
 	Validate({id, advice.installed_version.value_or(status.data_version), remote.data_version, volume, installPrefix},
 	    prepared.content);
 	const auto announce = [&id] { TARN_LOG(LOG_NOTICE, "Apply update: %s", id.c_str()); };
-	result.files = Install(id, std::move(prepared), installPrefix, announce);
-	result.data_version = remote.data_version;
-	result.last_fetch_time = remote.last_fetch_time;
-	return result;
+	return {remote.data_version, remote.last_fetch_time, Install(id, std::move(prepared), installPrefix, announce),
+	    is_full};
 }
 
 std::optional<int> FindPreparedReplacement(
@@ -229,12 +224,8 @@ UpdateResult FinishReplacement(const std::string& id, const std::string& volume,
 	const auto announce = [&] {
 		TARN_LOG(LOG_NOTICE, "Finish the replacement of %s by version %d", id.c_str(), version.data_version);
 	};
-	UpdateResult result;
-	result.files = Install(id, std::move(prepared), install_prefix, announce);
-	result.data_version = version.data_version;
-	result.last_fetch_time = version.last_fetch_time;
-	result.is_full = version.is_full;
-	return result;
+	return {version.data_version, version.last_fetch_time, Install(id, std::move(prepared), install_prefix, announce),
+	    version.is_full};
 }
 
 Fixer::Fixer(const std::string& id, const RemoteInfo& remote, const std::string& volume,
@@ -262,9 +253,7 @@ InstalledRecord Fixer::FixAndTell() const {
 	Prepared prepared =
 	    PrepareNew(std::make_shared<FullStrategy>(id_, remote_, volume_, install_prefix_, root_directory_));
 	Validate({id_, std::nullopt, remote_.data_version, volume_, install_prefix_}, prepared.content);
-	InstalledRecord result(remote_.data_version, remote_.last_fetch_time, {});
-	result.files = Install(id_, std::move(prepared), install_prefix_, [] {});
-	return result;
+	return {remote_.data_version, remote_.last_fetch_time, Install(id_, std::move(prepared), install_prefix_, [] {})};
 }
 
 } // namespace tarn::dataupdate

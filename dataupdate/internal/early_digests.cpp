@@ -1,14 +1,13 @@
 #include "dataupdate/internal/early_digests.h"
 
+#include "base/sha2.h"
 #include "dataupdate/internal/replacement_plan.h"
-#include "dataupdate/utils.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <exception>
-#include <sstream>
 #include <utility>
 
 namespace tarn::dataupdate {
@@ -20,12 +19,6 @@ constexpr off_t kWorthAThread = off_t{1} << 20U;
 bool IsLarge(const std::string& path) {
 	struct stat status {};
 	return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= kWorthAThread;
-}
-
-/** Also what a file has that could not be read. */
-std::string DigestOfNothing() {
-	std::istringstream nothing;
-	return GetSha384(nothing);
 }
 
 } // namespace
@@ -55,7 +48,7 @@ std::optional<std::string> EarlyDigests::Take(const std::string& path) {
 	} catch (const std::exception&) { // Whoever takes the ordinary digest fails as well, and says why.
 	}
 	files_.erase(file);
-	return digest == DigestOfNothing() ? std::nullopt : digest;
+	return digest == Sha384().FinishHex() ? std::nullopt : digest; // A file that could not be read has it as well.
 }
 
 } // namespace tarn::dataupdate

@@ -20,7 +20,7 @@ namespace tarn::dataupdate {
 
 namespace {
 
-[[noreturn]] void ThrowErrno(const std::string& what, const std::string& src, const std::string& dst) {
+[[noreturn]] void ThrowErrno(const std::string& what, const std::string& src, const std::string& dst = "") {
 	throw boost::filesystem::filesystem_error(
 	    what, src, dst, boost::system::error_code(errno, boost::system::system_category()));
 }
@@ -109,8 +109,7 @@ void InstallRegularFile(const std::string& src, const std::string& dst) {
 
 void RemoveFile(const std::string& path) {
 	if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
-		throw boost::filesystem::filesystem_error(
-		    "unlink", path, boost::system::error_code(errno, boost::system::system_category()));
+		ThrowErrno("unlink", path);
 	}
 }
 

@@ -41,9 +41,7 @@ void RequireDone(bool is_done, const std::string& path) {
 
 UniqueFd OpenDirectory(int above, const char* name) {
 	UniqueFd directory(openat(above, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-	if (!directory) {
-		ThrowErrno(name);
-	}
+	RequireDone(static_cast<bool>(directory), name);
 	return directory;
 }
 
@@ -160,17 +158,15 @@ public:
 
 private:
 	void FillDirectory(const UniqueFd& from, const UniqueFd& to, const char* entry, const std::string& name) {
-		if (mkdirat(to.Get(), entry, S_IRWXU) != 0) {
-			ThrowErrno(original_ + name);
-		}
+		RequireDone(mkdirat(to.Get(), entry, S_IRWXU) == 0, original_ + name);
 		Fill(OpenDirectory(from.Get(), entry), OpenDirectory(to.Get(), entry), name);
 	}
 
 	void FillFile(const UniqueFd& from, const UniqueFd& to, const char* entry, const std::string& name) {
 		if (is_replaced_(name.substr(1))) {
 			RequireNoMount(from.Get(), entry, original_ + name);
-		} else if (linkat(from.Get(), entry, to.Get(), entry, 0) != 0) {
-			ThrowErrno(original_ + name);
+		} else {
+			RequireDone(linkat(from.Get(), entry, to.Get(), entry, 0) == 0, original_ + name);
 		}
 	}
 

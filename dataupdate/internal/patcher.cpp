@@ -110,13 +110,10 @@ void Patcher::Install(const std::map<std::string, ModifyInfo>& changes) const {
 void Patcher::_PatchFile(const std::string& name, const std::string& operation, const std::string& input) {
 	const ActivityScope activity(Phase::kPatch, (fs::path(install_directory_) / name).string());
 	_ClaimFile(name);
-	if (operation == "create") {
+	const bool is_new = operation == "create";
+	if (is_new || operation == "update") {
 		const std::string working_copy = _ClaimWorkingCopy(name);
-		IOUtils().CopyFile(input, working_copy);
-		_Record(name, ModifyInfo::kOverride, working_copy);
-	} else if (operation == "update") {
-		const std::string working_copy = _ClaimWorkingCopy(name);
-		_UpdateFile(name, working_copy, input);
+		is_new ? IOUtils().CopyFile(input, working_copy) : _UpdateFile(name, working_copy, input);
 		_Record(name, ModifyInfo::kOverride, working_copy);
 	} else if (operation == "delete") {
 		_Record(name, ModifyInfo::kDelete, accumulation_directory_ + "/" + FlatFileName(name));
@@ -199,9 +196,7 @@ std::string Patcher::_ClaimWorkingCopy(const std::string& name) {
 }
 
 void Patcher::_Record(const std::string& name, std::int32_t operation, const std::string& source) {
-	ModifyInfo& info = modify_infos_[name];
-	info.operation = operation;
-	info.source = source;
+	modify_infos_[name] = {operation, source};
 	if (tell_ && operation == ModifyInfo::kOverride) {
 		tell_(source);
 	}

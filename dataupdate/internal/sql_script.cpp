@@ -1,5 +1,6 @@
 #include "dataupdate/internal/sql_script.h"
 
+#include "base/handle.h"
 #include "base/mutex.h"
 #include "base/sqlite_names.h"
 #include "dataupdate/internal/activity.h"
@@ -52,19 +53,9 @@ bool IsHarmlessPragma(const char* name, const char* value) {
 	                         "recursive_triggers", "schema_version", "secure_delete", "synchronous", "temp_store"});
 }
 
-/** Keeps a script within its transaction and its file, for as long as the object lives. */
-class Restriction {
-public:
-	explicit Restriction(SQLite::Database& database) : database_(database) {
-		database_.check(sqlite3_set_authorizer(database_.getHandle(), AuthorizeScript, nullptr));
-	}
-	~Restriction() { sqlite3_set_authorizer(database_.getHandle(), nullptr, nullptr); }
-	Restriction(const Restriction&) = delete;
-	Restriction& operator=(const Restriction&) = delete;
-
-private:
-	SQLite::Database& database_;
-};
+void EndRestriction(sqlite3* connection) {
+	sqlite3_set_authorizer(connection, nullptr, nullptr);
+}
 
 class ScriptLines {
 public:
@@ -108,8 +99,10 @@ private:
 	std::ifstream file_;
 };
 
+/** Keeps the lines within their transaction and their file. */
 void ExecuteLines(SQLite::Database& database, ScriptLines& lines) {
-	const Restriction restriction(database);
+	database.check(sqlite3_set_authorizer(database.getHandle(), AuthorizeScript, nullptr));
+	const Handle<sqlite3, EndRestriction> restriction(database.getHandle());
 	std::string line;
 	while (lines.Next(line)) {
 		InterruptionPoint();

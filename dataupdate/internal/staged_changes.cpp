@@ -12,7 +12,6 @@
 
 #include <array>
 #include <deque>
-#include <set>
 #include <system_error>
 #include <utility>
 
@@ -64,15 +63,6 @@ bool Rename(const std::string& from, const std::string& to, unsigned flags) {
 
 std::string Above(const std::string& path) {
 	return path.substr(0, path.rfind('/'));
-}
-
-bool IsBelowAny(const std::set<std::string>& directories, const std::string& name) {
-	for (std::size_t end = name.find('/'); end != std::string::npos; end = name.find('/', end + 1)) {
-		if (directories.count(name.substr(0, end)) > 0) {
-			return true;
-		}
-	}
-	return false;
 }
 
 /** Exchanges a directory; the one above it, in which no name changes, keeps its time. */
@@ -129,7 +119,10 @@ void StagedChanges::Stage() {
 		_StageDirectories(names);
 	}
 	if (!directories_.empty()) {
-		_SetRemaining();
+		remaining_ = changes_;
+		for (const auto& [name, staged, tree] : directories_) {
+			remaining_.erase(remaining_.lower_bound(name + "/"), remaining_.lower_bound(name + kBehindSlash));
+		}
 	}
 	// What a rename needs of the disk is read now, rather than while readers wait.
 	for (const auto& [name, info] : _Remaining()) {
@@ -165,18 +158,6 @@ bool StagedChanges::_MakePlace() const {
 	} catch (const std::exception& error) {
 		TellSlowReplacement(error.what());
 		return false;
-	}
-}
-
-void StagedChanges::_SetRemaining() {
-	std::set<std::string> exchanged;
-	for (const Directory& directory : directories_) {
-		exchanged.insert(directory.name);
-	}
-	for (const auto& [name, info] : changes_) {
-		if (!IsBelowAny(exchanged, name)) {
-			remaining_.emplace_hint(remaining_.end(), name, info);
-		}
 	}
 }
 

@@ -57,7 +57,6 @@ private:
 	void _StageDirectories(const std::vector<std::string>& names);
 	/** Makes a directory ready below a root, under the name that it has in the database. Throws std::exception. */
 	Directory _StageDirectory(const std::string& name, const std::string& root) const;
-	void _SetRemaining();
 	bool _MoveIn(const Directory& directory) const;
 	const Changes& _Remaining() const { return directories_.empty() ? changes_ : remaining_; }
 	std::string _Installed(const std::string& name) const { return install_directory_ + "/" + name; }

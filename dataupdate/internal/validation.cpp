@@ -124,10 +124,6 @@ void Set(const Context& context, const char* key, const std::string& value) {
 	}
 }
 
-int MayGoOn() {
-	return IsInterrupted() ? 0 : 1;
-}
-
 /** The platform's reason begins with the hook's path in quotation marks. */
 [[noreturn]] void ThrowVerdict(int verdict, const std::string& reason) {
 	const char* const beginning = verdict == TLIB_PLUGIN_REFUSED ? messages::kRefused : messages::kNoVerdict;
@@ -156,7 +152,8 @@ void Validate(const ValidationRequest& request, const PreparedUpdate& prepared) 
 	Set(context, "DIRECTORY", presentation.Tree());
 	Set(context, "CHANGES", presentation.Changes());
 	std::array<char, kReasonBytes> reason{};
-	const int verdict = TLIBPluginCheck(context.get(), MayGoOn, reason.data(), reason.size());
+	const auto may_go_on = [] { return IsInterrupted() ? 0 : 1; };
+	const int verdict = TLIBPluginCheck(context.get(), may_go_on, reason.data(), reason.size());
 	InterruptionPoint(); // A hook that was ended for it has said nothing.
 	if (verdict != TLIB_PLUGIN_ACCEPTED) {
 		ThrowVerdict(verdict, reason.data());

@@ -2,6 +2,8 @@
 #ifndef DATAUPDATE_INTERNAL_VALIDATION_H
 #define DATAUPDATE_INTERNAL_VALIDATION_H
 
+#include "dataupdate/strategy.h"
+
 #include <functional>
 #include <optional>
 #include <string>
@@ -10,11 +12,8 @@ namespace tarn::dataupdate {
 
 /** What is going to be installed, as long as nothing has been replaced. */
 struct PreparedUpdate {
-	/** Learns of one file: its name below the install directory, and where it is prepared; empty when it is deleted. */
-	using Visit = std::function<void(const std::string& name, const std::string& source)>;
-
 	std::string tree; ///< Holds all files of the new version under their names; empty where only some change.
-	std::function<void(const Visit& visit)> for_each; ///< The files of the tree, or those that change.
+	std::function<void(const VisitFile& visit)> for_each; ///< The files of the tree, or those that change.
 	/** Whether it can be installed; nobody is asked about what is going to fail before it replaces a file. */
 	std::function<bool()> is_installable;
 };
