@@ -60,27 +60,21 @@ bool LoggingFailure(const char* path, const Function& function) noexcept {
 }
 
 /** Who is told of opened packages; set and read by any thread. */
-class {
-public:
-	void Set(tarnarchive_observer function, void* data) {
-		const tarn::MutexLock guard(mutex_);
-		function_ = function;
-		data_ = data;
-	}
-	/** Throws NotAskedFor with the reason when the observer does not want the package. */
-	void Tell(const char* package, const std::string& metadata) {
-		const tarn::MutexLock guard(mutex_);
-		const char* reason = function_ == nullptr ? nullptr : function_(data_, package, metadata.c_str());
-		if (reason != nullptr) {
-			throw tarn::archive::NotAskedFor(reason);
-		}
-	}
-
-private:
-	tarn::Mutex mutex_;
-	tarnarchive_observer function_ TARN_GUARDED_BY(mutex_) = nullptr;
-	void* data_ TARN_GUARDED_BY(mutex_) = nullptr;
+struct {
+	tarn::Mutex mutex;
+	tarnarchive_observer tell TARN_GUARDED_BY(mutex) = nullptr;
+	void* data TARN_GUARDED_BY(mutex) = nullptr;
 } the_observer;
+
+/** Throws NotAskedFor with the reason when the observer does not want the package. */
+void TellObserver(const char* package, const std::string& metadata) {
+	const tarn::MutexLock guard(the_observer.mutex);
+	const char* reason =
+	    the_observer.tell == nullptr ? nullptr : the_observer.tell(the_observer.data, package, metadata.c_str());
+	if (reason != nullptr) {
+		throw tarn::archive::NotAskedFor(reason);
+	}
+}
 
 /** A key with a slip in its permissions looks like a missing one, so the skipped files and the reasons are told. */
 void CheckByInstalledKeys(const tarn::archive::ArchiveFile& archive, int key_type) {
@@ -130,7 +124,7 @@ bool tarnarchive_open_with_keytype(struct tarnarchive* context, const char* pack
 		if (key_type == TARNARCHIVE_KEYTYPE_DATA_UPDATE) {
 			const std::string path = package;
 			tarn::archive::RequireAskedFor(archive.Metadata(), path.substr(path.rfind('/') + 1));
-			the_observer.Tell(package, std::string(archive.Metadata()));
+			TellObserver(package, std::string(archive.Metadata()));
 		}
 		context->package = package;
 		context->archive = std::move(archive);
@@ -174,5 +168,7 @@ bool tarnarchive_announced_size(const char* package, unsigned long long* bytes) 
 }
 
 void tarnarchive_observe(tarnarchive_observer observer, void* data) {
-	the_observer.Set(observer, data);
+	const tarn::MutexLock guard(the_observer.mutex);
+	the_observer.tell = observer;
+	the_observer.data = data;
 }

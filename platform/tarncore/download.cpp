@@ -30,28 +30,20 @@ std::optional<std::uint64_t> ParseNumber(const std::string& text) {
 	return std::stoull(text);
 }
 
-bool TakeSeconds(std::chrono::seconds& setting, std::uint64_t number) {
-	setting = std::chrono::seconds(number);
-	return number > 0;
-}
-
 const char* Take(const Directive& directive, DownloadSettings& settings) {
-	const std::optional<std::uint64_t> number = ParseNumber(directive.value);
-	DownloadSettings changed = settings;
-	bool fits = number.has_value();
-	if (directive.name == "deadline") {
-		fits = fits && TakeSeconds(changed.deadline, *number);
-	} else if (directive.name == "patience") {
-		fits = fits && TakeSeconds(changed.patience, *number);
-	} else if (directive.name == "lowest_rate") {
-		changed.lowest_rate = number.value_or(0);
-	} else {
+	const bool is_rate = directive.name == "lowest_rate";
+	if (!is_rate && directive.name != "deadline" && directive.name != "patience") {
 		return "unknown directive";
 	}
-	if (!fits) {
+	const std::optional<std::uint64_t> number = ParseNumber(directive.value);
+	if (!number || (*number == 0 && !is_rate)) {
 		return "the number is missing or out of range";
 	}
-	settings = changed;
+	if (is_rate) {
+		settings.lowest_rate = *number;
+	} else {
+		(directive.name == "deadline" ? settings.deadline : settings.patience) = std::chrono::seconds(*number);
+	}
 	return nullptr;
 }
 

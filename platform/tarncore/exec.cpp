@@ -98,19 +98,7 @@ int TLIBCExecl(const char* path, unsigned int options, ...) {
 }
 
 int TLIBCExec(const char* path, const char* arg1, const char* arg2, const char* arg3, const char* arg4) {
-	return WithoutExceptions([&] {
-		if (path == nullptr || path[0] != '/') {
-			return Fail(EINVAL);
-		}
-		constexpr unsigned int kOptions = TLIBC_EXEC_WAIT | TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL |
-		                                  TLIBC_EXEC_CLEAN_ENV | TLIBC_EXEC_NEW_GROUP;
-		Program program = MakeProgram(path, kOptions);
-		for (const char* argument : {arg1, arg2, arg3, arg4}) {
-			if (argument == nullptr) {
-				break;
-			}
-			program.arguments.emplace_back(argument);
-		}
-		return RunToEnd(program) == 0 ? 0 : -1;
-	});
+	constexpr unsigned int kOptions =
+	    TLIBC_EXEC_WAIT | TLIBC_EXEC_CLOSE_FDS | TLIBC_EXEC_STDIN_NULL | TLIBC_EXEC_CLEAN_ENV | TLIBC_EXEC_NEW_GROUP;
+	return TLIBCExecl(path, kOptions, arg1, arg2, arg3, arg4, nullptr) == 0 ? 0 : -1;
 }
