@@ -8,7 +8,6 @@ extern "C" {
 }
 
 #include "base/file_io.h"
-#include "base/unique_fd.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -274,6 +273,10 @@ int StartDetached(const Program& program) {
 	return StartAs(program, true, child);
 }
 
+UniqueFd Open(pid_t child) {
+	return UniqueFd(pidfd_open(child, 0));
+}
+
 int Wait(pid_t child, int& status) {
 	const pid_t ended = RetryOnInterrupt([&] { return waitpid(child, &status, 0); });
 	return ended == child ? 0 : errno;
@@ -282,7 +285,7 @@ int Wait(pid_t child, int& status) {
 int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
     const std::function<bool()>& may_go_on, int& status) {
 	// Only saves the rest of a period: without the descriptor, poll() is a sleep.
-	const UniqueFd process(pidfd_open(child, 0));
+	const UniqueFd process = Open(child);
 	pollfd watched = {process.Get(), POLLIN, 0};
 	while (!HasEnded(child)) {
 		if (!may_go_on()) {

@@ -7,6 +7,8 @@
 #ifndef BASE_PROCESS_H
 #define BASE_PROCESS_H
 
+#include "base/unique_fd.h"
+
 #include <signal.h>
 #include <sys/types.h>
 
@@ -61,6 +63,9 @@ struct Program {
 
 /** Starts a program that nobody waits for: it becomes a child of the system's reaper and leaves no zombie. */
 [[nodiscard]] int StartDetached(const Program& program);
+
+/** To be polled for a child's end; without a descriptor errno tells why. */
+[[nodiscard]] UniqueFd Open(pid_t child);
 
 /** Waits for a child's end; status is as of waitpid(). */
 [[nodiscard]] int Wait(pid_t child, int& status);

@@ -9,12 +9,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -70,10 +70,6 @@ void PutInFront(const std::string& path, std::deque<std::string>& names) {
 	names.insert(names.begin(), own.begin(), own.end());
 }
 
-std::string Below(const std::string& directory, const std::string& name) {
-	return directory == "/" ? directory + name : directory + "/" + name;
-}
-
 UnsafePlace RefuseUnknown(const std::string& path) {
 	return {path, std::string("cannot be examined (") + std::strerror(errno) + ")"};
 }
@@ -83,11 +79,16 @@ class Walk {
 public:
 	Walk() : at_(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 
-	/** Goes to a directory. Its own name is no link; links on the way are followed. */
-	Finding To(const std::string& directory) { return Go(directory, Role::kWay); }
-
-	/** Goes further down, where each directory is one in which things are made, and none is a link. */
-	Finding Down(const std::string& path) { return Go(path, Role::kGoal); }
+	/** Goes to a directory, whose own name is no link. Links on the way are followed unless things are made there. */
+	Finding Go(const std::string& path, Role way) {
+		PutInFront(path, names_);
+		while (!names_.empty() && !missing_) {
+			if (Finding finding = Step(names_.size() == 1 ? Role::kGoal : way)) {
+				return finding;
+			}
+		}
+		return std::nullopt;
+	}
 
 	/** Whether the next name is a regular file of root or the caller. */
 	bool AtFile(const char* name) const {
@@ -106,22 +107,11 @@ public:
 	}
 
 private:
-	Finding Go(const std::string& path, Role way) {
-		PutInFront(path, names_);
-		while (!names_.empty() && !missing_) {
-			if (Finding finding = Step(names_.size() == 1 ? Role::kGoal : way)) {
-				return finding;
-			}
-		}
-		return std::nullopt;
-	}
-
 	Finding Step(Role role) {
 		const std::string name = std::move(names_.front());
 		names_.pop_front();
-		const bool is_up = name == "..";
-		const std::string path =
-		    is_up ? path_.substr(0, std::max<std::size_t>(path_.rfind('/'), 1)) : Below(path_, name);
+		const std::filesystem::path here(path_);
+		const std::string path = name == ".." ? here.parent_path() : here / name;
 		UniqueFd next(openat(at_.Get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 		struct stat info = {};
 		if (!next && errno == ENOENT) {
@@ -173,22 +163,22 @@ private:
 } // namespace
 
 std::optional<UnsafePlace> FindUnsafePlace(const std::string& directory) {
-	return Walk().To(directory);
+	return Walk().Go(directory, Role::kWay);
 }
 
 std::optional<UnsafePlace> FindUnsafePlaceOnVolume(const std::string& volume) {
 	Walk root;
-	if (Finding finding = root.To(volume)) {
+	if (Finding finding = root.Go(volume, Role::kWay)) {
 		return finding;
 	}
 	Walk databases = root.Fork();
-	for (const Finding& finding : {root.Down("@tmp/data_update"), databases.Down("@database")}) {
+	for (const Finding& finding : {root.Go("@tmp/data_update", Role::kGoal), databases.Go("@database", Role::kGoal)}) {
 		if (finding) {
 			return finding;
 		}
 	}
 	// A file is in nobody's way: databases that come from another volume replace it.
-	return databases.AtFile("autoupdate") ? std::nullopt : databases.Down("autoupdate");
+	return databases.AtFile("autoupdate") ? std::nullopt : databases.Go("autoupdate", Role::kGoal);
 }
 
 } // namespace tarn

@@ -115,7 +115,7 @@ public:
 
 	/** Waits for its end, and reaps it. */
 	Verdict Await(pid_t child, const Objection& object) {
-		const UniqueFd process = OpenProcess(child);
+		const UniqueFd process = process::Open(child);
 		const std::string objection = process ? Watch(process, object) : "it cannot be watched";
 		if (!objection.empty() && !KillGroup(child, process)) {
 			return NoVerdict(path_, "it cannot be killed and is left to itself");

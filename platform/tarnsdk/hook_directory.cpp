@@ -1,6 +1,7 @@
 #include "platform/tarnsdk/hook_directory.h"
 
 #include "base/handle.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 
 #include <dirent.h>
@@ -8,7 +9,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -17,15 +17,10 @@
 namespace tarn::sdk {
 namespace {
 
-/** What stands under a name: a hook to be run, or something that only hides hooks of that name in earlier roots. */
-struct Entry {
-	std::string path;
-	bool runs = false;
-};
-
 constexpr const char* kUntrusted = "others than its administrator may write it";
 
-using Entries = std::map<std::string, Entry>;
+/** The path of the hook to be run by its name; empty where something only hides hooks of that name in earlier roots. */
+using Entries = std::map<std::string, std::string>;
 
 std::string BelowPath(const std::string& directory, const std::string& name) {
 	return std::filesystem::path(directory) / name;
@@ -70,21 +65,19 @@ int OpenTrusted(int at, const std::string& name, int flags, const std::string& p
 
 /** Walks down from a root, so that no directory on the way may be anyone else's. */
 int OpenBelow(const std::string& root, const std::string& subpath, uid_t owner, UniqueFd& directory) {
+	std::string path = root;
 	int error = OpenTrusted(AT_FDCWD, root, 0, root, owner, directory);
-	for (std::size_t begin = 0; error == 0 && begin <= subpath.size();) {
-		const std::size_t end = std::min(subpath.find('/', begin), subpath.size());
-		const std::string path = BelowPath(root, subpath.substr(0, end));
-		const std::string name = subpath.substr(begin, end - begin);
-		error = OpenTrusted(directory.Get(), name, O_NOFOLLOW, path, owner, directory);
-		begin = end + 1;
+	for (const std::string& name : PathSteps(subpath)) {
+		path = BelowPath(path, name);
+		error = error != 0 ? error : OpenTrusted(directory.Get(), name, O_NOFOLLOW, path, owner, directory);
 	}
 	return error;
 }
 
 /** Takes one name into the entries; false when it is a hook that isn't trusted. */
 bool TakeEntry(int directory, const std::string& name, const std::string& path, uid_t owner, Entries& entries) {
-	Entry& entry = entries[name];
-	entry = {path, false};
+	std::string& hook = entries[name];
+	hook.clear();
 	struct stat info = {};
 	if (fstatat(directory, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
 		Refuse(path, errno);
@@ -101,7 +94,7 @@ bool TakeEntry(int directory, const std::string& name, const std::string& path, 
 		LogRefused(path, kUntrusted);
 		return false;
 	}
-	entry.runs = true;
+	hook = path;
 	return true;
 }
 
@@ -140,9 +133,9 @@ HookList FindHooks(const std::vector<std::string>& roots, const std::string& sub
 		const bool taken = error == 0 && TakeDirectory(std::move(directory), BelowPath(root, subpath), owner, entries);
 		hooks.complete = (taken || error == ENOENT) && hooks.complete;
 	}
-	for (const auto& [name, entry] : entries) {
-		if (entry.runs) {
-			hooks.paths.push_back(entry.path);
+	for (const auto& [name, path] : entries) {
+		if (!path.empty()) {
+			hooks.paths.push_back(path);
 		}
 	}
 	return hooks;

@@ -4,11 +4,6 @@
 
 #include <climits>
 
-// This header of the C library lacks the declaration that makes it usable from C++.
-extern "C" {
-#include <sys/pidfd.h>
-}
-
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -61,8 +56,7 @@ std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
 			continue;
 		}
 		room -= size;
-		variables.push_back(key);
-		variables.back().append("=").append(value);
+		variables.push_back(key + "=" + value);
 	}
 	variables.push_back("TARN_HOOK_OMITTED=" + omitted);
 	return variables;
@@ -86,10 +80,6 @@ process::Program HookProgram(const HookEvent& event) {
 	program.working_directory = "/";
 	program.new_group = true;
 	return program;
-}
-
-UniqueFd OpenProcess(pid_t child) {
-	return UniqueFd(pidfd_open(child, 0));
 }
 
 bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit) {

@@ -22,9 +22,6 @@ UniqueFd MakeArgumentFile(const HookArguments& arguments);
 /** The same file opened anew for reading, at its beginning. */
 UniqueFd ReopenForReading(const UniqueFd& file);
 
-/** To be polled for a child's end; without a descriptor errno tells why. */
-UniqueFd OpenProcess(pid_t child);
-
 /** Waits until the process has ended; false when it is still running after the limit. */
 [[nodiscard]] bool EndsWithin(const UniqueFd& process, std::chrono::milliseconds limit);
 

@@ -33,7 +33,7 @@ bool JudgeEnd(const std::string& path, int status) {
 
 /** Waits for a started hook and reaps it. */
 bool Await(const std::string& path, pid_t child, std::chrono::milliseconds limit) {
-	const UniqueFd process = OpenProcess(child);
+	const UniqueFd process = process::Open(child);
 	const int watch_error = process ? 0 : errno;
 	const bool ended = process && EndsWithin(process, limit);
 	if (!ended && !KillGroup(child, process)) {

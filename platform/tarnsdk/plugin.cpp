@@ -1,10 +1,12 @@
 #include "base/mutex.h"
+#include "base/text.h"
 #include "platform/c_boundary.h"
 #include "platform/tarnsdk/hook_directory.h"
 #include "platform/tarnsdk/hook_runner.h"
 
 #include <tarnsdk/plugin.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <map>
@@ -54,14 +56,8 @@ bool IsComponent(const std::string& name) {
 }
 
 bool IsRelativePath(const std::string& path) {
-	std::size_t begin = 0;
-	for (std::size_t end = 0; end != std::string::npos; begin = end + 1) {
-		end = path.find('/', begin);
-		if (!IsComponent(path.substr(begin, end - begin))) {
-			return false;
-		}
-	}
-	return true;
+	const std::vector<std::string> steps = tarn::PathSteps(path);
+	return !path.empty() && tarn::JoinSteps(steps) == path && std::count(steps.begin(), steps.end(), "..") == 0;
 }
 
 const char* ActionWord(TLIBPluginActionType action) {

@@ -1,3 +1,4 @@
+#include "base/handle.h"
 #include "platform/c_boundary.h"
 #include "platform/tarnsdk/volume_list.h"
 
@@ -14,19 +15,9 @@ using tarn::sdk::ListVolumes;
 using tarn::sdk::Volume;
 using tarn::sdk::VolumeSources;
 
-/** Frees a list node by node, so that a long one doesn't recurse. */
-struct FreeList {
-	void operator()(TARNMountVolInfo* list) const {
-		while (list != nullptr) {
-			const std::unique_ptr<TARNMountVolInfo> head(list);
-			list = head->next;
-		}
-	}
-};
-
 /** Links the records up from the last to the first. */
 TARNMountVolInfo* MakeList(const std::vector<Volume>& volumes) {
-	std::unique_ptr<TARNMountVolInfo, FreeList> list;
+	tarn::Handle<TARNMountVolInfo, TARNMountVolInfoFree> list;
 	for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume) {
 		auto node = std::make_unique<TARNMountVolInfo>(volume->record);
 		node->next = list.release();
@@ -74,7 +65,10 @@ int TARNMountVolInfoGet(const char* path, TARNMountVolInfo* record) {
 }
 
 void TARNMountVolInfoFree(TARNMountVolInfo* list) {
-	FreeList()(list);
+	while (list != nullptr) { // Node by node, so that a long list doesn't recurse.
+		const std::unique_ptr<TARNMountVolInfo> head(list);
+		list = head->next;
+	}
 }
 
 int TARNVolumeServicePolicy(const TARNMountVolInfo* record) {

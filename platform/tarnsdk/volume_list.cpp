@@ -1,13 +1,9 @@
 #include "platform/tarnsdk/volume_list.h"
 
-#include "base/handle.h"
 #include "base/volume_safety.h"
-
-#include <libmount/libmount.h>
 
 #include <dirent.h>
 #include <fnmatch.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <syslog.h>
 
@@ -95,11 +91,6 @@ Volume Examine(const std::string& path, bool read_only) {
 	return volume;
 }
 
-bool IsDirectory(const std::string& path) {
-	struct stat info = {};
-	return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 /** Whether a path matches one of the shell patterns; a "*" doesn't reach across "/". */
 bool MatchesAny(const std::vector<std::string>& patterns, const std::string& path) {
 	return std::any_of(patterns.begin(), patterns.end(),
@@ -119,10 +110,6 @@ int ReadVolumeConfig(const std::string& path, VolumeConfig& config) {
 		config.patterns.emplace_back(kDefaultPattern);
 	}
 	return 0;
-}
-
-void MountTable::Unreference::operator()(libmnt_table* table) const {
-	mnt_unref_table(table);
 }
 
 MountTable::MountTable(const std::string& path) : table_(mnt_new_table_from_file(path.c_str())) {}
@@ -170,7 +157,8 @@ int ListVolumes(const VolumeSources& sources, std::vector<Volume>& volumes) {
 		}
 	}
 	for (const std::string& directory : config.directories) {
-		if (IsDirectory(directory)) {
+		std::error_code ignored;
+		if (std::filesystem::is_directory(directory, ignored)) {
 			read_only_by_path[directory] = table.IsReadOnlyAt(directory);
 		} else {
 			syslog(LOG_WARNING, "tarnsdk: %s: '%s' is no directory", sources.config.c_str(), directory.c_str());

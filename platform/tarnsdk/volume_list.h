@@ -2,16 +2,16 @@
 #ifndef PLATFORM_TARNSDK_VOLUME_LIST_H
 #define PLATFORM_TARNSDK_VOLUME_LIST_H
 
+#include "base/handle.h"
 #include "base/settings_lines.h"
 
 #include <tarnsdk/volume.h>
 
+#include <libmount/libmount.h>
+
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
-
-struct libmnt_table;
 
 namespace tarn::sdk {
 
@@ -48,10 +48,7 @@ public:
 	bool IsReadOnlyAt(const std::string& directory) const;
 
 private:
-	struct Unreference {
-		void operator()(libmnt_table* table) const;
-	};
-	std::unique_ptr<libmnt_table, Unreference> table_;
+	Handle<libmnt_table, mnt_unref_table> table_;
 };
 
 struct VolumeSources {
