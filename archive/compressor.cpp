@@ -18,14 +18,14 @@ namespace {
 constexpr int kWindowLog = 21;
 static_assert(1U << kWindowLog == kMaxFrameSize);
 
-[[noreturn]] void Fail(const std::string& reason) {
-	throw Error("The package could not be compressed: " + reason + ".");
+void RequireDone(bool is_done, const char* reason) {
+	if (!is_done) {
+		throw Error(std::string("The package could not be compressed: ") + reason + ".");
+	}
 }
 
 void CheckZstd(std::size_t result) {
-	if (ZSTD_isError(result) != 0) {
-		Fail(ZSTD_getErrorName(result));
-	}
+	RequireDone(ZSTD_isError(result) == 0, ZSTD_getErrorName(result));
 }
 
 std::string CompressZstd(std::string_view bytes, int level) {
@@ -40,11 +40,9 @@ std::string CompressZstd(std::string_view bytes, int level) {
 std::string CompressBrotli(std::string_view bytes) {
 	std::size_t size = BrotliEncoderMaxCompressedSize(bytes.size());
 	std::string packed(size, '\0');
-	if (BrotliEncoderCompress(BROTLI_MAX_QUALITY, kWindowLog, BROTLI_MODE_GENERIC, bytes.size(),
-	        reinterpret_cast<const std::uint8_t*>(bytes.data()), &size,
-	        reinterpret_cast<std::uint8_t*>(packed.data())) != BROTLI_TRUE) {
-		Fail("brotli failed");
-	}
+	const auto result = BrotliEncoderCompress(BROTLI_MAX_QUALITY, kWindowLog, BROTLI_MODE_GENERIC, bytes.size(),
+	    reinterpret_cast<const std::uint8_t*>(bytes.data()), &size, reinterpret_cast<std::uint8_t*>(packed.data()));
+	RequireDone(result == BROTLI_TRUE, "brotli failed");
 	packed.resize(size);
 	return packed;
 }
@@ -52,9 +50,7 @@ std::string CompressBrotli(std::string_view bytes) {
 std::string CompressLzma(std::string_view bytes) {
 	constexpr std::uint32_t kPreset = 9;
 	lzma_options_lzma options = {};
-	if (lzma_lzma_preset(&options, kPreset | LZMA_PRESET_EXTREME) != 0) {
-		Fail("lzma failed");
-	}
+	RequireDone(lzma_lzma_preset(&options, kPreset | LZMA_PRESET_EXTREME) == 0, "lzma failed");
 	options.dict_size = std::max<std::uint32_t>(static_cast<std::uint32_t>(bytes.size()), LZMA_DICT_SIZE_MIN);
 	// For bytes rather than words: text, patches and databases have no even offsets.
 	options.lc = LZMA_LCLP_MAX;
@@ -64,10 +60,10 @@ std::string CompressLzma(std::string_view bytes) {
 	constexpr std::size_t kRoom = 4096;
 	std::string packed(bytes.size() + bytes.size() / 16 + kRoom, '\0');
 	std::size_t size = 0;
-	if (lzma_raw_buffer_encode(filters.data(), nullptr, reinterpret_cast<const std::uint8_t*>(bytes.data()),
-	        bytes.size(), reinterpret_cast<std::uint8_t*>(packed.data()), &size, packed.size()) != LZMA_OK) {
-		Fail("lzma failed");
-	}
+	const lzma_ret result =
+	    lzma_raw_buffer_encode(filters.data(), nullptr, reinterpret_cast<const std::uint8_t*>(bytes.data()),
+	        bytes.size(), reinterpret_cast<std::uint8_t*>(packed.data()), &size, packed.size());
+	RequireDone(result == LZMA_OK, "lzma failed");
 	packed.resize(size);
 	return packed;
 }
@@ -78,10 +74,9 @@ std::string CompressBzip2(std::string_view bytes) {
 	std::string packed(bytes.size() + bytes.size() / 64 + kRoom, '\0');
 	auto size = static_cast<unsigned>(packed.size());
 	char* const input = const_cast<char*>(bytes.data()); // which it only reads
-	if (BZ2_bzBuffToBuffCompress(packed.data(), &size, input, static_cast<unsigned>(bytes.size()), kBlockSize, 0, 0) !=
-	    BZ_OK) {
-		Fail("bzip2 failed");
-	}
+	const int result =
+	    BZ2_bzBuffToBuffCompress(packed.data(), &size, input, static_cast<unsigned>(bytes.size()), kBlockSize, 0, 0);
+	RequireDone(result == BZ_OK, "bzip2 failed");
 	packed.resize(size);
 	return packed;
 }

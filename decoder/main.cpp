@@ -48,18 +48,17 @@ void DeclareDecode(CLI::App& app, Options& options) {
 	    ->type_name("BYTES");
 }
 
-ExitCode Decode(const Options& options, std::ostream& err) {
+ExitCode Decode(const Options& options) {
 	try {
 		DecodeFile(options.source, options.output, options.patch, options.limits);
 		return kDone;
 	} catch (const std::exception& error) {
-		err << kProgram << ": " << error.what() << '\n';
+		std::cerr << kProgram << ": " << error.what() << '\n';
 		return kFailed;
 	}
 }
 
-/** What the program says goes to the two streams, a failure as one line. */
-ExitCode RunCommandLine(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+ExitCode RunCommandLine(int argc, const char* const* argv) {
 	Options options;
 	CLI::App app("Applies VCDIFF patches.", kProgram);
 	app.set_version_flag("--version", std::string(kProgram) + " " + TARNDBUDVCDIFF_VERSION);
@@ -69,13 +68,13 @@ ExitCode RunCommandLine(int argc, const char* const* argv, std::ostream& out, st
 	try {
 		app.parse(argc, argv);
 	} catch (const CLI::Success& success) {
-		app.exit(success, out, err);
-		return out.flush() ? kDone : kFailed;
+		app.exit(success);
+		return std::cout.flush() ? kDone : kFailed;
 	} catch (const CLI::ParseError& error) {
-		err << kProgram << ": " << error.what() << " (see " << kProgram << " --help)\n";
+		std::cerr << kProgram << ": " << error.what() << " (see " << kProgram << " --help)\n";
 		return kUsage;
 	}
-	return Decode(options, err);
+	return Decode(options);
 }
 
 } // namespace
@@ -86,7 +85,7 @@ int main(int argc, char** argv) {
 	try {
 		// A file that outgrows the process's limit is then a failed write, which is told, instead of a silent end.
 		std::signal(SIGXFSZ, SIG_IGN);
-		return tarn::decoder::RunCommandLine(argc, argv, std::cout, std::cerr);
+		return tarn::decoder::RunCommandLine(argc, argv);
 	} catch (const std::exception& error) {
 		std::cerr << "tarndbudvcdiff: It could not be started: " << error.what() << '\n';
 		return tarn::decoder::kFailed;

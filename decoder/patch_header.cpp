@@ -37,9 +37,7 @@ bool ParseSize(std::string_view word, std::uint64_t& size) {
 }
 
 bool IsHash(std::string_view word) {
-	return word.size() == kHashDigits && std::all_of(word.begin(), word.end(), [](char digit) {
-		return (digit >= '0' && digit <= '9') || (digit >= 'a' && digit <= 'f');
-	});
+	return word.size() == kHashDigits && word.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
 constexpr Byte kSecondaryCompression = 0x01;

@@ -59,27 +59,18 @@ std::uint32_t ReadChecksum(SectionReader& reader) {
 	return checksum;
 }
 
-struct SectionLengths {
-	std::uint64_t data;
-	std::uint64_t instructions;
-	std::uint64_t addresses;
-};
-
 /** Lays the sections out one after the other; together they are exactly what is left of the window. */
-void PlaceSections(const SectionReader& reader, WindowHeader& header, const SectionLengths& lengths) {
+void PlaceSections(const SectionReader& reader, WindowHeader& header) {
 	std::uint64_t begin = reader.Position();
 	std::uint64_t left = reader.Remaining();
-	const auto place = [&](Section& section, std::uint64_t length) {
-		if (length > left) {
+	for (Section* section : {&header.data, &header.instructions, &header.addresses}) {
+		if (section->size > left) {
 			reader.Fail("the window's sections are longer than the window");
 		}
-		section = {begin, begin + length};
-		begin += length;
-		left -= length;
-	};
-	place(header.data, lengths.data);
-	place(header.instructions, lengths.instructions);
-	place(header.addresses, lengths.addresses);
+		section->begin = begin;
+		begin += section->size;
+		left -= section->size;
+	}
 	if (left != 0) {
 		reader.Fail("the window has " + std::to_string(left) + " bytes more than its sections");
 	}
@@ -101,14 +92,13 @@ WindowHeader ReadWindowHeader(SectionReader& reader, const WindowLimits& limits)
 	header.target_size = reader.ReadInteger();
 	CheckTargetSize(reader, header.target_size, limits);
 	RefuseCompressedSections(reader);
-	SectionLengths lengths = {};
-	lengths.data = reader.ReadInteger();
-	lengths.instructions = reader.ReadInteger();
-	lengths.addresses = reader.ReadInteger();
+	header.data.size = reader.ReadInteger();
+	header.instructions.size = reader.ReadInteger();
+	header.addresses.size = reader.ReadInteger();
 	if ((indicator & kChecksum) != 0) {
 		header.checksum = ReadChecksum(reader);
 	}
-	PlaceSections(reader, header, lengths);
+	PlaceSections(reader, header);
 	reader.Open("patch", end, patch_end);
 	return header;
 }
@@ -127,9 +117,9 @@ void WindowDecoder::Decode(const WindowHeader& window) {
 	window_ = window;
 	window_begin_ = output_.Position();
 	left_ = window.target_size;
-	data_.Open("data section", window.data.begin, window.data.end);
-	instructions_.Open("instruction section", window.instructions.begin, window.instructions.end);
-	addresses_.Open("address section", window.addresses.begin, window.addresses.end);
+	data_.Open("data section", window.data.begin, window.data.End());
+	instructions_.Open("instruction section", window.instructions.begin, window.instructions.End());
+	addresses_.Open("address section", window.addresses.begin, window.addresses.End());
 	cache_.Reset();
 	while (!instructions_.AtEnd()) {
 		const CodeTableEntry& entry = table_.entries[instructions_.ReadByte()];

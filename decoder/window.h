@@ -14,7 +14,9 @@ enum class SegmentOrigin { kNone, kSource, kTarget };
 
 struct Section {
 	std::uint64_t begin = 0;
-	std::uint64_t end = 0;
+	std::uint64_t size = 0;
+
+	std::uint64_t End() const { return begin + size; }
 };
 
 /** What stands before a window's sections; all of it has been checked against what there is. */
