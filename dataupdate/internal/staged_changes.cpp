@@ -12,6 +12,7 @@
 
 #include <array>
 #include <deque>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -119,10 +120,7 @@ void StagedChanges::Stage() {
 		_StageDirectories(names);
 	}
 	if (!directories_.empty()) {
-		remaining_ = changes_;
-		for (const auto& [name, staged, tree] : directories_) {
-			remaining_.erase(remaining_.lower_bound(name + "/"), remaining_.lower_bound(name + kBehindSlash));
-		}
+		_SetRemaining();
 	}
 	// What a rename needs of the disk is read now, rather than while readers wait.
 	for (const auto& [name, info] : _Remaining()) {
@@ -159,6 +157,20 @@ bool StagedChanges::_MakePlace() const {
 		TellSlowReplacement(error.what());
 		return false;
 	}
+}
+
+void StagedChanges::_SetRemaining() {
+	std::set<std::string> exchanged; // with slashes, by which names are in the order of what is below them
+	for (const Directory& directory : directories_) {
+		exchanged.insert(directory.name + "/");
+	}
+	auto begin = changes_.begin();
+	for (std::string end : exchanged) {
+		remaining_.insert(begin, changes_.lower_bound(end));
+		end.back() = kBehindSlash;
+		begin = changes_.lower_bound(end);
+	}
+	remaining_.insert(begin, changes_.end());
 }
 
 void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {

@@ -55,6 +55,7 @@ private:
 
 	bool _MakePlace() const;
 	void _StageDirectories(const std::vector<std::string>& names);
+	void _SetRemaining();
 	/** Makes a directory ready below a root, under the name that it has in the database. Throws std::exception. */
 	Directory _StageDirectory(const std::string& name, const std::string& root) const;
 	bool _MoveIn(const Directory& directory) const;

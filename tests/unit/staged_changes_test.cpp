@@ -191,6 +191,16 @@ TEST_F(StagedChangesTest, ChangesManyFilesByOneRenameForEachDirectory) {
 	EXPECT_EQ(ReadFile(Installed("c/deep/9")), "old");
 }
 
+TEST_F(StagedChangesTest, ChangesEachFileOnceBesideDirectoriesWhoseNamesBeginAlike) {
+	ChangeSome({"a", "a-b"});
+	for (const char* name : {"a-", "a0", "b"}) {
+		Override(name);
+	}
+	const StagedChanges changes = Staged(5);
+	EXPECT_EQ(RenamesOf(changes), 5); // Two directories, and three files.
+	ExpectChanged();
+}
+
 TEST_F(StagedChangesTest, KeepsTheTimeOfADirectoryInWhichNoNameChanges) {
 	ChangeSome({"top/a", "top/b"});
 	WriteFile(Installed("top/a/still/file"), "old");
