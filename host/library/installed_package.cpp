@@ -10,7 +10,6 @@
 #include <json/reader.h>
 #include <json/value.h>
 
-#include <dlfcn.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -19,25 +18,19 @@
 #include <exception>
 #include <memory>
 
+// An appliance's own platform may lack what tells of packages.
+#pragma weak tarnarchive_observe
+#pragma weak tarnarchive_refusal
+
 namespace tarn::ctl {
 
 namespace {
 
 constexpr char kUnreadable[] = "what it says about itself cannot be read";
 
-/** A function of the platform that an appliance's own libraries need not have; null when they don't. */
-template<typename Function>
-Function* OptionalFunction(const char* name) {
-	void* const address = dlsym(RTLD_DEFAULT, name);
-	Function* function = nullptr;
-	static_assert(sizeof function == sizeof address);
-	std::memcpy(&function, &address, sizeof function);
-	return function;
-}
-
 void Listen(tarnarchive_observer observer, void* data) {
-	if (auto* const observe = OptionalFunction<decltype(tarnarchive_observe)>("tarnarchive_observe")) {
-		observe(observer, data);
+	if (tarnarchive_observe != nullptr) {
+		tarnarchive_observe(observer, data);
 	}
 }
 
@@ -90,9 +83,8 @@ std::string OpenedPackages::Note(const char* metadata) {
 }
 
 std::optional<PackageRefusal> LastPackageRefusal() {
-	auto* const refusal = OptionalFunction<decltype(tarnarchive_refusal)>("tarnarchive_refusal");
 	const char* reason = nullptr;
-	const int kind = refusal == nullptr ? TARNARCHIVE_NO_REFUSAL : refusal(&reason);
+	const int kind = tarnarchive_refusal == nullptr ? TARNARCHIVE_NO_REFUSAL : tarnarchive_refusal(&reason);
 	if (kind == TARNARCHIVE_NO_REFUSAL) {
 		return std::nullopt;
 	}
