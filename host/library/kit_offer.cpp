@@ -156,8 +156,6 @@ KitOffer::KitOffer(const std::string& path) {
 	}
 }
 
-KitOffer::~KitOffer() = default;
-
 std::vector<std::string> KitOffer::Ids() const {
 	std::set<std::string> ids;
 	for (const kit::Part& part : source_->Reader().Parts()) {

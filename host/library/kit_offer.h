@@ -19,9 +19,6 @@ class KitOffer {
 public:
 	/** Throws CommandError naming the file when that is no whole kit. */
 	explicit KitOffer(const std::string& path);
-	~KitOffer();
-	KitOffer(const KitOffer&) = delete;
-	KitOffer& operator=(const KitOffer&) = delete;
 
 	/** The databases of which there are packages, in byte order. */
 	[[nodiscard]] std::vector<std::string> Ids() const;

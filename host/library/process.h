@@ -31,8 +31,6 @@ class InterruptionWatch {
 public:
 	InterruptionWatch();
 	~InterruptionWatch();
-	InterruptionWatch(const InterruptionWatch&) = delete;
-	InterruptionWatch& operator=(const InterruptionWatch&) = delete;
 
 	/** Ends the process by the signal that came, so that its caller learns of it; returns when none came. */
 	void EndBySignal() const;

@@ -37,10 +37,6 @@ using End = MoveOutcome::End;
 
 namespace {
 
-bool IsOfMove(const std::string& line) {
-	return StartsWith(line, "/bin/mv: ") || StartsWith(line, "mv: ");
-}
-
 /**
  * Tells other services that the databases are about to move to another volume and have moved: both directories of the
  * databases and both volumes. Their hooks advise: every failure is logged, and none stops a move. To be used while no
@@ -61,19 +57,18 @@ public:
 		Set("TO_VOLUME", to);
 	}
 
-	void ExecPre() { Exec(TLIB_PLUGIN_ACTION_PRE, "before"); }
-	/** To be called only after a move that succeeded. */
-	void ExecPost() { Exec(TLIB_PLUGIN_ACTION_POST, "after"); }
+	/** After a move only if it succeeded. */
+	void Exec(TLIBPluginActionType action) {
+		if (context_ != nullptr && TLIBPluginAction(action, context_.get()) != 0) {
+			syslog(LOG_ERR, "A hook %s the change of the volume failed",
+			    action == TLIB_PLUGIN_ACTION_PRE ? "before" : "after");
+		}
+	}
 
 private:
 	void Set(const char* key, const std::string& value) {
 		if (TLIBPluginSetArg(context_.get(), key, value.c_str()) != 0) {
 			syslog(LOG_ERR, "The hooks about the change of the volume cannot be told %s", key);
-		}
-	}
-	void Exec(TLIBPluginActionType action, const char* when) {
-		if (context_ != nullptr && TLIBPluginAction(action, context_.get()) != 0) {
-			syslog(LOG_ERR, "A hook %s the change of the volume failed", when);
 		}
 	}
 
@@ -130,7 +125,7 @@ public:
 			preparation_.target_is_free = there && there->IsEmpty();
 			preparation_.marked = MarkInstalled(services_);
 			preparation_.hook.emplace(volume_, preparation_.target);
-			preparation_.hook->ExecPre();
+			preparation_.hook->Exec(TLIB_PLUGIN_ACTION_PRE);
 			preparation_.output.emplace();
 		} catch (const std::exception& error) {
 			if (CategoryOf(error.what()) != Category::kNoSuitableVolume) {
@@ -205,7 +200,7 @@ MoveOutcome MoveAway(const Services& services, const std::string& volume) {
 	const End end = Judge(services, volume, preparation);
 	if (end == End::kMoved || end == End::kCopied) {
 		Settle(services, preparation);
-		preparation.hook->ExecPost();
+		preparation.hook->Exec(TLIB_PLUGIN_ACTION_POST);
 	} else if (end == End::kStayed) {
 		TakeBack(services, preparation);
 	}
@@ -256,7 +251,8 @@ void MoveOutput::PassOn() {
 }
 
 void MoveOutput::PassOn(const std::string& line) {
-	if (IsOfMove(line) && ++lines_ > kShownLines) {
+	const bool is_of_move = StartsWith(line, "/bin/mv: ") || StartsWith(line, "mv: ");
+	if (is_of_move && ++lines_ > kShownLines) {
 		return;
 	}
 	// Whoever closed the other end of the stream does not want to know.

@@ -44,8 +44,6 @@ public:
 
 	MoveOutput();
 	~MoveOutput();
-	MoveOutput(const MoveOutput&) = delete;
-	MoveOutput& operator=(const MoveOutput&) = delete;
 
 	/** Gives the stream back, and returns how many lines of mv were not passed on. */
 	std::size_t End();

@@ -30,30 +30,17 @@ constexpr double kLeastSeconds = 0.3;
 // The line's own bytes are among what the process writes.
 constexpr std::uint64_t kLeastBytes = 1000;
 
-struct Plan {
-	Mutex mutex;
-	std::vector<PlannedDownload> downloads TARN_GUARDED_BY(mutex);
-};
-
-Plan& ThePlan() {
-	static Plan plan;
-	return plan;
-}
+Mutex plan_mutex;
+std::vector<PlannedDownload> plan TARN_GUARDED_BY(plan_mutex);
 
 DownloadPlace PlannedPlace(const std::string& path) {
-	Plan& plan = ThePlan();
-	const MutexLock guard(plan.mutex);
-	const auto found = std::find_if(plan.downloads.begin(), plan.downloads.end(),
-	    [&](const PlannedDownload& download) { return download.path == path; });
-	if (found == plan.downloads.end()) {
+	const MutexLock guard(plan_mutex);
+	const auto found =
+	    std::find_if(plan.begin(), plan.end(), [&](const PlannedDownload& download) { return download.path == path; });
+	if (found == plan.end()) {
 		return {};
 	}
-	return {static_cast<std::size_t>(found - plan.downloads.begin()) + 1, plan.downloads.size(), found->bytes};
-}
-
-/** Files that are hashed or patched one after the other are one phase together. */
-bool HasActivityPerFile(Phase phase) {
-	return phase == Phase::kHash || phase == Phase::kPatch;
+	return {static_cast<std::size_t>(found - plan.begin()) + 1, plan.size(), found->bytes};
 }
 
 std::uint64_t FileSize(const std::string& path) {
@@ -100,10 +87,6 @@ std::string PackageName(const Sample& sample) {
 	return " package " + std::to_string(place.number) + " of " + std::to_string(place.count);
 }
 
-std::uint64_t WholeBytes(const Sample& sample) {
-	return sample.activity.phase == Phase::kDownload ? sample.download.bytes : 0;
-}
-
 std::string FormatLeft(double seconds) {
 	constexpr double kLongest = 100.0 * 3600;
 	constexpr std::uint64_t kMinute = 60;
@@ -123,9 +106,8 @@ std::string FormatLeft(double seconds) {
 } // namespace
 
 void PlanDownloads(std::vector<PlannedDownload> downloads) {
-	Plan& plan = ThePlan();
-	const MutexLock guard(plan.mutex);
-	plan.downloads = std::move(downloads);
+	const MutexLock guard(plan_mutex);
+	plan = std::move(downloads);
 }
 
 DownloadPlace PlaceOfDownload(const std::string& path) {
@@ -164,9 +146,10 @@ std::string ProgressMeter::Line(const Sample& sample) {
 		return line_;
 	}
 	last_busy_ = sample.time;
-	const bool same = sample.activity.phase == begin_.activity.phase &&
-	                  (HasActivityPerFile(begin_.activity.phase) || sample.activity.serial == begin_.activity.serial);
-	if (!same) {
+	// Files that are hashed or patched one after the other are one phase together.
+	const Phase phase = begin_.activity.phase;
+	const bool is_together = phase == Phase::kHash || phase == Phase::kPatch;
+	if (sample.activity.phase != phase || (!is_together && sample.activity.serial != begin_.activity.serial)) {
 		begin_ = sample;
 		begin_bytes_ = Bytes(sample);
 	}
@@ -179,7 +162,7 @@ std::string ProgressMeter::Amount(const Sample& sample, std::uint64_t bytes) con
 	if (bytes < kLeastBytes) {
 		return "";
 	}
-	const std::uint64_t whole = WholeBytes(sample);
+	const std::uint64_t whole = sample.activity.phase == Phase::kDownload ? sample.download.bytes : 0;
 	std::string amount = "  " + HumanSize(bytes);
 	if (whole >= bytes) {
 		amount += " of " + HumanSize(whole) + "  " + std::to_string(bytes * kPercent / whole) + " %";

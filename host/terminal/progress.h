@@ -81,8 +81,6 @@ public:
 	/** @param draws  whether the line is drawn */
 	explicit ProgressLine(Terminal& terminal, bool draws = true);
 	~ProgressLine();
-	ProgressLine(const ProgressLine&) = delete;
-	ProgressLine& operator=(const ProgressLine&) = delete;
 
 private:
 	void Run();

@@ -24,21 +24,8 @@ constexpr std::size_t kLongestLine = 200;
 constexpr std::size_t kRecordBytes = 1024;
 constexpr mode_t kMode = 0644;
 
-struct Subject {
-	Mutex mutex;
-	std::string id TARN_GUARDED_BY(mutex);
-};
-
-Subject& TheSubject() {
-	static Subject subject;
-	return subject;
-}
-
-void SetSubject(const std::string& id) {
-	Subject& subject = TheSubject();
-	const MutexLock guard(subject.mutex);
-	subject.id = id;
-}
+Mutex subject_mutex;
+std::string subject TARN_GUARDED_BY(subject_mutex);
 
 ProgressRecord Describe(const std::string& id, const Sample& sample, const std::string& line) {
 	ProgressRecord record;
@@ -79,17 +66,18 @@ ProgressRecord Parse(const Json::Value& object) {
 } // namespace
 
 ProgressSubject::ProgressSubject(const std::string& id) {
-	SetSubject(id);
+	const MutexLock guard(subject_mutex);
+	subject = id;
 }
 
 ProgressSubject::~ProgressSubject() {
-	SetSubject("");
+	const MutexLock guard(subject_mutex);
+	subject.clear();
 }
 
 std::string ProgressSubject::Current() {
-	Subject& subject = TheSubject();
-	const MutexLock guard(subject.mutex);
-	return subject.id;
+	const MutexLock guard(subject_mutex);
+	return subject;
 }
 
 ProgressPublisher::~ProgressPublisher() {

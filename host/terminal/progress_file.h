@@ -40,11 +40,8 @@ struct ProgressRecord {
 /** Keeps the file up to date; used by one thread. */
 class ProgressPublisher {
 public:
-	ProgressPublisher() = default;
 	/** Removes the file if this object has written it, or a process that lives no more. */
 	~ProgressPublisher();
-	ProgressPublisher(const ProgressPublisher&) = delete;
-	ProgressPublisher& operator=(const ProgressPublisher&) = delete;
 
 	/** Writes what has changed while there is a subject. A file that cannot be written is no failure. */
 	void Publish(const Sample& sample, const std::string& line);
