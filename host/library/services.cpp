@@ -222,14 +222,4 @@ ExitCode ForEachDatabase(const Services& services, const std::vector<std::string
 	return code;
 }
 
-ExitCode ForEachScheduled(const Services& services, const DatabaseOperation& operation) {
-	ExitCode code = kDone;
-	const dataupdate::Update loop(nullptr, services.info, services.config);
-	loop.OperateAllProjects([&](const std::string& id) {
-		const ExitCode own = operation(id);
-		code = code == kDone ? own : code;
-	});
-	return code;
-}
-
 } // namespace tarn::ctl

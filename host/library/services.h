@@ -129,9 +129,6 @@ using DatabaseOperation = std::function<ExitCode(const std::string& id)>;
     const DatabaseOperation& operation,
     const std::function<void(const std::string& id, const Failure& failure)>& note = {});
 
-/** The library's loop over the scheduled databases, which ends at the first failure by throwing it. */
-[[nodiscard]] ExitCode ForEachScheduled(const Services& services, const DatabaseOperation& operation);
-
 } // namespace tarn::ctl
 
 #endif
