@@ -7,6 +7,8 @@
 #include "host/library/kit_offer.h"
 
 #include <CLI/CLI.hpp>
+#include <boost/algorithm/cxx11/any_of.hpp>
+#include <boost/algorithm/string/join.hpp>
 
 #include <syslog.h>
 
@@ -16,19 +18,10 @@
 
 namespace tarn::ctl {
 
+using boost::algorithm::any_of_equal;
+using boost::algorithm::join;
+
 namespace {
-
-std::string Join(const std::vector<std::string>& words) {
-	std::string text;
-	for (const std::string& word : words) {
-		text += (text.empty() ? "" : ", ") + word;
-	}
-	return text;
-}
-
-bool Holds(const std::vector<std::string>& words, const std::string& word) {
-	return std::find(words.begin(), words.end(), word) != words.end();
-}
 
 /** What is not said of the kit by itself: which file it came from, whose packages were refused. */
 [[noreturn]] void ExplainImport(const Services& services, const std::string& path) {
@@ -69,7 +62,7 @@ Outcome Install(const Services& services, const Options& options, const std::str
 	}
 }
 
-std::string DescribeAbove(int installed, int offered) {
+std::string DescribeAbove(const std::string& /*id*/, int installed, int offered) {
 	return "installed " + std::to_string(installed) + " is above the kit's " + std::to_string(offered) +
 	       "; nothing was changed. \"import --force\" installs the kit's version";
 }
@@ -83,18 +76,18 @@ std::vector<std::string> Choose(const Services& services, const Options& options
 	const std::vector<std::string> configured = services.config->GetDatabaseIDs();
 	std::vector<std::string> ids;
 	std::copy_if(offered.begin(), offered.end(), std::back_inserter(ids),
-	    [&](const std::string& id) { return Holds(configured, id); });
+	    [&](const std::string& id) { return any_of_equal(configured, id); });
 	if (ids.empty()) {
 		throw CommandError(kUnsupported,
-		    "The kit " + options.path + " is for " + Join(offered) + ", and no such database is configured here");
+		    "The kit " + options.path + " is for " + join(offered, ", ") + ", and no such database is configured here");
 	}
 	return ids;
 }
 
 void RequireOffered(const KitOffer& kit, const Options& options, const std::string& id) {
-	if (const std::vector<std::string> offered = kit.Ids(); !Holds(offered, id)) {
+	if (const std::vector<std::string> offered = kit.Ids(); !any_of_equal(offered, id)) {
 		throw CommandError(kFailed, "The kit " + options.path + " has no package of " + id + ", but is for " +
-		                                (offered.empty() ? "no database" : Join(offered)));
+		                                (offered.empty() ? "no database" : join(offered, ", ")));
 	}
 }
 
@@ -115,8 +108,7 @@ ExitCode Run(const Services& services, const Options& options) {
 	const dataupdate::DownloadSourceScope scope(kit.Packages());
 	Report report(own, options);
 	const Offerer offerer = {"import",
-	    [&](const Services& /*services*/, const std::string& id) { return Install(own, options, id); },
-	    [](const std::string& /*id*/, int installed, int offered) { return DescribeAbove(installed, offered); }};
+	    [&](const Services& /*services*/, const std::string& id) { return Install(own, options, id); }, DescribeAbove};
 	return report.RunEach(Choose(services, options, kit), [&](const std::string& id) {
 		services.config->CheckSupported(id);
 		RequireOffered(kit, options, id);

@@ -3,6 +3,8 @@
 #include "dataupdate/interruption.h"
 #include "host/terminal/progress_file.h"
 
+#include <boost/algorithm/cxx11/any_of.hpp>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,10 +28,6 @@ bool IsRunning(const Services& services, const Options& options) {
 	    [&](const std::string& id) { return services.checker->IsUpdating(id); });
 }
 
-bool IsOfInterest(const Options& options, const ProgressRecord& record) {
-	return options.ids.empty() || std::find(options.ids.begin(), options.ids.end(), record.id) != options.ids.end();
-}
-
 class Watcher {
 public:
 	Watcher(const Services& services, const Options& options) : services_(services), options_(options) {}
@@ -39,7 +37,7 @@ public:
 
 	void Look() {
 		const std::optional<ProgressRecord> record = ReadProgress();
-		if (!record || !IsOfInterest(options_, *record)) {
+		if (!record || !(options_.ids.empty() || boost::algorithm::any_of_equal(options_.ids, record->id))) {
 			return;
 		}
 		if (services_.terminal.Draws() && !options_.json) {

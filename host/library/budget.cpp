@@ -34,22 +34,6 @@ std::optional<std::uint64_t> Sum(const Situation& situation, const Diffs& diffs)
 	return bytes;
 }
 
-/** What a last character multiplies by; 1 for a digit, 0 for what is no unit. */
-std::uint64_t UnitOf(char last) {
-	constexpr std::uint64_t kThousand = 1000;
-	switch (last) {
-	case 'k':
-	case 'K':
-		return kThousand;
-	case 'M':
-		return kThousand * kThousand;
-	case 'G':
-		return kThousand * kThousand * kThousand;
-	default:
-		return last >= '0' && last <= '9' ? 1 : 0;
-	}
-}
-
 [[noreturn]] void Refuse(const std::string& reason) {
 	throw Refusal(kBeyondBudget, reason);
 }
@@ -83,16 +67,15 @@ UpdateWay FindWay(const Situation& situation, const Diffs& diffs) {
 }
 
 std::optional<std::uint64_t> ParseBytes(const std::string& text) {
-	const std::uint64_t unit = text.empty() ? 0 : UnitOf(text.back());
-	if (unit == 0) {
-		return std::nullopt;
-	}
-	const char* const end = text.data() + text.size() - (unit == 1 ? 0 : 1);
+	static const std::map<std::string, std::uint64_t> kUnits = {
+	    {"", 1}, {"k", 1000}, {"K", 1000}, {"M", 1000000}, {"G", 1000000000}};
+	const char* const end = text.data() + text.size();
 	std::uint64_t number = 0;
 	const auto result = std::from_chars(text.data(), end, number);
-	const bool is_number = result.ec == std::errc() && result.ptr == end;
-	const bool fits = is_number && number <= std::numeric_limits<std::uint64_t>::max() / unit;
-	return fits ? std::optional(number * unit) : std::nullopt;
+	const auto unit = kUnits.find(std::string(result.ptr, end));
+	const bool is_number = result.ec == std::errc() && unit != kUnits.end();
+	const bool fits = is_number && number <= std::numeric_limits<std::uint64_t>::max() / unit->second;
+	return fits ? std::optional(number * unit->second) : std::nullopt;
 }
 
 Budget BudgetOf(std::uint64_t most_bytes) {

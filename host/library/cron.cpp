@@ -4,7 +4,7 @@
 #include <array>
 #include <bitset>
 #include <charconv>
-#include <iterator>
+#include <map>
 #include <sstream>
 
 namespace tarn::ctl {
@@ -29,14 +29,6 @@ struct Range {
 
 /** Minute, hour, day of the month, month, day of the week, in which 7 is Sunday as well. */
 constexpr std::array<Range, 5> kRanges = {Range{0, 59}, Range{0, 23}, Range{1, 31}, Range{1, 12}, Range{0, 7}};
-
-struct Nickname {
-	const char* name;
-	const char* fields;
-};
-
-constexpr Nickname kNicknames[] = {{"@hourly", "0 * * * *"}, {"@daily", "0 0 * * *"}, {"@midnight", "0 0 * * *"},
-    {"@weekly", "0 0 * * 0"}, {"@monthly", "0 0 1 * *"}, {"@yearly", "0 0 1 1 *"}, {"@annually", "0 0 1 1 *"}};
 
 std::optional<int> ParseNumber(const std::string& text) {
 	int number = 0;
@@ -107,12 +99,13 @@ std::optional<Fields> ParseFields(const std::string& line) {
 }
 
 std::string WithoutNickname(const std::string& line) {
-	std::istringstream words(line);
+	static const std::map<std::string, std::string> kNicknames = {{"@hourly", "0 * * * *"}, {"@daily", "0 0 * * *"},
+	    {"@midnight", "0 0 * * *"}, {"@weekly", "0 0 * * 0"}, {"@monthly", "0 0 1 * *"}, {"@yearly", "0 0 1 1 *"},
+	    {"@annually", "0 0 1 1 *"}};
 	std::string first;
-	words >> first;
-	const auto* found = std::find_if(
-	    std::begin(kNicknames), std::end(kNicknames), [&](const Nickname& nickname) { return first == nickname.name; });
-	return found == std::end(kNicknames) ? line : found->fields;
+	std::istringstream(line) >> first;
+	const auto found = kNicknames.find(first);
+	return found == kNicknames.end() ? line : found->second;
 }
 
 bool Has(const Field& field, int value) {

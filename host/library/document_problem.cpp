@@ -6,7 +6,7 @@
 #include "host/terminal/text.h"
 
 #include <algorithm>
-#include <exception>
+#include <charconv>
 #include <vector>
 
 namespace tarn::ctl {
@@ -40,15 +40,9 @@ std::string TypeOf(const Json::Value& value) {
 
 /** The library would take "99abc" for 99, and "-5", " 5" and "+5" for numbers. */
 bool IsVersion(const std::string& text) {
-	if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-		return false;
-	}
-	try {
-		std::stoi(text);
-		return true;
-	} catch (const std::exception&) {
-		return false;
-	}
+	int version = 0;
+	return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
+	       std::from_chars(text.data(), text.data() + text.size(), version).ec == std::errc();
 }
 
 /** A member that a record must have: its name, what it must be, and whether it is. */

@@ -9,8 +9,9 @@
 #include "dataupdate/update_error.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
+#include "host/library/json_record.h"
 
-#include <json/reader.h>
+#include <boost/algorithm/cxx11/any_of.hpp>
 #include <json/value.h>
 
 #include <sys/mman.h>
@@ -20,7 +21,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -122,14 +122,10 @@ void RequireUsable(const dataupdate::IOUtils& io, const std::string& path, const
 	}
 }
 
-bool Holds(const std::vector<std::string>& known, const std::string& name) {
-	return std::find(known.begin(), known.end(), name) != known.end();
-}
-
 void FindInLines(const std::string& path, const std::vector<std::string>& known, std::vector<UnknownSetting>& unknown) {
 	// What cannot be read is told by who reads it to obey it.
 	[[maybe_unused]] const int ignored = ReadSettingsLines(path, "tarndbudctl", [&](const Directive& directive) {
-		if (!Holds(known, directive.name)) {
+		if (!boost::algorithm::any_of_equal(known, directive.name)) {
 			unknown.push_back({path, {directive.name, directive.line}, false, known});
 		}
 		return nullptr;
@@ -139,17 +135,10 @@ void FindInLines(const std::string& path, const std::vector<std::string>& known,
 /** A file of sections of settings, with the text that tells the lines. */
 class SectionedFile {
 public:
-	explicit SectionedFile(std::string path) : path_(std::move(path)) {
+	explicit SectionedFile(std::string path) : path_(std::move(path)), root_(ReadJsonRecord(path_)) {
 		std::ifstream file(path_);
 		text_.assign(std::istreambuf_iterator<char>(file), {});
-		const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-		bool is_read = false;
-		try {
-			is_read = reader->parse(text_.data(), text_.data() + text_.size(), &root_, nullptr);
-		} catch (const Json::Exception&) {
-			// Nested too deeply.
-		}
-		if (!is_read || !root_.isObject()) {
+		if (!root_.isObject()) {
 			root_ = Json::Value(Json::objectValue);
 		}
 	}
@@ -161,7 +150,7 @@ public:
 	void Find(
 	    const Json::Value& object, const std::vector<std::string>& known, std::vector<UnknownSetting>& unknown) const {
 		for (const std::string& name : object.isObject() ? object.getMemberNames() : std::vector<std::string>()) {
-			if (!Holds(known, name)) {
+			if (!boost::algorithm::any_of_equal(known, name)) {
 				unknown.push_back({path_, {name, LineOf(name, object[name])}, &object == &root_, known});
 			}
 		}
@@ -178,7 +167,7 @@ private:
 
 	std::string path_;
 	std::string text_;
-	Json::Value root_{Json::objectValue};
+	Json::Value root_;
 };
 
 } // namespace
