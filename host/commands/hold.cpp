@@ -5,6 +5,7 @@
 #include "dataupdate/paths.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -31,21 +32,16 @@ Json::Value Describe(const Options& options, bool held) {
 	return object;
 }
 
-void DeclareCommon(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
+	app.add_option("ID", options.id, "Database")->required();
 	DeclareTimeout(app, options, "Seconds to wait for a running update of the database");
 	DeclareJsonObject(app, options);
 }
 
 void DeclareHold(CLI::App& app, Options& options) {
-	app.add_option("ID", options.id, "Database")->required();
+	Declare(app, options);
 	app.add_option("VERSION", options.up_to, "Updates may go as far as this version; without it, nowhere")
 	    ->check(CLI::Range(0, std::numeric_limits<int>::max(), "NONNEGATIVE"));
-	DeclareCommon(app, options);
-}
-
-void DeclareUnhold(CLI::App& app, Options& options) {
-	app.add_option("ID", options.id, "Database")->required();
-	DeclareCommon(app, options);
 }
 
 /** No value also where the record cannot be read, which the hold does not depend on and other commands tell. */
@@ -73,9 +69,9 @@ ExitCode RunHold(const Services& services, const Options& options) {
 	const std::string state = DescribeHold({options.up_to, ""});
 	syslog(LOG_NOTICE, "%s is %s from now on.", options.id.c_str(), state.c_str());
 	Json::Value object = Describe(options, true);
-	object["held_up_to"] = options.up_to ? Json::Value(*options.up_to) : Json::Value();
+	object["held_up_to"] = OrNull(options.up_to);
 	const std::optional<int> installed = InstalledVersion(services, options.id);
-	object["installed_version"] = installed ? Json::Value(*installed) : Json::Value();
+	object["installed_version"] = OrNull(installed);
 	Answer(services, options, options.id + ": " + state + DescribeBeyond(options.up_to, installed) + "\n", object);
 	return kDone;
 }
@@ -100,7 +96,7 @@ const Command kHoldCommand = {"hold", "Keep a database at its version, or let it
     "hold of the same database takes the place of the first.",
     {kUnsupported, kLocked}, true, false, DeclareHold, RunHold};
 
-const Command kUnholdCommand = {"unhold", "Let a database be updated again", nullptr, {kUnsupported, kLocked}, true,
-    false, DeclareUnhold, RunUnhold};
+const Command kUnholdCommand = {
+    "unhold", "Let a database be updated again", nullptr, {kUnsupported, kLocked}, true, false, Declare, RunUnhold};
 
 } // namespace tarn::ctl

@@ -49,18 +49,14 @@ std::string FreeBytes(const UpdatePlan& plan) {
 	return plan.is_needed ? Bytes(plan, plan.free_bytes) : "-";
 }
 
-Json::Value ToJson(const std::optional<std::uint64_t>& bytes) {
-	return bytes ? Json::Value(Json::UInt64{*bytes}) : Json::Value();
-}
-
 Json::Value WayToJson(const UpdatePlan& plan) {
 	Json::Value object(Json::objectValue);
 	object["way"] = WayOf(plan);
 	object["reason"] = plan.reason;
 	object["packages"] = plan.is_needed ? Json::UInt64{plan.way.packages} : 0;
-	object["bytes"] = plan.is_needed ? ToJson(plan.way.bytes) : Json::Value(0);
-	object["needed_bytes"] = plan.is_needed ? ToJson(plan.most_bytes) : Json::Value(0);
-	object["free_bytes"] = ToJson(plan.free_bytes);
+	object["bytes"] = plan.is_needed ? OrNull(plan.way.bytes) : Json::Value(0);
+	object["needed_bytes"] = plan.is_needed ? OrNull(plan.most_bytes) : Json::Value(0);
+	object["free_bytes"] = OrNull(plan.free_bytes);
 	object["room"] = plan.is_needed ? NameOf(plan.room) : NameOf(Room::kEnough);
 	return object;
 }

@@ -24,14 +24,6 @@ namespace {
 
 constexpr std::size_t kLongestReason = 1000;
 
-/** The directory, which without a volume is none for databases that live on one. */
-std::optional<std::string> InstallDirectory(const dataupdate::DatabaseConfig& config) {
-	if (config.GetRootDirectory().empty()) {
-		return std::nullopt;
-	}
-	return config.GetInstallPrefix();
-}
-
 void AskServer(const Services& services, StatusRow& row) {
 	try {
 		row.remote_version = services.info->GetRemoteInfo(row.id).data_version;
@@ -59,9 +51,9 @@ void AddHistory(StatusRow& row, int installed) {
 	if (run) {
 		row.last_success = run->last_success;
 	}
-	if (const std::optional<FailureRecord> failure = ReadFailureRecord(row.id)) {
-		row.last_failure = {
-		    failure->operation, failure->time, failure->exit_status, failure->sentence, run && IsOver(*failure, *run)};
+	row.last_failure = ReadFailureRecord(row.id);
+	if (row.last_failure) {
+		row.last_failure->is_over = run && IsOver(*row.last_failure, *run);
 	}
 	const std::optional<Rejection> rejection = ReadRejection(row.id);
 	if (rejection && rejection->version > installed) {
@@ -95,7 +87,9 @@ StatusRow Collect(const Services& services, const std::string& id) {
 	}
 	const auto config = services.config->GetDatabaseConfig(id);
 	row.scheduled = config->GetScheduled();
-	row.install_dir = InstallDirectory(*config);
+	if (!config->GetRootDirectory().empty()) { // As it is without a volume for databases that live on one.
+		row.install_dir = config->GetInstallPrefix();
+	}
 	if (const std::string volume = services.config->GetCurVolume(); !volume.empty()) {
 		row.volume = volume;
 		row.volume_problem = VolumeProblem(volume);

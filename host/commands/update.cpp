@@ -10,6 +10,7 @@
 #include "host/library/preparation.h"
 #include "host/library/rejection.h"
 #include "host/library/run_record.h"
+#include "host/terminal/text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -73,13 +74,6 @@ std::string DescribeAbove(const std::string& id, int installed, int offered) {
 	       " 0\" installs the offered one";
 }
 
-Json::Value AboveToJson(int installed, int offered) {
-	Json::Value result = MakeResult("above offered", installed);
-	result["offered_version"] = offered;
-	result["exit_status"] = kAboveOffered;
-	return result;
-}
-
 Json::Value RefusalToJson(const Outcome& outcome) {
 	const bool is_held = outcome.refusal->Code() == kHeld;
 	Json::Value result = MakeResult(is_held ? "held" : "beyond budget", outcome.before);
@@ -88,8 +82,7 @@ Json::Value RefusalToJson(const Outcome& outcome) {
 	return result;
 }
 
-/** The library treats a later version than the server's as up to date, and only logs when it stopped without a volume.
- */
+/** The library treats a later version than the server's as up to date, and only logs that there is no volume. */
 ExitCode Judge(const Services& services, const std::string& id, const Outcome& outcome) {
 	if (outcome.refusal) {
 		return outcome.refusal->Code();
@@ -106,9 +99,6 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 	                                " is offered; the system log tells why");
 }
 
-constexpr char kMaxBytesHelp[] =
-    "Leave a database alone whose packages are larger together; k, M and G are decimal units";
-
 /** A hold that was asked for is no failure of a scheduled run; one that cannot be understood has to be noticed. */
 ExitCode TellHeld(const Services& services, Report& report, const std::string& id, bool is_scheduled, const Hold& hold,
     Json::Value result) {
@@ -119,7 +109,7 @@ ExitCode TellHeld(const Services& services, Report& report, const std::string& i
 		syslog(LOG_ERR, "%s", HoldProblem(id, hold).c_str());
 		services.terminal.Complain(HoldProblem(id, hold) + ".");
 	}
-	result["held_up_to"] = hold.up_to ? Json::Value(*hold.up_to) : Json::Value();
+	result["held_up_to"] = OrNull(hold.up_to);
 	result["exit_status"] = code;
 	const std::string advice = dataupdate::IsReplacementMarked(id)
 	                               ? "its last replacement was not finished: \"tarndbudctl fix " + id + "\" repairs it"
@@ -144,8 +134,10 @@ void TellEnd(const Services& services, Report& report, const std::string& id, co
 		const std::string saving = services.terminal.Draws() ? DescribeSaving(outcome) : "";
 		report.Tell(id, DescribeChange(outcome) + saving, ChangeToJson(outcome));
 	} else if (code == kAboveOffered) {
-		report.Tell(id, offerer.describe_above(id, outcome.before, outcome.offered),
-		    AboveToJson(outcome.before, outcome.offered));
+		Json::Value result = MakeResult("above offered", outcome.before);
+		result["offered_version"] = outcome.offered;
+		result["exit_status"] = kAboveOffered;
+		report.Tell(id, offerer.describe_above(id, outcome.before, outcome.offered), std::move(result));
 	} else {
 		report.Tell(
 		    id, "up to date, version " + std::to_string(outcome.before), MakeResult("up to date", outcome.before));
@@ -161,13 +153,14 @@ Budget ChooseBudget(const Services& services, const Options& options) {
 }
 
 void DeclareMaxBytes(CLI::App& app, Options& options) {
+	constexpr char kHelp[] = "Leave a database alone whose packages are larger together; k, M and G are decimal units";
 	const auto take = [&options](const std::string& text) {
 		options.max_bytes = ParseBytes(text);
 		if (!options.max_bytes) {
 			throw CLI::ValidationError("--max-bytes", "a number is needed, such as 1500, 1500k, 20M or 3G");
 		}
 	};
-	app.add_option_function<std::string>("--max-bytes", take, kMaxBytesHelp);
+	app.add_option_function<std::string>("--max-bytes", take, kHelp);
 }
 
 void Declare(CLI::App& app, Options& options) {

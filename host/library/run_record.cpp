@@ -149,7 +149,7 @@ void RecordFailure(const std::string& id, const char* operation, const Failure& 
 std::optional<FailureRecord> ReadFailureRecord(const std::string& id) {
 	return ReadJsonRecord(dataupdate::StatePath(id, kFailureName), [](const Json::Value& object) {
 		return FailureRecord{object["operation"].asString(), object["time"].asInt64(), object["exit_status"].asInt(),
-		    PlainAscii(object["error"].asString(), kLongestSentence)};
+		    PlainAscii(object["error"].asString(), kLongestSentence), false};
 	});
 }
 

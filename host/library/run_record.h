@@ -4,6 +4,7 @@
 
 #include "host/library/failure.h"
 #include "host/library/services.h"
+#include "host/terminal/text.h"
 
 #include <cstdint>
 #include <functional>
@@ -23,15 +24,7 @@ struct RunRecord {
 	std::optional<std::int64_t> last_success; ///< When an operation last succeeded, this one or an earlier one.
 };
 
-/** The last operation that ended as a failure; later successes leave it. */
-struct FailureRecord {
-	std::string operation;
-	std::int64_t time = 0; ///< In seconds since 1970.
-	int exit_status = 0;
-	std::string sentence;
-};
-
-/** No value when there is none, or none that can be read. */
+/** No value when there is none, or none that can be read; later successes leave it. */
 std::optional<FailureRecord> ReadFailureRecord(const std::string& id);
 
 /** A record that cannot be written is told to the system log only. */

@@ -2,11 +2,13 @@
 
 #include "base/text.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <json/writer.h>
 
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <limits>
 #include <locale>
 #include <sstream>
 
@@ -25,19 +27,11 @@ std::vector<std::size_t> ColumnWidths(const std::vector<std::vector<std::string>
 	return widths;
 }
 
-constexpr int kDigitsOfDouble = 17;
-
-std::string Escape(const std::string& text) {
-	std::string escaped;
-	for (const char character : text) {
-		if (character == '\n') {
-			escaped += "\\n";
-		} else {
-			escaped +=
-			    character == '\\' || character == '"' ? std::string("\\") + character : std::string(1, character);
-		}
-	}
-	return escaped;
+std::string Escape(std::string text) {
+	boost::replace_all(text, "\\", "\\\\");
+	boost::replace_all(text, "\"", "\\\"");
+	boost::replace_all(text, "\n", "\\n");
+	return text;
 }
 
 std::string FormatLabels(const Labels& labels) {
@@ -52,18 +46,9 @@ std::string FormatLabels(const Labels& labels) {
 std::string FormatValue(double value) {
 	std::ostringstream text;
 	text.imbue(std::locale::classic());
-	text.precision(kDigitsOfDouble);
+	text.precision(std::numeric_limits<double>::max_digits10);
 	text << value;
 	return text.str();
-}
-
-template<typename T>
-Json::Value ToJson(const std::optional<T>& value) {
-	return value ? Json::Value(*value) : Json::Value();
-}
-
-Json::Value ToJson(const std::optional<std::int64_t>& value) {
-	return value ? Json::Value(Json::Int64{*value}) : Json::Value();
 }
 
 /** Compares the installed version with the server's; no value when that is unknown, false for what is unfinished. */
@@ -78,13 +63,6 @@ std::optional<bool> CompareVersions(const StatusRow& row, const Comparison& comp
 	return row.installed_version && compare(*row.installed_version, *row.remote_version);
 }
 
-std::string YesNo(bool value) {
-	return value ? "yes" : "no";
-}
-
-/**
- * Whether the installed version is the server's; no value when the server's is unknown. What is unfinished never is.
- */
 std::optional<bool> IsUpToDate(const StatusRow& row) {
 	return CompareVersions(row, std::equal_to<>());
 }
@@ -115,10 +93,6 @@ std::string FormatVersionState(const StatusRow& row) {
 	return *current ? "up to date" : "outdated";
 }
 
-std::string FormatState(const StatusRow& row) {
-	return FormatVersionState(row) + (row.held ? ", held" : "");
-}
-
 std::optional<std::int64_t> Age(const StatusRow& row, std::time_t now) {
 	return row.published ? std::optional<std::int64_t>(now - *row.published) : std::nullopt;
 }
@@ -133,8 +107,9 @@ std::string FormatAge(const StatusRow& row, std::time_t now) {
 
 std::vector<std::string> FormatRow(const StatusRow& row, std::time_t now) {
 	return {row.id, row.installed_version ? std::to_string(*row.installed_version) : "-",
-	    row.remote_version ? std::to_string(*row.remote_version) : "unknown", FormatState(row), FormatAge(row, now),
-	    YesNo(row.scheduled), row.install_dir.value_or("- (no volume)")};
+	    row.remote_version ? std::to_string(*row.remote_version) : "unknown",
+	    FormatVersionState(row) + (row.held ? ", held" : ""), FormatAge(row, now), row.scheduled ? "yes" : "no",
+	    row.install_dir.value_or("- (no volume)")};
 }
 
 /** What is there only when it has happened, or is going to. */
@@ -172,15 +147,6 @@ std::string FormatDuration(std::int64_t seconds) {
 	return seconds < 2 * kDay ? std::to_string(seconds / kHour) + " h" : std::to_string(seconds / kDay) + " d";
 }
 
-std::string FormatClock(std::time_t instant) {
-	std::tm local{};
-	std::array<char, 8> buffer{};
-	if (localtime_r(&instant, &local) == nullptr || std::strftime(buffer.data(), buffer.size(), "%H:%M", &local) == 0) {
-		return "?";
-	}
-	return buffer.data();
-}
-
 std::string FormatMoment(std::time_t instant) {
 	std::tm local{};
 	std::array<char, 32> buffer{};
@@ -189,6 +155,11 @@ std::string FormatMoment(std::time_t instant) {
 		return "?";
 	}
 	return buffer.data();
+}
+
+std::string FormatClock(std::time_t instant) {
+	const std::string moment = FormatMoment(instant);
+	return moment.substr(moment.find(' ') + 1);
 }
 
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
@@ -248,7 +219,7 @@ std::string FormatFailures(const std::vector<StatusRow>& rows, std::time_t now) 
 		if (!row.last_failure || row.last_failure->is_over) {
 			continue;
 		}
-		const FailureLine& failure = *row.last_failure;
+		const FailureRecord& failure = *row.last_failure;
 		text += row.id + ": last failure " + FormatDuration(now - failure.time) + " ago (" +
 		        FormatMoment(failure.time) + ", " + failure.operation + "): " + failure.sentence + "\n";
 	}
@@ -260,28 +231,28 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 	for (const StatusRow& row : rows) {
 		Json::Value object(Json::objectValue);
 		object["id"] = row.id;
-		object["installed_version"] = ToJson(row.installed_version);
-		object["remote_version"] = ToJson(row.remote_version);
+		object["installed_version"] = OrNull(row.installed_version);
+		object["remote_version"] = OrNull(row.remote_version);
 		if (!row.remote_error.empty()) {
 			object["remote_error"] = row.remote_error;
 		}
-		object["up_to_date"] = ToJson(IsUpToDate(row));
-		object["above_offered"] = ToJson(IsAboveOffered(row));
-		object["published"] = ToJson(row.published);
-		object["age_seconds"] = ToJson(Age(row, now));
+		object["up_to_date"] = OrNull(IsUpToDate(row));
+		object["above_offered"] = OrNull(IsAboveOffered(row));
+		object["published"] = OrNull(row.published);
+		object["age_seconds"] = OrNull(Age(row, now));
 		object["scheduled"] = row.scheduled;
 		object["updating"] = row.updating;
 		object["unfinished"] = row.unfinished;
 		object["held"] = row.held;
-		object["held_up_to"] = ToJson(row.held_up_to);
+		object["held_up_to"] = OrNull(row.held_up_to);
 		if (!row.hold_problem.empty()) {
 			object["hold_problem"] = row.hold_problem;
 		}
-		object["install_dir"] = ToJson(row.install_dir);
+		object["install_dir"] = OrNull(row.install_dir);
 		if (row.old_dir) {
 			object["installed_in"] = *row.old_dir;
 		}
-		object["volume"] = ToJson(row.volume);
+		object["volume"] = OrNull(row.volume);
 		AddHistory(row, object);
 		if (!row.volume_problem.empty()) {
 			object["volume_problem"] = row.volume_problem;

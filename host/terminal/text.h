@@ -25,6 +25,12 @@ std::string FormatClock(std::time_t instant);
 /** Rows as columns of equal width, two blanks apart, each row ending in a newline without blanks before it. */
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows);
 
+/** Null for no value. */
+template<typename T>
+Json::Value OrNull(const std::optional<T>& value) {
+	return value ? Json::Value(*value) : Json::Value();
+}
+
 /** A JSON document as text, indented by tabs, with a newline at the end. */
 std::string FormatJson(const Json::Value& value);
 
@@ -52,13 +58,13 @@ private:
 	std::vector<Family> families_;
 };
 
-/** The last operation on a database that failed. */
-struct FailureLine {
+/** The last operation on a database that ended as a failure. */
+struct FailureRecord {
 	std::string operation;
-	std::int64_t time = 0;
+	std::int64_t time = 0; ///< In seconds since 1970.
 	int exit_status = 0;
 	std::string sentence;
-	bool is_over = false; ///< An operation has succeeded since.
+	bool is_over = false; ///< An operation has succeeded since; not recorded.
 };
 
 /** One database; what is unknown or absent has no value. */
@@ -78,7 +84,7 @@ struct StatusRow {
 	std::optional<std::string> old_dir; ///< Where it is installed instead of in install_dir, which is no installation.
 	std::optional<std::string> volume;
 	std::optional<std::int64_t> last_success; ///< When an operation last succeeded.
-	std::optional<FailureLine> last_failure;
+	std::optional<FailureRecord> last_failure;
 	std::optional<int> refused_version;   ///< A check of this machine refused it, and it has not been installed.
 	std::optional<std::int64_t> next_run; ///< When a scheduled update includes it next.
 	std::string volume_problem;           ///< Why the volume is not safe to write to; nothing is updated meanwhile.
