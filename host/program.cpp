@@ -39,8 +39,7 @@ Tail TailOf(const std::vector<std::string>& words, const std::vector<Command>& c
 }
 
 bool IsNegativeNumber(const std::string& word) {
-	return word.size() > 1 && word.front() == '-' &&
-	       std::all_of(word.begin() + 1, word.end(), [](char digit) { return digit >= '0' && digit <= '9'; });
+	return word.size() > 1 && word.front() == '-' && word.find_first_not_of("0123456789", 1) == std::string::npos;
 }
 
 constexpr char kProgram[] = "tarndbudctl";
@@ -55,8 +54,10 @@ struct Meaning {
 	const char* text;
 };
 
-constexpr Meaning kCommonMeanings[] = {{kDone, "done"}, {kFailed, "failed"}, {kUsage, "wrong usage"}};
 constexpr Meaning kMeanings[] = {
+    {kDone, "done"},
+    {kFailed, "failed"},
+    {kUsage, "wrong usage"},
     {kUnsupported, "the database is not configured"},
     {kFixNeeded, "a fix is needed"},
     {kAboveOffered, "a later version is installed than the server, or the kit, offers"},
@@ -70,20 +71,15 @@ constexpr Meaning kMeanings[] = {
 constexpr char kCommandsOwnHelp[] =
     "\nAny other exit status is that of the command, or 128 plus the signal that ended it.";
 
-std::string Line(const Meaning& meaning) {
-	const std::string code = std::to_string(meaning.code);
-	return "\n" + std::string(5 - code.size(), ' ') + code + "  " + meaning.text;
-}
-
-/** The exit codes of all commands, or of those whose command asks for them. */
+/** The exit codes that every command has, and of the others those that are wanted. */
 template<typename Wanted>
 std::string DescribeCodes(const Wanted& is_wanted) {
 	std::string text = kExitStatusHelp;
-	for (const Meaning& meaning : kCommonMeanings) {
-		text += Line(meaning);
-	}
 	for (const Meaning& meaning : kMeanings) {
-		text += is_wanted(meaning.code) ? Line(meaning) : "";
+		if (meaning.code <= kUsage || is_wanted(meaning.code)) {
+			const std::string code = std::to_string(meaning.code);
+			text += "\n" + std::string(5 - code.size(), ' ') + code + "  " + meaning.text;
+		}
 	}
 	return text;
 }

@@ -45,10 +45,6 @@ std::string Bytes(const UpdatePlan& plan, const std::optional<std::uint64_t>& by
 	return bytes ? HumanSize(*bytes) : "unknown";
 }
 
-std::string FreeBytes(const UpdatePlan& plan) {
-	return plan.is_needed ? Bytes(plan, plan.free_bytes) : "-";
-}
-
 Json::Value WayToJson(const UpdatePlan& plan) {
 	Json::Value object(Json::objectValue);
 	object["way"] = WayOf(plan);
@@ -92,9 +88,10 @@ std::string FormatTableOf(const std::vector<UpdatePlan>& plans) {
 	std::vector<std::vector<std::string>> rows = {
 	    {"DATABASE", "FROM", "TO", "BY", "BYTES", "NEEDS", "FREE", "ROOM", "READERS"}};
 	for (const UpdatePlan& plan : plans) {
-		rows.push_back({plan.id, Version(plan.from), Version(plan.found.offered), WayOf(plan),
-		    Bytes(plan, plan.way.bytes), Bytes(plan, plan.most_bytes), FreeBytes(plan),
-		    plan.is_needed ? NameOf(plan.room) : "-", std::to_string(plan.readers)});
+		rows.push_back(
+		    {plan.id, Version(plan.from), Version(plan.found.offered), WayOf(plan), Bytes(plan, plan.way.bytes),
+		        Bytes(plan, plan.most_bytes), plan.is_needed ? Bytes(plan, plan.free_bytes) : "-",
+		        plan.is_needed ? NameOf(plan.room) : "-", std::to_string(plan.readers)});
 	}
 	return FormatTable(rows);
 }

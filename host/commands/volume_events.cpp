@@ -97,15 +97,13 @@ void AnswerToUnmount(
 	const std::string could_not = "The databases could not be moved from " + path + " to " + outcome.target;
 	switch (outcome.end) {
 	case End::kMoved:
-		Answer(
-		    services, options, "The databases were moved from " + path + " to " + now + ".\n", Describe("moved", now));
-		return;
-	case End::kCopied:
+	case End::kCopied: {
+		const std::string left = "; what is left of them on " + path + " could not be deleted: see the system log";
 		Answer(services, options,
-		    "The databases were moved from " + path + " to " + now + "; what is left of them on " + path +
-		        " could not be deleted: see the system log.\n",
+		    "The databases were moved from " + path + " to " + now + (outcome.end == End::kCopied ? left : "") + ".\n",
 		    Describe("moved", now));
 		return;
+	}
 	case End::kStayed:
 		throw CommandError(kFailed, could_not + "; they are whole on " + path +
 		                                ", and no volume is in use until \"tarndbudctl volume mounted " + path +
@@ -159,8 +157,7 @@ bool IsGone(const Services& services, const std::string& volume, int error) {
 	return databases == ENOENT || databases == ENOTDIR;
 }
 
-/** A volume that went without notice has nothing to move, and the library would move what lies below its mount point.
- */
+/** Such a volume has nothing to move, and the library would move what lies below its mount point. */
 void GiveUp(const Services& services, const Options& options, const std::string& path) {
 	services.config->SetCurVolume("");
 	Answer(services, options,

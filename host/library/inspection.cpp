@@ -118,36 +118,17 @@ Knowledge KnowledgeOf(const std::optional<InstalledFiles>& files) {
 	return files->is_from_disk ? Knowledge::kFromDisk : Knowledge::kAll;
 }
 
-std::vector<BadFile> FindUnknown(const Known& known) {
+Findings JudgeAll(Known known) {
+	std::vector<BadFile> bad = FindBadFiles(known.listed, known.install_prefix);
 	std::vector<BadFile> unknown;
 	if (known.files) {
+		const std::vector<BadFile> others = FindBadFiles(*known.files, known.listed, known.install_prefix);
+		bad.insert(bad.end(), others.begin(), others.end());
 		for (const std::string& name : FindUnknownFiles(*known.files, known.install_prefix)) {
 			unknown.push_back({name, known.install_prefix + "/" + name, "is unknown"});
 		}
 	}
-	return unknown;
-}
-
-/** Everything but what is recorded, which the caller adds. */
-Findings Judge(const Known& known, std::vector<BadFile> of_listed, const std::vector<BadFile>& of_others) {
-	Findings found;
-	found.is_unfinished = known.is_unfinished;
-	found.knowledge = KnowledgeOf(known.files);
-	found.bad = std::move(of_listed);
-	found.bad.insert(found.bad.end(), of_others.begin(), of_others.end());
-	return found;
-}
-
-Findings JudgeAll(Known known) {
-	std::vector<BadFile> listed = FindBadFiles(known.listed, known.install_prefix);
-	std::vector<BadFile> others;
-	if (known.files) {
-		others = FindBadFiles(*known.files, known.listed, known.install_prefix);
-	}
-	Findings found = Judge(known, std::move(listed), others);
-	found.unknown = FindUnknown(known);
-	found.listed = std::move(known.listed);
-	return found;
+	return {std::move(known.listed), known.is_unfinished, KnowledgeOf(known.files), std::move(bad), std::move(unknown)};
 }
 
 /** Judges what was bad before, and of the unknown files whether they are there and unknown still. */
@@ -163,16 +144,17 @@ Findings JudgeAgain(Known known, const Findings& before) {
 	}
 	listed.files.Sort();
 	others.files.Sort();
-	Findings found = Judge(known, FindBadFiles(listed, known.install_prefix),
-	    FindBadFiles(others, InstalledRecord(), known.install_prefix));
+	std::vector<BadFile> bad = FindBadFiles(listed, known.install_prefix);
+	const std::vector<BadFile> bad_others = FindBadFiles(others, InstalledRecord(), known.install_prefix);
+	bad.insert(bad.end(), bad_others.begin(), bad_others.end());
+	std::vector<BadFile> unknown;
 	for (const BadFile& file : before.unknown) {
 		const bool exists = std::filesystem::exists(std::filesystem::symlink_status(file.path));
 		if (exists && known.files && !known.files->files.Has(file.name)) {
-			found.unknown.push_back(file);
+			unknown.push_back(file);
 		}
 	}
-	found.listed = std::move(known.listed);
-	return found;
+	return {std::move(known.listed), known.is_unfinished, KnowledgeOf(known.files), std::move(bad), std::move(unknown)};
 }
 
 /** Which files of the record the library lists, and checks. */

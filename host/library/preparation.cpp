@@ -39,10 +39,6 @@ constexpr mode_t kPermissions = 07777;
 	throw CommandError(kFailed, "The lock file " + path + " cannot be made (" + std::strerror(errno) + ")");
 }
 
-bool IsOwn(const struct stat& status) {
-	return status.st_uid == 0 || status.st_uid == geteuid();
-}
-
 void Make(const std::string& path) {
 	const UniqueFd file(
 	    open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kPrivate)); // A FIFO would block.
@@ -53,7 +49,8 @@ void Make(const std::string& path) {
 	if (!file || fstat(file.Get(), &status) != 0) {
 		FailToMake(path);
 	}
-	if (!S_ISREG(status.st_mode) || !IsOwn(status)) {
+	const bool is_own = status.st_uid == 0 || status.st_uid == geteuid();
+	if (!S_ISREG(status.st_mode) || !is_own) {
 		RefusePlace(path, "is no file of root's");
 	}
 	if ((status.st_mode & kPermissions) != kPrivate && fchmod(file.Get(), kPrivate) != 0) {

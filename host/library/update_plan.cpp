@@ -187,14 +187,13 @@ std::vector<pid_t> ReadersIn(const std::string& locks, const std::string& file) 
 	for (std::string line; std::getline(lines, line);) {
 		// "7: FLOCK  ADVISORY  READ 4242 00:1b:4711 0 EOF"; who waits has "->" in the second place.
 		std::istringstream words(line);
-		std::string number;
+		std::string ignored;
 		std::string kind;
-		std::string strictness;
 		std::string access;
 		std::string place;
 		pid_t process = 0;
-		if (words >> number >> kind >> strictness >> access >> process >> place && kind == "FLOCK" &&
-		    access == "READ" && place == file) {
+		if (words >> ignored >> kind >> ignored >> access >> process >> place && kind == "FLOCK" && access == "READ" &&
+		    place == file) {
 			readers.push_back(process);
 		}
 	}
