@@ -1,5 +1,6 @@
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
+#include "host/commands/operation.h"
 #include "host/commands/report.h"
 #include "host/library/operation.h"
 #include "host/library/preparation.h"

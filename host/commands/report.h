@@ -1,9 +1,8 @@
-/** @file What commands say of databases and of operations on them, and the options that several commands share. */
+/** @file What commands say of databases, and the options that several commands share. */
 #ifndef HOST_COMMANDS_REPORT_H
 #define HOST_COMMANDS_REPORT_H
 
 #include "host/commands/commands.h"
-#include "host/library/operation.h"
 #include "host/library/services.h"
 
 #include <json/value.h>
@@ -38,21 +37,6 @@ private:
 	const Options& options_;
 	Json::Value array_;
 };
-
-/**
- * Finishes the replacements that were killed, of whichever database, and reports them; then does the work. Records how
- * all that went as RunRecorded() does.
- */
-ExitCode RunOperation(const Services& services, Report& report, const std::string& id, const char* operation,
-    const std::function<ExitCode()>& work);
-
-/** The end of a result that names the directory with the files that nothing uses any more; empty without such files. */
-[[nodiscard]] std::string DescribeLeftBehind(const Outcome& outcome);
-
-/** The end of a result that says that an older version was installed than was there; empty when it was none. */
-[[nodiscard]] std::string DescribeWayBack(const Outcome& outcome);
-/** The same two for a result as an object. */
-void AddWayBack(const Outcome& outcome, Json::Value& result);
 
 /** {"result": result, "version": version} */
 Json::Value MakeResult(const char* result, int version);

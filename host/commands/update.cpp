@@ -4,6 +4,7 @@
 #include "dataupdate/installation.h"
 #include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
+#include "host/commands/operation.h"
 #include "host/library/budget.h"
 #include "host/library/failure.h"
 #include "host/library/hold.h"

@@ -157,7 +157,7 @@ bool IsGone(const Services& services, const std::string& volume, int error) {
 	return databases == ENOENT || databases == ENOTDIR;
 }
 
-/** Such a volume has nothing to move, and the library would move what lies below its mount point. */
+/** A volume that is gone has nothing to move, and the library would move what lies below its mount point. */
 void GiveUp(const Services& services, const Options& options, const std::string& path) {
 	services.config->SetCurVolume("");
 	Answer(services, options,
