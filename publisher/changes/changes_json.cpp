@@ -11,69 +11,45 @@ const char* IdentityName(RowIdentity identity) {
 	return identity == RowIdentity::kKey ? "key" : identity == RowIdentity::kRowId ? "row id" : "content";
 }
 
+Json::Value TextOrNull(const std::string& text) {
+	return text.empty() ? Json::Value() : Json::Value(text);
+}
+
 Json::Value ToJson(const RowCounts& rows) {
-	Json::Value value(Json::objectValue);
-	value["inserted"] = Json::UInt64{rows.inserted};
-	value["updated"] = Json::UInt64{rows.updated};
-	value["deleted"] = Json::UInt64{rows.deleted};
-	return value;
+	return JsonObject({{"inserted", rows.inserted}, {"updated", rows.updated}, {"deleted", rows.deleted}});
 }
 
 Json::Value ToJson(const ComparedVersion& version) {
-	Json::Value value(Json::objectValue);
-	value["version"] = version.version;
-	value["full_package"] = version.full_package;
-	value["diff_packages"] = version.diffs;
-	value["published"] = version.published ? Json::Value(*version.published) : Json::Value();
-	return value;
+	return JsonObject(
+	    {{"version", version.version}, {"full_package", version.full_package}, {"diff_packages", version.diffs},
+	        {"published", version.published ? Json::Value(*version.published) : Json::Value()}});
 }
 
 Json::Value ToJson(const ChangeTotals& totals) {
-	Json::Value value(Json::objectValue);
-	Json::Value& files = value["files"];
-	files["added"] = Json::UInt64{totals.added};
-	files["removed"] = Json::UInt64{totals.removed};
-	files["changed"] = Json::UInt64{totals.changed};
-	files["unchanged"] = Json::UInt64{totals.unchanged};
-	value["size_before"] = Json::UInt64{totals.size_before};
-	value["size_after"] = Json::UInt64{totals.size_after};
-	value["databases"] = Json::UInt64{totals.databases};
-	value["tables_not_compared"] = Json::UInt64{totals.tables_not_compared};
-	value["rows"] = ToJson(totals.rows);
-	return value;
+	const Json::Value files = JsonObject({{"added", totals.added}, {"removed", totals.removed},
+	    {"changed", totals.changed}, {"unchanged", totals.unchanged}});
+	return JsonObject({{"files", files}, {"size_before", totals.size_before}, {"size_after", totals.size_after},
+	    {"databases", totals.databases}, {"tables_not_compared", totals.tables_not_compared},
+	    {"rows", ToJson(totals.rows)}});
 }
 
 Json::Value ToJson(const RowExample& example) {
-	Json::Value value(Json::objectValue);
-	value["operation"] = RowOperationName(example.operation);
-	value["key"] = example.key.empty() ? Json::Value() : Json::Value(example.key);
-	value["more_values"] = Json::UInt64{example.more_values};
-	Json::Value& values = value["values"] = Json::Value(Json::arrayValue);
-	for (const ValueExample& shown : example.values) {
-		Json::Value item(Json::objectValue);
-		item["column"] = shown.column;
-		item["before"] = shown.before.empty() ? Json::Value() : Json::Value(shown.before);
-		item["after"] = shown.after.empty() ? Json::Value() : Json::Value(shown.after);
-		values.append(std::move(item));
-	}
-	return value;
+	const Json::Value values = JsonArray(example.values, [](const ValueExample& value) {
+		return JsonObject(
+		    {{"column", value.column}, {"before", TextOrNull(value.before)}, {"after", TextOrNull(value.after)}});
+	});
+	return JsonObject({{"operation", RowOperationName(example.operation)}, {"key", TextOrNull(example.key)},
+	    {"more_values", example.more_values}, {"values", values}});
 }
 
 Json::Value ToJson(const std::vector<std::string>& names) {
-	Json::Value value(Json::arrayValue);
-	for (const std::string& name : names) {
-		value.append(name);
-	}
-	return value;
+	return JsonArray(names, [](const std::string& name) { return name; });
 }
 
 Json::Value ToJson(const TableChange& table) {
-	Json::Value value(Json::objectValue);
-	value["name"] = table.name;
-	value["change"] = ChangeKindName(table.kind);
-	value["new_definition"] = table.has_new_definition;
-	value["added_columns"] = ToJson(table.added_columns);
-	value["removed_columns"] = ToJson(table.removed_columns);
+	Json::Value value = JsonObject(
+	    {{"name", table.name}, {"change", ChangeKindName(table.kind)}, {"new_definition", table.has_new_definition},
+	        {"added_columns", ToJson(table.added_columns)}, {"removed_columns", ToJson(table.removed_columns)}});
 	if (!table.obstacle.empty()) {
 		value["not_compared"] = table.obstacle;
 		return value;
@@ -81,50 +57,30 @@ Json::Value ToJson(const TableChange& table) {
 	value["compared_by"] =
 	    table.kind == ChangeKind::kChanged ? Json::Value(IdentityName(table.identity)) : Json::Value();
 	value["rows"] = ToJson(table.rows);
-	Json::Value& examples = value["examples"] = Json::Value(Json::arrayValue);
-	for (const RowExample& example : table.examples) {
-		examples.append(ToJson(example));
-	}
+	value["examples"] = JsonArray(table.examples, [](const RowExample& example) { return ToJson(example); });
 	return value;
 }
 
 Json::Value ToJson(const DatabaseChange& database) {
-	Json::Value value(Json::objectValue);
-	Json::Value& tables = value["tables"] = Json::Value(Json::arrayValue);
-	for (const TableChange& table : database.tables) {
-		tables.append(ToJson(table));
-	}
-	Json::Value& definitions = value["definitions"] = Json::Value(Json::arrayValue);
-	for (const DefinitionChange& definition : database.definitions) {
-		Json::Value item(Json::objectValue);
-		item["type"] = definition.type;
-		item["name"] = definition.name;
-		item["change"] = ChangeKindName(definition.kind);
-		definitions.append(std::move(item));
-	}
-	Json::Value& settings = value["settings"] = Json::Value(Json::objectValue);
+	const Json::Value tables = JsonArray(database.tables, [](const TableChange& table) { return ToJson(table); });
+	const Json::Value definitions = JsonArray(database.definitions, [](const DefinitionChange& definition) {
+		return JsonObject(
+		    {{"type", definition.type}, {"name", definition.name}, {"change", ChangeKindName(definition.kind)}});
+	});
+	Json::Value settings(Json::objectValue);
 	for (const SettingChange& setting : database.settings) {
-		settings[setting.name]["before"] = setting.before;
-		settings[setting.name]["after"] = setting.after;
+		settings[setting.name] = JsonObject({{"before", setting.before}, {"after", setting.after}});
 	}
-	return value;
+	return JsonObject({{"tables", tables}, {"definitions", definitions}, {"settings", settings}});
 }
 
 Json::Value ToJson(const std::optional<FileState>& state) {
-	Json::Value value;
-	if (state) {
-		value["size"] = Json::UInt64{state->size};
-		value["executable"] = state->executable;
-	}
-	return value;
+	return state ? JsonObject({{"size", state->size}, {"executable", state->executable}}) : Json::Value();
 }
 
 Json::Value ToJson(const FileChange& file) {
-	Json::Value value(Json::objectValue);
-	value["name"] = file.name;
-	value["change"] = ChangeKindName(file.Kind());
-	value["before"] = ToJson(file.before);
-	value["after"] = ToJson(file.after);
+	Json::Value value = JsonObject({{"name", file.name}, {"change", ChangeKindName(file.Kind())},
+	    {"before", ToJson(file.before)}, {"after", ToJson(file.after)}});
 	if (!file.note.empty()) {
 		value["compared_as_bytes"] = file.note;
 	}

@@ -1,6 +1,7 @@
 #include "publisher/commands/diff_table.h"
 
 #include "base/text.h"
+#include "publisher/common/json_text.h"
 #include "publisher/diff/kind_plan.h"
 
 #include <array>
@@ -104,11 +105,8 @@ void PrintPlans(const DiffPackage& diff, std::ostream& out) {
 void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
 	Json::Value& changes = value["changes"] = Json::Value(Json::arrayValue);
 	for (const DiffMember& member : diff.members) {
-		Json::Value item(Json::objectValue);
-		item["name"] = member.name;
-		item["operation"] = OperationOf(member.kind);
-		item["kind"] = PatchKindName(member.kind);
-		item["size"] = Json::UInt64{member.size};
+		Json::Value item = JsonObject({{"name", member.name}, {"operation", OperationOf(member.kind)},
+		    {"kind", PatchKindName(member.kind)}, {"size", member.size}});
 		if (const Json::Value* plan = PlanOf(diff, member.name)) {
 			item["plan"] = *plan;
 		}
@@ -116,8 +114,7 @@ void AddDiffJson(const DiffPackage& diff, Json::Value& value) {
 	}
 	Json::Value& totals = value["totals"] = Json::Value(Json::objectValue);
 	for (const auto& [kind, total] : TotalsOf(diff)) {
-		totals[PatchKindName(kind)]["files"] = Json::UInt64{total.files};
-		totals[PatchKindName(kind)]["bytes"] = Json::UInt64{total.bytes};
+		totals[PatchKindName(kind)] = JsonObject({{"files", total.files}, {"bytes", total.bytes}});
 	}
 }
 

@@ -14,11 +14,8 @@ struct Options : ExportOptions {
 };
 
 Json::Value ToJson(const ExportedDatabase& database, const Options& options) {
-	Json::Value value(Json::objectValue);
-	value["id"] = database.id;
-	value["data_version"] = database.data_version;
-	value["full_package"] = database.has_full;
-	value["diff_packages"] = Json::Value::UInt64{database.diffs};
+	Json::Value value = JsonObject({{"id", database.id}, {"data_version", database.data_version},
+	    {"full_package", database.has_full}, {"diff_packages", database.diffs}});
 	if (database.diffs > 0) {
 		value["from"] = *options.from;
 	}
@@ -41,14 +38,11 @@ void PrintText(const Options& options, const ExportResult& result, std::ostream&
 }
 
 void PrintJson(const Options& options, const ExportResult& result, std::ostream& out) {
-	Json::Value value(Json::objectValue);
-	value["file"] = options.file;
-	value["package_bytes"] = Json::Value::UInt64{result.size};
-	value["databases"] = Json::Value(Json::arrayValue);
-	for (const ExportedDatabase& database : result.databases) {
-		value["databases"].append(ToJson(database, options));
-	}
-	out << JsonText(value, "\t") << "\n";
+	const auto to_json = [&](const ExportedDatabase& database) { return ToJson(database, options); };
+	const Json::Value databases = JsonArray(result.databases, to_json);
+	out << JsonText(
+	           JsonObject({{"file", options.file}, {"package_bytes", result.size}, {"databases", databases}}), "\t")
+	    << "\n";
 }
 
 int RunExport(const Options& options, const Streams& streams) {

@@ -22,13 +22,9 @@ int RunKeygen(const Options& options, const Streams& streams) {
 }
 
 void PrintFingerprintsJson(const std::vector<archive::TrustedKey>& keys, std::ostream& out) {
-	Json::Value list(Json::arrayValue);
-	for (const archive::TrustedKey& trusted : keys) {
-		Json::Value item(Json::objectValue);
-		item["file"] = trusted.name;
-		item["fingerprint"] = trusted.key.Fingerprint();
-		list.append(std::move(item));
-	}
+	const Json::Value list = JsonArray(keys, [](const archive::TrustedKey& trusted) {
+		return JsonObject({{"file", trusted.name}, {"fingerprint", trusted.key.Fingerprint()}});
+	});
 	out << JsonText(list, "\t") << "\n";
 }
 

@@ -32,26 +32,12 @@ void Declare(CLI::App& app, Options& options) {
 	AddJson(app, options.json);
 }
 
-Json::Value NamesJson(const std::vector<std::string>& names) {
-	Json::Value value(Json::arrayValue);
-	for (const std::string& name : names) {
-		value.append(Printable(name));
-	}
-	return value;
-}
-
 void PrintJson(const MirrorOptions& options, const MirrorResult& result, std::ostream& out) {
-	Json::Value value(Json::objectValue);
-	value["repository"] = options.repository;
-	value["store"] = options.store;
-	value["dry_run"] = options.dry_run;
-	value["rounds"] = result.rounds;
-	value["bytes"] = Json::UInt64{result.bytes};
-	value["carried"] = NamesJson(result.carried);
-	value["unchanged_packages"] = Json::UInt64{result.unchanged_packages};
-	value["written"] = NamesJson(result.written);
-	value["unchanged_documents"] = Json::UInt64{result.unchanged_documents};
-	value["deleted"] = NamesJson(result.deleted);
+	const Json::Value value =
+	    JsonObject({{"repository", options.repository}, {"store", options.store}, {"dry_run", options.dry_run},
+	        {"rounds", result.rounds}, {"bytes", result.bytes}, {"carried", JsonArray(result.carried, Printable)},
+	        {"unchanged_packages", result.unchanged_packages}, {"written", JsonArray(result.written, Printable)},
+	        {"unchanged_documents", result.unchanged_documents}, {"deleted", JsonArray(result.deleted, Printable)}});
 	out << JsonText(value, "\t") << "\n";
 }
 

@@ -60,7 +60,6 @@ struct Packed {
 	std::uint64_t unpacked = 0;
 };
 
-/** What was compressed in which way. */
 std::map<archive::Codec, Packed> PackedByCodec(const archive::ArchiveFile& archive) {
 	std::map<archive::Codec, Packed> codecs;
 	for (const archive::Frame& frame : archive.Frames()) {
@@ -75,10 +74,8 @@ std::map<archive::Codec, Packed> PackedByCodec(const archive::ArchiveFile& archi
 Json::Value CodecsJson(const archive::ArchiveFile& archive) {
 	Json::Value value(Json::objectValue);
 	for (const auto& [codec, packed] : PackedByCodec(archive)) {
-		Json::Value& item = value[archive::CodecName(codec)];
-		item["frames"] = Json::UInt64{packed.frames};
-		item["packed_size"] = Json::UInt64{packed.packed};
-		item["unpacked_size"] = Json::UInt64{packed.unpacked};
+		value[archive::CodecName(codec)] =
+		    JsonObject({{"frames", packed.frames}, {"packed_size", packed.packed}, {"unpacked_size", packed.unpacked}});
 	}
 	return value;
 }
@@ -96,16 +93,9 @@ std::string CodecsText(const archive::ArchiveFile& archive) {
 
 Json::Value HeadJson(const std::string& package, const archive::ArchiveFile& archive) {
 	const archive::ArchiveHead& head = archive.Head();
-	Json::Value value(Json::objectValue);
-	value["package"] = package;
-	value["verified"] = false;
-	value["key_type"] = Json::UInt64{head.key_type};
-	value["payload_size"] = Json::UInt64{head.payload_size};
-	value["codecs"] = CodecsJson(archive);
-	value["entry_count"] = Json::UInt64{head.entry_count};
-	value["unpacked_size"] = Json::UInt64{head.unpacked_size};
-	value["metadata"] = MetadataJson(archive);
-	return value;
+	return JsonObject({{"package", package}, {"verified", false}, {"key_type", head.key_type},
+	    {"payload_size", head.payload_size}, {"codecs", CodecsJson(archive)}, {"entry_count", head.entry_count},
+	    {"unpacked_size", head.unpacked_size}, {"metadata", MetadataJson(archive)}});
 }
 
 /** A member of the metadata; null when there is none. */
@@ -136,10 +126,7 @@ void PrintJson(const std::string& package, const archive::ArchiveFile& archive, 
 	Json::Value value = HeadJson(package, archive);
 	Json::Value& members = value["members"] = Json::Value(Json::arrayValue);
 	archive::ForEachMember(archive, [&](const archive::Member& member) {
-		Json::Value item(Json::objectValue);
-		item["name"] = member.name;
-		item["kind"] = KindName(member.kind);
-		item["size"] = Json::UInt64{member.size};
+		Json::Value item = JsonObject({{"name", member.name}, {"kind", KindName(member.kind)}, {"size", member.size}});
 		if (!member.link.empty()) {
 			item["target"] = member.link;
 		}

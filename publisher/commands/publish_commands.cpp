@@ -8,6 +8,8 @@
 #include "publisher/releases/restore.h"
 #include "publisher/releases/withdraw.h"
 
+#include <boost/algorithm/string/join.hpp>
+
 #include <iomanip>
 #include <sstream>
 
@@ -38,30 +40,16 @@ void PrintDiff(const PublishResult& result, std::ostream& out) {
 }
 
 Json::Value DiffJson(const DiffResult& diff) {
-	Json::Value value(Json::objectValue);
-	value["package_size"] = Json::UInt64{diff.package_size};
-	value["created"] = Json::UInt64{diff.created};
-	value["replaced"] = Json::UInt64{diff.replaced};
-	value["patched"] = Json::UInt64{diff.patched};
-	value["scripted"] = Json::UInt64{diff.scripted};
-	value["deleted"] = Json::UInt64{diff.deleted};
-	value["oldest_base"] = diff.oldest_base;
-	return value;
+	return JsonObject({{"package_size", diff.package_size}, {"created", diff.created}, {"replaced", diff.replaced},
+	    {"patched", diff.patched}, {"scripted", diff.scripted}, {"deleted", diff.deleted},
+	    {"oldest_base", diff.oldest_base}});
 }
 
 Json::Value ResultJson(const PublishOptions& options, const PublishResult& result) {
-	Json::Value value(Json::objectValue);
-	value["id"] = options.id;
-	value["document"] = options.db_version;
-	value["is_published"] = !result.is_unchanged;
-	value["is_first"] = result.is_first;
-	value["data_version"] = result.data_version;
-	value["files"] = Json::UInt64{result.files};
-	value["tree_size"] = Json::UInt64{result.tree_size};
-	value["package_size"] = Json::UInt64{result.package_size};
-	value["download_link"] = result.download_link;
-	value["diff"] = result.diff ? DiffJson(*result.diff) : Json::Value();
-	return value;
+	return JsonObject({{"id", options.id}, {"document", options.db_version}, {"is_published", !result.is_unchanged},
+	    {"is_first", result.is_first}, {"data_version", result.data_version}, {"files", result.files},
+	    {"tree_size", result.tree_size}, {"package_size", result.package_size}, {"download_link", result.download_link},
+	    {"diff", result.diff ? DiffJson(*result.diff) : Json::Value()}});
 }
 
 void PrintVersion(const PublishOptions& options, const PublishResult& result, std::ostream& out) {
@@ -149,7 +137,7 @@ int RunRestore(const Options& options, const Streams& streams) {
 	}
 	streams.out << (result.is_written ? "Wrote " : "Nothing to write: ") << result.document << "\n";
 	if (!result.failures.empty()) {
-		throw PublishError(Joined(result.failures, " "));
+		throw PublishError(boost::algorithm::join(result.failures, " "));
 	}
 	return kDone;
 }

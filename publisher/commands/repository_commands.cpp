@@ -86,15 +86,9 @@ void PrintPromoted(const PromoteOptions& options, const PromoteResult& result, s
 }
 
 Json::Value PromotedJson(const PromoteOptions& options, const PromoteResult& result) {
-	Json::Value value(Json::objectValue);
-	value["id"] = options.id;
-	value["from"] = options.from;
-	value["to"] = options.to;
-	value["data_version"] = result.data_version;
-	value["before"] = result.before ? Json::Value(*result.before) : Json::Value();
-	value["changed"] = result.is_changed;
-	value["chain"] = result.has_chain;
-	return value;
+	return JsonObject({{"id", options.id}, {"from", options.from}, {"to", options.to},
+	    {"data_version", result.data_version}, {"before", result.before ? Json::Value(*result.before) : Json::Value()},
+	    {"changed", result.is_changed}, {"chain", result.has_chain}});
 }
 
 int RunPromote(const Options& options, const Streams& streams) {
@@ -119,13 +113,10 @@ int RunRollout(const Options& options, const Streams& streams) {
 	const RolloutOptions& rollout = options.rollout;
 	const Share share = Rollout(rollout);
 	if (options.json) {
-		Json::Value value(Json::objectValue);
-		value["channel"] = rollout.channel;
-		value["document"] = rollout.document;
-		value["percent"] = PercentText(share);
-		value["conf"] = rollout.conf_file;
-		value["checked"] = !rollout.repository.empty();
-		PrintJson(value, streams.out);
+		PrintJson(
+		    JsonObject({{"channel", rollout.channel}, {"document", rollout.document}, {"percent", PercentText(share)},
+		        {"conf", rollout.conf_file}, {"checked", !rollout.repository.empty()}}),
+		    streams.out);
 	} else {
 		streams.out << "Wrote " << rollout.conf_file << ": " << PercentText(share)
 		            << " % of the devices that ask for document " << rollout.document << " get " << rollout.channel
@@ -135,17 +126,10 @@ int RunRollout(const Options& options, const Streams& streams) {
 }
 
 Json::Value PrunedJson(const PruneOptions& options, const PruneResult& result) {
-	Json::Value value(Json::objectValue);
-	value["dry_run"] = options.dry_run;
-	value["bytes"] = Json::UInt64{result.bytes};
-	Json::Value& files = value["files"] = Json::Value(Json::arrayValue);
-	for (const PruneResult::File& file : result.files) {
-		Json::Value item(Json::objectValue);
-		item["path"] = file.path;
-		item["bytes"] = Json::UInt64{file.size};
-		files.append(std::move(item));
-	}
-	return value;
+	const Json::Value files = JsonArray(result.files, [](const PruneResult::File& file) {
+		return JsonObject({{"path", file.path}, {"bytes", file.size}});
+	});
+	return JsonObject({{"dry_run", options.dry_run}, {"bytes", result.bytes}, {"files", files}});
 }
 
 int RunPrune(const Options& options, const Streams& streams) {
@@ -168,27 +152,15 @@ const char* StatusOf(const CheckResult& result) {
 }
 
 Json::Value CheckedJson(const RepositoryCheckOptions& options, const CheckResult& result) {
-	Json::Value value(Json::objectValue);
-	value["status"] = StatusOf(result);
-	value["signatures_checked"] = !options.keys.empty();
-	value["publishing"] = result.is_publishing;
-	value["documents"] = Json::UInt64{result.documents};
-	value["entries"] = Json::UInt64{result.entries};
-	value["packages"] = Json::UInt64{result.packages};
-	value["bytes"] = Json::UInt64{result.bytes};
-	value["broken"] = Json::UInt64{result.broken};
-	value["untidy"] = Json::UInt64{result.untidy};
-	value["removable_files"] = Json::UInt64{result.removable_files};
-	value["removable_bytes"] = Json::UInt64{result.removable_bytes};
-	Json::Value& problems = value["problems"] = Json::Value(Json::arrayValue);
-	for (const RepositoryProblem& problem : result.problems) {
-		Json::Value item(Json::objectValue);
-		item["severity"] = problem.severity == Severity::kBroken ? "broken" : "untidy";
-		item["where"] = Printable(problem.where);
-		item["problem"] = Printable(problem.what);
-		problems.append(std::move(item));
-	}
-	return value;
+	const Json::Value problems = JsonArray(result.problems, [](const RepositoryProblem& problem) {
+		return JsonObject({{"severity", problem.severity == Severity::kBroken ? "broken" : "untidy"},
+		    {"where", Printable(problem.where)}, {"problem", Printable(problem.what)}});
+	});
+	return JsonObject({{"status", StatusOf(result)}, {"signatures_checked", !options.keys.empty()},
+	    {"publishing", result.is_publishing}, {"documents", result.documents}, {"entries", result.entries},
+	    {"packages", result.packages}, {"bytes", result.bytes}, {"broken", result.broken}, {"untidy", result.untidy},
+	    {"removable_files", result.removable_files}, {"removable_bytes", result.removable_bytes},
+	    {"problems", problems}});
 }
 
 void PrintChecked(const RepositoryCheckOptions& options, const CheckResult& result, std::ostream& out) {

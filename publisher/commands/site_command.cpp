@@ -16,16 +16,9 @@ struct Options : site::SiteOptions {
 };
 
 Json::Value ToJson(const Options& options, const SiteResult& result) {
-	Json::Value value(Json::objectValue);
-	value["out"] = options.out;
-	value["databases"] = Json::UInt64{result.databases};
-	value["versions"] = Json::UInt64{result.versions};
-	value["files"] = Json::UInt64{result.files};
-	value["bytes"] = Json::UInt64{result.bytes};
-	value["changes_compared"] = Json::UInt64{result.compared};
-	value["changes_kept"] = Json::UInt64{result.kept};
-	value["feed"] = result.has_feed;
-	return value;
+	return JsonObject({{"out", options.out}, {"databases", result.databases}, {"versions", result.versions},
+	    {"files", result.files}, {"bytes", result.bytes}, {"changes_compared", result.compared},
+	    {"changes_kept", result.kept}, {"feed", result.has_feed}});
 }
 
 void Print(const Options& options, const SiteResult& result, std::ostream& out) {

@@ -19,6 +19,14 @@ std::optional<Json::Value> ParseJson(std::string_view text, std::string* errors)
 	return std::nullopt;
 }
 
+Json::Value JsonObject(std::initializer_list<std::pair<const char*, Json::Value>> members) {
+	Json::Value object(Json::objectValue);
+	for (const auto& [name, value] : members) {
+		object[name] = value;
+	}
+	return object;
+}
+
 std::string JsonText(const Json::Value& value, const char* indentation) {
 	Json::StreamWriterBuilder builder;
 	builder["indentation"] = indentation;
