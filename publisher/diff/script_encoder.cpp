@@ -38,16 +38,15 @@ public:
 	    : pair_(before, after), scratch_(scratch), limits_(limits) {}
 
 	void Make(const std::string& script) {
-		const SQLite::Database& database = pair_.Connection();
-		for (const Table& table : TablesOf(database)) {
+		for (const Table& table : TablesOf(pair_)) {
 			if (table.name != kSequence) {
-				AddTable(ShapeOf(database, table));
+				AddTable(ShapeOf(pair_, table));
 			}
 		}
-		for (const VirtualTable& table : VirtualTablesOf(database)) {
-			Add(InPlace(ShapeOfVirtual(database, table.name, table.IsRTree())));
+		for (const VirtualTable& table : VirtualTablesOf(pair_)) {
+			Add(InPlace(ShapeOfVirtual(pair_, table.name, table.IsRTree())));
 		}
-		if (database.tableExists(kSequence)) {
+		if (pair_.tableExists(kSequence)) {
 			AddSequence();
 		}
 		Write(script);
@@ -93,7 +92,7 @@ private:
 
 	/** The table that SQLite itself changes with others: it gets all its rows again, after everything else. */
 	void AddSequence() {
-		const TableShape shape = ShapeOf(pair_.Connection(), {kSequence, false});
+		const TableShape shape = ShapeOf(pair_, {kSequence, false});
 		const TableScript changes = InPlace(shape);
 		const bool has_changed = fs::file_size(changes.path) > 0;
 		fs::remove(changes.path);
@@ -103,7 +102,7 @@ private:
 		Add(Written("", shape, [&](ChangeWriter& writer) {
 			writer.Write(std::string("DELETE FROM ") + kSequence);
 			SQLite::Statement rows(
-			    pair_.Connection(), std::string("SELECT rowid, name, seq FROM next.") + kSequence + " ORDER BY rowid");
+			    pair_, std::string("SELECT rowid, name, seq FROM next.") + kSequence + " ORDER BY rowid");
 			while (rows.executeStep()) {
 				writer.Insert(RowOf(rows, 0, 1), RowOf(rows, 1, 2));
 			}

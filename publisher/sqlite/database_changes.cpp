@@ -54,7 +54,7 @@ public:
 		// Large sorts go to files; nothing in the files' schemas can do more than read.
 		for (const char* pragma : {"PRAGMA main.cache_size=-8192", "PRAGMA next.cache_size=-8192",
 		         "PRAGMA temp_store=FILE", "PRAGMA trusted_schema=OFF", "PRAGMA cell_size_check=ON"}) {
-			SQLite::Statement(pair_.Connection(), pragma).executeStep();
+			SQLite::Statement(pair_, pragma).executeStep();
 		}
 		style_ = {examples, Setting(DatabasePair::kBefore, "encoding") == "UTF-8"};
 	}
@@ -64,8 +64,8 @@ public:
 			CompareSetting(name);
 		}
 		CompareDefinitions();
-		ForEachOfBoth(TableSchemasOf(pair_.Connection(), DatabasePair::kBefore, before_),
-		    TableSchemasOf(pair_.Connection(), DatabasePair::kAfter, after_),
+		ForEachOfBoth(TableSchemasOf(pair_, DatabasePair::kBefore, before_),
+		    TableSchemasOf(pair_, DatabasePair::kAfter, after_),
 		    [this](const std::string& name, const TableSchema* before, const TableSchema* after) {
 			    AddTable(name, before, after);
 		    });
@@ -74,7 +74,7 @@ public:
 
 private:
 	std::string Setting(const char* schema, const std::string& name) const {
-		SQLite::Statement query(pair_.Connection(), std::string("PRAGMA ") + schema + "." + name);
+		SQLite::Statement query(pair_, std::string("PRAGMA ") + schema + "." + name);
 		return query.executeStep() ? query.getColumn(0).getText() : "";
 	}
 
@@ -87,8 +87,7 @@ private:
 	}
 
 	void CompareDefinitions() {
-		ForEachOfBoth(DefinitionsOf(pair_.Connection(), DatabasePair::kBefore),
-		    DefinitionsOf(pair_.Connection(), DatabasePair::kAfter),
+		ForEachOfBoth(DefinitionsOf(pair_, DatabasePair::kBefore), DefinitionsOf(pair_, DatabasePair::kAfter),
 		    [this](
 		        const std::pair<std::string, std::string>& name, const std::string* before, const std::string* after) {
 			    if (before == nullptr || after == nullptr || *before != *after) {
@@ -174,8 +173,8 @@ private:
 		// Another collation or type would make other rows equal, and no index of the other version would find them.
 		// Rows with NULL in their keys, which equals nothing, are told apart by what else they hold.
 		const bool has_key = !before.key.empty() && before.key == after.key &&
-		                     !(HasNullKey(pair_.Connection(), DatabasePair::kBefore, name, before.key) &&
-		                         HasNullKey(pair_.Connection(), DatabasePair::kAfter, name, after.key));
+		                     !(HasNullKey(pair_, DatabasePair::kBefore, name, before.key) &&
+		                         HasNullKey(pair_, DatabasePair::kAfter, name, after.key));
 		return has_key ? RowIdentity::kKey : RowIdentity::kContent;
 	}
 

@@ -14,7 +14,7 @@ RowKey RowIdKey(std::int64_t id) {
 
 /** Bytes of the database file before. */
 std::size_t SizeBefore(const DatabasePair& pair) {
-	SQLite::Statement size(pair.Connection(), "SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
+	SQLite::Statement size(pair, "SELECT page_count * page_size FROM pragma_page_count, pragma_page_size");
 	size.executeStep();
 	return static_cast<std::size_t>(size.getColumn(0).getInt64());
 }
@@ -77,14 +77,6 @@ void RebuiltTable::Write(ChangeWriter& writer) {
 	WriteInsertions(writer);
 	WriteNewIds(first, writer);
 	writer.Flush();
-}
-
-SqlRow RebuiltTable::Before(std::size_t at) {
-	return before_reader_.Read(before_[at].id);
-}
-
-SqlRow RebuiltTable::After(std::size_t at) {
-	return after_reader_.Read(after_[at].id);
 }
 
 std::size_t RebuiltTable::Likeness(std::size_t before, std::size_t after) {

@@ -44,8 +44,8 @@ private:
 
 	std::int64_t NewId(std::size_t before) const { return after_[match_->After(before)].id; }
 	bool Stays(std::size_t before) const { return match_->After(before) != kNoRow && reinserted_.count(before) == 0; }
-	SqlRow Before(std::size_t at);
-	SqlRow After(std::size_t at);
+	SqlRow Before(std::size_t at) { return before_reader_.Read(before_[at].id); }
+	SqlRow After(std::size_t at) { return after_reader_.Read(after_[at].id); }
 	std::size_t Likeness(std::size_t before, std::size_t after);
 	template<typename Take>
 	void ForEachChanged(const Take& take);

@@ -133,9 +133,9 @@ void CompareByContent(const DatabasePair& pair, const ComparedTable& table, Exam
 		// For SQL, 1 and 1.0 are equal, as are texts that differ in case when a column says so.
 		groups.emplace_back(name).append(" COLLATE BINARY,typeof(").append(name).append(")");
 	}
-	SQLite::Statement rows(pair.Connection(),
-	    "SELECT sum(n)" + columns + " FROM (" + CountedRows(DatabasePair::kAfter, table, "1") + " UNION ALL " +
-	        CountedRows(DatabasePair::kBefore, table, "-1") + ") GROUP BY " + Joined(groups) + " HAVING sum(n)<>0");
+	SQLite::Statement rows(pair, "SELECT sum(n)" + columns + " FROM (" + CountedRows(DatabasePair::kAfter, table, "1") +
+	                                 " UNION ALL " + CountedRows(DatabasePair::kBefore, table, "-1") + ") GROUP BY " +
+	                                 Joined(groups) + " HAVING sum(n)<>0");
 	while (rows.executeStep()) {
 		const std::int64_t excess = rows.getColumn(0).getInt64();
 		const SqlRow row = RowOf(rows, 1, table.columns.size());
@@ -164,8 +164,8 @@ void CountAllRows(
 	const std::string name = QuotedName(table.name);
 	ExampleTaker taker(table, style, change);
 	if (!table.columns.empty()) {
-		SQLite::Statement rows(pair.Connection(), "SELECT " + Joined(Quoted(table.columns)) + " FROM " + schema + "." +
-		                                              name + " LIMIT " + std::to_string(style.most));
+		SQLite::Statement rows(pair, "SELECT " + Joined(Quoted(table.columns)) + " FROM " + schema + "." + name +
+		                                 " LIMIT " + std::to_string(style.most));
 		while (rows.executeStep()) {
 			taker.Take(
 			    is_new ? RowOperation::kInserted : RowOperation::kDeleted, {}, RowOf(rows, 0, table.columns.size()));

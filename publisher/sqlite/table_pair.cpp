@@ -64,8 +64,8 @@ std::string SameKey(const TableShape& shape) {
 } // namespace
 
 DatabasePair::DatabasePair(const std::string& before, const std::string& after)
-    : connection_(AloneUri(before), SQLite::OPEN_READONLY | SQLite::OPEN_URI) {
-	SQLite::Statement attach(connection_, std::string("ATTACH ? AS ") + kAfter);
+    : SQLite::Database(AloneUri(before), SQLite::OPEN_READONLY | SQLite::OPEN_URI) {
+	SQLite::Statement attach(*this, std::string("ATTACH ? AS ") + kAfter);
 	attach.bind(1, AloneUri(after));
 	attach.exec();
 }
@@ -86,9 +86,9 @@ void ForEachOnlyIn(const DatabasePair& pair, const char* schema, const TableShap
 	const std::string keys = Joined(names, ",", "a.");
 	names.insert(names.end(), columns.begin(), columns.end());
 	const char* other = std::string_view(schema) == DatabasePair::kAfter ? DatabasePair::kBefore : DatabasePair::kAfter;
-	SQLite::Statement rows(pair.Connection(), "SELECT " + Joined(names, ",", "a.") + " FROM " + schema + "." +
-	                                              shape.name + " AS a WHERE NOT EXISTS(SELECT 1 FROM " + other + "." +
-	                                              shape.name + " AS b WHERE " + SameKey(shape) + ") ORDER BY " + keys);
+	SQLite::Statement rows(pair, "SELECT " + Joined(names, ",", "a.") + " FROM " + schema + "." + shape.name +
+	                                 " AS a WHERE NOT EXISTS(SELECT 1 FROM " + other + "." + shape.name +
+	                                 " AS b WHERE " + SameKey(shape) + ") ORDER BY " + keys);
 	while (rows.executeStep()) {
 		take(RowOf(rows, 0, key_width), RowOf(rows, key_width, columns.size()));
 	}
@@ -101,10 +101,10 @@ void ForEachChanged(const DatabasePair& pair, const TableShape& shape,
 	const std::size_t width = shape.columns.size();
 	const std::string keys = Joined(names, ",", "b.");
 	// The order of the tables is the one of the loops, so that no order of rows has to be made.
-	SQLite::Statement rows(pair.Connection(), "SELECT " + keys + "," + Joined(shape.columns, ",", "b.") + "," +
-	                                              Joined(shape.columns, ",", "a.") + " FROM main." + shape.name +
-	                                              " AS b CROSS JOIN next." + shape.name + " AS a ON " + SameKey(shape) +
-	                                              " ORDER BY " + keys);
+	SQLite::Statement rows(pair, "SELECT " + keys + "," + Joined(shape.columns, ",", "b.") + "," +
+	                                 Joined(shape.columns, ",", "a.") + " FROM main." + shape.name +
+	                                 " AS b CROSS JOIN next." + shape.name + " AS a ON " + SameKey(shape) +
+	                                 " ORDER BY " + keys);
 	std::uint64_t number = 0;
 	while (rows.executeStep()) {
 		const SqlRow before = RowOf(rows, names.size(), width);
@@ -124,7 +124,7 @@ std::uint64_t KeyHash(const SqlRow& row, const std::vector<std::size_t>& columns
 }
 
 RowReader::RowReader(const DatabasePair& pair, const char* schema, const TableShape& shape)
-    : query_(pair.Connection(),
+    : query_(pair,
           "SELECT " + Joined(shape.columns) + " FROM " + schema + "." + shape.name + " WHERE " + shape.row_id + "=?"),
       width_(shape.columns.size()) {}
 
@@ -136,15 +136,15 @@ SqlRow RowReader::Read(std::int64_t id) {
 }
 
 std::uint64_t CountRows(const DatabasePair& pair, const char* schema, const std::string& table) {
-	SQLite::Statement count(pair.Connection(), std::string("SELECT count(*) FROM ") + schema + "." + table);
+	SQLite::Statement count(pair, std::string("SELECT count(*) FROM ") + schema + "." + table);
 	count.executeStep();
 	return static_cast<std::uint64_t>(count.getColumn(0).getInt64());
 }
 
 RowPrints ReadPrints(const DatabasePair& pair, const char* schema, const TableShape& shape) {
 	const std::vector<std::size_t>* key = KeyColumns(shape);
-	SQLite::Statement rows(pair.Connection(), "SELECT " + shape.row_id + "," + Joined(shape.columns) + " FROM " +
-	                                              schema + "." + shape.name + " NOT INDEXED ORDER BY " + shape.row_id);
+	SQLite::Statement rows(pair, "SELECT " + shape.row_id + "," + Joined(shape.columns) + " FROM " + schema + "." +
+	                                 shape.name + " NOT INDEXED ORDER BY " + shape.row_id);
 	RowPrints prints;
 	while (rows.executeStep()) {
 		SqlRow row = RowOf(rows, 1, shape.columns.size());

@@ -16,18 +16,12 @@
 
 namespace tarn::publisher {
 
-/** Both versions of a database, opened together and read alone. */
-class DatabasePair {
-public:
+/** Both versions of a database, each a schema of one connection that reads nothing beside their files. */
+struct DatabasePair : SQLite::Database {
 	DatabasePair(const std::string& before, const std::string& after);
-
-	const SQLite::Database& Connection() const { return connection_; }
 
 	static constexpr const char* kBefore = "main";
 	static constexpr const char* kAfter = "next";
-
-private:
-	SQLite::Database connection_;
 };
 
 /** Reads these columns of the rows of a version whose keys the other version lacks, in the order of their keys. */
