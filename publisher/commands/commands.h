@@ -1,16 +1,30 @@
-/** @file The publisher's commands: what each of them takes, and what runs when it is given. */
+/** @file The publisher's commands: what each of them takes, prints to, and runs when it is given. */
 #ifndef PUBLISHER_COMMANDS_COMMANDS_H
 #define PUBLISHER_COMMANDS_COMMANDS_H
 
-#include "publisher/commands/progress_line.h"
+#include "publisher/packages/observer.h"
 
 #include <functional>
+#include <ostream>
 
 namespace CLI {
 class App;
 }
 
 namespace tarn::publisher {
+
+/** Where a command's results and complaints go. */
+struct Streams {
+	std::ostream& out;
+	std::ostream& err;
+	bool terminal; // whether err is a terminal
+};
+
+/**
+ * Calls an operation with an observer that sends warnings to the stream of complaints. On a terminal it also shows the
+ * progress: on one line, rewritten a few times a second, and removed when the operation is over.
+ */
+void WithProgress(const Streams& streams, const std::function<void(const PublishObserver& observer)>& operation);
 
 /** Runs a command with the options that were given, and prints its result; returns an ExitCode. */
 using Command = std::function<int(const Streams& streams)>;

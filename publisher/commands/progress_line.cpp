@@ -1,6 +1,5 @@
-#include "publisher/commands/progress_line.h"
-
 #include "base/text.h"
+#include "publisher/commands/commands.h"
 
 #include <chrono>
 #include <cstdint>
