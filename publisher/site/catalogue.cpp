@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <set>
 #include <utility>
 
 namespace tarn::publisher::site {
@@ -184,14 +183,9 @@ private:
 
 	/** Versions between a withdrawal and the version whose content it brings back. */
 	void MarkTakenBack() {
-		std::vector<std::pair<int, int>> withdrawals;
-		for (const auto& [number, version] : versions_) {
-			if (version.restores) {
-				withdrawals.emplace_back(*version.restores, number);
-			}
-		}
-		for (const auto& [restored, by] : withdrawals) {
-			for (auto version = versions_.upper_bound(restored); version != versions_.lower_bound(by); ++version) {
+		for (const auto& [by, withdrawal] : versions_) {
+			auto version = versions_.upper_bound(withdrawal.restores.value_or(by));
+			for (; version != versions_.end() && version->first < by; ++version) {
 				version->second.is_withdrawn = true;
 				version->second.withdrawn_by = version->second.withdrawn_by.value_or(by);
 			}

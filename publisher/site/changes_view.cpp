@@ -2,6 +2,8 @@
 #include "publisher/site/page.h"
 #include "publisher/site/pages.h"
 
+#include <boost/algorithm/string/replace.hpp>
+
 namespace tarn::publisher::site {
 
 namespace {
@@ -56,13 +58,6 @@ void ViewDatabase(const DatabaseChange& database, Markup& page) {
 	page.End();
 }
 
-/** A text of a terminal, as a page has it. */
-std::string WithArrow(std::string text) {
-	constexpr std::string_view kArrow = "->";
-	const std::size_t at = text.find(kArrow);
-	return at == std::string::npos ? text : text.replace(at, kArrow.size(), "→");
-}
-
 void ViewFile(const FileChange& file, Markup& page) {
 	page.Begin("tr").Leaf("td", {{"class", "kind"}}, ChangeKindName(file.Kind()));
 	page.Begin("td", {{"class", "rows"}}).Begin("strong").Leaf("code", file.name).End();
@@ -72,7 +67,8 @@ void ViewFile(const FileChange& file, Markup& page) {
 	if (file.database) {
 		ViewDatabase(*file.database, page);
 	}
-	page.End().Leaf("td", {{"class", "number"}}, WithArrow(SizeText(file))).End().Line();
+	const std::string size = boost::algorithm::replace_first_copy(SizeText(file), "->", "→");
+	page.End().Leaf("td", {{"class", "number"}}, size).End().Line();
 }
 
 void ViewFiles(const Changes& changes, Markup& page) {

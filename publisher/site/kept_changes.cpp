@@ -114,15 +114,6 @@ std::string KeptChanges::NameOf(const Database& database, int version, const std
 	       ".html";
 }
 
-std::string KeptChanges::Make(const Database& database, int from, int version) {
-	options_.id = database.id;
-	options_.from = from;
-	options_.to = version;
-	std::string markup = ViewChanges(FindChanges(options_, observer_));
-	++made_;
-	return markup;
-}
-
 std::optional<ReleaseChanges> KeptChanges::Of(const Database& database, const Version& version) {
 	const std::optional<int> from = VersionBefore(database, version.number);
 	if (version.is_withdrawn || version.restores || !from) {
@@ -139,7 +130,11 @@ std::optional<ReleaseChanges> KeptChanges::Of(const Database& database, const Ve
 			++found_;
 			return ReleaseChanges{*from, std::move(*kept)};
 		}
-		std::string markup = Make(database, *from, version.number);
+		options_.id = database.id;
+		options_.from = from;
+		options_.to = version.number;
+		std::string markup = ViewChanges(FindChanges(options_, observer_));
+		++made_;
 		ReplacingFile file(path);
 		WriteFully(file.Fd(), markup.data(), markup.size(), path);
 		file.Commit();

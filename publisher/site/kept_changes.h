@@ -54,7 +54,6 @@ public:
 
 private:
 	std::string NameOf(const Database& database, int version, const std::vector<std::string>& packages) const;
-	std::string Make(const Database& database, int from, int version);
 
 	ChangesOptions options_; // but for the database and its versions
 	const PublishObserver& observer_;

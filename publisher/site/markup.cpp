@@ -4,37 +4,11 @@
 #include "base/text.h"
 #include "publisher/sqlite/shown_value.h"
 
+#include <boost/algorithm/string/replace.hpp>
+
 namespace tarn::publisher::site {
 
 namespace {
-
-/** What stands for a character in markup; nothing when the character stands for itself. */
-std::string_view EntityOf(char character) {
-	switch (character) {
-	case '&':
-		return "&amp;";
-	case '<':
-		return "&lt;";
-	case '>':
-		return "&gt;";
-	case '"':
-		return "&quot;";
-	case '\'':
-		return "&#39;";
-	default:
-		return {};
-	}
-}
-
-/** Takes the two characters away that UTF-8 has and XML has not, U+FFFE and U+FFFF. */
-std::string WithoutNoncharacters(std::string text) {
-	for (const std::string_view bad : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
-		for (std::size_t at = text.find(bad); at != std::string::npos; at = text.find(bad, at)) {
-			text.replace(at, bad.size(), "?");
-		}
-	}
-	return text;
-}
 
 bool IsPlainInPath(char character) {
 	constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
@@ -44,10 +18,13 @@ bool IsPlainInPath(char character) {
 } // namespace
 
 std::string Escaped(std::string_view text) {
-	std::string escaped;
-	for (const char character : WithoutNoncharacters(ShownText(text))) {
-		const std::string_view entity = EntityOf(character);
-		entity.empty() ? escaped += character : escaped += entity;
+	std::string escaped = ShownText(text);
+	for (const char* bad : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) { // U+FFFE and U+FFFF, which XML does not have
+		boost::algorithm::replace_all(escaped, bad, "?");
+	}
+	for (const auto& [character, entity] : {std::pair("&", "&amp;"), // first, because the entities hold it
+	         {"<", "&lt;"}, {">", "&gt;"}, {"\"", "&quot;"}, {"'", "&#39;"}}) {
+		boost::algorithm::replace_all(escaped, character, entity);
 	}
 	return escaped;
 }

@@ -16,7 +16,6 @@ namespace tarn::publisher::site {
 std::string DatabasePath(const Database& database);
 /** The name of the page that tells what a version changes, beside the database's page. */
 std::string ChangesName(int version);
-/** The path of the file that holds a key. */
 std::string KeyPath(const Key& key);
 
 /** "2026-11-20T09:00:00Z", as feeds and attributes have it. */

@@ -29,18 +29,9 @@ constexpr int kChangesViewFormat = 1;
 [[nodiscard]] std::string ChangesPage(
     const Catalogue& catalogue, const Database& database, const Version& version, int from, const std::string& changes);
 
-/** A release of a database, for lists over all databases. */
-struct Release {
-	const Database* database;
-	const Version* version;
-};
-/** The releases that were published last, the newest first; those without a time are left out. */
-[[nodiscard]] std::vector<Release> NewestReleases(const Catalogue& catalogue, std::size_t most);
-
 /** The feed of the newest releases, in Atom's form; every link begins with the catalogue's URL. */
 [[nodiscard]] std::string Feed(const Catalogue& catalogue);
 
-/** The style sheet of all pages. */
 extern const char* const kStyleSheet;
 
 } // namespace tarn::publisher::site

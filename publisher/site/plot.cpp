@@ -2,6 +2,8 @@
 
 #include "base/text.h"
 
+#include <boost/algorithm/string/replace.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -29,9 +31,7 @@ std::string Number(double value) {
 
 /** "20 kB" rather than "20.0 kB". */
 std::string RoundSize(std::uint64_t bytes) {
-	std::string text = HumanSize(bytes);
-	const std::size_t at = text.find(".0 ");
-	return at == std::string::npos ? text : text.erase(at, 2);
+	return boost::algorithm::replace_first_copy(HumanSize(bytes), ".0 ", " ");
 }
 
 /** Where on the paper, from one place to another, a value is that lies between two. */
@@ -50,7 +50,6 @@ double RoundedUp(double value) {
 	return power * 10;
 }
 
-/** Draws one plot. */
 class Drawing {
 public:
 	Drawing(const Plot& plot, Markup& page) : plot_(plot), page_(page) { Measure(); }

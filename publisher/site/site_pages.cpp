@@ -38,6 +38,32 @@ void WriteDatabase(const Database& database, Markup& page) {
 	page.Leaf("td", {{"class", "number"}}, std::to_string(database.versions.size())).End().Line();
 }
 
+/** A release of a database, for lists over all databases. */
+struct Release {
+	const Database* database;
+	const Version* version;
+};
+
+/** The releases that were published last, the newest first; those without a time are left out. */
+std::vector<Release> NewestReleases(const Catalogue& catalogue, std::size_t most) {
+	std::vector<Release> releases;
+	for (const Database& database : catalogue.databases) {
+		for (const Version& version : database.versions) {
+			if (version.published) {
+				releases.push_back({&database, &version});
+			}
+		}
+	}
+	const auto count = static_cast<std::ptrdiff_t>(std::min(most, releases.size()));
+	const auto order = [](const Release& release) {
+		return std::tuple(-*release.version->published, release.database->id, -release.version->number);
+	};
+	std::partial_sort(releases.begin(), releases.begin() + count, releases.end(),
+	    [&](const Release& left, const Release& right) { return order(left) < order(right); });
+	releases.resize(static_cast<std::size_t>(count));
+	return releases;
+}
+
 void WriteNewest(const Catalogue& catalogue, Markup& page) {
 	constexpr std::size_t kMost = 8;
 	const std::vector<Release> releases = NewestReleases(catalogue, kMost);
@@ -132,26 +158,28 @@ std::string TrustLines(const Key& key) {
 	       " -outform DER | tail -c 32 | sha256sum\ninstall -D -m 644 " + name + " /usr/tarn/etc/codesign/6/" + name;
 }
 
-} // namespace
-
-std::vector<Release> NewestReleases(const Catalogue& catalogue, std::size_t most) {
-	std::vector<Release> releases;
-	for (const Database& database : catalogue.databases) {
-		for (const Version& version : database.versions) {
-			if (version.published) {
-				releases.push_back({&database, &version});
-			}
-		}
+std::string Summary(const Version& version) {
+	std::string text = version.notes.empty() ? "" : version.notes + " – ";
+	text += "full package " + ShownSize(version.full_size) + ", diff package " + ShownSize(version.diff_size);
+	if (version.restores) {
+		text += "; it has the content of version " + std::to_string(*version.restores);
 	}
-	const auto count = static_cast<std::ptrdiff_t>(std::min(most, releases.size()));
-	const auto order = [](const Release& release) {
-		return std::tuple(-*release.version->published, release.database->id, -release.version->number);
-	};
-	std::partial_sort(releases.begin(), releases.begin() + count, releases.end(),
-	    [&](const Release& left, const Release& right) { return order(left) < order(right); });
-	releases.resize(static_cast<std::size_t>(count));
-	return releases;
+	return text + (version.is_withdrawn ? "; it was withdrawn." : ".");
 }
+
+void WriteFeedEntry(const Catalogue& catalogue, const Release& release, Markup& feed) {
+	const Version& version = *release.version;
+	const std::string number = std::to_string(version.number);
+	const std::string directory = catalogue.url + "/" + DatabasePath(*release.database);
+	const bool is_compared = release.database->compared.count(version.number) > 0;
+	feed.Begin("entry").Line();
+	feed.Leaf("title", release.database->id + " " + number + (version.is_withdrawn ? " (withdrawn)" : "")).Line();
+	feed.Leaf("id", directory + "#v" + number).Line();
+	feed.Empty("link", {{"href", directory + (is_compared ? ChangesName(version.number) : "index.html#v" + number)}});
+	feed.Leaf("updated", ExactTime(*version.published)).Leaf("summary", Summary(version)).End().Line();
+}
+
+} // namespace
 
 std::string IndexPage(const Catalogue& catalogue) {
 	Page page(catalogue, "", "");
@@ -204,6 +232,24 @@ std::string TrustPage(const Catalogue& catalogue) {
 		WriteLines(TrustLines(key), body);
 	}
 	return page.Finish();
+}
+
+std::string Feed(const Catalogue& catalogue) {
+	constexpr std::size_t kMostEntries = 50;
+	const std::vector<Release> releases = NewestReleases(catalogue, kMostEntries);
+	Markup feed;
+	feed.Paste("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n");
+	feed.Begin("feed", {{"xmlns", "http://www.w3.org/2005/Atom"}}).Line();
+	feed.Leaf("title", catalogue.title).Leaf("id", catalogue.url + "/feed.xml").Line();
+	feed.Empty("link", {{"rel", "self"}, {"href", catalogue.url + "/feed.xml"}}).Line();
+	feed.Empty("link", {{"href", catalogue.url + "/index.html"}}).Line();
+	feed.Begin("author").Leaf("name", catalogue.title).End().Line();
+	feed.Leaf("updated", ExactTime(releases.empty() ? 0 : *releases.front().version->published)).Line();
+	for (const Release& release : releases) {
+		WriteFeedEntry(catalogue, release, feed);
+	}
+	feed.End().Line();
+	return feed.Text();
 }
 
 } // namespace tarn::publisher::site
