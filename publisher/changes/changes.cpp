@@ -1,6 +1,5 @@
 #include "publisher/changes/changes.h"
 
-#include "base/sqlite_names.h"
 #include "base/text.h"
 #include "publisher/changes/version_tree.h"
 #include "publisher/common/files.h"
@@ -27,12 +26,6 @@ namespace {
 
 std::optional<FileState> StateOf(const std::optional<TreeFile>& file) {
 	return file ? std::optional(FileState{file->size, file->executable}) : std::nullopt;
-}
-
-/** Whether one of SQLite's journals lies beside a file, so that the file alone is not what programs read. */
-bool HasJournal(const std::string& name, const std::set<std::string>& names) {
-	return std::any_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
-	    [&](const char* suffix) { return names.count(name + suffix) > 0; });
 }
 
 /** Whether SQLite fails for a reason that lies not in the file. */
@@ -156,7 +149,7 @@ private:
 		}
 		if (was_database != is_database) {
 			file.note = "it is an SQLite database in one version only";
-		} else if (HasJournal(file.name, names_)) {
+		} else if (HasCompanion(file.name, names_)) { // The file alone is not what programs read.
 			file.note = "SQLite's journal lies beside it";
 		} else {
 			try {
@@ -223,16 +216,9 @@ private:
 Changes FindChanges(const ChangesOptions& options, const PublishObserver& observer) {
 	CheckWord("ID", options.id);
 	CheckWord("--db-version", options.db_version);
-	if (options.examples > kMostExamples) {
-		throw UsageError(
-		    "--examples " + std::to_string(options.examples) + " must be 0 to " + std::to_string(kMostExamples) + ".");
-	}
+	CheckRange<std::size_t>("--examples", options.examples, 0, kMostExamples);
 	RequireRepository(options.repository);
 	return ChangeFinder(options, observer).Run();
-}
-
-ChangeKind FileChange::Kind() const {
-	return !before ? ChangeKind::kAdded : !after ? ChangeKind::kRemoved : ChangeKind::kChanged;
 }
 
 } // namespace tarn::publisher

@@ -41,7 +41,9 @@ struct FileChange {
 	std::optional<DatabaseChange> database; // of an SQLite file in both versions
 	std::string note;                       // why an SQLite file is compared as bytes; empty otherwise
 
-	ChangeKind Kind() const;
+	ChangeKind Kind() const {
+		return !before ? ChangeKind::kAdded : !after ? ChangeKind::kRemoved : ChangeKind::kChanged;
+	}
 };
 
 /** A version, and which packages it was taken from. */
@@ -92,8 +94,6 @@ void PrintChangesJson(const Changes& changes, std::ostream& out);
 // Words that several views share.
 /** "1 file", "2 files". */
 std::string Counted(std::uint64_t count, const std::string& one);
-/** The parts in one text. */
-std::string Joined(const std::vector<std::string>& parts, const char* between = ", ");
 /** A time in UTC as std::put_time() writes it; empty for a time below 0, and for one that no calendar has. */
 std::string TimeText(std::int64_t seconds, const char* format = "%Y-%m-%d %H:%M:%S UTC");
 /** "5 inserted, 1 deleted"; "none" when all are 0. */

@@ -1,6 +1,8 @@
 #include "base/text.h"
 #include "publisher/changes/changes.h"
 
+#include <boost/algorithm/string/join.hpp>
+
 #include <ctime>
 #include <iomanip>
 #include <sstream>
@@ -92,14 +94,6 @@ std::string Counted(std::uint64_t count, const std::string& one) {
 	return std::to_string(count) + " " + (count == 1 ? one : one + "s");
 }
 
-std::string Joined(const std::vector<std::string>& parts, const char* between) {
-	std::string text;
-	for (const std::string& part : parts) {
-		text += (text.empty() ? "" : between) + part;
-	}
-	return text;
-}
-
 std::string TimeText(std::int64_t seconds, const char* format) {
 	struct tm time {};
 	const std::time_t moment = seconds;
@@ -119,28 +113,21 @@ std::string RowText(const RowCounts& rows) {
 			parts.push_back(std::to_string(count) + " " + RowOperationName(name));
 		}
 	}
-	return parts.empty() ? "none" : Joined(parts);
+	return parts.empty() ? "none" : boost::algorithm::join(parts, ", ");
 }
 
 std::string ValuesText(const RowExample& example) {
 	std::vector<std::string> parts;
 	for (const ValueExample& value : example.values) {
-		switch (example.operation) {
-		case RowOperation::kInserted:
-			parts.push_back(value.column + "=" + value.after);
-			break;
-		case RowOperation::kDeleted:
-			parts.push_back(value.column + "=" + value.before);
-			break;
-		case RowOperation::kUpdated:
-			parts.push_back(value.column + ": " + value.before + " -> " + value.after);
-			break;
-		}
+		const bool is_update = example.operation == RowOperation::kUpdated;
+		// A row of one version only has one value, and the other is empty.
+		parts.push_back(
+		    value.column + (is_update ? ": " + value.before + " -> " + value.after : "=" + value.before + value.after));
 	}
 	if (example.more_values > 0) {
 		parts.push_back("and " + Counted(example.more_values, "more value"));
 	}
-	return Joined(parts);
+	return boost::algorithm::join(parts, ", ");
 }
 
 std::string TableText(const TableChange& table) {
@@ -160,7 +147,7 @@ std::string TableText(const TableChange& table) {
 	if (std::string rows = TableRows(table); !rows.empty()) {
 		parts.push_back(std::move(rows));
 	}
-	return Joined(parts);
+	return boost::algorithm::join(parts, ", ");
 }
 
 std::string SizeText(const FileChange& file) {

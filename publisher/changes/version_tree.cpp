@@ -17,11 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/** The metadata of a package that was checked when it was unpacked. */
-Json::Value CheckedMetadata(const std::string& path) {
-	return ReadMetadata(archive::ArchiveFile(path));
-}
-
 using Candidates = std::map<int, std::string>; // paths of packages to one version, by their withdrawals or 0
 using Link = Candidates::value_type;
 using Links = std::map<int, Candidates>; // by version
@@ -82,11 +77,11 @@ VersionTree Make(const VersionSource& source, int version, const WorkDirectory& 
 	} else {
 		source.reader.UnpackNextTo(path, info, work.Path(), name, earlier);
 	}
-	Json::Value metadata = CheckedMetadata(path);
 	VersionTree tree;
+	// Of a package that was checked when it was unpacked.
+	const Json::Value metadata = ReadMetadata(archive::ArchiveFile(diffs > 0 ? steps.back().path : path));
 	if (diffs > 0) {
 		ApplyDiffs(source.reader, source.id, steps, work / name, work);
-		metadata = CheckedMetadata(steps.back().path);
 		tree.scripted = ChainState::FromMetadata(metadata).Scripted();
 	}
 	tree.version = {version, full, diffs, PublishedTime(metadata)};

@@ -1,7 +1,6 @@
 #include "publisher/common/files.h"
 
 #include "base/error.h"
-#include "base/file_io.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
 
@@ -12,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 
 namespace tarn::publisher {
 

@@ -3,6 +3,7 @@
 #include "base/process.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "publisher/common/publish_error.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -73,10 +74,10 @@ void RunProgram(const std::string& path, const std::vector<std::string>& argumen
 		failure = process::Wait(child, status);
 	}
 	if (failure != 0) {
-		throw ProgramError(ErrnoText(path + " could not be run", failure) + ".");
+		throw PublishError(ErrnoText(path + " could not be run", failure) + ".");
 	}
 	if (status != 0) {
-		throw ProgramError(path + " " + HowItEnded(status) + ": " + FirstLine(errors));
+		throw PublishError(path + " " + HowItEnded(status) + ": " + FirstLine(errors));
 	}
 }
 

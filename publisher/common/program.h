@@ -2,19 +2,11 @@
 #ifndef PUBLISHER_COMMON_PROGRAM_H
 #define PUBLISHER_COMMON_PROGRAM_H
 
-#include "publisher/common/publish_error.h"
-
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace tarn::publisher {
-
-/** A program failed; the sentence holds the first line of its complaint. */
-class ProgramError : public PublishError {
-public:
-	using PublishError::PublishError;
-};
 
 /** The path of a program that lies in one of PATH's directories; no value when it is not installed. */
 [[nodiscard]] std::optional<std::string> FindProgram(const std::string& name);
@@ -25,7 +17,7 @@ public:
  *
  * @param output  file that gets its output
  * @param errors  file that gets its error stream
- * @throws ProgramError when it cannot be started or does not end with 0
+ * @throws PublishError when it cannot be started or does not end with 0; with the first line of its complaint then
  */
 void RunProgram(const std::string& path, const std::vector<std::string>& arguments, const std::string& output,
     const std::string& errors);

@@ -110,14 +110,6 @@ DiffChain::Link DiffChain::ReadLink(int version, const DiffFile& named) const {
 	}
 }
 
-std::vector<int> DiffChain::Versions() const {
-	std::vector<int> versions;
-	for (const Link& link : links_) {
-		versions.push_back(link.version);
-	}
-	return versions;
-}
-
 const DiffChain::Link* DiffChain::Find(int version) const {
 	const auto link = std::find_if(
 	    links_.begin(), links_.end(), [version](const Link& candidate) { return candidate.version == version; });
@@ -163,23 +155,23 @@ DiffChain::Beginnings DiffChain::BeginningsOf(const std::set<std::string>& names
 	return beginnings;
 }
 
-std::set<std::string> DiffChain::UnpackFirst(const Beginnings& beginnings, const std::string& directory) const {
+void DiffChain::UnpackFirst(Beginnings& beginnings, const std::string& directory) const {
 	std::map<int, std::vector<std::string>> members;
 	for (const auto& [name, beginning] : beginnings) {
 		if (beginning.is_full_package) {
 			members[beginning.version].push_back(name);
 		}
 	}
-	std::set<std::string> missing;
 	for (const auto& [version, names] : members) {
 		try {
 			reader_.Unpack(repository_.KeptPackagePath(id_, version), {id_, "", version}, directory, names);
 		} catch (const PublishError&) {
-			// Removed, or signed by a key that is no longer trusted: these files are not tried out.
-			missing.insert(names.begin(), names.end());
+			// The package was removed, or signed by a key that is no longer trusted.
+			for (const std::string& name : names) {
+				beginnings.erase(name);
+			}
 		}
 	}
-	return missing;
 }
 
 void DiffChain::UnpackSteps(const Link& link, const Beginnings& beginnings, const std::string& directory) const {
@@ -209,9 +201,7 @@ std::map<std::string, std::string> DiffChain::ReplayScripts(
 	}
 	Beginnings beginnings = BeginningsOf(names);
 	const std::string installed = work.Make("lineage");
-	for (const std::string& missing : UnpackFirst(beginnings, installed)) {
-		beginnings.erase(missing);
-	}
+	UnpackFirst(beginnings, installed);
 	const std::string copies = work.Make("lineage-copies");
 	try {
 		DevicePatcher patcher(copies, installed, RefusePatch);

@@ -29,7 +29,6 @@ public:
 	ChainState() = default;
 	/** @throws PublishError when the metadata is not that of a diff package */
 	static ChainState FromMetadata(const Json::Value& metadata);
-	/** Adds the state to a package's metadata. */
 	void ToMetadata(Json::Value& metadata) const;
 
 	bool IsScripted(const std::string& name) const { return scripted_.count(name) > 0; }
@@ -62,9 +61,6 @@ public:
 	DiffChain(const Repository& repository, const PackageReader& reader, const std::string& id, const Entry& newest);
 
 	const ChainState& State() const { return state_; }
-	/** The versions that the packages make, oldest first. */
-	std::vector<int> Versions() const;
-	/** One diff package. */
 	struct Link {
 		int version = 0;
 		std::string path;
@@ -103,8 +99,8 @@ private:
 	using Beginnings = std::map<std::string, Beginning>;
 
 	Beginnings BeginningsOf(const std::set<std::string>& names) const;
-	/** Unpacks the files that full packages hold; returns the names of those that are missing. */
-	[[nodiscard]] std::set<std::string> UnpackFirst(const Beginnings& beginnings, const std::string& directory) const;
+	/** Unpacks the files that full packages hold; takes those away that are missing, and are not tried out. */
+	void UnpackFirst(Beginnings& beginnings, const std::string& directory) const;
 	void UnpackSteps(const Link& link, const Beginnings& beginnings, const std::string& directory) const;
 
 	const Repository& repository_;

@@ -1,6 +1,5 @@
 #include "publisher/diff/diff_maker.h"
 
-#include "base/sqlite_names.h"
 #include "publisher/common/files.h"
 #include "publisher/common/program.h"
 #include "publisher/common/publish_error.h"
@@ -24,12 +23,6 @@ bool IsDatabase(const TreeChange& change) {
 	return change.after && IsSqliteFile(change.after->source);
 }
 
-/** Whether one of SQLite's files beside a database of this name is among the names. */
-bool HasCompanion(const std::string& name, const std::set<std::string>& names) {
-	return std::any_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
-	    [&](const char* suffix) { return names.count(name + suffix) > 0; });
-}
-
 /** The steps of MakeDiff(). */
 class DiffMaker {
 public:
@@ -46,7 +39,9 @@ public:
 		Encode();
 		ListMembers();
 		DiffResult result = Summarise();
-		result.earlier = chain_.Versions();
+		for (const DiffChain::Link& link : chain_.Links()) {
+			result.earlier.push_back(link.version);
+		}
 		result.package_size = Write(archive_fd, path);
 		RequireWorthwhile(result.package_size, order_.new_package_size);
 		Verify(path);

@@ -28,6 +28,7 @@ constexpr std::uint64_t kStepSize = std::uint64_t{16} << 20U;
 struct Content {
 	Json::Value document;
 	std::vector<kit::Package> packages;
+	std::uint64_t size = 0; // of the packages
 	std::vector<ExportedDatabase> databases;
 };
 
@@ -155,6 +156,7 @@ private:
 			throw PublishError("The package " + path + " has " + std::to_string(part.size) + " bytes, and not the " +
 			                   std::to_string(promised->file_size) + " that the document names.");
 		}
+		content_.size += part.size;
 		content_.packages.push_back({std::move(part), std::move(file)});
 	}
 
@@ -192,14 +194,6 @@ void CheckOptions(const ExportOptions& options) {
 	RequireRepository(options.repository);
 }
 
-std::uint64_t SizeOf(const std::vector<kit::Package>& packages) {
-	std::uint64_t size = 0;
-	for (const kit::Package& package : packages) {
-		size += package.part.size;
-	}
-	return size;
-}
-
 /** Reads everything again, as a device will. */
 void Verify(const std::string& name, std::uint64_t size, const PublishObserver& observer) {
 	const kit::Reader reader(name);
@@ -214,19 +208,18 @@ void Verify(const std::string& name, std::uint64_t size, const PublishObserver& 
 ExportResult Export(const ExportOptions& options, const PublishObserver& observer) {
 	CheckOptions(options);
 	Content content = Collector(options, observer).Collect();
-	const std::uint64_t size = SizeOf(content.packages);
 	KitDraft draft(options.file);
 	try {
-		Steps steps(observer, "copying MiB", size);
+		Steps steps(observer, "copying MiB", content.size);
 		kit::Write(draft.Fd(), JsonText(content.document, "\t") + "\n", std::move(content.packages),
 		    [&](std::uint64_t bytes) { steps.Add(bytes); });
 		draft.Sync();
-		Verify(draft.Name(), size, observer);
+		Verify(draft.Name(), content.size, observer);
 	} catch (const Error& error) {
 		throw PublishError("The kit " + options.file + " " + error.what() + ".");
 	}
 	draft.Commit();
-	return {size, std::move(content.databases)};
+	return {content.size, std::move(content.databases)};
 }
 
 } // namespace tarn::publisher

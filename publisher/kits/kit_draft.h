@@ -20,7 +20,6 @@ public:
 	int Fd() const { return draft_.Fd(); }
 	/** The name under which it can be read until Commit(). */
 	const std::string& Name() const { return draft_.Name(); }
-	/** Brings it to the disk. */
 	void Sync() const;
 	/** Gives it its name, in the place of a file that has this name, and makes that durable. */
 	void Commit();

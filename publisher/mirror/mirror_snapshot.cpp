@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <filesystem>
-#include <optional>
 
 namespace tarn::publisher {
 

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <ctime>
 #include <sstream>
-#include <utility>
 
 namespace tarn::publisher {
 
@@ -55,9 +54,6 @@ std::optional<std::int64_t> ParseTime(const std::string& text) {
 	const char* end = strptime(rest, "%z", &zone); // "Z" or "+01:30"
 	return end != nullptr && *end == '\0' ? std::optional(timegm(&parts) - zone.tm_gmtoff) : std::nullopt;
 }
-
-Store::Store(std::string remote, TransferProgress progress)
-    : remote_(std::move(remote)), progress_(std::move(progress)) {}
 
 std::string Store::PathOf(const std::string& name) const {
 	const bool is_joined = EndsWith(remote_, ":") || EndsWith(remote_, "/");

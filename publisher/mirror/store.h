@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarn::publisher {
@@ -35,7 +36,7 @@ struct Comparison {
 class Store {
 public:
 	/** @param remote  as rclone names it: "NAME:PATH" */
-	Store(std::string remote, TransferProgress progress);
+	Store(std::string remote, TransferProgress progress) : remote_(std::move(remote)), progress_(std::move(progress)) {}
 
 	/** The files where packages and documents lie; names with a part that begins with a dot are left out. */
 	[[nodiscard]] CarriedFiles List() const;

@@ -2,6 +2,7 @@
 
 #include "archive/extractor.h"
 #include "archive/members.h"
+#include "base/sqlite_names.h"
 #include "base/text.h"
 #include "publisher/common/files.h"
 #include "publisher/common/publish_error.h"
@@ -134,6 +135,11 @@ std::set<std::string> NamesOf(const Tree& tree) {
 		names.insert(file.name);
 	}
 	return names;
+}
+
+bool HasCompanion(const std::string& name, const std::set<std::string>& names) {
+	return std::any_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
+	    [&](const char* suffix) { return names.count(name + suffix) > 0; });
 }
 
 bool IsBeneath(const fs::path& path, const fs::path& root) {

@@ -44,6 +44,9 @@ Tree ListTree(const std::string& root);
 
 std::set<std::string> NamesOf(const Tree& tree);
 
+/** Whether one of the files that SQLite keeps beside a database of this name is among the names. */
+[[nodiscard]] bool HasCompanion(const std::string& name, const std::set<std::string>& names);
+
 /** Whether a path is a directory or lies below it; both are canonical. */
 [[nodiscard]] bool IsBeneath(const std::filesystem::path& path, const std::filesystem::path& directory);
 

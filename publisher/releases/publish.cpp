@@ -2,7 +2,6 @@
 
 #include "base/text.h"
 #include "publisher/common/files.h"
-#include "publisher/diff/diff_maker.h"
 #include "publisher/releases/channels.h"
 #include "publisher/releases/next_version.h"
 #include "publisher/releases/same_content.h"
@@ -44,6 +43,8 @@ public:
 	      tree_(ListTree(options.tree)) {}
 
 	PublishResult Run() {
+		result_.files = tree_.files.size();
+		result_.tree_size = tree_.total_size;
 		previous_ = repository_.ReadEntry(options_.db_version, options_.id);
 		RequireOwnPrevious();
 		if (options_.if_changed && previous_ && IsUnchanged()) {
@@ -56,8 +57,6 @@ public:
 		if (next.is_begun) {
 			fetch_time_ = TimeOfBegun(reader_, PackagePath(), options_.id, result_.data_version, fetch_time_);
 		}
-		result_.files = tree_.files.size();
-		result_.tree_size = tree_.total_size;
 		result_.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, result_.data_version));
 		WarnAbout(tree_, result_, observer_);
 		ContinueFrom(EntryToContinue(repository_, options_, result_.data_version));
@@ -76,8 +75,8 @@ public:
 		package.Commit();
 		CommitDiff();
 		repository_.RememberUrl(options_.url);
-		repository_.WriteEntry(
-		    options_.db_version, options_.id, {result_.data_version, fetch_time_, result_.download_link, DiffFiles()});
+		const Entry entry = {result_.data_version, fetch_time_, result_.download_link, DiffFiles()};
+		repository_.WriteEntries(options_.db_version, {{options_.id, entry}});
 		RemoveOldDiffs(repository_, options_.id, observer_);
 		return std::move(result_);
 	}
@@ -97,8 +96,6 @@ private:
 			               WithoutEnd(error.what()) + ".");
 		}
 		result_.data_version = version;
-		result_.files = tree_.files.size();
-		result_.tree_size = tree_.total_size;
 		result_.download_link = previous_->download_link;
 		return result_.is_unchanged;
 	}

@@ -125,7 +125,9 @@ private:
 		JudgeChannels(id, version);
 		WarnOfUnreached(version, entry, packages);
 		KeepNewest(entry.diff_files, options_.keep_diffs, newest.size);
-		Add(id, entry);
+		const auto& diffs = entry.diff_files;
+		const int oldest_base = diffs.empty() ? version : diffs.begin()->first - 1;
+		result_.databases.push_back({id, false, version, diffs.size(), oldest_base, entry.download_link});
 		return entry;
 	}
 
@@ -218,12 +220,6 @@ private:
 				               " no chain leads to version " + std::to_string(version) + ".");
 			}
 		}
-	}
-
-	void Add(const std::string& id, const Entry& entry) {
-		const auto& diffs = entry.diff_files;
-		const int oldest_base = diffs.empty() ? entry.data_version : diffs.begin()->first - 1;
-		result_.databases.push_back({id, false, entry.data_version, diffs.size(), oldest_base, entry.download_link});
 	}
 
 	const RestoreOptions& options_;

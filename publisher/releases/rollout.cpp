@@ -7,6 +7,8 @@
 #include "publisher/repository/document.h"
 #include "publisher/repository/option_checks.h"
 
+#include <boost/algorithm/string/replace.hpp>
+
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -21,24 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kMaker = "# Made by tarndbudpub rollout";
 constexpr Share kPercent = 100;
-
-/** The hundredths that up to two digits after the point mean; no value when there are none, or more. */
-std::optional<int> Hundredths(std::string_view digits) {
-	const std::optional<int> number = ParseVersion(digits);
-	if (!number || digits.empty() || digits.size() > 2) {
-		return std::nullopt;
-	}
-	return digits.size() == 1 ? *number * 10 : *number;
-}
-
-/** A name as a regular expression has it. */
-std::string Escaped(const std::string& name) {
-	std::string text;
-	for (const char c : name) {
-		text += (c == '.' ? "\\" : "") + std::string(1, c);
-	}
-	return text;
-}
 
 void RequireOwnFile(const std::string& path) {
 	if (!fs::is_directory(fs::absolute(path).parent_path())) {
@@ -83,12 +67,13 @@ void RequireComplete(const RolloutOptions& options) {
 Share ParsePercent(std::string_view text) {
 	const std::size_t point = text.find('.');
 	const std::optional<int> whole = ParseVersion(text.substr(0, point));
-	const std::optional<int> part =
-	    point == std::string_view::npos ? std::optional(0) : Hundredths(text.substr(point + 1));
-	if (!whole || !part || *whole > kPercent || *whole * kPercent + *part > kWholeShare) {
+	const std::string_view decimals = point == std::string_view::npos ? "0" : text.substr(point + 1);
+	const std::optional<int> part = ParseVersion(decimals);
+	const int hundredths = part.value_or(0) * (decimals.size() == 1 ? 10 : 1);
+	if (!whole || !part || decimals.size() > 2 || *whole > kPercent || *whole * kPercent + hundredths > kWholeShare) {
 		throw UsageError("PERCENT \"" + std::string(text) + "\" must be 0 to 100, with at most two decimals.");
 	}
-	return *whole * kPercent + *part;
+	return *whole * kPercent + hundredths;
 }
 
 std::string PercentText(Share share) {
@@ -103,6 +88,7 @@ std::string PercentText(Share share) {
 std::string RolloutConf(const std::string& channel, const std::string& document, Share share) {
 	const std::string file = "/database_info/" + document;
 	const std::string other = "/database_info/" + channel;
+	const std::string pattern = boost::algorithm::replace_all_copy(document, ".", "\\."); // for a regular expression
 	std::ostringstream text;
 	text << kMaker << ", which writes it again as a whole: " << PercentText(share)
 	     << " % of the devices\n# that ask for " << file << " get " << other
@@ -114,7 +100,7 @@ std::string RolloutConf(const std::string& channel, const std::string& document,
 	}
 	text << "\t* " << (share == kWholeShare ? other : file) << ";\n}\n"
 	     << "# Whoever gives no id gets what it asked for.\nmap \"$uri $arg_dlid\" $tarndbud_document {\n"
-	     << "\tdefault $uri;\n\t\"~^/database_info/" << Escaped(document) << " .\" $tarndbud_share;\n}\n";
+	     << "\tdefault $uri;\n\t\"~^/database_info/" << pattern << " .\" $tarndbud_share;\n}\n";
 	return text.str();
 }
 

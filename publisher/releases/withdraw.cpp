@@ -47,6 +47,8 @@ public:
 		repository_.Clean(options_.id, Version());
 		const WorkDirectory work(repository_.Directory());
 		const Tree tree = Restore(work);
+		Published().files = tree.files.size();
+		Published().tree_size = tree.total_size;
 		if (IsThereAlready(tree)) {
 			return std::move(result_);
 		}
@@ -131,8 +133,6 @@ private:
 		PublishResult& published = Published();
 		published.is_unchanged = true;
 		published.data_version = previous_.data_version;
-		published.files = tree.files.size();
-		published.tree_size = tree.total_size;
 		published.package_size = archive->Head().FileSize();
 		published.download_link = previous_.download_link;
 		if (versions_->NewestMetadata()[kRestoresKey] == result_.restored) {
@@ -143,8 +143,6 @@ private:
 
 	void WriteFull(const Tree& tree, ReplacingFile& package) {
 		PublishResult& published = Published();
-		published.files = tree.files.size();
-		published.tree_size = tree.total_size;
 		published.download_link = LinkTo(options_.url, Repository::PackageName(options_.id, Version()));
 		PackageInfo info = {options_.id, format_version_, Version()};
 		info.published = fetch_time_;
@@ -204,7 +202,7 @@ private:
 			}
 		}
 		repository_.RememberUrl(options_.url);
-		repository_.WriteEntry(options_.db_version, options_.id, entry);
+		repository_.WriteEntries(options_.db_version, {{options_.id, entry}});
 		WarnOfOtherDocuments();
 		try {
 			repository_.Clean(options_.id);

@@ -1,9 +1,7 @@
 #include "publisher/releases/withdrawal_diffs.h"
 
-#include "base/sqlite_names.h"
 #include "base/text.h"
 #include "publisher/common/publish_error.h"
-#include "publisher/diff/diff_maker.h"
 #include "publisher/packages/diff_package.h"
 #include "publisher/sqlite/sqlite_content.h"
 
@@ -79,9 +77,7 @@ void WithdrawalDiffs::FindChanges() {
  */
 void WithdrawalDiffs::AddCompanions(std::set<std::string>& names) const {
 	for (const std::string& name : order_.chain.State().Scripted()) {
-		const bool is_in_danger = std::any_of(kSqliteCompanions.begin(), kSqliteCompanions.end(),
-		    [&](const char* suffix) { return names.count(name + suffix) > 0; });
-		if (is_in_danger) {
+		if (HasCompanion(name, names)) {
 			names.insert(name);
 		}
 	}
@@ -131,7 +127,7 @@ void WithdrawalDiffs::WriteEmpty(int version) {
 	const DiffChain::Link* target = order_.chain.Find(order_.target);
 	const ChainState passing = target == nullptr ? ChainState() : ChainState::FromMetadata(target->package.metadata);
 	order_.chain.State().Or(passing).ToMetadata(more);
-	const std::string name = Repository::EmptyDiffName(order_.options.id, version, Version());
+	const std::string name = Repository::NameOf(order_.options.id, {"", version, true, Version()});
 	Package package = {name, ReplacingFile(order_.repository.Directory() + "/" + name)};
 	package.size = Write(version, content, more, package.file);
 	packages_.emplace(version, std::move(package));

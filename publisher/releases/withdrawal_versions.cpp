@@ -23,7 +23,12 @@ WithdrawalVersions::WithdrawalVersions(const Repository& repository, const Packa
 
 int WithdrawalVersions::Choose(const std::optional<std::int64_t>& to) const {
 	const int chosen = to ? Named(*to) : Default();
-	RequireOwn(chosen);
+	const std::string path = repository_.KeptPackagePath(id_, chosen);
+	if (IsForeign(reader_, path, id_, chosen)) {
+		throw PublishError("Version " + std::to_string(chosen) + " of " + id_ + " cannot come back: its package " +
+		                   path +
+		                   " has no signature by --key or an --old-key; name the key that signed it by --old-key.");
+	}
 	return chosen;
 }
 
@@ -88,15 +93,6 @@ int WithdrawalVersions::NewestFullBelow() const {
 		                   std::to_string(newest_.data_version) + ".");
 	}
 	return before;
-}
-
-void WithdrawalVersions::RequireOwn(int data_version) const {
-	const std::string path = repository_.KeptPackagePath(id_, data_version);
-	if (IsForeign(reader_, path, id_, data_version)) {
-		throw PublishError("Version " + std::to_string(data_version) + " of " + id_ +
-		                   " cannot come back: its package " + path +
-		                   " has no signature by --key or an --old-key; name the key that signed it by --old-key.");
-	}
 }
 
 bool WithdrawalVersions::HasPackage(int version) const {

@@ -52,7 +52,6 @@ private:
 	[[nodiscard]] int Named(std::int64_t data_version) const;
 	[[nodiscard]] int Default() const;
 	[[nodiscard]] int NewestFullBelow() const;
-	void RequireOwn(int data_version) const;
 	/** The diff packages that lead to a version from a full package. */
 	[[nodiscard]] std::vector<DiffStep> StepsTo(int version) const;
 

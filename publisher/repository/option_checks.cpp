@@ -1,14 +1,12 @@
 #include "publisher/repository/option_checks.h"
 
 #include "base/text.h"
-#include "publisher/common/publish_error.h"
 #include "publisher/common/utf8.h"
 #include "publisher/packages/package.h"
 #include "publisher/packages/tree.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <optional>
 #include <string_view>
 
 namespace tarn::publisher {
@@ -59,9 +57,8 @@ void CheckKeptDiffs(const KeptDiffs& keep_diffs) {
 }
 
 void CheckDataVersion(const std::optional<std::int64_t>& version) {
-	if (version && (*version < 0 || *version > kMaxNumber)) {
-		throw UsageError(
-		    "--data-version " + std::to_string(*version) + " must be 0 to " + std::to_string(kMaxNumber) + ".");
+	if (version) {
+		CheckRange<std::int64_t>("--data-version", *version, 0, kMaxNumber);
 	}
 }
 
@@ -91,14 +88,8 @@ void CheckOptions(const PublishOptions& options) {
 	CheckDataVersion(options.data_version);
 	CheckKeptDiffs(options.keep_diffs);
 	CheckNotes(options.notes);
-	if (options.memory_mib < kMinMemoryMib || options.memory_mib > kMaxMemoryMib) {
-		throw UsageError("--memory " + std::to_string(options.memory_mib) + " must be " +
-		                 std::to_string(kMinMemoryMib) + " to " + std::to_string(kMaxMemoryMib) + " MiB.");
-	}
-	if (options.level < archive::kMinLevel || options.level > archive::kMaxLevel) {
-		throw UsageError("--level " + std::to_string(options.level) + " must be " + std::to_string(archive::kMinLevel) +
-		                 " to " + std::to_string(archive::kMaxLevel) + ".");
-	}
+	CheckRange("--memory", options.memory_mib, kMinMemoryMib, kMaxMemoryMib, " MiB");
+	CheckRange("--level", options.level, archive::kMinLevel, archive::kMaxLevel);
 }
 
 void CheckApart(const PublishOptions& options) {

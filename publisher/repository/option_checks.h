@@ -2,6 +2,7 @@
 #ifndef PUBLISHER_REPOSITORY_OPTION_CHECKS_H
 #define PUBLISHER_REPOSITORY_OPTION_CHECKS_H
 
+#include "publisher/common/publish_error.h"
 #include "publisher/repository/publish_options.h"
 
 #include <cstdint>
@@ -15,6 +16,15 @@ void CheckWord(const std::string& option, const std::string& word);
 
 /** Throws UsageError unless a text is a plain http:// or https:// base. */
 void CheckUrl(const std::string& url);
+
+/** Throws UsageError for an option's number below the least or above the most; the unit follows these in the text. */
+template<typename Number>
+void CheckRange(const std::string& option, Number value, Number least, Number most, const char* unit = "") {
+	if (value < least || value > most) {
+		throw UsageError(option + " " + std::to_string(value) + " must be " + std::to_string(least) + " to " +
+		                 std::to_string(most) + unit + ".");
+	}
+}
 
 /** Throws UsageError for a number of diff packages that is below 0. */
 void CheckKeptDiffs(const KeptDiffs& keep_diffs);

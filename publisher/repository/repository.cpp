@@ -195,10 +195,6 @@ void Repository::RemoveDocumentLeftovers() const {
 	RemoveLeftovers(directory_ + "/database_info");
 }
 
-void Repository::WriteEntry(const std::string& db_version, const std::string& id, const Entry& entry) const {
-	WriteEntries(db_version, {{id, entry}}, false);
-}
-
 void Repository::WriteEntries(
     const std::string& db_version, const std::map<std::string, Entry>& entries, bool replaces_damaged) const {
 	const std::string path = DocumentPath(db_version);

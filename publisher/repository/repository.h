@@ -54,10 +54,6 @@ public:
 	static std::string DiffName(const std::string& id, int version, const DiffFile& named);
 	/** The name that a package has to have, relative to the repository; a file may be called "db_v007.tarn". */
 	static std::string NameOf(const std::string& id, const PackageFile& file);
-	/** The name of the empty diff package that a withdrawal puts in the place of the one that leads to a version. */
-	static std::string EmptyDiffName(const std::string& id, int version, int withdrawal) {
-		return NameOf(id, {"", version, true, withdrawal});
-	}
 	std::string PackagePath(const std::string& id, int version) const {
 		return directory_ + "/" + PackageName(id, version);
 	}
@@ -86,7 +82,6 @@ public:
 	 */
 	void Clean(const std::string& id, const std::optional<int>& spared = std::nullopt) const;
 
-	/** Removes what killed publishers left of documents. */
 	void RemoveDocumentLeftovers() const;
 
 	/** A database's entry in a document; no value when it was never published there. */
@@ -94,16 +89,14 @@ public:
 	/** Whether a document is there that cannot be understood as a whole; throws PublishError when it cannot be read. */
 	[[nodiscard]] bool IsDamaged(const std::string& db_version) const;
 
-	/** Puts a database's entry into a document, which keeps everything else that it holds. */
-	void WriteEntry(const std::string& db_version, const std::string& id, const Entry& entry) const;
 	/**
-	 * The same for several databases at once.
+	 * Puts entries of databases into a document, which keeps everything else that it holds.
 	 *
 	 * @param replaces_damaged  whether a document that cannot be understood is replaced; ".damaged-" and its name keep
 	 *                          its text
 	 */
-	void WriteEntries(
-	    const std::string& db_version, const std::map<std::string, Entry>& entries, bool replaces_damaged) const;
+	void WriteEntries(const std::string& db_version, const std::map<std::string, Entry>& entries,
+	    bool replaces_damaged = false) const;
 
 	/** Gives a document the entry that another one has, with all that it says; see Document::CopyEntry(). */
 	void CopyEntry(const std::string& from, const std::string& to, const std::string& id) const;

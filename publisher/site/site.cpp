@@ -156,10 +156,7 @@ SiteResult MakeSite(const SiteOptions& options, const PublishObserver& observer)
 	if (!options.url.empty()) {
 		CheckUrl(options.url);
 	}
-	if (options.examples > kMostExamples) {
-		throw UsageError(
-		    "--examples " + std::to_string(options.examples) + " must be 0 to " + std::to_string(kMostExamples) + ".");
-	}
+	CheckRange<std::size_t>("--examples", options.examples, 0, kMostExamples);
 	if (options.changes.value_or(0) > 0 && options.keys.empty()) {
 		throw UsageError("--changes needs --key, since the content of packages is read.");
 	}
