@@ -78,10 +78,12 @@ VersionTree Make(const VersionSource& source, int version, const WorkDirectory& 
 		source.reader.UnpackNextTo(path, info, work.Path(), name, earlier);
 	}
 	VersionTree tree;
+	if (diffs > 0) {
+		ApplyDiffs(source.reader, source.id, steps, work / name, work);
+	}
 	// Of a package that was checked when it was unpacked.
 	const Json::Value metadata = ReadMetadata(archive::ArchiveFile(diffs > 0 ? steps.back().path : path));
 	if (diffs > 0) {
-		ApplyDiffs(source.reader, source.id, steps, work / name, work);
 		tree.scripted = ChainState::FromMetadata(metadata).Scripted();
 	}
 	tree.version = {version, full, diffs, PublishedTime(metadata)};
