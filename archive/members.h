@@ -56,7 +56,7 @@ private:
 	enum class Missing { kCreate, kFail };
 
 	/** Descriptor of the directory that holds the path's last component, valid until the next call. */
-	int Parent(const MemberPath& path, Missing missing);
+	[[nodiscard]] int Parent(const MemberPath& path, Missing missing);
 	void RemoveExisting(int parent, const MemberPath& path);
 
 	int root_;

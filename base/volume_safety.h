@@ -28,13 +28,13 @@ struct UnsafePlace {
  * is missing is safe: nobody else can make it. Each step is opened and judged by its descriptor, so that nothing is
  * exchanged between. Returns the first unsafe place of an absolute path, no value when all is safe.
  */
-std::optional<UnsafePlace> FindUnsafePlace(const std::string& directory);
+[[nodiscard]] std::optional<UnsafePlace> FindUnsafePlace(const std::string& directory);
 
 /**
  * The same for a volume's root and, as far as they exist, "@tmp/data_update" and "@database/autoupdate" on it. The last
  * name may also be a file, which a move of databases replaces.
  */
-std::optional<UnsafePlace> FindUnsafePlaceOnVolume(const std::string& volume);
+[[nodiscard]] std::optional<UnsafePlace> FindUnsafePlaceOnVolume(const std::string& volume);
 
 } // namespace tarn
 

@@ -51,7 +51,7 @@ public:
 private:
 	void CreateNamed();
 	/** Gives the nameless file a name; false when that is taken. */
-	bool Link(const std::string& name) const;
+	[[nodiscard]] bool Link(const std::string& name) const;
 	void LinkTemporary();
 	std::string DrawTemporaryName() const;
 

@@ -59,7 +59,7 @@ private:
 	static constexpr std::size_t kMostAhead = 256;
 
 	/** Takes the digest of a file that no thread has begun yet; false when there is none, or no room. */
-	bool TakeOne(bool waits_for_room);
+	[[nodiscard]] bool TakeOne(bool waits_for_room);
 	/** The caller must not wait for room, because the caller makes it. */
 	std::optional<std::size_t> BeginOne(bool waits_for_room);
 	/** Whether one may be begun: its result has a place. */

@@ -53,12 +53,12 @@ private:
 		std::optional<LinkedTree> tree; // None where no such directory is installed.
 	};
 
-	bool _MakePlace() const;
+	[[nodiscard]] bool _MakePlace() const;
 	void _StageDirectories(const std::vector<std::string>& names);
 	void _SetRemaining();
 	/** Makes a directory ready below a root, under the name that it has in the database. Throws std::exception. */
 	Directory _StageDirectory(const std::string& name, const std::string& root) const;
-	bool _MoveIn(const Directory& directory) const;
+	[[nodiscard]] bool _MoveIn(const Directory& directory) const;
 	const Changes& _Remaining() const { return directories_.empty() ? changes_ : remaining_; }
 	std::string _Installed(const std::string& name) const { return install_directory_ + "/" + name; }
 

@@ -27,7 +27,7 @@ std::optional<Hold> ReadHold(const std::string& id);
 void SetHold(const std::string& id, const std::optional<int>& up_to);
 
 /** Whether there was one. Throws CommandError naming the path. Updates have to be held off meanwhile. */
-bool EndHold(const std::string& id);
+[[nodiscard]] bool EndHold(const std::string& id);
 
 /** What people are told of it: "held", "held at most at version 5". */
 std::string DescribeHold(const Hold& hold);

@@ -1,5 +1,4 @@
-/** @file What must be in order before anything is done: the lock files, and where data lies; why a volume gets no data.
- */
+/** @file What must be in order before anything is done: lock files, and where data lies; why a volume gets none. */
 #ifndef HOST_LIBRARY_PREPARATION_H
 #define HOST_LIBRARY_PREPARATION_H
 

@@ -42,7 +42,7 @@ private:
 };
 
 /** Makes a database's lock file, which a restart takes away; whether it is there afterwards. */
-bool MakeReaderLockFile(const std::string& id);
+[[nodiscard]] bool MakeReaderLockFile(const std::string& id);
 
 /** The largest document of a server that is parsed; a parsed one takes several times its size of memory. */
 constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
