@@ -11,6 +11,6 @@ def table(heads: list[str], lines: list[list[str]]) -> str:
 
 
 def filled(tool: str, text: str, made: Callable[[str], str]) -> str:
-    """The text with the part of each name made anew."""
+    """The text with the part of each name made again."""
     part = re.compile(rf"(<!-- bench/{tool}: (\w+) -->\n).*?(<!-- end -->)", re.DOTALL)
     return part.sub(lambda match: match[1] + made(match[2]) + match[3], text)

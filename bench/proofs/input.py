@@ -159,7 +159,7 @@ def earlier(trial: Trial, target: Target) -> Row:
     if not kept:
         return nothing
     if kept[0].get("sources") != nothing.sources or kept[0]["wrong"]:
-        trial.say(f"{target.name}: counts anew, because its sources are others than before, or something was found")
+        trial.say(f"{target.name}: counts from zero, because its sources are others than before, or something was found")
         return nothing
     return Row(**kept[0])
 

@@ -98,7 +98,7 @@ std::unique_ptr<ReaderLock> TakeLockOnWhole(const Services& services, const Opti
 		if (!may_be_recorded && dataupdate::MayBeAMixture(options.id)) {
 			throw CommandError(kLocked, "The last replacement of the files of " + options.id +
 			                                " was not finished, so they may be of two versions; the next update or fix "
-			                                "installs them anew, and --even-unfinished reads them as they are");
+			                                "installs them again, and --even-unfinished reads them as they are");
 		}
 		std::this_thread::sleep_for(kPause);
 		RequireNotInterrupted();

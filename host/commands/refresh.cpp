@@ -11,7 +11,7 @@ ExitCode Run(const Services& services, const Options& options) {
 	Json::Value object(Json::objectValue);
 	object["dropped"] = dropped;
 	Answer(services, options,
-	    dropped ? "The server's document was dropped; the next command asks for it anew.\n"
+	    dropped ? "The server's document was dropped; the next command asks for it again.\n"
 	            : "There is no document to drop; the next command asks the server.\n",
 	    object);
 	return kDone;

@@ -119,7 +119,7 @@ std::string WayOutOfMixture(const Services& services, const StatusRow& row) {
 		return way_out;
 	}
 	const std::string update = MayUpdate(row) ? "\"tarndbudctl update\" or " : "";
-	return " The last replacement of its files was not finished; " + update + "\"tarndbudctl fix\" installs it anew.";
+	return " The last replacement of its files was not finished; " + update + "\"tarndbudctl fix\" installs it again.";
 }
 
 void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {

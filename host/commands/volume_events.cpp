@@ -110,9 +110,9 @@ void AnswerToUnmount(
 		                                "\"; the lines of mv before this one and the system log tell why");
 	case End::kDivided:
 		throw CommandError(kFailed,
-		    could_not +
-		        "; what is left of them is on both, no volume is in use until \"tarndbudctl init\", and the "
-		        "next update after it installs them anew; the lines of mv before this one and the system log tell why");
+		    could_not + "; what is left of them is on both, no volume is in use until \"tarndbudctl init\", and the "
+		                "next update after it installs them again; the lines of mv before this one and the system log "
+		                "tell why");
 	case End::kNoTarget:
 		break;
 	}
@@ -215,7 +215,7 @@ ExitCode RunVolumeMounted(const Services& services, const Options& options) {
 	const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, dataupdate::kLockTimeout);
 	const dataupdate::InterruptionShield shield;
 	if (IsAnyInUse(services, options)) {
-		return kDone; // Since somebody else was faster.
+		return kDone; // Another process was faster.
 	}
 	const dataupdate::VolumeHandler handler(services.config);
 	Json::Value adopted = Describe("adopted", path);
@@ -244,7 +244,7 @@ ExitCode RunVolumeUnmounting(const Services& services, const Options& options) {
 	const StandStill still(services, options.timeout_seconds);
 	const dataupdate::InterruptionShield shield;
 	if (IsOtherInUse(services, options, path)) {
-		return kDone; // Since somebody else was faster.
+		return kDone; // Another process was faster.
 	}
 	if (!services.is_available(path) && IsGone(services, path, TLIBCErrGet())) {
 		GiveUp(services, options, path);

@@ -150,7 +150,7 @@ dataupdate::DatabaseStatus CheckedInfoGetter::GetDatabaseStatus(const std::strin
 		reason = "its \"data_version\" is no number";
 	}
 	throw UpdateError("The record of what is installed, " + dataupdate::StatusPath(id) + ", is malformed (" + reason +
-	                  "); remove it to have the database installed anew");
+	                  "); remove it to have the database installed again");
 }
 
 dataupdate::InstalledRecord CheckedInfoGetter::GetRecord(const std::string& id) const {

@@ -57,7 +57,7 @@ public:
 	    std::shared_ptr<dataupdate::ServiceConfig> service_config,
 	    std::shared_ptr<DownloadLimits> limits = std::make_shared<DownloadLimits>());
 
-	/** Neither waits long for a document that somebody else fetches nor for the server, from now on. */
+	/** Neither waits long for a document that another process fetches nor for the server, from now on. */
 	void Hurry();
 
 	dataupdate::RemoteInfo GetRemoteInfo(const std::string& id) const override;

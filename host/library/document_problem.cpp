@@ -169,7 +169,7 @@ std::string DescribeCaching(std::time_t modified, std::time_t now) {
 	if (end < now) {
 		return "";
 	}
-	return advice + " unless you can wait until " + FormatClock(end + 1) + ", when it is asked for anew";
+	return advice + " unless you can wait until " + FormatClock(end + 1) + ", when it is asked for again";
 }
 
 } // namespace tarn::ctl

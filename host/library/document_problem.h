@@ -29,7 +29,7 @@ bool HasPlainVersion(const Json::Value& entry);
 /** Whether all of an entry's diff packages are named by versions. */
 bool HasPlainDiffVersions(const Json::Value& entry);
 
-/** How long a bad answer stays, and how to be rid of it, to be appended; empty when it is asked for anew anyway. */
+/** How long a bad answer stays, and how to be rid of it, to be appended; empty when it is asked for again anyway. */
 std::string DescribeCaching(std::time_t modified, std::time_t now);
 
 } // namespace tarn::ctl

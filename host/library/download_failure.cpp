@@ -48,7 +48,7 @@ constexpr Hint kHints[] = {
     {TLIBC_ERR_EXIT + 6, "", "the server or the proxy wants a password: check the proxy's settings"},
     {TLIBC_ERR_EXIT + 7, "", "what answered speaks no HTTP: check the scheme, the host and the port"},
     {TLIBC_ERR_EXIT + 8, "ERROR 404",
-        "the server answered with an error: check that it offers this file, and ask it anew by "
+        "the server answered with an error: check that it offers this file, and ask it again by "
         "\"tarndbudctl refresh\", as a release may have been withdrawn"},
     {TLIBC_ERR_EXIT + 8, "", "the server answered with an error: check that it offers this file"},
     {ENOENT, "", "/usr/bin/wget could not be started: install wget"},

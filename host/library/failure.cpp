@@ -99,7 +99,7 @@ constexpr Rule kRules[] = {
     {Category::kUnknownDatabase, kUnsupported, messages::kUnknownProject, "",
         "the configured databases are listed by \"tarndbudctl status\""},
     {Category::kLocked, kLocked, messages::kCannotLock, "",
-        "somebody else holds it (a running update, or a reader of the database): try later"},
+        "another process holds it (a running update, or a reader of the database): try later"},
     {Category::kLockUnusable, kFailed, messages::kCannotOpenLock, "", "tarndbudctl must be run as root"},
     {Category::kDownload, kFailed, messages::kCannotDownload, "", nullptr, LinkHint},
     {Category::kLowSpace, kFailed, messages::kLowSpace, "", nullptr, LowSpaceHint},

@@ -45,12 +45,12 @@ std::vector<PlannedDownload> PlannedDiffs(
 	const bool is_chain = outcome.before >= 0 && end >= outcome.offered;
 	if (outcome.before < 0) {
 		syslog(LOG_NOTICE,
-		    "%s is not installed, so that it comes by the full package; \"No sufficient diff patched\" says only this.",
+		    "%s is not installed, so its full package is downloaded; \"No sufficient diff patched\" says only this.",
 		    id.c_str());
 	} else if (!is_chain) {
 		syslog(LOG_NOTICE,
-		    "The server has no diff package from version %d to %d of %s, on the way from %d to %d, so that it comes by "
-		    "the full package; \"No sufficient diff patched\" says only this, and nothing is to be done.",
+		    "The server has no diff package from version %d to %d of %s, on the way from %d to %d, so its full "
+		    "package is downloaded; \"No sufficient diff patched\" says only this, and nothing is to be done.",
 		    end, end + 1, id.c_str(), outcome.before, outcome.offered);
 	}
 	const std::string beginning = dataupdate::TempDirPath(services.config->GetCurVolume()) + "/" + id + "_d";

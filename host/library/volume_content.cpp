@@ -162,7 +162,7 @@ std::string Adopt(const Services& services, const std::function<void()>& choose,
 		answer["incomplete"].append(id);
 		names += (names.empty() ? "" : ", ") + id;
 	}
-	return names.empty() ? "" : "Not whole there, and to be installed anew by the next update: " + names + "\n";
+	return names.empty() ? "" : "Not whole there, and to be installed again by the next update: " + names + "\n";
 }
 
 } // namespace tarn::ctl

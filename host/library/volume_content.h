@@ -15,7 +15,7 @@ namespace tarn::ctl {
 
 /**
  * Marks the databases that are installed on a volume, which need not be in use any more, as ones whose files may not be
- * whole, so that the next update or fix installs them anew even if their version has not changed. Returns those that
+ * whole, so that the next update or fix installs them again even if their version has not changed. Returns those that
  * were not marked before; throws UpdateError when not all can be marked, and none of these is then.
  */
 [[nodiscard]] std::vector<std::string> MarkInstalled(const Services& services);

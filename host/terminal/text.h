@@ -76,7 +76,7 @@ struct StatusRow {
 	std::optional<std::int64_t> published; ///< When the installed data was published, in seconds since 1970.
 	bool scheduled = false;
 	bool updating = false;
-	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed anew.
+	bool unfinished = false; ///< A replacement of its files was begun and not finished; it is installed again.
 	bool held = false;       ///< The administrator keeps it at its version, or below held_up_to.
 	std::optional<int> held_up_to;
 	std::string hold_problem; ///< Why the hold cannot be understood.
@@ -93,7 +93,7 @@ struct StatusRow {
 /**
  * Whether a later version is installed than the server offers, which no update changes: the publisher took a version
  * back, or who answers is not the publisher's server. No value when the server's is unknown. What is unfinished never
- * is, because it is installed anew.
+ * is, because it is installed again.
  */
 std::optional<bool> IsAboveOffered(const StatusRow& row);
 

@@ -172,7 +172,7 @@ Verdict Check(const std::string& path, process::Program& program, const UniqueFd
 	}
 	program.path = path;
 	program.streams = {input.Get(), output.WriteEnd().Get(), errors.WriteEnd().Get()};
-	program.death_signal = SIGKILL; // What it checks is removed, or made anew, when nobody waits for it any more.
+	program.death_signal = SIGKILL; // What it checks is removed, or made again, when nobody waits for it any more.
 	pid_t child = -1;
 	if (const int error = process::Start(program, child); error != 0) {
 		return NoVerdict(path, std::string("it cannot be started: ") + std::strerror(error));

@@ -19,7 +19,7 @@ process::Program HookProgram(const HookEvent& event);
  */
 UniqueFd MakeArgumentFile(const HookArguments& arguments);
 
-/** The same file opened anew for reading, at its beginning. */
+/** The same file opened again for reading, at its beginning. */
 UniqueFd ReopenForReading(const UniqueFd& file);
 
 /** Waits until the process has ended; false when it is still running after the limit. */

@@ -394,7 +394,7 @@ def test_an_update_after_a_killed_move_needs_no_steps_at_all(
     mover(f'{STAGES["while copying"].format(DATABASE)}\nkill -KILL $PPID\nexec sleep 60')
     connected.run("volume", "unmounting", str(first))
     connected.list_volumes(second)  # The first is gone.
-    assert f"installed anew by the next update: {DATABASE}" in connected.run_ok("init").stdout
+    assert f"installed again by the next update: {DATABASE}" in connected.run_ok("init").stdout
     assert shown(connected) == str(second)
     connected.run_ok("update", DATABASE)
     installed.assert_installed()

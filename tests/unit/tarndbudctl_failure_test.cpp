@@ -59,7 +59,8 @@ const std::string kLock = "/run/data_update/using_geo.lock";
 INSTANTIATE_TEST_SUITE_P(Messages, FailureTableTest,
     testing::Values(Case{Message(messages::kUnknownProject, "x not supported"), Category::kUnknownDatabase,
                         kUnsupported, "x not supported; the configured"},
-        Case{Message(messages::kCannotLock, kLock), Category::kLocked, kLocked, "using_geo.lock; somebody else holds"},
+        Case{
+            Message(messages::kCannotLock, kLock), Category::kLocked, kLocked, "using_geo.lock; another process holds"},
         Case{Message(messages::kCannotLock, kLock, messages::kFullUpdate), Category::kLocked, kLocked, "a reader"},
         Case{Message(messages::kCannotLock, kLock, messages::kDiffUpdate), Category::kLocked, kLocked, "a reader"},
         Case{Message(messages::kCannotLock, kLock, messages::kForceInstall), Category::kLocked, kLocked, "a reader"},

@@ -100,7 +100,7 @@ TEST_F(MetricsCommandTest, TellsThatALaterVersionIsInstalledThanOffered) {
 	EXPECT_THAT(Run(), HasSubstr("tarndbud_above_offered{database=\"geo\"} 1\n"));
 	WriteFile("/var/lib/data_update/geo/version.json", "{}");
 	WriteFile("/var/lib/data_update/geo/replacing", "");
-	EXPECT_THAT(Run(), HasSubstr("tarndbud_above_offered{database=\"geo\"} 0\n")) << "it is installed anew";
+	EXPECT_THAT(Run(), HasSubstr("tarndbud_above_offered{database=\"geo\"} 0\n")) << "it is installed again";
 }
 
 TEST_F(MetricsCommandTest, TellsNoSizeOfFilesThatAreBeingReplaced) {

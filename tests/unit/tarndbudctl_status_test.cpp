@@ -74,7 +74,7 @@ TEST_F(StatusTest, TellsThatWhatIsUnfinishedIsInstalledAnew) {
 	EXPECT_EQ(Run({}, false), kDone);
 	EXPECT_THAT(doubles_.out.str(), HasSubstr("geo       5          5        unfinished  unknown  yes"));
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; "
-	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it anew.\n");
+	                              "\"tarndbudctl update\" or \"tarndbudctl fix\" installs it again.\n");
 }
 
 TEST_F(StatusTest, TellsSettingsThatNobodyKnows) {
@@ -117,7 +117,7 @@ TEST_F(StatusTest, NamesAFixAloneForWhatIsUnfinishedAndHeld) {
 	SetHold("geo", std::nullopt);
 	EXPECT_EQ(Run({"geo"}, false), kDone);
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The last replacement of its files was not finished; \"tarndbudctl "
-	                              "fix\" installs it anew.\n");
+	                              "fix\" installs it again.\n");
 	doubles_.err.str("");
 	SetHold("geo", 5);
 	EXPECT_EQ(Run({"geo"}, false), kDone);
@@ -174,11 +174,11 @@ TEST_F(StatusTest, NamesAnotherWayOutWhenTheVersionThatWouldRepairWasRefused) {
 	RememberRejection("geo", 5, "Refused by hook '/hooks/10': no");
 	EXPECT_EQ(Run({"geo"}, false), kDone);
 	EXPECT_THAT(doubles_.err.str(), HasSubstr("geo: The files of geo are of two versions"));
-	EXPECT_THAT(doubles_.err.str(), testing::Not(HasSubstr("installs it anew")));
+	EXPECT_THAT(doubles_.err.str(), testing::Not(HasSubstr("installs it again")));
 	doubles_.err.str("");
 	doubles_.services.find_prepared = [](auto&&...) { return std::optional(5); };
 	EXPECT_EQ(Run({"geo"}, false), kDone);
-	EXPECT_THAT(doubles_.err.str(), HasSubstr("installs it anew"));
+	EXPECT_THAT(doubles_.err.str(), HasSubstr("installs it again"));
 }
 
 TEST_F(StatusTest, TakesALaterVersionThanTheServersForAStateOfItsOwn) {

@@ -211,7 +211,7 @@ TEST_F(VolumeCommandTest, MarksWhatAnAdoptedVolumeLacks) {
 	Install(first_);
 	UseVolume("");
 	ListVolumes({second_});
-	EXPECT_THAT(Run(kVolumeMountedCommand.run, second_), HasSubstr("to be installed anew by the next update: geo\n"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, second_), HasSubstr("to be installed again by the next update: geo\n"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_EQ(RecordedFiles(), std::vector<std::string>{second_ + kFile});
 }
@@ -297,7 +297,7 @@ TEST_F(FragileRecordTest, AdoptsTheOthersWhenOneDatabaseFails) {
 			throw std::runtime_error("broken");
 		}
 	});
-	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr("installed anew by the next update: geo\n"));
+	EXPECT_THAT(Run(kVolumeMountedCommand.run, first_), HasSubstr("installed again by the next update: geo\n"));
 	EXPECT_THAT(err_.str(), HasSubstr("geo: broken."));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_FALSE(std::filesystem::exists(kSecondMark));
@@ -308,7 +308,7 @@ TEST_F(VolumeCommandTest, NamesAMalformedRecordAndAdoptsTheOthers) {
 	InstallSecond(first_);
 	WriteFile("/var/lib/data_update/geo/version.json", kMalformed);
 	UseVolume("");
-	EXPECT_THAT(Run(kInitCommand.run, ""), HasSubstr("installed anew by the next update: geo\n"));
+	EXPECT_THAT(Run(kInitCommand.run, ""), HasSubstr("installed again by the next update: geo\n"));
 	EXPECT_THAT(err_.str(), HasSubstr("geo: The record of what is installed"));
 	EXPECT_TRUE(std::filesystem::exists(kMark));
 	EXPECT_FALSE(std::filesystem::exists(kSecondMark));

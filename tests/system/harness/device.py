@@ -134,7 +134,7 @@ class Device:
         return programs.Running([programs.CTL, *arguments])
 
     def update(self, name: str) -> programs.Result:
-        """Asks the server anew and updates, which must succeed."""
+        """Asks the server again and updates, which must succeed."""
         self.forget_document()
         return self.run_ok("update", name)
 
