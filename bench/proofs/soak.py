@@ -94,9 +94,16 @@ def _lived(trial: Trial, life: Life, where: str) -> list[Row]:
         Row("Each day ends with the published files, or knows that it does not", min(life.day, days), "days", life.wrong, where, happened),
         grown("The memory of an update", "KiB", growth.memory),
         grown("The number of records", "files", growth.files),
-        grown("The size of records for each file", "bytes", growth.bytes_each),
+        grown("The size of the record of all files, for each of these,", "bytes", growth.bytes_each),
+        _bounded("All other records together stay below 4,096 bytes", growth.other_bytes, 4096),
         grown("What an update logs", "lines", growth.lines),
     ]
+
+
+def _bounded(promise: str, values: list[float], bound: float) -> Row:
+    most = max(values, default=0)
+    wrong = [f"{most:.0f} bytes"] if most >= bound else []
+    return Row(promise, len(values), "updates", wrong, extra={"bytes, most": most})
 
 
 def _upgraded(trial: Trial, upgrades: Upgrades | None, reason: str) -> Row:

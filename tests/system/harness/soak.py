@@ -33,7 +33,9 @@ class Growth:
     memory: list[float] = field(default_factory=list)
     files: list[float] = field(default_factory=list)
     bytes_each: list[float] = field(default_factory=list)
-    """Of records, for each installed file."""
+    """Of the record of all files, for each of these."""
+    other_bytes: list[float] = field(default_factory=list)
+    """Of all other records. The document is as long as the server has it."""
     lines: list[float] = field(default_factory=list)
 
 
@@ -305,5 +307,7 @@ class Life:
         self.growth.memory.append(memory)
         self.growth.files.append(len(files))
         installed = sum(path.is_file() for path in self._installed().rglob("*"))
-        self.growth.bytes_each.append(sum(path.stat().st_size for path in files) / installed)
+        sizes = {path: path.stat().st_size for path in files if path != DOCUMENT}
+        self.growth.bytes_each.append(sizes.pop(STATUS / NAME / "installed_files.json", 0) / installed)
+        self.growth.other_bytes.append(sum(sizes.values()))
         self.growth.lines.append(lines)
