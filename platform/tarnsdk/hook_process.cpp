@@ -56,7 +56,7 @@ std::vector<std::string> ArgumentVariables(const HookArguments& arguments) {
 			continue;
 		}
 		room -= size;
-		variables.push_back(key + "=" + value);
+		variables.emplace_back(key).append("=").append(value);
 	}
 	variables.push_back("TARN_HOOK_OMITTED=" + omitted);
 	return variables;
