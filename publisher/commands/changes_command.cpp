@@ -39,7 +39,7 @@ CLI::callback_t TakeCount(const std::string& name, std::size_t& count) {
 }
 
 int RunChanges(const Options& given, const Streams& streams) {
-	ChangesOptions options = given;
+	auto options = static_cast<const ChangesOptions&>(given);
 	// Only now: an unknown option's value looks like a version, and the parser has refused unknown options by now.
 	options.from = TakeVersion("FROM", given.from_word);
 	options.to = TakeVersion("TO", given.to_word);
