@@ -165,8 +165,8 @@ private:
 	void FillFile(const UniqueFd& from, const UniqueFd& to, const char* entry, const std::string& name) {
 		if (is_replaced_(name.substr(1))) {
 			RequireNoMount(from.Get(), entry, original_ + name);
-		} else {
-			RequireDone(linkat(from.Get(), entry, to.Get(), entry, 0) == 0, original_ + name);
+		} else if (linkat(from.Get(), entry, to.Get(), entry, 0) != 0) {
+			ThrowErrno(original_ + name); // Its name is made only for a failure: many files are linked.
 		}
 	}
 
