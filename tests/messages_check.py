@@ -77,7 +77,7 @@ NO_MESSAGES = {
 }
 
 # What these sources say is what pages for people say, as long as they complain of nothing.
-PAGES = re.compile(r"publisher/site/(?:\w*pages?|changes_view|plot|style)\.cpp")
+PAGES = re.compile(r"publisher/site/(?:\w*pages?|page_parts|changes_view|plot|style)\.cpp")
 COMPLAINT = re.compile(r"\b(?:throw|warn)\b")
 
 # The exit codes that rows of each category may have.

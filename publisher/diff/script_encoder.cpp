@@ -6,9 +6,9 @@
 #include "publisher/diff/file_encoder.h"
 #include "publisher/packages/device.h"
 #include "publisher/sqlite/change_writer.h"
+#include "publisher/sqlite/database_pair.h"
 #include "publisher/sqlite/rebuilt_table.h"
 #include "publisher/sqlite/sqlite_content.h"
-#include "publisher/sqlite/table_pair.h"
 #include "publisher/sqlite/virtual_tables.h"
 
 #include <filesystem>

@@ -1,5 +1,5 @@
 #include "base/text.h"
-#include "publisher/site/page.h"
+#include "publisher/site/page_parts.h"
 #include "publisher/site/pages.h"
 
 #include <boost/algorithm/string/replace.hpp>

@@ -8,7 +8,7 @@
 #include "publisher/repository/repository.h"
 #include "publisher/site/directory.h"
 #include "publisher/site/kept_changes.h"
-#include "publisher/site/page.h"
+#include "publisher/site/page_parts.h"
 #include "publisher/site/pages.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "base/text.h"
 #include "publisher/changes/changes.h"
-#include "publisher/site/page.h"
+#include "publisher/site/page_parts.h"
 #include "publisher/site/pages.h"
 
 #include <algorithm>

@@ -2,8 +2,8 @@
 #ifndef PUBLISHER_SQLITE_CHANGE_WRITER_H
 #define PUBLISHER_SQLITE_CHANGE_WRITER_H
 
+#include "publisher/sqlite/database_pair.h"
 #include "publisher/sqlite/sql_text.h"
-#include "publisher/sqlite/table_pair.h"
 #include "publisher/sqlite/table_shape.h"
 
 #include <cstdint>

@@ -3,8 +3,8 @@
 #define PUBLISHER_SQLITE_REBUILT_TABLE_H
 
 #include "publisher/sqlite/change_writer.h"
+#include "publisher/sqlite/database_pair.h"
 #include "publisher/sqlite/row_match.h"
-#include "publisher/sqlite/table_pair.h"
 
 #include <cstdint>
 #include <optional>

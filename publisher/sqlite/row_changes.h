@@ -3,7 +3,7 @@
 #define PUBLISHER_SQLITE_ROW_CHANGES_H
 
 #include "publisher/sqlite/database_changes.h"
-#include "publisher/sqlite/table_pair.h"
+#include "publisher/sqlite/database_pair.h"
 
 #include <cstddef>
 #include <string>

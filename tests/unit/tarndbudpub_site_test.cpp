@@ -5,7 +5,7 @@
 #include "publisher/site/catalogue.h"
 #include "publisher/site/directory.h"
 #include "publisher/site/markup.h"
-#include "publisher/site/page.h"
+#include "publisher/site/page_parts.h"
 #include "publisher/site/pages.h"
 #include "publisher/site/plot.h"
 #include "publisher/site/site.h"

@@ -1,4 +1,4 @@
-#include "publisher/sqlite/table_pair.h"
+#include "publisher/sqlite/database_pair.h"
 
 #include <xxhash.h>
 

@@ -1,4 +1,4 @@
-#include "publisher/site/page.h"
+#include "publisher/site/page_parts.h"
 
 #include "base/text.h"
 #include "publisher/changes/changes.h"

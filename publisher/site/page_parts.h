@@ -1,6 +1,6 @@
 /** @file What all pages have, and the parts that several pages are made of. */
-#ifndef PUBLISHER_SITE_PAGE_H
-#define PUBLISHER_SITE_PAGE_H
+#ifndef PUBLISHER_SITE_PAGE_PARTS_H
+#define PUBLISHER_SITE_PAGE_PARTS_H
 
 #include "publisher/site/catalogue.h"
 #include "publisher/site/markup.h"

@@ -1,6 +1,6 @@
 /** @file Rows as two versions of a database hold them. */
-#ifndef PUBLISHER_SQLITE_TABLE_PAIR_H
-#define PUBLISHER_SQLITE_TABLE_PAIR_H
+#ifndef PUBLISHER_SQLITE_DATABASE_PAIR_H
+#define PUBLISHER_SQLITE_DATABASE_PAIR_H
 
 #include "publisher/sqlite/row_match.h"
 #include "publisher/sqlite/sql_text.h"
