@@ -1,6 +1,5 @@
 #include "base/file_io.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/installation.h"
 #include "dataupdate/interruption.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"
@@ -12,12 +11,8 @@
 #include "host/library/services.h"
 #include "host/library/volume_content.h"
 
-#include <syslog.h>
-
-#include <algorithm>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace tarn::ctl {
 
@@ -81,19 +76,6 @@ void RemoveLeftFiles(const Services& services) {
 	}
 }
 
-/** Whatever is in it was left, unless an update runs, or a replacement is to be finished from it. */
-void ClearTemporaryArea(const Services& services, const std::string& volume) {
-	try {
-		const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, 0);
-		const std::vector<std::string> ids = services.config->GetDatabaseIDs();
-		if (std::none_of(ids.begin(), ids.end(), dataupdate::MayBeAMixture)) {
-			services.io->RmRf(dataupdate::TempDirPath(volume));
-		}
-	} catch (const dataupdate::UpdateError& error) {
-		syslog(LOG_INFO, "The temporary area of %s was not cleared: %s", volume.c_str(), error.what());
-	}
-}
-
 ExitCode Run(const Services& services, const Options& options) {
 	TellUnknownSettings(services);
 	PrepareForReaders(services);
@@ -102,7 +84,7 @@ ExitCode Run(const Services& services, const Options& options) {
 	const std::string missing = services.config->GetCurVolume().empty() ? AdoptVolume(services, object) : "";
 	const std::string volume = services.config->GetCurVolume();
 	RequireSafeVolume(volume);
-	ClearTemporaryArea(services, volume);
+	ClearTemporaryArea(services);
 	object["volume"] = volume;
 	Answer(services, options, "The databases are on " + volume + ".\n" + missing, object);
 	return kDone;

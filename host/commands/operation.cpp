@@ -1,5 +1,6 @@
 #include "host/commands/operation.h"
 
+#include "host/library/preparation.h"
 #include "host/library/run_record.h"
 
 #include <filesystem>
@@ -14,6 +15,7 @@ ExitCode RunOperation(const Services& services, Report& report, const std::strin
 			report.Tell(finished, "finished the update to version " + std::to_string(version) + " that was killed",
 			    MakeResult("finished", version));
 		});
+		ClearTemporaryArea(services);
 		return work();
 	});
 }

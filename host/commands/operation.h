@@ -14,8 +14,8 @@
 namespace tarn::ctl {
 
 /**
- * Finishes the replacements that were killed, of whichever database, and reports them; then does the work. Records how
- * all that went as RunRecorded() does.
+ * Finishes the replacements that were killed, of whichever database, and reports them; clears the temporary area of
+ * what killed runs left; then does the work. Records how all that went as RunRecorded() does.
  */
 ExitCode RunOperation(const Services& services, Report& report, const std::string& id, const char* operation,
     const std::function<ExitCode()>& work);

@@ -3,15 +3,20 @@
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/volume_safety.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/paths.h"
+#include "dataupdate/update_error.h"
 #include "host/library/failure.h"
 
 #include <tarnsdk/volume.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +25,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace tarn::ctl {
 
@@ -157,6 +163,22 @@ void RequireSafePlaces(const Services& services, const std::string& id) {
 		RequireSafeVolume(volume);
 	}
 	Require(FindUnsafePlace(services.config->GetDatabaseConfig(id)->GetInstallPrefix()));
+}
+
+void ClearTemporaryArea(const Services& services) {
+	const std::string volume = services.config->GetCurVolume();
+	if (volume.empty() || !VolumeProblem(volume).empty()) {
+		return;
+	}
+	try {
+		const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, 0);
+		const std::vector<std::string> ids = services.config->GetDatabaseIDs();
+		if (std::none_of(ids.begin(), ids.end(), dataupdate::MayBeAMixture)) {
+			services.io->RmRf(dataupdate::TempDirPath(volume));
+		}
+	} catch (const dataupdate::UpdateError& error) {
+		syslog(LOG_INFO, "The temporary area of %s was not cleared: %s", volume.c_str(), error.what());
+	}
 }
 
 void RequireVolume(const Services& services) {

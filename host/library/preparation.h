@@ -1,4 +1,4 @@
-/** @file What must be in order before anything is done: lock files, and where data lies; why a volume gets none. */
+/** @file What must be in order before anything is done: lock files, the temporary area, where data lies. */
 #ifndef HOST_LIBRARY_PREPARATION_H
 #define HOST_LIBRARY_PREPARATION_H
 
@@ -31,6 +31,13 @@ void RequireSafeVolume(const std::string& volume);
  * what is safe then stays safe, because only root could change it.
  */
 void RequireSafePlaces(const Services& services, const std::string& id);
+
+/**
+ * Removes what killed runs left in the temporary area of the volume in use, when there is a volume and it is safe: not
+ * while an update runs, and not while a replacement is to be finished from the area. A failure is logged only, because
+ * nothing in the area is used again.
+ */
+void ClearTemporaryArea(const Services& services);
 
 /** Throws the failure of having no volume when there is none. */
 void RequireVolume(const Services& services);

@@ -26,6 +26,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_schedule_test.cpp
 	tarndbudctl_settings_test.cpp
 	tarndbudctl_status_test.cpp
+	tarndbudctl_temporary_area_test.cpp
 	tarndbudctl_text_test.cpp
 	tarndbudctl_update_test.cpp
 	tarndbudctl_volume_test.cpp

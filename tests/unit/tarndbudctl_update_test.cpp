@@ -158,6 +158,7 @@ TEST_F(UpdateCommandTest, DoesNotTakeAnUpdateThatStoppedForSuccess) {
 	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return("/volume1"))
+	    .WillOnce(testing::Return("/volume1"))
 	    .WillOnce(testing::Return(""))
 	    .WillRepeatedly(testing::Return("/volume1"));
 	EXPECT_CALL(*doubles_.updater, Update).Times(0);

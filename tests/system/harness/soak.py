@@ -228,7 +228,7 @@ class Life:
         if self._is_away() or self._is_held():
             self._judge_state()
         else:
-            self._judge_newest(result, installed=self._recorded() != before)
+            self._judge_newest(result)
             if self._recorded() != before:
                 self._measure(memory, self._logged() - logged)
 
@@ -286,8 +286,7 @@ class Life:
         if not self._is_marked() and kept.content(self._installed()) != self.releases.contents[self._recorded()]:
             self._say_wrong(f"what is installed is not version {self._recorded()}, which is recorded")
 
-    def _judge_newest(self, result: programs.Result, installed: bool = True) -> None:
-        """What a killed run left on a volume stays until something is installed there, also while that is away."""
+    def _judge_newest(self, result: programs.Result) -> None:
         offered = self.releases.offered
         if result.status != 0:
             self._say_wrong(result)
@@ -295,7 +294,7 @@ class Life:
             self._say_wrong(f"version {self._recorded()} is recorded after an update to {offered}")
         self._judge_state()
         temporary = self.volume / "@tmp/data_update"
-        if installed and temporary.exists() and any(temporary.iterdir()):
+        if temporary.exists() and any(temporary.iterdir()):
             self._say_wrong(f"left behind: {list(temporary.iterdir())}")
         if self.day % 7 == 0:
             self._control("check", NAME)
