@@ -147,7 +147,7 @@ def figures(results: dict[str, Record]) -> str:
     wrong = sum(len(row["wrong"]) for result in results.values() for row in result["rows"])
     days = results["soak"]["rows"][0]["tried"] if "soak" in results else 0
     return (
-        f"[Proof](docs/proof.md): {tried('power', 'power cuts')} power cuts, {tried('faults', 'faults')} system calls that failed or were the last, "
+        f"[Proof](docs/proof.md): {tried('power', 'power cuts')} power cuts, {tried('faults', 'faults')} system calls that failed or at which the process was killed, "
         f"and {number(days)} days of a device's life broke a promise {number(wrong)} times.\n"
     )
 

@@ -58,7 +58,10 @@ public:
 	 */
 	[[nodiscard]] std::map<std::string, ModifyInfo> CheckedChanges() const;
 
-	/** InstallChanges() in the install directory, with CheckedChanges(). */
+	/**
+	 * InstallChanges() in the install directory, with CheckedChanges(). For the publisher's proof, which has no
+	 * readers; devices install through StagedChanges.
+	 */
 	void Install(const std::map<std::string, ModifyInfo>& changes) const;
 
 private:

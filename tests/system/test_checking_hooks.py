@@ -66,7 +66,7 @@ class Checked:
         return {str(path.relative_to(installed)): trees.digest(path) for path in installed.rglob("*") if path.is_file()}
 
     def leftovers(self) -> list[Path]:
-        return list(self.device.temporary().glob("*")) if self.device.temporary().exists() else []
+        return self.device.left_behind()
 
 
 @pytest.fixture

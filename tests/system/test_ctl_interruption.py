@@ -26,7 +26,7 @@ def children(pid: int) -> list[int]:
 def assert_nothing_left(device: Device) -> None:
     for name in LOCKS:
         assert not device.is_locked(name), name
-    assert not device.temporary().exists() or list(device.temporary().iterdir()) == []
+    assert device.left_behind() == []
 
 
 def install(device: Device, publisher: Publisher, tree: Path) -> None:

@@ -52,7 +52,7 @@ class Refusal:
         assert self._nginx.packages() == ["v1", "d2", "v2"]
         trees.assert_holds(self._device.installed(DATABASE), NEW)
         self._device.run_ok("check", DATABASE)
-        assert list(self._device.temporary().iterdir()) == []
+        assert self._device.left_behind() == []
         reasons = self._syslog.refusals()[self._before :]
         assert len(reasons) == 1, reasons
         assert re.search(reason, reasons[0]), reasons[0]

@@ -66,7 +66,7 @@ class Offer:
         assert device.version(DATABASE) == 2, what
         assert not device.mark(DATABASE).exists(), what
         assert not device.plan(DATABASE).exists(), what
-        assert not device.temporary().exists() or list(device.temporary().iterdir()) == [], what
+        assert device.left_behind() == [], what
         device.run_ok("check", DATABASE)
         device.run_ok("read", DATABASE, "--", "true")
 

@@ -68,7 +68,7 @@ def assert_failed(device: Device, link: str, reason: str, patience: float = 60) 
     assert reason in result.stderr
     assert result.seconds < patience
     assert device.version(DATABASE) == 2
-    assert list(device.temporary().iterdir()) == []
+    assert device.left_behind() == []
     device.run_ok("check", DATABASE)
 
 
@@ -195,7 +195,7 @@ def test_a_package_without_end_leaves_a_twentieth_of_the_disk(
     # A file system's own records take some of it.
     assert least > capacity / 20 - MIB / 4
     assert least < capacity / 4, "the package came close to the limit, or this test shows nothing"
-    assert list(offered.temporary().iterdir()) == []
+    assert offered.left_behind() == []
     assert_recovers(offered, publisher, faults, tmp_path)
 
 
@@ -214,7 +214,7 @@ def test_a_bad_diff_package_is_given_up_for_the_full_one(
         reason = f"it is larger than announced ({announced + 65536} bytes)"
     told = [text for priority, text in syslog.lines() if priority == 4 and "the download of" in text]
     assert [text.partition("tarncore: ")[2] for text in told] == [f"the download of '{link}' was ended: {reason}"]
-    assert list(offered.temporary().iterdir()) == []
+    assert offered.left_behind() == []
 
 
 @pytest.fixture

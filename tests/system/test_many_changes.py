@@ -65,7 +65,7 @@ def assert_second(device: Device) -> None:
     assert device.version(DATABASE) == 2
     device.run_ok("check", DATABASE)
     assert not device.mark(DATABASE).exists()
-    assert not device.temporary().exists() or list(device.temporary().iterdir()) == []
+    assert device.left_behind() == []
 
 
 @needs_tracing

@@ -91,7 +91,7 @@ def assert_installed(device: Device, version: int) -> None:
     assert device.version(DATABASE) == version
     trees.assert_holds(device.installed(DATABASE), VERSIONS[version - 1])
     assert not device.mark(DATABASE).exists()
-    assert not device.temporary().exists() or list(device.temporary().iterdir()) == []
+    assert device.left_behind() == []
     device.run_ok("check", DATABASE)
 
 
@@ -386,7 +386,7 @@ def test_a_read_only_medium_is_enough_and_a_full_volume_is_told(
     result = bring(kit)
     assert result.status == 1, str(result)
     assert "Disk space is too low" in result.stderr, str(result)
-    assert not device.temporary().exists() or list(device.temporary().iterdir()) == []
+    assert device.left_behind() == []
     assert device.version(DATABASE) is None
     device.volume = roomy
     device.configure()

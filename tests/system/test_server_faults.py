@@ -74,7 +74,7 @@ def test_a_package_that_does_not_arrive_is_a_failure_that_names_the_link(
     result = installed.run("update", DATABASE)
     assert_plain_sentence(result)
     assert broken in result.stderr
-    assert list(installed.temporary().iterdir()) == []
+    assert installed.left_behind() == []
     assert_first_version_stays(installed, tmp_path)
     publisher.link_to(DATABASE, sound)
     assert_recovers(installed, faults, tmp_path)

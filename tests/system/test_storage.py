@@ -22,7 +22,7 @@ def assert_not_updated(device: Device, installed: Path) -> str:
     assert len(result.stderr.splitlines()) == 1
     trees.assert_same(installed, device.installed(DATABASE))
     assert device.version(DATABASE) == 1
-    assert list(device.temporary().iterdir()) == []
+    assert device.left_behind() == []
     return result.stderr
 
 
@@ -44,7 +44,7 @@ def test_databases_live_on_every_kind_of_volume(
         connected.run_ok("update", DATABASE)
         trees.assert_same(tree, connected.installed(DATABASE))
     connected.run_ok("check", DATABASE)
-    assert list(connected.temporary().iterdir()) == []
+    assert connected.left_behind() == []
 
 
 def test_too_little_space_is_said_and_the_installed_copy_stays(

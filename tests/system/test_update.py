@@ -66,7 +66,7 @@ def test_the_digest_of_every_installed_file_is_recorded(
 
 
 def test_an_update_leaves_no_temporary_data(updated: Device) -> None:
-    assert list(updated.temporary().iterdir()) == []
+    assert updated.left_behind() == []
 
 
 def test_a_database_on_the_root_file_system_is_installed_below_var_db(

@@ -120,6 +120,10 @@ class Device:
         assert self.volume is not None
         return self.volume / "@tmp/data_update"
 
+    def left_behind(self) -> list[Path]:
+        """What lies in the temporary area, whether or not the area is there."""
+        return list(self.temporary().glob("*"))
+
     def working_copy(self, name: str, file: str) -> Path:
         """Where patches are applied to a file of a database before it is installed."""
         return self.temporary() / f"{name}_sum" / file.replace("/", "_").replace(".", "_")

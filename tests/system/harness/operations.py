@@ -128,7 +128,7 @@ class Operation:
         # Where just the tidying met the fault, the next replacement tidies. A plan without a mark is none.
         if result.status != 0:
             assert not device.plan(DATABASE).exists(), "still planned"
-            left = list(device.temporary().iterdir()) if device.temporary().exists() else []
+            left = device.left_behind()
             assert left == [], f"left in the temporary area: {left}"
 
     def assert_checked(self, result: programs.Result) -> None:
