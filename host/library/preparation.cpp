@@ -167,7 +167,7 @@ void RequireSafePlaces(const Services& services, const std::string& id) {
 
 void ClearTemporaryArea(const Services& services) {
 	const std::string volume = services.config->GetCurVolume();
-	if (volume.empty() || !VolumeProblem(volume).empty()) {
+	if (volume.empty() || !services.is_available(volume) || !VolumeProblem(volume).empty()) {
 		return;
 	}
 	try {

@@ -69,6 +69,12 @@ TEST_F(TemporaryAreaTest, StaysWhileAnUpdateUsesIt) {
 	EXPECT_TRUE(IsLeft(first_));
 }
 
+TEST_F(TemporaryAreaTest, StaysBelowTheMountPointOfAVolumeThatIsAway) {
+	ListVolumes({second_});
+	ClearTemporaryArea(services_);
+	EXPECT_TRUE(IsLeft(first_));
+}
+
 /** Whoever can write there could have had anything removed. */
 TEST_F(TemporaryAreaTest, StaysOnAVolumeThatOthersCanWrite) {
 	std::filesystem::permissions(first_ + "/@tmp", std::filesystem::perms::all);
