@@ -1,6 +1,7 @@
 #include "dataupdate/updater.h"
 
 #include "dataupdate/hook.h"
+#include "dataupdate/installation.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/internal/digests_ahead.h"
 #include "dataupdate/internal/early_digests.h"
@@ -8,9 +9,11 @@
 #include "dataupdate/internal/log.h"
 #include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/planned_strategy.h"
+#include "dataupdate/internal/replacement_plan.h"
 #include "dataupdate/internal/validation.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update_error.h"
+#include "dataupdate/utils.h"
 
 #include <future>
 #include <memory>
@@ -110,16 +113,40 @@ FileList CalculateDigests(FileList files, const std::string& root, EarlyDigests&
 	return result;
 }
 
+/**
+ * A later run finishes a replacement that failed, from what was prepared, unless the disk did not take that: the system
+ * tells so once, and reads afterwards as if all had been written.
+ */
+void KeepPlanIfOnDisk(const std::string& id, const std::string& install_prefix) noexcept {
+	try {
+		if (MayBeAMixture(id)) {
+			SyncFileSystem(install_prefix);
+		}
+	} catch (const std::exception&) {
+		RemovePlan(id);
+	}
+}
+
 /** Installs what was prepared, and removes the temporary data; returns what was changed, with the new digests. */
 FileList Install(const std::string& id, Prepared prepared, const std::string& install_prefix,
     const std::function<void()>& announce) {
-	InstallBetweenHooks(id, prepared, announce);
+	try {
+		InstallBetweenHooks(id, prepared, announce);
+	} catch (...) {
+		KeepPlanIfOnDisk(id, install_prefix);
+		throw;
+	}
 	const InterruptionShield shield;
 	FileList files = prepared.list_files();
 	std::future<void> synced = BeginToSyncInstalled(install_prefix);
 	prepared.strategy.reset(); // with its temporary data
 	files = CalculateDigests(std::move(files), install_prefix, *prepared.digests);
-	synced.get();
+	try {
+		synced.get();
+	} catch (...) {
+		RemovePlan(id); // As KeepPlanIfOnDisk() does.
+		throw;
+	}
 	return files;
 }
 

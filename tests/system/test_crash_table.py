@@ -12,7 +12,7 @@ from harness.syslog import Syslog
 
 STEPS = (
     "document download", "package download", "signature check", "unpack", "space check", "patch", "script", "creation",
-    "deletion", "hook before", "lock", "exchange", "record", "hook after", "tidy",
+    "deletion", "hook before", "lock", "exchange", "sync", "record", "hook after", "tidy",
 )  # fmt: skip
 
 pytestmark = pytest.mark.skipif(not call_faults.is_possible(), reason="other programs cannot be traced here")

@@ -25,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kMark[] = "/var/lib/data_update/geo/replacing";
+constexpr char kPlan[] = "/var/lib/data_update/geo/replacement";
 constexpr char kRecord[] = "/var/lib/data_update/geo/version.json";
 
 class ReplacementScopeTest : public test::FixedPathsTest {
@@ -127,6 +128,16 @@ protected:
 		WriteFile(kRecord, "{old}");
 	}
 	std::string Installed(const std::string& name) const { return directory_ / ("volume/db/geo/" + name); }
+	/** Of a full package, once the mark is there. */
+	void FailWhileReplacing() {
+		packages_.by_link.erase("http://h/4");
+		system_.on_call = [this](const std::string& call) {
+			if (call == "renameat2" && fs::exists(kMark)) {
+				system_.Fail("renameat2", EIO, 1000);
+				system_.Fail("linkat", EIO, 1000);
+			}
+		};
+	}
 	void ExpectDone() const {
 		EXPECT_FALSE(fs::exists(kMark));
 		EXPECT_EQ(ReadFile(kRecord), "{new}");
@@ -160,6 +171,21 @@ TEST_F(MarkedReplacementTest, OfAFixEndsByItsRecord) {
 	installed_ = -1;
 	update_.FixProject("geo");
 	ExpectDone();
+}
+
+TEST_F(MarkedReplacementTest, ThatFailedIsFinishedLaterFromWhatIsOnTheDisk) {
+	FailWhileReplacing();
+	EXPECT_THROW(update_.UpdateProject("geo"), UpdateError);
+	EXPECT_TRUE(fs::exists(kMark));
+	EXPECT_TRUE(fs::exists(kPlan));
+}
+
+TEST_F(MarkedReplacementTest, ThatFailedIsNotFinishedFromWhatTheDiskDidNotTake) {
+	FailWhileReplacing();
+	system_.Fail("syncfs", EIO);
+	EXPECT_THROW(update_.UpdateProject("geo"), UpdateError);
+	EXPECT_TRUE(fs::exists(kMark));
+	EXPECT_FALSE(fs::exists(kPlan));
 }
 
 TEST_F(MarkedReplacementTest, OfAForcedInstallationEndsByItsRecord) {

@@ -221,6 +221,8 @@ TEST_F(UpdateProjectTest, RecordsNothingThatIsNotOnTheDisk) {
 	EXPECT_CALL(*getter_, SetDatabaseStatus).Times(0);
 	const Update update(std::make_shared<Updater>(), getter_, config_);
 	EXPECT_EQ(MessageOf([&] { update.UpdateProject("geo"); }), "Fail to sync " + Prefix() + ": Input/output error");
+	EXPECT_TRUE(fs::exists(kMark));
+	EXPECT_FALSE(fs::exists("/var/lib/data_update/geo/replacement")) << "its files may be on the disk, or not";
 }
 
 TEST_F(UpdateProjectTest, CountsAnUnfinishedReplacementAsNothingInstalled) {
