@@ -1,5 +1,6 @@
 #include "kit/writer.h"
 
+#include "base/document_limit.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/sha2.h"
@@ -78,6 +79,8 @@ void Rewrite(int fd, const std::string& table) {
 		ThrowErrno("cannot be written");
 	}
 }
+
+static_assert(kMaxDocumentSize == kLargestDocument, "a kit carries what a server may offer");
 
 } // namespace
 

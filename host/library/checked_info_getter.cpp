@@ -1,5 +1,6 @@
 #include "host/library/checked_info_getter.h"
 
+#include "base/document_limit.h"
 #include "dataupdate/messages.h"
 #include "dataupdate/paths.h"
 #include "dataupdate/update_error.h"

@@ -1,5 +1,6 @@
 #include "host/library/document_problem.h"
 
+#include "base/document_limit.h"
 #include "base/text.h"
 #include "dataupdate/update.h"
 #include "host/library/services.h"

@@ -1,5 +1,6 @@
 #include "host/library/services.h"
 
+#include "base/document_limit.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/unique_fd.h"

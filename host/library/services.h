@@ -44,9 +44,6 @@ private:
 /** Makes a database's lock file, which a restart takes away; whether it is there afterwards. */
 [[nodiscard]] bool MakeReaderLockFile(const std::string& id);
 
-/** The largest document of a server that is parsed; a parsed one takes several times its size of memory. */
-constexpr std::uintmax_t kLargestDocument = 2UL * 1024 * 1024;
-
 /**
  * Treats a server's document that is too large like one that cannot be decoded. Records, and
  * settings that other programs than ours write, are written in place, and are no documents for a moment; they are read

@@ -105,10 +105,14 @@ void ReplacingFile::Commit() {
 		Fail(path_, "put in place");
 	}
 	const fs::path directory = fs::path(path_).parent_path();
-	// The entry of a directory made just now is durable only when its own parent is.
-	for (const fs::path& changed : {directory, directory / "..", directory / ".." / ".."}) {
-		if (!SyncDirectory(changed)) {
-			Fail(changed.string(), "synced");
+	if (!SyncDirectory(directory)) {
+		Fail(directory.string(), "synced");
+	}
+	// The entry of a directory made just now is durable only when its own parent is. Where this user may not read,
+	// above the repository, somebody else made the entry.
+	for (const fs::path& parent : {directory / "..", directory / ".." / ".."}) {
+		if (!SyncDirectory(parent) && errno != EACCES) {
+			Fail(parent.string(), "synced");
 		}
 	}
 }

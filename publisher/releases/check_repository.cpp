@@ -91,6 +91,9 @@ private:
 			AddBroken("database_info/" + name, sentence);
 		}
 		for (const auto& [name, document] : listing_.documents) {
+			if (const std::string problem = SizeProblem(document.Text().size()); !problem.empty()) {
+				AddBroken("database_info/" + name, problem);
+			}
 			for (const std::string& id : document.Ids()) {
 				++result_.entries;
 				CheckEntry(name, document, id);

@@ -72,11 +72,11 @@ public:
 		    [&](std::uint64_t files, std::uint64_t bytes) { observer_.progress(files, bytes, tree_); });
 		RequireSameAsBegun(PackagePath(), package.TemporaryPath(), result_.data_version);
 		WriteDiff(package.TemporaryPath());
+		repository_.RequireRoom(options_.db_version, options_.id, NewEntry()); // Before a version is used up.
 		package.Commit();
 		CommitDiff();
 		repository_.RememberUrl(options_.url);
-		const Entry entry = {result_.data_version, fetch_time_, result_.download_link, DiffFiles()};
-		repository_.WriteEntries(options_.db_version, {{options_.id, entry}});
+		repository_.WriteEntries(options_.db_version, {{options_.id, NewEntry()}});
 		RemoveOldDiffs(repository_, options_.id, observer_);
 		return std::move(result_);
 	}
@@ -191,6 +191,8 @@ private:
 		result_.diff->oldest_base = files.begin()->first - 1;
 		return files;
 	}
+
+	Entry NewEntry() { return {result_.data_version, fetch_time_, result_.download_link, DiffFiles()}; }
 
 	const PublishOptions& options_;
 	const PublishObserver& observer_;

@@ -1,5 +1,6 @@
 #include "publisher/repository/document.h"
 
+#include "base/document_limit.h"
 #include "base/error.h"
 #include "base/file_io.h"
 #include "publisher/common/json_text.h"
@@ -79,6 +80,14 @@ std::optional<int> ParseVersion(std::string_view digits) {
 	const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), version);
 	const bool whole = result.ec == std::errc() && result.ptr == digits.data() + digits.size();
 	return whole && version >= 0 ? std::optional(version) : std::nullopt;
+}
+
+std::string SizeProblem(std::uint64_t bytes) {
+	return bytes <= kLargestDocument
+	           ? ""
+	           : "its " + std::to_string(bytes) + " bytes are more than the " + std::to_string(kLargestDocument) +
+	                 " that devices read; let its databases keep fewer diff packages "
+	                 "(--keep-diffs), or publish some of them into another document (--db-version)";
 }
 
 std::string Document::ReadText(const std::string& path) {

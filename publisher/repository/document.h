@@ -77,6 +77,9 @@ private:
 	Json::Value value_;
 };
 
+/** Why devices read no document of so many bytes, without a period; empty when they read it. */
+[[nodiscard]] std::string SizeProblem(std::uint64_t bytes);
+
 /** The number that all of a text's digits make; no value when the text holds anything else. */
 [[nodiscard]] std::optional<int> ParseVersion(std::string_view digits);
 

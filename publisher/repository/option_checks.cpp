@@ -26,6 +26,15 @@ bool IsOneLine(std::string_view text) {
 	return true;
 }
 
+/** Devices lock a database by a file that its id names, and all updates by one named "any". */
+void CheckId(const std::string& id) {
+	CheckWord("--id", id);
+	if (id == "any") {
+		throw UsageError("--id \"any\" cannot be used: on devices, the lock of a database of that name is the lock of "
+		                 "all updates.");
+	}
+}
+
 } // namespace
 
 void CheckWord(const std::string& option, const std::string& word) {
@@ -81,7 +90,7 @@ void RequireRepository(const std::string& directory) {
 }
 
 void CheckOptions(const PublishOptions& options) {
-	CheckWord("--id", options.id);
+	CheckId(options.id);
 	CheckWord("--format-version", options.format_version);
 	CheckWord("--db-version", options.db_version);
 	CheckUrl(options.url);
@@ -102,6 +111,13 @@ void CheckApart(const PublishOptions& options) {
 	if (IsBeneath(repository, tree) || IsBeneath(tree, repository)) {
 		throw PublishError("The tree " + options.tree + " and the repository " + options.repository +
 		                   " must not lie within each other.");
+	}
+	const fs::path key = fs::weakly_canonical(fs::absolute(options.key_file));
+	for (const fs::path& public_place : {tree, repository}) {
+		if (IsBeneath(key, public_place)) {
+			throw PublishError("The private key " + options.key_file + " lies in " + public_place.string() +
+			                   ", where everybody would get it; move it elsewhere.");
+		}
 	}
 }
 

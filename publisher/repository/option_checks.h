@@ -38,7 +38,10 @@ void CheckNotes(const std::string& notes);
 /** Throws UsageError when an option's value can never work. */
 void CheckOptions(const PublishOptions& options);
 
-/** Throws PublishError when tree and repository lie within each other, or the tree cannot be read. */
+/**
+ * Throws PublishError when tree and repository lie within each other, when the private key lies in one of them, or when
+ * the tree cannot be read.
+ */
 void CheckApart(const PublishOptions& options);
 
 /** Throws PublishError unless a directory is there: a missing repository is a mistyped path. */

@@ -49,6 +49,18 @@ void WriteReplacing(const std::string& path, const std::string& text) {
 	file.Commit();
 }
 
+void RequireReadable(const std::string& path, const std::string& text) {
+	if (const std::string problem = SizeProblem(text.size()); !problem.empty()) {
+		throw PublishError("The document " + path + " is left as it is: " + problem + ".");
+	}
+}
+
+void WriteDocument(const std::string& path, const Document& document) {
+	const std::string text = document.Text();
+	RequireReadable(path, text);
+	WriteReplacing(path, text);
+}
+
 } // namespace
 
 std::optional<std::string> RememberedUrlOf(const std::string& directory) {
@@ -207,14 +219,21 @@ void Repository::WriteEntries(
 	for (const auto& [id, entry] : entries) {
 		document.Put(id, entry);
 	}
-	WriteReplacing(path, document.Text());
+	WriteDocument(path, document);
+}
+
+void Repository::RequireRoom(const std::string& db_version, const std::string& id, const Entry& entry) const {
+	const std::string path = DocumentPath(db_version);
+	Document document = Exists(path) ? Document(path) : Document();
+	document.Put(id, entry);
+	RequireReadable(path, document.Text());
 }
 
 void Repository::CopyEntry(const std::string& from, const std::string& to, const std::string& id) const {
 	const std::string path = DocumentPath(to);
 	Document document = Exists(path) ? Document(path) : Document();
 	document.CopyEntry(Document(DocumentPath(from)), id);
-	WriteReplacing(path, document.Text());
+	WriteDocument(path, document);
 }
 
 void Repository::RememberUrl(const std::string& url) const {

@@ -98,6 +98,9 @@ public:
 	void WriteEntries(const std::string& db_version, const std::map<std::string, Entry>& entries,
 	    bool replaces_damaged = false) const;
 
+	/** Throws PublishError when a document with this entry would be larger than devices read. */
+	void RequireRoom(const std::string& db_version, const std::string& id, const Entry& entry) const;
+
 	/** Gives a document the entry that another one has, with all that it says; see Document::CopyEntry(). */
 	void CopyEntry(const std::string& from, const std::string& to, const std::string& id) const;
 

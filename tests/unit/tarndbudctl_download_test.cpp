@@ -1,3 +1,4 @@
+#include "base/document_limit.h"
 #include "dataupdate/paths.h"
 #include "host/library/checked_info_getter.h"
 #include "host/library/services.h"

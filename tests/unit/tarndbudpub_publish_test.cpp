@@ -1,4 +1,5 @@
 // What a repository holds after publishing, after refusals and after publishers that were killed.
+#include "base/document_limit.h"
 #include "base/unique_fd.h"
 #include "publisher/packages/package.h"
 #include "publisher_fixture.h"
@@ -85,6 +86,33 @@ TEST_F(Publishing, IsReadableByTheWebServerWhateverTheUmask) {
 	}
 }
 
+TEST_F(Publishing, NeedsNoRightToReadWhatLiesAboveTheRepository) {
+	constexpr uid_t kSomebody = 12345;
+	if (geteuid() != 0) {
+		GTEST_SKIP() << "only root can become another user";
+	}
+	const fs::path above = directory_ / "above";
+	options_.repository = above / "repo";
+	fs::create_directories(options_.repository);
+	fs::permissions(directory_.Path(), fs::perms(0755));
+	fs::permissions(above, fs::perms(0711));
+	const int given = chown(options_.repository.c_str(), kSomebody, kSomebody) |
+	                  chown(options_.key_file.c_str(), kSomebody, kSomebody);
+	if (given != 0) {
+		GTEST_SKIP() << "this namespace has one user only";
+	}
+	const pid_t child = fork();
+	if (child == 0) {
+		const bool is_other = setresgid(kSomebody, kSomebody, kSomebody) == 0 &&
+		                      setresuid(kSomebody, kSomebody, kSomebody) == 0 && access(above.c_str(), R_OK) != 0;
+		_exit(is_other && PublishError().empty() ? 0 : 1);
+	}
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(Document()["db_list"]["db"]["data_version"].asString(), "1");
+}
+
 TEST_F(Publishing, CountsVersionsUpByOne) {
 	EXPECT_EQ(Publish().data_version, 1);
 	EXPECT_EQ(Publish().data_version, 2);
@@ -146,6 +174,21 @@ TEST_F(Publishing, KeepsAllElseThatTheDocumentHolds) {
 	options_.id = "third";
 	EXPECT_EQ(Publish().data_version, 1);
 	EXPECT_EQ(Document()["db_list"].getMemberNames(), (std::vector<std::string>{"db", "other", "third"}));
+}
+
+TEST_F(Publishing, UsesUpNoVersionForADocumentThatDevicesWouldNotRead) {
+	Publish();
+	const std::string path = options_.repository + "/database_info/1";
+	Json::Value document = Document();
+	document["extra"] = std::string(kLargestDocument, 'x');
+	WriteFile(path, document.toStyledString());
+	EXPECT_THAT(PublishError(), AllOf(HasSubstr("The document " + path + " is left as it is: its 2"),
+	                                HasSubstr(" are more than the 2097152 that devices read")));
+	EXPECT_TRUE(Document() == document);
+	EXPECT_THAT(RepositoryFiles(), ElementsAre("database_info/1", "packages/db/db_v1.tarn"));
+	document["extra"] = std::string(kLargestDocument / 2, 'x');
+	WriteFile(path, document.toStyledString());
+	EXPECT_EQ(Publish().data_version, 2);
 }
 
 TEST_F(Publishing, LeavesADocumentAloneThatItCannotRead) {

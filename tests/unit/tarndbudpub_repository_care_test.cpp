@@ -1,5 +1,6 @@
 // Repositories that are pruned and checked, and the file that nginx gets for a rollout.
 #include "archive/signing_key.h"
+#include "base/document_limit.h"
 #include "diff_fixture.h"
 #include "publisher/commands/command_line.h"
 #include "publisher/common/publish_error.h"
@@ -256,6 +257,12 @@ TEST_F(CheckingRepository, FindsDocumentsThatCannotBeRead) {
 	fs::remove(options_.repository + "/database_info/2");
 	ChangeEntry([](Json::Value& entry) { entry["data_version"] = 2; });
 	EXPECT_THAT(Problems(), ElementsAre(HasSubstr("broken: database_info/1, db: The document ")));
+	ChangeEntry([](Json::Value& entry) {
+		entry["data_version"] = "2";
+		entry["note"] = std::string(kLargestDocument, 'x');
+	});
+	EXPECT_THAT(Problems(), ElementsAre(AllOf(HasSubstr("broken: database_info/1: its 2"),
+	                            HasSubstr(" are more than the 2097152 that devices read"))));
 	fs::remove_all(options_.repository + "/database_info");
 	EXPECT_THAT(
 	    Problems(), ElementsAre("broken: database_info: there is no document",

@@ -234,6 +234,22 @@ TEST_F(PublishedTree, LiesApartFromTheRepository) {
 	EXPECT_EQ(PublishError(), "");
 }
 
+TEST_F(PublishedTree, LeavesThePrivateKeyOut) {
+	const std::string key = options_.key_file;
+	Put("a");
+	fs::create_directories(options_.repository);
+	for (const std::string& place : {options_.tree, options_.repository}) {
+		fs::create_directories(place + "/keys");
+		options_.key_file = place + "/keys/release.key";
+		fs::copy(key, options_.key_file);
+		EXPECT_THAT(PublishError(), HasSubstr("The private key " + options_.key_file + " lies in " + place));
+		EXPECT_THAT(RepositoryFiles(), Not(Contains(StartsWith("packages/"))));
+		fs::remove_all(place + "/keys");
+	}
+	options_.key_file = key;
+	EXPECT_EQ(PublishError(), "");
+}
+
 } // namespace
 
 } // namespace tarn::test
