@@ -134,6 +134,15 @@ bool IsMountPoint(const std::string& path) {
 	return stat(path.c_str(), &own) == 0 && stat((path + "/..").c_str(), &parent) == 0 && own.st_dev != parent.st_dev;
 }
 
+/** Whether a replacement can be finished from the volume, also of a database that is held and waits. */
+bool IsAnyPrepared(const Services& services, const std::string& volume) {
+	const std::vector<std::string> ids = services.config->GetDatabaseIDs();
+	return services.find_prepared && std::any_of(ids.begin(), ids.end(), [&](const std::string& id) {
+		return services.find_prepared(id, volume, services.config->GetDatabaseConfig(id)->GetInstallPrefix())
+		    .has_value();
+	});
+}
+
 } // namespace
 
 void PrepareLockFiles(const Services& services) {
@@ -166,18 +175,17 @@ void RequireSafePlaces(const Services& services, const std::string& id) {
 }
 
 void ClearTemporaryArea(const Services& services) {
-	const std::string volume = services.config->GetCurVolume();
-	if (volume.empty() || !services.is_available(volume) || !VolumeProblem(volume).empty()) {
-		return;
-	}
 	try {
-		const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, 0);
-		const std::vector<std::string> ids = services.config->GetDatabaseIDs();
-		if (std::none_of(ids.begin(), ids.end(), dataupdate::MayBeAMixture)) {
+		const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, 0); // None is unmounted meanwhile, either.
+		const std::string volume = services.config->GetCurVolume();
+		if (volume.empty() || !services.is_available(volume) || !VolumeProblem(volume).empty()) {
+			return;
+		}
+		if (!IsAnyPrepared(services, volume)) {
 			services.io->RmRf(dataupdate::TempDirPath(volume));
 		}
 	} catch (const dataupdate::UpdateError& error) {
-		syslog(LOG_INFO, "The temporary area of %s was not cleared: %s", volume.c_str(), error.what());
+		syslog(LOG_INFO, "The temporary area was not cleared: %s", error.what());
 	}
 }
 

@@ -34,7 +34,7 @@ void RequireSafePlaces(const Services& services, const std::string& id);
 
 /**
  * Removes what killed runs left in the temporary area of the volume in use, when that is mounted and safe: not while
- * an update runs, and not while a replacement is to be finished from the area. A failure is logged only, because
+ * an update runs, and not while a replacement can be finished from the area. A failure is logged only, because
  * nothing in the area is used again.
  */
 void ClearTemporaryArea(const Services& services);

@@ -120,12 +120,13 @@ public:
 		try {
 			preparation_.target = VolumeHandler::FindSuitableVolume(std::move(exclude));
 			RequireSafeVolume(preparation_.target);
-			preparation_.before = ContentBelow(MainDirPath(volume_));
-			const std::optional<Content> there = ContentBelow(MainDirPath(preparation_.target));
-			preparation_.target_is_free = there && there->IsEmpty();
 			preparation_.marked = MarkInstalled(services_);
 			preparation_.hook.emplace(volume_, preparation_.target);
 			preparation_.hook->Exec(TLIB_PLUGIN_ACTION_PRE);
+			// After the hook, in which services close their files: SQLite removes journals then.
+			preparation_.before = ContentBelow(MainDirPath(volume_));
+			const std::optional<Content> there = ContentBelow(MainDirPath(preparation_.target));
+			preparation_.target_is_free = there && there->IsEmpty();
 			preparation_.output.emplace();
 		} catch (const std::exception& error) {
 			if (CategoryOf(error.what()) != Category::kNoSuitableVolume) {

@@ -178,7 +178,7 @@ def test_databases_stay_on_a_volume_that_goes_without_another_and_come_back_with
         volumes.make("ext4", 16 * MIB)
         connected.add_database(DATABASE, reserve=20 * MIB)
     before = state(volume)
-    assert answer(connected, "unmounting", volume) == {"result": "given up", "volume": None}
+    assert answer(connected, "unmounting", volume) == {"result": "stayed", "volume": None}
     assert state(volume) == before
     volumes.unmount(volume)
     databases.publish_next()
@@ -205,7 +205,10 @@ def test_a_target_that_is_too_small_on_the_way_leaves_the_databases_where_they_w
     before = state(first / MAIN)
     free = os.statvfs(small).f_bavail
     ran = tmp_path / "ran"
-    hook = connected.add_hook("10-fails", f"#!/bin/sh\necho $1 >> {ran}\nexit 1\n", path=HOOKS_OF_MOVES)
+    journal = first / MAIN / DATABASE / "open.sqlite-wal"  # As a service has it that keeps a database open.
+    journal.write_bytes(b"journal")
+    script = f"#!/bin/sh\necho $1 >> {ran}\nrm {journal}\nexit 1\n"
+    hook = connected.add_hook("10-fails", script, path=HOOKS_OF_MOVES)
     told = assert_refused(connected, "volume", "unmounting", first)
     hook.unlink()
     assert ran.read_text().split() == ["pre"], "after a move that failed no hook runs"
@@ -214,7 +217,9 @@ def test_a_target_that_is_too_small_on_the_way_leaves_the_databases_where_they_w
     hidden = re.search(r"(\d+) more lines of mv are not shown", told)
     assert hidden is not None
     assert int(hidden.group(1)) > 100
-    assert state(first / MAIN) == before
+    after = state(first / MAIN)
+    del before[DATABASE], after[DATABASE]  # The directory's time tells that the journal came and went.
+    assert after == before
     assert not (small / MAIN).exists()
     assert os.statvfs(small).f_bavail >= free - 2
     volumes.unmount(first)

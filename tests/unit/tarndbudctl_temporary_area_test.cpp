@@ -57,10 +57,18 @@ TEST_F(TemporaryAreaTest, StaysOnAVolumeThatIsNotInUse) {
 	EXPECT_TRUE(IsLeft(second_));
 }
 
-TEST_F(TemporaryAreaTest, StaysWhileAReplacementIsToBeFinishedFromIt) {
-	WriteFile("/var/lib/data_update/geo/replacing", "");
+TEST_F(TemporaryAreaTest, StaysWhileAReplacementCanBeFinishedFromIt) {
+	services_.find_prepared = [this](const std::string& id, const std::string& volume, const std::string&) {
+		return id == "geo" && volume == first_ ? std::optional(5) : std::nullopt;
+	};
 	ClearTemporaryArea(services_);
 	EXPECT_TRUE(IsLeft(first_));
+}
+
+TEST_F(TemporaryAreaTest, IsClearedAfterAReplacementThatCannotBeFinished) {
+	WriteFile("/var/lib/data_update/geo/replacing", "");
+	ClearTemporaryArea(services_);
+	EXPECT_FALSE(IsLeft(first_)) << "the repair may need the room";
 }
 
 TEST_F(TemporaryAreaTest, StaysWhileAnUpdateUsesIt) {
