@@ -19,7 +19,7 @@ constexpr unsigned long kLongestWait = 100UL * 365 * 24 * 3600;
  *
  * Two objects exclude each other in one process as well. The lock file and its directories are created when missing
  * and never removed: a holder of the removed file and a holder of its successor would both think themselves alone. A
- * process that dies releases its lock, and no child inherits one.
+ * process that dies releases its lock, unless a child that it forked lives on; no program that it executes has one.
  */
 class TARNDBUD_EXPORT FileLock {
 public:

@@ -103,7 +103,9 @@ void FullStrategy::ApplyUpdate() {
 		is_staged_ ? staged.ClearInstalled() : RemoveEntries(install_directory_);
 		if (!is_staged_ || !staged.MoveIn()) {
 			CleanTmpData(staged.Path());
-			_PlaceFiles(install_directory_, InstallRegularFile);
+			// A file that is moved or linked does not get what its directory hands down.
+			_PlaceFiles(
+			    install_directory_, HandsAttributesDown(install_directory_) ? CopyRegularFile : InstallRegularFile);
 		}
 	} catch (const std::exception& error) {
 		throw UpdateError(std::string(messages::kFullUpdate) + error.what());

@@ -253,6 +253,7 @@ TEST_F(FullStrategyTest, InstallsFileByFileWhereFilesGetTheirGroupFromTheDirecto
 	EXPECT_FALSE(fs::exists(Temp("geo_staged")));
 	strategy.ApplyUpdate();
 	EXPECT_EQ(ReadFile(Installed("a")), "new");
+	EXPECT_EQ(fs::hard_link_count(Installed("a")), 1U) << "a second name would keep the group of the first";
 }
 
 TEST_F(FullStrategyTest, ClearsItsDirectoryRightBeforeItIsUsed) {
