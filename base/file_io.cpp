@@ -163,6 +163,15 @@ bool SyncFile(const std::string& path) {
 	return file ? fsync(file.Get()) == 0 : errno == ENOENT;
 }
 
+void OpenStandardStreams() {
+	for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+		if (fcntl(stream, F_GETFD) == -1) {
+			// The lowest number that is free. Without /dev/null nothing can be done.
+			[[maybe_unused]] const int opened = open("/dev/null", O_RDWR);
+		}
+	}
+}
+
 bool SyncDirectory(const std::string& path) {
 	const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 	return directory && fsync(directory.Get()) == 0;

@@ -77,6 +77,12 @@ private:
 	std::string name_;
 };
 
+/**
+ * Opens /dev/null for each of the streams 0 to 2 that is closed; to be called first of all. A file that is opened later
+ * would else become such a stream, and get what is said on it.
+ */
+void OpenStandardStreams();
+
 /** Makes a file that is not there yet, open for reading and writing; an object without a descriptor, with errno set,
  * when that fails. */
 [[nodiscard]] Draft CreateDraft(const std::string& name, mode_t mode);

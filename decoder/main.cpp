@@ -1,3 +1,4 @@
+#include "base/file_io.h"
 #include "decoder/decode.h"
 
 #include <CLI/CLI.hpp>
@@ -82,6 +83,7 @@ ExitCode RunCommandLine(int argc, const char* const* argv) {
 } // namespace tarn::decoder
 
 int main(int argc, char** argv) {
+	tarn::OpenStandardStreams();
 	try {
 		// A file that outgrows the process's limit is then a failed write, which is told, instead of a silent end.
 		std::signal(SIGXFSZ, SIG_IGN);

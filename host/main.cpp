@@ -1,3 +1,4 @@
+#include "base/file_io.h"
 #include "host/commands/commands.h"
 #include "host/library/process.h"
 #include "host/program.h"
@@ -10,6 +11,7 @@
 
 int main(int argc, char** argv) {
 	using namespace tarn::ctl;
+	tarn::OpenStandardStreams();
 	SetOwnUmask();
 	// Else the threshold follows the blocks that are freed, and lists of files, whose blocks are larger than this,
 	// would not give their memory back.

@@ -28,7 +28,8 @@ namespace {
 /** The diff packages that lead from one version to another, whose paths all have this beginning. */
 std::vector<PlannedDownload> ChainOf(const std::string& beginning, int from, int to, const Diffs& diffs) {
 	std::vector<PlannedDownload> chain;
-	for (int version = from + 1; version <= to; ++version) {
+	for (int version = from; version < to;) { // The last version has no successor.
+		++version;
 		const int bytes = std::max(diffs.at(version).file_size, 0);
 		chain.push_back({beginning + std::to_string(version), static_cast<std::uint64_t>(bytes)});
 	}

@@ -1,3 +1,4 @@
+#include "base/file_io.h"
 #include "publisher/commands/command_line.h"
 
 #include <unistd.h>
@@ -6,6 +7,7 @@
 #include <iostream>
 
 int main(int argc, char** argv) {
+	tarn::OpenStandardStreams();
 	try {
 		const std::vector<std::string> arguments(argv + 1, argv + argc);
 		return tarn::publisher::RunMirrorCommand(arguments, std::cout, std::cerr, isatty(STDERR_FILENO) == 1);

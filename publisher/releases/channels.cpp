@@ -79,7 +79,8 @@ private:
 		if (!target_) {
 			return options_.to + " does not name " + options_.id + " yet";
 		}
-		for (int version = target_->data_version + 1; version <= source_.data_version; ++version) {
+		for (int version = target_->data_version; version < source_.data_version;) { // The last has no successor.
+			++version;
 			const auto diff = source_.diff_files.find(version);
 			if (diff == source_.diff_files.end()) {
 				return "no diff package leads to version " + std::to_string(version);

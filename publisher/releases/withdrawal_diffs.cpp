@@ -157,7 +157,8 @@ void WithdrawalDiffs::Prove(int start) const {
 	const std::string directory = order_.work.Make("device");
 	static_cast<void>(order_.versions.Unpack(start, directory, order_.work));
 	std::vector<DiffStep> steps;
-	for (int version = start + 1; version <= Version(); ++version) {
+	for (int version = start; version < Version();) { // The last has no successor.
+		++version;
 		const auto own = packages_.find(version);
 		steps.push_back(
 		    {version, own == packages_.end() ? order_.chain.Find(version)->path : own->second.file.TemporaryPath()});

@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -123,6 +125,21 @@ TEST_F(WholeFileTest, TellsOfADirectoryThatCannotBeSynced) {
 	EXPECT_TRUE(SyncDirectory(directory_.Path()));
 	EXPECT_FALSE(SyncDirectory(directory_ / "missing"));
 	EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(WholeFileTest, NeverBecomesAStandardStreamThatWasClosed) {
+	const pid_t child = fork();
+	if (child == 0) {
+		for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+			close(stream);
+		}
+		OpenStandardStreams();
+		const bool is_beside = open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600) > STDERR_FILENO;
+		_exit(is_beside && write(STDOUT_FILENO, "x", 1) == 1 ? 0 : 1);
+	}
+	int status = -1;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include <syslog.h>
 
 #include <functional>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -89,6 +90,23 @@ TEST_F(UpdateCommandTest, LogsWhatAMissingDiffMeansBeforeTheLibraryComplainsOfIt
 	EXPECT_EQ(count(-1, {"geo is not installed", meaning}), 1U);
 	EXPECT_EQ(count(2, {"no diff package from version 2 to 3 of geo, on the way from 2 to 5", meaning}), 1U);
 	EXPECT_EQ(count(3, {meaning}), 0U);
+}
+
+TEST_F(UpdateCommandTest, FollowsAChainToTheLastVersion) {
+	constexpr int kLast = std::numeric_limits<int>::max();
+	doubles_.Install(kLast - 1, "geo");
+	ON_CALL(*doubles_.info, GetRemoteInfo("geo"))
+	    .WillByDefault(Return(dataupdate::RemoteInfo(kLast, 0, false, "http://x/")));
+	ON_CALL(*doubles_.info, GetDiffInfos("geo"))
+	    .WillByDefault(Return(std::map<int, dataupdate::DiffInfo>{{kLast, {"http://x/d", 1}}}));
+	EXPECT_CALL(*doubles_.updater, Update("geo", _, _, _, _, _, _)).WillOnce([this](auto&&...) {
+		doubles_.Install(kLast, "geo");
+		DatabaseStatus status;
+		status.data_version = kLast;
+		return status;
+	});
+	EXPECT_EQ(Run({"geo"}), kDone);
+	EXPECT_EQ(doubles_.out.str(), "geo: updated from version 2147483646 to version 2147483647\n");
 }
 
 TEST_F(UpdateCommandTest, TriesAllNamedDatabasesAndEndsWithTheFirstFailure) {
