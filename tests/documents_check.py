@@ -7,7 +7,8 @@ Every link of README.md, CHANGELOG.md and docs/*.md leads to a file and a headin
 the checkout that they name. The table of folders in docs/contributing.md, the drawing in docs/architecture.md and the
 includes of the sources agree about which folder sees which, without a circle; so do the table and the drawing of the
 publisher's folders, each of which sees also what those see that it names. Pictures are well-formed. Every command
-is in the list of all commands, and every setting has its type and a manual page.
+is in the list of all commands, every setting has its type and a manual page, and docs/json.md has the members that the
+commands print, and no others.
 Exit status: 0 all right, 1 not.
 """
 
@@ -19,6 +20,8 @@ from collections.abc import Collection, Iterator
 from graphlib import CycleError, TopologicalSorter
 from pathlib import Path
 from xml.etree import ElementTree
+
+import json_members
 
 FOLDERS = ("archive", "base", "dataupdate", "decoder", "host", "kit", "platform", "publisher")
 TABLE = "docs/contributing.md"
@@ -197,7 +200,7 @@ def main(arguments: list[str]) -> int:
         for fault in (*broken_links(document), *missing_paths(root, document))
     ]
     faults += [*disagreements(root), *disagreements_in_publisher(root), *bad_pictures(root)]
-    faults += [*forgotten_commands(root), *forgotten_settings(root)]
+    faults += [*forgotten_commands(root), *forgotten_settings(root), *json_members.faults(root)]
     print("\n".join([*faults, f"{len(documents(root))} documents, {len(faults)} faults"]))
     return 1 if faults else 0
 

@@ -122,6 +122,9 @@ Json::Value ToJson(const Findings& found) {
 	result["unknown_files"] = FilesToJson(found.unknown);
 	result["unfinished"] = found.is_unfinished;
 	result["record_of_all_files"] = TextOf(found.knowledge).name;
+	if (found.AreBad()) {
+		result["exit_status"] = kFixNeeded;
+	}
 	return result;
 }
 
@@ -135,9 +138,10 @@ void RequireReachable(const Services& services, const std::string& id) {
 
 void TellNotInstalled(const Services& services, Report& report, const std::string& id) {
 	Json::Value result = MakeResult("not installed", -1);
+	result["exit_status"] = kFixNeeded;
 	const std::optional<std::string> old_place = FindOldPlace(services, id, ReadRecorded(services, id));
 	if (old_place) {
-		result["installed_in"] = *old_place;
+		result["previous_dir"] = *old_place;
 	}
 	report.Tell(id, "not installed" + (old_place ? ": " + DescribeOldPlace(services, id, *old_place) : ""), result);
 }
@@ -155,7 +159,7 @@ ExitCode CheckDatabase(const Services& services, Report& report, const std::stri
 }
 
 void Declare(CLI::App& app, Options& options) {
-	DeclareDatabases(app, options, "check", "Check all databases");
+	DeclareDatabases(app, options, "check", "all of them");
 	DeclareTimeout(app, options, "Seconds to wait while a database is being replaced or its files are being recorded");
 	DeclareJsonArray(app, options);
 }
@@ -169,8 +173,7 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kCheckCommand = {"check", "Compare all installed files with their recorded digests",
-    "Without ids, and with --all, checks all databases. Uses no network and changes nothing. A database needs a fix "
-    "when\n"
+    "Without ids, checks all databases. Uses no network and changes nothing. A database needs a fix when\n"
     "files are missing, changed or unknown, when their replacement was not finished, or when it is not installed.",
     {kUnsupported, kFixNeeded, kLocked}, true, true, Declare, Run};
 

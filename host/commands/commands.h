@@ -25,7 +25,6 @@ namespace tarn::ctl {
 struct Options {
 	bool verbose = false;
 	bool json = false;
-	bool all = false;
 	bool no_wait = false;
 	bool even_unfinished = false;
 	bool even_held = false;

@@ -52,7 +52,7 @@ ExitCode Fix(const Services& services, Report& report, const std::string& id) {
 }
 
 void Declare(CLI::App& app, Options& options) {
-	DeclareDatabases(app, options, "fix", "Fix the scheduled databases");
+	DeclareDatabases(app, options, "fix", "the scheduled ones");
 	DeclareNoWait(app, options);
 	DeclareJsonArray(app, options);
 }
@@ -66,8 +66,7 @@ ExitCode Run(const Services& services, const Options& options) {
 } // namespace
 
 const Command kFixCommand = {"fix", "Reinstall databases whose files are missing, changed or unknown",
-    "Without ids, and with --all, fixes the scheduled databases in the order of their ids, up to the first "
-    "that\n"
+    "Without ids, fixes the scheduled databases in the order of their ids, up to the first that\n"
     "fails. Leaves an intact database alone. Replaces a damaged database with the server's full package. Installs a\n"
     "database that was never installed. A database that is held gets its own version again, or the server's where the\n"
     "hold allows that.",

@@ -69,20 +69,21 @@ ExitCode Run(const Services& services, const Options& options) {
 	RequireIdle(services, options);
 	const int target = Target(services, options);
 	Report report(services, options);
-	return report.Run([&] {
+	const auto force = [&](const std::string& id) {
 		Outcome outcome;
-		const ExitCode code = RunOperation(services, report, options.id, "force-install", [&] {
+		const ExitCode code = RunOperation(services, report, id, "force-install", [&] {
 			outcome = Install(services, options, target);
 			return kDone;
 		});
 		const int installed = outcome.Version();
-		report.Tell(options.id,
+		report.Tell(id,
 		    "version " + std::to_string(installed) +
 		        " was unpacked over what was there, and files of before that its package lacks stay; " +
-		        DescribeWayOn(options.id, installed) + DescribeLeftBehind(outcome),
+		        DescribeWayOn(id, installed) + DescribeLeftBehind(outcome),
 		    MakeResult("forced", installed));
 		return code;
-	});
+	};
+	return report.Run([&] { return report.RunNoted(options.id, force); });
 }
 
 } // namespace

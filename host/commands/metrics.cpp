@@ -137,7 +137,7 @@ ExitCode MeasureDatabase(
 	const Labels labels = {{"database", id}};
 	const std::optional<int> offered = OfferedVersion(document, id);
 	if (offered) {
-		metrics.Add("tarndbud_remote_version", "Data version in the server's last document.", labels, *offered);
+		metrics.Add("tarndbud_offered_version", "Data version in the server's last document.", labels, *offered);
 	}
 	MeasureLastRun(metrics, id);
 	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,

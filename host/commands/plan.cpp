@@ -60,27 +60,19 @@ Json::Value WayToJson(const UpdatePlan& plan) {
 Json::Value ToJson(const UpdatePlan& plan) {
 	Json::Value object = WayToJson(plan);
 	object["id"] = plan.id;
-	object["from"] = plan.from < 0 ? Json::Value() : Json::Value(plan.from);
-	object["to"] = plan.found.offered;
+	object["installed_version"] = plan.from < 0 ? Json::Value() : Json::Value(plan.from);
+	object["offered_version"] = plan.found.offered;
 	object["update"] = plan.is_needed || plan.finishes;
 	object["unfinished"] = plan.is_unfinished;
 	object["held"] = plan.hold.has_value();
 	if (plan.old_place) {
-		object["installed_in"] = *plan.old_place;
+		object["previous_dir"] = *plan.old_place;
 	}
 	object["readers"] = Json::UInt64{plan.readers};
 	object["updating"] = plan.is_updating;
 	if (!plan.obstacle.empty()) {
 		object["not_when_scheduled"] = plan.obstacle;
 	}
-	return object;
-}
-
-Json::Value ToJson(const std::string& id, const Failure& failure) {
-	Json::Value object(Json::objectValue);
-	object["id"] = id;
-	object["error"] = failure.sentence;
-	object["exit_status"] = failure.code;
 	return object;
 }
 
@@ -121,7 +113,7 @@ ExitCode Run(const Services& services, const Options& options) {
 		array.append(ToJson(plans.back()));
 		return kDone;
 	};
-	const auto note = [&](const std::string& id, const Failure& failure) { array.append(ToJson(id, failure)); };
+	const auto note = [&](const std::string& id, const Failure& failure) { array.append(FailureToJson(id, failure)); };
 	const ExitCode code =
 	    ForEachDatabase(services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids, make, note);
 	if (options.json) {

@@ -1,5 +1,7 @@
 #include "host/commands/report.h"
 
+#include "dataupdate/interruption.h"
+#include "host/library/failure.h"
 #include "host/library/preparation.h"
 #include "host/library/settings.h"
 #include "host/terminal/text.h"
@@ -58,6 +60,17 @@ ExitCode Report::RunNamedOrScheduled(const DatabaseOperation& operation) {
 	return options_.ids.empty() ? Run([&] { return RunScheduled(operation); }) : RunEach(options_.ids, operation);
 }
 
+ExitCode Report::RunNoted(const std::string& id, const DatabaseOperation& operation) {
+	try {
+		return operation(id);
+	} catch (...) {
+		if (!dataupdate::IsInterruptionRequested()) {
+			Note(id, ExplainException(*services_.io, id));
+		}
+		throw;
+	}
+}
+
 ExitCode Report::RunScheduled(const DatabaseOperation& operation) {
 	if (!IsAnyScheduled(services_)) {
 		if (!options_.json) {
@@ -70,7 +83,7 @@ ExitCode Report::RunScheduled(const DatabaseOperation& operation) {
 	// The library's loop ends at the first failure by throwing it.
 	const dataupdate::Update loop(nullptr, services_.info, services_.config);
 	loop.OperateAllProjects([&](const std::string& id) {
-		const ExitCode own = operation(id);
+		const ExitCode own = RunNoted(id, operation);
 		code = code == kDone ? own : code;
 	});
 	return code;
@@ -82,12 +95,7 @@ void Report::Fail(const std::string& id, const Failure& failure, const char* res
 }
 
 void Report::Note(const std::string& id, const Failure& failure, const char* result) {
-	Json::Value object(Json::objectValue);
-	object["id"] = id;
-	object["result"] = result;
-	object["error"] = failure.sentence;
-	object["exit_status"] = failure.code;
-	array_.append(std::move(object));
+	array_.append(FailureToJson(id, failure, result));
 }
 
 void Report::Print() {
@@ -96,10 +104,19 @@ void Report::Print() {
 	}
 }
 
+Json::Value FailureToJson(const std::string& id, const Failure& failure, const char* result) {
+	Json::Value object(Json::objectValue);
+	object["id"] = id;
+	object["result"] = result;
+	object["error"] = failure.sentence;
+	object["exit_status"] = failure.code;
+	return object;
+}
+
 Json::Value MakeResult(const char* result, int version) {
 	Json::Value object(Json::objectValue);
 	object["result"] = result;
-	object["version"] = version;
+	object["version"] = version == -1 ? Json::Value() : Json::Value(version);
 	return object;
 }
 
@@ -119,9 +136,8 @@ void RequireIdle(const Services& services, const Options& options) {
 	}
 }
 
-void DeclareDatabases(CLI::App& app, Options& options, const std::string& verb, const std::string& all) {
-	CLI::Option* ids = app.add_option("ID", options.ids, "Databases to " + verb);
-	app.add_flag("--all", options.all, all + " (the default)")->excludes(ids);
+void DeclareDatabases(CLI::App& app, Options& options, const std::string& verb, const std::string& others) {
+	app.add_option("ID", options.ids, "Databases to " + verb + "; without one, " + others);
 }
 
 void DeclareJsonArray(CLI::App& app, Options& options) {

@@ -23,6 +23,8 @@ public:
 	void Fail(const std::string& id, const Failure& failure, const char* result = "failed");
 	/** Does the work, and prints what was reported even if the work throws. */
 	[[nodiscard]] ExitCode Run(const std::function<ExitCode()>& work);
+	/** Runs the operation on a database; a failure is noted, and thrown all the same. */
+	[[nodiscard]] ExitCode RunNoted(const std::string& id, const DatabaseOperation& operation);
 	/** Runs the operation on each of the databases; a failure is reported and the others are tried. */
 	[[nodiscard]] ExitCode RunEach(const std::vector<std::string>& ids, const DatabaseOperation& operation);
 	/** Runs the operation on the databases that the command line names, or else on the scheduled ones. */
@@ -38,7 +40,10 @@ private:
 	Json::Value array_;
 };
 
-/** {"result": result, "version": version} */
+/** What an array tells of a database that an operation failed on. */
+Json::Value FailureToJson(const std::string& id, const Failure& failure, const char* result = "failed");
+
+/** {"result": result, "version": version}; null where the version is -1, nothing installed. */
 Json::Value MakeResult(const char* result, int version);
 
 /** Says something as text, or as a JSON object. */
@@ -51,7 +56,7 @@ void TellUnknownSettings(const Services& services);
 void RequireIdle(const Services& services, const Options& options);
 
 /** Declares the arguments of a command on some or all databases. */
-void DeclareDatabases(CLI::App& app, Options& options, const std::string& verb, const std::string& all);
+void DeclareDatabases(CLI::App& app, Options& options, const std::string& verb, const std::string& others);
 /** Declares --json for a report on each database. */
 void DeclareJsonArray(CLI::App& app, Options& options);
 /** Declares --json for an answer. */

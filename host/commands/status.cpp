@@ -26,9 +26,9 @@ constexpr std::size_t kLongestReason = 1000;
 
 void AskServer(const Services& services, StatusRow& row) {
 	try {
-		row.remote_version = services.info->GetRemoteInfo(row.id).data_version;
+		row.offered_version = services.info->GetRemoteInfo(row.id).data_version;
 	} catch (...) {
-		row.remote_error = PlainAscii(ExplainException(*services.io).sentence, kLongestReason);
+		row.offer_error = PlainAscii(ExplainException(*services.io).sentence, kLongestReason);
 	}
 }
 
@@ -103,12 +103,12 @@ StatusRow Collect(const Services& services, const std::string& id) {
 }
 
 bool OffersRefused(const StatusRow& row) {
-	return row.refused_version && row.refused_version == row.remote_version;
+	return row.refused_version && row.refused_version == row.offered_version;
 }
 
 /** No update finishes what is held, unless the hold lets the offered version pass. */
 bool MayUpdate(const StatusRow& row) {
-	return !row.held || (row.held_up_to && row.remote_version && *row.remote_version <= *row.held_up_to);
+	return !row.held || (row.held_up_to && row.offered_version && *row.offered_version <= *row.held_up_to);
 }
 
 /** What is ready is finished whatever the server offers. */
@@ -148,7 +148,7 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 	for (const StatusRow& row : rows) {
 		if (!row.updating && IsAboveOffered(row).value_or(false)) {
 			services.terminal.Complain(row.id + ": Installed " + std::to_string(*row.installed_version) +
-			                           " is above the offered " + std::to_string(*row.remote_version) +
+			                           " is above the offered " + std::to_string(*row.offered_version) +
 			                           ", so no update changes it; ask the publisher whether that is meant.");
 		}
 	}
@@ -159,8 +159,8 @@ void TellReasons(const Services& services, const std::vector<StatusRow>& rows) {
 	}
 	std::set<std::string> told;
 	for (const StatusRow& row : rows) {
-		if (!row.remote_error.empty() && told.insert(row.remote_error).second) {
-			services.terminal.Complain("The offered version is unknown. " + row.remote_error);
+		if (!row.offer_error.empty() && told.insert(row.offer_error).second) {
+			services.terminal.Complain("The offered version is unknown. " + row.offer_error);
 		}
 	}
 }
@@ -182,11 +182,14 @@ ExitCode Run(const Services& services, const Options& options) {
 		services.hurry();
 	}
 	std::vector<StatusRow> rows;
+	Json::Value failures(Json::arrayValue);
 	const ExitCode code = ForEachDatabase(
-	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids, [&](const std::string& id) {
+	    services, options.ids.empty() ? services.config->GetDatabaseIDs() : options.ids,
+	    [&](const std::string& id) {
 		    rows.push_back(Collect(services, id));
 		    return IsAboveOffered(rows.back()).value_or(false) ? kAboveOffered : kDone;
-	    });
+	    },
+	    [&](const std::string& id, const Failure& failure) { failures.append(FailureToJson(id, failure)); });
 	TellUnknownSettings(services);
 	const std::time_t now = std::time(nullptr);
 	const std::optional<NextRun> next = services.next_run ? services.next_run() : std::nullopt;
@@ -196,7 +199,11 @@ ExitCode Run(const Services& services, const Options& options) {
 		}
 	}
 	if (options.json) {
-		services.terminal.Say(FormatJson(StatusToJson(rows, now)));
+		Json::Value array = StatusToJson(rows, now);
+		for (const Json::Value& failure : failures) {
+			array.append(failure);
+		}
+		services.terminal.Say(options.watch ? FormatJsonLine(array) : FormatJson(array));
 	} else if (!rows.empty()) {
 		services.terminal.Say(FormatStatusTable(rows, now) + FormatFailures(rows, now));
 		TellNextRun(services, next, now);

@@ -63,9 +63,6 @@ Json::Value ChangeToJson(const Outcome& outcome) {
 	Json::Value result = MakeResult(outcome.goes_back ? "went back" : "updated", outcome.Version());
 	result["previous_version"] = outcome.before;
 	result["downloaded_bytes"] = Json::UInt64{outcome.downloaded_bytes};
-	if (outcome.full_package_bytes) {
-		result["full_package_bytes"] = Json::UInt64{*outcome.full_package_bytes};
-	}
 	return result;
 }
 
@@ -103,7 +100,7 @@ ExitCode Judge(const Services& services, const std::string& id, const Outcome& o
 /** A hold that was asked for is no failure of a scheduled run; one that cannot be understood has to be noticed. */
 ExitCode TellHeld(const Services& services, Report& report, const std::string& id, bool is_scheduled, const Hold& hold,
     Json::Value result) {
-	const std::string version = result["version"] == -1 ? "nothing" : "version " + result["version"].asString();
+	const std::string version = result["version"].isNull() ? "nothing" : "version " + result["version"].asString();
 	const ExitCode code = is_scheduled && hold.problem.empty() && !dataupdate::IsReplacementMarked(id) ? kDone : kHeld;
 	syslog(LOG_NOTICE, "%s is %s, so %s stays installed.", id.c_str(), DescribeHold(hold).c_str(), version.c_str());
 	if (!hold.problem.empty()) {
@@ -111,7 +108,9 @@ ExitCode TellHeld(const Services& services, Report& report, const std::string& i
 		services.terminal.Complain(HoldProblem(id, hold) + ".");
 	}
 	result["held_up_to"] = OrNull(hold.up_to);
-	result["exit_status"] = code;
+	if (code != kDone) {
+		result["exit_status"] = code;
+	}
 	const std::string advice = dataupdate::IsReplacementMarked(id)
 	                               ? "its last replacement was not finished: \"tarndbudctl fix " + id + "\" repairs it"
 	                               : "\"tarndbudctl unhold " + id + "\" ends the hold";
@@ -165,7 +164,7 @@ void DeclareMaxBytes(CLI::App& app, Options& options) {
 }
 
 void Declare(CLI::App& app, Options& options) {
-	DeclareDatabases(app, options, "update", "Update the scheduled databases");
+	DeclareDatabases(app, options, "update", "the scheduled ones");
 	DeclareMaxBytes(app, options);
 	DeclareNoWait(app, options);
 	app.add_flag(
@@ -228,8 +227,7 @@ ExitCode InstallOffered(const Services& services, Report& report, const std::str
 }
 
 const Command kUpdateCommand = {"update", "Bring databases to the server's version",
-    "Without ids, and with --all, updates the scheduled databases in the order of their ids, up to the first "
-    "that\n"
+    "Without ids, updates the scheduled databases in the order of their ids, up to the first that\n"
     "fails. Tries all databases that are named; the exit status is then that of the first failure. Fails when nothing "
     "could\n"
     "be updated because there is no storage volume. Leaves a later version than the server's alone, and updates the "

@@ -124,7 +124,7 @@ void AnswerToUnmount(
 	        "until a volume is mounted.\n" +
 	        (others.empty() ? "" : others + ".\n") +
 	        (unsafe.empty() ? "" : "What is not safe is not used: " + unsafe + ".\n"),
-	    Describe("given up", ""));
+	    Describe("stayed", ""));
 }
 
 /** Why a directory cannot be read; 0 when it can. */

@@ -2,9 +2,9 @@
 
 #include "base/mutex.h"
 #include "base/text.h"
+#include "host/terminal/text.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -115,9 +115,7 @@ std::string FormatProgress(const ProgressRecord& record) {
 	object["bytes"] = Json::UInt64{record.bytes};
 	object["whole_bytes"] = Json::UInt64{record.whole_bytes};
 	object["process"] = Json::Int64{record.process};
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "";
-	return Json::writeString(builder, object) + "\n";
+	return FormatJsonLine(object);
 }
 
 std::optional<ProgressRecord> ReadProgress() {

@@ -57,10 +57,10 @@ std::optional<bool> CompareVersions(const StatusRow& row, const Comparison& comp
 	if (row.unfinished) {
 		return false;
 	}
-	if (!row.remote_version) {
+	if (!row.offered_version) {
 		return std::nullopt;
 	}
-	return row.installed_version && compare(*row.installed_version, *row.remote_version);
+	return row.installed_version && compare(*row.installed_version, *row.offered_version);
 }
 
 std::optional<bool> IsUpToDate(const StatusRow& row) {
@@ -107,7 +107,7 @@ std::string FormatAge(const StatusRow& row, std::time_t now) {
 
 std::vector<std::string> FormatRow(const StatusRow& row, std::time_t now) {
 	return {row.id, row.installed_version ? std::to_string(*row.installed_version) : "-",
-	    row.remote_version ? std::to_string(*row.remote_version) : "unknown",
+	    row.offered_version ? std::to_string(*row.offered_version) : "unknown",
 	    FormatVersionState(row) + (row.held ? ", held" : ""), FormatAge(row, now), row.scheduled ? "yes" : "no",
 	    row.install_dir.value_or("- (no volume)")};
 }
@@ -130,6 +130,12 @@ void AddHistory(const StatusRow& row, Json::Value& object) {
 	if (row.last_success) {
 		object["last_success"] = Json::Int64{*row.last_success};
 	}
+}
+
+std::string Format(const Json::Value& value, const char* indentation) {
+	Json::StreamWriterBuilder builder;
+	builder["indentation"] = indentation;
+	return Json::writeString(builder, value) + "\n";
 }
 
 } // namespace
@@ -177,9 +183,11 @@ std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
 }
 
 std::string FormatJson(const Json::Value& value) {
-	Json::StreamWriterBuilder builder;
-	builder["indentation"] = "\t";
-	return Json::writeString(builder, value) + "\n";
+	return Format(value, "\t");
+}
+
+std::string FormatJsonLine(const Json::Value& value) {
+	return Format(value, "");
 }
 
 void Metrics::AddValue(const std::string& name, const std::string& help, const Labels& labels, double value) {
@@ -232,9 +240,9 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 		Json::Value object(Json::objectValue);
 		object["id"] = row.id;
 		object["installed_version"] = OrNull(row.installed_version);
-		object["remote_version"] = OrNull(row.remote_version);
-		if (!row.remote_error.empty()) {
-			object["remote_error"] = row.remote_error;
+		object["offered_version"] = OrNull(row.offered_version);
+		if (!row.offer_error.empty()) {
+			object["offer_error"] = row.offer_error;
 		}
 		object["up_to_date"] = OrNull(IsUpToDate(row));
 		object["above_offered"] = OrNull(IsAboveOffered(row));
@@ -250,7 +258,7 @@ Json::Value StatusToJson(const std::vector<StatusRow>& rows, std::time_t now) {
 		}
 		object["install_dir"] = OrNull(row.install_dir);
 		if (row.old_dir) {
-			object["installed_in"] = *row.old_dir;
+			object["previous_dir"] = *row.old_dir;
 		}
 		object["volume"] = OrNull(row.volume);
 		AddHistory(row, object);

@@ -33,6 +33,8 @@ Json::Value OrNull(const std::optional<T>& value) {
 
 /** A JSON document as text, indented by tabs, with a newline at the end. */
 std::string FormatJson(const Json::Value& value);
+/** The same as one line. */
+std::string FormatJsonLine(const Json::Value& value);
 
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
@@ -71,8 +73,8 @@ struct FailureRecord {
 struct StatusRow {
 	std::string id;
 	std::optional<int> installed_version;
-	std::optional<int> remote_version;
-	std::string remote_error;              ///< Why there is no remote version.
+	std::optional<int> offered_version;
+	std::string offer_error;               ///< Why there is no offered version.
 	std::optional<std::int64_t> published; ///< When the installed data was published, in seconds since 1970.
 	bool scheduled = false;
 	bool updating = false;

@@ -56,9 +56,9 @@ _tarndbudctl() {
 	init | refresh) _tarndbud_offer '--json --verbose --help' ;;
 	status) _tarndbud_offer "--watch --json --verbose --help $(_tarndbud_ids)" ;;
 	plan) _tarndbud_offer "--json --verbose --help $(_tarndbud_ids)" ;;
-	update) _tarndbud_offer "--all --max-bytes --no-wait --retry-refused --json --verbose --help $(_tarndbud_ids)" ;;
-	fix) _tarndbud_offer "--all --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
-	check) _tarndbud_offer "--all --timeout --json --verbose --help $(_tarndbud_ids)" ;;
+	update) _tarndbud_offer "--max-bytes --no-wait --retry-refused --json --verbose --help $(_tarndbud_ids)" ;;
+	fix) _tarndbud_offer "--no-wait --json --verbose --help $(_tarndbud_ids)" ;;
+	check) _tarndbud_offer "--timeout --json --verbose --help $(_tarndbud_ids)" ;;
 	hold | unhold) _tarndbud_offer "--timeout --json --verbose --help $(_tarndbud_ids)" ;;
 	force-install) _tarndbud_offer "--even-held --no-wait --json --verbose --help $(_tarndbud_ids)" ;;
 	import)

@@ -62,7 +62,7 @@ void AddChangesCommand(CLI::App& app, Command& given) {
 	changes->add_option("FROM", options->from_word, "Version before; by default the one before TO");
 	changes->add_option("TO", options->to_word, "Version after; by default the newest of the document");
 	AddRepository(*changes, options->repository);
-	AddPublicKeys(*changes, options->keys).allow_extra_args(false);
+	AddPublicKeys(*changes, options->keys);
 	AddDocument(*changes, options->db_version);
 	changes
 	    ->add_option(

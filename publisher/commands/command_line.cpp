@@ -36,6 +36,15 @@ int RefuseUsage(const CLI::App& app, const CLI::ParseError& error, const std::ve
 	return kUsage;
 }
 
+/** An option that may be repeated would else take the arguments behind its value as well. */
+void TakeOneValueEach(CLI::App& app) {
+	for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+		for (CLI::Option* option : command->get_options([](CLI::Option* any) { return !any->get_positional(); })) {
+			option->allow_extra_args(false);
+		}
+	}
+}
+
 } // namespace
 
 int RunReporting(const char* program, const Command& command, const Streams& streams) {
@@ -64,6 +73,7 @@ int RunCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
 	AddSiteCommand(app, given);
 	AddPackageCommands(app, given);
 	AddRepositoryCommands(app, given);
+	TakeOneValueEach(app);
 	try {
 		app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
 	} catch (const CLI::ParseError& error) {

@@ -26,8 +26,8 @@ void AddDocument(CLI::App& command, std::string& db_version) {
 	command.add_option("--channel", db_version, "Channel: the name of its document")->excludes(document);
 }
 
-CLI::Option& AddPublicKeys(CLI::App& command, std::vector<std::string>& files) {
-	return *command.add_option("--key", files, "Public key that signed the packages; may be repeated")->required();
+void AddPublicKeys(CLI::App& command, std::vector<std::string>& files) {
+	command.add_option("--key", files, "Public key that signed the packages; may be repeated")->required();
 }
 
 void AddOldKeys(CLI::App& command, std::vector<std::string>& files) {

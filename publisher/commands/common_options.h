@@ -28,7 +28,7 @@ void AddNotedUrl(CLI::App& command, std::string& url);
 /** The document, by its version or as a channel; what the variable holds is the default. */
 void AddDocument(CLI::App& command, std::string& db_version);
 /** The keys one of which signed the packages; must be given. */
-CLI::Option& AddPublicKeys(CLI::App& command, std::vector<std::string>& files);
+void AddPublicKeys(CLI::App& command, std::vector<std::string>& files);
 /** Adds the keys to those that an option before it may have set. */
 void AddOldKeys(CLI::App& command, std::vector<std::string>& files);
 void AddJson(CLI::App& command, bool& json);

@@ -15,7 +15,7 @@ struct Options : ExportOptions {
 
 Json::Value ToJson(const ExportedDatabase& database, const Options& options) {
 	Json::Value value = JsonObject({{"id", database.id}, {"data_version", database.data_version},
-	    {"full_package", database.has_full}, {"diff_packages", database.diffs}});
+	    {"has_full_package", database.has_full}, {"diff_packages", database.diffs}});
 	if (database.diffs > 0) {
 		value["from"] = *options.from;
 	}

@@ -86,9 +86,9 @@ void PrintPromoted(const PromoteOptions& options, const PromoteResult& result, s
 }
 
 Json::Value PromotedJson(const PromoteOptions& options, const PromoteResult& result) {
-	return JsonObject({{"id", options.id}, {"from", options.from}, {"to", options.to},
+	return JsonObject({{"id", options.id}, {"from_document", options.from}, {"to_document", options.to},
 	    {"data_version", result.data_version}, {"before", result.before ? Json::Value(*result.before) : Json::Value()},
-	    {"changed", result.is_changed}, {"chain", result.has_chain}});
+	    {"is_changed", result.is_changed}, {"has_chain", result.has_chain}});
 }
 
 int RunPromote(const Options& options, const Streams& streams) {
@@ -115,7 +115,7 @@ int RunRollout(const Options& options, const Streams& streams) {
 	if (options.json) {
 		PrintJson(
 		    JsonObject({{"channel", rollout.channel}, {"document", rollout.document}, {"percent", PercentText(share)},
-		        {"conf", rollout.conf_file}, {"checked", !rollout.repository.empty()}}),
+		        {"conf", rollout.conf_file}, {"is_checked", !rollout.repository.empty()}}),
 		    streams.out);
 	} else {
 		streams.out << "Wrote " << rollout.conf_file << ": " << PercentText(share)

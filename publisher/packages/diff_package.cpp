@@ -35,7 +35,7 @@ struct Form {
 
 const Form& FormOf(PatchKind kind) {
 	static constexpr std::array<Form, 5> kForms = {{{"whole", ".new", "create"}, {"vcdiff", ".vcdiff", "update"},
-	    {"sql", ".sqlitediff", "update"}, {"-", "", "delete"}, {"dir", "", "delete"}}}; // in the order of the kinds
+	    {"sql", ".sqlitediff", "update"}, {"none", "", "delete"}, {"dir", "", "delete"}}}; // in the order of the kinds
 	static_assert(kForms.size() == static_cast<std::size_t>(PatchKind::kEmptied) + 1);
 	return kForms.at(static_cast<std::size_t>(kind));
 }

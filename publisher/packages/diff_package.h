@@ -32,7 +32,7 @@ enum class PatchKind {
 	kEmptied ///< nothing: the name is that of a directory in which the package deletes the last file
 };
 
-/** "whole", "vcdiff", "sql", "-" or "dir". */
+/** "whole", "vcdiff", "sql", "none" or "dir". */
 const char* PatchKindName(PatchKind kind);
 /** ".new", ".vcdiff", ".sqlitediff", or nothing. */
 const char* PatchKindExtension(PatchKind kind);

@@ -54,7 +54,7 @@ def status(machine: Machine) -> dict[str, object]:
 def publish_a_change(machine: Machine) -> int:
     """Publishes a further version, of which devices know at once; its number."""
     machine.do(f"echo A line more. >> {TREE}/{FILE}\n{PUBLISH}\ntarndbudctl refresh")
-    return int(str(status(machine)["remote_version"]))
+    return int(str(status(machine)["offered_version"]))
 
 
 def downloads(machine: Machine) -> list[str]:

@@ -88,7 +88,7 @@ def test_status_of_many_databases_asks_an_unwell_server_once(faulty: Device, fau
     faulty.configure()
     entries = json.loads(faulty.run_ok("status", "--json").stdout)
     assert len(entries) == 4
-    assert all(entry["remote_version"] is None and "404" in entry["remote_error"] for entry in entries)
+    assert all(entry["offered_version"] is None and "404" in entry["offer_error"] for entry in entries)
     assert len(faults.requests()) == 1
 
 
@@ -112,7 +112,7 @@ def test_somebody_who_is_not_root_is_told_so(connected: Device) -> None:
     assert len(nobody.stderr.splitlines()) == 1
 
 
-@pytest.mark.parametrize("arguments", [[], ["bogus"], ["update", "--bogus"], ["schedule"], ["update", "a", "--all"]])
+@pytest.mark.parametrize("arguments", [[], ["bogus"], ["update", "--bogus"], ["schedule"], ["update", "--all"]])
 def test_a_wrong_command_line_ends_with_2_and_the_usage(connected: Device, arguments: list[str]) -> None:
     result = connected.run(*arguments)
     assert result.status == 2, str(result)

@@ -232,7 +232,7 @@ def test_an_older_offer_than_what_is_installed_is_never_up_to_date(
     result = connected.run("status", DATABASE, "--json")
     assert result.status == 5, str(result)
     [entry] = json.loads(result.stdout)
-    assert (entry["installed_version"], entry["remote_version"]) == (11, 4)
+    assert (entry["installed_version"], entry["offered_version"]) == (11, 4)
     assert (entry["up_to_date"], entry["above_offered"]) == (False, True)
     shown = connected.run("status")
     assert shown.status == 5

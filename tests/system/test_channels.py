@@ -92,7 +92,7 @@ def test_devices_of_the_target_take_the_promoted_versions_by_diff_packages(
         publisher.public_key, "--json",
     )  # fmt: skip
     assert json.loads(promoted.stdout) == {
-        "id": DATABASE, "from": "canary", "to": "1", "data_version": 4, "before": 1, "changed": True, "chain": True,
+        "id": DATABASE, "from_document": "canary", "to_document": "1", "data_version": 4, "before": 1, "is_changed": True, "has_chain": True,
     }  # fmt: skip
     connected.update(DATABASE)
     assert nginx.packages() == ["v1", "d2", "d3", "d4"]

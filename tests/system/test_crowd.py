@@ -103,7 +103,7 @@ def test_64_processes_at_once_for_a_minute_leave_exactly_what_was_published(
     assert len({sight.version for sight in people.sights[SOUND]}) > 1, "readers saw updates"
     assert {package[0] for package in nginx.packages()} == {"d", "v"}
     connected.run_ok("refresh")
-    connected.run_ok("fix", "--all")
+    connected.run_ok("fix")
     connected.run_ok("update")
     for name in IDS:
         assert connected.version(name) == publication.version

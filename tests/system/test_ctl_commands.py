@@ -63,7 +63,7 @@ def test_fix_repairs_exactly_what_is_damaged(connected: Device, publisher: Publi
     damaged = next(path for path in sorted(connected.installed(DATABASE).rglob("*")) if path.is_file())
     damaged.write_bytes(b"damaged")
     assert connected.run("check", DATABASE).status == 4
-    result = json.loads(connected.run_ok("fix", "--all", "--json").stdout)
+    result = json.loads(connected.run_ok("fix", "--json").stdout)
     assert result == [{"id": DATABASE, "result": "repaired", "version": 1}]
     trees.assert_same(tree, connected.installed(DATABASE))
     connected.run_ok("check", DATABASE)
@@ -213,7 +213,7 @@ def test_metrics_tell_versions_ages_sizes_and_the_last_result(
     database = f'{{database="{DATABASE}"}}'
     run = f'{{database="{DATABASE}",operation="update"}}'
     assert values[f"tarndbud_installed_version{database}"] == 1
-    assert values[f"tarndbud_remote_version{database}"] == 1
+    assert values[f"tarndbud_offered_version{database}"] == 1
     assert values[f"tarndbud_installed_bytes{database}"] == 20 * 1000
     assert 0 <= values[f"tarndbud_data_age_seconds{database}"] < 600
     assert values[f"tarndbud_last_run_success{run}"] == 1
@@ -226,7 +226,7 @@ def test_metrics_tell_versions_ages_sizes_and_the_last_result(
     assert connected.run("update", DATABASE).status == 1
     values = measurements(connected.run_ok("metrics").stdout)
     assert values[f"tarndbud_last_run_success{run}"] == 0
-    assert values[f"tarndbud_remote_version{database}"] == 2
+    assert values[f"tarndbud_offered_version{database}"] == 2
     assert (STATUS / DATABASE / "last_run.json").exists()
 
 

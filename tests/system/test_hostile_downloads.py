@@ -235,8 +235,8 @@ def test_status_tells_what_is_installed_while_another_download_hangs(fetching: D
     assert result.seconds < 30
     (entry,) = json.loads(result.stdout)
     assert entry["installed_version"] == 2
-    assert entry["remote_version"] is None
-    assert "is being fetched by another command" in entry["remote_error"]
+    assert entry["offered_version"] is None
+    assert "is being fetched by another command" in entry["offer_error"]
 
 
 def test_metrics_are_told_while_a_download_hangs(fetching: Device) -> None:
@@ -274,7 +274,7 @@ def test_status_gives_a_server_that_does_not_answer_up_by_itself(offered: Device
     assert result.seconds < 30
     (entry,) = json.loads(result.stdout)
     assert entry["installed_version"] == 2
-    assert "deadline of 10 s" in entry["remote_error"]
+    assert "deadline of 10 s" in entry["offer_error"]
 
 
 def test_an_update_can_be_ended_while_a_download_hangs(offered: Device, faults: FaultServer) -> None:

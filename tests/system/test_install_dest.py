@@ -46,7 +46,7 @@ def assert_not_installed_there(device: Device, old: Path, new: Path) -> None:
     assert f"it is installed in {old}, but databases.conf has it in {new}" in shown.stderr
     entry = device.status(ROOT_DATABASE)
     assert (entry["installed_version"], entry["up_to_date"]) == (None, False)
-    assert (entry["install_dir"], entry["installed_in"]) == (str(new), str(old))
+    assert (entry["install_dir"], entry["previous_dir"]) == (str(new), str(old))
     checked = device.run("check", ROOT_DATABASE)
     assert checked.status == FIX_NEEDED
     assert f"it is installed in {old}, but databases.conf has it in {new}" in checked.stdout
@@ -54,7 +54,7 @@ def assert_not_installed_there(device: Device, old: Path, new: Path) -> None:
     assert read.status == LOCKED
     assert str(old) in read.stderr and str(new) in read.stderr
     plan = json.loads(device.run_ok("plan", ROOT_DATABASE, "--json").stdout)[0]
-    assert (plan["from"], plan["way"], plan["update"], plan["installed_in"]) == (None, "full package", True, str(old))
+    assert (plan["installed_version"], plan["way"], plan["update"], plan["previous_dir"]) == (None, "full package", True, str(old))
     assert f'tarndbud_installed{{database="{ROOT_DATABASE}"}} 0' in device.run_ok("metrics").stdout
 
 
@@ -63,7 +63,7 @@ def assert_installed(device: Device, tree: Path) -> None:
     device.run_ok("check", ROOT_DATABASE)
     device.run_ok("read", ROOT_DATABASE, "--", "true")
     entry = device.status(ROOT_DATABASE)
-    assert entry["up_to_date"] is True and "installed_in" not in entry
+    assert entry["up_to_date"] is True and "previous_dir" not in entry
 
 
 @pytest.mark.parametrize("command", ["update", "fix"])

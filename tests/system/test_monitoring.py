@@ -122,7 +122,7 @@ def healthy(lines: str, number: int) -> Machine:
     version = 6 if number % 5 == 0 else 7
     values = {
         "tarndbud_installed_version": version,
-        "tarndbud_remote_version": version,
+        "tarndbud_offered_version": version,
         "tarndbud_data_timestamp_seconds": now - 3600 * (1 + number % 24),
         "tarndbud_data_age_seconds": 3600 * (1 + number % 24),
         "tarndbud_last_run_success": 1,
@@ -142,8 +142,8 @@ TROUBLE = {
     "TarndbudUpdateFails": (1, {"tarndbud_last_run_success": 0}, "download"),
     "TarndbudPackageRefused": (2, {"tarndbud_last_run_success": 0}, "package_refused"),
     "TarndbudDataOld": (3, {"tarndbud_data_timestamp_seconds": time.time() - 30 * DAY}, ""),
-    "TarndbudBehindServer": (4, {"tarndbud_remote_version": 9}, ""),
-    "TarndbudServerBehind": (5, {"tarndbud_above_offered": 1, "tarndbud_remote_version": 3}, ""),
+    "TarndbudBehindServer": (4, {"tarndbud_offered_version": 9}, ""),
+    "TarndbudServerBehind": (5, {"tarndbud_above_offered": 1, "tarndbud_offered_version": 3}, ""),
     "TarndbudNotInstalled": (6, {"tarndbud_installed": 0}, ""),
     "TarndbudVolumeMissing": (7, {"tarndbud_volume_available": 0}, ""),
     "TarndbudVolumeFull": (8, {"tarndbud_volume_free_bytes": 5e9}, ""),

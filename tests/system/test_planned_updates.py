@@ -63,7 +63,7 @@ def test_a_plan_tells_the_first_installation_and_does_not_begin_it(
 ) -> None:
     publish(publisher, tmp_path / "tree", FIRST)
     planned = plan(connected)
-    assert (planned["from"], planned["to"], planned["way"]) == (None, FIRST, "full package")
+    assert (planned["installed_version"], planned["offered_version"], planned["way"]) == (None, FIRST, "full package")
     assert planned["reason"] == "nothing is installed"
     assert planned["bytes"] == publisher.package(DATABASE, FIRST).stat().st_size
     assert planned["update"] is True
@@ -79,7 +79,7 @@ def test_a_plan_tells_what_the_update_then_does(
     with connected.locked(f"using_{DATABASE}.lock", shared=True):
         planned = plan(connected)
         assert planned["readers"] == 1
-    assert (planned["from"], planned["to"], planned["way"]) == (FIRST, FIRST + 1, "diff packages")
+    assert (planned["installed_version"], planned["offered_version"], planned["way"]) == (FIRST, FIRST + 1, "diff packages")
     assert planned["bytes"] == size
     assert planned["needed_bytes"] >= size
     assert planned["room"] == "enough"

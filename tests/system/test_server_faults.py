@@ -133,8 +133,8 @@ def test_status_of_an_unreachable_server_still_tells_what_is_installed(installed
     installed.configure()
     status = installed.status(DATABASE)
     assert status["installed_version"] == 1
-    assert status["remote_version"] is None
-    assert installed.netloc in str(status["remote_error"])
+    assert status["offered_version"] is None
+    assert installed.netloc in str(status["offer_error"])
 
 
 def test_a_web_page_instead_of_the_document_is_shown_for_what_it_is(

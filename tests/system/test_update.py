@@ -87,7 +87,7 @@ def test_update_without_names_takes_the_scheduled_databases(
     tree = trees.write_tree(tmp_path / "tree", FIRST)
     for name in (DATABASE, "geo", "unscheduled"):
         publisher.publish(tree, name)
-    connected.run_ok("update", "--all")
+    connected.run_ok("update")
     assert [connected.version(name) for name in (DATABASE, "geo", "unscheduled")] == [1, 1, None]
 
 
@@ -170,7 +170,7 @@ def test_metrics_ask_for_no_document_however_old_it_is(updated: Device, nginx: N
     before = nginx.requests()
     second = int(time.time())
     os.utime(DOCUMENT, (second - 3601, second - 3601))
-    assert f'tarndbud_remote_version{{database="{DATABASE}"}} 1\n' in updated.run_ok("metrics").stdout
+    assert f'tarndbud_offered_version{{database="{DATABASE}"}} 1\n' in updated.run_ok("metrics").stdout
     assert nginx.requests() == before
 
 
@@ -181,8 +181,8 @@ def test_status_waits_five_seconds_for_another_command_that_asks(updated: Device
         result = updated.run_ok("status", DATABASE, "--json")
     assert 5 <= result.seconds < 8
     (entry,) = json.loads(result.stdout)
-    assert (entry["installed_version"], entry["remote_version"]) == (1, None)
-    assert "is being fetched by another command" in entry["remote_error"]
+    assert (entry["installed_version"], entry["offered_version"]) == (1, None)
+    assert "is being fetched by another command" in entry["offer_error"]
     assert nginx.requests() == before
 
 
@@ -248,10 +248,10 @@ def test_check_finds_a_damaged_and_a_missing_file(updated: Device) -> None:
 def test_status_tells_installed_and_offered_versions(connected: Device, publisher: Publisher, tmp_path: Path) -> None:
     publisher.publish(trees.write_tree(tmp_path / "tree", FIRST), DATABASE)
     before = connected.status(DATABASE)
-    assert (before["installed_version"], before["remote_version"], before["up_to_date"]) == (None, 1, False)
+    assert (before["installed_version"], before["offered_version"], before["up_to_date"]) == (None, 1, False)
     connected.run_ok("update", DATABASE)
     after = connected.status(DATABASE)
-    assert (after["installed_version"], after["remote_version"], after["up_to_date"]) == (1, 1, True)
+    assert (after["installed_version"], after["offered_version"], after["up_to_date"]) == (1, 1, True)
     assert after["scheduled"] is True
     assert after["updating"] is False
     assert after["install_dir"] == str(connected.installed(DATABASE))

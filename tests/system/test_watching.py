@@ -119,12 +119,12 @@ def test_a_watcher_in_a_script_gets_lines_and_then_the_status(offered: Device, f
     assert result.status == 0, str(result)
     assert update.wait().status == 0
     lines = result.stdout.splitlines()
-    steps = [json.loads(line) for line in lines[: lines.index("[")]]
+    steps = [json.loads(line) for line in lines[:-1]]
     second = [step for step in steps if step["package"] == 2]
     assert len(second) == 1
     assert (second[0]["id"], second[0]["packages"], second[0]["phase"]) == (DATABASE, 2, "Downloading")
     assert second[0]["bytes"] <= second[0]["whole_bytes"]
-    assert json.loads("\n".join(lines[lines.index("[") :]))[0]["installed_version"] == 3
+    assert json.loads(lines[-1])[0]["installed_version"] == 3
     assert CLEAR not in result.stderr
 
 

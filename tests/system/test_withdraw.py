@@ -139,7 +139,7 @@ def test_a_withdrawn_version_comes_back(history: History, connected: Device, ngi
 def test_a_device_with_an_old_document_finds_no_garbage(history: History, connected: Device, nginx: Nginx) -> None:
     history.publish_bad("garbage")
     connected.forget_document()
-    assert connected.status(HEALTHY)["remote_version"] == 3
+    assert connected.status(HEALTHY)["offered_version"] == 3
     history.withdraw()
     before = len(nginx.requests())
     failed = connected.run("update", HEALTHY)

@@ -73,7 +73,7 @@ TEST_F(MetricsCommandTest, MeasuresWhatIsInstalledAndWhatWasOffered) {
 	EXPECT_CALL(*doubles_.info, GetRemoteInfo).Times(0);
 	const std::string text = Run();
 	for (const char* line : {"tarndbud_installed{database=\"geo\"} 1\n", "tarndbud_installed{database=\"zip\"} 0\n",
-	         "tarndbud_installed_version{database=\"geo\"} 4\n", "tarndbud_remote_version{database=\"geo\"} 7\n",
+	         "tarndbud_installed_version{database=\"geo\"} 4\n", "tarndbud_offered_version{database=\"geo\"} 7\n",
 	         "tarndbud_installed_bytes{database=\"geo\"} 4711\n", "tarndbud_scheduled{database=\"zip\"} 1\n",
 	         "tarndbud_above_offered{database=\"geo\"} 0\n", "tarndbud_volume_available 0\n"}) {
 		EXPECT_THAT(text, HasSubstr(line));
@@ -116,7 +116,7 @@ TEST_F(MetricsCommandTest, TellsNoSizeOfFilesThatAreBeingReplaced) {
 
 TEST_F(MetricsCommandTest, ToldNothingOfASilentServer) {
 	const std::string text = Run();
-	EXPECT_THAT(text, Not(HasSubstr("remote_version")));
+	EXPECT_THAT(text, Not(HasSubstr("offered_version")));
 	EXPECT_THAT(text, Not(HasSubstr("document_timestamp")));
 	EXPECT_THAT(text, Not(HasSubstr("last_run")));
 }

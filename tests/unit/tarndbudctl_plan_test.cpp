@@ -171,7 +171,7 @@ TEST_F(UpdatePlanTest, NamesTheDatabasesThatItCannotTellOf) {
 	EXPECT_EQ(array[0]["error"], "Bad luck.");
 	EXPECT_EQ(array[0]["exit_status"], kFailed);
 	EXPECT_EQ(array[1]["id"], "zip");
-	EXPECT_EQ(array[1]["to"], 5);
+	EXPECT_EQ(array[1]["offered_version"], 5);
 }
 
 TEST_F(UpdatePlanTest, IsPrintedWithItsReasons) {

@@ -195,10 +195,10 @@ TEST_F(ProgramTest, NeedsRootForAllCommandsButTwo) {
 
 TEST_F(ProgramTest, RefusesArgumentsThatACommandCannotUse) {
 	for (const std::vector<const char*>& arguments :
-	    std::vector<std::vector<const char*>>{{"init", "geo"}, {"update", "geo", "--all"}, {"update", "--jsonx"},
+	    std::vector<std::vector<const char*>>{{"init", "geo"}, {"update", "--all"}, {"update", "--jsonx"},
 	        {"force-install", "geo"}, {"force-install", "geo", "x"}, {"read", "geo"}, {"read", "geo", "--"}, {"import"},
-	        {"import", "--force"}, {"read", "geo", "ls"}, {"read", "--", "ls"}, {"fix", "--all", "geo"},
-	        {"refresh", "x"}, {"volume", "mounted"}, {"check", "--all", "geo"}, {"check", "--timeout", "-1"},
+	        {"import", "--force"}, {"read", "geo", "ls"}, {"read", "--", "ls"}, {"fix", "--json=x", "geo"},
+	        {"refresh", "x"}, {"volume", "mounted"}, {"check", "--force"}, {"check", "--timeout", "-1"},
 	        {"schedule", "geo"}, {"schedule", "geo", "maybe"}, {"volume"}, {"volume", "show", "x"}}) {
 		EXPECT_EQ(Run(arguments, AllCommands()), 2) << arguments[0];
 	}

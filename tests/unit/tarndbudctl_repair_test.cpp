@@ -96,6 +96,14 @@ TEST_F(RepairCommandTest, FixesTheScheduledOnesUpToTheFirstFailure) {
 	EXPECT_EQ(doubles_.out.str(), "geo: intact, version 5\nzip: intact, version 5\n");
 }
 
+TEST_F(RepairCommandTest, TellsWhichOfTheScheduledOnesFailed) {
+	Damage("geo");
+	options_.json = true;
+	EXPECT_THROW(Fix({}), dataupdate::UpdateError);
+	EXPECT_THAT(doubles_.out.str(), testing::MatchesRegex("\\[\n.*\"error\" : .*\"exit_status\" : 1,\n\t\t\"id\" : "
+	                                                      "\"geo\",\n\t\t\"result\" : \"failed\".*\\]\n"));
+}
+
 TEST_F(RepairCommandTest, TellsAllResultsInOneArray) {
 	Damage("geo");
 	options_.json = true;

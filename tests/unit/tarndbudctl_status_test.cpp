@@ -55,7 +55,7 @@ TEST_F(StatusTest, GivesEveryMemberOfADatabase) {
 	ON_CALL(*doubles_.checker, IsUpdating("geo")).WillByDefault(Return(true));
 	const Json::Value array = RunJson({"geo"});
 	ASSERT_EQ(array.size(), 1U);
-	EXPECT_EQ(array[0], Parse(R"({"id":"geo","installed_version":4,"remote_version":5,"up_to_date":false,
+	EXPECT_EQ(array[0], Parse(R"({"id":"geo","installed_version":4,"offered_version":5,"up_to_date":false,
 		"above_offered":false,"published":null,"age_seconds":null,
 		"scheduled":true,"updating":true,"unfinished":false,"held":false,"held_up_to":null,"install_dir":"/volume1/@database/autoupdate/geo","volume":"/volume1"})"));
 }
@@ -232,9 +232,9 @@ TEST_F(StatusTest, SucceedsWithTheReasonWhenTheServerCannotBeReached) {
 	ON_CALL(*doubles_.info, GetRemoteInfo).WillByDefault(Throw(UpdateError("Fail to wget url: http://x/")));
 	const Json::Value array = RunJson({});
 	ASSERT_EQ(array.size(), 2U);
-	EXPECT_TRUE(array[1]["remote_version"].isNull());
+	EXPECT_TRUE(array[1]["offered_version"].isNull());
 	EXPECT_TRUE(array[1]["up_to_date"].isNull());
-	EXPECT_THAT(array[1]["remote_error"].asString(), HasSubstr("Fail to wget url: http://x/; "));
+	EXPECT_THAT(array[1]["offer_error"].asString(), HasSubstr("Fail to wget url: http://x/; "));
 	EXPECT_EQ(doubles_.err.str(), "");
 }
 
@@ -260,15 +260,19 @@ TEST_F(StatusTest, ShowsTheOtherDatabasesWhenOneHasABadRecord) {
 	ON_CALL(*doubles_.info, GetDatabaseStatus("geo")).WillByDefault(Throw(UpdateError("The record is malformed")));
 	EXPECT_EQ(Run({}, true), kFailed);
 	const Json::Value array = Parse(doubles_.out.str());
-	ASSERT_EQ(array.size(), 1U);
+	ASSERT_EQ(array.size(), 2U);
 	EXPECT_EQ(array[0]["id"], "zip");
+	EXPECT_EQ(array[1]["id"], "geo");
+	EXPECT_EQ(array[1]["result"], "failed");
+	EXPECT_EQ(array[1]["exit_status"].asInt(), kFailed);
+	EXPECT_THAT(array[1]["error"].asString(), HasSubstr("The record is malformed"));
 	EXPECT_EQ(doubles_.err.str(), "tarndbudctl: geo: The record is malformed.\n");
 }
 
 TEST(StatusTableTest, NamesTheStateOfEachDatabase) {
 	StatusRow row;
 	row.id = "geo";
-	row.remote_version = 5;
+	row.offered_version = 5;
 	const auto state = [&] { return FormatStatusTable({row}, 0); };
 	EXPECT_THAT(state(), HasSubstr("geo       -          5        not installed  -    no         - (no volume)"));
 	row.installed_version = 4;

@@ -194,7 +194,7 @@ TEST_F(Command, RolloutSaysWhatItHasNotLookedAt) {
 	arguments[2] = "5";
 	arguments.emplace_back("--json");
 	EXPECT_EQ(Run(arguments), publisher::kDone);
-	EXPECT_FALSE(JsonPrinted()["checked"].asBool());
+	EXPECT_FALSE(JsonPrinted()["is_checked"].asBool());
 	arguments.pop_back();
 	arguments.insert(arguments.end(), {"--repo", options_.repository});
 	EXPECT_EQ(Run(PublishArguments()), publisher::kDone);
@@ -204,7 +204,7 @@ TEST_F(Command, RolloutSaysWhatItHasNotLookedAt) {
 	EXPECT_THAT(out_.str(), Not(HasSubstr("Not checked")));
 	arguments.emplace_back("--json");
 	EXPECT_EQ(Run(arguments), publisher::kDone);
-	EXPECT_TRUE(JsonPrinted()["checked"].asBool());
+	EXPECT_TRUE(JsonPrinted()["is_checked"].asBool());
 }
 
 TEST_F(Command, PublishTakesEveryOption) {
@@ -226,10 +226,16 @@ TEST_F(Command, PublishRefusesValuesThatCanNeverWork) {
 	EXPECT_FALSE(fs::exists(options_.repository));
 }
 
+TEST_F(Command, AnOptionThatMayBeRepeatedTakesOneValueEachTime) {
+	std::vector<std::string> arguments = PublishArguments();
+	arguments.insert(arguments.begin() + 1, {"--old-key", directory_ / "key.pub"}); // before TREE
+	EXPECT_EQ(Run(arguments), publisher::kDone);
+}
+
 TEST_F(Command, PublishTakesIdsThatNeedNoEscapingAlone) {
 	for (const std::string& id : {std::string(), std::string("a/b"), std::string(".."), std::string("a b"),
 	         std::string("a&b"), std::string("a=b"), std::string("a[b]"), std::string("a%b"), std::string("a#b"),
-	         std::string("caf\xc3\xa9"), std::string("-a"), std::string(65, 'i')}) {
+	         std::string("caf\xc3\xa9"), std::string("-a"), std::string(65, 'i'), std::string("any")}) {
 		options_.id = id;
 		EXPECT_THROW(publisher::CheckOptions(options_), publisher::UsageError) << id;
 	}
@@ -432,7 +438,7 @@ TEST_F(Command, InspectListsWhatADiffDoesAndHow) {
 	const std::string diff = options_.repository + "/packages/db/db_d2.tarn";
 	EXPECT_EQ(Run({"inspect", diff}), publisher::kDone);
 	EXPECT_THAT(out_.str(), HasSubstr("  update     vcdiff   file\n"));
-	EXPECT_THAT(out_.str(), HasSubstr("             0  delete     -        gone\n"));
+	EXPECT_THAT(out_.str(), HasSubstr("             0  delete     none     gone\n"));
 	EXPECT_THAT(out_.str(), HasSubstr("             3  create     whole    new\n"));
 	EXPECT_THAT(out_.str(), HasSubstr("             3  total      whole    1 file\n"));
 	EXPECT_EQ(Run({"inspect", diff, "--json"}), publisher::kDone);

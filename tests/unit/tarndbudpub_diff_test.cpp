@@ -46,8 +46,8 @@ TEST_F(DiffPublishing, LeadsDevicesToTheNewTree) {
 	fs::permissions(TreePath("tool"), fs::perms::owner_all);
 	fs::remove(TreePath("gone"));
 	const publisher::PublishResult result = Publish();
-	EXPECT_EQ(KindsIn(2),
-	    (Kinds{{"gone", "-"}, {"new/empty", "whole"}, {"new/file", "whole"}, {"text", "vcdiff"}, {"tool", "whole"}}));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"gone", "none"}, {"new/empty", "whole"}, {"new/file", "whole"}, {"text", "vcdiff"},
+	                          {"tool", "whole"}}));
 	ASSERT_TRUE(result.diff);
 	EXPECT_EQ(result.diff->created, 2U);
 	EXPECT_EQ(result.diff->replaced, 1U);
@@ -262,8 +262,8 @@ TEST_F(DiffPublishing, RemovesDirectoriesThatItEmpties) {
 	fs::remove(TreePath("k/l"));
 	fs::remove(TreePath("a-b/i")); // an empty directory is left in the published tree alone
 	const publisher::PublishResult result = Publish();
-	EXPECT_EQ(KindsIn(2), (Kinds{{"a", "dir"}, {"a/f", "-"}, {"a/b", "dir"}, {"a/b/c", "dir"}, {"a/b/c/g", "-"},
-	                          {"a/b/c/h", "-"}, {"a-b", "dir"}, {"a-b/i", "-"}, {"k/l", "-"}}));
+	EXPECT_EQ(KindsIn(2), (Kinds{{"a", "dir"}, {"a/f", "none"}, {"a/b", "dir"}, {"a/b/c", "dir"}, {"a/b/c/g", "none"},
+	                          {"a/b/c/h", "none"}, {"a-b", "dir"}, {"a-b/i", "none"}, {"k/l", "none"}}));
 	EXPECT_EQ(result.diff->deleted, 5U);
 	DeviceTree device(PublicKey());
 	device.Install(Package(1));

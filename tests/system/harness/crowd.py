@@ -119,7 +119,7 @@ class Crowd:
     def _order(self, source: random.Random) -> Order:
         one = source.choice(self.ids)
         ids = source.choice([(one,), (one,), self.ids])
-        names = ids if ids != self.ids else source.choice([(), ids, ("--all",)])
+        names = ids if ids != self.ids else source.choice([(), ids])
         script = ("--", sys.executable, "-I", manifests.__file__, str(self.device.installed(one)))
         return source.choice(
             [
