@@ -72,11 +72,7 @@ dataupdate::InstalledRecord Operation::ReadHere() {
 }
 
 std::optional<int> FindPrepared(const Services& services, const std::string& id) {
-	if (!services.find_prepared) {
-		return std::nullopt;
-	}
-	const std::optional<int> version = services.find_prepared(
-	    id, services.config->GetCurVolume(), services.config->GetDatabaseConfig(id)->GetInstallPrefix());
+	const std::optional<int> version = FindPreparedEvenHeld(services, id);
 	const std::optional<Hold> hold = ReadHold(id);
 	return version && hold && !hold->Allows(*version) ? std::nullopt : version;
 }

@@ -134,13 +134,10 @@ bool IsMountPoint(const std::string& path) {
 	return stat(path.c_str(), &own) == 0 && stat((path + "/..").c_str(), &parent) == 0 && own.st_dev != parent.st_dev;
 }
 
-/** Whether a replacement can be finished from the volume, also of a database that is held and waits. */
-bool IsAnyPrepared(const Services& services, const std::string& volume) {
+bool IsAnyPrepared(const Services& services) {
 	const std::vector<std::string> ids = services.config->GetDatabaseIDs();
-	return services.find_prepared && std::any_of(ids.begin(), ids.end(), [&](const std::string& id) {
-		return services.find_prepared(id, volume, services.config->GetDatabaseConfig(id)->GetInstallPrefix())
-		    .has_value();
-	});
+	return std::any_of(
+	    ids.begin(), ids.end(), [&](const std::string& id) { return FindPreparedEvenHeld(services, id).has_value(); });
 }
 
 } // namespace
@@ -174,6 +171,14 @@ void RequireSafePlaces(const Services& services, const std::string& id) {
 	Require(FindUnsafePlace(services.config->GetDatabaseConfig(id)->GetInstallPrefix()));
 }
 
+std::optional<int> FindPreparedEvenHeld(const Services& services, const std::string& id) {
+	if (!services.find_prepared) {
+		return std::nullopt;
+	}
+	return services.find_prepared(
+	    id, services.config->GetCurVolume(), services.config->GetDatabaseConfig(id)->GetInstallPrefix());
+}
+
 void ClearTemporaryArea(const Services& services) {
 	try {
 		const dataupdate::FileLock still(dataupdate::kUpdateAnyLock, 0); // None is unmounted meanwhile, either.
@@ -181,7 +186,7 @@ void ClearTemporaryArea(const Services& services) {
 		if (volume.empty() || !services.is_available(volume) || !VolumeProblem(volume).empty()) {
 			return;
 		}
-		if (!IsAnyPrepared(services, volume)) {
+		if (!IsAnyPrepared(services)) {
 			services.io->RmRf(dataupdate::TempDirPath(volume));
 		}
 	} catch (const dataupdate::UpdateError& error) {

@@ -4,6 +4,7 @@
 
 #include "host/library/services.h"
 
+#include <optional>
 #include <string>
 
 namespace tarn::ctl {
@@ -31,6 +32,9 @@ void RequireSafeVolume(const std::string& volume);
  * what is safe then stays safe, because only root could change it.
  */
 void RequireSafePlaces(const Services& services, const std::string& id);
+
+/** The version of what a killed run had ready for this database where it is installed now, whatever a hold says. */
+[[nodiscard]] std::optional<int> FindPreparedEvenHeld(const Services& services, const std::string& id);
 
 /**
  * Removes what killed runs left in the temporary area of the volume in use, when that is mounted and safe: not while

@@ -91,7 +91,9 @@ private:
 			AddBroken("database_info/" + name, sentence);
 		}
 		for (const auto& [name, document] : listing_.documents) {
-			if (const std::string problem = SizeProblem(document.Text().size()); !problem.empty()) {
+			std::error_code gone; // Somebody may take it away meanwhile.
+			const std::uintmax_t size = fs::file_size(options_.repository + "/database_info/" + name, gone);
+			if (const std::string problem = gone ? "" : SizeProblem(size); !problem.empty()) {
 				AddBroken("database_info/" + name, problem);
 			}
 			for (const std::string& id : document.Ids()) {
