@@ -1,5 +1,6 @@
 // Channels: documents that share packages, and versions that go from one to another.
 #include "archive/signing_key.h"
+#include "base/document_limit.h"
 #include "diff_fixture.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/releases/channels.h"
@@ -111,6 +112,16 @@ TEST_F(Channels, PromoteKeepsTheTargetsFlagAndOtherDatabases) {
 	EXPECT_EQ(EntryOf("1")["data_version"].asString(), "2");
 	EXPECT_EQ(Document("1")["db_list"]["other"]["data_version"].asString(), "7");
 	EXPECT_EQ(Document("1")["extra"], Json::Value(1));
+}
+
+TEST_F(Channels, PromoteLeavesADocumentAloneThatDevicesWouldNotRead) {
+	PublishTo("1");
+	PublishTo("canary");
+	Json::Value document = Document("1");
+	document["extra"] = std::string(kLargestDocument, 'x');
+	WriteFile(options_.repository + "/database_info/1", document.toStyledString());
+	EXPECT_THAT(PromoteError(), HasSubstr(" are more than the 2097152 that devices read"));
+	EXPECT_TRUE(Document("1") == document);
 }
 
 TEST_F(Channels, PromoteBeginsAChannel) {
