@@ -58,8 +58,10 @@ public:
 		    result_.restored, result_.withdrawn, tree, format_version_, Published().package_size, fetch_time_};
 		WithdrawalDiffs diffs(order);
 		const bool has_diffs = MakeDiffs(diffs);
+		repository_.RequireRoom(
+		    options_.db_version, options_.id, NewEntry(diffs, has_diffs)); // Before a version is used up.
 		package.Commit();
-		Document(diffs, has_diffs && CommitDiffs(diffs));
+		Document(diffs, NewEntry(diffs, has_diffs && CommitDiffs(diffs)));
 		return std::move(result_);
 	}
 
@@ -186,12 +188,18 @@ private:
 		}
 	}
 
-	/** The bad packages stay in place until the document names them no longer. */
-	void Document(const WithdrawalDiffs& diffs, bool has_diffs) {
-		Entry entry = {Version(), fetch_time_, Published().download_link, {}};
+	Entry NewEntry(const WithdrawalDiffs& diffs, bool has_diffs) const {
+		Entry entry = {Version(), fetch_time_, result_.published.download_link, {}};
 		if (has_diffs) {
 			entry.diff_files = diffs.Files(previous_.diff_files);
-			KeepNewest(entry.diff_files, options_.keep_diffs, Published().package_size);
+			KeepNewest(entry.diff_files, options_.keep_diffs, result_.published.package_size);
+		}
+		return entry;
+	}
+
+	/** The bad packages stay in place until the document names them no longer. */
+	void Document(const WithdrawalDiffs& diffs, const Entry& entry) {
+		if (!entry.diff_files.empty()) {
 			Published().diff = diffs.Result();
 			Published().diff->oldest_base = entry.diff_files.begin()->first - 1;
 		}

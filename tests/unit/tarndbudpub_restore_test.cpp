@@ -1,5 +1,6 @@
 // Documents that are rebuilt from packages, and what publishers make of them afterwards.
 #include "archive/signing_key.h"
+#include "base/document_limit.h"
 #include "diff_fixture.h"
 #include "publisher/common/publish_error.h"
 #include "publisher/releases/restore.h"
@@ -71,6 +72,16 @@ TEST_F(Restoring, WritesTheDocumentThatThePublisherWrote) {
 	EXPECT_THAT(OfferedDiffs(), ElementsAre(2, 3, 4, 5));
 	EXPECT_THAT(warnings_, IsEmpty());
 	EXPECT_EQ(Followed(1, 5), PublishedTree());
+}
+
+TEST_F(Restoring, LeavesADocumentAloneThatDevicesWouldNotRead) {
+	PublishUpTo(1);
+	Json::Value document = Document();
+	document["db_list"].removeMember("db");
+	document["extra"] = std::string(kLargestDocument, 'x');
+	WriteFile(DocumentPath(), document.toStyledString());
+	EXPECT_THAT(Failure(), HasSubstr(" are more than the 2097152 that devices read"));
+	EXPECT_TRUE(Document() == document);
 }
 
 TEST_F(Restoring, NamesEveryDatabaseOrThoseItIsToldTo) {

@@ -1,4 +1,5 @@
 // Versions that are withdrawn: what devices download, what the repository keeps, and publishers that are killed.
+#include "base/document_limit.h"
 #include "publisher/packages/diff_package.h"
 #include "publisher/packages/package.h"
 #include "publisher/releases/restore.h"
@@ -219,6 +220,16 @@ TEST_F(Withdrawing, RefusesVersionsThatAreNotBelowTheNewest) {
 	}
 	options_.id = "other";
 	EXPECT_THAT(WithdrawError(), HasSubstr("does not name other"));
+}
+
+TEST_F(Withdrawing, PublishesNothingInADocumentThatDevicesWouldNotRead) {
+	PublishBad();
+	Json::Value document = Document();
+	document["extra"] = std::string(kLargestDocument, 'x');
+	WriteFile(options_.repository + "/database_info/1", document.toStyledString());
+	const auto before = FilesBelow(options_.repository);
+	EXPECT_THAT(WithdrawError(), HasSubstr(" are more than the 2097152 that devices read"));
+	EXPECT_EQ(FilesBelow(options_.repository), before);
 }
 
 TEST_F(Withdrawing, EndsTheChainWhereItCostsMoreThanTheFullPackage) {
