@@ -1,7 +1,7 @@
 #include "host/library/volume_move.h"
 
 #include "base/file_io.h"
-#include "base/process.h"
+#include "base/signals.h"
 #include "base/text.h"
 #include "dataupdate/file_list.h"
 #include "dataupdate/paths.h"
@@ -143,9 +143,14 @@ private:
 	Preparation& preparation_;
 };
 
-/** Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. */
+/**
+ * Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. The setting
+ * alone proves nothing: a program that starts in between may have adopted a volume, even the one that it is about.
+ */
 End Judge(const Services& services, const std::string& volume, const Preparation& preparation) {
-	if (!services.config->GetCurVolume().empty()) {
+	std::error_code ignored;
+	const bool is_gone = fs::symlink_status(MainDirPath(volume), ignored).type() == fs::file_type::not_found;
+	if (is_gone && services.config->GetCurVolume() == preparation.target) {
 		return End::kMoved;
 	}
 	const std::optional<Content>& before = preparation.before;
@@ -202,7 +207,10 @@ MoveOutcome MoveAway(const Services& services, const std::string& volume) {
 	if (end == End::kMoved || end == End::kCopied) {
 		Settle(services, preparation);
 		preparation.hook->Exec(TLIB_PLUGIN_ACTION_POST);
-	} else if (end == End::kStayed) {
+		return {end, preparation.target};
+	}
+	services.config->SetCurVolume(""); // Whatever another program has set: the files are on their way.
+	if (end == End::kStayed) {
 		TakeBack(services, preparation);
 	}
 	return {end, preparation.target};

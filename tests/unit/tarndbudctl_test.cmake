@@ -12,6 +12,7 @@ tarn_unit_test(tarndbudctl_test
 	tarndbudctl_messages_test.cpp
 	tarndbudctl_metrics_test.cpp
 	tarndbudctl_move_output_test.cpp
+	tarndbudctl_move_test.cpp
 	tarndbudctl_next_run_test.cpp
 	tarndbudctl_package_test.cpp
 	tarndbudctl_place_test.cpp
