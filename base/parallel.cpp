@@ -1,7 +1,7 @@
 #include "base/parallel.h"
 
 #include "base/mutex.h"
-#include "base/process.h"
+#include "base/signals.h"
 
 #include <sched.h>
 

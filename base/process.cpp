@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include "base/file_io.h"
+#include "base/signals.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -36,6 +37,7 @@ struct Plan {
 	std::vector<char*> own_envp;
 	char** envp = nullptr;
 	std::array<int, 3> streams = {};
+	std::array<UniqueFd, 3> lifted;
 	UniqueFd null;
 	UniqueFd report_from;
 	UniqueFd report_to;
@@ -49,6 +51,23 @@ UniqueFd AboveStreams(UniqueFd fd) {
 		return fd;
 	}
 	return UniqueFd(fcntl(fd.Get(), F_DUPFD_CLOEXEC, kFirstPrivate));
+}
+
+/**
+ * A descriptor that a caller without standard streams got in their place would be overwritten by a stream that is
+ * placed before it, or stay marked to be closed where it is in its place already.
+ */
+int LiftStreams(Plan& plan) {
+	for (std::size_t i = 0; i < plan.streams.size(); ++i) {
+		if (plan.streams[i] >= 0 && plan.streams[i] < kFirstPrivate) {
+			plan.lifted[i] = UniqueFd(fcntl(plan.streams[i], F_DUPFD_CLOEXEC, kFirstPrivate));
+			if (!plan.lifted[i]) {
+				return errno;
+			}
+			plan.streams[i] = plan.lifted[i].Get();
+		}
+	}
+	return 0;
 }
 
 int OpenReportPipe(Plan& plan) {
@@ -89,6 +108,9 @@ int MakePlan(const Program& program, Plan& plan) {
 	for (std::size_t i = 0; i < plan.streams.size(); ++i) {
 		plan.streams[i] = streams[i] == kNullStream ? plan.null.Get() : streams[i];
 	}
+	if (const int error = LiftStreams(plan); error != 0) {
+		return error;
+	}
 	return OpenReportPipe(plan);
 }
 
@@ -101,20 +123,6 @@ bool PlaceStreams(const Plan& plan) {
 		}
 	}
 	return true;
-}
-
-void DropHandlers(bool drop_ignored) {
-	for (int number = 1; number < NSIG; ++number) {
-		struct sigaction action = {};
-		if (sigaction(number, nullptr, &action) != 0) {
-			continue; // the C library keeps two signals to itself
-		}
-		if (action.sa_handler != SIG_DFL && (drop_ignored || action.sa_handler != SIG_IGN)) {
-			action = {};
-			action.sa_handler = SIG_DFL;
-			sigaction(number, &action, nullptr);
-		}
-	}
 }
 
 bool BindToCaller(const Plan& plan, int death_signal) {
@@ -253,16 +261,6 @@ bool HasEnded(pid_t child) {
 }
 
 } // namespace
-
-AllSignalsBlocked::AllSignalsBlocked() {
-	sigset_t all;
-	sigfillset(&all);
-	pthread_sigmask(SIG_SETMASK, &all, &before_);
-}
-
-AllSignalsBlocked::~AllSignalsBlocked() {
-	pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-}
 
 int Start(const Program& program, pid_t& child) {
 	return StartAs(program, false, child);

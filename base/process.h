@@ -79,21 +79,6 @@ struct Program {
 [[nodiscard]] int WaitWatching(pid_t child, bool leads_group, std::chrono::milliseconds period,
     const std::function<bool()>& may_go_on, int& status);
 
-/** Blocks all signals in the calling thread; threads and children that it makes meanwhile inherit that. */
-class AllSignalsBlocked {
-public:
-	AllSignalsBlocked();
-	~AllSignalsBlocked();
-	AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-	AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
-	/** What was blocked before. */
-	const sigset_t& Before() const { return before_; }
-
-private:
-	sigset_t before_ = {};
-};
-
 } // namespace tarn::process
 
 #endif

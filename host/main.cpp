@@ -1,4 +1,5 @@
 #include "base/file_io.h"
+#include "base/signals.h"
 #include "host/commands/commands.h"
 #include "host/library/process.h"
 #include "host/program.h"
@@ -12,6 +13,7 @@
 int main(int argc, char** argv) {
 	using namespace tarn::ctl;
 	tarn::OpenStandardStreams();
+	tarn::process::KeepEndsOfChildren();
 	SetOwnUmask();
 	// Else the threshold follows the blocks that are freed, and lists of files, whose blocks are larger than this,
 	// would not give their memory back.

@@ -1,7 +1,7 @@
 #include "dataupdate/internal/file_copy.h"
 
 #include "base/file_io.h"
-#include "base/process.h"
+#include "base/signals.h"
 #include "dataupdate/internal/activity.h"
 #include "dataupdate/utils.h"
 

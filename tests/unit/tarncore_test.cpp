@@ -224,6 +224,49 @@ TEST(Exec, ClosedStandardStreamsOfTheCallerAreNoProblem) {
 	EXPECT_EQ(ReadFile(directory / "streams"), "/dev/null\n/dev/null\n/dev/null\n");
 }
 
+TEST(Start, PassesDescriptorsOnThatHaveTheNumbersOfClosedStreams) {
+	const TemporaryDirectory directory;
+	const std::string from = directory / "from";
+	const std::string to = directory / "to";
+	WriteFile(from, "content");
+	WriteFile(to, "");
+	const int result = InFork([&] {
+		close(0);
+		close(1);
+		close(2);
+		tarn::process::Program program;
+		program.path = "/bin/cat";
+		const int input = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+		const int between = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+		const int output = open(to.c_str(), O_WRONLY | O_CLOEXEC);
+		program.streams = {input, output, between}; // The last is overwritten by the output, unless it is saved.
+		pid_t child = -1;
+		int status = -1;
+		return output == 2 && tarn::process::Start(program, child) == 0 && tarn::process::Wait(child, status) == 0
+		           ? status
+		           : -1;
+	});
+	EXPECT_EQ(result, 0);
+	EXPECT_EQ(ReadFile(to), "content");
+}
+
+TEST(Exec, ADownloadOfACallerWithoutStreamsTellsWhyItFailed) {
+	const TemporaryDirectory directory;
+	setenv("no_proxy", "127.0.0.1", 1);
+	const int result = InFork([&] {
+		close(0);
+		close(1);
+		close(2);
+		const std::string file = directory / "file";
+		const int status = TLIBCExecl("/usr/bin/wget", TLIBC_EXEC_ISOLATED, "http://127.0.0.1:9/", "-O", file.c_str(),
+		    "--tries=1", static_cast<const char*>(nullptr));
+		WriteFile(directory / "reason", TLIBCDownloadFailureGet());
+		return status;
+	});
+	EXPECT_EQ(result, 4);
+	EXPECT_THAT(ReadFile(directory / "reason"), HasSubstr("Connection refused"));
+}
+
 TEST(Exec, SignalsAreResetUnlessTheyAreToBeKept) {
 	const TemporaryDirectory directory;
 	const Disposition ignored(SIGUSR2, SIG_IGN);
