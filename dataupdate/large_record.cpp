@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <fstream>
 #include <limits>
+#include <locale>
 
 namespace tarn::dataupdate {
 
@@ -53,6 +54,7 @@ void WriteRecordText(const std::string& id, int version, int fetch_time, const F
 	const std::string path = StatusPath(id);
 	CreateParent(path);
 	std::ofstream file(path, std::ios::out);
+	file.imbue(std::locale::classic()); // A host's own locale may group digits.
 	file << "{\n\t\"data_version\" : \"" << version << "\",\n\t\"file_statuses\" : ";
 	bool has_files = false;
 	for_each_file([&](const std::string& name, const std::string& digest) {

@@ -3,48 +3,50 @@
 #include "base/mutex.h"
 #include "dataupdate/internal/activity.h"
 
-#include <utility>
+#include <list>
 
 namespace tarn::dataupdate {
 
 namespace {
 
 Mutex mutex;
-Activity current TARN_GUARDED_BY(mutex);
+std::list<Activity> open_activities TARN_GUARDED_BY(mutex);
+std::uint64_t serial TARN_GUARDED_BY(mutex) = 0;
 std::uint64_t downloaded_bytes TARN_GUARDED_BY(mutex) = 0;
 
 } // namespace
 
 Activity CurrentActivity() {
 	const MutexLock guard(mutex);
+	Activity current = open_activities.empty() ? Activity() : open_activities.back();
+	current.serial = serial;
 	return current;
 }
 
 ActivityScope::ActivityScope(Phase phase, const std::string& path) {
 	InterruptionPoint();
-	Activity inner;
-	inner.phase = phase;
-	inner.path = path;
 	const MutexLock guard(mutex);
-	inner.serial = current.serial + 1;
-	outer_ = std::exchange(current, std::move(inner));
+	activity_ = open_activities.insert(open_activities.end(), Activity{phase, path});
+	++serial;
 }
 
 ActivityScope::~ActivityScope() {
 	const MutexLock guard(mutex);
-	outer_.serial = current.serial + 1;
-	current = std::move(outer_);
+	open_activities.erase(activity_);
+	++serial;
 }
 
 void AddActivityBytes(std::uint64_t bytes) {
 	const MutexLock guard(mutex);
-	current.bytes += bytes;
+	if (!open_activities.empty()) {
+		open_activities.back().bytes += bytes;
+	}
 }
 
 void AddHashedBytes(std::uint64_t bytes) {
 	const MutexLock guard(mutex);
-	if (current.phase == Phase::kHash) {
-		current.bytes += bytes;
+	if (!open_activities.empty() && open_activities.back().phase == Phase::kHash) {
+		open_activities.back().bytes += bytes;
 	}
 }
 

@@ -6,6 +6,7 @@
 #include "dataupdate/progress.h"
 
 #include <cstdint>
+#include <list>
 #include <string>
 
 namespace tarn::dataupdate {
@@ -16,7 +17,8 @@ namespace tarn::dataupdate {
 void InterruptionPoint();
 
 /**
- * Marks an activity from construction to destruction; the one before is current again afterwards. Throws UpdateError
+ * Marks an activity from construction to destruction. Of those that are open, in whatever thread, the one that began
+ * last is the current one. Throws UpdateError
  * "Interrupted" in the place of an activity that would only have to be ended.
  */
 class ActivityScope {
@@ -27,7 +29,7 @@ public:
 	ActivityScope& operator=(const ActivityScope&) = delete;
 
 private:
-	Activity outer_;
+	std::list<Activity>::iterator activity_;
 };
 
 /** Counts bytes of the current activity. */

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <locale>
 #include <map>
 #include <string>
 
@@ -53,6 +54,19 @@ TEST_F(LargeRecordTest, IsWrittenByteForByteLikeAStatus) {
 		WriteLargeRecord("geo", InstalledRecord(status));
 		EXPECT_EQ(test::ReadFile(kRecord), expected);
 	}
+}
+
+/** Writes numbers as many countries do. */
+class Grouping : public std::numpunct<char> {
+	char do_thousands_sep() const override { return '.'; }
+	std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(LargeRecordTest, IsTheSameInEveryLocale) {
+	const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+	WriteLargeRecord("geo", Status({}));
+	std::locale::global(before);
+	ExpectSame(ReadLargeRecord("geo"), Status({}));
 }
 
 TEST_F(LargeRecordTest, IsReadAsItWasWritten) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 namespace tarn::dataupdate {
 namespace {
 
@@ -43,6 +45,15 @@ TEST(ProgressTest, CountsEveryBeginningAndEnd) {
 		EXPECT_EQ(CurrentActivity().serial, serial + 1);
 	}
 	EXPECT_EQ(CurrentActivity().serial, serial + 2);
+}
+
+TEST(ProgressTest, IsIdleAfterActivitiesThatOverlapped) {
+	auto first = std::make_unique<ActivityScope>(Phase::kHash, "/first");
+	auto second = std::make_unique<ActivityScope>(Phase::kDownload, "/second");
+	first.reset(); // As when another thread has begun the second.
+	EXPECT_EQ(CurrentActivity().path, "/second");
+	second.reset();
+	EXPECT_EQ(CurrentActivity().phase, Phase::kIdle);
 }
 
 } // namespace
