@@ -184,7 +184,7 @@ void FullStrategy::_CalModifyInfo() {
 
 bool FullStrategy::_Stage() const {
 	const std::string staged = TempPath(temp_base_, id_, kStaged);
-	if (!AreOnOneFileSystem(unpack_directory_, install_directory_) || HandsAttributesDown(install_directory_)) {
+	if (!AreOnOneMount(unpack_directory_, install_directory_) || HandsAttributesDown(install_directory_)) {
 		return false;
 	}
 	const ActivityScope activity(Phase::kUnpack, staged);

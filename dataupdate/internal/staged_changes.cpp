@@ -152,7 +152,7 @@ bool StagedChanges::_MakePlace() const {
 		MakeEmptyDirectory(place_);
 		// Installed directories that other users may write to have copies here which those users must not reach.
 		fs::permissions(place_, fs::owner_all);
-		return AreOnOneFileSystem(place_, install_directory_);
+		return AreOnOneMount(place_, install_directory_);
 	} catch (const std::exception& error) {
 		TellSlowReplacement(error.what());
 		return false;

@@ -47,11 +47,14 @@ void TellSlowReplacement(const std::string& reason) {
 	TARN_LOG(LOG_INFO, "Readers will wait for every file: %s", reason.c_str());
 }
 
-bool AreOnOneFileSystem(const std::string& left, const std::string& right) {
-	struct stat left_status {};
-	struct stat right_status {};
-	return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
-	       left_status.st_dev == right_status.st_dev;
+bool AreOnOneMount(const std::string& left, const std::string& right) {
+	struct statx left_status {};
+	struct statx right_status {};
+	constexpr unsigned int kMask = STATX_TYPE | STATX_MNT_ID;
+	return statx(AT_FDCWD, left.c_str(), 0, kMask, &left_status) == 0 &&
+	       statx(AT_FDCWD, right.c_str(), 0, kMask, &right_status) == 0 &&
+	       left_status.stx_dev_major == right_status.stx_dev_major &&
+	       left_status.stx_dev_minor == right_status.stx_dev_minor && left_status.stx_mnt_id == right_status.stx_mnt_id;
 }
 
 bool HandsAttributesDown(const std::string& directory) {

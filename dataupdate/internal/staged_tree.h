@@ -15,8 +15,11 @@ constexpr char kReplaced[] = "replaced";
 /** Logs why files will be installed one after the other (LOG_INFO). */
 void TellSlowReplacement(const std::string& reason);
 
-/** Whether two directories lie on one file system, between whose directories entries are moved by renaming. */
-[[nodiscard]] bool AreOnOneFileSystem(const std::string& left, const std::string& right);
+/**
+ * Whether two directories lie on one file system and below one mount point of it, so that entries are moved from one to
+ * the other by renaming. A confined service may see one file system below several.
+ */
+[[nodiscard]] bool AreOnOneMount(const std::string& left, const std::string& right);
 
 /** Whether what is made in a directory gets its group or its access list from it. Moved entries would not. */
 [[nodiscard]] bool HandsAttributesDown(const std::string& directory);

@@ -303,6 +303,24 @@ TEST_F(StagedChangesTest, MakesNothingReadyOnAnotherFileSystem) {
 	ASSERT_EQ(umount((directory_ / "volume/db").c_str()), 0);
 }
 
+TEST_F(StagedChangesTest, MakesNothingReadyBelowAnotherMountPointOfTheSameFileSystem) {
+	fs::create_directories(Place());
+	const std::string installed = directory_ / "volume/db";
+	if (mount(installed.c_str(), installed.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+		GTEST_SKIP() << "nothing can be mounted here";
+	}
+	ChangeSome({"a", "b"});
+	const test::SyslogCapture log;
+	{
+		const StagedChanges changes = Staged(2);
+		EXPECT_THAT(EntriesBelow(Place()), IsEmpty());
+		changes.Install();
+	}
+	ExpectChanged();
+	EXPECT_THAT(LinesOf(log, "staging.cpp"), IsEmpty()) << "it was found out by a step that failed";
+	ASSERT_EQ(umount(installed.c_str()), 0);
+}
+
 TEST_F(StagedChangesTest, MakesNewDirectoriesInPlaceWhereTheyGetTheirGroupFromTheOneAbove) {
 	ASSERT_EQ(chmod(Installed("").c_str(), 02755), 0);
 	Override("new/1");
