@@ -1,15 +1,11 @@
 #include "base/file_io.h"
-#include "dataupdate/file_lock.h"
 #include "dataupdate/installation.h"
-#include "dataupdate/paths.h"
-#include "dataupdate/update_error.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
-#include "host/library/checked_info_getter.h"
-#include "host/library/document_problem.h"
 #include "host/library/failure.h"
 #include "host/library/hold.h"
 #include "host/library/installed_package.h"
+#include "host/library/last_document.h"
 #include "host/library/run_record.h"
 #include "host/library/services.h"
 #include "host/terminal/text.h"
@@ -18,52 +14,51 @@
 
 #include <CLI/CLI.hpp>
 
-#include <sys/stat.h>
-
+#include <algorithm>
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 
 namespace tarn::ctl {
 
 namespace {
 
-/** The server's document as it was fetched last. */
-struct Document {
-	Json::Value content;
-	std::time_t time = 0;
+/** What the server offered last, of which a fetch that failed since has left no document. */
+struct Offer {
+	std::optional<LastDocument> document;
+	std::map<std::string, RunRecord> runs; ///< The last ones, by database.
+
+	std::optional<int> VersionOf(const std::string& id) const {
+		if (document) {
+			return OfferedVersion(*document, id);
+		}
+		const auto run = runs.find(id);
+		return run == runs.end() ? std::nullopt : run->second.offered_version;
+	}
+	std::optional<std::int64_t> Time() const {
+		if (document) {
+			return document->time;
+		}
+		std::optional<std::int64_t> latest;
+		for (const auto& [id, run] : runs) {
+			latest = std::max(latest, run.document_time);
+		}
+		return latest;
+	}
 };
 
-/** Asks nobody: measuring must not depend on a server. No value while there is none, or none that can be read. */
-std::optional<Document> ReadDocument(const Services& services) {
-	try {
-		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
-		struct stat status {};
-		if (stat(dataupdate::kCachedInfo, &status) != 0) {
-			return std::nullopt;
+Offer ReadOffer(const Services& services) {
+	Offer offer = {ReadLastDocument(*services.io), {}};
+	for (const std::string& id : services.config->GetDatabaseIDs()) {
+		if (std::optional<RunRecord> run = ReadRunRecord(id)) {
+			offer.runs.emplace(id, std::move(*run));
 		}
-		return Document{services.io->ReadJson(dataupdate::kCachedInfo), status.st_mtime};
-	} catch (const dataupdate::UpdateError&) {
-		return std::nullopt;
 	}
-}
-
-std::optional<int> OfferedVersion(const std::optional<Document>& document, const std::string& id) {
-	if (!document) {
-		return std::nullopt;
-	}
-	try {
-		Json::Value entry = document->content["db_list"][id];
-		// Only the version matters here, and whether the entry counts as one.
-		entry["deprecated"] = false;
-		if (!HasPlainVersion(entry)) {
-			return std::nullopt;
-		}
-		return dataupdate::RemoteInfo::FromJson(entry).data_version;
-	} catch (const std::exception&) {
-		return std::nullopt;
-	}
+	return offer;
 }
 
 void MeasureInstalled(const Services& services, Metrics& metrics, const std::optional<int>& offered,
@@ -95,30 +90,26 @@ void MeasureInstalled(const Services& services, Metrics& metrics, const std::opt
 	}
 }
 
-void MeasureLastRun(Metrics& metrics, const std::string& id) {
-	const std::optional<RunRecord> record = ReadRunRecord(id);
-	if (!record) {
-		return;
-	}
-	const Labels labels = {{"database", id}, {"operation", record->operation}};
+void MeasureLastRun(Metrics& metrics, const std::string& id, const RunRecord& record) {
+	const Labels labels = {{"database", id}, {"operation", record.operation}};
 	metrics.Add("tarndbud_last_run_success", "Whether the last operation on the database succeeded.", labels,
-	    record->exit_status == kDone);
+	    record.exit_status == kDone);
 	metrics.Add("tarndbud_last_run_beyond_budget",
 	    "Whether the last operation on the database did nothing because it would have downloaded too much.", labels,
-	    record->exit_status == kBeyondBudget);
+	    record.exit_status == kBeyondBudget);
 	metrics.Add("tarndbud_last_run_exit_status", "Exit status of the last operation on the database.", labels,
-	    record->exit_status);
+	    record.exit_status);
 	metrics.Add(
-	    "tarndbud_last_run_timestamp_seconds", "When the last operation on the database ended.", labels, record->time);
+	    "tarndbud_last_run_timestamp_seconds", "When the last operation on the database ended.", labels, record.time);
 	metrics.Add("tarndbud_last_run_duration_seconds", "How long the last operation on the database took.", labels,
-	    record->seconds);
+	    record.seconds);
 	metrics.Add("tarndbud_last_run_downloaded_bytes", "What the last operation on the database downloaded.", labels,
-	    record->downloaded_bytes);
+	    record.downloaded_bytes);
 	metrics.Add("tarndbud_downloaded_bytes_total", "What all operations on the database downloaded.",
-	    {{"database", id}}, record->downloaded_total);
-	if (!record->failure.empty()) {
+	    {{"database", id}}, record.downloaded_total);
+	if (!record.failure.empty()) {
 		metrics.Add("tarndbud_last_run_failure", "1, with the category of the failure of the last operation.",
-		    {{"database", id}, {"operation", record->operation}, {"category", record->failure}}, 1);
+		    {{"database", id}, {"operation", record.operation}, {"category", record.failure}}, 1);
 	}
 }
 
@@ -132,14 +123,15 @@ void MeasureHold(Metrics& metrics, const std::string& id, const Labels& labels) 
 	}
 }
 
-ExitCode MeasureDatabase(
-    const Services& services, Metrics& metrics, const std::optional<Document>& document, const std::string& id) {
+ExitCode MeasureDatabase(const Services& services, Metrics& metrics, const Offer& offer, const std::string& id) {
 	const Labels labels = {{"database", id}};
-	const std::optional<int> offered = OfferedVersion(document, id);
+	const std::optional<int> offered = offer.VersionOf(id);
 	if (offered) {
 		metrics.Add("tarndbud_offered_version", "Data version in the server's last document.", labels, *offered);
 	}
-	MeasureLastRun(metrics, id);
+	if (const auto run = offer.runs.find(id); run != offer.runs.end()) {
+		MeasureLastRun(metrics, id, run->second);
+	}
 	metrics.Add("tarndbud_scheduled", "Whether scheduled updates include the database.", labels,
 	    services.config->GetDatabaseConfig(id)->GetScheduled());
 	MeasureHold(metrics, id, labels);
@@ -165,14 +157,13 @@ void Declare(CLI::App& app, Options& options) {
 
 ExitCode Run(const Services& services, const Options& options) {
 	Metrics metrics;
-	const std::optional<Document> document = ReadDocument(services);
-	if (document) {
-		metrics.Add(
-		    "tarndbud_document_timestamp_seconds", "When the server's last document was fetched.", {}, document->time);
+	const Offer offer = ReadOffer(services);
+	if (const std::optional<std::int64_t> time = offer.Time()) {
+		metrics.Add("tarndbud_document_timestamp_seconds", "When the server's last document was fetched.", {}, *time);
 	}
 	MeasureVolume(services, metrics);
 	const ExitCode code = ForEachDatabase(services, services.config->GetDatabaseIDs(),
-	    [&](const std::string& id) { return MeasureDatabase(services, metrics, document, id); });
+	    [&](const std::string& id) { return MeasureDatabase(services, metrics, offer, id); });
 	if (options.path.empty()) {
 		services.terminal.Say(metrics.Text());
 	} else {

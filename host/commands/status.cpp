@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <ctime>
 #include <set>
 
@@ -40,10 +41,18 @@ void ShowHold(StatusRow& row) {
 	}
 }
 
-/** Times are whole seconds: of two runs within one, the last run came later. */
+/** Clocks jump, so times are compared only where the last run tells nothing: it neither succeeded nor failed. */
 bool IsOver(const FailureRecord& failure, const RunRecord& last_run) {
-	return last_run.exit_status == kDone ? last_run.time >= failure.time
-	                                     : last_run.last_success.value_or(0) > failure.time;
+	switch (last_run.exit_status) {
+	case kDone:
+		return true;
+	case kAboveOffered:
+	case kBeyondBudget:
+	case kHeld:
+		return last_run.last_success.value_or(0) > failure.time;
+	default:
+		return false;
+	}
 }
 
 void AddHistory(StatusRow& row, int installed) {
@@ -65,9 +74,14 @@ void TellNextRun(const Services& services, const std::optional<NextRun>& next, s
 	if (!services.next_run) {
 		return;
 	}
-	if (next) {
-		services.terminal.Say("Next scheduled run: " + FormatMoment(next->time) + ", in " +
-		                      FormatDuration(next->time - now) + ", by " + next->by + ".\n");
+	if (next && next->time) {
+		const std::time_t until = std::max<std::time_t>(*next->time - now, 0); // A clock may have jumped over it.
+		services.terminal.Say("Next scheduled run: " + FormatMoment(*next->time) + ", in " + FormatDuration(until) +
+		                      ", by " + next->by + ".\n");
+	} else if (next && next->is_running) {
+		services.terminal.Say("The run that " + next->by + " has started is at work.\n");
+	} else if (next) {
+		services.terminal.Say("The next run is scheduled by " + next->by + ", which does not tell its time.\n");
 	} else {
 		services.terminal.Say(
 		    std::string("No run is scheduled: neither by ") + kTimerUnit + " nor by " + kCronTable + ".\n");

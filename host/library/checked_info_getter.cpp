@@ -45,6 +45,12 @@ std::string ReadBeginning(const std::string& path) {
 	return beginning;
 }
 
+/** One fetched while the clock was ahead would be used until then, and nothing would be updated meanwhile. */
+bool IsFromTheFuture() {
+	struct stat status {};
+	return stat(dataupdate::kCachedInfo, &status) == 0 && status.st_mtime > std::time(nullptr);
+}
+
 /** Whether there was a document to drop. */
 bool DropDocument() {
 	if (unlink(dataupdate::kCachedInfo) == 0) {
@@ -180,6 +186,10 @@ Json::Value CheckedInfoGetter::GetDatabaseInfo() const {
 
 Json::Value CheckedInfoGetter::FetchDatabaseInfo() const {
 	try {
+		if (IsFromTheFuture()) {
+			const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, lock_seconds_);
+			DropDocument();
+		}
 		return dataupdate::GetFreshInfo(
 		    *io_, [this] { return GetDatabaseUrl(); }, lock_seconds_);
 	} catch (const UpdateError& error) {
@@ -200,8 +210,9 @@ std::string CheckedInfoGetter::CacheStamp() const {
 	if (stat(dataupdate::kCachedInfo, &status) != 0) {
 		return "";
 	}
+	const bool is_old = std::time(nullptr) - status.st_mtime > dataupdate::kFreshInfoSeconds;
 	return std::to_string(status.st_ino) + " " + std::to_string(status.st_mtim.tv_sec) + " " +
-	       std::to_string(status.st_mtim.tv_nsec);
+	       std::to_string(status.st_mtim.tv_nsec) + (is_old ? " old" : "");
 }
 
 std::string CheckedInfoGetter::DescribeUse() const {

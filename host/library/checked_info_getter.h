@@ -46,9 +46,9 @@ void LimitDownloads(const std::shared_ptr<DownloadLimits>& limits);
 /**
  * Turns whatever a malformed document raises into an UpdateError that names the server's link or the file. A version
  * that is not written in digits alone is refused as well, though the library would read what it begins with. The
- * server's document is kept as long as nobody drops or renews the cached file, and the failure to get it for the
- * object's life, so that one run makes one request; an older document could bring an older version back. Not for use by
- * several threads at once.
+ * server's document is kept for as long as the cached file is used, and nobody drops or renews it, and the failure to
+ * get it for the object's life, so that a short run makes one request; an older document could bring an older version
+ * back. A cached document that is dated in the future is fetched again. Not for use by several threads at once.
  */
 class CheckedInfoGetter : public dataupdate::InfoGetter {
 public:
@@ -70,7 +70,7 @@ public:
 protected:
 	/** The document from the server or the cache, kept by GetDatabaseInfo(). */
 	virtual Json::Value FetchDatabaseInfo() const;
-	/** What changes whenever somebody drops or renews the cached document. */
+	/** What changes whenever somebody drops or renews the cached document, and when it gets too old to be used. */
 	virtual std::string CacheStamp() const;
 	/** How long the document at hand is going to be used, as an addition to a sentence. */
 	virtual std::string DescribeUse() const;

@@ -162,15 +162,12 @@ std::string DescribeDocument(const Json::Value& document, const std::string& id)
 }
 
 std::string DescribeCaching(std::time_t modified, std::time_t now) {
-	const std::string advice = "; correct the server or the way to it, and run \"tarndbudctl refresh\"";
-	if (modified > now) {
-		return advice + "; the answer is dated in the future and would be used until then";
-	}
 	const std::time_t end = modified + dataupdate::kFreshInfoSeconds;
 	if (end < now) {
 		return "";
 	}
-	return advice + " unless you can wait until " + FormatClock(end + 1) + ", when it is asked for again";
+	return "; correct the server or the way to it, and run \"tarndbudctl refresh\" unless you can wait until " +
+	       FormatClock(end + 1) + ", when it is asked for again";
 }
 
 } // namespace tarn::ctl

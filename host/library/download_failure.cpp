@@ -24,6 +24,10 @@ struct Hint {
 /** The client has one exit status for all that can go wrong between it and the server, so its words tell more. */
 constexpr int kUnreached = TLIBC_ERR_EXIT + 4;
 
+constexpr char kMissingHint[] =
+    "the server answered with an error: check that it offers this file, and ask it again by "
+    "\"tarndbudctl refresh\", as a release may have been withdrawn";
+
 /** Of several that fit, the first counts. */
 constexpr Hint kHints[] = {
     {TLIBC_ERR_DOWNLOAD + TLIBC_DOWNLOAD_TOO_LARGE, "",
@@ -38,6 +42,7 @@ constexpr Hint kHints[] = {
     {TLIBC_ERR_EXIT + 3, "", "wget could not write the file: check the free space and the file system"},
     {kUnreached, "unable to resolve", "the name of the host is not known: check it, and the name servers"},
     {kUnreached, "Connection refused", "nothing listens at that port: check the host, the port and the server"},
+    {kUnreached, "Proxy tunneling failed", "the proxy refuses to pass the connection on: check the proxy's settings"},
     {kUnreached, "SSL connection", "what answers speaks no TLS: check the scheme, http or https, and the port"},
     {kUnreached, "timed out", "the server does not answer: check the network, the host, the port and firewalls"},
     {kUnreached, "No route to host", "there is no way to the host: check the network and firewalls"},
@@ -47,9 +52,8 @@ constexpr Hint kHints[] = {
     {TLIBC_ERR_EXIT + 5, "", "the server's certificate is not trusted: check the clock and the certificates"},
     {TLIBC_ERR_EXIT + 6, "", "the server or the proxy wants a password: check the proxy's settings"},
     {TLIBC_ERR_EXIT + 7, "", "what answered speaks no HTTP: check the scheme, the host and the port"},
-    {TLIBC_ERR_EXIT + 8, "ERROR 404",
-        "the server answered with an error: check that it offers this file, and ask it again by "
-        "\"tarndbudctl refresh\", as a release may have been withdrawn"},
+    {TLIBC_ERR_EXIT + 8, "ERROR 404", kMissingHint},
+    {TLIBC_ERR_EXIT + 8, "ERROR 403", kMissingHint}, // What some stores answer for what they do not have.
     {TLIBC_ERR_EXIT + 8, "", "the server answered with an error: check that it offers this file"},
     {ENOENT, "", "/usr/bin/wget could not be started: install wget"},
     {EACCES, "", "/usr/bin/wget could not be started: check its permissions"},

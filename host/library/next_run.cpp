@@ -32,7 +32,7 @@ std::string AskSystemd() {
 	const UniqueFd output(memfd_create("timer", MFD_CLOEXEC));
 	process::Program program;
 	program.path = kSystemctl;
-	program.arguments = {"show", "--property=ActiveState,NextElapseUSecRealtime", kTimerUnit};
+	program.arguments = {"show", "--property=ActiveState,SubState,NextElapseUSecRealtime", kTimerUnit};
 	program.environment = {"PATH=/usr/bin:/bin", "LC_ALL=C", "TZ=UTC"};
 	program.streams = {process::kNullStream, output.Get(), process::kNullStream};
 	pid_t child = -1;
@@ -71,18 +71,20 @@ std::optional<std::time_t> NextByCron() {
 
 } // namespace
 
-std::optional<std::time_t> ParseTimer(const std::string& properties) {
+std::optional<NextRun> ParseTimer(const std::string& properties) {
 	constexpr char kMoment[] = "NextElapseUSecRealtime=";
 	std::istringstream lines(properties);
 	bool is_active = false;
-	std::optional<std::time_t> moment;
+	NextRun run;
+	run.by = kTimerUnit;
 	for (std::string line; std::getline(lines, line);) {
 		is_active = is_active || line == "ActiveState=active";
+		run.is_running = run.is_running || line == "SubState=running";
 		if (StartsWith(line, kMoment)) {
-			moment = ParseMoment(line.substr(sizeof kMoment - 1));
+			run.time = ParseMoment(line.substr(sizeof kMoment - 1));
 		}
 	}
-	return is_active ? moment : std::nullopt;
+	return is_active ? std::optional(run) : std::nullopt;
 }
 
 std::optional<std::time_t> NextRunByTable(const std::string& table, std::time_t now) {
@@ -97,11 +99,11 @@ std::optional<std::time_t> NextRunByTable(const std::string& table, std::time_t 
 }
 
 std::optional<NextRun> FindNextRun() {
-	if (const std::optional<std::time_t> time = ParseTimer(AskSystemd())) {
-		return NextRun{*time, kTimerUnit};
+	if (std::optional<NextRun> run = ParseTimer(AskSystemd())) {
+		return run;
 	}
 	if (const std::optional<std::time_t> time = NextByCron()) {
-		return NextRun{*time, kCronTable};
+		return NextRun{time, kCronTable};
 	}
 	return std::nullopt;
 }

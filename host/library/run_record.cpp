@@ -6,6 +6,7 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/progress.h"
 #include "host/library/json_record.h"
+#include "host/library/last_document.h"
 #include "host/terminal/progress_file.h"
 
 #include <json/value.h>
@@ -94,8 +95,32 @@ void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
 	}
 }
 
-void Write(const std::string& id, const char* operation, const Beginning& beginning, ExitCode code,
-    Category category = Category::kOther) {
+/**
+ * A fetch that fails leaves no document; what the last document offered is then kept from the record before. An import
+ * drops the document on purpose: what a server offered is of no interest to a device that takes kits.
+ */
+void AddOffer(
+    const Services& services, const std::string& id, const std::optional<RunRecord>& before, Json::Value& object) {
+	if (const std::optional<LastDocument> document = ReadLastDocument(*services.io)) {
+		object["document_time"] = Json::Int64{document->time};
+		if (const std::optional<int> version = OfferedVersion(*document, id)) {
+			object["offered_version"] = *version;
+		}
+		return;
+	}
+	if (!before || object["operation"] == "import") {
+		return;
+	}
+	if (before->document_time) {
+		object["document_time"] = Json::Int64{*before->document_time};
+	}
+	if (before->offered_version) {
+		object["offered_version"] = *before->offered_version;
+	}
+}
+
+void Write(const Services& services, const std::string& id, const char* operation, const Beginning& beginning,
+    ExitCode code, Category category = Category::kOther) {
 	const std::optional<RunRecord> before = ReadRunRecord(id);
 	const std::uint64_t downloaded = dataupdate::DownloadedBytes() - beginning.downloaded_bytes;
 	Json::Value object(Json::objectValue);
@@ -109,6 +134,7 @@ void Write(const std::string& id, const char* operation, const Beginning& beginn
 	object["seconds"] = std::chrono::duration<double>(Clock::now() - beginning.time).count();
 	object["downloaded_bytes"] = Json::UInt64{downloaded};
 	object["downloaded_total"] = Json::UInt64{downloaded + (before ? before->downloaded_total : 0)};
+	AddOffer(services, id, before, object);
 	WriteResult(RunRecordPath(id), object);
 }
 
@@ -128,12 +154,12 @@ ExitCode RunRecorded(
 	} catch (...) {
 		if (!dataupdate::IsInterruptionRequested() || !IsEarlyEnd()) {
 			const Failure failure = ExplainException(*services.io, id);
-			Write(id, operation, beginning, failure.code, failure.category);
+			Write(services, id, operation, beginning, failure.code, failure.category);
 			RecordFailure(id, operation, failure);
 		}
 		throw;
 	}
-	Write(id, operation, beginning, code);
+	Write(services, id, operation, beginning, code);
 	return code;
 }
 
@@ -167,6 +193,12 @@ std::optional<RunRecord> ReadRunRecord(const std::string& id) {
 			record.last_success = record.time;
 		} else if (object.isMember("last_success")) {
 			record.last_success = object["last_success"].asInt64();
+		}
+		if (object.isMember("document_time")) {
+			record.document_time = object["document_time"].asInt64();
+		}
+		if (object.isMember("offered_version")) {
+			record.offered_version = object["offered_version"].asInt();
 		}
 		return record;
 	});

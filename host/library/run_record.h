@@ -22,6 +22,9 @@ struct RunRecord {
 	std::uint64_t downloaded_total = 0;       ///< By all operations since the first record.
 	std::string failure;                      ///< A word such as "download"; empty after a success.
 	std::optional<std::int64_t> last_success; ///< When an operation last succeeded, this one or an earlier one.
+	/** When the server's last document that was there at the end of an operation had been fetched. */
+	std::optional<std::int64_t> document_time;
+	std::optional<int> offered_version; ///< The version in that document.
 };
 
 /** No value when there is none, or none that can be read; later successes leave it. */

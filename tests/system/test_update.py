@@ -166,6 +166,15 @@ def test_a_document_of_one_second_more_is_asked_for_again(updated: Device, nginx
     assert len(documents(nginx.requests()[len(before) :])) == 1
 
 
+def test_a_document_that_was_fetched_while_the_clock_was_ahead_is_asked_for_again(updated: Device, nginx: Nginx) -> None:
+    before = nginx.requests()
+    tomorrow = int(time.time()) + 86400
+    os.utime(DOCUMENT, (tomorrow, tomorrow))
+    updated.run_ok("update", DATABASE)
+    assert len(documents(nginx.requests()[len(before) :])) == 1
+    assert DOCUMENT.stat().st_mtime < tomorrow
+
+
 def test_metrics_ask_for_no_document_however_old_it_is(updated: Device, nginx: Nginx) -> None:
     before = nginx.requests()
     second = int(time.time())

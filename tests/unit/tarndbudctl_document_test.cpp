@@ -1,10 +1,12 @@
 #include "base/unique_fd.h"
+#include "dataupdate/paths.h"
 #include "expect_error.h"
 #include "host/library/checked_info_getter.h"
 #include "host/library/document_problem.h"
 #include "host/library/services.h"
 #include "host/terminal/text.h"
 #include "mocks.h"
+#include "private_root.h"
 #include "temporary_directory.h"
 
 #include <gmock/gmock.h>
@@ -20,6 +22,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -102,20 +105,24 @@ TEST(DescribeCachingTest, NamesTheMomentWhenTheServerIsAskedAgain) {
 	constexpr std::time_t kModified = 1700000000;
 	EXPECT_THAT(DescribeCaching(kModified, kModified + 3600), HasSubstr("until " + FormatClock(kModified + 3601)));
 	EXPECT_EQ(DescribeCaching(kModified, kModified + 3601), "");
-	EXPECT_THAT(DescribeCaching(kModified, kModified - 10), HasSubstr("dated in the future"));
 }
 
 /** Hands out a document, or fails. */
-class TestedGetter : public CheckedInfoGetter {
+class HandingGetter : public CheckedInfoGetter {
 public:
-	TestedGetter()
+	HandingGetter()
 	    : CheckedInfoGetter(
 	          std::make_shared<NiceMock<test::MockIOUtils>>(), std::make_shared<NiceMock<test::MockServiceConfig>>()) {
 		ON_CALL(*this, GetDatabaseUrl).WillByDefault(Return(kLink));
 	}
 	MOCK_METHOD(Json::Value, FetchDatabaseInfo, (), (const, override));
-	MOCK_METHOD(std::string, CacheStamp, (), (const, override));
 	MOCK_METHOD(std::string, GetDatabaseUrl, (), (const, override));
+};
+
+/** Looks at no file either. */
+class TestedGetter : public HandingGetter {
+public:
+	MOCK_METHOD(std::string, CacheStamp, (), (const, override));
 };
 
 TEST(CheckedInfoGetterTest, AsksForTheDocumentOnceInARun) {
@@ -124,6 +131,28 @@ TEST(CheckedInfoGetterTest, AsksForTheDocumentOnceInARun) {
 	EXPECT_EQ(getter.GetRemoteInfo("geo").data_version, 9);
 	EXPECT_TRUE(getter.GetDiffInfos("geo").empty());
 	EXPECT_EQ(getter.GetRemoteInfo("geo").download_link, "http://x/");
+}
+
+class DatedDocumentTest : public test::FixedPathsTest {};
+
+TEST_F(DatedDocumentTest, IsAskedForAgainInALongRun) {
+	test::WriteFile(dataupdate::kCachedInfo, "{}");
+	NiceMock<HandingGetter> getter;
+	EXPECT_CALL(getter, FetchDatabaseInfo).WillRepeatedly(Return(Parse(ENTRY(GOOD))));
+	std::time_t fetched = 0;
+	do { // Until it was still young after it was read.
+		fetched = std::time(nullptr) - dataupdate::kFreshInfoSeconds + 1;
+		const timespec time = {fetched, 0};
+		const std::array<timespec, 2> times = {time, time};
+		ASSERT_EQ(utimensat(AT_FDCWD, dataupdate::kCachedInfo, times.data(), 0), 0);
+		getter.GetDatabaseInfo();
+	} while (std::time(nullptr) - fetched > dataupdate::kFreshInfoSeconds);
+	testing::Mock::VerifyAndClearExpectations(&getter);
+	while (std::time(nullptr) - fetched <= dataupdate::kFreshInfoSeconds) {
+		usleep(10000);
+	}
+	EXPECT_CALL(getter, FetchDatabaseInfo).WillOnce(Return(Parse(ENTRY(GOOD))));
+	getter.GetDatabaseInfo();
 }
 
 TEST(CheckedInfoGetterTest, TakesUpADocumentThatSomebodyElseFetched) {

@@ -139,6 +139,11 @@ TEST(FailureTest, TellsByTheClientsWordsWhyTheServerWasNotReached) {
 	    "failed: Connection refused)");
 	EXPECT_THAT(describe("wget: unable to resolve host address 'x'"), StartsWith("the name of the host is not known"));
 	EXPECT_THAT(describe("Unable to establish SSL connection."), StartsWith("what answers speaks no TLS"));
+	EXPECT_THAT(describe("Proxy tunneling failed: Proxy Authentication RequiredUnable to establish SSL connection."),
+	    StartsWith("the proxy refuses"));
+	for (const char* missing : {"ERROR 404: Not Found.", "ERROR 403: Forbidden."}) {
+		EXPECT_THAT(DescribeClientFailure(TLIBC_ERR_EXIT + 8, missing), HasSubstr("\"tarndbudctl refresh\""));
+	}
 	EXPECT_THAT(describe("failed: Connection timed out."), StartsWith("the server does not answer"));
 	EXPECT_THAT(describe("Read error"), StartsWith("the server cannot be reached or breaks off"));
 	EXPECT_THAT(DescribeClientFailure(TLIBC_ERR_EXIT + 8, "ERROR 404: Connection refused."),

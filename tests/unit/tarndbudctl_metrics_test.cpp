@@ -61,6 +61,13 @@ protected:
 		return doubles_.out.str();
 	}
 
+	/** When the document was fetched. */
+	static std::string TimeIn(const std::string& metrics) {
+		const std::string name = "\ntarndbud_document_timestamp_seconds ";
+		const std::size_t begin = metrics.find(name) + name.size();
+		return metrics.substr(begin, metrics.find('\n', begin) - begin);
+	}
+
 	test::Doubles doubles_;
 	Options options_;
 };
@@ -119,6 +126,26 @@ TEST_F(MetricsCommandTest, ToldNothingOfASilentServer) {
 	EXPECT_THAT(text, Not(HasSubstr("offered_version")));
 	EXPECT_THAT(text, Not(HasSubstr("document_timestamp")));
 	EXPECT_THAT(text, Not(HasSubstr("last_run")));
+}
+
+TEST_F(MetricsCommandTest, TellsWhatWasOfferedLastWhenTheServerHasFallenSilent) {
+	doubles_.Install(8, "geo");
+	const auto fail = []() -> ExitCode { throw CommandError(kFailed, "silent"); };
+	WriteFile(
+	    dataupdate::kCachedInfo, R"({"db_list":{"geo":{"data_version":"9","last_fetch_time":1,"download_link":"x"}}})");
+	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kDone; }), kDone);
+	const std::string heard = Run();
+	EXPECT_THAT(heard, HasSubstr("tarndbud_document_timestamp_seconds "));
+	std::filesystem::remove(dataupdate::kCachedInfo);
+	for (int times = 0; times < 2; ++times) {
+		EXPECT_THROW(RunRecorded(doubles_.services, "geo", "update", fail), CommandError);
+		const std::string text = Run();
+		EXPECT_THAT(text, HasSubstr("tarndbud_offered_version{database=\"geo\"} 9\n"));
+		EXPECT_THAT(text, HasSubstr("tarndbud_above_offered{database=\"geo\"} 0\n"));
+		EXPECT_THAT(text, HasSubstr("tarndbud_document_timestamp_seconds " + TimeIn(heard) + "\n"));
+	}
+	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "import", [] { return kDone; }), kDone);
+	EXPECT_THAT(Run(), Not(HasSubstr("offered_version"))) << "a kit may be later than any document";
 }
 
 TEST_F(MetricsCommandTest, TellsHowTheLastRunWent) {

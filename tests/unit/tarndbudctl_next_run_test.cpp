@@ -74,12 +74,25 @@ TEST_F(NextRunTest, TakesTheFirstLineOfATableThatUpdates) {
 }
 
 TEST_F(NextRunTest, ReadsWhatSystemdTellsOfAnActiveTimer) {
-	EXPECT_EQ(
-	    ParseTimer("NextElapseUSecRealtime=Mon 2026-11-23 03:12:45 UTC\nActiveState=active\n"), At(3, 12, 45, 23));
-	EXPECT_EQ(ParseTimer("ActiveState=active\nNextElapseUSecRealtime=@1795403565\n"), 1795403565);
-	EXPECT_EQ(ParseTimer("NextElapseUSecRealtime=Mon 2026-11-23 03:12:45 UTC\nActiveState=inactive\n"), std::nullopt);
-	EXPECT_EQ(ParseTimer("NextElapseUSecRealtime=\nActiveState=active\n"), std::nullopt);
-	EXPECT_EQ(ParseTimer(""), std::nullopt);
+	const auto moment = [](const std::string& properties) {
+		const std::optional<NextRun> run = ParseTimer(properties);
+		return run ? run->time : std::nullopt;
+	};
+	EXPECT_EQ(moment("NextElapseUSecRealtime=Mon 2026-11-23 03:12:45 UTC\nActiveState=active\n"), At(3, 12, 45, 23));
+	EXPECT_EQ(moment("ActiveState=active\nNextElapseUSecRealtime=@1795403565\n"), 1795403565);
+	EXPECT_FALSE(ParseTimer("NextElapseUSecRealtime=Mon 2026-11-23 03:12:45 UTC\nActiveState=inactive\n"));
+	EXPECT_FALSE(ParseTimer(""));
+}
+
+TEST_F(NextRunTest, TellsATimerWhoseRunIsAtWorkFromOneThatTellsNoTime) {
+	const auto running = ParseTimer("NextElapseUSecRealtime=\nActiveState=active\nSubState=running\n");
+	ASSERT_TRUE(running);
+	EXPECT_TRUE(running->is_running);
+	EXPECT_FALSE(running->time);
+	const auto waiting = ParseTimer("NextElapseUSecRealtime=\nActiveState=active\nSubState=waiting\n");
+	ASSERT_TRUE(waiting);
+	EXPECT_FALSE(waiting->is_running);
+	EXPECT_EQ(waiting->by, kTimerUnit);
 }
 
 } // namespace

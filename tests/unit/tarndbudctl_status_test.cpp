@@ -110,6 +110,38 @@ TEST_F(StatusTest, TellsAFailureUntilAnOperationSucceeds) {
 	EXPECT_GT(array[0]["last_success"].asInt64(), 1000);
 }
 
+TEST_F(StatusTest, TellsOfATimerAlsoWhileItTellsNoTime) {
+	const auto shown = [this](const NextRun& run) {
+		doubles_.services.next_run = [run] { return std::optional(run); };
+		doubles_.out.str("");
+		EXPECT_EQ(Run({"geo"}, false), kDone);
+		return doubles_.out.str();
+	};
+	EXPECT_THAT(shown({std::nullopt, "a.timer", true}), HasSubstr("The run that a.timer has started is at work.\n"));
+	EXPECT_THAT(shown({std::nullopt, "a.timer", false}),
+	    HasSubstr("The next run is scheduled by a.timer, which does not tell its time.\n"));
+	EXPECT_THAT(shown({1000, "a.timer", false}), HasSubstr(", in 0 min, by a.timer.\n")) << "a clock jumped over it";
+	doubles_.out.str("");
+	EXPECT_EQ(RunJson({"geo"})[0]["next_run"], 1000);
+}
+
+TEST_F(StatusTest, TellsAFailureUntilAnOperationSucceedsThoughTheClockJumped) {
+	const auto record = [](const std::string& name, const std::string& members) {
+		test::WriteFile("/var/lib/data_update/geo/" + name, R"({"operation":"fix",)" + members + "}");
+	};
+	const auto shown = [this] {
+		doubles_.out.str("");
+		EXPECT_EQ(Run({"geo"}, false), kDone);
+		return doubles_.out.str();
+	};
+	record("last_failure.json", R"("time":9000000000,"exit_status":1,"error":"Torn.")");
+	record("last_run.json", R"("time":1000,"exit_status":0)");
+	EXPECT_THAT(shown(), testing::Not(HasSubstr("Torn"))) << "it failed while the clock was ahead";
+	record("last_failure.json", R"("time":1000,"exit_status":1,"error":"Torn.")");
+	record("last_run.json", R"("time":1000,"exit_status":1,"last_success":9000000000)");
+	EXPECT_THAT(shown(), HasSubstr("Torn")) << "the success before it was while the clock was ahead";
+}
+
 TEST_F(StatusTest, NamesAFixAloneForWhatIsUnfinishedAndHeld) {
 	doubles_.Install(5);
 	test::WriteFile("/var/lib/data_update/geo/version.json", "{}");
