@@ -22,12 +22,18 @@ static int Print(const char* path) {
 		perror(path);
 		return EXIT_FAILURE;
 	}
-	while ((count = fread(block, 1, sizeof block, file)) > 0) {
-		fwrite(block, 1, count, stdout);
+	while ((count = fread(block, 1, sizeof block, file)) > 0 && fwrite(block, 1, count, stdout) == count) {
 	}
-	const int failed = ferror(file) | fflush(stdout);
+	int status = EXIT_SUCCESS;
+	if (ferror(file)) {
+		perror(path);
+		status = EXIT_FAILURE;
+	} else if (fflush(stdout) != 0 || ferror(stdout)) { /* What was not written before is not in the buffer any more. */
+		perror("standard output");
+		status = EXIT_FAILURE;
+	}
 	fclose(file);
-	return failed ? EXIT_FAILURE : EXIT_SUCCESS;
+	return status;
 }
 
 /*

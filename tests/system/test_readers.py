@@ -66,6 +66,17 @@ def test_a_reader_without_its_arguments_says_what_it_wants(reader: str) -> None:
     assert result.stderr.startswith("usage: reader")
 
 
+@pytest.mark.parametrize("size", (1, 1000 * 4096))
+def test_a_reader_tells_that_its_output_could_not_be_written(
+    connected: Device, publisher: Publisher, reader: str, tmp_path: Path, size: int
+) -> None:
+    publisher.publish(trees.write_tree(tmp_path / "tree", {"list": b"0" * size}), DATABASE, "--level", "1")
+    connected.update(DATABASE)
+    result = programs.run("/bin/sh", "-c", 'exec "$@" >/dev/full', "sh", *printing(reader, connected, 0))
+    assert result.status == 1, str(result)
+    assert "No space left on device" in result.stderr
+
+
 @TRACED
 def test_a_reader_waits_for_a_replacement_that_is_running(
     connected: Device, publisher: Publisher, reader: str, tmp_path: Path
