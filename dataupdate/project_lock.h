@@ -22,8 +22,10 @@ extern "C" {
  * @param project          database id
  * @param timeout_seconds  how long to wait for a running replacement; 0 tries once
  * @return a descriptor to pass to TARNDBUDReleaseFileLock(); -1 when the time was up; -2 when the database is not
- *         configured, the configuration cannot be read, or no update has ever run (the lock file,
- *         "/run/data_update/using_<project>.lock", is created by the first replacement)
+ *         configured, the configuration cannot be read, or the lock file cannot be opened
+ *
+ * The lock file, "/run/data_update/using_<project>.lock", does not survive a restart. It is missing until "tarndbudctl
+ * init" has made it, which it does for every installed database, or until the next replacement.
  *
  * The descriptor is closed on exec. JsonCpp's exceptions pass through for a configuration file that holds no object.
  */

@@ -72,7 +72,9 @@ int main(int argc, char** argv) {
 	}
 	const int lock = TARNDBUDGetFileLock(argv[1], strtoul(argv[2], NULL, 10));
 	if (lock < 0) {
-		fprintf(stderr, lock == -1 ? "%s is being replaced\n" : "%s was never installed here\n", argv[1]);
+		const char* why =
+		    lock == -1 ? "is being replaced" : "is not installed, or tarndbudctl init has not run since the restart";
+		fprintf(stderr, "%s %s\n", argv[1], why);
 		return TRY_LATER;
 	}
 	const int status = PrintAll(argv[1], argv + 3);

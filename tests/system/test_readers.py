@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 from harness import programs, tracing, trees, views, waiting
 from harness.alternation import Alternation
-from harness.device import DATABASE, Device
+from harness.device import DATABASE, RUN, Device
 from harness.publisher import Publisher
 from harness.webserver import Nginx
 
@@ -75,6 +75,20 @@ def test_a_reader_tells_that_its_output_could_not_be_written(
     result = programs.run("/bin/sh", "-c", 'exec "$@" >/dev/full', "sh", *printing(reader, connected, 0))
     assert result.status == 1, str(result)
     assert "No space left on device" in result.stderr
+
+
+def test_a_reader_in_c_names_what_makes_its_lock_file_after_a_restart(
+    connected: Device, publisher: Publisher, c_reader: Path, tmp_path: Path
+) -> None:
+    publish(publisher, tmp_path / "tree", "0")
+    connected.update(DATABASE)
+    for lock in RUN.iterdir():
+        lock.unlink()
+    result = programs.run(*printing(str(c_reader), connected, 0))
+    assert (result.status, result.stdout) == (75, "")
+    assert result.stderr == f"{DATABASE} is not installed, or tarndbudctl init has not run since the restart\n"
+    connected.run_ok("init")
+    assert programs.run_ok(*printing(str(c_reader), connected, 0)).stdout == "0"
 
 
 @TRACED
