@@ -137,7 +137,11 @@ private:
  */
 [[nodiscard]] TARNDBUD_EXPORT RemoteInfo Retarget(RemoteInfo remote, int version);
 
-/** Settles the storage volume; to be called once when a host starts, before any update. */
+/**
+ * Settles the storage volume; to be called once when a host starts, before any update. Takes no lock but that on the
+ * settings: hold FileLock(kUpdateAnyLock, kLockTimeout) meanwhile, or a volume may be adopted from which another
+ * process moves the databases away. Release it before an update, which takes the same lock and would wait for you.
+ */
 TARNDBUD_EXPORT void InitService();
 
 } // namespace tarn::dataupdate

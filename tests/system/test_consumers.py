@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+import json
 from pathlib import Path
 
 import pytest
-from harness import programs
+from harness import programs, waiting
+from harness.device import CONFIGURATION, Device
+from harness.volumes import Volumes
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 
@@ -21,6 +24,25 @@ def built(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 def test_a_host_in_cpp_is_built_by_find_package_and_runs(clean_device: None, built: Path) -> None:
     programs.run_ok(built / "host")
+
+
+def chosen_volume() -> str:
+    return json.loads((CONFIGURATION / "data_update.conf").read_text())["config"]["cur_volume"]
+
+
+def test_a_host_chooses_no_volume_while_databases_may_move(clean_device: None, volumes: Volumes, built: Path) -> None:
+    device = Device(None, "127.0.0.1:9")
+    device.configure()
+    volume = volumes.make("directory")
+    device.list_volumes(volume, patterns=())
+    with device.locked("update_any.lock"):
+        host = programs.Running([str(built / "host")])
+        lock = device.lock_path("update_any.lock")
+        waiting.until(lambda: host.has_ended() or waiting.has_open(host.pid, lock), "the host waits")
+        assert not host.has_ended()
+        assert chosen_volume() == ""
+    assert host.wait().status == 0
+    assert chosen_volume() == str(volume)
 
 
 def test_a_version_that_is_not_compatible_is_not_found(tmp_path: Path) -> None:
