@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 from harness import trees, waiting
-from harness.device import DATABASE, Device
+from harness.device import DATABASE, DOCUMENT, STATUS, Device
 from harness.fleet import Machine, Machines, Prometheus
 from harness.publisher import Publisher
 
@@ -95,11 +95,31 @@ def test_the_dashboard_is_one_that_can_be_imported() -> None:
         assert panel["description"], panel["title"]
 
 
-def test_metrics_of_rules_and_dashboard_are_those_of_real_machines(told: str) -> None:
+def test_metrics_of_rules_and_dashboard_are_those_of_real_machines(told: str, connected: Device) -> None:
+    connected.run_ok("hold", DATABASE, "2")
+    told += connected.run_ok("metrics").stdout
     names = set(re.findall(r"\b(?:tarndbud|node_textfile)_[a-z_]+\b", RULES.read_text() + DASHBOARD.read_text()))
     assert len(names) > 10
     for name in names:
         assert re.search(rf"^{name}[{{ ]", told, re.MULTILINE), name
+
+
+def test_only_a_hold_without_a_version_leaves_a_machine_without_runs_and_without_the_servers_document(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_random_tree(tmp_path / "tree", 1, count=3, size=1000)
+    publisher.publish(tree, DATABASE, "--level", "1")
+    connected.update(DATABASE)
+    trees.write_tree(tree, {"other": b"other"})
+    publisher.publish(tree, DATABASE, "--level", "1")
+    publisher.package(DATABASE, 2).unlink()
+    last_run = STATUS / DATABASE / "last_run.json"
+    for hold, status in (((), 0), (("1",), 0), (("2",), 1)):
+        connected.run_ok("hold", DATABASE, *hold)
+        connected.forget_document()
+        last_run.unlink(missing_ok=True)
+        assert connected.run("update").status == status
+        assert (last_run.exists(), DOCUMENT.exists()) == (bool(hold), bool(hold)), hold
 
 
 @pytest.fixture
