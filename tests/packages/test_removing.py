@@ -38,6 +38,7 @@ def kept(machine: Machine) -> str:
 def test_removing_keeps_settings_records_and_data(machine: Machine) -> None:
     machine.do(f"mkdir -p $(dirname {EDITED}); printf '[Timer]\\nRandomizedDelaySec=1h\\n' >{EDITED}")
     before, was = kept(machine), status(machine)
+    assert machine.do("systemctl is-enabled tarndbud-update.timer") == "enabled\n"
     machine.do(f"apt-get remove {PACKAGES}")
     assert machine.try_to("command -v tarndbudctl").status == 1
     assert kept(machine) == before
@@ -45,6 +46,7 @@ def test_removing_keeps_settings_records_and_data(machine: Machine) -> None:
         active = machine.do("systemctl list-units --no-legend --plain --state=active 'tarndbud-*' | cut -d' ' -f1")
         assert [unit for unit in active.split() if not unit.startswith("tarndbud-volume@")] == []
     machine.do("apt-get install ./build/packages/*.deb")
+    assert machine.try_to("systemctl is-enabled tarndbud-update.timer").stdout == "disabled\n"
     assert kept(machine) == before
     assert status(machine) == was
     machine.do("tarndbudctl check")

@@ -111,6 +111,18 @@ def test_the_crontab_line_updates_what_is_scheduled(
     trees.assert_same(tree, configured.device.installed(DATABASE))
 
 
+@pytest.mark.parametrize("heading", ["Scheduling", "Watching a fleet"])
+def test_a_crontab_line_is_quiet_once_the_packages_are_removed(heading: str, tmp_path: Path) -> None:
+    (line,) = DOCUMENT.steps(heading, "crontab")
+    _, root, command = line.commands.partition(" root ")
+    assert root and "/usr/bin/tarndbudctl" in command
+    for name in ("sleep", "shuf"):
+        (tmp_path / name).symlink_to(f"/usr/bin/{name}")
+    command = command.replace("/usr/bin/tarndbudctl", f"{tmp_path}/tarndbudctl").replace("0-21599", "0-0")
+    result = programs.run("/bin/sh", "-c", command, env={"PATH": str(tmp_path)})
+    assert (result.stdout, result.stderr) == ("", "")
+
+
 def test_the_units_that_the_document_names_are_installed(product: None) -> None:
     text = "".join(DOCUMENT.section(heading) for heading in DOCUMENT.headings())
     named = {re.sub("@.*?\\.", "@.", unit) for unit in re.findall(r"tarndbud-[\w@]+\.(?:service|timer)", text)}
