@@ -125,3 +125,17 @@ def test_the_directory_of_locks_can_be_written_by_root_alone() -> None:
     subprocess.run(["systemd-tmpfiles", "--create", "/usr/lib/tmpfiles.d/tarndbud.conf"], check=True)
     status = Path("/run/data_update").stat()
     assert (status.st_mode & 0o7777, status.st_uid) == (0o755, 0)
+
+
+def test_the_directory_of_databases_outside_volumes_is_made_once(tmp_path: Path) -> None:
+    """A service that is confined to its directories cannot make it; its mode is the administrator's afterwards."""
+    settings = tmp_path / "usr/lib/tmpfiles.d/tarndbud.conf"
+    settings.parent.mkdir(parents=True)
+    settings.write_text(Path("/usr/lib/tmpfiles.d/tarndbud.conf").read_text())
+    command = ["systemd-tmpfiles", f"--root={tmp_path}", "--create", "--prefix=/var/db"]
+    subprocess.run(command, check=True)
+    directory = tmp_path / "var/db"
+    assert directory.stat().st_mode & 0o7777 == 0o755
+    directory.chmod(0o700)
+    subprocess.run(command, check=True)
+    assert directory.stat().st_mode & 0o7777 == 0o700
