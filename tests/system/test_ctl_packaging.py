@@ -7,10 +7,11 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from harness import programs
+from harness import programs, tracing
 from harness.device import DATABASE, Device
 
 MANUALS = Path("/usr/share/man")
+POSTINST = Path(__file__).resolve().parents[2] / "packaging/debian/tarndbud.postinst"
 UNITS = Path("/usr/lib/systemd/system")
 COMPLETIONS = Path("/usr/share/bash-completion/completions")
 PAGES = (
@@ -139,3 +140,22 @@ def test_the_directory_of_databases_outside_volumes_is_made_once(tmp_path: Path)
     directory.chmod(0o700)
     subprocess.run(command, check=True)
     assert directory.stat().st_mode & 0o7777 == 0o700
+
+
+@pytest.mark.skipif(not tracing.is_possible(), reason="other programs cannot be traced here")
+def test_settings_of_the_packages_get_their_names_when_they_are_on_the_disk(tmp_path: Path) -> None:
+    shipped, settings = tmp_path / "shipped", tmp_path / "settings"
+    (shipped / "data_update").mkdir(parents=True)
+    files = [shipped / "volumes.conf", shipped / "data_update/wgetrc"]
+    for file in files:
+        file.write_text("# a setting\n")
+    script = POSTINST.read_text().replace("/usr/share/tarndbud/settings", str(shipped))
+    script = script.replace("/usr/tarn/etc", str(settings)).replace("#DEBHELPER#", "")
+    report = tmp_path / "report"
+    calls = ["strace", "-f", "-y", "-qq", "-o", str(report), "-e", "trace=?fsync,?rename,?renameat,?renameat2"]
+    programs.run_ok(*calls, "/bin/sh", "-c", script, "postinst", "configure")
+    lines = report.read_text().splitlines()
+    for file in files:
+        assert (settings / file.relative_to(shipped)).read_text() == "# a setting\n"
+        done = [line.split()[1].partition("(")[0] for line in lines if f"{file.name}.dpkg-new" in line]
+        assert [call[:6] for call in done] == ["fsync", "rename"], file
