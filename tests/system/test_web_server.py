@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import http.client
+import os
 import re
+import socket
 import time
 from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
@@ -19,6 +21,8 @@ from harness.webserver import Nginx
 SOURCE = Path(__file__).resolve().parents[2]
 DOCUMENT = "/database_info/1"
 PACKAGE = f"/packages/{DATABASE}/{DATABASE}_v1.tarn"
+SLICE = 1 << 20
+"""What the proxy fetches at once of a package."""
 FOREVER = "public, max-age=31536000, immutable"
 
 
@@ -194,7 +198,93 @@ def test_the_proxy_fetches_a_package_once_for_all_devices_and_ranges(
     assert {answer.body for answer in answers} == {content}
     assert {answer.headers["X-Cache-Status"] for answer in answers} == {"HIT"}
     assert {answer.headers["Cache-Control"] for answer in answers} == {FOREVER}
-    assert upstream(published, PACKAGE) == [f"200 {len(content)} {PACKAGE}"]
+    assert upstream(published, PACKAGE) == [f"206 {len(content)} {PACKAGE}"]
+
+
+class SlowNginx(Nginx):
+    """An update server behind a slow line."""
+
+    def _server_block(self, template: str, directory: Path) -> str:
+        block = super()._server_block(template, directory)
+        return block.replace("location /packages/ {", "location /packages/ { limit_rate 1m;")
+
+
+@pytest.fixture
+def content(publisher: Publisher, tmp_path: Path) -> bytes:
+    """A package of several slices."""
+    publisher.publish(trees.write_random_tree(tmp_path / "tree", 7, count=1, size=3_500_000), DATABASE, "--level", "1")
+    return publisher.package(DATABASE, 1).read_bytes()
+
+
+@pytest.fixture
+def slow(publisher: Publisher, content: bytes, tmp_path: Path) -> Iterator[Nginx]:
+    made = SlowNginx(SOURCE / "packaging/nginx/tarndbud.conf", publisher.repository, tmp_path / "slow")
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def before_slow(slow: Nginx, tmp_path: Path) -> Iterator[CachingProxy]:
+    made = CachingProxy(slow, tmp_path / "proxy", document_seconds=3600)
+    yield made
+    made.close()
+
+
+def slices(content: bytes) -> list[str]:
+    """The requests for all slices of a package, each once."""
+    sizes = [min(SLICE, len(content) - begin) for begin in range(0, len(content), SLICE)]
+    assert len(sizes) > 2
+    return sorted(f"206 {size} {PACKAGE}" for size in sizes)
+
+
+def test_devices_side_by_side_all_get_bytes_of_a_package_that_comes_slowly(
+    slow: Nginx, before_slow: CachingProxy, content: bytes
+) -> None:
+    def fetch(delay: float) -> tuple[float, float, bytes]:
+        """When the first bytes came, when the last, and all of them."""
+        time.sleep(delay)
+        connection = http.client.HTTPConnection(before_slow.netloc, timeout=30)
+        connection.request("GET", PACKAGE)
+        response = connection.getresponse()
+        first = response.read(1)
+        begun = time.monotonic()
+        body = first + response.read()
+        connection.close()
+        return begun, time.monotonic(), body
+
+    with ThreadPoolExecutor(2) as pool:
+        (_, ended, first), (begun, _, second) = pool.map(fetch, (0, 0.2))
+    assert first == second == content
+    assert begun < ended - 1, "the second device waits for the whole package"
+    assert sorted(upstream(slow, PACKAGE)) == slices(content)
+
+
+def test_the_size_of_a_package_costs_one_slice(slow: Nginx, before_slow: CachingProxy, content: bytes) -> None:
+    answer = ask(before_slow, PACKAGE, "HEAD")
+    assert (answer.status, answer.headers["Content-Length"]) == (200, str(len(content)))
+    waiting.until(lambda: upstream(slow, PACKAGE) != [], "the slice is there")
+    time.sleep(1.5)  # for a next slice, which takes a second
+    assert upstream(slow, PACKAGE) == [f"206 {SLICE} {PACKAGE}"]
+
+
+def test_a_download_goes_on_through_the_proxy_where_it_was_interrupted(
+    slow: Nginx, before_slow: CachingProxy, content: bytes
+) -> None:
+    begin = 2 * SLICE + 1000
+    answer = ask(before_slow, PACKAGE, Range=f"bytes={begin}-")
+    assert (answer.status, answer.body) == (206, content[begin:])
+    assert answer.headers["Content-Range"] == f"bytes {begin}-{len(content) - 1}/{len(content)}"
+    assert len(upstream(slow, PACKAGE)) == len(slices(content)) - 2
+    assert ask(before_slow, PACKAGE, Range=f"bytes={len(content)}-").status == 416
+    assert ask(before_slow, PACKAGE).body == content
+
+
+def test_a_repository_that_was_copied_goes_on_with_slices_that_are_there(
+    publisher: Publisher, before_slow: CachingProxy, content: bytes
+) -> None:
+    assert ask(before_slow, PACKAGE, Range="bytes=0-9").body == content[:10]
+    os.utime(publisher.package(DATABASE, 1), (1, 1))
+    assert ask(before_slow, PACKAGE).body == content
 
 
 def test_a_new_document_comes_through_the_proxy_after_seconds(
@@ -219,6 +309,22 @@ def test_what_the_proxy_has_outlives_the_update_server(published: Nginx, tmp_pat
         waiting.until(lambda: ask(proxy, DOCUMENT).headers["X-Cache-Status"] == "STALE", "the document is old")
         assert ask(proxy, DOCUMENT).body == document.body
         assert ask(proxy, PACKAGE).body == package.body
+    finally:
+        proxy.close()
+
+
+def test_an_update_server_that_never_answers_holds_nobody_up_for_long(published: Nginx, tmp_path: Path) -> None:
+    proxy = CachingProxy(published, tmp_path / "proxy", document_seconds=1)
+    try:
+        document = ask(proxy, DOCUMENT)
+        published.close()
+        host, port = published.netloc.split(":")
+        with socket.create_server((host, int(port))):
+            time.sleep(2)  # until the document is old
+            begin = time.monotonic()
+            answer = ask(proxy, DOCUMENT)
+            assert 4 < time.monotonic() - begin < 9
+        assert (answer.headers["X-Cache-Status"], answer.body) == ("STALE", document.body)
     finally:
         proxy.close()
 
