@@ -6,14 +6,17 @@ import json
 import os
 import re
 import shutil
+import time
 from collections.abc import Callable, Iterator
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from harness import databases, programs, trees
+from harness import databases, programs, trees, waiting
 from harness.davstore import DavStore
 from harness.device import WGETRC, Device
 from harness.documents import Document
+from harness.publisher import Publisher
 from harness.volumes import Volumes
 from harness.walkthrough import Walkthrough
 from harness.webserver import Nginx, TlsNginx
@@ -213,6 +216,39 @@ def test_the_trial_of_the_packages_runs_what_changes_a_machine() -> None:
 def test_the_commands_that_no_test_runs_are_those_of_a_service_manager() -> None:
     lines = [line for heading in DOCUMENT.headings() for line in DOCUMENT.code("shell", heading).splitlines()]
     assert {re.split("[ |]", line)[0] for line in lines} <= {"sed", "nginx", "systemctl"}
+
+
+RSYNC = """#!/bin/sh
+# Copies with the options of the document, and gives somebody the time to publish after the packages.
+mkdir -p "$4" && cp -a "$3." "$4" && touch "$HOME/copied"
+while [ ! -e "$HOME/go" ]; do sleep 0.1; done
+"""
+
+
+def test_a_copy_has_the_packages_of_its_document_though_somebody_publishes_meanwhile(
+    publisher: Publisher, tmp_path: Path
+) -> None:
+    tree = trees.write_tree(tmp_path / "tree", {"file": b"1"})
+    publisher.publish(tree, DATABASE)
+    (tmp_path / "rsync").write_text(RSYNC)
+    (tmp_path / "rsync").chmod(0o755)
+    (command,) = [step.commands for step in DOCUMENT.steps("Unattended", "") if "rsync" in step.commands]
+    copy = tmp_path / "copy"
+    command = command.replace("mirror.example.org:/srv/tarndbud", str(copy)).replace("/srv/tarndbud", str(publisher.repository))
+    env = {**os.environ, "HOME": str(tmp_path), "PATH": f"{tmp_path}:{os.environ['PATH']}"}
+    copying = programs.Running(["/bin/sh", "-c", command], env=env)
+    waiting.until((tmp_path / "copied").exists, "the packages are copied")
+    trees.write_tree(tree, {"file": b"2"})
+    with ThreadPoolExecutor(1) as pool:
+        publishing = pool.submit(publisher.publish, tree, DATABASE)
+        time.sleep(2)
+        (tmp_path / "go").touch()
+        result = copying.wait()
+        publishing.result()
+    assert result.status == 0, str(result)
+    link = json.loads((copy / "database_info/1").read_text())["db_list"][DATABASE]["download_link"]
+    assert (copy / link[len(publisher.base) + 1 :]).exists(), link
+    assert publisher.package(DATABASE, 2).exists()
 
 
 def test_the_server_block_is_installed_where_the_document_says() -> None:
