@@ -12,7 +12,8 @@ from harness import trees
 from harness.device import DATABASE, WGETRC, Device
 from harness.faultserver import FaultServer
 from harness.publisher import Publisher
-from harness.webserver import TlsNginx
+from harness.volumes import may_mount
+from harness.webserver import Nginx, TlsNginx
 
 SOURCE = Path(__file__).resolve().parents[2]
 HOSTILE_SETTINGS = "header = X-Hostile: yes\nuser_agent = hostile\npost_file = /etc/passwd\nauth_no_challenge = on\n"
@@ -74,6 +75,46 @@ def test_the_administrators_settings_are_obeyed(offered: Device, faults: FaultSe
     WGETRC.write_text("header = X-Site: ours\n")
     offered.run_ok("update", DATABASE)
     assert [headers.get("X-Site") for headers in faults.headers()] == ["ours", "ours"]
+
+
+@pytest.fixture
+def two_addresses() -> Iterator[str]:
+    """A name with an address of IPv6, which comes first, and one of IPv4."""
+    hosts, name = Path("/etc/hosts"), "both.example"
+    if not may_mount():
+        pytest.skip("needs to write /etc/hosts")
+    before = hosts.read_text()
+    hosts.write_text(f"{before}\n::1 {name}\n127.0.0.1 {name}\n")
+    try:
+        if socket.getaddrinfo(name, 80)[0][0] != socket.AF_INET6:
+            pytest.skip("needs IPv6")
+        yield name
+    finally:
+        hosts.write_text(before)
+
+
+@pytest.mark.parametrize("is_set", [False, True])
+def test_the_shipped_line_for_broken_ipv6_keeps_downloads_off_it(
+    connected: Device, publisher: Publisher, nginx: Nginx, two_addresses: str, tmp_path: Path, is_set: bool
+) -> None:
+    shipped = (SOURCE / "packaging/conf/wgetrc").read_text()
+    line = "\n#prefer_family = IPv4\n"
+    assert line in shipped
+    WGETRC.write_text(shipped.replace(line, line.replace("#", "")) if is_set else shipped)
+    port = int(nginx.netloc.split(":")[1])
+    connected.netloc = f"{two_addresses}:{port}"
+    connected.configure()
+    publisher.base = f"http://{connected.netloc}"
+    publisher.publish(trees.write_tree(tmp_path / "tree", {"a": b"content"}), DATABASE)
+    with socket.create_server(("::1", port), family=socket.AF_INET6) as listener:
+        updating = connected.start("update", DATABASE)
+        if is_set:
+            assert updating.wait().status == 0
+        else:
+            listener.settimeout(30)
+            listener.accept()[0].close()
+    if not is_set:
+        assert updating.wait().status == 0, "IPv4 is tried afterwards"
 
 
 def test_settings_that_others_may_write_are_not_obeyed(
