@@ -83,14 +83,17 @@ def two_addresses() -> Iterator[str]:
     hosts, name = Path("/etc/hosts"), "both.example"
     if not may_mount():
         pytest.skip("needs to write /etc/hosts")
-    before = hosts.read_text()
-    hosts.write_text(f"{before}\n::1 {name}\n127.0.0.1 {name}\n")
+    before = hosts.read_text() if hosts.exists() else None
+    hosts.write_text(f"{before or ''}\n::1 {name}\n127.0.0.1 {name}\n")
     try:
         if socket.getaddrinfo(name, 80)[0][0] != socket.AF_INET6:
             pytest.skip("needs IPv6")
         yield name
     finally:
-        hosts.write_text(before)
+        if before is None:
+            hosts.unlink()
+        else:
+            hosts.write_text(before)
 
 
 @pytest.mark.parametrize("is_set", [False, True])
