@@ -20,22 +20,42 @@ std::string WithPoint(const std::string& digits) {
 	return digits.find_first_of(".e") == std::string::npos ? digits + ".0" : digits;
 }
 
-/** "mantissa / power of two", both of which are exact; only for exponents that leave the power below 2^63. */
-std::string Quotient(double value) {
+/**
+ * An integer below 2^53, multiplied or divided by powers of two. All are exact, and so is every step, which ends nearer
+ * to the value than it began.
+ */
+std::string Product(double value) {
 	constexpr int kMantissaBits = 53;
 	constexpr int kMaxPower = 62;
 	int exponent = 0;
 	const double fraction = std::frexp(value, &exponent);
 	auto mantissa = static_cast<std::int64_t>(std::ldexp(fraction, kMantissaBits));
-	int power = kMantissaBits - exponent;
-	while (mantissa % 2 == 0 && power > 0) {
+	int power = exponent - kMantissaBits;
+	while (mantissa % 2 == 0 && power < 0) {
 		mantissa /= 2;
-		--power;
+		++power;
 	}
-	if (power <= 0 || power > kMaxPower) {
-		return WithPoint(Digits(17, value));
+	std::string text = std::to_string(mantissa) + (power == 0 ? ".0" : "");
+	for (int left = std::abs(power); left > 0; left -= kMaxPower) {
+		const auto factor = std::int64_t{1} << static_cast<unsigned>(std::min(left, kMaxPower));
+		text += (power < 0 ? "/" : "*") + std::to_string(factor) + ".0";
 	}
-	return std::to_string(mantissa) + "/" + std::to_string(std::int64_t{1} << static_cast<unsigned>(power)) + ".0";
+	return text;
+}
+
+/**
+ * Whether SQLite reads a decimal number of 15 digits as a value on every processor: as an integer that is exact,
+ * rounded at most once, or divided by a power of ten that is exact.
+ */
+bool IsReadExactly(const std::string& digits, double value) {
+	constexpr int kMostDecimals = 22;
+	constexpr double kBelowAllIntegers = 9e17;
+	const std::size_t end = std::min(digits.find('e'), digits.size());
+	const std::size_t point = std::min(digits.find('.'), end);
+	const auto decimals = static_cast<int>(point == end ? 0 : end - point - 1);
+	const int power = end == digits.size() ? 0 : std::stoi(digits.substr(end + 1));
+	return decimals - power <= kMostDecimals && std::abs(value) < kBelowAllIntegers &&
+	       std::strtod(digits.c_str(), nullptr) == value;
 }
 
 std::string RealText(double value) {
@@ -43,7 +63,7 @@ std::string RealText(double value) {
 		return value > 0 ? "9e999" : "-9e999";
 	}
 	const std::string digits = Digits(15, value);
-	return std::strtod(digits.c_str(), nullptr) == value ? WithPoint(digits) : Quotient(value);
+	return IsReadExactly(digits, value) ? WithPoint(digits) : Product(value);
 }
 
 std::string HexLiteral(std::string_view bytes) {

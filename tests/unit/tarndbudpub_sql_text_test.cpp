@@ -83,7 +83,29 @@ TEST_F(SqlText, KeepsRealsToTheLastBit) {
 		const double size = std::ldexp(1.0, static_cast<int>(random_() % 70) - 20);
 		ExpectExact(Real(std::uniform_real_distribution<>(-size, size)(random_)));
 	}
+	for (int i = 0; i < 2000; ++i) {
+		std::uint64_t bits = random_() & ~(std::uint64_t{1} << 62U);
+		bits |= i % 2 == 0 ? 0 : std::uint64_t{1} << 62U;
+		double real = 0;
+		std::memcpy(&real, &bits, sizeof real);
+		if (std::isfinite(real)) {
+			ExpectExact(Real(real));
+		}
+	}
+	for (const double real : {5e-324, -2.2e-308, 1.7976931348623157e308, 1e17, 123456789012345e4, 1e22, 1e-22, 1e-23}) {
+		ExpectExact(Real(real));
+	}
+}
+
+TEST_F(SqlText, WritesNoDecimalsThatProcessorsReadInDifferentWays) {
+	const std::string power = "4611686018427387904.0";
 	EXPECT_EQ(Literal(Real(1.25)), "1.25");
+	EXPECT_EQ(Literal(Real(1e17)), "1e+17");
+	EXPECT_EQ(Literal(Real(1e-22)), "1e-22");
+	EXPECT_EQ(Literal(Real(0x1.8p63)), "6755399441055744*2048.0") << "of a value that 15 digits cannot tell";
+	EXPECT_EQ(Literal(Real(-0x1.0000000000001p-20)), "-4503599627370497/" + power + "/1024.0");
+	EXPECT_EQ(Literal(Real(9007199254740991.0)), "9007199254740991.0");
+	EXPECT_EQ(Literal(Real(9007199254740992.0)), "4503599627370496*2.0");
 	EXPECT_EQ(Literal(Real(1 / 3.0)), "6004799503160661/18014398509481984.0");
 }
 
