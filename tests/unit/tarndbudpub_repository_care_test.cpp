@@ -148,13 +148,15 @@ TEST_F(Pruning, EndsWhenItIsRunAgainAfterAKill) {
 	PublishUpTo(8);
 	RememberRepository();
 	const auto prune = [this] { Prune(); };
-	const int killed = KilledAtMoments(20, 100, prune, [this, prune] {
+	const auto expect_whole = [this, prune] {
 		EXPECT_TRUE(fs::exists(Package(8)) && fs::exists(Package(7)));
 		prune();
 		EXPECT_THAT(
 		    RepositoryFiles(), ElementsAre("database_info/1", "packages/db/db_v7.tarn", "packages/db/db_v8.tarn"));
-	});
-	EXPECT_GT(killed, 0);
+	};
+	while (KilledAtMoments(20, 100, prune, expect_whole) == 0) {
+		// On a busy machine every run may have ended before it was killed.
+	}
 }
 
 class CheckingRepository : public RepositoryCare {
