@@ -41,6 +41,7 @@ constexpr std::array<Setting, 10> kSettings = {
         {"auto vacuum", 52, 4, true}, // a page's number, which differs as the file grows
         {"incremental vacuum", 64, 4, true}}};
 constexpr Setting kEncoding = {"text encoding", 56, 4};
+constexpr std::size_t kReservedSpace = 20;
 
 std::string_view Field(const std::string& header, const Setting& setting) {
 	return std::string_view(header).substr(setting.offset, setting.size);
@@ -61,11 +62,25 @@ std::optional<std::string> FindSettingDifference(const std::string& before, cons
 	if (Field(after, kEncoding) != std::string_view("\0\0\0\1", 4)) {
 		return "the database's text is not in UTF-8";
 	}
+	if (after[kReservedSpace] != 0) { // checksums, for example, which SQLite leaves as they are
+		return "the database's pages hold bytes that are reserved for an extension";
+	}
 	return std::nullopt;
 }
 
 SQLite::Database OpenAlone(const std::string& path) {
 	return {AloneUri(path), SQLite::OPEN_READONLY | SQLite::OPEN_URI};
+}
+
+std::uint64_t NumberOf(const SQLite::Database& database, const std::string& pragma) {
+	SQLite::Statement query(database, "PRAGMA " + pragma);
+	query.executeStep();
+	return static_cast<std::uint64_t>(query.getColumn(0).getInt64());
+}
+
+/** Whether a file has bytes behind its last page, such as a signature, which statements do not change. */
+bool HasTrailer(const std::string& path, const SQLite::Database& database) {
+	return std::filesystem::file_size(path) != NumberOf(database, "page_count") * NumberOf(database, "page_size");
 }
 
 std::string_view BytesOf(const SQLite::Column& column) {
@@ -169,7 +184,12 @@ std::optional<std::string> FindScriptObstacle(const std::string& before, const s
 		return difference;
 	}
 	try {
-		return FindSchemaObstacle(OpenAlone(before), OpenAlone(after));
+		const SQLite::Database one = OpenAlone(before);
+		const SQLite::Database other = OpenAlone(after);
+		if (HasTrailer(before, one) || HasTrailer(after, other)) {
+			return "a database file has bytes behind its last page";
+		}
+		return FindSchemaObstacle(one, other);
 	} catch (const std::exception& error) {
 		return std::string("the databases cannot be compared: ") + error.what();
 	}
@@ -193,6 +213,15 @@ std::optional<std::string> FindContentDifference(const std::string& left, const 
 		return std::nullopt;
 	} catch (const std::exception& error) {
 		return std::string("the databases cannot be compared: ") + error.what();
+	}
+}
+
+void RequireSoundDatabase(const std::string& path) {
+	const SQLite::Database database = OpenAlone(path);
+	SQLite::Statement check(database, "PRAGMA integrity_check(1)");
+	check.executeStep();
+	if (const std::string answer = check.getColumn(0).getString(); answer != "ok") {
+		throw PublishError("the database is damaged: " + Printable(answer));
 	}
 }
 

@@ -18,10 +18,18 @@ namespace tarn::publisher {
 
 /**
  * The first difference in what two database files hold; no value when they hold the same. Compares the schema, and row
- * by row each table's row ids and values, by type and exact bytes. Does not compare how pages lie in the files, nor the
- * indexes of full-text tables and R*Trees: RequireSoundIndexes() says whether these fit the rows.
+ * by row each table's row ids and values, by type and exact bytes. Does not compare how pages lie in the files, nor
+ * indexes: RequireSoundDatabase(), and for full-text tables and R*Trees RequireSoundIndexes(), says whether these fit
+ * the rows.
  */
 [[nodiscard]] std::optional<std::string> FindContentDifference(const std::string& left, const std::string& right);
+
+/**
+ * Asks SQLite whether a database file is sound, its indexes included. Creates nothing beside the file.
+ *
+ * @throws PublishError saying what SQLite found first, or SQLite's exception
+ */
+void RequireSoundDatabase(const std::string& path);
 
 } // namespace tarn::publisher
 

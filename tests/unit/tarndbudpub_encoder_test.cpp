@@ -125,6 +125,21 @@ TEST_F(Encoding, TriesScriptsOnTheFileThatDevicesHave) {
 	EXPECT_THAT(FilesBelow(directory_ / "scratch"), IsEmpty());
 }
 
+TEST_F(Encoding, RefusesAScriptThatLeavesADamagedIndex) {
+	ExecuteSql(directory_ / "damaged", IndexWithoutEntry());
+	ExecuteSql(directory_ / "repaired", IndexWithoutEntry());
+	ExecuteSql(directory_ / "repaired", "REINDEX");
+	const auto encode = [this](const std::string& before, const std::string& lineage) {
+		return ErrorOf([&] {
+			publisher::EncodeScript({directory_ / before, directory_ / "repaired", lineage}, directory_ / "script",
+			    directory_ / "scratch", {12, encoders_.memory});
+		});
+	};
+	EXPECT_EQ(encode("repaired", ""), "");
+	EXPECT_THAT(encode("damaged", ""), HasSubstr("the database is damaged: "));
+	EXPECT_THAT(encode("repaired", directory_ / "damaged"), HasSubstr("the database is damaged: "));
+}
+
 TEST_F(Encoding, RefusesADatabaseWhoseScriptWouldTakeMoreThanDevicesAllow) {
 	const std::string table = "CREATE TABLE t(a);";
 	ExecuteSql(directory_ / "before", table + "INSERT INTO t VALUES(1)");

@@ -159,6 +159,27 @@ TEST_F(ScriptChain, WorksInWalMode) {
 	EXPECT_FALSE(fs::exists(TreePath("db-shm")));
 }
 
+TEST_F(ScriptChain, BringsARepairedIndexToDevices) {
+	fs::remove(TreePath("db"));
+	Sql("db", IndexWithoutEntry());
+	Publish();
+	Sql("db", "REINDEX");
+	Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"db", "vcdiff"}}));
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+}
+
+TEST_F(ScriptChain, BringsBytesBehindTheLastPageToDevices) {
+	const auto seal = [this](const std::string& text) { WriteFile(TreePath("db"), ReadFile(TreePath("db")) + text); };
+	seal("signature 1");
+	Publish();
+	fs::resize_file(TreePath("db"), fs::file_size(TreePath("db")) - 11);
+	ChangeRows(1);
+	seal("signature 2");
+	Publish();
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+}
+
 TEST_F(ScriptChain, UsesNoScriptBesideAJournal) {
 	Publish();
 	ChangeRows(1);

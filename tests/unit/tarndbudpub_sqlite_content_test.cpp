@@ -5,6 +5,7 @@
 #include "publisher/sqlite/virtual_tables.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <sqlite3.h>
 
 namespace tarn::test {
 
@@ -121,6 +122,32 @@ TEST_F(SqliteContent, MayNotChangeByScriptWhereStatementsDoMoreThanTheySay) {
 	EXPECT_THAT(both("CREATE TABLE h(rowid, oid, _rowid_);"), Optional(HasSubstr("row ids")));
 	EXPECT_THAT(both("PRAGMA encoding = 'UTF-16le';" + table), Optional(HasSubstr("UTF-8")));
 	EXPECT_EQ(both("CREATE TABLE h(rowid, oid);"), std::nullopt);
+}
+
+TEST_F(SqliteContent, MayNotChangeByScriptWhereBytesLieBesideTheRows) {
+	const std::string plain = Database("plain", kTable);
+	const std::string sealed = Database("sealed", kTable);
+	WriteFile(sealed, ReadFile(sealed) + "signature");
+	const auto has_trailer = Optional(HasSubstr("bytes behind its last page"));
+	EXPECT_THAT(publisher::FindScriptObstacle(plain, sealed), has_trailer);
+	EXPECT_THAT(publisher::FindScriptObstacle(sealed, plain), has_trailer);
+	const std::string reserving = directory_ / "reserving";
+	{
+		SQLite::Database database(reserving, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+		int bytes = 8;
+		ASSERT_EQ(sqlite3_file_control(database.getHandle(), "main", SQLITE_FCNTL_RESERVE_BYTES, &bytes), SQLITE_OK);
+		database.exec(kTable);
+	}
+	EXPECT_THAT(publisher::FindScriptObstacle(reserving, reserving), Optional(HasSubstr("reserved for an extension")));
+}
+
+TEST_F(SqliteContent, IsNotSoundWhereAnIndexLacksAnEntry) {
+	const std::string damaged = Database("damaged", IndexWithoutEntry());
+	EXPECT_THROW(publisher::RequireSoundDatabase(damaged), publisher::PublishError);
+	const auto files = FilesBelow(directory_.Path());
+	ExecuteSql(damaged, "REINDEX");
+	EXPECT_NO_THROW(publisher::RequireSoundDatabase(damaged));
+	EXPECT_EQ(FilesBelow(directory_.Path()).size(), files.size());
 }
 
 TEST_F(SqliteContent, IsTheRowsOfVirtualTablesAndTheirSettings) {

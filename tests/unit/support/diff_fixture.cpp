@@ -15,6 +15,13 @@ void ExecuteSql(const std::string& database, const std::string& sql) {
 	file.exec(sql);
 }
 
+std::string IndexWithoutEntry() {
+	return "CREATE TABLE t(i INTEGER PRIMARY KEY, a, b); CREATE INDEX n ON t(a) WHERE i < 3000;"
+	       "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 3000)"
+	       "INSERT INTO t SELECT i, 'row ' || (i * 7919 % 1000), i FROM c;"
+	       "PRAGMA writable_schema = ON; UPDATE sqlite_schema SET sql = 'CREATE INDEX n ON t(a)' WHERE name = 'n';";
+}
+
 std::string Noise(std::size_t size, unsigned seed) {
 	std::mt19937 random(seed);
 	std::string text(size, '\0');

@@ -16,6 +16,8 @@ using Kinds = std::map<std::string, std::string>;
 
 /** Runs SQL on a database file, which is created when it is missing. */
 void ExecuteSql(const std::string& database, const std::string& sql);
+/** SQL that makes a table t(i INTEGER PRIMARY KEY, a, b) of 3,000 rows whose index n on a lacks the last row. */
+std::string IndexWithoutEntry();
 /** Text that compresses badly and differs with the seed. */
 std::string Noise(std::size_t size, unsigned seed);
 /** Gives a file another content, by its name in the directory in which a publisher is at work. */
