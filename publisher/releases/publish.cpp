@@ -5,18 +5,40 @@
 #include "publisher/releases/channels.h"
 #include "publisher/releases/next_version.h"
 #include "publisher/releases/same_content.h"
+#include "publisher/repository/document_sentences.h"
 #include "publisher/repository/last_publication.h"
 #include "publisher/repository/option_checks.h"
 #include "publisher/repository/repository.h"
+#include "publisher/sqlite/sqlite_content.h"
 
 #include <filesystem>
 #include <map>
+#include <vector>
 
 namespace tarn::publisher {
 
 namespace {
 
 namespace fs = std::filesystem;
+
+/** Their directories are root's on devices, and whoever reads a database in WAL mode must make files beside it. */
+void WarnOfWalMode(const Tree& tree, const PublishObserver& observer) {
+	std::vector<std::string> names;
+	for (const TreeFile& file : tree.files) {
+		try {
+			if (IsInWalMode(file.source)) {
+				names.push_back(file.name);
+			}
+		} catch (const PublishError&) {
+			continue; // what cannot be read ends the packing, which says why
+		}
+	}
+	if (!names.empty()) {
+		observer.warn("Ordinary users cannot read databases in WAL mode on devices, unless they open them with "
+		              "immutable=1: " +
+		              Listed(names) + "; execute PRAGMA journal_mode=DELETE in each before publishing.");
+	}
+}
 
 void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObserver& observer) {
 	if (tree.empty_directories > 0) {
@@ -28,6 +50,7 @@ void WarnAbout(const Tree& tree, const PublishResult& result, const PublishObser
 		observer.warn("The digits of version " + digits + " stand more than once in the link " + result.download_link +
 		              "; a device that is told to install another version rewrites them all.");
 	}
+	WarnOfWalMode(tree, observer);
 }
 
 /** The steps of Publish(). */

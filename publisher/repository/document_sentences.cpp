@@ -11,17 +11,6 @@ namespace tarn::publisher {
 
 namespace {
 
-constexpr std::size_t kMostNames = 3;
-
-/** "a, b, c and 4 more". */
-std::string Listed(const std::vector<std::string>& names) {
-	std::string text;
-	for (std::size_t at = 0; at < std::min(names.size(), kMostNames); ++at) {
-		text += (at == 0 ? "" : ", ") + Printable(names[at]);
-	}
-	return names.size() > kMostNames ? text + " and " + std::to_string(names.size() - kMostNames) + " more" : text;
-}
-
 /** What a document names but for one database; nothing for a document that cannot be read, of which others warn. */
 std::vector<std::string> OtherIds(const std::string& path, const std::string& id) {
 	try {
@@ -55,6 +44,15 @@ std::string WithoutScheme(const std::string& url) {
 }
 
 } // namespace
+
+std::string Listed(const std::vector<std::string>& names) {
+	constexpr std::size_t kMostNames = 3;
+	std::string text;
+	for (std::size_t at = 0; at < std::min(names.size(), kMostNames); ++at) {
+		text += (at == 0 ? "" : ", ") + Printable(names[at]);
+	}
+	return names.size() > kMostNames ? text + " and " + std::to_string(names.size() - kMostNames) + " more" : text;
+}
 
 std::string NewDocumentWarning(const Repository& repository, const std::string& name, const std::string& id) {
 	const std::vector<std::string> documents = repository.DocumentNames();

@@ -7,8 +7,12 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace tarn::publisher {
+
+/** "a, b, c and 4 more". */
+[[nodiscard]] std::string Listed(const std::vector<std::string>& names);
 
 /**
  * What whoever makes a document beside others may not know: that its devices find one database in it. The document may

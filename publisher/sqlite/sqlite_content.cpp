@@ -41,6 +41,7 @@ constexpr std::array<Setting, 10> kSettings = {
         {"auto vacuum", 52, 4, true}, // a page's number, which differs as the file grows
         {"incremental vacuum", 64, 4, true}}};
 constexpr Setting kEncoding = {"text encoding", 56, 4};
+constexpr std::size_t kReadMode = 19;
 constexpr std::size_t kReservedSpace = 20;
 
 std::string_view Field(const std::string& header, const Setting& setting) {
@@ -172,6 +173,12 @@ std::vector<std::pair<std::string, std::string>> ContentQueries(const SQLite::Da
 
 bool IsSqliteFile(const std::string& path) {
 	return ReadHeader(path).has_value();
+}
+
+bool IsInWalMode(const std::string& path) {
+	constexpr char kWal = 2;
+	const std::optional<std::string> header = ReadHeader(path);
+	return header && (*header)[kReadMode] == kWal;
 }
 
 std::optional<std::string> FindScriptObstacle(const std::string& before, const std::string& after) {

@@ -9,6 +9,8 @@ namespace tarn::publisher {
 
 /** Whether a file begins as SQLite's databases do; throws PublishError when it cannot be read. */
 [[nodiscard]] bool IsSqliteFile(const std::string& path);
+/** Whether a file is a database in WAL mode; throws PublishError when it cannot be read. */
+[[nodiscard]] bool IsInWalMode(const std::string& path);
 
 /**
  * Why statements that change rows cannot turn one database file into another; no value when they can. Reads both files

@@ -185,6 +185,9 @@ TEST_F(SqliteContent, IsToldFromOtherFiles) {
 	WriteFile(directory_ / "empty", "");
 	EXPECT_FALSE(publisher::IsSqliteFile(directory_ / "text"));
 	EXPECT_FALSE(publisher::IsSqliteFile(directory_ / "empty"));
+	EXPECT_TRUE(publisher::IsInWalMode(Database("w", std::string("PRAGMA journal_mode = WAL;") + kTable)));
+	EXPECT_FALSE(publisher::IsInWalMode(directory_ / "d"));
+	EXPECT_FALSE(publisher::IsInWalMode(directory_ / "text"));
 	EXPECT_THAT(
 	    publisher::FindScriptObstacle(directory_ / "d", directory_ / "text"), Optional(HasSubstr("no database")));
 }

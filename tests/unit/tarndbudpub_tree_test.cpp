@@ -1,7 +1,7 @@
 // Which trees the publisher takes, and which it refuses because devices could not install them.
 #include "base/unique_fd.h"
+#include "diff_fixture.h"
 #include "publisher/packages/tree.h"
-#include "publisher_fixture.h"
 
 #include <linux/capability.h>
 #include <sys/socket.h>
@@ -175,6 +175,18 @@ TEST_F(PublishedTree, IsWarnedAboutOnceForAllEmptyDirectories) {
 	Publish();
 	EXPECT_THAT(warnings_, ElementsAre("The tree has 2 empty directories, which devices do not install."));
 	EXPECT_EQ(InstalledFrom(Package(1)).size(), 1U);
+}
+
+TEST_F(PublishedTree, IsWarnedAboutOnceForAllDatabasesInWalMode) {
+	for (const char* name : {"a", "b", "c", "d", "e"}) {
+		ExecuteSql(InTree(name), "PRAGMA journal_mode = WAL; CREATE TABLE t(a)");
+	}
+	ExecuteSql(InTree("a"), "PRAGMA journal_mode = DELETE");
+	Put("text", "SQLite format 3");
+	Publish();
+	EXPECT_THAT(warnings_, ElementsAre("Ordinary users cannot read databases in WAL mode on devices, unless they open "
+	                                   "them with immutable=1: b, c, d and 1 more; execute PRAGMA "
+	                                   "journal_mode=DELETE in each before publishing."));
 }
 
 TEST_F(PublishedTree, IsRefusedWhenAFileChangesWhileItIsRead) {
