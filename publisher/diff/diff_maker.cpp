@@ -64,7 +64,7 @@ private:
 
 	void FindChanges() {
 		changes_ = CompareTrees(before_, after_);
-		AddEndangered();
+		AddUnchanged();
 		if (const auto conflict = FindNameConflict(changes_, before_, chain_.ChangedNames())) {
 			throw PublishError(*conflict);
 		}
@@ -75,16 +75,25 @@ private:
 		}
 	}
 
-	/** Adds scripted files beside which a journal appears now, whose pages fit the published bytes alone. */
-	void AddEndangered() {
+	/**
+	 * Adds scripted files beside which a journal appears now, whose pages fit the published bytes alone, and journals
+	 * without which devices would refuse the change of the file beside them.
+	 */
+	void AddUnchanged() {
 		std::set<std::string> changed;
 		for (const TreeChange& change : changes_) {
 			changed.insert(change.name);
 		}
+		std::set<std::string> named = changed;
 		const std::set<std::string> names = NamesOf(after_);
+		for (const std::string& name : names) {
+			if (chain_.State().IsScripted(name) && HasCompanion(name, names)) {
+				named.insert(name);
+			}
+		}
+		AddJournals(named, after_);
 		for (const TreeFile& file : after_.files) {
-			if (chain_.State().IsScripted(file.name) && changed.count(file.name) == 0 &&
-			    HasCompanion(file.name, names)) {
+			if (named.count(file.name) > 0 && changed.count(file.name) == 0) {
 				TreeFile old = file;
 				old.source = OldTree() + "/" + file.name;
 				changes_.push_back({file.name, old, file});

@@ -142,6 +142,21 @@ bool HasCompanion(const std::string& name, const std::set<std::string>& names) {
 	    [&](const char* suffix) { return names.count(name + suffix) > 0; });
 }
 
+void AddJournals(std::set<std::string>& changed, const Tree& after) {
+	std::set<std::string> replaced;
+	for (const TreeFile& file : after.files) { // A journal sorts after the file, and can have a journal itself.
+		const auto is_beside_replaced = [&](const std::string& suffix) {
+			return EndsWith(file.name, suffix) &&
+			       replaced.count(file.name.substr(0, file.name.size() - suffix.size())) > 0;
+		};
+		if (changed.count(file.name) > 0 ||
+		    (file.size > 0 && (is_beside_replaced(kSqliteLog) || is_beside_replaced(kSqliteJournal)))) {
+			replaced.insert(file.name);
+		}
+	}
+	changed.merge(replaced);
+}
+
 bool IsBeneath(const fs::path& path, const fs::path& root) {
 	return std::mismatch(root.begin(), root.end(), path.begin(), path.end()).first == root.end();
 }

@@ -47,6 +47,12 @@ std::set<std::string> NamesOf(const Tree& tree);
 /** Whether one of the files that SQLite keeps beside a database of this name is among the names. */
 [[nodiscard]] bool HasCompanion(const std::string& name, const std::set<std::string>& names);
 
+/**
+ * Adds to the names of changed files the journals with content in the new tree that lie beside one of them. Devices
+ * refuse to replace a file beside such a journal, unless their packages name the journal.
+ */
+void AddJournals(std::set<std::string>& changed, const Tree& after);
+
 /** Whether a path is a directory or lies below it; both are canonical. */
 [[nodiscard]] bool IsBeneath(const std::filesystem::path& path, const std::filesystem::path& directory);
 

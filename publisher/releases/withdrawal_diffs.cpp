@@ -73,7 +73,9 @@ void WithdrawalDiffs::FindChanges() {
 	fs::remove_all(directory);
 }
 
-/** A journal fits the published bytes alone: a scripted database beside which a journal changes goes with the journal.
+/**
+ * A journal fits the published bytes alone: a scripted database beside which a journal changes goes with the journal.
+ * Devices refuse the change of a file unless the journal beside the file goes with it.
  */
 void WithdrawalDiffs::AddCompanions(std::set<std::string>& names) const {
 	for (const std::string& name : order_.chain.State().Scripted()) {
@@ -81,6 +83,7 @@ void WithdrawalDiffs::AddCompanions(std::set<std::string>& names) const {
 			names.insert(name);
 		}
 	}
+	AddJournals(names, order_.tree);
 }
 
 /** Directories that a withdrawn version may have brought. */

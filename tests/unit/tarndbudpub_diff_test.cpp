@@ -244,6 +244,46 @@ TEST_F(DiffPublishing, IsLeftOutWhereDevicesCouldNotApplyIt) {
 	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("\"a\" is a file now and was a directory")));
 }
 
+TEST_F(DiffPublishing, NamesUnchangedJournalsBesideWhatItReplaces) {
+	for (const char* name : {"d/stock", "d/stock-wal", "d/stock-wal-journal", "text-journal", "text-shm", "text-x-wal",
+	         "same-journal", "gone", "gone-journal"}) {
+		Put(name, "a list");
+	}
+	Put("text-wal", "");
+	Publish();
+	Put("text", "two\n" + Noise(3000, 2));
+	Put("d/stock", "another list");
+	fs::remove(TreePath("gone"));
+	Publish();
+	std::vector<std::string> names;
+	for (const auto& [name, kind] : KindsIn(2)) {
+		names.push_back(name);
+	}
+	EXPECT_THAT(names, ElementsAre("d/stock", "d/stock-wal", "d/stock-wal-journal", "gone", "text", "text-journal"));
+	EXPECT_EQ(Followed(1, 2), PublishedTree());
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
+TEST_F(DiffPublishing, PatchesUnchangedJournalsAndDatabasesWithSuchNames) {
+	Put("text-wal", Noise(3000, 3));
+	Sql("list-journal", "CREATE TABLE t(a); INSERT INTO t VALUES(1)");
+	Put("list", "one");
+	Publish();
+	Put("text", "two\n" + Noise(3000, 2));
+	Publish();
+	EXPECT_EQ(KindsIn(2), (Kinds{{"text", "vcdiff"}, {"text-wal", "vcdiff"}}));
+	Sql("list-journal", "INSERT INTO t VALUES(2)");
+	Publish();
+	EXPECT_EQ(KindsIn(3), (Kinds{{"list-journal", "sql"}}));
+	Put("list", "two");
+	Publish();
+	EXPECT_THAT(KindsIn(4), Contains(::testing::Key("list-journal")));
+	DeviceTree device(PublicKey());
+	device.Install(Package(1));
+	EXPECT_NO_THROW(device.Update(Diffs(1, 4)));
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
 TEST_F(DiffPublishing, TurnsAFileIntoADirectory) {
 	Put("a", "file");
 	Publish();

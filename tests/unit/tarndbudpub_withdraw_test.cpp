@@ -258,6 +258,27 @@ TEST_F(Withdrawing, HasNoDiffPackagesUnlessTheyLeadToTheRestoredTree) {
 	EXPECT_FALSE(fs::exists(Diff(4)));
 }
 
+TEST_F(Withdrawing, NamesUnchangedJournalsBesideWhatItReplaces) {
+	for (const char* name : {"list-journal", "lost", "lost-journal", "bulk-journal"}) {
+		Put(name, "a list");
+	}
+	Publish();
+	fs::remove(TreePath("lost")); // whose journal no diff package names so far
+	PublishBad();
+	std::vector<std::unique_ptr<Follower>> devices;
+	for (const int version : {2, 3, 4}) {
+		devices.push_back(DeviceWith(version));
+	}
+	Withdraw();
+	EXPECT_THAT(NamedBy(5), AllOf(Contains("list-journal"), Contains("lost-journal"), Not(Contains("bulk-journal"))));
+	for (const auto& device : devices) {
+		Update(*device);
+		ExpectNewest(*device);
+		EXPECT_EQ(device->full_packages, 0);
+	}
+	EXPECT_THAT(warnings_, IsEmpty());
+}
+
 TEST_F(Withdrawing, IsRestoredToALostDocument) {
 	PublishBad();
 	Withdraw();

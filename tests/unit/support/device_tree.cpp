@@ -2,6 +2,7 @@
 
 #include "archive/extractor.h"
 #include "base/sha2.h"
+#include "dataupdate/internal/patch_description.h"
 #include "dataupdate/internal/patcher.h"
 #include "decoder/decode.h"
 
@@ -76,6 +77,7 @@ void DeviceTree::Update(const std::vector<std::string>& packages) {
 		patcher.ApplyPackage(work / "package");
 		fs::remove_all(work / "package");
 	}
+	dataupdate::CheckConflicts(patcher.Modifications(), Root());
 	patcher.Install(patcher.CheckedChanges());
 }
 

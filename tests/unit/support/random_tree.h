@@ -40,7 +40,8 @@ public:
 	static constexpr std::array<const char*, 2> kDatabases = {"one.sqlite", "two.sqlite"};
 
 private:
-	static constexpr std::array<const char*, 8> kFiles = {"a", "b", "d/a", "d/b", "d/e/f", "d/e/g/h", "d-e/f", "g-h"};
+	static constexpr std::array<const char*, 10> kFiles = {
+	    "a", "a-journal", "b", "d/a", "d/a-wal", "d/b", "d/e/f", "d/e/g/h", "d-e/f", "g-h"};
 	static constexpr std::array<const char*, 4> kDirectories = {"d", "d/e", "d/e/g", "d-e"};
 
 	int Below(std::size_t bound) { return static_cast<int>(random_() % bound); }
