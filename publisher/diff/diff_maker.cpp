@@ -222,7 +222,7 @@ private:
 		fs::remove_all(work_ / "encoding");
 		const ExpectedTree expected(after_, ChainState().After(members_).Scripted());
 		// Nothing else needs the old tree.
-		ApplyDiffs(order_.reader, order_.options.id, {{version_, path}}, OldTree(), work_);
+		ProveDiffs(order_.reader, order_.options.id, {{version_, path}}, OldTree(), work_);
 		expected.Require(ListTree(OldTree()));
 	}
 

@@ -43,12 +43,16 @@ void ExecuteScript(const std::string& database, const std::string& script) {
 }
 
 DevicePatcher::DevicePatcher(const std::string& copies, const std::string& tree, const Decoder& decoder)
-    : patcher_(std::make_unique<dataupdate::Patcher>(copies, tree, decoder)) {}
+    : tree_(tree), patcher_(std::make_unique<dataupdate::Patcher>(copies, tree, decoder)) {}
 
 DevicePatcher::~DevicePatcher() = default;
 
 void DevicePatcher::Apply(const std::string& package) {
 	AsDevice([&] { patcher_->ApplyPackage(package); });
+}
+
+void DevicePatcher::CheckConflicts() const {
+	AsDevice([&] { dataupdate::CheckConflicts(patcher_->Modifications(), tree_); });
 }
 
 void DevicePatcher::Install() {

@@ -50,10 +50,13 @@ public:
 
 	/** Applies an unpacked package to the working copies; throws DeviceError, or what the decoder throws. */
 	void Apply(const std::string& package);
+	/** Throws DeviceError where devices with the tree's files would refuse to put the working copies in place. */
+	void CheckConflicts() const;
 	/** Puts the working copies in place; throws DeviceError, or Boost's filesystem error. */
 	void Install();
 
 private:
+	std::string tree_;
 	std::unique_ptr<dataupdate::Patcher> patcher_;
 };
 

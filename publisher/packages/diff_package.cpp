@@ -109,6 +109,26 @@ void DoAsDevices(const std::function<void()>& step) {
 	}
 }
 
+void Apply(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
+    const std::string& directory, const WorkDirectory& work, const std::function<void(DevicePatcher&)>& install) {
+	if (steps.empty()) {
+		return;
+	}
+	const std::string copies = work.Make("apply-copies");
+	DevicePatcher patcher(
+	    copies, directory, [](const std::string& source, const std::string& output, const std::string& patch) {
+		    decoder::DecodeFile(source, output, patch);
+	    });
+	for (const DiffStep& step : steps) {
+		const std::string package = work.Make("apply-package");
+		reader.Unpack(step.path, {id, "", step.version, kDiffKind}, package);
+		DoAsDevices([&] { patcher.Apply(package); });
+		fs::remove_all(package);
+	}
+	DoAsDevices([&] { install(patcher); });
+	fs::remove_all(copies);
+}
+
 } // namespace
 
 const char* PatchKindName(PatchKind kind) {
@@ -182,22 +202,15 @@ void AddDescription(const std::string& text, const WorkDirectory& work, Tree& co
 
 void ApplyDiffs(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
     const std::string& directory, const WorkDirectory& work) {
-	if (steps.empty()) {
-		return;
-	}
-	const std::string copies = work.Make("apply-copies");
-	DevicePatcher patcher(
-	    copies, directory, [](const std::string& source, const std::string& output, const std::string& patch) {
-		    decoder::DecodeFile(source, output, patch);
-	    });
-	for (const DiffStep& step : steps) {
-		const std::string package = work.Make("apply-package");
-		reader.Unpack(step.path, {id, "", step.version, kDiffKind}, package);
-		DoAsDevices([&] { patcher.Apply(package); });
-		fs::remove_all(package);
-	}
-	DoAsDevices([&] { patcher.Install(); });
-	fs::remove_all(copies);
+	Apply(reader, id, steps, directory, work, [](DevicePatcher& patcher) { patcher.Install(); });
+}
+
+void ProveDiffs(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
+    const std::string& directory, const WorkDirectory& work) {
+	Apply(reader, id, steps, directory, work, [](DevicePatcher& patcher) {
+		patcher.CheckConflicts();
+		patcher.Install();
+	});
 }
 
 } // namespace tarn::publisher

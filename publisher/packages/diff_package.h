@@ -88,6 +88,13 @@ struct DiffStep {
 void ApplyDiffs(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
     const std::string& directory, const WorkDirectory& work);
 
+/**
+ * The same for packages that are to be published: throws also when devices that have the files in the directory would
+ * refuse them. Published packages still make their version's content where devices refuse them.
+ */
+void ProveDiffs(const PackageReader& reader, const std::string& id, const std::vector<DiffStep>& steps,
+    const std::string& directory, const WorkDirectory& work);
+
 } // namespace tarn::publisher
 
 #endif

@@ -166,7 +166,7 @@ void WithdrawalDiffs::Prove(int start) const {
 		steps.push_back(
 		    {version, own == packages_.end() ? order_.chain.Find(version)->path : own->second.file.TemporaryPath()});
 	}
-	ApplyDiffs(order_.reader, order_.options.id, steps, directory, order_.work);
+	ProveDiffs(order_.reader, order_.options.id, steps, directory, order_.work);
 	const Tree result = ListTree(directory);
 	const std::string devices = "devices with version " + std::to_string(start) + " would ";
 	if (result.empty_directories > 0) {

@@ -284,6 +284,19 @@ TEST_F(DiffPublishing, PatchesUnchangedJournalsAndDatabasesWithSuchNames) {
 	EXPECT_THAT(warnings_, IsEmpty());
 }
 
+TEST_F(DiffPublishing, IsLeftOutWhereDevicesWouldRefuseIt) {
+	Publish();
+	observer_.step = [this](const std::string& what, std::uint64_t /*done*/, std::uint64_t /*count*/) {
+		for (const fs::directory_entry& entry : fs::directory_iterator(options_.repository)) {
+			if (const fs::path old = entry.path() / "old"; what == "verifying" && fs::exists(old)) {
+				WriteFile((old / "text-journal").string(), "of another program");
+			}
+		}
+	};
+	PublishChange();
+	ExpectRefusal("devices could not apply it: In the way of text: ");
+}
+
 TEST_F(DiffPublishing, TurnsAFileIntoADirectory) {
 	Put("a", "file");
 	Publish();

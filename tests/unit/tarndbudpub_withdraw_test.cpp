@@ -279,6 +279,26 @@ TEST_F(Withdrawing, NamesUnchangedJournalsBesideWhatItReplaces) {
 	EXPECT_THAT(warnings_, IsEmpty());
 }
 
+TEST_F(Withdrawing, HasNoDiffPackagesThatDevicesWouldRefuse) {
+	PublishBad();
+	const publisher::PublishOptions options = options_;
+	options_.repository = directory_ / "other";
+	options_.data_version = 3;
+	Put("list-journal", "of another program");
+	Publish();
+	const std::string other = Package(3);
+	options_ = options;
+	warnings_.clear();
+	observer_.step = [&](const std::string& what, std::uint64_t done, std::uint64_t /*count*/) {
+		if (what == "verifying" && done == 0) {
+			fs::copy_file(other, Package(3), fs::copy_options::overwrite_existing);
+		}
+	};
+	Withdraw();
+	EXPECT_THAT(warnings_, ElementsAre(HasSubstr("devices could not apply it: In the way of list: ")));
+	EXPECT_THAT(OfferedDiffs(), IsEmpty());
+}
+
 TEST_F(Withdrawing, IsRestoredToALostDocument) {
 	PublishBad();
 	Withdraw();
