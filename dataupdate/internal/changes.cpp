@@ -66,13 +66,14 @@ void ForEachBelow(const Changes& changes, const std::string& prefix, const Visit
  * For a directory whose name the chain deletes or gives to a file: deletes now what the chain deletes in it, since its
  * name comes before theirs. Returns whether the chain puts files into it as well.
  */
-bool DeleteBelow(const Changes& changes, const std::string& root, const std::string& directory) {
+bool DeleteBelow(const Changes& changes, const std::string& root, const std::string& directory, Placing placing) {
 	bool has_files = false;
 	ForEachBelow(changes, directory + "/", [&](const std::string& name, const ModifyInfo& info) {
 		const fs::path installed = fs::path(root) / name;
 		if (info.operation != ModifyInfo::kDelete) {
 			has_files = true;
-		} else if (!fs::is_directory(fs::symlink_status(installed))) { // One still holds what is deleted after it.
+		} else if (!fs::is_directory(fs::symlink_status(installed)) && // One still holds what is deleted after it.
+		           (placing == Placing::kLink || !Exchange(info, installed.string()))) {
 			fs::remove(installed);
 		}
 	});
@@ -81,12 +82,13 @@ bool DeleteBelow(const Changes& changes, const std::string& root, const std::str
 }
 
 /** Carries one change out, whatever is in the file's place. */
-void Replace(const Changes& changes, const std::string& root, const std::string& name) {
+void Replace(const Changes& changes, const std::string& root, const std::string& name, Placing placing) {
 	const ModifyInfo& info = changes.at(name);
 	const fs::path installed = fs::path(root) / name;
 	const bool is_directory = fs::is_directory(fs::symlink_status(installed));
 	// Files that the chain does not know stay, and their directory with them: half way is no place to fail.
-	const bool stays_directory = is_directory && (DeleteBelow(changes, root, name) || !fs::is_empty(installed)) &&
+	const bool stays_directory = is_directory &&
+	                             (DeleteBelow(changes, root, name, placing) || !fs::is_empty(installed)) &&
 	                             info.operation == ModifyInfo::kDelete;
 	if (!stays_directory) {
 		fs::remove(installed);
@@ -100,12 +102,19 @@ void Replace(const Changes& changes, const std::string& root, const std::string&
 } // namespace
 
 void InstallChanges(const Changes& changes, const std::string& root, Placing placing, const std::string& directory) {
-	ForEachBelow(
-	    changes, directory.empty() ? "" : directory + "/", [&](const std::string& name, const ModifyInfo& info) {
-		    if (placing == Placing::kLink || !Exchange(info, (fs::path(root) / name).string())) {
-			    Replace(changes, root, name);
-		    }
-	    });
+	const auto install = [&](const std::string& name, const ModifyInfo& info) {
+		if (placing == Placing::kLink || !Exchange(info, (fs::path(root) / name).string())) {
+			Replace(changes, root, name, placing);
+		}
+	};
+	if (directory.empty()) {
+		ForEachBelow(changes, "", install);
+		return;
+	}
+	if (const auto own = changes.find(directory); own != changes.end()) {
+		install(own->first, own->second);
+	}
+	ForEachBelow(changes, directory + "/", install);
 }
 
 } // namespace tarn::dataupdate

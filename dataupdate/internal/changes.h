@@ -23,7 +23,7 @@ enum class Placing {
  * what the changes delete in it, and stays when anything else is in it. Throws Boost's filesystem error, for example
  * when a new file's place is taken by a directory with files of which the changes know nothing. A regular file that is
  * replaced or deleted is moved to where its working copy is, where both are on one file system (kExchange). With a
- * directory, carries out the changes to files below it alone.
+ * directory, carries out the change to its own name and the changes below it alone.
  */
 void InstallChanges(const Changes& changes, const std::string& root, Placing placing = Placing::kExchange,
     const std::string& directory = "");

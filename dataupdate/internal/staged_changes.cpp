@@ -31,16 +31,25 @@ struct Level {
 /** An end of names that sorts behind everything below a directory. */
 constexpr char kBehindSlash = '/' + 1;
 
-/** The prefix is empty or ends in a slash. What has a changed file's name as well is not told as a directory. */
+bool HasChangesBelow(const Changes& changes, const std::string& name) {
+	const std::string prefix = name + "/";
+	const auto entry = changes.lower_bound(prefix);
+	return entry != changes.end() && entry->first.compare(0, prefix.size(), prefix) == 0;
+}
+
+/** The prefix is empty or ends in a slash. A directory whose own name is changed as well is one entry. */
 Level LevelBelow(const Changes& changes, const std::string& prefix) {
 	Level level;
 	auto entry = changes.lower_bound(prefix);
 	while (entry != changes.end() && entry->first.compare(0, prefix.size(), prefix) == 0) {
-		++level.entries;
 		const std::string name = entry->first.substr(0, entry->first.find('/', prefix.size()));
-		if (name == entry->first || changes.count(name) > 0) {
+		if (name == entry->first) {
+			if (!HasChangesBelow(changes, name)) { // Else it is counted with these.
+				++level.entries;
+			}
 			++entry;
 		} else {
+			++level.entries;
 			level.directories.push_back(name);
 			entry = changes.lower_bound(name + kBehindSlash);
 		}
@@ -96,7 +105,7 @@ std::vector<std::string> DirectoriesToExchange(
 		const std::string& name = open.front();
 		const Place place = PlaceOf((fs::path(install_directory) / name).string());
 		const Level level = LevelBelow(changes, name + "/");
-		const std::size_t more = level.entries - 1;
+		const std::size_t more = level.entries - 1 + changes.count(name);
 		if (place == Place::kDirectory && (more == 0 || renames + more <= most_renames)) {
 			renames += more;
 			open.insert(open.end(), level.directories.begin(), level.directories.end());
@@ -171,6 +180,9 @@ void StagedChanges::_SetRemaining() {
 		begin = changes_.lower_bound(end);
 	}
 	remaining_.insert(begin, changes_.end());
+	for (const Directory& directory : directories_) {
+		remaining_.erase(directory.name);
+	}
 }
 
 void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
@@ -193,7 +205,7 @@ void StagedChanges::_StageDirectories(const std::vector<std::string>& names) {
 
 StagedChanges::Directory StagedChanges::_StageDirectory(const std::string& name, const std::string& root) const {
 	const std::string installed = _Installed(name);
-	Directory directory = {name, root + "/" + name, std::nullopt};
+	Directory directory = {name, root + "/" + name, std::nullopt, false};
 	fs::create_directories(Above(directory.staged));
 	if (PlaceOf(installed) == Place::kDirectory) {
 		directory.tree.emplace(installed, directory.staged, [this, &name](const std::string& file) {
@@ -204,13 +216,23 @@ StagedChanges::Directory StagedChanges::_StageDirectory(const std::string& name,
 		throw std::system_error(EOPNOTSUPP, std::system_category(), installed);
 	}
 	InstallChanges(changes_, root, Placing::kLink, name);
+	directory.vanishes = PlaceOf(directory.staged) == Place::kFree;
 	return directory;
 }
 
 bool StagedChanges::_MoveIn(const Directory& directory) const {
 	const std::string installed = _Installed(directory.name);
-	return directory.tree ? directory.tree->IsCurrent() && ExchangeDirectory(directory.staged, installed)
-	                      : Rename(directory.staged, installed, RENAME_NOREPLACE);
+	if (!directory.tree) {
+		return Rename(directory.staged, installed, RENAME_NOREPLACE);
+	}
+	if (!directory.tree->IsCurrent()) {
+		return false;
+	}
+	if (directory.vanishes) {
+		return Rename(installed, directory.staged, RENAME_NOREPLACE);
+	}
+	return PlaceOf(directory.staged) == Place::kDirectory ? ExchangeDirectory(directory.staged, installed)
+	                                                      : Rename(directory.staged, installed, RENAME_EXCHANGE);
 }
 
 } // namespace tarn::dataupdate

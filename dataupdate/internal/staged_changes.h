@@ -28,8 +28,9 @@ constexpr std::size_t kMostRenames = 128;
 /**
  * Installs changes as InstallChanges() does. Where that would be many renames, directories in which much changes are
  * made ready beside the database, of links to the files that stay and to the new ones, and take the place of the
- * installed ones by one rename each. A directory for which that cannot be done, or in which a name was added or removed
- * meanwhile, is left to InstallChanges().
+ * installed ones by one rename each. A directory of which nothing stays is moved to the place by one rename. A
+ * directory for which that cannot be done, or in which a name was added or removed meanwhile, is left to
+ * InstallChanges().
  */
 class StagedChanges {
 public:
@@ -51,6 +52,7 @@ private:
 		std::string name;
 		std::string staged;
 		std::optional<LinkedTree> tree; // None where no such directory is installed.
+		bool vanishes = false;          // Whether nothing is left of it to be made ready.
 	};
 
 	[[nodiscard]] bool _MakePlace() const;

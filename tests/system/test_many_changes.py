@@ -32,10 +32,14 @@ def files(version: int) -> Files:
     return made | {"top": b"%d" % version, "kept": b"always"}
 
 
+def directories(of: Files) -> set[str]:
+    return {str(above) for name in of for above in Path(name).parents if str(above) != "."}
+
+
 def publish(hand: HandPublisher, version: int, old: Files, new: Files) -> None:
     hand.full(DATABASE, version, new)
     diff = Diff()
-    for name in sorted(old.keys() | new.keys()):
+    for name in sorted(old.keys() | new.keys() | (directories(old) - directories(new))):
         if name not in new:
             diff.delete(name)
         elif old.get(name) != new[name]:

@@ -5,7 +5,7 @@ tarn_unit_test(dataupdate_test
 	patch_conflicts_test.cpp patch_description_test.cpp patcher_test.cpp progress_test.cpp project_lock_test.cpp records_test.cpp replacement_plan_test.cpp replacement_scope_test.cpp service_config_test.cpp
 	sql_script_test.cpp strategy_diff_many_test.cpp strategy_diff_test.cpp strategy_full_test.cpp strategy_link_test.cpp
 	strategy_test.cpp staged_changes_test.cpp update_error_test.cpp update_test.cpp updater_test.cpp utils_test.cpp validation_test.cpp
-	volume_handler_test.cpp
+	vanishing_directory_test.cpp volume_handler_test.cpp
 	fake_platform.cpp fake_system.cpp live_objects.cpp private_root.cpp
 	LIBRARIES tarndbud_objects)
 # A cache of compilers' results cannot tell what a precompiled header held.
