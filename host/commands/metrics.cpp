@@ -2,6 +2,7 @@
 #include "dataupdate/installation.h"
 #include "host/commands/commands.h"
 #include "host/commands/report.h"
+#include "host/library/checked_info_getter.h"
 #include "host/library/failure.h"
 #include "host/library/hold.h"
 #include "host/library/installed_package.h"
@@ -52,7 +53,7 @@ struct Offer {
 };
 
 Offer ReadOffer(const Services& services) {
-	Offer offer = {ReadLastDocument(*services.io), {}};
+	Offer offer = {ReadLastDocument(*services.io, kMomentSeconds), {}};
 	for (const std::string& id : services.config->GetDatabaseIDs()) {
 		if (std::optional<RunRecord> run = ReadRunRecord(id)) {
 			offer.runs.emplace(id, std::move(*run));

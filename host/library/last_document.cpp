@@ -4,7 +4,6 @@
 #include "dataupdate/paths.h"
 #include "dataupdate/update.h"
 #include "dataupdate/update_error.h"
-#include "host/library/checked_info_getter.h"
 #include "host/library/document_problem.h"
 
 #include <sys/stat.h>
@@ -13,9 +12,9 @@
 
 namespace tarn::ctl {
 
-std::optional<LastDocument> ReadLastDocument(const dataupdate::IOUtils& io) {
+std::optional<LastDocument> ReadLastDocument(const dataupdate::IOUtils& io, unsigned long patience) {
 	try {
-		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, kMomentSeconds);
+		const dataupdate::FileLock lock(dataupdate::kFreshInfoLock, patience);
 		struct stat status {};
 		if (stat(dataupdate::kCachedInfo, &status) != 0) {
 			return std::nullopt;

@@ -17,8 +17,12 @@ struct LastDocument {
 	std::time_t time = 0; ///< When it was fetched.
 };
 
-/** No value while there is none, or none that can be read: a fetch that failed leaves none. Asks no server. */
-[[nodiscard]] std::optional<LastDocument> ReadLastDocument(const dataupdate::IOUtils& io);
+/**
+ * No value while there is none, or none that can be read: a fetch that failed leaves none. Asks no server.
+ *
+ * @param patience  seconds to wait for another process that fetches the document; no value when it takes longer
+ */
+[[nodiscard]] std::optional<LastDocument> ReadLastDocument(const dataupdate::IOUtils& io, unsigned long patience);
 
 /** No value when the document has no valid entry of the database. */
 [[nodiscard]] std::optional<int> OfferedVersion(const LastDocument& document, const std::string& id);

@@ -101,7 +101,8 @@ void WriteResult(const std::filesystem::path& path, const Json::Value& object) {
  */
 void AddOffer(
     const Services& services, const std::string& id, const std::optional<RunRecord>& before, Json::Value& object) {
-	if (const std::optional<LastDocument> document = ReadLastDocument(*services.io)) {
+	// An operation's end does not wait for another process that fetches the document.
+	if (const std::optional<LastDocument> document = ReadLastDocument(*services.io, 0)) {
 		object["document_time"] = Json::Int64{document->time};
 		if (const std::optional<int> version = OfferedVersion(*document, id)) {
 			object["offered_version"] = *version;

@@ -145,7 +145,7 @@ private:
 
 /**
  * Everything is copied before anything is deleted, so one of the two is whole unless the file system fails. The setting
- * alone proves nothing: a program that starts in between may have adopted a volume, even the one that it is about.
+ * alone proves nothing: a program that starts in between may have adopted a volume, even one of these two.
  */
 End Judge(const Services& services, const std::string& volume, const Preparation& preparation) {
 	std::error_code ignored;
@@ -209,7 +209,7 @@ MoveOutcome MoveAway(const Services& services, const std::string& volume) {
 		preparation.hook->Exec(TLIB_PLUGIN_ACTION_POST);
 		return {end, preparation.target};
 	}
-	services.config->SetCurVolume(""); // Whatever another program has set: the files are on their way.
+	services.config->SetCurVolume(""); // Also where another program has adopted a volume: the files may not be there.
 	if (end == End::kStayed) {
 		TakeBack(services, preparation);
 	}

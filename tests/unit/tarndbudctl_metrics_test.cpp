@@ -148,6 +148,18 @@ TEST_F(MetricsCommandTest, TellsWhatWasOfferedLastWhenTheServerHasFallenSilent) 
 	EXPECT_THAT(Run(), Not(HasSubstr("offered_version"))) << "a kit may be later than any document";
 }
 
+TEST_F(MetricsCommandTest, KnowsTheOfferOfBeforeWhileADocumentIsBeingFetched) {
+	const auto run = [this](const std::string& version) {
+		WriteFile(dataupdate::kCachedInfo,
+		    R"({"db_list":{"geo":{"data_version":")" + version + R"(","last_fetch_time":1,"download_link":"x"}}})");
+		EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kDone; }), kDone);
+		return ReadRunRecord("geo")->offered_version;
+	};
+	EXPECT_EQ(run("9"), 9);
+	const dataupdate::FileLock fetching(dataupdate::kFreshInfoLock, 0);
+	EXPECT_EQ(run("10"), 9);
+}
+
 TEST_F(MetricsCommandTest, TellsHowTheLastRunWent) {
 	EXPECT_EQ(RunRecorded(doubles_.services, "geo", "update", [] { return kDone; }), kDone);
 	EXPECT_THROW(
