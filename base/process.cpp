@@ -20,6 +20,7 @@ extern "C" {
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace tarn::process {
 namespace {
@@ -45,12 +46,13 @@ struct Plan {
 	pid_t caller = 0;
 };
 
+UniqueFd CopyAboveStreams(int fd) {
+	return UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, kFirstPrivate));
+}
+
 /** A caller may have closed its standard streams; what we open must not take their numbers. */
 UniqueFd AboveStreams(UniqueFd fd) {
-	if (!fd || fd.Get() >= kFirstPrivate) {
-		return fd;
-	}
-	return UniqueFd(fcntl(fd.Get(), F_DUPFD_CLOEXEC, kFirstPrivate));
+	return !fd || fd.Get() >= kFirstPrivate ? std::move(fd) : CopyAboveStreams(fd.Get());
 }
 
 /**
@@ -60,7 +62,7 @@ UniqueFd AboveStreams(UniqueFd fd) {
 int LiftStreams(Plan& plan) {
 	for (std::size_t i = 0; i < plan.streams.size(); ++i) {
 		if (plan.streams[i] >= 0 && plan.streams[i] < kFirstPrivate) {
-			plan.lifted[i] = UniqueFd(fcntl(plan.streams[i], F_DUPFD_CLOEXEC, kFirstPrivate));
+			plan.lifted[i] = CopyAboveStreams(plan.streams[i]);
 			if (!plan.lifted[i]) {
 				return errno;
 			}

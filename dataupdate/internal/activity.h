@@ -18,8 +18,8 @@ void InterruptionPoint();
 
 /**
  * Marks an activity from construction to destruction. Of those that are open, in whatever thread, the one that began
- * last is the current one. Throws UpdateError
- * "Interrupted" in the place of an activity that would only have to be ended.
+ * last is the current one. Throws UpdateError "Interrupted" in the place of an activity that would only have to be
+ * ended.
  */
 class ActivityScope {
 public:

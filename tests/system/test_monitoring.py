@@ -104,15 +104,20 @@ def test_metrics_of_rules_and_dashboard_are_those_of_real_machines(told: str, co
         assert re.search(rf"^{name}[{{ ]", told, re.MULTILINE), name
 
 
-def test_only_a_hold_without_a_version_leaves_a_machine_without_runs_and_without_the_servers_document(
-    connected: Device, publisher: Publisher, tmp_path: Path
-) -> None:
-    tree = trees.write_random_tree(tmp_path / "tree", 1, count=3, size=1000)
+def lose_release(device: Device, publisher: Publisher, tree: Path) -> None:
+    """Installs a version, and offers another whose package is missing."""
+    trees.write_random_tree(tree, 1, count=3, size=1000)
     publisher.publish(tree, DATABASE, "--level", "1")
-    connected.update(DATABASE)
+    device.update(DATABASE)
     trees.write_tree(tree, {"other": b"other"})
     publisher.publish(tree, DATABASE, "--level", "1")
     publisher.package(DATABASE, 2).unlink()
+
+
+def test_only_a_hold_without_a_version_leaves_a_machine_without_runs_and_without_the_servers_document(
+    connected: Device, publisher: Publisher, tmp_path: Path
+) -> None:
+    lose_release(connected, publisher, tmp_path / "tree")
     last_run = STATUS / DATABASE / "last_run.json"
     for hold, status in (((), 0), (("1",), 0), (("2",), 1)):
         connected.run_ok("hold", DATABASE, *hold)
@@ -125,12 +130,7 @@ def test_only_a_hold_without_a_version_leaves_a_machine_without_runs_and_without
 @pytest.fixture
 def told(connected: Device, publisher: Publisher, tmp_path: Path) -> str:
     """What a real machine tells whose update has failed, with what node_exporter adds for the file."""
-    tree = trees.write_random_tree(tmp_path / "tree", 1, count=3, size=1000)
-    publisher.publish(tree, DATABASE, "--level", "1")
-    connected.update(DATABASE)
-    trees.write_tree(tree, {"other": b"other"})
-    publisher.publish(tree, DATABASE, "--level", "1")
-    publisher.package(DATABASE, 2).unlink()
+    lose_release(connected, publisher, tmp_path / "tree")
     connected.forget_document()
     assert connected.run("update", DATABASE).status == 1
     return connected.run_ok("metrics").stdout + TEXTFILE + "\n"

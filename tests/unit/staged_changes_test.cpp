@@ -204,27 +204,14 @@ TEST_F(StagedChangesTest, ChangesFileByFileWhereNothingCanBeMadeReady) {
 	EXPECT_EQ(LinesOf(log, "staging.cpp").size(), 1U);
 }
 
-TEST_F(StagedChangesTest, MakesNothingReadyOnAnotherFileSystem) {
-	fs::create_directories(Place());
-	if (mount("tmpfs", (directory_ / "volume/db").c_str(), "tmpfs", 0, nullptr) != 0) {
-		GTEST_SKIP() << "nothing can be mounted here";
-	}
-	ChangeSome({"a", "b"});
-	const test::SyslogCapture log;
-	{
-		const StagedChanges changes = Staged(2);
-		EXPECT_THAT(EntriesBelow(Place()), IsEmpty());
-		changes.Install();
-	}
-	ExpectChanged();
-	EXPECT_THAT(LinesOf(log, "staging.cpp"), IsEmpty());
-	ASSERT_EQ(umount((directory_ / "volume/db").c_str()), 0);
-}
+/** The kinds of mounts, by the file system's type; "" is a second mount point of the same file system. */
+class StagedMountTest : public StagedChangesTest, public testing::WithParamInterface<const char*> {};
 
-TEST_F(StagedChangesTest, MakesNothingReadyBelowAnotherMountPointOfTheSameFileSystem) {
-	fs::create_directories(Place());
+TEST_P(StagedMountTest, HasNothingMadeReadyWhereEntriesCannotBeRenamedTo) {
+	const std::string type = GetParam();
 	const std::string installed = directory_ / "volume/db";
-	if (mount(installed.c_str(), installed.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+	fs::create_directories(Place());
+	if (mount(installed.c_str(), installed.c_str(), type.c_str(), type.empty() ? MS_BIND : 0, nullptr) != 0) {
 		GTEST_SKIP() << "nothing can be mounted here";
 	}
 	ChangeSome({"a", "b"});
@@ -238,6 +225,8 @@ TEST_F(StagedChangesTest, MakesNothingReadyBelowAnotherMountPointOfTheSameFileSy
 	EXPECT_THAT(LinesOf(log, "staging.cpp"), IsEmpty()) << "it was found out by a step that failed";
 	ASSERT_EQ(umount(installed.c_str()), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, StagedMountTest, testing::Values("tmpfs", ""));
 
 TEST_F(StagedChangesTest, MakesNewDirectoriesInPlaceWhereTheyGetTheirGroupFromTheOneAbove) {
 	ASSERT_EQ(chmod(Installed("").c_str(), 02755), 0);
